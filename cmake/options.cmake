@@ -1,0 +1,31 @@
+# Build options, language level, warnings and floating-point rules: the same for every room.
+
+option(TORVALE_TESTS "Build the tests" ON)
+option(TORVALE_BENCH "Build the benchmarks" OFF)
+option(TORVALE_APP "Build the command line program" ON)
+option(TORVALE_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
+set(TORVALE_SANITIZE "" CACHE STRING "Sanitizers: address;undefined or thread")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
+endif()
+
+add_library(torvale_flags INTERFACE)
+target_compile_options(torvale_flags INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -Werror
+  # One point has one bit pattern: no contraction, no reassociation, in any build.
+  -ffp-contract=off -fno-fast-math)
+if(TORVALE_SANITIZE)
+  list(JOIN TORVALE_SANITIZE "," sanitizers)
+  target_compile_options(torvale_flags INTERFACE -fsanitize=${sanitizers} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(torvale_flags INTERFACE -fsanitize=${sanitizers})
+endif()

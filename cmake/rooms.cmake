@@ -1,0 +1,64 @@
+# The rooms of src/, lowest floor first, and what each may include. A room that includes anything else does not build.
+
+set(all_rooms matrix probability host syntax language engine optimizer model parallel evaluation data modes
+    integration compartment solve inference run)
+set(TORVALE_ROOMS ${all_rooms} CACHE STRING "Rooms to configure (a part of the house builds alone)")
+
+set(may_include_matrix "")
+set(may_include_probability matrix)
+set(may_include_host "")
+set(may_include_syntax host)
+set(may_include_language syntax host)
+set(may_include_engine syntax host probability)
+set(may_include_optimizer matrix)
+set(may_include_model engine optimizer syntax host)
+set(may_include_parallel model ${may_include_model})
+set(may_include_evaluation parallel model matrix probability host syntax engine optimizer)
+set(may_include_data evaluation ${may_include_evaluation})
+set(may_include_modes evaluation ${may_include_evaluation})
+set(may_include_integration modes ${may_include_modes})
+set(may_include_compartment language syntax host)
+set(may_include_solve integration data ${may_include_integration})
+set(may_include_inference solve ${may_include_solve})
+set(may_include_run inference compartment language ${may_include_inference})
+
+# torvale_room(NAME SOURCES files... [LIBRARIES external targets...])
+# Declares src/NAME as the library torvale_NAME, linked with the rooms that it may include.
+function(torvale_room name)
+  cmake_parse_arguments(ROOM "" "" "SOURCES;LIBRARIES" ${ARGN})
+  add_library(torvale_${name} STATIC ${ROOM_SOURCES})
+  target_include_directories(torvale_${name} PUBLIC "${CMAKE_SOURCE_DIR}/src")
+  target_link_libraries(torvale_${name} PUBLIC ${ROOM_LIBRARIES} PRIVATE torvale_flags)
+  foreach(lower IN LISTS may_include_${name})
+    target_link_libraries(torvale_${name} PUBLIC torvale_${lower})
+  endforeach()
+  add_custom_target(check_room_${name}
+    COMMAND ${CMAKE_COMMAND} -DROOM=${name} "-DALLOWED=${may_include_${name}}" -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
+            -P "${CMAKE_SOURCE_DIR}/cmake/check_includes.cmake" VERBATIM)
+  add_dependencies(torvale_${name} check_room_${name})
+endfunction()
+
+# torvale_test(NAME ROOM room SOURCES files...): one GoogleTest program, discovered by ctest.
+function(torvale_test name)
+  cmake_parse_arguments(TEST "" "" "SOURCES;ROOMS;LIBRARIES" ${ARGN})
+  add_executable(${name} ${TEST_SOURCES})
+  target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests" "${CMAKE_SOURCE_DIR}/src" "${CMAKE_SOURCE_DIR}/include")
+  foreach(room IN LISTS TEST_ROOMS)
+    target_link_libraries(${name} PRIVATE torvale_${room})
+  endforeach()
+  target_link_libraries(${name} PRIVATE torvale_flags ${TEST_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE TORVALE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
+endfunction()
+
+# torvale_bench(NAME ROOMS rooms SOURCES files...): one Google Benchmark program.
+function(torvale_bench name)
+  cmake_parse_arguments(BENCH "" "" "SOURCES;ROOMS;LIBRARIES" ${ARGN})
+  add_executable(${name} ${BENCH_SOURCES})
+  foreach(room IN LISTS BENCH_ROOMS)
+    target_link_libraries(${name} PRIVATE torvale_${room})
+  endforeach()
+  target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/src" "${CMAKE_SOURCE_DIR}/include")
+  target_link_libraries(${name} PRIVATE torvale_flags ${BENCH_LIBRARIES} benchmark::benchmark)
+  target_compile_definitions(${name} PRIVATE TORVALE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+endfunction()
