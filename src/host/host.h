@@ -1,0 +1,72 @@
+#pragma once
+#include "host/by_groups.h"
+#include "host/csv.h"
+#include "host/data_set.h"
+#include "host/host_exit.h"
+#include "host/libraries.h"
+#include "host/messages.h"
+#include "host/missing.h"
+#include "host/pool.h"
+#include "host/results.h"
+#include "host/table.h"
+#include "host/text.h"
+#include "host/utility_file.h"
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace torvale::host {
+
+// Everything the rest of the program may ask of the world around it: log, listing, tables, data sets, clock, threads.
+// Used from the main thread, but for interrupted().
+class Host {
+public:
+  virtual ~Host() = default;
+
+  virtual MessageLog& log() = 0;
+  virtual TableSink& tables() = 0;
+  virtual Libraries& libraries() = 0;
+  virtual const RunResults& results() const = 0;
+
+  // The course of a run, as the driver tells it. Tables published before the first group of a step go to that group.
+  virtual void begin_step() = 0;
+  virtual void begin_group(ByValues by) = 0;
+  virtual void end_group(int return_code) = 0;
+  virtual void end_step(int return_code) = 0; // writes out open data sets and tables first
+
+  // xpsout: a raw line for the listing; not part of the results.
+  virtual void xpsout(std::string_view line) = 0;
+
+  // What the run is doing now; drawn on a terminal only, and gone afterwards.
+  virtual void progress(std::string_view text) = 0;
+
+  virtual double seconds() const = 0;           // of a clock that only moves forward; for limits, never for results
+  virtual std::uint32_t clock_seed() const = 0; // 1 to 2147483646, from the time of day
+  virtual int cores() const = 0;                // at least 1
+  virtual const std::string* option(std::string_view name) const = 0; // xoptcgt: host option; null when not set
+
+  // Has somebody asked the run to stop? Safe from every thread and from a signal handler.
+  bool interrupted() const { return interrupted_.load(std::memory_order_relaxed); }
+  void interrupt() { interrupted_.store(true, std::memory_order_relaxed); }
+
+private:
+  std::atomic<bool> interrupted_{false};
+};
+
+// How the embedded host behaves. Paths that are empty are not written.
+struct HostOptions {
+  std::string version;        // of Torvale, for the results
+  std::string program;        // file name of the program, for the results
+  Libraries::Places places;
+  std::function<void(std::string_view)> listing;  // takes text of the listing; empty: none
+  std::function<void(std::string_view)> log;      // takes lines of the log with their ends; empty: none
+  std::function<void(std::string_view)> progress; // draws progress; empty: none
+  std::vector<std::pair<std::string, std::string>> options; // host options by name, as "DEBUG"
+};
+
+std::unique_ptr<Host> make_host(HostOptions options);
+
+} // namespace torvale::host

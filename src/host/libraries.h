@@ -1,0 +1,100 @@
+#pragma once
+#include "host/csv.h"
+#include "host/data_set.h"
+#include "host/data_set_options.h"
+#include "host/messages.h"
+#include "host/results.h"
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace torvale::host {
+
+// A data set as the program names it: "theoph", "mylib.theoph", or a quoted path, and the options behind it.
+struct DataSetReference {
+  std::string name;
+  bool quoted = false; // name is a path
+  DataSetOptions options;
+};
+
+// An output data set while it is being written: columns first, then rows, then finish. Rows stay in memory until then; the
+// file is replaced only when its successor is complete. Output that nobody finished is finished when the step ends.
+class OutputDataSet {
+public:
+  // xvputi, xvputd: declare the next column; the name is cut to 32 bytes and made unique. Returns its number.
+  std::size_t add_column(std::string name, ColumnKind kind, std::string label = {});
+  std::size_t add_column_like(const Column& column) { return add_column(column.name(), column.kind(), column.label()); }
+
+  // xyvput: write one row: set what is not missing, then end the row.
+  void set(std::size_t column, double value) { numbers_[column] = value; }
+  void set(std::size_t column, std::string_view value) { texts_[column] = value; }
+  void set_from(std::size_t column, const Column& source, std::size_t row);
+  void end_row();
+
+  std::size_t rows() const { return data_.rows(); }
+  const DataSet& data() const { return data_; }
+  DataSet& data() { return data_; } // for sorting rows before the end
+  const std::string& name() const { return data_.name; }
+
+private:
+  friend class Libraries;
+  DataSet data_;
+  DataSetOptions options_;
+  std::string library_; // lower case
+  std::string member_;
+  std::string path_;    // file that will be written; the database for a table of SQLite
+  std::vector<double> numbers_;
+  std::vector<std::string> texts_;
+};
+
+// The names of data sets: where they are read from and written to.
+class Libraries {
+public:
+  struct Places {
+    std::string program_folder = "."; // one-level names and relative paths are found here
+    std::string output_folder = ".";  // one-level names and relative paths are written here
+  };
+  explicit Libraries(Places places) : places_(std::move(places)) {}
+
+  void bind_data(std::string_view name, std::string path);       // --data NAME=PATH
+  void bind_library(std::string_view library, std::string path); // --library NAME=PATH: folder or SQLite file
+  std::vector<std::string> bound_names() const;                  // names given to bind_data, sorted
+
+  // xoopen: find and read an input data set, options applied. A one-level name is, in this order: a data set that an
+  // earlier step wrote to work, a bound name, NAME.csv (.csv.gz, .csv.zst) in the program's folder. Nothing, with a message
+  // that lists where it was looked for and names alike, when it cannot be read.
+  std::optional<DataSet> xoopen(const DataSetReference& reference, MessageSink& log,
+                                const MessagePlace& place = {}) const;
+
+  // Opens an output data set. Null, with a message, when the name is wrong, already open in this step, or its place cannot
+  // be written. Owned by the libraries until the step ends.
+  OutputDataSet* open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place = {});
+
+  // xoclose: write it out. 0, or -1 with a message. The pointer is dead afterwards.
+  int xoclose(OutputDataSet* output, MessageSink& log);
+
+  // Writes out whatever is still open (a step that ended early keeps what it wrote). 0, or -1 with a message.
+  int close_all(MessageSink& log);
+
+  // Data sets written since the last call, for the results of a step.
+  std::vector<DataSetResult> take_written();
+
+private:
+  struct Written {
+    std::string path;
+    ColumnKinds kinds; // so that a character column of digits comes back as characters
+  };
+  std::optional<DataSet> read_path(const std::string& path, const std::string& name, MessageSink& log,
+                                   const MessagePlace& place, const ColumnKinds& kinds = {}) const;
+
+  Places places_;
+  std::map<std::string, std::string> data_;      // lower-case one-level name -> path
+  std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
+  std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote
+  std::vector<std::unique_ptr<OutputDataSet>> open_;
+  std::vector<DataSetResult> finished_;
+};
+
+} // namespace torvale::host

@@ -1,0 +1,143 @@
+#pragma once
+#include <concepts>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+// Numbered messages. Words, severity and advice stand in one table, catalogue.cpp; a caller gives group, number and named
+// arguments. Groups: 503 the procedure, 352 the optimizer, 549 the optimizer's reports, 0 labels of tables. Numbers of
+// 503 from 9000 on are the embedded host's own.
+namespace torvale::host {
+
+enum class Severity { note, warning, error };
+std::string_view severity_name(Severity severity); // "note", "warning", "error"
+
+// One named argument; numbers become their shortest text.
+struct MessageArgument {
+  std::string name;
+  std::string value;
+  MessageArgument(std::string_view n, std::string_view v) : name(n), value(v) {}
+  MessageArgument(std::string_view n, const char* v) : name(n), value(v) {}
+  MessageArgument(std::string_view n, const std::string& v) : name(n), value(v) {}
+  MessageArgument(std::string_view n, double v);
+  MessageArgument(std::string_view n, std::integral auto v) : name(n), value(std::to_string(v)) {}
+};
+using MessageArguments = std::vector<MessageArgument>;
+
+// Where something happened; every field may be left unset. Shown behind the text.
+struct MessagePlace {
+  std::string statement;  // name of the statement, as "PARMS"
+  int line = 0;           // line of the program, from 1
+  int column = 0;         // column of that line, from 1
+  std::int64_t row = 0;   // observation number, from 1
+  std::string subject;    // text of the subject
+  std::string file;       // data file
+  std::int64_t file_line = 0; // line of that file, from 1
+};
+
+struct Message {
+  int group = 0;
+  int number = 0;
+  Severity severity = Severity::note;
+  std::string text;
+  int by_group = -1; // number of the BY group from 0, -1 outside
+};
+
+// What the catalogue says of one message.
+struct CatalogueEntry {
+  int group;
+  int number;
+  Severity severity;
+  std::string_view text;   // {name} is an argument; [ ... {name} ... ] is dropped when an argument in it is not given
+  std::string_view causes; // usual causes; may be empty
+  std::string_view advice; // what to try; may be empty
+};
+
+// The whole catalogue, sorted by group and number.
+const std::vector<CatalogueEntry>& catalogue();
+const CatalogueEntry* find_message(int group, int number); // null when there is none
+
+// What "torvale explain CODE" prints; CODE is "503/72", "503-72" or "72" (group 503). Empty when there is no such message.
+std::string explain_message(std::string_view code);
+
+// xpmstr: the words of a message, arguments filled in. A number that the catalogue lacks still gives a text that names
+// group, number and all arguments. (x host, pm print message, str to a string.)
+std::string xpmstr(int group, int number, const MessageArguments& arguments = {});
+
+// otbmsg: the words of a label or title of an output table. (otb output table, msg message.)
+inline std::string otbmsg(int group, int number, const MessageArguments& arguments = {})
+{
+  return xpmstr(group, number, arguments);
+}
+
+// Anything that takes messages: the log, or a worker's journal.
+class MessageSink {
+public:
+  virtual ~MessageSink() = default;
+
+  // xpmlog: raise a message. (x host, pm print message, log to the log.)
+  void xpmlog(int group, int number, const MessageArguments& arguments = {}, const MessagePlace& place = {});
+
+  // xpslog: a raw line for the log, without number; not part of the results.
+  virtual void xpslog(std::string_view line) = 0;
+
+  virtual void post(Message message) = 0;
+};
+
+// The messages of one worker during one evaluation, kept until the main thread replays them in a fixed order.
+class Journal final : public MessageSink {
+public:
+  explicit Journal(std::size_t limit = 100) : limit_(limit) {}
+  void post(Message message) override;
+  void xpslog(std::string_view line) override;
+  void replay(MessageSink& sink); // hands everything on in order and empties the journal
+  void clear();
+  bool empty() const { return entries_.empty() && dropped_ == 0; }
+
+private:
+  struct Entry {
+    bool raw;
+    Message message; // of a raw line only the text counts
+  };
+  std::size_t limit_;        // most entries kept
+  std::size_t dropped_ = 0;  // entries beyond the limit
+  std::vector<Entry> entries_;
+};
+
+// The run's log: writes "NOTE:", "WARNING:", "ERROR:" lines and keeps the records for the results. Main thread only.
+class MessageLog final : public MessageSink {
+public:
+  using LineWriter = std::function<void(std::string_view line)>; // one line without its end
+  explicit MessageLog(LineWriter writer = {}) : writer_(std::move(writer)) {}
+
+  void post(Message message) override;
+  void xpslog(std::string_view line) override;
+
+  // Messages from now on belong to this BY group (from 0; -1 none). Counts of repeated messages start anew.
+  void set_by_group(int group);
+
+  // Says how often messages beyond the repeat limit occurred. Called when a group or a step ends.
+  void close_repeats();
+
+  const std::vector<Message>& messages() const { return messages_; }
+  std::vector<Message> take_messages() { return std::exchange(messages_, {}); }
+  bool has_errors() const { return errors_ > 0; }
+  std::size_t errors() const { return errors_; }
+
+  static constexpr int repeat_limit = 20; // the same message is shown this often per BY group
+
+private:
+  LineWriter writer_;
+  std::vector<Message> messages_;
+  std::map<std::pair<int, int>, int> repeats_; // (group, number) -> times in this BY group
+  int by_group_ = -1;
+  std::size_t errors_ = 0;
+};
+
+} // namespace torvale::host

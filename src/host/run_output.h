@@ -1,0 +1,53 @@
+#pragma once
+#include "host/messages.h"
+#include "host/results.h"
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace torvale::host {
+
+// A file that appears under its name only when it is complete: bytes go to a neighbour, commit() renames it.
+class AtomicFile {
+public:
+  explicit AtomicFile(std::string path);
+  ~AtomicFile(); // without commit the neighbour is removed and an older file stays
+  AtomicFile(const AtomicFile&) = delete;
+  AtomicFile& operator=(const AtomicFile&) = delete;
+
+  bool ok() const { return ok_; }
+  void write(std::string_view bytes);
+  bool commit(); // false when anything failed since the start
+  const std::string& problem() const { return problem_; }
+
+private:
+  std::string path_;
+  std::string temporary_;
+  std::string problem_; // what failed first, in the system's words
+  int descriptor_ = -1;
+  bool ok_ = false;
+};
+
+// A text file that grows as the run goes on (listing, log); "-" is standard output. Lines are there as soon as written.
+class StreamFile {
+public:
+  static std::unique_ptr<StreamFile> open(const std::string& path, std::string& problem); // null: problem says why
+  ~StreamFile();
+  void write(std::string_view text);
+  bool ok() const { return ok_; }
+
+private:
+  int descriptor_ = -1;
+  bool owned_ = false;
+  bool ok_ = true;
+};
+
+// Whole files; false with the system's words in `problem`.
+bool write_file(const std::string& path, std::string_view bytes, std::string& problem);
+bool read_file(const std::string& path, std::string& bytes, std::string& problem);
+bool make_folder(const std::string& path, std::string& problem); // with its parents; fine when it is there
+
+// Is the stream with this descriptor (1 standard output, 2 standard error) a terminal?
+bool is_terminal(int descriptor);
+
+} // namespace torvale::host
