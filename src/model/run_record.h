@@ -1,0 +1,185 @@
+#pragma once
+// NX: the record of one step, split by who may write it when.
+//
+//   RunOptions   what statements decide: written by statement processing (tvlinit), constant afterwards
+//   ModelLists   symbols, requests, programs: as above
+//   GroupState   what a BY group decides: constant during an evaluation
+//   FitState     what the optimizer's callbacks and the steps after the fit keep between evaluations (main thread only)
+//
+// What an evaluation writes lies in TVLThreadCtx (thread_context.h), never here.
+
+#include "engine/engine.h"
+#include "host/host.h"
+#include "model/parameters.h"
+#include "model/random_effects.h"
+#include "model/store.h"
+#include "model/thread_context.h"
+#include "optimizer/covstr.h"
+#include "optimizer/minstr.h"
+#include "syntax/records.h"
+#include "syntax/source.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace torvale::model {
+
+struct RunOptions {
+  // Integration
+  int method = 0;             // 0 quadrature, 1 first order, 2 Hardy, 3 importance sampling, 4 discrete random effects
+  bool adaptive = true;       // points centred at the mode; cleared by NOAD and without random effects
+  bool adscale = true;        // points scaled by the curvature at the mode; cleared by NOADSCALE and NOAD
+  bool search = false;        // SEARCH
+  bool nqpspec = false;       // QPOINTS= given
+  double qscale = 1.0;        // scale factor of the points
+  double qtol = 1e-4;         // relative change at which the number of points settles
+  double qfac = 10.0;         // growth of the number of points from 10 on
+  double qmax = -1.0;         // largest number of points tried
+  // Mode search
+  int ebstep = 50;            // most Newton steps
+  int ebsubstep = 20;         // most shrinking sub-steps at one step; 0 switches the safeguard off
+  double ebssfrac = 0.8;      // share of the trial point kept at a sub-step
+  double ebsstol = 1e-8;      // allowed rise of the function between steps
+  double ebtol = 1.110223024625157e-12; // bound on the largest step component
+  double ebmtol = 1e-5;       // of nested searches
+  bool ebopt = false;         // try the optimization library when Newton did not converge
+  bool ebzstart = false;      // always start at the mean
+  bool ebgn = false;          // Gauss-Newton Hessian in nested searches
+  // Tolerances
+  double singvar = 1.110223024625157e-12;
+  double singchol = 1.110223024625157e-12;
+  double singsweep = 1.110223024625157e-12;
+  double btol = 0.01;
+  // Derivatives
+  int fd = 0;                 // gradient: 0 analytic, 1 forward, 2 central, 3 chosen by the library
+  int fdh = 0;                // the same for the Hessian
+  bool needhessu = false;     // second derivatives by random effects are wanted
+  bool needcrossu = false;    // cross derivatives by random effects and parameters are wanted
+  bool needtriu = false;      // third derivatives are wanted
+  bool empirical = false;     // EMPIRICAL: sandwich covariance
+  bool subgrad = false;       // SUBGRADIENT=
+  // Inference and output
+  double alpha = 0.05;        // confidence level
+  double dfe_option = -1.0;   // DF=; -1 none
+  bool dfespec = false;       // DF= given
+  int nbest = 1;              // BEST= or 1
+  bool bestspec = false;      // BEST= given
+  bool noopt = false;         // TECHNIQUE=NONE
+  bool pcov = false, pcorr = false, pecov = false, pecorr = false, peder = false, phess = false, pstart = false;
+  bool itdetails = false;     // ITDETAILS: history columns, and notes about failed evaluations
+  bool lognote = false;       // LOGNOTE
+  int loglevel = 0;           // detail of log notes, 0 to 3
+  bool lb = false;            // LB
+  bool debug = false;
+  bool list = false, listcode = false, listdep = false, xref = false, listder = false;
+  bool nosort = false;        // NOSORTSUB
+  bool retfail = false;
+  bool runThreads = false;    // NTHREADS= not 0
+  int nthreads = 0;           // threads the program asked for
+  int command_threads = 0;    // threads the command line asked for (--threads); 0 serial, negative all cores
+  long seed = 0;              // after zranms
+  bool bydata = false;        // PARMS / BYDATA
+};
+
+struct EstimateStatement {
+  std::string label;
+  engine::CMPLIST expr;         // value symbols: one, or the rows of a CONTRAST
+  engine::CMPDER der;           // by parameters
+  const engine::Program* program = nullptr; // values, then rows x np derivatives
+  double alpha = -1.0;          // ALPHA= or -1
+  double df = -1.0;             // DF= or -1
+  bool derivatives = false;     // DER
+  syntax::Position where;
+};
+
+struct ModelLists {
+  syntax::PROCSTR* proc = nullptr;            // parsed statements; borrowed
+  const syntax::SourceMap* sources = nullptr; // borrowed
+  std::shared_ptr<engine::CMPGLOBAL> gcmp;    // the compiled model
+  int disttype = 0;                           // MODEL distribution code
+  std::string depname;                        // dependent variable
+  engine::CMPSYM* depsym = nullptr;
+  engine::CMPSYM* llsym = nullptr;            // _ll
+  engine::CMPSYM* repsym = nullptr;           // REPLICATE variable, or null
+  int nparm = 0;                              // parameters
+  std::vector<PARMSTR> parmstr;               // one per parameter
+  long npoints = 1;                           // points of the starting grid
+  bool noprod = false;                        // the grid is a list of rows, not a product
+  std::vector<REFFECT> reff;                  // RANDOM statements, deepest level first
+  int nreff() const { return static_cast<int>(reff.size()); }
+  int nlag = 0;                               // lag depth of the program
+  engine::CMPLIST prsym;                      // parameters
+  engine::CMPDER gradstr;                     // _ll by parameters, without random effects
+  ModelPrograms programs;                     // of the single block, or without random effects
+  // Data pass: _ll, the gradient cells that the method uses, distribution arguments, their derivatives, dependent, replicate.
+  const engine::Program* pass_program = nullptr;
+  std::vector<char> pass_kind;                // per output of pass_program: a BadCause to report when missing
+  std::vector<EstimateStatement> estimates;   // ESTIMATE
+  std::vector<EstimateStatement> contrasts;   // CONTRAST
+  std::vector<host::ByVariable> bylist;       // BY variables
+  bool notsorted = false;
+  std::vector<int> rhs;                       // data variables (dsvarno) that distribution arguments depend on
+};
+
+struct GroupState {
+  int group = 0;                              // number of the BY group, from 0
+  std::unique_ptr<Store> store;
+  std::shared_ptr<const engine::BoundData> bound; // data-only values of all programs
+  int nqp = -1;                               // quadrature points per dimension; -1 until chosen; 1 without random effects
+  int nqpold = -1;
+  std::vector<double> absc;                   // abscissas, ascending, nqp of them
+  std::vector<double> herm;                   // logs of the weights
+  // Modes of the random effects, nr per subject, subjects in order (block 0).
+  std::vector<double> ebes;                   // accepted: every evaluation starts its searches here
+  std::vector<char> ebes_known;               // per subject: an accepted mode is stored
+  std::vector<double> ebtrial;                // written by the last evaluation
+  std::vector<char> ebtrial_known;
+  std::vector<double> ebtrial_point;          // parameter vector that ebtrial belongs to; empty when none
+  std::vector<double> ebesold;                // modes of the best grid point
+  std::vector<char> ebesold_known;
+  std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker
+  // Slots: one per subject (or per block of observations): value, gradient, status. Summed in subject order.
+  std::vector<double> slot_value;
+  std::vector<double> slot_grad;              // slots x grad_stride
+  std::vector<int> slot_status;               // 0 good, else the message number of the failure
+  std::vector<std::int64_t> slot_row;         // store row that the failure names, or -1
+  long grad_stride = 0;                       // doubles between gradients of two slots: a multiple of 8
+};
+
+struct FitState {
+  std::vector<double> parm;                   // current parameters
+  std::vector<double> parmlast;               // point that str.grad belongs to; empty when none
+  bool dograd = false;                        // gradient wanted from the objective
+  double objfun = 0.0;                        // objective at parm
+  std::vector<double> objgrad;                // its gradient, nparm doubles
+  bool failed = false;                        // the last evaluation failed
+  std::vector<double> goodgrad;               // last gradient of a good evaluation
+  std::vector<POINT> savepoint;               // best grid points, best first
+  double cold = 0.0;                          // objective of the last accepted iterate, for the history table
+  bool converged = false;
+  bool havemeat = false;
+  std::vector<double> meat;                   // np(np+1)/2: sum of outer products of subject gradients
+  int znlprc = 0;                             // result of the optimizer; above 0 the fit stands
+  double fval = 0.0;                          // objective at the estimates
+  std::vector<double> hessmat;                // Hessian at the estimates, packed
+  std::vector<double> covmat;                 // covariance of the estimates, packed
+  double det[5] = {0, 0, 0, 0, 0};            // determinant record of the Hessian
+  std::vector<double> finalgrad;              // gradient at the estimates
+  double ndf = 0.0, ddf = 0.0, dfe = -1.0;    // degrees of freedom in use
+  int tvlrc = 0;                              // worst return code: 0, 4, 1012, 1016; only grows
+  long ncmprun = 0;                           // program runs (lanes) of the group
+};
+
+struct NX : RunOptions, ModelLists, GroupState, FitState {
+  host::Host* host = nullptr;                 // borrowed
+  std::unique_ptr<optimizer::MINSTR> str;     // the optimizer's problem block
+  std::unique_ptr<optimizer::COVSTR> covstr;  // its covariance block
+  host::Table* ithis = nullptr;               // open iteration history, or null
+  void raise(int code) { if (code > tvlrc) tvlrc = code; }
+};
+
+// True when the last solve left usable estimates.
+bool converged_or_usable(const NX& n);
+
+} // namespace torvale::model
