@@ -1,4 +1,5 @@
 # Refuses an include that points at a room outside the list. Run by every room's build: -DROOM -DALLOWED -DSOURCE_DIR.
+cmake_minimum_required(VERSION 3.25)
 file(GLOB room_folders RELATIVE "${SOURCE_DIR}/src" "${SOURCE_DIR}/src/*")
 file(GLOB_RECURSE files "${SOURCE_DIR}/src/${ROOM}/*.h" "${SOURCE_DIR}/src/${ROOM}/*.cpp")
 foreach(file IN LISTS files)
