@@ -32,12 +32,12 @@ using MessageArguments = std::vector<MessageArgument>;
 
 // Where something happened; every field may be left unset. Shown behind the text.
 struct MessagePlace {
-  std::string statement;  // name of the statement, as "PARMS"
+  std::string statement{}; // name of the statement, as "PARMS"
   int line = 0;           // line of the program, from 1
   int column = 0;         // column of that line, from 1
   std::int64_t row = 0;   // observation number, from 1
-  std::string subject;    // text of the subject
-  std::string file;       // data file
+  std::string subject{};   // text of the subject
+  std::string file{};      // data file
   std::int64_t file_line = 0; // line of that file, from 1
 };
 
@@ -45,7 +45,7 @@ struct Message {
   int group = 0;
   int number = 0;
   Severity severity = Severity::note;
-  std::string text;
+  std::string text{};
   int by_group = -1; // number of the BY group from 0, -1 outside
 };
 

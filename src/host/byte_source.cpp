@@ -1,0 +1,187 @@
+#include "host/byte_source.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+#include <zlib.h>
+#include <zstd.h>
+
+namespace torvale::host {
+
+namespace {
+
+constexpr std::size_t chunk = 1 << 18;
+
+struct CloseFile {
+  void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+class PlainFile final : public ByteSource {
+public:
+  explicit PlainFile(File file) : file_(std::move(file)) {}
+  std::ptrdiff_t read(char* to, std::size_t room) override
+  {
+    const std::size_t n = std::fread(to, 1, room, file_.get());
+    if (n == 0 && std::ferror(file_.get())) {
+      problem = std::strerror(errno);
+      return -1;
+    }
+    return static_cast<std::ptrdiff_t>(n);
+  }
+
+private:
+  File file_;
+};
+
+class TextBytes final : public ByteSource {
+public:
+  explicit TextBytes(std::string_view text) : rest_(text) {}
+  std::ptrdiff_t read(char* to, std::size_t room) override
+  {
+    const std::size_t n = std::min(room, rest_.size());
+    std::copy_n(rest_.data(), n, to);
+    rest_.remove_prefix(n);
+    return static_cast<std::ptrdiff_t>(n);
+  }
+
+private:
+  std::string_view rest_;
+};
+
+// gzip, also several members one after the other.
+class GzipFile final : public ByteSource {
+public:
+  explicit GzipFile(File file) : file_(std::move(file)), input_(chunk) { ok_ = inflateInit2(&z_, 15 + 16) == Z_OK; }
+  ~GzipFile() override { inflateEnd(&z_); }
+  std::ptrdiff_t read(char* to, std::size_t room) override
+  {
+    if (!ok_) return fail("no memory");
+    z_.next_out = reinterpret_cast<Bytef*>(to);
+    z_.avail_out = static_cast<uInt>(std::min(room, chunk));
+    const uInt wanted = z_.avail_out;
+    while (z_.avail_out == wanted) {
+      if (z_.avail_in == 0) {
+        const std::size_t n = std::fread(input_.data(), 1, input_.size(), file_.get());
+        if (n == 0 && between_members_) return 0;
+        if (n == 0) return fail("the compressed file ends too early");
+        z_.next_in = input_.data();
+        z_.avail_in = static_cast<uInt>(n);
+      }
+      if (between_members_) inflateReset(&z_);
+      between_members_ = false;
+      const int code = inflate(&z_, Z_NO_FLUSH);
+      if (code == Z_STREAM_END) between_members_ = true;
+      else if (code != Z_OK && code != Z_BUF_ERROR) return fail(z_.msg ? z_.msg : "the compressed data are damaged");
+    }
+    return static_cast<std::ptrdiff_t>(wanted - z_.avail_out);
+  }
+
+private:
+  std::ptrdiff_t fail(const char* why)
+  {
+    problem = why;
+    return -1;
+  }
+  File file_;
+  std::vector<Bytef> input_;
+  z_stream z_{};
+  bool ok_ = false;
+  bool between_members_ = false;
+};
+
+class ZstdFile final : public ByteSource {
+public:
+  explicit ZstdFile(File file) : file_(std::move(file)), input_(chunk), z_(ZSTD_createDCtx()) {}
+  ~ZstdFile() override { ZSTD_freeDCtx(z_); }
+  std::ptrdiff_t read(char* to, std::size_t room) override
+  {
+    if (!z_) return fail("no memory");
+    ZSTD_outBuffer out{to, room, 0};
+    while (out.pos == 0) {
+      if (in_.pos == in_.size) {
+        const std::size_t n = std::fread(input_.data(), 1, input_.size(), file_.get());
+        if (n == 0 && frame_done_) return 0;
+        if (n == 0) return fail("the compressed file ends too early");
+        in_ = {input_.data(), n, 0};
+      }
+      const std::size_t code = ZSTD_decompressStream(z_, &out, &in_);
+      if (ZSTD_isError(code)) return fail(ZSTD_getErrorName(code));
+      frame_done_ = code == 0;
+    }
+    return static_cast<std::ptrdiff_t>(out.pos);
+  }
+
+private:
+  std::ptrdiff_t fail(const char* why)
+  {
+    problem = why;
+    return -1;
+  }
+  File file_;
+  std::vector<char> input_;
+  ZSTD_DCtx* z_;
+  ZSTD_inBuffer in_{nullptr, 0, 0};
+  bool frame_done_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<ByteSource> open_bytes(const std::string& path, std::string& problem)
+{
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) {
+    problem = "it is a folder";
+    return nullptr;
+  }
+  File file(std::fopen(path.c_str(), "rb"));
+  if (!file) {
+    problem = std::strerror(errno);
+    return nullptr;
+  }
+  unsigned char mark[4] = {};
+  const std::size_t n = std::fread(mark, 1, sizeof mark, file.get());
+  std::rewind(file.get());
+  if (n >= 2 && mark[0] == 0x1F && mark[1] == 0x8B) return std::make_unique<GzipFile>(std::move(file));
+  if (n == 4 && mark[0] == 0x28 && mark[1] == 0xB5 && mark[2] == 0x2F && mark[3] == 0xFD)
+    return std::make_unique<ZstdFile>(std::move(file));
+  return std::make_unique<PlainFile>(std::move(file));
+}
+
+std::unique_ptr<ByteSource> bytes_of(std::string_view text) { return std::make_unique<TextBytes>(text); }
+
+std::string compressed_for(const std::string& path, std::string bytes)
+{
+  if (path.ends_with(".gz")) {
+    z_stream z{};
+    deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
+    std::string out(deflateBound(&z, bytes.size()) + 64, '\0');
+    z.next_in = reinterpret_cast<Bytef*>(bytes.data());
+    z.next_out = reinterpret_cast<Bytef*>(out.data());
+    // zlib counts in 32 bits: feed and drain in pieces.
+    std::size_t fed = 0;
+    int code = Z_OK;
+    while (code != Z_STREAM_END) {
+      const std::size_t piece = std::min<std::size_t>(bytes.size() - fed, 1u << 30);
+      z.avail_in = static_cast<uInt>(piece);
+      fed += piece;
+      do {
+        z.avail_out = static_cast<uInt>(std::min<std::size_t>(out.size() - z.total_out, 1u << 30));
+        code = deflate(&z, fed == bytes.size() ? Z_FINISH : Z_NO_FLUSH);
+      } while (z.avail_in > 0 || (fed == bytes.size() && code == Z_OK));
+    }
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    return out;
+  }
+  if (path.ends_with(".zst")) {
+    std::string out(ZSTD_compressBound(bytes.size()), '\0');
+    out.resize(ZSTD_compress(out.data(), out.size(), bytes.data(), bytes.size(), 3));
+    return out;
+  }
+  return bytes;
+}
+
+} // namespace torvale::host

@@ -1,0 +1,226 @@
+#include "host/missing.h"
+#include "host/text.h"
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <system_error>
+
+namespace torvale::host {
+
+namespace {
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Decimal exponent of a magnitude, 0 for 0.
+int decimal_exponent(double x) { return x == 0.0 ? 0 : static_cast<int>(std::floor(std::log10(std::fabs(x)))); }
+
+// Does the text look like a number: [sign] digits [. digits] [e [sign] digits], with a digit before or behind the point?
+bool has_number_shape(std::string_view s)
+{
+  std::size_t i = 0, digits = 0;
+  if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
+  for (; i < s.size() && is_digit(s[i]); ++i) ++digits;
+  if (i < s.size() && s[i] == '.')
+    for (++i; i < s.size() && is_digit(s[i]); ++i) ++digits;
+  if (digits == 0) return false;
+  if (i < s.size() && (s[i] == 'e' || s[i] == 'E')) {
+    ++i;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
+    if (i == s.size() || !is_digit(s[i])) return false;
+    while (i < s.size() && is_digit(s[i])) ++i;
+  }
+  return i == s.size();
+}
+
+// Out of the range of a double: too small (0 is as near as can be) or too large? Decided by the decimal exponent of the
+// first digit that is not 0.
+bool is_too_small(std::string_view s)
+{
+  const std::size_t e = s.find_first_of("eE");
+  std::string_view mantissa = s.substr(0, e);
+  long exponent = 0;
+  if (e != std::string_view::npos) {
+    std::string_view digits = s.substr(e + 1);
+    if (digits.front() == '+') digits.remove_prefix(1);
+    const auto [p, error] = std::from_chars(digits.data(), digits.data() + digits.size(), exponent);
+    if (error != std::errc()) return digits.front() == '-';
+  }
+  const std::size_t point = std::min(mantissa.find('.'), mantissa.size());
+  const std::size_t first = mantissa.find_first_of("123456789");
+  if (first == std::string_view::npos) return true;
+  const long place = first < point ? static_cast<long>(point - first) : -static_cast<long>(first - point);
+  return exponent + place < 0;
+}
+
+std::string exponent_text(double x, int width)
+{
+  char buffer[40];
+  for (int precision = std::max(0, width - 5); precision >= 0; --precision) {
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, x, std::chars_format::scientific, precision).ptr;
+    if (end - buffer <= width || precision == 0) return {buffer, end};
+  }
+  return {};
+}
+
+std::string fixed_text(double x, int decimals)
+{
+  char buffer[400];
+  const auto end = std::to_chars(buffer, buffer + sizeof buffer, x, std::chars_format::fixed, decimals).ptr;
+  std::string text(buffer, end);
+  // A value that rounds to nothing has no sign.
+  if (text.front() == '-' && text.find_first_of("123456789") == std::string::npos) text.erase(0, 1);
+  return text;
+}
+
+// As many digits as fit in `width` places, without trailing zeros; the shorter of plain and exponent form.
+std::string best_text(double x, int width)
+{
+  const std::string whole = shortest(x);
+  if (static_cast<int>(whole.size()) <= width) return whole;
+  const int exponent = decimal_exponent(x);
+  if (exponent < width && exponent >= -4) {
+    const int before = std::max(exponent, 0) + 1 + (x < 0 ? 1 : 0);
+    std::string text = fixed_text(x, std::clamp(width - before - 1, 0, 60));
+    if (text.find('.') != std::string::npos) {
+      text.erase(text.find_last_not_of('0') + 1);
+      if (text.back() == '.') text.pop_back();
+    }
+    if (static_cast<int>(text.size()) <= width) return text;
+  }
+  return exponent_text(x, width);
+}
+
+std::string special_text(double x)
+{
+  if (std::isinf(x)) return x > 0 ? "I" : "-I";
+  return std::string(1, missing_letter(canonical_missing(x)));
+}
+
+// Decimals that show at least `significant` digits of x in `width` places, or -1 when an exponent is needed.
+int decimals_for(double x, int width, int significant)
+{
+  const int exponent = decimal_exponent(x);
+  const int wanted = std::max(0, significant - 1 - exponent);
+  const int before = std::max(exponent, 0) + 1 + (x < 0 ? 1 : 0);
+  const int room = width - before - (wanted > 0 ? 1 : 0);
+  if (room < 0) return -1;
+  if (wanted <= room) return wanted;
+  return -1;
+}
+
+} // namespace
+
+void append_shortest(std::string& out, double x)
+{
+  if (std::isnan(x)) {
+    const char letter = missing_letter(canonical_missing(x));
+    out += '.';
+    if (letter != '.') out += letter;
+    return;
+  }
+  char buffer[40];
+  out.append(buffer, std::to_chars(buffer, buffer + sizeof buffer, x).ptr);
+}
+
+std::string shortest(double x)
+{
+  std::string out;
+  append_shortest(out, x);
+  return out;
+}
+
+std::optional<double> parse_number(std::string_view text)
+{
+  if (!has_number_shape(text)) return std::nullopt;
+  std::string_view digits = text.front() == '+' ? text.substr(1) : text;
+  double x = 0.0;
+  const auto [p, error] = std::from_chars(digits.data(), digits.data() + digits.size(), x);
+  if (error == std::errc::result_out_of_range) {
+    if (!is_too_small(digits)) return std::nullopt;
+    return digits.front() == '-' ? -0.0 : 0.0;
+  }
+  return x;
+}
+
+std::optional<double> parse_missing(std::string_view text)
+{
+  if (text.empty() || text == ".") return missing;
+  if (text.size() != 2 || text[0] != '.') return std::nullopt;
+  const char c = text[1];
+  const bool kind = c == '_' || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+  return kind ? std::optional<double>(special_missing(c)) : std::nullopt;
+}
+
+NumberFormat parse_format(std::string_view text)
+{
+  NumberFormat format;
+  if (text.empty()) return format;
+  const std::size_t digit = std::min(text.find_first_of("0123456789"), text.size());
+  const std::string kind = wzstrup(text.substr(0, digit));
+  if (kind == "D") format.kind = NumberFormat::Kind::best_fit;
+  else if (kind == "PVALUE") format.kind = NumberFormat::Kind::probability;
+  else if (kind.empty()) format.kind = NumberFormat::Kind::fixed;
+  const std::string_view sizes = text.substr(digit);
+  const std::size_t point = std::min(sizes.find('.'), sizes.size());
+  std::from_chars(sizes.data(), sizes.data() + point, format.width);
+  if (point < sizes.size()) std::from_chars(sizes.data() + point + 1, sizes.data() + sizes.size(), format.digits);
+  return format;
+}
+
+std::string format_number(double x, const NumberFormat& format)
+{
+  if (!std::isfinite(x)) return special_text(x);
+  switch (format.kind) {
+  case NumberFormat::Kind::fixed: {
+    std::string text = fixed_text(x, format.digits);
+    return static_cast<int>(text.size()) <= format.width ? text : best_text(x, format.width);
+  }
+  case NumberFormat::Kind::probability: {
+    const double smallest = std::pow(10.0, -format.digits);
+    const bool below = x >= 0.0 && x < smallest;
+    std::string text = fixed_text(below ? smallest : x, format.digits);
+    if (below) text[0] = '<'; // in place of the leading zero
+    return text;
+  }
+  case NumberFormat::Kind::best_fit: {
+    if (x == 0.0) return "0";
+    const int decimals = decimals_for(x, format.width, format.digits);
+    return decimals < 0 ? exponent_text(x, format.width) : fixed_text(x, decimals);
+  }
+  case NumberFormat::Kind::best: break;
+  }
+  return best_text(x, format.width);
+}
+
+std::vector<std::string> format_column(const std::vector<double>& values, const NumberFormat& format)
+{
+  std::vector<std::string> out;
+  out.reserve(values.size());
+  int common = -1; // decimals of the whole column
+  if (format.kind == NumberFormat::Kind::best_fit) {
+    int widest = 1;
+    bool whole = true; // integers throughout need no decimals
+    for (const double x : values) {
+      if (!std::isfinite(x) || x == 0.0) continue;
+      const int decimals = decimals_for(x, format.width, format.digits);
+      if (decimals >= 0) common = std::max(common, decimals);
+      widest = std::max(widest, std::max(decimal_exponent(x), 0) + 1 + (x < 0 ? 1 : 0));
+      whole = whole && x == std::floor(x) && std::fabs(x) < 1e15;
+    }
+    if (whole) common = 0;
+    if (common > 0) common = std::clamp(format.width - widest - 1, 0, common);
+  }
+  for (const double x : values) {
+    // A value that the common decimals would show with too few digits keeps its own form.
+    const bool fits = common >= 0 && std::isfinite(x) &&
+                      (x == 0.0 || (decimals_for(x, format.width, format.digits) >= 0 &&
+                                    decimals_for(x, format.width, format.digits) <= common) ||
+                       (common == 0 && x == std::floor(x) && std::fabs(x) < 1e15));
+    std::string text = fits ? fixed_text(x, common) : format_number(x, format);
+    if (static_cast<int>(text.size()) > format.width) text = format_number(x, format);
+    out.push_back(std::move(text));
+  }
+  return out;
+}
+
+} // namespace torvale::host

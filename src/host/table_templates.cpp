@@ -1,0 +1,115 @@
+#include "host/table_writers.h"
+#include "host/text.h"
+#include <fmt/format.h>
+
+namespace torvale::host {
+
+namespace {
+
+// Column name, heading, format. A format is for numbers; texts are shown as they are.
+constexpr ColumnTemplate templates[] = {
+    {"Descr", "Description", ""},
+    {"Value", "Value", "BEST10"},
+    {"Parameter", "Parameter", ""},
+    {"Label", "Label", ""},
+    {"Row", "Row", "8"},
+    {"Estimate", "Estimate", "D9.4"},
+    {"StandardError", "Standard Error", "D9.4"},
+    {"DF", "DF", "BEST6"},
+    {"NumDF", "Num DF", "BEST6"},
+    {"DenDF", "Den DF", "BEST6"},
+    {"tValue", "t Value", "7.2"},
+    {"FValue", "F Value", "7.2"},
+    {"Probt", "Pr > |t|", "PVALUE6.4"},
+    {"ProbF", "Pr > F", "PVALUE6.4"},
+    {"Alpha", "Alpha", "BEST6"},
+    {"Lower", "Lower {confidence}% Limit", "D9.4"},
+    {"Upper", "Upper {confidence}% Limit", "D9.4"},
+    {"Gradient", "Gradient", "D9.3"},
+    {"LowerBC", "Lower Bound", "BEST9"},
+    {"UpperBC", "Upper Bound", "BEST9"},
+    {"ActiveBC", "Active Bound", ""},
+    {"Iter", "Iteration", "6"},
+    {"Flag1", "", ""},
+    {"Flag2", "", ""},
+    {"Restart", "Restarts", "6"},
+    {"Calls", "Calls", "6"},
+    {"Active", "Active Constraints", "6"},
+    {"NegLogLike", "Negative Log Likelihood", "D12.7"},
+    {"Diff", "Difference", "D10.4"},
+    {"MaxGrad", "Maximum Gradient", "D10.4"},
+    {"StdDev", "Standard Deviation", "D10.4"},
+    {"Slope", "Slope", "D10.4"},
+    {"Reason", "Convergence Status", ""},
+    {"Status", "Status", "6"},
+};
+
+} // namespace
+
+const ColumnTemplate* column_template(std::string_view column)
+{
+  for (const ColumnTemplate& t : templates)
+    if (t.name == column) return &t;
+  return nullptr;
+}
+
+std::string column_heading(const Table& table, const TableColumn& column)
+{
+  const ColumnTemplate* t = column_template(column.name);
+  std::string heading = !column.label.empty() ? column.label : t ? std::string(t->heading) : column.name;
+  for (const auto& [name, value] : table.dynamic) {
+    const std::string mark = "{" + name + "}";
+    const std::size_t at = heading.find(mark);
+    if (at != std::string::npos) heading.replace(at, mark.size(), format_number(value, parse_format("BEST6")));
+  }
+  // A heading whose value was not given loses the mark and the percent sign behind it.
+  if (const std::size_t at = heading.find(" {"); at != std::string::npos)
+    heading.erase(at, heading.find(' ', at + 1) - at);
+  return heading;
+}
+
+std::string column_format(const TableColumn& column)
+{
+  if (!column.format.empty()) return column.format;
+  const ColumnTemplate* t = column_template(column.name);
+  if (t && !t->format.empty()) return std::string(t->format);
+  return column.kind == CellKind::integer ? "12" : "D10.4";
+}
+
+std::vector<std::string> formatted_cells(const Table& table, std::size_t column)
+{
+  const NumberFormat format = parse_format(column_format(table.columns[column]));
+  std::vector<double> values;
+  std::vector<std::string> out;
+  for (const auto& row : table.rows()) values.push_back(row[column].as_number());
+  const std::vector<std::string> numbers = format_column(values, format);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const Cell& cell = table.rows()[i][column];
+    if (cell.text()) out.push_back(*cell.text());
+    else if (cell.integer()) out.push_back(std::to_string(*cell.integer()));
+    else out.push_back(numbers[i]);
+  }
+  return out;
+}
+
+DataSet table_data_set(const Table& table)
+{
+  DataSet data;
+  data.name = table.name;
+  data.label = table.label;
+  for (std::size_t i = 0; i < table.columns.size(); ++i) {
+    const TableColumn& c = table.columns[i];
+    Column column(c.name, c.kind == CellKind::text ? ColumnKind::character : ColumnKind::numeric, c.label);
+    for (const auto& row : table.rows()) {
+      const Cell& cell = row[i];
+      if (column.numeric()) column.append(cell.as_number());
+      else if (cell.text()) column.append(std::string_view(*cell.text()));
+      else if (cell.is_missing()) column.append_missing();
+      else column.append(shortest(cell.as_number()));
+    }
+    data.add(std::move(column));
+  }
+  return data;
+}
+
+} // namespace torvale::host
