@@ -1,0 +1,20 @@
+#pragma once
+// The programs of a model: which derivatives it needs, and one specialised program per set of outputs.
+
+#include "model/run_record.h"
+
+namespace torvale::evaluation {
+
+// build_programs: the derivative requests of the likelihood. Call after llsym, prsym, depsym, repsym and each REFFECT's ransym,
+// distrsym, prsym (parameters, then its random effects), nr, nrs, npr are set, and before cmpgen. Completes the flags needhessu,
+// needcrossu, needtriu from method, adaptive, adscale and fd (a flag that the caller has set stays set) and fills
+// gradstr, hessustr, triustr, gradrstr with what they ask for; nothing more is differentiated.
+// Returns 0; 3000 after message 503/10 (a random effect that the likelihood does not depend on); 1012 when a derivative
+// is refused (the engine's diagnostics say why) or after message 503/303 (a distribution argument depends on a random effect).
+int build_programs(model::NX& n);
+
+// specialise_programs: after cmpgen. Fills n.programs (value programs always, the others as the flags ask), pass_program with
+// pass_kind. Returns 0 or 1012.
+int specialise_programs(model::NX& n);
+
+} // namespace torvale::evaluation
