@@ -93,8 +93,22 @@ struct EstimateStatement {
   syntax::Position where;
 };
 
+// PARMS data set: what it is and how its rows become grid points.
+struct StartingData {
+  std::shared_ptr<const host::DataSet> data;  // null: no PARMS / DATA=
+  bool wide = false;                          // one column per parameter; else rows of Parameter, Estimate
+  bool by = false;                            // rows are matched to BY groups
+  host::ByGroups groups;                      // its BY groups, when by is set
+  std::vector<std::string> names;             // parameters that it gives, in order
+};
+
 struct ModelLists {
   syntax::PROCSTR* proc = nullptr;            // parsed statements; borrowed
+  const host::DataSet* fid = nullptr;         // input data set; borrowed from the driver
+  std::string data_name;                      // its name for people: library and member
+  StartingData pdata;                         // PARMS / DATA=
+  std::string repname;                        // REPLICATE variable; empty without one
+  std::vector<std::string> no_influence;      // parameters and effects that statement processing has warned of
   const syntax::SourceMap* sources = nullptr; // borrowed
   std::shared_ptr<engine::CMPGLOBAL> gcmp;    // the compiled model
   int disttype = 0;                           // MODEL distribution code
@@ -124,6 +138,7 @@ struct ModelLists {
 
 struct GroupState {
   int group = 0;                              // number of the BY group, from 0
+  host::ByGroup rows;                         // its rows in the input data set
   std::unique_ptr<Store> store;
   std::shared_ptr<const engine::BoundData> bound; // data-only values of all programs
   int nqp = -1;                               // quadrature points per dimension; -1 until chosen; 1 without random effects
@@ -176,6 +191,7 @@ struct NX : RunOptions, ModelLists, GroupState, FitState {
   std::unique_ptr<optimizer::MINSTR> str;     // the optimizer's problem block
   std::unique_ptr<optimizer::COVSTR> covstr;  // its covariance block
   host::Table* ithis = nullptr;               // open iteration history, or null
+  int (*starting_tables)(NX&) = nullptr;      // writes "StartingValues" before the first iteration (START); may be null
   void raise(int code) { if (code > tvlrc) tvlrc = code; }
 };
 

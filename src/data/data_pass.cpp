@@ -1,0 +1,287 @@
+// One pass over the data with the model program, before anything is fitted: which observations can be used, and is
+// constant within a subject what must be.
+
+#include "data/data_pass.h"
+
+#include "data/row_runner.h"
+#include "host/missing.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace torvale::data {
+
+using model::BadCause;
+using model::NX;
+
+namespace {
+
+host::MessagePlace place_of(const NX& n, std::int64_t row)
+{
+  host::MessagePlace place;
+  place.row = n.store->file_row[static_cast<std::size_t>(row)];
+  if (n.nreff() > 0) {
+    const auto& subjects = n.reff[0].SubInfo;
+    const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
+                                     [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
+    place.subject = std::prev(it)->prnc;
+  }
+  return place;
+}
+
+std::int64_t observation_number(const NX& n, std::int64_t row)
+{
+  return n.store->group_row[static_cast<std::size_t>(row)] + 1;
+}
+
+// Everything that the pass learns of the rows.
+struct Pass {
+  std::vector<double> arguments; // nobs x nd: distribution arguments of each row (no random effects: empty)
+  std::vector<double> loglik;    // _ll of each row
+};
+
+int report_stop(NX& n, int rc, std::int64_t row)
+{
+  if (rc > 2) n.host->log().xpmlog(503, 9201, {{"code", rc}, {"observation", observation_number(n, row)}}, place_of(n, row));
+  n.raise(1012);
+  return 1;
+}
+
+// Distribution arguments of every row, from the slice of the program that yields them; random effects stand at 0 there,
+// and may not enter.
+int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
+{
+  const auto& reff = n.reff[0];
+  pass.arguments.resize(static_cast<std::size_t>(n.store->nobs * reff.nd));
+  const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
+  frame.set_points(zero.data(), 1, 1);
+  std::int64_t at = 0;
+  const int rc = run_rows(
+      n, frame, *n.programs.setup_value, {},
+      [&](const engine::Tile& tile, const engine::Frame& f) {
+        for (int k = 0; k < reff.nd; ++k) {
+          const double* values = f.output(k);
+          for (int j = 0; j < tile.lanes; ++j)
+            pass.arguments[static_cast<std::size_t>(tile.observation[j] * reff.nd + k)] = values[j];
+        }
+        return 0;
+      },
+      at);
+  return rc == 0 ? 0 : report_stop(n, rc, at);
+}
+
+void mark(NX& n, std::int64_t row, BadCause cause)
+{
+  auto& bad = n.store->badobs[static_cast<std::size_t>(row)];
+  if (bad == BadCause::none) bad = cause;
+}
+
+// The whole program at the means: `_ll`, the derivatives that the method uses, the dependent and replicate variables.
+int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
+{
+  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
+  const int nd = n.nreff() > 0 ? n.reff[0].nd : 0;
+  const auto rows = static_cast<std::size_t>(n.store->nobs);
+  std::vector<double> means(std::max<std::size_t>(1, static_cast<std::size_t>(nr)) * rows, 0.0);
+  std::vector<std::int32_t> point(nr > 0 ? rows : 0);
+  if (nr > 0 && n.reff[0].distrtype == 0) {
+    for (std::size_t row = 0; row < rows; ++row)
+      for (int e = 0; e < nr; ++e)
+        means[static_cast<std::size_t>(e) * rows + row] =
+            arguments.arguments[row * static_cast<std::size_t>(nd) + static_cast<std::size_t>(e)];
+  }
+  for (std::size_t row = 0; row < point.size(); ++row) point[row] = static_cast<std::int32_t>(row);
+  frame.set_points(means.data(), nr > 0 ? static_cast<int>(rows) : 1, static_cast<int>(rows));
+
+  pass.loglik.assign(rows, host::missing);
+  if (n.repsym != nullptr) n.store->replicate.assign(rows, host::missing);
+  const int outputs = static_cast<int>(n.pass_kind.size());
+  std::int64_t at = 0;
+  const int rc = run_rows(
+      n, frame, *n.pass_program, point,
+      [&](const engine::Tile& tile, const engine::Frame& f) {
+        bool ll_seen = false;
+        for (int k = 0; k < outputs; ++k) {
+          const auto cause = static_cast<BadCause>(n.pass_kind[static_cast<std::size_t>(k)]);
+          const double* values = f.output(k);
+          const bool is_ll = cause == BadCause::log_likelihood && !ll_seen;
+          ll_seen = ll_seen || is_ll;
+          for (int j = 0; j < tile.lanes; ++j) {
+            const auto row = static_cast<std::size_t>(tile.observation[j]);
+            if (is_ll) pass.loglik[row] = values[j];
+            if (cause == BadCause::replicate) n.store->replicate[row] = values[j];
+            const bool refused = cause == BadCause::replicate && !(values[j] >= n.singvar);
+            if (std::isnan(values[j]) || refused) mark(n, tile.observation[j], cause);
+          }
+        }
+        return 0;
+      },
+      at);
+  return rc == 0 ? 0 : report_stop(n, rc, at);
+}
+
+// Looks closer at the rows that came out unusable: a program fault ends the group; a value that went missing without a
+// missing value in the data deserves a warning.
+int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
+{
+  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
+  std::array<long, 8> counts{};
+  std::array<std::int64_t, 8> firsts{};
+  std::array<std::string, 8> reasons{};
+  constexpr int inspected_most = 200; // a fault shows at once; the rest is counting
+  int inspected = 0;
+  for (std::int64_t row = 0; row < n.store->nobs; ++row) {
+    const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
+    if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate) continue;
+    std::string reason;
+    bool data_missing = false;
+    for (const auto& column : n.store->view.columns)
+      data_missing = data_missing || (column.numeric != nullptr && std::isnan(column.numeric[row]));
+    if (inspected < inspected_most && !engine::sequential(*n.pass_program)) {
+      ++inspected;
+      std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
+      if (nr > 0 && n.reff[0].distrtype == 0)
+        std::copy_n(arguments.arguments.begin() + row * n.reff[0].nd, nr, mean.begin());
+      frame.set_points(mean.data(), 1, 1);
+      frame.set_range(row, 1);
+      std::vector<engine::Fault> faults;
+      int nerror = 0, nmissgen = 0;
+      frame.run_checked(*n.pass_program, row, 0, faults, nerror, nmissgen);
+      if (nerror > 0 && !faults.empty()) {
+        auto place = place_of(n, row);
+        place.line = n.sources->user_position(faults[0].where).line;
+        n.host->log().xpmlog(503, 70, {{"observation", observation_number(n, row)}, {"reason", faults[0].text}}, place);
+        n.raise(1012);
+        return 1;
+      }
+      if (!faults.empty()) reason = faults[0].text;
+    }
+    if (data_missing) continue;
+    const auto c = static_cast<std::size_t>(cause);
+    if (counts[c]++ == 0) {
+      firsts[c] = row;
+      reasons[c] = reason;
+    }
+  }
+  static constexpr std::array<const char*, 8> what = {
+      "", "the dependent variable", "the replicate variable", "the log likelihood", "a derivative of the log likelihood",
+      "an argument of RANDOM", "a derivative of an argument of RANDOM", "DELETE"};
+  for (std::size_t c = 0; c < counts.size(); ++c) {
+    if (counts[c] == 0 || c == static_cast<std::size_t>(BadCause::deleted)) continue;
+    n.host->log().xpmlog(503, 9202,
+                         {{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])},
+                          {"reason", reasons[c]}},
+                         place_of(n, firsts[c]));
+    n.raise(4);
+  }
+  return 0;
+}
+
+bool same_value(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+
+// Distribution arguments (message 137), the data variables behind them (146) and the replicate count (9203) must not change
+// within a subject.
+int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
+{
+  const auto& reff = n.reff[0];
+  const std::int64_t first = subject.fvalidobs;
+  for (std::int64_t row = first + 1; row < subject.first_row + subject.SubCount; ++row) {
+    if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
+    for (int k = 0; k < reff.nd; ++k) {
+      const auto at = [&](std::int64_t r) { return pass.arguments[static_cast<std::size_t>(r * reff.nd + k)]; };
+      if (same_value(at(row), at(first))) continue;
+      n.host->log().xpmlog(503, 137, {{"observation", observation_number(n, row)}}, place_of(n, row));
+      return 1;
+    }
+    for (const int dsvarno : n.rhs)
+      for (const auto& column : n.store->view.columns) {
+        if (column.dsvarno != dsvarno) continue;
+        const bool same = column.numeric != nullptr ? same_value(column.numeric[row], column.numeric[first])
+                                                    : column.codes[row] == column.codes[first];
+        if (same) continue;
+        const auto& name = n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
+        n.host->log().xpmlog(503, 146, {{"variable", name}, {"observation", observation_number(n, row)}}, place_of(n, row));
+        return 1;
+      }
+    if (n.repsym != nullptr && !same_value(n.store->replicate[static_cast<std::size_t>(row)],
+                                           n.store->replicate[static_cast<std::size_t>(first)])) {
+      n.host->log().xpmlog(503, 9203, {{"variable", n.repname}, {"observation", observation_number(n, row)}}, place_of(n, row));
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int count_subjects(NX& n, const Pass& pass)
+{
+  auto& reff = n.reff[0];
+  reff.nsub = 0;
+  reff.nrepsub = 0.0;
+  reff.ntmax = 0;
+  for (auto& subject : reff.SubInfo) {
+    subject.used = 0;
+    for (std::int64_t row = subject.first_row; row < subject.first_row + subject.SubCount; ++row) {
+      if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
+      if (subject.used++ == 0) subject.fvalidobs = row;
+      subject.lvalidobs = row;
+    }
+    subject.badsub = subject.used == 0;
+    if (subject.badsub) continue;
+    subject.weight = n.repsym != nullptr ? n.store->replicate[static_cast<std::size_t>(subject.lvalidobs)] : 1.0;
+    ++reff.nsub;
+    reff.nrepsub += subject.weight;
+    reff.ntmax = std::max<long>(reff.ntmax, subject.used);
+    if (check_subject(n, pass, subject) != 0) {
+      n.raise(1012);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+// Observations that the model calls impossible at the starting values: the fit will fail there, so name the worst now.
+void report_impossible(NX& n, const Pass& pass)
+{
+  std::vector<std::int64_t> rows;
+  for (std::int64_t row = 0; row < n.store->nobs; ++row)
+    if (n.store->badobs[static_cast<std::size_t>(row)] == BadCause::none &&
+        !(pass.loglik[static_cast<std::size_t>(row)] > model::impossible_loglik))
+      rows.push_back(row);
+  if (rows.empty()) return;
+  std::string shown;
+  for (std::size_t i = 0; i < std::min<std::size_t>(3, rows.size()); ++i)
+    shown += (i > 0 ? ", " : "") + std::to_string(observation_number(n, rows[i]));
+  n.host->log().xpmlog(503, 9204, {{"count", rows.size()}, {"observations", shown}}, place_of(n, rows[0]));
+}
+
+} // namespace
+
+int tvldata(NX& n)
+{
+  auto& log = n.host->log();
+  if (n.lognote) log.xpmlog(503, 401, {{"data", n.bylist.empty() ? "data" : "by-group data"}});
+  if (!n.nqpspec && (n.method == 0 || n.method == 3) && n.nreff() > 0) n.nqp = -1;
+
+  engine::Frame frame(*n.gcmp, n.bound);
+  std::vector<double> theta;
+  for (const auto& p : n.parmstr) theta.push_back(p.parmlist.empty() ? 1.0 : p.parmlist[0]);
+  frame.set_parameters(theta.data());
+
+  Pass pass;
+  if (n.nreff() > 0 && run_arguments(n, frame, pass) != 0) return 1;
+  if (run_program(n, frame, pass, pass) != 0) return 1;
+  if (inspect_bad_rows(n, frame, pass) != 0) return 1;
+
+  n.store->nobsu = std::count(n.store->badobs.begin(), n.store->badobs.end(), BadCause::none);
+  if (n.nreff() > 0 && count_subjects(n, pass) != 0) return 1;
+  if (n.store->nobsu == 0) {
+    log.xpmlog(503, 71);
+    n.raise(1012);
+    return 1;
+  }
+  report_impossible(n, pass);
+  return 0;
+}
+
+} // namespace torvale::data

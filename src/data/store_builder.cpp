@@ -1,0 +1,126 @@
+// Builds the columnar store of a BY group. Everything downstream sees rows in subject order; the maps back to the file
+// are kept for messages only.
+
+#include "data/data_pass.h"
+#include "data/subject_index.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace torvale::data {
+
+using model::NX;
+using model::Store;
+
+namespace {
+
+void keep_column(NX& n, Store& store, const engine::CMPSYM& symbol)
+{
+  const host::Column& column = n.fid->columns()[static_cast<std::size_t>(symbol.dsvarno - 1)];
+  engine::DataColumn kept;
+  kept.dsvarno = symbol.dsvarno;
+  const auto rows = static_cast<std::size_t>(store.nobs);
+  if (column.numeric()) {
+    auto values = store.datapool->doubles(rows);
+    for (std::size_t k = 0; k < rows; ++k)
+      values[k] = column.number(n.rows.begin + static_cast<std::size_t>(store.group_row[k]));
+    kept.numeric = values.data();
+  } else {
+    auto codes = store.datapool->array<std::int32_t>(rows);
+    for (std::size_t k = 0; k < rows; ++k)
+      codes[k] = static_cast<std::int32_t>(column.codes()[n.rows.begin + static_cast<std::size_t>(store.group_row[k])]);
+    kept.codes = codes.data();
+    kept.dictionary = &column.dictionary();
+  }
+  store.view.columns.push_back(kept);
+}
+
+void set_rows(NX& n, Store& store, std::vector<std::int32_t> order)
+{
+  store.nobs = static_cast<std::int64_t>(order.size());
+  const auto rows = order.size();
+  store.group_row.assign(order.begin(), order.end());
+  store.row_of_group.resize(rows);
+  store.file_row.resize(rows);
+  for (std::size_t k = 0; k < rows; ++k) {
+    store.row_of_group[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k);
+    store.file_row[k] = n.fid->file_row(n.rows.begin + static_cast<std::size_t>(order[k]));
+  }
+  store.badobs.assign(rows, model::BadCause::none);
+}
+
+void set_subjects(NX& n, Store& store, model::REFFECT& reff, const SubjectRows& index)
+{
+  const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
+  reff.SubInfo.assign(static_cast<std::size_t>(index.count()), {});
+  for (int s = 0; s < index.count(); ++s) {
+    auto& subject = reff.SubInfo[static_cast<std::size_t>(s)];
+    subject.index = s;
+    subject.first_row = index.start[static_cast<std::size_t>(s)];
+    subject.SubCount = index.start[static_cast<std::size_t>(s) + 1] - index.start[static_cast<std::size_t>(s)];
+    const auto file = n.rows.begin + static_cast<std::size_t>(store.group_row[static_cast<std::size_t>(subject.first_row)]);
+    if (column.numeric()) subject.n = column.number(file);
+    subject.prnc = column.shown(file);
+    std::fill_n(store.subject_start.begin() + subject.first_row, subject.SubCount,
+                static_cast<std::int32_t>(subject.first_row));
+  }
+}
+
+// Says how the file lies: unsorted data are fine with the index, and worth a warning without it.
+void report_order(NX& n, const model::REFFECT& reff, const SubjectRows& index)
+{
+  if (!n.nosort) {
+    if (index.count() < index.changes) n.host->log().xpmlog(503, 753, {{"variable", reff.subname}});
+    return;
+  }
+  const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
+  for (std::size_t row = n.rows.begin + 1; row < n.rows.end; ++row) {
+    if (host::compare_cells(column, row, column, row - 1) >= 0) continue;
+    host::MessagePlace place;
+    place.row = n.fid->file_row(row);
+    n.host->log().xpmlog(503, 337, {{"variable", reff.subname}}, place);
+    n.raise(4);
+    return;
+  }
+}
+
+} // namespace
+
+int tvlenvt(NX& n)
+{
+  n.bound.reset();
+  n.ctx.clear();
+  n.store = std::make_unique<Store>();
+  Store& store = *n.store;
+  store.datapool = host::xmpoolc("data store");
+
+  SubjectRows index;
+  if (n.nreff() > 0) {
+    if (tvlsubj(n, n.reff[0], index) != 0) {
+      n.raise(1012);
+      return 1;
+    }
+    set_rows(n, store, index.order);
+    store.subject_start.assign(index.order.size(), 0);
+    set_subjects(n, store, n.reff[0], index);
+    report_order(n, n.reff[0], index);
+  } else {
+    if (n.rows.rows() == 0) {
+      n.host->log().xpmlog(503, 71);
+      n.raise(1012);
+      return 1;
+    }
+    std::vector<std::int32_t> order(n.rows.rows());
+    std::iota(order.begin(), order.end(), 0);
+    set_rows(n, store, std::move(order));
+    store.subject_start.assign(static_cast<std::size_t>(store.nobs), 0);
+  }
+
+  store.view.rows = store.nobs;
+  for (const engine::CMPSYM* symbol : engine::cmppdv(*n.gcmp).variables) keep_column(n, store, *symbol);
+  store.view.subject_start = store.subject_start.data();
+  n.bound = engine::cmpbind(*n.gcmp, store.view);
+  return 0;
+}
+
+} // namespace torvale::data

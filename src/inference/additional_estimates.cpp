@@ -1,0 +1,109 @@
+#include "host/missing.h"
+#include "inference/expressions.h"
+#include "inference/tables.h"
+#include "matrix/quadratic_forms.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::inference {
+
+using host::CellKind;
+using host::missing;
+using model::NX;
+
+namespace {
+
+host::TableColumn text_column(const char* name, int label) { return {name, CellKind::text, host::otbmsg(503, label), "", ""}; }
+
+host::TableColumn number_column(const char* name, int label, const char* format)
+{
+  return {name, CellKind::number, host::otbmsg(503, label), format, ""};
+}
+
+// "CovMatAddEst" or "CorrMatAddEst": rows of statements, a column for each.
+host::Table matrix_table(const NX& n, const char* name, int label, int title, const char* family)
+{
+  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""}, text_column("Label", 202)};
+  for (std::size_t k = 1; k <= n.estimates.size(); ++k) {
+    const std::string column = family + std::to_string(k);
+    columns.push_back({column, CellKind::number, column, "D10.4", family});
+  }
+  host::Table table(name, host::otbmsg(503, label), std::move(columns));
+  table.title = host::otbmsg(503, title);
+  return table;
+}
+
+host::Table derivative_table(const NX& n)
+{
+  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""}, text_column("Label", 202)};
+  for (const auto& p : n.parmstr) columns.push_back({("Der " + p.parmname).substr(0, 49), CellKind::number, p.parmname, "D10.4", "Der"});
+  return {"DerAddEst", host::otbmsg(503, 283), std::move(columns)};
+}
+
+} // namespace
+
+int tvlesti(NX& n)
+{
+  const auto count = n.estimates.size();
+  const auto np = static_cast<std::size_t>(n.nparm);
+  if (n.loglevel > 0) n.host->log().xpmlog(503, 408, {{"what", count == 1 ? "estimate" : "estimates"}});
+  ExpressionValues values;
+  if (evaluate_expressions(n, n.estimates, "ESTIMATE", values) != 0) return 1;
+
+  // E = G C G', packed: the covariance of the additional estimates.
+  const bool matrices = n.pecov || n.pecorr;
+  std::vector<double> e(count * (count + 1) / 2), work(np);
+  for (std::size_t r = 0; r < count; ++r)
+    for (std::size_t c = 0; c <= r; ++c)
+      e[r * (r + 1) / 2 + c] = matrix::zmxbi(&values.gradient[r * np], &values.gradient[c * np], n.covmat.data(), n.nparm);
+  const auto element = [&](std::size_t r, std::size_t c) { return r >= c ? e[r * (r + 1) / 2 + c] : e[c * (c + 1) / 2 + r]; };
+
+  const bool robust = n.empirical && n.havemeat;
+  host::Table estimates("AdditionalEstimates", host::otbmsg(503, 280),
+                        {text_column("Label", 202), number_column("Estimate", 201, "D10.4"), number_column("StandardError", 203, "D10.4"),
+                         number_column("DF", 205, "BEST6"), number_column("tValue", 206, "7.2"), number_column("Probt", 207, "PVALUE6.4"),
+                         number_column("Alpha", 208, "BEST6"), number_column("Lower", 209, "D10.4"), number_column("Upper", 210, "D10.4")});
+  host::Table covariances = matrix_table(n, "CovMatAddEst", 281, robust ? 264 : 260, "Cov");
+  host::Table correlations = matrix_table(n, "CorrMatAddEst", 282, robust ? 262 : 258, "Corr");
+  host::Table derivatives = derivative_table(n);
+  bool any_derivatives = n.peder;
+
+  for (std::size_t k = 0; k < count; ++k) {
+    const auto& statement = n.estimates[k];
+    double v = element(k, k);
+    if (matrices && !(v > 0)) v = missing;
+    const auto usable = [&](std::size_t j) { return !std::isnan(v) && element(j, j) > 0; };
+    if (matrices) {
+      std::vector<host::Cell> cov = {k + 1, statement.label}, corr = cov;
+      for (std::size_t j = 0; j < count; ++j) {
+        cov.emplace_back(element(k, j));
+        corr.emplace_back(j == k ? 1.0
+                                 : usable(j) ? std::clamp(element(k, j) / std::sqrt(v) / std::sqrt(element(j, j)), -1.0, 1.0) : missing);
+      }
+      covariances.row(std::move(cov));
+      correlations.row(std::move(corr));
+    }
+    TVAL t;
+    t.estimate = values.value[k];
+    t.sder = std::isnan(v) || v < n.singvar ? missing : std::sqrt(v);
+    t.alpha = statement.alpha >= 0 ? statement.alpha : n.alpha;
+    t.dfe = statement.df >= 0 ? statement.df : n.dfe;
+    tvltval(t);
+    estimates.row({statement.label, t.estimate, t.sder, t.dfe, t.tval, t.prob, t.alpha, t.lower, t.upper});
+    if (n.peder || statement.derivatives) {
+      any_derivatives = true;
+      std::vector<host::Cell> row = {k + 1, statement.label};
+      for (std::size_t j = 0; j < np; ++j) row.emplace_back(values.gradient[k * np + j]);
+      derivatives.row(std::move(row));
+    }
+  }
+  auto& tables = n.host->tables();
+  tables.wobmth(std::move(estimates));
+  if (n.pecov) tables.wobmth(std::move(covariances));
+  if (n.pecorr) tables.wobmth(std::move(correlations));
+  if (any_derivatives) tables.wobmth(std::move(derivatives));
+  return 0;
+}
+
+} // namespace torvale::inference

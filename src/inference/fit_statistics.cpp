@@ -1,0 +1,36 @@
+#include "inference/tables.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::inference {
+
+void write_fit_statistics(model::NX& n)
+{
+  using host::CellKind;
+  const double c = n.fval;                                         // minimized negative log likelihood
+  const double p = n.nparm;                                        // parameters
+  const double m = std::max(static_cast<double>(n.store->nobsu), p + 2); // floor: AICC stays finite
+  const double q = n.nreff() > 0 ? n.reff.back().nrepsub : static_cast<double>(n.store->nobsu);
+  host::Table table("FitStatistics", host::otbmsg(503, 119),
+                    {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
+                     {"Value", CellKind::number, host::otbmsg(503, 32), "BEST8", ""}});
+  table.row({host::xpmstr(503, 120), 2 * c});
+  table.row({host::xpmstr(503, 121), 2 * (p + c)});
+  table.row({host::xpmstr(503, 122), 2 * (p * m / (m - p - 1) + c)});
+  table.row({host::xpmstr(503, 123), 2 * c + p * std::log(q)});
+  n.host->tables().wobmth(std::move(table));
+}
+
+void write_fit_tables(model::NX& n)
+{
+  if (n.znlprc > 0) write_fit_statistics(n);
+  tvlpest(n, 1);
+  if (n.phess && !n.hessmat.empty()) tvlphes(n, 0);
+  if (n.znlprc <= 0 || n.covmat.empty()) return;
+  const bool singular = n.det[4] != 0;
+  if (n.pcov || singular) tvlphes(n, 1);
+  if (n.pcorr || singular) tvlphes(n, 2);
+}
+
+} // namespace torvale::inference

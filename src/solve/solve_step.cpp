@@ -1,0 +1,173 @@
+#include "solve/solve_step.h"
+
+#include "integration/objective.h"
+#include "matrix/packed_kernels.h"
+#include "optimizer/optimizer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace torvale::solve {
+
+using model::NX;
+using optimizer::COVSTR;
+using optimizer::MINSTR;
+
+namespace {
+
+constexpr double largest = std::numeric_limits<double>::max();
+
+void start_problem(NX& n)
+{
+  MINSTR& str = *n.str;
+  n.covstr->nobs = static_cast<double>(n.store->nobsu);
+  n.dograd = str.fidi == 0;
+  n.converged = false;
+  n.havemeat = false;
+  n.znlprc = 0;
+  n.meat.clear();
+  n.covmat.clear();
+  n.hessmat.clear();
+  n.parmlast.clear();
+  str.covstr = n.covstr.get();
+  n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
+  std::copy(n.parm.begin(), n.parm.end(), str.x);
+  str.nitr = 0;
+  str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
+  str.tbig = 0;
+  str.stop = 0;
+  std::fill(std::begin(str.toln) + 11, std::end(str.toln), 0L);
+}
+
+// More zero pivots than active constraints explain, or negative ones: the user must know.
+void CheckEigVals(NX& n)
+{
+  const MINSTR& str = *n.str;
+  const COVSTR& cov = *n.covstr;
+  const double zeros = cov.projected.present ? cov.projected.det[4] : cov.hessian.det[4];
+  const double fixed = static_cast<double>(str.nalc + str.nabc);
+  const auto& record = cov.projected.present ? cov.projected : cov.hessian;
+  if (!record.present) return;
+  if (zeros > (cov.projected.present ? 0.0 : fixed)) n.host->log().xpmlog(503, 271, {{"count", zeros}});
+  if (record.det[3] > 0)
+    n.host->log().xpmlog(503, 272, {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
+}
+
+// An estimate within the tolerance of a bound is put on it. The tolerance grows with ipre, which the library raises while
+// it makes a start feasible; more than a factor 100 would move estimates visibly.
+void snap_to_bounds(NX& n)
+{
+  MINSTR& str = *n.str;
+  if (str.bounds == 0) return;
+  const double eps = str.ceps * std::pow(10.0, std::min(str.ipre, 2));
+  for (int i = 0; i < n.nparm; ++i) {
+    const double x = str.x[i];
+    if (str.lb[i] > -largest && str.iabc[i] != 2 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps) str.x[i] = str.lb[i];
+    if (str.ub[i] < largest && str.iabc[i] != 2 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps) str.x[i] = str.ub[i];
+  }
+}
+
+std::vector<double> full_matrix(const optimizer::StoredMatrix& m, int order)
+{
+  if (!m.present) return {};
+  if (m.form != 2) return m.elements;
+  std::vector<double> packed(static_cast<std::size_t>(order) * static_cast<std::size_t>(order + 1) / 2, 0.0);
+  for (int i = 0; i < order; ++i) packed[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2] = m.elements[static_cast<std::size_t>(i)];
+  return packed;
+}
+
+void read_matrices(NX& n)
+{
+  const COVSTR& cov = *n.covstr;
+  n.hessmat = full_matrix(cov.hessian, n.nparm);
+  n.covmat = full_matrix(cov.covariance, n.nparm);
+  const auto& record = cov.covariance.present ? cov.covariance : cov.hessian;
+  std::copy(std::begin(record.det), std::end(record.det), std::begin(n.det));
+}
+
+// The sandwich C M C, with M the sum of outer products of the subjects' gradients at the estimates.
+void robust_covariance(NX& n)
+{
+  const int np = n.nparm;
+  n.converged = true;
+  n.dograd = true;
+  n.parmlast.clear();
+  n.havemeat = false;
+  integration::tvllike(n);
+  if (n.covmat.empty() || integration::form_meat(n) != 0) {
+    n.host->log().xpmlog(503, 142);
+    n.raise(4);
+    return;
+  }
+  std::vector<double> work(static_cast<std::size_t>(np) * static_cast<std::size_t>(np));
+  matrix::zmxsss(n.covmat.data(), n.meat.data(), np, work.data());
+  n.covmat = n.meat;
+  for (int i = 0; i < np; ++i) {
+    const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
+    n.str->ster[i] = d >= n.singvar ? std::sqrt(d) : d >= 0 ? 0.0 : host::missing;
+  }
+}
+
+void degrees_of_freedom(NX& n)
+{
+  if (n.dfespec)
+    n.dfe = n.dfe_option;
+  else
+    n.dfe = n.nreff() > 0 ? n.reff[0].nrepsub - n.reff[0].nr : static_cast<double>(n.store->nobsu);
+}
+
+// A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that ended at
+// the slack of its strict bound.
+void warn_small(NX& n)
+{
+  for (int i = 0; i < n.nparm && !n.covmat.empty(); ++i) {
+    const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
+    if (d > 0 && d < n.singvar && n.str->iabc[i] == 0)
+      n.host->log().xpmlog(503, 9220, {{"name", n.parmstr[static_cast<std::size_t>(i)].parmname}, {"error", std::sqrt(d)}});
+    const auto& p = n.parmstr[static_cast<std::size_t>(i)];
+    if (p.applyl && p.lowbound > 0 && p.lowbound <= 2 * n.str->ceps && n.str->x[i] <= p.lowbound * (1 + 1e-6))
+      n.host->log().xpmlog(503, 9221, {{"name", p.parmname}, {"bound", p.lowbound}});
+  }
+}
+
+// The run's code for a failed optimization: limits leave a warning.
+int failure_code(const MINSTR& str, int code)
+{
+  if (code == -5) return static_cast<double>(str.mini) <= str.nitr ? 1012 : 0;
+  return code == -7 || code == -8 ? 4 : 1012;
+}
+
+} // namespace
+
+int tvlsolv(NX& n)
+{
+  MINSTR& str = *n.str;
+  start_problem(n);
+  n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
+  if (n.loglevel > 0) n.host->log().xpmlog(503, 403);
+  if (n.znlprc == 0) n.znlprc = optimizer::znlpdrv(&str, 2, 0, 0, 0);
+  if (n.ithis != nullptr || n.znlprc != 0) tvliter(n, 1000 + n.znlprc);
+  if (n.noopt && n.znlprc >= 0) {
+    n.znlprc = 1;
+    str.pcrit = n.objfun;
+  }
+  n.fval = str.imax != 0 ? -str.crit : str.crit;
+  if (n.znlprc < 0) n.raise(failure_code(str, n.znlprc));
+
+  // From here on everything reported belongs to the point that the optimizer returned.
+  if (n.znlprc > 0) CheckEigVals(n);
+  snap_to_bounds(n);
+  n.parm.assign(str.x, str.x + n.nparm);
+  if (str.fidi != 0 && str.usgrd != nullptr && n.znlprc > 0) str.usgrd(&str);
+  n.finalgrad.assign(str.grad, str.grad + n.nparm);
+  read_matrices(n);
+  if (n.empirical && n.znlprc > 0) robust_covariance(n);
+  n.converged = n.znlprc > 0 && !n.noopt;
+  degrees_of_freedom(n);
+  if (n.znlprc > 0) warn_small(n);
+  n.parm.assign(str.x, str.x + n.nparm);
+  return n.znlprc;
+}
+
+} // namespace torvale::solve

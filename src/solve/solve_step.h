@@ -1,0 +1,25 @@
+#pragma once
+// The solve step: the optimizer run of one BY group, its iteration history, and what is read back from it.
+
+#include "model/run_record.h"
+
+namespace torvale::solve {
+
+// tvlsolv: optimizes from n.parm by the optimization library (tvl procedure, solv solve): stage 1 makes the start feasible
+// and evaluates there, stage 2 runs the technique and ends with the covariance of the estimates. Leaves n.znlprc, n.parm
+// (estimates on a bound snapped onto it), n.fval, n.finalgrad, n.hessmat, n.covmat, n.det, standard errors in
+// n.str->ster, n.dfe; warns about the Hessian. Returns n.znlprc: above 0 the estimates are usable.
+int tvlsolv(model::NX& n);
+
+// nlpterm: the optimizer's termination callback: writes the history, tells the objective which iterate was accepted, and
+// ends with the library's test. (nlp nonlinear problem, term termination.) Returns what znlptrm returns.
+int nlpterm(optimizer::MINSTR* str, int job);
+
+// tvliter: one call of the iteration history (tvl procedure, iter iteration): job 10 opens "IterHistory", 1 writes a row,
+// 1000 + code closes it and writes "ConvergenceStatus".
+void tvliter(model::NX& n, int job);
+
+// The optimizer's messages, in the words of its library, go to the run's log.
+void optimizer_message(optimizer::MINSTR* str, int group, int number, int severity, const double* values, int count);
+
+} // namespace torvale::solve

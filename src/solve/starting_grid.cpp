@@ -1,0 +1,105 @@
+#include "solve/starting_grid.h"
+
+#include "data/starting_values.h"
+#include "integration/objective.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace torvale::solve {
+
+using model::NX;
+using model::POINT;
+
+namespace {
+
+// Puts a point among the best; ties keep the older one in front. True when it is the new best.
+bool keep_point(NX& n, long p, double objective)
+{
+  auto& best = n.savepoint;
+  const auto at = std::find_if(best.begin(), best.end(), [&](const POINT& q) { return q.obj > objective; });
+  if (at == best.end()) return false;
+  const bool first = at == best.begin();
+  best.insert(at, {p, objective});
+  best.pop_back();
+  return first;
+}
+
+// Evaluates the first usable grid point once more with the log open, so that the user sees which subject fails and why.
+void explain_failure(NX& n)
+{
+  for (long p = 0; p < n.npoints; ++p) {
+    if (!data::grid_point(n, p, n.parm.data())) continue;
+    const bool details = std::exchange(n.itdetails, true);
+    if (n.nqp < 1) n.nqp = 1;
+    integration::tvllike(n);
+    n.itdetails = details;
+    return;
+  }
+}
+
+bool keeps_modes(const NX& n) { return n.nreff() > 0 && (n.method == 0 || n.method == 3 || n.lb); }
+
+} // namespace
+
+int tvlparm(NX& n)
+{
+  auto& log = n.host->log();
+  n.savepoint.assign(static_cast<std::size_t>(n.nbest), {-1, model::failure_objective});
+  n.dograd = false;
+  n.parm.resize(static_cast<std::size_t>(n.nparm));
+  if (n.loglevel > 0) log.xpmlog(503, 402, {{"count", n.npoints}});
+  if (n.npoints > 100000 && !n.bestspec) log.xpmlog(503, 9210, {{"count", n.npoints}});
+
+  StartingTables tables(n);
+  bool settled = false;
+  for (long p = 0; p < n.npoints; ++p) {
+    if (!data::grid_point(n, p, n.parm.data())) {
+      log.xpmlog(503, 236, {{"point", p + 1}});
+      n.raise(4);
+      continue;
+    }
+    if (!settled) {
+      const int rc = settle_points(n);
+      if (rc == 2) {
+        n.raise(1012);
+        return 1;
+      }
+      if (rc == 1) continue; // no value here; the next point may have one
+      settled = true;
+      tables.open();
+    } else {
+      integration::tvllike(n);
+    }
+    if (!n.bestspec) tables.point(n.parm.data(), n.objfun);
+    if (keep_point(n, p, n.objfun) && keeps_modes(n)) {
+      n.ebesold = n.ebtrial;
+      n.ebesold_known = n.ebtrial_known;
+    }
+    if (n.host->interrupted()) break;
+  }
+
+  if (n.savepoint.empty() || n.savepoint[0].parmnum < 0) {
+    explain_failure(n);
+    log.xpmlog(503, 232, {{"count", n.npoints}});
+    n.raise(1012);
+    return 1;
+  }
+  if (n.bestspec) {
+    std::vector<double> theta(static_cast<std::size_t>(n.nparm));
+    for (const POINT& q : n.savepoint) {
+      if (q.parmnum < 0) break;
+      data::grid_point(n, q.parmnum, theta.data());
+      tables.point(theta.data(), q.obj);
+    }
+  }
+  data::grid_point(n, n.savepoint[0].parmnum, n.parm.data());
+  n.objfun = n.savepoint[0].obj;
+  if (keeps_modes(n)) {
+    n.ebes = n.ebesold;
+    n.ebes_known = n.ebesold_known;
+  }
+  return 0;
+}
+
+} // namespace torvale::solve
