@@ -45,6 +45,29 @@ constexpr CatalogueEntry entries[] = {
     {503, 9014, W, "Column {column} of {file} was asked for as numeric; {count} fields that are no numbers are missing (\"{value}\" first, in row {row}).", "", ""},
     {503, 9016, W, "Column {column} of {file} holds whole numbers with more digits than a number keeps (first in row {row}); they are rounded.",
      "Long identifiers; different ones may have become equal.", "Put a letter in front of them, so that they are read as characters."},
+
+    // --- The embedded host: data sets ---
+    {503, 9015, N, "{data} has {rows} rows. Numeric variables:{numeric}; character variables:{character}.", "", ""},
+    {503, 9020, E, "There is no data set {name} in {where}[; did you mean {near}?][ Known here: {known}.]",
+     "The name is misspelled, or the file lies in another folder.",
+     "A one-level name is a CSV file in the program's folder or a name given with --data NAME=PATH; a quoted text is a path."},
+    {503, 9021, E, "The library {library} is not bound; known: {known}.", "", "Bind it with --library NAME=PATH."},
+    {503, 9022, E, "{name} is not the name of a data set: NAME or LIBRARY.NAME, each of 1 to 32 letters, digits and underscores.", "",
+     "Put a path in quotes."},
+    {503, 9023, E, "Data set options ({text}): {problem}, at character {character}.", "",
+     "The options are KEEP=, DROP=, RENAME=(old=new ...), WHERE=(condition), FIRSTROW=n, LASTROW=n, LABEL='text'."},
+    {503, 9024, E, "The WHERE= condition does not suit {data}: {problem}.", "", "torvale describe DATA lists the variables and their kinds."},
+    {503, 9025, E, "{option}= names {name}, which the data set does not have[; did you mean {near}?].", "", ""},
+    {503, 9026, E, "Two statements of this step write the data set {name}.", "", "Give each its own OUT= data set."},
+    {503, 9027, E, "Table {table} of the database {file} cannot be read: {reason}.", "", ""},
+    {503, 9028, E, "Two variables would be named {name} after RENAME=.", "", ""},
+    {503, 9029, E, "KEEP= and DROP= leave no variable of the data set.", "", ""},
+    {503, 9030, W, "WHERE= keeps none of the {rows} rows of {data}.", "A text is compared with a different case, or a limit is the wrong way round.", ""},
+    {503, 9031, E, "The BY variable {name} is not in {data}[; did you mean {near}?].", "", ""},
+    {503, 9032, E, "{data} is not sorted by the BY variables: {after} follows {before} in row {row}. This group and the later ones are not used.",
+     "", "Sort the file, or write NOTSORTED in the BY statement: every change of a value then starts a group."},
+    {503, 9033, E, "WHERE=, FIRSTROW= and LASTROW= are for input; {name} is written.", "", "Use them where the data set is read."},
+    {503, 9034, N, "{data} was written with {rows} rows and {columns} variables to {file}.", "", ""},
 };
 
 } // namespace

@@ -1,0 +1,275 @@
+#include "host/data_set_options.h"
+#include "host/text.h"
+#include <algorithm>
+#include <charconv>
+#include <numeric>
+
+namespace torvale::host {
+
+namespace {
+
+bool blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+bool name_character(char c)
+{
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || (c & 0x80);
+}
+
+// Walks through the text between the parentheses.
+class OptionReader {
+public:
+  explicit OptionReader(std::string_view text) : text_(text) {}
+
+  bool read(DataSetOptions& options)
+  {
+    for (skip(); i_ < text_.size(); skip()) {
+      const std::string option = wzstrup(word());
+      skip();
+      if (option.empty() || i_ == text_.size() || text_[i_] != '=') return fail("a name and = are needed");
+      ++i_;
+      skip();
+      if (!value(option, options)) return false;
+    }
+    return true;
+  }
+  std::string problem;
+  std::size_t at() const { return i_ + 1; }
+
+private:
+  bool fail(std::string why)
+  {
+    if (problem.empty()) problem = std::move(why);
+    return false;
+  }
+  void skip()
+  {
+    while (i_ < text_.size() && (blank(text_[i_]) || text_[i_] == ',')) ++i_;
+  }
+
+  // A name, also one in the form 'any text'n; empty when none stands here.
+  std::string word()
+  {
+    if (i_ < text_.size() && (text_[i_] == '\'' || text_[i_] == '"')) {
+      const std::size_t close = text_.find(text_[i_], i_ + 1);
+      if (close == std::string_view::npos || close + 1 >= text_.size() || (text_[close + 1] | 0x20) != 'n') return {};
+      const std::string name(text_.substr(i_ + 1, close - i_ - 1));
+      i_ = close + 2;
+      return name;
+    }
+    const std::size_t begin = i_;
+    while (i_ < text_.size() && name_character(text_[i_])) ++i_;
+    return std::string(text_.substr(begin, i_ - begin));
+  }
+
+  // Names up to the next "NAME=" or the end, also in parentheses.
+  bool names(std::vector<std::string>& out)
+  {
+    const bool bracket = i_ < text_.size() && text_[i_] == '(';
+    if (bracket) ++i_;
+    for (;;) {
+      skip();
+      const std::size_t before = i_;
+      const std::string name = word();
+      if (name.empty()) break;
+      std::size_t behind = i_;
+      while (behind < text_.size() && blank(text_[behind])) ++behind;
+      if (!bracket && behind < text_.size() && text_[behind] == '=') {
+        i_ = before;
+        break;
+      }
+      out.push_back(name);
+    }
+    if (bracket && (i_ == text_.size() || text_[i_++] != ')')) return fail("a closing parenthesis is missing");
+    return out.empty() ? fail("names are needed") : true;
+  }
+
+  bool renames(std::vector<std::pair<std::string, std::string>>& out)
+  {
+    if (i_ == text_.size() || text_[i_++] != '(') return fail("RENAME= needs (old=new ...)");
+    for (skip(); i_ < text_.size() && text_[i_] != ')'; skip()) {
+      std::string old_name = word();
+      skip();
+      if (old_name.empty() || i_ == text_.size() || text_[i_++] != '=') return fail("RENAME= needs (old=new ...)");
+      skip();
+      std::string new_name = word();
+      if (new_name.empty()) return fail("RENAME= needs (old=new ...)");
+      if (new_name.size() > DataSet::longest_name) return fail("the new name is longer than 32 bytes");
+      out.emplace_back(std::move(old_name), std::move(new_name));
+    }
+    if (i_ == text_.size()) return fail("a closing parenthesis is missing");
+    ++i_;
+    return true;
+  }
+
+  // The text in balanced parentheses; quotes hide parentheses.
+  bool bracketed(std::string_view& inside)
+  {
+    if (i_ == text_.size() || text_[i_] != '(') return fail("WHERE= needs a condition in parentheses");
+    const std::size_t begin = i_ + 1;
+    int depth = 0;
+    char quote = 0;
+    for (; i_ < text_.size(); ++i_) {
+      const char c = text_[i_];
+      if (quote) {
+        if (c == quote) quote = 0;
+      } else if (c == '\'' || c == '"') {
+        quote = c;
+      } else if (c == '(') {
+        ++depth;
+      } else if (c == ')' && --depth == 0) {
+        inside = text_.substr(begin, i_++ - begin);
+        return true;
+      }
+    }
+    return fail("a closing parenthesis is missing");
+  }
+
+  bool row_number(std::int64_t& out)
+  {
+    const auto [p, error] = std::from_chars(text_.data() + i_, text_.data() + text_.size(), out);
+    if (error != std::errc() || out < 1) return fail("a whole number from 1 on is needed");
+    i_ = static_cast<std::size_t>(p - text_.data());
+    return true;
+  }
+
+  bool quoted_text(std::string& out)
+  {
+    if (i_ == text_.size() || (text_[i_] != '\'' && text_[i_] != '"')) return fail("LABEL= needs a quoted text");
+    const char quote = text_[i_++];
+    for (; i_ < text_.size(); ++i_) {
+      if (text_[i_] == quote && !(i_ + 1 < text_.size() && text_[i_ + 1] == quote)) {
+        ++i_;
+        return true;
+      }
+      if (text_[i_] == quote) ++i_;
+      out += text_[i_];
+    }
+    return fail("a quoted text is not closed");
+  }
+
+  bool value(const std::string& option, DataSetOptions& options)
+  {
+    if (option == "KEEP") return names(options.keep);
+    if (option == "DROP") return names(options.drop);
+    if (option == "RENAME") return renames(options.rename);
+    if (option == "FIRSTROW") return row_number(options.first_row);
+    if (option == "LASTROW") return row_number(options.last_row);
+    if (option == "LABEL") return quoted_text(options.label);
+    if (option != "WHERE") {
+      const std::string near =
+          nearest_name(option, {"KEEP", "DROP", "RENAME", "WHERE", "FIRSTROW", "LASTROW", "LABEL"});
+      return fail("there is no data set option " + option + "=" + (near.empty() ? "" : "; did you mean " + near + "=?"));
+    }
+    std::string_view condition;
+    if (!bracketed(condition)) return false;
+    std::string why;
+    options.where = parse_where(condition, why);
+    return options.where ? true : fail("WHERE=: " + why);
+  }
+
+  std::string_view text_;
+  std::size_t i_ = 0;
+};
+
+std::size_t index_of(const std::vector<std::string>& names, std::string_view name)
+{
+  const auto at = std::find_if(names.begin(), names.end(), [&](auto& n) { return equal_names(n, name); });
+  return static_cast<std::size_t>(at - names.begin());
+}
+
+// Is `name` known? Otherwise a message that names the option, the data set and what is alike.
+bool known(const std::vector<std::string>& names, std::string_view name, std::string_view option, MessageSink& log)
+{
+  if (index_of(names, name) < names.size()) return true;
+  MessageArguments arguments{{"option", option}, {"name", name}};
+  const std::string near = nearest_name(name, names);
+  if (!near.empty()) arguments.emplace_back("near", near);
+  log.xpmlog(503, 9025, arguments);
+  return false;
+}
+
+bool listed(const std::vector<std::string>& names, std::string_view name) { return index_of(names, name) < names.size(); }
+
+} // namespace
+
+bool DataSetOptions::empty() const
+{
+  return keep.empty() && drop.empty() && rename.empty() && !where && first_row == 1 && last_row == 0 && label.empty();
+}
+
+std::optional<DataSetOptions> parse_data_set_options(std::string_view text, MessageSink& log, const MessagePlace& place)
+{
+  DataSetOptions options;
+  OptionReader reader(text);
+  if (reader.read(options)) return options;
+  log.xpmlog(503, 9023, {{"problem", reader.problem}, {"character", reader.at()}, {"text", text}}, place);
+  return std::nullopt;
+}
+
+int output_columns(const std::vector<std::string>& names, const DataSetOptions& options, MessageSink& log,
+                   std::vector<std::pair<std::size_t, std::string>>& chosen)
+{
+  bool good = true;
+  for (const std::string& name : options.keep) good = known(names, name, "KEEP", log) && good;
+  for (const std::string& name : options.drop) good = known(names, name, "DROP", log) && good;
+  for (const auto& [old_name, new_name] : options.rename) good = known(names, old_name, "RENAME", log) && good;
+  if (!good) return -1;
+  chosen.clear();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (!options.keep.empty() && !listed(options.keep, names[i])) continue;
+    if (listed(options.drop, names[i])) continue;
+    std::string name = names[i];
+    for (const auto& [old_name, new_name] : options.rename)
+      if (equal_names(old_name, names[i])) name = new_name;
+    const bool taken = std::any_of(chosen.begin(), chosen.end(), [&](auto& c) { return equal_names(c.second, name); });
+    if (taken) {
+      log.xpmlog(503, 9028, {{"name", name}});
+      return -1;
+    }
+    chosen.emplace_back(i, std::move(name));
+  }
+  if (!chosen.empty()) return 0;
+  log.xpmlog(503, 9029);
+  return -1;
+}
+
+int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSink& log)
+{
+  if (options.empty()) return 0;
+  std::vector<std::size_t> rows;
+  if (options.where) {
+    std::string problem;
+    if (options.where->bind(data, problem) != 0) {
+      log.xpmlog(503, 9024, {{"problem", problem}, {"data", data.name}});
+      return -1;
+    }
+    rows = options.where->matching_rows(data);
+  } else {
+    rows.resize(data.rows());
+    std::iota(rows.begin(), rows.end(), std::size_t{0});
+  }
+  const auto kept = static_cast<std::int64_t>(rows.size());
+  const std::int64_t last = options.last_row == 0 ? kept : std::min(options.last_row, kept);
+  const std::int64_t first = std::min(options.first_row - 1, last);
+  rows.assign(rows.begin() + first, rows.begin() + last);
+
+  std::vector<std::pair<std::size_t, std::string>> chosen;
+  if (output_columns(data.column_names(), options, log, chosen) != 0) return -1;
+  const std::size_t rows_before = data.rows();
+  DataSet out;
+  for (const auto& [index, name] : chosen) {
+    Column column = rows.size() == rows_before ? data.columns()[index] : data.columns()[index].select(rows);
+    column.rename(name);
+    out.add(std::move(column));
+  }
+  std::vector<std::int64_t> file_rows;
+  for (const std::size_t row : rows) file_rows.push_back(data.file_row(row));
+  out.set_file_rows(std::move(file_rows));
+  out.name = data.name;
+  out.path = data.path;
+  out.label = options.label.empty() ? data.label : options.label;
+  if (kept == 0 && rows_before > 0 && options.where) log.xpmlog(503, 9030, {{"data", data.name}, {"rows", rows_before}});
+  data = std::move(out);
+  return 0;
+}
+
+} // namespace torvale::host

@@ -1,0 +1,179 @@
+#include "host/host.h"
+#include "host/table_writers.h"
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <list>
+#include <thread>
+
+namespace torvale::host {
+
+namespace {
+
+std::string by_line(const ByValues& by)
+{
+  std::string out;
+  for (const auto& [name, value] : by) {
+    out += out.empty() ? "" : " ";
+    out += name;
+    out += '=';
+    out += value.text() ? *value.text() : shortest(value.as_number());
+  }
+  return out;
+}
+
+// The host of a run on its own machine: results in memory, text handed to the writers of its options.
+class EmbeddedHost final : public Host, private TableSink {
+public:
+  explicit EmbeddedHost(HostOptions options)
+      : options_(std::move(options)), log_([this](std::string_view line) { log_line(line); }), libraries_(options_.places)
+  {
+    results_.version = options_.version;
+    results_.program = options_.program;
+  }
+
+  MessageLog& log() override { return log_; }
+  TableSink& tables() override { return *this; }
+  Libraries& libraries() override { return libraries_; }
+  const RunResults& results() const override { return results_; }
+
+  void begin_step() override
+  {
+    results_.steps.emplace_back();
+    group_ = nullptr;
+  }
+  void begin_group(ByValues by) override;
+  void end_group(int return_code) override;
+  void end_step(int return_code) override;
+
+  void xpsout(std::string_view line) override { list(std::string(line) + "\n"); }
+  void progress(std::string_view text) override
+  {
+    if (options_.progress) options_.progress(text);
+  }
+
+  double seconds() const override
+  {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  }
+  std::uint32_t clock_seed() const override;
+  int cores() const override { return std::max(1, static_cast<int>(std::thread::hardware_concurrency())); }
+  const std::string* option(std::string_view name) const override;
+
+private:
+  Table& open(Table table) override;
+  void close(Table& table) override;
+  GroupResult& group_for_tables();
+  void close_tables();
+
+  void list(std::string_view text)
+  {
+    if (options_.listing) options_.listing(text);
+  }
+  void log_line(std::string_view line)
+  {
+    if (!options_.log) return;
+    std::string text(line);
+    text += '\n';
+    options_.log(text);
+  }
+
+  HostOptions options_;
+  MessageLog log_;
+  Libraries libraries_;
+  RunResults results_;
+  GroupResult* group_ = nullptr; // where tables go; of the step at hand
+  bool group_begun_ = false;     // by begin_group, not by an early table
+  bool by_line_due_ = false;     // the group's values stand in the listing before its first table
+  std::vector<Table*> open_;     // in the order opened
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+// Tables written before the first group (the specifications) open that group early; begin_group then fills in its values.
+GroupResult& EmbeddedHost::group_for_tables()
+{
+  if (results_.steps.empty()) begin_step();
+  if (!group_) {
+    group_ = &results_.steps.back().groups.emplace_back();
+    group_begun_ = false;
+  }
+  return *group_;
+}
+
+void EmbeddedHost::begin_group(ByValues by)
+{
+  GroupResult& group = group_for_tables();
+  group.by = std::move(by);
+  group_begun_ = true;
+  by_line_due_ = !group.by.empty();
+  log_.set_by_group(static_cast<int>(results_.steps.back().groups.size()) - 1);
+}
+
+void EmbeddedHost::end_group(int return_code)
+{
+  close_tables();
+  group_for_tables().return_code = return_code;
+  log_.set_by_group(-1);
+  group_ = nullptr;
+}
+
+void EmbeddedHost::end_step(int return_code)
+{
+  close_tables();
+  if (results_.steps.empty()) begin_step();
+  const bool written = libraries_.close_all(log_) == 0;
+  log_.set_by_group(-1);
+  log_.close_repeats();
+  StepResult& step = results_.steps.back();
+  if (group_) group_->return_code = return_code; // a step that ended inside a group, or before its first one
+  group_ = nullptr;
+  step.return_code = written ? return_code : std::max(return_code, 1016);
+  step.messages = log_.take_messages();
+  step.data_sets = libraries_.take_written();
+}
+
+Table& EmbeddedHost::open(Table table)
+{
+  GroupResult& group = group_for_tables();
+  group.tables.push_back(std::move(table));
+  open_.push_back(&group.tables.back());
+  return group.tables.back();
+}
+
+void EmbeddedHost::close(Table& table)
+{
+  const auto at = std::find(open_.begin(), open_.end(), &table);
+  if (at == open_.end()) return;
+  open_.erase(at);
+  if (!options_.listing) return;
+  std::string text = "\n";
+  if (by_line_due_) text += centred(by_line(group_->by), listing_width) + "\n\n";
+  by_line_due_ = false;
+  list(text + listing_text(table));
+}
+
+void EmbeddedHost::close_tables()
+{
+  while (!open_.empty()) close(*open_.front());
+}
+
+// The fraction of the time in seconds over 1000, in steps of a billionth: a new number every microsecond.
+std::uint32_t EmbeddedHost::clock_seed() const
+{
+  const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  const double part = now / 1000.0 - std::floor(now / 1000.0);
+  return static_cast<std::uint32_t>(std::floor(part * 1e9)) + 1;
+}
+
+const std::string* EmbeddedHost::option(std::string_view name) const
+{
+  for (const auto& [option_name, value] : options_.options)
+    if (equal_names(option_name, name)) return &value;
+  return nullptr;
+}
+
+} // namespace
+
+std::unique_ptr<Host> make_host(HostOptions options) { return std::make_unique<EmbeddedHost>(std::move(options)); }
+
+} // namespace torvale::host

@@ -1,0 +1,273 @@
+#include "host/libraries.h"
+#include "host/sqlite_table.h"
+#include "host/text.h"
+#include <algorithm>
+#include <filesystem>
+#include <unistd.h>
+
+namespace torvale::host {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view endings[] = {".csv", ".csv.gz", ".csv.zst"};
+
+std::string joined(const std::string& folder, const std::string& path)
+{
+  return fs::path(path).is_absolute() ? path : (fs::path(folder) / path).lexically_normal().string();
+}
+
+bool is_file(const std::string& path)
+{
+  std::error_code error;
+  return fs::exists(path, error) && !fs::is_directory(path, error);
+}
+
+// Is the path an SQLite database: by its contents, or by its name when it is still to be made?
+bool is_database(const std::string& path)
+{
+  if (is_file(path)) return is_sqlite_file(path);
+  const std::string ending = wzstrlo(fs::path(path).extension().string());
+  return !fs::is_directory(path) && (ending == ".sqlite" || ending == ".sqlite3" || ending == ".db");
+}
+
+// Names of the files in a folder that hold data sets, without their endings; sorted.
+std::vector<std::string> members_of(const std::string& folder)
+{
+  std::vector<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator i(folder, error), end; !error && i != end; i.increment(error)) {
+    const std::string file = i->path().filename().string();
+    for (const std::string_view ending : endings)
+      if (file.size() > ending.size() && equal_names(std::string_view(file).substr(file.size() - ending.size()), ending))
+        names.push_back(file.substr(0, file.size() - ending.size()));
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The file of a data set in a folder: the name as it is, else the first one that differs in case only. Empty: none.
+std::string file_in_folder(const std::string& folder, std::string_view member)
+{
+  for (const std::string_view ending : endings) {
+    const std::string path = joined(folder, std::string(member).append(ending));
+    if (is_file(path)) return path;
+  }
+  for (const std::string& name : members_of(folder))
+    if (equal_names(name, member) && name != member) return file_in_folder(folder, name);
+  return {};
+}
+
+bool valid_name(std::string_view name)
+{
+  const auto good = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || (c & 0x80);
+  };
+  return !name.empty() && name.size() <= DataSet::longest_name && std::all_of(name.begin(), name.end(), good) &&
+         !(name[0] >= '0' && name[0] <= '9');
+}
+
+struct SplitName {
+  std::string library; // lower case; "work" for a one-level name
+  std::string member;
+  bool valid = false;
+};
+
+SplitName split(const std::string& name)
+{
+  const std::size_t point = name.find('.');
+  SplitName out;
+  out.library = point == std::string::npos ? "work" : wzstrlo(name.substr(0, point));
+  out.member = point == std::string::npos ? name : name.substr(point + 1);
+  out.valid = valid_name(out.library) && valid_name(out.member);
+  return out;
+}
+
+void not_found(const std::string& name, const std::string& where, const std::vector<std::string>& alternatives,
+               MessageSink& log, const MessagePlace& place)
+{
+  MessageArguments arguments{{"name", name}, {"where", where}};
+  const std::string near = nearest_name(name.substr(name.find('.') + 1), alternatives);
+  if (!near.empty()) arguments.emplace_back("near", near);
+  std::string all;
+  for (std::size_t i = 0; i < alternatives.size() && i < 12; ++i) all += (all.empty() ? "" : ", ") + alternatives[i];
+  if (!all.empty()) arguments.emplace_back("known", all);
+  log.xpmlog(503, 9020, arguments, place);
+}
+
+} // namespace
+
+void Libraries::bind_data(std::string_view name, std::string path) { data_[wzstrlo(name)] = std::move(path); }
+
+void Libraries::bind_library(std::string_view library, std::string path)
+{
+  libraries_[wzstrlo(library)] = std::move(path);
+}
+
+std::vector<std::string> Libraries::bound_names() const
+{
+  std::vector<std::string> names;
+  for (const auto& [name, path] : data_) names.push_back(name);
+  return names;
+}
+
+// A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
+std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
+                                            const MessagePlace& place, const ColumnKinds& kinds) const
+{
+  if (!is_file(path)) {
+    log.xpmlog(503, 9002, {{"file", path}, {"reason", fs::is_directory(path) ? "it is a folder" : "there is no such file"}},
+               place);
+    return std::nullopt;
+  }
+  if (!is_sqlite_file(path)) return read_csv(path, log, kinds);
+  const auto tables = sqlite_tables(path);
+  const std::string member = split(name).member;
+  for (const std::string& table : tables)
+    if (equal_names(table, member)) return read_sqlite(path, table, log, kinds);
+  if (tables.size() == 1) return read_sqlite(path, tables.front(), log, kinds);
+  not_found(name, "the database " + path, tables, log, place);
+  return std::nullopt;
+}
+
+std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, MessageSink& log,
+                                         const MessagePlace& place) const
+{
+  std::optional<DataSet> data;
+  std::string name = reference.name;
+  if (reference.quoted) {
+    const std::string path = joined(places_.program_folder, reference.name);
+    const auto known = std::find_if(written_.begin(), written_.end(), [&](auto& w) { return w.second.path == path; });
+    data = read_path(path, fs::path(path).stem().string(), log, place,
+                     known == written_.end() ? ColumnKinds{} : known->second.kinds);
+  } else {
+    const SplitName parts = split(reference.name);
+    if (!parts.valid) {
+      log.xpmlog(503, 9022, {{"name", reference.name}}, place);
+      return std::nullopt;
+    }
+    name = parts.library + "." + wzstrlo(parts.member);
+    const auto written = written_.find(name);
+    const auto bound = data_.find(wzstrlo(parts.member));
+    const auto library = libraries_.find(parts.library);
+    const bool one_level = parts.library == "work";
+    const std::string folder = library != libraries_.end() ? library->second : places_.program_folder;
+    std::string found;
+    if (written != written_.end()) {
+      data = read_path(written->second.path, name, log, place, written->second.kinds);
+    } else if (one_level && bound != data_.end()) {
+      data = read_path(bound->second, name, log, place);
+    } else if (!one_level && library == libraries_.end()) {
+      std::string known = "work";
+      for (const auto& [l, path] : libraries_) known += ", " + l;
+      log.xpmlog(503, 9021, {{"library", parts.library}, {"known", known}}, place);
+    } else if (is_database(folder)) {
+      const auto tables = sqlite_tables(folder);
+      const auto table = std::find_if(tables.begin(), tables.end(), [&](auto& t) { return equal_names(t, parts.member); });
+      if (table != tables.end()) data = read_sqlite(folder, *table, log);
+      else not_found(reference.name, "the database " + folder, tables, log, place);
+    } else if (found = file_in_folder(folder, parts.member); !found.empty()) {
+      data = read_csv(found, log);
+    } else {
+      auto alternatives = members_of(folder);
+      for (const auto& [n, path] : data_)
+        if (one_level) alternatives.push_back(n);
+      not_found(reference.name, "the folder " + folder, alternatives, log, place);
+    }
+  }
+  if (!data) return std::nullopt;
+  data->name = name;
+  std::string numeric, character;
+  for (const Column& column : data->columns()) (column.numeric() ? numeric : character) += " " + column.name();
+  log.xpmlog(503, 9015,
+             {{"data", data->name}, {"rows", data->rows()}, {"numeric", numeric.empty() ? " none" : numeric},
+              {"character", character.empty() ? " none" : character}});
+  if (apply_input_options(*data, reference.options, log) != 0) return std::nullopt;
+  return data;
+}
+
+OutputDataSet* Libraries::open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place)
+{
+  auto output = std::make_unique<OutputDataSet>();
+  output->options_ = reference.options;
+  if (reference.options.where || reference.options.first_row != 1 || reference.options.last_row != 0) {
+    log.xpmlog(503, 9033, {{"name", reference.name}}, place);
+    return nullptr;
+  }
+  if (reference.quoted) {
+    output->path_ = joined(places_.output_folder, reference.name);
+    output->member_ = fs::path(output->path_).stem().string();
+    output->data_.name = reference.name;
+  } else {
+    const SplitName parts = split(reference.name);
+    const auto library = libraries_.find(parts.library);
+    if (!parts.valid) {
+      log.xpmlog(503, 9022, {{"name", reference.name}}, place);
+      return nullptr;
+    }
+    if (parts.library != "work" && library == libraries_.end()) {
+      log.xpmlog(503, 9021, {{"library", parts.library}, {"known", "work"}}, place);
+      return nullptr;
+    }
+    const std::string folder = library == libraries_.end() ? places_.output_folder : library->second;
+    output->library_ = parts.library;
+    output->member_ = wzstrlo(parts.member);
+    output->data_.name = output->library_ + "." + output->member_;
+    output->path_ = is_database(folder) ? folder : joined(folder, output->member_ + ".csv");
+  }
+  const fs::path parent = fs::path(output->path_).parent_path();
+  if (::access(parent.empty() ? "." : parent.c_str(), W_OK) != 0) {
+    log.xpmlog(503, 9012, {{"file", output->path_}, {"reason", "its folder is missing or may not be written"}}, place);
+    return nullptr;
+  }
+  for (const auto& other : open_)
+    if (other->data_.name == output->data_.name || (other->path_ == output->path_ && !is_database(output->path_))) {
+      log.xpmlog(503, 9026, {{"name", reference.name}}, place);
+      return nullptr;
+    }
+  output->data_.label = reference.options.label;
+  open_.push_back(std::move(output));
+  return open_.back().get();
+}
+
+int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
+{
+  const auto at = std::find_if(open_.begin(), open_.end(), [&](auto& o) { return o.get() == output; });
+  if (at == open_.end()) return -1;
+  const std::unique_ptr<OutputDataSet> owned = std::move(*at);
+  open_.erase(at);
+
+  std::vector<std::pair<std::size_t, std::string>> chosen;
+  if (output_columns(owned->data_.column_names(), owned->options_, log, chosen) != 0) return -1;
+  DataSet data;
+  Written written{.path = owned->path_, .kinds = {}};
+  for (auto& [index, name] : chosen) {
+    Column column = std::move(owned->data_.columns()[index]);
+    column.rename(name);
+    written.kinds[wzstrlo(name)] = column.kind();
+    data.add(std::move(column));
+  }
+  data.name = owned->data_.name;
+  const bool database = is_database(owned->path_);
+  const int code = database ? write_sqlite(data, owned->path_, owned->member_, log) : write_csv(data, owned->path_, log);
+  if (code != 0) return code;
+
+  const std::string shown = fs::path(owned->path_).lexically_proximate(places_.output_folder).string();
+  log.xpmlog(503, 9034, {{"data", data.name}, {"rows", data.rows()}, {"columns", data.columns().size()}, {"file", shown}});
+  finished_.push_back({data.name, shown, data.rows()});
+  written_[data.name] = std::move(written);
+  return 0;
+}
+
+int Libraries::close_all(MessageSink& log)
+{
+  int code = 0;
+  while (!open_.empty())
+    if (xoclose(open_.front().get(), log) != 0) code = -1;
+  return code;
+}
+
+std::vector<DataSetResult> Libraries::take_written() { return std::exchange(finished_, {}); }
+
+} // namespace torvale::host

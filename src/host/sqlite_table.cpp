@@ -1,0 +1,194 @@
+#include "host/sqlite_table.h"
+#include "host/text.h"
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <sqlite3.h>
+
+namespace torvale::host {
+
+namespace {
+
+struct CloseDatabase {
+  void operator()(sqlite3* p) const { sqlite3_close_v2(p); }
+};
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* p) const { sqlite3_finalize(p); }
+};
+using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+Database open_database(const std::string& path, int flags, std::string& problem)
+{
+  sqlite3* raw = nullptr;
+  const int code = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
+  Database database(raw);
+  if (code == SQLITE_OK) {
+    sqlite3_busy_timeout(raw, 5000);
+    return database;
+  }
+  problem = raw ? sqlite3_errmsg(raw) : "no memory";
+  return nullptr;
+}
+
+Statement prepare(sqlite3* database, const std::string& sql)
+{
+  sqlite3_stmt* raw = nullptr;
+  sqlite3_prepare_v2(database, sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr);
+  return Statement(raw);
+}
+
+bool execute(sqlite3* database, const std::string& sql)
+{
+  return sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+std::string quoted_name(std::string_view name)
+{
+  std::string out = "\"";
+  for (const char c : name) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  return out + '"';
+}
+
+std::string_view text_of(sqlite3_stmt* row, int column)
+{
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
+  return text ? std::string_view(text, static_cast<std::size_t>(sqlite3_column_bytes(row, column))) : std::string_view{};
+}
+
+// First pass: which columns are numeric throughout? False when reading fails.
+bool infer_kinds(sqlite3_stmt* rows, std::vector<ColumnKind>& kinds)
+{
+  int code;
+  while ((code = sqlite3_step(rows)) == SQLITE_ROW)
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+      const int column = static_cast<int>(i);
+      const int type = sqlite3_column_type(rows, column);
+      if (type == SQLITE_INTEGER || type == SQLITE_FLOAT || type == SQLITE_NULL) continue;
+      if (!parse_missing(stripped(text_of(rows, column)))) kinds[i] = ColumnKind::character;
+    }
+  sqlite3_reset(rows);
+  return code == SQLITE_DONE;
+}
+
+void append_value(Column& column, sqlite3_stmt* rows, int i)
+{
+  const int type = sqlite3_column_type(rows, i);
+  if (!column.numeric()) {
+    if (type == SQLITE_FLOAT) column.append(shortest(sqlite3_column_double(rows, i)));
+    else column.append(text_of(rows, i)); // integers become their digits, NULL the empty text
+  } else if (type == SQLITE_INTEGER || type == SQLITE_FLOAT) {
+    column.append(sqlite3_column_double(rows, i));
+  } else {
+    column.append(parse_missing(stripped(text_of(rows, i))).value_or(missing));
+  }
+}
+
+void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t row)
+{
+  if (!column.numeric()) {
+    const std::string& text = column.text(row);
+    if (text.empty()) sqlite3_bind_null(insert, i);
+    else sqlite3_bind_text(insert, i, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    return;
+  }
+  const double x = column.number(row);
+  if (!wzmis(x)) sqlite3_bind_double(insert, i, x);
+  else if (missing_letter(x) == '.') sqlite3_bind_null(insert, i);
+  else sqlite3_bind_text(insert, i, shortest(x).c_str(), -1, SQLITE_TRANSIENT);
+}
+
+bool write_rows(sqlite3* database, const DataSet& data, const std::string& table)
+{
+  std::string columns, marks;
+  for (const Column& column : data.columns()) {
+    columns += (columns.empty() ? "" : ", ") + quoted_name(column.name()) + (column.numeric() ? " REAL" : " TEXT");
+    marks += marks.empty() ? "?" : ", ?";
+  }
+  if (!execute(database, "DROP TABLE IF EXISTS " + quoted_name(table))) return false;
+  if (!execute(database, "CREATE TABLE " + quoted_name(table) + " (" + columns + ")")) return false;
+  const Statement insert = prepare(database, "INSERT INTO " + quoted_name(table) + " VALUES (" + marks + ")");
+  if (!insert) return false;
+  for (std::size_t row = 0; row < data.rows(); ++row) {
+    for (std::size_t i = 0; i < data.columns().size(); ++i)
+      bind_value(insert.get(), static_cast<int>(i) + 1, data.columns()[i], row);
+    if (sqlite3_step(insert.get()) != SQLITE_DONE) return false;
+    sqlite3_reset(insert.get());
+  }
+  return true;
+}
+
+} // namespace
+
+bool is_sqlite_file(const std::string& path)
+{
+  std::FILE* const file = std::fopen(path.c_str(), "rb");
+  if (!file) return false;
+  char mark[16] = {};
+  const bool read = std::fread(mark, 1, sizeof mark, file) == sizeof mark;
+  std::fclose(file);
+  return read && std::string_view(mark, 15) == "SQLite format 3";
+}
+
+std::vector<std::string> sqlite_tables(const std::string& path)
+{
+  std::vector<std::string> names;
+  std::string problem;
+  const Database database = open_database(path, SQLITE_OPEN_READONLY, problem);
+  if (!database) return names;
+  const Statement rows = prepare(database.get(), "SELECT name FROM sqlite_master WHERE type IN ('table','view') ORDER BY name");
+  while (rows && sqlite3_step(rows.get()) == SQLITE_ROW) names.emplace_back(text_of(rows.get(), 0));
+  return names;
+}
+
+std::optional<DataSet> read_sqlite(const std::string& path, const std::string& table, MessageSink& log,
+                                   const ColumnKinds& kinds)
+{
+  const auto refuse = [&](std::string_view reason) {
+    log.xpmlog(503, 9027, {{"file", path}, {"table", table}, {"reason", reason}});
+    return std::nullopt;
+  };
+  std::string problem;
+  const Database database = open_database(path, SQLITE_OPEN_READONLY, problem);
+  if (!database) return refuse(problem);
+  const Statement rows = prepare(database.get(), "SELECT * FROM " + quoted_name(table));
+  if (!rows) return refuse(sqlite3_errmsg(database.get()));
+
+  const int count = sqlite3_column_count(rows.get());
+  std::vector<ColumnKind> inferred(static_cast<std::size_t>(count), ColumnKind::numeric);
+  if (!infer_kinds(rows.get(), inferred)) return refuse(sqlite3_errmsg(database.get()));
+  DataSet data;
+  data.name = table;
+  data.path = path;
+  for (int i = 0; i < count; ++i) {
+    std::string name(std::string_view(sqlite3_column_name(rows.get(), i)).substr(0, DataSet::longest_name));
+    if (data.find(name)) return refuse("two columns are named " + name);
+    const auto asked = kinds.find(wzstrlo(name));
+    data.add(Column(name, asked == kinds.end() ? inferred[static_cast<std::size_t>(i)] : asked->second));
+  }
+  int code;
+  while ((code = sqlite3_step(rows.get())) == SQLITE_ROW)
+    for (int i = 0; i < count; ++i) append_value(data.columns()[static_cast<std::size_t>(i)], rows.get(), i);
+  if (code != SQLITE_DONE) return refuse(sqlite3_errmsg(database.get()));
+  return data;
+}
+
+int write_sqlite(const DataSet& data, const std::string& path, const std::string& table, MessageSink& log)
+{
+  std::string problem;
+  const Database database = open_database(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, problem);
+  if (database) {
+    if (execute(database.get(), "BEGIN IMMEDIATE") && write_rows(database.get(), data, table) &&
+        execute(database.get(), "COMMIT"))
+      return 0;
+    problem = sqlite3_errmsg(database.get());
+    (void)execute(database.get(), "ROLLBACK"); // nothing to do when even this fails: the transaction is not committed
+  }
+  log.xpmlog(503, 9012, {{"file", path + ", table " + table}, {"reason", problem}});
+  return -1;
+}
+
+} // namespace torvale::host
