@@ -36,6 +36,9 @@ struct ModelPrograms {
   // adscale, (np + nr) x nrs third derivatives: row w (parameters, then random effects) of d(second derivatives)/dw.
   const engine::Program* curvature = nullptr;
   std::vector<char> curvature_live;
+  // The live entries above as lists of output numbers.
+  std::vector<int> setup_list, gradient_list, mode_list, curvature_list;
+  bool setup_varies = false; // distribution arguments differ between subjects
 };
 
 struct REFFECT {

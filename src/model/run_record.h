@@ -23,6 +23,10 @@
 #include <string>
 #include <vector>
 
+namespace torvale::parallel {
+class WorkerPool;
+}
+
 namespace torvale::model {
 
 struct RunOptions {
@@ -154,6 +158,9 @@ struct GroupState {
   std::vector<double> ebesold;                // modes of the best grid point
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker
+  std::vector<Batch> batches;                 // subjects that share tiles, in order; rebuilt by size_contexts
+  std::vector<std::int32_t> record_rows;      // store rows that the tiles visit: the used ones (all, when records carry state)
+  std::vector<std::int32_t> record_first;     // per subject: its first entry in record_rows; one more closes the last
   // Slots: one per subject (or per block of observations): value, gradient, status. Summed in subject order.
   std::vector<double> slot_value;
   std::vector<double> slot_grad;              // slots x grad_stride
@@ -190,6 +197,7 @@ struct NX : RunOptions, ModelLists, GroupState, FitState {
   host::Host* host = nullptr;                 // borrowed
   std::unique_ptr<optimizer::MINSTR> str;     // the optimizer's problem block
   std::unique_ptr<optimizer::COVSTR> covstr;  // its covariance block
+  std::shared_ptr<parallel::WorkerPool> workers; // threads of the run; null: one context
   host::Table* ithis = nullptr;               // open iteration history, or null
   int (*starting_tables)(NX&) = nullptr;      // writes "StartingValues" before the first iteration (START); may be null
   void raise(int code) { if (code > tvlrc) tvlrc = code; }

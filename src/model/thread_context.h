@@ -3,6 +3,7 @@
 
 #include "engine/engine.h"
 #include "host/messages.h"
+#include "model/batch_work.h"
 #include "optimizer/minstr.h"
 
 #include <cstdint>
@@ -63,6 +64,7 @@ struct alignas(64) TVLThreadCtx {
   std::unique_ptr<engine::Frame> frame;  // the worker's engine state
   BlockWork block;
   TileWork tile;
+  BatchWork batch;
   std::unique_ptr<optimizer::MINSTR> streb; // inner optimizer of the modes (EBOPT), made at first use
   std::vector<double> work;              // gradient of the subject
   double llo = 0.0;                      // last log likelihood

@@ -1,0 +1,79 @@
+#pragma once
+// What a batch of subjects works in: subjects go through the kernels together so that their lanes fill the tiles. What
+// a subject yields never depends on the others in its batch.
+
+#include <cstdint>
+#include <vector>
+
+namespace torvale::model {
+
+// Batch: consecutive subjects, dealt to one worker. Constant in an evaluation.
+struct Batch {
+  int first = 0;              // subjects first..last-1 of SubInfo; those without usable observations are passed over
+  int last = 0;
+  std::int64_t first_row = 0; // their rows in the store
+  std::int64_t rows = 0;
+};
+
+// PairRun: consecutive (subject, point) pairs of one subject, which all see the same records.
+struct PairRun {
+  const std::int32_t* rows = nullptr; // store rows of the subject's records, in order
+  int records = 0;
+  int pairs = 0;
+};
+
+// ModeSearch: the Newton search of one subject in progress.
+struct ModeSearch {
+  enum State : char { searching, found, failed };
+  State state = searching;
+  bool from_mean = false;  // started from the mean: there is no further start
+  int step = 0;            // Newton steps taken
+  int substep = 0;         // shrinkings of the present step
+  int failure = 0;         // message number when failed
+  double bound = 0.0;      // value that the next step may not exceed
+  double previous = 0.0;   // largest component of the last step, in posterior standard deviations
+  double logdet = 0.0;     // log determinant of the Hessian at the mode
+};
+
+// BatchWork: arrays of one worker, for at most `slots` subjects of a batch ordered by falling record count (a "slot" is
+// a subject's place in that order) and `pairs` (subject, point) pairs. nr random effects, nrs = nr (nr + 1) / 2.
+// Random effects are written u = m + L z: m the means, L the lower Cholesky factor of G, z standard normal a priori.
+struct BatchWork {
+  int slots = 0;
+  int pairs = 0;
+  std::vector<int> subject;          // per slot: index into SubInfo
+  std::vector<int> failure;          // per slot: message number of its failure, 0 when good
+  std::vector<std::int64_t> failure_row; // per slot: store row that the failure names
+  std::vector<int> active;           // slots still searching
+  std::vector<PairRun> runs;         // of the program run in hand
+  std::vector<int> run_slot;         // per run: its slot
+  std::vector<ModeSearch> search;    // per slot
+  // Priors: one for all subjects when the distribution arguments do not vary, else one per slot.
+  std::vector<double> mean;          // nr each
+  std::vector<double> factor;        // L, nrs each
+  std::vector<double> arguments;     // values and derivatives of the distribution arguments, as programs.setup yields them
+  // Modes, per slot.
+  std::vector<double> z;             // nr: mode, or trial point of the search
+  std::vector<double> zold;          // nr: last accepted point of the search
+  std::vector<double> slope;         // nr: first derivatives of the log likelihood by u at the mode
+  std::vector<double> curve;         // nrs: second derivatives there
+  std::vector<double> covariance;    // nrs: inverse Hessian of the joint density by z at the mode
+  std::vector<double> spread;        // nrs: its lower Cholesky factor
+  // Sums over records, row per output, column per pair (stride mode_stride, pair_stride).
+  long mode_stride = 0, pair_stride = 0;
+  std::vector<double> mode_sums;      // programs.mode
+  std::vector<double> curvature_sums; // programs.curvature
+  std::vector<double> point_sums;     // programs.gradient or programs.value
+  // Points of the run in hand.
+  std::vector<double> ran;           // nr x pair_stride: random effects
+  std::vector<double> prior;         // per pair: log of weight and prior kernel; then the log integrand; then its weight
+  // Sums over points, per slot; scaled by exp(-peak).
+  std::vector<double> peak;          // largest log integrand so far
+  std::vector<double> total;         // sum of weights
+  std::vector<double> point_moments; // of the standard points: nr, then nrs
+  std::vector<double> slope_moments; // of the derivatives by u: nr; times the points: nr x nr
+  std::vector<double> direct;        // np: of the derivatives by parameters
+  std::vector<double> scratch;       // one subject's small matrices
+};
+
+} // namespace torvale::model

@@ -1,0 +1,31 @@
+#include "parallel/worker_pool.h"
+
+namespace torvale::parallel {
+
+int tvlthrd(const model::NX& n)
+{
+  int wanted = n.command_threads != 0 ? n.command_threads : n.runThreads ? n.nthreads : 1;
+  if (wanted < 0) {
+    wanted = n.host != nullptr ? n.host->cores() : 1;
+    if (n.host != nullptr && n.command_threads == 0) n.host->log().xpmlog(503, 656, {{"threads", wanted}});
+  }
+  return wanted < 1 ? 1 : wanted;
+}
+
+int tvltinit(model::NX& n)
+{
+  const int wanted = tvlthrd(n);
+  n.workers = std::make_shared<WorkerPool>(wanted);
+  if (n.workers->contexts() < wanted && n.host != nullptr) {
+    n.host->log().xpmlog(503, 654, {{"threads", n.workers->contexts()}});
+    n.raise(4);
+  }
+  return 0;
+}
+
+void KillThreads(model::NX& n)
+{
+  n.workers.reset();
+}
+
+} // namespace torvale::parallel
