@@ -14,17 +14,17 @@ constexpr double quadrature_from = 100.0; // series and fraction need about 6 sq
 // log of z^a exp(-z) / Gamma(a), the kernel that multiplies every expansion below. By Stirling, with u = (z - a)/a,
 //     log(a/(2 pi))/2 + a (log(1 + u) - u) - tail(a):
 // a log z - z - log Gamma(a) would lose as many digits as a has.
-double log_kernel(double z, double a)
+double log_kernel(double z, double log_z, double a)
 {
-  if (a < 1.0) return a * std::log(z) - z - zlgamma(a);
+  if (a < 1.0) return a * log_z - z - zlgamma(a);
   const double u = (z - a) / a;
-  const double exponent = std::fabs(u) <= 0.5 ? a * log1p_minus(u) : a * std::log(z / a) - (z - a);
+  const double exponent = std::fabs(u) <= 0.5 ? a * log1p_minus(u) : a * (log_z - std::log(a)) - (z - a);
   return 0.5 * std::log(a / (2.0 * pi)) + exponent - zlgbern(a);
 }
 
 // a < 1, z small: log P = a log z - log Gamma(1 + a) + log(1 + a sum (-z)^n / (n! (a + n))). Every part vanishes with a,
 // so that 1 - P keeps its digits although P is near 1.
-Tails small_shape(double z, double a)
+Tails small_shape(double z, double log_z, double a)
 {
   double term = 1.0;
   double sum = 0.0;
@@ -34,7 +34,7 @@ Tails small_shape(double z, double a)
     sum += next;
     if (std::fabs(next) <= 1e-17 * std::fabs(sum)) break;
   }
-  return tails_from_log_lower(a * std::log(z) - log_gamma_1p(a) + std::log1p(a * sum));
+  return tails_from_log_lower(a * log_z - log_gamma_1p(a) + std::log1p(a * sum));
 }
 
 // Lower tail over the kernel: (1/a)(1 + z/(a+1) + z^2/((a+1)(a+2)) + ...), Abramowitz and Stegun 6.5.29.
@@ -82,24 +82,12 @@ double outer_tail(double z, double a)
   return integrate_tail(ratio, panel, side < 0.0 ? 1.0 : infinity);
 }
 
-Tails at_zero(double a)
+Tails inside_tails(double z, double log_z, double a)
 {
-  const double log_density = a < 1.0 ? infinity : a == 1.0 ? 0.0 : -infinity;
-  return {0.0, 1.0, -infinity, 0.0, log_density};
-}
-
-} // namespace
-
-Tails gamma_tails(double z, double a)
-{
-  constexpr Tails outside{not_a_number, not_a_number, not_a_number, not_a_number, not_a_number};
-  if (!(z >= 0.0 && a > 0.0) || std::isinf(a)) return outside;
-  if (z == 0.0) return at_zero(a);
-  if (std::isinf(z)) return {1.0, 0.0, 0.0, -infinity, -infinity};
-  const double log_k = log_kernel(z, a);
+  const double log_k = log_kernel(z, log_z, a);
   Tails t;
   if (a < 1.0 && z <= 1.5) {
-    t = small_shape(z, a);
+    t = small_shape(z, log_z, a);
   } else if (a >= quadrature_from) {
     t = tails_from_log_lower(log_k + std::log(outer_tail(z, a)));
     if (z >= a) t = exchanged(t);
@@ -108,8 +96,29 @@ Tails gamma_tails(double z, double a)
   } else {
     t = exchanged(tails_from_log_lower(log_k + std::log(upper_fraction(z, a))));
   }
-  t.log_density = log_k - std::log(z);
+  t.log_density = log_k - log_z;
   return t;
+}
+
+constexpr Tails outside{not_a_number, not_a_number, not_a_number, not_a_number, not_a_number};
+
+bool usable_shape(double a) { return a > dmin && a < infinity; }
+
+} // namespace
+
+Tails gamma_tails(double z, double a)
+{
+  if (!(z >= 0.0 && usable_shape(a))) return outside;
+  if (z == 0.0) return {0.0, 1.0, -infinity, 0.0, a < 1.0 ? infinity : a == 1.0 ? 0.0 : -infinity};
+  if (std::isinf(z)) return {1.0, 0.0, 0.0, -infinity, -infinity};
+  return inside_tails(z, std::log(z), a);
+}
+
+Tails gamma_tails_at_log(double log_z, double a)
+{
+  const double z = std::exp(log_z);
+  if (z == infinity || !usable_shape(a) || !(log_z > -infinity)) return gamma_tails(z, a);
+  return inside_tails(z, log_z, a);
 }
 
 int zigamma(double z, double a, double* p, double* pr, double* d)

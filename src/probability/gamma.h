@@ -10,6 +10,9 @@ namespace torvale::probability {
 // outside the domain. Relative error about 1e-14; the logarithms hold where the tails underflow.
 Tails gamma_tails(double z, double a);
 
+// The same at z = exp(log_z), also where z underflows; the density is still with respect to z.
+Tails gamma_tails_at_log(double log_z, double a);
+
 // zigamma: regularized lower (p) and upper (pr) incomplete gamma function of a at z, and the density (d). (z numeric, i
 // incomplete.) Shape 0 is all mass at 0. The density at z = 0 is infinite for a < 1.
 // Returns 0; 1 when a or z is negative or NaN, p, pr and d are then NaN.

@@ -13,7 +13,8 @@ TailTarget upper_target(double q) { return {std::log1p(-q), std::log(q)}; }
 TailTarget log_lower_target(double log_p) { return {log_p, log_complement(log_p)}; }
 
 // The logit F = log P - log Q rises from -infinity to infinity and is close to a straight line in either tail when x is on a
-// logarithmic scale, where P and Q themselves are flat: dF/dx = density/(P Q).
+// logarithmic scale, where P and Q themselves are flat: dF/dx = density/(P Q). Very far out that quotient is a difference of
+// huge logarithms and has no digits left: a step is taken for convergence only when F is near its target as well.
 int zquant(QuantileSearch* search)
 {
   constexpr double least_tolerance = 1.0536712127723509e-08; // square root of 2^-53: one Newton step more is full accuracy
@@ -31,13 +32,14 @@ int zquant(QuantileSearch* search)
     if (excess == 0.0) return 0;
     (excess > 0.0 ? high : low) = x;
     double next = x - excess * std::exp(t.log_lower + t.log_upper - t.log_density);
+    const bool near = std::fabs(excess) <= 0.1 * std::max(1.0, std::fabs(wanted));
     const bool small = std::fabs(next - x) <= tolerance * std::max(1.0, std::fabs(x));
-    if (small && close) {
+    if (small && near && close) {
       search->x = std::clamp(next, low, high);
       return 0;
     }
-    close = small;
-    if (!(next >= low && next <= high)) {
+    close = small && near;
+    if (!(next >= low && next <= high) || (small && !near)) {
       next = low + 0.5 * (high - low);
       if (next == low || next == high) return 0; // the target lies beyond an end, or between neighbours
     }

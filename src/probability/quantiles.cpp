@@ -27,7 +27,7 @@ struct Shapes {
   double b;
 };
 
-Tails beta_tails_at_logit(const void* distribution, double w)
+Tails beta_at_logit(const void* distribution, double w)
 {
   const auto& shapes = *static_cast<const Shapes*>(distribution);
   const BetaPoint point = beta_point_logit(w);
@@ -36,9 +36,9 @@ Tails beta_tails_at_logit(const void* distribution, double w)
   return t;
 }
 
-Tails gamma_tails_at_log(const void* distribution, double w)
+Tails gamma_at_log(const void* distribution, double w)
 {
-  Tails t = gamma_tails(std::exp(w), *static_cast<const double*>(distribution));
+  Tails t = gamma_tails_at_log(w, *static_cast<const double*>(distribution));
   t.log_density += w; // dz/dw = z
   return t;
 }
@@ -68,7 +68,7 @@ double beta_logit_quantile(TailTarget target, double a, double b)
 {
   const Shapes shapes{a, b};
   QuantileSearch search;
-  search.tails = beta_tails_at_logit;
+  search.tails = beta_at_logit;
   search.distribution = &shapes;
   search.target = target;
   search.low = -log_range;
@@ -85,6 +85,19 @@ double gamma_start(TailTarget target, double a)
   if (cube_root < 0.3 || (a < 1.0 && leading < -1.0)) return leading;
   return std::log(a) + 3.0 * std::log(cube_root);
 }
+
+// The size of t from the logarithms of P(|T| > t) and P(|T| < t): t^2 = df y/x with x beta distributed (df/2, 1/2).
+double student_size(double log_outside, double log_inside, double df)
+{
+  const double w = beta_logit_quantile({log_outside, log_inside}, 0.5 * df, 0.5);
+  return std::sqrt(df) * std::exp(-0.5 * w);
+}
+
+// Above this many degrees of freedom t is the normal deviate z and one correction (Abramowitz and Stegun 26.7.5); the next
+// term is z^4/(20 df^2) of it.
+constexpr double nearly_normal = 1e10;
+
+double nearly_normal_quantile(double z, double df) { return z + z * (z * z + 1.0) / (4.0 * df); }
 
 } // namespace
 
@@ -104,11 +117,12 @@ double gamma_quantile(TailTarget target, double a)
   if (target.log_lower == -infinity) return 0.0;
   if (target.log_upper == -infinity) return infinity;
   QuantileSearch search;
-  search.tails = gamma_tails_at_log;
+  search.tails = gamma_at_log;
   search.distribution = &a;
   search.target = target;
   search.low = -log_range;
-  search.high = 709.0;
+  // Chernoff: log Q(a, z) <= a - z + a log(z/a), which at z = 4 (a + t) is below -t.
+  search.high = std::log(4.0 * (a - target.log_upper));
   search.start = gamma_start(target, a);
   return zquant(&search) == 0 ? std::exp(search.x) : not_a_number;
 }
@@ -124,20 +138,18 @@ double f_quantile(TailTarget target, double ndf, double ddf)
   return ddf / ndf * std::exp(-w);
 }
 
-// With both tails of |T|, t^2 = df y/x with x beta distributed (df/2, 1/2). Near the centre 1 - 2 min(P, Q) is what counts:
-// it is |P - Q|, formed by expm1 when both logarithms are near log(1/2).
 double student_quantile(TailTarget target, double df)
 {
   if (!(usable(target) && df > dmin)) return not_a_number;
   const bool left = target.log_lower <= target.log_upper;
   const double log_tail = left ? target.log_lower : target.log_upper;
   if (log_tail == -infinity) return left ? -infinity : infinity;
-  if (df > 2.0 * largest_shape) return deviate(target);
-  const double log_outside = std::min(0.0, log_tail + ln2);
-  if (log_outside == 0.0) return 0.0;
-  const double w = beta_logit_quantile({log_outside, log_complement(log_outside)}, 0.5 * df, 0.5);
-  const double t = std::sqrt(df) * std::exp(-0.5 * w);
-  return left ? -t : t;
+  if (df > nearly_normal && log_tail > -1e5) return nearly_normal_quantile(deviate(target), df);
+  if (std::isinf(df)) return deviate(target);
+  const double log_outside = log_tail + ln2;
+  if (log_outside >= 0.0) return 0.0;
+  const double size = student_size(log_outside, log_complement(log_outside), df);
+  return left ? -size : size;
 }
 
 int zprobin(double p, double a, double b, double* x)
@@ -152,21 +164,16 @@ int zprobin(double p, double a, double b, double* x)
 int zqt(double p, double df, double* q)
 {
   if (!(p > 0.0 && p < 1.0 && df > 0.0)) return 1;
-  if (df > 2.0 * largest_shape) {
-    *q = zprobit(p);
-    return 0;
+  double quantile = 0.0;
+  if (df > nearly_normal) {
+    quantile = nearly_normal_quantile(zprobit(p), df);
+  } else if (p != 0.5) {
+    // p - 1/2 is exact, so that both tails of |T| are, however near the centre.
+    const double size = student_size(std::log(2.0 * std::min(p, 1.0 - p)), std::log(2.0 * std::fabs(p - 0.5)), df);
+    quantile = p < 0.5 ? -size : size;
   }
-  // p - 1/2 is exact, so that both tails of |T| are: outside 2 min(p, 1 - p), inside 2 |p - 1/2|.
-  const double inside = 2.0 * std::fabs(p - 0.5);
-  if (inside == 0.0) {
-    *q = 0.0;
-    return 0;
-  }
-  const double outside = 2.0 * std::min(p, 1.0 - p);
-  const double w = beta_logit_quantile({std::log(outside), std::log(inside)}, 0.5 * df, 0.5);
-  if (std::isnan(w)) return 1;
-  const double t = std::sqrt(df) * std::exp(-0.5 * w);
-  *q = p < 0.5 ? -t : t;
+  if (std::isnan(quantile)) return 1;
+  *q = quantile;
   return 0;
 }
 

@@ -50,7 +50,7 @@ double f_quantile(TailTarget target, double ndf, double ddf);
 int zprobin(double p, double a, double b, double* x);
 
 // zqt: the t quantile of p into q. (z numeric, q quantile, t.) Returns 0; 1 when p is not inside (0, 1) or df not above
-// 0: q is then unchanged. df above 2^54 is the normal distribution to the last digit.
+// 0: q is then unchanged. df may be infinite.
 int zqt(double p, double df, double* q);
 
 // zqc: the chi-square quantile of p into q. Returns 0; 1 when p is below 0 or at or above 1 or df not above 0: q is then
