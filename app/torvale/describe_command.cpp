@@ -1,0 +1,75 @@
+#include "host/table_writers.h"
+#include "torvale/commands.h"
+#include "torvale/torvale.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace torvale::app {
+
+namespace {
+
+using host::CellKind;
+
+host::Table variable_table(const host::DataSet& data)
+{
+  host::Table table("Variables", data.name,
+                    {{"Variable", CellKind::text, "Variable", "", ""}, {"Type", CellKind::text, "Type", "", ""},
+                     {"Missing", CellKind::integer, "Missing", "", ""}, {"Distinct", CellKind::integer, "Distinct", "", ""},
+                     {"Minimum", CellKind::number, "Minimum", "BEST10", ""}, {"Maximum", CellKind::number, "Maximum", "BEST10", ""}});
+  for (const host::Column& column : data.columns()) {
+    long missing = 0;
+    double low = host::missing, high = host::missing;
+    std::vector<double> numbers;
+    for (std::size_t row = 0; row < column.rows(); ++row) {
+      if (column.is_missing(row)) {
+        ++missing;
+      } else if (column.numeric()) {
+        numbers.push_back(column.number(row));
+      }
+    }
+    long distinct = static_cast<long>(column.dictionary().size());
+    if (column.numeric()) {
+      std::sort(numbers.begin(), numbers.end());
+      if (!numbers.empty()) {
+        low = numbers.front();
+        high = numbers.back();
+      }
+      distinct = static_cast<long>(std::unique(numbers.begin(), numbers.end()) - numbers.begin());
+    }
+    table.row({column.name(), column.numeric() ? "numeric" : "character", missing, distinct, low, high});
+  }
+  return table;
+}
+
+} // namespace
+
+int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries)
+{
+  RunSettings settings;
+  settings.libraries = libraries;
+  settings.log = [](std::string_view s) { std::fwrite(s.data(), 1, s.size(), stderr); };
+  Session session(std::move(settings));
+  const bool is_path = data.find('/') != std::string::npos || data.find(".csv") != std::string::npos;
+  const auto set = session.data_set(data, is_path);
+  if (set == nullptr) return 4;
+  std::printf("%zu rows, %zu variables\n\n", set->rows(), set->columns().size());
+  const std::string text = host::listing_text(variable_table(*set));
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  return 0;
+}
+
+int explain_command(const std::string& code)
+{
+  const std::string text = explain(code);
+  if (text.empty()) {
+    std::fprintf(stderr, "torvale: there is no message %s\n", code.c_str());
+    return 2;
+  }
+  std::printf("%s", text.c_str());
+  return 0;
+}
+
+} // namespace torvale::app

@@ -1,0 +1,82 @@
+// The command line. Reading it is all that happens here; the commands do the work.
+
+#include "torvale/commands.h"
+#include "torvale/torvale.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <optional>
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+// NAME=PATH, repeated.
+std::optional<Pairs> split(const std::vector<std::string>& bindings, const char* option)
+{
+  Pairs pairs;
+  for (const std::string& binding : bindings) {
+    const auto at = binding.find('=');
+    if (at == std::string::npos || at == 0 || at + 1 == binding.size()) {
+      std::fprintf(stderr, "torvale: %s takes NAME=PATH, found \"%s\"\n", option, binding.c_str());
+      return std::nullopt;
+    }
+    pairs.emplace_back(binding.substr(0, at), binding.substr(at + 1));
+  }
+  return pairs;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+  using namespace torvale::app;
+  CLI::App app{"Torvale fits nonlinear mixed models by maximum likelihood."};
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "torvale " + std::string(torvale::version()));
+
+  RunArguments arguments;
+  std::vector<std::string> data, libraries;
+  std::string described, code;
+  const auto shared = [&](CLI::App* command) {
+    command->add_option("PROGRAM", arguments.program, "program file; - for standard input")->required();
+    command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")->type_size(1)->allow_extra_args(false);
+    command->add_option("--library", libraries, "NAME=PATH: a folder of CSV files or an SQLite file")->type_size(1)->allow_extra_args(false);
+    command->add_option("--json", arguments.output.json, "results as JSON; - for standard output");
+    command->add_option("--log", arguments.output.log, "log to a file instead of standard error");
+    command->add_flag("--no-color", arguments.output.no_color, "plain text");
+  };
+  CLI::App* run = app.add_subcommand("run", "run every step of a program");
+  shared(run);
+  run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
+  run->add_option("--html", arguments.output.html, "the report");
+  run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
+  run->add_option("--threads", arguments.threads, "worker threads when the program does not say: 0 serial, -1 all cores");
+  run->add_option("--seed", arguments.seed, "seed when the program does not say")->check(CLI::Range(0L, 2147483646L));
+  run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
+  CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
+  shared(check);
+  check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
+  CLI::App* describe = app.add_subcommand("describe", "variables, types, rows and missing values of a data set");
+  describe->add_option("DATA", described, "a file, or a name of a library given by --library")->required();
+  describe->add_option("--library", libraries, "NAME=PATH")->type_size(1)->allow_extra_args(false);
+  CLI::App* explain = app.add_subcommand("explain", "what a message means and what to try");
+  explain->add_option("CODE", code, "as 503/72")->required();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
+  const auto data_pairs = split(data, "--data");
+  const auto library_pairs = split(libraries, "--library");
+  if (!data_pairs || !library_pairs) return 2;
+  arguments.data = *data_pairs;
+  arguments.libraries = *library_pairs;
+
+  if (*describe) return describe_command(described, *library_pairs);
+  if (*explain) return explain_command(code);
+  arguments.check_only = static_cast<bool>(*check);
+  return run_command(arguments);
+}

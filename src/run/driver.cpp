@@ -1,0 +1,108 @@
+#include "run/driver.h"
+
+#include "data/data_pass.h"
+#include "data/starting_values.h"
+#include "inference/tables.h"
+#include "integration/objective.h"
+#include "parallel/worker_pool.h"
+#include "run/exit_codes.h"
+#include "run/statement_processing.h"
+#include "solve/solve_step.h"
+#include "solve/starting_grid.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace torvale::run {
+
+using model::NX;
+
+namespace {
+
+// The tables and expressions of a fit; its exit code.
+int report_fit(NX& n)
+{
+  inference::write_fit_tables(n);
+  if (n.znlprc <= 0) return exit_not_converged;
+  int exit_code = n.covmat.empty() ? exit_no_covariance : exit_clean;
+  if (n.covmat.empty()) {
+    n.host->log().xpmlog(503, 9340);
+    n.raise(4);
+  } else {
+    if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
+    if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
+  }
+  return exit_code;
+}
+
+int run_group(NX& n)
+{
+  n.znlprc = 0;
+  if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
+  integration::forget_modes(n);
+  if (solve::tvlparm(n) != 0) return exit_no_start;
+  if (n.host->interrupted()) return exit_interrupted;
+  solve::tvlsolv(n);
+  const int exit_code = report_fit(n);
+  return n.host->interrupted() ? exit_interrupted : exit_code;
+}
+
+StepOutcome run_groups(NX& n)
+{
+  StepOutcome outcome;
+  host::ByGroups groups;
+  if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) outcome = {1012, exit_data};
+  const int step_code = n.tvlrc; // warnings of the statements belong to the step
+  while (groups.xbynext() && !n.host->interrupted()) {
+    n.group = static_cast<int>(groups.current_number());
+    n.rows = groups.current();
+    n.tvlrc = 0;
+    n.host->begin_group(groups.values(groups.current_number()));
+    int exit_code = exit_clean;
+    try {
+      exit_code = run_group(n);
+    } catch (const host::HostExit& end) {
+      n.raise(end.return_code);
+      exit_code = exit_program;
+    } catch (const std::bad_alloc&) {
+      n.host->log().xpmlog(503, 9341);
+      n.raise(1016);
+      exit_code = exit_internal;
+    }
+    if (n.ithis != nullptr) n.host->tables().close(*std::exchange(n.ithis, nullptr));
+    n.host->end_group(n.tvlrc);
+    outcome.return_code = std::max(outcome.return_code, n.tvlrc);
+    outcome.exit_code = worse_exit(outcome.exit_code, exit_code);
+  }
+  outcome.return_code = std::max(outcome.return_code, step_code);
+  n.tvlrc = outcome.return_code;
+  return outcome;
+}
+
+} // namespace
+
+StepOutcome hsttorvl(NX& n)
+{
+  StepOutcome outcome;
+  try {
+    tvlinit(n);
+    n.starting_tables = [](NX& run) {
+      inference::starting_tables(run);
+      return 0;
+    };
+    parallel::tvltinit(n);
+    tvlspec(n);
+    outcome = run_groups(n);
+  } catch (const host::HostExit& end) {
+    outcome.return_code = std::max(n.tvlrc, end.return_code);
+    outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
+  } catch (const std::bad_alloc&) {
+    n.host->log().xpmlog(503, 9341);
+    outcome = {1016, exit_internal};
+  }
+  parallel::KillThreads(n);
+  return outcome;
+}
+
+} // namespace torvale::run

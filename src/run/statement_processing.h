@@ -1,0 +1,46 @@
+#pragma once
+// From parsed statements to a compiled model and a filled run record.
+
+#include "model/run_record.h"
+
+namespace torvale::run {
+
+// tvlexit: ends the step from anywhere with a return code (tvl procedure, exit). Never returns; caught by the driver.
+[[noreturn]] void tvlexit(model::NX& n, int return_code);
+
+// tvlinit: statement processing (tvl procedure, init initialize): options, MODEL, parameters, RANDOM, bounds, expressions,
+// derivative requests, code. n.host, n.proc, n.sources, n.fid are set before. Faults leave through tvlexit with 3000 or 1012.
+// Nothing in it reads observations; its order is part of the behaviour, since an earlier check hides a later one.
+void tvlinit(model::NX& n);
+
+// --- The stages of tvlinit, in their order -------------------------------------------------------------------------
+
+// Options of the TORVALE statement, with their defaults.
+void procedure_options(model::NX& n, const syntax::STMT& procedure);
+// Checks MODEL and names the dependent variable and `_ll`.
+void model_statement(model::NX& n);
+// Names of PARMS, of its data set, and undefined names of the program become parameters.
+void parameter_setup(model::NX& n);
+// readrandom: one RANDOM statement into its REFFECT.
+void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
+// Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc, callbacks).
+void optimizer_setup(model::NX& n, const syntax::STMT& procedure);
+// process_bounds: every BOUNDS statement into lower and upper bounds of PARMSTR.
+void process_bounds(model::NX& n);
+// ESTIMATE and CONTRAST: expressions and their derivative requests (before cmpgen), programs (after).
+void read_expression_statements(model::NX& n);
+void specialise_expression_statements(model::NX& n);
+
+// tvlspec: "Specifications". (tvl procedure, spec specifications.)
+void tvlspec(model::NX& n);
+
+// --- Shared by the stages ------------------------------------------------------------------------------------------
+
+// The place of a statement or option for a message.
+host::MessagePlace place_at(const model::NX& n, const char* statement, syntax::Position where);
+// Hands the compiler's diagnostics to the log (group 200); returns the number of errors among them.
+int log_diagnostics(model::NX& n);
+// True for names that the generated statements use.
+bool reserved_name(std::string_view name);
+
+} // namespace torvale::run
