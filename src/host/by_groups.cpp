@@ -57,7 +57,9 @@ int ByGroups::build(const DataSet& data, std::vector<ByVariable> variables, bool
     begin = row;
     if (order > 0 && !notsorted) {
       log.xpmlog(503, 9032,
-                 {{"data", data.name}, {"before", key_text(data, columns_, row - 1)}, {"after", key_text(data, columns_, row)},
+                 {{"data", data.name},
+                  {"before", key_text(data, columns_, row - 1)},
+                  {"after", key_text(data, columns_, row)},
                   {"row", data.file_row(row)}});
       return -1;
     }

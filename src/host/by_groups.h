@@ -19,12 +19,12 @@ struct ByGroup {
   std::size_t rows() const { return end - begin; }
 };
 
-// The rows of a data set grouped by BY variables: runs of equal values, in file order. Without BY variables the whole data
-// set is one group, also when it has no rows. Missing values are a group of their own.
+// The rows of a data set grouped by BY variables: runs of equal values, in file order. Without BY variables the whole
+// data set is one group, also when it has no rows. Missing values are a group of their own.
 class ByGroups {
 public:
-  // Finds the groups. An unknown variable, or (unless notsorted) a value out of order, is an error: -1 with a message, and
-  // the groups before the row out of order are there.
+  // Finds the groups. An unknown variable, or (unless notsorted) a value out of order, is an error: -1 with a message,
+  // and the groups before the row out of order are there.
   int build(const DataSet& data, std::vector<ByVariable> variables, bool notsorted, MessageSink& log);
 
   std::size_t count() const { return groups_.size(); }
@@ -40,7 +40,8 @@ public:
   // Both sets of groups must have the same BY variables with the same kinds.
   std::optional<std::size_t> xbysync(const ByGroups& other, std::size_t group_of_other) const;
 
-  // xbylist: can the groups of two data sets be matched? 0 yes; 1 a variable differs in kind; 2 this set lacks a variable.
+  // xbylist: can the groups of two data sets be matched? 0 yes; 1 a variable differs in kind; 2 this set lacks a
+  // variable.
   static int xbylist(const DataSet& main, const DataSet& second, const std::vector<ByVariable>& variables);
 
 private:

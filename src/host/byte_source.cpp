@@ -73,8 +73,10 @@ public:
       if (between_members_) inflateReset(&z_);
       between_members_ = false;
       const int code = inflate(&z_, Z_NO_FLUSH);
-      if (code == Z_STREAM_END) between_members_ = true;
-      else if (code != Z_OK && code != Z_BUF_ERROR) return fail(z_.msg ? z_.msg : "the compressed data are damaged");
+      if (code == Z_STREAM_END)
+        between_members_ = true;
+      else if (code != Z_OK && code != Z_BUF_ERROR)
+        return fail(z_.msg ? z_.msg : "the compressed data are damaged");
     }
     return static_cast<std::ptrdiff_t>(wanted - z_.avail_out);
   }
@@ -150,7 +152,10 @@ std::unique_ptr<ByteSource> open_bytes(const std::string& path, std::string& pro
   return std::make_unique<PlainFile>(std::move(file));
 }
 
-std::unique_ptr<ByteSource> bytes_of(std::string_view text) { return std::make_unique<TextBytes>(text); }
+std::unique_ptr<ByteSource> bytes_of(std::string_view text)
+{
+  return std::make_unique<TextBytes>(text);
+}
 
 std::string compressed_for(const std::string& path, std::string bytes)
 {

@@ -18,7 +18,7 @@ public:
     character_ = asked == ColumnKind::character;
   }
 
-  void take(std::string_view field, std::int64_t row);      // first pass
+  void take(std::string_view field, std::int64_t row); // first pass
   void take_text(std::string_view field) { texts_.append(field == "." ? std::string_view{} : field); }
 
   bool needs_second_pass() const { return character_ && texts_.rows() == 0 && rows_ > 0; }
@@ -26,13 +26,13 @@ public:
   Column finish() { return std::move(character_ ? texts_ : numbers_); }
 
   // Seen in the first pass; rows count from 1, 0 means never.
-  std::string foreign;             // first field that is not a number
+  std::string foreign; // first field that is not a number
   std::int64_t foreign_row = 0;
   std::int64_t foreign_count = 0;
-  bool several_foreign = false;    // and it is not the only spelling
+  bool several_foreign = false; // and it is not the only spelling
   std::int64_t numbers_seen = 0;
   std::int64_t leading_zero_row = 0;
-  std::int64_t inexact_row = 0;    // a whole number that a double does not hold
+  std::int64_t inexact_row = 0; // a whole number that a double does not hold
 
 private:
   void note_number(std::string_view spelled, double value, std::int64_t row);
@@ -102,7 +102,8 @@ void ColumnReader::take(std::string_view field, std::int64_t row)
 // One reading of a file: where messages say they come from, and what the header declared.
 class CsvReader {
 public:
-  CsvReader(std::string file, MessageSink& log, const ColumnKinds& kinds) : file_(std::move(file)), log_(log), kinds_(kinds)
+  CsvReader(std::string file, MessageSink& log, const ColumnKinds& kinds)
+      : file_(std::move(file)), log_(log), kinds_(kinds)
   {
   }
   bool header(CsvScanner& scanner, const ByteSource& source);
@@ -134,10 +135,17 @@ bool CsvReader::failed(const CsvScanner& scanner, const ByteSource& source)
                                ? names_[static_cast<std::size_t>(field) - 1]
                                : std::to_string(field);
   switch (scanner.fault()) {
-  case CsvScanner::Fault::unclosed_quote: log_.xpmlog(503, 9005, {{"column", name}}, place); break;
-  case CsvScanner::Fault::text_after_quote: log_.xpmlog(503, 9006, {{"column", name}}, place); break;
-  case CsvScanner::Fault::not_text: log_.xpmlog(503, 9007, {{"file", file_}}); break;
-  default: log_.xpmlog(503, 9002, {{"file", file_}, {"reason", source.problem}});
+  case CsvScanner::Fault::unclosed_quote:
+    log_.xpmlog(503, 9005, {{"column", name}}, place);
+    break;
+  case CsvScanner::Fault::text_after_quote:
+    log_.xpmlog(503, 9006, {{"column", name}}, place);
+    break;
+  case CsvScanner::Fault::not_text:
+    log_.xpmlog(503, 9007, {{"file", file_}});
+    break;
+  default:
+    log_.xpmlog(503, 9002, {{"file", file_}, {"reason", source.problem}});
   }
   return false;
 }
@@ -206,12 +214,18 @@ void CsvReader::notes()
     const bool asked = kinds_.contains(wzstrlo(names_[i]));
     if (asked && c.foreign_row > 0 && !c.character())
       log_.xpmlog(503, 9014,
-                  {{"file", file_}, {"column", names_[i]}, {"count", c.foreign_count}, {"value", c.foreign},
+                  {{"file", file_},
+                   {"column", names_[i]},
+                   {"count", c.foreign_count},
+                   {"value", c.foreign},
                    {"row", c.foreign_row}});
     if (asked) continue;
     if (c.character() && c.numbers_seen > 0 && !c.several_foreign)
       log_.xpmlog(503, 9010,
-                  {{"file", file_}, {"column", names_[i]}, {"value", c.foreign}, {"row", c.foreign_row},
+                  {{"file", file_},
+                   {"column", names_[i]},
+                   {"value", c.foreign},
+                   {"row", c.foreign_row},
                    {"count", c.foreign_count}});
     if (!c.character() && c.leading_zero_row > 0)
       log_.xpmlog(503, 9011, {{"file", file_}, {"column", names_[i]}, {"row", c.leading_zero_row}});

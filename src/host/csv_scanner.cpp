@@ -88,11 +88,13 @@ CsvScanner::Step CsvScanner::next(std::vector<std::string_view>& fields)
   std::size_t i = begin_;
   if (!started_) {
     started_ = true;
-    while (buffer_.size() < 3 && more()) {}
+    while (buffer_.size() < 3 && more()) {
+    }
     if (buffer_.starts_with("\xEF\xBB\xBF")) i = 3;
     if (buffer_.starts_with("\xFF\xFE") || buffer_.starts_with("\xFE\xFF")) fault_ = Fault::not_text;
   }
-  while (at(i) && skip_line_end(i)) {} // empty lines
+  while (at(i) && skip_line_end(i)) {
+  } // empty lines
   line_ = next_line_;
   if (fault_ != Fault::none) return fail(fault_);
   if (!at(i)) return fault_ == Fault::none ? Step::end : fail(fault_);

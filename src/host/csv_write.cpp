@@ -24,8 +24,10 @@ void append_csv_field(std::string& out, std::string_view field)
 void append_csv_cell(std::string& out, const Column& column, std::size_t row, bool only_column)
 {
   if (!column.numeric()) {
-    if (only_column && column.text(row).empty()) out += "\"\"";
-    else append_csv_field(out, column.text(row));
+    if (only_column && column.text(row).empty())
+      out += "\"\"";
+    else
+      append_csv_field(out, column.text(row));
     return;
   }
   const double x = column.number(row);

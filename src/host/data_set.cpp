@@ -40,8 +40,10 @@ void Column::append(std::string_view value)
 
 void Column::append_missing()
 {
-  if (numeric()) append(missing);
-  else append(std::string_view{});
+  if (numeric())
+    append(missing);
+  else
+    append(std::string_view{});
 }
 
 std::size_t Column::text_width() const
@@ -51,12 +53,17 @@ std::size_t Column::text_width() const
   return width;
 }
 
-std::string Column::shown(std::size_t row) const { return numeric() ? shortest(numbers_[row]) : text(row); }
+std::string Column::shown(std::size_t row) const
+{
+  return numeric() ? shortest(numbers_[row]) : text(row);
+}
 
 void Column::reserve(std::size_t rows)
 {
-  if (numeric()) numbers_.reserve(rows);
-  else codes_.reserve(rows);
+  if (numeric())
+    numbers_.reserve(rows);
+  else
+    codes_.reserve(rows);
 }
 
 Column Column::select(std::span<const std::size_t> rows) const
@@ -64,8 +71,10 @@ Column Column::select(std::span<const std::size_t> rows) const
   Column out(name_, kind_, label_);
   out.reserve(rows.size());
   for (const std::size_t row : rows) {
-    if (numeric()) out.append(numbers_[row]);
-    else out.append(std::string_view(text(row)));
+    if (numeric())
+      out.append(numbers_[row]);
+    else
+      out.append(std::string_view(text(row)));
   }
   return out;
 }

@@ -58,7 +58,8 @@ private:
   std::unordered_map<std::string, std::uint32_t, Hash, std::equal_to<>> index_; // text -> code; looked up, never walked
 };
 
-// Order and equality of two rows' values of columns of the same kind: numbers with missing ones first, characters padded.
+// Order and equality of two rows' values of columns of the same kind: numbers with missing ones first, characters
+// padded.
 int compare_cells(const Column& a, std::size_t row_a, const Column& b, std::size_t row_b);
 
 // A data set in memory: columns of equal length. Names are not case-sensitive and at most 32 bytes long.
@@ -67,8 +68,8 @@ public:
   static constexpr std::size_t longest_name = 32;
   static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
-  std::string name;  // "work.theoph", "mylib.theoph", or the path that was given
-  std::string path;  // file it came from; empty in memory
+  std::string name; // "work.theoph", "mylib.theoph", or the path that was given
+  std::string path; // file it came from; empty in memory
   std::string label;
 
   std::size_t rows() const { return columns_.empty() ? 0 : columns_.front().rows(); }

@@ -8,7 +8,10 @@ namespace torvale::host {
 
 namespace {
 
-bool blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+bool blank(char c)
+{
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
 bool name_character(char c)
 {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || (c & 0x80);
@@ -157,7 +160,8 @@ private:
     if (option != "WHERE") {
       const std::string near =
           nearest_name(option, {"KEEP", "DROP", "RENAME", "WHERE", "FIRSTROW", "LASTROW", "LABEL"});
-      return fail("there is no data set option " + option + "=" + (near.empty() ? "" : "; did you mean " + near + "=?"));
+      return fail("there is no data set option " + option + "=" +
+                  (near.empty() ? "" : "; did you mean " + near + "=?"));
     }
     std::string_view condition;
     if (!bracketed(condition)) return false;
@@ -187,7 +191,10 @@ bool known(const std::vector<std::string>& names, std::string_view name, std::st
   return false;
 }
 
-bool listed(const std::vector<std::string>& names, std::string_view name) { return index_of(names, name) < names.size(); }
+bool listed(const std::vector<std::string>& names, std::string_view name)
+{
+  return index_of(names, name) < names.size();
+}
 
 } // namespace
 
@@ -267,7 +274,8 @@ int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSin
   out.name = data.name;
   out.path = data.path;
   out.label = options.label.empty() ? data.label : options.label;
-  if (kept == 0 && rows_before > 0 && options.where) log.xpmlog(503, 9030, {{"data", data.name}, {"rows", rows_before}});
+  if (kept == 0 && rows_before > 0 && options.where)
+    log.xpmlog(503, 9030, {{"data", data.name}, {"rows", rows_before}});
   data = std::move(out);
   return 0;
 }

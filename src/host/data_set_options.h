@@ -12,19 +12,19 @@ namespace torvale::host {
 
 // The options that stand in parentheses behind a data set's name.
 struct DataSetOptions {
-  std::vector<std::string> keep;                            // KEEP=: empty keeps all
-  std::vector<std::string> drop;                            // DROP=
-  std::vector<std::pair<std::string, std::string>> rename;  // RENAME=(old=new ...)
-  std::shared_ptr<const WhereExpression> where;             // WHERE=(...): null keeps all rows
-  std::int64_t first_row = 1;                               // FIRSTROW=: number among the rows that WHERE keeps, from 1
-  std::int64_t last_row = 0;                                // LASTROW=: 0 is the last one
-  std::string label;                                        // LABEL='...'
+  std::vector<std::string> keep;                           // KEEP=: empty keeps all
+  std::vector<std::string> drop;                           // DROP=
+  std::vector<std::pair<std::string, std::string>> rename; // RENAME=(old=new ...)
+  std::shared_ptr<const WhereExpression> where;            // WHERE=(...): null keeps all rows
+  std::int64_t first_row = 1;                              // FIRSTROW=: number among the rows that WHERE keeps, from 1
+  std::int64_t last_row = 0;                               // LASTROW=: 0 is the last one
+  std::string label;                                       // LABEL='...'
 
   bool empty() const;
 };
 
-// Reads the text between the parentheses, as "keep=a b where=(x > 1) rename=(a=b)". On a mistake the message says what is
-// wrong and at which character, and nothing is returned.
+// Reads the text between the parentheses, as "keep=a b where=(x > 1) rename=(a=b)". On a mistake the message says what
+// is wrong and at which character, and nothing is returned.
 std::optional<DataSetOptions> parse_data_set_options(std::string_view text, MessageSink& log,
                                                      const MessagePlace& place = {});
 

@@ -26,7 +26,8 @@ std::string by_line(const ByValues& by)
 class EmbeddedHost final : public Host, private TableSink {
 public:
   explicit EmbeddedHost(HostOptions options)
-      : options_(std::move(options)), log_([this](std::string_view line) { log_line(line); }), libraries_(options_.places)
+      : options_(std::move(options)), log_([this](std::string_view line) { log_line(line); }),
+        libraries_(options_.places)
   {
     results_.version = options_.version;
     results_.program = options_.program;
@@ -89,7 +90,8 @@ private:
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// Tables written before the first group (the specifications) open that group early; begin_group then fills in its values.
+// Tables written before the first group (the specifications) open that group early; begin_group then fills in its
+// values.
 GroupResult& EmbeddedHost::group_for_tables()
 {
   if (results_.steps.empty()) begin_step();
@@ -174,6 +176,9 @@ const std::string* EmbeddedHost::option(std::string_view name) const
 
 } // namespace
 
-std::unique_ptr<Host> make_host(HostOptions options) { return std::make_unique<EmbeddedHost>(std::move(options)); }
+std::unique_ptr<Host> make_host(HostOptions options)
+{
+  return std::make_unique<EmbeddedHost>(std::move(options));
+}
 
 } // namespace torvale::host

@@ -9,6 +9,9 @@ struct HostExit {
 };
 
 // xexit: end the step with a return and a reason code.
-[[noreturn]] inline void xexit(int return_code, int reason_code) { throw HostExit{return_code, reason_code}; }
+[[noreturn]] inline void xexit(int return_code, int reason_code)
+{
+  throw HostExit{return_code, reason_code};
+}
 
 } // namespace torvale::host

@@ -15,9 +15,12 @@ std::string_view kind_name(CellKind kind)
 
 void append_cell(std::string& out, const Cell& cell)
 {
-  if (cell.text()) append_json_string(out, *cell.text());
-  else if (cell.integer()) out += std::to_string(*cell.integer());
-  else append_json_number(out, *cell.number());
+  if (cell.text())
+    append_json_string(out, *cell.text());
+  else if (cell.integer())
+    out += std::to_string(*cell.integer());
+  else
+    append_json_number(out, *cell.number());
 }
 
 void append_field(std::string& out, std::string_view name, std::string_view text)
@@ -106,14 +109,26 @@ void append_json_string(std::string& out, std::string_view text)
   out += '"';
   for (const char c : valid_utf8(text)) {
     switch (c) {
-    case '"': out += "\\\""; break;
-    case '\\': out += "\\\\"; break;
-    case '\n': out += "\\n"; break;
-    case '\r': out += "\\r"; break;
-    case '\t': out += "\\t"; break;
+    case '"':
+      out += "\\\"";
+      break;
+    case '\\':
+      out += "\\\\";
+      break;
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
     default:
-      if (static_cast<unsigned char>(c) < 0x20) out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-      else out += c;
+      if (static_cast<unsigned char>(c) < 0x20)
+        out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+      else
+        out += c;
     }
   }
   out += '"';
@@ -121,9 +136,12 @@ void append_json_string(std::string& out, std::string_view text)
 
 void append_json_number(std::string& out, double x)
 {
-  if (std::isnan(x)) out += "null";
-  else if (std::isinf(x)) out += x > 0 ? "\"inf\"" : "\"-inf\"";
-  else append_shortest(out, x);
+  if (std::isnan(x))
+    out += "null";
+  else if (std::isinf(x))
+    out += x > 0 ? "\"inf\"" : "\"-inf\"";
+  else
+    append_shortest(out, x);
 }
 
 void append_json(std::string& out, const Table& table)

@@ -40,7 +40,8 @@ std::vector<std::string> members_of(const std::string& folder)
   for (fs::directory_iterator i(folder, error), end; !error && i != end; i.increment(error)) {
     const std::string file = i->path().filename().string();
     for (const std::string_view ending : endings)
-      if (file.size() > ending.size() && equal_names(std::string_view(file).substr(file.size() - ending.size()), ending))
+      if (file.size() > ending.size() &&
+          equal_names(std::string_view(file).substr(file.size() - ending.size()), ending))
         names.push_back(file.substr(0, file.size() - ending.size()));
   }
   std::sort(names.begin(), names.end());
@@ -98,7 +99,10 @@ void not_found(const std::string& name, const std::string& where, const std::vec
 
 } // namespace
 
-void Libraries::bind_data(std::string_view name, std::string path) { data_[wzstrlo(name)] = std::move(path); }
+void Libraries::bind_data(std::string_view name, std::string path)
+{
+  data_[wzstrlo(name)] = std::move(path);
+}
 
 void Libraries::bind_library(std::string_view library, std::string path)
 {
@@ -117,7 +121,8 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
                                             const MessagePlace& place, const ColumnKinds& kinds) const
 {
   if (!is_file(path)) {
-    log.xpmlog(503, 9002, {{"file", path}, {"reason", fs::is_directory(path) ? "it is a folder" : "there is no such file"}},
+    log.xpmlog(503, 9002,
+               {{"file", path}, {"reason", fs::is_directory(path) ? "it is a folder" : "there is no such file"}},
                place);
     return std::nullopt;
   }
@@ -164,9 +169,12 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
       log.xpmlog(503, 9021, {{"library", parts.library}, {"known", known}}, place);
     } else if (is_database(folder)) {
       const auto tables = sqlite_tables(folder);
-      const auto table = std::find_if(tables.begin(), tables.end(), [&](auto& t) { return equal_names(t, parts.member); });
-      if (table != tables.end()) data = read_sqlite(folder, *table, log);
-      else not_found(reference.name, "the database " + folder, tables, log, place);
+      const auto table =
+          std::find_if(tables.begin(), tables.end(), [&](auto& t) { return equal_names(t, parts.member); });
+      if (table != tables.end())
+        data = read_sqlite(folder, *table, log);
+      else
+        not_found(reference.name, "the database " + folder, tables, log, place);
     } else if (found = file_in_folder(folder, parts.member); !found.empty()) {
       data = read_csv(found, log);
     } else {
@@ -181,7 +189,9 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
   std::string numeric, character;
   for (const Column& column : data->columns()) (column.numeric() ? numeric : character) += " " + column.name();
   log.xpmlog(503, 9015,
-             {{"data", data->name}, {"rows", data->rows()}, {"numeric", numeric.empty() ? " none" : numeric},
+             {{"data", data->name},
+              {"rows", data->rows()},
+              {"numeric", numeric.empty() ? " none" : numeric},
               {"character", character.empty() ? " none" : character}});
   if (apply_input_options(*data, reference.options, log) != 0) return std::nullopt;
   return data;
@@ -250,11 +260,13 @@ int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
   }
   data.name = owned->data_.name;
   const bool database = is_database(owned->path_);
-  const int code = database ? write_sqlite(data, owned->path_, owned->member_, log) : write_csv(data, owned->path_, log);
+  const int code =
+      database ? write_sqlite(data, owned->path_, owned->member_, log) : write_csv(data, owned->path_, log);
   if (code != 0) return code;
 
   const std::string shown = fs::path(owned->path_).lexically_proximate(places_.output_folder).string();
-  log.xpmlog(503, 9034, {{"data", data.name}, {"rows", data.rows()}, {"columns", data.columns().size()}, {"file", shown}});
+  log.xpmlog(503, 9034,
+             {{"data", data.name}, {"rows", data.rows()}, {"columns", data.columns().size()}, {"file", shown}});
   finished_.push_back({data.name, shown, data.rows()});
   written_[data.name] = std::move(written);
   return 0;
@@ -268,6 +280,9 @@ int Libraries::close_all(MessageSink& log)
   return code;
 }
 
-std::vector<DataSetResult> Libraries::take_written() { return std::exchange(finished_, {}); }
+std::vector<DataSetResult> Libraries::take_written()
+{
+  return std::exchange(finished_, {});
+}
 
 } // namespace torvale::host

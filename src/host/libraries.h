@@ -19,8 +19,8 @@ struct DataSetReference {
   DataSetOptions options;
 };
 
-// An output data set while it is being written: columns first, then rows, then finish. Rows stay in memory until then; the
-// file is replaced only when its successor is complete. Output that nobody finished is finished when the step ends.
+// An output data set while it is being written: columns first, then rows, then finish. Rows stay in memory until then;
+// the file is replaced only when its successor is complete. Output that nobody finished is finished when the step ends.
 class OutputDataSet {
 public:
   // xvputi, xvputd: declare the next column; the name is cut to 32 bytes and made unique. Returns its number.
@@ -44,7 +44,7 @@ private:
   DataSetOptions options_;
   std::string library_; // lower case
   std::string member_;
-  std::string path_;    // file that will be written; the database for a table of SQLite
+  std::string path_; // file that will be written; the database for a table of SQLite
   std::vector<double> numbers_;
   std::vector<std::string> texts_;
 };
@@ -63,13 +63,13 @@ public:
   std::vector<std::string> bound_names() const;                  // names given to bind_data, sorted
 
   // xoopen: find and read an input data set, options applied. A one-level name is, in this order: a data set that an
-  // earlier step wrote to work, a bound name, NAME.csv (.csv.gz, .csv.zst) in the program's folder. Nothing, with a message
-  // that lists where it was looked for and names alike, when it cannot be read.
+  // earlier step wrote to work, a bound name, NAME.csv (.csv.gz, .csv.zst) in the program's folder. Nothing, with a
+  // message that lists where it was looked for and names alike, when it cannot be read.
   std::optional<DataSet> xoopen(const DataSetReference& reference, MessageSink& log,
                                 const MessagePlace& place = {}) const;
 
-  // Opens an output data set. Null, with a message, when the name is wrong, already open in this step, or its place cannot
-  // be written. Owned by the libraries until the step ends.
+  // Opens an output data set. Null, with a message, when the name is wrong, already open in this step, or its place
+  // cannot be written. Owned by the libraries until the step ends.
   OutputDataSet* open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place = {});
 
   // xoclose: write it out. 0, or -1 with a message. The pointer is dead afterwards.

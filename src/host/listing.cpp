@@ -62,8 +62,8 @@ void append_line(std::string& out, std::string line)
   out += line + '\n';
 }
 
-std::string panel_text(const std::vector<ShownColumn>& columns, const std::vector<std::size_t>& chosen, std::size_t rows,
-                       std::size_t width)
+std::string panel_text(const std::vector<ShownColumn>& columns, const std::vector<std::size_t>& chosen,
+                       std::size_t rows, std::size_t width)
 {
   std::size_t total = 0, heading_lines = 0;
   for (const std::size_t i : chosen) {

@@ -74,7 +74,8 @@ MessageArgument::MessageArgument(std::string_view n, double v) : name(n), value(
 const CatalogueEntry* find_message(int group, int number)
 {
   const auto& all = catalogue();
-  const auto key = std::pair(group, number);
+  const auto key =
+      std::pair(group == 0 ? 503 : group, number); // the words of tables stand with the procedure's messages
   const auto at = std::lower_bound(all.begin(), all.end(), key, [](const CatalogueEntry& e, const auto& k) {
     return std::pair(e.group, e.number) < k;
   });
@@ -135,21 +136,27 @@ void MessageSink::xpmlog(int group, int number, const MessageArguments& argument
 
 void Journal::post(Message message)
 {
-  if (entries_.size() < limit_) entries_.push_back({false, std::move(message)});
-  else ++dropped_;
+  if (entries_.size() < limit_)
+    entries_.push_back({false, std::move(message)});
+  else
+    ++dropped_;
 }
 
 void Journal::xpslog(std::string_view line)
 {
-  if (entries_.size() < limit_) entries_.push_back({true, Message{.text = std::string(line)}});
-  else ++dropped_;
+  if (entries_.size() < limit_)
+    entries_.push_back({true, Message{.text = std::string(line)}});
+  else
+    ++dropped_;
 }
 
 void Journal::replay(MessageSink& sink)
 {
   for (Entry& entry : entries_) {
-    if (entry.raw) sink.xpslog(entry.message.text);
-    else sink.post(std::move(entry.message));
+    if (entry.raw)
+      sink.xpslog(entry.message.text);
+    else
+      sink.post(std::move(entry.message));
   }
   if (dropped_ > 0) sink.xpmlog(503, 9001, {{"count", dropped_}});
   clear();

@@ -10,9 +10,10 @@
 #include <utility>
 #include <vector>
 
-// Numbered messages. Words, severity and advice stand in one table, catalogue.cpp; a caller gives group, number and named
-// arguments. Groups: 503 the procedure, 352 the optimizer, 549 the optimizer's reports, 0 labels of tables. Numbers of
-// 503 from 9000 on are the embedded host's own.
+// Numbered messages. Words, severity and advice stand in one table, catalogue.cpp; a caller gives group, number and
+// named arguments. Groups: 503 the procedure, 352 the optimizer, 549 the optimizer's reports, 0 labels of tables.
+// Numbers of 503 from 9000 on are of our own making: 9000 to 9199 the host, 9200 to 9299 data and solve; a room takes
+// the next free hundred.
 namespace torvale::host {
 
 enum class Severity { note, warning, error };
@@ -32,12 +33,12 @@ using MessageArguments = std::vector<MessageArgument>;
 
 // Where something happened; every field may be left unset. Shown behind the text.
 struct MessagePlace {
-  std::string statement{}; // name of the statement, as "PARMS"
-  int line = 0;           // line of the program, from 1
-  int column = 0;         // column of that line, from 1
-  std::int64_t row = 0;   // observation number, from 1
-  std::string subject{};   // text of the subject
-  std::string file{};      // data file
+  std::string statement{};    // name of the statement, as "PARMS"
+  int line = 0;               // line of the program, from 1
+  int column = 0;             // column of that line, from 1
+  std::int64_t row = 0;       // observation number, from 1
+  std::string subject{};      // text of the subject
+  std::string file{};         // data file
   std::int64_t file_line = 0; // line of that file, from 1
 };
 
@@ -63,7 +64,8 @@ struct CatalogueEntry {
 const std::vector<CatalogueEntry>& catalogue();
 const CatalogueEntry* find_message(int group, int number); // null when there is none
 
-// What "torvale explain CODE" prints; CODE is "503/72", "503-72" or "72" (group 503). Empty when there is no such message.
+// What "torvale explain CODE" prints; CODE is "503/72", "503-72" or "72" (group 503). Empty when there is no such
+// message.
 std::string explain_message(std::string_view code);
 
 // xpmstr: the words of a message, arguments filled in. A number that the catalogue lacks still gives a text that names
@@ -105,8 +107,8 @@ private:
     bool raw;
     Message message; // of a raw line only the text counts
   };
-  std::size_t limit_;        // most entries kept
-  std::size_t dropped_ = 0;  // entries beyond the limit
+  std::size_t limit_;       // most entries kept
+  std::size_t dropped_ = 0; // entries beyond the limit
   std::vector<Entry> entries_;
 };
 

@@ -13,7 +13,10 @@ inline constexpr double missing = std::bit_cast<double>(std::uint64_t{0xFFFFFE00
 
 // wzmis: is x one of the missing values? (w host utility, z numeric, mis missing.) A NaN made by the hardware (7FF8...,
 // FFF8...) is not one of them: canonical_missing turns it into one.
-inline bool wzmis(double x) { return (std::bit_cast<std::uint64_t>(x) >> 48) == 0xFFFF; }
+inline bool wzmis(double x)
+{
+  return (std::bit_cast<std::uint64_t>(x) >> 48) == 0xFFFF;
+}
 
 // vzfdl: fill an array with one value, by default the missing value. (v vector, fdl fill doubles.)
 inline void vzfdl(std::span<double> values, double value = missing)
@@ -46,7 +49,10 @@ inline char missing_letter(double x)
 }
 
 // x itself, or the ordinary missing value for a NaN that is not a missing value.
-inline double canonical_missing(double x) { return std::isnan(x) && !wzmis(x) ? missing : x; }
+inline double canonical_missing(double x)
+{
+  return std::isnan(x) && !wzmis(x) ? missing : x;
+}
 
 // Order of two values as data: missing values first, by kind, then numbers. Returns -1, 0 or 1; -0 equals 0.
 inline int compare_values(double a, double b)

@@ -9,12 +9,19 @@ namespace torvale::host {
 
 namespace {
 
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_digit(char c)
+{
+  return c >= '0' && c <= '9';
+}
 
 // Decimal exponent of a magnitude, 0 for 0.
-int decimal_exponent(double x) { return x == 0.0 ? 0 : static_cast<int>(std::floor(std::log10(std::fabs(x)))); }
+int decimal_exponent(double x)
+{
+  return x == 0.0 ? 0 : static_cast<int>(std::floor(std::log10(std::fabs(x))));
+}
 
-// Does the text look like a number: [sign] digits [. digits] [e [sign] digits], with a digit before or behind the point?
+// Does the text look like a number: [sign] digits [. digits] [e [sign] digits], with a digit before or behind the
+// point?
 bool has_number_shape(std::string_view s)
 {
   std::size_t i = 0, digits = 0;
@@ -157,9 +164,12 @@ NumberFormat parse_format(std::string_view text)
   if (text.empty()) return format;
   const std::size_t digit = std::min(text.find_first_of("0123456789"), text.size());
   const std::string kind = wzstrup(text.substr(0, digit));
-  if (kind == "D") format.kind = NumberFormat::Kind::best_fit;
-  else if (kind == "PVALUE") format.kind = NumberFormat::Kind::probability;
-  else if (kind.empty()) format.kind = NumberFormat::Kind::fixed;
+  if (kind == "D")
+    format.kind = NumberFormat::Kind::best_fit;
+  else if (kind == "PVALUE")
+    format.kind = NumberFormat::Kind::probability;
+  else if (kind.empty())
+    format.kind = NumberFormat::Kind::fixed;
   const std::string_view sizes = text.substr(digit);
   const std::size_t point = std::min(sizes.find('.'), sizes.size());
   std::from_chars(sizes.data(), sizes.data() + point, format.width);
@@ -187,7 +197,8 @@ std::string format_number(double x, const NumberFormat& format)
     const int decimals = decimals_for(x, format.width, format.digits);
     return decimals < 0 ? exponent_text(x, format.width) : fixed_text(x, decimals);
   }
-  case NumberFormat::Kind::best: break;
+  case NumberFormat::Kind::best:
+    break;
   }
   return best_text(x, format.width);
 }
@@ -213,8 +224,9 @@ std::vector<std::string> format_column(const std::vector<double>& values, const 
   for (const double x : values) {
     // A value that the common decimals would show with too few digits keeps its own form.
     const bool fits = common >= 0 && std::isfinite(x) &&
-                      (x == 0.0 || (decimals_for(x, format.width, format.digits) >= 0 &&
-                                    decimals_for(x, format.width, format.digits) <= common) ||
+                      (x == 0.0 ||
+                       (decimals_for(x, format.width, format.digits) >= 0 &&
+                        decimals_for(x, format.width, format.digits) <= common) ||
                        (common == 0 && x == std::floor(x) && std::fabs(x) < 1e15));
     std::string text = fits ? fixed_text(x, common) : format_number(x, format);
     if (static_cast<int>(text.size()) > format.width) text = format_number(x, format);

@@ -20,16 +20,20 @@ std::size_t OutputDataSet::add_column(std::string name, ColumnKind kind, std::st
 
 void OutputDataSet::set_from(std::size_t column, const Column& source, std::size_t row)
 {
-  if (source.numeric()) numbers_[column] = source.number(row);
-  else texts_[column] = source.text(row);
+  if (source.numeric())
+    numbers_[column] = source.number(row);
+  else
+    texts_[column] = source.text(row);
 }
 
 void OutputDataSet::end_row()
 {
   for (std::size_t i = 0; i < numbers_.size(); ++i) {
     Column& column = data_.columns()[i];
-    if (column.numeric()) column.append(numbers_[i]);
-    else column.append(std::string_view(texts_[i]));
+    if (column.numeric())
+      column.append(numbers_[i]);
+    else
+      column.append(std::string_view(texts_[i]));
     numbers_[i] = missing;
     texts_[i].clear();
   }

@@ -9,8 +9,8 @@
 
 namespace torvale::host {
 
-// A memory pool: everything taken from it lives until the pool goes or is released. The lifetime is the run, the BY group
-// or one call; there is no way to give back a part. Not for several threads at once.
+// A memory pool: everything taken from it lives until the pool goes or is released. The lifetime is the run, the BY
+// group or one call; there is no way to give back a part. Not for several threads at once.
 class Pool {
 public:
   static constexpr std::size_t alignment = 64; // of arrays: a cache line, and the widest vector register
@@ -42,7 +42,7 @@ public:
   }
 
   const std::string& name() const { return name_; }
-  std::size_t taken() const { return taken_; }           // bytes asked for since the last release
+  std::size_t taken() const { return taken_; }              // bytes asked for since the last release
   std::pmr::memory_resource* resource() { return &arena_; } // for pmr containers of the same lifetime
 
 private:
@@ -52,6 +52,9 @@ private:
 };
 
 // xmpoolc: create a pool. (x host, mpool memory pool, c create.)  It is deleted by letting the pointer go (xmpoold).
-inline std::unique_ptr<Pool> xmpoolc(std::string name) { return std::make_unique<Pool>(std::move(name)); }
+inline std::unique_ptr<Pool> xmpoolc(std::string name)
+{
+  return std::make_unique<Pool>(std::move(name));
+}
 
 } // namespace torvale::host

@@ -23,11 +23,20 @@ std::string escaped(std::string_view text)
   std::string out;
   for (const char c : valid_utf8(text)) {
     switch (c) {
-    case '&': out += "&amp;"; break;
-    case '<': out += "&lt;"; break;
-    case '>': out += "&gt;"; break;
-    case '"': out += "&quot;"; break;
-    default: out += c;
+    case '&':
+      out += "&amp;";
+      break;
+    case '<':
+      out += "&lt;";
+      break;
+    case '>':
+      out += "&gt;";
+      break;
+    case '"':
+      out += "&quot;";
+      break;
+    default:
+      out += c;
     }
   }
   return out;
@@ -37,7 +46,8 @@ std::string by_text(const ByValues& by)
 {
   std::string out;
   for (const auto& [name, value] : by)
-    out += fmt::format("{}{}={}", out.empty() ? "" : " ", name, value.text() ? *value.text() : shortest(value.as_number()));
+    out += fmt::format("{}{}={}", out.empty() ? "" : " ", name,
+                       value.text() ? *value.text() : shortest(value.as_number()));
   return out;
 }
 
@@ -46,8 +56,8 @@ std::string messages_html(const StepResult& step)
   if (step.messages.empty()) return {};
   std::string out = "<ul class=\"messages\">\n";
   for (const Message& m : step.messages)
-    out += fmt::format("<li class=\"{}\">{} {}/{}: {}</li>\n", severity_name(m.severity), severity_name(m.severity), m.group,
-                       m.number, escaped(m.text));
+    out += fmt::format("<li class=\"{}\">{} {}/{}: {}</li>\n", severity_name(m.severity), severity_name(m.severity),
+                       m.group, m.number, escaped(m.text));
   return out + "</ul>\n";
 }
 
@@ -55,8 +65,8 @@ std::string messages_html(const StepResult& step)
 
 std::string html_text(const Table& table)
 {
-  std::string out = fmt::format("<div class=\"wide\"><table id=\"{}\">\n<caption>{}</caption>\n<tr>", escaped(table.name),
-                                escaped(table.title.empty() ? table.label : table.title));
+  std::string out = fmt::format("<div class=\"wide\"><table id=\"{}\">\n<caption>{}</caption>\n<tr>",
+                                escaped(table.name), escaped(table.title.empty() ? table.label : table.title));
   std::vector<std::vector<std::string>> cells;
   const auto css = [&](std::size_t i) { return table.columns[i].kind == CellKind::text ? " class=\"t\"" : ""; };
   for (std::size_t i = 0; i < table.columns.size(); ++i) {

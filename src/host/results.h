@@ -20,8 +20,8 @@ struct GroupResult {
 };
 
 struct DataSetResult {
-  std::string name;    // "work.pred"
-  std::string path;    // file, as written to the results
+  std::string name; // "work.pred"
+  std::string path; // file, as written to the results
   std::size_t rows = 0;
 };
 

@@ -146,6 +146,9 @@ bool make_folder(const std::string& path, std::string& problem)
   return false;
 }
 
-bool is_terminal(int descriptor) { return ::isatty(descriptor) == 1; }
+bool is_terminal(int descriptor)
+{
+  return ::isatty(descriptor) == 1;
+}
 
 } // namespace torvale::host

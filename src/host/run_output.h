@@ -23,7 +23,7 @@ public:
 private:
   std::string path_;
   std::string temporary_; // empty: bytes go straight to a pipe or a device
-  std::string problem_; // what failed first, in the system's words
+  std::string problem_;   // what failed first, in the system's words
   int descriptor_ = -1;
   bool ok_ = false;
 };

@@ -56,7 +56,8 @@ std::string quoted_name(std::string_view name)
 std::string_view text_of(sqlite3_stmt* row, int column)
 {
   const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
-  return text ? std::string_view(text, static_cast<std::size_t>(sqlite3_column_bytes(row, column))) : std::string_view{};
+  return text ? std::string_view(text, static_cast<std::size_t>(sqlite3_column_bytes(row, column)))
+              : std::string_view{};
 }
 
 // First pass: which columns are numeric throughout? False when reading fails.
@@ -78,8 +79,10 @@ void append_value(Column& column, sqlite3_stmt* rows, int i)
 {
   const int type = sqlite3_column_type(rows, i);
   if (!column.numeric()) {
-    if (type == SQLITE_FLOAT) column.append(shortest(sqlite3_column_double(rows, i)));
-    else column.append(text_of(rows, i)); // integers become their digits, NULL the empty text
+    if (type == SQLITE_FLOAT)
+      column.append(shortest(sqlite3_column_double(rows, i)));
+    else
+      column.append(text_of(rows, i)); // integers become their digits, NULL the empty text
   } else if (type == SQLITE_INTEGER || type == SQLITE_FLOAT) {
     column.append(sqlite3_column_double(rows, i));
   } else {
@@ -91,14 +94,19 @@ void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t r
 {
   if (!column.numeric()) {
     const std::string& text = column.text(row);
-    if (text.empty()) sqlite3_bind_null(insert, i);
-    else sqlite3_bind_text(insert, i, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    if (text.empty())
+      sqlite3_bind_null(insert, i);
+    else
+      sqlite3_bind_text(insert, i, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
     return;
   }
   const double x = column.number(row);
-  if (!wzmis(x)) sqlite3_bind_double(insert, i, x);
-  else if (missing_letter(x) == '.') sqlite3_bind_null(insert, i);
-  else sqlite3_bind_text(insert, i, shortest(x).c_str(), -1, SQLITE_TRANSIENT);
+  if (!wzmis(x))
+    sqlite3_bind_double(insert, i, x);
+  else if (missing_letter(x) == '.')
+    sqlite3_bind_null(insert, i);
+  else
+    sqlite3_bind_text(insert, i, shortest(x).c_str(), -1, SQLITE_TRANSIENT);
 }
 
 bool write_rows(sqlite3* database, const DataSet& data, const std::string& table)
@@ -139,7 +147,8 @@ std::vector<std::string> sqlite_tables(const std::string& path)
   std::string problem;
   const Database database = open_database(path, SQLITE_OPEN_READONLY, problem);
   if (!database) return names;
-  const Statement rows = prepare(database.get(), "SELECT name FROM sqlite_master WHERE type IN ('table','view') ORDER BY name");
+  const Statement rows =
+      prepare(database.get(), "SELECT name FROM sqlite_master WHERE type IN ('table','view') ORDER BY name");
   while (rows && sqlite3_step(rows.get()) == SQLITE_ROW) names.emplace_back(text_of(rows.get(), 0));
   return names;
 }

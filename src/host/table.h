@@ -47,10 +47,10 @@ public:
   // The path is "Stat.TVL." and the name.
   Table(std::string name, std::string label, std::vector<TableColumn> columns);
 
-  std::string name;                 // "FitStatistics"
-  std::string path;                 // "Stat.TVL.FitStatistics"
-  std::string label;                // "Fit Statistics"
-  std::string title;                // dynamic title above it; empty: the label
+  std::string name;  // "FitStatistics"
+  std::string path;  // "Stat.TVL.FitStatistics"
+  std::string label; // "Fit Statistics"
+  std::string title; // dynamic title above it; empty: the label
   std::vector<TableColumn> columns;
   std::vector<std::pair<std::string, double>> dynamic; // values for headings, as {"confidence", 95}
 
@@ -63,8 +63,8 @@ private:
   std::vector<std::vector<Cell>> rows_;
 };
 
-// Where tables go. A table is opened, filled row by row over any stretch of the run, and closed; it stands in the results
-// at the place where it was opened.
+// Where tables go. A table is opened, filled row by row over any stretch of the run, and closed; it stands in the
+// results at the place where it was opened.
 class TableSink {
 public:
   virtual ~TableSink() = default;

@@ -85,9 +85,12 @@ std::vector<std::string> formatted_cells(const Table& table, std::size_t column)
   const std::vector<std::string> numbers = format_column(values, format);
   for (std::size_t i = 0; i < values.size(); ++i) {
     const Cell& cell = table.rows()[i][column];
-    if (cell.text()) out.push_back(*cell.text());
-    else if (cell.integer()) out.push_back(std::to_string(*cell.integer()));
-    else out.push_back(numbers[i]);
+    if (cell.text())
+      out.push_back(*cell.text());
+    else if (cell.integer())
+      out.push_back(std::to_string(*cell.integer()));
+    else
+      out.push_back(numbers[i]);
   }
   return out;
 }
@@ -102,10 +105,14 @@ DataSet table_data_set(const Table& table)
     Column column(c.name, c.kind == CellKind::text ? ColumnKind::character : ColumnKind::numeric, c.label);
     for (const auto& row : table.rows()) {
       const Cell& cell = row[i];
-      if (column.numeric()) column.append(cell.as_number());
-      else if (cell.text()) column.append(std::string_view(*cell.text()));
-      else if (cell.is_missing()) column.append_missing();
-      else column.append(shortest(cell.as_number()));
+      if (column.numeric())
+        column.append(cell.as_number());
+      else if (cell.text())
+        column.append(std::string_view(*cell.text()));
+      else if (cell.is_missing())
+        column.append_missing();
+      else
+        column.append(shortest(cell.as_number()));
     }
     data.add(std::move(column));
   }

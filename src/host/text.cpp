@@ -5,8 +5,14 @@ namespace torvale::host {
 
 namespace {
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+char lower(char c)
+{
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+char upper(char c)
+{
+  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
 
 // Length of the well-formed UTF-8 sequence at the start of `s`, 0 when there is none.
 std::size_t utf8_length(std::string_view s)
@@ -47,7 +53,10 @@ std::string wzstrup(std::string_view text)
   return out;
 }
 
-bool equal_names(std::string_view a, std::string_view b) { return a.size() == b.size() && compare_names(a, b) == 0; }
+bool equal_names(std::string_view a, std::string_view b)
+{
+  return a.size() == b.size() && compare_names(a, b) == 0;
+}
 
 int compare_names(std::string_view a, std::string_view b)
 {
@@ -88,8 +97,7 @@ int edit_distance(std::string_view a, std::string_view b)
     for (std::size_t j = 1; j <= b.size(); ++j) {
       const int change = lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1;
       row[j] = std::min({row[j - 1] + 1, last[j] + 1, last[j - 1] + change});
-      const bool swapped =
-          i > 1 && j > 1 && lower(a[i - 1]) == lower(b[j - 2]) && lower(a[i - 2]) == lower(b[j - 1]);
+      const bool swapped = i > 1 && j > 1 && lower(a[i - 1]) == lower(b[j - 2]) && lower(a[i - 2]) == lower(b[j - 1]);
       if (swapped) row[j] = std::min(row[j], before[j - 2] + 1);
     }
     before.swap(last);
@@ -114,8 +122,8 @@ std::string nearest_name(std::string_view name, const std::vector<std::string>& 
 
 std::size_t display_width(std::string_view text)
 {
-  return static_cast<std::size_t>(std::count_if(
-      text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
 std::string padded_left(std::string_view text, std::size_t width)

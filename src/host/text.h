@@ -32,8 +32,8 @@ std::string nearest_name(std::string_view name, const std::vector<std::string>& 
 std::string shortest(double x);
 void append_shortest(std::string& out, double x); // the same, at the end of `out`
 
-// A number as people write it in a data file: sign, digits, point, exponent; no words, no hexadecimal, no blanks inside.
-// Nothing when the text is not wholly a number, or too large for a double. Values too small become 0.
+// A number as people write it in a data file: sign, digits, point, exponent; no words, no hexadecimal, no blanks
+// inside. Nothing when the text is not wholly a number, or too large for a double. Values too small become 0.
 std::optional<double> parse_number(std::string_view text);
 
 // The missing value that a field spells: empty, ".", "._", ".a" to ".Z". Nothing for any other text.

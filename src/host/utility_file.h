@@ -9,8 +9,8 @@
 
 namespace torvale::host {
 
-// A utility file: bytes written once and read back at noted positions, kept in memory. Positions are byte offsets from 0;
-// -1 is never a position. Reads and writes move on from the position that xcpoint sets.
+// A utility file: bytes written once and read back at noted positions, kept in memory. Positions are byte offsets from
+// 0; -1 is never a position. Reads and writes move on from the position that xcpoint sets.
 class UtilityFile {
 public:
   explicit UtilityFile(std::string name) : name_(std::move(name)) {}

@@ -11,19 +11,28 @@ namespace {
 using Node = WhereExpression::Node;
 using Kind = Node::Kind;
 
-bool truth(double x) { return x != 0.0 && !std::isnan(x); }
-double arithmetic(double x) { return canonical_missing(x); }
+bool truth(double x)
+{
+  return x != 0.0 && !std::isnan(x);
+}
+double arithmetic(double x)
+{
+  return canonical_missing(x);
+}
 
 double evaluate(const Node& node, const DataSet& data, std::size_t row);
 
 std::string evaluate_text(const Node& node, const DataSet& data, std::size_t row)
 {
   switch (node.kind) {
-  case Kind::text: return node.text;
-  case Kind::column: return data.columns()[node.column].text(row);
+  case Kind::text:
+    return node.text;
+  case Kind::column:
+    return data.columns()[node.column].text(row);
   case Kind::concatenate:
     return evaluate_text(*node.operands[0], data, row) + evaluate_text(*node.operands[1], data, row);
-  default: return {};
+  default:
+    return {};
   }
 }
 
@@ -43,14 +52,22 @@ bool in_list(const Node& node, const DataSet& data, std::size_t row)
 double evaluate(const Node& node, const DataSet& data, std::size_t row)
 {
   const auto value = [&](std::size_t i) { return evaluate(*node.operands[i], data, row); };
-  const auto order = [&](std::size_t i, std::size_t j) { return compare(*node.operands[i], *node.operands[j], data, row); };
+  const auto order = [&](std::size_t i, std::size_t j) {
+    return compare(*node.operands[i], *node.operands[j], data, row);
+  };
   switch (node.kind) {
-  case Kind::number: return node.number;
-  case Kind::column: return data.columns()[node.column].number(row);
-  case Kind::negate: return arithmetic(-value(0));
-  case Kind::add: return arithmetic(value(0) + value(1));
-  case Kind::subtract: return arithmetic(value(0) - value(1));
-  case Kind::multiply: return arithmetic(value(0) * value(1));
+  case Kind::number:
+    return node.number;
+  case Kind::column:
+    return data.columns()[node.column].number(row);
+  case Kind::negate:
+    return arithmetic(-value(0));
+  case Kind::add:
+    return arithmetic(value(0) + value(1));
+  case Kind::subtract:
+    return arithmetic(value(0) - value(1));
+  case Kind::multiply:
+    return arithmetic(value(0) * value(1));
   case Kind::divide: {
     const double divisor = value(1);
     return divisor == 0.0 ? missing : arithmetic(value(0) / divisor);
@@ -59,17 +76,28 @@ double evaluate(const Node& node, const DataSet& data, std::size_t row)
     const double x = value(0), y = value(1); // pow(1, NaN) is 1: a missing operand must win
     return std::isnan(x) || std::isnan(y) ? missing : arithmetic(std::pow(x, y));
   }
-  case Kind::equal: return order(0, 1) == 0;
-  case Kind::not_equal: return order(0, 1) != 0;
-  case Kind::less: return order(0, 1) < 0;
-  case Kind::less_equal: return order(0, 1) <= 0;
-  case Kind::greater: return order(0, 1) > 0;
-  case Kind::greater_equal: return order(0, 1) >= 0;
-  case Kind::both: return truth(value(0)) && truth(value(1));
-  case Kind::either: return truth(value(0)) || truth(value(1));
-  case Kind::negation: return !truth(value(0));
-  case Kind::in: return in_list(node, data, row);
-  case Kind::between: return order(0, 1) >= 0 && order(0, 2) <= 0;
+  case Kind::equal:
+    return order(0, 1) == 0;
+  case Kind::not_equal:
+    return order(0, 1) != 0;
+  case Kind::less:
+    return order(0, 1) < 0;
+  case Kind::less_equal:
+    return order(0, 1) <= 0;
+  case Kind::greater:
+    return order(0, 1) > 0;
+  case Kind::greater_equal:
+    return order(0, 1) >= 0;
+  case Kind::both:
+    return truth(value(0)) && truth(value(1));
+  case Kind::either:
+    return truth(value(0)) || truth(value(1));
+  case Kind::negation:
+    return !truth(value(0));
+  case Kind::in:
+    return in_list(node, data, row);
+  case Kind::between:
+    return order(0, 1) >= 0 && order(0, 2) <= 0;
   case Kind::is_missing:
     return node.operands[0]->character ? stripped(evaluate_text(*node.operands[0], data, row)).empty()
                                        : std::isnan(value(0));
@@ -77,7 +105,8 @@ double evaluate(const Node& node, const DataSet& data, std::size_t row)
     return evaluate_text(*node.operands[0], data, row).find(evaluate_text(*node.operands[1], data, row)) !=
            std::string::npos;
   case Kind::text:
-  case Kind::concatenate: return missing; // characters: read by evaluate_text only
+  case Kind::concatenate:
+    return missing; // characters: read by evaluate_text only
   }
   return missing;
 }
@@ -92,8 +121,12 @@ int bind_node(Node& node, const DataSet& data, std::string& problem)
     return -1;
   };
   switch (node.kind) {
-  case Kind::number: node.character = false; return 0;
-  case Kind::text: node.character = true; return 0;
+  case Kind::number:
+    node.character = false;
+    return 0;
+  case Kind::text:
+    node.character = true;
+    return 0;
   case Kind::column: {
     node.column = data.xvfind(node.text);
     if (node.column == DataSet::npos) {
@@ -121,7 +154,8 @@ int bind_node(Node& node, const DataSet& data, std::string& problem)
       if (operand->character != node.operands[0]->character)
         return refuse("a comparison has a number on one side and characters on the other");
     return 0;
-  case Kind::is_missing: return 0;
+  case Kind::is_missing:
+    return 0;
   default:
     for (const auto& operand : node.operands)
       if (operand->character) return refuse("a number is needed where characters stand");

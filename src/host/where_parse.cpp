@@ -17,9 +17,18 @@ struct Token {
   std::size_t at = 0; // character, from 1
 };
 
-bool name_start(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || (c & 0x80); }
-bool name_char(char c) { return name_start(c) || (c >= '0' && c <= '9'); }
-bool digit(char c) { return c >= '0' && c <= '9'; }
+bool name_start(char c)
+{
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || (c & 0x80);
+}
+bool name_char(char c)
+{
+  return name_start(c) || (c >= '0' && c <= '9');
+}
+bool digit(char c)
+{
+  return c >= '0' && c <= '9';
+}
 
 // Cuts a condition into tokens. Every stretch of the text either becomes a token or is refused by name.
 class Scanner {
@@ -36,8 +45,8 @@ public:
     if (digit(c) || (c == '.' && i_ + 1 < text_.size() && digit(text_[i_ + 1]))) return number(token, problem);
     if (c == '.') return missing_value(token);
     if (name_start(c)) return name(token);
-    for (const std::string_view sign : {"**", "||", "^=", "~=", "<>", "<=", ">=", "(", ")", ",", "=", "<", ">", "+", "-",
-                                        "*", "/", "&", "|", "^", "~"})
+    for (const std::string_view sign : {"**", "||", "^=", "~=", "<>", "<=", ">=", "(", ")", ",", "=",
+                                        "<",  ">",  "+",  "-",  "*",  "/",  "&",  "|", "^", "~"})
       if (text_.substr(i_).starts_with(sign)) {
         token.kind = Token::Kind::sign;
         token.text = sign;
@@ -201,10 +210,10 @@ private:
       std::string_view name;
       Kind kind;
     };
-    static constexpr Row rows[] = {{"=", "eq", Kind::equal},         {"^=", "ne", Kind::not_equal},
-                                   {"~=", "ne", Kind::not_equal},    {"<>", "ne", Kind::not_equal},
-                                   {"<", "lt", Kind::less},          {"<=", "le", Kind::less_equal},
-                                   {">", "gt", Kind::greater},       {">=", "ge", Kind::greater_equal}};
+    static constexpr Row rows[] = {{"=", "eq", Kind::equal},      {"^=", "ne", Kind::not_equal},
+                                   {"~=", "ne", Kind::not_equal}, {"<>", "ne", Kind::not_equal},
+                                   {"<", "lt", Kind::less},       {"<=", "le", Kind::less_equal},
+                                   {">", "gt", Kind::greater},    {">=", "ge", Kind::greater_equal}};
     for (const Row& row : rows)
       if (sign(row.sign) || word(row.name)) {
         kind = row.kind;
@@ -337,7 +346,8 @@ private:
       --depth_;
       if (!sign(")")) return fail("a closing parenthesis is missing");
       break;
-    case Token::Kind::end: return fail("the condition ends where a value is needed");
+    case Token::Kind::end:
+      return fail("the condition ends where a value is needed");
     }
     advance();
     return node;
