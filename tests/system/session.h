@@ -1,0 +1,47 @@
+#pragma once
+// Runs programs through the public interface and reads their tables.
+
+#include "torvale/torvale.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace torvale::tests {
+
+struct Run {
+  RunOutcome outcome;
+  std::string log;      // all lines
+  std::string listing;
+
+  // The table of that name in a group of the first step; null when there is none.
+  const host::Table* table(const std::string& name, std::size_t group = 0) const;
+  // Cell of the first row whose first cell (or the named key column) is `key`.
+  double number(const std::string& table, const std::string& key, const std::string& column, std::size_t group = 0) const;
+  // A whole column as numbers.
+  std::vector<double> column(const std::string& table, const std::string& column, std::size_t group = 0) const;
+  bool said(int group, int number) const; // a message of the first step
+};
+
+// Runs a program text. One-level data set names are looked for in `folder`, relative to the source tree's root or absolute.
+Run run_text(const std::string& program, const std::string& folder = "examples", int threads = 0,
+             const std::vector<std::pair<std::string, std::string>>& data = {});
+
+// The text of examples/NAME.tvl with `options` added to its TORVALE statement.
+std::string example(const std::string& name, const std::string& options);
+
+// A file under the source tree.
+std::string source_file(const std::string& path);
+std::string read_text(const std::string& path);
+// A file of its own that is gone when the object is.
+class TemporaryFile {
+public:
+  TemporaryFile(const std::string& name, const std::string& text);
+  ~TemporaryFile();
+  const std::string& path() const { return path_; }
+
+private:
+  std::string path_;
+};
+
+} // namespace torvale::tests
