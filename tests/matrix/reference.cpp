@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 namespace torvale::matrix::test {
 
@@ -91,7 +92,9 @@ const std::vector<SymmetricCase>& symmetric_cases()
 {
   static const std::vector<SymmetricCase> cases = [] {
     std::vector<SymmetricCase> all;
-    for (const json& j : read_file().at("symmetric")) all.push_back(symmetric_case(j));
+    const json file = read_file();
+    for (const json& j : file.at("symmetric")) all.push_back(symmetric_case(j));
+    if (all.size() < 35) throw std::runtime_error("matrices.json: symmetric cases are missing");
     return all;
   }();
   return cases;
@@ -101,7 +104,9 @@ const std::vector<RectangularCase>& rectangular_cases()
 {
   static const std::vector<RectangularCase> cases = [] {
     std::vector<RectangularCase> all;
-    for (const json& j : read_file().at("rectangular")) all.push_back(rectangular_case(j));
+    const json file = read_file();
+    for (const json& j : file.at("rectangular")) all.push_back(rectangular_case(j));
+    if (all.size() < 11) throw std::runtime_error("matrices.json: rectangular cases are missing");
     return all;
   }();
   return cases;

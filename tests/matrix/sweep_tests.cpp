@@ -97,7 +97,7 @@ TEST(Sweep, IndefiniteMatricesSweepWithSignFreeTolerance)
     // A zero pivot is passed over until the sweeps of its partners have filled it.
     for (int round = 0; round < c.n; ++round)
       for (int k = 0; k < c.n; ++k)
-        if (s.df[static_cast<std::size_t>(k)] == '0') s.sweep(k, -1e-10);
+        if (s.df[static_cast<std::size_t>(k)] == '0') s.sweep(k, -0.01 * c.largest); // small pivots would cost digits
     if (s.df != std::string(static_cast<std::size_t>(c.n), '1')) continue; // needs a 2x2 pivot
     double size = 0.0;
     for (const double v : c.inverse) size = std::max(size, std::fabs(v));

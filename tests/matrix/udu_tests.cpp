@@ -79,13 +79,25 @@ TEST(Udu, RowTolerancesGiveTheInertiaOfScaledMatrices)
   for (const SymmetricCase& c : symmetric_cases()) {
     if (c.zero > 0 || c.condition < 1e100) continue;
     SCOPED_TRACE(c.name);
-    // A row is negligible against its own scale, the root of what its elements reach.
-    std::vector<double> tolerance(static_cast<std::size_t>(c.n));
+    // The scale of a row: the root of its diagonal element, or where that is zero what its other elements
+    // say, given the scales of their columns.
     const Dense a = from_symmetric(c.packed, c.n);
+    std::vector<double> tolerance;
+    std::vector<long double> d(static_cast<std::size_t>(c.n), 0.0L);
+    for (int i = 0; i < c.n; ++i) d[static_cast<std::size_t>(i)] = std::sqrt(std::fabs(a(i, i)));
     for (int i = 0; i < c.n; ++i) {
+      if (a(i, i) != 0.0L) continue;
+      for (int j = 0; j < c.n; ++j)
+        if (a(j, j) != 0.0L)
+          d[static_cast<std::size_t>(i)] =
+              std::max(d[static_cast<std::size_t>(i)], std::fabs(a(i, j)) / d[static_cast<std::size_t>(j)]);
+    }
+    for (int i = 0; i < c.n; ++i) {
+      // A 1x1 pivot is of size d^2, the cross element of a 2x2 pivot of that of the row's largest element.
+      const long double scale = d[static_cast<std::size_t>(i)];
       long double m = 0.0L;
       for (int j = 0; j < c.n; ++j) m = std::max(m, std::fabs(a(i, j)));
-      tolerance[static_cast<std::size_t>(i)] = static_cast<double>(m) * c.n * eps;
+      tolerance.push_back(static_cast<double>(std::min(scale * scale, m)) * c.n * eps);
     }
     Factor f;
     f.a = c.packed;
