@@ -263,8 +263,9 @@ struct MINSTR {
   double* ub = nullptr;    // upper bounds; largest: none
   int* iabc = nullptr;     // n: 0 free, 1 held at the lower bound, -1 held at the upper bound, 2 fixed (lb equals ub)
   long* ifxr = nullptr;    // the free parameters first, then the held ones
-  long* iact = nullptr;    // max(ncon, 1): the active linear constraints, row numbers from 0, in factor order
-  long* ldco = nullptr;    // max(ncon + n, 1): rows at their limit that depend linearly on the active ones
+  long* iact = nullptr;    // n + ncon: the active constraints in factor order, numbered from 0: bound of parameter i is
+                           // i, linear row r is n + r
+  long* ldco = nullptr;    // n + ncon: constraints at their limit that depend linearly on the active ones
   double* alcn = nullptr;  // ncon times n: rows a of the linear constraints a'x = b or a'x >= b
   double* blcn = nullptr;  // ncon: their right sides b
   double* gpro = nullptr;  // projected gradient Z'g, m elements
@@ -273,7 +274,7 @@ struct MINSTR {
   double* lag2 = nullptr;  // n + ncon: second estimate of the multipliers
   double* qlcn = nullptr;  // n times n by columns: orthogonal factor of the active rows, null space last
   double* llcn = nullptr;  // n(n+1)/2 packed: triangular factor of the active rows
-  double* awrk = nullptr;  // 4n + 2 max(ncon, 1): scratch of the active-set layer
+  double* awrk = nullptr;  // 8n + 2 ncon: scratch of the active-set layer
   double det[5] = {};      // determinant mantissa and exponent, positive, negative, zero pivots of the final Hessian
 
   // ---- Run state. Written by the library, read by callbacks. ----------------------------------------------------
@@ -305,7 +306,6 @@ struct MINSTR {
   long idac = 0;     // constraint that changed, from 1: bounds, then n + linear rows; negative: dropped;
                      // 2147483647: several
   int cutf = 0;      // nonzero: the last step was cut by failed evaluations (FCONV does not count then)
-  int fallback = 0;  // nonzero: a retry with central differences has been spent
   long npev = 0;     // positive eigenvalues of the last test
   long nzev = 0;     // zero eigenvalues
   long nnev = 0;     // negative eigenvalues
@@ -323,6 +323,7 @@ struct MINSTR {
   double dfes = 0;   // estimate of the decrease of the objective
   double alfa = 0;   // step length
   double stub = 0;   // upper bound on the step length from constraints
+  double scal = 1;   // factor that the last update applied to the quasi-Newton matrix before updating it
   long pnact = 0;    // row of the history in the making: active constraints
   double piter = 0;  //   iteration
   double pcrit = 0;  //   objective, sign of the user's problem
@@ -334,6 +335,8 @@ struct MINSTR {
   double* xval = nullptr;       // n: the point of the last objective call
   bool xval_current = false;    // xval holds such a point
   bool best_has_gradient = false; // gbes belongs to xbes
+  double reentered_at = -1;     // nitr of the last re-entry that the optimality check caused
+  bool unbounded_told = false;  // the message of an unbounded objective has been sent
   double* xbes = nullptr;       // n: best point of a line search
   double* gbes = nullptr;       // n: its gradient
   double* xtmp = nullptr;       // n: scratch of the difference routines

@@ -33,6 +33,10 @@ int znlpdrv(MINSTR* str, int job, int pfun, int dtst, int ctst);
 // znlptrm: the termination test; what the caller's own termination routine must end with. See TerminationCallback.
 int znlptrm(MINSTR* str, int job);
 
+// make_history_row: the row of the iteration history for the state of the record; also sets pnact ... ppred. Layout and
+// columns depend on the technique.
+HistoryRow make_history_row(MINSTR* str, int job);
+
 // history_columns: the names of the columns of a history layout (HistoryRow::layout), ended by a null pointer.
 const char* const* history_columns(int layout);
 

@@ -1,0 +1,131 @@
+#include "optimizer/optimizer.h"
+
+#include "matrix/determinant.h"
+#include "matrix/eigenvalues.h"
+#include "matrix/packed.h"
+#include "matrix/sweep.h"
+#include "matrix/vector_kernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace torvale::optimizer {
+namespace {
+
+using matrix::packed_diagonal;
+using matrix::packed_row;
+using matrix::packed_size;
+
+int invert_diagonal(long n, double asin, double msin, double* d, double* det, long* singular)
+{
+  const double limit = std::max(msin * matrix::zvamx(d, n), asin);
+  int zeros = 0;
+  for (long i = 0; i < n; ++i) {
+    matrix::determinant_count(det, d[i], limit);
+    const bool zero = !(std::abs(d[i]) > limit);
+    if (singular != nullptr) singular[i] = zero;
+    if (zero) {
+      ++zeros;
+      d[i] = 0.0;
+    } else {
+      matrix::determinant_multiply(det, d[i]);
+      d[i] = 1.0 / d[i];
+    }
+  }
+  return zeros;
+}
+
+// Sweeps the pivots in their order. What is left of a row whose pivot was refused says how it depends on the swept ones.
+int sweep_pivots(long n, double asin, double msin, double vsin, double* a, double* det, double* diagonal, double* work,
+                 std::vector<char>& swept)
+{
+  double most = 0.0;
+  for (long i = 0; i < n; ++i) {
+    diagonal[i] = a[packed_diagonal(i)];
+    most = std::max(most, std::abs(diagonal[i]));
+  }
+  swept.assign(static_cast<std::size_t>(n), '0');
+  int zeros = 0;
+  for (long k = 0; k < n; ++k) {
+    const double limit = std::max({vsin * std::abs(diagonal[k]), msin * most, asin});
+    const double pivot = a[packed_diagonal(k)];
+    matrix::determinant_count(det, pivot, limit);
+    if (matrix::qkzsweep(a, static_cast<int>(k), static_cast<int>(n), swept.data(), work, -limit) != 0) ++zeros;
+    else matrix::determinant_multiply(det, pivot);
+  }
+  return zeros;
+}
+
+} // namespace
+
+int zcovinv(int job, int cfrm, long n, double asin, double msin, double vsin, double* cov, double* det, double* cdia,
+            double* work, long* iwk)
+{
+  matrix::determinant_start(det);
+  if (n < 1) return 0;
+  long* const singular = job == 1 ? iwk : nullptr;
+  if (cfrm == 2) {
+    std::copy_n(cov, n, cdia);
+    const int zeros = invert_diagonal(n, asin, msin, cov, det, singular);
+    if (zeros > 0) matrix::determinant_clear(det);
+    return zeros;
+  }
+  std::vector<char> swept;
+  const int zeros = sweep_pivots(n, asin, msin, vsin, cov, det, cdia, work, swept);
+  if (zeros > 0) matrix::determinant_clear(det);
+  for (long i = 0; i < n; ++i) {
+    const bool refused = swept[static_cast<std::size_t>(i)] == '0';
+    if (singular != nullptr) singular[i] = refused;
+    for (long j = 0; j <= i; ++j)
+      if (refused || swept[static_cast<std::size_t>(j)] == '0') cov[packed_row(i) + j] = 0.0;
+  }
+  return zeros;
+}
+
+int zcovgiv(long n, double asin, double csin, double* cov, double* det, double* eval, double* work)
+{
+  matrix::determinant_start(det);
+  if (n < 1) return 0;
+  double* const v = work;
+  double* const off = work + n * n;
+  matrix::zmmovsr(cov, v, static_cast<int>(n));
+  matrix::ztred2(static_cast<int>(n), v, eval, off);
+  if (matrix::ztql2(static_cast<int>(n), v, eval, off, 1) != 0) return -1;
+  const double limit = std::max(asin, csin * matrix::zvamx(eval, n));
+  int zeros = 0;
+  std::fill_n(cov, packed_size(n), 0.0);
+  for (long k = 0; k < n; ++k) {
+    matrix::determinant_count(det, eval[k], limit);
+    if (!(std::abs(eval[k]) > limit)) {
+      ++zeros;
+      continue;
+    }
+    matrix::determinant_multiply(det, eval[k]);
+    for (long i = 0; i < n; ++i) {
+      const double vi = v[i * n + k] / eval[k];
+      for (long j = 0; j <= i; ++j) cov[packed_row(i) + j] += vi * v[j * n + k];
+    }
+  }
+  if (zeros > 0) matrix::determinant_clear(det);
+  return zeros;
+}
+
+int zcovlid(MINSTR* str, double asin, double msin, double vsin, long n, double* cov, double* work, long* iwk)
+{
+  double det[5];
+  matrix::determinant_start(det);
+  std::vector<char> swept;
+  const int zeros = sweep_pivots(n, asin, msin, vsin, cov, det, work, work + n, swept);
+  const COVSTR* const request = str->covstr;
+  for (long i = 0; i < n; ++i) {
+    iwk[i] = swept[static_cast<std::size_t>(i)] == '0';
+    if (iwk[i] == 0 || request == nullptr || request->dependency == nullptr) continue;
+    for (long j = 0; j < n; ++j)
+      work[j] = swept[static_cast<std::size_t>(j)] == '1' ? cov[matrix::packed_index(i, j)] : 0.0;
+    request->dependency(str, {i, work});
+  }
+  return zeros;
+}
+
+} // namespace torvale::optimizer

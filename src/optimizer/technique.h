@@ -1,0 +1,44 @@
+#pragma once
+
+#include "optimizer/minstr.h"
+
+namespace torvale::optimizer {
+
+// The techniques. Each minimizes from x and returns a termination code with x, crit and grad at the point where it stopped.
+int znlptre(MINSTR* str); // TRUREG: trust region on the Hessian
+int znlpnra(MINSTR* str); // NEWRAP: Newton-Raphson with line search
+int znlpnrr(MINSTR* str); // NRRIDG: Newton-Raphson with an adaptive ridge
+int znlpddl(MINSTR* str); // DBLDOG: double dogleg on a quasi-Newton factor
+int znlpqun(MINSTR* str); // QUANEW: quasi-Newton on the inverse Hessian
+int znlpdqn(MINSTR* str); // DUQUAN: quasi-Newton on a factor of the Hessian
+int znlpcog(MINSTR* str); // CONGRA: conjugate gradients
+int znlpnms(MINSTR* str); // NMSIMP: Nelder-Mead
+int znlpnm2(MINSTR* str); // NMSIM2: Nelder-Mead, second variant
+
+// ---- What the techniques share (technique.cpp). -------------------------------------------------------------------
+
+// begin_technique: clears counters and state, makes sure that crit and grad belong to x, and puts the active set in
+// order. Returns 0, -1 (objective failed) or -2 (gradient failed). with_gradient false leaves the gradient alone.
+int begin_technique(MINSTR* str, bool with_gradient);
+
+// begin_cycle: what every start section does: itre 0, a restart counted, salf offered as the first step.
+void begin_cycle(MINSTR* str);
+
+// end_technique: asks the termination routine once more with a negative code, which may name the criterion whose
+// pass count was not reached. Positive codes pass. Returns the final code or 100.
+int end_technique(MINSTR* str, int code);
+
+// remember: xold, gold, cold := x, grad, crit. go_back: the reverse.
+void remember(MINSTR* str);
+void go_back(MINSTR* str);
+
+// settle_constraints: after an accepted step along d: repairs a point that has drifted off its constraints, holds those that
+// the step has run into, drops those whose multipliers have the wrong sign, and leaves gpro and gmax current. Returns 0,
+// 1 when the point was repaired (a technique starts anew from it), or -6 when it could not be.
+int settle_constraints(MINSTR* str, const double* d);
+
+// free_hessian: the Hessian at x into hess, its part on the free space into hpro (hess itself serves when nothing is held and
+// there are no linear rows: the pointer returned). Null when the Hessian failed.
+double* free_hessian(MINSTR* str);
+
+} // namespace torvale::optimizer
