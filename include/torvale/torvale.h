@@ -1,6 +1,7 @@
 #pragma once
 // Torvale as a library: run a program, get its tables as typed objects. Nothing here prints or ends the process.
 
+#include "host/data_set.h"
 #include "host/results.h"
 
 #include <functional>

@@ -45,7 +45,7 @@ int tvlsubj(model::NX& n, const model::REFFECT& reff, SubjectRows& index)
     host::MessagePlace place;
     place.row = n.fid->file_row(first);
     log.xpmlog(503, 28,
-               {{"observation", first - n.rows.begin + 1}, {"variable", column.name()}, {"count", missing}}, place);
+               {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}}, place);
     return 2;
   }
 

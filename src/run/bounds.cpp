@@ -27,14 +27,14 @@ PARMSTR& parameter_of(NX& n, const StItem& item)
   for (const auto& p : n.parmstr) names.push_back(p.parmname);
   const std::string nearest = host::nearest_name(item.text, names);
   host::MessageArguments arguments = {{"name", item.text}};
-  if (!nearest.empty()) arguments.emplace_back("nearest", nearest);
+  if (!nearest.empty()) arguments.emplace_back("near", nearest);
   n.host->log().xpmlog(503, 252, arguments, place_at(n, "BOUNDS", item.where));
   tvlexit(n, 1012);
 }
 
 [[noreturn]] void refuse(NX& n, int number, const StItem& item)
 {
-  n.host->log().xpmlog(503, number, {}, place_at(n, "BOUNDS", item.where));
+  n.host->log().xpmlog(503, number, {{"problem", "a number stands on both sides of a comparison"}}, place_at(n, "BOUNDS", item.where));
   tvlexit(n, 1012);
 }
 

@@ -21,7 +21,7 @@ void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, sy
       std::vector<std::string> names;
       for (const auto& p : n.parmstr) names.push_back(p.parmname);
       const std::string nearest = host::nearest_name(input->name, names);
-      if (!nearest.empty()) arguments.emplace_back("nearest", nearest);
+      if (!nearest.empty()) arguments.emplace_back("near", nearest);
     }
     n.host->log().xpmlog(503, input->random_effect >= 0 ? 33 : 38, arguments, place_at(n, statement, where));
     tvlexit(n, 3000);

@@ -86,9 +86,9 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
   }
   const auto at = n.fid->xvfind(list[0].text);
   if (at == host::DataSet::npos) {
-    host::MessageArguments arguments = {{"name", list[0].text}, {"data", n.data_name}};
+    host::MessageArguments arguments = {{"role", "subject"}, {"name", list[0].text}};
     const std::string nearest = host::nearest_name(list[0].text, n.fid->column_names());
-    if (!nearest.empty()) arguments.emplace_back("nearest", nearest);
+    if (!nearest.empty()) arguments.emplace_back("near", nearest);
     log.xpmlog(503, 9, arguments, place_at(n, "RANDOM", list[0].where));
     tvlexit(n, 3000);
   }

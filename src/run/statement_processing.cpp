@@ -118,7 +118,7 @@ void dependent_variable(NX& n)
   if (!known) {
     host::MessageArguments arguments = {{"name", n.depname}, {"data", n.data_name}};
     if (const std::string nearest = host::nearest_name(n.depname, n.fid->column_names()); !nearest.empty())
-      arguments.emplace_back("nearest", nearest);
+      arguments.emplace_back("near", nearest);
     log.xpmlog(503, 5, arguments, place);
     tvlexit(n, 3000);
   }
