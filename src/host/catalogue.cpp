@@ -325,12 +325,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.", "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.", "Fewer QPOINTS=, or fewer random effects."},
-    {503, 30, N, "Specifications", "", ""},
 
     // --- Words of tables (group 0 means these too) ---
+    {503, 30, N, "Specifications", "", ""},
     {503, 31, N, "Description", "", ""},
     {503, 32, N, "Value", "", ""},
-    {503, 34, N, "Specifications", "", ""},
     {503, 35, N, "Data Set", "", ""},
     {503, 36, N, "Dependent Variable", "", ""},
     {503, 37, N, "Distribution for Dependent Variable", "", ""},

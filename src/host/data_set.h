@@ -79,7 +79,7 @@ public:
   // xvfind: index of a variable by name, npos when there is none. (x host, v variable.)
   std::size_t xvfind(std::string_view column) const;
   const Column* find(std::string_view column) const; // null when there is none
-  Column& add(Column column);                        // the name must be new
+  Column& add(Column column);                        // the name must be new; valid until the next add
 
   // Row of the file (from 1, without the row of names) that row i of this set came from.
   std::int64_t file_row(std::size_t row) const

@@ -58,13 +58,13 @@ private:
 
 // How the embedded host behaves. Paths that are empty are not written.
 struct HostOptions {
-  std::string version; // of Torvale, for the results
-  std::string program; // file name of the program, for the results
-  Libraries::Places places;
-  std::function<void(std::string_view)> listing;            // takes text of the listing; empty: none
-  std::function<void(std::string_view)> log;                // takes lines of the log with their ends; empty: none
-  std::function<void(std::string_view)> progress;           // draws progress; empty: none
-  std::vector<std::pair<std::string, std::string>> options; // host options by name, as "DEBUG"
+  std::string version{}; // of Torvale, for the results
+  std::string program{}; // file name of the program, for the results
+  Libraries::Places places{};
+  std::function<void(std::string_view)> listing{};            // takes text of the listing; empty: none
+  std::function<void(std::string_view)> log{};                // takes lines of the log with their ends; empty: none
+  std::function<void(std::string_view)> progress{};           // draws progress; empty: none
+  std::vector<std::pair<std::string, std::string>> options{}; // host options by name, as "DEBUG"
 };
 
 std::unique_ptr<Host> make_host(HostOptions options);

@@ -140,6 +140,8 @@ void append_json_number(std::string& out, double x)
     out += "null";
   else if (std::isinf(x))
     out += x > 0 ? "\"inf\"" : "\"-inf\"";
+  else if (x == 0.0 && std::signbit(x))
+    out += "-0.0"; // readers take "-0" for the integer 0
   else
     append_shortest(out, x);
 }

@@ -113,7 +113,7 @@ private:
 };
 
 // The run's log: writes "NOTE:", "WARNING:", "ERROR:" lines and keeps the records for the results. Main thread only.
-class MessageLog final : public MessageSink {
+class MessageLog : public MessageSink {
 public:
   using LineWriter = std::function<void(std::string_view line)>; // one line without its end
   explicit MessageLog(LineWriter writer = {}) : writer_(std::move(writer)) {}

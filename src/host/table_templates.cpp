@@ -1,3 +1,4 @@
+#include "host/csv.h"
 #include "host/table_writers.h"
 #include "host/text.h"
 #include <fmt/format.h>
@@ -91,6 +92,25 @@ std::vector<std::string> formatted_cells(const Table& table, std::size_t column)
       out.push_back(std::to_string(*cell.integer()));
     else
       out.push_back(numbers[i]);
+  }
+  return out;
+}
+
+std::string csv_text(const Table& table)
+{
+  const DataSet data = table_data_set(table);
+  std::string out;
+  for (const Column& column : data.columns()) {
+    if (!out.empty()) out += ',';
+    append_csv_field(out, column.name());
+  }
+  out += '\n';
+  for (std::size_t row = 0; row < data.rows(); ++row) {
+    for (std::size_t i = 0; i < data.columns().size(); ++i) {
+      if (i > 0) out += ',';
+      append_csv_cell(out, data.columns()[i], row, data.columns().size() == 1);
+    }
+    out += '\n';
   }
   return out;
 }

@@ -1,0 +1,247 @@
+#include "host/csv.h"
+#include "host/run_output.h"
+#include "host/text.h"
+#include "support.h"
+#include <random>
+
+namespace torvale::host {
+
+namespace {
+
+std::string column_text(const Column& c)
+{
+  std::string out = c.numeric() ? "n:" : "c:";
+  for (std::size_t i = 0; i < c.rows(); ++i) {
+    if (i > 0) out += '|';
+    out += c.shown(i);
+  }
+  return out;
+}
+
+} // namespace
+
+TEST(CsvRead, FormsOfAFile)
+{
+  const struct {
+    const char* what;
+    const char* text;
+    std::vector<const char*> columns;
+  } cases[] = {
+      {"plain", "a,b\n1,x\n2,y\n", {"n:1|2", "c:x|y"}},
+      {"no line end at the end", "a,b\n1,x\n2,y", {"n:1|2", "c:x|y"}},
+      {"CRLF and byte order mark",
+       "\xEF\xBB\xBF"
+       "a,b\r\n1,x\r\n2,y\r\n",
+       {"n:1|2", "c:x|y"}},
+      {"CR alone", "a,b\r1,x\r2,y\r", {"n:1|2", "c:x|y"}},
+      {"empty lines", "\n\na,b\n\n1,x\n\n\n", {"n:1", "c:x"}},
+      {"quotes", "a,b\n\"1\",\"x, \"\"y\"\"\nz\"\n2,\"\"\n", {"n:1|2", "c:x, \"y\"\nz|"}},
+      {"quote inside a plain field", "a\n5\" pipe\n", {"c:5\" pipe"}},
+      {"missing values", "a,b\n,\n.,.\n.A,\n3,q\n", {"n:.|.|.A|3", "c:|||q"}},
+      {"all missing is numeric", "a\n.\n.\n", {"n:.|."}},
+      {"blanks around numbers", "a,b\n 1 , 2\n", {"n:1", "n:2"}},
+      {"text late keeps spellings", "a\n007\n1e3\n.A\nx\n", {"c:007|1e3|.A|x"}},
+      {"text after missing", "a\n\n.\n.\nx\n5\n", {"c:||x|5"}},
+      {"too large for a double", "a\n1\n1e999\n", {"c:1|1e999"}},
+      {"no rows", "a,b\n", {"n:", "n:"}},
+      {"trailing blanks fall away, leading stay", "a\n  x  \n", {"c:  x"}},
+      {"names in quotes", "\"a\",\"b c\"\n1,2\n", {"n:1", "n:2"}},
+      {"blanks behind a closing quote", "a,b\n\"x\" ,1\n", {"c:x", "n:1"}},
+  };
+  for (const auto& c : cases) {
+    CaughtMessages log;
+    const auto data = read_csv_text(c.text, "t.csv", log);
+    ASSERT_TRUE(data) << c.what << ": " << (log.messages().empty() ? "" : log.messages()[0].text);
+    ASSERT_EQ(data->columns().size(), c.columns.size()) << c.what;
+    for (std::size_t i = 0; i < c.columns.size(); ++i)
+      EXPECT_EQ(column_text(data->columns()[i]), c.columns[i]) << c.what;
+  }
+}
+
+TEST(CsvRead, FaultsNameFileLineAndColumn)
+{
+  const struct {
+    const char* text;
+    int number;
+    const char* part;
+  } cases[] = {
+      {"a,b\n1,2\n3\n", 9003, "file line 3"},
+      {"a,b\n1,\"x\ny\"\n3,4,5\n", 9003, "file line 4"}, // a line end inside quotes counts
+      {"a,b\n1,2,\n", 9003, "Row 1 has 3 fields"},
+      {"a,b\n1,\"2\n3,4\n", 9005, "column b has no closing quote (file t.csv, file line 2)"},
+      {"a,b\n\"1\"x,2\n", 9006, "column a"},
+      {"", 9008, "t.csv"},
+      {"\n\n", 9008, "t.csv"},
+      {"a,B,b\n1,2,3\n", 9004, "column b twice, as columns 2 and 3"},
+      {"\xFF\xFE"
+       "a\0",
+       9007, "t.csv"},
+  };
+  for (const auto& c : cases) {
+    CaughtMessages log;
+    EXPECT_FALSE(read_csv_text(c.text, "t.csv", log)) << c.text;
+    ASSERT_EQ(log.count(c.number), 1) << c.text;
+    EXPECT_NE(log.text(c.number).find(c.part), std::string::npos) << log.text(c.number);
+    EXPECT_TRUE(log.has_errors());
+  }
+  CaughtMessages log;
+  EXPECT_FALSE(read_csv_text(std::string_view("a\n1\0\n", 5), "t.csv", log));
+  EXPECT_EQ(log.count(9007), 1);
+  EXPECT_FALSE(read_csv("/nonexistent/t.csv", log));
+  EXPECT_FALSE(read_csv("/", log));
+  EXPECT_EQ(log.count(9002), 2);
+}
+
+TEST(CsvRead, NotesOnWhatAReaderWouldMiss)
+{
+  CaughtMessages log;
+  ASSERT_TRUE(read_csv_text(
+      "y,id,big,t,\n1,007,12345678901234567890,a,1\nNA,8,1,b,1\n3,9,9007199254740992,5,1\nNA,1,2,6,1\n", "t.csv", log));
+  EXPECT_NE(log.text(9010).find("Column y of t.csv holds numbers but for the text \"NA\" (2 times, first in row 2)"),
+            std::string::npos);
+  EXPECT_EQ(log.count(9010), 1); // column t has two spellings: an honest text column
+  EXPECT_NE(log.text(9011).find("Column id"), std::string::npos);
+  EXPECT_EQ(log.count(9016), 1);
+  EXPECT_NE(log.text(9016).find("Column big of t.csv"), std::string::npos);
+  EXPECT_NE(log.text(9009).find("VAR5"), std::string::npos);
+  ASSERT_TRUE(read_csv_text("a;b\n1;2\n", "t.csv", log));
+  EXPECT_EQ(log.count(9013), 1);
+}
+
+TEST(CsvRead, KindsThatAreAskedFor)
+{
+  CaughtMessages log;
+  const auto data =
+      read_csv_text("A,b\n1,x\n02,5\n", "t.csv", log, {{"a", ColumnKind::character}, {"b", ColumnKind::numeric}});
+  ASSERT_TRUE(data);
+  EXPECT_EQ(column_text(data->columns()[0]), "c:1|02");
+  EXPECT_EQ(column_text(data->columns()[1]), "n:.|5");
+  EXPECT_EQ(log.count(9014), 1);
+}
+
+TEST(CsvRead, LongNamesAreCutAndMustStayDifferent)
+{
+  CaughtMessages log;
+  const std::string stem(32, 'x');
+  EXPECT_FALSE(read_csv_text(stem + "1," + stem + "2\n1,2\n", "t.csv", log));
+  EXPECT_EQ(log.count(9004), 1);
+}
+
+// Values of every kind come back bit by bit through plain, gzip and zstd files.
+TEST(CsvRoundTrip, SameValuesThroughEveryForm)
+{
+  std::mt19937_64 bits(3);
+  DataSet data;
+  Column& x = data.add(Column("x", ColumnKind::numeric));
+  for (int i = 0; i < 3000; ++i) {
+    const double v = std::bit_cast<double>(bits());
+    x.append(i % 7 == 0 ? special_missing("_.AQZ"[i % 5]) : std::isinf(v) ? 1.0 : v);
+  }
+  Column& s = data.add(Column("s", ColumnKind::character));
+  const char* texts[] = {"", "a", "a,b", "say \"no\"", "two\nlines", " lead", "\xC3\xA9", "\"", "end\r"};
+  for (int i = 0; i < 3000; ++i) s.append(std::string_view(texts[bits() % std::size(texts)]));
+
+  ScratchFolder folder;
+  for (const char* name : {"d.csv", "d.csv.gz", "d.csv.zst"}) {
+    CaughtMessages log;
+    ASSERT_EQ(write_csv(data, folder / name, log), 0);
+    const auto back = read_csv(folder / name, log);
+    ASSERT_TRUE(back) << name;
+    ASSERT_EQ(back->rows(), data.rows());
+    for (std::size_t i = 0; i < data.rows(); ++i) {
+      const double a = data.columns()[0].number(i), b = back->columns()[0].number(i);
+      ASSERT_EQ(std::bit_cast<std::uint64_t>(a), std::bit_cast<std::uint64_t>(b)) << name << " row " << i;
+      ASSERT_EQ(data.columns()[1].text(i), back->columns()[1].text(i)) << name << " row " << i;
+    }
+  }
+  EXPECT_LT(std::filesystem::file_size(folder / "d.csv.gz"), std::filesystem::file_size(folder / "d.csv"));
+}
+
+TEST(CsvRoundTrip, OneColumnOfMissingValuesKeepsItsRows)
+{
+  DataSet data;
+  data.add(Column("x", ColumnKind::numeric));
+  for (int i = 0; i < 3; ++i) data.columns()[0].append_missing();
+  DataSet texts;
+  texts.add(Column("s", ColumnKind::character));
+  for (const char* s : {"", "b", ""}) texts.columns()[0].append(std::string_view(s));
+  ScratchFolder folder;
+  for (const DataSet* set : {&data, &texts}) {
+    CaughtMessages log;
+    ASSERT_EQ(write_csv(*set, folder / "d.csv", log), 0);
+    const auto back = read_csv(folder / "d.csv", log);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->rows(), 3u);
+  }
+}
+
+TEST(CsvRead, DamagedCompressedFilesAreFaults)
+{
+  DataSet data;
+  data.add(Column("x", ColumnKind::numeric));
+  for (int i = 0; i < 5000; ++i) data.columns()[0].append(i * 0.1);
+  ScratchFolder folder;
+  for (const char* name : {"d.csv.gz", "d.csv.zst"}) {
+    CaughtMessages log;
+    ASSERT_EQ(write_csv(data, folder / name, log), 0);
+    const std::string bytes = folder.read(name);
+    folder.write(name, bytes.substr(0, bytes.size() / 2));
+    EXPECT_FALSE(read_csv(folder / name, log)) << name;
+    EXPECT_EQ(log.count(9002), 1) << name;
+    folder.write(name,
+                 bytes + bytes); // two members, one after the other: legal, the second one a row of names too many
+    log = {};
+    const auto twice = read_csv(folder / name, log);
+    ASSERT_TRUE(twice) << name;
+    EXPECT_EQ(twice->rows(), 10001u);
+  }
+}
+
+// Records that straddle the read buffer, quoted and plain, with sizes around its length.
+TEST(CsvRead, LongFieldsAcrossTheBuffer)
+{
+  for (const std::size_t size : {(1u << 18) - 5, (1u << 18) - 1, 1u << 18, (1u << 18) + 1, 600000u}) {
+    const std::string field(size, 'z');
+    CaughtMessages log;
+    const auto data = read_csv_text("a,b\n\"" + field + "\"\"q\",1\n" + field + ",2\r\nx,3\n", "t.csv", log);
+    ASSERT_TRUE(data);
+    EXPECT_EQ(data->columns()[0].text(0), field + "\"q");
+    EXPECT_EQ(data->columns()[0].text(1), field);
+    EXPECT_EQ(column_text(data->columns()[1]), "n:1|2|3");
+  }
+}
+
+// Any bytes give a data set or an error message, and what is accepted survives writing and reading.
+TEST(CsvRead, RandomBytesNeverCrash)
+{
+  std::mt19937 random(17);
+  constexpr std::string_view alphabet = "ab1.,,,\"\"\n\n\r 9-eA\xC3\xA9";
+  int accepted = 0;
+  ScratchFolder folder;
+  for (int round = 0; round < 20000; ++round) {
+    std::string text;
+    for (std::size_t n = random() % 40; n > 0; --n) text += alphabet[random() % alphabet.size()];
+    CaughtMessages log;
+    const auto data = read_csv_text(text, "t.csv", log);
+    if (!data) {
+      ASSERT_TRUE(log.has_errors()) << text;
+      continue;
+    }
+    ++accepted;
+    if (round % 20 != 0) continue;
+    ColumnKinds kinds;
+    for (const Column& c : data->columns()) {
+      ASSERT_EQ(c.rows(), data->rows()) << text;
+      kinds[wzstrlo(c.name())] = c.kind();
+    }
+    ASSERT_EQ(write_csv(*data, folder / "r.csv", log), 0);
+    const auto back = read_csv(folder / "r.csv", log, kinds);
+    ASSERT_TRUE(back) << text;
+    ASSERT_EQ(back->rows(), data->rows()) << text;
+    for (std::size_t i = 0; i < data->columns().size(); ++i)
+      ASSERT_EQ(column_text(back->columns()[i]), column_text(data->columns()[i])) << text;
+  }
+  EXPECT_GT(accepted, 1000);
+}
+
+} // namespace torvale::host

@@ -1,0 +1,101 @@
+#include "host/messages.h"
+#include "support.h"
+#include <set>
+
+namespace torvale::host {
+
+TEST(Catalogue, EveryEntryIsUniqueAndWellFormed)
+{
+  std::set<std::pair<int, int>> seen;
+  for (const CatalogueEntry& e : catalogue()) {
+    EXPECT_TRUE(seen.emplace(e.group, e.number).second) << e.group << "/" << e.number;
+    EXPECT_FALSE(e.text.empty()) << e.number;
+    EXPECT_EQ(find_message(e.group, e.number), &e);
+    int depth = 0;
+    for (const char c : e.text) {
+      depth += c == '{' ? 1 : c == '}' ? -1 : 0;
+      EXPECT_TRUE(depth == 0 || depth == 1) << e.number;
+    }
+    EXPECT_EQ(depth, 0) << e.number;
+    EXPECT_TRUE(e.severity == Severity::note || e.text.ends_with('.') || e.text.ends_with(']')) << e.number;
+  }
+  EXPECT_GT(seen.size(), 300u);
+}
+
+TEST(Messages, ArgumentsFillTheTextAndOptionalStretchesFallAway)
+{
+  EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}}),
+            "The dependent variable y is neither in the data set nor assigned in the program.");
+  EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}, {"near", "yy"}}),
+            "The dependent variable y is neither in the data set nor assigned in the program; did you mean yy?.");
+  EXPECT_EQ(xpmstr(503, 270, {{"points", 31}, {"change", 0.25}, {"tolerance", 1e-4}}),
+            "The integral is not accurate enough with 31 quadrature points: relative change 0.25, tolerance 1e-04.");
+  EXPECT_EQ(xpmstr(503, 8888, {{"a", 1}}), "Message 503/8888, a=1");
+  EXPECT_EQ(otbmsg(0, 120), "-2 Log Likelihood");
+  // An argument's own braces are not expanded.
+  EXPECT_NE(xpmstr(503, 10, {{"name", "{name}"}}).find("{name}"), std::string::npos);
+}
+
+TEST(Messages, ThePlaceStandsBehindTheText)
+{
+  CaughtMessages log;
+  log.xpmlog(503, 13, {}, {.statement = "RANDOM", .line = 7, .column = 3});
+  EXPECT_EQ(log.text(13), "The RANDOM statement names no random effect (RANDOM statement, line 7, column 3).");
+  EXPECT_TRUE(log.has_errors());
+}
+
+TEST(Messages, LogLinesAreWrappedAndCarryTheCode)
+{
+  std::vector<std::string> lines;
+  MessageLog log([&](std::string_view line) { lines.emplace_back(line); });
+  log.xpmlog(503, 232, {{"count", 6}});
+  log.xpmlog(503, 401, {{"data", "data"}});
+  log.xpmlog(503, 131, {{"subject", std::string(150, 'x')}});
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(lines[0], "ERROR: None of the 6 starting points can be used. [503/232]");
+  EXPECT_EQ(lines[1], "NOTE: Reading the data.");
+  EXPECT_TRUE(lines[2].starts_with("WARNING: The log likelihood"));
+  for (std::size_t i = 3; i < lines.size(); ++i) EXPECT_TRUE(lines[i].starts_with("      "));
+}
+
+TEST(Messages, RepeatsAreCountedPerGroup)
+{
+  CaughtMessages log;
+  for (const int group : {0, 1}) {
+    log.set_by_group(group);
+    for (int i = 0; i < MessageLog::repeat_limit + 7; ++i) log.xpmlog(503, 72, {{"observation", i}});
+  }
+  log.set_by_group(-1);
+  EXPECT_EQ(log.count(72), 2 * MessageLog::repeat_limit);
+  EXPECT_EQ(log.count(9000), 2);
+  EXPECT_NE(log.text(9000).find("occurred 7 more times"), std::string::npos);
+  EXPECT_EQ(log.messages().front().by_group, 0);
+}
+
+TEST(Messages, JournalReplaysInOrderAndSaysWhatItDropped)
+{
+  Journal journal(3);
+  for (int i = 1; i <= 5; ++i) journal.xpmlog(503, 72, {{"observation", i}});
+  CaughtMessages log;
+  journal.replay(log);
+  EXPECT_TRUE(journal.empty());
+  ASSERT_EQ(log.count(72), 3);
+  EXPECT_NE(log.messages()[0].text.find("observation 1"), std::string::npos);
+  EXPECT_NE(log.messages()[2].text.find("observation 3"), std::string::npos);
+  EXPECT_EQ(log.text(9001).substr(0, 2), "2 ");
+  journal.replay(log); // empty now
+  EXPECT_EQ(log.count(72), 3);
+}
+
+TEST(Messages, ExplainTakesCodesInThreeForms)
+{
+  const std::string text = explain_message("503/71");
+  EXPECT_NE(text.find("No observation can be used"), std::string::npos);
+  EXPECT_NE(text.find("What to try"), std::string::npos);
+  EXPECT_EQ(explain_message("503-71"), text);
+  EXPECT_EQ(explain_message("71"), text);
+  for (const char* bad : {"", "x", "503/", "503/99999", "71x", "/71", "99999999999999999999"})
+    EXPECT_EQ(explain_message(bad), "") << bad;
+}
+
+} // namespace torvale::host

@@ -1,0 +1,118 @@
+#include "host/csv.h"
+#include "host/where.h"
+#include "support.h"
+#include <random>
+
+namespace torvale::host {
+
+namespace {
+
+DataSet sample()
+{
+  CaughtMessages log;
+  return *read_csv_text("x,y,s,d.e\n1,10,Alpha,1\n2,.,beta,2\n3,.A,,3\n-4,0,alpha,4\n0.5,7,b'c,5\n", "t.csv", log);
+}
+
+// Numbers of the rows that satisfy the condition, or what is wrong with it.
+std::string rows(std::string_view condition)
+{
+  const DataSet data = sample();
+  std::string problem;
+  const auto where = parse_where(condition, problem);
+  if (!where || where->bind(data, problem) != 0) return problem;
+  std::string out;
+  for (const std::size_t row : where->matching_rows(data)) out += std::to_string(row + 1);
+  return out;
+}
+
+} // namespace
+
+TEST(Where, Conditions)
+{
+  const std::pair<const char*, const char*> cases[] = {
+      {"x > 1", "23"},
+      {"x ge 2 or y = 7", "235"},
+      {"X>0 and not (x=1)", "235"},
+      {"x", "12345"}, // a number is a condition: not 0 and not missing
+      {"y", "15"},
+      {"y < 0", "23"}, // missing values sort below numbers
+      {"y = .", "2"},
+      {"y = .a", "3"},
+      {"y > . and y <= 7", "345"},
+      {"y is missing", "23"},
+      {"y is not null", "145"},
+      {"s is missing", "3"},
+      {"y ^= . & y ~= .A", "145"},
+      {"y + 1 > 0", "145"},       // arithmetic with a missing value gives a missing value
+      {"1/(x-1) = .", "1"},       // as does a division by 0
+      {"-x**2 = -16", "4"},       // the power first
+      {"2**3**2 = 512", "12345"}, // to the right
+      {"x*-1 > 0", "4"},
+      {"1 ** y > 0", "145"}, // pow(1, NaN) would be 1
+      {"x in (1 2, -4)", "124"},
+      {"x notin (1,2)", "345"},
+      {"x not in (1)", "2345"},
+      {"s in ('Alpha' \"beta\")", "12"},
+      {"s = 'alpha'", "4"},   // letters' case matters in values
+      {"s = 'beta   '", "2"}, // trailing blanks do not
+      {"s < 'a'", "13"},
+      {"s contains 'lph'", "14"},
+      {"s = 'b''c'", "5"},
+      {"s || 'x' = 'betax'", "2"},
+      {"x between 1 and 3 and y > 5", "1"},
+      {"'d.e'n > 3", "45"},
+      {"x eq 1 or x lt -3 or x ne x", "14"},
+      {"(x = 1) + (y = 10) = 2", "1"},
+      {"1e0 = x", "1"},
+      {"not x > 1 and x < 1", "45"},
+  };
+  for (const auto& [condition, expected] : cases) EXPECT_EQ(rows(condition), expected) << condition;
+}
+
+TEST(Where, MistakesSayWhatAndWhere)
+{
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "ends where a value is needed"},
+      {"x >", "ends where a value is needed (character 4)"},
+      {"x > 1 2", "left over"},
+      {"(x > 1", "closing parenthesis"},
+      {"x = 'a", "not closed"},
+      {"x in 1", "list in parentheses"},
+      {"x in ()", "a list holds"},
+      {"x between 1", "AND must stand"},
+      {"x # 1", "the character #"},
+      {"1.2.3 = x", "not a number"},
+      {"12ab = x", "not a number"},
+      {"zz = 1", "no variable zz"},
+      {"xx = 1", "no variable xx; did you mean x?"},
+      {"x = 'a'", "a number on one side"},
+      {"s > 1", "a number on one side"},
+      {"s + 1 = 2", "a number is needed"},
+      {"s", "is a text"},
+      {"x contains 'a'", "take characters"},
+      {"x is 1", "IS must be followed"},
+      {"x not > 1", "NOT must be followed"},
+  };
+  for (const auto& [condition, part] : cases)
+    EXPECT_NE(rows(condition).find(part), std::string::npos) << condition << ": " << rows(condition);
+  EXPECT_NE(rows(std::string(5000, '(')).find("nested too deep"), std::string::npos);
+  EXPECT_NE(rows(std::string(5000, '-') + "x").find("nested too deep"), std::string::npos);
+}
+
+TEST(Where, RandomConditionsNeverCrash)
+{
+  std::mt19937 random(23);
+  constexpr const char* words[] = {"x",       "y",  "s",       "(",  ")", "and",      "or", "not", "in",
+                                   "=",       "<",  "**",      "-",  "+", "1",        ".",  ".a",  "'q'",
+                                   "between", "is", "missing", "||", ",", "contains", "^",  "zz"};
+  int good = 0;
+  for (int round = 0; round < 30000; ++round) {
+    std::string text;
+    for (std::size_t n = random() % 9; n > 0; --n) text += std::string(words[random() % std::size(words)]) + " ";
+    const std::string result = rows(text);
+    good += result.find_first_not_of("12345") == std::string::npos;
+  }
+  EXPECT_GT(good, 100);
+}
+
+} // namespace torvale::host
