@@ -35,6 +35,7 @@ enum class Kernel : std::uint16_t {
   reciprocal,           // 1 / a; missing when a is 0
   reciprocal_or_zero,   // 1 / a; 0 when a is 0: in derivatives at removable points
   square, cube,
+  positive_part,        // a above 0, else 0
   sqrt,                 // missing below 0
   absolute,
   sign,                 // -1, 0, 1
@@ -42,6 +43,9 @@ enum class Kernel : std::uint16_t {
   power,                // a ** b; 0 ** 0 is 1; missing for 0 ** negative and negative ** fraction
   power_or_zero,        // the same with 0 for 0 ** negative: in derivatives at removable points
   log_or_zero,          // log a; 0 when a is 0: in derivatives at removable points
+
+  // Parameters of distributions: a itself, missing outside the range.
+  positive, nonnegative, probability,
 
   // Least and greatest.
   least_ordered,        // a >< b: a missing value is below every number, so it wins
@@ -71,6 +75,8 @@ enum class Kernel : std::uint16_t {
 
   // Elementary functions: at most 1 ulp; missing outside the domain.
   exp, expm1, log, log1p, log2, log10,
+  log_or_minus_infinity, // log a; -infinity when a is 0: log probabilities
+  log_one_minus_exp,    // log(1 - exp(a)), a <= 0
   sin, cos, tan, asin, acos, atan,
   sinh, cosh, tanh, asinh, acosh, atanh,
   atan2,                // of a / b
@@ -85,6 +91,8 @@ enum class Kernel : std::uint16_t {
   digamma, trigamma, tetragamma, pentagamma, hexagamma, // derivatives 1 to 5 of lgamma
   lgamma_ratio,         // lgamma(a + b) - lgamma(a) without cancellation, a > 0, a + b > 0
   digamma_ratio,        // digamma(a + b) - digamma(a) likewise
+  lbeta,                // log beta(a, b)
+  comb,                 // a over b; whole for whole operands
 
   // Normal distribution.
   normal_pdf, normal_cdf, normal_log_cdf, normal_quantile,

@@ -35,6 +35,11 @@ inline Lanes absolute(Lanes a) { return magnitude(a); }
 inline Lanes sign(Lanes a) { return if_else((a == Lanes{}) | is_nan(a), a, copy_sign(all(1.0), a)); }
 inline Lanes side(Lanes a) { return if_else(is_nan(a), a, if_else(a < Lanes{}, all(-1.0), all(1.0))); }
 
+inline Lanes positive_part(Lanes a) { return if_else(a <= Lanes{}, Lanes{}, a); }
+inline Lanes positive(Lanes a) { return unless(a <= Lanes{}, a); }
+inline Lanes nonnegative(Lanes a) { return unless(a < Lanes{}, a); }
+inline Lanes probability(Lanes a) { return unless((a < Lanes{}) | (a > all(1.0)), a); }
+
 // Domain: all doubles. 1 ulp. x ** 0 is 1 and 1 ** y is 1 also where the other operand is missing, by the rules of the
 // hardware: not here.
 inline Lanes power(Lanes x, Lanes y)

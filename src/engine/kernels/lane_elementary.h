@@ -17,6 +17,14 @@ inline Lanes log2(Lanes a) { return unless(a == Lanes{}, elementary::log2(a)); }
 inline Lanes log10(Lanes a) { return unless(a == Lanes{}, elementary::log10(a)); }      // a > 0
 inline Lanes log1p(Lanes a) { return unless(a == all(-1.0), elementary::log1p(a)); }    // a > -1
 inline Lanes log_or_zero(Lanes a) { return if_else(a == Lanes{}, a, elementary::log(a)); }
+inline Lanes log_or_minus_infinity(Lanes a) { return elementary::log(a); }              // a >= 0
+// log(1 - exp(a)), a <= 0, 2 ulp: below log(1/2) exp(a) is the small part, above it 1 - exp(a) is.
+inline Lanes log_one_minus_exp(Lanes a)
+{
+  const Mask low = a < all(-0.69314718055994531);
+  const Lanes far = elementary::log1p(if_else(low, -elementary::exp(a), Lanes{}));
+  return if_else(low, far, elementary::log(-elementary::expm1(a)));
+}
 inline Lanes sin(Lanes a) { return elementary::sin(a); }     // finite a
 inline Lanes cos(Lanes a) { return elementary::cos(a); }     // finite a
 inline Lanes tan(Lanes a) { return elementary::tan(a); }     // finite a

@@ -56,6 +56,7 @@ constexpr KernelTable build_table(const char* isa)
   set(Kernel::reciprocal_or_zero, unary<lane::reciprocal_or_zero>);
   set(Kernel::square, unary<lane::square>);
   set(Kernel::cube, unary<lane::cube>);
+  set(Kernel::positive_part, unary<lane::positive_part>);
   set(Kernel::sqrt, unary<lane::sqrt>);
   set(Kernel::absolute, unary<lane::absolute>);
   set(Kernel::sign, unary<lane::sign>);
@@ -63,6 +64,9 @@ constexpr KernelTable build_table(const char* isa)
   set(Kernel::power, binary<lane::power>);
   set(Kernel::power_or_zero, binary<lane::power_or_zero>);
   set(Kernel::log_or_zero, unary<lane::log_or_zero>);
+  set(Kernel::positive, unary<lane::positive>);
+  set(Kernel::nonnegative, unary<lane::nonnegative>);
+  set(Kernel::probability, unary<lane::probability>);
   set(Kernel::least_ordered, binary<lane::least_ordered>);
   set(Kernel::least, binary<lane::least>);
   set(Kernel::greatest, binary<lane::greatest>);
@@ -101,6 +105,8 @@ constexpr KernelTable build_table(const char* isa)
   set(Kernel::log1p, unary<lane::log1p>);
   set(Kernel::log2, unary<lane::log2>);
   set(Kernel::log10, unary<lane::log10>);
+  set(Kernel::log_or_minus_infinity, unary<lane::log_or_minus_infinity>);
+  set(Kernel::log_one_minus_exp, unary<lane::log_one_minus_exp>);
   set(Kernel::sin, unary<lane::sin>);
   set(Kernel::cos, unary<lane::cos>);
   set(Kernel::tan, unary<lane::tan>);
@@ -129,6 +135,8 @@ constexpr KernelTable build_table(const char* isa)
   set(Kernel::hexagamma, unary<lane::hexagamma>);
   set(Kernel::lgamma_ratio, binary<lane::lgamma_ratio>);
   set(Kernel::digamma_ratio, binary<lane::digamma_ratio>);
+  set(Kernel::lbeta, binary<lane::lbeta>);
+  set(Kernel::comb, binary<lane::comb>);
   set(Kernel::normal_pdf, unary<lane::normal_pdf>);
   set(Kernel::normal_cdf, unary<lane::normal_cdf>);
   set(Kernel::normal_log_cdf, unary<lane::normal_log_cdf>);
