@@ -9,7 +9,7 @@ namespace torvale::model {
 
 // Batch: consecutive subjects, dealt to one worker. Constant in an evaluation.
 struct Batch {
-  int first = 0;              // subjects first..last-1 of SubInfo; those without usable observations are passed over
+  int first = 0;              // entries first..last-1 of GroupState::batch_subjects
   int last = 0;
   std::int64_t first_row = 0; // their rows in the store
   std::int64_t rows = 0;
@@ -42,6 +42,7 @@ struct BatchWork {
   int slots = 0;
   int pairs = 0;
   std::vector<int> subject;          // per slot: index into SubInfo
+  std::vector<int> column;           // per slot: its column in curvature_sums
   std::vector<int> failure;          // per slot: message number of its failure, 0 when good
   std::vector<std::int64_t> failure_row; // per slot: store row that the failure names
   std::vector<int> active;           // slots still searching
@@ -52,6 +53,9 @@ struct BatchWork {
   std::vector<double> mean;          // nr each
   std::vector<double> factor;        // L, nrs each
   std::vector<double> arguments;     // values and derivatives of the distribution arguments, as programs.setup yields them
+  bool prior_loaded = false;         // the one prior belongs to the present parameters
+  int prior_failure = 0;             // its failure
+  std::vector<const double*> outputs; // outputs of a setup run; null: zero
   // Modes, per slot.
   std::vector<double> z;             // nr: mode, or trial point of the search
   std::vector<double> zold;          // nr: last accepted point of the search

@@ -7,7 +7,7 @@ int tvlthrd(const model::NX& n)
   int wanted = n.command_threads != 0 ? n.command_threads : n.runThreads ? n.nthreads : 1;
   if (wanted < 0) {
     wanted = n.host != nullptr ? n.host->cores() : 1;
-    if (n.host != nullptr && n.command_threads == 0) n.host->log().xpmlog(503, 656, {{"threads", wanted}});
+    if (n.host != nullptr && n.command_threads == 0) n.host->log().xpmlog(503, 656, {{"count", wanted}});
   }
   return wanted < 1 ? 1 : wanted;
 }
@@ -17,7 +17,7 @@ int tvltinit(model::NX& n)
   const int wanted = tvlthrd(n);
   n.workers = std::make_shared<WorkerPool>(wanted);
   if (n.workers->contexts() < wanted && n.host != nullptr) {
-    n.host->log().xpmlog(503, 654, {{"threads", n.workers->contexts()}});
+    n.host->log().xpmlog(503, 654);
     n.raise(4);
   }
   return 0;

@@ -1,0 +1,45 @@
+#pragma once
+// Derivatives through a packed Cholesky factor A = L L', by reverse differentiation of the factorization (S. P. Smith,
+// Differentiation of the Cholesky algorithm, J. Comput. Graph. Statist. 4, 1995, 134-147).
+
+namespace torvale::evaluation {
+
+// cholesky_adjoint: turns derivatives by L into derivatives by A.
+//
+//   nr    order
+//   chol  L, packed
+//   f     in/out  packed: on entry the derivative of some number by each element of L; on return by each element of the
+//                 lower triangle of A (an element off the diagonal stands for both of its places)
+//   tol   a column of L whose diagonal is below tol is singular: it has no derivative and passes none on
+inline void cholesky_adjoint(int nr, const double* chol, double* f, double tol)
+{
+  const auto at = [](int i, int j) { return i * (i + 1) / 2 + j; };
+  for (int c = 0; c < nr; ++c)
+    if (!(chol[at(c, c)] >= tol))
+      for (int r = c; r < nr; ++r) f[at(r, c)] = 0.0;
+  for (int i = nr - 1; i >= 0; --i) {
+    const double d = chol[at(i, i)];
+    if (!(d >= tol)) continue;
+    for (int j = i + 1; j < nr; ++j)
+      for (int k = j; k < nr; ++k) {
+        f[at(k, i)] -= f[at(k, j)] * chol[at(j, i)];
+        f[at(j, i)] -= f[at(k, j)] * chol[at(k, i)];
+      }
+    for (int j = i + 1; j < nr; ++j) {
+      f[at(j, i)] /= d;
+      f[at(i, i)] -= chol[at(j, i)] * f[at(j, i)];
+    }
+    f[at(i, i)] *= 0.5 / d;
+  }
+}
+
+// tvlcder: derivatives of a Cholesky factor by np parameters (tvl procedure, c Cholesky, der derivative).
+//
+//   chol   L of A = L L', packed, order nr
+//   grad   np rows of packed dA by a parameter; zgrad[j] 1: row j is zero and skipped
+//   work   scratch nr (nr + 1) / 2 doubles
+//   cder   out  np rows of packed dL
+// Returns 0.
+int tvlcder(int nr, int np, const double* chol, const double* grad, const int* zgrad, double tol, double* work, double* cder);
+
+} // namespace torvale::evaluation

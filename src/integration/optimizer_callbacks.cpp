@@ -1,0 +1,69 @@
+// The objective as the optimizer sees it.
+
+#include "integration/objective.h"
+
+#include <algorithm>
+
+namespace torvale::integration {
+
+using model::NX;
+using optimizer::MINSTR;
+
+namespace {
+
+// Evaluates at the optimizer's point, and hands value and gradient over. A stop that somebody asked for, or that the
+// program's own STOP or ABORT makes, ends the optimization.
+int evaluate(MINSTR* str, NX& n)
+{
+  if (str->x != n.parm.data()) n.parm.assign(str->x, str->x + n.nparm);
+  const int rc = tvllike(n);
+  str->crit = n.objfun;
+  if (n.dograd && str->grad != n.objgrad.data()) std::copy(n.objgrad.begin(), n.objgrad.end(), str->grad);
+  if (rc != 0 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
+  return rc;
+}
+
+} // namespace
+
+int nlpfunc(MINSTR* str)
+{
+  ++str->nfct;
+  NX& n = *static_cast<NX*>(str->comstr);
+  const int rc = evaluate(str, n);
+  if (n.dograd)
+    n.parmlast = n.parm;
+  else
+    n.parmlast.clear();
+  return rc;
+}
+
+int nlpfunclog(MINSTR* str)
+{
+  const int rc = nlpfunc(str);
+  const NX& n = *static_cast<const NX*>(str->comstr);
+  n.host->log().xpmlog(503, 407, {{"count", str->nfct}, {"objective", n.objfun}});
+  return rc;
+}
+
+int nlpgrad(MINSTR* str)
+{
+  ++str->ngrd;
+  NX& n = *static_cast<NX*>(str->comstr);
+  // Compared as values: a point that is equal but for the sign of a zero has the same gradient.
+  const bool known = n.dograd && n.parmlast.size() == static_cast<std::size_t>(n.nparm) &&
+                     std::equal(n.parmlast.begin(), n.parmlast.end(), str->x);
+  if (known) {
+    if (str->grad != n.objgrad.data()) std::copy(n.objgrad.begin(), n.objgrad.end(), str->grad);
+    return 0;
+  }
+  if (n.host != nullptr) n.host->log().xpmlog(503, 360);
+  n.raise(4);
+  n.dograd = true;
+  const double crit = str->crit;
+  const int rc = evaluate(str, n);
+  str->crit = crit; // the gradient callback leaves the objective of the last function call
+  n.parmlast = n.parm;
+  return n.failed ? 1 : rc;
+}
+
+} // namespace torvale::integration

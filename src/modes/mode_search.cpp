@@ -1,0 +1,210 @@
+#include "modes/mode_search.h"
+
+#include "evaluation/record_sums.h"
+#include "modes/hessian_at_mode.h"
+#include "modes/joint_density.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace torvale::modes {
+
+using model::BatchWork;
+using model::ModeSearch;
+using model::NX;
+using model::TVLThreadCtx;
+
+namespace {
+
+// Halvings that follow when the sub-steps are used up: 20 of 0.8 shrink a step to a hundredth only.
+constexpr int halvings = 50;
+// The noise floor of a search, in posterior standard deviations: below it a step that no longer shrinks is rounding.
+constexpr double noise_floor = 1e-6, noise_ratio = 0.1;
+constexpr double largest = std::numeric_limits<double>::max();
+
+template <int NR> class LockstepSearch {
+public:
+  LockstepSearch(const NX& n, TVLThreadCtx& ctx)
+      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.reff[0].nr), nrs_(nr_ * (nr_ + 1) / 2)
+  {
+  }
+
+  int run()
+  {
+    start_all();
+    while (active_ > 0) {
+      if (const int rc = EBFunc<NR>(n_, ctx_, active_); rc != 0) return rc;
+      int kept = 0;
+      for (int a = 0; a < active_; ++a) {
+        const int slot = b_.active[static_cast<std::size_t>(a)];
+        advance(slot, a);
+        if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(kept++)] = slot;
+      }
+      active_ = kept;
+    }
+    return 0;
+  }
+
+private:
+  ModeSearch& search(int slot) { return b_.search[static_cast<std::size_t>(slot)]; }
+  int nr() const { return NR > 0 ? NR : nr_; }
+  int nrs() const { return NR > 0 ? NR * (NR + 1) / 2 : nrs_; }
+  double* z(int slot) { return b_.z.data() + static_cast<long>(slot) * nr(); }
+  double* zold(int slot) { return b_.zold.data() + static_cast<long>(slot) * nr(); }
+  const double* factor(int slot) const { return b_.factor.data() + static_cast<long>(prior_of(n_, slot)) * nrs(); }
+
+  void start_all()
+  {
+    active_ = 0;
+    for (int slot = 0; slot < b_.slots; ++slot) {
+      ModeSearch& s = search(slot);
+      s = ModeSearch{};
+      s.bound = s.previous = largest;
+      if (b_.failure[static_cast<std::size_t>(slot)] != 0) {
+        s.state = ModeSearch::failed;
+      } else if (n_.ebstep <= 0) {
+        s.from_mean = true;
+        std::fill_n(z(slot), nr(), 0.0);
+        give_up(slot);
+      } else {
+        place_start(slot);
+        b_.active[static_cast<std::size_t>(active_++)] = slot;
+      }
+    }
+  }
+
+  // z = L^-1 (u - m) of the accepted mode; a direction without variance stays at its mean.
+  void place_start(int slot)
+  {
+    const auto subject = static_cast<std::size_t>(b_.subject[static_cast<std::size_t>(slot)]);
+    double* const to = z(slot);
+    if (n_.ebzstart || n_.ebes_known[subject] == 0) {
+      std::fill_n(to, nr(), 0.0);
+      search(slot).from_mean = true;
+      return;
+    }
+    const double* const u = n_.ebes.data() + subject * static_cast<std::size_t>(nr());
+    const double* const m = b_.mean.data() + static_cast<long>(prior_of(n_, slot)) * nr();
+    const double* l = factor(slot);
+    for (int i = 0; i < nr(); ++i) {
+      double d = u[i] - m[i];
+      for (int k = 0; k < i; ++k) d -= l[k] * to[k];
+      to[i] = l[i] > 0.0 ? d / l[i] : 0.0;
+      l += i + 1;
+    }
+  }
+
+  void start_from_mean(int slot)
+  {
+    ModeSearch& s = search(slot);
+    s = ModeSearch{};
+    s.from_mean = true;
+    s.bound = s.previous = largest;
+    std::fill_n(z(slot), nr(), 0.0);
+  }
+
+  // A search that cannot go on: from a stored mode it begins again at the mean, else the slot fails.
+  void give_up(int slot)
+  {
+    ModeSearch& s = search(slot);
+    if (!s.from_mean) return start_from_mean(slot);
+    s.state = ModeSearch::failed;
+    s.failure = n_.reff[0].sub_character ? 359 : 358;
+  }
+
+  // One decision of the search: value, gradient and Hessian at z stand in column a of the mode sums.
+  void advance(int slot, int a)
+  {
+    ModeSearch& s = search(slot);
+    JointDensity<NR> at(nr());
+    at.read(b_, a, z(slot), factor(slot));
+    if (n_.ebsubstep > 0) {
+      const bool trial = s.substep > 0;
+      if (trial ? !(at.f < s.bound) : !(at.f <= s.bound)) return shrink(slot);
+      if (!(at.f < model::failure_objective)) return give_up(slot); // the start itself cannot be evaluated
+      s.substep = 0;
+      s.bound = at.f + std::max(n_.ebsstol, 4.0 * std::numeric_limits<double>::epsilon() * std::abs(at.f));
+      std::copy_n(z(slot), nr(), zold(slot));
+    } else if (!(at.f < model::failure_objective)) {
+      return give_up(slot);
+    }
+    newton(slot, a, at);
+  }
+
+  // The value rose: a shorter step, first by EBSSFRAC, then by halves.
+  void shrink(int slot)
+  {
+    ModeSearch& s = search(slot);
+    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot);
+    const double keep = s.substep < n_.ebsubstep ? n_.ebssfrac : 0.5;
+    ++s.substep;
+    double* const to = z(slot);
+    const double* const from = zold(slot);
+    for (int i = 0; i < nr(); ++i) to[i] = keep * to[i] + (1.0 - keep) * from[i];
+  }
+
+  void newton(int slot, int a, JointDensity<NR>& at)
+  {
+    ModeSearch& s = search(slot);
+    double* const inverse = at.hessian;
+    double* const step = at.gradient;
+    const double logdet = InvertHessian<NR>(n_, nr(), inverse, step, ctx_.block);
+    if (!std::isfinite(logdet)) return give_up(slot);
+
+    double step_u = 0.0, step_sd = 0.0; // largest component in u, and in posterior standard deviations of z
+    const double* l = factor(slot);
+    for (int i = 0; i < nr(); ++i) {
+      double du = 0.0;
+      for (int k = 0; k <= i; ++k) du += l[k] * step[k];
+      l += i + 1;
+      if (!(std::abs(du) <= step_u)) step_u = std::abs(du);
+      const double sd = std::abs(step[i]) / std::sqrt(std::abs(inverse[i * (i + 3) / 2]));
+      if (!(sd <= step_sd)) step_sd = sd;
+    }
+    if (!(step_sd < largest)) return give_up(slot);
+    if (step_u < n_.ebtol || (step_sd < noise_floor && step_sd > noise_ratio * s.previous)) {
+      s.state = ModeSearch::found;
+      s.logdet = -logdet;
+      keep_curvature<NR>(b_, nr(), slot, a, inverse);
+      return;
+    }
+    s.previous = step_sd;
+    if (++s.step >= n_.ebstep) return give_up(slot);
+    double* const to = z(slot);
+    for (int i = 0; i < nr(); ++i) to[i] -= step[i];
+  }
+
+  const NX& n_;
+  TVLThreadCtx& ctx_;
+  BatchWork& b_;
+  const int nr_, nrs_;
+  int active_ = 0;
+};
+
+template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx)
+{
+  if (const int rc = LockstepSearch<NR>(n, ctx).run(); rc != 0) return rc;
+  for (int slot = 0; slot < ctx.batch.slots; ++slot) {
+    const auto at = static_cast<std::size_t>(slot);
+    const ModeSearch& s = ctx.batch.search[at];
+    if (s.state != ModeSearch::failed || s.failure == 0) continue;
+    if (n.ebopt && library_search(n, ctx, slot)) continue;
+    ctx.batch.failure[at] = s.failure;
+  }
+  return 0;
+}
+
+} // namespace
+
+int tvlebes(const NX& n, TVLThreadCtx& ctx)
+{
+  switch (n.reff[0].nr) {
+    case 1: return search_batch<1>(n, ctx);
+    case 2: return search_batch<2>(n, ctx);
+    case 3: return search_batch<3>(n, ctx);
+    default: return search_batch<0>(n, ctx);
+  }
+}
+
+} // namespace torvale::modes
