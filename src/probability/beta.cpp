@@ -12,8 +12,8 @@ namespace {
 
 constexpr double quadrature_from = 100.0; // the fraction slows down as the smaller shape grows, the quadrature does not
 
-// a - (a + b) x, the distance from the mean in units of 1/(a + b), positive left of it. From the smaller of x and y, whose
-// digits are all good, and with the rounding of a + b made good: the tails depend on it at full size of a and b.
+// a - (a + b) x, the distance from the mean in units of 1/(a + b), positive left of it. From the smaller of x and y,
+// whose digits are all good, and with the rounding of a + b made good: the tails depend on it at full size of a and b.
 double distance_from_mean(const BetaPoint& point, double a, double b)
 {
   const double s = a + b;
@@ -36,8 +36,8 @@ double log_kernel(const BetaPoint& point, double a, double b, double d)
 }
 
 // a < 1: log I_x(a, b) = a log x - log(a B(a, b)) + log(1 + a sum_n (1-b)(2-b)...(n-b) x^n / (n! (a+n))).
-// Every part vanishes with a, so that the upper tail keeps its digits although the lower is near 1. For b <= 1 the terms
-// are positive, for b x <= 1 they fall from the start. Abramowitz and Stegun 26.5.4, rearranged.
+// Every part vanishes with a, so that the upper tail keeps its digits although the lower is near 1. For b <= 1 the
+// terms are positive, for b x <= 1 they fall from the start. Abramowitz and Stegun 26.5.4, rearranged.
 Tails power_series(const BetaPoint& point, double a, double b)
 {
   double term = 1.0;
@@ -56,8 +56,8 @@ bool series_suits(const BetaPoint& point, double a, double b)
   return a < 1.0 && (b <= 1.0 ? point.x <= 0.9 : b * point.x <= 1.0);
 }
 
-// Lower tail over the kernel, d >= 0: the continued fraction in its one-term form, Didonato and Morris, routine BFRAC, with
-// their letters. The last two convergents are kept as numerator and denominator, scaled to a denominator of 1.
+// Lower tail over the kernel, d >= 0: the continued fraction in its one-term form, Didonato and Morris, routine BFRAC,
+// with their letters. The last two convergents are kept as numerator and denominator, scaled to a denominator of 1.
 double fraction(double x, double y, double a, double b, double d)
 {
   const double c = 1.0 + d;

@@ -15,9 +15,9 @@ struct BetaPoint {
   double log_y; // log y
 };
 
-BetaPoint beta_point(double x);              // 0 <= x <= 1
+BetaPoint beta_point(double x);                // 0 <= x <= 1
 BetaPoint beta_point_pair(double x, double y); // both given, x + y = 1
-BetaPoint beta_point_logit(double w);        // x/y = exp(w), any finite w
+BetaPoint beta_point_logit(double w);          // x/y = exp(w), any finite w
 
 // Both tails of the beta distribution at a point, their logarithms and the log density; a and b > 0. All fields are NaN
 // outside the domain. Relative error about 1e-14 for tails of any size; the logarithms hold where the tails underflow.

@@ -9,10 +9,10 @@ namespace torvale::probability {
 // Both tails, their logarithms and the log density at x >= 0; df > 0. NaN outside.
 Tails chi_square_tails(double x, double df);
 
-// zplbcnc: lower (pl) and upper (pr) probability of the non-central chi-square distribution with df > 0 degrees of freedom
-// and non-centrality nc >= 0 at x. (z numeric, p probability, c chi-square, nc non-central.)
-// zlogcnc: the logarithms of the same. zldncnc: the log density into ld.
-// Return 0; 1 outside the domain, the results are then NaN. Cost: proportional to the square root of nc.
+// zplbcnc: lower (pl) and upper (pr) probability of the non-central chi-square distribution with df > 0 degrees of
+// freedom and non-centrality nc >= 0 at x. (z numeric, p probability, c chi-square, nc non-central.) zlogcnc: the
+// logarithms of the same. zldncnc: the log density into ld. Return 0; 1 outside the domain, the results are then NaN.
+// Cost: proportional to the square root of nc.
 int zplbcnc(double x, double df, double nc, double* pl, double* pr);
 int zlogcnc(double x, double df, double nc, double* lpl, double* lpr);
 int zldncnc(double x, double df, double nc, double* ld);

@@ -14,7 +14,10 @@ constexpr Tails outside{not_a_number, not_a_number, not_a_number, not_a_number, 
 constexpr Tails below_all{0.0, 1.0, -infinity, 0.0, -infinity};
 constexpr Tails above_all{1.0, 0.0, 0.0, -infinity, -infinity};
 
-Tails at_last(double log_probability) { return {1.0, 0.0, 0.0, -infinity, log_probability}; }
+Tails at_last(double log_probability)
+{
+  return {1.0, 0.0, 0.0, -infinity, log_probability};
+}
 
 // Whether the lower probability of k reaches the target, judged on the smaller of the target's tails. The slack keeps a
 // target that was itself computed as a cumulative probability from falling over to the next count.
@@ -48,7 +51,10 @@ template <class TailsAt> double smallest_count(const TailsAt& tails_at, TailTarg
   return high;
 }
 
-bool usable(TailTarget target) { return target.log_lower <= 0.0 && target.log_upper <= 0.0; }
+bool usable(TailTarget target)
+{
+  return target.log_lower <= 0.0 && target.log_upper <= 0.0;
+}
 
 } // namespace
 

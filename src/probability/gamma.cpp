@@ -22,8 +22,8 @@ double log_kernel(double z, double log_z, double a)
   return 0.5 * std::log(a / (2.0 * pi)) + exponent - zlgbern(a);
 }
 
-// a < 1, z small: log P = a log z - log Gamma(1 + a) + log(1 + a sum (-z)^n / (n! (a + n))). Every part vanishes with a,
-// so that 1 - P keeps its digits although P is near 1.
+// a < 1, z small: log P = a log z - log Gamma(1 + a) + log(1 + a sum (-z)^n / (n! (a + n))). Every part vanishes with
+// a, so that 1 - P keeps its digits although P is near 1.
 Tails small_shape(double z, double log_z, double a)
 {
   double term = 1.0;
@@ -102,7 +102,10 @@ Tails inside_tails(double z, double log_z, double a)
 
 constexpr Tails outside{not_a_number, not_a_number, not_a_number, not_a_number, not_a_number};
 
-bool usable_shape(double a) { return a > dmin && a < infinity; }
+bool usable_shape(double a)
+{
+  return a > dmin && a < infinity;
+}
 
 } // namespace
 

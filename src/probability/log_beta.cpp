@@ -6,8 +6,8 @@
 
 namespace torvale::probability {
 
-// With a <= b. Both large: Stirling's formula, in which the linear terms cancel exactly (Didonato and Morris, ACM TOMS 18
-// (1992), algorithm 708):
+// With a <= b. Both large: Stirling's formula, in which the linear terms cancel exactly (Didonato and Morris, ACM TOMS
+// 18 (1992), algorithm 708):
 //     log(2 pi)/2 - log(b)/2 + (a - 1/2) log(a/(a + b)) - b log(1 + a/b) + tail(a) + tail(b) - tail(a + b).
 // Otherwise log Gamma(a) minus the ratio of the large pair, which does not cancel.
 double zlbeta(double a, double b)

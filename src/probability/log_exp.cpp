@@ -7,9 +7,15 @@
 
 namespace torvale::probability {
 
-double zln1px(double z) { return std::log1p(z); }
+double zln1px(double z)
+{
+  return std::log1p(z);
+}
 
-double zexpm1(double z) { return std::expm1(z); }
+double zexpm1(double z)
+{
+  return std::expm1(z);
+}
 
 double zlnSumOfExp(double x1, double x2)
 {
@@ -38,6 +44,9 @@ double log1p_minus(double v)
   return r * (2.0 * y * sum - v);
 }
 
-double log_complement(double t) { return t > -ln2 ? std::log(-std::expm1(t)) : std::log1p(-std::exp(t)); }
+double log_complement(double t)
+{
+  return t > -ln2 ? std::log(-std::expm1(t)) : std::log1p(-std::exp(t));
+}
 
 } // namespace torvale::probability

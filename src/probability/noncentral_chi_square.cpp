@@ -13,7 +13,8 @@ namespace {
 //     P = sum w_j P(a + j, z),   Q = sum w_j Q(a + j, z),   density = sum w_j density(a + j, z).
 // All terms are positive. Each sum starts beyond its largest term and goes through it, in the direction in which the
 // incomplete gamma function grows by its recurrence P(a, z) = P(a + 1, z) + z^a exp(-z)/Gamma(a + 1), so that no step
-// subtracts (R. F. Ding, Applied Statistics 41 (1992), does the same from the first term). Terms are scaled by the largest.
+// subtracts (R. F. Ding, Applied Statistics 41 (1992), does the same from the first term). Terms are scaled by the
+// largest.
 struct Mixture {
   double a; // half the degrees of freedom
   double h; // half the non-centrality
@@ -23,11 +24,20 @@ struct Mixture {
 constexpr double largest_noncentrality = 1e12; // 30 sqrt(nc) terms: about a second
 constexpr double negligible = 45.0;            // terms below exp(-45) of the largest are left out
 
-double log_weight(const Mixture& m, double j) { return poisson_tails(j, m.h).log_density; }
+double log_weight(const Mixture& m, double j)
+{
+  return poisson_tails(j, m.h).log_density;
+}
 
-double log_lower_term(const Mixture& m, double j) { return log_weight(m, j) + gamma_tails(m.z, m.a + j).log_lower; }
+double log_lower_term(const Mixture& m, double j)
+{
+  return log_weight(m, j) + gamma_tails(m.z, m.a + j).log_lower;
+}
 
-double log_upper_term(const Mixture& m, double j) { return log_weight(m, j) + gamma_tails(m.z, m.a + j).log_upper; }
+double log_upper_term(const Mixture& m, double j)
+{
+  return log_weight(m, j) + gamma_tails(m.z, m.a + j).log_upper;
+}
 
 // log of w_j z^(a+j) exp(-z) / Gamma(a + j + 1), what one step of the recurrence adds to term j.
 double log_step(const Mixture& m, double j)
@@ -125,6 +135,10 @@ int zlogcnc(double x, double df, double nc, double* lpl, double* lpr)
   const Mixture m{0.5 * df, 0.5 * nc, 0.5 * x};
   *lpl = log_lower(m);
   *lpr = log_upper(m);
+  if (*lpl < *lpr)
+    *lpr = log_complement(*lpl); // the larger from the smaller: its logarithm may be close to 0
+  else
+    *lpl = log_complement(*lpr);
   return 0;
 }
 

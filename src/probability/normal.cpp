@@ -11,7 +11,10 @@ namespace {
 constexpr double sqrt_half = 0.7071067811865476;
 constexpr double sqrt_half_rest = -4.8336466567264565e-17; // 1/sqrt(2) minus the constant above
 
-double log_normal_density(double x) { return -0.5 * x * x - ln_sqrt_2pi; }
+double log_normal_density(double x)
+{
+  return -0.5 * x * x - ln_sqrt_2pi;
+}
 
 // exp(x^2/2) sqrt(2 pi), with x split so that the square of its high part is exact.
 double inverse_density(double x)
@@ -49,8 +52,8 @@ int zlognrm(double x, double* lpl, double* lpr, double* ldens)
   }
   *ldens = log_normal_density(x);
   const double y = std::fabs(x);
-  double log_small;  // the tail beyond |x|
-  double log_large;  // the other one, at least a half
+  double log_small; // the tail beyond |x|
+  double log_large; // the other one, at least a half
   if (y < 5.0) {
     const double small = zprbnrm(-y);
     log_small = std::log(small);

@@ -1,4 +1,5 @@
 #include "probability/constants.h"
+#include "probability/error_function.h"
 #include "probability/normal.h"
 
 #include <algorithm>
@@ -18,8 +19,8 @@ constexpr double centre_num[] = {0.00023850990628812184, 0.007748014532123519, 0
                                  2.0524292014826053,     3.926527220876258,    3.827787912267809,   1.4756646266356057};
 constexpr double centre_den[] = {0.00023846672191006805, 0.007472090148248392, 0.08675117268832777, 0.5155497927835685,
                                  1.6853868285749263,     3.0193046324086072,   2.757985744718407,   1.0};
-constexpr double tail_num[] = {2.2366406817573622e-07, 1.4756630668977935,  2.9349133839409465,
-                               2.302486886454419,      0.9208235553699621,  0.1971184884114817,
+constexpr double tail_num[] = {2.2366406817573622e-07, 1.4756630668977935,    2.9349133839409465,
+                               2.302486886454419,      0.9208235553699621,    0.1971184884114817,
                                0.021322238814693088,   0.0009933095513250212, 1.3896718225467155e-05};
 constexpr double tail_den[] = {1.0,
                                2.152916059924272,
@@ -37,6 +38,14 @@ double upper_quantile(double q)
   if (q > 0.01) return u * polynomial(centre_num, u) / polynomial(centre_den, u);
   const double v = 1.0 / u;
   return u * polynomial(tail_num, v) / polynomial(tail_den, v);
+}
+
+// u is a difference of numbers near 1.18 and loses its relative accuracy at the median, where p - 1/2 = erf(x/sqrt 2)/2
+// has it exactly: one Newton step on that.
+double polished_near_median(double x, double p_minus_half)
+{
+  const double excess = 0.5 * zferf(x * 0.7071067811865476) - p_minus_half;
+  return x - excess * 2.5066282746310005 * std::exp(0.5 * x * x);
 }
 
 // Newton on the logarithm of the lower tail, which is nearly a parabola far out: four steps at most.
@@ -63,6 +72,7 @@ double zprobit(double p)
   if (p == 0.5) return 0.0;
   if (p < 1e-16) return far_quantile(std::log(p));
   const double x = upper_quantile(std::min(p, 1.0 - p));
+  if (std::fabs(p - 0.5) < 0.05) return polished_near_median(p < 0.5 ? -x : x, p - 0.5);
   return p < 0.5 ? -x : x;
 }
 

@@ -20,8 +20,8 @@ struct BernoulliTable {
   double value[4][terms];
   constexpr BernoulliTable() : value()
   {
-    constexpr double b[terms] = {1.0 / 6,  -1.0 / 30,       1.0 / 42, -1.0 / 30,    5.0 / 66,
-                                 -691.0 / 2730, 7.0 / 6, -3617.0 / 510, 43867.0 / 798};
+    constexpr double b[terms] = {1.0 / 6,       -1.0 / 30, 1.0 / 42,      -1.0 / 30,    5.0 / 66,
+                                 -691.0 / 2730, 7.0 / 6,   -3617.0 / 510, 43867.0 / 798};
     for (int k = 1; k <= terms; ++k) {
       double factor = b[k - 1] / (2 * k);
       for (int n = 0; n < 4; ++n) {
@@ -65,10 +65,14 @@ double cotangent_derivative(int n, double x)
   const double c = 1.0 / std::tan(pi * fraction);
   const double s = 1.0 + c * c;
   switch (n) {
-  case 0: return pi * c;
-  case 1: return -pi * pi * s;
-  case 2: return 2.0 * pi * pi * pi * c * s;
-  default: return -2.0 * pi * pi * pi * pi * s * (s + 2.0 * c * c);
+  case 0:
+    return pi * c;
+  case 1:
+    return -pi * pi * s;
+  case 2:
+    return 2.0 * pi * pi * pi * c * s;
+  default:
+    return -2.0 * pi * pi * pi * pi * s * (s + 2.0 * c * c);
   }
 }
 

@@ -13,9 +13,21 @@ double polygamma(int n, double x);
 // respect to a of log_gamma_ratio(a, b).
 double polygamma_difference(int n, double a, double b);
 
-inline double digamma(double x) { return polygamma(0, x); }
-inline double trigamma(double x) { return polygamma(1, x); }
-inline double tetragamma(double x) { return polygamma(2, x); }
-inline double pentagamma(double x) { return polygamma(3, x); }
+inline double digamma(double x)
+{
+  return polygamma(0, x);
+}
+inline double trigamma(double x)
+{
+  return polygamma(1, x);
+}
+inline double tetragamma(double x)
+{
+  return polygamma(2, x);
+}
+inline double pentagamma(double x)
+{
+  return polygamma(3, x);
+}
 
 } // namespace torvale::probability

@@ -6,18 +6,29 @@
 
 namespace torvale::probability {
 
-TailTarget lower_target(double p) { return {std::log(p), std::log1p(-p)}; }
+TailTarget lower_target(double p)
+{
+  return {std::log(p), std::log1p(-p)};
+}
 
-TailTarget upper_target(double q) { return {std::log1p(-q), std::log(q)}; }
+TailTarget upper_target(double q)
+{
+  return {std::log1p(-q), std::log(q)};
+}
 
-TailTarget log_lower_target(double log_p) { return {log_p, log_complement(log_p)}; }
+TailTarget log_lower_target(double log_p)
+{
+  return {log_p, log_complement(log_p)};
+}
 
-// The logit F = log P - log Q rises from -infinity to infinity and is close to a straight line in either tail when x is on a
-// logarithmic scale, where P and Q themselves are flat: dF/dx = density/(P Q). Very far out that quotient is a difference of
-// huge logarithms and has no digits left: a step is taken for convergence only when F is near its target as well.
+// The logit F = log P - log Q rises from -infinity to infinity and is close to a straight line in either tail when x is
+// on a logarithmic scale, where P and Q themselves are flat: dF/dx = density/(P Q). Very far out that quotient is a
+// difference of huge logarithms and has no digits left: a step is taken for convergence only when F is near its target
+// as well.
 int zquant(QuantileSearch* search)
 {
-  constexpr double least_tolerance = 1.0536712127723509e-08; // square root of 2^-53: one Newton step more is full accuracy
+  constexpr double least_tolerance =
+      1.0536712127723509e-08; // square root of 2^-53: one Newton step more is full accuracy
   const double wanted = search->target.log_lower - search->target.log_upper;
   const double tolerance = std::max(search->tolerance, least_tolerance);
   double low = search->low;

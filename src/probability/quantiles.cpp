@@ -20,7 +20,10 @@ double deviate(TailTarget target)
   return -normal_quantile_log(target.log_upper);
 }
 
-bool usable(TailTarget target) { return target.log_lower <= 0.0 && target.log_upper <= 0.0; }
+bool usable(TailTarget target)
+{
+  return target.log_lower <= 0.0 && target.log_upper <= 0.0;
+}
 
 struct Shapes {
   double a;
@@ -93,11 +96,14 @@ double student_size(double log_outside, double log_inside, double df)
   return std::sqrt(df) * std::exp(-0.5 * w);
 }
 
-// Above this many degrees of freedom t is the normal deviate z and one correction (Abramowitz and Stegun 26.7.5); the next
-// term is z^4/(20 df^2) of it.
+// Above this many degrees of freedom t is the normal deviate z and one correction (Abramowitz and Stegun 26.7.5); the
+// next term is z^4/(20 df^2) of it.
 constexpr double nearly_normal = 1e10;
 
-double nearly_normal_quantile(double z, double df) { return z + z * (z * z + 1.0) / (4.0 * df); }
+double nearly_normal_quantile(double z, double df)
+{
+  return z + z * (z * z + 1.0) / (4.0 * df);
+}
 
 } // namespace
 

@@ -53,9 +53,8 @@ int zprobin(double p, double a, double b, double* x);
 // 0: q is then unchanged. df may be infinite.
 int zqt(double p, double df, double* q);
 
-// zqc: the chi-square quantile of p into q. Returns 0; 1 when p is below 0 or at or above 1 or df not above 0: q is then
-// unchanged. (z numeric, q quantile, c chi-square.)
-// zqcl: the same, p given as its logarithm, at most 0. (l log.)
+// zqc: the chi-square quantile of p into q. Returns 0; 1 when p is below 0 or at or above 1 or df not above 0: q is
+// then unchanged. (z numeric, q quantile, c chi-square.) zqcl: the same, p given as its logarithm, at most 0. (l log.)
 int zqc(double p, double df, double* q);
 int zqcl(double log_p, double df, double* q);
 

@@ -8,7 +8,8 @@ namespace torvale::probability {
 double zranuni(std::int64_t* seed)
 {
   constexpr std::uint64_t modulus = 2147483647; // 2^31 - 1, prime; 397204094 is a primitive root
-  const std::uint64_t product = 397204094u * static_cast<std::uint64_t>(std::clamp(*seed, std::int64_t{1}, largest_seed));
+  const std::uint64_t product =
+      397204094u * static_cast<std::uint64_t>(std::clamp(*seed, std::int64_t{1}, largest_seed));
   // 2^31 = 1 modulo 2^31 - 1: fold the high bits onto the low 31. The product is below 2^60, so the sum is below 2^32
   // and one subtraction completes it.
   std::uint64_t x = (product >> 31) + (product & modulus);

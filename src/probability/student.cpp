@@ -41,10 +41,19 @@ Tails student_tails(double t, double df)
   return t <= 0.0 ? left : exchanged(left);
 }
 
-int zpgt2New(double t2, double df, double* p) { return zprbfNew(t2, 1.0, df, p); }
+int zpgt2New(double t2, double df, double* p)
+{
+  return zprbfNew(t2, 1.0, df, p);
+}
 
-double zpgt2(double t2, double df) { return zprbf(t2, 1.0, df); }
+double zpgt2(double t2, double df)
+{
+  return zprbf(t2, 1.0, df);
+}
 
-double zpgt2f(double t2, double df) { return zprbf(t2, 1.0, df); }
+double zpgt2f(double t2, double df)
+{
+  return zprbf(t2, 1.0, df);
+}
 
 } // namespace torvale::probability

@@ -6,7 +6,8 @@
 
 namespace torvale::probability {
 
-// Both tails, their logarithms and the log density at any t; df > 0, infinite df is the normal distribution. NaN outside.
+// Both tails, their logarithms and the log density at any t; df > 0, infinite df is the normal distribution. NaN
+// outside.
 Tails student_tails(double t, double df);
 
 // zpgt2: two-sided p value P(|T| > t) of a t whose square is t2. (z numeric, p probability, gt greater, 2 two-sided.)

@@ -28,6 +28,9 @@ inline Tails tails_from_log_lower(double log_lower)
 }
 
 // The same point seen from the other side: lower and upper change places.
-inline Tails exchanged(const Tails& t) { return {t.upper, t.lower, t.log_upper, t.log_lower, t.log_density}; }
+inline Tails exchanged(const Tails& t)
+{
+  return {t.upper, t.lower, t.log_upper, t.log_lower, t.log_density};
+}
 
 } // namespace torvale::probability

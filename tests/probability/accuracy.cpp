@@ -7,6 +7,7 @@
 #include "probability/log_exp.h"
 #include "probability/log_gamma.h"
 #include "probability/normal.h"
+#include "probability/polygamma.h"
 #include "probability/quantiles.h"
 #include "probability/student.h"
 
@@ -14,6 +15,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <sstream>
 
 namespace torvale::probability {
@@ -28,7 +30,11 @@ std::string joined(const Row& row, std::size_t inputs)
   return text;
 }
 
-double input(const Row& row, std::size_t column) { return static_cast<double>(row.value[column]); }
+// A column as a double.
+double input(const Row& row, std::size_t column)
+{
+  return static_cast<double>(row.value[column]);
+}
 
 // Adds relative errors of one routine over a table: value(row) against column `truth`.
 template <class Value, class Region>
@@ -36,7 +42,8 @@ void compare(Measurements& out, const char* table, const char* function, std::si
              const Value& value, const Region& region, double tolerance)
 {
   for (const Row& row : read_table(table))
-    out.push_back({function, region(row), joined(row, inputs), relative_error(value(row), row.value[truth]), tolerance});
+    out.push_back(
+        {function, region(row), joined(row, inputs), relative_error(value(row), row.value[truth]), tolerance});
 }
 
 auto everywhere(const char* text)
@@ -81,10 +88,14 @@ double absolute_error(double value, long double truth)
 Measurements measure_elementary()
 {
   Measurements out;
-  compare(out, "erf", "`zferf`", 1, 1, [](const Row& r) { return zferf(input(r, 0)); }, everywhere("all x"), 1e-15);
-  compare(out, "erf", "`zferfc`", 1, 2, [](const Row& r) { return zferfc(input(r, 0)); }, everywhere("all x"), 2e-15);
-  compare(out, "log1p", "`zln1px`", 1, 1, [](const Row& r) { return zln1px(input(r, 0)); }, everywhere("all z"), 1e-15);
-  compare(out, "expm1", "`zexpm1`", 1, 1, [](const Row& r) { return zexpm1(input(r, 0)); }, everywhere("all z"), 1e-15);
+  compare(
+      out, "erf", "`zferf`", 1, 1, [](const Row& r) { return zferf(input(r, 0)); }, everywhere("all x"), 1e-15);
+  compare(
+      out, "erf", "`zferfc`", 1, 2, [](const Row& r) { return zferfc(input(r, 0)); }, everywhere("all x"), 2e-15);
+  compare(
+      out, "log1p", "`zln1px`", 1, 1, [](const Row& r) { return zln1px(input(r, 0)); }, everywhere("all z"), 1e-15);
+  compare(
+      out, "expm1", "`zexpm1`", 1, 1, [](const Row& r) { return zexpm1(input(r, 0)); }, everywhere("all z"), 1e-15);
   for (const Row& row : read_table("logsumexp")) {
     const double x1 = input(row, 0);
     const double x2 = input(row, 1);
@@ -94,18 +105,24 @@ Measurements measure_elementary()
   }
   const auto lgamma_region = [](const Row& r) {
     const double x = input(r, 0);
-    return std::string(x < 0.5 ? "x < 0.5" : x < 2.5 ? "0.5 to 2.5, zeros included" : x < 15.0 ? "2.5 to 15" : "x >= 15");
+    return std::string(x < 0.5    ? "x < 0.5"
+                       : x < 2.5  ? "0.5 to 2.5, zeros included"
+                       : x < 15.0 ? "2.5 to 15"
+                                  : "x >= 15");
   };
-  compare(out, "lgamma", "`zlgamma`", 1, 1, [](const Row& r) { return zlgamma(input(r, 0)); }, lgamma_region, 2e-15);
-  compare(out, "stirling_tail", "`zlgbern`", 1, 1, [](const Row& r) { return zlgbern(input(r, 0)); },
-          everywhere("x >= 15"), 2e-15);
+  compare(
+      out, "lgamma", "`zlgamma`", 1, 1, [](const Row& r) { return zlgamma(input(r, 0)); }, lgamma_region, 2e-15);
+  compare(
+      out, "stirling_tail", "`zlgbern`", 1, 1, [](const Row& r) { return zlgbern(input(r, 0)); }, everywhere("x >= 15"),
+      2e-15);
   for (const Row& row : read_table("lbeta")) {
     const double a = input(row, 0);
     const double b = input(row, 1);
     const bool large = std::min(a, b) >= 15.0;
-    const double scale = std::max(1.0L, std::fabs(row.value[2])) > 1.0 ? static_cast<double>(std::fabs(row.value[2])) : 1.0;
+    const double scale = std::max(1.0, std::fabs(input(row, 2)));
     const double error = absolute_error(zlbeta(a, b), row.value[2]) / scale;
-    out.push_back({"`zlbeta`", large ? "both from 15 up" : "one below 15 (absolute below 1)", joined(row, 2), error, 1e-13});
+    out.push_back(
+        {"`zlbeta`", large ? "both from 15 up" : "one below 15 (absolute below 1)", joined(row, 2), error, 1e-13});
   }
   return out;
 }
@@ -128,7 +145,8 @@ Measurements measure_normal()
     double ratio;
     return zmillsr(input(r, 0), &ratio) == 0 ? ratio : std::nan("");
   };
-  compare(out, "normal_cdf", "`zprbnrm`", 1, 1, [](const Row& r) { return zprbnrm(input(r, 0)); }, side, 1e-15);
+  compare(
+      out, "normal_cdf", "`zprbnrm`", 1, 1, [](const Row& r) { return zprbnrm(input(r, 0)); }, side, 1e-15);
   compare(out, "normal_cdf", "`zlognrm`, lower", 1, 3, log_of(0), side, 2e-15);
   compare(out, "normal_cdf", "`zlognrm`, upper", 1, 4, log_of(1), side, 2e-15);
   compare(out, "normal_cdf", "`zlognrm`, density", 1, 5, log_of(2), side, 1e-15);
@@ -153,7 +171,9 @@ Measurements measure_incomplete()
     const int code = zibeta(input(row, 0), a, b, &p, &d);
     if (code != 0) p = d = std::nan("");
     const bool huge = std::min(a, b) > 1e7;
-    const std::string region = huge ? "both shapes above 1e7" : std::max(a, b) > 1e4 ? "a shape above 1e4" : "shapes to 1e4";
+    const std::string region = huge                   ? "both shapes above 1e7"
+                               : std::max(a, b) > 1e4 ? "a shape above 1e4"
+                                                      : "shapes to 1e4";
     const double tolerance = huge ? 1e-7 : 1e-11;
     out.push_back({"`zibeta`, p", region, joined(row, 3), relative_error(p, row.value[3]), tolerance});
     out.push_back({"`zibeta`, upper tail", region, joined(row, 3), relative_error(t.upper, row.value[4]), tolerance});
@@ -180,6 +200,45 @@ Measurements measure_incomplete()
   for (const Row& row : read_table("t_two_sided")) {
     const double p = zpgt2(input(row, 0), input(row, 1));
     out.push_back({"`zpgt2`", "all df", joined(row, 2), relative_error(p, row.value[2]), 1e-11});
+  }
+  return out;
+}
+
+Measurements measure_gamma_derivatives()
+{
+  Measurements out;
+  for (const Row& row : read_table("polygamma")) {
+    const int n = static_cast<int>(row.value[0]);
+    const double x = input(row, 1);
+    const double error = relative_error(polygamma(n, x), row.value[2]);
+    const std::string function = "`polygamma` of order " + row.text[0];
+    const bool reflected = x < 0.0; // cancels between the terms of the reflection
+    out.push_back({function, reflected ? "x < 0" : "x > 0", joined(row, 2), error, reflected ? 1e-13 : 2e-15});
+  }
+  for (const Row& row : read_table("polygamma_difference")) {
+    const int n = static_cast<int>(row.value[0]);
+    const double error = relative_error(polygamma_difference(n, input(row, 1), input(row, 2)), row.value[3]);
+    out.push_back({"`polygamma_difference`", "order " + row.text[0], joined(row, 3), error, 3e-15});
+  }
+  for (const Row& row : read_table("log_gamma_ratio")) {
+    const double error = relative_error(log_gamma_ratio(input(row, 0), input(row, 1)), row.value[2]);
+    out.push_back({"`log_gamma_ratio`", "all", joined(row, 2), error, 1e-14});
+  }
+  return out;
+}
+
+Measurements measure_log_tails()
+{
+  Measurements out;
+  for (const Row& row : read_table("log_tails")) {
+    const bool beta = row.text[0] == "beta";
+    const double x = input(row, 1);
+    const Tails t = beta ? beta_tails(beta_point(x), input(row, 2), input(row, 3)) : gamma_tails(x, input(row, 2));
+    const std::string function = beta ? "`beta_tails`" : "`gamma_tails`";
+    const double density_error = absolute_error(t.log_density, row.value[6]) / std::max(1.0, std::fabs(input(row, 6)));
+    out.push_back({function, "log of lower", joined(row, 4), relative_error(t.log_lower, row.value[4]), 1e-13});
+    out.push_back({function, "log of upper", joined(row, 4), relative_error(t.log_upper, row.value[5]), 1e-13});
+    out.push_back({function, "log density (absolute below 1)", joined(row, 4), density_error, 1e-14});
   }
   return out;
 }
