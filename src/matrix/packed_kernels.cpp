@@ -173,13 +173,39 @@ void zmxrl(const double* r, const double* l, double* result, int n, int m)
   }
 }
 
-void symmetric_times_vector(const double* s, const double* x, double* y, long n)
+namespace {
+
+// y := S x at one small order, unrolled: the branches of its short loops would cost more than its arithmetic.
+template <long n>
+void short_symmetric_times_vector(const double* s, const double* x, double* y)
 {
+  double sum[n + 1] = {};
+#pragma GCC unroll 8
   for (long i = 0; i < n; ++i) {
     const double* const si = s + packed_row(i);
-    y[i] = zvdot11(si, x, i + 1);
-    zvxay11(y, si, i, x[i]);
+#pragma GCC unroll 8
+    for (long j = 0; j < i; ++j) {
+      sum[i] += si[j] * x[j];
+      sum[j] += si[j] * x[i];
+    }
+    sum[i] += si[i] * x[i];
   }
+  for (long i = 0; i < n; ++i) y[i] = sum[i];
+}
+
+constexpr void (*short_products[])(const double*, const double*, double*) = {
+    short_symmetric_times_vector<0>, short_symmetric_times_vector<1>, short_symmetric_times_vector<2>,
+    short_symmetric_times_vector<3>, short_symmetric_times_vector<4>, short_symmetric_times_vector<5>,
+    short_symmetric_times_vector<6>, short_symmetric_times_vector<7>, short_symmetric_times_vector<8>};
+
+} // namespace
+
+void symmetric_times_vector(const double* s, const double* x, double* y, long n)
+{
+  if (n < 1) return;
+  if (n <= 8) return short_products[n](s, x, y);
+  const double* si = s;
+  for (long i = 0; i < n; si += ++i) y[i] = inner_product_and_update(si, x, y, i, x[i]) + si[i] * x[i];
 }
 
 void zmxrs(const double* r, const double* s, double* result, int m, int n)

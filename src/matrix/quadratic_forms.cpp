@@ -18,11 +18,7 @@ void zqform(const double* sym, int n, const double* rec, int p, double* prod, do
   }
   for (long i = 0; i < p; ++i) {
     symmetric_times_vector(sym, rec + i * n, work, n);
-    double* const row = prod + packed_row(i);
-    for (long j = 0; j <= i; ++j) {
-      const double q = zvdot11(work, rec + j * n, n);
-      row[j] = acc != 0 ? row[j] + q : q;
-    }
+    rows_times_vector(rec, work, prod + packed_row(i), i + 1, n, acc != 0);
   }
 }
 

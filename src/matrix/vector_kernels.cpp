@@ -19,6 +19,37 @@ inline Pair load_pair(const double* p)
   return v;
 }
 
+inline void store_pair(double* p, Pair v)
+{
+  std::memcpy(p, &v, sizeof v);
+}
+
+// `count` rows of R times x. A row's sum has two running pairs whatever the number of rows taken together,
+// so that a result does not depend on its place among the rows.
+template <long count>
+void row_group_times_vector(const double* r, const double* x, double* y, long cols, bool add)
+{
+  Pair even[count] = {};
+  Pair odd[count] = {};
+  long j = 0;
+  for (; j + 4 <= cols; j += 4) {
+    const Pair x0 = load_pair(x + j);
+    const Pair x1 = load_pair(x + j + 2);
+#pragma GCC unroll 4
+    for (long i = 0; i < count; ++i) {
+      even[i] += load_pair(r + i * cols + j) * x0;
+      odd[i] += load_pair(r + i * cols + j + 2) * x1;
+    }
+  }
+#pragma GCC unroll 4
+  for (long i = 0; i < count; ++i) {
+    const Pair s = even[i] + odd[i];
+    double sum = s[0] + s[1];
+    for (long k = j; k < cols; ++k) sum += r[i * cols + k] * x[k];
+    y[i] = add ? y[i] + sum : sum;
+  }
+}
+
 } // namespace
 
 double long_inner_product(const double* a, const double* b, long n)
@@ -39,6 +70,36 @@ double long_inner_product(const double* a, const double* b, long n)
   double sum = s[0] + s[1];
   for (; i < n; ++i) sum += a[i] * b[i];
   return sum;
+}
+
+double inner_product_and_update(const double* s, const double* x, double* y, long n, double alpha)
+{
+  const Pair factor = {alpha, alpha};
+  Pair s0 = {0.0, 0.0};
+  Pair s1 = s0;
+  long i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const Pair v0 = load_pair(s + i);
+    const Pair v1 = load_pair(s + i + 2);
+    s0 += v0 * load_pair(x + i);
+    s1 += v1 * load_pair(x + i + 2);
+    store_pair(y + i, load_pair(y + i) + factor * v0);
+    store_pair(y + i + 2, load_pair(y + i + 2) + factor * v1);
+  }
+  const Pair t = s0 + s1;
+  double sum = t[0] + t[1];
+  for (; i < n; ++i) {
+    sum += s[i] * x[i];
+    y[i] += alpha * s[i];
+  }
+  return sum;
+}
+
+void rows_times_vector(const double* r, const double* x, double* y, long rows, long cols, bool add)
+{
+  long i = 0;
+  for (; i + 4 <= rows; i += 4) row_group_times_vector<4>(r + i * cols, x, y + i, cols, add);
+  for (; i < rows; ++i) row_group_times_vector<1>(r + i * cols, x, y + i, cols, add);
 }
 
 double zvdotj1(const double* a, long ja, const double* b, long n)

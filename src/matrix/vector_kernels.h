@@ -36,6 +36,12 @@ inline double zinner(const double* a, const double* b, int n)
   return zvdot11(a, b, n);
 }
 
+// A row of a symmetric matrix used twice: y[i] += alpha s[i], and the inner product of s and x is returned.
+double inner_product_and_update(const double* s, const double* x, double* y, long n, double alpha);
+
+// y[i] := R(i, :) x for the dense rows x cols matrix R; with add, y[i] += R(i, :) x.
+void rows_times_vector(const double* r, const double* x, double* y, long rows, long cols, bool add);
+
 // zvdotj1: sum of a[i ja] b[i].
 double zvdotj1(const double* a, long ja, const double* b, long n);
 

@@ -195,8 +195,10 @@ TEST(ModifiedCholesky, AdditionStaysNearTheNegativeEigenvalue)
   // Q diag(1..n, one of them negative) Q' with Q a product of random reflections.
   Source source(13);
   double worst = 0.0;
-  for (int trial = 0; trial < 200; ++trial) {
-    const int n = source.integer(2, 20);
+  double total = 0.0;
+  constexpr int trials = 200;
+  for (int trial = 0; trial < trials; ++trial) {
+    const int n = source.integer(4, 20);
     Dense a(n, n);
     for (int i = 0; i < n; ++i) a(i, i) = i + 1;
     a(n / 2, n / 2) = -0.5;
@@ -212,8 +214,11 @@ TEST(ModifiedCholesky, AdditionStaysNearTheNegativeEigenvalue)
     EXPECT_GE(m.delta, 0.5 * (1.0 - 1e-12));
     EXPECT_LE(residual(m, packed, n), 20.0 * n * eps * (n + m.delta));
     worst = std::max(worst, m.delta / 0.5);
+    total += m.delta / 0.5;
   }
-  EXPECT_LE(worst, 8.0); // pivoting on the wrong end of the Gerschgorin bounds reaches 12
+  // Measured 6.4 and 2.0; pivoting on the wrong end of the Gerschgorin bounds gives 23 and 5.9.
+  EXPECT_LE(worst, 8.0);
+  EXPECT_LE(total / trials, 2.5);
 }
 
 TEST(ModifiedCholesky, ZeroAndScalarMatrices)

@@ -70,6 +70,9 @@ TEST(Udu, InertiaAndDeterminantOfTheReferenceMatrices)
     if (c.zero > 0) {
       EXPECT_EQ(f.det[det_mantissa], 0.0);
       EXPECT_EQ(f.det[det_exponent], 0.0);
+    } else {
+      EXPECT_GE(std::fabs(f.det[det_mantissa]), 1.0);
+      EXPECT_LT(std::fabs(f.det[det_mantissa]), 10.0);
     }
   }
 }
@@ -119,6 +122,15 @@ TEST(Udu, RowTolerancesTravelWithTheirRows)
   EXPECT_EQ(tolerance[0], 2.0);
   EXPECT_EQ(tolerance[1], 0.0);
   expect_counts(det, 1, 0, 1); // 0 - 9/5 is at most 2 in size
+
+  // A 2x2 pivot on rows 2 and 0: rows 0 and 1 change places, and what is left of row 1 is 1e-3.
+  std::vector<double> b = {0.0, 0.0, 1e-3, 5.0, 0.0, 0.0};
+  std::vector<std::int64_t> pivots(3);
+  double tolerances[3] = {0.0, 1e-2, 0.0};
+  EXPECT_EQ(zudude2(3, tolerances, det, b.data(), pivots.data()), 1);
+  EXPECT_EQ(pivots, (std::vector<std::int64_t>{0, -1, -1}));
+  EXPECT_EQ(tolerances[0], 1e-2);
+  expect_counts(det, 1, 1, 1);
 }
 
 TEST(Udu, ReconstructsRandomIndefiniteMatrices)
@@ -233,6 +245,15 @@ TEST(Determinant, HugeProductsKeepTheirDigits)
   EXPECT_NEAR(det[det_exponent], 60 * 150 + 50, 1.0);
   for (int i = 0; i < 60; ++i) determinant_multiply(det, 1e-150 / 7.0);
   EXPECT_NEAR(det[det_mantissa] * std::pow(10.0, det[det_exponent]), 1.0, 240 * eps);
+
+  // Mantissas stay in 1 to 10 at every step.
+  Source source(4);
+  determinant_start(det);
+  for (int i = 0; i < 3000; ++i) {
+    determinant_multiply(det, std::pow(10.0, 20.0 * source.uniform()));
+    ASSERT_GE(det[det_mantissa], 1.0);
+    ASSERT_LT(det[det_mantissa], 10.0);
+  }
 
   determinant_start(det);
   determinant_multiply(det, 9.999999999999999);
