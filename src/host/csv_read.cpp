@@ -48,10 +48,9 @@ private:
 void ColumnReader::note_number(std::string_view spelled, double value, std::int64_t row)
 {
   ++numbers_seen;
-  const std::size_t sign = spelled.find_first_not_of("+-");
-  const std::string_view digits = spelled.substr(sign);
-  const bool whole = digits.find_first_not_of("0123456789") == std::string_view::npos;
-  if (!whole) return;
+  const std::string_view digits = spelled.substr(spelled[0] == '+' || spelled[0] == '-' ? 1 : 0);
+  const bool remarkable = digits.front() == '0' || digits.size() > 15;
+  if (!remarkable || digits.find_first_not_of("0123456789") != std::string_view::npos) return;
   if (digits.size() > 1 && digits.front() == '0' && leading_zero_row == 0) leading_zero_row = row;
   if (digits.size() > 15 && inexact_row == 0) {
     char exact[400];

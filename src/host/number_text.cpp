@@ -20,25 +20,6 @@ int decimal_exponent(double x)
   return x == 0.0 ? 0 : static_cast<int>(std::floor(std::log10(std::fabs(x))));
 }
 
-// Does the text look like a number: [sign] digits [. digits] [e [sign] digits], with a digit before or behind the
-// point?
-bool has_number_shape(std::string_view s)
-{
-  std::size_t i = 0, digits = 0;
-  if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
-  for (; i < s.size() && is_digit(s[i]); ++i) ++digits;
-  if (i < s.size() && s[i] == '.')
-    for (++i; i < s.size() && is_digit(s[i]); ++i) ++digits;
-  if (digits == 0) return false;
-  if (i < s.size() && (s[i] == 'e' || s[i] == 'E')) {
-    ++i;
-    if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
-    if (i == s.size() || !is_digit(s[i])) return false;
-    while (i < s.size() && is_digit(s[i])) ++i;
-  }
-  return i == s.size();
-}
-
 // Out of the range of a double: too small (0 is as near as can be) or too large? Decided by the decimal exponent of the
 // first digit that is not 0.
 bool is_too_small(std::string_view s)
@@ -138,15 +119,17 @@ std::string shortest(double x)
 
 std::optional<double> parse_number(std::string_view text)
 {
-  if (!has_number_shape(text)) return std::nullopt;
-  std::string_view digits = text.front() == '+' ? text.substr(1) : text;
+  const bool plus = text.starts_with('+'); // from_chars does not take it
+  if (plus) text.remove_prefix(1);
+  const std::size_t sign = !plus && text.starts_with('-') ? 1 : 0;
+  // from_chars knows words too (inf, nan) and would take them.
+  if (sign == text.size() || !(text[sign] == '.' || is_digit(text[sign]))) return std::nullopt;
   double x = 0.0;
-  const auto [p, error] = std::from_chars(digits.data(), digits.data() + digits.size(), x);
-  if (error == std::errc::result_out_of_range) {
-    if (!is_too_small(digits)) return std::nullopt;
-    return digits.front() == '-' ? -0.0 : 0.0;
-  }
-  return x;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), x);
+  if (end != text.data() + text.size()) return std::nullopt;
+  if (error == std::errc()) return x;
+  if (error != std::errc::result_out_of_range || !is_too_small(text)) return std::nullopt;
+  return sign == 1 ? -0.0 : 0.0;
 }
 
 std::optional<double> parse_missing(std::string_view text)

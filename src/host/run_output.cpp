@@ -87,30 +87,6 @@ bool AtomicFile::commit()
   return true;
 }
 
-std::unique_ptr<StreamFile> StreamFile::open(const std::string& path, std::string& problem)
-{
-  auto file = std::make_unique<StreamFile>();
-  if (path == "-") {
-    file->descriptor_ = STDOUT_FILENO;
-    return file;
-  }
-  file->descriptor_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  file->owned_ = true;
-  if (file->descriptor_ >= 0) return file;
-  problem = std::strerror(errno);
-  return nullptr;
-}
-
-StreamFile::~StreamFile()
-{
-  if (owned_ && descriptor_ >= 0) ::close(descriptor_);
-}
-
-void StreamFile::write(std::string_view text)
-{
-  if (ok_) ok_ = write_all(descriptor_, text);
-}
-
 bool write_file(const std::string& path, std::string_view bytes, std::string& problem)
 {
   AtomicFile file(path);

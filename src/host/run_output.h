@@ -1,7 +1,4 @@
 #pragma once
-#include "host/messages.h"
-#include "host/results.h"
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -26,20 +23,6 @@ private:
   std::string problem_;   // what failed first, in the system's words
   int descriptor_ = -1;
   bool ok_ = false;
-};
-
-// A text file that grows as the run goes on (listing, log); "-" is standard output. Lines are there as soon as written.
-class StreamFile {
-public:
-  static std::unique_ptr<StreamFile> open(const std::string& path, std::string& problem); // null: problem says why
-  ~StreamFile();
-  void write(std::string_view text);
-  bool ok() const { return ok_; }
-
-private:
-  int descriptor_ = -1;
-  bool owned_ = false;
-  bool ok_ = true;
 };
 
 // Whole files; false with the system's words in `problem`.

@@ -70,10 +70,10 @@ int compare_names(std::string_view a, std::string_view b)
 
 std::string_view stripped(std::string_view text)
 {
-  constexpr std::string_view blanks = " \t\r\n";
-  const std::size_t first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+  const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  while (!text.empty() && blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && blank(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 int compare_padded(std::string_view a, std::string_view b)
