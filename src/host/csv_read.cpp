@@ -159,7 +159,7 @@ bool CsvReader::header(CsvScanner& scanner, const ByteSource& source)
   }
   for (std::size_t i = 0; i < fields_.size(); ++i) {
     const std::string_view given = stripped(fields_[i]);
-    std::string name(given.substr(0, DataSet::longest_name));
+    std::string name(cut_name(given, DataSet::longest_name));
     if (given.empty()) name = "VAR" + std::to_string(i + 1);
     if (name != given) log_.xpmlog(503, 9009, {{"file", file_}, {"column", i + 1}, {"given", given}, {"name", name}});
     const auto same = std::find_if(names_.begin(), names_.end(), [&](auto& n) { return equal_names(n, name); });

@@ -262,15 +262,16 @@ int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSin
   std::vector<std::pair<std::size_t, std::string>> chosen;
   if (output_columns(data.column_names(), options, log, chosen) != 0) return -1;
   const std::size_t rows_before = data.rows();
+  const bool all_rows = rows.size() == rows_before;
   DataSet out;
-  for (const auto& [index, name] : chosen) {
-    Column column = rows.size() == rows_before ? data.columns()[index] : data.columns()[index].select(rows);
-    column.rename(name);
-    out.add(std::move(column));
-  }
   std::vector<std::int64_t> file_rows;
-  for (const std::size_t row : rows) file_rows.push_back(data.file_row(row));
+  if (!all_rows)
+    for (const std::size_t row : rows) file_rows.push_back(data.file_row(row));
   out.set_file_rows(std::move(file_rows));
+  for (const auto& [index, name] : chosen) {
+    Column& source = data.columns()[index];
+    out.add(all_rows ? std::move(source) : source.select(rows)).rename(name);
+  }
   out.name = data.name;
   out.path = data.path;
   out.label = options.label.empty() ? data.label : options.label;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <list>
+#include <map>
 #include <thread>
 
 namespace torvale::host {
@@ -60,6 +60,12 @@ public:
   std::uint32_t clock_seed() const override;
   int cores() const override { return std::max(1, static_cast<int>(std::thread::hardware_concurrency())); }
   const std::string* option(std::string_view name) const override;
+  void xjsympn(std::string_view name, std::string_view value) override { macro_variables_[wzstrup(name)] = value; }
+  const std::string* macro_variable(std::string_view name) const override
+  {
+    const auto at = macro_variables_.find(wzstrup(name));
+    return at == macro_variables_.end() ? nullptr : &at->second;
+  }
 
 private:
   Table& open(Table table) override;
@@ -83,10 +89,11 @@ private:
   MessageLog log_;
   Libraries libraries_;
   RunResults results_;
-  GroupResult* group_ = nullptr; // where tables go; of the step at hand
-  bool group_begun_ = false;     // by begin_group, not by an early table
-  bool by_line_due_ = false;     // the group's values stand in the listing before its first table
-  std::vector<Table*> open_;     // in the order opened
+  GroupResult* group_ = nullptr;                       // where tables go; of the step at hand
+  bool group_begun_ = false;                           // by begin_group, not by an early table
+  bool by_line_due_ = false;                           // the group's values stand in the listing before its first table
+  std::vector<Table*> open_;                           // in the order opened
+  std::map<std::string, std::string> macro_variables_; // upper-case name -> text
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 

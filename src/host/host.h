@@ -48,6 +48,11 @@ public:
   virtual int cores() const = 0;                // at least 1
   virtual const std::string* option(std::string_view name) const = 0; // xoptcgt: host option; null when not set
 
+  // xjsympn: set a macro variable of the host, as SYSRANDOM and SYSRANEND; later steps of the run may read it. Names
+  // ignore case. macro_variable gives its text, null when it was never set.
+  virtual void xjsympn(std::string_view name, std::string_view value) = 0;
+  virtual const std::string* macro_variable(std::string_view name) const = 0;
+
   // Has somebody asked the run to stop? Safe from every thread and from a signal handler.
   bool interrupted() const { return interrupted_.load(std::memory_order_relaxed); }
   void interrupt() { interrupted_.store(true, std::memory_order_relaxed); }

@@ -97,6 +97,25 @@ void not_found(const std::string& name, const std::string& where, const std::vec
   log.xpmlog(503, 9020, arguments, place);
 }
 
+// Says what was read: the kinds of the variables, at most `shown` names of each.
+void note_kinds(const DataSet& data, MessageSink& log)
+{
+  constexpr std::size_t shown = 30;
+  const auto names = [&](bool numeric) {
+    std::string out;
+    std::size_t count = 0;
+    for (const Column& column : data.columns()) {
+      if (column.numeric() != numeric || ++count > shown) continue;
+      out += ' ';
+      out += column.name();
+    }
+    if (count > shown) out += " and " + std::to_string(count - shown) + " more";
+    return count == 0 ? std::string(" none") : out;
+  };
+  log.xpmlog(503, 9015,
+             {{"data", data.name}, {"rows", data.rows()}, {"numeric", names(true)}, {"character", names(false)}});
+}
+
 } // namespace
 
 void Libraries::bind_data(std::string_view name, std::string path)
@@ -186,13 +205,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
   }
   if (!data) return std::nullopt;
   data->name = name;
-  std::string numeric, character;
-  for (const Column& column : data->columns()) (column.numeric() ? numeric : character) += " " + column.name();
-  log.xpmlog(503, 9015,
-             {{"data", data->name},
-              {"rows", data->rows()},
-              {"numeric", numeric.empty() ? " none" : numeric},
-              {"character", character.empty() ? " none" : character}});
+  note_kinds(*data, log);
   if (apply_input_options(*data, reference.options, log) != 0) return std::nullopt;
   return data;
 }

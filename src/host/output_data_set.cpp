@@ -5,12 +5,12 @@ namespace torvale::host {
 
 std::size_t OutputDataSet::add_column(std::string name, ColumnKind kind, std::string label)
 {
-  name.resize(std::min(name.size(), DataSet::longest_name));
+  name = cut_name(name, DataSet::longest_name);
   // A name that is taken gets the first free number behind it, within the length that names have.
   std::string unique = name;
   for (int n = 2; data_.find(unique); ++n) {
     const std::string suffix = std::to_string(n);
-    unique = name.substr(0, DataSet::longest_name - suffix.size()) + suffix;
+    unique = std::string(cut_name(name, DataSet::longest_name - suffix.size())).append(suffix);
   }
   data_.add(Column(std::move(unique), kind, std::move(label)));
   numbers_.push_back(missing);

@@ -75,19 +75,25 @@ bool infer_kinds(sqlite3_stmt* rows, std::vector<ColumnKind>& kinds)
   return code == SQLITE_DONE;
 }
 
-void append_value(Column& column, sqlite3_stmt* rows, int i)
+// Returns false when the value is a whole number that a double does not hold.
+bool append_value(Column& column, sqlite3_stmt* rows, int i)
 {
   const int type = sqlite3_column_type(rows, i);
+  bool exact = true;
   if (!column.numeric()) {
     if (type == SQLITE_FLOAT)
       column.append(shortest(sqlite3_column_double(rows, i)));
     else
       column.append(text_of(rows, i)); // integers become their digits, NULL the empty text
   } else if (type == SQLITE_INTEGER || type == SQLITE_FLOAT) {
-    column.append(sqlite3_column_double(rows, i));
+    const double x = sqlite3_column_double(rows, i);
+    column.append(x);
+    // 2^63 itself is outside the integers, so the cast back is defined below it only.
+    exact = type == SQLITE_FLOAT || (x < 0x1p63 && static_cast<sqlite3_int64>(x) == sqlite3_column_int64(rows, i));
   } else {
     column.append(parse_missing(stripped(text_of(rows, i))).value_or(missing));
   }
+  return exact;
 }
 
 void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t row)
@@ -173,14 +179,20 @@ std::optional<DataSet> read_sqlite(const std::string& path, const std::string& t
   data.name = table;
   data.path = path;
   for (int i = 0; i < count; ++i) {
-    std::string name(std::string_view(sqlite3_column_name(rows.get(), i)).substr(0, DataSet::longest_name));
+    std::string name(cut_name(sqlite3_column_name(rows.get(), i), DataSet::longest_name));
     if (data.find(name)) return refuse("two columns are named " + name);
     const auto asked = kinds.find(wzstrlo(name));
     data.add(Column(name, asked == kinds.end() ? inferred[static_cast<std::size_t>(i)] : asked->second));
   }
   int code;
+  std::vector<bool> told(static_cast<std::size_t>(count));
   while ((code = sqlite3_step(rows.get())) == SQLITE_ROW)
-    for (int i = 0; i < count; ++i) append_value(data.columns()[static_cast<std::size_t>(i)], rows.get(), i);
+    for (std::size_t i = 0; i < told.size(); ++i) {
+      Column& column = data.columns()[i];
+      if (append_value(column, rows.get(), static_cast<int>(i)) || told[i]) continue;
+      log.xpmlog(503, 9016, {{"file", path}, {"column", column.name()}, {"row", column.rows()}});
+      told[i] = true;
+    }
   if (code != SQLITE_DONE) return refuse(sqlite3_errmsg(database.get()));
   return data;
 }

@@ -76,6 +76,13 @@ std::string_view stripped(std::string_view text)
   return text;
 }
 
+std::string_view cut_name(std::string_view name, std::size_t bytes)
+{
+  if (name.size() <= bytes) return name;
+  while (bytes > 0 && (static_cast<unsigned char>(name[bytes]) & 0xC0) == 0x80) --bytes;
+  return name.substr(0, bytes);
+}
+
 int compare_padded(std::string_view a, std::string_view b)
 {
   const std::size_t n = std::max(a.size(), b.size());

@@ -17,6 +17,9 @@ bool equal_names(std::string_view a, std::string_view b);
 int compare_names(std::string_view a, std::string_view b); // -1, 0, 1, ignoring case
 std::string_view stripped(std::string_view text);          // without leading and trailing blanks, tabs, line ends
 
+// The longest beginning of a name that has at most `bytes` bytes and does not split a UTF-8 character.
+std::string_view cut_name(std::string_view name, std::size_t bytes);
+
 // Order of two character values: as if the shorter were padded with blanks. Case matters.
 int compare_padded(std::string_view a, std::string_view b);
 

@@ -98,6 +98,9 @@ TEST(Host, ClockSeedAndInterruption)
   EXPECT_TRUE(host->interrupted());
   ASSERT_TRUE(host->option("debug"));
   EXPECT_FALSE(host->option("other"));
+  EXPECT_FALSE(host->macro_variable("SYSRANDOM"));
+  host->xjsympn("sysrandom", "17");
+  EXPECT_EQ(*host->macro_variable("SYSRANDOM"), "17");
 }
 
 TEST(Report, HoldsEverythingOnce)

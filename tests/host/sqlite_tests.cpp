@@ -65,6 +65,19 @@ TEST(Sqlite, KindsComeFromTheValuesNotTheDeclaration)
   EXPECT_TRUE(read_sqlite(path, "v", log));
 }
 
+TEST(Sqlite, WholeNumbersThatADoubleDoesNotHoldAreTold)
+{
+  ScratchFolder folder;
+  const std::string path = folder / "d.db";
+  run_sql(path, "CREATE TABLE t (a, b); INSERT INTO t VALUES (9007199254740992, 1);"
+                "INSERT INTO t VALUES (9007199254740993, 2), (9223372036854775807, 3), (-9223372036854775808, 4)");
+  CaughtMessages log;
+  ASSERT_TRUE(read_sqlite(path, "t", log));
+  EXPECT_EQ(log.count(9016), 1);
+  EXPECT_NE(log.text(9016).find("Column a"), std::string::npos);
+  EXPECT_NE(log.text(9016).find("first in row 2"), std::string::npos);
+}
+
 TEST(Sqlite, FaultsAreMessages)
 {
   ScratchFolder folder;

@@ -27,7 +27,10 @@ Table estimates()
   return t;
 }
 
-std::string parameter_name(int i) { return std::string(1, 'p').append(std::to_string(i)); }
+std::string parameter_name(int i)
+{
+  return std::string(1, 'p').append(std::to_string(i));
+}
 
 } // namespace
 

@@ -114,6 +114,7 @@ TEST(Names, CaseDoesNotMatterAndTyposAreFound)
 
 TEST(Lines, WrapAndUtf8)
 {
+  EXPECT_EQ(cut_name("ab\xC3\xA9", 3), "ab"); // not half a character
   EXPECT_EQ(wrapped("NOTE: one two three", 12, 6), (std::vector<std::string>{"NOTE: one", "      two", "      three"}));
   EXPECT_EQ(wrapped("x averyveryverylongword y", 8, 2).size(), 3u);
   EXPECT_EQ(display_width("\xC3\xA9t\xC3\xA9"), 3u);
