@@ -165,6 +165,14 @@ ProgramSize program_size(const Program& program);
 
 inline constexpr int max_lanes = 512; // most lanes of one tile
 
+// Codes of Frame::run above 2: the run of the procedure ends.
+namespace run_code {
+inline constexpr int stopped = 3;       // STOP
+inline constexpr int aborted = 4;       // ABORT
+inline constexpr int subscript = 5;     // a subscript outside the bounds of its array
+inline constexpr int endless_loop = 6;  // a loop made more than 100000 passes
+} // namespace run_code
+
 // Tile: what each lane stands for.
 struct Tile {
   int lanes = 0;                          // 1..max_lanes
@@ -200,7 +208,7 @@ public:
   // random effects alone is computed once for the `points` points at the first run of a program after this.
   void set_points(const double* ran, int points, int stride);
 
-  // Runs the program over the tile. Returns 0; or a code above 2 for a fatal fault (STOP, ABORT). Allocates nothing
+  // Runs the program over the tile. Returns 0; or a code above 2 for a fatal fault (run_code below). Allocates nothing
   // after the first call for a program. Every NaN comes out as the missing value.
   int run(const Program& program, const Tile& tile);
   // Values of output k in the last run: lanes doubles; a lane that is padding is not to be read.

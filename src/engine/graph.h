@@ -54,8 +54,8 @@ struct Carry {
 };
 
 struct Loop {
-  NodeId condition = no_node;  // truth value, in terms of the carries on entry: another pass is made
-  NodeId after = no_node;      // truth value, in terms of a pass's values: whether to look at `condition` again; or no_node
+  std::int32_t parent = 0;     // loop of the program around it; 0: none
+  NodeId condition = no_node;  // truth value, in terms of the carries on entry: another pass is made while any lane has it
   std::vector<std::int32_t> carries;
   syntax::Position where;
 };
@@ -75,7 +75,8 @@ public:
   bool is_constant(NodeId id, double v) const { return is_constant(id) && node(id).value == v; }
   double value(NodeId id) const { return node(id).value; }
   bool is_truth(NodeId id) const;       // known to be 1 or 0
-  bool never_missing(NodeId id) const;  // known not to be missing for finite inputs
+  bool never_missing(NodeId id) const;  // known not to be missing, whatever the data
+  void declare_present(std::int32_t symbol_index); // an input that is never missing: a parameter or random effect
 
   NodeId constant(double v);
   NodeId zero() { return constant(0.0); }
@@ -84,7 +85,7 @@ public:
   NodeId symbol(std::int32_t index);
   NodeId row();
   NodeId text(std::int32_t text_index, std::span<const NodeId> numeric_inputs);
-  std::int32_t new_loop(syntax::Position where);
+  std::int32_t new_loop(std::int32_t parent, syntax::Position where);
   NodeId carry(std::int32_t loop, NodeId initial);        // makes a new carry; its carry node. Set `next` later
   NodeId result(std::int32_t carry_index);
   Carry& carry_at(std::int32_t index) { return carries_[static_cast<std::size_t>(index)]; }
@@ -125,6 +126,7 @@ public:
   // --- where nodes come from ---
   // Nodes made from now on belong to this statement (messages of faults).
   void set_position(syntax::Position where);
+  void inherit_position(NodeId id) { position_ = node(id).where; } // nodes from now on: as that node's
   syntax::Position position(NodeId id) const;
 
   // While one lives the builder is in derivative mode.
@@ -159,6 +161,7 @@ private:
   std::vector<Carry> carries_;
   std::vector<Loop> loops_;
   std::unordered_map<Node, NodeId, Hash, Same> known_;   // never iterated: its order has no influence
+  std::vector<bool> present_symbols_;
   std::vector<syntax::Position> positions_;
   std::int32_t position_ = 0;
   std::int64_t requests_ = 0;

@@ -1,0 +1,250 @@
+#include "engine/differentiate.h"
+
+#include "engine/functions/functions.h"
+
+#include <algorithm>
+#include <set>
+
+namespace torvale::engine {
+
+NodeId Differentiator::partial(NodeId node, int operand)
+{
+  const Node n = graph_.node(node);
+  const PartialRule rule = partial_rule(n.kernel);
+  const NodeId p = rule == nullptr ? no_node : rule(graph_, node, operand);
+  if (p != no_node) return p;
+  failed_ = true;
+  gcmp_.error(message::no_derivative, graph_.position(node),
+              "The derivative of " + std::string(kernel_info(n.kernel).name) + " by its argument " + std::to_string(operand + 1) +
+              " is not available, but a parameter or random effect enters there.");
+  return graph_.missing();
+}
+
+// Nodes that a derivative of y by one of the symbols passes, ascending. Carried values are ends: their derivatives are
+// carried values of their own. Nodes in `known` are left out, with what lies below them.
+std::vector<NodeId> Differentiator::varying_below(NodeId y, std::span<const std::int32_t> symbols,
+                                                  const std::unordered_map<NodeId, NodeId>* known)
+{
+  Dependence& dependence = gcmp_.dependence;
+  const auto varies = [&](NodeId id) {
+    return std::any_of(symbols.begin(), symbols.end(), [&](std::int32_t s) { return dependence.varies_with(id, s); });
+  };
+  std::vector<NodeId> found;
+  std::vector<bool> seen(static_cast<std::size_t>(graph_.size()));
+  std::vector<NodeId> open;
+  const auto visit = [&](NodeId id) {
+    if (seen[static_cast<std::size_t>(id)]) return;
+    seen[static_cast<std::size_t>(id)] = true;
+    if (!varies(id) || (known != nullptr && known->count(id) > 0)) return;
+    found.push_back(id);
+    open.push_back(id);
+  };
+  visit(y);
+  while (!open.empty()) {
+    const Node& n = graph_.node(open.back());
+    open.pop_back();
+    if (n.kind != NodeKind::kernel) continue;
+    for (int k = 0; k < n.operands; ++k)
+      if (!passes_no_derivative(n.kernel, k)) visit(n.operand[static_cast<std::size_t>(k)]);
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+void Differentiator::contribute(Contributions& to, Guarded what)
+{
+  for (Guarded& g : to)
+    if (g.guard == what.guard) {
+      g.value = graph_.add(g.value, what.value);
+      return;
+    }
+  to.push_back(what);
+}
+
+Differentiator::Guarded Differentiator::joined(const Contributions& all)
+{
+  Guarded sum = all.front();
+  for (std::size_t k = 1; k < all.size(); ++k) {
+    const Guarded& g = all[k];
+    if (graph_.not_(sum.guard) == g.guard) {
+      sum.value = graph_.select(sum.guard, sum.value, g.value);
+    } else {
+      sum.value = graph_.add(graph_.select(sum.guard, sum.value, graph_.zero()), graph_.select(g.guard, g.value, graph_.zero()));
+    }
+    sum.guard = graph_.or_(sum.guard, g.guard);
+  }
+  return sum;
+}
+
+std::vector<NodeId> Differentiator::gradient(NodeId y, std::span<const std::int32_t> symbols)
+{
+  const GraphBuilder::Derivative mode(graph_);
+  const std::vector<NodeId> nodes = varying_below(y, symbols, nullptr);
+  std::map<NodeId, Contributions> adjoint;
+  std::vector<NodeId> result(symbols.size(), no_node);
+  const auto add_to = [&](std::size_t k, NodeId value) {
+    if (!graph_.is_constant(value, 0.0)) result[k] = result[k] == no_node ? value : graph_.add(result[k], value);
+  };
+  if (!nodes.empty()) adjoint[y].push_back({graph_.one(), graph_.one()});
+  const std::set<NodeId> varying(nodes.begin(), nodes.end());
+  for (auto it = nodes.rbegin(); it != nodes.rend(); ++it) {
+    const auto entry = adjoint.find(*it);
+    if (entry == adjoint.end()) continue;
+    const Guarded a = joined(entry->second);
+    adjoint.erase(entry);
+    const Node n = graph_.node(*it);
+    graph_.inherit_position(*it);
+    if (n.kind == NodeKind::kernel && n.kernel == Kernel::select) {
+      const NodeId mask = n.operand[0];
+      if (varying.count(n.operand[1]) > 0) contribute(adjoint[n.operand[1]], {graph_.and_(a.guard, mask), a.value});
+      if (varying.count(n.operand[2]) > 0) contribute(adjoint[n.operand[2]], {graph_.and_(a.guard, graph_.not_(mask)), a.value});
+    } else if (n.kind == NodeKind::kernel) {
+      for (int k = 0; k < n.operands; ++k) {
+        const NodeId operand = n.operand[static_cast<std::size_t>(k)];
+        if (varying.count(operand) == 0 || passes_no_derivative(n.kernel, k)) continue;
+        contribute(adjoint[operand], {a.guard, graph_.multiply(a.value, partial(*it, k))});
+      }
+    } else if (n.kind == NodeKind::symbol) {
+      const auto at = std::find(symbols.begin(), symbols.end(), n.index);
+      if (at != symbols.end()) add_to(static_cast<std::size_t>(at - symbols.begin()), graph_.select(a.guard, a.value, graph_.zero()));
+    } else {
+      for (std::size_t k = 0; k < symbols.size(); ++k)
+        if (const NodeId d = derivative(*it, symbols[k]); d != no_node)
+          add_to(k, graph_.select(a.guard, graph_.multiply(a.value, d), graph_.zero()));
+    }
+  }
+  close_carries();
+  return result;
+}
+
+NodeId Differentiator::derivative(NodeId y, std::int32_t symbol)
+{
+  const GraphBuilder::Derivative mode(graph_);
+  auto& known = gcmp_.tangents[symbol];
+  if (const auto it = known.find(y); it != known.end()) return it->second;
+  const std::int32_t by[] = {symbol};
+  for (const NodeId id : varying_below(y, by, &known)) {
+    if (known.count(id) > 0) continue; // meanwhile
+    const NodeId d = tangent_of(id, symbol); // may add to `known`
+    known.emplace(id, d);
+  }
+  if (open_.size() > 0 && !closing_) close_carries();
+  const auto it = known.find(y);
+  return it == known.end() ? no_node : it->second;
+}
+
+NodeId Differentiator::tangent_of(NodeId id, std::int32_t symbol)
+{
+  const auto& known = gcmp_.tangents[symbol];
+  const auto of = [&](NodeId operand) {
+    const auto it = known.find(operand);
+    return it == known.end() ? no_node : it->second;
+  };
+  const Node n = graph_.node(id);
+  graph_.inherit_position(id);
+  NodeId sum = no_node;
+  switch (n.kind) {
+  case NodeKind::symbol: return n.index == symbol ? graph_.one() : no_node;
+  case NodeKind::carry:
+  case NodeKind::result: {
+    const std::int32_t carry = tangent_carry(n.index, symbol);
+    return n.kind == NodeKind::carry ? graph_.carry_at(carry).entry : graph_.result(carry);
+  }
+  case NodeKind::kernel: break;
+  default: return no_node;
+  }
+  if (n.kernel == Kernel::select) {
+    const NodeId yes = of(n.operand[1]), no = of(n.operand[2]);
+    if (yes == no_node && no == no_node) return no_node;
+    sum = graph_.select(n.operand[0], yes == no_node ? graph_.zero() : yes, no == no_node ? graph_.zero() : no);
+  } else {
+    for (int k = 0; k < n.operands; ++k) {
+      if (passes_no_derivative(n.kernel, k)) continue;
+      const NodeId t = of(n.operand[static_cast<std::size_t>(k)]);
+      if (t == no_node) continue;
+      const NodeId term = graph_.multiply(t, partial(id, k));
+      sum = sum == no_node ? term : graph_.add(sum, term);
+    }
+  }
+  return sum == no_node || graph_.is_constant(sum, 0.0) ? no_node : sum;
+}
+
+// The derivative of a carried value is carried beside it, in the same loop.
+std::int32_t Differentiator::tangent_carry(std::int32_t carry, std::int32_t symbol)
+{
+  auto& known = gcmp_.tangents[symbol];
+  const Carry c = graph_.carry_at(carry);
+  if (const auto it = known.find(c.entry); it != known.end()) return graph_.node(it->second).index;
+  const bool outer = closing_;
+  closing_ = true; // next values wait until the outermost derivative is done
+  const NodeId first = derivative(c.initial, symbol);
+  closing_ = outer;
+  const NodeId entry = graph_.carry(c.loop, first == no_node ? graph_.zero() : first);
+  known.emplace(c.entry, entry);
+  open_.push_back({carry, graph_.node(entry).index, symbol});
+  return graph_.node(entry).index;
+}
+
+void Differentiator::close_carries()
+{
+  if (closing_) return;
+  closing_ = true;
+  while (!open_.empty()) {
+    const Open o = open_.back();
+    open_.pop_back();
+    const NodeId next = derivative(graph_.carry_at(o.carry).next, o.symbol);
+    graph_.carry_at(o.tangent).next = next == no_node ? graph_.zero() : next;
+  }
+  closing_ = false;
+}
+
+// --- requests ----------------------------------------------------------------------------------------------------
+
+int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp)
+{
+  gcmp.translate();
+  der.obj = obj;
+  der.wrt = wrt;
+  der.der.s.clear();
+  der.objindex.clear();
+  der.wrtindex.clear();
+  Differentiator d(gcmp);
+  std::vector<std::int32_t> variables;
+  for (const CMPSYM* const v : wrt.s) variables.push_back(v->index);
+  for (int o = 0; o < obj.n(); ++o) {
+    const CMPSYM& object = *obj.s[static_cast<std::size_t>(o)];
+    const auto earlier = gcmp.origin.find(object.index);
+    const bool first_order = earlier == gcmp.origin.end();
+    DerivativeOrigin stem;
+    if (first_order) stem.base = object.index;
+    else stem = earlier->second;
+    const NodeId y = gcmp.node_of(object);
+    std::vector<NodeId> swept;
+    if (first_order) swept = d.gradient(y, variables);
+    for (int v = 0; v < wrt.n(); ++v) {
+      const std::int32_t variable = variables[static_cast<std::size_t>(v)];
+      DerivativeOrigin which = stem;
+      which.by.insert(std::upper_bound(which.by.begin(), which.by.end(), variable), variable);
+      // A mixed derivative is one node whichever way it was asked for.
+      const auto known = gcmp.known_derivatives.find(which);
+      NodeId node = no_node;
+      if (known != gcmp.known_derivatives.end()) node = known->second;
+      else node = first_order ? swept[static_cast<std::size_t>(v)] : d.derivative(y, variable);
+      if (node != no_node && gcmp.graph.is_constant(node, 0.0)) node = no_node;
+      gcmp.known_derivatives.emplace(which, node);
+      if (node == no_node) continue;
+      CMPSYM& s = gcmp.new_symbol(object.name + "/" + wrt.s[static_cast<std::size_t>(v)]->name, 'd', 'n');
+      s.assigned = true;
+      s.where = object.where;
+      gcmp.value.resize(gcmp.symbols.size(), no_node);
+      gcmp.value[static_cast<std::size_t>(s.index)] = node;
+      gcmp.origin.emplace(s.index, std::move(which));
+      der.der.s.push_back(&s);
+      der.objindex.push_back(o);
+      der.wrtindex.push_back(v);
+    }
+  }
+  return d.failed() ? 1 : 0;
+}
+
+} // namespace torvale::engine

@@ -1,0 +1,272 @@
+// Frame: execution of programs for one worker. Holds per program the registers, the results of the earlier stages and
+// what they belong to: a stage is run again only when its inputs have changed.
+
+#include "engine/frame_state.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace torvale::engine {
+
+namespace {
+
+// Results of a stage that go to one array per result, at the place of the lane's record or point.
+struct ArrayResults final : Results {
+  double* to = nullptr;
+  std::int64_t stride = 0;
+  std::int64_t at = 0;        // place of the strip's first lane
+  void keep(std::int32_t result, const double* values, const Lanes& lanes) override
+  {
+    std::memcpy(to + result * stride + at, values, static_cast<std::size_t>(lanes.count) * sizeof(double));
+  }
+};
+
+int code_of(Effect::Kind kind)
+{
+  switch (kind) {
+  case Effect::Kind::stop: return run_code::stopped;
+  case Effect::Kind::abort: return run_code::aborted;
+  case Effect::Kind::subscript: return run_code::subscript;
+  default: return run_code::endless_loop;
+  }
+}
+
+// Results of the lane stage: outputs, guards of what ends the run, values for the next record.
+struct TileResults final : Results {
+  const CMPGLOBAL* gcmp = nullptr;
+  const Program* program = nullptr;
+  double* outputs = nullptr;      // output k: max_lanes doubles from k * max_lanes
+  double* state = nullptr;
+  std::int64_t state_stride = 0;
+  int at = 0;                     // first lane of the strip in the tile
+  int code = 0;
+  KernelFn canonical = nullptr;
+  void keep(std::int32_t result, const double* values, const Lanes& lanes) override
+  {
+    if (result < program->outputs) {
+      canonical(outputs + static_cast<std::int64_t>(result) * max_lanes + at, &values, lanes.padded);
+      return;
+    }
+    const std::size_t trap = static_cast<std::size_t>(result - program->outputs);
+    if (trap < program->traps.size()) {
+      if (code == 0 && any_true(values, lanes.padded))
+        code = code_of(gcmp->effects[static_cast<std::size_t>(program->traps[trap])].kind);
+      return;
+    }
+    double* const kept = state + static_cast<std::int64_t>(trap - program->traps.size()) * state_stride;
+    for (int i = 0; i < lanes.count; ++i) kept[lanes.slot[i]] = values[i];
+  }
+};
+
+} // namespace
+
+FrameProgram::FrameProgram(const CMPGLOBAL& gcmp, const Program& p)
+    : program(p), runners{LaneRunner(gcmp, p.stage[0]), LaneRunner(gcmp, p.stage[1]), LaneRunner(gcmp, p.stage[2]),
+                          LaneRunner(gcmp, p.stage[3]), LaneRunner(gcmp, p.stage[4])}
+{
+  parameter_results.reserve(p.code(Stage::parameter).results.size() + lane_padding);
+  outputs.reserve(static_cast<std::size_t>(std::max(p.outputs, 1)) * max_lanes);
+}
+
+int Frame::State::prepare(FrameProgram& f)
+{
+  const KernelTable* const table = &kernels();
+  if (f.columns_ready && f.table == table && f.parameters == parameters_version) return 0;
+  if (!f.columns_ready) {
+    if (data->prepare(f.program, f.columns) != 0) return run_code::endless_loop;
+    f.columns_ready = true;
+  }
+  const bool rebuilt = f.table != table;
+  f.table = table;
+  f.parameters = parameters_version;
+  f.range = f.points = 0;
+  // Parameter stage: one lane.
+  const StageCode& code = f.program.code(Stage::parameter);
+  if (!code.empty()) {
+    LaneRunner& runner = f.runner(Stage::parameter);
+    if (rebuilt) runner.fill_fixed(nullptr);
+    Lanes lanes;
+    lanes.count = 1;
+    lanes.row[0] = lanes.point[0] = lanes.slot[0] = 0;
+    lanes.finish();
+    Sources sources;
+    sources.theta = theta.data();
+    ArrayResults results;
+    results.to = f.parameter_results.data();
+    results.stride = 1;
+    if (runner.run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
+  }
+  for (const Stage s : {Stage::observation, Stage::point, Stage::lane}) f.runner(s).fill_fixed(f.parameter_results.data());
+  return 0;
+}
+
+int Frame::State::prepare_range(FrameProgram& f)
+{
+  const StageCode& code = f.program.code(Stage::observation);
+  if (code.empty() || f.range == range_version) return 0;
+  f.range = range_version;
+  f.range_stride = (count + lane_padding - 1) / lane_padding * lane_padding;
+  f.observation.reserve(static_cast<std::size_t>(f.range_stride) * code.results.size());
+  Sources sources = common_sources(f);
+  ArrayResults results;
+  results.to = f.observation.data();
+  results.stride = f.range_stride;
+  Lanes lanes;
+  for (std::int64_t i = 0; i < count; i += lanes.count) {
+    lanes.count = static_cast<int>(std::min<std::int64_t>(strip_lanes, count - i));
+    for (int j = 0; j < lanes.count; ++j) {
+      lanes.row[j] = static_cast<std::int32_t>(first + i) + j;
+      lanes.point[j] = lanes.slot[j] = 0;
+    }
+    lanes.finish();
+    results.at = i;
+    if (f.runner(Stage::observation).run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
+  }
+  return 0;
+}
+
+int Frame::State::prepare_points(FrameProgram& f)
+{
+  const StageCode& code = f.program.code(Stage::point);
+  if (code.empty() || f.points == points_version) return 0;
+  f.points = points_version;
+  f.point_stride = (points + lane_padding - 1) / lane_padding * lane_padding;
+  f.point.reserve(static_cast<std::size_t>(f.point_stride) * code.results.size());
+  Sources sources = common_sources(f);
+  ArrayResults results;
+  results.to = f.point.data();
+  results.stride = f.point_stride;
+  Lanes lanes;
+  for (int i = 0; i < points; i += lanes.count) {
+    lanes.count = std::min(strip_lanes, points - i);
+    for (int j = 0; j < lanes.count; ++j) {
+      lanes.point[j] = i + j;
+      lanes.row[j] = lanes.slot[j] = 0;
+    }
+    lanes.finish();
+    results.at = i;
+    if (f.runner(Stage::point).run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
+  }
+  return 0;
+}
+
+Sources Frame::State::common_sources(const FrameProgram& f) const
+{
+  Sources s;
+  s.theta = theta.data();
+  s.ran = ran;
+  s.stride = ran_stride;
+  s.columns = f.columns.data();
+  s.observation = f.observation.data();
+  s.observation_stride = f.range_stride;
+  s.first = first;
+  s.point = f.point.data();
+  s.point_stride = f.point_stride;
+  s.state = f.state.data();
+  s.state_stride = f.state_slots;
+  return s;
+}
+
+FrameProgram& Frame::State::program(const Program& p)
+{
+  const auto at = static_cast<std::size_t>(p.number);
+  if (programs.size() <= at) programs.resize(at + 1);
+  if (programs[at] == nullptr) programs[at] = std::make_unique<FrameProgram>(gcmp, p);
+  return *programs[at];
+}
+
+Frame::Frame(const CMPGLOBAL& gcmp, std::shared_ptr<const BoundData> data)
+    : state_(std::make_unique<State>(gcmp, std::move(data)))
+{
+  int parameters = 0;
+  for (const CMPSYM& s : gcmp.symbols) parameters = std::max(parameters, s.parameter + 1);
+  state_->theta.assign(static_cast<std::size_t>(parameters), 0.0);
+  state_->count = state_->data != nullptr ? state_->data->rows() : 0;
+}
+
+Frame::~Frame() = default;
+Frame::Frame(Frame&&) noexcept = default;
+Frame& Frame::operator=(Frame&&) noexcept = default;
+
+void Frame::set_parameters(const double* theta)
+{
+  std::copy_n(theta, state_->theta.size(), state_->theta.begin());
+  ++state_->parameters_version;
+}
+
+void Frame::set_range(std::int64_t first, std::int64_t count)
+{
+  if (first == state_->first && count == state_->count) return;
+  state_->first = first;
+  state_->count = count;
+  ++state_->range_version;
+}
+
+void Frame::set_points(const double* ran, int points, int stride)
+{
+  state_->ran = ran;
+  state_->points = points;
+  state_->ran_stride = stride;
+  ++state_->points_version;
+}
+
+void Frame::reset_state(const Program& program, int slots)
+{
+  FrameProgram& f = state_->program(program);
+  f.state_slots = std::max(f.state_slots, slots);
+  f.state.reserve(static_cast<std::size_t>(f.state_slots) * program.kept.size() + 1);
+  const GraphBuilder& graph = state_->gcmp.graph;
+  for (std::size_t k = 0; k < program.kept.size(); ++k)
+    std::fill_n(f.state.data() + static_cast<std::int64_t>(k) * f.state_slots, f.state_slots,
+                graph.value(graph.carry_at(program.kept[k]).initial));
+}
+
+int Frame::run(const Program& program, const Tile& tile)
+{
+  State& state = *state_;
+  FrameProgram& f = state.program(program);
+  state.last = &f;
+  if (const int code = state.prepare(f); code != 0) return code;
+  if (const int code = state.prepare_range(f); code != 0) return code;
+  if (const int code = state.prepare_points(f); code != 0) return code;
+  if (program.sequential() && f.state_slots == 0) reset_state(program, max_lanes);
+  const Sources sources = state.common_sources(f);
+  TileResults results;
+  results.gcmp = &state.gcmp;
+  results.program = &program;
+  results.outputs = f.outputs.data();
+  results.state = f.state.data();
+  results.state_stride = f.state_slots;
+  results.canonical = kernels()[Kernel::canonical];
+  Lanes lanes;
+  LaneRunner& runner = f.runner(Stage::lane);
+  for (int i = 0; i < tile.lanes; i += lanes.count) {
+    lanes.count = std::min(strip_lanes, tile.lanes - i);
+    std::copy_n(tile.observation + i, lanes.count, lanes.row);
+    if (tile.point != nullptr) std::copy_n(tile.point + i, lanes.count, lanes.point);
+    else std::fill_n(lanes.point, lanes.count, 0);
+    if (tile.state != nullptr) std::copy_n(tile.state + i, lanes.count, lanes.slot);
+    else std::fill_n(lanes.slot, lanes.count, 0);
+    lanes.finish();
+    results.at = i;
+    if (runner.run(lanes, sources, *state.data, results) != 0) return run_code::endless_loop;
+  }
+  return results.code;
+}
+
+const double* Frame::output(int k) const
+{
+  return state_->last->outputs.data() + static_cast<std::ptrdiff_t>(k) * max_lanes;
+}
+
+const char* isa_name()
+{
+  return kernels().isa;
+}
+
+bool set_isa(std::string_view name)
+{
+  return set_kernels(name);
+}
+
+} // namespace torvale::engine

@@ -1,0 +1,229 @@
+#include "engine/graph.h"
+
+#include <bit>
+#include <cassert>
+#include <cmath>
+#include <limits>
+
+namespace torvale::engine {
+
+namespace {
+
+constexpr std::uint64_t ordinary_missing_bits = 0xFFFFFE0000000000u;
+
+std::uint64_t mix(std::uint64_t h, std::uint64_t v)
+{
+  h ^= v + 0x9E3779B97F4A7C15u + (h << 6) + (h >> 2);
+  return h * 0xBF58476D1CE4E5B9u;
+}
+
+// Kernels whose value depends on more than the operands' numbers, or that must stay visible, are not folded.
+bool may_fold(Kernel k)
+{
+  return k != Kernel::uniform_random && k != Kernel::normal_random;
+}
+
+} // namespace
+
+std::size_t GraphBuilder::Hash::operator()(const Node& n) const
+{
+  std::uint64_t h = mix(static_cast<std::uint64_t>(n.kind), static_cast<std::uint64_t>(n.kernel));
+  h = mix(h, static_cast<std::uint32_t>(n.index));
+  h = mix(h, std::bit_cast<std::uint64_t>(n.value));
+  for (int k = 0; k < n.operands; ++k) h = mix(h, static_cast<std::uint32_t>(n.operand[static_cast<std::size_t>(k)]));
+  return static_cast<std::size_t>(h ^ (h >> 31));
+}
+
+bool GraphBuilder::Same::operator()(const Node& a, const Node& b) const
+{
+  return a.kind == b.kind && a.kernel == b.kernel && a.index == b.index && a.operands == b.operands &&
+         std::bit_cast<std::uint64_t>(a.value) == std::bit_cast<std::uint64_t>(b.value) && a.operand == b.operand;
+}
+
+GraphBuilder::GraphBuilder()
+{
+  positions_.push_back({});
+  loops_.push_back({}); // loop 0: the records of a subject
+}
+
+NodeId GraphBuilder::intern(const Node& n)
+{
+  ++requests_;
+  if (const auto it = known_.find(n); it != known_.end()) return it->second;
+  const auto id = static_cast<NodeId>(nodes_.size());
+  nodes_.push_back(n);
+  nodes_.back().where = position_;
+  known_.emplace(n, id);
+  return id;
+}
+
+NodeId GraphBuilder::constant(double v)
+{
+  Node n;
+  n.kind = NodeKind::constant;
+  n.value = v;
+  return intern(n);
+}
+
+NodeId GraphBuilder::missing()
+{
+  return constant(std::bit_cast<double>(ordinary_missing_bits));
+}
+
+NodeId GraphBuilder::symbol(std::int32_t index)
+{
+  Node n;
+  n.kind = NodeKind::symbol;
+  n.index = index;
+  return intern(n);
+}
+
+NodeId GraphBuilder::row()
+{
+  Node n;
+  n.kind = NodeKind::row;
+  return intern(n);
+}
+
+NodeId GraphBuilder::text(std::int32_t text_index, std::span<const NodeId> numeric_inputs)
+{
+  assert(numeric_inputs.size() <= 6);
+  Node n;
+  n.kind = NodeKind::text;
+  n.index = text_index;
+  for (const NodeId in : numeric_inputs) n.operand[static_cast<std::size_t>(n.operands++)] = in;
+  return intern(n);
+}
+
+std::int32_t GraphBuilder::new_loop(std::int32_t parent, syntax::Position where)
+{
+  loops_.push_back({});
+  loops_.back().parent = parent;
+  loops_.back().where = where;
+  return static_cast<std::int32_t>(loops_.size()) - 1;
+}
+
+NodeId GraphBuilder::carry(std::int32_t loop, NodeId initial)
+{
+  Node n;
+  n.kind = NodeKind::carry;
+  n.index = static_cast<std::int32_t>(carries_.size());
+  const NodeId id = intern(n);
+  carries_.push_back({loop, initial, id, id});
+  loop_at(loop).carries.push_back(n.index);
+  return id;
+}
+
+NodeId GraphBuilder::result(std::int32_t carry_index)
+{
+  Node n;
+  n.kind = NodeKind::result;
+  n.index = carry_index;
+  return intern(n);
+}
+
+void GraphBuilder::declare_present(std::int32_t symbol_index)
+{
+  const auto at = static_cast<std::size_t>(symbol_index);
+  if (present_symbols_.size() <= at) present_symbols_.resize(at + 1);
+  present_symbols_[at] = true;
+}
+
+void GraphBuilder::set_position(syntax::Position where)
+{
+  const syntax::Position last = positions_.back();
+  if (last.source != where.source || last.line != where.line || last.column != where.column) positions_.push_back(where);
+  position_ = static_cast<std::int32_t>(positions_.size()) - 1;
+}
+
+syntax::Position GraphBuilder::position(NodeId id) const
+{
+  return positions_[static_cast<std::size_t>(node(id).where)];
+}
+
+bool GraphBuilder::is_truth(NodeId id) const
+{
+  const Node& n = node(id);
+  if (n.kind == NodeKind::constant) return n.value == 0.0 || n.value == 1.0;
+  if (n.kind == NodeKind::result || n.kind == NodeKind::carry) {
+    // A carried mask begins as a truth value and is only ever given truth values: loops of the program keep to that
+    // for the masks that they make themselves, and `initial` of a variable that happens to be 0 does not count.
+    return false;
+  }
+  if (n.kind != NodeKind::kernel) return false;
+  switch (n.kernel) {
+  case Kernel::less: case Kernel::less_equal: case Kernel::equal: case Kernel::not_equal:
+  case Kernel::greater: case Kernel::greater_equal:
+  case Kernel::less_known: case Kernel::less_equal_known: case Kernel::equal_known: case Kernel::not_equal_known:
+  case Kernel::greater_known: case Kernel::greater_equal_known:
+  case Kernel::truth: case Kernel::and_: case Kernel::or_: case Kernel::not_: case Kernel::and_not:
+  case Kernel::is_missing: case Kernel::is_present:
+    return true;
+  case Kernel::select:
+    return is_truth(n.operand[1]) && is_truth(n.operand[2]);
+  default:
+    return false;
+  }
+}
+
+bool GraphBuilder::never_missing(NodeId id) const
+{
+  const Node& n = node(id);
+  switch (n.kind) {
+  case NodeKind::constant: return !std::isnan(n.value);
+  case NodeKind::symbol:
+    return static_cast<std::size_t>(n.index) < present_symbols_.size() && present_symbols_[static_cast<std::size_t>(n.index)];
+  case NodeKind::row: return true;
+  case NodeKind::kernel: break;
+  default: return false;
+  }
+  if (is_truth(id)) return true;
+  // Only operations that yield no NaN from infinities either.
+  switch (n.kernel) {
+  case Kernel::copy: case Kernel::negate: case Kernel::absolute: case Kernel::square: case Kernel::exp:
+  case Kernel::expm1: case Kernel::logistic: case Kernel::softplus: case Kernel::tanh: case Kernel::atan:
+  case Kernel::normal_cdf:
+    return never_missing(n.operand[0]);
+  case Kernel::zero_if_missing: return true;
+  default: return false;
+  }
+}
+
+NodeId GraphBuilder::apply(Kernel k, std::initializer_list<NodeId> operands)
+{
+  return apply(k, std::span<const NodeId>(operands.begin(), operands.size()));
+}
+
+NodeId GraphBuilder::apply(Kernel k, std::span<const NodeId> operands)
+{
+  if (const NodeId simple = simplified(k, operands); simple != no_node) return simple;
+  return intern_kernel(k, operands);
+}
+
+NodeId GraphBuilder::intern_kernel(Kernel k, std::span<const NodeId> operands)
+{
+  assert(operands.size() <= 6);
+  Node n;
+  n.kind = NodeKind::kernel;
+  n.kernel = k;
+  double values[6];
+  bool all_constant = !operands.empty();
+  bool any_missing = false;
+  for (const NodeId operand_id : operands) {
+    assert(operand_id >= 0 && operand_id < size());
+    const auto at = static_cast<std::size_t>(n.operands++);
+    n.operand[at] = operand_id;
+    all_constant = all_constant && is_constant(operand_id);
+    values[at] = node(operand_id).value;
+    any_missing = any_missing || (is_constant(operand_id) && std::isnan(values[at]));
+  }
+  if (all_constant && may_fold(k)) {
+    const double v = run_kernel(k, values);
+    // A missing value that no operand had is a fault; it stays a node, so that a run can report it.
+    if (!std::isnan(v)) return constant(v);
+    if (any_missing) return missing();
+  }
+  return intern(n);
+}
+
+} // namespace torvale::engine

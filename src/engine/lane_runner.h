@@ -1,0 +1,104 @@
+#pragma once
+// LaneRunner: runs one stage of a program over strips of lanes.
+//
+// A strip is short enough for the registers of a usual program to stay in the first-level cache, and long enough for
+// the cost of reading a step to be small beside its work. Lanes beyond the last are copies of it, so what a lane
+// computes never depends on where it stands.
+
+#include "engine/program.h"
+
+#include <memory>
+#include <vector>
+
+namespace torvale::engine {
+
+inline constexpr int strip_lanes = 64;
+
+// Memory aligned for the widest vectors. Grows only.
+class LaneArray {
+public:
+  double* data() { return data_; }
+  const double* data() const { return data_; }
+  // Room for n doubles; what was there is lost when it grows.
+  void reserve(std::size_t n);
+
+private:
+  std::unique_ptr<double[]> memory_;
+  double* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// Which record, point and slot each lane of a strip stands for. Padded to a multiple of lane_padding.
+struct Lanes {
+  int count = 0;                       // real lanes, 1..strip_lanes
+  int padded = 0;
+  std::int32_t row[strip_lanes];
+  std::int32_t point[strip_lanes];
+  std::int32_t slot[strip_lanes];
+  enum class Run : std::uint8_t { same, ascending, mixed };
+  Run rows = Run::same, points = Run::same;
+  void finish();                       // pads, and finds how the indices run
+};
+
+// What the loads of a stage read.
+struct Sources {
+  const double* theta = nullptr;
+  const double* ran = nullptr;         // random effect e at point p: ran[e * stride + p]
+  std::int64_t stride = 0;
+  const double* const* columns = nullptr;      // by Program::columns, per record
+  const double* observation = nullptr;         // result r of record i: observation[r * observation_stride + i - first]
+  std::int64_t observation_stride = 0;
+  std::int64_t first = 0;
+  const double* point = nullptr;               // result r of point p: point[r * point_stride + p]
+  std::int64_t point_stride = 0;
+  const double* state = nullptr;               // value k of slot s: state[k * state_stride + s]
+  std::int64_t state_stride = 0;
+};
+
+// Character columns of the bound data, for text tests.
+class CharacterColumns {
+public:
+  virtual std::string_view text(std::int32_t symbol, std::int64_t row) const = 0;
+
+protected:
+  ~CharacterColumns() = default;
+};
+
+// Where the results of a strip go.
+class Results {
+public:
+  virtual void keep(std::int32_t result, const double* values, const Lanes& lanes) = 0;
+
+protected:
+  ~Results() = default;
+};
+
+class LaneRunner {
+public:
+  LaneRunner(const CMPGLOBAL& gcmp, const StageCode& code) : gcmp_(gcmp), code_(code) {}
+
+  // Fills the registers that hold the same number in all lanes; parameter_results: results of the parameter stage.
+  void fill_fixed(const double* parameter_results);
+  // Runs one strip. Returns 0, or 1 when a loop did not end within the limit of passes.
+  int run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
+  bool prepared() const { return table_ == &kernels(); }
+
+private:
+  struct Operation {      // one step with the addresses of its registers
+    KernelFn fn = nullptr; // null: a step of another kind, number `step`
+    double* out = nullptr;
+    const double* in[6] = {};
+  };
+  void prepare();
+  void load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;
+  void answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const;
+  double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r) * strip_lanes; }
+
+  const CMPGLOBAL& gcmp_;
+  const StageCode& code_;
+  const KernelTable* table_ = nullptr;  // the build that the operations were prepared for
+  LaneArray registers_;
+  std::vector<Operation> operations_;
+};
+
+} // namespace torvale::engine

@@ -1,0 +1,247 @@
+// Loops and jumps. Every kind of loop is a sequence of passes under the mask `active`; what leaves a loop early waits
+// in a mask of its own and joins again behind it.
+
+#include "engine/translate.h"
+
+#include <cmath>
+#include <set>
+
+namespace torvale::engine {
+
+using namespace syntax;
+
+namespace {
+
+// Loops of at most this many passes are unrolled; longer ones carry their values from pass to pass.
+constexpr double most_unrolled_passes = 400.0;
+
+} // namespace
+
+void Translator::go_to(const JumpStatement& j)
+{
+  for (auto it = labels_.rbegin(); it != labels_.rend(); ++it) {
+    const auto found = it->pending.find(j.target);
+    if (found == it->pending.end()) continue;
+    if (const auto passed = it->passed.find(j.target); passed != it->passed.end() && passed->second) break;
+    set(found->second, graph_.or_(env(found->second).number, active()));
+    return set(active_, graph_.zero());
+  }
+  fail(message::jump, j.where, "No statement with the label " + std::string(j.target) + " can be reached from here: a jump may go to a "
+       "label of the same group of statements or of a group around it.");
+}
+
+// LINK runs the statements from the label on until RETURN (or the end), then comes back.
+void Translator::link(const JumpStatement& j)
+{
+  for (const Statement* const outer : links_)
+    if (same_name(static_cast<const JumpStatement*>(outer)->target, j.target)) {
+      fail(message::recursion, j.where, "LINK to " + std::string(j.target) + " comes back to itself; a LINK may not be recursive.");
+      return;
+    }
+  const Block all(gcmp_.program->statements.data(), gcmp_.program->statements.size());
+  for (std::size_t k = 0; k < all.size(); ++k) {
+    if (!same_name(all[k]->label, j.target)) continue;
+    const Slot returned = new_slot("returned", {graph_.zero(), no_text}, true);
+    returns_.push_back(returned);
+    links_.push_back(&j);
+    run_block(all.subspan(k));
+    links_.pop_back();
+    returns_.pop_back();
+    return set(active_, graph_.or_(active(), env(returned).number));
+  }
+  fail(message::jump, j.where, "LINK " + std::string(j.target) + ": no statement outside all groups has this label.");
+}
+
+void Translator::return_from(const ReturnStatement& r)
+{
+  if (!scopes_.empty() && r.value != nullptr && scopes_.back().result >= 0)
+    assign(scopes_.back().result, value_of(*r.value), r.where);
+  if (!returns_.empty()) set(returns_.back(), graph_.or_(env(returns_.back()).number, active()));
+  set(active_, graph_.zero());
+}
+
+void Translator::leave_or_continue(const Statement* s)
+{
+  if (loops_.empty()) {
+    fail(message::loop, s->where, "LEAVE and CONTINUE stand only in loops.");
+    return;
+  }
+  const Slot waiting = s->kind == StatementKind::leave ? loops_.back().leave : loops_.back().next;
+  set(waiting, graph_.or_(env(waiting).number, active()));
+  set(active_, graph_.zero());
+}
+
+void Translator::do_statement(const DoStatement& d)
+{
+  if (d.index == nullptr && d.while_ == nullptr && d.until == nullptr) return run_block(d.body);
+  LoopMasks masks;
+  masks.leave = new_slot("leave", {graph_.zero(), no_text}, true);
+  masks.next = new_slot("next", {graph_.zero(), no_text}, true);
+  loops_.push_back(masks);
+  if (d.index != nullptr) ranges(d);
+  else conditional_loop(d);
+  loops_.pop_back();
+  set(active_, graph_.or_(active(), env(masks.leave).number));
+  set(masks.leave, graph_.zero());
+}
+
+void Translator::ranges(const DoStatement& d)
+{
+  for (const LoopRange& r : d.ranges)
+    if (is_active()) counted(d, r);
+}
+
+// One pass: WHILE, the body, UNTIL. Lanes that fail a condition wait in the mask `ended`.
+void Translator::pass(const DoStatement& d, const Expr* while_, const Expr* until, Slot ended)
+{
+  const auto go_on_if = [&](NodeId go) {
+    set(ended, graph_.or_(env(ended).number, graph_.and_(active(), graph_.not_(go))));
+    set(active_, graph_.and_(active(), go));
+  };
+  if (while_ != nullptr) go_on_if(truth_of(*while_));
+  if (is_active()) run_block(d.body);
+  const Slot next = loops_.back().next;
+  set(active_, graph_.or_(active(), env(next).number));
+  set(next, graph_.zero());
+  if (until == nullptr || !is_active()) return;
+  graph_.set_position(until->where);
+  go_on_if(graph_.not_(truth_of(*until)));
+}
+
+// index = start TO stop BY step WHILE UNTIL. The number of passes is fixed on entry, floor((stop - start) / step + 1e-9)
+// + 1, and pass k has the value start + k * step, so that no rounding accumulates. WHILE and UNTIL end this range only;
+// the next range of the list is entered all the same.
+void Translator::counted(const DoStatement& d, const LoopRange& r)
+{
+  const auto store = [&](NodeId v) { assign_to(*d.index, {v, no_text}, d.where); };
+  const NodeId start = number_of(*r.start);
+  const Slot ended = new_slot("ended", {graph_.zero(), no_text}, true);
+  const NodeId step = r.step != nullptr ? number_of(*r.step) : graph_.one();
+  const auto value_at = [&](NodeId k) { return graph_.add(start, graph_.multiply(k, step)); };
+  if (graph_.is_constant(step, 0.0)) {
+    fail(message::loop, d.where, "The BY value of this loop is 0; it would never end.");
+    return;
+  }
+  if (r.stop == nullptr && r.step == nullptr) { // a single value
+    store(start);
+    pass(d, r.while_, r.until, ended);
+    return set(active_, graph_.or_(active(), env(ended).number));
+  }
+  const Slot count = new_slot("count", {graph_.zero(), no_text}, true);
+  const auto counted_pass = [&] {
+    store(value_at(env(count).number));
+    pass(d, r.while_, r.until, ended);
+    set(count, graph_.select(active(), graph_.add(env(count).number, graph_.one()), env(count).number));
+  };
+  if (r.stop == nullptr) { // start BY step WHILE or UNTIL: no end of its own
+    const Slot again = new_slot("again", {active(), no_text}, true);
+    carried_loop(d.where, again, counted_pass);
+    return set(active_, env(ended).number);
+  }
+  const NodeId quotient = graph_.divide(graph_.subtract(number_of(*r.stop), start), step);
+  const NodeId passes = graph_.add(graph_.apply(Kernel::floor, {graph_.shift(quotient, 1e-9)}), graph_.one());
+  const NodeId enter = graph_.and_(active(), graph_.compare(Kernel::less, graph_.zero(), passes));
+  if (graph_.is_constant(enter, 0.0)) return store(start);
+  if (graph_.is_constant(passes) && graph_.value(passes) <= most_unrolled_passes) {
+    const double n = graph_.value(passes);
+    for (double k = 0.0; k < n && is_active(); k += 1.0) {
+      store(value_at(graph_.constant(k)));
+      pass(d, r.while_, r.until, ended);
+    }
+    if (is_active()) store(value_at(graph_.constant(n)));
+    return set(active_, graph_.or_(active(), env(ended).number));
+  }
+  const Slot again = new_slot("again", {enter, no_text}, true);
+  const Slot done = new_slot("done", {graph_.and_(active(), graph_.not_(enter)), no_text}, true);
+  carried_loop(d.where, again, [&] {
+    counted_pass();
+    const NodeId more = graph_.compare(Kernel::less, env(count).number, passes);
+    set(done, graph_.or_(env(done).number, graph_.and_(active(), graph_.not_(more))));
+    set(active_, graph_.and_(active(), more));
+  });
+  set(active_, env(done).number);
+  store(value_at(env(count).number));
+  set(active_, graph_.or_(active(), env(ended).number));
+}
+
+// DO WHILE and DO UNTIL. As long as the conditions fold to constants the passes are unrolled.
+void Translator::conditional_loop(const DoStatement& d)
+{
+  const Slot ended = loops_.back().leave; // ended lanes and those that left go on at the same place
+  const NodeId on_entry = active();
+  for (double k = 0.0; k < most_unrolled_passes && active() == on_entry; k += 1.0) {
+    if (d.while_ != nullptr && !graph_.is_constant(truth_of(*d.while_))) break;
+    pass(d, d.while_, d.until, ended);
+  }
+  if (!is_active()) return;
+  const Slot again = new_slot("again", {active(), no_text}, true);
+  carried_loop(d.where, again, [&] { pass(d, d.while_, d.until, ended); });
+  set(active_, graph_.zero());
+}
+
+// A region that a backward GOTO returns to. Each pass runs statements first..last-1.
+void Translator::goto_loop(Block block, std::size_t first, std::size_t last)
+{
+  const Slot pending = labels_.back().pending.at(std::string(block[first]->label));
+  const Slot again = new_slot("again", {active(), no_text}, true);
+  const Slot behind = new_slot("behind", {graph_.zero(), no_text}, true);
+  carried_loop(block[first]->where, again, [&] {
+    run_statements(block, first, last, true);
+    set(behind, graph_.or_(env(behind).number, active()));
+    set(active_, env(pending).number);
+    set(pending, graph_.zero());
+  });
+  set(active_, env(behind).number);
+}
+
+// A loop with a count that only a run knows. `body` translates one pass: it starts with `active` equal to the mask
+// `again` and ends with `active` set for the lanes that make another pass. The slots that a pass changes are found by
+// translating it until no new one appears; then each of them is a carried value.
+void Translator::carried_loop(Position where, Slot again, const std::function<void()>& body)
+{
+  const auto made_before = static_cast<Slot>(values_.size());
+  const std::size_t effects_before = gcmp_.effects.size();
+  std::set<Slot> carried{again, active_};
+  ++carried_depth_;
+  const std::int32_t around = carried_loop_;
+  for (;;) {
+    const std::size_t mark = journal_.size();
+    const std::int32_t loop = graph_.new_loop(around, where);
+    carried_loop_ = loop;
+    std::map<Slot, NodeId> entry;
+    for (const Slot s : carried) {
+      if (env(s).is_text()) {
+        fail(message::unsupported, where, "The character variable " + info(s).name + " changes in a loop whose count is not known "
+             "when the program is compiled; only numbers can.");
+        continue;
+      }
+      entry[s] = graph_.carry(loop, env(s).number);
+      set(s, entry[s]);
+    }
+    set(active_, graph_.truth(entry.at(again)));
+    body();
+    set(again, active());
+    std::set<Slot> changed;
+    for (std::size_t k = mark; k < journal_.size(); ++k) {
+      const Slot s = journal_[k].first;
+      if (s < made_before || info(s).lasting) changed.insert(s);
+    }
+    const bool closed = std::includes(carried.begin(), carried.end(), changed.begin(), changed.end());
+    if (closed) {
+      for (const auto& [s, node] : entry) graph_.carry_at(graph_.node(node).index).next = env(s).number;
+      graph_.loop_at(loop).condition = entry.at(again);
+      for (const auto& [s, node] : entry) set(s, graph_.result(graph_.node(node).index));
+      break;
+    }
+    while (journal_.size() > mark) { // take everything back and try again with the new slots carried too
+      env(journal_.back().first) = journal_.back().second;
+      journal_.pop_back();
+    }
+    gcmp_.effects.resize(effects_before);
+    carried.insert(changed.begin(), changed.end());
+  }
+  --carried_depth_;
+  carried_loop_ = around;
+}
+
+} // namespace torvale::engine
