@@ -22,7 +22,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 5, E,
      "The dependent variable {name} is neither in the data set nor assigned in the program[; did you mean {near}?].",
      "", ""},
-    {503, 8, E, "The RANDOM statement needs SUBJECT= with one variable.", "",
+    {503, 8, E, "The RANDOM statement needs SUBJECT= with one variable[; {found} are given].", "",
      "Write SUBJECT=variable behind the distribution."},
     {503, 9, E, "The {role} variable {name} is not in the data set[; did you mean {near}?].",
      "A misspelled name, or a variable that the program computes: subjects and BY groups are read from the data set.",
@@ -36,8 +36,8 @@ constexpr CatalogueEntry entries[] = {
      "Write RANDOM names ~ NORMAL([means], [covariances]) SUBJECT=variable;"},
     {503, 14, E, "The distribution of the MODEL statement takes {expected} arguments, but {found} are given.", "", ""},
     {503, 15, E,
-     "The normal distribution of RANDOM needs {expected} arguments, means and then the lower triangle of the "
-     "covariance matrix by rows; {found} are given.",
+     "The normal distribution of RANDOM needs {expected} arguments[ for {effects} effects], means and then the lower "
+     "triangle of the covariance matrix by rows; {found} are given.",
      "A covariance was left out, or the full matrix was written.", "For two effects: NORMAL([m1,m2],[v11,v21,v22])."},
     {503, 16, E, "The quadrature points cannot be computed[: {points} points per dimension].", "",
      "Use fewer points (QPOINTS=)."},
@@ -46,8 +46,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 19, E, "METHOD=FIRO needs a MODEL with the normal distribution.", "", "Use the default METHOD=GAUSS."},
     {503, 20, W, "Of {points} quadrature points {kept} are used; the weights of the others are zero.",
      "Very many points.", "Use fewer points (QPOINTS=)."},
-    {503, 22, E, "The replicate variable {name} is neither numeric in the data set nor assigned in the program.", "",
-     ""},
+    {503, 22, E,
+     "The replicate variable {name} is neither numeric in the data set[ {data}] nor assigned in the program.", "", ""},
     {503, 23, E, "METHOD=HARDY needs exactly one random effect[; there are {count}].", "",
      "Use the default METHOD=GAUSS."},
     {503, 24, N,
@@ -63,7 +63,7 @@ constexpr CatalogueEntry entries[] = {
      "The subject variable[ {name}] is missing in observation {observation}[; {count} rows have no subject]; the group "
      "is not used.",
      "", "Give these rows a subject, or leave them out: DATA=name(where=(subject ^= .))."},
-    {503, 29, E, "An ESTIMATE statement takes one expression.", "", "Use CONTRAST for several."},
+    {503, 29, E, "The ESTIMATE statement[ {label}] takes one expression.", "", "Use CONTRAST for several."},
     {503, 33, E, "{statement} must not depend on random effects, but uses {name}.", "",
      "Use PREDICT for functions of random effects."},
     {503, 38, E,
@@ -98,7 +98,7 @@ constexpr CatalogueEntry entries[] = {
      "{iteration}].",
      "A covariance that is too large for its variances.",
      "Starting values with smaller covariances; BOUNDS variance > 0; or write it as a product of a triangular factor."},
-    {503, 134, E, "QTOL= must be at least 1.11e-15.", "", ""},
+    {503, 134, E, "QTOL=[{value}] must be at least 1.11e-15.", "", ""},
     {503, 135, W,
      "An element of the covariance matrix of the random effects is missing[ for subject {subject}][ in iteration "
      "{iteration}].",
@@ -126,7 +126,7 @@ constexpr CatalogueEntry entries[] = {
 
     // --- Starting values and bounds ---
     {503, 230, E, "The variable {variable} of the PARMS data set {data} must be numeric.", "", ""},
-    {503, 231, W, "BEST= is above the number of starting points, {points}; all are kept.", "", ""},
+    {503, 231, W, "BEST=[{best}] is above the number of starting points, {points}; all are kept.", "", ""},
     {503, 232, E, "None of the[ {count}] starting points can be used.",
      "The model fails, or a bound is violated, at each of them.",
      "Start from values at which the curve looks like the data; check the units; check BOUNDS."},
@@ -168,7 +168,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 332, E, "RANDOM takes the distributions NORMAL and DISCRETE only.", "", ""},
     {503, 333, E, "DISCRETE is a distribution of random effects, not of MODEL.", "", ""},
     {503, 334, E,
-     "The arguments of DISCRETE do not come in support points and probabilities for {count} random effects.", "", ""},
+     "The {found} arguments of DISCRETE do not come in support points and probabilities for {effects} random effects.",
+     "", ""},
     {503, 335, W, "OUTP= is ignored: it needs the DISCRETE distribution.", "", ""},
     {503, 337, W,
      "The data set is not sorted by the subject variable {variable}: a value that comes again starts a new subject.",
@@ -225,7 +226,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 408, N, "Computing {what}.", "", ""},
 
     // --- Several RANDOM statements, threads, the optimizer bridge ---
-    {503, 500, E, "The grid of starting values has more than 2147483647 points.", "", "Fewer values per parameter."},
+    {503, 500, E, "The grid of starting values has more than 2147483647 points[: {points}].", "",
+     "Fewer values per parameter."},
     {503, 501, E, "Several RANDOM statements need METHOD=GAUSS.", "", ""},
     {503, 503, E, "REPLICATE {name} cannot be used with several RANDOM statements.", "", ""},
     {503, 504, E, "The SUBJECT= variables of the RANDOM statements are not nested in each other[: {subject}].", "",
