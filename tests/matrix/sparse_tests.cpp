@@ -235,7 +235,7 @@ TEST(SparseCholesky, FaultsAndSingularMatrices)
   // A diagonal structure has no place for a coupling.
   std::vector<int> ja = {0, 1, 2, 0, 1};
   std::vector<int> perm = {0, 1, -1, -1};
-  std::vector<int> iwork(8);
+  std::vector<int> iwork(9);
   std::vector<int> ju(5);
   int length = 5;
   ASSERT_EQ(zslltsf(2, ja.data(), perm.data(), ju.data(), &length, iwork.data()), 0);
