@@ -1,5 +1,7 @@
 #include "host/by_groups.h"
 #include "host/text.h"
+#include <algorithm>
+#include <numeric>
 
 namespace torvale::host {
 
@@ -29,6 +31,7 @@ std::string key_text(const DataSet& data, const std::vector<std::size_t>& column
 
 int ByGroups::build(const DataSet& data, std::vector<ByVariable> variables, bool notsorted, MessageSink& log)
 {
+  by_key_.clear();
   data_ = &data;
   variables_ = std::move(variables);
   columns_.clear();
@@ -49,6 +52,17 @@ int ByGroups::build(const DataSet& data, std::vector<ByVariable> variables, bool
     groups_.push_back({0, data.rows()});
     return 0;
   }
+  const int code = find_groups(notsorted, log);
+  by_key_.resize(groups_.size());
+  std::iota(by_key_.begin(), by_key_.end(), std::size_t{0});
+  std::stable_sort(by_key_.begin(), by_key_.end(),
+                   [&](std::size_t a, std::size_t b) { return compare_group(a, *this, b) < 0; });
+  return code;
+}
+
+int ByGroups::find_groups(bool notsorted, MessageSink& log)
+{
+  const DataSet& data = *data_;
   std::size_t begin = 0;
   for (std::size_t row = 1; row <= data.rows(); ++row) {
     const int order = row == data.rows() ? -1 : compare_keys(data, columns_, variables_, row - 1, row);
@@ -85,17 +99,24 @@ bool ByGroups::xbynext()
   return true;
 }
 
+int ByGroups::compare_group(std::size_t group, const ByGroups& other, std::size_t other_group) const
+{
+  const std::size_t row = groups_[group].begin, other_row = other.groups_[other_group].begin;
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
+    const Column& column = data_->columns()[columns_[i]];
+    const int order = compare_cells(column, row, other.data_->columns()[other.columns_[i]], other_row);
+    if (order != 0) return order;
+  }
+  return 0;
+}
+
 std::optional<std::size_t> ByGroups::xbysync(const ByGroups& other, std::size_t group_of_other) const
 {
-  const std::size_t other_row = other.groups_[group_of_other].begin;
-  for (std::size_t g = 0; g < groups_.size(); ++g) {
-    bool same = columns_.size() == other.columns_.size();
-    for (std::size_t i = 0; same && i < columns_.size(); ++i)
-      same = compare_cells(data_->columns()[columns_[i]], groups_[g].begin, other.data_->columns()[other.columns_[i]],
-                           other_row) == 0;
-    if (same) return g;
-  }
-  return std::nullopt;
+  if (columns_.size() != other.columns_.size()) return std::nullopt;
+  const auto at = std::partition_point(by_key_.begin(), by_key_.end(),
+                                       [&](std::size_t g) { return compare_group(g, other, group_of_other) < 0; });
+  if (at == by_key_.end() || compare_group(*at, other, group_of_other) != 0) return std::nullopt;
+  return *at;
 }
 
 int ByGroups::xbylist(const DataSet& main, const DataSet& second, const std::vector<ByVariable>& variables)

@@ -45,10 +45,15 @@ public:
   static int xbylist(const DataSet& main, const DataSet& second, const std::vector<ByVariable>& variables);
 
 private:
+  int find_groups(bool notsorted, MessageSink& log);
+  // Order of the values of a group here and one there: negative, 0, positive.
+  int compare_group(std::size_t group, const ByGroups& other, std::size_t other_group) const;
+
   const DataSet* data_ = nullptr; // borrowed
   std::vector<ByVariable> variables_;
   std::vector<std::size_t> columns_;
   std::vector<ByGroup> groups_;
+  std::vector<std::size_t> by_key_; // the groups in rising order of their values; equal ones as they stand in the file
   std::size_t current_ = static_cast<std::size_t>(-1);
 };
 
