@@ -18,8 +18,8 @@ constexpr double most = 0x1p53; // whole numbers end here
 
 bool reached(double p, const Tails& t)
 {
-  constexpr double slack = 1e-13;
-  return p <= 0.5 ? t.lower >= p * (1.0 - slack) : t.upper <= (1.0 - p) * (1.0 + slack);
+  constexpr double slack = 1e-13, rounding_of_p = 0x1p-52;
+  return p <= 0.5 ? t.lower >= p * (1.0 - slack) : t.upper <= (1.0 - p) * (1.0 + slack) + rounding_of_p;
 }
 
 // From a guess outwards in doubling steps until the answer is bracketed, then bisection.

@@ -66,7 +66,7 @@ Tails t_at(double t, double df)
   return probability::student_tails(t, df);
 }
 
-int order_of(double x) { return x >= 0.0 && x <= 3.0 ? static_cast<int>(x) : 0; }
+int order_of(double x) { return x >= 0.0 && x <= 3.0 ? static_cast<int>(x) : -1; }
 
 } // namespace
 

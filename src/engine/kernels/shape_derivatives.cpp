@@ -151,6 +151,8 @@ Jet log_beta_direct(const Jet& x, const Jet& y, const Jet& a, const Jet& b)
   return a * log(x) + b * log(y) - log(a) - (lgamma(a) + lgamma(b) - lgamma(a + b)) + log(beta_fraction(x, a, b));
 }
 
+bool has_order(int order) { return order >= 1 && order <= 3; }
+
 double derivative(const Jet& j, int order)
 {
   constexpr double factorial[] = {1.0, 1.0, 2.0, 6.0};
@@ -172,7 +174,7 @@ double along(double x, double y, double a, double b, double u, double v, int ord
 
 double log_gamma_tail_by_shape(double x, double a, int order, bool upper)
 {
-  if (!(a > 0.0) || !std::isfinite(a) || std::isnan(x)) return not_a_number;
+  if (!(a > 0.0) || !std::isfinite(a) || std::isnan(x) || !has_order(order)) return not_a_number;
   if (x <= 0.0 || std::isinf(x)) return 0.0;
   const Jet shape(a, 1.0);
   const bool series = x <= a + 1.0;
@@ -187,6 +189,7 @@ double log_gamma_tail_by_shape(double x, double a, int order, bool upper)
 double log_beta_tail_by_shapes(double x, double y, double a, double b, int i, int j, bool upper)
 {
   if (!(a > 0.0 && b > 0.0) || !std::isfinite(a + b) || std::isnan(x) || std::isnan(y)) return not_a_number;
+  if (i < 0 || j < 0 || !has_order(i + j)) return not_a_number;
   if (x <= 0.0 || y <= 0.0) return 0.0;
   const auto d = [&](double u, double v) { return along(x, y, a, b, u, v, i + j, upper); };
   if (j == 0) return d(1.0, 0.0);
@@ -200,7 +203,7 @@ double log_beta_tail_by_shapes(double x, double y, double a, double b, int i, in
 // P(T < t) = I_x(df/2, 1/2) / 2 for t < 0, with x = df / (df + t^2).
 double log_t_lower_by_df(double t, double df, int order)
 {
-  if (!(df > 0.0) || !std::isfinite(df) || std::isnan(t)) return not_a_number;
+  if (!(df > 0.0) || !std::isfinite(df) || std::isnan(t) || !has_order(order)) return not_a_number;
   if (t == 0.0 || std::isinf(t)) return 0.0;
   const Jet n(df, 1.0), x = n / (n + Jet(t * t)), y = Jet(t * t) / (n + Jet(t * t)), a = Jet(0.5) * n, half(0.5);
   Jet l; // log of the tail beyond |t|

@@ -2,9 +2,9 @@
 // Derivatives of the logarithms of distribution functions by their shapes and degrees of freedom, to third order.
 //
 // No closed form exists. The series or continued fraction of the integral is summed in truncated Taylor polynomials of
-// the shape instead of numbers, so no difference is taken: relative error about 1e-12 for shapes from 1e-3 to 1e5 where
-// the tail is at least 1e-200, less where a tail is the complement of one close to 1. NaN where 20000 terms do not
-// suffice, or for an argument outside the domain.
+// the shape instead of numbers, so no difference is taken: relative error about 1e-12 (third derivatives 1e-11) for
+// shapes from 1e-3 to 1e5 where the tail is at least 1e-200, less where a tail is the complement of one close to 1. NaN
+// where 20000 terms do not suffice, for an argument outside the domain, or an order that is not 1, 2 or 3.
 
 namespace torvale::engine {
 
