@@ -1,0 +1,240 @@
+// Programs as people write them, against values worked out by hand.
+
+#include "engine/model_fixture.h"
+
+namespace torvale::test {
+
+namespace {
+
+const double missing = std::nan("");
+
+void expect_values(const std::vector<double>& got, const std::vector<double>& want, double tolerance = 1e-14)
+{
+  ASSERT_EQ(got.size(), want.size());
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    if (std::isnan(want[i])) EXPECT_TRUE(std::isnan(got[i])) << "row " << i << " is " << got[i];
+    else EXPECT_NEAR(got[i], want[i], tolerance * std::max(1.0, std::fabs(want[i]))) << "row " << i;
+  }
+}
+
+} // namespace
+
+// ll = y * eta - log(1 + exp(eta)), eta = b0 + b1 x + u: value, gradient and Hessian in closed form.
+TEST(EnginePrograms, LogisticModelHasItsTextbookDerivatives)
+{
+  Model m;
+  m.data("x", {0.5, -1.0, 2.0, 0.0});
+  m.data("y", {1, 0, 1, 0});
+  Trees& t = m.trees;
+  m.compile({t.assign("eta", t.add(t.add(t.var("b0"), t.mul(t.var("b1"), t.var("x"))), t.var("u"))),
+             t.assign("_ll", t.sub(t.mul(t.var("y"), t.var("eta")), t.call("log", {t.add(t.number(1), t.call("exp", {t.var("eta")}))})))},
+            {"b0", "b1"}, {"u"});
+  m.theta = {0.3, -0.7};
+  CMPLIST obj{{m.symbol("_ll")}}, wrt{{m.parameters[0], m.parameters[1], m.effects[0]}};
+  CMPDER first, second;
+  ASSERT_EQ(cmpder(first, obj, wrt, *m.compiler), 0) << m.messages();
+  ASSERT_EQ(first.der.n(), 3);
+  ASSERT_EQ(cmpder(second, first.der, wrt, *m.compiler), 0);
+  ASSERT_EQ(second.der.n(), 9);
+  std::vector<CMPSYM*> outputs{m.symbol("_ll")};
+  outputs.insert(outputs.end(), first.der.s.begin(), first.der.s.end());
+  outputs.insert(outputs.end(), second.der.s.begin(), second.der.s.end());
+  const double u = 0.25;
+  const auto v = m.run(outputs, {u});
+  for (std::size_t i = 0; i < 4; ++i) {
+    const double x = m.columns[0][i], y = m.columns[1][i], eta = 0.3 - 0.7 * x + u, p = 1 / (1 + std::exp(-eta));
+    EXPECT_NEAR(v[0][i], y * eta - std::log1p(std::exp(eta)), 1e-14);
+    const double d[] = {1.0, x, 1.0};
+    for (std::size_t a = 0; a < 3; ++a) {
+      EXPECT_NEAR(v[1 + a][i], (y - p) * d[a], 1e-14);
+      for (std::size_t b = 0; b < 3; ++b) EXPECT_NEAR(v[4 + 3 * a + b][i], -p * (1 - p) * d[a] * d[b], 1e-14);
+    }
+  }
+  // The intercept and the random effect enter through one sum: their derivatives are one node, so is the whole Hessian
+  // but for x. Everything that depends on the effect alone or on data is hoisted.
+  const ProgramSize size = program_size(*cmpspec(*m.compiler, outputs));
+  EXPECT_LE(size.nodes, 30);
+  EXPECT_LT(size.nodes, size.nodes_before / 3);
+}
+
+// Missing values in branches: a comparison with a missing value is exact, and no branch leaks into the other.
+TEST(EnginePrograms, BranchesFollowTheOrderOfMissingValues)
+{
+  Model m;
+  m.data("x", {1, 9, missing, 5});
+  Trees& t = m.trees;
+  m.compile({t.if_(t.binary(Op::less, t.var("x"), t.number(5)), t.assign("z", t.number(1)), t.assign("z", t.number(2))),
+             t.if_(t.binary(Op::equal, t.var("x"), t.number(missing)), t.assign("w", t.number(7)), t.assign("w", t.call("log", {t.sub(t.var("x"), t.number(1))}))),
+             t.assign("sum", t.add(t.var("x"), t.number(1)))},
+            {});
+  const auto v = m.run({m.symbol("z"), m.symbol("w"), m.symbol("sum")});
+  expect_values(v[0], {1, 2, 1, 2});
+  expect_values(v[1], {missing, std::log(8.0), 7, std::log(4.0)});
+  expect_values(v[2], {2, 10, missing, 6});
+}
+
+// The branch not taken contributes derivative 0, also where its own derivative does not exist.
+TEST(EnginePrograms, UntakenBranchesDoNotReachDerivatives)
+{
+  Model m;
+  m.data("t", {0, 1, 2});
+  Trees& t = m.trees;
+  m.compile({t.if_(t.binary(Op::greater, t.var("t"), t.number(0)), t.assign("f", t.mul(t.var("a"), t.call("log", {t.mul(t.var("t"), t.var("a"))}))),
+                   t.assign("f", t.var("a"))),
+             t.assign("g", t.power(t.var("t"), t.var("b")))},
+            {"a", "b"});
+  m.theta = {1.5, 0.8};
+  CMPDER d;
+  ASSERT_EQ(cmpder(d, CMPLIST{{m.symbol("f"), m.symbol("g")}}, CMPLIST{m.parameters}, *m.compiler), 0) << m.messages();
+  ASSERT_EQ(d.der.n(), 2);
+  const auto v = m.run(d.der.s);
+  expect_values(v[0], {1, std::log(1.5) + 1, std::log(3.0) + 1});
+  expect_values(v[1], {0, 0, std::pow(2, 0.8) * std::log(2.0)});
+}
+
+TEST(EnginePrograms, LoopsArraysAndJumps)
+{
+  Model m;
+  m.data("n", {0, 1, 3, 6});
+  m.data("x", {2, 3, 4, 5});
+  Trees& t = m.trees;
+  std::vector<Statement*> s;
+  s.push_back(t.array("a", 3, {"a1", "a2", "a3"}));
+  s.push_back(t.loop("i", t.number(1), t.number(3), {t.assign(t.element("a", {t.var("i")}), t.mul(t.var("i"), t.var("x")))}));
+  s.push_back(t.assign("total", t.call("sum", {t.whole("a")})));
+  // A loop whose count is data: the factorial-like product p * (k + theta).
+  s.push_back(t.assign("p", t.number(1)));
+  s.push_back(t.loop("k", t.number(1), t.var("n"), {t.assign("p", t.mul(t.var("p"), t.add(t.var("k"), t.var("theta"))))}));
+  s.push_back(t.assign("last", t.var("k")));
+  // A subscript that is data, limited to the bounds.
+  s.push_back(t.assign("pick", t.element("a", {t.call("min", {t.call("max", {t.var("n"), t.number(1)}), t.number(3)})})));
+  // WHILE: how often can x be halved.
+  s.push_back(t.assign("y", t.var("x")));
+  s.push_back(t.assign("halvings", t.number(0)));
+  s.push_back(t.while_(t.binary(Op::greater, t.var("y"), t.number(1)),
+                       {t.assign("y", t.div(t.var("y"), t.number(2))), t.assign("halvings", t.add(t.var("halvings"), t.number(1)))}));
+  // Leaving a loop, and a jump forward over an assignment.
+  s.push_back(t.loop("j", t.number(1), t.number(10), {t.if_(t.binary(Op::equal, t.var("j"), t.var("x")), t.plain(StatementKind::leave))}));
+  s.push_back(t.assign("flag", t.number(0)));
+  s.push_back(t.if_(t.binary(Op::less, t.var("n"), t.number(2)), t.jump(StatementKind::go_to, "over")));
+  s.push_back(t.assign("flag", t.number(1)));
+  s.push_back(t.labelled("over", t.assign("seen", t.number(1))));
+  m.compile(s, {"theta"});
+  m.theta = {0.5};
+  CMPDER d;
+  ASSERT_EQ(cmpder(d, CMPLIST{{m.symbol("p")}}, CMPLIST{m.parameters}, *m.compiler), 0) << m.messages();
+  ASSERT_EQ(d.der.n(), 1);
+  const auto v = m.run({m.symbol("total"), m.symbol("p"), m.symbol("last"), m.symbol("pick"), m.symbol("halvings"), m.symbol("j"), m.symbol("flag"), d.der.s[0]});
+  EXPECT_EQ(cmperrors(*m.compiler), 0) << m.messages();
+  expect_values(v[0], {12, 18, 24, 30});
+  std::vector<double> p, dp;
+  for (const double n : m.columns[0]) {
+    double value = 1, slope = 0;
+    for (double k = 1; k <= n; ++k) {
+      slope = slope * (k + 0.5) + value;
+      value *= k + 0.5;
+    }
+    p.push_back(value);
+    dp.push_back(slope);
+  }
+  expect_values(v[1], p);
+  expect_values(v[2], {1, 2, 4, 7});
+  expect_values(v[3], {2, 3, 12, 15});
+  expect_values(v[4], {1, 2, 2, 3});
+  expect_values(v[5], {2, 3, 4, 5});
+  expect_values(v[6], {0, 0, 1, 1});
+  expect_values(v[7], dp);
+}
+
+// A backward GOTO is a loop; LINK comes back; DELETE leaves no results.
+TEST(EnginePrograms, BackwardJumpsLinksAndDelete)
+{
+  Model m;
+  m.data("x", {1, 4, -1});
+  Trees& t = m.trees;
+  m.compile({t.if_(t.binary(Op::less, t.var("x"), t.number(0)), t.plain(StatementKind::delete_)),
+             t.assign("c", t.number(0)),
+             t.labelled("again", t.assign("c", t.add(t.var("c"), t.number(1)))),
+             t.if_(t.binary(Op::less, t.var("c"), t.var("x")), t.jump(StatementKind::go_to, "again")),
+             t.jump(StatementKind::link, "sub"),
+             t.assign("after", t.add(t.var("r"), t.number(100))),
+             t.return_(),
+             t.labelled("sub", t.assign("r", t.mul(t.var("c"), t.number(2)))),
+             t.return_()},
+            {});
+  const auto v = m.run({m.symbol("c"), m.symbol("after")});
+  EXPECT_EQ(cmperrors(*m.compiler), 0) << m.messages();
+  expect_values(v[0], {1, 4, missing});
+  expect_values(v[1], {102, 108, missing});
+}
+
+// Autoregression: a lag of a computed value carries its derivative; sums start anew with each subject.
+TEST(EnginePrograms, KeptValuesCarryTheirDerivatives)
+{
+  Model m;
+  m.data("y", {1, 2, 4, 3, 5});
+  m.starts = {0, 0, 0, 3, 3};
+  Trees& t = m.trees;
+  m.compile({t.assign("e", t.sub(t.var("y"), t.var("mu"))),
+             t.assign("before", t.call("lag", {t.var("e")})),
+             t.assign("first", t.call("lag", {t.var("y")})),
+             t.sum("total", t.mul(t.var("mu"), t.var("y"))),
+             t.assign("r", t.conditional(t.binary(Op::equal, t.var("before"), t.number(missing)), t.var("e"), t.sub(t.var("e"), t.mul(t.var("rho"), t.var("before")))))},
+            {"mu", "rho"});
+  m.theta = {0.5, 0.3};
+  CMPDER d, dd;
+  ASSERT_EQ(cmpder(d, CMPLIST{{m.symbol("r"), m.symbol("total")}}, CMPLIST{m.parameters}, *m.compiler), 0) << m.messages();
+  ASSERT_EQ(d.der.n(), 3);
+  ASSERT_EQ(cmpder(dd, d.der, CMPLIST{m.parameters}, *m.compiler), 0);
+  std::vector<CMPSYM*> outputs{m.symbol("r"), m.symbol("total"), m.symbol("first")};
+  outputs.insert(outputs.end(), d.der.s.begin(), d.der.s.end());
+  const auto v = m.run(outputs);
+  expect_values(v[0], {0.5, 1.5 - 0.15, 3.5 - 0.45, 2.5, 4.5 - 0.75});
+  expect_values(v[1], {0.5, 1.5, 3.5, 1.5, 4});
+  expect_values(v[2], {missing, 1, 2, missing, 3});
+  expect_values(v[3], {-1, -1 + 0.3, -1 + 0.3, -1, -1 + 0.3});
+  expect_values(v[4], {0, -0.5, -1.5, 0, -2.5});
+  expect_values(v[5], {1, 3, 7, 3, 8});
+}
+
+// Texts: comparisons of data with constants, a text chosen by a branch, substrings and lengths.
+TEST(EnginePrograms, TextsDecideBranches)
+{
+  Model m;
+  m.data("x", {1, 2, 3, 4});
+  m.characters("sex", {"M", "F", "", "M "});
+  Trees& t = m.trees;
+  m.compile({t.if_(t.binary(Op::equal, t.var("sex"), t.text("M")), t.assign("g", t.text("male")), t.assign("g", t.text("other"))),
+             t.assign("z", t.conditional(t.binary(Op::equal, t.call("upcase", {t.var("g")}), t.text("MALE")), t.var("x"), t.number(0))),
+             t.assign("len", t.call("length", {t.binary(Op::concatenate, t.var("g"), t.text("!"))})),
+             t.assign("blank", t.call("missing", {t.var("sex")}))},
+            {});
+  const auto v = m.run({m.symbol("z"), m.symbol("len"), m.symbol("blank")});
+  EXPECT_EQ(cmperrors(*m.compiler), 0) << m.messages();
+  expect_values(v[0], {1, 0, 0, 4});
+  expect_values(v[1], {5, 5, 5, 5});
+  expect_values(v[2], {0, 0, 1, 0});
+}
+
+TEST(EnginePrograms, StopsAndSubscriptsTrap)
+{
+  Model m;
+  m.data("x", {1, 2, 3, 4});
+  Trees& t = m.trees;
+  m.compile({t.array("a", 3, {"a1", "a2", "a3"}), t.assign("a1", t.number(1)), t.assign("a2", t.number(1)), t.assign("a3", t.number(1)),
+             t.assign("z", t.element("a", {t.var("x")})),
+             t.if_(t.binary(Op::greater, t.var("x"), t.var("limit")), t.plain(StatementKind::stop))},
+            {"limit"});
+  int code = 0;
+  m.theta = {10};
+  (void)m.run({m.symbol("z")}, {}, &code);
+  EXPECT_EQ(code, run_code::subscript);
+  m.columns[0][3] = 2;
+  (void)m.run({m.symbol("z")}, {}, &code);
+  EXPECT_EQ(code, 0);
+  m.theta = {2.5};
+  (void)m.run({m.symbol("z")}, {}, &code);
+  EXPECT_EQ(code, run_code::stopped);
+}
+
+} // namespace torvale::test
