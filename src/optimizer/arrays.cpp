@@ -60,9 +60,9 @@ long wrk2_length(const MINSTR& str)
   const long n = str.nvar;
   switch (str.tech) {
   case NMSIMP:
-  case NMSIM2: return (n + 4) * n + n + 1;   // vertices, their values, four points
-  case TRUREG: return 6 * n + n * n;         // step, best step, solves; a rotated copy of the Hessian
-  case DBLDOG:
+  case NMSIM2: return (n + 4) * n + n + 1; // vertices, their values, three points
+  case DBLDOG: return 12 * n; // 7n of the quasi-Newton matrix, five vectors
+  case TRUREG:
   case NEWRAP:
   case NRLINS:
   case NRRIDG: return 8 * n;
@@ -116,7 +116,7 @@ int provide_technique_arrays(MINSTR* str)
   // request's own storage.
   const bool matrix = str->tech != CONGRA && str->tech != NMSIMP && str->tech != NMSIM2 && str->tech != NONE;
   const bool hessian_technique = str->ider >= 4;
-  const bool needs_projection = matrix && (constrained || hessian_technique || str->load != 0);
+  const bool needs_projection = matrix && (constrained || hessian_technique || str->load != 0 || str->hesc != 0);
   const Need needs[] = {
       {&MINSTR::hess, matrix ? packed : 0},
       {&MINSTR::hpro, needs_projection ? packed : 0},

@@ -86,8 +86,16 @@ int check_derivatives(MINSTR* str, int dtst)
 int run_technique(MINSTR* str)
 {
   switch (str->tech) {
+  case TRUREG: return znlptre(str);
+  case NEWRAP:
+  case NRLINS: return znlpnra(str);
+  case NRRIDG: return znlpnrr(str);
+  case DBLDOG: return znlpddl(str);
   case QUANEW: return znlpqun(str);
   case DUQUAN: return znlpdqn(str);
+  case CONGRA: return znlpcog(str);
+  case NMSIMP: return znlpnms(str);
+  case NMSIM2: return znlpnm2(str);
   default: return 0;
   }
 }

@@ -57,7 +57,8 @@ public:
     sigma = how.sigma_free ? 0.9 : str->sigm;
     c1 = how.sigma_free ? 0.1 : str->sigm <= 0.2 ? 0.5 * str->sigm : 0.1;
     const bool noisy = str->sigm >= 0.1 && gradient_by_differences(*str) && str->fdig < -std::log10(50.0 * machine_epsilon);
-    const double noise_step = noisy ? 1e-6 : 0.0;
+    // Differences carry no news of a step this small.
+    const double noise_step = noisy ? 1e-6 * a : 0.0;
     best = {0.0, f0};
     lo = {0.0, f0, s0, true};
     has_hi = false;
@@ -69,7 +70,7 @@ public:
         continue;
       }
       const double f = str->crit;
-      if (a <= shortest || a <= noise_step) break;
+      if (a <= shortest || (a <= noise_step && best.step == 0.0)) break;
       if (trial > 2 && std::abs(f - f0) <= smallest_normal) break;
       double next = 0.0;
       const Outcome outcome = f - f0 <= c1 * s0 * a ? decreased_enough(a, f, longest, next) : too_long(a, f, next);

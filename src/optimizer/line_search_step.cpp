@@ -35,7 +35,9 @@ double raise_useless_step(const MINSTR& str, double a)
 double znlpalf(const MINSTR& str, double slope, double longest)
 {
   double a = 1.0;
-  if (!is_missing(str.damp)) {
+  if (str.trial > 0.0) {
+    a = str.trial;
+  } else if (!is_missing(str.damp)) {
     a = str.itre == 0 ? 1.0 : std::min(str.damp * str.alfa, 1.0);
   } else if (is_missing(str.dfes) || str.dfes == 0.0 || str.itre == 0) {
     // No decrease to go by: the first direction of a cycle is a bare gradient whose length means nothing.
@@ -47,7 +49,7 @@ double znlpalf(const MINSTR& str, double slope, double longest)
       a = 2.5 * decrease / std::abs(slope);
     a = std::clamp(a, 0.1, natural_step_is_one(str.tech) ? 1.0 : 10.0);
   }
-  if (!(str.itre > 1 && str.nlis > 5)) a = std::min(a, str.salf);
+  if (str.trial == 0.0 && !(str.itre > 1 && str.nlis > 5)) a = std::min(a, str.salf);
   if (str.nlis <= str.smit) a = std::min(a, str.smax);
   return std::min(raise_useless_step(str, a), longest);
 }

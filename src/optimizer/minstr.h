@@ -323,6 +323,7 @@ struct MINSTR {
   double dfes = 0;   // estimate of the decrease of the objective
   double alfa = 0;   // step length
   double stub = 0;   // upper bound on the step length from constraints
+  double trial = 0;  // first trial step of the next line search when the technique knows one; 0: none
   double scal = 1;   // factor that the last update applied to the quasi-Newton matrix before updating it
   long pnact = 0;    // row of the history in the making: active constraints
   double piter = 0;  //   iteration

@@ -14,8 +14,16 @@ const char* technique_name(int tech)
 {
   switch (tech) {
   case NONE: return "NONE";
+  case TRUREG: return "TRUREG";
+  case NEWRAP: return "NEWRAP";
+  case NRRIDG: return "NRRIDG";
+  case NRLINS: return "NRLINS";
+  case DBLDOG: return "DBLDOG";
   case QUANEW: return "QUANEW";
   case DUQUAN: return "DUQUAN";
+  case CONGRA: return "CONGRA";
+  case NMSIMP: return "NMSIMP";
+  case NMSIM2: return "NMSIM2";
   default: return "";
   }
 }

@@ -25,6 +25,7 @@ int begin_technique(MINSTR* str, bool with_gradient)
   str->dfes = missing;
   str->alfa = 0.0;
   str->stub = largest;
+  str->trial = 0.0;
 
   // The start stage has been here and left its point in xold; only a caller that moved x in between pays for another call.
   const auto bytes = sizeof(double) * static_cast<std::size_t>(str->nvar);

@@ -249,6 +249,7 @@ RunResult run_problem(const Problem& problem, const RunOptions& options)
   str.tupd = options.update;
   str.tlin = options.line_search;
   str.fidi = options.difference;
+  str.fihs = options.hessian_difference;
   str.start_scale = options.updates_scale;
   str.hesc = options.hessian_scale + 1;
   if (options.digits > 0.0) str.fdig = options.digits;

@@ -53,10 +53,11 @@ struct RunOptions {
   int update = 0;
   int line_search = 0;
   int difference = 0;   // FD
-  int updates_scale = 0;
+  int updates_scale = 0;  // scaling of the start matrix for small problems too
   bool tight = true;    // criteria that do not stop early
   int hessian_scale = 0;
   double digits = 0.0;  // FDIGITS
+  int hessian_difference = 0; // FDHESSIAN
 };
 
 struct RunResult {
