@@ -29,8 +29,7 @@ inline int close_row(double& pivot, double tol)
 
 // Row k of a small factor, unrolled: at the orders of random effects the branches of short loops cost more
 // than the arithmetic (measured at order 8: half the time).
-template <long k>
-int short_row(double* base, double tol)
+template <long k> int short_row(double* base, double tol)
 {
   double* const row = base + packed_row(k);
   double r[k + 1];

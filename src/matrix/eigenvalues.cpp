@@ -94,8 +94,7 @@ Interval gersch(const Tridiagonal& t, long first, long last)
     b.low = std::min(b.low, t.d[i] - radius);
     b.high = std::max(b.high, t.d[i] + radius);
   }
-  const double slack =
-      static_cast<double>(last - first + 1) * eps * std::max(std::fabs(b.low), std::fabs(b.high));
+  const double slack = static_cast<double>(last - first + 1) * eps * std::max(std::fabs(b.low), std::fabs(b.high));
   return {b.low - slack - dmin, b.high + slack + dmin};
 }
 
@@ -176,12 +175,16 @@ void bisect_block(const Tridiagonal& t, long first, long last, Interval b, doubl
     while (open(at, width)) {
       const double middle = at.low + (at.high - at.low) / 2.0;
       const int below = sturm(t, first, last, middle);
-      if (below > k) at.high = middle;
-      else at.low = middle;
+      if (below > k)
+        at.high = middle;
+      else
+        at.low = middle;
       // Ordinals below `below` lie left of the middle, the others right of it.
       for (int j = k + 1; j < to; ++j) {
-        if (j < below) upper[j] = std::min(upper[j], middle);
-        else lower[j] = std::max(lower[j], middle);
+        if (j < below)
+          upper[j] = std::min(upper[j], middle);
+        else
+          lower[j] = std::max(lower[j], middle);
       }
     }
     lower[k] = at.low;
@@ -215,8 +218,10 @@ int zbisect(int n, int nval, double eps_argument, double* trid, double* val, int
   const int most = std::min(std::abs(nval), n);
   Interval search = gersch(t, 0, n - 1);
   if (most < n) {
-    if (largest_wanted) search.low = cut(t, n, n - most, search, false);
-    else search.high = cut(t, n, most, search, true);
+    if (largest_wanted)
+      search.low = cut(t, n, n - most, search, false);
+    else
+      search.high = cut(t, n, most, search, true);
   }
 
   Values values = {most, largest_wanted, val, ii};

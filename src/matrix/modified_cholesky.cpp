@@ -16,10 +16,10 @@ namespace {
 struct Factorization {
   long n;
   double* a;
-  double* emat;    // may be null
-  double* gvec;    // lower Gerschgorin bounds of the remaining rows, once phase one has ended
+  double* emat; // may be null
+  double* gvec; // lower Gerschgorin bounds of the remaining rows, once phase one has ended
   int* ipiv;
-  double delta;    // largest addition so far; additions never fall from column to column
+  double delta; // largest addition so far; additions never fall from column to column
 
   double& at(long i, long j) { return a[packed_row(i) + j]; }
   void record(long j) const

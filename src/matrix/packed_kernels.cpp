@@ -131,8 +131,7 @@ void zmxsss(const double* s1, double* s2, int n, double* work)
 {
   zmxss(s1, s2, work, n);
   for (long i = 0; i < n; ++i)
-    for (long j = 0; j <= i; ++j)
-      s2[packed_row(i) + j] = zvdots1(s1 + packed_row(j), j, work + i * n, n);
+    for (long j = 0; j <= i; ++j) s2[packed_row(i) + j] = zvdots1(s1 + packed_row(j), j, work + i * n, n);
 }
 
 void zmxllt(double* l, int n)
@@ -176,8 +175,7 @@ void zmxrl(const double* r, const double* l, double* result, int n, int m)
 namespace {
 
 // y := S x at one small order, unrolled: the branches of its short loops would cost more than its arithmetic.
-template <long n>
-void short_symmetric_times_vector(const double* s, const double* x, double* y)
+template <long n> void short_symmetric_times_vector(const double* s, const double* x, double* y)
 {
   double sum[n + 1] = {};
 #pragma GCC unroll 8

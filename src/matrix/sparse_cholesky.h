@@ -91,7 +91,8 @@ void zslltma(int n, const int* ja, const double* a, const double* x, double* y);
 
 // zslltqf: quadratic form. Packed p x p q := B' A^-1 B with the p columns of b (row stride incb), which
 // become L^-1 P B.
-void zslltqf(int n, int p, int incb, const int* ju, const double* u, const int* perm, double* b, double* q, double* work);
+void zslltqf(int n, int p, int incb, const int* ju, const double* u, const int* perm, double* b, double* q,
+             double* work);
 
 // zslltre: one step of iterative refinement of A x = b. r (n) receives the residual, summed in extended
 // precision, and then the correction that has been added to x.

@@ -127,7 +127,8 @@ void zslltma(int n, const int* ja, const double* a, const double* x, double* y)
     }
 }
 
-void zslltqf(int n, int p, int incb, const int* ju, const double* u, const int* perm, double* b, double* q, double* work)
+void zslltqf(int n, int p, int incb, const int* ju, const double* u, const int* perm, double* b, double* q,
+             double* work)
 {
   const long inc = incb;
   for (int c = 0; c < p; ++c) {

@@ -24,8 +24,10 @@ int qkzsweep(double* x, int k, int n, char* df, double* w, double sing)
   // Save the old row in w, leave the new one.
   double* element = row;
   for (long j = 0; j < n; ++j) {
-    if (j > k) element += j; // the row walk bends at the diagonal
-    else element = row + j;
+    if (j > k)
+      element += j; // the row walk bends at the diagonal
+    else
+      element = row + j;
     w[j] = *element;
     *element *= df[j] == '1' ? -p : p;
   }

@@ -14,8 +14,7 @@ struct RightHandSide {
 
 // Substitution with the triangle whose element (i, j) is at(i, j), upper or lower; diagonal replaces
 // its diagonal when not null. Returns the number of zero diagonals.
-template <class Element>
-int substitute(long n, bool upper, Element at, const double* diagonal, RightHandSide x)
+template <class Element> int substitute(long n, bool upper, Element at, const double* diagonal, RightHandSide x)
 {
   int zeros = 0;
   for (long step = 0; step < n; ++step) {
@@ -41,14 +40,22 @@ int substitute_form(int form, long n, long inc, const double* u, const double* d
   const auto by_columns = [u](long i, long j) { return u[packed_row(j) + i]; };
   const auto by_columns_t = [u](long i, long j) { return u[packed_row(i) + j]; };
   switch (form) {
-  case 1: return substitute(n, true, dense, diagonal, x);
-  case 2: return substitute(n, false, dense_t, diagonal, x);
-  case 3: return substitute(n, false, dense, diagonal, x);
-  case 4: return substitute(n, true, dense_t, diagonal, x);
-  case 5: return substitute(n, true, by_rows, diagonal, x);
-  case 6: return substitute(n, false, by_rows_t, diagonal, x);
-  case 7: return substitute(n, true, by_columns, diagonal, x);
-  default: return substitute(n, false, by_columns_t, diagonal, x);
+  case 1:
+    return substitute(n, true, dense, diagonal, x);
+  case 2:
+    return substitute(n, false, dense_t, diagonal, x);
+  case 3:
+    return substitute(n, false, dense, diagonal, x);
+  case 4:
+    return substitute(n, true, dense_t, diagonal, x);
+  case 5:
+    return substitute(n, true, by_rows, diagonal, x);
+  case 6:
+    return substitute(n, false, by_rows_t, diagonal, x);
+  case 7:
+    return substitute(n, true, by_columns, diagonal, x);
+  default:
+    return substitute(n, false, by_columns_t, diagonal, x);
   }
 }
 

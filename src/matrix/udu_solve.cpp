@@ -98,13 +98,15 @@ double invert_column(const double* a, long k, double* column, double* w)
 void zudusol(int n, int p, int incb, const double* a, double* b, const std::int64_t* h)
 {
   for (long c = 0; c < p; ++c)
-    solve_column(n, a, h, {b + c, incb}, [](double) { return true; }, true);
+    solve_column(
+        n, a, h, {b + c, incb}, [](double) { return true; }, true);
 }
 
 void zuduso2(int n, int p, int incb, double sing, const double* a, double* b, const std::int64_t* h)
 {
   for (long c = 0; c < p; ++c)
-    solve_column(n, a, h, {b + c, incb}, [sing](double pivot) { return pivot > sing; }, false);
+    solve_column(
+        n, a, h, {b + c, incb}, [sing](double pivot) { return pivot > sing; }, false);
 }
 
 void zuduinv(int n, double* a, const std::int64_t* h, double* w)

@@ -26,8 +26,7 @@ inline void store_pair(double* p, Pair v)
 
 // `count` rows of R times x. A row's sum has two running pairs whatever the number of rows taken together,
 // so that a result does not depend on its place among the rows.
-template <long count>
-void row_group_times_vector(const double* r, const double* x, double* y, long cols, bool add)
+template <long count> void row_group_times_vector(const double* r, const double* x, double* y, long cols, bool add)
 {
   Pair even[count] = {};
   Pair odd[count] = {};

@@ -58,7 +58,8 @@ TEST(Cholesky, FactorAndSolutionOfTheReferenceMatrices)
     for (int i = 0; i < c.n; ++i)
       for (int j = 0; j <= i; ++j) {
         const auto at = static_cast<std::size_t>(packed_index(i, j));
-        EXPECT_NEAR(l[at], c.cholesky[at], relative * std::sqrt(c.packed[static_cast<std::size_t>(packed_diagonal(i))]));
+        EXPECT_NEAR(l[at], c.cholesky[at],
+                    relative * std::sqrt(c.packed[static_cast<std::size_t>(packed_diagonal(i))]));
       }
     std::vector<double> x = c.right_hand_side;
     zchol2(c.n, l.data(), x.data());

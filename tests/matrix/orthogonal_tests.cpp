@@ -89,7 +89,9 @@ TEST(Qr, LeastSquaresOfTheReferenceMatrices)
                            std::vector<int>(static_cast<std::size_t>(c.cols), 0), 0.0);
     std::vector<double> x(static_cast<std::size_t>(c.cols));
     std::vector<double> h = x;
-    EXPECT_EQ(zqrsol(1, c.cols, 1, c.cols, 1, 1, q.ipiv.data(), q.u.data(), q.b.data(), x.data(), q.alfa.data(), h.data()), 0);
+    EXPECT_EQ(
+        zqrsol(1, c.cols, 1, c.cols, 1, 1, q.ipiv.data(), q.u.data(), q.b.data(), x.data(), q.alfa.data(), h.data()),
+        0);
     // Each unknown in the scale of its column, since columns may differ by hundreds of decades.
     double condition = 0.0;
     double size = 0.0;
@@ -168,7 +170,8 @@ TEST(Qr, DowndatedNormsStayTrueThroughCancellation)
   const Qr q = decompose(a, n, n, {}, 0, std::vector<int>(n, 0), 0.0);
   EXPECT_EQ(q.nullity, 0);
   for (int i = 1; i + 1 < n; ++i)
-    EXPECT_GE(std::fabs(q.alfa[static_cast<std::size_t>(i)]) * (1.0 + 1e-6), std::fabs(q.alfa[static_cast<std::size_t>(i + 1)]));
+    EXPECT_GE(std::fabs(q.alfa[static_cast<std::size_t>(i)]) * (1.0 + 1e-6),
+              std::fabs(q.alfa[static_cast<std::size_t>(i + 1)]));
 }
 
 // ---- zqrsol: every job against the plain product with the triangle it stands for.
@@ -213,9 +216,9 @@ TEST(TriangularSolve, EveryJobSolvesItsSystem)
     // The same right-hand sides as rows, in place.
     std::vector<double> rows(n * p);
     for (int i = 0; i < n; ++i)
-      for (int c = 0; c < p; ++c)
-        rows[static_cast<std::size_t>(c * n + i)] = b[static_cast<std::size_t>(i * p + c)];
-    EXPECT_EQ(zqrsol(f.job + 10, n, p, inc, 0, 0, nullptr, f.stored->data(), rows.data(), rows.data(), nullptr, nullptr), 0);
+      for (int c = 0; c < p; ++c) rows[static_cast<std::size_t>(c * n + i)] = b[static_cast<std::size_t>(i * p + c)];
+    EXPECT_EQ(
+        zqrsol(f.job + 10, n, p, inc, 0, 0, nullptr, f.stored->data(), rows.data(), rows.data(), nullptr, nullptr), 0);
     EXPECT_EQ(difference(transpose(from_rows(rows, p, n)), from_rows(got, n, p)), 0.0);
 
     // One right-hand side with all strides 0, the order permuted: odd jobs spread, even jobs gather.
@@ -235,7 +238,9 @@ TEST(TriangularSolve, EveryJobSolvesItsSystem)
         for (int j = 0; j < n; ++j) d[static_cast<std::size_t>(i * n + j)] = (*f.stored)[static_cast<std::size_t>(i * inc + j)];
       return d;
     }() : *f.stored;
-    EXPECT_EQ(zqrsol(f.job, n, 1, 0, 0, 0, order.data(), alone_dense.data(), one.data(), solution.data(), nullptr, h.data()), 0);
+    EXPECT_EQ(
+        zqrsol(f.job, n, 1, 0, 0, 0, order.data(), alone_dense.data(), one.data(), solution.data(), nullptr, h.data()),
+        0);
     for (int i = 0; i < n; ++i) {
       const int at = f.job % 2 == 0 ? i : order[static_cast<std::size_t>(i)];
       EXPECT_EQ(solution[static_cast<std::size_t>(at)], got[static_cast<std::size_t>(i * p)]);
@@ -305,7 +310,8 @@ TEST(Rotations, MovedColumnKeepsTheProduct)
     for (std::size_t i = 0; i < z.size(); ++i) z[i] = static_cast<double>(upper.values[i]);
     std::vector<double> transposed(z.size());
     for (int i = 0; i < n; ++i)
-      for (int j = 0; j < n; ++j) transposed[static_cast<std::size_t>(j * n + i)] = z[static_cast<std::size_t>(i * n + j)];
+      for (int j = 0; j < n; ++j)
+        transposed[static_cast<std::size_t>(j * n + i)] = z[static_cast<std::size_t>(i * n + j)];
     std::vector<double> dcds(static_cast<std::size_t>(2 * (k2 - k1)), NAN);
     ASSERT_EQ(ztriprm(1, n, n, n, k1, k2, moved.data(), z.data(), dcds.data()), 0);
     for (std::size_t i = 0; i < dcds.size(); i += 2) EXPECT_NEAR(std::hypot(dcds[i], dcds[i + 1]), 1.0, 4 * eps);
@@ -316,8 +322,8 @@ TEST(Rotations, MovedColumnKeepsTheProduct)
     const Dense r = transpose(from_lower(moved, n));
     for (int i = 0; i < n; ++i)
       for (int j = 0; j < n; ++j)
-        EXPECT_NEAR(static_cast<double>(r(i, j)), z[static_cast<std::size_t>(i * n + order[static_cast<std::size_t>(j)])],
-                    50.0 * n * eps);
+        EXPECT_NEAR(static_cast<double>(r(i, j)),
+                    z[static_cast<std::size_t>(i * n + order[static_cast<std::size_t>(j)])], 50.0 * n * eps);
     std::vector<double> again = l;
     ztriprm(2, n, n, n, k1, k2, again.data(), transposed.data(), nullptr);
     EXPECT_EQ(again, moved);

@@ -63,8 +63,7 @@ TEST_P(PackedKernels, Moves)
   std::vector<double> back(s.size(), -1.0);
   const int low = n / 3;
   zmmovrs(dense.data(), back.data(), low, n - 1, n);
-  for (std::size_t i = 0; i < s.size(); ++i)
-    EXPECT_EQ(back[i], static_cast<long>(i) < packed_row(low) ? -1.0 : s[i]);
+  for (std::size_t i = 0; i < s.size(); ++i) EXPECT_EQ(back[i], static_cast<long>(i) < packed_row(low) ? -1.0 : s[i]);
 }
 
 TEST_P(PackedKernels, TracesAndInnerProducts)
@@ -214,7 +213,9 @@ TEST_P(PackedKernels, QuadraticForms)
   for (const int acc : {0, 1}) {
     std::vector<double> prod = start;
     zqform(s.data(), n, r.data(), m, prod.data(), work.data(), acc);
-    if (n > 0) expect_near(from_symmetric(prod, m), truth + static_cast<long double>(acc) * from_symmetric(start, m), 2 * n, size);
+    if (n > 0)
+      expect_near(from_symmetric(prod, m), truth + static_cast<long double>(acc) * from_symmetric(start, m), 2 * n,
+                  size);
     double scalar = 5.0 * up;
     zqform(s.data(), n, r.data(), 1, &scalar, work.data(), acc);
     if (n > 0) expect_near(scalar, truth(0, 0) + (acc != 0 ? 5.0L * up : 0.0L), 2 * n, size + 5.0 * up);
@@ -242,10 +243,12 @@ TEST_P(PackedKernels, QuadraticForms)
   expect_near(zmxq1(x.data(), s.data(), n, 2), (transpose(dx) * ds * dx)(0, 0), 2 * n, size);
   expect_near(zmxq2(x.data(), dense.data(), n, 2), (transpose(dx) * from_rows(dense, n, n) * dx)(0, 0), 2 * n, n * n);
   const std::vector<double> y = rectangle(n, 1);
-  expect_near(zmxbi(y.data(), r.data(), s.data(), n), (transpose(from_rows(y, n, 1)) * ds * from_rows(r, n, 1))(0, 0), 2 * n, size);
+  expect_near(zmxbi(y.data(), r.data(), s.data(), n), (transpose(from_rows(y, n, 1)) * ds * from_rows(r, n, 1))(0, 0),
+              2 * n, size);
 }
 
-INSTANTIATE_TEST_SUITE_P(Orders, PackedKernels, testing::Values(0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 24, 33, 47, 60, 70));
+INSTANTIATE_TEST_SUITE_P(Orders, PackedKernels,
+                         testing::Values(0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 24, 33, 47, 60, 70));
 
 // Zero elements skip what they would multiply, so a NaN there does not spread.
 TEST(PackedKernelEdges, ZeroElementsSkipTheirRows)

@@ -23,8 +23,8 @@ struct SymmetricCase {
   std::vector<double> inverse;         // packed; empty when singular
   std::vector<double> right_hand_side; // A x = b
   std::vector<double> solution;
-  std::vector<double> cholesky;        // packed; empty unless positive definite
-  double largest = 0.0;                // max |a(i, j)|
+  std::vector<double> cholesky; // packed; empty unless positive definite
+  double largest = 0.0;         // max |a(i, j)|
 
   // The tolerance at which the inertia is exact: 0 at full rank, n eps max|a| at deficient rank.
   double inertia_tolerance() const { return zero == 0 ? 0.0 : n * eps * largest; }
@@ -38,10 +38,10 @@ struct RectangularCase {
   int rank = 0;
   std::vector<double> unpivoted_diagonal; // |R(i, i)|; empty when the leading columns are dependent
   std::vector<double> pivoted_diagonal;
-  std::vector<int> pivot_order;           // one-based
-  bool pivot_ties = false;                // the order depends on the rule for equal norms
+  std::vector<int> pivot_order; // one-based
+  bool pivot_ties = false;      // the order depends on the rule for equal norms
   std::vector<double> right_hand_side;
-  std::vector<double> solution;           // least squares; empty unless of full column rank
+  std::vector<double> solution; // least squares; empty unless of full column rank
   double rss = 0.0;
   double largest_singular_value = 0.0;
   double smallest_singular_value = 0.0;

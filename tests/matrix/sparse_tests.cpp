@@ -44,8 +44,10 @@ struct Sparse {
           if (v == 0.0) continue;
           full(i, j) += v;
           if (i != j) full(j, i) += v;
-          if ((i + j + r) % 2 == 0) add(i, j, v);
-          else add(j, i, v);
+          if ((i + j + r) % 2 == 0)
+            add(i, j, v);
+          else
+            add(j, i, v);
         }
       rows.push_back(row);
     }
@@ -68,7 +70,10 @@ struct Sparse {
     u.assign(at(ju[at(n)]), NAN);
     work.resize(at(n));
   }
-  int factor() { return zslltf2(1, 0, n, ja.data(), a.data(), perm.data(), ju.data(), jasl.data(), u.data(), 1e-12, work.data()); }
+  int factor()
+  {
+    return zslltf2(1, 0, n, ja.data(), a.data(), perm.data(), ju.data(), jasl.data(), u.data(), 1e-12, work.data());
+  }
 
   Dense in_order(const Dense& m) const
   {
@@ -115,15 +120,16 @@ TEST(SparseCholesky, FactorOfRandomMatricesAndItsStructure)
 
     // By search, by lists, from the middle on and row by row it is the same factor.
     const std::vector<double> by_lists = s.u;
-    ASSERT_EQ(zslltnf(1, 0, n, s.ja.data(), s.a.data(), s.perm.data(), s.ju.data(), s.u.data(), 1e-12, s.work.data()), 0);
+    ASSERT_EQ(zslltnf(1, 0, n, s.ja.data(), s.a.data(), s.perm.data(), s.ju.data(), s.u.data(), 1e-12, s.work.data()),
+              0);
     EXPECT_EQ(s.u, by_lists);
     const int in = n / 2;
     std::fill(s.u.begin() + s.ju[at(in)], s.u.end(), 0.0);
-    ASSERT_EQ(zslltnf(0, in, n, s.ja.data(), s.a.data(), s.perm.data(), s.ju.data(), s.u.data(), 1e-12, s.work.data()), 0);
+    ASSERT_EQ(zslltnf(0, in, n, s.ja.data(), s.a.data(), s.perm.data(), s.ju.data(), s.u.data(), 1e-12, s.work.data()),
+              0);
     EXPECT_EQ(s.u, by_lists);
     for (int k = in; k < n; ++k) {
-      for (int t = s.ju[at(k)]; t < s.ju[at(k + 1)]; ++t)
-        s.u[at(t)] = static_cast<double>(p(k, s.ju[at(n + 1 + t)]));
+      for (int t = s.ju[at(k)]; t < s.ju[at(k + 1)]; ++t) s.u[at(t)] = static_cast<double>(p(k, s.ju[at(n + 1 + t)]));
       ASSERT_EQ(zslltf5(k, s.ju.data(), s.u.data(), n, 1e-12, s.work.data()), 0);
     }
     EXPECT_LE(difference(s.lower(), l), 100.0 * n * eps * largest(l));
@@ -192,8 +198,10 @@ TEST(SparseCholesky, SolvesProductsAndForms)
     std::vector<double> spoilt = x;
     for (double& v : spoilt) v += 1e-3;
     for (int step = 0; step < 3; ++step)
-      zslltre(n, s.ja.data(), s.a.data(), s.ju.data(), s.u.data(), s.perm.data(), b.data(), spoilt.data(), r.data(), s.work.data());
-    EXPECT_LE(difference(s.full * column(spoilt), column(b)), n * 4.0 * eps * largest(s.full) * (1.0 + largest(column(x))));
+      zslltre(n, s.ja.data(), s.a.data(), s.ju.data(), s.u.data(), s.perm.data(), b.data(), spoilt.data(), r.data(),
+              s.work.data());
+    EXPECT_LE(difference(s.full * column(spoilt), column(b)),
+              n * 4.0 * eps * largest(s.full) * (1.0 + largest(column(x))));
   }
 }
 
@@ -244,7 +252,8 @@ TEST(SparseCholesky, FaultsAndSingularMatrices)
   const std::vector<double> a = {4.0, 2.0, 1.0};
   std::vector<double> u(2);
   std::vector<double> work(2);
-  EXPECT_EQ(zslltnf(1, 0, 2, coupled.data(), a.data(), perm.data(), ju.data(), u.data(), 0.0, work.data()), structure_fault);
+  EXPECT_EQ(zslltnf(1, 0, 2, coupled.data(), a.data(), perm.data(), ju.data(), u.data(), 0.0, work.data()),
+            structure_fault);
   std::vector<int> jasl(3);
   std::vector<int> jusl(7);
   EXPECT_EQ(zslltiu(2, coupled.data(), perm.data(), ju.data(), jasl.data(), jusl.data()), structure_fault);

@@ -20,8 +20,12 @@ struct Swept {
 
   Swept(const std::vector<double>& a, int n)
       : x(a), df(static_cast<std::size_t>(n), '0'), work(static_cast<std::size_t>(n))
-  {}
-  int sweep(int k, double sing) { return qkzsweep(x.data(), k, static_cast<int>(df.size()), df.data(), work.data(), sing); }
+  {
+  }
+  int sweep(int k, double sing)
+  {
+    return qkzsweep(x.data(), k, static_cast<int>(df.size()), df.data(), work.data(), sing);
+  }
 };
 
 std::vector<int> random_order(int n, Source& source)
@@ -76,7 +80,8 @@ TEST(Sweep, PartialSweepsHoldInverseCoefficientsAndRest)
     const auto block = [](const Dense& m, const std::vector<int>& rows, const std::vector<int>& cols) {
       Dense b(static_cast<int>(rows.size()), static_cast<int>(cols.size()));
       for (int i = 0; i < b.rows; ++i)
-        for (int j = 0; j < b.cols; ++j) b(i, j) = m(rows[static_cast<std::size_t>(i)], cols[static_cast<std::size_t>(j)]);
+        for (int j = 0; j < b.cols; ++j)
+          b(i, j) = m(rows[static_cast<std::size_t>(i)], cols[static_cast<std::size_t>(j)]);
       return b;
     };
     const double tolerance = 1e-13 * n * largest(full);
@@ -98,7 +103,7 @@ TEST(Sweep, IndefiniteMatricesSweepWithSignFreeTolerance)
     for (int round = 0; round < c.n; ++round)
       for (int k = 0; k < c.n; ++k)
         if (s.df[static_cast<std::size_t>(k)] == '0') s.sweep(k, -0.01 * c.largest); // small pivots would cost digits
-    if (s.df != std::string(static_cast<std::size_t>(c.n), '1')) continue; // needs a 2x2 pivot
+    if (s.df != std::string(static_cast<std::size_t>(c.n), '1')) continue;           // needs a 2x2 pivot
     double size = 0.0;
     for (const double v : c.inverse) size = std::max(size, std::fabs(v));
     EXPECT_LE(worst_difference(s.x, c.inverse), 100.0 * c.n * eps * c.condition * size);

@@ -47,7 +47,7 @@ Dense multiply_out(const Factor& f, int n)
     const int partner = static_cast<int>(entry < 0 ? -1 - entry : entry);
     Dense step = identity(n);
     for (int c = low; c <= k; ++c)
-      for (int i = 0; i < low; ++i) step(i, c) = -packed(i, c); // columns hold the negated multipliers
+      for (int i = 0; i < low; ++i) step(i, c) = -packed(i, c);            // columns hold the negated multipliers
     for (int i = 0; i < n; ++i) std::swap(step(low, i), step(partner, i)); // P times the triangle
     u = u * step;
     for (int i = low; i <= k; ++i)
