@@ -12,7 +12,7 @@ namespace {
 // How one column is read: as numbers while every field is one, and what was seen on the way.
 class ColumnReader {
 public:
-  ColumnReader(std::string name, std::optional<ColumnKind> asked)
+  ColumnReader(const std::string& name, std::optional<ColumnKind> asked)
       : numbers_(name, ColumnKind::numeric), texts_(name, ColumnKind::character), asked_(asked)
   {
     character_ = asked == ColumnKind::character;

@@ -54,7 +54,7 @@ private:
     if (i_ < text_.size() && (text_[i_] == '\'' || text_[i_] == '"')) {
       const std::size_t close = text_.find(text_[i_], i_ + 1);
       if (close == std::string_view::npos || close + 1 >= text_.size() || (text_[close + 1] | 0x20) != 'n') return {};
-      const std::string name(text_.substr(i_ + 1, close - i_ - 1));
+      std::string name(text_.substr(i_ + 1, close - i_ - 1));
       i_ = close + 2;
       return name;
     }

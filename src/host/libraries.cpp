@@ -52,7 +52,7 @@ std::vector<std::string> members_of(const std::string& folder)
 std::string file_in_folder(const std::string& folder, std::string_view member)
 {
   for (const std::string_view ending : endings) {
-    const std::string path = joined(folder, std::string(member).append(ending));
+    std::string path = joined(folder, std::string(member).append(ending));
     if (is_file(path)) return path;
   }
   for (const std::string& name : members_of(folder))

@@ -63,7 +63,7 @@ std::string fixed_text(double x, int decimals)
 // As many digits as fit in `width` places, without trailing zeros; the shorter of plain and exponent form.
 std::string best_text(double x, int width)
 {
-  const std::string whole = shortest(x);
+  std::string whole = shortest(x);
   if (static_cast<int>(whole.size()) <= width) return whole;
   const int exponent = decimal_exponent(x);
   if (exponent < width && exponent >= -4) {
