@@ -1,0 +1,63 @@
+// An evaluation allocates nothing: every array is sized before.
+
+#include "integration/model_family.h"
+#include "integration/objective.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::atomic<long> allocations{0};
+
+void* counted(std::size_t bytes, std::size_t alignment = alignof(std::max_align_t))
+{
+  ++allocations;
+  void* const p = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
+}
+
+} // namespace
+
+void* operator new(std::size_t bytes) { return counted(bytes); }
+void* operator new[](std::size_t bytes) { return counted(bytes); }
+void* operator new(std::size_t bytes, std::align_val_t a) { return counted(bytes, static_cast<std::size_t>(a)); }
+void* operator new[](std::size_t bytes, std::align_val_t a) { return counted(bytes, static_cast<std::size_t>(a)); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+
+namespace torvale::tests {
+
+TEST(Allocations, NoneInAnEvaluation)
+{
+  for (const Rule& rule : {Rule{true, true, 5}, Rule{true, false, 5}, Rule{false, false, 5}}) {
+    const auto text = regression(Response::negbin, 2, 60);
+    const auto n = make_run(text, rule);
+    auto theta = parameters(text, 1);
+    // The first evaluations of each kind may size what belongs to the run.
+    objective(*n, theta, true);
+    integration::accept_modes(*n);
+    objective(*n, theta, false);
+    n->parm[0] += 0.05;
+    for (const bool gradient : {true, false}) {
+      n->dograd = gradient;
+      const long before = allocations;
+      integration::tvllike(*n);
+      EXPECT_EQ(allocations - before, 0) << gradient;
+      EXPECT_FALSE(n->failed);
+      integration::accept_modes(*n);
+    }
+  }
+}
+
+} // namespace torvale::tests

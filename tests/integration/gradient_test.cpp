@@ -1,0 +1,138 @@
+// The analytic gradient of the integrated objective against differences of its values.
+
+#include "integration/model_family.h"
+#include "integration/objective.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace torvale::tests {
+
+namespace {
+
+// Central differences at two widths, extrapolated: error of order h^4.
+std::vector<double> difference_gradient(model::NX& n, const std::vector<double>& theta)
+{
+  std::vector<double> g;
+  const auto central = [&](std::size_t j, double h) {
+    auto at = theta;
+    at[j] = theta[j] + h;
+    const double up = objective(n, at);
+    at[j] = theta[j] - h;
+    return (up - objective(n, at)) / (2.0 * h);
+  };
+  for (std::size_t j = 0; j < theta.size(); ++j) {
+    const double h = 2e-3 * (0.1 + std::abs(theta[j]));
+    g.push_back((4.0 * central(j, h / 2.0) - central(j, h)) / 3.0);
+  }
+  return g;
+}
+
+void expect_gradient(const ModelText& text, const Rule& rule, const std::vector<double>& theta, const std::string& what, double limit = 1e-6)
+{
+  const auto n = make_run(text, rule);
+  ASSERT_LT(objective(*n, theta, true), model::failure_objective) << what;
+  const auto analytic = n->objgrad;
+  integration::accept_modes(*n);
+  const auto difference = difference_gradient(*n, theta);
+  double largest = 0.0;
+  for (const double g : difference) largest = std::max(largest, std::abs(g));
+  for (std::size_t j = 0; j < theta.size(); ++j)
+    EXPECT_NEAR(analytic[j], difference[j], limit * std::max(std::abs(difference[j]), 0.01 * largest)) << what << ", " << text.parameters[j];
+}
+
+struct Case {
+  Response response;
+  int effects;
+};
+
+class Gradients : public testing::TestWithParam<Case> {};
+
+} // namespace
+
+TEST_P(Gradients, AgreesWithDifferencesForEveryRule)
+{
+  const auto [response, effects] = GetParam();
+  const auto text = regression(response, effects);
+  const int points = effects == 3 ? 3 : 5;
+  const std::pair<const char*, Rule> rules[] = {
+      {"adaptive", {true, true, points}}, {"fixed scale", {true, false, points}}, {"not adaptive", {false, false, points}}};
+  for (const auto& [name, rule] : rules)
+    for (const unsigned seed : {1u, 2u})
+      expect_gradient(text, rule, parameters(text, seed), std::string(name_of(response)) + " " + name);
+}
+
+INSTANTIATE_TEST_SUITE_P(Models, Gradients,
+                         testing::ValuesIn([] {
+                           std::vector<Case> cases;
+                           for (const Response r : responses)
+                             for (int effects = 1; effects <= 3; ++effects) cases.push_back({r, effects});
+                           return cases;
+                         }()),
+                         [](const auto& instance) { return std::string(name_of(instance.param.response)) + std::to_string(instance.param.effects); });
+
+TEST(GradientCorners, OnePointManyPointsAndImportanceSampling)
+{
+  const auto text = regression(Response::poisson, 2);
+  const auto theta = parameters(text, 5);
+  expect_gradient(text, {true, true, 1}, theta, "one point");
+  expect_gradient(text, {true, true, 19}, theta, "points in several chunks");
+  expect_gradient(text, {true, true, 40, 3}, theta, "importance sampling");
+  expect_gradient(text, {false, false, 40, 3}, theta, "importance sampling, not adaptive");
+}
+
+// Correlation one: G is singular along a curve in the parameters. Values and gradients stay on it.
+TEST(GradientCorners, SingularCovariance)
+{
+  auto text = regression(Response::binomial, 2);
+  text.parameters = {"b0", "b1", "s2", "mu0", "a", "c"};
+  text.prior = {Term("mu0"), Term(0.0), Term("a") * "a", Term("a") * "c", Term("c") * "c"};
+  for (const Rule& rule : {Rule{true, true, 5}, Rule{true, false, 5}, Rule{false, false, 5}})
+    expect_gradient(text, rule, {0.2, 0.3, 0.6, 0.1, 0.8, 0.5}, "perfect correlation");
+
+  // The same model with the one effect that is left.
+  auto one = text;
+  one.effects = {"u0"};
+  one.prior = {Term("mu0"), Term("a") * "a"};
+  one.assignments[0].second = Term("b0") + "u0" + (Term("b1") + (Term("u0") - "mu0") * "c" / "a") * "x";
+  const auto whole = make_run(text, {true, true, 31}), reduced = make_run(one, {true, true, 31});
+  const std::vector<double> theta = {0.2, 0.3, 0.6, 0.1, 0.8, 0.5};
+  EXPECT_NEAR(objective(*whole, theta), objective(*reduced, theta), 1e-9);
+}
+
+// An effect with variance 0 is a constant.
+TEST(GradientCorners, EffectWithoutVariance)
+{
+  const auto text = regression(Response::normal, 2), small = regression(Response::normal, 1);
+  auto one = small;
+  one.columns = text.columns;
+  const auto with = make_run(text, {true, true, 7}), without = make_run(one, {true, true, 7});
+  EXPECT_NEAR(objective(*with, {0.2, 0.3, 0.6, 0.1, 0.5, 0.0, 0.0}), objective(*without, {0.2, 0.3, 0.6, 0.1, 0.5}), 1e-10);
+}
+
+// Distribution arguments that differ between subjects take the other way through the priors.
+TEST(GradientCorners, ArgumentsThatReadData)
+{
+  auto text = regression(Response::gamma, 1);
+  auto group = text.columns[0];
+  group.first = "group";
+  for (double& g : group.second) g = static_cast<int>(g) % 2;
+  text.columns.push_back(group);
+  text.parameters.push_back("d");
+  text.prior = {Term("mu0") + Term("d") * "group", Term("g11") * exp(Term("d") * "group")};
+  for (const Rule& rule : {Rule{true, true, 5}, Rule{true, false, 5}, Rule{false, false, 5}})
+    expect_gradient(text, rule, {0.2, 0.3, 0.6, 0.1, 0.5, 0.4}, "variance by group");
+}
+
+TEST(GradientCorners, WithoutRandomEffects)
+{
+  auto text = regression(Response::poisson, 1, 40);
+  text.effects.clear();
+  text.prior.clear();
+  text.parameters = {"b0", "b1"};
+  text.assignments[0].second = Term("b0") + Term("b1") * "x";
+  expect_gradient(text, {false, false, 1}, {0.2, 0.3}, "regression");
+}
+
+} // namespace torvale::tests

@@ -1,0 +1,20 @@
+#pragma once
+// One regression with 1 to 3 random effects for every response distribution, with data drawn to suit it.
+
+#include "integration/small_model.h"
+
+namespace torvale::tests {
+
+enum class Response { normal, t, binary, binomial, poisson, negbin, gamma, general };
+inline constexpr Response responses[] = {Response::normal, Response::t,      Response::binary, Response::binomial,
+                                         Response::poisson, Response::negbin, Response::gamma,  Response::general};
+const char* name_of(Response response);
+
+// eta = b0 + u0 + (b1 + u1) x + u2 w, with as many of the effects as asked, means mu0 x-free and G unstructured.
+// Subjects have 3 to 6 observations, rows are shuffled when `shuffle` is set.
+ModelText regression(Response response, int effects, int subjects = 6, bool shuffle = false);
+
+// Parameters near which the model makes sense, moved at random by the seed.
+std::vector<double> parameters(const ModelText& text, unsigned seed);
+
+} // namespace torvale::tests
