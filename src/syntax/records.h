@@ -75,6 +75,7 @@ struct STMT {
 struct PROCSTR {
   std::deque<STMT> statements;   // in source order; the first is the TORVALE statement
   STMT* current = nullptr;       // the statement being parsed, or null
+  std::vector<int> traces;       // trace classes that the TORVALE statement switched on
   Program program;               // programming statements, generated ones included, with MODEL and RANDOM sites
   bool error = false;            // a statement is wrong: the step ends with return code 3000
 };

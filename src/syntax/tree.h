@@ -8,8 +8,11 @@
 #include "syntax/source.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <memory_resource>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 

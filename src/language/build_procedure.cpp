@@ -1,0 +1,450 @@
+// Procedure statements: options into slots and flags, lists into cells, and the end of each statement.
+#include "language/builder.h"
+
+#include "language/lexical.h"
+#include "host/missing.h"
+#include "host/text.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::language {
+
+using namespace syntax;
+using Form = Value::Form;
+
+namespace {
+
+bool is_number(const Token& t)
+{
+  return t.symbol == token_class::INT || t.symbol == token_class::NBR || t.symbol == token_class::DATE ||
+         t.symbol == token_class::TIME || t.symbol == token_class::DATETIME;
+}
+
+std::string limits_text(const OptionValue& v)
+{
+  if (v.has_low && v.has_high) return std::to_string(v.low) + " to " + std::to_string(v.high);
+  return "from " + std::to_string(v.low);
+}
+
+} // namespace
+
+STLIST& Builder::cell(int slot, char type, Position where)
+{
+  STLIST& c = proc_->current->fld[static_cast<std::size_t>(slot)];
+  c.type = type;
+  c.where = where;
+  return c;
+}
+
+StItem Builder::item(StItem::Kind kind, Position where)
+{
+  StItem i;
+  i.kind = kind;
+  i.where = where;
+  return i;
+}
+
+void Builder::add_names(STLIST& to, const std::vector<Name>& list, int group)
+{
+  for (const Name& n : list) {
+    StItem i = item(StItem::Kind::name, n.where);
+    i.text = std::string(n.text);
+    i.group = group;
+    to.list.push_back(std::move(i));
+  }
+}
+
+void Builder::add_expressions(const std::vector<Expr*>& list, Position where)
+{
+  STLIST& c = cell(2, 'l', where);
+  for (Expr* e : list) {
+    StItem i = item(StItem::Kind::expression, e->where);
+    i.expr = e;
+    c.list.push_back(std::move(i));
+  }
+}
+
+void Builder::open_statement(const SEMARG& a, std::span<Value> r)
+{
+  STMT s;
+  s.name = upper_case(r[0].token.text);
+  s.nfld = a.arglist[0];
+  s.fld.resize(static_cast<std::size_t>(s.nfld) + 1);
+  s.where = r[0].token.where;
+  proc_->statements.push_back(std::move(s));
+  proc_->current = &proc_->statements.back();
+  given_.clear();
+}
+
+// The statement's semicolon has been read: its action may push text now.
+void Builder::close_statement(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  STMT& s = *proc_->current;
+  s.end = r.back().token.where;
+  if (result.depth > 0)
+    diagnostics_->error(Problem::misplaced_statement, s.where,
+                        s.name + " cannot stand inside DO, SELECT or behind THEN or ELSE: it is no programming statement.",
+                        static_cast<std::int32_t>(s.name.size()));
+  const bool custom = a.action >= 77 && a.action <= 83;
+  if (custom && request_.tvlsem && diagnostics_->errors() == 0 && !proc_->error) {
+    stream_.set_generator(s.name, s.where);
+    if (request_.tvlsem(a, *proc_, stream_) != 0) proc_->error = true;
+    stream_.set_generator({}, {});
+  }
+  proc_->current = nullptr;
+  const Token first = r[0].token;
+  const std::int16_t depth = result.depth;
+  result = Value{};
+  result.token = first;
+  result.depth = depth;
+}
+
+// --- Options ----------------------------------------------------------------------------------------------------------
+
+bool Builder::check_number(const OptionValue& v, std::string_view word, const Value& given)
+{
+  const double x = given.token.number;
+  if (host::wzmis(x)) return true; // `.`: as if not given
+  const std::string shown = std::string(word) + "=" + std::string(given.token.text);
+  const bool whole = v.kind == ValueKind::count || v.kind == ValueKind::integer || v.kind == ValueKind::count_or_missing;
+  if ((v.has_low && x < v.low) || (v.has_high && x > v.high)) {
+    diagnostics_->error(Problem::out_of_range, given.token.where, shown + " is out of range: " + std::string(word) + " takes a " + (whole ? "whole " : "") +
+                                                                    "number " + limits_text(v) + ".", given.token.length);
+    return false;
+  }
+  if (whole && x != std::floor(x)) {
+    diagnostics_->error(Problem::not_whole, given.token.where, shown + " has a fraction: " + std::string(word) + " takes a whole number" +
+                                                                 (v.has_low ? " " + limits_text(v) : "") + ".", given.token.length);
+    return false;
+  }
+  return true;
+}
+
+StItem Builder::data_set_item(const Value& value)
+{
+  StItem i = item(StItem::Kind::data_set, value.token.where);
+  i.text = std::string(value.token.text);
+  i.quoted = value.token.symbol == token_class::QS;
+  if (value.list) i.options = std::string(value.list->first->value.token.text);
+  if (value.token.symbol == token_class::FMT)
+    diagnostics_->error(Problem::ends_early, value.token.where, "'" + i.text + "' is no data set: the name behind the dot is missing.", value.token.length);
+  if (i.quoted && i.text.find_first_not_of(' ') == std::string::npos)
+    diagnostics_->error(Problem::ends_early, value.token.where, "The name of the data set is empty.", value.token.length);
+  return i;
+}
+
+void Builder::option_value(const OptionRow& row, const OptionValue& v, std::string_view word, const Value& given)
+{
+  (void)row;
+  const Position where = given.token.where;
+  switch (v.kind) {
+  case ValueKind::input: case ValueKind::output: {
+    StItem data = data_set_item(given);
+    cell(v.slot, 't', where).list = {std::move(data)};
+    return;
+  }
+  case ValueKind::name: {
+    StItem i = item(is_number(given.token) ? StItem::Kind::number : StItem::Kind::name, where);
+    i.number = given.token.number;
+    i.text = std::string(given.token.text);
+    cell(v.slot, 'l', where).list = {std::move(i)};
+    return;
+  }
+  case ValueKind::keep: {
+    StItem i = item(StItem::Kind::word, where);
+    i.text = upper_case(given.token.text);
+    cell(v.slot, 't', where).list = {std::move(i)};
+    diagnostics_->warning(Problem::without_effect, where, std::string(word) + "= has no effect.", given.token.length);
+    return;
+  }
+  case ValueKind::word: cell(v.slot, 'n', where).number = given.code; return;
+  default: break;
+  }
+  if (!check_number(v, word, given)) return;
+  cell(v.slot, 'n', where).number = given.token.number;
+  if (word == "ALPHA" && (given.token.number == 0.0 || given.token.number == 1.0))
+    diagnostics_->add(Severity::note, Problem::ambiguous_reading, where,
+                      std::string("ALPHA=") + (given.token.number == 0.0 ? "0 asks for infinite limits" : "1 asks for limits without width") + ": they will be missing.",
+                      given.token.length);
+}
+
+void Builder::option(const SEMARG& a, std::span<Value> r)
+{
+  const OptionRow& row = option_rows()[static_cast<std::size_t>(a.arglist[0])];
+  const std::string word = upper_case(r[0].token.text);
+  if (!given_.insert(a.arglist[0]).second) {
+    diagnostics_->warning(Problem::given_twice, r[0].token.where, word + " is given twice in this statement: the last one holds.", r[0].token.length);
+    for (const OptionValue& v : row.values) proc_->current->fld[static_cast<std::size_t>(v.slot)] = {};
+    for (const OptionValue& v : row.bracket) proc_->current->fld[static_cast<std::size_t>(v.slot)] = {};
+  }
+  for (std::int16_t flag : row.flags) proc_->current->set_flag(flag);
+  for (std::int16_t t : row.traces) {
+    std::erase(proc_->traces, t % 100);
+    if (t < 100) proc_->traces.push_back(t);
+  }
+  if (a.arglist[1] > 0) option_value(row, row.values[static_cast<std::size_t>(a.arglist[1] - 1)], word, r[2]);
+  if (a.arglist[2] > 0) option_value(row, row.bracket[0], word + "[ ]", r[4]);
+}
+
+// --- The statements ---------------------------------------------------------------------------------------------------
+
+void Builder::end_torvale(std::span<Value> r)
+{
+  proc_->current->end = r.back().token.where;
+  if (request_.on_procedure_statement) variables_ = request_.on_procedure_statement(*proc_->current);
+  proc_->current = nullptr;
+}
+
+// MODEL and RANDOM: head, names, '~', distribution, '(', arguments, ')', ...: slots 1, 2, 4 and the site of the expressions.
+void Builder::end_distribution(std::span<Value> r)
+{
+  STMT& s = *proc_->current;
+  add_names(cell(1, 'l', r[1].token.where), names_of(r[1]), -1);
+  cell(4, 'n', r[3].token.where).number = r[3].code;
+  std::vector<Expr*> all;
+  STLIST& arguments = cell(2, 'l', r[5].token.where);
+  int bracket = 0;
+  for (const Value& v : items(r[5].list)) {
+    const bool group = v.expr == nullptr;
+    const std::vector<Expr*> list = group ? expressions(v.list) : std::vector<Expr*>{v.expr};
+    for (Expr* e : list) {
+      StItem i = item(StItem::Kind::expression, e->where);
+      i.expr = e;
+      i.group = group ? bracket : -1;
+      arguments.list.push_back(std::move(i));
+      all.push_back(e);
+    }
+    if (group) ++bracket;
+  }
+  ExpressionSite* site = arena_.make<ExpressionSite>();
+  site->kind = StatementKind::site;
+  site->where = s.where;
+  site->end = r.back().token.where;
+  site->statement = arena_.text(s.name);
+  site->expressions = arena_.copy(all);
+  proc_->program.statements.push_back(site);
+  if (s.name == "RANDOM" && !s.given(5))
+    diagnostics_->error(Problem::missing_part, s.where, "RANDOM needs SUBJECT= with the variable that tells the subjects apart.", 6);
+}
+
+// SUBJECT=name or SUBJECT=name(outer names): group 0 is the subject's own variable, 1 the outer ones.
+void Builder::subject(std::span<Value> r)
+{
+  if (proc_->current->given(5))
+    diagnostics_->warning(Problem::given_twice, r[0].token.where, "SUBJECT is given twice in this statement: the last one holds.", r[0].token.length);
+  STLIST& c = cell(5, 'l', r[2].token.where);
+  c.list.clear();
+  add_names(c, one_name(r[2]), 0);
+  if (r.size() > 3) add_names(c, names(r[4].list), 1);
+}
+
+// A value of PARMS: a number, a missing value, or a sequence n TO m BY k.
+void Builder::add_parms_value(STLIST& to, const Value& v, int group)
+{
+  const bool sequence = v.list && v.list->count > 0;
+  StItem i = item(sequence ? StItem::Kind::range : StItem::Kind::number, v.token.where);
+  i.number = v.token.number;
+  i.group = group;
+  if (sequence) {
+    i.to = v.list->first->value.token.number;
+    i.by = v.list->count > 1 ? v.list->last->value.token.number : 1.0;
+    const std::string shown = std::string(v.token.text) + " TO " + std::string(v.list->first->value.token.text) +
+                              (v.list->count > 1 ? " BY " + std::string(v.list->last->value.token.text) : "");
+    if (i.by == 0.0) diagnostics_->error(Problem::bad_sequence, i.where, shown + " never ends: BY must not be 0.", v.token.length);
+    else if ((i.to - i.number) / i.by < -1e-9)
+      diagnostics_->error(Problem::bad_sequence, i.where, shown + " is empty: the steps lead away from the end.", v.token.length);
+    else if ((i.to - i.number) / i.by > 1e7)
+      diagnostics_->error(Problem::bad_sequence, i.where, shown + " has more than 10000000 values.", v.token.length);
+  }
+  to.list.push_back(std::move(i));
+}
+
+void Builder::parms_group(const Value& named, const std::vector<Value>& values)
+{
+  STLIST& c = cell(1, 'l', proc_->current->given(1) ? proc_->current->slot(1).where : named.token.where);
+  const int group = c.list.empty() ? 0 : c.list.back().group + 1;
+  const std::vector<Name> list = names_of(named);
+  for (const Name& n : list) know_name(n.text);
+  add_names(c, list, group);
+  for (const Value& v : values) add_parms_value(c, v, group);
+}
+
+void Builder::end_bounds(std::span<Value> r)
+{
+  STLIST& symbols = cell(1, 'l', r[1].token.where);
+  STLIST& operators = cell(2, 'l', r[1].token.where);
+  int group = 0;
+  for (const Value& relation : items(r[1].list)) {
+    const std::vector<Value> parts = items(relation.list); // operand, operator, operand, ...
+    for (std::size_t k = 0; k < parts.size(); ++k) {
+      const Value& part = parts[k];
+      if (k % 2 == 1) {
+        // `.` is no bound: the operator beside it says nothing.
+        if (parts[k - 1].code == -2 || (k + 1 < parts.size() && parts[k + 1].code == -2)) continue;
+        StItem i = item(StItem::Kind::relation, part.token.where);
+        i.text = std::string(part.token.text);
+        i.group = group - 1;
+        operators.list.push_back(std::move(i));
+        continue;
+      }
+      for (const Value& v : part.code == -2 ? std::vector<Value>{} : items(part.list)) {
+        if (is_number(v.token)) {
+          StItem i = item(StItem::Kind::number, v.token.where);
+          i.number = v.token.number;
+          i.group = group;
+          symbols.list.push_back(std::move(i));
+        } else {
+          add_names(symbols, one_name(v), group);
+        }
+      }
+      ++group;
+    }
+  }
+}
+
+void Builder::end_labelled(const Value& label, const std::vector<Expr*>& list)
+{
+  add_expressions(list, label.token.where);
+  StItem i = item(StItem::Kind::text, label.token.where);
+  i.text = std::string(label.token.text);
+  i.quoted = true;
+  if (i.text.find_first_not_of(' ') == std::string::npos && !list.empty()) i.text = to_text(*list[0]);
+  cell(4, 't', label.token.where).list = {std::move(i)};
+}
+
+void Builder::end_by(std::span<Value> r)
+{
+  STMT& torvale = proc_->statements.front();
+  if (by_given_) {
+    diagnostics_->error(Problem::given_twice, r[0].token.where, "There are two BY statements: a step takes one.", 2);
+    return;
+  }
+  by_given_ = true;
+  STLIST& c = torvale.fld[0];
+  c.type = 'l';
+  c.where = r[0].token.where;
+  for (const Value& v : items(r[1].list)) {
+    if (v.code == 3) { c.mode = 1; continue; }
+    StItem i = item(StItem::Kind::name, v.token.where);
+    i.text = std::string(v.token.text);
+    i.descending = v.code == 2;
+    c.list.push_back(std::move(i));
+  }
+  if (c.list.empty()) diagnostics_->error(Problem::missing_part, r[0].token.where, "BY needs a variable.", 2);
+}
+
+bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> r, Value& result)
+{
+  switch (action) {
+  case Action::end_step: return true;
+  case Action::open_statement: open_statement(a, r); return true;
+  case Action::code: result.code = a.arglist[0]; return true;
+  case Action::option: option(a, r); return true;
+  case Action::data_set_options: {
+    List* list = new_list();
+    append(*list, r[1]);
+    result.list = list;
+    return true;
+  }
+  case Action::plain_argument: return true;
+  case Action::bracket_argument:
+    result.list = r[1].list;
+    result.expr = nullptr;
+    return true;
+  case Action::subject: subject(r); return true;
+  case Action::end_torvale: end_torvale(r); return true;
+  case Action::end_model:
+  case Action::end_random:
+    end_distribution(r);
+    close_statement(a, r, result);
+    return true;
+  case Action::parms_group: {
+    std::vector<Value> values;
+    if (r.size() > 2) {
+      values = items(r.back().list);
+      values.insert(values.begin(), r[r.size() - 2]);
+    }
+    parms_group(r.size() == 2 ? r[1] : r[0], values);
+    return true;
+  }
+  case Action::parms_group_negative: {
+    Value first = r[1];
+    first.token.number = -first.token.number;
+    first.token.text = arena_.text("-" + std::string(first.token.text));
+    first.list = r[2].list;
+    std::vector<Value> values = items(r[3].list);
+    values.insert(values.begin(), first);
+    parms_group(r[0], values);
+    return true;
+  }
+  case Action::positive_range: result.list = r[1].list; return true;
+  case Action::missing_value: return true;
+  case Action::negative_value: case Action::positive_value: {
+    const Token sign = r[0].token;
+    result = r[1];
+    result.list = r[2].list;
+    if (action == Action::negative_value) {
+      result.token.number = -result.token.number;
+      result.token.text = arena_.text("-" + std::string(result.token.text));
+    }
+    result.token.where = sign.where;
+    return true;
+  }
+  case Action::end_parms: case Action::end_procedure_statement: close_statement(a, r, result); return true;
+  case Action::relation_first: {
+    List* list = new_list();
+    for (const Value& v : r) append(*list, v);
+    result.list = list;
+    result.form = Form::plain;
+    return true;
+  }
+  case Action::relation_append:
+    append(*r[0].list, r[1]);
+    append(*r[0].list, r[2]);
+    return true;
+  case Action::missing_operand: result.code = -2; return true;
+  case Action::end_bounds:
+    end_bounds(r);
+    close_statement(a, r, result);
+    return true;
+  case Action::end_estimate:
+  case Action::end_contrast:
+    end_labelled(r[1], action == Action::end_estimate ? std::vector<Expr*>{r[2].expr} : expressions(r[2].list));
+    close_statement(a, r, result);
+    return true;
+  case Action::end_predict:
+    if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
+    if (!proc_->current->given(4))
+      diagnostics_->error(Problem::missing_part, r[0].token.where, "PREDICT needs OUT= with the data set that takes the predictions.", 7);
+    close_statement(a, r, result);
+    return true;
+  case Action::end_id: {
+    STLIST& c = proc_->statements.front().fld[80];
+    if (!c.given()) c.where = r[0].token.where;
+    c.type = 'l';
+    add_names(c, names_of(r[1]), -1);
+    return true;
+  }
+  case Action::by_variable: result.code = 1; return true;
+  case Action::by_descending:
+    result = r[1];
+    result.code = 2;
+    return true;
+  case Action::by_not_sorted: result.code = 3; return true;
+  case Action::end_by: end_by(r); return true;
+  case Action::end_replicate:
+    add_names(cell(1, 'l', r[1].token.where), one_name(r[1]), -1);
+    close_statement(a, r, result);
+    return true;
+  case Action::end_compartment_model: close_statement(a, r, result); return true;
+  case Action::end_restrict:
+    diagnostics_->warning(Problem::without_effect, r[0].token.where,
+                          "RESTRICT has no effect: the fit is not constrained. Use BOUNDS, or write the model in fewer parameters.", r[0].token.length);
+    close_statement(a, r, result);
+    return true;
+  default: return false;
+  }
+}
+
+} // namespace torvale::language

@@ -1,0 +1,221 @@
+// Writes the tables as C++: torvale_actions.h (the routine numbers) and torvale_tables.cpp (PARSECONTROL and options).
+#include "language/generator/grammar.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+
+namespace torvale::generator {
+
+namespace {
+
+constexpr int never = 127; // the cost of what is not inserted or deleted
+
+int delete_cost(const std::string& name, bool is_class)
+{
+  static const char* const precious[] = {"NAMEX", "QS", "INT", "NBR", "COMPOUND", "FMT", "DATE", "TIME", "DATETIME", "MISSING"};
+  if (is_class) return std::count(std::begin(precious), std::end(precious), name) > 0 ? 50 : 10;
+  return name == "$$$" ? never : 10;
+}
+
+int insert_cost(const std::string& name, bool is_class)
+{
+  static const std::map<std::string, int> costs = {{"NAMEX", 1}, {"QS", 2}, {"INT", 2}, {"NBR", 4}, {"COMPOUND", 5}, {"FMT", 3},
+                                                   {"DATE", 50}, {"TIME", 50}, {"DATETIME", 50}, {"MISSING", 50}};
+  if (is_class) {
+    const auto found = costs.find(name);
+    return found == costs.end() ? 10 : found->second;
+  }
+  return name == "$$$" ? never : 10;
+}
+
+// The cheapest insertion of every symbol: its cost and the terminals.
+struct Insertions {
+  std::vector<int> cost;
+  std::vector<std::vector<int>> text;
+};
+
+Insertions cheapest_insertions(const Grammar& g)
+{
+  constexpr int unknown = 1 << 20;
+  Insertions best{std::vector<int>(g.names.size(), unknown), std::vector<std::vector<int>>(g.names.size())};
+  for (int t = 1; t <= g.terminals; ++t) {
+    best.cost[static_cast<std::size_t>(t)] = insert_cost(g.names[static_cast<std::size_t>(t)], t <= g.classes);
+    best.text[static_cast<std::size_t>(t)] = {t};
+  }
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (const Production& p : g.productions) {
+      int cost = 0;
+      for (int s : p.right) cost += best.cost[static_cast<std::size_t>(s)];
+      if (cost >= best.cost[static_cast<std::size_t>(p.left)]) continue;
+      std::vector<int> text;
+      for (int s : p.right) {
+        const auto& part = best.text[static_cast<std::size_t>(s)];
+        text.insert(text.end(), part.begin(), part.end());
+      }
+      best.cost[static_cast<std::size_t>(p.left)] = cost;
+      best.text[static_cast<std::size_t>(p.left)] = std::move(text);
+      changed = true;
+    }
+  }
+  return best;
+}
+
+class Writer {
+public:
+  explicit Writer(const std::string& path) : out_(path) {}
+  template <class Items> void array(const char* type, const std::string& name, const Items& items)
+  {
+    out_ << "constexpr " << type << " " << name << "[] = {";
+    int n = 0;
+    for (const auto& i : items) out_ << (n++ % 20 == 0 ? "\n  " : " ") << i << ",";
+    if (items.empty()) out_ << "0";
+    out_ << "\n};\n";
+  }
+  std::ofstream out_;
+};
+
+std::string quoted(const std::string& text)
+{
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
+}
+
+std::string value_text(const OptionValue& v, const std::string& words)
+{
+  return "{ValueKind::" + v.kind + ", " + std::to_string(v.slot) + ", " + (v.has_low ? "true" : "false") + ", " +
+         (v.has_high ? "true" : "false") + ", " + std::to_string(v.low) + ", " + std::to_string(v.high) + ", " + words + "}";
+}
+
+void write_options(std::ofstream& out, const Grammar& g)
+{
+  std::string rows;
+  const auto values = [&](const std::vector<OptionValue>& list, const std::string& name) -> std::string {
+    if (list.empty()) return "{}";
+    std::string text;
+    for (std::size_t k = 0; k < list.size(); ++k) {
+      std::string words = "{}";
+      if (!list[k].words.empty()) {
+        words = name + "_words_" + std::to_string(k);
+        out << "constexpr OptionWord " << words << "[] = {";
+        for (const auto& [spelling, code] : list[k].words) out << "{" << quoted(spelling) << ", " << code << "}, ";
+        out << "};\n";
+      }
+      text += value_text(list[k], words) + ", ";
+    }
+    out << "constexpr OptionValue " << name << "[] = {" << text << "};\n";
+    return name;
+  };
+  const auto numbers = [&](const std::vector<int>& list, const std::string& name) -> std::string {
+    if (list.empty()) return "{}";
+    out << "constexpr std::int16_t " << name << "[] = {";
+    for (int n : list) out << n << ", ";
+    out << "};\n";
+    return name;
+  };
+  for (std::size_t i = 0; i < g.options.size(); ++i) {
+    const OptionRow& row = g.options[i];
+    const std::string name = "option_" + std::to_string(i);
+    out << "constexpr std::string_view " << name << "_spellings[] = {";
+    for (const auto& w : row.words) out << quoted(w) << ", ";
+    out << "};\n";
+    const std::string value_list = values(row.values, name + "_values"), bracket = values(row.bracket, name + "_bracket");
+    const std::string traces = numbers(row.traces, name + "_traces"), flags = numbers(row.flags, name + "_flags");
+    rows += "  {" + quoted(row.statement) + ", " + name + "_spellings, " + (row.optional ? "true" : "false") + ", " + value_list + ", " +
+            bracket + ", " + traces + ", " + flags + ", " + quoted(row.initial) + ", " + quoted(row.meaning) + "},\n";
+  }
+  out << "constexpr OptionRow all_options[] = {\n" << rows << "};\n";
+}
+
+} // namespace
+
+// Routine numbers: those that the grammar fixes; the others count from 1 in order of appearance, past the fixed ones.
+void write_actions(Grammar& g, const std::string& path)
+{
+  std::ofstream out(path);
+  out << "#pragma once\n// Made from torvale.grammar.\nnamespace torvale::language {\nenum class Action : int {\n";
+  int next = 100;
+  for (const SemanticAction& a : g.actions)
+    if (!g.routine_numbers.count(a.routine)) g.routine_numbers[a.routine] = next++;
+  for (const auto& [name, number] : g.routine_numbers) out << "  " << name << " = " << number << ",\n";
+  out << "};\n}\n";
+}
+
+void write_tables(const Grammar& g, const Tables& tables, const std::string& path)
+{
+  Writer w(path);
+  w.out_ << "// Made from torvale.grammar.\n#include \"language/grammar.h\"\n\nnamespace torvale::language {\nnamespace {\n";
+  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del, ins, insndx, instbl;
+  const int first_nonterminal = g.terminals + 1;
+  for (const Production& p : g.productions) {
+    prdndx.push_back(static_cast<int>(prdlst.size()));
+    prdlst.push_back(static_cast<int>(p.right.size()) + (p.action >= 0 ? 1 : 0));
+    if (p.action >= 0) prdlst.push_back(-(p.action + 1));
+    prdlst.insert(prdlst.end(), p.right.rbegin(), p.right.rend());
+    lhs.push_back(p.left - first_nonterminal);
+  }
+  for (const auto& row : tables.rows) {
+    prsndx.push_back(static_cast<int>(prslst.size()));
+    for (const auto& [symbol, entry] : row) { prslst.push_back(symbol); prslst.push_back(entry); }
+  }
+  prsndx.push_back(static_cast<int>(prslst.size()));
+  for (const SemanticAction& a : g.actions) {
+    actmap.push_back(g.routine_numbers.at(a.routine));
+    argndx.push_back(a.arguments.empty() ? -1 : static_cast<int>(argtbl.size()));
+    if (a.arguments.empty()) continue;
+    argtbl.push_back(static_cast<int>(a.arguments.size()));
+    argtbl.insert(argtbl.end(), a.arguments.begin(), a.arguments.end());
+  }
+  std::string spellings;
+  for (int t = 1; t <= g.terminals; ++t) {
+    const std::string& name = g.names[static_cast<std::size_t>(t)];
+    symndx.push_back(static_cast<int>(spellings.size()));
+    symmap.push_back(t);
+    spellings += static_cast<char>(name.size());
+    spellings += name;
+    del.push_back(delete_cost(name, t <= g.classes));
+  }
+  const Insertions best = cheapest_insertions(g);
+  for (int s = 1; s <= g.symbols(); ++s) {
+    ins.push_back(std::min(best.cost[static_cast<std::size_t>(s)], never));
+    if (g.terminal(s)) continue;
+    insndx.push_back(static_cast<int>(instbl.size()));
+    // A nonterminal that costs more than any repair may has no string.
+    const auto& text = best.text[static_cast<std::size_t>(s)];
+    if (ins.back() >= never) { instbl.push_back(0); continue; }
+    instbl.push_back(static_cast<int>(text.size()));
+    instbl.insert(instbl.end(), text.begin(), text.end());
+  }
+  w.array("std::int16_t", "prdlst", prdlst);
+  w.array("std::int16_t", "prdndx", prdndx);
+  w.array("std::int16_t", "lhstbl", lhs);
+  w.array("std::int16_t", "prslst", prslst);
+  w.array("std::int32_t", "prsndx", prsndx);
+  w.array("std::int16_t", "actmap", actmap);
+  w.array("std::int16_t", "argndx", argndx);
+  w.array("std::int16_t", "argtbl", argtbl);
+  std::vector<int> bytes(spellings.begin(), spellings.end());
+  w.array("char", "symtbl", bytes);
+  w.array("std::int16_t", "symndx", symndx);
+  w.array("std::int16_t", "symmap", symmap);
+  w.array("std::uint8_t", "delcost", del);
+  w.array("std::uint8_t", "inscost", ins);
+  w.array("std::int16_t", "insndx", insndx);
+  w.array("std::int16_t", "instbl", instbl);
+  std::vector<std::string> names;
+  for (int s = first_nonterminal; s <= g.symbols(); ++s) names.push_back(quoted(g.names[static_cast<std::size_t>(s)]));
+  w.array("std::string_view", "nonterminals", names);
+  write_options(w.out_, g);
+  w.out_ << "} // namespace\n\nPARSECONTROL tvlg()\n{\n  return {1, " << first_nonterminal << ", " << g.terminals << ", " << prslst.size()
+         << ", prdlst, prdndx, lhstbl, prslst, prsndx, actmap, argndx, argtbl, symtbl, symndx, symmap,\n          delcost, inscost, insndx, instbl, "
+         << never << ", 63, " << instbl.size() << ", nullptr, nullptr, false, " << g.productions.size() << ", " << tables.rows.size() << ", "
+         << g.classes << "};\n}\n\nstd::span<const OptionRow> option_rows() { return all_options; }\n"
+         << "std::string_view nonterminal_name(int index) { return nonterminals[index]; }\n\n} // namespace torvale::language\n";
+}
+
+} // namespace torvale::generator

@@ -1,0 +1,391 @@
+#include "language/parser.h"
+
+#include "language/builder.h"
+#include "language/lexical.h"
+#include "language/repair.h"
+
+#include <algorithm>
+
+namespace torvale::language {
+
+namespace {
+
+constexpr int most_errors = 100;              // of one step, then the rest of the program is given up
+constexpr std::size_t deepest_stack = 12000;  // symbols on the parse stack
+constexpr std::size_t longest_name = 32;
+
+// Words that begin procedure statements: one of them as a name at a line's start points to a forgotten semicolon.
+bool begins_procedure_statement(std::string_view upper)
+{
+  static constexpr std::string_view words[] = {"MODEL", "RANDOM", "PARMS", "PARM", "PARAMETERS", "BOUNDS", "ESTIMATE", "CONTRAST",
+                                               "PREDICT", "REPLICATE", "MCMC", "CMPTMODEL", "RESTRICT", "TORVALE", "RUN", "QUIT", "ID", "BY"};
+  return std::find(std::begin(words), std::end(words), upper) != std::end(words);
+}
+
+} // namespace
+
+struct Parser::Implementation {
+  ParseRequest request;
+  PARSECONTROL control = tvlg();
+  Diagnostics* diagnostics = nullptr;   // of the step in work
+  TokenStream stream;
+  Scanner scanner;
+  Builder builder;
+  Repair repair;
+  int semicolon = 0;
+  bool stopped = false;                 // given up
+
+  // The parse of one step.
+  std::unique_ptr<LrMachine> parse;
+  std::vector<Value> values;            // one for each state but the first
+  Token last;                           // shifted last
+  Cursor begin;                         // where the token in work begins
+  Cursor suspect_at;                    // where a statement word was taken for a name at a line's start
+  Token suspect;
+
+  explicit Implementation(ParseRequest r)
+    : request(std::move(r)), stream(*request.sources, diagnostics, request.read_file),
+      scanner(control, stream, *request.arena, diagnostics), builder(request, scanner, stream, diagnostics), repair(control, scanner)
+  {
+    semicolon = scanner.spellings().mark(";");
+    control.user = this;
+    control.semroutine = [](PARSECONTROL&, const SEMARG& action, void* user) {
+      return static_cast<Implementation*>(user)->act(action);
+    };
+    Diagnostics none;
+    diagnostics = &none;
+    stream.push(request.program, {});
+  }
+
+  // The semantic routine: the values of the recognised production are on top of the stack; the last value is the result.
+  int act(const SEMARG& action)
+  {
+    const std::size_t n = static_cast<std::size_t>(action.length);
+    builder.act(action, std::span<Value>(values.data() + values.size() - n - 1, n), values.back());
+    return 0;
+  }
+
+  void reduce(int production)
+  {
+    const std::size_t n = static_cast<std::size_t>(parse->length(production));
+    const int number = parse->action(production);
+    parse->reduce(production);
+    if (parse->accepted()) return;
+    Value result = n > 0 ? values[values.size() - n] : Value{};
+    result.depth = values[values.size() - n - 1].depth;
+    values.push_back(result);
+    if (number > 0) {
+      SEMARG action;
+      action.action = control.actmap[number - 1];
+      action.production = static_cast<std::int16_t>(production);
+      action.length = static_cast<std::int16_t>(n);
+      if (const std::int16_t at = control.argndx[number - 1]; at >= 0) {
+        action.argn = control.argtbl[at];
+        std::copy_n(control.argtbl + at + 1, action.argn, action.arglist);
+      }
+      control.semroutine(control, action, control.user);
+    }
+    result = values.back();
+    values.resize(values.size() - n - 1);
+    values.push_back(result);
+  }
+
+  // Reductions that need no token, with their actions: the end of a statement happens here, before anything is read.
+  void settle()
+  {
+    while (!parse->accepted())
+      if (const auto only = parse->forced_reduction()) reduce(*only);
+      else return;
+  }
+
+  void shift(const Token& token)
+  {
+    while (true) {
+      if (const auto only = parse->forced_reduction()) {
+        reduce(*only);
+        continue;
+      }
+      const int next = *parse->entry(parse->top(), token.symbol);
+      if (next > 0) break;
+      reduce(-next);
+    }
+    parse->shift(token.symbol);
+    Value v;
+    v.token = token;
+    v.depth = values.back().depth;
+    values.push_back(v);
+    last = token;
+    if (token.symbol == semicolon) suspect = {};
+    settle();
+  }
+
+  // --- errors
+
+  std::string found_text(const Token& token) const
+  {
+    if (token.symbol == token_class::ENDJB) return token.length > 0 ? upper_case(token.text) : token.text == "end of the program" ? "the end of the program" : "the next step";
+    if (token.symbol == token_class::QS) return "the text '" + std::string(token.text.substr(0, 40)) + "'";
+    return "'" + std::string(token.text.substr(0, 40)) + "'";
+  }
+
+  // Mistakes that have a name of their own: operators of other languages, and places where a hint says more.
+  std::string special_hint(const Token& wrong) const
+  {
+    const std::string_view text = request.sources->source(begin.back().source).text;
+    const std::size_t at = begin.back().at;
+    const char before = at > 0 ? text[at - 1] : '\0', here = at < text.size() ? text[at] : '\0';
+    if (here == '=' && before == '!') return "'!=' is no operator: write ^= or NE.";
+    if (here == '=' && before == '=') return "'==' is no operator: write = or EQ.";
+    if (here == '&' && before == '&') return "'&&' is no operator: write & or AND.";
+    const syntax::STMT* statement = builder_statement();
+    const std::string name = statement ? statement->name : std::string();
+    const bool number = wrong.symbol == token_class::INT || wrong.symbol == token_class::NBR;
+    if (name.rfind("PARM", 0) == 0 || name.rfind("PARAM", 0) == 0) {
+      if (last.text == "/" && number) return "A value of PARMS is a number: '/' begins the options. Write the quotient as a number.";
+      if (wrong.text == "(" || (!last.text.empty() && wrong.text == "*")) return "A value of PARMS is a number, not an expression.";
+    }
+    if (name.rfind("BOUND", 0) == 0 && (wrong.text == "*" || wrong.text == "(" || wrong.text == "/" || wrong.text == "+"))
+      return "A bound is a number: an expression cannot stand in BOUNDS. Write the model in a parameter that has a plain bound.";
+    if (wrong.symbol == token_class::ENDJB && values.back().depth > 0) return "An END is missing: a DO, SELECT or subprogram is still open.";
+    if (wrong.symbol == scanner.spellings().word("ELSE")) return "This ELSE has no IF: the statement before it must be the IF ... THEN, and a block needs DO; ... END;";
+    if (wrong.symbol == scanner.spellings().word("END")) return "This END closes nothing: there is no DO or SELECT open.";
+    return {};
+  }
+  const syntax::STMT* builder_statement() const { return current_proc ? current_proc->current : nullptr; }
+  syntax::PROCSTR* current_proc = nullptr;
+
+  Diagnostic& report(const Token& wrong)
+  {
+    Diagnostic& d = diagnostics->error(Problem::syntax, wrong.where, "", std::max<std::int32_t>(1, wrong.length));
+    d.found = found_text(wrong);
+    d.text = special_hint(wrong);
+    return d;
+  }
+
+  void handle_error(const Token& wrong)
+  {
+    if (too_many()) return;
+    if (suspect.symbol != 0) return restart_at_suspect();
+    const auto plan = diagnostics->errors() + 1 > most_errors ? std::nullopt : repair.find(*parse, begin, wrong);
+    Diagnostic& d = report(wrong);
+    const bool hinted = !d.text.empty();
+    if (!plan) {
+      if (!hinted) d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found : d.found + " cannot stand here") + ".";
+      if (!hinted) d.expected = repair.expected(*parse);
+      if (wrong.symbol >= control.classes || wrong.symbol == token_class::NAMEX)
+        if (const int near = repair.nearest_keyword(*parse, wrong.text)) d.suggestion = repair.shown(near);
+      return give_up_statement(wrong);
+    }
+    describe_repair(d, *plan, wrong, hinted);
+    carry_out(*plan);
+  }
+
+  void describe_repair(Diagnostic& d, const RepairPlan& plan, const Token& wrong, bool hinted)
+  {
+    std::string inserted;
+    for (int t : plan.inserted) inserted += (inserted.empty() ? "" : " ") + repair.shown(t);
+    if (!plan.replacement.empty()) {
+      if (!hinted) d.text = d.found + " has no meaning here.";
+      d.suggestion = plan.replacement;
+      d.repair = plan.replacement + " was put in its place";
+    } else if (plan.deleted == 0) {
+      // What is missing belongs behind the token before: that is where people look.
+      if (!hinted) d.text = inserted + (plan.inserted.size() > 1 ? " are" : " is") + " missing before " + d.found + ".";
+      d.repair = inserted + (plan.inserted.size() > 1 ? " were inserted" : " was inserted");
+    } else {
+      const std::string what = plan.deleted == 1 ? d.found : std::to_string(plan.deleted) + " words from " + d.found + " on";
+      if (!hinted) d.text = d.found + " cannot stand here.";
+      if (!hinted) d.expected = repair.expected(*parse);
+      d.repair = plan.inserted.empty() ? what + (plan.deleted == 1 ? " was left out" : " were left out") : inserted + " was put in place of " + what;
+    }
+    (void)wrong;
+  }
+
+  void carry_out(const RepairPlan& plan)
+  {
+    stream.cursor() = begin;
+    for (int k = 0; k < plan.deleted; ++k) scanner.next_copy(*parse, stream.cursor());
+    for (int t : plan.inserted) {
+      Token token;
+      token.symbol = t;
+      token.where = stream.position(stream.cursor().back());
+      token.text = t == token_class::NAMEX ? "_inserted_" : control.spelling(t);
+      if (t == token_class::INT || t == token_class::NBR) {
+        token.text = "1";
+        token.number = 1.0;
+      }
+      if (!plan.replacement.empty()) token.text = control.spelling(t);
+      shift(token);
+    }
+  }
+
+  // A statement word at a line's start was taken for a name, and now the statement makes no sense: the semicolon before
+  // that word is missing. Reads on from the word.
+  void restart_at_suspect()
+  {
+    const std::string word = upper_case(suspect.text);
+    diagnostics->error(Problem::syntax, suspect.where, "A semicolon is missing before " + word + ".", suspect.length).found = found_text(suspect);
+    Diagnostic& d = diagnostics->list().back();
+    d.repair = "the statement was ended before " + word;
+    stream.cursor() = suspect_at;
+    suspect = {};
+    drop_statement();
+  }
+
+  // Leaves out the rest of the statement.
+  void give_up_statement(const Token& wrong)
+  {
+    stream.cursor() = begin;
+    if (wrong.symbol == token_class::ENDJB) {
+      // Nothing is left of the step: it ends here, with whatever is open.
+      scanner.next(*parse);
+      parse->mark_accepted();
+      return;
+    }
+    skip_statement();
+    drop_statement();
+  }
+
+  // Moves the stream behind the next semicolon, quotes and comments passed over.
+  void skip_statement()
+  {
+    while (stream.seek()) {
+      Frame& frame = stream.cursor().back();
+      const std::string_view text = request.sources->source(frame.source).text;
+      const Shape shape = shape_at(text, frame.at);
+      if (text[frame.at] == ';') {
+        ++frame.at;
+        return;
+      }
+      if (shape == Shape::text) frame.at = quote_shape(text, frame.at).end;
+      else if (shape == Shape::word) frame.at = word_end(text, frame.at);
+      else ++frame.at;
+      if (too_many()) return;
+    }
+  }
+
+  // Cuts the stack back to where the statement began, as if it had been read.
+  void drop_statement()
+  {
+    builder.abandon_statement();
+    const int statement = nonterminal("statement"), torvale = nonterminal("torvale_statement");
+    std::size_t keep = parse->find_goto(statement);
+    int symbol = statement;
+    if (keep == 0) {
+      keep = parse->find_goto(torvale);
+      symbol = torvale;
+    }
+    parse->cut(keep, symbol);
+    values.resize(keep - 1);
+    Value v;
+    v.depth = values.back().depth;
+    values.push_back(v);
+    suspect = {};
+    settle();
+  }
+
+  int nonterminal(std::string_view name) const
+  {
+    for (int s = 0;; ++s)
+      if (nonterminal_name(s) == name) return control.goaltoken + s;
+  }
+
+  bool too_many()
+  {
+    if (stopped) return true;
+    if (diagnostics->errors() <= most_errors) return false;
+    diagnostics->error(Problem::too_many_errors, stream.position(stream.cursor().back()), "There are more than 100 errors: the rest of the program is not read.");
+    stopped = true;
+    stream.cursor().resize(1);
+    stream.cursor().back().at = request.sources->source(request.program).text.size();
+    parse->mark_accepted();
+    return true;
+  }
+
+  // --- steps
+
+  // Moves to the next TORVALE statement. False at the end of the program.
+  bool find_step()
+  {
+    bool told = false;
+    while (stream.seek()) {
+      Frame& frame = stream.cursor().back();
+      const std::string_view text = request.sources->source(frame.source).text;
+      const std::string word = upper_case(text.substr(frame.at, word_end(text, frame.at) - frame.at));
+      if (word == "TORVALE") return true;
+      const syntax::Position where = stream.position(frame);
+      if (text[frame.at] == '*') {
+        frame.at = std::min(text.find(';', frame.at), text.size() - 1) + 1;
+        continue;
+      }
+      if (!told && word != "RUN" && word != "QUIT" && word != "CMT" && text[frame.at] != ';') {
+        Diagnostic& d = diagnostics->error(Problem::before_first_step, where, "A step begins with the TORVALE statement; this one stands before it.",
+                                           static_cast<std::int32_t>(std::max<std::size_t>(1, word.size())));
+        if (edit_distance(word, "TORVALE", 2) <= 2) d.suggestion = "TORVALE";
+        told = true;
+      }
+      skip_statement();
+      if (stopped) return false;
+    }
+    return false;
+  }
+
+  void read_token()
+  {
+    const Token token = scanner.next(*parse);
+    begin = stream.cursor();
+    begin.back().at = token.begin;
+    if (token.symbol == token_class::unknown_character) return; // reported by the scanner
+    if (token.symbol == token_class::NAMEX || token.symbol == token_class::VLITERAL || token.symbol == token_class::COMPOUND) check_name(token);
+    if (values.size() > deepest_stack) {
+      diagnostics->error(Problem::too_deep, token.where, "Statements or expressions are nested too deeply here: split them.");
+      give_up_statement(token);
+      return;
+    }
+    if (!parse->accepts(token.symbol)) return handle_error(token);
+    if (token.symbol == token_class::NAMEX && suspect.symbol == 0 && token.where.line > last.where.line && last.symbol != semicolon &&
+        begins_procedure_statement(upper_case(token.text))) {
+      suspect = token;
+      suspect_at = begin;
+    }
+    shift(token);
+  }
+
+  void check_name(const Token& token)
+  {
+    if (token.symbol == token_class::COMPOUND || token.text.size() <= longest_name) return;
+    diagnostics->error(Problem::name_too_long, token.where,
+                       "The name " + std::string(token.text.substr(0, 60)) + " has " + std::to_string(token.text.size()) + " characters: a name has at most 32.",
+                       token.length);
+  }
+
+  ParseResult parse_step()
+  {
+    ParseResult result;
+    Diagnostics found;
+    diagnostics = &found;
+    if (!stopped && find_step()) {
+      result.found = true;
+      current_proc = &result.proc;
+      parse = std::make_unique<LrMachine>(control);
+      values.assign(1, Value{});
+      last = {};
+      suspect = {};
+      builder.begin(result.proc);
+      settle();
+      while (!parse->accepted()) read_token();
+      if (!stopped) builder.finish();
+      current_proc = nullptr;
+      result.proc.current = nullptr;
+    }
+    if (found.errors() > 0) result.proc.error = true;
+    result.diagnostics = std::move(found.list());
+    return result;
+  }
+};
+
+Parser::Parser(ParseRequest request) : implementation_(std::make_unique<Implementation>(std::move(request))) {}
+Parser::~Parser() = default;
+ParseResult Parser::parse_step() { return implementation_->parse_step(); }
+
+} // namespace torvale::language
