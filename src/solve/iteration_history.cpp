@@ -109,17 +109,20 @@ void write_row(NX& n, const MINSTR& str, int layout)
   n.ithis->row(std::move(cells));
 }
 
-std::string filled(int number, std::initializer_list<std::string> values)
+// Words of the optimizer's library with {0}, {1}, ... filled in.
+std::string words_of(int group, int number, const std::vector<std::string>& values)
 {
-  const char* text = optimizer::message_text(549, number);
-  std::string out = text != nullptr ? text : "Message 549/" + std::to_string(number) + ".";
-  int k = 0;
-  for (const std::string& value : values) {
-    const std::string mark = "{" + std::to_string(k++) + "}";
-    if (const auto at = out.find(mark); at != std::string::npos) out.replace(at, mark.size(), value);
+  const char* text = optimizer::message_text(group, number);
+  std::string out = text != nullptr ? text : "A message of the optimizer.";
+  for (std::size_t k = 0; k < values.size(); ++k) {
+    std::string mark(1, '{');
+    mark.append(std::to_string(k)).append(1, '}');
+    if (const auto at = out.find(mark); at != std::string::npos) out.replace(at, mark.size(), values[k]);
   }
   return out;
 }
+
+std::string filled(int number, const std::vector<std::string>& values) { return words_of(549, number, values); }
 
 // The words of a termination code, and the status: 0 converged, 1 failed, 2 failed otherwise.
 std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
@@ -194,17 +197,13 @@ int nlpterm(MINSTR* str, int job)
 void optimizer_message(MINSTR* str, int group, int number, int severity, const double* values, int count)
 {
   NX& n = *static_cast<NX*>(str->comstr);
-  const char* words = optimizer::message_text(group, number);
+  std::vector<std::string> shown;
+  for (int k = 0; k < count; ++k) shown.push_back(host::shortest(values[k]));
   host::Message message;
   message.group = group;
   message.number = number;
   message.severity = severity >= 3 ? host::Severity::error : severity == 2 ? host::Severity::warning : host::Severity::note;
-  message.text = words != nullptr ? words : "Message of the optimizer.";
-  for (int k = 0; k < count; ++k) {
-    const std::string mark = "{" + std::to_string(k) + "}";
-    if (const auto at = message.text.find(mark); at != std::string::npos)
-      message.text.replace(at, mark.size(), host::shortest(values[k]));
-  }
+  message.text = words_of(group, number, shown);
   n.host->log().post(std::move(message));
 }
 

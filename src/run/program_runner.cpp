@@ -1,0 +1,227 @@
+#include "run/program_runner.h"
+
+#include "host/run_output.h"
+#include "language/parser.h"
+#include "run/driver.h"
+#include "run/exit_codes.h"
+#include "run/model_generator.h"
+#include "run/statement_processing.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace torvale::run {
+
+using syntax::PROCSTR;
+using syntax::STMT;
+
+namespace {
+
+// One program: the parser with its callbacks, and what they find out about the step being read.
+class ProgramRunner {
+public:
+  ProgramRunner(host::Host& host, const ProgramRequest& request)
+      : host_(host), request_(request), program_(sources_.add(request.name, request.text)), parser_(parse_request())
+  {
+  }
+
+  ProgramResult run()
+  {
+    ProgramResult result;
+    int steps = 0;
+    for (;; ++steps) {
+      begin_reading();
+      language::ParseResult parsed = parser_.parse_step();
+      if (!parsed.found && parsed.diagnostics.empty()) break;
+      ensure_step();
+      report(parsed.diagnostics);
+      StepOutcome outcome = parsed.found ? finish(parsed) : StepOutcome{3000, exit_program};
+      if (host_.interrupted()) outcome.exit_code = exit_interrupted;
+      host_.end_step(outcome.return_code);
+      result.exit_code = worse_exit(result.exit_code, outcome.exit_code);
+      if (!parsed.found || host_.interrupted()) break;
+    }
+    if (steps == 0 && result.exit_code == exit_clean) result.exit_code = empty_program();
+    return result;
+  }
+
+private:
+  language::ParseRequest parse_request()
+  {
+    language::ParseRequest r;
+    r.sources = &sources_;
+    r.arena = &arena_;
+    r.program = program_;
+    r.tvlsem = [this](const language::SEMARG& action, PROCSTR& proc, language::TokenStream& stream) {
+      return action.action == 78 ? generate_model(proc, stream) : 0;
+    };
+    r.on_procedure_statement = [this](const STMT& procedure) { return open_input(procedure); };
+    r.read_file = [this](const std::string& path, const std::string&) -> std::optional<std::string> {
+      std::string bytes, problem;
+      const auto full = std::filesystem::path(request_.folder) / path;
+      if (!host::read_file(full.string(), bytes, problem)) return std::nullopt;
+      return bytes;
+    };
+    return r;
+  }
+
+  // --- A step being read ---------------------------------------------------------------------------------------------
+
+  void begin_reading()
+  {
+    step_open_ = false;
+    data_given_ = false;
+    data_.reset();
+    model_fault_ = false;
+  }
+
+  // Steps begin when their first word is known, so that messages of reading belong to them.
+  void ensure_step()
+  {
+    if (!step_open_) host_.begin_step();
+    step_open_ = true;
+  }
+
+  // Opens DATA= as soon as the TORVALE statement has been read: name lists need the order of its variables.
+  std::vector<language::InputVariable> open_input(const STMT& procedure)
+  {
+    ensure_step();
+    std::vector<language::InputVariable> variables;
+    data_given_ = procedure.given(1) && !procedure.slot(1).list.empty();
+    if (!data_given_) return variables;
+    const syntax::StItem& item = procedure.slot(1).list[0];
+    host::MessagePlace place;
+    place.statement = "TORVALE";
+    place.line = sources_.user_position(item.where).line;
+    host::DataSetReference reference{item.text, item.quoted, {}};
+    if (!item.options.empty()) {
+      auto options = host::parse_data_set_options(item.options, host_.log(), place);
+      if (!options) return variables;
+      reference.options = std::move(*options);
+    }
+    data_ = host_.libraries().xoopen(reference, host_.log(), place);
+    if (data_)
+      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
+    return variables;
+  }
+
+  // Action 78: the statements of the MODEL distribution go in front of what is left of the program.
+  int generate_model(PROCSTR& proc, language::TokenStream& stream)
+  {
+    const STMT& procedure = proc.statements.front();
+    const STMT& model = *proc.current;
+    ModelText text;
+    text.code = static_cast<int>(model.number_or(4, 0));
+    text.singvar = procedure.number_or(85, 1.110223024625157e-12);
+    const int method = static_cast<int>(procedure.number_or(5, 0));
+    const auto& arguments = model.slot(2).list;
+    const auto refuse = [&](int number, const host::MessageArguments& words) {
+      host::MessagePlace place;
+      place.statement = "MODEL";
+      place.line = sources_.user_position(model.where).line;
+      host_.log().xpmlog(503, number, words, place);
+      model_fault_ = true;
+      return 1;
+    };
+    if (method == 1 && text.code != 0) return refuse(19, {});
+    if (text.code == 8) return refuse(333, {});
+    const int expected = expected_arguments(text.code);
+    if (static_cast<int>(arguments.size()) != expected) return refuse(14, {{"expected", expected}, {"found", arguments.size()}});
+    if (method == 1 && !procedure.flag(72)) return 0; // the first-order method takes mean and variance themselves
+    if (model.slot(1).list.empty()) return 0;
+    text.dependent = model.slot(1).list[0].text;
+    for (const auto& argument : arguments) text.arguments.push_back(syntax::to_text(*argument.expr));
+
+    if (language::xtanch(stream) != 0 || language::xttpshx(stream) != 0) return 1;
+    for (const std::string& line : tvlmodl(text))
+      if (language::xttpshb(stream, line) != 0) return 1;
+    return 0;
+  }
+
+  void report(const std::vector<language::Diagnostic>& diagnostics)
+  {
+    for (const auto& d : diagnostics) {
+      host::Message message;
+      message.group = language::message_group;
+      message.number = d.number();
+      message.severity = d.severity == language::Severity::note      ? host::Severity::note
+                         : d.severity == language::Severity::warning ? host::Severity::warning
+                                                                     : host::Severity::error;
+      // The first line of the rendering is place and text; the source line and the caret follow as they stand.
+      const std::string words = language::render(sources_, d);
+      std::size_t from = 0;
+      for (bool first = true; from < words.size(); first = false) {
+        const std::size_t end = std::min(words.find('\n', from), words.size());
+        const std::string line = words.substr(from, end - from);
+        if (first) {
+          message.text = line;
+          host_.log().post(message);
+        } else {
+          host_.log().xpslog(line);
+        }
+        from = end + 1;
+      }
+    }
+  }
+
+  // --- A step that has been read ---------------------------------------------------------------------------------------
+
+  StepOutcome finish(language::ParseResult& parsed)
+  {
+    if (model_fault_) return {1012, exit_program};
+    if (parsed.proc.error) return {3000, exit_program};
+    if (!data_) {
+      if (!data_given_) {
+        std::string known;
+        for (const auto& name : host_.libraries().bound_names()) known += (known.empty() ? "" : ", ") + name;
+        host::MessageArguments words;
+        if (!known.empty()) words.emplace_back("known", known);
+        host_.log().xpmlog(503, 1, words);
+      }
+      return {1008, exit_data};
+    }
+    model::NX n;
+    n.host = &host_;
+    n.proc = &parsed.proc;
+    n.sources = &sources_;
+    n.fid = &*data_;
+    n.data_name = data_->name;
+    n.command_threads = request_.threads;
+    n.seed = request_.seed;
+    if (!request_.check_only) return hsttorvl(n);
+    try {
+      tvlinit(n);
+      return {n.tvlrc, exit_clean};
+    } catch (const host::HostExit& end) {
+      return {std::max(n.tvlrc, end.return_code), end.return_code == 1008 ? exit_data : exit_program};
+    }
+  }
+
+  int empty_program()
+  {
+    host_.begin_step();
+    host_.log().xpmlog(503, 9342, {{"program", request_.name}});
+    host_.end_step(3000);
+    return exit_program;
+  }
+
+  host::Host& host_;
+  const ProgramRequest& request_;
+  syntax::SourceMap sources_;
+  syntax::Arena arena_;
+  std::int32_t program_;
+  bool step_open_ = false;            // begin_step has been called for the step being read
+  bool data_given_ = false;           // DATA= stands in the TORVALE statement
+  std::optional<host::DataSet> data_; // the input data set
+  bool model_fault_ = false;          // MODEL was refused
+  language::Parser parser_;           // last: its callbacks use the rest
+};
+
+} // namespace
+
+ProgramResult run_program(host::Host& host, const ProgramRequest& request)
+{
+  return ProgramRunner(host, request).run();
+}
+
+} // namespace torvale::run

@@ -1,0 +1,58 @@
+// The public interface of the library.
+
+#include "torvale/torvale.h"
+
+#include "host/host.h"
+#include "run/exit_codes.h"
+#include "run/program_runner.h"
+
+#include <new>
+
+namespace torvale {
+
+std::string_view version() { return TORVALE_VERSION; }
+
+struct Session::State {
+  RunSettings settings;
+  std::unique_ptr<host::Host> host;
+};
+
+Session::Session(RunSettings settings) : state_(std::make_unique<State>())
+{
+  host::HostOptions options;
+  options.version = version();
+  options.program = settings.program_name;
+  options.places = {settings.program_folder, settings.output_folder};
+  options.listing = settings.listing;
+  options.log = settings.log;
+  options.progress = settings.progress;
+  state_->host = host::make_host(std::move(options));
+  for (const auto& [name, path] : settings.data) state_->host->libraries().bind_data(name, path);
+  for (const auto& [name, path] : settings.libraries) state_->host->libraries().bind_library(name, path);
+  state_->settings = std::move(settings);
+}
+
+Session::~Session() = default;
+
+RunOutcome Session::run(std::string program)
+{
+  const RunSettings& s = state_->settings;
+  RunOutcome outcome;
+  auto result = run::run_program(*state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only});
+  outcome.exit_code = result.exit_code;
+  outcome.statements = std::move(result.statements);
+  outcome.results = state_->host->results();
+  return outcome;
+}
+
+std::shared_ptr<const host::DataSet> Session::data_set(const std::string& name, bool is_path)
+{
+  auto data = state_->host->libraries().xoopen({name, is_path, {}}, state_->host->log());
+  return data ? std::make_shared<const host::DataSet>(std::move(*data)) : nullptr;
+}
+
+void Session::interrupt() { state_->host->interrupt(); }
+
+std::string explain(std::string_view code) { return host::explain_message(code); }
+
+} // namespace torvale
