@@ -9,10 +9,12 @@ namespace torvale::probability {
 // Both tails, their logarithms and the log density at x >= 0; df > 0. NaN outside.
 Tails chi_square_tails(double x, double df);
 
-// zplbcnc: lower (pl) and upper (pr) probability of the non-central chi-square distribution with df > 0 degrees of
-// freedom and non-centrality nc >= 0 at x. (z numeric, p probability, c chi-square, nc non-central.) zlogcnc: the
-// logarithms of the same. zldncnc: the log density into ld. Return 0; 1 outside the domain, the results are then NaN.
-// Cost: proportional to the square root of nc.
+// The non-central chi-square distribution with df > 0 degrees of freedom and non-centrality nc at x >= 0; nc in 0..1e10
+// and nc x at most 1e20 (beyond, the sums grow too long). (z numeric, c chi-square, nc non-central.)
+//   zplbcnc: lower (pl) and upper (pr) probability (p probability)
+//   zlogcnc: the logarithms of the same (log)
+//   zldncnc: the log density into ld (ld log density)
+// Return 0; 1 outside the domain, the results are then NaN. Cost: proportional to the square root of nc.
 int zplbcnc(double x, double df, double nc, double* pl, double* pr);
 int zlogcnc(double x, double df, double nc, double* lpl, double* lpr);
 int zldncnc(double x, double df, double nc, double* ld);

@@ -14,7 +14,9 @@ BetaPoint beta_point_of_f(double f, double ndf, double ddf)
 {
   const double product = f * ndf;
   const double sum = product + ddf;
-  if (product > dmin && sum < infinity) return beta_point_pair(ddf / sum, product / sum);
+  const double x = ddf / sum;
+  const double y = product / sum;
+  if (product > dmin && sum < infinity && x > dmin && y > dmin) return beta_point_pair(x, y);
   return beta_point_logit(std::log(ddf) - std::log(f) - std::log(ndf));
 }
 

@@ -21,8 +21,10 @@ struct Mixture {
   double z; // half the point
 };
 
-constexpr double largest_noncentrality = 1e12; // 30 sqrt(nc) terms: about a second
-constexpr double negligible = 45.0;            // terms below exp(-45) of the largest are left out
+// The sums have about 20 sqrt(nc) terms near the centre and 20 (nc x)^(1/4) far out: two million at these limits.
+constexpr double largest_noncentrality = 1e10;
+constexpr double largest_product = 1e20;
+constexpr double negligible = 45.0; // terms below exp(-45) of the largest are left out
 
 double log_weight(const Mixture& m, double j)
 {
@@ -48,7 +50,8 @@ double log_step(const Mixture& m, double j)
 // Index of the largest product of weight and kernel: (j + 1)(a + j + 1) = h z.
 double peak_of_kernel(const Mixture& m)
 {
-  return std::floor(std::max(0.0, 0.5 * (std::sqrt(m.a * m.a + 4.0 * m.h * m.z) - m.a)));
+  const double product = m.h * m.z;
+  return std::floor(2.0 * product / (m.a + std::hypot(m.a, 2.0 * std::sqrt(product))));
 }
 
 // First index from peak on, outwards in the given direction and not below 0, whose term is negligible.
@@ -63,10 +66,18 @@ template <class Term> double negligible_from(const Mixture& m, double peak, doub
   return j;
 }
 
+// A sum that went out of range is NaN for the caller; rounding above 1 is taken back.
+double log_of_probability(double scale, double sum)
+{
+  const double log_p = scale + std::log(sum);
+  return log_p < infinity ? std::min(0.0, log_p) : not_a_number;
+}
+
 double log_lower(const Mixture& m)
 {
   const double peak = std::min(peak_of_kernel(m), std::floor(m.h));
   const double scale = log_lower_term(m, peak);
+  if (scale == -infinity) return scale;
   double j = negligible_from(m, peak, 1.0, log_lower_term);
   double term = std::exp(log_lower_term(m, j) - scale);
   double step = std::exp(log_step(m, j) - scale);
@@ -75,15 +86,17 @@ double log_lower(const Mixture& m)
     step *= j / m.h * ((m.a + j) / m.z);
     term = j / m.h * term + step;
     sum += term;
-    if (j <= peak && term < 1e-18 * sum) break;
+    if (j <= peak && !(term >= 1e-18 * sum && sum < infinity)) break; // a NaN ends it too
   }
-  return std::min(0.0, scale + std::log(sum));
+  return log_of_probability(scale, sum);
 }
 
 double log_upper(const Mixture& m)
 {
   const double peak = std::max(peak_of_kernel(m), std::floor(m.h));
-  const double scale = log_upper_term(m, peak);
+  // For a tiny a the first term nearly vanishes beside the second, wherever the peak is taken to be.
+  const double scale = std::max(log_upper_term(m, peak), log_upper_term(m, peak + 1.0));
+  if (scale == -infinity) return scale;
   double j = negligible_from(m, peak, -1.0, log_upper_term);
   double term = std::exp(log_upper_term(m, j) - scale);
   double step = std::exp(log_step(m, j) - scale);
@@ -92,9 +105,9 @@ double log_upper(const Mixture& m)
     term = m.h / (j + 1.0) * (term + step);
     step *= m.h / (j + 1.0) * (m.z / (m.a + j + 1.0));
     sum += term;
-    if (j >= peak && term < 1e-18 * sum) break;
+    if (j >= peak && !(term >= 1e-18 * sum && sum < infinity)) break;
   }
-  return std::min(0.0, scale + std::log(sum));
+  return log_of_probability(scale, sum);
 }
 
 // From the largest term outwards both ways by the ratio h z / ((j + 1)(a + j)).
@@ -117,7 +130,8 @@ double log_density(const Mixture& m)
 
 bool inside(double x, double df, double nc)
 {
-  return x >= 0.0 && df > 0.0 && df < infinity && nc >= 0.0 && nc <= largest_noncentrality;
+  return x >= 0.0 && df > 2.0 * dmin && df < infinity && nc >= 0.0 && nc <= largest_noncentrality &&
+         (nc * x <= largest_product || std::isinf(x));
 }
 
 } // namespace
@@ -126,9 +140,9 @@ int zlogcnc(double x, double df, double nc, double* lpl, double* lpr)
 {
   *lpl = *lpr = not_a_number;
   if (!inside(x, df, nc)) return 1;
-  if (nc == 0.0 || x == 0.0 || std::isinf(x)) {
+  if (nc < dmin || x < dmin || std::isinf(x)) { // the first term is all, or x is at an end
     const Tails t = chi_square_tails(x, df);
-    *lpl = t.log_lower;
+    *lpl = x < dmin ? t.log_lower - 0.5 * nc : t.log_lower;
     *lpr = t.log_upper;
     return 0;
   }
@@ -139,7 +153,7 @@ int zlogcnc(double x, double df, double nc, double* lpl, double* lpr)
     *lpr = log_complement(*lpl); // the larger from the smaller: its logarithm may be close to 0
   else
     *lpl = log_complement(*lpr);
-  return 0;
+  return std::isnan(*lpl) || std::isnan(*lpr) ? 1 : 0;
 }
 
 int zplbcnc(double x, double df, double nc, double* pl, double* pr)
@@ -154,9 +168,9 @@ int zldncnc(double x, double df, double nc, double* ld)
 {
   *ld = not_a_number;
   if (!inside(x, df, nc)) return 1;
-  if (x == 0.0) {
-    *ld = chi_square_tails(0.0, df).log_density - 0.5 * nc; // only the first term is not 0 there
-  } else if (nc == 0.0 || std::isinf(x)) {
+  if (x < dmin) {
+    *ld = chi_square_tails(x, df).log_density - 0.5 * nc; // only the first term counts there
+  } else if (nc < dmin || std::isinf(x)) {
     *ld = chi_square_tails(x, df).log_density;
   } else {
     *ld = log_density({0.5 * df, 0.5 * nc, 0.5 * x}) - ln2;

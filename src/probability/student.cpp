@@ -13,7 +13,8 @@ namespace torvale::probability {
 // P(|T| > |t|) is the upper tail of F(1, df) at t^2; far out, where t^2 overflows, it is taken at the logit.
 Tails student_tails(double t, double df)
 {
-  if (std::isnan(t) || !(df > 0.0)) return {not_a_number, not_a_number, not_a_number, not_a_number, not_a_number};
+  if (std::isnan(t) || !(df > 2.0 * dmin))
+    return {not_a_number, not_a_number, not_a_number, not_a_number, not_a_number};
   if (std::isinf(df)) return normal_tails(t);
   if (std::isinf(t)) {
     const Tails left{0.0, 1.0, -infinity, 0.0, -infinity};
