@@ -1,6 +1,7 @@
 #include "host/data_set.h"
 #include "host/text.h"
 #include <algorithm>
+#include <numeric>
 
 namespace torvale::host {
 
@@ -117,6 +118,20 @@ DataSet DataSet::select(std::span<const std::size_t> rows) const
   for (const std::size_t row : rows) file_rows.push_back(file_row(row));
   out.set_file_rows(std::move(file_rows));
   return out;
+}
+
+void DataSet::sort_rows(std::span<const std::size_t> by)
+{
+  std::vector<std::size_t> order(rows());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    for (const std::size_t i : by) {
+      const int c = compare_cells(columns_[i], a, columns_[i], b);
+      if (c != 0) return c < 0;
+    }
+    return false;
+  });
+  *this = select(order);
 }
 
 std::vector<std::string> DataSet::column_names() const

@@ -91,6 +91,9 @@ public:
   DataSet select(std::span<const std::size_t> rows) const; // a copy of these rows; file rows are kept
   std::vector<std::string> column_names() const;
 
+  // Sorts the rows by these columns (indices), first one first; stable, missing values first. File rows go along.
+  void sort_rows(std::span<const std::size_t> by);
+
 private:
   std::vector<Column> columns_;
   std::vector<std::int64_t> file_rows_; // empty: row i is file row i + 1

@@ -10,18 +10,6 @@ namespace torvale::host {
 
 namespace {
 
-std::string by_line(const ByValues& by)
-{
-  std::string out;
-  for (const auto& [name, value] : by) {
-    out += out.empty() ? "" : " ";
-    out += name;
-    out += '=';
-    out += value.text() ? *value.text() : shortest(value.as_number());
-  }
-  return out;
-}
-
 // The host of a run on its own machine: results in memory, text handed to the writers of its options.
 class EmbeddedHost final : public Host, private TableSink {
 public:
@@ -90,7 +78,6 @@ private:
   Libraries libraries_;
   RunResults results_;
   GroupResult* group_ = nullptr;                       // where tables go; of the step at hand
-  bool group_begun_ = false;                           // by begin_group, not by an early table
   bool by_line_due_ = false;                           // the group's values stand in the listing before its first table
   std::vector<Table*> open_;                           // in the order opened
   std::map<std::string, std::string> macro_variables_; // upper-case name -> text
@@ -102,10 +89,7 @@ private:
 GroupResult& EmbeddedHost::group_for_tables()
 {
   if (results_.steps.empty()) begin_step();
-  if (!group_) {
-    group_ = &results_.steps.back().groups.emplace_back();
-    group_begun_ = false;
-  }
+  if (!group_) group_ = &results_.steps.back().groups.emplace_back();
   return *group_;
 }
 
@@ -113,7 +97,6 @@ void EmbeddedHost::begin_group(ByValues by)
 {
   GroupResult& group = group_for_tables();
   group.by = std::move(by);
-  group_begun_ = true;
   by_line_due_ = !group.by.empty();
   log_.set_by_group(static_cast<int>(results_.steps.back().groups.size()) - 1);
 }
@@ -156,7 +139,7 @@ void EmbeddedHost::close(Table& table)
   open_.erase(at);
   if (!options_.listing) return;
   std::string text = "\n";
-  if (by_line_due_) text += centred(by_line(group_->by), listing_width) + "\n\n";
+  if (by_line_due_) text += centred(by_text(group_->by), listing_width) + "\n\n";
   by_line_due_ = false;
   list(text + listing_text(table));
 }

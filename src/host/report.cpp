@@ -42,15 +42,6 @@ std::string escaped(std::string_view text)
   return out;
 }
 
-std::string by_text(const ByValues& by)
-{
-  std::string out;
-  for (const auto& [name, value] : by)
-    out += fmt::format("{}{}={}", out.empty() ? "" : " ", name,
-                       value.text() ? *value.text() : shortest(value.as_number()));
-  return out;
-}
-
 std::string messages_html(const StepResult& step)
 {
   if (step.messages.empty()) return {};
@@ -62,6 +53,15 @@ std::string messages_html(const StepResult& step)
 }
 
 } // namespace
+
+std::string by_text(const ByValues& by)
+{
+  std::string out;
+  for (const auto& [name, value] : by)
+    out += fmt::format("{}{}={}", out.empty() ? "" : " ", name,
+                       value.text() ? *value.text() : shortest(value.as_number()));
+  return out;
+}
 
 std::string html_text(const Table& table)
 {

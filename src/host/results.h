@@ -12,6 +12,8 @@ namespace torvale::host {
 
 using ByValues = std::vector<std::pair<std::string, Cell>>; // BY variable and its value, in the order of the statement
 
+std::string by_text(const ByValues& by); // "study=1 arm=a"
+
 // What one BY group gave. Without a BY statement there is one group, with no values.
 struct GroupResult {
   ByValues by;

@@ -82,4 +82,15 @@ TEST(ByGroups, GroupsOfTwoDataSetsMatchByKeyNotByPlace)
   EXPECT_EQ(ByGroups::xbylist(main, read("a\n1\n"), by), 2);
 }
 
+TEST(SortRows, IsStableWithMissingValuesFirst)
+{
+  DataSet data = read("s,x,n\nb,1,1\na,2,2\n,3,3\nb,.,4\na,2,5\n");
+  const std::size_t by[] = {0, 1};
+  data.sort_rows(by);
+  std::string order;
+  for (std::size_t i = 0; i < data.rows(); ++i) order += data.columns()[2].shown(i);
+  EXPECT_EQ(order, "32541");
+  EXPECT_EQ(data.file_row(0), 3);
+}
+
 } // namespace torvale::host
