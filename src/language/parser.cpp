@@ -128,60 +128,77 @@ struct Parser::Implementation {
     return "'" + std::string(token.text.substr(0, 40)) + "'";
   }
 
-  // Mistakes that have a name of their own: operators of other languages, and places where a hint says more.
-  std::string special_hint(const Token& wrong) const
+  // Mistakes that have a name of their own, and how to read on from them.
+  enum class Recovery { repair, leave_out, give_up };
+  struct Hint {
+    std::string text;
+    Recovery recovery = Recovery::repair;
+  };
+  Hint special_hint(const Token& wrong) const
   {
     const std::string_view text = request.sources->source(begin.back().source).text;
     const std::size_t at = begin.back().at;
     const char before = at > 0 ? text[at - 1] : '\0', here = at < text.size() ? text[at] : '\0';
-    if (here == '=' && before == '!') return "'!=' is no operator: write ^= or NE.";
-    if (here == '=' && before == '=') return "'==' is no operator: write = or EQ.";
-    if (here == '&' && before == '&') return "'&&' is no operator: write & or AND.";
+    if (here == '=' && before == '!') return {"'!=' is no operator: write ^= or NE.", Recovery::leave_out};
+    if (here == '=' && before == '=') return {"'==' is no operator: write = or EQ.", Recovery::leave_out};
+    if (here == '&' && before == '&') return {"'&&' is no operator: write & or AND.", Recovery::leave_out};
     const syntax::STMT* statement = builder_statement();
     const std::string name = statement ? statement->name : std::string();
     const bool number = wrong.symbol == token_class::INT || wrong.symbol == token_class::NBR;
     if (name.rfind("PARM", 0) == 0 || name.rfind("PARAM", 0) == 0) {
-      if (last.text == "/" && number) return "A value of PARMS is a number: '/' begins the options. Write the quotient as a number.";
-      if (wrong.text == "(" || (!last.text.empty() && wrong.text == "*")) return "A value of PARMS is a number, not an expression.";
+      if (last.text == "/" && number) return {"A value of PARMS is a number: '/' begins the options. Write the quotient as a number.", Recovery::give_up};
+      if (wrong.text == "(" || wrong.text == "*" || wrong.text == "+") return {"A value of PARMS is a number, not an expression.", Recovery::give_up};
     }
     if (name.rfind("BOUND", 0) == 0 && (wrong.text == "*" || wrong.text == "(" || wrong.text == "/" || wrong.text == "+"))
-      return "A bound is a number: an expression cannot stand in BOUNDS. Write the model in a parameter that has a plain bound.";
-    if (wrong.symbol == token_class::ENDJB && values.back().depth > 0) return "An END is missing: a DO, SELECT or subprogram is still open.";
-    if (wrong.symbol == scanner.spellings().word("ELSE")) return "This ELSE has no IF: the statement before it must be the IF ... THEN, and a block needs DO; ... END;";
-    if (wrong.symbol == scanner.spellings().word("END")) return "This END closes nothing: there is no DO or SELECT open.";
+      return {"A bound is a number or a parameter, not an expression. Write the model in a parameter that has a plain bound.", Recovery::give_up};
+    if (wrong.symbol == token_class::ENDJB && values.back().depth > 0) return {"An END is missing: " + open_block() + " is still open.", Recovery::give_up};
+    if (last.symbol == 0 || last.symbol == semicolon) {
+      if (wrong.symbol == scanner.spellings().word("ELSE"))
+        return {"This ELSE has no IF. It follows the one statement behind THEN; several statements need DO; ... END;", Recovery::leave_out};
+      if (wrong.symbol == scanner.spellings().word("WHEN") || wrong.symbol == scanner.spellings().word("OTHERWISE"))
+        return {upper_case(wrong.text) + " stands only inside SELECT; an END before it may have closed the wrong block.", Recovery::give_up};
+      if (wrong.symbol == scanner.spellings().word("END")) return {"This END closes nothing: no DO or SELECT is open.", Recovery::give_up};
+    }
     return {};
+  }
+
+  // The innermost block that is open: "the DO of line 5".
+  std::string open_block() const
+  {
+    for (std::size_t i = values.size(); i-- > 1;)
+      if (values[i].depth > values[i - 1].depth && !values[i].token.text.empty())
+        return "the " + upper_case(values[i].token.text) + " of line " + std::to_string(request.sources->user_position(values[i].token.where).line);
+    return "a block";
   }
   const syntax::STMT* builder_statement() const { return current_proc ? current_proc->current : nullptr; }
   syntax::PROCSTR* current_proc = nullptr;
-
-  Diagnostic& report(const Token& wrong)
-  {
-    Diagnostic& d = diagnostics->error(Problem::syntax, wrong.where, "", std::max<std::int32_t>(1, wrong.length));
-    d.found = found_text(wrong);
-    d.text = special_hint(wrong);
-    return d;
-  }
 
   void handle_error(const Token& wrong)
   {
     if (too_many()) return;
     if (suspect.symbol != 0) return restart_at_suspect();
-    const auto plan = diagnostics->errors() + 1 > most_errors ? std::nullopt : repair.find(*parse, begin, wrong);
-    Diagnostic& d = report(wrong);
-    const bool hinted = !d.text.empty();
+    const Hint hint = special_hint(wrong);
+    std::optional<RepairPlan> plan;
+    if (hint.recovery == Recovery::leave_out) plan = RepairPlan{0, 1, {}, {}};
+    if (hint.recovery == Recovery::repair) plan = repair.find(*parse, begin, wrong);
+    Diagnostic& d = diagnostics->error(Problem::syntax, wrong.where, hint.text, std::max<std::int32_t>(1, wrong.length));
+    d.found = found_text(wrong);
     if (!plan) {
-      if (!hinted) d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found : d.found + " cannot stand here") + ".";
-      if (!hinted) d.expected = repair.expected(*parse);
-      if (wrong.symbol >= control.classes || wrong.symbol == token_class::NAMEX)
+      if (hint.text.empty()) {
+        d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found : d.found + " cannot stand here") + ".";
+        d.expected = repair.expected(*parse);
+      }
+      if (wrong.symbol > control.classes || wrong.symbol == token_class::NAMEX)
         if (const int near = repair.nearest_keyword(*parse, wrong.text)) d.suggestion = repair.shown(near);
       return give_up_statement(wrong);
     }
-    describe_repair(d, *plan, wrong, hinted);
+    describe_repair(d, *plan);
     carry_out(*plan);
   }
 
-  void describe_repair(Diagnostic& d, const RepairPlan& plan, const Token& wrong, bool hinted)
+  void describe_repair(Diagnostic& d, const RepairPlan& plan)
   {
+    const bool hinted = !d.text.empty(), several = plan.inserted.size() > 1;
     std::string inserted;
     for (int t : plan.inserted) inserted += (inserted.empty() ? "" : " ") + repair.shown(t);
     if (!plan.replacement.empty()) {
@@ -189,16 +206,22 @@ struct Parser::Implementation {
       d.suggestion = plan.replacement;
       d.repair = plan.replacement + " was put in its place";
     } else if (plan.deleted == 0) {
-      // What is missing belongs behind the token before: that is where people look.
-      if (!hinted) d.text = inserted + (plan.inserted.size() > 1 ? " are" : " is") + " missing before " + d.found + ".";
-      d.repair = inserted + (plan.inserted.size() > 1 ? " were inserted" : " was inserted");
+      std::string missing = inserted;
+      const int first = plan.inserted.front();
+      const std::string_view spelled = control.spelling(first);
+      if (repair.takes_operator(*parse) && (spelled == "*" || spelled == "=" || spelled == "+")) missing = "an operator";
+      if (repair.takes_operand(*parse) && first == token_class::NAMEX && !several) missing = "an operand";
+      if (!hinted) d.text = missing + (several ? " are" : " is") + " missing before " + d.found + ".";
+      d.text[0] = upper_case(d.text[0]);
+      d.repair = inserted + (several ? " were inserted" : " was inserted");
     } else {
       const std::string what = plan.deleted == 1 ? d.found : std::to_string(plan.deleted) + " words from " + d.found + " on";
-      if (!hinted) d.text = d.found + " cannot stand here.";
-      if (!hinted) d.expected = repair.expected(*parse);
+      if (!hinted) {
+        d.text = d.found + " cannot stand here.";
+        d.expected = repair.expected(*parse);
+      }
       d.repair = plan.inserted.empty() ? what + (plan.deleted == 1 ? " was left out" : " were left out") : inserted + " was put in place of " + what;
     }
-    (void)wrong;
   }
 
   void carry_out(const RepairPlan& plan)

@@ -13,7 +13,7 @@ constexpr int enough_tokens = 5;   // that must follow a repair before it is tru
 constexpr int stuck_penalty = 10;  // for each of them that does not
 
 // Marks that people forget, best guess first; all cost the same to insert, so this decides between them.
-constexpr std::string_view likely_marks[] = {";", ")", "]", "}", ",", "=", "~", "(", "*", "+"};
+constexpr std::string_view likely_marks[] = {";", ")", "]", "}", ",", "~", "(", "*", "=", "+"};
 
 } // namespace
 
@@ -71,6 +71,18 @@ std::string Repair::shown(int terminal) const
   return name_start(s[0]) ? s : "'" + s + "'";
 }
 
+bool Repair::takes_operator(const LrMachine& parse) const
+{
+  const auto can = [&](std::string_view mark) { return parse.accepts(scanner_.spellings().mark(mark)); };
+  return can("*") && can("+") && can("**");
+}
+
+bool Repair::takes_operand(const LrMachine& parse) const
+{
+  return parse.accepts(token_class::NAMEX) && parse.accepts(token_class::INT) && parse.accepts(token_class::QS) &&
+         parse.accepts(scanner_.spellings().mark("("));
+}
+
 std::vector<std::string> Repair::expected(const LrMachine& parse, std::size_t most) const
 {
   const auto can = [&](std::string_view mark) { return parse.accepts(scanner_.spellings().mark(mark)); };
@@ -79,8 +91,7 @@ std::vector<std::string> Repair::expected(const LrMachine& parse, std::size_t mo
     if (out.size() < most && std::find(out.begin(), out.end(), s) == out.end()) out.push_back(std::move(s));
   };
   // Whole families in a word or two, so that the list stays short.
-  const bool expression = parse.accepts(token_class::NAMEX) && parse.accepts(token_class::INT) && can("(") && parse.accepts(token_class::QS);
-  const bool operators = can("*") && can("+") && can("**");
+  const bool expression = takes_operand(parse), operators = takes_operator(parse);
   const bool statement = parse.accepts(scanner_.spellings().word("DO"));
   if (statement) {
     add("a statement");
@@ -100,7 +111,8 @@ std::vector<std::string> Repair::expected(const LrMachine& parse, std::size_t mo
     const bool word = t > control_.classes && name_start(s[0]);
     const bool word_operator = word && operators && (s == "OR" || s == "AND" || s == "IN" || s == "NOTIN" || s == "EQ" || s == "NE" || s == "LT" || s == "LE" || s == "GT" || s == "GE");
     if (word_operator || (expression && (t <= control_.classes || s == "NOT" || s == "IF" || s == "PUT" || s == "OF"))) continue;
-    if (t > control_.classes && !word && (operators || expression)) continue;
+    if (t > control_.classes && !word && (operators || expression || parse.accepts(token_class::INT))) continue;
+    if ((t == token_class::DATE || t == token_class::TIME || t == token_class::DATETIME) && parse.accepts(token_class::INT)) continue;
     if (parse.accepts(t)) add(shown(t));
   }
   return out;
@@ -144,7 +156,13 @@ std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& beg
   for (std::string_view m : likely_marks) terminals.push_back(scanner_.spellings().mark(m));
   for (int t = 1; t < control_.maxterminal; ++t)
     if (!scanner_.spellings().hidden(t) && std::find(terminals.begin(), terminals.end(), t) == terminals.end()) terminals.push_back(t);
-  std::erase_if(terminals, [&](int t) { return t == token_class::ENDJB || !parse.accepts(t); });
+  // Of words only those that people leave out: any other would only hide the mistake.
+  const auto word = [&](int t) { return t > control_.classes && name_start(control_.spelling(t)[0]); };
+  const auto forgotten = [&](int t) {
+    const std::string_view s = control_.spelling(t);
+    return s == "THEN" || s == "END" || s == "TO";
+  };
+  std::erase_if(terminals, [&](int t) { return t == token_class::ENDJB || (word(t) && !forgotten(t)) || !parse.accepts(t); });
 
   // A misspelled keyword is worth more than anything that makes sense of the rest.
   Cursor behind = begin;
@@ -152,8 +170,8 @@ std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& beg
   if (again.symbol == token_class::NAMEX)
     if (const int keyword = nearest_keyword(parse, wrong.text)) {
       RepairPlan plan{delete_cost(again.symbol) + insert_cost(keyword), 1, {keyword}, shown(keyword)};
-      consider(parse, behind, plan);
-      if (best_) return best_;
+      LrMachine trial = parse;
+      if (trial.consume(keyword) && tokens_that_follow(trial, behind, 2) == 2) return plan;
     }
 
   for (int t : terminals) consider(parse, begin, {insert_cost(t), 0, {t}, {}});
@@ -161,7 +179,7 @@ std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& beg
   for (const std::int16_t* pair = control_.prslst + control_.prsndx[parse.top()]; pair < control_.prslst + control_.prsndx[parse.top() + 1]; pair += 2) {
     if (pair[0] < control_.goaltoken) continue;
     const std::int16_t* text = control_.instbl + control_.insndx[pair[0] - control_.goaltoken];
-    if (text[0] > 1) consider(parse, begin, {insert_cost(pair[0]), 0, {text + 1, text + 1 + text[0]}, {}});
+    if (text[0] > 1 && std::none_of(text + 1, text + 1 + text[0], word)) consider(parse, begin, {insert_cost(pair[0]), 0, {text + 1, text + 1 + text[0]}, {}});
   }
   for (int t : terminals) { // two insertions: the second must make the wrong token fit
     if (insert_cost(t) * 2 >= control_.valcost) continue;

@@ -26,6 +26,9 @@ public:
   std::optional<RepairPlan> find(const LrMachine& parse, const Cursor& begin, const Token& wrong);
   // The words that could stand at this place, for people: at most `most`, hidden spellings left out.
   std::vector<std::string> expected(const LrMachine& parse, std::size_t most = 8) const;
+  // Where an operator, or an operand, can stand: so that messages need not name one of the many.
+  bool takes_operator(const LrMachine& parse) const;
+  bool takes_operand(const LrMachine& parse) const;
   // The keyword nearest to a misspelled word among those that could stand here; 0 none.
   int nearest_keyword(const LrMachine& parse, std::string_view word) const;
   // How people read a terminal.

@@ -213,7 +213,7 @@ int Scanner::word_symbol(const LrMachine& parse, const Cursor& cursor, std::stri
     return ENDJB;
   }
   const bool name_possible = parse.accepts(NAMEX);
-  if (!parse.accepts(keyword)) return name_possible ? NAMEX : keyword;
+  if (!parse.accepts(keyword)) return name_possible && !start ? NAMEX : keyword;
   return start || !name_possible || keeps_keyword(upper, text, end) ? keyword : NAMEX;
 }
 
