@@ -14,7 +14,7 @@ NodeId on_whole_numbers(GraphBuilder& g, NodeId x, NodeId top, NodeId log_probab
 {
   const NodeId fraction = above(g, g.subtract(x, whole(g, x)), 1e-9);
   NodeId outside = g.or_(below(g, x, 0.0), fraction);
-  if (top != no_node) outside = g.or_(outside, g.compare(Kernel::less, top, x));
+  if (top != no_node) outside = g.or_(outside, g.and_(g.compare(Kernel::less, top, x), g.not_(g.is_missing(top))));
   return g.select(outside, g.constant(minus_infinity), log_probability);
 }
 
