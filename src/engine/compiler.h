@@ -24,7 +24,7 @@ struct ArrayInfo {
 
 // Effect: a statement that does more than compute. `guard` is 1 in lanes that execute it.
 struct Effect {
-  enum class Kind : std::uint8_t { stop, abort, subscript, iterations, put, file } kind = Kind::stop;
+  enum class Kind : std::uint8_t { stop, abort, subscript, put, file } kind = Kind::stop;
   const void* owner = nullptr;       // statement or expression that keeps the mask while the program is translated
   syntax::Position where;
   NodeId guard = no_node;
@@ -36,7 +36,7 @@ struct Effect {
   };
   std::vector<Item> items;         // of put
   // STOP, ABORT and faults that end the run; PUT and FILE only write.
-  bool fatal() const { return kind <= Kind::iterations; }
+  bool fatal() const { return kind <= Kind::subscript; }
 };
 
 // Derivative: which mixed derivative a derivative symbol is. Variables in ascending order of symbol index.

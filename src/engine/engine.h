@@ -188,6 +188,15 @@ struct Fault {
   std::string text;         // what happened, with the values
 };
 
+// PutLine: one line that PUT statements wrote.
+struct PutLine {
+  std::string target;       // LOG, PRINT, or the name of a file
+  bool is_file = false;
+  std::string text;
+};
+// True when the program has PUT statements. They write nothing in `run`; run_put executes them for one lane.
+bool has_put(const CMPGLOBAL& gcmp);
+
 // Frame: all mutable state of an execution, for one worker. Never shared.
 class Frame {
 public:
@@ -214,8 +223,12 @@ public:
   // Values of output k in the last run: lanes doubles; a lane that is padding is not to be read.
   const double* output(int k) const;
 
-  // Runs one lane by the slow path and reports its program faults; nerror and nmissgen count them.
+  // Runs one lane by the slow path: the same kernels one node at a time, only what the outputs need. A fault is a missing
+  // value that an operation made from present ones; nerror counts them, nmissgen the operations that had a missing
+  // operand. Kept values are worked out from the subject's first record on. Returns what `run` would.
   int run_checked(const Program& program, std::int64_t row, int point, std::vector<Fault>& faults, int& nerror, int& nmissgen);
+  // The lines that PUT statements write for one lane, in program order.
+  void run_put(std::int64_t row, int point, std::vector<PutLine>& lines);
 
 private:
   struct State;

@@ -21,16 +21,6 @@ struct ArrayResults final : Results {
   }
 };
 
-int code_of(Effect::Kind kind)
-{
-  switch (kind) {
-  case Effect::Kind::stop: return run_code::stopped;
-  case Effect::Kind::abort: return run_code::aborted;
-  case Effect::Kind::subscript: return run_code::subscript;
-  default: return run_code::endless_loop;
-  }
-}
-
 // Results of the lane stage: outputs, guards of what ends the run, values for the next record.
 struct TileResults final : Results {
   const CMPGLOBAL* gcmp = nullptr;
@@ -50,7 +40,7 @@ struct TileResults final : Results {
     const std::size_t trap = static_cast<std::size_t>(result - program->outputs);
     if (trap < program->traps.size()) {
       if (code == 0 && any_true(values, lanes.padded))
-        code = code_of(gcmp->effects[static_cast<std::size_t>(program->traps[trap])].kind);
+        code = trap_code(gcmp->effects[static_cast<std::size_t>(program->traps[trap])].kind);
       return;
     }
     double* const kept = state + static_cast<std::int64_t>(trap - program->traps.size()) * state_stride;
@@ -59,6 +49,15 @@ struct TileResults final : Results {
 };
 
 } // namespace
+
+int trap_code(Effect::Kind kind)
+{
+  switch (kind) {
+  case Effect::Kind::stop: return run_code::stopped;
+  case Effect::Kind::abort: return run_code::aborted;
+  default: return run_code::subscript;
+  }
+}
 
 FrameProgram::FrameProgram(const CMPGLOBAL& gcmp, const Program& p)
     : program(p), runners{LaneRunner(gcmp, p.stage[0]), LaneRunner(gcmp, p.stage[1]), LaneRunner(gcmp, p.stage[2]),

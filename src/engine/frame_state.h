@@ -31,6 +31,9 @@ struct FrameProgram {
   std::int32_t state_slots = 0;
 };
 
+// The code of Frame::run for an effect that ends the run.
+int trap_code(Effect::Kind kind);
+
 struct Frame::State {
   State(const CMPGLOBAL& g, std::shared_ptr<const BoundData> d) : gcmp(g), data(std::move(d)) {}
   FrameProgram& program(const Program& p);

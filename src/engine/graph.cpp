@@ -1,5 +1,6 @@
 #include "engine/graph.h"
 
+#include <algorithm>
 #include <bit>
 #include <cassert>
 #include <cmath>
@@ -49,7 +50,13 @@ GraphBuilder::GraphBuilder()
 NodeId GraphBuilder::intern(const Node& n)
 {
   ++requests_;
-  if (const auto it = known_.find(n); it != known_.end()) return it->second;
+  if (const auto it = known_.find(n); it != known_.end()) {
+    if (n.kind == NodeKind::kernel && !derivative_mode_ && node(it->second).where != position_) {
+      std::vector<std::int32_t>& also = also_[it->second];
+      if (std::find(also.begin(), also.end(), position_) == also.end()) also.push_back(position_);
+    }
+    return it->second;
+  }
   const auto id = static_cast<NodeId>(nodes_.size());
   nodes_.push_back(n);
   nodes_.back().where = position_;
@@ -139,6 +146,14 @@ void GraphBuilder::set_position(syntax::Position where)
 syntax::Position GraphBuilder::position(NodeId id) const
 {
   return positions_[static_cast<std::size_t>(node(id).where)];
+}
+
+std::vector<syntax::Position> GraphBuilder::other_positions(NodeId id) const
+{
+  std::vector<syntax::Position> all;
+  if (const auto it = also_.find(id); it != also_.end())
+    for (const std::int32_t k : it->second) all.push_back(positions_[static_cast<std::size_t>(k)]);
+  return all;
 }
 
 bool GraphBuilder::is_truth(NodeId id) const

@@ -128,6 +128,8 @@ public:
   void set_position(syntax::Position where);
   void inherit_position(NodeId id) { position_ = node(id).where; } // nodes from now on: as that node's
   syntax::Position position(NodeId id) const;
+  // Other statements that compute the same, in order: sharing hides which of them a run has executed.
+  std::vector<syntax::Position> other_positions(NodeId id) const;
 
   // While one lives the builder is in derivative mode.
   class Derivative {
@@ -163,6 +165,7 @@ private:
   std::unordered_map<Node, NodeId, Hash, Same> known_;   // never iterated: its order has no influence
   std::vector<bool> present_symbols_;
   std::vector<syntax::Position> positions_;
+  std::unordered_map<NodeId, std::vector<std::int32_t>> also_; // nodes that further statements asked for
   std::int32_t position_ = 0;
   std::int64_t requests_ = 0;
   bool derivative_mode_ = false;

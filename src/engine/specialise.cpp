@@ -1,6 +1,7 @@
 // cmpspec: a program for a set of outputs. Stages first: the lane stage asks for what it needs of the others, these ask
 // in turn. Each stage is then put in order, loops as closed groups, and its registers are shared out.
 
+#include "engine/loop_nesting.h"
 #include "engine/program.h"
 
 #include <algorithm>
@@ -27,31 +28,6 @@ public:
     return data ? Stage::observation : Stage::parameter;
   }
 
-  // The loop of the program whose passes compute a node; 0 outside all loops.
-  std::int32_t loop_of(NodeId id)
-  {
-    for (auto k = static_cast<NodeId>(loop_.size()); k <= id; ++k) {
-      const Node& n = graph_.node(k);
-      std::int32_t loop = 0;
-      if (n.kind == NodeKind::carry) loop = graph_.carry_at(n.index).loop;
-      else if (n.kind == NodeKind::result) loop = graph_.loop_at(graph_.carry_at(n.index).loop).parent;
-      else
-        for (int j = 0; j < n.operands; ++j) {
-          const std::int32_t other = loop_[static_cast<std::size_t>(n.operand[static_cast<std::size_t>(j)])];
-          if (depth(other) > depth(loop)) loop = other;
-        }
-      loop_.push_back(loop);
-    }
-    return loop_[static_cast<std::size_t>(id)];
-  }
-
-  // True when `inner` is `outer` or stands in it.
-  bool within(std::int32_t inner, std::int32_t outer) const
-  {
-    while (inner != outer && inner != 0) inner = graph_.loop_at(inner).parent;
-    return inner == outer;
-  }
-
   std::int32_t ask(Stage s, NodeId id) // index of a result of a stage
   {
     auto& results = program_.code(s).results;
@@ -73,16 +49,9 @@ public:
   CMPGLOBAL& gcmp_;
   GraphBuilder& graph_;
   Program& program_;
+  LoopNesting loops_{graph_};
 
 private:
-  int depth(std::int32_t loop) const
-  {
-    int d = 0;
-    for (; loop != 0; loop = graph_.loop_at(loop).parent) ++d;
-    return d;
-  }
-
-  std::vector<std::int32_t> loop_;
   std::array<std::unordered_map<NodeId, std::int32_t>, stages> asked_;
   std::unordered_map<NodeId, std::int32_t> column_;
 };
@@ -122,7 +91,7 @@ private:
     const Node& n = graph_.node(id);
     if (n.kind == NodeKind::constant || n.kind == NodeKind::symbol || n.kind == NodeKind::row) return true;
     if (n.kind == NodeKind::carry) return true;
-    return all_.loop_of(id) == 0 && all_.stage_of(id) != stage_;
+    return all_.loops_.loop_of(id) == 0 && all_.stage_of(id) != stage_;
   }
 
   void need(NodeId id)
@@ -191,7 +160,7 @@ private:
       const auto private_product = [&](NodeId m) {
         const Node& x = graph_.node(m);
         return x.kind == NodeKind::kernel && x.kernel == Kernel::multiply && uses_[m] == 1 && !is_leaf(m) &&
-               all_.loop_of(m) == all_.loop_of(id);
+               all_.loops_.loop_of(m) == all_.loops_.loop_of(id);
       };
       const NodeId a = n.operand[0], b = n.operand[1];
       const auto fuse = [&](Kernel k, NodeId product, NodeId other) {
@@ -218,11 +187,11 @@ private:
   void gather_loop_operands()
   {
     const auto outside = [&](NodeId from, std::int32_t loop) {
-      for (; loop != 0 && !all_.within(all_.loop_of(from), loop); loop = graph_.loop_at(loop).parent)
+      for (; loop != 0 && !all_.loops_.within(all_.loops_.loop_of(from), loop); loop = graph_.loop_at(loop).parent)
         outer_[loop].push_back(from);
     };
     for (const NodeId id : needed_) {
-      const std::int32_t loop = all_.loop_of(id);
+      const std::int32_t loop = all_.loops_.loop_of(id);
       if (loop == 0 || is_leaf(id) || swallowed_.count(id) > 0) continue;
       for (const NodeId operand : shape(id).operands) outside(operand, loop);
     }
@@ -417,7 +386,6 @@ private:
       reg[f.reg] = count;
       f.reg = count++;
     }
-    const int fixed = count;
     // Loops as intervals of steps, outermost first.
     std::vector<std::pair<int, int>> loops;
     for (int k = 0; k < steps; ++k)
@@ -462,7 +430,6 @@ private:
       }
       s.out = reg.at(id);
     }
-    (void)fixed;
     code_.registers = count;
   }
 

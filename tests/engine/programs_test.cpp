@@ -12,8 +12,11 @@ void expect_values(const std::vector<double>& got, const std::vector<double>& wa
 {
   ASSERT_EQ(got.size(), want.size());
   for (std::size_t i = 0; i < got.size(); ++i) {
-    if (std::isnan(want[i])) EXPECT_TRUE(std::isnan(got[i])) << "row " << i << " is " << got[i];
-    else EXPECT_NEAR(got[i], want[i], tolerance * std::max(1.0, std::fabs(want[i]))) << "row " << i;
+    if (std::isnan(want[i])) {
+      EXPECT_TRUE(std::isnan(got[i])) << "row " << i << " is " << got[i];
+      continue;
+    }
+    EXPECT_NEAR(got[i], want[i], tolerance * std::max(1.0, std::fabs(want[i]))) << "row " << i;
   }
 }
 
@@ -235,6 +238,67 @@ TEST(EnginePrograms, StopsAndSubscriptsTrap)
   m.theta = {2.5};
   (void)m.run({m.symbol("z")}, {}, &code);
   EXPECT_EQ(code, run_code::stopped);
+}
+
+// The slow path finds the faults that the wanted outputs meet, with statement, record and values, and nothing else.
+TEST(EngineFaults, OnlyWhatIsExecutedAndWantedCounts)
+{
+  Model m;
+  m.data("x", {0, 2, -1, missing});
+  Trees& t = m.trees;
+  m.compile({t.assign("unused", t.div(t.number(1), t.sub(t.var("x"), t.var("x")))),
+             t.if_(t.binary(Op::greater, t.var("x"), t.number(0)), t.assign("safe", t.call("log", {t.mul(t.number(3), t.var("x"))})), t.assign("safe", t.number(0))),
+             t.assign("bad", t.add(t.call("log", {t.var("x")}), t.div(t.var("a"), t.var("x"))))},
+            {"a"});
+  m.theta = {3};
+  const engine::Program* const safe = cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("safe")});
+  const engine::Program* const bad = cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("bad")});
+  Frame f = m.frame();
+  f.set_parameters(m.theta.data());
+  const int want[] = {2, 0, 1, 0};
+  const int want_missing[] = {1, 0, 1, 3};
+  for (int row = 0; row < 4; ++row) {
+    std::vector<Fault> faults;
+    int errors = -1, made = -1;
+    EXPECT_EQ(f.run_checked(*safe, row, 0, faults, errors, made), 0);
+    EXPECT_EQ(errors, 0) << faults[0].text;
+    EXPECT_EQ(f.run_checked(*bad, row, 0, faults, errors, made), 0);
+    EXPECT_EQ(errors, want[row]) << "row " << row;
+    EXPECT_EQ(made, want_missing[row]) << "row " << row;
+    for (const Fault& fault : faults) {
+      EXPECT_EQ(fault.row, row);
+      EXPECT_EQ(fault.where.line, 5); // the fifth statement made
+    }
+    if (row == 0) {
+      EXPECT_NE(faults[1].text.find("division by zero (operands 3, 0)"), std::string::npos) << faults[1].text;
+    }
+  }
+}
+
+// Lines of PUT come in program order, only from the branches executed.
+TEST(EngineFaults, PutWritesWhatItsBranchesReach)
+{
+  Model m;
+  m.data("x", {1, 5});
+  Trees& t = m.trees;
+  auto* const put = t.statement<PutStatement>(StatementKind::put);
+  PutItem words, value;
+  words.kind = PutItem::Kind::text;
+  words.text = "x is ";
+  value.kind = PutItem::Kind::named_value;
+  value.value = t.var("x");
+  put->items = t.arena.copy(std::vector<PutItem>{words, value});
+  m.compile({t.if_(t.binary(Op::greater, t.var("x"), t.number(2)), put), t.assign("y", t.var("x"))}, {});
+  Frame f = m.frame();
+  std::vector<PutLine> lines;
+  (void)cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("y")});
+  ASSERT_TRUE(has_put(*m.compiler));
+  f.run_put(0, 0, lines);
+  EXPECT_TRUE(lines.empty());
+  f.run_put(1, 0, lines);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "x is x=5 ");
+  EXPECT_EQ(lines[0].target, "LOG");
 }
 
 } // namespace torvale::test

@@ -1,0 +1,58 @@
+#pragma once
+// CheckedRun: the slow path. One lane, one node at a time, from the wanted value down: what no wanted value needs is not
+// executed, so a fault found is a fault that reaches a result. The kernels are those of the fast path, so that it finds
+// what the fast path met.
+
+#include "engine/bound_data.h"
+#include "engine/loop_nesting.h"
+
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+namespace torvale::engine {
+
+class CheckedRun final : TextInputs {
+public:
+  CheckedRun(const CMPGLOBAL& gcmp, const BoundData& data, const double* theta, const double* ran, std::int64_t stride, int point)
+      : gcmp_(gcmp), graph_(gcmp.graph), data_(data), theta_(theta), ran_(ran), stride_(stride), point_(point), loops_(gcmp.graph)
+  {
+  }
+
+  // Makes `row` the current record. Values kept from record to record that the nodes need are brought up to it.
+  void start(std::int64_t row, const std::vector<NodeId>& wanted);
+  double value(NodeId id);
+  std::string text_value(TextId id);
+  bool endless() const { return endless_; }
+
+  std::vector<Fault> faults;
+  int made_missing = 0;   // operations that gave a missing value because an operand was missing
+
+private:
+  std::string_view column(std::int32_t symbol) const override { return data_.text(symbol, row_); }
+  double number(NodeId id) const override { return known_.at(id); }
+  void compute(NodeId id);
+  double kernel_value(NodeId id, const Node& n);
+  double symbol_value(const Node& n) const;
+  double run_loop(std::int32_t loop, std::int32_t wanted_carry);
+  void needed_carries(std::int32_t loop, NodeId from, std::set<std::int32_t>& carries);
+  void inputs_of_text(TextId id);
+
+  const CMPGLOBAL& gcmp_;
+  const GraphBuilder& graph_;
+  const BoundData& data_;
+  const double* theta_;
+  const double* ran_;
+  std::int64_t stride_;
+  int point_;
+  LoopNesting loops_;
+  std::int64_t row_ = 0;
+  bool silent_ = false;                          // records before the wanted one: their faults are not this record's
+  bool endless_ = false;
+  std::unordered_map<NodeId, double> known_;     // values of this record (and pass)
+  std::map<std::int32_t, double> kept_;          // carries of the records
+  std::vector<NodeId> pass_;                     // nodes computed in the current pass of a loop
+};
+
+} // namespace torvale::engine
