@@ -65,7 +65,6 @@ double zvdotsl(const double* a, long ja, const double* b, long jb, long n);
 // zvxay11: a[i] += alpha b[i]. alpha is not tested: 0 times a NaN or an infinity reaches a.
 inline void zvxay11(double* a, const double* b, long n, double alpha)
 {
-#pragma GCC ivdep
   for (long i = 0; i < n; ++i) a[i] += alpha * b[i];
 }
 
@@ -78,14 +77,12 @@ void zvxay1j(double* a, const double* b, long jb, long n, double alpha);
 // zvxy111: c[i] = a[i] + b[i].
 inline void zvxy111(double* c, const double* a, const double* b, long n)
 {
-#pragma GCC ivdep
   for (long i = 0; i < n; ++i) c[i] = a[i] + b[i];
 }
 
 // zvz111: c[i] = a[i] + alpha b[i].
 inline void zvz111(double* c, const double* a, const double* b, long n, double alpha)
 {
-#pragma GCC ivdep
   for (long i = 0; i < n; ++i) c[i] = a[i] + alpha * b[i];
 }
 
@@ -96,7 +93,6 @@ void zvaxpy(double* z, const double* x, const double* y, long n, double alpha);
 // zvscl11: c[i] = alpha a[i].
 inline void zvscl11(double* c, const double* a, long n, double alpha)
 {
-#pragma GCC ivdep
   for (long i = 0; i < n; ++i) c[i] = alpha * a[i];
 }
 

@@ -120,7 +120,8 @@ TEST(Cholesky, TriangleTimesItsInverseIsTheIdentity)
 {
   Source source(12);
   for (int n = 1; n <= 40; ++n) {
-    const std::vector<double> l = source.triangle(n);
+    std::vector<double> l = source.triangle(n);
+    for (double& x : l) x *= n % 3 == 0 ? 1.0 : (n % 3 == 1 ? 1e150 : 1e-150);
     std::vector<double> inverse = l;
     std::vector<double> work(static_cast<std::size_t>(n));
     ASSERT_EQ(zinvlo(inverse.data(), n, work.data(), 0.0), 0);

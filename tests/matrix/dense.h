@@ -92,6 +92,38 @@ inline double difference(const Dense& a, const Dense& b)
   return largest(a + -1.0L * b);
 }
 
+// A number as mantissa times a power of two, for products that leave every range.
+struct Product {
+  long double mantissa = 1.0L;
+  long exponent = 0;
+
+  void multiply(long double x)
+  {
+    int of_factor = 0;
+    int of_product = 0;
+    mantissa = std::frexp(mantissa * std::frexp(x, &of_factor), &of_product);
+    exponent += of_factor + of_product;
+  }
+};
+
+// Determinant by Gaussian elimination with row exchanges.
+inline Product determinant(Dense a)
+{
+  Product det;
+  for (int k = 0; k < a.rows; ++k) {
+    int p = k;
+    for (int i = k + 1; i < a.rows; ++i)
+      if (std::fabs(a(i, k)) > std::fabs(a(p, k))) p = i;
+    for (int j = 0; j < a.cols; ++j) std::swap(a(k, j), a(p, j));
+    det.multiply(p == k ? a(k, k) : -a(k, k));
+    for (int i = k + 1; i < a.rows; ++i) {
+      const long double t = a(i, k) / a(k, k);
+      for (int j = k; j < a.cols; ++j) a(i, j) -= t * a(k, j);
+    }
+  }
+  return det;
+}
+
 inline std::size_t packed_length(int n)
 {
   return static_cast<std::size_t>(packed_size(n));

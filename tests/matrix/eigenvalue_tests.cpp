@@ -85,6 +85,13 @@ TEST(Eigenvalues, VectorsDiagonalize)
     EXPECT_LE(difference(v * diagonal * transpose(v), full), 20.0 * n * eps * size);
     ASSERT_EQ(ztql2(n, nullptr, values_only.data(), off.data(), 0), 0);
     EXPECT_EQ(values_only, d);
+    // Bisection on the packed matrix finds the same.
+    std::vector<double> packed(packed_length(n));
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j <= i; ++j)
+        packed[static_cast<std::size_t>(packed_index(i, j))] = static_cast<double>(full(i, j));
+    const std::vector<double> bisected = eigenvalues(packed, n, n);
+    for (std::size_t i = 0; i < d.size(); ++i) EXPECT_NEAR(bisected[i], d[i], 20.0 * n * eps * size);
   };
   for (const SymmetricCase& c : symmetric_cases()) {
     SCOPED_TRACE(c.name);
