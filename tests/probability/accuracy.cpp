@@ -222,7 +222,7 @@ Measurements measure_gamma_derivatives()
   }
   for (const Row& row : read_table("log_gamma_ratio")) {
     const double error = relative_error(log_gamma_ratio(input(row, 0), input(row, 1)), row.value[2]);
-    out.push_back({"`log_gamma_ratio`", "all", joined(row, 2), error, 1e-14});
+    out.push_back({"`log_gamma_ratio`", "all", joined(row, 2), error, 2e-15});
   }
   return out;
 }

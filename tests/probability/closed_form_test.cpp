@@ -128,6 +128,13 @@ TEST(ClosedForm, NoncentralChiSquareFarInTheTailsAndAtItsEnds)
   }
 }
 
+TEST(ClosedForm, LogarithmWithoutItsLinearTerm)
+{
+  for (double v : {-0.9, -0.51, -0.5, -0.3, -0.01, -1e-3, 1e-3, 0.01, 0.2, 0.75, 0.76, 3.0})
+    expect_close(log1p_minus(v), static_cast<double>(std::log1p(static_cast<long double>(v)) - v), 6e-16);
+  expect_close(log1p_minus(1e-9), -5e-19 * (1.0 - 2e-9 / 3.0), 3e-16);
+}
+
 TEST(ClosedForm, MultivariateGammaAndBeta)
 {
   EXPECT_EQ(zlgammaMV(3.25, 1), zlgamma(3.25));
@@ -156,6 +163,7 @@ TEST(Ends, NormalDistribution)
   EXPECT_EQ(zlognrm(normal_quantile_log(-1e6), &a, &b, &c), 0); // a probability far below the numbers
   expect_close(a, -1e6, 1e-14);
   EXPECT_EQ(normal_quantile_log(0.0), inf);
+  EXPECT_EQ(normal_quantile_log(-1e-30), -zprobit(1e-30));
 }
 
 TEST(Ends, IncompleteFunctions)

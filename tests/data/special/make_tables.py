@@ -4,7 +4,7 @@
 import random
 from pathlib import Path
 
-from mpmath import exp, expm1, log, log1p, loggamma, mp, mpf, nstr, psi
+from mpmath import exp, expm1, log, log1p, loggamma, mp, mpf, nstr, psi, quad, sqrt
 
 mp.dps = 250
 random.seed(20)
@@ -51,6 +51,21 @@ def complement(t):
     return log1p(-exp(t)) if t < -1 else log(-expm1(t))
 
 
+def tails_by_quadrature(x, a, b):
+    """Both log tails for shapes too large for the series."""
+    mp.dps = 50
+    deviation = sqrt(a * b / (a + b)) / (a + b)
+
+    def density(t):
+        return exp((a - 1) * log(t) + (b - 1) * log(1 - t) - log_beta(a, b))
+
+    lower = quad(density, [x - k * deviation for k in range(40, -1, -4)])
+    upper = quad(density, [x + k * deviation for k in range(0, 41, 4)])
+    assert abs(lower + upper - 1) < mpf(10) ** -30
+    mp.dps = 250
+    return log(lower), log(upper)
+
+
 arguments = [log_uniform(-4, 4) for _ in range(20)] + [random.uniform(1.3, 1.6) for _ in range(8)] + [1.4616321449683622, 0.5, 1.0]
 arguments += [-random.uniform(0.05, 20) for _ in range(6)]
 write("polygamma", "n,x,value", [(n, x, psi(n, mpf(x))) for n in range(4) for x in arguments])
@@ -75,6 +90,10 @@ for a, b, deviations in [(1e-8, 3.5, 0.4), (0.3, 1e7, 3), (4.5, 0.02, -0.5), (2.
         upper = log_lower_beta(Y, X, B, A)
         lower = complement(upper)
     rows.append(("beta", x, a, b, lower, upper, (A - 1) * log(X) + (B - 1) * log(Y) - log_beta(A, B)))
+for x, a, b in [(0.25000003, 1e12 + 0.3, 3e12 + 0.7), (0.7500001, 3e10 + 0.7, 1e10 + 0.3), (0.1, 1e15 + 0.375, 9e15)]:
+    X, A, B = mpf(x), mpf(a), mpf(b)
+    lower, upper = tails_by_quadrature(X, A, B)
+    rows.append(("beta", x, a, b, lower, upper, (A - 1) * log(X) + (B - 1) * log(1 - X) - log_beta(A, B)))
 for z, a in [(1e-5, 1e-9), (3.0, 1e-6), (1.2, 0.8), (0.01, 20.0), (400.0, 95.0), (60.0, 101.0), (1.1e4, 1e4), (9.9e5, 1e6),
              (100030000.0, 1e8), (30.0, 2.5)]:
     Z, A = mpf(z), mpf(a)
