@@ -39,6 +39,8 @@ public:
   bool consume(int terminal);
   // Runs reductions that need no token, without semantic actions.
   void settle();
+  // Takes back the last shift; nothing may have been reduced since.
+  void unshift() { states_.pop_back(); }
   // Drops states until `keep` are left, then goes on with a nonterminal.
   void cut(std::size_t keep, int nonterminal);
   // The deepest stack size whose top state can go on with the nonterminal; 0 when none.

@@ -39,6 +39,7 @@ struct Parser::Implementation {
   std::unique_ptr<LrMachine> parse;
   std::vector<Value> values;            // one for each state but the first
   Token last;                           // shifted last
+  int statement_tokens = 0;             // shifted since the last semicolon
   Cursor begin;                         // where the token in work begins
   Cursor suspect_at;                    // where a statement word was taken for a name at a line's start
   Token suspect;
@@ -115,7 +116,11 @@ struct Parser::Implementation {
     v.depth = values.back().depth;
     values.push_back(v);
     last = token;
-    if (token.symbol == semicolon) suspect = {};
+    ++statement_tokens;
+    if (token.symbol == semicolon) {
+      suspect = {};
+      statement_tokens = 0;
+    }
     settle();
   }
 
@@ -152,6 +157,8 @@ struct Parser::Implementation {
     if (name.rfind("BOUND", 0) == 0 && (wrong.text == "*" || wrong.text == "(" || wrong.text == "/" || wrong.text == "+"))
       return {"A bound is a number or a parameter, not an expression. Write the model in a parameter that has a plain bound.", Recovery::give_up};
     if (wrong.symbol == token_class::ENDJB && values.back().depth > 0) return {"An END is missing: " + open_block() + " is still open.", Recovery::give_up};
+    if (statement_tokens == 1 && last.symbol == token_class::NAMEX && wrong.symbol != token_class::INT && wrong.symbol != token_class::NBR)
+      return {"'" + std::string(last.text) + "' begins no statement: an assignment is written name = expression.", Recovery::give_up};
     if (last.symbol == 0 || last.symbol == semicolon) {
       if (wrong.symbol == scanner.spellings().word("ELSE"))
         return {"This ELSE has no IF. It follows the one statement behind THEN; several statements need DO; ... END;", Recovery::leave_out};
@@ -177,6 +184,7 @@ struct Parser::Implementation {
   {
     if (too_many()) return;
     if (suspect.symbol != 0) return restart_at_suspect();
+    if (statement_tokens == 1 && last.symbol == token_class::NAMEX && misspelled_statement()) return;
     const Hint hint = special_hint(wrong);
     std::optional<RepairPlan> plan;
     if (hint.recovery == Recovery::leave_out) plan = RepairPlan{0, 1, {}, {}};
@@ -194,6 +202,27 @@ struct Parser::Implementation {
     }
     describe_repair(d, *plan);
     carry_out(*plan);
+  }
+
+  // The statement's first word is a name, and what follows fits no assignment: a misspelled keyword?
+  bool misspelled_statement()
+  {
+    LrMachine before = *parse;
+    before.unshift();
+    const int keyword = repair.meant_statement(before, begin, last.text);
+    if (keyword == 0) return false;
+    Diagnostic& d = diagnostics->error(Problem::syntax, last.where, "'" + std::string(last.text) + "' begins no statement.", last.length);
+    d.found = "'" + std::string(last.text) + "'";
+    d.suggestion = repair.shown(keyword);
+    d.repair = d.suggestion + " was put in its place";
+    parse->unshift();
+    values.pop_back();
+    stream.cursor() = begin;
+    Token token = last;
+    token.symbol = keyword;
+    token.text = control.spelling(keyword);
+    shift(token);
+    return true;
   }
 
   void describe_repair(Diagnostic& d, const RepairPlan& plan)
@@ -304,6 +333,8 @@ struct Parser::Implementation {
     v.depth = values.back().depth;
     values.push_back(v);
     suspect = {};
+    statement_tokens = 0;
+    last.symbol = semicolon;
     settle();
   }
 
@@ -393,6 +424,7 @@ struct Parser::Implementation {
       parse = std::make_unique<LrMachine>(control);
       values.assign(1, Value{});
       last = {};
+      statement_tokens = 0;
       suspect = {};
       builder.begin(result.proc);
       settle();

@@ -144,6 +144,13 @@ void Repair::consider(const LrMachine& parse, const Cursor& from, RepairPlan pla
   best_rank_ = rank;
 }
 
+int Repair::meant_statement(const LrMachine& parse, const Cursor& next, std::string_view word)
+{
+  const int keyword = nearest_keyword(parse, word);
+  LrMachine trial = parse;
+  return keyword != 0 && trial.consume(keyword) && tokens_that_follow(trial, next, 1) == 1 ? keyword : 0;
+}
+
 std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& begin, const Token& wrong)
 {
   best_.reset();
@@ -153,6 +160,7 @@ std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& beg
 
   // What can be inserted here: first the likely marks, then every terminal that can be shifted.
   std::vector<int> terminals;
+  if (const int to = scanner_.spellings().word("TO"); wrong.symbol == token_class::INT && parse.accepts(to)) terminals.push_back(to);
   for (std::string_view m : likely_marks) terminals.push_back(scanner_.spellings().mark(m));
   for (int t = 1; t < control_.maxterminal; ++t)
     if (!scanner_.spellings().hidden(t) && std::find(terminals.begin(), terminals.end(), t) == terminals.end()) terminals.push_back(t);

@@ -31,6 +31,8 @@ public:
   bool takes_operand(const LrMachine& parse) const;
   // The keyword nearest to a misspelled word among those that could stand here; 0 none.
   int nearest_keyword(const LrMachine& parse, std::string_view word) const;
+  // The keyword that a statement's first word was meant to be, with what follows it at `next`; 0 none.
+  int meant_statement(const LrMachine& parse, const Cursor& next, std::string_view word);
   // How people read a terminal.
   std::string shown(int terminal) const;
 
