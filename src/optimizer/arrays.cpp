@@ -81,6 +81,7 @@ int tvlopta(MINSTR* str)
       {&MINSTR::hcnt, n}, {&MINSTR::lb, n},   {&MINSTR::ub, n},   {&MINSTR::alcn, rows * n}, {&MINSTR::blcn, rows},
       {&MINSTR::gpro, n}, {&MINSTR::lagm, n + rows}, {&MINSTR::lag2, n + rows}, {&MINSTR::awrk, 8 * n + 2 * rows},
       {&MINSTR::xval, n}, {&MINSTR::xbes, n}, {&MINSTR::gbes, n}, {&MINSTR::xtmp, n},        {&MINSTR::gtmp, n},
+      {&MINSTR::hlim, n},
   };
   const bool own_lower = str->lb == nullptr || owns(str->problem_block, static_cast<const double*>(str->lb));
   const bool own_upper = str->ub == nullptr || owns(str->problem_block, static_cast<const double*>(str->ub));

@@ -36,23 +36,38 @@ int invert_diagonal(long n, double asin, double msin, double* d, double* det, lo
   return zeros;
 }
 
-// Sweeps the pivots in their order. What is left of a row whose pivot was refused says how it depends on the swept ones.
-int sweep_pivots(long n, double asin, double msin, double vsin, double* a, double* det, double* diagonal, double* work,
+// The scale of each row: the root of a positive diagonal element, 1 for others. Parameters may differ by many powers of ten,
+// and singular must not mean small.
+void scale_to_unit_diagonal(long n, double* a, double* scale)
+{
+  for (long i = 0; i < n; ++i) {
+    const double d = a[packed_diagonal(i)];
+    scale[i] = d > 0.0 ? std::sqrt(d) : 1.0;
+    if (scale[i] < root_smallest) scale[i] = 1.0;
+  }
+  for (long i = 0; i < n; ++i)
+    for (long j = 0; j <= i; ++j) a[packed_row(i) + j] /= scale[i] * scale[j];
+}
+
+// Sweeps the pivots of the scaled matrix in their order. What is left of a row whose pivot was refused says how it depends on
+// the swept ones.
+int sweep_pivots(long n, double asin, double msin, double vsin, double* a, double* det, double* scale, double* work,
                  std::vector<char>& swept)
 {
-  double most = 0.0;
-  for (long i = 0; i < n; ++i) {
-    diagonal[i] = a[packed_diagonal(i)];
-    most = std::max(most, std::abs(diagonal[i]));
-  }
+  scale_to_unit_diagonal(n, a, scale);
+  const double most = matrix::zvamx(a, packed_size(n));
   swept.assign(static_cast<std::size_t>(n), '0');
   int zeros = 0;
   for (long k = 0; k < n; ++k) {
-    const double limit = std::max({vsin * std::abs(diagonal[k]), msin * most, asin});
+    const double limit = std::max({vsin, msin * most, asin}); // vsin times the diagonal element, which is 1
     const double pivot = a[packed_diagonal(k)];
     matrix::determinant_count(det, pivot, limit);
-    if (matrix::qkzsweep(a, static_cast<int>(k), static_cast<int>(n), swept.data(), work, -limit) != 0) ++zeros;
-    else matrix::determinant_multiply(det, pivot);
+    if (matrix::qkzsweep(a, static_cast<int>(k), static_cast<int>(n), swept.data(), work, -limit) != 0) {
+      ++zeros;
+    } else {
+      matrix::determinant_multiply(det, pivot);
+      matrix::determinant_multiply(det, scale[k] * scale[k]);
+    }
   }
   return zeros;
 }
@@ -79,6 +94,7 @@ int zcovinv(int job, int cfrm, long n, double asin, double msin, double vsin, do
     if (singular != nullptr) singular[i] = refused;
     for (long j = 0; j <= i; ++j)
       if (refused || swept[static_cast<std::size_t>(j)] == '0') cov[packed_row(i) + j] = 0.0;
+      else cov[packed_row(i) + j] /= cdia[i] * cdia[j];
   }
   return zeros;
 }
@@ -89,6 +105,8 @@ int zcovgiv(long n, double asin, double csin, double* cov, double* det, double* 
   if (n < 1) return 0;
   double* const v = work;
   double* const off = work + n * n;
+  double* const scale = off + n;
+  scale_to_unit_diagonal(n, cov, scale);
   matrix::zmmovsr(cov, v, static_cast<int>(n));
   matrix::ztred2(static_cast<int>(n), v, eval, off);
   if (matrix::ztql2(static_cast<int>(n), v, eval, off, 1) != 0) return -1;
@@ -107,6 +125,10 @@ int zcovgiv(long n, double asin, double csin, double* cov, double* det, double* 
       for (long j = 0; j <= i; ++j) cov[packed_row(i) + j] += vi * v[j * n + k];
     }
   }
+  for (long i = 0; i < n; ++i) {
+    matrix::determinant_multiply(det, scale[i] * scale[i]);
+    for (long j = 0; j <= i; ++j) cov[packed_row(i) + j] /= scale[i] * scale[j];
+  }
   if (zeros > 0) matrix::determinant_clear(det);
   return zeros;
 }
@@ -116,14 +138,16 @@ int zcovlid(MINSTR* str, double asin, double msin, double vsin, long n, double* 
   double det[5];
   matrix::determinant_start(det);
   std::vector<char> swept;
-  const int zeros = sweep_pivots(n, asin, msin, vsin, cov, det, work, work + n, swept);
+  double* const scale = work;
+  double* const row = work + n;
+  const int zeros = sweep_pivots(n, asin, msin, vsin, cov, det, scale, row, swept);
   const COVSTR* const request = str->covstr;
   for (long i = 0; i < n; ++i) {
     iwk[i] = swept[static_cast<std::size_t>(i)] == '0';
     if (iwk[i] == 0 || request == nullptr || request->dependency == nullptr) continue;
     for (long j = 0; j < n; ++j)
-      work[j] = swept[static_cast<std::size_t>(j)] == '1' ? cov[matrix::packed_index(i, j)] : 0.0;
-    request->dependency(str, {i, work});
+      row[j] = swept[static_cast<std::size_t>(j)] == '1' ? cov[matrix::packed_index(i, j)] * scale[i] / scale[j] : 0.0;
+    request->dependency(str, {i, row});
   }
   return zeros;
 }

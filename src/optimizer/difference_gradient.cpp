@@ -22,9 +22,25 @@ double interval(const MINSTR& str, long i, double base, const double* found)
 {
   const double x = str.x[i];
   const double relative = found != nullptr && str.cfdh != 0 && !is_missing(found[i]) ? found[i] : base;
-  const double h = (1.0 + std::abs(x)) * relative;
+  double h = (1.0 + std::abs(x)) * relative;
+  if (!is_missing(str.hlim[i])) h = std::min(h, str.hlim[i] * (base / central_base(str)));
   const double moved = x + h; // stored, so that moved - x is the interval really used
   return std::max(moved - x, std::abs(x) * 1.110223024625157e-15);
+}
+
+void forget_curvature(MINSTR* str) { std::fill_n(str->hlim, str->nvar, missing); }
+
+double learn_curvature(MINSTR* str, long i, double h, double up, double down, double f)
+{
+  const double target = central_base(*str) * central_base(*str);
+  const double change = 0.5 * std::abs(up + down) / (1.0 + std::abs(f));
+  double right = h;
+  // Only what is wrong by a factor of a hundred: the interval need not be exact, and should not wander.
+  if (change > 1e4 * target) right = h * std::max(std::sqrt(target / change), 1e-8);
+  else if (change < 1e-4 * target && !is_missing(str->hlim[i])) right = change > 0.0 ? h * std::min(std::sqrt(target / change), 100.0) : 100.0 * h;
+  if (right != h) str->hlim[i] = right;
+  else if (is_missing(str->hlim[i])) str->hlim[i] = largest;
+  return right;
 }
 
 bool inside_bounds(const MINSTR& str, long i, double h)
@@ -60,9 +76,44 @@ Trial change_of_objective(MINSTR* str, long i, double h, double base_value)
   return {failed, failed ? 0.0 : str->crit - base_value};
 }
 
-// Forward quotient; on failure the other side, then half the interval. Returns false when nothing works.
+// Central quotient; beside a bound, or when the objective fails on one side, the one-sided formula of the same order
+//     (4 (f1 - f0) - (f2 - f0)) / 2h,   f1 = f(x + h), f2 = f(x + 2h).
+// On failure half the interval.
+bool central_quotient(MINSTR* str, long i, double h, double f, double& quotient)
+{
+  int resizes = 0;
+  for (h = std::abs(h); h > least_interval(0.0) * std::abs(str->x[i]) && h > 0.0 && str->stop == 0; h *= 0.5) {
+    Trial up{true, 0.0};
+    Trial down{true, 0.0};
+    if (inside_bounds(*str, i, h)) up = change_of_objective(str, i, h, f);
+    if (inside_bounds(*str, i, -h)) down = change_of_objective(str, i, -h, f);
+    if (!up.failed && !down.failed) {
+      quotient = (up.change - down.change) / (2.0 * h);
+      const double right = learn_curvature(str, i, h, up.change, down.change, f);
+      if (right < h && ++resizes < 4) {
+        h = 2.0 * right; // halved by the loop
+        continue;
+      }
+      return true;
+    }
+    if (is_missing(str->hlim[i])) str->hlim[i] = largest;
+    if (up.failed && down.failed) continue;
+    const double step = up.failed ? -h : h;
+    const Trial one = up.failed ? down : up;
+    if (!inside_bounds(*str, i, 2.0 * step)) continue;
+    const Trial two = change_of_objective(str, i, 2.0 * step, f);
+    if (two.failed) continue;
+    quotient = (4.0 * one.change - two.change) / (2.0 * step);
+    return true;
+  }
+  return false;
+}
+
+// Forward quotient; on failure the other side, then half the interval. Returns false when nothing works. A parameter of whose
+// curvature nothing is known gets a central quotient once.
 bool forward_quotient(MINSTR* str, long i, double h, double f, double& quotient)
 {
+  if (is_missing(str->hlim[i]) && str->cfdh == 0) return central_quotient(str, i, interval(*str, i, central_base(*str), nullptr), f, quotient);
   h = fit_interval(*str, i, h, 1.0);
   while (std::abs(h) > 0.0) {
     for (const double step : {h, -h}) {
@@ -75,32 +126,6 @@ bool forward_quotient(MINSTR* str, long i, double h, double f, double& quotient)
     if (str->stop != 0) return false;
     h *= 0.5;
     if (std::abs(h) <= least_interval(str->x[i])) return false;
-  }
-  return false;
-}
-
-// Central quotient; beside a bound, or when the objective fails on one side, the one-sided formula of the same order
-//     (4 (f1 - f0) - (f2 - f0)) / 2h,   f1 = f(x + h), f2 = f(x + 2h).
-// On failure half the interval.
-bool central_quotient(MINSTR* str, long i, double h, double f, double& quotient)
-{
-  for (h = std::abs(h); h > least_interval(str->x[i]) && str->stop == 0; h *= 0.5) {
-    Trial up{true, 0.0};
-    Trial down{true, 0.0};
-    if (inside_bounds(*str, i, h)) up = change_of_objective(str, i, h, f);
-    if (inside_bounds(*str, i, -h)) down = change_of_objective(str, i, -h, f);
-    if (!up.failed && !down.failed) {
-      quotient = (up.change - down.change) / (2.0 * h);
-      return true;
-    }
-    if (up.failed && down.failed) continue;
-    const double step = up.failed ? -h : h;
-    const Trial one = up.failed ? down : up;
-    if (!inside_bounds(*str, i, 2.0 * step)) continue;
-    const Trial two = change_of_objective(str, i, 2.0 * step, f);
-    if (two.failed) continue;
-    quotient = (4.0 * one.change - two.change) / (2.0 * step);
-    return true;
   }
   return false;
 }

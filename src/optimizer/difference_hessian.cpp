@@ -36,6 +36,18 @@ private:
   double indf;
 };
 
+// The interval (1 + |x|) base knows nothing of a parameter whose natural unit is 1e-9. What tells is the change of the objective
+// that the curvature d makes over h, d h^2 / 2, relative to 1 + |f|: too large, and the third derivative spoils the quotient;
+// too small, and rounding does. resized: h brought to `target` when the change lies outside [low, high] times it.
+double resized(double h, double d, double f, double target, double low, double high)
+{
+  const double change = 0.5 * std::abs(d) * h * h / (1.0 + std::abs(f));
+  if (change >= low * target && change <= high * target) return h;
+  return change > 0.0 ? h * std::clamp(std::sqrt(target / change), 1e-8, 100.0) : 100.0 * h;
+}
+
+constexpr int most_resizes = 6;
+
 // f(x + a e_i + b e_j) - f(x); fails beside the bounds too, so that callers need one test.
 bool change(MINSTR* str, long i, double a, long j, double b, double base_value, double& result)
 {
@@ -107,10 +119,18 @@ int hessian_from_values(MINSTR* str, bool five)
   double* const both_sides = str->xtmp;
   for (long i = 0; i < n; ++i) {
     bool both = true;
-    step[i] = interval(*str, i, base, nullptr);
+    double& h = step[i];
+    double& d = str->hess[packed_row(i) + i];
+    h = interval(*str, i, base, nullptr);
     std::fill_n(str->hess + packed_row(i), i + 1, 0.0);
     if (str->bounds != 0 && str->iabc[i] == 2) continue;
-    if (!second_difference(str, i, five, f, step[i], both, str->hess[packed_row(i) + i])) return -11;
+    const double longest = 0.01 * (1.0 + std::abs(str->x[i]));
+    for (int resizes = 0;; ++resizes) {
+      if (!second_difference(str, i, five, f, h, both, d)) return -11;
+      const double better = std::min(resized(std::abs(h), d, f, base * base, 1e-4, 100.0), longest);
+      if (better == std::abs(h) || resizes == most_resizes) break;
+      h = better;
+    }
     both_sides[i] = both ? 1.0 : 0.0;
   }
   if (str->hfrm == 2) return 0;
@@ -137,10 +157,10 @@ bool moved_gradient(MINSTR* str, long i, double h)
 
 // Derivative of the gradient along e_i into result, g0 the gradient at x. central: both sides, or beside a bound the
 // one-sided formula of the same order.
-bool gradient_difference(MINSTR* str, long i, double h, bool central, const double* g0, double* result)
+bool gradient_difference(MINSTR* str, long i, double& h, bool central, const double* g0, double* result)
 {
   const long n = str->nvar;
-  h = fit_interval(*str, i, h, 1.0);
+  h = fit_interval(*str, i, std::abs(h), 1.0);
   for (; std::abs(h) > least_interval(str->x[i]) && str->stop == 0; h *= 0.5) {
     double step = h;
     bool first = moved_gradient(str, i, step);
@@ -176,7 +196,15 @@ int hessian_from_gradients(MINSTR* str, bool central)
   double* const column = str->gtmp;
   for (long i = 0; i < n; ++i) {
     if (str->bounds != 0 && str->iabc[i] == 2) continue;
-    if (!gradient_difference(str, i, interval(*str, i, base, nullptr), central, keep.gradient(), column)) return -11;
+    // A gradient is as good as the machine: only an interval that is too long is changed. The one-sided quotient has an error
+    // of order h, the central one of order h^2, hence the different targets.
+    double h = interval(*str, i, base, nullptr);
+    for (int resizes = 0;; ++resizes) {
+      if (!gradient_difference(str, i, h, central, keep.gradient(), column)) return -11;
+      const double better = resized(std::abs(h), column[i], keep.value(), central ? 1e-8 : 1e-11, 0.0, 10.0);
+      if (better == std::abs(h) || resizes == most_resizes) break;
+      h = better;
+    }
     for (long j = 0; j < n; ++j) {
       if (str->bounds != 0 && str->iabc[j] == 2) continue;
       if (str->hfrm == 2 && i != j) continue;

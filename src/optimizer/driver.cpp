@@ -3,6 +3,7 @@
 #include "optimizer/active_set.h"
 #include "optimizer/arrays.h"
 #include "optimizer/covariance.h"
+#include "optimizer/difference_interval.h"
 #include "optimizer/gradient_check.h"
 #include "optimizer/messages.h"
 #include "optimizer/objective_access.h"
@@ -51,6 +52,7 @@ int start_stage(MINSTR* str)
   str->stop = 0;
   str->ipre = 0;
   str->xval_current = false;
+  forget_curvature(str);
   if (const int code = feasible_start(str); code != 0) return code;
   znlpfch(str, 1, 0);
   str->nbic = 0;

@@ -340,6 +340,8 @@ struct MINSTR {
   bool unbounded_told = false;  // the message of an unbounded objective has been sent
   double* xbes = nullptr;       // n: best point of a line search
   double* gbes = nullptr;       // n: its gradient
+  double* hlim = nullptr;       // n: longest central interval that the curvature of the objective allows, absolute;
+                                // missing: not known
   double* xtmp = nullptr;       // n: scratch of the difference routines
   double* gtmp = nullptr;       // n: scratch of the difference routines
   std::vector<double> problem_block;   // storage of the double arrays that do not depend on the technique

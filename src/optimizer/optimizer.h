@@ -61,16 +61,17 @@ int znlpfdh(MINSTR* str, int job);
 
 // ---- Matrices of the covariance step; usable on their own.
 
-// zcovinv: inverts the packed (cfrm 1) or diagonal (cfrm 2) symmetric matrix cov of order n in place by sweeps. A pivot at
-// or below max(vsin * its own diagonal, msin * largest diagonal, asin) counts as zero: its row and column of the result
-// are zero (a generalized inverse that satisfies A G A = A). Fills det as mantissa, decimal exponent, positive, negative,
-// zero pivots. job 1 marks the singular pivots in iwk (n longs, 1 where singular; otherwise iwk may be null). cdia (n) returns the
-// original diagonal; work is n doubles. Returns the number of zero pivots.
+// zcovinv: inverts the packed (cfrm 1) or diagonal (cfrm 2) symmetric matrix cov of order n in place by sweeps. A packed matrix is
+// scaled to unit diagonal first. A pivot at or below max(vsin, msin * largest element, asin) counts as zero: its row and
+// column of the result are zero (a generalized inverse that satisfies A G A = A). Fills det as mantissa, decimal exponent,
+// positive, negative, zero pivots. job 1 marks the singular pivots in iwk (n longs, 1 where singular; otherwise iwk may be null).
+// cdia (n) returns the scales, or the diagonal when cfrm is 2; work is n doubles. Returns the number of zero pivots.
 int zcovinv(int job, int cfrm, long n, double asin, double msin, double vsin, double* cov, double* det, double* cdia,
             double* work, long* iwk);
 
-// zcovgiv: Moore-Penrose inverse of the packed symmetric matrix cov of order n by its eigenvalues; those at or below
-// max(asin, csin * largest absolute eigenvalue) count as zero. eval receives the n eigenvalues, largest first;
+// zcovgiv: Moore-Penrose inverse of the packed symmetric matrix cov of order n, scaled to unit diagonal and back, by its
+// eigenvalues; those at or below max(asin, csin * largest absolute eigenvalue) count as zero. eval receives the n eigenvalues
+// of the scaled matrix, largest first;
 // work is n*n + 2n doubles. Returns the number of zero eigenvalues, or -1 when the eigenvalue iteration fails.
 int zcovgiv(long n, double asin, double csin, double* cov, double* det, double* eval, double* work);
 

@@ -1,6 +1,7 @@
 #include "optimizer/technique.h"
 
 #include "optimizer/active_set.h"
+#include "optimizer/difference_interval.h"
 #include "optimizer/objective_access.h"
 
 #include <algorithm>
@@ -44,7 +45,9 @@ void begin_cycle(MINSTR* str)
 {
   str->alfa = str->salf;
   str->itre = 0;
-  if (str->nitr != 0.0) ++str->ires;
+  if (str->nitr == 0.0) return;
+  ++str->ires;
+  forget_curvature(str);
 }
 
 int end_technique(MINSTR* str, int code) { return code < 0 ? str->uster(str, code) : code; }
