@@ -19,15 +19,6 @@ using model::TVLThreadCtx;
 
 namespace {
 
-void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
-{
-  BatchWork& b = ctx.batch;
-  b.slots = batch.last - batch.first;
-  std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
-  std::fill_n(b.failure.begin(), b.slots, 0);
-  ctx.frame->set_range(batch.first_row, batch.rows);
-}
-
 // The scale of the points by z: the Cholesky factor of the inverse Hessian, or the identity (then L alone scales u).
 void set_spread(const NX& n, BatchWork& b, int slot)
 {
@@ -100,6 +91,15 @@ void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient)
 }
 
 } // namespace
+
+void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
+{
+  BatchWork& b = ctx.batch;
+  b.slots = batch.last - batch.first;
+  std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
+  std::fill_n(b.failure.begin(), b.slots, 0);
+  ctx.frame->set_range(batch.first_row, batch.rows);
+}
 
 int tvlgaus(NX& n, TVLThreadCtx& ctx, const Batch& batch)
 {

@@ -8,6 +8,9 @@ namespace torvale::integration {
 inline constexpr double log2pi = 1.8378770664093456;
 inline constexpr double root_two = 1.4142135623730951;
 
+// take_batch: makes a batch the one in hand of a context: its slots, its rows.
+void take_batch(const model::NX& n, model::TVLThreadCtx& ctx, const model::Batch& batch);
+
 // tvlgaus: value, gradient (with dograd), trial modes and status of the subjects of one batch, by quadrature (gaus Gauss).
 // Returns 0 or the engine's code above 2.
 int tvlgaus(model::NX& n, model::TVLThreadCtx& ctx, const model::Batch& batch);

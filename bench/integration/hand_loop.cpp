@@ -1,0 +1,62 @@
+#include "integration/hand_loop.h"
+
+#include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#include <sleef.h>
+#endif
+
+namespace torvale::bench {
+
+namespace {
+
+#if defined(__AVX512F__)
+constexpr int width = 8;
+using Vector = __m512d;
+Vector load(const double* x) { return _mm512_loadu_pd(x); }
+Vector term(Vector x) { return Sleef_finz_logd8_u10avx512f(_mm512_add_pd(_mm512_set1_pd(1.0), Sleef_finz_expd8_u10avx512f(x))); }
+Vector zero() { return _mm512_setzero_pd(); }
+Vector add(Vector a, Vector b) { return _mm512_add_pd(a, b); }
+constexpr const char* isa = "avx512";
+#elif defined(__AVX2__)
+constexpr int width = 4;
+using Vector = __m256d;
+Vector load(const double* x) { return _mm256_loadu_pd(x); }
+Vector term(Vector x) { return Sleef_finz_logd4_u10avx2(_mm256_add_pd(_mm256_set1_pd(1.0), Sleef_finz_expd4_u10avx2(x))); }
+Vector zero() { return _mm256_setzero_pd(); }
+Vector add(Vector a, Vector b) { return _mm256_add_pd(a, b); }
+constexpr const char* isa = "avx2";
+#else
+constexpr int width = 2;
+using Vector = __m128d;
+Vector load(const double* x) { return _mm_loadu_pd(x); }
+Vector term(Vector x) { return Sleef_cinz_logd2_u10sse2(_mm_add_pd(_mm_set1_pd(1.0), Sleef_cinz_expd2_u10sse2(x))); }
+Vector zero() { return _mm_setzero_pd(); }
+Vector add(Vector a, Vector b) { return _mm_add_pd(a, b); }
+constexpr const char* isa = "baseline";
+#endif
+
+} // namespace
+
+double exponentials_and_logarithms(const double* x, int buffer, long lanes)
+{
+  Vector sum = zero();
+  int at = 0;
+  for (long done = 0; done < lanes; done += width) {
+    sum = add(sum, term(load(x + at)));
+    at = at + width < buffer ? at + width : 0;
+  }
+  double parts[width];
+  std::memcpy(parts, &sum, sizeof parts);
+  double total = 0.0;
+  for (const double p : parts) total += p;
+  return total;
+}
+
+const char* hand_loop_isa()
+{
+  return isa;
+}
+
+} // namespace torvale::bench
