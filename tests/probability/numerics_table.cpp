@@ -43,6 +43,8 @@ Made by one command, which measures every function against the tables of 20 digi
 
     ninja -C build/release numerics_table && build/release/tests/probability/numerics_table > docs/numerics.md
 
+The matrix kernels have a page of their own, `numerics/matrix.md`.
+
 Errors are relative unless the region says otherwise. "Allowed there" is what the test `Accuracy` allows in the row that
 comes nearest to its limit, which is the row shown; for a quantile it is 1e-14 times `cond`, the relative change of the quantile
 for a relative change of the probability.
