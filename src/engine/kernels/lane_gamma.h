@@ -33,16 +33,27 @@ constexpr double stirling[] = {-3617.0 / 122400, 1.0 / 156,   -691.0 / 360360, 1
 inline Lanes lgamma_positive(Lanes x)
 {
   const Mask large = x >= all(8.0);
-  const Lanes k = nearest_whole(x), t = if_else(large, Lanes{}, x - k);
-  Lanes product = if_else(k < all(2.0), x, all(1.0));
-  product = if_else(k < all(1.0), x * (x + all(1.0)), product);
-  for (int j = 1; j <= 6; ++j) product = if_else(k >= all(j + 2.0), product * (x - all(j)), product);
-
-  const Lanes l = elementary::log(if_else(large, x, product));
-  const Lanes small = fused(t, polynomial(lgamma_about_two, t), if_else(k < all(2.0), -l, l));
-  const Lanes w = all(1.0) / if_else(large, x, all(8.0));
-  const Lanes tail = fused(polynomial(stirling, w * w), w, all(0.41893853320467274)); // log(2 pi) / 2 - 1/2
-  return if_else(large, fused(x - all(0.5), l - all(1.0), tail), small);
+  const bool some_small = any(~large), some_large = any(large);
+  const Lanes k = nearest_whole(x);
+  Lanes argument = x;
+  if (some_small) {
+    Lanes product = if_else(k < all(2.0), x, all(1.0));
+    product = if_else(k < all(1.0), x * (x + all(1.0)), product);
+    for (int j = 1; j <= 6; ++j) product = if_else(k >= all(j + 2.0), product * (x - all(j)), product);
+    argument = if_else(large, x, product);
+  }
+  const Lanes l = elementary::log(argument);
+  Lanes r = l;
+  if (some_small) {
+    const Lanes t = if_else(large, Lanes{}, x - k);
+    r = fused(t, polynomial(lgamma_about_two, t), if_else(k < all(2.0), -l, l));
+  }
+  if (some_large) {
+    const Lanes w = all(1.0) / if_else(large, x, all(8.0));
+    const Lanes tail = fused(polynomial(stirling, w * w), w, all(0.41893853320467274)); // log(2 pi) / 2 - 1/2
+    r = if_else(large, fused(x - all(0.5), l - all(1.0), tail), r);
+  }
+  return r;
 }
 
 // log |gamma(a)|. Below 0 by reflection, log(pi / |sin pi a|) - log gamma(1 - a): error relative to those terms.
