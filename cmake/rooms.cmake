@@ -30,7 +30,9 @@ function(torvale_room name)
   target_include_directories(torvale_${name} PUBLIC "${CMAKE_SOURCE_DIR}/src")
   target_link_libraries(torvale_${name} PUBLIC ${ROOM_LIBRARIES} PRIVATE torvale_flags)
   foreach(lower IN LISTS may_include_${name})
-    target_link_libraries(torvale_${name} PUBLIC torvale_${lower})
+    if(EXISTS "${CMAKE_SOURCE_DIR}/src/${lower}/CMakeLists.txt")
+      target_link_libraries(torvale_${name} PUBLIC torvale_${lower})
+    endif()
   endforeach()
   add_custom_target(check_room_${name}
     COMMAND ${CMAKE_COMMAND} -DROOM=${name} "-DALLOWED=${may_include_${name}}" -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
