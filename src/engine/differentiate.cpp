@@ -20,6 +20,27 @@ NodeId Differentiator::partial(NodeId node, int operand)
   return graph_.missing();
 }
 
+// Some kernels pass one of their operands on. The mask under which it is this one; no_node for all other kernels. The
+// derivative follows the choice by a select: the side not chosen may well be missing, with all its derivatives.
+NodeId Differentiator::chosen(NodeId node, int operand)
+{
+  const Node n = graph_.node(node);
+  const NodeId a = n.operand[0], b = n.operand[1];
+  NodeId first = no_node; // mask of operand 0 (of select: of operand 1)
+  switch (n.kernel) {
+  case Kernel::select: return operand == 1 ? a : graph_.not_(a);
+  case Kernel::zero_if_missing: return graph_.not_(graph_.is_missing(a));
+  case Kernel::coalesce: first = graph_.not_(graph_.is_missing(a)); break;
+  case Kernel::least_ordered: first = graph_.compare(Kernel::less_equal, a, b); break;
+  case Kernel::greatest: first = graph_.compare(Kernel::less_equal, b, a); break;
+  case Kernel::least: // the lesser of two present values
+    first = graph_.or_(graph_.is_missing(b), graph_.and_(graph_.not_(graph_.is_missing(a)), graph_.compare(Kernel::less_equal, a, b)));
+    break;
+  default: return no_node;
+  }
+  return operand == 0 ? first : graph_.not_(first);
+}
+
 // Nodes that a derivative of y by one of the symbols passes, ascending. Carried values are ends: their derivatives are
 // carried values of their own. Nodes in `known` are left out, with what lies below them.
 std::vector<NodeId> Differentiator::varying_below(NodeId y, std::span<const std::int32_t> symbols,
@@ -94,15 +115,12 @@ std::vector<NodeId> Differentiator::gradient(NodeId y, std::span<const std::int3
     adjoint.erase(entry);
     const Node n = graph_.node(*it);
     graph_.inherit_position(*it);
-    if (n.kind == NodeKind::kernel && n.kernel == Kernel::select) {
-      const NodeId mask = n.operand[0];
-      if (varying.count(n.operand[1]) > 0) contribute(adjoint[n.operand[1]], {graph_.and_(a.guard, mask), a.value});
-      if (varying.count(n.operand[2]) > 0) contribute(adjoint[n.operand[2]], {graph_.and_(a.guard, graph_.not_(mask)), a.value});
-    } else if (n.kind == NodeKind::kernel) {
+    if (n.kind == NodeKind::kernel) {
       for (int k = 0; k < n.operands; ++k) {
         const NodeId operand = n.operand[static_cast<std::size_t>(k)];
         if (varying.count(operand) == 0 || passes_no_derivative(n.kernel, k)) continue;
-        contribute(adjoint[operand], {a.guard, graph_.multiply(a.value, partial(*it, k))});
+        if (const NodeId mask = chosen(*it, k); mask != no_node) contribute(adjoint[operand], {graph_.and_(a.guard, mask), a.value});
+        else contribute(adjoint[operand], {a.guard, graph_.multiply(a.value, partial(*it, k))});
       }
     } else if (n.kind == NodeKind::symbol) {
       const auto at = std::find(symbols.begin(), symbols.end(), n.index);
@@ -153,10 +171,13 @@ NodeId Differentiator::tangent_of(NodeId id, std::int32_t symbol)
   case NodeKind::kernel: break;
   default: return no_node;
   }
-  if (n.kernel == Kernel::select) {
-    const NodeId yes = of(n.operand[1]), no = of(n.operand[2]);
+  // Of two operands that a kernel chooses between, the tangents are chosen between in the same way.
+  const int first_choice = n.kernel == Kernel::select ? 1 : 0;
+  if (chosen(id, first_choice) != no_node) {
+    const NodeId yes = of(n.operand[static_cast<std::size_t>(first_choice)]);
+    const NodeId no = n.operands > first_choice + 1 ? of(n.operand[static_cast<std::size_t>(first_choice) + 1]) : no_node;
     if (yes == no_node && no == no_node) return no_node;
-    sum = graph_.select(n.operand[0], yes == no_node ? graph_.zero() : yes, no == no_node ? graph_.zero() : no);
+    sum = graph_.select(chosen(id, first_choice), yes == no_node ? graph_.zero() : yes, no == no_node ? graph_.zero() : no);
   } else {
     for (int k = 0; k < n.operands; ++k) {
       if (passes_no_derivative(n.kernel, k)) continue;

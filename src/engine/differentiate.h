@@ -34,6 +34,7 @@ private:
   Guarded joined(const Contributions& all);
   void contribute(Contributions& to, Guarded what);
   NodeId partial(NodeId node, int operand);
+  NodeId chosen(NodeId node, int operand);
   std::vector<NodeId> varying_below(NodeId y, std::span<const std::int32_t> symbols,
                                     const std::unordered_map<NodeId, NodeId>* known);
   NodeId tangent_of(NodeId node, std::int32_t symbol);   // operands' tangents are known
