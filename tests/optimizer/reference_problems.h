@@ -74,7 +74,8 @@ struct RunResult {
 
 RunResult run_problem(const Problem& problem, const RunOptions& options);
 
-// True when f is the known minimum or a listed local one to `relative`; 1e-9 absolute (1e-12 for zero-residual problems).
-bool solved(const Problem& problem, double f, double relative);
+// True when f is the known minimum or a listed local one to `relative`, or to `absolute` when it is zero; or lower than a
+// published minimum that is not known to be global.
+bool solved(const Problem& problem, double f, double relative, double absolute = 1e-12);
 
 } // namespace torvale::test
