@@ -109,11 +109,19 @@ void write_row(NX& n, const MINSTR& str, int layout)
   n.ithis->row(std::move(cells));
 }
 
-// Words of the optimizer's library with {0}, {1}, ... filled in.
-std::string words_of(int group, int number, const std::vector<std::string>& values)
+// Words of the catalogue with {0}, {1}, ... filled in.
+std::string filled(int number, const std::vector<std::string>& values)
+{
+  host::MessageArguments arguments;
+  for (std::size_t k = 0; k < values.size(); ++k) arguments.emplace_back(std::to_string(k), values[k]);
+  return host::xpmstr(549, number, arguments);
+}
+
+// Words of the optimizer's library, which knows its own messages best.
+std::string library_words(int group, int number, const std::vector<std::string>& values)
 {
   const char* text = optimizer::message_text(group, number);
-  std::string out = text != nullptr ? text : "A message of the optimizer.";
+  std::string out = text != nullptr ? text : filled(number, values);
   for (std::size_t k = 0; k < values.size(); ++k) {
     std::string mark(1, '{');
     mark.append(std::to_string(k)).append(1, '}');
@@ -121,8 +129,6 @@ std::string words_of(int group, int number, const std::vector<std::string>& valu
   }
   return out;
 }
-
-std::string filled(int number, const std::vector<std::string>& values) { return words_of(549, number, values); }
 
 // The words of a termination code, and the status: 0 converged, 1 failed, 2 failed otherwise.
 std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
@@ -198,12 +204,14 @@ void optimizer_message(MINSTR* str, int group, int number, int severity, const d
 {
   NX& n = *static_cast<NX*>(str->comstr);
   std::vector<std::string> shown;
-  for (int k = 0; k < count; ++k) shown.push_back(host::shortest(values[k]));
+  const bool names_criterion = group == 549 && number >= 607 && number <= 612; // its first value is a termination code
+  for (int k = 0; k < count; ++k)
+    shown.push_back(k == 0 && names_criterion ? optimizer::criterion_name(static_cast<int>(values[k])) : host::shortest(values[k]));
   host::Message message;
   message.group = group;
   message.number = number;
   message.severity = severity >= 3 ? host::Severity::error : severity == 2 ? host::Severity::warning : host::Severity::note;
-  message.text = words_of(group, number, shown);
+  message.text = library_words(group, number, shown);
   n.host->log().post(std::move(message));
 }
 

@@ -35,8 +35,8 @@ TEST(Invariance, ShuffledRowsGiveTheSameFit)
     std::shuffle(lines.begin() + 1, lines.end(), random);
     const TemporaryFile shuffled(std::string(name) + ".csv", joined(lines));
     const std::string program = example(name, "QPOINTS=5 GCONV=1e-14 FCONV=0 ABSGCONV=0");
-    const Run sorted = run_text(program);
-    const Run mixed = run_text(program, "examples", 0, {{name, shuffled.path()}});
+    const auto sorted = run_text(program);
+    const auto mixed = run_text(program, "examples", 0, {{name, shuffled.path()}});
     ASSERT_EQ(sorted.outcome.exit_code, 0) << sorted.log;
     ASSERT_EQ(mixed.outcome.exit_code, 0) << mixed.log;
     EXPECT_TRUE(mixed.said(503, 753));
@@ -75,8 +75,8 @@ TEST(Invariance, ReplicateCountsSubjects)
   const std::string program = example("cbpp", "QPOINTS=5 GCONV=1e-13 FCONV=0 ABSGCONV=0 EMPIRICAL COV");
   std::string with_counts = program;
   with_counts.insert(with_counts.find("RANDOM"), "REPLICATE copies;\n");
-  const Run counts = run_text(with_counts, "examples", 0, {{"cbpp", a.path()}});
-  const Run copies = run_text(program, "examples", 0, {{"cbpp", b.path()}});
+  const auto counts = run_text(with_counts, "examples", 0, {{"cbpp", a.path()}});
+  const auto copies = run_text(program, "examples", 0, {{"cbpp", b.path()}});
   ASSERT_EQ(counts.outcome.exit_code, 0) << counts.log;
   ASSERT_EQ(copies.outcome.exit_code, 0) << copies.log;
   EXPECT_NEAR(counts.column("FitStatistics", "Value")[0], copies.column("FitStatistics", "Value")[0], 1e-8);
@@ -91,13 +91,13 @@ TEST(Invariance, ReplicateCountsSubjects)
 // Millimetres, or hundredths of them: the mode search works at any scale.
 TEST(Invariance, UnitsOfTheResponseShiftTheLogLikelihoodOnly)
 {
-  const Run plain = run_text(example("orange", "QPOINTS=1"));
+  const auto plain = run_text(example("orange", "QPOINTS=1"));
   ASSERT_EQ(plain.outcome.exit_code, 0) << plain.log;
   std::string scaled = "TORVALE DATA=orange QPOINTS=1;\n"
                        "PARMS b1=19000 b2=700 b3=350 s2u=1e7 s2e=6e5;\nBOUNDS s2u > 0, s2e > 0;\n"
                        "big = 100*circumference; num = b1 + u1; ex = exp(-(day - b2)/b3);\n"
                        "MODEL big ~ NORMAL(num/(1+ex), s2e);\nRANDOM u1 ~ NORMAL(0, s2u) SUBJECT=tree;\nRUN;\n";
-  const Run hundredths = run_text(scaled);
+  const auto hundredths = run_text(scaled);
   ASSERT_EQ(hundredths.outcome.exit_code, 0) << hundredths.log;
   EXPECT_NEAR(hundredths.column("FitStatistics", "Value")[0],
               plain.column("FitStatistics", "Value")[0] + 2 * 35 * std::log(100.0), 2e-5);

@@ -67,7 +67,7 @@ class Mistakes : public testing::TestWithParam<std::size_t> {};
 TEST_P(Mistakes, EndWithCodeAndCause)
 {
   const Mistake& m = mistakes()[GetParam()];
-  const Run run = run_text(m.program);
+  const auto run = run_text(m.program);
   ASSERT_EQ(run.outcome.results.steps.size(), 1u);
   EXPECT_EQ(run.outcome.results.steps[0].return_code, m.return_code) << run.log;
   EXPECT_EQ(run.outcome.exit_code, m.exit_code) << run.log;
@@ -82,19 +82,19 @@ INSTANTIATE_TEST_SUITE_P(All, Mistakes, testing::Range<std::size_t>(0, mistakes(
 TEST(BadData, EndsTheGroupWithACause)
 {
   const TemporaryFile empty("empty.csv", "y,x\n");
-  const Run no_rows = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", empty.path()}});
+  const auto no_rows = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", empty.path()}});
   EXPECT_EQ(no_rows.outcome.exit_code, 4) << no_rows.log;
   EXPECT_TRUE(no_rows.said(503, 71)) << no_rows.log;
 
   const TemporaryFile holes("holes.csv", "id,y\n1,2\n.,3\n2,4\n");
-  const Run subject = run_text("TORVALE DATA=d;\nPARMS b=1 v=1;\nMODEL y ~ NORMAL(b+u,1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
+  const auto subject = run_text("TORVALE DATA=d;\nPARMS b=1 v=1;\nMODEL y ~ NORMAL(b+u,1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
                                "examples", 0, {{"d", holes.path()}});
   EXPECT_EQ(subject.outcome.exit_code, 4) << subject.log;
   EXPECT_EQ(subject.outcome.results.steps[0].return_code, 1012);
   EXPECT_TRUE(subject.said(503, 28)) << subject.log;
 
   const TemporaryFile words("words.csv", "y,x\n1,2\nNA,3\n2,4\n");
-  const Run text = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", words.path()}});
+  const auto text = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", words.path()}});
   EXPECT_EQ(text.outcome.exit_code, 3) << text.log;
   EXPECT_THAT(text.log, HasSubstr("NA"));
 }
@@ -102,7 +102,7 @@ TEST(BadData, EndsTheGroupWithACause)
 // A wrong step does not stop the steps after it; the run's exit code is the worse one.
 TEST(BadData, LaterStepsRun)
 {
-  const Run run = run_text("TORVALE DATA=nowhere;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;\n" + example("fixed_poisson", ""));
+  const auto run = run_text("TORVALE DATA=nowhere;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;\n" + example("fixed_poisson", ""));
   ASSERT_EQ(run.outcome.results.steps.size(), 2u);
   EXPECT_EQ(run.outcome.results.steps[0].return_code, 1008);
   EXPECT_EQ(run.outcome.results.steps[1].return_code, 0) << run.log;

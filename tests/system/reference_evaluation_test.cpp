@@ -34,7 +34,7 @@ TEST_P(ReferenceEvaluation, ObjectiveAndGradientAtTheStart)
       options += " " + rule + " QPOINTS=" + std::to_string(entry["points_per_dimension"].get<int>());
     }
     SCOPED_TRACE(name + " " + options);
-    const Run run = run_text(example(name, options));
+    const auto run = run_text(example(name, options));
     const auto objective = run.column("Parameters", "NegLogLike");
     ASSERT_EQ(objective.size(), 1u) << run.log;
     EXPECT_NEAR(objective[0], entry["objective"].get<double>(), 1e-10 * std::abs(entry["objective"].get<double>()));

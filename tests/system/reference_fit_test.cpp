@@ -27,7 +27,7 @@ void compare(const std::string& name, const nlohmann::json& fit, const Bars& bar
   if (!fit["points_per_dimension"].is_null()) options += " QPOINTS=" + std::to_string(fit["points_per_dimension"].get<int>());
   if (fit["adaptive"] == "no") options += " NOAD";
   SCOPED_TRACE(name + " " + options);
-  const Run run = run_text(example(name, options));
+  const auto run = run_text(example(name, options));
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
   const auto statistics = run.column("FitStatistics", "Value");
   ASSERT_EQ(statistics.size(), 4u);

@@ -16,7 +16,7 @@ TEST(Tables, EstimateFollowsTheDeltaMethod)
   std::string program = example("fixed_poisson", "COV ECOV ECORR EDER");
   program.insert(program.find("RUN;"), "ESTIMATE 'rate' exp(b0 + woolB);\nESTIMATE 'sum' b0 + woolB ALPHA=0.1 DF=7;\n"
                                        "CONTRAST 'tension' tensM, tensH;\nCONTRAST 'twice' tensM, tensM;\n");
-  const Run run = run_text(program);
+  const auto run = run_text(program);
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
   const double sum = run.number("AdditionalEstimates", "sum", "Estimate"), rate = run.number("AdditionalEstimates", "rate", "Estimate");
   EXPECT_NEAR(rate, std::exp(sum), 1e-12 * rate);
@@ -34,11 +34,11 @@ TEST(Tables, EstimateFollowsTheDeltaMethod)
 TEST(Tables, GridVariesTheFirstParameterFastestAndBestKeepsTheLowest)
 {
   const std::string model = "mu = exp(b0 + b1*(wool='B'));\nMODEL breaks ~ POISSON(mu);\nRUN;";
-  const Run all = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=2 TO 4 b1=-0.2 0;\n" + model);
+  const auto all = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=2 TO 4 b1=-0.2 0;\n" + model);
   ASSERT_EQ(all.outcome.exit_code, 0) << all.log;
   EXPECT_EQ(all.column("Parameters", "b0"), (std::vector<double>{2, 3, 4, 2, 3, 4}));
   EXPECT_EQ(all.column("Parameters", "b1"), (std::vector<double>{-0.2, -0.2, -0.2, 0, 0, 0}));
-  const Run best = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=2 TO 4 b1=-0.2 0 / BEST=2;\n" + model);
+  const auto best = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=2 TO 4 b1=-0.2 0 / BEST=2;\n" + model);
   const auto objective = best.column("Parameters", "NegLogLike");
   ASSERT_EQ(objective.size(), 2u);
   EXPECT_LT(objective[0], objective[1]);
@@ -48,31 +48,31 @@ TEST(Tables, GridVariesTheFirstParameterFastestAndBestKeepsTheLowest)
 TEST(Tables, GroupsAreFittedOneByOne)
 {
   const std::string model = "PARMS b0=3;\nmu = exp(b0);\nMODEL breaks ~ POISSON(mu);\n";
-  const Run by = run_text("TORVALE DATA=warpbreaks;\n" + model + "BY wool;\nRUN;");
+  const auto by = run_text("TORVALE DATA=warpbreaks;\n" + model + "BY wool;\nRUN;");
   ASSERT_EQ(by.outcome.exit_code, 0) << by.log;
   ASSERT_EQ(by.outcome.results.steps[0].groups.size(), 2u);
-  const Run a = run_text("TORVALE DATA=warpbreaks(WHERE=(wool='B'));\n" + model + "RUN;");
+  const auto a = run_text("TORVALE DATA=warpbreaks(WHERE=(wool='B'));\n" + model + "RUN;");
   EXPECT_EQ(by.number("ParameterEstimates", "b0", "Estimate", 1), a.number("ParameterEstimates", "b0", "Estimate"));
 }
 
 // Three parameters, one bound active, one combination that the data cannot tell apart.
 TEST(Tables, BoundsAndSingularHessiansAreSaid)
 {
-  const Run bound = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0.5;\nBOUNDS b1 >= 0;\nmu = exp(b0 + b1*(wool='B'));\n"
+  const auto bound = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0.5;\nBOUNDS b1 >= 0;\nmu = exp(b0 + b1*(wool='B'));\n"
                              "MODEL breaks ~ POISSON(mu);\nRUN;");
   ASSERT_EQ(bound.outcome.exit_code, 0) << bound.log;
   EXPECT_EQ(bound.number("ParameterEstimates", "b1", "Estimate"), 0.0);
   EXPECT_TRUE(std::isnan(bound.number("ParameterEstimates", "b1", "StandardError")));
   ASSERT_NE(bound.table("ParameterEstimates")->column("ActiveBC"), host::Table::npos);
 
-  const Run singular = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0;\nmu = exp(b0 + b1);\nMODEL breaks ~ POISSON(mu);\nRUN;");
+  const auto singular = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0;\nmu = exp(b0 + b1);\nMODEL breaks ~ POISSON(mu);\nRUN;");
   EXPECT_TRUE(singular.said(503, 271)) << singular.log;
   EXPECT_NE(singular.table("CovMatParmEst"), nullptr); // unasked
 }
 
 TEST(Tables, JsonKeepsEveryDigit)
 {
-  const Run run = run_text(example("theoph", "QPOINTS=1"));
+  const auto run = run_text(example("theoph", "QPOINTS=1"));
   const auto json = nlohmann::json::parse(host::results_json(run.outcome.results));
   const auto& tables = json["steps"][0]["groups"][0]["tables"];
   bool seen = false;
