@@ -77,15 +77,20 @@ void Builder::open_statement(const SEMARG& a, std::span<Value> r)
   given_.clear();
 }
 
+// MODEL pushes many statements, of which only the first would be conditional; the others declare what holds for the step.
+void Builder::check_top_level(const Value& head)
+{
+  if (head.depth > 0)
+    diagnostics_->error(Problem::misplaced_statement, head.token.where,
+                        upper_case(head.token.text) + " cannot stand inside DO, SELECT or behind THEN or ELSE: it is no programming statement.", head.token.length);
+}
+
 // The statement's semicolon has been read: its action may push text now.
 void Builder::close_statement(const SEMARG& a, std::span<Value> r, Value& result)
 {
   STMT& s = *proc_->current;
   s.end = r.back().token.where;
-  if (result.depth > 0)
-    diagnostics_->error(Problem::misplaced_statement, s.where,
-                        s.name + " cannot stand inside DO, SELECT or behind THEN or ELSE: it is no programming statement.",
-                        static_cast<std::int32_t>(s.name.size()));
+  check_top_level(r[0]);
   const bool custom = a.action >= 77 && a.action <= 83;
   if (custom && request_.tvlsem && diagnostics_->errors() == 0 && !proc_->error) {
     stream_.set_generator(s.name, s.where);
@@ -420,6 +425,7 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     close_statement(a, r, result);
     return true;
   case Action::end_id: {
+    check_top_level(r[0]);
     STLIST& c = proc_->statements.front().fld[80];
     if (!c.given()) c.where = r[0].token.where;
     c.type = 'l';
@@ -432,7 +438,10 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     result.code = 2;
     return true;
   case Action::by_not_sorted: result.code = 3; return true;
-  case Action::end_by: end_by(r); return true;
+  case Action::end_by:
+    check_top_level(r[0]);
+    end_by(r);
+    return true;
   case Action::end_replicate:
     add_names(cell(1, 'l', r[1].token.where), one_name(r[1]), -1);
     close_statement(a, r, result);

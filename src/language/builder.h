@@ -130,6 +130,7 @@ private:
   // --- procedure statements (build_procedure.cpp)
   bool act_on_procedure(Action action, const SEMARG& a, std::span<Value> r, Value& result);
   void open_statement(const SEMARG& a, std::span<Value> r);
+  void check_top_level(const Value& head);
   void close_statement(const SEMARG& a, std::span<Value> r, Value& result);
   syntax::STLIST& cell(int slot, char type, syntax::Position where);
   static syntax::StItem item(syntax::StItem::Kind kind, syntax::Position where);
