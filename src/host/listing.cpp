@@ -29,7 +29,7 @@ ShownColumn shown_column(const Table& table, std::size_t i)
   std::size_t longest_word = 0;
   for (const std::string& word : wrapped(heading, 1, 0)) longest_word = std::max(longest_word, display_width(word));
   out.width = std::max(out.width, longest_word);
-  out.heading = wrapped(heading, std::max<std::size_t>(out.width, 8), 0);
+  out.heading = wrapped(heading, std::max<std::size_t>(out.width, 10), 0);
   for (const std::string& line : out.heading) out.width = std::max(out.width, display_width(line));
   return out;
 }

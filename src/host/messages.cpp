@@ -69,7 +69,7 @@ std::string_view severity_name(Severity severity)
   return severity == Severity::note ? "note" : severity == Severity::warning ? "warning" : "error";
 }
 
-MessageArgument::MessageArgument(std::string_view n, double v) : name(n), value(shortest(v)) {}
+MessageArgument::MessageArgument(std::string_view n, double v) : name(n), value(readable(v)) {}
 
 const CatalogueEntry* find_message(int group, int number)
 {

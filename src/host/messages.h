@@ -19,7 +19,7 @@ namespace torvale::host {
 enum class Severity { note, warning, error };
 std::string_view severity_name(Severity severity); // "note", "warning", "error"
 
-// One named argument; numbers become their shortest text.
+// One named argument; numbers become readable text: whole ones in full, others with about six digits.
 struct MessageArgument {
   std::string name;
   std::string value;

@@ -78,12 +78,6 @@ std::string best_text(double x, int width)
   return exponent_text(x, width);
 }
 
-std::string special_text(double x)
-{
-  if (std::isinf(x)) return x > 0 ? "I" : "-I";
-  return std::string(1, missing_letter(canonical_missing(x)));
-}
-
 // Decimals that show at least `significant` digits of x in `width` places, or -1 when an exponent is needed.
 int decimals_for(double x, int width, int significant)
 {
@@ -94,6 +88,32 @@ int decimals_for(double x, int width, int significant)
   if (room < 0) return -1;
   if (wanted <= room) return wanted;
   return -1;
+}
+
+// Decimals of a column under a best fit: enough for its smallest value, but not more than three beyond what its largest
+// needs; none when all values are whole; -1 when no value can be shown without an exponent.
+int common_decimals(const std::vector<double>& values, const NumberFormat& format)
+{
+  int most = -1, least = 1000, widest = 1;
+  bool whole = true;
+  for (const double x : values) {
+    if (!std::isfinite(x) || x == 0.0) continue;
+    whole = whole && x == std::floor(x) && std::fabs(x) < 1e15;
+    const int decimals = decimals_for(x, format.width, format.digits);
+    if (decimals < 0) continue;
+    most = std::max(most, decimals);
+    least = std::min(least, decimals);
+    widest = std::max(widest, std::max(decimal_exponent(x), 0) + 1 + (x < 0 ? 1 : 0));
+  }
+  if (whole) return 0;
+  if (most <= 0) return most;
+  return std::clamp(format.width - widest - 1, 0, std::min(most, least + 3));
+}
+
+std::string special_text(double x)
+{
+  if (std::isinf(x)) return x > 0 ? "I" : "-I";
+  return std::string(1, missing_letter(canonical_missing(x)));
 }
 
 } // namespace
@@ -115,6 +135,14 @@ std::string shortest(double x)
   std::string out;
   append_shortest(out, x);
   return out;
+}
+
+std::string readable(double x)
+{
+  if (!std::isfinite(x)) return shortest(x);
+  if (x == std::floor(x) && std::fabs(x) < 1e16) return fixed_text(x, 0);
+  char buffer[40];
+  return {buffer, std::to_chars(buffer, buffer + sizeof buffer, x, std::chars_format::general, 7).ptr};
 }
 
 std::optional<double> parse_number(std::string_view text)
@@ -188,29 +216,13 @@ std::string format_number(double x, const NumberFormat& format)
 
 std::vector<std::string> format_column(const std::vector<double>& values, const NumberFormat& format)
 {
+  const int common = format.kind == NumberFormat::Kind::best_fit ? common_decimals(values, format) : -1;
   std::vector<std::string> out;
   out.reserve(values.size());
-  int common = -1; // decimals of the whole column
-  if (format.kind == NumberFormat::Kind::best_fit) {
-    int widest = 1;
-    bool whole = true; // integers throughout need no decimals
-    for (const double x : values) {
-      if (!std::isfinite(x) || x == 0.0) continue;
-      const int decimals = decimals_for(x, format.width, format.digits);
-      if (decimals >= 0) common = std::max(common, decimals);
-      widest = std::max(widest, std::max(decimal_exponent(x), 0) + 1 + (x < 0 ? 1 : 0));
-      whole = whole && x == std::floor(x) && std::fabs(x) < 1e15;
-    }
-    if (whole) common = 0;
-    if (common > 0) common = std::clamp(format.width - widest - 1, 0, common);
-  }
   for (const double x : values) {
-    // A value that the common decimals would show with too few digits keeps its own form.
-    const bool fits = common >= 0 && std::isfinite(x) &&
-                      (x == 0.0 ||
-                       (decimals_for(x, format.width, format.digits) >= 0 &&
-                        decimals_for(x, format.width, format.digits) <= common) ||
-                       (common == 0 && x == std::floor(x) && std::fabs(x) < 1e15));
+    const int own = std::isfinite(x) && x != 0.0 ? decimals_for(x, format.width, format.digits) : 0;
+    // A value that the common decimals would show with more than two digits too few keeps its own form.
+    const bool fits = common >= 0 && std::isfinite(x) && own >= 0 && own - 2 <= common;
     std::string text = fits ? fixed_text(x, common) : format_number(x, format);
     if (static_cast<int>(text.size()) > format.width) text = format_number(x, format);
     out.push_back(std::move(text));

@@ -39,6 +39,9 @@ void append_shortest(std::string& out, double x); // the same, at the end of `ou
 // inside. Nothing when the text is not wholly a number, or too large for a double. Values too small become 0.
 std::optional<double> parse_number(std::string_view text);
 
+// A number for a sentence: whole numbers in full, others with about six significant digits.
+std::string readable(double x);
+
 // The missing value that a field spells: empty, ".", "._", ".a" to ".Z". Nothing for any other text.
 std::optional<double> parse_missing(std::string_view text);
 

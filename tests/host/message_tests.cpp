@@ -1,4 +1,5 @@
 #include "host/messages.h"
+#include "host/missing.h"
 #include "support.h"
 #include <set>
 
@@ -29,7 +30,10 @@ TEST(Messages, ArgumentsFillTheTextAndOptionalStretchesFallAway)
   EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}, {"near", "yy"}}),
             "The dependent variable y is neither in the data set nor assigned in the program; did you mean yy?.");
   EXPECT_EQ(xpmstr(503, 270, {{"points", 31}, {"change", 0.25}, {"tolerance", 1e-4}}),
-            "The integral is not accurate enough with 31 quadrature points: relative change 0.25, tolerance 1e-04.");
+            "The integral is not accurate enough with 31 quadrature points: relative change 0.25, tolerance 0.0001.");
+  EXPECT_EQ(MessageArgument("x", 0.0017538544329616101).value, "0.001753854");
+  EXPECT_EQ(MessageArgument("x", 9007199254740992.0).value, "9007199254740992"); // whole numbers in full
+  EXPECT_EQ(MessageArgument("x", missing).value, ".");
   EXPECT_EQ(xpmstr(503, 8888, {{"a", 1}}), "Message 503/8888, a=1");
   EXPECT_EQ(otbmsg(0, 120), "-2 Log Likelihood");
   // An argument's own braces are not expanded.

@@ -78,6 +78,10 @@ TEST(NumberText, BestFitGivesAColumnCommonDecimalsWhereTheyFit)
 {
   const auto shown = format_column({0.0302, 12.5, -3.25, missing, 0.0}, parse_format("D9.3"));
   EXPECT_EQ(shown, (std::vector<std::string>{"0.0302", "12.5000", "-3.2500", ".", "0.0000"}));
+  // One small value does not cost the others their readability; a tiny one keeps its own form.
+  EXPECT_EQ(format_column({-3.3593811, 0.0008329}, parse_format("D9.4")),
+            (std::vector<std::string>{"-3.359381", "0.000833"}));
+  EXPECT_EQ(format_column({3.25, 1.5e-7}, parse_format("D9.4")), (std::vector<std::string>{"3.250", "1.500e-07"}));
   EXPECT_EQ(format_column({1.0, 2000.0, 35.0}, parse_format("D9.3")), (std::vector<std::string>{"1", "2000", "35"}));
   for (const std::string& text : format_column({1e-7, 123456.789, 3.0}, parse_format("D9.4")))
     EXPECT_LE(text.size(), 9u);
