@@ -31,7 +31,7 @@ struct ModeSearch {
   int substep = 0;         // shrinkings of the present step
   int failure = 0;         // message number when failed
   double bound = 0.0;      // value that the next step may not exceed
-  double previous = 0.0;   // largest component of the last step, in posterior standard deviations
+  double previous = 0.0;   // largest square of a component of the last step, in posterior variances
   double logdet = 0.0;     // log determinant of the Hessian at the mode
 };
 

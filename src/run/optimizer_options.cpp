@@ -134,6 +134,16 @@ void difference_mode(NX& n)
   }
 }
 
+// Parameters of a model differ in size by orders of magnitude, and a quasi-Newton run from the identity spends most of its
+// iterations on finding that out (sleep study: 40 objective calls and a stop 0.05 above the minimum; 13 calls and the minimum
+// with the Hessian at the start, its own calls included). With analytic gradients the start metric is therefore that
+// Hessian unless the statement says otherwise.
+void start_metric(NX& n, const STMT& procedure)
+{
+  const bool given = procedure.flag(1) || procedure.given(15);
+  if (!given && n.str->fidi == 0 && n.nparm <= 100) n.str->load = 1;
+}
+
 } // namespace
 
 void optimizer_setup(NX& n, const STMT& procedure)
@@ -148,6 +158,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.fail = model::failure_objective;
   tvloptg(procedure, str, *n.covstr);
   difference_mode(n);
+  start_metric(n, procedure);
   printing_options(n);
   n.noopt = str.tech == optimizer::NONE || n.nparm == 0;
   if (std::isnan(str.ceps)) str.ceps = 1e-8; // strict bounds need it before the library sets its defaults

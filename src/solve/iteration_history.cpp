@@ -81,7 +81,7 @@ void write_row(NX& n, const MINSTR& str, int layout)
 {
   const bool simplex = layout == 28;
   const bool starred = str.null > 0 && !simplex && str.tech != optimizer::CONGRA;
-  std::vector<host::Cell> cells = {static_cast<long>(str.nitr), starred ? "*" : " "};
+  std::vector<host::Cell> cells = {n.iterations_before + static_cast<long>(str.nitr), starred ? "*" : " "};
   if (n.itdetails) cells.emplace_back(str.ires);
   cells.emplace_back(str.nfct);
   if (n.itdetails) {
@@ -187,7 +187,7 @@ int nlpterm(MINSTR* str, int job)
   NX& n = *static_cast<NX*>(str->comstr);
   n.converged = false;
   if (str->nitr == 0 && job == 10 && n.pstart && n.starting_tables != nullptr && n.ithis == nullptr) n.starting_tables(n);
-  if (str->nitr == 0 && job == 10) n.cold = str->crit;
+  if (str->nitr == 0 && job == 10 && n.iterations_before == 0) n.cold = str->crit;
   if (job > 0) {
     n.parm.assign(str->x, str->x + n.nparm);
     integration::accept_modes(n);
@@ -212,7 +212,7 @@ void optimizer_message(MINSTR* str, int group, int number, int severity, const d
   message.number = number;
   message.severity = severity >= 3 ? host::Severity::error : severity == 2 ? host::Severity::warning : host::Severity::note;
   message.text = library_words(group, number, shown);
-  n.host->log().post(std::move(message));
+  n.optimizer_messages.push_back(std::move(message));
 }
 
 } // namespace torvale::solve

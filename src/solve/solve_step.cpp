@@ -3,6 +3,7 @@
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
+#include "solve/confirmation.h"
 
 #include <algorithm>
 #include <cmath>
@@ -26,6 +27,8 @@ void start_problem(NX& n)
   n.converged = false;
   n.havemeat = false;
   n.znlprc = 0;
+  n.iterations_before = 0;
+  n.optimizer_messages.clear();
   n.meat.clear();
   n.covmat.clear();
   n.hessmat.clear();
@@ -146,7 +149,12 @@ int tvlsolv(NX& n)
   start_problem(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(503, 403);
-  if (n.znlprc == 0) n.znlprc = optimizer::znlpdrv(&str, 2, 0, 0, 0);
+  if (n.znlprc == 0) {
+    const auto& procedure = n.proc->statements.front();
+    n.znlprc = optimize(n, procedure.given(50), procedure.given(46));
+  }
+  for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
+  n.optimizer_messages.clear();
   if (n.ithis != nullptr || n.znlprc != 0) tvliter(n, 1000 + n.znlprc);
   if (n.noopt && n.znlprc >= 0) {
     n.znlprc = 1;

@@ -29,7 +29,7 @@ const std::vector<Mistake>& mistakes()
        {"incidenc", "incidence", "line 3"}},
       {"MissingFile", "TORVALE DATA=nowhere;\nPARMS b0=-1;\nMODEL y ~ NORMAL(b0, 1);\nRUN;", 1008, 4, {"nowhere"}},
       {"NoDataOption", "TORVALE;\nPARMS b0=-1;\nMODEL y ~ NORMAL(b0, 1);\nRUN;", 1008, 4, {"DATA="}},
-      {"CharacterResponse", "TORVALE DATA=epil;\nPARMS b0=1;\nMODEL trt ~ NORMAL(b0, 1);\nRUN;", 3000, 3, {"trt", "numeric"}},
+      {"CharacterResponse", "TORVALE DATA=epil;\nPARMS b0=1;\nMODEL trt ~ NORMAL(b0, 1);\nRUN;", 3000, 3, {"trt", "character", "line 3"}},
       {"ParameterTwice", "TORVALE DATA=cbpp;\nPARMS b0=-1\n b0=2;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;", 1012, 3, {"b0", "line 3"}},
       {"ParameterAndEffect",
        "TORVALE DATA=cbpp;\nPARMS b0=-1 u=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=herd;\nRUN;", 3000, 3,
