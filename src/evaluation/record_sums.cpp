@@ -1,5 +1,7 @@
 #include "evaluation/record_sums.h"
 
+#include "evaluation/lane_loops.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -38,10 +40,11 @@ public:
   int add_all()
   {
     int pairs = 0;
-    bool single = true; // one pair a subject, as in the mode search
+    consecutive_ = true;
     for (const PairRun& run : runs_) {
+      std::fill_n(first_row_.data() + pairs, run.pairs, run.rows[0]);
       pairs += run.pairs;
-      single = single && run.pairs == 1;
+      consecutive_ = consecutive_ && run.rows[run.records - 1] - run.rows[0] == run.records - 1;
     }
     if (sequential_) ctx_.frame->reset_state(*what_.program, pairs);
     std::size_t live = runs_.size(); // runs that still have records
@@ -50,7 +53,7 @@ public:
       if (live == 0) break;
       if (lanes_ + pairs > engine::max_lanes)
         if (const int rc = flush(); rc != 0) return rc;
-      add_segment(live, pairs, record, single);
+      add_segment(live, pairs, record);
       if (sequential_)
         if (const int rc = flush(); rc != 0) return rc;
     }
@@ -58,17 +61,13 @@ public:
   }
 
 private:
-  void add_segment(std::size_t live, int pairs, int record, bool single)
+  void add_segment(std::size_t live, int pairs, int record)
   {
     std::int32_t* row = observation_.data() + lanes_;
-    if (single) {
-      for (std::size_t r = 0; r < live; ++r) row[r] = runs_[r].rows[record];
+    if (consecutive_) {
+      shift_rows(row, first_row_.data(), record, pairs);
     } else {
-      for (std::size_t r = 0; r < live; ++r) {
-        const std::int32_t value = runs_[r].rows[record];
-        for (int k = 0; k < runs_[r].pairs; ++k) row[k] = value;
-        row += runs_[r].pairs;
-      }
+      for (std::size_t r = 0; r < live; ++r) row = std::fill_n(row, runs_[r].pairs, runs_[r].rows[record]);
     }
     std::memcpy(point_.data() + lanes_, counting.data(), static_cast<std::size_t>(pairs) * sizeof(std::int32_t));
     segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, pairs, record};
@@ -97,14 +96,14 @@ private:
   {
     for (const int k : what_.outputs) {
       const double* const value = ctx_.frame->output(k);
-      double* __restrict const sum = what_.sums + k * what_.stride;
+      double* const sum = what_.sums + k * what_.stride;
       for (int s = 0; s < segment_count_; ++s) {
         const Segment& g = segments_[static_cast<std::size_t>(s)];
         const double* const from = value + g.lane;
         if (g.record == 0)
           std::memcpy(sum, from, static_cast<std::size_t>(g.pairs) * sizeof(double));
         else
-          for (int j = 0; j < g.pairs; ++j) sum[j] += from[j];
+          add_lanes(sum, from, g.pairs);
       }
     }
   }
@@ -130,6 +129,8 @@ private:
   const bool sequential_;
   int lanes_ = 0;
   int segment_count_ = 0;
+  bool consecutive_ = false; // every subject's records are consecutive rows: those of record k lie k behind the first
+  std::array<std::int32_t, tile_pairs> first_row_;
   std::array<std::int32_t, engine::max_lanes> observation_;
   std::array<std::int32_t, engine::max_lanes> point_;
   std::array<Segment, engine::max_lanes> segments_;

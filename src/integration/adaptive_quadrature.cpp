@@ -66,9 +66,9 @@ void store_mode(NX& n, const BatchWork& b, int slot, std::size_t subject)
   n.ebtrial_known[subject] = 1;
 }
 
-// Closes a subject: value and gradient of its integral into its slot of the run. The constants of the prior, of the rule
-// and of the scale: nr/2 log 2 pi - nr log s + 1/2 log det H.
-void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient)
+// Closes a subject: value and gradient of its integral into its slot of the run. constants: nr/2 log 2 pi - nr log s, of the
+// prior and of the scale of the points; their factor C adds 1/2 log det H.
+void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient, double constants)
 {
   const BatchWork& b = ctx.batch;
   const auto s = static_cast<std::size_t>(slot);
@@ -79,7 +79,7 @@ void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient)
   n.slot_row[subject] = reff.SubInfo[subject].fvalidobs;
   if (status != 0) return;
   const double total = b.total[s];
-  double v = -(std::log(total) + b.peak[s]) + reff.nr * (0.5 * log2pi - std::log(n.qscale * root_two));
+  double v = -(std::log(total) + b.peak[s]) + constants;
   if (n.adscale) v += 0.5 * b.search[s].logdet;
   if (!(total > 0.0) || !(v < model::failure_objective) || !std::isfinite(v)) {
     status = reff.sub_character ? 355 : 354;
@@ -112,7 +112,8 @@ int tvlgaus(NX& n, TVLThreadCtx& ctx, const Batch& batch)
   if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
   if (gradient && n.adaptive)
     if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
-  for (int slot = 0; slot < ctx.batch.slots; ++slot) close_subject(n, ctx, slot, gradient);
+  const double constants = n.reff[0].nr * (0.5 * log2pi - std::log(n.qscale * root_two));
+  for (int slot = 0; slot < ctx.batch.slots; ++slot) close_subject(n, ctx, slot, gradient, constants);
   return 0;
 }
 

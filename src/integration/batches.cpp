@@ -21,8 +21,8 @@ using model::TVLThreadCtx;
 namespace {
 
 // A batch fills a few tiles of the mode search, and there are enough batches for all workers.
-constexpr std::int64_t batch_rows = engine::max_lanes;
-constexpr int batch_slots = 128;
+constexpr std::int64_t batch_rows = 2 * engine::max_lanes;
+constexpr int batch_slots = 256;
 constexpr long batches_per_context = 8;
 
 template <class T> void size(std::vector<T>& v, long count)

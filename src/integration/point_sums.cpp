@@ -2,6 +2,7 @@
 
 #include "integration/evaluation_parts.h"
 
+#include "evaluation/lane_loops.h"
 #include "evaluation/record_sums.h"
 #include "modes/mode_search.h"
 
@@ -19,7 +20,6 @@ using model::TVLThreadCtx;
 namespace {
 
 constexpr int most_pairs = 256;               // pairs of one run, and points of one chunk of a subject
-constexpr double smallest_log = -708.3964185; // exp below is not a normal number: the weight is exactly 0
 
 // Sum of a[i] b[i]: one chain for short vectors, eight interleaved ones beyond; the order depends on the length alone.
 double weighted_sum(const double* a, const double* b, int length)
@@ -134,33 +134,36 @@ private:
     const int rc = evaluation::tvllogl(n_, ctx_, {b_.runs.data(), static_cast<std::size_t>(runs_)},
                                        {&program, outputs, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
-    int at = 0;
-    for (int r = 0; r < runs_; ++r) {
-      const int count = b_.runs[static_cast<std::size_t>(r)].pairs;
-      weigh(b_.run_slot[static_cast<std::size_t>(r)], runs_ == 1 ? run_first_ : 0, at, count);
-      at += count;
-    }
+    double peak[most_pairs];
+    for (int r = 0, at = 0; r < runs_; at += run_pairs(r++)) peak[r] = find_peak(at, run_pairs(r));
+    evaluation::exponentials_of_nonpositive(b_.prior.data(), pairs_);
+    for (int r = 0, at = 0; r < runs_; at += run_pairs(r++))
+      if (peak[r] > model::failed_point)
+        add_chunk(b_.run_slot[static_cast<std::size_t>(r)], runs_ == 1 ? run_first_ : 0, at, run_pairs(r), peak[r]);
     pairs_ = runs_ = 0;
     return 0;
   }
 
-  // Turns the sums of pairs at..at+count-1 into weights relative to the chunk's peak, and adds them to the slot.
-  void weigh(int slot, long first, int at, int count)
+  int run_pairs(int r) const { return b_.runs[static_cast<std::size_t>(r)].pairs; }
+
+  // Turns the prior terms of pairs at..at+count-1 into log integrands relative to the largest, which is returned.
+  double find_peak(int at, int count)
   {
     double* const e = b_.prior.data() + at;
     const double* const ll = b_.point_sums.data() + at;
     double peak = model::failed_point;
     for (int q = 0; q < count; ++q) {
       e[q] = ll[q] > model::impossible_loglik ? e[q] + ll[q] : model::failed_point;
-      peak = std::fmax(peak, e[q]);
+      peak = e[q] > peak ? e[q] : peak;
     }
-    if (!(peak > model::failed_point)) return;
-    bool dropped = false;
-    for (int q = 0; q < count; ++q) {
-      const double below = e[q] - peak;
-      e[q] = below >= smallest_log ? std::exp(below) : 0.0;
-      dropped = dropped || !(e[q] > 0.0);
-    }
+    for (int q = 0; q < count; ++q) e[q] -= peak;
+    return peak;
+  }
+
+  // Adds the weights of one chunk, relative to its peak, to its slot.
+  void add_chunk(int slot, long first, int at, int count, double peak)
+  {
+    const double* const e = b_.prior.data() + at;
     const auto s = static_cast<std::size_t>(slot);
     // The chunk and what the slot has so far, on the scale of the larger peak.
     const double old_peak = b_.peak[s];
@@ -169,7 +172,11 @@ private:
     const double take = fresh || peak >= old_peak ? 1.0 : std::exp(peak - old_peak);
     b_.peak[s] = fresh || peak > old_peak ? peak : old_peak;
     double total = 0.0;
-    for (int q = 0; q < count; ++q) total += e[q];
+    bool dropped = false;
+    for (int q = 0; q < count; ++q) {
+      total += e[q];
+      dropped = dropped || !(e[q] > 0.0);
+    }
     merge(b_.total[s], fresh, keep, take, total);
     if (gradient_) add_moments(slot, first, at, count, dropped, fresh, keep, take);
   }

@@ -4,8 +4,6 @@
 #include "matrix/packed.h"
 #include "matrix/sweep.h"
 
-#include <limits>
-
 namespace torvale::modes {
 
 using model::BlockWork;
@@ -29,26 +27,22 @@ void clear_row(double* a, int i, int dim)
   for (int k = 0; k < dim; ++k) a[matrix::packed_index(i, k)] = 0.0;
 }
 
-// Sweeps the leading nr pivots of the bordered matrix a. Returns the log determinant of the inverse; the missing value at
-// a refused pivot, unless such pivots are to be cleared.
-double sweep_all(const model::RunOptions& options, int nr, double* a, BlockWork& block, bool clear_refused)
+// Sweeps the leading nr pivots of the bordered matrix a. Returns 0; 1 at a refused pivot, unless such pivots are to be cleared.
+int sweep_all(const model::RunOptions& options, int nr, double* a, double* pivots, BlockWork& block, bool clear_refused)
 {
   const int dim = nr + 1;
-  double logdet = 0.0;
   for (int i = 0; i < nr; ++i) block.work2[static_cast<std::size_t>(i)] = std::abs(a[matrix::packed_diagonal(i)]);
   std::fill_n(block.dfr.begin(), dim, '0');
   for (int i = 0; i < nr; ++i) {
     const double own = block.work2[static_cast<std::size_t>(i)];
-    const double v = a[matrix::packed_diagonal(i)];
+    pivots[i] = a[matrix::packed_diagonal(i)];
     const double sing = own > pivot_floor ? options.singsweep * own : options.singsweep;
-    if (matrix::zsweep(sing, a, i, dim, block.dfr.data(), block.work1.data()) == 0)
-      logdet -= std::log(std::abs(v));
-    else if (clear_refused)
-      clear_row(a, i, dim);
-    else
-      return host::missing;
+    if (matrix::zsweep(sing, a, i, dim, block.dfr.data(), block.work1.data()) == 0) continue;
+    if (!clear_refused) return 1;
+    clear_row(a, i, dim);
+    pivots[i] = 1.0;
   }
-  return logdet;
+  return 0;
 }
 
 } // namespace
@@ -93,7 +87,7 @@ double ridgmat(double* mat, int n, double eps, double* work)
   return ridge;
 }
 
-double invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, BlockWork& block)
+int invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, double* pivots, BlockWork& block)
 {
   const long size = matrix::packed_size(nr);
   double* const a = block.hessumat.data();
@@ -103,17 +97,16 @@ double invert_by_sweeps(const model::RunOptions& options, int nr, double* h, dou
     a[size + nr] = 0.0;
   };
   border(h);
-  double logdet = sweep_all(options, nr, a, block, false);
-  if (std::isnan(logdet)) {
+  if (sweep_all(options, nr, a, pivots, block, false) != 0) {
     double* const repaired = block.hessumat0.data();
     std::copy_n(h, size, repaired);
-    if (std::isnan(ridgmat(repaired, nr, ridge_start, block.work3.data()))) return host::missing;
+    if (std::isnan(ridgmat(repaired, nr, ridge_start, block.work3.data()))) return 1;
     border(repaired);
-    logdet = sweep_all(options, nr, a, block, true);
+    sweep_all(options, nr, a, pivots, block, true);
   }
   std::copy_n(a, size, h);
   std::copy_n(a + size, nr, g);
-  return logdet;
+  return 0;
 }
 
 } // namespace torvale::modes

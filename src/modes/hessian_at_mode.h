@@ -26,29 +26,33 @@ double ridgmat(double* mat, int n, double eps, double* work);
 // it is positive definite, else 1. (cho Cholesky, dec decomposition, t tridiagonal.)
 int chodect2(int n, const double* d, const double* e, double bound);
 
-// InvertHessian, any order. With the order nr of the block:
-//   h     in/out  packed Hessian; on return its inverse
-//   g     in/out  gradient; on return the Newton step H^-1 g
-//   block scratch: hessumat, hessumat0, dfr, work1, work2
-// Returns the log determinant of the inverse, or the missing value when a repair failed.
-double invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, model::BlockWork& block);
+// InvertHessian: inverse and Newton step.
+//   h      in/out  packed Hessian of order nr; on return its inverse
+//   g      in/out  gradient; on return the Newton step H^-1 g
+//   pivots out     nr: their product is det H; a pivot of a repaired matrix that still fails counts as 1
+//   block  scratch hessumat, hessumat0, dfr, work1, work2, work3
+// Returns 0; 1 when a repair failed (h and g are then unchanged).
+int invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, double* pivots, model::BlockWork& block);
 
 // The same; orders 1 and 2 without pivot trouble in closed form. NR 0: the order is nr.
 template <int NR>
-double InvertHessian(const model::RunOptions& options, int nr, double* h, double* g, model::BlockWork& block)
+int InvertHessian(const model::RunOptions& options, int nr, double* h, double* g, double* pivots, model::BlockWork& block)
 {
   if constexpr (NR == 1) {
     const double v = h[0];
     if (v > pivot_floor && v < 1.0 / pivot_floor) {
+      pivots[0] = v;
       h[0] = 1.0 / v;
       g[0] *= h[0];
-      return -std::log(v);
+      return 0;
     }
   }
   if constexpr (NR == 2) {
     const double a = h[0], b = h[1], c = h[2];
     const double ratio = b / a, pivot = c - ratio * b;
     if (a > pivot_floor && c > pivot_floor && pivot > options.singsweep * c && a < 1e150 && c < 1e150) {
+      pivots[0] = a;
+      pivots[1] = pivot;
       const double i22 = 1.0 / pivot, i21 = -ratio * i22, i11 = 1.0 / a - ratio * i21;
       h[0] = i11;
       h[1] = i21;
@@ -56,10 +60,18 @@ double InvertHessian(const model::RunOptions& options, int nr, double* h, double
       const double g0 = g[0], g1 = g[1];
       g[0] = i11 * g0 + i21 * g1;
       g[1] = i21 * g0 + i22 * g1;
-      return -std::log(a * pivot);
+      return 0;
     }
   }
-  return invert_by_sweeps(options, nr, h, g, block);
+  return invert_by_sweeps(options, nr, h, g, pivots, block);
+}
+
+// log det H from the pivots.
+inline double log_determinant(int nr, const double* pivots)
+{
+  double sum = 0.0;
+  for (int i = 0; i < nr; ++i) sum += std::log(std::abs(pivots[i]));
+  return sum;
 }
 
 } // namespace torvale::modes

@@ -90,11 +90,11 @@ bool library_search(const NX& n, TVLThreadCtx& ctx, int slot)
   JointDensity<0> at(nr);
   at.read(b, 0, z, b.factor.data() + static_cast<long>(prior_of(n, slot)) * (nr * (nr + 1) / 2));
   if (!(at.f < model::failure_objective)) return false;
-  const double logdet = InvertHessian<0>(n, nr, at.hessian, at.gradient, ctx.block);
-  if (!std::isfinite(logdet)) return false;
+  double pivots[most_effects];
+  if (InvertHessian<0>(n, nr, at.hessian, at.gradient, pivots, ctx.block) != 0) return false;
   ModeSearch& s = b.search[static_cast<std::size_t>(slot)];
   s.state = ModeSearch::found;
-  s.logdet = -logdet;
+  s.logdet = log_determinant(nr, pivots);
   s.failure = 0;
   keep_curvature<0>(b, nr, slot, 0, at.hessian);
   return true;

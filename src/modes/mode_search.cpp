@@ -19,8 +19,9 @@ namespace {
 
 // Halvings that follow when the sub-steps are used up: 20 of 0.8 shrink a step to a hundredth only.
 constexpr int halvings = 50;
-// The noise floor of a search, in posterior standard deviations: below it a step that no longer shrinks is rounding.
-constexpr double noise_floor = 1e-6, noise_ratio = 0.1;
+// The noise floor of a search, in posterior variances: below it a step that no longer shrinks tenfold (a hundredfold as
+// a square) is rounding.
+constexpr double noise_floor = 1e-12, noise_ratio = 0.01;
 constexpr double largest = std::numeric_limits<double>::max();
 
 template <int NR> class LockstepSearch {
@@ -149,23 +150,24 @@ private:
     ModeSearch& s = search(slot);
     double* const inverse = at.hessian;
     double* const step = at.gradient;
-    const double logdet = InvertHessian<NR>(n_, nr(), inverse, step, ctx_.block);
-    if (!std::isfinite(logdet)) return give_up(slot);
+    double pivots[static_cast<std::size_t>(JointDensity<NR>::capacity)];
+    if (InvertHessian<NR>(n_, nr(), inverse, step, pivots, ctx_.block) != 0) return give_up(slot);
 
-    double step_u = 0.0, step_sd = 0.0; // largest component in u, and in posterior standard deviations of z
+    // Largest component of the step in u, and its largest square in posterior variances of z.
+    double step_u = 0.0, step_sd = 0.0;
     const double* l = factor(slot);
     for (int i = 0; i < nr(); ++i) {
       double du = 0.0;
       for (int k = 0; k <= i; ++k) du += l[k] * step[k];
       l += i + 1;
       if (!(std::abs(du) <= step_u)) step_u = std::abs(du);
-      const double sd = std::abs(step[i]) / std::sqrt(std::abs(inverse[i * (i + 3) / 2]));
+      const double sd = step[i] * step[i] / std::abs(inverse[i * (i + 3) / 2]);
       if (!(sd <= step_sd)) step_sd = sd;
     }
     if (!(step_sd < largest)) return give_up(slot);
     if (step_u < n_.ebtol || (step_sd < noise_floor && step_sd > noise_ratio * s.previous)) {
       s.state = ModeSearch::found;
-      s.logdet = -logdet;
+      s.logdet = log_determinant(nr(), pivots);
       keep_curvature<NR>(b_, nr(), slot, a, inverse);
       return;
     }
