@@ -100,8 +100,8 @@ void Builder::expand_numbered(const Value& item, std::vector<Name>& out)
                         from.length);
   };
   if (first.empty() || last.empty())
-    return refuse("both names must end in a number, as in x1-x5. (A difference cannot stand in a list of names.)");
-  if (!same_name(stem, other)) return refuse("both names must be alike up to the number, as in x1-x5.");
+    return refuse("both names must end in a number, as in x1-x5. A difference cannot stand in a list of names.");
+  if (!same_name(stem, other)) return refuse("both names must be alike up to the number, as in x1-x5. A difference cannot stand in a list of names.");
   long a = 0, b = 0;
   if (first.size() > 9 || last.size() > 9) return refuse("the numbers are too large.");
   std::from_chars(first.data(), first.data() + first.size(), a);

@@ -6,35 +6,6 @@ namespace torvale::language {
 
 namespace {
 
-constexpr ProblemEntry all_problems[] = {
-  {Problem::syntax, Severity::error, "A word or mark stands where the language has no use for it.",
-   "Look at the place of the caret and just before it: a missing semicolon, comma, operator or bracket is the usual cause."},
-  {Problem::unclosed_comment, Severity::error, "A comment /* is not closed by */.", "Add */ where the comment ends."},
-  {Problem::unclosed_quote, Severity::error, "A quoted text is not closed on its line.", "Add the closing quote; a quote inside a text is doubled."},
-  {Problem::unknown_character, Severity::error, "A character that the language does not use.", "Remove it, or put the text into quotes."},
-  {Problem::out_of_range, Severity::error, "The number of an option is outside its range.", "Give a number within the range that the message names."},
-  {Problem::not_whole, Severity::error, "An option that counts was given a fraction.", "Give a whole number."},
-  {Problem::name_too_long, Severity::error, "A name has more than 32 characters.", "Shorten it: it is not cut, since two names could become one."},
-  {Problem::given_twice, Severity::warning, "An option or statement is given twice.", "Remove one; spellings of one option count as the same."},
-  {Problem::before_first_step, Severity::error, "A statement stands before the first TORVALE statement.", "Begin the step with TORVALE DATA=...;"},
-  {Problem::bad_list, Severity::error, "A list of names or values cannot be resolved.", "Name the members one by one, or correct the ends of the range."},
-  {Problem::unknown_label, Severity::error, "A jump has no target, or a label is used twice.", "Labels are names followed by a colon at a statement's start."},
-  {Problem::bad_literal, Severity::error, "A literal is no date, time or number.", "Write '31jan2024'd, '13:30't, '31jan2024:13:30:00'dt."},
-  {Problem::macro_fault, Severity::error, "A macro definition, call or loop is malformed.", "See the macro section of the language guide."},
-  {Problem::include_fault, Severity::error, "A file named by INCLUDE cannot be read.", "Paths are relative to the program's folder."},
-  {Problem::misplaced_statement, Severity::error, "A statement stands where it cannot.", "Procedure statements stand at the top level of the step."},
-  {Problem::missing_part, Severity::error, "A required option or part is absent.", "Add what the message names."},
-  {Problem::bad_sequence, Severity::error, "A sequence n TO m BY k is empty or never ends.", "The sign of BY must lead from the first number to the last."},
-  {Problem::not_available, Severity::error, "A statement of the language that this procedure does not offer.", "The message names what to use instead."},
-  {Problem::without_effect, Severity::warning, "A statement or option that is accepted and does nothing.", "Remove it, so that readers are not misled."},
-  {Problem::ambiguous_reading, Severity::warning, "A text that people often mean otherwise than it is read.", "Add parentheses or use the word form of the operator."},
-  {Problem::bad_array, Severity::error, "An array is declared or used wrongly.", "ARRAY name[size] elements; subscripts in brackets of one kind."},
-  {Problem::too_many_errors, Severity::error, "The step has more than 100 errors; the rest is not read.", "Correct the first ones: they may be the cause of the others."},
-  {Problem::bad_subprogram, Severity::error, "A subprogram is defined wrongly.", "FUNCTION name(arguments); ... RETURN (value); ENDSUB;"},
-  {Problem::ends_early, Severity::error, "A name ends before it is complete.", "A data set is called name, library.name or 'path'."},
-  {Problem::too_deep, Severity::error, "Texts, statements or expressions are nested too deeply.", "Split them."},
-};
-
 std::string_view severity_word(Severity s)
 {
   return s == Severity::error ? "ERROR" : s == Severity::warning ? "WARNING" : "NOTE";
@@ -46,8 +17,6 @@ std::size_t characters(std::string_view s) // of UTF-8
 }
 
 } // namespace
-
-std::span<const ProblemEntry> problems() { return all_problems; }
 
 Diagnostic& Diagnostics::add(Severity severity, Problem problem, syntax::Position where, std::string text, std::int32_t length)
 {

@@ -3,7 +3,7 @@
 
 #include "syntax/source.h"
 
-#include <span>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,14 +41,7 @@ enum class Problem : std::int16_t {
   too_deep = 25,
 };
 
-// One entry of group 100 for "torvale explain": what the message means and what to try.
-struct ProblemEntry {
-  Problem problem;
-  Severity severity;
-  std::string_view meaning;
-  std::string_view advice;
-};
-std::span<const ProblemEntry> problems();
+// What each number means stands in the host's catalogue, group 100, for "torvale explain".
 constexpr int message_group = 100;
 
 struct Diagnostic {

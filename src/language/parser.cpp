@@ -43,6 +43,8 @@ struct Parser::Implementation {
   Cursor begin;                         // where the token in work begins
   Cursor suspect_at;                    // where a statement word was taken for a name at a line's start
   Token suspect;
+  bool suspect_is_assignment = false;   // any name at a line's start of PARMS: suspect only if what is given to it is no number
+  bool quiet = false;                   // what goes wrong in this statement follows from a mistake already reported
 
   explicit Implementation(ParseRequest r)
     : request(std::move(r)), stream(*request.sources, diagnostics, request.read_file),
@@ -120,6 +122,7 @@ struct Parser::Implementation {
     if (token.symbol == semicolon) {
       suspect = {};
       statement_tokens = 0;
+      quiet = false;
     }
     settle();
   }
@@ -134,7 +137,13 @@ struct Parser::Implementation {
   }
 
   // Mistakes that have a name of their own, and how to read on from them.
-  enum class Recovery { repair, leave_out, give_up };
+  enum class Recovery {
+    repair,         // look for the cheapest one
+    leave_out,      // the wrong token
+    leave_out_option, // the wrong word, and the value given to it
+    as_number,      // put a number in its place
+    give_up,        // leave out the statement
+  };
   struct Hint {
     std::string text;
     Recovery recovery = Recovery::repair;
@@ -150,7 +159,16 @@ struct Parser::Implementation {
     const syntax::STMT* statement = builder_statement();
     const std::string name = statement ? statement->name : std::string();
     const bool number = wrong.symbol == token_class::INT || wrong.symbol == token_class::NBR;
+    const bool word = !wrong.text.empty() && name_start(wrong.text[0]) && wrong.symbol != token_class::ENDJB && wrong.symbol != token_class::QS;
+    const std::string shown = "'" + std::string(wrong.text.substr(0, 40)) + "'";
+    if (statement && word && name.rfind("PAR", 0) != 0 && last.text == "=" && parse->accepts(token_class::INT) && !parse->accepts(token_class::NAMEX))
+      return {"A number is needed here, not " + shown + ".", Recovery::as_number};
+    if (statement && wrong.symbol == token_class::NAMEX && wrong.where.line == last.where.line && repair.takes_options(*parse) && repair.nearest_keyword(*parse, wrong.text) == 0)
+      return {shown + " is no option of " + name + ".", Recovery::leave_out_option};
+    if (name == "RANDOM" && wrong.text == "(" && last.symbol == token_class::NAMEX && scanner.spellings().word(upper_case(last.text)) != 0)
+      return {"'~' is missing before " + upper_case(last.text) + ".", Recovery::give_up};
     if (name.rfind("PARM", 0) == 0 || name.rfind("PARAM", 0) == 0) {
+      if (word && last.text == "=") return {"A value of PARMS is a number, not an expression.", Recovery::give_up};
       if (last.text == "/" && number) return {"A value of PARMS is a number: '/' begins the options. Write the quotient as a number.", Recovery::give_up};
       if (wrong.text == "(" || wrong.text == "*" || wrong.text == "+") return {"A value of PARMS is a number, not an expression.", Recovery::give_up};
     }
@@ -183,25 +201,41 @@ struct Parser::Implementation {
   void handle_error(const Token& wrong)
   {
     if (too_many()) return;
-    if (suspect.symbol != 0) return restart_at_suspect();
+    if (quiet) return give_up_statement(wrong); // an unclosed quote or a strange character has been reported: what follows from it is not
+    if (suspect.symbol != 0 && (!suspect_is_assignment || last.text == "=")) return restart_at_suspect();
     if (statement_tokens == 1 && last.symbol == token_class::NAMEX && misspelled_statement()) return;
     const Hint hint = special_hint(wrong);
     std::optional<RepairPlan> plan;
     if (hint.recovery == Recovery::leave_out) plan = RepairPlan{0, 1, {}, {}};
+    if (hint.recovery == Recovery::leave_out_option) plan = RepairPlan{0, option_length(), {}, {}};
+    if (hint.recovery == Recovery::as_number) plan = RepairPlan{0, 1, {token_class::INT}, {}};
     if (hint.recovery == Recovery::repair) plan = repair.find(*parse, begin, wrong);
-    Diagnostic& d = diagnostics->error(Problem::syntax, wrong.where, hint.text, std::max<std::int32_t>(1, wrong.length));
-    d.found = found_text(wrong);
+    const bool first_word = hint.text.find(" begins no statement") != std::string::npos;
+    const Token& place = first_word ? last : wrong;
+    Diagnostic& d = diagnostics->error(Problem::syntax, place.where, hint.text, std::max<std::int32_t>(1, place.length));
+    d.found = found_text(place);
     if (!plan) {
       if (hint.text.empty()) {
         d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found : d.found + " cannot stand here") + ".";
         d.expected = repair.expected(*parse);
       }
-      if (wrong.symbol > control.classes || wrong.symbol == token_class::NAMEX)
+      if (hint.text.empty() && (wrong.symbol > control.classes || wrong.symbol == token_class::NAMEX))
         if (const int near = repair.nearest_keyword(*parse, wrong.text)) d.suggestion = repair.shown(near);
       return give_up_statement(wrong);
     }
     describe_repair(d, *plan);
     carry_out(*plan);
+  }
+
+  // Tokens of an unknown option at the wrong word: the word alone, or word, '=' and value.
+  int option_length()
+  {
+    Cursor c = begin;
+    scanner.next_copy(*parse, c);
+    const Token equals = scanner.next_copy(*parse, c);
+    if (equals.symbol == 0 || equals.text != "=") return 1;
+    const Token value = scanner.next_copy(*parse, c);
+    return value.symbol == 0 || value.symbol == semicolon ? 2 : 3;
   }
 
   // The statement's first word is a name, and what follows fits no assignment: a misspelled keyword?
@@ -275,7 +309,7 @@ struct Parser::Implementation {
   // that word is missing. Reads on from the word.
   void restart_at_suspect()
   {
-    const std::string word = upper_case(suspect.text);
+    const std::string word = suspect_is_assignment ? std::string(suspect.text) : upper_case(suspect.text);
     diagnostics->error(Problem::syntax, suspect.where, "A semicolon is missing before " + word + ".", suspect.length).found = found_text(suspect);
     Diagnostic& d = diagnostics->list().back();
     d.repair = "the statement was ended before " + word;
@@ -334,6 +368,7 @@ struct Parser::Implementation {
     values.push_back(v);
     suspect = {};
     statement_tokens = 0;
+    quiet = false;
     last.symbol = semicolon;
     settle();
   }
@@ -386,10 +421,15 @@ struct Parser::Implementation {
 
   void read_token()
   {
+    const int errors_before = diagnostics->errors();
     const Token token = scanner.next(*parse);
     begin = stream.cursor();
     begin.back().at = token.begin;
-    if (token.symbol == token_class::unknown_character) return; // reported by the scanner
+    if (token.symbol == token_class::unknown_character) { // reported by the scanner
+      quiet = true;
+      return;
+    }
+    if (token.symbol == token_class::QS && diagnostics->errors() > errors_before) quiet = true;
     if (token.symbol == token_class::NAMEX || token.symbol == token_class::VLITERAL || token.symbol == token_class::COMPOUND) check_name(token);
     if (values.size() > deepest_stack) {
       diagnostics->error(Problem::too_deep, token.where, "Statements or expressions are nested too deeply here: split them.");
@@ -397,12 +437,20 @@ struct Parser::Implementation {
       return;
     }
     if (!parse->accepts(token.symbol)) return handle_error(token);
-    if (token.symbol == token_class::NAMEX && suspect.symbol == 0 && token.where.line > last.where.line && last.symbol != semicolon &&
-        begins_procedure_statement(upper_case(token.text))) {
-      suspect = token;
-      suspect_at = begin;
-    }
+    note_suspect(token);
     shift(token);
+  }
+
+  void note_suspect(const Token& token)
+  {
+    if (token.symbol != token_class::NAMEX || statement_tokens == 0 || token.where.line <= last.where.line) return;
+    if (suspect.symbol != 0 && !suspect_is_assignment) return;
+    const bool statement_word = begins_procedure_statement(upper_case(token.text));
+    const syntax::STMT* statement = builder_statement();
+    if (!statement_word && !(statement && statement->name.rfind("PAR", 0) == 0)) return;
+    suspect = token;
+    suspect_at = begin;
+    suspect_is_assignment = !statement_word;
   }
 
   void check_name(const Token& token)
@@ -425,6 +473,7 @@ struct Parser::Implementation {
       values.assign(1, Value{});
       last = {};
       statement_tokens = 0;
+      quiet = false;
       suspect = {};
       builder.begin(result.proc);
       settle();

@@ -83,6 +83,14 @@ bool Repair::takes_operand(const LrMachine& parse) const
          parse.accepts(scanner_.spellings().mark("("));
 }
 
+bool Repair::takes_options(const LrMachine& parse) const
+{
+  if (parse.accepts(token_class::NAMEX) || takes_operator(parse) || !parse.accepts(scanner_.spellings().mark(";"))) return false;
+  for (const OptionRow& row : option_rows())
+    if (const int t = scanner_.spellings().word(row.words[0]); t != 0 && parse.accepts(t)) return true;
+  return false;
+}
+
 std::vector<std::string> Repair::expected(const LrMachine& parse, std::size_t most) const
 {
   const auto can = [&](std::string_view mark) { return parse.accepts(scanner_.spellings().mark(mark)); };

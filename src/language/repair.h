@@ -29,6 +29,8 @@ public:
   // Where an operator, or an operand, can stand: so that messages need not name one of the many.
   bool takes_operator(const LrMachine& parse) const;
   bool takes_operand(const LrMachine& parse) const;
+  // Where an option's word can stand, and no name.
+  bool takes_options(const LrMachine& parse) const;
   // The keyword nearest to a misspelled word among those that could stand here; 0 none.
   int nearest_keyword(const LrMachine& parse, std::string_view word) const;
   // The keyword that a statement's first word was meant to be, with what follows it at `next`; 0 none.

@@ -4,6 +4,7 @@
 #include "host/missing.h"
 
 #include <cmath>
+#include <utility>
 
 namespace torvale::language {
 
@@ -277,6 +278,19 @@ Token Scanner::quoted(const LrMachine& parse, Cursor& cursor, bool report)
   return token;
 }
 
+namespace {
+// What to type for the typographic characters that word processors put into programs.
+std::string_view plain_character(std::string_view c)
+{
+  static constexpr std::pair<std::string_view, std::string_view> table[] = {
+    {"\u2212", "-"}, {"\u2013", "-"}, {"\u2014", "-"}, {"\u2018", "'"}, {"\u2019", "'"}, {"\u201c", "\""}, {"\u201d", "\""},
+    {"\u00d7", "*"}, {"\u2264", "<="}, {"\u2265", ">="}, {"\u2260", "^="}, {"\u00a0", "a blank"}};
+  for (const auto& [from, to] : table)
+    if (c == from) return to;
+  return {};
+}
+} // namespace
+
 // The longest operator that the parse can use here; when it can use none, the longest there is.
 Token Scanner::mark(const LrMachine& parse, Cursor& cursor, bool report)
 {
@@ -299,7 +313,9 @@ Token Scanner::mark(const LrMachine& parse, Cursor& cursor, bool report)
   if (report) {
     const unsigned char c = static_cast<unsigned char>(text[at]);
     const std::string shown = c < 32 || c == 127 ? "with code " + std::to_string(c) : "'" + std::string(token.text) + "'";
-    diagnostics_->error(Problem::unknown_character, token.where, "The character " + shown + " has no meaning here.");
+    const std::string_view plain = plain_character(token.text);
+    diagnostics_->error(Problem::unknown_character, token.where,
+                        "The character " + shown + " has no meaning here" + (plain.empty() ? "." : ": write " + std::string(plain) + " instead."));
   }
   return token;
 }
