@@ -1,10 +1,12 @@
 #pragma once
-// Elementary functions on one vector of lanes: SLEEF, with every value outside the domain made missing.
+// Elementary functions on one vector of lanes: SLEEF (the natural logarithm our own), with every value outside the domain
+// made missing.
 //
 // Each is within 1 ulp (erfc 1.5) over the domain given; forms of our own give theirs. Infinities pass where the limit
 // exists.
 
 #include "engine/kernels/lane_arithmetic.h"
+#include "engine/kernels/lane_logarithm.h"
 
 namespace torvale::engine {
 namespace {
@@ -12,18 +14,18 @@ namespace lane {
 
 inline Lanes exp(Lanes a) { return elementary::exp(a); }     // all doubles; infinity above 709.78
 inline Lanes expm1(Lanes a) { return elementary::expm1(a); } // all doubles
-inline Lanes log(Lanes a) { return unless(a == Lanes{}, elementary::log(a)); }          // a > 0
+inline Lanes log(Lanes a) { return unless(a == Lanes{}, natural_log(a)); }              // a > 0
 inline Lanes log2(Lanes a) { return unless(a == Lanes{}, elementary::log2(a)); }        // a > 0
 inline Lanes log10(Lanes a) { return unless(a == Lanes{}, elementary::log10(a)); }      // a > 0
-inline Lanes log1p(Lanes a) { return unless(a == all(-1.0), elementary::log1p(a)); }    // a > -1
-inline Lanes log_or_zero(Lanes a) { return if_else(a == Lanes{}, a, elementary::log(a)); }
-inline Lanes log_or_minus_infinity(Lanes a) { return elementary::log(a); }              // a >= 0
+inline Lanes log1p(Lanes a) { return unless(a == all(-1.0), natural_log1p(a)); }        // a > -1
+inline Lanes log_or_zero(Lanes a) { return if_else(a == Lanes{}, a, natural_log(a)); }
+inline Lanes log_or_minus_infinity(Lanes a) { return natural_log(a); }                  // a >= 0
 // log(1 - exp(a)), a <= 0, 2 ulp: below log(1/2) exp(a) is the small part, above it 1 - exp(a) is.
 inline Lanes log_one_minus_exp(Lanes a)
 {
   const Mask low = a < all(-0.69314718055994531);
-  const Lanes far = elementary::log1p(if_else(low, -elementary::exp(a), Lanes{}));
-  return if_else(low, far, elementary::log(-elementary::expm1(a)));
+  const Lanes far = natural_log1p(if_else(low, -elementary::exp(a), Lanes{}));
+  return if_else(low, far, natural_log(-elementary::expm1(a)));
 }
 inline Lanes sin(Lanes a) { return elementary::sin(a); }     // finite a
 inline Lanes cos(Lanes a) { return elementary::cos(a); }     // finite a
@@ -51,7 +53,7 @@ inline Lanes logistic(Lanes a)
 // log(1 + exp(a)), all doubles, 3 ulp.
 inline Lanes softplus(Lanes a)
 {
-  return if_else(a > Lanes{}, a, Lanes{}) + elementary::log1p(elementary::exp(-magnitude(a)));
+  return if_else(a > Lanes{}, a, Lanes{}) + natural_log1p(elementary::exp(-magnitude(a)));
 }
 
 // log(a / (1 - a)), 0 < a < 1, 4 ulp. About the root at 1/2, where 2a - 1 is exact, through log1p.
@@ -59,8 +61,8 @@ inline Lanes logit(Lanes a)
 {
   const Lanes complement = all(1.0) - a;
   const Mask central = (a > all(0.25)) & (a < all(0.75));
-  const Lanes far = elementary::log(if_else(central, all(1.0), a / complement));
-  const Lanes near = elementary::log1p(if_else(central, (a + a - all(1.0)) / complement, Lanes{}));
+  const Lanes far = natural_log(if_else(central, all(1.0), a / complement));
+  const Lanes near = natural_log1p(if_else(central, (a + a - all(1.0)) / complement, Lanes{}));
   return unless(~((a > Lanes{}) & (a < all(1.0))), if_else(central, near, far));
 }
 
@@ -68,7 +70,7 @@ inline Lanes logit(Lanes a)
 inline Lanes log_add_exp(Lanes a, Lanes b)
 {
   const Lanes distance = if_else(a == b, Lanes{}, magnitude(a - b));
-  return if_else(a > b, a, b) + elementary::log1p(elementary::exp(-distance));
+  return if_else(a > b, a, b) + natural_log1p(elementary::exp(-distance));
 }
 
 } // namespace lane

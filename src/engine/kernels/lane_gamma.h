@@ -42,7 +42,7 @@ inline Lanes lgamma_positive(Lanes x)
     for (int j = 1; j <= 6; ++j) product = if_else(k >= all(j + 2.0), product * (x - all(j)), product);
     argument = if_else(large, x, product);
   }
-  const Lanes l = elementary::log(argument);
+  const Lanes l = natural_log(argument);
   Lanes r = l;
   if (some_small) {
     const Lanes t = if_else(large, Lanes{}, x - k);
@@ -63,7 +63,7 @@ inline Lanes lgamma(Lanes a)
   Lanes r = lgamma_positive(if_else(negative, all(1.0) - a, a));
   if (any(negative)) {
     const Lanes s = magnitude(elementary::sinpi(a));
-    r = if_else(negative, elementary::log(all(circle_constant) / s) - r, r);
+    r = if_else(negative, natural_log(all(circle_constant) / s) - r, r);
   }
   return unless(is_pole(a) | is_nan(a), r);
 }
@@ -96,7 +96,7 @@ inline Lanes digamma_positive(Lanes x)
     denominator = if_else(below, denominator * x, denominator);
     x = if_else(below, x + all(1.0), x);
   }
-  return elementary::log(x) - digamma_gap(x) - numerator / denominator;
+  return natural_log(x) - digamma_gap(x) - numerator / denominator;
 }
 
 // The derivative of order N of pi cot(pi x), from c = cot(pi x) and c' = -pi (1 + c^2).
@@ -172,7 +172,7 @@ inline Lanes lgamma_ratio(Lanes a, Lanes b)
   if (any(large)) {
     const Lanes w = all(1.0) / top, v = all(1.0) / a;
     const Lanes tails = w * polynomial(stirling, w * w) - v * polynomial(stirling, v * v);
-    const Lanes stable = (a - all(0.5)) * elementary::log1p(b * v) + (b * (elementary::log(top) - all(1.0)) + tails);
+    const Lanes stable = (a - all(0.5)) * natural_log1p(b * v) + (b * (natural_log(top) - all(1.0)) + tails);
     r = if_else(large, stable, r);
   }
   return unless(~((a > Lanes{}) & (top > Lanes{})), r);
@@ -204,7 +204,7 @@ inline Lanes digamma_ratio(Lanes a, Lanes b)
   if (any(large)) {
     const Lanes w = all(1.0) / top, v = all(1.0) / a, w2 = w * w, v2 = v * v;
     const Lanes tails = w2 * polynomial(digamma_series, w2) - v2 * polynomial(digamma_series, v2);
-    r = if_else(large, elementary::log1p(b * v) + (all(0.5) * b * w * v - tails), r);
+    r = if_else(large, natural_log1p(b * v) + (all(0.5) * b * w * v - tails), r);
   }
   return unless(~((a > Lanes{}) & (top > Lanes{})), r);
 }

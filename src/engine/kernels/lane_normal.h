@@ -53,8 +53,8 @@ inline Lanes normal_log_cdf(Lanes x)
 {
   const Mask upper = x > Lanes{};
   const Lanes u = magnitude(x), m = mills_ratio(u);
-  const Lanes lower = elementary::log(m) - all(log_sqrt_2pi) - all(0.5) * u * u;
-  return any(upper) ? if_else(upper, elementary::log1p(-normal_pdf(u) * m), lower) : lower;
+  const Lanes lower = natural_log(m) - all(log_sqrt_2pi) - all(0.5) * u * u;
+  return any(upper) ? if_else(upper, natural_log1p(-normal_pdf(u) * m), lower) : lower;
 }
 
 // Density over distribution function, all doubles, 8 ulp.

@@ -20,8 +20,6 @@ inline bool any(Mask m) { return _mm256_movemask_pd(reinterpret_cast<__m256d>(m)
 namespace elementary {
 inline Lanes exp(Lanes x) { return Sleef_finz_expd4_u10avx2(x); }
 inline Lanes expm1(Lanes x) { return Sleef_finz_expm1d4_u10avx2(x); }
-inline Lanes log(Lanes x) { return Sleef_finz_logd4_u10avx2(x); }
-inline Lanes log1p(Lanes x) { return Sleef_finz_log1pd4_u10avx2(x); }
 inline Lanes log2(Lanes x) { return Sleef_finz_log2d4_u10avx2(x); }
 inline Lanes log10(Lanes x) { return Sleef_finz_log10d4_u10avx2(x); }
 inline Lanes sin(Lanes x) { return Sleef_finz_sind4_u10avx2(x); }

@@ -21,8 +21,6 @@ inline bool any(Mask m) { return _mm512_movepi64_mask(reinterpret_cast<__m512i>(
 namespace elementary {
 inline Lanes exp(Lanes x) { return Sleef_finz_expd8_u10avx512f(x); }
 inline Lanes expm1(Lanes x) { return Sleef_finz_expm1d8_u10avx512f(x); }
-inline Lanes log(Lanes x) { return Sleef_finz_logd8_u10avx512f(x); }
-inline Lanes log1p(Lanes x) { return Sleef_finz_log1pd8_u10avx512f(x); }
 inline Lanes log2(Lanes x) { return Sleef_finz_log2d8_u10avx512f(x); }
 inline Lanes log10(Lanes x) { return Sleef_finz_log10d8_u10avx512f(x); }
 inline Lanes sin(Lanes x) { return Sleef_finz_sind8_u10avx512f(x); }

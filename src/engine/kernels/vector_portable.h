@@ -18,8 +18,6 @@ inline bool any(Mask m) { return m[0] != 0 || m[1] != 0; }
 namespace elementary {
 inline Lanes exp(Lanes x) { return Lanes{std::exp(x[0]), std::exp(x[1])}; }
 inline Lanes expm1(Lanes x) { return Lanes{std::expm1(x[0]), std::expm1(x[1])}; }
-inline Lanes log(Lanes x) { return Lanes{std::log(x[0]), std::log(x[1])}; }
-inline Lanes log1p(Lanes x) { return Lanes{std::log1p(x[0]), std::log1p(x[1])}; }
 inline Lanes log2(Lanes x) { return Lanes{std::log2(x[0]), std::log2(x[1])}; }
 inline Lanes log10(Lanes x) { return Lanes{std::log10(x[0]), std::log10(x[1])}; }
 inline Lanes sin(Lanes x) { return Lanes{std::sin(x[0]), std::sin(x[1])}; }

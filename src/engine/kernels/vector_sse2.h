@@ -20,8 +20,6 @@ inline bool any(Mask m) { return _mm_movemask_pd(reinterpret_cast<__m128d>(m)) !
 namespace elementary {
 inline Lanes exp(Lanes x) { return Sleef_cinz_expd2_u10sse2(x); }
 inline Lanes expm1(Lanes x) { return Sleef_cinz_expm1d2_u10sse2(x); }
-inline Lanes log(Lanes x) { return Sleef_cinz_logd2_u10sse2(x); }
-inline Lanes log1p(Lanes x) { return Sleef_cinz_log1pd2_u10sse2(x); }
 inline Lanes log2(Lanes x) { return Sleef_cinz_log2d2_u10sse2(x); }
 inline Lanes log10(Lanes x) { return Sleef_cinz_log10d2_u10sse2(x); }
 inline Lanes sin(Lanes x) { return Sleef_cinz_sind2_u10sse2(x); }

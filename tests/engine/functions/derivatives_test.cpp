@@ -50,6 +50,7 @@ const Case cases[] = {
     {"ERFC", nullptr, {{1.6}}},
     {"GAMMA", nullptr, {{2.3}, {-1.4}}},
     {"LGAMMA", nullptr, {{2.3}, {-1.4}, {40.0}}},
+    {"LGAMMARATIO", nullptr, {{2.3, 1.6}, {40.0, 0.5}}},
     {"DIGAMMA", nullptr, {{2.3}, {-1.4}}},
     {"TRIGAMMA", nullptr, {{2.3}, {0.4}}},
     {"BETA", nullptr, {{1.3, 2.4}}},

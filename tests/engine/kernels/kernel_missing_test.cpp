@@ -120,6 +120,22 @@ TEST(KernelMissing, EveryFaultHasAText)
   }
 }
 
+// Ends of the range of the logarithms, which are our own: subnormal numbers, infinity, the point where log1p rounds away.
+TEST(KernelMissing, LogarithmsHoldAtTheEndsOfTheRange)
+{
+  for (const KernelTable* build : builds()) {
+    EXPECT_NEAR(run_one(*build, Kernel::log, {5e-324}), -744.4400719213812, 1e-12);
+    EXPECT_NEAR(run_one(*build, Kernel::log, {1.7976931348623157e308}), 709.782712893384, 1e-12);
+    EXPECT_EQ(run_one(*build, Kernel::log, {1.0}), 0.0);
+    EXPECT_EQ(run_one(*build, Kernel::log, {infinity}), infinity);
+    EXPECT_EQ(run_one(*build, Kernel::log1p, {infinity}), infinity);
+    EXPECT_EQ(run_one(*build, Kernel::log1p, {1e-300}), 1e-300);
+    EXPECT_EQ(run_one(*build, Kernel::log1p, {5e-324}), 5e-324);
+    EXPECT_NEAR(run_one(*build, Kernel::log1p, {-0x1.fffffffffffffp-1}), -36.7368005696771, 1e-12);
+    EXPECT_EQ(run_one(*build, Kernel::log_or_minus_infinity, {0.0}), -infinity);
+  }
+}
+
 TEST(KernelMissing, CanonicalKeepsKindsAndReplacesHardwareNans)
 {
   for (const KernelTable* build : builds()) {
