@@ -15,9 +15,9 @@ inline Lanes log_of_normal(Lanes x, Lanes c)
 {
   constexpr long long root_half = 0x3FE6A09E667F3BCD; // the bits of sqrt(1/2)
   const Mask from_root = reinterpret_cast<Mask>(x) - root_half;
-  // The exponent becomes a double by standing in the low bits of 2^52; the bias of 1024 keeps it positive.
-  const Mask exponent = (from_root + 0x4000000000000000LL) >> 52;
-  const Lanes k = reinterpret_cast<Lanes>(exponent | 0x4330000000000000LL) - all(0x1p52 + 1024.0);
+  // The exponent becomes a double by standing in the low bits of 2^52; the bias of 1022 keeps it from being negative.
+  const Mask exponent = (from_root + 0x3FE0000000000000LL) >> 52;
+  const Lanes k = reinterpret_cast<Lanes>(exponent | 0x4330000000000000LL) - all(0x1p52 + 1022.0);
   const Lanes m = reinterpret_cast<Lanes>((from_root & 0x000FFFFFFFFFFFFFLL) + root_half);
 
   constexpr double r[] = {1.479819860511658591e-01, 1.531383769920937332e-01, 1.818357216161805012e-01, 2.222219843214978396e-01,
