@@ -149,7 +149,8 @@ private:
                                                                      : host::Severity::error;
       // The first line of the rendering is place and text; the source line and the caret follow as they stand.
       const std::string words = language::render(sources_, d);
-      std::size_t from = 0;
+      std::size_t from = words.find(": "); // severity and number come from the log
+      from = from == std::string::npos ? 0 : from + 2;
       for (bool first = true; from < words.size(); first = false) {
         const std::size_t end = std::min(words.find('\n', from), words.size());
         const std::string line = words.substr(from, end - from);

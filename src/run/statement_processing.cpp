@@ -180,6 +180,7 @@ void replicate_statement(NX& n)
     tvlexit(n, 3000);
   }
   if (!computed) n.repsym = engine::cmpsymg(*n.gcmp, item.text, static_cast<int>(at) + 1, 'n');
+  n.repsym->used = true; // the data pass reads it, whether the program does or not
 }
 
 // Data variables that the distribution arguments depend on: they must not change within a subject.
