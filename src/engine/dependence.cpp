@@ -25,6 +25,15 @@ bool passes_no_derivative(Kernel k, int operand)
   }
 }
 
+Stage stage_of_classes(std::uint8_t c)
+{
+  const bool data = (c & depends::on_data) != 0, history = (c & depends::on_history) != 0;
+  if ((c & (depends::on_parameters | depends::on_random_effects)) == 0) return data || history ? Stage::data : Stage::parameter;
+  if (history) return Stage::lane;
+  if ((c & depends::on_random_effects) != 0) return data ? Stage::lane : Stage::point;
+  return data ? Stage::observation : Stage::parameter;
+}
+
 void Dependence::clear()
 {
   classes_.clear();

@@ -18,12 +18,18 @@ inline constexpr std::uint8_t on_random_effects = 4;
 inline constexpr std::uint8_t on_history = 8; // a value of the record before takes part
 } // namespace depends
 
+// Stages of a program: what a value depends on decides how often it is computed.
+enum class Stage : std::uint8_t { parameter, data, observation, point, lane };
+inline constexpr int stages = 5;
+Stage stage_of_classes(std::uint8_t classes);
+
 class Dependence {
 public:
   explicit Dependence(CMPGLOBAL& compiler) : compiler_(&compiler) {}
 
   // Classes of inputs behind a node, masks and loop conditions included.
   std::uint8_t classes(NodeId id);
+  Stage stage(NodeId id) { return stage_of_classes(classes(id)); }
   // True when the derivative of the node by the symbol may differ from 0: a path that is not through masks.
   bool varies_with(NodeId id, std::int32_t symbol_index);
   // True when the symbol is behind the node in any way.

@@ -97,15 +97,43 @@ Differentiator::Guarded Differentiator::joined(const Contributions& all)
   return sum;
 }
 
+// What is computed less often than y (once per point, say) has derivatives that are computed less often too. Below such a
+// node the sweep either goes on, one product per edge for every lane, or stops and multiplies the adjoint by the node's
+// derivatives, one product per node and variable. True when the second is less work.
+bool Differentiator::jacobian_is_cheaper(NodeId y, const std::vector<NodeId>& nodes, std::span<const std::int32_t> symbols)
+{
+  Dependence& dependence = gcmp_.dependence;
+  const Stage top = dependence.stage(y);
+  std::set<NodeId> frontier;
+  std::size_t edges = 0;
+  for (const NodeId id : nodes) {
+    const bool above = dependence.stage(id) == top;
+    const Node& n = graph_.node(id);
+    for (int k = 0; n.kind == NodeKind::kernel && k < n.operands; ++k) {
+      const NodeId operand = n.operand[static_cast<std::size_t>(k)];
+      if (!std::binary_search(nodes.begin(), nodes.end(), operand)) continue;
+      if (!above) ++edges;
+      else if (dependence.stage(operand) != top) frontier.insert(operand);
+    }
+  }
+  std::size_t products = 0;
+  for (const NodeId id : frontier) {
+    std::set<NodeId> distinct;
+    for (const std::int32_t s : symbols)
+      if (const NodeId d = derivative(id, s); d != no_node && !graph_.is_constant(d)) distinct.insert(d);
+    products += distinct.size();
+  }
+  return products < edges;
+}
+
 std::vector<NodeId> Differentiator::gradient(NodeId y, std::span<const std::int32_t> symbols)
 {
   const GraphBuilder::Derivative mode(graph_);
   const std::vector<NodeId> nodes = varying_below(y, symbols, nullptr);
+  const Stage top = nodes.empty() ? Stage::parameter : gcmp_.dependence.stage(y);
+  const bool jacobian = jacobian_is_cheaper(y, nodes, symbols);
   std::map<NodeId, Contributions> adjoint;
-  std::vector<NodeId> result(symbols.size(), no_node);
-  const auto add_to = [&](std::size_t k, NodeId value) {
-    if (!graph_.is_constant(value, 0.0)) result[k] = result[k] == no_node ? value : graph_.add(result[k], value);
-  };
+  std::vector<Contributions> leaf(symbols.size());
   if (!nodes.empty()) adjoint[y].push_back({graph_.one(), graph_.one()});
   const std::set<NodeId> varying(nodes.begin(), nodes.end());
   for (auto it = nodes.rbegin(); it != nodes.rend(); ++it) {
@@ -115,23 +143,26 @@ std::vector<NodeId> Differentiator::gradient(NodeId y, std::span<const std::int3
     adjoint.erase(entry);
     const Node n = graph_.node(*it);
     graph_.inherit_position(*it);
-    if (n.kind == NodeKind::kernel) {
+    if (n.kind == NodeKind::kernel && !(jacobian && gcmp_.dependence.stage(*it) != top)) {
       for (int k = 0; k < n.operands; ++k) {
         const NodeId operand = n.operand[static_cast<std::size_t>(k)];
         if (varying.count(operand) == 0 || passes_no_derivative(n.kernel, k)) continue;
         if (const NodeId mask = chosen(*it, k); mask != no_node) contribute(adjoint[operand], {graph_.and_(a.guard, mask), a.value});
         else contribute(adjoint[operand], {a.guard, graph_.multiply(a.value, partial(*it, k))});
       }
-    } else if (n.kind == NodeKind::symbol) {
-      const auto at = std::find(symbols.begin(), symbols.end(), n.index);
-      if (at != symbols.end()) add_to(static_cast<std::size_t>(at - symbols.begin()), graph_.select(a.guard, a.value, graph_.zero()));
     } else {
       for (std::size_t k = 0; k < symbols.size(); ++k)
-        if (const NodeId d = derivative(*it, symbols[k]); d != no_node)
-          add_to(k, graph_.select(a.guard, graph_.multiply(a.value, d), graph_.zero()));
+        if (const NodeId d = derivative(*it, symbols[k]); d != no_node) contribute(leaf[k], {a.guard, graph_.multiply(a.value, d)});
     }
   }
   close_carries();
+  std::vector<NodeId> result(symbols.size(), no_node);
+  for (std::size_t k = 0; k < symbols.size(); ++k) {
+    if (leaf[k].empty()) continue;
+    const Guarded sum = joined(leaf[k]);
+    const NodeId d = graph_.select(sum.guard, sum.value, graph_.zero());
+    if (!graph_.is_constant(d, 0.0)) result[k] = d;
+  }
   return result;
 }
 

@@ -35,6 +35,7 @@ private:
   void contribute(Contributions& to, Guarded what);
   NodeId partial(NodeId node, int operand);
   NodeId chosen(NodeId node, int operand);
+  bool jacobian_is_cheaper(NodeId y, const std::vector<NodeId>& nodes, std::span<const std::int32_t> symbols);
   std::vector<NodeId> varying_below(NodeId y, std::span<const std::int32_t> symbols,
                                     const std::unordered_map<NodeId, NodeId>* known);
   NodeId tangent_of(NodeId node, std::int32_t symbol);   // operands' tangents are known

@@ -13,9 +13,6 @@
 
 namespace torvale::engine {
 
-enum class Stage : std::uint8_t { parameter, data, observation, point, lane };
-inline constexpr int stages = 5;
-
 struct Step {
   enum class Kind : std::uint8_t {
     kernel,     // out = kernel(in...)

@@ -118,6 +118,8 @@ NodeId GraphBuilder::divide(NodeId a, NodeId b)
   }
   if (is_constant(a, 0.0) && derivative_mode_) return a;
   if (is_constant(a, 1.0)) return reciprocal(b);
+  // Derivatives need 1 / b again and again: one division, many products. (A value is divided as it is written.)
+  if (derivative_mode_) return multiply(a, reciprocal(b));
   const bool minus_a = is_kernel(node(a), Kernel::negate);
   const bool minus_b = is_kernel(node(b), Kernel::negate);
   if (minus_a && minus_b) return divide(operand(a, 0), operand(b, 0));
@@ -130,6 +132,7 @@ NodeId GraphBuilder::divide(NodeId a, NodeId b)
 NodeId GraphBuilder::reciprocal(NodeId a)
 {
   if (is_kernel(node(a), Kernel::negate)) return negate(reciprocal(operand(a, 0)));
+  if (derivative_mode_ && is_kernel(node(a), Kernel::reciprocal)) return operand(a, 0);
   const NodeId x[] = {a};
   return intern_kernel(Kernel::reciprocal, x);
 }

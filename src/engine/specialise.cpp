@@ -17,16 +17,7 @@ class Specialiser {
 public:
   Specialiser(CMPGLOBAL& gcmp, Program& program) : gcmp_(gcmp), graph_(gcmp.graph), program_(program) {}
 
-  Stage stage_of(NodeId id)
-  {
-    const std::uint8_t c = gcmp_.dependence.classes(id);
-    const bool varies = (c & (depends::on_parameters | depends::on_random_effects)) != 0;
-    if (!varies) return (c & (depends::on_data | depends::on_history)) != 0 ? Stage::data : Stage::parameter;
-    if ((c & depends::on_history) != 0) return Stage::lane;
-    const bool data = (c & depends::on_data) != 0;
-    if ((c & depends::on_random_effects) != 0) return data ? Stage::lane : Stage::point;
-    return data ? Stage::observation : Stage::parameter;
-  }
+  Stage stage_of(NodeId id) { return gcmp_.dependence.stage(id); }
 
   std::int32_t ask(Stage s, NodeId id) // index of a result of a stage
   {
@@ -171,8 +162,17 @@ private:
       else if (n.kernel == Kernel::add && private_product(b)) fuse(Kernel::multiply_add, b, a);
       else if (n.kernel == Kernel::subtract && private_product(a)) fuse(Kernel::multiply_subtract, a, b);
       else if (n.kernel == Kernel::subtract && private_product(b)) fuse(Kernel::subtract_product, b, a);
+      else if (n.kernel == Kernel::negate && private_product(a)) fuse(Kernel::subtract_product, a, graph_.zero());
       else if (n.kernel == Kernel::select && graph_.is_constant(n.operand[2], 0.0)) shape_[id] = {Kernel::select_or_zero, {a, b}};
+      else if (n.kernel == Kernel::and_ && private_negation(b, id)) shape_[id] = {Kernel::and_not, {a, graph_.operand(b, 0)}};
+      else if (n.kernel == Kernel::and_ && private_negation(a, id)) shape_[id] = {Kernel::and_not, {b, graph_.operand(a, 0)}};
     }
+  }
+
+  bool private_negation(NodeId m, NodeId user)
+  {
+    const Node& x = graph_.node(m);
+    return x.kind == NodeKind::kernel && x.kernel == Kernel::not_ && !is_leaf(m) && all_.loops_.loop_of(m) == all_.loops_.loop_of(user);
   }
 
   Shape shape(NodeId id)
