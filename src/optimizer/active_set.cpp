@@ -183,11 +183,19 @@ void move_along(MINSTR* str, double a, const double* d)
     return;
   }
   for (long i = 0; i < n; ++i) {
-    const double moved = str->xold[i] + a * d[i];
-    // Against the bounds, but never against a start that lies outside them by the tolerance.
-    str->x[i] = d[i] > 0.0   ? std::min(moved, std::max(str->ub[i], str->xold[i]))
-                : d[i] < 0.0 ? std::max(moved, std::min(str->lb[i], str->xold[i]))
-                             : str->xold[i];
+    const double from = str->xold[i];
+    const double moved = from + a * d[i];
+    // Not beyond a bound, but never back over a start that lies outside it by the tolerance; and on the bound when
+    // only rounding keeps a blocked step from it.
+    if (d[i] > 0.0) {
+      const double high = std::max(str->ub[i], from);
+      str->x[i] = high - moved <= 4.0 * unit_roundoff * (std::abs(from) + std::abs(high)) ? high : moved;
+    } else if (d[i] < 0.0) {
+      const double low = std::min(str->lb[i], from);
+      str->x[i] = moved - low <= 4.0 * unit_roundoff * (std::abs(from) + std::abs(low)) ? low : moved;
+    } else {
+      str->x[i] = from;
+    }
   }
 }
 

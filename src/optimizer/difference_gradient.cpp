@@ -136,7 +136,7 @@ using Quotient = bool (*)(MINSTR*, long, double, double, double&);
 int difference_gradient(MINSTR* str, Quotient quotient, double base, const double* found)
 {
   ++str->ngrd;
-  const double purpose = str->indf;
+  const int purpose = str->indf;
   const double crit = str->crit;
   str->indf = purpose_difference_gradient;
   std::fill_n(str->grad, str->nvar, 0.0);

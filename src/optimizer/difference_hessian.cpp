@@ -33,7 +33,7 @@ public:
 private:
   MINSTR* str;
   double crit;
-  double indf;
+  int indf;
 };
 
 // The interval (1 + |x|) base knows nothing of a parameter whose natural unit is 1e-9. What tells is the change of the objective

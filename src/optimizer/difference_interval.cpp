@@ -111,7 +111,7 @@ int znlpfdh(MINSTR* str, int job)
   std::fill_n(str->hcnt, n, missing);
   std::fill_n(str->ofco, n, static_cast<short>(0));
   if (job != 1 && job != 3) return 0;
-  const double purpose = str->indf;
+  const int purpose = str->indf;
   str->indf = purpose_interval_search;
   if (objective_value(str) != 0) {
     str->indf = purpose;

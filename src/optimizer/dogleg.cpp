@@ -175,7 +175,7 @@ private:
     moved = true;
     ++str->itre;
     str->nitr += 1.0;
-    str->alfa = 1.0;
+    str->alfa = state.dstn;
     if (objective_gradient(str) != 0) return code_gradient;
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
@@ -219,7 +219,7 @@ private:
       state.rldx = relative_step(*str);
       assess(&state);
       if (state.rest == 3) return take_saved();
-      if (state.irc == 3 || state.irc == 4) {
+      if (state.irc == 3 || state.irc == 4 || (state.irc == 5 && state.dstn >= str->ssin)) {
         str->delt = state.radf * state.dstn;
         return 0;
       }

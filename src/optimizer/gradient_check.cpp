@@ -64,7 +64,7 @@ int check_gradient(MINSTR* str, bool detail)
 {
   const long n = str->nvar;
   const double crit = str->crit;
-  const double purpose = str->indf;
+  const int purpose = str->indf;
   const double base = central_base(*str);
   double* const d = str->gtmp;
   str->indf = purpose_difference_gradient;

@@ -281,7 +281,7 @@ struct MINSTR {
   double tbig = 0;   // nonzero: the objective overflowed; every loop tests it after a callback
   int stop = 0;      // nonzero: the user asked to stop; set by a callback, ends the run with code -3
   double nitr = 0;   // iterations done
-  double indf = 0;   // why the objective is called, see CallPurpose
+  int indf = 0;      // why the objective is called, see CallPurpose
   int ifdr = 1;      // order asked of the current call: 1 value, 2 gradient, 3 Hessian
   int rcod = 0;      // last termination code
   int ipre = 0;      // power of ten by which ceps was loosened so that the point counts as feasible

@@ -4,6 +4,8 @@
 #include "optimizer/newton.h"
 #include "optimizer/objective_access.h"
 
+#include "matrix/vector_kernels.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -40,12 +42,12 @@ private:
   {
     remember(str);
     str->cutf = 0;
-    str->alfa = 1.0;
     refused = 0.0;
     if (const int code = accepted_step(); code != 0) {
       go_back(str);
       return code;
     }
+    str->alfa = matrix::zvenorm(str->nvar, 1, str->sdir);
     str->nitr += 1.0;
     ++str->itre;
     if (objective_gradient(str) != 0) return code_gradient;

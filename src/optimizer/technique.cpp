@@ -50,7 +50,11 @@ void begin_cycle(MINSTR* str)
   forget_curvature(str);
 }
 
-int end_technique(MINSTR* str, int code) { return code < 0 ? str->uster(str, code) : code; }
+int end_technique(MINSTR* str, int code)
+{
+  if (str->stop != 0) return code_objective; // whatever failed because of it
+  return code < 0 ? str->uster(str, code) : code;
+}
 
 void remember(MINSTR* str)
 {

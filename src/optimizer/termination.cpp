@@ -145,11 +145,17 @@ void note_unbounded(MINSTR* str)
   str->tbig = 1.0;
 }
 
+// ABSCONV has a default only to stop an objective that falls for ever: met, it is no success.
+bool beyond_all_bounds(const MINSTR& str)
+{
+  return std::abs(str.atol) == 1.3407807929943e+154 && str.crit <= -1.3407807929943e+154;
+}
+
 int optimality_check(MINSTR* str, int job, int code)
 {
   if (code == 0 || std::abs(job) >= 11 || is_missing(str->rtop)) return code;
   if (str->stop != 0 || str->tbig != 0.0 || str->reentered_at == str->nitr) return code;
-  const double purpose = str->indf;
+  const int purpose = str->indf;
   str->indf = purpose_optimality_check;
   const bool better = znlpnoi(str, job != 10) != 0 || znlpdnc(str) == 0;
   str->indf = purpose;
@@ -170,8 +176,7 @@ int znlptrm(MINSTR* str, int job)
   Tests tests(str, job);
   int code = 0;
   const bool dropped = str->chac < 0 && (job == 10 || str->cold - str->crit > smallest_normal);
-  const bool stepped = job > 0 && job != 10 && !is_simplex(*str);
-  if (stepped && str->alfa >= str->ssin) note_unbounded(str);
+  if (job > 0 && job != 10 && (str->alfa >= str->ssin || beyond_all_bounds(*str))) note_unbounded(str);
   if (job < 0) code = name_pending_criterion(*str, job);
   else if (interrupted(*str)) code = code_objective;
   else if (job == 0) code = 0;

@@ -29,6 +29,14 @@ public:
     str.history = [](optimizer::MINSTR* s, const optimizer::HistoryRow& row) { self(s).history.push_back(row); };
   }
 
+  // The same with a technique. QUANEW alone would mean the factored update: the inverse one is asked for.
+  SmallProblem(int technique, std::vector<double> start, Value value, Gradient gradient = nullptr)
+      : SmallProblem(std::move(start), std::move(value), std::move(gradient))
+  {
+    str.tech = technique;
+    str.tupd = technique == optimizer::QUANEW ? 6 : 0;
+  }
+
   void bounds(std::vector<double> lower, std::vector<double> upper)
   {
     str.bounds = 1;
