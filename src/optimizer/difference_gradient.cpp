@@ -109,11 +109,9 @@ bool central_quotient(MINSTR* str, long i, double h, double f, double& quotient)
   return false;
 }
 
-// Forward quotient; on failure the other side, then half the interval. Returns false when nothing works. A parameter of whose
-// curvature nothing is known gets a central quotient once.
+// Forward quotient; on failure the other side, then half the interval. Returns false when nothing works.
 bool forward_quotient(MINSTR* str, long i, double h, double f, double& quotient)
 {
-  if (is_missing(str->hlim[i]) && str->cfdh == 0) return central_quotient(str, i, interval(*str, i, central_base(*str), nullptr), f, quotient);
   h = fit_interval(*str, i, h, 1.0);
   while (std::abs(h) > 0.0) {
     for (const double step : {h, -h}) {
@@ -128,6 +126,13 @@ bool forward_quotient(MINSTR* str, long i, double h, double f, double& quotient)
     if (std::abs(h) <= least_interval(str->x[i])) return false;
   }
   return false;
+}
+
+// The same, but a parameter of whose curvature nothing is known gets a central quotient once.
+bool learning_quotient(MINSTR* str, long i, double h, double f, double& quotient)
+{
+  if (!is_missing(str->hlim[i]) || str->cfdh != 0) return forward_quotient(str, i, h, f, quotient);
+  return central_quotient(str, i, interval(*str, i, central_base(*str), nullptr), f, quotient);
 }
 
 using Quotient = bool (*)(MINSTR*, long, double, double, double&);
@@ -160,7 +165,7 @@ int difference_gradient(MINSTR* str, Quotient quotient, double base, const doubl
 
 } // namespace
 
-int znlpfig(MINSTR* str) { return difference_gradient(str, forward_quotient, forward_base(*str), str->hfwd); }
+int znlpfig(MINSTR* str) { return difference_gradient(str, learning_quotient, forward_base(*str), str->hfwd); }
 
 int znlpfg2(MINSTR* str) { return difference_gradient(str, central_quotient, central_base(*str), str->hcnt); }
 

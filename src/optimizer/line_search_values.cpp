@@ -169,7 +169,7 @@ int znlpls8(MINSTR* str)
   Point low{}, mid{}, high{};
   if (!bracket(str, b, best, low, mid, high)) return finish(str, best);
   for (int trial = 0; trial < most_trials && high.a - low.a > 0.05 * mid.a; ++trial) {
-    double a = high.f < largest ? parabola_minimizer(low, mid, high) : low.a;
+    double a = high.f < largest ? parabola_minimizer(low, mid, high) : 0.5 * (mid.a + high.a);
     if (!(a > low.a && a < high.a)) a = (low.a + high.a) / 3.0;
     // Points on top of each other carry no curvature: step away from the middle into the longer side.
     if (!(a > low.a && a < high.a) || std::abs(a - mid.a) < 0.02 * mid.a)
