@@ -329,6 +329,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
+    {503, 9350, N, "Check of the Gradient", "", ""},
+    {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9342, E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
      "Fewer QPOINTS=, or fewer random effects."},

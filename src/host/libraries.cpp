@@ -200,6 +200,8 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
       auto alternatives = members_of(folder);
       for (const auto& [n, path] : data_)
         if (one_level) alternatives.push_back(n);
+      std::sort(alternatives.begin(), alternatives.end());
+      alternatives.erase(std::unique(alternatives.begin(), alternatives.end()), alternatives.end());
       not_found(reference.name, "the folder " + folder, alternatives, log, place);
     }
   }

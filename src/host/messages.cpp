@@ -110,7 +110,9 @@ std::string xpmstr(int group, int number, const MessageArguments& arguments)
 {
   if (const CatalogueEntry* entry = find_message(group, number)) {
     bool complete = true;
-    return filled(entry->text, arguments, complete);
+    std::string text = filled(entry->text, arguments, complete);
+    if (text.ends_with("?.")) text.pop_back(); // a question that ends the sentence
+    return text;
   }
   std::string out = fmt::format("Message {}/{}", group, number);
   for (const MessageArgument& argument : arguments) out += fmt::format(", {}={}", argument.name, argument.value);

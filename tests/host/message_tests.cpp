@@ -28,7 +28,7 @@ TEST(Messages, ArgumentsFillTheTextAndOptionalStretchesFallAway)
   EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}}),
             "The dependent variable y is neither in the data set nor assigned in the program.");
   EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}, {"near", "yy"}}),
-            "The dependent variable y is neither in the data set nor assigned in the program; did you mean yy?.");
+            "The dependent variable y is neither in the data set nor assigned in the program; did you mean yy?");
   EXPECT_EQ(xpmstr(503, 270, {{"points", 31}, {"change", 0.25}, {"tolerance", 1e-4}}),
             "The integral is not accurate enough with 31 quadrature points: relative change 0.25, tolerance 0.0001.");
   EXPECT_EQ(MessageArgument("x", 0.0017538544329616101).value, "0.001753854");
