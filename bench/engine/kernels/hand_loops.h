@@ -5,7 +5,7 @@
 namespace torvale::bench {
 
 struct HandLoop {
-  const char* kernel;                                             // name of the kernel that does the same
+  const char* kernel; // name of the kernel that does the same
   void (*run)(double* out, const double* const* in, int n);
 };
 

@@ -1,6 +1,6 @@
-// Nanoseconds per lane of the lane kernels, and the ratio to the plain loop of hand_loops.cpp on the same instruction set.
-// Operands lie in the first-level cache, as the registers of a tile do; many sets of them take turns, so that no branch
-// predictor learns the data.
+// Nanoseconds per lane of the lane kernels, and the ratio to the plain loop of hand_loops.cpp on the same instruction
+// set. Operands lie in the first-level cache, as the registers of a tile do; many sets of them take turns, so that no
+// branch predictor learns the data.
 //
 //   ninja engine_kernels_bench && engine_kernels_bench
 //
@@ -96,9 +96,10 @@ int main(int argc, char** argv)
         const auto name = engine::kernel_info(static_cast<engine::Kernel>(k)).name;
         const std::string title = std::string(tables[t]->isa) + "/" + std::string(name) + "/" + std::to_string(lanes);
         const bench::HandLoop* const loop = bench::find(hand[t], name);
-        benchmark::RegisterBenchmark(title.c_str(), [=](benchmark::State& state) {
-          bench::measure(state, tables[t]->fn[k], loop, lanes);
-        })->UseManualTime()->MinTime(0.01);
+        benchmark::RegisterBenchmark(
+            title.c_str(), [=](benchmark::State& state) { bench::measure(state, tables[t]->fn[k], loop, lanes); })
+            ->UseManualTime()
+            ->MinTime(0.01);
       }
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

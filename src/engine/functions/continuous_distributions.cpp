@@ -1,8 +1,8 @@
 #include "engine/functions/distribution_parts.h"
 
 // Each distribution is a group of rules named for it: logpdf, cdf, logcdf, sdf, logsdf, quantile. `v` holds the
-// parameters. Outside the support a density is 0 (its log minus infinity) without a fault; a parameter outside its range
-// is a fault. Tails are taken from the side on which they are small, never as 1 minus the other.
+// parameters. Outside the support a density is 0 (its log minus infinity) without a fault; a parameter outside its
+// range is a fault. Tails are taken from the side on which they are small, never as 1 minus the other.
 
 namespace torvale::engine {
 
@@ -20,16 +20,22 @@ NodeId beta_log_density(GraphBuilder& g, NodeId x, NodeId y, NodeId a, NodeId b)
 NodeId t_log_density(GraphBuilder& g, NodeId t, NodeId n)
 {
   const NodeId half = g.scale(0.5, n);
-  const NodeId front = g.subtract(g.call(Kernel::lgamma_ratio, half, g.constant(0.5)), g.scale(0.5, g.call(Kernel::log, n)));
+  const NodeId front =
+      g.subtract(g.call(Kernel::lgamma_ratio, half, g.constant(0.5)), g.scale(0.5, g.call(Kernel::log, n)));
   const NodeId body = g.multiply(g.shift(half, 0.5), g.call(Kernel::log1p, g.divide(g.square(t), n)));
   return g.subtract(g.shift(front, -0.5 * log_pi), body);
 }
 
 namespace {
 
+// One line each, so that the family reads as a table.
+// clang-format off
 // --- location and scale families: z = (x - location) / scale -------------------------------------------------------
 
-NodeId standardized(GraphBuilder& g, NodeId x, const NodeId* v) { return g.divide(g.subtract(x, v[0]), positive(g, v[1])); }
+NodeId standardized(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.divide(g.subtract(x, v[0]), positive(g, v[1]));
+}
 NodeId located(GraphBuilder& g, NodeId z, const NodeId* v) { return g.add(v[0], g.multiply(positive(g, v[1]), z)); }
 
 namespace normal {
@@ -39,33 +45,52 @@ NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
   return g.subtract(standard_log_density(g, standardized(g, x, v)), g.call(Kernel::log, v[1]));
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::normal_cdf, standardized(g, x, v)); }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::normal_log_cdf, standardized(g, x, v)); }
-NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::normal_cdf, g.negate(standardized(g, x, v))); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::normal_log_cdf, standardized(g, x, v));
+}
+NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::normal_cdf, g.negate(standardized(g, x, v)));
+}
 NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
   return g.call(Kernel::normal_log_cdf, g.negate(standardized(g, x, v)));
 }
-NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return located(g, g.call(Kernel::normal_quantile, p), v); }
+NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
+{
+  return located(g, g.call(Kernel::normal_quantile, p), v);
+}
 } // namespace normal
 
 namespace logistic {
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v) // -z - 2 log(1 + exp(-z)) - log s
 {
   const NodeId z = standardized(g, x, v);
-  return g.subtract(g.subtract(g.negate(z), g.scale(2.0, g.call(Kernel::softplus, g.negate(z)))), g.call(Kernel::log, v[1]));
+  return g.subtract(g.subtract(g.negate(z), g.scale(2.0, g.call(Kernel::softplus, g.negate(z)))), g.call(Kernel::log,
+      v[1]));
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::logistic, standardized(g, x, v)); }
 NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
   return g.negate(g.call(Kernel::softplus, g.negate(standardized(g, x, v))));
 }
-NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::logistic, g.negate(standardized(g, x, v))); }
-NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.negate(g.call(Kernel::softplus, standardized(g, x, v))); }
+NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::logistic, g.negate(standardized(g, x, v)));
+}
+NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.negate(g.call(Kernel::softplus, standardized(g, x, v)));
+}
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return located(g, g.call(Kernel::logit, p), v); }
 } // namespace logistic
 
 namespace lognormal {
-NodeId log_x(GraphBuilder& g, NodeId x) { return g.call(Kernel::log_or_minus_infinity, g.call(Kernel::positive_part, x)); }
+NodeId log_x(GraphBuilder& g, NodeId x)
+{
+  return g.call(Kernel::log_or_minus_infinity, g.call(Kernel::positive_part, x));
+}
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
   const NodeId outside = g.or_(below(g, x, 0.0), g.compare(Kernel::equal, x, g.zero()));
@@ -98,9 +123,15 @@ NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
   return g.select(below(g, x, 0.0), g.constant(minus_infinity), inside);
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::gamma_lower, scaled(g, x, v), v[0]); }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::log_gamma_lower, scaled(g, x, v), v[0]); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::log_gamma_lower, scaled(g, x, v), v[0]);
+}
 NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::gamma_upper, scaled(g, x, v), v[0]); }
-NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::log_gamma_upper, scaled(g, x, v), v[0]); }
+NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::log_gamma_upper, scaled(g, x, v), v[0]);
+}
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
 {
   return g.multiply(positive(g, v[1]), g.call(Kernel::gamma_quantile, p, v[0]));
@@ -123,10 +154,14 @@ NodeId standard(GraphBuilder& g, NodeId x, const NodeId* v)
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
   const NodeId ratio = g.divide(x, positive(g, v[1]));
-  const NodeId front = g.add(g.subtract(g.call(Kernel::log, v[0]), g.call(Kernel::log, v[1])), log_power_factor(g, ratio, v[0]));
+  const NodeId front = g.add(g.subtract(g.call(Kernel::log, v[0]), g.call(Kernel::log, v[1])), log_power_factor(g,
+      ratio, v[0]));
   return g.select(below(g, x, 0.0), g.constant(minus_infinity), g.subtract(front, standard(g, x, v)));
 }
-NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.negate(g.call(Kernel::expm1, g.negate(standard(g, x, v)))); }
+NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.negate(g.call(Kernel::expm1, g.negate(standard(g, x, v))));
+}
 NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
   return g.call(Kernel::log_one_minus_exp, g.negate(standard(g, x, v)));
@@ -169,8 +204,14 @@ NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v)
   const NodeId part = g.call(Kernel::positive_part, g.divide(g.subtract(v[1], x), width(g, v)));
   return g.select(above(g, part, 1.0), g.one(), part);
 }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::log_or_minus_infinity, cdf(g, x, v)); }
-NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::log_or_minus_infinity, sdf(g, x, v)); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::log_or_minus_infinity, cdf(g, x, v));
+}
+NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::log_or_minus_infinity, sdf(g, x, v));
+}
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
 {
   return g.add(v[0], g.multiply(width(g, v), g.call(Kernel::probability, p)));
@@ -187,9 +228,13 @@ NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
     return uniform::logpdf(g, x, ends);
   }
   const NodeId outside = g.or_(below(g, x, 0.0), above(g, x, 1.0));
-  return g.select(outside, g.constant(minus_infinity), beta_log_density(g, x, complement(g, x), positive(g, v[0]), positive(g, v[1])));
+  return g.select(outside, g.constant(minus_infinity), beta_log_density(g, x, complement(g, x), positive(g, v[0]),
+      positive(g, v[1])));
 }
-NodeId at(GraphBuilder& g, Kernel k, NodeId x, const NodeId* v) { return g.apply(k, {x, v[0], v[1], complement(g, x)}); }
+NodeId at(GraphBuilder& g, Kernel k, NodeId x, const NodeId* v)
+{
+  return g.apply(k, {x, v[0], v[1], complement(g, x)});
+}
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel::beta_lower, x, v); }
 NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel::log_beta_lower, x, v); }
 NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel::beta_upper, x, v); }
@@ -210,7 +255,8 @@ NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 }
 NodeId at(GraphBuilder& g, Kernel k, NodeId x, const NodeId* v)
 {
-  const NodeId n = g.multiply(positive(g, v[0]), g.call(Kernel::positive_part, x)), d = positive(g, v[1]), sum = g.add(n, d);
+  const NodeId n = g.multiply(positive(g, v[0]), g.call(Kernel::positive_part, x)), d = positive(g, v[1]),
+      sum = g.add(n, d);
   return g.apply(k, {g.divide(n, sum), g.scale(0.5, v[0]), g.scale(0.5, v[1]), g.divide(d, sum)});
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel::beta_lower, x, v); }
@@ -220,7 +266,8 @@ NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel:
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
 {
   const NodeId a = g.scale(0.5, v[0]), b = g.scale(0.5, v[1]);
-  const NodeId odds = g.divide(g.call(Kernel::beta_quantile, p, a, b), g.call(Kernel::beta_quantile_complement, p, a, b));
+  const NodeId odds = g.divide(g.call(Kernel::beta_quantile, p, a, b), g.call(Kernel::beta_quantile_complement, p, a,
+      b));
   return g.multiply(g.divide(v[1], v[0]), odds);
 }
 } // namespace fisher
@@ -236,9 +283,11 @@ constexpr Distribution rows[] = {
     {"F", "FISHER", 2, 2, {}, "ndf, ddf", "x >= 0",
      fisher::logpdf, fisher::cdf, fisher::logcdf, fisher::sdf, fisher::logsdf, fisher::quantile},
     {"BETA", "", 2, 2, {}, "a, b", "0 <= x <= 1",
-     beta_family::logpdf, beta_family::cdf, beta_family::logcdf, beta_family::sdf, beta_family::logsdf, beta_family::quantile},
+     beta_family::logpdf, beta_family::cdf, beta_family::logcdf, beta_family::sdf, beta_family::logsdf,
+         beta_family::quantile},
     {"GAMMA", "", 1, 2, {0.0, 1.0}, "shape, scale = 1", "x >= 0",
-     gamma_family::logpdf, gamma_family::cdf, gamma_family::logcdf, gamma_family::sdf, gamma_family::logsdf, gamma_family::quantile},
+     gamma_family::logpdf, gamma_family::cdf, gamma_family::logcdf, gamma_family::sdf, gamma_family::logsdf,
+         gamma_family::quantile},
     {"EXPONENTIAL", "EXPO", 0, 1, {1.0}, "scale = 1", "x >= 0",
      exponential<weibull::logpdf>, exponential<weibull::cdf>, exponential<weibull::logcdf>, exponential<weibull::sdf>,
      exponential<weibull::logsdf>, exponential<weibull::quantile>},
@@ -251,9 +300,13 @@ constexpr Distribution rows[] = {
     {"UNIFORM", "", 0, 2, {0.0, 1.0}, "low = 0, high = 1", "low <= x <= high",
      uniform::logpdf, uniform::cdf, uniform::logcdf, uniform::sdf, uniform::logsdf, uniform::quantile},
 };
+// clang-format on
 
 } // namespace
 
-std::span<const Distribution> continuous_distributions() { return rows; }
+std::span<const Distribution> continuous_distributions()
+{
+  return rows;
+}
 
 } // namespace torvale::engine

@@ -1,5 +1,5 @@
-// Partial derivatives of the kernels. Each rule gives d node / d operand as nodes, in forms that keep their accuracy and
-// whose kernels have rules in turn, so that derivatives of any function of the language exist to third order.
+// Partial derivatives of the kernels. Each rule gives d node / d operand as nodes, in forms that keep their accuracy
+// and whose kernels have rules in turn, so that derivatives of any function of the language exist to third order.
 //
 // At removable points (square root at 0, a power at 0, absolute value at 0, ties of least and greatest) a rule gives a
 // fixed finite value instead of what the formula cannot compute.
@@ -9,6 +9,8 @@
 namespace torvale::engine {
 namespace {
 
+// One line each, so that the family reads as a table.
+// clang-format off
 using Graph = GraphBuilder;
 
 // Operand k of the node.
@@ -18,7 +20,7 @@ NodeId whole_number(Graph& g, int k) { return g.constant(k); }
 NodeId nothing(Graph& g, NodeId, int) { return g.zero(); } // constant but for jumps
 NodeId unchanged(Graph& g, NodeId, int) { return g.one(); }
 
-// --- arithmetic -------------------------------------------------------------------------------------------------------
+// --- arithmetic ------------------------------------------------------------------------------------------------------
 
 NodeId subtract_rule(Graph& g, NodeId, int k) { return g.constant(k == 0 ? 1.0 : -1.0); }
 NodeId multiply_rule(Graph& g, NodeId n, int k) { return in(g, n, 1 - k); }
@@ -50,8 +52,14 @@ NodeId power_rule(Graph& g, NodeId n, int k)
 NodeId log_or_zero_rule(Graph& g, NodeId n, int) { return g.call(Kernel::reciprocal_or_zero, in(g, n, 0)); }
 
 NodeId takes(Graph& g, NodeId takes_first, int k) { return k == 0 ? takes_first : g.not_(takes_first); }
-NodeId least_ordered_rule(Graph& g, NodeId n, int k) { return takes(g, g.compare(Kernel::less_equal, in(g, n, 0), in(g, n, 1)), k); }
-NodeId greatest_rule(Graph& g, NodeId n, int k) { return takes(g, g.compare(Kernel::less_equal, in(g, n, 1), in(g, n, 0)), k); }
+NodeId least_ordered_rule(Graph& g, NodeId n, int k)
+{
+  return takes(g, g.compare(Kernel::less_equal, in(g, n, 0), in(g, n, 1)), k);
+}
+NodeId greatest_rule(Graph& g, NodeId n, int k)
+{
+  return takes(g, g.compare(Kernel::less_equal, in(g, n, 1), in(g, n, 0)), k);
+}
 NodeId least_rule(Graph& g, NodeId n, int k)
 {
   const NodeId a = in(g, n, 0), b = in(g, n, 1);
@@ -64,7 +72,7 @@ NodeId modulo_rule(Graph& g, NodeId n, int k)
 NodeId present_rule(Graph& g, NodeId n, int) { return g.not_(g.is_missing(in(g, n, 0))); }
 NodeId coalesce_rule(Graph& g, NodeId n, int k) { return takes(g, g.not_(g.is_missing(in(g, n, 0))), k); }
 
-// --- elementary functions ---------------------------------------------------------------------------------------------
+// --- elementary functions --------------------------------------------------------------------------------------------
 
 NodeId exp_rule(Graph&, NodeId n, int) { return n; }
 NodeId expm1_rule(Graph& g, NodeId n, int) { return g.call(Kernel::exp, in(g, n, 0)); }
@@ -83,7 +91,10 @@ NodeId cos_rule(Graph& g, NodeId n, int) { return g.negate(g.call(Kernel::sin, i
 NodeId tan_rule(Graph& g, NodeId n, int) { return g.shift(g.square(n), 1.0); }
 // 1 - a^2 as (1 - a)(1 + a), which keeps its digits near 1.
 NodeId one_less_square(Graph& g, NodeId a) { return g.multiply(complement(g, a), g.shift(a, 1.0)); }
-NodeId asin_rule(Graph& g, NodeId n, int) { return g.reciprocal(g.call(Kernel::sqrt, one_less_square(g, in(g, n, 0)))); }
+NodeId asin_rule(Graph& g, NodeId n, int)
+{
+  return g.reciprocal(g.call(Kernel::sqrt, one_less_square(g, in(g, n, 0))));
+}
 NodeId acos_rule(Graph& g, NodeId n, int k) { return g.negate(asin_rule(g, n, k)); }
 NodeId atan_rule(Graph& g, NodeId n, int) { return g.reciprocal(g.shift(g.square(in(g, n, 0)), 1.0)); }
 NodeId sinh_rule(Graph& g, NodeId n, int) { return g.call(Kernel::cosh, in(g, n, 0)); }
@@ -127,7 +138,7 @@ NodeId log_add_exp_rule(Graph& g, NodeId n, int k)
   return g.call(Kernel::logistic, g.subtract(in(g, n, k), in(g, n, 1 - k)));
 }
 
-// --- gamma family -----------------------------------------------------------------------------------------------------
+// --- gamma family ----------------------------------------------------------------------------------------------------
 
 NodeId gamma_rule(Graph& g, NodeId n, int) { return g.multiply(n, g.call(Kernel::digamma, in(g, n, 0))); }
 template <Kernel next> NodeId chain_rule(Graph& g, NodeId n, int) { return g.call(next, in(g, n, 0)); }
@@ -141,7 +152,10 @@ NodeId digamma_ratio_rule(Graph& g, NodeId n, int k)
   const NodeId a = in(g, n, 0), at_sum = g.call(Kernel::trigamma, g.add(a, in(g, n, 1)));
   return k == 0 ? g.subtract(at_sum, g.call(Kernel::trigamma, a)) : at_sum;
 }
-NodeId lbeta_rule(Graph& g, NodeId n, int k) { return g.negate(g.call(Kernel::digamma_ratio, in(g, n, k), in(g, n, 1 - k))); }
+NodeId lbeta_rule(Graph& g, NodeId n, int k)
+{
+  return g.negate(g.call(Kernel::digamma_ratio, in(g, n, k), in(g, n, 1 - k)));
+}
 NodeId comb_rule(Graph& g, NodeId n, int k) // of log: psi(a+1) - psi(a-b+1), and psi(a-b+1) - psi(b+1)
 {
   const NodeId a = in(g, n, 0), b = in(g, n, 1), rest = g.shift(g.subtract(a, b), 1.0);
@@ -150,7 +164,7 @@ NodeId comb_rule(Graph& g, NodeId n, int k) // of log: psi(a+1) - psi(a-b+1), an
   return g.multiply(n, log_slope);
 }
 
-// --- normal distribution ----------------------------------------------------------------------------------------------
+// --- normal distribution ---------------------------------------------------------------------------------------------
 
 NodeId normal_pdf_rule(Graph& g, NodeId n, int) { return g.negate(g.multiply(in(g, n, 0), n)); }
 NodeId normal_quantile_rule(Graph& g, NodeId n, int) { return g.reciprocal(g.call(Kernel::normal_pdf, n)); }
@@ -163,7 +177,7 @@ NodeId normal_hazard_excess_rule(Graph& g, NodeId n, int)
   return complement(g, g.multiply(g.call(Kernel::normal_hazard, in(g, n, 0)), n));
 }
 
-// --- distribution functions with shapes -------------------------------------------------------------------------------
+// --- distribution functions with shapes ------------------------------------------------------------------------------
 //
 // With F a lower tail, f its density and L_a the derivative of log F by a shape a (a kernel of its own):
 //     dF/dx = f,  dF/da = F L_a,  d log F/dx = f / F =: r,  d log F/da = L_a
@@ -232,7 +246,10 @@ struct BetaOperands {
   NodeId x, a, b, y;
   BetaOperands(Graph& g, NodeId n) : x(in(g, n, 0)), a(in(g, n, 1)), b(in(g, n, 2)), y(in(g, n, 3)) {}
   NodeId log_density(Graph& g) const { return beta_log_density(g, x, y, a, b); }
-  NodeId by_shapes(Graph& g, Kernel k, int i, int j) const { return g.apply(k, {x, a, b, y, whole_number(g, i), whole_number(g, j)}); }
+  NodeId by_shapes(Graph& g, Kernel k, int i, int j) const
+  {
+    return g.apply(k, {x, a, b, y, whole_number(g, i), whole_number(g, j)});
+  }
 };
 
 template <const BetaTail& tail> NodeId beta_tail_rule(Graph& g, NodeId n, int k)
@@ -272,7 +289,10 @@ template <const BetaTail& tail> NodeId log_beta_by_shapes_rule(Graph& g, NodeId 
 }
 
 // Student's t: operands t, degrees of freedom[, order].
-NodeId t_by_df(Graph& g, NodeId t, NodeId df, int order) { return g.call(Kernel::log_t_lower_by_df, t, df, whole_number(g, order)); }
+NodeId t_by_df(Graph& g, NodeId t, NodeId df, int order)
+{
+  return g.call(Kernel::log_t_lower_by_df, t, df, whole_number(g, order));
+}
 NodeId t_lower_rule(Graph& g, NodeId n, int k)
 {
   const NodeId t = in(g, n, 0), df = in(g, n, 1);
@@ -298,13 +318,14 @@ NodeId log_t_by_df_rule(Graph& g, NodeId n, int k)
   const NodeId s = g.scale(0.5, g.add(g.subtract(psi, g.call(Kernel::log1p, g.divide(t2, df))), g.multiply(more, w)));
   const NodeId gap = g.subtract(s, t_by_df(g, t, df, 1));
   if (order == 1) return g.multiply(r, gap);
-  const NodeId psi1 = g.scale(0.5, g.subtract(g.call(Kernel::trigamma, g.shift(half, 0.5)), g.call(Kernel::trigamma, half)));
+  const NodeId psi1 = g.scale(0.5, g.subtract(g.call(Kernel::trigamma, g.shift(half, 0.5)), g.call(Kernel::trigamma,
+      half)));
   const NodeId w1 = g.negate(g.divide(g.multiply(w, g.add(g.scale(2.0, df), t2)), nt));
   const NodeId inner = g.add(g.add(psi1, g.reciprocal(g.square(df))), g.add(g.scale(2.0, w), g.multiply(more, w1)));
   return g.multiply(r, g.add(g.square(gap), g.subtract(g.scale(0.5, inner), n)));
 }
 
-// --- quantiles --------------------------------------------------------------------------------------------------------
+// --- quantiles -------------------------------------------------------------------------------------------------------
 //
 // From F(q(p, a), a) = p:  dq/dp = 1 / f,  dq/da = -F_a / f.
 
@@ -326,7 +347,8 @@ NodeId beta_quantile_slope(Graph& g, NodeId n, int k)
   const NodeId x = g.call(Kernel::beta_quantile, p, a, b), y = g.call(Kernel::beta_quantile_complement, p, a, b);
   const NodeId f = g.call(Kernel::exp, beta_log_density(g, x, y, a, b));
   if (k == 0) return g.reciprocal(f);
-  const NodeId by = g.apply(Kernel::log_beta_lower_by_shapes, {x, a, b, y, whole_number(g, k == 1), whole_number(g, k == 2)});
+  const NodeId by = g.apply(Kernel::log_beta_lower_by_shapes, {x, a, b, y, whole_number(g, k == 1), whole_number(g,
+      k == 2)});
   return g.negate(g.divide(g.multiply(p, by), f));
 }
 NodeId beta_quantile_complement_rule(Graph& g, NodeId n, int k) { return g.negate(beta_quantile_slope(g, n, k)); }
@@ -335,11 +357,14 @@ NodeId t_quantile_rule(Graph& g, NodeId n, int k)
   const NodeId p = in(g, n, 0), df = in(g, n, 1), f = g.call(Kernel::exp, t_log_density(g, n, df));
   return k == 0 ? g.reciprocal(f) : g.negate(g.divide(g.multiply(p, t_by_df(g, n, df, 1)), f));
 }
+// clang-format on
 
 } // namespace
 
 PartialRule partial_rule(Kernel k)
 {
+  // One line for each rule.
+  // clang-format off
   switch (k) {
   case Kernel::copy: case Kernel::canonical: case Kernel::add:
   case Kernel::positive: case Kernel::nonnegative: case Kernel::probability: return unchanged;
@@ -364,8 +389,9 @@ PartialRule partial_rule(Kernel k)
   case Kernel::modulo: return modulo_rule;
   case Kernel::zero_if_missing: return present_rule;
   case Kernel::coalesce: return coalesce_rule;
-  case Kernel::sign: case Kernel::side: case Kernel::floor: case Kernel::ceil: case Kernel::truncate: case Kernel::round:
-  case Kernel::round_to: case Kernel::binomial_quantile: case Kernel::poisson_quantile:
+
+  case Kernel::sign: case Kernel::side: case Kernel::floor: case Kernel::ceil: case Kernel::truncate:
+  case Kernel::round: case Kernel::round_to: case Kernel::binomial_quantile: case Kernel::poisson_quantile:
   case Kernel::negative_binomial_quantile: case Kernel::uniform_random: case Kernel::normal_random: return nothing;
 
   case Kernel::exp: return exp_rule;
@@ -433,7 +459,9 @@ PartialRule partial_rule(Kernel k)
   case Kernel::log_t_lower: return log_t_lower_rule;
   case Kernel::log_t_lower_by_df: return log_t_by_df_rule;
   case Kernel::t_quantile: return t_quantile_rule;
-  default: return nullptr; // comparisons, masks, and hexagamma, whose derivative nothing to third order needs
+    // clang-format on
+  default:
+    return nullptr; // comparisons, masks, and hexagamma, whose derivative nothing to third order needs
   }
 }
 

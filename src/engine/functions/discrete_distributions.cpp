@@ -7,6 +7,8 @@
 namespace torvale::engine {
 namespace {
 
+// One line each, so that the family reads as a table.
+// clang-format off
 NodeId whole(GraphBuilder& g, NodeId x) { return g.call(Kernel::floor, x); }
 
 // The log probability where x is a whole number in [0, top] (no_node: no upper end), else minus infinity.
@@ -27,7 +29,8 @@ NodeId from_zero(GraphBuilder& g, NodeId k, double value_below, NodeId tail)
 // log of a over b for whole 0 <= b <= a.
 NodeId log_choose(GraphBuilder& g, NodeId a, NodeId b)
 {
-  return g.subtract(g.call(Kernel::lgamma_ratio, g.shift(g.subtract(a, b), 1.0), b), g.call(Kernel::lgamma, g.shift(b, 1.0)));
+  return g.subtract(g.call(Kernel::lgamma_ratio, g.shift(g.subtract(a, b), 1.0), b), g.call(Kernel::lgamma, g.shift(b,
+      1.0)));
 }
 
 NodeId probability(GraphBuilder& g, NodeId p) { return g.call(Kernel::probability, p); }
@@ -45,7 +48,10 @@ template <Kernel tail> NodeId at(GraphBuilder& g, NodeId x, const NodeId* v, dou
   return from_zero(g, k, value_below, g.call(tail, g.call(Kernel::nonnegative, v[0]), g.shift(k, 1.0)));
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::gamma_upper>(g, x, v, 0.0); }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::log_gamma_upper>(g, x, v, minus_infinity); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return at<Kernel::log_gamma_upper>(g, x, v, minus_infinity);
+}
 NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::gamma_lower>(g, x, v, 1.0); }
 NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::log_gamma_lower>(g, x, v, 0.0); }
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kernel::poisson_quantile, p, v[0]); }
@@ -67,9 +73,15 @@ template <Kernel tail> NodeId at(GraphBuilder& g, NodeId x, const NodeId* v, dou
   return from_zero(g, k, value_below, g.select(beyond, g.constant(value_above), inside));
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::beta_upper>(g, x, v, 0.0, 1.0); }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::log_beta_upper>(g, x, v, minus_infinity, 0.0); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return at<Kernel::log_beta_upper>(g, x, v, minus_infinity, 0.0);
+}
 NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::beta_lower>(g, x, v, 1.0, 0.0); }
-NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::log_beta_lower>(g, x, v, 0.0, minus_infinity); }
+NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return at<Kernel::log_beta_lower>(g, x, v, 0.0, minus_infinity);
+}
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kernel::binomial_quantile, p, v[0], v[1]); }
 } // namespace binomial
 
@@ -77,7 +89,8 @@ namespace negative_binomial { // size, probability: failures before the size-th 
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
   const NodeId p = probability(g, v[1]);
-  const NodeId front = g.subtract(g.call(Kernel::lgamma_ratio, positive(g, v[0]), x), g.call(Kernel::lgamma, g.shift(x, 1.0)));
+  const NodeId front = g.subtract(g.call(Kernel::lgamma_ratio, positive(g, v[0]), x), g.call(Kernel::lgamma,
+      g.shift(x, 1.0)));
   const NodeId l = g.add(front, g.add(count_log(g, v[0], p), count_log(g, x, complement(g, p))));
   return on_whole_numbers(g, x, no_node, l);
 }
@@ -88,7 +101,10 @@ template <Kernel tail> NodeId at(GraphBuilder& g, NodeId x, const NodeId* v, dou
   return from_zero(g, k, value_below, g.apply(tail, {p, positive(g, v[0]), g.shift(k, 1.0), complement(g, p)}));
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::beta_lower>(g, x, v, 0.0); }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::log_beta_lower>(g, x, v, minus_infinity); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return at<Kernel::log_beta_lower>(g, x, v, minus_infinity);
+}
 NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::beta_upper>(g, x, v, 1.0); }
 NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at<Kernel::log_beta_upper>(g, x, v, 0.0); }
 NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
@@ -139,9 +155,18 @@ NodeId sdf(GraphBuilder& g, NodeId x, const NodeId* v)
   const NodeId k = whole(g, x), inside = g.select(g.is_missing(k), g.missing(), probability(g, v[0]));
   return from_zero(g, k, 1.0, g.select(g.compare(Kernel::less_equal, g.one(), k), g.zero(), inside));
 }
-NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::log_or_minus_infinity, cdf(g, x, v)); }
-NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::log_or_minus_infinity, sdf(g, x, v)); }
-NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kernel::binomial_quantile, p, g.one(), v[0]); }
+NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::log_or_minus_infinity, cdf(g, x, v));
+}
+NodeId logsdf(GraphBuilder& g, NodeId x, const NodeId* v)
+{
+  return g.call(Kernel::log_or_minus_infinity, sdf(g, x, v));
+}
+NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
+{
+  return g.call(Kernel::binomial_quantile, p, g.one(), v[0]);
+}
 } // namespace bernoulli
 
 constexpr Distribution rows[] = {
@@ -157,9 +182,13 @@ constexpr Distribution rows[] = {
     {"BERNOULLI", "", 1, 1, {}, "p", "0 and 1",
      bernoulli::logpdf, bernoulli::cdf, bernoulli::logcdf, bernoulli::sdf, bernoulli::logsdf, bernoulli::quantile},
 };
+// clang-format on
 
 } // namespace
 
-std::span<const Distribution> discrete_distributions() { return rows; }
+std::span<const Distribution> discrete_distributions()
+{
+  return rows;
+}
 
 } // namespace torvale::engine

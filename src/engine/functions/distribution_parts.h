@@ -17,12 +17,22 @@ inline NodeId below(GraphBuilder& g, NodeId x, double bound)
 {
   return g.and_(g.compare(Kernel::less, x, g.constant(bound)), g.not_(g.is_missing(x)));
 }
-inline NodeId above(GraphBuilder& g, NodeId x, double bound) { return g.compare(Kernel::less, g.constant(bound), x); }
+inline NodeId above(GraphBuilder& g, NodeId x, double bound)
+{
+  return g.compare(Kernel::less, g.constant(bound), x);
+}
 
-inline NodeId positive(GraphBuilder& g, NodeId x) { return g.call(Kernel::positive, x); }
-inline NodeId complement(GraphBuilder& g, NodeId p) { return g.subtract(g.one(), p); }
+inline NodeId positive(GraphBuilder& g, NodeId x)
+{
+  return g.call(Kernel::positive, x);
+}
+inline NodeId complement(GraphBuilder& g, NodeId p)
+{
+  return g.subtract(g.one(), p);
+}
 
-// (a - 1) log x, the factor x**(a-1) of a density at x >= 0. At 0 its limit: infinite with the sign of 1 - a, 0 for a = 1.
+// (a - 1) log x, the factor x**(a-1) of a density at x >= 0. At 0 its limit: infinite with the sign of 1 - a, 0 for a
+// = 1.
 inline NodeId log_power_factor(GraphBuilder& g, NodeId x, NodeId a)
 {
   if (g.is_constant(a, 1.0)) return g.zero();
@@ -40,8 +50,8 @@ inline NodeId count_log(GraphBuilder& g, NodeId count, NodeId p)
 }
 
 // Log densities of standard distributions, which derivatives use too.
-NodeId gamma_log_density(GraphBuilder& g, NodeId x, NodeId shape);                     // scale 1, x > 0
-NodeId beta_log_density(GraphBuilder& g, NodeId x, NodeId y, NodeId a, NodeId b);      // y = 1 - x, 0 < x < 1
+NodeId gamma_log_density(GraphBuilder& g, NodeId x, NodeId shape);                // scale 1, x > 0
+NodeId beta_log_density(GraphBuilder& g, NodeId x, NodeId y, NodeId a, NodeId b); // y = 1 - x, 0 < x < 1
 NodeId t_log_density(GraphBuilder& g, NodeId t, NodeId df);
 
 // The rows of the two groups.

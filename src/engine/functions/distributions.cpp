@@ -11,7 +11,8 @@ std::span<const Distribution> distributions()
 {
   static const std::vector<Distribution> all = [] {
     std::vector<Distribution> rows;
-    for (const auto group : {continuous_distributions(), discrete_distributions()}) rows.insert(rows.end(), group.begin(), group.end());
+    for (const auto group : {continuous_distributions(), discrete_distributions()})
+      rows.insert(rows.end(), group.begin(), group.end());
     return rows;
   }();
   return all;
@@ -31,7 +32,8 @@ std::string unknown_distribution(std::string_view name)
   std::vector<std::string_view> known;
   for (const Distribution& d : distributions()) known.push_back(d.name);
   std::string text = "There is no distribution named '" + std::string(name) + "'.";
-  if (const std::string_view near = nearest_among(name, known); !near.empty()) return text + " Did you mean '" + std::string(near) + "'?";
+  if (const std::string_view near = nearest_among(name, known); !near.empty())
+    return text + " Did you mean '" + std::string(near) + "'?";
   text += " Known are";
   for (const std::string_view k : known) text += (k == known.front() ? " " : ", ") + std::string(k);
   return text + ".";
@@ -49,8 +51,9 @@ NodeId expand_distribution(GraphBuilder& g, DistributionQuestion q, std::string_
   }
   const int given = static_cast<int>(arguments.size()) - 1;
   if (given < d->least || given > d->most) {
-    *error = "The distribution " + std::string(d->name) + " takes " + (q == DistributionQuestion::quantile ? "a probability" : "a value") +
-             " and the parameters (" + std::string(d->parameters) + "), but " + std::to_string(given < 0 ? 0 : given) +
+    *error = "The distribution " + std::string(d->name) + " takes " +
+             (q == DistributionQuestion::quantile ? "a probability" : "a value") + " and the parameters (" +
+             std::string(d->parameters) + "), but " + std::to_string(given < 0 ? 0 : given) +
              (given == 1 ? " parameter is given." : " parameters are given.");
     return no_node;
   }
@@ -61,13 +64,20 @@ NodeId expand_distribution(GraphBuilder& g, DistributionQuestion q, std::string_
   }
   const NodeId x = arguments[0];
   switch (q) {
-  case DistributionQuestion::pdf: return g.call(Kernel::exp, d->logpdf(g, x, v));
-  case DistributionQuestion::logpdf: return d->logpdf(g, x, v);
-  case DistributionQuestion::cdf: return d->cdf(g, x, v);
-  case DistributionQuestion::logcdf: return d->logcdf(g, x, v);
-  case DistributionQuestion::sdf: return d->sdf(g, x, v);
-  case DistributionQuestion::logsdf: return d->logsdf(g, x, v);
-  case DistributionQuestion::quantile: return d->quantile(g, x, v);
+  case DistributionQuestion::pdf:
+    return g.call(Kernel::exp, d->logpdf(g, x, v));
+  case DistributionQuestion::logpdf:
+    return d->logpdf(g, x, v);
+  case DistributionQuestion::cdf:
+    return d->cdf(g, x, v);
+  case DistributionQuestion::logcdf:
+    return d->logcdf(g, x, v);
+  case DistributionQuestion::sdf:
+    return d->sdf(g, x, v);
+  case DistributionQuestion::logsdf:
+    return d->logsdf(g, x, v);
+  case DistributionQuestion::quantile:
+    return d->quantile(g, x, v);
   }
   return no_node;
 }

@@ -10,15 +10,24 @@ namespace {
 
 using Nodes = std::span<const NodeId>;
 
-template <Kernel k> NodeId kernel(GraphBuilder& g, Nodes x, std::string*) { return g.apply(k, x); }
+template <Kernel k> NodeId kernel(GraphBuilder& g, Nodes x, std::string*)
+{
+  return g.apply(k, x);
+}
 
 NodeId round_rule(GraphBuilder& g, Nodes x, std::string*)
 {
   return x.size() == 1 ? g.call(Kernel::round, x[0]) : g.call(Kernel::round_to, x[0], x[1]);
 }
+// One line each, so that the family reads as a table.
+// clang-format off
 NodeId fact_rule(GraphBuilder& g, Nodes x, std::string*) { return g.call(Kernel::gamma, g.shift(x[0], 1.0)); }
 NodeId lfact_rule(GraphBuilder& g, Nodes x, std::string*) { return g.call(Kernel::lgamma, g.shift(x[0], 1.0)); }
-NodeId beta_rule(GraphBuilder& g, Nodes x, std::string*) { return g.call(Kernel::exp, g.call(Kernel::lbeta, x[0], x[1])); }
+NodeId beta_rule(GraphBuilder& g, Nodes x, std::string*)
+{
+  return g.call(Kernel::exp, g.call(Kernel::lbeta, x[0], x[1]));
+}
+// clang-format on
 NodeId lcomb_rule(GraphBuilder& g, Nodes x, std::string*)
 {
   const NodeId rest = g.shift(g.subtract(x[0], x[1]), 1.0);
@@ -78,9 +87,12 @@ NodeId with_present(GraphBuilder& g, Nodes x, double least, NodeId value)
 {
   return g.select(g.compare(Kernel::less_equal, g.constant(least), count_rule(g, x, nullptr)), value, g.missing());
 }
+// One line each, so that the family reads as a table.
+// clang-format off
 NodeId sum_rule(GraphBuilder& g, Nodes x, std::string*) { return with_present(g, x, 1.0, sum_of_present(g, x)); }
 NodeId mean_of_present(GraphBuilder& g, Nodes x) { return g.divide(sum_of_present(g, x), count_rule(g, x, nullptr)); }
 NodeId mean_rule(GraphBuilder& g, Nodes x, std::string*) { return with_present(g, x, 1.0, mean_of_present(g, x)); }
+// clang-format on
 NodeId variance_of_present(GraphBuilder& g, Nodes x)
 {
   const NodeId mean = mean_of_present(g, x);
@@ -88,12 +100,18 @@ NodeId variance_of_present(GraphBuilder& g, Nodes x)
   for (const NodeId a : x) sum = g.add(sum, g.select(g.is_missing(a), g.zero(), g.square(g.subtract(a, mean))));
   return g.divide(sum, g.shift(count_rule(g, x, nullptr), -1.0));
 }
-NodeId var_rule(GraphBuilder& g, Nodes x, std::string*) { return with_present(g, x, 2.0, variance_of_present(g, x)); }
+NodeId var_rule(GraphBuilder& g, Nodes x, std::string*)
+{
+  return with_present(g, x, 2.0, variance_of_present(g, x));
+}
 NodeId std_rule(GraphBuilder& g, Nodes x, std::string*)
 {
   return with_present(g, x, 2.0, g.call(Kernel::sqrt, variance_of_present(g, x)));
 }
-NodeId missing_rule(GraphBuilder& g, Nodes x, std::string*) { return g.is_missing(x[0]); }
+NodeId missing_rule(GraphBuilder& g, Nodes x, std::string*)
+{
+  return g.is_missing(x[0]);
+}
 NodeId coalesce_rule(GraphBuilder& g, Nodes x, std::string*)
 {
   NodeId value = x.back();
@@ -106,6 +124,8 @@ constexpr FunctionClass text = FunctionClass::text;
 constexpr FunctionClass distribution = FunctionClass::distribution;
 constexpr DistributionQuestion none = DistributionQuestion::pdf; // of rows that are not distributions
 
+// One row for each function.
+// clang-format off
 constexpr LanguageFunction rows[] = {
     // Arithmetic and rounding
     {"ABS", "", numeric, 1, 1, kernel<Kernel::absolute>, none, "x", "absolute value"},
@@ -116,7 +136,8 @@ constexpr LanguageFunction rows[] = {
     {"INT", "", numeric, 1, 1, kernel<Kernel::truncate>, none, "x", "whole part, towards 0"},
     {"FLOOR", "", numeric, 1, 1, kernel<Kernel::floor>, none, "x", "greatest whole number that is not above x"},
     {"CEIL", "CEILING", numeric, 1, 1, kernel<Kernel::ceil>, none, "x", "least whole number that is not below x"},
-    {"ROUND", "", numeric, 1, 2, round_rule, none, "x [, unit]", "nearest whole number or multiple of unit, halves away from 0"},
+    {"ROUND", "", numeric, 1, 2, round_rule, none, "x [, unit]",
+     "nearest whole number or multiple of unit, halves away from 0"},
     {"SQRT", "", numeric, 1, 1, kernel<Kernel::sqrt>, none, "x", "square root"},
     // Exponential functions and logarithms
     {"EXP", "", numeric, 1, 1, kernel<Kernel::exp>, none, "x", "e to the power x"},
@@ -147,7 +168,8 @@ constexpr LanguageFunction rows[] = {
     {"ERF", "", numeric, 1, 1, kernel<Kernel::erf>, none, "x", "error function"},
     {"ERFC", "", numeric, 1, 1, kernel<Kernel::erfc>, none, "x", "1 - erf(x), accurate for large x"},
     {"GAMMA", "", numeric, 1, 1, kernel<Kernel::gamma>, none, "x", "gamma function"},
-    {"LGAMMA", "", numeric, 1, 1, kernel<Kernel::lgamma>, none, "x", "logarithm of the absolute value of the gamma function"},
+    {"LGAMMA", "", numeric, 1, 1, kernel<Kernel::lgamma>, none, "x",
+     "logarithm of the absolute value of the gamma function"},
     {"LGAMMARATIO", "", numeric, 2, 2, kernel<Kernel::lgamma_ratio>, none, "a, b",
      "LGAMMA(a + b) - LGAMMA(a) for a, a + b above 0, without cancellation"},
     {"DIGAMMA", "", numeric, 1, 1, kernel<Kernel::digamma>, none, "x", "derivative of LGAMMA"},
@@ -161,12 +183,18 @@ constexpr LanguageFunction rows[] = {
     // Distributions
     {"PHI", "", numeric, 1, 1, kernel<Kernel::normal_cdf>, none, "x", "standard normal distribution function"},
     {"PROBIT", "", numeric, 1, 1, kernel<Kernel::normal_quantile>, none, "p", "standard normal quantile"},
-    {"PDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::pdf, "'name', x, parameters", "density or probability of x"},
-    {"LOGPDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::logpdf, "'name', x, parameters", "its logarithm"},
-    {"CDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::cdf, "'name', x, parameters", "probability of at most x"},
-    {"LOGCDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::logcdf, "'name', x, parameters", "its logarithm"},
-    {"SDF", "SURVIVAL", distribution, 2, any_number, nullptr, DistributionQuestion::sdf, "'name', x, parameters", "probability of more than x"},
-    {"LOGSDF", "LOGSURVIVAL", distribution, 2, any_number, nullptr, DistributionQuestion::logsdf, "'name', x, parameters", "its logarithm"},
+    {"PDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::pdf, "'name', x, parameters",
+     "density or probability of x"},
+    {"LOGPDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::logpdf, "'name', x, parameters",
+     "its logarithm"},
+    {"CDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::cdf, "'name', x, parameters",
+     "probability of at most x"},
+    {"LOGCDF", "", distribution, 2, any_number, nullptr, DistributionQuestion::logcdf, "'name', x, parameters",
+     "its logarithm"},
+    {"SDF", "SURVIVAL", distribution, 2, any_number, nullptr, DistributionQuestion::sdf, "'name', x, parameters",
+     "probability of more than x"},
+    {"LOGSDF", "LOGSURVIVAL", distribution, 2, any_number, nullptr, DistributionQuestion::logsdf,
+     "'name', x, parameters", "its logarithm"},
     {"QUANTILE", "", distribution, 2, any_number, nullptr, DistributionQuestion::quantile, "'name', p, parameters",
      "least x whose CDF reaches p, 0 < p < 1"},
     // Statistics of the arguments that are not missing
@@ -174,16 +202,21 @@ constexpr LanguageFunction rows[] = {
     {"MEAN", "", numeric, 1, any_number, mean_rule, none, "x, ...", "mean"},
     {"VAR", "", numeric, 2, any_number, var_rule, none, "x, ...", "variance, divisor n - 1"},
     {"STD", "", numeric, 2, any_number, std_rule, none, "x, ...", "standard deviation, divisor n - 1"},
-    {"N", "", FunctionClass::any, 1, any_number, count_rule, none, "x, ...", "number of arguments that are not missing"},
-    {"NMISS", "", FunctionClass::any, 1, any_number, nmiss_rule, none, "x, ...", "number of arguments that are missing"},
-    {"MISSING", "", FunctionClass::any, 1, 1, missing_rule, none, "x", "1 when x is missing, a text when it is blank; else 0"},
-    {"COALESCE", "", FunctionClass::any, 1, any_number, coalesce_rule, none, "x, ...", "first argument that is not missing"},
+    {"N", "", FunctionClass::any, 1, any_number, count_rule, none, "x, ...",
+     "number of arguments that are not missing"},
+    {"NMISS", "", FunctionClass::any, 1, any_number, nmiss_rule, none, "x, ...",
+     "number of arguments that are missing"},
+    {"MISSING", "", FunctionClass::any, 1, 1, missing_rule, none, "x",
+     "1 when x is missing, a text when it is blank; else 0"},
+    {"COALESCE", "", FunctionClass::any, 1, any_number, coalesce_rule, none, "x, ...",
+     "first argument that is not missing"},
     // Arrays
     {"DIM", "", FunctionClass::array, 1, 2, nullptr, none, "array [, dimension]", "number of elements of a dimension"},
     {"LBOUND", "", FunctionClass::array, 1, 2, nullptr, none, "array [, dimension]", "lower bound of a dimension"},
     {"HBOUND", "", FunctionClass::array, 1, 2, nullptr, none, "array [, dimension]", "upper bound of a dimension"},
     // Values of earlier records of the subject
-    {"LAG", "", FunctionClass::history, 1, 1, nullptr, none, "x", "x at the record before; LAGn: n records before, n at most 100"},
+    {"LAG", "", FunctionClass::history, 1, 1, nullptr, none, "x",
+     "x at the record before; LAGn: n records before, n at most 100"},
     {"DIF", "", FunctionClass::history, 1, 1, nullptr, none, "x", "x - LAG(x); DIFn: x - LAGn(x)"},
     // Random numbers
     {"UNIFORM", "", FunctionClass::random, 0, 1, nullptr, none, "[seed]", "random number, uniform between 0 and 1"},
@@ -197,18 +230,23 @@ constexpr LanguageFunction rows[] = {
     {"LOWCASE", "LOWER", text, 1, 1, nullptr, none, "text", "in lower case"},
     {"PROPCASE", "", text, 1, 1, nullptr, none, "text", "every word with one capital"},
     {"REVERSE", "", text, 1, 1, nullptr, none, "text", "characters in reverse order"},
-    {"COMPRESS", "", text, 1, 2, nullptr, none, "text [, characters]", "text without blanks, or without the characters"},
+    {"COMPRESS", "", text, 1, 2, nullptr, none, "text [, characters]",
+     "text without blanks, or without the characters"},
     {"REPEAT", "", text, 2, 2, nullptr, none, "text, n", "text followed by n copies of it"},
     {"TRANWRD", "REPLACE", text, 3, 3, nullptr, none, "text, from, to", "every occurrence of from replaced by to"},
-    {"TRANSLATE", "", text, 3, 3, nullptr, none, "text, to, from", "characters of from replaced by those of to at the same place"},
-    {"SCAN", "WORD", text, 2, 3, nullptr, none, "text, n [, separators]", "word n of a text, from its end for negative n"},
+    {"TRANSLATE", "", text, 3, 3, nullptr, none, "text, to, from",
+     "characters of from replaced by those of to at the same place"},
+    {"SCAN", "WORD", text, 2, 3, nullptr, none, "text, n [, separators]",
+     "word n of a text, from its end for negative n"},
     {"CAT", "", text, 1, any_number, nullptr, none, "text, ...", "texts joined, blanks kept"},
     {"CATS", "", text, 1, any_number, nullptr, none, "text, ...", "texts joined, each without blanks at both ends"},
     {"LENGTH", "", text, 1, 1, nullptr, none, "text", "number of characters without blanks at the end, at least 1"},
     {"LENGTHN", "", text, 1, 1, nullptr, none, "text", "the same, 0 for a blank text"},
     {"INDEX", "FIND", text, 2, 2, nullptr, none, "text, part", "position of the part, 0 when it is absent"},
-    {"INDEXC", "", text, 2, 2, nullptr, none, "text, characters", "first position that holds one of the characters, else 0"},
-    {"VERIFY", "", text, 2, 2, nullptr, none, "text, characters", "first position that holds none of the characters, else 0"},
+    {"INDEXC", "", text, 2, 2, nullptr, none, "text, characters",
+     "first position that holds one of the characters, else 0"},
+    {"VERIFY", "", text, 2, 2, nullptr, none, "text, characters",
+     "first position that holds none of the characters, else 0"},
     {"COUNT", "", text, 2, 2, nullptr, none, "text, part", "number of occurrences"},
     {"COUNTW", "WORDS", text, 1, 2, nullptr, none, "text [, separators]", "number of words"},
     {"RANK", "", text, 1, 1, nullptr, none, "text", "code of the first character"},
@@ -216,10 +254,13 @@ constexpr LanguageFunction rows[] = {
     {"INPUT", "", text, 1, 2, nullptr, none, "text [, format]", "text as number"},
 };
 
+// clang-format on
 // n of LAGn, DIFn: 1 to 100 after the stem; 0 when the name is of another form.
 int history_order(std::string_view name, std::string_view stem)
 {
-  if (name.size() <= stem.size() || name.size() > stem.size() + 3 || !syntax::same_name(name.substr(0, stem.size()), stem)) return 0;
+  if (name.size() <= stem.size() || name.size() > stem.size() + 3 ||
+      !syntax::same_name(name.substr(0, stem.size()), stem))
+    return 0;
   int n = 0;
   for (const char c : name.substr(stem.size())) {
     if (c < '0' || c > '9') return 0;
@@ -230,7 +271,10 @@ int history_order(std::string_view name, std::string_view stem)
 
 } // namespace
 
-std::span<const LanguageFunction> language_functions() { return rows; }
+std::span<const LanguageFunction> language_functions()
+{
+  return rows;
+}
 
 const LanguageFunction* find_function(std::string_view name, int* order)
 {
@@ -257,29 +301,40 @@ std::string argument_fault(const LanguageFunction& f, int count)
   if (count >= f.least && (f.most == any_number || count <= f.most)) return {};
   const std::string least = std::to_string(f.least);
   std::string takes = least;
-  if (f.most == any_number) takes = "at least " + least;
-  else if (f.most == f.least + 1) takes = least + " or " + std::to_string(f.most);
-  else if (f.most > f.least) takes = least + " to " + std::to_string(f.most);
+  if (f.most == any_number)
+    takes = "at least " + least;
+  else if (f.most == f.least + 1)
+    takes = least + " or " + std::to_string(f.most);
+  else if (f.most > f.least)
+    takes = least + " to " + std::to_string(f.most);
   const bool one = f.most == 1 || (f.most == any_number && f.least == 1);
   return "The function " + std::string(f.name) + "(" + std::string(f.arguments) + ") takes " + takes +
-         (one ? " argument, but " : " arguments, but ") + std::to_string(count) + (count == 1 ? " is given." : " are given.");
+         (one ? " argument, but " : " arguments, but ") + std::to_string(count) +
+         (count == 1 ? " is given." : " are given.");
 }
 
-NodeId expand_function(GraphBuilder& g, const LanguageFunction& f, std::span<const NodeId> arguments, std::string* error)
+NodeId expand_function(GraphBuilder& g, const LanguageFunction& f, std::span<const NodeId> arguments,
+                       std::string* error)
 {
   *error = argument_fault(f, static_cast<int>(arguments.size()));
   if (error->empty() && f.expand == nullptr) *error = "The function " + std::string(f.name) + " cannot be used here.";
   return error->empty() ? f.expand(g, arguments, error) : no_node;
 }
 
-NodeId expand_random(GraphBuilder& g, const LanguageFunction& f, NodeId seed, NodeId row, NodeId call_site, NodeId count,
-                     std::span<const NodeId> arguments)
+NodeId expand_random(GraphBuilder& g, const LanguageFunction& f, NodeId seed, NodeId row, NodeId call_site,
+                     NodeId count, std::span<const NodeId> arguments)
 {
   const Kernel draw = f.name == "UNIFORM" ? Kernel::uniform_random : Kernel::normal_random;
   return g.apply(draw, {arguments.empty() ? seed : arguments[0], row, call_site, count});
 }
 
-NodeId least_of(GraphBuilder& g, NodeId a, NodeId b) { return g.select(g.compare(Kernel::less_equal, a, b), a, b); }
-NodeId greatest_of(GraphBuilder& g, NodeId a, NodeId b) { return g.select(g.compare(Kernel::less_equal, b, a), a, b); }
+NodeId least_of(GraphBuilder& g, NodeId a, NodeId b)
+{
+  return g.select(g.compare(Kernel::less_equal, a, b), a, b);
+}
+NodeId greatest_of(GraphBuilder& g, NodeId a, NodeId b)
+{
+  return g.select(g.compare(Kernel::less_equal, b, a), a, b);
+}
 
 } // namespace torvale::engine

@@ -23,7 +23,8 @@ bool is_spelling(std::string_view name, std::string_view main, std::string_view 
 int letters_apart(std::string_view a, std::string_view b, int limit)
 {
   constexpr std::size_t longest = 32; // names are no longer
-  if (a.size() > longest || b.size() > longest || std::abs(static_cast<int>(a.size()) - static_cast<int>(b.size())) > limit)
+  if (a.size() > longest || b.size() > longest ||
+      std::abs(static_cast<int>(a.size()) - static_cast<int>(b.size())) > limit)
     return limit + 1;
   const auto same = [&](std::size_t i, std::size_t j) { return syntax::same_name(a.substr(i, 1), b.substr(j, 1)); };
   std::array<std::array<int, longest + 1>, 3> rows{};

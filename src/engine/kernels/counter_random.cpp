@@ -23,17 +23,22 @@ std::uint64_t philox(std::uint32_t c0, std::uint32_t c1, std::uint32_t c2, std::
   return (std::uint64_t{c1} << 32) | c0;
 }
 
-std::uint64_t whole(double x) { return static_cast<std::uint64_t>(static_cast<std::int64_t>(x)); }
+std::uint64_t whole(double x)
+{
+  return static_cast<std::uint64_t>(static_cast<std::int64_t>(x));
+}
 
 } // namespace
 
 double uniform_at(double seed, double observation, double call_site, double count)
 {
-  const double largest = std::fmax(std::fmax(std::fabs(seed), std::fabs(observation)), std::fmax(std::fabs(call_site), std::fabs(count)));
+  const double largest =
+      std::fmax(std::fmax(std::fabs(seed), std::fabs(observation)), std::fmax(std::fabs(call_site), std::fabs(count)));
   if (std::isnan(seed + observation + call_site + count) || largest > 0x1p53) return std::nan("");
   const std::uint64_t row = whole(observation);
-  const std::uint64_t bits = philox(static_cast<std::uint32_t>(row), static_cast<std::uint32_t>(row >> 32),
-                                    static_cast<std::uint32_t>(whole(call_site)), static_cast<std::uint32_t>(whole(count)), whole(seed));
+  const std::uint64_t bits =
+      philox(static_cast<std::uint32_t>(row), static_cast<std::uint32_t>(row >> 32),
+             static_cast<std::uint32_t>(whole(call_site)), static_cast<std::uint32_t>(whole(count)), whole(seed));
   return (static_cast<double>(bits >> 11) + 0.5) * 0x1p-53;
 }
 

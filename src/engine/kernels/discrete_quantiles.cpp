@@ -51,7 +51,8 @@ template <class TailsAt> double smallest_reaching(double p, double guess, double
 
 double binomial_quantile(double p, double trials, double probability)
 {
-  if (!(p > 0.0 && p < 1.0 && trials >= 0.0 && trials < most && probability >= 0.0 && probability <= 1.0)) return not_a_number;
+  if (!(p > 0.0 && p < 1.0 && trials >= 0.0 && trials < most && probability >= 0.0 && probability <= 1.0))
+    return not_a_number;
   trials = std::floor(trials);
   if (probability == 0.0 || trials == 0.0) return 0.0;
   if (probability == 1.0) return trials;
@@ -72,11 +73,13 @@ double poisson_quantile(double p, double mean)
 
 double negative_binomial_quantile(double p, double size, double probability)
 {
-  if (!(p > 0.0 && p < 1.0 && size > 0.0 && size < most && probability > 0.0 && probability <= 1.0)) return not_a_number;
+  if (!(p > 0.0 && p < 1.0 && size > 0.0 && size < most && probability > 0.0 && probability <= 1.0))
+    return not_a_number;
   if (probability == 1.0) return 0.0;
   const double mean = size * (1.0 - probability) / probability, sd = std::sqrt(mean / probability);
-  return smallest_reaching(p, mean + sd * probability::zprobit(p), most,
-                           [=](double k) { return probability::beta_tails(probability::beta_point(probability), size, k + 1.0); });
+  return smallest_reaching(p, mean + sd * probability::zprobit(p), most, [=](double k) {
+    return probability::beta_tails(probability::beta_point(probability), size, k + 1.0);
+  });
 }
 
 } // namespace torvale::engine

@@ -14,6 +14,8 @@ struct InfoRow {
 };
 
 // One row per kernel, in the order of the enumeration (checked below).
+// One row for each kernel.
+// clang-format off
 constexpr InfoRow info_rows[] = {
     {Kernel::copy, {"copy", 1, ""}},
     {Kernel::canonical, {"canonical", 1, ""}},
@@ -123,27 +125,36 @@ constexpr InfoRow info_rows[] = {
     {Kernel::log_gamma_upper, {"log_gamma_upper", 2, "gamma distribution outside its domain"}},
     {Kernel::log_gamma_lower_by_shape, {"log_gamma_lower_by_shape", 3, "gamma distribution outside its domain"}},
     {Kernel::log_gamma_upper_by_shape, {"log_gamma_upper_by_shape", 3, "gamma distribution outside its domain"}},
-    {Kernel::gamma_quantile, {"gamma_quantile", 2, "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
-    {Kernel::gamma_upper_quantile, {"gamma_upper_quantile", 2, "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
+    {Kernel::gamma_quantile, {"gamma_quantile", 2,
+     "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
+    {Kernel::gamma_upper_quantile, {"gamma_upper_quantile", 2,
+     "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
     {Kernel::beta_lower, {"beta_lower", 4, "beta distribution outside its domain"}},
     {Kernel::beta_upper, {"beta_upper", 4, "beta distribution outside its domain"}},
     {Kernel::log_beta_lower, {"log_beta_lower", 4, "beta distribution outside its domain"}},
     {Kernel::log_beta_upper, {"log_beta_upper", 4, "beta distribution outside its domain"}},
     {Kernel::log_beta_lower_by_shapes, {"log_beta_lower_by_shapes", 6, "beta distribution outside its domain"}},
     {Kernel::log_beta_upper_by_shapes, {"log_beta_upper_by_shapes", 6, "beta distribution outside its domain"}},
-    {Kernel::beta_quantile, {"beta_quantile", 3, "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
-    {Kernel::beta_quantile_complement, {"beta_quantile_complement", 3, "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
+    {Kernel::beta_quantile, {"beta_quantile", 3,
+     "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
+    {Kernel::beta_quantile_complement, {"beta_quantile_complement", 3,
+     "quantile of a probability not inside 0 to 1, or a shape that is not above zero"}},
     {Kernel::t_lower, {"t_lower", 2, "degrees of freedom that are not above zero"}},
     {Kernel::log_t_lower, {"log_t_lower", 2, "degrees of freedom that are not above zero"}},
     {Kernel::log_t_lower_by_df, {"log_t_lower_by_df", 3, "degrees of freedom that are not above zero"}},
-    {Kernel::t_quantile, {"t_quantile", 2, "quantile of a probability not inside 0 to 1, or degrees of freedom that are not above zero"}},
-    {Kernel::binomial_quantile, {"binomial_quantile", 3, "quantile of a probability not inside 0 to 1, or a parameter outside its range"}},
-    {Kernel::poisson_quantile, {"poisson_quantile", 2, "quantile of a probability not inside 0 to 1, or a mean that is not above zero"}},
-    {Kernel::negative_binomial_quantile, {"negative_binomial_quantile", 3, "quantile of a probability not inside 0 to 1, or a parameter outside its range"}},
+    {Kernel::t_quantile, {"t_quantile", 2,
+     "quantile of a probability not inside 0 to 1, or degrees of freedom that are not above zero"}},
+    {Kernel::binomial_quantile, {"binomial_quantile", 3,
+     "quantile of a probability not inside 0 to 1, or a parameter outside its range"}},
+    {Kernel::poisson_quantile, {"poisson_quantile", 2,
+     "quantile of a probability not inside 0 to 1, or a mean that is not above zero"}},
+    {Kernel::negative_binomial_quantile, {"negative_binomial_quantile", 3,
+     "quantile of a probability not inside 0 to 1, or a parameter outside its range"}},
     {Kernel::uniform_random, {"uniform_random", 4, ""}},
     {Kernel::normal_random, {"normal_random", 4, ""}},
 };
 
+// clang-format on
 consteval bool rows_in_order()
 {
   if (std::size(info_rows) != kernel_count) return false;
@@ -160,8 +171,10 @@ struct UsableKernels {
   UsableKernels()
   {
 #if defined(__x86_64__)
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) table[static_cast<std::size_t>(n++)] = &avx2_kernels;
-    if (n == 2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl"))
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
+      table[static_cast<std::size_t>(n++)] = &avx2_kernels;
+    if (n == 2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+        __builtin_cpu_supports("avx512vl"))
       table[static_cast<std::size_t>(n++)] = &avx512_kernels;
 #endif
   }
@@ -181,7 +194,10 @@ const KernelTable*& current()
 
 } // namespace
 
-const KernelTable& kernels() { return *current(); }
+const KernelTable& kernels()
+{
+  return *current();
+}
 
 bool set_kernels(std::string_view isa)
 {
@@ -200,7 +216,10 @@ const KernelTable* const* usable_kernels(int& n)
   return usable().table.data();
 }
 
-const KernelInfo& kernel_info(Kernel k) { return info_rows[static_cast<std::size_t>(k)].info; }
+const KernelInfo& kernel_info(Kernel k)
+{
+  return info_rows[static_cast<std::size_t>(k)].info;
+}
 
 double run_kernel(Kernel k, const double* operands)
 {

@@ -20,6 +20,8 @@ namespace torvale::engine {
 inline constexpr int lane_padding = 8;
 
 // What a kernel does, with operands a, b, c, ... in order. "Missing" is a NaN of any kind.
+// Operations of a kind on neighbouring lines.
+// clang-format off
 enum class Kernel : std::uint16_t {
   copy,                 // a
   canonical,            // a; the ordinary missing value in place of a NaN that is not a missing value
@@ -52,7 +54,7 @@ enum class Kernel : std::uint16_t {
   least,                // MIN: a missing operand is passed over
   greatest,             // MAX and a <> b: a missing operand is passed over
 
-  // Rounding. An argument below 1e9 within 1e-12, or 4 units in the last place, of a whole number counts as that number.
+  // Rounding. An argument below 1e9 within 1e-12, or 4 units in the last place, of a whole number counts as that one.
   floor, ceil, truncate,
   round,                // half away from 0
   round_to,             // a to the nearest multiple of b; missing when b is 0
@@ -112,7 +114,7 @@ enum class Kernel : std::uint16_t {
   beta_quantile,        // x whose lower tail is a, with shapes b and c
   beta_quantile_complement, // 1 - x of it, without cancellation
 
-  // Student's t at a with b degrees of freedom: lower tail, its log, derivatives of the log by b, of order c (1, 2 or 3).
+  // Student's t at a with b degrees of freedom: lower tail, its log, derivatives of the log by b, of order c (1 to 3).
   t_lower, log_t_lower, log_t_lower_by_df,
 
   // Quantiles with no simpler form.
@@ -128,16 +130,17 @@ enum class Kernel : std::uint16_t {
   count_                // number of kernels
 };
 
+// clang-format on
 inline constexpr std::size_t kernel_count = static_cast<std::size_t>(Kernel::count_);
 inline constexpr int kernel_operands_max = 6;
 
-// A kernel: out[i] = f(in[0][i], in[1][i], ...), i < n. n is a multiple of lane_padding, every array begins on a 64-byte
-// boundary; out may be one of the operands, but must not overlap one otherwise.
+// A kernel: out[i] = f(in[0][i], in[1][i], ...), i < n. n is a multiple of lane_padding, every array begins on a
+// 64-byte boundary; out may be one of the operands, but must not overlap one otherwise.
 using KernelFn = void (*)(double* out, const double* const* in, int n);
 
 // One build of the kernels.
 struct KernelTable {
-  const char* isa = "";        // "baseline", "avx2", "avx512"
+  const char* isa = ""; // "baseline", "avx2", "avx512"
   KernelFn fn[kernel_count] = {};
   KernelFn operator[](Kernel k) const { return fn[static_cast<std::size_t>(k)]; }
 };
@@ -151,9 +154,9 @@ const KernelTable* const* usable_kernels(int& n);
 
 // What is known of a kernel beside its code.
 struct KernelInfo {
-  std::string_view name;       // as in listings: the enumerator
+  std::string_view name; // as in listings: the enumerator
   int operands = 0;
-  std::string_view fault;      // what went wrong when it gives a missing value from present operands; empty: it cannot
+  std::string_view fault; // what went wrong when it gives a missing value from present operands; empty: it cannot
 };
 const KernelInfo& kernel_info(Kernel k);
 

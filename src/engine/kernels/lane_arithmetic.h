@@ -9,6 +9,8 @@ namespace torvale::engine {
 namespace {
 namespace lane {
 
+// One line each, so that the family reads as a table.
+// clang-format off
 inline Lanes copy(Lanes a) { return a; }
 // Missing values have all of their upper 16 bits set, hardware NaNs have not.
 inline Lanes canonical(Lanes a)
@@ -71,7 +73,7 @@ inline Lanes round(Lanes a)
   const Lanes size = magnitude(a);
   return if_else(size < all(0x1p52), copy_sign(largest_whole_below(without_fuzz(size + all(0.5))), a), a);
 }
-// Multiples of a unit like 0.01 are formed as n / 100, which is the nearest double to the decimal number; n * 0.01 is not.
+// Multiples of a unit like 0.01 are formed as n / 100, which is the nearest double to the decimal; n * 0.01 is not.
 inline Lanes round_to(Lanes a, Lanes unit)
 {
   const Lanes u = magnitude(unit), n = round(a / u), per_one = all(1.0) / u, whole = nearest_whole(per_one);
@@ -114,6 +116,7 @@ inline Lanes is_missing(Lanes a) { return one_or_zero(is_nan(a)); }
 inline Lanes is_present(Lanes a) { return one_or_zero(a == a); }
 inline Lanes zero_if_missing(Lanes a) { return if_else(is_nan(a), Lanes{}, a); }
 inline Lanes coalesce(Lanes a, Lanes b) { return if_else(is_nan(a), b, a); }
+// clang-format on
 
 } // namespace lane
 } // namespace

@@ -12,18 +12,23 @@ namespace lane {
 
 constexpr double circle_constant = 3.14159265358979323846;
 
-inline Mask is_pole(Lanes x) { return (x <= Lanes{}) & (nearest_whole(x) == x); }
+inline Mask is_pole(Lanes x)
+{
+  return (x <= Lanes{}) & (nearest_whole(x) == x);
+}
 
 // log gamma(2 + t) / t on [-1/2, 1/2], Chebyshev expansion of degree 17 as a polynomial; error 5e-18.
-constexpr double lgamma_about_two[] = {
-    2.7475390051909663e-07, -5.811277768921246e-07, 9.242852225162277e-07,  -1.9743106888421067e-06, 4.3828545383846665e-06,
-    -9.45628851510172e-06,  2.050601970174762e-05,  -4.4923727564247656e-05, 9.945761692157133e-05,  -0.00022315497746292723,
-    0.0005096695196526673,  -0.0011927539009983087, 0.002890510330865901,   -0.007385551028935545,   0.02058080842778338,
-    -0.06735230105319563,   0.3224670334241132,     0.42278433509846713};
+constexpr double lgamma_about_two[] = {2.7475390051909663e-07,  -5.811277768921246e-07,  9.242852225162277e-07,
+                                       -1.9743106888421067e-06, 4.3828545383846665e-06,  -9.45628851510172e-06,
+                                       2.050601970174762e-05,   -4.4923727564247656e-05, 9.945761692157133e-05,
+                                       -0.00022315497746292723, 0.0005096695196526673,   -0.0011927539009983087,
+                                       0.002890510330865901,    -0.007385551028935545,   0.02058080842778338,
+                                       -0.06735230105319563,    0.3224670334241132,      0.42278433509846713};
 
-// B(2k) / (2k (2k - 1)), k = 8 .. 1: Stirling's series for log gamma in 1/x^2, times x. From 8 up its error is below 1e-16.
-constexpr double stirling[] = {-3617.0 / 122400, 1.0 / 156,   -691.0 / 360360, 1.0 / 1188,
-                               -1.0 / 1680,      1.0 / 1260,  -1.0 / 360,      1.0 / 12};
+// B(2k) / (2k (2k - 1)), k = 8 .. 1: Stirling's series for log gamma in 1/x^2, times x. From 8 up its error is below
+// 1e-16.
+constexpr double stirling[] = {-3617.0 / 122400, 1.0 / 156,  -691.0 / 360360, 1.0 / 1188,
+                               -1.0 / 1680,      1.0 / 1260, -1.0 / 360,      1.0 / 12};
 
 // log gamma(x), x > 0, 4 ulp of max(result, 1e-2 of its terms): relative accuracy is kept at the zeros 1 and 2.
 // From 8 up Stirling's formula. Below, with k the whole number nearest to x and t = x - k,
@@ -115,7 +120,8 @@ template <int N> inline Lanes cotangent_derivative(Lanes x)
 // with y = x + n the first argument where eight terms of the series suffice.
 template <int N> inline Lanes polygamma_positive(Lanes x)
 {
-  constexpr double bernoulli[] = {1.0 / 6, -1.0 / 30, 1.0 / 42, -1.0 / 30, 5.0 / 66, -691.0 / 2730, 7.0 / 6, -3617.0 / 510};
+  constexpr double bernoulli[] = {1.0 / 6,  -1.0 / 30,     1.0 / 42, -1.0 / 30,
+                                  5.0 / 66, -691.0 / 2730, 7.0 / 6,  -3617.0 / 510};
   constexpr double start = N == 1 ? 10.0 : 16.0;
   double c[8] = {}; // B(2k) (2k+N-1)! / (2k)!, k = 8 .. 1
   for (int k = 1; k <= 8; ++k) {
@@ -149,17 +155,34 @@ template <int N> inline Lanes polygamma(Lanes a)
   const Mask negative = a <= Lanes{};
   const Lanes positive = if_else(negative, all(1.0) - a, a);
   Lanes r;
-  if constexpr (N == 0) r = digamma_positive(positive);
-  else r = polygamma_positive<N>(positive);
+  if constexpr (N == 0)
+    r = digamma_positive(positive);
+  else
+    r = polygamma_positive<N>(positive);
   if (any(negative)) r = if_else(negative, (N % 2 == 0 ? r : -r) - cotangent_derivative<N>(a), r);
   return unless(is_pole(a) | is_nan(a), r);
 }
 
-inline Lanes digamma(Lanes a) { return polygamma<0>(a); }
-inline Lanes trigamma(Lanes a) { return polygamma<1>(a); }
-inline Lanes tetragamma(Lanes a) { return polygamma<2>(a); }
-inline Lanes pentagamma(Lanes a) { return polygamma<3>(a); }
-inline Lanes hexagamma(Lanes a) { return polygamma<4>(a); }
+inline Lanes digamma(Lanes a)
+{
+  return polygamma<0>(a);
+}
+inline Lanes trigamma(Lanes a)
+{
+  return polygamma<1>(a);
+}
+inline Lanes tetragamma(Lanes a)
+{
+  return polygamma<2>(a);
+}
+inline Lanes pentagamma(Lanes a)
+{
+  return polygamma<3>(a);
+}
+inline Lanes hexagamma(Lanes a)
+{
+  return polygamma<4>(a);
+}
 
 // log gamma(a + b) - log gamma(a), a > 0, a + b > 0; 1e-15 relative to the larger of the result and b. Where both
 // arguments reach 8 the difference of the two Stirling formulas, in which the large terms have cancelled on paper:

@@ -1,5 +1,5 @@
-// The lane kernels of one instruction set: this file is compiled once for each, with the flags of that set, and its table
-// is named accordingly. Only what stands in unnamed namespaces may be used here (see vector.h).
+// The lane kernels of one instruction set: this file is compiled once for each, with the flags of that set, and its
+// table is named accordingly. Only what stands in unnamed namespaces may be used here (see vector.h).
 
 #include "engine/kernels/builds.h"
 #include "engine/kernels/lane_arithmetic.h"

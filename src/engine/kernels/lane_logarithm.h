@@ -1,6 +1,6 @@
 #pragma once
-// The natural logarithm on one vector of lanes: our own, because SLEEF's takes twice as long with two or four lanes (6.8
-// against 2.7 ns with two, 2.1 against 1.0 with four, 0.56 against 0.48 with eight) at the same error of 0.67 ulp.
+// The natural logarithm on one vector of lanes: our own, because SLEEF's takes twice as long with two or four lanes
+// (6.8 against 2.7 ns with two, 2.1 against 1.0 with four, 0.56 against 0.48 with eight) at the same error of 0.67 ulp.
 
 #include "engine/kernels/lane_arithmetic.h"
 
@@ -13,15 +13,16 @@ namespace lane {
 // with the minimax polynomial R of K. C. Ng (fdlibm, 1993; error 2^-58), and k log 2 added in two parts.
 inline Lanes log_of_normal(Lanes x, Lanes c)
 {
-  constexpr long long root_half = 0x3FE6A09E667F3BCD; // the bits of sqrt(1/2)
-  const Mask from_root = reinterpret_cast<Mask>(x) - root_half;
+  constexpr unsigned long long root_half = 0x3FE6A09E667F3BCD; // the bits of sqrt(1/2)
+  const Bits from_root = reinterpret_cast<Bits>(x) - root_half;
   // The exponent becomes a double by standing in the low bits of 2^52; the bias of 1022 keeps it from being negative.
-  const Mask exponent = (from_root + 0x3FE0000000000000LL) >> 52;
-  const Lanes k = reinterpret_cast<Lanes>(exponent | 0x4330000000000000LL) - all(0x1p52 + 1022.0);
-  const Lanes m = reinterpret_cast<Lanes>((from_root & 0x000FFFFFFFFFFFFFLL) + root_half);
+  const Bits exponent = (from_root + 0x3FE0000000000000ULL) >> 52;
+  const Lanes k = reinterpret_cast<Lanes>(exponent | 0x4330000000000000ULL) - all(0x1p52 + 1022.0);
+  const Lanes m = reinterpret_cast<Lanes>((from_root & 0x000FFFFFFFFFFFFFULL) + root_half);
 
-  constexpr double r[] = {1.479819860511658591e-01, 1.531383769920937332e-01, 1.818357216161805012e-01, 2.222219843214978396e-01,
-                          2.857142874366239149e-01, 3.999999999940941908e-01, 6.666666666666735130e-01};
+  constexpr double r[] = {1.479819860511658591e-01, 1.531383769920937332e-01, 1.818357216161805012e-01,
+                          2.222219843214978396e-01, 2.857142874366239149e-01, 3.999999999940941908e-01,
+                          6.666666666666735130e-01};
   constexpr double log2_high = 6.93147180369123816490e-01, log2_low = 1.90821492927058770002e-10;
   const Lanes f = m - all(1.0), s = f / (all(2.0) + f), s2 = s * s, half_square = all(0.5) * f * f;
   const Lanes curved = s * (half_square + s2 * polynomial(r, s2));
@@ -41,8 +42,8 @@ inline Lanes natural_log(Lanes x)
   return if_else(x < all(infinity), l, x); // infinity and NaN are themselves
 }
 
-// log(1 + x), x > -1 and infinite; 1 ulp. The rounding error of u = 1 + x is put back: log(1 + x) = log u + (1 + x - u) / u.
-// -infinity at -1, NaN below.
+// log(1 + x), x > -1 and infinite; 1 ulp. The rounding error of u = 1 + x is put back: log(1 + x) = log u + (1 + x - u)
+// / u. -infinity at -1, NaN below.
 inline Lanes natural_log1p(Lanes x)
 {
   constexpr double infinity = __builtin_inf();

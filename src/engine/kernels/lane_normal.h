@@ -10,7 +10,10 @@ namespace lane {
 constexpr double log_sqrt_2pi = 0.91893853320467274;
 
 // The upper half of the digits of x: the product of two such halves is exact.
-inline Lanes upper_half(Lanes x) { return reinterpret_cast<Lanes>(reinterpret_cast<Mask>(x) & ~0x7FFFFFFLL); }
+inline Lanes upper_half(Lanes x)
+{
+  return reinterpret_cast<Lanes>(reinterpret_cast<Mask>(x) & ~0x7FFFFFFLL);
+}
 
 // exp(-x^2 / 2): the rounding of x^2 would cost x^2 / 4 ulp, so it is put back.
 inline Lanes gaussian(Lanes x)
@@ -22,17 +25,22 @@ inline Lanes gaussian(Lanes x)
 }
 
 // Density, all doubles, 3 ulp.
-inline Lanes normal_pdf(Lanes x) { return gaussian(x) * all(0.39894228040143268); }
+inline Lanes normal_pdf(Lanes x)
+{
+  return gaussian(x) * all(0.39894228040143268);
+}
 
-// (u + 5/4) M(u) in s = (u - 4)/(u + 4), for M(u) = (1 - cdf(u)) / pdf(u), the Mills ratio, u >= 0. The map takes all of
-// u >= 0 to [-1, 1), on which the function is smooth, between 1.57 and 1 (Schonfelder, Math. Comp. 32, 1978, does so for
-// erfc): Chebyshev expansion of degree 24 as a polynomial, error 3e-17.
+// (u + 5/4) M(u) in s = (u - 4)/(u + 4), for M(u) = (1 - cdf(u)) / pdf(u), the Mills ratio, u >= 0. The map takes all
+// of u >= 0 to [-1, 1), on which the function is smooth, between 1.57 and 1 (Schonfelder, Math. Comp. 32, 1978, does so
+// for erfc): Chebyshev expansion of degree 24 as a polynomial, error 3e-17.
 constexpr double mills_map[] = {
-    4.771462694884888e-10,  -1.5724327956934649e-09, -6.7664850439745814e-09, 1.2418465283668694e-08, 5.094671523873175e-08,
-    -3.737991018168196e-08, -2.810467887458356e-07,  -3.635411115814709e-08,  1.3316640790731692e-06, 1.1487173869755199e-06,
-    -6.138730512261907e-06, -9.126017138491163e-06,  3.1461913653313266e-05,  5.616939513958355e-05,  -0.00020226287372527533,
-    -0.000265249061085921,  0.0016245484255664642,   -0.0003156336887242596,  -0.012221036258035122,  0.039637497415419484,
-    -0.06136636201310471,   0.026754527518126563,    0.11303501978748494,     -0.3491806072133228,    1.2424250102961936};
+    4.771462694884888e-10,  -1.5724327956934649e-09, -6.7664850439745814e-09, 1.2418465283668694e-08,
+    5.094671523873175e-08,  -3.737991018168196e-08,  -2.810467887458356e-07,  -3.635411115814709e-08,
+    1.3316640790731692e-06, 1.1487173869755199e-06,  -6.138730512261907e-06,  -9.126017138491163e-06,
+    3.1461913653313266e-05, 5.616939513958355e-05,   -0.00020226287372527533, -0.000265249061085921,
+    0.0016245484255664642,  -0.0003156336887242596,  -0.012221036258035122,   0.039637497415419484,
+    -0.06136636201310471,   0.026754527518126563,    0.11303501978748494,     -0.3491806072133228,
+    1.2424250102961936};
 
 // M(u), u >= 0 and infinite, 3 ulp.
 inline Lanes mills_ratio(Lanes u)
@@ -64,9 +72,10 @@ inline Lanes normal_hazard(Lanes x)
   return if_else(x > Lanes{}, p / (all(1.0) - p * m), all(1.0) / m);
 }
 
-// 1 - u M(u) in w = 1/u^2, over w: the asymptotic series 1 - 3w + 15w^2 - ..., to w^9. From u = 20 up its error is below
-// 1e-16 relative.
-constexpr double mills_series[] = {-654729075.0, 34459425.0, -2027025.0, 135135.0, -10395.0, 945.0, -105.0, 15.0, -3.0, 1.0};
+// 1 - u M(u) in w = 1/u^2, over w: the asymptotic series 1 - 3w + 15w^2 - ..., to w^9. From u = 20 up its error is
+// below 1e-16 relative.
+constexpr double mills_series[] = {-654729075.0, 34459425.0, -2027025.0, 135135.0, -10395.0,
+                                   945.0,        -105.0,     15.0,       -3.0,     1.0};
 
 // x + density over distribution function, all doubles; error 3e-13 relative just above -20, 8 ulp below it.
 inline Lanes normal_hazard_excess(Lanes x)

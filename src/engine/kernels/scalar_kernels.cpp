@@ -25,7 +25,10 @@ template <class F> void each_lane(double* out, int n, F f)
   for (int i = 0; i < n; ++i) out[i] = f(i);
 }
 
-bool is_probability(double p) { return p > 0.0 && p < 1.0; }
+bool is_probability(double p)
+{
+  return p > 0.0 && p < 1.0;
+}
 
 // Below the support everything lies above, and above it below.
 constexpr Tails all_above{0.0, 1.0, -infinity, 0.0, -infinity};
@@ -66,10 +69,15 @@ Tails t_at(double t, double df)
   return probability::student_tails(t, df);
 }
 
-int order_of(double x) { return x >= 0.0 && x <= 3.0 ? static_cast<int>(x) : -1; }
+int order_of(double x)
+{
+  return x >= 0.0 && x <= 3.0 ? static_cast<int>(x) : -1;
+}
 
 } // namespace
 
+// One line each, so that the family reads as a table.
+// clang-format off
 void gamma_lower(double* out, const double* const* in, int n) { gamma_tail<&Tails::lower>(out, in, n); }
 void gamma_upper(double* out, const double* const* in, int n) { gamma_tail<&Tails::upper>(out, in, n); }
 void log_gamma_lower(double* out, const double* const* in, int n) { gamma_tail<&Tails::log_lower>(out, in, n); }
@@ -78,6 +86,7 @@ void beta_lower(double* out, const double* const* in, int n) { beta_tail<&Tails:
 void beta_upper(double* out, const double* const* in, int n) { beta_tail<&Tails::upper>(out, in, n); }
 void log_beta_lower(double* out, const double* const* in, int n) { beta_tail<&Tails::log_lower>(out, in, n); }
 void log_beta_upper(double* out, const double* const* in, int n) { beta_tail<&Tails::log_upper>(out, in, n); }
+// clang-format on
 
 void t_lower(double* out, const double* const* in, int n)
 {
@@ -99,13 +108,15 @@ void log_gamma_upper_by_shape(double* out, const double* const* in, int n)
 void log_beta_lower_by_shapes(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
-    return log_beta_tail_by_shapes(in[0][i], in[3][i], in[1][i], in[2][i], order_of(in[4][i]), order_of(in[5][i]), false);
+    return log_beta_tail_by_shapes(in[0][i], in[3][i], in[1][i], in[2][i], order_of(in[4][i]), order_of(in[5][i]),
+                                   false);
   });
 }
 void log_beta_upper_by_shapes(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
-    return log_beta_tail_by_shapes(in[0][i], in[3][i], in[1][i], in[2][i], order_of(in[4][i]), order_of(in[5][i]), true);
+    return log_beta_tail_by_shapes(in[0][i], in[3][i], in[1][i], in[2][i], order_of(in[4][i]), order_of(in[5][i]),
+                                   true);
   });
 }
 void log_t_lower_by_df(double* out, const double* const* in, int n)
@@ -121,35 +132,40 @@ void gamma_quantile(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
     const double p = in[0][i], shape = in[1][i];
-    return is_probability(p) && shape > 0.0 ? probability::gamma_quantile(probability::lower_target(p), shape) : not_a_number;
+    return is_probability(p) && shape > 0.0 ? probability::gamma_quantile(probability::lower_target(p), shape)
+                                            : not_a_number;
   });
 }
 void gamma_upper_quantile(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
     const double q = in[0][i], shape = in[1][i];
-    return is_probability(q) && shape > 0.0 ? probability::gamma_quantile(probability::upper_target(q), shape) : not_a_number;
+    return is_probability(q) && shape > 0.0 ? probability::gamma_quantile(probability::upper_target(q), shape)
+                                            : not_a_number;
   });
 }
 void beta_quantile(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
     const double p = in[0][i], a = in[1][i], b = in[2][i];
-    return is_probability(p) && a > 0.0 && b > 0.0 ? probability::beta_quantile(probability::lower_target(p), a, b).x : not_a_number;
+    return is_probability(p) && a > 0.0 && b > 0.0 ? probability::beta_quantile(probability::lower_target(p), a, b).x
+                                                   : not_a_number;
   });
 }
 void beta_quantile_complement(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
     const double p = in[0][i], a = in[1][i], b = in[2][i];
-    return is_probability(p) && a > 0.0 && b > 0.0 ? probability::beta_quantile(probability::lower_target(p), a, b).y : not_a_number;
+    return is_probability(p) && a > 0.0 && b > 0.0 ? probability::beta_quantile(probability::lower_target(p), a, b).y
+                                                   : not_a_number;
   });
 }
 void t_quantile(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) {
     const double p = in[0][i], df = in[1][i];
-    return is_probability(p) && df > 0.0 ? probability::student_quantile(probability::lower_target(p), df) : not_a_number;
+    return is_probability(p) && df > 0.0 ? probability::student_quantile(probability::lower_target(p), df)
+                                         : not_a_number;
   });
 }
 void binomial_quantile(double* out, const double* const* in, int n)

@@ -1,6 +1,6 @@
 #pragma once
-// Kernels that work lane by lane: distribution functions and quantiles of the probability room, and random numbers. They
-// are the same code for every instruction set.
+// Kernels that work lane by lane: distribution functions and quantiles of the probability room, and random numbers.
+// They are the same code for every instruction set.
 
 namespace torvale::engine::scalar {
 

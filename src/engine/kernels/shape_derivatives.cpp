@@ -36,8 +36,14 @@ Jet operator*(const Jet& a, const Jet& b)
     for (std::size_t i = 0; i <= k; ++i) r.c[k] += a[i] * b[k - i];
   return r;
 }
-Jet operator-(const Jet& a) { return a * Jet(-1.0); }
-Jet operator-(const Jet& a, const Jet& b) { return a + -b; }
+Jet operator-(const Jet& a)
+{
+  return a * Jet(-1.0);
+}
+Jet operator-(const Jet& a, const Jet& b)
+{
+  return a + -b;
+}
 Jet operator/(const Jet& a, const Jet& b) // from r b = a, coefficient by coefficient
 {
   Jet r;
@@ -106,8 +112,8 @@ Jet gamma_series(double x, const Jet& a)
   return Jet(not_a_number);
 }
 
-// The continued fraction 1/(x+1-a- 1(1-a)/(x+3-a- ...)) (DLMF 8.9.2), by Lentz's method: Q(a, x) = x^a exp(-x) / gamma(a)
-// times it.
+// The continued fraction 1/(x+1-a- 1(1-a)/(x+3-a- ...)) (DLMF 8.9.2), by Lentz's method: Q(a, x) = x^a exp(-x) /
+// gamma(a) times it.
 Jet gamma_fraction(double x, const Jet& a)
 {
   Jet b = Jet(x + 1.0) - a, c(1e300), d = Jet(1.0) / b, h = d;
@@ -151,7 +157,10 @@ Jet log_beta_direct(const Jet& x, const Jet& y, const Jet& a, const Jet& b)
   return a * log(x) + b * log(y) - log(a) - (lgamma(a) + lgamma(b) - lgamma(a + b)) + log(beta_fraction(x, a, b));
 }
 
-bool has_order(int order) { return order >= 1 && order <= 3; }
+bool has_order(int order)
+{
+  return order >= 1 && order <= 3;
+}
 
 double derivative(const Jet& j, int order)
 {

@@ -21,20 +21,50 @@
 namespace torvale::engine {
 namespace {
 
+// The bits of the lanes, as whole numbers whose arithmetic wraps around.
+typedef unsigned long long Bits __attribute__((vector_size(sizeof(Lanes))));
+
 constexpr int width = static_cast<int>(sizeof(Lanes) / sizeof(double));
 
-inline Lanes load(const double* p) { return *reinterpret_cast<const Lanes*>(p); }
-inline void store(double* p, Lanes x) { *reinterpret_cast<Lanes*>(p) = x; }
-inline Lanes all(double x) { return x - Lanes{}; }
-inline Lanes if_else(Mask m, Lanes a, Lanes b) { return m ? a : b; }
-inline Lanes one_or_zero(Mask m) { return if_else(m, all(1.0), Lanes{}); }
+inline Lanes load(const double* p)
+{
+  return *reinterpret_cast<const Lanes*>(p);
+}
+inline void store(double* p, Lanes x)
+{
+  *reinterpret_cast<Lanes*>(p) = x;
+}
+inline Lanes all(double x)
+{
+  return x - Lanes{};
+}
+inline Lanes if_else(Mask m, Lanes a, Lanes b)
+{
+  return m ? a : b;
+}
+inline Lanes one_or_zero(Mask m)
+{
+  return if_else(m, all(1.0), Lanes{});
+}
 
 // The ordinary missing value, FFFFFE0000000000.
-inline Lanes missing_lanes() { return reinterpret_cast<Lanes>(Mask{} - 0x20000000000LL); }
-inline Lanes unless(Mask fault, Lanes x) { return if_else(fault, missing_lanes(), x); }
-inline Mask is_nan(Lanes x) { return x != x; }
+inline Lanes missing_lanes()
+{
+  return reinterpret_cast<Lanes>(Mask{} - 0x20000000000LL);
+}
+inline Lanes unless(Mask fault, Lanes x)
+{
+  return if_else(fault, missing_lanes(), x);
+}
+inline Mask is_nan(Lanes x)
+{
+  return x != x;
+}
 
-inline Lanes magnitude(Lanes x) { return reinterpret_cast<Lanes>(reinterpret_cast<Mask>(x) & 0x7FFFFFFFFFFFFFFFLL); }
+inline Lanes magnitude(Lanes x)
+{
+  return reinterpret_cast<Lanes>(reinterpret_cast<Mask>(x) & 0x7FFFFFFFFFFFFFFFLL);
+}
 inline Lanes copy_sign(Lanes x, Lanes sign)
 {
   const Mask top = ~(Mask{} + 0x7FFFFFFFFFFFFFFFLL);

@@ -10,14 +10,25 @@ namespace {
 using Lanes = __m512d;
 
 // a b + c: rounded once where the processor can, for polynomials and exact remainders of this build.
-inline Lanes fused(Lanes a, Lanes b, Lanes c) { return _mm512_fmadd_pd(a, b, c); }
+inline Lanes fused(Lanes a, Lanes b, Lanes c)
+{
+  return _mm512_fmadd_pd(a, b, c);
+}
 // (With a full mask: the plain intrinsic of g++ 12 trips the warning on uninitialised values.)
-inline Lanes square_root(Lanes x) { return _mm512_maskz_sqrt_pd(0xFF, x); }
+inline Lanes square_root(Lanes x)
+{
+  return _mm512_maskz_sqrt_pd(0xFF, x);
+}
 
 // Lanes of all ones or all zeros; and whether one of them is set.
 using Mask = decltype(Lanes{} < Lanes{});
-inline bool any(Mask m) { return _mm512_movepi64_mask(reinterpret_cast<__m512i>(m)) != 0; }
+inline bool any(Mask m)
+{
+  return _mm512_movepi64_mask(reinterpret_cast<__m512i>(m)) != 0;
+}
 
+// One line each, so that the family reads as a table.
+// clang-format off
 namespace elementary {
 inline Lanes exp(Lanes x) { return Sleef_finz_expd8_u10avx512f(x); }
 inline Lanes expm1(Lanes x) { return Sleef_finz_expm1d8_u10avx512f(x); }
@@ -42,6 +53,7 @@ inline Lanes sinpi(Lanes x) { return Sleef_finz_sinpid8_u05avx512f(x); }
 inline Lanes cospi(Lanes x) { return Sleef_finz_cospid8_u05avx512f(x); }
 inline Lanes pow(Lanes x, Lanes y) { return Sleef_finz_powd8_u10avx512f(x, y); }
 inline Lanes atan2(Lanes x, Lanes y) { return Sleef_finz_atan2d8_u10avx512f(x, y); }
+// clang-format on
 } // namespace elementary
 
 } // namespace

@@ -8,13 +8,24 @@ namespace {
 
 typedef double Lanes __attribute__((vector_size(16), may_alias));
 
-inline Lanes fused(Lanes a, Lanes b, Lanes c) { return a * b + c; }
-inline Lanes square_root(Lanes x) { return Lanes{std::sqrt(x[0]), std::sqrt(x[1])}; }
+inline Lanes fused(Lanes a, Lanes b, Lanes c)
+{
+  return a * b + c;
+}
+inline Lanes square_root(Lanes x)
+{
+  return Lanes{std::sqrt(x[0]), std::sqrt(x[1])};
+}
 
 // Lanes of all ones or all zeros; and whether one of them is set.
 using Mask = decltype(Lanes{} < Lanes{});
-inline bool any(Mask m) { return m[0] != 0 || m[1] != 0; }
+inline bool any(Mask m)
+{
+  return m[0] != 0 || m[1] != 0;
+}
 
+// One line each, so that the family reads as a table.
+// clang-format off
 namespace elementary {
 inline Lanes exp(Lanes x) { return Lanes{std::exp(x[0]), std::exp(x[1])}; }
 inline Lanes expm1(Lanes x) { return Lanes{std::expm1(x[0]), std::expm1(x[1])}; }
@@ -49,6 +60,7 @@ inline Lanes cospi(Lanes x)
 {
   return Lanes{sin_pi(0.5 - std::fabs(std::remainder(x[0], 2.0))), sin_pi(0.5 - std::fabs(std::remainder(x[1], 2.0)))};
 }
+// clang-format on
 } // namespace elementary
 
 } // namespace

@@ -13,12 +13,14 @@ namespace torvale::engine {
 namespace {
 
 struct Case {
-  const char* function;       // a function of the language; or of a distribution
-  const char* distribution;   // name, or null
+  const char* function;     // a function of the language; or of a distribution
+  const char* distribution; // name, or null
   std::vector<std::vector<double>> points;
-  int fixed = 0;              // leading arguments that are data (whole numbers): not differentiated by
+  int fixed = 0; // leading arguments that are data (whole numbers): not differentiated by
 };
 
+// A table, by function.
+// clang-format off
 const Case cases[] = {
     {"ABS", nullptr, {{-2.0}, {3.0}}},
     {"MOD", nullptr, {{7.3, 2.1}}},
@@ -137,6 +139,7 @@ const Case cases[] = {
     {"LOGPDF", "bernoulli", {{1, 0.4}, {0, 0.4}}, 1},
     {"LOGCDF", "bernoulli", {{0, 0.4}}, 1},
 };
+// clang-format on
 
 // Derivative by a difference of sixth order with steps h.
 double difference(const std::function<double(double)>& f, double h)
@@ -164,40 +167,45 @@ TEST_P(DerivativesOf, AgreeWithDifferencesToThirdOrder)
   std::vector<Differentiator> by;
   for (const NodeId s : symbols) by.emplace_back(g, s);
   // Mixed derivatives with ascending variables: each is checked against a difference of the one before it.
-  const std::function<void(NodeId, std::size_t, int, const std::string&)> check = [&](NodeId node, std::size_t first, int order,
-                                                                                       const std::string& path) {
-    for (std::size_t k = first; k < count; ++k) {
-      if (static_cast<int>(k) < c.fixed) continue;
-      const NodeId d = by[k](node);
-      const std::string name = path + "/" + std::to_string(k);
-      ASSERT_NE(d, no_node) << "no rule for " << name;
-      for (const std::vector<double>& at : c.points) {
-        const double step = 2e-3 * std::fmin(1.0, std::fmax(std::fabs(at[k]), 0.05));
-        const double truth = difference([&](double h) {
-          std::vector<double> moved = at;
-          moved[k] += h;
-          return evaluate(g, node, moved);
-        }, step);
-        const double scale = std::fabs(evaluate(g, node, at)) + std::fabs(truth);
-        EXPECT_NEAR(evaluate(g, d, at), truth, 3e-9 * scale + 1e-10) << name << " at " << at[0];
-      }
-      if (order < 3) check(d, k, order + 1, name);
-    }
-  };
+  const std::function<void(NodeId, std::size_t, int, const std::string&)> check =
+      [&](NodeId node, std::size_t first, int order, const std::string& path) {
+        for (std::size_t k = first; k < count; ++k) {
+          if (static_cast<int>(k) < c.fixed) continue;
+          const NodeId d = by[k](node);
+          const std::string name = path + "/" + std::to_string(k);
+          ASSERT_NE(d, no_node) << "no rule for " << name;
+          for (const std::vector<double>& at : c.points) {
+            const double step = 2e-3 * std::fmin(1.0, std::fmax(std::fabs(at[k]), 0.05));
+            const double truth = difference(
+                [&](double h) {
+                  std::vector<double> moved = at;
+                  moved[k] += h;
+                  return evaluate(g, node, moved);
+                },
+                step);
+            const double scale = std::fabs(evaluate(g, node, at)) + std::fabs(truth);
+            EXPECT_NEAR(evaluate(g, d, at), truth, 3e-9 * scale + 1e-10) << name << " at " << at[0];
+          }
+          if (order < 3) check(d, k, order + 1, name);
+        }
+      };
   check(value, 0, 1, "d");
 }
 
 INSTANTIATE_TEST_SUITE_P(Functions, DerivativesOf, testing::ValuesIn(cases), [](const auto& test) {
-  return std::string(test.param.function) + (test.param.distribution == nullptr ? "" : std::string("_") + test.param.distribution);
+  return std::string(test.param.function) +
+         (test.param.distribution == nullptr ? "" : std::string("_") + test.param.distribution);
 });
 
 // No smooth function is left out of the table above.
 TEST(Derivatives, EverySmoothFunctionIsChecked)
 {
-  const std::vector<std::string> not_smooth = {"SIGN", "INT", "FLOOR", "CEIL", "ROUND", "N", "NMISS", "MISSING", "COALESCE"};
+  const std::vector<std::string> not_smooth = {"SIGN", "INT",   "FLOOR",   "CEIL",    "ROUND",
+                                               "N",    "NMISS", "MISSING", "COALESCE"};
   for (const LanguageFunction& f : language_functions()) {
     if (f.expand == nullptr || std::find(not_smooth.begin(), not_smooth.end(), f.name) != not_smooth.end()) continue;
-    const bool checked = std::any_of(std::begin(cases), std::end(cases), [&](const Case& c) { return f.name == c.function; });
+    const bool checked =
+        std::any_of(std::begin(cases), std::end(cases), [&](const Case& c) { return f.name == c.function; });
     EXPECT_TRUE(checked) << f.name;
   }
 }
@@ -217,9 +225,11 @@ TEST(Derivatives, RemovablePointsGiveFiniteValues)
   EXPECT_EQ(derivative_at(power, 1, 0.0, 0.7), 0.0); // 0 ** b is constant in b > 0
   EXPECT_EQ(derivative_at(power, 0, 0.0, 2.5), 0.0);
   EXPECT_EQ(derivative_at(power, 0, 0.0, 1.0), 1.0);
-  EXPECT_EQ(derivative_at([](GraphBuilder& g, NodeId x, NodeId) { return g.power(x, g.constant(2)); }, 0, 0.0, 0.0), 0.0);
+  EXPECT_EQ(derivative_at([](GraphBuilder& g, NodeId x, NodeId) { return g.power(x, g.constant(2)); }, 0, 0.0, 0.0),
+            0.0);
   EXPECT_EQ(derivative_at([](GraphBuilder& g, NodeId x, NodeId) { return g.call(Kernel::sqrt, x); }, 0, 0.0, 0.0), 0.0);
-  EXPECT_EQ(derivative_at([](GraphBuilder& g, NodeId x, NodeId) { return g.call(Kernel::absolute, x); }, 0, 0.0, 0.0), 1.0);
+  EXPECT_EQ(derivative_at([](GraphBuilder& g, NodeId x, NodeId) { return g.call(Kernel::absolute, x); }, 0, 0.0, 0.0),
+            1.0);
   EXPECT_EQ(derivative_at(least_of, 0, 2.0, 2.0) + derivative_at(least_of, 1, 2.0, 2.0), 1.0); // a tie: one side
   EXPECT_EQ(derivative_at(greatest_of, 0, 2.0, 2.0) + derivative_at(greatest_of, 1, 2.0, 2.0), 1.0);
 }

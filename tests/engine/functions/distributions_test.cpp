@@ -53,7 +53,8 @@ std::vector<Row> reference_rows()
 
 void expect_close(double got, double truth, const Row& row, const char* what)
 {
-  EXPECT_NEAR(got, truth, 2e-13 * std::fabs(truth) + 1e-15 * (truth == 0.0)) << what << " of " << row.distribution << " at " << row.arguments[0];
+  EXPECT_NEAR(got, truth, 2e-13 * std::fabs(truth) + 1e-15 * (truth == 0.0))
+      << what << " of " << row.distribution << " at " << row.arguments[0];
 }
 
 TEST(Distributions, AgreeWithQuadratureAndSums)
@@ -71,10 +72,12 @@ TEST(Distributions, AgreeWithQuadratureAndSums)
       if (truth == 0.0) {
         EXPECT_EQ(got, -infinity) << what;
       } else {
-        EXPECT_NEAR(got, expected, 1e-13 * std::fabs(expected) + 1e-15) << what << " of " << row.distribution << " at " << row.arguments[0];
+        EXPECT_NEAR(got, expected, 1e-13 * std::fabs(expected) + 1e-15)
+            << what << " of " << row.distribution << " at " << row.arguments[0];
       }
     };
-    expect_close(ask(DistributionQuestion::logpdf, row.distribution, row.arguments), std::log(row.pdf), row, "log density");
+    expect_close(ask(DistributionQuestion::logpdf, row.distribution, row.arguments), std::log(row.pdf), row,
+                 "log density");
     log_close(DistributionQuestion::logcdf, row.cdf, row.sdf, "log lower tail");
     log_close(DistributionQuestion::logsdf, row.sdf, row.cdf, "log upper tail");
   }
@@ -96,10 +99,12 @@ TEST(Distributions, OutsideTheSupportTheDensityIsZeroWithoutAFault)
   const struct {
     const char* name;
     std::vector<double> arguments;
-  } cases[] = {{"gamma", {-1, 2, 3}},  {"exponential", {-1, 2}},     {"weibull", {-1, 2, 3}},   {"lognormal", {-1, 0, 1}}, {"lognormal", {0, 0, 1}},
-               {"beta", {-0.1, 2, 3}}, {"beta", {1.1, 2, 3}},        {"uniform", {3, 0, 2}},    {"f", {-1, 2, 3}},         {"chisquare", {-1, 2}},
-               {"poisson", {-1, 2}},   {"poisson", {1.5, 2}},        {"binomial", {5, 4, 0.5}}, {"geometric", {-1, 0.5}},  {"bernoulli", {2, 0.5}},
-               {"negbinomial", {-1, 2, 0.5}}, {"gamma", {0, 2, 3}},  {"beta", {1, 2, 3}},       {"binomial", {1, 4, 0}},   {"poisson", {1, 0}}};
+  } cases[] = {
+      {"gamma", {-1, 2, 3}},     {"exponential", {-1, 2}}, {"weibull", {-1, 2, 3}}, {"lognormal", {-1, 0, 1}},
+      {"lognormal", {0, 0, 1}},  {"beta", {-0.1, 2, 3}},   {"beta", {1.1, 2, 3}},   {"uniform", {3, 0, 2}},
+      {"f", {-1, 2, 3}},         {"chisquare", {-1, 2}},   {"poisson", {-1, 2}},    {"poisson", {1.5, 2}},
+      {"binomial", {5, 4, 0.5}}, {"geometric", {-1, 0.5}}, {"bernoulli", {2, 0.5}}, {"negbinomial", {-1, 2, 0.5}},
+      {"gamma", {0, 2, 3}},      {"beta", {1, 2, 3}},      {"binomial", {1, 4, 0}}, {"poisson", {1, 0}}};
   for (const auto& c : cases) {
     EXPECT_EQ(ask(DistributionQuestion::logpdf, c.name, c.arguments), -infinity) << c.name << " " << c.arguments[0];
     EXPECT_EQ(ask(DistributionQuestion::pdf, c.name, c.arguments), 0.0) << c.name << " " << c.arguments[0];
@@ -123,19 +128,23 @@ TEST(Distributions, MissingValuesAndWrongParametersGiveMissing)
   for (const Distribution& d : distributions()) {
     std::vector<double> arguments(static_cast<std::size_t>(d.most) + 1, 0.5);
     if (d.name == "UNIFORM") arguments[2] = 0.75;
-    const bool discrete = d.support.find("whole") != d.support.npos || d.support.find("failures") != d.support.npos || d.name == "BERNOULLI";
+    const bool discrete = d.support.find("whole") != d.support.npos || d.support.find("failures") != d.support.npos ||
+                          d.name == "BERNOULLI";
     if (d.name == "BINOMIAL") arguments[1] = 2.0;
     for (std::size_t k = 0; k < arguments.size(); ++k) {
       std::vector<double> with_gap = arguments;
       with_gap[k] = host::missing;
-      for (const auto q : {DistributionQuestion::pdf, DistributionQuestion::logpdf, DistributionQuestion::cdf, DistributionQuestion::logcdf,
-                           DistributionQuestion::sdf, DistributionQuestion::logsdf, DistributionQuestion::quantile}) {
+      for (const auto q : {DistributionQuestion::pdf, DistributionQuestion::logpdf, DistributionQuestion::cdf,
+                           DistributionQuestion::logcdf, DistributionQuestion::sdf, DistributionQuestion::logsdf,
+                           DistributionQuestion::quantile}) {
         if (discrete && k > 0) with_gap[0] = q == DistributionQuestion::quantile ? 0.5 : 1.0;
-        const bool at_top = d.name == "BERNOULLI" && q != DistributionQuestion::pdf && q != DistributionQuestion::logpdf; // F(1) is 1
+        const bool at_top =
+            d.name == "BERNOULLI" && q != DistributionQuestion::pdf && q != DistributionQuestion::logpdf; // F(1) is 1
         if (at_top && k > 0) with_gap[0] = q == DistributionQuestion::quantile ? 0.5 : 0.0;
         const bool unused = d.name == "UNIFORM" && k > 0; // one bound may decide alone
         if (!unused) {
-          EXPECT_TRUE(std::isnan(ask(q, std::string(d.name), with_gap))) << d.name << " operand " << k << " question " << static_cast<int>(q);
+          EXPECT_TRUE(std::isnan(ask(q, std::string(d.name), with_gap)))
+              << d.name << " operand " << k << " question " << static_cast<int>(q);
         }
       }
     }

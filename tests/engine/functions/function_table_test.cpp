@@ -58,8 +58,10 @@ TEST(FunctionTable, ArgumentCountsAreExplained)
 {
   EXPECT_EQ(argument_fault(*find_function("LOG"), 1), "");
   EXPECT_EQ(argument_fault(*find_function("LOG"), 2), "The function LOG(x) takes 1 argument, but 2 are given.");
-  EXPECT_EQ(argument_fault(*find_function("ROUND"), 0), "The function ROUND(x [, unit]) takes 1 or 2 arguments, but 0 are given.");
-  EXPECT_EQ(argument_fault(*find_function("VAR"), 1), "The function VAR(x, ...) takes at least 2 arguments, but 1 is given.");
+  EXPECT_EQ(argument_fault(*find_function("ROUND"), 0),
+            "The function ROUND(x [, unit]) takes 1 or 2 arguments, but 0 are given.");
+  EXPECT_EQ(argument_fault(*find_function("VAR"), 1),
+            "The function VAR(x, ...) takes at least 2 arguments, but 1 is given.");
 }
 
 TEST(FunctionTable, StatisticsPassOverMissingArguments)
@@ -100,7 +102,8 @@ TEST(FunctionTable, RandomNumbersDependOnWhereTheyAreDrawn)
   EXPECT_EQ(evaluate(g, u, {3}), evaluate(g, u, {3}));
   EXPECT_NE(evaluate(g, u, {3}), evaluate(g, u, {4}));
   const NodeId own_seed[] = {g.constant(6)};
-  EXPECT_NE(evaluate(g, u, {3}), evaluate(g, expand_random(g, *find_function("UNIFORM"), seed, row, site, count, own_seed), {3}));
+  EXPECT_NE(evaluate(g, u, {3}),
+            evaluate(g, expand_random(g, *find_function("UNIFORM"), seed, row, site, count, own_seed), {3}));
 }
 
 // docs/functions.md shows every function and distribution as the table has it.

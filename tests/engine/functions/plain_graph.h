@@ -11,7 +11,8 @@
 namespace torvale::engine {
 
 // The value of a node when symbol k has the value symbols[k].
-inline double evaluate(const GraphBuilder& g, NodeId id, const std::vector<double>& symbols, std::map<NodeId, double>& known)
+inline double evaluate(const GraphBuilder& g, NodeId id, const std::vector<double>& symbols,
+                       std::map<NodeId, double>& known)
 {
   if (const auto it = known.find(id); it != known.end()) return it->second;
   const Node& n = g.node(id);
@@ -22,7 +23,8 @@ inline double evaluate(const GraphBuilder& g, NodeId id, const std::vector<doubl
     value = symbols[static_cast<std::size_t>(n.index)];
   } else if (n.kind == NodeKind::kernel) {
     double operands[kernel_operands_max] = {};
-    for (int k = 0; k < n.operands; ++k) operands[k] = evaluate(g, n.operand[static_cast<std::size_t>(k)], symbols, known);
+    for (int k = 0; k < n.operands; ++k)
+      operands[k] = evaluate(g, n.operand[static_cast<std::size_t>(k)], symbols, known);
     value = run_kernel(n.kernel, operands);
   }
   known.emplace(id, value);

@@ -19,8 +19,8 @@ void expect_within(const KernelTable& build, Kernel k, const std::vector<std::ve
   for (std::size_t i = 0; i < got.size(); ++i) {
     if (std::fabs(got[i] - truth[i]) <= absolute) continue;
     ASSERT_LE(units_off(got[i], truth[i]), units) << build.isa << " " << kernel_info(k).name << "(" << in[0][i]
-                                                  << (in.size() > 1 ? ", " + std::to_string(in[1][i]) : "") << ") = " << got[i]
-                                                  << ", not " << static_cast<double>(truth[i]);
+                                                  << (in.size() > 1 ? ", " + std::to_string(in[1][i]) : "")
+                                                  << ") = " << got[i] << ", not " << static_cast<double>(truth[i]);
   }
 }
 
@@ -31,6 +31,8 @@ TEST(KernelAccuracy, ElementaryFunctionsAgreeWithExtendedPrecision)
     long double (*truth)(long double);
     double low, high, units;
   };
+  // A table, by kernel.
+  // clang-format off
   const Case cases[] = {
       {Kernel::exp, std::exp, -700, 700, 1.1},        {Kernel::expm1, std::expm1, -30, 30, 1.1},
       {Kernel::expm1, std::expm1, -1e-3, 1e-3, 1.1},  {Kernel::log, std::log, 1e-300, 1e3, 1.1},
@@ -49,9 +51,12 @@ TEST(KernelAccuracy, ElementaryFunctionsAgreeWithExtendedPrecision)
       {Kernel::logistic, [](long double x) { return 1 / (1 + std::exp(-x)); }, -700, 40, 3},
       {Kernel::softplus, [](long double x) { return std::log1p(std::exp(x)); }, -700, 40, 3},
       {Kernel::logit, [](long double p) { return std::log(p / (1 - p)); }, 1e-9, 0.999, 4},
-      {Kernel::log_one_minus_exp, [](long double x) { return x < -1 ? std::log1p(-std::exp(x)) : std::log(-std::expm1(x)); }, -40, -1e-9, 3},
-      {Kernel::normal_pdf, [](long double x) { return std::exp(-x * x / 2) * 0.398942280401432677939946L; }, -37, 37, 3},
+      {Kernel::log_one_minus_exp,
+       [](long double x) { return x < -1 ? std::log1p(-std::exp(x)) : std::log(-std::expm1(x)); }, -40, -1e-9, 3},
+      {Kernel::normal_pdf, [](long double x) { return std::exp(-x * x / 2) * 0.398942280401432677939946L; }, -37, 37,
+       3},
   };
+  // clang-format on
   std::mt19937_64 random(7);
   for (const KernelTable* build : builds())
     for (const Case& c : cases) {
@@ -110,12 +115,14 @@ TEST(KernelAccuracy, GammaFamilyAgreesWithTables)
     const auto gap = ratio.truths("value");
     for (std::size_t i = 0; i < ratio.rows(); ++i) {
       const long double scale = std::fmax(1.0, std::fabs(std::lgamma(std::fmin(a[i], 8.0))));
-      expect_within(*build, Kernel::lgamma_ratio, {{a[i]}, {b[i]}}, {gap[i]}, 20.0, 2e-15L * std::fmax(scale, std::fabs(b[i])));
+      expect_within(*build, Kernel::lgamma_ratio, {{a[i]}, {b[i]}}, {gap[i]}, 20.0,
+                    2e-15L * std::fmax(scale, std::fabs(b[i])));
     }
     const auto n = difference.numbers("n"), da = difference.numbers("a"), db = difference.numbers("b");
     const auto step = difference.truths("value");
     for (std::size_t i = 0; i < difference.rows(); ++i)
-      if (n[i] == 0) expect_within(*build, Kernel::digamma_ratio, {{da[i]}, {db[i]}}, {step[i]}, 20.0, 3e-15L * (1 + 1 / da[i]));
+      if (n[i] == 0)
+        expect_within(*build, Kernel::digamma_ratio, {{da[i]}, {db[i]}}, {step[i]}, 20.0, 3e-15L * (1 + 1 / da[i]));
     const auto p = beta.numbers("a"), q = beta.numbers("b");
     const auto l = beta.truths("lbeta");
     for (std::size_t i = 0; i < beta.rows(); ++i) {
@@ -128,7 +135,8 @@ TEST(KernelAccuracy, GammaFamilyAgreesWithTables)
 // The derivatives of lgamma to fifth order below 0, where reflection is used: by recurrence from above 0.
 TEST(KernelAccuracy, PolygammasBelowZeroSatisfyTheRecurrence)
 {
-  constexpr Kernel by_order[] = {Kernel::digamma, Kernel::trigamma, Kernel::tetragamma, Kernel::pentagamma, Kernel::hexagamma};
+  constexpr Kernel by_order[] = {Kernel::digamma, Kernel::trigamma, Kernel::tetragamma, Kernel::pentagamma,
+                                 Kernel::hexagamma};
   constexpr double factorial[] = {1, 1, 2, 6, 24};
   for (const KernelTable* build : builds())
     for (int n = 0; n <= 4; ++n)
@@ -165,7 +173,8 @@ TEST(KernelAccuracy, NormalDistributionAgreesWithTables)
         EXPECT_LE(got[i], 1.1e-307) << x[i];
       }
     expect_within(*build, Kernel::normal_log_cdf, {x}, log_cdf, 5.0, 1e-320L);
-    const auto hazard = run_lanes(*build, Kernel::normal_hazard, {mirrored}); // pdf(-x) / cdf(-x) = 1 / Mills ratio of x
+    const auto hazard =
+        run_lanes(*build, Kernel::normal_hazard, {mirrored}); // pdf(-x) / cdf(-x) = 1 / Mills ratio of x
     for (std::size_t i = 0; i < x.size(); ++i)
       if (mills[i] < 1e300L) {
         EXPECT_LE(units_off(hazard[i], 1.0L / mills[i]), 12.0) << build->isa << " " << mirrored[i];
@@ -204,17 +213,23 @@ TEST(KernelAccuracy, IncompleteIntegralsAgreeWithTables)
   const auto lower = beta.truths("p");
   for (std::size_t i = 0; i < beta.rows(); ++i) {
     const double slack = 100.0 + 10.0 * (b[i] + c[i]) - std::log(x[i]);
-    EXPECT_LE(units_off(run_one(build, Kernel::beta_lower, {x[i], b[i], c[i], 1.0 - x[i]}), lower[i]), slack) << x[i] << " " << b[i] << " " << c[i];
+    EXPECT_LE(units_off(run_one(build, Kernel::beta_lower, {x[i], b[i], c[i], 1.0 - x[i]}), lower[i]), slack)
+        << x[i] << " " << b[i] << " " << c[i];
   }
 }
 
-// Quantiles of discrete distributions undo the distribution function, and one below them does not reach the probability.
+// Quantiles of discrete distributions undo the distribution function, and one below them does not reach the
+// probability.
 TEST(KernelAccuracy, DiscreteQuantilesAreTheSmallestThatReach)
 {
   const KernelTable& build = *builds().back();
   const auto poisson = [&](double k, double mean) { return run_one(build, Kernel::gamma_upper, {mean, k + 1}); };
-  const auto binomial = [&](double k, double n, double p) { return k >= n ? 1.0 : run_one(build, Kernel::beta_upper, {p, k + 1, n - k, 1 - p}); };
-  const auto negative = [&](double k, double n, double p) { return run_one(build, Kernel::beta_lower, {p, n, k + 1, 1 - p}); };
+  const auto binomial = [&](double k, double n, double p) {
+    return k >= n ? 1.0 : run_one(build, Kernel::beta_upper, {p, k + 1, n - k, 1 - p});
+  };
+  const auto negative = [&](double k, double n, double p) {
+    return run_one(build, Kernel::beta_lower, {p, n, k + 1, 1 - p});
+  };
   for (const double u : {1e-12, 0.02, 0.3, 0.5, 0.77, 0.999, 1 - 1e-12}) {
     for (const double mean : {0.01, 1.0, 7.5, 300.0, 2e6}) {
       const double k = run_one(build, Kernel::poisson_quantile, {u, mean});
@@ -224,7 +239,8 @@ TEST(KernelAccuracy, DiscreteQuantilesAreTheSmallestThatReach)
       }
     }
     for (const double n : {1.0, 20.0, 1000.0}) {
-      const double k = run_one(build, Kernel::binomial_quantile, {u, n, 0.3}), m = run_one(build, Kernel::negative_binomial_quantile, {u, n, 0.3});
+      const double k = run_one(build, Kernel::binomial_quantile, {u, n, 0.3}),
+                   m = run_one(build, Kernel::negative_binomial_quantile, {u, n, 0.3});
       EXPECT_GE(binomial(k, n, 0.3), u * (1 - 1e-12));
       if (k > 0) {
         EXPECT_LT(binomial(k - 1, n, 0.3), u);
@@ -236,7 +252,8 @@ TEST(KernelAccuracy, DiscreteQuantilesAreTheSmallestThatReach)
     }
   }
   for (int k = 0; k <= 20; ++k)
-    EXPECT_EQ(run_one(build, Kernel::poisson_quantile, {poisson(k, 6.0), 6.0}), k) << "the quantile undoes the distribution function";
+    EXPECT_EQ(run_one(build, Kernel::poisson_quantile, {poisson(k, 6.0), 6.0}), k)
+        << "the quantile undoes the distribution function";
 }
 
 } // namespace

@@ -14,7 +14,8 @@ constexpr double infinity = std::numeric_limits<double>::infinity();
 const double hardware_nan = std::bit_cast<double>(std::uint64_t{0xFFF8000000000000});
 
 // Every pair of these: numbers, infinities, three kinds of missing values, and what the hardware makes of 0/0.
-const std::vector<double> kinds = {-infinity, -2.0, -0.0, 0.0, 1.0, 3.5, infinity, host::missing, host::special_missing('A'), hardware_nan};
+const std::vector<double> kinds = {
+    -infinity, -2.0, -0.0, 0.0, 1.0, 3.5, infinity, host::missing, host::special_missing('A'), hardware_nan};
 
 TEST(KernelMissing, ComparisonsOrderMissingBelowNumbersAndEqualToEachOther)
 {
@@ -31,7 +32,8 @@ TEST(KernelMissing, ComparisonsOrderMissingBelowNumbersAndEqualToEachOther)
         EXPECT_EQ(run_one(*build, Kernel::greater, {a, b}), !less && !equal) << a << " " << b;
         EXPECT_EQ(run_one(*build, Kernel::greater_equal, {a, b}), !less) << a << " " << b;
         // The operators >< and <>, and MIN and MAX, which pass over missing values.
-        const double low = run_one(*build, Kernel::least_ordered, {a, b}), high = run_one(*build, Kernel::greatest, {a, b});
+        const double low = run_one(*build, Kernel::least_ordered, {a, b}),
+                     high = run_one(*build, Kernel::greatest, {a, b});
         EXPECT_EQ(std::isnan(low), std::isnan(a) || std::isnan(b));
         EXPECT_EQ(std::isnan(high), both);
         if (!both) {
@@ -48,11 +50,30 @@ TEST(KernelMissing, ComparisonsOrderMissingBelowNumbersAndEqualToEachOther)
 // Arithmetic and functions never lose a missing operand, whatever the hardware or the library thinks of it.
 TEST(KernelMissing, MissingOperandsGiveMissingResults)
 {
-  const Kernel skipping[] = {Kernel::least, Kernel::greatest, Kernel::coalesce, Kernel::zero_if_missing, Kernel::select,
-                             Kernel::select_or_zero, Kernel::truth, Kernel::is_missing, Kernel::is_present, Kernel::and_,
-                             Kernel::or_, Kernel::not_, Kernel::and_not, Kernel::less, Kernel::less_equal, Kernel::equal,
-                             Kernel::not_equal, Kernel::greater, Kernel::greater_equal, Kernel::less_known,
-                             Kernel::less_equal_known, Kernel::equal_known, Kernel::not_equal_known, Kernel::greater_known,
+  const Kernel skipping[] = {Kernel::least,
+                             Kernel::greatest,
+                             Kernel::coalesce,
+                             Kernel::zero_if_missing,
+                             Kernel::select,
+                             Kernel::select_or_zero,
+                             Kernel::truth,
+                             Kernel::is_missing,
+                             Kernel::is_present,
+                             Kernel::and_,
+                             Kernel::or_,
+                             Kernel::not_,
+                             Kernel::and_not,
+                             Kernel::less,
+                             Kernel::less_equal,
+                             Kernel::equal,
+                             Kernel::not_equal,
+                             Kernel::greater,
+                             Kernel::greater_equal,
+                             Kernel::less_known,
+                             Kernel::less_equal_known,
+                             Kernel::equal_known,
+                             Kernel::not_equal_known,
+                             Kernel::greater_known,
                              Kernel::greater_equal_known};
   for (const KernelTable* build : builds())
     for (std::size_t k = 0; k < kernel_count; ++k) {
@@ -77,28 +98,46 @@ TEST(KernelMissing, FaultsAreMissingAndLimitsAreNot)
     std::vector<double> operands;
     bool fault;
   };
+  // A table.
+  // clang-format off
   const Case cases[] = {
-      {Kernel::divide, {1.0, 0.0}, true},       {Kernel::divide, {0.0, -0.0}, true},        {Kernel::divide, {1.0, infinity}, false},
+      {Kernel::divide, {1.0, 0.0}, true},       {Kernel::divide, {0.0, -0.0}, true},
+      {Kernel::divide, {1.0, infinity}, false},
       {Kernel::reciprocal, {0.0}, true},        {Kernel::reciprocal_or_zero, {0.0}, false}, {Kernel::log, {0.0}, true},
-      {Kernel::log, {-1.0}, true},              {Kernel::log, {1e-320}, false},             {Kernel::log1p, {-1.0}, true},
+      {Kernel::log, {-1.0}, true},              {Kernel::log, {1e-320}, false},
+      {Kernel::log1p, {-1.0}, true},
       {Kernel::log_or_minus_infinity, {0.0}, false}, {Kernel::log_or_minus_infinity, {-1.0}, true},
-      {Kernel::log_or_zero, {0.0}, false},      {Kernel::sqrt, {-1e-300}, true},            {Kernel::sqrt, {-0.0}, false},
-      {Kernel::power, {0.0, -1.0}, true},       {Kernel::power, {0.0, 0.0}, false},         {Kernel::power, {-2.0, 3.0}, false},
-      {Kernel::power, {-2.0, 0.5}, true},       {Kernel::power_or_zero, {0.0, -1.0}, false}, {Kernel::asin, {1.1}, true},
-      {Kernel::acosh, {0.9}, true},             {Kernel::atanh, {-1.0}, true},              {Kernel::lgamma, {0.0}, true},
-      {Kernel::lgamma, {-3.0}, true},           {Kernel::lgamma, {-2.5}, false},            {Kernel::gamma, {-1.0}, true},
-      {Kernel::digamma, {-2.0}, true},          {Kernel::trigamma, {0.0}, true},            {Kernel::logit, {0.0}, true},
-      {Kernel::logit, {1.0}, true},             {Kernel::normal_quantile, {0.0}, true},     {Kernel::normal_quantile, {1.0}, true},
-      {Kernel::positive, {0.0}, true},          {Kernel::nonnegative, {0.0}, false},        {Kernel::probability, {1.0000001}, true},
-      {Kernel::modulo, {5.0, 0.0}, true},       {Kernel::round_to, {5.0, 0.0}, true},       {Kernel::gamma_lower, {1.0, 0.0}, true},
+      {Kernel::log_or_zero, {0.0}, false},      {Kernel::sqrt, {-1e-300}, true},
+      {Kernel::sqrt, {-0.0}, false},
+      {Kernel::power, {0.0, -1.0}, true},       {Kernel::power, {0.0, 0.0}, false},
+      {Kernel::power, {-2.0, 3.0}, false},
+      {Kernel::power, {-2.0, 0.5}, true},       {Kernel::power_or_zero, {0.0, -1.0}, false},
+      {Kernel::asin, {1.1}, true},
+      {Kernel::acosh, {0.9}, true},             {Kernel::atanh, {-1.0}, true},
+      {Kernel::lgamma, {0.0}, true},
+      {Kernel::lgamma, {-3.0}, true},           {Kernel::lgamma, {-2.5}, false},
+      {Kernel::gamma, {-1.0}, true},
+      {Kernel::digamma, {-2.0}, true},          {Kernel::trigamma, {0.0}, true},
+      {Kernel::logit, {0.0}, true},
+      {Kernel::logit, {1.0}, true},             {Kernel::normal_quantile, {0.0}, true},
+      {Kernel::normal_quantile, {1.0}, true},
+      {Kernel::positive, {0.0}, true},          {Kernel::nonnegative, {0.0}, false},
+      {Kernel::probability, {1.0000001}, true},
+      {Kernel::modulo, {5.0, 0.0}, true},       {Kernel::round_to, {5.0, 0.0}, true},
+      {Kernel::gamma_lower, {1.0, 0.0}, true},
       {Kernel::gamma_lower, {-1.0, 2.0}, false}, {Kernel::beta_lower, {2.0, 1.0, 1.0, -1.0}, false},
-      {Kernel::t_lower, {1.0, -1.0}, true},     {Kernel::poisson_quantile, {0.5, -1.0}, true}, {Kernel::exp, {-infinity}, false},
-      {Kernel::logistic, {-infinity}, false},   {Kernel::normal_log_cdf, {-infinity}, false}, {Kernel::normal_cdf, {infinity}, false},
-      {Kernel::log_add_exp, {-infinity, -infinity}, false}, {Kernel::lbeta, {0.0, 1.0}, true}, {Kernel::comb, {3.0, 5.0}, true},
+      {Kernel::t_lower, {1.0, -1.0}, true},     {Kernel::poisson_quantile, {0.5, -1.0}, true},
+      {Kernel::exp, {-infinity}, false},
+      {Kernel::logistic, {-infinity}, false},   {Kernel::normal_log_cdf, {-infinity}, false},
+      {Kernel::normal_cdf, {infinity}, false},
+      {Kernel::log_add_exp, {-infinity, -infinity}, false}, {Kernel::lbeta, {0.0, 1.0}, true},
+      {Kernel::comb, {3.0, 5.0}, true},
   };
+  // clang-format on
   for (const KernelTable* build : builds())
     for (const Case& c : cases)
-      EXPECT_EQ(std::isnan(run_one(*build, c.kernel, c.operands)), c.fault) << build->isa << " " << kernel_info(c.kernel).name << " " << c.operands[0];
+      EXPECT_EQ(std::isnan(run_one(*build, c.kernel, c.operands)), c.fault)
+          << build->isa << " " << kernel_info(c.kernel).name << " " << c.operands[0];
 }
 
 // A kernel that can turn present operands into a missing value can say what happened: the slow path prints it.
@@ -112,7 +151,8 @@ TEST(KernelMissing, EveryFaultHasAText)
       for (const double b : {-1.5, 0.0, 1.0}) {
         std::vector<double> operands(static_cast<std::size_t>(info.operands), b);
         operands[0] = a;
-        const bool in_derivatives_only = kernel == Kernel::divide_unchecked || kernel == Kernel::power_or_zero || kernel == Kernel::log_or_zero;
+        const bool in_derivatives_only =
+            kernel == Kernel::divide_unchecked || kernel == Kernel::power_or_zero || kernel == Kernel::log_or_zero;
         if (std::isnan(run_one(build, kernel, operands)) && !in_derivatives_only) {
           EXPECT_FALSE(info.fault.empty()) << info.name << " " << a << " " << b;
         }
@@ -120,7 +160,8 @@ TEST(KernelMissing, EveryFaultHasAText)
   }
 }
 
-// Ends of the range of the logarithms, which are our own: subnormal numbers, infinity, the point where log1p rounds away.
+// Ends of the range of the logarithms, which are our own: subnormal numbers, infinity, the point where log1p rounds
+// away.
 TEST(KernelMissing, LogarithmsHoldAtTheEndsOfTheRange)
 {
   for (const KernelTable* build : builds()) {

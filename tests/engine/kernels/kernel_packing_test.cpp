@@ -10,13 +10,27 @@
 namespace torvale::engine {
 namespace {
 
-std::uint64_t bits_of(double x) { return std::isnan(x) ? 0 : std::bit_cast<std::uint64_t>(x); }
+std::uint64_t bits_of(double x)
+{
+  return std::isnan(x) ? 0 : std::bit_cast<std::uint64_t>(x);
+}
 
 // Operands of every size, with missing values, infinities and the corners of domains among them.
 double any_operand(std::mt19937_64& random)
 {
-  constexpr double corners[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, 8.0, 1e-300, 1e300, std::numeric_limits<double>::infinity(),
-                                std::numeric_limits<double>::quiet_NaN(), -20.0, 10.0};
+  constexpr double corners[] = {0.0,
+                                -0.0,
+                                1.0,
+                                -1.0,
+                                0.5,
+                                2.0,
+                                8.0,
+                                1e-300,
+                                1e300,
+                                std::numeric_limits<double>::infinity(),
+                                std::numeric_limits<double>::quiet_NaN(),
+                                -20.0,
+                                10.0};
   const auto choice = random() % 8;
   if (choice == 0) return corners[random() % std::size(corners)];
   std::uniform_real_distribution<double> unit(0.0, 1.0), wide(-40.0, 40.0);
@@ -24,7 +38,8 @@ double any_operand(std::mt19937_64& random)
   return choice == 4 ? std::round(wide(random)) : wide(random);
 }
 
-// A lane has the same bits alone, and at every place among whatever neighbours; and when the result overwrites an operand.
+// A lane has the same bits alone, and at every place among whatever neighbours; and when the result overwrites an
+// operand.
 TEST(KernelPacking, ALaneDoesNotDependOnItsNeighboursOrItsPlace)
 {
   std::mt19937_64 random(11);
@@ -40,7 +55,8 @@ TEST(KernelPacking, ALaneDoesNotDependOnItsNeighboursOrItsPlace)
       for (std::size_t i = 0; i < lanes; ++i) {
         std::vector<double> alone;
         for (const auto& column : columns) alone.push_back(column[i]);
-        EXPECT_EQ(bits_of(together[i]), bits_of(run_one(*build, kernel, alone))) << build->isa << " " << kernel_info(kernel).name << " lane " << i;
+        EXPECT_EQ(bits_of(together[i]), bits_of(run_one(*build, kernel, alone)))
+            << build->isa << " " << kernel_info(kernel).name << " lane " << i;
       }
       for (std::size_t target = 0; target < count; ++target) {
         std::vector<LaneArray> in;
@@ -52,7 +68,8 @@ TEST(KernelPacking, ALaneDoesNotDependOnItsNeighboursOrItsPlace)
         for (const LaneArray& a : in) pointers.push_back(a.data());
         (*build)[kernel](in[target].data(), pointers.data(), static_cast<int>(lanes));
         for (std::size_t i = 0; i < lanes; ++i)
-          EXPECT_EQ(bits_of(in[target][i]), bits_of(together[i])) << kernel_info(kernel).name << " over operand " << target;
+          EXPECT_EQ(bits_of(in[target][i]), bits_of(together[i]))
+              << kernel_info(kernel).name << " over operand " << target;
       }
     }
 }
@@ -65,7 +82,8 @@ TEST(KernelPacking, Avx2AndAvx512GiveTheSameBits)
   std::mt19937_64 random(12);
   for (std::size_t k = 0; k < kernel_count; ++k) {
     const auto kernel = static_cast<Kernel>(k);
-    std::vector<std::vector<double>> columns(static_cast<std::size_t>(kernel_info(kernel).operands), std::vector<double>(512));
+    std::vector<std::vector<double>> columns(static_cast<std::size_t>(kernel_info(kernel).operands),
+                                             std::vector<double>(512));
     for (auto& column : columns)
       for (double& x : column) x = any_operand(random);
     const auto a = run_lanes(*all[1], kernel, columns), b = run_lanes(*all[2], kernel, columns);

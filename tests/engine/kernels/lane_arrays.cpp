@@ -54,8 +54,10 @@ ReferenceTable read_reference(const std::string& name)
     std::vector<std::string> fields;
     std::istringstream split(line);
     for (std::string field; std::getline(split, field, ',');) fields.push_back(field);
-    if (table.header.empty()) table.header = fields;
-    else table.text.push_back(fields);
+    if (table.header.empty())
+      table.header = fields;
+    else
+      table.text.push_back(fields);
   }
   return table;
 }
@@ -86,8 +88,10 @@ double units_off(double value, long double truth)
   constexpr double infinity = std::numeric_limits<double>::infinity();
   if (std::isnan(value)) return infinity;
   const long double size = std::fabs(truth);
-  if (size < std::numeric_limits<double>::min()) return std::fabs(value) <= 2 * std::numeric_limits<double>::min() ? 0.0 : infinity;
-  if (size > std::numeric_limits<double>::max()) return std::isinf(value) && (value > 0) == (truth > 0) ? 0.0 : infinity;
+  if (size < std::numeric_limits<double>::min())
+    return std::fabs(value) <= 2 * std::numeric_limits<double>::min() ? 0.0 : infinity;
+  if (size > std::numeric_limits<double>::max())
+    return std::isinf(value) && (value > 0) == (truth > 0) ? 0.0 : infinity;
   return static_cast<double>(std::fabs(value - truth) / size * 0x1p52L);
 }
 

@@ -35,7 +35,7 @@ double run_one(const KernelTable& table, Kernel k, const std::vector<double>& op
 // A CSV table of tests/data/special: its columns by name, as text and as long doubles.
 struct ReferenceTable {
   std::vector<std::string> header;
-  std::vector<std::vector<std::string>> text;  // by row
+  std::vector<std::vector<std::string>> text; // by row
   std::size_t column(const std::string& name) const;
   std::vector<double> numbers(const std::string& name) const;
   std::vector<long double> truths(const std::string& name) const;

@@ -8,8 +8,8 @@
 namespace torvale::engine {
 namespace {
 
-// 17-digit derivatives of log tails by shapes (tests/data/special/make_shape_derivatives.py). The stated accuracy is 1e-12
-// relative, 1e-11 for third derivatives.
+// 17-digit derivatives of log tails by shapes (tests/data/special/make_shape_derivatives.py). The stated accuracy is
+// 1e-12 relative, 1e-11 for third derivatives.
 TEST(ShapeDerivatives, AgreeWithHighPrecisionDifferences)
 {
   const ReferenceTable t = read_reference("shape_derivatives");
@@ -31,11 +31,15 @@ TEST(ShapeDerivatives, AgreeWithHighPrecisionDifferences)
     }
     const double size = std::fmax(1e-4, std::pow(a[r], -di)); // absolute where the derivative itself is near a zero
     const long double tolerance = di + dj == 3 ? 1e-11L : 1e-12L;
-    const auto near = [&](double got, long double truth) { return std::fabs(got - truth) <= tolerance * (std::fabs(truth) + size); };
-    EXPECT_TRUE(near(got_lower, lower[r])) << t.text[r][0] << " " << x[r] << " " << a[r] << " " << b[r] << " order " << di << " " << dj << ": "
-                                           << got_lower << ", not " << static_cast<double>(lower[r]);
-    EXPECT_TRUE(near(got_upper, upper[r])) << t.text[r][0] << " " << x[r] << " " << a[r] << " " << b[r] << " order " << di << " " << dj << ": "
-                                           << got_upper << ", not " << static_cast<double>(upper[r]);
+    const auto near = [&](double got, long double truth) {
+      return std::fabs(got - truth) <= tolerance * (std::fabs(truth) + size);
+    };
+    EXPECT_TRUE(near(got_lower, lower[r]))
+        << t.text[r][0] << " " << x[r] << " " << a[r] << " " << b[r] << " order " << di << " " << dj << ": "
+        << got_lower << ", not " << static_cast<double>(lower[r]);
+    EXPECT_TRUE(near(got_upper, upper[r]))
+        << t.text[r][0] << " " << x[r] << " " << a[r] << " " << b[r] << " order " << di << " " << dj << ": "
+        << got_upper << ", not " << static_cast<double>(upper[r]);
   }
 }
 
