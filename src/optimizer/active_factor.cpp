@@ -12,7 +12,10 @@ namespace {
 using matrix::packed_row;
 using matrix::zvdot11;
 
-double* column(const MINSTR& str, long j) { return str.qlcn + j * str.nvar; }
+double* column(const MINSTR& str, long j)
+{
+  return str.qlcn + j * str.nvar;
+}
 
 // The plane rotation with c a + s b = r, c b - s a = 0.
 struct Rotation {

@@ -19,9 +19,18 @@ constexpr double contact_tolerance = 1e-12;
 // A direction whose slope against a normal is below this, relative to both, runs along the constraint, not into it.
 constexpr double crossing_tolerance = 1e-13;
 
-const double* row_of(const MINSTR& str, long c) { return str.alcn + (c - str.nvar) * str.nvar; }
-double right_side(const MINSTR& str, long c) { return str.blcn[c - str.nvar]; }
-bool is_equality_row(const MINSTR& str, long c) { return c >= str.nvar && c - str.nvar < str.neqc; }
+const double* row_of(const MINSTR& str, long c)
+{
+  return str.alcn + (c - str.nvar) * str.nvar;
+}
+double right_side(const MINSTR& str, long c)
+{
+  return str.blcn[c - str.nvar];
+}
+bool is_equality_row(const MINSTR& str, long c)
+{
+  return c >= str.nvar && c - str.nvar < str.neqc;
+}
 
 bool fixed_by_bounds(const MINSTR& str, long i, double tolerance)
 {
@@ -44,7 +53,10 @@ void note_change(MINSTR* str, long c, long sign)
 
 } // namespace
 
-double feasibility_tolerance(const MINSTR& str, int ipre) { return str.ceps * std::pow(10.0, ipre); }
+double feasibility_tolerance(const MINSTR& str, int ipre)
+{
+  return str.ceps * std::pow(10.0, ipre);
+}
 
 double constraint_violation(const MINSTR& str, const double* x, long c)
 {
@@ -70,8 +82,10 @@ int znlpfch(MINSTR* str, int rebuild, int ipre)
     const double low = str->lb[i], high = str->ub[i], x = str->x[i];
     const bool has_low = low > -largest, has_high = high < largest;
     const double low_band = (std::abs(low) + 1.0) * t, high_band = (std::abs(high) + 1.0) * t;
-    if (has_low && low - x > low_band) ++violated;
-    else if (has_high && x - high > high_band) ++violated;
+    if (has_low && low - x > low_band)
+      ++violated;
+    else if (has_high && x - high > high_band)
+      ++violated;
     if (rebuild == 0) continue;
     if (has_low && has_high && fixed_by_bounds(*str, i, t)) {
       ++str->nbec;
@@ -123,8 +137,7 @@ void znlpsym(const MINSTR& str, const double* b, double* projected, double* work
   const long m = free_dimension(str);
   if (str.opro == 0) {
     for (long i = 0; i < m; ++i)
-      for (long j = 0; j <= i; ++j)
-        projected[packed_row(i) + j] = b[matrix::packed_index(str.ifxr[i], str.ifxr[j])];
+      for (long j = 0; j <= i; ++j) projected[packed_row(i) + j] = b[matrix::packed_index(str.ifxr[i], str.ifxr[j])];
     return;
   }
   for (long i = 0; i < m; ++i) {
@@ -140,7 +153,10 @@ void znlpgmx(MINSTR* str)
   str->gmax = matrix::zvamx(str->gpro, free_dimension(*str));
 }
 
-double znlpgs(const MINSTR& str, const double* g, const double* d) { return zvdot11(g, d, str.nvar); }
+double znlpgs(const MINSTR& str, const double* g, const double* d)
+{
+  return zvdot11(g, d, str.nvar);
+}
 
 void znlpfta(MINSTR* str)
 {
@@ -201,7 +217,8 @@ void move_along(MINSTR* str, double a, const double* d)
 
 namespace {
 
-// Calls visit(c, side) for every constraint that is not held, that x touches and that d runs into, until it returns true.
+// Calls visit(c, side) for every constraint that is not held, that x touches and that d runs into, until it returns
+// true.
 template <class Visit> bool for_each_touched(const MINSTR& str, const double* d, Visit visit)
 {
   const long n = str.nvar;

@@ -4,19 +4,25 @@
 
 namespace torvale::optimizer {
 
-// Active sets. Constraint c, counted from 0, is the bound of parameter c for c < n and linear row c - n above. Its normal a
-// points inside: e_i at a lower bound, -e_i at an upper bound, the row itself for a'x >= b. "Held" constraints keep their value;
-// the free space is the null space of their normals, of dimension m, with the orthonormal basis Z.
+// Active sets. Constraint c, counted from 0, is the bound of parameter c for c < n and linear row c - n above. Its
+// normal a points inside: e_i at a lower bound, -e_i at an upper bound, the row itself for a'x >= b. "Held" constraints
+// keep their value; the free space is the null space of their normals, of dimension m, with the orthonormal basis Z.
 //
 // Bounds alone (opro 0): Z picks the free parameters, listed first in ifxr.
-// With linear rows (opro 1): N = Q [R; 0] for the matrix N of held normals in the order of iact; qlcn holds Q by columns,
-// llcn holds L = R' packed; Z is the last m columns of Q.
+// With linear rows (opro 1): N = Q [R; 0] for the matrix N of held normals in the order of iact; qlcn holds Q by
+// columns, llcn holds L = R' packed; Z is the last m columns of Q.
 
 // Free dimension m.
-inline long free_dimension(const MINSTR& str) { return str.nvar - str.nabc - str.nalc; }
+inline long free_dimension(const MINSTR& str)
+{
+  return str.nvar - str.nabc - str.nalc;
+}
 
 // True when the record has bounds or linear constraints at all.
-inline bool constrained(const MINSTR& str) { return str.bounds != 0 || str.lincon != 0; }
+inline bool constrained(const MINSTR& str)
+{
+  return str.bounds != 0 || str.lincon != 0;
+}
 
 // The working tolerance of feasibility, ceps times 10^ipre.
 double feasibility_tolerance(const MINSTR& str, int ipre);
@@ -26,11 +32,12 @@ double feasibility_tolerance(const MINSTR& str, int ipre);
 double constraint_violation(const MINSTR& str, const double* x, long c);
 
 // znlpfch: feasibility check, classification. With `rebuild` the marks iabc and the lists start anew: fixed parameters,
-// bounds and rows within the tolerance of x, equalities always. Otherwise only counts. Returns the number of constraints that
-// x violates by more than (|b| + 1) times the tolerance at the power ipre.
+// bounds and rows within the tolerance of x, equalities always. Otherwise only counts. Returns the number of
+// constraints that x violates by more than (|b| + 1) times the tolerance at the power ipre.
 int znlpfch(MINSTR* str, int rebuild, int ipre);
 
-// znlpfta: factors the held constraints, projects the gradient and computes the multipliers at x. Dependent ones go to ldco.
+// znlpfta: factors the held constraints, projects the gradient and computes the multipliers at x. Dependent ones go to
+// ldco.
 void znlpfta(MINSTR* str);
 
 // znlpact: holds every constraint that x touches and that the direction d runs into. Returns how many were
@@ -40,10 +47,12 @@ int znlpact(MINSTR* str, const double* d);
 // touching: true when znlpact would have something to add.
 bool touching(const MINSTR& str, const double* d);
 
-// znlpdac: drops constraints whose multipliers have the wrong sign. Returns the net number dropped; chac, idac tell of them.
+// znlpdac: drops constraints whose multipliers have the wrong sign. Returns the net number dropped; chac, idac tell of
+// them.
 int znlpdac(MINSTR* str);
 
-// znlpglm: Lagrange multipliers of the held constraints by least squares, N lambda = grad, into lagm by constraint number.
+// znlpglm: Lagrange multipliers of the held constraints by least squares, N lambda = grad, into lagm by constraint
+// number.
 void znlpglm(MINSTR* str);
 
 // znlpgmx: gradient of the free space: gpro = Z'grad and gmax = its largest element.
@@ -59,8 +68,8 @@ void znlpvex(const MINSTR& str, const double* r, double* v);
 // znlpsym: the projected matrix Z'BZ (packed, order m) of the packed symmetric B of order n. work: n doubles.
 void znlpsym(const MINSTR& str, const double* b, double* projected, double* work);
 
-// znlpstl: the largest step along d from x that keeps all constraints that are not held; largest when none is in the way.
-// blocking receives the constraint, or -1.
+// znlpstl: the largest step along d from x that keeps all constraints that are not held; largest when none is in the
+// way. blocking receives the constraint, or -1.
 double znlpstl(const MINSTR& str, const double* x, const double* d, long* blocking);
 
 // move_along: x = xold + a d, kept on the right side of the bounds against rounding. The only place where such a
@@ -68,7 +77,10 @@ double znlpstl(const MINSTR& str, const double* x, const double* d, long* blocki
 void move_along(MINSTR* str, double a, const double* d);
 
 // Clears what one iteration reports of changes of the active set.
-inline void reset_change(MINSTR* str) { str->chac = str->idac = 0; }
+inline void reset_change(MINSTR* str)
+{
+  str->chac = str->idac = 0;
+}
 
 // znlpfea: moves x to the nearest feasible point. Returns 0 nothing to do, 1 moved, -1 no feasible point (-3: the
 // equalities contradict each other). The lists of held constraints are invalid after a move: call znlpfch and znlpfta.
@@ -79,8 +91,8 @@ int znlpfea(MINSTR* str);
 // clear_factor: holds nothing: Q = I.
 void clear_factor(MINSTR* str);
 
-// hold: adds constraint c with the bound state `side` (1, -1, 2; ignored for rows). Returns 0; 1 when its normal depends
-// linearly on the held ones (it is noted in ldco and not held).
+// hold: adds constraint c with the bound state `side` (1, -1, 2; ignored for rows). Returns 0; 1 when its normal
+// depends linearly on the held ones (it is noted in ldco and not held).
 int hold(MINSTR* str, long c, int side);
 
 // release: stops holding constraint c.

@@ -19,7 +19,10 @@ struct Need {
   long length;
 };
 
-long rounded(long length) { return (std::max(length, 1L) + doubles_per_line - 1) / doubles_per_line * doubles_per_line; }
+long rounded(long length)
+{
+  return (std::max(length, 1L) + doubles_per_line - 1) / doubles_per_line * doubles_per_line;
+}
 
 template <class T> bool owns(const std::vector<T>& block, const T* p)
 {
@@ -60,13 +63,17 @@ long wrk2_length(const MINSTR& str)
   const long n = str.nvar;
   switch (str.tech) {
   case NMSIMP:
-  case NMSIM2: return (n + 4) * n + n + 1; // vertices, their values, three points
-  case DBLDOG: return 12 * n; // 7n of the quasi-Newton matrix, five vectors
+  case NMSIM2:
+    return (n + 4) * n + n + 1; // vertices, their values, three points
+  case DBLDOG:
+    return 12 * n; // 7n of the quasi-Newton matrix, five vectors
   case TRUREG:
   case NEWRAP:
   case NRLINS:
-  case NRRIDG: return 8 * n;
-  default: return 7 * n;
+  case NRRIDG:
+    return 8 * n;
+  default:
+    return 7 * n;
   }
 }
 
@@ -76,12 +83,14 @@ int tvlopta(MINSTR* str)
   const long rows = str->ncon;
   str->nnva = n * (n + 1) / 2;
   const Need needs[] = {
-      {&MINSTR::x, n},    {&MINSTR::xold, n}, {&MINSTR::grad, n}, {&MINSTR::gold, n},        {&MINSTR::sdir, n},
-      {&MINSTR::work, n}, {&MINSTR::dsca, n}, {&MINSTR::ster, n}, {&MINSTR::wfid, n + str->mequ}, {&MINSTR::hfwd, n},
-      {&MINSTR::hcnt, n}, {&MINSTR::lb, n},   {&MINSTR::ub, n},   {&MINSTR::alcn, rows * n}, {&MINSTR::blcn, rows},
-      {&MINSTR::gpro, n}, {&MINSTR::lagm, n + rows}, {&MINSTR::lag2, n + rows}, {&MINSTR::awrk, 8 * n + 2 * rows},
-      {&MINSTR::xval, n}, {&MINSTR::xbes, n}, {&MINSTR::gbes, n}, {&MINSTR::xtmp, n},        {&MINSTR::gtmp, n},
-      {&MINSTR::hlim, n},
+      {&MINSTR::x, n},    {&MINSTR::xold, n},        {&MINSTR::grad, n},
+      {&MINSTR::gold, n}, {&MINSTR::sdir, n},        {&MINSTR::work, n},
+      {&MINSTR::dsca, n}, {&MINSTR::ster, n},        {&MINSTR::wfid, n + str->mequ},
+      {&MINSTR::hfwd, n}, {&MINSTR::hcnt, n},        {&MINSTR::lb, n},
+      {&MINSTR::ub, n},   {&MINSTR::alcn, rows * n}, {&MINSTR::blcn, rows},
+      {&MINSTR::gpro, n}, {&MINSTR::lagm, n + rows}, {&MINSTR::awrk, 8 * n + 2 * rows},
+      {&MINSTR::xval, n}, {&MINSTR::xbes, n},        {&MINSTR::gbes, n},
+      {&MINSTR::xtmp, n}, {&MINSTR::gtmp, n},        {&MINSTR::hlim, n},
   };
   const bool own_lower = str->lb == nullptr || owns(str->problem_block, static_cast<const double*>(str->lb));
   const bool own_upper = str->ub == nullptr || owns(str->problem_block, static_cast<const double*>(str->ub));

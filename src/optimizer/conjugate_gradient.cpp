@@ -16,8 +16,8 @@ using matrix::zvdot11;
 
 constexpr double least_divisor = 1.491668147e-150;
 
-// CONGRA: no matrix, four rules for the coefficient of the old direction. In the free space of m dimensions, with g the new
-// gradient, h the old one, d the old direction and y = g - h.
+// CONGRA: no matrix, four rules for the coefficient of the old direction. In the free space of m dimensions, with g the
+// new gradient, h the old one, d the old direction and y = g - h.
 class ConjugateGradient {
 public:
   explicit ConjugateGradient(MINSTR* record)
@@ -29,8 +29,10 @@ public:
   int run()
   {
     if (const int rc = begin_technique(str, true); rc != 0) return rc;
-    if (str->tupd == 1) str->nres = 2147483647.0;
-    else if (!(str->nres > 0.0)) str->nres = std::max(10.0 * static_cast<double>(n), 80.0);
+    if (str->tupd == 1)
+      str->nres = 2147483647.0;
+    else if (!(str->nres > 0.0))
+      str->nres = std::max(10.0 * static_cast<double>(n), 80.0);
     bool reported = false;
     for (;;) {
       int code = cycle(reported);
@@ -163,11 +165,11 @@ private:
     return true;
   }
 
-  // Restart procedure of M. J. D. Powell (Restart procedures for the conjugate gradient method, Mathematical Programming 12,
-  // 1977) for Beale's three-term direction
+  // Restart procedure of M. J. D. Powell (Restart procedures for the conjugate gradient method, Mathematical
+  // Programming 12, 1977) for Beale's three-term direction
   //     -g + beta d + gamma d_t,   beta = g'y / d'y,   gamma = g'y_t / d_t'y_t,
-  // with d_t, y_t of the last restart. A restart follows after m steps, when successive gradients are not nearly orthogonal,
-  // or when the new direction is not sufficiently downhill.
+  // with d_t, y_t of the last restart. A restart follows after m steps, when successive gradients are not nearly
+  // orthogonal, or when the new direction is not sufficiently downhill.
   bool powrest(long m)
   {
     const double gg = zvdot11(g, g, m), gh = zvdot11(g, h, m);
@@ -198,9 +200,9 @@ private:
 
   MINSTR* str;
   long n;
-  double *g, *h, *d;            // m each
+  double *g, *h, *d;             // m each
   double *restart_d, *restart_y; // m each
-  double gden = 1.0;            // d_t'y_t
+  double gden = 1.0;             // d_t'y_t
   double slope = 0.0;
   double last_alfa = 0.0, last_slope = 0.0;
   long since_restart = 0;
@@ -210,6 +212,9 @@ private:
 
 } // namespace
 
-int znlpcog(MINSTR* str) { return ConjugateGradient(str).run(); }
+int znlpcog(MINSTR* str)
+{
+  return ConjugateGradient(str).run();
+}
 
 } // namespace torvale::optimizer

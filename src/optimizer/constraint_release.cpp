@@ -16,8 +16,8 @@ bool is_inequality(const MINSTR& str, long c)
   return c < str.nvar ? str.iabc[c] == 1 || str.iabc[c] == -1 : c - str.nvar >= str.neqc;
 }
 
-// The threshold that a multiplier must pass downwards before its constraint is let go. Multipliers are not scaled: they are
-// compared with gmax, the largest element of the projected gradient.
+// The threshold that a multiplier must pass downwards before its constraint is let go. Multipliers are not scaled: they
+// are compared with gmax, the largest element of the projected gradient.
 double drop_threshold(const MINSTR& str)
 {
   if (!is_missing(str.deat) && str.deat > 0.0) return str.deat;
@@ -28,7 +28,7 @@ double drop_threshold(const MINSTR& str)
 
 bool wrong_sign(const MINSTR& str, long c, double threshold)
 {
-  return is_inequality(str, c) && str.lagm[c] < -threshold && (str.ulm2 == 0 || str.lag2[c] < -threshold);
+  return is_inequality(str, c) && str.lagm[c] < -threshold;
 }
 
 // The held constraint with the most negative multiplier, or the first one with a negative multiplier when `first` is

@@ -28,12 +28,11 @@ constexpr int status_inverse_failed = -3;
 constexpr int status_singular = 1;
 constexpr int status_generalized = 2;
 
-void reserve(StoredMatrix& matrix, long order, int form)
+void reserve(StoredMatrix& matrix, long order)
 {
   matrix.present = true;
   matrix.order = order;
-  matrix.form = form;
-  matrix.elements.assign(static_cast<std::size_t>(form == 2 ? order : packed_size(order)), 0.0);
+  matrix.elements.assign(static_cast<std::size_t>(packed_size(order)), 0.0);
   std::fill_n(matrix.det, 5, 0.0);
 }
 
@@ -46,7 +45,7 @@ double divisor(const COVSTR& cov)
 // The Hessian at x into the request. The arrays of the technique are not touched: a conjugate gradient has none.
 bool store_hessian(MINSTR* str, COVSTR& cov)
 {
-  reserve(cov.hessian, str->nvar, 1);
+  reserve(cov.hessian, str->nvar);
   double* const own = std::exchange(str->hess, cov.hessian.elements.data());
   const int form = std::exchange(str->hfrm, cov.hfrm);
   const bool failed = objective_hessian(str, cov.ushes) != 0;
@@ -71,8 +70,7 @@ void expand(const MINSTR& str, const double* projected, double* whole, double* w
   for (long j = 0; j < m; ++j) {
     // Column j of Z C, then its product with column j of Z.
     std::fill_n(work, n, 0.0);
-    for (long k = 0; k < m; ++k)
-      matrix::zvxay11(work, str.qlcn + (n - m + k) * n, n, projected[packed_index(j, k)]);
+    for (long k = 0; k < m; ++k) matrix::zvxay11(work, str.qlcn + (n - m + k) * n, n, projected[packed_index(j, k)]);
     const double* const z = str.qlcn + (n - m + j) * n;
     for (long a = 0; a < n; ++a) matrix::zvxay11(whole + packed_row(a), z, a + 1, work[a]);
   }
@@ -85,7 +83,8 @@ int invert(MINSTR* str, COVSTR& cov, long m, std::vector<double>& c, double* det
   std::vector<double> scratch(static_cast<std::size_t>(m * m + 3 * m + 1));
   std::vector<long> singular(static_cast<std::size_t>(m + 1));
   double* const diagonal = scratch.data();
-  const int zeros = zcovinv(1, 1, m, cov.asin, cov.msin, cov.vsin, c.data(), det, diagonal, diagonal + m, singular.data());
+  const int zeros =
+      zcovinv(1, 1, m, cov.asin, cov.msin, cov.vsin, c.data(), det, diagonal, diagonal + m, singular.data());
   if (zeros == 0) return 0;
   std::vector<double> spent(original);
   zcovlid(str, cov.asin, cov.msin, cov.vsin, m, spent.data(), scratch.data(), singular.data());
@@ -96,7 +95,8 @@ int invert(MINSTR* str, COVSTR& cov, long m, std::vector<double>& c, double* det
   double* const eigenvalues = scratch.data() + m * m + 2 * m;
   const double cut = is_missing(cov.csin) ? std::max(cov.msin, static_cast<double>(m) * machine_epsilon) : cov.csin;
   double spectral[5];
-  if (zcovgiv(m, cov.asin, cut, original.data(), spectral, eigenvalues, scratch.data()) < 0) return status_inverse_failed;
+  if (zcovgiv(m, cov.asin, cut, original.data(), spectral, eigenvalues, scratch.data()) < 0)
+    return status_inverse_failed;
   if (cov.eigenvalues != nullptr) cov.eigenvalues(str, eigenvalues, m);
   send_message(str, 549, 190, severity_warning);
   c = std::move(original);
@@ -159,7 +159,7 @@ int znlpcov(MINSTR* str)
   std::vector<double> work(static_cast<std::size_t>(m * m + n + 1));
   znlpsym(*str, source.elements.data(), c.data(), work.data());
   if (m < n && !from_scores) {
-    reserve(cov.projected, m, 1);
+    reserve(cov.projected, m);
     cov.projected.elements = c;
   }
   cov.status = invert(str, cov, m, c, str->det);
@@ -172,11 +172,10 @@ int znlpcov(MINSTR* str)
   }
   for (double& element : c) element *= cov.sigm;
 
-  reserve(cov.covariance, n, 1);
+  reserve(cov.covariance, n);
   expand(*str, c.data(), cov.covariance.elements.data(), work.data());
   if (cov.hfrm == 2) {
-    for (long i = 0; i < n; ++i)
-      std::fill_n(cov.covariance.elements.begin() + packed_row(i), i, 0.0);
+    for (long i = 0; i < n; ++i) std::fill_n(cov.covariance.elements.begin() + packed_row(i), i, 0.0);
   }
   std::copy_n(str->det, 5, cov.covariance.det);
   std::copy_n(str->det, 5, (m < n ? cov.projected : cov.hessian).det);
@@ -193,16 +192,18 @@ int znlpcma(MINSTR* str, int job)
 {
   COVSTR& cov = *str->covstr;
   if (job == 0) {
-    for (StoredMatrix* matrix : {&cov.hessian, &cov.projected, &cov.crossproduct, &cov.covariance}) matrix->present = false;
+    for (StoredMatrix* matrix : {&cov.hessian, &cov.projected, &cov.crossproduct, &cov.covariance})
+      matrix->present = false;
     std::fill_n(str->ster, str->nvar, missing);
     cov.status = 0;
     return 0;
   }
   if (is_missing(str->crit) || (cov.ches == 0 && cov.ccov == 0 && cov.icov == 0)) return 0;
-  if (gradient_by_differences(*str) == false && is_missing(str->nvar > 0 ? str->grad[0] : 0.0)) objective_gradient(str, cov.usgrd);
+  if (!gradient_by_differences(*str) && is_missing(str->nvar > 0 ? str->grad[0] : 0.0))
+    objective_gradient(str, cov.usgrd);
   if (!store_hessian(str, cov)) cov.status = status_no_hessian;
   if (cov.uscpj != nullptr) {
-    reserve(cov.crossproduct, str->nvar, 1);
+    reserve(cov.crossproduct, str->nvar);
     cov.crossproduct.present = cov.uscpj(str) == 0;
   }
   return cov.ccov != 0 || cov.icov != 0 ? znlpcov(str) : cov.status;

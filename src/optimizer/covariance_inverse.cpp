@@ -36,8 +36,8 @@ int invert_diagonal(long n, double asin, double msin, double* d, double* det, lo
   return zeros;
 }
 
-// The scale of each row: the root of a positive diagonal element, 1 for others. Parameters may differ by many powers of ten,
-// and singular must not mean small.
+// The scale of each row: the root of a positive diagonal element, 1 for others. Parameters may differ by many powers of
+// ten, and singular must not mean small.
 void scale_to_unit_diagonal(long n, double* a, double* scale)
 {
   for (long i = 0; i < n; ++i) {
@@ -49,8 +49,8 @@ void scale_to_unit_diagonal(long n, double* a, double* scale)
     for (long j = 0; j <= i; ++j) a[packed_row(i) + j] /= scale[i] * scale[j];
 }
 
-// Sweeps the pivots of the scaled matrix in their order. What is left of a row whose pivot was refused says how it depends on
-// the swept ones.
+// Sweeps the pivots of the scaled matrix in their order. What is left of a row whose pivot was refused says how it
+// depends on the swept ones.
 int sweep_pivots(long n, double asin, double msin, double vsin, double* a, double* det, double* scale, double* work,
                  std::vector<char>& swept)
 {
@@ -93,8 +93,10 @@ int zcovinv(int job, int cfrm, long n, double asin, double msin, double vsin, do
     const bool refused = swept[static_cast<std::size_t>(i)] == '0';
     if (singular != nullptr) singular[i] = refused;
     for (long j = 0; j <= i; ++j)
-      if (refused || swept[static_cast<std::size_t>(j)] == '0') cov[packed_row(i) + j] = 0.0;
-      else cov[packed_row(i) + j] /= cdia[i] * cdia[j];
+      if (refused || swept[static_cast<std::size_t>(j)] == '0')
+        cov[packed_row(i) + j] = 0.0;
+      else
+        cov[packed_row(i) + j] /= cdia[i] * cdia[j];
   }
   return zeros;
 }

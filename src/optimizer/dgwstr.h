@@ -23,24 +23,21 @@ struct DGWSTR {
   double incf = 2;   // least factor that increases it
 
   // The step.
-  double rad0 = 0;   // radius that the step was computed for
-  double dst0 = 0;   // length of the Newton step; negative: the Hessian is indefinite
-  double dstn = 0;   // length of the step taken, in scaled parameters
-  double gtst = 0;   // slope g's of the step
-  double nred = 0;   // reduction predicted for the Newton step
-  double rldx = 0;   // largest relative change of a parameter
-  double dgnm = 0;   // norm of the scaled gradient
+  double rad0 = 0;                // radius that the step was computed for
+  double dst0 = 0;                // length of the Newton step; negative: the Hessian is indefinite
+  double dstn = 0;                // length of the step taken, in scaled parameters
+  double gtst = 0;                // slope g's of the step
+  double nred = 0;                // reduction predicted for the Newton step
+  double rldx = 0;                // largest relative change of a parameter
+  double dgnm = 0;                // norm of the scaled gradient
   double scaled_hessian_form = 0; // g'Hg of the scaled gradient (gthg), for the Cauchy point
-  double gfac = 0;   // factor of the gradient in a dogleg step
-  double nfac = 0;   // factor of the Newton step in a dogleg step
+  double gfac = 0;                // factor of the gradient in a dogleg step
+  double nfac = 0;                // factor of the Newton step in a dogleg step
 
   // The subproblem (gqtstp).
-  long kagqt = -1;   // rounds used; negative: first call for this Hessian
-  double emin = 0;   // Gerschgorin lower bound of the eigenvalues
-  double emax = 0;   // Gerschgorin upper bound
-  double lk0 = 0;    // lower bound of the Levenberg parameter
-  double uk0 = 0;    // upper bound
-  double phipin = 0; // inverse of phi' at the last solve
+  long kagqt = -1; // rounds used; negative: first call for this Hessian
+  double emin = 0; // Gerschgorin lower bound of the eigenvalues
+  double emax = 0; // Gerschgorin upper bound
 };
 
 } // namespace torvale::optimizer

@@ -12,11 +12,20 @@ double forward_base(const MINSTR& str)
   return str.fdig > 0.0 ? std::exp(-1.151292546497023 * str.fdig) : 2.107342425544702e-08;
 }
 
-double central_base(const MINSTR& str) { return std::exp(2.0 * std::log(forward_base(str)) / 3.0); }
+double central_base(const MINSTR& str)
+{
+  return std::exp(2.0 * std::log(forward_base(str)) / 3.0);
+}
 
-double second_difference_base(const MINSTR& str) { return std::sqrt(forward_base(str)); }
+double second_difference_base(const MINSTR& str)
+{
+  return std::sqrt(forward_base(str));
+}
 
-double least_interval(double x) { return std::max(1.0, std::abs(x)) * 1.110223024625157e-15; }
+double least_interval(double x)
+{
+  return std::max(1.0, std::abs(x)) * 1.110223024625157e-15;
+}
 
 double interval(const MINSTR& str, long i, double base, const double* found)
 {
@@ -28,7 +37,10 @@ double interval(const MINSTR& str, long i, double base, const double* found)
   return std::max(moved - x, std::abs(x) * 1.110223024625157e-15);
 }
 
-void forget_curvature(MINSTR* str) { std::fill_n(str->hlim, str->nvar, missing); }
+void forget_curvature(MINSTR* str)
+{
+  std::fill_n(str->hlim, str->nvar, missing);
+}
 
 double learn_curvature(MINSTR* str, long i, double h, double up, double down, double f)
 {
@@ -36,10 +48,14 @@ double learn_curvature(MINSTR* str, long i, double h, double up, double down, do
   const double change = 0.5 * std::abs(up + down) / (1.0 + std::abs(f));
   double right = h;
   // Only what is wrong by a factor of a hundred: the interval need not be exact, and should not wander.
-  if (change > 1e4 * target) right = h * std::max(std::sqrt(target / change), 1e-8);
-  else if (change < 1e-4 * target && !is_missing(str->hlim[i])) right = change > 0.0 ? h * std::min(std::sqrt(target / change), 100.0) : 100.0 * h;
-  if (right != h) str->hlim[i] = right;
-  else if (is_missing(str->hlim[i])) str->hlim[i] = largest;
+  if (change > 1e4 * target)
+    right = h * std::max(std::sqrt(target / change), 1e-8);
+  else if (change < 1e-4 * target && !is_missing(str->hlim[i]))
+    right = change > 0.0 ? h * std::min(std::sqrt(target / change), 100.0) : 100.0 * h;
+  if (right != h)
+    str->hlim[i] = right;
+  else if (is_missing(str->hlim[i]))
+    str->hlim[i] = largest;
   return right;
 }
 
@@ -165,9 +181,15 @@ int difference_gradient(MINSTR* str, Quotient quotient, double base, const doubl
 
 } // namespace
 
-int znlpfig(MINSTR* str) { return difference_gradient(str, learning_quotient, forward_base(*str), str->hfwd); }
+int znlpfig(MINSTR* str)
+{
+  return difference_gradient(str, learning_quotient, forward_base(*str), str->hfwd);
+}
 
-int znlpfg2(MINSTR* str) { return difference_gradient(str, central_quotient, central_base(*str), str->hcnt); }
+int znlpfg2(MINSTR* str)
+{
+  return difference_gradient(str, central_quotient, central_base(*str), str->hcnt);
+}
 
 int znlpfg3(MINSTR* str, double eta)
 {

@@ -8,7 +8,10 @@
 namespace torvale::optimizer {
 namespace {
 
-long packed_row(long i) { return i * (i + 1) / 2; }
+long packed_row(long i)
+{
+  return i * (i + 1) / 2;
+}
 
 // Saves what a Hessian must leave untouched, and gives it back.
 class KeepPoint {
@@ -36,9 +39,10 @@ private:
   int indf;
 };
 
-// The interval (1 + |x|) base knows nothing of a parameter whose natural unit is 1e-9. What tells is the change of the objective
-// that the curvature d makes over h, d h^2 / 2, relative to 1 + |f|: too large, and the third derivative spoils the quotient;
-// too small, and rounding does. resized: h brought to `target` when the change lies outside [low, high] times it.
+// The interval (1 + |x|) base knows nothing of a parameter whose natural unit is 1e-9. What tells is the change of the
+// objective that the curvature d makes over h, d h^2 / 2, relative to 1 + |f|: too large, and the third derivative
+// spoils the quotient; too small, and rounding does. resized: h brought to `target` when the change lies outside [low,
+// high] times it.
 double resized(double h, double d, double f, double target, double low, double high)
 {
   const double change = 0.5 * std::abs(d) * h * h / (1.0 + std::abs(f));
@@ -63,9 +67,9 @@ bool change(MINSTR* str, long i, double a, long j, double b, double base_value, 
   return !failed;
 }
 
-// Second derivative along e_i from values. five: the five-point formula, error of order h^4. Beside a bound or a failing
-// half space the one-sided formula (-5 f1 + 4 f2 - f3 + 2 f0) / h^2 keeps the second order. h becomes the interval used,
-// with the sign of the usable side when there is only one; both tells whether both sides can be used.
+// Second derivative along e_i from values. five: the five-point formula, error of order h^4. Beside a bound or a
+// failing half space the one-sided formula (-5 f1 + 4 f2 - f3 + 2 f0) / h^2 keeps the second order. h becomes the
+// interval used, with the sign of the usable side when there is only one; both tells whether both sides can be used.
 bool second_difference(MINSTR* str, long i, bool five, double f, double& h, bool& both, double& result)
 {
   for (h = std::abs(h); h > least_interval(str->x[i]) && str->stop == 0; h *= 0.5) {
@@ -196,8 +200,8 @@ int hessian_from_gradients(MINSTR* str, bool central)
   double* const column = str->gtmp;
   for (long i = 0; i < n; ++i) {
     if (str->bounds != 0 && str->iabc[i] == 2) continue;
-    // A gradient is as good as the machine: only an interval that is too long is changed. The one-sided quotient has an error
-    // of order h, the central one of order h^2, hence the different targets.
+    // A gradient is as good as the machine: only an interval that is too long is changed. The one-sided quotient has an
+    // error of order h, the central one of order h^2, hence the different targets.
     double h = interval(*str, i, base, nullptr);
     for (int resizes = 0;; ++resizes) {
       if (!gradient_difference(str, i, h, central, keep.gradient(), column)) return -11;
@@ -216,9 +220,21 @@ int hessian_from_gradients(MINSTR* str, bool central)
 
 } // namespace
 
-int znlpfih(MINSTR* str) { return hessian_from_values(str, false); }
-int znlpfh2(MINSTR* str) { return hessian_from_values(str, true); }
-int znlpfh3(MINSTR* str) { return hessian_from_gradients(str, false); }
-int znlpfh4(MINSTR* str) { return hessian_from_gradients(str, true); }
+int znlpfih(MINSTR* str)
+{
+  return hessian_from_values(str, false);
+}
+int znlpfh2(MINSTR* str)
+{
+  return hessian_from_values(str, true);
+}
+int znlpfh3(MINSTR* str)
+{
+  return hessian_from_gradients(str, false);
+}
+int znlpfh4(MINSTR* str)
+{
+  return hessian_from_gradients(str, true);
+}
 
 } // namespace torvale::optimizer

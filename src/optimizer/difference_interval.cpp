@@ -6,9 +6,10 @@
 #include <algorithm>
 #include <cmath>
 
-// Selection of the difference intervals (FDINT): P. E. Gill, W. Murray, M. A. Saunders, M. H. Wright, Computing forward-difference
-// intervals for numerical optimization, SIAM J. Sci. Stat. Comput. 4 (1983). The interval of the second derivative is sought
-// whose cancellation error lies between a thousandth and a tenth; the best forward interval follows from it.
+// Selection of the difference intervals (FDINT): P. E. Gill, W. Murray, M. A. Saunders, M. H. Wright, Computing
+// forward-difference intervals for numerical optimization, SIAM J. Sci. Stat. Comput. 4 (1983). The interval of the
+// second derivative is sought whose cancellation error lies between a thousandth and a tenth; the best forward interval
+// follows from it.
 
 namespace torvale::optimizer {
 namespace {
@@ -46,7 +47,8 @@ bool estimate(MINSTR* str, long j, double h, double f, double noise, Estimate& e
   const double wide = guarded_quotient(f2 - f, 2.0 * h);
   e.central = guarded_quotient(4.0 * f1 - f2 - 3.0 * f, 2.0 * h);
   e.second = guarded_quotient(f + f2 - 2.0 * f1, h * h);
-  e.forward_error = noise == 0.0 ? 0.0 : guarded_quotient(noise, 0.5 * std::abs(h) * std::min(std::abs(e.forward), std::abs(wide)));
+  e.forward_error =
+      noise == 0.0 ? 0.0 : guarded_quotient(noise, 0.5 * std::abs(h) * std::min(std::abs(e.forward), std::abs(wide)));
   e.second_error = noise == 0.0 ? 0.0 : guarded_quotient(noise, 0.25 * std::abs(e.second) * h * h);
   return true;
 }

@@ -84,7 +84,8 @@ private:
     return matrix::zvenorm(m, 1, scratch);
   }
 
-  // The Newton step and the scaled gradient of the free space at x. Returns false when a touched constraint leaves no direction.
+  // The Newton step and the scaled gradient of the free space at x. Returns false when a touched constraint leaves no
+  // direction.
   bool form_model()
   {
     for (;;) {
@@ -116,13 +117,14 @@ private:
     return true;
   }
 
-  // The step of length at most delt (all lengths scaled): step = gfac times the scaled gradient plus nfac times the Newton step.
+  // The step of length at most delt (all lengths scaled): step = gfac times the scaled gradient plus nfac times the
+  // Newton step.
   void dbldog()
   {
     const long m = free_dimension(*str);
     const double radius = str->delt, newton_length = state.dst0, g = state.dgnm;
-    const double t = state.scaled_hessian_form;     // gradient'B gradient
-    const double c = g * g / t;                     // Cauchy step: -c times the scaled gradient
+    const double t = state.scaled_hessian_form; // gradient'B gradient
+    const double c = g * g / t;                 // Cauchy step: -c times the scaled gradient
     const double cauchy_length = c * g;
     const double gamma = g * g * c / -newton_slope; // at most 1
     const double eta = 0.2 + 0.8 * std::min(gamma, 1.0);
@@ -253,6 +255,9 @@ private:
 
 } // namespace
 
-int znlpddl(MINSTR* str) { return DoubleDogleg(str).run(); }
+int znlpddl(MINSTR* str)
+{
+  return DoubleDogleg(str).run();
+}
 
 } // namespace torvale::optimizer

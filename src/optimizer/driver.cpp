@@ -16,8 +16,14 @@
 namespace torvale::optimizer {
 namespace {
 
-ProblemCallback objective_of(const MINSTR& str) { return str.covstr != nullptr ? str.covstr->usfct : nullptr; }
-ProblemCallback gradient_of(const MINSTR& str) { return str.covstr != nullptr ? str.covstr->usgrd : nullptr; }
+ProblemCallback objective_of(const MINSTR& str)
+{
+  return str.covstr != nullptr ? str.covstr->usfct : nullptr;
+}
+ProblemCallback gradient_of(const MINSTR& str)
+{
+  return str.covstr != nullptr ? str.covstr->usgrd : nullptr;
+}
 
 void forget_point(MINSTR* str)
 {
@@ -25,7 +31,10 @@ void forget_point(MINSTR* str)
   std::fill_n(str->grad, str->nvar, missing);
 }
 
-double seconds(MINSTR* str) { return str->clock != nullptr ? str->clock(str) : 0.0; }
+double seconds(MINSTR* str)
+{
+  return str->clock != nullptr ? str->clock(str) : 0.0;
+}
 
 // A feasible point, or the code -10. The start is moved only when it has to be.
 int feasible_start(MINSTR* str)
@@ -88,17 +97,27 @@ int check_derivatives(MINSTR* str, int dtst)
 int run_technique(MINSTR* str)
 {
   switch (str->tech) {
-  case TRUREG: return znlptre(str);
+  case TRUREG:
+    return znlptre(str);
   case NEWRAP:
-  case NRLINS: return znlpnra(str);
-  case NRRIDG: return znlpnrr(str);
-  case DBLDOG: return znlpddl(str);
-  case QUANEW: return znlpqun(str);
-  case DUQUAN: return znlpdqn(str);
-  case CONGRA: return znlpcog(str);
-  case NMSIMP: return znlpnms(str);
-  case NMSIM2: return znlpnm2(str);
-  default: return 0;
+  case NRLINS:
+    return znlpnra(str);
+  case NRRIDG:
+    return znlpnrr(str);
+  case DBLDOG:
+    return znlpddl(str);
+  case QUANEW:
+    return znlpqun(str);
+  case DUQUAN:
+    return znlpdqn(str);
+  case CONGRA:
+    return znlpcog(str);
+  case NMSIMP:
+    return znlpnms(str);
+  case NMSIM2:
+    return znlpnm2(str);
+  default:
+    return 0;
   }
 }
 
@@ -138,9 +157,12 @@ int optimization_stage(MINSTR* str)
   str->mtim = start;
   int code = 0;
   if (str->tech != NONE) {
-    if (str->maxi <= 0.0 || str->maxf <= 0.0) code = code_limit;
-    else if (str->upti <= 0.0) code = code_time;
-    else code = run_technique(str);
+    if (str->maxi <= 0.0 || str->maxf <= 0.0)
+      code = code_limit;
+    else if (str->upti <= 0.0)
+      code = code_time;
+    else
+      code = run_technique(str);
   }
   str->mtim = seconds(str) - start;
   const bool lost = (code <= code_start_objective && code >= code_gradient) || code == code_hessian;

@@ -39,7 +39,8 @@ int ldlupd(long n, double sig, double* ldl, double* z, double* t)
       beta[r] = p / (d * after);
       after = before;
     }
-    // Row r of L: with q the vector z as columns 0..j have left it, L_rj += beta_j q. Here q_r = p_r + sum over j of L_rj p_j.
+    // Row r of L: with q the vector z as columns 0..j have left it, L_rj += beta_j q. Here q_r = p_r + sum over j of
+    // L_rj p_j.
     for (long r = 1; r < n; ++r) {
       double* const row = ldl + packed_row(r);
       double q = z[r] + zvdot11(row, z, r);

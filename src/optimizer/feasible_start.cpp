@@ -31,9 +31,9 @@ bool clamp_to_bounds(MINSTR* str)
   return moved;
 }
 
-// The nearest feasible point by the dual method of Goldfarb and Idnani (A numerically stable dual method for solving strictly
-// convex quadratic programs, Mathematical Programming 27, 1983) with the unit Hessian. It starts at x, takes the most
-// violated constraint, and moves along the part of its normal that the held ones leave free, releasing those
+// The nearest feasible point by the dual method of Goldfarb and Idnani (A numerically stable dual method for solving
+// strictly convex quadratic programs, Mathematical Programming 27, 1983) with the unit Hessian. It starts at x, takes
+// the most violated constraint, and moves along the part of its normal that the held ones leave free, releasing those
 // whose multiplier would turn negative. It ends at the nearest feasible point or proves that there is none.
 class NearestPoint {
 public:

@@ -28,8 +28,8 @@ bool value_along(MINSTR* str, const double* d, double t, double& f)
   return !failed;
 }
 
-// Two quotients, with h and 2h: their difference is three times the truncation error of the first; rounding of the objective
-// adds noise/h.
+// Two quotients, with h and 2h: their difference is three times the truncation error of the first; rounding of the
+// objective adds noise/h.
 Slope central_slope(MINSTR* str, const double* d, double h, double f0)
 {
   double up = 0, down = 0, up2 = 0, down2 = 0;

@@ -8,12 +8,17 @@ namespace {
 int layout_of(int tech)
 {
   switch (tech) {
-  case TRUREG: return 31;
-  case NRRIDG: return 18;
-  case DBLDOG: return 15;
+  case TRUREG:
+    return 31;
+  case NRRIDG:
+    return 18;
+  case DBLDOG:
+    return 15;
   case NMSIMP:
-  case NMSIM2: return 28;
-  default: return 23; // line search techniques
+  case NMSIM2:
+    return 28;
+  default:
+    return 23; // line search techniques
   }
 }
 
@@ -41,33 +46,48 @@ HistoryRow make_history_row(MINSTR* str, int job)
   row.decrease = str->pcdif;
   row.gradient = str->pgmax;
   switch (row.layout) {
-  case 31: row.first = str->lamb, row.second = str->delt; break;
-  case 18: row.first = str->ridg; break;
-  case 15: row.first = str->lamb, row.second = -str->pred; break;
-  case 28: row.gradient = str->pred, row.first = str->alfa, row.second = str->gmax; break;
-  default: row.first = str->alfa; break;
+  case 31:
+    row.first = str->lamb, row.second = str->delt;
+    break;
+  case 18:
+    row.first = str->ridg;
+    break;
+  case 15:
+    row.first = str->lamb, row.second = -str->pred;
+    break;
+  case 28:
+    row.gradient = str->pred, row.first = str->alfa, row.second = str->gmax;
+    break;
+  default:
+    row.first = str->alfa;
+    break;
   }
   return row;
 }
 
 const char* const* history_columns(int layout)
 {
-  static constexpr const char* radius[] = {"Iter",    "Ac1",     "Rest",   "NFun",   "Act",  "Ac2", "OptCrit",
-                                           "DifCrit", "MaxGrad", "Lambda", "Radius", nullptr};
-  static constexpr const char* ridge[] = {"Iter",    "Ac1",     "Rest",    "NFun",  "Act", "Ac2",
+  static constexpr const char* radius[] = {"Iter",    "Ac1",     "Rest",    "NFun",   "Act",    "Ac2",
+                                           "OptCrit", "DifCrit", "MaxGrad", "Lambda", "Radius", nullptr};
+  static constexpr const char* ridge[] = {"Iter",    "Ac1",     "Rest",    "NFun",  "Act",  "Ac2",
                                           "OptCrit", "DifCrit", "MaxGrad", "Ridge", nullptr};
-  static constexpr const char* slope[] = {"Iter",    "Ac1",     "Rest",   "NFun",  "Act",  "Ac2", "OptCrit",
-                                          "DifCrit", "MaxGrad", "Lambda", "Slope", nullptr};
-  static constexpr const char* simplex[] = {"Iter",    "Ac1",    "Rest",  "NFun", "Act",  "Ac2", "OptCrit",
-                                            "DifCrit", "StdDev", "Delta", "Size", nullptr};
-  static constexpr const char* step[] = {"Iter",    "Ac1",     "Rest",    "NFun",  "Act", "Ac2",
+  static constexpr const char* slope[] = {"Iter",    "Ac1",     "Rest",    "NFun",   "Act",   "Ac2",
+                                          "OptCrit", "DifCrit", "MaxGrad", "Lambda", "Slope", nullptr};
+  static constexpr const char* simplex[] = {"Iter",    "Ac1",     "Rest",   "NFun",  "Act",  "Ac2",
+                                            "OptCrit", "DifCrit", "StdDev", "Delta", "Size", nullptr};
+  static constexpr const char* step[] = {"Iter",    "Ac1",     "Rest",    "NFun",  "Act",  "Ac2",
                                          "OptCrit", "DifCrit", "MaxGrad", "Alpha", nullptr};
   switch (layout) {
-  case 31: return radius;
-  case 18: return ridge;
-  case 15: return slope;
-  case 28: return simplex;
-  default: return step;
+  case 31:
+    return radius;
+  case 18:
+    return ridge;
+  case 15:
+    return slope;
+  case 28:
+    return simplex;
+  default:
+    return step;
   }
 }
 

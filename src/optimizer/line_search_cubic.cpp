@@ -13,9 +13,9 @@ constexpr int most_trials = 60;
 
 // How the members of the cubic family differ.
 struct Family {
-  bool quadratic_first = false;   // too long: a quadratic from values before a cubic, which costs a gradient
-  bool upper_cubic = false;       // too short inside a bracket: a cubic between the ends instead of the middle
-  bool sigma_free = false;        // curvature 0.9 and limits 0.1, 0.9 whatever LSPRECISION says
+  bool quadratic_first = false;     // too long: a quadratic from values before a cubic, which costs a gradient
+  bool upper_cubic = false;         // too short inside a bracket: a cubic between the ends instead of the middle
+  bool sigma_free = false;          // curvature 0.9 and limits 0.1, 0.9 whatever LSPRECISION says
   bool fixed_extrapolation = false; // too short without a bracket: four times the step
 };
 
@@ -26,7 +26,8 @@ struct End {
 };
 
 // Minimizer of the cubic through (f0, s0) at 0 and (f1, s1) at h, as a fraction of h.
-// Two forms of one root, each without cancellation on its side (Fletcher, Practical Methods of Optimization, section 2.6).
+// Two forms of one root, each without cancellation on its side (Fletcher, Practical Methods of Optimization,
+// section 2.6).
 double cubic_minimizer(double f0, double s0, double f1, double s1, double h)
 {
   const double z = s0 + s1 - 3.0 * (f1 - f0) / h;
@@ -35,7 +36,10 @@ double cubic_minimizer(double f0, double s0, double f1, double s1, double h)
   return s0 + z <= 0.0 ? s0 / (s0 + z - w) : (s0 + z + w) / (s0 + s1 + 2.0 * z);
 }
 
-double clamped(double t, double low, double high) { return std::isfinite(t) ? std::clamp(t, low, high) : 0.5; }
+double clamped(double t, double low, double high)
+{
+  return std::isfinite(t) ? std::clamp(t, low, high) : 0.5;
+}
 
 class CubicSearch {
 public:
@@ -56,7 +60,8 @@ public:
     if (shortest >= largest) return str->alfa = 0.0, 1;
     sigma = how.sigma_free ? 0.9 : str->sigm;
     c1 = how.sigma_free ? 0.1 : str->sigm <= 0.2 ? 0.5 * str->sigm : 0.1;
-    const bool noisy = str->sigm >= 0.1 && gradient_by_differences(*str) && str->fdig < -std::log10(50.0 * machine_epsilon);
+    const bool noisy =
+        str->sigm >= 0.1 && gradient_by_differences(*str) && str->fdig < -std::log10(50.0 * machine_epsilon);
     // Differences carry no news of a step this small.
     const double noise_step = noisy ? 1e-6 * a : 0.0;
     best = {0.0, f0};
@@ -183,10 +188,25 @@ private:
 
 } // namespace
 
-int znlpls1(MINSTR* str) { return CubicSearch(str, {}).run(); }
-int znlpls2(MINSTR* str) { return CubicSearch(str, {.quadratic_first = true}).run(); }
-int znlpls3(MINSTR* str) { return CubicSearch(str, {.upper_cubic = true}).run(); }
-int znlpls4(MINSTR* str) { return CubicSearch(str, {.sigma_free = true, .fixed_extrapolation = true}).run(); }
-int znlpls5(MINSTR* str) { return CubicSearch(str, {.sigma_free = true}).run(); }
+int znlpls1(MINSTR* str)
+{
+  return CubicSearch(str, {}).run();
+}
+int znlpls2(MINSTR* str)
+{
+  return CubicSearch(str, {.quadratic_first = true}).run();
+}
+int znlpls3(MINSTR* str)
+{
+  return CubicSearch(str, {.upper_cubic = true}).run();
+}
+int znlpls4(MINSTR* str)
+{
+  return CubicSearch(str, {.sigma_free = true, .fixed_extrapolation = true}).run();
+}
+int znlpls5(MINSTR* str)
+{
+  return CubicSearch(str, {.sigma_free = true}).run();
+}
 
 } // namespace torvale::optimizer

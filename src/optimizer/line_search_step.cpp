@@ -12,9 +12,12 @@
 namespace torvale::optimizer {
 namespace {
 
-// A direction from a Hessian or its approximation is scaled: its natural step is 1, and a longer first trial only costs a
-// call near the solution, where the decrease of the last iteration says nothing of the next.
-bool natural_step_is_one(int tech) { return tech != CONGRA; }
+// A direction from a Hessian or its approximation is scaled: its natural step is 1, and a longer first trial only costs
+// a call near the solution, where the decrease of the last iteration says nothing of the next.
+bool natural_step_is_one(int tech)
+{
+  return tech != CONGRA;
+}
 
 // When every parameter would move by less than 1e-8 of its size the step is raised until one does.
 double raise_useless_step(const MINSTR& str, double a)
@@ -40,8 +43,8 @@ double znlpalf(const MINSTR& str, double slope, double longest)
   } else if (!is_missing(str.damp)) {
     a = str.itre == 0 ? 1.0 : std::min(str.damp * str.alfa, 1.0);
   } else if (is_missing(str.dfes) || str.dfes == 0.0 || str.itre == 0) {
-    // No decrease to go by. The first direction of a cycle is a bare gradient whose length means nothing: a step of the size
-    // of the point, and of 1 at most, stays where the start values mean something.
+    // No decrease to go by. The first direction of a cycle is a bare gradient whose length means nothing: a step of the
+    // size of the point, and of 1 at most, stays where the start values mean something.
     const double size = matrix::zvenorm(str.nvar, 1, str.xold);
     const double length = std::max(matrix::zvenorm(str.nvar, 1, str.sdir), tiny_threshold);
     a = str.itre > 0 ? 1.0 : std::min(1.0, (size > 0.0 ? std::min(size, 1.0) : 1.0) / length);
@@ -146,14 +149,22 @@ int give_up(MINSTR* str)
 LineSearchRoutine line_search_routine(int tlin)
 {
   switch (tlin) {
-  case 1: return znlpls1;
-  case 3: return znlpls3;
-  case 4: return znlpls4;
-  case 5: return znlpls5;
-  case 6: return znlpls6;
-  case 7: return znlpls7;
-  case 8: return znlpls8;
-  default: return znlpls2;
+  case 1:
+    return znlpls1;
+  case 3:
+    return znlpls3;
+  case 4:
+    return znlpls4;
+  case 5:
+    return znlpls5;
+  case 6:
+    return znlpls6;
+  case 7:
+    return znlpls7;
+  case 8:
+    return znlpls8;
+  default:
+    return znlpls2;
   }
 }
 

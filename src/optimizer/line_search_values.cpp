@@ -43,7 +43,10 @@ Beginning begin(MINSTR* str)
   return b;
 }
 
-int finish(MINSTR* str, const BestPoint& best) { return finish_at_best(str, best) != 0 ? give_up(str) : 0; }
+int finish(MINSTR* str, const BestPoint& best)
+{
+  return finish_at_best(str, best) != 0 ? give_up(str) : 0;
+}
 
 // Minimizer of the parabola through three points with low.a < mid.a < high.a; NaN when it is not convex.
 double parabola_minimizer(const Point& low, const Point& mid, const Point& high)
@@ -126,11 +129,18 @@ int golden_section(MINSTR* str, bool parabolas)
 
 } // namespace
 
-int znlpls6(MINSTR* str) { return golden_section(str, true); }
-int znlpls9(MINSTR* str) { return golden_section(str, false); }
+int znlpls6(MINSTR* str)
+{
+  return golden_section(str, true);
+}
+int znlpls9(MINSTR* str)
+{
+  return golden_section(str, false);
+}
 
 // Goldstein's conditions f0 + (1 - c1) s0 a <= f(a) <= f0 + c1 s0 a: the second is the sufficient decrease, the first
-// refuses steps that are too short. Increments grow fourfold until the conditions bracket a step, which is then bisected.
+// refuses steps that are too short. Increments grow fourfold until the conditions bracket a step, which is then
+// bisected.
 int znlpls7(MINSTR* str)
 {
   const Beginning b = begin(str);

@@ -75,19 +75,19 @@ enum CallPurpose : int {
 // One row of the iteration history, handed to the history sink. Which of the two last columns mean what is told by
 // `layout` (history_layout in termination.h names the columns).
 struct HistoryRow {
-  int layout = 0;          // 13, 15, 18, 23, 28 or 31: the set of columns
-  bool start = false;      // the row before the first iteration
-  long iteration = 0;      // "Iter"
-  bool skipped = false;    // "Ac1": the last update was skipped (shown as a star)
-  long restarts = 0;       // "Rest"
-  long calls = 0;          // "NFun"
-  long active = 0;         // "Act": active bounds and linear constraints
-  int active_change = 0;   // "Ac2": 0 none, +1 one added, -1 one dropped, 2 several
-  double objective = 0.0;  // "OptCrit", sign of the user's problem
-  double decrease = 0.0;   // "DifCrit"; largest double before the first iteration
-  double gradient = 0.0;   // "MaxGrad"; "StdDev" in layout 28
-  double first = 0.0;      // "Lambda", "Ridge", "Alpha" or "Delta"
-  double second = 0.0;     // "Radius", "Slope" or "Size"; unused elsewhere
+  int layout = 0;         // 13, 15, 18, 23, 28 or 31: the set of columns
+  bool start = false;     // the row before the first iteration
+  long iteration = 0;     // "Iter"
+  bool skipped = false;   // "Ac1": the last update was skipped (shown as a star)
+  long restarts = 0;      // "Rest"
+  long calls = 0;         // "NFun"
+  long active = 0;        // "Act": active bounds and linear constraints
+  int active_change = 0;  // "Ac2": 0 none, +1 one added, -1 one dropped, 2 several
+  double objective = 0.0; // "OptCrit", sign of the user's problem
+  double decrease = 0.0;  // "DifCrit"; largest double before the first iteration
+  double gradient = 0.0;  // "MaxGrad"; "StdDev" in layout 28
+  double first = 0.0;     // "Lambda", "Ridge", "Alpha" or "Delta"
+  double second = 0.0;    // "Radius", "Slope" or "Size"; unused elsewhere
 };
 
 // A row of the table of analytic against difference gradients (GRADCHECK).
@@ -131,9 +131,9 @@ using LineSearchRoutine = int (*)(MINSTR*);
 // MINSTR: the problem block of the optimizer: what is asked, where it works, what it reports. Everything that the
 // library knows of a problem stands here; it reaches its caller only through the callbacks and sinks.
 //
-// Life: tvlopti marks every option as unset; the caller fills sizes, options and callbacks; tvlopta provides the arrays;
-// the caller fills x and the constraints; tvloptc supplies the defaults; znlpdrv runs stage 1 and stage 2. The record
-// may be used again and again: arrays only grow.
+// Life: tvlopti marks every option as unset; the caller fills sizes, options and callbacks; tvlopta provides the
+// arrays; the caller fills x and the constraints; tvloptc supplies the defaults; znlpdrv runs stage 1 and stage 2. The
+// record may be used again and again: arrays only grow.
 //
 // The problem is always a minimization of `crit`. With `imax` the objective delivers its negative, and reports and user
 // tolerances turn the sign back.
@@ -160,13 +160,13 @@ struct MINSTR {
   double fail = 0; // objective value that means a failed evaluation (crit must be below it); 0: the largest double
 
   // ---- Technique. Options; 0 or missing means the default. -----------------------------------------------------
-  int tech = 0;      // TECHNIQUE
-  int vers = 0;      // VERSION, 1 to 3, else 2
-  int tupd = 0;      // UPDATE: 1 DBFGS, 2 DDFP, 6 BFGS, 7 DFP, 11 to 14 rules of CONGRA; tvloptc maps it to 1 to 4
-  int hesc = 0;      // HESCAL plus 1; tvloptc maps it to 0 none, 1 to 3: scaling of trust region or ridge
-  int load = 0;      // nonzero: quasi-Newton starts from the Hessian at the start point (INHESSIAN)
-  double dhes = 0;   // INHESSIAN=r: start matrix r times the identity; missing: identity
-  double nres = 0;   // RESTART: most iterations between restarts
+  int tech = 0;        // TECHNIQUE
+  int vers = 0;        // VERSION, 1 to 3, else 2
+  int tupd = 0;        // UPDATE: 1 DBFGS, 2 DDFP, 6 BFGS, 7 DFP, 11 to 14 rules of CONGRA; tvloptc maps it to 1 to 4
+  int hesc = 0;        // HESCAL plus 1; tvloptc maps it to 0 none, 1 to 3: scaling of trust region or ridge
+  int load = 0;        // nonzero: quasi-Newton starts from the Hessian at the start point (INHESSIAN)
+  double dhes = 0;     // INHESSIAN=r: start matrix r times the identity; missing: identity
+  double nres = 0;     // RESTART: most iterations between restarts
   int start_scale = 0; // nonzero: the quasi-Newton start matrix is scaled for n <= 10 as well
 
   // ---- Constraints. Sizes by the caller, tolerances are options. -----------------------------------------------
@@ -190,7 +190,8 @@ struct MINSTR {
   double damp = 0; // DAMPSTEP: first trial step at most damp times the last one; missing: off
   double sigm = 0; // LSPRECISION: second Wolfe parameter, in (0, 1)
   long smit = 0;   // MAXSTEP's count: smax holds in the first smit line searches
-  double sing = 0; // SINGHESS: singularity tolerance of the projected Hessian factor; default 1e-8
+  double sing = 0; // SINGHESS: smallest diagonal element of a factor of the projected Hessian, relative to the largest;
+                   // default 1e-8
   double rtop = 0; // OPTCHECK: radius of the optimality neighbourhood check; missing: no check
   double ssin = 0; // INFSTEP: a step length at or above it means an unbounded objective; default 1e20
 
@@ -207,143 +208,141 @@ struct MINSTR {
   int hfrm = 1;    // storage of the Hessian: 1 packed, 2 diagonal only
 
   // ---- Limits and tolerances. Options. -------------------------------------------------------------------------
-  double upti = 0; // MAXTIME, seconds
-  long mini = -1;  // MINITER
-  double maxi = 0; // MAXITER
-  double max2 = 0; // second iteration limit; default 20
-  double maxf = 0; // MAXFUNC
-  double atol = 0; // ABSCONV
-  double aftl = 0; // ABSFCONV
-  double ftol = 0; // FCONV
-  double fto2 = 0; // FCONV2
-  double axtl = 0; // ABSXCONV
-  double xtol = 0; // XCONV
-  double agtl = 0; // ABSGCONV
-  double gtol = 0; // GCONV
-  double gto2 = 0; // GCONV2
-  double fsiz = 0; // FSIZE: floor of |f| in relative tests
-  double xsiz = 0; // XSIZE: floor of |x| in relative tests
+  double upti = 0;    // MAXTIME, seconds
+  long mini = -1;     // MINITER
+  double maxi = 0;    // MAXITER
+  double max2 = 0;    // second iteration limit; default 20
+  double maxf = 0;    // MAXFUNC
+  double atol = 0;    // ABSCONV
+  double aftl = 0;    // ABSFCONV
+  double ftol = 0;    // FCONV
+  double fto2 = 0;    // FCONV2
+  double axtl = 0;    // ABSXCONV
+  double xtol = 0;    // XCONV
+  double agtl = 0;    // ABSGCONV
+  double gtol = 0;    // GCONV
+  double gto2 = 0;    // GCONV2
+  double fsiz = 0;    // FSIZE: floor of |f| in relative tests
+  double xsiz = 0;    // XSIZE: floor of |x| in relative tests
   long toln[19] = {}; // [1..8] pass counts of criteria with codes 2 to 9, [11..18] their running counters
 
   // ---- Callbacks. Set by the caller; tvloptc fills those of the library that are null. --------------------------
-  ProblemCallback usfct = nullptr;     // objective at x: writes crit, counts nfct; may write grad too when ifdr is 2
-  ProblemCallback usgrd = nullptr;     // gradient at x: writes grad, counts ngrd; null: differences as fidi says
-  ProblemCallback ushes = nullptr;     // Hessian at x: writes hess, counts nhes; null: differences
-  ProblemCallback usfout = nullptr;    // called first by each termination test; may be null
-  TerminationCallback uster = nullptr; // termination routine; null: znlptrm
-  RowCallback acget = nullptr;         // rows of the linear constraints; null: alcn holds them
-  MessageSink message = nullptr;       // null: messages are dropped
-  HistorySink history = nullptr;       // null: no history
+  ProblemCallback usfct = nullptr;       // objective at x: writes crit, counts nfct; may write grad too when ifdr is 2
+  ProblemCallback usgrd = nullptr;       // gradient at x: writes grad, counts ngrd; null: differences as fidi says
+  ProblemCallback ushes = nullptr;       // Hessian at x: writes hess, counts nhes; null: differences
+  ProblemCallback usfout = nullptr;      // called first by each termination test; may be null
+  TerminationCallback uster = nullptr;   // termination routine; null: znlptrm
+  RowCallback acget = nullptr;           // rows of the linear constraints; null: alcn holds them
+  MessageSink message = nullptr;         // null: messages are dropped
+  HistorySink history = nullptr;         // null: no history
   GradientCheckSink check_row = nullptr; // null: GRADCHECK gives its verdict message only
-  Clock clock = nullptr;               // null: no time limit
-  UpdateRoutine updat = nullptr;       // the selected update
-  LineSearchRoutine linse = nullptr;   // the selected line search
-  void* comstr = nullptr;              // the caller's own record
-  COVSTR* covstr = nullptr;            // covariance request; null: none
-  const char* const* pnam = nullptr;   // n parameter names for tables, borrowed; may be null
+  Clock clock = nullptr;                 // null: no time limit
+  UpdateRoutine updat = nullptr;         // the selected update
+  LineSearchRoutine linse = nullptr;     // the selected line search
+  void* comstr = nullptr;                // the caller's own record
+  COVSTR* covstr = nullptr;              // covariance request; null: none
+  const char* const* pnam = nullptr;     // n parameter names for tables, borrowed; may be null
 
   // ---- Arrays of n doubles or longs unless told otherwise. -------------------------------------------------------
-  double* x = nullptr;     // the point
-  double* xold = nullptr;  // previous point
-  double* grad = nullptr;  // gradient at x
-  double* gold = nullptr;  // previous gradient
-  double* sdir = nullptr;  // search direction
-  double* work = nullptr;  // scratch of the access layer
-  double* hess = nullptr;  // n(n+1)/2 packed: Hessian, its approximation, or a factor of either
-  double* hpro = nullptr;  // n(n+1)/2 packed: projected matrix or its factor, order m
-  double* half = nullptr;  // n(n+1)/2 packed: Cholesky factor kept beside the Hessian; null when not needed
-  double* dsca = nullptr;  // scaling vector of HESCAL
-  double* wrk2 = nullptr;  // scratch of the technique; length wrk2_length(*this)
-  double* wfid = nullptr;  // mequ + n: element mequ.. saves the gradient while differences move the point
-  double* hfwd = nullptr;  // forward intervals found by FDINT, relative to 1 + |x|; missing: not found
-  double* hcnt = nullptr;  // central intervals
-  short* ofco = nullptr;   // n flags: the interval search could not judge this parameter
-  double* ster = nullptr;  // standard errors
-  double* lb = nullptr;    // lower bounds; -largest: none
-  double* ub = nullptr;    // upper bounds; largest: none
-  int* iabc = nullptr;     // n: 0 free, 1 held at the lower bound, -1 held at the upper bound, 2 fixed (lb equals ub)
-  long* ifxr = nullptr;    // the free parameters first, then the held ones
-  long* iact = nullptr;    // n + ncon: the active constraints in factor order, numbered from 0: bound of parameter i is
-                           // i, linear row r is n + r
-  long* ldco = nullptr;    // n + ncon: constraints at their limit that depend linearly on the active ones
-  double* alcn = nullptr;  // ncon times n: rows a of the linear constraints a'x = b or a'x >= b
-  double* blcn = nullptr;  // ncon: their right sides b
-  double* gpro = nullptr;  // projected gradient Z'g, m elements
-  double* lagm = nullptr;  // n + ncon: multipliers, >= 0 at a minimum for inequalities: element i of bound i (of
-                           // x >= lb or -x >= -ub), element n + r of linear row r; 0 when not active
-  double* lag2 = nullptr;  // n + ncon: second estimate of the multipliers
-  double* qlcn = nullptr;  // n times n by columns: orthogonal factor of the active rows, null space last
-  double* llcn = nullptr;  // n(n+1)/2 packed: triangular factor of the active rows
-  double* awrk = nullptr;  // 8n + 2 ncon: scratch of the active-set layer
-  double det[5] = {};      // determinant mantissa and exponent, positive, negative, zero pivots of the final Hessian
+  double* x = nullptr;    // the point
+  double* xold = nullptr; // previous point
+  double* grad = nullptr; // gradient at x
+  double* gold = nullptr; // previous gradient
+  double* sdir = nullptr; // search direction
+  double* work = nullptr; // scratch of the access layer
+  double* hess = nullptr; // n(n+1)/2 packed: Hessian, its approximation, or a factor of either
+  double* hpro = nullptr; // n(n+1)/2 packed: projected matrix or its factor, order m
+  double* half = nullptr; // n(n+1)/2 packed: Cholesky factor kept beside the Hessian; null when not needed
+  double* dsca = nullptr; // scaling vector of HESCAL
+  double* wrk2 = nullptr; // scratch of the technique; length wrk2_length(*this)
+  double* wfid = nullptr; // mequ + n: element mequ.. saves the gradient while differences move the point
+  double* hfwd = nullptr; // forward intervals found by FDINT, relative to 1 + |x|; missing: not found
+  double* hcnt = nullptr; // central intervals
+  short* ofco = nullptr;  // n flags: the interval search could not judge this parameter
+  double* ster = nullptr; // standard errors
+  double* lb = nullptr;   // lower bounds; -largest: none
+  double* ub = nullptr;   // upper bounds; largest: none
+  int* iabc = nullptr;    // n: 0 free, 1 held at the lower bound, -1 held at the upper bound, 2 fixed (lb equals ub)
+  long* ifxr = nullptr;   // the free parameters first, then the held ones
+  long* iact = nullptr;   // n + ncon: the active constraints in factor order, numbered from 0: bound of parameter i is
+                          // i, linear row r is n + r
+  long* ldco = nullptr;   // n + ncon: constraints at their limit that depend linearly on the active ones
+  double* alcn = nullptr; // ncon times n: rows a of the linear constraints a'x = b or a'x >= b
+  double* blcn = nullptr; // ncon: their right sides b
+  double* gpro = nullptr; // projected gradient Z'g, m elements
+  double* lagm = nullptr; // n + ncon: multipliers, >= 0 at a minimum for inequalities: element i of bound i (of
+                          // x >= lb or -x >= -ub), element n + r of linear row r; 0 when not active
+  double* qlcn = nullptr; // n times n by columns: orthogonal factor of the active rows, null space last
+  double* llcn = nullptr; // n(n+1)/2 packed: triangular factor of the active rows
+  double* awrk = nullptr; // 8n + 2 ncon: scratch of the active-set layer
+  double det[5] = {};     // determinant mantissa and exponent, positive, negative, zero pivots of the final Hessian
 
   // ---- Run state. Written by the library, read by callbacks. ----------------------------------------------------
-  double tbig = 0;   // nonzero: the objective overflowed; every loop tests it after a callback
-  int stop = 0;      // nonzero: the user asked to stop; set by a callback, ends the run with code -3
-  double nitr = 0;   // iterations done
-  int indf = 0;      // why the objective is called, see CallPurpose
-  int ifdr = 1;      // order asked of the current call: 1 value, 2 gradient, 3 Hessian
-  int rcod = 0;      // last termination code
-  int ipre = 0;      // power of ten by which ceps was loosened so that the point counts as feasible
-  int zmsg = 1;      // severity of the limit messages, 1 to 3
-  int job = 0;       // stage of the driver, 1 or 2
-  int opro = 0;      // active-set layer: 0 bounds at most, 1 linear constraints
-  int ulm2 = 0;      // nonzero: a second multiplier set must agree before a constraint is dropped
-  long nfct = 0;     // objective calls; the callback itself counts
-  long ngrd = 0;     // gradient calls; the callback itself counts
-  long nhes = 0;     // Hessian calls
-  long nhup = 0;     // quasi-Newton or direction updates
-  long nlis = 0;     // line searches
-  long itre = 0;     // iterations since the last restart
-  long ires = 0;     // restarts
-  long null = 0;     // nonzero: the last update was skipped
-  long nanc = 0;     // active nonlinear constraints; always 0
-  long nalc = 0;     // active linear constraints
-  long nabc = 0;     // bounds held
-  long nldc = 0;     // linearly dependent rows at their limit
-  long nlbc = 0;     // dependent bounds among them
-  long chac = 0;     // change of the active set in this iteration: added, or minus dropped
-  long idac = 0;     // constraint that changed, from 1: bounds, then n + linear rows; negative: dropped;
-                     // 2147483647: several
-  int cutf = 0;      // nonzero: the last step was cut by failed evaluations (FCONV does not count then)
-  long npev = 0;     // positive eigenvalues of the last test
-  long nzev = 0;     // zero eigenvalues
-  long nnev = 0;     // negative eigenvalues
-  double crit = 0;   // objective at x
-  double cold = 0;   // objective at the last iterate
-  double gmax = 0;   // largest projected gradient element
-  double pred = 0;   // predicted reduction
-  double ridg = 0;   // ridge in use
-  double delt = 0;   // trust radius; in a simplex its start size
-  double lamb = 0;   // Levenberg parameter
-  double rhor = 0;   // actual over predicted reduction
-  double gcri = 0;   // gradient criterion of CONGRA
-  double gihg = 0;   // gradient in the inverse Hessian norm
-  double mtim = 0;   // clock at the start of stage 2, then the elapsed seconds
-  double dfes = 0;   // estimate of the decrease of the objective
-  double alfa = 0;   // step length
-  double stub = 0;   // upper bound on the step length from constraints
-  double trial = 0;  // first trial step of the next line search when the technique knows one; 0: none
-  double scal = 1;   // factor that the last update applied to the quasi-Newton matrix before updating it
-  long pnact = 0;    // row of the history in the making: active constraints
-  double piter = 0;  //   iteration
-  double pcrit = 0;  //   objective, sign of the user's problem
-  double pcdif = 0;  //   decrease
-  double pgmax = 0;  //   largest gradient element
-  double ppred = 0;  //   predicted reduction
+  double tbig = 0;  // nonzero: the objective overflowed; every loop tests it after a callback
+  int stop = 0;     // nonzero: the user asked to stop; set by a callback, ends the run with code -3
+  double nitr = 0;  // iterations done
+  int indf = 0;     // why the objective is called, see CallPurpose
+  int ifdr = 1;     // order asked of the current call: 1 value, 2 gradient, 3 Hessian
+  int rcod = 0;     // last termination code
+  int ipre = 0;     // power of ten by which ceps was loosened so that the point counts as feasible
+  int zmsg = 1;     // severity of the limit messages, 1 to 3
+  int job = 0;      // stage of the driver, 1 or 2
+  int opro = 0;     // active-set layer: 0 bounds at most, 1 linear constraints
+  long nfct = 0;    // objective calls; the callback itself counts
+  long ngrd = 0;    // gradient calls; the callback itself counts
+  long nhes = 0;    // Hessian calls
+  long nhup = 0;    // quasi-Newton or direction updates
+  long nlis = 0;    // line searches
+  long itre = 0;    // iterations since the last restart
+  long ires = 0;    // restarts
+  long null = 0;    // nonzero: the last update was skipped
+  long nanc = 0;    // active nonlinear constraints; always 0
+  long nalc = 0;    // active linear constraints
+  long nabc = 0;    // bounds held
+  long nldc = 0;    // linearly dependent rows at their limit
+  long nlbc = 0;    // dependent bounds among them
+  long chac = 0;    // change of the active set in this iteration: added, or minus dropped
+  long idac = 0;    // constraint that changed, from 1: bounds, then n + linear rows; negative: dropped;
+                    // 2147483647: several
+  int cutf = 0;     // nonzero: the last step was cut by failed evaluations (FCONV does not count then)
+  long npev = 0;    // positive eigenvalues of the last test
+  long nzev = 0;    // zero eigenvalues
+  long nnev = 0;    // negative eigenvalues
+  double crit = 0;  // objective at x
+  double cold = 0;  // objective at the last iterate
+  double gmax = 0;  // largest projected gradient element
+  double pred = 0;  // predicted reduction
+  double ridg = 0;  // ridge in use
+  double delt = 0;  // trust radius; in a simplex its start size
+  double lamb = 0;  // Levenberg parameter
+  double rhor = 0;  // actual over predicted reduction
+  double gcri = 0;  // gradient criterion of CONGRA
+  double gihg = 0;  // gradient in the inverse Hessian norm
+  double mtim = 0;  // clock at the start of stage 2, then the elapsed seconds
+  double dfes = 0;  // estimate of the decrease of the objective
+  double alfa = 0;  // step length
+  double stub = 0;  // upper bound on the step length from constraints
+  double trial = 0; // first trial step of the next line search when the technique knows one; 0: none
+  double scal = 1;  // factor that the last update applied to the quasi-Newton matrix before updating it
+  long pnact = 0;   // row of the history in the making: active constraints
+  double piter = 0; //   iteration
+  double pcrit = 0; //   objective, sign of the user's problem
+  double pcdif = 0; //   decrease
+  double pgmax = 0; //   largest gradient element
+  double ppred = 0; //   predicted reduction
 
   // ---- Private to the library. --------------------------------------------------------------------------------
-  double* xval = nullptr;       // n: the point of the last objective call
-  bool xval_current = false;    // xval holds such a point
+  double* xval = nullptr;         // n: the point of the last objective call
+  bool xval_current = false;      // xval holds such a point
   bool best_has_gradient = false; // gbes belongs to xbes
-  double reentered_at = -1;     // nitr of the last re-entry that the optimality check caused
-  bool unbounded_told = false;  // the message of an unbounded objective has been sent
-  double* xbes = nullptr;       // n: best point of a line search
-  double* gbes = nullptr;       // n: its gradient
-  double* hlim = nullptr;       // n: longest central interval that the curvature of the objective allows, absolute;
-                                // missing: not known
-  double* xtmp = nullptr;       // n: scratch of the difference routines
-  double* gtmp = nullptr;       // n: scratch of the difference routines
+  double reentered_at = -1;       // nitr of the last re-entry that the optimality check caused
+  bool unbounded_told = false;    // the message of an unbounded objective has been sent
+  double* xbes = nullptr;         // n: best point of a line search
+  double* gbes = nullptr;         // n: its gradient
+  double* hlim = nullptr;         // n: longest central interval that the curvature of the objective allows, absolute;
+                                  // missing: not known
+  double* xtmp = nullptr;         // n: scratch of the difference routines
+  double* gtmp = nullptr;         // n: scratch of the difference routines
   std::vector<double> problem_block;   // storage of the double arrays that do not depend on the technique
   std::vector<double> technique_block; // storage of those that do
   std::vector<long> index_block;       // storage of the arrays of long

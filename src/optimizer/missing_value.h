@@ -11,7 +11,10 @@ inline constexpr std::uint64_t missing_bits = 0xFFFFFE0000000000u;
 inline constexpr double missing = std::bit_cast<double>(missing_bits);
 
 // True for every NaN whose upper 16 bits are all ones, the whole family of missing values.
-inline bool is_missing(double x) { return std::bit_cast<std::uint64_t>(x) >> 48 == 0xFFFFu; }
+inline bool is_missing(double x)
+{
+  return std::bit_cast<std::uint64_t>(x) >> 48 == 0xFFFFu;
+}
 
 inline constexpr double largest = std::numeric_limits<double>::max(); // the infinite bound
 inline constexpr double smallest_normal = 2.225073858507202e-308;

@@ -36,7 +36,8 @@ private:
 class SavedPoint {
 public:
   explicit SavedPoint(MINSTR* record)
-      : str(record), x(record->x, record->x + record->nvar), g(record->grad, record->grad + record->nvar), crit(record->crit)
+      : str(record), x(record->x, record->x + record->nvar), g(record->grad, record->grad + record->nvar),
+        crit(record->crit)
   {
   }
   void restore() const
@@ -69,8 +70,10 @@ void move_inside(MINSTR* str, const double* start, std::vector<double>& d)
       const double* const a = str->alcn + r * str->nvar;
       const double slope = matrix::zvdot11(a, d.data(), str->nvar);
       const double residual = std::max(0.0, matrix::zvdot11(a, start, str->nvar) - str->blcn[r]);
-      if (r < str->neqc && std::abs(slope) > 1e-12 * matrix::zvenorm(str->nvar, 1, d.data())) room = 0.0;
-      else if (slope < 0.0) room = std::min(room, residual / -slope);
+      if (r < str->neqc && std::abs(slope) > 1e-12 * matrix::zvenorm(str->nvar, 1, d.data()))
+        room = 0.0;
+      else if (slope < 0.0)
+        room = std::min(room, residual / -slope);
     }
   }
   for (long i = 0; i < str->nvar; ++i) str->x[i] = start[i] + room * d[static_cast<std::size_t>(i)];
@@ -109,7 +112,8 @@ int znlpnoi(MINSTR* str, bool iterating)
     probe(str, entry.point(), d, lowest, best);
   }
   // What rounding could have produced, or less than FCONV would notice, is no better point.
-  const double notable = std::max({str->aftl, str->ftol * std::abs(entry.value()), 4.0 * machine_epsilon * std::abs(entry.value())});
+  const double notable =
+      std::max({str->aftl, str->ftol * std::abs(entry.value()), 4.0 * machine_epsilon * std::abs(entry.value())});
   if (best.empty() || !(entry.value() - lowest > notable)) {
     entry.restore();
     return 0;
@@ -140,7 +144,8 @@ int znlpdnc(MINSTR* str)
   if (failed) return -1;
 
   std::vector<double> projected(static_cast<std::size_t>(matrix::packed_size(m)));
-  std::vector<double> dense(static_cast<std::size_t>(m * m)), values(static_cast<std::size_t>(m)), off(values), d(static_cast<std::size_t>(n));
+  std::vector<double> dense(static_cast<std::size_t>(m * m)), values(static_cast<std::size_t>(m)), off(values),
+      d(static_cast<std::size_t>(n));
   znlpsym(*str, hessian.data(), projected.data(), d.data());
   matrix::zmmovsr(projected.data(), dense.data(), static_cast<int>(m));
   matrix::ztred2(static_cast<int>(m), dense.data(), values.data(), off.data());

@@ -20,8 +20,8 @@ using matrix::packed_diagonal;
 using matrix::packed_row;
 using matrix::packed_size;
 
-// A pivot below this share of its own diagonal element is no more than rounding. Its own, because parameters may differ by
-// many powers of ten: measured by the largest diagonal, badly scaled problems would never see a bare Newton step.
+// A pivot below this share of its own diagonal element is no more than rounding. Its own, because parameters may differ
+// by many powers of ten: measured by the largest diagonal, badly scaled problems would never see a bare Newton step.
 constexpr double relative_pivot = 1.110223024625157e-14;
 
 } // namespace

@@ -15,23 +15,23 @@ public:
   // Takes in a change of the active set at the same x.
   void project();
 
-  // step: d := -(H + ridge S^2)^-1 Z'g with the scale S of HESCAL, expanded into sdir. Returns 0; or 1 when the matrix is not safely
-  // positive definite, and deficit is then the least rise of the ridge that could help.
+  // step: d := -(H + ridge S^2)^-1 Z'g with the scale S of HESCAL, expanded into sdir. Returns 0; or 1 when the matrix
+  // is not safely positive definite, and deficit is then the least rise of the ridge that could help.
   int step(double ridge, double& deficit);
 
   // Predicted reduction of the fraction s of the step, -(s g'd + s^2 d'Hd / 2): the ridge is no part of the model.
   double prediction(double s) const { return -(s * slope + 0.5 * s * s * curvature); }
   double slope_of_step() const { return slope; }
 
-  // raised_for_factor: the next ridge after one that left the matrix indefinite. It starts near the rounding of the matrix:
-  // a factorization costs nothing beside a Hessian, and a ridge that is larger than need be costs iterations.
+  // raised_for_factor: the next ridge after one that left the matrix indefinite. It starts near the rounding of the
+  // matrix: a factorization costs nothing beside a Hessian, and a ridge that is larger than need be costs iterations.
   double raised_for_factor(double ridge, double deficit) const;
 
   // The largest element of the matrix.
   double largest_element() const { return most; }
 
-  // first_ridge: a ridge that shortens the step noticeably, from the smallest |g_i|, the largest |H_ij| and a tenth of what
-  // Gerschgorin's discs lack to be positive.
+  // first_ridge: a ridge that shortens the step noticeably, from the smallest |g_i|, the largest |H_ij| and a tenth of
+  // what Gerschgorin's discs lack to be positive.
   double first_ridge() const;
 
 private:

@@ -106,6 +106,9 @@ private:
 
 } // namespace
 
-int znlpnra(MINSTR* str) { return NewtonRaphson(str).run(); }
+int znlpnra(MINSTR* str)
+{
+  return NewtonRaphson(str).run();
+}
 
 } // namespace torvale::optimizer

@@ -110,8 +110,10 @@ private:
   {
     const double slope = znlpgs(*str, str->grad, str->sdir);
     str->gcri = std::abs(slope);
-    if (slope < -0.5 * str->pred || str->rhor > 0.75) str->ridg *= refused == 0.0 ? 0.1 : 0.5;
-    else if (slope > 0.5 * str->pred) raise_ridge(4.0);
+    if (slope < -0.5 * str->pred || str->rhor > 0.75)
+      str->ridg *= refused == 0.0 ? 0.1 : 0.5;
+    else if (slope > 0.5 * str->pred)
+      raise_ridge(4.0);
     if (str->ridg < 1e-12) str->ridg = 0.0;
   }
 
@@ -122,6 +124,9 @@ private:
 
 } // namespace
 
-int znlpnrr(MINSTR* str) { return RidgedNewton(str).run(); }
+int znlpnrr(MINSTR* str)
+{
+  return RidgedNewton(str).run();
+}
 
 } // namespace torvale::optimizer

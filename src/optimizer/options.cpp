@@ -13,25 +13,37 @@ namespace torvale::optimizer {
 const char* technique_name(int tech)
 {
   switch (tech) {
-  case NONE: return "NONE";
-  case TRUREG: return "TRUREG";
-  case NEWRAP: return "NEWRAP";
-  case NRRIDG: return "NRRIDG";
-  case NRLINS: return "NRLINS";
-  case DBLDOG: return "DBLDOG";
-  case QUANEW: return "QUANEW";
-  case DUQUAN: return "DUQUAN";
-  case CONGRA: return "CONGRA";
-  case NMSIMP: return "NMSIMP";
-  case NMSIM2: return "NMSIM2";
-  default: return "";
+  case NONE:
+    return "NONE";
+  case TRUREG:
+    return "TRUREG";
+  case NEWRAP:
+    return "NEWRAP";
+  case NRRIDG:
+    return "NRRIDG";
+  case NRLINS:
+    return "NRLINS";
+  case DBLDOG:
+    return "DBLDOG";
+  case QUANEW:
+    return "QUANEW";
+  case DUQUAN:
+    return "DUQUAN";
+  case CONGRA:
+    return "CONGRA";
+  case NMSIMP:
+    return "NMSIMP";
+  case NMSIM2:
+    return "NMSIM2";
+  default:
+    return "";
   }
 }
 
 const char* criterion_name(int code)
 {
-  static constexpr const char* names[] = {"",       "ABSCONV", "ABSFCONV", "ABSGCONV", "ABSXCONV",
-                                          "FCONV",  "GCONV",   "XCONV",    "FCONV2",   "GCONV2"};
+  static constexpr const char* names[] = {"",      "ABSCONV", "ABSFCONV", "ABSGCONV", "ABSXCONV",
+                                          "FCONV", "GCONV",   "XCONV",    "FCONV2",   "GCONV2"};
   return code >= 1 && code <= 9 ? names[code] : "";
 }
 
@@ -39,11 +51,11 @@ void tvlopti(MINSTR* str)
 {
   str->mini = -1;
   for (double MINSTR::*option :
-       {&MINSTR::nres, &MINSTR::maxf, &MINSTR::max2, &MINSTR::maxi, &MINSTR::deat, &MINSTR::ldct, &MINSTR::ceps,
-        &MINSTR::dhes, &MINSTR::sigm, &MINSTR::damp, &MINSTR::salf, &MINSTR::smax, &MINSTR::swfd, &MINSTR::ssin,
-        &MINSTR::rtop, &MINSTR::sing, &MINSTR::upti, &MINSTR::cdig, &MINSTR::fdig, &MINSTR::fto2, &MINSTR::ftol,
-        &MINSTR::aftl, &MINSTR::atol, &MINSTR::gtol, &MINSTR::agtl, &MINSTR::xtol, &MINSTR::axtl, &MINSTR::xsiz,
-        &MINSTR::fsiz, &MINSTR::gto2})
+       {&MINSTR::nres, &MINSTR::maxf, &MINSTR::max2, &MINSTR::maxi, &MINSTR::deat, &MINSTR::ldct,
+        &MINSTR::ceps, &MINSTR::dhes, &MINSTR::sigm, &MINSTR::damp, &MINSTR::salf, &MINSTR::smax,
+        &MINSTR::swfd, &MINSTR::ssin, &MINSTR::rtop, &MINSTR::sing, &MINSTR::upti, &MINSTR::cdig,
+        &MINSTR::fdig, &MINSTR::fto2, &MINSTR::ftol, &MINSTR::aftl, &MINSTR::atol, &MINSTR::gtol,
+        &MINSTR::agtl, &MINSTR::xtol, &MINSTR::axtl, &MINSTR::xsiz, &MINSTR::fsiz, &MINSTR::gto2})
     str->*option = missing;
   for (int MINSTR::*option : {&MINSTR::tech, &MINSTR::vers, &MINSTR::tupd, &MINSTR::hesc, &MINSTR::load, &MINSTR::tlin,
                               &MINSTR::gchk, &MINSTR::fidi, &MINSTR::fihs, &MINSTR::cfdh, &MINSTR::start_scale})
@@ -54,8 +66,14 @@ void tvlopti(MINSTR* str)
 
 namespace {
 
-bool uses_gradient_direction(int tech) { return tech >= DBLDOG && tech <= CONGRA; }
-bool is_simplex(int tech) { return tech == NMSIMP || tech == NMSIM2; }
+bool uses_gradient_direction(int tech)
+{
+  return tech >= DBLDOG && tech <= CONGRA;
+}
+bool is_simplex(int tech)
+{
+  return tech == NMSIMP || tech == NMSIM2;
+}
 
 void set_default(double& option, double value)
 {
@@ -111,8 +129,8 @@ void default_technique_options(MINSTR* str)
   if (str->vers < 1 || str->vers > 3) str->vers = 2;
   set_default(str->nres, str->tech == CONGRA ? 0.0 : 2147483647.0);
   str->hesc = str->hesc < 1 ? 0 : str->hesc - 1;
-  const bool scales = str->tech == TRUREG || str->tech == NEWRAP || str->tech == NRLINS || str->tech == NRRIDG ||
-                      str->tech == DBLDOG;
+  const bool scales =
+      str->tech == TRUREG || str->tech == NEWRAP || str->tech == NRLINS || str->tech == NRRIDG || str->tech == DBLDOG;
   if (str->hesc != 0 && !scales) {
     send_message(str, 352, 467, severity_warning);
     str->hesc = 0;
@@ -128,7 +146,8 @@ void default_constraint_options(MINSTR* str)
   str->ldct = std::clamp(str->ldct, 0.0, 0.1);
   if (str->deat == 0.0) str->deat = missing;
   if (!is_missing(str->deat)) {
-    // The multipliers of a minimization that call for a drop are negative, and so is the option; the record keeps the size.
+    // The multipliers of a minimization that call for a drop are negative, and so is the option; the record keeps the
+    // size.
     const bool wrong_sign = str->imax == 0 ? str->deat > 0.0 : str->deat < 0.0;
     if (wrong_sign) {
       send_message(str, 352, 468, severity_warning, {str->deat});
@@ -142,8 +161,8 @@ void default_constraint_options(MINSTR* str)
 
 void default_line_search_options(MINSTR* str)
 {
-  const bool searches = str->tech == NEWRAP || str->tech == NRLINS || str->tech == QUANEW || str->tech == DUQUAN ||
-                        str->tech == CONGRA;
+  const bool searches =
+      str->tech == NEWRAP || str->tech == NRLINS || str->tech == QUANEW || str->tech == DUQUAN || str->tech == CONGRA;
   if (str->tlin < 1 || str->tlin > 8) str->tlin = 0;
   if (str->tlin != 0 && !searches && str->tech != NRRIDG) send_message(str, 352, 469, severity_warning);
   if (str->tlin == 0 && searches) str->tlin = 2;
@@ -154,10 +173,7 @@ void default_line_search_options(MINSTR* str)
   if (!(str->sigm > 0.0 && str->sigm < 1.0)) {
     const bool newton = str->tech == NEWRAP || str->tech == NRLINS;
     const bool quasi_newton = str->tech == QUANEW || str->tech == DUQUAN;
-    str->sigm = newton                             ? 0.9
-                : quasi_newton && str->tupd == 2   ? 0.06
-                : quasi_newton && str->tupd == 1   ? 0.4
-                                                   : 0.1;
+    str->sigm = newton ? 0.9 : quasi_newton && str->tupd == 2 ? 0.06 : quasi_newton && str->tupd == 1 ? 0.4 : 0.1;
   }
   if (is_missing(str->sing) || str->sing == 0.0) str->sing = 1e-8;
   if (!is_missing(str->rtop) && !(str->rtop > 0.0)) str->rtop = missing;
@@ -178,8 +194,10 @@ void default_derivative_options(MINSTR* str)
     str->gchk = 0;
   }
   // FD=FORWARD and FD=CENTRAL mean what they say; FD alone starts forward and may switch.
-  if (str->fidi == 1 || str->fidi == 2) str->swfd = -1.0;
-  else set_default(str->swfd, 100.0);
+  if (str->fidi == 1 || str->fidi == 2)
+    str->swfd = -1.0;
+  else
+    set_default(str->swfd, 100.0);
   if (str->cfdh < 1 || str->cfdh > 3) str->cfdh = 0;
   str->cfdh = str->cfdh == 2 ? 0 : std::min(str->cfdh, 1); // there are no nonlinear constraints to search intervals for
   const double digits = -std::log10(machine_epsilon);
@@ -200,14 +218,23 @@ void default_limits(MINSTR* str)
   case TRUREG:
   case NEWRAP:
   case NRRIDG:
-  case NRLINS: iterations = 50.0, calls = 125.0; break;
+  case NRLINS:
+    iterations = 50.0, calls = 125.0;
+    break;
   case DBLDOG:
   case QUANEW:
-  case DUQUAN: iterations = 200.0, calls = 500.0; break;
-  case CONGRA: iterations = 400.0, calls = 1000.0; break;
+  case DUQUAN:
+    iterations = 200.0, calls = 500.0;
+    break;
+  case CONGRA:
+    iterations = 400.0, calls = 1000.0;
+    break;
   case NMSIMP:
-  case NMSIM2: iterations = 1000.0, calls = 3000.0; break;
-  default: break;
+  case NMSIM2:
+    iterations = 1000.0, calls = 3000.0;
+    break;
+  default:
+    break;
   }
   set_default(str->maxi, iterations);
   if (str->maxi < static_cast<double>(str->mini)) {

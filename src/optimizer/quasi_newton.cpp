@@ -136,7 +136,13 @@ private:
 
 } // namespace
 
-int znlpdqn(MINSTR* str) { return QuasiNewton(str, true).run(); }
-int znlpqun(MINSTR* str) { return QuasiNewton(str, false).run(); }
+int znlpdqn(MINSTR* str)
+{
+  return QuasiNewton(str, true).run();
+}
+int znlpqun(MINSTR* str)
+{
+  return QuasiNewton(str, false).run();
+}
 
 } // namespace torvale::optimizer

@@ -107,8 +107,8 @@ int SecantMatrix::update()
     str->xold[i] = str->x[i] - str->xold[i];
     str->gold[i] = str->grad[i] - str->gold[i];
   }
-  const bool scale = (n > 10 || str->start_scale != 0) && str->load == 0 &&
-                     (str->itre == 1 || (str->itre == 2 && str->alfa > 1.0));
+  const bool scale =
+      (n > 10 || str->start_scale != 0) && str->load == 0 && (str->itre == 1 || (str->itre == 2 && str->alfa > 1.0));
   fresh = false;
   if (!whole) return str->updat(str, dual ? 2 : 1, scale, str->xold, str->gold, matrix, w1, w2, w3);
   if (str->chac != 0) {
@@ -128,7 +128,7 @@ bool SecantMatrix::factor(long m)
 {
   double largest_diagonal = 0.0;
   for (long i = 0; i < m; ++i) largest_diagonal = std::max(largest_diagonal, std::abs(matrix[packed_diagonal(i)]));
-  const double tolerance = 1.110223024625157e-12 * largest_diagonal;
+  const double tolerance = str->sing * str->sing * largest_diagonal; // pivots are squares
   if (dual && !whole) return factor_ldl(m, matrix, tolerance);
   for (long i = 0; i < m; ++i)
     if (matrix::zchol(static_cast<int>(i), matrix, tolerance) != 0) return false;

@@ -4,8 +4,8 @@
 
 namespace torvale::optimizer {
 
-// The quasi-Newton matrix. Without constraints it is the factor L D L' of B (DUQUAN, DBLDOG) or the inverse H (QUANEW) in hess.
-// With constraints hess holds the whole of B, updated with full steps, and hpro what the free space needs: the
+// The quasi-Newton matrix. Without constraints it is the factor L D L' of B (DUQUAN, DBLDOG) or the inverse H (QUANEW)
+// in hess. With constraints hess holds the whole of B, updated with full steps, and hpro what the free space needs: the
 // triangular factor of Z'BZ or its inverse, updated along and formed anew when the active set changes. So what has been
 // learnt of B outlives a bound that comes or goes.
 class SecantMatrix {

@@ -15,9 +15,10 @@ constexpr int most_restarts = 5;
 constexpr double restart_size = 0.1;
 constexpr double worthwhile_gain = 1e-12; // relative; a restart that gains less is the last
 
-// NMSIMP and NMSIM2: the simplex method of J. A. Nelder and R. Mead (A simplex method for function minimization, Computer
-// Journal 7, 1965). Trial points are clipped to the bounds; a failed evaluation is a vertex of infinite height. A simplex that has
-// converged, or collapsed, is built anew around its best vertex: only a simplex that finds nothing twice is believed.
+// NMSIMP and NMSIM2: the simplex method of J. A. Nelder and R. Mead (A simplex method for function minimization,
+// Computer Journal 7, 1965). Trial points are clipped to the bounds; a failed evaluation is a vertex of infinite
+// height. A simplex that has converged, or collapsed, is built anew around its best vertex: only a simplex that finds
+// nothing twice is believed.
 class NelderMead {
 public:
   NelderMead(MINSTR* record, double reflection_factor)
@@ -76,8 +77,8 @@ private:
     return str->bounds == 0 || str->iabc[i] == 2 ? value : std::clamp(value, str->lb[i], str->ub[i]);
   }
 
-  // A simplex around x: vertex k is x moved along one parameter by `size` of its magnitude, to the side that has room. Where the
-  // objective fails the other side and smaller moves are tried, then larger ones up to INFSTEP.
+  // A simplex around x: vertex k is x moved along one parameter by `size` of its magnitude, to the side that has room.
+  // Where the objective fails the other side and smaller moves are tried, then larger ones up to INFSTEP.
   int build(double size)
   {
     scale = size;
@@ -88,7 +89,8 @@ private:
       double* const v = vertex(k);
       bool placed = false;
       for (double factor = 1.0; !placed && factor > 1e-9; factor *= 0.1) placed = place(i, factor * size, v, y[k]);
-      for (double factor = 10.0; !placed && factor < str->ssin; factor *= 10.0) placed = place(i, factor * size, v, y[k]);
+      for (double factor = 10.0; !placed && factor < str->ssin; factor *= 10.0)
+        placed = place(i, factor * size, v, y[k]);
       if (interrupted(*str)) return give_back(code_objective);
       if (!placed) return give_back(code_no_progress);
     }
@@ -104,7 +106,8 @@ private:
       const double moved = inside(i, centre + side * move);
       // A move cut to less than half by a bound goes to the other side when that has more room.
       const bool short_move = std::abs(moved - centre) < 0.5 * move;
-      if (moved == centre || (side > 0.0 && short_move && std::abs(inside(i, centre - move) - centre) > std::abs(moved - centre)))
+      if (moved == centre ||
+          (side > 0.0 && short_move && std::abs(inside(i, centre - move) - centre) > std::abs(moved - centre)))
         continue;
       std::copy_n(vertex(0), n, v);
       v[i] = moved;
@@ -194,16 +197,20 @@ private:
     const double value = trial(reflection, reflected);
     if (value < y[best]) {
       const double further = trial(2.0 * reflection, second);
-      if (further < value) replace_worst(second, further);
-      else replace_worst(reflected, value);
+      if (further < value)
+        replace_worst(second, further);
+      else
+        replace_worst(reflected, value);
     } else if (value <= y[next_worst]) {
       replace_worst(reflected, value);
     } else {
       // Towards the reflected point when that beats the worst, else towards the worst.
       const bool outside = value < y[worst];
       const double contracted = trial(outside ? 0.5 * reflection : -0.5, second);
-      if (contracted < (outside ? value : y[worst])) replace_worst(second, contracted);
-      else shrink();
+      if (contracted < (outside ? value : y[worst]))
+        replace_worst(second, contracted);
+      else
+        shrink();
     }
     order();
     str->nitr += 1.0;
@@ -226,8 +233,14 @@ private:
 
 } // namespace
 
-int znlpnms(MINSTR* str) { return NelderMead(str, 1.0).run(); }
+int znlpnms(MINSTR* str)
+{
+  return NelderMead(str, 1.0).run();
+}
 
-int znlpnm2(MINSTR* str) { return NelderMead(str, 1.4).run(); }
+int znlpnm2(MINSTR* str)
+{
+  return NelderMead(str, 1.4).run();
+}
 
 } // namespace torvale::optimizer

@@ -28,7 +28,8 @@ int begin_technique(MINSTR* str, bool with_gradient)
   str->stub = largest;
   str->trial = 0.0;
 
-  // The start stage has been here and left its point in xold; only a caller that moved x in between pays for another call.
+  // The start stage has been here and left its point in xold; only a caller that moved x in between pays for another
+  // call.
   const auto bytes = sizeof(double) * static_cast<std::size_t>(str->nvar);
   const bool known = str->job == 2 && str->rcod == 0 && std::memcmp(str->x, str->xold, bytes) == 0;
   if (!known) {

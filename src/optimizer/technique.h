@@ -4,7 +4,8 @@
 
 namespace torvale::optimizer {
 
-// The techniques. Each minimizes from x and returns a termination code with x, crit and grad at the point where it stopped.
+// The techniques. Each minimizes from x and returns a termination code with x, crit and grad at the point where it
+// stopped.
 int znlptre(MINSTR* str); // TRUREG: trust region on the Hessian
 int znlpnra(MINSTR* str); // NEWRAP: Newton-Raphson with line search
 int znlpnrr(MINSTR* str); // NRRIDG: Newton-Raphson with an adaptive ridge
@@ -32,13 +33,13 @@ int end_technique(MINSTR* str, int code);
 void remember(MINSTR* str);
 void go_back(MINSTR* str);
 
-// settle_constraints: after an accepted step along d: repairs a point that has drifted off its constraints, holds those that
-// the step has run into, drops those whose multipliers have the wrong sign, and leaves gpro and gmax current. Returns 0,
-// 1 when the point was repaired (a technique starts anew from it), or -6 when it could not be.
+// settle_constraints: after an accepted step along d: repairs a point that has drifted off its constraints, holds those
+// that the step has run into, drops those whose multipliers have the wrong sign, and leaves gpro and gmax current.
+// Returns 0, 1 when the point was repaired (a technique starts anew from it), or -6 when it could not be.
 int settle_constraints(MINSTR* str, const double* d);
 
-// free_hessian: the Hessian at x into hess, its part on the free space into hpro (hess itself serves when nothing is held and
-// there are no linear rows: the pointer returned). Null when the Hessian failed.
+// free_hessian: the Hessian at x into hess, its part on the free space into hpro (hess itself serves when nothing is
+// held and there are no linear rows: the pointer returned). Null when the Hessian failed.
 double* free_hessian(MINSTR* str);
 
 } // namespace torvale::optimizer

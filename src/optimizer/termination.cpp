@@ -11,7 +11,10 @@
 namespace torvale::optimizer {
 namespace {
 
-bool is_simplex(const MINSTR& str) { return str.tech == NMSIMP || str.tech == NMSIM2; }
+bool is_simplex(const MINSTR& str)
+{
+  return str.tech == NMSIMP || str.tech == NMSIM2;
+}
 
 // The values that the criteria compare, and the code that they lead to.
 class Tests {
@@ -74,9 +77,11 @@ private:
       apply(6, relative_change() <= str->xtol, code);
     }
     apply(4, decrease <= function_threshold, code);
-    // An absolute spread of 1e-6 is generous below 1 and severe above: it is relative there, and below FCONV asks instead.
+    // An absolute spread of 1e-6 is generous below 1 and severe above: it is relative there, and below FCONV asks
+    // instead.
     const double size = std::abs(f);
-    const double spread = size > 1.0 ? str->fto2 * size : std::min(str->fto2, std::max(str->ftol * size, tiny_threshold));
+    const double spread =
+        size > 1.0 ? str->fto2 * size : std::min(str->fto2, std::max(str->ftol * size, tiny_threshold));
     apply(7, predicted <= spread && str->fto2 > 0.0, code);
     return code;
   }
@@ -95,8 +100,10 @@ private:
       const double d = std::abs(str->x[i] - str->xold[i]);
       const double s = std::max({std::abs(str->x[i]), std::abs(str->xold[i]), str->xsiz});
       double r;
-      if (s > tiny_threshold) r = s >= 1.0 || d <= 1.0 || d <= s * 1e-4 * largest ? d / s : largest;
-      else r = d <= tiny_threshold ? 0.0 : largest;
+      if (s > tiny_threshold)
+        r = s >= 1.0 || d <= 1.0 || d <= s * 1e-4 * largest ? d / s : largest;
+      else
+        r = d <= tiny_threshold ? 0.0 : largest;
       most = std::max(most, r);
     }
     return most;
@@ -171,24 +178,31 @@ int znlptrm(MINSTR* str, int job)
   if (str->usfout != nullptr) str->usfout(str);
   const HistoryRow row = make_history_row(str, job);
   const bool iteration = job == 10 || (job > 0 && job % 2 != 0);
-  if (str->history != nullptr && iteration && (str->dbug > 1.0 || (str->dbug > 0.0 && job == 10))) str->history(str, row);
+  if (str->history != nullptr && iteration && (str->dbug > 1.0 || (str->dbug > 0.0 && job == 10)))
+    str->history(str, row);
 
   Tests tests(str, job);
   int code = 0;
   const bool dropped = str->chac < 0 && (job == 10 || str->cold - str->crit > smallest_normal);
   if (job > 0 && job != 10 && (str->alfa >= str->ssin || beyond_all_bounds(*str))) note_unbounded(str);
-  if (job < 0) code = name_pending_criterion(*str, job);
-  else if (interrupted(*str)) code = code_objective;
-  else if (job == 0) code = 0;
-  else if (str->nvar > 0 && str->nabc + str->nalc == str->nvar) code = code_all_fixed;
-  else if (!dropped) code = tests.run(); // where the active set has just been reduced no criterion counts
+  if (job < 0)
+    code = name_pending_criterion(*str, job);
+  else if (interrupted(*str))
+    code = code_objective;
+  else if (job == 0)
+    code = 0;
+  else if (str->nvar > 0 && str->nabc + str->nalc == str->nvar)
+    code = code_all_fixed;
+  else if (!dropped)
+    code = tests.run(); // where the active set has just been reduced no criterion counts
 
   code = optimality_check(str, job, code);
   if (code == 0 || code == code_reenter) {
     if (const int limit = limits(*str, str); limit != 0) code = limit;
   }
   if (str->fidi % 10 == 3 && !is_simplex(*str) && job != 10 && job != 0) {
-    // Forward differences have done what they can: go on with central ones before anything is called converged or failed.
+    // Forward differences have done what they can: go on with central ones before anything is called converged or
+    // failed.
     if (code == code_no_progress) {
       switch_to_central(str);
       code = code_reenter;

@@ -78,8 +78,8 @@ private:
     }
   }
 
-  // A step that runs at once into a constraint that x touches: near a constraint just dropped a smaller radius turns the
-  // step towards steepest descent, which moves off it; any other constraint is held.
+  // A step that runs at once into a constraint that x touches: near a constraint just dropped a smaller radius turns
+  // the step towards steepest descent, which moves off it; any other constraint is held.
   int free_step()
   {
     for (int cuts = 0;; ++cuts) {
@@ -132,7 +132,8 @@ private:
     return form_model(false);
   }
 
-  // Steps until one is accepted; x, crit and the new radius are then set. Returns 0 or a code with x back at the old point.
+  // Steps until one is accepted; x, crit and the new radius are then set. Returns 0 or a code with x back at the old
+  // point.
   int accepted_step(double entry_radius)
   {
     for (;;) {
@@ -194,6 +195,9 @@ private:
 
 } // namespace
 
-int znlptre(MINSTR* str) { return TrustRegion(str).run(); }
+int znlptre(MINSTR* str)
+{
+  return TrustRegion(str).run();
+}
 
 } // namespace torvale::optimizer

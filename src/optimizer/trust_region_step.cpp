@@ -18,10 +18,13 @@ using matrix::packed_size;
 using matrix::zvdot11;
 
 constexpr int most_rounds = 80;
-constexpr double radius_tolerance = 0.1; // |p| within this of the radius
+constexpr double radius_tolerance = 0.1;     // |p| within this of the radius
 constexpr double hard_case_tolerance = 0.19; // 1 - (1 - radius_tolerance)^2: the step is then as good
 
-double norm(const double* a, long m) { return matrix::zvenorm(m, 1, a); }
+double norm(const double* a, long m)
+{
+  return matrix::zvenorm(m, 1, a);
+}
 
 void gerschgorin(long m, const double* h, double* radius, double& low, double& high, double& least_diagonal)
 {
@@ -63,8 +66,8 @@ long factor_shifted(long m, const double* h, double alpha, double* l, double& pi
   return -1;
 }
 
-// How far alpha must at least rise when pivot k of H + alpha I failed: with v_k = 1 and the rest from L'v = -row k, v'(H + alpha I)v is
-// the pivot, so alpha must exceed its present value by -pivot/|v|^2.
+// How far alpha must at least rise when pivot k of H + alpha I failed: with v_k = 1 and the rest from L'v = -row k,
+// v'(H + alpha I)v is the pivot, so alpha must exceed its present value by -pivot/|v|^2.
 double least_rise(long k, const double* l, double pivot, double* v)
 {
   const double* const row = l + packed_row(k);
@@ -73,8 +76,8 @@ double least_rise(long k, const double* l, double pivot, double* v)
   return std::max(-pivot, 0.0) / (1.0 + zvdot11(v, v, k));
 }
 
-// A unit vector z with |L'z| near the smallest singular value of L: right sides of +-1 chosen for growth in L w = e, then L'z = w.
-// The usual condition estimator (Cline, Moler, Stewart and Wilkinson, 1979). Returns |L'z|.
+// A unit vector z with |L'z| near the smallest singular value of L: right sides of +-1 chosen for growth in L w = e,
+// then L'z = w. The usual condition estimator (Cline, Moler, Stewart and Wilkinson, 1979). Returns |L'z|.
 double near_null_vector(long m, const double* l, double* z)
 {
   for (long i = 0; i < m; ++i) {

@@ -28,7 +28,10 @@ int refuse(double sy, double q, long m, const double* s, const double* y)
   return 0;
 }
 
-void scale_packed(long m, double* a, double factor) { matrix::zvscl11(a, a, packed_size(m), factor); }
+void scale_packed(long m, double* a, double factor)
+{
+  matrix::zvscl11(a, a, packed_size(m), factor);
+}
 
 void scale_diagonal(long m, double* ldl, double factor)
 {
@@ -55,7 +58,8 @@ double safe_product(const double* s, const double* y, long m)
   return sum;
 }
 
-// H + ((q/sy + 1)/sy) s s' - (s w' + w s')/sy,  w = H y, q = y'w (Nocedal and Wright, Numerical Optimization, 2nd ed., 6.17).
+// H + ((q/sy + 1)/sy) s s' - (s w' + w s')/sy,  w = H y, q = y'w (Nocedal and Wright, Numerical Optimization, 2nd
+// ed., 6.17).
 int bfgsupd(long m, int iscl, const double* s, const double* y, double* h, double* w, double& scale)
 {
   multiply_symmetric(m, h, y, w);
@@ -123,9 +127,10 @@ int dubfgsup(long m, int iscl, const double* s, const double* y, double* ldl, do
   return ldlupd(m, -1.0 / sy, ldl, z, t) == m ? 1 : -1;
 }
 
-// B + y y'/sy + v v' - w w'/q,  w = B s, q = s'w, v = sqrt(q) (y/sy - w/q): the DFP formula, dual to BFGS on the inverse.
-int dudfpup(long m, int iscl, double alfa, const double* s, const double* y, double* ldl, double* w, double* v, double* z,
-            double& scale)
+// B + y y'/sy + v v' - w w'/q,  w = B s, q = s'w, v = sqrt(q) (y/sy - w/q): the DFP formula, dual to BFGS on the
+// inverse.
+int dudfpup(long m, int iscl, double alfa, const double* s, const double* y, double* ldl, double* w, double* v,
+            double* z, double& scale)
 {
   multiply_ldl(m, ldl, s, w, z);
   const double sy = safe_product(s, y, m);
@@ -185,8 +190,10 @@ int uvbfgs(long m, int iscl, const double* s, const double* y, double* l, double
   return 0;
 }
 
-// L + y (p/sqrt(p'p sy) - w/sy)',  p = L^-1 y, w = L's: the inverse transpose of the BFGS product form on the inverse factor.
-int uvdfp(long m, int iscl, double alfa, const double* s, const double* y, double* l, double* w, double* p, double& scale)
+// L + y (p/sqrt(p'p sy) - w/sy)',  p = L^-1 y, w = L's: the inverse transpose of the BFGS product form on the inverse
+// factor.
+int uvdfp(long m, int iscl, double alfa, const double* s, const double* y, double* l, double* w, double* p,
+          double& scale)
 {
   std::fill_n(w, m, 0.0);
   for (long i = 0; i < m; ++i) matrix::zvxay11(w, l + packed_row(i), i + 1, s[i]);
@@ -219,7 +226,8 @@ int znlpbfg(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* 
   return rc;
 }
 
-int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* hess, double* w1, double* w2, double* w3)
+int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* hess, double* w1, double* w2,
+            double* w3)
 {
   const long m = free_dimension(*str);
   str->scal = 1.0;

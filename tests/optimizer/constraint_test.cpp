@@ -91,7 +91,8 @@ TEST(Bounds, WrongCornerIsLeftAtTheStart)
     wide.str.gtol = 1e-14;
     wide.str.ftol = 0.0;
     wide.run(); // the code is -5 where the criteria ask for more than rounding allows
-    for (std::size_t i = 0; i < 50; ++i) EXPECT_NEAR(wide.str.x[i], std::max(centre[i], 0.0), 1e-3) << technique_name(technique) << i;
+    for (std::size_t i = 0; i < 50; ++i)
+      EXPECT_NEAR(wide.str.x[i], std::max(centre[i], 0.0), 1e-3) << technique_name(technique) << i;
     EXPECT_LT(wide.str.nitr, 60.0) << technique_name(technique) << ": dropping bounds one at a time";
   }
 }
@@ -166,9 +167,9 @@ TEST(Rows, DependentAndRedundantRowsAreHarmless)
   for (const int technique : row_techniques) {
     auto p = distance_problem({5.0, -3.0, 0.0}, {1.0, 2.0, 3.0}, technique);
     p.row({1.0, 1.0, 1.0}, 3.0, true);
-    p.row({2.0, 2.0, 2.0}, 6.0, true);   // the same plane
-    p.row({1.0, 1.0, 1.0}, 3.0);         // and as an inequality
-    p.row({1.0, 0.0, 0.0}, -50.0);       // never met
+    p.row({2.0, 2.0, 2.0}, 6.0, true); // the same plane
+    p.row({1.0, 1.0, 1.0}, 3.0);       // and as an inequality
+    p.row({1.0, 0.0, 0.0}, -50.0);     // never met
     EXPECT_GT(p.run(), 0) << technique_name(technique);
     // minimum of sum i (x_i - i)^2 on x1 + x2 + x3 = 3: x_i = i - lambda/(2i), with lambda = 6/(1 + 1/2 + 1/3).
     const double lambda = 6.0 / (1.0 + 0.5 + 1.0 / 3.0);
@@ -189,7 +190,8 @@ TEST(Rows, DegenerateVertexIsLeft)
     p.row({1.0, 1.0, 1.0}, 0.0);
     p.row({2.0, 1.0, 0.0}, 0.0);
     EXPECT_GT(p.run(), 0) << technique_name(technique);
-    EXPECT_THAT(p.x(), testing::Pointwise(testing::DoubleNear(1e-4), Vector{3.0, 0.0, 0.0})) << technique_name(technique);
+    EXPECT_THAT(p.x(), testing::Pointwise(testing::DoubleNear(1e-4), Vector{3.0, 0.0, 0.0}))
+        << technique_name(technique);
     EXPECT_NEAR(p.str.crit, 14.0, 1e-6);
   }
 }

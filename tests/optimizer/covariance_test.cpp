@@ -21,11 +21,15 @@ Inverse invert(Vector a, long n, int form = 1)
 {
   Inverse r{0, std::move(a), {}, std::vector<long>(static_cast<std::size_t>(n))};
   Vector diagonal(static_cast<std::size_t>(n)), work(static_cast<std::size_t>(n));
-  r.zeros = zcovinv(1, form, n, 1.491668147e-154, 1e-12, 1e-8, r.matrix.data(), r.det, diagonal.data(), work.data(), r.singular.data());
+  r.zeros = zcovinv(1, form, n, 1.491668147e-154, 1e-12, 1e-8, r.matrix.data(), r.det, diagonal.data(), work.data(),
+                    r.singular.data());
   return r;
 }
 
-double determinant(const Inverse& r) { return r.det[0] * std::pow(10.0, r.det[1]); }
+double determinant(const Inverse& r)
+{
+  return r.det[0] * std::pow(10.0, r.det[1]);
+}
 
 } // namespace
 
@@ -41,7 +45,8 @@ TEST(CovarianceInverse, RegularSingularAndIndefinite)
   // The third column is the sum of the first two.
   const Inverse singular = invert({2, 1, 2, 3, 3, 6}, 3);
   EXPECT_EQ(singular.zeros, 1);
-  EXPECT_THAT(singular.matrix, testing::Pointwise(testing::DoubleNear(1e-14), Vector{2.0 / 3, -1.0 / 3, 2.0 / 3, 0, 0, 0}));
+  EXPECT_THAT(singular.matrix,
+              testing::Pointwise(testing::DoubleNear(1e-14), Vector{2.0 / 3, -1.0 / 3, 2.0 / 3, 0, 0, 0}));
   EXPECT_THAT(singular.singular, testing::ElementsAre(0, 0, 1));
   EXPECT_THAT(singular.det, testing::ElementsAre(0, 0, 2, 0, 1));
 
@@ -66,7 +71,9 @@ TEST(CovarianceInverse, EigenvaluesGiveMoorePenrose)
   const Vector original = a;
   double det[5];
   EXPECT_EQ(zcovgiv(3, 1e-150, 1e-10, a.data(), det, values.data(), work.data()), 1);
-  const auto element = [](const Vector& m, int i, int j) { return m[std::size_t(std::max(i, j) * (std::max(i, j) + 1) / 2 + std::min(i, j))]; };
+  const auto element = [](const Vector& m, int i, int j) {
+    return m[std::size_t(std::max(i, j) * (std::max(i, j) + 1) / 2 + std::min(i, j))];
+  };
   // A G A = A.
   for (int i = 0; i < 3; ++i) {
     for (int j = 0; j < 3; ++j) {
@@ -83,8 +90,8 @@ namespace {
 // Minus the log likelihood of independent normal parameters with known information, at its maximum (1, 2, 3).
 double information(const Vector& x)
 {
-  return 10.0 + 0.5 * 4.0 * std::pow(x[0] - 1.0, 2) + 0.5 * 25.0 * std::pow(x[1] - 2.0, 2) + 2.0 * (x[0] - 1.0) * (x[1] - 2.0) +
-         0.5 * 100.0 * std::pow(x[2] - 3.0, 2);
+  return 10.0 + 0.5 * 4.0 * std::pow(x[0] - 1.0, 2) + 0.5 * 25.0 * std::pow(x[1] - 2.0, 2) +
+         2.0 * (x[0] - 1.0) * (x[1] - 2.0) + 0.5 * 100.0 * std::pow(x[2] - 3.0, 2);
 }
 Vector information_gradient(const Vector& x)
 {
@@ -173,9 +180,9 @@ TEST(Covariance, FormsAndFactors)
     double standard_error; // of the third parameter, 0.1 by the inverse Hessian
     int message;
   };
-  for (const Case& c : {Case{0, missing, missing, 0, 0.1, 0}, Case{2, missing, 4.0, 0, 0.1, 184}, Case{2, 9.0, missing, 0, 0.3, 0},
-                        Case{3, missing, missing, 0, 0.1 / std::sqrt(20.0), 0}, Case{1, missing, missing, -2, missing, 188},
-                        Case{6, missing, missing, -2, missing, 188}}) {
+  for (const Case& c : {Case{0, missing, missing, 0, 0.1, 0}, Case{2, missing, 4.0, 0, 0.1, 184},
+                        Case{2, 9.0, missing, 0, 0.3, 0}, Case{3, missing, missing, 0, 0.1 / std::sqrt(20.0), 0},
+                        Case{1, missing, missing, -2, missing, 188}, Case{6, missing, missing, -2, missing, 188}}) {
     SmallProblem p(DUQUAN, {0.0, 0.0, 0.0}, information, information_gradient);
     COVSTR cov;
     cov.nobs = 20;

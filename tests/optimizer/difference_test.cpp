@@ -11,7 +11,10 @@ using Vector = std::vector<double>;
 namespace {
 
 // f = exp(a) + a b^2 c + log(c), with gradient and Hessian by hand.
-double smooth(const Vector& x) { return std::exp(x[0]) + x[0] * x[1] * x[1] * x[2] + std::log(x[2]); }
+double smooth(const Vector& x)
+{
+  return std::exp(x[0]) + x[0] * x[1] * x[1] * x[2] + std::log(x[2]);
+}
 Vector smooth_gradient(const Vector& x)
 {
   return {std::exp(x[0]) + x[1] * x[1] * x[2], 2.0 * x[0] * x[1] * x[2], x[0] * x[1] * x[1] + 1.0 / x[2]};
@@ -52,13 +55,14 @@ TEST(Differences, GradientsAndHessiansHaveTheAccuracyOfTheirOrder)
     bool hessian, from_gradient;
     double accuracy;
   };
-  const Case cases[] = {{znlpfig, false, false, 1e-6}, {znlpfg2, false, false, 1e-8},  {znlpfih, true, false, 2e-5},
-                        {znlpfh2, true, false, 1e-5},  {znlpfh3, true, true, 1e-5}, {znlpfh4, true, true, 1e-8}};
+  const Case cases[] = {{znlpfig, false, false, 1e-6}, {znlpfg2, false, false, 1e-8}, {znlpfih, true, false, 2e-5},
+                        {znlpfh2, true, false, 1e-5},  {znlpfh3, true, true, 1e-5},   {znlpfh4, true, true, 1e-8}};
   for (const Case& c : cases) {
     AtPoint p(c.from_gradient ? SmallProblem::Gradient(smooth_gradient) : nullptr);
     p.ready();
     EXPECT_EQ(c.routine(&p.str), 0);
-    EXPECT_LT(worst(c.hessian ? p.str.hess : p.str.grad, c.hessian ? smooth_hessian(point) : smooth_gradient(point)), c.accuracy);
+    EXPECT_LT(worst(c.hessian ? p.str.hess : p.str.grad, c.hessian ? smooth_hessian(point) : smooth_gradient(point)),
+              c.accuracy);
     EXPECT_EQ(p.x(), point) << "the point is untouched";
     EXPECT_EQ(p.str.crit, smooth(point));
     EXPECT_EQ(p.str.indf, 0);
@@ -145,7 +149,8 @@ TEST(Differences, IntervalSearchBalancesNoiseAndCurvature)
     EXPECT_NEAR(p.str.hfwd[1], 2e-5, 1e-12) << "a linear parameter has no best interval: the fallback";
     EXPECT_GT(p.str.hcnt[0], p.str.hfwd[0]);
   }
-  SmallProblem fit(DUQUAN, {-2.0, 1.0}, [](const Vector& x) { return std::pow(x[0] - 1.0, 2) + 1e6 * std::pow(x[1] - x[0], 2); });
+  SmallProblem fit(DUQUAN, {-2.0, 1.0},
+                   [](const Vector& x) { return std::pow(x[0] - 1.0, 2) + 1e6 * std::pow(x[1] - x[0], 2); });
   fit.str.cfdh = 1;
   EXPECT_GT(fit.run(), 0);
   EXPECT_NEAR(fit.str.crit, 0.0, 1e-6);

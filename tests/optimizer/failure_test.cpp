@@ -14,10 +14,17 @@ namespace {
 constexpr double nan_value = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-double bowl(const Vector& x) { return (x[0] - 1.0) * (x[0] - 1.0) + 10.0 * (x[1] + 2.0) * (x[1] + 2.0) + 3.0; }
-Vector bowl_gradient(const Vector& x) { return {2.0 * (x[0] - 1.0), 20.0 * (x[1] + 2.0)}; }
+double bowl(const Vector& x)
+{
+  return (x[0] - 1.0) * (x[0] - 1.0) + 10.0 * (x[1] + 2.0) * (x[1] + 2.0) + 3.0;
+}
+Vector bowl_gradient(const Vector& x)
+{
+  return {2.0 * (x[0] - 1.0), 20.0 * (x[1] + 2.0)};
+}
 
-const std::vector<int> all_techniques = {TRUREG, NEWRAP, NRRIDG, NRLINS, DBLDOG, QUANEW, DUQUAN, CONGRA, NMSIMP, NMSIM2};
+const std::vector<int> all_techniques = {TRUREG, NEWRAP, NRRIDG, NRLINS, DBLDOG,
+                                         QUANEW, DUQUAN, CONGRA, NMSIMP, NMSIM2};
 const std::vector<int> gradient_techniques = {TRUREG, NEWRAP, NRRIDG, DBLDOG, QUANEW, DUQUAN, CONGRA};
 
 SmallProblem problem(int technique, Vector start, SmallProblem::Value f, SmallProblem::Gradient g = nullptr)
@@ -31,7 +38,8 @@ TEST(Failures, ObjectiveThatFailsAtTheStartEndsBeforeStageTwo)
 {
   for (const int technique : all_techniques) {
     for (const double bad : {nan_value, infinity, 1.2e77}) {
-      auto p = problem(technique, {0, 0}, [&](const Vector&) { return bad; }, bowl_gradient);
+      auto p = problem(
+          technique, {0, 0}, [&](const Vector&) { return bad; }, bowl_gradient);
       p.str.fail = 1.1579208923731792e+77;
       EXPECT_EQ(p.run(), code_start_objective);
       EXPECT_TRUE(is_missing(p.str.crit) && is_missing(p.str.grad[0]));
@@ -71,9 +79,11 @@ TEST(Failures, FailingHalfSpaceIsBackedOffFrom)
 TEST(Failures, WallBeforeTheMinimumEndsTheRun)
 {
   for (const int technique : all_techniques) {
-    auto p = problem(technique, {-3.0, 5.0}, [](const Vector& x) { return x[0] > 0.5 ? infinity : bowl(x); }, bowl_gradient);
+    auto p = problem(
+        technique, {-3.0, 5.0}, [](const Vector& x) { return x[0] > 0.5 ? infinity : bowl(x); }, bowl_gradient);
     const int code = p.run();
-    EXPECT_TRUE(code == code_no_progress || code == code_objective || (code > 0 && code <= 9)) << technique_name(technique) << " " << code;
+    EXPECT_TRUE(code == code_no_progress || code == code_objective || (code > 0 && code <= 9))
+        << technique_name(technique) << " " << code;
     EXPECT_LT(p.str.crit, 200.0) << technique_name(technique);
     EXPECT_LT(p.str.nfct, 3500) << technique_name(technique);
     EXPECT_LE(p.str.x[0], 0.5);
@@ -118,22 +128,31 @@ TEST(Failures, UnboundedObjectiveEndsWithAMessage)
 {
   for (const int technique : all_techniques) {
     if (technique == DBLDOG) continue; // a linear objective teaches its matrix nothing: equal steps up to MAXITER
-    auto p = problem(technique, {1.0, 1.0}, [](const Vector& x) { return -x[0] - 2.0 * x[1]; },
-                     [](const Vector&) { return Vector{-1.0, -2.0}; });
+    auto p = problem(
+        technique, {1.0, 1.0}, [](const Vector& x) { return -x[0] - 2.0 * x[1]; },
+        [](const Vector&) {
+          return Vector{-1.0, -2.0};
+        });
     const int code = p.run();
     EXPECT_EQ(code, code_objective) << technique_name(technique);
     EXPECT_LT(p.str.crit, -1e4) << technique_name(technique);
     const auto told = std::count(p.messages.begin(), p.messages.end(), 549040);
     EXPECT_EQ(told, 1) << technique_name(technique);
   }
-  auto p = problem(DUQUAN, {1.0}, [](const Vector& x) { return -std::exp(x[0]); }, [](const Vector& x) { return Vector{-std::exp(x[0])}; });
+  auto p = problem(
+      DUQUAN, {1.0}, [](const Vector& x) { return -std::exp(x[0]); },
+      [](const Vector& x) { return Vector{-std::exp(x[0])}; });
   EXPECT_EQ(p.run(), code_objective);
 }
 
 TEST(Failures, PlateauIsAStationaryPoint)
 {
   for (const int technique : gradient_techniques) {
-    auto p = problem(technique, {0.3, 0.4}, [](const Vector&) { return 5.0; }, [](const Vector&) { return Vector{0.0, 0.0}; });
+    auto p = problem(
+        technique, {0.3, 0.4}, [](const Vector&) { return 5.0; },
+        [](const Vector&) {
+          return Vector{0.0, 0.0};
+        });
     EXPECT_EQ(p.run(), code_absgconv) << technique_name(technique);
     EXPECT_EQ(p.str.nitr, 0.0);
   }
@@ -193,8 +212,8 @@ TEST(Noise, DifferencesReachTheNoiseLevel)
     const auto noisy = [noise](const Vector& x) {
       // A fixed but erratic function of the point: the same point gives the same value.
       const double erratic = std::sin(1e7 * (x[0] + 1.7 * x[1]) + 3e6 * x[2]);
-      const double f = 10.0 + std::pow(x[0] - 1.0, 2) + 2.0 * std::pow(x[1] + x[0], 2) + 0.5 * std::pow(x[2] - x[1], 2) +
-                       0.1 * std::pow(x[0] - 1.0, 4);
+      const double f = 10.0 + std::pow(x[0] - 1.0, 2) + 2.0 * std::pow(x[1] + x[0], 2) +
+                       0.5 * std::pow(x[2] - x[1], 2) + 0.1 * std::pow(x[0] - 1.0, 4);
       return f * (1.0 + noise * erratic);
     };
     for (const int technique : {DUQUAN, QUANEW, DBLDOG, TRUREG, CONGRA}) {
@@ -203,7 +222,8 @@ TEST(Noise, DifferencesReachTheNoiseLevel)
         p.str.fidi = difference;
         p.str.fdig = digits;
         p.run();
-        EXPECT_LT(p.str.crit - 10.0, 300.0 * noise * 10.0) << technique_name(technique) << " FD " << difference << " digits " << digits;
+        EXPECT_LT(p.str.crit - 10.0, 300.0 * noise * 10.0)
+            << technique_name(technique) << " FD " << difference << " digits " << digits;
         EXPECT_LT(p.str.nfct, 3000);
       }
     }
@@ -240,7 +260,9 @@ TEST(GradientCheck, TellsARightGradientFromAWrongOne)
   EXPECT_EQ(rows[1].analytic, 120.0);
 
   for (const int kind : {2, 3}) {
-    auto wrong = problem(DUQUAN, {3.0, 4.0}, bowl, [](const Vector& x) { return Vector{2.0 * (x[0] - 1.0), 19.9 * (x[1] + 2.0)}; });
+    auto wrong = problem(DUQUAN, {3.0, 4.0}, bowl, [](const Vector& x) {
+      return Vector{2.0 * (x[0] - 1.0), 19.9 * (x[1] + 2.0)};
+    });
     wrong.str.gchk = kind;
     wrong.prepare();
     EXPECT_EQ(znlpdrv(&wrong.str, 1, 0, 0, 0), 0) << "a wrong gradient is told, not fatal";

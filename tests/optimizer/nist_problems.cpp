@@ -18,7 +18,10 @@ struct Model {
   Dual (*mean)(const Dual* b, double x1, double x2);
 };
 
-Dual sq(Dual a) { return a * a; }
+Dual sq(Dual a)
+{
+  return a * a;
+}
 
 Dual three_exponentials(const Dual* b, double x, double)
 {
@@ -35,10 +38,8 @@ constexpr Model models[] = {
     {"DanWood", [](const Dual* b, double x, double) { return b[0] * pow(Dual(x), b[1]); }},
     {"Gauss1", two_peaks},
     {"Gauss3", two_peaks},
-    {"Kirby2",
-     [](const Dual* b, double x, double) {
-       return (b[0] + b[1] * x + b[2] * (x * x)) / (1.0 + b[3] * x + b[4] * (x * x));
-     }},
+    {"Kirby2", [](const Dual* b, double x,
+                  double) { return (b[0] + b[1] * x + b[2] * (x * x)) / (1.0 + b[3] * x + b[4] * (x * x)); }},
     {"Lanczos1", three_exponentials},
     {"Lanczos3", three_exponentials},
     {"MGH17", [](const Dual* b, double x, double) { return b[0] + b[1] * exp(-x * b[3]) + b[2] * exp(-x * b[4]); }},
@@ -49,7 +50,10 @@ constexpr Model models[] = {
     {"Roszman1", [](const Dual* b, double x, double) { return b[0] - b[1] * x - atan(b[2] / (x - b[3])) / pi; }},
 };
 
-double number(const nlohmann::json& j) { return j.is_string() ? std::stod(j.get<std::string>()) : j.get<double>(); }
+double number(const nlohmann::json& j)
+{
+  return j.is_string() ? std::stod(j.get<std::string>()) : j.get<double>();
+}
 
 std::vector<double> numbers(const nlohmann::json& j)
 {

@@ -13,7 +13,7 @@ struct NistProblem {
   std::vector<double> certified; // to 20 digits
   double rss = 0.0;              // likewise
   double rss_at_start1 = 0.0, rss_at_start2 = 0.0;
-  double ml_sigma2 = 0.0;        // maximum likelihood estimate of the variance
+  double ml_sigma2 = 0.0; // maximum likelihood estimate of the variance
   std::vector<double> ml_standard_errors;
   int model = -1;
 

@@ -24,7 +24,10 @@ Vector twice(const Vector& x)
   return g;
 }
 
-SmallProblem of_size(std::size_t n) { return SmallProblem(Vector(n, 1.0), sum_of_squares, twice); }
+SmallProblem of_size(std::size_t n)
+{
+  return SmallProblem(Vector(n, 1.0), sum_of_squares, twice);
+}
 
 } // namespace
 
@@ -37,16 +40,13 @@ TEST(Options, TechniqueAndUpdateFollowSizeAndEachOther)
     double sigm;
   };
   const Case cases[] = {
-      {2, 0, 0, 0, DUQUAN, 1, 0.4},        {39, 0, 0, 0, DUQUAN, 1, 0.4},
-      {399, 0, 0, 0, DUQUAN, 1, 0.4},      {400, 0, 0, 0, CONGRA, 1, 0.1},
-      {2, QUANEW, 0, 0, DUQUAN, 1, 0.4},   {2, QUANEW, 2, 0, DUQUAN, 2, 0.06},
-      {2, QUANEW, 6, 0, QUANEW, 1, 0.4},   {2, QUANEW, 7, 0, QUANEW, 2, 0.06},
-      {2, QUANEW, 11, 2000, QUANEW, 11, 0}, {2, DUQUAN, 6, 2000, DUQUAN, 6, 0},
-      {2, DBLDOG, 7, 2000, DBLDOG, 7, 0},  {2, CONGRA, 5, 2000, CONGRA, 5, 0},
-      {2, CONGRA, 14, 0, CONGRA, 4, 0.1},  {2, CONGRA, 0, 0, CONGRA, 1, 0.1},
-      {2, NEWRAP, 0, 0, NEWRAP, 0, 0.9},   {2, TRUREG, 3, 0, TRUREG, 0, 0.1},
-      {2, 6, 0, 2000, 6, 0, 0},            {2, 8, 0, 2000, 8, 0, 0},
-      {2, 16, 0, 2000, 16, 0, 0},          {2, 21, 0, 2000, 21, 0, 0},
+      {2, 0, 0, 0, DUQUAN, 1, 0.4},       {39, 0, 0, 0, DUQUAN, 1, 0.4},      {399, 0, 0, 0, DUQUAN, 1, 0.4},
+      {400, 0, 0, 0, CONGRA, 1, 0.1},     {2, QUANEW, 0, 0, DUQUAN, 1, 0.4},  {2, QUANEW, 2, 0, DUQUAN, 2, 0.06},
+      {2, QUANEW, 6, 0, QUANEW, 1, 0.4},  {2, QUANEW, 7, 0, QUANEW, 2, 0.06}, {2, QUANEW, 11, 2000, QUANEW, 11, 0},
+      {2, DUQUAN, 6, 2000, DUQUAN, 6, 0}, {2, DBLDOG, 7, 2000, DBLDOG, 7, 0}, {2, CONGRA, 5, 2000, CONGRA, 5, 0},
+      {2, CONGRA, 14, 0, CONGRA, 4, 0.1}, {2, CONGRA, 0, 0, CONGRA, 1, 0.1},  {2, NEWRAP, 0, 0, NEWRAP, 0, 0.9},
+      {2, TRUREG, 3, 0, TRUREG, 0, 0.1},  {2, 6, 0, 2000, 6, 0, 0},           {2, 8, 0, 2000, 8, 0, 0},
+      {2, 16, 0, 2000, 16, 0, 0},         {2, 21, 0, 2000, 21, 0, 0},
   };
   for (const Case& c : cases) {
     auto p = of_size(c.n);
@@ -69,9 +69,9 @@ TEST(Options, LimitsAndTolerancesPerTechnique)
     int tech;
     double maxi, maxf, axtl, agtl, gtol, xtol, fto2;
   };
-  for (const Case& c : {Case{DUQUAN, 200, 2000, 0, 1e-5, 1e-8, 0, 0}, Case{TRUREG, 50, 500, 0, 1e-5, 1e-8, 0, 0},
-                        Case{CONGRA, 400, 4000, 0, 1e-5, 1e-8, 0, 0},
-                        Case{NMSIMP, 1000, 10000, 1e-8, 0, 0, 1e-8, 1e-6}}) {
+  for (const Case& c :
+       {Case{DUQUAN, 200, 2000, 0, 1e-5, 1e-8, 0, 0}, Case{TRUREG, 50, 500, 0, 1e-5, 1e-8, 0, 0},
+        Case{CONGRA, 400, 4000, 0, 1e-5, 1e-8, 0, 0}, Case{NMSIMP, 1000, 10000, 1e-8, 0, 0, 1e-8, 1e-6}}) {
     auto p = of_size(3);
     p.str.tech = c.tech;
     ASSERT_EQ(p.prepare(), 0);
@@ -128,7 +128,8 @@ TEST(Options, EveryMessageHasWords)
 
 TEST(Driver, NoParametersIsEvaluationOnly)
 {
-  SmallProblem p(Vector{}, [](const Vector&) { return 7.0; }, [](const Vector&) { return Vector{}; });
+  SmallProblem p(
+      Vector{}, [](const Vector&) { return 7.0; }, [](const Vector&) { return Vector{}; });
   EXPECT_EQ(p.run(), 0);
   EXPECT_EQ(p.str.tech, NONE);
   EXPECT_EQ(p.str.crit, 7.0);
@@ -165,8 +166,9 @@ TEST(Driver, BorrowedArraysStayTheCallers)
 TEST(Driver, MaximizationIsMinimizationOfTheNegative)
 {
   // The objective delivers the negated value; reports turn the sign back.
-  SmallProblem p(DUQUAN, {1.0}, [](const Vector& x) { return (x[0] - 2.0) * (x[0] - 2.0) - 5.0; },
-                 [](const Vector& x) { return Vector{2.0 * (x[0] - 2.0)}; });
+  SmallProblem p(
+      DUQUAN, {1.0}, [](const Vector& x) { return (x[0] - 2.0) * (x[0] - 2.0) - 5.0; },
+      [](const Vector& x) { return Vector{2.0 * (x[0] - 2.0)}; });
   p.str.imax = 1;
   p.str.dbug = 4;
   EXPECT_GT(p.run(), 0);

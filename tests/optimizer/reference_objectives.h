@@ -12,8 +12,14 @@ namespace torvale::test {
 
 using Data = std::vector<std::vector<double>>;
 
-template <class T> T square(T a) { return a * a; }
-template <class T> T fourth(T a) { return square(square(a)); }
+template <class T> T square(T a)
+{
+  return a * a;
+}
+template <class T> T fourth(T a)
+{
+  return square(square(a));
+}
 
 template <class T> T rosenbrock(const T* x, int n, const Data&)
 {
@@ -90,8 +96,8 @@ template <class T> T powell_singular(const T* x, int n, const Data&)
 
 template <class T> T wood(const T* x, int, const Data&)
 {
-  return 100.0 * square(x[1] - x[0] * x[0]) + square(1.0 - x[0]) + 90.0 * square(x[3] - x[2] * x[2]) + square(1.0 - x[2]) +
-         10.1 * (square(x[1] - 1.0) + square(x[3] - 1.0)) + 19.8 * (x[1] - 1.0) * (x[3] - 1.0);
+  return 100.0 * square(x[1] - x[0] * x[0]) + square(1.0 - x[0]) + 90.0 * square(x[3] - x[2] * x[2]) +
+         square(1.0 - x[2]) + 10.1 * (square(x[1] - 1.0) + square(x[3] - 1.0)) + 19.8 * (x[1] - 1.0) * (x[3] - 1.0);
 }
 
 template <class T> T kowalik_osborne(const T* x, int, const Data& data)
@@ -233,8 +239,14 @@ template <class T> T linear_rank_1(const T* x, int n, const Data&)
   return f;
 }
 
-template <class T> T hs3(const T* x, int, const Data&) { return x[1] + 1e-5 * square(x[1] - x[0]); }
-template <class T> T hs4(const T* x, int, const Data&) { return (x[0] + 1.0) * square(x[0] + 1.0) / 3.0 + x[1]; }
+template <class T> T hs3(const T* x, int, const Data&)
+{
+  return x[1] + 1e-5 * square(x[1] - x[0]);
+}
+template <class T> T hs4(const T* x, int, const Data&)
+{
+  return (x[0] + 1.0) * square(x[0] + 1.0) / 3.0 + x[1];
+}
 
 template <class T> T hs9(const T* x, int, const Data&)
 {
@@ -243,7 +255,10 @@ template <class T> T hs9(const T* x, int, const Data&)
   return sin(pi * x[0] / 12.0) * cos(pi * x[1] / 16.0);
 }
 
-template <class T> T hs21(const T* x, int, const Data&) { return 0.01 * x[0] * x[0] + x[1] * x[1] - 100.0; }
+template <class T> T hs21(const T* x, int, const Data&)
+{
+  return 0.01 * x[0] * x[0] + x[1] * x[1] - 100.0;
+}
 
 template <class T> T hs25(const T* x, int, const Data&)
 {
@@ -256,15 +271,24 @@ template <class T> T hs25(const T* x, int, const Data&)
   return f;
 }
 
-template <class T> T hs28(const T* x, int, const Data&) { return square(x[0] + x[1]) + square(x[1] + x[2]); }
-template <class T> T minus_product_3(const T* x, int, const Data&) { return -x[0] * x[1] * x[2]; }
+template <class T> T hs28(const T* x, int, const Data&)
+{
+  return square(x[0] + x[1]) + square(x[1] + x[2]);
+}
+template <class T> T minus_product_3(const T* x, int, const Data&)
+{
+  return -x[0] * x[1] * x[2];
+}
 
 template <class T> T hs44(const T* x, int, const Data&)
 {
   return x[0] - x[1] - x[2] - x[0] * x[2] + x[0] * x[3] + x[1] * x[2] - x[1] * x[3];
 }
 
-template <class T> T hs45(const T* x, int, const Data&) { return 2.0 - x[0] * x[1] * x[2] * x[3] * x[4] / 120.0; }
+template <class T> T hs45(const T* x, int, const Data&)
+{
+  return 2.0 - x[0] * x[1] * x[2] * x[3] * x[4] / 120.0;
+}
 
 template <class T> T hs48(const T* x, int, const Data&)
 {

@@ -81,7 +81,10 @@ int objective_of(const std::string& name)
 
 using Json = nlohmann::json;
 
-double number(const Json& j) { return j.is_string() ? std::stod(j.get<std::string>()) : j.get<double>(); }
+double number(const Json& j)
+{
+  return j.is_string() ? std::stod(j.get<std::string>()) : j.get<double>();
+}
 
 std::vector<double> numbers(const Json& j)
 {
@@ -137,8 +140,8 @@ Problem read_problem(const Json& j)
   if (j.contains("local_minima"))
     for (const Json& local : j["local_minima"]) p.local_minima.push_back(number(local["f"]));
   if (p.name == "brown_almost_linear_5") p.local_minima.push_back(1.0); // told in its note
-  // The feasible set is the segment x1 = t, x4 = 1 - t, 0 <= t <= 1, on which f = t/3 + 16/3 + exp(t(1-t)): f' is 4/3 at 0
-  // and -2/3 at 1, so both ends are minima. The point next to the start is the end t = 1.
+  // The feasible set is the segment x1 = t, x4 = 1 - t, 0 <= t <= 1, on which f = t/3 + 16/3 + exp(t(1-t)): f' is 4/3
+  // at 0 and -2/3 at 1, so both ends are minima. The point next to the start is the end t = 1.
   if (p.name == "HS55") p.local_minima.push_back(20.0 / 3.0);
   if (j["minimum"].contains("active"))
     for (const Json& a : j["minimum"]["active"]) p.active.push_back({a["constraint"], number(a["multiplier"])});
@@ -149,7 +152,8 @@ Problem read_problem(const Json& j)
     if (data.contains("c")) {
       if (data["c"][0].is_array())
         for (const Json& row : data["c"]) p.data.push_back(numbers(row));
-      else p.data.push_back(numbers(data["c"]));
+      else
+        p.data.push_back(numbers(data["c"]));
     }
   }
   read_constraints(j, p);
@@ -185,7 +189,10 @@ int gradient_callback(optimizer::MINSTR* str)
 
 } // namespace
 
-double Problem::value(const double* x) const { return objectives[function].value(x, n, data); }
+double Problem::value(const double* x) const
+{
+  return objectives[function].value(x, n, data);
+}
 
 void Problem::gradient(const double* x, double* g) const
 {
@@ -268,7 +275,8 @@ RunResult run_problem(const Problem& problem, const RunOptions& options)
   std::copy(problem.lower.begin(), problem.lower.end(), str.lb);
   std::copy(problem.upper.begin(), problem.upper.end(), str.ub);
   for (std::size_t r = 0; r < problem.rows.size(); ++r) {
-    std::copy(problem.rows[r].coefficients.begin(), problem.rows[r].coefficients.end(), str.alcn + static_cast<long>(r) * problem.n);
+    std::copy(problem.rows[r].coefficients.begin(), problem.rows[r].coefficients.end(),
+              str.alcn + static_cast<long>(r) * problem.n);
     str.blcn[r] = problem.rows[r].right_side;
   }
   result.code = tvloptc(&str);

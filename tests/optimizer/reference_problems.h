@@ -52,11 +52,11 @@ struct RunOptions {
   int technique = 0;
   int update = 0;
   int line_search = 0;
-  int difference = 0;   // FD
-  int updates_scale = 0;  // scaling of the start matrix for small problems too
-  bool tight = true;    // criteria that do not stop early
+  int difference = 0;    // FD
+  int updates_scale = 0; // scaling of the start matrix for small problems too
+  bool tight = true;     // criteria that do not stop early
   int hessian_scale = 0;
-  double digits = 0.0;  // FDIGITS
+  double digits = 0.0;        // FDIGITS
   int hessian_difference = 0; // FDHESSIAN
 };
 
@@ -74,8 +74,8 @@ struct RunResult {
 
 RunResult run_problem(const Problem& problem, const RunOptions& options);
 
-// True when f is the known minimum or a listed local one to `relative`, or to `absolute` when it is zero; or lower than a
-// published minimum that is not known to be global.
+// True when f is the known minimum or a listed local one to `relative`, or to `absolute` when it is zero; or lower than
+// a published minimum that is not known to be global.
 bool solved(const Problem& problem, double f, double relative, double absolute = 1e-12);
 
 } // namespace torvale::test

@@ -20,8 +20,14 @@ struct Variant {
   int least_with_defaults; // unconstrained
 };
 
-bool hessian_technique(const Variant& v) { return v.technique <= 5; }
-bool simplex(const Variant& v) { return v.technique >= 14; }
+bool hessian_technique(const Variant& v)
+{
+  return v.technique <= 5;
+}
+bool simplex(const Variant& v)
+{
+  return v.technique >= 14;
+}
 
 // Problems that suit the technique: no n by n differences for hundreds of parameters, no simplex above ten.
 bool suits(const Variant& v, const Problem& p)
@@ -63,37 +69,32 @@ Score score(const Variant& v, bool unconstrained, bool tight)
     s.gradients += r.gradients;
     s.iterations += r.iterations;
     EXPECT_LE(r.worst_violation, 1e-7) << p.name << ": evaluated outside its bounds";
-    if (solved(p, r.f, relative, absolute)) ++s.solved;
-    else if (tight) std::printf("  %-14s does not solve %s: code %d, f %.12g\n", v.name, p.name.c_str(), r.code, r.f);
+    if (solved(p, r.f, relative, absolute))
+      ++s.solved;
+    else if (tight)
+      std::printf("  %-14s does not solve %s: code %d, f %.12g\n", v.name, p.name.c_str(), r.code, r.f);
   }
   return s;
 }
 
 constexpr Variant variants[] = {
     // name           technique update FD  unconstrained constrained defaults
-    {"DUQUAN DBFGS", 11, 1, 0, 29, 19, 18},
-    {"DUQUAN DDFP", 11, 2, 0, 29, 19, 17},
-    {"QUANEW BFGS", 10, 6, 0, 28, 19, 17},
-    {"QUANEW DFP", 10, 7, 0, 28, 19, 17},
-    {"DBLDOG", 9, 1, 0, 28, 19, 15},
-    {"TRUREG", 2, 0, 0, 28, 20, 17},
-    {"NEWRAP", 3, 0, 0, 28, 20, 16},
-    {"NRRIDG", 4, 0, 0, 26, 20, 14},
-    {"CONGRA PB", 13, 11, 0, 26, 19, 14},
-    {"CONGRA FR", 13, 12, 0, 24, 19, 9},
-    {"CONGRA PR", 13, 13, 0, 25, 19, 16},
-    {"CONGRA CD", 13, 14, 0, 24, 19, 8},
-    {"NMSIMP", 14, 0, 0, 22, 6, 20},
-    {"NMSIM2", 15, 0, 0, 22, 6, 15},
-    {"DUQUAN FD", 11, 1, 2, 25, 19, 20},
-    {"QUANEW FD", 10, 6, 2, 25, 19, 19},
-    {"DBLDOG FD", 9, 1, 2, 25, 19, 18},
-    {"TRUREG FD", 2, 0, 2, 25, 20, 17},
-    {"NEWRAP FD", 3, 0, 2, 26, 20, 20},
-    {"NRRIDG FD", 4, 0, 2, 23, 20, 15},
+    {"DUQUAN DBFGS", 11, 1, 0, 29, 19, 18}, {"DUQUAN DDFP", 11, 2, 0, 29, 19, 17},
+    {"QUANEW BFGS", 10, 6, 0, 28, 19, 17},  {"QUANEW DFP", 10, 7, 0, 28, 19, 17},
+    {"DBLDOG", 9, 1, 0, 28, 19, 15},        {"TRUREG", 2, 0, 0, 28, 20, 17},
+    {"NEWRAP", 3, 0, 0, 28, 20, 16},        {"NRRIDG", 4, 0, 0, 26, 20, 14},
+    {"CONGRA PB", 13, 11, 0, 26, 19, 14},   {"CONGRA FR", 13, 12, 0, 24, 19, 9},
+    {"CONGRA PR", 13, 13, 0, 25, 19, 16},   {"CONGRA CD", 13, 14, 0, 24, 19, 8},
+    {"NMSIMP", 14, 0, 0, 22, 6, 20},        {"NMSIM2", 15, 0, 0, 22, 6, 15},
+    {"DUQUAN FD", 11, 1, 2, 25, 19, 20},    {"QUANEW FD", 10, 6, 2, 25, 19, 19},
+    {"DBLDOG FD", 9, 1, 2, 25, 19, 18},     {"TRUREG FD", 2, 0, 2, 25, 20, 17},
+    {"NEWRAP FD", 3, 0, 2, 26, 20, 20},     {"NRRIDG FD", 4, 0, 2, 23, 20, 15},
 };
 
-void PrintTo(const Variant& v, std::ostream* out) { *out << v.name; }
+void PrintTo(const Variant& v, std::ostream* out)
+{
+  *out << v.name;
+}
 
 class TechniqueTable : public testing::TestWithParam<Variant> {};
 
@@ -105,9 +106,9 @@ TEST_P(TechniqueTable, SolvesAsManyProblemsAsEver)
   const Score u = score(v, true, true);
   const Score c = score(v, false, true);
   const Score d = score(v, true, false);
-  std::printf("| %-12s | %2d of %2d | %6ld | %6ld | %2d of %2d | %5ld | %5ld | %2d of %2d | %5ld | %5ld |\n", v.name, u.solved,
-              u.tried, u.calls, u.iterations, c.solved, c.tried, c.calls, c.iterations, d.solved, d.tried, d.calls,
-              d.iterations);
+  std::printf("| %-12s | %2d of %2d | %6ld | %6ld | %2d of %2d | %5ld | %5ld | %2d of %2d | %5ld | %5ld |\n", v.name,
+              u.solved, u.tried, u.calls, u.iterations, c.solved, c.tried, c.calls, c.iterations, d.solved, d.tried,
+              d.calls, d.iterations);
   EXPECT_GE(u.solved, v.least_unconstrained);
   EXPECT_GE(c.solved, v.least_constrained);
   EXPECT_GE(d.solved, v.least_with_defaults);

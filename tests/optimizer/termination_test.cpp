@@ -10,7 +10,10 @@ using Vector = std::vector<double>;
 
 namespace {
 
-double rosenbrock(const Vector& x) { return 100.0 * std::pow(x[1] - x[0] * x[0], 2) + std::pow(1.0 - x[0], 2); }
+double rosenbrock(const Vector& x)
+{
+  return 100.0 * std::pow(x[1] - x[0] * x[0], 2) + std::pow(1.0 - x[0], 2);
+}
 
 Vector rosenbrock_gradient(const Vector& x)
 {
@@ -57,13 +60,15 @@ TEST(Termination, EachCriterionGivesItsCode)
   EXPECT_EQ(code_of([](MINSTR& s) { s.maxi = 3.0; }), code_limit);
   EXPECT_EQ(code_of([](MINSTR& s) { s.nfct = 2000; }), code_limit);
   EXPECT_EQ(code_of([](MINSTR& s) { s.nabc = 2; }), code_all_fixed);
-  EXPECT_EQ(code_of([](MINSTR& s) { s.fsiz = 1e10, s.ftol = 1e-9, s.gtol = 0.0; }), code_fconv) << "FSIZE is the floor of |f|";
+  EXPECT_EQ(code_of([](MINSTR& s) { s.fsiz = 1e10, s.ftol = 1e-9, s.gtol = 0.0; }), code_fconv)
+      << "FSIZE is the floor of |f|";
   EXPECT_EQ(code_of([](MINSTR& s) { s.tech = CONGRA, s.gtol = 0.05, s.pred = 0.0, s.gcri = 6.0; }), 0);
   // The last criterion in order wins, and any criterion wins against a limit.
   EXPECT_EQ(code_of([](MINSTR& s) { s.gmax = 0.0, s.gtol = 0.05, s.maxi = 3.0; }), code_gconv);
   EXPECT_EQ(code_of([](MINSTR& s) { s.gmax = 0.0, s.mini = 5; }), 0);
   EXPECT_EQ(code_of([](MINSTR& s) { s.atol = 100.0, s.mini = 5; }), code_absconv) << "MINITER does not hold ABSCONV";
-  EXPECT_EQ(code_of([](MINSTR& s) { s.gmax = 0.0, s.chac = -1; }), 0) << "not in the iteration that dropped a constraint";
+  EXPECT_EQ(code_of([](MINSTR& s) { s.gmax = 0.0, s.chac = -1; }), 0)
+      << "not in the iteration that dropped a constraint";
   EXPECT_EQ(code_of([](MINSTR& s) { s.ftol = 0.1, s.cutf = 1; }), 0) << "a step cut by failures says nothing";
 }
 
@@ -132,9 +137,9 @@ TEST(History, RowsAndColumnsBelongToTheTechnique)
     int technique, layout;
     const char* last;
   };
-  for (const Case& c : {Case{TRUREG, 31, "Radius"}, Case{NRRIDG, 18, "Ridge"}, Case{NEWRAP, 23, "Alpha"},
-                        Case{DBLDOG, 15, "Slope"}, Case{DUQUAN, 23, "Alpha"}, Case{CONGRA, 23, "Alpha"},
-                        Case{NMSIMP, 28, "Size"}}) {
+  for (const Case& c :
+       {Case{TRUREG, 31, "Radius"}, Case{NRRIDG, 18, "Ridge"}, Case{NEWRAP, 23, "Alpha"}, Case{DBLDOG, 15, "Slope"},
+        Case{DUQUAN, 23, "Alpha"}, Case{CONGRA, 23, "Alpha"}, Case{NMSIMP, 28, "Size"}}) {
     SmallProblem p(c.technique, {-1.2, 1.0}, rosenbrock, rosenbrock_gradient);
     p.str.dbug = 2;
     const int code = p.run();

@@ -16,7 +16,10 @@ using Dense = std::vector<Vector>;
 
 namespace {
 
-std::size_t at(std::size_t i, std::size_t j) { return i * (i + 1) / 2 + j; }
+std::size_t at(std::size_t i, std::size_t j)
+{
+  return i * (i + 1) / 2 + j;
+}
 
 Dense from_symmetric(const Vector& a, std::size_t n)
 {
@@ -207,7 +210,8 @@ TEST_P(Updates, RankOneChangesMatchAndRefuseToLoseRank)
 
 INSTANTIATE_TEST_SUITE_P(Orders, Updates, testing::Values(1, 2, 3, 8, 25));
 
-// Every line search on curves with a known minimum: sufficient decrease, the gradient of the point, never beyond the bound.
+// Every line search on curves with a known minimum: sufficient decrease, the gradient of the point, never beyond the
+// bound.
 TEST(LineSearches, FindADecreaseFromAnyFirstStep)
 {
   struct Curve {
@@ -217,14 +221,19 @@ TEST(LineSearches, FindADecreaseFromAnyFirstStep)
   };
   const Curve curves[] = {
       {"quadratic", [](double a) { return (a - 3.0) * (a - 3.0); }, [](double a) { return 2.0 * (a - 3.0); }},
-      {"narrow", [](double a) { return -a / (a * a + 2.0); }, [](double a) { return (a * a - 2.0) / std::pow(a * a + 2.0, 2); }},
-      {"steep", [](double a) { return std::exp(5.0 * a) - 50.0 * a; }, [](double a) { return 5.0 * std::exp(5.0 * a) - 50.0; }},
-      {"wall", [](double a) { return a < 0.7 ? (a - 0.6) * (a - 0.6) : NAN; }, [](double a) { return 2.0 * (a - 0.6); }},
+      {"narrow", [](double a) { return -a / (a * a + 2.0); },
+       [](double a) { return (a * a - 2.0) / std::pow(a * a + 2.0, 2); }},
+      {"steep", [](double a) { return std::exp(5.0 * a) - 50.0 * a; },
+       [](double a) { return 5.0 * std::exp(5.0 * a) - 50.0; }},
+      {"wall", [](double a) { return a < 0.7 ? (a - 0.6) * (a - 0.6) : NAN; },
+       [](double a) { return 2.0 * (a - 0.6); }},
   };
   for (int method = 1; method <= 9; ++method) {
     for (const Curve& c : curves) {
       for (const double first : {1e-3, 0.1, 1.0, 10.0}) {
-        SmallProblem p(DUQUAN, {0.0}, [&](const Vector& x) { return c.f(x[0]); }, [&](const Vector& x) { return Vector{c.g(x[0])}; });
+        SmallProblem p(
+            DUQUAN, {0.0}, [&](const Vector& x) { return c.f(x[0]); },
+            [&](const Vector& x) { return Vector{c.g(x[0])}; });
         p.str.tlin = method;
         p.prepare();
         MINSTR& s = p.str;
@@ -250,7 +259,8 @@ TEST(LineSearches, FindADecreaseFromAnyFirstStep)
 TEST(LineSearches, UphillDirectionFailsWithoutACall)
 {
   for (int method = 1; method <= 8; ++method) {
-    SmallProblem p(DUQUAN, {1.0}, [](const Vector& x) { return x[0] * x[0]; }, [](const Vector& x) { return Vector{2.0 * x[0]}; });
+    SmallProblem p(
+        DUQUAN, {1.0}, [](const Vector& x) { return x[0] * x[0]; }, [](const Vector& x) { return Vector{2.0 * x[0]}; });
     p.prepare();
     p.str.xold[0] = p.str.cold = 1.0;
     p.str.gold[0] = 2.0;
@@ -263,8 +273,9 @@ TEST(LineSearches, UphillDirectionFailsWithoutACall)
 
 TEST(LineSearches, MaxStepHoldsInTheFirstSearchesOnly)
 {
-  SmallProblem p(DUQUAN, {0.0}, [](const Vector& x) { return (x[0] - 50.0) * (x[0] - 50.0); },
-                 [](const Vector& x) { return Vector{2.0 * (x[0] - 50.0)}; });
+  SmallProblem p(
+      DUQUAN, {0.0}, [](const Vector& x) { return (x[0] - 50.0) * (x[0] - 50.0); },
+      [](const Vector& x) { return Vector{2.0 * (x[0] - 50.0)}; });
   p.str.smax = 0.01;
   p.str.smit = 3;
   p.str.dbug = 4;
