@@ -50,7 +50,7 @@ struct PARSECONTROL {
   // semroutine: called with each recognised production that has an action, in order. Filled by the parser.
   int (*semroutine)(PARSECONTROL& control, const SEMARG& action, void* user);
   void* user;                         // handed to semroutine
-  bool xsyndebug;                     // trace of shifts and reductions to standard error
+  bool xsyndebug;                     // shifts and reductions are traced
 
   // Sizes and classes that the tables themselves do not tell.
   std::int32_t productions, states, classes;

@@ -8,6 +8,8 @@
 
 namespace torvale::language {
 
+using syntax::same_name;
+
 namespace {
 
 constexpr int most_errors = 100;              // of one step, then the rest of the program is given up
@@ -72,6 +74,7 @@ struct Parser::Implementation {
   {
     const std::size_t n = static_cast<std::size_t>(parse->length(production));
     const int number = parse->action(production);
+    if (control.xsyndebug) trace("reduce " + std::string(nonterminal_name(parse->left_side(production) - control.goaltoken)));
     parse->reduce(production);
     if (parse->accepted()) return;
     Value result = n > 0 ? values[values.size() - n] : Value{};
@@ -87,10 +90,17 @@ struct Parser::Implementation {
         std::copy_n(control.argtbl + at + 1, action.argn, action.arglist);
       }
       control.semroutine(control, action, control.user);
+      const auto& classes = current_proc->traces;
+      control.xsyndebug = std::find(classes.begin(), classes.end(), 1) != classes.end();
     }
     result = values.back();
     values.resize(values.size() - n - 1);
     values.push_back(result);
+  }
+
+  void trace(const std::string& line) const
+  {
+    if (request.trace) request.trace(line);
   }
 
   // Reductions that need no token, with their actions: the end of a statement happens here, before anything is read.
@@ -112,6 +122,7 @@ struct Parser::Implementation {
       if (next > 0) break;
       reduce(-next);
     }
+    if (control.xsyndebug) trace("shift " + std::string(control.spelling(token.symbol)) + " " + std::string(token.text));
     parse->shift(token.symbol);
     Value v;
     v.token = token;
@@ -437,6 +448,9 @@ struct Parser::Implementation {
       return;
     }
     if (!parse->accepts(token.symbol)) return handle_error(token);
+    // "RUN;" taken for the last name of a list: nobody calls a variable so at a line's start.
+    if (token.symbol == semicolon && suspect.symbol != 0 && suspect.begin == last.begin && (same_name(last.text, "RUN") || same_name(last.text, "QUIT")))
+      return restart_at_suspect();
     note_suspect(token);
     shift(token);
   }
@@ -445,6 +459,7 @@ struct Parser::Implementation {
   {
     if (token.symbol != token_class::NAMEX || statement_tokens == 0 || token.where.line <= last.where.line) return;
     if (suspect.symbol != 0 && !suspect_is_assignment) return;
+    if (!parse->accepts(semicolon)) return; // the statement before could not end here
     const bool statement_word = begins_procedure_statement(upper_case(token.text));
     const syntax::STMT* statement = builder_statement();
     if (!statement_word && !(statement && statement->name.rfind("PAR", 0) == 0)) return;

@@ -41,6 +41,9 @@ struct ParseRequest {
   std::function<std::vector<InputVariable>(const syntax::STMT& torvale)> on_procedure_statement;
 
   FileReader read_file;                  // for INCLUDE; may be empty
+
+  // Takes a line for each shift and reduction while trace class 1 (FLOW, TRACE) is on; may be empty.
+  std::function<void(const std::string& line)> trace;
 };
 
 struct ParseResult {

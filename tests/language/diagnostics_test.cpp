@@ -88,6 +88,16 @@ TEST(Diagnostics, EveryNumberHasItsWordsInTheCatalogue)
     EXPECT_NE(host::find_message(message_group, n), nullptr) << n;
 }
 
+TEST(Diagnostics, RunBehindAListWithoutItsSemicolonEndsTheStep)
+{
+  for (const char* list : {"parms a", "id x y", "keep a", "parms a=1 b", "by x"}) {
+    const auto parsed = parse_text(std::string("torvale;\n") + list + "\nrun;\ntorvale; x=1; run;");
+    EXPECT_EQ(parsed->steps.size(), 2u) << list;
+    EXPECT_EQ(parsed->errors(), 1) << list << "\n" << parsed->rendered;
+    EXPECT_NE(parsed->rendered.find("semicolon is missing before RUN"), std::string::npos) << parsed->rendered;
+  }
+}
+
 TEST(Diagnostics, StopAfterAHundredErrors)
 {
   std::string text = "torvale;";
