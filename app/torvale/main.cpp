@@ -52,7 +52,7 @@ int main(int argc, char** argv)
   run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
   run->add_option("--html", arguments.output.html, "the report");
   run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
-  run->add_option("--threads", arguments.threads, "worker threads when the program does not say: 0 serial, -1 all cores");
+  run->add_option("--threads", arguments.threads, "worker threads when the program does not say: 0 serial, -1 all cores")->check(CLI::Range(-1, 1024));
   run->add_option("--seed", arguments.seed, "seed when the program does not say")->check(CLI::Range(0L, 2147483646L));
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");

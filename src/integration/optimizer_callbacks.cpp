@@ -18,9 +18,13 @@ int evaluate(MINSTR* str, NX& n)
   if (str->x != n.parm.data()) n.parm.assign(str->x, str->x + n.nparm);
   const int rc = tvllike(n);
   str->crit = n.objfun;
-  if (n.dograd && str->grad != n.objgrad.data()) std::copy(n.objgrad.begin(), n.objgrad.end(), str->grad);
   if (rc != 0 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
   return rc;
+}
+
+void hand_over_gradient(MINSTR* str, const NX& n)
+{
+  if (str->grad != n.objgrad.data()) std::copy(n.objgrad.begin(), n.objgrad.end(), str->grad);
 }
 
 } // namespace
@@ -30,6 +34,8 @@ int nlpfunc(MINSTR* str)
   ++str->nfct;
   NX& n = *static_cast<NX*>(str->comstr);
   const int rc = evaluate(str, n);
+  // The gradient is there, but a caller that asked for the value alone keeps what it has in grad.
+  if (n.dograd && str->ifdr >= 2) hand_over_gradient(str, n);
   if (n.dograd)
     n.parmlast = n.parm;
   else
@@ -53,7 +59,7 @@ int nlpgrad(MINSTR* str)
   const bool known = n.dograd && n.parmlast.size() == static_cast<std::size_t>(n.nparm) &&
                      std::equal(n.parmlast.begin(), n.parmlast.end(), str->x);
   if (known) {
-    if (str->grad != n.objgrad.data()) std::copy(n.objgrad.begin(), n.objgrad.end(), str->grad);
+    hand_over_gradient(str, n);
     return 0;
   }
   if (n.host != nullptr) n.host->log().xpmlog(503, 360);
@@ -61,6 +67,7 @@ int nlpgrad(MINSTR* str)
   n.dograd = true;
   const double crit = str->crit;
   const int rc = evaluate(str, n);
+  hand_over_gradient(str, n);
   str->crit = crit; // the gradient callback leaves the objective of the last function call
   n.parmlast = n.parm;
   return n.failed ? 1 : rc;

@@ -16,8 +16,8 @@ inline constexpr double failure_objective = 1.1579208923731792e+77; // an evalua
 inline constexpr double impossible_loglik = -1e20;                  // log likelihoods at or below have failed
 inline constexpr double failed_point = -std::numeric_limits<double>::max(); // log integrand of a failed point
 
-// ModelPrograms: the specialised programs of one model and the layout of their outputs. Packed lower triangles by rows.
-// Entries that are identically zero are marked 0 in `live`; their outputs are zero lanes and need not be read.
+// ModelPrograms: the specialised programs of one model and the places of what they yield. Packed lower triangles by rows.
+// Places that are identically zero are marked 0 in `live` and no output of the program: output j is at place list[j].
 struct ModelPrograms {
   // nd distribution arguments (nr means, nrs elements of G), then nd x np derivatives by parameters, row = argument.
   const engine::Program* setup = nullptr;
@@ -36,7 +36,7 @@ struct ModelPrograms {
   // adscale, (np + nr) x nrs third derivatives: row w (parameters, then random effects) of d(second derivatives)/dw.
   const engine::Program* curvature = nullptr;
   std::vector<char> curvature_live;
-  // The live entries above as lists of output numbers.
+  // The live places above, in order.
   std::vector<int> setup_list, gradient_list, mode_list, curvature_list;
   bool setup_varies = false; // distribution arguments differ between subjects
 };

@@ -202,6 +202,8 @@ struct NX : RunOptions, ModelLists, GroupState, FitState {
   std::unique_ptr<optimizer::COVSTR> covstr;  // its covariance block
   std::shared_ptr<parallel::WorkerPool> workers; // threads of the run; null: one context
   host::Table* ithis = nullptr;               // open iteration history, or null
+  host::Table* gradient_check = nullptr;      // open table of GRADCHECK, or null
+  std::vector<std::pair<std::string, std::string>> dependencies; // of a singular Hessian: parameter, combination of others
   int (*starting_tables)(NX&) = nullptr;      // writes "StartingValues" before the first iteration (START); may be null
   void raise(int code) { if (code > tvlrc) tvlrc = code; }
 };

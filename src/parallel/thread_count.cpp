@@ -1,6 +1,14 @@
 #include "parallel/worker_pool.h"
 
+#include <algorithm>
+
 namespace torvale::parallel {
+
+namespace {
+
+constexpr int most_workers = 1024; // more than any machine's cores; results do not depend on the number
+
+} // namespace
 
 int tvlthrd(const model::NX& n)
 {
@@ -9,7 +17,7 @@ int tvlthrd(const model::NX& n)
     wanted = n.host != nullptr ? n.host->cores() : 1;
     if (n.host != nullptr && n.command_threads == 0) n.host->log().xpmlog(503, 656, {{"count", wanted}});
   }
-  return wanted < 1 ? 1 : wanted;
+  return std::clamp(wanted, 1, most_workers);
 }
 
 int tvltinit(model::NX& n)

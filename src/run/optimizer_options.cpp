@@ -175,6 +175,8 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.usgrd = str.fidi == 0 ? integration::nlpgrad : nullptr;
   str.uster = solve::nlpterm;
   str.message = solve::optimizer_message;
+  str.check_row = solve::gradient_check_row;
+  n.covstr->dependency = solve::dependency_row;
   str.clock = [](MINSTR* s) { return static_cast<NX*>(s->comstr)->host->seconds(); };
   str.covstr = n.covstr.get();
   const int rc = optimizer::tvloptc(&str);

@@ -27,7 +27,7 @@ double newton_reduction(const NX& n)
 {
   const MINSTR& str = *n.str;
   const auto& hessian = n.covstr->hessian;
-  if (!hessian.present || hessian.form != 1) return host::missing;
+  if (!hessian.present) return host::missing;
   std::vector<int> free;
   for (int i = 0; i < n.nparm; ++i)
     if (str.iabc == nullptr || str.iabc[i] == 0) free.push_back(i);
@@ -58,6 +58,7 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
   const int load = str.load;
   for (int restart = 0;; ++restart) {
     n.optimizer_messages.clear();
+    n.dependencies.clear();
     const double start = str.crit;
     const int code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
     const bool unsure = code == optimizer::code_gconv || code == optimizer::code_no_progress ||

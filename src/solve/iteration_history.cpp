@@ -49,7 +49,7 @@ std::vector<TableColumn> history_columns(const NX& n, int layout)
     columns.push_back(integer("Active"));
     columns.push_back(flag("Flag2"));
   }
-  columns.push_back(number("NegLogLike", "BEST12"));
+  columns.push_back(number("NegLogLike", ""));
   columns.push_back(number("Diff"));
   if (n.itdetails) {
     for (const auto& p : n.parmstr) columns.push_back({p.parmname, CellKind::number, p.parmname, "D8.4", "Parameter"});
@@ -206,7 +206,7 @@ void optimizer_message(MINSTR* str, int group, int number, int severity, const d
   std::vector<std::string> shown;
   const bool names_criterion = group == 549 && number >= 607 && number <= 612; // its first value is a termination code
   for (int k = 0; k < count; ++k)
-    shown.push_back(k == 0 && names_criterion ? optimizer::criterion_name(static_cast<int>(values[k])) : host::shortest(values[k]));
+    shown.push_back(k == 0 && names_criterion ? optimizer::criterion_name(static_cast<int>(values[k])) : host::readable(values[k]));
   host::Message message;
   message.group = group;
   message.number = number;

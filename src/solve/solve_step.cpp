@@ -29,6 +29,7 @@ void start_problem(NX& n)
   n.znlprc = 0;
   n.iterations_before = 0;
   n.optimizer_messages.clear();
+  n.dependencies.clear();
   n.meat.clear();
   n.covmat.clear();
   n.hessmat.clear();
@@ -71,20 +72,11 @@ void snap_to_bounds(NX& n)
   }
 }
 
-std::vector<double> full_matrix(const optimizer::StoredMatrix& m, int order)
-{
-  if (!m.present) return {};
-  if (m.form != 2) return m.elements;
-  std::vector<double> packed(static_cast<std::size_t>(order) * static_cast<std::size_t>(order + 1) / 2, 0.0);
-  for (int i = 0; i < order; ++i) packed[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2] = m.elements[static_cast<std::size_t>(i)];
-  return packed;
-}
-
 void read_matrices(NX& n)
 {
   const COVSTR& cov = *n.covstr;
-  n.hessmat = full_matrix(cov.hessian, n.nparm);
-  n.covmat = full_matrix(cov.covariance, n.nparm);
+  if (cov.hessian.present) n.hessmat = cov.hessian.elements;
+  if (cov.covariance.present) n.covmat = cov.covariance.elements;
   const auto& record = cov.covariance.present ? cov.covariance : cov.hessian;
   std::copy(std::begin(record.det), std::end(record.det), std::begin(n.det));
 }
@@ -170,6 +162,7 @@ int tvlsolv(NX& n)
   if (str.fidi != 0 && str.usgrd != nullptr && n.znlprc > 0) str.usgrd(&str);
   n.finalgrad.assign(str.grad, str.grad + n.nparm);
   read_matrices(n);
+  write_dependencies(n);
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
   degrees_of_freedom(n);

@@ -19,6 +19,12 @@ int nlpterm(optimizer::MINSTR* str, int job);
 // 1000 + code closes it and writes "ConvergenceStatus".
 void tvliter(model::NX& n, int job);
 
+// Rows that the optimizer hands over: GRADCHECK's table, and the linear dependencies of a singular Hessian, which
+// write_dependencies turns into the table "LinearDependencies".
+void gradient_check_row(optimizer::MINSTR* str, const optimizer::GradientCheckRow& row);
+void dependency_row(optimizer::MINSTR* str, const optimizer::DependencyRow& row);
+void write_dependencies(model::NX& n);
+
 // The optimizer's messages, in the words of its library, go to the run's log.
 void optimizer_message(optimizer::MINSTR* str, int group, int number, int severity, const double* values, int count);
 

@@ -34,7 +34,7 @@ void StartingTables::open()
   write_dimensions(n_);
   std::vector<host::TableColumn> columns;
   for (const auto& p : n_.parmstr) columns.push_back({p.parmname, CellKind::number, p.parmname, "D8.4", "Parm"});
-  columns.push_back({"NegLogLike", CellKind::number, host::otbmsg(503, 101), "BEST12", ""});
+  columns.push_back({"NegLogLike", CellKind::number, host::otbmsg(503, 101), "", ""});
   table_ = &n_.host->tables().open(host::Table("Parameters", host::otbmsg(503, 99), std::move(columns)));
 }
 
