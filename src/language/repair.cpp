@@ -131,7 +131,7 @@ int Repair::tokens_that_follow(LrMachine parse, Cursor cursor, int enough)
   const int semicolon = scanner_.spellings().mark(";");
   for (int n = 0; n < enough; ++n) {
     const Token token = scanner_.next_copy(parse, cursor);
-    if (token.symbol == 0) return enough;           // a macro or the end: nothing speaks against it
+    if (token.symbol == 0) return enough;           // a macro: nothing speaks against it
     if (!parse.consume(token.symbol)) return n;
     if (token.symbol == semicolon || parse.accepted()) return enough;
   }

@@ -93,7 +93,11 @@ Token Scanner::next_copy(const LrMachine& parse, Cursor& cursor)
 {
   switch (stream_.seek_copy(cursor)) {
   case TokenStream::Next::macro: return {};
-  case TokenStream::Next::end: return {};
+  case TokenStream::Next::end: {
+    Token token;
+    token.symbol = ENDJB;
+    return token;
+  }
   case TokenStream::Next::token: break;
   }
   return scan(parse, cursor, false);

@@ -36,7 +36,7 @@ public:
 
   // The next token of the stream for this parse. Reports lexical problems.
   Token next(const LrMachine& parse);
-  // The same from a copy of the cursor, without effects or messages; symbol 0 when it cannot be told (a macro, or the end).
+  // The same from a copy of the cursor, without effects or messages; symbol 0 when it cannot be told (a macro).
   Token next_copy(const LrMachine& parse, Cursor& cursor);
 
   const Spellings& spellings() const { return spellings_; }
