@@ -100,7 +100,7 @@ int BoundData::compute(const Program& program) const
   const bool in_order = !program.data_kept.empty();
   Lanes lanes;
   for (std::int64_t row = 0; row < view_.rows; row += lanes.count) {
-    lanes.count = in_order ? 1 : static_cast<int>(std::min<std::int64_t>(strip_lanes, view_.rows - row));
+    lanes.count = in_order ? 1 : static_cast<int>(std::min<std::int64_t>(runner.strip(), view_.rows - row));
     for (int i = 0; i < lanes.count; ++i) {
       lanes.row[i] = static_cast<std::int32_t>(row) + i;
       lanes.point[i] = lanes.slot[i] = 0;

@@ -179,6 +179,7 @@ struct Tile {
   const std::int32_t* observation = nullptr; // per lane: row of the bound data
   const std::int32_t* point = nullptr;    // per lane: index into the random-effect values of the run
   const std::int32_t* state = nullptr;    // per lane: slot of the kept values, of sequential programs; else null
+  int repeat = 1;                         // lanes come in groups of this many with one observation (a promise that saves fetching)
 };
 
 // Fault: one program fault, found when a tile is run again by the slow path.

@@ -112,7 +112,7 @@ int Frame::State::prepare_range(FrameProgram& f)
   results.stride = f.range_stride;
   Lanes lanes;
   for (std::int64_t i = 0; i < count; i += lanes.count) {
-    lanes.count = static_cast<int>(std::min<std::int64_t>(strip_lanes, count - i));
+    lanes.count = static_cast<int>(std::min<std::int64_t>(f.runner(Stage::observation).strip(), count - i));
     for (int j = 0; j < lanes.count; ++j) {
       lanes.row[j] = static_cast<std::int32_t>(first + i) + j;
       lanes.point[j] = lanes.slot[j] = 0;
@@ -137,7 +137,7 @@ int Frame::State::prepare_points(FrameProgram& f)
   results.stride = f.point_stride;
   Lanes lanes;
   for (int i = 0; i < points; i += lanes.count) {
-    lanes.count = std::min(strip_lanes, points - i);
+    lanes.count = std::min(f.runner(Stage::point).strip(), points - i);
     for (int j = 0; j < lanes.count; ++j) {
       lanes.point[j] = i + j;
       lanes.row[j] = lanes.slot[j] = 0;
@@ -155,6 +155,7 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   s.theta = theta.data();
   s.ran = ran;
   s.stride = ran_stride;
+  s.points_version = points_version + parameters_version;
   s.columns = f.columns.data();
   s.observation = f.observation.data();
   s.observation_stride = f.range_stride;
@@ -239,8 +240,11 @@ int Frame::run(const Program& program, const Tile& tile)
   results.canonical = kernels()[Kernel::canonical];
   Lanes lanes;
   LaneRunner& runner = f.runner(Stage::lane);
+  // Strips of whole groups, unless a group fills a strip of its own.
+  if (tile.repeat <= runner.strip() / 2) lanes.repeat = tile.repeat;
+  const int most = runner.strip() / lanes.repeat * lanes.repeat;
   for (int i = 0; i < tile.lanes; i += lanes.count) {
-    lanes.count = std::min(strip_lanes, tile.lanes - i);
+    lanes.count = std::min(most, tile.lanes - i);
     std::copy_n(tile.observation + i, lanes.count, lanes.row);
     if (tile.point != nullptr) std::copy_n(tile.point + i, lanes.count, lanes.point);
     else std::fill_n(lanes.point, lanes.count, 0);

@@ -13,21 +13,38 @@ constexpr int most_passes = 100000; // of a loop: a program that makes more is t
 // How indices run along a strip decides how values are fetched: one value for all, a copy, or one by one.
 Lanes::Run run_of(const std::int32_t* index, int n)
 {
-  bool same = true, ascending = true;
-  for (int i = 1; i < n; ++i) {
-    same = same && index[i] == index[0];
-    ascending = ascending && index[i] == index[0] + i;
-  }
-  return same ? Lanes::Run::same : ascending ? Lanes::Run::ascending : Lanes::Run::mixed;
+  const std::int32_t step = n > 1 ? index[1] - index[0] : 0;
+  if (step < 0 || step > 1 || index[n - 1] - index[0] != step * (n - 1)) return Lanes::Run::mixed;
+  std::int32_t difference = 0;
+  for (int i = 1; i < n; ++i) difference |= index[i] - index[i - 1] - step;
+  return difference != 0 ? Lanes::Run::mixed : step == 0 ? Lanes::Run::same : Lanes::Run::ascending;
 }
 
-void fetch(double* out, const double* from, const std::int32_t* index, Lanes::Run run, const Lanes& lanes)
+// One value for each group of `repeat` lanes. A group may write beyond its end, never beyond the padding: the next one
+// overwrites it.
+void spread(double* out, const double* from, const std::int32_t* index, int repeat, const Lanes& lanes)
+{
+  constexpr int block = 4;
+  int i = 0;
+  for (; i + repeat + block <= lanes.padded && i < lanes.count; i += repeat) {
+    const double value = from[index[i]];
+    for (int k = 0; k < repeat; k += block)
+      for (int j = 0; j < block; ++j) out[i + k + j] = value;
+  }
+  for (; i < lanes.padded; ++i) out[i] = from[index[i]];
+  for (i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
+}
+
+// repeat: the indices come in groups of this many equal ones.
+void fetch(double* out, const double* from, const std::int32_t* index, Lanes::Run run, const Lanes& lanes, int repeat = 1)
 {
   if (run == Lanes::Run::same) {
     std::fill_n(out, lanes.padded, from[index[0]]);
   } else if (run == Lanes::Run::ascending) {
     std::memcpy(out, from + index[0], static_cast<std::size_t>(lanes.count) * sizeof(double));
     for (int i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
+  } else if (repeat > 2) {
+    spread(out, from, index, repeat, lanes);
   } else {
     for (int i = 0; i < lanes.padded; ++i) out[i] = from[index[i]];
   }
@@ -61,7 +78,14 @@ void Lanes::finish()
 void LaneRunner::prepare()
 {
   table_ = &kernels();
-  registers_.reserve(static_cast<std::size_t>(std::max(code_.registers, 1)) * strip_lanes);
+  chain_ = chain_kernel(table_->isa);
+  held_count_ = 0;
+  constexpr int cached_doubles = 5120; // 40 of the 48 kilobytes that first-level caches have today
+  constexpr int narrowest = 32;
+  const int registers = std::max(code_.registers, 1);
+  strip_ = std::clamp(cached_doubles / registers / narrowest * narrowest, narrowest, strip_lanes);
+  registers_.reserve(static_cast<std::size_t>(registers * strip_));
+  links_.assign(code_.links.size(), {});
   operations_.assign(code_.steps.size(), {});
   for (std::size_t k = 0; k < code_.steps.size(); ++k) {
     const Step& s = code_.steps[k];
@@ -69,13 +93,26 @@ void LaneRunner::prepare()
     if (s.kind == Step::Kind::kernel) op.fn = (*table_)[s.kernel];
     if (s.out >= 0) op.out = reg(s.out);
     for (int j = 0; j < s.operands; ++j) op.in[j] = reg(s.in[static_cast<std::size_t>(j)]);
+    if (s.kind != Step::Kind::chain) continue;
+    for (int l = s.index; l < s.index + s.links; ++l) {
+      const Link& link = code_.links[static_cast<std::size_t>(l)];
+      links_[static_cast<std::size_t>(l)] = {link.op, link.x >= 0 ? reg(link.x) : op.in[0], link.y >= 0 ? reg(link.y) : op.in[0]};
+    }
+    op.links = links_.data() + s.index;
+    op.count = s.links;
   }
 }
 
 void LaneRunner::fill_fixed(const double* parameter_results)
 {
   if (!prepared()) prepare();
-  for (const Fixed& f : code_.fixed) std::fill_n(reg(f.reg), strip_lanes, f.constant ? f.value : parameter_results[f.index]);
+  for (const Fixed& f : code_.fixed) std::fill_n(reg(f.reg), strip_, f.constant ? f.value : parameter_results[f.index]);
+}
+
+bool LaneRunner::holds_points_of(const Lanes& lanes, const Sources& sources) const
+{
+  return lanes.padded <= held_count_ && held_version_ == sources.points_version &&
+         std::memcmp(held_, lanes.point, static_cast<std::size_t>(lanes.padded) * sizeof(std::int32_t)) == 0;
 }
 
 void LaneRunner::load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const
@@ -84,9 +121,10 @@ void LaneRunner::load(const Input& input, double* out, const Lanes& lanes, const
   switch (input.from) {
   case From::parameter_value: std::fill_n(out, lanes.padded, sources.theta[input.index]); return;
   case From::random_effect: return fetch(out, sources.ran + input.index * sources.stride, lanes.point, lanes.points, lanes);
-  case From::column: return fetch(out, sources.columns[input.index], lanes.row, lanes.rows, lanes);
+  case From::column: return fetch(out, sources.columns[input.index], lanes.row, lanes.rows, lanes, lanes.repeat);
   case From::observation:
-    return fetch(out, sources.observation + input.index * sources.observation_stride - sources.first, lanes.row, lanes.rows, lanes);
+    return fetch(out, sources.observation + input.index * sources.observation_stride - sources.first, lanes.row, lanes.rows, lanes,
+                 lanes.repeat);
   case From::point: return fetch(out, sources.point + input.index * sources.point_stride, lanes.point, lanes.points, lanes);
   case From::state: return fetch(out, sources.state + input.index * sources.state_stride, lanes.slot, Lanes::Run::mixed, lanes);
   case From::row_number:
@@ -127,15 +165,25 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
   const int n = lanes.padded;
   const std::size_t steps = operations_.size();
   int passes = 0;
+  const bool same_points = holds_points_of(lanes, sources);
+  if (!same_points) held_count_ = 0;
   for (std::size_t k = 0; k < steps; ++k) {
     const Operation& op = operations_[k];
     if (op.fn != nullptr) {
       op.fn(op.out, op.in, n);
       continue;
     }
+    if (op.links != nullptr) {
+      chain_(op.out, op.in[0], op.links, op.count, n);
+      continue;
+    }
     const Step& s = code_.steps[k];
     switch (s.kind) {
-    case Step::Kind::load: load(code_.inputs[static_cast<std::size_t>(s.index)], op.out, lanes, sources); break;
+    case Step::Kind::load: {
+      const Input& input = code_.inputs[static_cast<std::size_t>(s.index)];
+      if (!(same_points && input.by_point())) load(input, op.out, lanes, sources);
+      break;
+    }
     case Step::Kind::text: answer(s, op, lanes, texts); break;
     case Step::Kind::keep: results.keep(s.index, op.in[0], lanes); break;
     case Step::Kind::loop_begin:
@@ -145,8 +193,13 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       if (++passes > most_passes) return 1;
       k = static_cast<std::size_t>(s.index) - 1;
       break;
-    case Step::Kind::kernel: break;
+    case Step::Kind::kernel: case Step::Kind::chain: break;
     }
+  }
+  if (!same_points) {
+    std::copy_n(lanes.point, n, held_);
+    held_count_ = n;
+    held_version_ = sources.points_version;
   }
   return 0;
 }

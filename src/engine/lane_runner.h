@@ -1,8 +1,8 @@
 #pragma once
 // LaneRunner: runs one stage of a program over strips of lanes.
 //
-// A strip is short enough for the registers of a usual program to stay in the first-level cache, and long enough for
-// the cost of reading a step to be small beside its work. Lanes beyond the last are copies of it, so what a lane
+// A strip is short enough for the registers of the program to stay in the first-level cache, and long enough for the cost
+// of reading a step to be small beside its work. Lanes beyond the last are copies of it, so what a lane
 // computes never depends on where it stands.
 
 #include "engine/program.h"
@@ -12,7 +12,7 @@
 
 namespace torvale::engine {
 
-inline constexpr int strip_lanes = 64;
+inline constexpr int strip_lanes = 128; // most lanes of a strip
 
 // Memory aligned for the widest vectors. Grows only.
 class LaneArray {
@@ -32,6 +32,7 @@ private:
 struct Lanes {
   int count = 0;                       // real lanes, 1..strip_lanes
   int padded = 0;
+  int repeat = 1;                      // rows come in groups of this many equal ones
   std::int32_t row[strip_lanes];
   std::int32_t point[strip_lanes];
   std::int32_t slot[strip_lanes];
@@ -44,6 +45,7 @@ struct Lanes {
 struct Sources {
   const double* theta = nullptr;
   const double* ran = nullptr;         // random effect e at point p: ran[e * stride + p]
+  std::uint64_t points_version = 0;    // changes with whatever depends on the points
   std::int64_t stride = 0;
   const double* const* columns = nullptr;      // by Program::columns, per record
   const double* observation = nullptr;         // result r of record i: observation[r * observation_stride + i - first]
@@ -82,23 +84,34 @@ public:
   // Runs one strip. Returns 0, or 1 when a loop did not end within the limit of passes.
   int run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
   bool prepared() const { return table_ == &kernels(); }
+  int strip() const { return strip_; } // lanes of a full strip, once fill_fixed has been called
 
 private:
-  struct Operation {      // one step with the addresses of its registers
-    KernelFn fn = nullptr; // null: a step of another kind, number `step`
+  struct Operation {         // one step with the addresses of its registers
+    KernelFn fn = nullptr;    // null: a step of another kind
     double* out = nullptr;
     const double* in[6] = {};
+    const ChainLink* links = nullptr; // of a chain
+    int count = 0;
   };
   void prepare();
   void load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;
   void answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const;
-  double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r) * strip_lanes; }
+  double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r * strip_); }
+  bool holds_points_of(const Lanes& lanes, const Sources& sources) const;
 
   const CMPGLOBAL& gcmp_;
   const StageCode& code_;
   const KernelTable* table_ = nullptr;  // the build that the operations were prepared for
   LaneArray registers_;
   std::vector<Operation> operations_;
+  std::vector<ChainLink> links_;
+  ChainFn chain_ = nullptr;
+  int strip_ = 0;
+  // The points that the registers of point inputs hold.
+  std::int32_t held_[strip_lanes] = {};
+  int held_count_ = 0;                  // 0: none
+  std::uint64_t held_version_ = 0;
 };
 
 } // namespace torvale::engine

@@ -84,6 +84,12 @@ private:
   std::string out_;
 };
 
+// Operations of chains in the order of ChainOp.
+constexpr const char* chain_names[] = {
+    "+", "-", "from", "*", "/", "into", "/", "+ product", "- product", "from product", "times, plus", "times, minus", "times, from",
+    "negate", "square", "cube", "reciprocal", "absolute", "<", ">", "<=", ">=", "<", ">", "<=", ">=", "and", "or", "not", "and not",
+    "not, and", "is missing", "if", "unless", "choose", "if, else 0", "then, else 0"};
+
 std::string what(const CMPSYM& s)
 {
   if (s.parameter >= 0) return "parameter";
@@ -133,6 +139,15 @@ void append_stage(std::string& out, const CMPGLOBAL& gcmp, const Program& progra
     case Step::Kind::loop_begin: line += std::string("while any ") + reg(s.in[0]); break;
     case Step::Kind::loop_end: line += "end of pass"; break;
     case Step::Kind::text: line += reg(s.out) + " = text test " + std::to_string(s.index); break;
+    case Step::Kind::chain:
+      line += reg(s.out) + " = " + reg(s.in[0]);
+      for (int k = s.index; k < s.index + s.links; ++k) {
+        const Link& link = code.links[static_cast<std::size_t>(k)];
+        line += std::string("; ") + chain_names[static_cast<std::size_t>(link.op)];
+        if (link.x >= 0) line += " " + reg(link.x);
+        if (link.y >= 0) line += " " + reg(link.y);
+      }
+      break;
     case Step::Kind::kernel:
       line += reg(s.out) + " = " + std::string(kernel_info(s.kernel).name) + "(";
       for (int k = 0; k < s.operands; ++k) line += std::string(k > 0 ? ", " : "") + reg(s.in[static_cast<std::size_t>(k)]);

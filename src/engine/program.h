@@ -5,6 +5,7 @@
 // BY group, `observation` over the records of a range, `point` over the points, `lane` over the lanes of a tile. What a
 // later stage needs of an earlier one is an array of that stage's results, read by the lane's record or point.
 
+#include "engine/chains/chain_kernels.h"
 #include "engine/compiler.h"
 
 #include <array>
@@ -16,6 +17,7 @@ namespace torvale::engine {
 struct Step {
   enum class Kind : std::uint8_t {
     kernel,     // out = kernel(in...)
+    chain,      // out = in[0] handed through links `index` .. `index` + `links` - 1
     load,       // out = input `index` of the stage, for the lanes of the strip
     text,       // out = answer of text test `index`, one lane at a time; in: its numbers
     keep,       // result `index` of the stage = in[0]
@@ -27,7 +29,14 @@ struct Step {
   std::int32_t out = -1;      // register
   std::array<std::int32_t, 6> in{};
   std::int32_t index = 0;
+  std::int32_t links = 0;
   NodeId node = no_node;      // for listings and messages
+};
+
+// One link of a chain; x and y are registers, -1 when the operation has no such operand.
+struct Link {
+  ChainOp op = ChainOp::add;
+  std::int32_t x = -1, y = -1;
 };
 
 // Where a load takes its values.
@@ -43,6 +52,7 @@ struct Input {
     missing,         // an input that has no value
   } from = From::column;
   std::int32_t index = 0;
+  bool by_point() const { return from == From::point || from == From::random_effect; }
 };
 
 // A register that holds one number in all lanes and is filled only when that number changes.
@@ -55,11 +65,12 @@ struct Fixed {
 
 struct StageCode {
   std::vector<Step> steps;
+  std::vector<Link> links;
   std::vector<Input> inputs;
   std::vector<Fixed> fixed;
   std::vector<NodeId> results;   // nodes that later stages (or the caller) read, by index of `keep`
   int registers = 0;             // fixed ones first
-  int operations = 0;            // kernel and text steps
+  int operations = 0;            // kernels, links of chains and text tests
   bool empty() const { return results.empty(); }
 };
 

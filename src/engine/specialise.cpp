@@ -1,6 +1,7 @@
 // cmpspec: a program for a set of outputs. Stages first: the lane stage asks for what it needs of the others, these ask
 // in turn. Each stage is then put in order, loops as closed groups, and its registers are shared out.
 
+#include "engine/form_chains.h"
 #include "engine/loop_nesting.h"
 #include "engine/program.h"
 
@@ -67,6 +68,7 @@ public:
     for (std::size_t k = 0; k < code_.results.size(); ++k) keeps_[code_.results[k]].push_back(static_cast<std::int32_t>(k));
     region(0, code_.results);
     finish_keeps();
+    form_chains(code_);
     allocate();
   }
 
@@ -377,6 +379,21 @@ private:
     return it == alias_.end() ? id : it->second;
   }
 
+  // All register fields that a step reads.
+  template <class F> void for_operands(Step& s, F f)
+  {
+    for (int j = 0; j < s.operands; ++j) f(s.in[static_cast<std::size_t>(j)]);
+    for (int l = s.index; s.kind == Step::Kind::chain && l < s.index + s.links; ++l) {
+      Link& link = code_.links[static_cast<std::size_t>(l)];
+      if (link.x != -1) f(link.x);
+      if (link.y != -1) f(link.y);
+    }
+  }
+  static bool writes(const Step& s)
+  {
+    return s.kind != Step::Kind::keep && s.kind != Step::Kind::loop_begin && s.kind != Step::Kind::loop_end;
+  }
+
   void allocate()
   {
     const int steps = static_cast<int>(code_.steps.size());
@@ -386,38 +403,40 @@ private:
       reg[f.reg] = count;
       f.reg = count++;
     }
-    // Loops as intervals of steps, outermost first.
+    // What depends on the point alone keeps its register too: as long as the lanes stand for the same points, it is not
+    // fetched again.
+    for (const Step& s : code_.steps)
+      if (s.kind == Step::Kind::load && code_.inputs[static_cast<std::size_t>(s.index)].by_point()) reg[s.out] = count++;
+    // Loops as intervals of steps.
     std::vector<std::pair<int, int>> loops;
     for (int k = 0; k < steps; ++k)
       if (code_.steps[static_cast<std::size_t>(k)].kind == Step::Kind::loop_begin)
         loops.emplace_back(k, code_.steps[static_cast<std::size_t>(k)].index - 1);
+    const auto lives_until = [&](NodeId id, int k) {
+      int until = k;
+      for (const auto& [begin, end] : loops)
+        if (begin <= k && k <= end && first.count(id) > 0 && first[id] < begin) until = std::max(until, end);
+      const auto known = last.emplace(id, until);
+      known.first->second = std::max(known.first->second, until);
+    };
     for (int k = 0; k < steps; ++k) {
       Step& s = code_.steps[static_cast<std::size_t>(k)];
-      for (int j = 0; j < s.operands; ++j) {
-        std::int32_t& in = s.in[static_cast<std::size_t>(j)];
+      for_operands(s, [&](std::int32_t& in) {
         in = real(in);
-        int until = k;
-        for (const auto& [begin, end] : loops)
-          if (begin <= k && k <= end && first.count(in) > 0 && first[in] < begin) until = std::max(until, end);
-        last[in] = std::max(last.count(in) > 0 ? last[in] : -1, until);
-      }
-      if (s.kind != Step::Kind::keep && s.kind != Step::Kind::loop_begin && s.kind != Step::Kind::loop_end && first.count(s.out) == 0) {
-        first[s.out] = k;
-        last[s.out] = std::max(last.count(s.out) > 0 ? last[s.out] : -1, k);
-      }
-      // A carry is written at the end of a pass and read by the next one.
-      if (s.kind == Step::Kind::kernel && first[s.out] < k)
-        for (const auto& [begin, end] : loops)
-          if (begin <= k && k <= end && first[s.out] < begin) last[s.out] = std::max(last[s.out], end);
+        lives_until(in, k);
+      });
+      if (!writes(s)) continue;
+      first.emplace(s.out, k);
+      lives_until(s.out, k); // a carry is written at the end of a pass and read by the next one
     }
     std::vector<int> free;
     std::multimap<int, NodeId> ending;
     for (int k = 0; k < steps; ++k) {
       Step& s = code_.steps[static_cast<std::size_t>(k)];
-      for (int j = 0; j < s.operands; ++j) s.in[static_cast<std::size_t>(j)] = reg.at(s.in[static_cast<std::size_t>(j)]);
-      // Operands that end here give their registers to the result: kernels may write over what they read.
+      for_operands(s, [&](std::int32_t& in) { in = reg.at(in); });
+      // Operands that end here give their registers to the result: steps may write over what they read.
       for (auto it = ending.begin(); it != ending.end() && it->first <= k; it = ending.erase(it)) free.push_back(reg.at(it->second));
-      if (s.kind == Step::Kind::keep || s.kind == Step::Kind::loop_begin || s.kind == Step::Kind::loop_end) continue;
+      if (!writes(s)) continue;
       const NodeId id = s.out;
       if (reg.count(id) == 0) {
         if (free.empty()) {
