@@ -9,7 +9,8 @@ namespace torvale::language {
 
 namespace {
 
-constexpr int most_errors = 100; // of one step, then the rest of the program is given up
+constexpr int most_errors = 100;       // of one step, then the rest of the program is given up
+constexpr int most_total_errors = 1000; // of all steps
 
 // Words that begin procedure statements: one of them as a name at a line's start points to a forgotten semicolon.
 bool begins_procedure_statement(std::string_view upper)
@@ -266,8 +267,8 @@ void Parser::Implementation::drop_statement()
 bool Parser::Implementation::too_many()
 {
   if (stopped) return true;
-  if (diagnostics->errors() <= most_errors) return false;
-  diagnostics->error(Problem::too_many_errors, stream.position(stream.cursor().back()), "There are more than 100 errors: the rest of the program is not read.");
+  if (diagnostics->errors() <= most_errors && earlier_errors + diagnostics->errors() <= most_total_errors) return false;
+  diagnostics->error(Problem::too_many_errors, stream.position(stream.cursor().back()), "There are too many errors: the rest of the program is not read.");
   stopped = true;
   stream.cursor().resize(1);
   stream.cursor().back().at = request.sources->source(request.program).text.size();

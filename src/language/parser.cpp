@@ -50,6 +50,7 @@ ParseResult Parser::Implementation::parse_step()
     result.proc.current = nullptr;
   }
   diagnostics = nullptr;
+  earlier_errors += found.errors();
   if (found.errors() > 0) result.proc.error = true;
   result.diagnostics = std::move(found.list());
   return result;

@@ -22,6 +22,7 @@ struct Parser::Implementation {
   Builder builder;
   Repair repair;
   int semicolon = 0;                    // its symbol
+  int earlier_errors = 0;               // of the steps before
   bool stopped = false;                 // too many errors: nothing more is read
 
   // The step in work.

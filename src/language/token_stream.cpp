@@ -7,7 +7,8 @@
 namespace torvale::language {
 
 namespace {
-constexpr std::size_t deepest_nesting = 64; // texts inside texts
+constexpr std::size_t deepest_nesting = 64;         // texts inside texts
+constexpr std::size_t least_include_charge = 8192;  // characters of the budget
 }
 
 bool TokenStream::push(std::int32_t source, syntax::Position where)
@@ -182,11 +183,13 @@ void TokenStream::include(const std::string& path, syntax::Position where)
     diagnostics_->error(Problem::include_fault, where, "The file '" + path + "' cannot be read.");
     return;
   }
-  if (contents->size() > budget_) {
+  // Every file counts as a large one, so that a file that includes itself by way of a mistake ends soon.
+  const std::size_t charge = std::max<std::size_t>(contents->size(), least_include_charge);
+  if (charge > budget_) {
     diagnostics_->error(Problem::include_fault, where, "The included files make more text than a program may hold.");
     return;
   }
-  budget_ -= contents->size();
+  budget_ -= charge;
   push(sources_.add(path, *contents, false, where), where);
 }
 
