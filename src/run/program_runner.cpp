@@ -189,7 +189,11 @@ private:
     n.data_name = data_->name;
     n.command_threads = request_.threads;
     n.seed = request_.seed;
-    if (!request_.check_only) return hsttorvl(n);
+    if (!request_.check_only) {
+      const StepOutcome outcome = hsttorvl(n);
+      if (request_.observe) request_.observe(n);
+      return outcome;
+    }
     try {
       tvlinit(n);
       return {n.tvlrc, exit_clean};

@@ -2,7 +2,9 @@
 // Runs a whole program: its steps one after the other.
 
 #include "host/host.h"
+#include "model/run_record.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,7 @@ struct ProgramRequest {
   int threads = 0;          // workers when the program does not say
   long seed = 0;            // seed when the program does not say; 0 the clock
   bool check_only = false;  // parse and compile only
+  std::function<void(const model::NX&)> observe; // called with the record of each step that ran, before it is gone
 };
 
 struct ProgramResult {

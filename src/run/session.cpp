@@ -38,7 +38,7 @@ RunOutcome Session::run(std::string program)
 {
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
-  auto result = run::run_program(*state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only});
+  auto result = run::run_program(*state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();
