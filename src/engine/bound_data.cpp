@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <numeric>
 
 namespace torvale::engine {
 
@@ -101,10 +102,10 @@ int BoundData::compute(const Program& program) const
   Lanes lanes;
   for (std::int64_t row = 0; row < view_.rows; row += lanes.count) {
     lanes.count = in_order ? 1 : static_cast<int>(std::min<std::int64_t>(runner.strip(), view_.rows - row));
-    for (int i = 0; i < lanes.count; ++i) {
-      lanes.row[i] = static_cast<std::int32_t>(row) + i;
-      lanes.point[i] = lanes.slot[i] = 0;
-    }
+    std::iota(lanes.own[0], lanes.own[0] + lanes.count, static_cast<std::int32_t>(row));
+    std::fill_n(lanes.own[1], lanes.count, 0);
+    lanes.row = lanes.own[0];
+    lanes.point = lanes.slot = lanes.own[1];
     lanes.finish();
     if (in_order && subject_start(row) == row)
       for (std::size_t k = 0; k < state.size(); ++k) state[k] = gcmp_.graph.value(gcmp_.graph.carry_at(program.data_kept[k]).initial);

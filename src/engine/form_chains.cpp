@@ -71,7 +71,7 @@ void form_chains(StageCode& code)
     for (int j = 0; j < s.operands; ++j) ++uses[s.in[static_cast<std::size_t>(j)]];
     if (s.kind == Step::Kind::kernel) made_by[s.out] = static_cast<int>(k);
   }
-  // chain[k]: the links so far of the chain that ends in step k, and the value it starts from.
+  // The links so far of the chain that ends in a step, and the value it starts from. Outputs are chains already.
   struct Chain {
     std::int32_t start = -1;
     std::vector<Link> links;
@@ -80,7 +80,12 @@ void form_chains(StageCode& code)
   std::vector<bool> swallowed(code.steps.size());
   for (std::size_t k = 0; k < code.steps.size(); ++k) {
     const Step& s = code.steps[k];
-    if (s.kind != Step::Kind::kernel) continue;
+    if (s.kind != Step::Kind::kernel && s.kind != Step::Kind::chain) continue;
+    const auto link_by = [&](int handed, Link& link) {
+      if (s.kind == Step::Kind::kernel) return link_of(s.kernel, s.in, handed, link);
+      link = code.links[static_cast<std::size_t>(s.index)];
+      return true;
+    };
     int best = -1;         // operand to hand on: the one with the longest chain behind it
     std::size_t length = 0;
     Link link;
@@ -89,7 +94,7 @@ void form_chains(StageCode& code)
       const auto maker = made_by.find(in);
       if (maker == made_by.end() || uses[in] != 1) continue;
       const std::size_t behind = chain[static_cast<std::size_t>(maker->second)].links.size();
-      if (behind == 0 || behind >= longest_chain || behind <= length || !link_of(s.kernel, s.in, j, link)) continue;
+      if (behind == 0 || behind >= longest_chain || behind <= length || !link_by(j, link)) continue;
       best = j;
       length = behind;
     }
@@ -102,24 +107,26 @@ void form_chains(StageCode& code)
       best = 0;
       own.start = s.in[0];
     }
-    if (link_of(s.kernel, s.in, best, link)) own.links.push_back(link);
+    if (link_by(best, link)) own.links.push_back(link);
     else own = {};
   }
   std::vector<Step> steps;
+  std::vector<Link> links;
   for (std::size_t k = 0; k < code.steps.size(); ++k) {
     if (swallowed[k]) continue;
     Step s = code.steps[k];
-    if (chain[k].links.size() >= 2) {
+    if (chain[k].links.size() >= 2 || s.kind == Step::Kind::chain) {
       s.kind = Step::Kind::chain;
       s.operands = 1;
       s.in[0] = chain[k].start;
-      s.index = static_cast<std::int32_t>(code.links.size());
+      s.index = static_cast<std::int32_t>(links.size());
       s.links = static_cast<std::int32_t>(chain[k].links.size());
-      code.links.insert(code.links.end(), chain[k].links.begin(), chain[k].links.end());
+      links.insert(links.end(), chain[k].links.begin(), chain[k].links.end());
     }
     steps.push_back(s);
   }
   code.steps = std::move(steps);
+  code.links = std::move(links);
 }
 
 } // namespace torvale::engine

@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 
 namespace torvale::engine {
 
 namespace {
+
+constexpr std::int32_t zeros[strip_lanes] = {};
 
 // Results of a stage that go to one array per result, at the place of the lane's record or point.
 struct ArrayResults final : Results {
@@ -21,22 +24,15 @@ struct ArrayResults final : Results {
   }
 };
 
-// Results of the lane stage: outputs, guards of what ends the run, values for the next record.
+// Results of the lane stage beside the outputs: guards of what ends the run, values for the next record.
 struct TileResults final : Results {
   const CMPGLOBAL* gcmp = nullptr;
   const Program* program = nullptr;
-  double* outputs = nullptr;      // output k: max_lanes doubles from k * max_lanes
   double* state = nullptr;
   std::int64_t state_stride = 0;
-  int at = 0;                     // first lane of the strip in the tile
   int code = 0;
-  KernelFn canonical = nullptr;
   void keep(std::int32_t result, const double* values, const Lanes& lanes) override
   {
-    if (result < program->outputs) {
-      canonical(outputs + static_cast<std::int64_t>(result) * max_lanes + at, &values, lanes.padded);
-      return;
-    }
     const std::size_t trap = static_cast<std::size_t>(result - program->outputs);
     if (trap < program->traps.size()) {
       if (code == 0 && any_true(values, lanes.padded))
@@ -86,7 +82,7 @@ int Frame::State::prepare(FrameProgram& f)
     if (rebuilt) runner.fill_fixed(nullptr);
     Lanes lanes;
     lanes.count = 1;
-    lanes.row[0] = lanes.point[0] = lanes.slot[0] = 0;
+    lanes.row = lanes.point = lanes.slot = zeros;
     lanes.finish();
     Sources sources;
     sources.theta = theta.data();
@@ -113,10 +109,9 @@ int Frame::State::prepare_range(FrameProgram& f)
   Lanes lanes;
   for (std::int64_t i = 0; i < count; i += lanes.count) {
     lanes.count = static_cast<int>(std::min<std::int64_t>(f.runner(Stage::observation).strip(), count - i));
-    for (int j = 0; j < lanes.count; ++j) {
-      lanes.row[j] = static_cast<std::int32_t>(first + i) + j;
-      lanes.point[j] = lanes.slot[j] = 0;
-    }
+    std::iota(lanes.own[0], lanes.own[0] + lanes.count, static_cast<std::int32_t>(first + i));
+    lanes.row = lanes.own[0];
+    lanes.point = lanes.slot = zeros;
     lanes.finish();
     results.at = i;
     if (f.runner(Stage::observation).run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
@@ -138,10 +133,9 @@ int Frame::State::prepare_points(FrameProgram& f)
   Lanes lanes;
   for (int i = 0; i < points; i += lanes.count) {
     lanes.count = std::min(f.runner(Stage::point).strip(), points - i);
-    for (int j = 0; j < lanes.count; ++j) {
-      lanes.point[j] = i + j;
-      lanes.row[j] = lanes.slot[j] = 0;
-    }
+    std::iota(lanes.own[1], lanes.own[1] + lanes.count, i);
+    lanes.point = lanes.own[1];
+    lanes.row = lanes.slot = zeros;
     lanes.finish();
     results.at = i;
     if (f.runner(Stage::point).run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
@@ -230,28 +224,26 @@ int Frame::run(const Program& program, const Tile& tile)
   if (const int code = state.prepare_range(f); code != 0) return code;
   if (const int code = state.prepare_points(f); code != 0) return code;
   if (program.sequential() && f.state_slots == 0) reset_state(program, max_lanes);
-  const Sources sources = state.common_sources(f);
+  Sources sources = state.common_sources(f);
+  sources.output_stride = max_lanes;
   TileResults results;
   results.gcmp = &state.gcmp;
   results.program = &program;
-  results.outputs = f.outputs.data();
   results.state = f.state.data();
   results.state_stride = f.state_slots;
-  results.canonical = kernels()[Kernel::canonical];
   Lanes lanes;
   LaneRunner& runner = f.runner(Stage::lane);
-  // Strips of whole groups, unless a group fills a strip of its own.
-  if (tile.repeat <= runner.strip() / 2) lanes.repeat = tile.repeat;
-  const int most = runner.strip() / lanes.repeat * lanes.repeat;
+  // Strips of whole groups that begin where a vector does, unless they would be too long.
+  const int aligned_groups = std::lcm(tile.repeat, lane_padding);
+  if (aligned_groups <= runner.strip()) lanes.repeat = tile.repeat;
+  const int most = lanes.repeat > 1 ? runner.strip() / aligned_groups * aligned_groups : runner.strip();
   for (int i = 0; i < tile.lanes; i += lanes.count) {
     lanes.count = std::min(most, tile.lanes - i);
-    std::copy_n(tile.observation + i, lanes.count, lanes.row);
-    if (tile.point != nullptr) std::copy_n(tile.point + i, lanes.count, lanes.point);
-    else std::fill_n(lanes.point, lanes.count, 0);
-    if (tile.state != nullptr) std::copy_n(tile.state + i, lanes.count, lanes.slot);
-    else std::fill_n(lanes.slot, lanes.count, 0);
+    lanes.row = tile.observation + i;
+    lanes.point = tile.point != nullptr ? tile.point + i : zeros;
+    lanes.slot = tile.state != nullptr ? tile.state + i : zeros;
     lanes.finish();
-    results.at = i;
+    sources.output = f.outputs.data() + i;
     if (runner.run(lanes, sources, *state.data, results) != 0) return run_code::endless_loop;
   }
   return results.code;
@@ -259,7 +251,8 @@ int Frame::run(const Program& program, const Tile& tile)
 
 const double* Frame::output(int k) const
 {
-  return state_->last->outputs.data() + static_cast<std::ptrdiff_t>(k) * max_lanes;
+  const FrameProgram& f = *state_->last;
+  return f.outputs.data() + static_cast<std::ptrdiff_t>(f.program.output_place[static_cast<std::size_t>(k)]) * max_lanes;
 }
 
 const char* isa_name()

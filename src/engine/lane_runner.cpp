@@ -66,10 +66,14 @@ void LaneArray::reserve(std::size_t n)
 void Lanes::finish()
 {
   padded = (count + lane_padding - 1) / lane_padding * lane_padding;
-  for (int i = count; i < padded; ++i) {
-    row[i] = row[count - 1];
-    point[i] = point[count - 1];
-    slot[i] = slot[count - 1];
+  if (padded != count) {
+    const std::int32_t** const all[] = {&row, &point, &slot};
+    for (int k = 0; k < 3; ++k) {
+      const std::int32_t* const from = *all[k];
+      if (from != own[k]) std::copy_n(from, count, own[k]);
+      std::fill(own[k] + count, own[k] + padded, own[k][count - 1]);
+      *all[k] = own[k];
+    }
   }
   rows = run_of(row, count);
   points = run_of(point, count);
@@ -100,6 +104,7 @@ void LaneRunner::prepare()
     }
     op.links = links_.data() + s.index;
     op.count = s.links;
+    op.output = s.output;
   }
 }
 
@@ -174,7 +179,8 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       continue;
     }
     if (op.links != nullptr) {
-      chain_(op.out, op.in[0], op.links, op.count, n);
+      double* const out = op.output < 0 ? op.out : sources.output + op.output * sources.output_stride;
+      chain_(out, op.in[0], op.links, op.count, n);
       continue;
     }
     const Step& s = code_.steps[k];

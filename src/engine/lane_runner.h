@@ -33,9 +33,10 @@ struct Lanes {
   int count = 0;                       // real lanes, 1..strip_lanes
   int padded = 0;
   int repeat = 1;                      // rows come in groups of this many equal ones
-  std::int32_t row[strip_lanes];
-  std::int32_t point[strip_lanes];
-  std::int32_t slot[strip_lanes];
+  const std::int32_t* row = nullptr;   // padded entries each; borrowed, or in `own` when they had to be padded
+  const std::int32_t* point = nullptr;
+  const std::int32_t* slot = nullptr;
+  std::int32_t own[3][strip_lanes];
   enum class Run : std::uint8_t { same, ascending, mixed };
   Run rows = Run::same, points = Run::same;
   void finish();                       // pads, and finds how the indices run
@@ -55,6 +56,8 @@ struct Sources {
   std::int64_t point_stride = 0;
   const double* state = nullptr;               // value k of slot s: state[k * state_stride + s]
   std::int64_t state_stride = 0;
+  double* output = nullptr;                    // output k of the strip: output[k * output_stride ...]
+  std::int64_t output_stride = 0;
 };
 
 // Character columns of the bound data, for text tests.
@@ -93,6 +96,7 @@ private:
     const double* in[6] = {};
     const ChainLink* links = nullptr; // of a chain
     int count = 0;
+    int output = -1;          // of a chain that writes an output
   };
   void prepare();
   void load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;

@@ -88,7 +88,7 @@ private:
 constexpr const char* chain_names[] = {
     "+", "-", "from", "*", "/", "into", "/", "+ product", "- product", "from product", "times, plus", "times, minus", "times, from",
     "negate", "square", "cube", "reciprocal", "absolute", "<", ">", "<=", ">=", "<", ">", "<=", ">=", "and", "or", "not", "and not",
-    "not, and", "is missing", "if", "unless", "choose", "if, else 0", "then, else 0"};
+    "not, and", "is missing", "canonical", "if", "unless", "choose", "if, else 0", "then, else 0"};
 
 std::string what(const CMPSYM& s)
 {
@@ -140,7 +140,7 @@ void append_stage(std::string& out, const CMPGLOBAL& gcmp, const Program& progra
     case Step::Kind::loop_end: line += "end of pass"; break;
     case Step::Kind::text: line += reg(s.out) + " = text test " + std::to_string(s.index); break;
     case Step::Kind::chain:
-      line += reg(s.out) + " = " + reg(s.in[0]);
+      line += (s.output >= 0 ? std::string("output ") + std::to_string(s.output) : reg(s.out)) + " = " + reg(s.in[0]);
       for (int k = s.index; k < s.index + s.links; ++k) {
         const Link& link = code.links[static_cast<std::size_t>(k)];
         line += std::string("; ") + chain_names[static_cast<std::size_t>(link.op)];

@@ -30,6 +30,7 @@ struct Step {
   std::array<std::int32_t, 6> in{};
   std::int32_t index = 0;
   std::int32_t links = 0;
+  std::int32_t output = -1;   // of a chain that writes output number `output` instead of a register
   NodeId node = no_node;      // for listings and messages
 };
 
@@ -87,8 +88,9 @@ public:
   StageCode& code(Stage s) { return stage[static_cast<std::size_t>(s)]; }
 
   int number = 0;                        // place among the programs of the compiler
-  int outputs = 0;                       // results 0..outputs-1 of the lane stage
-  std::vector<bool> point_dependent;     // per output
+  int outputs = 0;                       // distinct outputs: results 0..outputs-1 of the lane stage
+  std::vector<std::int32_t> output_place; // per output asked for: which of the distinct ones it is
+  std::vector<bool> point_dependent;     // per output asked for
   std::vector<std::int32_t> traps;       // effects that end a run: results outputs.. of the lane stage are their guards
   std::vector<std::int32_t> kept;        // carries of records, by index of Input::state; results after the traps: next values
   std::vector<std::int32_t> data_kept;   // the same in the data stage: next values are its last results

@@ -36,7 +36,8 @@ public:
     if (e->kind == ExprKind::element || e->kind == ExprKind::whole_array)
       if (const auto it = gcmp_.arrays.find(e->name); it != gcmp_.arrays.end())
         for (const std::int32_t element : it->second.elements) gcmp_.at(element).used = true;
-    for (const Expr* const a : e->args) expression(a);
+    for (const Expr* const a : e->args)
+      if (!names_an_array(*e, *a)) expression(a);
   }
 
   void subprograms(Block statements)
@@ -50,6 +51,12 @@ public:
   }
 
 private:
+  // An array given to a function by its bare name, as in DIM(b), reads no variable of that name.
+  bool names_an_array(const Expr& parent, const Expr& argument) const
+  {
+    return parent.kind == ExprKind::call && argument.kind == ExprKind::variable && gcmp_.arrays.count(argument.name) != 0;
+  }
+
   void read(std::string_view name, Position where)
   {
     CMPSYM& s = gcmp_.named_symbol(name, where);

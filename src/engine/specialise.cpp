@@ -354,6 +354,13 @@ private:
     s.operands = 1;
     s.index = result;
     s.node = id;
+    if (stage_ == Stage::lane && result < all_.program_.outputs) { // every NaN comes out as the missing value
+      s.kind = Step::Kind::chain;
+      s.output = result;
+      s.links = 1;
+      s.index = static_cast<std::int32_t>(code_.links.size());
+      code_.links.push_back({ChainOp::canonical, -1, -1});
+    }
     code_.steps.push_back(s);
   }
 
@@ -391,7 +398,7 @@ private:
   }
   static bool writes(const Step& s)
   {
-    return s.kind != Step::Kind::keep && s.kind != Step::Kind::loop_begin && s.kind != Step::Kind::loop_end;
+    return s.kind != Step::Kind::keep && s.kind != Step::Kind::loop_begin && s.kind != Step::Kind::loop_end && s.output < 0;
   }
 
   void allocate()
@@ -505,14 +512,16 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
   auto owned = std::make_unique<Program>();
   Program& program = *owned;
   program.number = static_cast<int>(gcmp.programs.size());
-  program.outputs = static_cast<int>(outputs.size());
   std::vector<NodeId> nodes;
   for (const CMPSYM* const s : outputs) {
     const NodeId id = s == nullptr ? gcmp.graph.zero() : gcmp.node_of(*s);
-    nodes.push_back(id);
+    const auto place = std::find(nodes.begin(), nodes.end(), id);
+    program.output_place.push_back(static_cast<std::int32_t>(place - nodes.begin()));
+    if (place == nodes.end()) nodes.push_back(id);
     const std::uint8_t classes = gcmp.dependence.classes(id);
     program.point_dependent.push_back((classes & depends::on_random_effects) != 0);
   }
+  program.outputs = static_cast<int>(nodes.size());
   measure(gcmp.graph, nodes, program);
   for (std::size_t k = 0; k < gcmp.effects.size(); ++k) {
     const Effect& e = gcmp.effects[k];

@@ -35,6 +35,7 @@ enum class ChainOp : std::uint8_t {
   and_not,           // acc and not x
   not_and,           // x and not acc
   is_missing,
+  canonical,         // acc; the ordinary missing value in place of any other NaN
   choose,            // x ? acc : y
   choose_other,      // x ? y : acc
   choose_by,         // acc ? x : y

@@ -82,6 +82,7 @@ template <int V> inline void block(double* out, const double* start, const Chain
     case ChainOp::and_not: binary<lane::and_not, V>(acc, x); break;
     case ChainOp::not_and: binary<not_and, V>(acc, x); break;
     case ChainOp::is_missing: unary<lane::is_missing, V>(acc); break;
+    case ChainOp::canonical: unary<lane::canonical, V>(acc); break;
     case ChainOp::choose: ternary<choose, V>(acc, x, y); break;
     case ChainOp::choose_other: ternary<choose_other, V>(acc, x, y); break;
     case ChainOp::choose_by: ternary<choose_by, V>(acc, x, y); break;
