@@ -126,7 +126,7 @@ int provide_technique_arrays(MINSTR* str)
   // request's own storage.
   const bool matrix = str->tech != CONGRA && str->tech != NMSIMP && str->tech != NMSIM2 && str->tech != NONE;
   const bool hessian_technique = str->ider >= 4;
-  const bool needs_projection = matrix && (constrained || hessian_technique || str->load != 0 || str->hesc != 0);
+  const bool needs_projection = matrix && (constrained || hessian_technique || str->load != 0);
   const Need needs[] = {
       {&MINSTR::hess, matrix ? packed : 0},
       {&MINSTR::hpro, needs_projection ? packed : 0},

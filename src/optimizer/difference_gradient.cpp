@@ -160,7 +160,9 @@ int difference_gradient(MINSTR* str, Quotient quotient, double base, const doubl
   const int purpose = str->indf;
   const double crit = str->crit;
   str->indf = purpose_difference_gradient;
-  std::fill_n(str->grad, str->nvar, 0.0);
+  // Apart from grad, which the objective may write at every call.
+  double* const result = str->gtmp;
+  std::fill_n(result, str->nvar, 0.0);
   int rc = 0;
   for (long i = 0; i < str->nvar && rc == 0; ++i) {
     if (str->bounds != 0 && str->iabc[i] == 2) continue;
@@ -168,12 +170,13 @@ int difference_gradient(MINSTR* str, Quotient quotient, double base, const doubl
     if (!quotient(str, i, interval(*str, i, base, found), crit, g)) {
       rc = -2;
     } else if (!(std::abs(g) < 1.7976931348623156e+306)) {
-      str->grad[i] = largest;
+      result[i] = largest;
       rc = -3;
     } else {
-      str->grad[i] = g;
+      result[i] = g;
     }
   }
+  std::copy_n(result, str->nvar, str->grad);
   str->crit = crit;
   str->indf = purpose;
   return rc;

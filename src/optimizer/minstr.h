@@ -227,7 +227,8 @@ struct MINSTR {
   long toln[19] = {}; // [1..8] pass counts of criteria with codes 2 to 9, [11..18] their running counters
 
   // ---- Callbacks. Set by the caller; tvloptc fills those of the library that are null. --------------------------
-  ProblemCallback usfct = nullptr;       // objective at x: writes crit, counts nfct; may write grad too when ifdr is 2
+  ProblemCallback usfct = nullptr;       // objective at x: writes crit, counts nfct; may write grad too, and hess when
+                                         // the technique asks for Hessians
   ProblemCallback usgrd = nullptr;       // gradient at x: writes grad, counts ngrd; null: differences as fidi says
   ProblemCallback ushes = nullptr;       // Hessian at x: writes hess, counts nhes; null: differences
   ProblemCallback usfout = nullptr;      // called first by each termination test; may be null

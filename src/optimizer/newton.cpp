@@ -37,11 +37,12 @@ int NewtonModel::evaluate(bool first)
 void NewtonModel::project()
 {
   znlpgmx(str);
-  h = str->hess;
-  if (constrained(*str)) {
-    h = str->hpro;
+  // A copy, because the objective may write its own Hessian at every trial point.
+  h = str->hpro;
+  if (constrained(*str))
     znlpsym(*str, str->hess, h, str->wrk2);
-  }
+  else
+    std::copy_n(str->hess, packed_size(str->nvar), h);
   most = matrix::zvamx(h, packed_size(free_dimension(*str)));
 }
 

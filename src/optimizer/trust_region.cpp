@@ -64,11 +64,12 @@ private:
   {
     znlpgmx(str);
     const long m = free_dimension(*str);
-    model = str->hess;
-    if (constrained(*str) || str->hesc != 0) {
-      model = str->hpro;
+    // A copy, because the objective may write its own Hessian at every trial point.
+    model = str->hpro;
+    if (constrained(*str))
       znlpsym(*str, str->hess, model, scratch);
-    }
+    else
+      std::copy_n(str->hess, matrix::packed_size(m), model);
     for (long i = 0; i < m; ++i) {
       const double scale = free_scale(*str, i);
       g[i] = str->gpro[i] / scale;

@@ -246,6 +246,41 @@ TEST(OptimalityCheck, LeavesASaddleThatTheGradientCannotSee)
   }
 }
 
+// An objective that gets its derivatives in the same pass may leave them in the record at every call, trial points
+// included.
+TEST(Contract, ObjectiveMayWriteItsDerivativesAtEveryCall)
+{
+  static const auto rosenbrock = [](MINSTR* s) {
+    const double a = s->x[0], b = s->x[1], r = b - a * a;
+    ++s->nfct;
+    s->crit = 100.0 * r * r + (1.0 - a) * (1.0 - a);
+    s->grad[0] = -400.0 * a * r - 2.0 * (1.0 - a);
+    s->grad[1] = 200.0 * r;
+    if (s->ider < 4) return 0;
+    s->hess[0] = 1200.0 * a * a - 400.0 * b + 2.0;
+    s->hess[1] = -400.0 * a;
+    s->hess[2] = 200.0;
+    return 0;
+  };
+  for (const int technique : gradient_techniques) {
+    MINSTR str;
+    tvlopti(&str);
+    str.nvar = 2;
+    str.tech = technique;
+    str.gchk = 3;
+    str.usfct = rosenbrock;
+    str.usgrd = [](MINSTR* s) { return ++s->ngrd, 0; };
+    str.ushes = [](MINSTR* s) { return ++s->nhes, 0; };
+    tvlopta(&str);
+    str.x[0] = -1.2, str.x[1] = 1.0;
+    ASSERT_EQ(tvloptc(&str), 0);
+    ASSERT_EQ(znlpdrv(&str, 1, 0, 0, 0), 0);
+    EXPECT_GT(znlpdrv(&str, 2, 0, 0, 0), 0) << technique_name(technique);
+    EXPECT_NEAR(str.crit, 0.0, 1e-9) << technique_name(technique);
+    EXPECT_LT(str.nfct, 200) << technique_name(technique);
+  }
+}
+
 TEST(GradientCheck, TellsARightGradientFromAWrongOne)
 {
   auto right = problem(DUQUAN, {3.0, 4.0}, bowl, bowl_gradient);
