@@ -11,7 +11,7 @@ namespace torvale::fuzz {
 // The programming statements of every step, without the expressions that MODEL and RANDOM keep.
 struct ParsedPrograms {
   std::string text;
-  bool clean = true;      // no errors and no steps left
+  bool clean = true; // no errors and no steps left
 };
 
 inline ParsedPrograms parse_program(const std::string& text)
@@ -33,7 +33,8 @@ inline ParsedPrograms parse_program(const std::string& text)
     if (xtanch(stream) != 0 || xttpshx(stream) != 0) return 1;
     if (action.action == 78) {
       const auto& dependent = proc.current->slot(1).list;
-      xttpshb(stream, "if " + (dependent.empty() ? std::string("y") : "'q'n") + " = . then _ll = .; else do; _ll = 1; end;");
+      xttpshb(stream,
+              "if " + (dependent.empty() ? std::string("y") : "'q'n") + " = . then _ll = .; else do; _ll = 1; end;");
     } else {
       xttpshb(stream, "%macro _M(_n_mvr=, _d_mvr=); %do i = 1 %to &_n_mvr; c = c + &_d_mvr&i; %end; %mend;");
       xttpshb(stream, "%_M(_n_mvr= 2, _d_mvr=d)");

@@ -13,9 +13,15 @@ std::string program(int lines)
   for (int i = 0; i < lines; ++i) {
     const std::string n = std::to_string(i % 500);
     switch (i % 3) {
-    case 0: text += "x" + n + " = a + b*exp(-k*t)/(1 + x" + n + "**2);\n"; break;
-    case 1: text += "if x" + n + " > 1 and y = 2 then z" + n + " = log(x); else z = 3;\n"; break;
-    default: text += "do i = 1 to 3; s + v" + n + "*2; end;\n"; break;
+    case 0:
+      text += "x" + n + " = a + b*exp(-k*t)/(1 + x" + n + "**2);\n";
+      break;
+    case 1:
+      text += "if x" + n + " > 1 and y = 2 then z" + n + " = log(x); else z = 3;\n";
+      break;
+    default:
+      text += "do i = 1 to 3; s + v" + n + "*2; end;\n";
+      break;
     }
   }
   return text + "run;\n";
@@ -36,7 +42,8 @@ void parse_lines(benchmark::State& state)
     language::ParseResult step = parser.parse_step();
     benchmark::DoNotOptimize(step.proc.program.statements.data());
   }
-  state.counters["lines"] = benchmark::Counter(static_cast<double>(state.range(0)) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["lines"] = benchmark::Counter(
+      static_cast<double>(state.range(0)) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(parse_lines)->Arg(5000)->Arg(20000)->Arg(80000)->Unit(benchmark::kMillisecond);
 

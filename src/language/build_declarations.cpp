@@ -47,7 +47,8 @@ std::vector<Expr*> Builder::initial_values(const Value& value)
 {
   std::vector<Expr*> out;
   for (const Value& v : items(value.list))
-    for (int n = std::max<int>(v.code == -1 && v.list ? static_cast<int>(v.list->first->value.token.number) : 1, 0); n > 0; --n)
+    for (int n = std::max<int>(v.code == -1 && v.list ? static_cast<int>(v.list->first->value.token.number) : 1, 0);
+         n > 0; --n)
       if (v.expr) out.push_back(v.expr);
   return out;
 }
@@ -63,15 +64,18 @@ void Builder::array_statement(std::span<Value> r, Value& result)
 
   std::vector<Name> elements;
   for (const Value& v : items(r[2].list)) {
-    const std::string word = v.token.symbol != token_class::VLITERAL && v.form == Form::plain ? upper_case(v.token.text) : std::string();
+    const std::string word =
+        v.token.symbol != token_class::VLITERAL && v.form == Form::plain ? upper_case(v.token.text) : std::string();
     if (word == "_TEMPORARY_") {
       s->temporary = true;
     } else if (word == "_NUMERIC_" || word == "_CHARACTER_" || word == "_CHAR_" || word == "_ALL_") {
       const std::size_t before = elements.size();
       for (const InputVariable& x : variables_)
-        if (word == "_ALL_" || x.character == (word != "_NUMERIC_")) elements.push_back({scanner_.intern(x.name), v.token.where});
+        if (word == "_ALL_" || x.character == (word != "_NUMERIC_"))
+          elements.push_back({scanner_.intern(x.name), v.token.where});
       if (elements.size() == before)
-        diagnostics_->error(Problem::bad_array, v.token.where, word + " stands for no variable of the input data set.", v.token.length);
+        diagnostics_->error(Problem::bad_array, v.token.where, word + " stands for no variable of the input data set.",
+                            v.token.length);
     } else {
       expand(v, elements);
     }
@@ -81,10 +85,15 @@ void Builder::array_statement(std::span<Value> r, Value& result)
   double size = 1.0;
   bool open = r[0].list == nullptr;
   for (const Value& v : items(r[0].list)) {
-    if (v.code == -1) { open = true; continue; } // '*'
+    if (v.code == -1) {
+      open = true;
+      continue;
+    } // '*'
     const double a = v.list ? v.list->first->value.token.number : 1.0, b = v.token.number;
-    if (!(b >= a) || std::fabs(a) > largest_array || std::fabs(b) > largest_array || a != std::floor(a) || b != std::floor(b)) {
-      diagnostics_->error(Problem::bad_array, v.token.where, "The bounds of an array are whole numbers, the lower one first.", v.token.length);
+    if (!(b >= a) || std::fabs(a) > largest_array || std::fabs(b) > largest_array || a != std::floor(a) ||
+        b != std::floor(b)) {
+      diagnostics_->error(Problem::bad_array, v.token.where,
+                          "The bounds of an array are whole numbers, the lower one first.", v.token.length);
       low.push_back(1);
       high.push_back(1);
       continue;
@@ -94,21 +103,29 @@ void Builder::array_statement(std::span<Value> r, Value& result)
     size *= b - a + 1.0;
   }
   if (open) { // the elements tell the size
-    if (!low.empty()) diagnostics_->error(Problem::bad_array, name.where, "[*] stands alone: an array of several dimensions needs all its bounds.");
+    if (!low.empty())
+      diagnostics_->error(Problem::bad_array, name.where,
+                          "[*] stands alone: an array of several dimensions needs all its bounds.");
     low = {1};
     high = {std::max<std::int32_t>(1, static_cast<std::int32_t>(elements.size()))};
     size = static_cast<double>(elements.size());
-    if (elements.empty()) diagnostics_->error(Problem::bad_array, name.where, "The array " + std::string(s->name) + " has neither a size nor elements.", name.length);
+    if (elements.empty())
+      diagnostics_->error(Problem::bad_array, name.where,
+                          "The array " + std::string(s->name) + " has neither a size nor elements.", name.length);
   }
   if (size > largest_array) {
-    diagnostics_->error(Problem::bad_array, name.where, "The array " + std::string(s->name) + " has more than 100000 elements.", name.length);
+    diagnostics_->error(Problem::bad_array, name.where,
+                        "The array " + std::string(s->name) + " has more than 100000 elements.", name.length);
     size = 0;
   }
   if (!s->temporary && elements.empty()) // named after the array: th1, th2, ...
-    for (int k = 1; k <= static_cast<int>(size); ++k) elements.push_back({scanner_.intern(std::string(s->name) + std::to_string(k)), name.where});
+    for (int k = 1; k <= static_cast<int>(size); ++k)
+      elements.push_back({scanner_.intern(std::string(s->name) + std::to_string(k)), name.where});
   if (!s->temporary && static_cast<double>(elements.size()) != size && size > 0)
-    diagnostics_->error(Problem::bad_array, name.where, "The array " + std::string(s->name) + " has " + std::to_string(static_cast<int>(size)) + " elements, but " +
-                                                          std::to_string(elements.size()) + " names are listed.", name.length);
+    diagnostics_->error(Problem::bad_array, name.where,
+                        "The array " + std::string(s->name) + " has " + std::to_string(static_cast<int>(size)) +
+                            " elements, but " + std::to_string(elements.size()) + " names are listed.",
+                        name.length);
   s->low = arena_.copy(low);
   s->high = arena_.copy(high);
   if (!s->temporary) s->elements = name_span(elements);
@@ -121,8 +138,8 @@ void Builder::array_statement(std::span<Value> r, Value& result)
 
 void Builder::attribute_statements(std::span<Value> r, Value& result)
 {
-  // LENGTH, LABEL, FORMAT and ATTRIB hold one item for each group of names: the last becomes the statement, those before
-  // it go into the program first.
+  // LENGTH, LABEL, FORMAT and ATTRIB hold one item for each group of names: the last becomes the statement, those
+  // before it go into the program first.
   std::vector<AttributeDeclaration*> parts;
   for (const Value& v : items(r[1].list))
     if (v.node) parts.push_back(static_cast<AttributeDeclaration*>(v.node));
@@ -176,12 +193,15 @@ void Builder::subprogram(std::span<Value> r, Value& result)
   }
   for (std::string_view o : outputs_)
     if (std::none_of(parameters.begin(), parameters.end(), [&](const Parameter& p) { return same_name(p.name, o); }))
-      diagnostics_->error(Problem::bad_subprogram, s->where, "OUTARGS names " + std::string(o) + ", which is no argument of " + std::string(s->name) + ".");
+      diagnostics_->error(Problem::bad_subprogram, s->where,
+                          "OUTARGS names " + std::string(o) + ", which is no argument of " + std::string(s->name) +
+                              ".");
   outputs_.clear();
   s->parameters = arena_.copy(parameters);
   s->body = block(r[4].list);
   if (result.depth > 0)
-    diagnostics_->error(Problem::misplaced_statement, s->where, "A subprogram cannot be defined inside another statement.");
+    diagnostics_->error(Problem::misplaced_statement, s->where,
+                        "A subprogram cannot be defined inside another statement.");
   store(result, s);
 }
 
@@ -201,7 +221,8 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     part.character = character;
     part.length = static_cast<std::int32_t>(std::clamp(token.number, 0.0, 40000.0));
     if (token.number < 1.0 || token.number > 32767.0)
-      diagnostics_->error(Problem::out_of_range, token.where, "LENGTH " + std::string(token.text) + " is out of range: 1 to 32767.", token.length);
+      diagnostics_->error(Problem::out_of_range, token.where,
+                          "LENGTH " + std::string(token.text) + " is out of range: 1 to 32767.", token.length);
   };
   const auto format_length = [&](const Token& format) { // "8." or "$8." where a length is meant
     Token token = format;
@@ -212,7 +233,8 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     return token;
   };
   switch (action) {
-  case Action::none: return true;
+  case Action::none:
+    return true;
   case Action::array_name: {
     const Token name = r[1].token;
     List* bounds = r.size() > 2 ? r[3].list : nullptr;
@@ -235,16 +257,21 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     result.code = 0;
     return true;
   }
-  case Action::array_bound_open: result.code = -1; return true;
+  case Action::array_bound_open:
+    result.code = -1;
+    return true;
   case Action::array_character:
     result.code = static_cast<std::int16_t>(r.size() > 1 ? std::clamp(r[1].token.number, 1.0, 32767.0) : -1.0);
     return true;
-  case Action::array_statement: array_statement(r, result); return true;
+  case Action::array_statement:
+    array_statement(r, result);
+    return true;
   case Action::repeated: {
     List* count = new_list();
     append(*count, r[0]);
     if (r[0].token.number > largest_array)
-      diagnostics_->error(Problem::bad_array, r[0].token.where, "There are more initial values than elements.", r[0].token.length);
+      diagnostics_->error(Problem::bad_array, r[0].token.where, "There are more initial values than elements.",
+                          r[0].token.length);
     const Token token = r[0].token;
     result = r[2];
     result.token = token;
@@ -262,7 +289,10 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     });
     return true;
   case Action::label_item:
-    attribute_item([&](AttributeDeclaration& part) { part.has_label = true; part.text_label = r[2].token.text; });
+    attribute_item([&](AttributeDeclaration& part) {
+      part.has_label = true;
+      part.text_label = r[2].token.text;
+    });
     return true;
   case Action::format_item:
     attribute_item([&](AttributeDeclaration& part) { part.format = r[1].token.text; });
@@ -277,13 +307,19 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
       for (const Value& v : given) {
         if (v.code == 1 || v.code == 2) length(part, v.token, v.code == 2);
         if (v.code == 5) length(part, format_length(v.token), v.token.text.front() == '$');
-        if (v.code == 3) { part.has_label = true; part.text_label = v.token.text; }
+        if (v.code == 3) {
+          part.has_label = true;
+          part.text_label = v.token.text;
+        }
         if (v.code == 4) part.format = v.token.text;
       }
     });
     return true;
   }
-  case Action::length_statement: case Action::label_statement: case Action::format_statement: case Action::attribute_statement:
+  case Action::length_statement:
+  case Action::label_statement:
+  case Action::format_statement:
+  case Action::attribute_statement:
     attribute_statements(r, result);
     return true;
   case Action::keep_statement: {
@@ -293,7 +329,10 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     store(result, s);
     return true;
   }
-  case Action::retain_item: case Action::retain_negative: case Action::retain_last: case Action::retain_values: {
+  case Action::retain_item:
+  case Action::retain_negative:
+  case Action::retain_last:
+  case Action::retain_values: {
     // One entry a name: its token is the name, its expression the initial value.
     const Value& group = action == Action::retain_last ? r[1] : r[0];
     std::vector<Expr*> initial;
@@ -312,7 +351,9 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
       Value v;
       v.token.text = list[k].text;
       v.token.where = list[k].where;
-      v.expr = action == Action::retain_values ? (k < initial.size() ? initial[k] : nullptr) : initial.empty() ? nullptr : initial[0];
+      v.expr = action == Action::retain_values ? (k < initial.size() ? initial[k] : nullptr)
+               : initial.empty()               ? nullptr
+                                               : initial[0];
       append(*entries, v);
     }
     result.list = entries;
@@ -320,7 +361,9 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     result.expr = nullptr;
     return true;
   }
-  case Action::retain_statement: retain_statement(r, result); return true;
+  case Action::retain_statement:
+    retain_statement(r, result);
+    return true;
   case Action::negative_start: {
     // names, a name or a range, then '-': the list without the sign.
     const std::vector<Value> parts(r.begin(), r.end() - 1);
@@ -335,18 +378,25 @@ bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Valu
     result.token = r[1].token;
     result.code = a.arglist[0];
     return true;
-  case Action::parameter: result.code = 0; return true;
-  case Action::parameter_character: result.code = 1; return true;
+  case Action::parameter:
+    result.code = 0;
+    return true;
+  case Action::parameter_character:
+    result.code = 1;
+    return true;
   case Action::parameter_array:
     result.code = 2;
     scanner_.declare_array(r[0].token.text);
     return true;
-  case Action::subprogram: subprogram(r, result); return true;
+  case Action::subprogram:
+    subprogram(r, result);
+    return true;
   case Action::outargs_statement:
     for (const Value& v : items(r[1].list)) outputs_.push_back(v.token.text);
     store(result, make_statement<Statement>(arena_, StatementKind::empty, r));
     return true;
-  default: return false;
+  default:
+    return false;
   }
 }
 

@@ -1,8 +1,8 @@
 // Expressions: the typed tree from the productions of the expression grammar.
 #include "language/builder.h"
 
-#include "language/lexical.h"
 #include "host/missing.h"
+#include "language/lexical.h"
 
 #include <algorithm>
 
@@ -25,12 +25,16 @@ Expr* Builder::expr(ExprKind kind, syntax::Position where)
   return e;
 }
 
-void Builder::set_args(Expr* e, const std::vector<Expr*>& args) { e->args = arena_.copy(args); }
+void Builder::set_args(Expr* e, const std::vector<Expr*>& args)
+{
+  e->args = arena_.copy(args);
+}
 
 void Builder::check_height(Value& result, int height)
 {
   if (height == greatest_height)
-    diagnostics_->error(Problem::too_deep, result.token.where, "This expression is nested more than 3000 deep: split it over several assignments.");
+    diagnostics_->error(Problem::too_deep, result.token.where,
+                        "This expression is nested more than 3000 deep: split it over several assignments.");
   result.code = static_cast<std::int16_t>(std::min(height, greatest_height + 1));
 }
 
@@ -83,7 +87,8 @@ void Builder::compare(std::span<Value> r, Value& result)
   const bool truncated = r[1].form == Form::range; // set by `truncated`
   Expr* left = r[0].expr;
   const bool open = r[0].form != Form::bracketed && left &&
-                    (left->kind == ExprKind::chain || (left->kind == ExprKind::binary && left->op >= Op::less && left->op <= Op::not_equal));
+                    (left->kind == ExprKind::chain ||
+                     (left->kind == ExprKind::binary && left->op >= Op::less && left->op <= Op::not_equal));
   if (r[0].form == Form::negated) warn_not(r[0], "comparison");
   Expr* e = nullptr;
   if (open && left->truncated == truncated) {
@@ -105,7 +110,8 @@ void Builder::compare(std::span<Value> r, Value& result)
 void Builder::warn_not(const Value& value, std::string_view rest)
 {
   diagnostics_->warning(Problem::ambiguous_reading, value.token.where,
-                        "NOT binds tighter than the " + std::string(rest) + " behind it: this is read as (NOT a) = b. Write NOT (a = b) when that is meant.",
+                        "NOT binds tighter than the " + std::string(rest) +
+                            " behind it: this is read as (NOT a) = b. Write NOT (a = b) when that is meant.",
                         value.token.length);
 }
 
@@ -170,8 +176,10 @@ void Builder::element(std::span<Value> r, Value& result)
   Expr* e = expr(ExprKind::element, r[0].token.where);
   e->name = r[0].token.text;
   if (!scanner_.is_array(e->name))
-    diagnostics_->error(Problem::bad_array, e->where, std::string(e->name) + " is not an array: declare it before this place, as in ARRAY " +
-                                                        std::string(e->name) + "[3];", r[0].token.length);
+    diagnostics_->error(Problem::bad_array, e->where,
+                        std::string(e->name) + " is not an array: declare it before this place, as in ARRAY " +
+                            std::string(e->name) + "[3];",
+                        r[0].token.length);
   int height = 0;
   for (const Value& v : items(r[2].list)) {
     height = std::max<int>(height, v.code);
@@ -189,28 +197,41 @@ void Builder::condition(const Value& value)
   const Expr* e = value.expr;
   if (!e || e->kind != ExprKind::binary || (e->op != Op::maximum && e->op != Op::minimum)) return;
   const bool maximum = e->op == Op::maximum;
-  diagnostics_->warning(Problem::ambiguous_reading, e->where, std::string(maximum ? "<> is the maximum" : ">< is the minimum") +
-                                                               " of two numbers, not a comparison: write ^= or NE for 'not equal'.", 2);
+  diagnostics_->warning(Problem::ambiguous_reading, e->where,
+                        std::string(maximum ? "<> is the maximum" : ">< is the minimum") +
+                            " of two numbers, not a comparison: write ^= or NE for 'not equal'.",
+                        2);
 }
 
 bool Builder::act_on_expressions(Action action, const SEMARG& a, std::span<Value> r, Value& result)
 {
   switch (action) {
-  case Action::op: result.code = a.arglist[0]; return true;
-  case Action::truncated: result.form = Form::range; return true;
+  case Action::op:
+    result.code = a.arglist[0];
+    return true;
+  case Action::truncated:
+    result.form = Form::range;
+    return true;
   case Action::binary:
   case Action::concatenate:
   case Action::binary_op: {
-    const Op op = action == Action::binary ? static_cast<Op>(r[1].code)
-                                           : action == Action::concatenate ? Op::concatenate : static_cast<Op>(a.arglist[0]);
+    const Op op = action == Action::binary        ? static_cast<Op>(r[1].code)
+                  : action == Action::concatenate ? Op::concatenate
+                                                  : static_cast<Op>(a.arglist[0]);
     const bool negated = r[0].form == Form::negated && action == Action::binary_op;
     set_expr(result, binary(op, r[0].expr, r[2].expr, r[1].token.where), {&r[0], &r[2]});
     if (negated) warn_not(r[0], "operator");
     return true;
   }
-  case Action::compare: compare(r, result); return true;
-  case Action::in_list: in_list(static_cast<Op>(a.arglist[0]), r, result); return true;
-  case Action::in_single: result.list = nullptr; return true;
+  case Action::compare:
+    compare(r, result);
+    return true;
+  case Action::in_list:
+    in_list(static_cast<Op>(a.arglist[0]), r, result);
+    return true;
+  case Action::in_single:
+    result.list = nullptr;
+    return true;
   case Action::in_range: {
     result.expr = number_expression(r[0].token);
     result.list = new_list();
@@ -220,7 +241,8 @@ bool Builder::act_on_expressions(Action action, const SEMARG& a, std::span<Value
     const double low = r[0].token.number, top = r[2].token.number;
     if (low != static_cast<double>(static_cast<long long>(std::clamp(low, -1e15, 1e15))) ||
         top != static_cast<double>(static_cast<long long>(std::clamp(top, -1e15, 1e15))) || top < low)
-      diagnostics_->error(Problem::bad_list, r[0].token.where, "A range in an IN list runs upwards between whole numbers, as in 1:5.");
+      diagnostics_->error(Problem::bad_list, r[0].token.where,
+                          "A range in an IN list runs upwards between whole numbers, as in 1:5.");
     return true;
   }
   case Action::unary: {
@@ -231,9 +253,15 @@ bool Builder::act_on_expressions(Action action, const SEMARG& a, std::span<Value
     if (e->op == Op::not_) result.form = Form::negated;
     return true;
   }
-  case Action::variable: set_expr(result, name_expression(r[0]), {}); return true;
-  case Action::number_expression: set_expr(result, number_expression(r[0].token), {}); return true;
-  case Action::missing_expression: set_expr(result, number_expression(r[0].token), {}); return true;
+  case Action::variable:
+    set_expr(result, name_expression(r[0]), {});
+    return true;
+  case Action::number_expression:
+    set_expr(result, number_expression(r[0].token), {});
+    return true;
+  case Action::missing_expression:
+    set_expr(result, number_expression(r[0].token), {});
+    return true;
   case Action::text_expression: {
     Expr* e = expr(ExprKind::text, r[0].token.where);
     e->name = r[0].token.text;
@@ -247,9 +275,15 @@ bool Builder::act_on_expressions(Action action, const SEMARG& a, std::span<Value
     result.form = Form::bracketed;
     return true;
   }
-  case Action::element: element(r, result); return true;
-  case Action::target_element: element(r, result); return true;
-  case Action::call: call(r, result); return true;
+  case Action::element:
+    element(r, result);
+    return true;
+  case Action::target_element:
+    element(r, result);
+    return true;
+  case Action::call:
+    call(r, result);
+    return true;
   case Action::put_function: {
     Expr* format = expr(ExprKind::text, r[4].token.where);
     format->name = r[4].token.text;
@@ -275,7 +309,8 @@ bool Builder::act_on_expressions(Action action, const SEMARG& a, std::span<Value
     result.form = Form::whole_array;
     return true;
   }
-  default: return false;
+  default:
+    return false;
   }
 }
 

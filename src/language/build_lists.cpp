@@ -31,14 +31,19 @@ bool starts_with_name(std::string_view name, std::string_view prefix)
 
 } // namespace
 
-List* Builder::new_list() { return scratch_->make<List>(); }
+List* Builder::new_list()
+{
+  return scratch_->make<List>();
+}
 
 void Builder::append(List& list, const Value& value)
 {
   auto* cell = scratch_->make<ListCell>();
   cell->value = value;
-  if (list.last) list.last->next = cell;
-  else list.first = cell;
+  if (list.last)
+    list.last->next = cell;
+  else
+    list.first = cell;
   list.last = cell;
   ++list.count;
 }
@@ -81,10 +86,16 @@ void Builder::know_name(std::string_view name)
 void Builder::expand(const Value& item, std::vector<Name>& out)
 {
   switch (item.form) {
-  case Form::numbered: return expand_numbered(item, out);
-  case Form::ordered: case Form::ordered_numeric: case Form::ordered_character: return expand_ordered(item, out);
-  case Form::prefix: return expand_prefix(item, out);
-  default: out.push_back({item.token.text, item.token.where});
+  case Form::numbered:
+    return expand_numbered(item, out);
+  case Form::ordered:
+  case Form::ordered_numeric:
+  case Form::ordered_character:
+    return expand_ordered(item, out);
+  case Form::prefix:
+    return expand_prefix(item, out);
+  default:
+    out.push_back({item.token.text, item.token.where});
   }
 }
 
@@ -96,12 +107,14 @@ void Builder::expand_numbered(const Value& item, std::vector<Name>& out)
   split_number(from.text, stem, first);
   split_number(to.text, other, last);
   const auto refuse = [&](const std::string& why) {
-    diagnostics_->error(Problem::bad_list, from.where, std::string(from.text) + "-" + std::string(to.text) + " is no range: " + why,
-                        from.length);
+    diagnostics_->error(Problem::bad_list, from.where,
+                        std::string(from.text) + "-" + std::string(to.text) + " is no range: " + why, from.length);
   };
   if (first.empty() || last.empty())
     return refuse("both names must end in a number, as in x1-x5. A difference cannot stand in a list of names.");
-  if (!same_name(stem, other)) return refuse("both names must be alike up to the number, as in x1-x5. A difference cannot stand in a list of names.");
+  if (!same_name(stem, other))
+    return refuse(
+        "both names must be alike up to the number, as in x1-x5. A difference cannot stand in a list of names.");
   long a = 0, b = 0;
   if (first.size() > 9 || last.size() > 9) return refuse("the numbers are too large.");
   std::from_chars(first.data(), first.data() + first.size(), a);
@@ -122,7 +135,8 @@ void Builder::expand_ordered(const Value& item, std::vector<Name>& out)
   const Token& from = item.list->first->value.token;
   const Token& to = item.list->last->value.token;
   const auto refuse = [&](const std::string& why) {
-    diagnostics_->error(Problem::bad_list, from.where, std::string(from.text) + "--" + std::string(to.text) + ": " + why, from.length);
+    diagnostics_->error(Problem::bad_list, from.where,
+                        std::string(from.text) + "--" + std::string(to.text) + ": " + why, from.length);
   };
   const auto place = [](const auto& list, std::string_view name, auto&& text) {
     const auto found = std::find_if(list.begin(), list.end(), [&](const auto& x) { return same_name(text(x), name); });
@@ -141,9 +155,11 @@ void Builder::expand_ordered(const Value& item, std::vector<Name>& out)
   const std::size_t a = place(variables_, from.text, variable_name), b = place(variables_, to.text, variable_name);
   for (const auto& [found, token] : {std::pair{a, &from}, {b, &to}})
     if (found == std::string_view::npos)
-      return refuse(std::string(token->text) + (variables_.empty() ? " is not known; the order of the input data set is needed for such a list."
-                                                                   : " is not in the input data set."));
-  if (b < a) return refuse(std::string(to.text) + " stands before " + std::string(from.text) + " in the input data set.");
+      return refuse(std::string(token->text) +
+                    (variables_.empty() ? " is not known; the order of the input data set is needed for such a list."
+                                        : " is not in the input data set."));
+  if (b < a)
+    return refuse(std::string(to.text) + " stands before " + std::string(from.text) + " in the input data set.");
   const std::size_t before = out.size();
   for (std::size_t k = a; k <= b; ++k) {
     const bool wanted = item.form == Form::ordered || variables_[k].character == (item.form == Form::ordered_character);
@@ -162,7 +178,9 @@ void Builder::expand_prefix(const Value& item, std::vector<Name>& out)
       if (starts_with_name(v.name, item.token.text)) out.push_back({scanner_.intern(v.name), item.token.where});
   if (out.size() == before)
     diagnostics_->error(Problem::bad_list, item.token.where,
-                        std::string(item.token.text) + ": names no variable: nothing in the input data set or in PARMS begins so.", item.token.length);
+                        std::string(item.token.text) +
+                            ": names no variable: nothing in the input data set or in PARMS begins so.",
+                        item.token.length);
 }
 
 bool Builder::act_on_lists(Action action, const SEMARG& a, std::span<Value> r, Value& result)
@@ -192,8 +210,12 @@ bool Builder::act_on_lists(Action action, const SEMARG& a, std::span<Value> r, V
     result.expr = nullptr;
     return true;
   }
-  case Action::list_append: append(*r[0].list, r.back()); return true;
-  case Action::list_append_all: append_all(*r[0].list, r.back()); return true;
+  case Action::list_append:
+    append(*r[0].list, r.back());
+    return true;
+  case Action::list_append_all:
+    append_all(*r[0].list, r.back());
+    return true;
   case Action::second: {
     const Token first = r[0].token;
     result = r[1];
@@ -209,11 +231,18 @@ bool Builder::act_on_lists(Action action, const SEMARG& a, std::span<Value> r, V
     diagnostics_->error(Problem::bad_sequence, r[0].token.where, "BY needs TO before it, as in 1 TO 9 BY 2.", 2);
     result.list = new_list();
     return true;
-  case Action::numbered_range: pair_of(r[0], r[2], Form::numbered); return true;
-  case Action::ordered_range:
-    pair_of(r[0], r.back(), a.arglist[0] == 0 ? Form::ordered : a.arglist[0] == 1 ? Form::ordered_numeric : Form::ordered_character);
+  case Action::numbered_range:
+    pair_of(r[0], r[2], Form::numbered);
     return true;
-  case Action::prefix_range: result.form = Form::prefix; return true;
+  case Action::ordered_range:
+    pair_of(r[0], r.back(),
+            a.arglist[0] == 0   ? Form::ordered
+            : a.arglist[0] == 1 ? Form::ordered_numeric
+                                : Form::ordered_character);
+    return true;
+  case Action::prefix_range:
+    result.form = Form::prefix;
+    return true;
   case Action::negate: {
     const Token sign = r[0].token;
     result = r[1];
@@ -223,8 +252,10 @@ bool Builder::act_on_lists(Action action, const SEMARG& a, std::span<Value> r, V
     result.token.where = sign.where;
     return true;
   }
-  case Action::missing_number: return true;
-  default: return false;
+  case Action::missing_number:
+    return true;
+  default:
+    return false;
   }
 }
 

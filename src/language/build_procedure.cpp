@@ -1,9 +1,9 @@
 // Procedure statements: options into slots and flags, lists into cells, and the end of each statement.
 #include "language/builder.h"
 
-#include "language/lexical.h"
 #include "host/missing.h"
 #include "host/text.h"
+#include "language/lexical.h"
 
 #include <algorithm>
 #include <cmath>
@@ -77,12 +77,15 @@ void Builder::open_statement(const SEMARG& a, std::span<Value> r)
   given_.clear();
 }
 
-// MODEL pushes many statements, of which only the first would be conditional; the others declare what holds for the step.
+// MODEL pushes many statements, of which only the first would be conditional; the others declare what holds for the
+// step.
 void Builder::check_top_level(const Value& head)
 {
   if (head.depth > 0)
     diagnostics_->error(Problem::misplaced_statement, head.token.where,
-                        upper_case(head.token.text) + " cannot stand inside DO, SELECT or behind THEN or ELSE: it is no programming statement.", head.token.length);
+                        upper_case(head.token.text) +
+                            " cannot stand inside DO, SELECT or behind THEN or ELSE: it is no programming statement.",
+                        head.token.length);
 }
 
 // The statement's semicolon has been read: its action may push text now.
@@ -105,22 +108,28 @@ void Builder::close_statement(const SEMARG& a, std::span<Value> r, Value& result
   result.depth = depth;
 }
 
-// --- Options ----------------------------------------------------------------------------------------------------------
+// --- Options
+// ----------------------------------------------------------------------------------------------------------
 
 bool Builder::check_number(const OptionValue& v, std::string_view word, const Value& given)
 {
   const double x = given.token.number;
   if (host::wzmis(x)) return true; // `.`: as if not given
   const std::string shown = std::string(word) + "=" + std::string(given.token.text);
-  const bool whole = v.kind == ValueKind::count || v.kind == ValueKind::integer || v.kind == ValueKind::count_or_missing;
+  const bool whole =
+      v.kind == ValueKind::count || v.kind == ValueKind::integer || v.kind == ValueKind::count_or_missing;
   if ((v.has_low && x < v.low) || (v.has_high && x > v.high)) {
-    diagnostics_->error(Problem::out_of_range, given.token.where, shown + " is out of range: " + std::string(word) + " takes a " + (whole ? "whole " : "") +
-                                                                    "number " + limits_text(v) + ".", given.token.length);
+    diagnostics_->error(Problem::out_of_range, given.token.where,
+                        shown + " is out of range: " + std::string(word) + " takes a " + (whole ? "whole " : "") +
+                            "number " + limits_text(v) + ".",
+                        given.token.length);
     return false;
   }
   if (whole && x != std::floor(x)) {
-    diagnostics_->error(Problem::not_whole, given.token.where, shown + " has a fraction: " + std::string(word) + " takes a whole number" +
-                                                                 (v.has_low ? " " + limits_text(v) : "") + ".", given.token.length);
+    diagnostics_->error(Problem::not_whole, given.token.where,
+                        shown + " has a fraction: " + std::string(word) + " takes a whole number" +
+                            (v.has_low ? " " + limits_text(v) : "") + ".",
+                        given.token.length);
     return false;
   }
   return true;
@@ -133,9 +142,11 @@ StItem Builder::data_set_item(const Value& value)
   i.quoted = value.token.symbol == token_class::QS;
   if (value.list) i.options = std::string(value.list->first->value.token.text);
   if (value.token.symbol == token_class::FMT)
-    diagnostics_->error(Problem::ends_early, value.token.where, "'" + i.text + "' is no data set: the name behind the dot is missing.", value.token.length);
+    diagnostics_->error(Problem::ends_early, value.token.where,
+                        "'" + i.text + "' is no data set: the name behind the dot is missing.", value.token.length);
   if (i.quoted && i.text.find_first_not_of(' ') == std::string::npos)
-    diagnostics_->error(Problem::ends_early, value.token.where, "The name of the data set is empty.", value.token.length);
+    diagnostics_->error(Problem::ends_early, value.token.where, "The name of the data set is empty.",
+                        value.token.length);
   return i;
 }
 
@@ -144,7 +155,8 @@ void Builder::option_value(const OptionRow& row, const OptionValue& v, std::stri
   (void)row;
   const Position where = given.token.where;
   switch (v.kind) {
-  case ValueKind::input: case ValueKind::output: {
+  case ValueKind::input:
+  case ValueKind::output: {
     StItem data = data_set_item(given);
     cell(v.slot, 't', where).list = {std::move(data)};
     return;
@@ -163,15 +175,21 @@ void Builder::option_value(const OptionRow& row, const OptionValue& v, std::stri
     diagnostics_->warning(Problem::without_effect, where, std::string(word) + "= has no effect.", given.token.length);
     return;
   }
-  case ValueKind::word: cell(v.slot, 'n', where).number = given.code; return;
-  default: break;
+  case ValueKind::word:
+    cell(v.slot, 'n', where).number = given.code;
+    return;
+  default:
+    break;
   }
   if (!check_number(v, word, given)) return;
   cell(v.slot, 'n', where).number = given.token.number;
   if (word == "ALPHA" && (given.token.number == 0.0 || given.token.number == 1.0))
-    diagnostics_->add(Severity::note, Problem::ambiguous_reading, where,
-                      std::string("ALPHA=") + (given.token.number == 0.0 ? "0 asks for infinite limits" : "1 asks for limits without width") + ": they will be missing.",
-                      given.token.length);
+    diagnostics_->add(
+        Severity::note, Problem::ambiguous_reading, where,
+        std::string("ALPHA=") +
+            (given.token.number == 0.0 ? "0 asks for infinite limits" : "1 asks for limits without width") +
+            ": they will be missing.",
+        given.token.length);
 }
 
 void Builder::option(const SEMARG& a, std::span<Value> r)
@@ -179,7 +197,8 @@ void Builder::option(const SEMARG& a, std::span<Value> r)
   const OptionRow& row = option_rows()[static_cast<std::size_t>(a.arglist[0])];
   const std::string word = upper_case(r[0].token.text);
   if (!given_.insert(a.arglist[0]).second) {
-    diagnostics_->warning(Problem::given_twice, r[0].token.where, word + " is given twice in this statement: the last one holds.", r[0].token.length);
+    diagnostics_->warning(Problem::given_twice, r[0].token.where,
+                          word + " is given twice in this statement: the last one holds.", r[0].token.length);
     for (const OptionValue& v : row.values) proc_->current->fld[static_cast<std::size_t>(v.slot)] = {};
     for (const OptionValue& v : row.bracket) proc_->current->fld[static_cast<std::size_t>(v.slot)] = {};
   }
@@ -192,7 +211,8 @@ void Builder::option(const SEMARG& a, std::span<Value> r)
   if (a.arglist[2] > 0) option_value(row, row.bracket[0], word + "[ ]", r[4]);
 }
 
-// --- The statements ---------------------------------------------------------------------------------------------------
+// --- The statements
+// ---------------------------------------------------------------------------------------------------
 
 void Builder::end_torvale(std::span<Value> r)
 {
@@ -201,7 +221,8 @@ void Builder::end_torvale(std::span<Value> r)
   proc_->current = nullptr;
 }
 
-// MODEL and RANDOM: head, names, '~', distribution, '(', arguments, ')', ...: slots 1, 2, 4 and the site of the expressions.
+// MODEL and RANDOM: head, names, '~', distribution, '(', arguments, ')', ...: slots 1, 2, 4 and the site of the
+// expressions.
 void Builder::end_distribution(std::span<Value> r)
 {
   STMT& s = *proc_->current;
@@ -230,14 +251,16 @@ void Builder::end_distribution(std::span<Value> r)
   site->expressions = arena_.copy(all);
   proc_->program.statements.push_back(site);
   if (s.name == "RANDOM" && !s.given(5))
-    diagnostics_->error(Problem::missing_part, s.where, "RANDOM needs SUBJECT= with the variable that tells the subjects apart.", 6);
+    diagnostics_->error(Problem::missing_part, s.where,
+                        "RANDOM needs SUBJECT= with the variable that tells the subjects apart.", 6);
 }
 
 // SUBJECT=name or SUBJECT=name(outer names): group 0 is the subject's own variable, 1 the outer ones.
 void Builder::subject(std::span<Value> r)
 {
   if (proc_->current->given(5))
-    diagnostics_->warning(Problem::given_twice, r[0].token.where, "SUBJECT is given twice in this statement: the last one holds.", r[0].token.length);
+    diagnostics_->warning(Problem::given_twice, r[0].token.where,
+                          "SUBJECT is given twice in this statement: the last one holds.", r[0].token.length);
   STLIST& c = cell(5, 'l', r[2].token.where);
   c.list.clear();
   add_names(c, one_name(r[2]), 0);
@@ -256,9 +279,11 @@ void Builder::add_parms_value(STLIST& to, const Value& v, int group)
     i.by = v.list->count > 1 ? v.list->last->value.token.number : 1.0;
     const std::string shown = std::string(v.token.text) + " TO " + std::string(v.list->first->value.token.text) +
                               (v.list->count > 1 ? " BY " + std::string(v.list->last->value.token.text) : "");
-    if (i.by == 0.0) diagnostics_->error(Problem::bad_sequence, i.where, shown + " never ends: BY must not be 0.", v.token.length);
+    if (i.by == 0.0)
+      diagnostics_->error(Problem::bad_sequence, i.where, shown + " never ends: BY must not be 0.", v.token.length);
     else if ((i.to - i.number) / i.by < -1e-9)
-      diagnostics_->error(Problem::bad_sequence, i.where, shown + " is empty: the steps lead away from the end.", v.token.length);
+      diagnostics_->error(Problem::bad_sequence, i.where, shown + " is empty: the steps lead away from the end.",
+                          v.token.length);
     else if ((i.to - i.number) / i.by > 1e7)
       diagnostics_->error(Problem::bad_sequence, i.where, shown + " has more than 10000000 values.", v.token.length);
   }
@@ -330,7 +355,10 @@ void Builder::end_by(std::span<Value> r)
   c.type = 'l';
   c.where = r[0].token.where;
   for (const Value& v : items(r[1].list)) {
-    if (v.code == 3) { c.mode = 1; continue; }
+    if (v.code == 3) {
+      c.mode = 1;
+      continue;
+    }
     StItem i = item(StItem::Kind::name, v.token.where);
     i.text = std::string(v.token.text);
     i.descending = v.code == 2;
@@ -342,23 +370,35 @@ void Builder::end_by(std::span<Value> r)
 bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> r, Value& result)
 {
   switch (action) {
-  case Action::end_step: return true;
-  case Action::open_statement: open_statement(a, r); return true;
-  case Action::code: result.code = a.arglist[0]; return true;
-  case Action::option: option(a, r); return true;
+  case Action::end_step:
+    return true;
+  case Action::open_statement:
+    open_statement(a, r);
+    return true;
+  case Action::code:
+    result.code = a.arglist[0];
+    return true;
+  case Action::option:
+    option(a, r);
+    return true;
   case Action::data_set_options: {
     List* list = new_list();
     append(*list, r[1]);
     result.list = list;
     return true;
   }
-  case Action::plain_argument: return true;
+  case Action::plain_argument:
+    return true;
   case Action::bracket_argument:
     result.list = r[1].list;
     result.expr = nullptr;
     return true;
-  case Action::subject: subject(r); return true;
-  case Action::end_torvale: end_torvale(r); return true;
+  case Action::subject:
+    subject(r);
+    return true;
+  case Action::end_torvale:
+    end_torvale(r);
+    return true;
   case Action::end_model:
   case Action::end_random:
     end_distribution(r);
@@ -383,9 +423,13 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     parms_group(r[0], values);
     return true;
   }
-  case Action::positive_range: result.list = r[1].list; return true;
-  case Action::missing_value: return true;
-  case Action::negative_value: case Action::positive_value: {
+  case Action::positive_range:
+    result.list = r[1].list;
+    return true;
+  case Action::missing_value:
+    return true;
+  case Action::negative_value:
+  case Action::positive_value: {
     const Token sign = r[0].token;
     result = r[1];
     result.list = r[2].list;
@@ -396,7 +440,10 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     result.token.where = sign.where;
     return true;
   }
-  case Action::end_parms: case Action::end_procedure_statement: close_statement(a, r, result); return true;
+  case Action::end_parms:
+  case Action::end_procedure_statement:
+    close_statement(a, r, result);
+    return true;
   case Action::relation_first: {
     List* list = new_list();
     for (const Value& v : r) append(*list, v);
@@ -408,7 +455,9 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     append(*r[0].list, r[1]);
     append(*r[0].list, r[2]);
     return true;
-  case Action::missing_operand: result.code = -2; return true;
+  case Action::missing_operand:
+    result.code = -2;
+    return true;
   case Action::end_bounds:
     end_bounds(r);
     close_statement(a, r, result);
@@ -421,7 +470,8 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
   case Action::end_predict:
     if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
     if (!proc_->current->given(4))
-      diagnostics_->error(Problem::missing_part, r[0].token.where, "PREDICT needs OUT= with the data set that takes the predictions.", 7);
+      diagnostics_->error(Problem::missing_part, r[0].token.where,
+                          "PREDICT needs OUT= with the data set that takes the predictions.", 7);
     close_statement(a, r, result);
     return true;
   case Action::end_id: {
@@ -432,12 +482,16 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     add_names(c, names_of(r[1]), -1);
     return true;
   }
-  case Action::by_variable: result.code = 1; return true;
+  case Action::by_variable:
+    result.code = 1;
+    return true;
   case Action::by_descending:
     result = r[1];
     result.code = 2;
     return true;
-  case Action::by_not_sorted: result.code = 3; return true;
+  case Action::by_not_sorted:
+    result.code = 3;
+    return true;
   case Action::end_by:
     check_top_level(r[0]);
     end_by(r);
@@ -446,13 +500,18 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     add_names(cell(1, 'l', r[1].token.where), one_name(r[1]), -1);
     close_statement(a, r, result);
     return true;
-  case Action::end_compartment_model: close_statement(a, r, result); return true;
-  case Action::end_restrict:
-    diagnostics_->warning(Problem::without_effect, r[0].token.where,
-                          "RESTRICT has no effect: the fit is not constrained. Use BOUNDS, or write the model in fewer parameters.", r[0].token.length);
+  case Action::end_compartment_model:
     close_statement(a, r, result);
     return true;
-  default: return false;
+  case Action::end_restrict:
+    diagnostics_->warning(
+        Problem::without_effect, r[0].token.where,
+        "RESTRICT has no effect: the fit is not constrained. Use BOUNDS, or write the model in fewer parameters.",
+        r[0].token.length);
+    close_statement(a, r, result);
+    return true;
+  default:
+    return false;
   }
 }
 

@@ -52,14 +52,40 @@ LoopRange Builder::loop_range(Action action, std::span<Value> r)
     range.until = static_cast<LoopRange*>(v.node)->until;
   };
   switch (action) {
-  case Action::loop_to: range.stop = r[2].expr; condition_of(r[3]); break;
-  case Action::loop_to_by: range.stop = r[2].expr; range.step = r[4].expr; condition_of(r[5]); break;
-  case Action::loop_by_to: range.step = r[2].expr; range.stop = r[4].expr; condition_of(r[5]); break;
-  case Action::loop_while: range.while_ = r[3].expr; condition(r[3]); break;
-  case Action::loop_until: range.until = r[3].expr; condition(r[3]); break;
-  case Action::loop_while_part: range = {}; range.while_ = r[2].expr; condition(r[2]); break;
-  case Action::loop_until_part: range = {}; range.until = r[2].expr; condition(r[2]); break;
-  default: break;
+  case Action::loop_to:
+    range.stop = r[2].expr;
+    condition_of(r[3]);
+    break;
+  case Action::loop_to_by:
+    range.stop = r[2].expr;
+    range.step = r[4].expr;
+    condition_of(r[5]);
+    break;
+  case Action::loop_by_to:
+    range.step = r[2].expr;
+    range.stop = r[4].expr;
+    condition_of(r[5]);
+    break;
+  case Action::loop_while:
+    range.while_ = r[3].expr;
+    condition(r[3]);
+    break;
+  case Action::loop_until:
+    range.until = r[3].expr;
+    condition(r[3]);
+    break;
+  case Action::loop_while_part:
+    range = {};
+    range.while_ = r[2].expr;
+    condition(r[2]);
+    break;
+  case Action::loop_until_part:
+    range = {};
+    range.until = r[2].expr;
+    condition(r[2]);
+    break;
+  default:
+    break;
   }
   if (range.step && range.step->kind == ExprKind::number && range.step->number == 0.0)
     diagnostics_->error(Problem::bad_sequence, range.step->where, "A loop with BY 0 never ends.");
@@ -100,24 +126,36 @@ void Builder::put_item(Action action, const SEMARG& a, std::span<Value> r, Value
 {
   PutItem* item = scratch_->make<PutItem>();
   using Kind = PutItem::Kind;
-  static constexpr Kind marks[] = {Kind::next_line, Kind::next_line, Kind::hold, Kind::next_page, Kind::all, Kind::pdv, Kind::next_line};
+  static constexpr Kind marks[] = {Kind::next_line, Kind::next_line, Kind::hold,     Kind::next_page,
+                                   Kind::all,       Kind::pdv,       Kind::next_line};
   switch (action) {
-  case Action::put_text: item->kind = Kind::text; item->text = r[0].token.text; break;
+  case Action::put_text:
+    item->kind = Kind::text;
+    item->text = r[0].token.text;
+    break;
   case Action::put_value:
   case Action::put_named:
     item->kind = action == Action::put_value ? Kind::value : Kind::named_value;
     item->value = r[0].expr;
     if (r.back().token.symbol == token_class::FMT) item->format = r.back().token.text;
     break;
-  case Action::put_column: case Action::put_column_name: case Action::put_column_expression:
-  case Action::put_advance: case Action::put_advance_name: case Action::put_advance_expression: {
-    const bool column = action == Action::put_column || action == Action::put_column_name || action == Action::put_column_expression;
+  case Action::put_column:
+  case Action::put_column_name:
+  case Action::put_column_expression:
+  case Action::put_advance:
+  case Action::put_advance_name:
+  case Action::put_advance_expression: {
+    const bool column =
+        action == Action::put_column || action == Action::put_column_name || action == Action::put_column_expression;
     item->kind = column ? Kind::column : Kind::advance;
-    item->value = r.size() > 2 ? r[2].expr
-                               : r[1].token.symbol == token_class::INT ? number_expression(r[1].token) : name_expression(r[1]);
+    item->value = r.size() > 2                            ? r[2].expr
+                  : r[1].token.symbol == token_class::INT ? number_expression(r[1].token)
+                                                          : name_expression(r[1]);
     break;
   }
-  default: item->kind = marks[a.arglist[0]]; break;
+  default:
+    item->kind = marks[a.arglist[0]];
+    break;
   }
   const std::int16_t depth = result.depth;
   const Token token = r[0].token;
@@ -160,17 +198,22 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
     if (r[1].stmt && !(r[1].stmt->kind == StatementKind::empty && r[1].stmt->label.empty()))
       proc_->program.statements.push_back(r[1].stmt);
     return true;
-  case Action::empty_statement: statement<Statement>(StatementKind::empty, r, result); return true;
+  case Action::empty_statement:
+    statement<Statement>(StatementKind::empty, r, result);
+    return true;
   case Action::labelled: {
     Statement* s = or_empty(r[2]);
     if (!r[2].stmt)
-      diagnostics_->error(Problem::misplaced_statement, r[0].token.where, "A label stands before a programming statement.", r[0].token.length);
+      diagnostics_->error(Problem::misplaced_statement, r[0].token.where,
+                          "A label stands before a programming statement.", r[0].token.length);
     if (!s->label.empty()) { // two labels: an empty statement cannot carry one, so the outer one goes to the same place
-      diagnostics_->error(Problem::unknown_label, r[0].token.where, "A statement can have one label.", r[0].token.length);
+      diagnostics_->error(Problem::unknown_label, r[0].token.where, "A statement can have one label.",
+                          r[0].token.length);
     }
     s->label = r[0].token.text;
     if (!labels_.insert(upper_case(s->label)).second)
-      diagnostics_->error(Problem::unknown_label, r[0].token.where, "The label " + std::string(s->label) + " is used twice.", r[0].token.length);
+      diagnostics_->error(Problem::unknown_label, r[0].token.where,
+                          "The label " + std::string(s->label) + " is used twice.", r[0].token.length);
     result.stmt = s;
     return true;
   }
@@ -186,7 +229,8 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
   }
   case Action::assign_substring: {
     const bool length = r.size() > 9;
-    Expr *target = r[2].expr, *position = r[4].expr, *count = length ? r[6].expr : nullptr, *value = r[r.size() - 2].expr;
+    Expr *target = r[2].expr, *position = r[4].expr, *count = length ? r[6].expr : nullptr,
+         *value = r[r.size() - 2].expr;
     Assignment* s = statement<Assignment>(StatementKind::assign, r, result);
     s->form = Assignment::Form::substring;
     s->target = target;
@@ -213,7 +257,9 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
     s->end = end;
     return true;
   }
-  case Action::open_do: open(nullptr, nullptr); return true;
+  case Action::open_do:
+    open(nullptr, nullptr);
+    return true;
   case Action::open_do_while:
   case Action::open_do_until: {
     LoopRange* range = scratch_->make<LoopRange>();
@@ -222,13 +268,25 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
     open(nullptr, nullptr, range);
     return true;
   }
-  case Action::open_do_index: open(r[1].expr, r[3].list); return true;
-  case Action::loop_single: case Action::loop_to: case Action::loop_to_by: case Action::loop_by_to:
-  case Action::loop_while: case Action::loop_until: case Action::loop_while_part: case Action::loop_until_part:
+  case Action::open_do_index:
+    open(r[1].expr, r[3].list);
+    return true;
+  case Action::loop_single:
+  case Action::loop_to:
+  case Action::loop_to_by:
+  case Action::loop_by_to:
+  case Action::loop_while:
+  case Action::loop_until:
+  case Action::loop_while_part:
+  case Action::loop_until_part:
     result.node = store_range(action);
     return true;
-  case Action::do_statement: do_statement(r, result); return true;
-  case Action::open_select: open(r.size() > 2 ? r[2].expr : nullptr, nullptr); return true;
+  case Action::do_statement:
+    do_statement(r, result);
+    return true;
+  case Action::open_select:
+    open(r.size() > 2 ? r[2].expr : nullptr, nullptr);
+    return true;
   case Action::when_clause: {
     WhenClause* clause = scratch_->make<WhenClause>();
     for (const Value& v : items(r[1].list)) condition(v);
@@ -240,7 +298,9 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
     append(*r[0].list, entry);
     return true;
   }
-  case Action::select_statement: select_statement(r, result); return true;
+  case Action::select_statement:
+    select_statement(r, result);
+    return true;
   case Action::jump: {
     const Token target = r[r.size() - 2].token;
     const bool link = upper_case(r[0].token.text) == "LINK";
@@ -252,7 +312,8 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
   case Action::return_statement:
   case Action::abort_statement: {
     Expr* value = r.size() > 2 ? r[1].expr : nullptr;
-    ReturnStatement* s = statement<ReturnStatement>(action == Action::abort_statement ? StatementKind::abort : StatementKind::return_, r, result);
+    ReturnStatement* s = statement<ReturnStatement>(
+        action == Action::abort_statement ? StatementKind::abort : StatementKind::return_, r, result);
     s->value = value;
     return true;
   }
@@ -267,18 +328,31 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
   }
   case Action::simple_statement: {
     const std::string word = upper_case(r[0].token.text);
-    statement<Statement>(word == "STOP" ? StatementKind::stop : word == "DELETE" ? StatementKind::delete_
-                         : word == "CONTINUE" ? StatementKind::continue_ : StatementKind::leave, r, result);
+    statement<Statement>(word == "STOP"       ? StatementKind::stop
+                         : word == "DELETE"   ? StatementKind::delete_
+                         : word == "CONTINUE" ? StatementKind::continue_
+                                              : StatementKind::leave,
+                         r, result);
     return true;
   }
-  case Action::put_statement: put_statement(r, result); return true;
-  case Action::put_mark: case Action::put_text: case Action::put_value: case Action::put_named: case Action::put_column:
-  case Action::put_column_name: case Action::put_column_expression: case Action::put_advance: case Action::put_advance_name:
+  case Action::put_statement:
+    put_statement(r, result);
+    return true;
+  case Action::put_mark:
+  case Action::put_text:
+  case Action::put_value:
+  case Action::put_named:
+  case Action::put_column:
+  case Action::put_column_name:
+  case Action::put_column_expression:
+  case Action::put_advance:
+  case Action::put_advance_name:
   case Action::put_advance_expression:
     put_item(action, a, r, result);
     return true;
   case Action::file_option:
-    diagnostics_->warning(Problem::without_effect, r[1].token.where, "Options of FILE have no effect.", r[1].token.length);
+    diagnostics_->warning(Problem::without_effect, r[1].token.where, "Options of FILE have no effect.",
+                          r[1].token.length);
     return true;
   case Action::file_statement: {
     const Token target = r[1].token;
@@ -296,16 +370,20 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
   case Action::not_available: {
     const std::string word = upper_case(r[0].token.text);
     diagnostics_->error(Problem::not_available, r[0].token.where,
-                        word == "STRUCT" ? "STRUCT is not available in this procedure: use arrays or separate variables."
-                                         : "DECLARE is not available in this procedure: it has no hash objects or dictionaries.", r[0].token.length);
+                        word == "STRUCT"
+                            ? "STRUCT is not available in this procedure: use arrays or separate variables."
+                            : "DECLARE is not available in this procedure: it has no hash objects or dictionaries.",
+                        r[0].token.length);
     statement<Statement>(StatementKind::empty, r, result);
     return true;
   }
   case Action::no_effect:
-    diagnostics_->warning(Problem::without_effect, r[0].token.where, upper_case(r[0].token.text) + " has no effect in this procedure.", r[0].token.length);
+    diagnostics_->warning(Problem::without_effect, r[0].token.where,
+                          upper_case(r[0].token.text) + " has no effect in this procedure.", r[0].token.length);
     statement<Statement>(StatementKind::empty, r, result);
     return true;
-  default: return false;
+  default:
+    return false;
   }
 }
 

@@ -41,8 +41,8 @@ void Builder::finish()
   for (const syntax::JumpStatement* jump : jumps_)
     if (labels_.count(upper_case(jump->target)) == 0)
       diagnostics_->error(Problem::unknown_label, jump->where,
-                          "There is no label called " + std::string(jump->target) + ": write " + std::string(jump->target) +
-                            ": before the statement to go to.");
+                          "There is no label called " + std::string(jump->target) + ": write " +
+                              std::string(jump->target) + ": before the statement to go to.");
 }
 
 } // namespace torvale::language

@@ -2,10 +2,10 @@
 // The builder: turns recognised productions into statement records and the typed tree.
 
 #include "language/grammar.h"
-#include "torvale_actions.h"
 #include "language/parser.h"
 #include "language/scanner.h"
 #include "syntax/records.h"
+#include "torvale_actions.h"
 
 #include <span>
 #include <string>
@@ -23,23 +23,24 @@ struct Value {
   // How an entry of a list of names or values is to be read.
   enum class Form : std::uint8_t {
     plain,
-    numbered,          // a1-a9: list holds both ends
-    ordered,           // a--b, by the order of the data
-    ordered_numeric, ordered_character,
-    prefix,            // a:
-    range,             // n TO m BY k; list holds to and by
-    bracketed,         // an expression in parentheses: not open to be continued as a chain
-    negated,           // an expression that begins with NOT
+    numbered, // a1-a9: list holds both ends
+    ordered,  // a--b, by the order of the data
+    ordered_numeric,
+    ordered_character,
+    prefix,    // a:
+    range,     // n TO m BY k; list holds to and by
+    bracketed, // an expression in parentheses: not open to be continued as a chain
+    negated,   // an expression that begins with NOT
     whole_array,
   };
-  Token token;                        // the first token
+  Token token; // the first token
   syntax::Expr* expr = nullptr;
   syntax::Statement* stmt = nullptr;
   List* list = nullptr;
-  void* node = nullptr;               // a part of a statement that is neither: LoopRange, PutItem, ...
-  std::int16_t code = 0;              // of words: their code; of expressions: the height of the tree
+  void* node = nullptr;  // a part of a statement that is neither: LoopRange, PutItem, ...
+  std::int16_t code = 0; // of words: their code; of expressions: the height of the tree
   Form form = Form::plain;
-  std::int16_t depth = 0;             // DO, SELECT, THEN and subprograms that are open
+  std::int16_t depth = 0; // DO, SELECT, THEN and subprograms that are open
 };
 
 // A list under construction; lives in the scratch arena.
@@ -56,7 +57,7 @@ struct List {
 class Builder {
 public:
   Builder(const ParseRequest& request, Scanner& scanner, TokenStream& stream, Diagnostics*& diagnostics)
-    : request_(request), scanner_(scanner), stream_(stream), diagnostics_(diagnostics), arena_(*request.arena)
+      : request_(request), scanner_(scanner), stream_(stream), diagnostics_(diagnostics), arena_(*request.arena)
   {
   }
 
@@ -84,7 +85,10 @@ private:
   void expand_ordered(const Value& item, std::vector<Name>& out);
   void expand_prefix(const Value& item, std::vector<Name>& out);
   std::vector<Name> names(const List* list);
-  std::vector<Name> names_of(const Value& value) { return value.list && value.form == Value::Form::plain ? names(value.list) : one_name(value); }
+  std::vector<Name> names_of(const Value& value)
+  {
+    return value.list && value.form == Value::Form::plain ? names(value.list) : one_name(value);
+  }
   std::vector<Name> one_name(const Value& value);
   void know_name(std::string_view name);
   bool act_on_lists(Action action, const SEMARG& a, std::span<Value> r, Value& result);
@@ -157,14 +161,14 @@ private:
   syntax::Arena& arena_;
   std::unique_ptr<syntax::Arena> scratch_;
   syntax::PROCSTR* proc_ = nullptr;
-  std::vector<InputVariable> variables_;                    // of the input data set
-  std::vector<std::string_view> known_;                     // names of PARMS, in order of appearance
+  std::vector<InputVariable> variables_; // of the input data set
+  std::vector<std::string_view> known_;  // names of PARMS, in order of appearance
   std::unordered_set<std::string> known_set_;
   std::unordered_map<std::string, std::vector<std::string_view>> arrays_; // elements by array, upper case
   std::unordered_set<std::string> labels_;
   std::vector<const syntax::JumpStatement*> jumps_;
-  std::unordered_set<int> given_;                           // option rows of the statement in work
-  std::vector<std::string_view> outputs_;                   // OUTARGS names of the subprogram in work
+  std::unordered_set<int> given_;         // option rows of the statement in work
+  std::vector<std::string_view> outputs_; // OUTARGS names of the subprogram in work
   bool by_given_ = false;
 };
 

@@ -13,12 +13,14 @@ std::string_view severity_word(Severity s)
 
 std::size_t characters(std::string_view s) // of UTF-8
 {
-  return static_cast<std::size_t>(std::count_if(s.begin(), s.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+  return static_cast<std::size_t>(
+      std::count_if(s.begin(), s.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
 } // namespace
 
-Diagnostic& Diagnostics::add(Severity severity, Problem problem, syntax::Position where, std::string text, std::int32_t length)
+Diagnostic& Diagnostics::add(Severity severity, Problem problem, syntax::Position where, std::string text,
+                             std::int32_t length)
 {
   Diagnostic d;
   d.severity = severity;
@@ -33,7 +35,8 @@ Diagnostic& Diagnostics::add(Severity severity, Problem problem, syntax::Positio
 
 std::string render(const syntax::SourceMap& sources, const Diagnostic& d)
 {
-  std::string out = std::string(severity_word(d.severity)) + " " + std::to_string(message_group) + "/" + std::to_string(d.number()) + ": ";
+  std::string out = std::string(severity_word(d.severity)) + " " + std::to_string(message_group) + "/" +
+                    std::to_string(d.number()) + ": ";
   out += sources.describe(d.where) + ": " + d.text;
   if (!d.expected.empty()) {
     out += " Expected ";
@@ -54,15 +57,24 @@ std::string render(const syntax::SourceMap& sources, const Diagnostic& d)
   if (characters(line) > widest) {
     const std::size_t begin = column > widest / 2 ? column - widest / 2 : 0;
     std::size_t from = 0, seen = 0;
-    while (from < line.size() && seen < begin) { ++from; while (from < line.size() && (static_cast<unsigned char>(line[from]) & 0xC0) == 0x80) ++from; ++seen; }
+    while (from < line.size() && seen < begin) {
+      ++from;
+      while (from < line.size() && (static_cast<unsigned char>(line[from]) & 0xC0) == 0x80) ++from;
+      ++seen;
+    }
     std::size_t to = from, shown = 0;
-    while (to < line.size() && shown < widest) { ++to; while (to < line.size() && (static_cast<unsigned char>(line[to]) & 0xC0) == 0x80) ++to; ++shown; }
+    while (to < line.size() && shown < widest) {
+      ++to;
+      while (to < line.size() && (static_cast<unsigned char>(line[to]) & 0xC0) == 0x80) ++to;
+      ++shown;
+    }
     if (begin > 0) lead = "... ";
     line = line.substr(from, to - from);
     column -= begin;
   }
   const std::string number = std::to_string(d.where.line);
-  out += "  " + number + " | " + lead + line + "\n  " + std::string(number.size(), ' ') + " | " + std::string(lead.size() + column, ' ');
+  out += "  " + number + " | " + lead + line + "\n  " + std::string(number.size(), ' ') + " | " +
+         std::string(lead.size() + column, ' ');
   const std::size_t left = characters(line) > column ? characters(line) - column : 1;
   out += std::string(std::min<std::size_t>(static_cast<std::size_t>(d.length), left), '^') + "\n";
   return out;

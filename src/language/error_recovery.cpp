@@ -1,4 +1,5 @@
-// What the parser does when a token does not fit: mistakes with a name of their own, repair, and leaving out a statement.
+// What the parser does when a token does not fit: mistakes with a name of their own, repair, and leaving out a
+// statement.
 #include "language/step_parser.h"
 
 #include "language/lexical.h"
@@ -9,14 +10,15 @@ namespace torvale::language {
 
 namespace {
 
-constexpr int most_errors = 100;       // of one step, then the rest of the program is given up
+constexpr int most_errors = 100;        // of one step, then the rest of the program is given up
 constexpr int most_total_errors = 1000; // of all steps
 
 // Words that begin procedure statements: one of them as a name at a line's start points to a forgotten semicolon.
 bool begins_procedure_statement(std::string_view upper)
 {
-  static constexpr std::string_view words[] = {"MODEL", "RANDOM", "PARMS", "PARM", "PARAMETERS", "BOUNDS", "ESTIMATE", "CONTRAST",
-                                               "PREDICT", "REPLICATE", "MCMC", "CMPTMODEL", "RESTRICT", "TORVALE", "RUN", "QUIT", "ID", "BY"};
+  static constexpr std::string_view words[] = {
+      "MODEL",     "RANDOM", "PARMS",     "PARM",     "PARAMETERS", "BOUNDS", "ESTIMATE", "CONTRAST", "PREDICT",
+      "REPLICATE", "MCMC",   "CMPTMODEL", "RESTRICT", "TORVALE",    "RUN",    "QUIT",     "ID",       "BY"};
   return std::find(std::begin(words), std::end(words), upper) != std::end(words);
 }
 
@@ -25,7 +27,9 @@ bool begins_procedure_statement(std::string_view upper)
 void Parser::Implementation::handle_error(const Token& wrong)
 {
   if (too_many()) return;
-  if (quiet) return give_up_statement(wrong); // an unclosed quote or a strange character has been reported: what follows from it is not
+  if (quiet)
+    return give_up_statement(
+        wrong); // an unclosed quote or a strange character has been reported: what follows from it is not
   if (suspect.symbol != 0 && (!suspect_is_assignment || last.text == "=")) return restart_at_suspect();
   if (statement_tokens == 1 && last.symbol == token_class::NAMEX && misspelled_statement()) return;
   const Hint hint = special_hint(wrong);
@@ -39,7 +43,9 @@ void Parser::Implementation::handle_error(const Token& wrong)
   d.found = found_text(place);
   if (!plan) {
     if (hint.text.empty()) {
-      d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found : d.found + " cannot stand here") + ".";
+      d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found
+                                                   : d.found + " cannot stand here") +
+               ".";
       d.expected = repair.expected(*parse);
     }
     if (hint.text.empty() && (wrong.symbol > control.classes || wrong.symbol == token_class::NAMEX))
@@ -61,37 +67,55 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
   const syntax::STMT* statement = statement_in_work();
   const std::string name = statement ? statement->name : std::string();
   const bool number = wrong.symbol == token_class::INT || wrong.symbol == token_class::NBR;
-  const bool word = !wrong.text.empty() && name_start(wrong.text[0]) && wrong.symbol != token_class::ENDJB && wrong.symbol != token_class::QS;
+  const bool word = !wrong.text.empty() && name_start(wrong.text[0]) && wrong.symbol != token_class::ENDJB &&
+                    wrong.symbol != token_class::QS;
   const std::string shown = "'" + std::string(wrong.text.substr(0, 40)) + "'";
-  if (statement && word && name.rfind("PAR", 0) != 0 && last.text == "=" && parse->accepts(token_class::INT) && !parse->accepts(token_class::NAMEX))
+  if (statement && word && name.rfind("PAR", 0) != 0 && last.text == "=" && parse->accepts(token_class::INT) &&
+      !parse->accepts(token_class::NAMEX))
     return {"A number is needed here, not " + shown + ".", Recovery::as_number};
-  if (statement && wrong.symbol == token_class::NAMEX && wrong.where.line == last.where.line && repair.takes_options(*parse) && repair.nearest_keyword(*parse, wrong.text) == 0)
+  if (statement && wrong.symbol == token_class::NAMEX && wrong.where.line == last.where.line &&
+      repair.takes_options(*parse) && repair.nearest_keyword(*parse, wrong.text) == 0)
     return {shown + " is no option of " + name + ".", Recovery::leave_out_option};
-  if (name == "RANDOM" && wrong.text == "(" && last.symbol == token_class::NAMEX && scanner.spellings().word(upper_case(last.text)) != 0)
+  if (name == "RANDOM" && wrong.text == "(" && last.symbol == token_class::NAMEX &&
+      scanner.spellings().word(upper_case(last.text)) != 0)
     return {"'~' is missing before " + upper_case(last.text) + ".", Recovery::give_up};
   if (name.rfind("PARM", 0) == 0 || name.rfind("PARAM", 0) == 0) {
     if (word && last.text == "=") return {"A value of PARMS is a number, not an expression.", Recovery::give_up};
-    if (last.text == "/" && number) return {"A value of PARMS is a number: '/' begins the options. Write the quotient as a number.", Recovery::give_up};
-    if (wrong.text == "(" || wrong.text == "*" || wrong.text == "+") return {"A value of PARMS is a number, not an expression.", Recovery::give_up};
+    if (last.text == "/" && number)
+      return {"A value of PARMS is a number: '/' begins the options. Write the quotient as a number.",
+              Recovery::give_up};
+    if (wrong.text == "(" || wrong.text == "*" || wrong.text == "+")
+      return {"A value of PARMS is a number, not an expression.", Recovery::give_up};
   }
   if (name.rfind("BOUND", 0) == 0 && (wrong.text == "*" || wrong.text == "(" || wrong.text == "/" || wrong.text == "+"))
-    return {"A bound is a number or a parameter, not an expression. Write the model in a parameter that has a plain bound.", Recovery::give_up};
-  if (wrong.symbol == token_class::ENDJB && values.back().depth > 0) return {"An END is missing: " + open_block() + " is still open.", Recovery::give_up};
-  if (statement_tokens == 1 && last.symbol == token_class::NAMEX && wrong.symbol != token_class::INT && wrong.symbol != token_class::NBR)
-    return {"'" + std::string(last.text) + "' begins no statement: an assignment is written name = expression.", Recovery::give_up, true};
+    return {
+        "A bound is a number or a parameter, not an expression. Write the model in a parameter that has a plain bound.",
+        Recovery::give_up};
+  if (wrong.symbol == token_class::ENDJB && values.back().depth > 0)
+    return {"An END is missing: " + open_block() + " is still open.", Recovery::give_up};
+  if (statement_tokens == 1 && last.symbol == token_class::NAMEX && wrong.symbol != token_class::INT &&
+      wrong.symbol != token_class::NBR)
+    return {"'" + std::string(last.text) + "' begins no statement: an assignment is written name = expression.",
+            Recovery::give_up, true};
   if (last.symbol == 0 || last.symbol == semicolon) {
     if (wrong.symbol == scanner.spellings().word("ELSE"))
-      return {"This ELSE has no IF. It follows the one statement behind THEN; several statements need DO; ... END;", Recovery::leave_out};
+      return {"This ELSE has no IF. It follows the one statement behind THEN; several statements need DO; ... END;",
+              Recovery::leave_out};
     if (wrong.symbol == scanner.spellings().word("WHEN") || wrong.symbol == scanner.spellings().word("OTHERWISE"))
-      return {upper_case(wrong.text) + " stands only inside SELECT; an END before it may have closed the wrong block.", Recovery::give_up};
-    if (wrong.symbol == scanner.spellings().word("END")) return {"This END closes nothing: no DO or SELECT is open.", Recovery::give_up};
+      return {upper_case(wrong.text) + " stands only inside SELECT; an END before it may have closed the wrong block.",
+              Recovery::give_up};
+    if (wrong.symbol == scanner.spellings().word("END"))
+      return {"This END closes nothing: no DO or SELECT is open.", Recovery::give_up};
   }
   return {};
 }
 
 std::string Parser::Implementation::found_text(const Token& token) const
 {
-  if (token.symbol == token_class::ENDJB) return token.length > 0 ? upper_case(token.text) : token.text == "end of the program" ? "the end of the program" : "the next step";
+  if (token.symbol == token_class::ENDJB)
+    return token.length > 0                     ? upper_case(token.text)
+           : token.text == "end of the program" ? "the end of the program"
+                                                : "the next step";
   if (token.symbol == token_class::QS) return "the text '" + std::string(token.text.substr(0, 40)) + "'";
   return "'" + std::string(token.text.substr(0, 40)) + "'";
 }
@@ -101,7 +125,8 @@ std::string Parser::Implementation::open_block() const
 {
   for (std::size_t i = values.size(); i-- > 1;)
     if (values[i].depth > values[i - 1].depth && !values[i].token.text.empty())
-      return "the " + upper_case(values[i].token.text) + " of line " + std::to_string(request.sources->user_position(values[i].token.where).line);
+      return "the " + upper_case(values[i].token.text) + " of line " +
+             std::to_string(request.sources->user_position(values[i].token.where).line);
   return "a block";
 }
 
@@ -123,7 +148,8 @@ bool Parser::Implementation::misspelled_statement()
   before.unshift();
   const int keyword = repair.meant_statement(before, begin, last.text);
   if (keyword == 0) return false;
-  Diagnostic& d = diagnostics->error(Problem::syntax, last.where, "'" + std::string(last.text) + "' begins no statement.", last.length);
+  Diagnostic& d = diagnostics->error(Problem::syntax, last.where,
+                                     "'" + std::string(last.text) + "' begins no statement.", last.length);
   d.found = "'" + std::string(last.text) + "'";
   d.suggestion = repair.shown(keyword);
   d.repair = d.suggestion + " was put in its place";
@@ -156,12 +182,14 @@ void Parser::Implementation::describe_repair(Diagnostic& d, const RepairPlan& pl
     d.text[0] = upper_case(d.text[0]);
     d.repair = inserted + (several ? " were inserted" : " was inserted");
   } else {
-    const std::string what = plan.deleted == 1 ? d.found : std::to_string(plan.deleted) + " words from " + d.found + " on";
+    const std::string what =
+        plan.deleted == 1 ? d.found : std::to_string(plan.deleted) + " words from " + d.found + " on";
     if (!hinted) {
       d.text = d.found + " cannot stand here.";
       d.expected = repair.expected(*parse);
     }
-    d.repair = plan.inserted.empty() ? what + (plan.deleted == 1 ? " was left out" : " were left out") : inserted + " was put in place of " + what;
+    d.repair = plan.inserted.empty() ? what + (plan.deleted == 1 ? " was left out" : " were left out")
+                                     : inserted + " was put in place of " + what;
   }
 }
 
@@ -201,7 +229,8 @@ void Parser::Implementation::note_suspect(const Token& token)
 void Parser::Implementation::restart_at_suspect()
 {
   const std::string word = suspect_is_assignment ? std::string(suspect.text) : upper_case(suspect.text);
-  diagnostics->error(Problem::syntax, suspect.where, "A semicolon is missing before " + word + ".", suspect.length).found = found_text(suspect);
+  diagnostics->error(Problem::syntax, suspect.where, "A semicolon is missing before " + word + ".", suspect.length)
+      .found = found_text(suspect);
   Diagnostic& d = diagnostics->list().back();
   d.repair = "the statement was ended before " + word;
   stream.cursor() = suspect_at;
@@ -234,9 +263,12 @@ void Parser::Implementation::skip_statement()
       ++frame.at;
       return;
     }
-    if (shape == Shape::text) frame.at = quote_shape(text, frame.at).end;
-    else if (shape == Shape::word) frame.at = word_end(text, frame.at);
-    else ++frame.at;
+    if (shape == Shape::text)
+      frame.at = quote_shape(text, frame.at).end;
+    else if (shape == Shape::word)
+      frame.at = word_end(text, frame.at);
+    else
+      ++frame.at;
     if (too_many()) return;
   }
 }
@@ -268,7 +300,8 @@ bool Parser::Implementation::too_many()
 {
   if (stopped) return true;
   if (diagnostics->errors() <= most_errors && earlier_errors + diagnostics->errors() <= most_total_errors) return false;
-  diagnostics->error(Problem::too_many_errors, stream.position(stream.cursor().back()), "There are too many errors: the rest of the program is not read.");
+  diagnostics->error(Problem::too_many_errors, stream.position(stream.cursor().back()),
+                     "There are too many errors: the rest of the program is not read.");
   stopped = true;
   stream.cursor().resize(1);
   stream.cursor().back().at = request.sources->source(request.program).text.size();

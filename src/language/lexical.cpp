@@ -10,9 +10,18 @@ namespace torvale::language {
 
 namespace {
 
-bool digit(char c) { return c >= '0' && c <= '9'; }
-bool hexadecimal_digit(char c) { return digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
-char at_or_nul(std::string_view text, std::size_t at) { return at < text.size() ? text[at] : '\0'; }
+bool digit(char c)
+{
+  return c >= '0' && c <= '9';
+}
+bool hexadecimal_digit(char c)
+{
+  return digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+char at_or_nul(std::string_view text, std::size_t at)
+{
+  return at < text.size() ? text[at] : '\0';
+}
 
 std::size_t digits_end(std::string_view text, std::size_t at)
 {
@@ -100,9 +109,18 @@ std::optional<double> take_time(std::string_view& s)
 
 } // namespace
 
-bool name_start(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; }
-bool name_char(char c) { return name_start(c) || digit(c); }
-char upper_case(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+bool name_start(char c)
+{
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+}
+bool name_char(char c)
+{
+  return name_start(c) || digit(c);
+}
+char upper_case(char c)
+{
+  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
 
 std::string upper_case(std::string_view s)
 {

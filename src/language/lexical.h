@@ -8,8 +8,8 @@
 
 namespace torvale::language {
 
-bool name_start(char c);  // letter or underscore
-bool name_char(char c);   // letter, digit or underscore
+bool name_start(char c); // letter or underscore
+bool name_char(char c);  // letter, digit or underscore
 char upper_case(char c);
 std::string upper_case(std::string_view s);
 
@@ -27,18 +27,18 @@ std::size_t missing_end(std::string_view text, std::size_t at);
 
 struct NumberShape {
   std::size_t end;
-  bool whole;           // no point and no exponent
-  bool hexadecimal;     // a digit, hexadecimal digits, x
+  bool whole;       // no point and no exponent
+  bool hexadecimal; // a digit, hexadecimal digits, x
 };
 NumberShape number_shape(std::string_view text, std::size_t at);
 double number_value(std::string_view digits, bool hexadecimal);
 
 // A quoted text; it must close on its line.
 struct QuoteShape {
-  std::size_t end;      // behind the closing quote and the suffix
-  std::size_t inside;   // place of the closing quote
+  std::size_t end;    // behind the closing quote and the suffix
+  std::size_t inside; // place of the closing quote
   bool closed;
-  char suffix;          // 0, 'n' name, 'd' date, 't' time, 'm' date and time
+  char suffix; // 0, 'n' name, 'd' date, 't' time, 'm' date and time
 };
 QuoteShape quote_shape(std::string_view text, std::size_t at);
 // The characters between quotes: doubled quotes halved.

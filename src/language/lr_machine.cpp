@@ -8,8 +8,10 @@ std::optional<int> LrMachine::entry(int state, int symbol) const
   int low = 0, high = (control_->prsndx[state + 1] - control_->prsndx[state]) / 2;
   while (low < high) {
     const int middle = (low + high) / 2;
-    if (pairs[2 * middle] < symbol) low = middle + 1;
-    else high = middle;
+    if (pairs[2 * middle] < symbol)
+      low = middle + 1;
+    else
+      high = middle;
   }
   if (low >= (control_->prsndx[state + 1] - control_->prsndx[state]) / 2 || pairs[2 * low] != symbol) return {};
   return pairs[2 * low + 1];
@@ -27,7 +29,10 @@ int LrMachine::action(int production) const
   return p[0] > 0 && p[1] < 0 ? -p[1] : 0;
 }
 
-int LrMachine::left_side(int production) const { return control_->goaltoken + control_->lhstbl[production]; }
+int LrMachine::left_side(int production) const
+{
+  return control_->goaltoken + control_->lhstbl[production];
+}
 
 bool LrMachine::accepts(int terminal) const
 {
@@ -48,8 +53,10 @@ bool LrMachine::accepts(int terminal) const
     }
     if (production == 0) return false; // the goal: no token follows
     for (int n = length(production); n > 0; --n) {
-      if (extra.empty()) --base;
-      else extra.pop_back();
+      if (extra.empty())
+        --base;
+      else
+        extra.pop_back();
     }
     const int below = extra.empty() ? states_[base - 1] : extra.back();
     extra.push_back(static_cast<std::int16_t>(*entry(below, left_side(production))));
@@ -86,8 +93,10 @@ bool LrMachine::consume(int terminal)
 void LrMachine::settle()
 {
   while (!accepted_)
-    if (const auto only = forced_reduction()) reduce(*only);
-    else return;
+    if (const auto only = forced_reduction())
+      reduce(*only);
+    else
+      return;
 }
 
 void LrMachine::cut(std::size_t keep, int nonterminal)

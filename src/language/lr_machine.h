@@ -1,5 +1,6 @@
 #pragma once
-// The states of a parse: interprets the tables of PARSECONTROL. Copies are cheap, so that a repair can be tried out on one.
+// The states of a parse: interprets the tables of PARSECONTROL. Copies are cheap, so that a repair can be tried out on
+// one.
 
 #include "language/grammar.h"
 
@@ -29,9 +30,9 @@ public:
   // True when the goal has been reached: nothing more to read.
   bool accepted() const { return accepted_; }
 
-  int length(int production) const;            // symbols on the right-hand side
-  int action(int production) const;            // its action from 1, or 0
-  int left_side(int production) const;         // symbol number
+  int length(int production) const;    // symbols on the right-hand side
+  int action(int production) const;    // its action from 1, or 0
+  int left_side(int production) const; // symbol number
   void shift(int terminal) { states_.push_back(static_cast<std::int16_t>(*entry(top(), terminal))); }
   void reduce(int production);
   void mark_accepted() { accepted_ = true; }

@@ -18,7 +18,8 @@ std::string word_behind(std::string_view text, std::size_t at)
   return upper_case(text.substr(at + 1, word_end(text, at + 1) - at - 1));
 }
 
-// Place behind a quoted text or comment that begins at `at`; `at` when none does. An unclosed one ends at its line's end.
+// Place behind a quoted text or comment that begins at `at`; `at` when none does. An unclosed one ends at its line's
+// end.
 std::size_t pass_opaque(std::string_view text, std::size_t at)
 {
   if (text[at] == '\'') return quote_shape(text, at).end;
@@ -34,7 +35,10 @@ std::size_t find_close(std::string_view text, std::size_t at, std::string_view o
 {
   int depth = 0;
   for (std::size_t i = at; i < text.size();) {
-    if (const std::size_t j = pass_opaque(text, i); j > i) { i = j; continue; }
+    if (const std::size_t j = pass_opaque(text, i); j > i) {
+      i = j;
+      continue;
+    }
     if (text[i] == '%') {
       const std::string w = word_behind(text, i);
       if (w == open) ++depth;
@@ -45,7 +49,10 @@ std::size_t find_close(std::string_view text, std::size_t at, std::string_view o
   return npos;
 }
 
-std::size_t skip_spaces(std::string_view text, std::size_t at) { return skip_blanks(text, at, nullptr); }
+std::size_t skip_spaces(std::string_view text, std::size_t at)
+{
+  return skip_blanks(text, at, nullptr);
+}
 
 std::string_view trimmed(std::string_view s)
 {
@@ -66,8 +73,10 @@ std::vector<std::string_view> split_arguments(std::string_view inside)
     if (c == '\'' || c == '"') {
       const std::size_t close = inside.find(c, i + 1);
       i = close == npos ? inside.size() - 1 : close;
-    } else if (c == '(') ++depth;
-    else if (c == ')') --depth;
+    } else if (c == '(')
+      ++depth;
+    else if (c == ')')
+      --depth;
     else if (c == ',' && depth == 0) {
       parts.push_back(inside.substr(begin, i - begin));
       begin = i + 1;
@@ -119,7 +128,8 @@ MacroFault read_loop_header(std::string_view text, std::size_t at, LoopHeader& h
 }
 
 // A limit of a loop: parameters replaced, then an integer.
-MacroFault loop_number(std::string_view text, std::size_t at, std::vector<MacroParameter>& bound, std::size_t& budget, long& value)
+MacroFault loop_number(std::string_view text, std::size_t at, std::vector<MacroParameter>& bound, std::size_t& budget,
+                       long& value)
 {
   std::string written;
   if (const MacroFault fault = expand(text, bound, written, budget)) return {fault.text, at};
@@ -174,7 +184,8 @@ MacroFault read_definition(std::string_view text, std::size_t at, Macro& macro, 
   i = skip_spaces(text, word);
   if (i < text.size() && text[i] == '(') {
     const std::size_t bracket = closing_bracket(text, i);
-    if (bracket == npos || bracket > close) return {"The parameter list of %macro " + macro.name + " is not closed.", i};
+    if (bracket == npos || bracket > close)
+      return {"The parameter list of %macro " + macro.name + " is not closed.", i};
     const std::string_view inside = text.substr(i + 1, bracket - i - 2);
     if (!trimmed(inside).empty())
       for (std::string_view part : split_arguments(inside)) {
@@ -192,7 +203,8 @@ MacroFault read_definition(std::string_view text, std::size_t at, Macro& macro, 
   return {};
 }
 
-MacroFault read_call(std::string_view text, std::size_t at, const Macro& macro, std::vector<MacroParameter>& bound, std::size_t* end)
+MacroFault read_call(std::string_view text, std::size_t at, const Macro& macro, std::vector<MacroParameter>& bound,
+                     std::size_t* end)
 {
   bound = macro.parameters;
   *end = at;
@@ -211,8 +223,10 @@ MacroFault read_call(std::string_view text, std::size_t at, const Macro& macro, 
     if (name_end == 0 || rest.empty() || rest.front() != '=')
       return {"%" + macro.name + " takes its parameters by name, as name=value, not '" + std::string(p) + "'.", i};
     const std::string name = upper_case(p.substr(0, name_end));
-    const auto found = std::find_if(bound.begin(), bound.end(), [&](const MacroParameter& m) { return m.name == name; });
-    if (found == bound.end()) return {"%" + macro.name + " has no parameter called " + std::string(p.substr(0, name_end)) + ".", i};
+    const auto found =
+        std::find_if(bound.begin(), bound.end(), [&](const MacroParameter& m) { return m.name == name; });
+    if (found == bound.end())
+      return {"%" + macro.name + " has no parameter called " + std::string(p.substr(0, name_end)) + ".", i};
     found->value = std::string(trimmed(rest.substr(1)));
   }
   return {};
@@ -228,7 +242,8 @@ MacroFault find_loop_end(std::string_view text, std::size_t at, std::size_t* end
   return {};
 }
 
-MacroFault expand(std::string_view text, std::vector<MacroParameter>& bound, std::string& out, std::size_t& budget, int depth)
+MacroFault expand(std::string_view text, std::vector<MacroParameter>& bound, std::string& out, std::size_t& budget,
+                  int depth)
 {
   const std::size_t before = out.size();
   for (std::size_t i = 0; i < text.size();) {
@@ -241,7 +256,8 @@ MacroFault expand(std::string_view text, std::vector<MacroParameter>& bound, std
     const std::string word = text[i] == '&' || text[i] == '%' ? word_behind(text, i) : std::string();
     if (text[i] == '&' && !word.empty()) {
       // The innermost binding of a name holds: search from the back.
-      const auto found = std::find_if(bound.rbegin(), bound.rend(), [&](const MacroParameter& m) { return m.name == word; });
+      const auto found =
+          std::find_if(bound.rbegin(), bound.rend(), [&](const MacroParameter& m) { return m.name == word; });
       if (found != bound.rend()) {
         out += found->value;
         i += 1 + word.size();
@@ -258,8 +274,7 @@ MacroFault expand(std::string_view text, std::vector<MacroParameter>& bound, std
       i = end;
       continue;
     }
-    if (text[i] == '%' && (word == "END" || word == "TO" || word == "BY"))
-      return {"%" + word + " without %do.", i};
+    if (text[i] == '%' && (word == "END" || word == "TO" || word == "BY")) return {"%" + word + " without %do.", i};
     out += text[i++];
   }
   budget -= std::min(budget, out.size() - before);

@@ -11,14 +11,15 @@ using syntax::same_name;
 
 namespace {
 
-constexpr std::size_t deepest_stack = 12000;  // symbols on the parse stack
+constexpr std::size_t deepest_stack = 12000; // symbols on the parse stack
 constexpr std::size_t longest_name = 32;
 
 } // namespace
 
 Parser::Implementation::Implementation(ParseRequest r)
-  : request(std::move(r)), stream(*request.sources, diagnostics, request.read_file),
-    scanner(control, stream, *request.arena, diagnostics), builder(request, scanner, stream, diagnostics), repair(control, scanner)
+    : request(std::move(r)), stream(*request.sources, diagnostics, request.read_file),
+      scanner(control, stream, *request.arena, diagnostics), builder(request, scanner, stream, diagnostics),
+      repair(control, scanner)
 {
   semicolon = scanner.spellings().mark(";");
   control.user = this;
@@ -71,7 +72,8 @@ bool Parser::Implementation::find_step()
       continue;
     }
     if (!told && word != "RUN" && word != "QUIT" && word != "CMT" && text[frame.at] != ';') {
-      Diagnostic& d = diagnostics->error(Problem::before_first_step, where, "A step begins with the TORVALE statement; this one stands before it.",
+      Diagnostic& d = diagnostics->error(Problem::before_first_step, where,
+                                         "A step begins with the TORVALE statement; this one stands before it.",
                                          static_cast<std::int32_t>(std::max<std::size_t>(1, word.size())));
       if (edit_distance(word, "TORVALE", 2) <= 2) d.suggestion = "TORVALE";
       told = true;
@@ -93,15 +95,19 @@ void Parser::Implementation::read_token()
     return;
   }
   if (token.symbol == token_class::QS && diagnostics->errors() > errors_before) quiet = true;
-  if (token.symbol == token_class::NAMEX || token.symbol == token_class::VLITERAL || token.symbol == token_class::COMPOUND) check_name(token);
+  if (token.symbol == token_class::NAMEX || token.symbol == token_class::VLITERAL ||
+      token.symbol == token_class::COMPOUND)
+    check_name(token);
   if (values.size() > deepest_stack) {
-    diagnostics->error(Problem::too_deep, token.where, "Statements or expressions are nested too deeply here: split them.");
+    diagnostics->error(Problem::too_deep, token.where,
+                       "Statements or expressions are nested too deeply here: split them.");
     give_up_statement(token);
     return;
   }
   if (!parse->accepts(token.symbol)) return handle_error(token);
   // "RUN;" taken for the last name of a list: nobody calls a variable so at a line's start.
-  if (token.symbol == semicolon && suspect.symbol != 0 && suspect.begin == last.begin && (same_name(last.text, "RUN") || same_name(last.text, "QUIT")))
+  if (token.symbol == semicolon && suspect.symbol != 0 && suspect.begin == last.begin &&
+      (same_name(last.text, "RUN") || same_name(last.text, "QUIT")))
     return restart_at_suspect();
   note_suspect(token);
   shift(token);
@@ -111,7 +117,8 @@ void Parser::Implementation::check_name(const Token& token)
 {
   if (token.symbol == token_class::COMPOUND || token.text.size() <= longest_name) return;
   diagnostics->error(Problem::name_too_long, token.where,
-                     "The name " + std::string(token.text.substr(0, 60)) + " has " + std::to_string(token.text.size()) + " characters: a name has at most 32.",
+                     "The name " + std::string(token.text.substr(0, 60)) + " has " + std::to_string(token.text.size()) +
+                         " characters: a name has at most 32.",
                      token.length);
 }
 
@@ -127,7 +134,8 @@ void Parser::Implementation::reduce(int production)
 {
   const std::size_t n = static_cast<std::size_t>(parse->length(production));
   const int number = parse->action(production);
-  if (control.xsyndebug) trace("reduce " + std::string(nonterminal_name(parse->left_side(production) - control.goaltoken)));
+  if (control.xsyndebug)
+    trace("reduce " + std::string(nonterminal_name(parse->left_side(production) - control.goaltoken)));
   parse->reduce(production);
   if (parse->accepted()) return;
   Value result = n > 0 ? values[values.size() - n] : Value{};
@@ -155,8 +163,10 @@ void Parser::Implementation::reduce(int production)
 void Parser::Implementation::settle()
 {
   while (!parse->accepted())
-    if (const auto only = parse->forced_reduction()) reduce(*only);
-    else return;
+    if (const auto only = parse->forced_reduction())
+      reduce(*only);
+    else
+      return;
 }
 
 void Parser::Implementation::shift(const Token& token)
@@ -199,6 +209,9 @@ int Parser::Implementation::nonterminal(std::string_view name) const
 
 Parser::Parser(ParseRequest request) : implementation_(std::make_unique<Implementation>(std::move(request))) {}
 Parser::~Parser() = default;
-ParseResult Parser::parse_step() { return implementation_->parse_step(); }
+ParseResult Parser::parse_step()
+{
+  return implementation_->parse_step();
+}
 
 } // namespace torvale::language

@@ -26,9 +26,9 @@ struct InputVariable {
 };
 
 struct ParseRequest {
-  syntax::SourceMap* sources = nullptr;  // holds the program's text; borrowed
-  syntax::Arena* arena = nullptr;        // takes the trees; borrowed, must outlive the results
-  std::int32_t program = 0;              // index of the program's text in `sources`
+  syntax::SourceMap* sources = nullptr; // holds the program's text; borrowed
+  syntax::Arena* arena = nullptr;       // takes the trees; borrowed, must outlive the results
+  std::int32_t program = 0;             // index of the program's text in `sources`
 
   // tvlsem: called at the end of CMPTMODEL (77), MODEL (78), RANDOM, CONTRAST, ESTIMATE, PREDICT, REPLICATE (83), once
   // the semicolon has been read and nothing behind it. May push lines in front of what is left: xtanch, xttpshx,
@@ -40,16 +40,16 @@ struct ParseRequest {
   // a--b and a: . Empty when they are not known.
   std::function<std::vector<InputVariable>(const syntax::STMT& torvale)> on_procedure_statement;
 
-  FileReader read_file;                  // for INCLUDE; may be empty
+  FileReader read_file; // for INCLUDE; may be empty
 
   // Takes a line for each shift and reduction while trace class 1 (FLOW, TRACE) is on; may be empty.
   std::function<void(const std::string& line)> trace;
 };
 
 struct ParseResult {
-  bool found = false;                    // a step was read; false at the end of the program
+  bool found = false; // a step was read; false at the end of the program
   syntax::PROCSTR proc;
-  std::vector<Diagnostic> diagnostics;   // in order of discovery
+  std::vector<Diagnostic> diagnostics; // in order of discovery
 };
 
 class Parser {

@@ -9,8 +9,8 @@ namespace torvale::language {
 
 namespace {
 
-constexpr int enough_tokens = 5;   // that must follow a repair before it is trusted
-constexpr int stuck_penalty = 10;  // for each of them that does not
+constexpr int enough_tokens = 5;  // that must follow a repair before it is trusted
+constexpr int stuck_penalty = 10; // for each of them that does not
 
 // Marks that people forget, best guess first; all cost the same to insert, so this decides between them.
 constexpr std::string_view likely_marks[] = {";", ")", "]", "}", ",", "~", "(", "*", "=", "+"};
@@ -56,15 +56,29 @@ std::string Repair::shown(int terminal) const
 {
   using namespace token_class;
   switch (terminal) {
-  case ENDJB: return "the end of the step";
-  case NAMEX: case VLITERAL: case COMPOUND: return "a name";
-  case QS: return "a quoted text";
-  case INT: case NBR: return "a number";
-  case FMT: return "a format";
-  case DATE: case TIME: case DATETIME: return "a date or time";
-  case MISSING: return "a missing value";
-  case HSTDS: return "data set options";
-  default: break;
+  case ENDJB:
+    return "the end of the step";
+  case NAMEX:
+  case VLITERAL:
+  case COMPOUND:
+    return "a name";
+  case QS:
+    return "a quoted text";
+  case INT:
+  case NBR:
+    return "a number";
+  case FMT:
+    return "a format";
+  case DATE:
+  case TIME:
+  case DATETIME:
+    return "a date or time";
+  case MISSING:
+    return "a missing value";
+  case HSTDS:
+    return "data set options";
+  default:
+    break;
   }
   std::string s(control_.spelling(terminal));
   if (s.size() > 1 && s.back() == '$') s.pop_back();
@@ -85,7 +99,8 @@ bool Repair::takes_operand(const LrMachine& parse) const
 
 bool Repair::takes_options(const LrMachine& parse) const
 {
-  if (parse.accepts(token_class::NAMEX) || takes_operator(parse) || !parse.accepts(scanner_.spellings().mark(";"))) return false;
+  if (parse.accepts(token_class::NAMEX) || takes_operator(parse) || !parse.accepts(scanner_.spellings().mark(";")))
+    return false;
   for (const OptionRow& row : option_rows())
     if (const int t = scanner_.spellings().word(row.words[0]); t != 0 && parse.accepts(t)) return true;
   return false;
@@ -110,17 +125,23 @@ std::vector<std::string> Repair::expected(const LrMachine& parse, std::size_t mo
   }
   if (expression) add("an expression");
   for (std::string_view m : {";", ")", "]", "}", ",", "=", "~", "(", "[", "/", ":"})
-    if (!(operators && (m == "=" || m == "/" || m == "~")) && !(expression && (m == "(" || m == "~")) && can(m)) add("'" + std::string(m) + "'");
+    if (!(operators && (m == "=" || m == "/" || m == "~")) && !(expression && (m == "(" || m == "~")) && can(m))
+      add("'" + std::string(m) + "'");
   if (operators) add("an operator");
   for (int t = 1; t < control_.maxterminal && out.size() < most; ++t) {
     if (t > token_class::HSTDS && t <= control_.classes) continue;
     if (scanner_.spellings().hidden(t)) continue;
     const std::string_view s = control_.spelling(t);
     const bool word = t > control_.classes && name_start(s[0]);
-    const bool word_operator = word && operators && (s == "OR" || s == "AND" || s == "IN" || s == "NOTIN" || s == "EQ" || s == "NE" || s == "LT" || s == "LE" || s == "GT" || s == "GE");
-    if (word_operator || (expression && (t <= control_.classes || s == "NOT" || s == "IF" || s == "PUT" || s == "OF"))) continue;
+    const bool word_operator = word && operators &&
+                               (s == "OR" || s == "AND" || s == "IN" || s == "NOTIN" || s == "EQ" || s == "NE" ||
+                                s == "LT" || s == "LE" || s == "GT" || s == "GE");
+    if (word_operator || (expression && (t <= control_.classes || s == "NOT" || s == "IF" || s == "PUT" || s == "OF")))
+      continue;
     if (t > control_.classes && !word && (operators || expression || parse.accepts(token_class::INT))) continue;
-    if ((t == token_class::DATE || t == token_class::TIME || t == token_class::DATETIME) && parse.accepts(token_class::INT)) continue;
+    if ((t == token_class::DATE || t == token_class::TIME || t == token_class::DATETIME) &&
+        parse.accepts(token_class::INT))
+      continue;
     if (parse.accepts(t)) add(shown(t));
   }
   return out;
@@ -131,7 +152,7 @@ int Repair::tokens_that_follow(LrMachine parse, Cursor cursor, int enough)
   const int semicolon = scanner_.spellings().mark(";");
   for (int n = 0; n < enough; ++n) {
     const Token token = scanner_.next_copy(parse, cursor);
-    if (token.symbol == 0) return enough;           // a macro: nothing speaks against it
+    if (token.symbol == 0) return enough; // a macro: nothing speaks against it
     if (!parse.consume(token.symbol)) return n;
     if (token.symbol == semicolon || parse.accepted()) return enough;
   }
@@ -168,17 +189,20 @@ std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& beg
 
   // What can be inserted here: first the likely marks, then every terminal that can be shifted.
   std::vector<int> terminals;
-  if (const int to = scanner_.spellings().word("TO"); wrong.symbol == token_class::INT && parse.accepts(to)) terminals.push_back(to);
+  if (const int to = scanner_.spellings().word("TO"); wrong.symbol == token_class::INT && parse.accepts(to))
+    terminals.push_back(to);
   for (std::string_view m : likely_marks) terminals.push_back(scanner_.spellings().mark(m));
   for (int t = 1; t < control_.maxterminal; ++t)
-    if (!scanner_.spellings().hidden(t) && std::find(terminals.begin(), terminals.end(), t) == terminals.end()) terminals.push_back(t);
+    if (!scanner_.spellings().hidden(t) && std::find(terminals.begin(), terminals.end(), t) == terminals.end())
+      terminals.push_back(t);
   // Of words only those that people leave out: any other would only hide the mistake.
   const auto word = [&](int t) { return t > control_.classes && name_start(control_.spelling(t)[0]); };
   const auto forgotten = [&](int t) {
     const std::string_view s = control_.spelling(t);
     return s == "THEN" || s == "END" || s == "TO";
   };
-  std::erase_if(terminals, [&](int t) { return t == token_class::ENDJB || (word(t) && !forgotten(t)) || !parse.accepts(t); });
+  std::erase_if(terminals,
+                [&](int t) { return t == token_class::ENDJB || (word(t) && !forgotten(t)) || !parse.accepts(t); });
 
   // A misspelled keyword is worth more than anything that makes sense of the rest.
   Cursor behind = begin;
@@ -192,10 +216,12 @@ std::optional<RepairPlan> Repair::find(const LrMachine& parse, const Cursor& beg
 
   for (int t : terminals) consider(parse, begin, {insert_cost(t), 0, {t}, {}});
   // The cheapest text of each nonterminal that can stand here, from the tables.
-  for (const std::int16_t* pair = control_.prslst + control_.prsndx[parse.top()]; pair < control_.prslst + control_.prsndx[parse.top() + 1]; pair += 2) {
+  for (const std::int16_t* pair = control_.prslst + control_.prsndx[parse.top()];
+       pair < control_.prslst + control_.prsndx[parse.top() + 1]; pair += 2) {
     if (pair[0] < control_.goaltoken) continue;
     const std::int16_t* text = control_.instbl + control_.insndx[pair[0] - control_.goaltoken];
-    if (text[0] > 1 && std::none_of(text + 1, text + 1 + text[0], word)) consider(parse, begin, {insert_cost(pair[0]), 0, {text + 1, text + 1 + text[0]}, {}});
+    if (text[0] > 1 && std::none_of(text + 1, text + 1 + text[0], word))
+      consider(parse, begin, {insert_cost(pair[0]), 0, {text + 1, text + 1 + text[0]}, {}});
   }
   for (int t : terminals) { // two insertions: the second must make the wrong token fit
     if (insert_cost(t) * 2 >= control_.valcost) continue;

@@ -13,9 +13,9 @@ namespace torvale::language {
 
 struct RepairPlan {
   int cost = 0;
-  int deleted = 0;                 // tokens left out, from the wrong one on
-  std::vector<int> inserted;       // terminals put in their place
-  std::string replacement;         // of a misspelled word: the keyword meant
+  int deleted = 0;           // tokens left out, from the wrong one on
+  std::vector<int> inserted; // terminals put in their place
+  std::string replacement;   // of a misspelled word: the keyword meant
 };
 
 class Repair {

@@ -1,7 +1,7 @@
 #include "language/scanner.h"
 
-#include "language/lexical.h"
 #include "host/missing.h"
+#include "language/lexical.h"
 
 #include <cmath>
 #include <utility>
@@ -37,9 +37,18 @@ int find(const std::unordered_map<std::string, int>& map, std::string_view key)
 }
 } // namespace
 
-int Spellings::word(std::string_view upper) const { return find(words_, upper); }
-int Spellings::word_equals(std::string_view upper) const { return find(word_equals_, upper); }
-int Spellings::mark(std::string_view text) const { return find(marks_, text); }
+int Spellings::word(std::string_view upper) const
+{
+  return find(words_, upper);
+}
+int Spellings::word_equals(std::string_view upper) const
+{
+  return find(word_equals_, upper);
+}
+int Spellings::mark(std::string_view text) const
+{
+  return find(marks_, text);
+}
 
 bool Spellings::hidden(int terminal) const
 {
@@ -61,8 +70,14 @@ std::string_view Scanner::keyword_text(std::string_view s)
   return it->second;
 }
 
-void Scanner::declare_array(std::string_view name) { arrays_.insert(upper_case(name)); }
-bool Scanner::is_array(std::string_view name) const { return arrays_.count(upper_case(name)) > 0; }
+void Scanner::declare_array(std::string_view name)
+{
+  arrays_.insert(upper_case(name));
+}
+bool Scanner::is_array(std::string_view name) const
+{
+  return arrays_.count(upper_case(name)) > 0;
+}
 
 Token Scanner::make(int symbol, Cursor& cursor, std::size_t end, std::string_view text)
 {
@@ -92,13 +107,15 @@ Token Scanner::next(const LrMachine& parse)
 Token Scanner::next_copy(const LrMachine& parse, Cursor& cursor)
 {
   switch (stream_.seek_copy(cursor)) {
-  case TokenStream::Next::macro: return {};
+  case TokenStream::Next::macro:
+    return {};
   case TokenStream::Next::end: {
     Token token;
     token.symbol = ENDJB;
     return token;
   }
-  case TokenStream::Next::token: break;
+  case TokenStream::Next::token:
+    break;
   }
   return scan(parse, cursor, false);
 }
@@ -122,25 +139,30 @@ Token Scanner::scan(const LrMachine& parse, Cursor& cursor, bool report)
     if (end != std::string_view::npos && !dotted) return make(FMT, cursor, end, arena_.text(text.substr(at, end - at)));
   }
   switch (shape_at(text, at)) {
-  case Shape::end: return {};
+  case Shape::end:
+    return {};
   case Shape::word: {
     // A statement can begin exactly where DO can stand.
     const bool start = parse.accepts(spellings_.word("DO"));
-    if (start && upper_case(text.substr(at, word_end(text, at) - at)) == "CMT" && !names_variable("CMT", text, at + 3)) {
+    if (start && upper_case(text.substr(at, word_end(text, at) - at)) == "CMT" &&
+        !names_variable("CMT", text, at + 3)) {
       skip_statement_comment(cursor);
       return {};
     }
     return word(parse, cursor, start);
   }
-  case Shape::number: return number(parse, cursor, report);
-  case Shape::text: return quoted(parse, cursor, report);
+  case Shape::number:
+    return number(parse, cursor, report);
+  case Shape::text:
+    return quoted(parse, cursor, report);
   case Shape::missing: {
     const std::size_t end = missing_end(text, at);
     Token token = make(MISSING, cursor, end, arena_.text(text.substr(at, end - at)));
     token.number = host::special_missing(end == at + 2 ? text[at + 1] : '.');
     return token;
   }
-  case Shape::mark: break;
+  case Shape::mark:
+    break;
   }
   if (text[at] == '*' && parse.accepts(spellings_.word("DO"))) {
     skip_statement_comment(cursor);
@@ -167,12 +189,19 @@ char follower(std::string_view text, std::size_t end, std::size_t* place = nullp
 bool Scanner::names_variable(std::string_view upper, std::string_view text, std::size_t end) const
 {
   switch (follower(text, end)) {
-  case '=': case ':': return true;
-  case '[': case '{': return true;
-  case '+': return upper != "PUT";
+  case '=':
+  case ':':
+    return true;
+  case '[':
+  case '{':
+    return true;
+  case '+':
+    return upper != "PUT";
   case '(':
-    return upper != "IF" && upper != "DO" && upper != "SELECT" && upper != "RETURN" && upper != "WHEN" && is_array(upper);
-  default: return false;
+    return upper != "IF" && upper != "DO" && upper != "SELECT" && upper != "RETURN" && upper != "WHEN" &&
+           is_array(upper);
+  default:
+    return false;
   }
 }
 
@@ -192,7 +221,8 @@ bool Scanner::keeps_keyword(std::string_view upper, std::string_view text, std::
 }
 
 // The symbol of a word; *used gets its end (behind the "=" of a word that contains it).
-int Scanner::word_symbol(const LrMachine& parse, const Cursor& cursor, std::string_view upper, std::size_t end, bool start, std::size_t* used)
+int Scanner::word_symbol(const LrMachine& parse, const Cursor& cursor, std::string_view upper, std::size_t end,
+                         bool start, std::size_t* used)
 {
   const std::string_view text = stream_.text(cursor);
   *used = end;
@@ -245,12 +275,15 @@ Token Scanner::number(const LrMachine& parse, Cursor& cursor, bool report)
   token.number = number_value(spelled, shape.hexadecimal);
   if (!report) return token;
   if (std::isinf(token.number))
-    diagnostics_->error(Problem::bad_literal, token.where, std::string(spelled) + " is too large for a number.", token.length);
+    diagnostics_->error(Problem::bad_literal, token.where, std::string(spelled) + " is too large for a number.",
+                        token.length);
   const bool letters = spelled.find_first_of("abcdefABCDEF") != std::string_view::npos;
   if (shape.hexadecimal && !letters && spelled.size() <= 3)
     diagnostics_->warning(Problem::ambiguous_reading, token.where,
-                          std::string(spelled) + " is read as the hexadecimal number " + std::string(spelled.substr(0, spelled.size() - 1)) +
-                            "; a product is written " + std::string(spelled.substr(0, spelled.size() - 1)) + "*" + std::string(spelled.substr(spelled.size() - 1)) + ".",
+                          std::string(spelled) + " is read as the hexadecimal number " +
+                              std::string(spelled.substr(0, spelled.size() - 1)) + "; a product is written " +
+                              std::string(spelled.substr(0, spelled.size() - 1)) + "*" +
+                              std::string(spelled.substr(spelled.size() - 1)) + ".",
                           token.length);
   return token;
 }
@@ -265,19 +298,25 @@ Token Scanner::quoted(const LrMachine& parse, Cursor& cursor, bool report)
   const syntax::Position where = stream_.position(cursor.back());
   if (!shape.closed && report)
     diagnostics_->error(Problem::unclosed_quote, where,
-                        "The text that begins here has no closing quote on its line: add " + std::string(1, text[at]) + ".",
+                        "The text that begins here has no closing quote on its line: add " + std::string(1, text[at]) +
+                            ".",
                         static_cast<std::int32_t>(shape.end - at));
   if (shape.suffix == 0) return make(QS, cursor, shape.end, arena_.text(content));
   if (shape.suffix == 'n') return make(VLITERAL, cursor, shape.end, intern(content));
-  const auto value = shape.suffix == 'd' ? date_value(content) : shape.suffix == 't' ? time_value(content) : datetime_value(content);
-  Token token = make(shape.suffix == 'd' ? DATE : shape.suffix == 't' ? TIME : DATETIME, cursor, shape.end,
-                     arena_.text(text.substr(at, shape.end - at)));
+  const auto value = shape.suffix == 'd'   ? date_value(content)
+                     : shape.suffix == 't' ? time_value(content)
+                                           : datetime_value(content);
+  Token token = make(shape.suffix == 'd'   ? DATE
+                     : shape.suffix == 't' ? TIME
+                                           : DATETIME,
+                     cursor, shape.end, arena_.text(text.substr(at, shape.end - at)));
   token.number = value.value_or(host::missing);
   if (!value && report)
     diagnostics_->error(Problem::bad_literal, where,
-                        std::string(token.text) + " is no " + (shape.suffix == 'd' ? "date: write '31jan2024'd or '2024-01-31'd."
-                                                               : shape.suffix == 't' ? "time of day: write '13:30't or '13:30:15't."
-                                                                                     : "date and time: write '31jan2024:13:30:00'dt."),
+                        std::string(token.text) + " is no " +
+                            (shape.suffix == 'd'   ? "date: write '31jan2024'd or '2024-01-31'd."
+                             : shape.suffix == 't' ? "time of day: write '13:30't or '13:30:15't."
+                                                   : "date and time: write '31jan2024:13:30:00'dt."),
                         token.length);
   return token;
 }
@@ -287,8 +326,8 @@ namespace {
 std::string_view plain_character(std::string_view c)
 {
   static constexpr std::pair<std::string_view, std::string_view> table[] = {
-    {"\u2212", "-"}, {"\u2013", "-"}, {"\u2014", "-"}, {"\u2018", "'"}, {"\u2019", "'"}, {"\u201c", "\""}, {"\u201d", "\""},
-    {"\u00d7", "*"}, {"\u2264", "<="}, {"\u2265", ">="}, {"\u2260", "^="}, {"\u00a0", "a blank"}};
+      {"\u2212", "-"},  {"\u2013", "-"}, {"\u2014", "-"},  {"\u2018", "'"},  {"\u2019", "'"},  {"\u201c", "\""},
+      {"\u201d", "\""}, {"\u00d7", "*"}, {"\u2264", "<="}, {"\u2265", ">="}, {"\u2260", "^="}, {"\u00a0", "a blank"}};
   for (const auto& [from, to] : table)
     if (c == from) return to;
   return {};
@@ -307,7 +346,10 @@ Token Scanner::mark(const LrMachine& parse, Cursor& cursor, bool report)
     const int symbol = spellings_.mark(text.substr(at, size));
     if (symbol == 0) continue;
     if (parse.accepts(symbol)) return make(symbol, cursor, at + size, arena_.text(text.substr(at, size)));
-    if (longest == 0) { longest = symbol; longest_size = size; }
+    if (longest == 0) {
+      longest = symbol;
+      longest_size = size;
+    }
   }
   if (longest != 0) return make(longest, cursor, at + longest_size, arena_.text(text.substr(at, longest_size)));
   std::size_t end = at + 1; // a whole UTF-8 character
@@ -316,10 +358,12 @@ Token Scanner::mark(const LrMachine& parse, Cursor& cursor, bool report)
   token.length = 1;
   if (report) {
     const unsigned char c = static_cast<unsigned char>(text[at]);
-    const std::string shown = c < 32 || c == 127 ? "with code " + std::to_string(c) : "'" + std::string(token.text) + "'";
+    const std::string shown =
+        c < 32 || c == 127 ? "with code " + std::to_string(c) : "'" + std::string(token.text) + "'";
     const std::string_view plain = plain_character(token.text);
     diagnostics_->error(Problem::unknown_character, token.where,
-                        "The character " + shown + " has no meaning here" + (plain.empty() ? "." : ": write " + std::string(plain) + " instead."));
+                        "The character " + shown + " has no meaning here" +
+                            (plain.empty() ? "." : ": write " + std::string(plain) + " instead."));
   }
   return token;
 }

@@ -17,10 +17,10 @@ namespace torvale::language {
 class Spellings {
 public:
   explicit Spellings(const PARSECONTROL& control);
-  int word(std::string_view upper) const;     // a keyword, also by a spelling that the table marks with $; 0 none
+  int word(std::string_view upper) const;        // a keyword, also by a spelling that the table marks with $; 0 none
   int word_equals(std::string_view upper) const; // a keyword that contains its "="; 0 none
-  int mark(std::string_view text) const;      // an operator or bracket; 0 none
-  bool hidden(int terminal) const;            // a $ spelling, or a word no user types
+  int mark(std::string_view text) const;         // an operator or bracket; 0 none
+  bool hidden(int terminal) const;               // a $ spelling, or a word no user types
 
 private:
   std::unordered_map<std::string, int> words_, word_equals_, marks_;
@@ -30,7 +30,7 @@ private:
 class Scanner {
 public:
   Scanner(const PARSECONTROL& control, TokenStream& stream, syntax::Arena& arena, Diagnostics*& diagnostics)
-    : spellings_(control), stream_(stream), arena_(arena), diagnostics_(diagnostics)
+      : spellings_(control), stream_(stream), arena_(arena), diagnostics_(diagnostics)
   {
   }
 
@@ -48,7 +48,8 @@ public:
 private:
   Token scan(const LrMachine& parse, Cursor& cursor, bool report);
   Token word(const LrMachine& parse, Cursor& cursor, bool start);
-  int word_symbol(const LrMachine& parse, const Cursor& cursor, std::string_view upper, std::size_t end, bool start, std::size_t* used);
+  int word_symbol(const LrMachine& parse, const Cursor& cursor, std::string_view upper, std::size_t end, bool start,
+                  std::size_t* used);
   bool keeps_keyword(std::string_view upper, std::string_view text, std::size_t end) const;
   bool names_variable(std::string_view upper, std::string_view text, std::size_t end) const;
   Token number(const LrMachine& parse, Cursor& cursor, bool report);
@@ -62,7 +63,7 @@ private:
   TokenStream& stream_;
   syntax::Arena& arena_;
   Diagnostics*& diagnostics_;
-  std::unordered_map<std::string, std::string_view> interned_; // by upper case
+  std::unordered_map<std::string, std::string_view> interned_;      // by upper case
   std::unordered_map<std::string, std::string_view> keyword_texts_; // as typed
   std::unordered_set<std::string> arrays_;
 };

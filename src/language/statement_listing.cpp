@@ -1,8 +1,8 @@
 #include "language/statement_listing.h"
 
-#include "language/grammar.h"
 #include "host/missing.h"
 #include "host/text.h"
+#include "language/grammar.h"
 
 #include <algorithm>
 
@@ -23,12 +23,24 @@ std::string item_text(const StItem& i)
 {
   std::string text;
   switch (i.kind) {
-  case StItem::Kind::number: text = number_text(i.number); break;
-  case StItem::Kind::range: text = number_text(i.number) + " TO " + number_text(i.to) + " BY " + number_text(i.by); break;
-  case StItem::Kind::expression: text = to_text(*i.expr); break;
-  case StItem::Kind::text: text = "'" + i.text + "'"; break;
-  case StItem::Kind::data_set: text = (i.quoted ? "'" + i.text + "'" : i.text) + (i.options.empty() ? "" : "(" + i.options + ")"); break;
-  default: text = i.text; break;
+  case StItem::Kind::number:
+    text = number_text(i.number);
+    break;
+  case StItem::Kind::range:
+    text = number_text(i.number) + " TO " + number_text(i.to) + " BY " + number_text(i.by);
+    break;
+  case StItem::Kind::expression:
+    text = to_text(*i.expr);
+    break;
+  case StItem::Kind::text:
+    text = "'" + i.text + "'";
+    break;
+  case StItem::Kind::data_set:
+    text = (i.quoted ? "'" + i.text + "'" : i.text) + (i.options.empty() ? "" : "(" + i.options + ")");
+    break;
+  default:
+    text = i.text;
+    break;
   }
   if (i.descending) text += " DESCENDING";
   if (i.group >= 0) text = std::to_string(i.group) + ":" + text;
@@ -57,9 +69,14 @@ std::string slot_option(std::string_view statement, int slot)
     for (const OptionValue& v : row.bracket)
       if (v.slot == slot) return plain(row.words[0]) + "[ ]";
   }
-  struct Fixed { std::string_view statement; int slot; std::string_view name; };
-  static constexpr Fixed fixed[] = {{"TORVALE", 0, "BY"}, {"TORVALE", 80, "ID"}, {"MODEL", 1, "dependent"}, {"RANDOM", 1, "effects"},
-                                    {"RANDOM", 5, "SUBJECT"}, {"BOUNDS", 2, "operators"}, {"BOUND", 2, "operators"}, {"REPLICATE", 1, "variable"}};
+  struct Fixed {
+    std::string_view statement;
+    int slot;
+    std::string_view name;
+  };
+  static constexpr Fixed fixed[] = {{"TORVALE", 0, "BY"},      {"TORVALE", 80, "ID"},       {"MODEL", 1, "dependent"},
+                                    {"RANDOM", 1, "effects"},  {"RANDOM", 5, "SUBJECT"},    {"BOUNDS", 2, "operators"},
+                                    {"BOUND", 2, "operators"}, {"REPLICATE", 1, "variable"}};
   for (const Fixed& f : fixed)
     if (f.statement == statement && f.slot == slot) return std::string(f.name);
   if (slot == 1) return "names and values";
@@ -72,7 +89,9 @@ std::string flag_option(std::string_view statement, int flag)
   // The option that sets this flag alone comes before one that sets several.
   for (const bool single : {true, false})
     for (const OptionRow& row : option_rows())
-      if (belongs(row, statement) && (row.flags.size() == 1) == single && std::count(row.flags.begin(), row.flags.end(), flag) > 0) return plain(row.words[0]);
+      if (belongs(row, statement) && (row.flags.size() == 1) == single &&
+          std::count(row.flags.begin(), row.flags.end(), flag) > 0)
+        return plain(row.words[0]);
   return {};
 }
 
@@ -84,28 +103,75 @@ public:
     out.append(static_cast<std::size_t>(2 * indent), ' ');
     if (!s.label.empty()) out += std::string(s.label) + ": ";
     switch (s.kind) {
-    case StatementKind::assign: assignment(static_cast<const Assignment&>(s)); break;
-    case StatementKind::if_: if_statement(static_cast<const IfStatement&>(s), indent); break;
-    case StatementKind::do_: do_statement(static_cast<const DoStatement&>(s), indent); break;
-    case StatementKind::select: select(static_cast<const SelectStatement&>(s), indent); break;
-    case StatementKind::go_to: line("goto " + std::string(static_cast<const JumpStatement&>(s).target)); break;
-    case StatementKind::link: line("link " + std::string(static_cast<const JumpStatement&>(s).target)); break;
-    case StatementKind::return_: returning("return", static_cast<const ReturnStatement&>(s)); break;
-    case StatementKind::abort: returning("abort", static_cast<const ReturnStatement&>(s)); break;
-    case StatementKind::leave: line("leave"); break;
-    case StatementKind::continue_: line("continue"); break;
-    case StatementKind::stop: line("stop"); break;
-    case StatementKind::delete_: line("delete"); break;
-    case StatementKind::call: line("call " + std::string(static_cast<const CallStatement&>(s).name) + "(" + expressions(static_cast<const CallStatement&>(s).args) + ")"); break;
-    case StatementKind::put: put(static_cast<const PutStatement&>(s)); break;
-    case StatementKind::file: file(static_cast<const FileStatement&>(s)); break;
-    case StatementKind::array: array(static_cast<const ArrayDeclaration&>(s)); break;
-    case StatementKind::attributes: attributes(static_cast<const AttributeDeclaration&>(s)); break;
-    case StatementKind::retain: retain(static_cast<const RetainDeclaration&>(s)); break;
-    case StatementKind::keep_drop: line(std::string(static_cast<const KeepDeclaration&>(s).drop ? "drop" : "keep") + names(static_cast<const KeepDeclaration&>(s).names)); break;
-    case StatementKind::subprogram: subprogram(static_cast<const SubprogramDefinition&>(s), indent); break;
-    case StatementKind::site: line("* " + std::string(static_cast<const ExpressionSite&>(s).statement) + ": " + expressions(static_cast<const ExpressionSite&>(s).expressions)); break;
-    case StatementKind::empty: line(""); break;
+    case StatementKind::assign:
+      assignment(static_cast<const Assignment&>(s));
+      break;
+    case StatementKind::if_:
+      if_statement(static_cast<const IfStatement&>(s), indent);
+      break;
+    case StatementKind::do_:
+      do_statement(static_cast<const DoStatement&>(s), indent);
+      break;
+    case StatementKind::select:
+      select(static_cast<const SelectStatement&>(s), indent);
+      break;
+    case StatementKind::go_to:
+      line("goto " + std::string(static_cast<const JumpStatement&>(s).target));
+      break;
+    case StatementKind::link:
+      line("link " + std::string(static_cast<const JumpStatement&>(s).target));
+      break;
+    case StatementKind::return_:
+      returning("return", static_cast<const ReturnStatement&>(s));
+      break;
+    case StatementKind::abort:
+      returning("abort", static_cast<const ReturnStatement&>(s));
+      break;
+    case StatementKind::leave:
+      line("leave");
+      break;
+    case StatementKind::continue_:
+      line("continue");
+      break;
+    case StatementKind::stop:
+      line("stop");
+      break;
+    case StatementKind::delete_:
+      line("delete");
+      break;
+    case StatementKind::call:
+      line("call " + std::string(static_cast<const CallStatement&>(s).name) + "(" +
+           expressions(static_cast<const CallStatement&>(s).args) + ")");
+      break;
+    case StatementKind::put:
+      put(static_cast<const PutStatement&>(s));
+      break;
+    case StatementKind::file:
+      file(static_cast<const FileStatement&>(s));
+      break;
+    case StatementKind::array:
+      array(static_cast<const ArrayDeclaration&>(s));
+      break;
+    case StatementKind::attributes:
+      attributes(static_cast<const AttributeDeclaration&>(s));
+      break;
+    case StatementKind::retain:
+      retain(static_cast<const RetainDeclaration&>(s));
+      break;
+    case StatementKind::keep_drop:
+      line(std::string(static_cast<const KeepDeclaration&>(s).drop ? "drop" : "keep") +
+           names(static_cast<const KeepDeclaration&>(s).names));
+      break;
+    case StatementKind::subprogram:
+      subprogram(static_cast<const SubprogramDefinition&>(s), indent);
+      break;
+    case StatementKind::site:
+      line("* " + std::string(static_cast<const ExpressionSite&>(s).statement) + ": " +
+           expressions(static_cast<const ExpressionSite&>(s).expressions));
+      break;
+    case StatementKind::empty:
+      line("");
+      break;
     }
   }
 
@@ -140,7 +206,8 @@ private:
   {
     const std::string target = to_text(*s.target);
     if (s.form == Assignment::Form::substring)
-      return line("substr(" + target + ", " + to_text(*s.position) + (s.length ? ", " + to_text(*s.length) : "") + ") = " + to_text(*s.value));
+      return line("substr(" + target + ", " + to_text(*s.position) + (s.length ? ", " + to_text(*s.length) : "") +
+                  ") = " + to_text(*s.value));
     line(target + (s.form == Assignment::Form::sum ? " + " : " = ") + to_text(*s.value));
   }
   void if_statement(const IfStatement& s, int indent)
@@ -162,7 +229,8 @@ private:
     if (s.index) head += " " + to_text(*s.index) + " =";
     for (std::size_t i = 0; i < s.ranges.size(); ++i) {
       const LoopRange& r = s.ranges[i];
-      head += (i > 0 ? ", " : " ") + to_text(*r.start) + (r.stop ? " to " + to_text(*r.stop) : "") + (r.step ? " by " + to_text(*r.step) : "") + condition(r.while_, r.until);
+      head += (i > 0 ? ", " : " ") + to_text(*r.start) + (r.stop ? " to " + to_text(*r.stop) : "") +
+              (r.step ? " by " + to_text(*r.step) : "") + condition(r.while_, r.until);
     }
     line(head);
     block(s.body, indent);
@@ -182,7 +250,10 @@ private:
     }
     end(indent);
   }
-  void returning(const char* word, const ReturnStatement& s) { line(word + (s.value ? " (" + to_text(*s.value) + ")" : std::string())); }
+  void returning(const char* word, const ReturnStatement& s)
+  {
+    line(word + (s.value ? " (" + to_text(*s.value) + ")" : std::string()));
+  }
   void put(const PutStatement& s)
   {
     std::string t = "put";
@@ -190,16 +261,36 @@ private:
       t += " ";
       const std::string format = i.format.empty() ? "" : " " + std::string(i.format);
       switch (i.kind) {
-      case PutItem::Kind::text: t += text(i.text); break;
-      case PutItem::Kind::value: t += to_text(*i.value) + format; break;
-      case PutItem::Kind::named_value: t += to_text(*i.value) + "=" + format; break;
-      case PutItem::Kind::column: t += "@(" + to_text(*i.value) + ")"; break;
-      case PutItem::Kind::advance: t += "+(" + to_text(*i.value) + ")"; break;
-      case PutItem::Kind::next_line: t += "/"; break;
-      case PutItem::Kind::next_page: t += "_page_"; break;
-      case PutItem::Kind::all: t += "_all_"; break;
-      case PutItem::Kind::pdv: t += "_pdv_"; break;
-      case PutItem::Kind::hold: t += "@"; break;
+      case PutItem::Kind::text:
+        t += text(i.text);
+        break;
+      case PutItem::Kind::value:
+        t += to_text(*i.value) + format;
+        break;
+      case PutItem::Kind::named_value:
+        t += to_text(*i.value) + "=" + format;
+        break;
+      case PutItem::Kind::column:
+        t += "@(" + to_text(*i.value) + ")";
+        break;
+      case PutItem::Kind::advance:
+        t += "+(" + to_text(*i.value) + ")";
+        break;
+      case PutItem::Kind::next_line:
+        t += "/";
+        break;
+      case PutItem::Kind::next_page:
+        t += "_page_";
+        break;
+      case PutItem::Kind::all:
+        t += "_all_";
+        break;
+      case PutItem::Kind::pdv:
+        t += "_pdv_";
+        break;
+      case PutItem::Kind::hold:
+        t += "@";
+        break;
       }
     }
     line(t);
@@ -208,7 +299,8 @@ private:
   void array(const ArrayDeclaration& s)
   {
     std::string t = "array " + std::string(s.name) + "[";
-    for (std::size_t d = 0; d < s.low.size(); ++d) t += (d > 0 ? ", " : "") + std::to_string(s.low[d]) + ":" + std::to_string(s.high[d]);
+    for (std::size_t d = 0; d < s.low.size(); ++d)
+      t += (d > 0 ? ", " : "") + std::to_string(s.low[d]) + ":" + std::to_string(s.high[d]);
     t += "]";
     if (s.character) t += s.length > 0 ? " $ " + std::to_string(s.length) : " $";
     t += s.temporary ? " _temporary_" : names(s.elements);
@@ -231,7 +323,8 @@ private:
   void retain(const RetainDeclaration& s)
   {
     std::string t = s.is_static ? "static" : "retain";
-    for (std::size_t i = 0; i < s.names.size(); ++i) t += " " + std::string(s.names[i]) + (s.initial[i] ? " " + constant(*s.initial[i]) : "");
+    for (std::size_t i = 0; i < s.names.size(); ++i)
+      t += " " + std::string(s.names[i]) + (s.initial[i] ? " " + constant(*s.initial[i]) : "");
     line(t);
   }
   void subprogram(const SubprogramDefinition& s, int indent)

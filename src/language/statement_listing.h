@@ -11,11 +11,11 @@ namespace torvale::language {
 // One slot, or one flag, of a statement as plain text.
 struct ListedSlot {
   int slot = 0;
-  std::string option;               // the option's first spelling; what the slot holds, where no option fills it
-  char type = 0;                    // as in STLIST
+  std::string option; // the option's first spelling; what the slot holds, where no option fills it
+  char type = 0;      // as in STLIST
   unsigned char mode = 0;
-  double number = 0.0;              // of type 'n'
-  std::vector<std::string> items;   // of the other types
+  double number = 0.0;            // of type 'n'
+  std::vector<std::string> items; // of the other types
 };
 struct ListedFlag {
   int flag = 0;

@@ -16,28 +16,28 @@ namespace torvale::language {
 struct Parser::Implementation {
   ParseRequest request;
   PARSECONTROL control = tvlg();
-  Diagnostics* diagnostics = nullptr;   // of the step in work
+  Diagnostics* diagnostics = nullptr; // of the step in work
   TokenStream stream;
   Scanner scanner;
   Builder builder;
   Repair repair;
-  int semicolon = 0;                    // its symbol
-  int earlier_errors = 0;               // of the steps before
-  bool stopped = false;                 // too many errors: nothing more is read
+  int semicolon = 0;      // its symbol
+  int earlier_errors = 0; // of the steps before
+  bool stopped = false;   // too many errors: nothing more is read
 
   // The step in work.
   syntax::PROCSTR* current_proc = nullptr;
   std::unique_ptr<LrMachine> parse;
-  std::vector<Value> values;            // one for each state but the first
-  Token last;                           // shifted last
-  int statement_tokens = 0;             // shifted since the last semicolon
-  Cursor begin;                         // where the token in work begins
+  std::vector<Value> values; // one for each state but the first
+  Token last;                // shifted last
+  int statement_tokens = 0;  // shifted since the last semicolon
+  Cursor begin;              // where the token in work begins
 
   // A word at a line's start that was taken for a name where the statement before could have ended.
   Token suspect;
   Cursor suspect_at;
-  bool suspect_is_assignment = false;   // any name of PARMS: suspect only if what is given to it is no number
-  bool quiet = false;                   // what goes wrong in this statement follows from a mistake already reported
+  bool suspect_is_assignment = false; // any name of PARMS: suspect only if what is given to it is no number
+  bool quiet = false;                 // what goes wrong in this statement follows from a mistake already reported
 
   explicit Implementation(ParseRequest r);
   ParseResult parse_step();
@@ -64,9 +64,9 @@ struct Parser::Implementation {
   };
   // Mistakes that have a name of their own, and how to read on from them.
   struct Hint {
-    std::string text;               // empty: nothing special
+    std::string text; // empty: nothing special
     Recovery recovery = Recovery::repair;
-    bool at_last = false;           // the mistake is the token before the wrong one
+    bool at_last = false; // the mistake is the token before the wrong one
   };
   void handle_error(const Token& wrong);
   Hint special_hint(const Token& wrong) const;

@@ -16,13 +16,13 @@ constexpr int ENDJB = 1, NAMEX = 2, QS = 3, INT = 4, NBR = 5, COMPOUND = 6, FMT 
 }
 
 struct Token {
-  int symbol = 0;             // terminal of the grammar
-  syntax::Position where;     // first character
-  std::int32_t length = 0;    // characters in the source
-  std::size_t begin = 0;      // offset in its text
-  std::string_view text;      // interned: a name or keyword as first spelled, a quoted text without quotes and doubling,
-                              // a number as typed, a data set's bracket without the parentheses
-  double number = 0.0;        // of number classes and MISSING
+  int symbol = 0;          // terminal of the grammar
+  syntax::Position where;  // first character
+  std::int32_t length = 0; // characters in the source
+  std::size_t begin = 0;   // offset in its text
+  std::string_view text;   // interned: a name or keyword as first spelled, a quoted text without quotes and doubling,
+                           // a number as typed, a data set's bracket without the parentheses
+  double number = 0.0;     // of number classes and MISSING
 };
 
 } // namespace torvale::language

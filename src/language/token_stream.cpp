@@ -7,15 +7,16 @@
 namespace torvale::language {
 
 namespace {
-constexpr std::size_t deepest_nesting = 64;         // texts inside texts
-constexpr std::size_t least_include_charge = 8192;  // characters of the budget
-}
+constexpr std::size_t deepest_nesting = 64;        // texts inside texts
+constexpr std::size_t least_include_charge = 8192; // characters of the budget
+} // namespace
 
 bool TokenStream::push(std::int32_t source, syntax::Position where)
 {
   if (cursor_.size() >= deepest_nesting) {
-    diagnostics_->error(Problem::too_deep, where, "Included files, macros and generated texts are nested more than 64 deep; "
-                                                  "does a macro call itself, or a file include itself?");
+    diagnostics_->error(Problem::too_deep, where,
+                        "Included files, macros and generated texts are nested more than 64 deep; "
+                        "does a macro call itself, or a file include itself?");
     return false;
   }
   cursor_.push_back({source, 0});
@@ -26,8 +27,9 @@ syntax::Position TokenStream::position(const Frame& f) const
 {
   const syntax::Source& source = sources_.source(f.source);
   const std::size_t line = static_cast<std::size_t>(last_position_.line);
-  const bool same_line = f.source == last_at_.source && f.at >= last_at_.at &&
-                         (line >= source.line_starts.size() || f.at < static_cast<std::size_t>(source.line_starts[line]));
+  const bool same_line =
+      f.source == last_at_.source && f.at >= last_at_.at &&
+      (line >= source.line_starts.size() || f.at < static_cast<std::size_t>(source.line_starts[line]));
   if (same_line) {
     for (std::size_t i = last_at_.at; i < f.at && i < source.text.size(); ++i)
       if ((static_cast<unsigned char>(source.text[i]) & 0xC0) != 0x80) ++last_position_.column;
@@ -70,8 +72,9 @@ bool TokenStream::seek()
     const Next next = skip(cursor_, &unclosed);
     if (unclosed != std::string_view::npos) {
       const std::int32_t source = cursor_.back().source;
-      diagnostics_->error(Problem::unclosed_comment, sources_.position(source, unclosed),
-                          "The comment that begins here is never closed: */ is missing, and the rest of the text is lost.", 2);
+      diagnostics_->error(
+          Problem::unclosed_comment, sources_.position(source, unclosed),
+          "The comment that begins here is never closed: */ is missing, and the rest of the text is lost.", 2);
       cursor_.back().at = text(cursor_).size();
       continue;
     }
@@ -94,16 +97,21 @@ bool TokenStream::macro()
   const std::size_t end = word_end(t, at + 1);
   const std::string word = upper_case(t.substr(at + 1, end - at - 1));
   const auto past_semicolon = [&] { cursor_.back().at = std::min(t.find(';', at), t.size() - 1) + 1; };
-  if (word == "MACRO") define_macro(at);
-  else if (word == "DO") open_loop(at);
-  else if (word == "INCLUDE") include_word(at);
+  if (word == "MACRO")
+    define_macro(at);
+  else if (word == "DO")
+    open_loop(at);
+  else if (word == "INCLUDE")
+    include_word(at);
   else if (word == "MEND" || word == "END" || word == "TO" || word == "BY") {
     fault(cursor_.back().source, at, "%" + word + " without " + (word == "MEND" ? "%macro." : "%do."));
     past_semicolon();
   } else if (const auto found = macros_.find(word); found != macros_.end()) {
     call_macro(found->second, at);
   } else {
-    fault(cursor_.back().source, at, "There is no macro called " + word + ". Define it with %macro " + word + "(...); ... %mend; before it is called.");
+    fault(cursor_.back().source, at,
+          "There is no macro called " + word + ". Define it with %macro " + word +
+              "(...); ... %mend; before it is called.");
     std::size_t behind = skip_blanks(t, end, nullptr);
     if (behind < t.size() && t[behind] == '(') behind = closing_bracket(t, behind);
     cursor_.back().at = behind == std::string_view::npos ? t.size() : behind;
@@ -118,8 +126,10 @@ void TokenStream::define_macro(std::size_t at)
   const std::int32_t source = cursor_.back().source;
   const MacroFault problem = read_definition(text(cursor_), at, macro, &end);
   cursor_.back().at = end;
-  if (problem) fault(source, problem.at, problem.text);
-  else macros_[upper_case(macro.name)] = std::move(macro);
+  if (problem)
+    fault(source, problem.at, problem.text);
+  else
+    macros_[upper_case(macro.name)] = std::move(macro);
 }
 
 void TokenStream::call_macro(const Macro& macro, std::size_t at)
@@ -131,7 +141,8 @@ void TokenStream::call_macro(const Macro& macro, std::size_t at)
   std::string out;
   MacroFault problem = read_call(t, at + 1 + macro.name.size(), macro, bound, &end);
   if (!problem)
-    if (MacroFault inner = expand(macro.body, bound, out, budget_)) problem = {"In %" + macro.name + ": " + inner.text, at};
+    if (MacroFault inner = expand(macro.body, bound, out, budget_))
+      problem = {"In %" + macro.name + ": " + inner.text, at};
   cursor_.back().at = end;
   if (problem) return fault(source, problem.at, problem.text);
   const syntax::Position where = sources_.position(source, at);

@@ -28,7 +28,7 @@ using Cursor = std::vector<Frame>;
 class TokenStream {
 public:
   TokenStream(syntax::SourceMap& sources, Diagnostics*& diagnostics, FileReader reader)
-    : sources_(sources), diagnostics_(diagnostics), reader_(std::move(reader))
+      : sources_(sources), diagnostics_(diagnostics), reader_(std::move(reader))
   {
   }
 
@@ -73,9 +73,9 @@ private:
   std::string generator_;
   syntax::Position generator_at_;
   bool anchored_ = false;
-  mutable Frame last_at_{-1, 0};        // of position(): the place asked for last, and its position
+  mutable Frame last_at_{-1, 0}; // of position(): the place asked for last, and its position
   mutable syntax::Position last_position_;
-  std::int32_t pushed_ = -1;            // the text that xttpshb appends to
+  std::int32_t pushed_ = -1; // the text that xttpshb appends to
 };
 
 // xtanch: anchors the stream: what is pushed next goes in front of what is left. (x host, t token stream, anch anchor.)
@@ -84,7 +84,8 @@ int xtanch(TokenStream& stream);
 // xttpshx: opens a block of generated lines at the anchor. Returns 0; non-zero without an anchor or when texts are
 // nested too deeply, and then nothing may be pushed.
 int xttpshx(TokenStream& stream);
-// xttpshb: adds one source line to the open block; lines are read in the order of the calls. Returns 0, or 1 without a block.
+// xttpshb: adds one source line to the open block; lines are read in the order of the calls. Returns 0, or 1 without a
+// block.
 int xttpshb(TokenStream& stream, std::string_view line);
 
 } // namespace torvale::language

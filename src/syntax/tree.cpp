@@ -11,7 +11,10 @@ namespace torvale::syntax {
 
 namespace {
 
-char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+char upper(char c)
+{
+  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
 
 std::string number_text(double x)
 {
@@ -52,26 +55,48 @@ std::string name_text(std::string_view s)
 std::string_view op_text(Op op, bool truncated)
 {
   switch (op) {
-  case Op::plus: case Op::add: return "+";
-  case Op::minus: case Op::subtract: return "-";
-  case Op::not_: return "not ";
-  case Op::multiply: return "*";
-  case Op::divide: return "/";
-  case Op::power: return "**";
-  case Op::minimum: return "><";
-  case Op::maximum: return "<>";
-  case Op::concatenate: return "||";
-  case Op::less: return truncated ? " <: " : " < ";
-  case Op::less_equal: return truncated ? " <=: " : " <= ";
-  case Op::greater: return truncated ? " >: " : " > ";
-  case Op::greater_equal: return truncated ? " >=: " : " >= ";
-  case Op::equal: return truncated ? " =: " : " = ";
-  case Op::not_equal: return truncated ? " ^=: " : " ^= ";
-  case Op::and_: return " and ";
-  case Op::or_: return " or ";
-  case Op::in: return " in ";
-  case Op::not_in: return " notin ";
-  case Op::none: break;
+  case Op::plus:
+  case Op::add:
+    return "+";
+  case Op::minus:
+  case Op::subtract:
+    return "-";
+  case Op::not_:
+    return "not ";
+  case Op::multiply:
+    return "*";
+  case Op::divide:
+    return "/";
+  case Op::power:
+    return "**";
+  case Op::minimum:
+    return "><";
+  case Op::maximum:
+    return "<>";
+  case Op::concatenate:
+    return "||";
+  case Op::less:
+    return truncated ? " <: " : " < ";
+  case Op::less_equal:
+    return truncated ? " <=: " : " <= ";
+  case Op::greater:
+    return truncated ? " >: " : " > ";
+  case Op::greater_equal:
+    return truncated ? " >=: " : " >= ";
+  case Op::equal:
+    return truncated ? " =: " : " = ";
+  case Op::not_equal:
+    return truncated ? " ^=: " : " ^= ";
+  case Op::and_:
+    return " and ";
+  case Op::or_:
+    return " or ";
+  case Op::in:
+    return " in ";
+  case Op::not_in:
+    return " notin ";
+  case Op::none:
+    break;
   }
   return "?";
 }
@@ -100,15 +125,23 @@ void write_arguments(const Expr& e, std::string& out)
 void write(const Expr& e, std::string& out)
 {
   switch (e.kind) {
-  case ExprKind::number: out += number_text(e.number); break;
-  case ExprKind::text: out += quoted(e.name); break;
-  case ExprKind::variable: out += name_text(e.name); break;
+  case ExprKind::number:
+    out += number_text(e.number);
+    break;
+  case ExprKind::text:
+    out += quoted(e.name);
+    break;
+  case ExprKind::variable:
+    out += name_text(e.name);
+    break;
   case ExprKind::element:
     out += name_text(e.name) + "[";
     write_arguments(e, out);
     out += ']';
     break;
-  case ExprKind::whole_array: out += name_text(e.name) + "[*]"; break;
+  case ExprKind::whole_array:
+    out += name_text(e.name) + "[*]";
+    break;
   case ExprKind::unary:
     out += op_text(e.op, false);
     write_part(*e.args[0], out);

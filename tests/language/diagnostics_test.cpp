@@ -31,12 +31,15 @@ std::vector<std::filesystem::path> wrong_programs()
 
 std::string diagnose(const std::filesystem::path& path)
 {
-  return parse_text(file_text(path), {{"id", false}, {"x1", false}, {"name", true}, {"x2", false}}, {}, {}, path.filename().string())->rendered;
+  return parse_text(file_text(path), {{"id", false}, {"x1", false}, {"name", true}, {"x2", false}}, {}, {},
+                    path.filename().string())
+      ->rendered;
 }
 
 } // namespace
 
-// To accept new wording: TORVALE_WRITE_GOLDEN=1 language_tests --gtest_filter=Diagnostics.OfWrongPrograms*, then read the difference.
+// To accept new wording: TORVALE_WRITE_GOLDEN=1 language_tests --gtest_filter=Diagnostics.OfWrongPrograms*, then read
+// the difference.
 TEST(Diagnostics, OfWrongProgramsReadAsTheGoldenFilesSay)
 {
   const auto programs = wrong_programs();
@@ -110,8 +113,10 @@ TEST(Diagnostics, StopAfterAHundredErrors)
 TEST(Diagnostics, EveryCutOfAProgramEndsCleanly)
 {
   // Whatever is missing at the end, the parser says so and returns.
-  const std::string program = "torvale data=a(where=(x>1)) qp=5; parms a 1 to 3 by .5 b=-2 / best=2; array t[3] _temporary_ (1 2 3); select (x); when (1) y = 'a'; otherwise do; z = "
-                              "if a then b else c; end; end; model y ~ t([a], b, 3); random u ~ normal(0, v) subject=s(t); estimate 'l' a - b df=3; %macro m(a=); x&a = 1; %mend; %m(a=2) run;";
+  const std::string program = "torvale data=a(where=(x>1)) qp=5; parms a 1 to 3 by .5 b=-2 / best=2; array t[3] "
+                              "_temporary_ (1 2 3); select (x); when (1) y = 'a'; otherwise do; z = "
+                              "if a then b else c; end; end; model y ~ t([a], b, 3); random u ~ normal(0, v) "
+                              "subject=s(t); estimate 'l' a - b df=3; %macro m(a=); x&a = 1; %mend; %m(a=2) run;";
   for (std::size_t n = 0; n <= program.size(); ++n) {
     const auto parsed = parse_text(program.substr(0, n));
     EXPECT_LE(parsed->steps.size(), 1u);

@@ -18,26 +18,26 @@ std::string tree(const std::string& expression)
 TEST(Expressions, BindAsTheLanguageSays)
 {
   const std::pair<const char*, const char*> cases[] = {
-    {"-x**2/2", "(-(x**2))/2"},           // a sign is looser than a power
-    {"2**-1", "2**(-1)"},
-    {"a**-b**2", "a**(-(b**2))"},
-    {"a**b**c", "a**(b**c)"},
-    {"a-b-c", "(a-b)-c"},
-    {"a/b*c", "(a/b)*c"},
-    {"a+b*c", "a+(b*c)"},
-    {"a||b+c", "a||(b+c)"},
-    {"a = b || c", "a = (b||c)"},
-    {"a or b and c", "a or (b and c)"},
-    {"a | b & c ! d", "(a or (b and c)) or d"},
-    {"a < b and c >= d", "(a < b) and (c >= d)"},
-    {"^a and ~b", "(not a) and (not b)"},
-    {"a >< b <> c", "a><(b<>c)"},
-    {"a*-b", "a*(-b)"},
-    {"not a*b", "(not a)*b"},
-    {"1 + if a then b else c + 2", "1+(if a then b else (c+2))"},
-    {"if a then if b then c else d else e", "if a then (if b then c else d) else e"},
-    {"if if a then b else c then d else e", "if (if a then b else c) then d else e"},
-    {"f() + g(a, h(b))", "f()+g(a, h(b))"},
+      {"-x**2/2", "(-(x**2))/2"}, // a sign is looser than a power
+      {"2**-1", "2**(-1)"},
+      {"a**-b**2", "a**(-(b**2))"},
+      {"a**b**c", "a**(b**c)"},
+      {"a-b-c", "(a-b)-c"},
+      {"a/b*c", "(a/b)*c"},
+      {"a+b*c", "a+(b*c)"},
+      {"a||b+c", "a||(b+c)"},
+      {"a = b || c", "a = (b||c)"},
+      {"a or b and c", "a or (b and c)"},
+      {"a | b & c ! d", "(a or (b and c)) or d"},
+      {"a < b and c >= d", "(a < b) and (c >= d)"},
+      {"^a and ~b", "(not a) and (not b)"},
+      {"a >< b <> c", "a><(b<>c)"},
+      {"a*-b", "a*(-b)"},
+      {"not a*b", "(not a)*b"},
+      {"1 + if a then b else c + 2", "1+(if a then b else (c+2))"},
+      {"if a then if b then c else d else e", "if a then (if b then c else d) else e"},
+      {"if if a then b else c then d else e", "if (if a then b else c) then d else e"},
+      {"f() + g(a, h(b))", "f()+g(a, h(b))"},
   };
   for (const auto& [text, expected] : cases) EXPECT_EQ(tree(text), expected) << text;
 }
@@ -58,7 +58,9 @@ TEST(Expressions, ChainsOfComparisonsAreOneNode)
 {
   const auto parsed = parse_text("torvale; x = 0 < y <= 5; z = (0 < y) < 5; w = a = b; run;");
   ASSERT_EQ(parsed->errors(), 0) << parsed->rendered;
-  const auto value = [&](std::size_t i) { return static_cast<const syntax::Assignment*>(parsed->step().proc.program.statements[i])->value; };
+  const auto value = [&](std::size_t i) {
+    return static_cast<const syntax::Assignment*>(parsed->step().proc.program.statements[i])->value;
+  };
   EXPECT_EQ(value(0)->kind, syntax::ExprKind::chain);
   ASSERT_EQ(value(0)->args.size(), 3u);
   EXPECT_EQ(value(0)->ops[1], syntax::Op::less_equal);
@@ -83,15 +85,28 @@ TEST(Expressions, NotBeforeAnInListNegatesTheList)
 TEST(Expressions, LiteralsHaveTheirValues)
 {
   const std::pair<const char*, double> cases[] = {
-    {"0ffx", 255},       {"1e3", 1000},         {".5", 0.5},           {"5.", 5},
-    {"1.5E-2", 0.015},   {"'01jan1960'd", 0},   {"'31DEC1959'd", -1},  {"'1960-03-01'd", 60},
-    {"'29feb2000'd", 14669}, {"'12:30't", 45000}, {"'0:00:01.5't", 1.5}, {"'02jan1960:00:00:10'dt", 86410},
-    {"12345678901234567890", 12345678901234567890.0}, {"1e-400", 0}, {"0.1", 0.1},
+      {"0ffx", 255},
+      {"1e3", 1000},
+      {".5", 0.5},
+      {"5.", 5},
+      {"1.5E-2", 0.015},
+      {"'01jan1960'd", 0},
+      {"'31DEC1959'd", -1},
+      {"'1960-03-01'd", 60},
+      {"'29feb2000'd", 14669},
+      {"'12:30't", 45000},
+      {"'0:00:01.5't", 1.5},
+      {"'02jan1960:00:00:10'dt", 86410},
+      {"12345678901234567890", 12345678901234567890.0},
+      {"1e-400", 0},
+      {"0.1", 0.1},
   };
   for (const auto& [text, expected] : cases) {
     const auto parsed = parse_text(std::string("torvale; x = ") + text + "; run;");
     ASSERT_EQ(parsed->errors(), 0) << parsed->rendered;
-    EXPECT_EQ(static_cast<const syntax::Assignment*>(parsed->step().proc.program.statements[0])->value->number, expected) << text;
+    EXPECT_EQ(static_cast<const syntax::Assignment*>(parsed->step().proc.program.statements[0])->value->number,
+              expected)
+        << text;
   }
   EXPECT_EQ(tree(".A + ._ + . + .z"), "((.A+._)+.)+.Z");
   for (const char* wrong : {"'30feb2001'd", "'25:99't", "1e999", "'x'dt", "'1jan'd"})
@@ -129,8 +144,9 @@ TEST(Expressions, ArraysAndFunctionsAreToldApartByDeclarations)
 
 TEST(Expressions, WrittenTextParsesBackToTheSameText)
 {
-  for (const char* text : {"-x**2/2 + a*(b-c)**-d", "not (a in (1, 2:4, .)) or b ^= 'x''y' and 0 < c < 3", "if a >< b then f(of t[*], -1e-300) else 'odd n'n || 's'",
-                           "1e300*1e10 - (-3)**2 + .B", "a = b =: c <> d", "0.1 + 1e22 + 123456789.125"}) {
+  for (const char* text : {"-x**2/2 + a*(b-c)**-d", "not (a in (1, 2:4, .)) or b ^= 'x''y' and 0 < c < 3",
+                           "if a >< b then f(of t[*], -1e-300) else 'odd n'n || 's'", "1e300*1e10 - (-3)**2 + .B",
+                           "a = b =: c <> d", "0.1 + 1e22 + 123456789.125"}) {
     const std::string first = program_of(std::string("array t[2]; x = ") + text + ";");
     std::string again = program_of(first);
     EXPECT_EQ(first, again) << text;

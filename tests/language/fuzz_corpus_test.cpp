@@ -12,7 +12,8 @@ namespace torvale::language::test {
 TEST(FuzzCorpus, Replays)
 {
   std::vector<std::filesystem::path> files;
-  for (const auto& f : std::filesystem::directory_iterator(TORVALE_SOURCE_DIR "/tests/data/fuzz_corpus/language")) files.push_back(f.path());
+  for (const auto& f : std::filesystem::directory_iterator(TORVALE_SOURCE_DIR "/tests/data/fuzz_corpus/language"))
+    files.push_back(f.path());
   std::sort(files.begin(), files.end());
   EXPECT_GE(files.size(), 9u);
   for (const auto& path : files) {

@@ -42,14 +42,23 @@ std::string limits(const OptionValue& v)
 std::string value_text(const OptionValue& v)
 {
   switch (v.kind) {
-  case ValueKind::number: return "number" + limits(v);
-  case ValueKind::count: case ValueKind::integer: return "whole number" + limits(v);
-  case ValueKind::number_or_missing: return "number" + limits(v) + " or `.`";
-  case ValueKind::count_or_missing: return "whole number" + limits(v) + " or `.`";
-  case ValueKind::input: return "data set";
-  case ValueKind::output: return "data set to write";
-  case ValueKind::name: return "name";
-  default: break;
+  case ValueKind::number:
+    return "number" + limits(v);
+  case ValueKind::count:
+  case ValueKind::integer:
+    return "whole number" + limits(v);
+  case ValueKind::number_or_missing:
+    return "number" + limits(v) + " or `.`";
+  case ValueKind::count_or_missing:
+    return "whole number" + limits(v) + " or `.`";
+  case ValueKind::input:
+    return "data set";
+  case ValueKind::output:
+    return "data set to write";
+  case ValueKind::name:
+    return "name";
+  default:
+    break;
   }
   std::string text;
   for (std::size_t i = 0; i < v.words.size();) { // words of one code together
@@ -78,7 +87,8 @@ std::string option_table(std::string_view statement)
     }
     if (row.optional) value = "none, or " + value;
     for (std::int16_t f : row.flags) stored += (stored.empty() ? "" : ", ") + ("flag " + std::to_string(f));
-    out += "| " + spellings(row.words, [](std::string_view s) { return s; }) + " | " + value + " | " + std::string(row.initial) + " | " + std::string(row.meaning) + " | " + stored + " |\n";
+    out += "| " + spellings(row.words, [](std::string_view s) { return s; }) + " | " + value + " | " +
+           std::string(row.initial) + " | " + std::string(row.meaning) + " | " + stored + " |\n";
   }
   return out;
 }
@@ -94,7 +104,8 @@ TEST(Guide, OptionTablesAreThoseOfTheGrammar)
   int tables = 0;
   const std::string open = "<!-- options ", close = "<!-- end -->";
   for (std::size_t mark = guide.find(open); mark != std::string::npos; mark = guide.find(open, at)) {
-    const std::size_t name = mark + open.size(), name_end = guide.find(' ', name), line_end = guide.find('\n', mark) + 1;
+    const std::size_t name = mark + open.size(), name_end = guide.find(' ', name),
+                      line_end = guide.find('\n', mark) + 1;
     expected += guide.substr(at, line_end - at) + option_table(guide.substr(name, name_end - name));
     at = guide.find(close, mark);
     ASSERT_NE(at, std::string::npos);
@@ -102,8 +113,11 @@ TEST(Guide, OptionTablesAreThoseOfTheGrammar)
   }
   expected += guide.substr(at);
   EXPECT_EQ(tables, 8);
-  if (std::getenv("TORVALE_WRITE_GOLDEN")) std::ofstream(guide_path) << expected;
-  else EXPECT_TRUE(guide == expected) << "docs/language.md is behind the grammar: TORVALE_WRITE_GOLDEN=1 language_tests --gtest_filter=Guide.* writes it anew";
+  if (std::getenv("TORVALE_WRITE_GOLDEN"))
+    std::ofstream(guide_path) << expected;
+  else
+    EXPECT_TRUE(guide == expected) << "docs/language.md is behind the grammar: TORVALE_WRITE_GOLDEN=1 language_tests "
+                                      "--gtest_filter=Guide.* writes it anew";
 }
 
 TEST(Guide, ProgramsParseWithoutAMessage)

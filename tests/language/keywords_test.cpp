@@ -24,7 +24,8 @@ std::vector<std::string> all_words()
 
 std::string replaced(std::string form, const std::string& word)
 {
-  for (std::size_t at = form.find('@'); at != std::string::npos; at = form.find('@', at + word.size())) form.replace(at, 1, word);
+  for (std::size_t at = form.find('@'); at != std::string::npos; at = form.find('@', at + word.size()))
+    form.replace(at, 1, word);
   return form;
 }
 
@@ -36,7 +37,8 @@ TEST(Grammar, HoldsEverySpellingOnceInOrder)
   EXPECT_EQ(control.maxterminal, 19 + 567 + 1); // and the semicolon
   EXPECT_EQ(control.spelling(control.maxterminal), "$$$");
   EXPECT_EQ(control.spelling(1), "ENDJB");
-  for (int t = control.classes + 2; t < control.maxterminal; ++t) EXPECT_LT(control.spelling(t - 1), control.spelling(t));
+  for (int t = control.classes + 2; t < control.maxterminal; ++t)
+    EXPECT_LT(control.spelling(t - 1), control.spelling(t));
   const auto cost = [&](const std::uint8_t* table, std::string_view name) {
     for (int t = 1; t <= control.maxterminal; ++t)
       if (control.spelling(t) == name) return static_cast<int>(table[t - 1]);
@@ -57,8 +59,9 @@ TEST(Keywords, NameVariablesParametersAndDataSets)
   // With a bracket behind them these are statements, and PUT a function.
   const std::set<std::string> always_keyword = {"IF", "DO", "SELECT", "WHEN", "RETURN", "PUT", "NOT"};
   for (const std::string& word : all_words()) {
-    for (const char* form : {"@ = 1;", "@ + 1;", "array @[3]; @[2] = 3; @{3} = 4;", "parms @ = 1;", "parms a = 1 x b @ = 2;", "model @ ~ normal(a, b);",
-                             "random @ ~ normal(0, v) subject=@;", "id @;", "replicate @;", "predict a out=@;", "do @ = 1 to 3; end;"}) {
+    for (const char* form : {"@ = 1;", "@ + 1;", "array @[3]; @[2] = 3; @{3} = 4;", "parms @ = 1;",
+                             "parms a = 1 x b @ = 2;", "model @ ~ normal(a, b);", "random @ ~ normal(0, v) subject=@;",
+                             "id @;", "replicate @;", "predict a out=@;", "do @ = 1 to 3; end;"}) {
       const auto parsed = parse_text(replaced("torvale data=@;" + std::string(form), word) + " run;");
       EXPECT_EQ(parsed->errors(), 0) << replaced(form, word) << "\n" << parsed->rendered;
     }
@@ -66,8 +69,9 @@ TEST(Keywords, NameVariablesParametersAndDataSets)
       EXPECT_EQ(parse_text(replaced("torvale; array @[3]; @(1) = 2; x = @(1); run;", word))->errors(), 0) << word;
     }
     if (prefix.count(word)) continue;
-    for (const char* form : {"x = @;", "x = a*@ + @**@ - @ / @;", "x = -@ < @ and @ > 1;", "x = f(@, @);", "if @ then y = @; else y = 1;", "estimate 'l' @ - @ df=3;",
-                             "x = (1 in (1)) + @;", "parms a=1 / data=@;"}) {
+    for (const char* form :
+         {"x = @;", "x = a*@ + @**@ - @ / @;", "x = -@ < @ and @ > 1;", "x = f(@, @);", "if @ then y = @; else y = 1;",
+          "estimate 'l' @ - @ df=3;", "x = (1 in (1)) + @;", "parms a=1 / data=@;"}) {
       const auto parsed = parse_text("torvale;" + replaced(form, word) + " run;");
       EXPECT_EQ(parsed->errors(), 0) << replaced(form, word) << "\n" << parsed->rendered;
     }
@@ -95,10 +99,12 @@ TEST(Keywords, TokensThatHoldAnEqualsSignBelongToFile)
 
 TEST(Keywords, StatementWordAndAssignmentAreToldApartByWhatFollows)
 {
-  const auto parsed = parse_text("torvale; p=1; id=5; model=3; data=4; do=1; by+1; stop=2; array time{2}; time{2}=4; time(1)=5; end: x=1; run = 5; run;");
+  const auto parsed = parse_text("torvale; p=1; id=5; model=3; data=4; do=1; by+1; stop=2; array time{2}; time{2}=4; "
+                                 "time(1)=5; end: x=1; run = 5; run;");
   EXPECT_EQ(parsed->errors(), 0) << parsed->rendered;
-  EXPECT_EQ(parsed->program(), "p = 1;\nid = 5;\nmodel = 3;\ndata = 4;\ndo = 1;\nby + 1;\nstop = 2;\narray time[1:2] time1 time2;\n"
-                               "time[2] = 4;\ntime[1] = 5;\nend: x = 1;\nrun = 5;\n");
+  EXPECT_EQ(parsed->program(),
+            "p = 1;\nid = 5;\nmodel = 3;\ndata = 4;\ndo = 1;\nby + 1;\nstop = 2;\narray time[1:2] time1 time2;\n"
+            "time[2] = 4;\ntime[1] = 5;\nend: x = 1;\nrun = 5;\n");
 }
 
 } // namespace torvale::language::test

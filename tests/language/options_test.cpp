@@ -81,11 +81,14 @@ std::vector<Option> read_options()
 
 std::string program_with(const std::string& statement, const std::string& option)
 {
-  static const std::map<std::string, std::string> forms = {
-    {"TORVALE", "torvale @;"},          {"RANDOM", "torvale; random u ~ normal(0, v) subject=id @;"},
-    {"PARMS", "torvale; parms a=1 / @;"}, {"MCMC", "torvale; mcmc @;"},
-    {"ESTIMATE", "torvale; estimate 'l' a @;"}, {"CONTRAST", "torvale; contrast 'l' a @;"},
-    {"PREDICT", "torvale; predict a out=p @;"}, {"CMPTMODEL", "torvale; cmptmodel @;"}};
+  static const std::map<std::string, std::string> forms = {{"TORVALE", "torvale @;"},
+                                                           {"RANDOM", "torvale; random u ~ normal(0, v) subject=id @;"},
+                                                           {"PARMS", "torvale; parms a=1 / @;"},
+                                                           {"MCMC", "torvale; mcmc @;"},
+                                                           {"ESTIMATE", "torvale; estimate 'l' a @;"},
+                                                           {"CONTRAST", "torvale; contrast 'l' a @;"},
+                                                           {"PREDICT", "torvale; predict a out=p @;"},
+                                                           {"CMPTMODEL", "torvale; cmptmodel @;"}};
   std::string text = forms.at(statement);
   return text.replace(text.find('@'), 1, option);
 }
@@ -163,7 +166,8 @@ TEST_F(EveryOption, IsStoredInItsSlotAndFlagsBySpelling)
           });
       if (o.kind == "keep")
         for (const auto& c : o.codes)
-          with(o, word + "=" + c.first, [&](const syntax::STMT& s) { EXPECT_EQ(s.slot(o.slot).list.at(0).text, c.first); });
+          with(o, word + "=" + c.first,
+               [&](const syntax::STMT& s) { EXPECT_EQ(s.slot(o.slot).list.at(0).text, c.first); });
       if (o.kind == "data" || o.kind == "name")
         with(o, word + "=" + (o.kind == "data" ? "lib.one(keep=a)" : "time"), [&](const syntax::STMT& s) {
           ASSERT_EQ(s.slot(o.slot).list.size(), 1u);
@@ -196,7 +200,8 @@ TEST_F(EveryOption, TakesItsLimitsAndNothingBeyond)
       above << o.high + step;
       refused(o, word + above.str(), Problem::out_of_range, slot);
     }
-    if (o.kind == "number" && !o.has_low) with(o, word + "-1e6", [&](const syntax::STMT& s) { EXPECT_EQ(s.slot(slot).number, -1e6); });
+    if (o.kind == "number" && !o.has_low)
+      with(o, word + "-1e6", [&](const syntax::STMT& s) { EXPECT_EQ(s.slot(slot).number, -1e6); });
     if (o.whole) refused(o, word + number(o.has_low ? o.low + 0.5 : 2.5), Problem::not_whole, slot);
     if (o.bracket_slot < 0) continue;
     with(o, word + "2[7]", [&](const syntax::STMT& s) {
@@ -241,7 +246,9 @@ TEST(Options, GivenTwiceTheLastHoldsWithAWarning)
 {
   const auto parsed = parse_text("torvale qpoints=3 np=7 maxiter=5[2] maxit=9 fd=central fd=100;");
   EXPECT_EQ(parsed->errors(), 0);
-  EXPECT_EQ(std::count_if(parsed->diagnostics.begin(), parsed->diagnostics.end(), [](const Diagnostic& d) { return d.problem == Problem::given_twice; }), 3);
+  EXPECT_EQ(std::count_if(parsed->diagnostics.begin(), parsed->diagnostics.end(),
+                          [](const Diagnostic& d) { return d.problem == Problem::given_twice; }),
+            3);
   const syntax::STMT& s = parsed->statement("TORVALE");
   EXPECT_EQ(s.slot(6).number, 7);
   EXPECT_EQ(s.slot(42).number, 9);

@@ -44,8 +44,9 @@ struct ParsedText {
 
 using Hook = std::function<int(const SEMARG&, syntax::PROCSTR&, TokenStream&)>;
 
-inline std::unique_ptr<ParsedText> parse_text(const std::string& text, std::vector<InputVariable> variables = {}, Hook hook = {},
-                                              std::map<std::string, std::string> files = {}, const std::string& name = "test.tvl")
+inline std::unique_ptr<ParsedText> parse_text(const std::string& text, std::vector<InputVariable> variables = {},
+                                              Hook hook = {}, std::map<std::string, std::string> files = {},
+                                              const std::string& name = "test.tvl")
 {
   auto parsed = std::make_unique<ParsedText>();
   ParseRequest request;

@@ -13,15 +13,17 @@ constexpr int never = 127; // the cost of what is not inserted or deleted
 
 int delete_cost(const std::string& name, bool is_class)
 {
-  static const char* const precious[] = {"NAMEX", "QS", "INT", "NBR", "COMPOUND", "FMT", "DATE", "TIME", "DATETIME", "MISSING"};
+  static const char* const precious[] = {"NAMEX", "QS",   "INT",  "NBR",      "COMPOUND",
+                                         "FMT",   "DATE", "TIME", "DATETIME", "MISSING"};
   if (is_class) return std::count(std::begin(precious), std::end(precious), name) > 0 ? 50 : 10;
   return name == "$$$" ? never : 10;
 }
 
 int insert_cost(const std::string& name, bool is_class)
 {
-  static const std::map<std::string, int> costs = {{"NAMEX", 1}, {"QS", 2}, {"INT", 2}, {"NBR", 4}, {"COMPOUND", 5}, {"FMT", 3},
-                                                   {"DATE", 50}, {"TIME", 50}, {"DATETIME", 50}, {"MISSING", 50}};
+  static const std::map<std::string, int> costs = {{"NAMEX", 1},     {"QS", 2},      {"INT", 2},   {"NBR", 4},
+                                                   {"COMPOUND", 5},  {"FMT", 3},     {"DATE", 50}, {"TIME", 50},
+                                                   {"DATETIME", 50}, {"MISSING", 50}};
   if (is_class) {
     const auto found = costs.find(name);
     return found == costs.end() ? 10 : found->second;
@@ -89,7 +91,8 @@ std::string quoted(const std::string& text)
 std::string value_text(const OptionValue& v, const std::string& words)
 {
   return "{ValueKind::" + v.kind + ", " + std::to_string(v.slot) + ", " + (v.has_low ? "true" : "false") + ", " +
-         (v.has_high ? "true" : "false") + ", " + std::to_string(v.low) + ", " + std::to_string(v.high) + ", " + words + "}";
+         (v.has_high ? "true" : "false") + ", " + std::to_string(v.low) + ", " + std::to_string(v.high) + ", " + words +
+         "}";
 }
 
 void write_options(std::ofstream& out, const Grammar& g)
@@ -124,10 +127,12 @@ void write_options(std::ofstream& out, const Grammar& g)
     out << "constexpr std::string_view " << name << "_spellings[] = {";
     for (const auto& w : row.words) out << quoted(w) << ", ";
     out << "};\n";
-    const std::string value_list = values(row.values, name + "_values"), bracket = values(row.bracket, name + "_bracket");
+    const std::string value_list = values(row.values, name + "_values"),
+                      bracket = values(row.bracket, name + "_bracket");
     const std::string traces = numbers(row.traces, name + "_traces"), flags = numbers(row.flags, name + "_flags");
-    rows += "  {" + quoted(row.statement) + ", " + name + "_spellings, " + (row.optional ? "true" : "false") + ", " + value_list + ", " +
-            bracket + ", " + traces + ", " + flags + ", " + quoted(row.initial) + ", " + quoted(row.meaning) + "},\n";
+    rows += "  {" + quoted(row.statement) + ", " + name + "_spellings, " + (row.optional ? "true" : "false") + ", " +
+            value_list + ", " + bracket + ", " + traces + ", " + flags + ", " + quoted(row.initial) + ", " +
+            quoted(row.meaning) + "},\n";
   }
   out << "constexpr OptionRow all_options[] = {\n" << rows << "};\n";
 }
@@ -149,8 +154,10 @@ void write_actions(Grammar& g, const std::string& path)
 void write_tables(const Grammar& g, const Tables& tables, const std::string& path)
 {
   Writer w(path);
-  w.out_ << "// Made from torvale.grammar.\n#include \"language/grammar.h\"\n\nnamespace torvale::language {\nnamespace {\n";
-  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del, ins, insndx, instbl;
+  w.out_ << "// Made from torvale.grammar.\n#include \"language/grammar.h\"\n\nnamespace torvale::language "
+            "{\nnamespace {\n";
+  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del, ins, insndx,
+      instbl;
   const int first_nonterminal = g.terminals + 1;
   for (const Production& p : g.productions) {
     prdndx.push_back(static_cast<int>(prdlst.size()));
@@ -161,7 +168,10 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
   }
   for (const auto& row : tables.rows) {
     prsndx.push_back(static_cast<int>(prslst.size()));
-    for (const auto& [symbol, entry] : row) { prslst.push_back(symbol); prslst.push_back(entry); }
+    for (const auto& [symbol, entry] : row) {
+      prslst.push_back(symbol);
+      prslst.push_back(entry);
+    }
   }
   prsndx.push_back(static_cast<int>(prslst.size()));
   for (const SemanticAction& a : g.actions) {
@@ -187,7 +197,10 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
     insndx.push_back(static_cast<int>(instbl.size()));
     // A nonterminal that costs more than any repair may has no string.
     const auto& text = best.text[static_cast<std::size_t>(s)];
-    if (ins.back() >= never) { instbl.push_back(0); continue; }
+    if (ins.back() >= never) {
+      instbl.push_back(0);
+      continue;
+    }
     instbl.push_back(static_cast<int>(text.size()));
     instbl.insert(instbl.end(), text.begin(), text.end());
   }
@@ -211,11 +224,15 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
   for (int s = first_nonterminal; s <= g.symbols(); ++s) names.push_back(quoted(g.names[static_cast<std::size_t>(s)]));
   w.array("std::string_view", "nonterminals", names);
   write_options(w.out_, g);
-  w.out_ << "} // namespace\n\nPARSECONTROL tvlg()\n{\n  return {1, " << first_nonterminal << ", " << g.terminals << ", " << prslst.size()
-         << ", prdlst, prdndx, lhstbl, prslst, prsndx, actmap, argndx, argtbl, symtbl, symndx, symmap,\n          delcost, inscost, insndx, instbl, "
-         << never << ", 63, " << instbl.size() << ", nullptr, nullptr, false, " << g.productions.size() << ", " << tables.rows.size() << ", "
-         << g.classes << "};\n}\n\nstd::span<const OptionRow> option_rows() { return all_options; }\n"
-         << "std::string_view nonterminal_name(int index) { return nonterminals[index]; }\n\n} // namespace torvale::language\n";
+  w.out_ << "} // namespace\n\nPARSECONTROL tvlg()\n{\n  return {1, " << first_nonterminal << ", " << g.terminals
+         << ", " << prslst.size()
+         << ", prdlst, prdndx, lhstbl, prslst, prsndx, actmap, argndx, argtbl, symtbl, symndx, symmap,\n          "
+            "delcost, inscost, insndx, instbl, "
+         << never << ", 63, " << instbl.size() << ", nullptr, nullptr, false, " << g.productions.size() << ", "
+         << tables.rows.size() << ", " << g.classes
+         << "};\n}\n\nstd::span<const OptionRow> option_rows() { return all_options; }\n"
+         << "std::string_view nonterminal_name(int index) { return nonterminals[index]; }\n\n} // namespace "
+            "torvale::language\n";
 }
 
 } // namespace torvale::generator

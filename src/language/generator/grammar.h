@@ -15,15 +15,15 @@ struct SemanticAction {
 };
 
 struct Production {
-  int left = 0;            // nonterminal symbol
-  std::vector<int> right;  // symbols in order
-  int action = -1;         // index into Grammar::actions, -1 none
-  int line = 0;            // of the grammar file
+  int left = 0;           // nonterminal symbol
+  std::vector<int> right; // symbols in order
+  int action = -1;        // index into Grammar::actions, -1 none
+  int line = 0;           // of the grammar file
 };
 
 // A value that an option takes; see the grammar file.
 struct OptionValue {
-  std::string kind;        // number, count, number_or_missing, count_or_missing, integer, input, output, name, word, keep
+  std::string kind; // number, count, number_or_missing, count_or_missing, integer, input, output, name, word, keep
   bool has_low = false, has_high = false;
   int low = 0, high = 0;
   int slot = 0;
@@ -39,19 +39,19 @@ struct OptionRow {
   std::vector<OptionValue> bracket; // zero or one
   std::vector<int> traces;          // trace classes
   std::vector<int> flags;
-  std::string initial, meaning;     // what holds without the option; what it does
+  std::string initial, meaning; // what holds without the option; what it does
 };
 
 struct Grammar {
   // Symbols: 1..classes are token classes, then keywords in ASCII order, the end mark $$$ last; then nonterminals.
-  std::vector<std::string> names;   // by symbol number; [0] unused
+  std::vector<std::string> names; // by symbol number; [0] unused
   int classes = 0;
-  int terminals = 0;                // symbol number of $$$
-  int goal = 0;                     // the nonterminal named by %goal
+  int terminals = 0;                   // symbol number of $$$
+  int goal = 0;                        // the nonterminal named by %goal
   std::vector<Production> productions; // [0] is the augmented one
   std::vector<SemanticAction> actions;
   std::map<std::string, int> routine_numbers;
-  std::vector<char> prefer_shift;   // by symbol
+  std::vector<char> prefer_shift; // by symbol
   std::vector<OptionRow> options;
 
   int symbols() const { return static_cast<int>(names.size()) - 1; }

@@ -15,8 +15,14 @@ void unite(Bits& to, const Bits& from)
 {
   for (std::size_t i = 0; i < to.size(); ++i) to[i] |= from[i];
 }
-void put(Bits& set, int member) { set[static_cast<std::size_t>(member) / 64] |= 1ull << (member % 64); }
-bool has(const Bits& set, int member) { return (set[static_cast<std::size_t>(member) / 64] >> (member % 64)) & 1; }
+void put(Bits& set, int member)
+{
+  set[static_cast<std::size_t>(member) / 64] |= 1ull << (member % 64);
+}
+bool has(const Bits& set, int member)
+{
+  return (set[static_cast<std::size_t>(member) / 64] >> (member % 64)) & 1;
+}
 
 class Automaton {
 public:
@@ -36,9 +42,12 @@ private:
   struct State {
     std::vector<Item> kernel;
     std::vector<int> reductions;
-    std::map<int, int> next;        // symbol -> state
+    std::map<int, int> next; // symbol -> state
   };
-  struct Transition { int state; int symbol; }; // on a nonterminal
+  struct Transition {
+    int state;
+    int symbol;
+  }; // on a nonterminal
 
   const Production& production(int p) const { return g_.productions[static_cast<std::size_t>(p)]; }
   bool nullable(int s) const { return nullable_[static_cast<std::size_t>(s)] != 0; }
@@ -91,8 +100,10 @@ private:
       std::map<int, std::vector<Item>> moves;
       for (const auto& [p, dot] : closure(states_[n].kernel)) {
         const auto& right = production(p).right;
-        if (static_cast<std::size_t>(dot) == right.size()) states_[n].reductions.push_back(p);
-        else moves[right[static_cast<std::size_t>(dot)]].push_back({p, dot + 1});
+        if (static_cast<std::size_t>(dot) == right.size())
+          states_[n].reductions.push_back(p);
+        else
+          moves[right[static_cast<std::size_t>(dot)]].push_back({p, dot + 1});
       }
       for (auto& [symbol, kernel] : moves) {
         const int to = state_of(std::move(kernel));
@@ -149,8 +160,10 @@ private:
     for (std::size_t t = 0; t < count; ++t) {
       const int to = go(transitions_[t].state, transitions_[t].symbol);
       for (const auto& [symbol, next] : states_[static_cast<std::size_t>(to)].next) {
-        if (g_.terminal(symbol)) put(follow[t], symbol);
-        else if (nullable(symbol)) reads[t].push_back(transition(to, symbol));
+        if (g_.terminal(symbol))
+          put(follow[t], symbol);
+        else if (nullable(symbol))
+          reads[t].push_back(transition(to, symbol));
       }
       if (transitions_[t].symbol == g_.goal && transitions_[t].state != 0) put(follow[t], g_.terminals);
     }
@@ -159,8 +172,8 @@ private:
         const auto& right = production(p).right;
         int state = transitions_[t].state;
         for (std::size_t i = 0; i < right.size(); ++i) {
-          if (!g_.terminal(right[i]) &&
-              std::all_of(right.begin() + static_cast<std::ptrdiff_t>(i) + 1, right.end(), [this](int s) { return nullable(s); }))
+          if (!g_.terminal(right[i]) && std::all_of(right.begin() + static_cast<std::ptrdiff_t>(i) + 1, right.end(),
+                                                    [this](int s) { return nullable(s); }))
             includes[static_cast<std::size_t>(transition(state, right[i]))].push_back(static_cast<int>(t));
           state = go(state, right[i]);
         }
@@ -208,11 +221,14 @@ Tables Automaton::tables()
       for (int t = 1; t <= g_.terminals; ++t) {
         if (!has(set, t)) continue;
         const auto found = row.find(t);
-        if (found == row.end()) { row[t] = -p; continue; }
+        if (found == row.end()) {
+          row[t] = -p;
+          continue;
+        }
         if (found->second > 0 && g_.prefer_shift[static_cast<std::size_t>(t)]) continue;
-        result.conflicts.push_back("state " + std::to_string(n) + " on " + g_.names[static_cast<std::size_t>(t)] + ": " +
-                                   (found->second > 0 ? "shift" : describe(production(-found->second))) + " or " +
-                                   describe(production(p)));
+        result.conflicts.push_back("state " + std::to_string(n) + " on " + g_.names[static_cast<std::size_t>(t)] +
+                                   ": " + (found->second > 0 ? "shift" : describe(production(-found->second))) +
+                                   " or " + describe(production(p)));
       }
     }
     result.rows.push_back({row.begin(), row.end()});
@@ -222,6 +238,9 @@ Tables Automaton::tables()
 
 } // namespace
 
-Tables make_tables(const Grammar& grammar) { return Automaton(grammar).tables(); }
+Tables make_tables(const Grammar& grammar)
+{
+  return Automaton(grammar).tables();
+}
 
 } // namespace torvale::generator

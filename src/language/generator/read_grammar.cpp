@@ -26,14 +26,20 @@ struct Word {
   std::exit(1);
 }
 
-bool word_char(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '$'; }
+bool word_char(char c)
+{
+  return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '$';
+}
 
 // Splits one line (or the rest of one) into words.
 void split(const std::string& text, int line, std::vector<Word>& out)
 {
   for (std::size_t i = 0; i < text.size();) {
     const char c = text[i];
-    if (std::isspace(static_cast<unsigned char>(c))) { ++i; continue; }
+    if (std::isspace(static_cast<unsigned char>(c))) {
+      ++i;
+      continue;
+    }
     if (c == '#') break;
     if (c == '\'') {
       const std::size_t close = text.find('\'', i + 1);
@@ -49,7 +55,8 @@ void split(const std::string& text, int line, std::vector<Word>& out)
       i = close + 1;
       continue;
     }
-    if (std::isdigit(static_cast<unsigned char>(c)) || (c == '-' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1])))) {
+    if (std::isdigit(static_cast<unsigned char>(c)) ||
+        (c == '-' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1])))) {
       std::size_t j = i + 1;
       while (j < text.size() && std::isdigit(static_cast<unsigned char>(text[j]))) ++j;
       out.push_back({Word::number, text.substr(i, j - i), line});
@@ -60,13 +67,22 @@ void split(const std::string& text, int line, std::vector<Word>& out)
       std::size_t j = i + 1;
       while (j < text.size() && word_char(text[j])) ++j;
       const std::string w = text.substr(i, j - i);
-      const bool lower = std::any_of(w.begin(), w.end(), [](char x) { return std::islower(static_cast<unsigned char>(x)) != 0; });
+      const bool lower =
+          std::any_of(w.begin(), w.end(), [](char x) { return std::islower(static_cast<unsigned char>(x)) != 0; });
       out.push_back({lower || c == '%' ? Word::name : Word::keyword, w, line});
       i = j;
       continue;
     }
-    if (text.compare(i, 2, "=>") == 0) { out.push_back({Word::mark, "=>", line}); i += 2; continue; }
-    if (text.compare(i, 2, "..") == 0) { out.push_back({Word::mark, "..", line}); i += 2; continue; }
+    if (text.compare(i, 2, "=>") == 0) {
+      out.push_back({Word::mark, "=>", line});
+      i += 2;
+      continue;
+    }
+    if (text.compare(i, 2, "..") == 0) {
+      out.push_back({Word::mark, "..", line});
+      i += 2;
+      continue;
+    }
     out.push_back({Word::mark, std::string(1, c), line});
     ++i;
   }
@@ -95,13 +111,25 @@ public:
     for (const Word& w : words) row.words.push_back(w.text);
     if (row.words.empty()) fail(line_, "an option needs a spelling");
     split(columns_[1], line_, value_);
-    if (is("optional")) { row.optional = true; ++at_; }
-    if (is("flag")) ++at_;
-    else if (is("trace")) row.traces = trace();
+    if (is("optional")) {
+      row.optional = true;
+      ++at_;
+    }
+    if (is("flag"))
+      ++at_;
+    else if (is("trace"))
+      row.traces = trace();
     else {
       row.values.push_back(value());
-      while (is("or")) { ++at_; row.values.push_back(value()); }
-      if (is("[")) { ++at_; row.bracket.push_back(value()); expect("]"); }
+      while (is("or")) {
+        ++at_;
+        row.values.push_back(value());
+      }
+      if (is("[")) {
+        ++at_;
+        row.bracket.push_back(value());
+        expect("]");
+      }
     }
     if (at_ != value_.size()) fail(line_, "value form not understood");
     std::vector<Word> flags;
@@ -140,8 +168,10 @@ private:
     v.kind = value_[at_++].text;
     if (is("(")) {
       ++at_;
-      if (v.kind == "word" || v.kind == "keep") words(v);
-      else limits(v);
+      if (v.kind == "word" || v.kind == "keep")
+        words(v);
+      else
+        limits(v);
       expect(")");
     }
     expect("@");
@@ -153,7 +183,10 @@ private:
     v.low = integer();
     v.has_low = true;
     expect("..");
-    if (!is(")")) { v.high = integer(); v.has_high = true; }
+    if (!is(")")) {
+      v.high = integer();
+      v.has_high = true;
+    }
   }
   void words(OptionValue& v)
   {
@@ -209,10 +242,12 @@ public:
 
   Grammar read()
   {
-    productions_.push_back({});          // the augmented production, filled at the end
+    productions_.push_back({}); // the augmented production, filled at the end
     while (now().kind != Word::end) {
-      if (now().text[0] == '%') directive();
-      else rules();
+      if (now().text[0] == '%')
+        directive();
+      else
+        rules();
     }
     for (std::size_t i = 0; i < grammar_.options.size(); ++i) option_productions(static_cast<int>(i));
     number_symbols();
@@ -237,14 +272,19 @@ private:
       while (now().kind == Word::keyword || now().kind == Word::token_class) list.push_back(take().text);
       return list;
     };
-    if (w.text == "%classes") classes_ = line_words();
-    else if (w.text == "%unused") for (const auto& k : line_words()) keywords_.insert(k);
-    else if (w.text == "%prefer_shift") prefer_ = line_words();
-    else if (w.text == "%goal") goal_ = take().text;
+    if (w.text == "%classes")
+      classes_ = line_words();
+    else if (w.text == "%unused")
+      for (const auto& k : line_words()) keywords_.insert(k);
+    else if (w.text == "%prefer_shift")
+      prefer_ = line_words();
+    else if (w.text == "%goal")
+      goal_ = take().text;
     else if (w.text == "%action") {
       const std::string name = take().text;
       grammar_.routine_numbers[name] = std::stoi(take().text);
-    } else fail(w.line, "unknown directive " + w.text);
+    } else
+      fail(w.line, "unknown directive " + w.text);
   }
 
   // left : alternative | alternative ...; ends where the next "name :" begins or a directive stands.
@@ -268,7 +308,11 @@ private:
         if (!(now().kind == Word::keyword)) break;
       }
       if (now().kind == Word::name && words_[at_ + 1].kind == Word::mark && words_[at_ + 1].text == ":") break;
-      if (now().kind == Word::mark && now().text == "=>") { ++at_; p.action = action(); break; }
+      if (now().kind == Word::mark && now().text == "=>") {
+        ++at_;
+        p.action = action();
+        break;
+      }
       if (now().kind == Word::mark || now().kind == Word::number) fail(now().line, "unexpected " + now().text);
       p.right.push_back(take());
       if (p.right.back().kind == Word::keyword) keywords_.insert(p.right.back().text);
@@ -395,6 +439,9 @@ private:
 
 } // namespace
 
-Grammar read_grammar(const std::string& path) { return Reader(path).read(); }
+Grammar read_grammar(const std::string& path)
+{
+  return Reader(path).read();
+}
 
 } // namespace torvale::generator
