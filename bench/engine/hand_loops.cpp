@@ -1,6 +1,7 @@
-// The loops, for one instruction set (the one it is compiled for). Logistic and Poisson are written out; the
+// The loops, for the instruction set that this file is compiled for. Logistic and Poisson are written out; the
 // compartment models are sums of exponentials in jets, with all that depends on the point alone computed before the
-// loop. Parameters that enter through one sum with a random effect have the same derivative, which is stored twice.
+// loop. Both sides of a branch are computed and one is chosen, as the program does. Parameters that enter through one
+// sum with a random effect have the same derivative, which is stored twice.
 
 #include "engine/hand_loops.h"
 #include "engine/jets.h"
@@ -141,10 +142,9 @@ template <int N, int O> void two_compartment_loop(const HandInput& in, double* o
   for (int i = 0; i < lanes; i += width) {
     const Lanes time = load(in.time + i);
     const Mask during = time <= all(2.0);
-    // During the infusion t counts from its start, after it from its end: one exponential serves both.
-    const Lanes t = if_else(during, time, time - all(2.0));
-    const L x1 = exponential(times(m1, t)), x2 = exponential(times(m2, t));
-    const L early = a1 * (L(1.0) - x1) + a2 * (L(1.0) - x2), late = b1 * x1 + b2 * x2;
+    const Lanes after = time - all(2.0);
+    const L early = a1 * (L(1.0) - exponential(times(m1, time))) + a2 * (L(1.0) - exponential(times(m2, time)));
+    const L late = b1 * exponential(times(m1, after)) + b2 * exponential(times(m2, after));
     L conc;
     conc.v = if_else(during, early.v, late.v);
     for (int k = 0; k < conc.gradients; ++k) conc.g[k] = if_else(during, early.g[k], late.g[k]);
