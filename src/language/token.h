@@ -25,4 +25,10 @@ struct Token {
   double number = 0.0;     // of number classes and MISSING
 };
 
+inline bool is_number(const Token& t)
+{
+  return t.symbol == token_class::INT || t.symbol == token_class::NBR || t.symbol == token_class::DATE ||
+         t.symbol == token_class::TIME || t.symbol == token_class::DATETIME;
+}
+
 } // namespace torvale::language
