@@ -11,7 +11,7 @@ using syntax::same_name;
 
 namespace {
 
-constexpr std::size_t deepest_stack = 12000; // symbols on the parse stack
+constexpr std::size_t deepest_stack = 6000; // symbols on the parse stack
 constexpr std::size_t longest_name = 32;
 
 } // namespace
