@@ -79,9 +79,9 @@ long wrk2_length(const MINSTR& str)
 
 int tvlopta(MINSTR* str)
 {
-  const long n = str->nvar;
+  str->nnva = str->nvar * (str->nvar + 1) / 2;
+  const long n = std::max(str->nvar, 1L); // a problem without parameters has arrays as well
   const long rows = str->ncon;
-  str->nnva = n * (n + 1) / 2;
   const Need needs[] = {
       {&MINSTR::x, n},    {&MINSTR::xold, n},        {&MINSTR::grad, n},
       {&MINSTR::gold, n}, {&MINSTR::sdir, n},        {&MINSTR::work, n},

@@ -43,11 +43,12 @@ double znlpalf(const MINSTR& str, double slope, double longest)
   } else if (!is_missing(str.damp)) {
     a = str.itre == 0 ? 1.0 : std::min(str.damp * str.alfa, 1.0);
   } else if (is_missing(str.dfes) || str.dfes == 0.0 || str.itre == 0) {
-    // No decrease to go by. The first direction of a cycle is a bare gradient whose length means nothing: a step of the
-    // size of the point, and of 1 at most, stays where the start values mean something.
+    // No decrease to go by. The first direction of a cycle is a bare gradient whose length means nothing, unless the
+    // matrix began as a Hessian: a step of the size of the point, and of 1 at most, stays where the start values mean
+    // something.
     const double size = matrix::zvenorm(str.nvar, 1, str.xold);
     const double length = std::max(matrix::zvenorm(str.nvar, 1, str.sdir), tiny_threshold);
-    a = str.itre > 0 ? 1.0 : std::min(1.0, (size > 0.0 ? std::min(size, 1.0) : 1.0) / length);
+    a = str.itre > 0 || str.load != 0 ? 1.0 : std::min(1.0, (size > 0.0 ? std::min(size, 1.0) : 1.0) / length);
   } else {
     const double decrease = std::abs(str.dfes);
     if (std::abs(slope) >= std::max(100.0 * decrease, tiny_threshold) * unit_roundoff)

@@ -81,7 +81,6 @@ private:
   // Where the objective fails the other side and smaller moves are tried, then larger ones up to INFSTEP.
   int build(double size)
   {
-    scale = size;
     std::copy_n(str->x, n, vertex(0));
     y[0] = str->crit;
     for (long j = 0, k = 1; j < m; ++j, ++k) {
@@ -227,7 +226,6 @@ private:
   double* vertices; // (n + 1) rows of n
   double* y;        // their values
   double *centroid, *reflected, *second;
-  double scale = 1.0;
   long best = 0, worst = 0, next_worst = 0;
 };
 
