@@ -129,7 +129,8 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   std::array<long, 8> counts{};
   std::array<std::int64_t, 8> firsts{};
   std::array<std::string, 8> reasons{};
-  constexpr int inspected_most = 200; // a fault shows at once; the rest is counting
+  const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
+  constexpr int inspected_most = 200;                    // a fault shows at once; the rest is counting
   int inspected = 0;
   for (std::int64_t row = 0; row < n.store->nobs; ++row) {
     const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
@@ -157,7 +158,7 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
       }
       if (!faults.empty()) reason = faults[0].text;
     }
-    if (data_missing) continue;
+    if (data_missing || (deletes && reason.empty())) continue;
     const auto c = static_cast<std::size_t>(cause);
     if (counts[c]++ == 0) {
       firsts[c] = row;
@@ -169,10 +170,11 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
       "an argument of RANDOM", "a derivative of an argument of RANDOM", "DELETE"};
   for (std::size_t c = 0; c < counts.size(); ++c) {
     if (counts[c] == 0 || c == static_cast<std::size_t>(BadCause::deleted)) continue;
-    n.host->log().xpmlog(503, 9202,
-                         {{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])},
-                          {"reason", reasons[c]}},
-                         place_of(n, firsts[c]));
+    host::MessageArguments details{{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])}};
+    if (!reasons[c].empty()) details.emplace_back("reason", reasons[c]);
+    auto place = place_of(n, firsts[c]);
+    place.row = 0; // the text names the observation
+    n.host->log().xpmlog(503, 9202, details, place);
     n.raise(4);
   }
   return 0;

@@ -157,6 +157,8 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
 // True when the program carries values from record to record that depend on more than data (RETAIN, sums, lags of
 // computed values): its tiles must bring the records of a subject in order, one record a tile.
 bool sequential(const Program& program);
+// True when the model has a DELETE statement that some record can reach.
+bool deletes_records(const CMPGLOBAL& gcmp);
 // True when output k depends on random effects (else it is the same for all points of an observation).
 bool varies_by_point(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.

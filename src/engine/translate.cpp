@@ -211,6 +211,8 @@ void Translator::store_results()
   }
 }
 
+bool deletes_records(const CMPGLOBAL& gcmp) { return gcmp.deleted != no_node && !gcmp.graph.is_constant(gcmp.deleted, 0.0); }
+
 CMPGLOBAL::CMPGLOBAL(const CMPINIT& init) : options(init), text(graph) {}
 CMPGLOBAL::~CMPGLOBAL() = default;
 
