@@ -135,11 +135,14 @@ int load_priors(const NX& n, TVLThreadCtx& ctx, bool with_derivatives)
     std::fill_n(b.failure.begin(), b.slots, b.prior_failure);
     return 0;
   }
+  // By place; the arguments themselves come first, and a derivative that is identically zero is no output.
   const auto collect = [&] {
-    for (long k = 0; k < arguments; ++k) {
-      const bool live = k < reff.nd || n.programs.setup_live[static_cast<std::size_t>(k)] != 0;
-      b.outputs[static_cast<std::size_t>(k)] = live ? ctx.frame->output(static_cast<int>(k)) : nullptr;
-    }
+    std::fill(b.outputs.begin(), b.outputs.end(), nullptr);
+    if (with_derivatives)
+      for (std::size_t k = 0; k < n.programs.setup_list.size(); ++k)
+        b.outputs[static_cast<std::size_t>(n.programs.setup_list[k])] = ctx.frame->output(static_cast<int>(k));
+    else
+      for (int a = 0; a < reff.nd; ++a) b.outputs[static_cast<std::size_t>(a)] = ctx.frame->output(a);
   };
   ctx.frame->set_points(b.ran.data(), 1, 1); // the arguments do not read the random effects
   if (varies && !engine::sequential(program)) {

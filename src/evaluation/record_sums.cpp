@@ -41,7 +41,9 @@ public:
   {
     int pairs = 0;
     consecutive_ = true;
+    repeat_ = runs_.empty() ? 1 : runs_[0].pairs;
     for (const PairRun& run : runs_) {
+      if (run.pairs != repeat_) repeat_ = 1;
       std::fill_n(first_row_.data() + pairs, run.pairs, run.rows[0]);
       pairs += run.pairs;
       consecutive_ = consecutive_ && run.rows[run.records - 1] - run.rows[0] == run.records - 1;
@@ -82,6 +84,7 @@ private:
     tile.observation = observation_.data();
     tile.point = point_.data();
     tile.state = sequential_ ? point_.data() : nullptr;
+    tile.repeat = repeat_;
     if (const int rc = tvlexec(ctx_, *what_.program, tile); rc > 2) return rc;
     if (sequential_)
       add_used_lanes();
@@ -94,9 +97,9 @@ private:
 
   void add_segments() const
   {
-    for (const int k : what_.outputs) {
-      const double* const value = ctx_.frame->output(k);
-      double* const sum = what_.sums + k * what_.stride;
+    for (std::size_t k = 0; k < what_.places.size(); ++k) {
+      const double* const value = ctx_.frame->output(static_cast<int>(k));
+      double* const sum = what_.sums + what_.places[k] * what_.stride;
       for (int s = 0; s < segment_count_; ++s) {
         const Segment& g = segments_[static_cast<std::size_t>(s)];
         const double* const from = value + g.lane;
@@ -112,9 +115,9 @@ private:
   void add_used_lanes() const
   {
     const Segment& g = segments_[0];
-    for (const int k : what_.outputs) {
-      const double* const value = ctx_.frame->output(k);
-      double* const sum = what_.sums + k * what_.stride;
+    for (std::size_t k = 0; k < what_.places.size(); ++k) {
+      const double* const value = ctx_.frame->output(static_cast<int>(k));
+      double* const sum = what_.sums + what_.places[k] * what_.stride;
       if (g.record == 0) std::fill_n(sum, g.pairs, 0.0);
       for (int j = 0; j < g.pairs; ++j)
         if (n_.store->badobs[static_cast<std::size_t>(observation_[static_cast<std::size_t>(j)])] == model::BadCause::none)
@@ -129,6 +132,7 @@ private:
   const bool sequential_;
   int lanes_ = 0;
   int segment_count_ = 0;
+  int repeat_ = 1;           // pairs of every subject, when they have equally many
   bool consecutive_ = false; // every subject's records are consecutive rows: those of record k lie k behind the first
   std::array<std::int32_t, tile_pairs> first_row_;
   std::array<std::int32_t, engine::max_lanes> observation_;

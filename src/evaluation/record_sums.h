@@ -12,8 +12,8 @@ inline constexpr int tile_pairs = engine::max_lanes; // most pairs of one run of
 // RecordSums: what tvllogl adds up and where.
 struct RecordSums {
   const engine::Program* program = nullptr;
-  std::span<const int> outputs;  // numbers of the outputs wanted
-  double* sums = nullptr;        // out: sum of output k of pair j at sums[k * stride + j]; other rows are left alone
+  std::span<const int> places;   // where the program's outputs belong, in order
+  double* sums = nullptr;        // out: the sum of an output at place k for pair j at sums[k * stride + j]; other rows are left alone
   long stride = 0;
 };
 

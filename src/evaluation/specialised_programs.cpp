@@ -15,22 +15,25 @@ using model::REFFECT;
 
 namespace {
 
-// The outputs of one program: symbols by place; a place without a symbol is identically zero.
+// What one program yields: symbols by place; a place without a symbol is identically zero.
 struct Outputs {
   std::vector<CMPSYM*> symbols;
   explicit Outputs(int places) : symbols(static_cast<std::size_t>(places), nullptr) {}
   CMPSYM*& at(long place) { return symbols[static_cast<std::size_t>(place)]; }
 
-  // Live marks and the list of live places.
-  void mark(std::vector<char>& live, std::vector<int>& list) const
+  // Live marks, the list of live places, and their program.
+  const engine::Program* specialise(engine::CMPGLOBAL& gcmp, std::vector<char>& live, std::vector<int>& list) const
   {
+    std::vector<CMPSYM*> wanted;
     live.assign(symbols.size(), 0);
     list.clear();
     for (std::size_t k = 0; k < symbols.size(); ++k) {
       if (symbols[k] == nullptr) continue;
       live[k] = 1;
       list.push_back(static_cast<int>(k));
+      wanted.push_back(symbols[k]);
     }
+    return engine::cmpspec(gcmp, wanted);
   }
 };
 
@@ -141,8 +144,7 @@ int specialise_programs(NX& n)
   ModelPrograms& p = n.programs;
   const bool analytic = n.fd == 0;
   const auto specialise = [&](const Outputs& out, std::vector<char>& live, std::vector<int>& list) {
-    out.mark(live, list);
-    return engine::cmpspec(*n.gcmp, out.symbols);
+    return out.specialise(*n.gcmp, live, list);
   };
   std::vector<char> live;
   std::vector<int> list;

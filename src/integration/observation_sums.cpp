@@ -89,11 +89,10 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none) continue;
     value.add(at - first, ll, lanes.weight, lanes.count);
     if (!gradient) continue;
-    for (const int k : n.programs.gradient_list) {
-      if (k == 0) continue;
+    for (std::size_t k = 1; k < n.programs.gradient_list.size(); ++k) {
       InterleavedSum sum;
-      sum.add(at - first, ctx.frame->output(k), lanes.weight, lanes.count);
-      grad[k - 1] -= sum.close();
+      sum.add(at - first, ctx.frame->output(static_cast<int>(k)), lanes.weight, lanes.count);
+      grad[n.programs.gradient_list[k] - 1] -= sum.close();
     }
   }
   n.slot_value[slot] = -value.close();

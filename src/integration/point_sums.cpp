@@ -129,10 +129,10 @@ private:
     if (pairs_ == 0) return 0;
     const engine::Program& program = gradient_ ? *n_.programs.gradient : *n_.programs.value;
     static constexpr int value_only[] = {0};
-    const std::span<const int> outputs = gradient_ ? std::span<const int>(n_.programs.gradient_list) : value_only;
+    const std::span<const int> places = gradient_ ? std::span<const int>(n_.programs.gradient_list) : value_only;
     ctx_.frame->set_points(b_.ran.data(), pairs_, static_cast<int>(b_.pair_stride));
     const int rc = evaluation::tvllogl(n_, ctx_, {b_.runs.data(), static_cast<std::size_t>(runs_)},
-                                       {&program, outputs, b_.point_sums.data(), b_.pair_stride});
+                                       {&program, places, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
     double peak[most_pairs];
     for (int r = 0, at = 0; r < runs_; at += run_pairs(r++)) peak[r] = find_peak(at, run_pairs(r));

@@ -77,6 +77,7 @@ TEST(Callbacks, GradientIsFreeAtTheSamePoint)
   str.x = x.data();
   str.grad = gradient.data();
   str.comstr = n.get();
+  str.ifdr = 2; // value and gradient are wanted
   n->dograd = true;
   n->str = nullptr;
   ASSERT_EQ(integration::nlpfunc(&str), 0);
