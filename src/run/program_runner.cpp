@@ -2,6 +2,7 @@
 
 #include "host/run_output.h"
 #include "language/parser.h"
+#include "language/statement_listing.h"
 #include "run/driver.h"
 #include "run/exit_codes.h"
 #include "run/model_generator.h"
@@ -35,6 +36,8 @@ public:
       if (!parsed.found && parsed.diagnostics.empty()) break;
       ensure_step();
       report(parsed.diagnostics);
+      if (request_.check_only && parsed.found)
+        result.statements.push_back(language::statement_listing(sources_, parsed.proc) + language::program_listing(parsed.proc.program));
       StepOutcome outcome = parsed.found ? finish(parsed) : StepOutcome{3000, exit_program};
       if (host_.interrupted()) outcome.exit_code = exit_interrupted;
       host_.end_step(outcome.return_code);
