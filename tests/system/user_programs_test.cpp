@@ -1,0 +1,102 @@
+// Programs as users write them: two ways to say one model must give one answer, and what is left out is left out quietly.
+
+#include "system/session.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace torvale::tests {
+
+namespace {
+
+void expect_same_fit(const Run& a, const Run& b, double tolerance = 1e-9)
+{
+  ASSERT_EQ(a.outcome.exit_code, 0) << a.log;
+  ASSERT_EQ(b.outcome.exit_code, 0) << b.log;
+  const auto values_a = a.column("ParameterEstimates", "Estimate"), values_b = b.column("ParameterEstimates", "Estimate");
+  const auto errors_a = a.column("ParameterEstimates", "StandardError"), errors_b = b.column("ParameterEstimates", "StandardError");
+  ASSERT_EQ(values_a.size(), values_b.size());
+  for (std::size_t i = 0; i < values_a.size(); ++i) {
+    EXPECT_NEAR(values_a[i], values_b[i], tolerance * (std::abs(values_a[i]) + errors_a[i])) << i;
+    EXPECT_NEAR(errors_a[i], errors_b[i], 100 * tolerance * errors_a[i]) << i;
+  }
+  EXPECT_NEAR(a.column("FitStatistics", "Value")[0], b.column("FitStatistics", "Value")[0], 1e-9);
+}
+
+const std::string slopes_head =
+    "TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=250 b1=10 v00=500 v01=0 v11=30 s2=600;"
+    "BOUNDS v00 > 0, v11 > 0, s2 > 0;";
+const std::string slopes_tail =
+    "MODEL reaction ~ NORMAL(mu, s2); RANDOM u0 u1 ~ NORMAL([0,0],[v00,v01,v11]) SUBJECT=subject; RUN;";
+
+// A loop over arrays, a function, and the plain formula. The array b of DIM(b) is no parameter of that name.
+TEST(UserPrograms, ArraysAndFunctionsSayTheSameModel)
+{
+  const auto plain = run_text(slopes_head + "mu = b0 + u0 + (b1 + u1)*days;" + slopes_tail);
+  const auto loop = run_text(slopes_head +
+                             "ARRAY b[2] b0 b1; ARRAY u[2] u0 u1; ARRAY z[2]; z[1] = 1; z[2] = days; mu = 0;"
+                             "DO j = 1 TO DIM(b); mu = mu + (b[j] + u[j])*z[j]; END;" + slopes_tail);
+  const auto function = run_text("TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0;"
+                                 "FUNCTION line(a, b, t); RETURN (a + b*t); ENDSUB;" + slopes_head.substr(slopes_head.find("PARMS")) +
+                                 "IF days = 0 THEN mu = line(b0 + u0, 0, days); ELSE mu = line(b0 + u0, b1 + u1, days);" + slopes_tail);
+  EXPECT_EQ(loop.column("ParameterEstimates", "Estimate").size(), 6u) << loop.log;
+  expect_same_fit(plain, loop);
+  expect_same_fit(plain, function);
+}
+
+// The record before, by LAG and by a retained variable: values and derivatives are carried alike.
+TEST(UserPrograms, RetainedValuesAreLags)
+{
+  const std::string head = "TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=250 b1=10 rho=0.3 sd=25 s2u=600;"
+                           "BOUNDS -1 < rho < 1, sd > 0, s2u > 0; e = reaction - b0 - u - b1*days;";
+  const std::string tail = "IF MISSING(before) THEN ll = LOGPDF('normal', e, 0, sd/SQRT(1 - rho**2));"
+                           "ELSE ll = LOGPDF('normal', e, rho*before, sd);"
+                           "MODEL reaction ~ GENERAL(ll); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject; RUN;";
+  expect_same_fit(run_text(head + "before = LAG(e);" + tail), run_text(head + "RETAIN last .; before = last; last = e;" + tail), 1e-7);
+}
+
+// DELETE, WHERE= and rows with a missing response leave the same observations out; DELETE is meant, so there is no warning.
+TEST(UserPrograms, WaysToLeaveObservationsOut)
+{
+  const auto program = [](const std::string& options, const std::string& statement) {
+    return "TORVALE DATA=epil" + options + " GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=1 b1=1;" +
+           statement + "MODEL y ~ POISSON(EXP(b0 + b1*lbase)); RUN;";
+  };
+  const auto deleted = run_text(program("", "IF period = 4 THEN DELETE;"));
+  const auto filtered = run_text(program("(WHERE=(period < 4))", ""));
+  expect_same_fit(deleted, filtered);
+  EXPECT_FALSE(deleted.said(503, 9202)) << deleted.log;
+  EXPECT_EQ(deleted.number("Dimensions", "Observations Not Used", "Value"), 59);
+}
+
+// A value that goes missing by the program's doing is told, with the first observation and, where there is one, the reason.
+TEST(UserPrograms, MissingLikelihoodIsTold)
+{
+  const auto run = run_text("TORVALE DATA=epil; PARMS b0=1; IF period = 4 THEN eta = .; ELSE eta = b0;"
+                            "MODEL y ~ POISSON(EXP(eta)); RUN;");
+  EXPECT_TRUE(run.said(503, 9202)) << run.log;
+  EXPECT_NE(run.log.find("59 observations"), std::string::npos) << run.log;
+  EXPECT_EQ(run.log.find(": )"), std::string::npos) << run.log;
+}
+
+// A BY group without a usable observation costs the exit code, not the other groups.
+TEST(UserPrograms, UnusableGroupAmongOthers)
+{
+  std::string text = "g,x,y\n";
+  for (int g = 1; g <= 3; ++g)
+    for (int i = 0; i < 6; ++i)
+      text += std::to_string(g) + "," + std::to_string(i) + "," + (g == 2 ? "" : std::to_string((i * 7 + g) % 5 + i)) + "\n";
+  const TemporaryFile data("groups.csv", text);
+  const auto run = run_text("TORVALE DATA=groups; BY g; PARMS a=1 b=1 s2=1; BOUNDS s2 > 0; MODEL y ~ NORMAL(a + b*x, s2); RUN;",
+                            "examples", 0, {{"groups", data.path()}});
+  EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
+  ASSERT_EQ(run.outcome.results.steps[0].groups.size(), 3u);
+  EXPECT_EQ(run.column("ParameterEstimates", "Estimate", 0).size(), 3u);
+  EXPECT_EQ(run.table("ParameterEstimates", 1), nullptr);
+  EXPECT_EQ(run.column("ParameterEstimates", "Estimate", 2).size(), 3u);
+}
+
+} // namespace
+
+} // namespace torvale::tests
