@@ -71,8 +71,9 @@ template <int Order> void poisson_loop(const HandInput& in, double* out, int lan
   }
 }
 
-// The normal log likelihood of dv with mean `conc`, and its outputs. N: variables of the jets; Variance: which of them is
-// the variance, -1 when it is not one (mode search). `again`: variables stored a second time, for the random effects.
+// The normal log likelihood of dv with mean `conc`, and its outputs. N: variables of the jets; Variance: which of them
+// is the variance, -1 when it is not one (mode search). `again`: variables stored a second time, for the random
+// effects.
 template <int N, int O, int Variance>
 void normal_outputs(const Jet<Lanes, N, O>& conc, Lanes dv, double s2, const int (&again)[3], double* out, int i)
 {
@@ -92,7 +93,8 @@ void normal_outputs(const Jet<Lanes, N, O>& conc, Lanes dv, double s2, const int
         if (again[u] == k) put(out, 1 + N + u, i, value);
   }
   for (int a = 0, k = 0; k < conc.hessians; ++a)
-    for (int b = 0; b <= a; ++b, ++k) put(out, 1 + N + k, i, if_else(none, Lanes{}, slope * conc.h[k] - all(1.0 / s2) * conc.g[a] * conc.g[b]));
+    for (int b = 0; b <= a; ++b, ++k)
+      put(out, 1 + N + k, i, if_else(none, Lanes{}, slope * conc.h[k] - all(1.0 / s2) * conc.g[a] * conc.g[b]));
 }
 
 // The variables of a set of outputs: of the gradient the parameters, of the mode search the random effects.
@@ -108,7 +110,8 @@ template <int N, int O> void one_compartment_loop(const HandInput& in, double* o
   using L = Jet<Lanes, N, O>;
   static L factor, minus_ke, minus_ka;
   if (in.new_point) {
-    const D ka = exponential(input<N, O>(in, 0, 0)), cl = exponential(input<N, O>(in, 1, 1)), ke = exponential(input<N, O>(in, 2, 2));
+    const D ka = exponential(input<N, O>(in, 0, 0)), cl = exponential(input<N, O>(in, 1, 1)),
+            ke = exponential(input<N, O>(in, 2, 2));
     factor = L(D(100.0) * ke * ka / (cl * (ka - ke)));
     minus_ke = L(D(0.0) - ke);
     minus_ka = L(D(0.0) - ka);
@@ -126,7 +129,8 @@ template <int N, int O> void two_compartment_loop(const HandInput& in, double* o
   using L = Jet<Lanes, N, O>;
   static L a1, a2, b1, b2, m1, m2;
   if (in.new_point) {
-    const D k10 = exponential(input<N, O>(in, 0, 0)), k12 = exponential(input<N, O>(in, 1, 1)), k21 = exponential(input<N, O>(in, 2, -1));
+    const D k10 = exponential(input<N, O>(in, 0, 0)), k12 = exponential(input<N, O>(in, 1, 1)),
+            k21 = exponential(input<N, O>(in, 2, -1));
     const D v = exponential(input<N, O>(in, 3, 2));
     const D e1 = k10 + k12, sum = e1 + k21, difference = root(sum * sum - D(4.0) * (e1 * k21 - k12 * k21));
     const D l1 = D(0.5) * (sum + difference), l2 = D(0.5) * (sum - difference);
@@ -159,8 +163,10 @@ template <int N, int O> void three_compartment_loop(const HandInput& in, double*
   using L = Jet<Lanes, N, O>;
   static L coefficient[4], minus_rate[4];
   if (in.new_point) {
-    const D ka = exponential(input<N, O>(in, 0, 0)), k10 = exponential(input<N, O>(in, 1, 1)), k12 = exponential(input<N, O>(in, 2, -1));
-    const D k21 = exponential(input<N, O>(in, 3, -1)), k13 = exponential(input<N, O>(in, 4, -1)), k31 = exponential(input<N, O>(in, 5, -1));
+    const D ka = exponential(input<N, O>(in, 0, 0)), k10 = exponential(input<N, O>(in, 1, 1)),
+            k12 = exponential(input<N, O>(in, 2, -1));
+    const D k21 = exponential(input<N, O>(in, 3, -1)), k13 = exponential(input<N, O>(in, 4, -1)),
+            k31 = exponential(input<N, O>(in, 5, -1));
     const D v = exponential(input<N, O>(in, 6, 2));
     const D out1 = k10 + k12 + k13;
     const D a = out1 + k21 + k31;
@@ -173,7 +179,8 @@ template <int N, int O> void three_compartment_loop(const HandInput& in, double*
     const D gam = cube_root(root(beta * beta + alpha * alpha));
     const D third = angle(alpha, beta) / D(3.0);
     const D co = cosine(third), si = D(std::sqrt(3.0)) * sine(third);
-    const D root1 = a / D(3.0) + gam * (co + si), root2 = a / D(3.0) + gam * (co - si), root3 = a / D(3.0) - D(2.0) * gam * co;
+    const D root1 = a / D(3.0) + gam * (co + si), root2 = a / D(3.0) + gam * (co - si),
+            root3 = a / D(3.0) - D(2.0) * gam * co;
     const D scale = D(100.0) * ka / v;
     const D all_rates[4] = {root1, root2, root3, ka};
     for (int j = 0; j < 4; ++j) {

@@ -12,10 +12,22 @@ namespace {
 
 using engine::Lanes;
 
-inline double spread(double x, double) { return x; }
-inline Lanes spread(double x, Lanes) { return engine::all(x); }
-inline double exp_of(double x) { return std::exp(x); }
-inline Lanes exp_of(Lanes x) { return engine::lane::exp(x); }
+inline double spread(double x, double)
+{
+  return x;
+}
+inline Lanes spread(double x, Lanes)
+{
+  return engine::all(x);
+}
+inline double exp_of(double x)
+{
+  return std::exp(x);
+}
+inline Lanes exp_of(Lanes x)
+{
+  return engine::lane::exp(x);
+}
 
 template <class S, int N, int Order> struct Jet {
   static constexpr int gradients = Order >= 1 ? N : 0;
@@ -86,7 +98,10 @@ template <class S, int N, int O> Jet<S, N, O> inverse(const Jet<S, N, O>& x)
   const S i = spread(1.0, S{}) / x.v;
   return chain(x, i, -i * i, spread(2.0, S{}) * i * i * i);
 }
-template <class S, int N, int O> Jet<S, N, O> operator/(const Jet<S, N, O>& a, const Jet<S, N, O>& b) { return a * inverse(b); }
+template <class S, int N, int O> Jet<S, N, O> operator/(const Jet<S, N, O>& a, const Jet<S, N, O>& b)
+{
+  return a * inverse(b);
+}
 template <class S, int N, int O> Jet<S, N, O> exponential(const Jet<S, N, O>& x)
 {
   const S e = exp_of(x.v);
@@ -113,8 +128,14 @@ template <int N, int O> Jet<double, N, O> cube_root(const Jet<double, N, O>& x)
   const double s = std::pow(x.v, 1.0 / 3.0);
   return chain(x, s, s / (3.0 * x.v), -2.0 * s / (9.0 * x.v * x.v));
 }
-template <int N, int O> Jet<double, N, O> sine(const Jet<double, N, O>& x) { return chain(x, std::sin(x.v), std::cos(x.v), -std::sin(x.v)); }
-template <int N, int O> Jet<double, N, O> cosine(const Jet<double, N, O>& x) { return chain(x, std::cos(x.v), -std::sin(x.v), -std::cos(x.v)); }
+template <int N, int O> Jet<double, N, O> sine(const Jet<double, N, O>& x)
+{
+  return chain(x, std::sin(x.v), std::cos(x.v), -std::sin(x.v));
+}
+template <int N, int O> Jet<double, N, O> cosine(const Jet<double, N, O>& x)
+{
+  return chain(x, std::cos(x.v), -std::sin(x.v), -std::cos(x.v));
+}
 // The angle of (x, y) as an arc tangent of y / x, moved to the quadrant of the point.
 template <int N, int O> Jet<double, N, O> angle(const Jet<double, N, O>& y, const Jet<double, N, O>& x)
 {

@@ -64,7 +64,8 @@ int main()
   std::copy(values.begin(), values.end(), aligned[1]);
   std::copy(log_factorial.begin(), log_factorial.end(), aligned[2]);
 
-  std::printf("| model | outputs | instructions | steps (lane / in all) | 8 lanes | 32 lanes | 64 lanes | 512 lanes |\n|---|---|---|---|---|---|---|---|\n");
+  std::printf("| model | outputs | instructions | steps (lane / in all) | 8 lanes | 32 lanes | 64 lanes | 512 lanes "
+              "|\n|---|---|---|---|---|---|---|---|\n");
   for (std::size_t m = 0; m < models().size(); ++m)
     for (int w = 0; w < 3; ++w)
       for (const auto& build : builds) {

@@ -78,9 +78,20 @@ const std::vector<ModelText>& models()
   static const std::vector<ModelText> all = {
       {"logistic", logistic, {"b1", "b2"}, {"u1"}, {0.2, -0.1}},
       {"Poisson", poisson, {"b1", "b2"}, {"u1"}, {0.9, -0.1}},
-      {"one-compartment oral", one_compartment.c_str(), {"b1", "b2", "b3", "s2"}, {"u1", "u2", "u3"}, {0.4, 1.0, -1.5, 0.3}},
-      {"two-compartment infusion", two_compartment.c_str(), {"b1", "b2", "b3", "b4", "s2"}, {"u1", "u2", "u3"}, {-1.0, -0.7, -1.2, 2.0, 0.3}},
-      {"three-compartment oral", three_compartment.c_str(), {"b1", "b2", "b3", "b4", "b5", "b6", "b7", "s2"}, {"u1", "u2", "u3"},
+      {"one-compartment oral",
+       one_compartment.c_str(),
+       {"b1", "b2", "b3", "s2"},
+       {"u1", "u2", "u3"},
+       {0.4, 1.0, -1.5, 0.3}},
+      {"two-compartment infusion",
+       two_compartment.c_str(),
+       {"b1", "b2", "b3", "b4", "s2"},
+       {"u1", "u2", "u3"},
+       {-1.0, -0.7, -1.2, 2.0, 0.3}},
+      {"three-compartment oral",
+       three_compartment.c_str(),
+       {"b1", "b2", "b3", "b4", "b5", "b6", "b7", "s2"},
+       {"u1", "u2", "u3"},
        {0.3, -1.2, -0.5, -1.0, -1.4, -2.5, 2.2, 0.3}},
   };
   return all;

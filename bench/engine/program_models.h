@@ -14,7 +14,7 @@ enum class Wanted { value, gradient, mode };
 
 struct ModelText {
   const char* name;
-  const char* statements;                // compute `ll` from `time`, `dv`, parameters and random effects
+  const char* statements; // compute `ll` from `time`, `dv`, parameters and random effects
   std::vector<const char*> parameters;
   std::vector<const char*> effects;
   std::vector<double> theta;

@@ -67,14 +67,16 @@ int BoundData::prepare(const Program& program, std::vector<const double*>& colum
 int BoundData::compute(const Program& program) const
 {
   struct Store final : Results {
-    std::vector<double*> to;      // per result; null: not wanted again
-    std::vector<double> kept;     // next values
+    std::vector<double*> to;  // per result; null: not wanted again
+    std::vector<double> kept; // next values
     std::size_t computed = 0;
     void keep(std::int32_t result, const double* values, const Lanes& lanes) override
     {
       const auto r = static_cast<std::size_t>(result);
-      if (r >= computed) kept[r - computed] = values[0];
-      else if (to[r] != nullptr) std::memcpy(to[r] + lanes.row[0], values, static_cast<std::size_t>(lanes.count) * sizeof(double));
+      if (r >= computed)
+        kept[r - computed] = values[0];
+      else if (to[r] != nullptr)
+        std::memcpy(to[r] + lanes.row[0], values, static_cast<std::size_t>(lanes.count) * sizeof(double));
     }
   } store;
   const StageCode& code = program.code(Stage::data);
@@ -88,9 +90,11 @@ int BoundData::compute(const Program& program) const
     store.to[static_cast<std::size_t>(c.result)] = a.data();
   }
   // Results of the parameter stage that depend on nothing at all: constants that could not be folded.
-  std::vector<double> constants(program.code(Stage::parameter).results.size(), std::numeric_limits<double>::quiet_NaN());
+  std::vector<double> constants(program.code(Stage::parameter).results.size(),
+                                std::numeric_limits<double>::quiet_NaN());
   std::vector<const double*> raw;
-  for (const Column& c : program.columns) raw.push_back(c.result < 0 ? raw_column(gcmp_.graph.node(c.node).index) : nullptr);
+  for (const Column& c : program.columns)
+    raw.push_back(c.result < 0 ? raw_column(gcmp_.graph.node(c.node).index) : nullptr);
   Sources sources;
   sources.columns = raw.data();
   std::vector<double> state(program.data_kept.size());
@@ -108,7 +112,8 @@ int BoundData::compute(const Program& program) const
     lanes.point = lanes.slot = lanes.own[1];
     lanes.finish();
     if (in_order && subject_start(row) == row)
-      for (std::size_t k = 0; k < state.size(); ++k) state[k] = gcmp_.graph.value(gcmp_.graph.carry_at(program.data_kept[k]).initial);
+      for (std::size_t k = 0; k < state.size(); ++k)
+        state[k] = gcmp_.graph.value(gcmp_.graph.carry_at(program.data_kept[k]).initial);
     if (runner.run(lanes, sources, *this, store) != 0) return 1;
     state = store.kept;
   }

@@ -18,8 +18,8 @@ public:
   std::int64_t rows() const { return view_.rows; }
   // Row where the subject of a row starts.
   std::int64_t subject_start(std::int64_t row) const;
-  // Fills `columns` with one pointer per entry of Program::columns, making what is not there yet. Returns 0, or 1 when a
-  // loop that depends on data alone does not end.
+  // Fills `columns` with one pointer per entry of Program::columns, making what is not there yet. Returns 0, or 1 when
+  // a loop that depends on data alone does not end.
   int prepare(const Program& program, std::vector<const double*>& columns) const;
   std::string_view text(std::int32_t symbol, std::int64_t row) const override;
   // Value of a data variable; missing when the data lack it.
@@ -35,7 +35,7 @@ private:
   mutable std::mutex making_;
   mutable std::unordered_map<NodeId, LaneArray> computed_;
   mutable bool endless_ = false;
-  mutable LaneArray missing_;           // the column of a variable that the data lack
+  mutable LaneArray missing_; // the column of a variable that the data lack
 };
 
 } // namespace torvale::engine

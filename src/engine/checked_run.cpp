@@ -16,7 +16,8 @@ constexpr int most_passes = 100000;
 void CheckedRun::start(std::int64_t row, const std::vector<NodeId>& wanted)
 {
   std::set<std::int32_t> carries;
-  for (const NodeId id : wanted) needed_carries(0, id, carries);
+  if (!graph_.loop_at(0).carries.empty())
+    for (const NodeId id : wanted) needed_carries(0, id, carries);
   kept_.clear();
   for (const std::int32_t c : carries) kept_[c] = graph_.value(graph_.carry_at(c).initial);
   silent_ = true;
@@ -73,11 +74,14 @@ double CheckedRun::value(NodeId wanted)
     const std::size_t before = open.size();
     if (n.kind == NodeKind::kernel && n.kernel == Kernel::select) {
       const auto mask = known_.find(n.operand[0]);
-      if (mask == known_.end()) open.push_back(n.operand[0]);
-      else if (const NodeId side = n.operand[mask->second != 0.0 ? 1 : 2]; known_.count(side) == 0) open.push_back(side);
+      if (mask == known_.end())
+        open.push_back(n.operand[0]);
+      else if (const NodeId side = n.operand[mask->second != 0.0 ? 1 : 2]; known_.count(side) == 0)
+        open.push_back(side);
     } else {
       for (int k = n.operands; k-- > 0;)
-        if (const NodeId operand = n.operand[static_cast<std::size_t>(k)]; known_.count(operand) == 0) open.push_back(operand);
+        if (const NodeId operand = n.operand[static_cast<std::size_t>(k)]; known_.count(operand) == 0)
+          open.push_back(operand);
     }
     if (open.size() > before) continue;
     open.pop_back();
@@ -91,13 +95,27 @@ void CheckedRun::compute(NodeId id)
   const Node& n = graph_.node(id);
   double v = 0.0;
   switch (n.kind) {
-  case NodeKind::constant: v = n.value; break;
-  case NodeKind::symbol: v = symbol_value(n); break;
-  case NodeKind::row: v = static_cast<double>(row_); break;
-  case NodeKind::text: v = gcmp_.text.answer(n.index, *this); break;
-  case NodeKind::kernel: v = kernel_value(id, n); break;
-  case NodeKind::carry: v = kept_.count(n.index) > 0 ? kept_.at(n.index) : std::nan(""); break;
-  case NodeKind::result: v = run_loop(graph_.carry_at(n.index).loop, n.index); break;
+  case NodeKind::constant:
+    v = n.value;
+    break;
+  case NodeKind::symbol:
+    v = symbol_value(n);
+    break;
+  case NodeKind::row:
+    v = static_cast<double>(row_);
+    break;
+  case NodeKind::text:
+    v = gcmp_.text.answer(n.index, *this);
+    break;
+  case NodeKind::kernel:
+    v = kernel_value(id, n);
+    break;
+  case NodeKind::carry:
+    v = kept_.count(n.index) > 0 ? kept_.at(n.index) : std::nan("");
+    break;
+  case NodeKind::result:
+    v = run_loop(graph_.carry_at(n.index).loop, n.index);
+    break;
   }
   known_[id] = v;
   pass_.push_back(id);
@@ -154,8 +172,10 @@ double CheckedRun::run_loop(std::int32_t loop, std::int32_t wanted_carry)
     now = std::move(next);
     std::vector<NodeId> still;
     for (const NodeId id : pass_) {
-      if (loops_.loop_of(id) != 0 && loops_.within(loops_.loop_of(id), loop)) known_.erase(id);
-      else still.push_back(id);
+      if (loops_.loop_of(id) != 0 && loops_.within(loops_.loop_of(id), loop))
+        known_.erase(id);
+      else
+        still.push_back(id);
     }
     pass_.swap(still);
   }
@@ -182,7 +202,8 @@ std::string CheckedRun::text_value(TextId id)
 
 // --- Frame -------------------------------------------------------------------------------------------------------
 
-int Frame::run_checked(const Program& program, std::int64_t row, int point, std::vector<Fault>& faults, int& nerror, int& nmissgen)
+int Frame::run_checked(const Program& program, std::int64_t row, int point, std::vector<Fault>& faults, int& nerror,
+                       int& nmissgen)
 {
   const State& s = *state_;
   const StageCode& code = program.code(Stage::lane);
@@ -194,9 +215,11 @@ int Frame::run_checked(const Program& program, std::int64_t row, int point, std:
   for (std::size_t k = 0; k < wanted.size(); ++k) {
     const double v = run.value(wanted[k]);
     if (k < static_cast<std::size_t>(program.outputs) || !(v != 0.0) || rc != 0) continue;
-    const Effect& e = s.gcmp.effects[static_cast<std::size_t>(program.traps[k - static_cast<std::size_t>(program.outputs)])];
+    const Effect& e =
+        s.gcmp.effects[static_cast<std::size_t>(program.traps[k - static_cast<std::size_t>(program.outputs)])];
     rc = trap_code(e.kind);
-    static constexpr const char* texts[] = {"STOP was executed", "ABORT was executed", "a subscript is outside the bounds of its array"};
+    static constexpr const char* texts[] = {"STOP was executed", "ABORT was executed",
+                                            "a subscript is outside the bounds of its array"};
     run.faults.push_back({e.where, row, texts[static_cast<std::size_t>(e.kind)]});
   }
   if (run.endless()) {

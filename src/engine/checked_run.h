@@ -1,7 +1,7 @@
 #pragma once
-// CheckedRun: the slow path. One lane, one node at a time, from the wanted value down: what no wanted value needs is not
-// executed, so a fault found is a fault that reaches a result. The kernels are those of the fast path, so that it finds
-// what the fast path met.
+// CheckedRun: the slow path. One lane, one node at a time, from the wanted value down: what no wanted value needs is
+// not executed, so a fault found is a fault that reaches a result. The kernels are those of the fast path, so that it
+// finds what the fast path met.
 
 #include "engine/bound_data.h"
 #include "engine/loop_nesting.h"
@@ -15,8 +15,10 @@ namespace torvale::engine {
 
 class CheckedRun final : TextInputs {
 public:
-  CheckedRun(const CMPGLOBAL& gcmp, const BoundData& data, const double* theta, const double* ran, std::int64_t stride, int point)
-      : gcmp_(gcmp), graph_(gcmp.graph), data_(data), theta_(theta), ran_(ran), stride_(stride), point_(point), loops_(gcmp.graph)
+  CheckedRun(const CMPGLOBAL& gcmp, const BoundData& data, const double* theta, const double* ran, std::int64_t stride,
+             int point)
+      : gcmp_(gcmp), graph_(gcmp.graph), data_(data), theta_(theta), ran_(ran), stride_(stride), point_(point),
+        loops_(gcmp.graph)
   {
   }
 
@@ -27,7 +29,7 @@ public:
   bool endless() const { return endless_; }
 
   std::vector<Fault> faults;
-  int made_missing = 0;   // operations that gave a missing value because an operand was missing
+  int made_missing = 0; // operations that gave a missing value because an operand was missing
 
 private:
   std::string_view column(std::int32_t symbol) const override { return data_.text(symbol, row_); }
@@ -48,11 +50,11 @@ private:
   int point_;
   LoopNesting loops_;
   std::int64_t row_ = 0;
-  bool silent_ = false;                          // records before the wanted one: their faults are not this record's
+  bool silent_ = false; // records before the wanted one: their faults are not this record's
   bool endless_ = false;
-  std::unordered_map<NodeId, double> known_;     // values of this record (and pass)
-  std::map<std::int32_t, double> kept_;          // carries of the records
-  std::vector<NodeId> pass_;                     // nodes computed in the current pass of a loop
+  std::unordered_map<NodeId, double> known_; // values of this record (and pass)
+  std::map<std::int32_t, double> kept_;      // carries of the records
+  std::vector<NodeId> pass_;                 // nodes computed in the current pass of a loop
 };
 
 } // namespace torvale::engine

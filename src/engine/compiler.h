@@ -25,24 +25,24 @@ struct ArrayInfo {
 // Effect: a statement that does more than compute. `guard` is 1 in lanes that execute it.
 struct Effect {
   enum class Kind : std::uint8_t { stop, abort, subscript, put, file } kind = Kind::stop;
-  const void* owner = nullptr;       // statement or expression that keeps the mask while the program is translated
+  const void* owner = nullptr; // statement or expression that keeps the mask while the program is translated
   syntax::Position where;
   NodeId guard = no_node;
   struct Item {
     const syntax::PutItem* item = nullptr;
-    std::string name;              // what named_value prints
+    std::string name; // what named_value prints
     NodeId number = no_node;
     TextId text = no_text;
   };
-  std::vector<Item> items;         // of put
+  std::vector<Item> items; // of put
   // STOP, ABORT and faults that end the run; PUT and FILE only write.
   bool fatal() const { return kind <= Kind::subscript; }
 };
 
 // Derivative: which mixed derivative a derivative symbol is. Variables in ascending order of symbol index.
 struct DerivativeOrigin {
-  std::int32_t base = -1;                  // symbol that is differentiated
-  std::vector<std::int32_t> by;            // symbols
+  std::int32_t base = -1;       // symbol that is differentiated
+  std::vector<std::int32_t> by; // symbols
   bool operator<(const DerivativeOrigin& o) const { return base != o.base ? base < o.base : by < o.by; }
 };
 
@@ -59,39 +59,39 @@ public:
 
   // --- what the caller gave ---
   CMPINIT options;
-  const syntax::Program* program = nullptr;                      // borrowed
-  std::vector<const syntax::Expr*> late_expressions;             // cmpexpr, in order
-  std::vector<DataVariable> data_variables;                      // cmprslv
+  const syntax::Program* program = nullptr;          // borrowed
+  std::vector<const syntax::Expr*> late_expressions; // cmpexpr, in order
+  std::vector<DataVariable> data_variables;          // cmprslv
 
   // --- symbols ---
-  std::deque<CMPSYM> symbols;                                    // index == CMPSYM::index
-  std::vector<CMPSYM*> named;                                    // in order of first appearance
+  std::deque<CMPSYM> symbols; // index == CMPSYM::index
+  std::vector<CMPSYM*> named; // in order of first appearance
   std::map<std::string, std::int32_t, NameLess> by_name;
   std::map<std::string, ArrayInfo, NameLess> arrays;
   std::map<std::string, const syntax::SubprogramDefinition*, NameLess> subprograms;
-  std::map<const syntax::Expr*, std::int32_t> sites;             // sites and late expressions: their value symbols
-  std::map<std::int32_t, const syntax::Expr*> initial;           // retained symbols with an initial value
-  std::set<std::int32_t> sums;                                   // targets of sum statements: begin at 0
-  std::set<std::int32_t> written;                                // given a value by an executable statement
-  std::map<std::int32_t, std::int32_t> text_length;              // declared lengths of character variables
-  std::map<std::int32_t, std::vector<syntax::Position>> places;  // where each symbol is named, for the cross-reference
+  std::map<const syntax::Expr*, std::int32_t> sites;            // sites and late expressions: their value symbols
+  std::map<std::int32_t, const syntax::Expr*> initial;          // retained symbols with an initial value
+  std::set<std::int32_t> sums;                                  // targets of sum statements: begin at 0
+  std::set<std::int32_t> written;                               // given a value by an executable statement
+  std::map<std::int32_t, std::int32_t> text_length;             // declared lengths of character variables
+  std::map<std::int32_t, std::vector<syntax::Position>> places; // where each symbol is named, for the cross-reference
 
   // --- what they became ---
   GraphBuilder graph;
   TextPool text;
-  std::unique_ptr<class Translator> translator;                  // keeps the last values of all variables
+  std::unique_ptr<class Translator> translator; // keeps the last values of all variables
   bool translated = false;
-  std::size_t late_done = 0;                                     // late expressions translated so far
+  std::size_t late_done = 0; // late expressions translated so far
   bool generated = false;
-  std::vector<NodeId> value;                                     // per symbol: its node after the program; no_node: none
-  std::vector<TextId> text_value;                                // per symbol: its text after the program
-  std::vector<Effect> effects;                                   // in program order
-  NodeId deleted = no_node;                                      // 1 where DELETE was executed
+  std::vector<NodeId> value;      // per symbol: its node after the program; no_node: none
+  std::vector<TextId> text_value; // per symbol: its text after the program
+  std::vector<Effect> effects;    // in program order
+  NodeId deleted = no_node;       // 1 where DELETE was executed
   int lag_depth = 0;
-  std::int64_t requests_before = 0;                              // graph requests of the translation
+  std::int64_t requests_before = 0; // graph requests of the translation
 
   // --- derivatives ---
-  std::map<std::int32_t, DerivativeOrigin> origin;               // per derivative symbol
+  std::map<std::int32_t, DerivativeOrigin> origin; // per derivative symbol
   std::map<DerivativeOrigin, NodeId> known_derivatives;
   std::map<std::int32_t, std::unordered_map<NodeId, NodeId>> tangents; // per variable: node -> its derivative
   Dependence dependence{*this};
@@ -103,9 +103,18 @@ public:
   std::vector<Diagnostic> diagnostics;
   int errors = 0;
   void say(Diagnostic::Severity severity, int number, syntax::Position where, std::string text_of_message);
-  void error(int number, syntax::Position where, std::string t) { say(Diagnostic::Severity::error, number, where, std::move(t)); }
-  void warning(int number, syntax::Position where, std::string t) { say(Diagnostic::Severity::warning, number, where, std::move(t)); }
-  void note(int number, syntax::Position where, std::string t) { say(Diagnostic::Severity::note, number, where, std::move(t)); }
+  void error(int number, syntax::Position where, std::string t)
+  {
+    say(Diagnostic::Severity::error, number, where, std::move(t));
+  }
+  void warning(int number, syntax::Position where, std::string t)
+  {
+    say(Diagnostic::Severity::warning, number, where, std::move(t));
+  }
+  void note(int number, syntax::Position where, std::string t)
+  {
+    say(Diagnostic::Severity::note, number, where, std::move(t));
+  }
 
   // The symbol of that name, made when new.
   CMPSYM& named_symbol(std::string_view name, syntax::Position where);
@@ -116,7 +125,8 @@ public:
 
   // Turns the statements into the graph, once; again when a binding has changed before any derivative request.
   void translate();
-  // The value node of a symbol: of a derivative its own, else the variable's after the program. Missing when it has none.
+  // The value node of a symbol: of a derivative its own, else the variable's after the program. Missing when it has
+  // none.
   NodeId node_of(const CMPSYM& symbol);
 };
 

@@ -9,26 +9,51 @@ namespace torvale::engine {
 bool passes_no_derivative(Kernel k, int operand)
 {
   switch (k) {
-  case Kernel::select: case Kernel::select_or_zero: return operand == 0;
-  case Kernel::floor: case Kernel::ceil: case Kernel::truncate: case Kernel::round: case Kernel::round_to:
-  case Kernel::sign: case Kernel::side:
-  case Kernel::less: case Kernel::less_equal: case Kernel::equal: case Kernel::not_equal:
-  case Kernel::greater: case Kernel::greater_equal:
-  case Kernel::less_known: case Kernel::less_equal_known: case Kernel::equal_known: case Kernel::not_equal_known:
-  case Kernel::greater_known: case Kernel::greater_equal_known:
-  case Kernel::truth: case Kernel::and_: case Kernel::or_: case Kernel::not_: case Kernel::and_not:
-  case Kernel::is_missing: case Kernel::is_present:
-  case Kernel::binomial_quantile: case Kernel::poisson_quantile: case Kernel::negative_binomial_quantile:
-  case Kernel::uniform_random: case Kernel::normal_random:
+  case Kernel::select:
+  case Kernel::select_or_zero:
+    return operand == 0;
+  case Kernel::floor:
+  case Kernel::ceil:
+  case Kernel::truncate:
+  case Kernel::round:
+  case Kernel::round_to:
+  case Kernel::sign:
+  case Kernel::side:
+  case Kernel::less:
+  case Kernel::less_equal:
+  case Kernel::equal:
+  case Kernel::not_equal:
+  case Kernel::greater:
+  case Kernel::greater_equal:
+  case Kernel::less_known:
+  case Kernel::less_equal_known:
+  case Kernel::equal_known:
+  case Kernel::not_equal_known:
+  case Kernel::greater_known:
+  case Kernel::greater_equal_known:
+  case Kernel::truth:
+  case Kernel::and_:
+  case Kernel::or_:
+  case Kernel::not_:
+  case Kernel::and_not:
+  case Kernel::is_missing:
+  case Kernel::is_present:
+  case Kernel::binomial_quantile:
+  case Kernel::poisson_quantile:
+  case Kernel::negative_binomial_quantile:
+  case Kernel::uniform_random:
+  case Kernel::normal_random:
     return true;
-  default: return false;
+  default:
+    return false;
   }
 }
 
 Stage stage_of_classes(std::uint8_t c)
 {
   const bool data = (c & depends::on_data) != 0, history = (c & depends::on_history) != 0;
-  if ((c & (depends::on_parameters | depends::on_random_effects)) == 0) return data || history ? Stage::data : Stage::parameter;
+  if ((c & (depends::on_parameters | depends::on_random_effects)) == 0)
+    return data || history ? Stage::data : Stage::parameter;
   if (history) return Stage::lane;
   if ((c & depends::on_random_effects) != 0) return data ? Stage::lane : Stage::point;
   return data ? Stage::observation : Stage::parameter;
@@ -86,13 +111,19 @@ bool Dependence::update(NodeId id)
     }
   };
   switch (n.kind) {
-  case NodeKind::constant: break;
-  case NodeKind::row: classes |= depends::on_data; break;
+  case NodeKind::constant:
+    break;
+  case NodeKind::row:
+    classes |= depends::on_data;
+    break;
   case NodeKind::symbol: {
     const CMPSYM& s = compiler_->at(n.index);
-    if (s.parameter >= 0) classes |= depends::on_parameters;
-    else if (s.random_effect >= 0) classes |= depends::on_random_effects;
-    else if (s.dsvarno > 0) classes |= depends::on_data;
+    if (s.parameter >= 0)
+      classes |= depends::on_parameters;
+    else if (s.random_effect >= 0)
+      classes |= depends::on_random_effects;
+    else if (s.dsvarno > 0)
+      classes |= depends::on_data;
     const std::size_t at = static_cast<std::size_t>(n.index);
     if (at < variable_.size() && variable_[at] >= 0) {
       const auto bit = static_cast<std::size_t>(variable_[at]);
@@ -101,7 +132,8 @@ bool Dependence::update(NodeId id)
     break;
   }
   case NodeKind::kernel:
-    for (int k = 0; k < n.operands; ++k) join(n.operand[static_cast<std::size_t>(k)], !passes_no_derivative(n.kernel, k));
+    for (int k = 0; k < n.operands; ++k)
+      join(n.operand[static_cast<std::size_t>(k)], !passes_no_derivative(n.kernel, k));
     break;
   case NodeKind::text: {
     for (int k = 0; k < n.operands; ++k) join(n.operand[static_cast<std::size_t>(k)], false);
@@ -115,8 +147,10 @@ bool Dependence::update(NodeId id)
     const Carry& c = g.carry_at(n.index);
     join(c.initial, true);
     join(c.next, true);
-    if (c.loop == 0) classes |= depends::on_data | depends::on_history;
-    else join(g.loop_at(c.loop).condition, false);
+    if (c.loop == 0)
+      classes |= depends::on_data | depends::on_history;
+    else
+      join(g.loop_at(c.loop).condition, false);
     break;
   }
   }

@@ -40,15 +40,15 @@ public:
   void clear();
 
 private:
-  void extend();                      // covers nodes made since the last call
-  bool update(NodeId id);             // recomputes one node; true when it changed
+  void extend();          // covers nodes made since the last call
+  bool update(NodeId id); // recomputes one node; true when it changed
   std::uint64_t* smooth(NodeId id) { return &smooth_[static_cast<std::size_t>(id) * words_]; }
 
   CMPGLOBAL* compiler_;
-  std::size_t words_ = 0;                   // of a bit set over differentiation variables
-  std::vector<std::int32_t> variable_;      // per symbol: its bit among the parameters and random effects, or -1
-  std::vector<std::uint8_t> classes_;       // per node
-  std::vector<std::uint64_t> smooth_;       // per node `words_` words
+  std::size_t words_ = 0;              // of a bit set over differentiation variables
+  std::vector<std::int32_t> variable_; // per symbol: its bit among the parameters and random effects, or -1
+  std::vector<std::uint8_t> classes_;  // per node
+  std::vector<std::uint64_t> smooth_;  // per node `words_` words
 };
 
 // True for operands of a kernel through which no derivative passes: masks, comparisons, roundings, selectors.

@@ -15,8 +15,8 @@ NodeId Differentiator::partial(NodeId node, int operand)
   if (p != no_node) return p;
   failed_ = true;
   gcmp_.error(message::no_derivative, graph_.position(node),
-              "The derivative of " + std::string(kernel_info(n.kernel).name) + " by its argument " + std::to_string(operand + 1) +
-              " is not available, but a parameter or random effect enters there.");
+              "The derivative of " + std::string(kernel_info(n.kernel).name) + " by its argument " +
+                  std::to_string(operand + 1) + " is not available, but a parameter or random effect enters there.");
   return graph_.missing();
 }
 
@@ -28,15 +28,25 @@ NodeId Differentiator::chosen(NodeId node, int operand)
   const NodeId a = n.operand[0], b = n.operand[1];
   NodeId first = no_node; // mask of operand 0 (of select: of operand 1)
   switch (n.kernel) {
-  case Kernel::select: return operand == 1 ? a : graph_.not_(a);
-  case Kernel::zero_if_missing: return graph_.not_(graph_.is_missing(a));
-  case Kernel::coalesce: first = graph_.not_(graph_.is_missing(a)); break;
-  case Kernel::least_ordered: first = graph_.compare(Kernel::less_equal, a, b); break;
-  case Kernel::greatest: first = graph_.compare(Kernel::less_equal, b, a); break;
-  case Kernel::least: // the lesser of two present values
-    first = graph_.or_(graph_.is_missing(b), graph_.and_(graph_.not_(graph_.is_missing(a)), graph_.compare(Kernel::less_equal, a, b)));
+  case Kernel::select:
+    return operand == 1 ? a : graph_.not_(a);
+  case Kernel::zero_if_missing:
+    return graph_.not_(graph_.is_missing(a));
+  case Kernel::coalesce:
+    first = graph_.not_(graph_.is_missing(a));
     break;
-  default: return no_node;
+  case Kernel::least_ordered:
+    first = graph_.compare(Kernel::less_equal, a, b);
+    break;
+  case Kernel::greatest:
+    first = graph_.compare(Kernel::less_equal, b, a);
+    break;
+  case Kernel::least: // the lesser of two present values
+    first = graph_.or_(graph_.is_missing(b),
+                       graph_.and_(graph_.not_(graph_.is_missing(a)), graph_.compare(Kernel::less_equal, a, b)));
+    break;
+  default:
+    return no_node;
   }
   return operand == 0 ? first : graph_.not_(first);
 }
@@ -90,17 +100,19 @@ Differentiator::Guarded Differentiator::joined(const Contributions& all)
     if (graph_.not_(sum.guard) == g.guard) {
       sum.value = graph_.select(sum.guard, sum.value, g.value);
     } else {
-      sum.value = graph_.add(graph_.select(sum.guard, sum.value, graph_.zero()), graph_.select(g.guard, g.value, graph_.zero()));
+      sum.value = graph_.add(graph_.select(sum.guard, sum.value, graph_.zero()),
+                             graph_.select(g.guard, g.value, graph_.zero()));
     }
     sum.guard = graph_.or_(sum.guard, g.guard);
   }
   return sum;
 }
 
-// What is computed less often than y (once per point, say) has derivatives that are computed less often too. Below such a
-// node the sweep either goes on, one product per edge for every lane, or stops and multiplies the adjoint by the node's
-// derivatives, one product per node and variable. True when the second is less work.
-bool Differentiator::jacobian_is_cheaper(NodeId y, const std::vector<NodeId>& nodes, std::span<const std::int32_t> symbols)
+// What is computed less often than y (once per point, say) has derivatives that are computed less often too. Below such
+// a node the sweep either goes on, one product per edge for every lane, or stops and multiplies the adjoint by the
+// node's derivatives, one product per node and variable. True when the second is less work.
+bool Differentiator::jacobian_is_cheaper(NodeId y, const std::vector<NodeId>& nodes,
+                                         std::span<const std::int32_t> symbols)
 {
   Dependence& dependence = gcmp_.dependence;
   const Stage top = dependence.stage(y);
@@ -112,8 +124,10 @@ bool Differentiator::jacobian_is_cheaper(NodeId y, const std::vector<NodeId>& no
     for (int k = 0; n.kind == NodeKind::kernel && k < n.operands; ++k) {
       const NodeId operand = n.operand[static_cast<std::size_t>(k)];
       if (!std::binary_search(nodes.begin(), nodes.end(), operand)) continue;
-      if (!above) ++edges;
-      else if (dependence.stage(operand) != top) frontier.insert(operand);
+      if (!above)
+        ++edges;
+      else if (dependence.stage(operand) != top)
+        frontier.insert(operand);
     }
   }
   std::size_t products = 0;
@@ -147,12 +161,15 @@ std::vector<NodeId> Differentiator::gradient(NodeId y, std::span<const std::int3
       for (int k = 0; k < n.operands; ++k) {
         const NodeId operand = n.operand[static_cast<std::size_t>(k)];
         if (varying.count(operand) == 0 || passes_no_derivative(n.kernel, k)) continue;
-        if (const NodeId mask = chosen(*it, k); mask != no_node) contribute(adjoint[operand], {graph_.and_(a.guard, mask), a.value});
-        else contribute(adjoint[operand], {a.guard, graph_.multiply(a.value, partial(*it, k))});
+        if (const NodeId mask = chosen(*it, k); mask != no_node)
+          contribute(adjoint[operand], {graph_.and_(a.guard, mask), a.value});
+        else
+          contribute(adjoint[operand], {a.guard, graph_.multiply(a.value, partial(*it, k))});
       }
     } else {
       for (std::size_t k = 0; k < symbols.size(); ++k)
-        if (const NodeId d = derivative(*it, symbols[k]); d != no_node) contribute(leaf[k], {a.guard, graph_.multiply(a.value, d)});
+        if (const NodeId d = derivative(*it, symbols[k]); d != no_node)
+          contribute(leaf[k], {a.guard, graph_.multiply(a.value, d)});
     }
   }
   close_carries();
@@ -173,7 +190,7 @@ NodeId Differentiator::derivative(NodeId y, std::int32_t symbol)
   if (const auto it = known.find(y); it != known.end()) return it->second;
   const std::int32_t by[] = {symbol};
   for (const NodeId id : varying_below(y, by, &known)) {
-    if (known.count(id) > 0) continue; // meanwhile
+    if (known.count(id) > 0) continue;       // meanwhile
     const NodeId d = tangent_of(id, symbol); // may add to `known`
     known.emplace(id, d);
   }
@@ -193,22 +210,27 @@ NodeId Differentiator::tangent_of(NodeId id, std::int32_t symbol)
   graph_.inherit_position(id);
   NodeId sum = no_node;
   switch (n.kind) {
-  case NodeKind::symbol: return n.index == symbol ? graph_.one() : no_node;
+  case NodeKind::symbol:
+    return n.index == symbol ? graph_.one() : no_node;
   case NodeKind::carry:
   case NodeKind::result: {
     const std::int32_t carry = tangent_carry(n.index, symbol);
     return n.kind == NodeKind::carry ? graph_.carry_at(carry).entry : graph_.result(carry);
   }
-  case NodeKind::kernel: break;
-  default: return no_node;
+  case NodeKind::kernel:
+    break;
+  default:
+    return no_node;
   }
   // Of two operands that a kernel chooses between, the tangents are chosen between in the same way.
   const int first_choice = n.kernel == Kernel::select ? 1 : 0;
   if (chosen(id, first_choice) != no_node) {
     const NodeId yes = of(n.operand[static_cast<std::size_t>(first_choice)]);
-    const NodeId no = n.operands > first_choice + 1 ? of(n.operand[static_cast<std::size_t>(first_choice) + 1]) : no_node;
+    const NodeId no =
+        n.operands > first_choice + 1 ? of(n.operand[static_cast<std::size_t>(first_choice) + 1]) : no_node;
     if (yes == no_node && no == no_node) return no_node;
-    sum = graph_.select(chosen(id, first_choice), yes == no_node ? graph_.zero() : yes, no == no_node ? graph_.zero() : no);
+    sum = graph_.select(chosen(id, first_choice), yes == no_node ? graph_.zero() : yes,
+                        no == no_node ? graph_.zero() : no);
   } else {
     for (int k = 0; k < n.operands; ++k) {
       if (passes_no_derivative(n.kernel, k)) continue;
@@ -268,8 +290,10 @@ int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp)
     const auto earlier = gcmp.origin.find(object.index);
     const bool first_order = earlier == gcmp.origin.end();
     DerivativeOrigin stem;
-    if (first_order) stem.base = object.index;
-    else stem = earlier->second;
+    if (first_order)
+      stem.base = object.index;
+    else
+      stem = earlier->second;
     const NodeId y = gcmp.node_of(object);
     std::vector<NodeId> swept;
     if (first_order) swept = d.gradient(y, variables);
@@ -280,8 +304,10 @@ int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp)
       // A mixed derivative is one node whichever way it was asked for.
       const auto known = gcmp.known_derivatives.find(which);
       NodeId node = no_node;
-      if (known != gcmp.known_derivatives.end()) node = known->second;
-      else node = first_order ? swept[static_cast<std::size_t>(v)] : d.derivative(y, variable);
+      if (known != gcmp.known_derivatives.end())
+        node = known->second;
+      else
+        node = first_order ? swept[static_cast<std::size_t>(v)] : d.derivative(y, variable);
       if (node != no_node && gcmp.graph.is_constant(node, 0.0)) node = no_node;
       gcmp.known_derivatives.emplace(which, node);
       if (node == no_node) continue;

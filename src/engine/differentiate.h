@@ -38,7 +38,7 @@ private:
   bool jacobian_is_cheaper(NodeId y, const std::vector<NodeId>& nodes, std::span<const std::int32_t> symbols);
   std::vector<NodeId> varying_below(NodeId y, std::span<const std::int32_t> symbols,
                                     const std::unordered_map<NodeId, NodeId>* known);
-  NodeId tangent_of(NodeId node, std::int32_t symbol);   // operands' tangents are known
+  NodeId tangent_of(NodeId node, std::int32_t symbol);                 // operands' tangents are known
   std::int32_t tangent_carry(std::int32_t carry, std::int32_t symbol); // -1: does not vary
   void close_carries();
 
@@ -47,7 +47,7 @@ private:
   struct Open {
     std::int32_t carry, tangent, symbol;
   };
-  std::vector<Open> open_;   // carries of derivatives whose next values are still to be made
+  std::vector<Open> open_; // carries of derivatives whose next values are still to be made
   bool closing_ = false;
   bool failed_ = false;
 };

@@ -22,27 +22,27 @@
 
 namespace torvale::engine {
 
-class CMPGLOBAL;   // the compiler of one model (its declaration is private to the room)
-class Program;     // a specialised program: constant, shared by threads
+class CMPGLOBAL; // the compiler of one model (its declaration is private to the room)
+class Program;   // a specialised program: constant, shared by threads
 
 // CMPSYM: a symbol of the model. Owned by its CMPGLOBAL; addresses are stable.
 struct CMPSYM {
-  std::string name;         // as first spelled; of an anonymous expression its text
-  int index = 0;            // position in the compiler's symbol table
-  char kind = 'v';          // 'v' variable, 'm' program variable that takes part in lags, 'e' expression value, 'd' derivative
-  char type = ' ';          // 'n' numeric, 'c' character, ' ' undecided
-  char cls = ' ';           // 'a' set by the procedure: a parameter or random effect
-  int status = 10;          // 0 a literal constant, 10 computed or read, 20 a parameter
-  int dsvarno = 0;          // number of the variable in the input data set, from 1; 0 when none
-  int parameter = -1;       // index among the parameters, or -1
-  int random_effect = -1;   // index among all random effects of the run, or -1
-  bool used = false;        // read by a statement
-  bool assigned = false;    // given a value by a statement
+  std::string name; // as first spelled; of an anonymous expression its text
+  int index = 0;    // position in the compiler's symbol table
+  char kind = 'v';  // 'v' variable, 'm' program variable that takes part in lags, 'e' expression value, 'd' derivative
+  char type = ' ';  // 'n' numeric, 'c' character, ' ' undecided
+  char cls = ' ';   // 'a' set by the procedure: a parameter or random effect
+  int status = 10;  // 0 a literal constant, 10 computed or read, 20 a parameter
+  int dsvarno = 0;  // number of the variable in the input data set, from 1; 0 when none
+  int parameter = -1;     // index among the parameters, or -1
+  int random_effect = -1; // index among all random effects of the run, or -1
+  bool used = false;      // read by a statement
+  bool assigned = false;  // given a value by a statement
   bool array_element = false;
-  bool resolved = false;    // bound to a data variable, a parameter, a random effect or an assignment
+  bool resolved = false; // bound to a data variable, a parameter, a random effect or an assignment
   bool retained = false;
-  double constant = 0.0;    // of status 0
-  syntax::Position where;   // first appearance
+  double constant = 0.0;  // of status 0
+  syntax::Position where; // first appearance
 };
 
 // CMPLIST: a list of symbols. Borrowed pointers.
@@ -54,18 +54,18 @@ using cmplist = CMPLIST;
 
 // CMPDER: the result of a derivative request. Only derivatives that are not identically zero are listed.
 struct CMPDER {
-  CMPLIST obj;                  // objects
-  CMPLIST wrt;                  // variables
-  CMPLIST der;                  // one new symbol per non-zero derivative, by object, then by variable
-  std::vector<int> objindex;    // per entry of der: index into obj
-  std::vector<int> wrtindex;    // per entry of der: index into wrt
+  CMPLIST obj;               // objects
+  CMPLIST wrt;               // variables
+  CMPLIST der;               // one new symbol per non-zero derivative, by object, then by variable
+  std::vector<int> objindex; // per entry of der: index into obj
+  std::vector<int> wrtindex; // per entry of der: index into wrt
 };
 
 // Diagnostic: one thing that the compiler has to say. The caller turns it into a log message.
 struct Diagnostic {
   enum class Severity : std::uint8_t { note, warning, error } severity = Severity::error;
-  int number = 0;               // message number in the engine's group
-  std::string text;             // complete sentence(s): what, and what to do
+  int number = 0;   // message number in the engine's group
+  std::string text; // complete sentence(s): what, and what to do
   syntax::Position where;
 };
 
@@ -78,7 +78,7 @@ struct CMPINIT {
 struct DataVariable {
   std::string name;
   bool character = false;
-  int width = 8;                // characters of a text variable
+  int width = 8; // characters of a text variable
 };
 
 // --- Building ----------------------------------------------------------------------------------------------------
@@ -96,7 +96,8 @@ CMPSYM* cmpexpr(CMPGLOBAL& gcmp, const syntax::Expr* expression);
 CMPSYM* cmpsite(CMPGLOBAL& gcmp, const syntax::Expr* expression);
 // cmprslv: binds names that the program uses and does not assign to variables of the input data set.
 int cmprslv(CMPGLOBAL& gcmp, const std::vector<DataVariable>& variables);
-// cmpsyms: symbol of that name (case-free), or null. cmpsymd: defines one. cmpsymg: symbol of a data variable, made if new.
+// cmpsyms: symbol of that name (case-free), or null. cmpsymd: defines one. cmpsymg: symbol of a data variable, made if
+// new.
 CMPSYM* cmpsyms(CMPGLOBAL& gcmp, std::string_view name);
 CMPSYM* cmpsymd(CMPGLOBAL& gcmp, std::string_view name, char kind, char type);
 CMPSYM* cmpsymg(CMPGLOBAL& gcmp, std::string_view name, int dsvarno, char type);
@@ -138,14 +139,15 @@ std::string cmppnam(const CMPSYM* symbol);
 // DataView: the columns of one BY group, rows in subject order. Borrowed; constant while bound.
 struct DataColumn {
   int dsvarno = 0;
-  const double* numeric = nullptr;              // one per row, 64-byte aligned; null for a character column
-  const std::int32_t* codes = nullptr;          // character column: per row an index into dictionary
+  const double* numeric = nullptr;     // one per row, 64-byte aligned; null for a character column
+  const std::int32_t* codes = nullptr; // character column: per row an index into dictionary
   const std::vector<std::string>* dictionary = nullptr;
 };
 struct DataView {
   std::int64_t rows = 0;
-  std::vector<DataColumn> columns;              // in any order, found by dsvarno
-  const std::int32_t* subject_start = nullptr;  // rows entries: row where the subject of a row starts (lags and RETAIN start anew there)
+  std::vector<DataColumn> columns; // in any order, found by dsvarno
+  const std::int32_t* subject_start =
+      nullptr; // rows entries: row where the subject of a row starts (lags and RETAIN start anew there)
 };
 
 // BoundData: what a model computes from data alone, once per BY group, for all its programs. Constant afterwards.
@@ -162,38 +164,40 @@ bool deletes_records(const CMPGLOBAL& gcmp);
 // True when output k depends on random effects (else it is the same for all points of an observation).
 bool varies_by_point(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.
-struct ProgramSize { int nodes_before = 0, nodes = 0, parameter = 0, data = 0, observation = 0, point = 0, lane = 0, registers = 0; };
+struct ProgramSize {
+  int nodes_before = 0, nodes = 0, parameter = 0, data = 0, observation = 0, point = 0, lane = 0, registers = 0;
+};
 ProgramSize program_size(const Program& program);
 
 inline constexpr int max_lanes = 512; // most lanes of one tile
 
 // Codes of Frame::run above 2: the run of the procedure ends.
 namespace run_code {
-inline constexpr int stopped = 3;       // STOP
-inline constexpr int aborted = 4;       // ABORT
-inline constexpr int subscript = 5;     // a subscript outside the bounds of its array
-inline constexpr int endless_loop = 6;  // a loop made more than 100000 passes
+inline constexpr int stopped = 3;      // STOP
+inline constexpr int aborted = 4;      // ABORT
+inline constexpr int subscript = 5;    // a subscript outside the bounds of its array
+inline constexpr int endless_loop = 6; // a loop made more than 100000 passes
 } // namespace run_code
 
 // Tile: what each lane stands for.
 struct Tile {
-  int lanes = 0;                          // 1..max_lanes
+  int lanes = 0;                             // 1..max_lanes
   const std::int32_t* observation = nullptr; // per lane: row of the bound data
-  const std::int32_t* point = nullptr;    // per lane: index into the random-effect values of the run
-  const std::int32_t* state = nullptr;    // per lane: slot of the kept values, of sequential programs; else null
-  int repeat = 1;                         // lanes come in groups of this many with one observation (a promise that saves fetching)
+  const std::int32_t* point = nullptr;       // per lane: index into the random-effect values of the run
+  const std::int32_t* state = nullptr;       // per lane: slot of the kept values, of sequential programs; else null
+  int repeat = 1; // lanes come in groups of this many with one observation (a promise that saves fetching)
 };
 
 // Fault: one program fault, found when a tile is run again by the slow path.
 struct Fault {
-  syntax::Position where;   // statement
-  std::int64_t row = 0;     // row of the bound data
-  std::string text;         // what happened, with the values
+  syntax::Position where; // statement
+  std::int64_t row = 0;   // row of the bound data
+  std::string text;       // what happened, with the values
 };
 
 // PutLine: one line that PUT statements wrote.
 struct PutLine {
-  std::string target;       // LOG, PRINT, or the name of a file
+  std::string target; // LOG, PRINT, or the name of a file
   bool is_file = false;
   std::string text;
 };
@@ -226,10 +230,11 @@ public:
   // Values of output k in the last run: lanes doubles; a lane that is padding is not to be read.
   const double* output(int k) const;
 
-  // Runs one lane by the slow path: the same kernels one node at a time, only what the outputs need. A fault is a missing
-  // value that an operation made from present ones; nerror counts them, nmissgen the operations that had a missing
-  // operand. Kept values are worked out from the subject's first record on. Returns what `run` would.
-  int run_checked(const Program& program, std::int64_t row, int point, std::vector<Fault>& faults, int& nerror, int& nmissgen);
+  // Runs one lane by the slow path: the same kernels one node at a time, only what the outputs need. A fault is a
+  // missing value that an operation made from present ones; nerror counts them, nmissgen the operations that had a
+  // missing operand. Kept values are worked out from the subject's first record on. Returns what `run` would.
+  int run_checked(const Program& program, std::int64_t row, int point, std::vector<Fault>& faults, int& nerror,
+                  int& nmissgen);
   // The lines that PUT statements write for one lane, in program order.
   void run_put(std::int64_t row, int point, std::vector<PutLine>& lines);
 
@@ -238,7 +243,8 @@ private:
   std::unique_ptr<State> state_;
 };
 
-// Instruction set in use: "baseline", "avx2", "avx512". Chosen at start from the processor; set_isa lowers it (tests, benchmarks).
+// Instruction set in use: "baseline", "avx2", "avx512". Chosen at start from the processor; set_isa lowers it (tests,
+// benchmarks).
 const char* isa_name();
 bool set_isa(std::string_view name);
 

@@ -21,42 +21,70 @@ bool link_of(Kernel k, const std::array<std::int32_t, 6>& in, int handed, Link& 
     return true;
   };
   const auto with_product = [&](ChainOp as_factor, ChainOp as_term) { // a * b and c
-    if (handed == 2) link = {as_term, in[0], in[1]};
-    else link = {as_factor, in[handed == 0 ? 1 : 0], in[2]};
+    if (handed == 2)
+      link = {as_term, in[0], in[1]};
+    else
+      link = {as_factor, in[handed == 0 ? 1 : 0], in[2]};
     return true;
   };
   switch (k) {
-  case Kernel::add: return binary(ChainOp::add, ChainOp::add);
-  case Kernel::subtract: return binary(ChainOp::subtract, ChainOp::subtract_from);
-  case Kernel::multiply: return binary(ChainOp::multiply, ChainOp::multiply);
-  case Kernel::divide: return binary(ChainOp::divide, ChainOp::divide_into);
+  case Kernel::add:
+    return binary(ChainOp::add, ChainOp::add);
+  case Kernel::subtract:
+    return binary(ChainOp::subtract, ChainOp::subtract_from);
+  case Kernel::multiply:
+    return binary(ChainOp::multiply, ChainOp::multiply);
+  case Kernel::divide:
+    return binary(ChainOp::divide, ChainOp::divide_into);
   case Kernel::divide_unchecked:
     link = {ChainOp::divide_unchecked, in[1], -1};
     return handed == 0;
-  case Kernel::multiply_add: return with_product(ChainOp::multiply_add, ChainOp::add_product);
-  case Kernel::multiply_subtract: return with_product(ChainOp::multiply_subtract, ChainOp::product_minus);
-  case Kernel::subtract_product: return with_product(ChainOp::multiply_take, ChainOp::subtract_product);
-  case Kernel::negate: return unary(ChainOp::negate);
-  case Kernel::square: return unary(ChainOp::square);
-  case Kernel::cube: return unary(ChainOp::cube);
-  case Kernel::reciprocal: return unary(ChainOp::reciprocal);
-  case Kernel::absolute: return unary(ChainOp::absolute);
-  case Kernel::less: return binary(ChainOp::less, ChainOp::greater);
-  case Kernel::less_equal: return binary(ChainOp::less_equal, ChainOp::greater_equal);
-  case Kernel::less_known: return binary(ChainOp::less_known, ChainOp::greater_known);
-  case Kernel::less_equal_known: return binary(ChainOp::less_equal_known, ChainOp::greater_equal_known);
-  case Kernel::and_: return binary(ChainOp::and_, ChainOp::and_);
-  case Kernel::or_: return binary(ChainOp::or_, ChainOp::or_);
-  case Kernel::not_: return unary(ChainOp::not_);
-  case Kernel::and_not: return binary(ChainOp::and_not, ChainOp::not_and);
-  case Kernel::is_missing: return unary(ChainOp::is_missing);
+  case Kernel::multiply_add:
+    return with_product(ChainOp::multiply_add, ChainOp::add_product);
+  case Kernel::multiply_subtract:
+    return with_product(ChainOp::multiply_subtract, ChainOp::product_minus);
+  case Kernel::subtract_product:
+    return with_product(ChainOp::multiply_take, ChainOp::subtract_product);
+  case Kernel::negate:
+    return unary(ChainOp::negate);
+  case Kernel::square:
+    return unary(ChainOp::square);
+  case Kernel::cube:
+    return unary(ChainOp::cube);
+  case Kernel::reciprocal:
+    return unary(ChainOp::reciprocal);
+  case Kernel::absolute:
+    return unary(ChainOp::absolute);
+  case Kernel::less:
+    return binary(ChainOp::less, ChainOp::greater);
+  case Kernel::less_equal:
+    return binary(ChainOp::less_equal, ChainOp::greater_equal);
+  case Kernel::less_known:
+    return binary(ChainOp::less_known, ChainOp::greater_known);
+  case Kernel::less_equal_known:
+    return binary(ChainOp::less_equal_known, ChainOp::greater_equal_known);
+  case Kernel::and_:
+    return binary(ChainOp::and_, ChainOp::and_);
+  case Kernel::or_:
+    return binary(ChainOp::or_, ChainOp::or_);
+  case Kernel::not_:
+    return unary(ChainOp::not_);
+  case Kernel::and_not:
+    return binary(ChainOp::and_not, ChainOp::not_and);
+  case Kernel::is_missing:
+    return unary(ChainOp::is_missing);
   case Kernel::select:
-    if (handed == 0) link = {ChainOp::choose_by, in[1], in[2]};
-    else if (handed == 1) link = {ChainOp::choose, in[0], in[2]};
-    else link = {ChainOp::choose_other, in[0], in[1]};
+    if (handed == 0)
+      link = {ChainOp::choose_by, in[1], in[2]};
+    else if (handed == 1)
+      link = {ChainOp::choose, in[0], in[2]};
+    else
+      link = {ChainOp::choose_other, in[0], in[1]};
     return true;
-  case Kernel::select_or_zero: return binary(ChainOp::zero_unless, ChainOp::keep_or_zero);
-  default: return false;
+  case Kernel::select_or_zero:
+    return binary(ChainOp::zero_unless, ChainOp::keep_or_zero);
+  default:
+    return false;
   }
 }
 
@@ -86,7 +114,7 @@ void form_chains(StageCode& code)
       link = code.links[static_cast<std::size_t>(s.index)];
       return true;
     };
-    int best = -1;         // operand to hand on: the one with the longest chain behind it
+    int best = -1; // operand to hand on: the one with the longest chain behind it
     std::size_t length = 0;
     Link link;
     for (int j = 0; j < s.operands; ++j) {
@@ -107,8 +135,10 @@ void form_chains(StageCode& code)
       best = 0;
       own.start = s.in[0];
     }
-    if (link_by(best, link)) own.links.push_back(link);
-    else own = {};
+    if (link_by(best, link))
+      own.links.push_back(link);
+    else
+      own = {};
   }
   std::vector<Step> steps;
   std::vector<Link> links;

@@ -17,7 +17,7 @@ constexpr std::int32_t zeros[strip_lanes] = {};
 struct ArrayResults final : Results {
   double* to = nullptr;
   std::int64_t stride = 0;
-  std::int64_t at = 0;        // place of the strip's first lane
+  std::int64_t at = 0; // place of the strip's first lane
   void keep(std::int32_t result, const double* values, const Lanes& lanes) override
   {
     std::memcpy(to + result * stride + at, values, static_cast<std::size_t>(lanes.count) * sizeof(double));
@@ -49,9 +49,12 @@ struct TileResults final : Results {
 int trap_code(Effect::Kind kind)
 {
   switch (kind) {
-  case Effect::Kind::stop: return run_code::stopped;
-  case Effect::Kind::abort: return run_code::aborted;
-  default: return run_code::subscript;
+  case Effect::Kind::stop:
+    return run_code::stopped;
+  case Effect::Kind::abort:
+    return run_code::aborted;
+  default:
+    return run_code::subscript;
   }
 }
 
@@ -91,7 +94,8 @@ int Frame::State::prepare(FrameProgram& f)
     results.stride = 1;
     if (runner.run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
   }
-  for (const Stage s : {Stage::observation, Stage::point, Stage::lane}) f.runner(s).fill_fixed(f.parameter_results.data());
+  for (const Stage s : {Stage::observation, Stage::point, Stage::lane})
+    f.runner(s).fill_fixed(f.parameter_results.data());
   return 0;
 }
 
@@ -252,7 +256,8 @@ int Frame::run(const Program& program, const Tile& tile)
 const double* Frame::output(int k) const
 {
   const FrameProgram& f = *state_->last;
-  return f.outputs.data() + static_cast<std::ptrdiff_t>(f.program.output_place[static_cast<std::size_t>(k)]) * max_lanes;
+  return f.outputs.data() +
+         static_cast<std::ptrdiff_t>(f.program.output_place[static_cast<std::size_t>(k)]) * max_lanes;
 }
 
 const char* isa_name()

@@ -16,18 +16,18 @@ struct FrameProgram {
 
   const Program& program;
   std::array<LaneRunner, stages> runners;
-  const KernelTable* table = nullptr;       // build that the registers were prepared for
-  std::vector<const double*> columns;       // by Program::columns
+  const KernelTable* table = nullptr; // build that the registers were prepared for
+  std::vector<const double*> columns; // by Program::columns
   bool columns_ready = false;
   // Versions of the inputs that the stage results belong to; 0: none.
   std::uint64_t parameters = 0, range = 0, points = 0;
   LaneArray parameter_results;
-  LaneArray observation;                    // result by result, range_stride doubles each
+  LaneArray observation; // result by result, range_stride doubles each
   std::int64_t range_stride = 0;
-  LaneArray point;                          // result by result, point_stride doubles each
+  LaneArray point; // result by result, point_stride doubles each
   std::int64_t point_stride = 0;
-  LaneArray outputs;                        // output by output, max_lanes doubles each
-  LaneArray state;                          // kept value by kept value, state_slots doubles each
+  LaneArray outputs; // output by output, max_lanes doubles each
+  LaneArray state;   // kept value by kept value, state_slots doubles each
   std::int32_t state_slots = 0;
 };
 
@@ -37,7 +37,7 @@ int trap_code(Effect::Kind kind);
 struct Frame::State {
   State(const CMPGLOBAL& g, std::shared_ptr<const BoundData> d) : gcmp(g), data(std::move(d)) {}
   FrameProgram& program(const Program& p);
-  int prepare(FrameProgram& f);             // columns, parameter stage, fixed registers
+  int prepare(FrameProgram& f); // columns, parameter stage, fixed registers
   int prepare_range(FrameProgram& f);
   int prepare_points(FrameProgram& f);
   Sources common_sources(const FrameProgram& f) const;
@@ -45,13 +45,13 @@ struct Frame::State {
   const CMPGLOBAL& gcmp;
   std::shared_ptr<const BoundData> data;
   std::vector<double> theta;
-  const double* ran = nullptr;              // borrowed
+  const double* ran = nullptr; // borrowed
   int points = 0;
   int ran_stride = 0;
-  std::int64_t first = 0, count = 0;        // the range
+  std::int64_t first = 0, count = 0; // the range
   std::uint64_t parameters_version = 1, range_version = 1, points_version = 1;
   std::vector<std::unique_ptr<FrameProgram>> programs; // by Program::number
-  FrameProgram* last = nullptr;             // whose outputs `output` gives
+  FrameProgram* last = nullptr;                        // whose outputs `output` gives
 };
 
 } // namespace torvale::engine

@@ -139,7 +139,8 @@ void GraphBuilder::declare_present(std::int32_t symbol_index)
 void GraphBuilder::set_position(syntax::Position where)
 {
   const syntax::Position last = positions_.back();
-  if (last.source != where.source || last.line != where.line || last.column != where.column) positions_.push_back(where);
+  if (last.source != where.source || last.line != where.line || last.column != where.column)
+    positions_.push_back(where);
   position_ = static_cast<std::int32_t>(positions_.size()) - 1;
 }
 
@@ -167,12 +168,25 @@ bool GraphBuilder::is_truth(NodeId id) const
   }
   if (n.kind != NodeKind::kernel) return false;
   switch (n.kernel) {
-  case Kernel::less: case Kernel::less_equal: case Kernel::equal: case Kernel::not_equal:
-  case Kernel::greater: case Kernel::greater_equal:
-  case Kernel::less_known: case Kernel::less_equal_known: case Kernel::equal_known: case Kernel::not_equal_known:
-  case Kernel::greater_known: case Kernel::greater_equal_known:
-  case Kernel::truth: case Kernel::and_: case Kernel::or_: case Kernel::not_: case Kernel::and_not:
-  case Kernel::is_missing: case Kernel::is_present:
+  case Kernel::less:
+  case Kernel::less_equal:
+  case Kernel::equal:
+  case Kernel::not_equal:
+  case Kernel::greater:
+  case Kernel::greater_equal:
+  case Kernel::less_known:
+  case Kernel::less_equal_known:
+  case Kernel::equal_known:
+  case Kernel::not_equal_known:
+  case Kernel::greater_known:
+  case Kernel::greater_equal_known:
+  case Kernel::truth:
+  case Kernel::and_:
+  case Kernel::or_:
+  case Kernel::not_:
+  case Kernel::and_not:
+  case Kernel::is_missing:
+  case Kernel::is_present:
     return true;
   case Kernel::select:
     return is_truth(n.operand[1]) && is_truth(n.operand[2]);
@@ -185,22 +199,37 @@ bool GraphBuilder::never_missing(NodeId id) const
 {
   const Node& n = node(id);
   switch (n.kind) {
-  case NodeKind::constant: return !std::isnan(n.value);
+  case NodeKind::constant:
+    return !std::isnan(n.value);
   case NodeKind::symbol:
-    return static_cast<std::size_t>(n.index) < present_symbols_.size() && present_symbols_[static_cast<std::size_t>(n.index)];
-  case NodeKind::row: return true;
-  case NodeKind::kernel: break;
-  default: return false;
+    return static_cast<std::size_t>(n.index) < present_symbols_.size() &&
+           present_symbols_[static_cast<std::size_t>(n.index)];
+  case NodeKind::row:
+    return true;
+  case NodeKind::kernel:
+    break;
+  default:
+    return false;
   }
   if (is_truth(id)) return true;
   // Only operations that yield no NaN from infinities either.
   switch (n.kernel) {
-  case Kernel::copy: case Kernel::negate: case Kernel::absolute: case Kernel::square: case Kernel::exp:
-  case Kernel::expm1: case Kernel::logistic: case Kernel::softplus: case Kernel::tanh: case Kernel::atan:
+  case Kernel::copy:
+  case Kernel::negate:
+  case Kernel::absolute:
+  case Kernel::square:
+  case Kernel::exp:
+  case Kernel::expm1:
+  case Kernel::logistic:
+  case Kernel::softplus:
+  case Kernel::tanh:
+  case Kernel::atan:
   case Kernel::normal_cdf:
     return never_missing(n.operand[0]);
-  case Kernel::zero_if_missing: return true;
-  default: return false;
+  case Kernel::zero_if_missing:
+    return true;
+  default:
+    return false;
   }
 }
 

@@ -26,36 +26,37 @@ inline constexpr NodeId no_node = -1;
 
 enum class NodeKind : std::uint8_t {
   constant, // `value`
-  symbol,   // input: `index` is the symbol's place in the symbol table; data, parameter or random effect is decided later
-  kernel,   // `kernel` applied to the operands
-  carry,    // value of carry `index` on entry of the pass: see Carry
-  result,   // value of carry `index` after its loop has ended
-  text,     // number that the text expression `index` yields; operands are its numeric inputs
-  row,      // number of the record, from 0 in the bound data: the counter of random functions
+  symbol, // input: `index` is the symbol's place in the symbol table; data, parameter or random effect is decided later
+  kernel, // `kernel` applied to the operands
+  carry,  // value of carry `index` on entry of the pass: see Carry
+  result, // value of carry `index` after its loop has ended
+  text,   // number that the text expression `index` yields; operands are its numeric inputs
+  row,    // number of the record, from 0 in the bound data: the counter of random functions
 };
 
 struct Node {
   NodeKind kind = NodeKind::constant;
   Kernel kernel = Kernel::copy;
-  std::int32_t index = 0;                      // of symbol, carry, result, text
-  std::int32_t operands = 0;                   // count of operands
+  std::int32_t index = 0;    // of symbol, carry, result, text
+  std::int32_t operands = 0; // count of operands
   std::array<NodeId, 6> operand{};
-  double value = 0.0;                          // of constant
-  std::int32_t where = 0;                      // index into GraphBuilder::positions(): the statement it first stood in
+  double value = 0.0;     // of constant
+  std::int32_t where = 0; // index into GraphBuilder::positions(): the statement it first stood in
 };
 
 // Carry: a value handed from one pass to the next. Loop 0 is the sequence of records of a subject; the others are
 // loops of the program. All carries of a loop step together, so adding one (a derivative, say) changes no other.
 struct Carry {
   std::int32_t loop = 0;
-  NodeId initial = no_node;    // value at the first pass; of loop 0 a constant
-  NodeId next = no_node;       // value handed to the next pass, in terms of carries of the same loop
-  NodeId entry = no_node;      // the carry node
+  NodeId initial = no_node; // value at the first pass; of loop 0 a constant
+  NodeId next = no_node;    // value handed to the next pass, in terms of carries of the same loop
+  NodeId entry = no_node;   // the carry node
 };
 
 struct Loop {
-  std::int32_t parent = 0;     // loop of the program around it; 0: none
-  NodeId condition = no_node;  // truth value, in terms of the carries on entry: another pass is made while any lane has it
+  std::int32_t parent = 0; // loop of the program around it; 0: none
+  NodeId condition =
+      no_node; // truth value, in terms of the carries on entry: another pass is made while any lane has it
   std::vector<std::int32_t> carries;
   syntax::Position where;
 };
@@ -74,19 +75,19 @@ public:
   bool is_constant(NodeId id) const { return node(id).kind == NodeKind::constant; }
   bool is_constant(NodeId id, double v) const { return is_constant(id) && node(id).value == v; }
   double value(NodeId id) const { return node(id).value; }
-  bool is_truth(NodeId id) const;       // known to be 1 or 0
-  bool never_missing(NodeId id) const;  // known not to be missing, whatever the data
+  bool is_truth(NodeId id) const;                  // known to be 1 or 0
+  bool never_missing(NodeId id) const;             // known not to be missing, whatever the data
   void declare_present(std::int32_t symbol_index); // an input that is never missing: a parameter or random effect
 
   NodeId constant(double v);
   NodeId zero() { return constant(0.0); }
   NodeId one() { return constant(1.0); }
-  NodeId missing();                     // the ordinary missing value
+  NodeId missing(); // the ordinary missing value
   NodeId symbol(std::int32_t index);
   NodeId row();
   NodeId text(std::int32_t text_index, std::span<const NodeId> numeric_inputs);
   std::int32_t new_loop(std::int32_t parent, syntax::Position where);
-  NodeId carry(std::int32_t loop, NodeId initial);        // makes a new carry; its carry node. Set `next` later
+  NodeId carry(std::int32_t loop, NodeId initial); // makes a new carry; its carry node. Set `next` later
   NodeId result(std::int32_t carry_index);
   Carry& carry_at(std::int32_t index) { return carries_[static_cast<std::size_t>(index)]; }
   const Carry& carry_at(std::int32_t index) const { return carries_[static_cast<std::size_t>(index)]; }
@@ -103,21 +104,22 @@ public:
   NodeId add(NodeId a, NodeId b);
   NodeId subtract(NodeId a, NodeId b);
   NodeId multiply(NodeId a, NodeId b);
-  NodeId divide(NodeId a, NodeId b);            // missing when b is 0
+  NodeId divide(NodeId a, NodeId b); // missing when b is 0
   NodeId negate(NodeId a);
   NodeId scale(double factor, NodeId a) { return multiply(constant(factor), a); }
   NodeId shift(NodeId a, double term) { return add(a, constant(term)); }
   NodeId square(NodeId a);
   NodeId reciprocal(NodeId a);
-  NodeId power(NodeId a, NodeId b);             // small constant whole and half powers become multiplications and roots
+  NodeId power(NodeId a, NodeId b); // small constant whole and half powers become multiplications and roots
   NodeId call(Kernel k, NodeId a) { return apply(k, {a}); }
   NodeId call(Kernel k, NodeId a, NodeId b) { return apply(k, {a, b}); }
   NodeId call(Kernel k, NodeId a, NodeId b, NodeId c) { return apply(k, {a, b, c}); }
 
   // --- truth values ---
-  NodeId truth(NodeId a);                       // 1 when a is neither 0 nor missing
-  NodeId compare(Kernel comparison, NodeId a, NodeId b); // less ... greater_equal: exact; the `known` form where allowed
-  NodeId and_(NodeId a, NodeId b);              // operands are made truth values
+  NodeId truth(NodeId a); // 1 when a is neither 0 nor missing
+  NodeId compare(Kernel comparison, NodeId a,
+                 NodeId b);        // less ... greater_equal: exact; the `known` form where allowed
+  NodeId and_(NodeId a, NodeId b); // operands are made truth values
   NodeId or_(NodeId a, NodeId b);
   NodeId not_(NodeId a);
   NodeId select(NodeId mask, NodeId a, NodeId b); // mask ? a : b, per lane; the side not taken has no influence
@@ -162,7 +164,7 @@ private:
   std::vector<Node> nodes_;
   std::vector<Carry> carries_;
   std::vector<Loop> loops_;
-  std::unordered_map<Node, NodeId, Hash, Same> known_;   // never iterated: its order has no influence
+  std::unordered_map<Node, NodeId, Hash, Same> known_; // never iterated: its order has no influence
   std::vector<bool> present_symbols_;
   std::vector<syntax::Position> positions_;
   std::unordered_map<NodeId, std::vector<std::int32_t>> also_; // nodes that further statements asked for

@@ -36,7 +36,8 @@ void spread(double* out, const double* from, const std::int32_t* index, int repe
 }
 
 // repeat: the indices come in groups of this many equal ones.
-void fetch(double* out, const double* from, const std::int32_t* index, Lanes::Run run, const Lanes& lanes, int repeat = 1)
+void fetch(double* out, const double* from, const std::int32_t* index, Lanes::Run run, const Lanes& lanes,
+           int repeat = 1)
 {
   if (run == Lanes::Run::same) {
     std::fill_n(out, lanes.padded, from[index[0]]);
@@ -100,7 +101,8 @@ void LaneRunner::prepare()
     if (s.kind != Step::Kind::chain) continue;
     for (int l = s.index; l < s.index + s.links; ++l) {
       const Link& link = code_.links[static_cast<std::size_t>(l)];
-      links_[static_cast<std::size_t>(l)] = {link.op, link.x >= 0 ? reg(link.x) : op.in[0], link.y >= 0 ? reg(link.y) : op.in[0]};
+      links_[static_cast<std::size_t>(l)] = {link.op, link.x >= 0 ? reg(link.x) : op.in[0],
+                                             link.y >= 0 ? reg(link.y) : op.in[0]};
     }
     op.links = links_.data() + s.index;
     op.count = s.links;
@@ -124,18 +126,26 @@ void LaneRunner::load(const Input& input, double* out, const Lanes& lanes, const
 {
   using From = Input::From;
   switch (input.from) {
-  case From::parameter_value: std::fill_n(out, lanes.padded, sources.theta[input.index]); return;
-  case From::random_effect: return fetch(out, sources.ran + input.index * sources.stride, lanes.point, lanes.points, lanes);
-  case From::column: return fetch(out, sources.columns[input.index], lanes.row, lanes.rows, lanes, lanes.repeat);
+  case From::parameter_value:
+    std::fill_n(out, lanes.padded, sources.theta[input.index]);
+    return;
+  case From::random_effect:
+    return fetch(out, sources.ran + input.index * sources.stride, lanes.point, lanes.points, lanes);
+  case From::column:
+    return fetch(out, sources.columns[input.index], lanes.row, lanes.rows, lanes, lanes.repeat);
   case From::observation:
-    return fetch(out, sources.observation + input.index * sources.observation_stride - sources.first, lanes.row, lanes.rows, lanes,
-                 lanes.repeat);
-  case From::point: return fetch(out, sources.point + input.index * sources.point_stride, lanes.point, lanes.points, lanes);
-  case From::state: return fetch(out, sources.state + input.index * sources.state_stride, lanes.slot, Lanes::Run::mixed, lanes);
+    return fetch(out, sources.observation + input.index * sources.observation_stride - sources.first, lanes.row,
+                 lanes.rows, lanes, lanes.repeat);
+  case From::point:
+    return fetch(out, sources.point + input.index * sources.point_stride, lanes.point, lanes.points, lanes);
+  case From::state:
+    return fetch(out, sources.state + input.index * sources.state_stride, lanes.slot, Lanes::Run::mixed, lanes);
   case From::row_number:
     for (int i = 0; i < lanes.padded; ++i) out[i] = lanes.row[i];
     return;
-  case From::missing: std::fill_n(out, lanes.padded, std::numeric_limits<double>::quiet_NaN()); return;
+  case From::missing:
+    std::fill_n(out, lanes.padded, std::numeric_limits<double>::quiet_NaN());
+    return;
   }
 }
 
@@ -190,8 +200,12 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       if (!(same_points && input.by_point())) load(input, op.out, lanes, sources);
       break;
     }
-    case Step::Kind::text: answer(s, op, lanes, texts); break;
-    case Step::Kind::keep: results.keep(s.index, op.in[0], lanes); break;
+    case Step::Kind::text:
+      answer(s, op, lanes, texts);
+      break;
+    case Step::Kind::keep:
+      results.keep(s.index, op.in[0], lanes);
+      break;
     case Step::Kind::loop_begin:
       if (!any_true(op.in[0], n)) k = static_cast<std::size_t>(s.index) - 1;
       break;
@@ -199,7 +213,9 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       if (++passes > most_passes) return 1;
       k = static_cast<std::size_t>(s.index) - 1;
       break;
-    case Step::Kind::kernel: case Step::Kind::chain: break;
+    case Step::Kind::kernel:
+    case Step::Kind::chain:
+      break;
     }
   }
   if (!same_points) {

@@ -1,9 +1,9 @@
 #pragma once
 // LaneRunner: runs one stage of a program over strips of lanes.
 //
-// A strip is short enough for the registers of the program to stay in the first-level cache, and long enough for the cost
-// of reading a step to be small beside its work. Lanes beyond the last are copies of it, so what a lane
-// computes never depends on where it stands.
+// A strip is short enough for the registers of the program to stay in the first-level cache, and long enough for the
+// cost of reading a step to be small beside its work. Lanes beyond the last are copies of it, so what a lane computes
+// never depends on where it stands.
 
 #include "engine/program.h"
 
@@ -30,33 +30,33 @@ private:
 
 // Which record, point and slot each lane of a strip stands for. Padded to a multiple of lane_padding.
 struct Lanes {
-  int count = 0;                       // real lanes, 1..strip_lanes
+  int count = 0; // real lanes, 1..strip_lanes
   int padded = 0;
-  int repeat = 1;                      // rows come in groups of this many equal ones
-  const std::int32_t* row = nullptr;   // padded entries each; borrowed, or in `own` when they had to be padded
+  int repeat = 1;                    // rows come in groups of this many equal ones
+  const std::int32_t* row = nullptr; // padded entries each; borrowed, or in `own` when they had to be padded
   const std::int32_t* point = nullptr;
   const std::int32_t* slot = nullptr;
   std::int32_t own[3][strip_lanes];
   enum class Run : std::uint8_t { same, ascending, mixed };
   Run rows = Run::same, points = Run::same;
-  void finish();                       // pads, and finds how the indices run
+  void finish(); // pads, and finds how the indices run
 };
 
 // What the loads of a stage read.
 struct Sources {
   const double* theta = nullptr;
-  const double* ran = nullptr;         // random effect e at point p: ran[e * stride + p]
-  std::uint64_t points_version = 0;    // changes with whatever depends on the points
+  const double* ran = nullptr;      // random effect e at point p: ran[e * stride + p]
+  std::uint64_t points_version = 0; // changes with whatever depends on the points
   std::int64_t stride = 0;
-  const double* const* columns = nullptr;      // by Program::columns, per record
-  const double* observation = nullptr;         // result r of record i: observation[r * observation_stride + i - first]
+  const double* const* columns = nullptr; // by Program::columns, per record
+  const double* observation = nullptr;    // result r of record i: observation[r * observation_stride + i - first]
   std::int64_t observation_stride = 0;
   std::int64_t first = 0;
-  const double* point = nullptr;               // result r of point p: point[r * point_stride + p]
+  const double* point = nullptr; // result r of point p: point[r * point_stride + p]
   std::int64_t point_stride = 0;
-  const double* state = nullptr;               // value k of slot s: state[k * state_stride + s]
+  const double* state = nullptr; // value k of slot s: state[k * state_stride + s]
   std::int64_t state_stride = 0;
-  double* output = nullptr;                    // output k of the strip: output[k * output_stride ...]
+  double* output = nullptr; // output k of the strip: output[k * output_stride ...]
   std::int64_t output_stride = 0;
 };
 
@@ -90,13 +90,13 @@ public:
   int strip() const { return strip_; } // lanes of a full strip, once fill_fixed has been called
 
 private:
-  struct Operation {         // one step with the addresses of its registers
-    KernelFn fn = nullptr;    // null: a step of another kind
+  struct Operation {       // one step with the addresses of its registers
+    KernelFn fn = nullptr; // null: a step of another kind
     double* out = nullptr;
     const double* in[6] = {};
     const ChainLink* links = nullptr; // of a chain
     int count = 0;
-    int output = -1;          // of a chain that writes an output
+    int output = -1; // of a chain that writes an output
   };
   void prepare();
   void load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;
@@ -106,7 +106,7 @@ private:
 
   const CMPGLOBAL& gcmp_;
   const StageCode& code_;
-  const KernelTable* table_ = nullptr;  // the build that the operations were prepared for
+  const KernelTable* table_ = nullptr; // the build that the operations were prepared for
   LaneArray registers_;
   std::vector<Operation> operations_;
   std::vector<ChainLink> links_;
@@ -114,7 +114,7 @@ private:
   int strip_ = 0;
   // The points that the registers of point inputs hold.
   std::int32_t held_[strip_lanes] = {};
-  int held_count_ = 0;                  // 0: none
+  int held_count_ = 0; // 0: none
   std::uint64_t held_version_ = 0;
 };
 

@@ -1,9 +1,9 @@
 #pragma once
 // Program: a part of the graph made ready to run: five stages, each a straight list of steps over registers.
 //
-// A stage is run over its own set of lanes: `parameter` once per parameter vector (one lane), `data` over the records of a
-// BY group, `observation` over the records of a range, `point` over the points, `lane` over the lanes of a tile. What a
-// later stage needs of an earlier one is an array of that stage's results, read by the lane's record or point.
+// A stage is run over its own set of lanes: `parameter` once per parameter vector (one lane), `data` over the records
+// of a BY group, `observation` over the records of a range, `point` over the points, `lane` over the lanes of a tile.
+// What a later stage needs of an earlier one is an array of that stage's results, read by the lane's record or point.
 
 #include "engine/chains/chain_kernels.h"
 #include "engine/compiler.h"
@@ -26,12 +26,12 @@ struct Step {
   } kind = Kind::kernel;
   Kernel kernel = Kernel::copy;
   std::int32_t operands = 0;
-  std::int32_t out = -1;      // register
+  std::int32_t out = -1; // register
   std::array<std::int32_t, 6> in{};
   std::int32_t index = 0;
   std::int32_t links = 0;
-  std::int32_t output = -1;   // of a chain that writes output number `output` instead of a register
-  NodeId node = no_node;      // for listings and messages
+  std::int32_t output = -1; // of a chain that writes output number `output` instead of a register
+  NodeId node = no_node;    // for listings and messages
 };
 
 // One link of a chain; x and y are registers, -1 when the operation has no such operand.
@@ -59,7 +59,7 @@ struct Input {
 // A register that holds one number in all lanes and is filled only when that number changes.
 struct Fixed {
   std::int32_t reg = 0;
-  bool constant = true;      // else result `index` of the parameter stage
+  bool constant = true; // else result `index` of the parameter stage
   double value = 0.0;
   std::int32_t index = 0;
 };
@@ -69,16 +69,16 @@ struct StageCode {
   std::vector<Link> links;
   std::vector<Input> inputs;
   std::vector<Fixed> fixed;
-  std::vector<NodeId> results;   // nodes that later stages (or the caller) read, by index of `keep`
-  int registers = 0;             // fixed ones first
-  int operations = 0;            // kernels, links of chains and text tests
+  std::vector<NodeId> results; // nodes that later stages (or the caller) read, by index of `keep`
+  int registers = 0;           // fixed ones first
+  int operations = 0;          // kernels, links of chains and text tests
   bool empty() const { return results.empty(); }
 };
 
 // Column: a value per record of the data, raw or computed by the data stage.
 struct Column {
   NodeId node = no_node;
-  std::int32_t result = -1;  // index among the data stage's results; -1: the variable's own column
+  std::int32_t result = -1; // index among the data stage's results; -1: the variable's own column
 };
 
 class Program {
@@ -87,17 +87,17 @@ public:
   const StageCode& code(Stage s) const { return stage[static_cast<std::size_t>(s)]; }
   StageCode& code(Stage s) { return stage[static_cast<std::size_t>(s)]; }
 
-  int number = 0;                        // place among the programs of the compiler
-  int outputs = 0;                       // distinct outputs: results 0..outputs-1 of the lane stage
+  int number = 0;                         // place among the programs of the compiler
+  int outputs = 0;                        // distinct outputs: results 0..outputs-1 of the lane stage
   std::vector<std::int32_t> output_place; // per output asked for: which of the distinct ones it is
-  std::vector<bool> point_dependent;     // per output asked for
-  std::vector<std::int32_t> traps;       // effects that end a run: results outputs.. of the lane stage are their guards
-  std::vector<std::int32_t> kept;        // carries of records, by index of Input::state; results after the traps: next values
-  std::vector<std::int32_t> data_kept;   // the same in the data stage: next values are its last results
-  std::vector<Column> columns;           // what stages read of the data
-  int computed_columns = 0;              // data results before the next values
-  int nodes = 0;                         // distinct nodes behind the outputs
-  std::int64_t nodes_before = 0;         // the same without sharing
+  std::vector<bool> point_dependent;      // per output asked for
+  std::vector<std::int32_t> traps; // effects that end a run: results outputs.. of the lane stage are their guards
+  std::vector<std::int32_t> kept;  // carries of records, by index of Input::state; results after the traps: next values
+  std::vector<std::int32_t> data_kept; // the same in the data stage: next values are its last results
+  std::vector<Column> columns;         // what stages read of the data
+  int computed_columns = 0;            // data results before the next values
+  int nodes = 0;                       // distinct nodes behind the outputs
+  std::int64_t nodes_before = 0;       // the same without sharing
   bool sequential() const { return !kept.empty(); }
 };
 

@@ -15,7 +15,7 @@ namespace {
 // One line being written: text at the column where the pointer stands.
 struct Line {
   std::string text;
-  std::size_t column = 0;   // from 0
+  std::size_t column = 0; // from 0
 
   void write(const std::string& s)
   {
@@ -34,7 +34,8 @@ std::size_t as_column(double v)
 
 bool has_put(const CMPGLOBAL& gcmp)
 {
-  return std::any_of(gcmp.effects.begin(), gcmp.effects.end(), [](const Effect& e) { return e.kind == Effect::Kind::put; });
+  return std::any_of(gcmp.effects.begin(), gcmp.effects.end(),
+                     [](const Effect& e) { return e.kind == Effect::Kind::put; });
 }
 
 void Frame::run_put(std::int64_t row, int point, std::vector<PutLine>& lines)
@@ -61,21 +62,40 @@ void Frame::run_put(std::int64_t row, int point, std::vector<PutLine>& lines)
     if (e.kind == Effect::Kind::file) {
       const auto& file = *static_cast<const syntax::FileStatement*>(e.owner);
       target.target = std::string(file.target);
-      target.is_file = file.is_name || !(syntax::same_name(file.target, "LOG") || syntax::same_name(file.target, "PRINT"));
+      target.is_file =
+          file.is_name || !(syntax::same_name(file.target, "LOG") || syntax::same_name(file.target, "PRINT"));
       continue;
     }
     held = false;
     for (const Effect::Item& item : e.items) {
-      const std::string value = item.text != no_text ? run.text_value(item.text)
-                              : item.number != no_node ? text_from_number(run.value(item.number), item.item->format) : std::string();
+      const std::string value = item.text != no_text     ? run.text_value(item.text)
+                                : item.number != no_node ? text_from_number(run.value(item.number), item.item->format)
+                                                         : std::string();
       switch (item.item->kind) {
-      case PutItem::Kind::text: line.write(std::string(item.item->text)); break;
-      case PutItem::Kind::value: line.write(value + " "); break;
-      case PutItem::Kind::named_value: case PutItem::Kind::all: case PutItem::Kind::pdv: line.write(item.name + "=" + value + " "); break;
-      case PutItem::Kind::column: line.column = as_column(run.value(item.number)) - 1; break;
-      case PutItem::Kind::advance: line.column += as_column(run.value(item.number)); break;
-      case PutItem::Kind::next_line: case PutItem::Kind::next_page: finish(); break;
-      case PutItem::Kind::hold: held = true; break;
+      case PutItem::Kind::text:
+        line.write(std::string(item.item->text));
+        break;
+      case PutItem::Kind::value:
+        line.write(value + " ");
+        break;
+      case PutItem::Kind::named_value:
+      case PutItem::Kind::all:
+      case PutItem::Kind::pdv:
+        line.write(item.name + "=" + value + " ");
+        break;
+      case PutItem::Kind::column:
+        line.column = as_column(run.value(item.number)) - 1;
+        break;
+      case PutItem::Kind::advance:
+        line.column += as_column(run.value(item.number));
+        break;
+      case PutItem::Kind::next_line:
+      case PutItem::Kind::next_page:
+        finish();
+        break;
+      case PutItem::Kind::hold:
+        held = true;
+        break;
       }
     }
     if (!held) finish();

@@ -46,7 +46,8 @@ public:
       if (s->kind != StatementKind::subprogram) continue;
       const auto* const def = static_cast<const SubprogramDefinition*>(s);
       if (!gcmp_.subprograms.emplace(def->name, def).second)
-        gcmp_.error(message::declaration, s->where, "The subprogram " + std::string(def->name) + " is defined twice; remove one definition.");
+        gcmp_.error(message::declaration, s->where,
+                    "The subprogram " + std::string(def->name) + " is defined twice; remove one definition.");
     }
   }
 
@@ -54,7 +55,8 @@ private:
   // An array given to a function by its bare name, as in DIM(b), reads no variable of that name.
   bool names_an_array(const Expr& parent, const Expr& argument) const
   {
-    return parent.kind == ExprKind::call && argument.kind == ExprKind::variable && gcmp_.arrays.count(argument.name) != 0;
+    return parent.kind == ExprKind::call && argument.kind == ExprKind::variable &&
+           gcmp_.arrays.count(argument.name) != 0;
   }
 
   void read(std::string_view name, Position where)
@@ -85,14 +87,16 @@ private:
   {
     if (s == nullptr) return;
     switch (s->kind) {
-    case StatementKind::assign: return assignment(*static_cast<const Assignment*>(s));
+    case StatementKind::assign:
+      return assignment(*static_cast<const Assignment*>(s));
     case StatementKind::if_: {
       const auto& x = *static_cast<const IfStatement*>(s);
       expression(x.condition);
       statement(x.then_branch);
       return statement(x.else_branch);
     }
-    case StatementKind::do_: return loop(*static_cast<const DoStatement*>(s));
+    case StatementKind::do_:
+      return loop(*static_cast<const DoStatement*>(s));
     case StatementKind::select: {
       const auto& x = *static_cast<const SelectStatement*>(s);
       expression(x.selector);
@@ -102,16 +106,24 @@ private:
       }
       return statement(x.otherwise);
     }
-    case StatementKind::return_: case StatementKind::abort: return expression(static_cast<const ReturnStatement*>(s)->value);
-    case StatementKind::call: return call(*static_cast<const CallStatement*>(s));
+    case StatementKind::return_:
+    case StatementKind::abort:
+      return expression(static_cast<const ReturnStatement*>(s)->value);
+    case StatementKind::call:
+      return call(*static_cast<const CallStatement*>(s));
     case StatementKind::put:
       for (const PutItem& item : static_cast<const PutStatement*>(s)->items) expression(item.value);
       return;
-    case StatementKind::array: return array(*static_cast<const ArrayDeclaration*>(s));
-    case StatementKind::attributes: return attributes(*static_cast<const AttributeDeclaration*>(s));
-    case StatementKind::retain: return retain(*static_cast<const RetainDeclaration*>(s));
-    case StatementKind::site: return site(*static_cast<const ExpressionSite*>(s));
-    default: return; // jumps, stops, FILE, KEEP, subprograms (inlined where they are called), empty
+    case StatementKind::array:
+      return array(*static_cast<const ArrayDeclaration*>(s));
+    case StatementKind::attributes:
+      return attributes(*static_cast<const AttributeDeclaration*>(s));
+    case StatementKind::retain:
+      return retain(*static_cast<const RetainDeclaration*>(s));
+    case StatementKind::site:
+      return site(*static_cast<const ExpressionSite*>(s));
+    default:
+      return; // jumps, stops, FILE, KEEP, subprograms (inlined where they are called), empty
     }
   }
 
@@ -147,8 +159,10 @@ private:
     const auto it = gcmp_.subprograms.find(c.name);
     for (std::size_t k = 0; k < c.args.size(); ++k) {
       expression(c.args[k]);
-      const bool output = it != gcmp_.subprograms.end() && k < it->second->parameters.size() && it->second->parameters[k].output;
-      if (output && (c.args[k]->kind == ExprKind::variable || c.args[k]->kind == ExprKind::element || c.args[k]->kind == ExprKind::whole_array))
+      const bool output =
+          it != gcmp_.subprograms.end() && k < it->second->parameters.size() && it->second->parameters[k].output;
+      if (output && (c.args[k]->kind == ExprKind::variable || c.args[k]->kind == ExprKind::element ||
+                     c.args[k]->kind == ExprKind::whole_array))
         write(c.args[k]);
     }
   }
@@ -160,14 +174,18 @@ private:
     std::int64_t count = 1;
     for (std::size_t d = 0; d < a.low.size(); ++d) count *= std::int64_t{a.high[d]} - a.low[d] + 1;
     if (count < 1 || count > 100000) {
-      gcmp_.error(message::declaration, a.where, "The array " + std::string(a.name) + " has bounds that give no usable number of elements.");
+      gcmp_.error(message::declaration, a.where,
+                  "The array " + std::string(a.name) + " has bounds that give no usable number of elements.");
       return;
     }
     for (std::int64_t k = 0; k < count; ++k) {
       std::string name;
-      if (static_cast<std::size_t>(k) < a.elements.size()) name = a.elements[static_cast<std::size_t>(k)];
-      else if (a.temporary) name = std::string(a.name) + "[" + std::to_string(k + 1) + "]";
-      else name = std::string(a.name) + std::to_string(k + 1);
+      if (static_cast<std::size_t>(k) < a.elements.size())
+        name = a.elements[static_cast<std::size_t>(k)];
+      else if (a.temporary)
+        name = std::string(a.name) + "[" + std::to_string(k + 1) + "]";
+      else
+        name = std::string(a.name) + std::to_string(k + 1);
       CMPSYM& s = gcmp_.named_symbol(name, a.where);
       s.array_element = true;
       if (a.character) s.type = 'c';
@@ -209,7 +227,8 @@ private:
       };
       if (array_it != gcmp_.arrays.end())
         for (const std::int32_t element : array_it->second.elements) one(gcmp_.at(element));
-      else one(gcmp_.named_symbol(r.names[k], r.where));
+      else
+        one(gcmp_.named_symbol(r.names[k], r.where));
     }
   }
 

@@ -27,28 +27,51 @@ bool is_kernel(const Node& n, Kernel k)
 NodeId GraphBuilder::simplified(Kernel k, std::span<const NodeId> x)
 {
   switch (k) {
-  case Kernel::copy: return x[0];
-  case Kernel::add: return add(x[0], x[1]);
-  case Kernel::subtract: return subtract(x[0], x[1]);
-  case Kernel::multiply: return multiply(x[0], x[1]);
-  case Kernel::divide: return divide(x[0], x[1]);
-  case Kernel::negate: return negate(x[0]);
-  case Kernel::reciprocal: return reciprocal(x[0]);
-  case Kernel::square: return square(x[0]);
-  case Kernel::power: return power(x[0], x[1]);
-  case Kernel::less: case Kernel::less_equal: case Kernel::equal: case Kernel::not_equal:
-  case Kernel::greater: case Kernel::greater_equal:
+  case Kernel::copy:
+    return x[0];
+  case Kernel::add:
+    return add(x[0], x[1]);
+  case Kernel::subtract:
+    return subtract(x[0], x[1]);
+  case Kernel::multiply:
+    return multiply(x[0], x[1]);
+  case Kernel::divide:
+    return divide(x[0], x[1]);
+  case Kernel::negate:
+    return negate(x[0]);
+  case Kernel::reciprocal:
+    return reciprocal(x[0]);
+  case Kernel::square:
+    return square(x[0]);
+  case Kernel::power:
+    return power(x[0], x[1]);
+  case Kernel::less:
+  case Kernel::less_equal:
+  case Kernel::equal:
+  case Kernel::not_equal:
+  case Kernel::greater:
+  case Kernel::greater_equal:
     return compare(k, x[0], x[1]);
-  case Kernel::truth: return truth(x[0]);
-  case Kernel::and_: return and_(x[0], x[1]);
-  case Kernel::or_: return or_(x[0], x[1]);
-  case Kernel::not_: return not_(x[0]);
-  case Kernel::and_not: return and_(x[0], not_(x[1]));
-  case Kernel::select: return select(x[0], x[1], x[2]);
-  case Kernel::select_or_zero: return select(x[0], x[1], zero());
-  case Kernel::is_missing: return is_missing(x[0]);
-  case Kernel::is_present: return not_(is_missing(x[0]));
-  default: return no_node;
+  case Kernel::truth:
+    return truth(x[0]);
+  case Kernel::and_:
+    return and_(x[0], x[1]);
+  case Kernel::or_:
+    return or_(x[0], x[1]);
+  case Kernel::not_:
+    return not_(x[0]);
+  case Kernel::and_not:
+    return and_(x[0], not_(x[1]));
+  case Kernel::select:
+    return select(x[0], x[1], x[2]);
+  case Kernel::select_or_zero:
+    return select(x[0], x[1], zero());
+  case Kernel::is_missing:
+    return is_missing(x[0]);
+  case Kernel::is_present:
+    return not_(is_missing(x[0]));
+  default:
+    return no_node;
   }
 }
 
@@ -196,11 +219,16 @@ NodeId GraphBuilder::compare(Kernel k, NodeId a, NodeId b)
   const NodeId x[] = {a, b};
   if (never_missing(a) && never_missing(b)) {
     switch (k) {
-    case Kernel::less: return intern_kernel(Kernel::less_known, x);
-    case Kernel::less_equal: return intern_kernel(Kernel::less_equal_known, x);
-    case Kernel::equal: return intern_kernel(Kernel::equal_known, x);
-    case Kernel::not_equal: return intern_kernel(Kernel::not_equal_known, x);
-    default: break;
+    case Kernel::less:
+      return intern_kernel(Kernel::less_known, x);
+    case Kernel::less_equal:
+      return intern_kernel(Kernel::less_equal_known, x);
+    case Kernel::equal:
+      return intern_kernel(Kernel::equal_known, x);
+    case Kernel::not_equal:
+      return intern_kernel(Kernel::not_equal_known, x);
+    default:
+      break;
     }
   }
   return intern_kernel(k, x);
@@ -222,16 +250,26 @@ NodeId GraphBuilder::not_(NodeId a)
     const NodeId swapped[] = {n.operand[1], n.operand[0]};
     const NodeId same[] = {n.operand[0], n.operand[1]};
     switch (n.kernel) {
-    case Kernel::not_: return n.operand[0];
-    case Kernel::less: return intern_kernel(Kernel::less_equal, swapped);
-    case Kernel::less_equal: return intern_kernel(Kernel::less, swapped);
-    case Kernel::less_known: return intern_kernel(Kernel::less_equal_known, swapped);
-    case Kernel::less_equal_known: return intern_kernel(Kernel::less_known, swapped);
-    case Kernel::equal: return intern_kernel(Kernel::not_equal, same);
-    case Kernel::not_equal: return intern_kernel(Kernel::equal, same);
-    case Kernel::equal_known: return intern_kernel(Kernel::not_equal_known, same);
-    case Kernel::not_equal_known: return intern_kernel(Kernel::equal_known, same);
-    default: break;
+    case Kernel::not_:
+      return n.operand[0];
+    case Kernel::less:
+      return intern_kernel(Kernel::less_equal, swapped);
+    case Kernel::less_equal:
+      return intern_kernel(Kernel::less, swapped);
+    case Kernel::less_known:
+      return intern_kernel(Kernel::less_equal_known, swapped);
+    case Kernel::less_equal_known:
+      return intern_kernel(Kernel::less_known, swapped);
+    case Kernel::equal:
+      return intern_kernel(Kernel::not_equal, same);
+    case Kernel::not_equal:
+      return intern_kernel(Kernel::equal, same);
+    case Kernel::equal_known:
+      return intern_kernel(Kernel::not_equal_known, same);
+    case Kernel::not_equal_known:
+      return intern_kernel(Kernel::equal_known, same);
+    default:
+      break;
     }
   }
   const NodeId x[] = {a};
@@ -292,9 +330,12 @@ NodeId GraphBuilder::select(NodeId mask, NodeId a, NodeId b)
   // A side that selects by the same mask, or by its negation, is already decided.
   const auto decided = [&](NodeId side, bool taken) {
     while (is_kernel(node(side), Kernel::select)) {
-      if (operand(side, 0) == mask) side = operand(side, taken ? 1 : 2);
-      else if (operand(side, 0) == not_(mask)) side = operand(side, taken ? 2 : 1);
-      else break;
+      if (operand(side, 0) == mask)
+        side = operand(side, taken ? 1 : 2);
+      else if (operand(side, 0) == not_(mask))
+        side = operand(side, taken ? 2 : 1);
+      else
+        break;
     }
     return side;
   };

@@ -41,7 +41,8 @@ std::string array_text(const ArrayDeclaration& a)
   for (std::size_t d = 0; d < a.low.size(); ++d)
     out += std::string(d > 0 ? ", " : "") + std::to_string(a.low[d]) + ":" + std::to_string(a.high[d]);
   out += "]";
-  if (a.character) out += std::string(" $") + (a.length > 0 ? std::string(" ") + std::to_string(a.length) : std::string());
+  if (a.character)
+    out += std::string(" $") + (a.length > 0 ? std::string(" ") + std::to_string(a.length) : std::string());
   if (a.temporary) out += " _TEMPORARY_";
   out += names(a.elements);
   if (!a.initial.empty()) out += std::string(" (") + list(a.initial) + ")";
@@ -56,10 +57,12 @@ std::string head(const Statement& s)
     const auto& a = static_cast<const Assignment&>(s);
     if (a.form == Assignment::Form::sum) return to_text(*a.target) + " + " + to_text(*a.value);
     if (a.form == Assignment::Form::substring)
-      return std::string("SUBSTR(") + to_text(*a.target) + ", " + to_text(*a.position) + (a.length != nullptr ? std::string(", ") + to_text(*a.length) : "") + ") = " + to_text(*a.value);
+      return std::string("SUBSTR(") + to_text(*a.target) + ", " + to_text(*a.position) +
+             (a.length != nullptr ? std::string(", ") + to_text(*a.length) : "") + ") = " + to_text(*a.value);
     return to_text(*a.target) + " = " + to_text(*a.value);
   }
-  case StatementKind::if_: return std::string("IF ") + to_text(*static_cast<const IfStatement&>(s).condition) + " THEN";
+  case StatementKind::if_:
+    return std::string("IF ") + to_text(*static_cast<const IfStatement&>(s).condition) + " THEN";
   case StatementKind::do_: {
     const auto& d = static_cast<const DoStatement&>(s);
     std::string out = "DO";
@@ -75,34 +78,60 @@ std::string head(const Statement& s)
     const auto& x = static_cast<const SelectStatement&>(s);
     return x.selector != nullptr ? std::string("SELECT (") + to_text(*x.selector) + ")" : std::string("SELECT");
   }
-  case StatementKind::go_to: return std::string("GOTO ") + std::string(static_cast<const JumpStatement&>(s).target);
-  case StatementKind::link: return std::string("LINK ") + std::string(static_cast<const JumpStatement&>(s).target);
-  case StatementKind::return_: return std::string("RETURN") + (static_cast<const ReturnStatement&>(s).value != nullptr ? std::string(" (") + to_text(*static_cast<const ReturnStatement&>(s).value) + ")" : std::string());
-  case StatementKind::leave: return "LEAVE";
-  case StatementKind::continue_: return "CONTINUE";
-  case StatementKind::stop: return "STOP";
-  case StatementKind::delete_: return "DELETE";
-  case StatementKind::abort: return "ABORT";
-  case StatementKind::call: return std::string("CALL ") + std::string(static_cast<const CallStatement&>(s).name) + "(" + list(static_cast<const CallStatement&>(s).args) + ")";
+  case StatementKind::go_to:
+    return std::string("GOTO ") + std::string(static_cast<const JumpStatement&>(s).target);
+  case StatementKind::link:
+    return std::string("LINK ") + std::string(static_cast<const JumpStatement&>(s).target);
+  case StatementKind::return_:
+    return std::string("RETURN") +
+           (static_cast<const ReturnStatement&>(s).value != nullptr
+                ? std::string(" (") + to_text(*static_cast<const ReturnStatement&>(s).value) + ")"
+                : std::string());
+  case StatementKind::leave:
+    return "LEAVE";
+  case StatementKind::continue_:
+    return "CONTINUE";
+  case StatementKind::stop:
+    return "STOP";
+  case StatementKind::delete_:
+    return "DELETE";
+  case StatementKind::abort:
+    return "ABORT";
+  case StatementKind::call:
+    return std::string("CALL ") + std::string(static_cast<const CallStatement&>(s).name) + "(" +
+           list(static_cast<const CallStatement&>(s).args) + ")";
   case StatementKind::put: {
     std::string out = "PUT";
     for (const PutItem& item : static_cast<const PutStatement&>(s).items)
-      out += item.value != nullptr ? std::string(" ") + to_text(*item.value) : item.text.empty() ? std::string() : std::string(" '") + std::string(item.text) + "'";
+      out += item.value != nullptr ? std::string(" ") + to_text(*item.value)
+             : item.text.empty()   ? std::string()
+                                   : std::string(" '") + std::string(item.text) + "'";
     return out;
   }
-  case StatementKind::file: return std::string("FILE ") + std::string(static_cast<const FileStatement&>(s).target);
-  case StatementKind::array: return array_text(static_cast<const ArrayDeclaration&>(s));
-  case StatementKind::attributes: return std::string("ATTRIB") + names(static_cast<const AttributeDeclaration&>(s).names);
-  case StatementKind::retain: return (static_cast<const RetainDeclaration&>(s).is_static ? "STATIC" : "RETAIN") + names(static_cast<const RetainDeclaration&>(s).names);
-  case StatementKind::keep_drop: return (static_cast<const KeepDeclaration&>(s).drop ? "DROP" : "KEEP") + names(static_cast<const KeepDeclaration&>(s).names);
+  case StatementKind::file:
+    return std::string("FILE ") + std::string(static_cast<const FileStatement&>(s).target);
+  case StatementKind::array:
+    return array_text(static_cast<const ArrayDeclaration&>(s));
+  case StatementKind::attributes:
+    return std::string("ATTRIB") + names(static_cast<const AttributeDeclaration&>(s).names);
+  case StatementKind::retain:
+    return (static_cast<const RetainDeclaration&>(s).is_static ? "STATIC" : "RETAIN") +
+           names(static_cast<const RetainDeclaration&>(s).names);
+  case StatementKind::keep_drop:
+    return (static_cast<const KeepDeclaration&>(s).drop ? "DROP" : "KEEP") +
+           names(static_cast<const KeepDeclaration&>(s).names);
   case StatementKind::subprogram: {
     const auto& d = static_cast<const SubprogramDefinition&>(s);
     std::string out = (d.is_function ? "FUNCTION " : "SUBROUTINE ") + std::string(d.name) + "(";
-    for (std::size_t k = 0; k < d.parameters.size(); ++k) out += std::string(k > 0 ? ", " : "") + std::string(d.parameters[k].name);
+    for (std::size_t k = 0; k < d.parameters.size(); ++k)
+      out += std::string(k > 0 ? ", " : "") + std::string(d.parameters[k].name);
     return out + ")";
   }
-  case StatementKind::site: return std::string("(") + std::string(static_cast<const ExpressionSite&>(s).statement) + " " + list(static_cast<const ExpressionSite&>(s).expressions) + ")";
-  case StatementKind::empty: return "";
+  case StatementKind::site:
+    return std::string("(") + std::string(static_cast<const ExpressionSite&>(s).statement) + " " +
+           list(static_cast<const ExpressionSite&>(s).expressions) + ")";
+  case StatementKind::empty:
+    return "";
   }
   return "";
 }
@@ -137,7 +166,8 @@ void append_statement(std::string& out, const Statement& s, int depth)
     out += "\n";
     return append_statement(out, *x.else_branch, depth + 1);
   }
-  case StatementKind::do_: return block(static_cast<const DoStatement&>(s).body);
+  case StatementKind::do_:
+    return block(static_cast<const DoStatement&>(s).body);
   case StatementKind::select: {
     const auto& x = static_cast<const SelectStatement&>(s);
     for (const WhenClause& w : x.whens) {
@@ -150,8 +180,10 @@ void append_statement(std::string& out, const Statement& s, int depth)
     }
     return line(out, s, depth, "END");
   }
-  case StatementKind::subprogram: return block(static_cast<const SubprogramDefinition&>(s).body);
-  default: return;
+  case StatementKind::subprogram:
+    return block(static_cast<const SubprogramDefinition&>(s).body);
+  default:
+    return;
   }
 }
 

@@ -7,8 +7,8 @@
 
 namespace torvale::engine {
 
-// Appends the statement, one line per statement, indented by `depth` steps. Each line begins with the line number of the
-// source where the statement stands.
+// Appends the statement, one line per statement, indented by `depth` steps. Each line begins with the line number of
+// the source where the statement stands.
 void append_statement(std::string& out, const syntax::Statement& s, int depth);
 
 } // namespace torvale::engine

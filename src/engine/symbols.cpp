@@ -195,8 +195,7 @@ bool cmpcdep(CMPGLOBAL& gcmp, const CMPSYM* symbol, const CMPSYM* on)
 std::vector<CMPSYM*> cmpdeps(CMPGLOBAL& gcmp, const CMPSYM* symbol)
 {
   std::vector<CMPSYM*> all;
-  for (const std::int32_t index : gcmp.dependence.symbols_behind(gcmp.node_of(*symbol)))
-    all.push_back(&gcmp.at(index));
+  for (const std::int32_t index : gcmp.dependence.symbols_behind(gcmp.node_of(*symbol))) all.push_back(&gcmp.at(index));
   return all;
 }
 
@@ -208,12 +207,16 @@ void cmpchck(CMPGLOBAL& gcmp, int& undefined, int& unused, int& faults)
     if (s->used && !s->assigned && !s->resolved) {
       ++undefined;
       gcmp.error(message::undefined_variable, s->where,
-                 "The variable " + s->name + " is used but has no value: it is neither a parameter, nor a random effect, "
-                 "nor a variable of the input data set, nor assigned by the program." +
-                 (s->array_element ? " It is an element of an array; elements do not become parameters unless PARMS names them." : ""));
+                 "The variable " + s->name +
+                     " is used but has no value: it is neither a parameter, nor a random effect, "
+                     "nor a variable of the input data set, nor assigned by the program." +
+                     (s->array_element
+                          ? " It is an element of an array; elements do not become parameters unless PARMS names them."
+                          : ""));
     } else if (s->assigned && !s->used && !s->array_element && s->name.substr(0, 1) != "_") {
       ++unused;
-      gcmp.note(message::unused_variable, s->where, "The variable " + s->name + " is given a value that no statement uses.");
+      gcmp.note(message::unused_variable, s->where,
+                "The variable " + s->name + " is given a value that no statement uses.");
     }
   }
   faults = gcmp.errors - undefined;
@@ -224,7 +227,8 @@ ProgramData cmppdv(const CMPGLOBAL& gcmp)
   ProgramData d;
   for (const CMPSYM* const s : gcmp.named)
     if (s->dsvarno > 0 && s->used) d.variables.push_back(const_cast<CMPSYM*>(s));
-  std::sort(d.variables.begin(), d.variables.end(), [](const CMPSYM* a, const CMPSYM* b) { return a->dsvarno < b->dsvarno; });
+  std::sort(d.variables.begin(), d.variables.end(),
+            [](const CMPSYM* a, const CMPSYM* b) { return a->dsvarno < b->dsvarno; });
   d.nlag = gcmp.lag_depth;
   return d;
 }

@@ -253,7 +253,8 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
   const auto sub = [&](TextId t) { return t == no_text ? std::string() : evaluate(t, in); };
   const auto num = [&](NodeId x, double otherwise) { return x == no_node ? otherwise : in.number(x); };
   switch (n.op) {
-  case TextOp::constant: return n.characters;
+  case TextOp::constant:
+    return n.characters;
   case TextOp::column: {
     std::string s(in.column(n.symbol));
     s.resize(std::max(s.size(), static_cast<std::size_t>(n.length)), ' ');
@@ -268,7 +269,8 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
     s.resize(static_cast<std::size_t>(n.length), ' ');
     return s;
   }
-  case TextOp::concatenate: return sub(n.a) + sub(n.b);
+  case TextOp::concatenate:
+    return sub(n.a) + sub(n.b);
   case TextOp::substring: {
     const std::string s = sub(n.a);
     const std::size_t from = as_count(num(n.number, 1.0), s.size() + 1);
@@ -284,7 +286,8 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
     with.resize(count, ' ');
     return s.replace(from - 1, count, with);
   }
-  case TextOp::upper: case TextOp::lower: {
+  case TextOp::upper:
+  case TextOp::lower: {
     std::string s = sub(n.a);
     std::transform(s.begin(), s.end(), s.begin(), n.op == TextOp::upper ? upper_character : lower_character);
     return s;
@@ -293,13 +296,16 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
     std::string s = sub(n.a);
     char before = ' ';
     for (char& c : s) {
-      c = before == ' ' || before == '-' || before == '.' || before == '(' || before == '/' ? upper_character(c) : lower_character(c);
+      c = before == ' ' || before == '-' || before == '.' || before == '(' || before == '/' ? upper_character(c)
+                                                                                            : lower_character(c);
       before = c;
     }
     return s;
   }
-  case TextOp::trim: return std::string(without_trailing_blanks(sub(n.a)));
-  case TextOp::left: case TextOp::strip: {
+  case TextOp::trim:
+    return std::string(without_trailing_blanks(sub(n.a)));
+  case TextOp::left:
+  case TextOp::strip: {
     std::string s = sub(n.a);
     const std::size_t size = s.size();
     s.erase(0, std::min(s.find_first_not_of(' '), size));
@@ -318,7 +324,9 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
     std::erase_if(s, [&](char c) { return out.find(c) != std::string::npos; });
     return s;
   }
-  case TextOp::replace: return replaced(sub(n.a), std::string(without_trailing_blanks(sub(n.b))), std::string(without_trailing_blanks(sub(n.c))));
+  case TextOp::replace:
+    return replaced(sub(n.a), std::string(without_trailing_blanks(sub(n.b))),
+                    std::string(without_trailing_blanks(sub(n.c))));
   case TextOp::translate: {
     std::string s = sub(n.a);
     const std::string to = sub(n.b), from = sub(n.c);
@@ -340,7 +348,8 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
     for (std::size_t k = as_count(num(n.number, 0.0), 1000); k > 0; --k) out += s;
     return out;
   }
-  case TextOp::put: return text_from_number(in.number(n.number), n.characters);
+  case TextOp::put:
+    return text_from_number(in.number(n.number), n.characters);
   }
   return {};
 }
@@ -353,25 +362,39 @@ double TextPool::answer(std::int32_t test_index, const TextInputs& in) const
   const auto position = [](std::size_t at) { return at == std::string::npos ? 0.0 : static_cast<double>(at) + 1.0; };
   const int order = t.question <= TextQuestion::greater_equal ? compare_texts(a, b, t.truncated) : 0;
   switch (t.question) {
-  case TextQuestion::less: return order < 0;
-  case TextQuestion::less_equal: return order <= 0;
-  case TextQuestion::equal: return order == 0;
-  case TextQuestion::not_equal: return order != 0;
-  case TextQuestion::greater: return order > 0;
-  case TextQuestion::greater_equal: return order >= 0;
-  case TextQuestion::length: return std::max(1.0, static_cast<double>(without_trailing_blanks(a).size()));
-  case TextQuestion::length_zero: return static_cast<double>(without_trailing_blanks(a).size());
-  case TextQuestion::index: return b.empty() ? 0.0 : position(a.find(b));
-  case TextQuestion::index_any: return position(a.find_first_of(b));
-  case TextQuestion::verify: return position(a.find_first_not_of(b));
+  case TextQuestion::less:
+    return order < 0;
+  case TextQuestion::less_equal:
+    return order <= 0;
+  case TextQuestion::equal:
+    return order == 0;
+  case TextQuestion::not_equal:
+    return order != 0;
+  case TextQuestion::greater:
+    return order > 0;
+  case TextQuestion::greater_equal:
+    return order >= 0;
+  case TextQuestion::length:
+    return std::max(1.0, static_cast<double>(without_trailing_blanks(a).size()));
+  case TextQuestion::length_zero:
+    return static_cast<double>(without_trailing_blanks(a).size());
+  case TextQuestion::index:
+    return b.empty() ? 0.0 : position(a.find(b));
+  case TextQuestion::index_any:
+    return position(a.find_first_of(b));
+  case TextQuestion::verify:
+    return position(a.find_first_not_of(b));
   case TextQuestion::count: {
     double n = 0.0;
     for (std::size_t at = 0; !b.empty() && (at = a.find(b, at)) != std::string::npos; at += b.size()) n += 1.0;
     return n;
   }
-  case TextQuestion::rank: return a.empty() ? 0.0 : static_cast<double>(static_cast<unsigned char>(a[0]));
-  case TextQuestion::to_number: return number_from_text(a);
-  case TextQuestion::words: return static_cast<double>(words_of(a, b).size());
+  case TextQuestion::rank:
+    return a.empty() ? 0.0 : static_cast<double>(static_cast<unsigned char>(a[0]));
+  case TextQuestion::to_number:
+    return number_from_text(a);
+  case TextQuestion::words:
+    return static_cast<double>(words_of(a, b).size());
   }
   return 0.0;
 }

@@ -26,12 +26,19 @@ enum class TextOp : std::uint8_t {
   concatenate, // a then b
   substring,   // a from position `number` (from 1), `number2` characters; no_node: to the end
   replace_at,  // a with b put at position `number` over `number2` characters (SUBSTR on the left)
-  upper, lower, proper, trim, left, strip, reverse, compress,
-  replace,     // a with every occurrence of b replaced by c
-  translate,   // a with characters of c replaced by those of b at the same place
-  word,        // word number `number` of a, separated by characters of b (blank when none)
-  repeat,      // a, then `number` more copies
-  put,         // `number` written in the format `characters`; empty: shortest
+  upper,
+  lower,
+  proper,
+  trim,
+  left,
+  strip,
+  reverse,
+  compress,
+  replace,   // a with every occurrence of b replaced by c
+  translate, // a with characters of c replaced by those of b at the same place
+  word,      // word number `number` of a, separated by characters of b (blank when none)
+  repeat,    // a, then `number` more copies
+  put,       // `number` written in the format `characters`; empty: shortest
 };
 
 struct TextNode {
@@ -39,28 +46,33 @@ struct TextNode {
   TextId a = no_text, b = no_text, c = no_text;
   NodeId number = no_node, number2 = no_node;
   std::int32_t symbol = -1;
-  std::int32_t length = 0;       // most characters that it can have; variables are padded to it
+  std::int32_t length = 0; // most characters that it can have; variables are padded to it
   std::string characters;
 };
 
 enum class TextQuestion : std::uint8_t {
-  less, less_equal, equal, not_equal, greater, greater_equal, // padded with blanks; `truncated`: cut to the shorter
-  length,      // without trailing blanks, at least 1
-  length_zero, // the same, 0 for blanks
-  index,       // position of b in a, 0 when absent
-  index_any,   // position of the first character of a that is in b
-  verify,      // position of the first character of a that is not in b
-  count,       // occurrences of b in a
-  rank,        // code of the first character
-  to_number,   // the number that a spells; missing when it does not
-  words,       // count of words separated by characters of b
+  less,
+  less_equal,
+  equal,
+  not_equal,
+  greater,
+  greater_equal, // padded with blanks; `truncated`: cut to the shorter
+  length,        // without trailing blanks, at least 1
+  length_zero,   // the same, 0 for blanks
+  index,         // position of b in a, 0 when absent
+  index_any,     // position of the first character of a that is in b
+  verify,        // position of the first character of a that is not in b
+  count,         // occurrences of b in a
+  rank,          // code of the first character
+  to_number,     // the number that a spells; missing when it does not
+  words,         // count of words separated by characters of b
 };
 
 struct TextTest {
   TextQuestion question = TextQuestion::equal;
   bool truncated = false;
   TextId a = no_text, b = no_text;
-  std::vector<NodeId> inputs;   // numbers that the texts use, in the order of the graph node's operands
+  std::vector<NodeId> inputs;    // numbers that the texts use, in the order of the graph node's operands
   std::int32_t only_symbol = -1; // the one column that the answer depends on, when it depends on nothing else
 };
 

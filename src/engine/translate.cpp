@@ -1,7 +1,7 @@
 // Slots, branches and the frame of a translation.
 
-#include "engine/program.h"
 #include "engine/translate.h"
+#include "engine/program.h"
 
 #include <algorithm>
 #include <cmath>
@@ -60,8 +60,10 @@ Value Translator::initial_value(const CMPSYM& s)
   if (given != gcmp_.initial.end() && given->second->kind == syntax::ExprKind::text) {
     const TextId initial = text_.constant(given->second->name);
     if (written)
-      gcmp_.error(message::retain, s.where, "The character variable " + s.name + " is retained and assigned; "
-                  "only numbers can be kept from record to record.");
+      gcmp_.error(message::retain, s.where,
+                  "The character variable " + s.name +
+                      " is retained and assigned; "
+                      "only numbers can be kept from record to record.");
     return {no_node, length > 0 ? text_.fit(initial, length) : initial};
   }
   if (s.type == 'c') return {no_node, text_.fit(text_.constant(""), std::max(length, std::int32_t{1}))};
@@ -115,8 +117,9 @@ void Translator::assign(Slot s, Value v, syntax::Position where)
     TextId t = as_text(v, where);
     if (i.length == 0) i.length = std::max(text_.length(t), std::int32_t{1});
     if (text_.length(t) > i.length && text_.node(t).op != TextOp::put)
-      gcmp_.note(message::text_cut, where, "Texts assigned to " + i.name + " are cut to " + std::to_string(i.length) +
-                 " characters, the length of the variable; a LENGTH statement before can make it longer.");
+      gcmp_.note(message::text_cut, where,
+                 "Texts assigned to " + i.name + " are cut to " + std::to_string(i.length) +
+                     " characters, the length of the variable; a LENGTH statement before can make it longer.");
     if (text_.length(t) != i.length) t = text_.fit(t, i.length);
     v = {no_node, t};
     if (!env(s).is_text()) env(s) = {no_node, text_.fit(text_.constant(""), i.length)};
@@ -141,8 +144,10 @@ Value Translator::choose(NodeId mask, Value yes, Value no)
 void Translator::branch(NodeId mask, const std::function<void()>& yes, const std::function<void()>& no)
 {
   if (graph_.is_constant(mask)) {
-    if (graph_.value(mask) != 0.0) yes();
-    else no();
+    if (graph_.value(mask) != 0.0)
+      yes();
+    else
+      no();
     return;
   }
   const std::size_t mark = journal_.size();
@@ -211,7 +216,10 @@ void Translator::store_results()
   }
 }
 
-bool deletes_records(const CMPGLOBAL& gcmp) { return gcmp.deleted != no_node && !gcmp.graph.is_constant(gcmp.deleted, 0.0); }
+bool deletes_records(const CMPGLOBAL& gcmp)
+{
+  return gcmp.deleted != no_node && !gcmp.graph.is_constant(gcmp.deleted, 0.0);
+}
 
 CMPGLOBAL::CMPGLOBAL(const CMPINIT& init) : options(init), text(graph) {}
 CMPGLOBAL::~CMPGLOBAL() = default;

@@ -26,7 +26,7 @@ using Slot = std::int32_t;
 class Translator {
 public:
   explicit Translator(CMPGLOBAL& gcmp);
-  void run(); // the whole program; fills value, text_value and effects of the compiler
+  void run();                       // the whole program; fills value, text_value and effects of the compiler
   void late(const syntax::Expr& e); // an expression after the program
 
 private:
@@ -36,11 +36,11 @@ private:
   struct SlotInfo {
     std::string name;
     std::int32_t symbol = -1;
-    char type = ' ';            // 'n', 'c', ' ' not yet decided
-    std::int32_t length = 0;    // of texts, 0 not yet decided
-    bool written = false;       // some statement before has given it a value
-    bool hidden = false;        // a mask or count of the translator's own
-    bool lasting = false;       // keeps its value from pass to pass of a loop though made inside
+    char type = ' ';         // 'n', 'c', ' ' not yet decided
+    std::int32_t length = 0; // of texts, 0 not yet decided
+    bool written = false;    // some statement before has given it a value
+    bool hidden = false;     // a mask or count of the translator's own
+    bool lasting = false;    // keeps its value from pass to pass of a loop though made inside
   };
   struct Scope { // of an inlined subprogram
     const syntax::SubprogramDefinition* definition = nullptr;
@@ -49,8 +49,8 @@ private:
     Slot result = -1;
   };
   struct LoopMasks {
-    Slot leave = -1;      // lanes that have left
-    Slot next = -1;       // lanes that wait for the next pass
+    Slot leave = -1; // lanes that have left
+    Slot next = -1;  // lanes that wait for the next pass
   };
   struct Labels {
     std::map<std::string, Slot, NameLess> pending; // lanes that wait at a label of this block
@@ -68,7 +68,7 @@ private:
   Value initial_value(const CMPSYM& s);
   Value& env(Slot s) { return values_[static_cast<std::size_t>(s)]; }
   SlotInfo& info(Slot s) { return infos_[static_cast<std::size_t>(s)]; }
-  void set(Slot s, Value v);                 // as it stands
+  void set(Slot s, Value v); // as it stands
   void set(Slot s, NodeId n) { set(s, Value{n, no_text}); }
   void assign(Slot s, Value v, syntax::Position where); // what an assignment does: conversion, mask
   NodeId active() { return env(active_).number; }
@@ -138,20 +138,20 @@ private:
   std::vector<Value> values_;
   std::vector<SlotInfo> infos_;
   std::vector<Slot> slot_of_symbol_;
-  std::vector<std::pair<Slot, Value>> journal_;  // (slot, value before) of every change, for branches
+  std::vector<std::pair<Slot, Value>> journal_; // (slot, value before) of every change, for branches
   std::map<const void*, Slot> flags_;
-  std::map<std::int32_t, Slot> retained_;        // carries of the records: index -> slot whose last value is next
+  std::map<std::int32_t, Slot> retained_; // carries of the records: index -> slot whose last value is next
   std::vector<Scope> scopes_;
   std::vector<LoopMasks> loops_;
   std::vector<Labels> labels_;
   std::vector<Slot> returns_;
   std::vector<const Statement*> links_;
-  NodeId path_ = no_node;                        // mask of the branches around the current statement
+  NodeId path_ = no_node; // mask of the branches around the current statement
   Slot active_ = 0;
   Slot deleted_ = 0;
-  int carried_depth_ = 0;                        // loops with carried values around the current statement
-  std::int32_t carried_loop_ = 0;                // the innermost of them
-  int call_sites_ = 0;                           // random functions met so far
+  int carried_depth_ = 0;         // loops with carried values around the current statement
+  std::int32_t carried_loop_ = 0; // the innermost of them
+  int call_sites_ = 0;            // random functions met so far
 };
 
 } // namespace torvale::engine

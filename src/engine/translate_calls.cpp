@@ -28,7 +28,9 @@ Value Translator::call(const Expr& e)
 {
   if (const auto it = gcmp_.subprograms.find(e.name); it != gcmp_.subprograms.end()) {
     if (!it->second->is_function)
-      return {fail(message::wrong_arguments, e.where, std::string(e.name) + " is a subroutine; it is used by CALL and has no value."), no_text};
+      return {fail(message::wrong_arguments, e.where,
+                   std::string(e.name) + " is a subroutine; it is used by CALL and has no value."),
+              no_text};
     return inlined(*it->second, e.args, e.where);
   }
   if (const auto v = lag(e)) return *v;
@@ -41,7 +43,8 @@ void Translator::call_statement(const CallStatement& c)
 {
   const auto it = gcmp_.subprograms.find(c.name);
   if (it == gcmp_.subprograms.end()) {
-    fail(message::unknown_function, c.where, "CALL " + std::string(c.name) + ": no SUBROUTINE of this name is defined.");
+    fail(message::unknown_function, c.where,
+         "CALL " + std::string(c.name) + ": no SUBROUTINE of this name is defined.");
     return;
   }
   inlined(*it->second, c.args, c.where);
@@ -53,29 +56,41 @@ Value Translator::inlined(const SubprogramDefinition& d, std::span<Expr* const> 
 {
   for (const Scope& s : scopes_)
     if (s.definition == &d)
-      return {fail(message::recursion, where, std::string(d.name) + " calls itself, directly or through others; recursion is not possible here."), no_text};
+      return {fail(message::recursion, where,
+                   std::string(d.name) + " calls itself, directly or through others; recursion is not possible here."),
+              no_text};
   if (given.size() != d.parameters.size() || scopes_.size() >= deepest_inlining)
-    return {fail(message::wrong_arguments, where, std::string(d.name) + " takes " + std::to_string(d.parameters.size()) +
-                 " argument(s), but is given " + std::to_string(given.size()) + "."), no_text};
+    return {fail(message::wrong_arguments, where,
+                 std::string(d.name) + " takes " + std::to_string(d.parameters.size()) + " argument(s), but is given " +
+                     std::to_string(given.size()) + "."),
+            no_text};
   Scope scope;
   scope.definition = &d;
   for (std::size_t k = 0; k < given.size(); ++k) {
     const Parameter& p = d.parameters[k];
     if (p.array) {
       const std::optional<Array> a = array_named(given[k]->name);
-      if (!a) return {fail(message::wrong_arguments, where, "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) + " must be an array."), no_text};
+      if (!a)
+        return {fail(message::wrong_arguments, where,
+                     "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) + " must be an array."),
+                no_text};
       scope.arrays.emplace(std::string(p.name), a->slots);
       continue;
     }
     const Value v = p.output && given[k]->kind == ExprKind::variable && scopes_.empty()
-                        ? env(symbol_slot(given[k]->name, given[k]->where)) : value_of(*given[k]);
-    const Slot s = new_slot(std::string(p.name), p.character ? Value{no_node, as_text(v, where)} : Value{as_number(v, where), no_text}, false);
+                        ? env(symbol_slot(given[k]->name, given[k]->where))
+                        : value_of(*given[k]);
+    const Slot s =
+        new_slot(std::string(p.name),
+                 p.character ? Value{no_node, as_text(v, where)} : Value{as_number(v, where), no_text}, false);
     info(s).type = p.character ? 'c' : 'n';
     if (p.character) info(s).length = text_.length(env(s).text);
     info(s).written = true;
     scope.locals.emplace(std::string(p.name), s);
   }
-  scope.result = new_slot(std::string(d.name), d.character_result ? Value{no_node, text_.constant("")} : Value{graph_.missing(), no_text}, false);
+  scope.result =
+      new_slot(std::string(d.name),
+               d.character_result ? Value{no_node, text_.constant("")} : Value{graph_.missing(), no_text}, false);
   info(scope.result).type = d.character_result ? 'c' : 'n';
   const Slot result = scope.result;
   const Slot returned = new_slot("returned", {graph_.zero(), no_text}, true);
@@ -97,8 +112,11 @@ Value Translator::inlined(const SubprogramDefinition& d, std::span<Expr* const> 
     const Parameter& p = d.parameters[k];
     if (!p.output || p.array) continue;
     if (given[k]->kind != ExprKind::variable && given[k]->kind != ExprKind::element)
-      fail(message::wrong_arguments, where, "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) + " is an output; it must be a variable.");
-    else assign_to(*given[k], env(done.locals.find(p.name)->second), where);
+      fail(message::wrong_arguments, where,
+           "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) +
+               " is an output; it must be a variable.");
+    else
+      assign_to(*given[k], env(done.locals.find(p.name)->second), where);
   }
   return env(result);
 }
@@ -118,9 +136,14 @@ std::optional<Value> Translator::lag(const Expr& e)
     }
   }
   if (n < 1 || n > 100 || e.args.size() != 1)
-    return Value{fail(message::wrong_arguments, e.where, std::string(e.name) + " takes one argument and an order from 1 to 100."), no_text};
+    return Value{fail(message::wrong_arguments, e.where,
+                      std::string(e.name) + " takes one argument and an order from 1 to 100."),
+                 no_text};
   if (carried_depth_ > 0)
-    return Value{fail(message::unsupported, e.where, std::string(e.name) + " cannot stand in a loop whose count is not known when the program is compiled."), no_text};
+    return Value{
+        fail(message::unsupported, e.where,
+             std::string(e.name) + " cannot stand in a loop whose count is not known when the program is compiled."),
+        no_text};
   const NodeId now = number_of(*e.args[0]);
   gcmp_.lag_depth = std::max(gcmp_.lag_depth, n);
   NodeId before = now;
@@ -149,7 +172,9 @@ std::optional<Value> Translator::array_bound(const Expr& e)
   const std::optional<Array> a = array_named(e.args[0]->name);
   const std::size_t dimensions = a && a->declaration != nullptr ? a->declaration->low.size() : 1;
   if (!a || !(dimension >= 1.0) || dimension > static_cast<double>(dimensions))
-    return Value{fail(message::wrong_arguments, e.where, std::string(e.name) + " takes an array and the number of one of its dimensions."), no_text};
+    return Value{fail(message::wrong_arguments, e.where,
+                      std::string(e.name) + " takes an array and the number of one of its dimensions."),
+                 no_text};
   const auto d = static_cast<std::size_t>(dimension) - 1;
   const double low = a->declaration != nullptr ? a->declaration->low[d] : 1.0;
   const double high = a->declaration != nullptr ? a->declaration->high[d] : static_cast<double>(a->slots.size());
@@ -165,7 +190,8 @@ Value Translator::library(const Expr& e)
     for (const auto& [name, definition] : gcmp_.subprograms) own.push_back(name);
     const std::string_view near = nearest_name(e.name, own);
     const std::string hint = near.empty() ? std::string() : " Did you mean " + std::string(near) + "?";
-    return {fail(message::unknown_function, e.where, "There is no function " + std::string(e.name) + "." + hint), no_text};
+    return {fail(message::unknown_function, e.where, "There is no function " + std::string(e.name) + "." + hint),
+            no_text};
   }
   std::vector<Value> given = arguments(e);
   if (const std::string fault = argument_fault(*f, static_cast<int>(given.size())); !fault.empty())
@@ -174,7 +200,9 @@ Value Translator::library(const Expr& e)
   NodeId n = no_node;
   if (f->cls == FunctionClass::distribution) {
     if (!given[0].is_text() || text_.node(given[0].text).op != TextOp::constant)
-      return {fail(message::wrong_arguments, e.where, std::string(f->name) + " needs the name of a distribution in quotes as its first argument."), no_text};
+      return {fail(message::wrong_arguments, e.where,
+                   std::string(f->name) + " needs the name of a distribution in quotes as its first argument."),
+              no_text};
     std::vector<NodeId> numbers;
     for (std::size_t k = 1; k < given.size(); ++k) numbers.push_back(as_number(given[k], e.where));
     n = expand_distribution(graph_, f->question, text_.node(given[0].text).characters, numbers, &error);
@@ -191,7 +219,10 @@ Value Translator::library(const Expr& e)
     }
     if (f->cls == FunctionClass::random) {
       if (carried_depth_ > 0)
-        return {fail(message::unsupported, e.where, std::string(f->name) + " cannot stand in a loop whose count is not known when the program is compiled."), no_text};
+        return {fail(message::unsupported, e.where,
+                     std::string(f->name) +
+                         " cannot stand in a loop whose count is not known when the program is compiled."),
+                no_text};
       // Drawn from counters, so that every evaluation and every packing of lanes sees the same numbers.
       const NodeId seed = graph_.constant(static_cast<double>(gcmp_.options.seed & ((std::uint64_t{1} << 53) - 1)));
       const NodeId site = graph_.constant(static_cast<double>(call_sites_++));
@@ -200,7 +231,10 @@ Value Translator::library(const Expr& e)
       n = expand_function(graph_, *f, numbers, &error);
     }
   }
-  if (n == no_node) return {fail(message::wrong_arguments, e.where, error.empty() ? "These arguments do not suit " + std::string(f->name) + "." : error), no_text};
+  if (n == no_node)
+    return {fail(message::wrong_arguments, e.where,
+                 error.empty() ? "These arguments do not suit " + std::string(f->name) + "." : error),
+            no_text};
   return {n, no_text};
 }
 

@@ -21,7 +21,8 @@ TextId Translator::text_of(const Expr& e)
 NodeId Translator::as_number(Value v, Position where)
 {
   if (!v.is_text()) return v.number;
-  gcmp_.note(message::conversion, where, "A text is converted to a number here; a text that is no number becomes a missing value.");
+  gcmp_.note(message::conversion, where,
+             "A text is converted to a number here; a text that is no number becomes a missing value.");
   std::string error;
   const NodeId n = text_.ask(TextQuestion::to_number, v.text, no_text, false, &error);
   return n == no_node ? fail(message::unsupported, where, error) : n;
@@ -41,18 +42,25 @@ TextId Translator::as_text(Value v, Position where)
 Value Translator::value_of(const Expr& e)
 {
   switch (e.kind) {
-  case ExprKind::number: return {std::isnan(e.number) ? graph_.missing() : graph_.constant(e.number), no_text};
-  case ExprKind::text: return {no_node, text_.constant(e.name)};
-  case ExprKind::variable: return variable(e);
-  case ExprKind::element: return element(e);
+  case ExprKind::number:
+    return {std::isnan(e.number) ? graph_.missing() : graph_.constant(e.number), no_text};
+  case ExprKind::text:
+    return {no_node, text_.constant(e.name)};
+  case ExprKind::variable:
+    return variable(e);
+  case ExprKind::element:
+    return element(e);
   case ExprKind::whole_array:
-    return {fail(message::unsupported, e.where, "The array " + std::string(e.name) + " can stand as a whole only among the arguments of a function."), no_text};
+    return {fail(message::unsupported, e.where,
+                 "The array " + std::string(e.name) + " can stand as a whole only among the arguments of a function."),
+            no_text};
   case ExprKind::unary: {
     if (e.op == Op::not_) return {graph_.not_(truth_of(*e.args[0])), no_text};
     const NodeId a = number_of(*e.args[0]);
     return {e.op == Op::minus ? graph_.negate(a) : a, no_text};
   }
-  case ExprKind::binary: return binary(e);
+  case ExprKind::binary:
+    return binary(e);
   case ExprKind::chain: {
     NodeId all = graph_.one();
     Value left = value_of(*e.args[0]);
@@ -66,13 +74,15 @@ Value Translator::value_of(const Expr& e)
   case ExprKind::conditional: {
     const NodeId condition = truth_of(*e.args[0]);
     Value yes, no; // branch() keeps what functions with output arguments do on each side apart
-    branch(condition, [&] { yes = value_of(*e.args[1]); }, [&] { no = value_of(*e.args[2]); });
+    branch(
+        condition, [&] { yes = value_of(*e.args[1]); }, [&] { no = value_of(*e.args[2]); });
     if (graph_.is_constant(condition)) return graph_.value(condition) != 0.0 ? yes : no;
     if (yes.is_text() && !no.is_text()) no = {no_node, as_text(no, e.where)};
     if (no.is_text() && !yes.is_text()) yes = {no_node, as_text(yes, e.where)};
     return choose(condition, yes, no);
   }
-  case ExprKind::call: return call(e);
+  case ExprKind::call:
+    return call(e);
   case ExprKind::in_list: {
     const NodeId in = in_list(e);
     return {e.op == Op::not_in ? graph_.not_(in) : in, no_text};
@@ -87,8 +97,9 @@ Value Translator::variable(const Expr& e)
   if (!scopes_.empty()) {
     const auto it = scopes_.back().locals.find(e.name);
     if (it == scopes_.back().locals.end()) {
-      gcmp_.warning(message::read_before_written, e.where, "The variable " + std::string(e.name) + " of " +
-                    std::string(scopes_.back().definition->name) + " is used before it has a value; it is missing here.");
+      gcmp_.warning(message::read_before_written, e.where,
+                    "The variable " + std::string(e.name) + " of " + std::string(scopes_.back().definition->name) +
+                        " is used before it has a value; it is missing here.");
       return {graph_.missing(), no_text};
     }
     s = it->second;
@@ -99,7 +110,9 @@ Value Translator::variable(const Expr& e)
   if (!i.written && !i.hidden) {
     i.written = true;
     gcmp_.warning(message::read_before_written, e.where,
-                  "The variable " + i.name + " is used before it has a value; it is missing here. (Every run of the program starts afresh; RETAIN keeps a value.)");
+                  "The variable " + i.name +
+                      " is used before it has a value; it is missing here. (Every run of the program starts afresh; "
+                      "RETAIN keeps a value.)");
   }
   return env(s);
 }
@@ -107,8 +120,10 @@ Value Translator::variable(const Expr& e)
 Value Translator::binary(const Expr& e)
 {
   switch (e.op) {
-  case Op::and_: return {graph_.and_(truth_of(*e.args[0]), truth_of(*e.args[1])), no_text};
-  case Op::or_: return {graph_.or_(truth_of(*e.args[0]), truth_of(*e.args[1])), no_text};
+  case Op::and_:
+    return {graph_.and_(truth_of(*e.args[0]), truth_of(*e.args[1])), no_text};
+  case Op::or_:
+    return {graph_.or_(truth_of(*e.args[0]), truth_of(*e.args[1])), no_text};
   case Op::concatenate: {
     TextNode n;
     n.op = TextOp::concatenate;
@@ -117,25 +132,39 @@ Value Translator::binary(const Expr& e)
     n.length = text_.length(n.a) + text_.length(n.b);
     return {no_node, text_.make(std::move(n))};
   }
-  case Op::less: case Op::less_equal: case Op::greater: case Op::greater_equal: case Op::equal: case Op::not_equal: {
+  case Op::less:
+  case Op::less_equal:
+  case Op::greater:
+  case Op::greater_equal:
+  case Op::equal:
+  case Op::not_equal: {
     const Value a = value_of(*e.args[0]);
     const Value b = value_of(*e.args[1]);
     return {comparison(e.op, a, b, e.truncated, e.where), no_text};
   }
-  default: break;
+  default:
+    break;
   }
   const NodeId a = number_of(*e.args[0]);
   const NodeId b = number_of(*e.args[1]);
   switch (e.op) {
-  case Op::add: return {graph_.add(a, b), no_text};
-  case Op::subtract: return {graph_.subtract(a, b), no_text};
-  case Op::multiply: return {graph_.multiply(a, b), no_text};
-  case Op::divide: return {graph_.divide(a, b), no_text};
-  case Op::power: return {graph_.power(a, b), no_text};
+  case Op::add:
+    return {graph_.add(a, b), no_text};
+  case Op::subtract:
+    return {graph_.subtract(a, b), no_text};
+  case Op::multiply:
+    return {graph_.multiply(a, b), no_text};
+  case Op::divide:
+    return {graph_.divide(a, b), no_text};
+  case Op::power:
+    return {graph_.power(a, b), no_text};
   // The order of values decides: a missing value is the least. As selects, so that derivatives follow the side taken.
-  case Op::minimum: return {graph_.select(graph_.compare(Kernel::less_equal, a, b), a, b), no_text};
-  case Op::maximum: return {graph_.select(graph_.compare(Kernel::less, a, b), b, a), no_text};
-  default: return {fail(message::unsupported, e.where, "This operator has no meaning here."), no_text};
+  case Op::minimum:
+    return {graph_.select(graph_.compare(Kernel::less_equal, a, b), a, b), no_text};
+  case Op::maximum:
+    return {graph_.select(graph_.compare(Kernel::less, a, b), b, a), no_text};
+  default:
+    return {fail(message::unsupported, e.where, "This operator has no meaning here."), no_text};
   }
 }
 
@@ -143,21 +172,28 @@ NodeId Translator::comparison(Op op, Value a, Value b, bool truncated, Position 
 {
   // A missing value beside a text means a blank text.
   const auto blank_for_missing = [&](Value& v) {
-    if (!v.is_text() && graph_.is_constant(v.number) && std::isnan(graph_.value(v.number))) v = {no_node, text_.constant("")};
+    if (!v.is_text() && graph_.is_constant(v.number) && std::isnan(graph_.value(v.number)))
+      v = {no_node, text_.constant("")};
   };
   if (a.is_text()) blank_for_missing(b);
   if (b.is_text()) blank_for_missing(a);
   if (a.is_text() && b.is_text()) {
-    const TextQuestion q = op == Op::less ? TextQuestion::less : op == Op::less_equal ? TextQuestion::less_equal
-                         : op == Op::greater ? TextQuestion::greater : op == Op::greater_equal ? TextQuestion::greater_equal
-                         : op == Op::equal ? TextQuestion::equal : TextQuestion::not_equal;
+    const TextQuestion q = op == Op::less            ? TextQuestion::less
+                           : op == Op::less_equal    ? TextQuestion::less_equal
+                           : op == Op::greater       ? TextQuestion::greater
+                           : op == Op::greater_equal ? TextQuestion::greater_equal
+                           : op == Op::equal         ? TextQuestion::equal
+                                                     : TextQuestion::not_equal;
     std::string error;
     const NodeId n = text_.ask(q, a.text, b.text, truncated, &error);
     return n == no_node ? fail(message::unsupported, where, error) : n;
   }
-  const Kernel k = op == Op::less ? Kernel::less : op == Op::less_equal ? Kernel::less_equal
-                 : op == Op::greater ? Kernel::greater : op == Op::greater_equal ? Kernel::greater_equal
-                 : op == Op::equal ? Kernel::equal : Kernel::not_equal;
+  const Kernel k = op == Op::less            ? Kernel::less
+                   : op == Op::less_equal    ? Kernel::less_equal
+                   : op == Op::greater       ? Kernel::greater
+                   : op == Op::greater_equal ? Kernel::greater_equal
+                   : op == Op::equal         ? Kernel::equal
+                                             : Kernel::not_equal;
   const NodeId x = as_number(a, where);
   return graph_.compare(k, x, as_number(b, where));
 }
@@ -199,8 +235,9 @@ bool Translator::place(const Expr& e, const Array& a, std::optional<std::size_t>
 {
   const std::size_t dimensions = a.declaration != nullptr ? a.declaration->low.size() : 1;
   if (e.args.size() != dimensions) {
-    fail(message::subscript, e.where, "The array " + std::string(e.name) + " has " + std::to_string(dimensions) +
-         " dimension(s), but " + std::to_string(e.args.size()) + " subscript(s) are given.");
+    fail(message::subscript, e.where,
+         "The array " + std::string(e.name) + " has " + std::to_string(dimensions) + " dimension(s), but " +
+             std::to_string(e.args.size()) + " subscript(s) are given.");
     return false;
   }
   index = graph_.zero();
@@ -216,7 +253,8 @@ bool Translator::place(const Expr& e, const Array& a, std::optional<std::size_t>
   }
   if (graph_.is_constant(inside, 0.0)) {
     // Only where the statement is sure to be executed is this known to be wrong; elsewhere the run decides.
-    gcmp_.error(message::subscript, e.where, "A subscript of the array " + std::string(e.name) + " is outside its bounds.");
+    gcmp_.error(message::subscript, e.where,
+                "A subscript of the array " + std::string(e.name) + " is outside its bounds.");
     return false;
   }
   if (graph_.is_constant(index)) {
@@ -266,8 +304,10 @@ void Translator::assign_element(const Expr& target, Value v)
   if (fixed) return assign(a->slots[*fixed], v, target.where);
   for (std::size_t k = 0; k < a->slots.size(); ++k) {
     const NodeId here = graph_.compare(Kernel::equal, index, graph_.constant(static_cast<double>(k)));
-    if (v.is_text() || !env(a->slots[k]).is_text()) assign(a->slots[k], choose(here, v, env(a->slots[k])), target.where);
-    else assign(a->slots[k], choose(here, {no_node, as_text(v, target.where)}, env(a->slots[k])), target.where);
+    if (v.is_text() || !env(a->slots[k]).is_text())
+      assign(a->slots[k], choose(here, v, env(a->slots[k])), target.where);
+    else
+      assign(a->slots[k], choose(here, {no_node, as_text(v, target.where)}, env(a->slots[k])), target.where);
   }
 }
 
@@ -278,7 +318,9 @@ void Translator::assign_to(const Expr& target, Value v, Position where)
   auto& locals = scopes_.back().locals;
   auto it = locals.find(target.name);
   if (it == locals.end())
-    it = locals.emplace(std::string(target.name), new_slot(std::string(target.name), {graph_.missing(), no_text}, false)).first;
+    it =
+        locals.emplace(std::string(target.name), new_slot(std::string(target.name), {graph_.missing(), no_text}, false))
+            .first;
   assign(it->second, v, where);
 }
 

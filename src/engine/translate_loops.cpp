@@ -26,8 +26,10 @@ void Translator::go_to(const JumpStatement& j)
     set(found->second, graph_.or_(env(found->second).number, active()));
     return set(active_, graph_.zero());
   }
-  fail(message::jump, j.where, "No statement with the label " + std::string(j.target) + " can be reached from here: a jump may go to a "
-       "label of the same group of statements or of a group around it.");
+  fail(message::jump, j.where,
+       "No statement with the label " + std::string(j.target) +
+           " can be reached from here: a jump may go to a "
+           "label of the same group of statements or of a group around it.");
 }
 
 // LINK runs the statements from the label on until RETURN (or the end), then comes back.
@@ -35,7 +37,8 @@ void Translator::link(const JumpStatement& j)
 {
   for (const Statement* const outer : links_)
     if (same_name(static_cast<const JumpStatement*>(outer)->target, j.target)) {
-      fail(message::recursion, j.where, "LINK to " + std::string(j.target) + " comes back to itself; a LINK may not be recursive.");
+      fail(message::recursion, j.where,
+           "LINK to " + std::string(j.target) + " comes back to itself; a LINK may not be recursive.");
       return;
     }
   const Block all(gcmp_.program->statements.data(), gcmp_.program->statements.size());
@@ -78,8 +81,10 @@ void Translator::do_statement(const DoStatement& d)
   masks.leave = new_slot("leave", {graph_.zero(), no_text}, true);
   masks.next = new_slot("next", {graph_.zero(), no_text}, true);
   loops_.push_back(masks);
-  if (d.index != nullptr) ranges(d);
-  else conditional_loop(d);
+  if (d.index != nullptr)
+    ranges(d);
+  else
+    conditional_loop(d);
   loops_.pop_back();
   set(active_, graph_.or_(active(), env(masks.leave).number));
   set(masks.leave, graph_.zero());
@@ -108,7 +113,8 @@ void Translator::pass(const DoStatement& d, const Expr* while_, const Expr* unti
   go_on_if(graph_.not_(truth_of(*until)));
 }
 
-// index = start TO stop BY step WHILE UNTIL. The number of passes is fixed on entry, floor((stop - start) / step + 1e-9)
+// index = start TO stop BY step WHILE UNTIL. The number of passes is fixed on entry, floor((stop - start) / step +
+// 1e-9)
 // + 1, and pass k has the value start + k * step, so that no rounding accumulates. WHILE and UNTIL end this range only;
 // the next range of the list is entered all the same.
 void Translator::counted(const DoStatement& d, const LoopRange& r)
@@ -211,8 +217,10 @@ void Translator::carried_loop(Position where, Slot again, const std::function<vo
     std::map<Slot, NodeId> entry;
     for (const Slot s : carried) {
       if (env(s).is_text()) {
-        fail(message::unsupported, where, "The character variable " + info(s).name + " changes in a loop whose count is not known "
-             "when the program is compiled; only numbers can.");
+        fail(message::unsupported, where,
+             "The character variable " + info(s).name +
+                 " changes in a loop whose count is not known "
+                 "when the program is compiled; only numbers can.");
         continue;
       }
       entry[s] = graph_.carry(loop, env(s).number);

@@ -18,19 +18,22 @@ bool jumps_to(const Statement* s, std::string_view label)
     return false;
   };
   switch (s->kind) {
-  case StatementKind::go_to: return same_name(static_cast<const JumpStatement*>(s)->target, label);
+  case StatementKind::go_to:
+    return same_name(static_cast<const JumpStatement*>(s)->target, label);
   case StatementKind::if_: {
     const auto& x = *static_cast<const IfStatement*>(s);
     return jumps_to(x.then_branch, label) || jumps_to(x.else_branch, label);
   }
-  case StatementKind::do_: return any(static_cast<const DoStatement*>(s)->body);
+  case StatementKind::do_:
+    return any(static_cast<const DoStatement*>(s)->body);
   case StatementKind::select: {
     const auto& x = *static_cast<const SelectStatement*>(s);
     for (const WhenClause& w : x.whens)
       if (jumps_to(w.body, label)) return true;
     return jumps_to(x.otherwise, label);
   }
-  default: return false;
+  default:
+    return false;
   }
 }
 
@@ -76,29 +79,48 @@ void Translator::run_statement(const Statement* s)
   if (s == nullptr) return;
   graph_.set_position(s->where);
   switch (s->kind) {
-  case StatementKind::assign: return assignment(*static_cast<const Assignment*>(s));
+  case StatementKind::assign:
+    return assignment(*static_cast<const Assignment*>(s));
   case StatementKind::if_: {
     const auto& x = *static_cast<const IfStatement*>(s);
     const NodeId condition = truth_of(*x.condition);
-    return branch(condition, [&] { run_statement(x.then_branch); }, [&] { run_statement(x.else_branch); });
+    return branch(
+        condition, [&] { run_statement(x.then_branch); }, [&] { run_statement(x.else_branch); });
   }
-  case StatementKind::do_: return do_statement(*static_cast<const DoStatement*>(s));
-  case StatementKind::select: return select_statement(*static_cast<const SelectStatement*>(s));
-  case StatementKind::go_to: return go_to(*static_cast<const JumpStatement*>(s));
-  case StatementKind::link: return link(*static_cast<const JumpStatement*>(s));
-  case StatementKind::return_: return return_from(*static_cast<const ReturnStatement*>(s));
-  case StatementKind::leave: case StatementKind::continue_: return leave_or_continue(s);
-  case StatementKind::stop: return stop(Effect::Kind::stop, s);
-  case StatementKind::abort: return stop(Effect::Kind::abort, s);
+  case StatementKind::do_:
+    return do_statement(*static_cast<const DoStatement*>(s));
+  case StatementKind::select:
+    return select_statement(*static_cast<const SelectStatement*>(s));
+  case StatementKind::go_to:
+    return go_to(*static_cast<const JumpStatement*>(s));
+  case StatementKind::link:
+    return link(*static_cast<const JumpStatement*>(s));
+  case StatementKind::return_:
+    return return_from(*static_cast<const ReturnStatement*>(s));
+  case StatementKind::leave:
+  case StatementKind::continue_:
+    return leave_or_continue(s);
+  case StatementKind::stop:
+    return stop(Effect::Kind::stop, s);
+  case StatementKind::abort:
+    return stop(Effect::Kind::abort, s);
   case StatementKind::delete_:
     set(deleted_, graph_.or_(env(deleted_).number, active()));
     return set(active_, graph_.zero());
-  case StatementKind::call: return call_statement(*static_cast<const CallStatement*>(s));
-  case StatementKind::put: return put(*static_cast<const PutStatement*>(s));
-  case StatementKind::file: return file(*static_cast<const FileStatement*>(s));
-  case StatementKind::site: return site(*static_cast<const ExpressionSite*>(s));
-  case StatementKind::array: case StatementKind::attributes: case StatementKind::retain:
-  case StatementKind::keep_drop: case StatementKind::subprogram: case StatementKind::empty:
+  case StatementKind::call:
+    return call_statement(*static_cast<const CallStatement*>(s));
+  case StatementKind::put:
+    return put(*static_cast<const PutStatement*>(s));
+  case StatementKind::file:
+    return file(*static_cast<const FileStatement*>(s));
+  case StatementKind::site:
+    return site(*static_cast<const ExpressionSite*>(s));
+  case StatementKind::array:
+  case StatementKind::attributes:
+  case StatementKind::retain:
+  case StatementKind::keep_drop:
+  case StatementKind::subprogram:
+  case StatementKind::empty:
     return; // read by the scan
   }
 }
@@ -107,7 +129,8 @@ void Translator::assignment(const Assignment& a)
 {
   const auto store = [&](Value v) { assign_to(*a.target, v, a.where); };
   switch (a.form) {
-  case Assignment::Form::plain: return store(value_of(*a.value));
+  case Assignment::Form::plain:
+    return store(value_of(*a.value));
   case Assignment::Form::sum: {
     const NodeId before = graph_.apply(Kernel::zero_if_missing, {number_of(*a.target)});
     const NodeId term = graph_.apply(Kernel::zero_if_missing, {number_of(*a.value)});
@@ -136,16 +159,19 @@ void Translator::select_from(const SelectStatement& s, const Value& selector, st
 {
   if (when == s.whens.size()) {
     if (s.otherwise != nullptr) return run_statement(s.otherwise);
-    gcmp_.note(message::unmatched_select, s.where, "This SELECT has no OTHERWISE: where no WHEN applies nothing is done.");
+    gcmp_.note(message::unmatched_select, s.where,
+               "This SELECT has no OTHERWISE: where no WHEN applies nothing is done.");
     return;
   }
   const WhenClause& w = s.whens[when];
   NodeId hit = graph_.zero();
   for (const Expr* const e : w.values) {
-    const NodeId one = s.selector == nullptr ? truth_of(*e) : comparison(Op::equal, selector, value_of(*e), false, e->where);
+    const NodeId one =
+        s.selector == nullptr ? truth_of(*e) : comparison(Op::equal, selector, value_of(*e), false, e->where);
     hit = graph_.or_(hit, one);
   }
-  branch(hit, [&] { run_statement(w.body); }, [&] { select_from(s, selector, when + 1); });
+  branch(
+      hit, [&] { run_statement(w.body); }, [&] { select_from(s, selector, when + 1); });
 }
 
 void Translator::stop(Effect::Kind kind, const Statement* s)
@@ -165,7 +191,8 @@ void Translator::stop(Effect::Kind kind, const Statement* s)
 void Translator::put(const PutStatement& s)
 {
   if (carried_depth_ > 0) {
-    fail(message::unsupported, s.where, "PUT cannot stand in a loop whose count is not known when the program is compiled.");
+    fail(message::unsupported, s.where,
+         "PUT cannot stand in a loop whose count is not known when the program is compiled.");
     return;
   }
   Effect effect;
@@ -184,7 +211,8 @@ void Translator::put(const PutStatement& s)
       }
       continue;
     }
-    add(item, item.value != nullptr ? to_text(*item.value) : std::string(), item.value != nullptr ? value_of(*item.value) : Value{});
+    add(item, item.value != nullptr ? to_text(*item.value) : std::string(),
+        item.value != nullptr ? value_of(*item.value) : Value{});
   }
   gcmp_.effects.push_back(std::move(effect));
 }

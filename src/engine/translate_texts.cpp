@@ -19,12 +19,12 @@ struct TextRow {
 };
 
 constexpr TextRow text_rows[] = {
-    {"SUBSTR", TextOp::substring, 1, 1, 1, 2},   {"SUBSTRN", TextOp::substring, 1, 1, 1, 2},
-    {"UPCASE", TextOp::upper, 1, 1, 0, 0},       {"LOWCASE", TextOp::lower, 1, 1, 0, 0},
-    {"PROPCASE", TextOp::proper, 1, 1, 0, 0},    {"TRIM", TextOp::trim, 1, 1, 0, 0},
-    {"TRIMN", TextOp::trim, 1, 1, 0, 0},         {"LEFT", TextOp::left, 1, 1, 0, 0},
-    {"STRIP", TextOp::strip, 1, 1, 0, 0},        {"REVERSE", TextOp::reverse, 1, 1, 0, 0},
-    {"COMPRESS", TextOp::compress, 1, 2, 0, 0},  {"TRANWRD", TextOp::replace, 3, 3, 0, 0},
+    {"SUBSTR", TextOp::substring, 1, 1, 1, 2},    {"SUBSTRN", TextOp::substring, 1, 1, 1, 2},
+    {"UPCASE", TextOp::upper, 1, 1, 0, 0},        {"LOWCASE", TextOp::lower, 1, 1, 0, 0},
+    {"PROPCASE", TextOp::proper, 1, 1, 0, 0},     {"TRIM", TextOp::trim, 1, 1, 0, 0},
+    {"TRIMN", TextOp::trim, 1, 1, 0, 0},          {"LEFT", TextOp::left, 1, 1, 0, 0},
+    {"STRIP", TextOp::strip, 1, 1, 0, 0},         {"REVERSE", TextOp::reverse, 1, 1, 0, 0},
+    {"COMPRESS", TextOp::compress, 1, 2, 0, 0},   {"TRANWRD", TextOp::replace, 3, 3, 0, 0},
     {"TRANSLATE", TextOp::translate, 3, 3, 0, 0}, {"REPEAT", TextOp::repeat, 1, 1, 1, 1},
 };
 
@@ -35,10 +35,10 @@ struct QuestionRow {
 };
 
 constexpr QuestionRow question_rows[] = {
-    {"LENGTH", TextQuestion::length, 1, 1},      {"LENGTHN", TextQuestion::length_zero, 1, 1},
-    {"INDEX", TextQuestion::index, 2, 2},        {"FIND", TextQuestion::index, 2, 2},
-    {"INDEXC", TextQuestion::index_any, 2, 2},   {"VERIFY", TextQuestion::verify, 2, 2},
-    {"COUNT", TextQuestion::count, 2, 2},        {"COUNTW", TextQuestion::words, 1, 2},
+    {"LENGTH", TextQuestion::length, 1, 1},    {"LENGTHN", TextQuestion::length_zero, 1, 1},
+    {"INDEX", TextQuestion::index, 2, 2},      {"FIND", TextQuestion::index, 2, 2},
+    {"INDEXC", TextQuestion::index_any, 2, 2}, {"VERIFY", TextQuestion::verify, 2, 2},
+    {"COUNT", TextQuestion::count, 2, 2},      {"COUNTW", TextQuestion::words, 1, 2},
     {"RANK", TextQuestion::rank, 1, 1},
 };
 
@@ -63,7 +63,8 @@ std::optional<Value> Translator::text_function(const Expr& e)
     if (row.name != name) continue;
     const int texts = std::min(count, row.texts_most);
     if (count < row.texts_least + row.numbers_least || count > row.texts_most + row.numbers_most)
-      return wrong(std::to_string(row.texts_least + row.numbers_least) + " to " + std::to_string(row.texts_most + row.numbers_most) + " arguments");
+      return wrong(std::to_string(row.texts_least + row.numbers_least) + " to " +
+                   std::to_string(row.texts_most + row.numbers_most) + " arguments");
     TextNode n;
     n.op = row.op;
     TextId* const sides[] = {&n.a, &n.b, &n.c};
@@ -71,13 +72,15 @@ std::optional<Value> Translator::text_function(const Expr& e)
     if (count > texts) n.number = number_of(*e.args[static_cast<std::size_t>(texts)]);
     if (count > texts + 1) n.number2 = number_of(*e.args[static_cast<std::size_t>(texts) + 1]);
     n.length = row.op == TextOp::repeat || row.op == TextOp::replace ? 200 : text_.length(n.a);
-    if (row.op == TextOp::substring && n.number2 != no_node && graph_.is_constant(n.number2) && graph_.value(n.number2) >= 1.0)
+    if (row.op == TextOp::substring && n.number2 != no_node && graph_.is_constant(n.number2) &&
+        graph_.value(n.number2) >= 1.0)
       n.length = std::min(n.length, static_cast<std::int32_t>(std::fmin(graph_.value(n.number2), 32767.0)));
     return Value{no_node, text_.make(std::move(n))};
   }
   for (const QuestionRow& row : question_rows) {
     if (row.name != name) continue;
-    if (count < row.texts_least || count > row.texts_most) return wrong(std::to_string(row.texts_least) + " to " + std::to_string(row.texts_most) + " texts");
+    if (count < row.texts_least || count > row.texts_most)
+      return wrong(std::to_string(row.texts_least) + " to " + std::to_string(row.texts_most) + " texts");
     const TextId a = text_of(*e.args[0]);
     const TextId b = count > 1 ? text_of(*e.args[1]) : no_text;
     std::string error;
@@ -133,7 +136,8 @@ std::optional<Value> Translator::text_function(const Expr& e)
     n.length = 32;
     if (count == 2) {
       const Expr& format = *e.args[1]; // 8.2 scans as a number where no format is expected
-      n.characters = format.kind == ExprKind::text || format.kind == ExprKind::variable ? std::string(format.name) : to_text(format);
+      n.characters = format.kind == ExprKind::text || format.kind == ExprKind::variable ? std::string(format.name)
+                                                                                        : to_text(format);
     }
     return Value{no_node, text_.make(std::move(n))};
   }

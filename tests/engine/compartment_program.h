@@ -1,6 +1,6 @@
 #pragma once
-// A three-compartment model with first-order absorption: 12 parameters, 4 random effects; the exponents are the roots of
-// the characteristic cubic in closed form.
+// A three-compartment model with first-order absorption: 12 parameters, 4 random effects; the exponents are the roots
+// of the characteristic cubic in closed form.
 
 namespace torvale::test {
 
@@ -37,7 +37,8 @@ inline constexpr const char* three_compartment_program = R"(
   end;
 )";
 
-inline constexpr const char* three_compartment_parameters[] = {"lka", "lcl", "bw", "lv1", "lq2", "lv2", "lq3", "lv3", "fr", "s1", "s2", "s3"};
+inline constexpr const char* three_compartment_parameters[] = {"lka", "lcl", "bw", "lv1", "lq2", "lv2",
+                                                               "lq3", "lv3", "fr", "s1",  "s2",  "s3"};
 inline constexpr const char* three_compartment_effects[] = {"u1", "u2", "u3", "u4"};
 
 } // namespace torvale::test

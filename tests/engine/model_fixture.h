@@ -54,7 +54,8 @@ public:
   }
 
   // Compiles; parameters and random effects by name.
-  void compile(std::vector<Statement*> statements, const std::vector<std::string>& parameter_names, const std::vector<std::string>& effect_names = {})
+  void compile(std::vector<Statement*> statements, const std::vector<std::string>& parameter_names,
+               const std::vector<std::string>& effect_names = {})
   {
     program = trees.program(std::move(statements));
     cmpprogram(*compiler, program);
@@ -100,13 +101,15 @@ public:
   }
 
   // Values of the outputs at every row and one point, one lane after the other in one tile per 512 rows.
-  std::vector<std::vector<double>> run(const std::vector<CMPSYM*>& outputs, const std::vector<double>& effect_values = {}, int* code = nullptr)
+  std::vector<std::vector<double>> run(const std::vector<CMPSYM*>& outputs,
+                                       const std::vector<double>& effect_values = {}, int* code = nullptr)
   {
     const engine::Program* const p = cmpspec(*compiler, outputs);
     Frame f = frame();
     return run(f, *p, static_cast<int>(outputs.size()), effect_values, code);
   }
-  std::vector<std::vector<double>> run(Frame& f, const engine::Program& p, int outputs, const std::vector<double>& effect_values = {}, int* code = nullptr)
+  std::vector<std::vector<double>> run(Frame& f, const engine::Program& p, int outputs,
+                                       const std::vector<double>& effect_values = {}, int* code = nullptr)
   {
     f.set_parameters(theta.data());
     f.set_points(effect_values.data(), 1, 1);
@@ -116,8 +119,10 @@ public:
     const int step = sequential(p) ? 1 : max_lanes;
     for (std::int64_t first = 0; first < rows(); first += step) {
       std::vector<std::int32_t> row;
-      for (std::int64_t i = first; i < std::min<std::int64_t>(rows(), first + step); ++i) row.push_back(static_cast<std::int32_t>(i));
-      if (sequential(p) && (starts.empty() ? first == 0 : starts[static_cast<std::size_t>(first)] == first)) f.reset_state(p, 1);
+      for (std::int64_t i = first; i < std::min<std::int64_t>(rows(), first + step); ++i)
+        row.push_back(static_cast<std::int32_t>(i));
+      if (sequential(p) && (starts.empty() ? first == 0 : starts[static_cast<std::size_t>(first)] == first))
+        f.reset_state(p, 1);
       const std::vector<std::int32_t> point(row.size(), 0);
       Tile tile;
       tile.lanes = static_cast<int>(row.size());

@@ -17,7 +17,8 @@ TEST(NodeCounts, ThreeCompartmentModelToThirdOrder)
   m.data("dv", {1.1, 2.0, 2.2, 1.6, 0.8, 0.5, 0.2});
   m.data("dose", {100, 100, 100, 100, 100, 100, 100});
   m.data("wt", {70, 70, 80, 80, 60, 60, 75});
-  m.compile(text->step.proc.program.statements, {std::begin(three_compartment_parameters), std::end(three_compartment_parameters)},
+  m.compile(text->step.proc.program.statements,
+            {std::begin(three_compartment_parameters), std::end(three_compartment_parameters)},
             {std::begin(three_compartment_effects), std::end(three_compartment_effects)});
   m.theta = {0.2, 0.9, 0.7, 2.5, 0.6, 3.0, -0.5, 3.4, 0.9, 0.05, 0.02, 1.9};
   const std::vector<double> effects = {0.1, -0.2, 0.15, -0.05};
@@ -31,11 +32,13 @@ TEST(NodeCounts, ThreeCompartmentModelToThirdOrder)
   ASSERT_EQ(cmpder(by_effects, CMPLIST{{m.symbol("ll")}}, CMPLIST{m.effects}, *m.compiler), 0);
   ASSERT_EQ(cmpder(hessian, by_effects.der, all, *m.compiler), 0);
   ASSERT_EQ(cmpder(third, hessian.der, CMPLIST{m.effects}, *m.compiler), 0);
-  std::vector<CMPSYM*> values{m.symbol("ll")}, with_gradient = values, mode = values, cross = values, everything = values;
+  std::vector<CMPSYM*> values{m.symbol("ll")}, with_gradient = values, mode = values, cross = values,
+                                               everything = values;
   with_gradient.insert(with_gradient.end(), gradient.der.s.begin(), gradient.der.s.end());
   mode.insert(mode.end(), by_effects.der.s.begin(), by_effects.der.s.end());
   for (int k = 0; k < hessian.der.n(); ++k)
-    if (hessian.wrtindex[static_cast<std::size_t>(k)] - 12 >= hessian.objindex[static_cast<std::size_t>(k)]) mode.push_back(hessian.der.s[static_cast<std::size_t>(k)]);
+    if (hessian.wrtindex[static_cast<std::size_t>(k)] - 12 >= hessian.objindex[static_cast<std::size_t>(k)])
+      mode.push_back(hessian.der.s[static_cast<std::size_t>(k)]);
   cross = with_gradient;
   cross.insert(cross.end(), hessian.der.s.begin(), hessian.der.s.end());
   everything = cross;
@@ -44,13 +47,19 @@ TEST(NodeCounts, ThreeCompartmentModelToThirdOrder)
     const char* name;
     const std::vector<CMPSYM*>& outputs;
     int most_nodes;
-  } sets[] = {{"value", values, 220}, {"value, gradient", with_gradient, 550}, {"mode search", mode, 2500}, {"cross", cross, 6500}, {"third", everything, 40000}};
+  } sets[] = {{"value", values, 220},
+              {"value, gradient", with_gradient, 550},
+              {"mode search", mode, 2500},
+              {"cross", cross, 6500},
+              {"third", everything, 40000}};
   for (const auto& set : sets) {
     const ProgramSize s = program_size(*cmpspec(*m.compiler, set.outputs));
     EXPECT_LE(s.nodes, set.most_nodes) << set.name;
     RecordProperty(std::string("nodes of ") + set.name, s.nodes);
-    std::printf("%-16s %4zu outputs: %10d nodes unshared, %6d shared; steps: parameter %d, data %d, observation %d, point %d, lane %d; %d registers\n", set.name,
-                set.outputs.size(), s.nodes_before, s.nodes, s.parameter, s.data, s.observation, s.point, s.lane, s.registers);
+    std::printf("%-16s %4zu outputs: %10d nodes unshared, %6d shared; steps: parameter %d, data %d, observation %d, "
+                "point %d, lane %d; %d registers\n",
+                set.name, set.outputs.size(), s.nodes_before, s.nodes, s.parameter, s.data, s.observation, s.point,
+                s.lane, s.registers);
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   std::printf("derivatives and programs: %.3f s\n", seconds);
@@ -75,7 +84,8 @@ TEST(NodeCounts, ThreeCompartmentModelToThirdOrder)
       const std::size_t lower = 17 + static_cast<std::size_t>(third.objindex[k]);
       for (std::size_t row = 0; row < v[0].size(); ++row) {
         const double difference = (up[lower][row] - down[lower][row]) / (2 * h);
-        EXPECT_NEAR(v[17 + 64 + k][row], difference, 1e-4 * (1.0 + std::fabs(difference))) << "entry " << k << ", row " << row;
+        EXPECT_NEAR(v[17 + 64 + k][row], difference, 1e-4 * (1.0 + std::fabs(difference)))
+            << "entry " << k << ", row " << row;
       }
     }
     for (std::size_t k = 0; k < 16; ++k)

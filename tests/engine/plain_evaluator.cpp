@@ -35,12 +35,18 @@ bool compares(Op op, double a, double b)
 {
   const int c = order(a, b);
   switch (op) {
-  case Op::less: return c < 0;
-  case Op::less_equal: return c <= 0;
-  case Op::greater: return c > 0;
-  case Op::greater_equal: return c >= 0;
-  case Op::equal: return c == 0;
-  default: return c != 0;
+  case Op::less:
+    return c < 0;
+  case Op::less_equal:
+    return c <= 0;
+  case Op::greater:
+    return c > 0;
+  case Op::greater_equal:
+    return c >= 0;
+  case Op::equal:
+    return c == 0;
+  default:
+    return c != 0;
   }
 }
 
@@ -56,17 +62,20 @@ double PlainEvaluator::value(const Expr& e)
 {
   const auto arg = [&](std::size_t k) { return value(*e.args[k]); };
   switch (e.kind) {
-  case ExprKind::number: return e.number;
+  case ExprKind::number:
+    return e.number;
   case ExprKind::variable: {
     const auto it = variables.find(lower(e.name));
     return it == variables.end() ? missing : it->second;
   }
-  case ExprKind::element: return place(e);
+  case ExprKind::element:
+    return place(e);
   case ExprKind::unary: {
     const double a = arg(0);
     return e.op == Op::not_ ? static_cast<double>(!truth(a)) : e.op == Op::minus ? -a : a;
   }
-  case ExprKind::conditional: return truth(arg(0)) ? arg(1) : arg(2);
+  case ExprKind::conditional:
+    return truth(arg(0)) ? arg(1) : arg(2);
   case ExprKind::chain:
     for (std::size_t k = 0; k < e.ops.size(); ++k)
       if (!compares(e.ops[k], arg(k), arg(k + 1))) return 0.0;
@@ -78,30 +87,43 @@ double PlainEvaluator::value(const Expr& e)
       if (hit) return e.op == Op::in ? 1.0 : 0.0;
     }
     return e.op == Op::in ? 0.0 : 1.0;
-  case ExprKind::call: return call(e);
-  case ExprKind::binary: break;
-  default: throw std::logic_error("not a number");
+  case ExprKind::call:
+    return call(e);
+  case ExprKind::binary:
+    break;
+  default:
+    throw std::logic_error("not a number");
   }
   const double a = arg(0), b = arg(1);
   switch (e.op) {
-  case Op::and_: return truth(a) && truth(b);
-  case Op::or_: return truth(a) || truth(b);
-  case Op::minimum: return order(a, b) <= 0 ? a : b;
-  case Op::maximum: return order(a, b) < 0 ? b : a;
-  default: break;
+  case Op::and_:
+    return truth(a) && truth(b);
+  case Op::or_:
+    return truth(a) || truth(b);
+  case Op::minimum:
+    return order(a, b) <= 0 ? a : b;
+  case Op::maximum:
+    return order(a, b) < 0 ? b : a;
+  default:
+    break;
   }
   if (e.op >= Op::less && e.op <= Op::not_equal) return compares(e.op, a, b);
   if (std::isnan(a) || std::isnan(b)) return missing;
   switch (e.op) {
-  case Op::add: return a + b;
-  case Op::subtract: return a - b;
-  case Op::multiply: return a * b;
-  case Op::divide: return b == 0.0 ? faulty() : a / b;
+  case Op::add:
+    return a + b;
+  case Op::subtract:
+    return a - b;
+  case Op::multiply:
+    return a * b;
+  case Op::divide:
+    return b == 0.0 ? faulty() : a / b;
   case Op::power: {
     const double p = std::pow(a, b);
     return std::isnan(p) || (a == 0.0 && b < 0.0) ? faulty() : p;
   }
-  default: throw std::logic_error("operator");
+  default:
+    throw std::logic_error("operator");
   }
 }
 
@@ -112,7 +134,8 @@ double PlainEvaluator::call(const Expr& e)
   for (const Expr* const a : e.args) {
     if (a->kind == ExprKind::whole_array)
       for (const std::string& element : arrays.at(lower(a->name))) x.push_back(variables[element]);
-    else x.push_back(value(*a));
+    else
+      x.push_back(value(*a));
   }
   std::vector<double> present;
   std::copy_if(x.begin(), x.end(), std::back_inserter(present), [](double v) { return !std::isnan(v); });
@@ -126,7 +149,8 @@ double PlainEvaluator::call(const Expr& e)
     for (const double v : present) sum += v;
     if (name == "sum") return sum;
     if (name == "mean") return sum / static_cast<double>(present.size());
-    return name == "min" ? *std::min_element(present.begin(), present.end()) : *std::max_element(present.begin(), present.end());
+    return name == "min" ? *std::min_element(present.begin(), present.end())
+                         : *std::max_element(present.begin(), present.end());
   }
   if (present.size() < x.size()) return missing;
   if (name == "exp") return std::exp(x[0]);
@@ -170,15 +194,18 @@ PlainEvaluator::Flow PlainEvaluator::statement(const Statement* s)
     const auto& a = static_cast<const Assignment&>(*s);
     const double v = value(*a.value);
     double& to = place(*a.target);
-    if (a.form == Assignment::Form::plain) to = v;
-    else to = (std::isnan(to) ? 0.0 : to) + (std::isnan(v) ? 0.0 : v);
+    if (a.form == Assignment::Form::plain)
+      to = v;
+    else
+      to = (std::isnan(to) ? 0.0 : to) + (std::isnan(v) ? 0.0 : v);
     return Flow::on;
   }
   case StatementKind::if_: {
     const auto& x = static_cast<const IfStatement&>(*s);
     return statement(truth(value(*x.condition)) ? x.then_branch : x.else_branch);
   }
-  case StatementKind::do_: return loop(static_cast<const DoStatement&>(*s));
+  case StatementKind::do_:
+    return loop(static_cast<const DoStatement&>(*s));
   case StatementKind::select: {
     const auto& x = static_cast<const SelectStatement&>(*s);
     const double selector = x.selector != nullptr ? value(*x.selector) : 0.0;
@@ -187,15 +214,19 @@ PlainEvaluator::Flow PlainEvaluator::statement(const Statement* s)
         if (x.selector != nullptr ? order(selector, value(*v)) == 0 : truth(value(*v))) return statement(w.body);
     return statement(x.otherwise);
   }
-  case StatementKind::leave: return Flow::leave;
-  case StatementKind::continue_: return Flow::next;
-  case StatementKind::return_: return Flow::stop;
+  case StatementKind::leave:
+    return Flow::leave;
+  case StatementKind::continue_:
+    return Flow::next;
+  case StatementKind::return_:
+    return Flow::stop;
   case StatementKind::array: {
     const auto& a = static_cast<const ArrayDeclaration&>(*s);
     for (const std::string_view element : a.elements) arrays[lower(a.name)].push_back(lower(element));
     return Flow::on;
   }
-  default: return Flow::on;
+  default:
+    return Flow::on;
   }
 }
 

@@ -12,9 +12,9 @@ namespace torvale::test {
 
 class PlainEvaluator {
 public:
-  std::map<std::string, double> variables;  // names in lower case; NaN is missing
+  std::map<std::string, double> variables; // names in lower case; NaN is missing
   std::map<std::string, std::vector<std::string>> arrays;
-  int faults = 0;                           // divisions by zero and domain errors executed
+  int faults = 0; // divisions by zero and domain errors executed
 
   void run(const syntax::Program& program);
   double value(const syntax::Expr& e);

@@ -30,7 +30,8 @@ TEST(EnginePrograms, LogisticModelHasItsTextbookDerivatives)
   m.data("y", {1, 0, 1, 0});
   Trees& t = m.trees;
   m.compile({t.assign("eta", t.add(t.add(t.var("b0"), t.mul(t.var("b1"), t.var("x"))), t.var("u"))),
-             t.assign("_ll", t.sub(t.mul(t.var("y"), t.var("eta")), t.call("log", {t.add(t.number(1), t.call("exp", {t.var("eta")}))})))},
+             t.assign("_ll", t.sub(t.mul(t.var("y"), t.var("eta")),
+                                   t.call("log", {t.add(t.number(1), t.call("exp", {t.var("eta")}))})))},
             {"b0", "b1"}, {"u"});
   m.theta = {0.3, -0.7};
   CMPLIST obj{{m.symbol("_ll")}}, wrt{{m.parameters[0], m.parameters[1], m.effects[0]}};
@@ -67,7 +68,8 @@ TEST(EnginePrograms, BranchesFollowTheOrderOfMissingValues)
   m.data("x", {1, 9, missing, 5});
   Trees& t = m.trees;
   m.compile({t.if_(t.binary(Op::less, t.var("x"), t.number(5)), t.assign("z", t.number(1)), t.assign("z", t.number(2))),
-             t.if_(t.binary(Op::equal, t.var("x"), t.number(missing)), t.assign("w", t.number(7)), t.assign("w", t.call("log", {t.sub(t.var("x"), t.number(1))}))),
+             t.if_(t.binary(Op::equal, t.var("x"), t.number(missing)), t.assign("w", t.number(7)),
+                   t.assign("w", t.call("log", {t.sub(t.var("x"), t.number(1))}))),
              t.assign("sum", t.add(t.var("x"), t.number(1)))},
             {});
   const auto v = m.run({m.symbol("z"), m.symbol("w"), m.symbol("sum")});
@@ -82,7 +84,8 @@ TEST(EnginePrograms, UntakenBranchesDoNotReachDerivatives)
   Model m;
   m.data("t", {0, 1, 2});
   Trees& t = m.trees;
-  m.compile({t.if_(t.binary(Op::greater, t.var("t"), t.number(0)), t.assign("f", t.mul(t.var("a"), t.call("log", {t.mul(t.var("t"), t.var("a"))}))),
+  m.compile({t.if_(t.binary(Op::greater, t.var("t"), t.number(0)),
+                   t.assign("f", t.mul(t.var("a"), t.call("log", {t.mul(t.var("t"), t.var("a"))}))),
                    t.assign("f", t.var("a"))),
              t.assign("g", t.power(t.var("t"), t.var("b")))},
             {"a", "b"});
@@ -103,21 +106,26 @@ TEST(EnginePrograms, LoopsArraysAndJumps)
   Trees& t = m.trees;
   std::vector<Statement*> s;
   s.push_back(t.array("a", 3, {"a1", "a2", "a3"}));
-  s.push_back(t.loop("i", t.number(1), t.number(3), {t.assign(t.element("a", {t.var("i")}), t.mul(t.var("i"), t.var("x")))}));
+  s.push_back(
+      t.loop("i", t.number(1), t.number(3), {t.assign(t.element("a", {t.var("i")}), t.mul(t.var("i"), t.var("x")))}));
   s.push_back(t.assign("total", t.call("sum", {t.whole("a")})));
   // A loop whose count is data: the factorial-like product p * (k + theta).
   s.push_back(t.assign("p", t.number(1)));
-  s.push_back(t.loop("k", t.number(1), t.var("n"), {t.assign("p", t.mul(t.var("p"), t.add(t.var("k"), t.var("theta"))))}));
+  s.push_back(
+      t.loop("k", t.number(1), t.var("n"), {t.assign("p", t.mul(t.var("p"), t.add(t.var("k"), t.var("theta"))))}));
   s.push_back(t.assign("last", t.var("k")));
   // A subscript that is data, limited to the bounds.
-  s.push_back(t.assign("pick", t.element("a", {t.call("min", {t.call("max", {t.var("n"), t.number(1)}), t.number(3)})})));
+  s.push_back(
+      t.assign("pick", t.element("a", {t.call("min", {t.call("max", {t.var("n"), t.number(1)}), t.number(3)})})));
   // WHILE: how often can x be halved.
   s.push_back(t.assign("y", t.var("x")));
   s.push_back(t.assign("halvings", t.number(0)));
-  s.push_back(t.while_(t.binary(Op::greater, t.var("y"), t.number(1)),
-                       {t.assign("y", t.div(t.var("y"), t.number(2))), t.assign("halvings", t.add(t.var("halvings"), t.number(1)))}));
+  s.push_back(t.while_(
+      t.binary(Op::greater, t.var("y"), t.number(1)),
+      {t.assign("y", t.div(t.var("y"), t.number(2))), t.assign("halvings", t.add(t.var("halvings"), t.number(1)))}));
   // Leaving a loop, and a jump forward over an assignment.
-  s.push_back(t.loop("j", t.number(1), t.number(10), {t.if_(t.binary(Op::equal, t.var("j"), t.var("x")), t.plain(StatementKind::leave))}));
+  s.push_back(t.loop("j", t.number(1), t.number(10),
+                     {t.if_(t.binary(Op::equal, t.var("j"), t.var("x")), t.plain(StatementKind::leave))}));
   s.push_back(t.assign("flag", t.number(0)));
   s.push_back(t.if_(t.binary(Op::less, t.var("n"), t.number(2)), t.jump(StatementKind::go_to, "over")));
   s.push_back(t.assign("flag", t.number(1)));
@@ -127,7 +135,8 @@ TEST(EnginePrograms, LoopsArraysAndJumps)
   CMPDER d;
   ASSERT_EQ(cmpder(d, CMPLIST{{m.symbol("p")}}, CMPLIST{m.parameters}, *m.compiler), 0) << m.messages();
   ASSERT_EQ(d.der.n(), 1);
-  const auto v = m.run({m.symbol("total"), m.symbol("p"), m.symbol("last"), m.symbol("pick"), m.symbol("halvings"), m.symbol("j"), m.symbol("flag"), d.der.s[0]});
+  const auto v = m.run({m.symbol("total"), m.symbol("p"), m.symbol("last"), m.symbol("pick"), m.symbol("halvings"),
+                        m.symbol("j"), m.symbol("flag"), d.der.s[0]});
   EXPECT_EQ(cmperrors(*m.compiler), 0) << m.messages();
   expect_values(v[0], {12, 18, 24, 30});
   std::vector<double> p, dp;
@@ -156,14 +165,10 @@ TEST(EnginePrograms, BackwardJumpsLinksAndDelete)
   m.data("x", {1, 4, -1});
   Trees& t = m.trees;
   m.compile({t.if_(t.binary(Op::less, t.var("x"), t.number(0)), t.plain(StatementKind::delete_)),
-             t.assign("c", t.number(0)),
-             t.labelled("again", t.assign("c", t.add(t.var("c"), t.number(1)))),
+             t.assign("c", t.number(0)), t.labelled("again", t.assign("c", t.add(t.var("c"), t.number(1)))),
              t.if_(t.binary(Op::less, t.var("c"), t.var("x")), t.jump(StatementKind::go_to, "again")),
-             t.jump(StatementKind::link, "sub"),
-             t.assign("after", t.add(t.var("r"), t.number(100))),
-             t.return_(),
-             t.labelled("sub", t.assign("r", t.mul(t.var("c"), t.number(2)))),
-             t.return_()},
+             t.jump(StatementKind::link, "sub"), t.assign("after", t.add(t.var("r"), t.number(100))), t.return_(),
+             t.labelled("sub", t.assign("r", t.mul(t.var("c"), t.number(2)))), t.return_()},
             {});
   const auto v = m.run({m.symbol("c"), m.symbol("after")});
   EXPECT_EQ(cmperrors(*m.compiler), 0) << m.messages();
@@ -178,15 +183,15 @@ TEST(EnginePrograms, KeptValuesCarryTheirDerivatives)
   m.data("y", {1, 2, 4, 3, 5});
   m.starts = {0, 0, 0, 3, 3};
   Trees& t = m.trees;
-  m.compile({t.assign("e", t.sub(t.var("y"), t.var("mu"))),
-             t.assign("before", t.call("lag", {t.var("e")})),
-             t.assign("first", t.call("lag", {t.var("y")})),
-             t.sum("total", t.mul(t.var("mu"), t.var("y"))),
-             t.assign("r", t.conditional(t.binary(Op::equal, t.var("before"), t.number(missing)), t.var("e"), t.sub(t.var("e"), t.mul(t.var("rho"), t.var("before")))))},
+  m.compile({t.assign("e", t.sub(t.var("y"), t.var("mu"))), t.assign("before", t.call("lag", {t.var("e")})),
+             t.assign("first", t.call("lag", {t.var("y")})), t.sum("total", t.mul(t.var("mu"), t.var("y"))),
+             t.assign("r", t.conditional(t.binary(Op::equal, t.var("before"), t.number(missing)), t.var("e"),
+                                         t.sub(t.var("e"), t.mul(t.var("rho"), t.var("before")))))},
             {"mu", "rho"});
   m.theta = {0.5, 0.3};
   CMPDER d, dd;
-  ASSERT_EQ(cmpder(d, CMPLIST{{m.symbol("r"), m.symbol("total")}}, CMPLIST{m.parameters}, *m.compiler), 0) << m.messages();
+  ASSERT_EQ(cmpder(d, CMPLIST{{m.symbol("r"), m.symbol("total")}}, CMPLIST{m.parameters}, *m.compiler), 0)
+      << m.messages();
   ASSERT_EQ(d.der.n(), 3);
   ASSERT_EQ(cmpder(dd, d.der, CMPLIST{m.parameters}, *m.compiler), 0);
   std::vector<CMPSYM*> outputs{m.symbol("r"), m.symbol("total"), m.symbol("first")};
@@ -207,8 +212,10 @@ TEST(EnginePrograms, TextsDecideBranches)
   m.data("x", {1, 2, 3, 4});
   m.characters("sex", {"M", "F", "", "M "});
   Trees& t = m.trees;
-  m.compile({t.if_(t.binary(Op::equal, t.var("sex"), t.text("M")), t.assign("g", t.text("male")), t.assign("g", t.text("other"))),
-             t.assign("z", t.conditional(t.binary(Op::equal, t.call("upcase", {t.var("g")}), t.text("MALE")), t.var("x"), t.number(0))),
+  m.compile({t.if_(t.binary(Op::equal, t.var("sex"), t.text("M")), t.assign("g", t.text("male")),
+                   t.assign("g", t.text("other"))),
+             t.assign("z", t.conditional(t.binary(Op::equal, t.call("upcase", {t.var("g")}), t.text("MALE")),
+                                         t.var("x"), t.number(0))),
              t.assign("len", t.call("length", {t.binary(Op::concatenate, t.var("g"), t.text("!"))})),
              t.assign("blank", t.call("missing", {t.var("sex")}))},
             {});
@@ -224,8 +231,8 @@ TEST(EnginePrograms, StopsAndSubscriptsTrap)
   Model m;
   m.data("x", {1, 2, 3, 4});
   Trees& t = m.trees;
-  m.compile({t.array("a", 3, {"a1", "a2", "a3"}), t.assign("a1", t.number(1)), t.assign("a2", t.number(1)), t.assign("a3", t.number(1)),
-             t.assign("z", t.element("a", {t.var("x")})),
+  m.compile({t.array("a", 3, {"a1", "a2", "a3"}), t.assign("a1", t.number(1)), t.assign("a2", t.number(1)),
+             t.assign("a3", t.number(1)), t.assign("z", t.element("a", {t.var("x")})),
              t.if_(t.binary(Op::greater, t.var("x"), t.var("limit")), t.plain(StatementKind::stop))},
             {"limit"});
   int code = 0;
@@ -247,7 +254,8 @@ TEST(EngineFaults, OnlyWhatIsExecutedAndWantedCounts)
   m.data("x", {0, 2, -1, missing});
   Trees& t = m.trees;
   m.compile({t.assign("unused", t.div(t.number(1), t.sub(t.var("x"), t.var("x")))),
-             t.if_(t.binary(Op::greater, t.var("x"), t.number(0)), t.assign("safe", t.call("log", {t.mul(t.number(3), t.var("x"))})), t.assign("safe", t.number(0))),
+             t.if_(t.binary(Op::greater, t.var("x"), t.number(0)),
+                   t.assign("safe", t.call("log", {t.mul(t.number(3), t.var("x"))})), t.assign("safe", t.number(0))),
              t.assign("bad", t.add(t.call("log", {t.var("x")}), t.div(t.var("a"), t.var("x"))))},
             {"a"});
   m.theta = {3};

@@ -23,7 +23,8 @@ public:
     s.push_back(t_.array("a", 3, {"a1", "a2", "a3"}));
     for (const char* name : {"v1", "v2", "v3", "a1", "a2", "a3"}) s.push_back(t_.assign(name, expression(2)));
     for (int k = 0; k < 6; ++k) s.push_back(statement(3));
-    s.push_back(t_.assign("f", t_.add(t_.add(t_.var("v1"), t_.var("v2")), t_.add(t_.var("v3"), t_.call("sum", {t_.whole("a")})))));
+    s.push_back(t_.assign(
+        "f", t_.add(t_.add(t_.var("v1"), t_.var("v2")), t_.add(t_.var("v3"), t_.call("sum", {t_.whole("a")})))));
     return s;
   }
 
@@ -40,9 +41,12 @@ private:
   {
     static const char* const inputs[] = {"x", "y", "k", "p", "q", "u"};
     switch (pick(5)) {
-    case 0: return constant();
-    case 1: return t_.var(variable());
-    default: return t_.var(inputs[pick(6)]);
+    case 0:
+      return constant();
+    case 1:
+      return t_.var(variable());
+    default:
+      return t_.var(inputs[pick(6)]);
     }
   }
 
@@ -51,12 +55,17 @@ private:
   {
     static const Op ops[] = {Op::less, Op::less_equal, Op::greater, Op::greater_equal, Op::equal, Op::not_equal};
     static const char* const inputs[] = {"x", "y", "k", "q"};
-    Expr* const link = t_.binary(ops[pick(6)], t_.var(inputs[pick(4)]), pick(4) == 0 ? t_.number(std::nan("")) : constant());
+    Expr* const link =
+        t_.binary(ops[pick(6)], t_.var(inputs[pick(4)]), pick(4) == 0 ? t_.number(std::nan("")) : constant());
     switch (pick(5)) {
-    case 0: return t_.binary(Op::and_, link, condition());
-    case 1: return t_.binary(Op::or_, link, condition());
-    case 2: return t_.unary(Op::not_, link);
-    default: return link;
+    case 0:
+      return t_.binary(Op::and_, link, condition());
+    case 1:
+      return t_.binary(Op::or_, link, condition());
+    case 2:
+      return t_.unary(Op::not_, link);
+    default:
+      return link;
     }
   }
 
@@ -65,20 +74,36 @@ private:
     if (depth == 0) return leaf();
     const auto sub = [&] { return expression(depth - 1); };
     switch (pick(16)) {
-    case 0: case 1: return t_.add(sub(), sub());
-    case 2: case 3: return t_.mul(sub(), sub());
-    case 4: return t_.sub(sub(), sub());
-    case 5: return t_.div(sub(), pick(3) == 0 ? sub() : t_.add(t_.number(2), t_.call("abs", {sub()})));
-    case 6: return t_.call("tanh", {sub()});
-    case 7: return t_.call("log", {pick(3) == 0 ? sub() : t_.add(t_.number(1), t_.call("abs", {sub()}))});
-    case 8: return t_.call("exp", {t_.unary(Op::minus, t_.call("abs", {sub()}))});
-    case 9: return t_.call(pick(2) == 0 ? "sqrt" : "logistic", {sub()});
-    case 10: return t_.power(sub(), t_.number(pick(4)));
-    case 11: return t_.power(t_.call("abs", {sub()}), t_.add(t_.number(1.5), t_.call("tanh", {t_.var("p")})));
-    case 12: return t_.conditional(condition(), sub(), sub());
-    case 13: return t_.call(pick(2) == 0 ? "sum" : "coalesce", {sub(), sub(), sub()});
-    case 14: return t_.element("a", {pick(2) == 0 ? t_.number(1 + pick(3)) : t_.add(t_.var("k"), t_.number(1))});
-    default: return t_.call("sin", {sub()});
+    case 0:
+    case 1:
+      return t_.add(sub(), sub());
+    case 2:
+    case 3:
+      return t_.mul(sub(), sub());
+    case 4:
+      return t_.sub(sub(), sub());
+    case 5:
+      return t_.div(sub(), pick(3) == 0 ? sub() : t_.add(t_.number(2), t_.call("abs", {sub()})));
+    case 6:
+      return t_.call("tanh", {sub()});
+    case 7:
+      return t_.call("log", {pick(3) == 0 ? sub() : t_.add(t_.number(1), t_.call("abs", {sub()}))});
+    case 8:
+      return t_.call("exp", {t_.unary(Op::minus, t_.call("abs", {sub()}))});
+    case 9:
+      return t_.call(pick(2) == 0 ? "sqrt" : "logistic", {sub()});
+    case 10:
+      return t_.power(sub(), t_.number(pick(4)));
+    case 11:
+      return t_.power(t_.call("abs", {sub()}), t_.add(t_.number(1.5), t_.call("tanh", {t_.var("p")})));
+    case 12:
+      return t_.conditional(condition(), sub(), sub());
+    case 13:
+      return t_.call(pick(2) == 0 ? "sum" : "coalesce", {sub(), sub(), sub()});
+    case 14:
+      return t_.element("a", {pick(2) == 0 ? t_.number(1 + pick(3)) : t_.add(t_.var("k"), t_.number(1))});
+    default:
+      return t_.call("sin", {sub()});
     }
   }
 
@@ -92,7 +117,9 @@ private:
       return s;
     };
     switch (pick(9)) {
-    case 0: case 1: return t_.if_(condition(), t_.group(body()), pick(2) == 0 ? nullptr : statement(depth - 1));
+    case 0:
+    case 1:
+      return t_.if_(condition(), t_.group(body()), pick(2) == 0 ? nullptr : statement(depth - 1));
     case 2: { // a loop that is unrolled
       const std::string index = "i" + std::to_string(depth);
       return t_.loop(index, t_.number(1), t_.number(3), body(), pick(3) == 0 ? condition() : nullptr);
@@ -100,7 +127,9 @@ private:
     case 3: { // a loop whose count is data
       const std::string index = "j" + std::to_string(depth);
       std::vector<Statement*> s = body();
-      if (pick(2) == 0) s.insert(s.begin(), t_.if_(t_.binary(Op::equal, t_.var(index), t_.number(2)), t_.plain(pick(2) == 0 ? StatementKind::leave : StatementKind::continue_)));
+      if (pick(2) == 0)
+        s.insert(s.begin(), t_.if_(t_.binary(Op::equal, t_.var(index), t_.number(2)),
+                                   t_.plain(pick(2) == 0 ? StatementKind::leave : StatementKind::continue_)));
       return t_.loop(index, t_.number(1), t_.var("k"), s);
     }
     case 4: {
@@ -115,8 +144,10 @@ private:
       if (pick(2) == 0) s->otherwise = statement(depth - 1);
       return s;
     }
-    case 5: return t_.assign(t_.element("a", {t_.add(t_.var("k"), t_.number(1))}), expression(2));
-    default: return assignment;
+    case 5:
+      return t_.assign(t_.element("a", {t_.add(t_.var("k"), t_.number(1))}), expression(2));
+    default:
+      return assignment;
     }
   }
 
@@ -150,7 +181,12 @@ struct Case {
   PlainEvaluator plain(std::size_t row, double p, double q, double effect)
   {
     PlainEvaluator e;
-    e.variables = {{"x", m.columns[0][row]}, {"y", m.columns[1][row]}, {"k", m.columns[2][row]}, {"p", p}, {"q", q}, {"u", effect}};
+    e.variables = {{"x", m.columns[0][row]},
+                   {"y", m.columns[1][row]},
+                   {"k", m.columns[2][row]},
+                   {"p", p},
+                   {"q", q},
+                   {"u", effect}};
     e.run(m.program);
     return e;
   }
@@ -186,7 +222,9 @@ TEST_P(RandomPrograms, ValuesMissingPatternsAndFaultsAgree)
       const char* const names[] = {"f", "v1", "v2", "v3", "a1", "a2", "a3"};
       for (std::size_t k = 0; k < 7; ++k)
         ASSERT_TRUE(close(v[k][row], plain.variables.at(names[k]), 1e-9))
-            << "seed " << seed << ", row " << row << ", " << names[k] << ": " << v[k][row] << " and " << plain.variables.at(names[k]) << "\n" << cmppprg(*c.m.compiler);
+            << "seed " << seed << ", row " << row << ", " << names[k] << ": " << v[k][row] << " and "
+            << plain.variables.at(names[k]) << "\n"
+            << cmppprg(*c.m.compiler);
       std::vector<Fault> faults;
       int errors = 0, made = 0;
       ASSERT_EQ(frame.run_checked(*program, static_cast<std::int64_t>(row), 0, faults, errors, made), 0);
@@ -203,7 +241,8 @@ TEST_P(RandomPrograms, ValuesMissingPatternsAndFaultsAgree)
       tile.point = &point;
       ASSERT_EQ(frame.run(*program, tile), 0);
       for (std::size_t k = 0; k < 7; ++k)
-        ASSERT_EQ(std::bit_cast<std::uint64_t>(frame.output(static_cast<int>(k))[0]), std::bit_cast<std::uint64_t>(v[k][static_cast<std::size_t>(row)]));
+        ASSERT_EQ(std::bit_cast<std::uint64_t>(frame.output(static_cast<int>(k))[0]),
+                  std::bit_cast<std::uint64_t>(v[k][static_cast<std::size_t>(row)]));
     }
   }
   (void)set_isa(best);
@@ -238,15 +277,20 @@ TEST_P(RandomPrograms, DerivativesAgreeWithDifferences)
     const auto check = [&](double analytic, double near, double far, std::size_t row) {
       if (!std::isfinite(near) || !std::isfinite(far) || std::fabs(near) > 1e4 || !close(near, far, 1e-5)) return;
       ++compared;
-      EXPECT_TRUE(close(analytic, near, 2e-4)) << "seed " << seed << ", row " << row << ": " << analytic << " and " << near << "\n" << cmppprg(*c.m.compiler);
+      EXPECT_TRUE(close(analytic, near, 2e-4))
+          << "seed " << seed << ", row " << row << ": " << analytic << " and " << near << "\n"
+          << cmppprg(*c.m.compiler);
     };
     for (std::size_t row = 0; row < records; ++row) {
       std::vector<double> gradient(3, 0.0);
-      for (std::size_t k = 0; k < first.der.s.size(); ++k) gradient[static_cast<std::size_t>(first.wrtindex[k])] = v[k][row];
+      for (std::size_t k = 0; k < first.der.s.size(); ++k)
+        gradient[static_cast<std::size_t>(first.wrtindex[k])] = v[k][row];
       for (int k = 0; k < 3; ++k) {
         const auto difference = [&](double step) {
-          const double high = c.plain(row, p + (k == 0 ? step : 0), q + (k == 1 ? step : 0), c.u + (k == 2 ? step : 0)).variables.at("f");
-          const double low = c.plain(row, p - (k == 0 ? step : 0), q - (k == 1 ? step : 0), c.u - (k == 2 ? step : 0)).variables.at("f");
+          const double high = c.plain(row, p + (k == 0 ? step : 0), q + (k == 1 ? step : 0), c.u + (k == 2 ? step : 0))
+                                  .variables.at("f");
+          const double low = c.plain(row, p - (k == 0 ? step : 0), q - (k == 1 ? step : 0), c.u - (k == 2 ? step : 0))
+                                 .variables.at("f");
           return (high - low) / (2 * step);
         };
         check(gradient[static_cast<std::size_t>(k)], difference(h), difference(4 * h), row);

@@ -24,7 +24,10 @@ public:
   }
   Expr* text(std::string_view s) { return named(ExprKind::text, s); }
   Expr* var(std::string_view s) { return named(ExprKind::variable, s); }
-  Expr* element(std::string_view s, std::vector<Expr*> subscripts) { return with(named(ExprKind::element, s), std::move(subscripts)); }
+  Expr* element(std::string_view s, std::vector<Expr*> subscripts)
+  {
+    return with(named(ExprKind::element, s), std::move(subscripts));
+  }
   Expr* whole(std::string_view s) { return named(ExprKind::whole_array, s); }
   Expr* call(std::string_view s, std::vector<Expr*> args) { return with(named(ExprKind::call, s), std::move(args)); }
   Expr* unary(Op op, Expr* a)
@@ -74,7 +77,8 @@ public:
     s->body = arena.copy(body);
     return s;
   }
-  Statement* loop(std::string_view index, Expr* start, Expr* stop, std::vector<Statement*> body, Expr* while_ = nullptr, Expr* until = nullptr)
+  Statement* loop(std::string_view index, Expr* start, Expr* stop, std::vector<Statement*> body, Expr* while_ = nullptr,
+                  Expr* until = nullptr)
   {
     auto* const s = static_cast<DoStatement*>(group(std::move(body)));
     s->index = var(index);

@@ -26,21 +26,31 @@ enum class ChainOp : std::uint8_t {
   multiply_add,      // acc * x + y
   multiply_subtract, // acc * x - y
   multiply_take,     // y - acc * x
-  negate, square, cube, reciprocal, absolute,
-  less,              // acc < x, exact for missing values
-  greater,           // x < acc
-  less_equal, greater_equal,
-  less_known, greater_known, less_equal_known, greater_equal_known, // no operand is missing
-  and_, or_, not_,
-  and_not,           // acc and not x
-  not_and,           // x and not acc
+  negate,
+  square,
+  cube,
+  reciprocal,
+  absolute,
+  less,    // acc < x, exact for missing values
+  greater, // x < acc
+  less_equal,
+  greater_equal,
+  less_known,
+  greater_known,
+  less_equal_known,
+  greater_equal_known, // no operand is missing
+  and_,
+  or_,
+  not_,
+  and_not, // acc and not x
+  not_and, // x and not acc
   is_missing,
-  canonical,         // acc; the ordinary missing value in place of any other NaN
-  choose,            // x ? acc : y
-  choose_other,      // x ? y : acc
-  choose_by,         // acc ? x : y
-  keep_or_zero,      // x ? acc : 0
-  zero_unless,       // acc ? x : 0
+  canonical,    // acc; the ordinary missing value in place of any other NaN
+  choose,       // x ? acc : y
+  choose_other, // x ? y : acc
+  choose_by,    // acc ? x : y
+  keep_or_zero, // x ? acc : 0
+  zero_unless,  // acc ? x : 0
 };
 
 struct ChainLink {
