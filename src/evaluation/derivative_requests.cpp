@@ -9,6 +9,8 @@ using model::REFFECT;
 
 namespace {
 
+constexpr int most_effects = 64; // of one block: arrays on the stack of the kernels are this long
+
 // What the kernels of the method read. Without analytic gradients nothing is differentiated by the parameters.
 void complete_flags(NX& n)
 {
@@ -81,10 +83,24 @@ int request_block(NX& n, REFFECT& reff)
   return 0;
 }
 
+// What the kernels do not integrate; null when they do.
+const char* unserved(const NX& n)
+{
+  if (n.nreff() > 1) return "A model with several RANDOM statements";
+  if (n.nreff() == 1 && n.reff[0].distrtype != 0) return "The DISCRETE distribution of RANDOM";
+  if (n.nreff() == 1 && n.reff[0].nr > most_effects) return "A RANDOM statement with more than 64 random effects";
+  return nullptr;
+}
+
 } // namespace
 
 int build_programs(NX& n)
 {
+  if (const char* what = unserved(n); what != nullptr) {
+    if (n.host != nullptr) n.host->log().xpmlog(503, 9330, {{"what", what}});
+    n.raise(3000);
+    return 3000;
+  }
   complete_flags(n);
   if (n.nreff() == 0) {
     if (n.fd != 0) return 0;

@@ -9,8 +9,9 @@ namespace torvale::evaluation {
 // distrsym, prsym (parameters, then its random effects), nr, nrs, npr are set, and before cmpgen. Completes the flags needhessu,
 // needcrossu, needtriu from method, adaptive, adscale and fd (a flag that the caller has set stays set) and fills
 // gradstr, hessustr, triustr, gradrstr with what they ask for; nothing more is differentiated.
-// Returns 0; 3000 after message 503/10 (a random effect that the likelihood does not depend on); 1012 when a derivative
-// is refused (the engine's diagnostics say why) or after message 503/303 (a distribution argument depends on a random effect).
+// Returns 0; 3000 after message 503/9330 (several RANDOM statements, a discrete one, more than 64 effects) or 503/10 (a random
+// effect that the likelihood does not depend on); 1012 when a derivative is refused (the engine's diagnostics say why) or
+// after message 503/303 (a distribution argument depends on a random effect).
 int build_programs(model::NX& n);
 
 // specialise_programs: after cmpgen. Fills n.programs (value programs always, the others as the flags ask), pass_program with

@@ -4,6 +4,7 @@
 
 #include "evaluation/lane_loops.h"
 #include "evaluation/record_sums.h"
+#include "modes/joint_density.h"
 #include "modes/mode_search.h"
 
 #include <algorithm>
@@ -39,7 +40,7 @@ double weighted_sum(const double* a, const double* b, int length)
 
 // One slot's map from standard points x to z = centre + spread x and u = mean + L z.
 template <int NR> struct PointMap {
-  static constexpr int capacity = NR > 0 ? NR : 64;
+  static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
   double zcentre[capacity], zspread[capacity * (capacity + 1) / 2];
   double ucentre[capacity], uspread[capacity * (capacity + 1) / 2];
 
@@ -101,8 +102,8 @@ private:
   {
     const PointMap<NR> map(n_, b_, slot, nr());
     double* const prior = b_.prior.data() + pairs_;
-    std::copy_n(reff_.logw.data() + first, count, prior);
-    for (int i = 0; i < nr(); ++i) {
+    const double* before = reff_.logw.data() + first; // what the dimensions so far have made of the weight
+    for (int i = 0; i < nr(); ++i, before = prior) {
       const double* const zs = map.zspread + i * (i + 1) / 2;
       const double* const us = map.uspread + i * (i + 1) / 2;
       double* const u = b_.ran.data() + i * b_.pair_stride + pairs_;
@@ -113,7 +114,7 @@ private:
           zi += zs[k] * x;
           ui += us[k] * x;
         }
-        prior[q] -= 0.5 * zi * zi;
+        prior[q] = before[q] - 0.5 * zi * zi;
         u[q] = ui;
       }
     }

@@ -20,6 +20,7 @@
 
 #include "evaluation/cholesky_derivative.h"
 #include "integration/evaluation_parts.h"
+#include "modes/joint_density.h"
 #include "modes/mode_search.h"
 
 #include <algorithm>
@@ -40,7 +41,7 @@ constexpr int packed(int i, int j)
 
 template <int NR> class SubjectGradient {
 public:
-  static constexpr int capacity = NR > 0 ? NR : 64;
+  static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
   static constexpr int triangle = capacity * (capacity + 1) / 2;
 
   SubjectGradient(const NX& n, const TVLThreadCtx& ctx, int slot)

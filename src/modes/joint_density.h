@@ -12,7 +12,7 @@
 
 namespace torvale::modes {
 
-inline constexpr int most_effects = 32; // random effects of one statement
+inline constexpr int most_effects = 64; // random effects of one statement; build_programs refuses more
 
 template <int NR> struct JointDensity {
   static constexpr int capacity = NR > 0 ? NR : most_effects;

@@ -161,7 +161,8 @@ private:
       for (int k = 0; k <= i; ++k) du += l[k] * step[k];
       l += i + 1;
       if (!(std::abs(du) <= step_u)) step_u = std::abs(du);
-      const double sd = step[i] * step[i] / std::abs(inverse[i * (i + 3) / 2]);
+      const double square = step[i] * step[i];
+      const double sd = NR == 1 ? square * std::abs(pivots[0]) : square / std::abs(inverse[i * (i + 3) / 2]);
       if (!(sd <= step_sd)) step_sd = sd;
     }
     if (!(step_sd < largest)) return give_up(slot);
