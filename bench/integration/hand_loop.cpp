@@ -15,7 +15,9 @@ namespace {
 constexpr int width = 8;
 using Vector = __m512d;
 Vector load(const double* x) { return _mm512_loadu_pd(x); }
-Vector term(Vector x) { return Sleef_finz_logd8_u10avx512f(_mm512_add_pd(_mm512_set1_pd(1.0), Sleef_finz_expd8_u10avx512f(x))); }
+Vector exponential(Vector x) { return Sleef_finz_expd8_u10avx512f(x); }
+Vector logarithm(Vector x) { return Sleef_finz_logd8_u10avx512f(x); }
+Vector one() { return _mm512_set1_pd(1.0); }
 Vector zero() { return _mm512_setzero_pd(); }
 Vector add(Vector a, Vector b) { return _mm512_add_pd(a, b); }
 constexpr const char* isa = "avx512";
@@ -23,7 +25,9 @@ constexpr const char* isa = "avx512";
 constexpr int width = 4;
 using Vector = __m256d;
 Vector load(const double* x) { return _mm256_loadu_pd(x); }
-Vector term(Vector x) { return Sleef_finz_logd4_u10avx2(_mm256_add_pd(_mm256_set1_pd(1.0), Sleef_finz_expd4_u10avx2(x))); }
+Vector exponential(Vector x) { return Sleef_finz_expd4_u10avx2(x); }
+Vector logarithm(Vector x) { return Sleef_finz_logd4_u10avx2(x); }
+Vector one() { return _mm256_set1_pd(1.0); }
 Vector zero() { return _mm256_setzero_pd(); }
 Vector add(Vector a, Vector b) { return _mm256_add_pd(a, b); }
 constexpr const char* isa = "avx2";
@@ -31,20 +35,24 @@ constexpr const char* isa = "avx2";
 constexpr int width = 2;
 using Vector = __m128d;
 Vector load(const double* x) { return _mm_loadu_pd(x); }
-Vector term(Vector x) { return Sleef_cinz_logd2_u10sse2(_mm_add_pd(_mm_set1_pd(1.0), Sleef_cinz_expd2_u10sse2(x))); }
+Vector exponential(Vector x) { return Sleef_cinz_expd2_u10sse2(x); }
+Vector logarithm(Vector x) { return Sleef_cinz_logd2_u10sse2(x); }
+Vector one() { return _mm_set1_pd(1.0); }
 Vector zero() { return _mm_setzero_pd(); }
 Vector add(Vector a, Vector b) { return _mm_add_pd(a, b); }
 constexpr const char* isa = "baseline";
 #endif
 
-} // namespace
-
-double exponentials_and_logarithms(const double* x, int buffer, long lanes)
+template <int Logarithms> double sum_of(const double* x, int buffer, long lanes)
 {
   Vector sum = zero();
   int at = 0;
   for (long done = 0; done < lanes; done += width) {
-    sum = add(sum, term(load(x + at)));
+    const Vector e = exponential(load(x + at)), odds = add(one(), e);
+    if constexpr (Logarithms == 1)
+      sum = add(sum, logarithm(odds));
+    else
+      sum = add(sum, add(logarithm(odds), logarithm(add(one(), odds)))); // arguments without the divisions
     at = at + width < buffer ? at + width : 0;
   }
   double parts[width];
@@ -52,6 +60,13 @@ double exponentials_and_logarithms(const double* x, int buffer, long lanes)
   double total = 0.0;
   for (const double p : parts) total += p;
   return total;
+}
+
+} // namespace
+
+double exponentials_and_logarithms(const double* x, int buffer, long lanes, int logarithms)
+{
+  return logarithms == 1 ? sum_of<1>(x, buffer, lanes) : sum_of<2>(x, buffer, lanes);
 }
 
 const char* hand_loop_isa()
