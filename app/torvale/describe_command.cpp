@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
 
 namespace torvale::app {
@@ -52,13 +53,16 @@ int describe_command(const std::string& data, const std::vector<std::pair<std::s
   settings.libraries = libraries;
   settings.log = [](std::string_view s) { std::fwrite(s.data(), 1, s.size(), stderr); };
   Session session(std::move(settings));
-  const bool is_path = data.find('/') != std::string::npos || data.find(".csv") != std::string::npos;
+  // A file as it stands in the current folder is meant before a name is.
+  std::error_code error;
+  const bool is_path = data.find('/') != std::string::npos || data.find(".csv") != std::string::npos ||
+                       std::filesystem::is_regular_file(data, error);
   const auto set = session.data_set(data, is_path);
   if (set == nullptr) return 4;
   std::printf("%zu rows, %zu variables\n\n", set->rows(), set->columns().size());
   const std::string text = host::listing_text(variable_table(*set));
   std::fwrite(text.data(), 1, text.size(), stdout);
-  return 0;
+  return std::fflush(stdout) == 0 ? 0 : 1;
 }
 
 int explain_command(const std::string& code)

@@ -67,6 +67,12 @@ int main(int argc, char** argv)
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    const std::string first = argc > 1 ? argv[1] : "-";
+    const auto commands = app.get_subcommands([&](const CLI::App* command) { return command->get_name() == first; });
+    if (first[0] != '-' && commands.empty()) {
+      std::fprintf(stderr, "torvale: there is no command %s; there are run, check, describe and explain\n", first.c_str());
+      return 2;
+    }
     return app.exit(error) == 0 ? 0 : 2;
   }
   const auto data_pairs = split(data, "--data");

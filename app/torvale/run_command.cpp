@@ -4,12 +4,15 @@
 #include "host/table_writers.h"
 #include "torvale/torvale.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
+#include <memory>
 
 namespace torvale::app {
 
@@ -17,9 +20,11 @@ namespace {
 
 Session* running = nullptr; // the session that a signal interrupts; set for the length of a run
 
-extern "C" void on_interrupt(int)
+// The first signal asks the run to end after what it is doing; the next one ends the process.
+extern "C" void on_interrupt(int signal)
 {
   if (running != nullptr) running->interrupt();
+  std::signal(signal, SIG_DFL);
 }
 
 int complain(const std::string& what, const std::string& path, const std::string& problem, int exit_code)
@@ -35,37 +40,45 @@ bool read_program(const std::string& path, std::string& text, std::string& probl
   return true;
 }
 
-void write_standard(std::FILE* stream, std::string_view text)
-{
-  std::fwrite(text.data(), 1, text.size(), stream);
-  std::fflush(stream);
-}
-
-// A listing or log that goes to a file in place of its stream; complete files replace older ones.
+// One kind of output: a file, which replaces an older one when it is complete, or a stream, or nothing.
 class Channel {
 public:
-  // path empty: the stream, unless silent.
-  Channel(std::string path, std::FILE* stream, bool silent) : stream_(stream), silent_(silent)
+  // path "-": standard output; empty: `otherwise`, null for nothing.
+  Channel(std::string path, std::FILE* otherwise)
+      : path_(std::move(path)), stream_(path_.empty() ? otherwise : path_ == "-" ? stdout : nullptr)
   {
-    if (!path.empty()) file_ = std::make_unique<host::AtomicFile>(path);
+    if (!path_.empty() && stream_ == nullptr) file_ = std::make_unique<host::AtomicFile>(path_);
   }
+  bool wanted() const { return file_ != nullptr || stream_ != nullptr; }
   void write(std::string_view text)
   {
-    if (file_) file_->write(text);
-    else if (!silent_) write_standard(stream_, text);
+    if (file_ != nullptr) return file_->write(text);
+    if (stream_ == nullptr) return;
+    const bool written = std::fwrite(text.data(), 1, text.size(), stream_) == text.size() && std::fflush(stream_) == 0;
+    if (!written && stream_problem_.empty()) stream_problem_ = std::strerror(errno);
   }
-  bool close(std::string& problem)
-  {
-    if (!file_ || file_->commit()) return true;
-    problem = file_->problem();
-    return false;
-  }
+  // Whether all went well so far; complaints go to standard error.
+  bool usable() const { return report(file_ != nullptr && !file_->ok() ? file_->problem() : stream_problem_); }
+  bool close() const { return report(file_ != nullptr && !file_->commit() ? file_->problem() : stream_problem_); }
 
 private:
+  bool report(const std::string& problem) const
+  {
+    if (!problem.empty()) complain("cannot write", path_.empty() || path_ == "-" ? "the standard streams" : path_, problem, 1);
+    return problem.empty();
+  }
+
+  std::string path_;
   std::FILE* stream_;
-  bool silent_;
+  std::string stream_problem_; // what failed first
   std::unique_ptr<host::AtomicFile> file_;
 };
+
+bool no_color_wanted()
+{
+  const char* set = std::getenv("NO_COLOR");
+  return set != nullptr && *set != '\0';
+}
 
 std::string colored(std::string_view line)
 {
@@ -95,9 +108,14 @@ int run_command(const RunArguments& arguments)
     if (output.html.empty()) output.html = (out / "report.html").string();
   }
 
-  const bool color = !output.no_color && std::getenv("NO_COLOR") == nullptr && output.log.empty() && host::is_terminal(2);
-  Channel listing(output.list, stdout, output.quiet || output.json == "-");
-  Channel log(output.log, stderr, false);
+  // A file that cannot be written is found out before the fit, not after it.
+  Channel listing(output.list, output.quiet || output.json == "-" ? nullptr : stdout);
+  Channel log(output.log, stderr);
+  Channel json(output.json, nullptr);
+  Channel html(output.html, nullptr);
+  for (const Channel* channel : {&listing, &log, &json, &html})
+    if (!channel->usable()) return 1;
+  const bool color = !output.no_color && !no_color_wanted() && output.log.empty() && host::is_terminal(2);
 
   RunSettings settings;
   settings.program_name = arguments.program == "-" ? "standard input" : program.filename().string();
@@ -112,7 +130,8 @@ int run_command(const RunArguments& arguments)
   settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
   if (host::is_terminal(2) && output.log.empty())
     settings.progress = [](std::string_view s) {
-      write_standard(stderr, s.empty() ? "\r\x1b[K" : "\r\x1b[K" + std::string(s));
+      std::fprintf(stderr, "\r\x1b[K%.*s", static_cast<int>(s.size()), s.data());
+      std::fflush(stderr);
     };
 
   RunOutcome outcome;
@@ -127,21 +146,13 @@ int run_command(const RunArguments& arguments)
     running = nullptr;
   }
 
-  int exit_code = outcome.exit_code;
-  const auto save = [&](const std::string& path, const std::string& bytes) {
-    if (path.empty()) return;
-    if (path == "-") return write_standard(stdout, bytes);
-    host::AtomicFile file(path);
-    file.write(bytes);
-    if (!file.commit()) exit_code = complain("cannot write", path, file.problem(), 1);
-  };
   if (arguments.statements)
     for (const std::string& s : outcome.statements) listing.write(s);
-  save(output.json, output.json.empty() ? std::string() : host::results_json(outcome.results));
-  save(output.html, output.html.empty() ? std::string() : host::results_html(outcome.results));
-  if (!listing.close(problem)) exit_code = complain("cannot write", output.list, problem, 1);
-  if (!log.close(problem)) exit_code = complain("cannot write", output.log, problem, 1);
-  return exit_code;
+  if (json.wanted()) json.write(host::results_json(outcome.results));
+  if (html.wanted()) html.write(host::results_html(outcome.results));
+  bool complete = true;
+  for (const Channel* channel : {&listing, &log, &json, &html}) complete = channel->close() && complete;
+  return complete ? outcome.exit_code : 1;
 }
 
 } // namespace torvale::app

@@ -35,15 +35,51 @@ std::int64_t observation_number(const NX& n, std::int64_t row)
   return n.store->group_row[static_cast<std::size_t>(row)] + 1;
 }
 
+// What is missing in an unusable row, by BadCause.
+constexpr std::array<const char*, 8> what = {
+    "", "the dependent variable", "the replicate variable", "the log likelihood", "a derivative of the log likelihood",
+    "an argument of RANDOM", "a derivative of an argument of RANDOM", "nothing, but DELETE was executed"};
+
 // Everything that the pass learns of the rows.
 struct Pass {
-  std::vector<double> arguments; // nobs x nd: distribution arguments of each row (no random effects: empty)
-  std::vector<double> loglik;    // _ll of each row
+  std::vector<double> arguments;    // nobs x nd: distribution arguments of each row (no random effects: empty)
+  std::vector<double> loglik;       // _ll of each row
+  long fractions = 0;               // used rows whose response is not a whole number, where it should be one
+  std::int64_t first_fraction = 0;  // row of the first one
 };
 
-int report_stop(NX& n, int rc, std::int64_t row)
+// Runs the program once more at one row, with all checks: what went wrong there.
+int run_checked(const NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, std::int64_t row,
+                std::vector<engine::Fault>& faults)
 {
-  if (rc > 2) n.host->log().xpmlog(503, 9201, {{"code", rc}, {"observation", observation_number(n, row)}}, place_of(n, row));
+  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
+  std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
+  if (nr > 0 && n.reff[0].distrtype == 0) std::copy_n(pass.arguments.begin() + row * n.reff[0].nd, nr, mean.begin());
+  frame.set_points(mean.data(), 1, 1);
+  frame.set_range(row, 1);
+  int nerror = 0, nmissgen = 0;
+  return frame.run_checked(program, row, 0, faults, nerror, nmissgen);
+}
+
+// A fatal fault in the tile that begins at `first`: names the row, the line and the cause.
+int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, int rc, std::int64_t first)
+{
+  host::MessageArguments words = {{"code", rc}};
+  std::int64_t at = first;
+  int line = 0;
+  const std::int64_t end = engine::sequential(program) ? first : std::min(first + engine::max_lanes, n.store->nobs);
+  for (std::int64_t row = first; row < end; ++row) {
+    std::vector<engine::Fault> faults;
+    if (run_checked(n, frame, program, pass, row, faults) <= 2 || faults.empty()) continue;
+    at = row;
+    words.emplace_back("reason", faults.back().text);
+    line = n.sources->user_position(faults.back().where).line;
+    break;
+  }
+  words.emplace_back("observation", observation_number(n, at));
+  auto place = place_of(n, at);
+  place.line = line;
+  n.host->log().xpmlog(503, 9201, words, place);
   n.raise(1012);
   return 1;
 }
@@ -68,7 +104,7 @@ int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
         return 0;
       },
       at);
-  return rc == 0 ? 0 : report_stop(n, rc, at);
+  return rc == 0 ? 0 : report_stop(n, frame, *n.programs.setup_value, pass, rc, at);
 }
 
 void mark(NX& n, std::int64_t row, BadCause cause)
@@ -97,6 +133,7 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
   pass.loglik.assign(rows, host::missing);
   if (n.repsym != nullptr) n.store->replicate.assign(rows, host::missing);
   const int outputs = static_cast<int>(n.pass_kind.size());
+  const bool counts = n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6; // binary to negative binomial
   std::int64_t at = 0;
   const int rc = run_rows(
       n, frame, *n.pass_program, point,
@@ -113,68 +150,52 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
             if (cause == BadCause::replicate) n.store->replicate[row] = values[j];
             const bool refused = cause == BadCause::replicate && !(values[j] >= n.singvar);
             if (std::isnan(values[j]) || refused) mark(n, tile.observation[j], cause);
+            else if (cause == BadCause::dependent && counts && values[j] != std::floor(values[j]) && pass.fractions++ == 0)
+              pass.first_fraction = tile.observation[j];
           }
         }
         return 0;
       },
       at);
-  return rc == 0 ? 0 : report_stop(n, rc, at);
+  return rc == 0 ? 0 : report_stop(n, frame, *n.pass_program, arguments, rc, at);
 }
 
 // Looks closer at the rows that came out unusable: a program fault ends the group; a value that went missing without a
 // missing value in the data deserves a warning.
 int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
 {
-  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
   std::array<long, 8> counts{};
   std::array<std::int64_t, 8> firsts{};
-  std::array<std::string, 8> reasons{};
   const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
   constexpr int inspected_most = 200;                    // a fault shows at once; the rest is counting
   int inspected = 0;
   for (std::int64_t row = 0; row < n.store->nobs; ++row) {
     const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
     if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate) continue;
-    std::string reason;
     bool data_missing = false;
     for (const auto& column : n.store->view.columns)
       data_missing = data_missing || (column.numeric != nullptr && std::isnan(column.numeric[row]));
     if (inspected < inspected_most && !engine::sequential(*n.pass_program)) {
       ++inspected;
-      std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
-      if (nr > 0 && n.reff[0].distrtype == 0)
-        std::copy_n(arguments.arguments.begin() + row * n.reff[0].nd, nr, mean.begin());
-      frame.set_points(mean.data(), 1, 1);
-      frame.set_range(row, 1);
       std::vector<engine::Fault> faults;
-      int nerror = 0, nmissgen = 0;
-      frame.run_checked(*n.pass_program, row, 0, faults, nerror, nmissgen);
-      if (nerror > 0 && !faults.empty()) {
+      run_checked(n, frame, *n.pass_program, arguments, row, faults);
+      if (!faults.empty()) {
         auto place = place_of(n, row);
         place.line = n.sources->user_position(faults[0].where).line;
         n.host->log().xpmlog(503, 70, {{"observation", observation_number(n, row)}, {"reason", faults[0].text}}, place);
         n.raise(1012);
         return 1;
       }
-      if (!faults.empty()) reason = faults[0].text;
     }
-    if (data_missing || (deletes && reason.empty())) continue;
+    if (data_missing || deletes) continue;
     const auto c = static_cast<std::size_t>(cause);
-    if (counts[c]++ == 0) {
-      firsts[c] = row;
-      reasons[c] = reason;
-    }
+    if (counts[c]++ == 0) firsts[c] = row;
   }
-  static constexpr std::array<const char*, 8> what = {
-      "", "the dependent variable", "the replicate variable", "the log likelihood", "a derivative of the log likelihood",
-      "an argument of RANDOM", "a derivative of an argument of RANDOM", "DELETE"};
   for (std::size_t c = 0; c < counts.size(); ++c) {
     if (counts[c] == 0 || c == static_cast<std::size_t>(BadCause::deleted)) continue;
-    host::MessageArguments details{{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])}};
-    if (!reasons[c].empty()) details.emplace_back("reason", reasons[c]);
-    auto place = place_of(n, firsts[c]);
-    place.row = 0; // the text names the observation
-    n.host->log().xpmlog(503, 9202, details, place);
+    n.host->log().xpmlog(503, 9202,
+                         {{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])}},
+                         place_of(n, firsts[c]));
     n.raise(4);
   }
   return 0;
@@ -193,7 +214,15 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
     for (int k = 0; k < reff.nd; ++k) {
       const auto at = [&](std::int64_t r) { return pass.arguments[static_cast<std::size_t>(r * reff.nd + k)]; };
       if (same_value(at(row), at(first))) continue;
-      n.host->log().xpmlog(503, 137, {{"observation", observation_number(n, row)}}, place_of(n, row));
+      host::MessageArguments words = {{"observation", observation_number(n, row)}};
+      std::string variables;
+      for (const int dsvarno : n.rhs)
+        variables += (variables.empty() ? "" : ", ") + n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
+      if (!variables.empty()) words.emplace_back("variables", variables);
+      auto place = place_of(n, row);
+      place.statement = "RANDOM";
+      place.line = n.sources->user_position(reff.stmt->where).line;
+      n.host->log().xpmlog(503, 137, words, place);
       return 1;
     }
     for (const int dsvarno : n.rhs)
@@ -257,6 +286,38 @@ void report_impossible(NX& n, const Pass& pass)
   n.host->log().xpmlog(503, 9204, {{"count", rows.size()}, {"observations", shown}}, place_of(n, rows[0]));
 }
 
+// Rows that a REPLICATE value below SINGVAR= removes, and responses that counts cannot have.
+void report_values(NX& n, const Pass& pass)
+{
+  const auto& bad = n.store->badobs;
+  const auto first = std::find(bad.begin(), bad.end(), BadCause::replicate);
+  if (first != bad.end()) {
+    const auto row = static_cast<std::int64_t>(first - bad.begin());
+    n.host->log().xpmlog(503, 9211,
+                         {{"count", std::count(bad.begin(), bad.end(), BadCause::replicate)}, {"name", n.repname},
+                          {"observation", observation_number(n, row)}},
+                         place_of(n, row));
+    n.raise(4);
+  }
+  if (pass.fractions == 0) return;
+  n.host->log().xpmlog(503, 9209,
+                       {{"count", pass.fractions}, {"name", n.depname}, {"distribution", host::xpmstr(503, 40 + n.disttype)},
+                        {"observation", observation_number(n, pass.first_fraction)}},
+                       place_of(n, pass.first_fraction));
+  n.raise(4);
+}
+
+// No row is left: says how many fell to each cause.
+void report_nothing_left(NX& n)
+{
+  std::string causes;
+  for (std::size_t c = 1; c < what.size(); ++c) {
+    const auto rows = std::count(n.store->badobs.begin(), n.store->badobs.end(), static_cast<BadCause>(c));
+    if (rows > 0) causes += (causes.empty() ? "" : ", ") + std::string(what[c]) + " in " + std::to_string(rows);
+  }
+  n.host->log().xpmlog(503, 71, {{"causes", causes}});
+}
+
 } // namespace
 
 int tvldata(NX& n)
@@ -274,11 +335,12 @@ int tvldata(NX& n)
   if (n.nreff() > 0 && run_arguments(n, frame, pass) != 0) return 1;
   if (run_program(n, frame, pass, pass) != 0) return 1;
   if (inspect_bad_rows(n, frame, pass) != 0) return 1;
+  report_values(n, pass);
 
   n.store->nobsu = std::count(n.store->badobs.begin(), n.store->badobs.end(), BadCause::none);
   if (n.nreff() > 0 && count_subjects(n, pass) != 0) return 1;
   if (n.store->nobsu == 0) {
-    log.xpmlog(503, 71);
+    report_nothing_left(n);
     n.raise(1012);
     return 1;
   }

@@ -79,7 +79,7 @@ constexpr CatalogueEntry entries[] = {
      "A logarithm of a number that is not positive, a division by zero, a function outside its domain, at the starting "
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
-    {503, 71, E, "No observation can be used; the group is not analysed.",
+    {503, 71, E, "No observation can be used; the group is not analysed[; missing: {causes}].",
      "The dependent variable or a covariate is missing throughout, or WHERE= keeps no row.",
      "torvale describe DATA counts missing values."},
     {503, 72, W, "The program failed at observation {observation}[ in iteration {iteration}][: {reason}].",
@@ -105,7 +105,7 @@ constexpr CatalogueEntry entries[] = {
      "An argument of RANDOM is computed after the RANDOM statement or from a missing value.", ""},
     {503, 137, E,
      "An argument of the RANDOM distribution changes within a subject at observation {observation}; the group is not "
-     "used.",
+     "used[; the arguments depend on {variables}].",
      "", "Means and covariances of random effects must be constant within a subject."},
     {503, 139, W, "SEED= is negative; the clock is used.", "", ""},
     {503, 140, E, "SEED= must be below {limit}.", "", ""},
@@ -131,7 +131,7 @@ constexpr CatalogueEntry entries[] = {
      "The model fails, or a bound is violated, at each of them.",
      "Start from values at which the curve looks like the data; check the units; check BOUNDS."},
     {503, 235, E, "The parameter {name} has no starting value.", "", "Write PARMS {name}=value;"},
-    {503, 236, W, "Starting point {point} is not used: a value is missing or outside its bounds[ ({name})].", "", ""},
+    {503, 236, W, "Starting point {point} is not used: {values}.", "", ""},
     {503, 237, E, "The parameter {name} is given twice.", "It stands twice in PARMS, or in PARMS and in its data set.",
      ""},
     {503, 238, E, "The PARMS data set {data} has the character variable Parameter, but no variable Estimate.", "", ""},
@@ -146,11 +146,11 @@ constexpr CatalogueEntry entries[] = {
      "Starting values far from the data make the integrand very narrow or irregular.",
      "Better starting values; QPOINTS=; QMAX=; a larger QTOL=."},
     {503, 271, W,
-     "The final Hessian matrix has {count} zero eigenvalues more than active constraints account for; the covariance "
+     "The final Hessian matrix has more zero eigenvalues ({count}) than active constraints account for; the covariance "
      "is a generalized inverse.",
      "Two parameters that the data cannot tell apart, or a parameter without influence.",
      "Remove or fix a parameter; look for correlations of 1 in CORR."},
-    {503, 272, W, "The {matrix} has {count} negative eigenvalues: the estimates are not a minimum.",
+    {503, 272, W, "The {matrix} has negative eigenvalues ({count}): the estimates are not a minimum.",
      "A saddle point, or a stop on flat ground.", "Other starting values, another TECHNIQUE=, a smaller GCONV=."},
     {503, 273, N, "final Hessian matrix", "", ""},
     {503, 274, N, "final projected Hessian matrix", "", ""},
@@ -285,11 +285,14 @@ constexpr CatalogueEntry entries[] = {
     {503, 916, W, "{option}= is taken from the data set; the option is ignored.", "", ""},
 
     // --- The data pass and the solve step ---
-    {503, 9201, E, "The program stopped with code {code} at observation {observation}.", "", ""},
+    {503, 9201, E,
+     "The program cannot go on at observation {observation}[: {reason}]; the group is not used (code {code}).",
+     "STOP or ABORT, a loop that does not end, or a subscript outside its array.", ""},
     {503, 9202, W,
      "{count} observations are not used, since {what} is missing at the starting values although the data are there "
-     "(first observation {observation}[: {reason}]).",
-     "A function outside its domain at the starting values.", "Other starting values, or a guard with IF."},
+     "(first observation {observation}).",
+     "A variable that is used before it has a value, or a text that is no number.",
+     "Follow the variables of the model back to where they get their values."},
     {503, 9203, E,
      "The replicate variable {variable} changes within a subject at observation {observation}; the group is not used.",
      "", "The count must be constant within a subject."},
@@ -304,6 +307,14 @@ constexpr CatalogueEntry entries[] = {
     {503, 9207, E,
      "A BY variable is numeric in one and characters in the other of the input and the PARMS data set {data}.", "", ""},
     {503, 9208, E, "The PARMS data set {data} has no rows for this BY group.", "", ""},
+    {503, 9209, W,
+     "{count} values of the response {name} are not whole numbers (first observation {observation}); the distribution "
+     "{distribution} takes them as they are.",
+     "A response that is no count: a mean, a rate, a measurement.", "Another distribution, or the counts themselves."},
+    {503, 9211, W,
+     "{count} observations are not used, since the replicate variable {name} is missing, zero or negative (first "
+     "observation {observation}).",
+     "", "The values are counts or weights: above 0."},
     {503, 9210, N, "The starting grid has {count} points; BEST= shortens the table.", "", ""},
     {503, 9220, W, "The standard error of {name}, {error}, is below the root of SINGVAR= and is shown as 0.",
      "The parameter is very small in its unit.", "Another unit, or a smaller SINGVAR=."},
@@ -331,6 +342,7 @@ constexpr CatalogueEntry entries[] = {
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
     {503, 9350, N, "Check of the Gradient", "", ""},
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
+    {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},
     {503, 9342, E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
      "Fewer QPOINTS=, or fewer random effects."},

@@ -202,7 +202,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
         if (one_level) alternatives.push_back(n);
       std::sort(alternatives.begin(), alternatives.end());
       alternatives.erase(std::unique(alternatives.begin(), alternatives.end()), alternatives.end());
-      not_found(reference.name, "the folder " + folder, alternatives, log, place);
+      not_found(reference.name, folder == "." ? "the current folder" : "the folder " + folder, alternatives, log, place);
     }
   }
   if (!data) return std::nullopt;

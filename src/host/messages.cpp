@@ -55,7 +55,7 @@ std::string place_text(const MessagePlace& place)
   if (!place.statement.empty()) parts.push_back(fmt::format("{} statement", place.statement));
   if (place.line > 0) parts.push_back(fmt::format("line {}", place.line));
   if (place.column > 0) parts.push_back(fmt::format("column {}", place.column));
-  if (place.row > 0) parts.push_back(fmt::format("observation {}", place.row));
+  if (place.row > 0) parts.push_back(fmt::format("data row {}", place.row));
   if (!place.subject.empty()) parts.push_back(fmt::format("subject {}", place.subject));
   if (!place.file.empty()) parts.push_back(fmt::format("file {}", place.file));
   if (place.file_line > 0) parts.push_back(fmt::format("file line {}", place.file_line));

@@ -69,8 +69,8 @@ void refuse_other_roles(NX& n, const NamedValues& named, const CMPSYM& symbol)
   tvlexit(n, 3000);
 }
 
-// Notes 363, 364: names that became parameters at 1, with the nearest name that might have been meant.
-void report_defaulted(NX& n, const std::vector<std::string>& defaulted)
+// Notes 363 to 365: names that became parameters at 1, with the nearest name that might have been meant.
+void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool statement_given)
 {
   if (defaulted.empty()) return;
   std::string list = defaulted[0];
@@ -84,13 +84,17 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted)
   std::vector<std::string> known = n.fid->column_names();
   for (const auto& p : n.parmstr)
     if (!p.defaulted) known.push_back(p.parmname);
-  std::string suspects;
-  for (const auto& name : defaulted)
-    if (const std::string nearest = host::nearest_name(name, known); !nearest.empty())
-      suspects += (suspects.empty() ? "" : ", ") + name + " (did you mean " + nearest + "?)";
+  std::string meant;
+  for (const auto& name : defaulted) {
+    const std::string nearest = host::nearest_name(name, known);
+    if (nearest.empty()) continue;
+    meant += meant.empty() ? "" : ", ";
+    meant += defaulted.size() == 1 ? nearest : nearest + " for " + name;
+  }
   host::MessageArguments arguments = {{"names", list}};
-  if (!suspects.empty()) arguments.emplace_back("suspects", suspects);
-  n.host->log().xpmlog(503, defaulted.size() == 1 ? 363 : 364, arguments);
+  if (!meant.empty()) arguments.emplace_back("near", meant);
+  const int number = !statement_given ? 365 : defaulted.size() == 1 ? 363 : 364;
+  n.host->log().xpmlog(503, number, arguments);
 }
 
 void grid_size(NX& n)
@@ -125,8 +129,6 @@ void parameter_setup(NX& n)
     n.nbest = static_cast<int>(parms->number_or(4, 1));
     n.bydata = parms->flag(1);
     if (data::parms_statement(n, *parms, named) != 0) tvlexit(n, 1012);
-  } else {
-    log.xpmlog(503, 365);
   }
 
   std::vector<engine::DataVariable> variables;
@@ -136,7 +138,7 @@ void parameter_setup(NX& n)
     return std::any_of(named.begin(), named.end(), [&](const NamedValues& v) { return host::equal_names(v.name, name); });
   };
   if (engine::cmprslv(*n.gcmp, variables) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
-  if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0) tvlexit(n, 3000);
+  if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0) tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
   refuse_repeated(n, named);
 
   std::vector<std::string> defaulted;
@@ -177,7 +179,7 @@ void parameter_setup(NX& n)
     engine::cmpparm(*n.gcmp, symbol, j);
     n.prsym.s.push_back(symbol);
   }
-  if (parms != nullptr) report_defaulted(n, defaulted);
+  report_defaulted(n, defaulted, parms != nullptr);
   grid_size(n);
 }
 

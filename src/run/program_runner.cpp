@@ -39,7 +39,10 @@ public:
       if (request_.check_only && parsed.found)
         result.statements.push_back(language::statement_listing(sources_, parsed.proc) + language::program_listing(parsed.proc.program));
       StepOutcome outcome = parsed.found ? finish(parsed) : StepOutcome{3000, exit_program};
-      if (host_.interrupted()) outcome.exit_code = exit_interrupted;
+      if (host_.interrupted()) {
+        host_.log().xpmlog(503, 9343);
+        outcome.exit_code = exit_interrupted;
+      }
       host_.end_step(outcome.return_code);
       result.exit_code = worse_exit(result.exit_code, outcome.exit_code);
       if (!parsed.found || host_.interrupted()) break;

@@ -161,7 +161,8 @@ void tvliter(NX& n, int job)
   if (job >= 901) {
     if (n.ithis != nullptr) n.host->tables().close(*n.ithis);
     n.ithis = nullptr;
-    const auto [reason, status] = convergence_reason(str, job - 1000);
+    const bool stopped = job < 1000 && n.host->interrupted();
+    const auto [reason, status] = stopped ? std::pair{host::xpmstr(503, 9343), 1} : convergence_reason(str, job - 1000);
     host::Table table("ConvergenceStatus", host::otbmsg(503, 111),
                       {{"Reason", CellKind::text, host::otbmsg(503, 112), "", ""},
                        {"Status", CellKind::integer, host::otbmsg(503, 113), "", ""}});

@@ -145,6 +145,8 @@ int tvlsolv(NX& n)
     const auto& procedure = n.proc->statements.front();
     n.znlprc = optimize(n, procedure.given(50), procedure.given(46));
   }
+  // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
+  if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();
   for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
   n.optimizer_messages.clear();
   if (n.ithis != nullptr || n.znlprc != 0) tvliter(n, 1000 + n.znlprc);

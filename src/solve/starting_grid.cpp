@@ -4,6 +4,7 @@
 #include "integration/objective.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace torvale::solve {
@@ -38,6 +39,22 @@ void explain_failure(NX& n)
   }
 }
 
+// The values of the grid point in n.parm that are missing or outside their bounds.
+std::string unusable_values(const NX& n)
+{
+  std::string text;
+  for (std::size_t j = 0; j < n.parm.size(); ++j) {
+    const auto& p = n.parmstr[j];
+    const double value = n.parm[j];
+    const bool low = p.applyl && value < p.lowbound, high = p.applyh && value > p.highbound;
+    if (!std::isnan(value) && !low && !high) continue;
+    text += (text.empty() ? "" : ", ") + p.parmname;
+    text += std::isnan(value) ? " is missing" : " = " + host::readable(value) + (low ? " is below its bound " : " is above its bound ") +
+                                                    host::readable(low ? p.lowbound : p.highbound);
+  }
+  return text.empty() ? "it has fewer rows than others" : text;
+}
+
 bool keeps_modes(const NX& n) { return n.nreff() > 0 && (n.method == 0 || n.method == 3 || n.lb); }
 
 } // namespace
@@ -55,7 +72,7 @@ int tvlparm(NX& n)
   bool settled = false;
   for (long p = 0; p < n.npoints; ++p) {
     if (!data::grid_point(n, p, n.parm.data())) {
-      log.xpmlog(503, 236, {{"point", p + 1}});
+      log.xpmlog(503, 236, {{"point", p + 1}, {"values", unusable_values(n)}});
       n.raise(4);
       continue;
     }
@@ -81,7 +98,7 @@ int tvlparm(NX& n)
 
   if (n.savepoint.empty() || n.savepoint[0].parmnum < 0) {
     explain_failure(n);
-    log.xpmlog(503, 232, {{"count", n.npoints}});
+    log.xpmlog(503, 232, n.npoints > 1 ? host::MessageArguments{{"count", n.npoints}} : host::MessageArguments{});
     n.raise(1012);
     return 1;
   }
