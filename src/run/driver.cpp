@@ -25,7 +25,9 @@ int report_fit(NX& n)
 {
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
-  int exit_code = n.covmat.empty() ? exit_no_covariance : exit_clean;
+  // With negative eigenvalues there is a matrix, but no covariance: the point is no minimum (message 272 has said so).
+  const auto& hessian = n.covstr->projected.present ? n.covstr->projected : n.covstr->hessian;
+  int exit_code = n.covmat.empty() || hessian.det[3] > 0 ? exit_no_covariance : exit_clean;
   if (n.covmat.empty()) {
     n.host->log().xpmlog(503, 9340);
     n.raise(4);

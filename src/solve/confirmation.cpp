@@ -1,5 +1,6 @@
 #include "solve/confirmation.h"
 
+#include "integration/objective.h"
 #include "matrix/cholesky.h"
 #include "optimizer/optimizer.h"
 
@@ -19,6 +20,63 @@ constexpr int most_restarts = 4;
 bool approximates_hessian(int tech)
 {
   return tech == optimizer::QUANEW || tech == optimizer::DUQUAN || tech == optimizer::DBLDOG || tech == optimizer::CONGRA;
+}
+
+// Negative eigenvalues on the parameters that are free: the point is no minimum, whatever the gradient says.
+bool indefinite(const NX& n)
+{
+  const auto& cov = *n.covstr;
+  const auto& record = cov.projected.present ? cov.projected : cov.hessian;
+  return record.present && record.det[3] > 0;
+}
+
+// The termination test of the trust-region run: accepted modes are committed, no history is written.
+int trust_region_test(MINSTR* str, int job)
+{
+  NX& n = *static_cast<NX*>(str->comstr);
+  if (job > 0) {
+    n.parm.assign(str->x, str->x + n.nparm);
+    integration::accept_modes(n);
+  }
+  if (n.host->interrupted()) str->stop = 1;
+  return optimizer::znlptrm(str, job);
+}
+
+// From a point with an indefinite Hessian trust-region steps lead on downhill, where a quasi-Newton metric (always positive
+// definite) sees nothing to gain. They run on a record of their own; the point they reach becomes the run's. False when
+// they gain nothing.
+bool leave_saddle(NX& n)
+{
+  const MINSTR& run = *n.str;
+  MINSTR region;
+  optimizer::tvlopti(&region);
+  region.comstr = &n;
+  region.nvar = n.nparm;
+  region.nreb = n.nreff();
+  region.fail = model::failure_objective;
+  region.tech = optimizer::TRUREG;
+  region.ceps = run.ceps;
+  region.gtol = run.gtol;
+  region.fdig = run.fdig;
+  region.maxi = 500;
+  if (optimizer::tvlopta(&region) != 0) return false;
+  region.bounds = run.bounds;
+  std::copy_n(run.lb, n.nparm, region.lb);
+  std::copy_n(run.ub, n.nparm, region.ub);
+  std::copy_n(run.x, n.nparm, region.x);
+  region.usfct = run.usfct;
+  region.usgrd = run.usgrd;
+  region.uster = trust_region_test;
+  region.clock = run.clock;
+  if (optimizer::tvloptc(&region) != 0) return false;
+  int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
+  if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
+  n.str->nfct += region.nfct;
+  n.str->ngrd += region.ngrd;
+  if (!(region.crit < run.crit - 1e-10 * std::max(1.0, std::abs(run.crit)))) return false;
+  std::copy_n(region.x, n.nparm, n.str->x);
+  n.host->log().xpmlog(503, 9360, {{"iterations", static_cast<long>(region.nitr)}, {"from", run.crit}, {"to", region.crit}});
+  return optimizer::znlpdrv(n.str.get(), 1, 0, 0, 0) == 0;
 }
 
 } // namespace
@@ -65,8 +123,13 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
                         (code == optimizer::code_absgconv && !user_gave_gradient_test) ||
                         (code == optimizer::code_fconv && !user_gave_function_test);
     if (!unsure || n.nparm == 0 || !approximates_hessian(str.tech) || n.host->interrupted()) break;
+    if (indefinite(n) && str.fidi == 0 && restart < most_restarts && static_cast<double>(str.nfct) < str.maxf && leave_saddle(n)) {
+      n.iterations_before += static_cast<long>(str.nitr);
+      str.load = 1;
+      continue;
+    }
     const double reduction = newton_reduction(n);
-    if (std::isnan(reduction)) break; // a singular or indefinite Hessian speaks for itself
+    if (std::isnan(reduction)) break; // a singular Hessian speaks for itself
     const double allowed = std::max(std::abs(str.crit), str.fsiz) * str.gtol;
     if (reduction <= allowed) {
       if (code == optimizer::code_no_progress) {
