@@ -42,7 +42,7 @@ public:
 private:
   void extend();          // covers nodes made since the last call
   bool update(NodeId id); // recomputes one node; true when it changed
-  std::uint64_t* smooth(NodeId id) { return &smooth_[static_cast<std::size_t>(id) * words_]; }
+  std::uint64_t* smooth(NodeId id) { return smooth_.data() + static_cast<std::size_t>(id) * words_; }
 
   CMPGLOBAL* compiler_;
   std::size_t words_ = 0;              // of a bit set over differentiation variables

@@ -37,7 +37,7 @@ public:
       if (const auto it = gcmp_.arrays.find(e->name); it != gcmp_.arrays.end())
         for (const std::int32_t element : it->second.elements) gcmp_.at(element).used = true;
     for (const Expr* const a : e->args)
-      if (!names_an_array(*e, *a)) expression(a);
+      if (a != nullptr && !names_an_array(*e, *a)) expression(a);
   }
 
   void subprograms(Block statements)
