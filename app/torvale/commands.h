@@ -8,24 +8,24 @@
 namespace torvale::app {
 
 struct Output {
-  std::string out;          // --out: one folder for everything
-  std::string json;         // --json: a file, or - for standard output
-  std::string html;         // --html
-  std::string list;         // --list
-  std::string log;          // --log
-  bool quiet = false;       // --quiet: no listing on standard output
-  bool no_color = false;    // --no-color
+  std::string out;       // --out: one folder for everything
+  std::string json;      // --json: a file, or - for standard output
+  std::string html;      // --html
+  std::string list;      // --list
+  std::string log;       // --log
+  bool quiet = false;    // --quiet: no listing on standard output
+  bool no_color = false; // --no-color
 };
 
 struct RunArguments {
-  std::string program;      // path, or - for standard input
+  std::string program; // path, or - for standard input
   std::vector<std::pair<std::string, std::string>> data;
   std::vector<std::pair<std::string, std::string>> libraries;
   Output output;
   int threads = 0;
   long seed = 0;
   bool check_only = false;
-  bool statements = false;  // check: print the statement records
+  bool statements = false; // check: print the statement records
 };
 
 // run and check.

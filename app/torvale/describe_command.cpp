@@ -17,9 +17,12 @@ using host::CellKind;
 host::Table variable_table(const host::DataSet& data)
 {
   host::Table table("Variables", data.name,
-                    {{"Variable", CellKind::text, "Variable", "", ""}, {"Type", CellKind::text, "Type", "", ""},
-                     {"Missing", CellKind::integer, "Missing", "", ""}, {"Distinct", CellKind::integer, "Distinct", "", ""},
-                     {"Minimum", CellKind::number, "Minimum", "BEST10", ""}, {"Maximum", CellKind::number, "Maximum", "BEST10", ""}});
+                    {{"Variable", CellKind::text, "Variable", "", ""},
+                     {"Type", CellKind::text, "Type", "", ""},
+                     {"Missing", CellKind::integer, "Missing", "", ""},
+                     {"Distinct", CellKind::integer, "Distinct", "", ""},
+                     {"Minimum", CellKind::number, "Minimum", "BEST10", ""},
+                     {"Maximum", CellKind::number, "Maximum", "BEST10", ""}});
   for (const host::Column& column : data.columns()) {
     long missing = 0;
     double low = host::missing, high = host::missing;

@@ -41,8 +41,12 @@ int main(int argc, char** argv)
   std::string described, code;
   const auto shared = [&](CLI::App* command) {
     command->add_option("PROGRAM", arguments.program, "program file; - for standard input")->required();
-    command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")->type_size(1)->allow_extra_args(false);
-    command->add_option("--library", libraries, "NAME=PATH: a folder of CSV files or an SQLite file")->type_size(1)->allow_extra_args(false);
+    command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")
+        ->type_size(1)
+        ->allow_extra_args(false);
+    command->add_option("--library", libraries, "NAME=PATH: a folder of CSV files or an SQLite file")
+        ->type_size(1)
+        ->allow_extra_args(false);
     command->add_option("--json", arguments.output.json, "results as JSON; - for standard output");
     command->add_option("--log", arguments.output.log, "log to a file instead of standard error");
     command->add_flag("--no-color", arguments.output.no_color, "plain text");
@@ -52,7 +56,9 @@ int main(int argc, char** argv)
   run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
   run->add_option("--html", arguments.output.html, "the report");
   run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
-  run->add_option("--threads", arguments.threads, "worker threads when the program does not say: 0 serial, -1 all cores")->check(CLI::Range(-1, 1024));
+  run->add_option("--threads", arguments.threads,
+                  "worker threads when the program does not say: 0 serial, -1 all cores")
+      ->check(CLI::Range(-1, 1024));
   run->add_option("--seed", arguments.seed, "seed when the program does not say")->check(CLI::Range(0L, 2147483646L));
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
@@ -70,7 +76,8 @@ int main(int argc, char** argv)
     const std::string first = argc > 1 ? argv[1] : "-";
     const auto commands = app.get_subcommands([&](const CLI::App* command) { return command->get_name() == first; });
     if (first[0] != '-' && commands.empty()) {
-      std::fprintf(stderr, "torvale: there is no command %s; there are run, check, describe and explain\n", first.c_str());
+      std::fprintf(stderr, "torvale: there is no command %s; there are run, check, describe and explain\n",
+                   first.c_str());
       return 2;
     }
     return app.exit(error) == 0 ? 0 : 2;

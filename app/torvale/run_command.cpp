@@ -45,7 +45,9 @@ class Channel {
 public:
   // path "-": standard output; empty: `otherwise`, null for nothing.
   Channel(std::string path, std::FILE* otherwise)
-      : path_(std::move(path)), stream_(path_.empty() ? otherwise : path_ == "-" ? stdout : nullptr)
+      : path_(std::move(path)), stream_(path_.empty()  ? otherwise
+                                        : path_ == "-" ? stdout
+                                                       : nullptr)
   {
     if (!path_.empty() && stream_ == nullptr) file_ = std::make_unique<host::AtomicFile>(path_);
   }
@@ -64,7 +66,8 @@ public:
 private:
   bool report(const std::string& problem) const
   {
-    if (!problem.empty()) complain("cannot write", path_.empty() || path_ == "-" ? "the standard streams" : path_, problem, 1);
+    if (!problem.empty())
+      complain("cannot write", path_.empty() || path_ == "-" ? "the standard streams" : path_, problem, 1);
     return problem.empty();
   }
 
@@ -94,7 +97,8 @@ int run_command(const RunArguments& arguments)
 {
   namespace fs = std::filesystem;
   std::string text, problem;
-  if (!read_program(arguments.program, text, problem)) return complain("cannot read the program", arguments.program, problem, 2);
+  if (!read_program(arguments.program, text, problem))
+    return complain("cannot read the program", arguments.program, problem, 2);
 
   Output output = arguments.output;
   const fs::path program = arguments.program;
@@ -119,7 +123,8 @@ int run_command(const RunArguments& arguments)
 
   RunSettings settings;
   settings.program_name = arguments.program == "-" ? "standard input" : program.filename().string();
-  settings.program_folder = arguments.program == "-" || !program.has_parent_path() ? "." : program.parent_path().string();
+  settings.program_folder =
+      arguments.program == "-" || !program.has_parent_path() ? "." : program.parent_path().string();
   settings.output_folder = output.out.empty() ? "." : output.out;
   settings.data = arguments.data;
   settings.libraries = arguments.libraries;

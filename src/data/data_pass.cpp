@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <utility>
 
 namespace torvale::data {
 
@@ -36,16 +37,21 @@ std::int64_t observation_number(const NX& n, std::int64_t row)
 }
 
 // What is missing in an unusable row, by BadCause.
-constexpr std::array<const char*, 8> what = {
-    "", "the dependent variable", "the replicate variable", "the log likelihood", "a derivative of the log likelihood",
-    "an argument of RANDOM", "a derivative of an argument of RANDOM", "nothing, but DELETE was executed"};
+constexpr std::array<const char*, 8> what = {"",
+                                             "the dependent variable",
+                                             "the replicate variable",
+                                             "the log likelihood",
+                                             "a derivative of the log likelihood",
+                                             "an argument of RANDOM",
+                                             "a derivative of an argument of RANDOM",
+                                             "nothing, but DELETE was executed"};
 
 // Everything that the pass learns of the rows.
 struct Pass {
-  std::vector<double> arguments;    // nobs x nd: distribution arguments of each row (no random effects: empty)
-  std::vector<double> loglik;       // _ll of each row
-  long fractions = 0;               // used rows whose response is not a whole number, where it should be one
-  std::int64_t first_fraction = 0;  // row of the first one
+  std::vector<double> arguments;   // nobs x nd: distribution arguments of each row (no random effects: empty)
+  std::vector<double> loglik;      // _ll of each row
+  long fractions = 0;              // used rows whose response is not a whole number, where it should be one
+  std::int64_t first_fraction = 0; // row of the first one
 };
 
 // Runs the program once more at one row, with all checks: what went wrong there.
@@ -62,7 +68,8 @@ int run_checked(const NX& n, engine::Frame& frame, const engine::Program& progra
 }
 
 // A fatal fault in the tile that begins at `first`: names the row, the line and the cause.
-int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, int rc, std::int64_t first)
+int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, int rc,
+                std::int64_t first)
 {
   host::MessageArguments words = {{"code", rc}};
   std::int64_t at = first;
@@ -133,7 +140,8 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
   pass.loglik.assign(rows, host::missing);
   if (n.repsym != nullptr) n.store->replicate.assign(rows, host::missing);
   const int outputs = static_cast<int>(n.pass_kind.size());
-  const bool counts = n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6; // binary to negative binomial
+  const bool counts =
+      n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6; // binary to negative binomial
   std::int64_t at = 0;
   const int rc = run_rows(
       n, frame, *n.pass_program, point,
@@ -149,8 +157,10 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
             if (is_ll) pass.loglik[row] = values[j];
             if (cause == BadCause::replicate) n.store->replicate[row] = values[j];
             const bool refused = cause == BadCause::replicate && !(values[j] >= n.singvar);
-            if (std::isnan(values[j]) || refused) mark(n, tile.observation[j], cause);
-            else if (cause == BadCause::dependent && counts && values[j] != std::floor(values[j]) && pass.fractions++ == 0)
+            if (std::isnan(values[j]) || refused)
+              mark(n, tile.observation[j], cause);
+            else if (cause == BadCause::dependent && counts && values[j] != std::floor(values[j]) &&
+                     pass.fractions++ == 0)
               pass.first_fraction = tile.observation[j];
           }
         }
@@ -201,10 +211,13 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   return 0;
 }
 
-bool same_value(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+bool same_value(double a, double b)
+{
+  return a == b || (std::isnan(a) && std::isnan(b));
+}
 
-// Distribution arguments (message 137), the data variables behind them (146) and the replicate count (9203) must not change
-// within a subject.
+// Distribution arguments (message 137), the data variables behind them (146) and the replicate count (9203) must not
+// change within a subject.
 int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
 {
   const auto& reff = n.reff[0];
@@ -232,12 +245,14 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
                                                     : column.codes[row] == column.codes[first];
         if (same) continue;
         const auto& name = n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-        n.host->log().xpmlog(503, 146, {{"variable", name}, {"observation", observation_number(n, row)}}, place_of(n, row));
+        n.host->log().xpmlog(503, 146, {{"variable", name}, {"observation", observation_number(n, row)}},
+                             place_of(n, row));
         return 1;
       }
     if (n.repsym != nullptr && !same_value(n.store->replicate[static_cast<std::size_t>(row)],
                                            n.store->replicate[static_cast<std::size_t>(first)])) {
-      n.host->log().xpmlog(503, 9203, {{"variable", n.repname}, {"observation", observation_number(n, row)}}, place_of(n, row));
+      n.host->log().xpmlog(503, 9203, {{"variable", n.repname}, {"observation", observation_number(n, row)}},
+                           place_of(n, row));
       return 1;
     }
   }
@@ -294,14 +309,17 @@ void report_values(NX& n, const Pass& pass)
   if (first != bad.end()) {
     const auto row = static_cast<std::int64_t>(first - bad.begin());
     n.host->log().xpmlog(503, 9211,
-                         {{"count", std::count(bad.begin(), bad.end(), BadCause::replicate)}, {"name", n.repname},
+                         {{"count", std::count(bad.begin(), bad.end(), BadCause::replicate)},
+                          {"name", n.repname},
                           {"observation", observation_number(n, row)}},
                          place_of(n, row));
     n.raise(4);
   }
   if (pass.fractions == 0) return;
   n.host->log().xpmlog(503, 9209,
-                       {{"count", pass.fractions}, {"name", n.depname}, {"distribution", host::xpmstr(503, 40 + n.disttype)},
+                       {{"count", pass.fractions},
+                        {"name", n.depname},
+                        {"distribution", host::xpmstr(503, 40 + n.disttype)},
                         {"observation", observation_number(n, pass.first_fraction)}},
                        place_of(n, pass.first_fraction));
   n.raise(4);
@@ -316,6 +334,31 @@ void report_nothing_left(NX& n)
     if (rows > 0) causes += (causes.empty() ? "" : ", ") + std::string(what[c]) + " in " + std::to_string(rows);
   }
   n.host->log().xpmlog(503, 71, {{"causes", causes}});
+}
+
+// What PUT statements write, once per observation in the order of the file, at the means of the random effects: a program runs
+// dozens of times per evaluation, and nobody wants its lines from there.
+void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
+{
+  if (!engine::has_put(*n.gcmp)) return;
+  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
+  bool file_said = false;
+  std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
+  for (const std::int32_t row : n.store->row_of_group) {
+    if (nr > 0 && n.reff[0].distrtype == 0)
+      std::copy_n(pass.arguments.begin() + static_cast<std::int64_t>(row) * n.reff[0].nd, nr, mean.begin());
+    frame.set_points(mean.data(), 1, 1);
+    frame.set_range(row, 1);
+    std::vector<engine::PutLine> lines;
+    frame.run_put(row, 0, lines);
+    for (const auto& line : lines) {
+      if (line.is_file && !std::exchange(file_said, true)) n.host->log().xpmlog(503, 9223, {{"file", line.target}});
+      if (!line.is_file && host::equal_names(line.target, "PRINT"))
+        n.host->xpsout(line.text);
+      else
+        n.host->log().xpslog(line.text);
+    }
+  }
 }
 
 } // namespace
@@ -345,6 +388,7 @@ int tvldata(NX& n)
     return 1;
   }
   report_impossible(n, pass);
+  write_put_lines(n, frame, pass);
   return 0;
 }
 

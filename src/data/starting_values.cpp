@@ -38,7 +38,8 @@ int long_form(NX& n, const host::DataSet& data, const host::ByGroup& rows, std::
   bool read_missing = false;
   for (std::size_t row = rows.begin; row < rows.end; ++row) {
     const std::string name(host::stripped(names.text(row)));
-    auto it = std::find_if(found.begin(), found.end(), [&](const NamedValues& v) { return host::equal_names(v.name, name); });
+    auto it =
+        std::find_if(found.begin(), found.end(), [&](const NamedValues& v) { return host::equal_names(v.name, name); });
     if (it == found.end()) it = found.insert(found.end(), {name, {}, {}});
     const double value = estimates.number(row);
     read_missing = read_missing || std::isnan(value);
@@ -208,7 +209,8 @@ bool grid_point(const NX& n, long p, double* theta)
     }
     const double value = parameter.parmlist[static_cast<std::size_t>(index)];
     theta[i] = value;
-    const bool inside = !(parameter.applyh && value > parameter.highbound) && !(parameter.applyl && value < parameter.lowbound);
+    const bool inside =
+        !(parameter.applyh && value > parameter.highbound) && !(parameter.applyl && value < parameter.lowbound);
     good = good && !std::isnan(value) && inside;
   }
   return good;

@@ -58,7 +58,8 @@ void set_subjects(NX& n, Store& store, model::REFFECT& reff, const SubjectRows& 
     subject.index = s;
     subject.first_row = index.start[static_cast<std::size_t>(s)];
     subject.SubCount = index.start[static_cast<std::size_t>(s) + 1] - index.start[static_cast<std::size_t>(s)];
-    const auto file = n.rows.begin + static_cast<std::size_t>(store.group_row[static_cast<std::size_t>(subject.first_row)]);
+    const auto file =
+        n.rows.begin + static_cast<std::size_t>(store.group_row[static_cast<std::size_t>(subject.first_row)]);
     if (column.numeric()) subject.n = column.number(file);
     subject.prnc = column.shown(file);
     std::fill_n(store.subject_start.begin() + subject.first_row, subject.SubCount,

@@ -44,8 +44,8 @@ int tvlsubj(model::NX& n, const model::REFFECT& reff, SubjectRows& index)
   if (const long missing = count_missing(column, n.rows, first); missing > 0) {
     host::MessagePlace place;
     place.row = n.fid->file_row(first);
-    log.xpmlog(503, 28,
-               {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}}, place);
+    log.xpmlog(503, 28, {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}},
+               place);
     return 2;
   }
 

@@ -16,10 +16,10 @@ struct SubjectRows {
   std::int32_t count() const { return static_cast<std::int32_t>(start.size()) - 1; }
 };
 
-// tvlsubj: builds the index of one RANDOM statement for the rows of n.rows (tvl procedure, subj subjects). A subject is all
-// rows with the same value of the SUBJECT= variable; -0 equals 0, texts are compared without trailing blanks. With NOSORTSUB
-// each change of the value in file order starts a subject. Returns 0; 2 when a subject value is missing (message 503/28)
-// or there are no rows (503/71).
+// tvlsubj: builds the index of one RANDOM statement for the rows of n.rows (tvl procedure, subj subjects). A subject is
+// all rows with the same value of the SUBJECT= variable; -0 equals 0, texts are compared without trailing blanks. With
+// NOSORTSUB each change of the value in file order starts a subject. Returns 0; 2 when a subject value is missing
+// (message 503/28) or there are no rows (503/71).
 int tvlsubj(model::NX& n, const model::REFFECT& reff, SubjectRows& index);
 
 } // namespace torvale::data

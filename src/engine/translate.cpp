@@ -186,7 +186,7 @@ void Translator::late(const Expr& e)
   graph_.set_position(e.where);
   const auto index = static_cast<std::size_t>(gcmp_.sites.at(&e));
   if (gcmp_.value.size() <= index) gcmp_.value.resize(index + 1, no_node);
-  gcmp_.value[index] = graph_.select(gcmp_.deleted, graph_.missing(), number_of(e));
+  gcmp_.value[index] = number_of(e);
 }
 
 void Translator::store_results()
@@ -208,10 +208,11 @@ void Translator::store_results()
   for (Effect& e : gcmp_.effects)
     if (e.guard == no_node) e.guard = env(flags_.at(e.owner)).number;
   if (graph_.is_constant(gcmp_.deleted, 0.0)) return;
-  // A deleted record has no results.
+  // A deleted record has no results. Arguments of MODEL and RANDOM keep their values: `_ll` is missing there, and the
+  // distribution of a subject's random effects must not depend on which of its records are deleted.
   for (std::size_t k = 0; k < gcmp_.value.size(); ++k) {
     const CMPSYM& s = gcmp_.at(static_cast<std::int32_t>(k));
-    if (gcmp_.value[k] != no_node && (s.assigned || s.kind == 'e'))
+    if (gcmp_.value[k] != no_node && s.assigned && s.kind != 'e')
       gcmp_.value[k] = graph_.select(gcmp_.deleted, graph_.missing(), gcmp_.value[k]);
   }
 }

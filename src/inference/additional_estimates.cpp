@@ -14,7 +14,10 @@ using model::NX;
 
 namespace {
 
-host::TableColumn text_column(const char* name, int label) { return {name, CellKind::text, host::otbmsg(503, label), "", ""}; }
+host::TableColumn text_column(const char* name, int label)
+{
+  return {name, CellKind::text, host::otbmsg(503, label), "", ""};
+}
 
 host::TableColumn number_column(const char* name, int label, const char* format)
 {
@@ -24,7 +27,8 @@ host::TableColumn number_column(const char* name, int label, const char* format)
 // "CovMatAddEst" or "CorrMatAddEst": rows of statements, a column for each.
 host::Table matrix_table(const NX& n, const char* name, int label, int title, const char* family)
 {
-  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""}, text_column("Label", 202)};
+  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""},
+                                            text_column("Label", 202)};
   for (std::size_t k = 1; k <= n.estimates.size(); ++k) {
     const std::string column = family + std::to_string(k);
     columns.push_back({column, CellKind::number, column, "D10.4", family});
@@ -36,8 +40,10 @@ host::Table matrix_table(const NX& n, const char* name, int label, int title, co
 
 host::Table derivative_table(const NX& n)
 {
-  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""}, text_column("Label", 202)};
-  for (const auto& p : n.parmstr) columns.push_back({("Der " + p.parmname).substr(0, 49), CellKind::number, p.parmname, "D10.4", "Der"});
+  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""},
+                                            text_column("Label", 202)};
+  for (const auto& p : n.parmstr)
+    columns.push_back({("Der " + p.parmname).substr(0, 49), CellKind::number, p.parmname, "D10.4", "Der"});
   return {"DerAddEst", host::otbmsg(503, 283), std::move(columns)};
 }
 
@@ -56,14 +62,19 @@ int tvlesti(NX& n)
   std::vector<double> e(count * (count + 1) / 2), work(np);
   for (std::size_t r = 0; r < count; ++r)
     for (std::size_t c = 0; c <= r; ++c)
-      e[r * (r + 1) / 2 + c] = matrix::zmxbi(&values.gradient[r * np], &values.gradient[c * np], n.covmat.data(), n.nparm);
-  const auto element = [&](std::size_t r, std::size_t c) { return r >= c ? e[r * (r + 1) / 2 + c] : e[c * (c + 1) / 2 + r]; };
+      e[r * (r + 1) / 2 + c] =
+          matrix::zmxbi(&values.gradient[r * np], &values.gradient[c * np], n.covmat.data(), n.nparm);
+  const auto element = [&](std::size_t r, std::size_t c) {
+    return r >= c ? e[r * (r + 1) / 2 + c] : e[c * (c + 1) / 2 + r];
+  };
 
   const bool robust = n.empirical && n.havemeat;
   host::Table estimates("AdditionalEstimates", host::otbmsg(503, 280),
-                        {text_column("Label", 202), number_column("Estimate", 201, "D10.4"), number_column("StandardError", 203, "D10.4"),
-                         number_column("DF", 205, "BEST6"), number_column("tValue", 206, "7.2"), number_column("Probt", 207, "PVALUE6.4"),
-                         number_column("Alpha", 208, "BEST6"), number_column("Lower", 209, "D10.4"), number_column("Upper", 210, "D10.4")});
+                        {text_column("Label", 202), number_column("Estimate", 201, "D10.4"),
+                         number_column("StandardError", 203, "D10.4"), number_column("DF", 205, "BEST6"),
+                         number_column("tValue", 206, "7.2"), number_column("Probt", 207, "PVALUE6.4"),
+                         number_column("Alpha", 208, "BEST6"), number_column("Lower", 209, "D10.4"),
+                         number_column("Upper", 210, "D10.4")});
   host::Table covariances = matrix_table(n, "CovMatAddEst", 281, robust ? 264 : 260, "Cov");
   host::Table correlations = matrix_table(n, "CorrMatAddEst", 282, robust ? 262 : 258, "Corr");
   host::Table derivatives = derivative_table(n);
@@ -78,8 +89,9 @@ int tvlesti(NX& n)
       std::vector<host::Cell> cov = {k + 1, statement.label}, corr = cov;
       for (std::size_t j = 0; j < count; ++j) {
         cov.emplace_back(element(k, j));
-        corr.emplace_back(j == k ? 1.0
-                                 : usable(j) ? std::clamp(element(k, j) / std::sqrt(v) / std::sqrt(element(j, j)), -1.0, 1.0) : missing);
+        corr.emplace_back(j == k      ? 1.0
+                          : usable(j) ? std::clamp(element(k, j) / std::sqrt(v) / std::sqrt(element(j, j)), -1.0, 1.0)
+                                      : missing);
       }
       covariances.row(std::move(cov));
       correlations.row(std::move(corr));

@@ -15,14 +15,17 @@ using model::NX;
 
 namespace {
 
-// Wald: F = c' (L C L')^- c / nu. A pivot refused by its tolerance, relative to the diagonal before any sweep, belongs to a row
-// that depends on earlier ones: its row of V is cleared, so that it drops out of the quadratic form. Returns nu.
+// Wald: F = c' (L C L')^- c / nu. A pivot refused by its tolerance, relative to the diagonal before any sweep, belongs
+// to a row that depends on earlier ones: its row of V is cleared, so that it drops out of the quadratic form. Returns
+// nu.
 int wald_statistic(int r, std::vector<double>& v, const std::vector<double>& c, double singsweep, double& f)
 {
   constexpr double pivot_floor = 1.491668147e-154;
   std::vector<double> diagonal(static_cast<std::size_t>(r)), work(static_cast<std::size_t>(r));
   std::vector<char> swept(static_cast<std::size_t>(r), '0');
-  const auto at = [](int i, int j) { return static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j); };
+  const auto at = [](int i, int j) {
+    return static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j);
+  };
   for (int i = 0; i < r; ++i) diagonal[static_cast<std::size_t>(i)] = std::abs(v[at(i, i)]);
   int nu = 0;
   for (int i = 0; i < r; ++i) {
@@ -61,8 +64,8 @@ int tvlcont(NX& n)
     std::vector<double> v(r * (r + 1) / 2);
     for (std::size_t i = 0; i < r; ++i)
       for (std::size_t j = 0; j <= i; ++j)
-        v[i * (i + 1) / 2 + j] =
-            matrix::zmxbi(&values.gradient[(first + i) * np], &values.gradient[(first + j) * np], n.covmat.data(), n.nparm);
+        v[i * (i + 1) / 2 + j] = matrix::zmxbi(&values.gradient[(first + i) * np], &values.gradient[(first + j) * np],
+                                               n.covmat.data(), n.nparm);
     const std::vector<double> c(values.value.begin() + static_cast<std::ptrdiff_t>(first),
                                 values.value.begin() + static_cast<std::ptrdiff_t>(first + r));
     double f = 0.0;

@@ -24,13 +24,17 @@ std::string bound_status(const NX& n, int i, double eps)
   std::string status = held == 2 ? words(171) : held == 1 ? words(172) : held == -1 ? words(173) : std::string();
   if (str.lb[i] > -largest) {
     const double d = str.x[i] - str.lb[i], t = (std::abs(str.lb[i]) + 1) * eps;
-    if (d < -t) status = words(174);
-    else if (held != 2 && std::abs(d) < t) status = words(172);
+    if (d < -t)
+      status = words(174);
+    else if (held != 2 && std::abs(d) < t)
+      status = words(172);
   }
   if (str.ub[i] < largest) {
     const double d = str.ub[i] - str.x[i], t = (std::abs(str.ub[i]) + 1) * eps;
-    if (d < -t) status = words(174);
-    else if (held != 2 && std::abs(d) < t) status = words(173);
+    if (d < -t)
+      status = words(174);
+    else if (held != 2 && std::abs(d) < t)
+      status = words(173);
   }
   return status;
 }
@@ -52,7 +56,9 @@ void tvlpest(NX& n, int job)
   const bool inference = final && n.znlprc > 0;
   const bool bounds = str.bounds != 0 && (!final || str.nabc != 0);
   const bool gradient = str.usgrd != nullptr;
-  const auto number = [](const char* name, const char* format) { return host::TableColumn{name, CellKind::number, "", format, ""}; };
+  const auto number = [](const char* name, const char* format) {
+    return host::TableColumn{name, CellKind::number, "", format, ""};
+  };
 
   std::vector<host::TableColumn> columns = {{"Parameter", CellKind::text, "", "", ""}, number("Estimate", "D10.4")};
   if (inference) {
@@ -71,7 +77,8 @@ void tvlpest(NX& n, int job)
   }
   if (bounds && final) columns.push_back({"ActiveBC", CellKind::text, "", "", ""});
 
-  host::Table table(final ? "ParameterEstimates" : "StartingValues", host::otbmsg(503, final ? 103 : 102), std::move(columns));
+  host::Table table(final ? "ParameterEstimates" : "StartingValues", host::otbmsg(503, final ? 103 : 102),
+                    std::move(columns));
   table.dynamic = {{"confidence", (1 - n.alpha) * 100}};
   const double eps = str.ceps * std::pow(10.0, str.ipre);
   for (int i = 0; i < n.nparm; ++i) {

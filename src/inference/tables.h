@@ -17,8 +17,8 @@ struct TVAL {
   double upper = 0.0;    // out: upper confidence limit
 };
 
-// tvltval: fills the outputs. (tvl procedure, tval t value.) Returns 0; 1 when all outputs are missing because an input is
-// missing or estimate and error are both 0.
+// tvltval: fills the outputs. (tvl procedure, tval t value.) Returns 0; 1 when all outputs are missing because an input
+// is missing or estimate and error are both 0.
 int tvltval(TVAL& t);
 
 // "FitStatistics": -2 log likelihood, AIC, AICC, BIC of a fit with minimized objective n.fval.
@@ -27,8 +27,8 @@ void write_fit_statistics(model::NX& n);
 // tvlpest: "StartingValues" (job < 0) or "ParameterEstimates" (job > 0). (tvl procedure, pest parameter estimates.)
 void tvlpest(model::NX& n, int job);
 
-// tvlphes: a square matrix of the parameters (tvl procedure, phes print Hessian): job -1 "StartingHessian", 0 "Hessian",
-// 1 "CovMatParmEst", 2 "CorrMatParmEst".
+// tvlphes: a square matrix of the parameters (tvl procedure, phes print Hessian): job -1 "StartingHessian", 0
+// "Hessian", 1 "CovMatParmEst", 2 "CorrMatParmEst".
 void tvlphes(model::NX& n, int job);
 
 // The tables of the fit after tvlsolv, in their order: fit statistics, estimates, Hessian, covariance, correlation.

@@ -34,7 +34,8 @@ PARMSTR& parameter_of(NX& n, const StItem& item)
 
 [[noreturn]] void refuse(NX& n, int number, const StItem& item)
 {
-  n.host->log().xpmlog(503, number, {{"problem", "a number stands on both sides of a comparison"}}, place_at(n, "BOUNDS", item.where));
+  n.host->log().xpmlog(503, number, {{"problem", "a number stands on both sides of a comparison"}},
+                       place_at(n, "BOUNDS", item.where));
   tvlexit(n, 1012);
 }
 
@@ -64,7 +65,8 @@ void apply(NX& n, const Relation& r, double slack)
   }
 }
 
-// The pairs of a statement: operand list k, operator, operand list k + 1; every symbol of one side with every one of the other.
+// The pairs of a statement: operand list k, operator, operand list k + 1; every symbol of one side with every one of
+// the other.
 std::vector<Relation> relations_of(const syntax::STMT& stmt)
 {
   std::vector<Relation> relations;

@@ -11,8 +11,9 @@ struct StepOutcome {
   int exit_code = 0;   // ExitCode
 };
 
-// hsttorvl: runs one step: statement processing, then for each BY group data pass, starting values, fit, tables. n holds the
-// host, the parsed statements, the source map and the input data set; nothing survives the call but what the host was given.
+// hsttorvl: runs one step: statement processing, then for each BY group data pass, starting values, fit, tables. n
+// holds the host, the parsed statements, the source map and the input data set; nothing survives the call but what the
+// host was given.
 StepOutcome hsttorvl(model::NX& n);
 
 } // namespace torvale::run

@@ -3,7 +3,8 @@
 
 namespace torvale::run {
 
-// Exit codes, worst first: internal 1, command line 2, program 3, data 4, no valid start 7, no convergence 5, no covariance 6.
+// Exit codes, worst first: internal 1, command line 2, program 3, data 4, no valid start 7, no convergence 5, no
+// covariance 6.
 enum ExitCode : int {
   exit_clean = 0,
   exit_internal = 1,

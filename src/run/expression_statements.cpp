@@ -60,7 +60,8 @@ void specialise(NX& n, EstimateStatement& e)
   std::vector<engine::CMPSYM*> outputs(e.expr.s);
   outputs.resize(rows + rows * np, nullptr);
   for (std::size_t k = 0; k < e.der.objindex.size(); ++k)
-    outputs[rows + static_cast<std::size_t>(e.der.objindex[k]) * np + static_cast<std::size_t>(e.der.wrtindex[k])] = e.der.der.s[k];
+    outputs[rows + static_cast<std::size_t>(e.der.objindex[k]) * np + static_cast<std::size_t>(e.der.wrtindex[k])] =
+        e.der.der.s[k];
   e.program = engine::cmpspec(*n.gcmp, outputs);
 }
 

@@ -17,10 +17,10 @@ std::string filled(std::string line, std::initializer_list<double> numbers)
   return line;
 }
 
-constexpr double eps = 1.110223024625157e-16;      // smallest accepted probability or positive argument
-constexpr double one_minus_eps = 1.0 - eps;        // largest accepted probability
-constexpr double big = 1.3407807929943e+154;       // largest residual or mean
-constexpr double negbig = -1e+20;                  // log likelihood of an impossible observation
+constexpr double eps = 1.110223024625157e-16; // smallest accepted probability or positive argument
+constexpr double one_minus_eps = 1.0 - eps;   // largest accepted probability
+constexpr double big = 1.3407807929943e+154;  // largest residual or mean
+constexpr double negbig = -1e+20;             // log likelihood of an impossible observation
 constexpr double log2pi = 1.8378770664093456;
 constexpr double pi = 3.141592653589793;
 
@@ -76,29 +76,35 @@ Lines negative_binomial()
 {
   return {"_x = _y; _n = _arg1; _p = _arg2;",
           filled("if (_x<0) or (_n<=%1) or (_p<=%1) or (_p>=%2) then _ll = %3;", {eps, one_minus_eps, negbig}),
-          "else do; _lc = lgamma(_n+_x) - lgamma(_n) - lgamma(1+_x);",
-          "_ll = _lc + _n*log(_p) + _x*log(1-_p); end;"};
+          "else do; _lc = lgamma(_n+_x) - lgamma(_n) - lgamma(1+_x);", "_ll = _lc + _n*log(_p) + _x*log(1-_p); end;"};
 }
 
 Lines gamma_distribution()
 {
   return {"_x = _y; _a = _arg1; _b = _arg2;",
           filled("if (_x<=%1) or (_a<=%1) or (_b<=%1) then _ll = %2;", {eps, negbig}),
-          "else do; _lc = -_a*log(_b) - lgamma(_a);",
-          "_ll = _lc + (-1+_a)*log(_x) - _x/_b; end;"};
+          "else do; _lc = -_a*log(_b) - lgamma(_a);", "_ll = _lc + (-1+_a)*log(_x) - _x/_b; end;"};
 }
 
 Lines body(const ModelText& model)
 {
   switch (model.code) {
-  case 0: return normal(model.singvar);
-  case 1: return student(model.singvar);
-  case 2: return binary();
-  case 3: return binomial();
-  case 4: return poisson();
-  case 6: return negative_binomial();
-  case 7: return gamma_distribution();
-  default: return {"_ll = _arg1;"};
+  case 0:
+    return normal(model.singvar);
+  case 1:
+    return student(model.singvar);
+  case 2:
+    return binary();
+  case 3:
+    return binomial();
+  case 4:
+    return poisson();
+  case 6:
+    return negative_binomial();
+  case 7:
+    return gamma_distribution();
+  default:
+    return {"_ll = _arg1;"};
   }
 }
 

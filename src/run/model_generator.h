@@ -8,9 +8,9 @@ namespace torvale::run {
 
 // What MODEL says, and the option that its statements depend on.
 struct ModelText {
-  int code = 0;                       // distribution: 0 normal, 1 t, 2 binary, 3 binomial, 4 Poisson, 5 general, 6 negative
-                                      // binomial, 7 gamma
-  std::string dependent;              // name of the dependent variable
+  int code = 0;          // distribution: 0 normal, 1 t, 2 binary, 3 binomial, 4 Poisson, 5 general, 6 negative
+                         // binomial, 7 gamma
+  std::string dependent; // name of the dependent variable
   std::vector<std::string> arguments; // texts of the argument expressions
   double singvar = 0.0;               // smallest accepted variance
 };
@@ -18,8 +18,9 @@ struct ModelText {
 // Arguments that a distribution takes.
 int expected_arguments(int code);
 
-// tvlmodl: the statements, one line each, in order. (tvl procedure, modl MODEL.) Each argument is bound once to a variable,
-// so that compound expressions keep their meaning and are evaluated once; constants are written with all their digits.
+// tvlmodl: the statements, one line each, in order. (tvl procedure, modl MODEL.) Each argument is bound once to a
+// variable, so that compound expressions keep their meaning and are evaluated once; constants are written with all
+// their digits.
 std::vector<std::string> tvlmodl(const ModelText& model);
 
 } // namespace torvale::run

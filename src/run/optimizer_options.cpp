@@ -1,4 +1,5 @@
-// The options of the TORVALE statement that belong to the optimizer. Only what was given is copied; every default is the library's.
+// The options of the TORVALE statement that belong to the optimizer. Only what was given is copied; every default is
+// the library's.
 
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
@@ -117,7 +118,8 @@ void printing_options(NX& n)
   if (cov.pini != 0) n.pstart = true;
 }
 
-// Where only function values exist, the gradient comes by differences, and a Hessian by differences of it makes no sense.
+// Where only function values exist, the gradient comes by differences, and a Hessian by differences of it makes no
+// sense.
 void difference_mode(NX& n)
 {
   auto& str = *n.str;
@@ -125,7 +127,10 @@ void difference_mode(NX& n)
   if (values_only) {
     str.fidi = n.fd == 2 ? 2 : 1;
     if (n.fdh != 0) {
-      n.host->log().xpmlog(503, n.fd != 0 ? 361 : 362, {{"method", n.method == 1 ? "FIRO" : n.method == 2 ? "HARDY" : "nested RANDOM"}});
+      n.host->log().xpmlog(503, n.fd != 0 ? 361 : 362,
+                           {{"method", n.method == 1   ? "FIRO"
+                                       : n.method == 2 ? "HARDY"
+                                                       : "nested RANDOM"}});
       n.raise(4);
     }
     str.fihs = 0;
@@ -134,10 +139,10 @@ void difference_mode(NX& n)
   }
 }
 
-// Parameters of a model differ in size by orders of magnitude, and a quasi-Newton run from the identity spends most of its
-// iterations on finding that out (sleep study: 40 objective calls and a stop 0.05 above the minimum; 13 calls and the minimum
-// with the Hessian at the start, its own calls included). With analytic gradients the start metric is therefore that
-// Hessian unless the statement says otherwise.
+// Parameters of a model differ in size by orders of magnitude, and a quasi-Newton run from the identity spends most of
+// its iterations on finding that out (sleep study: 40 objective calls and a stop 0.05 above the minimum; 13 calls and
+// the minimum with the Hessian at the start, its own calls included). With analytic gradients the start metric is
+// therefore that Hessian unless the statement says otherwise.
 void start_metric(NX& n, const STMT& procedure)
 {
   const bool given = procedure.flag(1) || procedure.given(15);
@@ -175,6 +180,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.usgrd = str.fidi == 0 ? integration::nlpgrad : nullptr;
   str.uster = solve::nlpterm;
   str.message = solve::optimizer_message;
+  str.zmsg = 2; // a limit that ends a fit is a warning
   str.check_row = solve::gradient_check_row;
   n.covstr->dependency = solve::dependency_row;
   str.clock = [](MINSTR* s) { return static_cast<NX*>(s->comstr)->host->seconds(); };

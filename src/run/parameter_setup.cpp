@@ -1,4 +1,5 @@
-// Which names are parameters: those of PARMS, those of its data set, and names that the program uses and nobody gives a value.
+// Which names are parameters: those of PARMS, those of its data set, and names that the program uses and nobody gives a
+// value.
 
 #include "data/starting_values.h"
 #include "host/text.h"
@@ -43,8 +44,8 @@ bool is_random_effect(const NX& n, std::string_view name)
 
 bool undefined(const NX& n, const CMPSYM& s)
 {
-  return s.used && !s.assigned && s.dsvarno == 0 && !s.array_element && s.status != 0 && s.kind != 'e' && s.kind != 'd' &&
-         !is_random_effect(n, s.name);
+  return s.used && !s.assigned && s.dsvarno == 0 && !s.array_element && s.status != 0 && s.kind != 'e' &&
+         s.kind != 'd' && !is_random_effect(n, s.name);
 }
 
 void refuse_repeated(NX& n, const std::vector<NamedValues>& named)
@@ -61,9 +62,12 @@ void refuse_other_roles(NX& n, const NamedValues& named, const CMPSYM& symbol)
 {
   const auto place = place_at(n, "PARMS", named.where);
   int number = 0;
-  if (reserved_name(named.name)) number = 9321;
-  else if (is_random_effect(n, named.name)) number = 9324;
-  else if (symbol.assigned) number = 9322;
+  if (reserved_name(named.name))
+    number = 9321;
+  else if (is_random_effect(n, named.name))
+    number = 9324;
+  else if (symbol.assigned)
+    number = 9322;
   if (number == 0) return;
   n.host->log().xpmlog(503, number, {{"name", named.name}, {"role", "a parameter"}}, place);
   tvlexit(n, 3000);
@@ -133,12 +137,15 @@ void parameter_setup(NX& n)
 
   std::vector<engine::DataVariable> variables;
   for (const auto& column : n.fid->columns())
-    variables.push_back({column.name(), !column.numeric(), static_cast<int>(column.numeric() ? 8 : column.text_width())});
+    variables.push_back(
+        {column.name(), !column.numeric(), static_cast<int>(column.numeric() ? 8 : column.text_width())});
   const auto is_named = [&](std::string_view name) {
-    return std::any_of(named.begin(), named.end(), [&](const NamedValues& v) { return host::equal_names(v.name, name); });
+    return std::any_of(named.begin(), named.end(),
+                       [&](const NamedValues& v) { return host::equal_names(v.name, name); });
   };
   if (engine::cmprslv(*n.gcmp, variables) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
-  if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0) tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
+  if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0)
+    tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
   refuse_repeated(n, named);
 
   std::vector<std::string> defaulted;

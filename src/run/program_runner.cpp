@@ -37,7 +37,8 @@ public:
       ensure_step();
       report(parsed.diagnostics);
       if (request_.check_only && parsed.found)
-        result.statements.push_back(language::statement_listing(sources_, parsed.proc) + language::program_listing(parsed.proc.program));
+        result.statements.push_back(language::statement_listing(sources_, parsed.proc) +
+                                    language::program_listing(parsed.proc.program));
       StepOutcome outcome = parsed.found ? finish(parsed) : StepOutcome{3000, exit_program};
       if (host_.interrupted()) {
         host_.log().xpmlog(503, 9343);
@@ -132,7 +133,8 @@ private:
     if (method == 1 && text.code != 0) return refuse(19, {});
     if (text.code == 8) return refuse(333, {});
     const int expected = expected_arguments(text.code);
-    if (static_cast<int>(arguments.size()) != expected) return refuse(14, {{"expected", expected}, {"found", arguments.size()}});
+    if (static_cast<int>(arguments.size()) != expected)
+      return refuse(14, {{"expected", expected}, {"found", arguments.size()}});
     if (method == 1 && !procedure.flag(72)) return 0; // the first-order method takes mean and variance themselves
     if (model.slot(1).list.empty()) return 0;
     text.dependent = model.slot(1).list[0].text;
@@ -171,7 +173,8 @@ private:
     }
   }
 
-  // --- A step that has been read ---------------------------------------------------------------------------------------
+  // --- A step that has been read
+  // ---------------------------------------------------------------------------------------
 
   StepOutcome finish(language::ParseResult& parsed)
   {

@@ -11,12 +11,12 @@
 namespace torvale::run {
 
 struct ProgramRequest {
-  std::string name;         // file name of the program, for messages
-  std::string folder;       // folder that INCLUDE paths are relative to
-  std::string text;         // the program
-  int threads = 0;          // workers when the program does not say
-  long seed = 0;            // seed when the program does not say; 0 the clock
-  bool check_only = false;  // parse and compile only
+  std::string name;                              // file name of the program, for messages
+  std::string folder;                            // folder that INCLUDE paths are relative to
+  std::string text;                              // the program
+  int threads = 0;                               // workers when the program does not say
+  long seed = 0;                                 // seed when the program does not say; 0 the clock
+  bool check_only = false;                       // parse and compile only
   std::function<void(const model::NX&)> observe; // called with the record of each step that ran, before it is gone
 };
 

@@ -10,7 +10,10 @@
 
 namespace torvale {
 
-std::string_view version() { return TORVALE_VERSION; }
+std::string_view version()
+{
+  return TORVALE_VERSION;
+}
 
 struct Session::State {
   RunSettings settings;
@@ -38,7 +41,8 @@ RunOutcome Session::run(std::string program)
 {
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
-  auto result = run::run_program(*state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
+  auto result = run::run_program(
+      *state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();
@@ -51,8 +55,14 @@ std::shared_ptr<const host::DataSet> Session::data_set(const std::string& name, 
   return data ? std::make_shared<const host::DataSet>(std::move(*data)) : nullptr;
 }
 
-void Session::interrupt() { state_->host->interrupt(); }
+void Session::interrupt()
+{
+  state_->host->interrupt();
+}
 
-std::string explain(std::string_view code) { return host::explain_message(code); }
+std::string explain(std::string_view code)
+{
+  return host::explain_message(code);
+}
 
 } // namespace torvale

@@ -18,11 +18,16 @@ std::string joined(const std::vector<std::string>& parts, const char* between)
 int method_text(const NX& n)
 {
   switch (n.method) {
-  case 0: return n.nreff() == 0 ? 65 : n.adaptive ? 61 : 62;
-  case 3: return n.adaptive ? 67 : 68;
-  case 4: return 69;
-  case 1: return 63;
-  default: return 64;
+  case 0:
+    return n.nreff() == 0 ? 65 : n.adaptive ? 61 : 62;
+  case 3:
+    return n.adaptive ? 67 : 68;
+  case 4:
+    return 69;
+  case 1:
+    return 63;
+  default:
+    return 64;
   }
 }
 

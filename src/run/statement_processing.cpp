@@ -43,8 +43,8 @@ int log_diagnostics(NX& n)
 
 bool reserved_name(std::string_view name)
 {
-  static constexpr std::array reserved = {"_ll", "_resid", "_var", "_df", "_df2", "_lc", "_r", "_m", "_p", "_x", "_n",
-                                          "_a", "_b", "_lambda", "_y", "_arg1", "_arg2", "_arg3"};
+  static constexpr std::array reserved = {"_ll", "_resid", "_var", "_df", "_df2",    "_lc", "_r",    "_m",    "_p",
+                                          "_x",  "_n",     "_a",   "_b",  "_lambda", "_y",  "_arg1", "_arg2", "_arg3"};
   return std::any_of(reserved.begin(), reserved.end(), [&](const char* r) { return host::equal_names(r, name); });
 }
 
@@ -87,7 +87,8 @@ void refuse_second(NX& n, const char* word)
   tvlexit(n, 3000);
 }
 
-// The statements and options of this version's language that the run cannot serve end it with a message: never a fit without them.
+// The statements and options of this version's language that the run cannot serve end it with a message: never a fit
+// without them.
 void refuse_unserved(NX& n)
 {
   const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
@@ -96,8 +97,10 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "PREDICT" || stmt.name == "MCMC" || stmt.name == "CMPTMODEL") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
-    if (stmt.name == "RANDOM" && (stmt.given(6) || stmt.given(9) || stmt.given(10))) refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "PREDICT" || stmt.name == "MCMC" || stmt.name == "CMPTMODEL")
+      refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
+    if (stmt.name == "RANDOM" && (stmt.given(6) || stmt.given(9) || stmt.given(10)))
+      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
   if (procedure.given(89)) refuse("OUTQ=", "TORVALE", procedure.slot(89).where);
@@ -122,7 +125,8 @@ void dependent_variable(NX& n)
     log.xpmlog(503, 5, arguments, place);
     tvlexit(n, 3000);
   }
-  if ((n.depsym != nullptr && n.depsym->type == 'c') || (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
+  if ((n.depsym != nullptr && n.depsym->type == 'c') ||
+      (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
     log.xpmlog(503, 39, {{"name", n.depname}}, place);
     tvlexit(n, 3000);
   }
@@ -149,8 +153,10 @@ void random_statements(NX& n, const STMT& procedure)
     return;
   }
   if (statements.size() > 1) {
-    if (n.method != 0) log.xpmlog(503, 501, {}, place_at(n, "RANDOM", statements[1]->where));
-    else log.xpmlog(503, 9330, {{"what", "a second RANDOM statement"}}, place_at(n, "RANDOM", statements[1]->where));
+    if (n.method != 0)
+      log.xpmlog(503, 501, {}, place_at(n, "RANDOM", statements[1]->where));
+    else
+      log.xpmlog(503, 9330, {{"what", "a second RANDOM statement"}}, place_at(n, "RANDOM", statements[1]->where));
     tvlexit(n, 3000);
   }
   n.reff.resize(1);

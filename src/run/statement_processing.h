@@ -8,9 +8,10 @@ namespace torvale::run {
 // tvlexit: ends the step from anywhere with a return code (tvl procedure, exit). Never returns; caught by the driver.
 [[noreturn]] void tvlexit(model::NX& n, int return_code);
 
-// tvlinit: statement processing (tvl procedure, init initialize): options, MODEL, parameters, RANDOM, bounds, expressions,
-// derivative requests, code. n.host, n.proc, n.sources, n.fid are set before. Faults leave through tvlexit with 3000 or 1012.
-// Nothing in it reads observations; its order is part of the behaviour, since an earlier check hides a later one.
+// tvlinit: statement processing (tvl procedure, init initialize): options, MODEL, parameters, RANDOM, bounds,
+// expressions, derivative requests, code. n.host, n.proc, n.sources, n.fid are set before. Faults leave through tvlexit
+// with 3000 or 1012. Nothing in it reads observations; its order is part of the behaviour, since an earlier check hides
+// a later one.
 void tvlinit(model::NX& n);
 
 // --- The stages of tvlinit, in their order -------------------------------------------------------------------------
@@ -23,7 +24,8 @@ void model_statement(model::NX& n);
 void parameter_setup(model::NX& n);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
-// Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc, callbacks).
+// Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc,
+// callbacks).
 void optimizer_setup(model::NX& n, const syntax::STMT& procedure);
 // process_bounds: every BOUNDS statement into lower and upper bounds of PARMSTR.
 void process_bounds(model::NX& n);

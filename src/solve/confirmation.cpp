@@ -19,7 +19,8 @@ constexpr int most_restarts = 4;
 // Techniques that carry an approximation of the Hessian; the others use the true one, or none at all.
 bool approximates_hessian(int tech)
 {
-  return tech == optimizer::QUANEW || tech == optimizer::DUQUAN || tech == optimizer::DBLDOG || tech == optimizer::CONGRA;
+  return tech == optimizer::QUANEW || tech == optimizer::DUQUAN || tech == optimizer::DBLDOG ||
+         tech == optimizer::CONGRA;
 }
 
 // Negative eigenvalues on the parameters that are free: the point is no minimum, whatever the gradient says.
@@ -42,9 +43,9 @@ int trust_region_test(MINSTR* str, int job)
   return optimizer::znlptrm(str, job);
 }
 
-// From a point with an indefinite Hessian trust-region steps lead on downhill, where a quasi-Newton metric (always positive
-// definite) sees nothing to gain. They run on a record of their own; the point they reach becomes the run's. False when
-// they gain nothing.
+// From a point with an indefinite Hessian trust-region steps lead on downhill, where a quasi-Newton metric (always
+// positive definite) sees nothing to gain. They run on a record of their own; the point they reach becomes the run's.
+// False when they gain nothing.
 bool leave_saddle(NX& n)
 {
   const MINSTR& run = *n.str;
@@ -75,7 +76,8 @@ bool leave_saddle(NX& n)
   n.str->ngrd += region.ngrd;
   if (!(region.crit < run.crit - 1e-10 * std::max(1.0, std::abs(run.crit)))) return false;
   std::copy_n(region.x, n.nparm, n.str->x);
-  n.host->log().xpmlog(503, 9360, {{"iterations", static_cast<long>(region.nitr)}, {"from", run.crit}, {"to", region.crit}});
+  n.host->log().xpmlog(503, 9360,
+                       {{"iterations", static_cast<long>(region.nitr)}, {"from", run.crit}, {"to", region.crit}});
   return optimizer::znlpdrv(n.str.get(), 1, 0, 0, 0) == 0;
 }
 
@@ -93,7 +95,10 @@ double newton_reduction(const NX& n)
   // L L' = H on the free parameters, scaled to a unit diagonal; then g' H^-1 g = |L^-1 g|^2.
   const auto m = static_cast<int>(free.size());
   std::vector<double> factor, g(static_cast<std::size_t>(m));
-  const auto h = [&](int i, int j) { return hessian.elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)]; };
+  const auto h = [&](int i, int j) {
+    return hessian
+        .elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)];
+  };
   for (int r = 0; r < m; ++r) {
     const int i = free[static_cast<std::size_t>(r)];
     if (!(h(i, i) > 0)) return host::missing;
@@ -123,7 +128,8 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
                         (code == optimizer::code_absgconv && !user_gave_gradient_test) ||
                         (code == optimizer::code_fconv && !user_gave_function_test);
     if (!unsure || n.nparm == 0 || !approximates_hessian(str.tech) || n.host->interrupted()) break;
-    if (indefinite(n) && str.fidi == 0 && restart < most_restarts && static_cast<double>(str.nfct) < str.maxf && leave_saddle(n)) {
+    if (indefinite(n) && str.fidi == 0 && restart < most_restarts && static_cast<double>(str.nfct) < str.maxf &&
+        leave_saddle(n)) {
       n.iterations_before += static_cast<long>(str.nitr);
       str.load = 1;
       continue;
@@ -136,6 +142,8 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
         str.rcod = optimizer::code_gconv;
         n.optimizer_messages.clear();
       }
+      // Message 136 judges a gradient element by its size alone; the Hessian has just judged it better.
+      std::erase_if(n.optimizer_messages, [](const host::Message& m) { return m.group == 549 && m.number == 136; });
       break;
     }
     const bool gained = start - str.crit > 0.1 * reduction || restart == 0;

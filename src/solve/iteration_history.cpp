@@ -17,21 +17,28 @@ using optimizer::MINSTR;
 
 namespace {
 
-// The columns of a technique beyond the common ones: layout 15 DBLDOG, 18 ridge, 23 line search, 28 simplex, 31 trust region.
+// The columns of a technique beyond the common ones: layout 15 DBLDOG, 18 ridge, 23 line search, 28 simplex, 31 trust
+// region.
 int layout_of(int tech)
 {
   switch (tech) {
-  case optimizer::TRUREG: return 31;
+  case optimizer::TRUREG:
+    return 31;
   case optimizer::NRRIDG:
-  case optimizer::NRLINS: return 18;
-  case optimizer::DBLDOG: return 15;
+  case optimizer::NRLINS:
+    return 18;
+  case optimizer::DBLDOG:
+    return 15;
   case optimizer::NMSIMP:
-  case optimizer::NMSIM2: return 28;
+  case optimizer::NMSIM2:
+    return 28;
   case optimizer::NEWRAP:
   case optimizer::QUANEW:
   case optimizer::DUQUAN:
-  case optimizer::CONGRA: return 23;
-  default: return 0;
+  case optimizer::CONGRA:
+    return 23;
+  default:
+    return 0;
   }
 }
 
@@ -55,7 +62,8 @@ std::vector<TableColumn> history_columns(const NX& n, int layout)
     for (const auto& p : n.parmstr) columns.push_back({p.parmname, CellKind::number, p.parmname, "D8.4", "Parameter"});
     if (layout != 28)
       for (int j = 1; j <= n.nparm; ++j)
-        columns.push_back({"Grad" + std::to_string(j), CellKind::number, host::otbmsg(503, 104, {{"number", j}}), "D8.4", "Grad"});
+        columns.push_back(
+            {"Grad" + std::to_string(j), CellKind::number, host::otbmsg(503, 104, {{"number", j}}), "D8.4", "Grad"});
   }
   columns.push_back(number(layout == 28 ? "StdDev" : "MaxGrad"));
   if (n.itdetails) {
@@ -137,18 +145,27 @@ std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
   if (code >= 1 && code <= 9) return {filled(7, {criterion}), 0};
   if (code > 100) return {filled(57, {criterion, std::to_string(str.toln[code - 101])}), 0};
   switch (code) {
-  case 10: return {filled(3, {}), 0};
+  case 10:
+    return {filled(3, {}), 0};
   case -1:
   case -2:
   case -3:
-  case -4: return {filled(130 - code, {}), 1};
-  case -5: return {filled(4, {}), 1};
-  case -6: return {filled(8, {}), 1};
-  case -7: return {filled(9, {}), 1};
-  case -8: return {filled(1, {host::shortest(str.maxi), host::shortest(str.maxf)}), 1};
-  case -9: return {filled(2, {host::shortest(str.upti)}), 1};
-  case -10: return {filled(130, {}), 1};
-  default: return code < -10 ? std::pair{filled(6, {}), 2} : std::pair{std::string(), 0};
+  case -4:
+    return {filled(130 - code, {}), 1};
+  case -5:
+    return {filled(4, {}), 1};
+  case -6:
+    return {filled(8, {}), 1};
+  case -7:
+    return {filled(9, {}), 1};
+  case -8:
+    return {filled(1, {host::shortest(str.maxi), host::shortest(str.maxf)}), 1};
+  case -9:
+    return {filled(2, {host::shortest(str.upti)}), 1};
+  case -10:
+    return {filled(130, {}), 1};
+  default:
+    return code < -10 ? std::pair{filled(6, {}), 2} : std::pair{std::string(), 0};
   }
 }
 
@@ -175,11 +192,14 @@ void tvliter(NX& n, int job)
     n.ithis = &n.host->tables().open(host::Table("IterHistory", host::otbmsg(503, 110), history_columns(n, layout)));
   if (job > 0 && job % 2 == 1 && n.ithis != nullptr) {
     write_row(n, str, layout);
-    n.host->progress("iteration " + std::to_string(static_cast<long>(str.nitr)) + ", objective " + host::shortest(str.crit));
+    n.host->progress("iteration " + std::to_string(static_cast<long>(str.nitr)) + ", objective " +
+                     host::shortest(str.crit));
   }
   if (n.loglevel > 1) {
-    if (job == 10) n.host->log().xpmlog(503, 405, {{"objective", str.crit}});
-    else n.host->log().xpmlog(503, 406, {{"iteration", static_cast<long>(str.nitr)}, {"objective", str.crit}});
+    if (job == 10)
+      n.host->log().xpmlog(503, 405, {{"objective", str.crit}});
+    else
+      n.host->log().xpmlog(503, 406, {{"iteration", static_cast<long>(str.nitr)}, {"objective", str.crit}});
   }
 }
 
@@ -187,7 +207,8 @@ int nlpterm(MINSTR* str, int job)
 {
   NX& n = *static_cast<NX*>(str->comstr);
   n.converged = false;
-  if (str->nitr == 0 && job == 10 && n.pstart && n.starting_tables != nullptr && n.ithis == nullptr) n.starting_tables(n);
+  if (str->nitr == 0 && job == 10 && n.pstart && n.starting_tables != nullptr && n.ithis == nullptr)
+    n.starting_tables(n);
   if (str->nitr == 0 && job == 10 && n.iterations_before == 0) n.cold = str->crit;
   if (job > 0) {
     n.parm.assign(str->x, str->x + n.nparm);
@@ -207,11 +228,14 @@ void optimizer_message(MINSTR* str, int group, int number, int severity, const d
   std::vector<std::string> shown;
   const bool names_criterion = group == 549 && number >= 607 && number <= 612; // its first value is a termination code
   for (int k = 0; k < count; ++k)
-    shown.push_back(k == 0 && names_criterion ? optimizer::criterion_name(static_cast<int>(values[k])) : host::readable(values[k]));
+    shown.push_back(k == 0 && names_criterion ? optimizer::criterion_name(static_cast<int>(values[k]))
+                                              : host::readable(values[k]));
   host::Message message;
   message.group = group;
   message.number = number;
-  message.severity = severity >= 3 ? host::Severity::error : severity == 2 ? host::Severity::warning : host::Severity::note;
+  message.severity = severity >= 3   ? host::Severity::error
+                     : severity == 2 ? host::Severity::warning
+                                     : host::Severity::note;
   message.text = library_words(group, number, shown);
   n.optimizer_messages.push_back(std::move(message));
 }

@@ -14,15 +14,16 @@ void gradient_check_row(optimizer::MINSTR* str, const optimizer::GradientCheckRo
 {
   NX& n = *static_cast<NX*>(str->comstr);
   if (n.gradient_check == nullptr)
-    n.gradient_check = &n.host->tables().open(
-        host::Table("GradCheck", host::otbmsg(503, 9350),
-                    {{"Parameter", CellKind::text, "", "", ""}, {"Analytic", CellKind::number, "Analytic", "D12.6", ""},
-                     {"Difference", CellKind::number, "Difference Quotient", "D12.6", ""},
-                     {"Error", CellKind::number, "Relative Error", "D9.2", ""},
-                     {"Allowed", CellKind::number, "Explained by Rounding", "D9.2", ""},
-                     {"Verdict", CellKind::text, "Verdict", "", ""}}));
-  n.gradient_check->row({n.parmstr[static_cast<std::size_t>(row.parameter)].parmname, row.analytic, row.difference, row.error,
-                         row.allowed, row.agrees ? "agrees" : "differs"});
+    n.gradient_check =
+        &n.host->tables().open(host::Table("GradCheck", host::otbmsg(503, 9350),
+                                           {{"Parameter", CellKind::text, "", "", ""},
+                                            {"Analytic", CellKind::number, "Analytic", "D12.6", ""},
+                                            {"Difference", CellKind::number, "Difference Quotient", "D12.6", ""},
+                                            {"Error", CellKind::number, "Relative Error", "D9.2", ""},
+                                            {"Allowed", CellKind::number, "Explained by Rounding", "D9.2", ""},
+                                            {"Verdict", CellKind::text, "Verdict", "", ""}}));
+  n.gradient_check->row({n.parmstr[static_cast<std::size_t>(row.parameter)].parmname, row.analytic, row.difference,
+                         row.error, row.allowed, row.agrees ? "agrees" : "differs"});
   if (row.parameter + 1 == n.nparm) {
     n.host->tables().close(*n.gradient_check);
     n.gradient_check = nullptr;
@@ -36,8 +37,10 @@ void dependency_row(optimizer::MINSTR* str, const optimizer::DependencyRow& row)
   for (int j = 0; j < n.nparm; ++j) {
     const double c = row.coefficients[j];
     if (c == 0.0 || std::isnan(c)) continue;
-    if (!words.empty()) words += c < 0 ? " - " : " + ";
-    else if (c < 0) words += "-";
+    if (!words.empty())
+      words += c < 0 ? " - " : " + ";
+    else if (c < 0)
+      words += "-";
     words += host::format_number(std::abs(c), host::parse_format("BEST8"));
     words += " * ";
     words += n.parmstr[static_cast<std::size_t>(j)].parmname;

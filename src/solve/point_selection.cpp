@@ -21,7 +21,10 @@ double evaluate_with(NX& n, int points)
   return n.objfun;
 }
 
-bool has_value(double objective) { return objective < model::failure_objective; }
+bool has_value(double objective)
+{
+  return objective < model::failure_objective;
+}
 
 // Points can mend a sum over them that came out zero; a failure before the points were reached stays one.
 bool failed_before_points(const NX& n)
@@ -51,8 +54,8 @@ int settle_points(NX& n)
   }
   for (;;) {
     n.nqpold = n.nqp;
-    const double accepted = f;                                      // objective of the count nqpold
-    const double fold = std::abs(f) < n.qtol ? n.qtol : f;          // guarded denominator
+    const double accepted = f;                             // objective of the count nqpold
+    const double fold = std::abs(f) < n.qtol ? n.qtol : f; // guarded denominator
     const int next = n.nqp < 10 ? n.nqp + 2 : static_cast<int>(n.nqp + n.qfac);
     if (next > n.qmax) {
       n.host->log().xpmlog(503, 270, {{"points", n.nqpold}, {"tolerance", n.qtol}, {"change", change}});

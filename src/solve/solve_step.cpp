@@ -55,11 +55,12 @@ void CheckEigVals(NX& n)
   if (!record.present) return;
   if (zeros > (cov.projected.present ? 0.0 : fixed)) n.host->log().xpmlog(503, 271, {{"count", zeros}});
   if (record.det[3] > 0)
-    n.host->log().xpmlog(503, 272, {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
+    n.host->log().xpmlog(503, 272,
+                         {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
 }
 
-// An estimate within the tolerance of a bound is put on it. The tolerance grows with ipre, which the library raises while
-// it makes a start feasible; more than a factor 100 would move estimates visibly.
+// An estimate within the tolerance of a bound is put on it. The tolerance grows with ipre, which the library raises
+// while it makes a start feasible; more than a factor 100 would move estimates visibly.
 void snap_to_bounds(NX& n)
 {
   MINSTR& str = *n.str;
@@ -67,8 +68,10 @@ void snap_to_bounds(NX& n)
   const double eps = str.ceps * std::pow(10.0, std::min(str.ipre, 2));
   for (int i = 0; i < n.nparm; ++i) {
     const double x = str.x[i];
-    if (str.lb[i] > -largest && str.iabc[i] != 2 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps) str.x[i] = str.lb[i];
-    if (str.ub[i] < largest && str.iabc[i] != 2 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps) str.x[i] = str.ub[i];
+    if (str.lb[i] > -largest && str.iabc[i] != 2 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
+      str.x[i] = str.lb[i];
+    if (str.ub[i] < largest && str.iabc[i] != 2 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
+      str.x[i] = str.ub[i];
   }
 }
 
@@ -112,14 +115,15 @@ void degrees_of_freedom(NX& n)
     n.dfe = n.nreff() > 0 ? n.reff[0].nrepsub - n.reff[0].nr : static_cast<double>(n.store->nobsu);
 }
 
-// A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that ended at
-// the slack of its strict bound.
+// A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that
+// ended at the slack of its strict bound.
 void warn_small(NX& n)
 {
   for (int i = 0; i < n.nparm && !n.covmat.empty(); ++i) {
     const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
     if (d > 0 && d < n.singvar && n.str->iabc[i] == 0)
-      n.host->log().xpmlog(503, 9220, {{"name", n.parmstr[static_cast<std::size_t>(i)].parmname}, {"error", std::sqrt(d)}});
+      n.host->log().xpmlog(503, 9220,
+                           {{"name", n.parmstr[static_cast<std::size_t>(i)].parmname}, {"error", std::sqrt(d)}});
     const auto& p = n.parmstr[static_cast<std::size_t>(i)];
     if (p.applyl && p.lowbound > 0 && p.lowbound <= 2 * n.str->ceps && n.str->x[i] <= p.lowbound * (1 + 1e-6))
       n.host->log().xpmlog(503, 9221, {{"name", p.parmname}, {"bound", p.lowbound}});
@@ -131,6 +135,33 @@ int failure_code(const MINSTR& str, int code)
 {
   if (code == -5) return static_cast<double>(str.mini) <= str.nitr ? 1012 : 0;
   return code == -7 || code == -8 ? 4 : 1012;
+}
+
+// A variance of random effects that came out as 0, or below, says that the effect is absent: its direction is dropped
+// from the integral, and its standard error means nothing.
+void warn_vanished_variance(NX& n)
+{
+  if (n.nreff() != 1 || n.reff[0].distrtype != 0) return;
+  const auto& reff = n.reff[0];
+  engine::Frame frame(*n.gcmp, n.bound);
+  frame.set_parameters(n.str->x);
+  const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
+  frame.set_points(zero.data(), 1, 1);
+  for (const auto& subject : reff.SubInfo) {
+    if (subject.badsub) continue;
+    frame.set_range(subject.fvalidobs, 1);
+    const auto row = static_cast<std::int32_t>(subject.fvalidobs);
+    const std::int32_t lane = 0;
+    if (engine::sequential(*n.programs.setup_value)) frame.reset_state(*n.programs.setup_value, 1);
+    if (frame.run(*n.programs.setup_value, {1, &row, &lane, &lane}) > 2) return;
+    for (int i = 0; i < reff.nr; ++i) {
+      const double variance = frame.output(reff.nr + i * (i + 3) / 2)[0];
+      if (variance > n.singvar) continue;
+      n.host->log().xpmlog(503, 9222, {{"name", reff.names[static_cast<std::size_t>(i)]}, {"value", variance}});
+      n.raise(4);
+    }
+    return; // the variances of the first subject speak for all unless they depend on data
+  }
 }
 
 } // namespace
@@ -168,7 +199,10 @@ int tvlsolv(NX& n)
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
   degrees_of_freedom(n);
-  if (n.znlprc > 0) warn_small(n);
+  if (n.znlprc > 0) {
+    warn_small(n);
+    warn_vanished_variance(n);
+  }
   n.parm.assign(str.x, str.x + n.nparm);
   return n.znlprc;
 }

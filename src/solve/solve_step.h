@@ -5,18 +5,18 @@
 
 namespace torvale::solve {
 
-// tvlsolv: optimizes from n.parm by the optimization library (tvl procedure, solv solve): stage 1 makes the start feasible
-// and evaluates there, stage 2 runs the technique and ends with the covariance of the estimates. Leaves n.znlprc, n.parm
-// (estimates on a bound snapped onto it), n.fval, n.finalgrad, n.hessmat, n.covmat, n.det, standard errors in
-// n.str->ster, n.dfe; warns about the Hessian. Returns n.znlprc: above 0 the estimates are usable.
+// tvlsolv: optimizes from n.parm by the optimization library (tvl procedure, solv solve): stage 1 makes the start
+// feasible and evaluates there, stage 2 runs the technique and ends with the covariance of the estimates. Leaves
+// n.znlprc, n.parm (estimates on a bound snapped onto it), n.fval, n.finalgrad, n.hessmat, n.covmat, n.det, standard
+// errors in n.str->ster, n.dfe; warns about the Hessian. Returns n.znlprc: above 0 the estimates are usable.
 int tvlsolv(model::NX& n);
 
-// nlpterm: the optimizer's termination callback: writes the history, tells the objective which iterate was accepted, and
-// ends with the library's test. (nlp nonlinear problem, term termination.) Returns what znlptrm returns.
+// nlpterm: the optimizer's termination callback: writes the history, tells the objective which iterate was accepted,
+// and ends with the library's test. (nlp nonlinear problem, term termination.) Returns what znlptrm returns.
 int nlpterm(optimizer::MINSTR* str, int job);
 
-// tvliter: one call of the iteration history (tvl procedure, iter iteration): job 10 opens "IterHistory", 1 writes a row,
-// 1000 + code closes it and writes "ConvergenceStatus".
+// tvliter: one call of the iteration history (tvl procedure, iter iteration): job 10 opens "IterHistory", 1 writes a
+// row, 1000 + code closes it and writes "ConvergenceStatus".
 void tvliter(model::NX& n, int job);
 
 // Rows that the optimizer hands over: GRADCHECK's table, and the linear dependencies of a singular Hessian, which

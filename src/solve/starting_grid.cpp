@@ -49,13 +49,18 @@ std::string unusable_values(const NX& n)
     const bool low = p.applyl && value < p.lowbound, high = p.applyh && value > p.highbound;
     if (!std::isnan(value) && !low && !high) continue;
     text += (text.empty() ? "" : ", ") + p.parmname;
-    text += std::isnan(value) ? " is missing" : " = " + host::readable(value) + (low ? " is below its bound " : " is above its bound ") +
-                                                    host::readable(low ? p.lowbound : p.highbound);
+    text += std::isnan(value)
+                ? " is missing"
+                : " = " + host::readable(value) + (low ? " is below its bound " : " is above its bound ") +
+                      host::readable(low ? p.lowbound : p.highbound);
   }
   return text.empty() ? "it has fewer rows than others" : text;
 }
 
-bool keeps_modes(const NX& n) { return n.nreff() > 0 && (n.method == 0 || n.method == 3 || n.lb); }
+bool keeps_modes(const NX& n)
+{
+  return n.nreff() > 0 && (n.method == 0 || n.method == 3 || n.lb);
+}
 
 } // namespace
 

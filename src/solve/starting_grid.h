@@ -6,14 +6,14 @@
 namespace torvale::solve {
 
 // tvlparm: evaluates the objective at each point of the starting grid, keeps the nbest best, settles the number of
-// quadrature points at the first point with a value, writes "Dimensions" and "Parameters", and leaves n.parm, n.objfun and
-// the modes of the best point. (tvl procedure, parm parameters.) Returns 0, or 1 to skip the BY group.
+// quadrature points at the first point with a value, writes "Dimensions" and "Parameters", and leaves n.parm, n.objfun
+// and the modes of the best point. (tvl procedure, parm parameters.) Returns 0, or 1 to skip the BY group.
 int tvlparm(model::NX& n);
 
 // settle_points: builds the point set and evaluates at n.parm; without QPOINTS= raises the number of points until the
 // objective's relative change is below qtol, and settles on the smaller of the last two counts. Returns 0; 1 when the
-// objective has no value here whatever the number of points (another grid point may have one); 2 when qmax was not enough
-// (message 503/270).
+// objective has no value here whatever the number of points (another grid point may have one); 2 when qmax was not
+// enough (message 503/270).
 int settle_points(model::NX& n);
 
 // StartingTables: "Dimensions", and the rows of "Parameters".
@@ -21,7 +21,7 @@ class StartingTables {
 public:
   explicit StartingTables(model::NX& n) : n_(n) {}
   ~StartingTables();
-  void open();                                     // writes "Dimensions", opens "Parameters"
+  void open();                                       // writes "Dimensions", opens "Parameters"
   void point(const double* theta, double objective); // a row; a failed objective shows as missing
   bool is_open() const { return table_ != nullptr; }
 

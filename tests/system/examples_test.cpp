@@ -1,4 +1,5 @@
-// Every shipped example runs clean and has standard errors; the gallery in the documentation shows the programs as they are.
+// Every shipped example runs clean and has standard errors; the gallery in the documentation shows the programs as they
+// are.
 
 #include "system/session.h"
 

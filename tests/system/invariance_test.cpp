@@ -54,7 +54,8 @@ TEST(Invariance, ThreadsGiveTheSameBytes)
     const std::string program = example(name, "QPOINTS=5 COV");
     const std::string serial = host::results_json(run_text(program).outcome.results);
     for (const int threads : {2, 3, 5})
-      EXPECT_EQ(serial, host::results_json(run_text(program, "examples", threads).outcome.results)) << name << " " << threads;
+      EXPECT_EQ(serial, host::results_json(run_text(program, "examples", threads).outcome.results))
+          << name << " " << threads;
   }
 }
 
@@ -81,7 +82,8 @@ TEST(Invariance, ReplicateCountsSubjects)
   ASSERT_EQ(copies.outcome.exit_code, 0) << copies.log;
   EXPECT_NEAR(counts.column("FitStatistics", "Value")[0], copies.column("FitStatistics", "Value")[0], 1e-8);
   const auto ea = counts.column("ParameterEstimates", "Estimate"), eb = copies.column("ParameterEstimates", "Estimate");
-  const auto sa = counts.column("ParameterEstimates", "StandardError"), sb = copies.column("ParameterEstimates", "StandardError");
+  const auto sa = counts.column("ParameterEstimates", "StandardError"),
+             sb = copies.column("ParameterEstimates", "StandardError");
   for (std::size_t i = 0; i < ea.size(); ++i) {
     EXPECT_NEAR(ea[i], eb[i], 1e-5 * sb[i]);
     EXPECT_NEAR(sa[i], sb[i], 1e-4 * sb[i]); // EMPIRICAL: a subject's outer product counts once per copy

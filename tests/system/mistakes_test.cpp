@@ -1,4 +1,5 @@
-// What people get wrong: each mistake ends with its return code, its exit code, and a message that names the cause and the line.
+// What people get wrong: each mistake ends with its return code, its exit code, and a message that names the cause and
+// the line.
 
 #include "system/session.h"
 
@@ -22,42 +23,114 @@ struct Mistake {
 const std::vector<Mistake>& mistakes()
 {
   static const std::vector<Mistake> all = {
-      {"MisspelledOption", "TORVALE DATA=cbpp QPIONTS=5;\nPARMS b0=-1;\nMODEL incidence ~ BINOMIAL(size, b0);\nRUN;", 3000, 3,
+      {"MisspelledOption",
+       "TORVALE DATA=cbpp QPIONTS=5;\nPARMS b0=-1;\nMODEL incidence ~ BINOMIAL(size, b0);\nRUN;",
+       3000,
+       3,
        {"QPIONTS", "QPOINTS", "line 1"}},
-      {"MisspelledStatement", "TORVALE DATA=cbpp;\nPARMS b0=-1;\nMODL incidence ~ BINOMIAL(size, b0);\nRUN;", 3000, 3, {"line 3"}},
-      {"UnknownDependent", "TORVALE DATA=cbpp;\nPARMS b0=0.1;\nMODEL incidenc ~ BINOMIAL(size, b0);\nRUN;", 3000, 3,
+      {"MisspelledStatement",
+       "TORVALE DATA=cbpp;\nPARMS b0=-1;\nMODL incidence ~ BINOMIAL(size, b0);\nRUN;",
+       3000,
+       3,
+       {"line 3"}},
+      {"UnknownDependent",
+       "TORVALE DATA=cbpp;\nPARMS b0=0.1;\nMODEL incidenc ~ BINOMIAL(size, b0);\nRUN;",
+       3000,
+       3,
        {"incidenc", "incidence", "line 3"}},
       {"MissingFile", "TORVALE DATA=nowhere;\nPARMS b0=-1;\nMODEL y ~ NORMAL(b0, 1);\nRUN;", 1008, 4, {"nowhere"}},
       {"NoDataOption", "TORVALE;\nPARMS b0=-1;\nMODEL y ~ NORMAL(b0, 1);\nRUN;", 1008, 4, {"DATA="}},
-      {"CharacterResponse", "TORVALE DATA=epil;\nPARMS b0=1;\nMODEL trt ~ NORMAL(b0, 1);\nRUN;", 3000, 3, {"trt", "character", "line 3"}},
-      {"ParameterTwice", "TORVALE DATA=cbpp;\nPARMS b0=-1\n b0=2;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;", 1012, 3, {"b0", "line 3"}},
+      {"CharacterResponse",
+       "TORVALE DATA=epil;\nPARMS b0=1;\nMODEL trt ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"trt", "character", "line 3"}},
+      {"ParameterTwice",
+       "TORVALE DATA=cbpp;\nPARMS b0=-1\n b0=2;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
+       1012,
+       3,
+       {"b0", "line 3"}},
       {"ParameterAndEffect",
-       "TORVALE DATA=cbpp;\nPARMS b0=-1 u=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=herd;\nRUN;", 3000, 3,
+       "TORVALE DATA=cbpp;\nPARMS b0=-1 u=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nRUN;",
+       3000,
+       3,
        {"u", "RANDOM"}},
       {"NoModel", "TORVALE DATA=cbpp;\nPARMS b0=-1;\nRUN;", 3000, 3, {"MODEL"}},
-      {"TwoModels", "TORVALE DATA=cbpp;\nPARMS b0=-1;\nMODEL incidence ~ NORMAL(b0,1);\nMODEL size ~ NORMAL(b0,1);\nRUN;", 3000, 3, {"MODEL"}},
-      {"WrongArgumentCount", "TORVALE DATA=cbpp;\nPARMS b0=1;\nMODEL incidence ~ POISSON(b0, 2);\nRUN;", 1012, 3, {"line 3"}},
+      {"TwoModels",
+       "TORVALE DATA=cbpp;\nPARMS b0=-1;\nMODEL incidence ~ NORMAL(b0,1);\nMODEL size ~ NORMAL(b0,1);\nRUN;",
+       3000,
+       3,
+       {"MODEL"}},
+      {"WrongArgumentCount",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nMODEL incidence ~ POISSON(b0, 2);\nRUN;",
+       1012,
+       3,
+       {"line 3"}},
       {"CovarianceTriangle",
-       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u+w, 1);\nRANDOM u w ~ NORMAL([0,0],[v,v]) SUBJECT=herd;\nRUN;", 1012, 3,
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u+w, 1);\nRANDOM u w ~ NORMAL([0,0],[v,v]) "
+       "SUBJECT=herd;\nRUN;",
+       1012,
+       3,
        {"RANDOM", "line 4"}},
       {"UnknownSubject",
-       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=herdd;\nRUN;", 3000, 3,
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herdd;\nRUN;",
+       3000,
+       3,
        {"herdd", "herd", "line 4"}},
       {"EffectWithoutInfluence",
-       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=herd;\nRUN;", 3000, 3, {"u"}},
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nRUN;",
+       3000,
+       3,
+       {"u"}},
       {"EstimateTypo",
-       "TORVALE DATA=cbpp;\nPARMS beta=1;\nMODEL incidence ~ NORMAL(beta, 1);\nESTIMATE 'e' exp(bta);\nRUN;", 3000, 3, {"bta", "beta", "line 4"}},
-      {"BoundOnUnknown", "TORVALE DATA=cbpp;\nPARMS s2=1;\nBOUNDS s22 > 0;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;", 1012, 3, {"s22", "line 3"}},
-      {"BoundsCrossed", "TORVALE DATA=cbpp;\nPARMS s2=1;\nBOUNDS s2 > 3, s2 < 2;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;", 1012, 3, {"s2"}},
-      {"NoValidStart", "TORVALE DATA=cbpp;\nPARMS s2=-1;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;", 1012, 7, {"observation"}},
+       "TORVALE DATA=cbpp;\nPARMS beta=1;\nMODEL incidence ~ NORMAL(beta, 1);\nESTIMATE 'e' exp(bta);\nRUN;",
+       3000,
+       3,
+       {"bta", "beta", "line 4"}},
+      {"BoundOnUnknown",
+       "TORVALE DATA=cbpp;\nPARMS s2=1;\nBOUNDS s22 > 0;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;",
+       1012,
+       3,
+       {"s22", "line 3"}},
+      {"BoundsCrossed",
+       "TORVALE DATA=cbpp;\nPARMS s2=1;\nBOUNDS s2 > 3, s2 < 2;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;",
+       1012,
+       3,
+       {"s2"}},
+      {"NoValidStart",
+       "TORVALE DATA=cbpp;\nPARMS s2=-1;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;",
+       1012,
+       7,
+       {"observation"}},
       {"CovarianceNotPositive",
-       "TORVALE DATA=cbpp QPOINTS=1;\nPARMS b0=1 v=-1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=herd;\nRUN;", 1012, 7,
+       "TORVALE DATA=cbpp QPOINTS=1;\nPARMS b0=1 v=-1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nRUN;",
+       1012,
+       7,
        {"covariance"}},
-      {"AllStartsOutsideBounds", "TORVALE DATA=cbpp;\nPARMS s2=-1;\nBOUNDS s2 > 0;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;", 1012, 7, {"bound"}},
-      {"ProgramFault", "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1/(size-size);\nMODEL incidence ~ NORMAL(b0*z, 1);\nRUN;", 1012, 4,
+      {"AllStartsOutsideBounds",
+       "TORVALE DATA=cbpp;\nPARMS s2=-1;\nBOUNDS s2 > 0;\nMODEL incidence ~ NORMAL(1, s2);\nRUN;",
+       1012,
+       7,
+       {"bound"}},
+      {"ProgramFault",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1/(size-size);\nMODEL incidence ~ NORMAL(b0*z, 1);\nRUN;",
+       1012,
+       4,
        {"division by zero", "line 3", "bservation 1"}},
-      {"RangeOfOption", "TORVALE DATA=cbpp ALPHA=1.5;\nPARMS b0=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;", 3000, 3, {"ALPHA", "1.5", "line 1"}},
-      {"UnknownFunction", "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = expp(b0);\nMODEL incidence ~ NORMAL(z, 1);\nRUN;", 1012, 3, {"expp", "line 3"}},
+      {"RangeOfOption",
+       "TORVALE DATA=cbpp ALPHA=1.5;\nPARMS b0=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"ALPHA", "1.5", "line 1"}},
+      {"UnknownFunction",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = expp(b0);\nMODEL incidence ~ NORMAL(z, 1);\nRUN;",
+       1012,
+       3,
+       {"expp", "line 3"}},
   };
   return all;
 }
@@ -82,19 +155,22 @@ INSTANTIATE_TEST_SUITE_P(All, Mistakes, testing::Range<std::size_t>(0, mistakes(
 TEST(BadData, EndsTheGroupWithACause)
 {
   const TemporaryFile empty("empty.csv", "y,x\n");
-  const auto no_rows = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", empty.path()}});
+  const auto no_rows =
+      run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", empty.path()}});
   EXPECT_EQ(no_rows.outcome.exit_code, 4) << no_rows.log;
   EXPECT_TRUE(no_rows.said(503, 71)) << no_rows.log;
 
   const TemporaryFile holes("holes.csv", "id,y\n1,2\n.,3\n2,4\n");
-  const auto subject = run_text("TORVALE DATA=d;\nPARMS b=1 v=1;\nMODEL y ~ NORMAL(b+u,1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
-                               "examples", 0, {{"d", holes.path()}});
+  const auto subject =
+      run_text("TORVALE DATA=d;\nPARMS b=1 v=1;\nMODEL y ~ NORMAL(b+u,1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
+               "examples", 0, {{"d", holes.path()}});
   EXPECT_EQ(subject.outcome.exit_code, 4) << subject.log;
   EXPECT_EQ(subject.outcome.results.steps[0].return_code, 1012);
   EXPECT_TRUE(subject.said(503, 28)) << subject.log;
 
   const TemporaryFile words("words.csv", "y,x\n1,2\nNA,3\n2,4\n");
-  const auto text = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", words.path()}});
+  const auto text =
+      run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", words.path()}});
   EXPECT_EQ(text.outcome.exit_code, 3) << text.log;
   EXPECT_THAT(text.log, HasSubstr("NA"));
 }
@@ -102,7 +178,8 @@ TEST(BadData, EndsTheGroupWithACause)
 // A wrong step does not stop the steps after it; the run's exit code is the worse one.
 TEST(BadData, LaterStepsRun)
 {
-  const auto run = run_text("TORVALE DATA=nowhere;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;\n" + example("fixed_poisson", ""));
+  const auto run =
+      run_text("TORVALE DATA=nowhere;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;\n" + example("fixed_poisson", ""));
   ASSERT_EQ(run.outcome.results.steps.size(), 2u);
   EXPECT_EQ(run.outcome.results.steps[0].return_code, 1008);
   EXPECT_EQ(run.outcome.results.steps[1].return_code, 0) << run.log;

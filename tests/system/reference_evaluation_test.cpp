@@ -1,4 +1,5 @@
-// The objective and its gradient at the starting values, for every model, rule and number of points of the reference results.
+// The objective and its gradient at the starting values, for every model, rule and number of points of the reference
+// results.
 
 #include "system/session.h"
 
@@ -39,18 +40,20 @@ TEST_P(ReferenceEvaluation, ObjectiveAndGradientAtTheStart)
     ASSERT_EQ(objective.size(), 1u) << run.log;
     EXPECT_NEAR(objective[0], entry["objective"].get<double>(), 1e-10 * std::abs(entry["objective"].get<double>()));
     double largest = 0.0;
-    for (const auto& [parameter, value] : entry["gradient"].items()) largest = std::max(largest, std::abs(value.get<double>()));
+    for (const auto& [parameter, value] : entry["gradient"].items())
+      largest = std::max(largest, std::abs(value.get<double>()));
     for (const auto& [parameter, value] : entry["gradient"].items())
       EXPECT_NEAR(run.number("ParameterEstimates", parameter, "Gradient"), value.get<double>(),
-                  1e-8 * std::max(1.0, largest)) << parameter;
+                  1e-8 * std::max(1.0, largest))
+          << parameter;
     ++compared;
   }
   EXPECT_GT(compared, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, ReferenceEvaluation,
-                         testing::Values("theoph", "orange", "sleepstudy", "cbpp", "epil", "fixed_gamma", "fixed_negbin",
-                                         "fixed_poisson", "fixed_t4"),
+                         testing::Values("theoph", "orange", "sleepstudy", "cbpp", "epil", "fixed_gamma",
+                                         "fixed_negbin", "fixed_poisson", "fixed_t4"),
                          [](const auto& tested) { return std::string(tested.param); });
 
 } // namespace

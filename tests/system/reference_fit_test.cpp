@@ -1,4 +1,5 @@
-// Whole fits from the shipped starting values against reference estimates, with the default criteria and with strict ones.
+// Whole fits from the shipped starting values against reference estimates, with the default criteria and with strict
+// ones.
 
 #include "system/session.h"
 
@@ -10,10 +11,10 @@ namespace torvale::tests {
 namespace {
 
 struct Bars {
-  const char* options;    // convergence criteria
-  double loglik;          // absolute, of -2 log likelihood
-  double estimate;        // in standard errors
-  double standard_error;  // relative
+  const char* options;   // convergence criteria
+  double loglik;         // absolute, of -2 log likelihood
+  double estimate;       // in standard errors
+  double standard_error; // relative
 };
 
 constexpr Bars default_bars{"", 2e-5, 0.01, 0.01};
@@ -24,7 +25,8 @@ class ReferenceFit : public testing::TestWithParam<const char*> {};
 void compare(const std::string& name, const nlohmann::json& fit, const Bars& bars)
 {
   std::string options = bars.options;
-  if (!fit["points_per_dimension"].is_null()) options += " QPOINTS=" + std::to_string(fit["points_per_dimension"].get<int>());
+  if (!fit["points_per_dimension"].is_null())
+    options += " QPOINTS=" + std::to_string(fit["points_per_dimension"].get<int>());
   if (fit["adaptive"] == "no") options += " NOAD";
   SCOPED_TRACE(name + " " + options);
   const auto run = run_text(example(name, options));
@@ -38,8 +40,10 @@ void compare(const std::string& name, const nlohmann::json& fit, const Bars& bar
   EXPECT_NEAR(statistics[3], results["bic"].get<double>(), bars.loglik);
   for (const auto& [parameter, value] : results["estimates"].items()) {
     const double error = results["standard_errors"][parameter].get<double>();
-    EXPECT_NEAR(run.number("ParameterEstimates", parameter, "Estimate"), value.get<double>(), bars.estimate * error) << parameter;
-    EXPECT_NEAR(run.number("ParameterEstimates", parameter, "StandardError"), error, bars.standard_error * error) << parameter;
+    EXPECT_NEAR(run.number("ParameterEstimates", parameter, "Estimate"), value.get<double>(), bars.estimate * error)
+        << parameter;
+    EXPECT_NEAR(run.number("ParameterEstimates", parameter, "StandardError"), error, bars.standard_error * error)
+        << parameter;
   }
 }
 
@@ -57,8 +61,8 @@ TEST_P(ReferenceFit, AgreesWithTheReference)
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, ReferenceFit,
-                         testing::Values("theoph", "orange", "sleepstudy", "cbpp", "epil", "fixed_gamma", "fixed_negbin",
-                                         "fixed_poisson", "fixed_t4"),
+                         testing::Values("theoph", "orange", "sleepstudy", "cbpp", "epil", "fixed_gamma",
+                                         "fixed_negbin", "fixed_poisson", "fixed_t4"),
                          [](const auto& tested) { return std::string(tested.param); });
 
 } // namespace

@@ -30,7 +30,8 @@ std::vector<double> Run::column(const std::string& name, const std::string& colu
   return values;
 }
 
-double Run::number(const std::string& name, const std::string& key, const std::string& column_name, std::size_t group) const
+double Run::number(const std::string& name, const std::string& key, const std::string& column_name,
+                   std::size_t group) const
 {
   const host::Table* t = table(name, group);
   if (t == nullptr) return std::numeric_limits<double>::quiet_NaN();
@@ -72,7 +73,10 @@ std::string example(const std::string& name, const std::string& options)
   return text;
 }
 
-std::string source_file(const std::string& path) { return std::string(TORVALE_SOURCE_DIR) + "/" + path; }
+std::string source_file(const std::string& path)
+{
+  return std::string(TORVALE_SOURCE_DIR) + "/" + path;
+}
 
 std::string read_text(const std::string& path)
 {
@@ -89,6 +93,9 @@ TemporaryFile::TemporaryFile(const std::string& name, const std::string& text)
   std::ofstream(path_, std::ios::binary) << text;
 }
 
-TemporaryFile::~TemporaryFile() { std::filesystem::remove(path_); }
+TemporaryFile::~TemporaryFile()
+{
+  std::filesystem::remove(path_);
+}
 
 } // namespace torvale::tests

@@ -11,19 +11,21 @@ namespace torvale::tests {
 
 struct Run {
   RunOutcome outcome;
-  std::string log;      // all lines
+  std::string log; // all lines
   std::string listing;
 
   // The table of that name in a group of the first step; null when there is none.
   const host::Table* table(const std::string& name, std::size_t group = 0) const;
   // Cell of the first row whose first cell (or the named key column) is `key`.
-  double number(const std::string& table, const std::string& key, const std::string& column, std::size_t group = 0) const;
+  double number(const std::string& table, const std::string& key, const std::string& column,
+                std::size_t group = 0) const;
   // A whole column as numbers.
   std::vector<double> column(const std::string& table, const std::string& column, std::size_t group = 0) const;
   bool said(int group, int number) const; // a message of the first step
 };
 
-// Runs a program text. One-level data set names are looked for in `folder`, relative to the source tree's root or absolute.
+// Runs a program text. One-level data set names are looked for in `folder`, relative to the source tree's root or
+// absolute.
 Run run_text(const std::string& program, const std::string& folder = "examples", int threads = 0,
              const std::vector<std::pair<std::string, std::string>>& data = {});
 

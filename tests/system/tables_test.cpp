@@ -18,13 +18,16 @@ TEST(Tables, EstimateFollowsTheDeltaMethod)
                                        "CONTRAST 'tension' tensM, tensH;\nCONTRAST 'twice' tensM, tensM;\n");
   const auto run = run_text(program);
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
-  const double sum = run.number("AdditionalEstimates", "sum", "Estimate"), rate = run.number("AdditionalEstimates", "rate", "Estimate");
+  const double sum = run.number("AdditionalEstimates", "sum", "Estimate"),
+               rate = run.number("AdditionalEstimates", "rate", "Estimate");
   EXPECT_NEAR(rate, std::exp(sum), 1e-12 * rate);
-  EXPECT_NEAR(run.number("AdditionalEstimates", "rate", "StandardError"), rate * run.number("AdditionalEstimates", "sum", "StandardError"), 1e-9 * rate);
+  EXPECT_NEAR(run.number("AdditionalEstimates", "rate", "StandardError"),
+              rate * run.number("AdditionalEstimates", "sum", "StandardError"), 1e-9 * rate);
   EXPECT_EQ(run.number("AdditionalEstimates", "sum", "DF"), 7);
   EXPECT_EQ(run.number("AdditionalEstimates", "rate", "DF"), 54);
   const auto cov = run.column("CovMatParmEst", "b0"), cov_b = run.column("CovMatParmEst", "woolB");
-  EXPECT_NEAR(std::pow(run.number("AdditionalEstimates", "sum", "StandardError"), 2), cov[0] + 2 * cov[1] + cov_b[1], 1e-12);
+  EXPECT_NEAR(std::pow(run.number("AdditionalEstimates", "sum", "StandardError"), 2), cov[0] + 2 * cov[1] + cov_b[1],
+              1e-12);
   EXPECT_EQ(run.number("Contrasts", "tension", "NumDF"), 2);
   EXPECT_EQ(run.number("Contrasts", "twice", "NumDF"), 1); // the second row depends on the first
   EXPECT_EQ(run.column("CorrMatAddEst", "Corr1")[0], 1.0);
@@ -42,7 +45,11 @@ TEST(Tables, GridVariesTheFirstParameterFastestAndBestKeepsTheLowest)
   const auto objective = best.column("Parameters", "NegLogLike");
   ASSERT_EQ(objective.size(), 2u);
   EXPECT_LT(objective[0], objective[1]);
-  EXPECT_EQ(run_text("TORVALE DATA=warpbreaks;\nPARMS b0=0 TO 0.3 BY 0.1;\nmu=exp(b0);MODEL breaks ~ POISSON(mu);\nRUN;").column("Parameters", "b0").size(), 4u);
+  EXPECT_EQ(
+      run_text("TORVALE DATA=warpbreaks;\nPARMS b0=0 TO 0.3 BY 0.1;\nmu=exp(b0);MODEL breaks ~ POISSON(mu);\nRUN;")
+          .column("Parameters", "b0")
+          .size(),
+      4u);
 }
 
 TEST(Tables, GroupsAreFittedOneByOne)
@@ -58,14 +65,16 @@ TEST(Tables, GroupsAreFittedOneByOne)
 // Three parameters, one bound active, one combination that the data cannot tell apart.
 TEST(Tables, BoundsAndSingularHessiansAreSaid)
 {
-  const auto bound = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0.5;\nBOUNDS b1 >= 0;\nmu = exp(b0 + b1*(wool='B'));\n"
-                             "MODEL breaks ~ POISSON(mu);\nRUN;");
+  const auto bound =
+      run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0.5;\nBOUNDS b1 >= 0;\nmu = exp(b0 + b1*(wool='B'));\n"
+               "MODEL breaks ~ POISSON(mu);\nRUN;");
   ASSERT_EQ(bound.outcome.exit_code, 0) << bound.log;
   EXPECT_EQ(bound.number("ParameterEstimates", "b1", "Estimate"), 0.0);
   EXPECT_TRUE(std::isnan(bound.number("ParameterEstimates", "b1", "StandardError")));
   ASSERT_NE(bound.table("ParameterEstimates")->column("ActiveBC"), host::Table::npos);
 
-  const auto singular = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0;\nmu = exp(b0 + b1);\nMODEL breaks ~ POISSON(mu);\nRUN;");
+  const auto singular =
+      run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0;\nmu = exp(b0 + b1);\nMODEL breaks ~ POISSON(mu);\nRUN;");
   EXPECT_TRUE(singular.said(503, 271)) << singular.log;
   EXPECT_NE(singular.table("CovMatParmEst"), nullptr); // unasked
 }

@@ -1,4 +1,5 @@
-// Programs as users write them: two ways to say one model must give one answer, and what is left out is left out quietly.
+// Programs as users write them: two ways to say one model must give one answer, and what is left out is left out
+// quietly.
 
 #include "system/session.h"
 
@@ -14,8 +15,10 @@ void expect_same_fit(const Run& a, const Run& b, double tolerance = 1e-9)
 {
   ASSERT_EQ(a.outcome.exit_code, 0) << a.log;
   ASSERT_EQ(b.outcome.exit_code, 0) << b.log;
-  const auto values_a = a.column("ParameterEstimates", "Estimate"), values_b = b.column("ParameterEstimates", "Estimate");
-  const auto errors_a = a.column("ParameterEstimates", "StandardError"), errors_b = b.column("ParameterEstimates", "StandardError");
+  const auto values_a = a.column("ParameterEstimates", "Estimate"),
+             values_b = b.column("ParameterEstimates", "Estimate");
+  const auto errors_a = a.column("ParameterEstimates", "StandardError"),
+             errors_b = b.column("ParameterEstimates", "StandardError");
   ASSERT_EQ(values_a.size(), values_b.size());
   for (std::size_t i = 0; i < values_a.size(); ++i) {
     EXPECT_NEAR(values_a[i], values_b[i], tolerance * (std::abs(values_a[i]) + errors_a[i])) << i;
@@ -36,10 +39,13 @@ TEST(UserPrograms, ArraysAndFunctionsSayTheSameModel)
   const auto plain = run_text(slopes_head + "mu = b0 + u0 + (b1 + u1)*days;" + slopes_tail);
   const auto loop = run_text(slopes_head +
                              "ARRAY b[2] b0 b1; ARRAY u[2] u0 u1; ARRAY z[2]; z[1] = 1; z[2] = days; mu = 0;"
-                             "DO j = 1 TO DIM(b); mu = mu + (b[j] + u[j])*z[j]; END;" + slopes_tail);
-  const auto function = run_text("TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0;"
-                                 "FUNCTION line(a, b, t); RETURN (a + b*t); ENDSUB;" + slopes_head.substr(slopes_head.find("PARMS")) +
-                                 "IF days = 0 THEN mu = line(b0 + u0, 0, days); ELSE mu = line(b0 + u0, b1 + u1, days);" + slopes_tail);
+                             "DO j = 1 TO DIM(b); mu = mu + (b[j] + u[j])*z[j]; END;" +
+                             slopes_tail);
+  const auto function =
+      run_text("TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0;"
+               "FUNCTION line(a, b, t); RETURN (a + b*t); ENDSUB;" +
+               slopes_head.substr(slopes_head.find("PARMS")) +
+               "IF days = 0 THEN mu = line(b0 + u0, 0, days); ELSE mu = line(b0 + u0, b1 + u1, days);" + slopes_tail);
   EXPECT_EQ(loop.column("ParameterEstimates", "Estimate").size(), 6u) << loop.log;
   expect_same_fit(plain, loop);
   expect_same_fit(plain, function);
@@ -48,20 +54,23 @@ TEST(UserPrograms, ArraysAndFunctionsSayTheSameModel)
 // The record before, by LAG and by a retained variable: values and derivatives are carried alike.
 TEST(UserPrograms, RetainedValuesAreLags)
 {
-  const std::string head = "TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=250 b1=10 rho=0.3 sd=25 s2u=600;"
-                           "BOUNDS -1 < rho < 1, sd > 0, s2u > 0; e = reaction - b0 - u - b1*days;";
+  const std::string head =
+      "TORVALE DATA=sleepstudy GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=250 b1=10 rho=0.3 sd=25 s2u=600;"
+      "BOUNDS -1 < rho < 1, sd > 0, s2u > 0; e = reaction - b0 - u - b1*days;";
   const std::string tail = "IF MISSING(before) THEN ll = LOGPDF('normal', e, 0, sd/SQRT(1 - rho**2));"
                            "ELSE ll = LOGPDF('normal', e, rho*before, sd);"
                            "MODEL reaction ~ GENERAL(ll); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject; RUN;";
-  expect_same_fit(run_text(head + "before = LAG(e);" + tail), run_text(head + "RETAIN last .; before = last; last = e;" + tail), 1e-7);
+  expect_same_fit(run_text(head + "before = LAG(e);" + tail),
+                  run_text(head + "RETAIN last .; before = last; last = e;" + tail), 1e-7);
 }
 
-// DELETE, WHERE= and rows with a missing response leave the same observations out; DELETE is meant, so there is no warning.
+// DELETE, WHERE= and rows with a missing response leave the same observations out; DELETE is meant, so there is no
+// warning.
 TEST(UserPrograms, WaysToLeaveObservationsOut)
 {
   const auto program = [](const std::string& options, const std::string& statement) {
-    return "TORVALE DATA=epil" + options + " GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=1 b1=1;" +
-           statement + "MODEL y ~ POISSON(EXP(b0 + b1*lbase)); RUN;";
+    return "TORVALE DATA=epil" + options + " GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=1 b1=1;" + statement +
+           "MODEL y ~ POISSON(EXP(b0 + b1*lbase)); RUN;";
   };
   const auto deleted = run_text(program("", "IF period = 4 THEN DELETE;"));
   const auto filtered = run_text(program("(WHERE=(period < 4))", ""));
@@ -70,7 +79,8 @@ TEST(UserPrograms, WaysToLeaveObservationsOut)
   EXPECT_EQ(deleted.number("Dimensions", "Observations Not Used", "Value"), 59);
 }
 
-// A value that goes missing by the program's doing is told, with the first observation and, where there is one, the reason.
+// A value that goes missing by the program's doing is told, with the first observation and, where there is one, the
+// reason.
 TEST(UserPrograms, MissingLikelihoodIsTold)
 {
   const auto run = run_text("TORVALE DATA=epil; PARMS b0=1; IF period = 4 THEN eta = .; ELSE eta = b0;"
@@ -86,10 +96,12 @@ TEST(UserPrograms, UnusableGroupAmongOthers)
   std::string text = "g,x,y\n";
   for (int g = 1; g <= 3; ++g)
     for (int i = 0; i < 6; ++i)
-      text += std::to_string(g) + "," + std::to_string(i) + "," + (g == 2 ? "" : std::to_string((i * 7 + g) % 5 + i)) + "\n";
+      text += std::to_string(g) + "," + std::to_string(i) + "," + (g == 2 ? "" : std::to_string((i * 7 + g) % 5 + i)) +
+              "\n";
   const TemporaryFile data("groups.csv", text);
-  const auto run = run_text("TORVALE DATA=groups; BY g; PARMS a=1 b=1 s2=1; BOUNDS s2 > 0; MODEL y ~ NORMAL(a + b*x, s2); RUN;",
-                            "examples", 0, {{"groups", data.path()}});
+  const auto run =
+      run_text("TORVALE DATA=groups; BY g; PARMS a=1 b=1 s2=1; BOUNDS s2 > 0; MODEL y ~ NORMAL(a + b*x, s2); RUN;",
+               "examples", 0, {{"groups", data.path()}});
   EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
   ASSERT_EQ(run.outcome.results.steps[0].groups.size(), 3u);
   EXPECT_EQ(run.column("ParameterEstimates", "Estimate", 0).size(), 3u);
