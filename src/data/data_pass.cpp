@@ -71,7 +71,7 @@ int run_checked(const NX& n, engine::Frame& frame, const engine::Program& progra
 int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, int rc,
                 std::int64_t first)
 {
-  host::MessageArguments words = {{"code", rc}};
+  host::MessageArguments arguments = {{"code", rc}};
   std::int64_t at = first;
   int line = 0;
   const std::int64_t end = engine::sequential(program) ? first : std::min(first + engine::max_lanes, n.store->nobs);
@@ -79,14 +79,14 @@ int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, con
     std::vector<engine::Fault> faults;
     if (run_checked(n, frame, program, pass, row, faults) <= 2 || faults.empty()) continue;
     at = row;
-    words.emplace_back("reason", faults.back().text);
+    arguments.emplace_back("reason", faults.back().text);
     line = n.sources->user_position(faults.back().where).line;
     break;
   }
-  words.emplace_back("observation", observation_number(n, at));
+  arguments.emplace_back("observation", observation_number(n, at));
   auto place = place_of(n, at);
   place.line = line;
-  n.host->log().xpmlog(503, 9201, words, place);
+  n.host->log().xpmlog(503, 9201, arguments, place);
   n.raise(1012);
   return 1;
 }
@@ -227,15 +227,15 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
     for (int k = 0; k < reff.nd; ++k) {
       const auto at = [&](std::int64_t r) { return pass.arguments[static_cast<std::size_t>(r * reff.nd + k)]; };
       if (same_value(at(row), at(first))) continue;
-      host::MessageArguments words = {{"observation", observation_number(n, row)}};
+      host::MessageArguments arguments = {{"observation", observation_number(n, row)}};
       std::string variables;
       for (const int dsvarno : n.rhs)
         variables += (variables.empty() ? "" : ", ") + n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-      if (!variables.empty()) words.emplace_back("variables", variables);
+      if (!variables.empty()) arguments.emplace_back("variables", variables);
       auto place = place_of(n, row);
       place.statement = "RANDOM";
       place.line = n.sources->user_position(reff.stmt->where).line;
-      n.host->log().xpmlog(503, 137, words, place);
+      n.host->log().xpmlog(503, 137, arguments, place);
       return 1;
     }
     for (const int dsvarno : n.rhs)

@@ -237,7 +237,7 @@ void Translator::site(const ExpressionSite& s)
       gcmp_.text_value[index] = v.text;
       continue;
     }
-    gcmp_.value[index] = graph_.select(graph_.and_(path_, active()), v.number, graph_.missing());
+    gcmp_.value[index] = v.number; // also on records that DELETE has left: a subject's distribution is one for all
   }
 }
 

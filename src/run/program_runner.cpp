@@ -184,9 +184,9 @@ private:
       if (!data_given_) {
         std::string known;
         for (const auto& name : host_.libraries().bound_names()) known += (known.empty() ? "" : ", ") + name;
-        host::MessageArguments words;
-        if (!known.empty()) words.emplace_back("known", known);
-        host_.log().xpmlog(503, 1, words);
+        host::MessageArguments arguments;
+        if (!known.empty()) arguments.emplace_back("known", known);
+        host_.log().xpmlog(503, 1, arguments);
       }
       return {1008, exit_data};
     }
