@@ -349,6 +349,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},
     {503, 9342, E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
+    {503, 9344, N, "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
      "Fewer QPOINTS=, or fewer random effects."},
 

@@ -188,6 +188,7 @@ private:
         if (!known.empty()) arguments.emplace_back("known", known);
         host_.log().xpmlog(503, 1, arguments);
       }
+      if (request_.check_only) host_.log().xpmlog(503, 9344);
       return {1008, exit_data};
     }
     model::NX n;
