@@ -8,6 +8,7 @@ namespace torvale::engine {
 
 bool passes_no_derivative(Kernel k, int operand)
 {
+  if (answers_truth(k)) return true;
   switch (k) {
   case Kernel::select:
   case Kernel::select_or_zero:
@@ -19,25 +20,6 @@ bool passes_no_derivative(Kernel k, int operand)
   case Kernel::round_to:
   case Kernel::sign:
   case Kernel::side:
-  case Kernel::less:
-  case Kernel::less_equal:
-  case Kernel::equal:
-  case Kernel::not_equal:
-  case Kernel::greater:
-  case Kernel::greater_equal:
-  case Kernel::less_known:
-  case Kernel::less_equal_known:
-  case Kernel::equal_known:
-  case Kernel::not_equal_known:
-  case Kernel::greater_known:
-  case Kernel::greater_equal_known:
-  case Kernel::truth:
-  case Kernel::and_:
-  case Kernel::or_:
-  case Kernel::not_:
-  case Kernel::and_not:
-  case Kernel::is_missing:
-  case Kernel::is_present:
   case Kernel::binomial_quantile:
   case Kernel::poisson_quantile:
   case Kernel::negative_binomial_quantile:

@@ -157,17 +157,9 @@ std::vector<syntax::Position> GraphBuilder::other_positions(NodeId id) const
   return all;
 }
 
-bool GraphBuilder::is_truth(NodeId id) const
+bool answers_truth(Kernel k)
 {
-  const Node& n = node(id);
-  if (n.kind == NodeKind::constant) return n.value == 0.0 || n.value == 1.0;
-  if (n.kind == NodeKind::result || n.kind == NodeKind::carry) {
-    // A carried mask begins as a truth value and is only ever given truth values: loops of the program keep to that
-    // for the masks that they make themselves, and `initial` of a variable that happens to be 0 does not count.
-    return false;
-  }
-  if (n.kind != NodeKind::kernel) return false;
-  switch (n.kernel) {
+  switch (k) {
   case Kernel::less:
   case Kernel::less_equal:
   case Kernel::equal:
@@ -188,11 +180,23 @@ bool GraphBuilder::is_truth(NodeId id) const
   case Kernel::is_missing:
   case Kernel::is_present:
     return true;
-  case Kernel::select:
-    return is_truth(n.operand[1]) && is_truth(n.operand[2]);
   default:
     return false;
   }
+}
+
+bool GraphBuilder::is_truth(NodeId id) const
+{
+  const Node& n = node(id);
+  if (n.kind == NodeKind::constant) return n.value == 0.0 || n.value == 1.0;
+  if (n.kind == NodeKind::result || n.kind == NodeKind::carry) {
+    // A carried mask begins as a truth value and is only ever given truth values: loops of the program keep to that
+    // for the masks that they make themselves, and `initial` of a variable that happens to be 0 does not count.
+    return false;
+  }
+  if (n.kind != NodeKind::kernel) return false;
+  if (n.kernel == Kernel::select) return is_truth(n.operand[1]) && is_truth(n.operand[2]);
+  return answers_truth(n.kernel);
 }
 
 bool GraphBuilder::never_missing(NodeId id) const

@@ -61,6 +61,9 @@ struct Loop {
   syntax::Position where;
 };
 
+// True for kernels whose value is always 1 or 0: comparisons, logic, tests for missing values.
+bool answers_truth(Kernel k);
+
 // GraphBuilder: makes nodes, simplifying as it goes. Only exact simplifications: a rewritten node has the same value,
 // missing values included. In derivative mode (`Derivative` below) a factor that is the constant 0 makes a product 0:
 // derivatives of what does not vary are 0 even where the other factor is missing.

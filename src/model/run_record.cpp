@@ -1,10 +1,12 @@
 #include "model/run_record.h"
 
+#include <algorithm>
+
 namespace torvale::model {
 
-bool converged_or_usable(const NX& n)
+void NX::raise(int code)
 {
-  return n.znlprc > 0;
+  tvlrc = std::max(tvlrc, code);
 }
 
 } // namespace torvale::model

@@ -112,7 +112,6 @@ struct ModelLists {
   std::string data_name;                      // its name for people: library and member
   StartingData pdata;                         // PARMS / DATA=
   std::string repname;                        // REPLICATE variable; empty without one
-  std::vector<std::string> no_influence;      // parameters and effects that statement processing has warned of
   const syntax::SourceMap* sources = nullptr; // borrowed
   std::shared_ptr<engine::CMPGLOBAL> gcmp;    // the compiled model
   int disttype = 0;                           // MODEL distribution code
@@ -205,10 +204,7 @@ struct NX : RunOptions, ModelLists, GroupState, FitState {
   host::Table* gradient_check = nullptr;      // open table of GRADCHECK, or null
   std::vector<std::pair<std::string, std::string>> dependencies; // of a singular Hessian: parameter, combination of others
   int (*starting_tables)(NX&) = nullptr;      // writes "StartingValues" before the first iteration (START); may be null
-  void raise(int code) { if (code > tvlrc) tvlrc = code; }
+  void raise(int code);                       // keeps the worst return code in tvlrc
 };
-
-// True when the last solve left usable estimates.
-bool converged_or_usable(const NX& n);
 
 } // namespace torvale::model

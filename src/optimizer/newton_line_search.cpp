@@ -21,19 +21,7 @@ public:
 
   int run()
   {
-    if (const int rc = begin_technique(str, true); rc != 0) return rc;
-    for (bool first = true;; first = false) {
-      begin_cycle(str);
-      if (constrained(*str)) znlpdac(str);
-      int code = 0;
-      if (model.evaluate(first) != 0) code = first ? code_start_derivative : code_hessian;
-      const bool all_held = free_dimension(*str) == 0;
-      if (code == 0 && (first || all_held)) code = str->uster(str, all_held ? 1 : 10);
-      str->ridg = 0.0;
-      while (code == 0) code = iteration();
-      if (code != code_reenter) code = end_technique(str, code);
-      if (code != code_reenter) return code;
-    }
+    return newton_cycles(str, model, [this] { return iteration(); });
   }
 
 private:
