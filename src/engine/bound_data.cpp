@@ -97,6 +97,7 @@ int BoundData::compute(const Program& program) const
     raw.push_back(c.result < 0 ? raw_column(gcmp_.graph.node(c.node).index) : nullptr);
   Sources sources;
   sources.columns = raw.data();
+  sources.rows = view_.rows;
   std::vector<double> state(program.data_kept.size());
   sources.state = state.data();
   sources.state_stride = 1;

@@ -35,7 +35,7 @@ struct TileResults final : Results {
   {
     const std::size_t trap = static_cast<std::size_t>(result - program->outputs);
     if (trap < program->traps.size()) {
-      if (code == 0 && any_true(values, lanes.padded))
+      if (code == 0 && any_true(values, lanes.count))
         code = trap_code(gcmp->effects[static_cast<std::size_t>(program->traps[trap])].kind);
       return;
     }
@@ -152,9 +152,11 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   Sources s;
   s.theta = theta.data();
   s.ran = ran;
+  s.points = points;
   s.stride = ran_stride;
   s.points_version = points_version + parameters_version;
   s.columns = f.columns.data();
+  s.rows = data != nullptr ? data->rows() : 0;
   s.observation = f.observation.data();
   s.observation_stride = f.range_stride;
   s.first = first;

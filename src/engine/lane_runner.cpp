@@ -35,22 +35,6 @@ void spread(double* out, const double* from, const std::int32_t* index, int repe
   for (i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
 }
 
-// repeat: the indices come in groups of this many equal ones.
-void fetch(double* out, const double* from, const std::int32_t* index, Lanes::Run run, const Lanes& lanes,
-           int repeat = 1)
-{
-  if (run == Lanes::Run::same) {
-    std::fill_n(out, lanes.padded, from[index[0]]);
-  } else if (run == Lanes::Run::ascending) {
-    std::memcpy(out, from + index[0], static_cast<std::size_t>(lanes.count) * sizeof(double));
-    for (int i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
-  } else if (repeat > 2) {
-    spread(out, from, index, repeat, lanes);
-  } else {
-    for (int i = 0; i < lanes.padded; ++i) out[i] = from[index[i]];
-  }
-}
-
 } // namespace
 
 void LaneArray::reserve(std::size_t n)
@@ -83,37 +67,96 @@ void Lanes::finish()
 void LaneRunner::prepare()
 {
   table_ = &kernels();
-  chain_ = chain_kernel(table_->isa);
+  native_ = {};
+  by_native_ = native_enabled() && NativeStages::possible(code_);
   held_count_ = 0;
-  constexpr int cached_doubles = 5120; // 40 of the 48 kilobytes that first-level caches have today
-  constexpr int narrowest = 32;
-  const int registers = std::max(code_.registers, 1);
-  strip_ = std::clamp(cached_doubles / registers / narrowest * narrowest, narrowest, strip_lanes);
-  registers_.reserve(static_cast<std::size_t>(registers * strip_));
-  links_.assign(code_.links.size(), {});
-  operations_.assign(code_.steps.size(), {});
-  for (std::size_t k = 0; k < code_.steps.size(); ++k) {
-    const Step& s = code_.steps[k];
-    Operation& op = operations_[k];
-    if (s.kind == Step::Kind::kernel) op.fn = (*table_)[s.kernel];
-    if (s.out >= 0) op.out = reg(s.out);
-    for (int j = 0; j < s.operands; ++j) op.in[j] = reg(s.in[static_cast<std::size_t>(j)]);
-    if (s.kind != Step::Kind::chain) continue;
-    for (int l = s.index; l < s.index + s.links; ++l) {
-      const Link& link = code_.links[static_cast<std::size_t>(l)];
-      links_[static_cast<std::size_t>(l)] = {link.op, link.x >= 0 ? reg(link.x) : op.in[0],
-                                             link.y >= 0 ? reg(link.y) : op.in[0]};
-    }
-    op.links = links_.data() + s.index;
-    op.count = s.links;
-    op.output = s.output;
-  }
+  fixed_.reserve(code_.fixed.size() * lane_padding);
+  if (!by_native_) return prepare_steps();
+  strip_ = strip_lanes;
+  const auto strip = static_cast<std::size_t>(strip_), outputs = static_cast<std::size_t>(code_.outputs);
+  fetched_.reserve(code_.inputs.size() * strip);
+  kept_.reserve((code_.results.size() - outputs) * strip);
+  input_addresses_.resize(code_.inputs.size());
+  result_addresses_.resize(code_.results.size());
+  for (std::size_t k = outputs; k < code_.results.size(); ++k)
+    result_addresses_[k] = kept_.data() + (k - outputs) * strip;
 }
 
 void LaneRunner::fill_fixed(const double* parameter_results)
 {
-  if (!prepared()) prepare();
-  for (const Fixed& f : code_.fixed) std::fill_n(reg(f.reg), strip_, f.constant ? f.value : parameter_results[f.index]);
+  if (table_ != &kernels() || by_native_ != (native_enabled() && NativeStages::possible(code_))) prepare();
+  double* to = fixed_.data();
+  for (const Fixed& f : code_.fixed) {
+    const double value = f.constant ? f.value : parameter_results[f.index];
+    std::fill_n(to, lane_padding, value);
+    to += lane_padding;
+    if (!by_native_) std::fill_n(reg(f.reg), strip_, value);
+  }
+}
+
+int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results)
+{
+  if (by_native_) {
+    const NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same};
+    if (const NativeStage* const stage = native(shape); stage != nullptr) {
+      run_native(*stage, lanes, sources, results);
+      return 0;
+    }
+    // No memory for code: from here on the steps are walked.
+    by_native_ = false;
+    prepare_steps();
+    for (std::size_t k = 0; k < code_.fixed.size(); ++k)
+      std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
+  }
+  return walk(lanes, sources, texts, results);
+}
+
+// --- inputs ---
+
+LaneRunner::View LaneRunner::view(const Input& input, const Lanes& lanes, const Sources& sources) const
+{
+  using From = Input::From;
+  static constexpr double nothing = std::numeric_limits<double>::quiet_NaN();
+  static constexpr std::int32_t zero = 0;
+  const std::int64_t k = input.index;
+  switch (input.from) {
+  case From::parameter_value:
+    return {sources.theta + k, &zero, Lanes::Run::same, 1, 1};
+  case From::random_effect:
+    return {sources.ran + k * sources.stride, lanes.point, lanes.points, sources.points, 1};
+  case From::column:
+    return {sources.columns[k], lanes.row, lanes.rows, sources.rows, lanes.repeat};
+  case From::observation:
+    return {sources.observation + k * sources.observation_stride - sources.first, lanes.row, lanes.rows,
+            sources.first + sources.observation_stride, lanes.repeat};
+  case From::point:
+    return {sources.point + k * sources.point_stride, lanes.point, lanes.points, sources.point_stride, 1};
+  case From::state:
+    return {sources.state + k * sources.state_stride, lanes.slot, Lanes::Run::mixed, sources.state_stride, 1};
+  case From::row_number:
+  case From::missing:
+    break;
+  }
+  return {&nothing, &zero, Lanes::Run::same, 1, 1};
+}
+
+void LaneRunner::fetch(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const
+{
+  if (input.from == Input::From::row_number) {
+    for (int i = 0; i < lanes.padded; ++i) out[i] = lanes.row[i];
+    return;
+  }
+  const View v = view(input, lanes, sources);
+  if (v.run == Lanes::Run::same) {
+    std::fill_n(out, lanes.padded, v.from[v.index[0]]);
+  } else if (v.run == Lanes::Run::ascending) {
+    std::memcpy(out, v.from + v.index[0], static_cast<std::size_t>(lanes.count) * sizeof(double));
+    for (int i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
+  } else if (v.repeat > 2) {
+    spread(out, v.from, v.index, v.repeat, lanes);
+  } else {
+    for (int i = 0; i < lanes.padded; ++i) out[i] = v.from[v.index[i]];
+  }
 }
 
 bool LaneRunner::holds_points_of(const Lanes& lanes, const Sources& sources) const
@@ -122,30 +165,81 @@ bool LaneRunner::holds_points_of(const Lanes& lanes, const Sources& sources) con
          std::memcmp(held_, lanes.point, static_cast<std::size_t>(lanes.padded) * sizeof(std::int32_t)) == 0;
 }
 
-void LaneRunner::load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const
+void LaneRunner::hold_points_of(const Lanes& lanes, const Sources& sources)
 {
-  using From = Input::From;
-  switch (input.from) {
-  case From::parameter_value:
-    std::fill_n(out, lanes.padded, sources.theta[input.index]);
-    return;
-  case From::random_effect:
-    return fetch(out, sources.ran + input.index * sources.stride, lanes.point, lanes.points, lanes);
-  case From::column:
-    return fetch(out, sources.columns[input.index], lanes.row, lanes.rows, lanes, lanes.repeat);
-  case From::observation:
-    return fetch(out, sources.observation + input.index * sources.observation_stride - sources.first, lanes.row,
-                 lanes.rows, lanes, lanes.repeat);
-  case From::point:
-    return fetch(out, sources.point + input.index * sources.point_stride, lanes.point, lanes.points, lanes);
-  case From::state:
-    return fetch(out, sources.state + input.index * sources.state_stride, lanes.slot, Lanes::Run::mixed, lanes);
-  case From::row_number:
-    for (int i = 0; i < lanes.padded; ++i) out[i] = lanes.row[i];
-    return;
-  case From::missing:
-    std::fill_n(out, lanes.padded, std::numeric_limits<double>::quiet_NaN());
-    return;
+  std::copy_n(lanes.point, lanes.padded, held_);
+  held_count_ = lanes.padded;
+  held_version_ = sources.points_version;
+}
+
+// --- machine code ---
+
+const NativeStage* LaneRunner::native(NativeShape shape)
+{
+  const NativeStage*& stage = native_[static_cast<std::size_t>(shape.index())];
+  if (stage == nullptr) {
+    stage = code_.native->get(code_, shape, *table_);
+    if (stage != nullptr) scratch_.reserve(stage->scratch());
+  }
+  return stage;
+}
+
+void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, Results& results)
+{
+  const bool same_points = lanes.points == Lanes::Run::mixed && holds_points_of(lanes, sources);
+  bool fetched_points = false;
+  for (std::size_t k = 0; k < code_.inputs.size(); ++k) {
+    const Input& input = code_.inputs[k];
+    double* const room = fetched_.data() + k * static_cast<std::size_t>(strip_);
+    const double*& address = input_addresses_[k];
+    if (input.from != Input::From::row_number) {
+      const View v = view(input, lanes, sources);
+      address = v.from + v.index[0];
+      // Lanes beyond the last one may stand for records or points that are not asked for.
+      if (v.run == Lanes::Run::same || (v.run == Lanes::Run::ascending && v.index[0] + lanes.padded <= v.length))
+        continue;
+    }
+    address = room;
+    if (same_points && input.by_point()) continue;
+    fetch(input, room, lanes, sources);
+    fetched_points = fetched_points || input.by_point();
+  }
+  if (fetched_points) hold_points_of(lanes, sources);
+  const auto outputs = static_cast<std::size_t>(code_.outputs);
+  for (std::size_t k = 0; k < outputs; ++k)
+    result_addresses_[k] = sources.output + static_cast<std::int64_t>(k) * sources.output_stride;
+  NativeArguments arguments;
+  arguments.inputs = input_addresses_.data();
+  arguments.fixed = fixed_.data();
+  arguments.results = result_addresses_.data();
+  arguments.scratch = scratch_.data();
+  arguments.lanes = lanes.padded;
+  if (stage.run(arguments))
+    for (std::size_t k = 0; k < outputs; ++k) {
+      const double* const in = result_addresses_[k];
+      (*table_)[Kernel::canonical](result_addresses_[k], &in, lanes.padded);
+    }
+  for (std::size_t k = outputs; k < code_.results.size(); ++k)
+    results.keep(static_cast<std::int32_t>(k), result_addresses_[k], lanes);
+}
+
+// --- steps ---
+
+void LaneRunner::prepare_steps()
+{
+  constexpr int cached_doubles = 5120; // 40 of the 48 kilobytes that first-level caches have today
+  constexpr int narrowest = 32;
+  const int registers = std::max(code_.registers, 1);
+  held_count_ = 0;
+  strip_ = std::clamp(cached_doubles / registers / narrowest * narrowest, narrowest, strip_lanes);
+  registers_.reserve(static_cast<std::size_t>(registers * strip_));
+  operations_.assign(code_.steps.size(), {});
+  for (std::size_t k = 0; k < code_.steps.size(); ++k) {
+    const Step& s = code_.steps[k];
+    Operation& op = operations_[k];
+    if (s.kind == Step::Kind::kernel) op.fn = (*table_)[s.kernel];
+    if (s.out >= 0) op.out = reg(s.out);
+    for (int j = 0; j < s.operands; ++j) op.in[j] = reg(s.in[static_cast<std::size_t>(j)]);
   }
 }
 
@@ -175,7 +269,7 @@ void LaneRunner::answer(const Step& step, const Operation& op, const Lanes& lane
   }
 }
 
-int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results)
+int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results)
 {
   const int n = lanes.padded;
   const std::size_t steps = operations_.size();
@@ -188,16 +282,11 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       op.fn(op.out, op.in, n);
       continue;
     }
-    if (op.links != nullptr) {
-      double* const out = op.output < 0 ? op.out : sources.output + op.output * sources.output_stride;
-      chain_(out, op.in[0], op.links, op.count, n);
-      continue;
-    }
     const Step& s = code_.steps[k];
     switch (s.kind) {
     case Step::Kind::load: {
       const Input& input = code_.inputs[static_cast<std::size_t>(s.index)];
-      if (!(same_points && input.by_point())) load(input, op.out, lanes, sources);
+      if (!(same_points && input.by_point())) fetch(input, op.out, lanes, sources);
       break;
     }
     case Step::Kind::text:
@@ -205,6 +294,9 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       break;
     case Step::Kind::keep:
       results.keep(s.index, op.in[0], lanes);
+      break;
+    case Step::Kind::output:
+      (*table_)[Kernel::canonical](sources.output + s.index * sources.output_stride, op.in, n);
       break;
     case Step::Kind::loop_begin:
       if (!any_true(op.in[0], n)) k = static_cast<std::size_t>(s.index) - 1;
@@ -214,15 +306,10 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       k = static_cast<std::size_t>(s.index) - 1;
       break;
     case Step::Kind::kernel:
-    case Step::Kind::chain:
       break;
     }
   }
-  if (!same_points) {
-    std::copy_n(lanes.point, n, held_);
-    held_count_ = n;
-    held_version_ = sources.points_version;
-  }
+  if (!same_points) hold_points_of(lanes, sources);
   return 0;
 }
 

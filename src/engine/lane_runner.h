@@ -46,9 +46,11 @@ struct Lanes {
 struct Sources {
   const double* theta = nullptr;
   const double* ran = nullptr;      // random effect e at point p: ran[e * stride + p]
+  std::int64_t points = 0;          // how many there are
   std::uint64_t points_version = 0; // changes with whatever depends on the points
   std::int64_t stride = 0;
   const double* const* columns = nullptr; // by Program::columns, per record
+  std::int64_t rows = 0;                  // how many records
   const double* observation = nullptr;    // result r of record i: observation[r * observation_stride + i - first]
   std::int64_t observation_stride = 0;
   std::int64_t first = 0;
@@ -69,7 +71,7 @@ protected:
   ~CharacterColumns() = default;
 };
 
-// Where the results of a strip go.
+// Where the results of a strip go that are not outputs.
 class Results {
 public:
   virtual void keep(std::int32_t result, const double* values, const Lanes& lanes) = 0;
@@ -78,15 +80,15 @@ protected:
   ~Results() = default;
 };
 
+// Runs a stage strip by strip: by its machine code where it has some, else by walking its steps.
 class LaneRunner {
 public:
   LaneRunner(const CMPGLOBAL& gcmp, const StageCode& code) : gcmp_(gcmp), code_(code) {}
 
-  // Fills the registers that hold the same number in all lanes; parameter_results: results of the parameter stage.
+  // Takes the numbers that are the same in all lanes; parameter_results: results of the parameter stage.
   void fill_fixed(const double* parameter_results);
   // Runs one strip. Returns 0, or 1 when a loop did not end within the limit of passes.
   int run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
-  bool prepared() const { return table_ == &kernels(); }
   int strip() const { return strip_; } // lanes of a full strip, once fill_fixed has been called
 
 private:
@@ -94,25 +96,47 @@ private:
     KernelFn fn = nullptr; // null: a step of another kind
     double* out = nullptr;
     const double* in[6] = {};
-    const ChainLink* links = nullptr; // of a chain
-    int count = 0;
-    int output = -1; // of a chain that writes an output
   };
+  // Where the values of an input stand, and how the lanes' indices run through them.
+  struct View {
+    const double* from = nullptr;
+    const std::int32_t* index = nullptr;
+    Lanes::Run run = Lanes::Run::same;
+    std::int64_t length = 0; // values that may be read
+    int repeat = 1;          // indices come in groups of this many equal ones
+  };
+  View view(const Input& input, const Lanes& lanes, const Sources& sources) const;
+  void fetch(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;
+  bool holds_points_of(const Lanes& lanes, const Sources& sources) const;
+  void hold_points_of(const Lanes& lanes, const Sources& sources);
+
   void prepare();
-  void load(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;
+  const NativeStage* native(NativeShape shape);
+  void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, Results& results);
+
+  void prepare_steps();
+  int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
   void answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const;
   double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r * strip_); }
-  bool holds_points_of(const Lanes& lanes, const Sources& sources) const;
 
   const CMPGLOBAL& gcmp_;
   const StageCode& code_;
-  const KernelTable* table_ = nullptr; // the build that the operations were prepared for
-  LaneArray registers_;
-  std::vector<Operation> operations_;
-  std::vector<ChainLink> links_;
-  ChainFn chain_ = nullptr;
+  const KernelTable* table_ = nullptr; // the build that all was prepared for
+  bool by_native_ = false;
   int strip_ = 0;
-  // The points that the registers of point inputs hold.
+  LaneArray fixed_; // per fixed register lane_padding equal numbers
+
+  std::array<const NativeStage*, NativeShape::count> native_{};
+  LaneArray fetched_; // strip_ values for each input that cannot be read where it stands
+  LaneArray kept_;    // strip_ values for each result that is not an output
+  LaneArray scratch_;
+  std::vector<const double*> input_addresses_;
+  std::vector<double*> result_addresses_;
+
+  LaneArray registers_; // strip_ values each
+  std::vector<Operation> operations_;
+
+  // The points that fetched values of point inputs stand for.
   std::int32_t held_[strip_lanes] = {};
   int held_count_ = 0; // 0: none
   std::uint64_t held_version_ = 0;

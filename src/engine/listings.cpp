@@ -113,27 +113,6 @@ private:
   std::string out_;
 };
 
-// Operations of chains in the order of ChainOp.
-constexpr const char* chain_names[] = {"+",           "-",
-                                       "from",        "*",
-                                       "/",           "into",
-                                       "/",           "+ product",
-                                       "- product",   "from product",
-                                       "times, plus", "times, minus",
-                                       "times, from", "negate",
-                                       "square",      "cube",
-                                       "reciprocal",  "absolute",
-                                       "<",           ">",
-                                       "<=",          ">=",
-                                       "<",           ">",
-                                       "<=",          ">=",
-                                       "and",         "or",
-                                       "not",         "and not",
-                                       "not, and",    "is missing",
-                                       "canonical",   "if",
-                                       "unless",      "choose",
-                                       "if, else 0",  "then, else 0"};
-
 std::string what(const CMPSYM& s)
 {
   if (s.parameter >= 0) return "parameter";
@@ -203,14 +182,8 @@ void append_stage(std::string& out, const CMPGLOBAL& gcmp, const Program& progra
     case Step::Kind::text:
       line += reg(s.out) + " = text test " + std::to_string(s.index);
       break;
-    case Step::Kind::chain:
-      line += (s.output >= 0 ? std::string("output ") + std::to_string(s.output) : reg(s.out)) + " = " + reg(s.in[0]);
-      for (int k = s.index; k < s.index + s.links; ++k) {
-        const Link& link = code.links[static_cast<std::size_t>(k)];
-        line += std::string("; ") + chain_names[static_cast<std::size_t>(link.op)];
-        if (link.x >= 0) line += " " + reg(link.x);
-        if (link.y >= 0) line += " " + reg(link.y);
-      }
+    case Step::Kind::output:
+      line += std::string("output ") + std::to_string(s.index) + " = " + reg(s.in[0]);
       break;
     case Step::Kind::kernel:
       line += reg(s.out) + " = " + std::string(kernel_info(s.kernel).name) + "(";

@@ -5,11 +5,12 @@
 // of a BY group, `observation` over the records of a range, `point` over the points, `lane` over the lanes of a tile.
 // What a later stage needs of an earlier one is an array of that stage's results, read by the lane's record or point.
 
-#include "engine/chains/chain_kernels.h"
 #include "engine/compiler.h"
+#include "engine/native/native_stage.h"
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace torvale::engine {
@@ -17,10 +18,10 @@ namespace torvale::engine {
 struct Step {
   enum class Kind : std::uint8_t {
     kernel,     // out = kernel(in...)
-    chain,      // out = in[0] handed through links `index` .. `index` + `links` - 1
     load,       // out = input `index` of the stage, for the lanes of the strip
     text,       // out = answer of text test `index`, one lane at a time; in: its numbers
     keep,       // result `index` of the stage = in[0]
+    output,     // the same for an output of the program: the missing value in place of any other NaN
     loop_begin, // a loop: when no lane has the mask in[0], go to step `index`
     loop_end,   // go back to step `index`; the loop `out` has made one more pass
   } kind = Kind::kernel;
@@ -29,15 +30,7 @@ struct Step {
   std::int32_t out = -1; // register
   std::array<std::int32_t, 6> in{};
   std::int32_t index = 0;
-  std::int32_t links = 0;
-  std::int32_t output = -1; // of a chain that writes output number `output` instead of a register
   NodeId node = no_node;    // for listings and messages
-};
-
-// One link of a chain; x and y are registers, -1 when the operation has no such operand.
-struct Link {
-  ChainOp op = ChainOp::add;
-  std::int32_t x = -1, y = -1;
 };
 
 // Where a load takes its values.
@@ -54,6 +47,8 @@ struct Input {
   } from = From::column;
   std::int32_t index = 0;
   bool by_point() const { return from == From::point || from == From::random_effect; }
+  bool by_row() const { return from == From::column || from == From::observation || from == From::row_number; }
+  bool same_in_all_lanes() const { return from == From::parameter_value || from == From::missing; }
 };
 
 // A register that holds one number in all lanes and is filled only when that number changes.
@@ -66,12 +61,13 @@ struct Fixed {
 
 struct StageCode {
   std::vector<Step> steps;
-  std::vector<Link> links;
   std::vector<Input> inputs;
   std::vector<Fixed> fixed;
-  std::vector<NodeId> results; // nodes that later stages (or the caller) read, by index of `keep`
+  std::vector<NodeId> results; // nodes that later stages (or the caller) read, by index of `keep` and `output`
+  int outputs = 0;             // results that are outputs of the program: the first ones
   int registers = 0;           // fixed ones first
-  int operations = 0;          // kernels, links of chains and text tests
+  int operations = 0;          // kernels and text tests
+  std::unique_ptr<NativeStages> native = std::make_unique<NativeStages>(); // its machine code
   bool empty() const { return results.empty(); }
 };
 

@@ -62,6 +62,7 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
     nodes.push_back(e.guard);
   }
   program.code(Stage::lane).results = nodes;
+  program.code(Stage::lane).outputs = program.outputs;
   Specialiser all(gcmp, program);
   for (const Stage s : {Stage::lane, Stage::point, Stage::observation}) emit_stage(all, s);
   program.computed_columns = static_cast<int>(program.code(Stage::data).results.size());

@@ -1,7 +1,6 @@
 // The steps of one stage of a program: what its results need, in order, loops as closed groups, over few registers.
 
 #include "engine/stage_emitter.h"
-#include "engine/form_chains.h"
 
 #include <algorithm>
 #include <map>
@@ -34,7 +33,6 @@ public:
       keeps_[code_.results[k]].push_back(static_cast<std::int32_t>(k));
     region(0, code_.results);
     finish_keeps();
-    form_chains(code_);
     allocate();
   }
 
@@ -336,13 +334,7 @@ private:
     s.operands = 1;
     s.index = result;
     s.node = id;
-    if (stage_ == Stage::lane && result < all_.program_.outputs) { // every NaN comes out as the missing value
-      s.kind = Step::Kind::chain;
-      s.output = result;
-      s.links = 1;
-      s.index = static_cast<std::int32_t>(code_.links.size());
-      code_.links.push_back({ChainOp::canonical, -1, -1});
-    }
+    if (stage_ == Stage::lane && result < all_.program_.outputs) s.kind = Step::Kind::output;
     code_.steps.push_back(s);
   }
 
@@ -373,16 +365,11 @@ private:
   template <class F> void for_operands(Step& s, F f)
   {
     for (int j = 0; j < s.operands; ++j) f(s.in[static_cast<std::size_t>(j)]);
-    for (int l = s.index; s.kind == Step::Kind::chain && l < s.index + s.links; ++l) {
-      Link& link = code_.links[static_cast<std::size_t>(l)];
-      if (link.x != -1) f(link.x);
-      if (link.y != -1) f(link.y);
-    }
   }
   static bool writes(const Step& s)
   {
-    return s.kind != Step::Kind::keep && s.kind != Step::Kind::loop_begin && s.kind != Step::Kind::loop_end &&
-           s.output < 0;
+    return s.kind != Step::Kind::keep && s.kind != Step::Kind::output && s.kind != Step::Kind::loop_begin &&
+           s.kind != Step::Kind::loop_end;
   }
 
   void allocate()

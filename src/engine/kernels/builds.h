@@ -5,8 +5,8 @@
 
 namespace torvale::engine {
 
-extern const KernelTable baseline_kernels;
-extern const KernelTable avx2_kernels;
-extern const KernelTable avx512_kernels;
+const KernelTable& baseline_kernels();
+const KernelTable& avx2_kernels();
+const KernelTable& avx512_kernels();
 
 } // namespace torvale::engine

@@ -166,16 +166,16 @@ static_assert(rows_in_order());
 
 // The builds that this processor can run, in order of speed.
 struct UsableKernels {
-  std::array<const KernelTable*, 3> table{&baseline_kernels, nullptr, nullptr};
+  std::array<const KernelTable*, 3> table{&baseline_kernels(), nullptr, nullptr};
   int n = 1;
   UsableKernels()
   {
 #if defined(__x86_64__)
     if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
-      table[static_cast<std::size_t>(n++)] = &avx2_kernels;
+      table[static_cast<std::size_t>(n++)] = &avx2_kernels();
     if (n == 2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
         __builtin_cpu_supports("avx512vl"))
-      table[static_cast<std::size_t>(n++)] = &avx512_kernels;
+      table[static_cast<std::size_t>(n++)] = &avx512_kernels();
 #endif
   }
 };

@@ -138,10 +138,15 @@ inline constexpr int kernel_operands_max = 6;
 // 64-byte boundary; out may be one of the operands, but must not overlap one otherwise.
 using KernelFn = void (*)(double* out, const double* const* in, int n);
 
+// A kernel on one vector, operands and result in vector registers: Lanes (*)(Lanes, ...) of its build, for machine code
+// that calls it. Null for a kernel that is only a loop.
+using VectorFn = void (*)();
+
 // One build of the kernels.
 struct KernelTable {
   const char* isa = ""; // "baseline", "avx2", "avx512"
   KernelFn fn[kernel_count] = {};
+  VectorFn vector[kernel_count] = {};
   KernelFn operator[](Kernel k) const { return fn[static_cast<std::size_t>(k)]; }
 };
 

@@ -36,149 +36,189 @@ template <auto F> void ternary(double* out, const double* const* in, int n)
     for (int j = i; j < i + lane_padding; j += width) store(out + j, F(load(a + j), load(b + j), load(c + j)));
 }
 
-constexpr KernelTable build_table(const char* isa)
+constexpr int operands(Lanes (*)(Lanes))
+{
+  return 1;
+}
+constexpr int operands(Lanes (*)(Lanes, Lanes))
+{
+  return 2;
+}
+constexpr int operands(Lanes (*)(Lanes, Lanes, Lanes))
+{
+  return 3;
+}
+constexpr int operands(KernelFn)
+{
+  return 0; // a loop already
+}
+
+template <auto F> void set(KernelTable& table, Kernel k)
+{
+  const auto at = static_cast<std::size_t>(k);
+  if constexpr (operands(F) == 1) table.fn[at] = unary<F>;
+  if constexpr (operands(F) == 2) table.fn[at] = binary<F>;
+  if constexpr (operands(F) == 3) table.fn[at] = ternary<F>;
+  if constexpr (operands(F) == 0)
+    table.fn[at] = F;
+  else
+    table.vector[at] = reinterpret_cast<VectorFn>(F);
+}
+
+KernelTable build_table(const char* isa)
 {
   KernelTable table;
   table.isa = isa;
-  const auto set = [&table](Kernel k, KernelFn f) { table.fn[static_cast<std::size_t>(k)] = f; };
-  set(Kernel::copy, unary<lane::copy>);
-  set(Kernel::canonical, unary<lane::canonical>);
-  set(Kernel::add, binary<lane::add>);
-  set(Kernel::subtract, binary<lane::subtract>);
-  set(Kernel::multiply, binary<lane::multiply>);
-  set(Kernel::divide, binary<lane::divide>);
-  set(Kernel::divide_unchecked, binary<lane::divide_unchecked>);
-  set(Kernel::negate, unary<lane::negate>);
-  set(Kernel::multiply_add, ternary<lane::multiply_add>);
-  set(Kernel::multiply_subtract, ternary<lane::multiply_subtract>);
-  set(Kernel::subtract_product, ternary<lane::subtract_product>);
-  set(Kernel::reciprocal, unary<lane::reciprocal>);
-  set(Kernel::reciprocal_or_zero, unary<lane::reciprocal_or_zero>);
-  set(Kernel::square, unary<lane::square>);
-  set(Kernel::cube, unary<lane::cube>);
-  set(Kernel::positive_part, unary<lane::positive_part>);
-  set(Kernel::sqrt, unary<lane::sqrt>);
-  set(Kernel::absolute, unary<lane::absolute>);
-  set(Kernel::sign, unary<lane::sign>);
-  set(Kernel::side, unary<lane::side>);
-  set(Kernel::power, binary<lane::power>);
-  set(Kernel::power_or_zero, binary<lane::power_or_zero>);
-  set(Kernel::log_or_zero, unary<lane::log_or_zero>);
-  set(Kernel::positive, unary<lane::positive>);
-  set(Kernel::nonnegative, unary<lane::nonnegative>);
-  set(Kernel::probability, unary<lane::probability>);
-  set(Kernel::least_ordered, binary<lane::least_ordered>);
-  set(Kernel::least, binary<lane::least>);
-  set(Kernel::greatest, binary<lane::greatest>);
-  set(Kernel::floor, unary<lane::floor>);
-  set(Kernel::ceil, unary<lane::ceil>);
-  set(Kernel::truncate, unary<lane::truncate>);
-  set(Kernel::round, unary<lane::round>);
-  set(Kernel::round_to, binary<lane::round_to>);
-  set(Kernel::modulo, binary<lane::modulo>);
-  set(Kernel::less, binary<lane::less>);
-  set(Kernel::less_equal, binary<lane::less_equal>);
-  set(Kernel::equal, binary<lane::equal>);
-  set(Kernel::not_equal, binary<lane::not_equal>);
-  set(Kernel::greater, binary<lane::greater>);
-  set(Kernel::greater_equal, binary<lane::greater_equal>);
-  set(Kernel::less_known, binary<lane::less_known>);
-  set(Kernel::less_equal_known, binary<lane::less_equal_known>);
-  set(Kernel::equal_known, binary<lane::equal_known>);
-  set(Kernel::not_equal_known, binary<lane::not_equal_known>);
-  set(Kernel::greater_known, binary<lane::greater_known>);
-  set(Kernel::greater_equal_known, binary<lane::greater_equal_known>);
-  set(Kernel::truth, unary<lane::truth>);
-  set(Kernel::and_, binary<lane::and_>);
-  set(Kernel::or_, binary<lane::or_>);
-  set(Kernel::not_, unary<lane::not_>);
-  set(Kernel::and_not, binary<lane::and_not>);
-  set(Kernel::select, ternary<lane::select>);
-  set(Kernel::select_or_zero, binary<lane::select_or_zero>);
-  set(Kernel::is_missing, unary<lane::is_missing>);
-  set(Kernel::is_present, unary<lane::is_present>);
-  set(Kernel::zero_if_missing, unary<lane::zero_if_missing>);
-  set(Kernel::coalesce, binary<lane::coalesce>);
-  set(Kernel::exp, unary<lane::exp>);
-  set(Kernel::expm1, unary<lane::expm1>);
-  set(Kernel::log, unary<lane::log>);
-  set(Kernel::log1p, unary<lane::log1p>);
-  set(Kernel::log2, unary<lane::log2>);
-  set(Kernel::log10, unary<lane::log10>);
-  set(Kernel::log_or_minus_infinity, unary<lane::log_or_minus_infinity>);
-  set(Kernel::log_one_minus_exp, unary<lane::log_one_minus_exp>);
-  set(Kernel::sin, unary<lane::sin>);
-  set(Kernel::cos, unary<lane::cos>);
-  set(Kernel::tan, unary<lane::tan>);
-  set(Kernel::asin, unary<lane::asin>);
-  set(Kernel::acos, unary<lane::acos>);
-  set(Kernel::atan, unary<lane::atan>);
-  set(Kernel::sinh, unary<lane::sinh>);
-  set(Kernel::cosh, unary<lane::cosh>);
-  set(Kernel::tanh, unary<lane::tanh>);
-  set(Kernel::asinh, unary<lane::asinh>);
-  set(Kernel::acosh, unary<lane::acosh>);
-  set(Kernel::atanh, unary<lane::atanh>);
-  set(Kernel::atan2, binary<lane::atan2>);
-  set(Kernel::erf, unary<lane::erf>);
-  set(Kernel::erfc, unary<lane::erfc>);
-  set(Kernel::logistic, unary<lane::logistic>);
-  set(Kernel::softplus, unary<lane::softplus>);
-  set(Kernel::logit, unary<lane::logit>);
-  set(Kernel::log_add_exp, binary<lane::log_add_exp>);
-  set(Kernel::gamma, unary<lane::gamma>);
-  set(Kernel::lgamma, unary<lane::lgamma>);
-  set(Kernel::digamma, unary<lane::digamma>);
-  set(Kernel::trigamma, unary<lane::trigamma>);
-  set(Kernel::tetragamma, unary<lane::tetragamma>);
-  set(Kernel::pentagamma, unary<lane::pentagamma>);
-  set(Kernel::hexagamma, unary<lane::hexagamma>);
-  set(Kernel::lgamma_ratio, binary<lane::lgamma_ratio>);
-  set(Kernel::digamma_ratio, binary<lane::digamma_ratio>);
-  set(Kernel::lbeta, binary<lane::lbeta>);
-  set(Kernel::comb, binary<lane::comb>);
-  set(Kernel::normal_pdf, unary<lane::normal_pdf>);
-  set(Kernel::normal_cdf, unary<lane::normal_cdf>);
-  set(Kernel::normal_log_cdf, unary<lane::normal_log_cdf>);
-  set(Kernel::normal_quantile, scalar::normal_quantile);
-  set(Kernel::normal_hazard, unary<lane::normal_hazard>);
-  set(Kernel::normal_hazard_excess, unary<lane::normal_hazard_excess>);
-  set(Kernel::gamma_lower, scalar::gamma_lower);
-  set(Kernel::gamma_upper, scalar::gamma_upper);
-  set(Kernel::log_gamma_lower, scalar::log_gamma_lower);
-  set(Kernel::log_gamma_upper, scalar::log_gamma_upper);
-  set(Kernel::log_gamma_lower_by_shape, scalar::log_gamma_lower_by_shape);
-  set(Kernel::log_gamma_upper_by_shape, scalar::log_gamma_upper_by_shape);
-  set(Kernel::gamma_quantile, scalar::gamma_quantile);
-  set(Kernel::gamma_upper_quantile, scalar::gamma_upper_quantile);
-  set(Kernel::beta_lower, scalar::beta_lower);
-  set(Kernel::beta_upper, scalar::beta_upper);
-  set(Kernel::log_beta_lower, scalar::log_beta_lower);
-  set(Kernel::log_beta_upper, scalar::log_beta_upper);
-  set(Kernel::log_beta_lower_by_shapes, scalar::log_beta_lower_by_shapes);
-  set(Kernel::log_beta_upper_by_shapes, scalar::log_beta_upper_by_shapes);
-  set(Kernel::beta_quantile, scalar::beta_quantile);
-  set(Kernel::beta_quantile_complement, scalar::beta_quantile_complement);
-  set(Kernel::t_lower, scalar::t_lower);
-  set(Kernel::log_t_lower, scalar::log_t_lower);
-  set(Kernel::log_t_lower_by_df, scalar::log_t_lower_by_df);
-  set(Kernel::t_quantile, scalar::t_quantile);
-  set(Kernel::binomial_quantile, scalar::binomial_quantile);
-  set(Kernel::poisson_quantile, scalar::poisson_quantile);
-  set(Kernel::negative_binomial_quantile, scalar::negative_binomial_quantile);
-  set(Kernel::uniform_random, scalar::uniform_random);
-  set(Kernel::normal_random, scalar::normal_random);
+  set<lane::copy>(table, Kernel::copy);
+  set<lane::canonical>(table, Kernel::canonical);
+  set<lane::add>(table, Kernel::add);
+  set<lane::subtract>(table, Kernel::subtract);
+  set<lane::multiply>(table, Kernel::multiply);
+  set<lane::divide>(table, Kernel::divide);
+  set<lane::divide_unchecked>(table, Kernel::divide_unchecked);
+  set<lane::negate>(table, Kernel::negate);
+  set<lane::multiply_add>(table, Kernel::multiply_add);
+  set<lane::multiply_subtract>(table, Kernel::multiply_subtract);
+  set<lane::subtract_product>(table, Kernel::subtract_product);
+  set<lane::reciprocal>(table, Kernel::reciprocal);
+  set<lane::reciprocal_or_zero>(table, Kernel::reciprocal_or_zero);
+  set<lane::square>(table, Kernel::square);
+  set<lane::cube>(table, Kernel::cube);
+  set<lane::positive_part>(table, Kernel::positive_part);
+  set<lane::sqrt>(table, Kernel::sqrt);
+  set<lane::absolute>(table, Kernel::absolute);
+  set<lane::sign>(table, Kernel::sign);
+  set<lane::side>(table, Kernel::side);
+  set<lane::power>(table, Kernel::power);
+  set<lane::power_or_zero>(table, Kernel::power_or_zero);
+  set<lane::log_or_zero>(table, Kernel::log_or_zero);
+  set<lane::positive>(table, Kernel::positive);
+  set<lane::nonnegative>(table, Kernel::nonnegative);
+  set<lane::probability>(table, Kernel::probability);
+  set<lane::least_ordered>(table, Kernel::least_ordered);
+  set<lane::least>(table, Kernel::least);
+  set<lane::greatest>(table, Kernel::greatest);
+  set<lane::floor>(table, Kernel::floor);
+  set<lane::ceil>(table, Kernel::ceil);
+  set<lane::truncate>(table, Kernel::truncate);
+  set<lane::round>(table, Kernel::round);
+  set<lane::round_to>(table, Kernel::round_to);
+  set<lane::modulo>(table, Kernel::modulo);
+  set<lane::less>(table, Kernel::less);
+  set<lane::less_equal>(table, Kernel::less_equal);
+  set<lane::equal>(table, Kernel::equal);
+  set<lane::not_equal>(table, Kernel::not_equal);
+  set<lane::greater>(table, Kernel::greater);
+  set<lane::greater_equal>(table, Kernel::greater_equal);
+  set<lane::less_known>(table, Kernel::less_known);
+  set<lane::less_equal_known>(table, Kernel::less_equal_known);
+  set<lane::equal_known>(table, Kernel::equal_known);
+  set<lane::not_equal_known>(table, Kernel::not_equal_known);
+  set<lane::greater_known>(table, Kernel::greater_known);
+  set<lane::greater_equal_known>(table, Kernel::greater_equal_known);
+  set<lane::truth>(table, Kernel::truth);
+  set<lane::and_>(table, Kernel::and_);
+  set<lane::or_>(table, Kernel::or_);
+  set<lane::not_>(table, Kernel::not_);
+  set<lane::and_not>(table, Kernel::and_not);
+  set<lane::select>(table, Kernel::select);
+  set<lane::select_or_zero>(table, Kernel::select_or_zero);
+  set<lane::is_missing>(table, Kernel::is_missing);
+  set<lane::is_present>(table, Kernel::is_present);
+  set<lane::zero_if_missing>(table, Kernel::zero_if_missing);
+  set<lane::coalesce>(table, Kernel::coalesce);
+  set<lane::exp>(table, Kernel::exp);
+  set<lane::expm1>(table, Kernel::expm1);
+  set<lane::log>(table, Kernel::log);
+  set<lane::log1p>(table, Kernel::log1p);
+  set<lane::log2>(table, Kernel::log2);
+  set<lane::log10>(table, Kernel::log10);
+  set<lane::log_or_minus_infinity>(table, Kernel::log_or_minus_infinity);
+  set<lane::log_one_minus_exp>(table, Kernel::log_one_minus_exp);
+  set<lane::sin>(table, Kernel::sin);
+  set<lane::cos>(table, Kernel::cos);
+  set<lane::tan>(table, Kernel::tan);
+  set<lane::asin>(table, Kernel::asin);
+  set<lane::acos>(table, Kernel::acos);
+  set<lane::atan>(table, Kernel::atan);
+  set<lane::sinh>(table, Kernel::sinh);
+  set<lane::cosh>(table, Kernel::cosh);
+  set<lane::tanh>(table, Kernel::tanh);
+  set<lane::asinh>(table, Kernel::asinh);
+  set<lane::acosh>(table, Kernel::acosh);
+  set<lane::atanh>(table, Kernel::atanh);
+  set<lane::atan2>(table, Kernel::atan2);
+  set<lane::erf>(table, Kernel::erf);
+  set<lane::erfc>(table, Kernel::erfc);
+  set<lane::logistic>(table, Kernel::logistic);
+  set<lane::softplus>(table, Kernel::softplus);
+  set<lane::logit>(table, Kernel::logit);
+  set<lane::log_add_exp>(table, Kernel::log_add_exp);
+  set<lane::gamma>(table, Kernel::gamma);
+  set<lane::lgamma>(table, Kernel::lgamma);
+  set<lane::digamma>(table, Kernel::digamma);
+  set<lane::trigamma>(table, Kernel::trigamma);
+  set<lane::tetragamma>(table, Kernel::tetragamma);
+  set<lane::pentagamma>(table, Kernel::pentagamma);
+  set<lane::hexagamma>(table, Kernel::hexagamma);
+  set<lane::lgamma_ratio>(table, Kernel::lgamma_ratio);
+  set<lane::digamma_ratio>(table, Kernel::digamma_ratio);
+  set<lane::lbeta>(table, Kernel::lbeta);
+  set<lane::comb>(table, Kernel::comb);
+  set<lane::normal_pdf>(table, Kernel::normal_pdf);
+  set<lane::normal_cdf>(table, Kernel::normal_cdf);
+  set<lane::normal_log_cdf>(table, Kernel::normal_log_cdf);
+  set<scalar::normal_quantile>(table, Kernel::normal_quantile);
+  set<lane::normal_hazard>(table, Kernel::normal_hazard);
+  set<lane::normal_hazard_excess>(table, Kernel::normal_hazard_excess);
+  set<scalar::gamma_lower>(table, Kernel::gamma_lower);
+  set<scalar::gamma_upper>(table, Kernel::gamma_upper);
+  set<scalar::log_gamma_lower>(table, Kernel::log_gamma_lower);
+  set<scalar::log_gamma_upper>(table, Kernel::log_gamma_upper);
+  set<scalar::log_gamma_lower_by_shape>(table, Kernel::log_gamma_lower_by_shape);
+  set<scalar::log_gamma_upper_by_shape>(table, Kernel::log_gamma_upper_by_shape);
+  set<scalar::gamma_quantile>(table, Kernel::gamma_quantile);
+  set<scalar::gamma_upper_quantile>(table, Kernel::gamma_upper_quantile);
+  set<scalar::beta_lower>(table, Kernel::beta_lower);
+  set<scalar::beta_upper>(table, Kernel::beta_upper);
+  set<scalar::log_beta_lower>(table, Kernel::log_beta_lower);
+  set<scalar::log_beta_upper>(table, Kernel::log_beta_upper);
+  set<scalar::log_beta_lower_by_shapes>(table, Kernel::log_beta_lower_by_shapes);
+  set<scalar::log_beta_upper_by_shapes>(table, Kernel::log_beta_upper_by_shapes);
+  set<scalar::beta_quantile>(table, Kernel::beta_quantile);
+  set<scalar::beta_quantile_complement>(table, Kernel::beta_quantile_complement);
+  set<scalar::t_lower>(table, Kernel::t_lower);
+  set<scalar::log_t_lower>(table, Kernel::log_t_lower);
+  set<scalar::log_t_lower_by_df>(table, Kernel::log_t_lower_by_df);
+  set<scalar::t_quantile>(table, Kernel::t_quantile);
+  set<scalar::binomial_quantile>(table, Kernel::binomial_quantile);
+  set<scalar::poisson_quantile>(table, Kernel::poisson_quantile);
+  set<scalar::negative_binomial_quantile>(table, Kernel::negative_binomial_quantile);
+  set<scalar::uniform_random>(table, Kernel::uniform_random);
+  set<scalar::normal_random>(table, Kernel::normal_random);
   return table;
 }
 
 } // namespace
 
 #if defined(__AVX512F__)
-constinit const KernelTable avx512_kernels = build_table("avx512");
+const KernelTable& avx512_kernels()
+{
+  static const KernelTable table = build_table("avx512");
+  return table;
+}
 #elif defined(__AVX2__)
-constinit const KernelTable avx2_kernels = build_table("avx2");
+const KernelTable& avx2_kernels()
+{
+  static const KernelTable table = build_table("avx2");
+  return table;
+}
 #else
-constinit const KernelTable baseline_kernels = build_table("baseline");
+const KernelTable& baseline_kernels()
+{
+  static const KernelTable table = build_table("baseline");
+  return table;
+}
 #endif
 
 } // namespace torvale::engine

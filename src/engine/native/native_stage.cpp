@@ -1,0 +1,284 @@
+#include "engine/native/native_stage.h"
+
+#include "engine/program.h"
+
+#if defined(__x86_64__)
+#include "engine/native/kernel_code.h"
+#endif
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+namespace torvale::engine {
+
+namespace {
+
+std::atomic<bool> enabled{true};
+
+#if defined(__x86_64__)
+
+std::vector<bool> uniform_inputs(const StageCode& code, NativeShape shape)
+{
+  std::vector<bool> uniform;
+  for (const Input& input : code.inputs)
+    uniform.push_back(input.same_in_all_lanes() || (shape.one_row && input.by_row()) ||
+                      (shape.one_point && input.by_point()));
+  return uniform;
+}
+
+// Writes the code of one stage: loads what is the same for all lanes once, then goes through the lanes vector by
+// vector.
+class StageWriter {
+public:
+  StageWriter(VectorCode& code, const ValuePlan& plan, const std::vector<bool>& uniform, const KernelTable& table)
+      : code_(code), plan_(plan), uniform_(uniform), table_(table), registers_(code, plan, uniform)
+  {
+  }
+
+  // Returns the slots of scratch memory that the code uses.
+  std::int32_t write()
+  {
+    enter();
+    for (std::size_t k = 0; k < uniform_.size(); ++k) {
+      if (!uniform_[k]) continue;
+      code_.mov(frame().address, code_.ptr[frame().inputs + 8 * k]);
+      code_.broadcast(code_.number_scratch(), code_.ptr[frame().address]);
+      code_.store(registers_.slot(registers_.uniform_slot(static_cast<std::int32_t>(k))), code_.number_scratch());
+    }
+    Xbyak::Label next;
+    code_.align(32);
+    code_.L(next);
+    for (std::size_t k = 0; k < plan_.operations.size(); ++k) {
+      registers_.begin(static_cast<std::int32_t>(k));
+      write(plan_.operations[k]);
+    }
+    code_.add(frame().offset, code_.width() * static_cast<int>(sizeof(double)));
+    code_.cmp(frame().offset, code_.ptr[code_.rsp + end_at]);
+    code_.jl(next, Xbyak::CodeGenerator::T_NEAR);
+    leave();
+    return registers_.slots();
+  }
+
+private:
+  static constexpr int nan_at = 0, end_at = 8, frame_bytes = 24; // keeps the stack aligned for calls
+
+  const NativeFrame& frame() const { return registers_.frame; }
+
+  void enter()
+  {
+    const Xbyak::Reg64 arguments = code_.rdi;
+    for (const Xbyak::Reg64& r : saved()) code_.push(r);
+    code_.sub(code_.rsp, frame_bytes);
+    code_.mov(frame().inputs, code_.ptr[arguments + offsetof(NativeArguments, inputs)]);
+    code_.mov(frame().fixed, code_.ptr[arguments + offsetof(NativeArguments, fixed)]);
+    code_.mov(frame().results, code_.ptr[arguments + offsetof(NativeArguments, results)]);
+    code_.mov(frame().scratch, code_.ptr[arguments + offsetof(NativeArguments, scratch)]);
+    code_.mov(frame().offset, code_.ptr[arguments + offsetof(NativeArguments, lanes)]);
+    code_.shl(frame().offset, 3);
+    code_.mov(code_.ptr[code_.rsp + end_at], frame().offset);
+    code_.xor_(frame().offset, frame().offset);
+    code_.mov(code_.ptr[code_.rsp + nan_at], frame().offset);
+    code_.mov(code_.constants, reinterpret_cast<std::uint64_t>(VectorCode::constant_table()));
+  }
+
+  void leave()
+  {
+    code_.mov(code_.eax, code_.ptr[code_.rsp + nan_at]);
+    code_.leave_vectors();
+    code_.add(code_.rsp, frame_bytes);
+    const auto all = saved();
+    for (auto r = all.rbegin(); r != all.rend(); ++r) code_.pop(*r);
+    code_.ret();
+  }
+
+  std::array<Xbyak::Reg64, 6> saved() const
+  {
+    return {frame().inputs, frame().results, frame().offset, frame().scratch, frame().fixed, code_.constants};
+  }
+
+  void write(const PlanOperation& op)
+  {
+    using Kind = PlanOperation::Kind;
+    if (op.out != no_value && !registers_.wanted(op.out)) return;
+    switch (op.kind) {
+    case Kind::kernel:
+      if (write_kernel(code_, registers_, op)) return;
+      if (table_.vector[static_cast<std::size_t>(op.kernel)] != nullptr)
+        call_vector(op);
+      else
+        call_loop(op);
+      return;
+    case Kind::to_mask: {
+      const int a = registers_.number(op.in[0]), out = registers_.result(op.out);
+      const int t = code_.number_scratch();
+      code_.move(t, code_.constant(Constant::zero));
+      code_.compare(out, Predicate::less, t, code_.vector(a));
+      return;
+    }
+    case Kind::to_number: {
+      const int a = registers_.mask(op.in[0]);
+      code_.choose_or_zero(registers_.result(op.out), a, code_.constant(Constant::one));
+      return;
+    }
+    case Kind::nan: {
+      const int a = registers_.number(op.in[0]);
+      const Xbyak::Operand& b = registers_.source(op.in[1]);
+      code_.compare(registers_.result(op.out), Predicate::unordered, a, b);
+      return;
+    }
+    case Kind::any_nan:
+      code_.lanes_of(code_.eax, registers_.mask(op.in[0]));
+      code_.or_(code_.dword[code_.rsp + nan_at], code_.eax);
+      registers_.result(no_value);
+      return;
+    case Kind::store: {
+      const int a = registers_.number(op.in[0]);
+      code_.mov(frame().address, code_.ptr[frame().results + op.index * 8]);
+      code_.store(code_.ptr[frame().address + frame().offset], a);
+      registers_.result(no_value);
+      return;
+    }
+    }
+  }
+
+  // A kernel that takes and gives vectors in registers, by the convention of the platform: arguments in the first
+  // vector registers, the result in the very first, and every vector register may be lost.
+  void call_vector(const PlanOperation& op)
+  {
+    registers_.save_for_call();
+    if (op.operands == 1) {
+      registers_.copy_to(0, op.in[0]);
+    } else { // through memory: an argument's register may be where another must go
+      for (int j = 0; j < op.operands; ++j) registers_.save(op.in[static_cast<std::size_t>(j)]);
+      for (int j = 0; j < op.operands; ++j) registers_.load_to(j, op.in[static_cast<std::size_t>(j)]);
+    }
+    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_.vector[static_cast<std::size_t>(op.kernel)]));
+    code_.call(code_.rax);
+    registers_.forget_registers();
+    registers_.result_in(op.out, 0);
+  }
+
+  // A kernel that is a loop over lanes in memory: one vector of each operand is laid out for it.
+  void call_loop(const PlanOperation& op)
+  {
+    registers_.save_for_call();
+    if (loop_area_ < 0) {
+      loop_area_ = registers_.new_slot();
+      for (int j = 1; j < kernel_operands_max + 2; ++j) registers_.new_slot();
+    }
+    const int t = code_.number_scratch();
+    const std::int32_t addresses = loop_area_ + kernel_operands_max, out = addresses + 1;
+    for (int j = 0; j < op.operands; ++j) {
+      registers_.copy_to(t, op.in[static_cast<std::size_t>(j)]);
+      code_.store(registers_.slot(loop_area_ + j), t);
+      code_.lea(code_.rax, registers_.slot(loop_area_ + j));
+      code_.mov(code_.ptr[frame().scratch + addresses * vector_slot + 8 * j], code_.rax);
+    }
+    code_.lea(code_.rdi, registers_.slot(out));
+    code_.lea(code_.rsi, registers_.slot(addresses));
+    code_.mov(code_.edx, code_.width());
+    code_.leave_vectors();
+    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_[op.kernel]));
+    code_.call(code_.rax);
+    registers_.forget_registers();
+    registers_.result_in(op.out, 0);
+    code_.load(0, registers_.slot(out));
+  }
+
+  VectorCode& code_;
+  const ValuePlan& plan_;
+  const std::vector<bool>& uniform_;
+  const KernelTable& table_;
+  RegisterAllocator registers_;
+  std::int32_t loop_area_ = -1; // slots for the operands of a loop, their addresses, and its result
+};
+
+class WrittenStage final : public NativeStage {
+public:
+  WrittenStage(std::unique_ptr<VectorCode> code, std::int32_t slots) : code_(std::move(code))
+  {
+    entry_ = code_->getCode<int (*)(const NativeArguments*)>();
+    bytes_ = code_->getSize();
+    scratch_ = static_cast<std::size_t>(slots) * vector_slot / sizeof(double);
+  }
+
+private:
+  std::unique_ptr<VectorCode> code_;
+};
+
+#endif
+
+} // namespace
+
+#if defined(__x86_64__)
+
+std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shape, const KernelTable& table)
+{
+  ValuePlan plan;
+  if (!plan_values(code, plan)) return nullptr;
+  constexpr std::size_t bytes_of_operation = 192, bytes_of_input = 32, bytes_of_rest = 4096;
+  const std::size_t capacity =
+      plan.operations.size() * bytes_of_operation + code.inputs.size() * bytes_of_input + bytes_of_rest;
+  try {
+    std::unique_ptr<VectorCode> to = make_vector_code(table.isa, capacity);
+    if (to == nullptr) return nullptr;
+    const std::vector<bool> uniform = uniform_inputs(code, shape);
+    const std::int32_t slots = StageWriter(*to, plan, uniform, table).write();
+    to->ready();
+    to->setProtectModeRE();
+    return std::make_unique<WrittenStage>(std::move(to), slots);
+  } catch (const Xbyak::Error&) { // no executable memory: the steps are walked instead
+    return nullptr;
+  }
+}
+
+#else
+
+std::unique_ptr<NativeStage> make_native(const StageCode&, NativeShape, const KernelTable&)
+{
+  return nullptr;
+}
+
+#endif
+
+bool NativeStages::possible(const StageCode& code)
+{
+#if defined(__x86_64__)
+  using Kind = Step::Kind;
+  return std::none_of(code.steps.begin(), code.steps.end(), [](const Step& s) {
+    return s.kind == Kind::text || s.kind == Kind::loop_begin || s.kind == Kind::loop_end;
+  });
+#else
+  return code.steps.empty();
+#endif
+}
+
+const NativeStage* NativeStages::get(const StageCode& code, NativeShape shape, const KernelTable& table)
+{
+  int build = 0;
+  for (const char* const isa : {"baseline", "avx2", "avx512"}) {
+    if (std::strcmp(isa, table.isa) == 0) break;
+    ++build;
+  }
+  if (build == builds) return nullptr;
+  const std::lock_guard<std::mutex> lock(making_);
+  Made& made = made_[static_cast<std::size_t>(build * NativeShape::count + shape.index())];
+  if (!made.tried) {
+    made.tried = true;
+    made.code = make_native(code, shape, table);
+  }
+  return made.code.get();
+}
+
+bool native_enabled()
+{
+  return enabled.load(std::memory_order_relaxed);
+}
+
+void set_native(bool on)
+{
+  enabled.store(on, std::memory_order_relaxed);
+}
+
+} // namespace torvale::engine

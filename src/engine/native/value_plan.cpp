@@ -1,0 +1,162 @@
+#include "engine/native/value_plan.h"
+
+#include <algorithm>
+
+namespace torvale::engine {
+
+namespace {
+
+bool answers_mask(Kernel k)
+{
+  return (k >= Kernel::less && k <= Kernel::greater_equal_known) || (k >= Kernel::truth && k <= Kernel::and_not) ||
+         k == Kernel::is_missing || k == Kernel::is_present;
+}
+
+bool asks_mask(Kernel k, int operand)
+{
+  if (k == Kernel::and_ || k == Kernel::or_ || k == Kernel::not_ || k == Kernel::and_not) return true;
+  return operand == 0 && (k == Kernel::select || k == Kernel::select_or_zero);
+}
+
+class Planner {
+public:
+  Planner(const StageCode& code, ValuePlan& plan)
+      : code_(code), plan_(plan), held_(static_cast<std::size_t>(code.registers), no_value)
+  {
+  }
+
+  bool run()
+  {
+    for (std::size_t k = 0; k < code_.fixed.size(); ++k)
+      held(code_.fixed[k].reg) = value(PlanValue::From::fixed, false, static_cast<std::int32_t>(k));
+    for (const Step& s : code_.steps)
+      if (!step(s)) return false;
+    if (pending_ != no_value) look_for_nan(pending_, pending_);
+    if (nans_ != no_value) operation(PlanOperation::Kind::any_nan, {nans_});
+    find_uses();
+    return true;
+  }
+
+private:
+  ValueId& held(std::int32_t reg) { return held_[static_cast<std::size_t>(reg)]; }
+
+  ValueId value(PlanValue::From from, bool mask, std::int32_t index = 0)
+  {
+    PlanValue v;
+    v.from = from;
+    v.mask = mask;
+    v.index = index;
+    plan_.values.push_back(std::move(v));
+    other_form_.push_back(no_value);
+    return static_cast<ValueId>(plan_.values.size()) - 1;
+  }
+
+  PlanOperation& operation(PlanOperation::Kind kind, std::initializer_list<ValueId> in)
+  {
+    PlanOperation op;
+    op.kind = kind;
+    op.operands = static_cast<std::int32_t>(in.size());
+    std::copy(in.begin(), in.end(), op.in.begin());
+    plan_.operations.push_back(op);
+    return plan_.operations.back();
+  }
+
+  // The value as a mask or as a number, converted at most once.
+  ValueId as(bool mask, ValueId v)
+  {
+    const auto at = static_cast<std::size_t>(v);
+    if (plan_.values[at].mask == mask) return v;
+    if (other_form_[at] == no_value) {
+      const ValueId out = value(PlanValue::From::operation, mask);
+      operation(mask ? PlanOperation::Kind::to_mask : PlanOperation::Kind::to_number, {v}).out = out;
+      other_form_[at] = out;
+      other_form_[static_cast<std::size_t>(out)] = v;
+    }
+    return other_form_[at];
+  }
+
+  bool step(const Step& s)
+  {
+    switch (s.kind) {
+    case Step::Kind::load:
+      held(s.out) = value(PlanValue::From::input, false, s.index);
+      return true;
+    case Step::Kind::kernel: {
+      if (s.kernel == Kernel::copy) {
+        held(s.out) = held(s.in[0]);
+        return true;
+      }
+      PlanOperation op;
+      op.kernel = s.kernel;
+      op.operands = s.operands;
+      for (int j = 0; j < s.operands; ++j) {
+        const auto at = static_cast<std::size_t>(j);
+        op.in[at] = as(asks_mask(s.kernel, j), held(s.in[at]));
+      }
+      op.out = held(s.out) = value(PlanValue::From::operation, answers_mask(s.kernel));
+      plan_.operations.push_back(op);
+      return true;
+    }
+    case Step::Kind::keep:
+    case Step::Kind::output: {
+      const ValueId v = as(false, held(s.in[0]));
+      operation(PlanOperation::Kind::store, {v}).index = s.index;
+      if (s.kind == Step::Kind::output) check(v);
+      return true;
+    }
+    default:
+      return false;
+    }
+  }
+
+  // Outputs are looked through two at a time.
+  void check(ValueId v)
+  {
+    if (pending_ == no_value) {
+      pending_ = v;
+      return;
+    }
+    look_for_nan(pending_, v);
+    pending_ = no_value;
+  }
+
+  void look_for_nan(ValueId a, ValueId b)
+  {
+    const ValueId found = value(PlanValue::From::operation, true);
+    operation(PlanOperation::Kind::nan, {a, b}).out = found;
+    if (nans_ == no_value) {
+      nans_ = found;
+      return;
+    }
+    const ValueId both = value(PlanValue::From::operation, true);
+    PlanOperation& op = operation(PlanOperation::Kind::kernel, {nans_, found});
+    op.kernel = Kernel::or_;
+    op.out = nans_ = both;
+  }
+
+  void find_uses()
+  {
+    for (std::size_t k = 0; k < plan_.operations.size(); ++k) {
+      const PlanOperation& op = plan_.operations[k];
+      for (int j = 0; j < op.operands; ++j) {
+        auto& uses = plan_.values[static_cast<std::size_t>(op.in[static_cast<std::size_t>(j)])].uses;
+        if (uses.empty() || uses.back() != static_cast<std::int32_t>(k)) uses.push_back(static_cast<std::int32_t>(k));
+      }
+    }
+  }
+
+  const StageCode& code_;
+  ValuePlan& plan_;
+  std::vector<ValueId> held_;       // value in each register of the steps
+  std::vector<ValueId> other_form_; // per value: the same as a mask or number
+  ValueId pending_ = no_value, nans_ = no_value;
+};
+
+} // namespace
+
+bool plan_values(const StageCode& code, ValuePlan& plan)
+{
+  return Planner(code, plan).run();
+}
+
+} // namespace torvale::engine

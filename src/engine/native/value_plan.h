@@ -1,0 +1,48 @@
+#pragma once
+// ValuePlan: the steps of a stage as operations on values, each made once, with masks told from numbers.
+//
+// A step's registers are shared by many values; here every value has a number of its own, so that machine registers can
+// be given out by when a value is used next. Kernels answer true or false with 1 or 0; where another kernel asks for a
+// mask, the comparison's own result serves without a detour through numbers.
+
+#include "engine/program.h"
+
+#include <vector>
+
+namespace torvale::engine {
+
+using ValueId = std::int32_t;
+inline constexpr ValueId no_value = -1;
+
+struct PlanValue {
+  enum class From : std::uint8_t { operation, input, fixed } from = From::operation;
+  bool mask = false;            // true or false in the form of the machine's comparisons
+  std::int32_t index = 0;       // of the input or the fixed register
+  std::vector<std::int32_t> uses; // operations that read it, ascending
+};
+
+struct PlanOperation {
+  enum class Kind : std::uint8_t {
+    kernel,    // out = kernel(in...)
+    to_mask,   // out = in[0] > 0
+    to_number, // out = in[0] ? 1 : 0
+    nan,       // out (a mask) = in[0] or in[1] is a NaN
+    any_nan,   // the run tells whether the mask in[0] was ever true
+    store,     // result `index` = in[0]
+  } kind = Kind::kernel;
+  Kernel kernel = Kernel::copy;
+  ValueId out = no_value;
+  std::int32_t operands = 0;
+  std::array<ValueId, kernel_operands_max> in{};
+  std::int32_t index = 0;
+};
+
+struct ValuePlan {
+  std::vector<PlanValue> values;
+  std::vector<PlanOperation> operations;
+};
+
+// False when the stage has steps that cannot be planned: loops, text tests.
+bool plan_values(const StageCode& code, ValuePlan& plan);
+
+} // namespace torvale::engine

@@ -1,0 +1,278 @@
+#include "engine/native/vector_code.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace torvale::engine {
+
+namespace {
+
+using Xbyak::Opmask;
+using Xbyak::Xmm;
+using Xbyak::Ymm;
+using Xbyak::Zmm;
+
+std::uint8_t number(Predicate p)
+{
+  return static_cast<std::uint8_t>(p);
+}
+
+// Eight lanes; masks in k1 to k7.
+class Avx512Code final : public VectorCode {
+public:
+  using VectorCode::VectorCode;
+  int width() const override { return 8; }
+  int vectors() const override { return 31; }
+  int masks() const override { return 5; }
+  int number_scratch() const override { return 31; }
+  int mask_scratch(int k) const override { return 6 + k; }
+  Xmm vector(int r) const override { return Zmm(r); }
+
+  void move(int to, const Operand& from) override { vmovapd(Zmm(to), from); }
+  void load(int to, const Address& from) override { vmovupd(Zmm(to), from); }
+  void store(const Address& to, int from) override { vmovupd(to, Zmm(from)); }
+  void broadcast(int to, const Address& from) override { vbroadcastsd(Zmm(to), from); }
+  void arithmetic(Arithmetic op, int out, int a, const Operand& b) override
+  {
+    switch (op) {
+    case Arithmetic::add:
+      return vaddpd(Zmm(out), Zmm(a), b);
+    case Arithmetic::subtract:
+      return vsubpd(Zmm(out), Zmm(a), b);
+    case Arithmetic::multiply:
+      return vmulpd(Zmm(out), Zmm(a), b);
+    case Arithmetic::divide:
+      return vdivpd(Zmm(out), Zmm(a), b);
+    }
+  }
+  void square_root(int out, const Operand& a) override { vsqrtpd(Zmm(out), a); }
+  void bitwise(Bitwise op, int out, int a, const Operand& b) override
+  {
+    switch (op) {
+    case Bitwise::and_:
+      return vandpd(Zmm(out), Zmm(a), b);
+    case Bitwise::and_not:
+      return vandnpd(Zmm(out), Zmm(a), b);
+    case Bitwise::or_:
+      return vorpd(Zmm(out), Zmm(a), b);
+    case Bitwise::xor_:
+      return vxorpd(Zmm(out), Zmm(a), b);
+    }
+  }
+  void compare(int mask, Predicate p, int a, const Operand& b) override { vcmppd(Opmask(mask), Zmm(a), b, number(p)); }
+  void combine(MaskOp op, int out, int a, int b) override
+  {
+    switch (op) {
+    case MaskOp::and_:
+      return kandb(Opmask(out), Opmask(a), Opmask(b));
+    case MaskOp::and_not:
+      return kandnb(Opmask(out), Opmask(b), Opmask(a));
+    case MaskOp::or_:
+      return korb(Opmask(out), Opmask(a), Opmask(b));
+    }
+  }
+  void invert(int out, int a) override { knotb(Opmask(out), Opmask(a)); }
+  void choose(int out, int mask, const Operand& yes, int no) override
+  {
+    vblendmpd(Zmm(out) | Opmask(mask), Zmm(no), yes);
+  }
+  void choose_or_zero(int out, int mask, const Operand& yes) override { vmovapd(Zmm(out) | Opmask(mask) | T_z, yes); }
+  void move_mask(int to, int from) override { kmovb(Opmask(to), Opmask(from)); }
+  void load_mask(int to, const Address& from) override { kmovb(Opmask(to), from); }
+  void store_mask(const Address& to, int from) override { kmovb(to, Opmask(from)); }
+  void lanes_of(const Xbyak::Reg32& bits, int mask) override { kmovb(bits, Opmask(mask)); }
+  void leave_vectors() override { vzeroupper(); }
+};
+
+// Four lanes; masks are vectors.
+class Avx2Code final : public VectorCode {
+public:
+  using VectorCode::VectorCode;
+  int width() const override { return 4; }
+  int vectors() const override { return 13; }
+  int masks() const override { return 0; }
+  int number_scratch() const override { return 13; }
+  int mask_scratch(int k) const override { return 14 + k; }
+  Xmm vector(int r) const override { return Ymm(r); }
+
+  void move(int to, const Operand& from) override { vmovapd(Ymm(to), from); }
+  void load(int to, const Address& from) override { vmovupd(Ymm(to), from); }
+  void store(const Address& to, int from) override { vmovupd(to, Ymm(from)); }
+  void broadcast(int to, const Address& from) override { vbroadcastsd(Ymm(to), from); }
+  void arithmetic(Arithmetic op, int out, int a, const Operand& b) override
+  {
+    switch (op) {
+    case Arithmetic::add:
+      return vaddpd(Ymm(out), Ymm(a), b);
+    case Arithmetic::subtract:
+      return vsubpd(Ymm(out), Ymm(a), b);
+    case Arithmetic::multiply:
+      return vmulpd(Ymm(out), Ymm(a), b);
+    case Arithmetic::divide:
+      return vdivpd(Ymm(out), Ymm(a), b);
+    }
+  }
+  void square_root(int out, const Operand& a) override { vsqrtpd(Ymm(out), a); }
+  void bitwise(Bitwise op, int out, int a, const Operand& b) override
+  {
+    switch (op) {
+    case Bitwise::and_:
+      return vandpd(Ymm(out), Ymm(a), b);
+    case Bitwise::and_not:
+      return vandnpd(Ymm(out), Ymm(a), b);
+    case Bitwise::or_:
+      return vorpd(Ymm(out), Ymm(a), b);
+    case Bitwise::xor_:
+      return vxorpd(Ymm(out), Ymm(a), b);
+    }
+  }
+  void compare(int mask, Predicate p, int a, const Operand& b) override { vcmppd(Ymm(mask), Ymm(a), b, number(p)); }
+  void combine(MaskOp op, int out, int a, int b) override
+  {
+    switch (op) {
+    case MaskOp::and_:
+      return vandpd(Ymm(out), Ymm(a), Ymm(b));
+    case MaskOp::and_not:
+      return vandnpd(Ymm(out), Ymm(b), Ymm(a));
+    case MaskOp::or_:
+      return vorpd(Ymm(out), Ymm(a), Ymm(b));
+    }
+  }
+  void invert(int out, int a) override
+  {
+    vpcmpeqd(Ymm(mask_scratch(1)), Ymm(mask_scratch(1)), Ymm(mask_scratch(1)));
+    vxorpd(Ymm(out), Ymm(a), Ymm(mask_scratch(1)));
+  }
+  void choose(int out, int mask, const Operand& yes, int no) override { vblendvpd(Ymm(out), Ymm(no), yes, Ymm(mask)); }
+  void choose_or_zero(int out, int mask, const Operand& yes) override { vandpd(Ymm(out), Ymm(mask), yes); }
+  void move_mask(int to, int from) override { vmovapd(Ymm(to), Ymm(from)); }
+  void load_mask(int to, const Address& from) override { vmovapd(Ymm(to), from); }
+  void store_mask(const Address& to, int from) override { vmovapd(to, Ymm(from)); }
+  void lanes_of(const Xbyak::Reg32& bits, int mask) override { vmovmskpd(bits, Ymm(mask)); }
+  void leave_vectors() override { vzeroupper(); }
+};
+
+// Two lanes; instructions overwrite their first operand, and there is none that chooses.
+class Sse2Code final : public VectorCode {
+public:
+  using VectorCode::VectorCode;
+  int width() const override { return 2; }
+  int vectors() const override { return 11; }
+  int masks() const override { return 0; }
+  int number_scratch() const override { return 11; }
+  int mask_scratch(int k) const override { return 12 + k; }
+  Xmm vector(int r) const override { return Xmm(r); }
+
+  void move(int to, const Operand& from) override
+  {
+    if (!is(from, to)) movapd(Xmm(to), from);
+  }
+  void load(int to, const Address& from) override { movupd(Xmm(to), from); }
+  void store(const Address& to, int from) override { movupd(to, Xmm(from)); }
+  void broadcast(int to, const Address& from) override
+  {
+    movsd(Xmm(to), from);
+    unpcklpd(Xmm(to), Xmm(to));
+  }
+  void arithmetic(Arithmetic op, int out, int a, const Operand& b) override
+  {
+    overwrite(out, a, b, [&](int x, const Operand& y) {
+      switch (op) {
+      case Arithmetic::add:
+        return addpd(Xmm(x), y);
+      case Arithmetic::subtract:
+        return subpd(Xmm(x), y);
+      case Arithmetic::multiply:
+        return mulpd(Xmm(x), y);
+      case Arithmetic::divide:
+        return divpd(Xmm(x), y);
+      }
+    });
+  }
+  void square_root(int out, const Operand& a) override { sqrtpd(Xmm(out), a); }
+  void bitwise(Bitwise op, int out, int a, const Operand& b) override
+  {
+    overwrite(out, a, b, [&](int x, const Operand& y) {
+      switch (op) {
+      case Bitwise::and_:
+        return andpd(Xmm(x), y);
+      case Bitwise::and_not:
+        return andnpd(Xmm(x), y);
+      case Bitwise::or_:
+        return orpd(Xmm(x), y);
+      case Bitwise::xor_:
+        return xorpd(Xmm(x), y);
+      }
+    });
+  }
+  void compare(int mask, Predicate p, int a, const Operand& b) override
+  {
+    overwrite(mask, a, b, [&](int x, const Operand& y) { cmppd(Xmm(x), y, number(p)); });
+  }
+  void combine(MaskOp op, int out, int a, int b) override
+  {
+    if (op == MaskOp::and_not) return bitwise(Bitwise::and_not, out, b, Xmm(a));
+    bitwise(op == MaskOp::and_ ? Bitwise::and_ : Bitwise::or_, out, a, Xmm(b));
+  }
+  void invert(int out, int a) override
+  {
+    pcmpeqd(Xmm(second), Xmm(second));
+    bitwise(Bitwise::xor_, out, a, Xmm(second));
+  }
+  void choose(int out, int mask, const Operand& yes, int no) override
+  {
+    movapd(Xmm(first), Xmm(mask));
+    movapd(Xmm(second), Xmm(mask));
+    andpd(Xmm(first), yes);
+    andnpd(Xmm(second), Xmm(no));
+    orpd(Xmm(first), Xmm(second));
+    movapd(Xmm(out), Xmm(first));
+  }
+  void choose_or_zero(int out, int mask, const Operand& yes) override { bitwise(Bitwise::and_, out, mask, yes); }
+  void move_mask(int to, int from) override { movapd(Xmm(to), Xmm(from)); }
+  void load_mask(int to, const Address& from) override { movapd(Xmm(to), from); }
+  void store_mask(const Address& to, int from) override { movapd(to, Xmm(from)); }
+  void lanes_of(const Xbyak::Reg32& bits, int mask) override { movmskpd(bits, Xmm(mask)); }
+  void leave_vectors() override {}
+
+private:
+  static constexpr int first = 14, second = 15; // for what one instruction cannot do
+
+  static bool is(const Operand& operand, int reg) { return !operand.isMEM() && operand.getIdx() == reg; }
+
+  template <class F> void overwrite(int out, int a, const Operand& b, F instruction)
+  {
+    const int at = out != a && is(b, out) ? first : out;
+    if (at != a) movapd(Xmm(at), Xmm(a));
+    instruction(at, b);
+    if (at != out) movapd(Xmm(out), Xmm(at));
+  }
+};
+
+} // namespace
+
+const void* VectorCode::constant_table()
+{
+  struct alignas(vector_slot) Table {
+    std::uint64_t bits[static_cast<int>(Constant::count_)][8];
+  };
+  static const Table table = [] {
+    constexpr std::uint64_t bits[] = {std::bit_cast<std::uint64_t>(0.0), std::bit_cast<std::uint64_t>(1.0),
+                                      std::bit_cast<std::uint64_t>(-1.0), 0x8000000000000000, 0x7FFFFFFFFFFFFFFF,
+                                      0xFFFFFE0000000000}; // in the order of Constant
+    Table t;
+    for (int c = 0; c < static_cast<int>(Constant::count_); ++c) std::fill_n(t.bits[c], 8, bits[c]);
+    return t;
+  }();
+  return &table;
+}
+
+std::unique_ptr<VectorCode> make_vector_code(std::string_view isa, std::size_t capacity)
+{
+  if (isa == "avx512") return std::make_unique<Avx512Code>(capacity);
+  if (isa == "avx2") return std::make_unique<Avx2Code>(capacity);
+  if (isa == "baseline") return std::make_unique<Sse2Code>(capacity);
+  return nullptr;
+}
+
+} // namespace torvale::engine

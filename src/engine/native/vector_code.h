@@ -1,0 +1,74 @@
+#pragma once
+// VectorCode: the few instructions that machine code of a stage is put together from, on one of three instruction sets.
+//
+// Registers are given by number. With AVX-512 masks live in registers of their own (k1 to k7); otherwise they are
+// vectors of all ones or all zeros. A result may have the register of an operand. Operands in memory are aligned to a
+// vector.
+
+#include <xbyak/xbyak.h>
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+namespace torvale::engine {
+
+enum class Arithmetic : std::uint8_t { add, subtract, multiply, divide };
+enum class Bitwise : std::uint8_t { and_, and_not, or_, xor_ }; // and_not: (not a) and b
+enum class MaskOp : std::uint8_t { and_, and_not, or_ };       // and_not: a and not b
+
+// As the processor numbers them. Unless it says `not` or `unordered` a comparison with a NaN is false.
+enum class Predicate : std::uint8_t { equal = 0, less = 1, less_equal = 2, unordered = 3, not_equal = 4, not_less = 5,
+                                      not_less_equal = 6, ordered = 7 };
+
+// Numbers that code refers to, one vector of each in memory.
+enum class Constant : std::uint8_t { zero, one, minus_one, sign_bit, all_but_sign, missing, count_ };
+
+// Bytes that a vector in memory is given, whatever the instruction set.
+inline constexpr int vector_slot = 64;
+
+class VectorCode : public Xbyak::CodeGenerator {
+public:
+  using Operand = Xbyak::Operand;
+  using Address = Xbyak::Address;
+
+  // capacity: bytes of code at most. Memory is not executable before `finish`.
+  explicit VectorCode(std::size_t capacity) : CodeGenerator(capacity, Xbyak::DontSetProtectRWE) {}
+
+  // --- of the instruction set ---
+  virtual int width() const = 0;            // lanes of a vector
+  virtual int vectors() const = 0;          // vector registers that may be given out: 0 .. vectors() - 1
+  virtual int masks() const = 0;            // mask registers that may be given out, from 1 on; 0: masks are vectors
+  virtual int number_scratch() const = 0;   // a vector register that is never given out
+  virtual int mask_scratch(int k) const = 0; // two registers for masks that are never given out
+  virtual Xbyak::Xmm vector(int r) const = 0;
+
+  virtual void move(int to, const Operand& from) = 0;
+  virtual void load(int to, const Address& from) = 0; // from memory that need not be aligned
+  virtual void store(const Address& to, int from) = 0; // likewise
+  virtual void broadcast(int to, const Address& from) = 0;
+  virtual void arithmetic(Arithmetic op, int out, int a, const Operand& b) = 0;
+  virtual void square_root(int out, const Operand& a) = 0;
+  virtual void bitwise(Bitwise op, int out, int a, const Operand& b) = 0;
+  virtual void compare(int mask, Predicate p, int a, const Operand& b) = 0;
+  virtual void combine(MaskOp op, int out, int a, int b) = 0;
+  virtual void invert(int out, int a) = 0;
+  virtual void choose(int out, int mask, const Operand& yes, int no) = 0;
+  virtual void choose_or_zero(int out, int mask, const Operand& yes) = 0;
+  virtual void move_mask(int to, int from) = 0;
+  virtual void load_mask(int to, const Address& from) = 0;
+  virtual void store_mask(const Address& to, int from) = 0;
+  virtual void lanes_of(const Xbyak::Reg32& bits, int mask) = 0; // one bit for each lane
+  virtual void leave_vectors() = 0;                              // before code that knows nothing of wide vectors
+
+  // --- the same for all ---
+  // Where the register `constants` holds the address of this table.
+  const Xbyak::Reg64 constants = r15;
+  static const void* constant_table();
+  Address constant(Constant c) { return ptr[constants + static_cast<int>(c) * vector_slot]; }
+};
+
+// "baseline" (SSE2), "avx2" or "avx512"; null for another name.
+std::unique_ptr<VectorCode> make_vector_code(std::string_view isa, std::size_t capacity);
+
+} // namespace torvale::engine
