@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 
 namespace {
@@ -49,7 +50,8 @@ void compare(const char* name, CompiledModel& model, const std::vector<double>& 
 
 } // namespace
 
-int main()
+// engine_program_bench [INSTRUCTIONS]: all instruction sets, or one.
+int main(int argc, char** argv)
 {
   const struct {
     const char* isa;
@@ -69,7 +71,7 @@ int main()
   for (std::size_t m = 0; m < models().size(); ++m)
     for (int w = 0; w < 3; ++w)
       for (const auto& build : builds) {
-        if (!engine::set_isa(build.isa)) continue;
+        if ((argc > 1 && std::strcmp(argv[1], build.isa) != 0) || !engine::set_isa(build.isa)) continue;
         const ModelText& text = models()[m];
         CompiledModel model(text, static_cast<Wanted>(w));
         HandInput in;

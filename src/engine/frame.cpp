@@ -12,6 +12,34 @@ namespace torvale::engine {
 namespace {
 
 constexpr std::int32_t zeros[strip_lanes] = {};
+constexpr int output_stride = max_lanes + lane_padding; // a strip's padding may reach beyond the tile
+
+// The strip of a tile that begins with lane i. Where it can it ends with a group of lanes of one record, or where the
+// points begin anew: then what its lanes read stands side by side in memory, and nothing need be fetched lane by lane.
+void cut_strip(Lanes& lanes, const Tile& tile, int i, int longest)
+{
+  constexpr int worthwhile = 32; // shorter strips lose more to padding than they save
+  const int left = tile.lanes - i, group = tile.repeat;
+  lanes.count = std::min(left, longest);
+  lanes.repeat = 1;
+  if (group >= worthwhile) {
+    const int rest = group - i % group; // of this group, in equal parts
+    const int parts = (rest + longest - 1) / longest;
+    lanes.count = std::min(left, (rest + parts - 1) / parts);
+    lanes.repeat = lanes.count;
+  } else if (group > 1 && lanes.count < left) {
+    lanes.count = lanes.count / group * group;
+    lanes.repeat = group;
+  } else {
+    lanes.repeat = group;
+  }
+  lanes.row = tile.observation + i;
+  lanes.point = tile.point != nullptr ? tile.point + i : zeros;
+  lanes.slot = tile.state != nullptr ? tile.state + i : zeros;
+  const int run = ascending_run(lanes.point, lanes.count);
+  if (run >= worthwhile && run % lanes.repeat == 0) lanes.count = run;
+  lanes.finish();
+}
 
 // Results of a stage that go to one array per result, at the place of the lane's record or point.
 struct ArrayResults final : Results {
@@ -63,7 +91,7 @@ FrameProgram::FrameProgram(const CMPGLOBAL& gcmp, const Program& p)
                           LaneRunner(gcmp, p.stage[3]), LaneRunner(gcmp, p.stage[4])}
 {
   parameter_results.reserve(p.code(Stage::parameter).results.size() + lane_padding);
-  outputs.reserve(static_cast<std::size_t>(std::max(p.outputs, 1)) * max_lanes);
+  outputs.reserve(static_cast<std::size_t>(std::max(p.outputs, 1)) * output_stride);
 }
 
 int Frame::State::prepare(FrameProgram& f)
@@ -231,7 +259,7 @@ int Frame::run(const Program& program, const Tile& tile)
   if (const int code = state.prepare_points(f); code != 0) return code;
   if (program.sequential() && f.state_slots == 0) reset_state(program, max_lanes);
   Sources sources = state.common_sources(f);
-  sources.output_stride = max_lanes;
+  sources.output_stride = output_stride;
   TileResults results;
   results.gcmp = &state.gcmp;
   results.program = &program;
@@ -239,16 +267,8 @@ int Frame::run(const Program& program, const Tile& tile)
   results.state_stride = f.state_slots;
   Lanes lanes;
   LaneRunner& runner = f.runner(Stage::lane);
-  // Strips of whole groups that begin where a vector does, unless they would be too long.
-  const int aligned_groups = std::lcm(tile.repeat, lane_padding);
-  if (aligned_groups <= runner.strip()) lanes.repeat = tile.repeat;
-  const int most = lanes.repeat > 1 ? runner.strip() / aligned_groups * aligned_groups : runner.strip();
   for (int i = 0; i < tile.lanes; i += lanes.count) {
-    lanes.count = std::min(most, tile.lanes - i);
-    lanes.row = tile.observation + i;
-    lanes.point = tile.point != nullptr ? tile.point + i : zeros;
-    lanes.slot = tile.state != nullptr ? tile.state + i : zeros;
-    lanes.finish();
+    cut_strip(lanes, tile, i, runner.strip());
     sources.output = f.outputs.data() + i;
     if (runner.run(lanes, sources, *state.data, results) != 0) return run_code::endless_loop;
   }
@@ -259,7 +279,7 @@ const double* Frame::output(int k) const
 {
   const FrameProgram& f = *state_->last;
   return f.outputs.data() +
-         static_cast<std::ptrdiff_t>(f.program.output_place[static_cast<std::size_t>(k)]) * max_lanes;
+         static_cast<std::ptrdiff_t>(f.program.output_place[static_cast<std::size_t>(k)]) * output_stride;
 }
 
 const char* isa_name()

@@ -1,6 +1,7 @@
 #include "engine/lane_runner.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <limits>
 
@@ -35,7 +36,25 @@ void spread(double* out, const double* from, const std::int32_t* index, int repe
   for (i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
 }
 
+// Missing values have all of their upper 16 bits set, other NaNs have not: these become the ordinary missing value.
+void make_canonical(double* values, int n)
+{
+  constexpr std::uint64_t upper = 0xFFFF000000000000, missing = 0xFFFFFE0000000000;
+  for (int i = 0; i < n; ++i) {
+    const auto bits = std::bit_cast<std::uint64_t>(values[i]);
+    values[i] = values[i] != values[i] && (bits & upper) != upper ? std::bit_cast<double>(missing) : values[i];
+  }
+}
+
 } // namespace
+
+int ascending_run(const std::int32_t* index, int n)
+{
+  if (index[n - 1] - index[0] == n - 1) return n; // or else there is a break; a strip with one is found to be mixed
+  int i = 1;
+  while (i < n && index[i] == index[i - 1] + 1) ++i;
+  return i;
+}
 
 void LaneArray::reserve(std::size_t n)
 {
@@ -77,6 +96,15 @@ void LaneRunner::prepare()
   fetched_.reserve(code_.inputs.size() * strip);
   kept_.reserve((code_.results.size() - outputs) * strip);
   input_addresses_.resize(code_.inputs.size());
+  input_base_.resize(code_.inputs.size());
+  known_.reset();
+  along_.clear();
+  for (const Input& input : code_.inputs)
+    along_.push_back(input.from == Input::From::row_number || input.from == Input::From::state ? Along::fetched
+                     : input.by_row()                                                         ? Along::rows
+                     : input.by_point()                                                       ? Along::points
+                                                                                              : Along::nothing);
+  fetches_ = std::find(along_.begin(), along_.end(), Along::fetched) != along_.end();
   result_addresses_.resize(code_.results.size());
   for (std::size_t k = outputs; k < code_.results.size(); ++k)
     result_addresses_[k] = kept_.data() + (k - outputs) * strip;
@@ -113,7 +141,7 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
 
 // --- inputs ---
 
-LaneRunner::View LaneRunner::view(const Input& input, const Lanes& lanes, const Sources& sources) const
+LaneRunner::View LaneRunner::view(const Input& input, const Lanes& lanes, const Sources& sources)
 {
   using From = Input::From;
   static constexpr double nothing = std::numeric_limits<double>::quiet_NaN();
@@ -184,27 +212,44 @@ const NativeStage* LaneRunner::native(NativeShape shape)
   return stage;
 }
 
+// Where the inputs of the strip stand: in place, or fetched to where they stand lane by lane.
+void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
+{
+  const std::size_t inputs = code_.inputs.size();
+  if (!known_.has_value() || !known_->same_inputs(sources)) {
+    known_ = sources;
+    for (std::size_t k = 0; k < inputs; ++k) input_base_[k] = view(code_.inputs[k], lanes, sources).from;
+  }
+  const auto row = static_cast<std::int64_t>(lanes.row[0]), point = static_cast<std::int64_t>(lanes.point[0]);
+  // Lanes beyond the last one may stand for records or points that are not asked for, but exist.
+  const auto in_place = [&](Lanes::Run run, std::int64_t first, std::int64_t length) {
+    return run == Lanes::Run::same || (run == Lanes::Run::ascending && first + lanes.padded <= length);
+  };
+  const std::int64_t last_row = std::min(sources.rows, sources.observation == nullptr
+                                                           ? sources.rows
+                                                           : sources.first + sources.observation_stride);
+  const std::int64_t last_point = std::min(sources.points, sources.point == nullptr ? sources.points : sources.point_stride);
+  const std::int64_t offset[] = {0, row, point, 0};
+  for (std::size_t k = 0; k < inputs; ++k) input_addresses_[k] = input_base_[k] + offset[static_cast<int>(along_[k])];
+  const bool rows_in_place = in_place(lanes.rows, row, last_row);
+  const bool points_in_place = in_place(lanes.points, point, last_point);
+  if (rows_in_place && points_in_place && !fetches_) return;
+  const bool same_points = lanes.points == Lanes::Run::mixed && holds_points_of(lanes, sources);
+  for (std::size_t k = 0; k < inputs; ++k) {
+    const Along along = along_[k];
+    if (along == Along::nothing || (along == Along::rows && rows_in_place) ||
+        (along == Along::points && points_in_place))
+      continue;
+    double* const room = fetched_.data() + k * static_cast<std::size_t>(strip_);
+    input_addresses_[k] = room;
+    if (along != Along::points || !same_points) fetch(code_.inputs[k], room, lanes, sources);
+  }
+  if (!points_in_place && !same_points) hold_points_of(lanes, sources);
+}
+
 void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, Results& results)
 {
-  const bool same_points = lanes.points == Lanes::Run::mixed && holds_points_of(lanes, sources);
-  bool fetched_points = false;
-  for (std::size_t k = 0; k < code_.inputs.size(); ++k) {
-    const Input& input = code_.inputs[k];
-    double* const room = fetched_.data() + k * static_cast<std::size_t>(strip_);
-    const double*& address = input_addresses_[k];
-    if (input.from != Input::From::row_number) {
-      const View v = view(input, lanes, sources);
-      address = v.from + v.index[0];
-      // Lanes beyond the last one may stand for records or points that are not asked for.
-      if (v.run == Lanes::Run::same || (v.run == Lanes::Run::ascending && v.index[0] + lanes.padded <= v.length))
-        continue;
-    }
-    address = room;
-    if (same_points && input.by_point()) continue;
-    fetch(input, room, lanes, sources);
-    fetched_points = fetched_points || input.by_point();
-  }
-  if (fetched_points) hold_points_of(lanes, sources);
+  find_inputs(lanes, sources);
   const auto outputs = static_cast<std::size_t>(code_.outputs);
   for (std::size_t k = 0; k < outputs; ++k)
     result_addresses_[k] = sources.output + static_cast<std::int64_t>(k) * sources.output_stride;
@@ -215,10 +260,7 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   arguments.scratch = scratch_.data();
   arguments.lanes = lanes.padded;
   if (stage.run(arguments))
-    for (std::size_t k = 0; k < outputs; ++k) {
-      const double* const in = result_addresses_[k];
-      (*table_)[Kernel::canonical](result_addresses_[k], &in, lanes.padded);
-    }
+    for (std::size_t k = 0; k < outputs; ++k) make_canonical(result_addresses_[k], lanes.count);
   for (std::size_t k = outputs; k < code_.results.size(); ++k)
     results.keep(static_cast<std::int32_t>(k), result_addresses_[k], lanes);
 }
@@ -296,7 +338,9 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
       results.keep(s.index, op.in[0], lanes);
       break;
     case Step::Kind::output:
-      (*table_)[Kernel::canonical](sources.output + s.index * sources.output_stride, op.in, n);
+      std::memcpy(sources.output + s.index * sources.output_stride, op.in[0],
+                  static_cast<std::size_t>(lanes.count) * sizeof(double));
+      make_canonical(sources.output + s.index * sources.output_stride, lanes.count);
       break;
     case Step::Kind::loop_begin:
       if (!any_true(op.in[0], n)) k = static_cast<std::size_t>(s.index) - 1;

@@ -8,6 +8,7 @@
 #include "engine/program.h"
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace torvale::engine {
@@ -42,8 +43,20 @@ struct Lanes {
   void finish(); // pads, and finds how the indices run
 };
 
-// What the loads of a stage read.
+// How many indices from the first on ascend one by one.
+int ascending_run(const std::int32_t* index, int n);
+
+// What the loads of a stage read, and where its outputs go.
 struct Sources {
+  // Whether inputs stand at the same addresses.
+  bool same_inputs(const Sources& s) const
+  {
+    return theta == s.theta && ran == s.ran && stride == s.stride && columns == s.columns &&
+           observation == s.observation && observation_stride == s.observation_stride && first == s.first &&
+           point == s.point && point_stride == s.point_stride && state == s.state && state_stride == s.state_stride;
+  }
+
+
   const double* theta = nullptr;
   const double* ran = nullptr;      // random effect e at point p: ran[e * stride + p]
   std::int64_t points = 0;          // how many there are
@@ -58,7 +71,7 @@ struct Sources {
   std::int64_t point_stride = 0;
   const double* state = nullptr; // value k of slot s: state[k * state_stride + s]
   std::int64_t state_stride = 0;
-  double* output = nullptr; // output k of the strip: output[k * output_stride ...]
+  double* output = nullptr; // output k of the strip: output[k * output_stride ...], with room for its padding
   std::int64_t output_stride = 0;
 };
 
@@ -105,7 +118,7 @@ private:
     std::int64_t length = 0; // values that may be read
     int repeat = 1;          // indices come in groups of this many equal ones
   };
-  View view(const Input& input, const Lanes& lanes, const Sources& sources) const;
+  static View view(const Input& input, const Lanes& lanes, const Sources& sources);
   void fetch(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const;
   bool holds_points_of(const Lanes& lanes, const Sources& sources) const;
   void hold_points_of(const Lanes& lanes, const Sources& sources);
@@ -113,6 +126,7 @@ private:
   void prepare();
   const NativeStage* native(NativeShape shape);
   void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, Results& results);
+  void find_inputs(const Lanes& lanes, const Sources& sources);
 
   void prepare_steps();
   int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
@@ -130,6 +144,12 @@ private:
   LaneArray fetched_; // strip_ values for each input that cannot be read where it stands
   LaneArray kept_;    // strip_ values for each result that is not an output
   LaneArray scratch_;
+  // How the lanes run through an input: not at all, by record, by point, or through values that must be fetched.
+  enum class Along : std::uint8_t { nothing, rows, points, fetched };
+  std::vector<Along> along_;              // per input
+  bool fetches_ = false;                  // some input must always be fetched
+  std::optional<Sources> known_;          // to which the next line belongs
+  std::vector<const double*> input_base_; // per input: value of record or point 0
   std::vector<const double*> input_addresses_;
   std::vector<double*> result_addresses_;
 

@@ -1,11 +1,12 @@
 #pragma once
-// Elementary functions on one vector of lanes: SLEEF (the natural logarithm our own), with every value outside the
+// Elementary functions on one vector of lanes: SLEEF (the natural exponential and logarithm our own), with every value outside the
 // domain made missing.
 //
 // Each is within 1 ulp (erfc 1.5) over the domain given; forms of our own give theirs. Infinities pass where the limit
 // exists.
 
 #include "engine/kernels/lane_arithmetic.h"
+#include "engine/kernels/lane_exponential.h"
 #include "engine/kernels/lane_logarithm.h"
 
 namespace torvale::engine {
@@ -14,7 +15,7 @@ namespace lane {
 
 // One line each, so that the family reads as a table.
 // clang-format off
-inline Lanes exp(Lanes a) { return elementary::exp(a); }     // all doubles; infinity above 709.78
+inline Lanes exp(Lanes a) { return natural_exp(a); }         // all doubles; infinity above 709.78
 inline Lanes expm1(Lanes a) { return elementary::expm1(a); } // all doubles
 inline Lanes log(Lanes a) { return unless(a == Lanes{}, natural_log(a)); }              // a > 0
 inline Lanes log2(Lanes a) { return unless(a == Lanes{}, elementary::log2(a)); }        // a > 0
@@ -26,7 +27,7 @@ inline Lanes log_or_minus_infinity(Lanes a) { return natural_log(a); }          
 inline Lanes log_one_minus_exp(Lanes a)
 {
   const Mask low = a < all(-0.69314718055994531);
-  const Lanes far = natural_log1p(if_else(low, -elementary::exp(a), Lanes{}));
+  const Lanes far = natural_log1p(if_else(low, -natural_exp(a), Lanes{}));
   return if_else(low, far, natural_log(-elementary::expm1(a)));
 }
 inline Lanes sin(Lanes a) { return elementary::sin(a); }     // finite a
@@ -49,14 +50,14 @@ inline Lanes erfc(Lanes a) { return unless(is_nan(a), elementary::erfc(a)); } //
 // 1 / (1 + exp(-a)), all doubles, 3 ulp. The exponential never overflows, and below 0 nothing is lost to 1 + small.
 inline Lanes logistic(Lanes a)
 {
-  const Lanes e = elementary::exp(-magnitude(a));
+  const Lanes e = natural_exp(-magnitude(a));
   return if_else(a < Lanes{}, e, all(1.0)) / (all(1.0) + e);
 }
 
 // log(1 + exp(a)), all doubles, 3 ulp.
 inline Lanes softplus(Lanes a)
 {
-  return if_else(a > Lanes{}, a, Lanes{}) + natural_log1p(elementary::exp(-magnitude(a)));
+  return if_else(a > Lanes{}, a, Lanes{}) + natural_log1p(natural_exp(-magnitude(a)));
 }
 
 // log(a / (1 - a)), 0 < a < 1, 4 ulp. About the root at 1/2, where 2a - 1 is exact, through log1p.
@@ -73,7 +74,7 @@ inline Lanes logit(Lanes a)
 inline Lanes log_add_exp(Lanes a, Lanes b)
 {
   const Lanes distance = if_else(a == b, Lanes{}, magnitude(a - b));
-  return if_else(a > b, a, b) + natural_log1p(elementary::exp(-distance));
+  return if_else(a > b, a, b) + natural_log1p(natural_exp(-distance));
 }
 
 } // namespace lane

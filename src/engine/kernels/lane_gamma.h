@@ -213,7 +213,7 @@ inline Lanes lbeta(Lanes a, Lanes b)
 inline Lanes comb(Lanes a, Lanes b)
 {
   const Lanes rest = a - b + all(1.0), lower = b + all(1.0);
-  const Lanes r = elementary::exp(lgamma_ratio(rest, b) - lgamma(lower));
+  const Lanes r = natural_exp(lgamma_ratio(rest, b) - lgamma(lower));
   const Mask exact = (nearest_whole(a) == a) & (nearest_whole(b) == b) & (r < all(1e13));
   return unless(~((rest > Lanes{}) & (lower > Lanes{})), if_else(exact, nearest_whole(r), r));
 }

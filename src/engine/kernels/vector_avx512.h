@@ -30,7 +30,6 @@ inline bool any(Mask m)
 // One line each, so that the family reads as a table.
 // clang-format off
 namespace elementary {
-inline Lanes exp(Lanes x) { return Sleef_finz_expd8_u10avx512f(x); }
 inline Lanes expm1(Lanes x) { return Sleef_finz_expm1d8_u10avx512f(x); }
 inline Lanes log2(Lanes x) { return Sleef_finz_log2d8_u10avx512f(x); }
 inline Lanes log10(Lanes x) { return Sleef_finz_log10d8_u10avx512f(x); }

@@ -27,7 +27,6 @@ inline bool any(Mask m)
 // One line each, so that the family reads as a table.
 // clang-format off
 namespace elementary {
-inline Lanes exp(Lanes x) { return Lanes{std::exp(x[0]), std::exp(x[1])}; }
 inline Lanes expm1(Lanes x) { return Lanes{std::expm1(x[0]), std::expm1(x[1])}; }
 inline Lanes log2(Lanes x) { return Lanes{std::log2(x[0]), std::log2(x[1])}; }
 inline Lanes log10(Lanes x) { return Lanes{std::log10(x[0]), std::log10(x[1])}; }

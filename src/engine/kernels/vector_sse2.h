@@ -29,7 +29,6 @@ inline bool any(Mask m)
 // One line each, so that the family reads as a table.
 // clang-format off
 namespace elementary {
-inline Lanes exp(Lanes x) { return Sleef_cinz_expd2_u10sse2(x); }
 inline Lanes expm1(Lanes x) { return Sleef_cinz_expm1d2_u10sse2(x); }
 inline Lanes log2(Lanes x) { return Sleef_cinz_log2d2_u10sse2(x); }
 inline Lanes log10(Lanes x) { return Sleef_cinz_log10d2_u10sse2(x); }

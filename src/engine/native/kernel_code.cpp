@@ -9,8 +9,9 @@ namespace {
 
 class KernelWriter {
 public:
-  KernelWriter(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op)
-      : code_(code), registers_(registers), op_(op), t_(code.number_scratch()), m_(code.mask_scratch(0)),
+  KernelWriter(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op,
+               std::vector<RareCall>& rare_calls)
+      : code_(code), registers_(registers), op_(op), rare_calls_(rare_calls), t_(code.number_scratch()), m_(code.mask_scratch(0)),
         n_(code.mask_scratch(1))
   {
   }
@@ -134,6 +135,12 @@ public:
       code_.choose_or_zero(out(), m, yes);
       return true;
     }
+    case Kernel::exp:
+      return exponential();
+    case Kernel::log:
+    case Kernel::log_or_zero:
+    case Kernel::log_or_minus_infinity:
+      return logarithm();
     case Kernel::is_missing:
       return compare(Predicate::unordered, 0, 0);
     case Kernel::is_present:
@@ -308,17 +315,110 @@ private:
     return true;
   }
 
+  // exp_of_regular of lane_exponential.h.
+  bool exponential()
+  {
+    const int a = number(0), shifted = registers_.temporary(), r2 = registers_.temporary(),
+              r = registers_.temporary(), r4 = registers_.temporary(), high = registers_.temporary(),
+              pair = registers_.temporary(), result = out();
+    code_.bitwise(Bitwise::and_, t_, a, constant(Constant::all_but_sign));
+    code_.compare(m_, Predicate::not_less_equal, t_, constant(Constant::exp_regular));
+    RareCall& rare = unless(m_, a, result);
+    const auto linear = [&](int to, int k) { // p[k] + p[k + 1] r
+      code_.move(to, constant(Constant::exp_p + (k + 1)));
+      code_.multiply_plus(to, r, constant(Constant::exp_p + k));
+    };
+    code_.move(shifted, constant(Constant::exp_shifter));
+    code_.add_product(shifted, a, constant(Constant::exp_per_log2));
+    code_.arithmetic(Arithmetic::subtract, r2, shifted, constant(Constant::exp_shifter)); // k
+    code_.move(r, reg(a));
+    code_.add_product(r, r2, constant(Constant::minus_log2_high));
+    code_.add_product(r, r2, constant(Constant::minus_log2_low));
+    code_.arithmetic(Arithmetic::multiply, r2, r, reg(r));
+    code_.arithmetic(Arithmetic::multiply, r4, r2, reg(r2));
+    linear(t_, 0);
+    linear(pair, 2);
+    code_.add_product(t_, r2, reg(pair));
+    linear(high, 4);
+    linear(pair, 6);
+    code_.add_product(high, r2, reg(pair));
+    linear(pair, 8);
+    code_.add_product(high, r4, reg(pair));
+    code_.add_product(t_, r4, reg(high));
+    code_.add_product(r, r2, reg(t_));
+    code_.arithmetic(Arithmetic::add, r, r, constant(Constant::one));
+    code_.shift_left(shifted, shifted, 52);
+    code_.add_bits(result, r, reg(shifted));
+    code_.L(rare.back);
+    return true;
+  }
+
+  // log_of_normal of lane_logarithm.h, with c = 0.
+  bool logarithm()
+  {
+    const int a = number(0), k = registers_.temporary(), s = registers_.temporary(), half = registers_.temporary(),
+              s2 = registers_.temporary(), curved = registers_.temporary(), result = out();
+    code_.compare(m_, Predicate::less, a, constant(Constant::log_least_normal));
+    code_.compare(n_, Predicate::not_less, a, constant(Constant::infinity));
+    code_.combine(MaskOp::or_, m_, m_, n_);
+    RareCall& rare = unless(m_, a, result);
+    code_.subtract_bits(t_, a, constant(Constant::log_root_half));
+    code_.add_bits(k, t_, constant(Constant::log_bias));
+    code_.shift_right(k, k, 52);
+    code_.bitwise(Bitwise::or_, k, k, constant(Constant::log_whole));
+    code_.arithmetic(Arithmetic::subtract, k, k, constant(Constant::log_offset));
+    code_.bitwise(Bitwise::and_, t_, t_, constant(Constant::log_fraction));
+    code_.add_bits(t_, t_, constant(Constant::log_root_half));
+    code_.arithmetic(Arithmetic::subtract, t_, t_, constant(Constant::one)); // f
+    code_.arithmetic(Arithmetic::add, s, t_, constant(Constant::two));
+    code_.arithmetic(Arithmetic::divide, s, t_, reg(s));
+    code_.arithmetic(Arithmetic::multiply, s2, s, reg(s));
+    code_.arithmetic(Arithmetic::multiply, half, t_, constant(Constant::half));
+    code_.arithmetic(Arithmetic::multiply, half, half, reg(t_));
+    code_.move(curved, constant(Constant::log_r));
+    for (int j = 1; j < 7; ++j) code_.multiply_plus(curved, s2, constant(Constant::log_r + j));
+    code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s2));
+    code_.arithmetic(Arithmetic::add, curved, curved, reg(half));
+    code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s));
+    code_.arithmetic(Arithmetic::multiply, s2, k, constant(Constant::log2_low));
+    code_.arithmetic(Arithmetic::add, curved, curved, reg(s2));
+    code_.arithmetic(Arithmetic::subtract, half, half, reg(curved));
+    code_.arithmetic(Arithmetic::subtract, half, half, reg(t_));
+    code_.arithmetic(Arithmetic::multiply, k, k, constant(Constant::log2_high));
+    code_.arithmetic(Arithmetic::subtract, result, k, reg(half));
+    code_.L(rare.back);
+    return true;
+  }
+
+  // Leaves the straight code when the mask is true in some lane; it goes on at the label `back` of what this returns.
+  RareCall& unless(int m, int argument, int result)
+  {
+    RareCall& call = rare_calls_.emplace_back();
+    call.kernel = op_.kernel;
+    call.argument = argument;
+    call.out = result;
+    call.vectors = registers_.occupied(false);
+    call.masks = registers_.occupied(true);
+    std::erase(call.vectors, result);
+    code_.lanes_of(code_.eax, m);
+    code_.test(code_.eax, code_.eax);
+    code_.jnz(call.enter, Xbyak::CodeGenerator::T_NEAR);
+    return call;
+  }
+
   VectorCode& code_;
   RegisterAllocator& registers_;
   const PlanOperation& op_;
+  std::vector<RareCall>& rare_calls_;
   const int t_, m_, n_; // scratch: a number, two masks
 };
 
 } // namespace
 
-bool write_kernel(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op)
+bool write_kernel(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op,
+                  std::vector<RareCall>& rare_calls)
 {
-  return KernelWriter(code, registers, op).write();
+  return KernelWriter(code, registers, op, rare_calls).write();
 }
 
 } // namespace torvale::engine

@@ -5,7 +5,16 @@
 
 namespace torvale::engine {
 
+// A call aside from the straight code, where that met a lane which it is not made for: the kernel does all lanes.
+struct RareCall {
+  Xbyak::Label enter, back;
+  Kernel kernel = Kernel::copy;
+  int argument = 0, out = 0;         // registers
+  std::vector<int> vectors, masks;   // registers that the call must leave as they are
+};
+
 // Writes the code of operation `op`, which the allocator has begun. False: the kernel has none and must be called.
-bool write_kernel(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op);
+bool write_kernel(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op,
+                  std::vector<RareCall>& rare_calls);
 
 } // namespace torvale::engine

@@ -57,6 +57,7 @@ public:
     code_.cmp(frame().offset, code_.ptr[code_.rsp + end_at]);
     code_.jl(next, Xbyak::CodeGenerator::T_NEAR);
     leave();
+    for (RareCall& call : rare_calls_) write(call);
     return registers_.slots();
   }
 
@@ -103,7 +104,7 @@ private:
     if (op.out != no_value && !registers_.wanted(op.out)) return;
     switch (op.kind) {
     case Kind::kernel:
-      if (write_kernel(code_, registers_, op)) return;
+      if (write_kernel(code_, registers_, op, rare_calls_)) return;
       if (table_.vector[static_cast<std::size_t>(op.kernel)] != nullptr)
         call_vector(op);
       else
@@ -186,10 +187,32 @@ private:
     code_.load(0, registers_.slot(out));
   }
 
+  void write(RareCall& call)
+  {
+    if (saved_area_ < 0) {
+      saved_area_ = registers_.new_slot();
+      for (int r = 1; r < code_.vectors() + code_.masks() + 1; ++r) registers_.new_slot();
+    }
+    const auto vector_at = [&](int r) { return registers_.slot(saved_area_ + r); };
+    const auto mask_at = [&](int r) { return registers_.slot(saved_area_ + code_.vectors() + r); };
+    code_.L(call.enter);
+    for (const int r : call.vectors) code_.store(vector_at(r), r);
+    for (const int r : call.masks) code_.store_mask(mask_at(r), r);
+    if (call.argument != 0) code_.move(0, code_.vector(call.argument));
+    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_.vector[static_cast<std::size_t>(call.kernel)]));
+    code_.call(code_.rax);
+    if (call.out != 0) code_.move(call.out, code_.vector(0));
+    for (const int r : call.vectors) code_.move(r, vector_at(r));
+    for (const int r : call.masks) code_.load_mask(r, mask_at(r));
+    code_.jmp(call.back, Xbyak::CodeGenerator::T_NEAR);
+  }
+
   VectorCode& code_;
   const ValuePlan& plan_;
   const std::vector<bool>& uniform_;
   const KernelTable& table_;
+  std::vector<RareCall> rare_calls_;
+  std::int32_t saved_area_ = -1; // slots for the registers that a rare call must not change
   RegisterAllocator registers_;
   std::int32_t loop_area_ = -1; // slots for the operands of a loop, their addresses, and its result
 };
@@ -217,7 +240,7 @@ std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shap
 {
   ValuePlan plan;
   if (!plan_values(code, plan)) return nullptr;
-  constexpr std::size_t bytes_of_operation = 192, bytes_of_input = 32, bytes_of_rest = 4096;
+  constexpr std::size_t bytes_of_operation = 640, bytes_of_input = 32, bytes_of_rest = 4096;
   const std::size_t capacity =
       plan.operations.size() * bytes_of_operation + code.inputs.size() * bytes_of_input + bytes_of_rest;
   try {

@@ -210,6 +210,15 @@ void RegisterAllocator::forget_registers()
   }
 }
 
+std::vector<int> RegisterAllocator::occupied(bool masks) const
+{
+  const File& f = masks ? masks_ : vectors_;
+  std::vector<int> registers;
+  for (std::size_t r = 0; r < f.holds.size(); ++r)
+    if (f.holds[r] != no_value) registers.push_back(f.first + static_cast<int>(r));
+  return registers;
+}
+
 void RegisterAllocator::copy_to(int reg, ValueId v)
 {
   if (state(v).reg < 0)

@@ -36,6 +36,10 @@ public:
   const Operand& source(ValueId v); // a number's register, or its memory when it has no register
   // The register for the result; after all operands have been asked for. It may be that of an operand read last here.
   int result(ValueId v);
+  // A number's register for the operation's own use; asked for before the result.
+  int temporary() { return take(vectors_); }
+  // Registers that hold values, of vectors or of masks.
+  std::vector<int> occupied(bool masks) const;
   bool in_register(ValueId v) const { return states_[static_cast<std::size_t>(v)].reg >= 0; }
   bool wanted(ValueId v) const { return !plan_.values[static_cast<std::size_t>(v)].uses.empty(); }
 

@@ -1,7 +1,10 @@
 #include "engine/native/vector_code.h"
 
+#include "engine/kernels/elementary_numbers.h"
+
 #include <algorithm>
 #include <bit>
+#include <limits>
 
 namespace torvale::engine {
 
@@ -45,6 +48,12 @@ public:
       return vdivpd(Zmm(out), Zmm(a), b);
     }
   }
+  void add_product(int out, int a, const Operand& b) override { vfmadd231pd(Zmm(out), Zmm(a), b); }
+  void multiply_plus(int out, int a, const Operand& c) override { vfmadd213pd(Zmm(out), Zmm(a), c); }
+  void add_bits(int out, int a, const Operand& b) override { vpaddq(Zmm(out), Zmm(a), b); }
+  void subtract_bits(int out, int a, const Operand& b) override { vpsubq(Zmm(out), Zmm(a), b); }
+  void shift_left(int out, int a, int n) override { vpsllq(Zmm(out), Zmm(a), static_cast<std::uint8_t>(n)); }
+  void shift_right(int out, int a, int n) override { vpsrlq(Zmm(out), Zmm(a), static_cast<std::uint8_t>(n)); }
   void square_root(int out, const Operand& a) override { vsqrtpd(Zmm(out), a); }
   void bitwise(Bitwise op, int out, int a, const Operand& b) override
   {
@@ -112,6 +121,12 @@ public:
       return vdivpd(Ymm(out), Ymm(a), b);
     }
   }
+  void add_product(int out, int a, const Operand& b) override { vfmadd231pd(Ymm(out), Ymm(a), b); }
+  void multiply_plus(int out, int a, const Operand& c) override { vfmadd213pd(Ymm(out), Ymm(a), c); }
+  void add_bits(int out, int a, const Operand& b) override { vpaddq(Ymm(out), Ymm(a), b); }
+  void subtract_bits(int out, int a, const Operand& b) override { vpsubq(Ymm(out), Ymm(a), b); }
+  void shift_left(int out, int a, int n) override { vpsllq(Ymm(out), Ymm(a), static_cast<std::uint8_t>(n)); }
+  void shift_right(int out, int a, int n) override { vpsrlq(Ymm(out), Ymm(a), static_cast<std::uint8_t>(n)); }
   void square_root(int out, const Operand& a) override { vsqrtpd(Ymm(out), a); }
   void bitwise(Bitwise op, int out, int a, const Operand& b) override
   {
@@ -189,6 +204,35 @@ public:
       }
     });
   }
+  void add_product(int out, int a, const Operand& b) override
+  {
+    movapd(Xmm(first), Xmm(a));
+    mulpd(Xmm(first), b);
+    addpd(Xmm(out), Xmm(first));
+  }
+  void multiply_plus(int out, int a, const Operand& c) override
+  {
+    mulpd(Xmm(out), Xmm(a));
+    addpd(Xmm(out), c);
+  }
+  void add_bits(int out, int a, const Operand& b) override
+  {
+    overwrite(out, a, b, [&](int x, const Operand& y) { paddq(Xmm(x), y); });
+  }
+  void subtract_bits(int out, int a, const Operand& b) override
+  {
+    overwrite(out, a, b, [&](int x, const Operand& y) { psubq(Xmm(x), y); });
+  }
+  void shift_left(int out, int a, int n) override
+  {
+    move(out, Xmm(a));
+    psllq(Xmm(out), n);
+  }
+  void shift_right(int out, int a, int n) override
+  {
+    move(out, Xmm(a));
+    psrlq(Xmm(out), n);
+  }
   void square_root(int out, const Operand& a) override { sqrtpd(Xmm(out), a); }
   void bitwise(Bitwise op, int out, int a, const Operand& b) override
   {
@@ -255,13 +299,35 @@ const void* VectorCode::constant_table()
 {
   struct alignas(vector_slot) Table {
     std::uint64_t bits[static_cast<int>(Constant::count_)][8];
+    void put(Constant c, std::uint64_t value) { std::fill_n(bits[static_cast<int>(c)], 8, value); }
+    void put(Constant c, double value) { put(c, std::bit_cast<std::uint64_t>(value)); }
   };
   static const Table table = [] {
-    constexpr std::uint64_t bits[] = {std::bit_cast<std::uint64_t>(0.0), std::bit_cast<std::uint64_t>(1.0),
-                                      std::bit_cast<std::uint64_t>(-1.0), 0x8000000000000000, 0x7FFFFFFFFFFFFFFF,
-                                      0xFFFFFE0000000000}; // in the order of Constant
     Table t;
-    for (int c = 0; c < static_cast<int>(Constant::count_); ++c) std::fill_n(t.bits[c], 8, bits[c]);
+    t.put(Constant::zero, 0.0);
+    t.put(Constant::one, 1.0);
+    t.put(Constant::minus_one, -1.0);
+    t.put(Constant::half, 0.5);
+    t.put(Constant::two, 2.0);
+    t.put(Constant::sign_bit, std::uint64_t{0x8000000000000000});
+    t.put(Constant::all_but_sign, std::uint64_t{0x7FFFFFFFFFFFFFFF});
+    t.put(Constant::missing, std::uint64_t{0xFFFFFE0000000000});
+    t.put(Constant::infinity, std::numeric_limits<double>::infinity());
+    t.put(Constant::minus_log2_high, -log2_high);
+    t.put(Constant::minus_log2_low, -log2_low);
+    t.put(Constant::log2_high, log2_high);
+    t.put(Constant::log2_low, log2_low);
+    t.put(Constant::exp_per_log2, exponential::per_log2);
+    t.put(Constant::exp_shifter, exponential::shifter);
+    t.put(Constant::exp_regular, exponential::regular);
+    for (int k = 0; k < 10; ++k) t.put(Constant::exp_p + k, exponential::p[k]);
+    t.put(Constant::log_root_half, std::uint64_t{logarithm::root_half});
+    t.put(Constant::log_bias, std::uint64_t{logarithm::bias});
+    t.put(Constant::log_whole, std::uint64_t{logarithm::whole});
+    t.put(Constant::log_offset, logarithm::offset);
+    t.put(Constant::log_fraction, std::uint64_t{logarithm::fraction});
+    t.put(Constant::log_least_normal, logarithm::least_normal);
+    for (int k = 0; k < 7; ++k) t.put(Constant::log_r + k, logarithm::r[k]);
     return t;
   }();
   return &table;

@@ -21,8 +21,19 @@ enum class MaskOp : std::uint8_t { and_, and_not, or_ };       // and_not: a and
 enum class Predicate : std::uint8_t { equal = 0, less = 1, less_equal = 2, unordered = 3, not_equal = 4, not_less = 5,
                                       not_less_equal = 6, ordered = 7 };
 
-// Numbers that code refers to, one vector of each in memory.
-enum class Constant : std::uint8_t { zero, one, minus_one, sign_bit, all_but_sign, missing, count_ };
+// Numbers that code refers to, one vector of each in memory. The last are numbers of the exponential and the logarithm
+// (kernels/elementary_numbers.h); of a polynomial the first coefficient, the others follow.
+enum class Constant : std::uint8_t {
+  zero, one, minus_one, half, two, sign_bit, all_but_sign, missing, infinity,
+  minus_log2_high, minus_log2_low, log2_high, log2_low,
+  exp_per_log2, exp_shifter, exp_regular, exp_p, // 10 coefficients
+  log_root_half = exp_p + 10, log_bias, log_whole, log_offset, log_fraction, log_least_normal, log_r, // 7 coefficients
+  count_ = log_r + 7
+};
+inline Constant operator+(Constant c, int k)
+{
+  return static_cast<Constant>(static_cast<int>(c) + k);
+}
 
 // Bytes that a vector in memory is given, whatever the instruction set.
 inline constexpr int vector_slot = 64;
@@ -48,6 +59,12 @@ public:
   virtual void store(const Address& to, int from) = 0; // likewise
   virtual void broadcast(int to, const Address& from) = 0;
   virtual void arithmetic(Arithmetic op, int out, int a, const Operand& b) = 0;
+  virtual void add_product(int out, int a, const Operand& b) = 0; // out = a * b + out, by the lane kernels' `fused`
+  virtual void multiply_plus(int out, int a, const Operand& c) = 0; // out = out * a + c, likewise
+  virtual void add_bits(int out, int a, const Operand& b) = 0;      // as whole numbers of 64 bits
+  virtual void subtract_bits(int out, int a, const Operand& b) = 0;
+  virtual void shift_left(int out, int a, int bits) = 0;
+  virtual void shift_right(int out, int a, int bits) = 0;
   virtual void square_root(int out, const Operand& a) = 0;
   virtual void bitwise(Bitwise op, int out, int a, const Operand& b) = 0;
   virtual void compare(int mask, Predicate p, int a, const Operand& b) = 0;
