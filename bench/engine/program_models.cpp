@@ -172,18 +172,12 @@ CompiledModel::CompiledModel(const ModelText& text, Wanted wanted)
   frame_->set_parameters(text.theta.data());
   frame_->set_range(0, max_lanes);
   frame_->set_points(effect_values, 1, 1);
-  for (int i = 0; i < max_lanes; ++i) {
-    rows_.push_back(i);
-    points_.push_back(0);
-  }
 }
 
 void CompiledModel::run(int lanes)
 {
-  engine::Tile tile;
+  engine::Tile tile; // the records from the first on, at point 0
   tile.lanes = lanes;
-  tile.observation = rows_.data();
-  tile.point = points_.data();
   if (frame_->run(*program_, tile) != 0) std::abort();
 }
 

@@ -44,7 +44,6 @@ private:
   int outputs_ = 0;
   std::vector<std::pair<int, int>> meaning_;
   std::unique_ptr<engine::Frame> frame_;
-  std::vector<std::int32_t> rows_, points_;
 };
 
 // Records of the benchmark: time and observation.

@@ -96,6 +96,7 @@ int BoundData::compute(const Program& program) const
   for (const Column& c : program.columns)
     raw.push_back(c.result < 0 ? raw_column(gcmp_.graph.node(c.node).index) : nullptr);
   Sources sources;
+  sources.version = 1;
   sources.columns = raw.data();
   sources.rows = view_.rows;
   std::vector<double> state(program.data_kept.size());
@@ -111,11 +112,12 @@ int BoundData::compute(const Program& program) const
     std::fill_n(lanes.own[1], lanes.count, 0);
     lanes.row = lanes.own[0];
     lanes.point = lanes.slot = lanes.own[1];
+    lanes.rows = lanes.points = Lanes::Run::unknown;
     lanes.finish();
     if (in_order && subject_start(row) == row)
       for (std::size_t k = 0; k < state.size(); ++k)
         state[k] = gcmp_.graph.value(gcmp_.graph.carry_at(program.data_kept[k]).initial);
-    if (runner.run(lanes, sources, *this, store) != 0) return 1;
+    if (runner.run(lanes, sources, *this, {}, store) != 0) return 1;
     state = store.kept;
   }
   return 0;

@@ -130,7 +130,8 @@ double CheckedRun::kernel_value(NodeId id, const Node& n)
     operands[k] = known_.at(n.operand[static_cast<std::size_t>(k)]);
     missing_operand = missing_operand || std::isnan(operands[k]);
   }
-  const double v = run_kernel(n.kernel, operands);
+  double v = run_kernel(n.kernel, operands);
+  if (gcmp_.dependence.divides_by_inverse(id)) v = operands[0] * run_kernel(Kernel::reciprocal, operands + 1);
   if (!std::isnan(v) || silent_) return v;
   if (missing_operand) {
     ++made_missing;

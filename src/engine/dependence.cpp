@@ -74,6 +74,17 @@ void Dependence::extend()
   }
 }
 
+bool Dependence::divides_by_inverse(NodeId id) const
+{
+  const Node& n = compiler_->graph.node(id);
+  if (n.kind != NodeKind::kernel || (n.kernel != Kernel::divide && n.kernel != Kernel::divide_unchecked)) return false;
+  if (static_cast<std::size_t>(id) >= classes_.size()) return false; // in no program
+  const std::uint8_t divisor = classes_[static_cast<std::size_t>(n.operand[1])];
+  const Stage stage = stage_of_classes(divisor);
+  return (divisor & (depends::on_parameters | depends::on_random_effects)) != 0 && stage != Stage::lane &&
+         stage != stage_of_classes(classes_[static_cast<std::size_t>(id)]);
+}
+
 bool Dependence::update(NodeId id)
 {
   const GraphBuilder& g = compiler_->graph;

@@ -30,6 +30,10 @@ public:
   // Classes of inputs behind a node, masks and loop conditions included.
   std::uint8_t classes(NodeId id);
   Stage stage(NodeId id) { return stage_of_classes(classes(id)); }
+  // True for a division whose divisor depends on parameters or random effects but is computed less often than the
+  // quotient: programs multiply by its inverse, which is computed as rarely. (By a number or a data value the quotient
+  // is exact: programs compare such quotients.)
+  bool divides_by_inverse(NodeId id) const; // of a node whose stage has been asked for
   // True when the derivative of the node by the symbol may differ from 0: a path that is not through masks.
   bool varies_with(NodeId id, std::int32_t symbol_index);
   // True when the symbol is behind the node in any way.

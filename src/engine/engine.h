@@ -182,10 +182,11 @@ inline constexpr int endless_loop = 6; // a loop made more than 100000 passes
 // Tile: what each lane stands for.
 struct Tile {
   int lanes = 0;                             // 1..max_lanes
-  const std::int32_t* observation = nullptr; // per lane: row of the bound data
-  const std::int32_t* point = nullptr;       // per lane: index into the random-effect values of the run
+  const std::int32_t* observation = nullptr; // per lane: row of the bound data; null: rows first, first + 1, ...
+  const std::int32_t* point = nullptr;       // per lane: index into the random-effect values; null: all at point 0
   const std::int32_t* state = nullptr;       // per lane: slot of the kept values, of sequential programs; else null
   int repeat = 1; // lanes come in groups of this many with one observation (a promise that saves fetching)
+  std::int32_t first = 0; // where `observation` is null
 };
 
 // Fault: one program fault, found when a tile is run again by the slow path.

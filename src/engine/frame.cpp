@@ -12,8 +12,6 @@ namespace torvale::engine {
 namespace {
 
 constexpr std::int32_t zeros[strip_lanes] = {};
-constexpr int output_stride = max_lanes + lane_padding; // a strip's padding may reach beyond the tile
-
 // The strip of a tile that begins with lane i. Where it can it ends with a group of lanes of one record, or where the
 // points begin anew: then what its lanes read stands side by side in memory, and nothing need be fetched lane by lane.
 void cut_strip(Lanes& lanes, const Tile& tile, int i, int longest)
@@ -21,23 +19,32 @@ void cut_strip(Lanes& lanes, const Tile& tile, int i, int longest)
   constexpr int worthwhile = 32; // shorter strips lose more to padding than they save
   const int left = tile.lanes - i, group = tile.repeat;
   lanes.count = std::min(left, longest);
-  lanes.repeat = 1;
+  lanes.repeat = group;
   if (group >= worthwhile) {
     const int rest = group - i % group; // of this group, in equal parts
     const int parts = (rest + longest - 1) / longest;
-    lanes.count = std::min(left, (rest + parts - 1) / parts);
-    lanes.repeat = lanes.count;
+    lanes.count = lanes.repeat = std::min(left, (rest + parts - 1) / parts);
   } else if (group > 1 && lanes.count < left) {
     lanes.count = lanes.count / group * group;
-    lanes.repeat = group;
-  } else {
-    lanes.repeat = group;
   }
-  lanes.row = tile.observation + i;
-  lanes.point = tile.point != nullptr ? tile.point + i : zeros;
+  if (tile.point != nullptr) {
+    lanes.point = tile.point + i;
+    lanes.points = Lanes::Run::unknown;
+    const int run = ascending_run(lanes.point, lanes.count);
+    if (run >= worthwhile && run % lanes.repeat == 0) lanes.count = run;
+  } else {
+    lanes.point = zeros;
+    lanes.points = Lanes::Run::same;
+  }
+  if (tile.observation != nullptr) {
+    lanes.row = tile.observation + i;
+    lanes.rows = lanes.count == lanes.repeat ? Lanes::Run::same : Lanes::Run::unknown;
+  } else {
+    std::iota(lanes.own[0], lanes.own[0] + lanes.count, tile.first + i);
+    lanes.row = lanes.own[0];
+    lanes.rows = lanes.count > 1 ? Lanes::Run::ascending : Lanes::Run::same;
+  }
   lanes.slot = tile.state != nullptr ? tile.state + i : zeros;
-  const int run = ascending_run(lanes.point, lanes.count);
-  if (run >= worthwhile && run % lanes.repeat == 0) lanes.count = run;
   lanes.finish();
 }
 
@@ -116,11 +123,12 @@ int Frame::State::prepare(FrameProgram& f)
     lanes.row = lanes.point = lanes.slot = zeros;
     lanes.finish();
     Sources sources;
+    sources.version = version;
     sources.theta = theta.data();
     ArrayResults results;
     results.to = f.parameter_results.data();
     results.stride = 1;
-    if (runner.run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
+    if (runner.run(lanes, sources, *data, {}, results) != 0) return run_code::endless_loop;
   }
   for (const Stage s : {Stage::observation, Stage::point, Stage::lane})
     f.runner(s).fill_fixed(f.parameter_results.data());
@@ -144,9 +152,10 @@ int Frame::State::prepare_range(FrameProgram& f)
     std::iota(lanes.own[0], lanes.own[0] + lanes.count, static_cast<std::int32_t>(first + i));
     lanes.row = lanes.own[0];
     lanes.point = lanes.slot = zeros;
+    lanes.rows = lanes.points = Lanes::Run::unknown;
     lanes.finish();
     results.at = i;
-    if (f.runner(Stage::observation).run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
+    if (f.runner(Stage::observation).run(lanes, sources, *data, {}, results) != 0) return run_code::endless_loop;
   }
   return 0;
 }
@@ -168,9 +177,10 @@ int Frame::State::prepare_points(FrameProgram& f)
     std::iota(lanes.own[1], lanes.own[1] + lanes.count, i);
     lanes.point = lanes.own[1];
     lanes.row = lanes.slot = zeros;
+    lanes.rows = lanes.points = Lanes::Run::unknown;
     lanes.finish();
     results.at = i;
-    if (f.runner(Stage::point).run(lanes, sources, *data, results) != 0) return run_code::endless_loop;
+    if (f.runner(Stage::point).run(lanes, sources, *data, {}, results) != 0) return run_code::endless_loop;
   }
   return 0;
 }
@@ -178,6 +188,7 @@ int Frame::State::prepare_points(FrameProgram& f)
 Sources Frame::State::common_sources(const FrameProgram& f) const
 {
   Sources s;
+  s.version = version;
   s.theta = theta.data();
   s.ran = ran;
   s.points = points;
@@ -220,6 +231,7 @@ void Frame::set_parameters(const double* theta)
 {
   std::copy_n(theta, state_->theta.size(), state_->theta.begin());
   ++state_->parameters_version;
+  ++state_->version;
 }
 
 void Frame::set_range(std::int64_t first, std::int64_t count)
@@ -228,6 +240,7 @@ void Frame::set_range(std::int64_t first, std::int64_t count)
   state_->first = first;
   state_->count = count;
   ++state_->range_version;
+  ++state_->version;
 }
 
 void Frame::set_points(const double* ran, int points, int stride)
@@ -236,12 +249,14 @@ void Frame::set_points(const double* ran, int points, int stride)
   state_->points = points;
   state_->ran_stride = stride;
   ++state_->points_version;
+  ++state_->version;
 }
 
 void Frame::reset_state(const Program& program, int slots)
 {
   FrameProgram& f = state_->program(program);
   f.state_slots = std::max(f.state_slots, slots);
+  ++state_->version;
   f.state.reserve(static_cast<std::size_t>(f.state_slots) * program.kept.size() + 1);
   const GraphBuilder& graph = state_->gcmp.graph;
   for (std::size_t k = 0; k < program.kept.size(); ++k)
@@ -249,17 +264,24 @@ void Frame::reset_state(const Program& program, int slots)
                 graph.value(graph.carry_at(program.kept[k]).initial));
 }
 
+int Frame::State::prepare_all(FrameProgram& f)
+{
+  if (const int code = prepare(f); code != 0) return code;
+  if (const int code = prepare_range(f); code != 0) return code;
+  if (const int code = prepare_points(f); code != 0) return code;
+  f.sources = common_sources(f);
+  f.inputs = version;
+  return 0;
+}
+
 int Frame::run(const Program& program, const Tile& tile)
 {
   State& state = *state_;
   FrameProgram& f = state.program(program);
   state.last = &f;
-  if (const int code = state.prepare(f); code != 0) return code;
-  if (const int code = state.prepare_range(f); code != 0) return code;
-  if (const int code = state.prepare_points(f); code != 0) return code;
   if (program.sequential() && f.state_slots == 0) reset_state(program, max_lanes);
-  Sources sources = state.common_sources(f);
-  sources.output_stride = output_stride;
+  if (f.inputs != state.version)
+    if (const int code = state.prepare_all(f); code != 0) return code;
   TileResults results;
   results.gcmp = &state.gcmp;
   results.program = &program;
@@ -269,8 +291,8 @@ int Frame::run(const Program& program, const Tile& tile)
   LaneRunner& runner = f.runner(Stage::lane);
   for (int i = 0; i < tile.lanes; i += lanes.count) {
     cut_strip(lanes, tile, i, runner.strip());
-    sources.output = f.outputs.data() + i;
-    if (runner.run(lanes, sources, *state.data, results) != 0) return run_code::endless_loop;
+    if (runner.run(lanes, f.sources, *state.data, {f.outputs.data() + i, output_stride}, results) != 0)
+      return run_code::endless_loop;
   }
   return results.code;
 }

@@ -19,17 +19,20 @@ struct FrameProgram {
   const KernelTable* table = nullptr; // build that the registers were prepared for
   std::vector<const double*> columns; // by Program::columns
   bool columns_ready = false;
-  // Versions of the inputs that the stage results belong to; 0: none.
-  std::uint64_t parameters = 0, range = 0, points = 0;
+  // Versions of the inputs that the stage results belong to, and of them all; 0: none.
+  std::uint64_t parameters = 0, range = 0, points = 0, inputs = 0;
+  Sources sources; // of the lane stage
   LaneArray parameter_results;
   LaneArray observation; // result by result, range_stride doubles each
   std::int64_t range_stride = 0;
   LaneArray point; // result by result, point_stride doubles each
   std::int64_t point_stride = 0;
-  LaneArray outputs; // output by output, max_lanes doubles each
+  LaneArray outputs; // output by output, output_stride doubles each
   LaneArray state;   // kept value by kept value, state_slots doubles each
   std::int32_t state_slots = 0;
 };
+
+inline constexpr int output_stride = max_lanes + lane_padding; // a strip's padding may reach beyond the tile
 
 // The code of Frame::run for an effect that ends the run.
 int trap_code(Effect::Kind kind);
@@ -37,7 +40,8 @@ int trap_code(Effect::Kind kind);
 struct Frame::State {
   State(const CMPGLOBAL& g, std::shared_ptr<const BoundData> d) : gcmp(g), data(std::move(d)) {}
   FrameProgram& program(const Program& p);
-  int prepare(FrameProgram& f); // columns, parameter stage, fixed registers
+  int prepare_all(FrameProgram& f); // whatever has changed, and `sources`
+  int prepare(FrameProgram& f);     // columns, parameter stage, fixed registers
   int prepare_range(FrameProgram& f);
   int prepare_points(FrameProgram& f);
   Sources common_sources(const FrameProgram& f) const;
@@ -50,6 +54,7 @@ struct Frame::State {
   int ran_stride = 0;
   std::int64_t first = 0, count = 0; // the range
   std::uint64_t parameters_version = 1, range_version = 1, points_version = 1;
+  std::uint64_t version = 1; // of all inputs: changes with each of these, and when kept values are given room
   std::vector<std::unique_ptr<FrameProgram>> programs; // by Program::number
   FrameProgram* last = nullptr;                        // whose outputs `output` gives
 };

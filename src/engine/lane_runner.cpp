@@ -79,8 +79,8 @@ void Lanes::finish()
       *all[k] = own[k];
     }
   }
-  rows = run_of(row, count);
-  points = run_of(point, count);
+  if (rows == Run::unknown) rows = run_of(row, count);
+  if (points == Run::unknown) points = run_of(point, count);
 }
 
 void LaneRunner::prepare()
@@ -97,7 +97,8 @@ void LaneRunner::prepare()
   kept_.reserve((code_.results.size() - outputs) * strip);
   input_addresses_.resize(code_.inputs.size());
   input_base_.resize(code_.inputs.size());
-  known_.reset();
+  known_version_ = 0;
+  outputs_at_ = nullptr;
   along_.clear();
   for (const Input& input : code_.inputs)
     along_.push_back(input.from == Input::From::row_number || input.from == Input::From::state ? Along::fetched
@@ -122,12 +123,13 @@ void LaneRunner::fill_fixed(const double* parameter_results)
   }
 }
 
-int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results)
+int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+                    Results& results)
 {
   if (by_native_) {
     const NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same};
     if (const NativeStage* const stage = native(shape); stage != nullptr) {
-      run_native(*stage, lanes, sources, results);
+      run_native(*stage, lanes, sources, outputs, results);
       return 0;
     }
     // No memory for code: from here on the steps are walked.
@@ -136,7 +138,7 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
     for (std::size_t k = 0; k < code_.fixed.size(); ++k)
       std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
   }
-  return walk(lanes, sources, texts, results);
+  return walk(lanes, sources, texts, outputs, results);
 }
 
 // --- inputs ---
@@ -216,8 +218,8 @@ const NativeStage* LaneRunner::native(NativeShape shape)
 void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
 {
   const std::size_t inputs = code_.inputs.size();
-  if (!known_.has_value() || !known_->same_inputs(sources)) {
-    known_ = sources;
+  if (known_version_ != sources.version) {
+    known_version_ = sources.version;
     for (std::size_t k = 0; k < inputs; ++k) input_base_[k] = view(code_.inputs[k], lanes, sources).from;
   }
   const auto row = static_cast<std::int64_t>(lanes.row[0]), point = static_cast<std::int64_t>(lanes.point[0]);
@@ -247,12 +249,15 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
   if (!points_in_place && !same_points) hold_points_of(lanes, sources);
 }
 
-void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, Results& results)
+void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources,
+                            const Outputs& outputs, Results& results)
 {
   find_inputs(lanes, sources);
-  const auto outputs = static_cast<std::size_t>(code_.outputs);
-  for (std::size_t k = 0; k < outputs; ++k)
-    result_addresses_[k] = sources.output + static_cast<std::int64_t>(k) * sources.output_stride;
+  const auto n = static_cast<std::size_t>(code_.outputs);
+  if (outputs_at_ != outputs.at) {
+    outputs_at_ = outputs.at;
+    for (std::size_t k = 0; k < n; ++k) result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
+  }
   NativeArguments arguments;
   arguments.inputs = input_addresses_.data();
   arguments.fixed = fixed_.data();
@@ -260,8 +265,8 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   arguments.scratch = scratch_.data();
   arguments.lanes = lanes.padded;
   if (stage.run(arguments))
-    for (std::size_t k = 0; k < outputs; ++k) make_canonical(result_addresses_[k], lanes.count);
-  for (std::size_t k = outputs; k < code_.results.size(); ++k)
+    for (std::size_t k = 0; k < n; ++k) make_canonical(result_addresses_[k], lanes.count);
+  for (std::size_t k = n; k < code_.results.size(); ++k)
     results.keep(static_cast<std::int32_t>(k), result_addresses_[k], lanes);
 }
 
@@ -311,7 +316,8 @@ void LaneRunner::answer(const Step& step, const Operation& op, const Lanes& lane
   }
 }
 
-int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results)
+int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+                     Results& results)
 {
   const int n = lanes.padded;
   const std::size_t steps = operations_.size();
@@ -338,9 +344,8 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
       results.keep(s.index, op.in[0], lanes);
       break;
     case Step::Kind::output:
-      std::memcpy(sources.output + s.index * sources.output_stride, op.in[0],
-                  static_cast<std::size_t>(lanes.count) * sizeof(double));
-      make_canonical(sources.output + s.index * sources.output_stride, lanes.count);
+      std::memcpy(outputs.at + s.index * outputs.stride, op.in[0], static_cast<std::size_t>(lanes.count) * sizeof(double));
+      make_canonical(outputs.at + s.index * outputs.stride, lanes.count);
       break;
     case Step::Kind::loop_begin:
       if (!any_true(op.in[0], n)) k = static_cast<std::size_t>(s.index) - 1;

@@ -8,7 +8,6 @@
 #include "engine/program.h"
 
 #include <memory>
-#include <optional>
 #include <vector>
 
 namespace torvale::engine {
@@ -38,24 +37,17 @@ struct Lanes {
   const std::int32_t* point = nullptr;
   const std::int32_t* slot = nullptr;
   std::int32_t own[3][strip_lanes];
-  enum class Run : std::uint8_t { same, ascending, mixed };
-  Run rows = Run::same, points = Run::same;
-  void finish(); // pads, and finds how the indices run
+  enum class Run : std::uint8_t { same, ascending, mixed, unknown };
+  Run rows = Run::unknown, points = Run::unknown; // how the indices run; unknown: `finish` finds out
+  void finish();                                  // pads
 };
 
 // How many indices from the first on ascend one by one.
 int ascending_run(const std::int32_t* index, int n);
 
-// What the loads of a stage read, and where its outputs go.
+// What the loads of a stage read.
 struct Sources {
-  // Whether inputs stand at the same addresses.
-  bool same_inputs(const Sources& s) const
-  {
-    return theta == s.theta && ran == s.ran && stride == s.stride && columns == s.columns &&
-           observation == s.observation && observation_stride == s.observation_stride && first == s.first &&
-           point == s.point && point_stride == s.point_stride && state == s.state && state_stride == s.state_stride;
-  }
-
+  std::uint64_t version = 0; // another one, above 0, whenever one of the following has changed
 
   const double* theta = nullptr;
   const double* ran = nullptr;      // random effect e at point p: ran[e * stride + p]
@@ -71,8 +63,12 @@ struct Sources {
   std::int64_t point_stride = 0;
   const double* state = nullptr; // value k of slot s: state[k * state_stride + s]
   std::int64_t state_stride = 0;
-  double* output = nullptr; // output k of the strip: output[k * output_stride ...], with room for its padding
-  std::int64_t output_stride = 0;
+};
+
+// Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding.
+struct Outputs {
+  double* at = nullptr;
+  std::int64_t stride = 0;
 };
 
 // Character columns of the bound data, for text tests.
@@ -101,7 +97,8 @@ public:
   // Takes the numbers that are the same in all lanes; parameter_results: results of the parameter stage.
   void fill_fixed(const double* parameter_results);
   // Runs one strip. Returns 0, or 1 when a loop did not end within the limit of passes.
-  int run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
+  int run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+          Results& results);
   int strip() const { return strip_; } // lanes of a full strip, once fill_fixed has been called
 
 private:
@@ -125,11 +122,13 @@ private:
 
   void prepare();
   const NativeStage* native(NativeShape shape);
-  void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, Results& results);
+  void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, const Outputs& outputs,
+                  Results& results);
   void find_inputs(const Lanes& lanes, const Sources& sources);
 
   void prepare_steps();
-  int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, Results& results);
+  int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+           Results& results);
   void answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const;
   double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r * strip_); }
 
@@ -148,10 +147,11 @@ private:
   enum class Along : std::uint8_t { nothing, rows, points, fetched };
   std::vector<Along> along_;              // per input
   bool fetches_ = false;                  // some input must always be fetched
-  std::optional<Sources> known_;          // to which the next line belongs
+  std::uint64_t known_version_ = 0;       // of the sources to which the next line belongs
   std::vector<const double*> input_base_; // per input: value of record or point 0
   std::vector<const double*> input_addresses_;
   std::vector<double*> result_addresses_;
+  const double* outputs_at_ = nullptr; // the outputs that the first of these belong to
 
   LaneArray registers_; // strip_ values each
   std::vector<Operation> operations_;

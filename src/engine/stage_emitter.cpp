@@ -23,6 +23,7 @@ public:
     auto& kept = stage_ == Stage::data ? all_.program_.data_kept : all_.program_.kept;
     for (const NodeId id : code_.results) need(id);
     work_off();
+    invert_divisors();
     first_next_ = code_.results.size();
     if (stage_ == Stage::data || stage_ == Stage::lane)
       for (const std::int32_t carry : kept) code_.results.push_back(graph_.carry_at(carry).next);
@@ -92,6 +93,19 @@ private:
     if (std::find(kept.begin(), kept.end(), carry) != kept.end()) return;
     kept.push_back(carry);
     need(graph_.carry_at(carry).next);
+  }
+
+  void invert_divisors()
+  {
+    std::vector<NodeId> divisions;
+    for (const NodeId id : needed_)
+      if (!is_leaf(id) && all_.gcmp_.dependence.divides_by_inverse(id)) divisions.push_back(id);
+    for (const NodeId id : divisions) {
+      const NodeId inverse = graph_.reciprocal(graph_.operand(id, 1));
+      shape_[id] = {Kernel::multiply, {graph_.operand(id, 0), inverse}};
+      need(inverse);
+    }
+    work_off();
   }
 
   void count_uses()
