@@ -25,7 +25,8 @@ bool reached(double p, const Tails& t)
 // From a guess outwards in doubling steps until the answer is bracketed, then bisection.
 template <class TailsAt> double smallest_reaching(double p, double guess, double top, TailsAt tails_at)
 {
-  double high = std::clamp(std::floor(guess), 0.0, top), low = high, step = 1.0; // low: -1 or a point not reached
+  // The guess may be infinite less infinite. low: -1 or a point not reached.
+  double high = guess > 0.0 ? std::min(std::floor(guess), top) : 0.0, low = high, step = 1.0;
   if (reached(p, tails_at(high))) {
     do {
       high = low;

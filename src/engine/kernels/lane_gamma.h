@@ -221,7 +221,10 @@ inline Lanes comb(Lanes a, Lanes b)
 // digamma(a + b) - digamma(a), a > 0, a + b > 0; 1e-15 relative to the larger of the result and 1/a.
 inline Lanes digamma_ratio(Lanes a, Lanes b)
 {
-  const Lanes top = a + b;
+  const Mask inside = (a > Lanes{}) & (a + b > Lanes{});
+  // (Steps of one from far below 0 would never arrive.)
+  const Lanes top = if_else(inside, a + b, all(10.0));
+  a = if_else(inside, a, all(10.0));
   const Mask large = (a >= all(10.0)) & (top >= all(10.0));
   Lanes r = digamma_positive(top) - digamma_positive(a);
   if (any(large)) {
@@ -229,7 +232,7 @@ inline Lanes digamma_ratio(Lanes a, Lanes b)
     const Lanes tails = w2 * polynomial(digamma_series, w2) - v2 * polynomial(digamma_series, v2);
     r = if_else(large, natural_log1p(b * v) + (all(0.5) * b * w * v - tails), r);
   }
-  return unless(~((a > Lanes{}) & (top > Lanes{})), r);
+  return unless(~inside, r);
 }
 
 } // namespace lane
