@@ -5,8 +5,8 @@
 //
 // The deterministic variants of SLEEF are taken: the plain ones of sin, cos and tan look at the whole vector to choose
 // a method, and a lane's value would depend on its neighbours. With fused multiplication (finz) they cost the same as
-// the plain ones, measured: exp 0.43, log 0.56 ns a lane on AVX-512. Without (cinz) they would give the same bits on
-// every machine, but cost 1.3 to 1.7 times as much; so only the baseline build takes them, having no choice.
+// the plain ones, measured. Without (cinz) they would give the same bits on every machine, but cost 1.3 to 1.7 times as
+// much; so only the baseline build takes them, having no choice.
 
 #if defined(__AVX512F__)
 #include "engine/kernels/vector_avx512.h"
