@@ -102,9 +102,9 @@ void LaneRunner::prepare()
   along_.clear();
   for (const Input& input : code_.inputs)
     along_.push_back(input.from == Input::From::row_number || input.from == Input::From::state ? Along::fetched
-                     : input.by_row()                                                         ? Along::rows
-                     : input.by_point()                                                       ? Along::points
-                                                                                              : Along::nothing);
+                     : input.by_row()                                                          ? Along::rows
+                     : input.by_point()                                                        ? Along::points
+                                                                                               : Along::nothing);
   fetches_ = std::find(along_.begin(), along_.end(), Along::fetched) != along_.end();
   result_addresses_.resize(code_.results.size());
   for (std::size_t k = outputs; k < code_.results.size(); ++k)
@@ -227,10 +227,10 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
   const auto in_place = [&](Lanes::Run run, std::int64_t first, std::int64_t length) {
     return run == Lanes::Run::same || (run == Lanes::Run::ascending && first + lanes.padded <= length);
   };
-  const std::int64_t last_row = std::min(sources.rows, sources.observation == nullptr
-                                                           ? sources.rows
-                                                           : sources.first + sources.observation_stride);
-  const std::int64_t last_point = std::min(sources.points, sources.point == nullptr ? sources.points : sources.point_stride);
+  const std::int64_t last_row = std::min(
+      sources.rows, sources.observation == nullptr ? sources.rows : sources.first + sources.observation_stride);
+  const std::int64_t last_point =
+      std::min(sources.points, sources.point == nullptr ? sources.points : sources.point_stride);
   const std::int64_t offset[] = {0, row, point, 0};
   for (std::size_t k = 0; k < inputs; ++k) input_addresses_[k] = input_base_[k] + offset[static_cast<int>(along_[k])];
   const bool rows_in_place = in_place(lanes.rows, row, last_row);
@@ -256,7 +256,8 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   const auto n = static_cast<std::size_t>(code_.outputs);
   if (outputs_at_ != outputs.at) {
     outputs_at_ = outputs.at;
-    for (std::size_t k = 0; k < n; ++k) result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
+    for (std::size_t k = 0; k < n; ++k)
+      result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
   }
   NativeArguments arguments;
   arguments.inputs = input_addresses_.data();
@@ -344,7 +345,8 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
       results.keep(s.index, op.in[0], lanes);
       break;
     case Step::Kind::output:
-      std::memcpy(outputs.at + s.index * outputs.stride, op.in[0], static_cast<std::size_t>(lanes.count) * sizeof(double));
+      std::memcpy(outputs.at + s.index * outputs.stride, op.in[0],
+                  static_cast<std::size_t>(lanes.count) * sizeof(double));
       make_canonical(outputs.at + s.index * outputs.stride, lanes.count);
       break;
     case Step::Kind::loop_begin:

@@ -32,11 +32,12 @@ bool is_mask(Kernel k, int operand)
 
 Column numbers(std::mt19937& random)
 {
-  const double special[] = {0.0, -0.0, 1.0, -1.0, 0.5, 2.0, 3.0, infinity, -infinity, nan, 1e300, -1e300, 5e-324, -1e-310,
-                            0x1p-1022, 709.5, -745.0, -708.5, 1e-17, 0.1};
+  const double special[] = {0.0,   -0.0,   1.0,    -1.0,    0.5,       2.0,   3.0,    infinity, -infinity, nan,
+                            1e300, -1e300, 5e-324, -1e-310, 0x1p-1022, 709.5, -745.0, -708.5,   1e-17,     0.1};
   Column c;
   for (double& v : c.value)
-    v = random() % 2 == 0 ? special[random() % std::size(special)] : std::uniform_real_distribution<>(-4.0, 9.0)(random);
+    v = random() % 2 == 0 ? special[random() % std::size(special)]
+                          : std::uniform_real_distribution<>(-4.0, 9.0)(random);
   return c;
 }
 
@@ -193,12 +194,31 @@ TEST_P(MachineCode, EveryKernelGivesTheBitsOfItsLoop)
 // called in between.
 TEST_P(MachineCode, MoreValuesThanRegisters)
 {
-  constexpr Kernel pool[] = {
-      Kernel::add,           Kernel::subtract,       Kernel::multiply,   Kernel::divide,        Kernel::multiply_add,
-      Kernel::subtract_product, Kernel::exp,         Kernel::log,        Kernel::tanh,          Kernel::atan2,
-      Kernel::power,         Kernel::less,           Kernel::equal_known, Kernel::and_,         Kernel::not_,
-      Kernel::select,        Kernel::select_or_zero, Kernel::least,      Kernel::is_missing,    Kernel::square,
-      Kernel::gamma_lower,   Kernel::absolute,       Kernel::truth,      Kernel::and_not,       Kernel::sqrt};
+  constexpr Kernel pool[] = {Kernel::add,
+                             Kernel::subtract,
+                             Kernel::multiply,
+                             Kernel::divide,
+                             Kernel::multiply_add,
+                             Kernel::subtract_product,
+                             Kernel::exp,
+                             Kernel::log,
+                             Kernel::tanh,
+                             Kernel::atan2,
+                             Kernel::power,
+                             Kernel::less,
+                             Kernel::equal_known,
+                             Kernel::and_,
+                             Kernel::not_,
+                             Kernel::select,
+                             Kernel::select_or_zero,
+                             Kernel::least,
+                             Kernel::is_missing,
+                             Kernel::square,
+                             Kernel::gamma_lower,
+                             Kernel::absolute,
+                             Kernel::truth,
+                             Kernel::and_not,
+                             Kernel::sqrt};
   for (unsigned seed = 1; seed <= 24; ++seed) {
     std::mt19937 random(seed);
     constexpr int registers = 90, mask_registers = 20; // the last ones hold masks

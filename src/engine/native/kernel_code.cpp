@@ -11,8 +11,8 @@ class KernelWriter {
 public:
   KernelWriter(VectorCode& code, RegisterAllocator& registers, const PlanOperation& op,
                std::vector<RareCall>& rare_calls)
-      : code_(code), registers_(registers), op_(op), rare_calls_(rare_calls), t_(code.number_scratch()), m_(code.mask_scratch(0)),
-        n_(code.mask_scratch(1))
+      : code_(code), registers_(registers), op_(op), rare_calls_(rare_calls), t_(code.number_scratch()),
+        m_(code.mask_scratch(0)), n_(code.mask_scratch(1))
   {
   }
 
@@ -318,9 +318,8 @@ private:
   // exp_of_regular of lane_exponential.h.
   bool exponential()
   {
-    const int a = number(0), shifted = registers_.temporary(), r2 = registers_.temporary(),
-              r = registers_.temporary(), r4 = registers_.temporary(), high = registers_.temporary(),
-              pair = registers_.temporary(), result = out();
+    const int a = number(0), shifted = registers_.temporary(), r2 = registers_.temporary(), r = registers_.temporary(),
+              r4 = registers_.temporary(), high = registers_.temporary(), pair = registers_.temporary(), result = out();
     code_.bitwise(Bitwise::and_, t_, a, constant(Constant::all_but_sign));
     code_.compare(m_, Predicate::not_less_equal, t_, constant(Constant::exp_regular));
     RareCall& rare = unless(m_, a, result);

@@ -9,8 +9,8 @@ namespace torvale::engine {
 struct RareCall {
   Xbyak::Label enter, back;
   Kernel kernel = Kernel::copy;
-  int argument = 0, out = 0;         // registers
-  std::vector<int> vectors, masks;   // registers that the call must leave as they are
+  int argument = 0, out = 0;       // registers
+  std::vector<int> vectors, masks; // registers that the call must leave as they are
 };
 
 // Writes the code of operation `op`, which the allocator has begun. False: the kernel has none and must be called.

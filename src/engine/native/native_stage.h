@@ -18,7 +18,8 @@ namespace torvale::engine {
 
 struct StageCode;
 
-// Which inputs are the same for all lanes of a run; one number is then read for each. Code is made for each shape apart.
+// Which inputs are the same for all lanes of a run; one number is then read for each. Code is made for each shape
+// apart.
 struct NativeShape {
   bool one_row = false;
   bool one_point = false;

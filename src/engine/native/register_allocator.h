@@ -2,7 +2,8 @@
 // RegisterAllocator: which machine register or memory holds each value while the code of a stage is written.
 //
 // The code is one straight line, so it is known when a value is read next; when a register is wanted and none is free,
-// the value whose next use is farthest gives way (L. A. Belady, 1966). A value is stored at most once: it never changes.
+// the value whose next use is farthest gives way (L. A. Belady, 1966). A value is stored at most once: it never
+// changes.
 
 #include "engine/native/value_plan.h"
 #include "engine/native/vector_code.h"
@@ -66,9 +67,9 @@ private:
     std::vector<bool> pinned;
   };
   struct State {
-    int reg = -1;             // register, -1: none
-    std::int32_t slot = -1;   // slot in scratch memory, -1: none
-    std::int32_t next = 0;    // index of the next use
+    int reg = -1;           // register, -1: none
+    std::int32_t slot = -1; // slot in scratch memory, -1: none
+    std::int32_t next = 0;  // index of the next use
   };
   bool is_mask(ValueId v) const { return plan_.values[static_cast<std::size_t>(v)].mask; }
   File& file(ValueId v) { return is_mask(v) && code_.masks() > 0 ? masks_ : vectors_; }

@@ -16,8 +16,8 @@ inline constexpr ValueId no_value = -1;
 
 struct PlanValue {
   enum class From : std::uint8_t { operation, input, fixed } from = From::operation;
-  bool mask = false;            // true or false in the form of the machine's comparisons
-  std::int32_t index = 0;       // of the input or the fixed register
+  bool mask = false;              // true or false in the form of the machine's comparisons
+  std::int32_t index = 0;         // of the input or the fixed register
   std::vector<std::int32_t> uses; // operations that read it, ascending
 };
 

@@ -20,54 +20,65 @@ std::uint8_t number(Predicate p)
   return static_cast<std::uint8_t>(p);
 }
 
-// Eight lanes; masks in k1 to k7.
-class Avx512Code final : public VectorCode {
+// What AVX2 and AVX-512 have in common: three operands, fused multiplication. Vector: Ymm or Zmm.
+template <class Vector> class WideCode : public VectorCode {
 public:
   using VectorCode::VectorCode;
-  int width() const override { return 8; }
-  int vectors() const override { return 31; }
-  int masks() const override { return 5; }
-  int number_scratch() const override { return 31; }
-  int mask_scratch(int k) const override { return 6 + k; }
-  Xmm vector(int r) const override { return Zmm(r); }
+  int width() const override { return static_cast<int>(Vector(0).getBit()) / 64; }
+  Xmm vector(int r) const override { return Vector(r); }
 
-  void move(int to, const Operand& from) override { vmovapd(Zmm(to), from); }
-  void load(int to, const Address& from) override { vmovupd(Zmm(to), from); }
-  void store(const Address& to, int from) override { vmovupd(to, Zmm(from)); }
-  void broadcast(int to, const Address& from) override { vbroadcastsd(Zmm(to), from); }
+  // One line each, so that the family reads as a table.
+  // clang-format off
+  void move(int to, const Operand& from) override { vmovapd(Vector(to), from); }
+  void load(int to, const Address& from) override { vmovupd(Vector(to), from); }
+  void store(const Address& to, int from) override { vmovupd(to, Vector(from)); }
+  void broadcast(int to, const Address& from) override { vbroadcastsd(Vector(to), from); }
+  void add_product(int out, int a, const Operand& b) override { vfmadd231pd(Vector(out), Vector(a), b); }
+  void multiply_plus(int out, int a, const Operand& c) override { vfmadd213pd(Vector(out), Vector(a), c); }
+  void add_bits(int out, int a, const Operand& b) override { vpaddq(Vector(out), Vector(a), b); }
+  void subtract_bits(int out, int a, const Operand& b) override { vpsubq(Vector(out), Vector(a), b); }
+  void shift_left(int out, int a, int n) override { vpsllq(Vector(out), Vector(a), static_cast<std::uint8_t>(n)); }
+  void shift_right(int out, int a, int n) override { vpsrlq(Vector(out), Vector(a), static_cast<std::uint8_t>(n)); }
+  void square_root(int out, const Operand& a) override { vsqrtpd(Vector(out), a); }
+  void leave_vectors() override { vzeroupper(); }
+  // clang-format on
   void arithmetic(Arithmetic op, int out, int a, const Operand& b) override
   {
     switch (op) {
     case Arithmetic::add:
-      return vaddpd(Zmm(out), Zmm(a), b);
+      return vaddpd(Vector(out), Vector(a), b);
     case Arithmetic::subtract:
-      return vsubpd(Zmm(out), Zmm(a), b);
+      return vsubpd(Vector(out), Vector(a), b);
     case Arithmetic::multiply:
-      return vmulpd(Zmm(out), Zmm(a), b);
+      return vmulpd(Vector(out), Vector(a), b);
     case Arithmetic::divide:
-      return vdivpd(Zmm(out), Zmm(a), b);
+      return vdivpd(Vector(out), Vector(a), b);
     }
   }
-  void add_product(int out, int a, const Operand& b) override { vfmadd231pd(Zmm(out), Zmm(a), b); }
-  void multiply_plus(int out, int a, const Operand& c) override { vfmadd213pd(Zmm(out), Zmm(a), c); }
-  void add_bits(int out, int a, const Operand& b) override { vpaddq(Zmm(out), Zmm(a), b); }
-  void subtract_bits(int out, int a, const Operand& b) override { vpsubq(Zmm(out), Zmm(a), b); }
-  void shift_left(int out, int a, int n) override { vpsllq(Zmm(out), Zmm(a), static_cast<std::uint8_t>(n)); }
-  void shift_right(int out, int a, int n) override { vpsrlq(Zmm(out), Zmm(a), static_cast<std::uint8_t>(n)); }
-  void square_root(int out, const Operand& a) override { vsqrtpd(Zmm(out), a); }
   void bitwise(Bitwise op, int out, int a, const Operand& b) override
   {
     switch (op) {
     case Bitwise::and_:
-      return vandpd(Zmm(out), Zmm(a), b);
+      return vandpd(Vector(out), Vector(a), b);
     case Bitwise::and_not:
-      return vandnpd(Zmm(out), Zmm(a), b);
+      return vandnpd(Vector(out), Vector(a), b);
     case Bitwise::or_:
-      return vorpd(Zmm(out), Zmm(a), b);
+      return vorpd(Vector(out), Vector(a), b);
     case Bitwise::xor_:
-      return vxorpd(Zmm(out), Zmm(a), b);
+      return vxorpd(Vector(out), Vector(a), b);
     }
   }
+};
+
+// Eight lanes; masks in k1 to k7.
+class Avx512Code final : public WideCode<Zmm> {
+public:
+  using WideCode::WideCode;
+  int vectors() const override { return 31; }
+  int masks() const override { return 5; }
+  int number_scratch() const override { return 31; }
+  int mask_scratch(int k) const override { return 6 + k; }
+
   void compare(int mask, Predicate p, int a, const Operand& b) override { vcmppd(Opmask(mask), Zmm(a), b, number(p)); }
   void combine(MaskOp op, int out, int a, int b) override
   {
@@ -86,61 +97,20 @@ public:
     vblendmpd(Zmm(out) | Opmask(mask), Zmm(no), yes);
   }
   void choose_or_zero(int out, int mask, const Operand& yes) override { vmovapd(Zmm(out) | Opmask(mask) | T_z, yes); }
-  void move_mask(int to, int from) override { kmovb(Opmask(to), Opmask(from)); }
   void load_mask(int to, const Address& from) override { kmovb(Opmask(to), from); }
   void store_mask(const Address& to, int from) override { kmovb(to, Opmask(from)); }
   void lanes_of(const Xbyak::Reg32& bits, int mask) override { kmovb(bits, Opmask(mask)); }
-  void leave_vectors() override { vzeroupper(); }
 };
 
 // Four lanes; masks are vectors.
-class Avx2Code final : public VectorCode {
+class Avx2Code final : public WideCode<Ymm> {
 public:
-  using VectorCode::VectorCode;
-  int width() const override { return 4; }
+  using WideCode::WideCode;
   int vectors() const override { return 13; }
   int masks() const override { return 0; }
   int number_scratch() const override { return 13; }
   int mask_scratch(int k) const override { return 14 + k; }
-  Xmm vector(int r) const override { return Ymm(r); }
 
-  void move(int to, const Operand& from) override { vmovapd(Ymm(to), from); }
-  void load(int to, const Address& from) override { vmovupd(Ymm(to), from); }
-  void store(const Address& to, int from) override { vmovupd(to, Ymm(from)); }
-  void broadcast(int to, const Address& from) override { vbroadcastsd(Ymm(to), from); }
-  void arithmetic(Arithmetic op, int out, int a, const Operand& b) override
-  {
-    switch (op) {
-    case Arithmetic::add:
-      return vaddpd(Ymm(out), Ymm(a), b);
-    case Arithmetic::subtract:
-      return vsubpd(Ymm(out), Ymm(a), b);
-    case Arithmetic::multiply:
-      return vmulpd(Ymm(out), Ymm(a), b);
-    case Arithmetic::divide:
-      return vdivpd(Ymm(out), Ymm(a), b);
-    }
-  }
-  void add_product(int out, int a, const Operand& b) override { vfmadd231pd(Ymm(out), Ymm(a), b); }
-  void multiply_plus(int out, int a, const Operand& c) override { vfmadd213pd(Ymm(out), Ymm(a), c); }
-  void add_bits(int out, int a, const Operand& b) override { vpaddq(Ymm(out), Ymm(a), b); }
-  void subtract_bits(int out, int a, const Operand& b) override { vpsubq(Ymm(out), Ymm(a), b); }
-  void shift_left(int out, int a, int n) override { vpsllq(Ymm(out), Ymm(a), static_cast<std::uint8_t>(n)); }
-  void shift_right(int out, int a, int n) override { vpsrlq(Ymm(out), Ymm(a), static_cast<std::uint8_t>(n)); }
-  void square_root(int out, const Operand& a) override { vsqrtpd(Ymm(out), a); }
-  void bitwise(Bitwise op, int out, int a, const Operand& b) override
-  {
-    switch (op) {
-    case Bitwise::and_:
-      return vandpd(Ymm(out), Ymm(a), b);
-    case Bitwise::and_not:
-      return vandnpd(Ymm(out), Ymm(a), b);
-    case Bitwise::or_:
-      return vorpd(Ymm(out), Ymm(a), b);
-    case Bitwise::xor_:
-      return vxorpd(Ymm(out), Ymm(a), b);
-    }
-  }
   void compare(int mask, Predicate p, int a, const Operand& b) override { vcmppd(Ymm(mask), Ymm(a), b, number(p)); }
   void combine(MaskOp op, int out, int a, int b) override
   {
@@ -155,16 +125,15 @@ public:
   }
   void invert(int out, int a) override
   {
-    vpcmpeqd(Ymm(mask_scratch(1)), Ymm(mask_scratch(1)), Ymm(mask_scratch(1)));
-    vxorpd(Ymm(out), Ymm(a), Ymm(mask_scratch(1)));
+    const Ymm ones(mask_scratch(1));
+    vpcmpeqd(ones, ones, ones);
+    vxorpd(Ymm(out), Ymm(a), ones);
   }
   void choose(int out, int mask, const Operand& yes, int no) override { vblendvpd(Ymm(out), Ymm(no), yes, Ymm(mask)); }
   void choose_or_zero(int out, int mask, const Operand& yes) override { vandpd(Ymm(out), Ymm(mask), yes); }
-  void move_mask(int to, int from) override { vmovapd(Ymm(to), Ymm(from)); }
   void load_mask(int to, const Address& from) override { vmovapd(Ymm(to), from); }
   void store_mask(const Address& to, int from) override { vmovapd(to, Ymm(from)); }
   void lanes_of(const Xbyak::Reg32& bits, int mask) override { vmovmskpd(bits, Ymm(mask)); }
-  void leave_vectors() override { vzeroupper(); }
 };
 
 // Two lanes; instructions overwrite their first operand, and there is none that chooses.
@@ -273,7 +242,6 @@ public:
     movapd(Xmm(out), Xmm(first));
   }
   void choose_or_zero(int out, int mask, const Operand& yes) override { bitwise(Bitwise::and_, out, mask, yes); }
-  void move_mask(int to, int from) override { movapd(Xmm(to), Xmm(from)); }
   void load_mask(int to, const Address& from) override { movapd(Xmm(to), from); }
   void store_mask(const Address& to, int from) override { movapd(to, Xmm(from)); }
   void lanes_of(const Xbyak::Reg32& bits, int mask) override { movmskpd(bits, Xmm(mask)); }

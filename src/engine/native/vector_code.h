@@ -15,14 +15,23 @@ namespace torvale::engine {
 
 enum class Arithmetic : std::uint8_t { add, subtract, multiply, divide };
 enum class Bitwise : std::uint8_t { and_, and_not, or_, xor_ }; // and_not: (not a) and b
-enum class MaskOp : std::uint8_t { and_, and_not, or_ };       // and_not: a and not b
+enum class MaskOp : std::uint8_t { and_, and_not, or_ };        // and_not: a and not b
 
 // As the processor numbers them. Unless it says `not` or `unordered` a comparison with a NaN is false.
-enum class Predicate : std::uint8_t { equal = 0, less = 1, less_equal = 2, unordered = 3, not_equal = 4, not_less = 5,
-                                      not_less_equal = 6, ordered = 7 };
+enum class Predicate : std::uint8_t {
+  equal = 0,
+  less = 1,
+  less_equal = 2,
+  unordered = 3,
+  not_equal = 4,
+  not_less = 5,
+  not_less_equal = 6,
+  ordered = 7
+};
 
 // Numbers that code refers to, one vector of each in memory. The last are numbers of the exponential and the logarithm
 // (kernels/elementary_numbers.h); of a polynomial the first coefficient, the others follow.
+// clang-format off
 enum class Constant : std::uint8_t {
   zero, one, minus_one, half, two, sign_bit, all_but_sign, missing, infinity,
   minus_log2_high, minus_log2_low, log2_high, log2_low,
@@ -30,6 +39,7 @@ enum class Constant : std::uint8_t {
   log_root_half = exp_p + 10, log_bias, log_whole, log_offset, log_fraction, log_least_normal, log_r, // 7 coefficients
   count_ = log_r + 7
 };
+// clang-format on
 inline Constant operator+(Constant c, int k)
 {
   return static_cast<Constant>(static_cast<int>(c) + k);
@@ -47,19 +57,19 @@ public:
   explicit VectorCode(std::size_t capacity) : CodeGenerator(capacity, Xbyak::DontSetProtectRWE) {}
 
   // --- of the instruction set ---
-  virtual int width() const = 0;            // lanes of a vector
-  virtual int vectors() const = 0;          // vector registers that may be given out: 0 .. vectors() - 1
-  virtual int masks() const = 0;            // mask registers that may be given out, from 1 on; 0: masks are vectors
-  virtual int number_scratch() const = 0;   // a vector register that is never given out
+  virtual int width() const = 0;             // lanes of a vector
+  virtual int vectors() const = 0;           // vector registers that may be given out: 0 .. vectors() - 1
+  virtual int masks() const = 0;             // mask registers that may be given out, from 1 on; 0: masks are vectors
+  virtual int number_scratch() const = 0;    // a vector register that is never given out
   virtual int mask_scratch(int k) const = 0; // two registers for masks that are never given out
   virtual Xbyak::Xmm vector(int r) const = 0;
 
   virtual void move(int to, const Operand& from) = 0;
-  virtual void load(int to, const Address& from) = 0; // from memory that need not be aligned
+  virtual void load(int to, const Address& from) = 0;  // from memory that need not be aligned
   virtual void store(const Address& to, int from) = 0; // likewise
   virtual void broadcast(int to, const Address& from) = 0;
   virtual void arithmetic(Arithmetic op, int out, int a, const Operand& b) = 0;
-  virtual void add_product(int out, int a, const Operand& b) = 0; // out = a * b + out, by the lane kernels' `fused`
+  virtual void add_product(int out, int a, const Operand& b) = 0;   // out = a * b + out, by the lane kernels' `fused`
   virtual void multiply_plus(int out, int a, const Operand& c) = 0; // out = out * a + c, likewise
   virtual void add_bits(int out, int a, const Operand& b) = 0;      // as whole numbers of 64 bits
   virtual void subtract_bits(int out, int a, const Operand& b) = 0;
@@ -72,7 +82,6 @@ public:
   virtual void invert(int out, int a) = 0;
   virtual void choose(int out, int mask, const Operand& yes, int no) = 0;
   virtual void choose_or_zero(int out, int mask, const Operand& yes) = 0;
-  virtual void move_mask(int to, int from) = 0;
   virtual void load_mask(int to, const Address& from) = 0;
   virtual void store_mask(const Address& to, int from) = 0;
   virtual void lanes_of(const Xbyak::Reg32& bits, int mask) = 0; // one bit for each lane
