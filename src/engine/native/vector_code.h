@@ -53,7 +53,7 @@ public:
   using Operand = Xbyak::Operand;
   using Address = Xbyak::Address;
 
-  // capacity: bytes of code at most. Memory is not executable before `finish`.
+  // capacity: bytes of code at most. The memory becomes executable with setProtectModeRE.
   explicit VectorCode(std::size_t capacity) : CodeGenerator(capacity, Xbyak::DontSetProtectRWE) {}
 
   // --- of the instruction set ---
