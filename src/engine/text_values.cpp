@@ -1,5 +1,7 @@
 #include "engine/text_values.h"
 
+#include "host/missing.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -92,7 +94,7 @@ double number_from_text(std::string_view text)
 
 std::string text_from_number(double value, std::string_view format)
 {
-  if (std::isnan(value)) return ".";
+  if (std::isnan(value)) return std::string(1, host::missing_letter(host::canonical_missing(value)));
   // A format w.d asks for d decimals in a field of w; the letter F may stand before it.
   int width = 0, decimals = 0;
   const char* at = format.data();

@@ -124,7 +124,8 @@ private:
 
 // The number that a text spells, blanks around it allowed; the missing value for a lone dot and for anything else.
 double number_from_text(std::string_view text);
-// A number in the shortest form that reads back to the same value; a missing value is a dot.
+// A number in the shortest form that reads back to the same value; a missing value is its
+// letter: a dot, _, A to Z.
 std::string text_from_number(double value, std::string_view format);
 
 } // namespace torvale::engine

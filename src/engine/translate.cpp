@@ -2,6 +2,7 @@
 
 #include "engine/translate.h"
 #include "engine/program.h"
+#include "host/missing.h"
 
 #include <algorithm>
 #include <cmath>
@@ -70,8 +71,7 @@ Value Translator::initial_value(const CMPSYM& s)
   if (!s.assigned) return {graph_.symbol(s.index), no_text};
   NodeId first = graph_.missing();
   if (given != gcmp_.initial.end()) {
-    const double v = constant_of(*given->second);
-    first = std::isnan(v) ? graph_.missing() : graph_.constant(v);
+    first = graph_.constant(host::canonical_missing(constant_of(*given->second)));
   } else if (gcmp_.sums.count(s.index) > 0) {
     first = graph_.zero();
   }
@@ -230,16 +230,24 @@ void CMPGLOBAL::translate()
   static const syntax::Program no_statements;
   if (!translated && origin.empty()) {
     if (program == nullptr) program = &no_statements;
-    effects.clear();
-    value.assign(symbols.size(), no_node);
-    text_value.assign(symbols.size(), no_text);
-    lag_depth = 0;
+    const std::size_t said = diagnostics.size();
+    const int errors_before = errors;
     late_done = 0;
     dependence.clear();
-    const std::int64_t before = graph.requests();
-    translator = std::make_unique<Translator>(*this);
-    translator->run();
-    requests_before = graph.requests() - before;
+    for (bool again = true; again;) { // until the run learns nothing that it should have known from its beginning
+      diagnostics.resize(said);
+      errors = errors_before;
+      effects.clear();
+      value.assign(symbols.size(), no_node);
+      text_value.assign(symbols.size(), no_text);
+      lag_depth = 0;
+      const bool had_special = graph.has_special_missing();
+      const std::int64_t before = graph.requests();
+      translator = std::make_unique<Translator>(*this);
+      translator->run();
+      requests_before = graph.requests() - before;
+      again = graph.has_special_missing() != had_special;
+    }
     const std::uint8_t classes = dependence.classes(deleted);
     if ((classes & (depends::on_parameters | depends::on_random_effects)) != 0)
       error(message::delete_condition, graph.position(deleted),

@@ -2,6 +2,8 @@
 
 #include "engine/translate.h"
 
+#include "host/missing.h"
+
 #include <cmath>
 
 namespace torvale::engine {
@@ -43,7 +45,7 @@ Value Translator::value_of(const Expr& e)
 {
   switch (e.kind) {
   case ExprKind::number:
-    return {std::isnan(e.number) ? graph_.missing() : graph_.constant(e.number), no_text};
+    return {graph_.constant(host::canonical_missing(e.number)), no_text};
   case ExprKind::text:
     return {no_node, text_.constant(e.name)};
   case ExprKind::variable:
@@ -57,7 +59,7 @@ Value Translator::value_of(const Expr& e)
   case ExprKind::unary: {
     if (e.op == Op::not_) return {graph_.not_(truth_of(*e.args[0])), no_text};
     const NodeId a = number_of(*e.args[0]);
-    return {e.op == Op::minus ? graph_.negate(a) : a, no_text};
+    return {e.op == Op::minus ? graph_.negate(a) : graph_.ordinary(a), no_text};
   }
   case ExprKind::binary:
     return binary(e);

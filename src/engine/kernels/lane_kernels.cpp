@@ -99,6 +99,8 @@ constexpr KernelTable build_table(const char* isa)
   set(Kernel::is_present, unary<lane::is_present>);
   set(Kernel::zero_if_missing, unary<lane::zero_if_missing>);
   set(Kernel::coalesce, binary<lane::coalesce>);
+  set(Kernel::missing_rank, unary<lane::missing_rank>);
+  set(Kernel::ordinary_missing, unary<lane::ordinary_missing>);
   set(Kernel::exp, unary<lane::exp>);
   set(Kernel::expm1, unary<lane::expm1>);
   set(Kernel::log, unary<lane::log>);
