@@ -112,6 +112,21 @@ std::string text_from_number(double value, std::string_view format)
   return std::string(buffer, done.ptr);
 }
 
+double KeptTexts::code(const std::string& text)
+{
+  const std::lock_guard<std::mutex> guard(lock_);
+  const auto [at, added] = codes_.try_emplace(text, texts_.size());
+  if (added) texts_.push_back(text);
+  return static_cast<double>(at->second);
+}
+
+std::string KeptTexts::text(double code) const
+{
+  const std::lock_guard<std::mutex> guard(lock_);
+  return code >= 0.0 && code < static_cast<double>(texts_.size()) ? texts_[static_cast<std::size_t>(code)]
+                                                                  : std::string();
+}
+
 TextId TextPool::intern(TextNode n)
 {
   Key key{n.op, n.a, n.b, n.c, n.number, n.number2, n.symbol, n.length, n.characters};
@@ -161,6 +176,15 @@ TextId TextPool::fit(TextId a, std::int32_t wanted)
   return make(std::move(n));
 }
 
+TextId TextPool::kept(NodeId code, std::int32_t length)
+{
+  TextNode n;
+  n.op = TextOp::kept;
+  n.number = code;
+  n.length = length;
+  return make(std::move(n));
+}
+
 TextId TextPool::make(TextNode n)
 {
   for (TextId TextNode::*side : {&TextNode::a, &TextNode::b, &TextNode::c}) {
@@ -203,6 +227,7 @@ void TextPool::gather(TextId id, std::vector<NodeId>& numbers, std::vector<std::
 
 NodeId TextPool::ask(TextQuestion q, TextId a, TextId b, bool truncated, std::string* error)
 {
+  if (q == TextQuestion::code && node(a).op == TextOp::kept) return node(a).number;
   const TestKey key{q, truncated, a, b};
   if (const auto it = answers_.find(key); it != answers_.end()) return it->second;
   NodeId answer_node = no_node;
@@ -352,6 +377,8 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
   }
   case TextOp::put:
     return text_from_number(in.number(n.number), n.characters);
+  case TextOp::kept:
+    return kept_.text(in.number(n.number));
   }
   return {};
 }
@@ -397,6 +424,8 @@ double TextPool::answer(std::int32_t test_index, const TextInputs& in) const
     return number_from_text(a);
   case TextQuestion::words:
     return static_cast<double>(words_of(a, b).size());
+  case TextQuestion::code:
+    return kept_.code(a);
   }
   return 0.0;
 }

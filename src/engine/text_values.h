@@ -9,9 +9,11 @@
 #include "engine/graph.h"
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <unordered_map>
 
 namespace torvale::engine {
 
@@ -39,6 +41,7 @@ enum class TextOp : std::uint8_t {
   word,      // word number `number` of a, separated by characters of b (blank when none)
   repeat,    // a, then `number` more copies
   put,       // `number` written in the format `characters`; empty: shortest
+  kept,      // the text whose code is `number`: handed on from a record or a pass before
 };
 
 struct TextNode {
@@ -66,6 +69,7 @@ enum class TextQuestion : std::uint8_t {
   rank,          // code of the first character
   to_number,     // the number that a spells; missing when it does not
   words,         // count of words separated by characters of b
+  code,          // the number by which a text is handed on to the next record or pass
 };
 
 struct TextTest {
@@ -86,6 +90,19 @@ protected:
   ~TextInputs() = default;
 };
 
+// KeptTexts: texts under numbers, for values that go from record to record or from pass to pass, where only numbers
+// can. One table for all frames of a model; the numbers depend on who comes first and mean nothing but the text.
+class KeptTexts {
+public:
+  double code(const std::string& text);
+  std::string text(double code) const;
+
+private:
+  mutable std::mutex lock_;
+  std::vector<std::string> texts_;
+  std::unordered_map<std::string, std::size_t> codes_; // never iterated
+};
+
 class TextPool {
 public:
   explicit TextPool(GraphBuilder& graph) : graph_(graph) {}
@@ -94,6 +111,7 @@ public:
   TextId column(std::int32_t symbol, std::int32_t width);
   TextId select(NodeId mask, TextId a, TextId b);
   TextId fit(TextId a, std::int32_t length);
+  TextId kept(NodeId code, std::int32_t length);
   // Any other operation; selects inside the operands move to the top.
   TextId make(TextNode n);
 
@@ -120,6 +138,7 @@ private:
   std::vector<TextTest> tests_;
   std::map<Key, TextId> known_;
   std::map<TestKey, NodeId> answers_;
+  mutable KeptTexts kept_;
 };
 
 // The number that a text spells, blanks around it allowed; the missing value for a lone dot and for anything else.

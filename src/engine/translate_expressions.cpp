@@ -98,6 +98,7 @@ Value Translator::variable(const Expr& e)
   Slot s = -1;
   if (!scopes_.empty()) {
     const auto it = scopes_.back().locals.find(e.name);
+    if (it == scopes_.back().locals.end() && scopes_.back().keeps_all) return env(local(e.name));
     if (it == scopes_.back().locals.end()) {
       gcmp_.warning(message::read_before_written, e.where,
                     "The variable " + std::string(e.name) + " of " + std::string(scopes_.back().definition->name) +
@@ -222,7 +223,7 @@ std::optional<Translator::Array> Translator::array_named(std::string_view name)
 {
   if (!scopes_.empty()) {
     const auto it = scopes_.back().arrays.find(name);
-    if (it != scopes_.back().arrays.end()) return Array{it->second, nullptr};
+    if (it != scopes_.back().arrays.end()) return it->second;
   }
   const auto it = gcmp_.arrays.find(name);
   if (it == gcmp_.arrays.end()) return std::nullopt;
@@ -317,13 +318,7 @@ void Translator::assign_to(const Expr& target, Value v, Position where)
 {
   if (target.kind == ExprKind::element) return assign_element(target, v);
   if (scopes_.empty()) return assign(symbol_slot(target.name, target.where), v, where);
-  auto& locals = scopes_.back().locals;
-  auto it = locals.find(target.name);
-  if (it == locals.end())
-    it =
-        locals.emplace(std::string(target.name), new_slot(std::string(target.name), {graph_.missing(), no_text}, false))
-            .first;
-  assign(it->second, v, where);
+  assign(local(target.name), v, where);
 }
 
 } // namespace torvale::engine
