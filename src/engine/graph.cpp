@@ -77,6 +77,7 @@ NodeId GraphBuilder::intern(const Node& n)
   const auto id = static_cast<NodeId>(nodes_.size());
   nodes_.push_back(n);
   nodes_.back().where = position_;
+  truth_.push_back(found_truth(n));
   passes_special_.push_back(passes_special(n));
   if (n.kind == NodeKind::constant && passes_special_.back()) special_missing_ = true;
   known_.emplace(n, id);
@@ -239,9 +240,8 @@ bool answers_truth(Kernel k)
   }
 }
 
-bool GraphBuilder::is_truth(NodeId id) const
+bool GraphBuilder::found_truth(const Node& n) const
 {
-  const Node& n = node(id);
   if (n.kind == NodeKind::constant) return n.value == 0.0 || n.value == 1.0;
   if (n.kind == NodeKind::result || n.kind == NodeKind::carry) {
     // A carried mask begins as a truth value and is only ever given truth values: loops of the program keep to that

@@ -80,7 +80,7 @@ public:
   bool is_constant(NodeId id) const { return node(id).kind == NodeKind::constant; }
   bool is_constant(NodeId id, double v) const { return is_constant(id) && node(id).value == v; }
   double value(NodeId id) const { return node(id).value; }
-  bool is_truth(NodeId id) const;                  // known to be 1 or 0
+  bool is_truth(NodeId id) const { return truth_[static_cast<std::size_t>(id)]; } // known to be 1 or 0
   bool never_missing(NodeId id) const;             // known not to be missing, whatever the data
   void declare_present(std::int32_t symbol_index); // an input that is never missing: a parameter or random effect
 
@@ -174,6 +174,7 @@ private:
   NodeId whole_power(NodeId a, int n);
   NodeId compare_kinds(Kernel comparison, NodeId a, NodeId b);
   NodeId compare_as_one(Kernel comparison, NodeId a, NodeId b);
+  bool found_truth(const Node& n) const;
   bool passes_special(const Node& n) const;
 
   std::vector<Node> nodes_;
@@ -182,6 +183,7 @@ private:
   std::unordered_map<Node, NodeId, Hash, Same> known_; // never iterated: its order has no influence
   std::vector<bool> present_symbols_;
   std::vector<bool> special_symbols_;
+  std::vector<bool> truth_;          // per node
   std::vector<bool> passes_special_; // per node: what it holds may come unchanged from an input, a constant or a carry
   bool special_missing_ = false;
   std::vector<syntax::Position> positions_;

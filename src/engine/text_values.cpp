@@ -127,9 +127,14 @@ std::string KeptTexts::text(double code) const
                                                                   : std::string();
 }
 
+TextPool::Key TextPool::key_of(const TextNode& n)
+{
+  return {n.op, n.a, n.b, n.c, n.number, n.number2, n.symbol, n.length, n.characters};
+}
+
 TextId TextPool::intern(TextNode n)
 {
-  Key key{n.op, n.a, n.b, n.c, n.number, n.number2, n.symbol, n.length, n.characters};
+  Key key = key_of(n);
   if (const auto it = known_.find(key); it != known_.end()) return it->second;
   const auto id = static_cast<TextId>(nodes_.size());
   nodes_.push_back(std::move(n));
@@ -169,6 +174,7 @@ TextId TextPool::select(NodeId mask, TextId a, TextId b)
 
 TextId TextPool::fit(TextId a, std::int32_t wanted)
 {
+  if (node(a).op == TextOp::fit && node(a).length == wanted) return a;
   TextNode n;
   n.op = TextOp::fit;
   n.a = a;
@@ -189,13 +195,15 @@ TextId TextPool::make(TextNode n)
 {
   for (TextId TextNode::*side : {&TextNode::a, &TextNode::b, &TextNode::c}) {
     if (n.*side == no_text || node(n.*side).op != TextOp::select) continue;
+    const Key key = key_of(n);
+    if (const auto it = chosen_.find(key); it != chosen_.end()) return it->second;
     const TextNode choice = node(n.*side);
     TextNode yes = n, no = n;
     yes.*side = choice.a;
     no.*side = choice.b;
     const TextId a = make(std::move(yes));
     const TextId b = make(std::move(no));
-    return select(choice.number, a, b);
+    return chosen_.emplace(key, select(choice.number, a, b)).first->second;
   }
   // What depends on constants alone is worked out now.
   std::vector<NodeId> numbers;

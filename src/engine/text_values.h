@@ -130,6 +130,7 @@ public:
 private:
   using Key = std::tuple<TextOp, TextId, TextId, TextId, NodeId, NodeId, std::int32_t, std::int32_t, std::string>;
   using TestKey = std::tuple<TextQuestion, bool, TextId, TextId>;
+  static Key key_of(const TextNode& n);
   TextId intern(TextNode n);
   void gather(TextId id, std::vector<NodeId>& numbers, std::vector<std::int32_t>& symbols) const;
 
@@ -137,6 +138,7 @@ private:
   std::vector<TextNode> nodes_;
   std::vector<TextTest> tests_;
   std::map<Key, TextId> known_;
+  std::map<Key, TextId> chosen_; // operations whose selects have moved to the top: what became of them
   std::map<TestKey, NodeId> answers_;
   mutable KeptTexts kept_;
 };

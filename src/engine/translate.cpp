@@ -140,14 +140,13 @@ void Translator::assign(Slot s, Value v, syntax::Position where)
     }
   }
   if (i.type == 'c') {
-    TextId t = as_text(v, where);
+    const TextId t = as_text(v, where);
     if (i.length == 0) i.length = std::max(text_.length(t), std::int32_t{1});
     if (text_.length(t) > i.length && text_.node(t).op != TextOp::put)
       gcmp_.note(message::text_cut, where,
                  "Texts assigned to " + i.name + " are cut to " + std::to_string(i.length) +
                      " characters, the length of the variable; a LENGTH statement before can make it longer.");
-    if (text_.length(t) != i.length) t = text_.fit(t, i.length);
-    v = {no_node, t};
+    v = {no_node, text_.fit(t, i.length)};
     if (!env(s).is_text()) env(s) = {no_node, text_.fit(text_.constant(""), i.length)};
   } else {
     v = {as_number(v, where), no_text};
