@@ -336,13 +336,12 @@ void report_nothing_left(NX& n)
   n.host->log().xpmlog(503, 71, {{"causes", causes}});
 }
 
-// What PUT statements write, once per observation in the order of the file, at the means of the random effects: a program runs
-// dozens of times per evaluation, and nobody wants its lines from there.
+// What PUT statements write, once per observation in the order of the file, at the means of the random effects: a
+// program runs dozens of times per evaluation, and nobody wants its lines from there.
 void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
 {
   if (!engine::has_put(*n.gcmp)) return;
   const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
-  bool file_said = false;
   std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
   for (const std::int32_t row : n.store->row_of_group) {
     if (nr > 0 && n.reff[0].distrtype == 0)
@@ -352,8 +351,9 @@ void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
     std::vector<engine::PutLine> lines;
     frame.run_put(row, 0, lines);
     for (const auto& line : lines) {
-      if (line.is_file && !std::exchange(file_said, true)) n.host->log().xpmlog(503, 9223, {{"file", line.target}});
-      if (!line.is_file && host::equal_names(line.target, "PRINT"))
+      if (line.is_file)
+        n.host->xpfput(line.target, line.text);
+      else if (host::equal_names(line.target, "PRINT"))
         n.host->xpsout(line.text);
       else
         n.host->log().xpslog(line.text);

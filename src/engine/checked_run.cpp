@@ -114,7 +114,7 @@ void CheckedRun::compute(NodeId id)
     v = kept_.count(n.index) > 0 ? kept_.at(n.index) : std::nan("");
     break;
   case NodeKind::result:
-    v = run_loop(graph_.carry_at(n.index).loop, n.index);
+    v = run_loop(graph_.carry_at(n.index).loop, {graph_.carry_at(n.index).entry}, {}).at(n.index);
     break;
   }
   known_[id] = v;
@@ -154,23 +154,20 @@ double CheckedRun::kernel_value(NodeId id, const Node& n)
   return v;
 }
 
-// Passes of a loop for one lane. Values that belong to a pass are forgotten after it.
-double CheckedRun::run_loop(std::int32_t loop, std::int32_t wanted_carry)
+// Passes of a loop for one lane; the carries behind the wanted nodes at its end. Values that belong to a pass are
+// forgotten after it.
+CheckedRun::Carries CheckedRun::run_loop(std::int32_t loop, const std::vector<NodeId>& wanted,
+                                         const std::function<void()>& in_pass)
 {
+  const NodeId condition = graph_.loop_at(loop).condition;
   std::set<std::int32_t> carries;
-  needed_carries(loop, graph_.carry_at(wanted_carry).entry, carries);
-  std::map<std::int32_t, double> now;
+  needed_carries(loop, condition, carries);
+  for (const NodeId id : wanted) needed_carries(loop, id, carries);
+  Carries now;
   for (const std::int32_t c : carries) now[c] = value(graph_.carry_at(c).initial);
   std::vector<NodeId> outside;
   outside.swap(pass_);
-  const NodeId condition = graph_.loop_at(loop).condition;
-  for (int passes = 0;; ++passes) {
-    for (const auto& [c, v] : now) known_[graph_.carry_at(c).entry] = v;
-    endless_ = endless_ || passes > most_passes;
-    if (!(value(condition) != 0.0) || endless_) break;
-    std::map<std::int32_t, double> next;
-    for (const std::int32_t c : carries) next[c] = value(graph_.carry_at(c).next);
-    now = std::move(next);
+  const auto forget_pass = [&] {
     std::vector<NodeId> still;
     for (const NodeId id : pass_) {
       if (loops_.loop_of(id) != 0 && loops_.within(loops_.loop_of(id), loop))
@@ -179,11 +176,27 @@ double CheckedRun::run_loop(std::int32_t loop, std::int32_t wanted_carry)
         still.push_back(id);
     }
     pass_.swap(still);
+  };
+  for (int passes = 0;; ++passes) {
+    for (const auto& [c, v] : now) known_[graph_.carry_at(c).entry] = v;
+    endless_ = endless_ || passes > most_passes;
+    if (!(value(condition) != 0.0) || endless_) break;
+    if (in_pass) in_pass();
+    Carries next;
+    for (const std::int32_t c : carries) next[c] = value(graph_.carry_at(c).next);
+    now = std::move(next);
+    forget_pass();
   }
+  forget_pass();
   outside.insert(outside.end(), pass_.begin(), pass_.end());
   pass_.swap(outside);
   for (const auto& [c, v] : now) known_.erase(graph_.carry_at(c).entry);
-  return now.at(wanted_carry);
+  return now;
+}
+
+void CheckedRun::each_pass(std::int32_t loop, const std::vector<NodeId>& wanted, const std::function<void()>& in_pass)
+{
+  (void)run_loop(loop, wanted, in_pass);
 }
 
 void CheckedRun::inputs_of_text(TextId id)

@@ -6,6 +6,7 @@
 #include "engine/bound_data.h"
 #include "engine/loop_nesting.h"
 
+#include <functional>
 #include <map>
 #include <set>
 #include <unordered_map>
@@ -27,6 +28,9 @@ public:
   double value(NodeId id);
   std::string text_value(TextId id);
   bool endless() const { return endless_; }
+  // Makes the passes of a loop; `in_pass` is called in each of them and may ask for the `wanted` nodes.
+  void each_pass(std::int32_t loop, const std::vector<NodeId>& wanted, const std::function<void()>& in_pass);
+  const LoopNesting& nesting() const { return loops_; }
 
   std::vector<Fault> faults;
   int made_missing = 0; // operations that gave a missing value because an operand was missing
@@ -37,7 +41,8 @@ private:
   void compute(NodeId id);
   double kernel_value(NodeId id, const Node& n);
   double symbol_value(const Node& n) const;
-  double run_loop(std::int32_t loop, std::int32_t wanted_carry);
+  using Carries = std::map<std::int32_t, double>;
+  Carries run_loop(std::int32_t loop, const std::vector<NodeId>& wanted, const std::function<void()>& in_pass);
   void needed_carries(std::int32_t loop, NodeId from, std::set<std::int32_t>& carries);
   void inputs_of_text(TextId id);
 

@@ -20,6 +20,7 @@ bool passes_no_derivative(Kernel k, int operand)
   case Kernel::round_to:
   case Kernel::sign:
   case Kernel::side:
+  case Kernel::missing_rank:
   case Kernel::binomial_quantile:
   case Kernel::poisson_quantile:
   case Kernel::negative_binomial_quantile:

@@ -78,7 +78,8 @@ struct CMPINIT {
 struct DataVariable {
   std::string name;
   bool character = false;
-  int width = 8; // characters of a text variable
+  int width = 8;                // characters of a text variable
+  bool special_missing = false; // some of its values are special missing values: ._, .A to .Z
 };
 
 // --- Building ----------------------------------------------------------------------------------------------------

@@ -1,5 +1,7 @@
 #include "engine/graph.h"
 
+#include "host/missing.h"
+
 #include <algorithm>
 #include <bit>
 #include <cassert>
@@ -22,6 +24,21 @@ std::uint64_t mix(std::uint64_t h, std::uint64_t v)
 bool may_fold(Kernel k)
 {
   return k != Kernel::uniform_random && k != Kernel::normal_random;
+}
+
+// Kernels that hand a missing value on as it is, or only ask whether or of which kind it is.
+bool reads_kinds(Kernel k)
+{
+  switch (k) {
+  case Kernel::select:
+  case Kernel::coalesce:
+  case Kernel::zero_if_missing:
+  case Kernel::missing_rank:
+  case Kernel::ordinary_missing:
+    return true;
+  default:
+    return answers_truth(k);
+  }
 }
 
 } // namespace
@@ -60,8 +77,46 @@ NodeId GraphBuilder::intern(const Node& n)
   const auto id = static_cast<NodeId>(nodes_.size());
   nodes_.push_back(n);
   nodes_.back().where = position_;
+  truth_.push_back(found_truth(n));
+  passes_special_.push_back(passes_special(n));
+  if (n.kind == NodeKind::constant && passes_special_.back()) special_missing_ = true;
   known_.emplace(n, id);
   return id;
+}
+
+void GraphBuilder::declare_special(std::int32_t symbol_index)
+{
+  const auto at = static_cast<std::size_t>(symbol_index);
+  if (special_symbols_.size() <= at) special_symbols_.resize(at + 1, false);
+  special_symbols_[at] = special_missing_ = true;
+}
+
+bool GraphBuilder::passes_special(const Node& n) const
+{
+  const auto operand = [&](int k) {
+    return passes_special_[static_cast<std::size_t>(n.operand[static_cast<std::size_t>(k)])];
+  };
+  switch (n.kind) {
+  case NodeKind::constant:
+    return host::wzmis(n.value) && host::missing_letter(n.value) != '.';
+  case NodeKind::symbol:
+  case NodeKind::carry:
+  case NodeKind::result:
+    return true;
+  case NodeKind::kernel:
+    if (n.kernel == Kernel::select) return operand(1) || operand(2);
+    return n.kernel == Kernel::coalesce && (operand(0) || operand(1));
+  default:
+    return false;
+  }
+}
+
+bool GraphBuilder::may_be_special(NodeId id) const
+{
+  if (!special_missing_ || !passes_special_[static_cast<std::size_t>(id)]) return false;
+  const Node& n = node(id);
+  const auto index = static_cast<std::size_t>(n.index);
+  return n.kind != NodeKind::symbol || (index < special_symbols_.size() && special_symbols_[index]);
 }
 
 NodeId GraphBuilder::constant(double v)
@@ -185,9 +240,8 @@ bool answers_truth(Kernel k)
   }
 }
 
-bool GraphBuilder::is_truth(NodeId id) const
+bool GraphBuilder::found_truth(const Node& n) const
 {
-  const Node& n = node(id);
   if (n.kind == NodeKind::constant) return n.value == 0.0 || n.value == 1.0;
   if (n.kind == NodeKind::result || n.kind == NodeKind::carry) {
     // A carried mask begins as a truth value and is only ever given truth values: loops of the program keep to that
@@ -231,6 +285,7 @@ bool GraphBuilder::never_missing(NodeId id) const
   case Kernel::normal_cdf:
     return never_missing(n.operand[0]);
   case Kernel::zero_if_missing:
+  case Kernel::missing_rank:
     return true;
   default:
     return false;
@@ -257,8 +312,9 @@ NodeId GraphBuilder::intern_kernel(Kernel k, std::span<const NodeId> operands)
   double values[6];
   bool all_constant = !operands.empty();
   bool any_missing = false;
-  for (const NodeId operand_id : operands) {
+  for (NodeId operand_id : operands) {
     assert(operand_id >= 0 && operand_id < size());
+    if (!reads_kinds(k)) operand_id = ordinary(operand_id);
     const auto at = static_cast<std::size_t>(n.operands++);
     n.operand[at] = operand_id;
     all_constant = all_constant && is_constant(operand_id);

@@ -6,7 +6,9 @@
 // (loops whose count is not known at compile time). Equal operations on equal operands are one node. A node's operands
 // have smaller ids than the node, so increasing ids are an order of evaluation (next values of carries excepted).
 //
-// Truth values are the numbers 1 and 0. A missing value is a NaN of any kind.
+// Truth values are the numbers 1 and 0. A missing value is a NaN of any kind. Where a program can meet special missing
+// values (._, .A to .Z) their kind matters: nodes that may hold one are compared by kind, and arithmetic sees the
+// ordinary missing value in its place.
 
 #include "engine/kernels/kernels.h"
 #include "syntax/source.h"
@@ -78,9 +80,15 @@ public:
   bool is_constant(NodeId id) const { return node(id).kind == NodeKind::constant; }
   bool is_constant(NodeId id, double v) const { return is_constant(id) && node(id).value == v; }
   double value(NodeId id) const { return node(id).value; }
-  bool is_truth(NodeId id) const;                  // known to be 1 or 0
+  bool is_truth(NodeId id) const { return truth_[static_cast<std::size_t>(id)]; } // known to be 1 or 0
   bool never_missing(NodeId id) const;             // known not to be missing, whatever the data
   void declare_present(std::int32_t symbol_index); // an input that is never missing: a parameter or random effect
+
+  // Special missing values come from constants and from the variables declared so. A graph that has met one compares by
+  // kind from then on: what was built before must be built again.
+  void declare_special(std::int32_t symbol_index);
+  bool has_special_missing() const { return special_missing_; }
+  bool may_be_special(NodeId id) const;
 
   NodeId constant(double v);
   NodeId zero() { return constant(0.0); }
@@ -127,6 +135,7 @@ public:
   NodeId not_(NodeId a);
   NodeId select(NodeId mask, NodeId a, NodeId b); // mask ? a : b, per lane; the side not taken has no influence
   NodeId is_missing(NodeId a);
+  NodeId ordinary(NodeId a); // a, the ordinary missing value in place of a special one
 
   // --- where nodes come from ---
   // Nodes made from now on belong to this statement (messages of faults).
@@ -163,12 +172,20 @@ private:
   NodeId intern_kernel(Kernel k, std::span<const NodeId> operands);
   NodeId simplified(Kernel k, std::span<const NodeId> operands); // no_node: nothing to simplify
   NodeId whole_power(NodeId a, int n);
+  NodeId compare_kinds(Kernel comparison, NodeId a, NodeId b);
+  NodeId compare_as_one(Kernel comparison, NodeId a, NodeId b);
+  bool found_truth(const Node& n) const;
+  bool passes_special(const Node& n) const;
 
   std::vector<Node> nodes_;
   std::vector<Carry> carries_;
   std::vector<Loop> loops_;
   std::unordered_map<Node, NodeId, Hash, Same> known_; // never iterated: its order has no influence
   std::vector<bool> present_symbols_;
+  std::vector<bool> special_symbols_;
+  std::vector<bool> truth_;          // per node
+  std::vector<bool> passes_special_; // per node: what it holds may come unchanged from an input, a constant or a carry
+  bool special_missing_ = false;
   std::vector<syntax::Position> positions_;
   std::unordered_map<NodeId, std::vector<std::int32_t>> also_; // nodes that further statements asked for
   std::int32_t position_ = 0;

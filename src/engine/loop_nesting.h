@@ -24,6 +24,13 @@ public:
     return inner == outer;
   }
 
+  // The loop directly inside `outer` that holds `inner`; `outer` itself when they are the same.
+  std::int32_t step_into(std::int32_t outer, std::int32_t inner) const
+  {
+    while (inner != outer && graph_.loop_at(inner).parent != outer) inner = graph_.loop_at(inner).parent;
+    return inner;
+  }
+
 private:
   std::int32_t found(NodeId id) const
   {

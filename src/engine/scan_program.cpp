@@ -2,6 +2,7 @@
 
 #include "engine/compiler.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace torvale::engine {
@@ -38,6 +39,7 @@ public:
         for (const std::int32_t element : it->second.elements) gcmp_.at(element).used = true;
     for (const Expr* const a : e->args)
       if (a != nullptr && !names_an_array(*e, *a)) expression(a);
+    if (e->kind == ExprKind::call) outputs(e->name, e->args);
   }
 
   void subprograms(Block statements)
@@ -68,7 +70,7 @@ private:
 
   void write(const Expr* target)
   {
-    if (target->kind == ExprKind::variable) {
+    if (target->kind == ExprKind::variable && gcmp_.arrays.count(target->name) == 0) {
       CMPSYM& s = gcmp_.named_symbol(target->name, target->where);
       s.assigned = true;
       gcmp_.written.insert(s.index);
@@ -156,14 +158,20 @@ private:
 
   void call(const CallStatement& c)
   {
-    const auto it = gcmp_.subprograms.find(c.name);
-    for (std::size_t k = 0; k < c.args.size(); ++k) {
-      expression(c.args[k]);
-      const bool output =
-          it != gcmp_.subprograms.end() && k < it->second->parameters.size() && it->second->parameters[k].output;
-      if (output && (c.args[k]->kind == ExprKind::variable || c.args[k]->kind == ExprKind::element ||
-                     c.args[k]->kind == ExprKind::whole_array))
-        write(c.args[k]);
+    for (const Expr* const a : c.args) expression(a);
+    outputs(c.name, c.args);
+  }
+
+  // What a subprogram gives back through its arguments.
+  void outputs(std::string_view name, std::span<Expr* const> args)
+  {
+    const auto it = gcmp_.subprograms.find(name);
+    if (it == gcmp_.subprograms.end()) return;
+    for (std::size_t k = 0; k < args.size() && k < it->second->parameters.size(); ++k) {
+      if (!it->second->parameters[k].output) continue;
+      if (args[k]->kind == ExprKind::variable || args[k]->kind == ExprKind::element ||
+          args[k]->kind == ExprKind::whole_array)
+        write(args[k]);
     }
   }
 
@@ -213,6 +221,13 @@ private:
     }
   }
 
+  // A first value that is a text gives the variable its type and, when none is declared, its length.
+  void first_text(CMPSYM& s, std::string_view text)
+  {
+    s.type = 'c';
+    gcmp_.text_length.try_emplace(s.index, std::max<std::int32_t>(1, static_cast<std::int32_t>(text.size())));
+  }
+
   void retain(const RetainDeclaration& r)
   {
     if (r.names.empty()) retain_all_ = true;
@@ -223,6 +238,7 @@ private:
         if (k < r.initial.size() && r.initial[k] != nullptr) {
           gcmp_.initial[s.index] = r.initial[k];
           s.assigned = true;
+          if (r.initial[k]->kind == ExprKind::text) first_text(s, r.initial[k]->name);
         }
       };
       if (array_it != gcmp_.arrays.end())

@@ -70,6 +70,12 @@ NodeId GraphBuilder::simplified(Kernel k, std::span<const NodeId> x)
     return is_missing(x[0]);
   case Kernel::is_present:
     return not_(is_missing(x[0]));
+  case Kernel::coalesce:
+    return select(is_missing(x[0]), x[1], x[0]);
+  case Kernel::missing_rank:
+    return never_missing(x[0]) ? zero() : no_node;
+  case Kernel::ordinary_missing:
+    return ordinary(x[0]);
   default:
     return no_node;
   }
@@ -77,6 +83,8 @@ NodeId GraphBuilder::simplified(Kernel k, std::span<const NodeId> x)
 
 NodeId GraphBuilder::add(NodeId a, NodeId b)
 {
+  a = ordinary(a);
+  b = ordinary(b);
   if (is_constant(a, 0.0)) return b;
   if (is_constant(b, 0.0)) return a;
   if (is_kernel(node(b), Kernel::negate)) return subtract(a, operand(b, 0));
@@ -88,6 +96,8 @@ NodeId GraphBuilder::add(NodeId a, NodeId b)
 
 NodeId GraphBuilder::subtract(NodeId a, NodeId b)
 {
+  a = ordinary(a);
+  b = ordinary(b);
   if (is_constant(b, 0.0)) return a;
   if (is_constant(a, 0.0)) return negate(b);
   if (a == b && derivative_mode_) return zero();
@@ -98,7 +108,8 @@ NodeId GraphBuilder::subtract(NodeId a, NodeId b)
 
 NodeId GraphBuilder::negate(NodeId a)
 {
-  if (is_constant(a)) return constant(-value(a));
+  a = ordinary(a);
+  if (is_constant(a)) return std::isnan(value(a)) ? missing() : constant(-value(a));
   if (is_kernel(node(a), Kernel::negate)) return operand(a, 0);
   if (is_kernel(node(a), Kernel::subtract)) return subtract(operand(a, 1), operand(a, 0));
   const NodeId x[] = {a};
@@ -107,6 +118,8 @@ NodeId GraphBuilder::negate(NodeId a)
 
 NodeId GraphBuilder::multiply(NodeId a, NodeId b)
 {
+  a = ordinary(a);
+  b = ordinary(b);
   if (is_constant(b)) std::swap(a, b);
   if (is_constant(a)) {
     const double v = value(a);
@@ -134,6 +147,8 @@ NodeId GraphBuilder::multiply(NodeId a, NodeId b)
 
 NodeId GraphBuilder::divide(NodeId a, NodeId b)
 {
+  a = ordinary(a);
+  b = ordinary(b);
   if (is_constant(b) && !std::isnan(value(b)) && value(b) != 0.0) {
     if (is_power_of_two(value(b)) && std::isfinite(1.0 / value(b))) return multiply(constant(1.0 / value(b)), a);
     const NodeId x[] = {a, b};
@@ -154,6 +169,7 @@ NodeId GraphBuilder::divide(NodeId a, NodeId b)
 
 NodeId GraphBuilder::reciprocal(NodeId a)
 {
+  a = ordinary(a);
   if (is_kernel(node(a), Kernel::negate)) return negate(reciprocal(operand(a, 0)));
   if (derivative_mode_ && is_kernel(node(a), Kernel::reciprocal)) return operand(a, 0);
   const NodeId x[] = {a};
@@ -162,6 +178,7 @@ NodeId GraphBuilder::reciprocal(NodeId a)
 
 NodeId GraphBuilder::square(NodeId a)
 {
+  a = ordinary(a);
   if (is_kernel(node(a), Kernel::negate)) return square(operand(a, 0));
   const NodeId x[] = {a};
   return intern_kernel(Kernel::square, x);
@@ -181,6 +198,8 @@ NodeId GraphBuilder::whole_power(NodeId a, int n)
 
 NodeId GraphBuilder::power(NodeId a, NodeId b)
 {
+  a = ordinary(a);
+  b = ordinary(b);
   if (is_constant(b)) {
     const double n = value(b);
     if (n == 0.0) return derivative_mode_ || never_missing(a) ? one() : select(is_missing(a), missing(), one());
@@ -197,12 +216,32 @@ NodeId GraphBuilder::power(NodeId a, NodeId b)
   return intern_kernel(Kernel::power, x);
 }
 
-// The order of values is total (all missing values are one value below the numbers), so each comparison is `less` or
-// `less_equal` of its operands in some order, and the negation of one is the other.
+// The order of values is total, so each comparison is `less` or `less_equal` of its operands in some order, and the
+// negation of one is the other. All missing values are one value below the numbers, unless one side may be a special
+// one and the other missing too.
 NodeId GraphBuilder::compare(Kernel k, NodeId a, NodeId b)
 {
   if (k == Kernel::greater) return compare(Kernel::less, b, a);
   if (k == Kernel::greater_equal) return compare(Kernel::less_equal, b, a);
+  if ((may_be_special(a) && !never_missing(b)) || (may_be_special(b) && !never_missing(a)))
+    return compare_kinds(k, a, b);
+  return compare_as_one(k, a, b);
+}
+
+// The kinds of missing values decide between missing values; a number counts as the highest kind.
+NodeId GraphBuilder::compare_kinds(Kernel k, NodeId a, NodeId b)
+{
+  if (k == Kernel::not_equal) return not_(compare_kinds(Kernel::equal, a, b));
+  if (k == Kernel::less_equal) return not_(compare_kinds(Kernel::less, b, a));
+  const NodeId kind_a = apply(Kernel::missing_rank, {a}), kind_b = apply(Kernel::missing_rank, {b});
+  const NodeId by_kind = compare_as_one(k, kind_a, kind_b);
+  if (is_constant(is_missing(a), 1.0) || is_constant(is_missing(b), 1.0)) return by_kind;
+  const NodeId by_number = compare_as_one(k, a, b);
+  return k == Kernel::less ? or_(by_kind, by_number) : and_(by_kind, by_number);
+}
+
+NodeId GraphBuilder::compare_as_one(Kernel k, NodeId a, NodeId b)
+{
   const bool a_missing = is_constant(a) && std::isnan(value(a));
   const bool b_missing = is_constant(b) && std::isnan(value(b));
   const bool symmetric = k == Kernel::equal || k == Kernel::not_equal;
@@ -317,6 +356,13 @@ NodeId GraphBuilder::is_missing(NodeId a)
   if (is_kernel(node(a), Kernel::negate) || is_kernel(node(a), Kernel::absolute)) return is_missing(operand(a, 0));
   const NodeId x[] = {a};
   return intern_kernel(Kernel::is_missing, x);
+}
+
+NodeId GraphBuilder::ordinary(NodeId a)
+{
+  if (!may_be_special(a)) return a;
+  const NodeId x[] = {a};
+  return intern_kernel(Kernel::ordinary_missing, x);
 }
 
 NodeId GraphBuilder::select(NodeId mask, NodeId a, NodeId b)

@@ -111,6 +111,7 @@ void bind(CMPGLOBAL& gcmp, CMPSYM& s, int dsvarno, const DataVariable& v)
   s.dsvarno = dsvarno;
   s.type = type;
   s.resolved = true;
+  if (v.special_missing) gcmp.graph.declare_special(s.index);
   gcmp.translated = false;
 }
 

@@ -1,5 +1,7 @@
 #include "engine/text_values.h"
 
+#include "host/missing.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -92,7 +94,7 @@ double number_from_text(std::string_view text)
 
 std::string text_from_number(double value, std::string_view format)
 {
-  if (std::isnan(value)) return ".";
+  if (std::isnan(value)) return std::string(1, host::missing_letter(host::canonical_missing(value)));
   // A format w.d asks for d decimals in a field of w; the letter F may stand before it.
   int width = 0, decimals = 0;
   const char* at = format.data();
@@ -110,9 +112,29 @@ std::string text_from_number(double value, std::string_view format)
   return std::string(buffer, done.ptr);
 }
 
+double KeptTexts::code(const std::string& text)
+{
+  const std::lock_guard<std::mutex> guard(lock_);
+  const auto [at, added] = codes_.try_emplace(text, texts_.size());
+  if (added) texts_.push_back(text);
+  return static_cast<double>(at->second);
+}
+
+std::string KeptTexts::text(double code) const
+{
+  const std::lock_guard<std::mutex> guard(lock_);
+  return code >= 0.0 && code < static_cast<double>(texts_.size()) ? texts_[static_cast<std::size_t>(code)]
+                                                                  : std::string();
+}
+
+TextPool::Key TextPool::key_of(const TextNode& n)
+{
+  return {n.op, n.a, n.b, n.c, n.number, n.number2, n.symbol, n.length, n.characters};
+}
+
 TextId TextPool::intern(TextNode n)
 {
-  Key key{n.op, n.a, n.b, n.c, n.number, n.number2, n.symbol, n.length, n.characters};
+  Key key = key_of(n);
   if (const auto it = known_.find(key); it != known_.end()) return it->second;
   const auto id = static_cast<TextId>(nodes_.size());
   nodes_.push_back(std::move(n));
@@ -152,6 +174,7 @@ TextId TextPool::select(NodeId mask, TextId a, TextId b)
 
 TextId TextPool::fit(TextId a, std::int32_t wanted)
 {
+  if (node(a).op == TextOp::fit && node(a).length == wanted) return a;
   TextNode n;
   n.op = TextOp::fit;
   n.a = a;
@@ -159,17 +182,28 @@ TextId TextPool::fit(TextId a, std::int32_t wanted)
   return make(std::move(n));
 }
 
+TextId TextPool::kept(NodeId code, std::int32_t length)
+{
+  TextNode n;
+  n.op = TextOp::kept;
+  n.number = code;
+  n.length = length;
+  return make(std::move(n));
+}
+
 TextId TextPool::make(TextNode n)
 {
   for (TextId TextNode::*side : {&TextNode::a, &TextNode::b, &TextNode::c}) {
     if (n.*side == no_text || node(n.*side).op != TextOp::select) continue;
+    const Key key = key_of(n);
+    if (const auto it = chosen_.find(key); it != chosen_.end()) return it->second;
     const TextNode choice = node(n.*side);
     TextNode yes = n, no = n;
     yes.*side = choice.a;
     no.*side = choice.b;
     const TextId a = make(std::move(yes));
     const TextId b = make(std::move(no));
-    return select(choice.number, a, b);
+    return chosen_.emplace(key, select(choice.number, a, b)).first->second;
   }
   // What depends on constants alone is worked out now.
   std::vector<NodeId> numbers;
@@ -201,6 +235,7 @@ void TextPool::gather(TextId id, std::vector<NodeId>& numbers, std::vector<std::
 
 NodeId TextPool::ask(TextQuestion q, TextId a, TextId b, bool truncated, std::string* error)
 {
+  if (q == TextQuestion::code && node(a).op == TextOp::kept) return node(a).number;
   const TestKey key{q, truncated, a, b};
   if (const auto it = answers_.find(key); it != answers_.end()) return it->second;
   NodeId answer_node = no_node;
@@ -350,6 +385,8 @@ std::string TextPool::evaluate(TextId id, const TextInputs& in) const
   }
   case TextOp::put:
     return text_from_number(in.number(n.number), n.characters);
+  case TextOp::kept:
+    return kept_.text(in.number(n.number));
   }
   return {};
 }
@@ -395,6 +432,8 @@ double TextPool::answer(std::int32_t test_index, const TextInputs& in) const
     return number_from_text(a);
   case TextQuestion::words:
     return static_cast<double>(words_of(a, b).size());
+  case TextQuestion::code:
+    return kept_.code(a);
   }
   return 0.0;
 }

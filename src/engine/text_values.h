@@ -9,9 +9,11 @@
 #include "engine/graph.h"
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <unordered_map>
 
 namespace torvale::engine {
 
@@ -39,6 +41,7 @@ enum class TextOp : std::uint8_t {
   word,      // word number `number` of a, separated by characters of b (blank when none)
   repeat,    // a, then `number` more copies
   put,       // `number` written in the format `characters`; empty: shortest
+  kept,      // the text whose code is `number`: handed on from a record or a pass before
 };
 
 struct TextNode {
@@ -66,6 +69,7 @@ enum class TextQuestion : std::uint8_t {
   rank,          // code of the first character
   to_number,     // the number that a spells; missing when it does not
   words,         // count of words separated by characters of b
+  code,          // the number by which a text is handed on to the next record or pass
 };
 
 struct TextTest {
@@ -86,6 +90,19 @@ protected:
   ~TextInputs() = default;
 };
 
+// KeptTexts: texts under numbers, for values that go from record to record or from pass to pass, where only numbers
+// can. One table for all frames of a model; the numbers depend on who comes first and mean nothing but the text.
+class KeptTexts {
+public:
+  double code(const std::string& text);
+  std::string text(double code) const;
+
+private:
+  mutable std::mutex lock_;
+  std::vector<std::string> texts_;
+  std::unordered_map<std::string, std::size_t> codes_; // never iterated
+};
+
 class TextPool {
 public:
   explicit TextPool(GraphBuilder& graph) : graph_(graph) {}
@@ -94,6 +111,7 @@ public:
   TextId column(std::int32_t symbol, std::int32_t width);
   TextId select(NodeId mask, TextId a, TextId b);
   TextId fit(TextId a, std::int32_t length);
+  TextId kept(NodeId code, std::int32_t length);
   // Any other operation; selects inside the operands move to the top.
   TextId make(TextNode n);
 
@@ -112,6 +130,7 @@ public:
 private:
   using Key = std::tuple<TextOp, TextId, TextId, TextId, NodeId, NodeId, std::int32_t, std::int32_t, std::string>;
   using TestKey = std::tuple<TextQuestion, bool, TextId, TextId>;
+  static Key key_of(const TextNode& n);
   TextId intern(TextNode n);
   void gather(TextId id, std::vector<NodeId>& numbers, std::vector<std::int32_t>& symbols) const;
 
@@ -119,12 +138,15 @@ private:
   std::vector<TextNode> nodes_;
   std::vector<TextTest> tests_;
   std::map<Key, TextId> known_;
+  std::map<Key, TextId> chosen_; // operations whose selects have moved to the top: what became of them
   std::map<TestKey, NodeId> answers_;
+  mutable KeptTexts kept_;
 };
 
 // The number that a text spells, blanks around it allowed; the missing value for a lone dot and for anything else.
 double number_from_text(std::string_view text);
-// A number in the shortest form that reads back to the same value; a missing value is a dot.
+// A number in the shortest form that reads back to the same value; a missing value is its
+// letter: a dot, _, A to Z.
 std::string text_from_number(double value, std::string_view format);
 
 } // namespace torvale::engine

@@ -2,6 +2,7 @@
 
 #include "engine/translate.h"
 #include "engine/program.h"
+#include "host/missing.h"
 
 #include <algorithm>
 #include <cmath>
@@ -43,8 +44,40 @@ Slot Translator::flag_slot(const void* owner, std::string name)
   return s;
 }
 
-// What a variable holds before the first statement. Variables that the program assigns begin as missing, so that a run
-// is a function of its inputs; retained ones come from the record before.
+// A slot whose value is what it was at the end of the record before, `first` at the first record of a subject.
+Slot Translator::kept_slot(std::string name, Value first)
+{
+  const NodeId entry = graph_.carry(0, first.is_text() ? code_of(first.text, {}) : first.number);
+  const Value before =
+      first.is_text() ? Value{no_node, text_.kept(entry, text_.length(first.text))} : Value{entry, no_text};
+  const Slot slot = new_slot(std::move(name), before, false);
+  kept_.emplace(graph_.node(entry).index, slot);
+  SlotInfo& i = info(slot);
+  i.kept = i.lasting = i.written = true;
+  if (first.is_text()) {
+    i.type = 'c';
+    i.length = text_.length(first.text);
+  }
+  return slot;
+}
+
+NodeId Translator::code_of(TextId text, syntax::Position where)
+{
+  std::string error;
+  const NodeId code = text_.ask(TextQuestion::code, text, no_text, false, &error);
+  if (code == no_node) return fail(message::unsupported, where, error);
+  codes_.emplace_back(code, where);
+  return code;
+}
+
+bool Translator::is_kept(const CMPSYM& s) const
+{
+  return s.assigned && s.retained && gcmp_.written.count(s.index) > 0 && s.parameter < 0 && s.random_effect < 0 &&
+         s.dsvarno == 0;
+}
+
+// What a variable holds before the first statement: at the first record, when it is kept from record to record.
+// Variables that the program assigns begin as missing, so that a run is a function of its inputs.
 Value Translator::initial_value(const CMPSYM& s)
 {
   const auto declared_length = gcmp_.text_length.find(s.index);
@@ -56,27 +89,14 @@ Value Translator::initial_value(const CMPSYM& s)
   }
   if (s.parameter >= 0 || s.random_effect >= 0 || s.dsvarno > 0) return {graph_.symbol(s.index), no_text};
   const auto given = gcmp_.initial.find(s.index);
-  const bool written = gcmp_.written.count(s.index) > 0;
   if (given != gcmp_.initial.end() && given->second->kind == syntax::ExprKind::text) {
     const TextId initial = text_.constant(given->second->name);
-    if (written)
-      gcmp_.error(message::retain, s.where,
-                  "The character variable " + s.name +
-                      " is retained and assigned; "
-                      "only numbers can be kept from record to record.");
     return {no_node, length > 0 ? text_.fit(initial, length) : initial};
   }
   if (s.type == 'c') return {no_node, text_.fit(text_.constant(""), std::max(length, std::int32_t{1}))};
   if (!s.assigned) return {graph_.symbol(s.index), no_text};
-  NodeId first = graph_.missing();
-  if (given != gcmp_.initial.end()) {
-    const double v = constant_of(*given->second);
-    first = std::isnan(v) ? graph_.missing() : graph_.constant(v);
-  } else if (gcmp_.sums.count(s.index) > 0) {
-    first = graph_.zero();
-  }
-  if (!s.retained || !written) return {first, no_text};
-  return {graph_.carry(0, first), no_text};
+  if (given != gcmp_.initial.end()) return constant_value(*given->second);
+  return {gcmp_.sums.count(s.index) > 0 ? graph_.zero() : graph_.missing(), no_text};
 }
 
 Slot Translator::symbol_slot(std::string_view name, syntax::Position where)
@@ -86,7 +106,7 @@ Slot Translator::symbol_slot(std::string_view name, syntax::Position where)
   if (slot_of_symbol_.size() <= at) slot_of_symbol_.resize(at + 1, -1);
   if (slot_of_symbol_[at] >= 0) return slot_of_symbol_[at];
   const Value initial = initial_value(s);
-  const Slot slot = new_slot(s.name, initial, false);
+  const Slot slot = is_kept(s) ? kept_slot(s.name, initial) : new_slot(s.name, initial, false);
   slot_of_symbol_[at] = slot;
   SlotInfo& i = info(slot);
   i.symbol = s.index;
@@ -94,8 +114,6 @@ Slot Translator::symbol_slot(std::string_view name, syntax::Position where)
   i.lasting = true;
   if (const auto it = gcmp_.text_length.find(s.index); it != gcmp_.text_length.end()) i.length = it->second;
   i.written = !s.assigned || s.retained || s.resolved;
-  if (!initial.is_text() && graph_.node(initial.number).kind == NodeKind::carry)
-    retained_.emplace(graph_.node(initial.number).index, slot);
   return slot;
 }
 
@@ -112,16 +130,23 @@ void Translator::assign(Slot s, Value v, syntax::Position where)
   if (i.type == ' ') {
     i.type = v.is_text() ? 'c' : 'n';
     if (i.symbol >= 0) gcmp_.at(i.symbol).type = i.type;
+    if (i.kept && v.is_text()) { // texts are handed on in another way than numbers
+      const std::int32_t length = i.length > 0 ? i.length : std::max(text_.length(v.text), std::int32_t{1});
+      if (i.symbol >= 0)
+        gcmp_.text_length[i.symbol] = length;
+      else
+        gcmp_.kept_text_length[{i.owner, i.name}] = length;
+      learned_ = true;
+    }
   }
   if (i.type == 'c') {
-    TextId t = as_text(v, where);
+    const TextId t = as_text(v, where);
     if (i.length == 0) i.length = std::max(text_.length(t), std::int32_t{1});
     if (text_.length(t) > i.length && text_.node(t).op != TextOp::put)
       gcmp_.note(message::text_cut, where,
                  "Texts assigned to " + i.name + " are cut to " + std::to_string(i.length) +
                      " characters, the length of the variable; a LENGTH statement before can make it longer.");
-    if (text_.length(t) != i.length) t = text_.fit(t, i.length);
-    v = {no_node, t};
+    v = {no_node, text_.fit(t, i.length)};
     if (!env(s).is_text()) env(s) = {no_node, text_.fit(text_.constant(""), i.length)};
   } else {
     v = {as_number(v, where), no_text};
@@ -193,10 +218,9 @@ void Translator::store_results()
 {
   gcmp_.value.resize(gcmp_.symbols.size(), no_node);
   gcmp_.text_value.resize(gcmp_.symbols.size(), no_text);
-  for (const auto& [carry_index, slot] : retained_) {
+  for (const auto& [carry_index, slot] : kept_) {
     const Value last = env(slot);
-    if (last.is_text()) continue;
-    graph_.carry_at(carry_index).next = last.number;
+    graph_.carry_at(carry_index).next = last.is_text() ? code_of(last.text, {}) : last.number;
   }
   for (const CMPSYM* const s : gcmp_.named) {
     const auto at = static_cast<std::size_t>(s->index);
@@ -217,6 +241,34 @@ void Translator::store_results()
   }
 }
 
+// A text that is handed on gets a number in a table, which every evaluation would make longer if texts were made from
+// numbers that change with the parameters. A choice between texts may depend on anything.
+void Translator::check_kept_texts()
+{
+  std::set<NodeId> seen;
+  for (const auto& [code, where] : codes_) {
+    std::vector<NodeId> open{code};
+    while (!open.empty()) {
+      const NodeId id = open.back();
+      open.pop_back();
+      if (!seen.insert(id).second) continue;
+      const Node& n = graph_.node(id);
+      if (n.kind == NodeKind::kernel && n.kernel == Kernel::select) {
+        open.push_back(n.operand[1]);
+        open.push_back(n.operand[2]);
+      }
+      for (int k = 0; n.kind == NodeKind::text && k < n.operands; ++k) {
+        const std::uint8_t classes = gcmp_.dependence.classes(n.operand[static_cast<std::size_t>(k)]);
+        if ((classes & (depends::on_parameters | depends::on_random_effects)) == 0) continue;
+        fail(message::retain, graph_.position(id),
+             "A text that is kept from record to record, or from pass to pass of a loop, is made from a number that "
+             "depends on parameters or random effects; keep the number instead.");
+        break;
+      }
+    }
+  }
+}
+
 bool deletes_records(const CMPGLOBAL& gcmp)
 {
   return gcmp.deleted != no_node && !gcmp.graph.is_constant(gcmp.deleted, 0.0);
@@ -230,16 +282,25 @@ void CMPGLOBAL::translate()
   static const syntax::Program no_statements;
   if (!translated && origin.empty()) {
     if (program == nullptr) program = &no_statements;
-    effects.clear();
-    value.assign(symbols.size(), no_node);
-    text_value.assign(symbols.size(), no_text);
-    lag_depth = 0;
+    const std::size_t said = diagnostics.size();
+    const int errors_before = errors;
     late_done = 0;
     dependence.clear();
-    const std::int64_t before = graph.requests();
-    translator = std::make_unique<Translator>(*this);
-    translator->run();
-    requests_before = graph.requests() - before;
+    for (bool again = true; again;) { // until the run learns nothing that it should have known from its beginning
+      diagnostics.resize(said);
+      errors = errors_before;
+      effects.clear();
+      value.assign(symbols.size(), no_node);
+      text_value.assign(symbols.size(), no_text);
+      lag_depth = 0;
+      const bool had_special = graph.has_special_missing();
+      const std::int64_t before = graph.requests();
+      translator = std::make_unique<Translator>(*this);
+      translator->run();
+      requests_before = graph.requests() - before;
+      again = graph.has_special_missing() != had_special || translator->learned();
+    }
+    translator->check_kept_texts();
     const std::uint8_t classes = dependence.classes(deleted);
     if ((classes & (depends::on_parameters | depends::on_random_effects)) != 0)
       error(message::delete_condition, graph.position(deleted),

@@ -9,6 +9,7 @@
 #include "engine/compiler.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 
 namespace torvale::engine {
@@ -23,11 +24,16 @@ struct Value {
 
 using Slot = std::int32_t;
 
+struct LanguageFunction; // of the library: functions/functions.h
+
 class Translator {
 public:
   explicit Translator(CMPGLOBAL& gcmp);
   void run();                       // the whole program; fills value, text_value and effects of the compiler
   void late(const syntax::Expr& e); // an expression after the program
+  // The run found something that it should have known from its beginning: it must be repeated.
+  bool learned() const { return learned_; }
+  void check_kept_texts(); // refuses texts that cannot be handed from record to record
 
 private:
   using Statement = syntax::Statement;
@@ -36,17 +42,24 @@ private:
   struct SlotInfo {
     std::string name;
     std::int32_t symbol = -1;
-    char type = ' ';         // 'n', 'c', ' ' not yet decided
-    std::int32_t length = 0; // of texts, 0 not yet decided
-    bool written = false;    // some statement before has given it a value
-    bool hidden = false;     // a mask or count of the translator's own
-    bool lasting = false;    // keeps its value from pass to pass of a loop though made inside
+    char type = ' ';             // 'n', 'c', ' ' not yet decided
+    std::int32_t length = 0;     // of texts, 0 not yet decided
+    bool written = false;        // some statement before has given it a value
+    bool hidden = false;         // a mask or count of the translator's own
+    bool lasting = false;        // keeps its value from pass to pass of a loop though made inside
+    bool kept = false;           // begins with the value of the record before
+    const void* owner = nullptr; // subprogram whose variable it is, when it is kept from call to call
+  };
+  struct Array {
+    std::vector<Slot> slots;
+    const syntax::ArrayDeclaration* declaration = nullptr; // null: an array argument, subscripts from 1
   };
   struct Scope { // of an inlined subprogram
     const syntax::SubprogramDefinition* definition = nullptr;
     std::map<std::string, Slot, NameLess> locals;
-    std::map<std::string, std::vector<Slot>, NameLess> arrays;
+    std::map<std::string, Array, NameLess> arrays;
     Slot result = -1;
+    bool keeps_all = false; // STATIC without names
   };
   struct LoopMasks {
     Slot leave = -1; // lanes that have left
@@ -56,16 +69,14 @@ private:
     std::map<std::string, Slot, NameLess> pending; // lanes that wait at a label of this block
     std::map<std::string, bool, NameLess> passed;  // the label lies behind and no loop returns to it
   };
-  struct Array {
-    std::vector<Slot> slots;
-    const syntax::ArrayDeclaration* declaration = nullptr; // null: an array argument, subscripts from 1
-  };
-
   // --- slots (translate.cpp) ---
   Slot new_slot(std::string name, Value initial, bool hidden);
   Slot symbol_slot(std::string_view name, syntax::Position where);
   Slot flag_slot(const void* owner, std::string name); // lasting mask of a statement or expression, initially 0
+  Slot kept_slot(std::string name, Value first);       // begins with its last value of the record before
+  bool is_kept(const CMPSYM& s) const;
   Value initial_value(const CMPSYM& s);
+  NodeId code_of(TextId text, syntax::Position where); // the number that stands for a text handed on
   Value& env(Slot s) { return values_[static_cast<std::size_t>(s)]; }
   SlotInfo& info(Slot s) { return infos_[static_cast<std::size_t>(s)]; }
   void set(Slot s, Value v); // as it stands
@@ -100,6 +111,9 @@ private:
   void counted(const syntax::DoStatement& d, const syntax::LoopRange& r);
   void conditional_loop(const syntax::DoStatement& d);
   void pass(const syntax::DoStatement& d, const Expr* while_, const Expr* until, Slot ended);
+  Value handed_on(Slot s, NodeId number);
+  syntax::Block outermost_block() const;
+  std::string no_way_to(std::string_view label) const;
   void carried_loop(syntax::Position where, Slot again, const std::function<void()>& body);
 
   // --- expressions (translate_expressions.cpp) ---
@@ -120,10 +134,22 @@ private:
   NodeId comparison(syntax::Op op, Value a, Value b, bool truncated, syntax::Position where);
   NodeId in_list(const Expr& e);
 
+  // --- declarations in subprograms (translate_locals.cpp) ---
+  void declare(const Statement* s);
+  Slot local(std::string_view name);
+  void local_array(const syntax::ArrayDeclaration& a);
+  void local_attributes(const syntax::AttributeDeclaration& a);
+  void keep_local(std::string_view name, Value first);
+  Value constant_value(const Expr& e);
+
   // --- calls (translate_calls.cpp, translate_texts.cpp) ---
   Value call(const Expr& e);
   void call_statement(const syntax::CallStatement& c);
   Value inlined(const syntax::SubprogramDefinition& d, std::span<Expr* const> arguments, syntax::Position where);
+  bool pass_arguments(const syntax::SubprogramDefinition& d, std::span<Expr* const> given, syntax::Position where,
+                      Scope& scope);
+  void take_back_outputs(const Scope& scope, std::span<Expr* const> given, syntax::Position where);
+  Value draw(const Expr& e, const LanguageFunction& f, std::span<const NodeId> arguments);
   std::optional<Value> lag(const Expr& e);
   std::optional<Value> array_bound(const Expr& e);
   std::optional<Value> text_function(const Expr& e);
@@ -140,7 +166,12 @@ private:
   std::vector<Slot> slot_of_symbol_;
   std::vector<std::pair<Slot, Value>> journal_; // (slot, value before) of every change, for branches
   std::map<const void*, Slot> flags_;
-  std::map<std::int32_t, Slot> retained_; // carries of the records: index -> slot whose last value is next
+  std::map<std::int32_t, Slot> kept_; // carries of the records: index -> slot whose last value is next
+  std::map<std::pair<const void*, std::string>, Slot> kept_locals_; // variables that subprograms keep
+  std::vector<std::pair<NodeId, syntax::Position>> codes_;          // of texts handed on
+  std::vector<Slot> lagged_;                                        // per LAG in loops: its argument in the last pass
+  std::size_t lags_ = 0;                                            // LAG in loops met so far
+  std::map<const Expr*, int> draws_;                                // numbers of the random functions
   std::vector<Scope> scopes_;
   std::vector<LoopMasks> loops_;
   std::vector<Labels> labels_;
@@ -151,7 +182,7 @@ private:
   Slot deleted_ = 0;
   int carried_depth_ = 0;         // loops with carried values around the current statement
   std::int32_t carried_loop_ = 0; // the innermost of them
-  int call_sites_ = 0;            // random functions met so far
+  bool learned_ = false;
 };
 
 } // namespace torvale::engine

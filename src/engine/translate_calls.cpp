@@ -3,6 +3,7 @@
 #include "engine/translate.h"
 
 #include "engine/functions/functions.h"
+#include "engine/loop_nesting.h"
 
 #include <cmath>
 
@@ -66,28 +67,7 @@ Value Translator::inlined(const SubprogramDefinition& d, std::span<Expr* const> 
             no_text};
   Scope scope;
   scope.definition = &d;
-  for (std::size_t k = 0; k < given.size(); ++k) {
-    const Parameter& p = d.parameters[k];
-    if (p.array) {
-      const std::optional<Array> a = array_named(given[k]->name);
-      if (!a)
-        return {fail(message::wrong_arguments, where,
-                     "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) + " must be an array."),
-                no_text};
-      scope.arrays.emplace(std::string(p.name), a->slots);
-      continue;
-    }
-    const Value v = p.output && given[k]->kind == ExprKind::variable && scopes_.empty()
-                        ? env(symbol_slot(given[k]->name, given[k]->where))
-                        : value_of(*given[k]);
-    const Slot s =
-        new_slot(std::string(p.name),
-                 p.character ? Value{no_node, as_text(v, where)} : Value{as_number(v, where), no_text}, false);
-    info(s).type = p.character ? 'c' : 'n';
-    if (p.character) info(s).length = text_.length(env(s).text);
-    info(s).written = true;
-    scope.locals.emplace(std::string(p.name), s);
-  }
+  if (!pass_arguments(d, given, where, scope)) return {graph_.missing(), no_text};
   scope.result =
       new_slot(std::string(d.name),
                d.character_result ? Value{no_node, text_.constant("")} : Value{graph_.missing(), no_text}, false);
@@ -108,6 +88,56 @@ Value Translator::inlined(const SubprogramDefinition& d, std::span<Expr* const> 
   set(active_, graph_.or_(active(), env(returned).number));
   const Scope done = std::move(scopes_.back());
   scopes_.pop_back();
+  take_back_outputs(done, given, where);
+  return env(result);
+}
+
+// Arguments become variables of the subprogram. An array that is no output is a copy, so that nothing written to it
+// comes back.
+bool Translator::pass_arguments(const SubprogramDefinition& d, std::span<Expr* const> given, Position where,
+                                Scope& scope)
+{
+  for (std::size_t k = 0; k < given.size(); ++k) {
+    const Parameter& p = d.parameters[k];
+    if (p.array) {
+      const std::optional<Array> a = array_named(given[k]->name);
+      if (!a) {
+        fail(message::wrong_arguments, where,
+             "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) + " must be an array.");
+        return false;
+      }
+      Array own;
+      for (const Slot s : a->slots) {
+        own.slots.push_back(p.output ? s : new_slot(info(s).name, env(s), false));
+        if (p.output) continue;
+        SlotInfo& i = info(own.slots.back());
+        i.type = info(s).type;
+        i.length = info(s).length;
+        i.written = true;
+      }
+      scope.arrays.emplace(std::string(p.name), std::move(own));
+      continue;
+    }
+    Value v; // an output need not have a value yet
+    if (!p.output || given[k]->kind != ExprKind::variable)
+      v = value_of(*given[k]);
+    else
+      v = env(scopes_.empty() ? symbol_slot(given[k]->name, given[k]->where) : local(given[k]->name));
+    if (p.character && p.output && !v.is_text()) v = {no_node, text_.constant("")};
+    const Slot s =
+        new_slot(std::string(p.name),
+                 p.character ? Value{no_node, as_text(v, where)} : Value{as_number(v, where), no_text}, false);
+    info(s).type = p.character ? 'c' : 'n';
+    if (p.character) info(s).length = text_.length(env(s).text);
+    info(s).written = true;
+    scope.locals.emplace(std::string(p.name), s);
+  }
+  return true;
+}
+
+void Translator::take_back_outputs(const Scope& scope, std::span<Expr* const> given, Position where)
+{
+  const SubprogramDefinition& d = *scope.definition;
   for (std::size_t k = 0; k < given.size(); ++k) {
     const Parameter& p = d.parameters[k];
     if (!p.output || p.array) continue;
@@ -116,9 +146,8 @@ Value Translator::inlined(const SubprogramDefinition& d, std::span<Expr* const> 
            "Argument " + std::to_string(k + 1) + " of " + std::string(d.name) +
                " is an output; it must be a variable.");
     else
-      assign_to(*given[k], env(done.locals.find(p.name)->second), where);
+      assign_to(*given[k], env(scope.locals.find(p.name)->second), where);
   }
-  return env(result);
 }
 
 // LAGn(x), DIFn(x): x at the n-th record before, whether or not the statement was executed there. A chain of values
@@ -139,20 +168,45 @@ std::optional<Value> Translator::lag(const Expr& e)
     return Value{fail(message::wrong_arguments, e.where,
                       std::string(e.name) + " takes one argument and an order from 1 to 100."),
                  no_text};
-  if (carried_depth_ > 0)
-    return Value{
-        fail(message::unsupported, e.where,
-             std::string(e.name) + " cannot stand in a loop whose count is not known when the program is compiled."),
-        no_text};
-  const NodeId now = number_of(*e.args[0]);
+  const Value given = value_of(*e.args[0]);
+  const bool text = given.is_text() && name[0] == 'L';
+  const NodeId now = text ? code_of(given.text, e.where) : as_number(given, e.where);
+  const NodeId first = text ? code_of(text_.constant(""), e.where) : graph_.missing();
   gcmp_.lag_depth = std::max(gcmp_.lag_depth, n);
+  const auto carry = [&] { return graph_.carry(0, first); };
   NodeId before = now;
-  for (int k = 0; k < n; ++k) {
-    const NodeId entry = graph_.carry(0, graph_.missing());
+  int k = 0;
+  if (carried_depth_ > 0 && LoopNesting(graph_).loop_of(now) != 0) {
+    // In every pass another value: the last one of the record before counts.
+    if (lags_ == lagged_.size()) {
+      lagged_.push_back(new_slot("lagged", {first, no_text}, true));
+      info(lagged_.back()).lasting = true;
+    }
+    const Slot last = lagged_[lags_++];
+    set(last, graph_.select(active(), now, env(last).number));
+    before = carry();
+    kept_.emplace(graph_.node(before).index, last);
+    k = 1;
+  }
+  for (; k < n; ++k) {
+    const NodeId entry = carry();
     graph_.carry_at(graph_.node(entry).index).next = before;
     before = entry;
   }
+  if (text) return Value{no_node, text_.kept(before, text_.length(given.text))};
   return Value{name[0] == 'L' ? before : graph_.subtract(now, before), no_text};
+}
+
+// Drawn from counters, so that every evaluation and every packing of lanes sees the same numbers: the place in the
+// program and how often it was executed before in this run.
+Value Translator::draw(const Expr& e, const LanguageFunction& f, std::span<const NodeId> arguments)
+{
+  const NodeId seed = graph_.constant(static_cast<double>(gcmp_.options.seed & ((std::uint64_t{1} << 53) - 1)));
+  const int place = draws_.try_emplace(&e, static_cast<int>(draws_.size())).first->second;
+  const Slot count = flag_slot(&e, "draws");
+  const NodeId before = env(count).number;
+  set(count, graph_.select(active(), graph_.shift(before, 1.0), before));
+  return {expand_random(graph_, f, seed, graph_.row(), graph_.constant(place), before, arguments), no_text};
 }
 
 std::optional<Value> Translator::array_bound(const Expr& e)
@@ -218,15 +272,7 @@ Value Translator::library(const Expr& e)
       }
     }
     if (f->cls == FunctionClass::random) {
-      if (carried_depth_ > 0)
-        return {fail(message::unsupported, e.where,
-                     std::string(f->name) +
-                         " cannot stand in a loop whose count is not known when the program is compiled."),
-                no_text};
-      // Drawn from counters, so that every evaluation and every packing of lanes sees the same numbers.
-      const NodeId seed = graph_.constant(static_cast<double>(gcmp_.options.seed & ((std::uint64_t{1} << 53) - 1)));
-      const NodeId site = graph_.constant(static_cast<double>(call_sites_++));
-      n = expand_random(graph_, *f, seed, graph_.row(), site, graph_.zero(), numbers);
+      n = draw(e, *f, numbers).number;
     } else {
       n = expand_function(graph_, *f, numbers, &error);
     }

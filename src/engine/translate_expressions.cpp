@@ -2,6 +2,8 @@
 
 #include "engine/translate.h"
 
+#include "host/missing.h"
+
 #include <cmath>
 
 namespace torvale::engine {
@@ -43,7 +45,7 @@ Value Translator::value_of(const Expr& e)
 {
   switch (e.kind) {
   case ExprKind::number:
-    return {std::isnan(e.number) ? graph_.missing() : graph_.constant(e.number), no_text};
+    return {graph_.constant(host::canonical_missing(e.number)), no_text};
   case ExprKind::text:
     return {no_node, text_.constant(e.name)};
   case ExprKind::variable:
@@ -57,7 +59,7 @@ Value Translator::value_of(const Expr& e)
   case ExprKind::unary: {
     if (e.op == Op::not_) return {graph_.not_(truth_of(*e.args[0])), no_text};
     const NodeId a = number_of(*e.args[0]);
-    return {e.op == Op::minus ? graph_.negate(a) : a, no_text};
+    return {e.op == Op::minus ? graph_.negate(a) : graph_.ordinary(a), no_text};
   }
   case ExprKind::binary:
     return binary(e);
@@ -96,6 +98,7 @@ Value Translator::variable(const Expr& e)
   Slot s = -1;
   if (!scopes_.empty()) {
     const auto it = scopes_.back().locals.find(e.name);
+    if (it == scopes_.back().locals.end() && scopes_.back().keeps_all) return env(local(e.name));
     if (it == scopes_.back().locals.end()) {
       gcmp_.warning(message::read_before_written, e.where,
                     "The variable " + std::string(e.name) + " of " + std::string(scopes_.back().definition->name) +
@@ -220,7 +223,7 @@ std::optional<Translator::Array> Translator::array_named(std::string_view name)
 {
   if (!scopes_.empty()) {
     const auto it = scopes_.back().arrays.find(name);
-    if (it != scopes_.back().arrays.end()) return Array{it->second, nullptr};
+    if (it != scopes_.back().arrays.end()) return it->second;
   }
   const auto it = gcmp_.arrays.find(name);
   if (it == gcmp_.arrays.end()) return std::nullopt;
@@ -315,13 +318,7 @@ void Translator::assign_to(const Expr& target, Value v, Position where)
 {
   if (target.kind == ExprKind::element) return assign_element(target, v);
   if (scopes_.empty()) return assign(symbol_slot(target.name, target.where), v, where);
-  auto& locals = scopes_.back().locals;
-  auto it = locals.find(target.name);
-  if (it == locals.end())
-    it =
-        locals.emplace(std::string(target.name), new_slot(std::string(target.name), {graph_.missing(), no_text}, false))
-            .first;
-  assign(it->second, v, where);
+  assign(local(target.name), v, where);
 }
 
 } // namespace torvale::engine

@@ -3,6 +3,7 @@
 
 #include "engine/translate.h"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 
@@ -15,6 +16,40 @@ namespace {
 // Loops of at most this many passes are unrolled; longer ones carry their values from pass to pass.
 constexpr double most_unrolled_passes = 400.0;
 
+// The statement with a label, at any depth; null when there is none.
+const Statement* labelled(Block block, std::string_view label);
+
+const Statement* labelled(const Statement* s, std::string_view label)
+{
+  if (s == nullptr) return nullptr;
+  if (same_name(s->label, label)) return s;
+  const Statement* found = nullptr;
+  switch (s->kind) {
+  case StatementKind::if_: {
+    const auto& x = *static_cast<const IfStatement*>(s);
+    found = labelled(x.then_branch, label);
+    return found != nullptr ? found : labelled(x.else_branch, label);
+  }
+  case StatementKind::do_:
+    return labelled(static_cast<const DoStatement*>(s)->body, label);
+  case StatementKind::select: {
+    const auto& x = *static_cast<const SelectStatement*>(s);
+    for (const WhenClause& w : x.whens)
+      if (found = labelled(w.body, label); found != nullptr) return found;
+    return labelled(x.otherwise, label);
+  }
+  default:
+    return nullptr;
+  }
+}
+
+const Statement* labelled(Block block, std::string_view label)
+{
+  for (const Statement* const s : block)
+    if (const Statement* const found = labelled(s, label)) return found;
+  return nullptr;
+}
+
 } // namespace
 
 void Translator::go_to(const JumpStatement& j)
@@ -26,10 +61,24 @@ void Translator::go_to(const JumpStatement& j)
     set(found->second, graph_.or_(env(found->second).number, active()));
     return set(active_, graph_.zero());
   }
-  fail(message::jump, j.where,
-       "No statement with the label " + std::string(j.target) +
-           " can be reached from here: a jump may go to a "
-           "label of the same group of statements or of a group around it.");
+  fail(message::jump, j.where, "GOTO " + std::string(j.target) + no_way_to(j.target));
+}
+
+// Statements among which labels are looked for: of the program, or of the subprogram at hand.
+Block Translator::outermost_block() const
+{
+  if (!scopes_.empty()) return scopes_.back().definition->body;
+  return {gcmp_.program->statements.data(), gcmp_.program->statements.size()};
+}
+
+// Why a jump to the label is refused.
+std::string Translator::no_way_to(std::string_view label) const
+{
+  const Statement* const s = labelled(outermost_block(), label);
+  if (s == nullptr) return ": no statement has this label.";
+  return ": the label stands in line " + std::to_string(s->where.line) +
+         ", inside a group of statements (DO, SELECT or IF) that this statement is not part of. A jump may go to a "
+         "label of its own group or of a group around it, not into another one.";
 }
 
 // LINK runs the statements from the label on until RETURN (or the end), then comes back.
@@ -41,18 +90,21 @@ void Translator::link(const JumpStatement& j)
            "LINK to " + std::string(j.target) + " comes back to itself; a LINK may not be recursive.");
       return;
     }
-  const Block all(gcmp_.program->statements.data(), gcmp_.program->statements.size());
+  const Block all = outermost_block();
   for (std::size_t k = 0; k < all.size(); ++k) {
     if (!same_name(all[k]->label, j.target)) continue;
     const Slot returned = new_slot("returned", {graph_.zero(), no_text}, true);
     returns_.push_back(returned);
     links_.push_back(&j);
+    std::vector<LoopMasks> loops_outside;
+    loops_outside.swap(loops_); // LEAVE does not reach into the loop that the LINK stands in
     run_block(all.subspan(k));
+    loops_.swap(loops_outside);
     links_.pop_back();
     returns_.pop_back();
     return set(active_, graph_.or_(active(), env(returned).number));
   }
-  fail(message::jump, j.where, "LINK " + std::string(j.target) + ": no statement outside all groups has this label.");
+  fail(message::jump, j.where, "LINK " + std::string(j.target) + no_way_to(j.target));
 }
 
 void Translator::return_from(const ReturnStatement& r)
@@ -200,6 +252,13 @@ void Translator::goto_loop(Block block, std::size_t first, std::size_t last)
   set(active_, env(behind).number);
 }
 
+// What a slot holds when it is handed on as `number`: itself, or the text of that code.
+Value Translator::handed_on(Slot s, NodeId number)
+{
+  if (!env(s).is_text()) return {number, no_text};
+  return {no_node, text_.kept(number, std::max(info(s).length, text_.length(env(s).text)))};
+}
+
 // A loop with a count that only a run knows. `body` translates one pass: it starts with `active` equal to the mask
 // `again` and ends with `active` set for the lanes that make another pass. The slots that a pass changes are found by
 // translating it until no new one appears; then each of them is a carried value.
@@ -210,21 +269,19 @@ void Translator::carried_loop(Position where, Slot again, const std::function<vo
   std::set<Slot> carried{again, active_};
   ++carried_depth_;
   const std::int32_t around = carried_loop_;
+  const std::size_t lags_before = lags_;
+  // Lanes that the branches around do not reach make no pass: theirs might never end.
+  set(again, graph_.and_(path_, env(again).number));
   for (;;) {
     const std::size_t mark = journal_.size();
     const std::int32_t loop = graph_.new_loop(around, where);
     carried_loop_ = loop;
+    lags_ = lags_before;
     std::map<Slot, NodeId> entry;
     for (const Slot s : carried) {
-      if (env(s).is_text()) {
-        fail(message::unsupported, where,
-             "The character variable " + info(s).name +
-                 " changes in a loop whose count is not known "
-                 "when the program is compiled; only numbers can.");
-        continue;
-      }
-      entry[s] = graph_.carry(loop, env(s).number);
-      set(s, entry[s]);
+      const TextId text = env(s).text;
+      entry[s] = graph_.carry(loop, text != no_text ? code_of(text, where) : env(s).number);
+      set(s, handed_on(s, entry[s]));
     }
     set(active_, graph_.truth(entry.at(again)));
     body();
@@ -236,9 +293,10 @@ void Translator::carried_loop(Position where, Slot again, const std::function<vo
     }
     const bool closed = std::includes(carried.begin(), carried.end(), changed.begin(), changed.end());
     if (closed) {
-      for (const auto& [s, node] : entry) graph_.carry_at(graph_.node(node).index).next = env(s).number;
+      for (const auto& [s, node] : entry)
+        graph_.carry_at(graph_.node(node).index).next = env(s).is_text() ? code_of(env(s).text, where) : env(s).number;
       graph_.loop_at(loop).condition = entry.at(again);
-      for (const auto& [s, node] : entry) set(s, graph_.result(graph_.node(node).index));
+      for (const auto& [s, node] : entry) set(s, handed_on(s, graph_.result(graph_.node(node).index)));
       break;
     }
     while (journal_.size() > mark) { // take everything back and try again with the new slots carried too

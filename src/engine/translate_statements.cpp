@@ -118,6 +118,7 @@ void Translator::run_statement(const Statement* s)
   case StatementKind::array:
   case StatementKind::attributes:
   case StatementKind::retain:
+    return declare(s);
   case StatementKind::keep_drop:
   case StatementKind::subprogram:
   case StatementKind::empty:
@@ -132,6 +133,8 @@ void Translator::assignment(const Assignment& a)
   case Assignment::Form::plain:
     return store(value_of(*a.value));
   case Assignment::Form::sum: {
+    if (!scopes_.empty() && a.target->kind == ExprKind::variable && scopes_.back().locals.count(a.target->name) == 0)
+      keep_local(a.target->name, {graph_.zero(), no_text});
     const NodeId before = graph_.apply(Kernel::zero_if_missing, {number_of(*a.target)});
     const NodeId term = graph_.apply(Kernel::zero_if_missing, {number_of(*a.value)});
     return store({graph_.add(before, term), no_text});
@@ -190,13 +193,9 @@ void Translator::stop(Effect::Kind kind, const Statement* s)
 
 void Translator::put(const PutStatement& s)
 {
-  if (carried_depth_ > 0) {
-    fail(message::unsupported, s.where,
-         "PUT cannot stand in a loop whose count is not known when the program is compiled.");
-    return;
-  }
   Effect effect;
   effect.kind = Effect::Kind::put;
+  effect.loop = carried_loop_;
   effect.owner = &s;
   effect.where = s.where;
   effect.guard = graph_.and_(path_, active());
@@ -221,6 +220,7 @@ void Translator::file(const FileStatement& s)
 {
   Effect effect;
   effect.kind = Effect::Kind::file;
+  effect.loop = carried_loop_;
   effect.owner = &s;
   effect.where = s.where;
   effect.guard = graph_.and_(path_, active());

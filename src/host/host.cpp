@@ -1,10 +1,13 @@
 #include "host/host.h"
+#include "host/run_output.h"
 #include "host/table_writers.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <map>
 #include <thread>
+#include <utility>
 
 namespace torvale::host {
 
@@ -36,6 +39,12 @@ public:
   void end_step(int return_code) override;
 
   void xpsout(std::string_view line) override { list(std::string(line) + "\n"); }
+  void xpfput(std::string_view file, std::string_view line) override
+  {
+    TextFile& f = text_files_[std::string(file)];
+    f.text.append(line).append("\n");
+    f.changed = true;
+  }
   void progress(std::string_view text) override
   {
     if (options_.progress) options_.progress(text);
@@ -60,6 +69,7 @@ private:
   void close(Table& table) override;
   GroupResult& group_for_tables();
   void close_tables();
+  bool write_text_files();
 
   void list(std::string_view text)
   {
@@ -73,6 +83,11 @@ private:
     options_.log(text);
   }
 
+  struct TextFile {
+    std::string text;     // everything since the run began
+    bool changed = false; // since it was last written
+  };
+
   HostOptions options_;
   MessageLog log_;
   Libraries libraries_;
@@ -80,6 +95,7 @@ private:
   GroupResult* group_ = nullptr;                       // where tables go; of the step at hand
   bool by_line_due_ = false;                           // the group's values stand in the listing before its first table
   std::vector<Table*> open_;                           // in the order opened
+  std::map<std::string, TextFile> text_files_;         // by path as the program names it
   std::map<std::string, std::string> macro_variables_; // upper-case name -> text
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
@@ -113,7 +129,8 @@ void EmbeddedHost::end_step(int return_code)
 {
   close_tables();
   if (results_.steps.empty()) begin_step();
-  const bool written = libraries_.close_all(log_) == 0;
+  const bool data_sets_written = libraries_.close_all(log_) == 0;
+  const bool written = write_text_files() && data_sets_written;
   log_.set_by_group(-1);
   log_.close_repeats();
   StepResult& step = results_.steps.back();
@@ -122,6 +139,20 @@ void EmbeddedHost::end_step(int return_code)
   step.return_code = written ? return_code : std::max(return_code, 1016);
   step.messages = log_.take_messages();
   step.data_sets = libraries_.take_written();
+}
+
+bool EmbeddedHost::write_text_files()
+{
+  bool all = true;
+  for (auto& [name, file] : text_files_) {
+    if (!std::exchange(file.changed, false)) continue;
+    const std::filesystem::path path = std::filesystem::path(options_.places.output_folder) / name;
+    std::string problem;
+    if (write_file(path.string(), file.text, problem)) continue;
+    log_.xpmlog(503, 9223, {{"file", path.string()}, {"problem", problem}});
+    all = false;
+  }
+  return all;
 }
 
 Table& EmbeddedHost::open(Table table)

@@ -40,6 +40,10 @@ public:
   // xpsout: a raw line for the listing; not part of the results.
   virtual void xpsout(std::string_view line) = 0;
 
+  // xpfput: a line for a text file that the program itself writes (a path; a relative one begins at the output folder).
+  // A file is made once in a run and is complete when a step ends.
+  virtual void xpfput(std::string_view file, std::string_view line) = 0;
+
   // What the run is doing now; drawn on a terminal only, and gone afterwards.
   virtual void progress(std::string_view text) = 0;
 

@@ -2,6 +2,7 @@
 // value.
 
 #include "data/starting_values.h"
+#include "host/missing.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
 
@@ -101,6 +102,14 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool sta
   n.host->log().xpmlog(503, number, arguments);
 }
 
+// Some value is ._ or .A to .Z: programs that read the column then compare missing values by kind.
+bool has_special_missing(const host::Column& column)
+{
+  const auto numbers = column.numbers();
+  return std::any_of(numbers.begin(), numbers.end(),
+                     [](double x) { return std::isnan(x) && host::missing_letter(x) != '.'; });
+}
+
 void grid_size(NX& n)
 {
   double product = 1.0;
@@ -137,8 +146,8 @@ void parameter_setup(NX& n)
 
   std::vector<engine::DataVariable> variables;
   for (const auto& column : n.fid->columns())
-    variables.push_back(
-        {column.name(), !column.numeric(), static_cast<int>(column.numeric() ? 8 : column.text_width())});
+    variables.push_back({column.name(), !column.numeric(), static_cast<int>(column.numeric() ? 8 : column.text_width()),
+                         has_special_missing(column)});
   const auto is_named = [&](std::string_view name) {
     return std::any_of(named.begin(), named.end(),
                        [&](const NamedValues& v) { return host::equal_names(v.name, name); });

@@ -45,6 +45,9 @@ public:
         outcome.exit_code = exit_interrupted;
       }
       host_.end_step(outcome.return_code);
+      // What could not be written when the step closed its files.
+      if (host_.results().steps.back().return_code != outcome.return_code)
+        outcome.exit_code = worse_exit(outcome.exit_code, exit_internal);
       result.exit_code = worse_exit(result.exit_code, outcome.exit_code);
       if (!parsed.found || host_.interrupted()) break;
     }

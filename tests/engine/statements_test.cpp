@@ -4,6 +4,7 @@
 #include "engine/program_text.h"
 
 #include <cmath>
+#include <set>
 
 namespace torvale::test {
 
@@ -83,6 +84,73 @@ const StatementCase cases[] = {
     {"NumbersAsTexts",
      "t = put(x, 5.2); z = (strip(t) = '2.00') + 10*(scan('a b c', 2) = 'b') + 100*count('xaxa', 'xa');",
      {210, 211, 210, 210}},
+    {"KindsOfMissingValuesAreOrdered",
+     "w = if x = 1 then .B else if x = 2 then . else if x = 3 then ._ else x; z = (w = .B) + 10*(w < .) + "
+     "100*(w in (._, .)) + 1000*(.A < w) + 10000*missing(w) + 100000*(. <= w) + 1000000*(w ^= .);",
+     {1111001, 110100, 1010110, 1101000}},
+    {"KindsDecideBetweenMissingValues",
+     "select (if x > 2 then .Z else .C); when (.) z = 1; when (.C) z = 2; otherwise z = 3; end; z = z + 10*((.A <> .C) "
+     "= "
+     ".C) + 100*((._ >< .) = ._) + 1000*(max(., .D, ._) = .D) + 10000*(min(.D, .A) = .A) + 100000*(coalesce(.A, .Q) = "
+     ".Q);",
+     {111112, 111112, 111113, 111113}},
+    {"ArithmeticForgetsTheKind",
+     "w = if x > 2 then .A else x; z = (w + 0 = .) + 10*(1*w = .) + 100*(-w = .) + 1000*(abs(w) = .) + 10000*(w**1 = .)"
+     " + 100000*(w = .A) + 1000000*(sum(w, .B) = .);",
+     {0, 0, 1111111, 1111111}},
+    {"RetainedKindsAndLags",
+     "retain k .A; z = (k = .A) + 10*(k = .) + 100*(lag(k) = .A); k = if x = 1 then .A else .;",
+     {1, 101, 110, 10}},
+    {"KindsAsText",
+     "t = put(if x = 2 then .A else if x = 3 then ._ else ., 8.); z = (t = 'A') + 10*(t = '_') + 100*(t = '.');",
+     {100, 1, 10, 100}},
+    {"StaticKeepsItsValueFromCallToCall",
+     "function next(step); static n 100; n = n + step; return (n); endsub; z = next(1); if x > 2 then z = next(x);",
+     {101, 102, 106, 111}},
+    {"StaticTextsAndArrays",
+     "function seen(s $); static last; before = (last = s); last = s; return (before); endsub; "
+     "function slot(k); array c[2, 2]; static c 1; c[2, k] = c[2, k]*2; return (c[1, k] + c[2, k]); endsub; "
+     "z = seen(sex) + 10*slot(1 + (x > 2));",
+     {30, 50, 30, 50}},
+    {"SumsInSubprogramsAreKept",
+     "function count(v); n + v; return (n); endsub; z = count(x) + 10*count(y);",
+     {11, 33, 56, 119}},
+    {"LocalArraysBeginAnew",
+     "function f(v); array t[0:2] _temporary_ (1 2 3); array w[2] w1 w2 (5 6); w1 = w1 + v; t[0] = t[0] + v; return "
+     "(100*w[1] + w[2] + 10000*t[0]); endsub; z = f(x);",
+     {20606, 40706, 70806, 110906}},
+    {"ArraysAreCopiedUnlessOutputs",
+     "array a[2] a1 a2 (1 2); subroutine s(v[*]); v[1] = 7; endsub; subroutine o(v[*]); outargs v; v[2] = 9; endsub; "
+     "a1 = x; call s(a); call o(a); z = a1 + 10*a2;",
+     {91, 92, 93, 94}},
+    {"FunctionsOfTexts",
+     "function code(v) $; length r $ 5; if v > 2 then r = 'long'; else r = 's'; return (r || '!'); endsub; z = "
+     "(code(x) "
+     "= 's    !') + 10*(code(x) = 'long !');",
+     {1, 1, 10, 10}},
+    {"RetainedTexts",
+     "retain c 'none ' d; z = (c = 'none') + 10*(c = 'M') + 100*(d = 'ab') + 1000*(d = ''); if sex = 'M' then c = sex; "
+     "d = "
+     "substr('abcd', x, 2);",
+     {1001, 110, 10, 10}},
+    {"TextsThatGrow",
+     "length path $ 6; retain path; path = trim(path) || substr('wxyz', x, 1); z = length(path) + 10*(path = 'wxy');",
+     {1, 2, 13, 4}},
+    {"LagsOfTexts", "z = (lag(sex) = 'M') + 10*(lag2(sex) = 'M') + 100*(lag(sex) = '');", {100, 1, 10, 100}},
+    {"TextsInLoopsOfData",
+     "length s $ 8; s = ''; do i = 1 to x; s = trim(s) || 'ab'; if i = 3 then leave; end; z = length(s);",
+     {2, 4, 6, 6}},
+    {"LagsInLoopsOfData",
+     "do i = 1 to x; a = lag(i) + 0; b = lag2(x); end; z = a + 100*coalesce(b, 0);",
+     {none, 1, 102, 203}},
+    {"LoopsInUntakenBranchesDoNotRun",
+     "z = 0; if x > 2 then do while (z < 10); z = z + x; end; else if x = 1 then do; again: z = z - 1; if z > -3*x "
+     "then "
+     "goto again; end;",
+     {-3, 0, 12, 12}},
+    {"LinksInSubprogramsStayThere",
+     "function f(v); r = v; link twice; return (r); twice: r = 2*r; return; endsub; z = f(x) + 1;",
+     {3, 5, 7, 9}},
     {"NestedCallOfArray",
      "array a[3] a1-a3 (1 2 3); function total(v[*]); s = 0; do i = 1 to dim(v); s = s + v[i]; end; return (s); "
      "endsub; z = total(a) + sum(of a[*]);",
@@ -116,6 +184,72 @@ TEST_P(StatementCases, GiveTheirValues)
 INSTANTIATE_TEST_SUITE_P(All, StatementCases, testing::ValuesIn(cases),
                          [](const auto& one) { return std::string(one.param.name); });
 
+std::vector<std::string> put_lines(const std::string& program, std::int64_t row)
+{
+  const auto text = parse_program(program);
+  Model m;
+  m.data("x", {1, 2, 3, 4});
+  m.compile(text->step.proc.program.statements, {});
+  Frame f = m.frame();
+  (void)cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("x")});
+  EXPECT_EQ(cmperrors(*m.compiler), 0) << m.messages();
+  std::vector<PutLine> lines;
+  f.run_put(row, 0, lines);
+  std::vector<std::string> all;
+  for (const PutLine& l : lines) all.push_back(l.target + ": " + l.text);
+  return all;
+}
+
+// PUT in loops writes in every pass, between what stands before and behind, and sees the values of the pass.
+TEST(PutLines, FollowThePassesOfLoops)
+{
+  const std::string loops =
+      "retain n 0; n + 1; total = 0; put 'begin ' n=; do i = 1 to x; total + i; put 'outer ' i= "
+      "total=; do j = 1 to i; if j < i then put '  inner ' j @; end; if i = 2 then put 'two'; end; "
+      "put 'end ' total=;";
+  EXPECT_EQ(put_lines(loops, 0),
+            (std::vector<std::string>{"LOG: begin n=1 ", "LOG: outer i=1 total=1 ", "LOG: end total=1 "}));
+  EXPECT_EQ(put_lines(loops, 2),
+            (std::vector<std::string>{"LOG: begin n=3 ", "LOG: outer i=1 total=1 ", "LOG: outer i=2 total=3 ",
+                                      "LOG:   inner 1 two", "LOG: outer i=3 total=6 ",
+                                      "LOG:   inner 1   inner 2 end total=6 "}));
+  EXPECT_EQ(put_lines("k = 0; again: k = k + 1; put k=; if k < x then goto again; if x > 2 then do while (k > 2); file "
+                      "PRINT; put 'down ' k; k = k - 1; end; file 'a.txt'; put k;",
+                      3),
+            (std::vector<std::string>{"LOG: k=1 ", "LOG: k=2 ", "LOG: k=3 ", "LOG: k=4 ", "PRINT: down 4 ",
+                                      "PRINT: down 3 ", "a.txt: 2 "}));
+  EXPECT_EQ(put_lines("a = .A; b = ._; put 'held ' @; file PRINT; put x=; put _page_ a b;", 0),
+            (std::vector<std::string>{"LOG: held ", "PRINT: x=1 ", "PRINT: ", "PRINT: A _ "}));
+}
+
+// A random function draws a new number each time it is executed, the same ones whether a loop is unrolled or not, and
+// none for what the record does not execute.
+TEST(RandomFunctions, DrawAnewInEveryPass)
+{
+  const std::string draws =
+      "a = 0; u = uniform(); array r[4] r1-r4; do i = 1 to COUNT; if i ^= 3 then r[i] = uniform(); else r[i] = 0; end;"
+      "z1 = r1; z2 = r2; z3 = r4; z4 = u;";
+  const auto run = [&](std::string count) {
+    std::string program = draws;
+    program.replace(program.find("COUNT"), 5, count);
+    const auto text = parse_program(program);
+    Model m;
+    m.data("x", {4, 4, 2, 4});
+    m.compile(text->step.proc.program.statements, {});
+    return m.run({m.symbol("z1"), m.symbol("z2"), m.symbol("z3"), m.symbol("z4")});
+  };
+  const auto unrolled = run("4"), carried = run("x");
+  std::set<double> distinct;
+  for (std::size_t row : {0u, 1u, 3u})
+    for (std::size_t k = 0; k < 4; ++k) {
+      EXPECT_EQ(unrolled[k][row], carried[k][row]) << k;
+      distinct.insert(carried[k][row]);
+    }
+  EXPECT_EQ(distinct.size(), 12u);
+  EXPECT_EQ(carried[1][2], unrolled[1][2]);
+  EXPECT_TRUE(std::isnan(carried[2][2]));
+}
+
 // What cannot be compiled is refused with a message that names the cause.
 TEST(StatementFaults, AreRefusedWithTheirCause)
 {
@@ -127,7 +261,10 @@ TEST(StatementFaults, AreRefusedWithTheirCause)
       {"function f(a); return (f(a - 1)); endsub; z = f(x);", "calls itself"},
       {"z = exp(x, 2);", "EXP"},
       {"array a[3] a1-a3; z = a[4];", "outside its bounds"},
-      {"goto inside; do; inside: z = 1; end;", "can be reached from here"},
+      {"goto inside; do; inside: z = 1; end;", "GOTO inside: the label stands in line 2, inside a group"},
+      {"link inside; z = 1; if z then do; inside: z = 2; end;", "LINK inside: the label stands in line 2"},
+      {"retain c; c = put(p*x, 8.2); z = c = 'a';", "made from a number that depends on parameters"},
+      {"function f(a); static a; return (a); endsub; z = f(x);", "has a new value in every call"},
       {"z = 1; leave;", "only in loops"},
       {"n = 0; do i = 1 to 5 by n; z = i; end;", "BY value"},
       {"if p > 1 then delete; z = 1;", "DELETE depends on parameters"},

@@ -109,6 +109,37 @@ TEST(UserPrograms, UnusableGroupAmongOthers)
   EXPECT_EQ(run.column("ParameterEstimates", "Estimate", 2).size(), 3u);
 }
 
+// Lines of a named file come in the order of the data, from all groups and steps of a run into one new file.
+TEST(UserPrograms, PutWritesFiles)
+{
+  const TemporaryFile data("groups.csv", "g,y\n1,2\n1,4\n2,.A\n2,6\n2,7\n"), lines("lines.txt", "of an older run\n");
+  const std::string step = "TORVALE DATA='" + data.path() + "'; BY g; PARMS m=3; FILE '" + lines.path() +
+                           "'; PUT g= y=; FILE LOG; PUT 'seen'; MODEL y ~ NORMAL(m, 1); RUN;\n";
+  const auto once = run_text(step + "TORVALE DATA='" + data.path() + "'; PARMS m=3; FILE '" + lines.path() +
+                             "'; DO k = 1 TO y - 5; PUT k; END; MODEL y ~ NORMAL(m, 1); RUN;");
+  EXPECT_EQ(once.outcome.exit_code, 0) << once.log;
+  EXPECT_EQ(read_text(lines.path()), "g=1 y=2 \ng=1 y=4 \ng=2 y=A \ng=2 y=6 \ng=2 y=7 \n1 \n1 \n2 \n");
+  EXPECT_NE(once.log.find("seen"), std::string::npos);
+
+  const auto nowhere = run_text("TORVALE DATA='" + data.path() +
+                                "'; PARMS m=3; FILE '/no such folder/lines.txt'; PUT y=; "
+                                "MODEL y ~ NORMAL(m, 1); RUN;");
+  EXPECT_TRUE(nowhere.said(503, 9223)) << nowhere.log;
+  EXPECT_EQ(nowhere.outcome.exit_code, 1);
+}
+
+// The kinds of missing values of the data can be told apart, and decide what a program does with them.
+TEST(UserPrograms, KindsOfMissingValuesComeFromTheData)
+{
+  const TemporaryFile data("kinds.csv", "x,y\n1,2\n.L,4\n.,3\n.H,9\n");
+  const auto kinds = run_text("TORVALE DATA='" + data.path() +
+                              "'; PARMS m=3; IF x = .L THEN w = 0.5; ELSE IF x = .H THEN w = 50; "
+                              "ELSE IF MISSING(x) THEN DELETE; ELSE w = x; MODEL y ~ NORMAL(m*w, 1); RUN;");
+  ASSERT_EQ(kinds.outcome.exit_code, 0) << kinds.log;
+  const double least_squares = (2 * 1 + 4 * 0.5 + 9 * 50.0) / (1 + 0.25 + 2500);
+  EXPECT_NEAR(kinds.number("ParameterEstimates", "m", "Estimate"), least_squares, 1e-5);
+}
+
 } // namespace
 
 } // namespace torvale::tests

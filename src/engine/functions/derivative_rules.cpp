@@ -366,7 +366,7 @@ PartialRule partial_rule(Kernel k)
   // One line for each rule.
   // clang-format off
   switch (k) {
-  case Kernel::copy: case Kernel::canonical: case Kernel::add:
+  case Kernel::copy: case Kernel::canonical: case Kernel::ordinary_missing: case Kernel::add:
   case Kernel::positive: case Kernel::nonnegative: case Kernel::probability: return unchanged;
   case Kernel::subtract: return subtract_rule;
   case Kernel::multiply: return multiply_rule;
@@ -391,7 +391,7 @@ PartialRule partial_rule(Kernel k)
   case Kernel::coalesce: return coalesce_rule;
 
   case Kernel::sign: case Kernel::side: case Kernel::floor: case Kernel::ceil: case Kernel::truncate:
-  case Kernel::round: case Kernel::round_to: case Kernel::binomial_quantile: case Kernel::poisson_quantile:
+  case Kernel::round: case Kernel::round_to: case Kernel::missing_rank: case Kernel::binomial_quantile: case Kernel::poisson_quantile:
   case Kernel::negative_binomial_quantile: case Kernel::uniform_random: case Kernel::normal_random: return nothing;
 
   case Kernel::exp: return exp_rule;

@@ -44,8 +44,9 @@ NodeId logsumexp_rule(GraphBuilder& g, Nodes x, std::string*)
 // derivative of the other cannot reach it.
 NodeId least_present(GraphBuilder& g, NodeId a, NodeId b)
 {
-  const NodeId takes_a = g.or_(g.is_missing(b), g.and_(g.compare(Kernel::less_equal, a, b), g.not_(g.is_missing(a))));
-  return g.select(takes_a, a, b);
+  const NodeId has_a = g.not_(g.is_missing(a)), lacks_b = g.is_missing(b);
+  const NodeId in_order = g.and_(g.compare(Kernel::less_equal, a, b), g.or_(has_a, lacks_b));
+  return g.select(g.or_(in_order, g.and_(has_a, lacks_b)), a, b);
 }
 NodeId min_rule(GraphBuilder& g, Nodes x, std::string*)
 {

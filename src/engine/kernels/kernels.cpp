@@ -75,6 +75,8 @@ constexpr InfoRow info_rows[] = {
     {Kernel::is_present, {"is_present", 1, ""}},
     {Kernel::zero_if_missing, {"zero_if_missing", 1, ""}},
     {Kernel::coalesce, {"coalesce", 2, ""}},
+    {Kernel::missing_rank, {"missing_rank", 1, ""}},
+    {Kernel::ordinary_missing, {"ordinary_missing", 1, ""}},
     {Kernel::exp, {"exp", 1, ""}},
     {Kernel::expm1, {"expm1", 1, ""}},
     {Kernel::log, {"log", 1, "logarithm of a number that is not above zero"}},

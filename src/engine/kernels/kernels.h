@@ -74,6 +74,8 @@ enum class Kernel : std::uint16_t {
   is_missing, is_present,
   zero_if_missing,      // a, or 0 when a is missing: the terms of SUM
   coalesce,             // a, or b when a is missing
+  missing_rank,         // -28 for ._, -27 for . and every other NaN, -26 to -1 for .A to .Z; 0 when a is present
+  ordinary_missing,     // a; the ordinary missing value in place of any missing value
 
   // Elementary functions: at most 1 ulp; missing outside the domain.
   exp, expm1, log, log1p, log2, log10,

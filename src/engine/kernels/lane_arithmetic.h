@@ -116,6 +116,16 @@ inline Lanes is_missing(Lanes a) { return one_or_zero(is_nan(a)); }
 inline Lanes is_present(Lanes a) { return one_or_zero(a == a); }
 inline Lanes zero_if_missing(Lanes a) { return if_else(is_nan(a), Lanes{}, a); }
 inline Lanes coalesce(Lanes a, Lanes b) { return if_else(is_nan(a), b, a); }
+// The kind of a missing value is the complement of its third byte, from 0 for ._ to 27 for .Z; as a number by way of the
+// last bits of 2^52 + kind.
+inline Lanes missing_rank(Lanes a)
+{
+  const Bits bits = reinterpret_cast<Bits>(a), kind = (~bits >> 40) & 0xFF;
+  const Mask special = (bits >> 48 == 0xFFFF) & (kind <= 27);
+  const Lanes counted = reinterpret_cast<Lanes>(kind | 0x4330000000000000ULL) - all(0x1p52);
+  return if_else(is_nan(a), if_else(special, counted, all(1.0)) - all(28.0), Lanes{});
+}
+inline Lanes ordinary_missing(Lanes a) { return unless(is_nan(a), a); }
 // clang-format on
 
 } // namespace lane

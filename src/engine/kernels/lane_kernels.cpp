@@ -127,6 +127,8 @@ KernelTable build_table(const char* isa)
   set<lane::is_present>(table, Kernel::is_present);
   set<lane::zero_if_missing>(table, Kernel::zero_if_missing);
   set<lane::coalesce>(table, Kernel::coalesce);
+  set<lane::missing_rank>(table, Kernel::missing_rank);
+  set<lane::ordinary_missing>(table, Kernel::ordinary_missing);
   set<lane::exp>(table, Kernel::exp);
   set<lane::expm1>(table, Kernel::expm1);
   set<lane::log>(table, Kernel::log);

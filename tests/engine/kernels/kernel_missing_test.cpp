@@ -47,34 +47,42 @@ TEST(KernelMissing, ComparisonsOrderMissingBelowNumbersAndEqualToEachOther)
       }
 }
 
+// The order of the kinds is the host's; what the hardware makes counts as the ordinary missing value.
+TEST(KernelMissing, RanksFollowTheOrderOfTheKinds)
+{
+  std::string letters = "_.ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  for (const KernelTable* build : builds()) {
+    for (std::size_t k = 0; k < letters.size(); ++k) {
+      const double kind = host::special_missing(letters[k]);
+      EXPECT_EQ(run_one(*build, Kernel::missing_rank, {kind}), static_cast<double>(k) - 28.0) << letters[k];
+      EXPECT_EQ(std::bit_cast<std::uint64_t>(run_one(*build, Kernel::ordinary_missing, {kind})),
+                std::bit_cast<std::uint64_t>(host::missing));
+    }
+    for (const double nan : {hardware_nan, std::numeric_limits<double>::quiet_NaN()})
+      EXPECT_EQ(run_one(*build, Kernel::missing_rank, {nan}), -27.0);
+    for (const double number : {-infinity, -0.0, 2.5, infinity}) {
+      EXPECT_EQ(run_one(*build, Kernel::missing_rank, {number}), 0.0);
+      EXPECT_EQ(run_one(*build, Kernel::ordinary_missing, {number}), number);
+    }
+  }
+}
+
 // Arithmetic and functions never lose a missing operand, whatever the hardware or the library thinks of it.
 TEST(KernelMissing, MissingOperandsGiveMissingResults)
 {
-  const Kernel skipping[] = {Kernel::least,
-                             Kernel::greatest,
-                             Kernel::coalesce,
-                             Kernel::zero_if_missing,
-                             Kernel::select,
-                             Kernel::select_or_zero,
-                             Kernel::truth,
-                             Kernel::is_missing,
-                             Kernel::is_present,
-                             Kernel::and_,
-                             Kernel::or_,
-                             Kernel::not_,
-                             Kernel::and_not,
-                             Kernel::less,
-                             Kernel::less_equal,
-                             Kernel::equal,
-                             Kernel::not_equal,
-                             Kernel::greater,
-                             Kernel::greater_equal,
-                             Kernel::less_known,
-                             Kernel::less_equal_known,
-                             Kernel::equal_known,
-                             Kernel::not_equal_known,
-                             Kernel::greater_known,
-                             Kernel::greater_equal_known};
+  const Kernel skipping[] = {Kernel::least,         Kernel::greatest,
+                             Kernel::coalesce,      Kernel::zero_if_missing,
+                             Kernel::select,        Kernel::select_or_zero,
+                             Kernel::truth,         Kernel::is_missing,
+                             Kernel::is_present,    Kernel::missing_rank,
+                             Kernel::and_,          Kernel::or_,
+                             Kernel::not_,          Kernel::and_not,
+                             Kernel::less,          Kernel::less_equal,
+                             Kernel::equal,         Kernel::not_equal,
+                             Kernel::greater,       Kernel::greater_equal,
+                             Kernel::less_known,    Kernel::less_equal_known,
+                             Kernel::equal_known,   Kernel::not_equal_known,
+                             Kernel::greater_known, Kernel::greater_equal_known};
   for (const KernelTable* build : builds())
     for (std::size_t k = 0; k < kernel_count; ++k) {
       const auto kernel = static_cast<Kernel>(k);
