@@ -214,6 +214,7 @@ private:
   void attributes(const AttributeDeclaration& a)
   {
     for (const std::string_view name : a.names) {
+      if (!a.format.empty()) gcmp_.formats[std::string(name)] = a.format;
       if (!a.has_length) continue;
       CMPSYM& s = gcmp_.named_symbol(name, a.where);
       if (a.character) s.type = 'c';

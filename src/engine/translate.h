@@ -104,6 +104,7 @@ private:
   void go_to(const syntax::JumpStatement& j);
   void link(const syntax::JumpStatement& j);
   void goto_loop(syntax::Block block, std::size_t first, std::size_t last);
+  void give_back(Value v, syntax::Position where);
   void return_from(const syntax::ReturnStatement& r);
   void leave_or_continue(const Statement* s);
   void do_statement(const syntax::DoStatement& d);

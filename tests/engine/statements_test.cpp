@@ -128,6 +128,11 @@ const StatementCase cases[] = {
      "(code(x) "
      "= 's    !') + 10*(code(x) = 'long !');",
      {1, 1, 10, 10}},
+    {"ValuesOfTextFunctionsKeepTheirLength",
+     "function word(k) $; if k = 1 then return ('a'); return ('bcd'); endsub; z = length(word(x)) + 10*(word(3) = "
+     "'bcd');",
+     {11, 13, 13, 13}},
+    {"DoListsOfTexts", "z = 0; do g = 'M', 'F', sex; z = 10*z + (g = sex); end;", {101, 11, 1, 101}},
     {"RetainedTexts",
      "retain c 'none ' d; z = (c = 'none') + 10*(c = 'M') + 100*(d = 'ab') + 1000*(d = ''); if sex = 'M' then c = sex; "
      "d = "
@@ -218,6 +223,8 @@ TEST(PutLines, FollowThePassesOfLoops)
                       3),
             (std::vector<std::string>{"LOG: k=1 ", "LOG: k=2 ", "LOG: k=3 ", "LOG: k=4 ", "PRINT: down 4 ",
                                       "PRINT: down 3 ", "a.txt: 2 "}));
+  EXPECT_EQ(put_lines("length t $ 6; format w 6.2; w = x/4; t = 'abc'; put t '|' t= w; put t $2. w 8.1 t $5. '|';", 0),
+            (std::vector<std::string>{"LOG: abc |t=abc   0.25 ", "LOG: ab      0.2 abc   |"}));
   EXPECT_EQ(put_lines("a = .A; b = ._; put 'held ' @; file PRINT; put x=; put _page_ a b;", 0),
             (std::vector<std::string>{"LOG: held ", "PRINT: x=1 ", "PRINT: ", "PRINT: A _ "}));
 }
