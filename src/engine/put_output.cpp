@@ -52,18 +52,20 @@ std::string formatted(std::string text, const std::string& format)
 }
 
 // What the values of an effect are made of.
-void add_wanted(const Effect& e, std::vector<NodeId>& wanted)
+void add_wanted(const Effect& e, const TextPool& texts, std::vector<NodeId>& wanted)
 {
   wanted.push_back(e.guard);
-  for (const Effect::Item& item : e.items)
+  for (const Effect::Item& item : e.items) {
     if (item.number != no_node) wanted.push_back(item.number);
+    texts.numbers_of(item.text, wanted);
+  }
 }
 
 // The PUT and FILE statements of one record, in the order in which a run of the program comes to them.
 class PutRun {
 public:
-  PutRun(const std::vector<const Effect*>& effects, CheckedRun& run, std::vector<PutLine>& lines)
-      : effects_(effects), run_(run), lines_(lines)
+  PutRun(const std::vector<const Effect*>& effects, const TextPool& texts, CheckedRun& run, std::vector<PutLine>& lines)
+      : effects_(effects), texts_(texts), run_(run), lines_(lines)
   {
   }
 
@@ -78,7 +80,7 @@ public:
       }
       const std::size_t begin = k;
       std::vector<NodeId> wanted;
-      for (; k < last && run_.nesting().within(effects_[k]->loop, inner); ++k) add_wanted(*effects_[k], wanted);
+      for (; k < last && run_.nesting().within(effects_[k]->loop, inner); ++k) add_wanted(*effects_[k], texts_, wanted);
       run_.each_pass(inner, wanted, [&] { write(begin, k, inner); });
       --k;
     }
@@ -142,6 +144,7 @@ private:
   }
 
   const std::vector<const Effect*>& effects_;
+  const TextPool& texts_;
   CheckedRun& run_;
   std::vector<PutLine>& lines_;
   std::string target_ = "LOG";
@@ -160,13 +163,13 @@ void Frame::run_put(std::int64_t row, int point, std::vector<PutLine>& lines)
   for (const Effect& e : s.gcmp.effects) {
     if (e.fatal()) continue;
     effects.push_back(&e);
-    add_wanted(e, wanted);
+    add_wanted(e, s.gcmp.text, wanted);
     for (std::int32_t loop = e.loop; loop != 0; loop = s.gcmp.graph.loop_at(loop).parent)
       wanted.push_back(s.gcmp.graph.loop_at(loop).condition);
   }
   CheckedRun run(s.gcmp, *s.data, s.theta.data(), s.ran, s.ran_stride, point);
   run.start(row, wanted);
-  PutRun put(effects, run, lines);
+  PutRun put(effects, s.gcmp.text, run, lines);
   put.write(0, effects.size(), 0);
   put.end();
 }

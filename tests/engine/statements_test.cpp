@@ -223,6 +223,9 @@ TEST(PutLines, FollowThePassesOfLoops)
                       3),
             (std::vector<std::string>{"LOG: k=1 ", "LOG: k=2 ", "LOG: k=3 ", "LOG: k=4 ", "PRINT: down 4 ",
                                       "PRINT: down 3 ", "a.txt: 2 "}));
+  EXPECT_EQ(
+      put_lines("array c[1] $ name; retain; put name last x=; name = 'record'; last = cats(last, put(x, 2.));", 3),
+      (std::vector<std::string>{"LOG: record 123 x=4 "}));
   EXPECT_EQ(put_lines("length t $ 6; format w 6.2; w = x/4; t = 'abc'; put t '|' t= w; put t $2. w 8.1 t $5. '|';", 0),
             (std::vector<std::string>{"LOG: abc |t=abc   0.25 ", "LOG: ab      0.2 abc   |"}));
   EXPECT_EQ(put_lines("a = .A; b = ._; put 'held ' @; file PRINT; put x=; put _page_ a b;", 0),
