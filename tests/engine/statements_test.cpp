@@ -123,6 +123,11 @@ const StatementCase cases[] = {
      "array a[2] a1 a2 (1 2); subroutine s(v[*]); v[1] = 7; endsub; subroutine o(v[*]); outargs v; v[2] = 9; endsub; "
      "a1 = x; call s(a); call o(a); z = a1 + 10*a2;",
      {91, 92, 93, 94}},
+    {"ArraysOfDataGoToSubprograms",
+     "array d[2] x y; array q[2]; function total(v[*]); return (sum(v[1], v[2])); endsub; subroutine fill(v[*], k); "
+     "outargs "
+     "v; do i = 1 to dim(v); v[i] = k*i; end; endsub; call fill(q, 3); z = total(d) + 10*q[2];",
+     {61, 62, 62, 66}},
     {"FunctionsOfTexts",
      "function code(v) $; length r $ 5; if v > 2 then r = 'long'; else r = 's'; return (r || '!'); endsub; z = "
      "(code(x) "
