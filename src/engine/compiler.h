@@ -31,7 +31,8 @@ struct Effect {
   std::int32_t loop = 0; // whose passes execute it
   struct Item {
     const syntax::PutItem* item = nullptr;
-    std::string name; // what named_value prints
+    std::string name;   // what named_value prints
+    std::string format; // of the item, or else of the variable
     NodeId number = no_node;
     TextId text = no_text;
   };
@@ -70,11 +71,12 @@ public:
   std::map<std::string, std::int32_t, NameLess> by_name;
   std::map<std::string, ArrayInfo, NameLess> arrays;
   std::map<std::string, const syntax::SubprogramDefinition*, NameLess> subprograms;
-  std::map<const syntax::Expr*, std::int32_t> sites;   // sites and late expressions: their value symbols
-  std::map<std::int32_t, const syntax::Expr*> initial; // retained symbols with an initial value
-  std::set<std::int32_t> sums;                         // targets of sum statements: begin at 0
-  std::set<std::int32_t> written;                      // given a value by an executable statement
-  std::map<std::int32_t, std::int32_t> text_length;    // declared lengths of character variables
+  std::map<const syntax::Expr*, std::int32_t> sites;    // sites and late expressions: their value symbols
+  std::map<std::int32_t, const syntax::Expr*> initial;  // retained symbols with an initial value
+  std::set<std::int32_t> sums;                          // targets of sum statements: begin at 0
+  std::set<std::int32_t> written;                       // given a value by an executable statement
+  std::map<std::string, std::string, NameLess> formats; // by variable, of FORMAT and ATTRIB
+  std::map<std::int32_t, std::int32_t> text_length;     // declared lengths of character variables
   // Variables that subprograms keep from call to call and that turned out to be texts: their lengths.
   std::map<std::pair<const void*, std::string>, std::int32_t> kept_text_length;
   std::map<std::int32_t, std::vector<syntax::Position>> places; // where each symbol is named, for the cross-reference

@@ -40,19 +40,32 @@ bool has_put(const CMPGLOBAL& gcmp)
 
 namespace {
 
+// A text in the format $w. has w characters; without a format the blanks at its end are left out.
+std::string formatted(std::string text, const std::string& format)
+{
+  if (!format.empty() && format[0] == '$')
+    if (const double width = number_from_text(format.substr(1)); width >= 1.0) {
+      text.resize(as_column(width), ' ');
+      return text;
+    }
+  return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
 // What the values of an effect are made of.
-void add_wanted(const Effect& e, std::vector<NodeId>& wanted)
+void add_wanted(const Effect& e, const TextPool& texts, std::vector<NodeId>& wanted)
 {
   wanted.push_back(e.guard);
-  for (const Effect::Item& item : e.items)
+  for (const Effect::Item& item : e.items) {
     if (item.number != no_node) wanted.push_back(item.number);
+    texts.numbers_of(item.text, wanted);
+  }
 }
 
 // The PUT and FILE statements of one record, in the order in which a run of the program comes to them.
 class PutRun {
 public:
-  PutRun(const std::vector<const Effect*>& effects, CheckedRun& run, std::vector<PutLine>& lines)
-      : effects_(effects), run_(run), lines_(lines)
+  PutRun(const std::vector<const Effect*>& effects, const TextPool& texts, CheckedRun& run, std::vector<PutLine>& lines)
+      : effects_(effects), texts_(texts), run_(run), lines_(lines)
   {
   }
 
@@ -67,7 +80,7 @@ public:
       }
       const std::size_t begin = k;
       std::vector<NodeId> wanted;
-      for (; k < last && run_.nesting().within(effects_[k]->loop, inner); ++k) add_wanted(*effects_[k], wanted);
+      for (; k < last && run_.nesting().within(effects_[k]->loop, inner); ++k) add_wanted(*effects_[k], texts_, wanted);
       run_.each_pass(inner, wanted, [&] { write(begin, k, inner); });
       --k;
     }
@@ -97,8 +110,8 @@ private:
 
   void write(const Effect::Item& item)
   {
-    const std::string value = item.text != no_text     ? run_.text_value(item.text)
-                              : item.number != no_node ? text_from_number(run_.value(item.number), item.item->format)
+    const std::string value = item.text != no_text     ? formatted(run_.text_value(item.text), item.format)
+                              : item.number != no_node ? text_from_number(run_.value(item.number), item.format)
                                                        : std::string();
     switch (item.item->kind) {
     case PutItem::Kind::text:
@@ -131,6 +144,7 @@ private:
   }
 
   const std::vector<const Effect*>& effects_;
+  const TextPool& texts_;
   CheckedRun& run_;
   std::vector<PutLine>& lines_;
   std::string target_ = "LOG";
@@ -149,13 +163,13 @@ void Frame::run_put(std::int64_t row, int point, std::vector<PutLine>& lines)
   for (const Effect& e : s.gcmp.effects) {
     if (e.fatal()) continue;
     effects.push_back(&e);
-    add_wanted(e, wanted);
+    add_wanted(e, s.gcmp.text, wanted);
     for (std::int32_t loop = e.loop; loop != 0; loop = s.gcmp.graph.loop_at(loop).parent)
       wanted.push_back(s.gcmp.graph.loop_at(loop).condition);
   }
   CheckedRun run(s.gcmp, *s.data, s.theta.data(), s.ran, s.ran_stride, point);
   run.start(row, wanted);
-  PutRun put(effects, run, lines);
+  PutRun put(effects, s.gcmp.text, run, lines);
   put.write(0, effects.size(), 0);
   put.end();
 }

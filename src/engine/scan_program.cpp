@@ -37,9 +37,8 @@ public:
     if (e->kind == ExprKind::element || e->kind == ExprKind::whole_array)
       if (const auto it = gcmp_.arrays.find(e->name); it != gcmp_.arrays.end())
         for (const std::int32_t element : it->second.elements) gcmp_.at(element).used = true;
-    for (const Expr* const a : e->args)
-      if (a != nullptr && !names_an_array(*e, *a)) expression(a);
-    if (e->kind == ExprKind::call) outputs(e->name, e->args);
+    if (e->kind == ExprKind::call) return arguments(e->name, e->args);
+    for (const Expr* const a : e->args) expression(a);
   }
 
   void subprograms(Block statements)
@@ -54,11 +53,18 @@ public:
   }
 
 private:
-  // An array given to a function by its bare name, as in DIM(b), reads no variable of that name.
-  bool names_an_array(const Expr& parent, const Expr& argument) const
+  // An array given by its bare name is no variable of that name. A subprogram reads its elements, DIM(b) does not.
+  void arguments(std::string_view function, std::span<Expr* const> args)
   {
-    return parent.kind == ExprKind::call && argument.kind == ExprKind::variable &&
-           gcmp_.arrays.count(argument.name) != 0;
+    const bool reads = gcmp_.subprograms.count(function) > 0;
+    for (const Expr* const e : args) {
+      const auto array = e->kind == ExprKind::variable ? gcmp_.arrays.find(e->name) : gcmp_.arrays.end();
+      if (array == gcmp_.arrays.end())
+        expression(e);
+      else if (reads)
+        for (const std::int32_t element : array->second.elements) gcmp_.at(element).used = true;
+    }
+    outputs(function, args);
   }
 
   void read(std::string_view name, Position where)
@@ -111,8 +117,10 @@ private:
     case StatementKind::return_:
     case StatementKind::abort:
       return expression(static_cast<const ReturnStatement*>(s)->value);
-    case StatementKind::call:
-      return call(*static_cast<const CallStatement*>(s));
+    case StatementKind::call: {
+      const auto& c = *static_cast<const CallStatement*>(s);
+      return arguments(c.name, c.args);
+    }
     case StatementKind::put:
       for (const PutItem& item : static_cast<const PutStatement*>(s)->items) expression(item.value);
       return;
@@ -154,12 +162,6 @@ private:
     expression(d.while_);
     expression(d.until);
     block(d.body);
-  }
-
-  void call(const CallStatement& c)
-  {
-    for (const Expr* const a : c.args) expression(a);
-    outputs(c.name, c.args);
   }
 
   // What a subprogram gives back through its arguments.
@@ -214,6 +216,7 @@ private:
   void attributes(const AttributeDeclaration& a)
   {
     for (const std::string_view name : a.names) {
+      if (!a.format.empty()) gcmp_.formats[std::string(name)] = a.format;
       if (!a.has_length) continue;
       CMPSYM& s = gcmp_.named_symbol(name, a.where);
       if (a.character) s.type = 'c';

@@ -233,6 +233,12 @@ void TextPool::gather(TextId id, std::vector<NodeId>& numbers, std::vector<std::
   for (const TextId side : {n.a, n.b, n.c}) gather(side, numbers, symbols);
 }
 
+void TextPool::numbers_of(TextId id, std::vector<NodeId>& numbers) const
+{
+  std::vector<std::int32_t> symbols;
+  gather(id, numbers, symbols);
+}
+
 NodeId TextPool::ask(TextQuestion q, TextId a, TextId b, bool truncated, std::string* error)
 {
   if (q == TextQuestion::code && node(a).op == TextOp::kept) return node(a).number;

@@ -124,6 +124,8 @@ public:
 
   std::string evaluate(TextId id, const TextInputs& inputs) const;
   double answer(std::int32_t test_index, const TextInputs& inputs) const;
+  // Numbers that a text is made from, its choices included.
+  void numbers_of(TextId id, std::vector<NodeId>& numbers) const;
   // Character columns that a test reads, by symbol.
   void columns_of_test(std::int32_t test_index, std::vector<std::int32_t>& symbols) const;
 

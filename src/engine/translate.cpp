@@ -112,7 +112,8 @@ Slot Translator::symbol_slot(std::string_view name, syntax::Position where)
   i.symbol = s.index;
   i.type = initial.is_text() ? 'c' : s.type;
   i.lasting = true;
-  if (const auto it = gcmp_.text_length.find(s.index); it != gcmp_.text_length.end()) i.length = it->second;
+  const auto declared = gcmp_.text_length.find(s.index);
+  i.length = declared == gcmp_.text_length.end() ? 0 : declared->second; // 0: the first assignment decides
   i.written = !s.assigned || s.retained || s.resolved;
   return slot;
 }
@@ -124,20 +125,26 @@ void Translator::set(Slot s, Value v)
   env(s) = v;
 }
 
+// A variable that is kept turns out to hold texts of this length.
+void Translator::learn_text(const SlotInfo& i, TextId text)
+{
+  const std::int32_t length = i.length > 0 ? i.length : std::max(text_.length(text), std::int32_t{1});
+  if (i.symbol >= 0)
+    gcmp_.text_length[i.symbol] = length;
+  else
+    gcmp_.kept_text_length[{i.owner, i.name}] = length;
+  learned_ = true;
+}
+
 void Translator::assign(Slot s, Value v, syntax::Position where)
 {
   SlotInfo& i = info(s);
   if (i.type == ' ') {
     i.type = v.is_text() ? 'c' : 'n';
     if (i.symbol >= 0) gcmp_.at(i.symbol).type = i.type;
-    if (i.kept && v.is_text()) { // texts are handed on in another way than numbers
-      const std::int32_t length = i.length > 0 ? i.length : std::max(text_.length(v.text), std::int32_t{1});
-      if (i.symbol >= 0)
-        gcmp_.text_length[i.symbol] = length;
-      else
-        gcmp_.kept_text_length[{i.owner, i.name}] = length;
-      learned_ = true;
-    }
+    if (i.kept && v.is_text()) learn_text(i, v.text); // texts are handed on in another way than numbers
+  } else if (i.type == 'c' && i.kept && i.length == 0) {
+    learn_text(i, as_text(v, where));
   }
   if (i.type == 'c') {
     const TextId t = as_text(v, where);

@@ -81,6 +81,7 @@ private:
   SlotInfo& info(Slot s) { return infos_[static_cast<std::size_t>(s)]; }
   void set(Slot s, Value v); // as it stands
   void set(Slot s, NodeId n) { set(s, Value{n, no_text}); }
+  void learn_text(const SlotInfo& i, TextId text);
   void assign(Slot s, Value v, syntax::Position where); // what an assignment does: conversion, mask
   NodeId active() { return env(active_).number; }
   bool is_active() { return !graph_.is_constant(active(), 0.0); }
@@ -104,6 +105,7 @@ private:
   void go_to(const syntax::JumpStatement& j);
   void link(const syntax::JumpStatement& j);
   void goto_loop(syntax::Block block, std::size_t first, std::size_t last);
+  void give_back(Value v, syntax::Position where);
   void return_from(const syntax::ReturnStatement& r);
   void leave_or_continue(const Statement* s);
   void do_statement(const syntax::DoStatement& d);

@@ -107,10 +107,17 @@ void Translator::link(const JumpStatement& j)
   fail(message::jump, j.where, "LINK " + std::string(j.target) + no_way_to(j.target));
 }
 
+// The value of a function. A text keeps the length that it has.
+void Translator::give_back(Value v, Position where)
+{
+  const Slot result = scopes_.back().result;
+  if (info(result).type != 'c') return assign(result, v, where);
+  set(result, choose(active(), {no_node, as_text(v, where)}, env(result)));
+}
+
 void Translator::return_from(const ReturnStatement& r)
 {
-  if (!scopes_.empty() && r.value != nullptr && scopes_.back().result >= 0)
-    assign(scopes_.back().result, value_of(*r.value), r.where);
+  if (!scopes_.empty() && r.value != nullptr && scopes_.back().result >= 0) give_back(value_of(*r.value), r.where);
   if (!returns_.empty()) set(returns_.back(), graph_.or_(env(returns_.back()).number, active()));
   set(active_, graph_.zero());
 }
@@ -172,7 +179,10 @@ void Translator::pass(const DoStatement& d, const Expr* while_, const Expr* unti
 void Translator::counted(const DoStatement& d, const LoopRange& r)
 {
   const auto store = [&](NodeId v) { assign_to(*d.index, {v, no_text}, d.where); };
-  const NodeId start = number_of(*r.start);
+  const bool single = r.stop == nullptr && r.step == nullptr;
+  const Value first = value_of(*r.start);
+  if (single) assign_to(*d.index, first, d.where); // may be a text
+  const NodeId start = single && first.is_text() ? graph_.missing() : as_number(first, r.start->where);
   const Slot ended = new_slot("ended", {graph_.zero(), no_text}, true);
   const NodeId step = r.step != nullptr ? number_of(*r.step) : graph_.one();
   const auto value_at = [&](NodeId k) { return graph_.add(start, graph_.multiply(k, step)); };
@@ -180,8 +190,7 @@ void Translator::counted(const DoStatement& d, const LoopRange& r)
     fail(message::loop, d.where, "The BY value of this loop is 0; it would never end.");
     return;
   }
-  if (r.stop == nullptr && r.step == nullptr) { // a single value
-    store(start);
+  if (single) {
     pass(d, r.while_, r.until, ended);
     return set(active_, graph_.or_(active(), env(ended).number));
   }

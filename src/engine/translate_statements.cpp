@@ -200,7 +200,10 @@ void Translator::put(const PutStatement& s)
   effect.where = s.where;
   effect.guard = graph_.and_(path_, active());
   const auto add = [&](const PutItem& item, std::string name, Value v) {
-    effect.items.push_back({&item, std::move(name), v.number, v.text});
+    const auto of_variable = gcmp_.formats.find(name);
+    std::string format =
+        !item.format.empty() || of_variable == gcmp_.formats.end() ? std::string(item.format) : of_variable->second;
+    effect.items.push_back({&item, std::move(name), std::move(format), v.number, v.text});
   };
   for (const PutItem& item : s.items) {
     if (item.kind == PutItem::Kind::all || item.kind == PutItem::Kind::pdv) {

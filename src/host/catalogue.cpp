@@ -345,16 +345,13 @@ constexpr CatalogueEntry entries[] = {
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
-    {503, 9360, N,
-     "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the "
-     "objective from {from} to {to}, and the fit went on from there.",
+    {503, 9360, N, "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the objective from {from} to {to}, and the fit went on from there.",
      "Starting values far from the optimum, or variances near the edge of what the model allows.", ""},
     {503, 9350, N, "Check of the Gradient", "", ""},
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},
     {503, 9342, E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
-    {503, 9344, N,
-     "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
+    {503, 9344, N, "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
      "Fewer QPOINTS=, or fewer random effects."},
 

@@ -123,11 +123,21 @@ const StatementCase cases[] = {
      "array a[2] a1 a2 (1 2); subroutine s(v[*]); v[1] = 7; endsub; subroutine o(v[*]); outargs v; v[2] = 9; endsub; "
      "a1 = x; call s(a); call o(a); z = a1 + 10*a2;",
      {91, 92, 93, 94}},
+    {"ArraysOfDataGoToSubprograms",
+     "array d[2] x y; array q[2]; function total(v[*]); return (sum(v[1], v[2])); endsub; subroutine fill(v[*], k); "
+     "outargs "
+     "v; do i = 1 to dim(v); v[i] = k*i; end; endsub; call fill(q, 3); z = total(d) + 10*q[2];",
+     {61, 62, 62, 66}},
     {"FunctionsOfTexts",
      "function code(v) $; length r $ 5; if v > 2 then r = 'long'; else r = 's'; return (r || '!'); endsub; z = "
      "(code(x) "
      "= 's    !') + 10*(code(x) = 'long !');",
      {1, 1, 10, 10}},
+    {"ValuesOfTextFunctionsKeepTheirLength",
+     "function word(k) $; if k = 1 then return ('a'); return ('bcd'); endsub; z = length(word(x)) + 10*(word(3) = "
+     "'bcd');",
+     {11, 13, 13, 13}},
+    {"DoListsOfTexts", "z = 0; do g = 'M', 'F', sex; z = 10*z + (g = sex); end;", {101, 11, 1, 101}},
     {"RetainedTexts",
      "retain c 'none ' d; z = (c = 'none') + 10*(c = 'M') + 100*(d = 'ab') + 1000*(d = ''); if sex = 'M' then c = sex; "
      "d = "
@@ -218,6 +228,11 @@ TEST(PutLines, FollowThePassesOfLoops)
                       3),
             (std::vector<std::string>{"LOG: k=1 ", "LOG: k=2 ", "LOG: k=3 ", "LOG: k=4 ", "PRINT: down 4 ",
                                       "PRINT: down 3 ", "a.txt: 2 "}));
+  EXPECT_EQ(
+      put_lines("array c[1] $ name; retain; put name last x=; name = 'record'; last = cats(last, put(x, 2.));", 3),
+      (std::vector<std::string>{"LOG: record 123 x=4 "}));
+  EXPECT_EQ(put_lines("length t $ 6; format w 6.2; w = x/4; t = 'abc'; put t '|' t= w; put t $2. w 8.1 t $5. '|';", 0),
+            (std::vector<std::string>{"LOG: abc |t=abc   0.25 ", "LOG: ab      0.2 abc   |"}));
   EXPECT_EQ(put_lines("a = .A; b = ._; put 'held ' @; file PRINT; put x=; put _page_ a b;", 0),
             (std::vector<std::string>{"LOG: held ", "PRINT: x=1 ", "PRINT: ", "PRINT: A _ "}));
 }
