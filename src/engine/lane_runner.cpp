@@ -36,13 +36,14 @@ void spread(double* out, const double* from, const std::int32_t* index, int repe
   for (i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
 }
 
-// Missing values have all of their upper 16 bits set, other NaNs have not: these become the ordinary missing value.
+// Missing values have all of their upper 16 bits set and none of the lower 40; any other NaN becomes the ordinary missing
+// value.
 void make_canonical(double* values, int n)
 {
-  constexpr std::uint64_t upper = 0xFFFF000000000000, missing = 0xFFFFFE0000000000;
+  constexpr std::uint64_t looked_at = 0xFFFF00FFFFFFFFFF, upper = 0xFFFF000000000000, missing = 0xFFFFFE0000000000;
   for (int i = 0; i < n; ++i) {
-    const auto bits = std::bit_cast<std::uint64_t>(values[i]);
-    values[i] = values[i] != values[i] && (bits & upper) != upper ? std::bit_cast<double>(missing) : values[i];
+    const bool strange = values[i] != values[i] && (std::bit_cast<std::uint64_t>(values[i]) & looked_at) != upper;
+    values[i] = strange ? std::bit_cast<double>(missing) : values[i];
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include <bit>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -23,6 +24,12 @@ constexpr double nan = std::numeric_limits<double>::quiet_NaN(), infinity = std:
 struct alignas(64) Column {
   double value[lanes];
 };
+
+// Bits, with the ordinary missing value in place of a NaN that is not a missing value.
+std::uint64_t bits_of(double x)
+{
+  return std::bit_cast<std::uint64_t>(run_kernel(Kernel::canonical, &x));
+}
 
 bool is_mask(Kernel k, int operand)
 {
@@ -126,10 +133,12 @@ public:
       for (int i = 0; i < lanes; ++i) {
         const double mine = results[k].value[i], kernels = expected_[k].value[i];
         has_nan = has_nan || std::isnan(kernels);
-        if (std::isnan(mine) && std::isnan(kernels)) continue;
-        if (std::bit_cast<std::uint64_t>(mine) == std::bit_cast<std::uint64_t>(kernels)) continue;
-        return "output " + std::to_string(k) + ", lane " + std::to_string(i) + ": " + std::to_string(mine) +
-               ", by the kernels " + std::to_string(kernels);
+        if (bits_of(mine) == bits_of(kernels)) continue;
+        char text[200];
+        std::snprintf(text, sizeof text, "output %zu, lane %d: %.17g (%016llx), by the kernels %.17g (%016llx)", k, i,
+                      mine, static_cast<unsigned long long>(std::bit_cast<std::uint64_t>(mine)), kernels,
+                      static_cast<unsigned long long>(std::bit_cast<std::uint64_t>(kernels)));
+        return text;
       }
     return found_nan == has_nan ? "" : "NaNs among the outputs: told wrongly";
   }

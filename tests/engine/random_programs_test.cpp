@@ -1,6 +1,7 @@
 // Differential tests: programs grown at random, run by the lane engine and by the plain evaluator. Values, missing
 // patterns, faults and derivatives must agree, at one lane and at many.
 
+#include "engine/native/native_stage.h"
 #include "engine/model_fixture.h"
 #include "engine/plain_evaluator.h"
 
@@ -232,7 +233,11 @@ TEST_P(RandomPrograms, ValuesMissingPatternsAndFaultsAgree)
         ASSERT_EQ(errors, 0) << "seed " << seed << ", row " << row << ": " << faults[0].text;
       }
     }
-    // One lane at a time: the same bits as all lanes at once.
+    // One lane at a time, in every other program by walking its steps: the same bits as all lanes at once in machine code.
+    set_native(seed % 2 == 0);
+    frame = c.m.frame();
+    frame.set_parameters(c.m.theta.data());
+    frame.set_points(&c.u, 1, 1);
     for (std::int32_t row = 0; row < records; ++row) {
       const std::int32_t point = 0;
       Tile tile;
@@ -244,6 +249,7 @@ TEST_P(RandomPrograms, ValuesMissingPatternsAndFaultsAgree)
         ASSERT_EQ(std::bit_cast<std::uint64_t>(frame.output(static_cast<int>(k))[0]),
                   std::bit_cast<std::uint64_t>(v[k][static_cast<std::size_t>(row)]));
     }
+    set_native(true);
   }
   (void)set_isa(best);
 }

@@ -12,12 +12,13 @@ namespace lane {
 // One line each, so that the family reads as a table.
 // clang-format off
 inline Lanes copy(Lanes a) { return a; }
-// Missing values have all of their upper 16 bits set, hardware NaNs have not.
-inline Lanes canonical(Lanes a)
+// Missing values have all of their upper 16 bits set and none of the lower 40. Hardware NaNs have not, nor have those of
+// SLEEF.
+inline Mask is_missing_value(Lanes a)
 {
-  const Mask upper = reinterpret_cast<Mask>(a) & ~0xFFFFFFFFFFFFLL;
-  return unless(is_nan(a) & (upper != ~0xFFFFFFFFFFFFLL), a);
+  return (reinterpret_cast<Bits>(a) & 0xFFFF00FFFFFFFFFFULL) == 0xFFFF000000000000ULL;
 }
+inline Lanes canonical(Lanes a) { return unless(is_nan(a) & ~is_missing_value(a), a); }
 
 inline Lanes add(Lanes a, Lanes b) { return a + b; }
 inline Lanes subtract(Lanes a, Lanes b) { return a - b; }
@@ -121,7 +122,7 @@ inline Lanes coalesce(Lanes a, Lanes b) { return if_else(is_nan(a), b, a); }
 inline Lanes missing_rank(Lanes a)
 {
   const Bits bits = reinterpret_cast<Bits>(a), kind = (~bits >> 40) & 0xFF;
-  const Mask special = (bits >> 48 == 0xFFFF) & (kind <= 27);
+  const Mask special = is_missing_value(a) & (kind <= 27);
   const Lanes counted = reinterpret_cast<Lanes>(kind | 0x4330000000000000ULL) - all(0x1p52);
   return if_else(is_nan(a), if_else(special, counted, all(1.0)) - all(28.0), Lanes{});
 }
