@@ -78,9 +78,11 @@ private:
   void store_results();
 
   // --- statements (translate_statements.cpp) ---
+  void stand_at(syntax::Position where) { graph_.set_origin({where, caller_, path_, active()}); }
   void run_block(syntax::Block block);
   void run_statements(syntax::Block block, std::size_t first, std::size_t last, bool looping);
   void run_statement(const Statement* s);
+  bool too_large(syntax::Position where);
   void assignment(const syntax::Assignment& a);
   void select_statement(const syntax::SelectStatement& s);
   void select_from(const syntax::SelectStatement& s, const Value& selector, std::size_t when);
@@ -100,7 +102,8 @@ private:
   void counted(const syntax::DoStatement& d, const syntax::LoopRange& r);
   void conditional_loop(const syntax::DoStatement& d);
   void pass(const syntax::DoStatement& d, const Expr* while_, const Expr* until, Slot ended);
-  void carried_loop(syntax::Position where, Slot again, const std::function<void()>& body);
+  void carried_loop(syntax::Position where, Slot again, std::initializer_list<Slot> own,
+                    const std::function<void()>& body);
 
   // --- expressions (translate_expressions.cpp) ---
   Value value_of(const Expr& e);
@@ -147,10 +150,12 @@ private:
   std::vector<Slot> returns_;
   std::vector<const Statement*> links_;
   NodeId path_ = no_node; // mask of the branches around the current statement
+  std::int32_t caller_ = -1; // origin of the call whose subprogram is being inlined
   Slot active_ = 0;
   Slot deleted_ = 0;
   int carried_depth_ = 0;         // loops with carried values around the current statement
   std::int32_t carried_loop_ = 0; // the innermost of them
+  bool too_large_ = false;        // the graph has reached its limit; nothing more is translated
   int call_sites_ = 0;            // random functions met so far
 };
 

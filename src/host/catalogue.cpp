@@ -75,7 +75,7 @@ constexpr CatalogueEntry entries[] = {
      ""},
     {503, 59, W,
      "The PARMS data set has more than the {points} rows expected for this BY group; the others are ignored.", "", ""},
-    {503, 70, E, "The program cannot be evaluated at observation {observation}[: {reason}]; the group is not used.",
+    {503, 70, E, "The program cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; the group is not used.",
      "A logarithm of a number that is not positive, a division by zero, a function outside its domain, at the starting "
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
@@ -85,8 +85,9 @@ constexpr CatalogueEntry entries[] = {
     {503, 72, W, "The program failed at observation {observation}[ in iteration {iteration}][: {reason}].",
      "The optimizer tried parameters at which the model cannot be computed; it steps back from there.",
      "If it occurs often, add BOUNDS or write the model in the logarithm of positive parameters."},
-    {503, 73, E, "The {statement} expressions cannot be evaluated at the final estimates[: {label}][ ({reason})].", "",
-     ""},
+    {503, 73, E, "The {statement} expressions cannot be evaluated at the final estimates[: {label}][: {reason}][, in \"{source}\"].",
+     "The expression leaves the domain of a function, divides by zero, or uses a variable that is missing.",
+     "Look at the estimates; write the expression so that it holds for them."},
     {503, 75, E, "The prediction of subject {subject} failed; its predictions are missing.", "", ""},
     {503, 131, W,
      "The log likelihood is not usable[ for subject {subject}][ at observation {observation}][ in iteration "
@@ -286,7 +287,8 @@ constexpr CatalogueEntry entries[] = {
 
     // --- The data pass and the solve step ---
     {503, 9201, E,
-     "The program cannot go on at observation {observation}[: {reason}]; the group is not used (code {code}).",
+     "The program cannot go on[ at observation {observation}][: {reason}][, in \"{source}\"]; the group is not used (code "
+     "{code}).",
      "STOP or ABORT, a loop that does not end, or a subscript outside its array.", ""},
     {503, 9202, W,
      "{count} observations are not used, since {what} is missing at the starting values although the data are there "
