@@ -4,6 +4,7 @@
 #include "data/data_pass.h"
 
 #include "data/row_runner.h"
+#include "data/starting_values.h"
 #include "evaluation/program_faults.h"
 #include "host/missing.h"
 
@@ -178,8 +179,9 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   std::array<std::int64_t, 8> firsts{};
   const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
   const bool sequential = engine::sequential(*n.pass_program);
-  int inspected = 200;          // a fault shows at once; the rest is counting
-  std::int64_t records = 20000; // that may be run for it: kept values are worked out from the subject's first record on
+  int inspected = 200; // a fault shows at once; the rest is counting
+  // Records that may be run for it: kept values are worked out from the subject's first record on.
+  std::int64_t records = std::clamp(4000000 / std::max(1, engine::program_size(*n.pass_program).nodes), 5, 20000);
   for (std::int64_t row = 0; row < n.store->nobs; ++row) {
     const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
     if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate) continue;
@@ -365,8 +367,9 @@ int tvldata(NX& n)
   if (!n.nqpspec && (n.method == 0 || n.method == 3) && n.nreff() > 0) n.nqp = -1;
 
   engine::Frame frame(*n.gcmp, n.bound);
-  std::vector<double> theta;
-  for (const auto& p : n.parmstr) theta.push_back(p.parmlist.empty() ? 1.0 : p.parmlist[0]);
+  std::vector<double> theta(n.parmstr.size()); // the first starting point that can be used
+  for (long p = 0; p < n.npoints && !grid_point(n, p, theta.data()); ++p) {
+  }
   frame.set_parameters(theta.data());
 
   Pass pass;

@@ -144,6 +144,7 @@ private:
   std::vector<std::pair<Slot, Value>> journal_; // (slot, value before) of every change, for branches
   std::map<const void*, Slot> flags_;
   std::map<std::int32_t, Slot> retained_; // carries of the records: index -> slot whose last value is next
+  std::map<const ArrayInfo*, Array> arrays_; // those used so far
   std::vector<Scope> scopes_;
   std::vector<LoopMasks> loops_;
   std::vector<Labels> labels_;
