@@ -157,16 +157,16 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
 
 // The first fault that a row's values went through: its own, or one of an earlier record that a kept value came from.
 // False when there is none.
-bool report_fault(NX& n, engine::Frame& frame, const Pass& arguments, std::int64_t row)
+bool report_fault(NX& n, engine::Frame& frame, const Pass& pass, std::int64_t row)
 {
   std::vector<engine::Fault> faults;
-  run_checked(n, frame, *n.pass_program, arguments, row, faults);
+  run_checked(n, frame, *n.pass_program, pass, row, faults);
   if (faults.empty()) return false;
   const engine::Fault& fault = faults.front();
-  host::MessageArguments words = {{"observation", observation_number(n, fault.row)}};
+  host::MessageArguments arguments = {{"observation", observation_number(n, fault.row)}};
   auto place = place_of(n, fault.row);
-  evaluation::words_of(n, fault).add_to(words, place);
-  n.host->log().xpmlog(503, 70, words, place);
+  evaluation::words_of(n, fault).add_to(arguments, place);
+  n.host->log().xpmlog(503, 70, arguments, place);
   n.raise(1012);
   return true;
 }

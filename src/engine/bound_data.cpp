@@ -96,6 +96,7 @@ int BoundData::compute(const Program& program) const
   const std::vector<NodeId>& nodes = program.code(Stage::parameter).results;
   std::vector<double> constants(nodes.size(), std::numeric_limits<double>::quiet_NaN());
   CheckedRun once(gcmp_, *this, nullptr, nullptr, 0, 0);
+  once.be_silent();
   for (const Fixed& f : code.fixed)
     if (!f.constant) constants[static_cast<std::size_t>(f.index)] = once.value(nodes[static_cast<std::size_t>(f.index)]);
   if (once.endless()) return 1;

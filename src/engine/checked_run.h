@@ -26,6 +26,7 @@ public:
   void start(std::int64_t row, const std::vector<NodeId>& wanted);
   double value(NodeId id);
   std::string text_value(TextId id);
+  void be_silent() { silent_ = true; } // only values are wanted
   bool endless() const { return passes_ > most_passes; }
 
   std::vector<Fault> faults;

@@ -37,8 +37,8 @@ bool jumps_to(const Statement* s, std::string_view label)
   }
 }
 
-constexpr int most_nodes = 1500000;
-constexpr std::int64_t most_requests = 20000000; // also those that find the node made already
+constexpr int most_nodes = 600000;
+constexpr std::int64_t most_requests = 10000000; // also those that find the node made already
 
 } // namespace
 
