@@ -370,6 +370,7 @@ int tvldata(NX& n)
   std::vector<double> theta(n.parmstr.size()); // the first starting point that can be used
   for (long p = 0; p < n.npoints && !grid_point(n, p, theta.data()); ++p) {
   }
+  for (double& value : theta) value = std::isnan(value) ? 1.0 : value; // no point can be used: the grid says why
   frame.set_parameters(theta.data());
 
   Pass pass;
