@@ -159,8 +159,13 @@ int open_parms_data(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
   } else if (n.bydata) {
     log.xpmlog(503, 24, {{"data", d.name}}, place);
   }
-  if (read_rows(n, rows, found) != 0) return 1;
-  for (const auto& v : found) n.pdata.names.push_back(v.name);
+  std::vector<NamedValues> read;
+  if (read_rows(n, rows, read) != 0) return 1;
+  for (NamedValues& v : read) {
+    v.where = item.where;
+    n.pdata.names.push_back(v.name);
+    found.push_back(std::move(v)); // a name that stands in the statement too is refused, not joined
+  }
   n.noprod = true;
   return 0;
 }

@@ -215,6 +215,15 @@ TEST(BadData, EndsTheGroupWithACause)
   EXPECT_THAT(text.log, HasSubstr("NA"));
 }
 
+TEST(BadData, ParameterInTheStatementAndInItsDataSet)
+{
+  const TemporaryFile starts("starts.csv", "Parameter,Estimate\nb0,1\ns,900\nb0,2\n");
+  const auto run = run_text("TORVALE DATA=sleepstudy;\nPARMS b0=1 / DATA=starts;\nMODEL reaction ~ NORMAL(b0, s);\nRUN;",
+                            "examples", 0, {{"starts", starts.path()}});
+  EXPECT_EQ(run.outcome.exit_code, 3) << run.log;
+  EXPECT_TRUE(run.said(503, 237)) << run.log;
+}
+
 // A wrong step does not stop the steps after it; the run's exit code is the worse one.
 TEST(BadData, LaterStepsRun)
 {
