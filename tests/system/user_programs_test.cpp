@@ -127,6 +127,21 @@ TEST(UserPrograms, FailuresOfAFitHaveAReason)
   EXPECT_NE(stopped.log.find("STOP was executed"), std::string::npos) << stopped.log;
 }
 
+// This fit leaves a saddle by iterations of another technique and goes on: MAXITER= counts them all.
+TEST(UserPrograms, LimitOfIterationsHoldsForTheWholeFit)
+{
+  const auto fit = [](const std::string& most) {
+    return run_text("TORVALE DATA=sleepstudy MAXITER=" + most +
+                    "; PARMS b0=1 s=1 v=1; z = EXP(-b0*days/50); z = z*EXP(-b0*z*days) + 1;"
+                    "MODEL reaction ~ NORMAL(b0*z + u, s); RANDOM u ~ NORMAL(0, v) SUBJECT=subject; RUN;");
+  };
+  const auto ample = fit("200"), small = fit("30");
+  EXPECT_EQ(ample.outcome.exit_code, 0) << ample.log;
+  EXPECT_TRUE(ample.said(503, 9360)) << ample.log;
+  EXPECT_EQ(small.outcome.exit_code, 5) << small.log;
+  EXPECT_TRUE(small.said(549, 605)) << small.log;
+}
+
 // A BY group without a usable observation costs the exit code, not the other groups.
 TEST(UserPrograms, UnusableGroupAmongOthers)
 {
