@@ -83,7 +83,8 @@ int walk_records(const model::NX& n, engine::Frame& frame, const engine::Program
 } // namespace
 
 int run_rows(const model::NX& n, engine::Frame& frame, const engine::Program& program,
-             const std::vector<std::int32_t>& point_of_row, const TileVisitor& visit, std::vector<std::int32_t>& stopped)
+             const std::vector<std::int32_t>& point_of_row, const TileVisitor& visit,
+             std::vector<std::int32_t>& stopped)
 {
   Walk walk(frame, program, point_of_row, visit, stopped);
   if (engine::sequential(program)) return walk_records(n, frame, program, walk);

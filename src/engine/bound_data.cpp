@@ -98,7 +98,8 @@ int BoundData::compute(const Program& program) const
   CheckedRun once(gcmp_, *this, nullptr, nullptr, 0, 0);
   once.be_silent();
   for (const Fixed& f : code.fixed)
-    if (!f.constant) constants[static_cast<std::size_t>(f.index)] = once.value(nodes[static_cast<std::size_t>(f.index)]);
+    if (!f.constant)
+      constants[static_cast<std::size_t>(f.index)] = once.value(nodes[static_cast<std::size_t>(f.index)]);
   if (once.endless()) return 1;
   std::vector<const double*> raw;
   for (const Column& c : program.columns)

@@ -56,9 +56,9 @@ private:
   int point_;
   LoopNesting loops_;
   std::int64_t row_ = 0;
-  bool silent_ = false; // what is computed now belongs to a message, not to the program's run
-  bool earlier_ = false; // records before the wanted one
-  int passes_ = 0;       // of all loops, in this record
+  bool silent_ = false;                      // what is computed now belongs to a message, not to the program's run
+  bool earlier_ = false;                     // records before the wanted one
+  int passes_ = 0;                           // of all loops, in this record
   std::unordered_map<NodeId, double> known_; // values of this record (and pass)
   std::map<std::int32_t, double> kept_;      // carries of the records
   std::vector<NodeId> pass_;                 // nodes computed in the current pass of a loop

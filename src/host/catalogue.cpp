@@ -75,17 +75,22 @@ constexpr CatalogueEntry entries[] = {
      ""},
     {503, 59, W,
      "The PARMS data set has more than the {points} rows expected for this BY group; the others are ignored.", "", ""},
-    {503, 70, E, "The program cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; the group is not used.",
+    {503, 70, E,
+     "The program cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; the group is not "
+     "used.",
      "A logarithm of a number that is not positive, a division by zero, a function outside its domain, at the starting "
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
     {503, 71, E, "No observation can be used; the group is not analysed[; missing: {causes}].",
      "The dependent variable or a covariate is missing throughout, or WHERE= keeps no row.",
      "torvale describe DATA counts missing values."},
-    {503, 72, W, "The program failed at observation {observation}[ in iteration {iteration}][: {reason}][, in \"{source}\"].",
+    {503, 72, W,
+     "The program failed at observation {observation}[ in iteration {iteration}][: {reason}][, in \"{source}\"].",
      "The optimizer tried parameters at which the model cannot be computed; it steps back from there.",
      "If it occurs often, add BOUNDS or write the model in the logarithm of positive parameters."},
-    {503, 73, E, "The {statement} expressions cannot be evaluated at the final estimates[: {label}][: {reason}][, in \"{source}\"].",
+    {503, 73, E,
+     "The {statement} expressions cannot be evaluated at the final estimates[: {label}][: {reason}][, in "
+     "\"{source}\"].",
      "The expression leaves the domain of a function, divides by zero, or uses a variable that is missing.",
      "Look at the estimates; write the expression so that it holds for them."},
     {503, 75, E, "The prediction of subject {subject} failed; its predictions are missing.", "", ""},
@@ -287,7 +292,8 @@ constexpr CatalogueEntry entries[] = {
 
     // --- The data pass and the solve step ---
     {503, 9201, E,
-     "The program cannot go on[ at observation {observation}][: {reason}][, in \"{source}\"]; the group is not used (code "
+     "The program cannot go on[ at observation {observation}][: {reason}][, in \"{source}\"]; the group is not used "
+     "(code "
      "{code}).",
      "STOP or ABORT, a loop that does not end, or a subscript outside its array.", ""},
     {503, 9202, W,
@@ -346,13 +352,16 @@ constexpr CatalogueEntry entries[] = {
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
-    {503, 9360, N, "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the objective from {from} to {to}, and the fit went on from there.",
+    {503, 9360, N,
+     "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the "
+     "objective from {from} to {to}, and the fit went on from there.",
      "Starting values far from the optimum, or variances near the edge of what the model allows.", ""},
     {503, 9350, N, "Check of the Gradient", "", ""},
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},
     {503, 9342, E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
-    {503, 9344, N, "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
+    {503, 9344, N,
+     "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
      "Fewer QPOINTS=, or fewer random effects."},
 

@@ -27,7 +27,8 @@ bool begins_procedure_statement(std::string_view upper)
 std::string option_before(std::string_view text, std::size_t at)
 {
   const auto skip_blanks = [&] {
-    while (at > 0 && (text[at - 1] == ' ' || text[at - 1] == '\t' || text[at - 1] == '\n' || text[at - 1] == '\r')) --at;
+    while (at > 0 && (text[at - 1] == ' ' || text[at - 1] == '\t' || text[at - 1] == '\n' || text[at - 1] == '\r'))
+      --at;
   };
   skip_blanks();
   if (at == 0 || text[at - 1] != '=') return {};
@@ -98,7 +99,8 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
   if (statement && word && name.rfind("PAR", 0) != 0 && last.text == "=" && parse->accepts(token_class::INT) &&
       !parse->accepts(token_class::NAMEX))
     return {"A number is needed here, not " + shown + ".", Recovery::as_number};
-  if (const std::string_view advice = instead_of_value(option_before(text, at), upper_case(wrong.text)); !advice.empty())
+  if (const std::string_view advice = instead_of_value(option_before(text, at), upper_case(wrong.text));
+      !advice.empty())
     return {shown + " cannot stand here. " + std::string(advice), Recovery::as_value};
   if (statement && wrong.symbol == token_class::NAMEX && wrong.where.line == last.where.line &&
       repair.takes_options(*parse) && repair.nearest_keyword(*parse, wrong.text) == 0)

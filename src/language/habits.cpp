@@ -10,17 +10,21 @@ struct Habit {
   std::string_view advice;
 };
 
-constexpr std::string_view newton = "The Newton techniques are NEWRAP (line search), NRRIDG (ridge) and TRUREG (trust region).";
+constexpr std::string_view newton =
+    "The Newton techniques are NEWRAP (line search), NRRIDG (ridge) and TRUREG (trust region).";
 constexpr std::string_view update = "That is an update formula: write TECHNIQUE=QUANEW UPDATE=BFGS, or UPDATE=DFP.";
 constexpr std::string_view laplace = "The Laplace approximation is METHOD=GAUSS with QPOINTS=1.";
 constexpr std::string_view quadrature = "Adaptive Gaussian quadrature is METHOD=GAUSS, the default.";
-constexpr std::string_view likelihood = "Every METHOD= maximizes the likelihood; the choice is how the random effects are integrated out.";
-constexpr std::string_view indicators = "Levels of a variable enter as indicators: x2 = (group = 2); or, of texts, x2 = (group = 'b');";
-constexpr std::string_view chosen_rows =
-    "Rows are chosen where the data set is read, DATA=name(WHERE=(condition)), or left out by IF condition THEN DELETE;";
+constexpr std::string_view likelihood =
+    "Every METHOD= maximizes the likelihood; the choice is how the random effects are integrated out.";
+constexpr std::string_view indicators =
+    "Levels of a variable enter as indicators: x2 = (group = 2); or, of texts, x2 = (group = 'b');";
+constexpr std::string_view chosen_rows = "Rows are chosen where the data set is read, DATA=name(WHERE=(condition)), or "
+                                         "left out by IF condition THEN DELETE;";
 constexpr std::string_view starts = "Starting values stand in PARMS: PARMS a=1 b=2;";
-constexpr std::string_view counts = "For a count of equal subjects there is REPLICATE variable; a weight w of an observation "
-                                    "enters the likelihood: MODEL y ~ GENERAL(w*ll);";
+constexpr std::string_view counts =
+    "For a count of equal subjects there is REPLICATE variable; a weight w of an observation "
+    "enters the likelihood: MODEL y ~ GENERAL(w*ll);";
 
 constexpr Habit habits[] = {
     {"TECHNIQUE", "NEWTON", newton},

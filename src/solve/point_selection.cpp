@@ -60,7 +60,8 @@ int settle_points(NX& n)
     if (next > n.qmax) {
       host::MessageArguments arguments = {{"points", n.nqpold}, {"tolerance", n.qtol}, {"change", change}};
       // Rules that do not follow the integrand need many points, and often more than QMAX= has.
-      if (n.method == 0 && !(n.adaptive && n.adscale)) arguments.emplace_back("option", n.adaptive ? "NOADSCALE" : "NOAD");
+      if (n.method == 0 && !(n.adaptive && n.adscale))
+        arguments.emplace_back("option", n.adaptive ? "NOADSCALE" : "NOAD");
       n.host->log().xpmlog(503, 270, arguments);
       return 2;
     }

@@ -140,12 +140,14 @@ const std::vector<Mistake>& mistakes()
        4,
        {"division by zero", "line 5", "observation 5", "subject 308"}},
       {"LoopWithoutAWayOut",
-       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1;\nDO WHILE(1);\nz = z + b0;\nEND;\nMODEL incidence ~ NORMAL(z, 1);\nRUN;",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1;\nDO WHILE(1);\nz = z + b0;\nEND;\nMODEL incidence ~ NORMAL(z, "
+       "1);\nRUN;",
        1012,
        3,
        {"never ends", "line 4"}},
       {"LoopThatDoesNotEnd",
-       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1;\nDO WHILE(z > 0);\nz = z + b0;\nEND;\nMODEL incidence ~ NORMAL(z, 1);\nRUN;",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1;\nDO WHILE(z > 0);\nz = z + b0;\nEND;\nMODEL incidence ~ NORMAL(z, "
+       "1);\nRUN;",
        1012,
        4,
        {"100000 passes", "line 4", "observation 1"}},
@@ -218,8 +220,9 @@ TEST(BadData, EndsTheGroupWithACause)
 TEST(BadData, ParameterInTheStatementAndInItsDataSet)
 {
   const TemporaryFile starts("starts.csv", "Parameter,Estimate\nb0,1\ns,900\nb0,2\n");
-  const auto run = run_text("TORVALE DATA=sleepstudy;\nPARMS b0=1 / DATA=starts;\nMODEL reaction ~ NORMAL(b0, s);\nRUN;",
-                            "examples", 0, {{"starts", starts.path()}});
+  const auto run =
+      run_text("TORVALE DATA=sleepstudy;\nPARMS b0=1 / DATA=starts;\nMODEL reaction ~ NORMAL(b0, s);\nRUN;", "examples",
+               0, {{"starts", starts.path()}});
   EXPECT_EQ(run.outcome.exit_code, 3) << run.log;
   EXPECT_TRUE(run.said(503, 237)) << run.log;
 }

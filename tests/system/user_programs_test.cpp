@@ -104,7 +104,8 @@ TEST(UserPrograms, LongLoopOfConstants)
 TEST(UserPrograms, BoundsThatMeetHoldTheParameter)
 {
   const std::string model = "MODEL reaction ~ NORMAL(b0 + b1*days, s2); RUN;";
-  const auto held = run_text("TORVALE DATA=sleepstudy; PARMS b0=1 to 300 by 100 b1=10 s2=900; BOUNDS 250 <= b0 <= 250;" + model);
+  const auto held =
+      run_text("TORVALE DATA=sleepstudy; PARMS b0=1 to 300 by 100 b1=10 s2=900; BOUNDS 250 <= b0 <= 250;" + model);
   const auto written = run_text("TORVALE DATA=sleepstudy; PARMS b1=10 s2=900; b0 = 250;" + model);
   ASSERT_EQ(held.outcome.exit_code, 0) << held.log;
   EXPECT_TRUE(held.said(503, 9311)) << held.log;
@@ -121,7 +122,8 @@ TEST(UserPrograms, FailuresOfAFitHaveAReason)
   EXPECT_EQ(estimate.outcome.exit_code, 3);
   EXPECT_TRUE(estimate.said(503, 73)) << estimate.log;
   EXPECT_NE(estimate.log.find("logarithm of a"), std::string::npos) << estimate.log;
-  const auto stopped = run_text("TORVALE DATA=sleepstudy; PARMS b0=1 s=1000 v=1000;\nIF b0 > 250 THEN STOP;" + model + "RUN;");
+  const auto stopped =
+      run_text("TORVALE DATA=sleepstudy; PARMS b0=1 s=1000 v=1000;\nIF b0 > 250 THEN STOP;" + model + "RUN;");
   EXPECT_EQ(stopped.outcome.exit_code, 5);
   EXPECT_TRUE(stopped.said(503, 72)) << stopped.log;
   EXPECT_NE(stopped.log.find("STOP was executed"), std::string::npos) << stopped.log;
