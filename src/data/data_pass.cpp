@@ -4,6 +4,8 @@
 #include "data/data_pass.h"
 
 #include "data/row_runner.h"
+#include "data/starting_values.h"
+#include "evaluation/program_faults.h"
 #include "host/missing.h"
 
 #include <algorithm>
@@ -12,28 +14,12 @@
 
 namespace torvale::data {
 
+using evaluation::observation_number;
+using evaluation::place_of;
 using model::BadCause;
 using model::NX;
 
 namespace {
-
-host::MessagePlace place_of(const NX& n, std::int64_t row)
-{
-  host::MessagePlace place;
-  place.row = n.store->file_row[static_cast<std::size_t>(row)];
-  if (n.nreff() > 0) {
-    const auto& subjects = n.reff[0].SubInfo;
-    const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
-                                     [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
-    place.subject = std::prev(it)->prnc;
-  }
-  return place;
-}
-
-std::int64_t observation_number(const NX& n, std::int64_t row)
-{
-  return n.store->group_row[static_cast<std::size_t>(row)] + 1;
-}
 
 // What is missing in an unusable row, by BadCause.
 constexpr std::array<const char*, 8> what = {"",
@@ -66,25 +52,24 @@ int run_checked(const NX& n, engine::Frame& frame, const engine::Program& progra
   return frame.run_checked(program, row, 0, faults, nerror, nmissgen);
 }
 
-// A fatal fault in the tile that begins at `first`: names the row, the line and the cause.
+// One of these rows holds a fatal fault: names the row, the line and the cause. A fault met while columns were computed
+// may stand in any other row.
 int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, int rc,
-                std::int64_t first)
+                std::vector<std::int32_t> rows)
 {
+  constexpr std::int64_t searched_most = 100000;
+  for (std::int64_t row = 0; row < std::min(n.store->nobs, searched_most); ++row)
+    rows.push_back(static_cast<std::int32_t>(row));
   host::MessageArguments arguments = {{"code", rc}};
-  std::int64_t at = first;
-  int line = 0;
-  const std::int64_t end = engine::sequential(program) ? first : std::min(first + engine::max_lanes, n.store->nobs);
-  for (std::int64_t row = first; row < end; ++row) {
+  host::MessagePlace place;
+  for (const std::int32_t row : rows) {
     std::vector<engine::Fault> faults;
     if (run_checked(n, frame, program, pass, row, faults) <= 2 || faults.empty()) continue;
-    at = row;
-    arguments.emplace_back("reason", faults.back().text);
-    line = n.sources->user_position(faults.back().where).line;
+    place = place_of(n, row);
+    evaluation::words_of(n, faults.front()).add_to(arguments, place);
+    arguments.emplace_back("observation", observation_number(n, row));
     break;
   }
-  arguments.emplace_back("observation", observation_number(n, at));
-  auto place = place_of(n, at);
-  place.line = line;
   n.host->log().xpmlog(503, 9201, arguments, place);
   n.raise(1012);
   return 1;
@@ -98,7 +83,7 @@ int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
   pass.arguments.resize(static_cast<std::size_t>(n.store->nobs * reff.nd));
   const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
   frame.set_points(zero.data(), 1, 1);
-  std::int64_t at = 0;
+  std::vector<std::int32_t> stopped;
   const int rc = run_rows(
       n, frame, *n.programs.setup_value, {},
       [&](const engine::Tile& tile, const engine::Frame& f) {
@@ -109,8 +94,8 @@ int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
         }
         return 0;
       },
-      at);
-  return rc == 0 ? 0 : report_stop(n, frame, *n.programs.setup_value, pass, rc, at);
+      stopped);
+  return rc == 0 ? 0 : report_stop(n, frame, *n.programs.setup_value, pass, rc, stopped);
 }
 
 void mark(NX& n, std::int64_t row, BadCause cause)
@@ -141,7 +126,7 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
   const int outputs = static_cast<int>(n.pass_kind.size());
   const bool counts =
       n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6; // binary to negative binomial
-  std::int64_t at = 0;
+  std::vector<std::int32_t> stopped;
   const int rc = run_rows(
       n, frame, *n.pass_program, point,
       [&](const engine::Tile& tile, const engine::Frame& f) {
@@ -165,8 +150,24 @@ int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
         }
         return 0;
       },
-      at);
-  return rc == 0 ? 0 : report_stop(n, frame, *n.pass_program, arguments, rc, at);
+      stopped);
+  return rc == 0 ? 0 : report_stop(n, frame, *n.pass_program, arguments, rc, stopped);
+}
+
+// The first fault that a row's values went through: its own, or one of an earlier record that a kept value came from.
+// False when there is none.
+bool report_fault(NX& n, engine::Frame& frame, const Pass& pass, std::int64_t row)
+{
+  std::vector<engine::Fault> faults;
+  run_checked(n, frame, *n.pass_program, pass, row, faults);
+  if (faults.empty()) return false;
+  const engine::Fault& fault = faults.front();
+  host::MessageArguments arguments = {{"observation", observation_number(n, fault.row)}};
+  auto place = place_of(n, fault.row);
+  evaluation::words_of(n, fault).add_to(arguments, place);
+  n.host->log().xpmlog(503, 70, arguments, place);
+  n.raise(1012);
+  return true;
 }
 
 // Looks closer at the rows that came out unusable: a program fault ends the group; a value that went missing without a
@@ -176,25 +177,21 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   std::array<long, 8> counts{};
   std::array<std::int64_t, 8> firsts{};
   const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
-  constexpr int inspected_most = 200;                    // a fault shows at once; the rest is counting
-  int inspected = 0;
+  const bool sequential = engine::sequential(*n.pass_program);
+  int inspected = 200; // a fault shows at once; the rest is counting
+  // Records that may be run for it: kept values are worked out from the subject's first record on.
+  std::int64_t records = std::clamp(4000000 / std::max(1, engine::program_size(*n.pass_program).nodes), 5, 20000);
   for (std::int64_t row = 0; row < n.store->nobs; ++row) {
     const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
     if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate) continue;
     bool data_missing = false;
     for (const auto& column : n.store->view.columns)
       data_missing = data_missing || (column.numeric != nullptr && std::isnan(column.numeric[row]));
-    if (inspected < inspected_most && !engine::sequential(*n.pass_program)) {
-      ++inspected;
-      std::vector<engine::Fault> faults;
-      run_checked(n, frame, *n.pass_program, arguments, row, faults);
-      if (!faults.empty()) {
-        auto place = place_of(n, row);
-        place.line = n.sources->user_position(faults[0].where).line;
-        n.host->log().xpmlog(503, 70, {{"observation", observation_number(n, row)}, {"reason", faults[0].text}}, place);
-        n.raise(1012);
-        return 1;
-      }
+    if (inspected > 0 && records > 0) {
+      --inspected;
+      const std::int32_t* const starts = n.store->view.subject_start;
+      records -= sequential ? row - (starts != nullptr ? starts[row] : 0) + 1 : 1;
+      if (report_fault(n, frame, arguments, row)) return 1;
     }
     if (data_missing || deletes) continue;
     const auto c = static_cast<std::size_t>(cause);
@@ -369,8 +366,10 @@ int tvldata(NX& n)
   if (!n.nqpspec && (n.method == 0 || n.method == 3) && n.nreff() > 0) n.nqp = -1;
 
   engine::Frame frame(*n.gcmp, n.bound);
-  std::vector<double> theta;
-  for (const auto& p : n.parmstr) theta.push_back(p.parmlist.empty() ? 1.0 : p.parmlist[0]);
+  std::vector<double> theta(n.parmstr.size()); // the first starting point that can be used
+  for (long p = 0; p < n.npoints && !grid_point(n, p, theta.data()); ++p) {
+  }
+  for (double& value : theta) value = std::isnan(value) ? 1.0 : value; // no point can be used: the grid says why
   frame.set_parameters(theta.data());
 
   Pass pass;

@@ -16,8 +16,8 @@ struct Lanes {
 class Walk {
 public:
   Walk(engine::Frame& frame, const engine::Program& program, const std::vector<std::int32_t>& points,
-       const TileVisitor& visit, std::int64_t& stopped_at)
-      : frame_(frame), program_(program), points_(points), visit_(visit), stopped_at_(stopped_at)
+       const TileVisitor& visit, std::vector<std::int32_t>& stopped)
+      : frame_(frame), program_(program), points_(points), visit_(visit), stopped_(stopped)
   {
   }
 
@@ -38,10 +38,11 @@ public:
     tile.observation = lanes_.observation.data();
     tile.point = lanes_.point.data();
     tile.state = sequential ? lanes_.state.data() : nullptr;
-    stopped_at_ = lanes_.observation[0];
     count_ = 0;
-    if (const int rc = frame_.run(program_, tile); rc > 2) return rc;
-    return visit_(tile, frame_);
+    const int rc = frame_.run(program_, tile);
+    if (rc <= 2) return visit_(tile, frame_);
+    stopped_.assign(tile.observation, tile.observation + tile.lanes);
+    return rc;
   }
 
 private:
@@ -49,7 +50,7 @@ private:
   const engine::Program& program_;
   const std::vector<std::int32_t>& points_;
   const TileVisitor& visit_;
-  std::int64_t& stopped_at_;
+  std::vector<std::int32_t>& stopped_;
   Lanes lanes_;
   int count_ = 0;
 };
@@ -82,9 +83,10 @@ int walk_records(const model::NX& n, engine::Frame& frame, const engine::Program
 } // namespace
 
 int run_rows(const model::NX& n, engine::Frame& frame, const engine::Program& program,
-             const std::vector<std::int32_t>& point_of_row, const TileVisitor& visit, std::int64_t& stopped_at)
+             const std::vector<std::int32_t>& point_of_row, const TileVisitor& visit,
+             std::vector<std::int32_t>& stopped)
 {
-  Walk walk(frame, program, point_of_row, visit, stopped_at);
+  Walk walk(frame, program, point_of_row, visit, stopped);
   if (engine::sequential(program)) return walk_records(n, frame, program, walk);
   for (std::int64_t first = 0; first < n.store->nobs; first += engine::max_lanes) {
     const std::int64_t last = std::min<std::int64_t>(first + engine::max_lanes, n.store->nobs);

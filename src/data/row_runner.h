@@ -14,9 +14,9 @@ using TileVisitor = std::function<int(const engine::Tile&, const engine::Frame&)
 
 // run_rows: point_of_row gives each row's index into the random-effect values that the caller has set on the frame;
 // empty: point 0 for all. Programs that keep values from record to record get the records of a subject in order.
-// Returns 0, the visitor's result, or the engine's code above 2 (STOP, ABORT; `stopped_at` is then the first row of the
-// tile).
+// Returns 0, the visitor's result, or the engine's code above 2 (STOP, ABORT; `stopped` is then the rows of the tile).
 int run_rows(const model::NX& n, engine::Frame& frame, const engine::Program& program,
-             const std::vector<std::int32_t>& point_of_row, const TileVisitor& visit, std::int64_t& stopped_at);
+             const std::vector<std::int32_t>& point_of_row, const TileVisitor& visit,
+             std::vector<std::int32_t>& stopped);
 
 } // namespace torvale::data

@@ -159,8 +159,13 @@ int open_parms_data(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
   } else if (n.bydata) {
     log.xpmlog(503, 24, {{"data", d.name}}, place);
   }
-  if (read_rows(n, rows, found) != 0) return 1;
-  for (const auto& v : found) n.pdata.names.push_back(v.name);
+  std::vector<NamedValues> read;
+  if (read_rows(n, rows, read) != 0) return 1;
+  for (NamedValues& v : read) {
+    v.where = item.where;
+    n.pdata.names.push_back(v.name);
+    found.push_back(std::move(v)); // a name that stands in the statement too is refused, not joined
+  }
   n.noprod = true;
   return 0;
 }
@@ -169,9 +174,7 @@ int load_group_values(NX& n)
 {
   if (!n.pdata.by) return 0;
   // The group with the same BY values, wherever it stands in the PARMS data set.
-  host::ByGroups main;
-  if (main.build(*n.fid, n.bylist, true, n.host->log()) != 0) return 1;
-  const auto match = n.pdata.groups.xbysync(main, static_cast<std::size_t>(n.group));
+  const auto match = n.pdata.groups.xbysync(*n.by_groups, static_cast<std::size_t>(n.group));
   if (!match) {
     n.host->log().xpmlog(503, 9208, {{"data", n.pdata.data->name}});
     n.raise(1012);
@@ -207,7 +210,7 @@ bool grid_point(const NX& n, long p, double* theta)
       index = k % count;
       k /= count;
     }
-    const double value = parameter.parmlist[static_cast<std::size_t>(index)];
+    const double value = parameter.held() ? parameter.lowbound : parameter.parmlist[static_cast<std::size_t>(index)];
     theta[i] = value;
     const bool inside =
         !(parameter.applyh && value > parameter.highbound) && !(parameter.applyl && value < parameter.lowbound);

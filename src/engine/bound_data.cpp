@@ -1,5 +1,7 @@
 #include "engine/bound_data.h"
 
+#include "engine/checked_run.h"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -89,9 +91,16 @@ int BoundData::compute(const Program& program) const
     a.reserve(static_cast<std::size_t>(view_.rows) + 1);
     store.to[static_cast<std::size_t>(c.result)] = a.data();
   }
-  // Results of the parameter stage that depend on nothing at all: constants that could not be folded.
-  std::vector<double> constants(program.code(Stage::parameter).results.size(),
-                                std::numeric_limits<double>::quiet_NaN());
+  // Results of the parameter stage that depend on nothing at all, of loops that are not written out: the same for all
+  // parameter values, of which there are none yet.
+  const std::vector<NodeId>& nodes = program.code(Stage::parameter).results;
+  std::vector<double> constants(nodes.size(), std::numeric_limits<double>::quiet_NaN());
+  CheckedRun once(gcmp_, *this, nullptr, nullptr, 0, 0);
+  once.be_silent();
+  for (const Fixed& f : code.fixed)
+    if (!f.constant)
+      constants[static_cast<std::size_t>(f.index)] = once.value(nodes[static_cast<std::size_t>(f.index)]);
+  if (once.endless()) return 1;
   std::vector<const double*> raw;
   for (const Column& c : program.columns)
     raw.push_back(c.result < 0 ? raw_column(gcmp_.graph.node(c.node).index) : nullptr);

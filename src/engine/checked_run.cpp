@@ -4,14 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace torvale::engine {
-
-namespace {
-
-constexpr int most_passes = 100000;
-
-} // namespace
 
 void CheckedRun::start(std::int64_t row, const std::vector<NodeId>& wanted)
 {
@@ -20,14 +15,15 @@ void CheckedRun::start(std::int64_t row, const std::vector<NodeId>& wanted)
     for (const NodeId id : wanted) needed_carries(0, id, carries);
   kept_.clear();
   for (const std::int32_t c : carries) kept_[c] = graph_.value(graph_.carry_at(c).initial);
-  silent_ = true;
+  earlier_ = true;
   for (row_ = carries.empty() ? row : data_.subject_start(row); row_ < row; ++row_) {
     known_.clear();
     std::map<std::int32_t, double> next;
     for (const std::int32_t c : carries) next[c] = value(graph_.carry_at(c).next);
     kept_ = std::move(next);
+    passes_ = 0;
   }
-  silent_ = false;
+  earlier_ = false;
   known_.clear();
 }
 
@@ -137,21 +133,72 @@ double CheckedRun::kernel_value(NodeId id, const Node& n)
     ++made_missing;
     return v;
   }
-  Fault f;
-  f.where = graph_.position(id);
-  f.row = row_;
+  (earlier_ ? earlier : faults).push_back(fault_of(id, n, operands));
+  return v;
+}
+
+Fault CheckedRun::fault_of(NodeId id, const Node& n, const double* operands)
+{
+  const auto line = [&](syntax::Position where) {
+    if (gcmp_.options.sources != nullptr) where = gcmp_.options.sources->user_position(where);
+    return std::to_string(where.line);
+  };
   const KernelInfo& info = kernel_info(n.kernel);
+  Fault f;
+  f.row = row_;
   f.text = info.fault.empty() ? std::string(info.name) + " has no value" : std::string(info.fault);
   f.text += n.operands == 1 ? " (operand " : " (operands ";
   for (int k = 0; k < n.operands; ++k) f.text += (k > 0 ? ", " : "") + text_from_number(operands[k], {});
   f.text += ")";
-  std::int32_t last = f.where.line;
-  for (const syntax::Position& other : graph_.other_positions(id)) {
-    if (other.line != last) f.text += "; the same expression stands in line " + std::to_string(other.line);
-    last = other.line;
+  const std::vector<Origin> origins = executed_origins(id);
+  f.where = origins[0].where;
+  for (std::int32_t c = origins[0].caller; c >= 0; c = graph_.origin_at(c).caller)
+    f.text += ", called in line " + line(graph_.origin_at(c).where);
+  std::string last = line(f.where);
+  for (std::size_t k = 1; k < origins.size(); ++k) {
+    const std::string other = line(origins[k].where);
+    if (other != last) f.text += "; the same expression stands in line " + other;
+    last = other;
   }
-  faults.push_back(std::move(f));
-  return v;
+  return f;
+}
+
+// The statements that compute the node in this lane. One expression in several branches is one node; the masks tell in
+// which branch the lane is. All of them when that cannot be found out.
+std::vector<Origin> CheckedRun::executed_origins(NodeId id)
+{
+  const std::vector<Origin> all = graph_.origins(id);
+  if (all.size() == 1) return all;
+  std::vector<Origin> those;
+  const bool before = std::exchange(silent_, true);
+  for (const Origin& origin : all)
+    if (executed(origin)) those.push_back(origin);
+  silent_ = before;
+  return those.empty() ? all : those;
+}
+
+bool CheckedRun::executed(const Origin& origin)
+{
+  for (const NodeId mask : {origin.path, origin.active})
+    if (mask != no_node && computable(mask) && !(value(mask) != 0.0)) return false;
+  return true;
+}
+
+// False when a value carried in a loop stands behind the node that this pass has not brought along.
+bool CheckedRun::computable(NodeId id) const
+{
+  std::set<NodeId> seen;
+  std::vector<NodeId> open{id};
+  while (!open.empty()) {
+    const NodeId at = open.back();
+    open.pop_back();
+    if (known_.count(at) > 0 || !seen.insert(at).second) continue;
+    const Node& n = graph_.node(at);
+    if (n.kind == NodeKind::result) return false;
+    if (n.kind == NodeKind::carry && (graph_.carry_at(n.index).loop != 0 || kept_.count(n.index) == 0)) return false;
+    for (int k = 0; k < n.operands; ++k) open.push_back(n.operand[static_cast<std::size_t>(k)]);
+  }
+  return true;
 }
 
 // Passes of a loop for one lane; the carries behind the wanted nodes at its end. Values that belong to a pass are
@@ -177,10 +224,12 @@ CheckedRun::Carries CheckedRun::run_loop(std::int32_t loop, const std::vector<No
     }
     pass_.swap(still);
   };
-  for (int passes = 0;; ++passes) {
+  for (;;) {
     for (const auto& [c, v] : now) known_[graph_.carry_at(c).entry] = v;
-    endless_ = endless_ || passes > most_passes;
-    if (!(value(condition) != 0.0) || endless_) break;
+    if (endless() || !(value(condition) != 0.0)) break;
+    if (++passes_ > most_passes)
+      faults.insert(faults.begin(), {graph_.loop_at(loop).where, row_,
+                                     "the loops make more than " + std::to_string(most_passes) + " passes"});
     if (in_pass) in_pass();
     Carries next;
     for (const std::int32_t c : carries) next[c] = value(graph_.carry_at(c).next);
@@ -234,13 +283,11 @@ int Frame::run_checked(const Program& program, std::int64_t row, int point, std:
     rc = trap_code(e.kind);
     static constexpr const char* texts[] = {"STOP was executed", "ABORT was executed",
                                             "a subscript is outside the bounds of its array"};
-    run.faults.push_back({e.where, row, texts[static_cast<std::size_t>(e.kind)]});
+    run.faults.insert(run.faults.begin(), {e.where, row, texts[static_cast<std::size_t>(e.kind)]});
   }
-  if (run.endless()) {
-    rc = run_code::endless_loop;
-    run.faults.push_back({{}, row, "a loop made more than 100000 passes"});
-  }
+  if (run.endless()) rc = run_code::endless_loop;
   nerror = static_cast<int>(run.faults.size());
+  run.faults.insert(run.faults.end(), run.earlier.begin(), run.earlier.end());
   nmissgen = run.made_missing;
   faults.insert(faults.end(), run.faults.begin(), run.faults.end());
   return rc;

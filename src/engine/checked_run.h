@@ -27,12 +27,14 @@ public:
   void start(std::int64_t row, const std::vector<NodeId>& wanted);
   double value(NodeId id);
   std::string text_value(TextId id);
-  bool endless() const { return endless_; }
   // Makes the passes of a loop; `in_pass` is called in each of them and may ask for the `wanted` nodes.
   void each_pass(std::int32_t loop, const std::vector<NodeId>& wanted, const std::function<void()>& in_pass);
   const LoopNesting& nesting() const { return loops_; }
+  void be_silent() { silent_ = true; } // only values are wanted
+  bool endless() const { return passes_ > most_passes; }
 
   std::vector<Fault> faults;
+  std::vector<Fault> earlier; // of records before the wanted one, that its kept values went through
   int made_missing = 0; // operations that gave a missing value because an operand was missing
 
 private:
@@ -41,6 +43,10 @@ private:
   void compute(NodeId id);
   double kernel_value(NodeId id, const Node& n);
   double symbol_value(const Node& n) const;
+  Fault fault_of(NodeId id, const Node& n, const double* operands);
+  std::vector<Origin> executed_origins(NodeId id);
+  bool executed(const Origin& origin);
+  bool computable(NodeId id) const;
   using Carries = std::map<std::int32_t, double>;
   Carries run_loop(std::int32_t loop, const std::vector<NodeId>& wanted, const std::function<void()>& in_pass);
   void needed_carries(std::int32_t loop, NodeId from, std::set<std::int32_t>& carries);
@@ -55,8 +61,9 @@ private:
   int point_;
   LoopNesting loops_;
   std::int64_t row_ = 0;
-  bool silent_ = false; // records before the wanted one: their faults are not this record's
-  bool endless_ = false;
+  bool silent_ = false;                      // what is computed now belongs to a message, not to the program's run
+  bool earlier_ = false;                     // records before the wanted one
+  int passes_ = 0;                           // of all loops, in this record
   std::unordered_map<NodeId, double> known_; // values of this record (and pass)
   std::map<std::int32_t, double> kept_;      // carries of the records
   std::vector<NodeId> pass_;                 // nodes computed in the current pass of a loop

@@ -156,7 +156,7 @@ std::vector<NodeId> Differentiator::gradient(NodeId y, std::span<const std::int3
     const Guarded a = joined(entry->second);
     adjoint.erase(entry);
     const Node n = graph_.node(*it);
-    graph_.inherit_position(*it);
+    graph_.inherit_origin(*it);
     if (n.kind == NodeKind::kernel && !(jacobian && gcmp_.dependence.stage(*it) != top)) {
       for (int k = 0; k < n.operands; ++k) {
         const NodeId operand = n.operand[static_cast<std::size_t>(k)];
@@ -207,7 +207,7 @@ NodeId Differentiator::tangent_of(NodeId id, std::int32_t symbol)
     return it == known.end() ? no_node : it->second;
   };
   const Node n = graph_.node(id);
-  graph_.inherit_position(id);
+  graph_.inherit_origin(id);
   NodeId sum = no_node;
   switch (n.kind) {
   case NodeKind::symbol:

@@ -177,8 +177,9 @@ namespace run_code {
 inline constexpr int stopped = 3;      // STOP
 inline constexpr int aborted = 4;      // ABORT
 inline constexpr int subscript = 5;    // a subscript outside the bounds of its array
-inline constexpr int endless_loop = 6; // a loop made more than 100000 passes
+inline constexpr int endless_loop = 6; // the program's loops made more than `most_passes` passes
 } // namespace run_code
+inline constexpr int most_passes = 100000; // of all loops of a record: a program that makes more is taken to hang
 
 // Tile: what each lane stands for.
 struct Tile {
@@ -234,7 +235,8 @@ public:
 
   // Runs one lane by the slow path: the same kernels one node at a time, only what the outputs need. A fault is a
   // missing value that an operation made from present ones; nerror counts them, nmissgen the operations that had a
-  // missing operand. Kept values are worked out from the subject's first record on. Returns what `run` would.
+  // missing operand. Kept values are worked out from the subject's first record on; faults on that way stand behind
+  // those of the row itself, and what ends the run stands first. Returns what `run` would.
   int run_checked(const Program& program, std::int64_t row, int point, std::vector<Fault>& faults, int& nerror,
                   int& nmissgen);
   // The lines that PUT statements write for one lane, in program order.

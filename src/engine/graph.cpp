@@ -12,6 +12,7 @@ namespace torvale::engine {
 
 namespace {
 
+constexpr std::size_t most_origins = 64; // kept of a node: unrolled loops ask for some nodes in every pass
 constexpr std::uint64_t ordinary_missing_bits = 0xFFFFFE0000000000u;
 
 std::uint64_t mix(std::uint64_t h, std::uint64_t v)
@@ -60,7 +61,7 @@ bool GraphBuilder::Same::operator()(const Node& a, const Node& b) const
 
 GraphBuilder::GraphBuilder()
 {
-  positions_.push_back({});
+  origins_.push_back({});
   loops_.push_back({}); // loop 0: the records of a subject
 }
 
@@ -68,15 +69,16 @@ NodeId GraphBuilder::intern(const Node& n)
 {
   ++requests_;
   if (const auto it = known_.find(n); it != known_.end()) {
-    if (n.kind == NodeKind::kernel && !derivative_mode_ && node(it->second).where != position_) {
+    if (n.kind == NodeKind::kernel && !derivative_mode_ && node(it->second).where != origin_) {
       std::vector<std::int32_t>& also = also_[it->second];
-      if (std::find(also.begin(), also.end(), position_) == also.end()) also.push_back(position_);
+      if (also.size() < most_origins && std::find(also.begin(), also.end(), origin_) == also.end())
+        also.push_back(origin_);
     }
     return it->second;
   }
   const auto id = static_cast<NodeId>(nodes_.size());
   nodes_.push_back(n);
-  nodes_.back().where = position_;
+  nodes_.back().where = origin_;
   truth_.push_back(found_truth(n));
   passes_special_.push_back(passes_special(n));
   if (n.kind == NodeKind::constant && passes_special_.back()) special_missing_ = true;
@@ -191,24 +193,20 @@ void GraphBuilder::declare_present(std::int32_t symbol_index)
   present_symbols_[at] = true;
 }
 
-void GraphBuilder::set_position(syntax::Position where)
+void GraphBuilder::set_origin(const Origin& o)
 {
-  const syntax::Position last = positions_.back();
-  if (last.source != where.source || last.line != where.line || last.column != where.column)
-    positions_.push_back(where);
-  position_ = static_cast<std::int32_t>(positions_.size()) - 1;
+  const Origin& last = origins_.back();
+  if (last.where.source != o.where.source || last.where.line != o.where.line || last.where.column != o.where.column ||
+      last.caller != o.caller || last.path != o.path || last.active != o.active)
+    origins_.push_back(o);
+  origin_ = static_cast<std::int32_t>(origins_.size()) - 1;
 }
 
-syntax::Position GraphBuilder::position(NodeId id) const
+std::vector<Origin> GraphBuilder::origins(NodeId id) const
 {
-  return positions_[static_cast<std::size_t>(node(id).where)];
-}
-
-std::vector<syntax::Position> GraphBuilder::other_positions(NodeId id) const
-{
-  std::vector<syntax::Position> all;
+  std::vector<Origin> all{origin_at(node(id).where)};
   if (const auto it = also_.find(id); it != also_.end())
-    for (const std::int32_t k : it->second) all.push_back(positions_[static_cast<std::size_t>(k)]);
+    for (const std::int32_t k : it->second) all.push_back(origin_at(k));
   return all;
 }
 

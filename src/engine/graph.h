@@ -43,7 +43,7 @@ struct Node {
   std::int32_t operands = 0; // count of operands
   std::array<NodeId, 6> operand{};
   double value = 0.0;     // of constant
-  std::int32_t where = 0; // index into GraphBuilder::positions(): the statement it first stood in
+  std::int32_t where = 0; // GraphBuilder::origin_at: the statement it first stood in
 };
 
 // Carry: a value handed from one pass to the next. Loop 0 is the sequence of records of a subject; the others are
@@ -53,6 +53,14 @@ struct Carry {
   NodeId initial = no_node; // value at the first pass; of loop 0 a constant
   NodeId next = no_node;    // value handed to the next pass, in terms of carries of the same loop
   NodeId entry = no_node;   // the carry node
+};
+
+// Origin: an execution of a statement. `path` and `active` are the masks under which it takes place.
+struct Origin {
+  syntax::Position where;
+  std::int32_t caller = -1; // origin of the call, in a subprogram
+  NodeId path = no_node;
+  NodeId active = no_node;
 };
 
 struct Loop {
@@ -139,11 +147,14 @@ public:
 
   // --- where nodes come from ---
   // Nodes made from now on belong to this statement (messages of faults).
-  void set_position(syntax::Position where);
-  void inherit_position(NodeId id) { position_ = node(id).where; } // nodes from now on: as that node's
-  syntax::Position position(NodeId id) const;
-  // Other statements that compute the same, in order: sharing hides which of them a run has executed.
-  std::vector<syntax::Position> other_positions(NodeId id) const;
+  void set_origin(const Origin& origin);
+  std::int32_t origin() const { return origin_; }
+  void return_to_origin(std::int32_t index) { origin_ = index; }
+  void inherit_origin(NodeId id) { origin_ = node(id).where; } // nodes from now on: as that node's
+  const Origin& origin_at(std::int32_t index) const { return origins_[static_cast<std::size_t>(index)]; }
+  syntax::Position position(NodeId id) const { return origin_at(node(id).where).where; }
+  // All statements that compute the node, in order: sharing hides which of them a run has executed.
+  std::vector<Origin> origins(NodeId id) const;
 
   // While one lives the builder is in derivative mode.
   class Derivative {
@@ -186,9 +197,9 @@ private:
   std::vector<bool> truth_;          // per node
   std::vector<bool> passes_special_; // per node: what it holds may come unchanged from an input, a constant or a carry
   bool special_missing_ = false;
-  std::vector<syntax::Position> positions_;
+  std::vector<Origin> origins_;
   std::unordered_map<NodeId, std::vector<std::int32_t>> also_; // nodes that further statements asked for
-  std::int32_t position_ = 0;
+  std::int32_t origin_ = 0;
   std::int64_t requests_ = 0;
   bool derivative_mode_ = false;
 };

@@ -9,8 +9,6 @@ namespace torvale::engine {
 
 namespace {
 
-constexpr int most_passes = 100000; // of a loop: a program that makes more is taken to hang
-
 // How indices run along a strip decides how values are fetched: one value for all, a copy, or one by one.
 Lanes::Run run_of(const std::int32_t* index, int n)
 {

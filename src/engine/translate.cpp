@@ -215,7 +215,7 @@ void Translator::run()
 
 void Translator::late(const Expr& e)
 {
-  graph_.set_position(e.where);
+  stand_at(e.where);
   const auto index = static_cast<std::size_t>(gcmp_.sites.at(&e));
   if (gcmp_.value.size() <= index) gcmp_.value.resize(index + 1, no_node);
   gcmp_.value[index] = number_of(e);

@@ -90,9 +90,11 @@ private:
   void store_results();
 
   // --- statements (translate_statements.cpp) ---
+  void stand_at(syntax::Position where) { graph_.set_origin({where, caller_, path_, active()}); }
   void run_block(syntax::Block block);
   void run_statements(syntax::Block block, std::size_t first, std::size_t last, bool looping);
   void run_statement(const Statement* s);
+  bool too_large(syntax::Position where);
   void assignment(const syntax::Assignment& a);
   void select_statement(const syntax::SelectStatement& s);
   void select_from(const syntax::SelectStatement& s, const Value& selector, std::size_t when);
@@ -116,7 +118,8 @@ private:
   Value handed_on(Slot s, NodeId number);
   syntax::Block outermost_block() const;
   std::string no_way_to(std::string_view label) const;
-  void carried_loop(syntax::Position where, Slot again, const std::function<void()>& body);
+  void carried_loop(syntax::Position where, Slot again, std::initializer_list<Slot> own,
+                    const std::function<void()>& body);
 
   // --- expressions (translate_expressions.cpp) ---
   Value value_of(const Expr& e);
@@ -174,17 +177,20 @@ private:
   std::vector<Slot> lagged_;                                        // per LAG in loops: its argument in the last pass
   std::size_t lags_ = 0;                                            // LAG in loops met so far
   std::map<const Expr*, int> draws_;                                // numbers of the random functions
+  std::map<const ArrayInfo*, Array> arrays_; // those used so far
   std::vector<Scope> scopes_;
   std::vector<LoopMasks> loops_;
   std::vector<Labels> labels_;
   std::vector<Slot> returns_;
   std::vector<const Statement*> links_;
   NodeId path_ = no_node; // mask of the branches around the current statement
+  std::int32_t caller_ = -1; // origin of the call whose subprogram is being inlined
   Slot active_ = 0;
   Slot deleted_ = 0;
   int carried_depth_ = 0;         // loops with carried values around the current statement
   std::int32_t carried_loop_ = 0; // the innermost of them
   bool learned_ = false;
+  bool too_large_ = false;        // the graph has reached its limit; nothing more is translated
 };
 
 } // namespace torvale::engine

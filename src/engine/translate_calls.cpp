@@ -6,6 +6,7 @@
 #include "engine/loop_nesting.h"
 
 #include <cmath>
+#include <utility>
 
 namespace torvale::engine {
 
@@ -77,11 +78,15 @@ Value Translator::inlined(const SubprogramDefinition& d, std::span<Expr* const> 
 
   scopes_.push_back(std::move(scope));
   returns_.push_back(returned);
+  const std::int32_t call = graph_.origin();
+  const std::int32_t caller_outside = std::exchange(caller_, call);
   std::vector<LoopMasks> loops_outside;
   std::vector<Labels> labels_outside;
   loops_outside.swap(loops_); // LEAVE and GOTO do not reach out of a subprogram
   labels_outside.swap(labels_);
   run_block(d.body);
+  caller_ = caller_outside;
+  graph_.return_to_origin(call);
   loops_.swap(loops_outside);
   labels_.swap(labels_outside);
   returns_.pop_back();

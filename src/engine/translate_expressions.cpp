@@ -227,7 +227,8 @@ std::optional<Translator::Array> Translator::array_named(std::string_view name)
   }
   const auto it = gcmp_.arrays.find(name);
   if (it == gcmp_.arrays.end()) return std::nullopt;
-  Array a;
+  Array& a = arrays_[&it->second];
+  if (a.declaration != nullptr) return a;
   a.declaration = it->second.declaration;
   for (const std::int32_t symbol : it->second.elements)
     a.slots.push_back(symbol_slot(gcmp_.at(symbol).name, gcmp_.at(symbol).where));

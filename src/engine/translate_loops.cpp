@@ -162,13 +162,16 @@ void Translator::pass(const DoStatement& d, const Expr* while_, const Expr* unti
     set(ended, graph_.or_(env(ended).number, graph_.and_(active(), graph_.not_(go))));
     set(active_, graph_.and_(active(), go));
   };
-  if (while_ != nullptr) go_on_if(truth_of(*while_));
+  if (while_ != nullptr) {
+    stand_at(while_->where);
+    go_on_if(truth_of(*while_));
+  }
   if (is_active()) run_block(d.body);
   const Slot next = loops_.back().next;
   set(active_, graph_.or_(active(), env(next).number));
   set(next, graph_.zero());
   if (until == nullptr || !is_active()) return;
-  graph_.set_position(until->where);
+  stand_at(until->where);
   go_on_if(graph_.not_(truth_of(*until)));
 }
 
@@ -202,7 +205,7 @@ void Translator::counted(const DoStatement& d, const LoopRange& r)
   };
   if (r.stop == nullptr) { // start BY step WHILE or UNTIL: no end of its own
     const Slot again = new_slot("again", {active(), no_text}, true);
-    carried_loop(d.where, again, counted_pass);
+    carried_loop(d.where, again, {count, loops_.back().next}, counted_pass);
     return set(active_, env(ended).number);
   }
   const NodeId quotient = graph_.divide(graph_.subtract(number_of(*r.stop), start), step);
@@ -211,7 +214,7 @@ void Translator::counted(const DoStatement& d, const LoopRange& r)
   if (graph_.is_constant(enter, 0.0)) return store(start);
   if (graph_.is_constant(passes) && graph_.value(passes) <= most_unrolled_passes) {
     const double n = graph_.value(passes);
-    for (double k = 0.0; k < n && is_active(); k += 1.0) {
+    for (double k = 0.0; k < n && is_active() && !too_large_; k += 1.0) {
       store(value_at(graph_.constant(k)));
       pass(d, r.while_, r.until, ended);
     }
@@ -220,7 +223,7 @@ void Translator::counted(const DoStatement& d, const LoopRange& r)
   }
   const Slot again = new_slot("again", {enter, no_text}, true);
   const Slot done = new_slot("done", {graph_.and_(active(), graph_.not_(enter)), no_text}, true);
-  carried_loop(d.where, again, [&] {
+  carried_loop(d.where, again, {loops_.back().next}, [&] {
     counted_pass();
     const NodeId more = graph_.compare(Kernel::less, env(count).number, passes);
     set(done, graph_.or_(env(done).number, graph_.and_(active(), graph_.not_(more))));
@@ -236,13 +239,13 @@ void Translator::conditional_loop(const DoStatement& d)
 {
   const Slot ended = loops_.back().leave; // ended lanes and those that left go on at the same place
   const NodeId on_entry = active();
-  for (double k = 0.0; k < most_unrolled_passes && active() == on_entry; k += 1.0) {
+  for (double k = 0.0; k < most_unrolled_passes && active() == on_entry && !too_large_; k += 1.0) {
     if (d.while_ != nullptr && !graph_.is_constant(truth_of(*d.while_))) break;
     pass(d, d.while_, d.until, ended);
   }
   if (!is_active()) return;
   const Slot again = new_slot("again", {active(), no_text}, true);
-  carried_loop(d.where, again, [&] { pass(d, d.while_, d.until, ended); });
+  carried_loop(d.where, again, {loops_.back().next}, [&] { pass(d, d.while_, d.until, ended); });
   set(active_, graph_.zero());
 }
 
@@ -252,7 +255,7 @@ void Translator::goto_loop(Block block, std::size_t first, std::size_t last)
   const Slot pending = labels_.back().pending.at(std::string(block[first]->label));
   const Slot again = new_slot("again", {active(), no_text}, true);
   const Slot behind = new_slot("behind", {graph_.zero(), no_text}, true);
-  carried_loop(block[first]->where, again, [&] {
+  carried_loop(block[first]->where, again, {pending}, [&] {
     run_statements(block, first, last, true);
     set(behind, graph_.or_(env(behind).number, active()));
     set(active_, env(pending).number);
@@ -271,7 +274,9 @@ Value Translator::handed_on(Slot s, NodeId number)
 // A loop with a count that only a run knows. `body` translates one pass: it starts with `active` equal to the mask
 // `again` and ends with `active` set for the lanes that make another pass. The slots that a pass changes are found by
 // translating it until no new one appears; then each of them is a carried value.
-void Translator::carried_loop(Position where, Slot again, const std::function<void()>& body)
+// Lanes leave through masks; a loop that changes none but its own, `again` and those of `own`, never ends.
+void Translator::carried_loop(Position where, Slot again, std::initializer_list<Slot> own,
+                              const std::function<void()>& body)
 {
   const auto made_before = static_cast<Slot>(values_.size());
   const std::size_t effects_before = gcmp_.effects.size();
@@ -317,6 +322,12 @@ void Translator::carried_loop(Position where, Slot again, const std::function<vo
   }
   --carried_depth_;
   carried_loop_ = around;
+  const bool left = std::any_of(carried.begin(), carried.end(), [&](Slot s) {
+    return info(s).hidden && s != again && s != active_ && std::find(own.begin(), own.end(), s) == own.end();
+  });
+  if (!left && !too_large_)
+    fail(message::loop, where,
+         "This loop never ends: no condition of it can become false, and no LEAVE, GOTO, RETURN or STOP leads out.");
 }
 
 } // namespace torvale::engine

@@ -37,6 +37,9 @@ bool jumps_to(const Statement* s, std::string_view label)
   }
 }
 
+constexpr int most_nodes = 600000;
+constexpr std::int64_t most_requests = 10000000; // also those that find the node made already
+
 } // namespace
 
 void Translator::run_block(Block block)
@@ -74,10 +77,22 @@ void Translator::run_statements(Block block, std::size_t first, std::size_t last
   }
 }
 
+// Says so once: loops in loops that are written out, and calls in calls, can ask for more than any machine holds.
+bool Translator::too_large(Position where)
+{
+  if (too_large_ || (graph_.size() < most_nodes && graph_.requests() < most_requests)) return too_large_;
+  too_large_ = true;
+  fail(message::loop, where,
+       "The program grows beyond all measure here: loops of at most 400 passes are written out pass by pass, and calls "
+       "of subprograms statement by statement. A loop of more passes, or one whose count is a variable, is not written "
+       "out.");
+  return true;
+}
+
 void Translator::run_statement(const Statement* s)
 {
-  if (s == nullptr) return;
-  graph_.set_position(s->where);
+  if (s == nullptr || too_large(s->where)) return;
+  stand_at(s->where);
   switch (s->kind) {
   case StatementKind::assign:
     return assignment(*static_cast<const Assignment*>(s));
@@ -167,6 +182,7 @@ void Translator::select_from(const SelectStatement& s, const Value& selector, st
     return;
   }
   const WhenClause& w = s.whens[when];
+  if (!w.values.empty()) stand_at(w.values.front()->where);
   NodeId hit = graph_.zero();
   for (const Expr* const e : w.values) {
     const NodeId one =

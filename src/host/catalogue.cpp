@@ -75,18 +75,24 @@ constexpr CatalogueEntry entries[] = {
      ""},
     {503, 59, W,
      "The PARMS data set has more than the {points} rows expected for this BY group; the others are ignored.", "", ""},
-    {503, 70, E, "The program cannot be evaluated at observation {observation}[: {reason}]; the group is not used.",
+    {503, 70, E,
+     "The program cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; the group is not "
+     "used.",
      "A logarithm of a number that is not positive, a division by zero, a function outside its domain, at the starting "
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
     {503, 71, E, "No observation can be used; the group is not analysed[; missing: {causes}].",
      "The dependent variable or a covariate is missing throughout, or WHERE= keeps no row.",
      "torvale describe DATA counts missing values."},
-    {503, 72, W, "The program failed at observation {observation}[ in iteration {iteration}][: {reason}].",
+    {503, 72, W,
+     "The program failed at observation {observation}[ in iteration {iteration}][: {reason}][, in \"{source}\"].",
      "The optimizer tried parameters at which the model cannot be computed; it steps back from there.",
      "If it occurs often, add BOUNDS or write the model in the logarithm of positive parameters."},
-    {503, 73, E, "The {statement} expressions cannot be evaluated at the final estimates[: {label}][ ({reason})].", "",
-     ""},
+    {503, 73, E,
+     "The {statement} expressions cannot be evaluated at the final estimates[: {label}][: {reason}][, in "
+     "\"{source}\"].",
+     "The expression leaves the domain of a function, divides by zero, or uses a variable that is missing.",
+     "Look at the estimates; write the expression so that it holds for them."},
     {503, 75, E, "The prediction of subject {subject} failed; its predictions are missing.", "", ""},
     {503, 131, W,
      "The log likelihood is not usable[ for subject {subject}][ at observation {observation}][ in iteration "
@@ -142,7 +148,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 252, E, "BOUNDS names {name}, which is not a parameter[; did you mean {near}?].", "", ""},
     {503, 270, E,
      "The integral is not accurate enough with {points} quadrature points: relative change {change}, tolerance "
-     "{tolerance}.",
+     "{tolerance}[; {option} needs many points: leave it out, or give QPOINTS= or a larger QMAX=].",
      "Starting values far from the data make the integrand very narrow or irregular.",
      "Better starting values; QPOINTS=; QMAX=; a larger QTOL=."},
     {503, 271, W,
@@ -286,7 +292,9 @@ constexpr CatalogueEntry entries[] = {
 
     // --- The data pass and the solve step ---
     {503, 9201, E,
-     "The program cannot go on at observation {observation}[: {reason}]; the group is not used (code {code}).",
+     "The program cannot go on[ at observation {observation}][: {reason}][, in \"{source}\"]; the group is not used "
+     "(code "
+     "{code}).",
      "STOP or ABORT, a loop that does not end, or a subscript outside its array.", ""},
     {503, 9202, W,
      "{count} observations are not used, since {what} is missing at the starting values although the data are there "
@@ -330,6 +338,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 9303, N, "The clock gave the seed {seed}; SEED={seed} repeats this run.", "", ""},
     {503, 9310, E, "BOUNDS: the lower bound {lower} of {name} is above its upper bound {upper}.",
      "Two statements, or two relations of one, contradict each other.", "Remove one of them."},
+    {503, 9311, N, "{name} is held at {value}, where its bounds meet; its starting values are not used.", "", ""},
     {503, 9320, E, "{name} stands twice in the RANDOM statement.", "", "Name each random effect once."},
     {503, 9321, E, "{name} is a name of the generated statements and cannot be {role}.",
      "MODEL assigns the log likelihood by statements that use this name.", "Choose another name."},
@@ -345,13 +354,16 @@ constexpr CatalogueEntry entries[] = {
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
-    {503, 9360, N, "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the objective from {from} to {to}, and the fit went on from there.",
+    {503, 9360, N,
+     "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the "
+     "objective from {from} to {to}, and the fit went on from there.",
      "Starting values far from the optimum, or variances near the edge of what the model allows.", ""},
     {503, 9350, N, "Check of the Gradient", "", ""},
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},
     {503, 9342, E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
-    {503, 9344, N, "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
+    {503, 9344, N,
+     "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
      "Fewer QPOINTS=, or fewer random effects."},
 

@@ -48,10 +48,12 @@ inline char missing_letter(double x)
   return rank == 0 ? '_' : rank == 1 ? '.' : static_cast<char>('A' + rank - 2);
 }
 
-// x itself, or the ordinary missing value for a NaN that is not a missing value.
+// x itself, or the ordinary missing value for a NaN that is not a missing value. (Functions of libraries may give NaNs
+// with all bits set; missing values have none of the lower 40.)
 inline double canonical_missing(double x)
 {
-  return std::isnan(x) && !wzmis(x) ? missing : x;
+  const bool is_missing = (std::bit_cast<std::uint64_t>(x) & 0xFFFF00FFFFFFFFFF) == 0xFFFF000000000000;
+  return std::isnan(x) && !is_missing ? missing : x;
 }
 
 // Order of two values as data: missing values first, by kind, then numbers. Returns -1, 0 or 1; -0 equals 0.

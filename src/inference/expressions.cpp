@@ -1,10 +1,36 @@
 #include "inference/expressions.h"
 
+#include "evaluation/program_faults.h"
 #include "host/missing.h"
 
 #include <cmath>
 
 namespace torvale::inference {
+
+namespace {
+
+// Message 73 with the reason, where the program or the expression has a fault; else the value was missing before.
+int refuse(model::NX& n, engine::Frame& frame, const model::EstimateStatement& s, const char* statement)
+{
+  std::vector<engine::Fault> faults;
+  int nerror = 0, nmissgen = 0;
+  frame.run_checked(*s.program, 0, 0, faults, nerror, nmissgen);
+  host::MessageArguments arguments = {{"statement", statement}};
+  if (!s.label.empty()) arguments.emplace_back("label", s.label);
+  host::MessagePlace place;
+  if (faults.empty()) {
+    place.statement = statement;
+    place.line = n.sources->user_position(s.where).line;
+    if (nmissgen > 0) arguments.emplace_back("reason", "a variable that it uses is missing");
+  } else {
+    evaluation::words_of(n, faults.front()).add_to(arguments, place);
+  }
+  n.host->log().xpmlog(503, 73, arguments, place);
+  n.raise(1012);
+  return 1;
+}
+
+} // namespace
 
 int evaluate_expressions(model::NX& n, const std::vector<model::EstimateStatement>& statements, const char* statement,
                          ExpressionValues& out)
@@ -24,21 +50,10 @@ int evaluate_expressions(model::NX& n, const std::vector<model::EstimateStatemen
     if (engine::sequential(*s.program)) frame.reset_state(*s.program, 1);
     const auto rows = static_cast<std::size_t>(s.expr.n());
     const auto first = out.value.size();
-    if (frame.run(*s.program, tile) > 2) {
-      n.host->log().xpmlog(503, 73, {{"statement", statement}, {"label", s.label}});
-      n.raise(1012);
-      return 1;
-    }
+    if (frame.run(*s.program, tile) > 2) return refuse(n, frame, s, statement);
     for (std::size_t r = 0; r < rows; ++r) out.value.push_back(frame.output(static_cast<int>(r))[0]);
     for (std::size_t r = 0; r < rows; ++r) {
-      if (std::isnan(out.value[first + r])) {
-        host::MessagePlace place;
-        place.statement = statement;
-        place.line = n.sources->user_position(s.where).line;
-        n.host->log().xpmlog(503, 73, {{"statement", statement}, {"label", s.label}}, place);
-        n.raise(1012);
-        return 1;
-      }
+      if (std::isnan(out.value[first + r])) return refuse(n, frame, s, statement);
       const auto start = out.gradient.size();
       bool missing = false;
       for (std::size_t j = 0; j < np; ++j) {

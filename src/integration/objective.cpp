@@ -105,6 +105,8 @@ void sum_slots(NX& n)
 void take_failure(NX& n)
 {
   n.failed = true;
+  n.failed_parm = n.parm;
+  if (n.str != nullptr) n.failed_iteration = n.str->piter + 1.0;
   n.objfun = model::failure_objective;
   if (!n.dograd) return;
   if (n.converged && n.goodgrad.size() == static_cast<std::size_t>(n.nparm))

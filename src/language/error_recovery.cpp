@@ -2,6 +2,7 @@
 // statement.
 #include "language/step_parser.h"
 
+#include "language/habits.h"
 #include "language/lexical.h"
 
 #include <algorithm>
@@ -22,6 +23,22 @@ bool begins_procedure_statement(std::string_view upper)
   return std::find(std::begin(words), std::end(words), upper) != std::end(words);
 }
 
+// The word (upper case) before "=" that ends just before `at`; empty when there is none.
+std::string option_before(std::string_view text, std::size_t at)
+{
+  const auto skip_blanks = [&] {
+    while (at > 0 && (text[at - 1] == ' ' || text[at - 1] == '\t' || text[at - 1] == '\n' || text[at - 1] == '\r'))
+      --at;
+  };
+  skip_blanks();
+  if (at == 0 || text[at - 1] != '=') return {};
+  --at;
+  skip_blanks();
+  const std::size_t end = at;
+  while (at > 0 && name_start(text[at - 1])) --at;
+  return upper_case(text.substr(at, end - at));
+}
+
 } // namespace
 
 void Parser::Implementation::handle_error(const Token& wrong)
@@ -31,11 +48,16 @@ void Parser::Implementation::handle_error(const Token& wrong)
     return give_up_statement(
         wrong); // an unclosed quote or a strange character has been reported: what follows from it is not
   if (suspect.symbol != 0 && (!suspect_is_assignment || last.text == "=")) return restart_at_suspect();
-  if (statement_tokens == 1 && last.symbol == token_class::NAMEX && misspelled_statement()) return;
+  if (statement_tokens == 1 && last.symbol == token_class::NAMEX &&
+      instead_of_statement(upper_case(last.text)).empty() && misspelled_statement())
+    return;
   const Hint hint = special_hint(wrong);
   std::optional<RepairPlan> plan;
   if (hint.recovery == Recovery::leave_out) plan = RepairPlan{0, 1, {}, {}};
   if (hint.recovery == Recovery::leave_out_option) plan = RepairPlan{0, option_length(), {}, {}};
+  if (hint.recovery == Recovery::as_power) plan = RepairPlan{0, 1, {scanner.spellings().mark("**")}, {}};
+  if (const int value = repair.first_keyword(*parse); hint.recovery == Recovery::as_value && value != 0)
+    plan = RepairPlan{0, 1, {value}, {}};
   if (hint.recovery == Recovery::as_number) plan = RepairPlan{0, 1, {token_class::INT}, {}};
   if (hint.recovery == Recovery::repair) plan = repair.find(*parse, begin, wrong);
   const Token& place = hint.at_last ? last : wrong;
@@ -46,13 +68,15 @@ void Parser::Implementation::handle_error(const Token& wrong)
       d.text = (wrong.symbol == token_class::ENDJB ? "The statement is not complete at " + d.found
                                                    : d.found + " cannot stand here") +
                ".";
-      d.expected = repair.expected(*parse);
+      constexpr std::size_t most_values = 16; // of an option
+      d.expected = last.text == "=" ? repair.expected(*parse, most_values) : repair.expected(*parse);
     }
     if (hint.text.empty() && (wrong.symbol > control.classes || wrong.symbol == token_class::NAMEX))
       if (const int near = repair.nearest_keyword(*parse, wrong.text)) d.suggestion = repair.shown(near);
     return give_up_statement(wrong);
   }
   describe_repair(d, *plan);
+  if (hint.recovery == Recovery::as_value) d.repair.clear(); // any value serves to read on
   carry_out(*plan);
 }
 
@@ -64,6 +88,8 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
   if (here == '=' && before == '!') return {"'!=' is no operator: write ^= or NE.", Recovery::leave_out};
   if (here == '=' && before == '=') return {"'==' is no operator: write = or EQ.", Recovery::leave_out};
   if (here == '&' && before == '&') return {"'&&' is no operator: write & or AND.", Recovery::leave_out};
+  if (wrong.text == "^" && repair.takes_operator(*parse))
+    return {"'^' is no power: write **, as in x**2. ('^' alone means NOT.)", Recovery::as_power};
   const syntax::STMT* statement = statement_in_work();
   const std::string name = statement ? statement->name : std::string();
   const bool number = wrong.symbol == token_class::INT || wrong.symbol == token_class::NBR;
@@ -73,6 +99,9 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
   if (statement && word && name.rfind("PAR", 0) != 0 && last.text == "=" && parse->accepts(token_class::INT) &&
       !parse->accepts(token_class::NAMEX))
     return {"A number is needed here, not " + shown + ".", Recovery::as_number};
+  if (const std::string_view advice = instead_of_value(option_before(text, at), upper_case(wrong.text));
+      !advice.empty())
+    return {shown + " cannot stand here. " + std::string(advice), Recovery::as_value};
   if (statement && wrong.symbol == token_class::NAMEX && wrong.where.line == last.where.line &&
       repair.takes_options(*parse) && repair.nearest_keyword(*parse, wrong.text) == 0)
     return {shown + " is no option of " + name + ".", Recovery::leave_out_option};
@@ -95,9 +124,13 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
     return {"An END is missing: " + open_block() + " is still open.", Recovery::give_up};
   if (statement_tokens == 1 && last.symbol == token_class::NAMEX && wrong.symbol != token_class::INT &&
       wrong.symbol != token_class::NBR)
-    return {"'" + std::string(last.text) + "' begins no statement: an assignment is written name = expression.",
-            Recovery::give_up, true};
+    return no_statement(last.text);
   if (last.symbol == 0 || last.symbol == semicolon) {
+    if (word && !instead_of_statement(upper_case(wrong.text)).empty()) {
+      Hint hint = no_statement(wrong.text);
+      hint.at_last = false;
+      return hint;
+    }
     if (wrong.symbol == scanner.spellings().word("ELSE"))
       return {"This ELSE has no IF. It follows the one statement behind THEN; several statements need DO; ... END;",
               Recovery::leave_out};
@@ -108,6 +141,15 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
       return {"This END closes nothing: no DO or SELECT is open.", Recovery::give_up};
   }
   return {};
+}
+
+// A name that begins nothing: what it says elsewhere is written otherwise here, or it was meant to be assigned.
+Parser::Implementation::Hint Parser::Implementation::no_statement(std::string_view word)
+{
+  std::string text = "'" + std::string(word) + "' begins no statement";
+  const std::string_view advice = instead_of_statement(upper_case(word));
+  text += advice.empty() ? ": an assignment is written name = expression." : ". " + std::string(advice);
+  return {text, Recovery::give_up, true};
 }
 
 std::string Parser::Implementation::found_text(const Token& token) const

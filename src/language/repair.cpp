@@ -106,6 +106,13 @@ bool Repair::takes_options(const LrMachine& parse) const
   return false;
 }
 
+int Repair::first_keyword(const LrMachine& parse) const
+{
+  for (int t = control_.classes + 1; t < control_.maxterminal; ++t)
+    if (!scanner_.spellings().hidden(t) && name_start(control_.spelling(t)[0]) && parse.accepts(t)) return t;
+  return 0;
+}
+
 std::vector<std::string> Repair::expected(const LrMachine& parse, std::size_t most) const
 {
   const auto can = [&](std::string_view mark) { return parse.accepts(scanner_.spellings().mark(mark)); };

@@ -25,6 +25,8 @@ public:
   // The cheapest repair at the wrong token, which begins at `begin`; nothing when none stays under the limit.
   std::optional<RepairPlan> find(const LrMachine& parse, const Cursor& begin, const Token& wrong);
   // The words that could stand at this place, for people: at most `most`, hidden spellings left out.
+  // Some keyword that can stand here; 0 when none can.
+  int first_keyword(const LrMachine& parse) const;
   std::vector<std::string> expected(const LrMachine& parse, std::size_t most = 8) const;
   // Where an operator, or an operand, can stand: so that messages need not name one of the many.
   bool takes_operator(const LrMachine& parse) const;

@@ -60,6 +60,8 @@ struct Parser::Implementation {
     leave_out,        // the wrong token
     leave_out_option, // the wrong word, and the value given to it
     as_number,        // put a number in its place
+    as_power,         // put the power operator in its place
+    as_value,         // put some value of the option in its place
     give_up,          // leave out the statement
   };
   // Mistakes that have a name of their own, and how to read on from them.
@@ -70,6 +72,7 @@ struct Parser::Implementation {
   };
   void handle_error(const Token& wrong);
   Hint special_hint(const Token& wrong) const;
+  static Hint no_statement(std::string_view word);
   std::string found_text(const Token& token) const;
   std::string open_block() const;
   int option_length();

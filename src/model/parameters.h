@@ -13,7 +13,8 @@ namespace torvale::model {
 struct PARMSTR {
   std::string parmname;                                    // as first spelled
   std::vector<double> parmlist;                            // grid values; npoint of them
-  int npoint() const { return static_cast<int>(parmlist.size()); }
+  int npoint() const { return held() ? 1 : static_cast<int>(parmlist.size()); }
+  bool held() const { return applyl && applyh && lowbound == highbound; } // its bounds leave one value
   bool applyl = false;                                     // a lower bound applies
   bool applyh = false;                                     // an upper bound applies
   double lowbound = std::numeric_limits<double>::lowest(); // slack of strict bounds included

@@ -140,6 +140,7 @@ struct ModelLists {
 };
 
 struct GroupState {
+  const host::ByGroups* by_groups = nullptr;  // of the input data set; borrowed from the driver
   int group = 0;                              // number of the BY group, from 0
   host::ByGroup rows;                         // its rows in the input data set
   std::unique_ptr<Store> store;
@@ -176,6 +177,8 @@ struct FitState {
   double objfun = 0.0;                        // objective at parm
   std::vector<double> objgrad;                // its gradient, nparm doubles
   bool failed = false;                        // the last evaluation failed
+  std::vector<double> failed_parm;            // parameters of the last evaluation of this fit that failed; empty: none
+  double failed_iteration = 0.0;              // and its iteration
   std::vector<double> goodgrad;               // last gradient of a good evaluation
   std::vector<POINT> savepoint;               // best grid points, best first
   double cold = 0.0;                          // objective of the last accepted iterate, for the history table

@@ -157,9 +157,9 @@ int optimization_stage(MINSTR* str)
   str->mtim = start;
   int code = 0;
   if (str->tech != NONE) {
-    if (str->maxi <= 0.0 || str->maxf <= 0.0)
+    if (str->maxi <= str->past_iterations || str->maxf <= static_cast<double>(str->past_calls))
       code = code_limit;
-    else if (str->upti <= 0.0)
+    else if (str->upti <= str->past_seconds)
       code = code_time;
     else
       code = run_technique(str);

@@ -282,6 +282,10 @@ struct MINSTR {
   double tbig = 0;  // nonzero: the objective overflowed; every loop tests it after a callback
   int stop = 0;     // nonzero: the user asked to stop; set by a callback, ends the run with code -3
   double nitr = 0;  // iterations done
+  // Of earlier runs from which this one goes on: MAXITER, MAXFUNC and MAXTIME hold for the sum.
+  double past_iterations = 0;
+  long past_calls = 0;
+  double past_seconds = 0;
   int indf = 0;     // why the objective is called, see CallPurpose
   int ifdr = 1;     // order asked of the current call: 1 value, 2 gradient, 3 Hessian
   int rcod = 0;     // last termination code

@@ -140,8 +140,10 @@ bool wants_central(const MINSTR& str, const Tests& tests)
 
 int limits(const MINSTR& str, MINSTR* record)
 {
-  if (str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf) return code_limit;
-  if (str.clock != nullptr && str.upti < largest && str.clock(record) - str.mtim > str.upti) return code_time;
+  if (str.nitr + str.past_iterations >= str.maxi || static_cast<double>(str.nfct + str.past_calls) >= str.maxf)
+    return code_limit;
+  if (str.clock != nullptr && str.upti < largest && str.clock(record) - str.mtim + str.past_seconds > str.upti)
+    return code_time;
   return 0;
 }
 

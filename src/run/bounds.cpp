@@ -94,6 +94,10 @@ void process_bounds(NX& n)
       for (const Relation& r : relations)
         if (r.strict == strict) apply(n, r, slack);
   }
+  for (const PARMSTR& p : n.parmstr) {
+    const bool elsewhere = std::any_of(p.parmlist.begin(), p.parmlist.end(), [&](double v) { return v != p.lowbound; });
+    if (p.held() && elsewhere) n.host->log().xpmlog(503, 9311, {{"name", p.parmname}, {"value", p.lowbound}});
+  }
 }
 
 } // namespace torvale::run

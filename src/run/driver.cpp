@@ -55,6 +55,7 @@ StepOutcome run_groups(NX& n)
   StepOutcome outcome;
   host::ByGroups groups;
   if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) outcome = {1012, exit_data};
+  n.by_groups = &groups;
   const int step_code = n.tvlrc; // warnings of the statements belong to the step
   while (groups.xbynext() && !n.host->interrupted()) {
     n.group = static_cast<int>(groups.current_number());

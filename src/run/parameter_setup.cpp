@@ -110,25 +110,6 @@ bool has_special_missing(const host::Column& column)
                      [](double x) { return std::isnan(x) && host::missing_letter(x) != '.'; });
 }
 
-void grid_size(NX& n)
-{
-  double product = 1.0;
-  long longest = 1;
-  for (const auto& p : n.parmstr) {
-    product *= p.npoint();
-    longest = std::max<long>(longest, p.npoint());
-  }
-  if (!n.noprod && product > 2147483647.0) {
-    n.host->log().xpmlog(503, 500, {{"points", product}});
-    tvlexit(n, 1012);
-  }
-  n.npoints = n.noprod ? longest : static_cast<long>(product);
-  if (n.nbest > n.npoints) {
-    n.host->log().xpmlog(503, 231, {{"best", n.nbest}, {"points", n.npoints}});
-    n.nbest = static_cast<int>(n.npoints);
-  }
-}
-
 } // namespace
 
 void parameter_setup(NX& n)
@@ -196,7 +177,25 @@ void parameter_setup(NX& n)
     n.prsym.s.push_back(symbol);
   }
   report_defaulted(n, defaulted, parms != nullptr);
-  grid_size(n);
+}
+
+void grid_size(NX& n)
+{
+  double product = 1.0;
+  long longest = 1;
+  for (const auto& p : n.parmstr) {
+    product *= p.npoint();
+    longest = std::max<long>(longest, p.npoint());
+  }
+  if (!n.noprod && product > 2147483647.0) {
+    n.host->log().xpmlog(503, 500, {{"points", product}});
+    tvlexit(n, 1012);
+  }
+  n.npoints = n.noprod ? longest : static_cast<long>(product);
+  if (n.nbest > n.npoints) {
+    n.host->log().xpmlog(503, 231, {{"best", n.nbest}, {"points", n.npoints}});
+    n.nbest = static_cast<int>(n.npoints);
+  }
 }
 
 } // namespace torvale::run

@@ -261,6 +261,7 @@ void tvlinit(NX& n)
   random_statements(n, procedure);
   replicate_statement(n);
   optimizer_setup(n, procedure);
+  grid_size(n);
   dependent_variable(n);
   if (n.llsym == nullptr) tvlexit(n, 3000);
   if (const auto at = n.fid->xvfind(n.depname); !(n.depsym != nullptr && n.depsym->assigned))

@@ -22,6 +22,8 @@ void procedure_options(model::NX& n, const syntax::STMT& procedure);
 void model_statement(model::NX& n);
 // Names of PARMS, of its data set, and undefined names of the program become parameters.
 void parameter_setup(model::NX& n);
+// The size of the starting grid, when the bounds are known.
+void grid_size(model::NX& n);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
 // Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc,

@@ -43,6 +43,20 @@ int trust_region_test(MINSTR* str, int job)
   return optimizer::znlptrm(str, job);
 }
 
+// A run has ended and another goes on from there: the limits hold for the whole fit.
+void close_run(MINSTR& fit, const MINSTR& run)
+{
+  fit.past_iterations += run.nitr;
+  fit.past_calls += run.nfct;
+  fit.past_seconds += run.mtim;
+}
+
+bool limits_reached(const MINSTR& str)
+{
+  return str.past_iterations >= str.maxi || static_cast<double>(str.past_calls) >= str.maxf ||
+         str.past_seconds >= str.upti;
+}
+
 // From a point with an indefinite Hessian trust-region steps lead on downhill, where a quasi-Newton metric (always
 // positive definite) sees nothing to gain. They run on a record of their own; the point they reach becomes the run's.
 // False when they gain nothing.
@@ -59,7 +73,12 @@ bool leave_saddle(NX& n)
   region.ceps = run.ceps;
   region.gtol = run.gtol;
   region.fdig = run.fdig;
-  region.maxi = 500;
+  region.past_iterations = run.past_iterations;
+  region.past_calls = run.past_calls;
+  region.past_seconds = run.past_seconds;
+  region.maxi = std::min(run.maxi, run.past_iterations + 500);
+  region.maxf = run.maxf;
+  region.upti = run.upti;
   if (optimizer::tvlopta(&region) != 0) return false;
   region.bounds = run.bounds;
   std::copy_n(run.lb, n.nparm, region.lb);
@@ -72,8 +91,7 @@ bool leave_saddle(NX& n)
   if (optimizer::tvloptc(&region) != 0) return false;
   int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
   if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
-  n.str->nfct += region.nfct;
-  n.str->ngrd += region.ngrd;
+  close_run(*n.str, region);
   if (!(region.crit < run.crit - 1e-10 * std::max(1.0, std::abs(run.crit)))) return false;
   std::copy_n(region.x, n.nparm, n.str->x);
   n.host->log().xpmlog(503, 9360,
@@ -128,8 +146,8 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
                         (code == optimizer::code_absgconv && !user_gave_gradient_test) ||
                         (code == optimizer::code_fconv && !user_gave_function_test);
     if (!unsure || n.nparm == 0 || !approximates_hessian(str.tech) || n.host->interrupted()) break;
-    if (indefinite(n) && str.fidi == 0 && restart < most_restarts && static_cast<double>(str.nfct) < str.maxf &&
-        leave_saddle(n)) {
+    close_run(str, str);
+    if (indefinite(n) && str.fidi == 0 && restart < most_restarts && !limits_reached(str) && leave_saddle(n)) {
       n.iterations_before += static_cast<long>(str.nitr);
       str.load = 1;
       continue;
@@ -147,7 +165,7 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
       break;
     }
     const bool gained = start - str.crit > 0.1 * reduction || restart == 0;
-    if (restart == most_restarts || !gained || static_cast<double>(str.nfct) >= str.maxf) break;
+    if (restart == most_restarts || !gained || limits_reached(str)) break;
     n.iterations_before += static_cast<long>(str.nitr);
     str.load = 1; // go on with the true Hessian as the metric
   }

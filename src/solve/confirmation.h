@@ -13,7 +13,8 @@ double newton_reduction(const model::NX& n);
 // approximation of the Hessian; on a badly scaled problem that promises too little (it stops early) or leads into
 // rounding (it gives up beside the minimum). Where the true Hessian promises more than GCONV allows, the run goes on
 // from the point with that Hessian as its metric; where it promises less, a run that could make no more progress has
-// converged (GCONV). A criterion that the user gave is never overruled. Returns the termination code.
+// converged (GCONV). A criterion that the user gave is never overruled. MAXITER=,
+// MAXFUNC= and MAXTIME= hold for all runs together. Returns the termination code.
 int optimize(model::NX& n, bool user_gave_gradient_test, bool user_gave_function_test);
 
 } // namespace torvale::solve

@@ -58,7 +58,11 @@ int settle_points(NX& n)
     const double fold = std::abs(f) < n.qtol ? n.qtol : f; // guarded denominator
     const int next = n.nqp < 10 ? n.nqp + 2 : static_cast<int>(n.nqp + n.qfac);
     if (next > n.qmax) {
-      n.host->log().xpmlog(503, 270, {{"points", n.nqpold}, {"tolerance", n.qtol}, {"change", change}});
+      host::MessageArguments arguments = {{"points", n.nqpold}, {"tolerance", n.qtol}, {"change", change}};
+      // Rules that do not follow the integrand need many points, and often more than QMAX= has.
+      if (n.method == 0 && !(n.adaptive && n.adscale))
+        arguments.emplace_back("option", n.adaptive ? "NOADSCALE" : "NOAD");
+      n.host->log().xpmlog(503, 270, arguments);
       return 2;
     }
     f = evaluate_with(n, next);

@@ -1,5 +1,6 @@
 #include "solve/solve_step.h"
 
+#include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
@@ -28,6 +29,7 @@ void start_problem(NX& n)
   n.havemeat = false;
   n.znlprc = 0;
   n.iterations_before = 0;
+  n.failed_parm.clear();
   n.optimizer_messages.clear();
   n.dependencies.clear();
   n.meat.clear();
@@ -39,6 +41,8 @@ void start_problem(NX& n)
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;
   str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
+  str.past_iterations = str.past_seconds = 0;
+  str.past_calls = 0;
   str.tbig = 0;
   str.stop = 0;
   std::fill(std::begin(str.toln) + 11, std::end(str.toln), 0L);
@@ -204,6 +208,9 @@ int tvlsolv(NX& n)
     warn_vanished_variance(n);
   }
   n.parm.assign(str.x, str.x + n.nparm);
+  const bool at_a_limit = n.znlprc == optimizer::code_limit || n.znlprc == optimizer::code_time;
+  if (n.znlprc < 0 && !at_a_limit && !n.failed_parm.empty() && !n.host->interrupted())
+    integration::explain_failure(n, std::vector<double>(n.failed_parm));
   return n.znlprc;
 }
 

@@ -6,6 +6,7 @@ namespace torvale::syntax {
 
 std::int32_t SourceMap::add(std::string name, std::string text, bool generated, Position generated_at)
 {
+  if (text.starts_with("\xEF\xBB\xBF")) text.erase(0, 3); // the mark that some editors put in front of UTF-8
   Source s;
   s.name = std::move(name);
   s.text = std::move(text);

@@ -121,6 +121,48 @@ const std::vector<Mistake>& mistakes()
        1012,
        4,
        {"division by zero", "line 3", "bservation 1"}},
+      {"FaultInABranchThatSharesItsExpression",
+       "TORVALE DATA=sleepstudy;\nPARMS b0=1;\nIF days < 3 THEN a = LOG(4-days);\nELSE a = 2;\n"
+       "IF days = 5 THEN b = LOG(4-days);\nELSE b = 0;\nMODEL reaction ~ NORMAL(b0*a+b, 1);\nRUN;",
+       1012,
+       4,
+       {"logarithm", "line 5", "observation 6", "b = LOG(4-days)"}},
+      {"FaultInASubprogram",
+       "TORVALE DATA=sleepstudy;\nFUNCTION f(x);\ny = LOG(x);\nRETURN (y);\nENDSUB;\nPARMS b0=1;\nz = f(days + 1);\n"
+       "z = z + f(days - 3);\nMODEL reaction ~ NORMAL(b0*z, 1);\nRUN;",
+       1012,
+       4,
+       {"logarithm", "called in line 8", "line 3", "observation 1"}},
+      {"FaultOfAKeptValue",
+       "TORVALE DATA=sleepstudy;\nPARMS b0=1 v=1;\nRETAIN t 5;\nt = t - b0;\nz = 1/t;\n"
+       "MODEL reaction ~ NORMAL(z+u, 1);\nRANDOM u ~ NORMAL(0, v) SUBJECT=subject;\nRUN;",
+       1012,
+       4,
+       {"division by zero", "line 5", "observation 5", "subject 308"}},
+      {"LoopWithoutAWayOut",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1;\nDO WHILE(1);\nz = z + b0;\nEND;\nMODEL incidence ~ NORMAL(z, "
+       "1);\nRUN;",
+       1012,
+       3,
+       {"never ends", "line 4"}},
+      {"LoopThatDoesNotEnd",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 1;\nDO WHILE(z > 0);\nz = z + b0;\nEND;\nMODEL incidence ~ NORMAL(z, "
+       "1);\nRUN;",
+       1012,
+       4,
+       {"100000 passes", "line 4", "observation 1"}},
+      {"LoopsInLoops",
+       "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = 0;\nDO i = 1 TO 400;\nDO j = 1 TO 400;\nDO k = 1 TO 400;\n"
+       "z = z + i*j*k*b0;\nEND;\nEND;\nEND;\nMODEL incidence ~ NORMAL(z, 1);\nRUN;",
+       1012,
+       3,
+       {"beyond all measure", "line 7"}},
+      {"WordsOfOtherHabits",
+       "TORVALE DATA=cbpp TECH=NEWTON METHOD=LAPLACE;\nPARMS b0=1;\nz = b0^2;\nCLASS herd;\nWHERE size > 3;\n"
+       "MODEL incidence ~ NORMAL(z, 1);\nRUN;",
+       3000,
+       3,
+       {"NRRIDG", "QPOINTS=1", "**", "indicators", "DATA=name(WHERE"}},
       {"RangeOfOption",
        "TORVALE DATA=cbpp ALPHA=1.5;\nPARMS b0=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
        3000,
@@ -173,6 +215,16 @@ TEST(BadData, EndsTheGroupWithACause)
       run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", words.path()}});
   EXPECT_EQ(text.outcome.exit_code, 3) << text.log;
   EXPECT_THAT(text.log, HasSubstr("NA"));
+}
+
+TEST(BadData, ParameterInTheStatementAndInItsDataSet)
+{
+  const TemporaryFile starts("starts.csv", "Parameter,Estimate\nb0,1\ns,900\nb0,2\n");
+  const auto run =
+      run_text("TORVALE DATA=sleepstudy;\nPARMS b0=1 / DATA=starts;\nMODEL reaction ~ NORMAL(b0, s);\nRUN;", "examples",
+               0, {{"starts", starts.path()}});
+  EXPECT_EQ(run.outcome.exit_code, 3) << run.log;
+  EXPECT_TRUE(run.said(503, 237)) << run.log;
 }
 
 // A wrong step does not stop the steps after it; the run's exit code is the worse one.

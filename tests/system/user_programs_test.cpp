@@ -90,6 +90,60 @@ TEST(UserPrograms, MissingLikelihoodIsTold)
   EXPECT_EQ(run.log.find(": )"), std::string::npos) << run.log;
 }
 
+// A loop that depends on neither data nor parameters, and is too long to be written out, is computed all the same.
+TEST(UserPrograms, LongLoopOfConstants)
+{
+  const auto program = [](const std::string& last) {
+    return "TORVALE DATA=epil GCONV=1e-14 FCONV=0 ABSGCONV=0; PARMS b0=0.1; w = 0; DO i = 1 TO " + last +
+           "; w = w + 1/i; END; MODEL y ~ POISSON(EXP(b0*w)); RUN;";
+  };
+  expect_same_fit(run_text(program("500")), run_text(program("500 + 0*lbase")));
+}
+
+// A parameter whose bounds meet is held there, wherever PARMS starts it.
+TEST(UserPrograms, BoundsThatMeetHoldTheParameter)
+{
+  const std::string model = "MODEL reaction ~ NORMAL(b0 + b1*days, s2); RUN;";
+  const auto held =
+      run_text("TORVALE DATA=sleepstudy; PARMS b0=1 to 300 by 100 b1=10 s2=900; BOUNDS 250 <= b0 <= 250;" + model);
+  const auto written = run_text("TORVALE DATA=sleepstudy; PARMS b1=10 s2=900; b0 = 250;" + model);
+  ASSERT_EQ(held.outcome.exit_code, 0) << held.log;
+  EXPECT_TRUE(held.said(503, 9311)) << held.log;
+  EXPECT_EQ(held.number("ParameterEstimates", "b0", "Estimate"), 250);
+  EXPECT_NEAR(held.column("FitStatistics", "Value")[0], written.column("FitStatistics", "Value")[0], 1e-6);
+}
+
+// What goes wrong at the estimates, or on the way there, is told with its reason.
+TEST(UserPrograms, FailuresOfAFitHaveAReason)
+{
+  const std::string model = "MODEL reaction ~ NORMAL(b0 + u, s); RANDOM u ~ NORMAL(0, v) SUBJECT=subject;";
+  const auto estimate =
+      run_text("TORVALE DATA=sleepstudy; PARMS b0=300 s=900 v=1000;" + model + "\nESTIMATE 'bad' LOG(-b0); RUN;");
+  EXPECT_EQ(estimate.outcome.exit_code, 3);
+  EXPECT_TRUE(estimate.said(503, 73)) << estimate.log;
+  EXPECT_NE(estimate.log.find("logarithm of a"), std::string::npos) << estimate.log;
+  const auto stopped =
+      run_text("TORVALE DATA=sleepstudy; PARMS b0=1 s=1000 v=1000;\nIF b0 > 250 THEN STOP;" + model + "RUN;");
+  EXPECT_EQ(stopped.outcome.exit_code, 5);
+  EXPECT_TRUE(stopped.said(503, 72)) << stopped.log;
+  EXPECT_NE(stopped.log.find("STOP was executed"), std::string::npos) << stopped.log;
+}
+
+// This fit leaves a saddle by iterations of another technique and goes on: MAXITER= counts them all.
+TEST(UserPrograms, LimitOfIterationsHoldsForTheWholeFit)
+{
+  const auto fit = [](const std::string& most) {
+    return run_text("TORVALE DATA=sleepstudy MAXITER=" + most +
+                    "; PARMS b0=1 s=1 v=1; z = EXP(-b0*days/50); z = z*EXP(-b0*z*days) + 1;"
+                    "MODEL reaction ~ NORMAL(b0*z + u, s); RANDOM u ~ NORMAL(0, v) SUBJECT=subject; RUN;");
+  };
+  const auto ample = fit("200"), small = fit("30");
+  EXPECT_EQ(ample.outcome.exit_code, 0) << ample.log;
+  EXPECT_TRUE(ample.said(503, 9360)) << ample.log;
+  EXPECT_EQ(small.outcome.exit_code, 5) << small.log;
+  EXPECT_TRUE(small.said(549, 605)) << small.log;
+}
+
 // A BY group without a usable observation costs the exit code, not the other groups.
 TEST(UserPrograms, UnusableGroupAmongOthers)
 {

@@ -1,0 +1,55 @@
+#include "evaluation/program_faults.h"
+
+#include <algorithm>
+
+namespace torvale::evaluation {
+
+using model::NX;
+
+namespace {
+
+constexpr std::size_t longest_source = 72; // characters of a line that a message shows
+
+std::string shortened(std::string_view line)
+{
+  std::string text(host::stripped(line));
+  if (text.size() <= longest_source) return text;
+  std::size_t end = longest_source - 4;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end; // not inside a character
+  return text.substr(0, end) + " ...";
+}
+
+} // namespace
+
+host::MessagePlace place_of(const NX& n, std::int64_t row)
+{
+  host::MessagePlace place;
+  place.row = n.store->file_row[static_cast<std::size_t>(row)];
+  if (n.nreff() > 0) {
+    const auto& subjects = n.reff[0].SubInfo;
+    const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
+                                     [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
+    if (it != subjects.begin()) place.subject = std::prev(it)->prnc;
+  }
+  return place;
+}
+
+std::int64_t observation_number(const NX& n, std::int64_t row)
+{
+  return n.store->group_row[static_cast<std::size_t>(row)] + 1;
+}
+
+FaultWords words_of(const NX& n, const engine::Fault& fault)
+{
+  const syntax::Position where = n.sources->user_position(fault.where);
+  return {fault.text, where.line > 0 ? shortened(n.sources->line_text(where)) : "", where.line};
+}
+
+void FaultWords::add_to(host::MessageArguments& arguments, host::MessagePlace& place) const
+{
+  arguments.emplace_back("reason", reason);
+  if (!source.empty()) arguments.emplace_back("source", source);
+  place.line = line;
+}
+
+} // namespace torvale::evaluation

@@ -1,0 +1,23 @@
+#pragma once
+// How a fault of the user's program is told: the statement and its line, the observation and the subject.
+
+#include "model/run_record.h"
+
+namespace torvale::evaluation {
+
+// Data row and subject of a row of the store.
+host::MessagePlace place_of(const model::NX& n, std::int64_t row);
+// Number of a row in its BY group, from 1.
+std::int64_t observation_number(const model::NX& n, std::int64_t row);
+
+// The words of a fault for a message: what happened ("reason"), the text of the line ("source"), the line's number.
+struct FaultWords {
+  std::string reason;
+  std::string source;
+  int line = 0;
+
+  void add_to(host::MessageArguments& arguments, host::MessagePlace& place) const;
+};
+FaultWords words_of(const model::NX& n, const engine::Fault& fault);
+
+} // namespace torvale::evaluation
