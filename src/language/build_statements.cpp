@@ -66,6 +66,10 @@ LoopRange Builder::loop_range(Action action, std::span<Value> r)
     range.stop = r[4].expr;
     condition_of(r[5]);
     break;
+  case Action::loop_by:
+    range.step = r[2].expr;
+    condition_of(r[3]);
+    break;
   case Action::loop_while:
     range.while_ = r[3].expr;
     condition(r[3]);
@@ -274,6 +278,7 @@ bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value>
   case Action::loop_single:
   case Action::loop_to:
   case Action::loop_to_by:
+  case Action::loop_by:
   case Action::loop_by_to:
   case Action::loop_while:
   case Action::loop_until:

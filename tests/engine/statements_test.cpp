@@ -26,6 +26,7 @@ void PrintTo(const StatementCase& c, std::ostream* out)
 const StatementCase cases[] = {
     {"DoListAndUntil", "z = 0; do i = 1, 5, 7 to 9; z + i; end;", {30, 30, 30, 30}},
     {"DoByFractions", "z = 0; do t = 0 to 0.3 by 0.1; z = z + 1; end;", {4, 4, 4, 4}},
+    {"DoWithoutEnd", "z = 0; do i = 1 by 2 while (i < 2*x); z = z + i; end;", {1, 4, 9, 16}},
     {"DoDownwards", "z = 0; do i = 3 to x by -1; z = z + i; end;", {6, 5, 3, 0}},
     {"DoUntilRunsOnce", "z = 0; do until (z >= x - 1); z = z + 1; end;", {1, 1, 2, 3}},
     {"LoopConditionEndsRange",
