@@ -34,8 +34,8 @@ void spread(double* out, const double* from, const std::int32_t* index, int repe
   for (i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
 }
 
-// Missing values have all of their upper 16 bits set and none of the lower 40; any other NaN becomes the ordinary missing
-// value.
+// Missing values have all of their upper 16 bits set and none of the lower 40; any other NaN becomes the ordinary
+// missing value.
 void make_canonical(double* values, int n)
 {
   constexpr std::uint64_t looked_at = 0xFFFF00FFFFFFFFFF, upper = 0xFFFF000000000000, missing = 0xFFFFFE0000000000;
@@ -86,10 +86,10 @@ void LaneRunner::prepare()
 {
   table_ = &kernels();
   native_ = {};
-  by_native_ = native_enabled() && NativeStages::possible(code_);
+  by_native_ = can_be_native_ && native_enabled();
   held_count_ = 0;
   fixed_.reserve(code_.fixed.size() * lane_padding);
-  if (!by_native_) return prepare_steps();
+  if (!by_native_) return prepare_steps(cached_strip());
   strip_ = strip_lanes;
   const auto strip = static_cast<std::size_t>(strip_), outputs = static_cast<std::size_t>(code_.outputs);
   fetched_.reserve(code_.inputs.size() * strip);
@@ -112,7 +112,7 @@ void LaneRunner::prepare()
 
 void LaneRunner::fill_fixed(const double* parameter_results)
 {
-  if (table_ != &kernels() || by_native_ != (native_enabled() && NativeStages::possible(code_))) prepare();
+  if (table_ != &kernels() || by_native_ != (can_be_native_ && native_enabled())) prepare();
   double* to = fixed_.data();
   for (const Fixed& f : code_.fixed) {
     const double value = f.constant ? f.value : parameter_results[f.index];
@@ -131,9 +131,9 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
       run_native(*stage, lanes, sources, outputs, results);
       return 0;
     }
-    // No memory for code: from here on the steps are walked.
+    // No memory for more code: from here on the steps are walked, in strips as long as this one may be.
     by_native_ = false;
-    prepare_steps();
+    prepare_steps(strip_lanes);
     for (std::size_t k = 0; k < code_.fixed.size(); ++k)
       std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
   }
@@ -272,14 +272,19 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
 
 // --- steps ---
 
-void LaneRunner::prepare_steps()
+// Lanes for which all registers stay in the first-level cache.
+int LaneRunner::cached_strip() const
 {
-  constexpr int cached_doubles = 5120; // 40 of the 48 kilobytes that first-level caches have today
+  constexpr int cached_doubles = 5120; // 40 of the 48 kilobytes that such caches have today
   constexpr int narrowest = 32;
-  const int registers = std::max(code_.registers, 1);
+  return std::clamp(cached_doubles / std::max(code_.registers, 1) / narrowest * narrowest, narrowest, strip_lanes);
+}
+
+void LaneRunner::prepare_steps(int strip)
+{
   held_count_ = 0;
-  strip_ = std::clamp(cached_doubles / registers / narrowest * narrowest, narrowest, strip_lanes);
-  registers_.reserve(static_cast<std::size_t>(registers * strip_));
+  strip_ = strip;
+  registers_.reserve(static_cast<std::size_t>(code_.registers) * static_cast<std::size_t>(strip));
   operations_.assign(code_.steps.size(), {});
   for (std::size_t k = 0; k < code_.steps.size(); ++k) {
     const Step& s = code_.steps[k];

@@ -92,7 +92,10 @@ protected:
 // Runs a stage strip by strip: by its machine code where it has some, else by walking its steps.
 class LaneRunner {
 public:
-  LaneRunner(const CMPGLOBAL& gcmp, const StageCode& code) : gcmp_(gcmp), code_(code) {}
+  LaneRunner(const CMPGLOBAL& gcmp, const StageCode& code)
+      : gcmp_(gcmp), code_(code), can_be_native_(NativeStages::possible(code))
+  {
+  }
 
   // Takes the numbers that are the same in all lanes; parameter_results: results of the parameter stage.
   void fill_fixed(const double* parameter_results);
@@ -126,7 +129,8 @@ private:
                   Results& results);
   void find_inputs(const Lanes& lanes, const Sources& sources);
 
-  void prepare_steps();
+  int cached_strip() const;
+  void prepare_steps(int strip);
   int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
            Results& results);
   void answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const;
@@ -134,6 +138,7 @@ private:
 
   const CMPGLOBAL& gcmp_;
   const StageCode& code_;
+  const bool can_be_native_;
   const KernelTable* table_ = nullptr; // the build that all was prepared for
   bool by_native_ = false;
   int strip_ = 0;

@@ -217,6 +217,20 @@ private:
   std::int32_t loop_area_ = -1; // slots for the operands of a loop, their addresses, and its result
 };
 
+// Whether the system grants memory that can be executed.
+bool executable_memory()
+{
+  try {
+    Xbyak::CodeGenerator code(Xbyak::DEFAULT_MAX_CODE_SIZE, Xbyak::DontSetProtectRWE);
+    code.ret();
+    code.ready();
+    code.setProtectModeRE();
+    return true;
+  } catch (const Xbyak::Error&) {
+    return false;
+  }
+}
+
 class WrittenStage final : public NativeStage {
 public:
   WrittenStage(std::unique_ptr<VectorCode> code, std::int32_t slots) : code_(std::move(code))
@@ -251,7 +265,7 @@ std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shap
     to->ready();
     to->setProtectModeRE();
     return std::make_unique<WrittenStage>(std::move(to), slots);
-  } catch (const Xbyak::Error&) { // no executable memory: the steps are walked instead
+  } catch (const Xbyak::Error&) { // no memory: the steps are walked instead
     return nullptr;
   }
 }
@@ -269,9 +283,10 @@ bool NativeStages::possible(const StageCode& code)
 {
 #if defined(__x86_64__)
   using Kind = Step::Kind;
-  return std::none_of(code.steps.begin(), code.steps.end(), [](const Step& s) {
-    return s.kind == Kind::text || s.kind == Kind::loop_begin || s.kind == Kind::loop_end;
-  });
+  static const bool granted = executable_memory();
+  return granted && std::none_of(code.steps.begin(), code.steps.end(), [](const Step& s) {
+           return s.kind == Kind::text || s.kind == Kind::loop_begin || s.kind == Kind::loop_end;
+         });
 #else
   return code.steps.empty();
 #endif

@@ -55,7 +55,7 @@ std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shap
 // The machine code of one stage, made at first use and shared by threads.
 class NativeStages {
 public:
-  // False when the stage has steps that only walking can do, or this build has no machine code.
+  // False when the stage has steps that only walking can do, or the processor or the system allows no machine code.
   static bool possible(const StageCode& code);
   // Null when there is none.
   const NativeStage* get(const StageCode& code, NativeShape shape, const KernelTable& table);
