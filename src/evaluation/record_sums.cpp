@@ -34,7 +34,8 @@ struct Segment {
 class LevelLoop {
 public:
   LevelLoop(const NX& n, TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums& what)
-      : n_(n), ctx_(ctx), b_(ctx.batch), pairs_(pairs), what_(what), sequential_(engine::sequential(*what.program))
+      : n_(n), ctx_(ctx), b_(ctx.batch), pairs_(pairs), what_(what), sequential_(engine::sequential(*what.program)),
+        packed_slots_(pairs.points < long_run ? engine::max_lanes / pairs.points : 1)
   {
   }
 
@@ -77,9 +78,8 @@ private:
   int add_points(int level, int live)
   {
     const int points = pairs_.points;
-    const int most = points < long_run ? engine::max_lanes / points : 1; // slots at once
-    for (int i = 0; i < live; i += most) {
-      const int pair = i * points, lanes = std::min(most, live - i) * points;
+    for (int i = 0; i < live; i += packed_slots_) {
+      const int pair = i * points, lanes = std::min(packed_slots_, live - i) * points;
       if (points >= long_run && !sequential_) {
         if (const int rc = run_consecutive({0, points, pair, level}, place(level, i), points); rc != 0) return rc;
         continue;
@@ -174,6 +174,7 @@ private:
   const Pairs pairs_;
   const RecordSums& what_;
   const bool sequential_;
+  const int packed_slots_; // with all their points, at once
   int lanes_ = 0;
   int segment_count_ = 0;
   std::array<std::int32_t, most_pairs> slot_; // per pair, when few points of one slot lie side by side
