@@ -26,25 +26,34 @@ void cut_strip(Lanes& lanes, const Tile& tile, int i, int longest)
     lanes.count = lanes.repeat = std::min(left, (rest + parts - 1) / parts);
   } else if (group > 1 && lanes.count < left) {
     lanes.count = lanes.count / group * group;
+  } else if (tile.observation == nullptr) {
+    const int strips = (left + longest - 1) / longest; // equal ones
+    lanes.count = (left + strips - 1) / strips;
   }
   if (tile.point != nullptr) {
     lanes.point = tile.point + i;
     lanes.points = Lanes::Run::unknown;
     const int run = ascending_run(lanes.point, lanes.count);
     if (run >= worthwhile && run % lanes.repeat == 0) lanes.count = run;
-  } else {
+  } else if (tile.first_point < 0) {
     lanes.point = zeros;
     lanes.points = Lanes::Run::same;
+  } else {
+    lanes.own[1][0] = tile.first_point + i;
+    lanes.point = lanes.own[1];
+    lanes.points = lanes.count > 1 ? Lanes::Run::ascending : Lanes::Run::same;
   }
   if (tile.observation != nullptr) {
     lanes.row = tile.observation + i;
     lanes.rows = lanes.count == lanes.repeat ? Lanes::Run::same : Lanes::Run::unknown;
   } else {
-    std::iota(lanes.own[0], lanes.own[0] + lanes.count, tile.first + i);
+    const bool same = group > 1 && group == tile.lanes;
+    lanes.own[0][0] = same ? tile.first : tile.first + i;
     lanes.row = lanes.own[0];
-    lanes.rows = lanes.count > 1 ? Lanes::Run::ascending : Lanes::Run::same;
+    lanes.rows = same ? Lanes::Run::same : lanes.count > 1 ? Lanes::Run::ascending : Lanes::Run::same;
   }
   lanes.slot = tile.state != nullptr ? tile.state + i : zeros;
+  lanes.listed = lanes.row != lanes.own[0] && lanes.point != lanes.own[1];
   lanes.finish();
 }
 
@@ -108,6 +117,12 @@ int Frame::State::prepare(FrameProgram& f)
   if (!f.columns_ready) {
     if (data->prepare(f.program, f.columns) != 0) return run_code::endless_loop;
     f.columns_ready = true;
+    f.records.resize(f.columns.size());
+    for (const double* const from : f.columns) {
+      const auto at = std::find_if(gathered.begin(), gathered.end(), [&](const Gathered& g) { return g.from == from; });
+      f.gathered.push_back(static_cast<int>(at - gathered.begin()));
+      if (at == gathered.end()) gathered.emplace_back().from = from;
+    }
   }
   const bool rebuilt = f.table != table;
   f.table = table;
@@ -133,6 +148,28 @@ int Frame::State::prepare(FrameProgram& f)
   for (const Stage s : {Stage::observation, Stage::point, Stage::lane})
     f.runner(s).fill_fixed(f.parameter_results.data());
   return 0;
+}
+
+// Programs share what they read: a column is gathered once for all of them.
+void Frame::State::gather(FrameProgram& f)
+{
+  if (records == nullptr) return;
+  if (records_in_place) {
+    for (std::size_t k = 0; k < f.columns.size(); ++k) f.records[k] = f.columns[k] + records[0];
+    return;
+  }
+  const std::int64_t padded = (count + lane_padding - 1) / lane_padding * lane_padding;
+  for (std::size_t k = 0; k < f.gathered.size(); ++k) {
+    Gathered& g = gathered[static_cast<std::size_t>(f.gathered[k])];
+    if (g.range != range_version) {
+      g.range = range_version;
+      g.values.reserve(static_cast<std::size_t>(padded));
+      double* const to = g.values.data();
+      for (std::int64_t i = 0; i < count; ++i) to[i] = g.from[records[i]];
+      for (std::int64_t i = count; i < padded; ++i) to[i] = to[count - 1];
+    }
+    f.records[k] = g.values.data();
+  }
 }
 
 int Frame::State::prepare_range(FrameProgram& f)
@@ -194,8 +231,11 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   s.points = points;
   s.stride = ran_stride;
   s.points_version = points_version + parameters_version;
-  s.columns = f.columns.data();
+  s.columns = records != nullptr ? f.records.data() : f.columns.data();
   s.rows = data != nullptr ? data->rows() : 0;
+  if (records != nullptr) // room for padding, or rows that follow
+    s.rows = records_in_place ? s.rows - records[0] : (count + lane_padding - 1) / lane_padding * lane_padding;
+  s.records = records;
   s.observation = f.observation.data();
   s.observation_stride = f.range_stride;
   s.first = first;
@@ -236,8 +276,20 @@ void Frame::set_parameters(const double* theta)
 
 void Frame::set_range(std::int64_t first, std::int64_t count)
 {
-  if (first == state_->first && count == state_->count) return;
+  if (state_->records == nullptr && first == state_->first && count == state_->count) return;
+  state_->records = nullptr;
   state_->first = first;
+  state_->count = count;
+  ++state_->range_version;
+  ++state_->version;
+}
+
+void Frame::set_records(const std::int32_t* rows, std::int64_t count)
+{
+  state_->records = rows;
+  state_->records_in_place =
+      std::adjacent_find(rows, rows + count, [](std::int32_t a, std::int32_t b) { return b != a + 1; }) == rows + count;
+  state_->first = 0;
   state_->count = count;
   ++state_->range_version;
   ++state_->version;
@@ -267,6 +319,7 @@ void Frame::reset_state(const Program& program, int slots)
 int Frame::State::prepare_all(FrameProgram& f)
 {
   if (const int code = prepare(f); code != 0) return code;
+  gather(f);
   if (const int code = prepare_range(f); code != 0) return code;
   if (const int code = prepare_points(f); code != 0) return code;
   f.sources = common_sources(f);

@@ -19,6 +19,8 @@ struct FrameProgram {
   const KernelTable* table = nullptr; // build that the registers were prepared for
   std::vector<const double*> columns; // by Program::columns
   bool columns_ready = false;
+  std::vector<int> gathered;          // by Program::columns: its place in Frame::State::gathered
+  std::vector<const double*> records; // by Program::columns: its values at the records of set_records
   // Versions of the inputs that the stage results belong to, and of them all; 0: none.
   std::uint64_t parameters = 0, range = 0, points = 0, inputs = 0;
   Sources sources; // of the lane stage
@@ -45,6 +47,7 @@ struct Frame::State {
   int prepare_range(FrameProgram& f);
   int prepare_points(FrameProgram& f);
   Sources common_sources(const FrameProgram& f) const;
+  void gather(FrameProgram& f); // the columns of the program at the records of the range
 
   const CMPGLOBAL& gcmp;
   std::shared_ptr<const BoundData> data;
@@ -53,6 +56,14 @@ struct Frame::State {
   int points = 0;
   int ran_stride = 0;
   std::int64_t first = 0, count = 0; // the range
+  const std::int32_t* records = nullptr; // borrowed; rows of the records 0..count-1, null: records are rows
+  bool records_in_place = false;         // they are rows that follow each other: nothing need be brought together
+  struct Gathered {                      // one column at these records
+    const double* from = nullptr;
+    LaneArray values;
+    std::uint64_t range = 0; // version of the range that the values belong to
+  };
+  std::vector<Gathered> gathered; // columns that some program reads
   std::uint64_t parameters_version = 1, range_version = 1, points_version = 1;
   std::uint64_t version = 1; // of all inputs: changes with each of these, and when kept values are given room
   std::vector<std::unique_ptr<FrameProgram>> programs; // by Program::number

@@ -30,8 +30,7 @@ void spread(double* out, const double* from, const std::int32_t* index, int repe
     for (int k = 0; k < repeat; k += block)
       for (int j = 0; j < block; ++j) out[i + k + j] = value;
   }
-  for (; i < lanes.padded; ++i) out[i] = from[index[i]];
-  for (i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
+  for (; i < lanes.count; ++i) out[i] = from[index[i]];
 }
 
 // Missing values have all of their upper 16 bits set and none of the lower 40; any other NaN becomes the ordinary
@@ -69,17 +68,19 @@ void LaneArray::reserve(std::size_t n)
 void Lanes::finish()
 {
   padded = (count + lane_padding - 1) / lane_padding * lane_padding;
-  if (padded != count) {
-    const std::int32_t** const all[] = {&row, &point, &slot};
-    for (int k = 0; k < 3; ++k) {
-      const std::int32_t* const from = *all[k];
-      if (from != own[k]) std::copy_n(from, count, own[k]);
-      std::fill(own[k] + count, own[k] + padded, own[k][count - 1]);
-      *all[k] = own[k];
-    }
-  }
   if (rows == Run::unknown) rows = run_of(row, count);
   if (points == Run::unknown) points = run_of(point, count);
+}
+
+void Lanes::list()
+{
+  if (listed) return;
+  listed = true;
+  const auto fill = [&](std::int32_t* index, Run run) {
+    for (int k = 1; k < count; ++k) index[k] = index[0] + (run == Run::ascending ? k : 0);
+  };
+  if (row == own[0]) fill(own[0], rows);
+  if (point == own[1]) fill(own[1], points);
 }
 
 void LaneRunner::prepare()
@@ -122,9 +123,10 @@ void LaneRunner::fill_fixed(const double* parameter_results)
   }
 }
 
-int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
                     Results& results)
 {
+  if (!by_native_ || fetches_) lanes.list();
   if (by_native_) {
     const NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same};
     if (const NativeStage* const stage = native(shape); stage != nullptr) {
@@ -136,6 +138,7 @@ int LaneRunner::run(const Lanes& lanes, const Sources& sources, const CharacterC
     prepare_steps(strip_lanes);
     for (std::size_t k = 0; k < code_.fixed.size(); ++k)
       std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
+    lanes.list();
   }
   return walk(lanes, sources, texts, outputs, results);
 }
@@ -171,33 +174,31 @@ LaneRunner::View LaneRunner::view(const Input& input, const Lanes& lanes, const 
 
 void LaneRunner::fetch(const Input& input, double* out, const Lanes& lanes, const Sources& sources) const
 {
-  if (input.from == Input::From::row_number) {
-    for (int i = 0; i < lanes.padded; ++i) out[i] = lanes.row[i];
-    return;
-  }
   const View v = view(input, lanes, sources);
-  if (v.run == Lanes::Run::same) {
-    std::fill_n(out, lanes.padded, v.from[v.index[0]]);
+  if (input.from == Input::From::row_number) {
+    for (int i = 0; i < lanes.count; ++i) out[i] = static_cast<double>(sources.row(lanes.row[i]));
+  } else if (v.run == Lanes::Run::same) {
+    std::fill_n(out, lanes.count, v.from[v.index[0]]);
   } else if (v.run == Lanes::Run::ascending) {
     std::memcpy(out, v.from + v.index[0], static_cast<std::size_t>(lanes.count) * sizeof(double));
-    for (int i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
   } else if (v.repeat > 2) {
     spread(out, v.from, v.index, v.repeat, lanes);
   } else {
-    for (int i = 0; i < lanes.padded; ++i) out[i] = v.from[v.index[i]];
+    for (int i = 0; i < lanes.count; ++i) out[i] = v.from[v.index[i]];
   }
+  for (int i = lanes.count; i < lanes.padded; ++i) out[i] = out[lanes.count - 1];
 }
 
 bool LaneRunner::holds_points_of(const Lanes& lanes, const Sources& sources) const
 {
-  return lanes.padded <= held_count_ && held_version_ == sources.points_version &&
-         std::memcmp(held_, lanes.point, static_cast<std::size_t>(lanes.padded) * sizeof(std::int32_t)) == 0;
+  return lanes.count <= held_count_ && held_version_ == sources.points_version &&
+         std::memcmp(held_, lanes.point, static_cast<std::size_t>(lanes.count) * sizeof(std::int32_t)) == 0;
 }
 
 void LaneRunner::hold_points_of(const Lanes& lanes, const Sources& sources)
 {
-  std::copy_n(lanes.point, lanes.padded, held_);
-  held_count_ = lanes.padded;
+  std::copy_n(lanes.point, lanes.count, held_);
+  held_count_ = lanes.count;
   held_version_ = sources.points_version;
 }
 
@@ -245,7 +246,9 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
     input_addresses_[k] = room;
     if (along != Along::points || !same_points) fetch(code_.inputs[k], room, lanes, sources);
   }
-  if (!points_in_place && !same_points) hold_points_of(lanes, sources);
+  if (points_in_place || same_points) return;
+  held_count_ = 0;
+  if (lanes.points == Lanes::Run::mixed) hold_points_of(lanes, sources);
 }
 
 void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources,
@@ -295,7 +298,8 @@ void LaneRunner::prepare_steps(int strip)
   }
 }
 
-void LaneRunner::answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const
+void LaneRunner::answer(const Step& step, const Operation& op, const Lanes& lanes, const Sources& sources,
+                        const CharacterColumns& texts) const
 {
   struct Lane final : TextInputs {
     const TextTest* test = nullptr;
@@ -314,11 +318,12 @@ void LaneRunner::answer(const Step& step, const Operation& op, const Lanes& lane
   lane.test = &gcmp_.text.test(step.index);
   lane.op = &op;
   lane.texts = &texts;
-  for (int i = 0; i < lanes.padded; ++i) {
-    lane.row = lanes.row[i];
+  for (int i = 0; i < lanes.count; ++i) {
+    lane.row = sources.row(lanes.row[i]);
     lane.lane = i;
-    op.out[i] = i < lanes.count ? gcmp_.text.answer(step.index, lane) : op.out[lanes.count - 1];
+    op.out[i] = gcmp_.text.answer(step.index, lane);
   }
+  for (int i = lanes.count; i < lanes.padded; ++i) op.out[i] = op.out[lanes.count - 1];
 }
 
 int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
@@ -343,7 +348,7 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
       break;
     }
     case Step::Kind::text:
-      answer(s, op, lanes, texts);
+      answer(s, op, lanes, sources, texts);
       break;
     case Step::Kind::keep:
       results.keep(s.index, op.in[0], lanes);

@@ -28,18 +28,21 @@ private:
   std::size_t size_ = 0;
 };
 
-// Which record, point and slot each lane of a strip stands for. Padded to a multiple of lane_padding.
+// Which record, point and slot each lane of a strip stands for. Computed are `padded` lanes, a multiple of lane_padding:
+// those beyond the last read copies of its values, or what stands behind them.
 struct Lanes {
   int count = 0; // real lanes, 1..strip_lanes
   int padded = 0;
   int repeat = 1;                    // rows come in groups of this many equal ones
-  const std::int32_t* row = nullptr; // padded entries each; borrowed, or in `own` when they had to be padded
+  const std::int32_t* row = nullptr; // `count` entries each; borrowed, or in `own`
   const std::int32_t* point = nullptr;
   const std::int32_t* slot = nullptr;
   std::int32_t own[3][strip_lanes];
+  bool listed = true; // false: `row` and `point` have their first entries only, the others follow from how they run
   enum class Run : std::uint8_t { same, ascending, mixed, unknown };
   Run rows = Run::unknown, points = Run::unknown; // how the indices run; unknown: `finish` finds out
-  void finish();                                  // pads
+  void finish();
+  void list();
 };
 
 // How many indices from the first on ascend one by one.
@@ -56,6 +59,7 @@ struct Sources {
   std::int64_t stride = 0;
   const double* const* columns = nullptr; // by Program::columns, per record
   std::int64_t rows = 0;                  // how many records
+  const std::int32_t* records = nullptr;  // row of the bound data that each record is; null: of the same number
   const double* observation = nullptr;    // result r of record i: observation[r * observation_stride + i - first]
   std::int64_t observation_stride = 0;
   std::int64_t first = 0;
@@ -63,6 +67,8 @@ struct Sources {
   std::int64_t point_stride = 0;
   const double* state = nullptr; // value k of slot s: state[k * state_stride + s]
   std::int64_t state_stride = 0;
+
+  std::int64_t row(std::int32_t record) const { return records != nullptr ? records[record] : record; }
 };
 
 // Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding.
@@ -100,8 +106,7 @@ public:
   // Takes the numbers that are the same in all lanes; parameter_results: results of the parameter stage.
   void fill_fixed(const double* parameter_results);
   // Runs one strip. Returns 0, or 1 when a loop did not end within the limit of passes.
-  int run(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
-          Results& results);
+  int run(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs, Results& results);
   int strip() const { return strip_; } // lanes of a full strip, once fill_fixed has been called
 
 private:
@@ -133,7 +138,8 @@ private:
   void prepare_steps(int strip);
   int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
            Results& results);
-  void answer(const Step& step, const Operation& op, const Lanes& lanes, const CharacterColumns& texts) const;
+  void answer(const Step& step, const Operation& op, const Lanes& lanes, const Sources& sources,
+              const CharacterColumns& texts) const;
   double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r * strip_); }
 
   const CMPGLOBAL& gcmp_;

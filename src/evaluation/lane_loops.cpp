@@ -13,6 +13,18 @@ namespace {
   for (int j = 0; j < n; ++j) sum[j] += from[j];
 }
 
+[[gnu::always_inline]] inline void add_multiples_loop(double* __restrict sum, const double* __restrict from, double factor,
+                                                      int n)
+{
+  for (int j = 0; j < n; ++j) sum[j] += from[j] * factor;
+}
+
+[[gnu::always_inline]] inline void add_products_loop(double* __restrict sum, const double* __restrict a,
+                                                     const double* __restrict b, int n)
+{
+  for (int j = 0; j < n; ++j) sum[j] += a[j] * b[j];
+}
+
 [[gnu::always_inline]] inline void shift_loop(std::int32_t* __restrict out, const std::int32_t* __restrict from, std::int32_t step, int n)
 {
   for (int j = 0; j < n; ++j) out[j] = from[j] + step;
@@ -43,41 +55,46 @@ namespace {
 
 struct Loops {
   void (*add)(double*, const double*, int);
+  void (*add_multiples)(double*, const double*, double, int);
+  void (*add_products)(double*, const double*, const double*, int);
   void (*shift)(std::int32_t*, const std::int32_t*, std::int32_t, int);
   void (*exponential)(double*, int);
 };
 
-void add_plain(double* sum, const double* from, int n) { add_loop(sum, from, n); }
-void shift_plain(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n) { shift_loop(out, from, step, n); }
-void exponential_plain(double* x, int n) { exponential_loop(x, n); }
+// One build of the loops; `target` is an attribute, or nothing for the instructions that every machine has.
+#define TORVALE_LOOPS(name, target)                                                                                   \
+  struct name {                                                                                                       \
+    target static void add(double* sum, const double* from, int n) { add_loop(sum, from, n); }                        \
+    target static void multiples(double* sum, const double* from, double factor, int n)                               \
+    {                                                                                                                 \
+      add_multiples_loop(sum, from, factor, n);                                                                       \
+    }                                                                                                                 \
+    target static void products(double* sum, const double* a, const double* b, int n)                                 \
+    {                                                                                                                 \
+      add_products_loop(sum, a, b, n);                                                                                \
+    }                                                                                                                 \
+    target static void shift(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)                   \
+    {                                                                                                                 \
+      shift_loop(out, from, step, n);                                                                                 \
+    }                                                                                                                 \
+    target static void exponential(double* x, int n) { exponential_loop(x, n); }                                      \
+    static constexpr Loops table{add, multiples, products, shift, exponential};                                       \
+  };
 
+TORVALE_LOOPS(Plain, )
 #if defined(__x86_64__)
-[[gnu::target("avx2")]] void add_avx2(double* sum, const double* from, int n) { add_loop(sum, from, n); }
-[[gnu::target("avx2")]] void shift_avx2(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)
-{
-  shift_loop(out, from, step, n);
-}
-[[gnu::target("avx2")]] void exponential_avx2(double* x, int n) { exponential_loop(x, n); }
-
-[[gnu::target("avx512f,avx512dq,prefer-vector-width=512")]] void add_avx512(double* sum, const double* from, int n)
-{
-  add_loop(sum, from, n);
-}
-[[gnu::target("avx512f,avx512dq,prefer-vector-width=512")]] void shift_avx512(std::int32_t* out, const std::int32_t* from,
-                                                                              std::int32_t step, int n)
-{
-  shift_loop(out, from, step, n);
-}
-[[gnu::target("avx512f,avx512dq,prefer-vector-width=512")]] void exponential_avx512(double* x, int n) { exponential_loop(x, n); }
+TORVALE_LOOPS(Avx2, [[gnu::target("avx2")]])
+TORVALE_LOOPS(Avx512, [[gnu::target("avx512f,avx512dq,prefer-vector-width=512")]])
 #endif
+#undef TORVALE_LOOPS
 
 Loops choose()
 {
 #if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq")) return {add_avx512, shift_avx512, exponential_avx512};
-  if (__builtin_cpu_supports("avx2")) return {add_avx2, shift_avx2, exponential_avx2};
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq")) return Avx512::table;
+  if (__builtin_cpu_supports("avx2")) return Avx2::table;
 #endif
-  return {add_plain, shift_plain, exponential_plain};
+  return Plain::table;
 }
 
 const Loops loops = choose();
@@ -87,6 +104,16 @@ const Loops loops = choose();
 void add_lanes(double* sum, const double* from, int n)
 {
   loops.add(sum, from, n);
+}
+
+void add_multiples(double* sum, const double* from, double factor, int n)
+{
+  loops.add_multiples(sum, from, factor, n);
+}
+
+void add_products(double* sum, const double* a, const double* b, int n)
+{
+  loops.add_products(sum, a, b, n);
 }
 
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)

@@ -9,6 +9,10 @@ namespace torvale::evaluation {
 // sum[j] += from[j].
 void add_lanes(double* sum, const double* from, int n);
 
+// sum[j] += from[j] factor, sum[j] += a[j] b[j].
+void add_multiples(double* sum, const double* from, double factor, int n);
+void add_products(double* sum, const double* a, const double* b, int n);
+
 // out[j] = from[j] + step.
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n);
 

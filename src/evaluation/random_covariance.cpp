@@ -60,15 +60,26 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* outpu
   return prior_failure(ctx.block);
 }
 
+// Which of a slot's records is the first used one. Of programs that keep values the records before it are listed too.
+std::int32_t first_used(const NX& n, const BatchWork& b, int slot)
+{
+  const auto& subject = n.reff[0].SubInfo[static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)])];
+  const std::int32_t* const rows = n.record_rows.data() + n.record_first[static_cast<std::size_t>(subject.index)];
+  int record = 0;
+  while (rows[record] < subject.fvalidobs) ++record;
+  return record;
+}
+
 // One subject's arguments, at its first used record. Programs that keep values must see the records before it.
 int run_to_first_record(const NX& n, TVLThreadCtx& ctx, const engine::Program& program, int slot)
 {
-  const auto& subject = n.reff[0].SubInfo[static_cast<std::size_t>(ctx.batch.subject[static_cast<std::size_t>(slot)])];
+  const BatchWork& b = ctx.batch;
   const std::int32_t zero = 0;
   const bool keeps = engine::sequential(program);
   if (keeps) ctx.frame->reset_state(program, 1);
-  for (std::int64_t row = keeps ? subject.first_row : subject.fvalidobs; row <= subject.fvalidobs; ++row) {
-    const auto observation = static_cast<std::int32_t>(row);
+  const int last = first_used(n, b, slot);
+  for (int record = keeps ? 0 : last; record <= last; ++record) {
+    const std::int32_t observation = b.level[record] + slot;
     if (const int rc = tvlexec(ctx, program, {1, &observation, &zero, keeps ? &zero : nullptr}); rc > 2) return rc;
   }
   return 0;
@@ -80,7 +91,7 @@ int run_first_records(const NX& n, TVLThreadCtx& ctx, const engine::Program& pro
   const BatchWork& b = ctx.batch;
   for (int slot = 0; slot < b.slots; ++slot) {
     const auto at = static_cast<std::size_t>(slot);
-    ctx.tile.observation[at] = static_cast<std::int32_t>(n.reff[0].SubInfo[static_cast<std::size_t>(b.subject[at])].fvalidobs);
+    ctx.tile.observation[at] = b.level[first_used(n, b, slot)] + slot;
     ctx.tile.point[at] = 0;
   }
   return tvlexec(ctx, program, {b.slots, ctx.tile.observation.data(), ctx.tile.point.data(), nullptr});

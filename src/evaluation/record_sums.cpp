@@ -5,57 +5,51 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <numeric>
 
 namespace torvale::evaluation {
 
+using model::BatchWork;
 using model::NX;
-using model::PairRun;
 using model::TVLThreadCtx;
 
 namespace {
 
-// 0, 1, 2, ...: the points of a run of pairs, and the slots of their kept values.
+// 0, 1, 2, ...: indices of pairs.
 constexpr auto counting = [] {
-  std::array<std::int32_t, tile_pairs> a{};
+  std::array<std::int32_t, most_pairs> a{};
   for (std::size_t k = 0; k < a.size(); ++k) a[k] = static_cast<std::int32_t>(k);
   return a;
 }();
 
-// Segment: the lanes of one record place (first, second, ... record of each subject): pairs 0..pairs-1 of the run.
+// Segment: lanes of one level of records (first, second, ... of each subject), and the pairs that they belong to.
 struct Segment {
-  int lane;    // first lane
-  int pairs;
-  int record;  // place of the record
+  int lane; // first lane
+  int lanes;
+  int pair; // first pair
+  int level;
 };
 
-// A tile in the making: whole segments until it is full.
-class TileBuilder {
+// Level by level: long stretches of lanes whose records and points are consecutive make a tile each, that the engine
+// reads in place. Others are packed into one tile until it is full.
+class LevelLoop {
 public:
-  TileBuilder(const NX& n, TVLThreadCtx& ctx, std::span<const PairRun> runs, const RecordSums& what)
-      : n_(n), ctx_(ctx), runs_(runs), what_(what), sequential_(engine::sequential(*what.program))
+  LevelLoop(const NX& n, TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums& what)
+      : n_(n), ctx_(ctx), b_(ctx.batch), pairs_(pairs), what_(what), sequential_(engine::sequential(*what.program)),
+        packed_slots_(pairs.points < long_run ? engine::max_lanes / pairs.points : 1)
   {
   }
 
   int add_all()
   {
-    int pairs = 0;
-    consecutive_ = true;
-    repeat_ = runs_.empty() ? 1 : runs_[0].pairs;
-    for (const PairRun& run : runs_) {
-      if (run.pairs != repeat_) repeat_ = 1;
-      std::fill_n(first_row_.data() + pairs, run.pairs, run.rows[0]);
-      pairs += run.pairs;
-      consecutive_ = consecutive_ && run.rows[run.records - 1] - run.rows[0] == run.records - 1;
-    }
-    if (sequential_) ctx_.frame->reset_state(*what_.program, pairs);
-    std::size_t live = runs_.size(); // runs that still have records
-    for (int record = 0;; ++record) {
-      while (live > 0 && runs_[live - 1].records <= record) pairs -= runs_[--live].pairs;
+    if (pairs_.count == 0) return 0;
+    if (sequential_) ctx_.frame->reset_state(*what_.program, pairs_.count * pairs_.points);
+    if (!pairs_.slots_aside() && pairs_.points < long_run)
+      for (int i = 0; i < pairs_.count; ++i) std::fill_n(slot_.data() + i * pairs_.points, pairs_.points, pairs_.slots[i]);
+    int live = pairs_.count; // slots that still have records
+    for (int level = 0; level < b_.levels; ++level) {
+      while (live > 0 && place(level, live - 1) >= b_.level[level + 1]) --live;
       if (live == 0) break;
-      if (lanes_ + pairs > engine::max_lanes)
-        if (const int rc = flush(); rc != 0) return rc;
-      add_segment(live, pairs, record);
+      if (const int rc = pairs_.slots_aside() ? add_slots(level, live) : add_points(level, live); rc != 0) return rc;
       if (sequential_)
         if (const int rc = flush(); rc != 0) return rc;
     }
@@ -63,17 +57,62 @@ public:
   }
 
 private:
-  void add_segment(std::size_t live, int pairs, int record)
+  std::int32_t place(int level, int i) const { return b_.level[level] + pairs_.slots[i]; }
+
+  int add_slots(int level, int live)
   {
-    std::int32_t* row = observation_.data() + lanes_;
-    if (consecutive_) {
-      shift_rows(row, first_row_.data(), record, pairs);
-    } else {
-      for (std::size_t r = 0; r < live; ++r) row = std::fill_n(row, runs_[r].pairs, runs_[r].rows[record]);
+    const bool consecutive = pairs_.slots[live - 1] - pairs_.slots[0] == live - 1;
+    for (int q = 0; q < pairs_.points; ++q) {
+      const int pair = q * pairs_.count;
+      if (consecutive && live >= long_run && !sequential_) {
+        if (const int rc = run_consecutive({0, live, pair, level}, place(level, 0), 1); rc != 0) return rc;
+        continue;
+      }
+      if (const int rc = make_room(live); rc != 0) return rc;
+      shift_rows(observation_.data() + lanes_, pairs_.slots, b_.level[level], live);
+      pack(live, pair, level);
     }
-    std::memcpy(point_.data() + lanes_, counting.data(), static_cast<std::size_t>(pairs) * sizeof(std::int32_t));
-    segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, pairs, record};
-    lanes_ += pairs;
+    return 0;
+  }
+
+  int add_points(int level, int live)
+  {
+    const int points = pairs_.points;
+    for (int i = 0; i < live; i += packed_slots_) {
+      const int pair = i * points, lanes = std::min(packed_slots_, live - i) * points;
+      if (points >= long_run && !sequential_) {
+        if (const int rc = run_consecutive({0, points, pair, level}, place(level, i), points); rc != 0) return rc;
+        continue;
+      }
+      if (const int rc = make_room(lanes); rc != 0) return rc;
+      if (points < long_run)
+        shift_rows(observation_.data() + lanes_, slot_.data() + pair, b_.level[level], lanes);
+      else
+        std::fill_n(observation_.data() + lanes_, points, place(level, i));
+      pack(lanes, pair, level);
+    }
+    return 0;
+  }
+
+  int run_consecutive(const Segment& lanes, std::int32_t first_record, int repeat)
+  {
+    engine::Tile tile;
+    tile.lanes = lanes.lanes;
+    tile.first = first_record;
+    tile.first_point = lanes.pair;
+    tile.repeat = repeat;
+    if (const int rc = tvlexec(ctx_, *what_.program, tile); rc > 2) return rc;
+    add_segments({&lanes, 1});
+    return 0;
+  }
+
+  int make_room(int lanes) { return lanes_ + lanes > engine::max_lanes ? flush() : 0; }
+
+  void pack(int lanes, int pair, int level)
+  {
+    std::memcpy(point_.data() + lanes_, counting.data() + pair, static_cast<std::size_t>(lanes) * sizeof(std::int32_t));
+    segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, lanes, pair, level};
+    lanes_ += lanes;
   }
 
   int flush()
@@ -84,57 +123,61 @@ private:
     tile.observation = observation_.data();
     tile.point = point_.data();
     tile.state = sequential_ ? point_.data() : nullptr;
-    tile.repeat = repeat_;
+    tile.repeat = pairs_.slots_aside() ? 1 : pairs_.points;
     if (const int rc = tvlexec(ctx_, *what_.program, tile); rc > 2) return rc;
+    const std::span<const Segment> segments{segments_.data(), static_cast<std::size_t>(segment_count_)};
     if (sequential_)
-      add_used_lanes();
+      add_used_lanes(segments);
     else
-      add_segments();
+      add_segments(segments);
     lanes_ = 0;
     segment_count_ = 0;
     return 0;
   }
 
-  void add_segments() const
+  void add_segments(std::span<const Segment> segments) const
   {
     for (std::size_t k = 0; k < what_.places.size(); ++k) {
       const double* const value = ctx_.frame->output(static_cast<int>(k));
       double* const sum = what_.sums + what_.places[k] * what_.stride;
-      for (int s = 0; s < segment_count_; ++s) {
-        const Segment& g = segments_[static_cast<std::size_t>(s)];
-        const double* const from = value + g.lane;
-        if (g.record == 0)
-          std::memcpy(sum, from, static_cast<std::size_t>(g.pairs) * sizeof(double));
+      for (const Segment& g : segments) {
+        if (g.level == 0)
+          std::memcpy(sum + g.pair, value + g.lane, static_cast<std::size_t>(g.lanes) * sizeof(double));
         else
-          add_lanes(sum, from, g.pairs);
+          add_lanes(sum + g.pair, value + g.lane, g.lanes);
       }
     }
   }
 
   // Every record was run; only the used ones count.
-  void add_used_lanes() const
+  void add_used_lanes(std::span<const Segment> segments) const
   {
-    const Segment& g = segments_[0];
     for (std::size_t k = 0; k < what_.places.size(); ++k) {
       const double* const value = ctx_.frame->output(static_cast<int>(k));
-      double* const sum = what_.sums + what_.places[k] * what_.stride;
-      if (g.record == 0) std::fill_n(sum, g.pairs, 0.0);
-      for (int j = 0; j < g.pairs; ++j)
-        if (n_.store->badobs[static_cast<std::size_t>(observation_[static_cast<std::size_t>(j)])] == model::BadCause::none)
-          sum[j] += value[j];
+      for (const Segment& g : segments) {
+        double* const sum = what_.sums + what_.places[k] * what_.stride + g.pair;
+        if (g.level == 0) std::fill_n(sum, g.lanes, 0.0);
+        for (int j = 0; j < g.lanes; ++j)
+          if (used(observation_[static_cast<std::size_t>(g.lane + j)])) sum[j] += value[g.lane + j];
+      }
     }
+  }
+
+  bool used(std::int32_t record) const
+  {
+    return n_.store->badobs[static_cast<std::size_t>(b_.rows[record])] == model::BadCause::none;
   }
 
   const NX& n_;
   TVLThreadCtx& ctx_;
-  std::span<const PairRun> runs_;
+  const BatchWork& b_;
+  const Pairs pairs_;
   const RecordSums& what_;
   const bool sequential_;
+  const int packed_slots_; // with all their points, at once
   int lanes_ = 0;
   int segment_count_ = 0;
-  int repeat_ = 1;           // pairs of every subject, when they have equally many
-  bool consecutive_ = false; // every subject's records are consecutive rows: those of record k lie k behind the first
-  std::array<std::int32_t, tile_pairs> first_row_;
+  std::array<std::int32_t, most_pairs> slot_; // per pair, when few points of one slot lie side by side
   std::array<std::int32_t, engine::max_lanes> observation_;
   std::array<std::int32_t, engine::max_lanes> point_;
   std::array<Segment, engine::max_lanes> segments_;
@@ -148,9 +191,9 @@ int tvlexec(TVLThreadCtx& ctx, const engine::Program& program, const engine::Til
   return ctx.frame->run(program, tile);
 }
 
-int tvllogl(const NX& n, TVLThreadCtx& ctx, std::span<const PairRun> runs, const RecordSums& what)
+int tvllogl(const NX& n, TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums& what)
 {
-  return TileBuilder(n, ctx, runs, what).add_all();
+  return LevelLoop(n, ctx, pairs, what).add_all();
 }
 
 } // namespace torvale::evaluation

@@ -7,7 +7,20 @@
 
 namespace torvale::evaluation {
 
-inline constexpr int tile_pairs = engine::max_lanes; // most pairs of one run of tvllogl
+inline constexpr int most_pairs = 1024;  // of one run of tvllogl
+inline constexpr int long_run = 32;      // lanes that are worth a tile of their own
+
+// Pairs: slots of the batch in hand with `points` points each. Side by side in the lanes are the slots, point after point
+// (the pair of entry i and point q is q * count + i); or, when the points are many or the slots few, the points of one
+// slot after those of the other (i * points + q).
+struct Pairs {
+  const int* slots = nullptr; // ascending
+  int count = 0;
+  int points = 1;
+  bool slots_aside() const { return points < long_run && count >= long_run; }
+  int slot_step() const { return slots_aside() ? 1 : points; }
+  int point_step() const { return slots_aside() ? count : 1; }
+};
 
 // RecordSums: what tvllogl adds up and where.
 struct RecordSums {
@@ -24,11 +37,11 @@ int tvlexec(model::TVLThreadCtx& ctx, const engine::Program& program, const engi
 // tvllogl: reads the log likelihood and its derivatives out of the program, summed over each pair's records in record order:
 // one chain per pair, whatever shares the tile.
 //
-//   runs  runs of pairs by falling record count, at most tile_pairs pairs together; pair j is point j of the frame
-//         (Frame::set_points), and the frame's range covers all rows
+//   pairs  at most most_pairs, max_lanes points; pair j is point j of the frame (Frame::set_points), whose records are
+//          those of the batch
 //   slots of kept values are pairs; of a program that keeps values every record is run, and the unused ones are left out
 //
 // Returns 0 or the engine's code above 2. Allocates nothing.
-int tvllogl(const model::NX& n, model::TVLThreadCtx& ctx, std::span<const model::PairRun> runs, const RecordSums& what);
+int tvllogl(const model::NX& n, model::TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums& what);
 
 } // namespace torvale::evaluation

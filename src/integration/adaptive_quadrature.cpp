@@ -98,7 +98,10 @@ void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
   b.slots = batch.last - batch.first;
   std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
   std::fill_n(b.failure.begin(), b.slots, 0);
-  ctx.frame->set_range(batch.first_row, batch.rows);
+  b.level = n.batch_levels.data() + batch.first_level;
+  b.levels = batch.levels;
+  b.rows = n.batch_records.data() + batch.first_record;
+  ctx.frame->set_records(b.rows, batch.records);
 }
 
 int tvlgaus(NX& n, TVLThreadCtx& ctx, const Batch& batch)

@@ -20,9 +20,10 @@ using model::TVLThreadCtx;
 
 namespace {
 
-// A batch fills a few tiles of the mode search, and there are enough batches for all workers.
-constexpr std::int64_t batch_rows = 2 * engine::max_lanes;
-constexpr int batch_slots = 256;
+// A batch fills a few tiles of the mode search, and there are enough batches for all workers. It takes more rows where
+// that brings it subjects enough to lie side by side in the lanes.
+constexpr std::int64_t batch_rows = 2 * engine::max_lanes, most_batch_rows = 8 * batch_rows;
+constexpr int enough_slots = 64, batch_slots = 256;
 constexpr long batches_per_context = 8;
 
 template <class T> void size(std::vector<T>& v, long count)
@@ -54,39 +55,64 @@ void list_records(NX& n)
   for (const auto& s : n.reff[0].SubInfo) add(s.first_row, s.badsub ? 0 : s.SubCount);
 }
 
+int records_of(const NX& n, int subject)
+{
+  const auto s = static_cast<std::size_t>(subject);
+  return n.record_first[s + 1] - n.record_first[s];
+}
+
+// The records of a batch, level by level.
+void list_levels(NX& n, Batch& batch)
+{
+  batch.first_record = static_cast<std::int64_t>(n.batch_records.size());
+  batch.first_level = static_cast<std::int64_t>(n.batch_levels.size());
+  batch.levels = records_of(n, n.batch_subjects[static_cast<std::size_t>(batch.first)]);
+  n.batch_levels.push_back(0);
+  for (int level = 0; level < batch.levels; ++level) {
+    for (int i = batch.first; i < batch.last; ++i) {
+      const int s = n.batch_subjects[static_cast<std::size_t>(i)];
+      if (records_of(n, s) <= level) break;
+      n.batch_records.push_back(n.record_rows[static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)]);
+    }
+    n.batch_levels.push_back(static_cast<std::int32_t>(static_cast<std::int64_t>(n.batch_records.size()) - batch.first_record));
+  }
+  batch.records = n.batch_levels.back();
+}
+
 void close_batch(NX& n, Batch& batch, int contents)
 {
   if (contents == batch.first) return;
   batch.last = contents;
-  const auto records = [&](int s) {
-    return n.record_first[static_cast<std::size_t>(s) + 1] - n.record_first[static_cast<std::size_t>(s)];
-  };
   std::stable_sort(n.batch_subjects.begin() + batch.first, n.batch_subjects.end(),
-                   [&](int a, int b) { return records(a) > records(b); });
+                   [&](int a, int b) { return records_of(n, a) > records_of(n, b); });
+  list_levels(n, batch);
   n.batches.push_back(batch);
-  batch = Batch{contents, contents, 0, 0};
+  batch.first = contents;
 }
 
 // Subjects in order, until a batch has rows enough for full tiles; smaller batches when workers would stand idle.
 void deal_batches(NX& n)
 {
   n.batches.clear();
-  n.batch_subjects.clear();
+  for (std::vector<std::int32_t>* v : {&n.batch_subjects, &n.batch_records, &n.batch_levels}) v->clear();
   if (n.nreff() == 0) return;
   const REFFECT& reff = n.reff[0];
+  if (reff.SubInfo.empty()) return;
   const long contexts = n.workers != nullptr ? n.workers->contexts() : 1;
-  const std::int64_t share = contexts == 1 ? batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
-  const std::int64_t most_rows = std::min(batch_rows, share);
+  const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
+  const std::int64_t enough = enough_slots * (n.store->nobs / static_cast<std::int64_t>(reff.SubInfo.size()) + 1);
+  const std::int64_t most_rows = std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
   Batch batch;
+  std::int64_t first_row = 0;
   for (std::size_t s = 0; s < reff.SubInfo.size(); ++s) {
     const auto& subject = reff.SubInfo[s];
     if (subject.badsub) continue;
     const auto contents = static_cast<int>(n.batch_subjects.size());
-    const std::int64_t rows = subject.first_row + subject.SubCount - batch.first_row;
-    if (contents > batch.first && (rows > most_rows || contents - batch.first >= batch_slots)) close_batch(n, batch, contents);
-    if (contents == batch.first) batch.first_row = subject.first_row;
+    const int slots = contents - batch.first;
+    const std::int64_t rows = subject.first_row + subject.SubCount - first_row;
+    if (slots > 0 && (rows > most_rows || slots >= batch_slots)) close_batch(n, batch, contents);
+    if (contents == batch.first) first_row = subject.first_row;
     n.batch_subjects.push_back(static_cast<int>(s));
-    batch.rows = subject.first_row + subject.SubCount - batch.first_row;
   }
   close_batch(n, batch, static_cast<int>(n.batch_subjects.size()));
 }
@@ -114,10 +140,9 @@ void size_batch(const NX& n, const REFFECT& reff, BatchWork& b)
   const long priors = n.programs.setup_varies ? slots : 1;
   const long arguments = reff.nd + (derivatives ? reff.nd * np : 0);
   b.mode_stride = (slots + 7) / 8 * 8;
-  b.pair_stride = evaluation::tile_pairs;
-  for (std::vector<int>* v : {&b.subject, &b.column, &b.failure, &b.active, &b.run_slot}) size(*v, slots);
+  b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
+  for (std::vector<int>* v : {&b.subject, &b.column, &b.failure, &b.active}) size(*v, slots);
   size(b.failure_row, slots);
-  size(b.runs, slots);
   size(b.search, slots);
   size(b.mean, priors * nr);
   size(b.factor, priors * nrs);

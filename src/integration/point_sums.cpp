@@ -14,18 +14,30 @@ namespace torvale::integration {
 
 using model::BatchWork;
 using model::NX;
-using model::PairRun;
 using model::REFFECT;
 using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int most_pairs = 256;               // pairs of one run, and points of one chunk of a subject
+constexpr int most_points = 256; // of one chunk of a subject
+constexpr int most_slots = 128;  // of one block: one strip of lanes
 
-// Sum of a[i] b[i]: one chain for short vectors, eight interleaved ones beyond; the order depends on the length alone.
+// A sum over points has one chain when they are few, eight interleaved ones beyond: the order depends on their number
+// alone.
+constexpr int chains_of(int points)
+{
+  return points < 16 ? 1 : 8;
+}
+
+double joined(const double* part, long stride)
+{
+  return ((part[0] + part[4 * stride]) + (part[2 * stride] + part[6 * stride])) +
+         ((part[stride] + part[5 * stride]) + (part[3 * stride] + part[7 * stride]));
+}
+
 double weighted_sum(const double* a, const double* b, int length)
 {
-  if (length < 16) {
+  if (chains_of(length) == 1) {
     double sum = 0.0;
     for (int i = 0; i < length; ++i) sum += a[i] * b[i];
     return sum;
@@ -35,7 +47,7 @@ double weighted_sum(const double* a, const double* b, int length)
   for (; i + 8 <= length; i += 8)
     for (int k = 0; k < 8; ++k) part[k] += a[i + k] * b[i + k];
   for (int k = 0; i + k < length; ++k) part[k] += a[i + k] * b[i + k];
-  return ((part[0] + part[4]) + (part[2] + part[6])) + ((part[1] + part[5]) + (part[3] + part[7]));
+  return joined(part, 1);
 }
 
 // One slot's map from standard points x to z = centre + spread x and u = mean + L z.
@@ -77,154 +89,233 @@ public:
 
   int run()
   {
-    const long points = reff_.nqpr;
+    int good = 0;
     for (int slot = 0; slot < b_.slots; ++slot) {
-      if (b_.failure[static_cast<std::size_t>(slot)] != 0) continue;
-      b_.peak[static_cast<std::size_t>(slot)] = model::failed_point;
-      b_.total[static_cast<std::size_t>(slot)] = 0.0;
-      for (long first = 0; first < points; first += most_pairs) {
-        const int count = static_cast<int>(std::min<long>(points - first, most_pairs));
-        if (pairs_ + count > most_pairs)
-          if (const int rc = flush(); rc != 0) return rc;
-        place(slot, first, count);
-      }
+      const auto s = static_cast<std::size_t>(slot);
+      if (b_.failure[s] != 0) continue;
+      b_.active[static_cast<std::size_t>(good++)] = slot;
+      b_.peak[s] = model::failed_point;
+      b_.total[s] = 0.0;
     }
-    return flush();
+    // Blocks of slots of about equal size.
+    const int points = static_cast<int>(std::min<long>(reff_.nqpr, most_points));
+    const int most = std::min(most_slots, evaluation::most_pairs / points);
+    const int blocks = (good + most - 1) / most;
+    for (int block = 0, first = 0; block < blocks; ++block) {
+      const int count = (good - first) / (blocks - block);
+      if (const int rc = add_block(b_.active.data() + first, count); rc != 0) return rc;
+      first += count;
+    }
+    return 0;
   }
 
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
-  const double* standard(int k, long first) const { return reff_.points.data() + k * reff_.nqpr + first; }
+  const double* standard(int k) const { return reff_.points.data() + k * reff_.nqpr + first_; }
 
-  // Random effects and the log of weight times prior kernel at points first..first+count-1 of a slot.
-  void place(int slot, long first, int count)
+  // All points of a block of slots, chunk by chunk.
+  int add_block(const int* slots, int count)
   {
-    const PointMap<NR> map(n_, b_, slot, nr());
-    double* const prior = b_.prior.data() + pairs_;
-    const double* before = reff_.logw.data() + first; // what the dimensions so far have made of the weight
-    for (int i = 0; i < nr(); ++i, before = prior) {
-      const double* const zs = map.zspread + i * (i + 1) / 2;
-      const double* const us = map.uspread + i * (i + 1) / 2;
-      double* const u = b_.ran.data() + i * b_.pair_stride + pairs_;
-      for (int q = 0; q < count; ++q) {
-        double zi = map.zcentre[i], ui = map.ucentre[i];
-        for (int k = 0; k <= i; ++k) {
-          const double x = standard(k, first)[q];
-          zi += zs[k] * x;
-          ui += us[k] * x;
-        }
-        prior[q] = before[q] - 0.5 * zi * zi;
-        u[q] = ui;
-      }
+    for (first_ = 0; first_ < reff_.nqpr; first_ += pairs_.points) {
+      pairs_ = {slots, count, static_cast<int>(std::min<long>(reff_.nqpr - first_, most_points))};
+      step_ = pairs_.point_step();
+      for (int i = 0; i < count; ++i) place(slots[i], i * pairs_.slot_step());
+      if (const int rc = add_chunks(); rc != 0) return rc;
     }
-    const auto r = static_cast<std::size_t>(runs_++);
-    b_.runs[r] = modes::run_of(n_, b_.subject[static_cast<std::size_t>(slot)], count);
-    b_.run_slot[r] = slot;
-    run_first_ = runs_ == 1 ? first : run_first_;
-    pairs_ += count;
-  }
-
-  int flush()
-  {
-    if (pairs_ == 0) return 0;
-    const engine::Program& program = gradient_ ? *n_.programs.gradient : *n_.programs.value;
-    static constexpr int value_only[] = {0};
-    const std::span<const int> places = gradient_ ? std::span<const int>(n_.programs.gradient_list) : value_only;
-    ctx_.frame->set_points(b_.ran.data(), pairs_, static_cast<int>(b_.pair_stride));
-    const int rc = evaluation::tvllogl(n_, ctx_, {b_.runs.data(), static_cast<std::size_t>(runs_)},
-                                       {&program, places, b_.point_sums.data(), b_.pair_stride});
-    if (rc != 0) return rc;
-    double peak[most_pairs];
-    for (int r = 0, at = 0; r < runs_; at += run_pairs(r++)) peak[r] = find_peak(at, run_pairs(r));
-    evaluation::exponentials_of_nonpositive(b_.prior.data(), pairs_);
-    for (int r = 0, at = 0; r < runs_; at += run_pairs(r++))
-      if (peak[r] > model::failed_point)
-        add_chunk(b_.run_slot[static_cast<std::size_t>(r)], runs_ == 1 ? run_first_ : 0, at, run_pairs(r), peak[r]);
-    pairs_ = runs_ = 0;
     return 0;
   }
 
-  int run_pairs(int r) const { return b_.runs[static_cast<std::size_t>(r)].pairs; }
-
-  // Turns the prior terms of pairs at..at+count-1 into log integrands relative to the largest, which is returned.
-  double find_peak(int at, int count)
+  // Random effects and the log of weight times prior kernel at the points of a slot, whose first pair is `at`.
+  void place(int slot, int at)
   {
-    double* const e = b_.prior.data() + at;
-    const double* const ll = b_.point_sums.data() + at;
-    double peak = model::failed_point;
-    for (int q = 0; q < count; ++q) {
-      e[q] = ll[q] > model::impossible_loglik ? e[q] + ll[q] : model::failed_point;
-      peak = e[q] > peak ? e[q] : peak;
+    const PointMap<NR> map(n_, b_, slot, nr());
+    double* const prior = b_.prior.data() + at;
+    for (int i = 0; i < nr(); ++i) {
+      const double* const zs = map.zspread + i * (i + 1) / 2;
+      const double* const us = map.uspread + i * (i + 1) / 2;
+      double* const u = b_.ran.data() + i * b_.pair_stride + at;
+      for (int q = 0; q < pairs_.points; ++q) {
+        double zi = map.zcentre[i], ui = map.ucentre[i];
+        for (int k = 0; k <= i; ++k) {
+          const double x = standard(k)[q];
+          zi += zs[k] * x;
+          ui += us[k] * x;
+        }
+        // What the dimensions so far have made of the weight.
+        const double before = i == 0 ? reff_.logw[static_cast<std::size_t>(first_ + q)] : prior[q * step_];
+        prior[q * step_] = before - 0.5 * zi * zi;
+        u[q * step_] = ui;
+      }
     }
-    for (int q = 0; q < count; ++q) e[q] -= peak;
-    return peak;
   }
 
-  // Adds the weights of one chunk, relative to its peak, to its slot.
-  void add_chunk(int slot, long first, int at, int count, double peak)
+  // Runs the program at the pairs, and adds each slot's chunk of points to what it has.
+  int add_chunks()
   {
-    const double* const e = b_.prior.data() + at;
-    const auto s = static_cast<std::size_t>(slot);
-    // The chunk and what the slot has so far, on the scale of the larger peak.
-    const double old_peak = b_.peak[s];
-    const bool fresh = !(old_peak > model::failed_point);
-    const double keep = fresh ? 0.0 : peak > old_peak ? std::exp(old_peak - peak) : 1.0;
-    const double take = fresh || peak >= old_peak ? 1.0 : std::exp(peak - old_peak);
-    b_.peak[s] = fresh || peak > old_peak ? peak : old_peak;
-    double total = 0.0;
-    bool dropped = false;
-    for (int q = 0; q < count; ++q) {
-      total += e[q];
-      dropped = dropped || !(e[q] > 0.0);
+    const engine::Program& program = gradient_ ? *n_.programs.gradient : *n_.programs.value;
+    static constexpr int value_only[] = {0};
+    const std::span<const int> places = gradient_ ? std::span<const int>(n_.programs.gradient_list) : value_only;
+    const int all = pairs_.count * pairs_.points;
+    ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
+    const int rc = evaluation::tvllogl(n_, ctx_, pairs_, {&program, places, b_.point_sums.data(), b_.pair_stride});
+    if (rc != 0) return rc;
+    make_weights(all);
+    weigh_chunks();
+    if (gradient_) add_moments(all);
+    return 0;
+  }
+
+  // Turns the prior terms of the pairs into weights relative to the largest of their slot, whose log is left in peak_.
+  void make_weights(int all)
+  {
+    double* const e = b_.prior.data();
+    const double* const ll = b_.point_sums.data();
+    const int count = pairs_.count, points = pairs_.points;
+    for (int j = 0; j < all; ++j) e[j] = ll[j] > model::impossible_loglik ? e[j] + ll[j] : model::failed_point;
+    std::fill_n(peak_, count, model::failed_point);
+    if (pairs_.slots_aside()) {
+      for (int q = 0; q < points; ++q)
+        for (int i = 0; i < count; ++i) peak_[i] = std::max(peak_[i], e[q * count + i]);
+      for (int q = 0; q < points; ++q)
+        for (int i = 0; i < count; ++i) e[q * count + i] -= peak_[i];
+    } else {
+      for (int i = 0; i < count; ++i) {
+        for (int q = 0; q < points; ++q) peak_[i] = std::max(peak_[i], e[i * points + q]);
+        for (int q = 0; q < points; ++q) e[i * points + q] -= peak_[i];
+      }
     }
-    merge(b_.total[s], fresh, keep, take, total);
-    if (gradient_) add_moments(slot, first, at, count, dropped, fresh, keep, take);
+    evaluation::exponentials_of_nonpositive(e, all);
   }
 
-  static void merge(double& sum, bool fresh, double keep, double take, double value)
+  // Puts the chunks and what their slots have so far on the scale of the larger peak, and adds the weights.
+  void weigh_chunks()
   {
-    sum = fresh ? value : keep * sum + take * value;
+    for (int i = 0; i < pairs_.count; ++i) {
+      double& peak = b_.peak[static_cast<std::size_t>(pairs_.slots[i])];
+      const double old = peak, now = peak_[i];
+      const bool fresh = !(old > model::failed_point);
+      keep_[i] = fresh ? 0.0 : now > old ? std::exp(old - now) : 1.0;
+      take_[i] = fresh || now >= old ? 1.0 : std::exp(now - old);
+      fresh_[i] = fresh;
+      if (fresh || now > old) peak = now;
+    }
+    sum(b_.prior.data());
+    add_sums(b_.total.data(), 1);
   }
 
-  void add_moments(int slot, long first, int at, int count, bool dropped, bool fresh, double keep, double take)
+  // Adds sums_ to one number of each slot; slots are `stride` apart. A chunk whose points have all failed adds nothing.
+  void add_sums(double* to, long stride) const
   {
-    const double* const e = b_.prior.data() + at;
-    if (dropped) clear_dropped(e, at, count);
-    double* moment = b_.point_moments.data() + static_cast<long>(slot) * (nr() + nrs());
-    for (int k = 0; k < nr(); ++k) merge(*moment++, fresh, keep, take, weighted_sum(e, standard(k, first), count));
+    for (int i = 0; i < pairs_.count; ++i) {
+      if (!(peak_[i] > model::failed_point)) continue;
+      double& of_slot = to[pairs_.slots[i] * stride];
+      of_slot = fresh_[i] ? sums_[i] : keep_[i] * of_slot + take_[i] * sums_[i];
+    }
+  }
+
+  void add_moments(int all)
+  {
+    const double* const e = b_.prior.data();
+    clear_dropped(all);
+    const long moments = nr() + nrs(), slopes = nr() + nr() * nr();
+    double* moment = b_.point_moments.data();
+    for (int k = 0; k < nr(); ++k) {
+      sum_by_point(e, standard(k));
+      add_sums(moment++, moments);
+    }
     double* const product = b_.scratch.data();
     for (int k = 0; k < nr(); ++k) {
-      const double* const x = standard(k, first);
-      for (int q = 0; q < count; ++q) product[q] = e[q] * x[q];
-      for (int l = 0; l <= k; ++l) merge(*moment++, fresh, keep, take, weighted_sum(product, standard(l, first), count));
+      multiply_by_point(product, e, standard(k));
+      for (int l = 0; l <= k; ++l) {
+        sum_by_point(product, standard(l));
+        add_sums(moment++, moments);
+      }
     }
-    double* slope = b_.slope_moments.data() + static_cast<long>(slot) * (nr() + nr() * nr());
+    double* slope = b_.slope_moments.data();
     double* slope_by_point = slope + nr();
     for (int k = 0; k < nr(); ++k) {
-      const double* const d = b_.point_sums.data() + (1 + np_ + k) * b_.pair_stride + at;
-      double sum = 0.0;
-      for (int q = 0; q < count; ++q) {
-        product[q] = e[q] * d[q];
-        sum += product[q];
+      const double* const d = b_.point_sums.data() + (1 + np_ + k) * b_.pair_stride;
+      for (int j = 0; j < all; ++j) product[j] = e[j] * d[j];
+      sum(product);
+      add_sums(slope++, slopes);
+      for (int l = 0; l < nr(); ++l) {
+        sum_by_point(product, standard(l));
+        add_sums(slope_by_point++, slopes);
       }
-      merge(*slope++, fresh, keep, take, sum);
-      for (int l = 0; l < nr(); ++l) merge(*slope_by_point++, fresh, keep, take, weighted_sum(product, standard(l, first), count));
     }
-    double* const direct = b_.direct.data() + static_cast<long>(slot) * np_;
-    if (fresh) std::fill_n(direct, np_, 0.0);
-    for (const int k : n_.programs.gradient_list)
-      if (k > 0 && k <= np_)
-        merge(direct[k - 1], fresh, keep, take, weighted_sum(e, b_.point_sums.data() + k * b_.pair_stride + at, count));
+    for (int i = 0; i < pairs_.count; ++i)
+      if (fresh_[i]) std::fill_n(b_.direct.data() + static_cast<long>(pairs_.slots[i]) * np_, np_, 0.0);
+    for (const int k : n_.programs.gradient_list) {
+      if (k == 0 || k > np_) continue;
+      sum_by_pair(e, b_.point_sums.data() + k * b_.pair_stride);
+      add_sums(b_.direct.data() + k - 1, np_);
+    }
   }
 
   // A point without weight contributes nothing, whatever its derivatives are.
-  void clear_dropped(const double* e, int at, int count)
+  void clear_dropped(int all)
   {
+    const double* const e = b_.prior.data();
+    bool dropped = false;
+    for (int j = 0; j < all; ++j) dropped |= !(e[j] > 0.0);
+    if (!dropped) return;
     for (const int k : n_.programs.gradient_list) {
-      double* const d = b_.point_sums.data() + k * b_.pair_stride + at;
-      for (int q = 0; q < count; ++q)
-        if (!(e[q] > 0.0)) d[q] = 0.0;
+      double* const d = b_.point_sums.data() + k * b_.pair_stride;
+      for (int j = 0; j < all; ++j)
+        if (!(e[j] > 0.0)) d[j] = 0.0;
+    }
+  }
+
+  // --- sums over the points of each slot, into sums_: of a, of a times a number of the point, of a times b ---
+
+  void sum(const double* a)
+  {
+    const int count = pairs_.count, points = pairs_.points;
+    std::fill_n(sums_, count, 0.0);
+    if (pairs_.slots_aside()) {
+      for (int q = 0; q < points; ++q) evaluation::add_lanes(sums_, a + q * count, count);
+    } else {
+      for (int i = 0; i < count; ++i)
+        for (int q = 0; q < points; ++q) sums_[i] += a[i * points + q];
+    }
+  }
+
+  void sum_by_point(const double* a, const double* x)
+  {
+    const int count = pairs_.count, points = pairs_.points;
+    if (pairs_.slots_aside())
+      return sum_aside([&](double* to, int q) { evaluation::add_multiples(to, a + q * count, x[q], count); });
+    for (int i = 0; i < count; ++i) sums_[i] = weighted_sum(a + i * points, x, points);
+  }
+
+  void sum_by_pair(const double* a, const double* b)
+  {
+    const int count = pairs_.count, points = pairs_.points;
+    if (pairs_.slots_aside())
+      return sum_aside([&](double* to, int q) { evaluation::add_products(to, a + q * count, b + q * count, count); });
+    for (int i = 0; i < count; ++i) sums_[i] = weighted_sum(a + i * points, b + i * points, points);
+  }
+
+  // In the order of weighted_sum; add(to, q) adds the terms of point q.
+  void sum_aside(auto&& add)
+  {
+    const int chains = chains_of(pairs_.points);
+    std::fill_n(sums_, chains * most_slots, 0.0);
+    for (int q = 0; q < pairs_.points; ++q) add(sums_ + q % chains * most_slots, q);
+    if (chains > 1)
+      for (int i = 0; i < pairs_.count; ++i) sums_[i] = joined(sums_ + i, most_slots);
+  }
+
+  void multiply_by_point(double* to, const double* a, const double* x) const
+  {
+    const int count = pairs_.count, points = pairs_.points;
+    if (pairs_.slots_aside()) {
+      for (int q = 0; q < points; ++q)
+        for (int i = 0; i < count; ++i) to[q * count + i] = a[q * count + i] * x[q];
+    } else {
+      for (int i = 0; i < count; ++i)
+        for (int q = 0; q < points; ++q) to[i * points + q] = a[i * points + q] * x[q];
     }
   }
 
@@ -234,8 +325,13 @@ private:
   const REFFECT& reff_;
   const bool gradient_;
   const int nr_, np_;
-  int pairs_ = 0, runs_ = 0;
-  long run_first_ = 0; // first point of the first run: runs share a flush only when each holds all points of its slot
+  evaluation::Pairs pairs_; // in hand
+  long first_ = 0;          // their first point
+  int step_ = 1;            // from a slot's pair to that of its next point
+  // Per entry of pairs_: the log of the largest weight of its chunk; factors of what the slot has so far and of the chunk.
+  double peak_[most_slots], keep_[most_slots], take_[most_slots];
+  bool fresh_[most_slots];
+  double sums_[8 * most_slots];
 };
 
 } // namespace
@@ -252,32 +348,23 @@ int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
 
 long point_scratch(const NX&, const REFFECT&)
 {
-  return most_pairs;
+  return evaluation::most_pairs;
 }
 
 int sum_curvature(const NX& n, TVLThreadCtx& ctx)
 {
   BatchWork& b = ctx.batch;
-  const int nr = n.reff[0].nr;
   int active = 0;
   for (int slot = 0; slot < b.slots; ++slot) {
     if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
     b.column[static_cast<std::size_t>(slot)] = active;
-    b.runs[static_cast<std::size_t>(active)] = modes::run_of(n, b.subject[static_cast<std::size_t>(slot)], 1);
-    const long p = modes::prior_of(n, slot);
-    const double* l = b.factor.data() + p * n.reff[0].nrs;
-    const double* const z = b.z.data() + static_cast<long>(slot) * nr;
-    for (int i = 0; i < nr; ++i) {
-      double u = b.mean[static_cast<std::size_t>(p * nr + i)];
-      for (int k = 0; k <= i; ++k) u += l[k] * z[k];
-      l += i + 1;
-      b.ran[static_cast<std::size_t>(i * b.pair_stride + active)] = u;
-    }
+    b.active[static_cast<std::size_t>(active)] = slot;
     ++active;
   }
   if (active == 0) return 0;
+  for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
-  return evaluation::tvllogl(n, ctx, {b.runs.data(), static_cast<std::size_t>(active)},
+  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
                              {n.programs.curvature, n.programs.curvature_list, b.curvature_sums.data(), b.mode_stride});
 }
 

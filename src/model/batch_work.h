@@ -7,19 +7,16 @@
 
 namespace torvale::model {
 
-// Batch: consecutive subjects, dealt to one worker. Constant in an evaluation.
+// Batch: consecutive subjects, dealt to one worker. Constant in an evaluation. Its records are taken level by level: the
+// first record of each of its subjects, then the second of those that have two, and so on, so that subjects lie side by
+// side in the lanes.
 struct Batch {
-  int first = 0;              // entries first..last-1 of GroupState::batch_subjects
+  int first = 0; // entries first..last-1 of GroupState::batch_subjects: its slots
   int last = 0;
-  std::int64_t first_row = 0; // their rows in the store
-  std::int64_t rows = 0;
-};
-
-// PairRun: consecutive (subject, point) pairs of one subject, which all see the same records.
-struct PairRun {
-  const std::int32_t* rows = nullptr; // store rows of the subject's records, in order
-  int records = 0;
-  int pairs = 0;
+  std::int64_t first_record = 0; // its part of GroupState::batch_records
+  std::int64_t records = 0;
+  std::int64_t first_level = 0;  // its part of GroupState::batch_levels: where each level begins, and the end
+  int levels = 0;
 };
 
 // ModeSearch: the Newton search of one subject in progress.
@@ -45,9 +42,11 @@ struct BatchWork {
   std::vector<int> column;           // per slot: its column in curvature_sums
   std::vector<int> failure;          // per slot: message number of its failure, 0 when good
   std::vector<std::int64_t> failure_row; // per slot: store row that the failure names
-  std::vector<int> active;           // slots still searching
-  std::vector<PairRun> runs;         // of the program run in hand
-  std::vector<int> run_slot;         // per run: its slot
+  std::vector<int> active;           // slots of the program run in hand: still searching, or good
+  // Record k of slot s stands at level[k] + s among the records of the batch, when that is below level[k + 1].
+  const std::int32_t* level = nullptr;
+  int levels = 0;
+  const std::int32_t* rows = nullptr; // store rows of these records
   std::vector<ModeSearch> search;    // per slot
   // Priors: one for all subjects when the distribution arguments do not vary, else one per slot.
   std::vector<double> mean;          // nr each

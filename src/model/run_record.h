@@ -160,6 +160,8 @@ struct GroupState {
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker
   std::vector<Batch> batches;                 // subjects that share tiles, in order; rebuilt by size_contexts
   std::vector<int> batch_subjects;            // usable subjects by batch, in a batch those with more records first
+  std::vector<std::int32_t> batch_records;    // store rows by batch and level
+  std::vector<std::int32_t> batch_levels;     // by batch: places of batch_records, from the batch's first, where levels begin
   std::vector<std::int32_t> record_rows;      // store rows that the tiles visit: the used ones (all, when records carry state)
   std::vector<std::int32_t> record_first;     // per subject: its first entry in record_rows; one more closes the last
   // Slots: one per subject (or per block of observations): value, gradient, status. Summed in subject order.

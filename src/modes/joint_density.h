@@ -89,13 +89,9 @@ template <int NR> void place_point(const model::NX& n, model::BatchWork& b, int 
 template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int active)
 {
   model::BatchWork& b = ctx.batch;
-  for (int a = 0; a < active; ++a) {
-    const int slot = b.active[static_cast<std::size_t>(a)];
-    place_point<NR>(n, b, slot, a);
-    b.runs[static_cast<std::size_t>(a)] = run_of(n, b.subject[static_cast<std::size_t>(slot)], 1);
-  }
+  for (int a = 0; a < active; ++a) place_point<NR>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
-  return evaluation::tvllogl(n, ctx, {b.runs.data(), static_cast<std::size_t>(active)},
+  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
                              {n.programs.mode, n.programs.mode_list, b.mode_sums.data(), b.mode_stride});
 }
 

@@ -26,11 +26,4 @@ inline int prior_of(const model::NX& n, int slot)
   return n.programs.setup_varies ? slot : 0;
 }
 
-// The records of a slot's subject, as a run of `pairs` pairs.
-inline model::PairRun run_of(const model::NX& n, int subject, int pairs)
-{
-  const std::int32_t first = n.record_first[static_cast<std::size_t>(subject)];
-  return {n.record_rows.data() + first, n.record_first[static_cast<std::size_t>(subject) + 1] - first, pairs};
-}
-
 } // namespace torvale::modes

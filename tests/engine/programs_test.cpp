@@ -1,6 +1,7 @@
 // Programs as people write them, against values worked out by hand.
 
 #include "engine/model_fixture.h"
+#include "engine/native/native_stage.h"
 
 namespace torvale::test {
 
@@ -59,6 +60,53 @@ TEST(EnginePrograms, LogisticModelHasItsTextbookDerivatives)
   const ProgramSize size = program_size(*cmpspec(*m.compiler, outputs));
   EXPECT_LE(size.nodes, 30);
   EXPECT_LT(size.nodes, size.nodes_before / 3);
+}
+
+// Tiles of consecutive places in a list of records, or of one place at many points, compute what the rows do lane by lane.
+TEST(EnginePrograms, RecordsOfAListAreReadInAnyOrder)
+{
+  constexpr int rows = 300, points = 150;
+  Model m;
+  std::vector<double> x(rows), u(points);
+  for (int i = 0; i < rows; ++i) x[static_cast<std::size_t>(i)] = std::sin(i);
+  for (int p = 0; p < points; ++p) u[static_cast<std::size_t>(p)] = std::cos(3 * p);
+  m.data("x", x);
+  Trees& t = m.trees;
+  m.compile({t.assign("z", t.call("exp", {t.add(t.mul(t.var("b"), t.mul(t.var("x"), t.var("x"))), t.var("u"))})),
+             t.assign("w", t.mul(t.call("log", {t.add(t.var("x"), t.number(2))}), t.var("u")))},
+            {"b"}, {"u"});
+  m.theta = {0.7};
+  const engine::Program& program = *cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("z"), m.symbol("w")});
+  std::vector<std::int32_t> order;
+  for (int i = 0; i < 290; ++i) order.push_back(i * 7 % rows);
+  Tile slots, one;
+  slots.lanes = 137;
+  slots.first = 150;
+  slots.first_point = 13;
+  one.lanes = one.repeat = 145;
+  one.first = 289;
+  one.first_point = 5;
+  for (const bool native : {true, false}) {
+    set_native(native);
+    Frame frame = m.frame(), by_row = m.frame();
+    for (Frame* const f : {&frame, &by_row}) {
+      f->set_parameters(m.theta.data());
+      f->set_points(u.data(), points, points);
+    }
+    for (const Tile& tile : {slots, one, slots}) {
+      frame.set_records(order.data(), static_cast<std::int64_t>(order.size()));
+      ASSERT_EQ(frame.run(program, tile), 0);
+      for (int j = 0; j < tile.lanes; ++j) {
+        const std::int32_t row = order[static_cast<std::size_t>(tile.repeat > 1 ? tile.first : tile.first + j)];
+        const std::int32_t point = tile.first_point + j;
+        ASSERT_EQ(by_row.run(program, {1, &row, &point}), 0);
+        EXPECT_EQ(frame.output(0)[j], by_row.output(0)[0]) << "lane " << j << ", machine code " << native;
+        EXPECT_EQ(frame.output(1)[j], by_row.output(1)[0]) << "lane " << j << ", machine code " << native;
+      }
+      frame.set_range(0, rows); // and back
+    }
+  }
+  set_native(true);
 }
 
 // Missing values in branches: a comparison with a missing value is exact, and no branch leaks into the other.

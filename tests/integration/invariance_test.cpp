@@ -58,25 +58,29 @@ TEST(Invariance, ThreadCountsWithoutRandomEffects)
   }
 }
 
-// Each subject alone gives the same bits as in company: tiles, batches and lockstep do not show.
+// Each subject alone gives the same bits as in company: tiles, batches and lockstep do not show, whether subjects or points
+// lie side by side in the lanes, and in how many chunks.
 TEST(Invariance, SubjectsDoNotSeeTheirBatch)
 {
-  const auto text = regression(Response::binary, 2, 40);
-  const auto theta = parameters(text, 4);
-  const auto together = make_run(text, {true, true, 7});
-  ASSERT_LT(objective(*together, theta, true), model::failure_objective);
-  for (const double subject : {100.0, 107.0, 139.0}) {
-    auto alone = text;
-    for (auto& column : alone.columns) {
-      std::vector<double> kept;
-      for (std::size_t r = 0; r < column.second.size(); ++r)
-        if (text.columns[0].second[r] == subject) kept.push_back(column.second[r]);
-      column.second = kept;
+  struct { int effects, points; } const cases[] = {{1, 7}, {1, 20}, {2, 7}, {2, 17}};
+  for (const auto& c : cases) {
+    const auto text = regression(Response::binary, c.effects, 40);
+    const auto theta = parameters(text, 4);
+    const auto together = make_run(text, {true, true, c.points});
+    ASSERT_LT(objective(*together, theta, true), model::failure_objective);
+    for (const double subject : {100.0, 107.0, 139.0}) {
+      auto alone = text;
+      for (auto& column : alone.columns) {
+        std::vector<double> kept;
+        for (std::size_t r = 0; r < column.second.size(); ++r)
+          if (text.columns[0].second[r] == subject) kept.push_back(column.second[r]);
+        column.second = kept;
+      }
+      const auto n = make_run(alone, {true, true, c.points});
+      EXPECT_EQ(objective(*n, theta, true), together->slot_value[static_cast<std::size_t>(subject - 100)]) << c.points;
+      const double* const gradient = together->slot_grad.data() + static_cast<long>(subject - 100) * together->grad_stride;
+      for (std::size_t j = 0; j < theta.size(); ++j) EXPECT_EQ(n->slot_grad[j], gradient[j]) << c.points;
     }
-    const auto n = make_run(alone, {true, true, 7});
-    EXPECT_EQ(objective(*n, theta, true), together->slot_value[static_cast<std::size_t>(subject - 100)]);
-    for (std::size_t j = 0; j < theta.size(); ++j)
-      EXPECT_EQ(n->slot_grad[j], together->slot_grad[static_cast<std::size_t>((subject - 100) * static_cast<double>(together->grad_stride)) + j]);
   }
 }
 
