@@ -13,6 +13,20 @@ namespace {
   for (int j = 0; j < n; ++j) sum[j] += from[j];
 }
 
+// Eight sums stay in registers through all rows; what is read beyond a row's end is not stored.
+[[gnu::always_inline]] inline void add_rows_loop(double* __restrict sum, const double* __restrict from, int n, int rows)
+{
+  constexpr int block = 8;
+  for (int first = 0; first < n; first += block) {
+    double acc[block] = {};
+    const int used = n - first < block ? n - first : block;
+    for (int j = 0; j < used; ++j) acc[j] = sum[first + j];
+    for (int r = 0; r < rows; ++r)
+      for (int j = 0; j < block; ++j) acc[j] += from[r * n + first + j];
+    for (int j = 0; j < used; ++j) sum[first + j] = acc[j];
+  }
+}
+
 [[gnu::always_inline]] inline void add_multiples_loop(double* __restrict sum, const double* __restrict from, double factor,
                                                       int n)
 {
@@ -55,6 +69,7 @@ namespace {
 
 struct Loops {
   void (*add)(double*, const double*, int);
+  void (*add_rows)(double*, const double*, int, int);
   void (*add_multiples)(double*, const double*, double, int);
   void (*add_products)(double*, const double*, const double*, int);
   void (*shift)(std::int32_t*, const std::int32_t*, std::int32_t, int);
@@ -65,6 +80,7 @@ struct Loops {
 #define TORVALE_LOOPS(name, target)                                                                                   \
   struct name {                                                                                                       \
     target static void add(double* sum, const double* from, int n) { add_loop(sum, from, n); }                        \
+    target static void rows(double* sum, const double* from, int n, int count) { add_rows_loop(sum, from, n, count); } \
     target static void multiples(double* sum, const double* from, double factor, int n)                               \
     {                                                                                                                 \
       add_multiples_loop(sum, from, factor, n);                                                                       \
@@ -78,7 +94,7 @@ struct Loops {
       shift_loop(out, from, step, n);                                                                                 \
     }                                                                                                                 \
     target static void exponential(double* x, int n) { exponential_loop(x, n); }                                      \
-    static constexpr Loops table{add, multiples, products, shift, exponential};                                       \
+    static constexpr Loops table{add, rows, multiples, products, shift, exponential};                                       \
   };
 
 TORVALE_LOOPS(Plain, )
@@ -104,6 +120,11 @@ const Loops loops = choose();
 void add_lanes(double* sum, const double* from, int n)
 {
   loops.add(sum, from, n);
+}
+
+void add_rows(double* sum, const double* from, int n, int rows)
+{
+  loops.add_rows(sum, from, n, rows);
 }
 
 void add_multiples(double* sum, const double* from, double factor, int n)

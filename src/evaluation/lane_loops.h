@@ -9,6 +9,9 @@ namespace torvale::evaluation {
 // sum[j] += from[j].
 void add_lanes(double* sum, const double* from, int n);
 
+// sum[j] += from[j], then from[n + j], ... of `rows` rows, one after the other. Seven values behind the last are read too.
+void add_rows(double* sum, const double* from, int n, int rows);
+
 // sum[j] += from[j] factor, sum[j] += a[j] b[j].
 void add_multiples(double* sum, const double* from, double factor, int n);
 void add_products(double* sum, const double* a, const double* b, int n);

@@ -21,12 +21,14 @@ constexpr auto counting = [] {
   return a;
 }();
 
-// Segment: lanes of one level of records (first, second, ... of each subject), and the pairs that they belong to.
+// Segment: lanes of one level of records (first, second, ... of each subject), and the pairs that they belong to. The
+// same pairs at the next levels follow in as many lanes each.
 struct Segment {
   int lane; // first lane
   int lanes;
-  int pair; // first pair
-  int level;
+  int pair;  // first pair
+  int level; // the first
+  int levels = 1;
 };
 
 // Level by level: long stretches of lanes whose records and points are consecutive make a tile each, that the engine
@@ -111,7 +113,11 @@ private:
   void pack(int lanes, int pair, int level)
   {
     std::memcpy(point_.data() + lanes_, counting.data() + pair, static_cast<std::size_t>(lanes) * sizeof(std::int32_t));
-    segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, lanes, pair, level};
+    Segment* const last = segment_count_ > 0 ? &segments_[static_cast<std::size_t>(segment_count_ - 1)] : nullptr;
+    if (last != nullptr && last->pair == pair && last->lanes == lanes)
+      ++last->levels;
+    else
+      segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, lanes, pair, level};
     lanes_ += lanes;
   }
 
@@ -141,10 +147,13 @@ private:
       const double* const value = ctx_.frame->output(static_cast<int>(k));
       double* const sum = what_.sums + what_.places[k] * what_.stride;
       for (const Segment& g : segments) {
-        if (g.level == 0)
-          std::memcpy(sum + g.pair, value + g.lane, static_cast<std::size_t>(g.lanes) * sizeof(double));
-        else
-          add_lanes(sum + g.pair, value + g.lane, g.lanes);
+        const bool begins = g.level == 0;
+        if (begins) std::memcpy(sum + g.pair, value + g.lane, static_cast<std::size_t>(g.lanes) * sizeof(double));
+        const double* const rest = value + g.lane + (begins ? g.lanes : 0);
+        if (const int levels = g.levels - (begins ? 1 : 0); levels == 1)
+          add_lanes(sum + g.pair, rest, g.lanes);
+        else if (levels > 1)
+          add_rows(sum + g.pair, rest, g.lanes, levels);
       }
     }
   }
