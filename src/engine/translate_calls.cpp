@@ -3,6 +3,7 @@
 #include "engine/translate.h"
 
 #include "engine/functions/functions.h"
+#include "engine/functions/names.h"
 #include "engine/loop_nesting.h"
 
 #include <cmath>
@@ -15,14 +16,6 @@ using namespace syntax;
 namespace {
 
 constexpr std::size_t deepest_inlining = 64;
-
-std::string upper(std::string_view s)
-{
-  std::string u(s);
-  for (char& c : u)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return u;
-}
 
 } // namespace
 

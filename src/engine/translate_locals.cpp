@@ -2,6 +2,7 @@
 
 #include "engine/translate.h"
 
+#include "engine/functions/names.h"
 #include "host/missing.h"
 
 #include <algorithm>
@@ -9,18 +10,6 @@
 namespace torvale::engine {
 
 using namespace syntax;
-
-namespace {
-
-std::string lower(std::string_view s)
-{
-  std::string l(s);
-  for (char& c : l)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return l;
-}
-
-} // namespace
 
 void Translator::declare(const Statement* s)
 {
@@ -78,7 +67,7 @@ void Translator::keep_local(std::string_view name, Value first)
                " has a new value in every call; STATIC and RETAIN are for other variables.");
       return;
     }
-  const auto [at, added] = kept_locals_.try_emplace({scope.definition, lower(name)}, -1);
+  const auto [at, added] = kept_locals_.try_emplace({scope.definition, upper(name)}, -1);
   if (added) {
     const auto learned = gcmp_.kept_text_length.find({scope.definition, std::string(name)});
     const auto declared = scope.locals.find(name);

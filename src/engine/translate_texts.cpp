@@ -2,6 +2,8 @@
 
 #include "engine/translate.h"
 
+#include "engine/functions/names.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -41,14 +43,6 @@ constexpr QuestionRow question_rows[] = {
     {"COUNT", TextQuestion::count, 2, 2},      {"COUNTW", TextQuestion::words, 1, 2},
     {"RANK", TextQuestion::rank, 1, 1},
 };
-
-std::string upper(std::string_view s)
-{
-  std::string u(s);
-  for (char& c : u)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return u;
-}
 
 } // namespace
 

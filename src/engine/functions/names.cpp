@@ -8,6 +8,14 @@
 
 namespace torvale::engine {
 
+std::string upper(std::string_view name)
+{
+  std::string u(name);
+  for (char& c : u)
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  return u;
+}
+
 bool is_spelling(std::string_view name, std::string_view main, std::string_view aliases)
 {
   if (syntax::same_name(name, main)) return true;

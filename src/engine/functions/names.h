@@ -1,10 +1,14 @@
 #pragma once
-// Names of functions and distributions: spellings and near misses. Without regard to case.
+// Names of functions, distributions and variables: spellings and near misses. Without regard to case.
 
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace torvale::engine {
+
+// The name in capital letters.
+std::string upper(std::string_view name);
 
 // True when `name` is the main spelling or one of the blank-separated aliases.
 bool is_spelling(std::string_view name, std::string_view main, std::string_view aliases);
