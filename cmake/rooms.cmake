@@ -1,7 +1,7 @@
 # The rooms of src/, lowest floor first, and what each may include. A room that includes anything else does not build.
 
 set(all_rooms matrix probability host syntax language engine optimizer model parallel evaluation data modes
-    integration compartment solve inference run)
+    integration sampling compartment solve inference graphics report run)
 set(TORVALE_ROOMS ${all_rooms} CACHE STRING "Rooms to configure (a part of the house builds alone)")
 
 set(may_include_matrix "")
@@ -17,10 +17,13 @@ set(may_include_evaluation parallel model matrix probability host syntax engine 
 set(may_include_data evaluation ${may_include_evaluation})
 set(may_include_modes evaluation ${may_include_evaluation})
 set(may_include_integration modes ${may_include_modes})
+set(may_include_sampling integration ${may_include_integration})
 set(may_include_compartment language syntax host)
 set(may_include_solve integration data ${may_include_integration})
 set(may_include_inference solve ${may_include_solve})
-set(may_include_run inference compartment language ${may_include_inference})
+set(may_include_graphics host)
+set(may_include_report inference graphics host)
+set(may_include_run inference sampling report graphics compartment language ${may_include_inference})
 
 # torvale_room(NAME SOURCES files... [LIBRARIES external targets...])
 # Declares src/NAME as the library torvale_NAME, linked with the rooms that it may include.

@@ -96,8 +96,10 @@ private:
     return 0;
   }
 
+  // What is packed comes first: earlier levels of a pair are added before later ones, whichever way they run.
   int run_consecutive(const Segment& lanes, std::int32_t first_record, int repeat)
   {
+    if (const int rc = flush(); rc != 0) return rc;
     engine::Tile tile;
     tile.lanes = lanes.lanes;
     tile.first = first_record;

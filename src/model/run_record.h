@@ -14,6 +14,7 @@
 #include "model/random_effects.h"
 #include "model/store.h"
 #include "model/thread_context.h"
+#include "model/verdict.h"
 #include "optimizer/covstr.h"
 #include "optimizer/minstr.h"
 #include "syntax/records.h"
@@ -198,6 +199,7 @@ struct FitState {
   double ndf = 0.0, ddf = 0.0, dfe = -1.0;    // degrees of freedom in use
   int tvlrc = 0;                              // worst return code: 0, 4, 1012, 1016; only grows
   long ncmprun = 0;                           // program runs (lanes) of the group
+  Verdict verdict;                            // what the fit has come to
 };
 
 struct NX : RunOptions, ModelLists, GroupState, FitState {
