@@ -5,8 +5,8 @@
 
 namespace torvale::inference {
 
-// open_fit_outputs: opens the data sets of the step and declares their columns; before the data are read, so that a place
-// that cannot be written ends the step at once. Returns 0, or 1 after a message.
+// open_fit_outputs: opens the data sets of the step and declares their columns; before the data are read, so that a
+// place that cannot be written ends the step at once. Returns 0, or 1 after a message.
 int open_fit_outputs(model::NX& n);
 
 // write_fit_outputs: the rows of the BY group in hand, in the order of the file (predictions) or of the subjects

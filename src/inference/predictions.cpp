@@ -37,7 +37,8 @@ std::vector<Chunk> deal_chunks(const NX& n)
   std::vector<Chunk> chunks;
   const std::int64_t rows = n.store->nobs;
   if (n.nreff() == 0) {
-    for (std::int64_t first = 0; first < rows; first += chunk_rows) chunks.push_back({first, std::min(first + chunk_rows, rows), 0, 0});
+    for (std::int64_t first = 0; first < rows; first += chunk_rows)
+      chunks.push_back({first, std::min(first + chunk_rows, rows), 0, 0});
     return chunks;
   }
   const auto& subjects = n.reff[0].SubInfo;
@@ -104,7 +105,8 @@ private:
     const std::size_t subjects = c.last_subject - c.first_subject, points = std::max<std::size_t>(subjects, 1);
     w.effects.assign(std::max<std::size_t>(nr_, 1) * points, 0.0);
     for (std::size_t s = 0; s < subjects; ++s)
-      for (std::size_t e = 0; e < nr_; ++e) w.effects[e * points + s] = posterior_.estimate[(c.first_subject + s) * nr_ + e];
+      for (std::size_t e = 0; e < nr_; ++e)
+        w.effects[e * points + s] = posterior_.estimate[(c.first_subject + s) * nr_ + e];
     frame.set_points(w.effects.data(), static_cast<int>(points), static_cast<int>(points));
     list_points(w, c);
     const auto count = static_cast<int>(c.last - c.first);
@@ -116,7 +118,8 @@ private:
       const int rc = frame.run(*statement_.program, {lanes, w.rows.data() + at, w.points.data() + at, state});
       if (rc > 2) return rc;
       for (int j = 0; j < lanes; ++j)
-        keep(w, frame, j, c.first + at + j, c.first_subject + static_cast<std::size_t>(w.points[static_cast<std::size_t>(at + j)]));
+        keep(w, frame, j, c.first + at + j,
+             c.first_subject + static_cast<std::size_t>(w.points[static_cast<std::size_t>(at + j)]));
     }
     return 0;
   }
@@ -132,7 +135,8 @@ private:
     w.rows.resize(count);
     w.points.assign(count, 0);
     w.state.assign(1, 0);
-    for (std::size_t k = 0; k < count; ++k) w.rows[k] = static_cast<std::int32_t>(c.first + static_cast<std::int64_t>(k));
+    for (std::size_t k = 0; k < count; ++k)
+      w.rows[k] = static_cast<std::int32_t>(c.first + static_cast<std::int64_t>(k));
     for (std::size_t s = c.first_subject; s < c.last_subject; ++s) {
       const auto& subject = n_.reff[0].SubInfo[s];
       std::fill_n(w.points.begin() + (subject.first_row - c.first), subject.SubCount,
@@ -155,7 +159,8 @@ private:
       g[statement_.list[k]] = d;
       whole = whole && !std::isnan(d);
     }
-    if (statement_.derivatives) std::copy_n(g, np_ + nr_, out_.derivative.begin() + static_cast<std::ptrdiff_t>(at * (np_ + nr_)));
+    if (statement_.derivatives)
+      std::copy_n(g, np_ + nr_, out_.derivative.begin() + static_cast<std::ptrdiff_t>(at * (np_ + nr_)));
     if (!whole || std::isnan(value) || n_.covmat.empty()) return;
     const double variance = squared_error(g, g + np_ + nr_, subject);
     if (!(variance > 0.0) || !std::isfinite(variance)) return;
@@ -206,7 +211,8 @@ void report_fault(NX& n, const PredictStatement& statement, const Posterior& pos
     std::vector<double> effects(std::max<std::size_t>(nr, 1), 0.0);
     if (nr > 0) {
       const auto& subjects = n.reff[0].SubInfo;
-      const auto after = std::upper_bound(subjects.begin(), subjects.end(), row, [](std::int64_t r, const auto& s) { return r < s.first_row; });
+      const auto after = std::upper_bound(subjects.begin(), subjects.end(), row,
+                                          [](std::int64_t r, const auto& s) { return r < s.first_row; });
       const auto subject = static_cast<std::size_t>(after - subjects.begin()) - 1;
       if (posterior.known[subject] == 0) continue;
       std::copy_n(posterior.estimate.begin() + static_cast<std::ptrdiff_t>(subject * nr), nr, effects.begin());

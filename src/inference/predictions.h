@@ -15,11 +15,11 @@ struct PredictionColumns {
   double df = 0.0, alpha = 0.05;
 };
 
-// predict: evaluates a statement at n.parm and the estimates of the random effects. With g the derivatives by parameters and by
-// effects, D and V of the posterior and C the covariance of the estimates, the squared error is
+// predict: evaluates a statement at n.parm and the estimates of the random effects. With g the derivatives by
+// parameters and by effects, D and V of the posterior and C the covariance of the estimates, the squared error is
 //     h'C h + g_u'V g_u,   h = g_theta + D'g_u,
-// the quadratic form of g in the joint covariance of parameters and effects. Records whose expression has a fault are missing, and
-// `faults` of them are told apart in the log (message 70). Returns 0, or the engine's code above 2.
+// the quadratic form of g in the joint covariance of parameters and effects. Records whose expression has a fault are
+// missing, and `faults` of them are told apart in the log (message 70). Returns 0, or the engine's code above 2.
 int predict(model::NX& n, const model::PredictStatement& statement, const integration::Posterior& posterior,
             PredictionColumns& out);
 

@@ -32,7 +32,8 @@ void packed_product(const double* a, const double* x, int n, double* out)
 
 class PosteriorLoop {
 public:
-  PosteriorLoop(NX& n, Posterior& out) : n_(n), reff_(n.reff[0]), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
+  PosteriorLoop(NX& n, Posterior& out)
+      : n_(n), reff_(n.reff[0]), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
   {
     const std::size_t subjects = reff_.SubInfo.size();
     out.nr = nr_;
@@ -55,7 +56,8 @@ public:
   {
     if (ended_.load(std::memory_order_relaxed) != 0) return;
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
-    if (const int rc = batch(ctx, work_[static_cast<std::size_t>(context)], n_.batches[static_cast<std::size_t>(item)]); rc > 2)
+    if (const int rc = batch(ctx, work_[static_cast<std::size_t>(context)], n_.batches[static_cast<std::size_t>(item)]);
+        rc > 2)
       ended_.store(rc, std::memory_order_relaxed);
   }
 
