@@ -88,19 +88,28 @@ Outputs mode_outputs(const NX& n, const REFFECT& reff)
   return out;
 }
 
+Outputs cross_outputs(const NX& n, const REFFECT& reff)
+{
+  const ModelPrograms& p = n.programs;
+  Outputs out(p.cross_place(p.ne, 0));
+  for (const auto& d : second_derivatives(n, reff))
+    if (d.wrt < p.np) out.at(p.cross_place(d.effect, d.wrt)) = d.symbol;
+  return out;
+}
+
 // Cross derivatives, then third derivatives; both triangles of a request are the same nodes, so the last one found
 // serves.
 Outputs curvature_outputs(const NX& n, const REFFECT& reff)
 {
   const ModelPrograms& p = n.programs;
-  Outputs out(p.third(n.needtriu ? p.np + p.ne : 0, 0));
+  Outputs out(p.third_place(n.needtriu ? p.np + p.ne : 0, 0));
   const auto second = second_derivatives(n, reff);
   for (const auto& d : second)
-    if (d.wrt < p.np) out.at(p.cross(d.effect, d.wrt)) = d.symbol;
+    if (d.wrt < p.np) out.at(p.cross_place(d.effect, d.wrt)) = d.symbol;
   if (!n.needtriu) return out;
   for (std::size_t k = 0; k < reff.triustr.der.s.size(); ++k) {
     const auto& d = second[static_cast<std::size_t>(reff.triustr.objindex[k])];
-    out.at(p.third(d.wrt, static_cast<int>(matrix::packed_index(d.effect, reff.triustr.wrtindex[k])))) =
+    out.at(p.third_place(d.wrt, static_cast<int>(matrix::packed_index(d.effect, reff.triustr.wrtindex[k])))) =
         reff.triustr.der.s[k];
   }
   return out;
@@ -182,6 +191,7 @@ int specialise_programs(NX& n)
     if (analytic) p.gradient = gradient_outputs(n, reff.gradstr).specialise(*n.gcmp);
     if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
     if (n.needcrossu) p.curvature = curvature_outputs(n, reff).specialise(*n.gcmp);
+    if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);
     specialise_pass(n, reff.gradstr, &reff);
   }
   return !p.value || n.pass_program == nullptr ? 1012 : 0;

@@ -14,20 +14,6 @@ using model::TVLThreadCtx;
 
 namespace {
 
-void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
-{
-  BatchWork& b = ctx.batch;
-  b.slots = batch.last - batch.first;
-  std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
-  std::fill_n(b.failure.begin(), b.slots, 0);
-  b.nests = b.slots;
-  std::copy_n(b.subject.begin(), b.slots, b.nest.begin());
-  b.level = n.batch_levels.data() + batch.first_level;
-  b.levels = batch.levels;
-  b.rows = n.batch_records.data() + batch.first_record;
-  ctx.frame->set_records(b.rows, batch.records);
-}
-
 // The value, gradient and modes of a nest into its slot of the run.
 void close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, int nest)
 {
@@ -48,6 +34,20 @@ void close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, in
 }
 
 } // namespace
+
+void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
+{
+  BatchWork& b = ctx.batch;
+  b.slots = batch.last - batch.first;
+  std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
+  std::fill_n(b.failure.begin(), b.slots, 0);
+  b.nests = b.slots;
+  std::copy_n(b.subject.begin(), b.slots, b.nest.begin());
+  b.level = n.batch_levels.data() + batch.first_level;
+  b.levels = batch.levels;
+  b.rows = n.batch_records.data() + batch.first_record;
+  ctx.frame->set_records(b.rows, batch.records);
+}
 
 int evaluate_batch(NX& n, TVLThreadCtx& ctx, const Batch& batch)
 {

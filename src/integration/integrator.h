@@ -54,6 +54,9 @@ public:
 // contexts.
 const Integrator& integrator_of(const model::NX& n);
 
+// take_batch: makes a batch the one in hand of a context.
+void take_batch(const model::NX& n, model::TVLThreadCtx& ctx, const model::Batch& batch);
+
 // evaluate_batch: takes a batch in hand, has it evaluated, and closes its nests: value, gradient (with n.dograd), trial
 // modes and status into the nests' own slots of the run. Returns 0 or the engine's code above 2.
 int evaluate_batch(model::NX& n, model::TVLThreadCtx& ctx, const model::Batch& batch);

@@ -101,7 +101,7 @@ private:
     }
     const long stride = b_.mode_stride;
     const double* const cross = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot_)];
-    const double* const third = cross + n_.programs.third(0, 0) * stride;
+    const double* const third = cross + n_.programs.third_place(0, 0) * stride;
     double tau[capacity] = {};
     double zu[triangle] = {}; // Zu, elements off the diagonal doubled for the inner products
     if (n_.adscale) {

@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace torvale::host {
+class OutputDataSet;
+}
+
 namespace torvale::model {
 
 inline constexpr double failure_objective = 1.1579208923731792e+77; // an evaluation that failed
@@ -50,8 +54,11 @@ struct ModelPrograms {
   // ne x np cross derivatives (row = effect, raw: the chain through the means is not in them), then, with adscale, third
   // derivatives: a packed triangle for each of the parameters and then each of the effects.
   ModelProgram curvature;
-  int cross(int k, int j) const { return k * np + j; }
-  int third(int w, int packed) const { return ne * np + w * (ne * (ne + 1) / 2) + packed; }
+  int cross_place(int k, int j) const { return k * np + j; }
+  int third_place(int w, int packed) const { return ne * np + w * (ne * (ne + 1) / 2) + packed; }
+
+  // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
+  ModelProgram cross;
 };
 
 struct REFFECT {
@@ -68,6 +75,8 @@ struct REFFECT {
   bool sub_character = false;
   double alpha = 0.05;                 // confidence level of its predictions
   double dfe = -1.0;                   // degrees of freedom given, -1 none
+  const syntax::StItem* outeb = nullptr; // OUT=; borrowed
+  host::OutputDataSet* outebfid = nullptr; // its data set, open to the end of the step; borrowed
   engine::CMPLIST ransym;              // random effects
   engine::CMPLIST distrsym;            // distribution arguments: means, then the lower triangle of G by rows
   engine::CMPLIST prsym;               // parameters, then the random effects
