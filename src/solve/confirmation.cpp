@@ -43,18 +43,10 @@ int trust_region_test(MINSTR* str, int job)
   return optimizer::znlptrm(str, job);
 }
 
-// A run has ended and another goes on from there: the limits hold for the whole fit.
-void close_run(MINSTR& fit, const MINSTR& run)
-{
-  fit.past_iterations += run.nitr;
-  fit.past_calls += run.nfct;
-  fit.past_seconds += run.mtim;
-}
-
+// The limits hold for all runs of the fit together.
 bool limits_reached(const MINSTR& str)
 {
-  return str.past_iterations >= str.maxi || static_cast<double>(str.past_calls) >= str.maxf ||
-         str.past_seconds >= str.upti;
+  return str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf || str.mtim >= str.upti;
 }
 
 // From a point with an indefinite Hessian trust-region steps lead on downhill, where a quasi-Newton metric (always
@@ -73,10 +65,8 @@ bool leave_saddle(NX& n)
   region.ceps = run.ceps;
   region.gtol = run.gtol;
   region.fdig = run.fdig;
-  region.past_iterations = run.past_iterations;
-  region.past_calls = run.past_calls;
-  region.past_seconds = run.past_seconds;
-  region.maxi = std::min(run.maxi, run.past_iterations + 500);
+  optimizer::continue_run(run, &region);
+  region.maxi = std::min(run.maxi, run.nitr + 500);
   region.maxf = run.maxf;
   region.upti = run.upti;
   if (optimizer::tvlopta(&region) != 0) return false;
@@ -91,11 +81,12 @@ bool leave_saddle(NX& n)
   if (optimizer::tvloptc(&region) != 0) return false;
   int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
   if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
-  close_run(*n.str, region);
+  const double before = n.str->nitr;
+  optimizer::continue_run(region, n.str.get());
   if (!(region.crit < run.crit - 1e-10 * std::max(1.0, std::abs(run.crit)))) return false;
   std::copy_n(region.x, n.nparm, n.str->x);
-  n.host->log().xpmlog(503, 9360,
-                       {{"iterations", static_cast<long>(region.nitr)}, {"from", run.crit}, {"to", region.crit}});
+  n.host->log().xpmlog(
+      503, 9360, {{"iterations", static_cast<long>(region.nitr - before)}, {"from", run.crit}, {"to", region.crit}});
   return optimizer::znlpdrv(n.str.get(), 1, 0, 0, 0) == 0;
 }
 
@@ -146,9 +137,8 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
                         (code == optimizer::code_absgconv && !user_gave_gradient_test) ||
                         (code == optimizer::code_fconv && !user_gave_function_test);
     if (!unsure || n.nparm == 0 || !approximates_hessian(str.tech) || n.host->interrupted()) break;
-    close_run(str, str);
+    str.continues = 1;
     if (indefinite(n) && str.fidi == 0 && restart < most_restarts && !limits_reached(str) && leave_saddle(n)) {
-      n.iterations_before += static_cast<long>(str.nitr);
       str.load = 1;
       continue;
     }
@@ -166,7 +156,6 @@ int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
     }
     const bool gained = start - str.crit > 0.1 * reduction || restart == 0;
     if (restart == most_restarts || !gained || limits_reached(str)) break;
-    n.iterations_before += static_cast<long>(str.nitr);
     str.load = 1; // go on with the true Hessian as the metric
   }
   str.load = load;

@@ -89,7 +89,7 @@ void write_row(NX& n, const MINSTR& str, int layout)
 {
   const bool simplex = layout == 28;
   const bool starred = str.null > 0 && !simplex && str.tech != optimizer::CONGRA;
-  std::vector<host::Cell> cells = {n.iterations_before + static_cast<long>(str.nitr), starred ? "*" : " "};
+  std::vector<host::Cell> cells = {static_cast<long>(str.nitr), starred ? "*" : " "};
   if (n.itdetails) cells.emplace_back(str.ires);
   cells.emplace_back(str.nfct);
   if (n.itdetails) {
@@ -209,7 +209,7 @@ int nlpterm(MINSTR* str, int job)
   n.converged = false;
   if (str->nitr == 0 && job == 10 && n.pstart && n.starting_tables != nullptr && n.ithis == nullptr)
     n.starting_tables(n);
-  if (str->nitr == 0 && job == 10 && n.iterations_before == 0) n.cold = str->crit;
+  if (str->nitr == 0 && job == 10) n.cold = str->crit;
   if (job > 0) {
     n.parm.assign(str->x, str->x + n.nparm);
     integration::accept_modes(n);

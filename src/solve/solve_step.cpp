@@ -29,7 +29,6 @@ void start_problem(NX& n)
   n.converged = false;
   n.havemeat = false;
   n.znlprc = 0;
-  n.iterations_before = 0;
   n.failed_parm.clear();
   n.optimizer_messages.clear();
   n.dependencies.clear();
@@ -42,8 +41,7 @@ void start_problem(NX& n)
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;
   str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
-  str.past_iterations = str.past_seconds = 0;
-  str.past_calls = 0;
+  str.continues = 0;
   str.tbig = 0;
   str.stop = 0;
   std::fill(std::begin(str.toln) + 11, std::end(str.toln), 0L);
