@@ -113,7 +113,7 @@ private:
   struct Operation {       // one step with the addresses of its registers
     KernelFn fn = nullptr; // null: a step of another kind
     double* out = nullptr;
-    const double* in[6] = {};
+    const double* in[kernel_operands_max] = {};
   };
   // Where the values of an input stand, and how the lanes' indices run through them.
   struct View {

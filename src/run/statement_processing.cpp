@@ -97,7 +97,7 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "PREDICT" || stmt.name == "MCMC" || stmt.name == "CMPTMODEL")
+    if (stmt.name == "PREDICT" || stmt.name == "MCMC")
       refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
     if (stmt.name == "RANDOM" && (stmt.given(6) || stmt.given(9) || stmt.given(10)))
       refuse("OUT= of RANDOM", "RANDOM", stmt.where);
