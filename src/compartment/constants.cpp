@@ -99,8 +99,7 @@ void three_exponents(StatementText& text, const Model& model)
   text.add("@beta = -@n/2;");
   text.add("@gamma = sqrt(@beta**2+@alpha**2);");
   text.add("@theta = atan2(@alpha,@beta);");
-  for (const char* const k : {"1", "2", "3"})
-    text.add("@lmbd" + std::string(k) + " = cubicroot(@a,@b,@c," + k + ");");
+  for (const char* const k : {"1", "2", "3"}) text.add("@lmbd" + std::string(k) + " = cubicroot(@a,@b,@c," + k + ");");
 }
 
 } // namespace

@@ -23,18 +23,22 @@ struct Fault {
   int number;
   const char* text;
 };
-constexpr Fault needs_rate{1, "The input data set indicates an infusion type of dosing. You must specify the RATE= option in "
-                              "the CMPTMODEL statement. The procedure will exit."};
+constexpr Fault needs_rate{
+    1, "The input data set indicates an infusion type of dosing. You must specify the RATE= option in "
+       "the CMPTMODEL statement. The procedure will exit."};
 constexpr Fault needs_duration{2, "The input data set indicates an infusion type of dosing. You must specify the DURN= "
                                   "option in the CMPTMODEL statement. The procedure will exit."};
 constexpr Fault rate_not_positive{3, "Values for the RATE variable must be positive. The procedure will exit."};
-constexpr Fault needs_oral{4, "The input data set indicates an oral dosing. You must specify the ADMTYPE= ORAL option in the "
-                              "CMPTMODEL statement to fit an oral dose model. The procedure will exit."};
+constexpr Fault needs_oral{
+    4, "The input data set indicates an oral dosing. You must specify the ADMTYPE= ORAL option in the "
+       "CMPTMODEL statement to fit an oral dose model. The procedure will exit."};
 constexpr Fault unknown_code{5, "The value of _CMPT_TYPE_ is not the code of a dose record. The procedure will exit."};
-constexpr Fault needs_intravenous{6, "The input data set indicates an intravenous dosing. You must specify the ADMTYPE= IVB or "
-                                     "INF option in the CMPTMODEL statement. The procedure will exit."};
-constexpr Fault too_many{7, "_CMPT_DOSE_CNT_ or _CMPT_SSDOSE_CNT_ is above the number of dose variables in the data set. The "
-                            "procedure will exit."};
+constexpr Fault needs_intravenous{
+    6, "The input data set indicates an intravenous dosing. You must specify the ADMTYPE= IVB or "
+       "INF option in the CMPTMODEL statement. The procedure will exit."};
+constexpr Fault too_many{
+    7, "_CMPT_DOSE_CNT_ or _CMPT_SSDOSE_CNT_ is above the number of dose variables in the data set. The "
+       "procedure will exit."};
 constexpr Fault faults[] = {needs_rate,   needs_duration,    rate_not_positive, needs_oral,
                             unknown_code, needs_intravenous, too_many};
 
@@ -69,8 +73,7 @@ public:
     text_.add("_cmpt_total = 0;");
     write_sum("_cmpt_history", "", "_CMPT_DOSE_CNT_", model_.records.doses, &RecordWriter::write_dose);
     write_sum("_cmpt_steady", "SS", "_CMPT_SSDOSE_CNT_", model_.records.steady, &RecordWriter::write_steady_dose);
-    for (const Fault& f : faults)
-      text_.add("if _cmpt_fault = " + number(f.number) + " then abort '" + f.text + "';");
+    for (const Fault& f : faults) text_.add("if _cmpt_fault = " + number(f.number) + " then abort '" + f.text + "';");
     text_.add("if @" + err() + " eq 0 and @" + merr() + " eq 0 and _cmpt_history+_cmpt_steady > 0 then");
     text_.add("$PCONC = _cmpt_total/@scale1;");
     text_.add("else $PCONC = .;");
@@ -81,10 +84,7 @@ private:
   std::string merr() const { return std::string(model_.family()) + "_merr"; }
   // A variable of the data set; missing when it lacks it.
   std::string data(const std::string& name) const { return model_.records.has(name) ? name : "."; }
-  std::string data_variable(const std::string& name) const
-  {
-    return model_.records.has(name) ? name : "_cmpt_absent";
-  }
+  std::string data_variable(const std::string& name) const { return model_.records.has(name) ? name : "_cmpt_absent"; }
   void fault(const std::string& when, const Fault& f)
   {
     text_.add("if " + when + " then _cmpt_fault = " + number(f.number) + ";");
@@ -165,8 +165,8 @@ private:
     const std::string stem = "_CMPT_" + steady;
     const auto interval = [&](const std::string& of) { return steady.empty() ? "." : of; };
     text_.add("if " + which + " = 1 then do;");
-    (this->*step)({data(stem + "DOSE_"), data(stem + "DTIME_"), data(stem + "RATE_"), interval(data("_CMPT_II_")),
-                   false});
+    (this->*step)(
+        {data(stem + "DOSE_"), data(stem + "DTIME_"), data(stem + "RATE_"), interval(data("_CMPT_II_")), false});
     text_.add("_cmpt_total = _cmpt_total+@amount;");
     text_.add("end;");
     text_.add("else if " + which + " = 2 then do;");
@@ -175,8 +175,8 @@ private:
     text_.add("do @j = 1 to " + number(most) + ";");
     text_.add("if @j le " + data(count) + " then do;");
     const auto element = [&](const std::string& of) { return array_of(of) + "[@j]"; };
-    (this->*step)({element(stem + "DOSE"), element(stem + "DTIME"), element(stem + "RATE"),
-                   interval(element("_CMPT_II")), true});
+    (this->*step)(
+        {element(stem + "DOSE"), element(stem + "DTIME"), element(stem + "RATE"), interval(element("_CMPT_II")), true});
     text_.add("_cmpt_total = _cmpt_total+@amount;");
     text_.add("end;");
     text_.add("end;");
@@ -248,7 +248,8 @@ private:
         text_.add("@x" + number(j) + " = @depot*" + carried.amount(j, 1) + ";");
     } else if (infusions_) {
       write_course(dose);
-      text_.add("@more = 0; if @tdurn > " + since + " then @more = ceil((@tdurn-" + since + ")/" + dose.interval + ");");
+      text_.add("@more = 0; if @tdurn > " + since + " then @more = ceil((@tdurn-" + since + ")/" + dose.interval +
+                ");");
       const Response filling(text_, model_, Input::infusion, "@tdurn", "@v");
       for (int j = 1; j <= model_.compartments; ++j) text_.add("@x" + number(j) + " = " + arrived(filling, j) + ";");
       text_.add("@after = " + since + "+@more*" + dose.interval + "-@tdurn;");

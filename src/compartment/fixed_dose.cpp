@@ -44,8 +44,8 @@ std::vector<std::string> infusion_amounts(StatementText& text, const Model& mode
 {
   text.add("@during = $TIME; if @durn < @during then @during = @durn;");
   text.add("@after = $TIME-@during;");
-  const Response filling(text, model, Input::infusion, "@during", "@v"), emptying(text, model, Input::dose, "@after",
-                                                                                  "@w");
+  const Response filling(text, model, Input::infusion, "@during", "@v"),
+      emptying(text, model, Input::dose, "@after", "@w");
   std::string sum;
   for (int j = 1; j <= model.compartments; ++j)
     sum += (j == 1 ? "" : "+") + emptying.amount(1, j) + "*" + filling.amount(j, 1);
@@ -60,8 +60,7 @@ std::vector<std::string> dose_amounts(StatementText& text, const Model& model)
   std::vector<std::string> amounts(static_cast<std::size_t>(model.compartments) + 1);
   if (direct) {
     const Response response(text, model, Input::dose, "$TIME", "@w");
-    for (int j = 1; j <= model.compartments; ++j)
-      amounts[static_cast<std::size_t>(j)] = of_doses(model, response, j);
+    for (int j = 1; j <= model.compartments; ++j) amounts[static_cast<std::size_t>(j)] = of_doses(model, response, j);
   }
   if (!oral) return amounts;
   amounts[0] = "@dose0*exp(-@ka*$TIME)";

@@ -11,21 +11,21 @@ namespace {
 using enum Option;
 
 // By slot, from the first name option on.
-constexpr std::string_view words[] = {"PCONC", "SCALE0", "DOSE0", "DOSE1",  "DOSE2", "DOSE3",  "TIME",  "VOL",
-                                      "CL",    "KE",     "KA",    "VOL2",   "CL2",   "K12",    "K21",   "VOL3",
-                                      "CL3",   "K13",    "K31",   "SCALE1", "DURN",  "RATE",   "SCALE2", "K20",
-                                      "PCONC2", "SCALE3", "K30",  "PCONC3", "PCONC0"};
+constexpr std::string_view words[] = {"PCONC",  "SCALE0", "DOSE0", "DOSE1",  "DOSE2", "DOSE3", "TIME",   "VOL",
+                                      "CL",     "KE",     "KA",    "VOL2",   "CL2",   "K12",   "K21",    "VOL3",
+                                      "CL3",    "K13",    "K31",   "SCALE1", "DURN",  "RATE",  "SCALE2", "K20",
+                                      "PCONC2", "SCALE3", "K30",   "PCONC3", "PCONC0"};
 
 // What a family does with an option that is given, or lacks it.
 enum class Rule : std::uint8_t {
-  needed,        // absent: an error
-  free,          //
-  ignored,       // given: a warning, and it is as if it were not
-  forbidden,     // given: an error
-  unusual,       // given: a warning; it is used
-  not_recorded,  // given: an error, since the data set holds dose records
-  recorded,      // given: a warning, ignored: dose records have no place for it
-  from_data,     // given: a warning, ignored: the dose records have it
+  needed,       // absent: an error
+  free,         //
+  ignored,      // given: a warning, and it is as if it were not
+  forbidden,    // given: an error
+  unusual,      // given: a warning; it is used
+  not_recorded, // given: an error, since the data set holds dose records
+  recorded,     // given: a warning, ignored: dose records have no place for it
+  from_data,    // given: a warning, ignored: the dose records have it
 };
 
 constexpr int message_of(Rule rule)
@@ -175,7 +175,8 @@ private:
     const std::span<const Option> c(clearances, static_cast<std::size_t>(2 * model_.compartments));
     for (const Option o : model_.clearances ? c : r) ask(o, Rule::needed);
     for (const Option o : model_.clearances ? r : c) ask(o, Rule::ignored);
-    if (ok_ && model_.clearances && !model_.given(scale1)) log_.xpmlog(503, 9472, {{"volume", model_.text(vol)}}, place_);
+    if (ok_ && model_.clearances && !model_.given(scale1))
+      log_.xpmlog(503, 9472, {{"volume", model_.text(vol)}}, place_);
   }
 
   void extra_elimination()

@@ -16,8 +16,35 @@ enum class Administration : std::uint8_t { bolus = 1, infusion = 2, oral = 3 };
 
 // Option: the options whose value is a name or a number, by the slot of the statement's record that holds them.
 enum class Option : std::uint8_t {
-  pconc = 4, scale0, dose0, dose1, dose2, dose3, time, vol, cl, k10, ka, vol2, cl2, k12, k21, vol3, cl3, k13, k31,
-  scale1, durn, rate, scale2, k20, pconc2, scale3, k30, pconc3, pconc0,
+  pconc = 4,
+  scale0,
+  dose0,
+  dose1,
+  dose2,
+  dose3,
+  time,
+  vol,
+  cl,
+  k10,
+  ka,
+  vol2,
+  cl2,
+  k12,
+  k21,
+  vol3,
+  cl3,
+  k13,
+  k31,
+  scale1,
+  durn,
+  rate,
+  scale2,
+  k20,
+  pconc2,
+  scale3,
+  k30,
+  pconc3,
+  pconc0,
 };
 inline constexpr std::size_t option_slots = 33;
 
@@ -43,9 +70,10 @@ DoseVariables dose_variables(std::span<const Variable> data);
 struct Model {
   int compartments = 1; // 1, 2 or 3
   Administration administration = Administration::bolus;
-  bool clearances = false;                     // parameters are clearances and volumes, not rate constants
-  DoseVariables records;                       // of the data set; `present` makes it a model of dose records
-  std::array<std::string, option_slots> value; // by slot: name or number as it is typed; empty when not given or ignored
+  bool clearances = false; // parameters are clearances and volumes, not rate constants
+  DoseVariables records;   // of the data set; `present` makes it a model of dose records
+  std::array<std::string, option_slots>
+      value; // by slot: name or number as it is typed; empty when not given or ignored
   bool given(Option o) const { return !value[static_cast<std::size_t>(o)].empty(); }
   const std::string& text(Option o) const { return value[static_cast<std::size_t>(o)]; }
   std::string_view family() const; // "ivb", "inf" or "oral", as in the names of generated variables

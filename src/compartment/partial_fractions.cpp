@@ -26,8 +26,8 @@ std::string product_of_differences(const std::vector<std::string>& poles, const 
 void write_terms(StatementText& text, const std::vector<std::string>& poles, int& number, const Numerator& numerator)
 {
   for (const std::string& pole : poles)
-    text.add("@t" + std::to_string(number++) + " = (" + numerator(pole) + ")/(" +
-             product_of_differences(poles, pole) + ")*exp(-" + pole + "*$TIME);");
+    text.add("@t" + std::to_string(number++) + " = (" + numerator(pole) + ")/(" + product_of_differences(poles, pole) +
+             ")*exp(-" + pole + "*$TIME);");
 }
 
 // Numerators of the transform at s = -l: what a dose into compartment 1 gives in compartment j.

@@ -7,11 +7,11 @@ namespace {
 // The call of the engine's function for a response: s**power / (s**input (s + ka)**depot P(s)).
 std::string response_call(const Model& model, Input input, int power, const std::string& time)
 {
-  const int which = model.compartments + (input == Input::infusion ? 10 : 0) + (input == Input::depot ? 100 : 0) + 1000 +
-                    10000 * power;
+  const int which = model.compartments + (input == Input::infusion ? 10 : 0) + (input == Input::depot ? 100 : 0) +
+                    1000 + 10000 * power;
   const std::string ka = input == Input::depot ? "@ka" : "0";
-  const std::string polynomial = model.compartments == 2 ? "@trm1,@product,0,@lmb1,@lmb2,0"
-                                                         : "@a,@b,@c,@lmbd1,@lmbd2,@lmbd3";
+  const std::string polynomial =
+      model.compartments == 2 ? "@trm1,@product,0,@lmb1,@lmb2,0" : "@a,@b,@c,@lmbd1,@lmbd2,@lmbd3";
   return "_response(" + std::to_string(which) + "," + time + "," + ka + "," + polynomial + ")";
 }
 
@@ -25,8 +25,7 @@ Response::Response(StatementText& text, const Model& model, Input input, const s
     one_compartment(text, input, "(" + time + ")");
     return;
   }
-  for (int k = 0; k < model.compartments; ++k)
-    text.add(w(k) + " = " + response_call(model, input, k, time) + ";");
+  for (int k = 0; k < model.compartments; ++k) text.add(w(k) + " = " + response_call(model, input, k, time) + ";");
 }
 
 void Response::one_compartment(StatementText& text, Input input, const std::string& time)

@@ -36,8 +36,8 @@ private:
 };
 
 // Steady state of amounts: replaces the variables NAME1 ... of what arrives within an interval, by what is there at its
-// end when it has arrived in every interval for ever. `interval` is an expression. Where nothing leaves the system there
-// is no steady state, and the values are missing.
+// end when it has arrived in every interval for ever. `interval` is an expression. Where nothing leaves the system
+// there is no steady state, and the values are missing.
 void write_steady_state(StatementText& text, const Model& model, const std::string& interval, const std::string& name);
 
 } // namespace torvale::compartment

@@ -13,7 +13,8 @@ namespace torvale::compartment {
 // the value of that option.
 class StatementText {
 public:
-  explicit StatementText(const Model& model) : model_(model), prefix_("_" + std::to_string(model.compartments) + "cmpt_")
+  explicit StatementText(const Model& model)
+      : model_(model), prefix_("_" + std::to_string(model.compartments) + "cmpt_")
   {
   }
 

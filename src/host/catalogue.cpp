@@ -82,7 +82,8 @@ constexpr CatalogueEntry entries[] = {
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
     {503, 9570, W,
-     "The expression of PREDICT cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; its prediction is "
+     "The expression of PREDICT cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; its "
+     "prediction is "
      "missing there, and at others where it fails.",
      "A logarithm of a number that is not positive, a division by zero, at the values of that observation.",
      "Guard the expression with IFN or with IF statements in the program."},
@@ -311,11 +312,13 @@ constexpr CatalogueEntry entries[] = {
     {503, 9470, E, "{option}= of CMPTMODEL must be a name, not {value}: it is the variable that takes the result.", "",
      ""},
     {503, 9471, W,
-     "DOSE= of an oral model is a dose into compartment 1; the dose into the depot is DOSE0=, which is not given and is "
+     "DOSE= of an oral model is a dose into compartment 1; the dose into the depot is DOSE0=, which is not given and "
+     "is "
      "taken as 1.",
      "The dose is oral, and was given by the name that other models have for it.", "Write DOSE0= for DOSE=."},
     {503, 9472, W,
-     "PCONC= is an amount, since SCALE1= is not given; SCALE1={volume} gives a concentration. Clearances and volumes only "
+     "PCONC= is an amount, since SCALE1= is not given; SCALE1={volume} gives a concentration. Clearances and volumes "
+     "only "
      "make the rate constants.",
      "", ""},
     {503, 9473, E, "The variable _CMPT_TYPE_ of dose records must hold texts; it is numeric.", "", ""},

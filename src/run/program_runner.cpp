@@ -145,8 +145,7 @@ private:
     std::vector<compartment::Variable> variables;
     if (data_)
       for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
-    const auto lines =
-        compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
+    const auto lines = compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
     return lines.empty() ? 1 : push_lines(stream, lines);
   }
 

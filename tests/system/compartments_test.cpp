@@ -42,15 +42,16 @@ Family family_of(const std::string& name, const std::vector<std::string>& column
     options += " " + f.results.back() + "=_" + f.results.back();
     put += " _" + f.results.back() + " best32. ' ' " + c + " best32. ' '";
   }
-  f.program = "TORVALE DATA=" + name + " TECHNIQUE=NONE; PARMS s2=1e-16; CMPTMODEL NCOMPS=" +
-              name.substr(administration.size(), 1) + " ADMTYPE=" + administration +
-              " PARMTYPE=" + name.substr(name.find("_p") + 2, 1) + options + "; PUT 'row '" + put +
-              "; MODEL true_pconc ~ NORMAL(_pconc, s2); RUN;";
+  f.program = "TORVALE DATA=" + name +
+              " TECHNIQUE=NONE; PARMS s2=1e-16; CMPTMODEL NCOMPS=" + name.substr(administration.size(), 1) +
+              " ADMTYPE=" + administration + " PARMTYPE=" + name.substr(name.find("_p") + 2, 1) + options +
+              "; PUT 'row '" + put + "; MODEL true_pconc ~ NORMAL(_pconc, s2); RUN;";
   return f;
 }
 
 // The largest dose of a row over its scale: what rounding is relative to.
-double size_of(const std::vector<std::string>& columns, const std::vector<std::string>& cells, const std::string& result)
+double size_of(const std::vector<std::string>& columns, const std::vector<std::string>& cells,
+               const std::string& result)
 {
   double dose = 0.0, scale = 1.0;
   const std::string scale_name = "scale" + (result == "pconc" ? "1" : result.substr(5));
@@ -74,7 +75,7 @@ TEST(Compartments, ConcentrationsAreTrueToTheLastDigits)
     const auto lines = split(read_text(entry.path().string()), '\n');
     const auto columns = split(lines[0], ',');
     const Family family = family_of(name, columns);
-    const Run run = run_text(family.program, "tests/data/compartment");
+    const auto run = run_text(family.program, "tests/data/compartment");
     std::size_t row = 0;
     for (const std::string& line : split(run.log + run.listing, '\n')) {
       if (!line.starts_with("row ")) continue;
@@ -95,7 +96,8 @@ TEST(Compartments, ConcentrationsAreTrueToTheLastDigits)
     EXPECT_EQ(row, lines.size() - 1) << name << run.log;
   }
   EXPECT_GT(rows, 500);
-  std::nth_element(relative.begin(), relative.begin() + static_cast<std::ptrdiff_t>(relative.size() / 2), relative.end());
+  std::nth_element(relative.begin(), relative.begin() + static_cast<std::ptrdiff_t>(relative.size() / 2),
+                   relative.end());
   EXPECT_LT(relative[relative.size() / 2], 1e-15);
 }
 
@@ -108,7 +110,6 @@ TEST(Compartments, WrongOptionsAreNamed)
     int number;
     bool ends;
   };
-  const std::string one = "NCOMPS=1 PARMTYPE=1 PCONC=c TIME=time KE=0.1 ";
   const Case cases[] = {
       {"ADMTYPE=IVB PARMTYPE=1 PCONC=c TIME=time KE=0.1", 900, true},
       {"NCOMPS=4 ADMTYPE=IVB PARMTYPE=1 PCONC=c TIME=time KE=0.1", 901, true},
@@ -131,9 +132,9 @@ TEST(Compartments, WrongOptionsAreNamed)
   };
   const TemporaryFile data("doses.csv", "y,time\n1,0.5\n0.9,1\n");
   for (const Case& c : cases) {
-    const Run run = run_text(std::string("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL ") + c.options +
-                                 "; MODEL y ~ NORMAL(c, s2); RUN;",
-                             "/tmp", 0, {{"d", data.path()}});
+    const auto run = run_text(std::string("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL ") + c.options +
+                                  "; MODEL y ~ NORMAL(c, s2); RUN;",
+                              "/tmp", 0, {{"d", data.path()}});
     EXPECT_TRUE(run.said(503, c.number)) << c.options << run.log;
     EXPECT_EQ(run.outcome.exit_code == 3, c.ends) << c.options << run.log;
   }
@@ -162,15 +163,17 @@ TEST(Compartments, DoseRecordsAskForOptions)
       {"ADMTYPE=IVB", "MSX,10,1,.", 9201, "_CMPT_TYPE_"},
   };
   for (const Case& c : cases) {
-    const TemporaryFile data("records.csv", std::string("y,t,_CMPT_TYPE_,_CMPT_DOSE_,_CMPT_DTIME_,_CMPT_RATE_\n1,1,NODOSE,,,\n1,1,") +
-                                                c.record + "\n");
+    const TemporaryFile data("records.csv",
+                             std::string("y,t,_CMPT_TYPE_,_CMPT_DOSE_,_CMPT_DTIME_,_CMPT_RATE_\n1,1,NODOSE,,,\n1,1,") +
+                                 c.record + "\n");
     const std::string compartments = std::string(c.model).starts_with("NCOMPS") ? "" : "NCOMPS=1 ";
-    const Run run = run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL " + compartments + c.model +
-                                 " PARMTYPE=1 PCONC=c KE=0.3; MODEL y ~ NORMAL(c, s2); RUN;",
-                             "/tmp", 0, {{"d", data.path()}});
+    const auto run = run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL " + compartments + c.model +
+                                  " PARMTYPE=1 PCONC=c KE=0.3; MODEL y ~ NORMAL(c, s2); RUN;",
+                              "/tmp", 0, {{"d", data.path()}});
     EXPECT_TRUE(run.said(503, c.number)) << c.model << " " << c.record << run.log;
     std::string words; // the log breaks its lines
-    for (const auto& part : split(run.log, '\n')) words += part.substr(std::min(part.size(), part.find_first_not_of(' '))) + " ";
+    for (const auto& part : split(run.log, '\n'))
+      words += part.substr(std::min(part.size(), part.find_first_not_of(' '))) + " ";
     EXPECT_NE(words.find(c.text), std::string::npos) << c.model << " " << c.record << run.log;
   }
 }
