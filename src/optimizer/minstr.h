@@ -279,9 +279,9 @@ struct MINSTR {
   double det[5] = {};     // determinant mantissa and exponent, positive, negative, zero pivots of the final Hessian
 
   // ---- Run state. Written by the library, read by callbacks. ----------------------------------------------------
-  double tbig = 0; // nonzero: the objective overflowed; every loop tests it after a callback
-  int stop = 0;    // nonzero: the user asked to stop; set by a callback, ends the run with code -3
-  double nitr = 0; // iterations done
+  double tbig = 0;  // nonzero: the objective overflowed; every loop tests it after a callback
+  int stop = 0;     // nonzero: the user asked to stop; set by a callback, ends the run with code -3
+  double nitr = 0;  // iterations done
   // Of earlier runs from which this one goes on: MAXITER, MAXFUNC and MAXTIME hold for the sum.
   double past_iterations = 0;
   long past_calls = 0;
