@@ -87,13 +87,15 @@ NodeId log_one_minus_exp_rule(Graph& g, NodeId n, int)
 }
 
 // d/da of the integral of u**b exp(-a u): less the integral with u**(b+1).
-NodeId exp_mean_rule(Graph& g, NodeId n, int)
+NodeId exp_mean_rule(Graph& g, NodeId n, int k)
 {
+  if (k > 0) return g.zero(); // the exponential is a function of the first operand
   return g.negate(g.call(Kernel::exp_mean, in(g, n, 0), g.shift(in(g, n, 1), 1.0), in(g, n, 2)));
 }
 // Of x**3 - a x**2 + b x - c = 0: x' = (x**2 a' - x b' + c') / (3 x**2 - 2 a x + b).
 NodeId cubic_root_rule(Graph& g, NodeId n, int k)
 {
+  if (k == 3) return g.zero();
   const NodeId a = in(g, n, 0), b = in(g, n, 1);
   const NodeId slope = g.add(g.multiply(g.subtract(g.scale(3.0, n), g.scale(2.0, a)), n), b);
   return g.divide(k == 0 ? g.square(n) : k == 1 ? g.negate(n) : g.one(), slope);
@@ -101,6 +103,7 @@ NodeId cubic_root_rule(Graph& g, NodeId n, int k)
 // In the transform: by the time a factor s, by ka and the coefficients a factor of the denominator more.
 NodeId compartment_response_rule(Graph& g, NodeId n, int k)
 {
+  if (k == 0 || k > 5) return g.zero(); // the roots are functions of the coefficients
   CompartmentResponse r = CompartmentResponse::of(g.value(in(g, n, 0)));
   double factor = 1.0;
   if (k == 1) {

@@ -8,12 +8,25 @@ namespace torvale::engine {
 namespace {
 namespace lane {
 
-// Integral of u**k exp(-x u) for u in 0 to 1, given e = exp(-x); k, the same in all lanes, 0 to 8. 1 ulp for k = 0; for
-// higher k errors grow to 1e-14 at k = 3. Near 0 the series sum (-x)**j / (j! (k + 1 + j)), elsewhere by parts.
-inline Lanes exp_mean(Lanes x, Lanes order, Lanes e)
+// Calls f(number) for the number that the lanes share (as they do in a program), or for each of several; where it is
+// none of 0 to `most` the lane is missing.
+template <class F> inline Lanes by_number(Lanes numbers, double most, F f)
+{
+  const auto value = [&](double number) { return number >= 0.0 && number <= most ? f(number) : missing_lanes(); };
+  Lanes r = value(numbers[0]);
+  if (!any(~(numbers == all(numbers[0])))) return r;
+  for (int i = 1; i < width; ++i) {
+    const Lanes own = value(numbers[i]);
+    r[i] = own[i];
+  }
+  return r;
+}
+
+// Integral of u**k exp(-x u) for u in 0 to 1, given e = exp(-x); k from 0 to 8. 2 ulp for k = 0; for higher k errors
+// grow to 1e-14 at k = 3. Near 0 the series sum (-x)**j / (j! (k + 1 + j)), elsewhere by parts.
+inline Lanes exp_mean_of_order(Lanes x, int k, Lanes e)
 {
   constexpr int terms = 18;
-  const int k = static_cast<int>(order[0]);
   const Mask near = magnitude(x) <= all(1.0);
   Lanes r = {};
   if (any(near)) {
@@ -38,7 +51,11 @@ inline Lanes exp_mean(Lanes x, Lanes order, Lanes e)
     for (int j = 1; j <= k; ++j) far = (all(j) * far - e) / divisor;
     r = if_else(near, r, far);
   }
-  return r;
+  return unless(is_nan(x) | is_nan(e), r);
+}
+inline Lanes exp_mean(Lanes x, Lanes order, Lanes e)
+{
+  return by_number(order, 8.0, [&](double k) { return exp_mean_of_order(x, static_cast<int>(k), e); });
 }
 
 // The roots of x**3 - a x**2 + b x - c, largest first: real, none negative. The one that stands alone comes first: the
@@ -98,7 +115,8 @@ inline void cubic_root(double* out, const double* const* in, int n)
   for (int i = 0; i < n; i += width) {
     const CubicRoots roots = cubic_roots(load(in[0] + i), load(in[1] + i), load(in[2] + i));
     const Lanes k = load(in[3] + i);
-    store(out + i, if_else(k == all(1.0), roots.x[0], if_else(k == all(2.0), roots.x[1], roots.x[2])));
+    const Lanes root = if_else(k == all(1.0), roots.x[0], if_else(k == all(2.0), roots.x[1], roots.x[2]));
+    store(out + i, unless(is_nan(k), root));
   }
 }
 
@@ -197,15 +215,19 @@ inline Lanes response(const CompartmentResponse& r, Lanes t, Lanes ka, const Lan
 
 inline void compartment_response(double* out, const double* const* in, int n)
 {
-  const CompartmentResponse r = CompartmentResponse::of(in[0][0]);
+  constexpr double largest_number = 10000.0 * (CompartmentResponse::most_power + 1);
   for (int i = 0; i < n; i += width) {
-    const Lanes t = load(in[1] + i);
-    if (!any(t == t)) {
-      store(out + i, t);
-      continue;
-    }
+    const Lanes which = load(in[0] + i), t = load(in[1] + i), ka = load(in[2] + i);
     const Lanes roots[3] = {load(in[6] + i), load(in[7] + i), load(in[8] + i)};
-    store(out + i, response(r, t, load(in[2] + i), roots));
+    const Lanes coefficients = load(in[3] + i) + load(in[4] + i) + load(in[5] + i);
+    const Mask fault = is_nan(t + ka + coefficients + (roots[0] + roots[1] + roots[2]));
+    Lanes r = missing_lanes();
+    if (any(~fault))
+      r = by_number(which, largest_number, [&](double number) {
+        const CompartmentResponse response_of = CompartmentResponse::of(number);
+        return response_of.valid() ? response(response_of, t, ka, roots) : missing_lanes();
+      });
+    store(out + i, unless(fault, r));
   }
 }
 
