@@ -123,7 +123,7 @@ void printing_options(NX& n)
 void difference_mode(NX& n)
 {
   auto& str = *n.str;
-  const bool values_only = (n.method != 0 && n.method != 3 && n.method != 4) || n.nreff() > 1;
+  const bool values_only = (n.method != 0 && n.method != 3 && n.method != 4) || (n.nreff() > 1 && n.fd != 0);
   if (values_only) {
     str.fidi = n.fd == 2 ? 2 : 1;
     if (n.fdh != 0) {

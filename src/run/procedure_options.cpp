@@ -67,6 +67,7 @@ void procedure_options(NX& n, const STMT& s)
   n.ebopt = s.flag(67);
   n.ebzstart = s.flag(69);
   n.ebgn = s.flag(70);
+  n.ebiter = s.flag(97);
 
   n.btol = s.number_or(83, 0.01);
   n.singvar = s.number_or(85, 1.110223024625157e-12);

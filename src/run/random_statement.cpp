@@ -11,7 +11,7 @@ using syntax::STMT;
 
 namespace {
 
-void random_effects(NX& n, const STMT& stmt, REFFECT& reff, int first_effect)
+void random_effects(NX& n, const STMT& stmt, REFFECT& reff)
 {
   auto& log = n.host->log();
   for (const auto& item : stmt.slot(1).list) {
@@ -36,7 +36,6 @@ void random_effects(NX& n, const STMT& stmt, REFFECT& reff, int first_effect)
       log.xpmlog(503, 18, {{"name", item.text}}, place);
       n.raise(4);
     }
-    engine::cmpran(*n.gcmp, symbol, first_effect + static_cast<int>(reff.names.size()));
     reff.names.push_back(item.text);
     reff.ransym.s.push_back(symbol);
   }
@@ -80,7 +79,8 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
 {
   auto& log = n.host->log();
   const auto& list = stmt.slot(5).list;
-  if (list.size() != 1) {
+  // Variables around it are for several RANDOM statements; nestcheck looks at them.
+  if (list.empty() || (list.size() != 1 && n.nreff() == 1)) {
     log.xpmlog(503, 8, {{"found", list.size()}}, place_at(n, "RANDOM", stmt.where));
     tvlexit(n, 1012);
   }
@@ -95,6 +95,7 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
   reff.subname = n.fid->columns()[at].name();
   reff.sub_dsvarno = static_cast<int>(at) + 1;
   reff.sub_character = !n.fid->columns()[at].numeric();
+  for (std::size_t k = 1; k < list.size(); ++k) reff.outer_names.push_back(list[k].text);
 }
 
 } // namespace
@@ -102,9 +103,7 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
 void readrandom(NX& n, const STMT& stmt, REFFECT& reff)
 {
   reff.stmt = &stmt;
-  int first = 0;
-  for (const auto& other : n.reff) first += &other == &reff ? 0 : other.nr;
-  random_effects(n, stmt, reff, first);
+  random_effects(n, stmt, reff);
   reff.nr = static_cast<int>(reff.names.size());
   if (reff.nr == 0) {
     n.host->log().xpmlog(503, 13, {}, place_at(n, "RANDOM", stmt.where));

@@ -131,6 +131,18 @@ void dependent_variable(NX& n)
   }
 }
 
+// The chain of effects, the outermost level first: their numbers in the compiled model.
+void number_effects(NX& n)
+{
+  for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff) {
+    reff->first_effect = n.mransym.n();
+    for (auto* symbol : reff->ransym.s) {
+      engine::cmpran(*n.gcmp, symbol, n.mransym.n());
+      n.mransym.s.push_back(symbol);
+    }
+  }
+}
+
 void random_statements(NX& n, const STMT& procedure)
 {
   auto& log = n.host->log();
@@ -151,15 +163,14 @@ void random_statements(NX& n, const STMT& procedure)
     n.nqp = 1;
     return;
   }
-  if (statements.size() > 1) {
-    if (n.method != 0)
-      log.xpmlog(503, 501, {}, place_at(n, "RANDOM", statements[1]->where));
-    else
-      log.xpmlog(503, 9330, {{"what", "a second RANDOM statement"}}, place_at(n, "RANDOM", statements[1]->where));
+  if (statements.size() > 1 && n.method != 0) {
+    log.xpmlog(503, 501, {}, place_at(n, "RANDOM", statements[1]->where));
     tvlexit(n, 3000);
   }
-  n.reff.resize(1);
-  readrandom(n, *statements[0], n.leaf());
+  n.reff.resize(statements.size());
+  for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
+  if (statements.size() > 1) nested_levels(n, procedure);
+  number_effects(n);
   STMT* prediction = nullptr;
   n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
   n.leaf().prsym.s = n.prsym.s;
@@ -193,11 +204,11 @@ void replicate_statement(NX& n)
 // Data variables that the distribution arguments depend on: they must not change within a subject.
 void distribution_data(NX& n)
 {
-  for (const auto& reff : n.reff)
+  for (auto& reff : n.reff)
     for (const auto* argument : reff.distrsym.s)
       for (const auto* input : engine::cmpdeps(*n.gcmp, argument))
-        if (input->dsvarno > 0 && std::find(n.rhs.begin(), n.rhs.end(), input->dsvarno) == n.rhs.end())
-          n.rhs.push_back(input->dsvarno);
+        if (input->dsvarno > 0 && std::find(reff.rhs.begin(), reff.rhs.end(), input->dsvarno) == reff.rhs.end())
+          reff.rhs.push_back(input->dsvarno);
 }
 
 // A PARMS name that nothing uses is the other half of a typing mistake.
