@@ -5,6 +5,7 @@
 
 #include "data/row_runner.h"
 #include "data/starting_values.h"
+#include "data/subject_tables.h"
 #include "evaluation/program_faults.h"
 #include "host/missing.h"
 
@@ -403,6 +404,7 @@ int tvldata(NX& n)
     n.raise(1012);
     return 1;
   }
+  if (n.reobsinfo && n.nreff() > 0) tvlmisc(n);
   report_impossible(n, pass);
   write_put_lines(n, frame, pass);
   return 0;

@@ -41,8 +41,8 @@ bool report_missing(model::NX& n, const host::Column& column)
   if (missing == 0) return false;
   host::MessagePlace place;
   place.row = n.fid->file_row(first);
-  n.host->log().xpmlog(503, 28, {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}},
-                       place);
+  n.host->log().xpmlog(503, 28,
+                       {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}}, place);
   return true;
 }
 
@@ -84,7 +84,8 @@ std::int32_t number_level(const std::vector<std::uint64_t>& keys, bool by_change
 }
 
 // Puts the subjects of a level in the order of their parents: returns the new number of each.
-std::vector<std::int32_t> order_by_parent(std::vector<std::int32_t>& parent, const std::vector<std::int32_t>& parent_number)
+std::vector<std::int32_t> order_by_parent(std::vector<std::int32_t>& parent,
+                                          const std::vector<std::int32_t>& parent_number)
 {
   std::vector<std::int32_t> order(parent.size()), number(parent.size()), sorted(parent.size());
   if (!parent_number.empty())

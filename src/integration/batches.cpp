@@ -142,6 +142,16 @@ std::pair<int, int> leaves_of(const NX& n, int nest)
   return {first, last};
 }
 
+// With several levels a leaf keeps sums for every joint point of its ancestors: fewer leaves where these are many.
+long slots_of_a_batch(const NX& n)
+{
+  if (n.nreff() == 1) return batch_slots;
+  double sums = std::max(1, n.programs.gradient.places); // of one leaf
+  for (std::size_t k = 1; k < n.reff.size(); ++k) sums *= static_cast<double>(n.reff[k].nqpr);
+  constexpr double most_sums = 1e6;
+  return static_cast<long>(std::clamp(most_sums / sums, 1.0, static_cast<double>(batch_slots)));
+}
+
 // Whole nests in order, until a batch has rows enough for full tiles; smaller batches when workers would stand idle.
 void deal_batches(NX& n)
 {
@@ -155,6 +165,7 @@ void deal_batches(NX& n)
   const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
   const std::int64_t enough = enough_slots * (n.store->nobs / static_cast<std::int64_t>(leaves.size()) + 1);
   const std::int64_t most_rows = std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
+  const long most_slots = slots_of_a_batch(n);
   Batch batch;
   std::int64_t first_row = 0;
   const int nests = static_cast<int>(n.outer().SubInfo.size());
@@ -165,7 +176,7 @@ void deal_batches(NX& n)
     const auto contents = static_cast<int>(n.batch_subjects.size());
     const int slots = contents - batch.first;
     const std::int64_t rows = subject.first_row + subject.SubCount - first_row;
-    if (slots > 0 && (rows > most_rows || slots + (last - first) > batch_slots)) close_batch(n, batch, contents, nest);
+    if (slots > 0 && (rows > most_rows || slots + (last - first) > most_slots)) close_batch(n, batch, contents, nest);
     if (contents == batch.first) first_row = subject.first_row;
     for (int leaf = first; leaf < last; ++leaf)
       if (!leaves[static_cast<std::size_t>(leaf)].badsub) n.batch_subjects.push_back(leaf);

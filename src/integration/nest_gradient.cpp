@@ -1,14 +1,16 @@
-// The gradient of a nest's integral: the adjoint of the elimination of the arrow and of the sums over points, node by node.
+// The gradient of a nest's integral: the adjoint of the elimination of the arrow and of the sums over points, node by
+// node.
 //
 // For one block of effects subject_gradient.cpp derives
 //     -v. = sum e ll. + lu'll_u. + <Zu, ll_uu.> + (r + tau + ll_uu lu)'m.
 //           + <L., E + (tau + ll_uu lu) zm' + 2 ll_uu L Z + ll_u lambda'>
-// with r = sum e ll_u, E = sum e ll_u z', tau_k = <ll_uuu_k, Zu>, Zu = L Z L', lambda = H^-1 (vb + L'tau), lu = L lambda, and vb and Z
-// the adjoints of the modes and of -H. It holds for a nest with all its effects stacked. L is then block diagonal, everything of
-// the likelihood lives on the chains of the leaves, and Z is needed only there, where H is not zero. Points move with
+// with r = sum e ll_u, E = sum e ll_u z', tau_k = <ll_uuu_k, Zu>, Zu = L Z L', lambda = H^-1 (vb + L'tau), lu = L
+// lambda, and vb and Z the adjoints of the modes and of -H. It holds for a nest with all its effects stacked. L is then
+// block diagonal, everything of the likelihood lives on the chains of the leaves, and Z is needed only there, where H
+// is not zero. Points move with
 //     d = B d_above + s C x,   B = -S^-1 O,   C C' = S^-1,   log det H = sum log det S
-// (S, O: a node's rows of its front), and with the adjoints Bb of B, Cb of C and Kb of the rows that a node leaves to its ancestors
-// (which is the adjoint of its parent's front) the adjoint of its own front follows, from the top down:
+// (S, O: a node's rows of its front), and with the adjoints Bb of B, Cb of C and Kb of the rows that a node leaves to
+// its ancestors (which is the adjoint of its parent's front) the adjoint of its own front follows, from the top down:
 //     Y = S^-1 Bb,   O: 2 B Kb - Y,   S: B Kb B' - sym(Y B') - C (P + I/2) C',   P = sym(low(C'Cb)),   ancestors: Kb.
 // At a leaf it is -Z. (Own derivation.)
 
@@ -37,8 +39,8 @@ namespace {
 class NestGradient {
 public:
   NestGradient(const NX& n, TVLThreadCtx& ctx, int nest)
-      : n_(n), b_(ctx.batch), w_(ctx.nests), nest_(static_cast<std::size_t>(nest)), np_(n.nparm), rows_(n), s_(n.qscale * root_two),
-        gradient_(ctx.nests.gradient.data() + static_cast<long>(nest) * n.nparm)
+      : n_(n), b_(ctx.batch), w_(ctx.nests), nest_(static_cast<std::size_t>(nest)), np_(n.nparm), rows_(n),
+        s_(n.qscale * root_two), gradient_(ctx.nests.gradient.data() + static_cast<long>(nest) * n.nparm)
   {
   }
 
@@ -101,7 +103,8 @@ private:
 
   // --- sums over points ---
 
-  // A leaf: direct derivatives; r, E, and what its points pull at its own and its ancestors' modes, scale and regression.
+  // A leaf: direct derivatives; r, E, and what its points pull at its own and its ancestors' modes, scale and
+  // regression.
   void leaf_sums(int v)
   {
     NestLevel& l = w_.level.front();
@@ -114,7 +117,8 @@ private:
       const double* const sums = w_.moments.data() + p * b_.mode_stride + slot;
       int row = rows_.direct;
       for (const int place : n_.programs.gradient.outputs)
-        if (n_.programs.parameter_place(place)) gradient_[place - n_.programs.by_parameter(0)] -= weight * at(sums, row++);
+        if (n_.programs.parameter_place(place))
+          gradient_[place - n_.programs.by_parameter(0)] -= weight * at(sums, row++);
       leaf_point(v, p, weight, sums);
     }
   }
@@ -128,7 +132,7 @@ private:
     const int own = l.own;
     const double* const factor = modes::factor_of(l, v);
     const double* const spread = l.spread.data() + static_cast<long>(v) * l.triangle();
-    const double* const b = l.regression.data() + static_cast<long>(v) * (own * l.above);
+    const double* const b = l.tilt.data() + static_cast<long>(v) * (own * l.above);
     double deviation[modes::most_effects];
     for_ancestors(0, v, [&](NestLevel& a, int node) {
       const long joint = a.joint(), from = static_cast<long>(node) * a.own * joint + p % joint;
@@ -138,7 +142,8 @@ private:
       }
     });
     double centre[modes::most_effects], r[modes::most_effects], pull[modes::most_effects];
-    const double mass = weight * w_.total[static_cast<std::size_t>(p * b_.mode_stride + l.nodes->slot[static_cast<std::size_t>(v)])];
+    const double mass =
+        weight * w_.total[static_cast<std::size_t>(p * b_.mode_stride + l.nodes->slot[static_cast<std::size_t>(v)])];
     for (int i = 0; i < own; ++i) {
       centre[i] = l.z[static_cast<std::size_t>(v * own + i)];
       for (int a = 0; a < l.above; ++a) centre[i] += b[i * l.above + a] * deviation[a];
@@ -153,7 +158,8 @@ private:
       mean_bar[i] += r[i];
       for (int j = 0; j <= i; ++j) {
         double t = r[i] * centre[j]; // (sum e ll_u z')(i, j)
-        for (int k = 0; k <= j; ++k) t += s_ * weight * at(sums, rows_.slope_by_point + i * own + k) * spread[packed(j, k)];
+        for (int k = 0; k <= j; ++k)
+          t += s_ * weight * at(sums, rows_.slope_by_point + i * own + k) * spread[packed(j, k)];
         factor_bar[packed(i, j)] += t;
       }
       double z = mass * centre[i], lr = 0.0;
@@ -197,7 +203,7 @@ private:
     const int own = l.own;
     const long joint = l.joint();
     const double* const factor = modes::factor_of(l, v);
-    const double* const b = l.regression.data() + static_cast<long>(v) * (own * l.above);
+    const double* const b = l.tilt.data() + static_cast<long>(v) * (own * l.above);
     const double* const weight = l.weight.data() + static_cast<long>(v) * joint;
     const double* const deviation = l.deviation.data() + static_cast<long>(v) * own * joint;
     const double* const slopes = l.slopes.data() + static_cast<long>(v) * own * joint;
@@ -223,7 +229,8 @@ private:
           mode_bar[i] += plain;
           const double pull = plain + pulls[i * joint + k];
           given[i] += pull;
-          for (int j = 0; j < own; ++j) spread_bar[i * own + j] += s_ * pull * reff.points[static_cast<std::size_t>(j * reff.nqpr + q)];
+          for (int j = 0; j < own; ++j)
+            spread_bar[i * own + j] += s_ * pull * reff.points[static_cast<std::size_t>(j * reff.nqpr + q)];
         }
       }
       if (!n_.adscale || l.above == 0) continue;
@@ -306,7 +313,7 @@ private:
     const long slot = leaf.nodes->slot[static_cast<std::size_t>(v)];
     const double* const sums = w_.leaf.data() + slot * program.mode.places;
     const double* const third = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot)];
-    double* const lz = scratch_;                // chain x chain: L Z
+    double* const lz = scratch_;                 // chain x chain: L Z
     double* const zu = scratch_ + chain * chain; // triangle: Zu, elements off the diagonal doubled
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
@@ -343,7 +350,8 @@ private:
         for (int k = 0; k <= i; ++k) mode_bar[k] += factor[packed(i, k)] * tau;
         for (int j = 0; j <= i; ++j) {
           double t = 0.0; // (ll_uu L Z)(i, j)
-          for (int k = 0; k < chain; ++k) t += sums[program.curve(packed(l.place + i, k))] * lz[k * chain + l.place + j];
+          for (int k = 0; k < chain; ++k)
+            t += sums[program.curve(packed(l.place + i, k))] * lz[k * chain + l.place + j];
           factor_bar[packed(i, j)] += tau * l.z[static_cast<std::size_t>(node * l.own + j)] + 2.0 * t;
         }
       }
@@ -377,7 +385,8 @@ private:
         for (int k = 0; k < chain; ++k) pull += sums[program.curve(packed(l.place + i, k))] * lu[k];
         mean_bar[i] += pull;
         for (int j = 0; j <= i; ++j)
-          factor_bar[packed(i, j)] += pull * l.z[static_cast<std::size_t>(node * l.own + j)] + sums[program.slope(l.place + i)] * lambda[j];
+          factor_bar[packed(i, j)] +=
+              pull * l.z[static_cast<std::size_t>(node * l.own + j)] + sums[program.slope(l.place + i)] * lambda[j];
       }
     });
     for (const int place : program.curvature.outputs) {
@@ -412,7 +421,8 @@ private:
   // Row v onto the first row of the nest.
   static void add(std::vector<double>& rows, int first, int v, int width)
   {
-    for (int k = 0; k < width; ++k) rows[static_cast<std::size_t>(first * width + k)] += rows[static_cast<std::size_t>(v * width + k)];
+    for (int k = 0; k < width; ++k)
+      rows[static_cast<std::size_t>(first * width + k)] += rows[static_cast<std::size_t>(v * width + k)];
   }
 
   void add_arguments(std::size_t level, int v, int prior)
@@ -422,7 +432,8 @@ private:
     double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
     const double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * l.own;
     evaluation::cholesky_adjoint(l.own, modes::factor_of(l, v), factor_bar, n_.singchol);
-    const double* row = l.arguments.data() + static_cast<long>(prior) * reff.setup.places + reff.argument_derivative(0, 0, np_);
+    const double* row =
+        l.arguments.data() + static_cast<long>(prior) * reff.setup.places + reff.argument_derivative(0, 0, np_);
     for (int a = 0; a < reff.nd; ++a, row += np_) {
       const double bar = a < l.own ? mean_bar[a] : factor_bar[a - l.own];
       for (int j = 0; j < np_; ++j) gradient_[j] -= bar * row[j];

@@ -24,9 +24,9 @@ namespace {
 constexpr int most_points = 256; // of one chunk of a leaf
 constexpr int most_slots = 128;  // of one block: one strip of lanes
 
-// A block of slots times a chunk of points: `outer` joint points of the ancestors times `own` points of the leaf. Pairs that differ
-// in the own point only are `width` apart, so that sums over own points add rows of `width` numbers: all slots and outer points
-// where slots lie side by side in the lanes, else the outer points of one slot after the other.
+// A block of slots times a chunk of points: `outer` joint points of the ancestors times `own` points of the leaf. Pairs
+// that differ in the own point only are `width` apart, so that sums over own points add rows of `width` numbers: all
+// slots and outer points where slots lie side by side in the lanes, else the outer points of one slot after the other.
 struct Chunk {
   evaluation::Pairs pairs;
   long first_outer = 0, first_own = 0;
@@ -35,7 +35,10 @@ struct Chunk {
   int width() const { return aside() ? outer * pairs.count : outer; }
   int rows() const { return aside() ? 1 : pairs.count; } // groups of `own` rows
   int sums() const { return outer * pairs.count; }
-  int pair(int i, int p, int q) const { return aside() ? (q * outer + p) * pairs.count + i : (i * own + q) * outer + p; }
+  int pair(int i, int p, int q) const
+  {
+    return aside() ? (q * outer + p) * pairs.count + i : (i * own + q) * outer + p;
+  }
   int sum(int i, int p) const { return aside() ? p * pairs.count + i : i * outer + p; }
 };
 
@@ -93,7 +96,7 @@ private:
     const double* const l = modes::factor_of(leaf_, node);
     const double* const m = leaf_.mean.data() + static_cast<long>(leaf_.prior_of(node)) * own;
     const double* const spread = leaf_.spread.data() + static_cast<long>(node) * leaf_.triangle();
-    const double* const b = leaf_.regression.data() + static_cast<long>(node) * (own * leaf_.above);
+    const double* const b = leaf_.tilt.data() + static_cast<long>(node) * (own * leaf_.above);
     for (int p = 0; p < c_.outer; ++p) {
       double deviation[modes::most_effects], centre[modes::most_effects];
       place_ancestors(i, p, node, deviation);
@@ -141,7 +144,8 @@ private:
     const model::ModelProgram& program = gradient_ ? n_.programs.gradient : n_.programs.value;
     const int all = c_.pairs.count * c_.pairs.points;
     ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
-    const int rc = evaluation::tvllogl(n_, ctx_, c_.pairs, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
+    const int rc =
+        evaluation::tvllogl(n_, ctx_, c_.pairs, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
     make_weights(all);
     weigh();

@@ -1,8 +1,8 @@
-// Adaptive quadrature over nests, level by level in the log domain: for each joint point of its ancestors a subject's own integral
-// is a sum over its own points, in each of which the integrals of its children stand as factors.
+// Adaptive quadrature over nests, level by level in the log domain: for each joint point of its ancestors a subject's
+// own integral is a sum over its own points, in each of which the integrals of its children stand as factors.
 //
-// The points of a nest are z = mode + s C x with C the lower Cholesky factor of the inverse joint Hessian, parents first. A subject's
-// rows of C hold itself and its ancestors only, so its deviation from its mode is, given theirs,
+// The points of a nest are z = mode + s C x with C the lower Cholesky factor of the inverse joint Hessian, parents
+// first. A subject's rows of C hold itself and its ancestors only, so its deviation from its mode is, given theirs,
 //     d = B d_above + s C x        (B regression, C spread: what the elimination of the arrow leaves)
 // and the grid over the whole nest is summed at the cost of one chain of levels per leaf. Without scaling B = 0, C = I.
 
@@ -56,7 +56,8 @@ void take_nests(const NX& n, TVLThreadCtx& ctx)
   for (std::size_t k = 0; k < w.level.size(); ++k) w.level[k].nodes = &nodes[k];
   const model::NestNodes& leaves = nodes.front();
   for (int nest = 0; nest < w.nests; ++nest)
-    for (int v = leaves.first[static_cast<std::size_t>(nest)]; v < leaves.first[static_cast<std::size_t>(nest) + 1]; ++v) {
+    for (int v = leaves.first[static_cast<std::size_t>(nest)]; v < leaves.first[static_cast<std::size_t>(nest) + 1];
+         ++v) {
       w.nest_of_leaf[static_cast<std::size_t>(v)] = nest;
       w.leaf_of_slot[static_cast<std::size_t>(leaves.slot[static_cast<std::size_t>(v)])] = v;
     }
@@ -71,26 +72,31 @@ int load_all_priors(const NX& n, TVLThreadCtx& ctx)
     const model::REFFECT& reff = n.reff[k];
     const int count = static_cast<int>(l.nodes->subject.size());
     const evaluation::PriorEntries entries{reff, l, l.nodes->slot.data(), count, l.failure.data()};
-    if (const int rc = evaluation::load_priors(n, ctx, entries, reff.setup.places > reff.setup_value.places); rc > 2) return rc;
+    if (const int rc = evaluation::load_priors(n, ctx, entries, reff.setup.places > reff.setup_value.places); rc > 2)
+      return rc;
     for (int nest = 0; nest < w.nests; ++nest)
-      for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v)
-        if (int& failure = w.failure[static_cast<std::size_t>(nest)]; failure == 0) failure = l.failure[static_cast<std::size_t>(v)];
+      for (int v = l.nodes->first[static_cast<std::size_t>(nest)];
+           v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v)
+        if (int& failure = w.failure[static_cast<std::size_t>(nest)]; failure == 0)
+          failure = l.failure[static_cast<std::size_t>(v)];
   }
   return 0;
 }
 
 // --- points ---
 
-// Scale of a level's points given the levels above.
+// Scale of a node's points given those of its ancestors.
 void set_spread(const NX& n, NestLevel& l, int v)
 {
   double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
+  double* const tilt = l.tilt.data() + static_cast<long>(v) * (l.own * l.above);
   if (!n.adscale) {
     std::fill_n(c, l.triangle(), 0.0);
     for (int i = 0; i < l.own; ++i) c[matrix::packed_diagonal(i)] = 1.0;
-    std::fill_n(l.regression.begin() + static_cast<long>(v) * (l.own * l.above), l.own * l.above, 0.0);
+    std::fill_n(tilt, l.own * l.above, 0.0);
     return;
   }
+  std::copy_n(l.regression.begin() + static_cast<long>(v) * (l.own * l.above), l.own * l.above, tilt);
   const double* const from = l.inverse.data() + static_cast<long>(v) * l.triangle();
   std::copy_n(from, l.triangle(), c);
   for (int i = 0; i < l.own; ++i) {
@@ -106,7 +112,7 @@ void place_points(const NX& n, NestWork& w, std::size_t level, int v)
   const model::REFFECT& reff = n.reff[level];
   const double scale = n.qscale * root_two;
   const double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
-  const double* const b = l.regression.data() + static_cast<long>(v) * (l.own * l.above);
+  const double* const b = l.tilt.data() + static_cast<long>(v) * (l.own * l.above);
   const double* const factor = modes::factor_of(l, v);
   const double* const m = l.mean.data() + static_cast<long>(l.prior_of(v)) * l.own;
   double* const deviation = l.deviation.data() + static_cast<long>(v) * l.own * l.joint();
@@ -128,7 +134,8 @@ void place_points(const NX& n, NestWork& w, std::size_t level, int v)
       double z[modes::most_effects];
       for (int i = 0; i < l.own; ++i) {
         double d = centre[i];
-        for (int j = 0; j <= i; ++j) d += scale * c[packed(i, j)] * reff.points[static_cast<std::size_t>(j * reff.nqpr + q)];
+        for (int j = 0; j <= i; ++j)
+          d += scale * c[packed(i, j)] * reff.points[static_cast<std::size_t>(j * reff.nqpr + q)];
         z[i] = l.z[static_cast<std::size_t>(v * l.own + i)] + d;
         double u = m[i];
         for (int j = 0; j <= i; ++j) u += factor[packed(i, j)] * z[j];
@@ -144,7 +151,8 @@ void place_nest(const NX& n, NestWork& w, int nest)
 {
   for (std::size_t level = w.level.size(); level-- > 0;) {
     NestLevel& l = w.level[level];
-    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
+    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
+         ++v) {
       if (!n.adaptive) std::fill_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, 0.0);
       set_spread(n, l, v);
       if (level > 0) place_points(n, w, level, v);
@@ -164,7 +172,8 @@ void add_leaves(const BatchWork& b, NestWork& w, int nest)
 {
   const NestLevel& leaf = w.level[0];
   NestLevel& parents = w.level[1];
-  for (int v = leaf.nodes->first[static_cast<std::size_t>(nest)]; v < leaf.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
+  for (int v = leaf.nodes->first[static_cast<std::size_t>(nest)];
+       v < leaf.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
     const long slot = leaf.nodes->slot[static_cast<std::size_t>(v)];
     double* const weight = parents.weight.data() + leaf.nodes->parent[static_cast<std::size_t>(v)] * parents.joint();
     for (long p = 0; p < leaf.outer; ++p) {
@@ -181,9 +190,9 @@ void close_node(NestWork& w, std::size_t level, int v)
   double* const weight = l.weight.data() + static_cast<long>(v) * l.joint();
   double* const integral = l.integral.data() + static_cast<long>(v) * l.outer;
   double* const above =
-      level + 1 < w.level.size() ? w.level[level + 1].weight.data() +
-                                       l.nodes->parent[static_cast<std::size_t>(v)] * w.level[level + 1].joint()
-                                 : nullptr;
+      level + 1 < w.level.size()
+          ? w.level[level + 1].weight.data() + l.nodes->parent[static_cast<std::size_t>(v)] * w.level[level + 1].joint()
+          : nullptr;
   for (long p = 0; p < l.outer; ++p) {
     double peak = model::failed_point, total = 0.0;
     for (long q = 0; q < l.points; ++q) peak = std::max(peak, weight[q * l.outer + p]);
@@ -203,7 +212,8 @@ void close_levels(const BatchWork& b, NestWork& w, int nest)
   add_leaves(b, w, nest);
   for (std::size_t level = 1; level < w.level.size(); ++level) {
     const auto& first = w.level[level].nodes->first;
-    for (int v = first[static_cast<std::size_t>(nest)]; v < first[static_cast<std::size_t>(nest) + 1]; ++v) close_node(w, level, v);
+    for (int v = first[static_cast<std::size_t>(nest)]; v < first[static_cast<std::size_t>(nest) + 1]; ++v)
+      close_node(w, level, v);
   }
 }
 
@@ -240,7 +250,7 @@ void size_level(const NX& n, NestLevel& l, const model::REFFECT& reff, long node
   for (auto* v : {&l.inverse, &l.spread, &l.factor_bar}) size(*v, nodes * triangle);
   for (auto* v : {&l.front, &l.front_bar}) size(*v, nodes * (chain * (chain + 1) / 2));
   size(l.right, nodes * chain);
-  for (auto* v : {&l.regression, &l.regression_bar}) size(*v, nodes * own * l.above);
+  for (auto* v : {&l.regression, &l.regression_bar, &l.tilt}) size(*v, nodes * own * l.above);
   size(l.spread_bar, nodes * own * own);
   size(l.logdet, nodes);
   for (auto* v : {&l.deviation, &l.effects}) size(*v, own * joint);
@@ -317,9 +327,11 @@ void NestQuadrature::close_modes(NX& n, const TVLThreadCtx& ctx, int nest) const
   const NestWork& w = ctx.nests;
   for (std::size_t k = 0; k < w.level.size(); ++k) {
     const NestLevel& l = w.level[k];
-    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v)
+    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
+         ++v)
       std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own,
-                  n.ebtrial.begin() + n.reff[k].mode_first + static_cast<long>(l.nodes->subject[static_cast<std::size_t>(v)]) * l.own);
+                  n.ebtrial.begin() + n.reff[k].mode_first +
+                      static_cast<long>(l.nodes->subject[static_cast<std::size_t>(v)]) * l.own);
   }
   n.ebtrial_known[static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)])] = 1;
 }

@@ -63,10 +63,12 @@ int tvlqpts(NX& n)
     }
     if (dropped > 0) n.host->log().xpmlog(503, 20, {{"kept", n.nqp - dropped}, {"points", n.nqp}});
   }
+  double joint = 1.0; // of the chain of a leaf
   for (REFFECT& reff : n.reff) {
     if (reff.distrtype != 0) continue; // support points come from the statement
     const double points = n.method == 0 ? std::pow(n.nqp, reff.nr) : n.nqp;
-    if (!(points <= most_points)) {
+    joint *= points;
+    if (!(joint <= most_points)) {
       n.host->log().xpmlog(503, 16, {{"points", n.nqp}});
       n.raise(1012);
       return 1012;

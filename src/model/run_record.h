@@ -81,7 +81,8 @@ struct RunOptions {
   bool debug = false;
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
-  bool retfail = false;
+  bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
+  bool reobsinfo = false;     // REOBSINFO$: tables of the subjects
   bool runThreads = false;    // NTHREADS= not 0
   int nthreads = 0;           // threads the program asked for
   int command_threads = 0;    // threads the command line asked for (--threads); 0 serial, negative all cores

@@ -16,9 +16,12 @@ namespace {
 int invert(const model::RunOptions& options, int nr, double* h, double* g, double* pivots, model::BlockWork& block)
 {
   switch (nr) {
-  case 1: return InvertHessian<1>(options, nr, h, g, pivots, block);
-  case 2: return InvertHessian<2>(options, nr, h, g, pivots, block);
-  default: return InvertHessian<0>(options, nr, h, g, pivots, block);
+  case 1:
+    return InvertHessian<1>(options, nr, h, g, pivots, block);
+  case 2:
+    return InvertHessian<2>(options, nr, h, g, pivots, block);
+  default:
+    return InvertHessian<0>(options, nr, h, g, pivots, block);
   }
 }
 
@@ -78,7 +81,8 @@ void clear_fronts(NestWork& w, int nest)
   for (std::size_t level = 1; level < w.level.size(); ++level) {
     NestLevel& l = w.level[level];
     const int chain = l.chain();
-    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
+    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
+         ++v) {
       double* const front = l.front.data() + static_cast<long>(v) * (chain * (chain + 1) / 2);
       double* const right = l.right.data() + static_cast<long>(v) * chain;
       std::fill_n(front, chain * (chain + 1) / 2, 0.0);
@@ -119,7 +123,8 @@ void leaf_front(const NX& n, NestWork& w, int node)
           double t = 0.0;
           for (int k = i; k < rows.own; ++k) {
             double s = 0.0;
-            for (int m = j; m < columns.own; ++m) s += sums[p.curve(packed(rows.place + k, columns.place + m))] * lc[packed(m, j)];
+            for (int m = j; m < columns.own; ++m)
+              s += sums[p.curve(packed(rows.place + k, columns.place + m))] * lc[packed(m, j)];
             t += lr[packed(k, i)] * s;
           }
           front[packed(rows.place + i, columns.place + j)] = -t;

@@ -50,7 +50,8 @@ private:
   {
     for (std::size_t k = 0; k < w_.level.size(); ++k) {
       NestLevel& l = w_.level[k];
-      const auto first = l.nodes->first[static_cast<std::size_t>(nest)], last = l.nodes->first[static_cast<std::size_t>(nest) + 1];
+      const auto first = l.nodes->first[static_cast<std::size_t>(nest)],
+                 last = l.nodes->first[static_cast<std::size_t>(nest) + 1];
       for (int v = first; v < last; ++v) f(l, static_cast<int>(k), v);
     }
   }
@@ -96,7 +97,8 @@ private:
     s = ModeSearch{};
     s.from_mean = true;
     s.bound = s.previous = largest;
-    for_nodes(nest, [](NestLevel& l, int, int v) { std::fill_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, 0.0); });
+    for_nodes(nest,
+              [](NestLevel& l, int, int v) { std::fill_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, 0.0); });
   }
 
   void give_up(int nest)
@@ -145,7 +147,8 @@ private:
     if (const int rc = run_leaves(n_, ctx_, program, count, b_.mode_sums.data(), b_.mode_stride); rc != 0) return rc;
     for (int a = 0; a < count; ++a) {
       double* const to = w_.leaf.data() + static_cast<long>(w_.columns[static_cast<std::size_t>(a)]) * program.places;
-      for (const int place : program.outputs) to[place] = b_.mode_sums[static_cast<std::size_t>(place * b_.mode_stride + a)];
+      for (const int place : program.outputs)
+        to[place] = b_.mode_sums[static_cast<std::size_t>(place * b_.mode_stride + a)];
     }
     return 0;
   }
@@ -222,7 +225,8 @@ private:
     if (++s.step >= rules_.steps) return give_up(nest);
     for_nodes(nest, [&](NestLevel& l, int level, int v) {
       if (level_ != all_levels && level != level_) return;
-      for (int k = v * l.own; k < (v + 1) * l.own; ++k) l.z[static_cast<std::size_t>(k)] -= l.step[static_cast<std::size_t>(k)];
+      for (int k = v * l.own; k < (v + 1) * l.own; ++k)
+        l.z[static_cast<std::size_t>(k)] -= l.step[static_cast<std::size_t>(k)];
     });
   }
 
@@ -239,7 +243,8 @@ private:
     if (rc != 0) return rc;
     for (std::size_t k = w_.level.size() - 1; k-- > 0;) {
       NestLevel& l = w_.level[k];
-      for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
+      for (int v = l.nodes->first[static_cast<std::size_t>(nest)];
+           v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
         double* const step = l.step.data() + static_cast<long>(v) * l.own;
         const double* const b = l.regression.data() + static_cast<long>(v) * (l.own * l.above);
         int node = v;
@@ -277,7 +282,8 @@ private:
     const long parent = l.nodes->parent[static_cast<std::size_t>(v)];
     const int chain = l.chain(), above = l.above, triangle = above * (above + 1) / 2;
     for (int k = 0; k < triangle; ++k)
-      p.front[static_cast<std::size_t>(parent * triangle + k)] += l.front[static_cast<std::size_t>(v * (chain * (chain + 1) / 2) + k)];
+      p.front[static_cast<std::size_t>(parent * triangle + k)] +=
+          l.front[static_cast<std::size_t>(v * (chain * (chain + 1) / 2) + k)];
     for (int k = 0; k < above; ++k)
       p.right[static_cast<std::size_t>(parent * above + k)] += l.right[static_cast<std::size_t>(v * chain + k)];
   }
@@ -300,8 +306,8 @@ private:
 
   // --- EBITER$ ---
 
-  // The levels take turns, each to the end of its search, until no effect moves by more than EBMTOL$; then the curvature of the
-  // whole nest at the modes.
+  // The levels take turns, each to the end of its search, until no effect moves by more than EBMTOL$; then the
+  // curvature of the whole nest at the modes.
   int take_turns()
   {
     std::copy(w_.active.begin(), w_.active.end(), w_.turn.begin());
@@ -319,7 +325,10 @@ private:
     return close_turns();
   }
 
-  bool any_turn() const { return std::any_of(w_.turn.begin(), w_.turn.begin() + w_.nests, [](char t) { return t != 0; }); }
+  bool any_turn() const
+  {
+    return std::any_of(w_.turn.begin(), w_.turn.begin() + w_.nests, [](char t) { return t != 0; });
+  }
 
   void keep_round_start()
   {
@@ -327,14 +336,16 @@ private:
       if (w_.turn[static_cast<std::size_t>(nest)] != 0) {
         place_effects(w_, nest);
         for_nodes(nest, [](NestLevel& l, int, int v) {
-          std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own, l.round_start.begin() + static_cast<long>(v) * l.own);
+          std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own,
+                      l.round_start.begin() + static_cast<long>(v) * l.own);
         });
       }
   }
 
   void restart(int nest)
   {
-    const bool goes_on = w_.turn[static_cast<std::size_t>(nest)] != 0 && w_.failure[static_cast<std::size_t>(nest)] == 0;
+    const bool goes_on =
+        w_.turn[static_cast<std::size_t>(nest)] != 0 && w_.failure[static_cast<std::size_t>(nest)] == 0;
     w_.active[static_cast<std::size_t>(nest)] = goes_on ? 1 : 0;
     if (!goes_on) return;
     ModeSearch& s = search(nest);
@@ -354,7 +365,8 @@ private:
     double change = 0.0;
     for_nodes(nest, [&](const NestLevel& l, int, int v) {
       for (int k = v * l.own; k < (v + 1) * l.own; ++k)
-        change = std::max(change, std::abs(l.u[static_cast<std::size_t>(k)] - l.round_start[static_cast<std::size_t>(k)]));
+        change =
+            std::max(change, std::abs(l.u[static_cast<std::size_t>(k)] - l.round_start[static_cast<std::size_t>(k)]));
     });
     if (!(change > n_.ebmtol)) turn = 0;
   }
@@ -397,7 +409,8 @@ int nest_search(const NX& n, TVLThreadCtx& ctx)
 void place_effects(NestWork& w, int nest)
 {
   for (NestLevel& l : w.level) {
-    const int first = l.nodes->first[static_cast<std::size_t>(nest)], last = l.nodes->first[static_cast<std::size_t>(nest) + 1];
+    const int first = l.nodes->first[static_cast<std::size_t>(nest)],
+              last = l.nodes->first[static_cast<std::size_t>(nest) + 1];
     for (int v = first; v < last; ++v) {
       const double* const m = l.mean.data() + static_cast<long>(l.prior_of(v)) * l.own;
       const double* row = factor_of(l, v);
@@ -424,12 +437,14 @@ int run_leaves(const NX& n, TVLThreadCtx& ctx, const model::ModelProgram& progra
       int node = w.leaf_of_slot[static_cast<std::size_t>(slot)];
       for (const NestLevel& l : w.level) {
         for (int i = 0; i < l.own; ++i)
-          b.ran[static_cast<std::size_t>((l.place + i) * b.pair_stride + a)] = l.u[static_cast<std::size_t>(node * l.own + i)];
+          b.ran[static_cast<std::size_t>((l.place + i) * b.pair_stride + a)] =
+              l.u[static_cast<std::size_t>(node * l.own + i)];
         node = l.nodes->parent[static_cast<std::size_t>(node)];
       }
     }
     ctx.frame->set_points(b.ran.data(), part, static_cast<int>(b.pair_stride));
-    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1}, {program.code, program.outputs, sums + first, stride});
+    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1},
+                                       {program.code, program.outputs, sums + first, stride});
     if (rc != 0) return rc;
   }
   return 0;

@@ -26,7 +26,8 @@ void nestcheck(NX& n)
     tvlexit(n, 3000);
   };
   const auto level = [](const REFFECT& reff) { return reff.outer_names.size() + 1; };
-  std::stable_sort(n.reff.begin(), n.reff.end(), [&](const REFFECT& a, const REFFECT& b) { return level(a) < level(b); });
+  std::stable_sort(n.reff.begin(), n.reff.end(),
+                   [&](const REFFECT& a, const REFFECT& b) { return level(a) < level(b); });
   for (std::size_t i = 0; i < n.reff.size(); ++i) {
     const REFFECT& reff = n.reff[i];
     if (level(reff) != i + 1) fail(reff);

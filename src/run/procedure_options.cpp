@@ -99,6 +99,7 @@ void procedure_options(NX& n, const STMT& s)
   n.listder = s.flag(55);
   n.nosort = s.flag(99);
   n.retfail = s.flag(107);
+  n.reobsinfo = s.flag(94);
 
   n.nthreads = static_cast<int>(s.number_or(101, 0));
   n.runThreads = n.nthreads != 0;

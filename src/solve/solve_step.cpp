@@ -143,13 +143,12 @@ int failure_code(const MINSTR& str, int code)
 
 // A variance of random effects that came out as 0, or below, says that the effect is absent: its direction is dropped
 // from the integral, and its standard error means nothing.
-void warn_vanished_variance(NX& n)
+void warn_vanished_variance(NX& n, const model::REFFECT& reff)
 {
-  if (n.nreff() != 1 || n.leaf().distrtype != 0) return;
-  const auto& reff = n.leaf();
+  if (reff.distrtype != 0) return;
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.str->x);
-  const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
+  const std::vector<double> zero(static_cast<std::size_t>(n.programs.ne), 0.0);
   frame.set_points(zero.data(), 1, 1);
   for (const auto& subject : reff.SubInfo) {
     if (subject.badsub) continue;
@@ -209,7 +208,7 @@ int tvlsolv(NX& n)
   degrees_of_freedom(n);
   if (n.znlprc > 0) {
     warn_small(n);
-    warn_vanished_variance(n);
+    for (const auto& reff : n.reff) warn_vanished_variance(n, reff);
   }
   missing_errors(n);
   if (judged) report_verdict(n);
