@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "integration/evaluation_parts.h"
 
 #include "evaluation/random_covariance.h"
@@ -66,8 +67,8 @@ void store_mode(NX& n, const BatchWork& b, int slot, std::size_t subject)
   n.ebtrial_known[subject] = 1;
 }
 
-// Closes a subject: value and gradient of its integral into its slot of the run. constants: nr/2 log 2 pi - nr log s, of the
-// prior and of the scale of the points; their factor C adds 1/2 log det H.
+// Closes a subject: value and gradient of its integral into its slot of the run. constants: nr/2 log 2 pi - nr log s,
+// of the prior and of the scale of the points; their factor C adds 1/2 log det H.
 void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient, double constants)
 {
   const BatchWork& b = ctx.batch;
@@ -82,7 +83,8 @@ void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient, doub
   double v = -(std::log(total) + b.peak[s]) + constants;
   if (n.adscale) v += 0.5 * b.search[s].logdet;
   if (!(total > 0.0) || !(v < model::failure_objective) || !std::isfinite(v)) {
-    status = reff.sub_character ? 355 : 354;
+    status = reff.sub_character ? message::integral_zero_text_subject::message_number
+                                : message::integral_zero::message_number;
     return;
   }
   n.slot_value[subject] = v;

@@ -2,6 +2,7 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "inference/tables.h"
 #include "integration/objective.h"
 #include "parallel/worker_pool.h"
@@ -29,7 +30,7 @@ int report_fit(NX& n)
   const auto& hessian = n.covstr->projected.present ? n.covstr->projected : n.covstr->hessian;
   int exit_code = n.covmat.empty() || hessian.det[3] > 0 ? exit_no_covariance : exit_clean;
   if (n.covmat.empty()) {
-    n.host->log().xpmlog(503, 9340);
+    n.host->log().xpmlog(message::no_covariance);
     n.raise(4);
   } else {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
@@ -69,7 +70,7 @@ StepOutcome run_groups(NX& n)
       n.raise(end.return_code);
       exit_code = exit_program;
     } catch (const std::bad_alloc&) {
-      n.host->log().xpmlog(503, 9341);
+      n.host->log().xpmlog(message::out_of_memory);
       n.raise(1016);
       exit_code = exit_internal;
     }
@@ -101,7 +102,7 @@ StepOutcome hsttorvl(NX& n)
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
   } catch (const std::bad_alloc&) {
-    n.host->log().xpmlog(503, 9341);
+    n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
   parallel::KillThreads(n);

@@ -1,5 +1,6 @@
 #include "solve/confirmation.h"
 
+#include "host/message_names.h"
 #include "integration/objective.h"
 #include "matrix/cholesky.h"
 #include "optimizer/optimizer.h"
@@ -94,8 +95,8 @@ bool leave_saddle(NX& n)
   close_run(*n.str, region);
   if (!(region.crit < run.crit - 1e-10 * std::max(1.0, std::abs(run.crit)))) return false;
   std::copy_n(region.x, n.nparm, n.str->x);
-  n.host->log().xpmlog(503, 9360,
-                       {{"iterations", static_cast<long>(region.nitr)}, {"from", run.crit}, {"to", region.crit}});
+  n.host->log().xpmlog(message::confirmation_lowered_objective{
+      .iterations = static_cast<long>(region.nitr), .from = run.crit, .to = region.crit});
   return optimizer::znlpdrv(n.str.get(), 1, 0, 0, 0) == 0;
 }
 
