@@ -15,23 +15,27 @@ using syntax::STMT;
 
 namespace {
 
+[[noreturn]] void refuse_name(NX& n, const char* statement, const engine::CMPSYM& input, syntax::Position where)
+{
+  const auto place = place_at(n, statement, where);
+  if (input.random_effect >= 0) {
+    n.host->log().xpmlog(message::depends_on_random_effects{.statement = statement, .name = input.name}, place);
+  } else {
+    std::vector<std::string> names;
+    for (const auto& p : n.parmstr) names.push_back(p.parmname);
+    n.host->log().xpmlog(message::estimate_of_unknown_name{.statement = statement,
+                                                           .name = input.name,
+                                                           .near = host::nearest_name(input.name, names)},
+                         place);
+  }
+  tvlexit(n, 3000);
+}
+
 // An expression of estimates is a function of the parameters: no random effects, no data or unknown names.
 void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {
   for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
-    if (input->parameter >= 0) continue;
-    const auto place = place_at(n, statement, where);
-    if (input->random_effect >= 0) {
-      n.host->log().xpmlog(message::depends_on_random_effects{.statement = statement, .name = input->name}, place);
-    } else {
-      std::vector<std::string> names;
-      for (const auto& p : n.parmstr) names.push_back(p.parmname);
-      n.host->log().xpmlog(message::estimate_of_unknown_name{.statement = statement,
-                                                             .name = input->name,
-                                                             .near = host::nearest_name(input->name, names)},
-                           place);
-    }
-    tvlexit(n, 3000);
+    if (input->parameter < 0) refuse_name(n, statement, *input, where);
   }
 }
 
@@ -74,6 +78,12 @@ void specialise(NX& n, EstimateStatement& e)
 }
 
 } // namespace
+
+void refuse_unknown_names(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
+{
+  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol))
+    if (!input->resolved) refuse_name(n, statement, *input, where);
+}
 
 void read_expression_statements(NX& n)
 {
