@@ -3,6 +3,8 @@
 #include "host/message_names.h"
 #include "integration/objective.h"
 
+#include "evaluation/likelihood_programs.h"
+
 #include <algorithm>
 
 namespace torvale::integration {
@@ -65,6 +67,7 @@ int nlpgrad(MINSTR* str)
   }
   if (n.host != nullptr) n.host->log().xpmlog(message::gradient_before_objective);
   n.raise(4);
+  if (!evaluation::can_evaluate(n).gradient) return 1;
   n.dograd = true;
   const double crit = str->crit;
   const int rc = evaluate(str, n);

@@ -28,7 +28,7 @@ constexpr double largest = std::numeric_limits<double>::max();
 template <int NR> class LockstepSearch {
 public:
   LockstepSearch(const NX& n, TVLThreadCtx& ctx)
-      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.reff[0].nr), nrs_(nr_ * (nr_ + 1) / 2)
+      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2)
   {
   }
 
@@ -112,7 +112,7 @@ private:
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.reff[0].sub_character ? message::mode_steps_used_up_text_subject::message_number
+    s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
                                          : message::mode_steps_used_up::message_number;
   }
 
@@ -204,7 +204,7 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx)
 
 int tvlebes(const NX& n, TVLThreadCtx& ctx)
 {
-  switch (n.reff[0].nr) {
+  switch (n.leaf().nr) {
   case 1:
     return search_batch<1>(n, ctx);
   case 2:

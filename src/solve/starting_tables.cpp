@@ -22,7 +22,7 @@ void write_dimensions(const model::NX& n)
     else
       table.row({host::xpmstr(label::subjects_of{.subject = it->subname}), it->nrepsub});
   }
-  if (n.nreff() > 0 && n.nreff() == 1) row(label::most_observations_per_subject, static_cast<double>(n.reff[0].ntmax));
+  if (n.nreff() > 0 && n.nreff() == 1) row(label::most_observations_per_subject, static_cast<double>(n.leaf().ntmax));
   row(label::parameters, static_cast<double>(n.nparm));
   if (n.nreff() > 0 && (n.method == 0 || n.method == 3)) row(label::quadrature_points, static_cast<double>(n.nqp));
   n.host->tables().wobmth(std::move(table));
