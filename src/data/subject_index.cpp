@@ -1,5 +1,6 @@
 #include "data/subject_index.h"
 
+#include "host/message_names.h"
 #include "host/missing.h"
 
 #include <algorithm>
@@ -41,8 +42,8 @@ bool report_missing(model::NX& n, const host::Column& column)
   if (missing == 0) return false;
   host::MessagePlace place;
   place.row = n.fid->file_row(first);
-  n.host->log().xpmlog(503, 28,
-                       {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}}, place);
+  n.host->log().xpmlog(
+      message::subject_missing{.name = column.name(), .observation = first - n.rows.begin + 1, .count = missing}, place);
   return true;
 }
 
@@ -115,7 +116,7 @@ void start_from_children(const SubjectRows& children, SubjectRows& level)
 int tvlsubj(model::NX& n, SubjectIndex& index)
 {
   if (n.rows.rows() == 0) {
-    n.host->log().xpmlog(503, 71);
+    n.host->log().xpmlog(message::no_usable_observation{});
     return 2;
   }
   const auto column_of = [&](const model::REFFECT& reff) -> const host::Column& {

@@ -1,6 +1,7 @@
 #include "data/subject_tables.h"
 
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 
 #include <algorithm>
 
@@ -25,7 +26,7 @@ template <class Text> std::string shown(std::size_t count, const Text& text)
 // PrintReffTable: one row per level, the outermost first.
 void PrintReffTable(const NX& n)
 {
-  host::Table table("REParameters", host::otbmsg(503, 701),
+  host::Table table("REParameters", host::otbmsg(label::subjects_of_random_effects),
                     {{"Subject", CellKind::text, "Subject", "", ""},
                      {"NSub", CellKind::integer, "Subjects", "", ""},
                      {"Values", CellKind::text, "Values", "", ""}});
@@ -38,7 +39,7 @@ void PrintReffTable(const NX& n)
 // PrintReffObsTable: one row per subject, with the numbers of its observations in the BY group.
 void PrintReffObsTable(const NX& n)
 {
-  host::Table table("REObsInfo", host::otbmsg(503, 702),
+  host::Table table("REObsInfo", host::otbmsg(label::observations_of_subjects),
                     {{"Subject", CellKind::text, "Subject", "", ""},
                      {"Values", CellKind::text, "Values", "", ""},
                      {"NObs", CellKind::integer, "Observations", "", ""},

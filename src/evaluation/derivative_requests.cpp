@@ -1,4 +1,5 @@
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
 
 #include <algorithm>
 
@@ -25,15 +26,15 @@ void complete_flags(NX& n)
   if (n.needcrossu) n.needhessu = true;
 }
 
-int refuse(NX& n, int number, const std::string& name, const syntax::Position& where, int code)
+int refuse(NX& n, const host::NumberedMessage& problem, const syntax::Position& where, int code)
 {
   if (n.host != nullptr) {
     host::MessagePlace place;
     place.statement = "RANDOM";
     place.line = n.sources != nullptr ? n.sources->user_position(where).line : where.line;
-    n.host->log().xpmlog(503, number, {{"name", name}}, place);
+    n.host->log().xpmlog(problem, place);
   }
-  n.raise(number == 10 ? 3000 : 1012);
+  n.raise(code);
   return code;
 }
 
@@ -75,7 +76,7 @@ int request_likelihood(NX& n)
   for (const REFFECT& reff : n.reff)
     for (std::size_t e = 0; e < reff.names.size(); ++e)
       if (slopes[static_cast<std::size_t>(reff.first_effect) + e] == nullptr)
-        return refuse(n, 10, reff.names[e], reff.ransym.s[e]->where, 3000);
+        return refuse(n, message::likelihood_without_random_effect{.name = reff.names[e]}, reff.ransym.s[e]->where, 3000);
   return n.needhessu ? request_curvature(n) : 0;
 }
 
@@ -84,7 +85,8 @@ int request_arguments(NX& n, REFFECT& reff)
 {
   for (CMPSYM* argument : reff.distrsym.s)
     for (CMPSYM* effect : n.mransym.s)
-      if (engine::cmpcdep(*n.gcmp, argument, effect)) return refuse(n, 303, effect->name, argument->where, 1012);
+      if (engine::cmpcdep(*n.gcmp, argument, effect))
+        return refuse(n, message::random_argument_depends_on_effect{.name = effect->name}, argument->where, 1012);
   if (n.fd != 0 && !n.needcrossu) return 0;
   CMPLIST parameters;
   parameters.s.assign(n.mrnprsym.s.begin(), n.mrnprsym.s.begin() + n.nparm);
@@ -118,7 +120,7 @@ int build_programs(NX& n)
 {
   complete_lists(n);
   if (const char* what = unserved(n); what != nullptr) {
-    if (n.host != nullptr) n.host->log().xpmlog(503, 9330, {{"what", what}});
+    if (n.host != nullptr) n.host->log().xpmlog(message::not_available{.what = what});
     n.raise(3000);
     return 3000;
   }

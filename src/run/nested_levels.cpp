@@ -1,7 +1,9 @@
 // Several RANDOM statements: levels of subjects nested in each other.
 
+#include "host/message_names.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 
@@ -9,7 +11,9 @@ namespace torvale::run {
 
 using model::NX;
 using model::REFFECT;
+using syntax::replicate_slot;
 using syntax::STMT;
+using syntax::torvale_slot;
 
 namespace {
 
@@ -22,7 +26,7 @@ host::MessagePlace place_of_random(const NX& n, const REFFECT& reff)
 void nestcheck(NX& n)
 {
   const auto fail = [&](const REFFECT& reff) {
-    n.host->log().xpmlog(503, 504, {{"subject", reff.subname}}, place_of_random(n, reff));
+    n.host->log().xpmlog(message::subjects_not_nested{.subject = reff.subname}, place_of_random(n, reff));
     tvlexit(n, 3000);
   };
   const auto level = [](const REFFECT& reff) { return reff.outer_names.size() + 1; };
@@ -48,7 +52,7 @@ void refuse_common_effects(NX& n)
       for (const std::string& name : n.reff[a].names)
         if (std::any_of(n.reff[b].names.begin(), n.reff[b].names.end(),
                         [&](const std::string& other) { return host::equal_names(name, other); })) {
-          n.host->log().xpmlog(503, 506, {{"name", name}}, place_of_random(n, n.reff[a]));
+          n.host->log().xpmlog(message::random_effect_in_two_statements{.name = name}, place_of_random(n, n.reff[a]));
           tvlexit(n, 3000);
         }
 }
@@ -56,25 +60,25 @@ void refuse_common_effects(NX& n)
 // The options of the search of one level act under EBITER$ only, which searches level by level.
 void ignore_search_options(NX& n, const STMT& procedure)
 {
-  const auto warn = [&](int number) {
-    n.host->log().xpmlog(503, number, {}, place_at(n, "TORVALE", procedure.where));
+  const auto warn = [&](host::MessageCode message) {
+    n.host->log().xpmlog(message, place_at(n, "TORVALE", procedure.where));
     n.raise(4);
   };
-  if (n.ebopt) warn(511);
+  if (n.ebopt) warn(message::ebopt_ignored_with_levels);
   n.ebopt = false;
   if (n.ebiter) return;
-  if (procedure.given(10)) warn(512);
-  if (procedure.given(84)) warn(513);
-  if (procedure.given(8)) warn(514);
-  if (procedure.given(9)) warn(515);
-  if (procedure.given(82)) warn(516);
+  if (procedure.given(torvale_slot::ebssfrac)) warn(message::ebssfrac_ignored_with_levels);
+  if (procedure.given(torvale_slot::ebsstol)) warn(message::ebsstol_ignored_with_levels);
+  if (procedure.given(torvale_slot::ebstep)) warn(message::ebsteps_ignored_with_levels);
+  if (procedure.given(torvale_slot::ebsubstep)) warn(message::ebsubsteps_ignored_with_levels);
+  if (procedure.given(torvale_slot::ebtol)) warn(message::ebtol_ignored_with_levels);
 }
 
 // What follows a fit and is not there for several levels.
 void refuse_unserved_outputs(NX& n)
 {
   const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
-    n.host->log().xpmlog(503, 9330, {{"what", what}}, place_at(n, statement, where));
+    n.host->log().xpmlog(message::not_available{.what = what}, place_at(n, statement, where));
     tvlexit(n, 3000);
   };
   for (const auto& stmt : n.proc->statements)
@@ -89,7 +93,7 @@ void nested_levels(NX& n, const STMT& procedure)
 {
   const bool discrete = std::any_of(n.reff.begin(), n.reff.end(), [](const REFFECT& r) { return r.distrtype != 0; });
   if (discrete || n.method != 0) {
-    n.host->log().xpmlog(503, 501, {}, place_of_random(n, n.reff[1]));
+    n.host->log().xpmlog(message::levels_need_gauss, place_of_random(n, n.reff[1]));
     tvlexit(n, 3000);
   }
   nestcheck(n);
@@ -98,12 +102,12 @@ void nested_levels(NX& n, const STMT& procedure)
   refuse_unserved_outputs(n);
   STMT* replicate = nullptr;
   if (syntax::FindStmt(*n.proc, "REPLICATE", &replicate) > 0) {
-    const std::string name = replicate->slot(1).list.empty() ? "" : replicate->slot(1).list[0].text;
-    n.host->log().xpmlog(503, 503, {{"name", name}}, place_at(n, "REPLICATE", replicate->where));
+    const std::string name = replicate->slot(replicate_slot::variable).list.empty() ? "" : replicate->slot(replicate_slot::variable).list[0].text;
+    n.host->log().xpmlog(message::replicate_with_levels{.name = name}, place_at(n, "REPLICATE", replicate->where));
     tvlexit(n, 3000);
   }
   if (n.nosort) {
-    n.host->log().xpmlog(503, 752, {}, place_at(n, "TORVALE", procedure.where));
+    n.host->log().xpmlog(message::nosortsub_ignored_with_levels, place_at(n, "TORVALE", procedure.where));
     n.raise(4);
     n.nosort = false;
   }
