@@ -1,5 +1,5 @@
 // Expressions: the typed tree from the productions of the expression grammar.
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "host/missing.h"
 #include "language/lexical.h"

@@ -1,4 +1,4 @@
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "language/lexical.h"
 

@@ -1,5 +1,5 @@
 // Lists: of values as the grammar gathers them, and of names with their ranges and prefixes.
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "language/lexical.h"
 

@@ -1,5 +1,5 @@
 // Procedure statements: lists into cells, and the end of each statement.
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "language/lexical.h"
 #include "syntax/statement_names.h"

@@ -1,5 +1,5 @@
 // Programming statements: assignments, control flow, output.
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "language/lexical.h"
 

@@ -1,5 +1,5 @@
 // Options of procedure statements: values into slots, marks into flags, ranges checked.
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "host/missing.h"
 #include "language/lexical.h"

@@ -1,5 +1,5 @@
 // Declarations: arrays, attributes, retained and kept variables, subprograms.
-#include "language/builder.h"
+#include "language/builder/builder.h"
 
 #include "language/lexical.h"
 
