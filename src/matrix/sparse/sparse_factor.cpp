@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "matrix/sparse_cholesky.h"
+#include "matrix/sparse/sparse_cholesky.h"
 
 namespace torvale::matrix {
 

@@ -2,7 +2,7 @@
 #include <numeric>
 #include <utility>
 
-#include "matrix/sparse_cholesky.h"
+#include "matrix/sparse/sparse_cholesky.h"
 
 namespace torvale::matrix {
 
