@@ -1,4 +1,4 @@
-#include "probability/polygamma.h"
+#include "probability/special/polygamma.h"
 
 #include "probability/constants.h"
 

@@ -1,4 +1,4 @@
-#include "probability/error_function.h"
+#include "probability/special/error_function.h"
 
 #include "probability/constants.h"
 

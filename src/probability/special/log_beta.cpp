@@ -1,5 +1,5 @@
 #include "probability/constants.h"
-#include "probability/log_gamma.h"
+#include "probability/special/log_gamma.h"
 
 #include <algorithm>
 #include <cmath>

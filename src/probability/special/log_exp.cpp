@@ -1,4 +1,4 @@
-#include "probability/log_exp.h"
+#include "probability/special/log_exp.h"
 
 #include "probability/constants.h"
 

@@ -1,4 +1,4 @@
-#include "probability/log_gamma.h"
+#include "probability/special/log_gamma.h"
 
 #include "probability/constants.h"
 
