@@ -1,7 +1,6 @@
 // Slots, branches and the frame of a translation.
 
 #include "engine/translation/translate.h"
-#include "engine/stages/program.h"
 #include "host/missing.h"
 
 #include <algorithm>
