@@ -49,6 +49,36 @@ std::string array_text(const ArrayDeclaration& a)
   return out;
 }
 
+std::string do_text(const DoStatement& d)
+{
+  std::string out = "DO";
+  if (d.index != nullptr) {
+    out += std::string(" ") + to_text(*d.index) + " = ";
+    for (std::size_t k = 0; k < d.ranges.size(); ++k) out += std::string(k > 0 ? ", " : "") + range_text(d.ranges[k]);
+  }
+  if (d.while_ != nullptr) out += std::string(" WHILE (") + to_text(*d.while_) + ")";
+  if (d.until != nullptr) out += std::string(" UNTIL (") + to_text(*d.until) + ")";
+  return out;
+}
+
+std::string put_text(const PutStatement& p)
+{
+  std::string out = "PUT";
+  for (const PutItem& item : p.items)
+    out += item.value != nullptr ? std::string(" ") + to_text(*item.value)
+           : item.text.empty()   ? std::string()
+                                 : std::string(" '") + std::string(item.text) + "'";
+  return out;
+}
+
+std::string subprogram_text(const SubprogramDefinition& d)
+{
+  std::string out = (d.is_function ? "FUNCTION " : "SUBROUTINE ") + std::string(d.name) + "(";
+  for (std::size_t k = 0; k < d.parameters.size(); ++k)
+    out += std::string(k > 0 ? ", " : "") + std::string(d.parameters[k].name);
+  return out + ")";
+}
+
 // The text of a statement without its body.
 std::string head(const Statement& s)
 {
@@ -63,17 +93,8 @@ std::string head(const Statement& s)
   }
   case StatementKind::if_:
     return std::string("IF ") + to_text(*static_cast<const IfStatement&>(s).condition) + " THEN";
-  case StatementKind::do_: {
-    const auto& d = static_cast<const DoStatement&>(s);
-    std::string out = "DO";
-    if (d.index != nullptr) {
-      out += std::string(" ") + to_text(*d.index) + " = ";
-      for (std::size_t k = 0; k < d.ranges.size(); ++k) out += std::string(k > 0 ? ", " : "") + range_text(d.ranges[k]);
-    }
-    if (d.while_ != nullptr) out += std::string(" WHILE (") + to_text(*d.while_) + ")";
-    if (d.until != nullptr) out += std::string(" UNTIL (") + to_text(*d.until) + ")";
-    return out;
-  }
+  case StatementKind::do_:
+    return do_text(static_cast<const DoStatement&>(s));
   case StatementKind::select: {
     const auto& x = static_cast<const SelectStatement&>(s);
     return x.selector != nullptr ? std::string("SELECT (") + to_text(*x.selector) + ")" : std::string("SELECT");
@@ -100,14 +121,8 @@ std::string head(const Statement& s)
   case StatementKind::call:
     return std::string("CALL ") + std::string(static_cast<const CallStatement&>(s).name) + "(" +
            list(static_cast<const CallStatement&>(s).args) + ")";
-  case StatementKind::put: {
-    std::string out = "PUT";
-    for (const PutItem& item : static_cast<const PutStatement&>(s).items)
-      out += item.value != nullptr ? std::string(" ") + to_text(*item.value)
-             : item.text.empty()   ? std::string()
-                                   : std::string(" '") + std::string(item.text) + "'";
-    return out;
-  }
+  case StatementKind::put:
+    return put_text(static_cast<const PutStatement&>(s));
   case StatementKind::file:
     return std::string("FILE ") + std::string(static_cast<const FileStatement&>(s).target);
   case StatementKind::array:
@@ -120,13 +135,8 @@ std::string head(const Statement& s)
   case StatementKind::keep_drop:
     return (static_cast<const KeepDeclaration&>(s).drop ? "DROP" : "KEEP") +
            names(static_cast<const KeepDeclaration&>(s).names);
-  case StatementKind::subprogram: {
-    const auto& d = static_cast<const SubprogramDefinition&>(s);
-    std::string out = (d.is_function ? "FUNCTION " : "SUBROUTINE ") + std::string(d.name) + "(";
-    for (std::size_t k = 0; k < d.parameters.size(); ++k)
-      out += std::string(k > 0 ? ", " : "") + std::string(d.parameters[k].name);
-    return out + ")";
-  }
+  case StatementKind::subprogram:
+    return subprogram_text(static_cast<const SubprogramDefinition&>(s));
   case StatementKind::site:
     return std::string("(") + std::string(static_cast<const ExpressionSite&>(s).statement) + " " +
            list(static_cast<const ExpressionSite&>(s).expressions) + ")";

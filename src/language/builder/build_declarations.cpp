@@ -33,6 +33,17 @@ void store(Value& result, Statement* s)
   result.form = Form::plain;
 }
 
+// "8." or "$8." where a length is meant.
+Token format_length(const Token& format)
+{
+  Token token = format;
+  std::string digits;
+  for (char c : format.text)
+    if (c >= '0' && c <= '9') digits += c;
+  token.number = digits.empty() ? 0.0 : number_value(digits, false);
+  return token;
+}
+
 } // namespace
 
 std::span<const std::string_view> Builder::name_span(const std::vector<Name>& list)
@@ -53,21 +64,15 @@ std::vector<Expr*> Builder::initial_values(const Value& value)
   return out;
 }
 
-// array head, kind, elements, initial values, ';'. The head holds the name and the list of bounds.
-void Builder::array_statement(std::span<Value> r, Value& result)
+// The names that are listed; _TEMPORARY_ is none, and marks the array.
+std::vector<Builder::Name> Builder::array_elements(const List* list, ArrayDeclaration& array)
 {
-  ArrayDeclaration* s = make_statement<ArrayDeclaration>(arena_, StatementKind::array, r);
-  const Token name = r[0].token.symbol == 0 ? Token{} : r[0].token;
-  s->name = name.text;
-  s->character = r[1].code != 0;
-  s->length = std::max<std::int32_t>(r[1].code, 0);
-
   std::vector<Name> elements;
-  for (const Value& v : items(r[2].list)) {
+  for (const Value& v : items(list)) {
     const std::string word =
         v.token.symbol != token_class::VLITERAL && v.form == Form::plain ? upper_case(v.token.text) : std::string();
     if (word == "_TEMPORARY_") {
-      s->temporary = true;
+      array.temporary = true;
     } else if (word == "_NUMERIC_" || word == "_CHARACTER_" || word == "_CHAR_" || word == "_ALL_") {
       const std::size_t before = elements.size();
       for (const InputVariable& x : variables_)
@@ -80,7 +85,19 @@ void Builder::array_statement(std::span<Value> r, Value& result)
       expand(v, elements);
     }
   }
+  return elements;
+}
 
+// array head, kind, elements, initial values, ';'. The head holds the name and the list of bounds.
+void Builder::array_statement(std::span<Value> r, Value& result)
+{
+  ArrayDeclaration* s = make_statement<ArrayDeclaration>(arena_, StatementKind::array, r);
+  const Token name = r[0].token.symbol == 0 ? Token{} : r[0].token;
+  s->name = name.text;
+  s->character = r[1].code != 0;
+  s->length = std::max<std::int32_t>(r[1].code, 0);
+
+  std::vector<Name> elements = array_elements(r[2].list, *s);
   std::vector<std::int32_t> low, high;
   double size = 1.0;
   bool open = r[0].list == nullptr;
@@ -205,199 +222,244 @@ void Builder::subprogram(std::span<Value> r, Value& result)
   store(result, s);
 }
 
-bool Builder::act_on_declarations(Action action, const SEMARG& a, std::span<Value> r, Value& result)
+// One entry a name: its token is the name, its expression the initial value, if there is one.
+void Builder::retain(List* entries, const std::vector<Name>& list, const std::vector<Expr*>& initial, Value& result)
 {
-  const auto attribute_item = [&](auto&& fill) {
-    AttributeDeclaration* part = arena_.make<AttributeDeclaration>();
-    part->kind = StatementKind::attributes;
-    part->names = name_span(names_of(r[0]));
-    fill(*part);
-    result.node = part;
-    result.list = nullptr;
-    result.form = Form::plain;
-  };
-  const auto length = [&](AttributeDeclaration& part, const Token& token, bool character) {
-    part.has_length = true;
-    part.character = character;
-    part.length = static_cast<std::int32_t>(std::clamp(token.number, 0.0, 40000.0));
-    if (token.number < 1.0 || token.number > 32767.0)
-      diagnostics_->error(Problem::out_of_range, token.where,
-                          "LENGTH " + std::string(token.text) + " is out of range: 1 to 32767.", token.length);
-  };
-  const auto format_length = [&](const Token& format) { // "8." or "$8." where a length is meant
-    Token token = format;
-    std::string digits;
-    for (char c : format.text)
-      if (c >= '0' && c <= '9') digits += c;
-    token.number = digits.empty() ? 0.0 : number_value(digits, false);
-    return token;
-  };
-  switch (action) {
-  case Action::none:
-    return true;
-  case Action::array_name: {
-    const Token name = r[1].token;
-    List* bounds = r.size() > 2 ? r[3].list : nullptr;
-    if (r.size() > 2 && !bounds) bounds = new_list();
-    result = Value{};
-    result.token = name;
-    result.list = bounds;
-    scanner_.declare_array(name.text);
-    return true;
+  for (std::size_t k = 0; k < list.size(); ++k) {
+    Value v;
+    v.token.text = list[k].text;
+    v.token.where = list[k].where;
+    v.expr = k < initial.size() ? initial[k] : nullptr;
+    append(*entries, v);
   }
-  case Action::array_bound: {
-    const Value high = r.back();
-    List* low = nullptr;
-    if (r.size() > 1) {
-      low = new_list();
-      append(*low, r[0]);
-    }
-    result = high;
-    result.list = low;
-    result.code = 0;
-    return true;
+  result.list = entries;
+  result.form = Form::plain;
+  result.expr = nullptr;
+}
+
+AttributeDeclaration& Builder::attributes_of(const Value& named, Value& result)
+{
+  AttributeDeclaration* part = arena_.make<AttributeDeclaration>();
+  part->kind = StatementKind::attributes;
+  part->names = name_span(names_of(named));
+  result.node = part;
+  result.list = nullptr;
+  result.form = Form::plain;
+  return *part;
+}
+
+void Builder::set_length(AttributeDeclaration& part, const Token& token, bool character)
+{
+  part.has_length = true;
+  part.character = character;
+  part.length = static_cast<std::int32_t>(std::clamp(token.number, 0.0, 40000.0));
+  if (token.number < 1.0 || token.number > 32767.0)
+    diagnostics_->error(Problem::out_of_range, token.where,
+                        "LENGTH " + std::string(token.text) + " is out of range: 1 to 32767.", token.length);
+}
+
+template <> void Builder::on<Action::none>(const SEMARG&, std::span<Value>, Value&) {}
+
+template <> void Builder::on<Action::array_name>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token name = r[1].token;
+  List* bounds = r.size() > 2 ? r[3].list : nullptr;
+  if (r.size() > 2 && !bounds) bounds = new_list();
+  result = Value{};
+  result.token = name;
+  result.list = bounds;
+  scanner_.declare_array(name.text);
+}
+
+template <> void Builder::on<Action::array_bound>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Value high = r.back();
+  List* low = nullptr;
+  if (r.size() > 1) {
+    low = new_list();
+    append(*low, r[0]);
   }
-  case Action::array_bound_open:
-    result.code = -1;
-    return true;
-  case Action::array_character:
-    result.code = static_cast<std::int16_t>(r.size() > 1 ? std::clamp(r[1].token.number, 1.0, 32767.0) : -1.0);
-    return true;
-  case Action::array_statement:
-    array_statement(r, result);
-    return true;
-  case Action::repeated: {
-    List* count = new_list();
-    append(*count, r[0]);
-    if (r[0].token.number > largest_array)
-      diagnostics_->error(Problem::bad_array, r[0].token.where, "There are more initial values than elements.",
-                          r[0].token.length);
-    const Token token = r[0].token;
-    result = r[2];
-    result.token = token;
-    result.token.number = 0;
-    count->first->value.token.number = std::min(r[0].token.number, largest_array);
-    result.list = count;
-    result.code = -1;
-    return true;
-  }
-  case Action::length_item:
-    attribute_item([&](AttributeDeclaration& part) {
-      const Token& last = r.back().token;
-      const bool format = last.symbol == token_class::FMT;
-      length(part, format ? format_length(last) : last, r.size() > 2 || (format && last.text.front() == '$'));
-    });
-    return true;
-  case Action::label_item:
-    attribute_item([&](AttributeDeclaration& part) {
+  result = high;
+  result.list = low;
+  result.code = 0;
+}
+
+template <> void Builder::on<Action::array_bound_open>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.code = -1;
+}
+
+template <> void Builder::on<Action::array_character>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.code = static_cast<std::int16_t>(r.size() > 1 ? std::clamp(r[1].token.number, 1.0, 32767.0) : -1.0);
+}
+
+template <> void Builder::on<Action::array_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  array_statement(r, result);
+}
+
+template <> void Builder::on<Action::repeated>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  List* count = new_list();
+  append(*count, r[0]);
+  if (r[0].token.number > largest_array)
+    diagnostics_->error(Problem::bad_array, r[0].token.where, "There are more initial values than elements.",
+                        r[0].token.length);
+  const Token token = r[0].token;
+  result = r[2];
+  result.token = token;
+  result.token.number = 0;
+  count->first->value.token.number = std::min(r[0].token.number, largest_array);
+  result.list = count;
+  result.code = -1;
+}
+
+template <> void Builder::on<Action::length_item>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token& last = r.back().token;
+  const bool format = last.symbol == token_class::FMT;
+  set_length(attributes_of(r[0], result), format ? format_length(last) : last,
+             r.size() > 2 || (format && last.text.front() == '$'));
+}
+
+template <> void Builder::on<Action::label_item>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  AttributeDeclaration& part = attributes_of(r[0], result);
+  part.has_label = true;
+  part.text_label = r[2].token.text;
+}
+
+template <> void Builder::on<Action::format_item>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  attributes_of(r[0], result).format = r[1].token.text;
+}
+
+template <> void Builder::on<Action::attribute>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  result.code = a.arglist[0];
+  result.token = r.back().token;
+}
+
+template <> void Builder::on<Action::attribute_item>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const std::vector<Value> given = items(r[1].list);
+  AttributeDeclaration& part = attributes_of(r[0], result);
+  for (const Value& v : given) {
+    if (v.code == 1 || v.code == 2) set_length(part, v.token, v.code == 2);
+    if (v.code == 5) set_length(part, format_length(v.token), v.token.text.front() == '$');
+    if (v.code == 3) {
       part.has_label = true;
-      part.text_label = r[2].token.text;
-    });
-    return true;
-  case Action::format_item:
-    attribute_item([&](AttributeDeclaration& part) { part.format = r[1].token.text; });
-    return true;
-  case Action::attribute:
-    result.code = a.arglist[0];
-    result.token = r.back().token;
-    return true;
-  case Action::attribute_item: {
-    const std::vector<Value> given = items(r[1].list);
-    attribute_item([&](AttributeDeclaration& part) {
-      for (const Value& v : given) {
-        if (v.code == 1 || v.code == 2) length(part, v.token, v.code == 2);
-        if (v.code == 5) length(part, format_length(v.token), v.token.text.front() == '$');
-        if (v.code == 3) {
-          part.has_label = true;
-          part.text_label = v.token.text;
-        }
-        if (v.code == 4) part.format = v.token.text;
-      }
-    });
-    return true;
-  }
-  case Action::length_statement:
-  case Action::label_statement:
-  case Action::format_statement:
-  case Action::attribute_statement:
-    attribute_statements(r, result);
-    return true;
-  case Action::keep_statement: {
-    KeepDeclaration* s = make_statement<KeepDeclaration>(arena_, StatementKind::keep_drop, r);
-    s->drop = upper_case(r[0].token.text) == "DROP";
-    s->names = name_span(names(r[1].list));
-    store(result, s);
-    return true;
-  }
-  case Action::retain_item:
-  case Action::retain_negative:
-  case Action::retain_last:
-  case Action::retain_values: {
-    // One entry a name: its token is the name, its expression the initial value.
-    const Value& group = action == Action::retain_last ? r[1] : r[0];
-    std::vector<Expr*> initial;
-    if (action == Action::retain_item) initial = {r[1].expr};
-    if (action == Action::retain_values) initial = initial_values(r[2]);
-    if (action == Action::retain_negative) {
-      Token number = r[1].token;
-      number.number = -number.number;
-      initial = {number_expression(number)};
+      part.text_label = v.token.text;
     }
-    const std::vector<Name> list = names_of(group);
-    if (action == Action::retain_values && initial.size() > list.size())
-      diagnostics_->error(Problem::bad_list, r[1].token.where, "There are more initial values than names.");
-    List* entries = action == Action::retain_last ? r[0].list : new_list();
-    for (std::size_t k = 0; k < list.size(); ++k) {
-      Value v;
-      v.token.text = list[k].text;
-      v.token.where = list[k].where;
-      v.expr = action == Action::retain_values ? (k < initial.size() ? initial[k] : nullptr)
-               : initial.empty()               ? nullptr
-                                               : initial[0];
-      append(*entries, v);
-    }
-    result.list = entries;
-    result.form = Form::plain;
-    result.expr = nullptr;
-    return true;
+    if (v.code == 4) part.format = v.token.text;
   }
-  case Action::retain_statement:
-    retain_statement(r, result);
-    return true;
-  case Action::negative_start: {
-    // names, a name or a range, then '-': the list without the sign.
-    const std::vector<Value> parts(r.begin(), r.end() - 1);
-    List* list = parts[0].list && parts[0].form == Form::plain ? parts[0].list : new_list();
-    for (std::size_t k = list == parts[0].list ? 1 : 0; k < parts.size(); ++k) append(*list, parts[k]);
-    result.list = list;
-    result.form = Form::plain;
-    return true;
-  }
-  case Action::open_subprogram:
-    outputs_.clear();
-    result.token = r[1].token;
-    result.code = a.arglist[0];
-    return true;
-  case Action::parameter:
-    result.code = 0;
-    return true;
-  case Action::parameter_character:
-    result.code = 1;
-    return true;
-  case Action::parameter_array:
-    result.code = 2;
-    scanner_.declare_array(r[0].token.text);
-    return true;
-  case Action::subprogram:
-    subprogram(r, result);
-    return true;
-  case Action::outargs_statement:
-    for (const Value& v : items(r[1].list)) outputs_.push_back(v.token.text);
-    store(result, make_statement<Statement>(arena_, StatementKind::empty, r));
-    return true;
-  default:
-    return false;
-  }
+}
+
+template <> void Builder::on<Action::length_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  attribute_statements(r, result);
+}
+
+template <> void Builder::on<Action::label_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  attribute_statements(r, result);
+}
+
+template <> void Builder::on<Action::format_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  attribute_statements(r, result);
+}
+
+template <> void Builder::on<Action::attribute_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  attribute_statements(r, result);
+}
+
+template <> void Builder::on<Action::keep_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  KeepDeclaration* s = make_statement<KeepDeclaration>(arena_, StatementKind::keep_drop, r);
+  s->drop = upper_case(r[0].token.text) == "DROP";
+  s->names = name_span(names(r[1].list));
+  store(result, s);
+}
+
+template <> void Builder::on<Action::retain_item>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const std::vector<Name> list = names_of(r[0]);
+  retain(new_list(), list, std::vector<Expr*>(list.size(), r[1].expr), result);
+}
+
+template <> void Builder::on<Action::retain_negative>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Token number = r[1].token;
+  number.number = -number.number;
+  Expr* value = number_expression(number);
+  const std::vector<Name> list = names_of(r[0]);
+  retain(new_list(), list, std::vector<Expr*>(list.size(), value), result);
+}
+
+template <> void Builder::on<Action::retain_last>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  retain(r[0].list, names_of(r[1]), {}, result);
+}
+
+template <> void Builder::on<Action::retain_values>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const std::vector<Expr*> initial = initial_values(r[2]);
+  const std::vector<Name> list = names_of(r[0]);
+  if (initial.size() > list.size())
+    diagnostics_->error(Problem::bad_list, r[1].token.where, "There are more initial values than names.");
+  retain(new_list(), list, initial, result);
+}
+
+template <> void Builder::on<Action::retain_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  retain_statement(r, result);
+}
+
+template <> void Builder::on<Action::negative_start>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  // names, a name or a range, then '-': the list without the sign.
+  const std::vector<Value> parts(r.begin(), r.end() - 1);
+  List* list = parts[0].list && parts[0].form == Form::plain ? parts[0].list : new_list();
+  for (std::size_t k = list == parts[0].list ? 1 : 0; k < parts.size(); ++k) append(*list, parts[k]);
+  result.list = list;
+  result.form = Form::plain;
+}
+
+template <> void Builder::on<Action::open_subprogram>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  outputs_.clear();
+  result.token = r[1].token;
+  result.code = a.arglist[0];
+}
+
+template <> void Builder::on<Action::parameter>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.code = 0;
+}
+
+template <> void Builder::on<Action::parameter_character>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.code = 1;
+}
+
+template <> void Builder::on<Action::parameter_array>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.code = 2;
+  scanner_.declare_array(r[0].token.text);
+}
+
+template <> void Builder::on<Action::subprogram>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  subprogram(r, result);
+}
+
+template <> void Builder::on<Action::outargs_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  for (const Value& v : items(r[1].list)) outputs_.push_back(v.token.text);
+  store(result, make_statement<Statement>(arena_, StatementKind::empty, r));
 }
 
 } // namespace torvale::language

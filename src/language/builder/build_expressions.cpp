@@ -203,115 +203,142 @@ void Builder::condition(const Value& value)
                         2);
 }
 
-bool Builder::act_on_expressions(Action action, const SEMARG& a, std::span<Value> r, Value& result)
+template <> void Builder::on<Action::op>(const SEMARG& a, std::span<Value>, Value& result)
 {
-  switch (action) {
-  case Action::op:
-    result.code = a.arglist[0];
-    return true;
-  case Action::truncated:
-    result.form = Form::range;
-    return true;
-  case Action::binary:
-  case Action::concatenate:
-  case Action::binary_op: {
-    const Op op = action == Action::binary        ? static_cast<Op>(r[1].code)
-                  : action == Action::concatenate ? Op::concatenate
-                                                  : static_cast<Op>(a.arglist[0]);
-    const bool negated = r[0].form == Form::negated && action == Action::binary_op;
-    set_expr(result, binary(op, r[0].expr, r[2].expr, r[1].token.where), {&r[0], &r[2]});
-    if (negated) warn_not(r[0], "operator");
-    return true;
-  }
-  case Action::compare:
-    compare(r, result);
-    return true;
-  case Action::in_list:
-    in_list(static_cast<Op>(a.arglist[0]), r, result);
-    return true;
-  case Action::in_single:
-    result.list = nullptr;
-    return true;
-  case Action::in_range: {
-    result.expr = number_expression(r[0].token);
-    result.list = new_list();
-    Value high = r[2];
-    high.expr = number_expression(r[2].token);
-    append(*result.list, high);
-    const double low = r[0].token.number, top = r[2].token.number;
-    if (low != static_cast<double>(static_cast<long long>(std::clamp(low, -1e15, 1e15))) ||
-        top != static_cast<double>(static_cast<long long>(std::clamp(top, -1e15, 1e15))) || top < low)
-      diagnostics_->error(Problem::bad_list, r[0].token.where,
-                          "A range in an IN list runs upwards between whole numbers, as in 1:5.");
-    return true;
-  }
-  case Action::unary: {
-    Expr* e = expr(ExprKind::unary, r[0].token.where);
-    e->op = static_cast<Op>(a.arglist[0]);
-    set_args(e, {r[1].expr});
-    set_expr(result, e, {&r[1]});
-    if (e->op == Op::not_) result.form = Form::negated;
-    return true;
-  }
-  case Action::variable:
-    set_expr(result, name_expression(r[0]), {});
-    return true;
-  case Action::number_expression:
-    set_expr(result, number_expression(r[0].token), {});
-    return true;
-  case Action::missing_expression:
-    set_expr(result, number_expression(r[0].token), {});
-    return true;
-  case Action::text_expression: {
-    Expr* e = expr(ExprKind::text, r[0].token.where);
-    e->name = r[0].token.text;
-    set_expr(result, e, {});
-    return true;
-  }
-  case Action::bracketed: {
-    const syntax::Position where = r[0].token.where;
-    result = r[1];
-    result.token.where = where;
-    result.form = Form::bracketed;
-    return true;
-  }
-  case Action::element:
-    element(r, result);
-    return true;
-  case Action::target_element:
-    element(r, result);
-    return true;
-  case Action::call:
-    call(r, result);
-    return true;
-  case Action::put_function: {
-    Expr* format = expr(ExprKind::text, r[4].token.where);
-    format->name = r[4].token.text;
-    Expr* e = expr(ExprKind::call, r[0].token.where);
-    e->name = r[0].token.text;
-    set_args(e, {r[2].expr, format});
-    set_expr(result, e, {&r[2]});
-    return true;
-  }
-  case Action::conditional: {
-    condition(r[1]);
-    Expr* e = expr(ExprKind::conditional, r[0].token.where);
-    set_args(e, {r[1].expr, r[3].expr, r[5].expr});
-    set_expr(result, e, {&r[1], &r[3], &r[5]});
-    return true;
-  }
-  case Action::whole_array: {
-    Expr* e = expr(ExprKind::whole_array, r[0].token.where);
-    e->name = r[0].token.text;
-    if (!scanner_.is_array(e->name))
-      diagnostics_->error(Problem::bad_array, e->where, std::string(e->name) + " is not an array.", r[0].token.length);
-    set_expr(result, e, {});
-    result.form = Form::whole_array;
-    return true;
-  }
-  default:
-    return false;
-  }
+  result.code = a.arglist[0];
+}
+
+template <> void Builder::on<Action::truncated>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.form = Form::range;
+}
+
+template <> void Builder::on<Action::binary>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  set_expr(result, binary(static_cast<Op>(r[1].code), r[0].expr, r[2].expr, r[1].token.where), {&r[0], &r[2]});
+}
+
+template <> void Builder::on<Action::concatenate>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  set_expr(result, binary(Op::concatenate, r[0].expr, r[2].expr, r[1].token.where), {&r[0], &r[2]});
+}
+
+template <> void Builder::on<Action::binary_op>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  const bool negated = r[0].form == Form::negated;
+  set_expr(result, binary(static_cast<Op>(a.arglist[0]), r[0].expr, r[2].expr, r[1].token.where), {&r[0], &r[2]});
+  if (negated) warn_not(r[0], "operator");
+}
+
+template <> void Builder::on<Action::compare>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  compare(r, result);
+}
+
+template <> void Builder::on<Action::in_list>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  in_list(static_cast<Op>(a.arglist[0]), r, result);
+}
+
+template <> void Builder::on<Action::in_single>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.list = nullptr;
+}
+
+template <> void Builder::on<Action::in_range>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.expr = number_expression(r[0].token);
+  result.list = new_list();
+  Value high = r[2];
+  high.expr = number_expression(r[2].token);
+  append(*result.list, high);
+  const double low = r[0].token.number, top = r[2].token.number;
+  if (low != static_cast<double>(static_cast<long long>(std::clamp(low, -1e15, 1e15))) ||
+      top != static_cast<double>(static_cast<long long>(std::clamp(top, -1e15, 1e15))) || top < low)
+    diagnostics_->error(Problem::bad_list, r[0].token.where,
+                        "A range in an IN list runs upwards between whole numbers, as in 1:5.");
+}
+
+template <> void Builder::on<Action::unary>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  Expr* e = expr(ExprKind::unary, r[0].token.where);
+  e->op = static_cast<Op>(a.arglist[0]);
+  set_args(e, {r[1].expr});
+  set_expr(result, e, {&r[1]});
+  if (e->op == Op::not_) result.form = Form::negated;
+}
+
+template <> void Builder::on<Action::variable>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  set_expr(result, name_expression(r[0]), {});
+}
+
+template <> void Builder::on<Action::number_expression>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  set_expr(result, number_expression(r[0].token), {});
+}
+
+template <> void Builder::on<Action::missing_expression>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  set_expr(result, number_expression(r[0].token), {});
+}
+
+template <> void Builder::on<Action::text_expression>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Expr* e = expr(ExprKind::text, r[0].token.where);
+  e->name = r[0].token.text;
+  set_expr(result, e, {});
+}
+
+template <> void Builder::on<Action::bracketed>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const syntax::Position where = r[0].token.where;
+  result = r[1];
+  result.token.where = where;
+  result.form = Form::bracketed;
+}
+
+template <> void Builder::on<Action::element>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  element(r, result);
+}
+
+template <> void Builder::on<Action::target_element>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  element(r, result);
+}
+
+template <> void Builder::on<Action::call>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  call(r, result);
+}
+
+template <> void Builder::on<Action::put_function>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Expr* format = expr(ExprKind::text, r[4].token.where);
+  format->name = r[4].token.text;
+  Expr* e = expr(ExprKind::call, r[0].token.where);
+  e->name = r[0].token.text;
+  set_args(e, {r[2].expr, format});
+  set_expr(result, e, {&r[2]});
+}
+
+template <> void Builder::on<Action::conditional>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  condition(r[1]);
+  Expr* e = expr(ExprKind::conditional, r[0].token.where);
+  set_args(e, {r[1].expr, r[3].expr, r[5].expr});
+  set_expr(result, e, {&r[1], &r[3], &r[5]});
+}
+
+template <> void Builder::on<Action::whole_array>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Expr* e = expr(ExprKind::whole_array, r[0].token.where);
+  e->name = r[0].token.text;
+  if (!scanner_.is_array(e->name))
+    diagnostics_->error(Problem::bad_array, e->where, std::string(e->name) + " is not an array.", r[0].token.length);
+  set_expr(result, e, {});
+  result.form = Form::whole_array;
 }
 
 } // namespace torvale::language

@@ -183,80 +183,96 @@ void Builder::expand_prefix(const Value& item, std::vector<Name>& out)
                         item.token.length);
 }
 
-bool Builder::act_on_lists(Action action, const SEMARG& a, std::span<Value> r, Value& result)
+void Builder::pair_of(const Value& x, const Value& y, Form form, Value& result)
 {
-  const auto pair_of = [&](const Value& x, const Value& y, Form form) {
-    result.list = new_list();
-    append(*result.list, x);
-    append(*result.list, y);
-    result.form = form;
-  };
-  switch (action) {
-  case Action::list_empty:
-    result.list = new_list();
-    return true;
-  case Action::list_first: {
-    List* list = new_list();
-    append(*list, r[a.length > 1 ? 1 : 0]); // "TO n" as well as the first of a list
-    result.list = list;
-    result.form = Form::plain;
-    return true;
-  }
-  case Action::list_first_all: {
-    List* list = new_list();
-    append_all(*list, r[0]);
-    result.list = list;
-    result.form = Form::plain;
-    result.expr = nullptr;
-    return true;
-  }
-  case Action::list_append:
-    append(*r[0].list, r.back());
-    return true;
-  case Action::list_append_all:
-    append_all(*r[0].list, r.back());
-    return true;
-  case Action::second: {
-    const Token first = r[0].token;
-    result = r[1];
-    result.token.where = first.where;
-    return true;
-  }
-  case Action::pair: // TO n BY k
-    result.list = new_list();
-    append(*result.list, r[1]);
-    append(*result.list, r[3]);
-    return true;
-  case Action::by_without_to:
-    diagnostics_->error(Problem::bad_sequence, r[0].token.where, "BY needs TO before it, as in 1 TO 9 BY 2.", 2);
-    result.list = new_list();
-    return true;
-  case Action::numbered_range:
-    pair_of(r[0], r[2], Form::numbered);
-    return true;
-  case Action::ordered_range:
-    pair_of(r[0], r.back(),
-            a.arglist[0] == 0   ? Form::ordered
-            : a.arglist[0] == 1 ? Form::ordered_numeric
-                                : Form::ordered_character);
-    return true;
-  case Action::prefix_range:
-    result.form = Form::prefix;
-    return true;
-  case Action::negate: {
-    const Token sign = r[0].token;
-    result = r[1];
-    result.token.number = -result.token.number;
-    result.token.text = arena_.text("-" + std::string(r[1].token.text));
-    result.token.length += r[1].token.where.column - sign.where.column;
-    result.token.where = sign.where;
-    return true;
-  }
-  case Action::missing_number:
-    return true;
-  default:
-    return false;
-  }
+  result.list = new_list();
+  append(*result.list, x);
+  append(*result.list, y);
+  result.form = form;
 }
+
+template <> void Builder::on<Action::list_empty>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.list = new_list();
+}
+
+template <> void Builder::on<Action::list_first>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  List* list = new_list();
+  append(*list, r[a.length > 1 ? 1 : 0]); // "TO n" as well as the first of a list
+  result.list = list;
+  result.form = Form::plain;
+}
+
+template <> void Builder::on<Action::list_first_all>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  List* list = new_list();
+  append_all(*list, r[0]);
+  result.list = list;
+  result.form = Form::plain;
+  result.expr = nullptr;
+}
+
+template <> void Builder::on<Action::list_append>(const SEMARG&, std::span<Value> r, Value&)
+{
+  append(*r[0].list, r.back());
+}
+
+template <> void Builder::on<Action::list_append_all>(const SEMARG&, std::span<Value> r, Value&)
+{
+  append_all(*r[0].list, r.back());
+}
+
+template <> void Builder::on<Action::second>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token first = r[0].token;
+  result = r[1];
+  result.token.where = first.where;
+}
+
+template <> void Builder::on<Action::pair>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  // TO n BY k
+  result.list = new_list();
+  append(*result.list, r[1]);
+  append(*result.list, r[3]);
+}
+
+template <> void Builder::on<Action::by_without_to>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  diagnostics_->error(Problem::bad_sequence, r[0].token.where, "BY needs TO before it, as in 1 TO 9 BY 2.", 2);
+  result.list = new_list();
+}
+
+template <> void Builder::on<Action::numbered_range>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  pair_of(r[0], r[2], Form::numbered, result);
+}
+
+template <> void Builder::on<Action::ordered_range>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  pair_of(r[0], r.back(),
+          a.arglist[0] == 0   ? Form::ordered
+          : a.arglist[0] == 1 ? Form::ordered_numeric
+                              : Form::ordered_character,
+          result);
+}
+
+template <> void Builder::on<Action::prefix_range>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.form = Form::prefix;
+}
+
+template <> void Builder::on<Action::negate>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token sign = r[0].token;
+  result = r[1];
+  result.token.number = -result.token.number;
+  result.token.text = arena_.text("-" + std::string(r[1].token.text));
+  result.token.length += r[1].token.where.column - sign.where.column;
+  result.token.where = sign.where;
+}
+
+template <> void Builder::on<Action::missing_number>(const SEMARG&, std::span<Value>, Value&) {}
 
 } // namespace torvale::language

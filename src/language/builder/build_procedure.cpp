@@ -74,7 +74,7 @@ void Builder::close_statement(const SEMARG& a, std::span<Value> r, Value& result
   STMT& s = *proc_->current;
   s.end = r.back().token.where;
   check_top_level(r[0]);
-  const bool custom = a.action >= 77 && a.action <= 83;
+  const bool custom = for_procedure(static_cast<Action>(a.action));
   if (custom && request_.tvlsem && diagnostics_->errors() == 0 && !proc_->error) {
     stream_.set_generator(s.name, s.where);
     if (request_.tvlsem(a, *proc_, stream_) != 0) proc_->error = true;
@@ -243,152 +243,211 @@ void Builder::end_by(std::span<Value> r)
   if (c.list.empty()) diagnostics_->error(Problem::missing_part, r[0].token.where, "BY needs a variable.", 2);
 }
 
-bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> r, Value& result)
+template <> void Builder::on<Action::end_step>(const SEMARG&, std::span<Value>, Value&) {}
+
+template <> void Builder::on<Action::open_statement>(const SEMARG& a, std::span<Value> r, Value&)
 {
-  switch (action) {
-  case Action::end_step:
-    return true;
-  case Action::open_statement:
-    open_statement(a, r);
-    return true;
-  case Action::code:
-    result.code = a.arglist[0];
-    return true;
-  case Action::option:
-    option(a, r);
-    return true;
-  case Action::data_set_options: {
-    List* list = new_list();
-    append(*list, r[1]);
-    result.list = list;
-    return true;
+  open_statement(a, r);
+}
+
+template <> void Builder::on<Action::code>(const SEMARG& a, std::span<Value>, Value& result)
+{
+  result.code = a.arglist[0];
+}
+
+template <> void Builder::on<Action::option>(const SEMARG& a, std::span<Value> r, Value&)
+{
+  option(a, r);
+}
+
+template <> void Builder::on<Action::data_set_options>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  List* list = new_list();
+  append(*list, r[1]);
+  result.list = list;
+}
+
+template <> void Builder::on<Action::plain_argument>(const SEMARG&, std::span<Value>, Value&) {}
+
+template <> void Builder::on<Action::bracket_argument>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.list = r[1].list;
+  result.expr = nullptr;
+}
+
+template <> void Builder::on<Action::subject>(const SEMARG&, std::span<Value> r, Value&)
+{
+  subject(r);
+}
+
+template <> void Builder::on<Action::end_torvale>(const SEMARG&, std::span<Value> r, Value&)
+{
+  end_torvale(r);
+}
+
+template <> void Builder::on<Action::end_model>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  end_distribution(r);
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_random>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  end_distribution(r);
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::parms_group>(const SEMARG&, std::span<Value> r, Value&)
+{
+  std::vector<Value> values;
+  if (r.size() > 2) {
+    values = items(r.back().list);
+    values.insert(values.begin(), r[r.size() - 2]);
   }
-  case Action::plain_argument:
-    return true;
-  case Action::bracket_argument:
-    result.list = r[1].list;
-    result.expr = nullptr;
-    return true;
-  case Action::subject:
-    subject(r);
-    return true;
-  case Action::end_torvale:
-    end_torvale(r);
-    return true;
-  case Action::end_model:
-  case Action::end_random:
-    end_distribution(r);
-    close_statement(a, r, result);
-    return true;
-  case Action::parms_group: {
-    std::vector<Value> values;
-    if (r.size() > 2) {
-      values = items(r.back().list);
-      values.insert(values.begin(), r[r.size() - 2]);
-    }
-    parms_group(r.size() == 2 ? r[1] : r[0], values);
-    return true;
-  }
-  case Action::parms_group_negative: {
-    Value first = r[1];
-    first.token.number = -first.token.number;
-    first.token.text = arena_.text("-" + std::string(first.token.text));
-    first.list = r[2].list;
-    std::vector<Value> values = items(r[3].list);
-    values.insert(values.begin(), first);
-    parms_group(r[0], values);
-    return true;
-  }
-  case Action::positive_range:
-    result.list = r[1].list;
-    return true;
-  case Action::missing_value:
-    return true;
-  case Action::negative_value:
-  case Action::positive_value: {
-    const Token sign = r[0].token;
-    result = r[1];
-    result.list = r[2].list;
-    if (action == Action::negative_value) {
-      result.token.number = -result.token.number;
-      result.token.text = arena_.text("-" + std::string(result.token.text));
-    }
-    result.token.where = sign.where;
-    return true;
-  }
-  case Action::end_parms:
-  case Action::end_procedure_statement:
-    close_statement(a, r, result);
-    return true;
-  case Action::relation_first: {
-    List* list = new_list();
-    for (const Value& v : r) append(*list, v);
-    result.list = list;
-    result.form = Form::plain;
-    return true;
-  }
-  case Action::relation_append:
-    append(*r[0].list, r[1]);
-    append(*r[0].list, r[2]);
-    return true;
-  case Action::missing_operand:
-    result.code = -2;
-    return true;
-  case Action::end_bounds:
-    end_bounds(r);
-    close_statement(a, r, result);
-    return true;
-  case Action::end_estimate:
-  case Action::end_contrast:
-    end_labelled(r[1], action == Action::end_estimate ? std::vector<Expr*>{r[2].expr} : expressions(r[2].list));
-    close_statement(a, r, result);
-    return true;
-  case Action::end_predict:
-    if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
-    if (!proc_->current->given(predict_slot::out))
-      diagnostics_->error(Problem::missing_part, r[0].token.where,
-                          "PREDICT needs OUT= with the data set that takes the predictions.", 7);
-    close_statement(a, r, result);
-    return true;
-  case Action::end_id: {
-    check_top_level(r[0]);
-    STLIST& c = proc_->statements.front().fld[static_cast<std::size_t>(torvale_slot::id)];
-    if (!c.given()) c.where = r[0].token.where;
-    c.type = 'l';
-    add_names(c, names_of(r[1]), -1);
-    return true;
-  }
-  case Action::by_variable:
-    result.code = 1;
-    return true;
-  case Action::by_descending:
-    result = r[1];
-    result.code = 2;
-    return true;
-  case Action::by_not_sorted:
-    result.code = 3;
-    return true;
-  case Action::end_by:
-    check_top_level(r[0]);
-    end_by(r);
-    return true;
-  case Action::end_replicate:
-    add_names(cell(replicate_slot::variable, 'l', r[1].token.where), one_name(r[1]), -1);
-    close_statement(a, r, result);
-    return true;
-  case Action::end_compartment_model:
-    close_statement(a, r, result);
-    return true;
-  case Action::end_restrict:
-    diagnostics_->warning(
-        Problem::without_effect, r[0].token.where,
-        "RESTRICT has no effect: the fit is not constrained. Use BOUNDS, or write the model in fewer parameters.",
-        r[0].token.length);
-    close_statement(a, r, result);
-    return true;
-  default:
-    return false;
-  }
+  parms_group(r.size() == 2 ? r[1] : r[0], values);
+}
+
+template <> void Builder::on<Action::parms_group_negative>(const SEMARG&, std::span<Value> r, Value&)
+{
+  Value first = r[1];
+  first.token.number = -first.token.number;
+  first.token.text = arena_.text("-" + std::string(first.token.text));
+  first.list = r[2].list;
+  std::vector<Value> values = items(r[3].list);
+  values.insert(values.begin(), first);
+  parms_group(r[0], values);
+}
+
+template <> void Builder::on<Action::positive_range>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.list = r[1].list;
+}
+
+template <> void Builder::on<Action::missing_value>(const SEMARG&, std::span<Value>, Value&) {}
+
+template <> void Builder::on<Action::negative_value>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token sign = r[0].token;
+  result = r[1];
+  result.list = r[2].list;
+  result.token.number = -result.token.number;
+  result.token.text = arena_.text("-" + std::string(result.token.text));
+  result.token.where = sign.where;
+}
+
+template <> void Builder::on<Action::positive_value>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token sign = r[0].token;
+  result = r[1];
+  result.list = r[2].list;
+  result.token.where = sign.where;
+}
+
+template <> void Builder::on<Action::end_parms>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_procedure_statement>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::relation_first>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  List* list = new_list();
+  for (const Value& v : r) append(*list, v);
+  result.list = list;
+  result.form = Form::plain;
+}
+
+template <> void Builder::on<Action::relation_append>(const SEMARG&, std::span<Value> r, Value&)
+{
+  append(*r[0].list, r[1]);
+  append(*r[0].list, r[2]);
+}
+
+template <> void Builder::on<Action::missing_operand>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.code = -2;
+}
+
+template <> void Builder::on<Action::end_bounds>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  end_bounds(r);
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_estimate>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  end_labelled(r[1], {r[2].expr});
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_contrast>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  end_labelled(r[1], expressions(r[2].list));
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_predict>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
+  if (!proc_->current->given(predict_slot::out))
+    diagnostics_->error(Problem::missing_part, r[0].token.where,
+                        "PREDICT needs OUT= with the data set that takes the predictions.", 7);
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_id>(const SEMARG&, std::span<Value> r, Value&)
+{
+  check_top_level(r[0]);
+  STLIST& c = proc_->statements.front().fld[static_cast<std::size_t>(torvale_slot::id)];
+  if (!c.given()) c.where = r[0].token.where;
+  c.type = 'l';
+  add_names(c, names_of(r[1]), -1);
+}
+
+template <> void Builder::on<Action::by_variable>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.code = 1;
+}
+
+template <> void Builder::on<Action::by_descending>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result = r[1];
+  result.code = 2;
+}
+
+template <> void Builder::on<Action::by_not_sorted>(const SEMARG&, std::span<Value>, Value& result)
+{
+  result.code = 3;
+}
+
+template <> void Builder::on<Action::end_by>(const SEMARG&, std::span<Value> r, Value&)
+{
+  check_top_level(r[0]);
+  end_by(r);
+}
+
+template <> void Builder::on<Action::end_replicate>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  add_names(cell(replicate_slot::variable, 'l', r[1].token.where), one_name(r[1]), -1);
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_compartment_model>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  close_statement(a, r, result);
+}
+
+template <> void Builder::on<Action::end_restrict>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  diagnostics_->warning(
+      Problem::without_effect, r[0].token.where,
+      "RESTRICT has no effect: the fit is not constrained. Use BOUNDS, or write the model in fewer parameters.",
+      r[0].token.length);
+  close_statement(a, r, result);
 }
 
 } // namespace torvale::language

@@ -183,213 +183,338 @@ void Builder::put_statement(std::span<Value> r, Value& result)
   s->items = arena_.copy(list);
 }
 
-bool Builder::act_on_statements(Action action, const SEMARG& a, std::span<Value> r, Value& result)
+// A header: the statements behind it are nested.
+void Builder::open(Value& result, Expr* e, List* list, void* node)
 {
-  const auto open = [&](Expr* e, List* list, void* node = nullptr) { // a header: the statements behind it are nested
-    result.expr = e;
-    result.list = list;
-    result.node = node;
-    result.form = Value::Form::plain;
-    ++result.depth;
-  };
-  const auto store_range = [&](Action kind) {
-    LoopRange* range = scratch_->make<LoopRange>();
-    *range = loop_range(kind, r);
-    return range;
-  };
-  switch (action) {
-  case Action::program_statement:
-    if (r[1].stmt && !(r[1].stmt->kind == StatementKind::empty && r[1].stmt->label.empty()))
-      proc_->program.statements.push_back(r[1].stmt);
-    return true;
-  case Action::empty_statement:
-    statement<Statement>(StatementKind::empty, r, result);
-    return true;
-  case Action::labelled: {
-    Statement* s = or_empty(r[2]);
-    if (!r[2].stmt)
-      diagnostics_->error(Problem::misplaced_statement, r[0].token.where,
-                          "A label stands before a programming statement.", r[0].token.length);
-    if (!s->label.empty()) { // two labels: an empty statement cannot carry one, so the outer one goes to the same place
-      diagnostics_->error(Problem::unknown_label, r[0].token.where, "A statement can have one label.",
-                          r[0].token.length);
-    }
-    s->label = r[0].token.text;
-    if (!labels_.insert(upper_case(s->label)).second)
-      diagnostics_->error(Problem::unknown_label, r[0].token.where,
-                          "The label " + std::string(s->label) + " is used twice.", r[0].token.length);
-    result.stmt = s;
-    return true;
+  result.expr = e;
+  result.list = list;
+  result.node = node;
+  result.form = Value::Form::plain;
+  ++result.depth;
+}
+
+void Builder::open_do(Expr* LoopRange::*part, const Value& test, Value& result)
+{
+  LoopRange* range = scratch_->make<LoopRange>();
+  range->*part = test.expr;
+  condition(test);
+  open(result, nullptr, nullptr, range);
+}
+
+void Builder::assignment(Assignment::Form form, std::span<Value> r, Value& result)
+{
+  Expr *target = r[0].expr, *value = r[2].expr;
+  Assignment* s = statement<Assignment>(StatementKind::assign, r, result);
+  s->form = form;
+  s->target = target;
+  s->value = value;
+}
+
+void Builder::leave(StatementKind kind, std::span<Value> r, Value& result)
+{
+  Expr* value = r.size() > 2 ? r[1].expr : nullptr;
+  statement<ReturnStatement>(kind, r, result)->value = value;
+}
+
+LoopRange* Builder::store_range(Action action, std::span<Value> r)
+{
+  LoopRange* range = scratch_->make<LoopRange>();
+  *range = loop_range(action, r);
+  return range;
+}
+
+template <> void Builder::on<Action::program_statement>(const SEMARG&, std::span<Value> r, Value&)
+{
+  if (r[1].stmt && !(r[1].stmt->kind == StatementKind::empty && r[1].stmt->label.empty()))
+    proc_->program.statements.push_back(r[1].stmt);
+}
+
+template <> void Builder::on<Action::empty_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  statement<Statement>(StatementKind::empty, r, result);
+}
+
+template <> void Builder::on<Action::labelled>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Statement* s = or_empty(r[2]);
+  if (!r[2].stmt)
+    diagnostics_->error(Problem::misplaced_statement, r[0].token.where,
+                        "A label stands before a programming statement.", r[0].token.length);
+  if (!s->label.empty()) { // two labels: an empty statement cannot carry one, so the outer one goes to the same place
+    diagnostics_->error(Problem::unknown_label, r[0].token.where, "A statement can have one label.", r[0].token.length);
   }
-  case Action::assign:
-  case Action::sum: {
-    Expr* target = r[0].expr;
-    Expr* value = r[2].expr;
-    Assignment* s = statement<Assignment>(StatementKind::assign, r, result);
-    s->form = action == Action::sum ? Assignment::Form::sum : Assignment::Form::plain;
-    s->target = target;
-    s->value = value;
-    return true;
-  }
-  case Action::assign_substring: {
-    const bool length = r.size() > 9;
-    Expr *target = r[2].expr, *position = r[4].expr, *count = length ? r[6].expr : nullptr,
-         *value = r[r.size() - 2].expr;
-    Assignment* s = statement<Assignment>(StatementKind::assign, r, result);
-    s->form = Assignment::Form::substring;
-    s->target = target;
-    s->position = position;
-    s->length = count;
-    s->value = value;
-    return true;
-  }
-  case Action::open_branch: {
-    const Value* expression = r.size() == 3 ? &r[1] : nullptr; // IF e THEN
-    if (expression) condition(*expression);
-    open(expression ? expression->expr : nullptr, r.size() == 4 ? r[2].list : nullptr);
-    return true;
-  }
-  case Action::if_statement: {
-    Expr* test = r[0].expr;
-    Statement* then_branch = or_empty(r[1]);
-    Statement* else_branch = r.size() > 3 ? or_empty(r[3]) : nullptr;
-    const Position end = (else_branch ? else_branch : then_branch)->end;
-    IfStatement* s = statement<IfStatement>(StatementKind::if_, r, result);
-    s->condition = test;
-    s->then_branch = then_branch;
-    s->else_branch = else_branch;
-    s->end = end;
-    return true;
-  }
-  case Action::open_do:
-    open(nullptr, nullptr);
-    return true;
-  case Action::open_do_while:
-  case Action::open_do_until: {
-    LoopRange* range = scratch_->make<LoopRange>();
-    (action == Action::open_do_while ? range->while_ : range->until) = r[3].expr;
-    condition(r[3]);
-    open(nullptr, nullptr, range);
-    return true;
-  }
-  case Action::open_do_index:
-    open(r[1].expr, r[3].list);
-    return true;
-  case Action::loop_single:
-  case Action::loop_to:
-  case Action::loop_to_by:
-  case Action::loop_by:
-  case Action::loop_by_to:
-  case Action::loop_while:
-  case Action::loop_until:
-  case Action::loop_while_part:
-  case Action::loop_until_part:
-    result.node = store_range(action);
-    return true;
-  case Action::do_statement:
-    do_statement(r, result);
-    return true;
-  case Action::open_select:
-    open(r.size() > 2 ? r[2].expr : nullptr, nullptr);
-    return true;
-  case Action::when_clause: {
-    WhenClause* clause = scratch_->make<WhenClause>();
-    for (const Value& v : items(r[1].list)) condition(v);
-    clause->values = arena_.copy(expressions(r[1].list));
-    clause->body = or_empty(r[2]);
-    Value entry;
-    entry.token = r[1].token;
-    entry.node = clause;
-    append(*r[0].list, entry);
-    return true;
-  }
-  case Action::select_statement:
-    select_statement(r, result);
-    return true;
-  case Action::jump: {
-    const Token target = r[r.size() - 2].token;
-    const bool link = upper_case(r[0].token.text) == "LINK";
-    JumpStatement* s = statement<JumpStatement>(link ? StatementKind::link : StatementKind::go_to, r, result);
-    s->target = target.text;
-    jumps_.push_back(s);
-    return true;
-  }
-  case Action::return_statement:
-  case Action::abort_statement: {
-    Expr* value = r.size() > 2 ? r[1].expr : nullptr;
-    ReturnStatement* s = statement<ReturnStatement>(
-        action == Action::abort_statement ? StatementKind::abort : StatementKind::return_, r, result);
-    s->value = value;
-    return true;
-  }
-  case Action::call_statement: {
-    Value called;
-    const std::string_view name = r[1].token.text;
-    call(r.size() > 5 ? r.subspan(1, 4) : r.subspan(1, 1), called);
-    CallStatement* s = statement<CallStatement>(StatementKind::call, r, result);
-    s->name = name;
-    s->args = called.expr->args;
-    return true;
-  }
-  case Action::simple_statement: {
-    const std::string word = upper_case(r[0].token.text);
-    statement<Statement>(word == "STOP"       ? StatementKind::stop
-                         : word == "DELETE"   ? StatementKind::delete_
-                         : word == "CONTINUE" ? StatementKind::continue_
-                                              : StatementKind::leave,
-                         r, result);
-    return true;
-  }
-  case Action::put_statement:
-    put_statement(r, result);
-    return true;
-  case Action::put_mark:
-  case Action::put_text:
-  case Action::put_value:
-  case Action::put_named:
-  case Action::put_column:
-  case Action::put_column_name:
-  case Action::put_column_expression:
-  case Action::put_advance:
-  case Action::put_advance_name:
-  case Action::put_advance_expression:
-    put_item(action, a, r, result);
-    return true;
-  case Action::file_option:
-    diagnostics_->warning(Problem::without_effect, r[1].token.where, "Options of FILE have no effect.",
-                          r[1].token.length);
-    return true;
-  case Action::file_statement: {
-    const Token target = r[1].token;
-    FileStatement* s = statement<FileStatement>(StatementKind::file, r, result);
-    s->is_name = target.symbol == token_class::QS;
-    s->target = target.text;
-    return true;
-  }
-  case Action::include_statement: {
-    const Token name = r[1].token;
-    statement<Statement>(StatementKind::empty, r, result);
-    stream_.include(std::string(name.text), r[0].token.where);
-    return true;
-  }
-  case Action::not_available: {
-    const std::string word = upper_case(r[0].token.text);
-    diagnostics_->error(Problem::not_available, r[0].token.where,
-                        word == "STRUCT"
-                            ? "STRUCT is not available in this procedure: use arrays or separate variables."
-                            : "DECLARE is not available in this procedure: it has no hash objects or dictionaries.",
-                        r[0].token.length);
-    statement<Statement>(StatementKind::empty, r, result);
-    return true;
-  }
-  case Action::no_effect:
-    diagnostics_->warning(Problem::without_effect, r[0].token.where,
-                          upper_case(r[0].token.text) + " has no effect in this procedure.", r[0].token.length);
-    statement<Statement>(StatementKind::empty, r, result);
-    return true;
-  default:
-    return false;
-  }
+  s->label = r[0].token.text;
+  if (!labels_.insert(upper_case(s->label)).second)
+    diagnostics_->error(Problem::unknown_label, r[0].token.where,
+                        "The label " + std::string(s->label) + " is used twice.", r[0].token.length);
+  result.stmt = s;
+}
+
+template <> void Builder::on<Action::assign>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  assignment(Assignment::Form::plain, r, result);
+}
+
+template <> void Builder::on<Action::sum>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  assignment(Assignment::Form::sum, r, result);
+}
+
+template <> void Builder::on<Action::assign_substring>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const bool length = r.size() > 9;
+  Expr *target = r[2].expr, *position = r[4].expr, *count = length ? r[6].expr : nullptr, *value = r[r.size() - 2].expr;
+  Assignment* s = statement<Assignment>(StatementKind::assign, r, result);
+  s->form = Assignment::Form::substring;
+  s->target = target;
+  s->position = position;
+  s->length = count;
+  s->value = value;
+}
+
+template <> void Builder::on<Action::open_branch>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Value* expression = r.size() == 3 ? &r[1] : nullptr; // IF e THEN
+  if (expression) condition(*expression);
+  open(result, expression ? expression->expr : nullptr, r.size() == 4 ? r[2].list : nullptr);
+}
+
+template <> void Builder::on<Action::if_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Expr* test = r[0].expr;
+  Statement* then_branch = or_empty(r[1]);
+  Statement* else_branch = r.size() > 3 ? or_empty(r[3]) : nullptr;
+  const Position end = (else_branch ? else_branch : then_branch)->end;
+  IfStatement* s = statement<IfStatement>(StatementKind::if_, r, result);
+  s->condition = test;
+  s->then_branch = then_branch;
+  s->else_branch = else_branch;
+  s->end = end;
+}
+
+template <> void Builder::on<Action::open_do>(const SEMARG&, std::span<Value>, Value& result)
+{
+  open(result, nullptr, nullptr);
+}
+
+template <> void Builder::on<Action::open_do_while>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  open_do(&LoopRange::while_, r[3], result);
+}
+
+template <> void Builder::on<Action::open_do_until>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  open_do(&LoopRange::until, r[3], result);
+}
+
+template <> void Builder::on<Action::open_do_index>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  open(result, r[1].expr, r[3].list);
+}
+
+template <> void Builder::on<Action::loop_single>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_single, r);
+}
+
+template <> void Builder::on<Action::loop_to>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_to, r);
+}
+
+template <> void Builder::on<Action::loop_to_by>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_to_by, r);
+}
+
+template <> void Builder::on<Action::loop_by>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_by, r);
+}
+
+template <> void Builder::on<Action::loop_by_to>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_by_to, r);
+}
+
+template <> void Builder::on<Action::loop_while>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_while, r);
+}
+
+template <> void Builder::on<Action::loop_until>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_until, r);
+}
+
+template <> void Builder::on<Action::loop_while_part>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_while_part, r);
+}
+
+template <> void Builder::on<Action::loop_until_part>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  result.node = store_range(Action::loop_until_part, r);
+}
+
+template <> void Builder::on<Action::do_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  do_statement(r, result);
+}
+
+template <> void Builder::on<Action::open_select>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  open(result, r.size() > 2 ? r[2].expr : nullptr, nullptr);
+}
+
+template <> void Builder::on<Action::when_clause>(const SEMARG&, std::span<Value> r, Value&)
+{
+  WhenClause* clause = scratch_->make<WhenClause>();
+  for (const Value& v : items(r[1].list)) condition(v);
+  clause->values = arena_.copy(expressions(r[1].list));
+  clause->body = or_empty(r[2]);
+  Value entry;
+  entry.token = r[1].token;
+  entry.node = clause;
+  append(*r[0].list, entry);
+}
+
+template <> void Builder::on<Action::select_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  select_statement(r, result);
+}
+
+template <> void Builder::on<Action::jump>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token target = r[r.size() - 2].token;
+  const bool link = upper_case(r[0].token.text) == "LINK";
+  JumpStatement* s = statement<JumpStatement>(link ? StatementKind::link : StatementKind::go_to, r, result);
+  s->target = target.text;
+  jumps_.push_back(s);
+}
+
+template <> void Builder::on<Action::return_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  leave(StatementKind::return_, r, result);
+}
+
+template <> void Builder::on<Action::abort_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  leave(StatementKind::abort, r, result);
+}
+
+template <> void Builder::on<Action::call_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  Value called;
+  const std::string_view name = r[1].token.text;
+  call(r.size() > 5 ? r.subspan(1, 4) : r.subspan(1, 1), called);
+  CallStatement* s = statement<CallStatement>(StatementKind::call, r, result);
+  s->name = name;
+  s->args = called.expr->args;
+}
+
+template <> void Builder::on<Action::simple_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const std::string word = upper_case(r[0].token.text);
+  statement<Statement>(word == "STOP"       ? StatementKind::stop
+                       : word == "DELETE"   ? StatementKind::delete_
+                       : word == "CONTINUE" ? StatementKind::continue_
+                                            : StatementKind::leave,
+                       r, result);
+}
+
+template <> void Builder::on<Action::put_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  put_statement(r, result);
+}
+
+template <> void Builder::on<Action::put_mark>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_mark, a, r, result);
+}
+
+template <> void Builder::on<Action::put_text>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_text, a, r, result);
+}
+
+template <> void Builder::on<Action::put_value>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_value, a, r, result);
+}
+
+template <> void Builder::on<Action::put_named>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_named, a, r, result);
+}
+
+template <> void Builder::on<Action::put_column>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_column, a, r, result);
+}
+
+template <> void Builder::on<Action::put_column_name>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_column_name, a, r, result);
+}
+
+template <> void Builder::on<Action::put_column_expression>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_column_expression, a, r, result);
+}
+
+template <> void Builder::on<Action::put_advance>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_advance, a, r, result);
+}
+
+template <> void Builder::on<Action::put_advance_name>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_advance_name, a, r, result);
+}
+
+template <> void Builder::on<Action::put_advance_expression>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  put_item(Action::put_advance_expression, a, r, result);
+}
+
+template <> void Builder::on<Action::file_option>(const SEMARG&, std::span<Value> r, Value&)
+{
+  diagnostics_->warning(Problem::without_effect, r[1].token.where, "Options of FILE have no effect.",
+                        r[1].token.length);
+}
+
+template <> void Builder::on<Action::file_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token target = r[1].token;
+  FileStatement* s = statement<FileStatement>(StatementKind::file, r, result);
+  s->is_name = target.symbol == token_class::QS;
+  s->target = target.text;
+}
+
+template <> void Builder::on<Action::include_statement>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token name = r[1].token;
+  statement<Statement>(StatementKind::empty, r, result);
+  stream_.include(std::string(name.text), r[0].token.where);
+}
+
+template <> void Builder::on<Action::not_available>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const std::string word = upper_case(r[0].token.text);
+  diagnostics_->error(Problem::not_available, r[0].token.where,
+                      word == "STRUCT"
+                          ? "STRUCT is not available in this procedure: use arrays or separate variables."
+                          : "DECLARE is not available in this procedure: it has no hash objects or dictionaries.",
+                      r[0].token.length);
+  statement<Statement>(StatementKind::empty, r, result);
+}
+
+template <> void Builder::on<Action::no_effect>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  diagnostics_->warning(Problem::without_effect, r[0].token.where,
+                        upper_case(r[0].token.text) + " has no effect in this procedure.", r[0].token.length);
+  statement<Statement>(StatementKind::empty, r, result);
 }
 
 } // namespace torvale::language

@@ -27,13 +27,19 @@ void Builder::abandon_statement()
 
 void Builder::act(const SEMARG& a, std::span<Value> right, Value& result)
 {
-  const Action action = static_cast<Action>(a.action);
-  // Each family takes its own actions; every action of the grammar belongs to one.
-  if (act_on_expressions(action, a, right, result)) return;
-  if (act_on_lists(action, a, right, result)) return;
-  if (act_on_statements(action, a, right, result)) return;
-  if (act_on_declarations(action, a, right, result)) return;
-  act_on_procedure(action, a, right, result);
+  (this->*function_of(static_cast<Action>(a.action)))(a, right, result);
+}
+
+Builder::ActionFunction Builder::function_of(Action action)
+{
+  switch (action) {
+#define TORVALE_ACTION(name)                                                                                           \
+  case Action::name:                                                                                                   \
+    return &Builder::on<Action::name>;
+    TORVALE_ACTIONS(TORVALE_ACTION)
+#undef TORVALE_ACTION
+  }
+  return nullptr; // every action of the tables is one of the enumeration
 }
 
 void Builder::finish()

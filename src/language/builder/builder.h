@@ -1,11 +1,11 @@
 #pragma once
 // The builder: turns recognised productions into statement records and the typed tree.
 
+#include "language/actions.h"
 #include "language/grammar.h"
 #include "language/parser.h"
 #include "language/scanner.h"
 #include "syntax/records.h"
-#include "torvale_actions.h"
 
 #include <span>
 #include <string>
@@ -71,11 +71,17 @@ public:
   void abandon_statement();
 
 private:
+  // --- one function for each action of the grammar
+  template <Action action> void on(const SEMARG& a, std::span<Value> r, Value& result);
+  using ActionFunction = void (Builder::*)(const SEMARG& a, std::span<Value> r, Value& result);
+  static ActionFunction function_of(Action action);
+
   // --- lists (build_lists.cpp)
   List* new_list();
   void append(List& list, const Value& value);
   void append_all(List& list, const Value& value);
   std::vector<Value> items(const List* list) const;
+  void pair_of(const Value& x, const Value& y, Value::Form form, Value& result);
   struct Name {
     std::string_view text;
     syntax::Position where;
@@ -91,10 +97,8 @@ private:
   }
   std::vector<Name> one_name(const Value& value);
   void know_name(std::string_view name);
-  bool act_on_lists(Action action, const SEMARG& a, std::span<Value> r, Value& result);
 
   // --- expressions (build_expressions.cpp)
-  bool act_on_expressions(Action action, const SEMARG& a, std::span<Value> r, Value& result);
   syntax::Expr* expr(syntax::ExprKind kind, syntax::Position where);
   void set_args(syntax::Expr* e, const std::vector<syntax::Expr*>& args);
   void set_expr(Value& result, syntax::Expr* e, std::initializer_list<const Value*> parts);
@@ -111,10 +115,14 @@ private:
   std::vector<syntax::Expr*> expressions(const List* list) const;
 
   // --- programming statements (build_statements.cpp)
-  bool act_on_statements(Action action, const SEMARG& a, std::span<Value> r, Value& result);
   template <class S> S* statement(syntax::StatementKind kind, std::span<Value> r, Value& result);
   syntax::Block block(const List* list);
   syntax::LoopRange loop_range(Action action, std::span<Value> r);
+  syntax::LoopRange* store_range(Action action, std::span<Value> r);
+  void open(Value& result, syntax::Expr* e, List* list, void* node = nullptr);
+  void open_do(syntax::Expr* syntax::LoopRange::*part, const Value& test, Value& result);
+  void assignment(syntax::Assignment::Form form, std::span<Value> r, Value& result);
+  void leave(syntax::StatementKind kind, std::span<Value> r, Value& result);
   void do_statement(std::span<Value> r, Value& result);
   void select_statement(std::span<Value> r, Value& result);
   void put_statement(std::span<Value> r, Value& result);
@@ -123,16 +131,18 @@ private:
   syntax::Statement* or_empty(const Value& value);
 
   // --- declarations (build_declarations.cpp)
-  bool act_on_declarations(Action action, const SEMARG& a, std::span<Value> r, Value& result);
+  std::vector<Name> array_elements(const List* list, syntax::ArrayDeclaration& array);
   void array_statement(std::span<Value> r, Value& result);
   void attribute_statements(std::span<Value> r, Value& result);
   void retain_statement(std::span<Value> r, Value& result);
+  void retain(List* entries, const std::vector<Name>& list, const std::vector<syntax::Expr*>& initial, Value& result);
+  syntax::AttributeDeclaration& attributes_of(const Value& named, Value& result);
+  void set_length(syntax::AttributeDeclaration& part, const Token& token, bool character);
   void subprogram(std::span<Value> r, Value& result);
   std::vector<syntax::Expr*> initial_values(const Value& value);
   std::span<const std::string_view> name_span(const std::vector<Name>& list);
 
   // --- procedure statements (build_procedure.cpp)
-  bool act_on_procedure(Action action, const SEMARG& a, std::span<Value> r, Value& result);
   void open_statement(const SEMARG& a, std::span<Value> r);
   void check_top_level(const Value& head);
   void close_statement(const SEMARG& a, std::span<Value> r, Value& result);
@@ -175,5 +185,10 @@ private:
   std::vector<std::string_view> outputs_; // OUTARGS names of the subprogram in work
   bool by_given_ = false;
 };
+
+// One function each: an action of the grammar without one does not link.
+#define TORVALE_ACTION(name) template <> void Builder::on<Action::name>(const SEMARG&, std::span<Value>, Value&);
+TORVALE_ACTIONS(TORVALE_ACTION)
+#undef TORVALE_ACTION
 
 } // namespace torvale::language
