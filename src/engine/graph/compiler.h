@@ -103,7 +103,7 @@ public:
   Dependence dependence{*this};
 
   // --- programs ---
-  std::vector<std::unique_ptr<Program>> programs;
+  std::vector<std::shared_ptr<Program>> programs; // made by a higher folder, which alone knows what they are
 
   // --- messages ---
   std::vector<Diagnostic> diagnostics;
