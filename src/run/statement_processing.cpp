@@ -98,10 +98,8 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "MCMC" || stmt.name == "CMPTMODEL")
-      refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
-    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10)))
-      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "MCMC") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
+    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10))) refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
   if (procedure.given(89)) refuse("OUTQ=", "TORVALE", procedure.slot(89).where);
