@@ -75,7 +75,7 @@ void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<do
 } // namespace
 
 bool continue_fit(FitSurface& surface, const std::vector<double>& start, double f_start, std::vector<double>& x,
-                  double& f)
+                  double& f, double radius)
 {
   NX& n = surface.run();
   const FitCoordinates& c = surface.coordinates();
@@ -99,6 +99,11 @@ bool continue_fit(FitSurface& surface, const std::vector<double>& start, double 
   set_problem(region, surface, start);
   if (optimizer::tvloptc(&region) != 0) return false;
   int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
+  if (radius > 0.0) {
+    double square = 0.0; // the library's first radius is INSTEP times the length of the gradient
+    for (int i = 0; i < c.size(); ++i) square += region.grad[i] * region.grad[i];
+    if (square > 0.0) region.salf = radius / std::sqrt(square);
+  }
   if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
   optimizer::continue_run(region, n.str.get());
   if (!(region.crit < f_start)) return false;
