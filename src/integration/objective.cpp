@@ -133,12 +133,9 @@ bool evaluate_slots(NX& n, bool& ended)
 void take_limit_of_gradient(NX& n)
 {
   constexpr double share = 1e-4;
-  std::vector<double> scale;
-  for (const auto& ctx : n.ctx) {
-    const auto& own = ctx->batch.null_scale;
-    scale.resize(std::max(scale.size(), own.size()), 0.0);
-    for (std::size_t i = 0; i < own.size(); ++i) scale[i] = std::max(scale[i], own[i]);
-  }
+  auto& scale = n.ctx[0]->batch.null_scale;
+  for (const auto& ctx : n.ctx)
+    for (std::size_t i = 0; i < scale.size(); ++i) scale[i] = std::max(scale[i], ctx->batch.null_scale[i]);
   if (std::none_of(scale.begin(), scale.end(), [](double s) { return s > 0.0 && std::isfinite(s); })) return;
   const auto value = n.slot_value, gradient = n.slot_grad, modes = n.ebtrial;
   const auto known = n.ebtrial_known;

@@ -44,10 +44,10 @@ private:
   std::unique_ptr<FitCoordinates> coordinates_;
   Judgement judgement_;
   bool accurate_ = false;
-  bool moved_ = false;    // the point is not the technique's own any more
-  std::vector<double> x_; // the point
-  double f_ = 0.0;        // objective there
-  std::vector<double> g_; // gradient by the parameters
+  bool moved_ = false;         // the point is not the technique's own any more
+  std::vector<double> x_;      // the point
+  double f_ = 0.0;             // objective there
+  std::vector<double> g_;      // gradient by the parameters
   std::vector<double> start_;  // starting values
   std::vector<double> scales_; // of the technique's run
 };

@@ -8,7 +8,8 @@
 
 namespace torvale::solve {
 
-// FitCoordinates: t, one per parameter, 0 at the point of expansion x. Three things make them better than the parameters:
+// FitCoordinates: t, one per parameter, 0 at the point of expansion x. Three things make them better than the
+// parameters:
 //
 //   scale    x_i = x_i(0) + scale_i t_i, with scales that the curvature chooses: no decision depends on units
 //   factor   where the elements of a block of G are parameters themselves, their coordinates are the elements of its
