@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <new>
 #include <optional>
 
 namespace {
@@ -88,8 +89,15 @@ int main(int argc, char** argv)
   arguments.data = *data_pairs;
   arguments.libraries = *library_pairs;
 
-  if (*describe) return describe_command(described, *library_pairs);
-  if (*explain) return explain_command(code);
-  arguments.check_only = static_cast<bool>(*check);
-  return run_command(arguments);
+  try {
+    if (*describe) return describe_command(described, *library_pairs);
+    if (*explain) return explain_command(code);
+    arguments.check_only = static_cast<bool>(*check);
+    return run_command(arguments);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "torvale: there is not enough memory\n");
+  } catch (const std::exception& fault) {
+    std::fprintf(stderr, "torvale: internal fault: %s\n", fault.what());
+  }
+  return 1;
 }

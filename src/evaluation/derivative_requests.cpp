@@ -14,7 +14,7 @@ constexpr int most_effects = 64; // of one block: arrays on the stack of the ker
 // What the kernels of the method read. Without analytic gradients nothing is differentiated by the parameters.
 void complete_flags(NX& n)
 {
-  const bool gradient = n.fd == 0;
+  const bool gradient = needs_gradient(n);
   const bool searches_modes = n.nreff() > 0 && n.method != 4 && n.adaptive;
   if (searches_modes) n.needhessu = true;
   if (searches_modes && gradient) n.needcrossu = true;
@@ -59,7 +59,7 @@ int request_curvature(NX& n, REFFECT& reff)
 
 int request_block(NX& n, REFFECT& reff)
 {
-  const bool gradient = n.fd == 0;
+  const bool gradient = needs_gradient(n);
   if (engine::cmpder(reff.gradstr, CMPLIST{{n.llsym}}, gradient || n.needcrossu ? reff.prsym : reff.ransym, *n.gcmp) != 0)
     return 1012;
   if (!(gradient || n.needcrossu)) {
@@ -103,7 +103,7 @@ int build_programs(NX& n)
   }
   complete_flags(n);
   if (n.nreff() == 0) {
-    if (n.fd != 0) return 0;
+    if (!needs_gradient(n)) return 0;
     return engine::cmpder(n.gradstr, CMPLIST{{n.llsym}}, n.prsym, *n.gcmp) != 0 ? 1012 : 0;
   }
   for (REFFECT& reff : n.reff)

@@ -117,11 +117,11 @@ void specialise_pass(NX& n, const CMPDER& gradient, const REFFECT* reff)
   add(n.depsym, BadCause::dependent);
   add(n.repsym, BadCause::replicate);
   add(n.llsym, BadCause::log_likelihood);
-  if (n.fd == 0)
+  if (needs_gradient(n))
     for (CMPSYM* s : gradient.der.s) add(s, BadCause::gradient);
   if (reff != nullptr) {
     for (CMPSYM* s : reff->distrsym.s) add(s, BadCause::random_argument);
-    if (n.fd == 0)
+    if (needs_gradient(n))
       for (CMPSYM* s : reff->gradrstr.der.s) add(s, BadCause::random_gradient);
   }
   n.pass_program = engine::cmpspec(*n.gcmp, outputs);
@@ -142,7 +142,7 @@ bool arguments_vary(const NX& n, const REFFECT& reff)
 int specialise_programs(NX& n)
 {
   ModelPrograms& p = n.programs;
-  const bool analytic = n.fd == 0;
+  const bool analytic = needs_gradient(n);
   const auto specialise = [&](const Outputs& out, std::vector<char>& live, std::vector<int>& list) {
     return out.specialise(*n.gcmp, live, list);
   };

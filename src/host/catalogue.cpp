@@ -39,8 +39,9 @@ constexpr CatalogueEntry entries[] = {
      "The normal distribution of RANDOM needs {expected} arguments[ for {effects} effects], means and then the lower "
      "triangle of the covariance matrix by rows; {found} are given.",
      "A covariance was left out, or the full matrix was written.", "For two effects: NORMAL([m1,m2],[v11,v21,v22])."},
-    {503, 16, E, "The quadrature points cannot be computed[: {points} points per dimension].", "",
-     "Use fewer points (QPOINTS=)."},
+    {503, 16, E,
+     "The quadrature points cannot be computed[: {points} points per dimension; QPOINTS= gives their number].",
+     "A rule has at most 5000 points per dimension, and a subject at most 50 million.", "Use fewer points (QPOINTS=)."},
     {503, 18, W, "The name {name} is a random effect and a variable of the data set; the random effect is meant.", "",
      "Rename one of them, or DROP= the variable."},
     {503, 19, E, "METHOD=FIRO needs a MODEL with the normal distribution.", "", "Use the default METHOD=GAUSS."},
@@ -351,6 +352,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 9331, W, "The parameter {name} is in PARMS, but nothing depends on it.",
      "A misspelled name in the program, which then became a parameter of its own.",
      "Compare it with the names in the notes above."},
+    {503, 9430, E, "The PARMS data set {data} has no rows: it gives no starting values.", "",
+     "Check where it comes from and its WHERE= option."},
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
@@ -365,7 +368,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 9344, N,
      "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
     {503, 9341, E, "There is not enough memory.", "Very many points or observations for this machine.",
-     "Fewer QPOINTS=, or fewer random effects."},
+     "Fewer QPOINTS=, fewer random effects, or a data set of fewer variables (KEEP=, or a file without the others)."},
 
     // --- Words of tables (group 0 means these too) ---
     {503, 30, N, "Specifications", "", ""},

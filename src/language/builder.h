@@ -135,6 +135,7 @@ private:
   bool act_on_procedure(Action action, const SEMARG& a, std::span<Value> r, Value& result);
   void open_statement(const SEMARG& a, std::span<Value> r);
   void check_top_level(const Value& head);
+  syntax::STMT& procedure_record();
   void close_statement(const SEMARG& a, std::span<Value> r, Value& result);
   syntax::STLIST& cell(int slot, char type, syntax::Position where);
   static syntax::StItem item(syntax::StItem::Kind kind, syntax::Position where);

@@ -1,12 +1,14 @@
 // The options of the TORVALE statement that belong to the optimizer. Only what was given is copied; every default is
 // the library's.
 
+#include "host/text.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "run/statement_processing.h"
 #include "solve/solve_step.h"
 
 #include <cmath>
+#include <type_traits>
 
 namespace torvale::run {
 
@@ -19,14 +21,18 @@ namespace {
 template <class T> void take(const STMT& s, int slot, T& target)
 {
   const double value = s.number_or(slot, host::missing);
-  if (!std::isnan(value)) target = static_cast<T>(value);
+  if (std::isnan(value)) return;
+  if constexpr (std::is_integral_v<T>)
+    target = host::whole_number<T>(value);
+  else
+    target = value;
 }
 
 // Whole-number choices: 0 leaves the default.
 void choose(const STMT& s, int slot, int& target)
 {
   const double value = s.number_or(slot, 0);
-  if (!std::isnan(value) && value != 0) target = static_cast<int>(value);
+  if (!std::isnan(value) && value != 0) target = host::whole_number(value);
 }
 
 // tvloptg: copies slot by slot. (tvl procedure, opt options, g get.)
@@ -35,7 +41,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   choose(s, 11, str.tech);
   choose(s, 12, str.vers);
   choose(s, 13, str.tupd);
-  if (s.given(14) && s.number_or(14, -1) >= 0) str.hesc = static_cast<int>(s.number_or(14, 0)) + 1;
+  if (s.given(14) && s.number_or(14, -1) >= 0) str.hesc = host::whole_number(s.number_or(14, 0)) + 1;
   if (s.flag(1)) str.load = 1;
   if (s.given(15)) {
     take(s, 15, str.dhes);
@@ -51,7 +57,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   take(s, 24, str.damp);
   take(s, 25, str.sigm);
   take(s, 26, str.smax);
-  str.smit = s.given(27) ? static_cast<long>(s.number_or(27, 0)) : (s.given(26) ? 2147483647L : str.smit);
+  str.smit = s.given(27) ? host::whole_number<long>(s.number_or(27, 0)) : (s.given(26) ? 2147483647L : str.smit);
   take(s, 28, str.sing);
   if (s.flag(3)) str.rtop = 0.1;
   take(s, 29, str.rtop);
@@ -68,7 +74,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   take(s, 37, str.cdig);
   if (s.flag(7)) str.hfrm = cov.hfrm = cov.cfrm = 2;
   take(s, 40, str.upti);
-  if (s.number_or(41, -1) >= 0) str.mini = static_cast<long>(s.number_or(41, 0));
+  if (s.number_or(41, -1) >= 0) str.mini = host::whole_number<long>(s.number_or(41, 0));
   take(s, 42, str.maxi);
   take(s, 75, str.max2);
   take(s, 43, str.maxf);
@@ -84,7 +90,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   take(s, 54, str.fsiz);
   take(s, 55, str.xsiz);
   constexpr int count_slots[] = {57, 62, 60, 58, 63, 61, 59, 64}; // toln 1 to 8 follow the termination codes 2 to 9
-  for (int i = 0; i < 8; ++i) str.toln[i + 1] = static_cast<long>(s.number_or(count_slots[i], 0));
+  for (int i = 0; i < 8; ++i) str.toln[i + 1] = host::whole_number<long>(s.number_or(count_slots[i], 0));
 
   choose(s, 67, cov.icov);
   const auto positive = [&](int slot, double& target) {
@@ -95,7 +101,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   positive(71, cov.msin);
   positive(72, cov.vsin);
   positive(73, cov.csin);
-  if (s.number_or(74, 0) != 0) cov.g4li = static_cast<long>(s.number_or(74, 0));
+  if (s.number_or(74, 0) != 0) cov.g4li = host::whole_number<long>(s.number_or(74, 0));
   positive(76, cov.cfac);
   cov.npri = s.flag(10);
   cov.pall = s.flag(12);

@@ -120,7 +120,7 @@ void parameter_setup(NX& n)
   n.nbest = 1;
   if (parms != nullptr) {
     n.bestspec = parms->given(4);
-    n.nbest = static_cast<int>(parms->number_or(4, 1));
+    n.nbest = host::whole_number(parms->number_or(4, 1));
     n.bydata = parms->flag(1);
     if (data::parms_statement(n, *parms, named) != 0) tvlexit(n, 1012);
   }
@@ -135,7 +135,7 @@ void parameter_setup(NX& n)
   };
   if (engine::cmprslv(*n.gcmp, variables) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
   if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0)
-    tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
+    tvlexit(n, n.pdata.data == nullptr || n.pdata.data->rows() == 0 ? 1008 : 3000);
   refuse_repeated(n, named);
 
   std::vector<std::string> defaulted;

@@ -1,5 +1,6 @@
 // The options of the TORVALE statement: slot and flag numbers are those of the language's tables.
 
+#include "host/text.h"
 #include "run/statement_processing.h"
 
 namespace torvale::run {
@@ -38,13 +39,13 @@ void procedure_options(NX& n, const STMT& s)
   auto& log = n.host->log();
   n.lognote = s.flag(73);
   if (n.lognote) {
-    n.loglevel = static_cast<int>(s.number_or(92, 1));
+    n.loglevel = host::whole_number(s.number_or(92, 1));
     log.xpmlog(503, 400, {});
   }
 
-  n.method = static_cast<int>(s.number_or(5, 0));
+  n.method = host::whole_number(s.number_or(5, 0));
   n.nqpspec = s.given(6);
-  n.nqp = static_cast<int>(s.number_or(6, -1));
+  n.nqp = host::whole_number(s.number_or(6, -1));
   n.qscale = s.number_or(7, 1.0);
   n.qtol = s.number_or(81, 1e-4);
   n.adaptive = !s.flag(56);
@@ -60,8 +61,8 @@ void procedure_options(NX& n, const STMT& s)
 
   n.ebtol = s.number_or(82, 1.110223024625157e-12);
   n.ebsstol = s.number_or(84, 1e-8);
-  n.ebstep = static_cast<int>(s.number_or(8, 50));
-  n.ebsubstep = static_cast<int>(s.number_or(9, 20));
+  n.ebstep = host::whole_number(s.number_or(8, 50));
+  n.ebsubstep = host::whole_number(s.number_or(9, 20));
   n.ebssfrac = s.number_or(10, 0.8);
   n.ebmtol = s.number_or(96, 1e-5);
   n.ebopt = s.flag(67);
@@ -73,8 +74,8 @@ void procedure_options(NX& n, const STMT& s)
   n.singchol = s.number_or(3, 1.110223024625157e-12);
   n.singsweep = s.number_or(4, 1.110223024625157e-12);
 
-  n.fd = !s.flag(5) ? 0 : static_cast<int>(s.number_or(32, 3));
-  n.fdh = !s.flag(6) ? 0 : static_cast<int>(s.number_or(34, 3));
+  n.fd = !s.flag(5) ? 0 : host::whole_number(s.number_or(32, 3));
+  n.fdh = !s.flag(6) ? 0 : host::whole_number(s.number_or(34, 3));
   n.empirical = s.flag(8);
   n.subgrad = s.flag(9);
   n.lb = s.flag(72);
@@ -99,7 +100,7 @@ void procedure_options(NX& n, const STMT& s)
   n.nosort = s.flag(99);
   n.retfail = s.flag(107);
 
-  n.nthreads = static_cast<int>(s.number_or(101, 0));
+  n.nthreads = host::whole_number(s.number_or(101, 0));
   n.runThreads = n.nthreads != 0;
   if (n.runThreads && n.nosort) {
     log.xpmlog(503, 651, {}, place_at(n, "TORVALE", s.slot(101).where));

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <new>
 
 namespace torvale::run {
 
@@ -32,7 +33,13 @@ public:
     int steps = 0;
     for (;; ++steps) {
       begin_reading();
-      language::ParseResult parsed = parser_.parse_step();
+      language::ParseResult parsed;
+      try {
+        parsed = parser_.parse_step();
+      } catch (const std::bad_alloc&) {
+        result.exit_code = worse_exit(result.exit_code, out_of_memory());
+        break; // the parser stands in the middle of a step
+      }
       if (!parsed.found && parsed.diagnostics.empty()) break;
       ensure_step();
       report(parsed.diagnostics);
@@ -213,6 +220,14 @@ private:
     } catch (const host::HostExit& end) {
       return {std::max(n.tvlrc, end.return_code), end.return_code == 1008 ? exit_data : exit_program};
     }
+  }
+
+  int out_of_memory()
+  {
+    ensure_step();
+    host_.log().xpmlog(503, 9341);
+    host_.end_step(1016);
+    return exit_internal;
   }
 
   int empty_program()

@@ -79,6 +79,18 @@ TEST(Tables, BoundsAndSingularHessiansAreSaid)
   EXPECT_NE(singular.table("CovMatParmEst"), nullptr); // unasked
 }
 
+// The sandwich needs the subjects' gradients also where the fit goes by differences.
+TEST(Tables, EmpiricalErrorsAreTheSameUnderDifferences)
+{
+  const auto analytic = run_text(example("cbpp", "EMPIRICAL")), differences = run_text(example("cbpp", "EMPIRICAL FD"));
+  ASSERT_EQ(analytic.outcome.exit_code, 0) << analytic.log;
+  ASSERT_EQ(differences.outcome.exit_code, 0) << differences.log;
+  const auto expected = analytic.column("ParameterEstimates", "StandardError"),
+             found = differences.column("ParameterEstimates", "StandardError");
+  ASSERT_EQ(found.size(), expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_NEAR(found[i], expected[i], 1e-3 * expected[i]);
+}
+
 TEST(Tables, JsonKeepsEveryDigit)
 {
   const auto run = run_text(example("theoph", "QPOINTS=1"));
