@@ -86,6 +86,41 @@ NodeId log_one_minus_exp_rule(Graph& g, NodeId n, int)
   return g.negate(g.reciprocal(g.call(Kernel::expm1, g.negate(in(g, n, 0)))));
 }
 
+// d/da of the integral of u**b exp(-a u): less the integral with u**(b+1).
+NodeId exp_mean_rule(Graph& g, NodeId n, int k)
+{
+  if (k > 0) return g.zero(); // the exponential is a function of the first operand
+  return g.negate(g.call(Kernel::exp_mean, in(g, n, 0), g.shift(in(g, n, 1), 1.0), in(g, n, 2)));
+}
+// Of x**3 - a x**2 + b x - c = 0: x' = (x**2 a' - x b' + c') / (3 x**2 - 2 a x + b).
+NodeId cubic_root_rule(Graph& g, NodeId n, int k)
+{
+  if (k == 3) return g.zero();
+  const NodeId a = in(g, n, 0), b = in(g, n, 1);
+  const NodeId slope = g.add(g.multiply(g.subtract(g.scale(3.0, n), g.scale(2.0, a)), n), b);
+  return g.divide(k == 0 ? g.square(n) : k == 1 ? g.negate(n) : g.one(), slope);
+}
+// In the transform: by the time a factor s, by ka and the coefficients a factor of the denominator more.
+NodeId compartment_response_rule(Graph& g, NodeId n, int k)
+{
+  if (k == 0 || k > 5) return g.zero(); // the roots are functions of the coefficients
+  CompartmentResponse r = CompartmentResponse::of(g.value(in(g, n, 0)));
+  double factor = 1.0;
+  if (k == 1) {
+    ++r.power;
+  } else if (k == 2) {
+    factor = -r.depot++;
+  } else {
+    factor = -r.system++;
+    r.power += r.n - (k - 2);
+  }
+  if (factor == 0.0 || k - 2 > r.n) return g.zero();
+  if (!r.valid()) return no_node;
+  std::array<NodeId, 9> operands{g.constant(r.number())};
+  for (int j = 1; j < 9; ++j) operands[static_cast<std::size_t>(j)] = in(g, n, j);
+  return g.scale(factor, g.apply(Kernel::compartment_response, operands));
+}
+
 NodeId sin_rule(Graph& g, NodeId n, int) { return g.call(Kernel::cos, in(g, n, 0)); }
 NodeId cos_rule(Graph& g, NodeId n, int) { return g.negate(g.call(Kernel::sin, in(g, n, 0))); }
 NodeId tan_rule(Graph& g, NodeId n, int) { return g.shift(g.square(n), 1.0); }
@@ -229,6 +264,19 @@ template <const GammaTail& tail> NodeId log_gamma_by_shape_rule(Graph& g, NodeId
   return inside_gamma(g, x, g.multiply(r, second));
 }
 
+// shape - 1 over x; 0 for shape 1, also at the end of the support.
+NodeId power_slope(Graph& g, NodeId x, NodeId shape)
+{
+  if (g.is_constant(shape, 1.0)) return g.zero();
+  const NodeId less_one = g.shift(shape, -1.0);
+  return g.select(g.compare(Kernel::equal, less_one, g.zero()), g.zero(), g.divide(less_one, x));
+}
+NodeId gamma_log_density_rule(Graph& g, NodeId n, int k)
+{
+  const NodeId x = in(g, n, 0), a = in(g, n, 1);
+  return k == 0 ? g.shift(power_slope(g, x, a), -1.0) : g.subtract(g.call(Kernel::log, x), g.call(Kernel::digamma, a));
+}
+
 // Incomplete beta: operands x, a, b, y = 1 - x[, orders by a and b]. x and y move together: the derivative by x covers
 // both, so that by y is 0.
 struct BetaTail {
@@ -251,6 +299,15 @@ struct BetaOperands {
     return g.apply(k, {x, a, b, y, whole_number(g, i), whole_number(g, j)});
   }
 };
+
+NodeId beta_log_density_rule(Graph& g, NodeId n, int k)
+{
+  const BetaOperands o(g, n);
+  if (k == 3) return g.zero();
+  if (k == 1) return g.add(g.call(Kernel::log, o.x), g.call(Kernel::digamma_ratio, o.a, o.b));
+  if (k == 2) return g.add(g.call(Kernel::log, o.y), g.call(Kernel::digamma_ratio, o.b, o.a));
+  return g.subtract(power_slope(g, o.x, o.a), power_slope(g, o.y, o.b));
+}
 
 template <const BetaTail& tail> NodeId beta_tail_rule(Graph& g, NodeId n, int k)
 {
@@ -396,6 +453,9 @@ PartialRule partial_rule(Kernel k)
 
   case Kernel::exp: return exp_rule;
   case Kernel::expm1: return expm1_rule;
+  case Kernel::exp_mean: return exp_mean_rule;
+  case Kernel::cubic_root: return cubic_root_rule;
+  case Kernel::compartment_response: return compartment_response_rule;
   case Kernel::log: case Kernel::log_or_minus_infinity: return log_rule;
   case Kernel::log1p: return log1p_rule;
   case Kernel::log2: return log2_rule;
@@ -445,6 +505,7 @@ PartialRule partial_rule(Kernel k)
   case Kernel::log_gamma_upper: return log_gamma_tail_rule<gamma_above>;
   case Kernel::log_gamma_lower_by_shape: return log_gamma_by_shape_rule<gamma_below>;
   case Kernel::log_gamma_upper_by_shape: return log_gamma_by_shape_rule<gamma_above>;
+  case Kernel::gamma_log_density: return gamma_log_density_rule;
   case Kernel::gamma_quantile: return gamma_quantile_rule;
   case Kernel::gamma_upper_quantile: return gamma_upper_quantile_rule;
   case Kernel::beta_lower: return beta_tail_rule<beta_below>;
@@ -453,6 +514,7 @@ PartialRule partial_rule(Kernel k)
   case Kernel::log_beta_upper: return log_beta_tail_rule<beta_above>;
   case Kernel::log_beta_lower_by_shapes: return log_beta_by_shapes_rule<beta_below>;
   case Kernel::log_beta_upper_by_shapes: return log_beta_by_shapes_rule<beta_above>;
+  case Kernel::beta_log_density: return beta_log_density_rule;
   case Kernel::beta_quantile: return beta_quantile_slope;
   case Kernel::beta_quantile_complement: return beta_quantile_complement_rule;
   case Kernel::t_lower: return t_lower_rule;

@@ -3,6 +3,7 @@
 
 #include "engine/kernels/builds.h"
 #include "engine/kernels/lane_arithmetic.h"
+#include "engine/kernels/lane_compartments.h"
 #include "engine/kernels/lane_elementary.h"
 #include "engine/kernels/lane_gamma.h"
 #include "engine/kernels/lane_normal.h"
@@ -156,6 +157,9 @@ KernelTable build_table(const char* isa)
   set<lane::softplus>(table, Kernel::softplus);
   set<lane::logit>(table, Kernel::logit);
   set<lane::log_add_exp>(table, Kernel::log_add_exp);
+  set<lane::exp_mean>(table, Kernel::exp_mean);
+  set<lane::cubic_root>(table, Kernel::cubic_root);
+  set<lane::compartment_response>(table, Kernel::compartment_response);
   set<lane::gamma>(table, Kernel::gamma);
   set<lane::lgamma>(table, Kernel::lgamma);
   set<lane::digamma>(table, Kernel::digamma);
@@ -179,6 +183,7 @@ KernelTable build_table(const char* isa)
   set<scalar::log_gamma_upper>(table, Kernel::log_gamma_upper);
   set<scalar::log_gamma_lower_by_shape>(table, Kernel::log_gamma_lower_by_shape);
   set<scalar::log_gamma_upper_by_shape>(table, Kernel::log_gamma_upper_by_shape);
+  set<scalar::gamma_log_density>(table, Kernel::gamma_log_density);
   set<scalar::gamma_quantile>(table, Kernel::gamma_quantile);
   set<scalar::gamma_upper_quantile>(table, Kernel::gamma_upper_quantile);
   set<scalar::beta_lower>(table, Kernel::beta_lower);
@@ -187,6 +192,7 @@ KernelTable build_table(const char* isa)
   set<scalar::log_beta_upper>(table, Kernel::log_beta_upper);
   set<scalar::log_beta_lower_by_shapes>(table, Kernel::log_beta_lower_by_shapes);
   set<scalar::log_beta_upper_by_shapes>(table, Kernel::log_beta_upper_by_shapes);
+  set<scalar::beta_log_density>(table, Kernel::beta_log_density);
   set<scalar::beta_quantile>(table, Kernel::beta_quantile);
   set<scalar::beta_quantile_complement>(table, Kernel::beta_quantile_complement);
   set<scalar::t_lower>(table, Kernel::t_lower);
