@@ -75,6 +75,7 @@ int ByGroups::find_groups(bool notsorted, MessageSink& log)
                   {"before", key_text(data, columns_, row - 1)},
                   {"after", key_text(data, columns_, row)},
                   {"row", data.file_row(row)}});
+      groups_.clear();
       return -1;
     }
   }

@@ -54,6 +54,10 @@ public:
   {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
   }
+  void set_seed(std::int64_t seed) override
+  {
+    if (!results_.steps.empty()) results_.steps.back().seed = seed;
+  }
   std::uint32_t clock_seed() const override;
   int cores() const override { return std::max(1, static_cast<int>(std::thread::hardware_concurrency())); }
   const std::string* option(std::string_view name) const override;
@@ -70,6 +74,7 @@ private:
   GroupResult& group_for_tables();
   void close_tables();
   bool write_text_files();
+  const char* protected_file(const std::filesystem::path& path) const;
 
   void list(std::string_view text)
   {
@@ -141,6 +146,20 @@ void EmbeddedHost::end_step(int return_code)
   step.data_sets = libraries_.take_written();
 }
 
+// Why lines of PUT may not go there; null when they may.
+const char* EmbeddedHost::protected_file(const std::filesystem::path& path) const
+{
+  const auto is = [&](const std::string& other) {
+    std::error_code error;
+    if (std::filesystem::equivalent(path, other, error)) return true;
+    return std::filesystem::weakly_canonical(path, error) == std::filesystem::weakly_canonical(other, error) && !error;
+  };
+  const auto& own = options_.own_files;
+  if (std::any_of(own.begin(), own.end(), is)) return "it is the program or a result of this run";
+  const auto& read = libraries_.files_read();
+  return std::any_of(read.begin(), read.end(), is) ? "this run has read data from it" : nullptr;
+}
+
 bool EmbeddedHost::write_text_files()
 {
   bool all = true;
@@ -148,6 +167,11 @@ bool EmbeddedHost::write_text_files()
     if (!std::exchange(file.changed, false)) continue;
     const std::filesystem::path path = std::filesystem::path(options_.places.output_folder) / name;
     std::string problem;
+    if (const char* reason = protected_file(path)) {
+      log_.xpmlog(503, 9435, {{"file", path.string()}, {"reason", reason}});
+      all = false;
+      continue;
+    }
     if (write_file(path.string(), file.text, problem)) continue;
     log_.xpmlog(503, 9223, {{"file", path.string()}, {"problem", problem}});
     all = false;

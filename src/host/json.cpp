@@ -75,7 +75,9 @@ void append_group(std::string& out, const GroupResult& group)
 
 void append_step(std::string& out, const StepResult& step)
 {
-  out += fmt::format("{{\"return_code\": {},\n     \"messages\": [", step.return_code);
+  out += fmt::format("{{\"return_code\": {},", step.return_code);
+  if (step.seed >= 0) out += fmt::format(" \"seed\": {},", step.seed);
+  out += "\n     \"messages\": [";
   Separated messages(out, ",");
   for (const Message& message : step.messages) {
     messages.next();

@@ -31,6 +31,12 @@ bool is_file(const std::string& path)
   return fs::exists(path, error) && !is_folder(path);
 }
 
+bool is_regular(const std::string& path)
+{
+  std::error_code error;
+  return fs::is_regular_file(path, error);
+}
+
 // Why nothing can be read there, in words.
 std::string no_file_reason(const std::string& path)
 {
@@ -44,7 +50,7 @@ std::string no_file_reason(const std::string& path)
 // Is the path an SQLite database: by its contents, or by its name when it is still to be made?
 bool is_database(const std::string& path)
 {
-  if (is_file(path)) return is_sqlite_file(path);
+  if (is_file(path)) return is_regular(path) && is_sqlite_file(path);
   const std::string ending = wzstrlo(fs::path(path).extension().string());
   return !is_folder(path) && (ending == ".sqlite" || ending == ".sqlite3" || ending == ".db");
 }
@@ -152,6 +158,19 @@ std::vector<std::string> Libraries::bound_names() const
   return names;
 }
 
+std::optional<DataSet> Libraries::read_csv_file(const std::string& path, MessageSink& log,
+                                                const ColumnKinds& kinds) const
+{
+  if (is_regular(path)) {
+    files_read_.push_back(path);
+    return read_csv(path, log, kinds);
+  }
+  if (const auto known = piped_.find(path); known != piped_.end()) return known->second;
+  auto data = read_csv(path, log, kinds);
+  if (data) piped_.emplace(path, *data);
+  return data;
+}
+
 // A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
 std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
                                             const MessagePlace& place, const ColumnKinds& kinds) const
@@ -160,7 +179,7 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
     log.xpmlog(503, 9002, {{"file", path}, {"reason", no_file_reason(path)}}, place);
     return std::nullopt;
   }
-  if (!is_sqlite_file(path)) return read_csv(path, log, kinds);
+  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv_file(path, log, kinds);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)
@@ -210,7 +229,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
       else
         not_found(reference.name, "the database " + folder, tables, log, place);
     } else if (found = file_in_folder(folder, parts.member); !found.empty()) {
-      data = read_csv(found, log);
+      data = read_csv_file(found, log);
     } else {
       auto alternatives = members_of(folder);
       for (const auto& [n, path] : data_)

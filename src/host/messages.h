@@ -132,7 +132,7 @@ public:
   bool has_errors() const { return errors_ > 0; }
   std::size_t errors() const { return errors_; }
 
-  static constexpr int repeat_limit = 20; // the same message is shown this often per BY group
+  static constexpr int repeat_limit = 20; // the same message is shown this often per BY group; LOGNOTE's always
 
 private:
   LineWriter writer_;

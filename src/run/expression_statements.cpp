@@ -27,9 +27,11 @@ void refuse_name(NX& n, const char* statement, int number, const engine::CMPSYM&
 // An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
 void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {
-  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
-    if (input->parameter < 0) refuse_name(n, statement, input->random_effect >= 0 ? 33 : 38, *input, where);
-  }
+  const auto inputs = engine::cmpdeps(*n.gcmp, symbol);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->random_effect >= 0) refuse_name(n, statement, 33, *input, where);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->parameter < 0) refuse_name(n, statement, 38, *input, where);
 }
 
 EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)

@@ -7,6 +7,7 @@
 #include "run/statement_processing.h"
 
 #include <algorithm>
+#include <cctype>
 #include <limits>
 
 namespace torvale::run {
@@ -74,6 +75,35 @@ void refuse_other_roles(NX& n, const NamedValues& named, const CMPSYM& symbol)
   tvlexit(n, 3000);
 }
 
+// Is the name a term of a sum somewhere in the program?
+bool added_to_another(const std::string& program, const std::string& name)
+{
+  const auto part_of_name = [](char c) { return c == '_' || std::isalnum(static_cast<unsigned char>(c)) != 0; };
+  const std::string text = host::wzstrup(program), word = host::wzstrup(name);
+  for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+    const std::size_t end = at + word.size();
+    const bool whole = (at == 0 || !part_of_name(text[at - 1])) && (end == text.size() || !part_of_name(text[end]));
+    const std::size_t before = text.find_last_not_of(' ', at == 0 ? 0 : at - 1), after = text.find_first_not_of(' ', end);
+    if (whole && ((at > 0 && before != std::string::npos && text[before] == '+') ||
+                  (after != std::string::npos && text[after] == '+')))
+      return true;
+  }
+  return false;
+}
+
+// Names that are added to another while there is no RANDOM statement: they look like random effects.
+std::string like_effects(const NX& n, const std::vector<std::string>& defaulted)
+{
+  const bool any_random = std::any_of(n.proc->statements.begin(), n.proc->statements.end(),
+                                      [](const STMT& s) { return s.name == "RANDOM"; });
+  if (any_random) return {};
+  const std::string program = engine::cmppprg(*n.gcmp);
+  std::string names;
+  for (const std::string& name : defaulted)
+    if (added_to_another(program, name)) names += (names.empty() ? "" : ", ") + name;
+  return names;
+}
+
 // Notes 363 to 365: names that became parameters at 1, with the nearest name that might have been meant.
 void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool statement_given)
 {
@@ -100,6 +130,12 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool sta
   if (!meant.empty()) arguments.emplace_back("near", meant);
   const int number = !statement_given ? 365 : defaulted.size() == 1 ? 363 : 364;
   n.host->log().xpmlog(503, number, arguments);
+  if (!statement_given && !n.strict) return;
+  // With a PARMS statement such a name is a mistake more often than not.
+  if (std::string effects = like_effects(n, defaulted); !effects.empty()) arguments.emplace_back("effects", effects);
+  n.host->log().xpmlog(503, n.strict ? 9434 : 9433, arguments);
+  if (n.strict) tvlexit(n, 3000);
+  n.raise(4);
 }
 
 // Some value is ._ or .A to .Z: programs that read the column then compare missing values by kind.
@@ -145,7 +181,7 @@ void parameter_setup(NX& n)
 
   std::vector<std::string> defaulted;
   for (const CMPSYM* symbol : engine::cmpsymbols(*n.gcmp)) {
-    if (!undefined(n, *symbol) || is_named(symbol->name)) continue;
+    if (!undefined(n, *symbol) || is_named(symbol->name) || host::equal_names(symbol->name, n.depname)) continue;
     if (symbol->type == 'c') {
       log.xpmlog(503, 366, {{"name", symbol->name}}, place_at(n, "", symbol->where));
       tvlexit(n, 1012);

@@ -24,6 +24,7 @@ void set_seed(NX& n, const STMT& s)
   if (n.seed >= 1 && n.seed <= 2147483646) return;
   if (given > 2147483646.0) log.xpmlog(503, 9302, {{"seed", given}}, place_at(n, "TORVALE", s.slot(86).where));
   n.seed = static_cast<long>(n.host->clock_seed());
+  n.seed_from_clock = true;
 }
 
 double default_qmax(const NX& n)

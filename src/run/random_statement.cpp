@@ -85,7 +85,9 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
     tvlexit(n, 1012);
   }
   const auto at = n.fid->xvfind(list[0].text);
-  if (at == host::DataSet::npos) {
+  const bool parameter = std::any_of(n.parmstr.begin(), n.parmstr.end(),
+                                     [&](const auto& p) { return host::equal_names(p.parmname, list[0].text); });
+  if (at == host::DataSet::npos || parameter) {
     host::MessageArguments arguments = {{"role", "subject"}, {"name", list[0].text}};
     const std::string nearest = host::nearest_name(list[0].text, n.fid->column_names());
     if (!nearest.empty()) arguments.emplace_back("near", nearest);

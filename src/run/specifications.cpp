@@ -1,4 +1,5 @@
 #include "optimizer/optimizer.h"
+#include "parallel/worker_pool.h"
 #include "run/statement_processing.h"
 
 namespace torvale::run {
@@ -59,7 +60,7 @@ void tvlspec(NX& n)
   row(150, words(150 + n.str->tech));
   if (n.method == 3 && n.nreff() > 0) row(97, std::to_string(n.seed));
   row(60, words(method_text(n)));
-  if (n.runThreads) row(650, std::to_string(n.nthreads));
+  if (n.runThreads) row(650, std::to_string(n.workers != nullptr ? n.workers->contexts() : 1));
   n.host->tables().wobmth(std::move(table));
 }
 

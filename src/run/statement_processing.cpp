@@ -3,6 +3,7 @@
 #include "evaluation/likelihood_programs.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "run/idle_options.h"
 #include "syntax/tree.h"
 
 #include <algorithm>
@@ -108,25 +109,49 @@ void refuse_unserved(NX& n)
   if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(5).where);
 }
 
-void dependent_variable(NX& n)
+host::MessagePlace dependent_place(const NX& n)
 {
-  auto& log = n.host->log();
   STMT* stmt = nullptr;
   syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  const auto place = place_at(n, "MODEL", stmt->slot(1).list[0].where);
+  return place_at(n, "MODEL", stmt->slot(1).list[0].where);
+}
+
+void refuse_character_dependent(NX& n)
+{
+  const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
+  const host::Column* const column = n.fid->find(n.depname);
+  const bool assigned = symbol != nullptr && symbol->assigned;
+  const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
+  if (!character) return;
+  n.host->log().xpmlog(503, 39, {{"name", n.depname}}, dependent_place(n));
+  tvlexit(n, 3000);
+}
+
+void dependent_variable(NX& n)
+{
   n.depsym = engine::cmpsyms(*n.gcmp, n.depname);
-  const host::Column* column = n.fid->find(n.depname);
-  const bool known = column != nullptr || (n.depsym != nullptr && n.depsym->assigned);
-  if (!known) {
+  const bool computed = n.depsym != nullptr && n.depsym->assigned;
+  const bool parameter = n.depsym != nullptr && n.depsym->parameter >= 0;
+  if (parameter || (!computed && n.fid->find(n.depname) == nullptr)) {
     host::MessageArguments arguments = {{"name", n.depname}, {"data", n.data_name}};
-    if (const std::string nearest = host::nearest_name(n.depname, n.fid->column_names()); !nearest.empty())
-      arguments.emplace_back("near", nearest);
-    log.xpmlog(503, 5, arguments, place);
+    const std::string nearest = host::nearest_name(n.depname, n.fid->column_names());
+    if (parameter) arguments.emplace_back("statement", "PARMS");
+    if (!parameter && !nearest.empty()) arguments.emplace_back("near", nearest);
+    n.host->log().xpmlog(503, 5, arguments, dependent_place(n));
     tvlexit(n, 3000);
   }
-  if ((n.depsym != nullptr && n.depsym->type == 'c') ||
-      (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
-    log.xpmlog(503, 39, {{"name", n.depname}}, place);
+  refuse_character_dependent(n); // a type that only the whole program shows
+}
+
+// BY variables are read from the data set.
+void by_variables(NX& n)
+{
+  for (const host::ByVariable& variable : n.bylist) {
+    if (n.fid->find(variable.name) != nullptr) continue;
+    host::MessageArguments arguments = {{"role", "BY"}, {"name", variable.name}};
+    const std::string nearest = host::nearest_name(variable.name, n.fid->column_names());
+    if (!nearest.empty()) arguments.emplace_back("near", nearest);
+    n.host->log().xpmlog(503, 9, arguments, place_at(n, "BY", n.proc->statements.front().slot(0).where));
     tvlexit(n, 3000);
   }
 }
@@ -181,7 +206,8 @@ void replicate_statement(NX& n)
   n.repsym = engine::cmpsyms(*n.gcmp, item.text);
   const auto at = n.fid->xvfind(item.text);
   const bool computed = n.repsym != nullptr && n.repsym->assigned;
-  const bool usable = computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric());
+  const bool parameter = n.repsym != nullptr && n.repsym->parameter >= 0;
+  const bool usable = !parameter && (computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric()));
   if (!usable) {
     n.host->log().xpmlog(503, 22, {{"name", item.text}, {"data", n.data_name}}, place_at(n, "REPLICATE", item.where));
     tvlexit(n, 3000);
@@ -245,19 +271,30 @@ void end_on_errors(NX& n, int return_code)
   if (log_diagnostics(n) > 0) tvlexit(n, return_code);
 }
 
+// A run that draws can be repeated: its results carry the seed, and a note says so when the clock gave it.
+void tell_seed(NX& n)
+{
+  if (!(n.method == 3 && n.nreff() > 0) && !engine::cmpdraws(*n.gcmp)) return;
+  n.host->set_seed(n.seed);
+  if (n.seed_from_clock) n.host->log().xpmlog(503, 9303, {{"seed", n.seed}});
+}
+
 } // namespace
 
 void tvlinit(NX& n)
 {
   const STMT& procedure = n.proc->statements.front();
   procedure_options(n, procedure);
+  note_idle_options(n, procedure);
 
   n.gcmp = engine::cmpinit({n.sources, static_cast<std::uint64_t>(n.seed)});
   engine::cmpprogram(*n.gcmp, n.proc->program);
   end_on_errors(n, 1012);
 
   refuse_unserved(n);
+  by_variables(n);
   model_statement(n);
+  refuse_character_dependent(n);
   parameter_setup(n);
   random_statements(n, procedure);
   replicate_statement(n);
@@ -290,6 +327,7 @@ void tvlinit(NX& n)
   specialise_expression_statements(n);
   specialise_prediction_statements(n);
   end_on_errors(n, 1012);
+  tell_seed(n);
   listings(n);
   if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);
 }

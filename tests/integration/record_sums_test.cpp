@@ -118,7 +118,6 @@ TEST(RecordSums, EqualAPlainLoopForEveryChoiceOfSubjects)
     n.parm = {0.4, 0.7};
     model::TVLThreadCtx& ctx = *n.ctx[0];
     ctx.frame->set_parameters(n.parm.data());
-    static constexpr int value_only[] = {0};
     for (const model::Batch& batch : n.batches) {
       integration::take_batch(n, ctx, batch);
       for (int choice = 0; choice < 8; ++choice) {
@@ -126,8 +125,8 @@ TEST(RecordSums, EqualAPlainLoopForEveryChoiceOfSubjects)
         const int room = evaluation::most_pairs / static_cast<int>(slots.size());
         static constexpr int counts[] = {1, 1, 3, 9, 31, 40};
         const int points = std::min(room, counts[std::uniform_int_distribution<int>(0, 5)(random)]);
-        expect_plain_sums({n, *n.programs.value, value_only, slots, points}, random);
-        expect_plain_sums({n, *n.programs.gradient, n.programs.gradient_list, slots, points}, random);
+        for (const model::ModelProgram* p : {&n.programs.value, &n.programs.gradient})
+          expect_plain_sums({n, *p->code, p->outputs, slots, points}, random);
         if (HasFatalFailure()) return;
       }
     }

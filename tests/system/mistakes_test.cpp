@@ -170,6 +170,48 @@ const std::vector<Mistake>& mistakes()
        3000,
        3,
        {"ALPHA", "1.5", "line 1"}},
+      {"DependentInParms",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 incidence=2;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"incidence", "PARMS makes it a parameter", "line 3", "503/5"}},
+      {"DependentOnlyInParms",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 y=2;\nMODEL y ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"503/5", "line 3"}},
+      {"ReplicateIsAParameter",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 size=2;\nMODEL incidence ~ NORMAL(b0, 1);\nREPLICATE size;\nRUN;",
+       3000,
+       3,
+       {"503/22", "size", "line 4"}},
+      {"SubjectIsAParameter",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1 herd=2;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nRUN;",
+       3000,
+       3,
+       {"503/9]", "herd", "line 4"}},
+      {"UnknownByVariable",
+       "TORVALE DATA=cbpp;\nBY herdd;\nPARMS b0=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"503/9]", "herdd", "herd?", "line 2"}},
+      {"CharacterDependentComesFirst",
+       "TORVALE DATA=epil;\nMODEL trt ~ NORMAL(b0+u, 1);\nPARMS b0=1;\nPARMS b1=1;\nESTIMATE 'e' b0+u+x;\nRUN;",
+       3000,
+       3,
+       {"503/39", "line 2"}},
+      {"EffectInEstimateBeforeUnknownName",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nESTIMATE 'e' period + u;\nRUN;",
+       3000,
+       3,
+       {"503/33", "line 5"}},
+      {"MisspelledNameInEstimate",
+       "TORVALE DATA=cbpp;\nPARMS beta=1;\nMODEL incidence ~ NORMAL(beta, 1);\nESTIMATE 'e' exp(bta);\nRUN;",
+       3000,
+       3,
+       {"503/38", "bta", "beta?", "line 4"}},
       {"TooManyPoints",
        "TORVALE DATA=cbpp QPOINTS=6000;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
        "SUBJECT=herd;\nRUN;",
@@ -261,6 +303,24 @@ TEST(BadData, StartingValuesWithoutRows)
     EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
     EXPECT_TRUE(run.said(503, 9430)) << run.log;
   }
+}
+
+// Fragments of groups are no groups: nothing is fitted, nothing shown.
+TEST(BadData, OrderOfGroupsIsCheckedFirst)
+{
+  const TemporaryFile data("unsorted.csv", "g,y\n1,2\n1,3\n2,4\n2,6\n1,5\n1,1\n");
+  const auto fit = [&](const std::string& by) {
+    return run_text("TORVALE DATA=d;\nBY " + by + ";\nPARMS m=1;\nMODEL y ~ NORMAL(m,1);\nRUN;", "examples", 0,
+                    {{"d", data.path()}});
+  };
+  for (const char* by : {"g", "DESCENDING g"}) {
+    const auto run = fit(by);
+    EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
+    EXPECT_TRUE(run.said(503, 9032)) << run.log;
+    EXPECT_EQ(run.listing, "");
+    EXPECT_TRUE(run.outcome.results.steps[0].groups.empty());
+  }
+  EXPECT_EQ(fit("g NOTSORTED").outcome.results.steps[0].groups.size(), 3u);
 }
 
 // Paths that the file system refuses are told as any other file that is not there.

@@ -79,6 +79,107 @@ TEST(Tables, BoundsAndSingularHessiansAreSaid)
   EXPECT_NE(singular.table("CovMatParmEst"), nullptr); // unasked
 }
 
+double largest_number(const Run& run)
+{
+  double largest = 0.0;
+  for (const auto& group : run.outcome.results.steps[0].groups)
+    for (const auto& table : group.tables)
+      for (const auto& row : table.rows())
+        for (const auto& cell : row)
+          if (cell.number() != nullptr && std::abs(*cell.number()) > largest) largest = std::abs(*cell.number());
+  return largest;
+}
+
+// A standard error is as large as it is, in whatever units; where there is none nothing is derived from it.
+TEST(Tables, SmallStandardErrorsAreShownAsTheyAre)
+{
+  std::string lines = "y,x\n", small = lines;
+  for (int i = 0; i < 12; ++i) {
+    const double y = 3 + 0.5 * i + (i % 3 - 1) * 0.7;
+    lines += std::to_string(y) + "," + std::to_string(i) + "\n";
+    small += std::to_string(y) + "e-9," + std::to_string(i) + "\n";
+  }
+  const TemporaryFile data("units.csv", lines), in_small_units("small.csv", small);
+  const auto fit = [](const std::string& path, const std::string& s2, const std::string& factor) {
+    return run_text("TORVALE DATA=d COV CORR ECOV ECORR;\nPARMS a=3 b=0.5;\nm = (a + b*x)*" + factor +
+                        ";\nMODEL y ~ NORMAL(m, " + s2 + ");\nESTIMATE 'double' 2*a*" + factor +
+                        ";\nESTIMATE 'nothing' 0*a;\nCONTRAST 'none' 0*a;\nRUN;",
+                    "examples", 0, {{"d", path}});
+  };
+  const auto one = fit(data.path(), "1", "1"), other = fit(in_small_units.path(), "1e-18", "1e-9");
+  ASSERT_EQ(one.outcome.exit_code, 0) << one.log;
+  ASSERT_EQ(other.outcome.exit_code, 0) << other.log;
+  const double error = one.number("AdditionalEstimates", "double", "StandardError");
+  EXPECT_NEAR(other.number("AdditionalEstimates", "double", "StandardError"), 1e-9 * error, 1e-15 * error);
+  EXPECT_NEAR(other.number("AdditionalEstimates", "double", "tValue"),
+              one.number("AdditionalEstimates", "double", "tValue"), 1e-4);
+  for (const char* column : {"StandardError", "tValue", "Probt", "Lower", "Upper"})
+    EXPECT_TRUE(std::isnan(one.number("AdditionalEstimates", "nothing", column))) << column;
+  EXPECT_LT(largest_number(one), 1e6);
+}
+
+TEST(Tables, ParameterWithoutInfluenceIsNamed)
+{
+  const auto run = run_text("TORVALE DATA=sleepstudy;\nPARMS b0=300 s=2000 idle=2;\nm = b0;\n"
+                            "IF days > 1e6 THEN m = idle;\nMODEL reaction ~ NORMAL(m, s);\nRUN;");
+  EXPECT_TRUE(run.said(503, 9431)) << run.log;
+  EXPECT_NE(run.log.find("does not depend on idle"), std::string::npos) << run.log;
+  for (const char* column : {"StandardError", "tValue", "Probt", "Lower", "Upper"}) {
+    EXPECT_TRUE(std::isnan(run.number("ParameterEstimates", "idle", column))) << column;
+    EXPECT_FALSE(std::isnan(run.number("ParameterEstimates", "b0", column))) << column;
+  }
+  EXPECT_LT(largest_number(run), 1e8);
+}
+
+TEST(Tables, DegreesOfFreedomOfZeroAreTold)
+{
+  const TemporaryFile data("one.csv", "id,y\n1,2\n1,3\n1,5\n");
+  const auto run = run_text("TORVALE DATA=d TECH=NONE;\nPARMS m=3 v=1;\nMODEL y ~ NORMAL(m+u,1);\nRANDOM u ~ NORMAL(0,v) "
+                            "SUBJECT=id;\nRUN;",
+                            "examples", 0, {{"d", data.path()}});
+  EXPECT_TRUE(run.said(503, 9432)) << run.log;
+}
+
+TEST(Tables, DifferencesShowTheirGradient)
+{
+  const auto analytic = run_text(example("cbpp", "START")), differences = run_text(example("cbpp", "START FD"));
+  ASSERT_EQ(differences.outcome.exit_code, 0) << differences.log;
+  const auto expected = analytic.column("StartingValues", "Gradient"), found = differences.column("StartingValues", "Gradient");
+  ASSERT_EQ(found.size(), expected.size());
+  for (std::size_t i = 0; i < found.size(); ++i) EXPECT_NEAR(found[i], expected[i], 1e-4 * (1 + std::abs(expected[i])));
+  const auto simplex = run_text(example("cbpp", "TECH=NMSIMP FD"));
+  for (const double g : simplex.column("ParameterEstimates", "Gradient")) EXPECT_LT(std::abs(g), 0.05);
+}
+
+// The three subjects that the model serves worst, with the statement that fails.
+TEST(Tables, FailedStartNamesTheWorstSubjects)
+{
+  std::string rows = "id,y,x\n";
+  for (int id = 1; id <= 6; ++id)
+    for (int k = 0; k < id; ++k) rows += std::to_string(id) + ",1," + std::to_string(id > 2 ? -1 : 1) + "\n";
+  const TemporaryFile data("worst.csv", rows);
+  const auto run = run_text("TORVALE DATA=d;\nPARMS b=2 v=1;\nmu = LOG(b*x) + u;\nMODEL y ~ NORMAL(mu, 1);\n"
+                            "RANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
+                            "examples", 0, {{"d", data.path()}});
+  EXPECT_EQ(run.outcome.exit_code, 4) << run.log; // the data pass finds records without a value
+  const auto far = run_text("TORVALE DATA=d ITDETAILS;\nPARMS b=-800 v=1;\np = EXP(b*x+u)/(1+EXP(b*x+u));\n"
+                            "MODEL y ~ BINARY(p);\nRANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
+                            "examples", 0, {{"d", data.path()}});
+  EXPECT_EQ(far.outcome.exit_code, 7) << far.log;
+  int told = 0;
+  for (const auto& m : far.outcome.results.steps[0].messages) told += m.number == 9437;
+  EXPECT_LE(told, 3);
+  EXPECT_EQ(far.outcome.results.steps[0].messages.back().number, 232) << far.log;
+}
+
+TEST(Tables, ModelWithoutParametersIsClean)
+{
+  const auto run = run_text("TORVALE DATA=sleepstudy;\nMODEL reaction ~ NORMAL(300, 3000);\nRUN;");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_EQ(run.log.find("WARNING"), std::string::npos) << run.log;
+  EXPECT_FALSE(std::isnan(run.number("FitStatistics", "-2 Log Likelihood", "Value")));
+}
+
 // The sandwich needs the subjects' gradients also where the fit goes by differences.
 TEST(Tables, EmpiricalErrorsAreTheSameUnderDifferences)
 {
