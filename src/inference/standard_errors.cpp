@@ -1,5 +1,6 @@
 #include "inference/standard_errors.h"
 
+#include "host/message_names.h"
 #include "host/missing.h"
 
 #include <algorithm>
@@ -67,7 +68,7 @@ void warn_without_influence(NX& n)
       responds = n.hessmat[r * (r + 1) / 2 + c] != 0.0;
     }
     if (responds) continue;
-    n.host->log().xpmlog(503, 9431, {{"name", n.parmstr[static_cast<std::size_t>(i)].parmname}});
+    n.host->log().xpmlog(message::parameter_without_influence{.name = n.parmstr[static_cast<std::size_t>(i)].parmname});
     n.raise(4);
   }
 }

@@ -1,5 +1,6 @@
 #include "run/idle_options.h"
 
+#include "host/message_names.h"
 #include "run/statement_processing.h"
 
 namespace torvale::run {
@@ -61,7 +62,7 @@ void note_idle_options(model::NX& n, const syntax::STMT& procedure)
   for (const IdleOption& o : options)
     if (o.slot >= 0 ? procedure.given(o.slot) : procedure.flag(o.flag)) add(o.name);
   if (!n.proc->traces.empty()) add("trace switches");
-  if (!names.empty()) n.host->log().xpmlog(503, 9436, {{"options", names}}, place_at(n, "TORVALE", procedure.where));
+  if (!names.empty()) n.host->log().xpmlog(message::options_without_effect{.options = names}, place_at(n, "TORVALE", procedure.where));
 }
 
 } // namespace torvale::run

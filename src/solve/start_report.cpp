@@ -1,6 +1,7 @@
 #include "solve/start_report.h"
 
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -64,25 +65,23 @@ std::vector<Worst> by_subject(const NX& n, const std::vector<double>& loglik)
 void tell(NX& n, engine::Frame& frame, const Worst& w)
 {
   host::MessagePlace place = evaluation::place_of(n, w.first_bad);
-  host::MessageArguments arguments = {{"observation", evaluation::observation_number(n, w.first_bad)}};
+  message::start_fails_at_subject words{.observation = evaluation::observation_number(n, w.first_bad)};
   if (n.nreff() > 0) {
-    arguments.emplace_back("bad", w.bad);
-    arguments.emplace_back("records", w.records);
+    words.bad = w.bad;
+    words.records = w.records;
   }
   std::vector<engine::Fault> faults;
   int nerror = 0, nmissgen = 0;
   frame.set_range(w.first_bad, 1);
   frame.run_checked(*n.programs.value.code, w.first_bad, 0, faults, nerror, nmissgen);
   if (!faults.empty()) {
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
-  } else {
-    if (n.depsym != nullptr && n.depsym->dsvarno > 0) {
-      const auto& column = n.fid->columns()[static_cast<std::size_t>(n.depsym->dsvarno - 1)];
-      const auto row = n.rows.begin + static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(w.first_bad)]);
-      arguments.emplace_back("response", n.depname + " = " + column.shown(row));
-    }
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+  } else if (n.depsym != nullptr && n.depsym->dsvarno > 0) {
+    const auto& column = n.fid->columns()[static_cast<std::size_t>(n.depsym->dsvarno - 1)];
+    const auto row = n.rows.begin + static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(w.first_bad)]);
+    words.response = n.depname + " = " + column.shown(row);
   }
-  n.host->log().xpmlog(503, 9437, arguments, place);
+  n.host->log().xpmlog(words, place);
 }
 
 } // namespace
