@@ -134,6 +134,7 @@ int run_command(const RunArguments& arguments)
   settings.strict = arguments.strict;
   for (const std::string& path : {arguments.program, output.list, output.log, output.json, output.html})
     if (!path.empty() && path != "-") settings.own_files.push_back(path);
+  for (const auto& [name, path] : arguments.data) settings.own_files.push_back(path);
   settings.listing = [&](std::string_view s) { listing.write(s); };
   settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
   if (host::is_terminal(2) && output.log.empty())

@@ -57,7 +57,6 @@ struct NameLess {
 
 class CMPGLOBAL {
 public:
-  bool draws = false; // a random function without a seed of its own stands in the program
   explicit CMPGLOBAL(const CMPINIT& init);
   ~CMPGLOBAL();
 

@@ -123,8 +123,6 @@ struct ProgramData {
   int nlag = 0;
 };
 ProgramData cmppdv(const CMPGLOBAL& gcmp);
-// cmpdraws: whether the program draws random numbers from the seed of the run.
-bool cmpdraws(const CMPGLOBAL& gcmp);
 // cmpgen: ends the building: no list, request or symbol may follow. Returns 0 or the number of errors.
 int cmpgen(CMPGLOBAL& gcmp);
 

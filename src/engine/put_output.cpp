@@ -32,11 +32,6 @@ std::size_t as_column(double v)
 
 } // namespace
 
-bool cmpdraws(const CMPGLOBAL& gcmp)
-{
-  return gcmp.draws;
-}
-
 bool has_put(const CMPGLOBAL& gcmp)
 {
   return std::any_of(gcmp.effects.begin(), gcmp.effects.end(),

@@ -199,7 +199,6 @@ std::optional<Value> Translator::lag(const Expr& e)
 // program and how often it was executed before in this run.
 Value Translator::draw(const Expr& e, const LanguageFunction& f, std::span<const NodeId> arguments)
 {
-  gcmp_.draws = gcmp_.draws || arguments.empty();
   const NodeId seed = graph_.constant(static_cast<double>(gcmp_.options.seed & ((std::uint64_t{1} << 53) - 1)));
   const int place = draws_.try_emplace(&e, static_cast<int>(draws_.size())).first->second;
   const Slot count = flag_slot(&e, "draws");

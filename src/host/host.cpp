@@ -55,10 +55,6 @@ public:
   {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
   }
-  void set_seed(std::int64_t seed) override
-  {
-    if (!results_.steps.empty()) results_.steps.back().seed = seed;
-  }
   std::uint32_t clock_seed() const override;
   int cores() const override { return std::max(1, static_cast<int>(std::thread::hardware_concurrency())); }
   const std::string* option(std::string_view name) const override;
@@ -155,10 +151,9 @@ const char* EmbeddedHost::protected_file(const std::filesystem::path& path) cons
     if (std::filesystem::equivalent(path, other, error)) return true;
     return std::filesystem::weakly_canonical(path, error) == std::filesystem::weakly_canonical(other, error) && !error;
   };
-  const auto& own = options_.own_files;
-  if (std::any_of(own.begin(), own.end(), is)) return "it is the program or a result of this run";
-  const auto& read = libraries_.files_read();
-  return std::any_of(read.begin(), read.end(), is) ? "this run has read data from it" : nullptr;
+  const auto& own = options_.options;
+  const bool kept = std::any_of(own.begin(), own.end(), [&](const auto& o) { return o.first == "KEEP" && is(o.second); });
+  return kept ? "it is an input or a result of this run" : nullptr;
 }
 
 bool EmbeddedHost::write_text_files()

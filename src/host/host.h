@@ -48,7 +48,6 @@ public:
   virtual void progress(std::string_view text) = 0;
 
   virtual double seconds() const = 0;           // of a clock that only moves forward; for limits, never for results
-  virtual void set_seed(std::int64_t seed) = 0; // of the step at hand, for its results: it draws random numbers
   virtual std::uint32_t clock_seed() const = 0; // 1 to 2147483646, from the time of day
   virtual int cores() const = 0;                // at least 1
   virtual const std::string* option(std::string_view name) const = 0; // xoptcgt: host option; null when not set
@@ -71,7 +70,6 @@ struct HostOptions {
   std::string version{}; // of Torvale, for the results
   std::string program{}; // file name of the program, for the results
   Libraries::Places places{};
-  std::vector<std::string> own_files{}; // files that lines of PUT may not replace: the program, results of the run
   std::function<void(std::string_view)> listing{};            // takes text of the listing; empty: none
   std::function<void(std::string_view)> log{};                // takes lines of the log with their ends; empty: none
   std::function<void(std::string_view)> progress{};           // draws progress; empty: none

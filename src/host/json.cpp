@@ -75,9 +75,7 @@ void append_group(std::string& out, const GroupResult& group)
 
 void append_step(std::string& out, const StepResult& step)
 {
-  out += fmt::format("{{\"return_code\": {},", step.return_code);
-  if (step.seed >= 0) out += fmt::format(" \"seed\": {},", step.seed);
-  out += "\n     \"messages\": [";
+  out += fmt::format("{{\"return_code\": {},\n     \"messages\": [", step.return_code);
   Separated messages(out, ",");
   for (const Message& message : step.messages) {
     messages.next();

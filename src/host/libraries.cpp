@@ -159,19 +159,6 @@ std::vector<std::string> Libraries::bound_names() const
   return names;
 }
 
-std::optional<DataSet> Libraries::read_csv_file(const std::string& path, MessageSink& log,
-                                                const ColumnKinds& kinds) const
-{
-  if (is_regular(path)) {
-    files_read_.push_back(path);
-    return read_csv(path, log, kinds);
-  }
-  if (const auto known = piped_.find(path); known != piped_.end()) return known->second;
-  auto data = read_csv(path, log, kinds);
-  if (data) piped_.emplace(path, *data);
-  return data;
-}
-
 // A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
 std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
                                             const MessagePlace& place, const ColumnKinds& kinds) const
@@ -180,7 +167,7 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
     log.xpmlog(message::file_not_read{.file = path, .reason = no_file_reason(path)}, place);
     return std::nullopt;
   }
-  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv_file(path, log, kinds);
+  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv(path, log, kinds);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)
@@ -230,7 +217,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
       else
         not_found(reference.name, "the database " + folder, tables, log, place);
     } else if (found = file_in_folder(folder, parts.member); !found.empty()) {
-      data = read_csv_file(found, log);
+      data = read_csv(found, log);
     } else {
       auto alternatives = members_of(folder);
       for (const auto& [n, path] : data_)

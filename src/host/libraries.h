@@ -78,9 +78,6 @@ public:
   // Writes out whatever is still open (a step that ended early keeps what it wrote). 0, or -1 with a message.
   int close_all(MessageSink& log);
 
-  // Files that data have been read from.
-  const std::vector<std::string>& files_read() const { return files_read_; }
-
   // Data sets written since the last call, for the results of a step.
   std::vector<DataSetResult> take_written();
 
@@ -92,11 +89,7 @@ private:
   std::optional<DataSet> read_path(const std::string& path, const std::string& name, MessageSink& log,
                                    const MessagePlace& place, const ColumnKinds& kinds = {}) const;
 
-  std::optional<DataSet> read_csv_file(const std::string& path, MessageSink& log, const ColumnKinds& kinds = {}) const;
-
   Places places_;
-  mutable std::vector<std::string> files_read_;
-  mutable std::map<std::string, DataSet> piped_; // path -> what came through: a pipe gives its bytes once
   std::map<std::string, std::string> data_;      // lower-case one-level name -> path
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
   std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote

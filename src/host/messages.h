@@ -178,7 +178,7 @@ public:
   bool has_errors() const { return errors_ > 0; }
   std::size_t errors() const { return errors_; }
 
-  static constexpr int repeat_limit = 20; // the same message is shown this often per BY group; LOGNOTE's always
+  static constexpr int repeat_limit = 20; // the same message is shown this often per BY group
 
 private:
   LineWriter writer_;

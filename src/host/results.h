@@ -30,7 +30,6 @@ struct DataSetResult {
 // What one step (one TORVALE statement to its RUN) gave.
 struct StepResult {
   int return_code = 0;
-  std::int64_t seed = -1; // of a step that draws random numbers; -1: it draws none
   std::vector<Message> messages;
   std::deque<GroupResult> groups;
   std::vector<DataSetResult> data_sets;

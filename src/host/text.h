@@ -1,8 +1,6 @@
 #pragma once
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,16 +41,6 @@ std::optional<double> parse_number(std::string_view text);
 
 // A number for a sentence: whole numbers in full, others with about six significant digits.
 std::string readable(double x);
-
-// The whole number that an option's value asks for: cut towards zero, and the nearest that the type has when the value
-// is beyond it. Missing values are 0.
-template <std::integral T = int> T whole_number(double x)
-{
-  using limits = std::numeric_limits<T>;
-  if (x >= static_cast<double>(limits::max())) return limits::max();
-  if (x <= static_cast<double>(limits::min())) return limits::min();
-  return x == x ? static_cast<T>(x) : T{0};
-}
 
 // The missing value that a field spells: empty, ".", "._", ".a" to ".Z". Nothing for any other text.
 std::optional<double> parse_missing(std::string_view text);

@@ -85,8 +85,6 @@ struct RunOptions {
   int nthreads = 0;           // threads the program asked for
   int command_threads = 0;    // threads the command line asked for (--threads); 0 serial, negative all cores
   long seed = 0;              // after zranms
-  bool seed_from_clock = false; // no seed was given
-  bool strict = false;        // a name that nobody gives a value is an error, not a parameter
   bool bydata = false;        // PARMS / BYDATA
 };
 

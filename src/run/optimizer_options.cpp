@@ -2,7 +2,7 @@
 // the library's.
 
 #include "host/message_names.h"
-#include "host/text.h"
+#include "host/whole_number.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "run/statement_processing.h"

@@ -5,6 +5,7 @@
 #include "host/message_names.h"
 #include "host/missing.h"
 #include "host/text.h"
+#include "host/whole_number.h"
 #include "run/statement_processing.h"
 #include "syntax/statement_names.h"
 
@@ -134,10 +135,11 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool sta
     n.host->log().xpmlog(message::name_becomes_parameter{.names = list, .near = meant});
   else
     n.host->log().xpmlog(message::names_become_parameters{.names = list, .near = meant});
-  if (!statement_given && !n.strict) return;
+  const bool strict = n.host->option("STRICT") != nullptr;
+  if (!statement_given && !strict) return;
   // With a PARMS statement such a name is a mistake more often than not.
   const std::string effects = like_effects(n, defaulted);
-  if (n.strict) {
+  if (strict) {
     n.host->log().xpmlog(message::name_not_in_parms_refused{.names = list, .near = meant, .effects = effects});
     tvlexit(n, 3000);
   }

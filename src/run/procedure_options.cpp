@@ -1,7 +1,7 @@
 // The options of the TORVALE statement: slot and flag numbers are those of the language's tables.
 
 #include "host/message_names.h"
-#include "host/text.h"
+#include "host/whole_number.h"
 #include "run/statement_processing.h"
 #include "syntax/statement_names.h"
 
@@ -30,7 +30,7 @@ void set_seed(NX& n, const STMT& s)
   if (given > 2147483646.0)
     log.xpmlog(message::seed_above_range{.seed = given}, place_at(n, "TORVALE", s.slot(torvale_slot::seed).where));
   n.seed = static_cast<long>(n.host->clock_seed());
-  n.seed_from_clock = true;
+  if (n.method == 3) log.xpmlog(message::seed_from_clock{.seed = n.seed}); // the one method that draws
 }
 
 double default_qmax(const NX& n)

@@ -244,7 +244,6 @@ private:
     n.data_name = data_->name;
     n.command_threads = request_.threads;
     n.seed = request_.seed;
-    n.strict = request_.strict;
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
       if (request_.observe) request_.observe(n);

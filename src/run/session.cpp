@@ -26,7 +26,8 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.version = version();
   options.program = settings.program_name;
   options.places = {settings.program_folder, settings.output_folder};
-  options.own_files = settings.own_files;
+  if (settings.strict) options.options.emplace_back("STRICT", "");
+  for (const std::string& file : settings.own_files) options.options.emplace_back("KEEP", file);
   options.listing = settings.listing;
   options.log = settings.log;
   options.progress = settings.progress;
@@ -43,7 +44,7 @@ RunOutcome Session::run(std::string program)
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
   auto result = run::run_program(
-      *state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, s.strict, {}});
+      *state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();

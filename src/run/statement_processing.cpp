@@ -281,14 +281,6 @@ void end_on_errors(NX& n, int return_code)
   if (log_diagnostics(n) > 0) tvlexit(n, return_code);
 }
 
-// A run that draws can be repeated: its results carry the seed, and a note says so when the clock gave it.
-void tell_seed(NX& n)
-{
-  if (!(n.method == 3 && n.nreff() > 0) && !engine::cmpdraws(*n.gcmp)) return;
-  n.host->set_seed(n.seed);
-  if (n.seed_from_clock) n.host->log().xpmlog(message::seed_from_clock{.seed = n.seed});
-}
-
 } // namespace
 
 void tvlinit(NX& n)
@@ -337,7 +329,6 @@ void tvlinit(NX& n)
   specialise_expression_statements(n);
   specialise_prediction_statements(n);
   end_on_errors(n, 1012);
-  tell_seed(n);
   listings(n);
   if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);
 }

@@ -2,7 +2,7 @@
 #include "solve/starting_grid.h"
 
 #include "host/host_exit.h"
-#include "host/text.h"
+#include "host/whole_number.h"
 #include "integration/objective.h"
 #include "integration/quadrature_points.h"
 
