@@ -87,8 +87,9 @@ bool added_to_another(const std::string& program, const std::string& name)
     const std::size_t end = at + word.size();
     const bool whole = (at == 0 || !part_of_name(text[at - 1])) && (end == text.size() || !part_of_name(text[end]));
     const std::size_t before = text.find_last_not_of(' ', at == 0 ? 0 : at - 1), after = text.find_first_not_of(' ', end);
-    if (whole && ((at > 0 && before != std::string::npos && text[before] == '+') ||
-                  (after != std::string::npos && text[after] == '+')))
+    const char next = after == std::string::npos ? ' ' : text[after];
+    if (whole && next != '*' && next != '/' &&
+        ((at > 0 && before != std::string::npos && text[before] == '+') || next == '+'))
       return true;
   }
   return false;
