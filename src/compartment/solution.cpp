@@ -35,9 +35,8 @@ void Response::one_compartment(StatementText& text, Input input, const std::stri
     return text.add(w(0) + " = exp(-@k10*" + time + ");");
   case Input::infusion:
     return text.add(w(0) + " = " + time + "*expmean(@k10*" + time + ");");
-  case Input::depot: // the smaller of the two rates stands in front, so that nothing overflows
-    text.add("@low = @k10; @high = @ka; if @ka < @k10 then do; @low = @ka; @high = @k10; end;");
-    return text.add(w(0) + " = " + time + "*exp(-@low*" + time + ")*expmean((@high-@low)*" + time + ");");
+  case Input::depot:
+    return text.add(w(0) + " = " + time + "*expmean(@k10*" + time + ",@ka*" + time + ");");
   }
 }
 
