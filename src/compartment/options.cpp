@@ -1,5 +1,7 @@
 #include "compartment/options.h"
 
+#include "compartment/event_data.h"
+
 #include "host/text.h"
 
 #include <algorithm>
@@ -68,6 +70,7 @@ public:
 
   bool run()
   {
+    if (model_.events.given) return with_events();
     const bool records = model_.records.present;
     ask(time, records ? Rule::from_data : Rule::needed);
     ask(pconc, Rule::needed);
@@ -96,6 +99,26 @@ public:
   }
 
 private:
+  // Any route, any compartment: the records say what is given when.
+  bool with_events()
+  {
+    const bool oral = model_.administration == Administration::oral;
+    ask(time, Rule::from_data);
+    ask(pconc, Rule::needed);
+    ask(scale1, Rule::free);
+    for (const Option o : {dose0, dose1, dose2, dose3}) ask(o, Rule::from_data);
+    ask(ka, oral ? Rule::needed : Rule::ignored);
+    ask(scale0, oral ? Rule::free : Rule::ignored);
+    ask(pconc0, oral ? Rule::free : Rule::forbidden);
+    peripheral(scale2, scale3, Rule::free);
+    parameters();
+    peripheral(k20, k30, Rule::free);
+    for (const Option o : {rate, durn}) ask(o, Rule::free);
+    peripheral(pconc2, pconc3, Rule::free);
+    smaller_models();
+    return ok_;
+  }
+
   void fail(int number, const host::MessageArguments& arguments = {})
   {
     log_.xpmlog(503, number, arguments, place_);
@@ -291,6 +314,14 @@ bool read_model(const syntax::STMT& statement, std::span<const Variable> data, c
     return false;
   model.administration = static_cast<Administration>(administration);
   model.clearances = parameters == 2;
+  if (!read_events(statement, data, place, log, model.events)) return false;
+  if (model.events.given) {
+    model.records.present = false;
+    log.xpmlog(503, 9474,
+               {{"doses", administration == 3 ? "the depot" : "the central compartment"},
+                {"cmt", model.events.has(EventItem::cmt) ? "where CMT is 0 or missing" : "since there is no CMT"}},
+               place);
+  }
   return FamilyCheck(statement, place, log, model).run();
 }
 
