@@ -1,6 +1,8 @@
 #include "compartment/event_data.h"
 
+#include "host/message_names.h"
 #include "host/text.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,7 +11,9 @@ namespace torvale::compartment {
 
 namespace {
 
-constexpr int first_slot = 33, bioavailability_slot = 42, lag_slot = 43, places_slot = 44;
+using syntax::cmptmodel_flag, syntax::cmptmodel_slot, syntax::events_slot;
+
+constexpr int first_slot = static_cast<int>(events_slot::time), last_slot = static_cast<int>(events_slot::places);
 constexpr std::string_view words[] = {"TIME", "AMT", "EVID", "CMT", "RATE", "II", "ADDL", "SS", "MDV"};
 constexpr int doses_of_unknown_end = 3; // that many further doses may begin before such a dose is over
 
@@ -90,8 +94,8 @@ bool read_events(const syntax::STMT& statement, std::span<const Variable> data, 
                  host::MessageSink& log, Events& events)
 {
   bool named = false;
-  for (int slot = first_slot; slot <= places_slot; ++slot) named = named || statement.given(slot);
-  events.given = statement.flag(1) || named;
+  for (int slot = first_slot; slot <= last_slot; ++slot) named = named || statement.given(slot);
+  events.given = statement.flag(cmptmodel_flag::events) || named;
   if (!events.given) return true;
   for (std::size_t k = 0; k < std::size(words); ++k) {
     const int slot = first_slot + static_cast<int>(k);
@@ -100,19 +104,20 @@ bool read_events(const syntax::STMT& statement, std::span<const Variable> data, 
     if (v != nullptr && !v->character) {
       events.name[k] = v->name;
     } else if (statement.given(slot) || k < 2) { // no dose without time and amount
-      log.xpmlog(503, 9475, {{"option", words[k]}, {"name", name}}, place);
+      log.xpmlog(message::event_variable_unknown{.option = words[k], .name = name}, place);
       return false;
     }
   }
-  const auto text = [&](int slot) {
+  const auto text = [&](cmptmodel_slot slot) {
     if (!statement.given(slot)) return std::string();
     const syntax::StItem& item = statement.slot(slot).list.front();
     return item.kind == syntax::StItem::Kind::number ? host::shortest(item.number) : item.text;
   };
-  events.bioavailability = text(bioavailability_slot);
-  events.lag = text(lag_slot);
+  events.bioavailability = text(cmptmodel_slot::f);
+  events.lag = text(cmptmodel_slot::alag);
   RecordScan(data, events).run();
-  if (statement.given(places_slot)) events.places = static_cast<int>(statement.slot(places_slot).number);
+  if (statement.given(events_slot::places))
+    events.places = static_cast<int>(statement.slot(events_slot::places).number);
   return true;
 }
 
