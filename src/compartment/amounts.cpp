@@ -24,7 +24,8 @@ void Amounts::respond(Input input, Input from_depot, const std::string& from, co
   }
   if (first() == 0) {
     const Response carried(text_, model_, from_depot, time, "@v");
-    for (int j = 1; j <= last(); ++j) sums[static_cast<std::size_t>(j - 1)] += "+" + carried.amount(j, 1) + "*" + of(from, 0);
+    for (int j = 1; j <= last(); ++j)
+      sums[static_cast<std::size_t>(j - 1)] += "+" + carried.amount(j, 1) + "*" + of(from, 0);
     text_.add(of(to, 0) + " = " + of(from, 0) + "*" +
               (input == Input::dose ? "exp(-@ka*(" + time + "))" : "(" + time + ")*expmean(@ka*(" + time + "))") + ";");
   }

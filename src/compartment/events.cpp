@@ -49,15 +49,16 @@ private:
   {
     text_.add("@time = " + events_.of(EventItem::time) + "; @before = lag(" + events_.of(EventItem::time) + ");");
     text_.add("@amt = " + item(EventItem::amt) + ";");
-    text_.add("@evid = " + (events_.has(EventItem::evid)
-                                ? "coalesce(" + events_.of(EventItem::evid) + ",@amt>0)"
-                                : std::string("@amt > 0")) + ";");
+    text_.add("@evid = " +
+              (events_.has(EventItem::evid) ? "coalesce(" + events_.of(EventItem::evid) + ",@amt>0)"
+                                            : std::string("@amt > 0")) +
+              ";");
     text_.add("@dosing = @evid = 1 or @evid = 4; @reset = @evid = 3 or @evid = 4;");
     text_.add("_cmpt_used = 1; if @evid ne 0 or " + item(EventItem::mdv) + " = 1 then _cmpt_used = .;");
     text_.add("@cmt = " + item(EventItem::cmt) + ";");
     text_.add(std::string("@into = @cmt; if @cmt = 0 then @into = 1;") + (oral_ ? " @into = @into-1;" : ""));
-    text_.add("@speed = " + item(EventItem::rate) + "; @every = " + item(EventItem::ii) + "; @more = " +
-              item(EventItem::addl) + "; @ss = " + item(EventItem::ss) + ";");
+    text_.add("@speed = " + item(EventItem::rate) + "; @every = " + item(EventItem::ii) +
+              "; @more = " + item(EventItem::addl) + "; @ss = " + item(EventItem::ss) + ";");
     text_.add("@endless = @ss > 0 and @every = 0 and @amt = 0 and @speed > 0;");
     text_.add("@passed = 0; if @before ne . and not @reset then @passed = @time-@before;");
   }
@@ -70,7 +71,8 @@ private:
       text_.add("if " + when + " then abort '" + words + "';");
     };
     refuse("@time = .", "The time of the event record is missing");
-    refuse("not @reset and @time < @before", "Time falls from one event record to the next: it may only at EVID 3 and 4");
+    refuse("not @reset and @time < @before",
+           "Time falls from one event record to the next: it may only at EVID 3 and 4");
     refuse("@evid ne 0 and @evid ne 1 and @evid ne 2 and @evid ne 3 and @evid ne 4", "EVID must be 0, 1, 2, 3 or 4");
     refuse("@amt < 0", "The amount of the dose is negative");
     refuse("@evid = 0 and @amt > 0", "An observation (EVID 0) has an amount");
@@ -99,8 +101,8 @@ private:
   void put_into(const std::string& name, const std::string& into, const std::string& amount)
   {
     for (int k = amounts_.first(); k <= amounts_.last(); ++k)
-      text_.add(Amounts::of(name, k) + " = 0; if " + into + " = " + number(k) + " then " + Amounts::of(name, k) + " = " +
-                amount + ";");
+      text_.add(Amounts::of(name, k) + " = 0; if " + into + " = " + number(k) + " then " + Amounts::of(name, k) +
+                " = " + amount + ";");
   }
 
   // A place: `left` doses of @size each into compartment @where, the first at @start, @step apart, each running for
@@ -117,8 +119,9 @@ private:
     } else {
       const std::string start = kept("start", place), step = kept("step", place), left = kept("left", place);
       const auto begun = [&](const std::string& by) { // doses whose time is at most `by`
-        return "@over = 0; if " + start + " le " + by + " then @over = 1; if @over and " + step + " > 0 then @over = floor((" +
-               by + "-" + start + ")/" + step + ")+1; if @over > " + left + " then @over = " + left + ";";
+        return "@over = 0; if " + start + " le " + by + " then @over = 1; if @over and " + step +
+               " > 0 then @over = floor((" + by + "-" + start + ")/" + step + ")+1; if @over > " + left +
+               " then @over = " + left + ";";
       };
       text_.add(begun("@time"));
       text_.add("do @i = 0 to @over-1;");
@@ -192,8 +195,13 @@ private:
     text_.add("end;");
     for (int place = 1; place <= events_.places; ++place) {
       text_.add("if @wait > 0 and " + kept("left", place) + " le 0 then do;");
-      for (const auto& [what, from] : {std::pair{"left", "@wait"}, {"size", "@size"}, {"start", "@first"}, {"flow", "@flow"},
-                                       {"length", "@length"}, {"where", "@into"}, {"step", "@every"}})
+      for (const auto& [what, from] : {std::pair{"left", "@wait"},
+                                       {"size", "@size"},
+                                       {"start", "@first"},
+                                       {"flow", "@flow"},
+                                       {"length", "@length"},
+                                       {"where", "@into"},
+                                       {"step", "@every"}})
         text_.add(kept(what, place) + " = " + from + ";");
       text_.add("@wait = 0;");
       text_.add("end;");

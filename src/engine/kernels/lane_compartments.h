@@ -77,7 +77,8 @@ template <int I, int J> inline Lanes exp_mean_of_order(Lanes x, Lanes y, Lanes e
 }
 inline Lanes exp_mean(Lanes x, Lanes y, Lanes ex, Lanes ey, Lanes order)
 {
-  const auto value = [&](double number) __attribute__((always_inline)) {
+  const auto value = [&](double number) __attribute__((always_inline))
+  {
     switch (static_cast<int>(number)) {
     // clang-format off
     case 0: return exp_mean_of_order<0, 0>(x, y, ex, ey);
@@ -96,7 +97,7 @@ inline Lanes exp_mean(Lanes x, Lanes y, Lanes ex, Lanes ey, Lanes order)
     case 31: return exp_mean_of_order<3, 1>(x, y, ex, ey);
     case 40: return exp_mean_of_order<4, 0>(x, y, ex, ey);
     default: return missing_lanes();
-    // clang-format on
+      // clang-format on
     }
   };
   return by_number(order, 44.0, value);
