@@ -136,6 +136,7 @@ void specialise_pass(NX& n, const CMPDER& gradient, const REFFECT* reff)
     outputs.push_back(symbol);
     n.pass_kind.push_back(static_cast<char>(cause));
   };
+  add(engine::cmpsyms(*n.gcmp, "_cmpt_used"), BadCause::event);
   add(n.depsym, BadCause::dependent);
   add(n.repsym, BadCause::replicate);
   add(n.llsym, BadCause::log_likelihood);

@@ -355,6 +355,12 @@ constexpr CatalogueEntry entries[] = {
      "only "
      "make the rate constants.",
      "", ""},
+    {503, 9474, "event_records", N,
+     "Event records: doses go to {doses} and observations are of the central compartment {cmt}; rows with EVID other than "
+     "0, or MDV 1, are no observations.",
+     "", ""},
+    {503, 9475, "event_variable_unknown", E, "{option}= of EVENTS: the data set has no numeric variable {name}.", "",
+     "Name the variable: EVENTS(TIME=... AMT=... EVID=...)."},
     {503, 9473, "dose_types_not_texts", E, "The variable _CMPT_TYPE_ of dose records must hold texts; it is numeric.",
      "", ""},
 

@@ -86,11 +86,12 @@ NodeId log_one_minus_exp_rule(Graph& g, NodeId n, int)
   return g.negate(g.reciprocal(g.call(Kernel::expm1, g.negate(in(g, n, 0)))));
 }
 
-// d/da of the integral of u**b exp(-a u): less the integral with u**(b+1).
+// d/da of the integral of u**i (1 - u)**j exp(-(a u + b (1 - u))): less the integral with u**(i+1).
 NodeId exp_mean_rule(Graph& g, NodeId n, int k)
 {
-  if (k > 0) return g.zero(); // the exponential is a function of the first operand
-  return g.negate(g.call(Kernel::exp_mean, in(g, n, 0), g.shift(in(g, n, 1), 1.0), in(g, n, 2)));
+  if (k > 1) return g.zero(); // the exponentials are functions of the first operands
+  const NodeId order = g.shift(in(g, n, 4), k == 0 ? 10.0 : 1.0);
+  return g.negate(g.apply(Kernel::exp_mean, {in(g, n, 0), in(g, n, 1), in(g, n, 2), in(g, n, 3), order}));
 }
 // Of x**3 - a x**2 + b x - c = 0: x' = (x**2 a' - x b' + c') / (3 x**2 - 2 a x + b).
 NodeId cubic_root_rule(Graph& g, NodeId n, int k)

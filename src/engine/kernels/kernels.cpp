@@ -104,7 +104,7 @@ constexpr InfoRow info_rows[] = {
     {Kernel::softplus, {"softplus", 1, ""}},
     {Kernel::logit, {"logit", 1, "LOGIT of a number not inside 0 to 1"}},
     {Kernel::log_add_exp, {"log_add_exp", 2, ""}},
-    {Kernel::exp_mean, {"exp_mean", 3, "order outside 0 to 8"}},
+    {Kernel::exp_mean, {"exp_mean", 5, "order outside 0 to 44"}},
     {Kernel::cubic_root, {"cubic_root", 4, "polynomial with roots that are not real"}},
     {Kernel::compartment_response, {"compartment_response", 9, "unknown response"}},
     {Kernel::gamma, {"gamma", 1, "gamma function at zero or a negative whole number"}},

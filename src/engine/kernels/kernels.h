@@ -90,7 +90,8 @@ enum class Kernel : std::uint16_t {
   logit,                // log(a / (1 - a)); missing outside (0, 1)
   log_add_exp,          // log(exp(a) + exp(b))
 
-  exp_mean,             // integral of u**b exp(-a u) for u in 0 to 1, b = 0, 1, 2, ...; c = exp(-a)
+  exp_mean,             // integral of u**i (1 - u)**j exp(-(a u + b (1 - u))) for u in 0 to 1; c = exp(-a), d = exp(-b),
+                        // e = 10 i + j
 
   // Linear systems of compartments (lane_compartments.h).
   cubic_root,           // root d (1 the largest) of x**3 - a x**2 + b x - c, whose roots are real and none negative
