@@ -26,14 +26,15 @@ using model::NX;
 namespace {
 
 // What is missing in an unusable row, by BadCause.
-constexpr std::array<const char*, 8> what = {"",
+constexpr std::array<const char*, 9> what = {"",
                                              "the dependent variable",
                                              "the replicate variable",
                                              "the log likelihood",
                                              "a derivative of the log likelihood",
                                              "an argument of RANDOM",
                                              "a derivative of an argument of RANDOM",
-                                             "nothing, but DELETE was executed"};
+                                             "nothing, but DELETE was executed",
+                                             "nothing, but they are event records"};
 
 // Everything that the pass learns of the rows.
 struct Pass {
@@ -194,8 +195,8 @@ bool report_fault(NX& n, engine::Frame& frame, const Pass& pass, std::int64_t ro
 // missing value in the data deserves a warning.
 int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
 {
-  std::array<long, 8> counts{};
-  std::array<std::int64_t, 8> firsts{};
+  std::array<long, 9> counts{};
+  std::array<std::int64_t, 9> firsts{};
   const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
   const bool sequential = engine::sequential(*n.pass_program);
   int inspected = 200; // a fault shows at once; the rest is counting
@@ -203,7 +204,9 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   std::int64_t records = std::clamp(4000000 / std::max(1, engine::program_size(*n.pass_program).nodes), 5, 20000);
   for (std::int64_t row = 0; row < n.store->nobs; ++row) {
     const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
-    if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate) continue;
+    if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate ||
+        cause == BadCause::event)
+      continue;
     bool data_missing = false;
     for (const auto& column : n.store->view.columns)
       data_missing = data_missing || (column.numeric != nullptr && std::isnan(column.numeric[row]));

@@ -17,7 +17,7 @@ constexpr int most_effects = 64; // of a model: arrays on the stack of the kerne
 // What the kernels of the method read. Without analytic gradients nothing is differentiated by the parameters.
 void complete_flags(NX& n)
 {
-  const bool gradient = n.fd == 0;
+  const bool gradient = needs_gradient(n);
   const bool searches_modes = n.nreff() > 0 && n.method != 4 && n.adaptive;
   if (searches_modes) n.needhessu = true;
   if (searches_modes && gradient) n.needcrossu = true;
@@ -65,7 +65,7 @@ int request_curvature(NX& n)
 // _ll by the parameters and the effects of all levels: the requests stand at the leaf, which has all of them on its chain.
 int request_likelihood(NX& n)
 {
-  const bool by_parameters = n.fd == 0 || n.needcrossu;
+  const bool by_parameters = needs_gradient(n) || n.needcrossu;
   REFFECT& leaf = n.leaf();
   if (engine::cmpder(leaf.gradstr, CMPLIST{{n.llsym}}, by_parameters ? n.mrnprsym : n.mransym, *n.gcmp) != 0) return 1012;
   if (!by_parameters) {
@@ -87,7 +87,7 @@ int request_arguments(NX& n, REFFECT& reff)
     for (CMPSYM* effect : n.mransym.s)
       if (engine::cmpcdep(*n.gcmp, argument, effect))
         return refuse(n, message::random_argument_depends_on_effect{.name = effect->name}, argument->where, 1012);
-  if (n.fd != 0 && !n.needcrossu) return 0;
+  if (!(needs_gradient(n) || n.needcrossu)) return 0;
   CMPLIST parameters;
   parameters.s.assign(n.mrnprsym.s.begin(), n.mrnprsym.s.begin() + n.nparm);
   return engine::cmpder(reff.gradrstr, reff.distrsym, parameters, *n.gcmp) != 0 ? 1012 : 0;
@@ -126,7 +126,7 @@ int build_programs(NX& n)
   }
   complete_flags(n);
   if (n.nreff() == 0) {
-    if (n.fd != 0) return 0;
+    if (!needs_gradient(n)) return 0;
     return engine::cmpder(n.gradstr, CMPLIST{{n.llsym}}, n.prsym, *n.gcmp) != 0 ? 1012 : 0;
   }
   if (const int rc = request_likelihood(n); rc != 0) return rc;

@@ -136,14 +136,15 @@ void specialise_pass(NX& n, const CMPDER& gradient)
     outputs.push_back(symbol);
     n.pass_kind.push_back(static_cast<char>(cause));
   };
+  add(engine::cmpsyms(*n.gcmp, "_cmpt_used"), BadCause::event);
   add(n.depsym, BadCause::dependent);
   add(n.repsym, BadCause::replicate);
   add(n.llsym, BadCause::log_likelihood);
-  if (n.fd == 0)
+  if (needs_gradient(n))
     for (CMPSYM* s : gradient.der.s) add(s, BadCause::gradient);
   for (const REFFECT& reff : n.reff) {
     for (CMPSYM* s : reff.distrsym.s) add(s, BadCause::random_argument);
-    if (n.fd == 0)
+    if (needs_gradient(n))
       for (CMPSYM* s : reff.gradrstr.der.s) add(s, BadCause::random_gradient);
   }
   n.pass_program = engine::cmpspec(*n.gcmp, outputs);
@@ -178,7 +179,7 @@ int specialise_programs(NX& n)
   p = ModelPrograms{};
   p.np = n.nparm;
   for (const REFFECT& reff : n.reff) p.ne += reff.nr;
-  const bool analytic = n.fd == 0;
+  const bool analytic = needs_gradient(n);
   p.value = value_outputs(n).specialise(*n.gcmp);
   if (n.nreff() == 0) {
     if (analytic) p.gradient = gradient_outputs(n, n.gradstr).specialise(*n.gcmp);

@@ -14,7 +14,7 @@ namespace torvale::model {
 
 // Why an observation is not used. The first cause that applies is kept.
 enum class BadCause : std::uint8_t {
-  none, dependent, replicate, log_likelihood, gradient, random_argument, random_gradient, deleted
+  none, dependent, replicate, log_likelihood, gradient, random_argument, random_gradient, deleted, event
 };
 
 // Store: the kept variables of the BY group, one aligned column each, rows in subject order (subjects in order of first

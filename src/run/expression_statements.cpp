@@ -34,9 +34,11 @@ namespace {
 // An expression of estimates is a function of the parameters: no random effects, no data or unknown names.
 void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {
-  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
+  const auto inputs = engine::cmpdeps(*n.gcmp, symbol);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->random_effect >= 0) refuse_name(n, statement, *input, where);
+  for (const engine::CMPSYM* input : inputs)
     if (input->parameter < 0) refuse_name(n, statement, *input, where);
-  }
 }
 
 EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)

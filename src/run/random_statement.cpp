@@ -90,11 +90,15 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
     tvlexit(n, 1012);
   }
   const auto at = n.fid->xvfind(list[0].text);
-  if (at == host::DataSet::npos) {
-    log.xpmlog(message::role_variable_not_in_data{.role = "subject",
-                                                  .name = list[0].text,
-                                                  .near = host::nearest_name(list[0].text, n.fid->column_names())},
-               place_at(n, "RANDOM", list[0].where));
+  const bool parameter = std::any_of(n.parmstr.begin(), n.parmstr.end(),
+                                     [&](const auto& p) { return host::equal_names(p.parmname, list[0].text); });
+  if (at == host::DataSet::npos || parameter) {
+    log.xpmlog(
+        message::role_variable_not_in_data{.role = "subject",
+                                           .name = list[0].text,
+                                           .near = parameter ? std::string()
+                                                             : host::nearest_name(list[0].text, n.fid->column_names())},
+        place_at(n, "RANDOM", list[0].where));
     tvlexit(n, 3000);
   }
   reff.subname = n.fid->columns()[at].name();

@@ -4,6 +4,7 @@
 #include "host/message_names.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "run/idle_options.h"
 #include "syntax/statement_names.h"
 #include "syntax/tree.h"
 
@@ -116,24 +117,49 @@ void refuse_unserved(NX& n)
   if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
 }
 
-void dependent_variable(NX& n)
+host::MessagePlace dependent_place(const NX& n)
 {
-  auto& log = n.host->log();
   STMT* stmt = nullptr;
   syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  const auto place = place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
+  return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
+}
+
+void refuse_character_dependent(NX& n)
+{
+  const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
+  const host::Column* const column = n.fid->find(n.depname);
+  const bool assigned = symbol != nullptr && symbol->assigned;
+  const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
+  if (!character) return;
+  n.host->log().xpmlog(message::dependent_is_character{.name = n.depname}, dependent_place(n));
+  tvlexit(n, 3000);
+}
+
+void dependent_variable(NX& n)
+{
   n.depsym = engine::cmpsyms(*n.gcmp, n.depname);
-  const host::Column* column = n.fid->find(n.depname);
-  const bool known = column != nullptr || (n.depsym != nullptr && n.depsym->assigned);
-  if (!known) {
-    log.xpmlog(message::unknown_dependent_variable{.name = n.depname,
-                                                   .near = host::nearest_name(n.depname, n.fid->column_names())},
-               place);
+  const bool computed = n.depsym != nullptr && n.depsym->assigned;
+  const bool parameter = n.depsym != nullptr && n.depsym->parameter >= 0;
+  if (parameter || (!computed && n.fid->find(n.depname) == nullptr)) {
+    const std::string near = parameter ? std::string() : host::nearest_name(n.depname, n.fid->column_names());
+    n.host->log().xpmlog(
+        message::unknown_dependent_variable{.name = n.depname, .near = near, .statement = parameter ? "PARMS" : ""},
+        dependent_place(n));
     tvlexit(n, 3000);
   }
-  if ((n.depsym != nullptr && n.depsym->type == 'c') ||
-      (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
-    log.xpmlog(message::dependent_is_character{.name = n.depname}, place);
+  refuse_character_dependent(n); // a type that only the whole program shows
+}
+
+// BY variables are read from the data set.
+void by_variables(NX& n)
+{
+  for (const host::ByVariable& variable : n.bylist) {
+    if (n.fid->find(variable.name) != nullptr) continue;
+    n.host->log().xpmlog(
+        message::role_variable_not_in_data{.role = "BY",
+                                           .name = variable.name,
+                                           .near = host::nearest_name(variable.name, n.fid->column_names())},
+        place_at(n, "BY", n.proc->statements.front().slot(torvale_slot::by).where));
     tvlexit(n, 3000);
   }
 }
@@ -199,7 +225,8 @@ void replicate_statement(NX& n)
   n.repsym = engine::cmpsyms(*n.gcmp, item.text);
   const auto at = n.fid->xvfind(item.text);
   const bool computed = n.repsym != nullptr && n.repsym->assigned;
-  const bool usable = computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric());
+  const bool parameter = n.repsym != nullptr && n.repsym->parameter >= 0;
+  const bool usable = !parameter && (computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric()));
   if (!usable) {
     n.host->log().xpmlog(message::bad_replicate_variable{.name = item.text, .data = n.data_name},
                          place_at(n, "REPLICATE", item.where));
@@ -270,13 +297,16 @@ void tvlinit(NX& n)
 {
   const STMT& procedure = n.proc->statements.front();
   procedure_options(n, procedure);
+  note_idle_options(n, procedure);
 
   n.gcmp = engine::cmpinit({n.sources, static_cast<std::uint64_t>(n.seed)});
   engine::cmpprogram(*n.gcmp, n.proc->program);
   end_on_errors(n, 1012);
 
   refuse_unserved(n);
+  by_variables(n);
   model_statement(n);
+  refuse_character_dependent(n);
   parameter_setup(n);
   random_statements(n, procedure);
   replicate_statement(n);
