@@ -365,6 +365,11 @@ constexpr CatalogueEntry entries[] = {
      "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the "
      "objective from {from} to {to}, and the fit went on from there.",
      "Starting values far from the optimum, or variances near the edge of what the model allows.", ""},
+    {503, 9400, N,
+     "A Hessian by differences costs {0} calls, too many for MAXFUNC={1}: TECHNIQUE=DUQUAN is run in its place.",
+     "TRUREG, NEWRAP and NRRIDG need a Hessian in each iteration; by differences it costs a call or more per parameter, "
+     "from values alone one for each pair.",
+     "Raise MAXFUNC= to insist on the technique."},
     {503, 9350, N, "Check of the Gradient", "", ""},
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},
@@ -582,8 +587,8 @@ constexpr CatalogueEntry entries[] = {
     {549, 608, N, "{0} convergence criterion satisfied.", "", ""},
     {549, 609, N, "All parameters are held by active constraints.", "", ""},
     {549, 610, N, "All parameters are fixed by active constraints.", "", ""},
-    {549, 611, W, "A limit was reached while convergence criterion {0} was met, but not {1} times in succession.", "",
-     ""},
+    {549, 611, W, "A limit was reached while convergence criterion {0} was met {1} times, less often than asked for.", "",
+     "Ask for fewer times, or raise MAXITER= or MAXFUNC=."},
     {549, 612, W, "A limit was reached when the {0} criterion had been satisfied {1} times.", "", ""},
     {549, 613, N, "No iteration was done.", "", ""},
     {549, 614, N, "The optimization ended without a convergence criterion.", "", ""},

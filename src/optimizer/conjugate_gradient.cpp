@@ -107,7 +107,8 @@ private:
     if (settled < 0) return settled;
     estimate_reduction();
     if (const int code = test_termination(str, 1); code != 0) return code;
-    if (settled > 0 || str->chac != 0 || free_dimension(*str) != m) return restart;
+    // The rules want a step that ended near the minimum along d in the space of the next one.
+    if (settled > 0 || str->idac != 0 || str->scut != cut_none || free_dimension(*str) != m) return restart;
     if (static_cast<double>(str->itre) >= str->nres) {
       str->salf = 1.0;
       return restart;
@@ -142,7 +143,7 @@ private:
     slope = znlpgs(*str, str->grad, str->sdir);
     str->pred = -slope;
     const double limit = std::abs(str->dfes) <= 1e-6 * std::abs(str->cold) ? 1e-4 : 1e-8;
-    return slope <= -smallest_normal && (limit * str->gmax * str->gmax < str->pred || str->itre < 21);
+    return slope <= -smallest_normal && limit * str->gmax * str->gmax < str->pred;
   }
 
   // fleree: g'g / h'h. polrib: g'y / h'h, not below 0. condes: -g'g / d'h.

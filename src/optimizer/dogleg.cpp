@@ -159,7 +159,8 @@ private:
   void predict(long m, double fraction)
   {
     const double slope = zvdot11(str->gpro, step, m);
-    str->pred = -(fraction * slope + 0.5 * fraction * fraction * secant.quadratic_form(step));
+    step_form = fraction * fraction * secant.quadratic_form(step);
+    str->pred = -(fraction * slope + 0.5 * step_form);
     state.gtst = fraction * slope;
   }
 
@@ -179,7 +180,9 @@ private:
     str->nitr += 1.0;
     str->alfa = state.dstn;
     if (str->lamb > 0.0) str->scut = cut_radius;
+    str->pred = state.nred; // GCONV asks what the full step would gain, whatever cut this one
     if (objective_gradient(str) != 0) return code_gradient;
+    correct_prediction(str, step_form);
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     if (const int code = test_termination(str, 1); code != 0) return code;
@@ -226,7 +229,10 @@ private:
         str->delt = state.radf * state.dstn;
         return 0;
       }
-      if (state.irc == 5) std::copy_n(str->x, str->nvar, best_point);
+      if (state.irc == 5) {
+        std::copy_n(str->x, str->nvar, best_point);
+        saved_form = step_form;
+      }
       str->delt = state.radf * state.dstn;
       if (!(str->delt > 1.232595164407832e-32)) return code_no_progress;
     }
@@ -237,6 +243,7 @@ private:
     std::copy_n(best_point, str->nvar, str->x);
     str->crit = state.clgd;
     str->pred = state.plgd;
+    step_form = saved_form;
     str->delt = state.dsts;
     for (long i = 0; i < str->nvar; ++i) str->sdir[i] = str->x[i] - str->xold[i];
     return 0;
@@ -251,6 +258,7 @@ private:
   double* best_point; // n
   double* scratch;    // n
   double newton_slope = 0.0;
+  double step_form = 0.0, saved_form = 0.0; // s'Bs of the step, and of the one saved
   bool moved = true;
 };
 

@@ -27,6 +27,8 @@ constexpr Text texts[] = {
     {352, 471, "GRADCHECK is ignored: the gradient comes from differences."},
     {352, 472, "FD= is ignored because FDHESSIAN= is given: analytic gradients are used."},
     {503, 330, "MAXITER={0} is below MINITER={1} and takes its value."},
+    {503, 9400,
+     "A Hessian by differences costs {0} calls, too many for MAXFUNC={1}: TECHNIQUE=DUQUAN is run in its place."},
     // Reports.
     {549, 1, "No further progress could be made. The largest gradient element is {0}."},
     {549, 2, "The time limit of {0} seconds was reached."},
@@ -61,7 +63,7 @@ constexpr Text texts[] = {
     {549, 606, "MAXFUNC={1} objective calls were made without convergence."},
     {549, 607, "Convergence criterion {0} is satisfied."},
     {549, 609, "All parameters are held by active constraints."},
-    {549, 611, "A limit was reached while convergence criterion {0} was met, but not {1} times in succession."},
+    {549, 611, "A limit was reached while convergence criterion {0} was met {1} times, less often than asked for."},
     {549, 613, "No iteration was done."},
     {549, 614, "The optimization ended without a convergence criterion."},
 };

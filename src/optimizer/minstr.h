@@ -77,7 +77,8 @@ enum StepCut : int {
   cut_none = 0,
   cut_radius = 1, // the trust radius, a ridge in its place, or MAXSTEP
   cut_bound = 2,
-  cut_row = 3, // a linear constraint
+  cut_row = 3,    // a linear constraint
+  cut_search = 4, // the line search: less than a tenth of a step whose natural length is 1, or another direction
 };
 
 // One row of the iteration history, handed to the history sink. Which of the two last columns mean what is told by
@@ -362,6 +363,7 @@ struct MINSTR {
   bool xval_current = false;      // xval holds such a point
   bool best_has_gradient = false; // gbes belongs to xbes
   double reentered_at = -1;       // nitr of the last re-entry that the optimality check caused
+  long idle_steps = 0;            // cut steps in succession that gained nothing
   bool unbounded_told = false;    // the message of an unbounded objective has been sent
   double* xbes = nullptr;         // n: best point of a line search
   double* gbes = nullptr;         // n: its gradient

@@ -25,6 +25,10 @@ public:
   double prediction(double s) const { return -(s * slope + 0.5 * s * s * curvature); }
   double slope_of_step() const { return slope; }
 
+  // full_reduction: what the step without a ridge promises, g'H^-1 g / 2; the largest double where H is not safely
+  // positive definite. Destroys the factor.
+  double full_reduction();
+
   // raised_for_factor: the next ridge after one that left the matrix indefinite. It starts near the rounding of the
   // matrix: a factorization costs nothing beside a Hessian, and a ridge that is larger than need be costs iterations.
   double raised_for_factor(double ridge, double deficit) const;
@@ -37,6 +41,8 @@ public:
   double first_ridge() const;
 
 private:
+  int factor(double ridge, double& deficit);
+
   MINSTR* str;
   double* h = nullptr; // packed, order m
   double slope = 0.0;

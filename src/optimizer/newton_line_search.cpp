@@ -48,7 +48,11 @@ private:
     str->dfes = str->cold - str->crit;
     ++str->itre;
     str->nitr += 1.0;
-    if (str->ridg > 0.0) str->scut = cut_radius;
+    if (str->alfa < 0.1) str->scut = cut_search;
+    if (str->ridg > 0.0) {
+      str->scut = cut_radius;
+      str->pred = model.full_reduction(); // GCONV asks what the full step would gain, whatever cut this one
+    }
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     str->gcri = std::abs(znlpgs(*str, str->grad, str->sdir));

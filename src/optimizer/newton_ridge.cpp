@@ -38,9 +38,11 @@ private:
     str->alfa = matrix::zvenorm(str->nvar, 1, str->sdir);
     str->nitr += 1.0;
     ++str->itre;
+    const bool cut = str->ridg > 0.0 || str->stub < 1.0;
     if (str->ridg > 0.0) str->scut = cut_radius;
     if (objective_gradient(str) != 0) return code_gradient;
     choose_next_ridge();
+    if (cut) str->pred = model.full_reduction(); // GCONV asks what the full step would gain, whatever cut this one
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     if (const int code = test_termination(str, 1); code != 0) return code;

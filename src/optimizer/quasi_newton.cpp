@@ -78,6 +78,8 @@ private:
     moved = true;
     ++str->itre;
     str->nitr += 1.0;
+    if (str->alfa < 0.1) str->scut = cut_search;
+    correct_prediction(str, str->alfa * str->alfa * -slope);
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     if (const int code = test_termination(str, 1); code != 0) return code;

@@ -81,7 +81,7 @@ private:
 
   // A step that runs at once into a constraint that x touches: near a constraint just dropped a smaller radius turns
   // the step towards steepest descent, which moves off it; any other constraint is held.
-  int free_step()
+  int free_step(bool may_hold)
   {
     for (int cuts = 0;; ++cuts) {
       const long m = free_dimension(*str);
@@ -95,6 +95,8 @@ private:
         str->delt = 0.1 * state.dstn;
         continue;
       }
+      // A step that has been saved belongs to the constraints that were held then.
+      if (!may_hold) return 2;
       if (znlpact(str, str->sdir) == 0) return 0;
       project_model();
       state.kagqt = -1;
@@ -127,6 +129,9 @@ private:
     ++str->itre;
     str->alfa = state.dstn;
     if (str->lamb > 0.0) str->scut = cut_radius;
+    // GCONV asks what the full step would gain, whatever cut this one.
+    if (str->lamb > 0.0 || str->stub < 1.0)
+      str->pred = newton_reduction(state, free_dimension(*str), model, g, str->half, work);
     if (objective_gradient(str) != 0) return code_gradient;
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
@@ -140,7 +145,10 @@ private:
   {
     for (;;) {
       std::copy_n(str->xold, str->nvar, str->x); // the constraints that the old point touches are meant
-      if (free_step() != 0) return give_up(free_dimension(*str) == 0 ? code_reenter : code_no_progress);
+      const bool saved = state.rest == 2;
+      const int blocked = free_step(!saved);
+      if (blocked != 0 && saved) return take_saved();
+      if (blocked != 0) return give_up(free_dimension(*str) == 0 ? code_reenter : code_no_progress);
       state.rad0 = str->delt;
       const int failed = try_trust_step(str, free_dimension(*str), step, scratch);
       if (interrupted(*str)) return give_up(code_objective);

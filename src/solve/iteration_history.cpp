@@ -143,7 +143,7 @@ std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
 {
   const std::string criterion = optimizer::criterion_name(code > 100 ? code - 100 : code);
   if (code >= 1 && code <= 9) return {filled(7, {criterion}), 0};
-  if (code > 100) return {filled(57, {criterion, std::to_string(str.toln[code - 101])}), 0};
+  if (code > 100) return {filled(57, {criterion, std::to_string(str.toln[code - 101 + 10])}), 0};
   switch (code) {
   case 10:
     return {filled(3, {}), 0};
