@@ -1,5 +1,6 @@
 #include "optimizer/objective_access.h"
 
+#include "optimizer/arrays.h"
 #include "optimizer/optimizer.h"
 #include "optimizer/units.h"
 
@@ -75,6 +76,7 @@ int objective_gradient(MINSTR* str, ProblemCallback gradient)
 
 int objective_hessian(MINSTR* str, ProblemCallback hessian)
 {
+  if (provide_hessian(str) != 0) return 1;
   const ProblemCallback analytic = hessian != nullptr ? hessian : str->ushes;
   if (analytic == nullptr) {
     if (str->fidi % 10 == 0) return (str->fihs == 2 ? znlpfh4(str) : znlpfh3(str)) != 0;

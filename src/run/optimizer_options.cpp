@@ -200,6 +200,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.covstr = n.covstr.get();
   const int rc = optimizer::tvloptc(&str);
   post_messages(n);
+  if (str.fidi == 0) n.fd = 0; // the derivatives that are asked for next follow the library's decision
   if (rc == 1016) tvlexit(n, 1016);
   if (rc != 0) tvlexit(n, 3000);
   optimizer::covariance_defaults(n.covstr.get());

@@ -203,6 +203,31 @@ void tvliter(NX& n, int job)
   }
 }
 
+void continued_row(NX& n, const MINSTR& run)
+{
+  if (n.ithis == nullptr) return;
+  std::vector<host::Cell> cells;
+  std::size_t parameter = 0;
+  for (const TableColumn& column : history_columns(n, layout_of(n.str->tech))) {
+    if (column.name == "Iter")
+      cells.emplace_back(static_cast<long>(run.nitr));
+    else if (column.name == "Calls")
+      cells.emplace_back(run.nfct);
+    else if (column.name == "NegLogLike")
+      cells.emplace_back(run.crit);
+    else if (column.name == "Diff")
+      cells.emplace_back(n.cold - run.crit);
+    else if (column.generic == "Parameter")
+      cells.emplace_back(n.parm[parameter++]);
+    else if (column.kind == CellKind::text)
+      cells.emplace_back(" ");
+    else
+      cells.emplace_back(host::missing); // the technique's own
+  }
+  n.ithis->row(std::move(cells));
+  n.cold = run.crit;
+}
+
 int nlpterm(MINSTR* str, int job)
 {
   NX& n = *static_cast<NX*>(str->comstr);
