@@ -1,6 +1,7 @@
 #include "optimizer/arrays.h"
 
 #include "optimizer/optimizer.h"
+#include "optimizer/values_check.h"
 
 #include <algorithm>
 #include <array>
@@ -74,7 +75,7 @@ Sizes sizes_of(const MINSTR& str)
   switch (str.tech) {
   case NMSIMP:
   case NMSIM2:
-    return {false, false, (n + 4) * n + n + 1}; // vertices, their values, three points
+    return {false, false, (n + 4) * n + n + 1 + values_check_length(n)}; // vertices, values, three points
   case CONGRA:
     return {false, false, 7 * n};
   case DBLDOG:

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 namespace torvale::optimizer {
@@ -36,40 +37,89 @@ int invert_diagonal(long n, double asin, double msin, double* d, double* det, lo
   return zeros;
 }
 
-// The scale of each row: the root of a positive diagonal element, 1 for others. Parameters may differ by many powers of
-// ten, and singular must not mean small.
-void scale_to_unit_diagonal(long n, double* a, double* scale)
+// Unit diagonal makes the other elements larger than 1 where they exceed the roots of their diagonals: a matrix that is
+// far from semidefinite. Beyond this it would be spoilt by its scaling; and a diagonal that is not positive says
+// nothing of its row.
+constexpr double largest_scaled = 2.0;
+
+bool diagonal_is_a_scale(long n, const double* a)
+{
+  for (long i = 0; i < n; ++i)
+    for (long j = 0; j < i; ++j) {
+      const double both = std::max(a[packed_diagonal(i)], 0.0) * std::max(a[packed_diagonal(j)], 0.0);
+      if (!(std::abs(a[packed_row(i) + j]) <= largest_scaled * std::sqrt(both))) return false;
+    }
+  return true;
+}
+
+// The power of two nearest to the root of a size: scaling by it costs no digit.
+double even_scale(double size)
+{
+  return std::ldexp(1.0, static_cast<int>(std::lround(0.5 * std::log2(size))));
+}
+
+// Scales that bring the largest element of each row near 1, whatever stands on the diagonal (D. Ruiz, A scaling
+// algorithm to equilibrate both rows and columns norms in matrices, RAL-TR-2001-034). work: n doubles.
+void equilibrate(long n, const double* a, double* scale, double* work)
+{
+  std::fill_n(scale, n, 1.0);
+  for (int round = 0; round < 30; ++round) {
+    std::fill_n(work, n, 0.0);
+    for (long i = 0; i < n; ++i)
+      for (long j = 0; j <= i; ++j) {
+        const double element = std::abs(a[packed_row(i) + j]) / (scale[i] * scale[j]);
+        work[i] = std::max(work[i], element);
+        work[j] = std::max(work[j], element);
+      }
+    bool even = true;
+    for (long i = 0; i < n; ++i) {
+      even = even && (work[i] == 0.0 || (work[i] > 0.49 && work[i] < 2.01));
+      if (work[i] > smallest_normal && std::isfinite(work[i])) scale[i] *= even_scale(work[i]);
+    }
+    if (even) return;
+  }
+}
+
+// The scale of each row: the root of the diagonal element, or what makes the row even. Parameters may differ by many
+// powers of ten, and singular must not mean small. work: n doubles.
+void scale_matrix(long n, double* a, double* scale, double* work)
 {
   for (long i = 0; i < n; ++i) {
     const double d = a[packed_diagonal(i)];
-    scale[i] = d > 0.0 ? std::sqrt(d) : 1.0;
+    scale[i] = d > 0.0 ? std::sqrt(d) : d < -smallest_normal ? even_scale(-d) : 1.0;
     if (scale[i] < root_smallest) scale[i] = 1.0;
   }
+  if (!diagonal_is_a_scale(n, a)) equilibrate(n, a, scale, work);
   for (long i = 0; i < n; ++i)
     for (long j = 0; j <= i; ++j) a[packed_row(i) + j] /= scale[i] * scale[j];
 }
 
-// Sweeps the pivots of the scaled matrix in their order. What is left of a row whose pivot was refused says how it
-// depends on the swept ones.
+// Sweeps the pivots of the scaled matrix in their order; one that is refused gets another chance when the others are
+// done, for a pivot of 0 makes no indefinite matrix singular. What is left of a row whose pivot stays refused says how
+// it depends on the swept ones.
 int sweep_pivots(long n, double asin, double msin, double vsin, double* a, double* det, double* scale, double* work,
                  std::vector<char>& swept)
 {
-  scale_to_unit_diagonal(n, a, scale);
-  const double most = matrix::zvamx(a, packed_size(n));
+  scale_matrix(n, a, scale, work);
+  const double limit = std::max({vsin, msin * matrix::zvamx(a, packed_size(n)), asin}); // vsin times 1, the diagonal
+  // Negative: of either sign. A limit of -0 would mean positive pivots alone.
+  const double either_sign = -std::max(limit, std::numeric_limits<double>::denorm_min());
   swept.assign(static_cast<std::size_t>(n), '0');
-  int zeros = 0;
-  for (long k = 0; k < n; ++k) {
-    const double limit = std::max({vsin, msin * most, asin}); // vsin times the diagonal element, which is 1
-    const double pivot = a[packed_diagonal(k)];
-    matrix::determinant_count(det, pivot, limit);
-    if (matrix::qkzsweep(a, static_cast<int>(k), static_cast<int>(n), swept.data(), work, -limit) != 0) {
-      ++zeros;
-    } else {
+  long refused = n;
+  for (long before = n + 1; refused > 0 && refused < before;) {
+    before = refused;
+    for (long k = 0; k < n; ++k) {
+      if (swept[static_cast<std::size_t>(k)] == '1') continue;
+      const double pivot = a[packed_diagonal(k)];
+      if (matrix::qkzsweep(a, static_cast<int>(k), static_cast<int>(n), swept.data(), work, either_sign) != 0) continue;
+      --refused;
+      matrix::determinant_count(det, pivot, limit);
       matrix::determinant_multiply(det, pivot);
       matrix::determinant_multiply(det, scale[k] * scale[k]);
     }
   }
-  return zeros;
+  for (long k = 0; k < refused; ++k) matrix::determinant_count(det, 0.0, limit);
+  return static_cast<int>(refused);
 }
 
 } // namespace
@@ -108,7 +158,7 @@ int zcovgiv(long n, double asin, double csin, double* cov, double* det, double* 
   double* const v = work;
   double* const off = work + n * n;
   double* const scale = off + n;
-  scale_to_unit_diagonal(n, cov, scale);
+  scale_matrix(n, cov, scale, off);
   matrix::zmmovsr(cov, v, static_cast<int>(n));
   matrix::ztred2(static_cast<int>(n), v, eval, off);
   if (matrix::ztql2(static_cast<int>(n), v, eval, off, 1) != 0) return -1;

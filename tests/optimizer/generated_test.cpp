@@ -17,9 +17,9 @@ struct Variant {
   int technique, update;
 };
 
-constexpr Variant variants[] = {{TRUREG, 0},  {NEWRAP, 0},  {NRRIDG, 0}, {DBLDOG, 1}, {DBLDOG, 2},
-                                {QUANEW, 6},  {QUANEW, 7},  {DUQUAN, 1}, {DUQUAN, 2}, {CONGRA, 11},
-                                {CONGRA, 12}, {CONGRA, 13}, {CONGRA, 14}};
+constexpr Variant variants[] = {{TRUREG, 0},  {NEWRAP, 0},  {NRRIDG, 0},  {DBLDOG, 1}, {DBLDOG, 2},
+                                {QUANEW, 6},  {QUANEW, 7},  {DUQUAN, 1},  {DUQUAN, 2}, {CONGRA, 11},
+                                {CONGRA, 12}, {CONGRA, 13}, {CONGRA, 14}, {NMSIMP, 0}, {NMSIM2, 0}};
 
 void PrintTo(const Variant& v, std::ostream* out)
 {
@@ -37,7 +37,8 @@ std::unique_ptr<SmallProblem> problem_of(const GeneratedProblem& generated, int 
   return p;
 }
 
-// Where the Hessian promises nothing definite: what a descent from the point reaches.
+// Where the Hessian promises nothing definite: what a descent from the point
+// reaches.
 double gain_by_descent(const GeneratedProblem& generated, const Vector& x)
 {
   const auto problem = problem_of(generated, TRUREG, x);
@@ -51,12 +52,17 @@ double gain_by_descent(const GeneratedProblem& generated, const Vector& x)
 
 class GeneratedProblems : public testing::TestWithParam<Variant> {
 protected:
-  // Problems 1 to `count` with the derivatives by `difference`. Every success is judged; at most one in ten may fail.
+  // Problems 1 to `count` with the derivatives by `difference`. Every success
+  // is judged. At most one in ten may fail, of a simplex (without rows) two in
+  // five: with twelve parameters it reaches MAXITER.
   void walk(std::uint32_t count, int difference)
   {
-    std::uint32_t failures = 0;
+    const bool simplex = GetParam().technique >= NMSIMP;
+    std::uint32_t failures = 0, tried = 0;
     for (std::uint32_t seed = 1; seed <= count; ++seed) {
       const GeneratedProblem generated(seed);
+      if (simplex && !generated.rows.empty()) continue;
+      ++tried;
       const auto problem = problem_of(generated, GetParam().technique, generated.start);
       SmallProblem& p = *problem;
       p.str.tupd = GetParam().update;
@@ -73,14 +79,14 @@ protected:
           << "seed " << seed << " FD " << difference << " code " << p.str.rcod << " f " << p.str.crit << " gradient "
           << verdict.gradient << " gain " << verdict.gain;
     }
-    EXPECT_LE(failures, count / 10);
+    EXPECT_LE(failures, simplex ? 2 * tried / 5 : tried / 10);
   }
 };
 
 } // namespace
 
-// A success is a success: no technique calls a point a minimum from which a Newton step within the constraints leads
-// on.
+// A success is a success: no technique calls a point a minimum from which a
+// Newton step within the constraints leads on.
 TEST_P(GeneratedProblems, NoSuccessIsFalse)
 {
   walk(1000, 0);
@@ -88,6 +94,7 @@ TEST_P(GeneratedProblems, NoSuccessIsFalse)
 
 TEST_P(GeneratedProblems, NoSuccessIsFalseWithDifferences)
 {
+  if (GetParam().technique >= NMSIMP) GTEST_SKIP() << "a simplex has no gradients";
   for (const int difference : {1, 2, 3}) walk(100, difference);
 }
 
