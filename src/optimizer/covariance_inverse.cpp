@@ -37,59 +37,52 @@ int invert_diagonal(long n, double asin, double msin, double* d, double* det, lo
   return zeros;
 }
 
-// Unit diagonal makes the other elements larger than 1 where they exceed the roots of their diagonals: a matrix that is
-// far from semidefinite. Beyond this it would be spoilt by its scaling; and a diagonal that is not positive says
-// nothing of its row.
-constexpr double largest_scaled = 2.0;
-
-bool diagonal_is_a_scale(long n, const double* a)
+double element(const double* a, long i, long j)
 {
-  for (long i = 0; i < n; ++i)
-    for (long j = 0; j < i; ++j) {
-      const double both = std::max(a[packed_diagonal(i)], 0.0) * std::max(a[packed_diagonal(j)], 0.0);
-      if (!(std::abs(a[packed_row(i) + j]) <= largest_scaled * std::sqrt(both))) return false;
-    }
-  return true;
+  return std::abs(a[matrix::packed_index(i, j)]);
 }
 
-// The power of two nearest to the root of a size: scaling by it costs no digit.
-double even_scale(double size)
+// How far the elements of row i exceed the roots of the diagonals, which semidefinite matrices never do: the logarithms
+// of what is beyond a factor of 4, summed over the rows whose diagonal is still trusted (scale > 0).
+double excess(long n, const double* a, const double* scale, long i)
 {
-  return std::ldexp(1.0, static_cast<int>(std::lround(0.5 * std::log2(size))));
-}
-
-// Scales that bring the largest element of each row near 1, whatever stands on the diagonal (D. Ruiz, A scaling
-// algorithm to equilibrate both rows and columns norms in matrices, RAL-TR-2001-034). work: n doubles.
-void equilibrate(long n, const double* a, double* scale, double* work)
-{
-  std::fill_n(scale, n, 1.0);
-  for (int round = 0; round < 30; ++round) {
-    std::fill_n(work, n, 0.0);
-    for (long i = 0; i < n; ++i)
-      for (long j = 0; j <= i; ++j) {
-        const double element = std::abs(a[packed_row(i) + j]) / (scale[i] * scale[j]);
-        work[i] = std::max(work[i], element);
-        work[j] = std::max(work[j], element);
-      }
-    bool even = true;
-    for (long i = 0; i < n; ++i) {
-      even = even && (work[i] == 0.0 || (work[i] > 0.49 && work[i] < 2.01));
-      if (work[i] > smallest_normal && std::isfinite(work[i])) scale[i] *= even_scale(work[i]);
-    }
-    if (even) return;
+  double sum = 0.0;
+  for (long j = 0; j < n; ++j) {
+    if (j == i || !(scale[j] > 0.0)) continue;
+    const double ratio = element(a, i, j) / scale[i] / scale[j];
+    if (ratio > 4.0) sum += std::log(ratio);
   }
+  return sum;
 }
 
-// The scale of each row: the root of the diagonal element, or what makes the row even. Parameters may differ by many
-// powers of ten, and singular must not mean small. work: n doubles.
-void scale_matrix(long n, double* a, double* scale, double* work)
+// The scale of each row: the root of the diagonal element; parameters may differ by many powers of ten, and singular
+// must not mean small. A diagonal that is too small for its row, or not positive, says nothing of it and would spoil
+// the others: the worst one after the other loses its say, and its row is brought to the size of the rest.
+void scale_matrix(long n, double* a, double* scale)
 {
   for (long i = 0; i < n; ++i) {
     const double d = a[packed_diagonal(i)];
-    scale[i] = d > 0.0 ? std::sqrt(d) : d < -smallest_normal ? even_scale(-d) : 1.0;
-    if (scale[i] < root_smallest) scale[i] = 1.0;
+    scale[i] = d > root_smallest * root_smallest ? std::sqrt(d) : 0.0;
   }
-  if (!diagonal_is_a_scale(n, a)) equilibrate(n, a, scale, work);
+  for (;;) {
+    long worst = -1;
+    double most = 0.0;
+    for (long i = 0; i < n; ++i) {
+      const double sum = scale[i] > 0.0 ? excess(n, a, scale, i) : 0.0;
+      if (sum > most) most = sum, worst = i;
+    }
+    if (worst < 0) break;
+    scale[worst] = 0.0;
+  }
+  for (long i = 0; i < n; ++i) {
+    if (scale[i] > 0.0) continue;
+    double size = std::sqrt(std::abs(a[packed_diagonal(i)]));
+    for (long j = 0; j < n; ++j)
+      if (scale[j] > 0.0) size = std::max(size, element(a, i, j) / scale[j]);
+    // A power of two costs no digit. Negative until all are done: such rows do not count for one another.
+    scale[i] = size > root_smallest ? -std::ldexp(1.0, static_cast<int>(std::lround(std::log2(size)))) : -1.0;
+  }
+  for (long i = 0; i < n; ++i) scale[i] = std::abs(scale[i]);
   for (long i = 0; i < n; ++i)
     for (long j = 0; j <= i; ++j) a[packed_row(i) + j] /= scale[i] * scale[j];
 }
@@ -100,7 +93,7 @@ void scale_matrix(long n, double* a, double* scale, double* work)
 int sweep_pivots(long n, double asin, double msin, double vsin, double* a, double* det, double* scale, double* work,
                  std::vector<char>& swept)
 {
-  scale_matrix(n, a, scale, work);
+  scale_matrix(n, a, scale);
   const double limit = std::max({vsin, msin * matrix::zvamx(a, packed_size(n)), asin}); // vsin times 1, the diagonal
   // Negative: of either sign. A limit of -0 would mean positive pivots alone.
   const double either_sign = -std::max(limit, std::numeric_limits<double>::denorm_min());
@@ -158,7 +151,7 @@ int zcovgiv(long n, double asin, double csin, double* cov, double* det, double* 
   double* const v = work;
   double* const off = work + n * n;
   double* const scale = off + n;
-  scale_matrix(n, cov, scale, off);
+  scale_matrix(n, cov, scale);
   matrix::zmmovsr(cov, v, static_cast<int>(n));
   matrix::ztred2(static_cast<int>(n), v, eval, off);
   if (matrix::ztql2(static_cast<int>(n), v, eval, off, 1) != 0) return -1;
