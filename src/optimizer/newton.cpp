@@ -26,6 +26,12 @@ constexpr double relative_pivot = 1.110223024625157e-14;
 
 } // namespace
 
+int NewtonModel::start(bool first)
+{
+  str->ridg = 0.0;
+  return evaluate(first) == 0 ? 0 : first ? code_start_derivative : code_hessian;
+}
+
 int NewtonModel::evaluate(bool first)
 {
   if (objective_hessian(str) != 0) return 1;

@@ -11,6 +11,9 @@ class NewtonModel {
 public:
   explicit NewtonModel(MINSTR* record) : str(record) {}
 
+  // start: the model at the beginning of a cycle, without a ridge. Returns 0 or a termination code.
+  int start(bool first);
+
   // Hessian at x and its part on the free space. Returns 0 or 1 (failed).
   int evaluate(bool first);
 
@@ -49,24 +52,5 @@ private:
   double curvature = 0.0;
   double most = 0.0;
 };
-
-// newton_cycles: the frame of both Newton techniques: cycles from a start section to a result, with `iteration` called
-// until it returns a code. Returns the termination code.
-template <class Iteration> int newton_cycles(MINSTR* str, NewtonModel& model, Iteration iteration)
-{
-  if (const int rc = begin_technique(str, true); rc != 0) return rc;
-  for (bool first = true;; first = false) {
-    begin_cycle(str);
-    if (constrained(*str)) znlpdac(str);
-    int code = 0;
-    if (model.evaluate(first) != 0) code = first ? code_start_derivative : code_hessian;
-    const bool all_held = free_dimension(*str) == 0;
-    if (code == 0 && (first || all_held)) code = test_termination(str, all_held ? 1 : 10);
-    str->ridg = 0.0;
-    while (code == 0) code = iteration();
-    if (code != code_reenter) code = end_technique(str, code);
-    if (code != code_reenter) return code;
-  }
-}
 
 } // namespace torvale::optimizer

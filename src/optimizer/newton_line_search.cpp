@@ -1,6 +1,4 @@
-#include "optimizer/technique.h"
-
-#include "optimizer/active_set.h"
+#include "optimizer/cycles.h"
 #include "optimizer/line_search.h"
 #include "optimizer/newton.h"
 #include "optimizer/objective_access.h"
@@ -19,12 +17,8 @@ class NewtonRaphson {
 public:
   explicit NewtonRaphson(MINSTR* record) : str(record), model(record) {}
 
-  int run()
-  {
-    return newton_cycles(str, model, [this] { return iteration(); });
-  }
+  int start(bool first) { return model.start(first); }
 
-private:
   int iteration()
   {
     remember(str);
@@ -61,6 +55,7 @@ private:
     return model.evaluate(false) != 0 ? code_hessian : 0;
   }
 
+private:
   void raise_ridge(double ridge)
   {
     str->ridg = ridge;
@@ -101,7 +96,8 @@ private:
 
 int znlpnra(MINSTR* str)
 {
-  return NewtonRaphson(str).run();
+  NewtonRaphson technique(str);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer

@@ -1,6 +1,4 @@
-#include "optimizer/technique.h"
-
-#include "optimizer/active_set.h"
+#include "optimizer/cycles.h"
 #include "optimizer/newton.h"
 #include "optimizer/objective_access.h"
 
@@ -20,12 +18,8 @@ class RidgedNewton {
 public:
   explicit RidgedNewton(MINSTR* record) : str(record), model(record) {}
 
-  int run()
-  {
-    return newton_cycles(str, model, [this] { return iteration(); });
-  }
+  int start(bool first) { return model.start(first); }
 
-private:
   int iteration()
   {
     remember(str);
@@ -50,6 +44,7 @@ private:
     return model.evaluate(false) != 0 ? code_hessian : 0;
   }
 
+private:
   void raise_ridge(double factor) { str->ridg = std::max(factor * str->ridg, model.first_ridge()); }
 
   // The ridge rises until the objective does not: an accepted decrease stays, whatever the slope there.
@@ -117,7 +112,8 @@ private:
 
 int znlpnrr(MINSTR* str)
 {
-  return RidgedNewton(str).run();
+  RidgedNewton technique(str);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer
