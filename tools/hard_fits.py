@@ -273,6 +273,8 @@ CLASSES = [variance_at_zero, edge_of_covariance, separation, collinear, one_reco
 
 def better_point(binary, folder, case, fit, r):
     """The best -2 log L that restarts from within a standard error reach, when it is better; else None."""
+    if fit.m2ll is None:
+        return None
     best = fit.m2ll
     for technique in r.sample(['TRUREG', 'QUANEW', 'NMSIMP', 'NRRIDG'], 3):
         start = {}

@@ -441,8 +441,7 @@ constexpr CatalogueEntry entries[] = {
      "Other starting values; larger MAXITER= and MAXFUNC=; BOUNDS; another parameterization."},
     {503, 9411, "likelihood_rises_without_end", W,
      "The likelihood does not fall along {names} within a standard error: it seems to rise without end, and there is "
-     "no "
-     "maximum.",
+     "no maximum.",
      "Complete separation: the data split the responses perfectly. Or a parameter without influence far away.",
      "Remove the effect, join groups, or give BOUNDS."},
     {503, 9412, "stopped_by_given_criterion", W,
@@ -457,6 +456,16 @@ constexpr CatalogueEntry entries[] = {
      "TRUREG, NEWRAP and NRRIDG need a Hessian in each iteration; by differences it costs a call or more per parameter, "
      "from values alone some for each pair.",
      "Raise MAXFUNC= to insist on the technique."},
+    {503, 9414, "more_points_at_estimates", N,
+     "At the estimates the integral needs {points} quadrature points in place of {before}: the fit goes on with them.",
+     "The starting values were chosen where the integrand is wider than at the estimates.", "QPOINTS= settles the number."},
+    {503, 9415, "more_points_than_qmax", W,
+     "At the estimates the integral still changes by more than the relative tolerance {tolerance} with {points} "
+     "quadrature points, and QMAX= allows no more.",
+     "", "A larger QMAX= or QTOL=."},
+    {503, 9416, "integral_changes_with_points", W,
+     "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
+     "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
     {503, 9343, "interrupted", W, "The run was interrupted; what was finished is written.", "", ""},
     {503, 9342, "no_step", E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
     {503, 9344, "only_grammar_checked", N,
