@@ -6,7 +6,7 @@ set(TORVALE_ROOMS ${all_rooms} CACHE STRING "Rooms to configure (a part of the h
 
 set(may_include_matrix "")
 set(may_include_probability matrix)
-set(may_include_host "")
+set(may_include_host optimizer/messages) # the words of its messages, nothing else of it
 set(may_include_syntax host)
 set(may_include_language syntax host)
 set(may_include_engine syntax host probability)
@@ -59,7 +59,8 @@ function(torvale_room name)
   target_link_libraries(torvale_${name} PUBLIC ${ROOM_LIBRARIES} PRIVATE torvale_flags)
   foreach(lower IN LISTS may_include_${name})
     if(EXISTS "${CMAKE_SOURCE_DIR}/src/${lower}/CMakeLists.txt")
-      target_link_libraries(torvale_${name} PUBLIC torvale_${lower})
+      string(REPLACE "/" "_" library "torvale_${lower}")
+      target_link_libraries(torvale_${name} PUBLIC ${library})
     endif()
   endforeach()
   add_custom_target(check_room_${name}
