@@ -19,9 +19,10 @@ using syntax::torvale_slot;
 
 namespace {
 
-constexpr int most_restarts = 4;     // of the technique
-constexpr int most_rounds = 12;      // of the trust region
-constexpr int more_iterations = 200; // that a fit may take after its technique, where the limits are the defaults
+constexpr double most_lengths = 100.0; // of a parameter in its unit
+constexpr int most_restarts = 4;       // of the technique
+constexpr int most_rounds = 12;        // of the trust region
+constexpr int more_iterations = 200;   // that a fit may take after its technique, where the limits are the defaults
 
 // Techniques that carry an approximation of the Hessian; the others use the true one, or none at all.
 bool approximates_hessian(int tech)
@@ -194,6 +195,8 @@ void FitEnd::set_scales()
   for (std::size_t i = 0; i < scales_.size(); ++i) {
     const double d = products[i * (i + 3) / 2];
     if (d > 0.0 && std::isfinite(d)) scales_[i] = 1.0 / std::sqrt(d);
+    // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
+    if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
   }
   str.scale = scales_.data();
 }
@@ -345,6 +348,7 @@ int FitEnd::finish(int code)
     n_.dependencies.clear();
     n_.dograd = str.fidi == 0;
     str.continues = 1;
+    str.scale = nullptr; // the units of the start say nothing here
     if (optimizer::znlpdrv(&str, 1, 0, 0, 0) == 0) optimizer::znlpdrv(&str, 2, 0, 0, 0);
     str.tech = tech;
   }

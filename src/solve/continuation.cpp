@@ -18,8 +18,10 @@ namespace {
 struct Run {
   FitSurface* surface = nullptr;
   std::vector<double> gradient;
-  int accepted = 0;  // iterations
-  double mark = 0.0; // objective at the last look back
+  int accepted = 0;       // iterations
+  double mark = 0.0;      // objective at the last look back
+  double best = 0.0;      // lowest objective of an accepted point
+  std::vector<double> at; // and the point; empty: none
 };
 
 constexpr int most_iterations = 200; // of one run
@@ -37,7 +39,9 @@ int objective(MINSTR* str)
   const bool good = run.surface->analytic() ? run.surface->gradient(str->x, str->crit, run.gradient.data())
                                             : run.surface->value(str->x, str->crit);
   if (!good) str->crit = model::failure_objective;
-  str->stop = run.surface->run().str->stop;
+  // On flat ground a single iteration may go on for ever.
+  const bool spent = static_cast<double>(str->nfct) > str->maxf + static_cast<double>(str->nvar);
+  str->stop = run.surface->run().str->stop != 0 || spent ? 1 : 0;
   return 0;
 }
 
@@ -58,9 +62,13 @@ int termination(MINSTR* str, int job)
     integration::accept_modes(n);
   }
   if (job > 0 && job % 2 == 1) continued_row(n, *str);
+  Run& run = run_of(str);
+  if (job > 0 && (run.at.empty() || str->crit < run.best)) {
+    run.best = str->crit;
+    run.at.assign(str->x, str->x + str->nvar);
+  }
   if (n.host->interrupted()) str->stop = 1;
   if (const int code = optimizer::znlptrm(str, job); code != 0 || job <= 0) return code;
-  Run& run = run_of(str);
   if (job == 10) run.mark = str->crit;
   if (job == 10 || ++run.accepted % look_back != 0) return 0;
   const bool creeps = 2.0 * (run.mark - str->crit) < 0.1 * gain_allowed;
@@ -119,10 +127,10 @@ bool continue_fit(FitSurface& surface, const std::vector<double>& start, double 
   }
   if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
   optimizer::continue_run(region, n.str.get());
-  if (!(region.crit < f_start)) return false;
-  f = region.crit;
+  if (run.at.empty() || !(run.best < f_start)) return false;
+  f = run.best;
   x.resize(static_cast<std::size_t>(c.size()));
-  c.parameters(region.x, x.data());
+  c.parameters(run.at.data(), x.data());
   return true;
 }
 
