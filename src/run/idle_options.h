@@ -2,15 +2,22 @@
 // Options that are accepted and change nothing: kept so that programs which carry them run. A note names those given.
 
 #include "model/run_record.h"
+#include "syntax/statement_names.h"
 
 #include <span>
+#include <variant>
 
 namespace torvale::run {
 
 struct IdleOption {
-  int slot = -1; // of the TORVALE statement; -1: the flag
-  int flag = -1;
+  std::variant<syntax::torvale_slot, syntax::torvale_flag> place;
   const char* name; // as docs/language.md has it
+
+  bool given_in(const syntax::STMT& procedure) const
+  {
+    if (const auto* slot = std::get_if<syntax::torvale_slot>(&place)) return procedure.given(*slot);
+    return procedure.flag(std::get<syntax::torvale_flag>(place));
+  }
 };
 
 std::span<const IdleOption> idle_options();

@@ -160,6 +160,19 @@ void difference_mode(NX& n)
   }
 }
 
+// FDHESSIAN= needs gradients: beside it FD= is ignored, and the library says so.
+bool analytic_gradients(const MINSTR& str)
+{
+  return str.fidi == 0 || str.fihs != 0;
+}
+
+// What the library has to say of the options. Reports of a run wait for its end; these do not.
+void post_messages(NX& n)
+{
+  for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
+  n.optimizer_messages.clear();
+}
+
 // Parameters of a model differ in size by orders of magnitude, and a quasi-Newton run from the identity spends most of
 // its iterations on finding that out (sleep study: 40 objective calls and a stop 0.05 above the minimum; 13 calls and
 // the minimum with the Hessian at the start, its own calls included). With analytic gradients the start metric is
@@ -167,7 +180,7 @@ void difference_mode(NX& n)
 void start_metric(NX& n, const STMT& procedure)
 {
   const bool given = procedure.flag(torvale_flag::inhessian) || procedure.given(torvale_slot::inhessian);
-  if (!given && n.str->fidi == 0 && n.nparm <= 100) n.str->load = 1;
+  if (!given && analytic_gradients(*n.str) && n.nparm <= 100) n.str->load = 1;
 }
 
 } // namespace
@@ -199,7 +212,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
     str.ub[j] = p.highbound;
   }
   str.usfct = n.loglevel > 2 ? integration::nlpfunclog : integration::nlpfunc;
-  str.usgrd = str.fidi == 0 ? integration::nlpgrad : nullptr;
+  str.usgrd = analytic_gradients(str) ? integration::nlpgrad : nullptr;
   str.uster = solve::nlpterm;
   str.message = solve::optimizer_message;
   str.zmsg = 2; // a limit that ends a fit is a warning
@@ -208,6 +221,8 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.clock = [](MINSTR* s) { return static_cast<NX*>(s->comstr)->host->seconds(); };
   str.covstr = n.covstr.get();
   const int rc = optimizer::tvloptc(&str);
+  post_messages(n);
+  if (str.fidi == 0) n.fd = 0; // the derivatives that are asked for next follow the library's decision
   if (rc == 1016) tvlexit(n, 1016);
   if (rc != 0) tvlexit(n, 3000);
   optimizer::covariance_defaults(n.covstr.get());
