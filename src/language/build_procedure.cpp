@@ -347,6 +347,10 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
                           "PREDICT needs OUT= with the data set that takes the predictions.", 7);
     close_statement(a, r, result);
     return true;
+  case Action::end_prior:
+    if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
+    close_statement(a, r, result);
+    return true;
   case Action::end_id: {
     check_top_level(r[0]);
     STLIST& c = proc_->statements.front().fld[80];

@@ -24,14 +24,6 @@ void refuse_name(NX& n, const char* statement, int number, const engine::CMPSYM&
   tvlexit(n, 3000);
 }
 
-// An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
-void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
-{
-  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
-    if (input->parameter < 0) refuse_name(n, statement, input->random_effect >= 0 ? 33 : 38, *input, where);
-  }
-}
-
 EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)
 {
   EstimateStatement e;
@@ -42,7 +34,7 @@ EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)
   for (const auto& item : stmt.slot(2).list) {
     engine::CMPSYM* symbol = engine::cmpexpr(*n.gcmp, item.expr);
     if (log_diagnostics(n) > 0) tvlexit(n, 1012);
-    check_inputs(n, word, symbol, item.where);
+    parameters_only(n, word, symbol, item.where);
     e.expr.s.push_back(symbol);
   }
   if (stmt.given(4) && !stmt.slot(4).list.empty()) e.label = stmt.slot(4).list[0].text;
@@ -70,6 +62,14 @@ void specialise(NX& n, EstimateStatement& e)
 }
 
 } // namespace
+
+// An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
+void parameters_only(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
+{
+  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
+    if (input->parameter < 0) refuse_name(n, statement, input->random_effect >= 0 ? 33 : 38, *input, where);
+  }
+}
 
 void refuse_unknown_names(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {
