@@ -162,7 +162,7 @@ int run_sampler(NX& n)
     n.raise(4);
   }
   const bool sampled = n.nreff() > 0 && !o.nointegrate;
-  if (sampled && std::any_of(n.reff[0].SubInfo.begin(), n.reff[0].SubInfo.end(),
+  if (sampled && std::any_of(n.leaf().SubInfo.begin(), n.leaf().SubInfo.end(),
                              [](const auto& s) { return !s.badsub && s.weight != 1.0; })) {
     n.host->log().xpmlog(503, 9589, {}, place_at(n, "MCMC", mcmc.where));
     n.raise(1012);

@@ -19,7 +19,7 @@ using model::BatchWork;
 using model::TVLThreadCtx;
 
 LogPosterior::LogPosterior(model::NX& n, EffectForm form)
-    : n_(n), form_(form), subjects_(static_cast<int>(n.reff[0].SubInfo.size())), nr_(n.reff[0].nr), nrs_(n.reff[0].nrs),
+    : n_(n), form_(form), subjects_(static_cast<int>(n.leaf().SubInfo.size())), nr_(n.leaf().nr), nrs_(n.leaf().nrs),
       np_(n.nparm), work_(n.ctx.size())
 {
   for (Work& w : work_) {
@@ -118,7 +118,7 @@ double LogPosterior::values(int context, const double* theta, const double* effe
   if (rc != 0 || !possible) return impossible;
   double sum = 0.0;
   for (int s = 0; s < subjects_; ++s)
-    if (!n_.reff[0].SubInfo[static_cast<std::size_t>(s)].badsub) sum += value[s];
+    if (!n_.leaf().SubInfo[static_cast<std::size_t>(s)].badsub) sum += value[s];
   return std::isfinite(sum) ? sum : impossible;
 }
 
@@ -128,7 +128,7 @@ void LogPosterior::chain_rule(const TVLThreadCtx& ctx, Work& w, int slot, int co
                               double* by_theta, double* by_effects) const
 {
   const BatchWork& b = ctx.batch;
-  const model::REFFECT& reff = n_.reff[0];
+  const model::REFFECT& reff = n_.leaf();
   const long p = modes::prior_of(n_, slot), stride = b.pair_stride;
   const double* const l = b.factor.data() + p * nrs_;
   const double* const sum = w.sums.data() + column;
@@ -198,7 +198,7 @@ double LogPosterior::gradient(int context, const double* theta, const double* ef
   if (rc != 0) return impossible;
   double sum = 0.0;
   for (int s = 0; s < subjects_; ++s) {
-    if (n_.reff[0].SubInfo[static_cast<std::size_t>(s)].badsub) {
+    if (n_.leaf().SubInfo[static_cast<std::size_t>(s)].badsub) {
       std::fill_n(by_effects + static_cast<long>(s) * nr_, nr_, 0.0);
       continue;
     }

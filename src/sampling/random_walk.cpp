@@ -157,7 +157,7 @@ private:
   void move_effects(int context)
   {
     const int nr = p_.joint->effects();
-    const auto& subjects = p_.n->reff[0].SubInfo;
+    const auto& subjects = p_.n->leaf().SubInfo;
     trial_effects_ = effects_;
     thresholds_.resize(value_.size());
     normals_.resize(static_cast<std::size_t>(nr));

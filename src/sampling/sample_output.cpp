@@ -174,8 +174,8 @@ void declare_sample_columns(NX& n, const SamplerOptions& o)
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   for (const auto& p : n.parmstr) out.add_column(p.parmname, host::ColumnKind::numeric);
   if (n.nreff() > 0 && !o.nointegrate)
-    for (std::size_t s = 0; s < n.reff[0].SubInfo.size(); ++s)
-      for (const auto& effect : n.reff[0].names)
+    for (std::size_t s = 0; s < n.leaf().SubInfo.size(); ++s)
+      for (const auto& effect : n.leaf().names)
         out.add_column(effect + "_" + std::to_string(s + 1), host::ColumnKind::numeric);
   out.add_column("LogPost", host::ColumnKind::numeric, "Log Posterior");
   out.add_column("Sample", host::ColumnKind::numeric, "Iteration");
@@ -189,8 +189,8 @@ void write_sample(NX& n, const SamplerOptions& o, const std::vector<const Chain*
   host::OutputDataSet& out = *o.out;
   const std::size_t np = n.parmstr.size(), width = out.data().columns().size(), by = n.bylist.size();
   const std::size_t room = width - by - np - 3; // columns of effects: as many as the first BY group has
-  if (n.nreff() > 0 && !o.nointegrate && n.reff[0].SubInfo.size() * n.reff[0].names.size() > room) {
-    n.host->log().xpmlog(503, 9585, {{"count", room / n.reff[0].names.size()}});
+  if (n.nreff() > 0 && !o.nointegrate && n.leaf().SubInfo.size() * n.leaf().names.size() > room) {
+    n.host->log().xpmlog(503, 9585, {{"count", room / n.leaf().names.size()}});
     n.raise(4);
   }
   for (std::size_t c = 0; c < chains.size(); ++c) {

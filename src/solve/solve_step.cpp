@@ -1,10 +1,11 @@
 #include "solve/solve_step.h"
 
+#include "evaluation/likelihood_programs.h"
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
-#include "solve/confirmation.h"
+#include "solve/fit_verdict.h"
 
 #include <algorithm>
 #include <cmath>
@@ -28,7 +29,6 @@ void start_problem(NX& n)
   n.converged = false;
   n.havemeat = false;
   n.znlprc = 0;
-  n.iterations_before = 0;
   n.failed_parm.clear();
   n.optimizer_messages.clear();
   n.dependencies.clear();
@@ -36,13 +36,13 @@ void start_problem(NX& n)
   n.covmat.clear();
   n.hessmat.clear();
   n.parmlast.clear();
+  n.verdict = model::Verdict();
   str.covstr = n.covstr.get();
   n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;
   str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
-  str.past_iterations = str.past_seconds = 0;
-  str.past_calls = 0;
+  str.continues = 0;
   str.tbig = 0;
   str.stop = 0;
   std::fill(std::begin(str.toln) + 11, std::end(str.toln), 0L);
@@ -63,8 +63,8 @@ void CheckEigVals(NX& n)
                          {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
 }
 
-// An estimate within the tolerance of a bound is put on it. The tolerance grows with ipre, which the library raises
-// while it makes a start feasible; more than a factor 100 would move estimates visibly.
+// An estimate at an active bound, within its tolerance, is put on it. The tolerance grows with ipre, which the library
+// raises while it makes a start feasible; more than a factor 100 would move estimates visibly.
 void snap_to_bounds(NX& n)
 {
   MINSTR& str = *n.str;
@@ -72,9 +72,9 @@ void snap_to_bounds(NX& n)
   const double eps = str.ceps * std::pow(10.0, std::min(str.ipre, 2));
   for (int i = 0; i < n.nparm; ++i) {
     const double x = str.x[i];
-    if (str.lb[i] > -largest && str.iabc[i] != 2 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
+    if (str.lb[i] > -largest && str.iabc[i] == 1 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
       str.x[i] = str.lb[i];
-    if (str.ub[i] < largest && str.iabc[i] != 2 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
+    if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
       str.x[i] = str.ub[i];
   }
 }
@@ -93,10 +93,10 @@ void robust_covariance(NX& n)
 {
   const int np = n.nparm;
   n.converged = true;
-  n.dograd = true;
+  n.dograd = evaluation::can_evaluate(n).gradient;
   n.parmlast.clear();
   n.havemeat = false;
-  integration::tvllike(n);
+  if (n.dograd) integration::tvllike(n);
   if (n.covmat.empty() || integration::form_meat(n) != 0) {
     n.host->log().xpmlog(503, 142);
     n.raise(4);
@@ -116,7 +116,7 @@ void degrees_of_freedom(NX& n)
   if (n.dfespec)
     n.dfe = n.dfe_option;
   else
-    n.dfe = n.nreff() > 0 ? n.reff[0].nrepsub - n.reff[0].nr : static_cast<double>(n.store->nobsu);
+    n.dfe = n.nreff() > 0 ? n.outer().nrepsub - n.outer().nr : static_cast<double>(n.store->nobsu);
 }
 
 // A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that
@@ -145,8 +145,8 @@ int failure_code(const MINSTR& str, int code)
 // from the integral, and its standard error means nothing.
 void warn_vanished_variance(NX& n)
 {
-  if (n.nreff() != 1 || n.reff[0].distrtype != 0) return;
-  const auto& reff = n.reff[0];
+  if (n.nreff() != 1 || n.leaf().distrtype != 0) return;
+  const auto& reff = n.leaf();
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.str->x);
   const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
@@ -156,11 +156,13 @@ void warn_vanished_variance(NX& n)
     frame.set_range(subject.fvalidobs, 1);
     const auto row = static_cast<std::int32_t>(subject.fvalidobs);
     const std::int32_t lane = 0;
-    if (engine::sequential(*n.programs.setup_value)) frame.reset_state(*n.programs.setup_value, 1);
-    if (frame.run(*n.programs.setup_value, {1, &row, &lane, &lane}) > 2) return;
+    if (engine::sequential(*reff.setup_value.code)) frame.reset_state(*reff.setup_value.code, 1);
+    if (frame.run(*reff.setup_value.code, {1, &row, &lane, &lane}) > 2) return;
     for (int i = 0; i < reff.nr; ++i) {
       const double variance = frame.output(reff.nr + i * (i + 3) / 2)[0];
       if (variance > n.singvar) continue;
+      const int parameter = variance_parameter(n, reff, i);
+      if (parameter >= 0) n.verdict.vanished.push_back(parameter);
       n.host->log().xpmlog(503, 9222, {{"name", reff.names[static_cast<std::size_t>(i)]}, {"value", variance}});
       n.raise(4);
     }
@@ -174,12 +176,11 @@ int tvlsolv(NX& n)
 {
   MINSTR& str = *n.str;
   start_problem(n);
+  const std::vector<double> start(n.parm);
+  FitEnd end(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(503, 403);
-  if (n.znlprc == 0) {
-    const auto& procedure = n.proc->statements.front();
-    n.znlprc = optimize(n, procedure.given(50), procedure.given(46));
-  }
+  if (n.znlprc == 0) n.znlprc = end.run();
   // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
   if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();
   for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
@@ -193,12 +194,15 @@ int tvlsolv(NX& n)
   if (n.znlprc < 0) n.raise(failure_code(str, n.znlprc));
 
   // From here on everything reported belongs to the point that the optimizer returned.
-  if (n.znlprc > 0) CheckEigVals(n);
+  const bool judged = n.verdict.outcome != model::FitOutcome::not_judged;
+  if (n.znlprc > 0 && !judged) CheckEigVals(n);
   snap_to_bounds(n);
   n.parm.assign(str.x, str.x + n.nparm);
   if (str.fidi != 0 && str.usgrd != nullptr && n.znlprc > 0) str.usgrd(&str);
   n.finalgrad.assign(str.grad, str.grad + n.nparm);
   read_matrices(n);
+  n.verdict.left_start = n.parm != start;
+  take_judgement(n, end);
   write_dependencies(n);
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
@@ -207,6 +211,8 @@ int tvlsolv(NX& n)
     warn_small(n);
     warn_vanished_variance(n);
   }
+  missing_errors(n);
+  if (judged) report_verdict(n);
   n.parm.assign(str.x, str.x + n.nparm);
   const bool at_a_limit = n.znlprc == optimizer::code_limit || n.znlprc == optimizer::code_time;
   if (n.znlprc < 0 && !at_a_limit && !n.failed_parm.empty() && !n.host->interrupted())

@@ -18,7 +18,7 @@ std::vector<double> some_effects(const model::NX& n, unsigned seed)
 {
   std::mt19937 random(seed);
   std::normal_distribution<double> normal;
-  std::vector<double> u(n.reff[0].SubInfo.size() * static_cast<std::size_t>(n.reff[0].nr));
+  std::vector<double> u(n.leaf().SubInfo.size() * static_cast<std::size_t>(n.leaf().nr));
   for (double& x : u) x = 0.5 * normal(random);
   return u;
 }
@@ -35,7 +35,7 @@ TEST(LogPosterior, DerivativesAreThoseOfTheValue)
         sampling::LogPosterior posterior(*n, form);
         auto theta = parameters(text, 8);
         auto u = some_effects(*n, 9);
-        std::vector<double> by_theta(theta.size()), by_u(u.size()), value(n->reff[0].SubInfo.size());
+        std::vector<double> by_theta(theta.size()), by_u(u.size()), value(n->leaf().SubInfo.size());
         const double at = posterior.gradient(0, theta.data(), u.data(), by_theta.data(), by_u.data());
         ASSERT_GT(at, sampling::impossible);
         EXPECT_NEAR(posterior.values(0, theta.data(), u.data(), value.data()), at, 1e-12 * std::abs(at));
@@ -69,7 +69,7 @@ TEST(LogPosterior, BothFormsOfTheEffectsAreOneDensity)
   const auto theta = parameters(text, 8);
   sampling::LogPosterior plain(*n, sampling::EffectForm::plain), standard(*n, sampling::EffectForm::standard);
   const auto z = some_effects(*n, 10);
-  std::vector<double> u(z.size()), value(n->reff[0].SubInfo.size());
+  std::vector<double> u(z.size()), value(n->leaf().SubInfo.size());
   ASSERT_EQ(standard.plain_effects(0, theta.data(), z.data(), u.data()), 0);
   std::size_t variance = 0;
   while (text.parameters[variance] != "g11") ++variance;
@@ -87,7 +87,7 @@ TEST(LogPosterior, VarianceOfZero)
   std::size_t variance = 0;
   while (text.parameters[variance] != "g11") ++variance;
   const auto z = some_effects(*n, 10);
-  std::vector<double> value(n->reff[0].SubInfo.size());
+  std::vector<double> value(n->leaf().SubInfo.size());
   sampling::LogPosterior plain(*n, sampling::EffectForm::plain), standard(*n, sampling::EffectForm::standard);
   theta[variance] = 0.0;
   EXPECT_EQ(plain.values(0, theta.data(), z.data(), value.data()), sampling::impossible);
