@@ -115,6 +115,17 @@ struct PredictStatement {
   syntax::Position where;
 };
 
+// MCMC and PRIOR: posterior sampling after the fit.
+struct SamplingStatements {
+  const syntax::STMT* mcmc = nullptr;    // borrowed; null: no sampling
+  host::OutputDataSet* output = nullptr; // OUT=; open to the end of the step; borrowed
+  engine::CMPLIST priors;                // log prior densities: they add up
+  engine::CMPDER prior_der;              // by the parameters
+  const engine::Program* prior = nullptr; // their values, then the derivatives at the places `list`
+  std::vector<int> list;                 // parameter of each derivative
+  std::vector<double> covariance;        // COVDATA=: packed
+};
+
 // PARMS data set: what it is and how its rows become grid points.
 struct StartingData {
   std::shared_ptr<const host::DataSet> data;  // null: no PARMS / DATA=
@@ -162,6 +173,7 @@ struct ModelLists {
   std::vector<EstimateStatement> estimates;   // ESTIMATE
   std::vector<EstimateStatement> contrasts;   // CONTRAST
   std::vector<PredictStatement> predictions;  // PREDICT
+  SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;
 };

@@ -67,7 +67,10 @@ int run_group(NX& n)
   if (solve::tvlparm(n) != 0) return exit_no_start;
   if (n.host->interrupted()) return exit_interrupted;
   solve::tvlsolv(n);
-  const int exit_code = report_fit(n);
+  int exit_code = report_fit(n);
+  // Where the objective has a value, whether or not the fit converged.
+  if (n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted() && run_sampler(n) != 0)
+    exit_code = worse_exit(exit_code, exit_not_converged);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 

@@ -105,7 +105,6 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "MCMC") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
     if (stmt.name == "RANDOM" && (stmt.given(random_slot::outp) || stmt.given(random_slot::outri)))
       refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
@@ -312,6 +311,7 @@ void tvlinit(NX& n)
   replicate_statement(n);
   optimizer_setup(n, procedure);
   grid_size(n);
+  sampling_needs(n);
   dependent_variable(n);
   if (n.llsym == nullptr) tvlexit(n, 3000);
   if (const auto at = n.fid->xvfind(n.depname); !(n.depsym != nullptr && n.depsym->assigned))
@@ -328,6 +328,7 @@ void tvlinit(NX& n)
   }
   read_expression_statements(n);
   read_prediction_statements(n);
+  read_sampling_statements(n);
   distribution_data(n);
   warn_unused_parameters(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;
@@ -338,6 +339,7 @@ void tvlinit(NX& n)
   if (const int rc = evaluation::specialise_programs(n); rc != 0) tvlexit(n, rc);
   specialise_expression_statements(n);
   specialise_prediction_statements(n);
+  specialise_sampling_statements(n);
   end_on_errors(n, 1012);
   listings(n);
   if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);

@@ -413,6 +413,12 @@ template <> void Builder::on<Action::end_predict>(const SEMARG& a, std::span<Val
   close_statement(a, r, result);
 }
 
+template <> void Builder::on<Action::end_prior>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
+  close_statement(a, r, result);
+}
+
 template <> void Builder::on<Action::end_id>(const SEMARG&, std::span<Value> r, Value&)
 {
   check_top_level(r[0]);
