@@ -31,19 +31,6 @@ namespace {
   tvlexit(n, 3000);
 }
 
-<<<<<<< HEAD
-// An expression of estimates is a function of the parameters: no random effects, no data or unknown names.
-void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
-{
-  const auto inputs = engine::cmpdeps(*n.gcmp, symbol);
-  for (const engine::CMPSYM* input : inputs)
-    if (input->random_effect >= 0) refuse_name(n, statement, *input, where);
-  for (const engine::CMPSYM* input : inputs)
-    if (input->parameter < 0) refuse_name(n, statement, *input, where);
-}
-
-=======
->>>>>>> sampler
 EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)
 {
   EstimateStatement e;
