@@ -631,7 +631,10 @@ constexpr CatalogueEntry entries[] = {
      "Put a letter in front of them, so that they are read as characters."},
 
     // --- The embedded host: data sets ---
-    {503, 9015, N, "{data} has {rows} rows. Numeric variables:{numeric}; character variables:{character}.", "", ""},
+    {503, 9015, N,
+     "{data} has {rows} rows. Numeric variables:{numeric}; character variables:{character}[; dates and "
+     "times:{moments}].",
+     "", ""},
     {503, 9020, E, "There is no data set {name} in {where}[; did you mean {near}?][ Known here: {known}.]",
      "The name is misspelled, or the file lies in another folder.",
      "A one-level name is a CSV file in the program's folder or a name given with --data NAME=PATH; a quoted text is a "
@@ -657,8 +660,10 @@ constexpr CatalogueEntry entries[] = {
      "{data} is not sorted by the BY variables: {after} follows {before} in row {row}. This group and the later ones "
      "are not used.",
      "", "Sort the file, or write NOTSORTED in the BY statement: every change of a value then starts a group."},
-    {503, 9033, E, "WHERE=, FIRSTROW= and LASTROW= are for input; {name} is written.", "",
+    {503, 9033, E, "FIRSTROW= and LASTROW= are for input; {name} is written.", "",
      "Use them where the data set is read."},
+    {503, 9500, E, "{name} would replace the file {file}, which this run reads.", "",
+     "Give the output another name, or another folder with --out."},
     {503, 9034, N, "{data} was written with {rows} rows and {columns} variables to {file}.", "", ""},
 
     // --- Group 100: the parser of programs. The parser words its own messages, with place and caret; these entries say

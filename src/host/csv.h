@@ -22,9 +22,10 @@ std::optional<DataSet> read_csv_text(std::string_view text, const std::string& n
 
 // One field of a file: quoted when it has to be.
 void append_csv_field(std::string& out, std::string_view field);
-// One value: numbers shortest, missing ones "." for the ordinary and ".A" for the special ones in a file with one
-// column, else the ordinary one empty.
-void append_csv_cell(std::string& out, const Column& column, std::size_t row, bool only_column);
+// One value: numbers shortest, or in ISO form when `moment` says so; missing ones "." for the ordinary and ".A" for the
+// special ones in a file with one column, else the ordinary one empty.
+void append_csv_cell(std::string& out, const Column& column, std::size_t row, bool only_column,
+                     Moment moment = Moment::none);
 
 // Writes a data set; the file at `path` is replaced only when the new one is complete. A path ending in .gz or .zst is
 // compressed. 0, or -1 with a message.

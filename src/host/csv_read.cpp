@@ -80,6 +80,11 @@ void ColumnReader::take(std::string_view field, std::int64_t row)
     return;
   }
   if (asked_ == ColumnKind::numeric) {
+    const Moment moment = iso_moment(spelled);
+    if (moment != Moment::none) {
+      numbers_.append(*parse_iso(spelled, moment));
+      return;
+    }
     const bool infinite = spelled == "inf" || spelled == "-inf";
     numbers_.append(infinite ? (spelled[0] == '-' ? -HUGE_VAL : HUGE_VAL) : missing);
     if (infinite) return;

@@ -1,4 +1,5 @@
 #include "host/data_set.h"
+#include "host/formats.h"
 #include "host/text.h"
 #include <algorithm>
 #include <numeric>
@@ -59,6 +60,25 @@ std::string Column::shown(std::size_t row) const
   return numeric() ? shortest(numbers_[row]) : text(row);
 }
 
+Moment Column::moment() const
+{
+  std::string problem;
+  const auto format = format_.empty() || !numeric() ? std::nullopt : parse_value_format(format_, problem);
+  return format ? format->moment() : Moment::none;
+}
+
+Moment Column::written_as() const
+{
+  const Moment meant = moment();
+  if (meant == Moment::none) return meant;
+  std::string spelled;
+  for (const double x : numbers_) {
+    spelled.clear();
+    if (!wzmis(x) && !append_iso(spelled, x, meant)) return Moment::none;
+  }
+  return meant;
+}
+
 void Column::reserve(std::size_t rows)
 {
   if (numeric())
@@ -70,6 +90,7 @@ void Column::reserve(std::size_t rows)
 Column Column::select(std::span<const std::size_t> rows) const
 {
   Column out(name_, kind_, label_);
+  out.set_format(format_);
   out.reserve(rows.size());
   for (const std::size_t row : rows) {
     if (numeric())

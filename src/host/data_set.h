@@ -1,4 +1,5 @@
 #pragma once
+#include "host/calendar.h"
 #include "host/missing.h"
 #include <cstdint>
 #include <memory>
@@ -19,6 +20,7 @@ public:
 
   const std::string& name() const { return name_; }
   const std::string& label() const { return label_; }
+  const std::string& format() const { return format_; } // as "YYMMDD10."; empty: none
   ColumnKind kind() const { return kind_; }
   bool numeric() const { return kind_ == ColumnKind::numeric; }
   std::size_t rows() const { return numeric() ? numbers_.size() : codes_.size(); }
@@ -41,6 +43,10 @@ public:
 
   void rename(std::string name) { name_ = std::move(name); }
   void set_label(std::string label) { label_ = std::move(label); }
+  void set_format(std::string format) { format_ = std::move(format); }
+  Moment moment() const; // what its numbers mean, by the format
+  // What the numbers mean to a file that can spell it: the moment of the format when every value has an ISO spelling.
+  Moment written_as() const;
   void reserve(std::size_t rows);
   Column select(std::span<const std::size_t> rows) const; // a copy of these rows, in this order
 
@@ -51,6 +57,7 @@ private:
   };
   std::string name_;
   std::string label_;
+  std::string format_;
   ColumnKind kind_;
   std::vector<double> numbers_;
   std::vector<std::uint32_t> codes_;

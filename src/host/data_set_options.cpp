@@ -239,21 +239,40 @@ int output_columns(const std::vector<std::string>& names, const DataSetOptions& 
   return -1;
 }
 
+namespace {
+
+// The rows that WHERE= keeps, in order. Nothing, with a message, when the condition does not suit the data.
+std::optional<std::vector<std::size_t>> wanted_rows(const DataSet& data, const DataSetOptions& options,
+                                                    MessageSink& log)
+{
+  std::string problem;
+  if (options.where && options.where->bind(data, problem) != 0) {
+    log.xpmlog(503, 9024, {{"problem", problem}, {"data", data.name}});
+    return std::nullopt;
+  }
+  if (options.where) return options.where->matching_rows(data);
+  std::vector<std::size_t> rows(data.rows());
+  std::iota(rows.begin(), rows.end(), std::size_t{0});
+  return rows;
+}
+
+} // namespace
+
+int keep_where(DataSet& data, const DataSetOptions& options, MessageSink& log)
+{
+  if (!options.where) return 0;
+  const auto rows = wanted_rows(data, options, log);
+  if (!rows) return -1;
+  if (rows->size() < data.rows()) data = data.select(*rows);
+  return 0;
+}
+
 int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSink& log)
 {
   if (options.empty()) return 0;
-  std::vector<std::size_t> rows;
-  if (options.where) {
-    std::string problem;
-    if (options.where->bind(data, problem) != 0) {
-      log.xpmlog(503, 9024, {{"problem", problem}, {"data", data.name}});
-      return -1;
-    }
-    rows = options.where->matching_rows(data);
-  } else {
-    rows.resize(data.rows());
-    std::iota(rows.begin(), rows.end(), std::size_t{0});
-  }
+  auto wanted = wanted_rows(data, options, log);
+  if (!wanted) return -1;
+  std::vector<std::size_t>& rows = *wanted;
   const auto kept = static_cast<std::int64_t>(rows.size());
   const std::int64_t last = options.last_row == 0 ? kept : std::min(options.last_row, kept);
   const std::int64_t first = std::min(options.first_row - 1, last);

@@ -31,6 +31,9 @@ std::optional<DataSetOptions> parse_data_set_options(std::string_view text, Mess
 // Input: WHERE, KEEP, DROP see the names of the file; rows are cut; RENAME comes last. 0, or -1 with a message.
 int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSink& log);
 
+// Keeps the rows that WHERE= wants. 0, or -1 with a message when the condition does not suit the columns.
+int keep_where(DataSet& data, const DataSetOptions& options, MessageSink& log);
+
 // Output: the columns that are written, in order, and their names, after KEEP, DROP, RENAME. 0, or -1 with a message.
 int output_columns(const std::vector<std::string>& names, const DataSetOptions& options, MessageSink& log,
                    std::vector<std::pair<std::size_t, std::string>>& chosen);
