@@ -11,7 +11,7 @@ void write_fit_statistics(model::NX& n)
   const double c = n.fval;                                               // minimized negative log likelihood
   const double p = n.nparm;                                              // parameters
   const double m = std::max(static_cast<double>(n.store->nobsu), p + 2); // floor: AICC stays finite
-  const double q = n.nreff() > 0 ? n.reff.back().nrepsub : static_cast<double>(n.store->nobsu);
+  const double q = n.nreff() > 0 ? n.outer().nrepsub : static_cast<double>(n.store->nobsu);
   host::Table table("FitStatistics", host::otbmsg(503, 119),
                     {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
                      {"Value", CellKind::number, host::otbmsg(503, 32), "BEST8", ""}});
