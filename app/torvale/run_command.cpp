@@ -2,7 +2,7 @@
 
 #include "host/run_output.h"
 #include "host/table_writers.h"
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include <cerrno>
 #include <csignal>
@@ -128,6 +128,7 @@ int run_command(const RunArguments& arguments)
   settings.output_folder = output.out.empty() ? "." : output.out;
   settings.data = arguments.data;
   settings.libraries = arguments.libraries;
+  settings.separator = arguments.separator;
   settings.threads = arguments.threads;
   settings.seed = arguments.seed;
   settings.check_only = arguments.check_only;
