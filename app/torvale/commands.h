@@ -27,6 +27,7 @@ struct RunArguments {
   long seed = 0;
   bool check_only = false;
   bool statements = false; // check: print the statement records
+  std::string format;      // check: "json" prints diagnostics for editors instead of the log
 };
 
 // run and check.

@@ -67,6 +67,10 @@ int main(int argc, char** argv)
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
   shared(check);
   check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
+  check
+      ->add_option("--format", arguments.format,
+                   "text, or json: diagnostics with ranges on standard output, for editors")
+      ->check(CLI::IsMember({"text", "json"}));
   CLI::App* describe = app.add_subcommand("describe", "variables, types, rows and missing values of a data set");
   describe->add_option("DATA", described, "a file, or a name of a library given by --library")->required();
   describe->add_option("--library", libraries, "NAME=PATH")->type_size(1)->allow_extra_args(false);
