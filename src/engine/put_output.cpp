@@ -40,17 +40,6 @@ bool has_put(const CMPGLOBAL& gcmp)
 
 namespace {
 
-// A text in the format $w. has w characters; without a format the blanks at its end are left out.
-std::string formatted(std::string text, const std::string& format)
-{
-  if (!format.empty() && format[0] == '$')
-    if (const double width = number_from_text(format.substr(1)); width >= 1.0) {
-      text.resize(as_column(width), ' ');
-      return text;
-    }
-  return text.substr(0, text.find_last_not_of(' ') + 1);
-}
-
 // What the values of an effect are made of.
 void add_wanted(const Effect& e, const TextPool& texts, std::vector<NodeId>& wanted)
 {
@@ -110,7 +99,7 @@ private:
 
   void write(const Effect::Item& item)
   {
-    const std::string value = item.text != no_text     ? formatted(run_.text_value(item.text), item.format)
+    const std::string value = item.text != no_text     ? text_in_format(run_.text_value(item.text), item.format)
                               : item.number != no_node ? text_from_number(run_.value(item.number), item.format)
                                                        : std::string();
     switch (item.item->kind) {

@@ -388,7 +388,8 @@ constexpr CatalogueEntry entries[] = {
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
     {503, 9360, N,
-     "The technique had stopped where no minimum was confirmed; {iterations} trust-region iterations from there brought "
+     "The technique had stopped where no minimum was confirmed; {iterations} trust-region iterations from there "
+     "brought "
      "-2 log L from {from} to {to}.",
      "Starting values far from the optimum, parameters of very different size, or variances near the edge of what the "
      "model allows.",
@@ -399,7 +400,8 @@ constexpr CatalogueEntry entries[] = {
      "The limits of the fit were reached, or the likelihood has no maximum that steps from here can find.",
      "Other starting values; larger MAXITER= and MAXFUNC=; BOUNDS; another parameterization."},
     {503, 9411, W,
-     "The likelihood does not fall along {names} within a standard error: it seems to rise without end, and there is no "
+     "The likelihood does not fall along {names} within a standard error: it seems to rise without end, and there is "
+     "no "
      "maximum.",
      "Complete separation: the data split the responses perfectly. Or a parameter without influence far away.",
      "Remove the effect, join groups, or give BOUNDS."},
@@ -669,8 +671,19 @@ constexpr CatalogueEntry entries[] = {
      "", "If these are identifiers that differ only in zeros, put a letter in front of them."},
     {503, 9012, E, "The file {file} cannot be written: {reason}.",
      "The folder is missing, you may not write there, or the disk is full.", ""},
-    {503, 9013, W, "The first line of {file} looks as if {separator} separates its columns; only commas do.",
-     "A file saved by a spreadsheet with other regional settings.", "Save it with commas and decimal points."},
+    {503, 9013, N, "The columns of {file} are separated by {separator}, as its line of names shows.", "",
+     "SEPARATOR= of the data set or --separator say otherwise."},
+    {503, 9501, N, "{count} fields of {file} are codes of missing values: {where}.", "",
+     "MISSING=('code' ...) behind the data set's name adds codes."},
+    {503, 9502, W,
+     "Column {column} of {file} is read as characters: some of its numbers have a decimal point, others a comma.",
+     "Points or commas that group digits: 1.234,5.",
+     "Write the numbers without grouping, or give DECIMAL='.' or DECIMAL=',' behind the data set's name."},
+    {503, 9503, W,
+     "Column {column} of {file} has decimal points, while other columns have decimal commas: 1.234 is read as 1 and "
+     "234 "
+     "thousandths.",
+     "Points that group digits.", "Give DECIMAL=',' behind the data set's name; 1.234 is then no number."},
     {503, 9014, W,
      "Column {column} of {file} was asked for as numeric; {count} fields that are no numbers are missing (\"{value}\" "
      "first, in row {row}).",
@@ -706,6 +719,9 @@ constexpr CatalogueEntry entries[] = {
     {503, 9029, E, "KEEP= and DROP= leave no variable of the data set.", "", ""},
     {503, 9030, W, "WHERE= keeps none of the {rows} rows of {data}.",
      "A text is compared with a different case, or a limit is the wrong way round.", ""},
+    {503, 9505, N, "WHERE= of {data} compares {text} with a number; the text is read as one.", "", ""},
+    {503, 9506, W, "WHERE= of {data} has <>, which means not equal there and the maximum in programs.", "",
+     "Write ^= or NE."},
     {503, 9031, E, "The BY variable {name} is not in {data}[; did you mean {near}?].", "", ""},
     {503, 9032, E,
      "{data} is not sorted by the BY variables: {after} follows {before} in row {row}. This group and the later ones "

@@ -29,15 +29,22 @@ void Column::append(std::string_view value)
     codes_.push_back(codes_.back());
     return;
   }
+  codes_.push_back(code_of(value));
+}
+
+std::uint32_t Column::code_of(std::string_view value)
+{
   const auto at = index_.find(value);
-  if (at != index_.end()) {
-    codes_.push_back(at->second);
-    return;
-  }
+  if (at != index_.end()) return at->second;
   const auto code = static_cast<std::uint32_t>(dictionary_.size());
   dictionary_.emplace_back(value);
   index_.emplace(dictionary_.back(), code);
-  codes_.push_back(code);
+  return code;
+}
+
+void Column::append_codes(std::span<const std::uint32_t> codes, std::span<const std::uint32_t> code_here)
+{
+  for (const std::uint32_t code : codes) codes_.push_back(code_here[code]);
 }
 
 void Column::append_missing()

@@ -39,6 +39,12 @@ public:
 
   bool is_missing(std::size_t row) const { return numeric() ? wzmis(numbers_[row]) : text(row).empty(); }
   void append_missing();
+  // Many at a time, as a reader has them: numbers without other NaNs than
+  // missing values; codes of another dictionary, of which code i means this
+  // column's code code_here[i].
+  void append_numbers(std::span<const double> values) { numbers_.insert(numbers_.end(), values.begin(), values.end()); }
+  std::uint32_t code_of(std::string_view value); // new values are added
+  void append_codes(std::span<const std::uint32_t> codes, std::span<const std::uint32_t> code_here);
   std::string shown(std::size_t row) const; // the value as text: shortest number, or the characters
 
   void rename(std::string name) { name_ = std::move(name); }

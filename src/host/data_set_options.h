@@ -19,9 +19,15 @@ struct DataSetOptions {
   std::int64_t first_row = 1;                              // FIRSTROW=: number among the rows that WHERE keeps, from 1
   std::int64_t last_row = 0;                               // LASTROW=: 0 is the last one
   std::string label;                                       // LABEL='...'
+  char separator = 0;                                      // SEPARATOR=',': of a text file; 0: found from its names
+  char decimal = 0;                                        // DECIMAL='.' or ',': 0 as ReadOptions has it
+  std::vector<std::string> missing;                        // MISSING=('code' ...): further codes of missing values
 
   bool empty() const;
 };
+
+// The separator of a text file as people write it: one character, "tab" or "\t". False for anything else.
+bool parse_separator(std::string_view text, char& separator);
 
 // Reads the text between the parentheses, as "keep=a b where=(x > 1) rename=(a=b)". On a mistake the message says what
 // is wrong and at which character, and nothing is returned.

@@ -137,6 +137,11 @@ void Libraries::bind_data(std::string_view name, std::string path)
   data_[wzstrlo(name)] = std::move(path);
 }
 
+void Libraries::bind_memory(std::string_view name, DataSet data)
+{
+  memory_[wzstrlo(name)] = std::move(data);
+}
+
 void Libraries::bind_library(std::string_view library, std::string path)
 {
   libraries_[wzstrlo(library)] = std::move(path);
@@ -146,12 +151,14 @@ std::vector<std::string> Libraries::bound_names() const
 {
   std::vector<std::string> names;
   for (const auto& [name, path] : data_) names.push_back(name);
+  for (const auto& [name, data] : memory_) names.push_back(name);
+  std::sort(names.begin(), names.end());
   return names;
 }
 
 // A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
 std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
-                                            const MessagePlace& place, const ColumnKinds& kinds) const
+                                            const MessagePlace& place, const ReadOptions& options) const
 {
   if (!is_file(path)) {
     log.xpmlog(503, 9002,
@@ -159,12 +166,12 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
                place);
     return std::nullopt;
   }
-  if (!is_sqlite_file(path)) return read_csv(path, log, kinds);
+  if (!is_sqlite_file(path)) return read_csv(path, log, options);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)
-    if (equal_names(table, member)) return read_sqlite(path, table, log, kinds);
-  if (tables.size() == 1) return read_sqlite(path, tables.front(), log, kinds);
+    if (equal_names(table, member)) return read_sqlite(path, table, log, options);
+  if (tables.size() == 1) return read_sqlite(path, tables.front(), log, options);
   not_found(name, "the database " + path, tables, log, place);
   return std::nullopt;
 }
@@ -173,11 +180,18 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
 std::optional<DataSet> Libraries::find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
                                                 const MessagePlace& place) const
 {
+  ReadOptions options{.separator = reference.options.separator != 0 ? reference.options.separator : separator_,
+                      .decimal = reference.options.decimal,
+                      .missing = reference.options.missing,
+                      .threads = threads_};
+  const auto as_written = [&](const Written& written) { // the run's own files need no options
+    return ReadOptions{.kinds = written.kinds, .separator = ',', .decimal = '.', .threads = threads_};
+  };
   if (reference.quoted) {
     const std::string path = joined(places_.program_folder, reference.name);
     const auto known = std::find_if(written_.begin(), written_.end(), [&](auto& w) { return w.second.path == path; });
     return read_path(path, fs::path(path).stem().string(), log, place,
-                     known == written_.end() ? ColumnKinds{} : known->second.kinds);
+                     known == written_.end() ? options : as_written(known->second));
   }
   const SplitName parts = split(reference.name);
   if (!parts.valid) {
@@ -187,9 +201,10 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   name = parts.library + "." + wzstrlo(parts.member);
   const bool one_level = parts.library == "work";
   if (const auto written = written_.find(name); written != written_.end())
-    return read_path(written->second.path, name, log, place, written->second.kinds);
+    return read_path(written->second.path, name, log, place, as_written(written->second));
+  if (const auto held = memory_.find(wzstrlo(parts.member)); one_level && held != memory_.end()) return held->second;
   if (const auto bound = data_.find(wzstrlo(parts.member)); one_level && bound != data_.end())
-    return read_path(bound->second, name, log, place);
+    return read_path(bound->second, name, log, place, options);
   const auto library = libraries_.find(parts.library);
   if (!one_level && library == libraries_.end()) {
     std::string known = "work";
@@ -201,13 +216,14 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   if (is_database(folder)) {
     const auto tables = sqlite_tables(folder);
     for (const std::string& table : tables)
-      if (equal_names(table, parts.member)) return read_sqlite(folder, table, log);
+      if (equal_names(table, parts.member)) return read_sqlite(folder, table, log, options);
     not_found(reference.name, "the database " + folder, tables, log, place);
     return std::nullopt;
   }
-  if (const std::string found = file_in_folder(folder, parts.member); !found.empty()) return read_csv(found, log);
+  if (const std::string found = file_in_folder(folder, parts.member); !found.empty())
+    return read_csv(found, log, options);
   auto alternatives = members_of(folder);
-  for (const auto& [n, path] : data_)
+  for (const std::string& n : bound_names())
     if (one_level) alternatives.push_back(n);
   std::sort(alternatives.begin(), alternatives.end());
   alternatives.erase(std::unique(alternatives.begin(), alternatives.end()), alternatives.end());
@@ -220,7 +236,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
   std::string name = reference.name;
   std::optional<DataSet> data = find_and_read(reference, name, log, place);
   if (!data) return std::nullopt;
-  inputs_.insert(file_key(data->path, data->name));
+  if (!data->path.empty()) inputs_.insert(file_key(data->path, data->name));
   if (const auto written = written_.find(name); written != written_.end())
     for (Column& column : data->columns()) {
       const auto look = written->second.looks.find(wzstrlo(column.name()));

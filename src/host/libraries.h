@@ -72,8 +72,16 @@ public:
   explicit Libraries(Places places) : places_(std::move(places)) {}
 
   void bind_data(std::string_view name, std::string path);       // --data NAME=PATH
+  void bind_memory(std::string_view name, DataSet data);         // a one-level name for columns in memory
   void bind_library(std::string_view library, std::string path); // --library NAME=PATH: folder or SQLite file
-  std::vector<std::string> bound_names() const;                  // names given to bind_data, sorted
+  std::vector<std::string> bound_names() const;                  // names given to bind_data and bind_memory, sorted
+
+  // How text files are read when a data set's own options do not say: separator (0: found) and worker threads.
+  void set_reading(char separator, int threads)
+  {
+    separator_ = separator;
+    threads_ = threads;
+  }
 
   // xoopen: find and read an input data set, options applied. A one-level name is, in this order: a data set that an
   // earlier step wrote to work, a bound name, NAME.csv (.csv.gz, .csv.zst) in the program's folder. Nothing, with a
@@ -100,13 +108,16 @@ private:
     std::map<std::string, std::pair<std::string, std::string>> looks{}; // lower-case column -> label, format
   };
   std::optional<DataSet> read_path(const std::string& path, const std::string& name, MessageSink& log,
-                                   const MessagePlace& place, const ColumnKinds& kinds = {}) const;
+                                   const MessagePlace& place, const ReadOptions& options) const;
   std::optional<DataSet> find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
                                        const MessagePlace& place) const;
   bool is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const;
 
   Places places_;
+  char separator_ = 0;
+  int threads_ = 1;
   std::map<std::string, std::string> data_;      // lower-case one-level name -> path
+  std::map<std::string, DataSet> memory_;        // lower-case one-level name -> columns
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
   std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote
   std::set<std::string> inputs_;                 // files (and tables) that may not be written: see file_key

@@ -1,5 +1,6 @@
 #include "host/sqlite_table.h"
 #include "host/text.h"
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -67,9 +68,11 @@ struct Inferred {
   Moment moment = Moment::none;
   bool number_seen = false;
 
-  void take_text(std::string_view text)
+  void take_text(std::string_view text, const std::vector<std::string>& codes)
   {
-    if (kind == ColumnKind::character || parse_missing(text)) return;
+    const auto is_code = [&](const std::string& code) { return equal_names(code, text); };
+    if (kind == ColumnKind::character || parse_missing(text) || is_missing_code(text)) return;
+    if (std::any_of(codes.begin(), codes.end(), is_code)) return;
     const Moment found = number_seen ? Moment::none : iso_moment(text);
     if (found == Moment::none || (moment != Moment::none && moment != found)) kind = ColumnKind::character;
     moment = found;
@@ -82,7 +85,7 @@ struct Inferred {
 };
 
 // False when reading fails.
-bool infer_kinds(sqlite3_stmt* rows, std::vector<Inferred>& columns)
+bool infer_kinds(sqlite3_stmt* rows, const std::vector<std::string>& codes, std::vector<Inferred>& columns)
 {
   int code;
   while ((code = sqlite3_step(rows)) == SQLITE_ROW)
@@ -92,7 +95,7 @@ bool infer_kinds(sqlite3_stmt* rows, std::vector<Inferred>& columns)
       if (type == SQLITE_INTEGER || type == SQLITE_FLOAT)
         columns[i].take_number();
       else if (type != SQLITE_NULL)
-        columns[i].take_text(stripped(text_of(rows, column)));
+        columns[i].take_text(stripped(text_of(rows, column)), codes);
     }
   sqlite3_reset(rows);
   return code == SQLITE_DONE;
@@ -191,7 +194,7 @@ std::vector<std::string> sqlite_tables(const std::string& path)
 }
 
 std::optional<DataSet> read_sqlite(const std::string& path, const std::string& table, MessageSink& log,
-                                   const ColumnKinds& kinds)
+                                   const ReadOptions& options)
 {
   const auto refuse = [&](std::string_view reason) {
     log.xpmlog(503, 9027, {{"file", path}, {"table", table}, {"reason", reason}});
@@ -205,16 +208,16 @@ std::optional<DataSet> read_sqlite(const std::string& path, const std::string& t
 
   const int count = sqlite3_column_count(rows.get());
   std::vector<Inferred> inferred(static_cast<std::size_t>(count));
-  if (!infer_kinds(rows.get(), inferred)) return refuse(sqlite3_errmsg(database.get()));
+  if (!infer_kinds(rows.get(), options.missing, inferred)) return refuse(sqlite3_errmsg(database.get()));
   DataSet data;
   data.name = table;
   data.path = path;
   for (int i = 0; i < count; ++i) {
     std::string name(cut_name(sqlite3_column_name(rows.get(), i), DataSet::longest_name));
     if (data.find(name)) return refuse("two columns are named " + name);
-    const auto asked = kinds.find(wzstrlo(name));
+    const auto asked = options.kinds.find(wzstrlo(name));
     const Inferred& found = inferred[static_cast<std::size_t>(i)];
-    Column& column = data.add(Column(name, asked == kinds.end() ? found.kind : asked->second));
+    Column& column = data.add(Column(name, asked == options.kinds.end() ? found.kind : asked->second));
     if (column.numeric()) column.set_format(std::string(iso_format(found.moment)));
   }
   int code;
