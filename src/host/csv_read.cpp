@@ -352,22 +352,24 @@ void CsvReader::notes()
                                      [](const FileColumn& c) { return c.type == Type::number && c.seen.comma; });
   for (const FileColumn& c : columns_) {
     const bool text = c.type == Type::text || c.spellings_needed;
-    const MessageArguments at{{"file", file_}, {"column", c.name}};
-    const auto with = [&](MessageArguments more) {
-      more.insert(more.begin(), at.begin(), at.end());
-      return more;
-    };
     if (c.asked && !text && c.seen.code_row > 0 && !is_missing_code(c.seen.code))
-      log_.xpmlog(503, 9014, with({{"count", c.seen.code_count}, {"value", c.seen.code}, {"row", c.seen.code_row}}));
+      log_.xpmlog(503, 9014,
+                  {{"file", file_},
+                   {"column", c.name},
+                   {"count", c.seen.code_count},
+                   {"value", c.seen.code},
+                   {"row", c.seen.code_row}});
     if (c.asked) continue;
     if (c.seen.point && c.seen.comma)
-      log_.xpmlog(503, 9502, at);
+      log_.xpmlog(503, 9502, {{"file", file_}, {"column", c.name}});
     else if (text)
       note_one_spelling(c);
     else if (any_comma && c.seen.point)
-      log_.xpmlog(503, 9503, at);
-    if (!text && c.seen.leading_zero_row > 0) log_.xpmlog(503, 9011, with({{"row", c.seen.leading_zero_row}}));
-    if (!text && c.seen.inexact_row > 0) log_.xpmlog(503, 9016, with({{"row", c.seen.inexact_row}}));
+      log_.xpmlog(503, 9503, {{"file", file_}, {"column", c.name}});
+    if (!text && c.seen.leading_zero_row > 0)
+      log_.xpmlog(503, 9011, {{"file", file_}, {"column", c.name}, {"row", c.seen.leading_zero_row}});
+    if (!text && c.seen.inexact_row > 0)
+      log_.xpmlog(503, 9016, {{"file", file_}, {"column", c.name}, {"row", c.seen.inexact_row}});
   }
 }
 
