@@ -25,12 +25,15 @@ set(may_include_graphics host)
 set(may_include_report inference graphics host)
 set(may_include_run inference sampling report graphics compartment language ${may_include_inference})
 
+# Headers that the build writes lie here, one folder a room.
+set(TORVALE_GENERATED "${CMAKE_BINARY_DIR}/generated")
+
 # torvale_room(NAME SOURCES files... [LIBRARIES external targets...])
 # Declares src/NAME as the library torvale_NAME, linked with the rooms that it may include.
 function(torvale_room name)
   cmake_parse_arguments(ROOM "" "" "SOURCES;LIBRARIES" ${ARGN})
   add_library(torvale_${name} STATIC ${ROOM_SOURCES})
-  target_include_directories(torvale_${name} PUBLIC "${PROJECT_SOURCE_DIR}/src")
+  target_include_directories(torvale_${name} PUBLIC "${PROJECT_SOURCE_DIR}/src" "${TORVALE_GENERATED}")
   target_link_libraries(torvale_${name} PUBLIC ${ROOM_LIBRARIES} PRIVATE torvale_flags)
   foreach(lower IN LISTS may_include_${name})
     if(EXISTS "${PROJECT_SOURCE_DIR}/src/${lower}/CMakeLists.txt")

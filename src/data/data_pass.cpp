@@ -6,7 +6,9 @@
 #include "data/row_runner.h"
 #include "data/starting_values.h"
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 #include "host/missing.h"
+#include "model/distribution_labels.h"
 
 #include <algorithm>
 #include <array>
@@ -60,17 +62,17 @@ int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, con
   constexpr std::int64_t searched_most = 100000;
   for (std::int64_t row = 0; row < std::min(n.store->nobs, searched_most); ++row)
     rows.push_back(static_cast<std::int32_t>(row));
-  host::MessageArguments arguments = {{"code", rc}};
+  message::program_stopped words{.code = rc};
   host::MessagePlace place;
   for (const std::int32_t row : rows) {
     std::vector<engine::Fault> faults;
     if (run_checked(n, frame, program, pass, row, faults) <= 2 || faults.empty()) continue;
     place = place_of(n, row);
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
-    arguments.emplace_back("observation", observation_number(n, row));
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+    words.observation = observation_number(n, row);
     break;
   }
-  n.host->log().xpmlog(503, 9201, arguments, place);
+  n.host->log().xpmlog(words, place);
   n.raise(1012);
   return 1;
 }
@@ -162,10 +164,10 @@ bool report_fault(NX& n, engine::Frame& frame, const Pass& pass, std::int64_t ro
   run_checked(n, frame, *n.pass_program, pass, row, faults);
   if (faults.empty()) return false;
   const engine::Fault& fault = faults.front();
-  host::MessageArguments arguments = {{"observation", observation_number(n, fault.row)}};
+  message::program_fails_at_start words{.observation = observation_number(n, fault.row)};
   auto place = place_of(n, fault.row);
-  evaluation::words_of(n, fault).add_to(arguments, place);
-  n.host->log().xpmlog(503, 70, arguments, place);
+  evaluation::words_of(n, fault).add_to(words, place);
+  n.host->log().xpmlog(words, place);
   n.raise(1012);
   return true;
 }
@@ -199,8 +201,9 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   }
   for (std::size_t c = 0; c < counts.size(); ++c) {
     if (counts[c] == 0 || c == static_cast<std::size_t>(BadCause::deleted)) continue;
-    n.host->log().xpmlog(503, 9202,
-                         {{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])}},
+    n.host->log().xpmlog(message::value_missing_at_start{.count = counts[c],
+                                                         .what = what[c],
+                                                         .observation = observation_number(n, firsts[c])},
                          place_of(n, firsts[c]));
     n.raise(4);
   }
@@ -223,15 +226,14 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
     for (int k = 0; k < reff.nd; ++k) {
       const auto at = [&](std::int64_t r) { return pass.arguments[static_cast<std::size_t>(r * reff.nd + k)]; };
       if (same_value(at(row), at(first))) continue;
-      host::MessageArguments arguments = {{"observation", observation_number(n, row)}};
       std::string variables;
       for (const int dsvarno : n.rhs)
         variables += (variables.empty() ? "" : ", ") + n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-      if (!variables.empty()) arguments.emplace_back("variables", variables);
       auto place = place_of(n, row);
       place.statement = "RANDOM";
       place.line = n.sources->user_position(reff.stmt->where).line;
-      n.host->log().xpmlog(503, 137, arguments, place);
+      n.host->log().xpmlog(
+          message::random_argument_changes{.observation = observation_number(n, row), .variables = variables}, place);
       return 1;
     }
     for (const int dsvarno : n.rhs)
@@ -241,13 +243,14 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
                                                     : column.codes[row] == column.codes[first];
         if (same) continue;
         const auto& name = n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-        n.host->log().xpmlog(503, 146, {{"variable", name}, {"observation", observation_number(n, row)}},
-                             place_of(n, row));
+        n.host->log().xpmlog(
+            message::random_variable_changes{.variable = name, .observation = observation_number(n, row)},
+            place_of(n, row));
         return 1;
       }
     if (n.repsym != nullptr && !same_value(n.store->replicate[static_cast<std::size_t>(row)],
                                            n.store->replicate[static_cast<std::size_t>(first)])) {
-      n.host->log().xpmlog(503, 9203, {{"variable", n.repname}, {"observation", observation_number(n, row)}},
+      n.host->log().xpmlog(message::replicate_changes{.variable = n.repname, .observation = observation_number(n, row)},
                            place_of(n, row));
       return 1;
     }
@@ -294,7 +297,7 @@ void report_impossible(NX& n, const Pass& pass)
   std::string shown;
   for (std::size_t i = 0; i < std::min<std::size_t>(3, rows.size()); ++i)
     shown += (i > 0 ? ", " : "") + std::to_string(observation_number(n, rows[i]));
-  n.host->log().xpmlog(503, 9204, {{"count", rows.size()}, {"observations", shown}}, place_of(n, rows[0]));
+  n.host->log().xpmlog(message::impossible_at_start{.count = rows.size(), .observations = shown}, place_of(n, rows[0]));
 }
 
 // Rows that a REPLICATE value below SINGVAR= removes, and responses that counts cannot have.
@@ -304,19 +307,18 @@ void report_values(NX& n, const Pass& pass)
   const auto first = std::find(bad.begin(), bad.end(), BadCause::replicate);
   if (first != bad.end()) {
     const auto row = static_cast<std::int64_t>(first - bad.begin());
-    n.host->log().xpmlog(503, 9211,
-                         {{"count", std::count(bad.begin(), bad.end(), BadCause::replicate)},
-                          {"name", n.repname},
-                          {"observation", observation_number(n, row)}},
-                         place_of(n, row));
+    n.host->log().xpmlog(
+        message::replicate_not_positive{.count = std::count(bad.begin(), bad.end(), BadCause::replicate),
+                                        .name = n.repname,
+                                        .observation = observation_number(n, row)},
+        place_of(n, row));
     n.raise(4);
   }
   if (pass.fractions == 0) return;
-  n.host->log().xpmlog(503, 9209,
-                       {{"count", pass.fractions},
-                        {"name", n.depname},
-                        {"distribution", host::xpmstr(503, 40 + n.disttype)},
-                        {"observation", observation_number(n, pass.first_fraction)}},
+  n.host->log().xpmlog(message::response_not_whole{.count = pass.fractions,
+                                                   .name = n.depname,
+                                                   .observation = observation_number(n, pass.first_fraction),
+                                                   .distribution = host::xpmstr(model::distribution_label(n.disttype))},
                        place_of(n, pass.first_fraction));
   n.raise(4);
 }
@@ -329,7 +331,7 @@ void report_nothing_left(NX& n)
     const auto rows = std::count(n.store->badobs.begin(), n.store->badobs.end(), static_cast<BadCause>(c));
     if (rows > 0) causes += (causes.empty() ? "" : ", ") + std::string(what[c]) + " in " + std::to_string(rows);
   }
-  n.host->log().xpmlog(503, 71, {{"causes", causes}});
+  n.host->log().xpmlog(message::no_usable_observation{.causes = causes});
 }
 
 // What PUT statements write, once per observation in the order of the file, at the means of the random effects: a
@@ -362,7 +364,7 @@ void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
 int tvldata(NX& n)
 {
   auto& log = n.host->log();
-  if (n.lognote) log.xpmlog(503, 401, {{"data", n.bylist.empty() ? "data" : "by-group data"}});
+  if (n.lognote) log.xpmlog(message::reading_data{.data = n.bylist.empty() ? "data" : "by-group data"});
   if (!n.nqpspec && (n.method == 0 || n.method == 3) && n.nreff() > 0) n.nqp = -1;
 
   engine::Frame frame(*n.gcmp, n.bound);

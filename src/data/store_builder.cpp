@@ -3,6 +3,7 @@
 
 #include "data/data_pass.h"
 #include "data/subject_index.h"
+#include "host/message_names.h"
 
 #include <algorithm>
 #include <numeric>
@@ -71,7 +72,8 @@ void set_subjects(NX& n, Store& store, model::REFFECT& reff, const SubjectRows& 
 void report_order(NX& n, const model::REFFECT& reff, const SubjectRows& index)
 {
   if (!n.nosort) {
-    if (index.count() < index.changes) n.host->log().xpmlog(503, 753, {{"variable", reff.subname}});
+    if (index.count() < index.changes)
+      n.host->log().xpmlog(message::unsorted_subjects_joined{.variable = reff.subname});
     return;
   }
   const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
@@ -79,7 +81,7 @@ void report_order(NX& n, const model::REFFECT& reff, const SubjectRows& index)
     if (host::compare_cells(column, row, column, row - 1) >= 0) continue;
     host::MessagePlace place;
     place.row = n.fid->file_row(row);
-    n.host->log().xpmlog(503, 337, {{"variable", reff.subname}}, place);
+    n.host->log().xpmlog(message::unsorted_subjects_split{.variable = reff.subname}, place);
     n.raise(4);
     return;
   }
@@ -107,7 +109,7 @@ int tvlenvt(NX& n)
     report_order(n, n.leaf(), index);
   } else {
     if (n.rows.rows() == 0) {
-      n.host->log().xpmlog(503, 71);
+      n.host->log().xpmlog(message::no_usable_observation{});
       n.raise(1012);
       return 1;
     }

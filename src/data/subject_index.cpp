@@ -1,5 +1,6 @@
 #include "data/subject_index.h"
 
+#include "host/message_names.h"
 #include "host/missing.h"
 
 #include <bit>
@@ -36,7 +37,7 @@ int tvlsubj(model::NX& n, const model::REFFECT& reff, SubjectRows& index)
 {
   auto& log = n.host->log();
   if (n.rows.rows() == 0) {
-    log.xpmlog(503, 71);
+    log.xpmlog(message::no_usable_observation{});
     return 2;
   }
   const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
@@ -44,8 +45,9 @@ int tvlsubj(model::NX& n, const model::REFFECT& reff, SubjectRows& index)
   if (const long missing = count_missing(column, n.rows, first); missing > 0) {
     host::MessagePlace place;
     place.row = n.fid->file_row(first);
-    log.xpmlog(503, 28, {{"observation", first - n.rows.begin + 1}, {"name", column.name()}, {"count", missing}},
-               place);
+    log.xpmlog(
+        message::subject_missing{.name = column.name(), .observation = first - n.rows.begin + 1, .count = missing},
+        place);
     return 2;
   }
 

@@ -1,4 +1,5 @@
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
 
 namespace torvale::evaluation {
 
@@ -23,15 +24,15 @@ void complete_flags(NX& n)
   if (n.needcrossu) n.needhessu = true;
 }
 
-int refuse(NX& n, int number, const std::string& name, const syntax::Position& where, int code)
+int refuse(NX& n, const host::NumberedMessage& problem, const syntax::Position& where, int code)
 {
   if (n.host != nullptr) {
     host::MessagePlace place;
     place.statement = "RANDOM";
     place.line = n.sources != nullptr ? n.sources->user_position(where).line : where.line;
-    n.host->log().xpmlog(503, number, {{"name", name}}, place);
+    n.host->log().xpmlog(problem, place);
   }
-  n.raise(number == 10 ? 3000 : 1012);
+  n.raise(code);
   return code;
 }
 
@@ -40,7 +41,8 @@ std::vector<CMPSYM*> effect_derivatives(const REFFECT& reff, int np)
 {
   std::vector<CMPSYM*> result(static_cast<std::size_t>(reff.nr), nullptr);
   for (std::size_t k = 0; k < reff.gradstr.der.s.size(); ++k)
-    if (const int w = reff.gradstr.wrtindex[k]; w >= np) result[static_cast<std::size_t>(w - np)] = reff.gradstr.der.s[k];
+    if (const int w = reff.gradstr.wrtindex[k]; w >= np)
+      result[static_cast<std::size_t>(w - np)] = reff.gradstr.der.s[k];
   return result;
 }
 
@@ -60,7 +62,8 @@ int request_curvature(NX& n, REFFECT& reff)
 int request_block(NX& n, REFFECT& reff)
 {
   const bool gradient = n.fd == 0;
-  if (engine::cmpder(reff.gradstr, CMPLIST{{n.llsym}}, gradient || n.needcrossu ? reff.prsym : reff.ransym, *n.gcmp) != 0)
+  if (engine::cmpder(reff.gradstr, CMPLIST{{n.llsym}}, gradient || n.needcrossu ? reff.prsym : reff.ransym, *n.gcmp) !=
+      0)
     return 1012;
   if (!(gradient || n.needcrossu)) {
     for (int& w : reff.gradstr.wrtindex) w += n.nparm; // as if by prsym: the effects follow the parameters
@@ -68,13 +71,15 @@ int request_block(NX& n, REFFECT& reff)
   }
   const auto slopes = effect_derivatives(reff, n.nparm);
   for (std::size_t e = 0; e < slopes.size(); ++e)
-    if (slopes[e] == nullptr) return refuse(n, 10, reff.names[e], reff.ransym.s[e]->where, 3000);
+    if (slopes[e] == nullptr)
+      return refuse(n, message::likelihood_without_random_effect{.name = reff.names[e]}, reff.ransym.s[e]->where, 3000);
   if (n.needhessu && request_curvature(n, reff) != 0) return 1012;
 
   // Distribution arguments: by parameters for the chain rule; they may not depend on the effects themselves.
   for (CMPSYM* argument : reff.distrsym.s)
     for (std::size_t e = 0; e < reff.ransym.s.size(); ++e)
-      if (engine::cmpcdep(*n.gcmp, argument, reff.ransym.s[e])) return refuse(n, 303, reff.names[e], argument->where, 1012);
+      if (engine::cmpcdep(*n.gcmp, argument, reff.ransym.s[e]))
+        return refuse(n, message::random_argument_depends_on_effect{.name = reff.names[e]}, argument->where, 1012);
   if (gradient || n.needcrossu) {
     CMPLIST parameters;
     parameters.s.assign(reff.prsym.s.begin(), reff.prsym.s.begin() + n.nparm);
@@ -97,7 +102,7 @@ const char* unserved(const NX& n)
 int build_programs(NX& n)
 {
   if (const char* what = unserved(n); what != nullptr) {
-    if (n.host != nullptr) n.host->log().xpmlog(503, 9330, {{"what", what}});
+    if (n.host != nullptr) n.host->log().xpmlog(message::not_available{.what = what});
     n.raise(3000);
     return 3000;
   }

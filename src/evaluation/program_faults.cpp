@@ -45,11 +45,4 @@ FaultWords words_of(const NX& n, const engine::Fault& fault)
   return {fault.text, where.line > 0 ? shortened(n.sources->line_text(where)) : "", where.line};
 }
 
-void FaultWords::add_to(host::MessageArguments& arguments, host::MessagePlace& place) const
-{
-  arguments.emplace_back("reason", reason);
-  if (!source.empty()) arguments.emplace_back("source", source);
-  place.line = line;
-}
-
 } // namespace torvale::evaluation

@@ -1,6 +1,7 @@
 #include "evaluation/random_covariance.h"
 
 #include "evaluation/record_sums.h"
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "matrix/cholesky.h"
 #include "matrix/eigenvalues.h"
@@ -19,7 +20,8 @@ using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int missing_argument = 135, not_semidefinite = 132;
+constexpr int missing_argument = message::random_covariance_missing::message_number;
+constexpr int not_semidefinite = message::random_covariance_not_definite::message_number;
 
 // An indefinite G ends the evaluation; one that is semidefinite to singvar goes on.
 void classify_singular(const NX& n, int nr, BlockWork& block)
@@ -38,7 +40,8 @@ int prior_failure(const BlockWork& block)
   return block.badG ? missing_argument : block.negG ? not_semidefinite : 0;
 }
 
-// Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same factor.
+// Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same
+// factor.
 int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* output, int lane, long arguments)
 {
   const REFFECT& reff = n.leaf();

@@ -1,6 +1,7 @@
 #include "host/csv.h"
 #include "host/csv_blocks.h"
 #include "host/csv_columns.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <array>
@@ -137,9 +138,9 @@ private:
 bool CsvReader::failed(const CsvCutter& cutter, const ByteSource& source)
 {
   if (cutter.fault() == CsvCutter::Fault::not_text)
-    log_.xpmlog(503, 9007, {{"file", file_}});
+    log_.xpmlog(message::not_plain_text{.file = file_});
   else
-    log_.xpmlog(503, 9002, {{"file", file_}, {"reason", source.problem}});
+    log_.xpmlog(message::file_not_read{.file = file_, .reason = source.problem});
   return false;
 }
 
@@ -149,16 +150,16 @@ bool CsvReader::failed(const BlockValues& block)
   const std::string column =
       block.fault_field <= columns_.size() ? columns_[block.fault_field - 1].name : std::to_string(block.fault_field);
   if (block.fault == BlockValues::Fault::unclosed_quote)
-    log_.xpmlog(503, 9005, {{"column", column}}, place);
+    log_.xpmlog(message::quote_not_closed{.column = column}, place);
   else if (block.fault == BlockValues::Fault::text_after_quote)
-    log_.xpmlog(503, 9006, {{"column", column}}, place);
+    log_.xpmlog(message::characters_behind_quote{.column = column}, place);
   else
-    log_.xpmlog(503, 9003,
-                {{"row", rows_ + block.fault_row},
-                 {"found", block.fields_found},
-                 {"expected", columns_.size()},
-                 {"column", columns_[std::min(block.fields_found, columns_.size() - 1)].name}},
-                place);
+    log_.xpmlog(
+        message::row_with_wrong_fields{.row = rows_ + block.fault_row,
+                                       .found = block.fields_found,
+                                       .expected = columns_.size(),
+                                       .column = columns_[std::min(block.fields_found, columns_.size() - 1)].name},
+        place);
   return false;
 }
 
@@ -182,7 +183,7 @@ bool CsvReader::header(CsvCutter& cutter, const ByteSource& source)
   const auto step = cutter.header(line);
   if (step == CsvCutter::Step::failure) return failed(cutter, source);
   if (step == CsvCutter::Step::end) {
-    log_.xpmlog(503, 9008, {{"file", file_}});
+    log_.xpmlog(message::file_empty{.file = file_});
     return false;
   }
   line_ = cutter.body_line();
@@ -195,15 +196,15 @@ bool CsvReader::header(CsvCutter& cutter, const ByteSource& source)
   if (!split_line(line.bytes, separator_, names, unclosed)) {
     const MessagePlace place{.file = file_, .file_line = cutter.header_line()};
     if (unclosed)
-      log_.xpmlog(503, 9005, {{"column", names.size()}}, place);
+      log_.xpmlog(message::quote_not_closed{.column = names.size()}, place);
     else
-      log_.xpmlog(503, 9006, {{"column", names.size()}}, place);
+      log_.xpmlog(message::characters_behind_quote{.column = names.size()}, place);
     return false;
   }
   if (!name_columns(names)) return false;
   if (separator_ != ',' && options_.separator == 0) {
     const std::string shown = separator_ == '\t' ? "tabs" : std::string("\"") + separator_ + "\"";
-    log_.xpmlog(503, 9013, {{"file", file_}, {"separator", shown}});
+    log_.xpmlog(message::separator_found{.file = file_, .separator = shown});
   }
   return true;
 }
@@ -214,12 +215,13 @@ bool CsvReader::name_columns(const std::vector<std::string>& names)
     const std::string_view given = stripped(names[i]);
     std::string name(cut_name(given, DataSet::longest_name));
     if (given.empty()) name = "VAR" + std::to_string(i + 1);
-    if (name != given) log_.xpmlog(503, 9009, {{"file", file_}, {"column", i + 1}, {"given", given}, {"name", name}});
+    if (name != given)
+      log_.xpmlog(message::column_renamed{.column = i + 1, .file = file_, .given = given, .name = name});
     const auto same =
         std::find_if(columns_.begin(), columns_.end(), [&](auto& c) { return equal_names(c.name, name); });
     if (same != columns_.end()) {
-      log_.xpmlog(503, 9004,
-                  {{"file", file_}, {"name", name}, {"first", same - columns_.begin() + 1}, {"second", i + 1}});
+      log_.xpmlog(message::column_named_twice{
+          .file = file_, .name = name, .first = same - columns_.begin() + 1, .second = i + 1});
       return false;
     }
     const auto asked = options_.kinds.find(wzstrlo(name));
@@ -323,12 +325,11 @@ void CsvReader::note_one_spelling(const FileColumn& column)
   if (!numbers || foreign == dictionary.size()) return;
   const auto codes = column.texts.codes();
   const auto first = std::find(codes.begin(), codes.end(), foreign);
-  log_.xpmlog(503, 9010,
-              {{"file", file_},
-               {"column", column.name},
-               {"value", dictionary[foreign]},
-               {"row", first - codes.begin() + 1},
-               {"count", std::count(first, codes.end(), foreign)}});
+  log_.xpmlog(message::text_in_numeric_column{.column = column.name,
+                                              .file = file_,
+                                              .value = dictionary[foreign],
+                                              .count = std::count(first, codes.end(), foreign),
+                                              .row = first - codes.begin() + 1});
 }
 
 // One note on all missing codes of the file.
@@ -342,7 +343,7 @@ void CsvReader::note_codes()
              std::to_string(c.seen.code_row) + ")";
     count += c.seen.code_count;
   }
-  if (count > 0) log_.xpmlog(503, 9501, {{"file", file_}, {"count", count}, {"where", where}});
+  if (count > 0) log_.xpmlog(message::missing_codes_found{.count = count, .file = file_, .where = where});
 }
 
 void CsvReader::notes()
@@ -353,23 +354,19 @@ void CsvReader::notes()
   for (const FileColumn& c : columns_) {
     const bool text = c.type == Type::text || c.spellings_needed;
     if (c.asked && !text && c.seen.code_row > 0 && !is_missing_code(c.seen.code))
-      log_.xpmlog(503, 9014,
-                  {{"file", file_},
-                   {"column", c.name},
-                   {"count", c.seen.code_count},
-                   {"value", c.seen.code},
-                   {"row", c.seen.code_row}});
+      log_.xpmlog(message::text_read_as_missing{
+          .column = c.name, .file = file_, .count = c.seen.code_count, .value = c.seen.code, .row = c.seen.code_row});
     if (c.asked) continue;
     if (c.seen.point && c.seen.comma)
-      log_.xpmlog(503, 9502, {{"file", file_}, {"column", c.name}});
+      log_.xpmlog(message::points_and_commas{.column = c.name, .file = file_});
     else if (text)
       note_one_spelling(c);
     else if (any_comma && c.seen.point)
-      log_.xpmlog(503, 9503, {{"file", file_}, {"column", c.name}});
+      log_.xpmlog(message::points_among_commas{.column = c.name, .file = file_});
     if (!text && c.seen.leading_zero_row > 0)
-      log_.xpmlog(503, 9011, {{"file", file_}, {"column", c.name}, {"row", c.seen.leading_zero_row}});
+      log_.xpmlog(message::leading_zeros_dropped{.column = c.name, .file = file_, .row = c.seen.leading_zero_row});
     if (!text && c.seen.inexact_row > 0)
-      log_.xpmlog(503, 9016, {{"file", file_}, {"column", c.name}, {"row", c.seen.inexact_row}});
+      log_.xpmlog(message::digits_rounded{.column = c.name, .file = file_, .row = c.seen.inexact_row});
   }
 }
 
@@ -380,7 +377,7 @@ std::optional<DataSet> read_csv(const std::string& path, MessageSink& log, const
   std::string problem;
   const auto open = [&] {
     auto source = open_bytes(path, problem);
-    if (!source) log.xpmlog(503, 9002, {{"file", path}, {"reason", problem}});
+    if (!source) log.xpmlog(message::file_not_read{.file = path, .reason = problem});
     return source;
   };
   CsvReader reader(path, log, options);
@@ -391,7 +388,7 @@ std::optional<DataSet> read_csv(const std::string& path, MessageSink& log, const
   std::string bytes;
   if (!source) return std::nullopt;
   if (!read_all(*source, bytes)) {
-    log.xpmlog(503, 9002, {{"file", path}, {"reason", source->problem}});
+    log.xpmlog(message::file_not_read{.file = path, .reason = source->problem});
     return std::nullopt;
   }
   return reader.read([&] { return bytes_of(bytes); }, bytes.size());

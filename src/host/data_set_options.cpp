@@ -1,4 +1,5 @@
 #include "host/data_set_options.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <charconv>
@@ -226,10 +227,7 @@ std::size_t index_of(const std::vector<std::string>& names, std::string_view nam
 bool known(const std::vector<std::string>& names, std::string_view name, std::string_view option, MessageSink& log)
 {
   if (index_of(names, name) < names.size()) return true;
-  MessageArguments arguments{{"option", option}, {"name", name}};
-  const std::string near = nearest_name(name, names);
-  if (!near.empty()) arguments.emplace_back("near", near);
-  log.xpmlog(503, 9025, arguments);
+  log.xpmlog(message::option_names_unknown_variable{.option = option, .name = name, .near = nearest_name(name, names)});
   return false;
 }
 
@@ -259,7 +257,7 @@ std::optional<DataSetOptions> parse_data_set_options(std::string_view text, Mess
   DataSetOptions options;
   OptionReader reader(text);
   if (reader.read(options)) return options;
-  log.xpmlog(503, 9023, {{"problem", reader.problem}, {"character", reader.at()}, {"text", text}}, place);
+  log.xpmlog(message::bad_data_set_options{.text = text, .problem = reader.problem, .character = reader.at()}, place);
   return std::nullopt;
 }
 
@@ -280,13 +278,13 @@ int output_columns(const std::vector<std::string>& names, const DataSetOptions& 
       if (equal_names(old_name, names[i])) name = new_name;
     const bool taken = std::any_of(chosen.begin(), chosen.end(), [&](auto& c) { return equal_names(c.second, name); });
     if (taken) {
-      log.xpmlog(503, 9028, {{"name", name}});
+      log.xpmlog(message::renamed_to_same_name{.name = name});
       return -1;
     }
     chosen.emplace_back(i, std::move(name));
   }
   if (!chosen.empty()) return 0;
-  log.xpmlog(503, 9029);
+  log.xpmlog(message::no_variable_left);
   return -1;
 }
 
@@ -298,11 +296,12 @@ std::optional<std::vector<std::size_t>> wanted_rows(const DataSet& data, const D
 {
   std::string problem, converted;
   if (options.where && options.where->bind(data, problem, &converted) != 0) {
-    log.xpmlog(503, 9024, {{"problem", problem}, {"data", data.name}});
+    log.xpmlog(message::where_does_not_suit{.data = data.name, .problem = problem});
     return std::nullopt;
   }
-  if (!converted.empty()) log.xpmlog(503, 9505, {{"text", converted}, {"data", data.name}});
-  if (options.where && options.where->has_angle_brackets()) log.xpmlog(503, 9506, {{"data", data.name}});
+  if (!converted.empty()) log.xpmlog(message::where_text_read_as_number{.data = data.name, .text = converted});
+  if (options.where && options.where->has_angle_brackets())
+    log.xpmlog(message::where_angle_brackets{.data = data.name});
   if (options.where) return options.where->matching_rows(data);
   std::vector<std::size_t> rows(data.rows());
   std::iota(rows.begin(), rows.end(), std::size_t{0});
@@ -348,7 +347,7 @@ int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSin
   out.path = data.path;
   out.label = options.label.empty() ? data.label : options.label;
   if (kept == 0 && rows_before > 0 && options.where)
-    log.xpmlog(503, 9030, {{"data", data.name}, {"rows", rows_before}});
+    log.xpmlog(message::where_keeps_nothing{.rows = rows_before, .data = data.name});
   data = std::move(out);
   return 0;
 }

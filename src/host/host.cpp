@@ -1,4 +1,5 @@
 #include "host/host.h"
+#include "host/message_names.h"
 #include "host/run_output.h"
 #include "host/table_writers.h"
 #include <algorithm>
@@ -149,7 +150,7 @@ bool EmbeddedHost::write_text_files()
     const std::filesystem::path path = std::filesystem::path(options_.places.output_folder) / name;
     std::string problem;
     if (write_file(path.string(), file.text, problem)) continue;
-    log_.xpmlog(503, 9223, {{"file", path.string()}, {"problem", problem}});
+    log_.xpmlog(message::put_file_not_written{.file = path.string(), .problem = problem});
     all = false;
   }
   return all;

@@ -1,4 +1,5 @@
 #include "host/libraries.h"
+#include "host/message_names.h"
 #include "host/sqlite_table.h"
 #include "host/text.h"
 #include <algorithm>
@@ -88,13 +89,13 @@ SplitName split(const std::string& name)
 void not_found(const std::string& name, const std::string& where, const std::vector<std::string>& alternatives,
                MessageSink& log, const MessagePlace& place)
 {
-  MessageArguments arguments{{"name", name}, {"where", where}};
-  const std::string near = nearest_name(name.substr(name.find('.') + 1), alternatives);
-  if (!near.empty()) arguments.emplace_back("near", near);
   std::string all;
   for (std::size_t i = 0; i < alternatives.size() && i < 12; ++i) all += (all.empty() ? "" : ", ") + alternatives[i];
-  if (!all.empty()) arguments.emplace_back("known", all);
-  log.xpmlog(503, 9020, arguments, place);
+  log.xpmlog(message::no_data_set{.name = name,
+                                  .where = where,
+                                  .near = nearest_name(name.substr(name.find('.') + 1), alternatives),
+                                  .known = all},
+             place);
 }
 
 // One file, however its path is spelled; in a database one table.
@@ -124,10 +125,12 @@ void note_kinds(const DataSet& data, MessageSink& log)
     if (count > shown) out += " and " + std::to_string(count - shown) + " more";
     return count == 0 ? std::string(" none") : out;
   };
-  MessageArguments arguments{
-      {"data", data.name}, {"rows", data.rows()}, {"numeric", names(Sort::number)}, {"character", names(Sort::text)}};
-  if (const std::string moments = names(Sort::moment); moments != " none") arguments.emplace_back("moments", moments);
-  log.xpmlog(503, 9015, arguments);
+  const std::string moments = names(Sort::moment);
+  log.xpmlog(message::data_set_read{.data = data.name,
+                                    .rows = data.rows(),
+                                    .numeric = names(Sort::number),
+                                    .character = names(Sort::text),
+                                    .moments = moments == " none" ? std::string() : moments});
 }
 
 } // namespace
@@ -161,8 +164,8 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
                                             const MessagePlace& place, const ReadOptions& options) const
 {
   if (!is_file(path)) {
-    log.xpmlog(503, 9002,
-               {{"file", path}, {"reason", fs::is_directory(path) ? "it is a folder" : "there is no such file"}},
+    log.xpmlog(message::file_not_read{.file = path,
+                                      .reason = fs::is_directory(path) ? "it is a folder" : "there is no such file"},
                place);
     return std::nullopt;
   }
@@ -195,7 +198,7 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   }
   const SplitName parts = split(reference.name);
   if (!parts.valid) {
-    log.xpmlog(503, 9022, {{"name", reference.name}}, place);
+    log.xpmlog(message::bad_data_set_name{.name = reference.name}, place);
     return std::nullopt;
   }
   name = parts.library + "." + wzstrlo(parts.member);
@@ -209,7 +212,7 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   if (!one_level && library == libraries_.end()) {
     std::string known = "work";
     for (const auto& [l, path] : libraries_) known += ", " + l;
-    log.xpmlog(503, 9021, {{"library", parts.library}, {"known", known}}, place);
+    log.xpmlog(message::library_not_bound{.library = parts.library, .known = known}, place);
     return std::nullopt;
   }
   const std::string folder = library != libraries_.end() ? library->second : places_.program_folder;
@@ -254,7 +257,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
 bool Libraries::is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const
 {
   if (!inputs_.contains(file_key(output.path_, output.member_))) return false;
-  log.xpmlog(503, 9500, {{"name", output.data_.name}, {"file", output.path_}}, place);
+  log.xpmlog(message::output_would_replace_input{.name = output.data_.name, .file = output.path_}, place);
   return true;
 }
 
@@ -263,7 +266,7 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
   auto output = std::make_unique<OutputDataSet>();
   output->options_ = reference.options;
   if (reference.options.first_row != 1 || reference.options.last_row != 0) {
-    log.xpmlog(503, 9033, {{"name", reference.name}}, place);
+    log.xpmlog(message::input_option_on_output{.name = reference.name}, place);
     return nullptr;
   }
   if (reference.quoted) {
@@ -274,11 +277,11 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
     const SplitName parts = split(reference.name);
     const auto library = libraries_.find(parts.library);
     if (!parts.valid) {
-      log.xpmlog(503, 9022, {{"name", reference.name}}, place);
+      log.xpmlog(message::bad_data_set_name{.name = reference.name}, place);
       return nullptr;
     }
     if (parts.library != "work" && library == libraries_.end()) {
-      log.xpmlog(503, 9021, {{"library", parts.library}, {"known", "work"}}, place);
+      log.xpmlog(message::library_not_bound{.library = parts.library, .known = "work"}, place);
       return nullptr;
     }
     const std::string folder = library == libraries_.end() ? places_.output_folder : library->second;
@@ -289,12 +292,14 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
   }
   const fs::path parent = fs::path(output->path_).parent_path();
   if (::access(parent.empty() ? "." : parent.c_str(), W_OK) != 0) {
-    log.xpmlog(503, 9012, {{"file", output->path_}, {"reason", "its folder is missing or may not be written"}}, place);
+    log.xpmlog(
+        message::file_not_written{.file = output->path_, .reason = "its folder is missing or may not be written"},
+        place);
     return nullptr;
   }
   for (const auto& other : open_)
     if (other->data_.name == output->data_.name || (other->path_ == output->path_ && !is_database(output->path_))) {
-      log.xpmlog(503, 9026, {{"name", reference.name}}, place);
+      log.xpmlog(message::data_set_written_twice{.name = reference.name}, place);
       return nullptr;
     }
   if (is_input(*output, log, place)) return nullptr;
@@ -330,8 +335,8 @@ int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
   if (code != 0) return code;
 
   const std::string shown = fs::path(owned->path_).lexically_proximate(places_.output_folder).string();
-  log.xpmlog(503, 9034,
-             {{"data", data.name}, {"rows", data.rows()}, {"columns", data.columns().size()}, {"file", shown}});
+  log.xpmlog(message::data_set_written{
+      .data = data.name, .rows = data.rows(), .columns = data.columns().size(), .file = shown});
   finished_.push_back({data.name, shown, data.rows()});
   written_[data.name] = std::move(written);
   return 0;

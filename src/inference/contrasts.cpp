@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "inference/expressions.h"
 #include "inference/tables.h"
@@ -47,17 +48,18 @@ int wald_statistic(int r, std::vector<double>& v, const std::vector<double>& c, 
 
 int tvlcont(NX& n)
 {
-  if (n.loglevel > 0) n.host->log().xpmlog(503, 408, {{"what", n.contrasts.size() == 1 ? "contrast" : "contrasts"}});
+  if (n.loglevel > 0)
+    n.host->log().xpmlog(message::computing{.what = n.contrasts.size() == 1 ? "contrast" : "contrasts"});
   ExpressionValues values;
   if (evaluate_expressions(n, n.contrasts, "CONTRAST", values) != 0) return 1;
   const auto np = static_cast<std::size_t>(n.nparm);
 
-  host::Table table("Contrasts", host::otbmsg(503, 214),
-                    {{"Label", CellKind::text, host::otbmsg(503, 202), "", ""},
-                     {"NumDF", CellKind::number, host::otbmsg(503, 215), "BEST6", ""},
-                     {"DenDF", CellKind::number, host::otbmsg(503, 216), "BEST6", ""},
-                     {"FValue", CellKind::number, host::otbmsg(503, 217), "8.2", ""},
-                     {"ProbF", CellKind::number, host::otbmsg(503, 218), "PVALUE6.4", ""}});
+  host::Table table("Contrasts", host::otbmsg(label::contrasts),
+                    {{"Label", CellKind::text, host::otbmsg(label::label), "", ""},
+                     {"NumDF", CellKind::number, host::otbmsg(label::numerator_df), "BEST6", ""},
+                     {"DenDF", CellKind::number, host::otbmsg(label::denominator_df), "BEST6", ""},
+                     {"FValue", CellKind::number, host::otbmsg(label::f_value), "8.2", ""},
+                     {"ProbF", CellKind::number, host::otbmsg(label::probability_of_f), "PVALUE6.4", ""}});
   std::size_t first = 0;
   for (const auto& statement : n.contrasts) {
     const auto r = static_cast<std::size_t>(statement.expr.n());

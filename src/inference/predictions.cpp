@@ -1,6 +1,7 @@
 #include "inference/predictions.h"
 
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "integration/evaluation_parts.h"
 #include "matrix/packed_kernels.h"
@@ -224,11 +225,11 @@ void report_fault(NX& n, const PredictStatement& statement, const Posterior& pos
     int nerror = 0, nmissgen = 0;
     frame.run_checked(*statement.program, row, 0, faults, nerror, nmissgen);
     if (faults.empty()) continue;
-    host::MessageArguments arguments = {{"observation", evaluation::observation_number(n, row)}};
+    message::prediction_not_evaluated words{.observation = evaluation::observation_number(n, row)};
     auto place = evaluation::place_of(n, row);
     place.statement = "PREDICT";
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
-    n.host->log().xpmlog(503, 9570, arguments, place);
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+    n.host->log().xpmlog(words, place);
     n.raise(4);
     return;
   }

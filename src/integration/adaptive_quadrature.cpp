@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "integration/evaluation_parts.h"
 
 #include "evaluation/random_covariance.h"

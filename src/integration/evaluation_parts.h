@@ -1,6 +1,7 @@
 #pragma once
 // The parts of one evaluation, each on one context. They write the context and the slots of their own subjects only.
 
+#include "host/message_names.h"
 #include "integration/integrator.h"
 #include "model/run_record.h"
 
@@ -14,10 +15,11 @@ inline constexpr double root_two = 1.4142135623730951;
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
 
-// The message of a nest whose integral is zero: 354, or 355 when its subject is a text.
+// The message of a nest whose integral is zero.
 inline int zero_integral(const model::NX& n)
 {
-  return n.outer().sub_character ? 355 : 354;
+  return n.outer().sub_character ? message::integral_zero_text_subject::message_number
+                                 : message::integral_zero::message_number;
 }
 
 // Work arrays are sized with this.
@@ -36,12 +38,13 @@ inline constexpr long block_records = 1024;
 long observation_blocks(const model::NX& n);
 int sum_observations(model::NX& n, model::TVLThreadCtx& ctx, long block);
 
-// sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of the
-// points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are taken
-// in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
+// sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of
+// the points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are
+// taken in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
 int sum_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
 
-// sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as sum_points.
+// sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
+// sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).

@@ -1,6 +1,7 @@
 // The likelihood without random effects: observations in fixed blocks, one slot each, so that the sum has one order
 // whatever the number of workers.
 
+#include "host/message_names.h"
 #include "integration/evaluation_parts.h"
 
 #include "evaluation/record_sums.h"
@@ -16,7 +17,7 @@ using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int unusable = 131;
+constexpr int unusable = message::likelihood_not_usable::message_number;
 
 // Eight interleaved sums by place in the block, closed in a fixed order.
 struct InterleavedSum {
@@ -25,7 +26,10 @@ struct InterleavedSum {
   {
     for (int j = 0; j < count; ++j) part[(first + j) % 8] += weights[j] * values[j];
   }
-  double close() const { return ((part[0] + part[4]) + (part[2] + part[6])) + ((part[1] + part[5]) + (part[3] + part[7])); }
+  double close() const
+  {
+    return ((part[0] + part[4]) + (part[2] + part[6])) + ((part[1] + part[5]) + (part[3] + part[7]));
+  }
 };
 
 // The lanes of one tile: their rows, and what each counts for.
@@ -81,12 +85,14 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     const double* const ll = ctx.frame->output(0);
     for (int j = 0; j < lanes.count; ++j) {
       const auto row = static_cast<std::size_t>(lanes.rows[j]);
-      if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none) continue;
+      if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none)
+        continue;
       n.slot_status[slot] = unusable;
       n.slot_row[slot] = lanes.rows[j];
       return 0;
     }
-    if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none) continue;
+    if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none)
+      continue;
     value.add(at - first, ll, lanes.weight, lanes.count);
     if (!gradient) continue;
     for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {

@@ -1,5 +1,6 @@
 #include "integration/quadrature_points.h"
 
+#include "host/message_names.h"
 #include "probability/random.h"
 
 #include <cmath>
@@ -31,8 +32,8 @@ void product_points(const NX& n, REFFECT& reff)
   }
 }
 
-// Importance sampling: a standard normal sample, drawn point after point from the seed of the run, so that a larger sample
-// extends a smaller one. The weight's constant does not grow with the dimension.
+// Importance sampling: a standard normal sample, drawn point after point from the seed of the run, so that a larger
+// sample extends a smaller one. The weight's constant does not grow with the dimension.
 void sample_points(const NX& n, REFFECT& reff)
 {
   std::int64_t seed = n.seed;
@@ -57,17 +58,17 @@ int tvlqpts(NX& n)
     n.herm.resize(static_cast<std::size_t>(n.nqp));
     int dropped = 0;
     if (GaussHermite(n.nqp, n.absc.data(), n.herm.data(), 0.0, 0.0, dropped) != 0) {
-      n.host->log().xpmlog(503, 16, {{"points", n.nqp}});
+      n.host->log().xpmlog(message::quadrature_points_failed{.points = n.nqp});
       n.raise(1012);
       return 1012;
     }
-    if (dropped > 0) n.host->log().xpmlog(503, 20, {{"kept", n.nqp - dropped}, {"points", n.nqp}});
+    if (dropped > 0) n.host->log().xpmlog(message::quadrature_points_dropped{.points = n.nqp, .kept = n.nqp - dropped});
   }
   for (REFFECT& reff : n.reff) {
     if (reff.distrtype != 0) continue; // support points come from the statement
     const double points = n.method == 0 ? std::pow(n.nqp, reff.nr) : n.nqp;
     if (!(points <= most_points)) {
-      n.host->log().xpmlog(503, 16, {{"points", n.nqp}});
+      n.host->log().xpmlog(message::quadrature_points_failed{.points = n.nqp});
       n.raise(1012);
       return 1012;
     }

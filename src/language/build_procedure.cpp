@@ -2,6 +2,7 @@
 #include "language/builder.h"
 
 #include "language/lexical.h"
+#include "syntax/statement_names.h"
 
 namespace torvale::language {
 
@@ -36,7 +37,7 @@ void Builder::add_names(STLIST& to, const std::vector<Name>& list, int group)
 
 void Builder::add_expressions(const std::vector<Expr*>& list, Position where)
 {
-  STLIST& c = cell(2, 'l', where);
+  STLIST& c = cell(estimate_slot::expressions, 'l', where); // the same slot in CONTRAST and PREDICT
   for (Expr* e : list) {
     StItem i = item(StItem::Kind::expression, e->where);
     i.expr = e;
@@ -94,15 +95,15 @@ void Builder::end_torvale(std::span<Value> r)
   proc_->current = nullptr;
 }
 
-// MODEL and RANDOM: head, names, '~', distribution, '(', arguments, ')', ...: slots 1, 2, 4 and the site of the
-// expressions.
+// MODEL and RANDOM, which number their slots alike: head, names, '~', distribution, '(', arguments, ')', ...: slots 1,
+// 2, 4 and the site of the expressions.
 void Builder::end_distribution(std::span<Value> r)
 {
   STMT& s = *proc_->current;
-  add_names(cell(1, 'l', r[1].token.where), names_of(r[1]), -1);
-  cell(4, 'n', r[3].token.where).number = r[3].code;
+  add_names(cell(model_slot::dependent, 'l', r[1].token.where), names_of(r[1]), -1);
+  cell(model_slot::distribution, 'n', r[3].token.where).number = r[3].code;
   std::vector<Expr*> all;
-  STLIST& arguments = cell(2, 'l', r[5].token.where);
+  STLIST& arguments = cell(model_slot::arguments, 'l', r[5].token.where);
   int bracket = 0;
   for (const Value& v : items(r[5].list)) {
     const bool group = v.expr == nullptr;
@@ -123,7 +124,7 @@ void Builder::end_distribution(std::span<Value> r)
   site->statement = arena_.text(s.name);
   site->expressions = arena_.copy(all);
   proc_->program.statements.push_back(site);
-  if (s.name == "RANDOM" && !s.given(5))
+  if (s.name == "RANDOM" && !s.given(random_slot::subject))
     diagnostics_->error(Problem::missing_part, s.where,
                         "RANDOM needs SUBJECT= with the variable that tells the subjects apart.", 6);
 }
@@ -131,10 +132,10 @@ void Builder::end_distribution(std::span<Value> r)
 // SUBJECT=name or SUBJECT=name(outer names): group 0 is the subject's own variable, 1 the outer ones.
 void Builder::subject(std::span<Value> r)
 {
-  if (proc_->current->given(5))
+  if (proc_->current->given(random_slot::subject))
     diagnostics_->warning(Problem::given_twice, r[0].token.where,
                           "SUBJECT is given twice in this statement: the last one holds.", r[0].token.length);
-  STLIST& c = cell(5, 'l', r[2].token.where);
+  STLIST& c = cell(random_slot::subject, 'l', r[2].token.where);
   c.list.clear();
   add_names(c, one_name(r[2]), 0);
   if (r.size() > 3) add_names(c, names(r[4].list), 1);
@@ -165,7 +166,9 @@ void Builder::add_parms_value(STLIST& to, const Value& v, int group)
 
 void Builder::parms_group(const Value& named, const std::vector<Value>& values)
 {
-  STLIST& c = cell(1, 'l', proc_->current->given(1) ? proc_->current->slot(1).where : named.token.where);
+  STLIST& c = cell(parms_slot::values, 'l',
+                   proc_->current->given(parms_slot::values) ? proc_->current->slot(parms_slot::values).where
+                                                             : named.token.where);
   const int group = c.list.empty() ? 0 : c.list.back().group + 1;
   const std::vector<Name> list = names_of(named);
   for (const Name& n : list) know_name(n.text);
@@ -175,8 +178,8 @@ void Builder::parms_group(const Value& named, const std::vector<Value>& values)
 
 void Builder::end_bounds(std::span<Value> r)
 {
-  STLIST& symbols = cell(1, 'l', r[1].token.where);
-  STLIST& operators = cell(2, 'l', r[1].token.where);
+  STLIST& symbols = cell(bounds_slot::operands, 'l', r[1].token.where);
+  STLIST& operators = cell(bounds_slot::relations, 'l', r[1].token.where);
   int group = 0;
   for (const Value& relation : items(r[1].list)) {
     const std::vector<Value> parts = items(relation.list); // operand, operator, operand, ...
@@ -213,7 +216,7 @@ void Builder::end_labelled(const Value& label, const std::vector<Expr*>& list)
   i.text = std::string(label.token.text);
   i.quoted = true;
   if (i.text.find_first_not_of(' ') == std::string::npos && !list.empty()) i.text = to_text(*list[0]);
-  cell(4, 't', label.token.where).list = {std::move(i)};
+  cell(estimate_slot::label, 't', label.token.where).list = {std::move(i)};
 }
 
 void Builder::end_by(std::span<Value> r)
@@ -224,7 +227,7 @@ void Builder::end_by(std::span<Value> r)
     return;
   }
   by_given_ = true;
-  STLIST& c = torvale.fld[0];
+  STLIST& c = torvale.fld[static_cast<std::size_t>(torvale_slot::by)];
   c.type = 'l';
   c.where = r[0].token.where;
   for (const Value& v : items(r[1].list)) {
@@ -342,14 +345,14 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     return true;
   case Action::end_predict:
     if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
-    if (!proc_->current->given(4))
+    if (!proc_->current->given(predict_slot::out))
       diagnostics_->error(Problem::missing_part, r[0].token.where,
                           "PREDICT needs OUT= with the data set that takes the predictions.", 7);
     close_statement(a, r, result);
     return true;
   case Action::end_id: {
     check_top_level(r[0]);
-    STLIST& c = proc_->statements.front().fld[80];
+    STLIST& c = proc_->statements.front().fld[static_cast<std::size_t>(torvale_slot::id)];
     if (!c.given()) c.where = r[0].token.where;
     c.type = 'l';
     add_names(c, names_of(r[1]), -1);
@@ -370,7 +373,7 @@ bool Builder::act_on_procedure(Action action, const SEMARG& a, std::span<Value> 
     end_by(r);
     return true;
   case Action::end_replicate:
-    add_names(cell(1, 'l', r[1].token.where), one_name(r[1]), -1);
+    add_names(cell(replicate_slot::variable, 'l', r[1].token.where), one_name(r[1]), -1);
     close_statement(a, r, result);
     return true;
   case Action::end_compartment_model:

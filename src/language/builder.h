@@ -137,6 +137,10 @@ private:
   void check_top_level(const Value& head);
   void close_statement(const SEMARG& a, std::span<Value> r, Value& result);
   syntax::STLIST& cell(int slot, char type, syntax::Position where);
+  syntax::STLIST& cell(syntax::SlotName auto slot, char type, syntax::Position where)
+  {
+    return cell(static_cast<int>(slot), type, where);
+  }
   static syntax::StItem item(syntax::StItem::Kind kind, syntax::Position where);
   void add_names(syntax::STLIST& to, const std::vector<Name>& list, int group);
   void add_expressions(const std::vector<syntax::Expr*>& list, syntax::Position where);

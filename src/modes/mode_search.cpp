@@ -1,6 +1,7 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
+#include "host/message_names.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 
@@ -111,7 +112,8 @@ private:
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.leaf().sub_character ? 359 : 358;
+    s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
+                                         : message::mode_steps_used_up::message_number;
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in column a of the mode sums.
@@ -203,10 +205,14 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx)
 int tvlebes(const NX& n, TVLThreadCtx& ctx)
 {
   switch (n.leaf().nr) {
-    case 1: return search_batch<1>(n, ctx);
-    case 2: return search_batch<2>(n, ctx);
-    case 3: return search_batch<3>(n, ctx);
-    default: return search_batch<0>(n, ctx);
+  case 1:
+    return search_batch<1>(n, ctx);
+  case 2:
+    return search_batch<2>(n, ctx);
+  case 3:
+    return search_batch<3>(n, ctx);
+  default:
+    return search_batch<0>(n, ctx);
   }
 }
 

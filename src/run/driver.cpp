@@ -2,6 +2,7 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "inference/fit_outputs.h"
 #include "inference/tables.h"
 #include "integration/objective.h"
@@ -47,7 +48,7 @@ int report_fit(NX& n)
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = exit_of_outcome(n);
   if (n.covmat.empty()) {
-    n.host->log().xpmlog(503, 9340);
+    n.host->log().xpmlog(message::no_covariance);
     n.raise(4);
   } else {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
@@ -88,7 +89,7 @@ StepOutcome run_groups(NX& n)
       n.raise(end.return_code);
       exit_code = exit_program;
     } catch (const std::bad_alloc&) {
-      n.host->log().xpmlog(503, 9341);
+      n.host->log().xpmlog(message::out_of_memory);
       n.raise(1016);
       exit_code = exit_internal;
     }
@@ -120,7 +121,7 @@ StepOutcome hsttorvl(NX& n)
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
   } catch (const std::bad_alloc&) {
-    n.host->log().xpmlog(503, 9341);
+    n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
   parallel::KillThreads(n);

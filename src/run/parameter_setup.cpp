@@ -2,9 +2,11 @@
 // value.
 
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <limits>
@@ -14,6 +16,9 @@ namespace torvale::run {
 using data::NamedValues;
 using engine::CMPSYM;
 using model::NX;
+using syntax::parms_flag;
+using syntax::parms_slot;
+using syntax::random_slot;
 using syntax::STMT;
 
 namespace {
@@ -28,7 +33,7 @@ const STMT* parms_statement_of(NX& n)
     ++count;
   }
   if (count > 1) {
-    n.host->log().xpmlog(503, 12, {{"statement", "PARMS"}}, place_at(n, "PARMS", found->where));
+    n.host->log().xpmlog(message::repeated_statement{.statement = "PARMS"}, place_at(n, "PARMS", found->where));
     tvlexit(n, 3000);
   }
   return found;
@@ -38,7 +43,7 @@ bool is_random_effect(const NX& n, std::string_view name)
 {
   for (const auto& stmt : n.proc->statements)
     if (stmt.name == "RANDOM")
-      for (const auto& item : stmt.slot(1).list)
+      for (const auto& item : stmt.slot(random_slot::effects).list)
         if (host::equal_names(item.text, name)) return true;
   return false;
 }
@@ -54,7 +59,7 @@ void refuse_repeated(NX& n, const std::vector<NamedValues>& named)
   for (std::size_t i = 0; i < named.size(); ++i)
     for (std::size_t j = 0; j < i; ++j) {
       if (!host::equal_names(named[i].name, named[j].name)) continue;
-      n.host->log().xpmlog(503, 237, {{"name", named[i].name}}, place_at(n, "PARMS", named[i].where));
+      n.host->log().xpmlog(message::parameter_given_twice{.name = named[i].name}, place_at(n, "PARMS", named[i].where));
       tvlexit(n, 1012);
     }
 }
@@ -62,19 +67,16 @@ void refuse_repeated(NX& n, const std::vector<NamedValues>& named)
 void refuse_other_roles(NX& n, const NamedValues& named, const CMPSYM& symbol)
 {
   const auto place = place_at(n, "PARMS", named.where);
-  int number = 0;
-  if (reserved_name(named.name))
-    number = 9321;
-  else if (is_random_effect(n, named.name))
-    number = 9324;
-  else if (symbol.assigned)
-    number = 9322;
-  if (number == 0) return;
-  n.host->log().xpmlog(503, number, {{"name", named.name}, {"role", "a parameter"}}, place);
-  tvlexit(n, 3000);
+  const auto refuse = [&](const host::NumberedMessage& problem) {
+    n.host->log().xpmlog(problem, place);
+    tvlexit(n, 3000);
+  };
+  if (reserved_name(named.name)) refuse(message::reserved_name{.name = named.name, .role = "a parameter"});
+  if (is_random_effect(n, named.name)) refuse(message::parameter_and_random_effect{.name = named.name});
+  if (symbol.assigned) refuse(message::role_is_assigned{.name = named.name, .role = "a parameter"});
 }
 
-// Notes 363 to 365: names that became parameters at 1, with the nearest name that might have been meant.
+// Names that became parameters at 1, with the nearest name that might have been meant.
 void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool statement_given)
 {
   if (defaulted.empty()) return;
@@ -96,10 +98,12 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool sta
     meant += meant.empty() ? "" : ", ";
     meant += defaulted.size() == 1 ? nearest : nearest + " for " + name;
   }
-  host::MessageArguments arguments = {{"names", list}};
-  if (!meant.empty()) arguments.emplace_back("near", meant);
-  const int number = !statement_given ? 365 : defaulted.size() == 1 ? 363 : 364;
-  n.host->log().xpmlog(503, number, arguments);
+  if (!statement_given)
+    n.host->log().xpmlog(message::no_parms_statement{.names = list});
+  else if (defaulted.size() == 1)
+    n.host->log().xpmlog(message::name_becomes_parameter{.names = list, .near = meant});
+  else
+    n.host->log().xpmlog(message::names_become_parameters{.names = list, .near = meant});
 }
 
 // Some value is ._ or .A to .Z: programs that read the column then compare missing values by kind.
@@ -128,9 +132,9 @@ void parameter_setup(NX& n)
   const STMT* parms = parms_statement_of(n);
   n.nbest = 1;
   if (parms != nullptr) {
-    n.bestspec = parms->given(4);
-    n.nbest = static_cast<int>(parms->number_or(4, 1));
-    n.bydata = parms->flag(1);
+    n.bestspec = parms->given(parms_slot::best);
+    n.nbest = static_cast<int>(parms->number_or(parms_slot::best, 1));
+    n.bydata = parms->flag(parms_flag::bydata);
     if (data::parms_statement(n, *parms, named) != 0) tvlexit(n, 1012);
   }
 
@@ -139,7 +143,7 @@ void parameter_setup(NX& n)
                        [&](const NamedValues& v) { return host::equal_names(v.name, name); });
   };
   if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
-  if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0)
+  if (parms != nullptr && parms->given(parms_slot::data) && data::open_parms_data(n, *parms, named) != 0)
     tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
   refuse_repeated(n, named);
 
@@ -147,7 +151,7 @@ void parameter_setup(NX& n)
   for (const CMPSYM* symbol : engine::cmpsymbols(*n.gcmp)) {
     if (!undefined(n, *symbol) || is_named(symbol->name)) continue;
     if (symbol->type == 'c') {
-      log.xpmlog(503, 366, {{"name", symbol->name}}, place_at(n, "", symbol->where));
+      log.xpmlog(message::undefined_name_is_character{.name = symbol->name}, place_at(n, "", symbol->where));
       tvlexit(n, 1012);
     }
     defaulted.push_back(symbol->name);
@@ -158,7 +162,7 @@ void parameter_setup(NX& n)
     if (symbol == nullptr) symbol = engine::cmpsymd(*n.gcmp, v.name, 'v', 'n');
     refuse_other_roles(n, v, *symbol);
     if (n.fid->find(v.name) != nullptr) {
-      log.xpmlog(503, 4, {{"name", v.name}}, place_at(n, "PARMS", v.where));
+      log.xpmlog(message::parameter_in_data{.name = v.name}, place_at(n, "PARMS", v.where));
       n.raise(4);
     }
     model::PARMSTR p;
@@ -193,12 +197,12 @@ void grid_size(NX& n)
     longest = std::max<long>(longest, p.npoint());
   }
   if (!n.noprod && product > 2147483647.0) {
-    n.host->log().xpmlog(503, 500, {{"points", product}});
+    n.host->log().xpmlog(message::grid_too_large{.points = product});
     tvlexit(n, 1012);
   }
   n.npoints = n.noprod ? longest : static_cast<long>(product);
   if (n.nbest > n.npoints) {
-    n.host->log().xpmlog(503, 231, {{"best", n.nbest}, {"points", n.npoints}});
+    n.host->log().xpmlog(message::best_above_points{.best = n.nbest, .points = n.npoints});
     n.nbest = static_cast<int>(n.npoints);
   }
 }

@@ -1,8 +1,10 @@
 #include "run/statement_processing.h"
 
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "syntax/statement_names.h"
 #include "syntax/tree.h"
 
 #include <algorithm>
@@ -11,7 +13,11 @@
 namespace torvale::run {
 
 using model::NX;
+using syntax::model_slot;
+using syntax::random_slot;
+using syntax::replicate_slot;
 using syntax::STMT;
+using syntax::torvale_slot;
 
 host::MessagePlace place_at(const NX& n, const char* statement, syntax::Position where)
 {
@@ -63,19 +69,19 @@ void model_statement(NX& n)
   STMT* stmt = nullptr;
   const int count = syntax::FindStmt(*n.proc, "MODEL", &stmt);
   if (count == 0) {
-    log.xpmlog(503, 2, {}, place_at(n, "TORVALE", n.proc->statements.front().where));
+    log.xpmlog(message::no_model, place_at(n, "TORVALE", n.proc->statements.front().where));
     tvlexit(n, 3000);
   }
   if (count > 1) {
-    log.xpmlog(503, 12, {{"statement", "MODEL"}}, place_at(n, "MODEL", stmt->where));
+    log.xpmlog(message::repeated_statement{.statement = "MODEL"}, place_at(n, "MODEL", stmt->where));
     tvlexit(n, 3000);
   }
-  n.disttype = static_cast<int>(stmt->number_or(4, 0));
-  if (stmt->slot(1).list.size() != 1) {
-    log.xpmlog(503, 2, {}, place_at(n, "MODEL", stmt->where));
+  n.disttype = static_cast<int>(stmt->number_or(model_slot::distribution, 0));
+  if (stmt->slot(model_slot::dependent).list.size() != 1) {
+    log.xpmlog(message::no_model, place_at(n, "MODEL", stmt->where));
     tvlexit(n, 3000);
   }
-  n.depname = stmt->slot(1).list[0].text;
+  n.depname = stmt->slot(model_slot::dependent).list[0].text;
   n.llsym = engine::cmpsyms(*n.gcmp, "_ll");
 }
 
@@ -86,7 +92,7 @@ void refuse_second(NX& n, const char* word)
 {
   STMT* stmt = nullptr;
   if (syntax::FindStmt(*n.proc, word, &stmt) < 2) return;
-  n.host->log().xpmlog(503, 12, {{"statement", word}}, place_at(n, word, stmt->where));
+  n.host->log().xpmlog(message::repeated_statement{.statement = word}, place_at(n, word, stmt->where));
   tvlexit(n, 3000);
 }
 
@@ -95,19 +101,21 @@ void refuse_second(NX& n, const char* word)
 void refuse_unserved(NX& n)
 {
   const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
-    n.host->log().xpmlog(503, 9330, {{"what", what}}, place_at(n, statement, where));
+    n.host->log().xpmlog(message::not_available{.what = what}, place_at(n, statement, where));
     tvlexit(n, 3000);
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
     if (stmt.name == "MCMC") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
-    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10))) refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "RANDOM" && (stmt.given(random_slot::outp) || stmt.given(random_slot::outri)))
+      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
-  if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
-  if (procedure.given(89)) refuse("OUTQ=", "TORVALE", procedure.slot(89).where);
-  if (procedure.given(98)) refuse("OUTR=", "TORVALE", procedure.slot(98).where);
-  if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(5).where);
-  if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(5).where);
+  if (procedure.given(torvale_slot::subgradient))
+    refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
+  if (procedure.given(torvale_slot::outq)) refuse("OUTQ=", "TORVALE", procedure.slot(torvale_slot::outq).where);
+  if (procedure.given(torvale_slot::outr)) refuse("OUTR=", "TORVALE", procedure.slot(torvale_slot::outr).where);
+  if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(torvale_slot::method).where);
+  if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
 }
 
 void dependent_variable(NX& n)
@@ -115,20 +123,19 @@ void dependent_variable(NX& n)
   auto& log = n.host->log();
   STMT* stmt = nullptr;
   syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  const auto place = place_at(n, "MODEL", stmt->slot(1).list[0].where);
+  const auto place = place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
   n.depsym = engine::cmpsyms(*n.gcmp, n.depname);
   const host::Column* column = n.fid->find(n.depname);
   const bool known = column != nullptr || (n.depsym != nullptr && n.depsym->assigned);
   if (!known) {
-    host::MessageArguments arguments = {{"name", n.depname}, {"data", n.data_name}};
-    if (const std::string nearest = host::nearest_name(n.depname, n.fid->column_names()); !nearest.empty())
-      arguments.emplace_back("near", nearest);
-    log.xpmlog(503, 5, arguments, place);
+    log.xpmlog(message::unknown_dependent_variable{.name = n.depname,
+                                                   .near = host::nearest_name(n.depname, n.fid->column_names())},
+               place);
     tvlexit(n, 3000);
   }
   if ((n.depsym != nullptr && n.depsym->type == 'c') ||
       (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
-    log.xpmlog(503, 39, {{"name", n.depname}}, place);
+    log.xpmlog(message::dependent_is_character{.name = n.depname}, place);
     tvlexit(n, 3000);
   }
 }
@@ -141,11 +148,11 @@ void random_statements(NX& n, const STMT& procedure)
     if (stmt.name == "RANDOM") statements.push_back(&stmt);
   if (statements.empty()) {
     if (n.method == 1) {
-      log.xpmlog(503, 331, {}, place_at(n, "TORVALE", procedure.slot(5).where));
+      log.xpmlog(message::firo_needs_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::method).where));
       tvlexit(n, 3000);
     }
     if (n.empirical) {
-      log.xpmlog(503, 141, {}, place_at(n, "TORVALE", procedure.where));
+      log.xpmlog(message::empirical_needs_random, place_at(n, "TORVALE", procedure.where));
       tvlexit(n, 3000);
     }
     n.method = 0;
@@ -155,9 +162,10 @@ void random_statements(NX& n, const STMT& procedure)
   }
   if (statements.size() > 1) {
     if (n.method != 0)
-      log.xpmlog(503, 501, {}, place_at(n, "RANDOM", statements[1]->where));
+      log.xpmlog(message::levels_need_gauss, place_at(n, "RANDOM", statements[1]->where));
     else
-      log.xpmlog(503, 9330, {{"what", "a second RANDOM statement"}}, place_at(n, "RANDOM", statements[1]->where));
+      log.xpmlog(message::not_available{.what = "a second RANDOM statement"},
+                 place_at(n, "RANDOM", statements[1]->where));
     tvlexit(n, 3000);
   }
   n.reff.resize(1);
@@ -167,7 +175,7 @@ void random_statements(NX& n, const STMT& procedure)
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
-    log.xpmlog(503, 143, {}, place_at(n, "TORVALE", procedure.where));
+    log.xpmlog(message::empirical_needs_quadrature, place_at(n, "TORVALE", procedure.where));
     tvlexit(n, 3000);
   }
 }
@@ -177,15 +185,16 @@ void replicate_statement(NX& n)
   refuse_second(n, "REPLICATE");
   STMT* stmt = nullptr;
   if (syntax::FindStmt(*n.proc, "REPLICATE", &stmt) == 0) return;
-  if (stmt->slot(1).list.size() != 1) tvlexit(n, 3000);
-  const auto& item = stmt->slot(1).list[0];
+  if (stmt->slot(replicate_slot::variable).list.size() != 1) tvlexit(n, 3000);
+  const auto& item = stmt->slot(replicate_slot::variable).list[0];
   n.repname = item.text;
   n.repsym = engine::cmpsyms(*n.gcmp, item.text);
   const auto at = n.fid->xvfind(item.text);
   const bool computed = n.repsym != nullptr && n.repsym->assigned;
   const bool usable = computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric());
   if (!usable) {
-    n.host->log().xpmlog(503, 22, {{"name", item.text}, {"data", n.data_name}}, place_at(n, "REPLICATE", item.where));
+    n.host->log().xpmlog(message::bad_replicate_variable{.name = item.text, .data = n.data_name},
+                         place_at(n, "REPLICATE", item.where));
     tvlexit(n, 3000);
   }
   if (!computed) n.repsym = engine::cmpsymg(*n.gcmp, item.text, static_cast<int>(at) + 1, 'n');
@@ -214,7 +223,7 @@ void warn_unused_parameters(NX& n)
     for (const auto& r : n.reff)
       for (const auto* symbol : r.distrsym.s) used = used || engine::cmpcdep(*n.gcmp, symbol, p.sym);
     if (used || engine::cmpcdep(*n.gcmp, n.llsym, p.sym)) continue;
-    n.host->log().xpmlog(503, 9331, {{"name", p.parmname}});
+    n.host->log().xpmlog(message::parameter_unused{.name = p.parmname});
     n.raise(4);
   }
 }

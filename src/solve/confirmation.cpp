@@ -4,6 +4,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"
 #include "solve/solve_step.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,6 +15,7 @@ namespace torvale::solve {
 using model::FitOutcome;
 using model::NX;
 using optimizer::MINSTR;
+using syntax::torvale_slot;
 
 namespace {
 
@@ -52,16 +54,17 @@ bool given_by_user(const NX& n, int code)
 bool default_limit(const NX& n, int code)
 {
   const auto& procedure = n.proc->statements.front();
-  return code == optimizer::code_limit && !procedure.given(42) && !procedure.given(43);
+  return code == optimizer::code_limit && !procedure.given(torvale_slot::maxiter) &&
+         !procedure.given(torvale_slot::maxfunc);
 }
 
 void extend_default_limits(NX& n)
 {
   const auto& procedure = n.proc->statements.front();
   MINSTR& str = *n.str;
-  if (!procedure.given(42)) str.maxi += more_iterations;
+  if (!procedure.given(torvale_slot::maxiter)) str.maxi += more_iterations;
   const double calls = n.nparm + 4.0; // of an iteration with its Hessian
-  if (!procedure.given(43)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
+  if (!procedure.given(torvale_slot::maxfunc)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
 }
 
 bool limits_reached(const MINSTR& str)

@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "solve/starting_grid.h"
 
 #include "integration/objective.h"
@@ -58,11 +59,10 @@ int settle_points(NX& n)
     const double fold = std::abs(f) < n.qtol ? n.qtol : f; // guarded denominator
     const int next = n.nqp < 10 ? n.nqp + 2 : static_cast<int>(n.nqp + n.qfac);
     if (next > n.qmax) {
-      host::MessageArguments arguments = {{"points", n.nqpold}, {"tolerance", n.qtol}, {"change", change}};
+      message::integral_not_accurate words{.points = n.nqpold, .change = change, .tolerance = n.qtol};
       // Rules that do not follow the integrand need many points, and often more than QMAX= has.
-      if (n.method == 0 && !(n.adaptive && n.adscale))
-        arguments.emplace_back("option", n.adaptive ? "NOADSCALE" : "NOAD");
-      n.host->log().xpmlog(503, 270, arguments);
+      if (n.method == 0 && !(n.adaptive && n.adscale)) words.option = n.adaptive ? "NOADSCALE" : "NOAD";
+      n.host->log().xpmlog(words);
       return 2;
     }
     f = evaluate_with(n, next);

@@ -1,6 +1,7 @@
 #include "solve/solve_step.h"
 
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
@@ -57,10 +58,13 @@ void CheckEigVals(NX& n)
   const double fixed = static_cast<double>(str.nalc + str.nabc);
   const auto& record = cov.projected.present ? cov.projected : cov.hessian;
   if (!record.present) return;
-  if (zeros > (cov.projected.present ? 0.0 : fixed)) n.host->log().xpmlog(503, 271, {{"count", zeros}});
+  if (zeros > (cov.projected.present ? 0.0 : fixed))
+    n.host->log().xpmlog(message::more_zero_eigenvalues{.count = zeros});
   if (record.det[3] > 0)
-    n.host->log().xpmlog(503, 272,
-                         {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
+    n.host->log().xpmlog(message::negative_eigenvalues{
+        .matrix =
+            host::xpmstr(cov.projected.present ? label::final_projected_hessian_matrix : label::final_hessian_matrix),
+        .count = record.det[3]});
 }
 
 // An estimate at an active bound, within its tolerance, is put on it. The tolerance grows with ipre, which the library
@@ -98,7 +102,7 @@ void robust_covariance(NX& n)
   n.havemeat = false;
   if (n.dograd) integration::tvllike(n);
   if (n.covmat.empty() || integration::form_meat(n) != 0) {
-    n.host->log().xpmlog(503, 142);
+    n.host->log().xpmlog(message::no_robust_covariance);
     n.raise(4);
     return;
   }
@@ -126,11 +130,11 @@ void warn_small(NX& n)
   for (int i = 0; i < n.nparm && !n.covmat.empty(); ++i) {
     const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
     if (d > 0 && d < n.singvar && n.str->iabc[i] == 0)
-      n.host->log().xpmlog(503, 9220,
-                           {{"name", n.parmstr[static_cast<std::size_t>(i)].parmname}, {"error", std::sqrt(d)}});
+      n.host->log().xpmlog(message::standard_error_shown_as_zero{
+          .name = n.parmstr[static_cast<std::size_t>(i)].parmname, .error = std::sqrt(d)});
     const auto& p = n.parmstr[static_cast<std::size_t>(i)];
     if (p.applyl && p.lowbound > 0 && p.lowbound <= 2 * n.str->ceps && n.str->x[i] <= p.lowbound * (1 + 1e-6))
-      n.host->log().xpmlog(503, 9221, {{"name", p.parmname}, {"bound", p.lowbound}});
+      n.host->log().xpmlog(message::estimate_at_bound{.name = p.parmname, .bound = p.lowbound});
   }
 }
 
@@ -163,7 +167,8 @@ void warn_vanished_variance(NX& n)
       if (variance > n.singvar) continue;
       const int parameter = variance_parameter(n, reff, i);
       if (parameter >= 0) n.verdict.vanished.push_back(parameter);
-      n.host->log().xpmlog(503, 9222, {{"name", reff.names[static_cast<std::size_t>(i)]}, {"value", variance}});
+      n.host->log().xpmlog(
+          message::variance_vanished{.name = reff.names[static_cast<std::size_t>(i)], .value = variance});
       n.raise(4);
     }
     return; // the variances of the first subject speak for all unless they depend on data
@@ -179,7 +184,7 @@ int tvlsolv(NX& n)
   const std::vector<double> start(n.parm);
   FitEnd end(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
-  if (n.loglevel > 0) n.host->log().xpmlog(503, 403);
+  if (n.loglevel > 0) n.host->log().xpmlog(message::optimization_begins);
   if (n.znlprc == 0) n.znlprc = end.run();
   // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
   if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();

@@ -1,6 +1,7 @@
 #include "solve/starting_grid.h"
 
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "integration/objective.h"
 
 #include <algorithm>
@@ -70,14 +71,14 @@ int tvlparm(NX& n)
   n.savepoint.assign(static_cast<std::size_t>(n.nbest), {-1, model::failure_objective});
   n.dograd = false;
   n.parm.resize(static_cast<std::size_t>(n.nparm));
-  if (n.loglevel > 0) log.xpmlog(503, 402, {{"count", n.npoints}});
-  if (n.npoints > 100000 && !n.bestspec) log.xpmlog(503, 9210, {{"count", n.npoints}});
+  if (n.loglevel > 0) log.xpmlog(message::evaluating_grid{.count = n.npoints});
+  if (n.npoints > 100000 && !n.bestspec) log.xpmlog(message::large_grid{.count = n.npoints});
 
   StartingTables tables(n);
   bool settled = false;
   for (long p = 0; p < n.npoints; ++p) {
     if (!data::grid_point(n, p, n.parm.data())) {
-      log.xpmlog(503, 236, {{"point", p + 1}, {"values", unusable_values(n)}});
+      log.xpmlog(message::starting_point_not_used{.point = p + 1, .values = unusable_values(n)});
       n.raise(4);
       continue;
     }
@@ -103,7 +104,9 @@ int tvlparm(NX& n)
 
   if (n.savepoint.empty() || n.savepoint[0].parmnum < 0) {
     explain_failure(n);
-    log.xpmlog(503, 232, n.npoints > 1 ? host::MessageArguments{{"count", n.npoints}} : host::MessageArguments{});
+    message::no_starting_point words;
+    if (n.npoints > 1) words.count = n.npoints;
+    log.xpmlog(words);
     n.raise(1012);
     return 1;
   }

@@ -2,8 +2,11 @@
 #include "language/generator/grammar.h"
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <sstream>
 
 namespace torvale::generator {
 
@@ -139,16 +142,78 @@ void write_options(std::ofstream& out, const Grammar& g)
 
 } // namespace
 
+namespace {
+
+// Unchanged text leaves the file alone, so that nothing is compiled anew.
+void write_if_different(const std::string& path, const std::string& text)
+{
+  std::ifstream before(path);
+  if (before && std::string(std::istreambuf_iterator<char>(before), {}) == text) return;
+  std::ofstream(path) << text;
+}
+
+// The name of an option in the sources: its first spelling that users may type in full.
+std::string option_name(const OptionRow& row)
+{
+  const auto typed =
+      std::find_if(row.words.begin(), row.words.end(), [](const std::string& w) { return w.back() != '$'; });
+  std::string name;
+  for (const char c : typed != row.words.end() ? *typed : row.words[0])
+    if (c != '$') name += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return name;
+}
+
+using Names = std::map<int, std::string>; // by number
+
+void add_option(const OptionRow& row, Names& slots, Names& flags)
+{
+  const std::string name = option_name(row);
+  for (std::size_t k = 0; k < row.values.size(); ++k)
+    slots.emplace(row.values[k].slot, k == 0 ? name : name + "_number");
+  if (!row.bracket.empty()) slots.emplace(row.bracket[0].slot, name + "_count");
+  if (row.flags.size() == 1) flags.emplace(row.flags[0], name); // several: they have options of their own
+}
+
+std::string enumeration(const std::string& name, const char* concept_name, const Names& names)
+{
+  if (names.empty()) return {};
+  std::string out = "enum class " + name + " : int {\n";
+  for (const auto& [number, word] : names) out += "  " + word + " = " + std::to_string(number) + ",\n";
+  return out + "};\ntemplate <> inline constexpr bool " + concept_name + "<" + name + "> = true;\n";
+}
+
+} // namespace
+
+void write_statement_names(const Grammar& g, const std::string& path)
+{
+  std::map<std::string, std::pair<Names, Names>> statements;
+  for (const Slot& s : g.slots) statements[s.statement].first.emplace(s.number, s.name);
+  for (const OptionRow& row : g.options) {
+    auto& [slots, flags] = statements[row.statement];
+    add_option(row, slots, flags);
+  }
+  std::string out = "#pragma once\n// Made from torvale.grammar: the slots and flags of each statement by name.\n"
+                    "#include \"syntax/records.h\"\n\nnamespace torvale::syntax {\n";
+  for (const auto& [statement, names] : statements) {
+    std::string prefix = statement;
+    for (char& c : prefix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    out += enumeration(prefix + "_slot", "names_slot", names.first);
+    out += enumeration(prefix + "_flag", "names_flag", names.second);
+  }
+  write_if_different(path, out + "}\n");
+}
+
 // Routine numbers: those that the grammar fixes; the others count from 1 in order of appearance, past the fixed ones.
 void write_actions(Grammar& g, const std::string& path)
 {
-  std::ofstream out(path);
+  std::ostringstream out;
   out << "#pragma once\n// Made from torvale.grammar.\nnamespace torvale::language {\nenum class Action : int {\n";
   int next = 100;
   for (const SemanticAction& a : g.actions)
     if (!g.routine_numbers.count(a.routine)) g.routine_numbers[a.routine] = next++;
   for (const auto& [name, number] : g.routine_numbers) out << "  " << name << " = " << number << ",\n";
   out << "};\n}\n";
+  write_if_different(path, out.str());
 }
 
 void write_tables(const Grammar& g, const Tables& tables, const std::string& path)
