@@ -17,7 +17,7 @@ target_include_directories(torvale_library INTERFACE
 target_compile_features(torvale_library INTERFACE cxx_std_20)
 list(TRANSFORM TORVALE_ROOMS PREPEND torvale_ OUTPUT_VARIABLE parts)
 list(TRANSFORM TORVALE_KERNEL_BUILDS PREPEND torvale_kernels_ OUTPUT_VARIABLE kernel_parts)
-foreach(part IN LISTS parts kernel_parts ITEMS torvale_engine_kernels)
+foreach(part IN LISTS parts kernel_parts ITEMS torvale_engine_kernels torvale_catalogue torvale_optimizer_messages)
   if(TARGET ${part})
     get_target_property(sources ${part} SOURCES)
     if(sources)

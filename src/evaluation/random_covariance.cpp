@@ -40,6 +40,15 @@ int prior_failure(const BlockWork& block)
   return block.badG ? missing_argument : block.negG ? not_semidefinite : 0;
 }
 
+// A column of the factor that is zero gets the variance that the run lends it.
+void lift_factor(const NX& n, int nr, double* factor)
+{
+  for (int i = 0; i < nr; ++i) {
+    double& pivot = factor[matrix::packed_diagonal(i)];
+    if (pivot == 0.0) pivot = std::sqrt(n.lift[static_cast<std::size_t>(i)]);
+  }
+}
+
 // Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same
 // factor.
 int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* output, int lane, long arguments)
@@ -57,6 +66,7 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* outpu
     std::copy_n(values + reff.nr, reff.nrs, ctx.block.gi.begin());
     tvlgetg(n, reff.nr, ctx.block);
     std::copy_n(ctx.block.gic.begin(), reff.nrs, factor);
+    if (!n.lift.empty()) lift_factor(n, reff.nr, factor);
   }
   for (int e = 0; e < reff.nr; ++e)
     if (std::isnan(mean[e])) return missing_argument;

@@ -38,6 +38,17 @@ inline constexpr long block_records = 1024;
 long observation_blocks(const model::NX& n);
 int sum_observations(model::NX& n, model::TVLThreadCtx& ctx, long block);
 
+// add_record_products: without random effects, the sum over observations of the outer products of their gradients, by
+// another run of the program. Returns 0; 1 when an observation has no gradient.
+int add_record_products(const model::NX& n, model::TVLThreadCtx& ctx, double* sum);
+
+// add_outer_product: sum += weight g g', packed.
+inline void add_outer_product(const double* g, int np, double weight, double* sum)
+{
+  for (int i = 0; i < np; ++i)
+    for (int j = 0; j <= i; ++j) *sum++ += weight * (g[i] * g[j]);
+}
+
 // sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of
 // the points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are
 // taken in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.

@@ -30,6 +30,10 @@ int nlpgrad(optimizer::MINSTR* str);
 // starts from. Commits the trial modes if they belong to exactly this point; otherwise the accepted modes stay as they are.
 void accept_modes(model::NX& n);
 
+// outer_products: the sum over subjects, or over observations without random effects, of (weight times) the outer product of the gradient,
+// packed, from the last evaluation. Returns 0; 1 when that failed, had no gradient or was at another point.
+int outer_products(model::NX& n, std::vector<double>& sum);
+
 // form_meat: n.meat = sum over subjects of (weight times) the outer product of the subject's gradient, from the slots of
 // the last evaluation. Returns 0 and sets havemeat; or 1 when that evaluation failed, had no gradient or was at another point.
 int form_meat(model::NX& n);

@@ -105,4 +105,35 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
   return 0;
 }
 
+int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
+{
+  const engine::Program& program = *n.programs.gradient.code;
+  const bool keeps = engine::sequential(program);
+  const long last = static_cast<long>(n.record_rows.size());
+  const double no_effects = 0.0;
+  ctx.frame->set_range(0, static_cast<std::int64_t>(n.store->badobs.size()));
+  ctx.frame->set_points(&no_effects, 1, 1);
+  if (keeps) ctx.frame->reset_state(program, 1);
+  std::vector<double> gradient(static_cast<std::size_t>(n.nparm));
+  Lanes lanes;
+  for (long at = 0; at < last; at += lanes.count) {
+    lanes.rows = n.record_rows.data() + at;
+    lanes.count = static_cast<int>(std::min<long>(keeps ? 1 : engine::max_lanes, last - at));
+    lanes.weigh(n);
+    const std::int32_t* const zeros = ctx.tile.point.data();
+    if (evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr}) > 2) return 1;
+    for (int j = 0; j < lanes.count; ++j) {
+      if (lanes.weight[j] == 0.0) continue;
+      std::fill(gradient.begin(), gradient.end(), 0.0);
+      for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
+        const double g = ctx.frame->output(static_cast<int>(k))[j];
+        if (!std::isfinite(g)) return 1;
+        gradient[static_cast<std::size_t>(n.programs.gradient.outputs[k] - n.programs.by_parameter(0))] = g;
+      }
+      add_outer_product(gradient.data(), n.nparm, lanes.weight[j], sum);
+    }
+  }
+  return 0;
+}
+
 } // namespace torvale::integration

@@ -44,6 +44,7 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   size(b.factor, priors * nrs);
   size(b.arguments, priors * reff.setup.places);
   size(b.outputs, reff.setup.places);
+  size(b.null_scale, nr);
   for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
   for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
   size(b.mode_sums, n.programs.mode.places * b.mode_stride);

@@ -202,6 +202,8 @@ struct FitState {
   bool dograd = false;                        // gradient wanted from the objective
   double objfun = 0.0;                        // objective at parm
   std::vector<double> objgrad;                // its gradient, nparm doubles
+  std::vector<double> lift;                   // per random effect of the leaf: what counts as the variance left where G
+                                              // leaves none (its gradient is a limit, see integration); empty: none
   bool failed = false;                        // the last evaluation failed
   std::vector<double> failed_parm;            // parameters of the last evaluation of this fit that failed; empty: none
   double failed_iteration = 0.0;              // and its iteration

@@ -1,7 +1,7 @@
 #include "probability/beta.h"
 
 #include "probability/constants.h"
-#include "probability/log_gamma.h"
+#include "probability/special/log_gamma.h"
 #include "probability/tail_quadrature.h"
 
 #include <algorithm>

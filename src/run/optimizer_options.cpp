@@ -95,7 +95,11 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
                                           torvale_slot::gconv_count,    torvale_slot::xconv_count,
                                           torvale_slot::fconv2_count,   torvale_slot::gconv2_count};
   for (int i = 0; i < 8; ++i) str.toln[i + 1] = static_cast<long>(s.number_or(count_slots[i], 0));
+}
 
+// The covariance of the estimates, and what the optimizer is to print.
+void covariance_options(const STMT& s, optimizer::COVSTR& cov)
+{
   choose(s, torvale_slot::covariance, cov.icov);
   const auto positive = [&](torvale_slot slot, double& target) {
     if (const double value = s.number_or(slot, 0); value != 0) target = value;
@@ -173,6 +177,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.nreb = n.nreff();
   str.fail = model::failure_objective;
   tvloptg(procedure, str, *n.covstr);
+  covariance_options(procedure, *n.covstr);
   difference_mode(n);
   start_metric(n, procedure);
   printing_options(n);

@@ -37,6 +37,25 @@ double default_qmax(const NX& n)
   return n.adaptive ? 160 : 310;
 }
 
+// Tables and listings that were asked for.
+void output_options(NX& n, const STMT& s)
+{
+  n.pecov = s.flag(torvale_flag::ecov);
+  n.pecorr = s.flag(torvale_flag::ecorr);
+  n.itdetails = s.flag(torvale_flag::itdetails);
+  n.pcov = s.flag(torvale_flag::cov);
+  n.pcorr = s.flag(torvale_flag::corr);
+  n.phess = s.flag(torvale_flag::hess);
+  n.pstart = s.flag(torvale_flag::start);
+  n.peder = s.flag(torvale_flag::eder);
+  n.debug = s.flag(torvale_flag::debug);
+  n.list = s.flag(torvale_flag::list);
+  n.listcode = s.flag(torvale_flag::listcode);
+  n.listdep = s.flag(torvale_flag::listdep);
+  n.xref = s.flag(torvale_flag::xref);
+  n.listder = s.flag(torvale_flag::listder);
+}
+
 } // namespace
 
 void procedure_options(NX& n, const STMT& s)
@@ -88,20 +107,7 @@ void procedure_options(NX& n, const STMT& s)
   n.alpha = s.number_or(torvale_slot::alpha, 0.05);
   n.dfespec = s.given(torvale_slot::df);
   n.dfe_option = s.number_or(torvale_slot::df, -1);
-  n.pecov = s.flag(torvale_flag::ecov);
-  n.pecorr = s.flag(torvale_flag::ecorr);
-  n.itdetails = s.flag(torvale_flag::itdetails);
-  n.pcov = s.flag(torvale_flag::cov);
-  n.pcorr = s.flag(torvale_flag::corr);
-  n.phess = s.flag(torvale_flag::hess);
-  n.pstart = s.flag(torvale_flag::start);
-  n.peder = s.flag(torvale_flag::eder);
-  n.debug = s.flag(torvale_flag::debug);
-  n.list = s.flag(torvale_flag::list);
-  n.listcode = s.flag(torvale_flag::listcode);
-  n.listdep = s.flag(torvale_flag::listdep);
-  n.xref = s.flag(torvale_flag::xref);
-  n.listder = s.flag(torvale_flag::listder);
+  output_options(n, s);
   n.nosort = s.flag(torvale_flag::nosortsub);
   n.retfail = s.flag(torvale_flag::retfail);
 

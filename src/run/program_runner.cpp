@@ -3,6 +3,7 @@
 #include "compartment/compartment_statement.h"
 #include "host/message_names.h"
 #include "host/run_output.h"
+#include "language/actions.h"
 #include "language/parser.h"
 #include "language/statement_listing.h"
 #include "run/driver.h"
@@ -79,9 +80,11 @@ private:
     r.arena = &arena_;
     r.program = program_;
     r.tvlsem = [this](const language::SEMARG& action, PROCSTR& proc, language::TokenStream& stream) {
-      return action.action == 77   ? generate_compartments(proc, stream)
-             : action.action == 78 ? generate_model(proc, stream)
-                                   : 0;
+      return static_cast<language::Action>(action.action) == language::Action::end_compartment_model
+                 ? generate_compartments(proc, stream)
+             : static_cast<language::Action>(action.action) == language::Action::end_model
+                 ? generate_model(proc, stream)
+                 : 0;
     };
     r.on_procedure_statement = [this](const STMT& procedure) { return open_input(procedure); };
     r.read_file = [this](const std::string& path, const std::string&) -> std::optional<std::string> {
@@ -154,7 +157,7 @@ private:
     return lines.empty() ? 1 : push_lines(stream, lines);
   }
 
-  // Action 78: the statements of the MODEL distribution go in front of what is left of the program.
+  // The end of MODEL: the statements of the MODEL distribution go in front of what is left of the program.
   int generate_model(PROCSTR& proc, language::TokenStream& stream)
   {
     const STMT& procedure = proc.statements.front();

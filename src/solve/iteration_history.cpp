@@ -124,19 +124,6 @@ std::string filled(host::MessageCode code, const std::vector<std::string>& value
   return host::xpmstr(host::NumberedMessage(code, values));
 }
 
-// Words of the optimizer's library, which knows its own messages best.
-std::string library_words(int group, int number, const std::vector<std::string>& values)
-{
-  const char* text = optimizer::message_text(group, number);
-  std::string out = text != nullptr ? text : filled({group, number}, values);
-  for (std::size_t k = 0; k < values.size(); ++k) {
-    std::string mark(1, '{');
-    mark.append(std::to_string(k)).append(1, '}');
-    if (const auto at = out.find(mark); at != std::string::npos) out.replace(at, mark.size(), values[k]);
-  }
-  return out;
-}
-
 // The words of a termination code, and the status: 0 converged, 1 failed, 2 failed otherwise.
 std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
 {
@@ -158,14 +145,13 @@ std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
   case -4:
     return {filled(status_message::no_gradient_during_optimization), 1};
   case -5:
-    return {filled(status_message::no_convergence), 1};
+    return {filled(label::no_convergence), 1};
   case -6:
     return {filled(status_message::point_not_made_feasible), 1};
   case -7:
     return {filled(status_message::newton_line_search_failed), 1};
   case -8:
-    return {filled(status_message::stopped_before_convergence, {host::shortest(str.maxi), host::shortest(str.maxf)}),
-            1};
+    return {filled(label::stopped_before_convergence, {host::shortest(str.maxi), host::shortest(str.maxf)}), 1};
   case -9:
     return {filled(status_message::time_limit, {host::shortest(str.upti)}), 1};
   case -10:
@@ -271,7 +257,7 @@ void optimizer_message(MINSTR* str, int group, int number, int severity, const d
   message.severity = severity >= 3   ? host::Severity::error
                      : severity == 2 ? host::Severity::warning
                                      : host::Severity::note;
-  message.text = library_words(group, number, shown);
+  message.text = filled({group, number}, shown);
   n.optimizer_messages.push_back(std::move(message));
 }
 

@@ -22,6 +22,9 @@ double evaluate_with(NX& n, int points)
   return n.objfun;
 }
 
+// A check of the integral may cost as much as these many evaluations, and this many points a subject.
+constexpr double most_times_as_dear = 100.0, most_points = 20000.0;
+
 bool has_value(double objective)
 {
   return objective < model::failure_objective;
@@ -35,7 +38,80 @@ bool failed_before_points(const NX& n)
   return first != n.slot_status.end() && *first != 354 && *first != 355; // those two: the sum over the points is zero
 }
 
+// The next count that is tried, 0 when it would pass QMAX=.
+int next_count(const NX& n, int points)
+{
+  const int next = points < 10 ? points + 2 : static_cast<int>(points + n.qfac);
+  return next > n.qmax ? 0 : next;
+}
+
+double relative_change(const NX& n, double from, double to)
+{
+  const double guarded = std::abs(from) < n.qtol ? n.qtol : from;
+  return std::abs(to - from) / std::abs(guarded);
+}
+
+void take_points(NX& n, int points)
+{
+  n.nqp = points;
+  integration::tvlqpts(n);
+  integration::size_contexts(n);
+}
+
 } // namespace
+
+bool more_points(NX& n)
+{
+  if (n.nreff() == 0 || (n.method != 0 && n.method != 3) || n.nqpspec || n.noopt || n.host->interrupted()) return false;
+  const int in_use = n.nqp;
+  n.parm.assign(n.str->x, n.str->x + n.nparm);
+  n.dograd = false;
+  int count = in_use;
+  double f = n.str->crit;
+  for (;;) {
+    const int next = next_count(n, count);
+    if (next == 0) {
+      n.host->log().xpmlog(message::more_points_than_qmax{.tolerance = n.qtol, .points = count});
+      n.raise(4);
+      break;
+    }
+    const double g = evaluate_with(n, next);
+    if (!has_value(g) || relative_change(n, f, g) < n.qtol) break;
+    count = next;
+    f = g;
+  }
+  take_points(n, count);
+  if (count > in_use) n.host->log().xpmlog(message::more_points_at_estimates{.points = count, .before = in_use});
+  return count > in_use;
+}
+
+void check_points(NX& n)
+{
+  auto& verdict = n.verdict;
+  const auto leave_out = [&](const char* why) { verdict.quadrature_reason = why; };
+  if (n.nreff() == 0 || n.nqp < 1 || n.host->interrupted()) return;
+  if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
+  if (n.nreff() > 1) return leave_out("nested levels");
+  const int in_use = n.nqp, finer = 2 * in_use + 1;
+  const double nr = n.leaf().nr;
+  if (std::pow(static_cast<double>(finer) / in_use, nr) > most_times_as_dear || std::pow(finer, nr) > most_points)
+    return leave_out("an evaluation with twice the points would cost too much");
+  const bool with_gradient = n.dograd;
+  n.dograd = false;
+  const double f = evaluate_with(n, finer);
+  if (has_value(f)) verdict.quadrature_change = 2.0 * (f - n.str->crit);
+  if (std::abs(verdict.quadrature_change) > 0.1) {
+    n.host->log().xpmlog(
+        message::integral_changes_with_points{.points = finer, .before = in_use, .change = verdict.quadrature_change});
+    n.raise(4);
+  }
+  // What follows starts from the evaluation at the estimates.
+  take_points(n, in_use);
+  n.dograd = with_gradient;
+  integration::tvllike(n);
+  n.parmlast.clear();
+  if (with_gradient) n.parmlast = n.parm;
+}
 
 int settle_points(NX& n)
 {

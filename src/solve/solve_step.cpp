@@ -7,10 +7,12 @@
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
 #include "solve/fit_verdict.h"
+#include "solve/starting_grid.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 
 namespace torvale::solve {
 
@@ -175,6 +177,24 @@ void warn_vanished_variance(NX& n)
   }
 }
 
+constexpr int most_refits = 2; // with more quadrature points
+
+// The fit goes on from its estimates, with the points that are in place now.
+std::unique_ptr<FitEnd> refit_with_points(NX& n)
+{
+  MINSTR& str = *n.str;
+  auto end = std::make_unique<FitEnd>(n);
+  n.optimizer_messages.clear();
+  n.dependencies.clear();
+  n.verdict = model::Verdict();
+  n.dograd = str.fidi == 0;
+  n.parmlast.clear();
+  str.continues = 1;
+  n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
+  if (n.znlprc == 0) n.znlprc = end->run();
+  return end;
+}
+
 } // namespace
 
 int tvlsolv(NX& n)
@@ -182,10 +202,12 @@ int tvlsolv(NX& n)
   MINSTR& str = *n.str;
   start_problem(n);
   const std::vector<double> start(n.parm);
-  FitEnd end(n);
+  auto end = std::make_unique<FitEnd>(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(message::optimization_begins);
-  if (n.znlprc == 0) n.znlprc = end.run();
+  if (n.znlprc == 0) n.znlprc = end->run();
+  for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n); ++refit)
+    end = refit_with_points(n);
   // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
   if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();
   for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
@@ -207,8 +229,9 @@ int tvlsolv(NX& n)
   n.finalgrad.assign(str.grad, str.grad + n.nparm);
   read_matrices(n);
   n.verdict.left_start = n.parm != start;
-  take_judgement(n, end);
+  take_judgement(n, *end);
   write_dependencies(n);
+  if (n.znlprc > 0 && !n.noopt) check_points(n);
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
   degrees_of_freedom(n);

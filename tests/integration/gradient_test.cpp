@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 
 namespace torvale::tests {
 
@@ -109,6 +110,60 @@ TEST(GradientCorners, EffectWithoutVariance)
   one.columns = text.columns;
   const auto with = make_run(text, {true, true, 7}), without = make_run(one, {true, true, 7});
   EXPECT_NEAR(objective(*with, {0.2, 0.3, 0.6, 0.1, 0.5, 0.0, 0.0}), objective(*without, {0.2, 0.3, 0.6, 0.1, 0.5}), 1e-10);
+}
+
+// By a direction in which G has no variance the gradient is the derivative from inside, of the rule in use.
+TEST(GradientCorners, OneSidedWhereThereIsNoVariance)
+{
+  struct Corner {
+    const char* what;
+    std::vector<double> theta; // b0, b1, s2, mu0, g11, g21, g22
+    std::size_t variance;
+  };
+  const Corner corners[] = {{"second effect absent", {0.2, 0.3, 0.6, 0.1, 0.5, 0.0, 0.0}, 6},
+                            {"first effect absent", {0.2, 0.3, 0.6, 0.1, 0.0, 0.0, 0.3}, 4},
+                            {"no effect", {0.2, 0.3, 0.6, 0.1, 0.0, 0.0, 0.0}, 4},
+                            {"correlation one", {0.2, 0.3, 0.6, 0.1, 0.64, 0.4, 0.25}, 6}};
+  for (const Response response : {Response::poisson, Response::normal, Response::binomial})
+    for (const Rule& rule : {Rule{true, true, 5}, Rule{true, true, 1}, Rule{true, false, 5}, Rule{false, false, 5}})
+      for (const Corner& corner : corners) {
+        const auto n = make_run(regression(response, 2), rule);
+        const double f = objective(*n, corner.theta, true), analytic = n->objgrad[corner.variance];
+        integration::accept_modes(*n);
+        const auto change = [&](double h) {
+          auto at = corner.theta;
+          at[corner.variance] += h;
+          return objective(*n, at) - f;
+        };
+        const double h = 1e-4;
+        const double inside = (8.0 * (4.0 * change(h / 4) - change(h / 2)) - (4.0 * change(h / 2) - change(h))) / (3.0 * h);
+        EXPECT_NEAR(analytic, inside, 1e-5 * std::max(1.0, std::abs(inside))) << name_of(response) << ", " << corner.what;
+      }
+}
+
+// At no variance at all the integral is known: -1/2 sum over subjects of (sum ll_u)^2 + sum ll_uu at the mean.
+TEST(GradientCorners, DerivativeAtNoVarianceIsTheScoreStatistic)
+{
+  const auto text = regression(Response::poisson, 1);
+  const auto column = [&](const char* name) {
+    for (const auto& c : text.columns)
+      if (c.first == name) return c.second;
+    return std::vector<double>();
+  };
+  const auto subject = column("subject"), x = column("x"), y = column("y");
+  std::map<double, std::pair<double, double>> sums;
+  for (std::size_t i = 0; i < y.size(); ++i) {
+    const double mu = std::exp(0.2 + 0.1 + 0.3 * x[i]);
+    sums[subject[i]].first += y[i] - mu;
+    sums[subject[i]].second -= mu;
+  }
+  double score = 0.0;
+  for (const auto& [id, s] : sums) score -= 0.5 * (s.first * s.first + s.second);
+  for (const Rule& rule : {Rule{true, true, 9}, Rule{true, true, 1}, Rule{true, false, 9}, Rule{false, false, 9}}) {
+    const auto n = make_run(text, rule);
+    objective(*n, {0.2, 0.3, 0.6, 0.1, 0.0}, true);
+    EXPECT_NEAR(n->objgrad[4], score, 1e-3 * std::abs(score));
+  }
 }
 
 // Distribution arguments that differ between subjects take the other way through the priors.

@@ -75,13 +75,18 @@ TEST(Documentation, EveryProgramRuns)
              std::to_string(1.0 + i % 5) + "\n";
   for (int i = 1; i <= 20; ++i) pk += std::to_string(0.3 * i) + "," + std::to_string(9.0 / i + 0.01 * (i % 3)) + "\n";
   const TemporaryFile trial_file("trial.csv", trial), pk_file("pk.csv", pk);
+  std::vector<std::pair<std::string, std::string>> data = {{"trial", trial_file.path()}, {"pk", pk_file.path()}};
+  for (const auto& entry : std::filesystem::directory_iterator(source_file("examples/general")))
+    if (entry.path().extension() == ".csv" &&
+        !std::filesystem::exists(source_file("examples") / entry.path().filename()))
+      data.emplace_back(entry.path().stem().string(), entry.path().string());
   int programs = 0;
   for (const Block& block : code_blocks()) {
     const std::size_t step = block.text.find("TORVALE DATA=");
     if (step == std::string::npos || block.text.substr(0, step).find("NOTE") != std::string::npos) continue;
     ++programs;
     const bool complete = block.text.find("PARMS") != std::string::npos;
-    const auto run = run_text(block.text, "examples", 0, {{"trial", trial_file.path()}, {"pk", pk_file.path()}});
+    const auto run = run_text(block.text, "examples", 0, data);
     // A program without starting values shows statements only: it must be understood, whatever the fit does.
     if (complete)
       EXPECT_EQ(run.outcome.exit_code, 0) << block.file << "\n" << block.text << run.log;

@@ -2,7 +2,7 @@
 // Functions of dates as nodes of the value graph: days and seconds since 1960-01-01 (host/calendar.h has the same
 // numbers for one value at a time). Plain arithmetic on whole numbers, so that they run in lanes like everything else.
 
-#include "engine/graph.h"
+#include "engine/graph/graph.h"
 
 #include <span>
 #include <string>

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sstream>
 
 namespace torvale::generator {
 
@@ -182,6 +181,31 @@ std::string enumeration(const std::string& name, const char* concept_name, const
   return out + "};\ntemplate <> inline constexpr bool " + concept_name + "<" + name + "> = true;\n";
 }
 
+// The cost of inserting each symbol; the strings of nonterminals, with their offsets.
+struct InsertionTables {
+  std::vector<int> cost, offset, text;
+};
+
+InsertionTables insertion_tables(const Grammar& g)
+{
+  InsertionTables out;
+  const Insertions best = cheapest_insertions(g);
+  for (int s = 1; s <= g.symbols(); ++s) {
+    out.cost.push_back(std::min(best.cost[static_cast<std::size_t>(s)], never));
+    if (g.terminal(s)) continue;
+    out.offset.push_back(static_cast<int>(out.text.size()));
+    // A nonterminal that costs more than any repair may has no string.
+    const auto& text = best.text[static_cast<std::size_t>(s)];
+    if (out.cost.back() >= never) {
+      out.text.push_back(0);
+      continue;
+    }
+    out.text.push_back(static_cast<int>(text.size()));
+    out.text.insert(out.text.end(), text.begin(), text.end());
+  }
+  return out;
+}
+
 } // namespace
 
 void write_statement_names(const Grammar& g, const std::string& path)
@@ -203,17 +227,29 @@ void write_statement_names(const Grammar& g, const std::string& path)
   write_if_different(path, out + "}\n");
 }
 
-// Routine numbers: those that the grammar fixes; the others count from 1 in order of appearance, past the fixed ones.
+// Routine numbers: those that the grammar fixes; the others count from 100 in order of appearance.
 void write_actions(Grammar& g, const std::string& path)
 {
-  std::ostringstream out;
-  out << "#pragma once\n// Made from torvale.grammar.\nnamespace torvale::language {\nenum class Action : int {\n";
+  std::string fixed;
+  for (const auto& [name, number] : g.routine_numbers)
+    fixed += (fixed.empty() ? "action == Action::" : " || action == Action::") + name;
   int next = 100;
   for (const SemanticAction& a : g.actions)
     if (!g.routine_numbers.count(a.routine)) g.routine_numbers[a.routine] = next++;
-  for (const auto& [name, number] : g.routine_numbers) out << "  " << name << " = " << number << ",\n";
-  out << "};\n}\n";
-  write_if_different(path, out.str());
+  std::string list, names;
+  for (const auto& [name, number] : g.routine_numbers) {
+    list += "  " + name + " = " + std::to_string(number) + ",\n";
+    names += " X(" + name + ")";
+  }
+  write_if_different(path, "#pragma once\n// Made from torvale.grammar: the semantic actions.\n"
+                           "namespace torvale::language {\nenum class Action : int {\n" +
+                               list +
+                               "};\n// Those that the procedure carries out.\n"
+                               "constexpr bool for_procedure(Action action)\n{\n  return " +
+                               fixed +
+                               ";\n}\n}\n"
+                               "// All of them, for tables.\n#define TORVALE_ACTIONS(X)" +
+                               names + "\n");
 }
 
 void write_tables(const Grammar& g, const Tables& tables, const std::string& path)
@@ -221,8 +257,7 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
   Writer w(path);
   w.out_ << "// Made from torvale.grammar.\n#include \"language/grammar.h\"\n\nnamespace torvale::language "
             "{\nnamespace {\n";
-  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del, ins, insndx,
-      instbl;
+  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del;
   const int first_nonterminal = g.terminals + 1;
   for (const Production& p : g.productions) {
     prdndx.push_back(static_cast<int>(prdlst.size()));
@@ -255,20 +290,7 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
     spellings += name;
     del.push_back(delete_cost(name, t <= g.classes));
   }
-  const Insertions best = cheapest_insertions(g);
-  for (int s = 1; s <= g.symbols(); ++s) {
-    ins.push_back(std::min(best.cost[static_cast<std::size_t>(s)], never));
-    if (g.terminal(s)) continue;
-    insndx.push_back(static_cast<int>(instbl.size()));
-    // A nonterminal that costs more than any repair may has no string.
-    const auto& text = best.text[static_cast<std::size_t>(s)];
-    if (ins.back() >= never) {
-      instbl.push_back(0);
-      continue;
-    }
-    instbl.push_back(static_cast<int>(text.size()));
-    instbl.insert(instbl.end(), text.begin(), text.end());
-  }
+  const auto [ins, insndx, instbl] = insertion_tables(g);
   w.array("std::int16_t", "prdlst", prdlst);
   w.array("std::int16_t", "prdndx", prdndx);
   w.array("std::int16_t", "lhstbl", lhs);
