@@ -79,6 +79,8 @@ function(torvale_test name)
   endforeach()
   target_link_libraries(${name} PRIVATE torvale_flags ${TEST_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE TORVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  # Tests run once for each time they are built: half the time of the compiler is worth more than theirs.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 endfunction()
 

@@ -1,5 +1,6 @@
 #include "compartment/options.h"
 
+#include "compartment/event_data.h"
 #include "host/message_names.h"
 #include "host/text.h"
 #include "syntax/statement_names.h"
@@ -81,6 +82,7 @@ public:
 
   bool run()
   {
+    if (model_.events.given) return with_events();
     const bool records = model_.records.present;
     ask(time, records ? Rule::from_data : Rule::needed);
     ask(pconc, Rule::needed);
@@ -109,6 +111,26 @@ public:
   }
 
 private:
+  // Any route, any compartment: the records say what is given when.
+  bool with_events()
+  {
+    const bool oral = model_.administration == Administration::oral;
+    ask(time, Rule::from_data);
+    ask(pconc, Rule::needed);
+    ask(scale1, Rule::free);
+    for (const Option o : {dose0, dose1, dose2, dose3}) ask(o, Rule::from_data);
+    ask(ka, oral ? Rule::needed : Rule::ignored);
+    ask(scale0, oral ? Rule::free : Rule::ignored);
+    ask(pconc0, oral ? Rule::free : Rule::forbidden);
+    peripheral(scale2, scale3, Rule::free);
+    parameters();
+    peripheral(k20, k30, Rule::free);
+    for (const Option o : {rate, durn}) ask(o, Rule::free);
+    peripheral(pconc2, pconc3, Rule::free);
+    smaller_models();
+    return ok_;
+  }
+
   void fail(const host::NumberedMessage& problem)
   {
     log_.xpmlog(problem, place_);
@@ -304,6 +326,14 @@ bool read_model(const syntax::STMT& statement, std::span<const Variable> data, c
     return false;
   model.administration = static_cast<Administration>(administration);
   model.clearances = parameters == 2;
+  if (!read_events(statement, data, place, log, model.events)) return false;
+  if (model.events.given) {
+    model.records.present = false;
+    const bool by_cmt = model.events.has(EventItem::cmt);
+    log.xpmlog(message::event_records{.doses = administration == 3 ? "the depot" : "the central compartment",
+                                      .cmt = by_cmt ? "where CMT is 0 or missing" : "since there is no CMT"},
+               place);
+  }
   return FamilyCheck(statement, place, log, model).run();
 }
 

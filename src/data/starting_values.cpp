@@ -145,6 +145,11 @@ int open_parms_data(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
     return 1;
   }
 
+  if (d.rows() == 0) {
+    log.xpmlog(message::parms_data_without_rows{.data = d.name}, place);
+    return 1;
+  }
+
   host::ByGroup rows{0, d.rows()};
   if (n.bydata && !n.bylist.empty()) {
     const int match = host::ByGroups::xbylist(*n.fid, d, n.bylist);

@@ -73,6 +73,7 @@ int ByGroups::find_groups(bool notsorted, MessageSink& log)
                                         .after = key_text(data, columns_, row),
                                         .before = key_text(data, columns_, row - 1),
                                         .row = data.file_row(row)});
+      groups_.clear();
       return -1;
     }
   }

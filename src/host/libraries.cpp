@@ -19,18 +19,41 @@ std::string joined(const std::string& folder, const std::string& path)
   return fs::path(path).is_absolute() ? path : (fs::path(folder) / path).lexically_normal().string();
 }
 
+// Names that the file system refuses (too long, in a forbidden folder, a circle of links) are neither.
+bool is_folder(const std::string& path)
+{
+  std::error_code error;
+  return fs::is_directory(path, error);
+}
+
 bool is_file(const std::string& path)
 {
   std::error_code error;
-  return fs::exists(path, error) && !fs::is_directory(path, error);
+  return fs::exists(path, error) && !is_folder(path);
+}
+
+bool is_regular(const std::string& path)
+{
+  std::error_code error;
+  return fs::is_regular_file(path, error);
+}
+
+// Why nothing can be read there, in words.
+std::string no_file_reason(const std::string& path)
+{
+  if (is_folder(path)) return "it is a folder";
+  std::error_code error;
+  static_cast<void>(fs::status(path, error));
+  const bool absent = !error || error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
+  return absent ? "there is no such file" : error.message();
 }
 
 // Is the path an SQLite database: by its contents, or by its name when it is still to be made?
 bool is_database(const std::string& path)
 {
-  if (is_file(path)) return is_sqlite_file(path);
+  if (is_file(path)) return is_regular(path) && is_sqlite_file(path);
   const std::string ending = wzstrlo(fs::path(path).extension().string());
-  return !fs::is_directory(path) && (ending == ".sqlite" || ending == ".sqlite3" || ending == ".db");
+  return !is_folder(path) && (ending == ".sqlite" || ending == ".sqlite3" || ending == ".db");
 }
 
 // Names of the files in a folder that hold data sets, without their endings; sorted.
@@ -164,12 +187,10 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
                                             const MessagePlace& place, const ReadOptions& options) const
 {
   if (!is_file(path)) {
-    log.xpmlog(message::file_not_read{.file = path,
-                                      .reason = fs::is_directory(path) ? "it is a folder" : "there is no such file"},
-               place);
+    log.xpmlog(message::file_not_read{.file = path, .reason = no_file_reason(path)}, place);
     return std::nullopt;
   }
-  if (!is_sqlite_file(path)) return read_csv(path, log, options);
+  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv(path, log, options);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)

@@ -199,7 +199,8 @@ void Journal::clear()
 void MessageLog::post(Message message)
 {
   if (message.severity == Severity::error) ++errors_;
-  if (++repeats_[{message.group, message.number}] > repeat_limit) return;
+  const bool asked_for = message.group == 503 && message.number >= 400 && message.number < 450; // LOGNOTE
+  if (!asked_for && ++repeats_[{message.group, message.number}] > repeat_limit) return;
   message.by_group = by_group_;
   if (writer_) {
     std::string text = wzstrup(severity_name(message.severity)) + ": " + message.text;

@@ -1,6 +1,7 @@
 #include "host/message_names.h"
 #include "host/missing.h"
 #include "inference/expressions.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 #include "matrix/quadratic_forms.h"
 
@@ -70,6 +71,9 @@ int tvlesti(NX& n)
     return r >= c ? e[r * (r + 1) / 2 + c] : e[c * (c + 1) / 2 + r];
   };
 
+  std::vector<double> errors(count);
+  for (std::size_t k = 0; k < count; ++k) errors[k] = standard_error(n, &values.gradient[k * np], element(k, k));
+
   const bool robust = n.empirical && n.havemeat;
   host::Table estimates("AdditionalEstimates", host::otbmsg(label::additional_estimates),
                         {text_column("Label", label::label), number_column("Estimate", label::estimate, "D10.4"),
@@ -89,15 +93,14 @@ int tvlesti(NX& n)
 
   for (std::size_t k = 0; k < count; ++k) {
     const auto& statement = n.estimates[k];
-    double v = element(k, k);
-    if (matrices && !(v > 0)) v = missing;
-    const auto usable = [&](std::size_t j) { return !std::isnan(v) && element(j, j) > 0; };
+    const double error = errors[k];
+    const auto usable = [&](std::size_t j) { return !std::isnan(error) && !std::isnan(errors[j]); };
     if (matrices) {
       std::vector<host::Cell> cov = {k + 1, statement.label}, corr = cov;
       for (std::size_t j = 0; j < count; ++j) {
-        cov.emplace_back(element(k, j));
+        cov.emplace_back(usable(j) ? element(k, j) : missing);
         corr.emplace_back(j == k      ? 1.0
-                          : usable(j) ? std::clamp(element(k, j) / std::sqrt(v) / std::sqrt(element(j, j)), -1.0, 1.0)
+                          : usable(j) ? std::clamp(element(k, j) / error / errors[j], -1.0, 1.0)
                                       : missing);
       }
       covariances.row(std::move(cov));
@@ -105,7 +108,7 @@ int tvlesti(NX& n)
     }
     TVAL t;
     t.estimate = values.value[k];
-    t.sder = std::isnan(v) || v < n.singvar ? missing : std::sqrt(v);
+    t.sder = error;
     t.alpha = statement.alpha >= 0 ? statement.alpha : n.alpha;
     t.dfe = statement.df >= 0 ? statement.df : n.dfe;
     tvltval(t);

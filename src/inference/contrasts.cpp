@@ -1,6 +1,7 @@
 #include "host/message_names.h"
 #include "host/missing.h"
 #include "inference/expressions.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 #include "matrix/quadratic_forms.h"
 #include "matrix/sweep.h"
@@ -71,6 +72,16 @@ int tvlcont(NX& n)
     const std::vector<double> c(values.value.begin() + static_cast<std::ptrdiff_t>(first),
                                 values.value.begin() + static_cast<std::ptrdiff_t>(first + r));
     double f = 0.0;
+    // A row that is not estimable leaves nothing to test.
+    bool estimable = true;
+    for (std::size_t i = 0; i < r; ++i)
+      estimable = estimable && (v[i * (i + 3) / 2] == 0.0 ||
+                                !std::isnan(standard_error(n, &values.gradient[(first + i) * np], v[i * (i + 3) / 2])));
+    if (!estimable) {
+      table.row({statement.label, host::missing, host::missing, host::missing, host::missing});
+      first += r;
+      continue;
+    }
     const int nu = wald_statistic(static_cast<int>(r), v, c, n.singsweep, f);
     const double denominator = statement.df >= 0 ? statement.df : n.dfe;
     const double p = probability::zprbf(f, nu, denominator);

@@ -1,4 +1,5 @@
 #include "host/message_names.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 #include "optimizer/optimizer.h"
 
@@ -43,14 +44,6 @@ std::string bound_status(const NX& n, int i, double eps)
   return status;
 }
 
-double standard_error(const NX& n, int i)
-{
-  const double s = n.str->ster[i];
-  if (std::isnan(s) || n.covmat.empty()) return missing;
-  if (s < std::sqrt(n.singvar)) return s < 0 ? missing : 0.0;
-  return s;
-}
-
 } // namespace
 
 void tvlpest(NX& n, int job)
@@ -59,7 +52,7 @@ void tvlpest(NX& n, int job)
   const bool final = job > 0;
   const bool inference = final && n.znlprc > 0;
   const bool bounds = str.bounds != 0 && (!final || str.nabc != 0);
-  const bool gradient = str.usgrd != nullptr;
+  const bool gradient = str.usgrd != nullptr || str.fidi != 0;
   const auto number = [](const char* name, const char* format) {
     return host::TableColumn{name, CellKind::number, "", format, ""};
   };
@@ -129,11 +122,10 @@ void tvlphes(NX& n, int job)
   };
   const auto element = [&](int i, int j) -> double {
     if (job < 1) return s(i, j);
-    const double di = s(i, i), dj = s(j, j);
-    if (job == 1) return di < n.singvar || dj < n.singvar ? missing : s(i, j);
-    if (i == j) return 1.0;
-    if (!(di > n.singvar) || !(dj > n.singvar)) return missing;
-    return std::clamp(s(i, j) / std::sqrt(di) / std::sqrt(dj), -1.0, 1.0);
+    if (job == 2 && i == j) return 1.0;
+    const double si = standard_error(n, i), sj = standard_error(n, j);
+    if (std::isnan(si) || std::isnan(sj)) return missing;
+    return job == 1 ? s(i, j) : std::clamp(s(i, j) / std::sqrt(s(i, i)) / std::sqrt(s(j, j)), -1.0, 1.0);
   };
   for (int i = 0; i < np; ++i) {
     std::vector<host::Cell> cells = {i + 1, n.parmstr[static_cast<std::size_t>(i)].parmname};
@@ -145,10 +137,15 @@ void tvlphes(NX& n, int job)
 
 void starting_tables(NX& n)
 {
+  auto& str = *n.str;
+  // Gradient and Hessian at the start: from the optimizer's own difference routines, at the starting point.
+  if (str.usgrd == nullptr && str.fidi != 0) {
+    const double crit = str.crit;
+    if (optimizer::znlpfg2(&str) != 0) std::fill_n(str.grad, n.nparm, host::missing);
+    str.crit = crit;
+  }
   tvlpest(n, -1);
   if (!n.phess) return;
-  // The Hessian at the start: from the optimizer's own difference routine, at the starting point.
-  auto& str = *n.str;
   const auto hessian = str.ushes != nullptr ? str.ushes : (str.fidi == 0 ? optimizer::znlpfh3 : optimizer::znlpfih);
   if (hessian(&str) != 0) return;
   n.hessmat.assign(str.hess, str.hess + static_cast<std::size_t>(n.nparm) * static_cast<std::size_t>(n.nparm + 1) / 2);

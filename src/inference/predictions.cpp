@@ -3,6 +3,7 @@
 #include "evaluation/program_faults.h"
 #include "host/message_names.h"
 #include "host/missing.h"
+#include "inference/standard_errors.h"
 #include "integration/evaluation_parts.h"
 #include "matrix/packed_kernels.h"
 #include "matrix/quadratic_forms.h"
@@ -165,7 +166,8 @@ private:
     if (!whole || std::isnan(value) || n_.covmat.empty()) return;
     const double variance = squared_error(g, g + np_ + nr_, subject);
     if (!(variance > 0.0) || !std::isfinite(variance)) return;
-    const double error = std::sqrt(variance), t = value / error;
+    const double error = standard_error(n_, g + np_ + nr_, variance), t = value / error;
+    if (std::isnan(error)) return;
     out_.error[at] = error;
     out_.t[at] = t;
     if (const double p = probability::zprbf(t * t, 1.0, out_.df); p != -1.0) out_.p[at] = p;

@@ -14,6 +14,7 @@ inline constexpr double root_two = 1.4142135623730951;
 
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
+const Integrator& nest_quadrature();     // several levels
 
 // The message of a nest whose integral is zero.
 inline int zero_integral(const model::NX& n)
@@ -30,6 +31,8 @@ template <class T> void size(std::vector<T>& v, long count)
 
 // size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
 void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
+// size_block: small matrices of one subject, of any level.
+void size_block(const model::NX& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 

@@ -56,8 +56,8 @@ private:
   {
     if (!by_subject_) return n_.slot_status[static_cast<std::size_t>(item)] != 0;
     const auto& batch = n_.batches[static_cast<std::size_t>(item)];
-    return std::any_of(n_.batch_subjects.begin() + batch.first, n_.batch_subjects.begin() + batch.last,
-                       [&](int s) { return n_.slot_status[static_cast<std::size_t>(s)] != 0; });
+    return std::any_of(n_.slot_status.begin() + batch.first_nest, n_.slot_status.begin() + batch.last_nest,
+                       [](int status) { return status != 0; });
   }
 
   void note_failure(long item)
@@ -78,6 +78,7 @@ void prepare(NX& n)
   for (auto& ctx : n.ctx) {
     ctx->frame->set_parameters(n.parm.data());
     ctx->batch.prior_loaded = false;
+    for (auto& level : ctx->nests.level) level.prior_loaded = false;
     ctx->ncmpRuns = 0;
   }
   std::fill(n.ebtrial_known.begin(), n.ebtrial_known.end(), static_cast<char>(0));
@@ -177,7 +178,7 @@ int tvllike(NX& n)
     n.ebtrial_point = n.parm;
     if (n.dograd) n.goodgrad = n.objgrad;
   }
-  if (!ended) return 0;
+  if (!ended) return n.failed && n.retfail && n.nreff() > 1 ? 1 : 0;
   n.raise(1012);
   return 1012;
 }
@@ -187,8 +188,15 @@ void accept_modes(NX& n)
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
   for (std::size_t s = 0; s < n.ebtrial_known.size(); ++s) {
     if (n.ebtrial_known[s] == 0) continue;
-    const std::size_t nr = static_cast<std::size_t>(n.leaf().nr);
-    std::copy_n(n.ebtrial.begin() + static_cast<long>(s * nr), nr, n.ebes.begin() + static_cast<long>(s * nr));
+    int first = static_cast<int>(s), last = first + 1; // level by level: what is nested in it
+    for (std::size_t k = n.reff.size(); k-- > 0;) {
+      const model::REFFECT& reff = n.reff[k];
+      const long from = reff.mode_first + static_cast<long>(first) * reff.nr;
+      std::copy_n(n.ebtrial.begin() + from, static_cast<long>(last - first) * reff.nr, n.ebes.begin() + from);
+      if (k == 0) break;
+      first = reff.SubInfo[static_cast<std::size_t>(first)].first_child;
+      last = reff.SubInfo[static_cast<std::size_t>(last - 1)].last_child;
+    }
     n.ebes_known[s] = 1;
   }
 }

@@ -17,7 +17,7 @@ void forget_modes(model::NX& n);
 // tvllike: the objective at n.parm into n.objfun and, when n.dograd is set, its gradient into n.objgrad. A failed evaluation
 // sets n.failed, objfun to failure_objective and objgrad to ones (to the last good gradient once n.converged is set), and
 // says under itdetails which subject failed first and why. The modes found go to ebtrial, tagged with the point.
-// Returns 0, failed or not; 1012 when the program ended the run (STOP, ABORT).
+// Returns 0, failed or not (1 when failed, with RETFAIL$ and several levels); 1012 when the program ended the run (STOP, ABORT).
 int tvllike(model::NX& n);
 
 // Callbacks of the optimizer; str->comstr is the NX, str->x the point. nlpfunc writes crit and, with dograd, grad too.

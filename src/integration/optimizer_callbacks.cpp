@@ -21,7 +21,7 @@ int evaluate(MINSTR* str, NX& n)
   if (str->x != n.parm.data()) n.parm.assign(str->x, str->x + n.nparm);
   const int rc = tvllike(n);
   str->crit = n.objfun;
-  if (rc != 0 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
+  if (rc > 1 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
   return rc;
 }
 

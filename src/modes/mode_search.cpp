@@ -4,6 +4,7 @@
 #include "host/message_names.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
+#include "modes/search_rules.h"
 
 #include <algorithm>
 #include <cmath>
@@ -18,11 +19,6 @@ using model::TVLThreadCtx;
 
 namespace {
 
-// Halvings that follow when the sub-steps are used up: 20 of 0.8 shrink a step to a hundredth only.
-constexpr int halvings = 50;
-// The noise floor of a search, in posterior variances: below it a step that no longer shrinks tenfold (a hundredfold as
-// a square) is rounding.
-constexpr double noise_floor = 1e-12, noise_ratio = 0.01;
 constexpr double largest = std::numeric_limits<double>::max();
 
 template <int NR> class LockstepSearch {
@@ -127,7 +123,7 @@ private:
       if (trial ? !(at.f < s.bound) : !(at.f <= s.bound)) return shrink(slot);
       if (!(at.f < model::failure_objective)) return give_up(slot); // the start itself cannot be evaluated
       s.substep = 0;
-      s.bound = at.f + std::max(n_.ebsstol, 4.0 * std::numeric_limits<double>::epsilon() * std::abs(at.f));
+      s.bound = allowed_value(at.f, n_.ebsstol);
       std::copy_n(z(slot), nr(), zold(slot));
     } else if (!(at.f < model::failure_objective)) {
       return give_up(slot);

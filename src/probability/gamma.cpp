@@ -117,6 +117,13 @@ Tails gamma_tails(double z, double a)
   return inside_tails(z, std::log(z), a);
 }
 
+double gamma_log_density(double z, double a)
+{
+  if (!(z >= 0.0 && usable_shape(a))) return not_a_number;
+  if (z == 0.0 || std::isinf(z)) return gamma_tails(z, a).log_density;
+  return log_kernel(z, std::log(z), a) - std::log(z);
+}
+
 Tails gamma_tails_at_log(double log_z, double a)
 {
   const double z = std::exp(log_z);

@@ -47,6 +47,7 @@ int report_fit(NX& n)
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = exit_of_outcome(n);
+  if (n.nparm == 0) return exit_clean;
   if (n.covmat.empty()) {
     n.host->log().xpmlog(message::no_covariance);
     n.raise(4);
@@ -66,15 +67,16 @@ int run_group(NX& n)
   if (solve::tvlparm(n) != 0) return exit_no_start;
   if (n.host->interrupted()) return exit_interrupted;
   solve::tvlsolv(n);
-  const int exit_code = report_fit(n);
+  int exit_code = report_fit(n);
+  // Where the objective has a value, whether or not the fit converged.
+  if (n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted() && run_sampler(n) != 0)
+    exit_code = worse_exit(exit_code, exit_not_converged);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 
-StepOutcome run_groups(NX& n)
+StepOutcome run_groups(NX& n, host::ByGroups& groups)
 {
   StepOutcome outcome;
-  host::ByGroups groups;
-  if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) outcome = {1012, exit_data};
   n.by_groups = &groups;
   const int step_code = n.tvlrc; // warnings of the statements belong to the step
   while (groups.xbynext() && !n.host->interrupted()) {
@@ -114,9 +116,12 @@ StepOutcome hsttorvl(NX& n)
       inference::starting_tables(run);
       return 0;
     };
+    // Data that are not in the order of their BY variables have no groups: nothing is fitted, nothing shown.
+    host::ByGroups groups;
+    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) return {1012, exit_data};
     parallel::tvltinit(n);
     tvlspec(n);
-    outcome = run_groups(n);
+    outcome = run_groups(n, groups);
   } catch (const host::HostExit& end) {
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;

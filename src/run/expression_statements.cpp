@@ -31,14 +31,6 @@ namespace {
   tvlexit(n, 3000);
 }
 
-// An expression of estimates is a function of the parameters: no random effects, no data or unknown names.
-void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
-{
-  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
-    if (input->parameter < 0) refuse_name(n, statement, *input, where);
-  }
-}
-
 EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)
 {
   EstimateStatement e;
@@ -49,7 +41,7 @@ EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)
   for (const auto& item : stmt.slot(estimate_slot::expressions).list) {
     engine::CMPSYM* symbol = engine::cmpexpr(*n.gcmp, item.expr);
     if (log_diagnostics(n) > 0) tvlexit(n, 1012);
-    check_inputs(n, word, symbol, item.where);
+    parameters_only(n, word, symbol, item.where);
     e.expr.s.push_back(symbol);
   }
   if (stmt.given(estimate_slot::label) && !stmt.slot(estimate_slot::label).list.empty())
@@ -78,6 +70,16 @@ void specialise(NX& n, EstimateStatement& e)
 }
 
 } // namespace
+
+// An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
+void parameters_only(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
+{
+  const auto inputs = engine::cmpdeps(*n.gcmp, symbol);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->random_effect >= 0) refuse_name(n, statement, *input, where);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->parameter < 0) refuse_name(n, statement, *input, where);
+}
 
 void refuse_unknown_names(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {

@@ -2,6 +2,7 @@
 // the library's.
 
 #include "host/message_names.h"
+#include "host/whole_number.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "run/statement_processing.h"
@@ -9,6 +10,7 @@
 #include "syntax/statement_names.h"
 
 #include <cmath>
+#include <type_traits>
 
 namespace torvale::run {
 
@@ -23,14 +25,18 @@ namespace {
 template <class T> void take(const STMT& s, torvale_slot slot, T& target)
 {
   const double value = s.number_or(slot, host::missing);
-  if (!std::isnan(value)) target = static_cast<T>(value);
+  if (std::isnan(value)) return;
+  if constexpr (std::is_integral_v<T>)
+    target = host::whole_number<T>(value);
+  else
+    target = value;
 }
 
 // Whole-number choices: 0 leaves the default.
 void choose(const STMT& s, torvale_slot slot, int& target)
 {
   const double value = s.number_or(slot, 0);
-  if (!std::isnan(value) && value != 0) target = static_cast<int>(value);
+  if (!std::isnan(value) && value != 0) target = host::whole_number(value);
 }
 
 // tvloptg: copies slot by slot. (tvl procedure, opt options, g get.)
@@ -40,7 +46,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   choose(s, torvale_slot::version, str.vers);
   choose(s, torvale_slot::update, str.tupd);
   if (s.given(torvale_slot::hescal) && s.number_or(torvale_slot::hescal, -1) >= 0)
-    str.hesc = static_cast<int>(s.number_or(torvale_slot::hescal, 0)) + 1;
+    str.hesc = host::whole_number(s.number_or(torvale_slot::hescal, 0)) + 1;
   if (s.flag(torvale_flag::inhessian)) str.load = 1;
   if (s.given(torvale_slot::inhessian)) {
     take(s, torvale_slot::inhessian, str.dhes);
@@ -56,7 +62,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   take(s, torvale_slot::dampstep, str.damp);
   take(s, torvale_slot::lsprecision, str.sigm);
   take(s, torvale_slot::maxstep, str.smax);
-  str.smit = s.given(torvale_slot::maxstep_count) ? static_cast<long>(s.number_or(torvale_slot::maxstep_count, 0))
+  str.smit = s.given(torvale_slot::maxstep_count) ? host::whole_number<long>(s.number_or(torvale_slot::maxstep_count, 0))
                                                   : (s.given(torvale_slot::maxstep) ? 2147483647L : str.smit);
   take(s, torvale_slot::singhess, str.sing);
   if (s.flag(torvale_flag::optcheck)) str.rtop = 0.1;
@@ -74,7 +80,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
   take(s, torvale_slot::cdigits, str.cdig);
   if (s.flag(torvale_flag::diahes)) str.hfrm = cov.hfrm = cov.cfrm = 2;
   take(s, torvale_slot::maxtime, str.upti);
-  if (s.number_or(torvale_slot::miniter, -1) >= 0) str.mini = static_cast<long>(s.number_or(torvale_slot::miniter, 0));
+  if (s.number_or(torvale_slot::miniter, -1) >= 0) str.mini = host::whole_number<long>(s.number_or(torvale_slot::miniter, 0));
   take(s, torvale_slot::maxiter, str.maxi);
   take(s, torvale_slot::maxiter_count, str.max2);
   take(s, torvale_slot::maxfunc, str.maxf);
@@ -94,7 +100,7 @@ void tvloptg(const STMT& s, MINSTR& str, optimizer::COVSTR& cov)
                                           torvale_slot::absxconv_count, torvale_slot::fconv_count,
                                           torvale_slot::gconv_count,    torvale_slot::xconv_count,
                                           torvale_slot::fconv2_count,   torvale_slot::gconv2_count};
-  for (int i = 0; i < 8; ++i) str.toln[i + 1] = static_cast<long>(s.number_or(count_slots[i], 0));
+  for (int i = 0; i < 8; ++i) str.toln[i + 1] = host::whole_number<long>(s.number_or(count_slots[i], 0));
 }
 
 // The covariance of the estimates, and what the optimizer is to print.
@@ -109,7 +115,7 @@ void covariance_options(const STMT& s, optimizer::COVSTR& cov)
   positive(torvale_slot::msingular, cov.msin);
   positive(torvale_slot::vsingular, cov.vsin);
   positive(torvale_slot::covsing, cov.csin);
-  if (s.number_or(torvale_slot::g4, 0) != 0) cov.g4li = static_cast<long>(s.number_or(torvale_slot::g4, 0));
+  if (s.number_or(torvale_slot::g4, 0) != 0) cov.g4li = host::whole_number<long>(s.number_or(torvale_slot::g4, 0));
   positive(torvale_slot::cfactor, cov.cfac);
   cov.npri = s.flag(torvale_flag::pnone);
   cov.pall = s.flag(torvale_flag::pall);
@@ -137,7 +143,7 @@ void printing_options(NX& n)
 void difference_mode(NX& n)
 {
   auto& str = *n.str;
-  const bool values_only = (n.method != 0 && n.method != 3 && n.method != 4) || n.nreff() > 1;
+  const bool values_only = (n.method != 0 && n.method != 3 && n.method != 4) || (n.nreff() > 1 && n.fd != 0);
   if (values_only) {
     str.fidi = n.fd == 2 ? 2 : 1;
     if (n.fdh != 0) {
@@ -154,6 +160,19 @@ void difference_mode(NX& n)
   }
 }
 
+// FDHESSIAN= needs gradients: beside it FD= is ignored, and the library says so.
+bool analytic_gradients(const MINSTR& str)
+{
+  return str.fidi == 0 || str.fihs != 0;
+}
+
+// What the library has to say of the options. Reports of a run wait for its end; these do not.
+void post_messages(NX& n)
+{
+  for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
+  n.optimizer_messages.clear();
+}
+
 // Parameters of a model differ in size by orders of magnitude, and a quasi-Newton run from the identity spends most of
 // its iterations on finding that out (sleep study: 40 objective calls and a stop 0.05 above the minimum; 13 calls and
 // the minimum with the Hessian at the start, its own calls included). With analytic gradients the start metric is
@@ -161,7 +180,7 @@ void difference_mode(NX& n)
 void start_metric(NX& n, const STMT& procedure)
 {
   const bool given = procedure.flag(torvale_flag::inhessian) || procedure.given(torvale_slot::inhessian);
-  if (!given && n.str->fidi == 0 && n.nparm <= 100) n.str->load = 1;
+  if (!given && analytic_gradients(*n.str) && n.nparm <= 100) n.str->load = 1;
 }
 
 } // namespace
@@ -193,7 +212,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
     str.ub[j] = p.highbound;
   }
   str.usfct = n.loglevel > 2 ? integration::nlpfunclog : integration::nlpfunc;
-  str.usgrd = str.fidi == 0 ? integration::nlpgrad : nullptr;
+  str.usgrd = analytic_gradients(str) ? integration::nlpgrad : nullptr;
   str.uster = solve::nlpterm;
   str.message = solve::optimizer_message;
   str.zmsg = 2; // a limit that ends a fit is a warning
@@ -202,6 +221,8 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.clock = [](MINSTR* s) { return static_cast<NX*>(s->comstr)->host->seconds(); };
   str.covstr = n.covstr.get();
   const int rc = optimizer::tvloptc(&str);
+  post_messages(n);
+  if (str.fidi == 0) n.fd = 0; // the derivatives that are asked for next follow the library's decision
   if (rc == 1016) tvlexit(n, 1016);
   if (rc != 0) tvlexit(n, 3000);
   optimizer::covariance_defaults(n.covstr.get());

@@ -5,10 +5,12 @@
 #include "host/message_names.h"
 #include "host/missing.h"
 #include "host/text.h"
+#include "host/whole_number.h"
 #include "run/statement_processing.h"
 #include "syntax/statement_names.h"
 
 #include <algorithm>
+#include <cctype>
 #include <limits>
 
 namespace torvale::run {
@@ -76,6 +78,36 @@ void refuse_other_roles(NX& n, const NamedValues& named, const CMPSYM& symbol)
   if (symbol.assigned) refuse(message::role_is_assigned{.name = named.name, .role = "a parameter"});
 }
 
+// Is the name a term of a sum somewhere in the program?
+bool added_to_another(const std::string& program, const std::string& name)
+{
+  const auto part_of_name = [](char c) { return c == '_' || std::isalnum(static_cast<unsigned char>(c)) != 0; };
+  const std::string text = host::wzstrup(program), word = host::wzstrup(name);
+  for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+    const std::size_t end = at + word.size();
+    const bool whole = (at == 0 || !part_of_name(text[at - 1])) && (end == text.size() || !part_of_name(text[end]));
+    const std::size_t before = text.find_last_not_of(' ', at == 0 ? 0 : at - 1), after = text.find_first_not_of(' ', end);
+    const char next = after == std::string::npos ? ' ' : text[after];
+    if (whole && next != '*' && next != '/' &&
+        ((at > 0 && before != std::string::npos && text[before] == '+') || next == '+'))
+      return true;
+  }
+  return false;
+}
+
+// Names that are added to another while there is no RANDOM statement: they look like random effects.
+std::string like_effects(const NX& n, const std::vector<std::string>& defaulted)
+{
+  const bool any_random = std::any_of(n.proc->statements.begin(), n.proc->statements.end(),
+                                      [](const STMT& s) { return s.name == "RANDOM"; });
+  if (any_random) return {};
+  const std::string program = engine::cmppprg(*n.gcmp);
+  std::string names;
+  for (const std::string& name : defaulted)
+    if (added_to_another(program, name)) names += (names.empty() ? "" : ", ") + name;
+  return names;
+}
+
 // Names that became parameters at 1, with the nearest name that might have been meant.
 void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool statement_given)
 {
@@ -104,6 +136,16 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool sta
     n.host->log().xpmlog(message::name_becomes_parameter{.names = list, .near = meant});
   else
     n.host->log().xpmlog(message::names_become_parameters{.names = list, .near = meant});
+  const bool strict = n.host->option("STRICT") != nullptr;
+  if (!statement_given && !strict) return;
+  // With a PARMS statement such a name is a mistake more often than not.
+  const std::string effects = like_effects(n, defaulted);
+  if (strict) {
+    n.host->log().xpmlog(message::name_not_in_parms_refused{.names = list, .near = meant, .effects = effects});
+    tvlexit(n, 3000);
+  }
+  n.host->log().xpmlog(message::name_not_in_parms{.names = list, .near = meant, .effects = effects});
+  n.raise(4);
 }
 
 // Some value is ._ or .A to .Z: programs that read the column then compare missing values by kind.
@@ -133,7 +175,7 @@ void parameter_setup(NX& n)
   n.nbest = 1;
   if (parms != nullptr) {
     n.bestspec = parms->given(parms_slot::best);
-    n.nbest = static_cast<int>(parms->number_or(parms_slot::best, 1));
+    n.nbest = host::whole_number(parms->number_or(parms_slot::best, 1));
     n.bydata = parms->flag(parms_flag::bydata);
     if (data::parms_statement(n, *parms, named) != 0) tvlexit(n, 1012);
   }
@@ -144,12 +186,12 @@ void parameter_setup(NX& n)
   };
   if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
   if (parms != nullptr && parms->given(parms_slot::data) && data::open_parms_data(n, *parms, named) != 0)
-    tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
+    tvlexit(n, n.pdata.data == nullptr || n.pdata.data->rows() == 0 ? 1008 : 3000);
   refuse_repeated(n, named);
 
   std::vector<std::string> defaulted;
   for (const CMPSYM* symbol : engine::cmpsymbols(*n.gcmp)) {
-    if (!undefined(n, *symbol) || is_named(symbol->name)) continue;
+    if (!undefined(n, *symbol) || is_named(symbol->name) || host::equal_names(symbol->name, n.depname)) continue;
     if (symbol->type == 'c') {
       log.xpmlog(message::undefined_name_is_character{.name = symbol->name}, place_at(n, "", symbol->where));
       tvlexit(n, 1012);

@@ -1,6 +1,7 @@
 // The options of the TORVALE statement: slot and flag numbers are those of the language's tables.
 
 #include "host/message_names.h"
+#include "host/whole_number.h"
 #include "run/statement_processing.h"
 #include "syntax/statement_names.h"
 
@@ -29,6 +30,7 @@ void set_seed(NX& n, const STMT& s)
   if (given > 2147483646.0)
     log.xpmlog(message::seed_above_range{.seed = given}, place_at(n, "TORVALE", s.slot(torvale_slot::seed).where));
   n.seed = static_cast<long>(n.host->clock_seed());
+  if (n.method == 3) log.xpmlog(message::seed_from_clock{.seed = n.seed}); // the one method that draws
 }
 
 double default_qmax(const NX& n)
@@ -63,13 +65,13 @@ void procedure_options(NX& n, const STMT& s)
   auto& log = n.host->log();
   n.lognote = s.flag(torvale_flag::lognote);
   if (n.lognote) {
-    n.loglevel = static_cast<int>(s.number_or(torvale_slot::lognote, 1));
+    n.loglevel = host::whole_number(s.number_or(torvale_slot::lognote, 1));
     log.xpmlog(message::statements_read);
   }
 
-  n.method = static_cast<int>(s.number_or(torvale_slot::method, 0));
+  n.method = host::whole_number(s.number_or(torvale_slot::method, 0));
   n.nqpspec = s.given(torvale_slot::qpoints);
-  n.nqp = static_cast<int>(s.number_or(torvale_slot::qpoints, -1));
+  n.nqp = host::whole_number(s.number_or(torvale_slot::qpoints, -1));
   n.qscale = s.number_or(torvale_slot::qscalefac, 1.0);
   n.qtol = s.number_or(torvale_slot::qtol, 1e-4);
   n.adaptive = !s.flag(torvale_flag::noad);
@@ -85,21 +87,22 @@ void procedure_options(NX& n, const STMT& s)
 
   n.ebtol = s.number_or(torvale_slot::ebtol, 1.110223024625157e-12);
   n.ebsstol = s.number_or(torvale_slot::ebsstol, 1e-8);
-  n.ebstep = static_cast<int>(s.number_or(torvale_slot::ebstep, 50));
-  n.ebsubstep = static_cast<int>(s.number_or(torvale_slot::ebsubstep, 20));
+  n.ebstep = host::whole_number(s.number_or(torvale_slot::ebstep, 50));
+  n.ebsubstep = host::whole_number(s.number_or(torvale_slot::ebsubstep, 20));
   n.ebssfrac = s.number_or(torvale_slot::ebssfrac, 0.8);
   n.ebmtol = s.number_or(torvale_slot::ebmtol, 1e-5);
   n.ebopt = s.flag(torvale_flag::ebopt);
   n.ebzstart = s.flag(torvale_flag::ebzstart);
   n.ebgn = s.flag(torvale_flag::ebgn);
+  n.ebiter = s.flag(torvale_flag::ebiter);
 
   n.btol = s.number_or(torvale_slot::btol, 0.01);
   n.singvar = s.number_or(torvale_slot::singvar, 1.110223024625157e-12);
   n.singchol = s.number_or(torvale_slot::singchol, 1.110223024625157e-12);
   n.singsweep = s.number_or(torvale_slot::singsweep, 1.110223024625157e-12);
 
-  n.fd = !s.flag(torvale_flag::fd) ? 0 : static_cast<int>(s.number_or(torvale_slot::fd, 3));
-  n.fdh = !s.flag(torvale_flag::fdhessian) ? 0 : static_cast<int>(s.number_or(torvale_slot::fdhessian, 3));
+  n.fd = !s.flag(torvale_flag::fd) ? 0 : host::whole_number(s.number_or(torvale_slot::fd, 3));
+  n.fdh = !s.flag(torvale_flag::fdhessian) ? 0 : host::whole_number(s.number_or(torvale_slot::fdhessian, 3));
   n.empirical = s.flag(torvale_flag::empirical);
   n.subgrad = s.flag(torvale_flag::subgradient);
   n.lb = s.flag(torvale_flag::lb);
@@ -110,8 +113,9 @@ void procedure_options(NX& n, const STMT& s)
   output_options(n, s);
   n.nosort = s.flag(torvale_flag::nosortsub);
   n.retfail = s.flag(torvale_flag::retfail);
+  n.reobsinfo = s.flag(torvale_flag::reobsinfo);
 
-  n.nthreads = static_cast<int>(s.number_or(torvale_slot::nthreads, 0));
+  n.nthreads = host::whole_number(s.number_or(torvale_slot::nthreads, 0));
   n.runThreads = n.nthreads != 0;
   if (n.runThreads && n.nosort) {
     log.xpmlog(message::threads_exclude_nosortsub, place_at(n, "TORVALE", s.slot(torvale_slot::nthreads).where));

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <new>
 
 namespace torvale::run {
 
@@ -49,7 +50,13 @@ public:
     int steps = 0;
     for (;; ++steps) {
       begin_reading();
-      language::ParseResult parsed = parser_.parse_step();
+      language::ParseResult parsed;
+      try {
+        parsed = parser_.parse_step();
+      } catch (const std::bad_alloc&) {
+        result.exit_code = worse_exit(result.exit_code, out_of_memory());
+        break; // the parser stands in the middle of a step
+      }
       if (!parsed.found && parsed.diagnostics.empty()) break;
       ensure_step();
       report(parsed.diagnostics);
@@ -152,7 +159,7 @@ private:
     place.line = sources_.user_position(proc.current->where).line;
     std::vector<compartment::Variable> variables;
     if (data_)
-      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
+      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric(), column.numeric() ? column.numbers() : std::span<const double>()});
     const auto lines = compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
     return lines.empty() ? 1 : push_lines(stream, lines);
   }
@@ -255,6 +262,14 @@ private:
     } catch (const host::HostExit& end) {
       return {std::max(n.tvlrc, end.return_code), end.return_code == 1008 ? exit_data : exit_program};
     }
+  }
+
+  int out_of_memory()
+  {
+    ensure_step();
+    host_.log().xpmlog(message::out_of_memory);
+    host_.end_step(1016);
+    return exit_internal;
   }
 
   int empty_program()

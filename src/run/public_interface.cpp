@@ -121,6 +121,7 @@ Run::Run(Settings settings) : state_(std::make_unique<State>())
   s.threads = settings.threads;
   s.seed = settings.seed;
   s.check_only = settings.check_only;
+  s.strict = settings.strict;
   s.listing = std::move(settings.listing);
   s.log = std::move(settings.log);
   if (settings.progress || settings.interrupted)

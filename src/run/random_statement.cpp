@@ -14,7 +14,7 @@ using syntax::STMT;
 
 namespace {
 
-void random_effects(NX& n, const STMT& stmt, REFFECT& reff, int first_effect)
+void random_effects(NX& n, const STMT& stmt, REFFECT& reff)
 {
   auto& log = n.host->log();
   for (const auto& item : stmt.slot(random_slot::effects).list) {
@@ -39,7 +39,6 @@ void random_effects(NX& n, const STMT& stmt, REFFECT& reff, int first_effect)
       log.xpmlog(message::random_effect_in_data{.name = item.text}, place);
       n.raise(4);
     }
-    engine::cmpran(*n.gcmp, symbol, first_effect + static_cast<int>(reff.names.size()));
     reff.names.push_back(item.text);
     reff.ransym.s.push_back(symbol);
   }
@@ -85,21 +84,27 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
 {
   auto& log = n.host->log();
   const auto& list = stmt.slot(random_slot::subject).list;
-  if (list.size() != 1) {
+  // Variables around it are for several RANDOM statements; nestcheck looks at them.
+  if (list.empty() || (list.size() != 1 && n.nreff() == 1)) {
     log.xpmlog(message::subject_not_one_variable{.found = list.size()}, place_at(n, "RANDOM", stmt.where));
     tvlexit(n, 1012);
   }
   const auto at = n.fid->xvfind(list[0].text);
-  if (at == host::DataSet::npos) {
-    log.xpmlog(message::role_variable_not_in_data{.role = "subject",
-                                                  .name = list[0].text,
-                                                  .near = host::nearest_name(list[0].text, n.fid->column_names())},
-               place_at(n, "RANDOM", list[0].where));
+  const bool parameter = std::any_of(n.parmstr.begin(), n.parmstr.end(),
+                                     [&](const auto& p) { return host::equal_names(p.parmname, list[0].text); });
+  if (at == host::DataSet::npos || parameter) {
+    log.xpmlog(
+        message::role_variable_not_in_data{.role = "subject",
+                                           .name = list[0].text,
+                                           .near = parameter ? std::string()
+                                                             : host::nearest_name(list[0].text, n.fid->column_names())},
+        place_at(n, "RANDOM", list[0].where));
     tvlexit(n, 3000);
   }
   reff.subname = n.fid->columns()[at].name();
   reff.sub_dsvarno = static_cast<int>(at) + 1;
   reff.sub_character = !n.fid->columns()[at].numeric();
+  for (std::size_t k = 1; k < list.size(); ++k) reff.outer_names.push_back(list[k].text);
 }
 
 } // namespace
@@ -107,9 +112,7 @@ void subject(NX& n, const STMT& stmt, REFFECT& reff)
 void readrandom(NX& n, const STMT& stmt, REFFECT& reff)
 {
   reff.stmt = &stmt;
-  int first = 0;
-  for (const auto& other : n.reff) first += &other == &reff ? 0 : other.nr;
-  random_effects(n, stmt, reff, first);
+  random_effects(n, stmt, reff);
   reff.nr = static_cast<int>(reff.names.size());
   if (reff.nr == 0) {
     n.host->log().xpmlog(message::no_random_effect, place_at(n, "RANDOM", stmt.where));

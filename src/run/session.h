@@ -24,9 +24,11 @@ struct RunSettings {
   std::vector<std::pair<std::string, std::string>> data;      // one-level data set name, file
   std::vector<std::pair<std::string, std::string>> libraries; // library name, folder or SQLite file
   char separator = 0;                                         // of text files; 0: found from their names
-  int threads = 0;         // workers when the program does not say: 0 serial, negative all cores
-  long seed = 0;           // seed when the program does not say; 0 the clock
-  bool check_only = false; // parse and compile, fit nothing
+  int threads = 0;                    // workers when the program does not say: 0 serial, negative all cores
+  long seed = 0;                      // seed when the program does not say; 0 the clock
+  bool check_only = false;            // parse and compile, fit nothing
+  bool strict = false;                // names that would become parameters without being in PARMS are errors
+  std::vector<std::string> own_files; // files that the caller writes or reads beside the run: never replaced
   // Hooks; any may be empty. Called on the thread that calls run().
   std::function<void(std::string_view)> listing;  // text of the listing as it grows
   std::function<void(std::string_view)> log;      // lines of the log, with their ends

@@ -1,6 +1,7 @@
 #include "host/message_names.h"
 #include "model/distribution_labels.h"
 #include "optimizer/optimizer.h"
+#include "parallel/worker_pool.h"
 #include "run/statement_processing.h"
 
 namespace torvale::run {
@@ -83,7 +84,7 @@ void tvlspec(NX& n)
   row(label::optimization_technique, host::xpmstr(technique_text(n.str->tech)));
   if (n.method == 3 && n.nreff() > 0) row(label::random_number_seed, std::to_string(n.seed));
   row(label::integration_method, host::xpmstr(method_text(n)));
-  if (n.runThreads) row(label::threads, std::to_string(n.nthreads));
+  if (n.runThreads) row(label::threads, std::to_string(n.workers != nullptr ? n.workers->contexts() : 1));
   n.host->tables().wobmth(std::move(table));
 }
 

@@ -4,6 +4,7 @@
 #include "host/message_names.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "run/idle_options.h"
 #include "syntax/statement_names.h"
 #include "syntax/tree.h"
 
@@ -106,7 +107,6 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "MCMC") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
     if (stmt.name == "RANDOM" && (stmt.given(random_slot::outp) || stmt.given(random_slot::outri)))
       refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
@@ -118,25 +118,62 @@ void refuse_unserved(NX& n)
   if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
 }
 
-void dependent_variable(NX& n)
+host::MessagePlace dependent_place(const NX& n)
 {
-  auto& log = n.host->log();
   STMT* stmt = nullptr;
   syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  const auto place = place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
+  return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
+}
+
+void refuse_character_dependent(NX& n)
+{
+  const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
+  const host::Column* const column = n.fid->find(n.depname);
+  const bool assigned = symbol != nullptr && symbol->assigned;
+  const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
+  if (!character) return;
+  n.host->log().xpmlog(message::dependent_is_character{.name = n.depname}, dependent_place(n));
+  tvlexit(n, 3000);
+}
+
+void dependent_variable(NX& n)
+{
   n.depsym = engine::cmpsyms(*n.gcmp, n.depname);
-  const host::Column* column = n.fid->find(n.depname);
-  const bool known = column != nullptr || (n.depsym != nullptr && n.depsym->assigned);
-  if (!known) {
-    log.xpmlog(message::unknown_dependent_variable{.name = n.depname,
-                                                   .near = host::nearest_name(n.depname, n.fid->column_names())},
-               place);
+  const bool computed = n.depsym != nullptr && n.depsym->assigned;
+  const bool parameter = n.depsym != nullptr && n.depsym->parameter >= 0;
+  if (parameter || (!computed && n.fid->find(n.depname) == nullptr)) {
+    const std::string near = parameter ? std::string() : host::nearest_name(n.depname, n.fid->column_names());
+    n.host->log().xpmlog(
+        message::unknown_dependent_variable{.name = n.depname, .near = near, .statement = parameter ? "PARMS" : ""},
+        dependent_place(n));
     tvlexit(n, 3000);
   }
-  if ((n.depsym != nullptr && n.depsym->type == 'c') ||
-      (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
-    log.xpmlog(message::dependent_is_character{.name = n.depname}, place);
+  refuse_character_dependent(n); // a type that only the whole program shows
+}
+
+// BY variables are read from the data set.
+void by_variables(NX& n)
+{
+  for (const host::ByVariable& variable : n.bylist) {
+    if (n.fid->find(variable.name) != nullptr) continue;
+    n.host->log().xpmlog(
+        message::role_variable_not_in_data{.role = "BY",
+                                           .name = variable.name,
+                                           .near = host::nearest_name(variable.name, n.fid->column_names())},
+        place_at(n, "BY", n.proc->statements.front().slot(torvale_slot::by).where));
     tvlexit(n, 3000);
+  }
+}
+
+// The chain of effects, the outermost level first: their numbers in the compiled model.
+void number_effects(NX& n)
+{
+  for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff) {
+    reff->first_effect = n.mransym.n();
+    for (auto* symbol : reff->ransym.s) {
+      engine::cmpran(*n.gcmp, symbol, n.mransym.n());
+      n.mransym.s.push_back(symbol);
+    }
   }
 }
 
@@ -160,16 +197,14 @@ void random_statements(NX& n, const STMT& procedure)
     n.nqp = 1;
     return;
   }
-  if (statements.size() > 1) {
-    if (n.method != 0)
-      log.xpmlog(message::levels_need_gauss, place_at(n, "RANDOM", statements[1]->where));
-    else
-      log.xpmlog(message::not_available{.what = "a second RANDOM statement"},
-                 place_at(n, "RANDOM", statements[1]->where));
+  if (statements.size() > 1 && n.method != 0) {
+    log.xpmlog(message::levels_need_gauss, place_at(n, "RANDOM", statements[1]->where));
     tvlexit(n, 3000);
   }
-  n.reff.resize(1);
-  readrandom(n, *statements[0], n.leaf());
+  n.reff.resize(statements.size());
+  for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
+  if (statements.size() > 1) nested_levels(n, procedure);
+  number_effects(n);
   STMT* prediction = nullptr;
   n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
   n.leaf().prsym.s = n.prsym.s;
@@ -191,7 +226,8 @@ void replicate_statement(NX& n)
   n.repsym = engine::cmpsyms(*n.gcmp, item.text);
   const auto at = n.fid->xvfind(item.text);
   const bool computed = n.repsym != nullptr && n.repsym->assigned;
-  const bool usable = computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric());
+  const bool parameter = n.repsym != nullptr && n.repsym->parameter >= 0;
+  const bool usable = !parameter && (computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric()));
   if (!usable) {
     n.host->log().xpmlog(message::bad_replicate_variable{.name = item.text, .data = n.data_name},
                          place_at(n, "REPLICATE", item.where));
@@ -204,11 +240,11 @@ void replicate_statement(NX& n)
 // Data variables that the distribution arguments depend on: they must not change within a subject.
 void distribution_data(NX& n)
 {
-  for (const auto& reff : n.reff)
+  for (auto& reff : n.reff)
     for (const auto* argument : reff.distrsym.s)
       for (const auto* input : engine::cmpdeps(*n.gcmp, argument))
-        if (input->dsvarno > 0 && std::find(n.rhs.begin(), n.rhs.end(), input->dsvarno) == n.rhs.end())
-          n.rhs.push_back(input->dsvarno);
+        if (input->dsvarno > 0 && std::find(reff.rhs.begin(), reff.rhs.end(), input->dsvarno) == reff.rhs.end())
+          reff.rhs.push_back(input->dsvarno);
 }
 
 // A PARMS name that nothing uses is the other half of a typing mistake.
@@ -262,18 +298,22 @@ void tvlinit(NX& n)
 {
   const STMT& procedure = n.proc->statements.front();
   procedure_options(n, procedure);
+  note_idle_options(n, procedure);
 
   n.gcmp = engine::cmpinit({n.sources, static_cast<std::uint64_t>(n.seed)});
   engine::cmpprogram(*n.gcmp, n.proc->program);
   end_on_errors(n, 1012);
 
   refuse_unserved(n);
+  by_variables(n);
   model_statement(n);
+  refuse_character_dependent(n);
   parameter_setup(n);
   random_statements(n, procedure);
   replicate_statement(n);
   optimizer_setup(n, procedure);
   grid_size(n);
+  sampling_needs(n);
   dependent_variable(n);
   if (n.llsym == nullptr) tvlexit(n, 3000);
   if (const auto at = n.fid->xvfind(n.depname); !(n.depsym != nullptr && n.depsym->assigned))
@@ -290,6 +330,7 @@ void tvlinit(NX& n)
   }
   read_expression_statements(n);
   read_prediction_statements(n);
+  read_sampling_statements(n);
   distribution_data(n);
   warn_unused_parameters(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;
@@ -300,6 +341,7 @@ void tvlinit(NX& n)
   if (const int rc = evaluation::specialise_programs(n); rc != 0) tvlexit(n, rc);
   specialise_expression_statements(n);
   specialise_prediction_statements(n);
+  specialise_sampling_statements(n);
   end_on_errors(n, 1012);
   listings(n);
   if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);

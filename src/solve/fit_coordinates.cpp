@@ -1,5 +1,7 @@
 #include "solve/fit_coordinates.h"
 
+#include "syntax/statement_names.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -69,8 +71,8 @@ void FitCoordinates::add_logarithm(const NX& n)
 {
   for (const auto& stmt : n.proc->statements) {
     if (stmt.name != "MODEL") continue;
-    const auto code = static_cast<int>(stmt.number_or(4, 0));
-    const auto& arguments = stmt.slot(2).list;
+    const auto code = static_cast<int>(stmt.number_or(syntax::model_slot::distribution, 0));
+    const auto& arguments = stmt.slot(syntax::model_slot::arguments).list;
     if ((code != 0 && code != 1) || arguments.size() < 2 || arguments[1].expr == nullptr) return;
     const std::string name = syntax::to_text(*arguments[1].expr);
     for (std::size_t k = 0; k < n.parmstr.size(); ++k) {

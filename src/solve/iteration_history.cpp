@@ -131,7 +131,7 @@ std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
   if (code >= 1 && code <= 9) return {filled(status_message::criterion_satisfied, {criterion}), 0};
   if (code > 100)
     return {
-        filled(status_message::criterion_satisfied_too_few_times, {criterion, std::to_string(str.toln[code - 101])}),
+        filled(status_message::criterion_satisfied_too_few_times, {criterion, std::to_string(str.toln[code - 101 + 10])}),
         0};
   switch (code) {
   case 10:

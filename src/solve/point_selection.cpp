@@ -1,6 +1,8 @@
 #include "host/message_names.h"
 #include "solve/starting_grid.h"
 
+#include "host/host_exit.h"
+#include "host/whole_number.h"
 #include "integration/objective.h"
 #include "integration/quadrature_points.h"
 
@@ -13,10 +15,16 @@ using model::NX;
 
 namespace {
 
+// A point set that cannot be built ends the group: every evaluation would need it.
+void build_points(NX& n)
+{
+  if (integration::tvlqpts(n) != 0) host::xexit(n.tvlrc, 0);
+}
+
 double evaluate_with(NX& n, int points)
 {
   n.nqp = points;
-  integration::tvlqpts(n);
+  build_points(n);
   integration::size_contexts(n);
   integration::tvllike(n);
   return n.objfun;
@@ -117,7 +125,7 @@ int settle_points(NX& n)
 {
   const bool chooses = n.nreff() > 0 && (n.method == 0 || n.method == 3) && n.nqp == -1;
   if (!chooses) {
-    if (n.nreff() > 0) integration::tvlqpts(n);
+    if (n.nreff() > 0) build_points(n);
     integration::size_contexts(n);
     integration::tvllike(n);
     return has_value(n.objfun) ? 0 : 1;
@@ -133,7 +141,7 @@ int settle_points(NX& n)
     n.nqpold = n.nqp;
     const double accepted = f;                             // objective of the count nqpold
     const double fold = std::abs(f) < n.qtol ? n.qtol : f; // guarded denominator
-    const int next = n.nqp < 10 ? n.nqp + 2 : static_cast<int>(n.nqp + n.qfac);
+    const double next = n.nqp < 10 ? n.nqp + 2 : std::floor(n.nqp + n.qfac);
     if (next > n.qmax) {
       message::integral_not_accurate words{.points = n.nqpold, .change = change, .tolerance = n.qtol};
       // Rules that do not follow the integrand need many points, and often more than QMAX= has.
@@ -141,7 +149,7 @@ int settle_points(NX& n)
       n.host->log().xpmlog(words);
       return 2;
     }
-    f = evaluate_with(n, next);
+    f = evaluate_with(n, host::whole_number(next));
     if (!has_value(f)) continue;
     change = std::abs(f - fold) / std::abs(fold);
     if (!(change < n.qtol) || !has_value(accepted)) continue;

@@ -85,6 +85,17 @@ void snap_to_bounds(NX& n)
   }
 }
 
+// Without analytic derivatives the gradient that is reported comes by central differences, whatever the technique went by.
+void difference_gradient_at_end(MINSTR& str)
+{
+  const double crit = str.crit;
+  if (str.usgrd != nullptr)
+    str.usgrd(&str);
+  else if (optimizer::znlpfg2(&str) != 0)
+    std::fill_n(str.grad, str.nvar, host::missing);
+  str.crit = crit;
+}
+
 void read_matrices(NX& n)
 {
   const COVSTR& cov = *n.covstr;
@@ -113,7 +124,7 @@ void robust_covariance(NX& n)
   n.covmat = n.meat;
   for (int i = 0; i < np; ++i) {
     const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
-    n.str->ster[i] = d >= n.singvar ? std::sqrt(d) : d >= 0 ? 0.0 : host::missing;
+    n.str->ster[i] = d > 0.0 ? std::sqrt(d) : host::missing;
   }
 }
 
@@ -125,15 +136,10 @@ void degrees_of_freedom(NX& n)
     n.dfe = n.nreff() > 0 ? n.outer().nrepsub - n.outer().nr : static_cast<double>(n.store->nobsu);
 }
 
-// A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that
-// ended at the slack of its strict bound.
-void warn_small(NX& n)
+// A variance that ended at the slack of its strict bound is worth a word.
+void warn_at_slack(NX& n)
 {
   for (int i = 0; i < n.nparm && !n.covmat.empty(); ++i) {
-    const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
-    if (d > 0 && d < n.singvar && n.str->iabc[i] == 0)
-      n.host->log().xpmlog(message::standard_error_shown_as_zero{
-          .name = n.parmstr[static_cast<std::size_t>(i)].parmname, .error = std::sqrt(d)});
     const auto& p = n.parmstr[static_cast<std::size_t>(i)];
     if (p.applyl && p.lowbound > 0 && p.lowbound <= 2 * n.str->ceps && n.str->x[i] <= p.lowbound * (1 + 1e-6))
       n.host->log().xpmlog(message::estimate_at_bound{.name = p.parmname, .bound = p.lowbound});
@@ -149,13 +155,12 @@ int failure_code(const MINSTR& str, int code)
 
 // A variance of random effects that came out as 0, or below, says that the effect is absent: its direction is dropped
 // from the integral, and its standard error means nothing.
-void warn_vanished_variance(NX& n)
+void warn_vanished_variance(NX& n, const model::REFFECT& reff)
 {
-  if (n.nreff() != 1 || n.leaf().distrtype != 0) return;
-  const auto& reff = n.leaf();
+  if (reff.distrtype != 0) return;
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.str->x);
-  const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
+  const std::vector<double> zero(static_cast<std::size_t>(n.programs.ne), 0.0);
   frame.set_points(zero.data(), 1, 1);
   for (const auto& subject : reff.SubInfo) {
     if (subject.badsub) continue;
@@ -225,7 +230,7 @@ int tvlsolv(NX& n)
   if (n.znlprc > 0 && !judged) CheckEigVals(n);
   snap_to_bounds(n);
   n.parm.assign(str.x, str.x + n.nparm);
-  if (str.fidi != 0 && str.usgrd != nullptr && n.znlprc > 0) str.usgrd(&str);
+  if (str.fidi != 0 && n.znlprc > 0) difference_gradient_at_end(str);
   n.finalgrad.assign(str.grad, str.grad + n.nparm);
   read_matrices(n);
   n.verdict.left_start = n.parm != start;
@@ -236,8 +241,8 @@ int tvlsolv(NX& n)
   n.converged = n.znlprc > 0 && !n.noopt;
   degrees_of_freedom(n);
   if (n.znlprc > 0) {
-    warn_small(n);
-    warn_vanished_variance(n);
+    warn_at_slack(n);
+    for (const auto& reff : n.reff) warn_vanished_variance(n, reff);
   }
   missing_errors(n);
   if (judged) report_verdict(n);

@@ -3,6 +3,7 @@
 #include "data/starting_values.h"
 #include "host/message_names.h"
 #include "integration/objective.h"
+#include "solve/start_report.h"
 
 #include <algorithm>
 #include <cmath>
@@ -27,11 +28,13 @@ bool keep_point(NX& n, long p, double objective)
   return first;
 }
 
-// Evaluates the first usable grid point once more with the log open, so that the user sees which subject fails and why.
+// The worst subjects at the first usable grid point; where all their records have a likelihood, that point is evaluated once
+// more with the log open, unless it was open all the time.
 void explain_failure(NX& n)
 {
   for (long p = 0; p < n.npoints; ++p) {
     if (!data::grid_point(n, p, n.parm.data())) continue;
+    if (report_worst_subjects(n) > 0 || n.itdetails) return;
     const bool details = std::exchange(n.itdetails, true);
     if (n.nqp < 1) n.nqp = 1;
     integration::tvllike(n);

@@ -1,10 +1,19 @@
 #include "host/message_names.h"
 #include "support.h"
+#include <regex>
 
-// Messages by name: what a caller may leave out, and what does not compile.
+// Sources call messages, slots and flags by name, so that a wrong one does not compile: a machine holds it here.
 namespace torvale::host {
 
 namespace {
+
+std::vector<std::filesystem::path> sources()
+{
+  std::vector<std::filesystem::path> out;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(TORVALE_SOURCE_DIR "/src"))
+    if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h") out.push_back(entry.path());
+  return out;
+}
 
 template <class Message, class... Values>
 concept Raised = requires(Values... values)
@@ -13,6 +22,19 @@ concept Raised = requires(Values... values)
 };
 
 } // namespace
+
+TEST(Catalogue, SourcesCallMessagesSlotsAndFlagsByName)
+{
+  const std::regex numbers(R"((xpmlog|xpmstr|otbmsg)\([0-9]+, *[0-9]+|\b(slot|flag|given|number_or)\([0-9]+)");
+  EXPECT_TRUE(std::regex_search(std::string("log.xpmlog(503, 71)"), numbers));
+  EXPECT_TRUE(std::regex_search(std::string("s.number_or(86, 0)"), numbers));
+  for (const auto& path : sources()) {
+    std::ifstream in(path);
+    int line = 0;
+    for (std::string text; ++line, std::getline(in, text);)
+      EXPECT_FALSE(std::regex_search(text, numbers)) << path << ":" << line << ": " << text;
+  }
+}
 
 TEST(Catalogue, ArgumentsOutsideBracketsMustBeGiven)
 {

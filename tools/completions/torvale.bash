@@ -13,7 +13,7 @@ _torvale()
     --json|--html|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
   esac
   case $command in
-    run) options="--data --library --separator --json --log --no-color --out --html --list --threads --seed --quiet" ;;
+    run) options="--data --library --separator --json --log --no-color --out --html --list --threads --seed --strict --quiet" ;;
     check) options="--data --library --separator --json --log --no-color --statements --format" ;;
     describe) options="--library --separator" ;;
     explain) return ;;

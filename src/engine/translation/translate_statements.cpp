@@ -235,8 +235,13 @@ void Translator::put(const PutStatement& s)
       }
       continue;
     }
-    add(item, item.value != nullptr ? to_text(*item.value) : std::string(),
-        item.value != nullptr ? value_of(*item.value) : Value{});
+    const bool pointer = item.kind == PutItem::Kind::column || item.kind == PutItem::Kind::advance;
+    Value value;
+    if (pointer)
+      value.number = number_of(*item.value);
+    else if (item.value != nullptr)
+      value = value_of(*item.value);
+    add(item, item.value != nullptr ? to_text(*item.value) : std::string(), value);
   }
   gcmp_.effects.push_back(std::move(effect));
 }

@@ -57,6 +57,21 @@ void Builder::open_statement(const SEMARG& a, std::span<Value> r)
   given_.clear();
 }
 
+// The TORVALE statement's record. Where that statement was beyond repair and has been dropped, an empty one stands in:
+// the step is refused, and what follows is read for its own mistakes.
+STMT& Builder::procedure_record()
+{
+  constexpr int largest_slot = 110;
+  if (proc_->statements.empty()) {
+    STMT s;
+    s.name = "TORVALE";
+    s.nfld = largest_slot;
+    s.fld.resize(largest_slot + 1);
+    proc_->statements.push_back(std::move(s));
+  }
+  return proc_->statements.front();
+}
+
 // MODEL pushes many statements, of which only the first would be conditional; the others declare what holds for the
 // step.
 void Builder::check_top_level(const Value& head)
@@ -221,13 +236,12 @@ void Builder::end_labelled(const Value& label, const std::vector<Expr*>& list)
 
 void Builder::end_by(std::span<Value> r)
 {
-  STMT& torvale = proc_->statements.front();
   if (by_given_) {
     diagnostics_->error(Problem::given_twice, r[0].token.where, "There are two BY statements: a step takes one.", 2);
     return;
   }
   by_given_ = true;
-  STLIST& c = torvale.fld[static_cast<std::size_t>(torvale_slot::by)];
+  STLIST& c = procedure_record().fld[static_cast<std::size_t>(torvale_slot::by)];
   c.type = 'l';
   c.where = r[0].token.where;
   for (const Value& v : items(r[1].list)) {
@@ -399,10 +413,16 @@ template <> void Builder::on<Action::end_predict>(const SEMARG& a, std::span<Val
   close_statement(a, r, result);
 }
 
+template <> void Builder::on<Action::end_prior>(const SEMARG& a, std::span<Value> r, Value& result)
+{
+  if (r[1].expr) add_expressions({r[1].expr}, r[1].token.where);
+  close_statement(a, r, result);
+}
+
 template <> void Builder::on<Action::end_id>(const SEMARG&, std::span<Value> r, Value&)
 {
   check_top_level(r[0]);
-  STLIST& c = proc_->statements.front().fld[static_cast<std::size_t>(torvale_slot::id)];
+  STLIST& c = procedure_record().fld[static_cast<std::size_t>(torvale_slot::id)];
   if (!c.given()) c.where = r[0].token.where;
   c.type = 'l';
   add_names(c, names_of(r[1]), -1);

@@ -145,6 +145,7 @@ private:
   // --- procedure statements (build_procedure.cpp)
   void open_statement(const SEMARG& a, std::span<Value> r);
   void check_top_level(const Value& head);
+  syntax::STMT& procedure_record();
   void close_statement(const SEMARG& a, std::span<Value> r, Value& result);
   syntax::STLIST& cell(int slot, char type, syntax::Position where);
   syntax::STLIST& cell(syntax::SlotName auto slot, char type, syntax::Position where)

@@ -1,6 +1,7 @@
 #include "optimizer/control/arrays.h"
 
 #include "optimizer/optimizer.h"
+#include "optimizer/techniques/values_check.h"
 
 #include <algorithm>
 #include <array>
@@ -58,24 +59,41 @@ template <class T> void bind(T*& array, std::vector<T>& block, std::size_t offse
 
 } // namespace
 
-long wrk2_length(const MINSTR& str)
+namespace {
+
+// What a technique works with. The one place that decides sizes, for every combination of options: `load`, a metric of
+// the caller's and a switch of the technique may come later, and are provided for.
+struct Sizes {
+  bool matrix = false; // hess and hpro: a Hessian, its approximation or a factor, and its part on the free space
+  bool factor = false; // half: a factor kept beside the Hessian
+  long scratch = 0;    // doubles of wrk2
+};
+
+Sizes sizes_of(const MINSTR& str)
 {
   const long n = str.nvar;
   switch (str.tech) {
   case NMSIMP:
   case NMSIM2:
-    return (n + 4) * n + n + 1; // vertices, their values, three points
+    return {false, false, (n + 4) * n + n + 1 + values_check_length(n)}; // vertices, values, three points
+  case CONGRA:
+    return {false, false, 7 * n};
   case DBLDOG:
-    return 12 * n; // 7n of the quasi-Newton matrix, five vectors
+    return {true, false, 12 * n}; // 7n of the quasi-Newton matrix, five vectors
   case TRUREG:
   case NEWRAP:
   case NRLINS:
   case NRRIDG:
-    return 8 * n;
+    return {true, true, 8 * n};
+  case QUANEW:
+  case DUQUAN:
+    return {true, false, 7 * n};
   default:
-    return 7 * n;
+    return {};
   }
 }
+
+} // namespace
 
 int tvlopta(MINSTR* str)
 {
@@ -122,19 +140,12 @@ int provide_technique_arrays(MINSTR* str)
 {
   const long n = str->nvar;
   const long packed = n * (n + 1) / 2;
-  // A conjugate gradient or a simplex needs no matrix. The Hessian of the covariance step comes from the covariance
-  // request's own storage.
-  const bool matrix = str->tech != CONGRA && str->tech != NMSIMP && str->tech != NMSIM2 && str->tech != NONE;
-  const bool hessian_technique = str->ider >= 4;
-  // The quasi-Newton techniques try their start from a Hessian there, Newton steps are taken from it; `load` may be set
-  // after this, and so every technique with a matrix has it.
+  const Sizes sizes = sizes_of(*str);
+  if (owns(str->hessian_block, static_cast<const double*>(str->hess))) str->hess = nullptr;
   const Need needs[] = {
-      {&MINSTR::hess, matrix ? packed : 0},
-      {&MINSTR::hpro, matrix ? packed : 0},
-      {&MINSTR::half, hessian_technique ? packed : 0},
-      {&MINSTR::wrk2, wrk2_length(*str)},
-      {&MINSTR::qlcn, str->lincon != 0 ? n * n : 0},
-      {&MINSTR::llcn, str->lincon != 0 ? packed : 0},
+      {&MINSTR::hess, sizes.matrix ? packed : 0},    {&MINSTR::hpro, sizes.matrix ? packed : 0},
+      {&MINSTR::half, sizes.factor ? packed : 0},    {&MINSTR::wrk2, sizes.scratch},
+      {&MINSTR::qlcn, str->lincon != 0 ? n * n : 0}, {&MINSTR::llcn, str->lincon != 0 ? packed : 0},
   };
   try {
     lay_out(str, str->technique_block, needs);

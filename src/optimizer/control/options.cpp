@@ -71,6 +71,10 @@ bool uses_gradient_direction(int tech)
 {
   return tech >= DBLDOG && tech <= CONGRA;
 }
+bool takes_hessians(int tech)
+{
+  return tech >= TRUREG && tech <= NRLINS;
+}
 bool is_simplex(int tech)
 {
   return tech == NMSIMP || tech == NMSIM2;
@@ -123,6 +127,32 @@ bool check_update(MINSTR* str)
     str->tupd = 0;
   }
   return true;
+}
+
+// Calls of the objective that one Hessian by differences costs, and MAXFUNC as default_limits will have it.
+double calls_for_hessian(const MINSTR& str, bool from_values)
+{
+  const auto n = static_cast<double>(str.nvar);
+  if (str.ushes != nullptr) return 0.0;
+  if (from_values) return 2.0 * n * (n - 1.0) + (str.fidi == 2 ? 4.0 : 2.0) * n;
+  return str.fihs == 2 ? 2.0 * n : n;
+}
+
+// A technique that cannot afford a handful of Hessians would spend its calls on the first ones and return the start:
+// the quasi-Newton technique, which learns its matrix, does the work.
+void check_cost(MINSTR* str)
+{
+  if (!takes_hessians(str->tech)) return;
+  const bool from_values = (str->fidi != 0 && str->fihs == 0) || str->usgrd == nullptr;
+  const double iterations = is_missing(str->maxi) ? 50.0 : str->maxi;
+  const double limit =
+      is_missing(str->maxf) ? std::max(125.0, 10.0 * iterations) * (from_values ? 10.0 : 1.0) : str->maxf;
+  const double cost = calls_for_hessian(*str, from_values);
+  constexpr double least_hessians = 5.0;
+  if (!(least_hessians * cost >= limit) || !(limit > 0.0) || !(iterations > 1.0)) return;
+  send_message(str, 503, 9400, severity_note, {cost, limit});
+  str->tech = DUQUAN;
+  str->tupd = 1;
 }
 
 void default_technique_options(MINSTR* str)
@@ -183,7 +213,7 @@ void default_line_search_options(MINSTR* str)
 
 void default_derivative_options(MINSTR* str)
 {
-  str->ider = str->tech == NONE || is_simplex(str->tech) ? 0 : str->tech <= NRLINS ? 4 : 1;
+  str->ider = str->tech == NONE || is_simplex(str->tech) ? 0 : takes_hessians(str->tech) ? 4 : 1;
   if (str->fidi != 0 && str->fihs != 0) {
     send_message(str, 352, 472, severity_warning);
     str->fidi = 0;
@@ -275,6 +305,7 @@ int tvloptc(MINSTR* str)
   const bool technique_runs = check_technique(str);
   const bool update_runs = technique_runs && check_update(str);
   if (!technique_runs || !update_runs) return 2000;
+  check_cost(str);
   default_technique_options(str);
   default_constraint_options(str);
   default_line_search_options(str);

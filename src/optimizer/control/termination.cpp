@@ -38,6 +38,7 @@ public:
     if (str->imax == 0 ? f <= str->atol : f >= str->atol) return code_absconv;
     if (decrease < -str->aftl) return code_no_progress;
     int code = is_simplex(*str) ? simplex_criteria() : criteria();
+    if (code == 0 && stalled()) return code_no_progress;
     if (str->nitr < static_cast<double>(str->mini)) code = 0;
     return code;
   }
@@ -57,15 +58,16 @@ private:
   int criteria()
   {
     int code = 0;
-    // A step that failed evaluations cut short says nothing about the objective.
-    const bool full_step = str->cutf == 0;
+    // A step that was cut short, by failed evaluations, a radius or a constraint, says nothing by its length or by what
+    // it gained. The prediction is that of the full step.
+    const bool full_step = str->cutf == 0 && str->scut == cut_none;
     apply(1, full_step && decrease <= str->aftl, code);
     apply(2, test_gradient(*str) <= str->agtl, code);
     if (start) return code;
-    apply(3, distance() <= str->axtl, code);
+    apply(3, full_step && distance() <= str->axtl, code);
     apply(4, full_step && decrease <= function_threshold, code);
     apply(5, (str->tech == CONGRA ? conjugate : predicted) <= gradient_threshold, code);
-    apply(6, relative_change() <= str->xtol, code);
+    apply(6, full_step && relative_change() <= str->xtol, code);
     return code;
   }
 
@@ -85,6 +87,14 @@ private:
         size > 1.0 ? str->fto2 * size : std::min(str->fto2, std::max(str->ftol * size, tiny_threshold));
     apply(7, predicted <= spread && str->fto2 > 0.0, code);
     return code;
+  }
+
+  // Cut steps that gain no more than rounding say nothing of convergence, but many of them in succession lead nowhere.
+  bool stalled()
+  {
+    const bool idle = !start && !is_simplex(*str) && str->scut != cut_none && decrease <= function_threshold;
+    str->idle_steps = idle ? str->idle_steps + 1 : 0;
+    return str->idle_steps >= 20;
   }
 
   double distance() const

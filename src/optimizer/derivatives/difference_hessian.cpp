@@ -115,6 +115,7 @@ bool mixed_difference(MINSTR* str, long i, double hi, long j, double hj, bool bo
 
 int hessian_from_values(MINSTR* str, bool five)
 {
+  if (provide_hessian(str) != 0) return -11;
   const long n = str->nvar;
   const KeepPoint keep(str, purpose_hessian_by_values);
   const double f = keep.value();
@@ -193,6 +194,7 @@ bool gradient_difference(MINSTR* str, long i, double& h, bool central, const dou
 // Each off-diagonal element is the mean of its two estimates, from row i and from row j; the diagonal has one.
 int hessian_from_gradients(MINSTR* str, bool central)
 {
+  if (provide_hessian(str) != 0) return -11;
   const long n = str->nvar;
   const KeepPoint keep(str, purpose_hessian_by_gradients);
   const double base = central ? central_base(*str) : forward_base(*str);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <new>
 
 namespace torvale::optimizer {
 namespace {
@@ -75,6 +76,7 @@ int objective_gradient(MINSTR* str, ProblemCallback gradient)
 
 int objective_hessian(MINSTR* str, ProblemCallback hessian)
 {
+  if (provide_hessian(str) != 0) return 1;
   const ProblemCallback analytic = hessian != nullptr ? hessian : str->ushes;
   if (analytic == nullptr) {
     if (str->fidi % 10 == 0) return (str->fihs == 2 ? znlpfh4(str) : znlpfh3(str)) != 0;
@@ -85,6 +87,18 @@ int objective_hessian(MINSTR* str, ProblemCallback hessian)
   const int rc = called_for_hessian(str, analytic);
   if (rc != 0) return 1;
   return all_finite(str->hess, str->nvar * (str->nvar + 1) / 2) ? 0 : 1;
+}
+
+int provide_hessian(MINSTR* str)
+{
+  if (str->hess != nullptr) return 0;
+  try {
+    str->hessian_block.assign(static_cast<std::size_t>(std::max(str->nnva, 1L)), 0.0);
+  } catch (const std::bad_alloc&) {
+    return 1016;
+  }
+  str->hess = str->hessian_block.data();
+  return 0;
 }
 
 } // namespace torvale::optimizer

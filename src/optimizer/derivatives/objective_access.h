@@ -21,6 +21,9 @@ int objective_gradient(MINSTR* str, ProblemCallback gradient = nullptr);
 // stay. Returns 0 or 1 as above.
 int objective_hessian(MINSTR* str, ProblemCallback hessian = nullptr);
 
+// provide_hessian: hess, for a Hessian that the technique itself does not need. Returns 0 or 1016.
+int provide_hessian(MINSTR* str);
+
 // True when a callback asked to stop or the objective overflowed.
 inline bool interrupted(const MINSTR& str)
 {

@@ -137,7 +137,12 @@ int bisect(MINSTR* str)
   BestPoint best{0.0, str->cold};
   // Each halving may be a pass over the data: twenty of them reach a millionth of the first step.
   for (int halvings = 0; halvings < 20 && a > tiny_threshold && !interrupted(*str); ++halvings, a *= 0.5)
-    if (try_step(str, a, best) == 0 && best.step != 0.0) return finish_at_best(str, best);
+    if (try_step(str, a, best) == 0 && best.step != 0.0) {
+      // What was predicted was predicted for a direction that led nowhere.
+      str->scut = cut_search;
+      str->pred = largest;
+      return finish_at_best(str, best);
+    }
   return 1;
 }
 

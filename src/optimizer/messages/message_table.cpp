@@ -9,6 +9,12 @@ constexpr int N = 1, W = 2, E = 3; // as severity_note, severity_warning, severi
 constexpr MessageRow rows[] = {
     // Options.
     {503, 330, "maxiter_below_miniter", W, "MAXITER={0} is below MINITER={1} and takes its value.", "", ""},
+    {503, 9400, "hessians_too_dear", N,
+     "A Hessian by differences costs {0} calls, too many for MAXFUNC={1}: TECHNIQUE=DUQUAN is run in its place.",
+     "TRUREG, NEWRAP and NRRIDG need a Hessian in each iteration; by differences it costs a call or more per "
+     "parameter, "
+     "from values alone some for each pair.",
+     "Raise MAXFUNC= to insist on the technique."},
     {352, 451, "no_maximization_of_least_squares", E, "Maximization is not available for least squares.", "", ""},
     {352, 452, "least_squares_not_available", E, "Least-squares and norm objectives are not available.", "", ""},
     {352, 453, "nonlinear_constraints_with_quadratic", E,
@@ -127,7 +133,8 @@ constexpr MessageRow rows[] = {
     {549, 609, "all_held", N, "All parameters are held by active constraints.", "", ""},
     {549, 610, "all_fixed_by_constraints", N, "All parameters are fixed by active constraints.", "", ""},
     {549, 611, "limit_while_criterion_met", W,
-     "A limit was reached while convergence criterion {0} was met, but not {1} times in succession.", "", ""},
+     "A limit was reached while convergence criterion {0} was met {1} times, less often than asked for.", "",
+     "Ask for fewer times, or raise MAXITER= or MAXFUNC=."},
     {549, 612, "limit_after_criterion", W, "A limit was reached when the {0} criterion had been satisfied {1} times.",
      "", ""},
     {549, 613, "no_iteration_done", N, "No iteration was done.", "", ""},

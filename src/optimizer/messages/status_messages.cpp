@@ -37,8 +37,7 @@ void report_failure(MINSTR* str, int code)
     send_message(str, 549, 9, severity_error);
     break;
   case code_limit:
-    send_message(str, 549, str->nitr >= str->maxi ? 605 : 606, str->zmsg,
-                 {str->maxi, str->maxf});
+    send_message(str, 549, str->nitr >= str->maxi ? 605 : 606, str->zmsg, {str->maxi, str->maxf});
     break;
   case code_time:
     send_message(str, 549, 2, severity_warning, {str->upti});
@@ -66,7 +65,7 @@ void report_status(MINSTR* str, int code)
   else if (code > code_pass_count) {
     const int criterion = code - code_pass_count;
     send_message(str, 549, 611, severity_note,
-                 {static_cast<double>(criterion + 1), static_cast<double>(str->toln[criterion])});
+                 {static_cast<double>(criterion + 1), static_cast<double>(str->toln[criterion + 10])});
   } else if (code >= 0) {
     if (str->tech != NONE) send_message(str, 549, str->nitr == 0.0 ? 613 : 614, severity_note);
   } else {

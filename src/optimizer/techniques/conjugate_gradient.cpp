@@ -1,8 +1,6 @@
-#include "optimizer/techniques/technique.h"
-
-#include "optimizer/active_set/active_set.h"
 #include "optimizer/derivatives/objective_access.h"
 #include "optimizer/line_search/line_search.h"
+#include "optimizer/techniques/cycles.h"
 
 #include "matrix/vector_kernels.h"
 
@@ -26,46 +24,56 @@ public:
   {
   }
 
-  int run()
+  int start(bool first)
   {
-    if (const int rc = begin_technique(str, true); rc != 0) return rc;
-    if (str->tupd == 1)
+    if (first && str->tupd == 1)
       str->nres = 2147483647.0;
-    else if (!(str->nres > 0.0))
+    else if (first && !(str->nres > 0.0))
       str->nres = std::max(10.0 * static_cast<double>(n), 80.0);
-    bool reported = false;
-    for (;;) {
-      int code = cycle(reported);
-      if (code == restart && moved) continue;
-      if (code != code_reenter) code = end_technique(str, code == restart ? code_no_progress : code);
-      if (code != code_reenter) return code;
+    last_alfa = 0.0;
+    have_restart_vector = false;
+    steepest_descent();
+    return 0;
+  }
+
+  int iteration()
+  {
+    remember(str);
+    long blocking = -1;
+    str->stub = constrained(*str) ? znlpstl(*str, str->xold, str->sdir, &blocking) : largest;
+    if (str->stub <= 2.225073858507202e-306) return str->itre > 0 ? restart_cycle : code_no_progress;
+    // A conjugate direction has no natural length. The last step, corrected for the slopes, is a far better first trial
+    // for the rules without a memory of y; the others are measured to do better with the decrease.
+    const bool scaled = (str->tupd == 2 || str->tupd == 4) && str->itre > 0 && last_alfa > 0.0;
+    str->trial = scaled ? last_alfa * last_slope / slope : 0.0;
+    const int failed = str->linse(str);
+    if (failed != 0 || str->alfa <= smallest_normal) {
+      go_back(str);
+      if (interrupted(*str)) return code_objective;
+      return str->itre < 1 ? code_no_progress : restart_cycle;
     }
+    str->dfes = str->cold - str->crit;
+    last_alfa = str->alfa;
+    last_slope = slope;
+    ++str->itre;
+    str->nitr += 1.0;
+    znlpvre(*str, str->gold, h); // before the active set may change
+    const long m = free_dimension(*str);
+    const int settled = settle_constraints(str, str->sdir);
+    if (settled < 0) return settled;
+    estimate_reduction();
+    if (const int code = test_termination(str, 1); code != 0) return code;
+    // The rules want a step that ended near the minimum along d in the space of the next one.
+    if (settled > 0 || str->chac != 0 || str->scut != cut_none || free_dimension(*str) != m) return restart_cycle;
+    if (static_cast<double>(str->itre) >= str->nres) {
+      str->salf = 1.0;
+      return restart_cycle;
+    }
+    if (str->itre >= 5) str->salf = 1.0;
+    return next_direction(m) ? 0 : restart_cycle;
   }
 
 private:
-  static constexpr int restart = 1000; // beyond all termination codes
-
-  // From one steepest descent to the next.
-  int cycle(bool& reported)
-  {
-    begin_cycle(str);
-    last_alfa = 0.0;
-    have_restart_vector = false;
-    znlpgmx(str);
-    if (constrained(*str)) znlpdac(str);
-    steepest_descent();
-    const bool all_held = free_dimension(*str) == 0;
-    if (!reported || all_held) {
-      reported = true;
-      if (const int code = test_termination(str, all_held ? 1 : 10); code != 0) return code;
-    }
-    moved = false;
-    for (;;) {
-      const int code = iteration();
-      if (code != 0) return code;
-    }
-  }
-
   void steepest_descent()
   {
     for (;;) {
@@ -77,43 +85,6 @@ private:
     }
     slope = znlpgs(*str, str->grad, str->sdir);
     str->pred = -slope;
-  }
-
-  int iteration()
-  {
-    remember(str);
-    long blocking = -1;
-    str->stub = constrained(*str) ? znlpstl(*str, str->xold, str->sdir, &blocking) : largest;
-    if (str->stub <= 2.225073858507202e-306) return str->itre > 0 ? restart : code_no_progress;
-    // A conjugate direction has no natural length. The last step, corrected for the slopes, is a far better first trial
-    // for the rules without a memory of y; the others are measured to do better with the decrease.
-    const bool scaled = (str->tupd == 2 || str->tupd == 4) && str->itre > 0 && last_alfa > 0.0;
-    str->trial = scaled ? last_alfa * last_slope / slope : 0.0;
-    const int failed = str->linse(str);
-    if (failed != 0 || str->alfa <= smallest_normal) {
-      go_back(str);
-      if (interrupted(*str)) return code_objective;
-      return str->itre < 1 ? code_no_progress : restart;
-    }
-    str->dfes = str->cold - str->crit;
-    last_alfa = str->alfa;
-    last_slope = slope;
-    moved = true;
-    ++str->itre;
-    str->nitr += 1.0;
-    znlpvre(*str, str->gold, h); // before the active set may change
-    const long m = free_dimension(*str);
-    const int settled = settle_constraints(str, str->sdir);
-    if (settled < 0) return settled;
-    estimate_reduction();
-    if (const int code = test_termination(str, 1); code != 0) return code;
-    if (settled > 0 || str->chac != 0 || free_dimension(*str) != m) return restart;
-    if (static_cast<double>(str->itre) >= str->nres) {
-      str->salf = 1.0;
-      return restart;
-    }
-    if (str->itre >= 5) str->salf = 1.0;
-    return next_direction(m) ? 0 : restart;
   }
 
   // GCONV compares the predicted reduction. Without a matrix there are two estimates, and each alone is fooled by some
@@ -142,7 +113,7 @@ private:
     slope = znlpgs(*str, str->grad, str->sdir);
     str->pred = -slope;
     const double limit = std::abs(str->dfes) <= 1e-6 * std::abs(str->cold) ? 1e-4 : 1e-8;
-    return slope <= -smallest_normal && (limit * str->gmax * str->gmax < str->pred || str->itre < 21);
+    return slope <= -smallest_normal && limit * str->gmax * str->gmax < str->pred;
   }
 
   // fleree: g'g / h'h. polrib: g'y / h'h, not below 0. condes: -g'g / d'h.
@@ -207,14 +178,14 @@ private:
   double last_alfa = 0.0, last_slope = 0.0;
   long since_restart = 0;
   bool have_restart_vector = false;
-  bool moved = true;
 };
 
 } // namespace
 
 int znlpcog(MINSTR* str)
 {
-  return ConjugateGradient(str).run();
+  ConjugateGradient technique(str);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer

@@ -1,8 +1,5 @@
-#include "optimizer/techniques/technique.h"
-
-#include "optimizer/active_set/active_set.h"
-#include "optimizer/derivatives/objective_access.h"
-#include "optimizer/techniques/trust_region.h"
+#include "optimizer/techniques/cycles.h"
+#include "optimizer/techniques/trust_steps.h"
 #include "optimizer/updates/secant_matrix.h"
 
 #include "matrix/vector_kernels.h"
@@ -22,32 +19,13 @@ class DoubleDogleg {
 public:
   explicit DoubleDogleg(MINSTR* record)
       : str(record), secant(record, true), newton(record->wrk2 + 7 * record->nvar), gradient(newton + record->nvar),
-        step(gradient + record->nvar), best_point(step + record->nvar), scratch(best_point + record->nvar)
+        trial(gradient + record->nvar), best_point(trial + record->nvar), scratch(best_point + record->nvar)
   {
     state.minstr = record;
   }
 
-  int run()
+  int start(bool)
   {
-    if (const int rc = begin_technique(str, true); rc != 0) return rc;
-    bool reported = false;
-    for (;;) {
-      int code = cycle(reported);
-      if (code == restart && moved) continue;
-      if (code != code_reenter) code = end_technique(str, code == restart ? code_no_progress : code);
-      if (code != code_reenter) return code;
-    }
-  }
-
-private:
-  static constexpr int restart = 1000; // beyond all termination codes
-
-  // From one start of the matrix to the next.
-  int cycle(bool& reported)
-  {
-    begin_cycle(str);
-    znlpgmx(str);
-    if (constrained(*str)) znlpdac(str);
     if (const int rc = secant.start(); rc != 0) return rc;
     scale_parameters(true);
     const double gradient_norm = scaled_gradient_norm();
@@ -55,17 +33,61 @@ private:
     const double size = 1.0 + matrix::zvenorm(str->nvar, 1, str->x);
     str->delt = std::max(str->salf * std::min(gradient_norm, size), 1e-3);
     str->lamb = 0.0;
-    const bool all_held = free_dimension(*str) == 0;
-    if (!reported || all_held) {
-      reported = true;
-      if (const int code = test_termination(str, all_held ? 1 : 10); code != 0) return code;
-    }
-    moved = false;
-    for (;;) {
-      const int code = iteration();
-      if (code != 0) return code;
-    }
+    return 0;
   }
+
+  int iteration()
+  {
+    remember(str);
+    str->cutf = 0;
+    begin_decision(&state);
+    if (!form_model()) return code_reenter;
+    if (const int code = accept_step(&state, *this, least_radius, best_point, scratch); code != 0) {
+      go_back(str);
+      if (code == code_objective || str->itre < 1) return code;
+      return restart_cycle;
+    }
+    ++str->itre;
+    str->nitr += 1.0;
+    str->alfa = state.dstn;
+    if (str->lamb > 0.0) str->scut = cut_radius;
+    str->pred = state.nred; // GCONV asks what the full step would gain, whatever cut this one
+    if (objective_gradient(str) != 0) return code_gradient;
+    correct_prediction(str, step_form);
+    const int settled = settle_constraints(str, str->sdir);
+    if (settled < 0) return settled;
+    if (const int code = test_termination(str, 1); code != 0) return code;
+    if (settled > 0 || static_cast<double>(str->itre) >= str->nres) {
+      str->salf = 1.0;
+      return restart_cycle;
+    }
+    if (str->itre >= 5) str->salf = 1.0;
+    const int updated = secant.update();
+    str->null = updated;
+    if (updated < 0) return restart_cycle;
+    scale_parameters(false);
+    return free_dimension(*str) == 0 ? restart_cycle : 0;
+  }
+
+  // What accept_step asks for.
+  int step(bool)
+  {
+    dbldog();
+    return 0;
+  }
+  const double* vector() const { return trial; }
+  void cut(double fraction)
+  {
+    const long m = free_dimension(*str);
+    for (long j = 0; j < m; ++j) trial[j] /= free_scale(*str, j);
+    predict(m, fraction);
+    state.dstn *= fraction;
+  }
+  void save() { saved_form = step_form; }
+  void recall() { step_form = saved_form; }
+
+private:
+  static constexpr double least_radius = 1.232595164407832e-32;
 
   void scale_parameters(bool first)
   {
@@ -150,96 +172,18 @@ private:
       state.nfac = eta * theta;
       str->lamb = 2.0 - theta;
     }
-    for (long j = 0; j < m; ++j) step[j] = state.gfac * gradient[j] + state.nfac * newton[j];
+    for (long j = 0; j < m; ++j) trial[j] = state.gfac * gradient[j] + state.nfac * newton[j];
     predict(m, 1.0);
-    for (long j = 0; j < m; ++j) step[j] *= free_scale(*str, j); // as try_trust_step wants it
-    state.dstn = matrix::zvenorm(m, 1, step);
+    for (long j = 0; j < m; ++j) trial[j] *= free_scale(*str, j); // as try_trust_step wants it
+    state.dstn = matrix::zvenorm(m, 1, trial);
   }
 
   void predict(long m, double fraction)
   {
-    const double slope = zvdot11(str->gpro, step, m);
-    str->pred = -(fraction * slope + 0.5 * fraction * fraction * secant.quadratic_form(step));
+    const double slope = zvdot11(str->gpro, trial, m);
+    step_form = fraction * fraction * secant.quadratic_form(trial);
+    str->pred = -(fraction * slope + 0.5 * step_form);
     state.gtst = fraction * slope;
-  }
-
-  int iteration()
-  {
-    remember(str);
-    str->cutf = 0;
-    begin_decision(&state);
-    if (!form_model()) return code_reenter;
-    if (const int code = accepted_step(); code != 0) {
-      go_back(str);
-      if (code == code_objective || str->itre < 1) return code;
-      return restart;
-    }
-    moved = true;
-    ++str->itre;
-    str->nitr += 1.0;
-    str->alfa = state.dstn;
-    if (str->lamb > 0.0) str->scut = cut_radius;
-    if (objective_gradient(str) != 0) return code_gradient;
-    const int settled = settle_constraints(str, str->sdir);
-    if (settled < 0) return settled;
-    if (const int code = test_termination(str, 1); code != 0) return code;
-    if (settled > 0 || static_cast<double>(str->itre) >= str->nres) {
-      str->salf = 1.0;
-      return restart;
-    }
-    if (str->itre >= 5) str->salf = 1.0;
-    const int updated = secant.update();
-    str->null = updated;
-    if (updated < 0) return restart;
-    scale_parameters(false);
-    return free_dimension(*str) == 0 ? restart : 0;
-  }
-
-  int accepted_step()
-  {
-    const double entry_radius = str->delt;
-    for (;;) {
-      std::copy_n(str->xold, str->nvar, str->x);
-      state.rad0 = str->delt;
-      dbldog();
-      const long m = free_dimension(*str);
-      const int failed = try_trust_step(str, m, step, scratch);
-      if (interrupted(*str)) return code_objective;
-      if (failed == 2) return code_no_progress;
-      if (str->stub < 1.0) {
-        for (long j = 0; j < m; ++j) scratch[j] = step[j] / free_scale(*str, j);
-        std::copy_n(scratch, m, step);
-        predict(m, str->stub);
-        state.dstn *= str->stub;
-      }
-      if (failed == 1 && state.rest == 2) return take_saved();
-      if (failed == 1) {
-        str->cutf = 1;
-        str->delt = 0.1 * std::min(str->delt, state.dstn);
-        if (str->delt <= unit_roundoff * entry_radius) return code_objective;
-        continue;
-      }
-      state.rldx = relative_step(*str);
-      assess(&state);
-      if (state.rest == 3) return take_saved();
-      if (state.irc == 3 || state.irc == 4 || (state.irc == 5 && state.dstn >= str->ssin)) {
-        str->delt = state.radf * state.dstn;
-        return 0;
-      }
-      if (state.irc == 5) std::copy_n(str->x, str->nvar, best_point);
-      str->delt = state.radf * state.dstn;
-      if (!(str->delt > 1.232595164407832e-32)) return code_no_progress;
-    }
-  }
-
-  int take_saved()
-  {
-    std::copy_n(best_point, str->nvar, str->x);
-    str->crit = state.clgd;
-    str->pred = state.plgd;
-    str->delt = state.dsts;
-    for (long i = 0; i < str->nvar; ++i) str->sdir[i] = str->x[i] - str->xold[i];
-    return 0;
   }
 
   MINSTR* str;
@@ -247,18 +191,19 @@ private:
   SecantMatrix secant;
   double* newton;     // m: Newton step
   double* gradient;   // m: gradient divided by the squared scale
-  double* step;       // m
+  double* trial;      // m: the step that is tried
   double* best_point; // n
   double* scratch;    // n
   double newton_slope = 0.0;
-  bool moved = true;
+  double step_form = 0.0, saved_form = 0.0; // s'Bs of the step, and of the one saved
 };
 
 } // namespace
 
 int znlpddl(MINSTR* str)
 {
-  return DoubleDogleg(str).run();
+  DoubleDogleg technique(str);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer

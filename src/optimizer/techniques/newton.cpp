@@ -26,6 +26,12 @@ constexpr double relative_pivot = 1.110223024625157e-14;
 
 } // namespace
 
+int NewtonModel::start(bool first)
+{
+  str->ridg = 0.0;
+  return evaluate(first) == 0 ? 0 : first ? code_start_derivative : code_hessian;
+}
+
 int NewtonModel::evaluate(bool first)
 {
   if (objective_hessian(str) != 0) return 1;
@@ -46,12 +52,11 @@ void NewtonModel::project()
   most = matrix::zvamx(h, packed_size(free_dimension(*str)));
 }
 
-int NewtonModel::step(double ridge, double& deficit)
+// The factor of H + ridge S^2 into half. Returns 0 or 1, see step.
+int NewtonModel::factor(double ridge, double& deficit)
 {
   const long m = free_dimension(*str);
   double* const l = str->half;
-  double* const d = str->wrk2;
-  double* const w = str->wrk2 + str->nvar;
   std::copy_n(h, packed_size(m), l);
   for (long i = 0; i < m; ++i) {
     const double scale = free_scale(*str, i);
@@ -72,6 +77,26 @@ int NewtonModel::step(double ridge, double& deficit)
     }
     row[i] = std::sqrt(s);
   }
+  return 0;
+}
+
+double NewtonModel::full_reduction()
+{
+  const long m = free_dimension(*str);
+  double deficit = 0.0;
+  if (factor(0.0, deficit) != 0) return largest;
+  std::copy_n(str->gpro, m, str->wrk2);
+  matrix::zchol2(static_cast<int>(m), str->half, str->wrk2);
+  return 0.5 * matrix::zvdot11(str->wrk2, str->wrk2, m);
+}
+
+int NewtonModel::step(double ridge, double& deficit)
+{
+  const long m = free_dimension(*str);
+  double* const l = str->half;
+  double* const d = str->wrk2;
+  double* const w = str->wrk2 + str->nvar;
+  if (factor(ridge, deficit) != 0) return 1;
   for (long i = 0; i < m; ++i) d[i] = -str->gpro[i];
   matrix::zchol2(static_cast<int>(m), l, d);
   matrix::zbaksub(static_cast<int>(m), l, d);

@@ -11,6 +11,9 @@ class NewtonModel {
 public:
   explicit NewtonModel(MINSTR* record) : str(record) {}
 
+  // start: the model at the beginning of a cycle, without a ridge. Returns 0 or a termination code.
+  int start(bool first);
+
   // Hessian at x and its part on the free space. Returns 0 or 1 (failed).
   int evaluate(bool first);
 
@@ -25,6 +28,10 @@ public:
   double prediction(double s) const { return -(s * slope + 0.5 * s * s * curvature); }
   double slope_of_step() const { return slope; }
 
+  // full_reduction: what the step without a ridge promises, g'H^-1 g / 2; the largest double where H is not safely
+  // positive definite. Destroys the factor.
+  double full_reduction();
+
   // raised_for_factor: the next ridge after one that left the matrix indefinite. It starts near the rounding of the
   // matrix: a factorization costs nothing beside a Hessian, and a ridge that is larger than need be costs iterations.
   double raised_for_factor(double ridge, double deficit) const;
@@ -37,30 +44,13 @@ public:
   double first_ridge() const;
 
 private:
+  int factor(double ridge, double& deficit);
+
   MINSTR* str;
   double* h = nullptr; // packed, order m
   double slope = 0.0;
   double curvature = 0.0;
   double most = 0.0;
 };
-
-// newton_cycles: the frame of both Newton techniques: cycles from a start section to a result, with `iteration` called
-// until it returns a code. Returns the termination code.
-template <class Iteration> int newton_cycles(MINSTR* str, NewtonModel& model, Iteration iteration)
-{
-  if (const int rc = begin_technique(str, true); rc != 0) return rc;
-  for (bool first = true;; first = false) {
-    begin_cycle(str);
-    if (constrained(*str)) znlpdac(str);
-    int code = 0;
-    if (model.evaluate(first) != 0) code = first ? code_start_derivative : code_hessian;
-    const bool all_held = free_dimension(*str) == 0;
-    if (code == 0 && (first || all_held)) code = test_termination(str, all_held ? 1 : 10);
-    str->ridg = 0.0;
-    while (code == 0) code = iteration();
-    if (code != code_reenter) code = end_technique(str, code);
-    if (code != code_reenter) return code;
-  }
-}
 
 } // namespace torvale::optimizer

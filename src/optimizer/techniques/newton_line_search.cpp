@@ -1,8 +1,6 @@
-#include "optimizer/techniques/technique.h"
-
-#include "optimizer/active_set/active_set.h"
 #include "optimizer/derivatives/objective_access.h"
 #include "optimizer/line_search/line_search.h"
+#include "optimizer/techniques/cycles.h"
 #include "optimizer/techniques/newton.h"
 
 #include <algorithm>
@@ -19,12 +17,8 @@ class NewtonRaphson {
 public:
   explicit NewtonRaphson(MINSTR* record) : str(record), model(record) {}
 
-  int run()
-  {
-    return newton_cycles(str, model, [this] { return iteration(); });
-  }
+  int start(bool first) { return model.start(first); }
 
-private:
   int iteration()
   {
     remember(str);
@@ -48,7 +42,11 @@ private:
     str->dfes = str->cold - str->crit;
     ++str->itre;
     str->nitr += 1.0;
-    if (str->ridg > 0.0) str->scut = cut_radius;
+    if (str->alfa < 0.1) str->scut = cut_search;
+    if (str->ridg > 0.0) {
+      str->scut = cut_radius;
+      str->pred = model.full_reduction(); // GCONV asks what the full step would gain, whatever cut this one
+    }
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     str->gcri = std::abs(znlpgs(*str, str->grad, str->sdir));
@@ -57,6 +55,7 @@ private:
     return model.evaluate(false) != 0 ? code_hessian : 0;
   }
 
+private:
   void raise_ridge(double ridge)
   {
     str->ridg = ridge;
@@ -97,7 +96,8 @@ private:
 
 int znlpnra(MINSTR* str)
 {
-  return NewtonRaphson(str).run();
+  NewtonRaphson technique(str);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer

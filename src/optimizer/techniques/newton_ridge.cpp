@@ -1,7 +1,5 @@
-#include "optimizer/techniques/technique.h"
-
-#include "optimizer/active_set/active_set.h"
 #include "optimizer/derivatives/objective_access.h"
+#include "optimizer/techniques/cycles.h"
 #include "optimizer/techniques/newton.h"
 
 #include "matrix/vector_kernels.h"
@@ -20,12 +18,8 @@ class RidgedNewton {
 public:
   explicit RidgedNewton(MINSTR* record) : str(record), model(record) {}
 
-  int run()
-  {
-    return newton_cycles(str, model, [this] { return iteration(); });
-  }
+  int start(bool first) { return model.start(first); }
 
-private:
   int iteration()
   {
     remember(str);
@@ -38,9 +32,11 @@ private:
     str->alfa = matrix::zvenorm(str->nvar, 1, str->sdir);
     str->nitr += 1.0;
     ++str->itre;
+    const bool cut = str->ridg > 0.0 || str->stub < 1.0;
     if (str->ridg > 0.0) str->scut = cut_radius;
     if (objective_gradient(str) != 0) return code_gradient;
     choose_next_ridge();
+    if (cut) str->pred = model.full_reduction(); // GCONV asks what the full step would gain, whatever cut this one
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     if (const int code = test_termination(str, 1); code != 0) return code;
@@ -48,6 +44,7 @@ private:
     return model.evaluate(false) != 0 ? code_hessian : 0;
   }
 
+private:
   void raise_ridge(double factor) { str->ridg = std::max(factor * str->ridg, model.first_ridge()); }
 
   // The ridge rises until the objective does not: an accepted decrease stays, whatever the slope there.
@@ -115,7 +112,8 @@ private:
 
 int znlpnrr(MINSTR* str)
 {
-  return RidgedNewton(str).run();
+  RidgedNewton technique(str);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer

@@ -1,7 +1,5 @@
-#include "optimizer/techniques/technique.h"
-
-#include "optimizer/active_set/active_set.h"
 #include "optimizer/derivatives/objective_access.h"
+#include "optimizer/techniques/cycles.h"
 #include "optimizer/updates/secant_matrix.h"
 
 #include "matrix/vector_kernels.h"
@@ -15,50 +13,14 @@ class QuasiNewton {
 public:
   QuasiNewton(MINSTR* record, bool dual_form) : str(record), dual(dual_form), secant(record, dual_form) {}
 
-  int run()
+  int start(bool)
   {
-    if (const int rc = begin_technique(str, true); rc != 0) return rc;
-    for (;;) {
-      const int code = cycle();
-      if (code != restart && code != code_reenter) {
-        const int last = end_technique(str, code);
-        if (last != code_reenter) return last;
-        moved = true; // to a better point, or to a better gradient
-      } else if (code == restart && !moved) {
-        // A second start from the same point with the same active set would take the same step.
-        const int last = end_technique(str, code_no_progress);
-        if (last != code_reenter) return last;
-      }
-      if (code == code_reenter) moved = true;
-    }
-  }
-
-private:
-  static constexpr int restart = 1000; // beyond all termination codes
-
-  // From one start of the matrix to the next.
-  int cycle()
-  {
-    begin_cycle(str);
-    const bool first = !reported;
-    znlpgmx(str);
-    if (constrained(*str) && znlpdac(str) != 0) moved = true;
     if (const int rc = secant.start(); rc != 0) return rc;
     if (free_dimension(*str) > 0) {
       find_direction();
       str->pred = -slope;
     }
-    const bool all_held = free_dimension(*str) == 0;
-    if (first || all_held) {
-      reported = true;
-      const int code = test_termination(str, all_held ? 1 : 10);
-      if (code != 0) return code;
-    }
-    moved = false;
-    for (;;) {
-      const int code = iteration();
-      if (code != 0) return code;
-    }
+    return 0;
   }
 
   int iteration()
@@ -66,34 +28,35 @@ private:
     remember(str);
     long blocking = -1;
     str->stub = constrained(*str) ? znlpstl(*str, str->xold, str->sdir, &blocking) : largest;
-    if (str->stub <= 2.225073858507202e-306) return str->itre > 0 ? restart : code_no_progress;
+    if (str->stub <= 2.225073858507202e-306) return str->itre > 0 ? restart_cycle : code_no_progress;
 
     const int failed = str->linse(str);
     if (failed != 0 || str->alfa <= smallest_normal) {
       go_back(str);
       if (interrupted(*str)) return code_objective;
-      return str->itre < 1 ? code_no_progress : restart;
+      return str->itre < 1 ? code_no_progress : restart_cycle;
     }
     str->dfes = str->cold - str->crit;
-    moved = true;
     ++str->itre;
     str->nitr += 1.0;
+    if (str->alfa < 0.1) str->scut = cut_search;
+    correct_prediction(str, str->alfa * str->alfa * -slope);
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     if (const int code = test_termination(str, 1); code != 0) return code;
     if (settled > 0 || static_cast<double>(str->itre) >= str->nres) {
       str->salf = 1.0;
-      return restart;
+      return restart_cycle;
     }
     if (str->itre >= 5) str->salf = 1.0;
     const int updated = secant.update();
     str->null = updated;
-    if (updated < 0) return restart;
-    if (free_dimension(*str) == 0) return restart;
+    if (updated < 0) return restart_cycle;
+    if (free_dimension(*str) == 0) return restart_cycle;
     find_direction();
     str->pred = -slope;
     str->ridg = 0.0;
-    return good_direction() ? 0 : restart;
+    return good_direction() ? 0 : restart_cycle;
   }
 
   // The direction of the free space. Where it runs into a constraint that x touches, the matrix has misled it: a
@@ -130,19 +93,19 @@ private:
   bool dual;
   SecantMatrix secant;
   double slope = 0.0;
-  bool moved = true;     // a step was accepted, or the active set changed, since the last start
-  bool reported = false; // the state before the first iteration has been shown
 };
 
 } // namespace
 
 int znlpdqn(MINSTR* str)
 {
-  return QuasiNewton(str, true).run();
+  QuasiNewton technique(str, true);
+  return run_cycles(str, technique);
 }
 int znlpqun(MINSTR* str)
 {
-  return QuasiNewton(str, false).run();
+  QuasiNewton technique(str, false);
+  return run_cycles(str, technique);
 }
 
 } // namespace torvale::optimizer

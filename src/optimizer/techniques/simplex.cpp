@@ -2,6 +2,7 @@
 
 #include "optimizer/active_set/active_set.h"
 #include "optimizer/derivatives/objective_access.h"
+#include "optimizer/techniques/values_check.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,13 +13,15 @@ namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr int most_restarts = 5;
+constexpr int most_checks = 10;
 constexpr double restart_size = 0.1;
 constexpr double worthwhile_gain = 1e-12; // relative; a restart that gains less is the last
 
-// NMSIMP and NMSIM2: the simplex method of J. A. Nelder and R. Mead (A simplex method for function minimization,
-// Computer Journal 7, 1965). Trial points are clipped to the bounds; a failed evaluation is a vertex of infinite
-// height. A simplex that has converged, or collapsed, is built anew around its best vertex: only a simplex that finds
-// nothing twice is believed.
+// NMSIMP and NMSIM2: the simplex method of J. A. Nelder and R. Mead (A simplex
+// method for function minimization, Computer Journal 7, 1965). Trial points are
+// clipped to the bounds; a failed evaluation is a vertex of infinite height. A
+// simplex that has converged, or collapsed, is built anew around its best
+// vertex: only a simplex that finds nothing twice is believed.
 class NelderMead {
 public:
   NelderMead(MINSTR* record, double reflection_factor)
@@ -39,18 +42,28 @@ public:
     publish();
     code = test_termination(str, 10);
     double before = infinity;
-    int restarts = most_restarts;
+    int restarts = most_restarts, checks = most_checks;
     while (true) {
       if (code == 0) code = iteration();
       const double gain = before - y[best];
       const bool may_restart = restarts > 0 && (before == infinity || gain > worthwhile_gain * std::abs(y[best]));
       const bool converged = (code > 0 && code != code_absconv && code != code_reenter) || code == code_no_progress;
       if (code == 0) continue;
+      bool again = may_restart;
+      if (converged && !may_restart && code > 0) {
+        // A simplex that lies flat against bounds, or across a valley, finds
+        // nothing and is no minimum.
+        const int confirmed = checks > 0 ? confirm_by_values(str, check_tolerance(), second + n) : -1;
+        if (interrupted(*str)) code = code_objective;
+        if (confirmed < 0 && code > 0) code = code_no_progress;
+        again = confirmed > 0;
+        --checks;
+      }
       if (code == code_reenter) { // the optimality check has moved x to a better point
         code = build(restart_size);
-      } else if (converged && may_restart) {
-        before = y[best];
-        --restarts;
+      } else if (converged && again) {
+        before = may_restart ? y[best] : infinity;
+        restarts = may_restart ? restarts - 1 : 1;
         ++str->ires;
         str->itre = 0;
         code = build(restart_size);
@@ -72,13 +85,17 @@ private:
     return objective_value(str) != 0 ? infinity : str->crit;
   }
 
+  // What FCONV2 forgives, or FCONV where that is looser.
+  double check_tolerance() const { return std::max(str->fto2, str->ftol) * std::max(1.0, std::abs(str->crit)); }
+
   double inside(long i, double value) const
   {
     return str->bounds == 0 || str->iabc[i] == 2 ? value : std::clamp(value, str->lb[i], str->ub[i]);
   }
 
-  // A simplex around x: vertex k is x moved along one parameter by `size` of its magnitude, to the side that has room.
-  // Where the objective fails the other side and smaller moves are tried, then larger ones up to INFSTEP.
+  // A simplex around x: vertex k is x moved along one parameter by `size` of
+  // its magnitude, to the side that has room. Where the objective fails the
+  // other side and smaller moves are tried, then larger ones up to INFSTEP.
   int build(double size)
   {
     std::copy_n(str->x, n, vertex(0));
@@ -103,7 +120,8 @@ private:
     const double move = size * std::max(1.0, std::abs(centre));
     for (const double side : {1.0, -1.0}) {
       const double moved = inside(i, centre + side * move);
-      // A move cut to less than half by a bound goes to the other side when that has more room.
+      // A move cut to less than half by a bound goes to the other side when
+      // that has more room.
       const bool short_move = std::abs(moved - centre) < 0.5 * move;
       if (moved == centre ||
           (side > 0.0 && short_move && std::abs(inside(i, centre - move) - centre) > std::abs(moved - centre)))
@@ -124,7 +142,8 @@ private:
     return code;
   }
 
-  // The best, the worst and the second worst vertex, and the centroid of all but the worst.
+  // The best, the worst and the second worst vertex, and the centroid of all
+  // but the worst.
   void order()
   {
     best = worst = 0;
@@ -142,7 +161,8 @@ private:
     }
   }
 
-  // What the termination test compares: f of the best vertex now, of the worst as "before", the spread as prediction.
+  // What the termination test compares: f of the best vertex now, of the worst
+  // as "before", the spread as prediction.
   void publish()
   {
     std::copy_n(vertex(best), n, str->x);
@@ -203,7 +223,8 @@ private:
     } else if (value <= y[next_worst]) {
       replace_worst(reflected, value);
     } else {
-      // Towards the reflected point when that beats the worst, else towards the worst.
+      // Towards the reflected point when that beats the worst, else towards the
+      // worst.
       const bool outside = value < y[worst];
       const double contracted = trial(outside ? 0.5 * reflection : -0.5, second);
       if (contracted < (outside ? value : y[worst]))

@@ -6,6 +6,7 @@
 #include "optimizer/derivatives/units.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace torvale::optimizer {
@@ -16,7 +17,7 @@ int begin_technique(MINSTR* str, bool with_gradient)
     str->nitr = 0.0;
     str->nfct = str->ngrd = str->nhes = str->nhup = str->nlis = str->ires = 0;
   }
-  str->itre = str->null = 0;
+  str->itre = str->null = str->idle_steps = 0;
   str->scut = cut_none;
   reset_change(str);
   str->cutf = 0;
@@ -102,6 +103,21 @@ int settle_constraints(MINSTR* str, const double* d)
   znlpgmx(str);
   znlpdac(str);
   return 0;
+}
+
+void correct_prediction(MINSTR* str, double modelled)
+{
+  const double noise = std::abs(str->cold) * str->ftol;
+  if (!(str->pred > noise) || !(modelled > 0.0)) return;
+  double before = 0.0, after = 0.0; // slopes of the step
+  for (long i = 0; i < str->nvar; ++i) {
+    const double s = str->x[i] - str->xold[i];
+    before += s * str->gold[i];
+    after += s * str->grad[i];
+  }
+  const double by_values = 2.0 * (str->crit - str->cold - before);
+  const double observed = std::max({after - before, by_values, 1e-8 * modelled});
+  if (observed < modelled) str->pred *= modelled / observed;
 }
 
 double* free_hessian(MINSTR* str)

@@ -42,6 +42,11 @@ void go_back(MINSTR* str);
 // it could not be.
 int settle_constraints(MINSTR* str, const double* d);
 
+// correct_prediction: raises pred by what the step from xold to x has shown of the metric: where the curvature along it
+// was less than the metric's own (`modelled`, s'Bs), the metric is too stiff and promises too little from here on as
+// well. Only for a metric that is learnt; what either the gradients or the values bear out is believed.
+void correct_prediction(MINSTR* str, double modelled);
+
 // free_hessian: the Hessian at x into hess, its part on the free space into hpro (hess itself serves when nothing is
 // held and there are no linear rows: the pointer returned). Null when the Hessian failed.
 double* free_hessian(MINSTR* str);

@@ -17,6 +17,10 @@ namespace torvale::optimizer {
 // Returns 0; or 1 when no factor was found (H or g not finite).
 int gqtstp(DGWSTR* state, long m, const double* h, const double* g, double* p, double* factor, double* work);
 
+// newton_reduction: what the full Newton step on h promises, g'H^-1 g / 2: known already when gqtstp has tried it. The
+// largest double where h is not positive definite. factor is destroyed, work is m doubles.
+double newton_reduction(const DGWSTR& state, long m, const double* h, const double* g, double* factor, double* work);
+
 // assess: decides on the step from cold to crit with the prediction pred and the slope gtst, after the decision routine
 // of J. E. Dennis, D. M. Gay and R. E. Welsch, An adaptive nonlinear least-squares algorithm, ACM TOMS 7 (1981). Sets
 // irc: 3, 4 accept; 5 with rinc > 0 try a larger radius (this step is worth saving); 1 shrink; and radf, the factor

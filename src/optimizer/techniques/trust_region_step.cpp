@@ -102,6 +102,16 @@ double shifted_form(long m, const double* l, const double* p, double* work)
 
 } // namespace
 
+double newton_reduction(const DGWSTR& state, long m, const double* h, const double* g, double* factor, double* work)
+{
+  if (state.dst0 >= 0.0) return state.newton_gain;
+  double pivot = 0.0;
+  if (factor_shifted(m, h, 0.0, factor, pivot) >= 0) return largest;
+  std::copy_n(g, m, work);
+  matrix::zchol2(static_cast<int>(m), factor, work);
+  return 0.5 * zvdot11(work, work, m);
+}
+
 int gqtstp(DGWSTR* state, long m, const double* h, const double* g, double* p, double* factor, double* work)
 {
   MINSTR* const str = state->minstr;
@@ -141,7 +151,10 @@ int gqtstp(DGWSTR* state, long m, const double* h, const double* g, double* p, d
     have_step = true;
     step_alpha = alpha;
     const double length = norm(p, m);
-    if (alpha == 0.0) state->dst0 = length;
+    if (alpha == 0.0) {
+      state->dst0 = length;
+      state->newton_gain = -0.5 * zvdot11(g, p, m);
+    }
     if (alpha == 0.0 && length <= radius * (1.0 + radius_tolerance)) break;
     const double phi = length - radius;
     if (std::abs(phi) <= radius_tolerance * radius) break;

@@ -39,6 +39,7 @@ int SecantMatrix::start()
 {
   if (str->load != 0) {
     fresh = true;
+    skipped = 0;
     return start_from_hessian();
   }
   start_anew();
@@ -48,6 +49,7 @@ int SecantMatrix::start()
 void SecantMatrix::start_anew()
 {
   fresh = true;
+  skipped = 0;
   const double r = is_missing(str->dhes) || !(str->dhes > 0.0) ? 1.0 : str->dhes;
   if (whole) fill_diagonal(str->hess, n, r);
   fill_diagonal(matrix, free_dimension(*str), !dual ? 1.0 / r : whole ? std::sqrt(r) : r);
@@ -83,14 +85,18 @@ void SecantMatrix::direction()
 
 double SecantMatrix::quadratic_form(const double* v)
 {
+  multiply(v, w1);
+  return matrix::zvdot11(v, w1, free_dimension(*str));
+}
+
+// r := B v on the free space, from the factor.
+void SecantMatrix::multiply(const double* v, double* r)
+{
   const long m = free_dimension(*str);
-  std::fill_n(w1, m, 0.0);
-  if (whole) { // |L'v|^2
-    for (long i = 0; i < m; ++i) matrix::zvxay11(w1, matrix + packed_row(i), i + 1, v[i]);
-    return matrix::zvdot11(w1, w1, m);
-  }
-  multiply_ldl(m, matrix, v, w1, w2);
-  return matrix::zvdot11(v, w1, m);
+  if (!whole) return multiply_ldl(m, matrix, v, r, w2);
+  std::fill_n(w2, m, 0.0);
+  for (long i = 0; i < m; ++i) matrix::zvxay11(w2, matrix + packed_row(i), i + 1, v[i]); // L'v
+  for (long i = 0; i < m; ++i) r[i] = matrix::zvdot11(matrix + packed_row(i), w2, i + 1);
 }
 
 double SecantMatrix::diagonal(long i) const
@@ -111,7 +117,7 @@ int SecantMatrix::update()
   const bool scale =
       (n > 10 || str->start_scale != 0) && str->load == 0 && (str->itre == 1 || (str->itre == 2 && str->alfa > 1.0));
   fresh = false;
-  if (!whole) return str->updat(str, dual ? 2 : 1, scale, str->xold, str->gold, matrix, w1, w2, w3);
+  if (!whole) return update_free(scale, str->xold, str->gold);
   if (str->chac != 0) {
     str->scal = 1.0;
     const int rc = update_whole();
@@ -119,9 +125,37 @@ int SecantMatrix::update()
   }
   znlpvre(*str, str->xold, s);
   znlpvre(*str, str->gold, y);
-  const int rc = str->updat(str, dual ? 3 : 1, scale, s, y, matrix, w1, w2, w3);
+  const int rc = update_free(scale, s, y);
   if (rc == 0) update_whole();
   return rc;
+}
+
+// The update of the matrix of the free space. One that is skipped for lack of curvature leaves the matrix as it is;
+// after a second one in succession the same step would come back for ever, so that one is damped.
+int SecantMatrix::update_free(bool scale, double* step, double* change)
+{
+  const int job = !dual ? 1 : whole ? 3 : 2;
+  if (skipped > 0) damp(step, change);
+  const int rc = str->updat(str, job, scale, step, change, matrix, w1, w2, w3);
+  skipped = rc > 0 ? skipped + 1 : 0;
+  return rc;
+}
+
+// Powell's damping: the pair is moved towards what the matrix expects until its curvature is a tenth of that: y towards
+// B s, or s towards H y where the inverse is kept.
+void SecantMatrix::damp(double* step, double* change)
+{
+  const long m = free_dimension(*str);
+  double* const moved = dual ? change : step;
+  const double* const fixed = dual ? step : change;
+  if (dual)
+    multiply(fixed, w1);
+  else
+    multiply_symmetric(m, matrix, fixed, w1);
+  const double expected = matrix::zvdot11(fixed, w1, m), found = matrix::zvdot11(fixed, moved, m);
+  if (!(expected > tiny_threshold) || !(found < 0.1 * expected)) return;
+  const double theta = 0.9 * expected / (expected - found);
+  for (long i = 0; i < m; ++i) moved[i] = theta * moved[i] + (1.0 - theta) * w1[i];
 }
 
 // Turns the packed matrix of the free space into the form in use.

@@ -12,7 +12,8 @@ class SecantMatrix {
 public:
   SecantMatrix(MINSTR* record, bool dual_form);
 
-  // The start matrix: r I, or with INHESSIAN the metric of the caller, else the Hessian at x. Returns 0, -11 or -5 (no ridge makes it definite).
+  // The start matrix: r I, or with INHESSIAN the metric of the caller, else the Hessian at x. Returns 0, -11 or -5 (no
+  // ridge makes it definite).
   int start();
 
   // The start matrix r I, whatever INHESSIAN says.
@@ -42,12 +43,16 @@ private:
   bool metric_of_caller();
   int start_from_hessian();
   int update_whole();
+  int update_free(bool scale, double* step, double* change);
+  void damp(double* step, double* change);
+  void multiply(const double* v, double* r);
 
   MINSTR* str;
   long n;
   bool whole; // there are constraints: hess holds all of B
   bool dual;  // factored form
   bool fresh = true;
+  int skipped = 0; // updates in succession that were refused
   double* matrix;
   double *s, *y, *w1, *w2, *w3; // scratch in wrk2: n, n, n, 2n, 2n
 };
