@@ -59,7 +59,7 @@ int request_curvature(NX& n, REFFECT& reff)
 
 int request_block(NX& n, REFFECT& reff)
 {
-  const bool gradient = n.fd == 0;
+  const bool gradient = by_parameters(n);
   if (engine::cmpder(reff.gradstr, CMPLIST{{n.llsym}}, gradient || n.needcrossu ? reff.prsym : reff.ransym, *n.gcmp) != 0)
     return 1012;
   if (!(gradient || n.needcrossu)) {
@@ -87,7 +87,6 @@ int request_block(NX& n, REFFECT& reff)
 const char* unserved(const NX& n)
 {
   if (n.nreff() > 1) return "A model with several RANDOM statements";
-  if (n.nreff() == 1 && n.leaf().distrtype != 0) return "The DISCRETE distribution of RANDOM";
   if (n.nreff() == 1 && n.leaf().nr > most_effects) return "A RANDOM statement with more than 64 random effects";
   return nullptr;
 }

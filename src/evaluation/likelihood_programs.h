@@ -27,4 +27,11 @@ struct Abilities {
 };
 Abilities can_evaluate(const model::NX& n);
 
+// by_parameters: are derivatives of the likelihood by the parameters asked for? With analytic gradients, and for the posterior
+// probabilities of support points.
+inline bool by_parameters(const model::NX& n)
+{
+  return n.fd == 0 || (n.wants_effects && n.method == 4);
+}
+
 } // namespace torvale::evaluation

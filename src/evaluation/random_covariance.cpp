@@ -19,7 +19,7 @@ using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int missing_argument = 135, not_semidefinite = 132;
+constexpr int missing_argument = 135, not_semidefinite = 132, missing_support = 131;
 
 // An indefinite G ends the evaluation; one that is semidefinite to singvar goes on.
 void classify_singular(const NX& n, int nr, BlockWork& block)
@@ -45,6 +45,8 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* outpu
   BatchWork& b = ctx.batch;
   double* const values = b.arguments.data() + p * arguments;
   for (long k = 0; k < arguments; ++k) values[k] = output[k] != nullptr ? output[k][lane] : 0.0;
+  if (reff.distrtype != 0) // support points: no mean, no G
+    return std::any_of(values, values + reff.nd, [](double x) { return std::isnan(x); }) ? missing_support : 0;
   double* const mean = b.mean.data() + static_cast<long>(p) * reff.nr;
   double* const factor = b.factor.data() + static_cast<long>(p) * reff.nrs;
   std::copy_n(values, reff.nr, mean);

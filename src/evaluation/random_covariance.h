@@ -12,8 +12,9 @@ namespace torvale::evaluation {
 int tvlgetg(const model::NX& n, int nr, model::BlockWork& block);
 
 // load_priors: runs the distribution arguments for the batch's slots and fills mean, factor, arguments of ctx.batch: one
-// entry when they do not vary (then only for the first batch after a change of parameters), else one per slot. A slot that
-// fails gets its message number: 135 an argument is missing, 132 G is not positive semidefinite.
+// entry when they do not vary (then only for the first batch after a change of parameters), else one per slot. Of a discrete distribution only arguments. A slot that
+// fails gets its message number: 135 an argument is missing, 132 G is not positive semidefinite, 131 an argument of a discrete
+// distribution is missing.
 // with_derivatives: arguments also holds the derivatives by parameters. Returns 0 or the engine's code above 2.
 int load_priors(const model::NX& n, model::TVLThreadCtx& ctx, bool with_derivatives);
 

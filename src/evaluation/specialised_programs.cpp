@@ -178,7 +178,7 @@ int specialise_programs(NX& n)
   p = ModelPrograms{};
   p.np = n.nparm;
   for (const REFFECT& reff : n.reff) p.ne += reff.nr;
-  const bool analytic = n.fd == 0;
+  const bool analytic = by_parameters(n);
   p.value = value_outputs(n).specialise(*n.gcmp);
   if (n.nreff() == 0) {
     if (analytic) p.gradient = gradient_outputs(n, n.gradstr).specialise(*n.gcmp);

@@ -13,6 +13,7 @@ inline constexpr double root_two = 1.4142135623730951;
 
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
+const Integrator& support_points();      // a discrete distribution: the sum over its points
 
 // The message of a nest whose integral is zero: 354, or 355 when its subject is a text.
 inline int zero_integral(const model::NX& n)

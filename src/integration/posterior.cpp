@@ -45,6 +45,12 @@ public:
       ctx->frame->set_parameters(n.parm.data());
       ctx->batch.prior_loaded = false;
     }
+    if (n.method == 4) {
+      out.points = support_size(reff_);
+      out.probability.assign(subjects * static_cast<std::size_t>(out.points), host::missing);
+      out.probability_by.assign(subjects * static_cast<std::size_t>(out.points * np_), host::missing);
+      return;
+    }
     work_.resize(n.ctx.size());
     for (Work& w : work_) {
       w.cross.resize(static_cast<std::size_t>(nr_ * np_) * static_cast<std::size_t>(n.ctx[0]->batch.mode_stride));
@@ -56,8 +62,7 @@ public:
   {
     if (ended_.load(std::memory_order_relaxed) != 0) return;
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
-    if (const int rc = batch(ctx, work_[static_cast<std::size_t>(context)], n_.batches[static_cast<std::size_t>(item)]);
-        rc > 2)
+    if (const int rc = batch(ctx, context, n_.batches[static_cast<std::size_t>(item)]); rc > 2)
       ended_.store(rc, std::memory_order_relaxed);
   }
 
@@ -69,10 +74,12 @@ private:
     std::vector<double> effects; // four vectors of nr
   };
 
-  int batch(TVLThreadCtx& ctx, Work& w, const model::Batch& batch)
+  int batch(TVLThreadCtx& ctx, int context, const model::Batch& batch)
   {
     BatchWork& b = ctx.batch;
     take_batch(n_, ctx, batch);
+    if (n_.method == 4) return support_posteriors(n_, ctx, out_);
+    Work& w = work_[static_cast<std::size_t>(context)];
     if (const int rc = evaluation::load_priors(n_, ctx, true); rc > 2) return rc;
     if (const int rc = modes::tvlebes(n_, ctx); rc > 2) return rc;
     int good = 0;

@@ -117,6 +117,13 @@ void readrandom(NX& n, const STMT& stmt, REFFECT& reff)
   reff.alpha = stmt.number_or(7, n.alpha);
   reff.dfe = stmt.number_or(8, -1);
   if (stmt.given(6) && !stmt.slot(6).list.empty()) reff.outeb = &stmt.slot(6).list[0];
+  if (!stmt.given(9) || stmt.slot(9).list.empty()) return;
+  if (reff.distrtype == 8) {
+    reff.outpp = &stmt.slot(9).list[0];
+  } else {
+    n.host->log().xpmlog(503, 335, {}, place_at(n, "RANDOM", stmt.slot(9).where));
+    n.raise(4);
+  }
 }
 
 } // namespace torvale::run

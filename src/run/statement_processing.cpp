@@ -98,7 +98,7 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10))) refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "RANDOM" && stmt.given(10)) refuse("OUTRI$ of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
   if (procedure.given(89)) refuse("OUTQ=", "TORVALE", procedure.slot(89).where);
@@ -160,7 +160,7 @@ void random_statements(NX& n, const STMT& procedure)
   n.reff.resize(1);
   readrandom(n, *statements[0], n.leaf());
   STMT* prediction = nullptr;
-  n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
+  n.wants_effects = n.leaf().outeb != nullptr || n.leaf().outpp != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
