@@ -25,6 +25,8 @@ struct RunSettings {
   int threads = 0;         // workers when the program does not say: 0 serial, negative all cores
   long seed = 0;           // seed when the program does not say; 0 the clock
   bool check_only = false; // parse and compile, fit nothing
+  bool strict = false;     // names that would become parameters without being in PARMS are errors
+  std::vector<std::string> own_files; // files that the caller writes or reads beside the run: programs may not replace them
   // Hooks; any may be empty. Called on the thread that calls run().
   std::function<void(std::string_view)> listing;  // text of the listing as it grows
   std::function<void(std::string_view)> log;      // lines of the log, with their ends

@@ -26,10 +26,10 @@ host::MessagePlace place_of(const NX& n, std::int64_t row)
   host::MessagePlace place;
   place.row = n.store->file_row[static_cast<std::size_t>(row)];
   if (n.nreff() > 0) {
-    const auto& subjects = n.outer().SubInfo;
+    const auto& subjects = n.leaf().SubInfo;
     const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
                                      [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
-    if (it != subjects.begin()) place.subject = std::prev(it)->prnc;
+    if (it != subjects.begin()) place.subject = n.nreff() > 1 ? std::prev(it)->nestlev : std::prev(it)->prnc;
   }
   return place;
 }
@@ -43,13 +43,6 @@ FaultWords words_of(const NX& n, const engine::Fault& fault)
 {
   const syntax::Position where = n.sources->user_position(fault.where);
   return {fault.text, where.line > 0 ? shortened(n.sources->line_text(where)) : "", where.line};
-}
-
-void FaultWords::add_to(host::MessageArguments& arguments, host::MessagePlace& place) const
-{
-  arguments.emplace_back("reason", reason);
-  if (!source.empty()) arguments.emplace_back("source", source);
-  place.line = line;
 }
 
 } // namespace torvale::evaluation

@@ -16,7 +16,13 @@ struct FaultWords {
   std::string source;
   int line = 0;
 
-  void add_to(host::MessageArguments& arguments, host::MessagePlace& place) const;
+  // Fills the members of a message, and the line of its place.
+  template <class Message> void add_to(Message& message, host::MessagePlace& place) const
+  {
+    message.reason = reason;
+    message.source = source;
+    place.line = line;
+  }
 };
 FaultWords words_of(const model::NX& n, const engine::Fault& fault);
 

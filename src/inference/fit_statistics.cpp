@@ -1,3 +1,5 @@
+#include "host/message_names.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 
 #include <algorithm>
@@ -12,19 +14,21 @@ void write_fit_statistics(model::NX& n)
   const double p = n.nparm;                                              // parameters
   const double m = std::max(static_cast<double>(n.store->nobsu), p + 2); // floor: AICC stays finite
   const double q = n.nreff() > 0 ? n.outer().nrepsub : static_cast<double>(n.store->nobsu);
-  host::Table table("FitStatistics", host::otbmsg(503, 119),
-                    {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
-                     {"Value", CellKind::number, host::otbmsg(503, 32), "BEST8", ""}});
-  table.row({host::xpmstr(503, 120), 2 * c});
-  table.row({host::xpmstr(503, 121), 2 * (p + c)});
-  table.row({host::xpmstr(503, 122), 2 * (p * m / (m - p - 1) + c)});
-  table.row({host::xpmstr(503, 123), 2 * c + p * std::log(q)});
+  host::Table table("FitStatistics", host::otbmsg(label::fit_statistics),
+                    {{"Descr", CellKind::text, host::otbmsg(label::description), "", ""},
+                     {"Value", CellKind::number, host::otbmsg(label::value), "BEST8", ""}});
+  table.row({host::xpmstr(label::minus_two_log_likelihood), 2 * c});
+  table.row({host::xpmstr(label::aic), 2 * (p + c)});
+  table.row({host::xpmstr(label::aicc), 2 * (p * m / (m - p - 1) + c)});
+  table.row({host::xpmstr(label::bic), 2 * c + p * std::log(q)});
   n.host->tables().wobmth(std::move(table));
 }
 
 void write_fit_tables(model::NX& n)
 {
   if (n.znlprc > 0) write_fit_statistics(n);
+  warn_without_influence(n);
+  if (n.znlprc > 0 && !n.covmat.empty() && !(n.dfe > 0.0)) n.host->log().xpmlog(message::no_degrees_of_freedom{.df = n.dfe});
   tvlpest(n, 1);
   if (n.phess && !n.hessmat.empty()) tvlphes(n, 0);
   if (n.znlprc <= 0 || n.covmat.empty()) return;

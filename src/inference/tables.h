@@ -18,7 +18,7 @@ struct TVAL {
 };
 
 // tvltval: fills the outputs. (tvl procedure, tval t value.) Returns 0; 1 when all outputs are missing because an input
-// is missing or estimate and error are both 0.
+// is missing or infinite, or the error is not above 0. With degrees of freedom not above 0 there is a t value and no more.
 int tvltval(TVAL& t);
 
 // "FitStatistics": -2 log likelihood, AIC, AICC, BIC of a fit with minimized objective n.fval.

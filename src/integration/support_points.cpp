@@ -7,6 +7,7 @@
 
 #include "evaluation/random_covariance.h"
 #include "evaluation/record_sums.h"
+#include "host/message_names.h"
 #include "integration/evaluation_parts.h"
 #include "integration/posterior.h"
 #include "modes/mode_search.h"
@@ -23,7 +24,7 @@ using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int impossible_support = 131; // message of a probability outside its range
+constexpr int impossible_support = message::likelihood_not_usable::message_number; // a probability outside its range
 constexpr double largest_exponent = 709.0;
 
 // The support of one prior.

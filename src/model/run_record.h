@@ -51,6 +51,7 @@ struct RunOptions {
   bool ebopt = false;         // try the optimization library when Newton did not converge
   bool ebzstart = false;      // always start at the mean
   bool ebgn = false;          // Gauss-Newton Hessian in nested searches
+  bool ebiter = false;        // EBITER$: the levels of nested searches take turns
   // Tolerances
   double singvar = 1.110223024625157e-12;
   double singchol = 1.110223024625157e-12;
@@ -80,7 +81,8 @@ struct RunOptions {
   bool debug = false;
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
-  bool retfail = false;
+  bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
+  bool reobsinfo = false;     // REOBSINFO$: tables of the subjects
   bool runThreads = false;    // NTHREADS= not 0
   int nthreads = 0;           // threads the program asked for
   int command_threads = 0;    // threads the command line asked for (--threads); 0 serial, negative all cores
@@ -161,6 +163,8 @@ struct ModelLists {
   REFFECT& leaf() { return reff.front(); }
   int nlag = 0;                               // lag depth of the program
   engine::CMPLIST prsym;                      // parameters
+  engine::CMPLIST mransym;                    // random effects of all levels, the outermost first
+  engine::CMPLIST mrnprsym;                   // parameters, then these
   engine::CMPDER gradstr;                     // _ll by parameters, without random effects
   ModelPrograms programs;                     // of the log likelihood
   // Data pass: _ll, the gradient cells that the method uses, distribution arguments, their derivatives, dependent, replicate.
@@ -172,7 +176,6 @@ struct ModelLists {
   SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;
-  std::vector<int> rhs;                       // data variables (dsvarno) that distribution arguments depend on
 };
 
 struct GroupState {
@@ -185,9 +188,9 @@ struct GroupState {
   int nqpold = -1;
   std::vector<double> absc;                   // abscissas, ascending, nqp of them
   std::vector<double> herm;                   // logs of the weights
-  // Modes of the random effects, nr per subject, subjects in order (block 0).
+  // Modes of the random effects: level by level (REFFECT::mode_first), nr per subject, subjects in order.
   std::vector<double> ebes;                   // accepted: every evaluation starts its searches here
-  std::vector<char> ebes_known;               // per subject: an accepted mode is stored
+  std::vector<char> ebes_known;               // per outermost subject: accepted modes of it and all nested in it are stored
   std::vector<double> ebtrial;                // written by the last evaluation
   std::vector<char> ebtrial_known;
   std::vector<double> ebtrial_point;          // parameter vector that ebtrial belongs to; empty when none
@@ -195,6 +198,7 @@ struct GroupState {
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker
   std::vector<Batch> batches;                 // subjects that share tiles, in order; rebuilt by size_contexts
+  std::vector<std::vector<NestNodes>> batch_nodes; // by batch and level, with several levels
   std::vector<int> batch_subjects;            // usable subjects by batch, in a batch those with more records first
   std::vector<std::int32_t> batch_records;    // store rows by batch and level
   std::vector<std::int32_t> batch_levels;     // by batch: places of batch_records, from the batch's first, where levels begin
@@ -214,6 +218,8 @@ struct FitState {
   bool dograd = false;                        // gradient wanted from the objective
   double objfun = 0.0;                        // objective at parm
   std::vector<double> objgrad;                // its gradient, nparm doubles
+  std::vector<double> lift;                   // per random effect of the leaf: what counts as the variance left where G
+                                              // leaves none (its gradient is a limit, see integration); empty: none
   bool failed = false;                        // the last evaluation failed
   std::vector<double> failed_parm;            // parameters of the last evaluation of this fit that failed; empty: none
   double failed_iteration = 0.0;              // and its iteration

@@ -2,6 +2,7 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "inference/fit_outputs.h"
 #include "inference/tables.h"
 #include "integration/objective.h"
@@ -46,8 +47,9 @@ int report_fit(NX& n)
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = exit_of_outcome(n);
+  if (n.nparm == 0) return exit_clean;
   if (n.covmat.empty()) {
-    n.host->log().xpmlog(503, 9340);
+    n.host->log().xpmlog(message::no_covariance);
     n.raise(4);
   } else {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
@@ -72,11 +74,9 @@ int run_group(NX& n)
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 
-StepOutcome run_groups(NX& n)
+StepOutcome run_groups(NX& n, host::ByGroups& groups)
 {
   StepOutcome outcome;
-  host::ByGroups groups;
-  if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) outcome = {1012, exit_data};
   n.by_groups = &groups;
   const int step_code = n.tvlrc; // warnings of the statements belong to the step
   while (groups.xbynext() && !n.host->interrupted()) {
@@ -91,7 +91,7 @@ StepOutcome run_groups(NX& n)
       n.raise(end.return_code);
       exit_code = exit_program;
     } catch (const std::bad_alloc&) {
-      n.host->log().xpmlog(503, 9341);
+      n.host->log().xpmlog(message::out_of_memory);
       n.raise(1016);
       exit_code = exit_internal;
     }
@@ -116,14 +116,17 @@ StepOutcome hsttorvl(NX& n)
       inference::starting_tables(run);
       return 0;
     };
+    // Data that are not in the order of their BY variables have no groups: nothing is fitted, nothing shown.
+    host::ByGroups groups;
+    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) return {1012, exit_data};
     parallel::tvltinit(n);
     tvlspec(n);
-    outcome = run_groups(n);
+    outcome = run_groups(n, groups);
   } catch (const host::HostExit& end) {
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
   } catch (const std::bad_alloc&) {
-    n.host->log().xpmlog(503, 9341);
+    n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
   parallel::KillThreads(n);

@@ -1,8 +1,10 @@
 // MCMC and PRIOR: posterior sampling of every BY group after its fit.
 
+#include "host/message_names.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
 #include "sampling/sampler.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -10,6 +12,9 @@
 namespace torvale::run {
 
 using model::NX;
+using syntax::mcmc_flag;
+using syntax::mcmc_slot;
+using syntax::prior_slot;
 using syntax::STMT;
 
 namespace {
@@ -26,14 +31,14 @@ std::optional<host::DataSetReference> reference_of(NX& n, const syntax::StItem& 
 
 [[noreturn]] void refuse(NX& n, const char* what, syntax::Position where)
 {
-  n.host->log().xpmlog(503, 9586, {{"what", what}}, place_at(n, "MCMC", where));
+  n.host->log().xpmlog(message::cannot_sample{.what = what}, place_at(n, "MCMC", where));
   tvlexit(n, 3000);
 }
 
 // COVDATA=: a column per parameter; rows in the order of the parameters, or named by a column "Parameter".
 void read_covariance(NX& n, const STMT& mcmc)
 {
-  const syntax::StItem& item = mcmc.slot(9).list.at(0);
+  const syntax::StItem& item = mcmc.slot(mcmc_slot::covdata).list.at(0);
   const auto place = place_at(n, "MCMC", item.where);
   const auto reference = reference_of(n, item, place);
   const auto data = reference ? n.host->libraries().xoopen(*reference, n.host->log(), place) : std::nullopt;
@@ -45,7 +50,7 @@ void read_covariance(NX& n, const STMT& mcmc)
   for (std::size_t j = 0; j < np; ++j) {
     const host::Column* column = data->find(n.parmstr[j].parmname);
     if (column == nullptr || !column->numeric()) {
-      n.host->log().xpmlog(503, 314, {{"name", n.parmstr[j].parmname}}, place);
+      n.host->log().xpmlog(message::covdata_lacks_variable{.name = n.parmstr[j].parmname}, place);
       tvlexit(n, 1012);
     }
     for (std::size_t row = 0; row < data->rows(); ++row) {
@@ -78,29 +83,29 @@ void sampling_needs(NX& n)
   STMT* mcmc = nullptr;
   const int count = syntax::FindStmt(*n.proc, "MCMC", &mcmc);
   if (count > 1) {
-    n.host->log().xpmlog(503, 12, {{"statement", "MCMC"}}, place_at(n, "MCMC", mcmc->where));
+    n.host->log().xpmlog(message::repeated_statement{.statement = "MCMC"}, place_at(n, "MCMC", mcmc->where));
     tvlexit(n, 3000);
   }
   if (count == 0) return;
   n.sampling.mcmc = mcmc;
-  const bool integrated = mcmc->flag(2) || n.nreff() == 0;
+  const bool integrated = mcmc->flag(mcmc_flag::nointegrate) || n.nreff() == 0;
   if (n.nreff() > 1) refuse(n, "a model with several RANDOM statements", mcmc->where);
   if (!integrated && n.method == 4)
     refuse(n, "random effects with the DISCRETE distribution, unless NOINTEGRATE stands", mcmc->where);
   if (!integrated) n.wants_effects = true;
-  if (mcmc->number_or(11, 1) == 2 && n.fd != 0) refuse(n, "SAMPLER=NUTS with FD", mcmc->where);
-  if (mcmc->flag(1)) { // the chains start where PARMS says
+  if (mcmc->number_or(mcmc_slot::sampler, 1) == 2 && n.fd != 0) refuse(n, "SAMPLER=NUTS with FD", mcmc->where);
+  if (mcmc->flag(mcmc_flag::nooptimize)) { // the chains start where PARMS says
     n.noopt = true;
     n.str->tech = 1;
   }
-  if (mcmc->given(9)) read_covariance(n, *mcmc);
+  if (mcmc->given(mcmc_slot::covdata)) read_covariance(n, *mcmc);
 }
 
 void read_sampling_statements(NX& n)
 {
   for (const auto& stmt : n.proc->statements) {
     if (stmt.name != "PRIOR") continue;
-    for (const auto& item : stmt.slot(2).list) {
+    for (const auto& item : stmt.slot(prior_slot::expression).list) {
       engine::CMPSYM* symbol = engine::cmpexpr(*n.gcmp, item.expr);
       if (log_diagnostics(n) > 0) tvlexit(n, 1012);
       parameters_only(n, "PRIOR", symbol, item.where);
@@ -109,7 +114,7 @@ void read_sampling_statements(NX& n)
   }
   if (n.sampling.priors.n() == 0) return;
   if (n.sampling.mcmc == nullptr) {
-    n.host->log().xpmlog(503, 9587);
+    n.host->log().xpmlog(message::prior_without_sampling);
     n.raise(4);
   }
   if (engine::cmpder(n.sampling.prior_der, n.sampling.priors, n.prsym, *n.gcmp) != 0) {
@@ -130,9 +135,9 @@ void specialise_sampling_statements(NX& n)
     }
     s.prior = engine::cmpspec(*n.gcmp, outputs);
   }
-  if (!s.mcmc->given(1) || s.mcmc->slot(1).list.empty()) return;
-  const auto place = place_at(n, "MCMC", s.mcmc->slot(1).list[0].where);
-  const auto reference = reference_of(n, s.mcmc->slot(1).list[0], place);
+  if (!s.mcmc->given(mcmc_slot::out) || s.mcmc->slot(mcmc_slot::out).list.empty()) return;
+  const auto place = place_at(n, "MCMC", s.mcmc->slot(mcmc_slot::out).list[0].where);
+  const auto reference = reference_of(n, s.mcmc->slot(mcmc_slot::out).list[0], place);
   if (reference) s.output = n.host->libraries().open_output(*reference, n.host->log(), place);
   if (s.output == nullptr) tvlexit(n, 1016);
 }
@@ -141,30 +146,30 @@ int run_sampler(NX& n)
 {
   const STMT& mcmc = *n.sampling.mcmc;
   sampling::SamplerOptions o;
-  o.no_u_turn = mcmc.number_or(11, 1) == 2;
-  o.nooptimize = mcmc.flag(1);
-  o.nointegrate = mcmc.flag(2);
-  o.chains = static_cast<int>(mcmc.number_or(10, 4));
-  o.lognote = static_cast<long>(mcmc.number_or(5, 0));
-  o.chain.single = mcmc.flag(3);
-  o.chain.sample = static_cast<long>(mcmc.number_or(2, 1000));
-  o.chain.burn = static_cast<long>(mcmc.number_or(3, o.no_u_turn ? 1000 : 0));
-  o.chain.adjscale = static_cast<long>(mcmc.number_or(6, 0));
+  o.no_u_turn = mcmc.number_or(mcmc_slot::sampler, 1) == 2;
+  o.nooptimize = mcmc.flag(mcmc_flag::nooptimize);
+  o.nointegrate = mcmc.flag(mcmc_flag::nointegrate);
+  o.chains = static_cast<int>(mcmc.number_or(mcmc_slot::chains, 4));
+  o.lognote = static_cast<long>(mcmc.number_or(mcmc_slot::lognote, 0));
+  o.chain.single = mcmc.flag(mcmc_flag::single);
+  o.chain.sample = static_cast<long>(mcmc.number_or(mcmc_slot::sample, 1000));
+  o.chain.burn = static_cast<long>(mcmc.number_or(mcmc_slot::burn, o.no_u_turn ? 1000 : 0));
+  o.chain.adjscale = static_cast<long>(mcmc.number_or(mcmc_slot::adjscale, 0));
   o.chain.adjincr = std::max(1L, static_cast<long>(mcmc.number_or(
                                      7, std::max(50.0, std::floor(static_cast<double>(o.chain.adjscale) / 20.0)))));
-  o.chain.maxbviol = static_cast<long>(mcmc.number_or(8, 10000));
+  o.chain.maxbviol = static_cast<long>(mcmc.number_or(mcmc_slot::maxbviol, 10000));
   o.chain.seed = n.seed;
   o.covariance = n.sampling.covariance;
   o.out = n.sampling.output;
   if (!o.no_u_turn && o.chain.adjscale > o.chain.burn) {
-    n.host->log().xpmlog(503, 9588, {{"adapted", o.chain.adjscale}, {"burn", o.chain.burn}},
+    n.host->log().xpmlog(message::adaptation_beyond_burn_in{.adapted = o.chain.adjscale, .burn = o.chain.burn},
                          place_at(n, "MCMC", mcmc.where));
     n.raise(4);
   }
   const bool sampled = n.nreff() > 0 && !o.nointegrate;
   if (sampled && std::any_of(n.leaf().SubInfo.begin(), n.leaf().SubInfo.end(),
                              [](const auto& s) { return !s.badsub && s.weight != 1.0; })) {
-    n.host->log().xpmlog(503, 9589, {}, place_at(n, "MCMC", mcmc.where));
+    n.host->log().xpmlog(message::replicates_not_sampled, place_at(n, "MCMC", mcmc.where));
     n.raise(1012);
     return 1;
   }

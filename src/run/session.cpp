@@ -26,6 +26,8 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.version = version();
   options.program = settings.program_name;
   options.places = {settings.program_folder, settings.output_folder};
+  if (settings.strict) options.options.emplace_back("STRICT", "");
+  for (const std::string& file : settings.own_files) options.options.emplace_back("KEEP", file);
   options.listing = settings.listing;
   options.log = settings.log;
   options.progress = settings.progress;

@@ -26,6 +26,9 @@ void parameter_setup(model::NX& n);
 void grid_size(model::NX& n);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
+// nested_levels: several RANDOM statements, read: checks the nesting (nestcheck), puts the levels in order, the deepest first, and
+// what else holds for several levels only.
+void nested_levels(model::NX& n, const syntax::STMT& procedure);
 // Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc,
 // callbacks).
 void optimizer_setup(model::NX& n, const syntax::STMT& procedure);

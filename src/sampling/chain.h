@@ -53,10 +53,11 @@ struct ChainCounts {
 class Chain {
 public:
   virtual ~Chain() = default;
-  // Runs up to `iterations` more on a context. Returns 0; 1 when it cannot go on (`failure` is its message number).
+  enum class Failure { none, no_start, out_of_bounds };
+  // Runs up to `iterations` more on a context. Returns 0; 1 when it cannot go on (`failure` says why).
   virtual int advance(int context, long iterations) = 0;
   long done = 0; // iterations run, burn-in included
-  int failure = 0;
+  Failure failure = Failure::none;
   ChainDraws draws;
   ChainCounts counts;
 };

@@ -79,7 +79,7 @@ private:
   {
     objfun_ = evaluate(context, parm_.data(), value_.data());
     if (!(objfun_ > impossible)) {
-      failure = 9584;
+      failure = Failure::no_start;
       return 1;
     }
     if (o_.burn == 0 && o_.sample > 0) keep(context);
@@ -115,7 +115,7 @@ private:
     }
     if (outcome == Outcome::outside)
       for (long& c : counts.outside) ++c;
-    return failure != 0;
+    return failure != Failure::none;
   }
 
   bool one_by_one(int context)
@@ -129,7 +129,7 @@ private:
       const Outcome outcome = try_point(context, random);
       if (outcome == Outcome::accepted) ++counts.accepted[j], ++window_accepted_[j];
       if (outcome == Outcome::outside) ++counts.outside[j];
-      if (failure != 0) return true;
+      if (failure != Failure::none) return true;
     }
     return false;
   }
@@ -139,7 +139,7 @@ private:
   Outcome try_point(int context, RandomStream& random)
   {
     if (!p_.inside(trial_.data())) {
-      if (++violations_ > o_.maxbviol) failure = 310;
+      if (++violations_ > o_.maxbviol) failure = Failure::out_of_bounds;
       return Outcome::outside;
     }
     violations_ = 0;

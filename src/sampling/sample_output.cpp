@@ -1,5 +1,6 @@
 #include "sampling/sample_output.h"
 
+#include "host/message_names.h"
 #include "host/missing.h"
 
 #include <algorithm>
@@ -132,20 +133,19 @@ void write_diagnostics(NX& n, const SamplerOptions& o, const Posterior& target, 
   long divergent = 0;
   for (const Chain* c : chains) divergent += c->counts.divergent;
   if (divergent > 0) {
-    n.host->log().xpmlog(503, 9583, {{"count", divergent}});
+    n.host->log().xpmlog(message::trajectories_diverged{.count = divergent});
     n.raise(4);
   }
   if (found.worst_rhat < agreement && found.least_draws >= enough_draws * count) {
-    n.host->log().xpmlog(503, 9580, {{"rhat", found.worst_rhat}, {"draws", std::floor(found.least_draws)}});
+    n.host->log().xpmlog(message::chains_agree{.rhat = found.worst_rhat, .draws = std::floor(found.least_draws)});
     return;
   }
   if (length == 0) return;
-  n.host->log().xpmlog(503, 9581,
-                       {{"rhat", found.worst_rhat},
-                        {"worst", found.worst},
-                        {"draws", found.least_draws},
-                        {"least", found.least},
-                        {"wanted", static_cast<long>(enough_draws) * o.chains}});
+  n.host->log().xpmlog(message::chains_disagree{.rhat = found.worst_rhat,
+                                                .worst = found.worst,
+                                                .draws = found.least_draws,
+                                                .least = found.least,
+                                                .wanted = static_cast<long>(enough_draws) * o.chains});
   n.raise(4);
 }
 
@@ -159,7 +159,7 @@ void report_drift(NX& n, const Posterior& target, const std::vector<const Chain*
       if (target.fixed[j] != 0 || c->draws.kept() == 0) continue;
       const double last = c->draws.theta[static_cast<std::size_t>(c->draws.kept() - 1) * n.parmstr.size() + j];
       if (std::abs(last - n.parm[j]) <= far_away * scale) continue;
-      n.host->log().xpmlog(503, 9582, {{"name", n.parmstr[j].parmname}});
+      n.host->log().xpmlog(message::chain_drifts{.name = n.parmstr[j].parmname});
       n.raise(4);
       break;
     }
@@ -190,7 +190,7 @@ void write_sample(NX& n, const SamplerOptions& o, const std::vector<const Chain*
   const std::size_t np = n.parmstr.size(), width = out.data().columns().size(), by = n.bylist.size();
   const std::size_t room = width - by - np - 3; // columns of effects: as many as the first BY group has
   if (n.nreff() > 0 && !o.nointegrate && n.leaf().SubInfo.size() * n.leaf().names.size() > room) {
-    n.host->log().xpmlog(503, 9585, {{"count", room / n.leaf().names.size()}});
+    n.host->log().xpmlog(message::sample_lacks_effects{.count = room / n.leaf().names.size()});
     n.raise(4);
   }
   for (std::size_t c = 0; c < chains.size(); ++c) {

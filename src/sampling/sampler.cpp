@@ -1,5 +1,6 @@
 #include "sampling/sampler.h"
 
+#include "host/message_names.h"
 #include "integration/objective.h"
 #include "integration/posterior.h"
 #include "matrix/cholesky.h"
@@ -72,7 +73,7 @@ private:
       const double l = target_.lower[j], u = target_.upper[j], before = theta_[j];
       if (theta_[j] < l) theta_[j] = std::isfinite(u) ? 0.9 * l + 0.1 * u : l + 1.0;
       if (theta_[j] > u) theta_[j] = std::isfinite(l) ? 0.9 * u + 0.1 * l : u - 1.0;
-      if (theta_[j] != before) n_.host->log().xpmlog(503, 309, {{"name", n_.parmstr[j].parmname}});
+      if (theta_[j] != before) n_.host->log().xpmlog(message::sampler_start_moved{.name = n_.parmstr[j].parmname});
     }
   }
 
@@ -116,7 +117,7 @@ private:
   {
     if (o_.nointegrate || n_.nreff() == 0) return 0;
     n_.parm = theta_;
-    if (const int rc = integration::find_posterior(n_, modes_); rc > 2) return fail(9584);
+    if (const int rc = integration::find_posterior(n_, modes_); rc > 2) return fail();
     joint_ = std::make_unique<LogPosterior>(n_, EffectForm::plain);
     std::vector<double> value(static_cast<std::size_t>(joint_->subjects()));
     effects_ = modes_.estimate;
@@ -126,7 +127,7 @@ private:
       joint_ = std::make_unique<LogPosterior>(n_, EffectForm::standard);
       standard_ = true;
       std::fill(effects_.begin(), effects_.end(), 0.0);
-      if (!(joint_->values(0, theta_.data(), effects_.data(), value.data()) > impossible)) return fail(9584);
+      if (!(joint_->values(0, theta_.data(), effects_.data(), value.data()) > impossible)) return fail();
     }
     target_.joint = joint_.get();
     form_effect_factors();
@@ -152,9 +153,9 @@ private:
     }
   }
 
-  int fail(int message)
+  int fail()
   {
-    n_.host->log().xpmlog(503, message);
+    n_.host->log().xpmlog(message::no_posterior_at_start);
     n_.raise(1012);
     return 1;
   }
@@ -251,7 +252,7 @@ private:
     for (long done = 0; done < total && !n_.host->interrupted(); done += stride) {
       auto item = [&](int context, long c) {
         Chain& chain = *chains_[static_cast<std::size_t>(c)];
-        if (chain.failure == 0) chain.advance(context, std::min(stride, total - done));
+        if (chain.failure == Chain::Failure::none) chain.advance(context, std::min(stride, total - done));
       };
       const auto count = static_cast<long>(chains_.size());
       if (target_.joint != nullptr && n_.workers != nullptr)
@@ -262,25 +263,26 @@ private:
         next_note += o_.lognote;
         note(std::min(done + stride, total));
       }
-      if (std::all_of(chains_.begin(), chains_.end(), [](const auto& c) { return c->failure != 0; })) break;
+      if (std::all_of(chains_.begin(), chains_.end(), [](const auto& c) { return c->failure != Chain::Failure::none; })) break;
     }
   }
 
   void note(long done)
   {
     if (done > o_.chain.burn)
-      n_.host->log().xpmlog(503, 307, {{"count", done - o_.chain.burn}});
+      n_.host->log().xpmlog(message::samples_drawn{.count = done - o_.chain.burn});
     else
-      n_.host->log().xpmlog(503, 307, {{"burn", done}});
+      n_.host->log().xpmlog(message::samples_drawn{.burn = done});
   }
 
   int report_failures()
   {
     for (const auto& chain : chains_) {
-      if (chain->failure == 0) continue;
-      host::MessageArguments arguments;
-      if (chain->failure == 310) arguments = {{"count", o_.chain.maxbviol}};
-      n_.host->log().xpmlog(503, chain->failure, arguments);
+      if (chain->failure == Chain::Failure::none) continue;
+      if (chain->failure == Chain::Failure::out_of_bounds)
+        n_.host->log().xpmlog(message::sampler_out_of_bounds{.count = o_.chain.maxbviol});
+      else
+        n_.host->log().xpmlog(message::no_posterior_at_start);
       n_.raise(1012);
       return 1;
     }

@@ -216,7 +216,7 @@ public:
     if (sampler_ == nullptr) {
       sampler_ = std::make_unique<NoUTurn>(density_, density_.coordinates(start_), o_.burn);
       if (!sampler_->possible()) {
-        failure = 9584;
+        failure = Failure::no_start;
         return 1;
       }
     }
