@@ -128,7 +128,8 @@ double squared_error(const NX& n, const Posterior& posterior, std::size_t subjec
 // BY variables and subject of a row; the number of columns filled.
 std::size_t set_subject(const NX& n, const REFFECT& reff, std::size_t subject, OutputDataSet& out)
 {
-  const auto row = static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(reff.SubInfo[subject].first_row)]);
+  const auto row =
+      static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(reff.SubInfo[subject].first_row)]);
   std::size_t at = 0;
   for (const auto& by : n.bylist) out.set_from(at++, *n.fid->find(by.name), n.rows.begin + row);
   out.set_from(at++, *n.fid->find(reff.subname), n.rows.begin + row);

@@ -32,8 +32,7 @@ void packed_product(const double* a, const double* x, int n, double* out)
 
 class PosteriorLoop {
 public:
-  PosteriorLoop(NX& n, Posterior& out)
-      : n_(n), reff_(n.leaf()), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
+  PosteriorLoop(NX& n, Posterior& out) : n_(n), reff_(n.leaf()), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
   {
     const std::size_t subjects = reff_.SubInfo.size();
     out.nr = nr_;
@@ -90,8 +89,9 @@ private:
     }
     ctx.frame->set_points(b.ran.data(), good, static_cast<int>(b.pair_stride));
     std::fill(w.cross.begin(), w.cross.end(), 0.0);
-    const int rc = evaluation::tvllogl(n_, ctx, {b.active.data(), good, 1},
-                                       {n_.programs.cross.code, n_.programs.cross.outputs, w.cross.data(), b.mode_stride});
+    const int rc =
+        evaluation::tvllogl(n_, ctx, {b.active.data(), good, 1},
+                            {n_.programs.cross.code, n_.programs.cross.outputs, w.cross.data(), b.mode_stride});
     if (rc > 2) return rc;
     for (int a = 0; a < good; ++a) keep(b, w, b.active[static_cast<std::size_t>(a)], a);
     return 0;

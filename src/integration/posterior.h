@@ -14,12 +14,12 @@ struct Posterior {
   std::vector<double>
       covariance; // nrs each, packed: inverse Hessian of the negative log joint density, at fixed parameters
   std::vector<double> derivative; // nr x np each: of the estimate by the parameters, the mean's part included
-  // Of a discrete distribution: the estimate is the posterior mean, the covariance the posterior one, and for each of its `points`
-  // the posterior probability and its derivatives by the parameters.
+  // Of a discrete distribution: the estimate is the posterior mean, the covariance the posterior one, and for each of
+  // its `points` the posterior probability and its derivatives by the parameters.
   int points = 0;
   std::vector<double> probability;    // points each
   std::vector<double> probability_by; // points x np each
-  std::vector<char> known;        // 0: the subject has no usable record, or its search failed; its numbers are missing
+  std::vector<char> known; // 0: the subject has no usable record, or its search failed; its numbers are missing
 };
 
 // find_posterior: the modes at n.parm, searched anew from the accepted ones, with n.programs.cross (built when
@@ -30,7 +30,8 @@ struct Posterior {
 // Returns 0 or the engine's code above 2. All threads; what a subject gets does not depend on the others.
 int find_posterior(model::NX& n, Posterior& out);
 
-// support_posteriors: the same for the batch in hand of a context, with a discrete distribution. support_size: its points.
+// support_posteriors: the same for the batch in hand of a context, with a discrete distribution. support_size: its
+// points.
 int support_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);
 int support_size(const model::REFFECT& reff);
 

@@ -1,7 +1,7 @@
 // Random effects with finitely many values: the integral is a sum over the support points.
 //
-// A point t has coordinates c_t and a probability p_t; the last point is derived, p = 1 - sum p_t, c = -sum p_t c_t / p, so that
-// probabilities add up to one and the mean is zero. With l_t the log likelihood at c_t,
+// A point t has coordinates c_t and a probability p_t; the last point is derived, p = 1 - sum p_t, c = -sum p_t c_t /
+// p, so that probabilities add up to one and the mean is zero. With l_t the log likelihood at c_t,
 //     v = -log sum p_t exp l_t,   -v. = sum w_t (l_t. + c_t.'l_t,u) + sum p_t. exp(l_t) / S,   w_t = p_t exp(l_t) / S.
 // A point with probability 0 is left out of the sum, but not out of its own derivative: it can come back.
 
@@ -43,8 +43,8 @@ int points_of(const REFFECT& reff)
   return reff.nd / (reff.nr + 1) + 1;
 }
 
-// Copies the given points and derives the last one, with its derivatives when there are any. False when a probability is negative,
-// or the last one is not inside (0, 1).
+// Copies the given points and derives the last one, with its derivatives when there are any. False when a probability
+// is negative, or the last one is not inside (0, 1).
 bool derive_support(const REFFECT& reff, int np, bool derivatives, const double* arguments, double* row, double* by)
 {
   const int given = points_of(reff) - 1, width = reff.nr + 1, nr = reff.nr;
@@ -68,7 +68,8 @@ bool derive_support(const REFFECT& reff, int np, bool derivatives, const double*
     for (int a = 0; a < given * width; ++a) d[a] = arguments[reff.argument_derivative(a, j, np)];
     for (int t = 0; t < given; ++t) {
       end[nr] -= d[t * width + nr];
-      for (int k = 0; k < nr; ++k) end[k] -= d[t * width + nr] * row[t * width + k] + row[t * width + nr] * d[t * width + k];
+      for (int k = 0; k < nr; ++k)
+        end[k] -= d[t * width + nr] * row[t * width + k] + row[t * width + nr] * d[t * width + k];
     }
     for (int k = 0; k < nr; ++k) end[k] = (end[k] - last[k] * end[nr]) / p;
   }
@@ -122,8 +123,9 @@ int load_supports(const NX& n, TVLThreadCtx& ctx)
   const long size = static_cast<long>(points_of(reff)) * (reff.nr + 1);
   for (int slot = 0; slot < (reff.setup_varies ? b.slots : 1); ++slot) {
     if (b.failure[static_cast<std::size_t>(slot)] != 0 || (loaded && !reff.setup_varies)) continue;
-    const bool good = derive_support(reff, n.nparm, derivatives, b.arguments.data() + slot * static_cast<long>(reff.setup.places),
-                                     b.support.data() + slot * size, b.support_by.data() + slot * size * n.nparm);
+    const bool good =
+        derive_support(reff, n.nparm, derivatives, b.arguments.data() + slot * static_cast<long>(reff.setup.places),
+                       b.support.data() + slot * size, b.support_by.data() + slot * size * n.nparm);
     if (good) continue;
     if (reff.setup_varies) {
       b.failure[static_cast<std::size_t>(slot)] = impossible_support;
@@ -166,7 +168,8 @@ void add_slot(const NX& n, BatchWork& b, int slot, int at, int step, bool gradie
       direct[j] += e[t] * support.probability_by(j, t);
       if (!(weight > 0.0)) continue;
       double slope = d[n.programs.by_parameter(j) * b.pair_stride];
-      for (int k = 0; k < support.nr; ++k) slope += d[n.programs.by_effect(k) * b.pair_stride] * support.coordinate_by(j, t, k);
+      for (int k = 0; k < support.nr; ++k)
+        slope += d[n.programs.by_effect(k) * b.pair_stride] * support.coordinate_by(j, t, k);
       direct[j] += weight * slope;
     }
   }
@@ -188,10 +191,12 @@ template <class Visit> int run_supports(const NX& n, TVLThreadCtx& ctx, bool gra
       const Support support = support_of(n, b, pairs.slots[i]);
       for (int t = 0; t < points; ++t)
         for (int k = 0; k < support.nr; ++k)
-          b.ran[static_cast<std::size_t>(k * b.pair_stride + i * pairs.slot_step() + t * pairs.point_step())] = support.coordinate(t, k);
+          b.ran[static_cast<std::size_t>(k * b.pair_stride + i * pairs.slot_step() + t * pairs.point_step())] =
+              support.coordinate(t, k);
     }
     ctx.frame->set_points(b.ran.data(), pairs.count * points, static_cast<int>(b.pair_stride));
-    const int rc = evaluation::tvllogl(n, ctx, pairs, {program.code, program.outputs, b.point_sums.data(), b.pair_stride});
+    const int rc =
+        evaluation::tvllogl(n, ctx, pairs, {program.code, program.outputs, b.point_sums.data(), b.pair_stride});
     if (rc != 0) return rc;
     for (int i = 0; i < pairs.count; ++i) visit(pairs.slots[i], i * pairs.slot_step(), pairs.point_step());
   }
@@ -221,7 +226,8 @@ void SupportPoints::close_gradient(const NX& n, const TVLThreadCtx& ctx, int slo
   for (int j = 0; j < n.nparm; ++j) gradient[j] = -per_total * direct[j];
 }
 
-// One subject's posterior: probabilities w_t and, with a_t = p_t./p_t + l_t. + c_t.'l_t,u, their derivatives w_t (a_t - sum w a).
+// One subject's posterior: probabilities w_t and, with a_t = p_t./p_t + l_t. + c_t.'l_t,u, their derivatives w_t (a_t -
+// sum w a).
 class SubjectPosterior {
 public:
   SubjectPosterior(const NX& n, const BatchWork& b, int slot, Posterior& out)
@@ -241,10 +247,12 @@ public:
     for (int j = 0; j < np_; ++j) {
       double mean = 0.0;
       for (int t = 0; t < points_; ++t) {
-        double a = b.prior[static_cast<std::size_t>(t)] / total * support_.probability_by(j, t); // w_t p_t./p_t, also where p_t is 0
+        double a = b.prior[static_cast<std::size_t>(t)] / total *
+                   support_.probability_by(j, t); // w_t p_t./p_t, also where p_t is 0
         if (w[t] > 0.0) {
           double slope = ll[t * step + n_.programs.by_parameter(j) * b.pair_stride];
-          for (int k = 0; k < nr_; ++k) slope += ll[t * step + n_.programs.by_effect(k) * b.pair_stride] * support_.coordinate_by(j, t, k);
+          for (int k = 0; k < nr_; ++k)
+            slope += ll[t * step + n_.programs.by_effect(k) * b.pair_stride] * support_.coordinate_by(j, t, k);
           a += w[t] * slope;
         }
         by[t * np_ + j] = a;
@@ -275,7 +283,8 @@ private:
     for (int k = 0; k < nr_; ++k)
       for (int l = 0; l <= k; ++l) {
         double sum = 0.0;
-        for (int t = 0; t < points_; ++t) sum += w[t] * (support_.coordinate(t, k) - mean[k]) * (support_.coordinate(t, l) - mean[l]);
+        for (int t = 0; t < points_; ++t)
+          sum += w[t] * (support_.coordinate(t, k) - mean[k]) * (support_.coordinate(t, l) - mean[l]);
         v[k * (k + 1) / 2 + l] = sum;
       }
   }
