@@ -98,6 +98,9 @@ public:
   // Writes out whatever is still open (a step that ended early keeps what it wrote). 0, or -1 with a message.
   int close_all(MessageSink& log);
 
+  // Whether the run has read this file (or a table of this database).
+  bool reads(const std::string& path) const;
+
   // Data sets written since the last call, for the results of a step.
   std::vector<DataSetResult> take_written();
 
@@ -108,9 +111,9 @@ private:
     std::map<std::string, std::pair<std::string, std::string>> looks{}; // lower-case column -> label, format
   };
   std::optional<DataSet> read_path(const std::string& path, const std::string& name, MessageSink& log,
-                                   const MessagePlace& place, const ReadOptions& options) const;
+                                   const MessagePlace& place, const ReadOptions& options);
   std::optional<DataSet> find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
-                                       const MessagePlace& place) const;
+                                       const MessagePlace& place);
   bool is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const;
 
   Places places_;
@@ -121,6 +124,7 @@ private:
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
   std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote
   std::set<std::string> inputs_;                 // files (and tables) that may not be written: see file_key
+  std::map<std::string, DataSet> streams_;       // path of a pipe or device, which gives its data once -> what it gave
   std::vector<std::unique_ptr<OutputDataSet>> open_;
   std::vector<DataSetResult> finished_;
 };

@@ -208,7 +208,7 @@ private:
   }
 
   NX& n_;
-  std::vector<double> scale_; // per effect of all levels: information on an effect without variance
+  std::vector<double>& scale_; // per effect of all levels: information on an effect without variance
   std::vector<char> in_covariance_;
   std::vector<double> near_, far_;
 };

@@ -38,26 +38,36 @@ void* counted(std::size_t bytes, std::size_t alignment = alignof(std::max_align_
 
 namespace torvale::tests {
 
+void expect_no_allocations(const ModelText& text, const Rule& rule)
+{
+  const auto n = make_run(text, rule);
+  auto theta = parameters(text, 1);
+  // The first evaluations of each kind may size what belongs to the run.
+  objective(*n, theta, true);
+  integration::accept_modes(*n);
+  objective(*n, theta, false);
+  n->parm[0] += 0.05;
+  for (const bool gradient : {true, false}) {
+    n->dograd = gradient;
+    const long before = allocations;
+    integration::tvllike(*n);
+    EXPECT_EQ(allocations - before, 0) << gradient;
+    EXPECT_FALSE(n->failed);
+    integration::accept_modes(*n);
+  }
+}
+
 TEST(Allocations, NoneInAnEvaluation)
 {
-  for (const Rule& rule : {Rule{true, true, 5}, Rule{true, false, 5}, Rule{false, false, 5}}) {
-    const auto text = regression(Response::negbin, 2, 60);
-    const auto n = make_run(text, rule);
-    auto theta = parameters(text, 1);
-    // The first evaluations of each kind may size what belongs to the run.
-    objective(*n, theta, true);
-    integration::accept_modes(*n);
-    objective(*n, theta, false);
-    n->parm[0] += 0.05;
-    for (const bool gradient : {true, false}) {
-      n->dograd = gradient;
-      const long before = allocations;
-      integration::tvllike(*n);
-      EXPECT_EQ(allocations - before, 0) << gradient;
-      EXPECT_FALSE(n->failed);
-      integration::accept_modes(*n);
-    }
-  }
+  for (const Rule& rule : {Rule{true, true, 5}, Rule{true, false, 5}, Rule{false, false, 5}})
+    expect_no_allocations(regression(Response::negbin, 2, 60), rule);
+}
+
+TEST(Allocations, NoneInAnEvaluationOfNestedLevels)
+{
+  for (const int depth : {2, 3})
+    for (const Rule& rule : {Rule{true, true, 3}, Rule{true, false, 3}, Rule{false, false, 3}})
+      expect_no_allocations(nested(Response::poisson, depth), rule);
 }
 
 } // namespace torvale::tests
