@@ -2,6 +2,7 @@
 
 #include "host/run_output.h"
 #include "host/table_writers.h"
+#include "report/page.h"
 #include "torvale/torvale.h"
 
 #include <cerrno>
@@ -131,6 +132,7 @@ int run_command(const RunArguments& arguments)
   settings.threads = arguments.threads;
   settings.seed = arguments.seed;
   settings.check_only = arguments.check_only;
+  settings.pictures = html.wanted();
   settings.listing = [&](std::string_view s) { listing.write(s); };
   settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
   if (host::is_terminal(2) && output.log.empty())
@@ -154,7 +156,7 @@ int run_command(const RunArguments& arguments)
   if (arguments.statements)
     for (const std::string& s : outcome.statements) listing.write(s);
   if (json.wanted()) json.write(host::results_json(outcome.results));
-  if (html.wanted()) html.write(host::results_html(outcome.results));
+  if (html.wanted()) html.write(report::report_page(outcome.results));
   bool complete = true;
   for (const Channel* channel : {&listing, &log, &json, &html}) complete = channel->close() && complete;
   return complete ? outcome.exit_code : 1;

@@ -354,6 +354,9 @@ constexpr CatalogueEntry entries[] = {
     {503, 9340, W, "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
      "Look at the final gradient; try other starting values or FDHESSIAN=CENTRAL."},
+    {503, 9540, N, "Fit Verdict", "", ""},
+    {503, 9541, N, "Question", "", ""},
+    {503, 9542, N, "Finding", "", ""},
     {503, 9360, N,
      "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the "
      "objective from {from} to {to}, and the fit went on from there.",

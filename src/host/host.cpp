@@ -34,6 +34,12 @@ public:
     results_.steps.emplace_back();
     group_ = nullptr;
   }
+  StepResult& step() override
+  {
+    if (results_.steps.empty()) begin_step();
+    return results_.steps.back();
+  }
+  GroupResult& group() override { return group_for_tables(); }
   void begin_group(ByValues by) override;
   void end_group(int return_code) override;
   void end_step(int return_code) override;

@@ -33,6 +33,8 @@ public:
 
   // The course of a run, as the driver tells it. Tables published before the first group of a step go to that group.
   virtual void begin_step() = 0;
+  virtual StepResult& step() = 0;   // the step at hand, for what is no table
+  virtual GroupResult& group() = 0; // the group at hand
   virtual void begin_group(ByValues by) = 0;
   virtual void end_group(int return_code) = 0;
   virtual void end_step(int return_code) = 0; // writes out open data sets and tables first

@@ -5,20 +5,26 @@
 
 namespace torvale::inference {
 
-void write_fit_statistics(model::NX& n)
+InformationCriteria information_criteria(const model::NX& n)
 {
-  using host::CellKind;
   const double c = n.fval;                                               // minimized negative log likelihood
   const double p = n.nparm;                                              // parameters
   const double m = std::max(static_cast<double>(n.store->nobsu), p + 2); // floor: AICC stays finite
   const double q = n.nreff() > 0 ? n.reff.back().nrepsub : static_cast<double>(n.store->nobsu);
+  return {2 * c, 2 * (p + c), 2 * (p * m / (m - p - 1) + c), 2 * c + p * std::log(q)};
+}
+
+void write_fit_statistics(model::NX& n)
+{
+  using host::CellKind;
+  const InformationCriteria criteria = information_criteria(n);
   host::Table table("FitStatistics", host::otbmsg(503, 119),
                     {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
                      {"Value", CellKind::number, host::otbmsg(503, 32), "BEST8", ""}});
-  table.row({host::xpmstr(503, 120), 2 * c});
-  table.row({host::xpmstr(503, 121), 2 * (p + c)});
-  table.row({host::xpmstr(503, 122), 2 * (p * m / (m - p - 1) + c)});
-  table.row({host::xpmstr(503, 123), 2 * c + p * std::log(q)});
+  table.row({host::xpmstr(503, 120), criteria.minus2_log_likelihood});
+  table.row({host::xpmstr(503, 121), criteria.aic});
+  table.row({host::xpmstr(503, 122), criteria.aicc});
+  table.row({host::xpmstr(503, 123), criteria.bic});
   n.host->tables().wobmth(std::move(table));
 }
 

@@ -21,6 +21,12 @@ struct TVAL {
 // is missing or estimate and error are both 0.
 int tvltval(TVAL& t);
 
+// The criteria of a fit with minimized objective n.fval.
+struct InformationCriteria {
+  double minus2_log_likelihood, aic, aicc, bic;
+};
+InformationCriteria information_criteria(const model::NX& n);
+
 // "FitStatistics": -2 log likelihood, AIC, AICC, BIC of a fit with minimized objective n.fval.
 void write_fit_statistics(model::NX& n);
 

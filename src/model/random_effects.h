@@ -36,6 +36,8 @@ struct ModelPrograms {
   // adscale, (np + nr) x nrs third derivatives: row w (parameters, then random effects) of d(second derivatives)/dw.
   const engine::Program* curvature = nullptr;
   std::vector<char> curvature_live;
+  // the response, then the arguments of the MODEL distribution; made when single records are first looked at
+  const engine::Program* records = nullptr;
   // The live places above, in order.
   std::vector<int> setup_list, gradient_list, mode_list, curvature_list;
   bool setup_varies = false; // distribution arguments differ between subjects

@@ -2,9 +2,12 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
+#include "inference/picture_data.h"
 #include "inference/tables.h"
+#include "inference/verdict.h"
 #include "integration/objective.h"
 #include "parallel/worker_pool.h"
+#include "report/fit_pictures.h"
 #include "run/exit_codes.h"
 #include "run/statement_processing.h"
 #include "solve/solve_step.h"
@@ -23,19 +26,30 @@ namespace {
 // The tables and expressions of a fit; its exit code.
 int report_fit(NX& n)
 {
+  if (n.znlprc > 0 && n.covmat.empty()) {
+    n.host->log().xpmlog(503, 9340);
+    n.raise(4);
+  }
+  inference::write_verdict(n);
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
   // With negative eigenvalues there is a matrix, but no covariance: the point is no minimum (message 272 has said so).
   const auto& hessian = n.covstr->projected.present ? n.covstr->projected : n.covstr->hessian;
   int exit_code = n.covmat.empty() || hessian.det[3] > 0 ? exit_no_covariance : exit_clean;
-  if (n.covmat.empty()) {
-    n.host->log().xpmlog(503, 9340);
-    n.raise(4);
-  } else {
+  if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
   }
   return exit_code;
+}
+
+// The pictures of the group, for whoever writes a report.
+void draw_pictures(NX& n)
+{
+  host::GroupResult& group = n.host->group();
+  inference::PictureData data;
+  const bool evaluated = n.znlprc > 0 && inference::picture_data(n, data) == 0;
+  group.pictures = report::fit_pictures(group, evaluated ? &data : nullptr);
 }
 
 int run_group(NX& n)
@@ -43,10 +57,17 @@ int run_group(NX& n)
   n.znlprc = 0;
   if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
   integration::forget_modes(n);
-  if (solve::tvlparm(n) != 0) return exit_no_start;
+  n.verdict = {};
+  if (solve::tvlparm(n) != 0) {
+    n.verdict.outcome = model::FitOutcome::not_evaluated;
+    inference::write_verdict(n);
+    return exit_no_start;
+  }
   if (n.host->interrupted()) return exit_interrupted;
+  n.parmstart = n.parm;
   solve::tvlsolv(n);
   const int exit_code = report_fit(n);
+  if (n.pictures && !n.host->interrupted()) draw_pictures(n);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 

@@ -194,6 +194,11 @@ private:
       if (request_.check_only) host_.log().xpmlog(503, 9344);
       return {1008, exit_data};
     }
+    host::DataSource& source = host_.step().data;
+    source.name = data_->name;
+    source.path = data_->path;
+    source.rows = data_->rows();
+    source.variables = data_->columns().size();
     model::NX n;
     n.host = &host_;
     n.proc = &parsed.proc;
@@ -202,8 +207,11 @@ private:
     n.data_name = data_->name;
     n.command_threads = request_.threads;
     n.seed = request_.seed;
+    n.pictures = request_.pictures;
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
+      // A seed from the clock changes nothing in a run that draws no numbers, and would change its results' bytes.
+      if (request_.seed > 0 || parsed.proc.statements.front().given(86)) host_.step().seed = n.seed;
       if (request_.observe) request_.observe(n);
       return outcome;
     }

@@ -42,10 +42,11 @@ RunOutcome Session::run(std::string program)
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
   auto result = run::run_program(
-      *state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
+      *state_->host, {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.pictures, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();
+  outcome.results.source = std::move(program);
   return outcome;
 }
 
