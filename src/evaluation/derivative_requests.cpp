@@ -19,7 +19,7 @@ void complete_flags(NX& n)
   if (searches_modes) n.needhessu = true;
   if (searches_modes && gradient) n.needcrossu = true;
   if (searches_modes && gradient && n.adscale) n.needtriu = true;
-  if (n.needtriu) n.needcrossu = true;
+  if (n.needtriu || (n.wants_effects && n.nreff() > 0 && n.method != 4)) n.needcrossu = true;
   if (n.needcrossu) n.needhessu = true;
 }
 

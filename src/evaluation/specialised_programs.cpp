@@ -77,6 +77,14 @@ Outputs mode_outputs(const NX& n, const REFFECT& reff)
   return out;
 }
 
+Outputs cross_outputs(const NX& n, const REFFECT& reff)
+{
+  Outputs out(reff.nr * n.nparm);
+  for (const auto& d : second_derivatives(n, reff))
+    if (d.wrt < n.nparm) out.at(d.effect * n.nparm + d.wrt) = d.symbol;
+  return out;
+}
+
 // Cross derivatives, then third derivatives; both triangles of a request are the same nodes, so the last one found serves.
 Outputs curvature_outputs(const NX& n, const REFFECT& reff)
 {
@@ -160,6 +168,7 @@ int specialise_programs(NX& n)
     if (analytic) p.gradient = specialise(gradient_outputs(n, reff.gradstr, reff.npr), p.gradient_live, p.gradient_list);
     if (n.needhessu) p.mode = specialise(mode_outputs(n, reff), p.mode_live, p.mode_list);
     if (n.needcrossu) p.curvature = specialise(curvature_outputs(n, reff), p.curvature_live, p.curvature_list);
+    if (n.wants_effects) p.cross = specialise(cross_outputs(n, reff), p.cross_live, p.cross_list);
     specialise_pass(n, reff.gradstr, &reff);
   }
   return p.value == nullptr || n.pass_program == nullptr ? 1012 : 0;

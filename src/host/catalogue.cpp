@@ -81,6 +81,13 @@ constexpr CatalogueEntry entries[] = {
      "A logarithm of a number that is not positive, a division by zero, a function outside its domain, at the starting "
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
+    {503, 9570, W,
+     "The expression of PREDICT cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; its prediction is "
+     "missing there, and at others where it fails.",
+     "A logarithm of a number that is not positive, a division by zero, at the values of that observation.",
+     "Guard the expression with IFN or with IF statements in the program."},
+    {503, 9571, N, "{data}: the name {name} is taken by a variable of the input; the results stand in {given}.", "",
+     "RENAME= or DROP= among the options of the output data set choose other names."},
     {503, 71, E, "No observation can be used; the group is not analysed[; missing: {causes}].",
      "The dependent variable or a covariate is missing throughout, or WHERE= keeps no row.",
      "torvale describe DATA counts missing values."},

@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace torvale::host {
+class OutputDataSet;
+}
+
 namespace torvale::model {
 
 inline constexpr double failure_objective = 1.1579208923731792e+77; // an evaluation that failed
@@ -38,8 +42,11 @@ struct ModelPrograms {
   std::vector<char> curvature_live;
   // the response, then the arguments of the MODEL distribution; made when single records are first looked at
   const engine::Program* records = nullptr;
+  // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
+  const engine::Program* cross = nullptr;
+  std::vector<char> cross_live;
   // The live places above, in order.
-  std::vector<int> setup_list, gradient_list, mode_list, curvature_list;
+  std::vector<int> setup_list, gradient_list, mode_list, curvature_list, cross_list;
   bool setup_varies = false; // distribution arguments differ between subjects
 };
 
@@ -57,6 +64,8 @@ struct REFFECT {
   bool sub_character = false;
   double alpha = 0.05;                 // confidence level of its predictions
   double dfe = -1.0;                   // degrees of freedom given, -1 none
+  const syntax::StItem* outeb = nullptr; // OUT=; borrowed
+  host::OutputDataSet* outebfid = nullptr; // its data set, open to the end of the step; borrowed
   engine::CMPLIST ransym;              // random effects
   engine::CMPLIST distrsym;            // distribution arguments: means, then the lower triangle of G by rows
   engine::CMPLIST prsym;               // parameters, then the random effects

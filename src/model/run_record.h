@@ -62,6 +62,7 @@ struct RunOptions {
   bool needhessu = false;     // second derivatives by random effects are wanted
   bool needcrossu = false;    // cross derivatives by random effects and parameters are wanted
   bool needtriu = false;      // third derivatives are wanted
+  bool wants_effects = false; // modes and their derivatives are wanted after the fit: PREDICT, RANDOM OUT=
   bool empirical = false;     // EMPIRICAL: sandwich covariance
   bool subgrad = false;       // SUBGRADIENT=
   // Inference and output
@@ -93,6 +94,20 @@ struct EstimateStatement {
   engine::CMPLIST expr;         // value symbols: one, or the rows of a CONTRAST
   engine::CMPDER der;           // by parameters
   const engine::Program* program = nullptr; // values, then rows x np derivatives
+  double alpha = -1.0;          // ALPHA= or -1
+  double df = -1.0;             // DF= or -1
+  bool derivatives = false;     // DER
+  syntax::Position where;
+};
+
+// PREDICT: an expression evaluated at every record, over parameters and random effects.
+struct PredictStatement {
+  engine::CMPSYM* value = nullptr;
+  engine::CMPDER der;           // by the parameters, then the random effects
+  const engine::Program* program = nullptr; // the value, then the derivatives at the places `list`
+  std::vector<int> list;        // places of the derivatives: parameters first, then effects
+  const syntax::StItem* out = nullptr; // OUT=; borrowed
+  host::OutputDataSet* output = nullptr; // open from statement processing to the end of the step; borrowed
   double alpha = -1.0;          // ALPHA= or -1
   double df = -1.0;             // DF= or -1
   bool derivatives = false;     // DER
@@ -136,6 +151,7 @@ struct ModelLists {
   std::vector<char> pass_kind;                // per output of pass_program: a BadCause to report when missing
   std::vector<EstimateStatement> estimates;   // ESTIMATE
   std::vector<EstimateStatement> contrasts;   // CONTRAST
+  std::vector<PredictStatement> predictions;  // PREDICT
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;
   std::vector<int> rhs;                       // data variables (dsvarno) that distribution arguments depend on

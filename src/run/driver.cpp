@@ -2,6 +2,7 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
+#include "inference/fit_outputs.h"
 #include "inference/picture_data.h"
 #include "inference/tables.h"
 #include "inference/verdict.h"
@@ -39,6 +40,7 @@ int report_fit(NX& n)
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
+    if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   }
   return exit_code;
 }

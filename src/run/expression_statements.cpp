@@ -11,20 +11,24 @@ using syntax::STMT;
 
 namespace {
 
+void refuse_name(NX& n, const char* statement, int number, const engine::CMPSYM& input, syntax::Position where)
+{
+  host::MessageArguments arguments = {{"statement", statement}, {"name", input.name}};
+  if (input.random_effect < 0) {
+    std::vector<std::string> names;
+    for (const auto& p : n.parmstr) names.push_back(p.parmname);
+    const std::string nearest = host::nearest_name(input.name, names);
+    if (!nearest.empty()) arguments.emplace_back("near", nearest);
+  }
+  n.host->log().xpmlog(503, number, arguments, place_at(n, statement, where));
+  tvlexit(n, 3000);
+}
+
 // An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
 void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {
   for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
-    if (input->parameter >= 0) continue;
-    host::MessageArguments arguments = {{"statement", statement}, {"name", input->name}};
-    if (input->random_effect < 0) {
-      std::vector<std::string> names;
-      for (const auto& p : n.parmstr) names.push_back(p.parmname);
-      const std::string nearest = host::nearest_name(input->name, names);
-      if (!nearest.empty()) arguments.emplace_back("near", nearest);
-    }
-    n.host->log().xpmlog(503, input->random_effect >= 0 ? 33 : 38, arguments, place_at(n, statement, where));
-    tvlexit(n, 3000);
+    if (input->parameter < 0) refuse_name(n, statement, input->random_effect >= 0 ? 33 : 38, *input, where);
   }
 }
 
@@ -66,6 +70,12 @@ void specialise(NX& n, EstimateStatement& e)
 }
 
 } // namespace
+
+void refuse_unknown_names(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
+{
+  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol))
+    if (!input->resolved) refuse_name(n, statement, 38, *input, where);
+}
 
 void read_expression_statements(NX& n)
 {

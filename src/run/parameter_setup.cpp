@@ -112,6 +112,15 @@ bool has_special_missing(const host::Column& column)
 
 } // namespace
 
+std::vector<engine::DataVariable> data_variables(const NX& n)
+{
+  std::vector<engine::DataVariable> variables;
+  for (const auto& column : n.fid->columns())
+    variables.push_back({column.name(), !column.numeric(), static_cast<int>(column.numeric() ? 8 : column.text_width()),
+                         has_special_missing(column)});
+  return variables;
+}
+
 void parameter_setup(NX& n)
 {
   auto& log = n.host->log();
@@ -125,15 +134,11 @@ void parameter_setup(NX& n)
     if (data::parms_statement(n, *parms, named) != 0) tvlexit(n, 1012);
   }
 
-  std::vector<engine::DataVariable> variables;
-  for (const auto& column : n.fid->columns())
-    variables.push_back({column.name(), !column.numeric(), static_cast<int>(column.numeric() ? 8 : column.text_width()),
-                         has_special_missing(column)});
   const auto is_named = [&](std::string_view name) {
     return std::any_of(named.begin(), named.end(),
                        [&](const NamedValues& v) { return host::equal_names(v.name, name); });
   };
-  if (engine::cmprslv(*n.gcmp, variables) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
+  if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
   if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0)
     tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
   refuse_repeated(n, named);

@@ -116,6 +116,7 @@ void readrandom(NX& n, const STMT& stmt, REFFECT& reff)
   subject(n, stmt, reff);
   reff.alpha = stmt.number_or(7, n.alpha);
   reff.dfe = stmt.number_or(8, -1);
+  if (stmt.given(6) && !stmt.slot(6).list.empty()) reff.outeb = &stmt.slot(6).list[0];
 }
 
 } // namespace torvale::run

@@ -2,6 +2,7 @@
 
 #include "evaluation/likelihood_programs.h"
 #include "host/text.h"
+#include "inference/fit_outputs.h"
 #include "syntax/tree.h"
 
 #include <algorithm>
@@ -97,9 +98,9 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "PREDICT" || stmt.name == "MCMC" || stmt.name == "CMPTMODEL")
+    if (stmt.name == "MCMC" || stmt.name == "CMPTMODEL")
       refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
-    if (stmt.name == "RANDOM" && (stmt.given(6) || stmt.given(9) || stmt.given(10)))
+    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10)))
       refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
@@ -161,6 +162,8 @@ void random_statements(NX& n, const STMT& procedure)
   }
   n.reff.resize(1);
   readrandom(n, *statements[0], n.reff[0]);
+  STMT* prediction = nullptr;
+  n.wants_effects = n.reff[0].outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
   n.reff[0].prsym.s = n.prsym.s;
   for (auto* symbol : n.reff[0].ransym.s) n.reff[0].prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
@@ -277,6 +280,7 @@ void tvlinit(NX& n)
     tvlexit(n, rc);
   }
   read_expression_statements(n);
+  read_prediction_statements(n);
   distribution_data(n);
   warn_unused_parameters(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;
@@ -286,8 +290,10 @@ void tvlinit(NX& n)
   }
   if (const int rc = evaluation::specialise_programs(n); rc != 0) tvlexit(n, rc);
   specialise_expression_statements(n);
+  specialise_prediction_statements(n);
   end_on_errors(n, 1012);
   listings(n);
+  if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);
 }
 
 } // namespace torvale::run

@@ -35,6 +35,10 @@ void process_bounds(model::NX& n);
 void read_expression_statements(model::NX& n);
 void specialise_expression_statements(model::NX& n);
 
+// PREDICT: likewise.
+void read_prediction_statements(model::NX& n);
+void specialise_prediction_statements(model::NX& n);
+
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);
 
@@ -44,6 +48,10 @@ void tvlspec(model::NX& n);
 host::MessagePlace place_at(const model::NX& n, const char* statement, syntax::Position where);
 // Hands the compiler's diagnostics to the log (group 200); returns the number of errors among them.
 int log_diagnostics(model::NX& n);
+// The variables of the input data set, as the compiler sees them.
+std::vector<engine::DataVariable> data_variables(const model::NX& n);
+// Ends the step with 3000 when an expression uses a name that is neither a parameter nor known to the program (message 38).
+void refuse_unknown_names(model::NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where);
 // True for names that the generated statements use.
 bool reserved_name(std::string_view name);
 

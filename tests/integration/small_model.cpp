@@ -187,6 +187,7 @@ std::shared_ptr<NX> make_run(const ModelText& text, const Rule& rule)
   n->nqp = rule.points;
   n->seed = 12345;
   n->command_threads = rule.threads;
+  n->wants_effects = rule.effects_wanted;
 
   n->gcmp = engine::cmpinit({});
   const auto arguments = add_statements(*n, text);

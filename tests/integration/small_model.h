@@ -50,6 +50,7 @@ struct Rule {
   int method = 0;
   int fd = 0;
   int threads = 1;
+  bool effects_wanted = false; // with what find_posterior needs
 };
 
 // A run record that is ready for tvllike. Rows may stand in any order.

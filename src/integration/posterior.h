@@ -1,0 +1,28 @@
+#pragma once
+// The random effects at the estimates: their values, how well the data determine them, and how they follow the
+// parameters.
+
+#include "model/run_record.h"
+
+namespace torvale::integration {
+
+// Posterior: one entry per subject of the deepest level, in the order of its index; nr random effects, nrs = nr (nr +
+// 1) / 2.
+struct Posterior {
+  int nr = 0;
+  std::vector<double> estimate; // nr each: mode of the joint density
+  std::vector<double>
+      covariance; // nrs each, packed: inverse Hessian of the negative log joint density, at fixed parameters
+  std::vector<double> derivative; // nr x np each: of the estimate by the parameters, the mean's part included
+  std::vector<char> known;        // 0: the subject has no usable record, or its search failed; its numbers are missing
+};
+
+// find_posterior: the modes at n.parm, searched anew from the accepted ones, with n.programs.cross (built when
+// n.wants_effects is set). With D the derivative, G the covariance of the effects, V = (G^-1 - ll_uu)^-1 and all at the
+// mode,
+//     D_j = w + V (ll_uu w + ll_u,j),   w = dm/dtheta_j + dG/dtheta_j ll_u,
+// from differentiating u - m = G ll_u(u, theta); it holds for a singular G too, since V = (I - G ll_uu)^-1 G.
+// Returns 0 or the engine's code above 2. All threads; what a subject gets does not depend on the others.
+int find_posterior(model::NX& n, Posterior& out);
+
+} // namespace torvale::integration

@@ -1,0 +1,60 @@
+// PREDICT: an expression of parameters, random effects and data, evaluated at every record after the fit.
+
+#include "run/statement_processing.h"
+
+namespace torvale::run {
+
+using model::NX;
+using model::PredictStatement;
+using syntax::STMT;
+
+namespace {
+
+PredictStatement read_statement(NX& n, const STMT& stmt)
+{
+  PredictStatement p;
+  p.where = stmt.where;
+  const auto& expressions = stmt.slot(2).list;
+  if (expressions.size() != 1) {
+    n.host->log().xpmlog(503, 27, {}, place_at(n, "PREDICT", stmt.where));
+    tvlexit(n, 1012);
+  }
+  p.value = engine::cmpexpr(*n.gcmp, expressions[0].expr);
+  // Variables that nothing else uses are bound here.
+  if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
+  refuse_unknown_names(n, "PREDICT", p.value, stmt.where);
+  p.alpha = stmt.number_or(5, -1);
+  p.df = stmt.number_or(6, -1);
+  p.derivatives = stmt.flag(1);
+  if (stmt.given(4) && !stmt.slot(4).list.empty()) p.out = &stmt.slot(4).list[0];
+  engine::CMPLIST variables = n.prsym;
+  for (std::size_t level = n.reff.size(); level > 0; --level)
+    for (auto* effect : n.reff[level - 1].ransym.s) variables.s.push_back(effect);
+  if (engine::cmpder(p.der, engine::CMPLIST{{p.value}}, variables, *n.gcmp) != 0) {
+    log_diagnostics(n);
+    tvlexit(n, 1012);
+  }
+  return p;
+}
+
+} // namespace
+
+void read_prediction_statements(NX& n)
+{
+  for (const auto& stmt : n.proc->statements)
+    if (stmt.name == "PREDICT") n.predictions.push_back(read_statement(n, stmt));
+}
+
+void specialise_prediction_statements(NX& n)
+{
+  for (PredictStatement& p : n.predictions) {
+    std::vector<engine::CMPSYM*> outputs = {p.value};
+    for (std::size_t k = 0; k < p.der.der.s.size(); ++k) {
+      outputs.push_back(p.der.der.s[k]);
+      p.list.push_back(p.der.wrtindex[k]);
+    }
+    p.program = engine::cmpspec(*n.gcmp, outputs);
+  }
+}
+
+} // namespace torvale::run
