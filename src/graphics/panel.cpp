@@ -20,7 +20,8 @@ Ticks ticks_of(const Axis& axis, int count)
     }
     return ticks;
   }
-  return axis.powers ? power_ticks(axis.range, count) : round_ticks(axis.range, count);
+  if (axis.ticks == Axis::Ticks::powers) return power_ticks(axis.range, count);
+  return round_ticks(axis.range, count, axis.ticks == Axis::Ticks::whole);
 }
 
 double widest(const Ticks& ticks, double size)
@@ -50,13 +51,11 @@ Panel::Panel(Canvas& canvas, const PanelPlace& place, const Axis& x, const Axis&
 {
   const double size = compact ? small_font_size : font_size;
   const Ticks y_ticks = ticks_of(y, std::max(2, static_cast<int>(place.height / (compact ? 45 : 55))));
-  const double left =
-      place.left + (compact || y.label.empty() ? 0 : size + 8) + (y.labels ? widest(y_ticks, size) + 8 : 4);
+  const double left = place.left + (compact || y.label.empty() ? 0 : size + 8) + widest(y_ticks, size) + 8;
   // Half of the last label hangs over the right end.
-  const double right = place.left + place.width - (x.labels ? 14 : 4);
+  const double right = place.left + place.width - 14;
   const double top = place.top + (heading.empty() ? 8 : size + 10);
-  const double bottom =
-      place.top + place.height - (x.labels ? size + 7 : 4) - (compact || x.label.empty() ? 0 : size + 6);
+  const double bottom = place.top + place.height - (size + 7) - (compact || x.label.empty() ? 0 : size + 6);
   x_ = Scale(x.range, left, right);
   y_ = Scale(y.range, bottom, top);
   canvas_.open_group(fmt::format("class=\"panel\" data-x=\"{} {} {} {}\" data-y=\"{} {} {} {}\"",
@@ -68,9 +67,9 @@ Panel::Panel(Canvas& canvas, const PanelPlace& place, const Axis& x, const Axis&
   y_axis(y, y_ticks, size);
   x_axis(x, size);
   const double middle_x = (left + right) / 2, middle_y = (top + bottom) / 2;
-  if (!compact && !x.label.empty())
+  if (!compact)
     canvas_.text(middle_x, place.top + place.height - 4, fitted_text(x.label, right - left), Anchor::middle, "soft");
-  if (!compact && !y.label.empty())
+  if (!compact)
     canvas_.text(place.left + size, middle_y, fitted_text(y.label, bottom - top), Anchor::middle, "soft", font_size,
                  true);
 }
@@ -85,7 +84,7 @@ void Panel::y_axis(const Axis& axis, const Ticks& ticks, double size)
   for (std::size_t k = 0; k < ticks.at.size(); ++k) {
     const double at = y_.place(ticks.at[k]);
     if (axis.categories.empty()) canvas_.line(x_.from(), at, x_.to(), at, "grid");
-    if (axis.labels) canvas_.text(x_.from() - 6, at + 0.35 * size, ticks.label[k], Anchor::end, "soft", size);
+    canvas_.text(x_.from() - 6, at + 0.35 * size, ticks.label[k], Anchor::end, "soft", size);
   }
 }
 
@@ -93,10 +92,13 @@ void Panel::x_axis(const Axis& axis, double size)
 {
   const Ticks ticks = fitting_ticks(axis, x_.to() - x_.from(), size);
   canvas_.line(x_.from(), y_.from(), x_.to(), y_.from(), "axis");
+  const double slot = (x_.to() - x_.from()) / static_cast<double>(std::max<std::size_t>(1, ticks.at.size())) - 4;
   for (std::size_t k = 0; k < ticks.at.size(); ++k) {
     const double at = x_.place(ticks.at[k]);
     canvas_.line(at, y_.from(), at, y_.from() + 4, "axis");
-    if (axis.labels) canvas_.text(at, y_.from() + size + 6, ticks.label[k], Anchor::middle, "soft", size);
+    canvas_.text(at, y_.from() + size + 6,
+                 axis.categories.empty() ? ticks.label[k] : fitted_text(ticks.label[k], slot, size), Anchor::middle,
+                 "soft", size);
   }
 }
 
@@ -116,7 +118,7 @@ void Panel::curve(std::span<const double> x, std::span<const double> y, std::str
   points.reserve(2 * x.size());
   for (std::size_t i = 0; i < x.size(); ++i) {
     points.push_back(x_.place(x[i]));
-    points.push_back(std::clamp(y_.place(y[i]), y_.to(), y_.from())); // a missing value stays missing
+    points.push_back(y_.data().holds(y[i]) ? y_.place(y[i]) : std::nan(""));
   }
   canvas_.path(points, css);
 }
@@ -200,10 +202,12 @@ Smooth smooth_line(std::span<const double> x, std::span<const double> y)
   std::vector<std::pair<double, double>> pairs;
   for (std::size_t i = 0; i < x.size(); ++i)
     if (std::isfinite(x[i]) && std::isfinite(y[i])) pairs.emplace_back(x[i], y[i]);
-  if (pairs.size() < 10) return out;
+  if (pairs.size() < 20) return out;
   std::sort(pairs.begin(), pairs.end());
   const double length = pairs.back().first - pairs.front().first;
-  if (!(length > 0)) return out;
+  int places_of_x = 1; // a line through a few places would tell of what lies between them
+  for (std::size_t i = 1; i < pairs.size(); ++i) places_of_x += pairs[i].first != pairs[i - 1].first;
+  if (!(length > 0) || places_of_x < 8) return out;
   const std::size_t window = std::max<std::size_t>(5, 2 * pairs.size() / 3);
   constexpr int places = 40;
   std::size_t first = 0; // of the `window` pairs nearest to the place

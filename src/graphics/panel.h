@@ -9,11 +9,11 @@
 namespace torvale::graphics {
 
 struct Axis {
-  std::string label;                   // with its unit
-  Interval range;                      // as shown; widen it before
-  bool powers = false;                 // values are decimal exponents of what the labels say
-  bool labels = true;                  // tick labels are written
-  std::vector<std::string> categories; // category k stands at k; instead of round ticks
+  std::string label; // with its unit
+  Interval range;    // as shown; widen it before
+  // Round numbers; whole numbers only; powers of ten, where values are their exponents.
+  enum class Ticks { round, whole, powers } ticks = Ticks::round;
+  std::vector<std::string> categories{}; // category k stands at k; instead of ticks
 };
 
 struct PanelPlace {
@@ -58,7 +58,8 @@ struct Histogram {
 Histogram histogram(std::span<const double> values);
 
 // Running mean for the eye: values of y by x in about `windows` overlapping windows of equal counts, weighted by the
-// tricube of the distance (a local line; Cleveland 1979 without the robust step). Empty with fewer than 10 pairs.
+// tricube of the distance (a local line; Cleveland 1979 without the robust step). Empty with fewer than 20 pairs or 8
+// places.
 struct Smooth {
   std::vector<double> x, y;
 };

@@ -55,6 +55,11 @@ bool range_of(std::span<const double> values, Interval& range)
   return any;
 }
 
+bool all_whole(std::span<const double> values)
+{
+  return std::all_of(values.begin(), values.end(), [](double x) { return !std::isfinite(x) || x == std::floor(x); });
+}
+
 Interval joined(const Interval& a, const Interval& b)
 {
   return {std::min(a.low, b.low), std::max(a.high, b.high)};
@@ -73,7 +78,7 @@ Interval widened(const Interval& range, double share)
   return {range.low - more, range.high + more};
 }
 
-Ticks round_ticks(const Interval& range, int count)
+Ticks round_ticks(const Interval& range, int count, bool whole)
 {
   Ticks ticks;
   if (!(range.length() > 0) || !std::isfinite(range.length())) return ticks;
@@ -81,6 +86,7 @@ Ticks round_ticks(const Interval& range, int count)
   const auto first = [&] { return std::ceil(range.low / step - 1e-9); };
   const auto last = [&] { return std::floor(range.high / step + 1e-9); };
   while (last() - first() < 1) step = round_step(step, 2);
+  if (whole && step < 1 && range.length() >= 1) step = 1;
   for (double k = first(); k <= last(); ++k) {
     const double x = k * step;
     ticks.at.push_back(x);

@@ -17,6 +17,7 @@ struct Interval {
 
 // The smallest interval that holds every finite value; false when there is none.
 bool range_of(std::span<const double> values, Interval& range);
+bool all_whole(std::span<const double> values); // every finite value is a whole number
 // An interval that holds both.
 Interval joined(const Interval& a, const Interval& b);
 // The interval made longer by `share` of its length on both sides; one of length 0 gets a length.
@@ -27,8 +28,9 @@ struct Ticks {
   std::vector<double> at;
   std::vector<std::string> label; // all with the decimals that the step needs
 };
-// About `count` of them: between half and twice as many. At least two when the range has a length.
-Ticks round_ticks(const Interval& range, int count);
+// About `count` of them: between half and twice as many. At least two when the range has a length. whole: only whole
+// numbers.
+Ticks round_ticks(const Interval& range, int count, bool whole = false);
 // Ticks of an axis whose values are powers of ten: whole exponents in the range, thinned to about `count`.
 Ticks power_ticks(const Interval& exponents, int count);
 

@@ -9,7 +9,6 @@
 namespace torvale::inference {
 
 using host::missing;
-using model::BadCause;
 using model::NX;
 
 namespace {
@@ -32,77 +31,87 @@ ResponseKind kind_of(int distribution)
   }
 }
 
-std::string label_of(const NX& n, int dsvarno)
+std::string label_of(const host::Column& column)
 {
-  const host::Column& column = n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)];
   return column.label().empty() ? column.name() : column.label();
 }
 
-// Rows of the store in use, by subject: where each subject's rows begin. One subject without random effects.
-std::vector<std::int64_t> subject_starts(const NX& n)
+// The values of a column of the input data set, of the records in use: numbers, or codes of texts.
+std::vector<double> values_of(const host::Column& column, const FitRecords& records)
 {
-  std::vector<std::int64_t> starts;
-  if (n.nreff() > 0)
-    for (const auto& s : n.reff[0].SubInfo) starts.push_back(s.first_row);
-  else
-    starts.push_back(0);
-  starts.push_back(n.store->nobs);
-  return starts;
+  std::vector<double> out;
+  out.reserve(records.row.size());
+  for (const std::int64_t row : records.row) {
+    const auto r = static_cast<std::size_t>(row);
+    out.push_back(column.numeric() ? column.number(r) : column.codes()[r]);
+  }
+  return out;
 }
 
-// How often a variable changes from one record of a subject to the next.
-std::int64_t changes_within(const NX& n, const engine::DataColumn& column, const std::vector<std::int64_t>& starts)
+// How many distinct values a variable has within a subject, on average; a value counts when it differs from the one
+// before.
+double changes_within(const std::vector<double>& values, const std::vector<std::int32_t>& subject)
 {
-  const auto value = [&](std::int64_t r) { return column.numeric != nullptr ? column.numeric[r] : column.codes[r]; };
-  std::int64_t changes = 0;
-  for (std::size_t s = 0; s + 1 < starts.size(); ++s)
-    for (std::int64_t r = starts[s] + 1; r < starts[s + 1]; ++r)
-      if (n.store->badobs[static_cast<std::size_t>(r)] == BadCause::none && value(r) != value(r - 1)) ++changes;
-  return changes;
+  std::vector<std::pair<std::int32_t, double>> pairs;
+  for (std::size_t i = 0; i < values.size(); ++i) pairs.emplace_back(subject[i], values[i]);
+  std::stable_sort(pairs.begin(), pairs.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  double subjects = 0, changes = 0;
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    const bool first = i == 0 || pairs[i].first != pairs[i - 1].first;
+    subjects += first ? 1 : 0;
+    changes += first || pairs[i].second == pairs[i - 1].second ? 0 : 1;
+  }
+  return changes / std::max(1.0, subjects);
 }
 
-// Time, where a variable is called so, is what people look along; otherwise what changes most.
+// Time, where a variable is called so, is what people look along.
 bool names_time(const std::string& name)
 {
   const std::string lower = host::wzstrlo(name);
-  for (const char* word : {"time", "day", "days", "week", "hour", "month", "year", "age", "visit"})
+  for (const char* word : {"time", "day", "week", "hour", "month", "year", "age", "visit", "period"})
     if (lower.find(word) != std::string::npos) return true;
   return lower == "t";
 }
 
+void record_numbers(PictureData& out)
+{
+  std::vector<double> count(out.subjects.size() + 1, 0.0);
+  out.axis = out.subjects.empty() ? "Record" : "Record of the subject";
+  for (const std::int32_t s : out.records.subject) out.axis_value.push_back(++count[static_cast<std::size_t>(s + 1)]);
+}
+
+// The axis: a number that changes along a subject's records, called like a time before others, read by the program
+// before others. What does not change within subjects and is read by the program is a covariate.
 void axis_and_covariates(const NX& n, PictureData& out)
 {
-  const auto starts = subject_starts(n);
-  const engine::DataColumn* axis = nullptr;
+  const auto program = engine::cmppdv(*n.gcmp).variables;
+  const host::Column* axis = nullptr;
   double best = 0.0;
-  for (const engine::CMPSYM* symbol : engine::cmppdv(*n.gcmp).variables) {
-    const bool special =
-        symbol == n.depsym || symbol == n.repsym || (n.nreff() > 0 && symbol->dsvarno == n.reff[0].sub_dsvarno);
-    if (special) continue;
-    const auto& columns = n.store->view.columns;
-    const auto at =
-        std::find_if(columns.begin(), columns.end(), [&](const auto& c) { return c.dsvarno == symbol->dsvarno; });
-    if (at == columns.end()) continue;
-    const std::int64_t changes = changes_within(n, *at, starts);
-    if (changes == 0 && n.nreff() > 0) {
-      SubjectCovariate covariate{label_of(n, at->dsvarno), {}, {}};
-      for (const auto& s : n.reff[0].SubInfo)
-        covariate.value.push_back(at->numeric != nullptr ? at->numeric[s.first_row] : at->codes[s.first_row]);
-      if (at->dictionary != nullptr) covariate.levels = *at->dictionary;
+  for (std::size_t k = 0; k < n.fid->columns().size(); ++k) {
+    const host::Column& column = n.fid->columns()[k];
+    const bool special = host::equal_names(column.name(), n.depname) || host::equal_names(column.name(), n.repname) ||
+                         (n.nreff() > 0 && static_cast<int>(k) + 1 == n.reff[0].sub_dsvarno);
+    const bool read = std::any_of(program.begin(), program.end(),
+                                  [&](const auto* symbol) { return symbol->dsvarno == static_cast<int>(k) + 1; });
+    if (special || (!read && !(column.numeric() && names_time(column.name())))) continue;
+    const std::vector<double> values = values_of(column, out.records);
+    const double changes = changes_within(values, out.records.subject);
+    if (changes == 0 && read && n.nreff() > 0) {
+      SubjectCovariate covariate{label_of(column), std::vector<double>(out.subjects.size(), missing), {}};
+      for (std::size_t i = 0; i < values.size(); ++i)
+        covariate.value[static_cast<std::size_t>(out.records.subject[i])] = values[i];
+      if (!column.numeric()) covariate.levels = column.dictionary();
       out.covariates.push_back(std::move(covariate));
     }
-    const double rank = static_cast<double>(changes) * (names_time(symbol->name) ? 1e9 : 1.0);
-    if (at->numeric != nullptr && rank > best) {
+    const double rank = changes * (names_time(column.name()) ? 1e6 : 1.0);
+    if (column.numeric() && changes >= 1.5 && rank > best) {
       best = rank;
-      axis = &*at;
+      axis = &column;
     }
   }
-  if (axis == nullptr) return;
-  out.axis = label_of(n, axis->dsvarno);
-  for (const std::int64_t row : out.records.row) {
-    const auto group_row = static_cast<std::size_t>(row) - n.rows.begin;
-    out.axis_value.push_back(axis->numeric[n.store->row_of_group[group_row]]);
-  }
+  if (axis == nullptr) return record_numbers(out);
+  out.axis = label_of(*axis);
+  out.axis_value = values_of(*axis, out.records);
 }
 
 } // namespace
@@ -113,7 +122,8 @@ int picture_data(NX& n, PictureData& out)
   out.kind = kind_of(n.disttype);
   out.normal = n.disttype == 0;
   const auto at = n.fid->xvfind(n.depname);
-  out.response = at == host::DataSet::npos ? n.depname : label_of(n, static_cast<int>(at) + 1);
+  out.response = at == host::DataSet::npos ? n.depname : label_of(n.fid->columns()[at]);
+  out.replicated = n.repsym != nullptr;
   if (n.nreff() > 0) {
     const auto& reff = n.reff[0];
     out.subject_label = reff.subname;

@@ -19,8 +19,9 @@ struct SubjectCovariate {
 
 struct PictureData {
   ResponseKind kind = ResponseKind::general;
-  bool normal = false;  // the MODEL distribution is the normal one
-  std::string response; // label of the response
+  bool normal = false;     // the MODEL distribution is the normal one
+  std::string response;    // label of the response
+  bool replicated = false; // a REPLICATE variable counts rows more than once
   FitRecords records;
   std::string axis;                  // label of the variable that records are drawn along; empty: none
   std::vector<double> axis_value;    // per row of records

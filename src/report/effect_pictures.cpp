@@ -92,8 +92,7 @@ void effect_picture(const PictureData& data, Pictures& out)
     Panel p(canvas,
             {cell * static_cast<double>(k % columns), height * static_cast<double>(k / columns),
              cell - (columns > 1 ? 14 : 0), height},
-            {data.effects[s.effect], s.range, false, true, {}},
-            {k % columns == 0 ? "Density" : "", {0, 1.06 * top}, false, true, {}});
+            {data.effects[s.effect], s.range}, {k % columns == 0 ? "Density" : "", {0, 1.06 * top}});
     p.bars(s.bars.edges, s.bars.density);
     p.curve(x, y, "two");
     shrinkage += fmt::format("{}{} {:.0f} %", shrinkage.empty() ? "" : ", ", data.effects[s.effect], 100 * s.shrinkage);
@@ -127,8 +126,8 @@ void effect_pairs_picture(const PictureData& data, Pictures& out)
     Panel p(canvas,
             {cell * static_cast<double>(k % columns), height * static_cast<double>(k / columns),
              cell - (columns > 1 ? 14 : 0), height},
-            {data.effects[pairs[k].first], graphics::widened(xr, 0.06), false, true, {}},
-            {data.effects[pairs[k].second], graphics::widened(yr, 0.06), false, true, {}});
+            {data.effects[pairs[k].first], graphics::widened(xr, 0.06)},
+            {data.effects[pairs[k].second], graphics::widened(yr, 0.06)});
     p.vertical(0);
     p.horizontal(0);
     p.dots(thinned(x, step), thinned(y, step));
@@ -176,7 +175,7 @@ void effect_covariate_picture(const PictureData& data, Pictures& out)
     if (!graphics::range_of(y, yr)) return;
     for (std::size_t k = 0; k < columns; ++k) {
       const SubjectCovariate& c = *covariates[k];
-      Axis axis{c.label, {}, false, true, {}};
+      Axis axis{c.label, {}};
       std::vector<double> x = c.value;
       const auto levels = levels_of(c);
       const bool groups = !c.levels.empty() || levels.size() <= 4;
@@ -195,7 +194,7 @@ void effect_covariate_picture(const PictureData& data, Pictures& out)
       }
       Panel p(canvas,
               {cell * static_cast<double>(k), height * static_cast<double>(e), cell - (columns > 1 ? 14 : 0), height},
-              axis, {data.effects[e], graphics::widened(yr, 0.06), false, true, {}});
+              axis, {data.effects[e], graphics::widened(yr, 0.06)});
       p.horizontal(0);
       p.dots(thinned(x, step), thinned(y, step));
       if (groups) continue;

@@ -40,6 +40,8 @@ std::vector<host::Figure> fit_pictures(const host::GroupResult& group, const Pic
     residual_picture(*data, out);
     quantile_picture(*data, out);
   }
+  if (data != nullptr && data->replicated)
+    for (auto& picture : out) picture.caption += " Each row counts once here, whatever its REPLICATE.";
   if (data != nullptr) {
     effect_picture(*data, out);
     effect_pairs_picture(*data, out);

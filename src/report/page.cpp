@@ -56,8 +56,8 @@ public:
                "<meta name=\"viewport\" content=\"width=device-width,initial-scale=1\">\n<title>{}</title>\n"
                "<link rel=\"icon\" href=\"data:,\">\n<style>\n{}\n</style>\n</head>\n<body>\n<div class=\"page\">\n",
                escaped(results_.program), page_style()) +
-           header() + "<nav aria-label=\"Contents\"><details open><summary>Contents</summary>\n<ol>\n" + contents_ +
-           "</ol>\n</details></nav>\n<main>\n" + body_ +
+           header() + "<nav aria-label=\"Contents\"><p>Contents</p>\n<ol>\n" + contents_ + "</ol>\n</nav>\n<main>\n" +
+           body_ +
            fmt::format("</main>\n<footer>Torvale {}</footer>\n</div>\n</body>\n</html>\n", escaped(results_.version));
   }
 
@@ -191,9 +191,9 @@ private:
     for (const host::Figure& figure : group.pictures) {
       // Wide pictures take the whole row.
       const bool full = figure.svg.find("viewBox=\"0 0 960 ") != std::string::npos;
-      body_ +=
-          fmt::format("<figure id=\"{}-{}\"{}>\n{}<figcaption><b>{}.</b> {}</figcaption>\n</figure>\n", id, figure.name,
-                      full ? " class=\"full\"" : "", figure.svg, escaped(figure.title), escaped(figure.caption));
+      body_ += fmt::format(
+          "<figure id=\"{}-{}\"{}>\n<div class=\"wide\">{}</div><figcaption><b>{}.</b> {}</figcaption>\n</figure>\n",
+          id, figure.name, full ? " class=\"full\"" : "", figure.svg, escaped(figure.title), escaped(figure.caption));
     }
     body_ += "</div>\n";
   }

@@ -20,7 +20,7 @@ h2{font-size:1.3rem;line-height:1.25;margin:2.4rem 0 .8rem;font-weight:650;overf
 h3{font-size:.8rem;letter-spacing:.07em;text-transform:uppercase;color:var(--soft);margin:2.2rem 0 .7rem;font-weight:600}
 .kicker,.facts{margin:0;color:var(--soft);font-size:.88rem;overflow-wrap:anywhere}
 nav{font-size:.88rem;margin-bottom:1rem}
-nav summary{cursor:pointer;color:var(--soft)}
+nav p{margin:0;color:var(--soft)}
 nav ol{list-style:none;margin:.4rem 0 0;padding:0}nav ol ol{padding-left:.9rem;margin:0 0 .4rem}
 nav li{margin:.18rem 0;overflow:hidden;text-overflow:ellipsis}
 .facts+.verdict,section>section{margin-top:.8rem}.verdict{border:1px solid var(--rule);border-left:4px solid var(--good);border-radius:4px;padding:.9rem 1.1rem;background:var(--good-paper)}
@@ -32,7 +32,7 @@ nav li{margin:.18rem 0;overflow:hidden;text-overflow:ellipsis}
 .verdict dl{display:grid;grid-template-columns:minmax(7rem,max-content) minmax(0,1fr);gap:.15rem 1.2rem;margin:.6rem 0 0 1.55em;font-size:.92rem}
 .verdict dt{color:var(--soft)}.verdict dd{margin:0;overflow-wrap:anywhere}
 .side{display:flex;flex-wrap:wrap;gap:0 2.5rem}.side>div{min-width:0;max-width:100%}
-.wide{overflow-x:auto;margin:.9rem 0 1.5rem}
+.wide{overflow-x:auto;margin:.9rem 0 1.5rem}figure .wide{margin:0}
 table{border-collapse:collapse;font-size:.9rem}
 caption{text-align:left;font-weight:600;padding:0 0 .35rem;white-space:nowrap}
 th,td{padding:.24rem .7rem;text-align:right;vertical-align:baseline;font-variant-numeric:tabular-nums;white-space:nowrap}
@@ -42,7 +42,7 @@ td.t,th.t{text-align:left;white-space:normal;overflow-wrap:break-word}
 th:first-child,td:first-child{position:sticky;left:0;background:var(--paper);padding-left:0}
 tbody tr:hover td{background:var(--faint)}
 .more{color:var(--soft);font-size:.85rem;margin:-1rem 0 1.5rem}
-.pictures{display:grid;grid-template-columns:minmax(0,1fr);gap:1.6rem 2.2rem}
+.pictures{display:grid;grid-template-columns:minmax(0,1fr);gap:1.6rem 2.2rem;grid-auto-flow:dense}
 figure{margin:0;min-width:0}
 figure svg{display:block;width:100%;height:auto}
 figcaption{font-size:.85rem;color:var(--soft);margin-top:.35rem;max-width:46rem}figcaption b{color:var(--ink);font-weight:600}
@@ -60,6 +60,7 @@ footer{margin-top:3rem;border-top:1px solid var(--rule);padding-top:.7rem;color:
 @media(min-width:760px){.pictures{grid-template-columns:repeat(2,minmax(0,1fr))}.pictures .full{grid-column:1/-1}}
 @media(min-width:1180px){.page{grid-template-columns:13rem minmax(0,1fr)}header,footer{grid-column:1/-1}
 nav{position:sticky;top:1.25rem;align-self:start;max-height:calc(100vh - 2.5rem);overflow-y:auto}}
+@media(max-width:700px){.full .wide svg{width:44rem}nav ol ol ol{display:none}}
 @media(max-width:600px){body{font-size:14px}h1{font-size:1.4rem}.verdict dl{grid-template-columns:minmax(0,1fr);margin-left:0}.verdict dd{margin-bottom:.35rem}
 th,td{padding:.24rem .5rem}}
 @media(prefers-color-scheme:dark){:root{--ink:#e4e4e4;--soft:#a0a4aa;--rule:#373b40;--faint:#202327;--paper:#17191c;--link:#7cc0f0;

@@ -30,8 +30,7 @@ void prediction_picture(const PictureData& data, Pictures& out)
   const double width = individual ? full_width : half_width;
   Canvas canvas(width, 400);
   const auto panel = [&](double left, const char* label, const std::vector<double>& x, const char* heading) {
-    Panel p(canvas, {left, 0, half_width, 400}, {label, both, false, true, {}},
-            {"Observed " + data.response, both, false, true, {}}, heading);
+    Panel p(canvas, {left, 0, half_width, 400}, {label, both}, {"Observed " + data.response, both}, heading);
     p.diagonal();
     p.dots(x, y);
     const auto line = graphics::smooth_line(x, y);
@@ -101,9 +100,8 @@ void calibration_picture(const PictureData& data, Pictures& out)
   const bool binary = data.kind == inference::ResponseKind::binary;
   Canvas canvas(half_width, 380);
   {
-    Panel p(canvas, {0, 0, half_width, 380},
-            {binary ? "Mean predicted probability" : "Mean prediction", range, false, true, {}},
-            {binary ? "Share of " + data.response + " = 1" : "Mean " + data.response, range, false, true, {}});
+    Panel p(canvas, {0, 0, half_width, 380}, {binary ? "Mean predicted probability" : "Mean prediction", range},
+            {binary ? "Share of " + data.response + " = 1" : "Mean " + data.response, range});
     p.diagonal();
     for (const Bin& b : bins) p.interval(b.predicted, b.observed - 2 * b.error, b.observed + 2 * b.error, "one");
     p.dots(x, y);
@@ -168,6 +166,7 @@ void individual_picture(const PictureData& data, Pictures& out)
   x = graphics::widened(x, 0.04);
   y = graphics::widened(y, 0.05);
 
+  const auto x_ticks = graphics::all_whole(xs) ? Axis::Ticks::whole : Axis::Ticks::round;
   const std::size_t columns = std::min<std::size_t>(4, count), rows = (count + columns - 1) / columns;
   constexpr double height = 168, foot = 22, margin = 22;
   const double width = (full_width - margin) / static_cast<double>(columns);
@@ -178,8 +177,7 @@ void individual_picture(const PictureData& data, Pictures& out)
     Panel p(canvas,
             {margin + width * static_cast<double>(k % columns), height * static_cast<double>(k / columns), width - 6,
              height - 6},
-            {"", x, false, true, {}}, {"", y, false, true, {}}, data.subject_label + " " + data.subjects[shown[k]],
-            true);
+            {"", x, x_ticks}, {"", y}, data.subject_label + " " + data.subjects[shown[k]], true);
     p.curve(at, picked(r.population, records), "two");
     p.curve(at, picked(r.individual, records), "one");
     p.dots(at, picked(r.response, records), "ink");

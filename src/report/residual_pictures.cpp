@@ -60,8 +60,10 @@ void residual_picture(const PictureData& data, Pictures& out)
   const auto panel = [&](double left, const std::string& label, const std::vector<double>& x) {
     Interval range;
     if (!graphics::range_of(x, range)) return;
-    Panel p(canvas, {left, 0, half_width, 330}, {label, graphics::widened(range, 0.03), false, true, {}},
-            {residuals.name, y, false, true, {}});
+    Panel p(canvas, {left, 0, half_width, 330},
+            {label, graphics::widened(range, 0.03),
+             graphics::all_whole(x) ? graphics::Axis::Ticks::whole : graphics::Axis::Ticks::round},
+            {residuals.name, y});
     p.horizontal(0);
     if (residuals.normal) {
       p.horizontal(-1.96);
@@ -108,8 +110,7 @@ void quantile_picture(const PictureData& data, Pictures& out)
   y = graphics::widened(graphics::joined(y, x), 0.02);
   Canvas canvas(half_width, 380);
   {
-    Panel p(canvas, {0, 0, half_width, 380}, {"Normal quantile", x, false, true, {}},
-            {residuals.name, y, false, true, {}});
+    Panel p(canvas, {0, 0, half_width, 380}, {"Normal quantile", x}, {residuals.name, y});
     p.band(band.expected, band.low, band.high);
     p.diagonal();
     p.dots(expected, observed);

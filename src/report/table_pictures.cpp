@@ -51,15 +51,15 @@ void history_picture(const host::GroupResult& group, Pictures& out)
   const double height = has_gradient ? 190 : 240;
   {
     Panel panel(canvas, {0, 0, half_width, height},
-                {has_gradient ? "" : "Iteration", graphics::widened(x, 0.03), false, true, {}},
-                {"Negative log likelihood", graphics::widened(y, 0.06), false, true, {}});
+                {has_gradient ? "" : "Iteration", graphics::widened(x, 0.03), Axis::Ticks::whole},
+                {"Negative log likelihood", graphics::widened(y, 0.06)});
     panel.curve(iteration, objective, "one");
     panel.dots(iteration, objective);
   }
   if (has_gradient) {
     decades = {std::floor(decades.low), std::max(std::ceil(decades.high), std::floor(decades.low) + 1)};
-    Panel panel(canvas, {0, height, half_width, 190}, {"Iteration", graphics::widened(x, 0.03), false, true, {}},
-                {"Largest gradient", decades, true, true, {}});
+    Panel panel(canvas, {0, height, half_width, 190}, {"Iteration", graphics::widened(x, 0.03), Axis::Ticks::whole},
+                {"Largest gradient", decades, Axis::Ticks::powers});
     panel.curve(iteration, gradient, "one");
     panel.dots(iteration, gradient);
   }
@@ -120,7 +120,8 @@ void correlation_picture(const host::GroupResult& group, Pictures& out)
   const auto variance = [&](std::size_t i) { return c[i * (i + 3) / 2]; };
   double label = 0;
   for (const auto& name : names) label = std::max(label, std::min(96.0, graphics::text_width(name)));
-  const double left = label + 12, cell = (half_width - left - 4) / static_cast<double>(n), top = 6;
+  const double left = label + 12, top = 6;
+  const double cell = std::min(56.0, (half_width - left - 4) / static_cast<double>(n));
   const double size = cell >= 40 ? graphics::small_font_size : 9;
   Canvas canvas(half_width, top + cell * static_cast<double>(n) + (cell > 28 ? 22 : label + 14));
   for (std::size_t i = 0; i < n; ++i) {
@@ -144,7 +145,7 @@ void correlation_picture(const host::GroupResult& group, Pictures& out)
                                fmt::format("{}, {}: {}", names[i], names[j], words));
       if (cell >= 30) canvas.text(cx + cell / 2, y + cell / 2 + 4, words, Anchor::middle, {}, size);
     }
-    canvas.rectangle(left + cell * static_cast<double>(i) + 1, y + 1, cell - 2, cell - 2, "none");
+    canvas.rectangle(x + 1, y + 1, cell - 2, cell - 2, "none");
   }
   const std::string caption =
       "Blue is positive, orange negative, strong colour near 1 in size. Pairs near 1 or -1 say that the data "
