@@ -160,9 +160,9 @@ constexpr CatalogueEntry entries[] = {
      "Better starting values; QPOINTS=; QMAX=; a larger QTOL=."},
     {503, 271, W,
      "The final Hessian matrix has more zero eigenvalues ({count}) than active constraints account for; the covariance "
-     "is a generalized inverse.",
-     "Two parameters that the data cannot tell apart, or a parameter without influence.",
-     "Remove or fix a parameter; look for correlations of 1 in CORR."},
+     "is a generalized inverse.[ The data do not identify {names}: there are no standard errors for them.]",
+     "Parameters that the data cannot tell apart, or a parameter without influence.",
+     "Remove or fix a parameter; the table \"LinearDependencies\" shows what moves together."},
     {503, 272, W, "The {matrix} has negative eigenvalues ({count}): the estimates are not a minimum.",
      "A saddle point, or a stop on flat ground.", "Other starting values, another TECHNIQUE=, a smaller GCONV=."},
     {503, 273, N, "final Hessian matrix", "", ""},
@@ -365,9 +365,27 @@ constexpr CatalogueEntry entries[] = {
     {503, 9541, N, "Question", "", ""},
     {503, 9542, N, "Finding", "", ""},
     {503, 9360, N,
-     "The optimizer had stopped where the Hessian is indefinite; {iterations} trust-region iterations lowered the "
-     "objective from {from} to {to}, and the fit went on from there.",
-     "Starting values far from the optimum, or variances near the edge of what the model allows.", ""},
+     "The technique had stopped where no minimum was confirmed; {iterations} trust-region iterations from there brought "
+     "-2 log L from {from} to {to}.",
+     "Starting values far from the optimum, parameters of very different size, or variances near the edge of what the "
+     "model allows.",
+     ""},
+    {503, 9410, W,
+     "No minimum was confirmed: at the returned point -2 log L is {value}[, and a Newton step promises to lower it by "
+     "{gain}].",
+     "The limits of the fit were reached, or the likelihood has no maximum that steps from here can find.",
+     "Other starting values; larger MAXITER= and MAXFUNC=; BOUNDS; another parameterization."},
+    {503, 9411, W,
+     "The likelihood does not fall along {names} within a standard error: it seems to rise without end, and there is no "
+     "maximum.",
+     "Complete separation: the data split the responses perfectly. Or a parameter without influence far away.",
+     "Remove the effect, join groups, or give BOUNDS."},
+    {503, 9412, W,
+     "The criterion that was given stopped the fit before a minimum was confirmed[: a Newton step promises to lower -2 "
+     "log L by {gain}].",
+     "", "Leave the criterion at its default, or make it smaller."},
+    {503, 9413, W, "Convergence could not be confirmed: the Hessian cannot be computed at the returned point.",
+     "The model fails close to the estimates.", "Other starting values; BOUNDS; another parameterization."},
     {503, 9350, N, "Check of the Gradient", "", ""},
     {503, 9351, N, "Linear Dependencies of the Hessian", "", ""},
     {503, 9343, W, "The run was interrupted; what was finished is written.", "", ""},

@@ -143,7 +143,8 @@ void verdict_words(const VerdictFacts& f, FitSummary& out)
   if (!flat.empty()) say("Flat direction", "the likelihood does not change along " + flat);
   say("Not identified", unidentified(f));
   say("At bounds", listed(f.parameters, v.at_bounds));
-  if (!v.vanished.empty()) say("Vanished variance", listed(f.effects, v.vanished) + ": no variation between subjects");
+  if (!v.vanished.empty())
+    say("Vanished variance", listed(f.parameters, v.vanished) + ": no variation between subjects");
   if (!v.separated.empty())
     say("Separation", listed(f.parameters, v.separated) + ": the likelihood goes on rising without end");
   if (!std::isnan(v.quadrature_change))
@@ -205,7 +206,6 @@ void write_verdict(NX& n)
   VerdictFacts facts;
   facts.verdict = &n.verdict;
   for (const auto& p : n.parmstr) facts.parameters.push_back(p.parmname);
-  for (const auto& r : n.reff) facts.effects.insert(facts.effects.end(), r.names.begin(), r.names.end());
   facts.znlprc = n.znlprc;
   facts.optimized = !n.noopt && n.znlprc != 10 && n.nparm > 0;
   facts.covariance = !n.covmat.empty();

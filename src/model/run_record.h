@@ -207,7 +207,6 @@ struct FitState {
   bool havemeat = false;
   std::vector<double> meat;                   // np(np+1)/2: sum of outer products of subject gradients
   int znlprc = 0;                             // result of the optimizer; above 0 the fit stands
-  long iterations_before = 0;                 // iterations of runs of the optimizer that this one continues
   std::vector<host::Message> optimizer_messages; // of the optimizer's present run; logged when it is the last one
   double fval = 0.0;                          // objective at the estimates
   std::vector<double> hessmat;                // Hessian at the estimates, packed

@@ -257,9 +257,14 @@ int znlpact(MINSTR* str, const double* d)
   return added;
 }
 
-bool touching(const MINSTR& str, const double* d)
+long first_touched(const MINSTR& str, const double* d)
 {
-  return for_each_touched(str, d, [](long, int) { return true; });
+  long first = -1;
+  for_each_touched(str, d, [&](long c, int) {
+    first = c;
+    return true;
+  });
+  return first;
 }
 
 } // namespace torvale::optimizer

@@ -44,8 +44,12 @@ void znlpfta(MINSTR* str);
 // added; chac and idac tell of them.
 int znlpact(MINSTR* str, const double* d);
 
-// touching: true when znlpact would have something to add.
-bool touching(const MINSTR& str, const double* d);
+// first_touched: the first constraint that x touches and that the direction d runs into, or -1. touching: there is one.
+long first_touched(const MINSTR& str, const double* d);
+inline bool touching(const MINSTR& str, const double* d)
+{
+  return first_touched(str, d) >= 0;
+}
 
 // znlpdac: drops constraints whose multipliers have the wrong sign. Returns the net number dropped; chac, idac tell of
 // them.

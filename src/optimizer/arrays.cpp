@@ -91,6 +91,7 @@ int tvlopta(MINSTR* str)
       {&MINSTR::gpro, n}, {&MINSTR::lagm, n + rows}, {&MINSTR::awrk, 8 * n + 2 * rows},
       {&MINSTR::xval, n}, {&MINSTR::xbes, n},        {&MINSTR::gbes, n},
       {&MINSTR::xtmp, n}, {&MINSTR::gtmp, n},        {&MINSTR::hlim, n},
+      {&MINSTR::unit, n},
   };
   const bool own_lower = str->lb == nullptr || owns(str->problem_block, static_cast<const double*>(str->lb));
   const bool own_upper = str->ub == nullptr || owns(str->problem_block, static_cast<const double*>(str->ub));
@@ -121,15 +122,15 @@ int provide_technique_arrays(MINSTR* str)
 {
   const long n = str->nvar;
   const long packed = n * (n + 1) / 2;
-  const bool constrained = str->bounds != 0 || str->lincon != 0;
   // A conjugate gradient or a simplex needs no matrix. The Hessian of the covariance step comes from the covariance
   // request's own storage.
   const bool matrix = str->tech != CONGRA && str->tech != NMSIMP && str->tech != NMSIM2 && str->tech != NONE;
   const bool hessian_technique = str->ider >= 4;
-  const bool needs_projection = matrix && (constrained || hessian_technique || str->load != 0);
+  // The quasi-Newton techniques try their start from a Hessian there, Newton steps are taken from it; `load` may be set
+  // after this, and so every technique with a matrix has it.
   const Need needs[] = {
       {&MINSTR::hess, matrix ? packed : 0},
-      {&MINSTR::hpro, needs_projection ? packed : 0},
+      {&MINSTR::hpro, matrix ? packed : 0},
       {&MINSTR::half, hessian_technique ? packed : 0},
       {&MINSTR::wrk2, wrk2_length(*str)},
       {&MINSTR::qlcn, str->lincon != 0 ? n * n : 0},

@@ -57,7 +57,7 @@ private:
     const bool all_held = free_dimension(*str) == 0;
     if (!reported || all_held) {
       reported = true;
-      if (const int code = str->uster(str, all_held ? 1 : 10); code != 0) return code;
+      if (const int code = test_termination(str, all_held ? 1 : 10); code != 0) return code;
     }
     moved = false;
     for (;;) {
@@ -106,7 +106,7 @@ private:
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     estimate_reduction();
-    if (const int code = str->uster(str, 1); code != 0) return code;
+    if (const int code = test_termination(str, 1); code != 0) return code;
     if (settled > 0 || str->chac != 0 || free_dimension(*str) != m) return restart;
     if (static_cast<double>(str->itre) >= str->nres) {
       str->salf = 1.0;

@@ -58,7 +58,7 @@ private:
     const bool all_held = free_dimension(*str) == 0;
     if (!reported || all_held) {
       reported = true;
-      if (const int code = str->uster(str, all_held ? 1 : 10); code != 0) return code;
+      if (const int code = test_termination(str, all_held ? 1 : 10); code != 0) return code;
     }
     moved = false;
     for (;;) {
@@ -178,10 +178,11 @@ private:
     ++str->itre;
     str->nitr += 1.0;
     str->alfa = state.dstn;
+    if (str->lamb > 0.0) str->scut = cut_radius;
     if (objective_gradient(str) != 0) return code_gradient;
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
-    if (const int code = str->uster(str, 1); code != 0) return code;
+    if (const int code = test_termination(str, 1); code != 0) return code;
     if (settled > 0 || static_cast<double>(str->itre) >= str->nres) {
       str->salf = 1.0;
       return restart;

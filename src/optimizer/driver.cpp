@@ -9,6 +9,7 @@
 #include "optimizer/objective_access.h"
 #include "optimizer/status_messages.h"
 #include "optimizer/technique.h"
+#include "optimizer/units.h"
 
 #include <algorithm>
 #include <cmath>
@@ -57,6 +58,7 @@ int feasible_start(MINSTR* str)
 int start_stage(MINSTR* str)
 {
   if (provide_technique_arrays(str) != 0) return code_start_objective;
+  const InnerRun units(str);
   str->tbig = 0.0;
   str->stop = 0;
   str->ipre = 0;
@@ -96,6 +98,7 @@ int check_derivatives(MINSTR* str, int dtst)
 
 int run_technique(MINSTR* str)
 {
+  const InnerRun units(str);
   switch (str->tech) {
   case TRUREG:
     return znlptre(str);
@@ -153,13 +156,14 @@ void final_classification(MINSTR* str)
 int optimization_stage(MINSTR* str)
 {
   str->indf = purpose_iteration;
-  const double start = seconds(str);
+  const double start = seconds(str) - (str->continues != 0 ? str->mtim : 0.0);
   str->mtim = start;
   int code = 0;
   if (str->tech != NONE) {
-    if (str->maxi <= str->past_iterations || str->maxf <= static_cast<double>(str->past_calls))
+    const bool continues = str->continues != 0;
+    if (str->maxi <= (continues ? str->nitr : 0.0) || str->maxf <= (continues ? static_cast<double>(str->nfct) : 0.0))
       code = code_limit;
-    else if (str->upti <= str->past_seconds)
+    else if (str->upti <= (continues ? seconds(str) - start : 0.0))
       code = code_time;
     else
       code = run_technique(str);
@@ -177,6 +181,19 @@ int optimization_stage(MINSTR* str)
 }
 
 } // namespace
+
+void continue_run(const MINSTR& from, MINSTR* to)
+{
+  to->continues = 1;
+  to->nitr = from.nitr;
+  to->nfct = from.nfct;
+  to->ngrd = from.ngrd;
+  to->nhes = from.nhes;
+  to->nhup = from.nhup;
+  to->nlis = from.nlis;
+  to->ires = from.ires;
+  to->mtim = from.mtim;
+}
 
 int znlpdrv(MINSTR* str, int job, int, int dtst, int)
 {

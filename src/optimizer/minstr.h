@@ -72,6 +72,14 @@ enum CallPurpose : int {
   purpose_interval_search = 10,
 };
 
+// What cut the last step short (scut of MINSTR). Such a step says nothing of convergence by its length or its decrease.
+enum StepCut : int {
+  cut_none = 0,
+  cut_radius = 1, // the trust radius, a ridge in its place, or MAXSTEP
+  cut_bound = 2,
+  cut_row = 3, // a linear constraint
+};
+
 // One row of the iteration history, handed to the history sink. Which of the two last columns mean what is told by
 // `layout` (history_layout in termination.h names the columns).
 struct HistoryRow {
@@ -168,6 +176,18 @@ struct MINSTR {
   double dhes = 0;     // INHESSIAN=r: start matrix r times the identity; missing: identity
   double nres = 0;     // RESTART: most iterations between restarts
   int start_scale = 0; // nonzero: the quasi-Newton start matrix is scaled for n <= 10 as well
+
+  // ---- Units and metric. Set by the caller; null: none. ---------------------------------------------------------
+  // n positive scales, borrowed: the run works on x / scale (rounded to a power of two). Steps, norms, radii and
+  // difference intervals are then those of the scaled problem, and so is the gradient that ABSGCONV is compared with
+  // unless ABSGCONV was given. Callbacks, sinks and results keep the caller's units. May change between runs, not while
+  // one lasts. Root of the inverse curvature is a good scale; 1 leaves a parameter alone.
+  const double* scale = nullptr;
+  // The start metric of the quasi-Newton techniques in place of the Hessian, asked at each start of the matrix when
+  // `load` is set: writes hess (packed, positive semidefinite but for rounding, in the caller's units) for the point x,
+  // whose objective and gradient have just been evaluated, and leaves everything else alone. Nonzero: there is none,
+  // and the Hessian is formed.
+  int (*usmet)(MINSTR*) = nullptr;
 
   // ---- Constraints. Sizes by the caller, tolerances are options. -----------------------------------------------
   int bounds = 0;  // nonzero: there are bounds on parameters
@@ -279,13 +299,13 @@ struct MINSTR {
   double det[5] = {};     // determinant mantissa and exponent, positive, negative, zero pivots of the final Hessian
 
   // ---- Run state. Written by the library, read by callbacks. ----------------------------------------------------
-  double tbig = 0;  // nonzero: the objective overflowed; every loop tests it after a callback
-  int stop = 0;     // nonzero: the user asked to stop; set by a callback, ends the run with code -3
+  double tbig = 0; // nonzero: the objective overflowed; every loop tests it after a callback
+  int stop = 0;    // nonzero: the user asked to stop; set by a callback, ends the run with code -3
+  // Set by the caller. Nonzero: stage 2 goes on from an earlier run of the same fit: nitr, nfct, ngrd, nhes, nhup,
+  // nlis, ires and the time in mtim are not cleared but counted on, so that MAXITER, MAXFUNC, MAXTIME and MINITER hold
+  // for the sum. For a run on another record copy them there and back.
+  int continues = 0;
   double nitr = 0;  // iterations done
-  // Of earlier runs from which this one goes on: MAXITER, MAXFUNC and MAXTIME hold for the sum.
-  double past_iterations = 0;
-  long past_calls = 0;
-  double past_seconds = 0;
   int indf = 0;     // why the objective is called, see CallPurpose
   int ifdr = 1;     // order asked of the current call: 1 value, 2 gradient, 3 Hessian
   int rcod = 0;     // last termination code
@@ -310,6 +330,7 @@ struct MINSTR {
   long idac = 0;    // constraint that changed, from 1: bounds, then n + linear rows; negative: dropped;
                     // 2147483647: several
   int cutf = 0;     // nonzero: the last step was cut by failed evaluations (FCONV does not count then)
+  int scut = 0;     // what cut the last step short of its technique's own length, see StepCut
   long npev = 0;    // positive eigenvalues of the last test
   long nzev = 0;    // zero eigenvalues
   long nnev = 0;    // negative eigenvalues
@@ -323,7 +344,7 @@ struct MINSTR {
   double rhor = 0;  // actual over predicted reduction
   double gcri = 0;  // gradient criterion of CONGRA
   double gihg = 0;  // gradient in the inverse Hessian norm
-  double mtim = 0;  // clock at the start of stage 2, then the elapsed seconds
+  double mtim = 0;  // clock at the start of stage 2 less the seconds of the runs it continues; then the elapsed seconds
   double dfes = 0;  // estimate of the decrease of the objective
   double alfa = 0;  // step length
   double stub = 0;  // upper bound on the step length from constraints
@@ -346,6 +367,10 @@ struct MINSTR {
   double* gbes = nullptr;         // n: its gradient
   double* hlim = nullptr;         // n: longest central interval that the curvature of the objective allows, absolute;
                                   // missing: not known
+  double* unit = nullptr;         // n: the scales in use, powers of two
+  bool inner_units = false;       // x and its companions are divided by unit at present
+  bool agtl_default = false;      // ABSGCONV was not given
+  double inner_gmax = 0;          // gmax of the scaled problem while the caller's is shown
   double* xtmp = nullptr;         // n: scratch of the difference routines
   double* gtmp = nullptr;         // n: scratch of the difference routines
   std::vector<double> problem_block;   // storage of the double arrays that do not depend on the technique

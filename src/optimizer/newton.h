@@ -55,7 +55,7 @@ template <class Iteration> int newton_cycles(MINSTR* str, NewtonModel& model, It
     int code = 0;
     if (model.evaluate(first) != 0) code = first ? code_start_derivative : code_hessian;
     const bool all_held = free_dimension(*str) == 0;
-    if (code == 0 && (first || all_held)) code = str->uster(str, all_held ? 1 : 10);
+    if (code == 0 && (first || all_held)) code = test_termination(str, all_held ? 1 : 10);
     str->ridg = 0.0;
     while (code == 0) code = iteration();
     if (code != code_reenter) code = end_technique(str, code);

@@ -48,10 +48,11 @@ private:
     str->dfes = str->cold - str->crit;
     ++str->itre;
     str->nitr += 1.0;
+    if (str->ridg > 0.0) str->scut = cut_radius;
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
     str->gcri = std::abs(znlpgs(*str, str->grad, str->sdir));
-    if (const int code = str->uster(str, 1); code != 0) return code;
+    if (const int code = test_termination(str, 1); code != 0) return code;
     if (static_cast<double>(str->itre) >= str->nres) return code_reenter;
     return model.evaluate(false) != 0 ? code_hessian : 0;
   }

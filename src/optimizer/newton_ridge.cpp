@@ -38,11 +38,12 @@ private:
     str->alfa = matrix::zvenorm(str->nvar, 1, str->sdir);
     str->nitr += 1.0;
     ++str->itre;
+    if (str->ridg > 0.0) str->scut = cut_radius;
     if (objective_gradient(str) != 0) return code_gradient;
     choose_next_ridge();
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
-    if (const int code = str->uster(str, 1); code != 0) return code;
+    if (const int code = test_termination(str, 1); code != 0) return code;
     if (static_cast<double>(str->itre) >= str->nres) return code_reenter;
     return model.evaluate(false) != 0 ? code_hessian : 0;
   }

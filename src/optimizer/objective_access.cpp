@@ -1,6 +1,7 @@
 #include "optimizer/objective_access.h"
 
 #include "optimizer/optimizer.h"
+#include "optimizer/units.h"
 
 #include <algorithm>
 #include <cmath>
@@ -32,6 +33,21 @@ void expand_diagonal(double* hess, long n)
   }
 }
 
+// Callbacks work in the caller's units.
+int called(MINSTR* str, ProblemCallback callback)
+{
+  const UserUnits view(str);
+  return callback(str);
+}
+
+int called_for_hessian(MINSTR* str, ProblemCallback hessian)
+{
+  const UserUnits view(str);
+  const int rc = hessian(str);
+  if (rc == 0 && str->hfrm == 2) expand_diagonal(str->hess, str->nvar);
+  return rc;
+}
+
 } // namespace
 
 int objective_value(MINSTR* str, ProblemCallback objective)
@@ -39,7 +55,7 @@ int objective_value(MINSTR* str, ProblemCallback objective)
   const double limit = str->fail != 0.0 ? str->fail : largest;
   str->ifdr = 1;
   std::copy_n(str->x, str->nvar, str->xval);
-  const int rc = (objective != nullptr ? objective : str->usfct)(str);
+  const int rc = called(str, objective != nullptr ? objective : str->usfct);
   str->xval_current = true;
   if (rc == 0 && str->crit == -std::numeric_limits<double>::infinity()) str->tbig = 1.0;
   const bool usable = rc == 0 && std::isfinite(str->crit) && str->crit < limit;
@@ -53,7 +69,7 @@ int objective_gradient(MINSTR* str, ProblemCallback gradient)
   // The value that comes back is that of crit already: the same point gives the same value.
   if (!last_called_here(*str) && objective_value(str) != 0) return 1;
   str->ifdr = 2;
-  const int rc = (gradient != nullptr ? gradient : str->usgrd)(str);
+  const int rc = called(str, gradient != nullptr ? gradient : str->usgrd);
   return rc == 0 && all_finite(str->grad, str->nvar) ? 0 : 1;
 }
 
@@ -66,8 +82,8 @@ int objective_hessian(MINSTR* str, ProblemCallback hessian)
   }
   if (!last_called_here(*str) && objective_value(str) != 0) return 1;
   str->ifdr = 3;
-  if (analytic(str) != 0) return 1;
-  if (str->hfrm == 2) expand_diagonal(str->hess, str->nvar);
+  const int rc = called_for_hessian(str, analytic);
+  if (rc != 0) return 1;
   return all_finite(str->hess, str->nvar * (str->nvar + 1) / 2) ? 0 : 1;
 }
 

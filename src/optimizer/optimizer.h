@@ -30,6 +30,10 @@ void covariance_defaults(COVSTR* cov);
 // Returns a termination code (TerminationCode of minstr.h), kept in rcod.
 int znlpdrv(MINSTR* str, int job, int pfun, int dtst, int ctst);
 
+// continue_run: makes the record `to` go on counting where `from` is (see MINSTR::continues): iterations, calls and
+// time. Call it before a run on another record and, the other way round, after it.
+void continue_run(const MINSTR& from, MINSTR* to);
+
 // znlptrm: the termination test; what the caller's own termination routine must end with. See TerminationCallback.
 int znlptrm(MINSTR* str, int job);
 

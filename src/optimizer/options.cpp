@@ -50,6 +50,7 @@ const char* criterion_name(int code)
 void tvlopti(MINSTR* str)
 {
   str->mini = -1;
+  str->agtl_default = false;
   for (double MINSTR::*option :
        {&MINSTR::nres, &MINSTR::maxf, &MINSTR::max2, &MINSTR::maxi, &MINSTR::deat, &MINSTR::ldct,
         &MINSTR::ceps, &MINSTR::dhes, &MINSTR::sigm, &MINSTR::damp, &MINSTR::salf, &MINSTR::smax,
@@ -256,6 +257,7 @@ void default_tolerances(MINSTR* str)
   const bool noisy = str->nreb >= 2;
   set_default(str->axtl, simplex ? 1e-8 : 0.0);
   set_default(str->aftl, 0.0);
+  str->agtl_default = str->agtl_default || is_missing(str->agtl);
   set_default(str->agtl, noisy ? 1e-3 : 1e-5);
   set_default(str->ftol, std::exp(-2.302585092994046 * str->fdig));
   set_default(str->gtol, noisy ? 1e-6 : 1e-8);

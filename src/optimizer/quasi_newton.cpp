@@ -40,7 +40,7 @@ private:
   int cycle()
   {
     begin_cycle(str);
-    const bool first = str->nitr == 0.0 && !reported;
+    const bool first = !reported;
     znlpgmx(str);
     if (constrained(*str) && znlpdac(str) != 0) moved = true;
     if (const int rc = secant.start(); rc != 0) return rc;
@@ -51,7 +51,7 @@ private:
     const bool all_held = free_dimension(*str) == 0;
     if (first || all_held) {
       reported = true;
-      const int code = str->uster(str, all_held ? 1 : 10);
+      const int code = test_termination(str, all_held ? 1 : 10);
       if (code != 0) return code;
     }
     moved = false;
@@ -80,7 +80,7 @@ private:
     str->nitr += 1.0;
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
-    if (const int code = str->uster(str, 1); code != 0) return code;
+    if (const int code = test_termination(str, 1); code != 0) return code;
     if (settled > 0 || static_cast<double>(str->itre) >= str->nres) {
       str->salf = 1.0;
       return restart;

@@ -2,6 +2,7 @@
 
 #include "optimizer/active_set.h"
 #include "optimizer/objective_access.h"
+#include "optimizer/units.h"
 #include "optimizer/updates.h"
 
 #include "matrix/cholesky.h"
@@ -150,10 +151,24 @@ void SecantMatrix::invert_from_cholesky(long m)
   }
 }
 
+// The metric that the caller may have, in the units of the run.
+bool SecantMatrix::metric_of_caller()
+{
+  if (str->usmet == nullptr) return false;
+  {
+    const UserUnits view(str);
+    if (str->usmet(str) != 0) return false;
+  }
+  if (!str->inner_units) return true;
+  for (long i = 0; i < n; ++i)
+    for (long j = 0; j <= i; ++j) str->hess[packed_row(i) + j] *= str->unit[i] * str->unit[j];
+  return true;
+}
+
 // The Hessian with the smallest ridge of 1e-4 times a power of 4 that makes it definite.
 int SecantMatrix::start_from_hessian()
 {
-  if (objective_hessian(str) != 0) return code_hessian;
+  if (!metric_of_caller() && objective_hessian(str) != 0) return code_hessian;
   for (str->ridg = 0.0; str->ridg <= 1073741824.0; str->ridg = std::max(1e-4, 4.0 * str->ridg)) {
     double* const trial = str->hpro;
     std::copy_n(str->hess, packed_size(n), trial);

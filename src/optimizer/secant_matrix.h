@@ -12,7 +12,7 @@ class SecantMatrix {
 public:
   SecantMatrix(MINSTR* record, bool dual_form);
 
-  // The start matrix: r I, or the Hessian at x with INHESSIAN. Returns 0, -11 or -5 (no ridge makes it definite).
+  // The start matrix: r I, or with INHESSIAN the metric of the caller, else the Hessian at x. Returns 0, -11 or -5 (no ridge makes it definite).
   int start();
 
   // The start matrix r I, whatever INHESSIAN says.
@@ -39,6 +39,7 @@ public:
 private:
   bool factor(long m);
   void invert_from_cholesky(long m);
+  bool metric_of_caller();
   int start_from_hessian();
   int update_whole();
 

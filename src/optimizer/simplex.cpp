@@ -33,11 +33,11 @@ public:
     for (long i = 0; i < n; ++i)
       if (str->iabc[i] == 1 || str->iabc[i] == -1) release(str, i);
     m = free_dimension(*str);
-    if (m == 0) return str->uster(str, 1);
+    if (m == 0) return test_termination(str, 1);
     int code = build(1.0);
     if (code != 0) return end_technique(str, code);
     publish();
-    code = str->uster(str, 10);
+    code = test_termination(str, 10);
     double before = infinity;
     int restarts = most_restarts;
     while (true) {
@@ -215,7 +215,7 @@ private:
     str->nitr += 1.0;
     ++str->itre;
     publish();
-    const int code = str->uster(str, 1);
+    const int code = test_termination(str, 1);
     return code == 0 && flat() ? code_no_progress : code;
   }
 

@@ -37,7 +37,7 @@ void report_failure(MINSTR* str, int code)
     send_message(str, 549, 9, severity_error);
     break;
   case code_limit:
-    send_message(str, 549, str->nitr + str->past_iterations >= str->maxi ? 605 : 606, str->zmsg,
+    send_message(str, 549, str->nitr >= str->maxi ? 605 : 606, str->zmsg,
                  {str->maxi, str->maxf});
     break;
   case code_time:

@@ -3,6 +3,7 @@
 #include "optimizer/active_set.h"
 #include "optimizer/difference_interval.h"
 #include "optimizer/objective_access.h"
+#include "optimizer/units.h"
 
 #include <algorithm>
 #include <cstring>
@@ -11,9 +12,12 @@ namespace torvale::optimizer {
 
 int begin_technique(MINSTR* str, bool with_gradient)
 {
-  str->nitr = 0.0;
-  str->nfct = str->ngrd = str->nhes = str->nhup = str->nlis = 0;
-  str->itre = str->ires = str->null = 0;
+  if (str->continues == 0) {
+    str->nitr = 0.0;
+    str->nfct = str->ngrd = str->nhes = str->nhup = str->nlis = str->ires = 0;
+  }
+  str->itre = str->null = 0;
+  str->scut = cut_none;
   reset_change(str);
   str->cutf = 0;
   str->reentered_at = -1.0;
@@ -51,14 +55,21 @@ void begin_cycle(MINSTR* str)
   forget_curvature(str);
 }
 
+int test_termination(MINSTR* str, int job)
+{
+  const UserUnits view(str);
+  return str->uster(str, job);
+}
+
 int end_technique(MINSTR* str, int code)
 {
   if (str->stop != 0) return code_objective; // whatever failed because of it
-  return code < 0 ? str->uster(str, code) : code;
+  return code < 0 ? test_termination(str, code) : code;
 }
 
 void remember(MINSTR* str)
 {
+  str->scut = cut_none;
   str->cold = str->crit;
   std::copy_n(str->x, str->nvar, str->xold);
   std::copy_n(str->grad, str->nvar, str->gold);
@@ -74,10 +85,12 @@ void go_back(MINSTR* str)
 int settle_constraints(MINSTR* str, const double* d)
 {
   reset_change(str);
+  if (str->nlis > 0 && str->nlis <= str->smit && str->alfa >= str->smax) str->scut = cut_radius;
   if (!constrained(*str)) {
     znlpgmx(str);
     return 0;
   }
+  if (const long c = first_touched(*str, d); c >= 0) str->scut = c < str->nvar ? cut_bound : cut_row;
   if (znlpfch(str, 0, str->ipre) != 0) {
     if (znlpfea(str) < 0) return code_infeasible;
     znlpfch(str, 1, 0);

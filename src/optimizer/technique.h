@@ -25,17 +25,21 @@ int begin_technique(MINSTR* str, bool with_gradient);
 // begin_cycle: what every start section does: itre 0, a restart counted, salf offered as the first step.
 void begin_cycle(MINSTR* str);
 
+// test_termination: what `uster` says of the job, asked in the caller's units.
+int test_termination(MINSTR* str, int job);
+
 // end_technique: asks the termination routine once more with a negative code, which may name the criterion whose
 // pass count was not reached. Positive codes pass. Returns the final code or 100.
 int end_technique(MINSTR* str, int code);
 
-// remember: xold, gold, cold := x, grad, crit. go_back: the reverse.
+// remember: xold, gold, cold := x, grad, crit, at the beginning of an iteration. go_back: the reverse.
 void remember(MINSTR* str);
 void go_back(MINSTR* str);
 
-// settle_constraints: after an accepted step along d: repairs a point that has drifted off its constraints, holds those
-// that the step has run into, drops those whose multipliers have the wrong sign, and leaves gpro and gmax current.
-// Returns 0, 1 when the point was repaired (a technique starts anew from it), or -6 when it could not be.
+// settle_constraints: after an accepted step along d: tells what cut it (scut), repairs a point that has drifted off
+// its constraints, holds those that the step has run into, drops those whose multipliers have the wrong sign, and
+// leaves gpro and gmax current. Returns 0, 1 when the point was repaired (a technique starts anew from it), or -6 when
+// it could not be.
 int settle_constraints(MINSTR* str, const double* d);
 
 // free_hessian: the Hessian at x into hess, its part on the free space into hpro (hess itself serves when nothing is

@@ -4,6 +4,7 @@
 #include "optimizer/messages.h"
 #include "optimizer/neighbourhood.h"
 #include "optimizer/objective_access.h"
+#include "optimizer/units.h"
 
 #include <algorithm>
 #include <cmath>
@@ -59,7 +60,7 @@ private:
     // A step that failed evaluations cut short says nothing about the objective.
     const bool full_step = str->cutf == 0;
     apply(1, full_step && decrease <= str->aftl, code);
-    apply(2, str->gmax <= str->agtl, code);
+    apply(2, test_gradient(*str) <= str->agtl, code);
     if (start) return code;
     apply(3, distance() <= str->axtl, code);
     apply(4, full_step && decrease <= function_threshold, code);
@@ -129,21 +130,21 @@ int name_pending_criterion(const MINSTR& str, int code)
 // The gradient that every later quotient is compared with must be a central one too.
 void switch_to_central(MINSTR* str)
 {
+  const InnerUnits view(str);
   str->fidi = 2;
   if (objective_gradient(str) == 0 && free_dimension(*str) > 0) znlpgmx(str);
 }
 
 bool wants_central(const MINSTR& str, const Tests& tests)
 {
-  return !(str.gmax > str.swfd * str.agtl && tests.predicted > std::max(tests.gradient_threshold * str.swfd, 1e-6));
+  return !(test_gradient(str) > str.swfd * str.agtl &&
+           tests.predicted > std::max(tests.gradient_threshold * str.swfd, 1e-6));
 }
 
 int limits(const MINSTR& str, MINSTR* record)
 {
-  if (str.nitr + str.past_iterations >= str.maxi || static_cast<double>(str.nfct + str.past_calls) >= str.maxf)
-    return code_limit;
-  if (str.clock != nullptr && str.upti < largest && str.clock(record) - str.mtim + str.past_seconds > str.upti)
-    return code_time;
+  if (str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf) return code_limit;
+  if (str.clock != nullptr && str.upti < largest && str.clock(record) - str.mtim > str.upti) return code_time;
   return 0;
 }
 
@@ -164,6 +165,7 @@ int optimality_check(MINSTR* str, int job, int code)
 {
   if (code == 0 || std::abs(job) >= 11 || is_missing(str->rtop)) return code;
   if (str->stop != 0 || str->tbig != 0.0 || str->reentered_at == str->nitr) return code;
+  const InnerUnits view(str);
   const int purpose = str->indf;
   str->indf = purpose_optimality_check;
   const bool better = znlpnoi(str, job != 10) != 0 || znlpdnc(str) == 0;

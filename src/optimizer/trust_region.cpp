@@ -37,7 +37,7 @@ public:
       if (str->delt == 0.0) str->delt = first_radius();
       int code = 0;
       const bool all_held = free_dimension(*str) == 0;
-      if (first || all_held) code = str->uster(str, all_held ? 1 : 10);
+      if (first || all_held) code = test_termination(str, all_held ? 1 : 10);
       while (code == 0) code = iteration();
       if (code != code_reenter) code = end_technique(str, code);
       if (code != code_reenter) return code;
@@ -126,10 +126,11 @@ private:
     str->nitr += 1.0;
     ++str->itre;
     str->alfa = state.dstn;
+    if (str->lamb > 0.0) str->scut = cut_radius;
     if (objective_gradient(str) != 0) return code_gradient;
     const int settled = settle_constraints(str, str->sdir);
     if (settled < 0) return settled;
-    if (const int rc = str->uster(str, 1); rc != 0) return rc;
+    if (const int rc = test_termination(str, 1); rc != 0) return rc;
     return form_model(false);
   }
 

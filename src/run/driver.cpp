@@ -24,6 +24,25 @@ using model::NX;
 
 namespace {
 
+// The exit code of a fit that stands, by what its judge found.
+int exit_of_outcome(const NX& n)
+{
+  using model::FitOutcome;
+  if (n.covmat.empty()) return exit_no_covariance;
+  switch (n.verdict.outcome) {
+  case FitOutcome::confirmed_singular:
+  case FitOutcome::unconfirmed:
+    return exit_no_covariance;
+  case FitOutcome::not_judged: {
+    // With negative eigenvalues there is a matrix, but no covariance (message 272 has said so).
+    const auto& hessian = n.covstr->projected.present ? n.covstr->projected : n.covstr->hessian;
+    return hessian.det[3] > 0 ? exit_no_covariance : exit_clean;
+  }
+  default:
+    return exit_clean;
+  }
+}
+
 // The tables and expressions of a fit; its exit code.
 int report_fit(NX& n)
 {
@@ -34,9 +53,7 @@ int report_fit(NX& n)
   inference::write_verdict(n);
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
-  // With negative eigenvalues there is a matrix, but no covariance: the point is no minimum (message 272 has said so).
-  const auto& hessian = n.covstr->projected.present ? n.covstr->projected : n.covstr->hessian;
-  int exit_code = n.covmat.empty() || hessian.det[3] > 0 ? exit_no_covariance : exit_clean;
+  int exit_code = exit_of_outcome(n);
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;

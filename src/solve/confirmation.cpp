@@ -1,20 +1,25 @@
 #include "solve/confirmation.h"
 
 #include "integration/objective.h"
-#include "matrix/cholesky.h"
 #include "optimizer/optimizer.h"
+#include "solve/continuation.h"
+#include "solve/solve_step.h"
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace torvale::solve {
 
+using model::FitOutcome;
 using model::NX;
 using optimizer::MINSTR;
 
 namespace {
 
-constexpr int most_restarts = 4;
+constexpr int most_restarts = 4;     // of the technique
+constexpr int most_rounds = 12;      // of the trust region
+constexpr int more_iterations = 200; // that a fit may take after its technique, where the limits are the defaults
 
 // Techniques that carry an approximation of the Hessian; the others use the true one, or none at all.
 bool approximates_hessian(int tech)
@@ -23,154 +28,293 @@ bool approximates_hessian(int tech)
          tech == optimizer::CONGRA;
 }
 
-// Negative eigenvalues on the parameters that are free: the point is no minimum, whatever the gradient says.
-bool indefinite(const NX& n)
+bool met_criterion(int code)
 {
-  const auto& cov = *n.covstr;
-  const auto& record = cov.projected.present ? cov.projected : cov.hessian;
-  return record.present && record.det[3] > 0;
+  return (code > 0 && code < optimizer::code_all_fixed) || code > optimizer::code_pass_count;
 }
 
-// The termination test of the trust-region run: accepted modes are committed, no history is written.
-int trust_region_test(MINSTR* str, int job)
+// Failures of a technique that leave a point to go on from.
+bool stuck(int code)
 {
-  NX& n = *static_cast<NX*>(str->comstr);
-  if (job > 0) {
-    n.parm.assign(str->x, str->x + n.nparm);
-    integration::accept_modes(n);
-  }
-  if (n.host->interrupted()) str->stop = 1;
-  return optimizer::znlptrm(str, job);
+  return code == optimizer::code_no_progress || code == optimizer::code_objective || code == optimizer::code_gradient ||
+         code == optimizer::code_newton_search || code == optimizer::code_hessian;
 }
 
-// A run has ended and another goes on from there: the limits hold for the whole fit.
-void close_run(MINSTR& fit, const MINSTR& run)
+// The options of the criteria with the codes 1 to 9, and of their counts.
+bool given_by_user(const NX& n, int code)
 {
-  fit.past_iterations += run.nitr;
-  fit.past_calls += run.nfct;
-  fit.past_seconds += run.mtim;
+  constexpr int criterion_slots[] = {44, 45, 50, 48, 46, 51, 49, 47, 52};
+  const int criterion = code > 100 ? code - 100 : code;
+  return met_criterion(code) && criterion <= 9 && n.proc->statements.front().given(criterion_slots[criterion - 1]);
+}
+
+// A limit that the user did not give is the technique's own; what goes on from there has one of its own.
+bool default_limit(const NX& n, int code)
+{
+  const auto& procedure = n.proc->statements.front();
+  return code == optimizer::code_limit && !procedure.given(42) && !procedure.given(43);
+}
+
+void extend_default_limits(NX& n)
+{
+  const auto& procedure = n.proc->statements.front();
+  MINSTR& str = *n.str;
+  if (!procedure.given(42)) str.maxi += more_iterations;
+  const double calls = n.nparm + 4.0; // of an iteration with its Hessian
+  if (!procedure.given(43)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
 }
 
 bool limits_reached(const MINSTR& str)
 {
-  return str.past_iterations >= str.maxi || static_cast<double>(str.past_calls) >= str.maxf ||
-         str.past_seconds >= str.upti;
-}
-
-// From a point with an indefinite Hessian trust-region steps lead on downhill, where a quasi-Newton metric (always
-// positive definite) sees nothing to gain. They run on a record of their own; the point they reach becomes the run's.
-// False when they gain nothing.
-bool leave_saddle(NX& n)
-{
-  const MINSTR& run = *n.str;
-  MINSTR region;
-  optimizer::tvlopti(&region);
-  region.comstr = &n;
-  region.nvar = n.nparm;
-  region.nreb = n.nreff();
-  region.fail = model::failure_objective;
-  region.tech = optimizer::TRUREG;
-  region.ceps = run.ceps;
-  region.gtol = run.gtol;
-  region.fdig = run.fdig;
-  region.past_iterations = run.past_iterations;
-  region.past_calls = run.past_calls;
-  region.past_seconds = run.past_seconds;
-  region.maxi = std::min(run.maxi, run.past_iterations + 500);
-  region.maxf = run.maxf;
-  region.upti = run.upti;
-  if (optimizer::tvlopta(&region) != 0) return false;
-  region.bounds = run.bounds;
-  std::copy_n(run.lb, n.nparm, region.lb);
-  std::copy_n(run.ub, n.nparm, region.ub);
-  std::copy_n(run.x, n.nparm, region.x);
-  region.usfct = run.usfct;
-  region.usgrd = run.usgrd;
-  region.uster = trust_region_test;
-  region.clock = run.clock;
-  if (optimizer::tvloptc(&region) != 0) return false;
-  int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
-  if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
-  close_run(*n.str, region);
-  if (!(region.crit < run.crit - 1e-10 * std::max(1.0, std::abs(run.crit)))) return false;
-  std::copy_n(region.x, n.nparm, n.str->x);
-  n.host->log().xpmlog(503, 9360,
-                       {{"iterations", static_cast<long>(region.nitr)}, {"from", run.crit}, {"to", region.crit}});
-  return optimizer::znlpdrv(n.str.get(), 1, 0, 0, 0) == 0;
+  return str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf || str.mtim >= str.upti;
 }
 
 } // namespace
 
-double newton_reduction(const NX& n)
+// A run that carries an approximation of the Hessian stops early where the true one promises more than GCONV
+// allows: it goes on with the true one as its metric, as long as that pays.
+bool FitEnd::technique_goes_on(int code, double start)
 {
-  const MINSTR& str = *n.str;
-  const auto& hessian = n.covstr->hessian;
-  if (!hessian.present) return host::missing;
-  std::vector<int> free;
-  for (int i = 0; i < n.nparm; ++i)
-    if (str.iabc == nullptr || str.iabc[i] == 0) free.push_back(i);
+  MINSTR& str = *n_.str;
+  const bool unsure = code == optimizer::code_gconv || code == optimizer::code_no_progress ||
+                      code == optimizer::code_absgconv || code == optimizer::code_fconv;
+  if (!unsure || !approximates_hessian(str.tech) || given_by_user(n_, code) || limits_reached(str)) return false;
+  if (!quickly_confirmed()) return false;
+  const double promised = 0.5 * judgement_.gain; // in the objective
+  const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
+  return promised > allowed && start - str.crit > 0.1 * promised;
+}
 
-  // L L' = H on the free parameters, scaled to a unit diagonal; then g' H^-1 g = |L^-1 g|^2.
-  const auto m = static_cast<int>(free.size());
-  std::vector<double> factor, g(static_cast<std::size_t>(m));
+// The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.
+bool FitEnd::quickly_confirmed()
+{
+  const MINSTR& str = *n_.str;
+  const auto& hessian = n_.covstr->hessian;
+  if (!hessian.present || str.hfrm == 2) return false;
+  auto c = std::make_unique<FitCoordinates>(n_, str.x, false);
+  const FitCoordinates factors(n_, str.x);
+  if (factors.near_edge(1e-6)) return false;
+  Curvature curvature;
+  curvature.accuracy = 1e-6;
+  curvature.free = free_coordinates(*c, str.grad);
   const auto h = [&](int i, int j) {
     return hessian
         .elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)];
   };
-  for (int r = 0; r < m; ++r) {
-    const int i = free[static_cast<std::size_t>(r)];
-    if (!(h(i, i) > 0)) return host::missing;
-    g[static_cast<std::size_t>(r)] = str.grad[i] / std::sqrt(h(i, i));
-    for (int c = 0; c <= r; ++c) {
-      const int j = free[static_cast<std::size_t>(c)];
-      factor.push_back(h(i, j) / std::sqrt(h(i, i)) / std::sqrt(h(j, j)));
-    }
-    if (matrix::zchol(r, factor.data(), 1e-10) != 0) return host::missing;
+  std::vector<double> g(str.grad, str.grad + n_.nparm);
+  for (const int i : curvature.free) {
+    if (!(h(i, i) > 0)) return false;
+    c->set_scale(i, 1.0 / std::sqrt(h(i, i)));
+    g[static_cast<std::size_t>(i)] *= c->scale(i);
+    const bool variance = factors.in_factor(i) && factors.variance(i);
+    if (variance && str.x[i] < 0.2 * c->scale(i)) return false;
   }
-  matrix::zchol2(m, factor.data(), g.data());
-  double reduction = 0.0;
-  for (const double z : g) reduction += z * z;
-  return std::isfinite(reduction) ? reduction : host::missing;
+  const int m = curvature.size();
+  curvature.hessian.resize(static_cast<std::size_t>(m * m));
+  for (int r = 0; r < m; ++r)
+    for (int k = 0; k < m; ++k) {
+      const int i = curvature.free[static_cast<std::size_t>(r)], j = curvature.free[static_cast<std::size_t>(k)];
+      curvature.hessian[static_cast<std::size_t>(r * m + k)] =
+          h(std::max(i, j), std::min(i, j)) * c->scale(i) * c->scale(j);
+    }
+  FitSurface surface(n_, *c);
+  Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
+  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-3)) return false;
+  judgement_ = std::move(found);
+  coordinates_ = std::move(c);
+  return true;
 }
 
-int optimize(NX& n, bool user_gave_gradient_test, bool user_gave_function_test)
+void FitEnd::assess()
 {
-  MINSTR& str = *n.str;
+  accurate_ = true;
+  const auto before = std::move(coordinates_);
+  coordinates_ = std::make_unique<FitCoordinates>(n_, x_.data());
+  if (before != nullptr)
+    for (int i = 0; i < n_.nparm; ++i)
+      if (before->in_factor(i) == coordinates_->in_factor(i)) coordinates_->set_scale(i, before->scale(i));
+  FitSurface surface(n_, *coordinates_);
+  std::vector<double> g(x_.size());
+  const std::vector<double> origin(x_.size(), 0.0);
+  coordinates_->gradient(origin.data(), g_.data(), g.data());
+  judgement_ = judge(surface, f_, g.data());
+}
+
+void FitEnd::move_to(const std::vector<double>& x)
+{
+  x_ = x;
+  moved_ = true;
+  // Strict bounds of variances that the factor has passed.
+  for (int i = 0; i < n_.nparm; ++i) {
+    const auto& p = n_.parmstr[static_cast<std::size_t>(i)];
+    if (p.applyl) x_[static_cast<std::size_t>(i)] = std::max(x_[static_cast<std::size_t>(i)], p.lowbound);
+    if (p.applyh) x_[static_cast<std::size_t>(i)] = std::min(x_[static_cast<std::size_t>(i)], p.highbound);
+  }
+  FitCoordinates here(n_, x_.data(), false);
+  FitSurface surface(n_, here);
+  const std::vector<double> origin(x_.size(), 0.0);
+  g_.resize(x_.size());
+  if (coordinates_ != nullptr && !surface.analytic())
+    for (int i = 0; i < n_.nparm; ++i)
+      if (!coordinates_->in_factor(i)) here.set_scale(i, coordinates_->scale(i));
+  if (!surface.gradient(origin.data(), f_, g_.data())) return;
+  for (std::size_t i = 0; i < x_.size(); ++i) g_[i] /= here.scale(static_cast<int>(i));
+  integration::accept_modes(n_);
+}
+
+// One more round of the trust region. False when it did not lower -2 log L by what counts.
+bool FitEnd::go_on()
+{
+  FitSurface surface(n_, *coordinates_);
+  const bool jump = !judgement_.better.empty();
+  const std::vector<double> start = jump ? judgement_.better : std::vector<double>(x_.size(), 0.0);
+  const double f_start = jump ? f_ - 0.5 * judgement_.lower_by : f_;
+  const double before = f_;
+  std::vector<double> x(x_.size());
+  double f = 0.0;
+  if (!continue_fit(surface, start, f_start, x, f)) {
+    if (!jump) return false;
+    coordinates_->parameters(start.data(), x.data());
+  }
+  move_to(x);
+  return 2.0 * (before - f_) >= gain_allowed;
+}
+
+int FitEnd::run()
+{
+  MINSTR& str = *n_.str;
+  int code = 0;
   const int load = str.load;
   for (int restart = 0;; ++restart) {
-    n.optimizer_messages.clear();
-    n.dependencies.clear();
+    n_.optimizer_messages.clear();
+    n_.dependencies.clear();
     const double start = str.crit;
-    const int code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
-    const bool unsure = code == optimizer::code_gconv || code == optimizer::code_no_progress ||
-                        (code == optimizer::code_absgconv && !user_gave_gradient_test) ||
-                        (code == optimizer::code_fconv && !user_gave_function_test);
-    if (!unsure || n.nparm == 0 || !approximates_hessian(str.tech) || n.host->interrupted()) break;
-    close_run(str, str);
-    if (indefinite(n) && str.fidi == 0 && restart < most_restarts && !limits_reached(str) && leave_saddle(n)) {
-      n.iterations_before += static_cast<long>(str.nitr);
-      str.load = 1;
-      continue;
-    }
-    const double reduction = newton_reduction(n);
-    if (std::isnan(reduction)) break; // a singular Hessian speaks for itself
-    const double allowed = std::max(std::abs(str.crit), str.fsiz) * str.gtol;
-    if (reduction <= allowed) {
-      if (code == optimizer::code_no_progress) {
-        str.rcod = optimizer::code_gconv;
-        n.optimizer_messages.clear();
-      }
-      // Message 136 judges a gradient element by its size alone; the Hessian has just judged it better.
-      std::erase_if(n.optimizer_messages, [](const host::Message& m) { return m.group == 549 && m.number == 136; });
-      break;
-    }
-    const bool gained = start - str.crit > 0.1 * reduction || restart == 0;
-    if (restart == most_restarts || !gained || limits_reached(str)) break;
-    n.iterations_before += static_cast<long>(str.nitr);
-    str.load = 1; // go on with the true Hessian as the metric
+    code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
+    judgement_ = Judgement();
+    if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
+    str.continues = 1;
+    str.load = 1;
   }
   str.load = load;
-  return str.rcod;
+  if (n_.nparm == 0 || n_.noopt || n_.host->interrupted() || str.stop != 0) return code;
+  if (!met_criterion(code) && !stuck(code) && !default_limit(n_, code)) return code;
+
+  x_.assign(str.x, str.x + n_.nparm);
+  f_ = str.crit;
+  g_.assign(str.grad, str.grad + n_.nparm);
+  const bool evaluated =
+      std::isfinite(f_) && std::all_of(g_.begin(), g_.end(), [](double v) { return std::isfinite(v); });
+  if (!evaluated) {
+    move_to(x_);
+    if (!std::isfinite(f_) || n_.failed) return code;
+  }
+  if (evaluated && (judgement_.measured || quickly_confirmed())) return finish(code);
+  const double f_technique = f_, iterations = str.nitr;
+  const double maxi = str.maxi, maxf = str.maxf;
+  extend_default_limits(n_);
+  for (int round = 0;; ++round) {
+    assess();
+    if (judgement_.minimum() || given_by_user(n_, code) || n_.host->interrupted()) break;
+    if (round == most_rounds || limits_reached(str) || str.stop != 0) break;
+    if (!go_on() && round > 0) {
+      assess();
+      break;
+    }
+  }
+  code = finish(code);
+  str.maxi = maxi;
+  str.maxf = maxf;
+  if (str.nitr > iterations)
+    n_.host->log().xpmlog(
+        503, 9360,
+        {{"iterations", static_cast<long>(str.nitr - iterations)}, {"from", 2.0 * f_technique}, {"to", 2.0 * f_}});
+  return code;
+}
+
+// A direction in which G all but vanishes vanishes, where that costs nothing.
+void FitEnd::to_the_edge()
+{
+  const std::vector<double> origin(x_.size(), 0.0);
+  std::vector<double> t(origin);
+  bool any = false;
+  for (const int i : coordinates_->edge_diagonals()) {
+    const double at_zero = -coordinates_->origin(i) / coordinates_->scale(i);
+    if (at_zero == 0.0 || std::abs(at_zero) > 0.1) continue;
+    t[static_cast<std::size_t>(i)] = at_zero;
+    any = true;
+  }
+  if (!any) return;
+  FitSurface surface(n_, *coordinates_);
+  double f = 0.0;
+  if (!surface.value(t.data(), f) || 2.0 * (f - f_) > 0.01 * gain_allowed) return;
+  std::vector<double> x(x_.size());
+  coordinates_->parameters(t.data(), x.data());
+  const double before = f_;
+  const auto old = x_;
+  move_to(x);
+  if (2.0 * (f_ - before) > 0.1 * gain_allowed) move_to(old);
+}
+
+// The code and the messages of a fit that did not get to a minimum.
+int FitEnd::failed_code()
+{
+  MINSTR& str = *n_.str;
+  n_.optimizer_messages.clear();
+  if (!limits_reached(str)) return optimizer::code_no_progress;
+  if (str.mtim >= str.upti) {
+    optimizer_message(&str, 549, 2, 2, &str.upti, 1);
+    return optimizer::code_time;
+  }
+  const double limits[] = {str.maxi, str.maxf};
+  optimizer_message(&str, 549, str.nitr >= str.maxi ? 605 : 606, str.zmsg, limits, 2);
+  return optimizer::code_limit;
+}
+
+int FitEnd::finish(int code)
+{
+  MINSTR& str = *n_.str;
+  auto& verdict = n_.verdict;
+  verdict.gain = judgement_.measured ? judgement_.gain : host::missing;
+  verdict.accuracy = 2e-14 * std::max(1.0, std::abs(2.0 * f_));
+  verdict.indefinite = judgement_.indefinite;
+  verdict.separated = judgement_.separated;
+  const bool minimum = judgement_.minimum();
+  if (moved_) {
+    if (minimum) to_the_edge();
+    // Stage 2 without a technique: the point evaluated once more, its Hessian, its active bounds.
+    const int tech = std::exchange(str.tech, static_cast<int>(optimizer::NONE));
+    std::copy(x_.begin(), x_.end(), str.x);
+    n_.optimizer_messages.clear();
+    n_.dependencies.clear();
+    n_.dograd = str.fidi == 0;
+    str.continues = 1;
+    if (optimizer::znlpdrv(&str, 1, 0, 0, 0) == 0) optimizer::znlpdrv(&str, 2, 0, 0, 0);
+    str.tech = tech;
+  }
+  const bool by_user = given_by_user(n_, code);
+  if (minimum)
+    verdict.outcome = judgement_.null.empty() ? FitOutcome::confirmed : FitOutcome::confirmed_singular;
+  else if (by_user)
+    verdict.outcome = FitOutcome::user_criterion;
+  else if (!judgement_.measured && met_criterion(code))
+    verdict.outcome = FitOutcome::unconfirmed;
+  else
+    verdict.outcome = FitOutcome::not_minimum;
+  if (verdict.outcome == FitOutcome::not_minimum)
+    code = failed_code();
+  else if (moved_ || !met_criterion(code)) {
+    code = optimizer::code_gconv;
+    n_.optimizer_messages.clear();
+    const double criterion = code;
+    optimizer_message(&str, 549, 607, 1, &criterion, 1);
+  }
+  // The library's words on the size of a gradient and on singular matrices: the judge has better ones.
+  std::erase_if(n_.optimizer_messages, [](const host::Message& m) {
+    constexpr int numbers[] = {136, 185, 189, 190, 255, 256, 257};
+    return m.group == 549 && std::find(std::begin(numbers), std::end(numbers), m.number) != std::end(numbers);
+  });
+  str.rcod = code;
+  return code;
 }
 
 } // namespace torvale::solve

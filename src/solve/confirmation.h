@@ -1,20 +1,48 @@
 #pragma once
-// Does the Hessian that the covariance needs anyway confirm what the optimizer calls convergence?
+// When a fit has converged: criteria of the techniques stop iterations, they do not make a result.
 
-#include "model/run_record.h"
+#include "solve/judgement.h"
+
+#include <memory>
 
 namespace torvale::solve {
 
-// newton_reduction: g' H^-1 g over the parameters that no bound holds, H the Hessian at the returned point: twice what
-// a Newton step would still gain. Missing when H is not there or not positive definite.
-double newton_reduction(const model::NX& n);
+// FitEnd: runs the fit's technique, judges the point at which it stops, and goes on from there (trust region, scaled
+// coordinates, factors of G) while -2 log L falls by gain_allowed, within the fit's MAXITER, MAXFUNC and MAXTIME.
+// A criterion that the user gave and that stopped the fit keeps its code.
+class FitEnd {
+public:
+  explicit FitEnd(model::NX& n) : n_(n) {}
 
-// optimize: stage 2 of the optimizer, repeated while its answer is not confirmed. A quasi-Newton run judges by its own
-// approximation of the Hessian; on a badly scaled problem that promises too little (it stops early) or leads into
-// rounding (it gives up beside the minimum). Where the true Hessian promises more than GCONV allows, the run goes on
-// from the point with that Hessian as its metric; where it promises less, a run that could make no more progress has
-// converged (GCONV). A criterion that the user gave is never overruled. MAXITER=,
-// MAXFUNC= and MAXTIME= hold for all runs together. Returns the termination code.
-int optimize(model::NX& n, bool user_gave_gradient_test, bool user_gave_function_test);
+  // Stage 2 of the optimizer; stage 1 has returned 0. Leaves the record at the end point, evaluated, with its Hessian;
+  // outcome, gain and what the tests found in n.verdict. Returns the termination code: code_no_progress where no
+  // minimum could be confirmed.
+  int run();
+
+  // True when the judge measured the curvature himself; the covariance of the estimates and the null space then come
+  // from there.
+  bool measured() const { return accurate_ && judgement_.measured; }
+  const Judgement& judgement() const { return judgement_; }
+  const FitCoordinates& coordinates() const { return *coordinates_; }
+
+private:
+  bool technique_goes_on(int code, double start);
+  bool quickly_confirmed();
+  void assess();
+  bool go_on();
+  void move_to(const std::vector<double>& x);
+  void to_the_edge();
+  int failed_code();
+  int finish(int code);
+
+  model::NX& n_;
+  std::unique_ptr<FitCoordinates> coordinates_;
+  Judgement judgement_;
+  bool accurate_ = false;
+  bool moved_ = false;    // the point is not the technique's own any more
+  std::vector<double> x_; // the point
+  double f_ = 0.0;        // objective there
+  std::vector<double> g_; // gradient by the parameters
+};
 
 } // namespace torvale::solve

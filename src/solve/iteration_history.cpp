@@ -89,7 +89,7 @@ void write_row(NX& n, const MINSTR& str, int layout)
 {
   const bool simplex = layout == 28;
   const bool starred = str.null > 0 && !simplex && str.tech != optimizer::CONGRA;
-  std::vector<host::Cell> cells = {n.iterations_before + static_cast<long>(str.nitr), starred ? "*" : " "};
+  std::vector<host::Cell> cells = {static_cast<long>(str.nitr), starred ? "*" : " "};
   if (n.itdetails) cells.emplace_back(str.ires);
   cells.emplace_back(str.nfct);
   if (n.itdetails) {
@@ -203,13 +203,38 @@ void tvliter(NX& n, int job)
   }
 }
 
+void continued_row(NX& n, const MINSTR& run)
+{
+  if (n.ithis == nullptr) return;
+  std::vector<host::Cell> cells;
+  std::size_t parameter = 0;
+  for (const TableColumn& column : history_columns(n, layout_of(n.str->tech))) {
+    if (column.name == "Iter")
+      cells.emplace_back(static_cast<long>(run.nitr));
+    else if (column.name == "Calls")
+      cells.emplace_back(run.nfct);
+    else if (column.name == "NegLogLike")
+      cells.emplace_back(run.crit);
+    else if (column.name == "Diff")
+      cells.emplace_back(n.cold - run.crit);
+    else if (column.generic == "Parameter")
+      cells.emplace_back(n.parm[parameter++]);
+    else if (column.kind == CellKind::text)
+      cells.emplace_back(" ");
+    else
+      cells.emplace_back(host::missing); // the technique's own
+  }
+  n.ithis->row(std::move(cells));
+  n.cold = run.crit;
+}
+
 int nlpterm(MINSTR* str, int job)
 {
   NX& n = *static_cast<NX*>(str->comstr);
   n.converged = false;
   if (str->nitr == 0 && job == 10 && n.pstart && n.starting_tables != nullptr && n.ithis == nullptr)
     n.starting_tables(n);
-  if (str->nitr == 0 && job == 10 && n.iterations_before == 0) n.cold = str->crit;
+  if (str->nitr == 0 && job == 10) n.cold = str->crit;
   if (job > 0) {
     n.parm.assign(str->x, str->x + n.nparm);
     integration::accept_modes(n);

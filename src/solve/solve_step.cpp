@@ -4,7 +4,7 @@
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
-#include "solve/confirmation.h"
+#include "solve/fit_verdict.h"
 
 #include <algorithm>
 #include <cmath>
@@ -28,7 +28,6 @@ void start_problem(NX& n)
   n.converged = false;
   n.havemeat = false;
   n.znlprc = 0;
-  n.iterations_before = 0;
   n.failed_parm.clear();
   n.optimizer_messages.clear();
   n.dependencies.clear();
@@ -36,13 +35,13 @@ void start_problem(NX& n)
   n.covmat.clear();
   n.hessmat.clear();
   n.parmlast.clear();
+  n.verdict = model::Verdict();
   str.covstr = n.covstr.get();
   n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;
   str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
-  str.past_iterations = str.past_seconds = 0;
-  str.past_calls = 0;
+  str.continues = 0;
   str.tbig = 0;
   str.stop = 0;
   std::fill(std::begin(str.toln) + 11, std::end(str.toln), 0L);
@@ -63,8 +62,8 @@ void CheckEigVals(NX& n)
                          {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
 }
 
-// An estimate within the tolerance of a bound is put on it. The tolerance grows with ipre, which the library raises
-// while it makes a start feasible; more than a factor 100 would move estimates visibly.
+// An estimate at an active bound, within its tolerance, is put on it. The tolerance grows with ipre, which the library
+// raises while it makes a start feasible; more than a factor 100 would move estimates visibly.
 void snap_to_bounds(NX& n)
 {
   MINSTR& str = *n.str;
@@ -72,9 +71,9 @@ void snap_to_bounds(NX& n)
   const double eps = str.ceps * std::pow(10.0, std::min(str.ipre, 2));
   for (int i = 0; i < n.nparm; ++i) {
     const double x = str.x[i];
-    if (str.lb[i] > -largest && str.iabc[i] != 2 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
+    if (str.lb[i] > -largest && str.iabc[i] == 1 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
       str.x[i] = str.lb[i];
-    if (str.ub[i] < largest && str.iabc[i] != 2 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
+    if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
       str.x[i] = str.ub[i];
   }
 }
@@ -161,6 +160,8 @@ void warn_vanished_variance(NX& n)
     for (int i = 0; i < reff.nr; ++i) {
       const double variance = frame.output(reff.nr + i * (i + 3) / 2)[0];
       if (variance > n.singvar) continue;
+      const int parameter = variance_parameter(n, reff, i);
+      if (parameter >= 0) n.verdict.vanished.push_back(parameter);
       n.host->log().xpmlog(503, 9222, {{"name", reff.names[static_cast<std::size_t>(i)]}, {"value", variance}});
       n.raise(4);
     }
@@ -174,12 +175,11 @@ int tvlsolv(NX& n)
 {
   MINSTR& str = *n.str;
   start_problem(n);
+  const std::vector<double> start(n.parm);
+  FitEnd end(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(503, 403);
-  if (n.znlprc == 0) {
-    const auto& procedure = n.proc->statements.front();
-    n.znlprc = optimize(n, procedure.given(50), procedure.given(46));
-  }
+  if (n.znlprc == 0) n.znlprc = end.run();
   // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
   if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();
   for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
@@ -193,12 +193,15 @@ int tvlsolv(NX& n)
   if (n.znlprc < 0) n.raise(failure_code(str, n.znlprc));
 
   // From here on everything reported belongs to the point that the optimizer returned.
-  if (n.znlprc > 0) CheckEigVals(n);
+  const bool judged = n.verdict.outcome != model::FitOutcome::not_judged;
+  if (n.znlprc > 0 && !judged) CheckEigVals(n);
   snap_to_bounds(n);
   n.parm.assign(str.x, str.x + n.nparm);
   if (str.fidi != 0 && str.usgrd != nullptr && n.znlprc > 0) str.usgrd(&str);
   n.finalgrad.assign(str.grad, str.grad + n.nparm);
   read_matrices(n);
+  n.verdict.left_start = n.parm != start;
+  take_judgement(n, end);
   write_dependencies(n);
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
@@ -207,6 +210,8 @@ int tvlsolv(NX& n)
     warn_small(n);
     warn_vanished_variance(n);
   }
+  missing_errors(n);
+  if (judged) report_verdict(n);
   n.parm.assign(str.x, str.x + n.nparm);
   const bool at_a_limit = n.znlprc == optimizer::code_limit || n.znlprc == optimizer::code_time;
   if (n.znlprc < 0 && !at_a_limit && !n.failed_parm.empty() && !n.host->interrupted())

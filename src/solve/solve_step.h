@@ -19,6 +19,10 @@ int nlpterm(optimizer::MINSTR* str, int job);
 // row, 1000 + code closes it and writes "ConvergenceStatus".
 void tvliter(model::NX& n, int job);
 
+// continued_row: a row of the history for a run in other coordinates that goes on from the fit's own; what belongs to
+// the fit's technique stays empty.
+void continued_row(model::NX& n, const optimizer::MINSTR& run);
+
 // Rows that the optimizer hands over: GRADCHECK's table, and the linear dependencies of a singular Hessian, which
 // write_dependencies turns into the table "LinearDependencies".
 void gradient_check_row(optimizer::MINSTR* str, const optimizer::GradientCheckRow& row);

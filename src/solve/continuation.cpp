@@ -1,0 +1,111 @@
+#include "solve/continuation.h"
+
+#include "integration/objective.h"
+#include "optimizer/optimizer.h"
+#include "solve/solve_step.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::solve {
+
+using model::NX;
+using optimizer::MINSTR;
+
+namespace {
+
+// What the callbacks of the run find behind its record.
+struct Run {
+  FitSurface* surface = nullptr;
+  std::vector<double> gradient;
+};
+
+Run& run_of(MINSTR* str)
+{
+  return *static_cast<Run*>(str->comstr);
+}
+
+int objective(MINSTR* str)
+{
+  Run& run = run_of(str);
+  ++str->nfct;
+  const bool good = run.surface->analytic() ? run.surface->gradient(str->x, str->crit, run.gradient.data())
+                                            : run.surface->value(str->x, str->crit);
+  if (!good) str->crit = model::failure_objective;
+  str->stop = run.surface->run().str->stop;
+  return 0;
+}
+
+// The library asks for a gradient at the point of its last call only.
+int gradient(MINSTR* str)
+{
+  ++str->ngrd;
+  std::copy_n(run_of(str).gradient.begin(), str->nvar, str->grad);
+  return 0;
+}
+
+// The modes of an accepted point are the next start; the fit's history shows it.
+int termination(MINSTR* str, int job)
+{
+  NX& n = run_of(str).surface->run();
+  if (job > 0) {
+    run_of(str).surface->coordinates().parameters(str->x, n.parm.data());
+    integration::accept_modes(n);
+  }
+  if (job > 0 && job % 2 == 1) continued_row(n, *str);
+  if (n.host->interrupted()) str->stop = 1;
+  return optimizer::znlptrm(str, job);
+}
+
+void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<double>& start)
+{
+  const FitCoordinates& c = surface.coordinates();
+  for (int i = 0; i < c.size(); ++i) {
+    region.lb[i] = c.fixed(i) ? 0.0 : c.lower(i);
+    region.ub[i] = c.fixed(i) ? 0.0 : c.upper(i);
+    region.x[i] = start[static_cast<std::size_t>(i)];
+  }
+  region.bounds = 1;
+  region.usfct = objective;
+  region.usgrd = surface.analytic() ? gradient : nullptr;
+  region.uster = termination;
+  region.clock = [](MINSTR* str) { return run_of(str).surface->run().host->seconds(); };
+}
+
+} // namespace
+
+bool continue_fit(FitSurface& surface, const std::vector<double>& start, double f_start, std::vector<double>& x,
+                  double& f)
+{
+  NX& n = surface.run();
+  const FitCoordinates& c = surface.coordinates();
+  Run run{&surface, std::vector<double>(static_cast<std::size_t>(c.size()))};
+  MINSTR region;
+  optimizer::tvlopti(&region);
+  region.comstr = &run;
+  region.nvar = c.size();
+  region.nreb = n.nreff();
+  region.fail = model::failure_objective;
+  region.tech = optimizer::TRUREG;
+  region.fidi = surface.analytic() ? 0 : 2;
+  region.gtol = 1e-12; // the judge decides what has converged
+  region.agtl = 1e-9;
+  region.ftol = 1e-15;
+  optimizer::continue_run(*n.str, &region); // the limits hold for all runs of a fit together
+  region.maxi = n.str->maxi;
+  region.maxf = n.str->maxf;
+  region.upti = n.str->upti;
+  if (optimizer::tvlopta(&region) != 0) return false;
+  set_problem(region, surface, start);
+  if (optimizer::tvloptc(&region) != 0) return false;
+  int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
+  if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
+  optimizer::continue_run(region, n.str.get());
+  if (!(region.crit < f_start)) return false;
+  f = region.crit;
+  x.resize(static_cast<std::size_t>(c.size()));
+  c.parameters(region.x, x.data());
+  return true;
+}
+
+} // namespace torvale::solve

@@ -1,0 +1,71 @@
+#pragma once
+// Coordinates in which a fit is judged and, where it must go on, is taken on.
+
+#include "model/run_record.h"
+
+#include <vector>
+
+namespace torvale::solve {
+
+// FitCoordinates: t, one per parameter, 0 at the point of expansion x. Two things make them better than the parameters:
+//
+//   scale    x_i = x_i(0) + scale_i t_i, with scales that the curvature chooses: no decision depends on units
+//   factor   where the elements of a block of G are parameters themselves, their coordinates are the elements of its
+//            Cholesky factor. The edge of semidefiniteness then is no edge: a variance of 0 is an interior point, at
+//            which the gradient vanishes and the curvature is the one-sided derivative by the variance.
+//
+// The rows of a block are ordered by pivoting, so that the factor of a singular block ends in zero columns and its
+// coordinates have no idle rotation. Bounds of variances at 0 (or at the slack of a strict bound) are left to the
+// factor.
+class FitCoordinates {
+public:
+  // factors false: scales only.
+  FitCoordinates(const model::NX& n, const double* x, bool factors = true);
+
+  int size() const { return static_cast<int>(origin_.size()); }
+  double origin(int i) const { return origin_[static_cast<std::size_t>(i)]; }
+  double scale(int i) const { return scale_[static_cast<std::size_t>(i)]; }
+  void set_scale(int i, double s) { scale_[static_cast<std::size_t>(i)] = s; }
+
+  // parameters: x at t. gradient: derivatives by t from those by x. jacobian: dx/dt, dense by rows.
+  void parameters(const double* t, double* x) const;
+  void gradient(const double* t, const double* by_x, double* by_t) const;
+  void jacobian(const double* t, double* j) const;
+
+  // Bounds of t; largest and -largest where there are none. fixed: the bounds leave one value.
+  double lower(int i) const;
+  double upper(int i) const;
+  bool fixed(int i) const { return fixed_[static_cast<std::size_t>(i)] != 0; }
+  bool inside(const double* t) const;
+  // True when the origin stands on the bound.
+  bool at_lower(int i) const;
+  bool at_upper(int i) const;
+
+  bool in_factor(int i) const { return in_block_[static_cast<std::size_t>(i)] != 0; }
+  // Factors with a diagonal element below `share` of the root of its own variance: G is near the edge there.
+  bool near_edge(double share) const;
+  // Coordinates of the diagonal elements of all factors. variance: coordinate i is one of them.
+  std::vector<int> edge_diagonals() const;
+  bool variance(int i) const;
+
+private:
+  struct Block {
+    int order = 0;
+    std::vector<int> parameter; // packed: the parameter of each element, rows in pivoted order
+  };
+  void add_blocks(const model::NX& n, const double* x);
+  void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
+  double factor(const Block& b, int r, int c, const double* t) const;
+
+  std::vector<double> origin_; // x, or the element of the factor, at t = 0
+  std::vector<double> scale_;
+  std::vector<double> lower_, upper_; // of x, or of the element of the factor
+  std::vector<char> fixed_;
+  std::vector<char> in_block_;
+  std::vector<Block> blocks_;
+};
+
+// variance_parameter: the parameter that is the variance of random effect i, or -1.
+int variance_parameter(const model::NX& n, const model::REFFECT& reff, int i);
+
+} // namespace torvale::solve

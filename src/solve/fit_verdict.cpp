@@ -1,0 +1,220 @@
+#include "solve/fit_verdict.h"
+
+#include "solve/solve_step.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::solve {
+
+using model::FitOutcome;
+using model::FlatDirection;
+using model::NX;
+
+namespace {
+
+using Rows = std::vector<std::vector<double>>; // vectors of np elements
+
+constexpr std::size_t packed(std::size_t i, std::size_t j)
+{
+  return i < j ? j * (j + 1) / 2 + i : i * (i + 1) / 2 + j;
+}
+
+double dot(const std::vector<double>& a, const std::vector<double>& b)
+{
+  double sum = 0.0;
+  for (std::size_t i = 0; i < a.size(); ++i) sum += a[i] * b[i];
+  return sum;
+}
+
+// Eigenvector k of the judge, in coordinates: every element that is only noise is 0.
+std::vector<double> direction(const Judgement& j, int k, std::size_t np, double noise)
+{
+  std::vector<double> t(np, 0.0);
+  const auto m = static_cast<std::size_t>(j.curvature.size());
+  for (std::size_t i = 0; i < m; ++i) {
+    const double v = j.eigenvectors[i * m + static_cast<std::size_t>(k)];
+    if (std::abs(v) > noise) t[static_cast<std::size_t>(j.curvature.free[i])] = v;
+  }
+  return t;
+}
+
+// J t: the same direction by the parameters.
+std::vector<double> by_parameters(const std::vector<double>& jacobian, const std::vector<double>& t)
+{
+  const std::size_t np = t.size();
+  std::vector<double> x(np, 0.0);
+  for (std::size_t i = 0; i < np; ++i)
+    for (std::size_t k = 0; k < np; ++k) x[i] += jacobian[i * np + k] * t[k];
+  return x;
+}
+
+// Each direction gets a parameter of its own, which no other has: the last one that it moves by its unit.
+void to_echelon(Rows& rows, const std::vector<double>& unit)
+{
+  std::vector<char> used(unit.size(), 0);
+  for (auto& row : rows) {
+    std::size_t pivot = unit.size();
+    double most = 0.0;
+    for (std::size_t i = 0; i < row.size(); ++i)
+      if (used[i] == 0) most = std::max(most, std::abs(row[i]) / unit[i]);
+    for (std::size_t i = row.size(); i-- > 0 && pivot == unit.size();)
+      if (used[i] == 0 && most > 0.0 && std::abs(row[i]) / unit[i] > 0.05 * most) pivot = i;
+    if (pivot == unit.size()) continue;
+    used[pivot] = 1;
+    const double p = row[pivot];
+    for (double& v : row) v /= p;
+    for (auto& other : rows) {
+      if (&other == &row) continue;
+      const double share = other[pivot];
+      for (std::size_t i = 0; i < row.size(); ++i) {
+        const double before = other[i];
+        other[i] -= share * row[i];
+        if (std::abs(other[i]) < 1e-7 * std::abs(before)) other[i] = 0.0;
+      }
+      other[pivot] = 0.0;
+    }
+  }
+}
+
+// Row of "LinearDependencies": the direction moves the parameter by 1 and the others against it.
+void note_dependency(NX& n, const std::vector<double>& row)
+{
+  std::size_t pivot = row.size();
+  for (std::size_t i = row.size(); i-- > 0 && pivot == row.size();)
+    if (row[i] == 1.0) pivot = i;
+  if (pivot == row.size()) return;
+  std::vector<double> coefficients(row.size(), 0.0);
+  for (std::size_t i = 0; i < row.size(); ++i)
+    if (i != pivot) coefficients[i] = -row[i];
+  dependency_row(n.str.get(), {static_cast<long>(pivot), coefficients.data()});
+}
+
+void take_null_space(NX& n, const Judgement& j, const std::vector<double>& jacobian)
+{
+  auto& verdict = n.verdict;
+  const auto np = static_cast<std::size_t>(n.nparm);
+  const double noise = std::max(1e-5, 100.0 * j.curvature.accuracy);
+  Rows rows;
+  for (const int k : j.null) rows.push_back(by_parameters(jacobian, direction(j, k, np, noise)));
+  std::vector<double> unit(np);
+  for (std::size_t i = 0; i < np; ++i) {
+    double square = 0.0;
+    for (std::size_t k = 0; k < np; ++k) square += jacobian[i * np + k] * jacobian[i * np + k];
+    unit[i] = square > 0.0 ? std::sqrt(square) : 1.0;
+  }
+  to_echelon(rows, unit);
+  n.dependencies.clear();
+  Rows basis;
+  for (auto& row : rows) {
+    FlatDirection flat;
+    double most = 0.0;
+    for (std::size_t i = 0; i < np; ++i) {
+      if (std::abs(row[i]) / unit[i] < noise * std::sqrt(dot(row, row)) / unit[i]) continue;
+      most = std::max(most, std::abs(row[i]));
+    }
+    for (std::size_t i = 0; i < np; ++i) {
+      if (row[i] == 0.0) continue;
+      verdict.identified[i] = 0;
+      flat.parameter.push_back(static_cast<int>(i));
+      flat.weight.push_back(most > 0.0 ? row[i] / most : row[i]);
+    }
+    verdict.flat.push_back(std::move(flat));
+    note_dependency(n, row);
+    // Gram and Schmidt.
+    std::vector<double> v(row);
+    for (const auto& b : basis) {
+      const double share = dot(v, b);
+      for (std::size_t i = 0; i < np; ++i) v[i] -= share * b[i];
+    }
+    const double length = std::sqrt(dot(v, v));
+    if (!(length > 0.0)) continue;
+    for (double& e : v) e /= length;
+    basis.push_back(std::move(v));
+  }
+  for (const auto& b : basis) verdict.null_basis.insert(verdict.null_basis.end(), b.begin(), b.end());
+}
+
+// J V / eigenvalue V' J' over the eigenvalues that are not 0.
+void take_covariance(NX& n, const Judgement& j, const std::vector<double>& jacobian)
+{
+  const auto np = static_cast<std::size_t>(n.nparm);
+  n.covmat.assign(np * (np + 1) / 2, 0.0);
+  const double sigm = n.covstr->sigm > 0.0 ? n.covstr->sigm : 1.0;
+  for (int k = 0; k < j.curvature.size(); ++k) {
+    const double value = j.eigenvalues[static_cast<std::size_t>(k)];
+    if (std::abs(value) <= j.tolerance || std::find(j.null.begin(), j.null.end(), k) != j.null.end()) continue;
+    const auto x = by_parameters(jacobian, direction(j, k, np, 0.0));
+    for (std::size_t r = 0; r < np; ++r)
+      for (std::size_t c = 0; c <= r; ++c) n.covmat[packed(r, c)] += sigm * x[r] * x[c] / value;
+  }
+  for (std::size_t i = 0; i < np; ++i) {
+    const double variance = n.covmat[packed(i, i)];
+    n.str->ster[i] = variance > 0.0 ? std::sqrt(variance) : host::missing;
+  }
+  const auto negative =
+      std::count_if(j.eigenvalues.begin(), j.eigenvalues.end(), [&](double v) { return v < -j.tolerance; });
+  n.det[4] = static_cast<double>(j.null.size());
+  n.det[3] = j.indefinite ? static_cast<double>(negative) : 0.0;
+  n.det[2] = static_cast<double>(j.curvature.size()) - n.det[3] - n.det[4];
+}
+
+std::string names_of(const NX& n, const std::vector<int>& parameters)
+{
+  std::string text;
+  for (const int i : parameters) text += (text.empty() ? "" : ", ") + n.parmstr[static_cast<std::size_t>(i)].parmname;
+  return text;
+}
+
+} // namespace
+
+void take_judgement(NX& n, const FitEnd& end)
+{
+  auto& verdict = n.verdict;
+  const auto np = static_cast<std::size_t>(n.nparm);
+  verdict.identified.assign(np, 1);
+  const auto& str = *n.str;
+  for (int i = 0; i < n.nparm; ++i)
+    if (str.iabc[i] == 1 || str.iabc[i] == -1) verdict.at_bounds.push_back(i);
+  if (verdict.outcome == FitOutcome::not_judged || !end.measured() || str.hfrm == 2) return;
+  const Judgement& j = end.judgement();
+  std::vector<double> jacobian(np * np), origin(np, 0.0);
+  end.coordinates().jacobian(origin.data(), jacobian.data());
+  take_null_space(n, j, jacobian);
+  take_covariance(n, j, jacobian);
+}
+
+void missing_errors(NX& n)
+{
+  const auto& verdict = n.verdict;
+  for (std::size_t i = 0; i < verdict.identified.size(); ++i)
+    if (verdict.identified[i] == 0) n.str->ster[i] = host::missing;
+  for (const int i : verdict.vanished) n.str->ster[i] = host::missing;
+}
+
+void report_verdict(NX& n)
+{
+  const auto& verdict = n.verdict;
+  auto& log = n.host->log();
+  std::vector<int> unidentified;
+  for (int i = 0; i < n.nparm; ++i)
+    if (verdict.identified[static_cast<std::size_t>(i)] == 0) unidentified.push_back(i);
+  if (!unidentified.empty())
+    log.xpmlog(503, 271, {{"count", static_cast<double>(verdict.flat.size())}, {"names", names_of(n, unidentified)}});
+  if (verdict.outcome == FitOutcome::confirmed_singular || verdict.outcome == FitOutcome::confirmed) return;
+  if (verdict.indefinite) log.xpmlog(503, 272, {{"matrix", host::xpmstr(503, 273)}, {"count", n.det[3]}});
+  if (verdict.outcome == FitOutcome::unconfirmed) log.xpmlog(503, 9413);
+  host::MessageArguments arguments;
+  if (!std::isnan(verdict.gain)) arguments.emplace_back("gain", verdict.gain);
+  if (verdict.outcome == FitOutcome::user_criterion) {
+    log.xpmlog(503, 9412, arguments);
+  } else if (!verdict.separated.empty() && !verdict.indefinite) {
+    log.xpmlog(503, 9411, {{"names", names_of(n, verdict.separated)}});
+  } else if (verdict.outcome == FitOutcome::not_minimum) {
+    arguments.emplace_back("value", 2.0 * n.fval);
+    log.xpmlog(503, 9410, arguments);
+  }
+  n.raise(4);
+}
+
+} // namespace torvale::solve

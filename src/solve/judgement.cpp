@@ -1,0 +1,202 @@
+#include "solve/judgement.h"
+
+#include "matrix/eigenvalues.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace torvale::solve {
+
+namespace {
+
+constexpr double largest = std::numeric_limits<double>::max();
+
+// Relative noise of an evaluation, of which the sums over subjects are the larger part.
+double noise(double f)
+{
+  return 2e-14 * std::max(1.0, std::abs(f));
+}
+
+class Tests {
+public:
+  Tests(FitSurface& surface, double f, const double* g, Judgement& out)
+      : surface_(surface), f_(f), g_(g), out_(out), t_(static_cast<std::size_t>(surface.coordinates().size()))
+  {
+  }
+
+  void run()
+  {
+    out_.allowed = std::max(gain_allowed, 10.0 * noise(2.0 * f_));
+    if (!decompose()) return;
+    out_.measured = true;
+    sort_eigenvalues();
+    reduction();
+    if (out_.indefinite || out_.gain > out_.allowed) return; // no minimum; the rest would only cost
+    null_directions();
+    if (out_.better.empty()) curved_directions();
+  }
+
+private:
+  int m() const { return out_.curvature.size(); }
+  double vector(int i, int k) const { return out_.eigenvectors[static_cast<std::size_t>(i * m() + k)]; }
+
+  bool decompose()
+  {
+    const auto size = static_cast<std::size_t>(m());
+    out_.eigenvectors = out_.curvature.hessian;
+    out_.eigenvalues.assign(size, 0.0);
+    if (m() == 0) return true;
+    if (!std::all_of(out_.eigenvectors.begin(), out_.eigenvectors.end(), [](double v) { return std::isfinite(v); }))
+      return false;
+    std::vector<double> off(size);
+    matrix::ztred2(m(), out_.eigenvectors.data(), out_.eigenvalues.data(), off.data());
+    return matrix::ztql2(m(), out_.eigenvectors.data(), out_.eigenvalues.data(), off.data(), 1) == 0;
+  }
+
+  void sort_eigenvalues()
+  {
+    // A curvature so slight that it gives less than the allowed gain over the coordinate's own unit is none.
+    out_.tolerance = std::max(1e-8, 10.0 * out_.curvature.accuracy);
+    for (int k = 0; k < m(); ++k) {
+      const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
+      if (value > out_.tolerance) continue;
+      if (value < -std::max(out_.tolerance, 1e-4))
+        out_.indefinite = true;
+      else
+        out_.null.push_back(k);
+    }
+  }
+
+  double along(int k) const
+  {
+    double slope = 0.0;
+    for (int i = 0; i < m(); ++i) slope += vector(i, k) * g_[out_.curvature.free[static_cast<std::size_t>(i)]];
+    return slope;
+  }
+
+  void reduction()
+  {
+    out_.gain = 0.0;
+    for (int k = 0; k < m(); ++k) {
+      const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
+      if (value > out_.tolerance) out_.gain += along(k) * along(k) / value;
+    }
+  }
+
+  // Change of -2 log L from 0 to a times eigenvector k, or a times coordinate i; largest when the way ends before.
+  double change_along(int k, double a)
+  {
+    std::fill(t_.begin(), t_.end(), 0.0);
+    for (int i = 0; i < m(); ++i)
+      t_[static_cast<std::size_t>(out_.curvature.free[static_cast<std::size_t>(i)])] = a * vector(i, k);
+    return change();
+  }
+  double change_of(int coordinate, double a)
+  {
+    std::fill(t_.begin(), t_.end(), 0.0);
+    t_[static_cast<std::size_t>(coordinate)] = a;
+    return change();
+  }
+  double change()
+  {
+    double f = 0.0;
+    if (!surface_.value(t_.data(), f)) return largest;
+    const double rise = 2.0 * (f - f_);
+    if (rise < -out_.allowed && -rise > out_.lower_by) {
+      out_.lower_by = -rise;
+      out_.better = t_;
+    }
+    return rise;
+  }
+
+  void null_directions()
+  {
+    for (const int k : out_.null) {
+      for (const double a : {0.1, -0.1, 1.0, -1.0}) change_along(k, a);
+      if (out_.better.empty()) runaway(k);
+    }
+  }
+
+  // A direction that is flat here, flat further out, and rises on the way back: its parameters have run away.
+  void runaway(int k)
+  {
+    const FitCoordinates& c = surface_.coordinates();
+    int most = -1;
+    for (int i = 0; i < m(); ++i)
+      if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
+    const int j = out_.curvature.free[static_cast<std::size_t>(most)];
+    const double home = -c.origin(j) / (c.scale(j) * vector(most, k)); // takes the parameter to 0
+    if (home == 0.0 || !std::isfinite(home)) return;
+    if (change_along(k, home) < gain_allowed || !(change_along(k, -home) < gain_allowed)) return;
+    for (int i = 0; i < m(); ++i)
+      if (std::abs(vector(i, k)) > 0.3) note_separated(out_.curvature.free[static_cast<std::size_t>(i)]);
+  }
+
+  void curved_directions()
+  {
+    for (int k = m() - 1; k >= 0; --k) {
+      const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
+      if (!(value > out_.tolerance)) continue;
+      const double error = 1.0 / std::sqrt(value);
+      const bool rises = change_along(k, error) >= gain_allowed && change_along(k, -error) >= gain_allowed;
+      for (int i = 0; i < m() && !rises; ++i)
+        if (std::abs(vector(i, k)) > 0.3) note_separated(out_.curvature.free[static_cast<std::size_t>(i)]);
+      break;
+    }
+    // A parameter whose own error is larger than it is: one that runs away does so with its error ahead of it.
+    const FitCoordinates& c = surface_.coordinates();
+    for (int i = 0; i < m(); ++i) {
+      const int j = out_.curvature.free[static_cast<std::size_t>(i)];
+      if (c.scale(j) <= std::abs(c.origin(j)) || out_.curvature.at(i, i) < 0.5) continue;
+      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed) note_separated(j);
+    }
+  }
+
+  void note_separated(int coordinate)
+  {
+    if (std::find(out_.separated.begin(), out_.separated.end(), coordinate) == out_.separated.end())
+      out_.separated.push_back(coordinate);
+  }
+
+  FitSurface& surface_;
+  double f_;
+  const double* g_;
+  Judgement& out_;
+  std::vector<double> t_;
+};
+
+} // namespace
+
+std::vector<int> free_coordinates(const FitCoordinates& c, const double* g)
+{
+  std::vector<int> free;
+  for (int i = 0; i < c.size(); ++i) {
+    const bool held = (c.at_lower(i) && g[i] >= 0.0) || (c.at_upper(i) && g[i] <= 0.0);
+    if (!c.fixed(i) && !held) free.push_back(i);
+  }
+  return free;
+}
+
+Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g)
+{
+  Judgement out;
+  out.curvature = std::move(curvature);
+  Tests(surface, f, g, out).run();
+  return out;
+}
+
+Judgement judge(FitSurface& surface, double f, const double* g)
+{
+  Judgement out;
+  std::vector<double> by_unit(g, g + surface.coordinates().size());
+  const FitCoordinates before = surface.coordinates();
+  if (!measure(surface, free_coordinates(before, g), f, g, out.curvature)) return out;
+  // The scales have changed, and the gradient with them.
+  for (int i = 0; i < before.size(); ++i)
+    by_unit[static_cast<std::size_t>(i)] *= surface.coordinates().scale(i) / before.scale(i);
+  Tests(surface, f, by_unit.data(), out).run();
+  return out;
+}
+
+} // namespace torvale::solve
