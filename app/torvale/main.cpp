@@ -34,11 +34,15 @@ int main(int argc, char** argv)
   using namespace torvale::app;
   CLI::App app{"Torvale fits nonlinear mixed models by maximum likelihood."};
   app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 clean, or with warnings; 1 internal fault, memory, or a file that could not be written; 2 wrong\n"
+      "command line; 3 wrong program; 4 data; 5 a fit did not converge; 6 converged, but the covariance of the\n"
+      "estimates, or of some of them, is missing; 7 the objective has no value at any start; 130 interrupted.");
   app.set_version_flag("--version", "torvale " + std::string(torvale::version()));
 
   RunArguments arguments;
   std::vector<std::string> data, libraries;
-  std::string described, code;
+  std::string described, code, format;
   const auto shared = [&](CLI::App* command) {
     command->add_option("PROGRAM", arguments.program, "program file; - for standard input")->required();
     command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")
@@ -56,6 +60,9 @@ int main(int argc, char** argv)
   run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
   run->add_option("--html", arguments.output.html, "the report");
   run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
+  run->add_option("--figures", arguments.output.figures, "a folder for the report's pictures as SVG files");
+  run->add_option("--tables", arguments.output.tables,
+                  "every output table: a folder of CSV files, or an SQLite file (.db, .sqlite) or library");
   run->add_option("--threads", arguments.threads,
                   "worker threads when the program does not say: 0 serial, -1 all cores")
       ->check(CLI::Range(-1, 1024));
@@ -63,6 +70,8 @@ int main(int argc, char** argv)
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
   shared(check);
+  check->add_option("--format", format, "text, or json on standard output for editors")
+      ->check(CLI::IsMember({"text", "json"}));
   check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
   CLI::App* describe = app.add_subcommand("describe", "variables, types, rows and missing values of a data set");
   describe->add_option("DATA", described, "a file, or a name of a library given by --library")->required();
@@ -91,5 +100,6 @@ int main(int argc, char** argv)
   if (*describe) return describe_command(described, *library_pairs);
   if (*explain) return explain_command(code);
   arguments.check_only = static_cast<bool>(*check);
+  if (format == "json" && arguments.output.json.empty()) arguments.output.json = "-";
   return run_command(arguments);
 }

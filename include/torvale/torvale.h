@@ -25,6 +25,7 @@ struct RunSettings {
   int threads = 0;         // workers when the program does not say: 0 serial, negative all cores
   long seed = 0;           // seed when the program does not say; 0 the clock
   bool check_only = false; // parse and compile, fit nothing
+  bool hash_data = false;  // tell the SHA-256 of the input file (DataSource::sha256)
   bool pictures = false;   // draw pictures of every fit (GroupResult::pictures)
   // Hooks; any may be empty. Called on the thread that calls run().
   std::function<void(std::string_view)> listing;  // text of the listing as it grows

@@ -228,9 +228,10 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
       for (const int dsvarno : n.rhs)
         variables += (variables.empty() ? "" : ", ") + n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
       if (!variables.empty()) arguments.emplace_back("variables", variables);
-      auto place = place_of(n, row);
-      place.statement = "RANDOM";
-      place.line = n.sources->user_position(reff.stmt->where).line;
+      const auto record = place_of(n, row);
+      auto place = n.sources->place("RANDOM", reff.stmt->where);
+      place.row = record.row;
+      place.subject = record.subject;
       n.host->log().xpmlog(503, 137, arguments, place);
       return 1;
     }

@@ -10,11 +10,11 @@ host::MessagePlace place_of(const model::NX& n, std::int64_t row);
 // Number of a row in its BY group, from 1.
 std::int64_t observation_number(const model::NX& n, std::int64_t row);
 
-// The words of a fault for a message: what happened ("reason"), the text of the line ("source"), the line's number.
+// The words of a fault for a message: what happened ("reason"), the text of the line ("source"), and its place.
 struct FaultWords {
   std::string reason;
   std::string source;
-  int line = 0;
+  host::MessagePlace at;
 
   void add_to(host::MessageArguments& arguments, host::MessagePlace& place) const;
 };

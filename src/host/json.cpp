@@ -50,6 +50,12 @@ void append_message(std::string& out, const Message& message)
   out += fmt::format("{{\"group\": {}, \"number\": {}, \"severity\": \"{}\", ", message.group, message.number,
                      severity_name(message.severity));
   append_field(out, "text", message.text);
+  if (message.line > 0 && !message.file.empty()) {
+    out += ", ";
+    append_field(out, "file", message.file);
+    out += fmt::format(", \"line\": {}", message.line);
+    if (message.column > 0) out += fmt::format(", \"column\": {}", message.column);
+  }
   out += message.by_group < 0 ? ", \"by\": null}" : fmt::format(", \"by\": {}}}", message.by_group);
 }
 
@@ -225,6 +231,8 @@ void append_json_number(std::string& out, double x)
     out += x > 0 ? "\"inf\"" : "\"-inf\"";
   else if (x == 0.0 && std::signbit(x))
     out += "-0.0"; // readers take "-0" for the integer 0
+  else if (x == std::floor(x) && std::abs(x) < 9007199254740992.0)
+    out += fmt::format("{:.0f}", x); // an integer: 1000000, not 1e+06
   else
     append_shortest(out, x);
 }

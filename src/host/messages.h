@@ -40,6 +40,8 @@ struct MessagePlace {
   std::string subject{};      // text of the subject
   std::string file{};         // data file
   std::int64_t file_line = 0; // line of that file, from 1
+  std::string program{};      // file that line and column count in; empty: the program itself
+  std::string source{};       // text of that line; empty: looked up in the program
 };
 
 struct Message {
@@ -48,6 +50,11 @@ struct Message {
   Severity severity = Severity::note;
   std::string text{};
   int by_group = -1; // number of the BY group from 0, -1 outside
+  // Where in the program; line 0: nowhere, or told by the text alone.
+  std::string file{};
+  int line = 0;
+  int column = 0;       // 0: only the line is known
+  std::string source{}; // text of that line
 };
 
 // What the catalogue says of one message.
@@ -121,6 +128,9 @@ public:
   void post(Message message) override;
   void xpslog(std::string_view line) override;
 
+  // The program that lines of places count in: its name and text, kept for the source lines under messages.
+  void set_program(std::string name, std::string text);
+
   // Messages from now on belong to this BY group (from 0; -1 none). Counts of repeated messages start anew.
   void set_by_group(int group);
 
@@ -135,7 +145,11 @@ public:
   static constexpr int repeat_limit = 20; // the same message is shown this often per BY group
 
 private:
+  void locate(Message& message) const;
+  void write(const Message& message) const;
+
   LineWriter writer_;
+  std::string program_name_, program_text_;
   std::vector<Message> messages_;
   std::map<std::pair<int, int>, int> repeats_; // (group, number) -> times in this BY group
   int by_group_ = -1;

@@ -20,7 +20,7 @@ void write_fit_statistics(model::NX& n)
   const InformationCriteria criteria = information_criteria(n);
   host::Table table("FitStatistics", host::otbmsg(503, 119),
                     {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
-                     {"Value", CellKind::number, host::otbmsg(503, 32), "BEST8", ""}});
+                     {"Value", CellKind::number, host::otbmsg(503, 32), "D12.7.2", ""}});
   table.row({host::xpmstr(503, 120), criteria.minus2_log_likelihood});
   table.row({host::xpmstr(503, 121), criteria.aic});
   table.row({host::xpmstr(503, 122), criteria.aicc});

@@ -274,6 +274,27 @@ private:
 
 } // namespace
 
+namespace {
+
+// Blanks behind a number, which keep the points of a column below each other, as blanks of a digit's width (and of a
+// point's, where the number has none).
+std::string padded_number(std::string text)
+{
+  const std::size_t end = text.find_last_not_of(' ') + 1;
+  if (end == text.size() || end == 0) return text;
+  std::size_t blanks = text.size() - end;
+  const bool point = text.find('.') != std::string::npos;
+  text.resize(end);
+  if (!point) {
+    text += "\u2008";
+    --blanks;
+  }
+  for (; blanks > 0; --blanks) text += "\u2007";
+  return text;
+}
+
+} // namespace
+
 std::string html_text(const Table& table, std::string_view id)
 {
   std::string out = fmt::format("<div class=\"wide\"><table id=\"{}\">\n<caption>{}</caption>\n<thead><tr>",
@@ -288,7 +309,8 @@ std::string html_text(const Table& table, std::string_view id)
   const std::size_t rows = table.rows().size(), shown = rows > shown_rows + 20 ? shown_rows : rows;
   for (std::size_t row = 0; row < shown; ++row) {
     out += "<tr>";
-    for (std::size_t i = 0; i < cells.size(); ++i) out += fmt::format("<td{}>{}</td>", css(i), escaped(cells[i][row]));
+    for (std::size_t i = 0; i < cells.size(); ++i)
+      out += fmt::format("<td{}>{}</td>", css(i), padded_number(escaped(cells[i][row])));
     out += "</tr>\n";
   }
   out += "</tbody></table></div>\n";

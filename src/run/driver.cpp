@@ -9,6 +9,7 @@
 #include "integration/objective.h"
 #include "parallel/worker_pool.h"
 #include "report/fit_pictures.h"
+#include "run/advice.h"
 #include "run/exit_codes.h"
 #include "run/statement_processing.h"
 #include "solve/solve_step.h"
@@ -74,9 +75,12 @@ void draw_pictures(NX& n)
 int run_group(NX& n)
 {
   n.znlprc = 0;
+  n.host->progress({.stage = "reading data"});
   if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
+  advise_on_response(n);
   integration::forget_modes(n);
   n.verdict = {};
+  n.host->progress({.stage = "starting values"});
   if (solve::tvlparm(n) != 0) {
     n.verdict.outcome = model::FitOutcome::not_evaluated;
     inference::write_verdict(n);
@@ -130,6 +134,7 @@ StepOutcome hsttorvl(NX& n)
   StepOutcome outcome;
   try {
     tvlinit(n);
+    advise_on_program(n);
     n.starting_tables = [](NX& run) {
       inference::starting_tables(run);
       return 0;

@@ -1,8 +1,10 @@
 #include "run/program_runner.h"
 
 #include "host/run_output.h"
+#include "host/sha256.h"
 #include "language/parser.h"
 #include "language/statement_listing.h"
+#include "run/advice.h"
 #include "run/driver.h"
 #include "run/exit_codes.h"
 #include "run/model_generator.h"
@@ -24,6 +26,7 @@ public:
   ProgramRunner(host::Host& host, const ProgramRequest& request)
       : host_(host), request_(request), program_(sources_.add(request.name, request.text)), parser_(parse_request())
   {
+    host.log().set_program(request.name, request.text);
   }
 
   ProgramResult run()
@@ -100,9 +103,7 @@ private:
     data_given_ = procedure.given(1) && !procedure.slot(1).list.empty();
     if (!data_given_) return variables;
     const syntax::StItem& item = procedure.slot(1).list[0];
-    host::MessagePlace place;
-    place.statement = "TORVALE";
-    place.line = sources_.user_position(item.where).line;
+    const host::MessagePlace place = sources_.place("TORVALE", item.where);
     host::DataSetReference reference{item.text, item.quoted, {}};
     if (!item.options.empty()) {
       auto options = host::parse_data_set_options(item.options, host_.log(), place);
@@ -126,10 +127,7 @@ private:
     const int method = static_cast<int>(procedure.number_or(5, 0));
     const auto& arguments = model.slot(2).list;
     const auto refuse = [&](int number, const host::MessageArguments& words) {
-      host::MessagePlace place;
-      place.statement = "MODEL";
-      place.line = sources_.user_position(model.where).line;
-      host_.log().xpmlog(503, number, words, place);
+      host_.log().xpmlog(503, number, words, sources_.place("MODEL", model.where));
       model_fault_ = true;
       return 1;
     };
@@ -158,6 +156,13 @@ private:
       message.severity = d.severity == language::Severity::note      ? host::Severity::note
                          : d.severity == language::Severity::warning ? host::Severity::warning
                                                                      : host::Severity::error;
+      // Its source line and caret are part of the rendering.
+      const syntax::Position user = sources_.user_position(d.where);
+      if (user.line > 0) {
+        message.file = sources_.source(user.source).name;
+        message.line = user.line;
+        message.column = user.column;
+      }
       // The first line of the rendering is place and text; the source line and the caret follow as they stand.
       const std::string words = language::render(sources_, d);
       std::size_t from = words.find(": "); // severity and number come from the log
@@ -197,6 +202,7 @@ private:
     host::DataSource& source = host_.step().data;
     source.name = data_->name;
     source.path = data_->path;
+    if (request_.hash_data) source.sha256 = host::file_sha256(data_->path);
     source.rows = data_->rows();
     source.variables = data_->columns().size();
     model::NX n;
@@ -217,6 +223,8 @@ private:
     }
     try {
       tvlinit(n);
+      advise_on_program(n);
+      write_model_summary(n);
       return {n.tvlrc, exit_clean};
     } catch (const host::HostExit& end) {
       return {std::max(n.tvlrc, end.return_code), end.return_code == 1008 ? exit_data : exit_program};

@@ -41,8 +41,12 @@ RunOutcome Session::run(std::string program)
 {
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
+  const std::string upper = host::wzstrup(program);
+  for (const auto& [name, path] : s.data)
+    if (upper.find(host::wzstrup(name)) == std::string::npos) state_->host->log().xpmlog(503, 9553, {{"name", name}});
   auto result = run::run_program(
-      *state_->host, {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.pictures, {}});
+      *state_->host,
+      {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.hash_data, s.pictures, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();

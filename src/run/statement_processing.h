@@ -39,6 +39,9 @@ void specialise_expression_statements(model::NX& n);
 void read_prediction_statements(model::NX& n);
 void specialise_prediction_statements(model::NX& n);
 
+// write_model_summary: "Specifications" and "ModelSummary", for a program that is only checked.
+void write_model_summary(model::NX& n);
+
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);
 
