@@ -43,9 +43,9 @@ struct Pass {
 int run_checked(const NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, std::int64_t row,
                 std::vector<engine::Fault>& faults)
 {
-  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
+  const int nr = n.nreff() > 0 ? n.leaf().nr : 0;
   std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
-  if (nr > 0 && n.reff[0].distrtype == 0) std::copy_n(pass.arguments.begin() + row * n.reff[0].nd, nr, mean.begin());
+  if (nr > 0 && n.leaf().distrtype == 0) std::copy_n(pass.arguments.begin() + row * n.leaf().nd, nr, mean.begin());
   frame.set_points(mean.data(), 1, 1);
   frame.set_range(row, 1);
   int nerror = 0, nmissgen = 0;
@@ -79,13 +79,13 @@ int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, con
 // and may not enter.
 int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
 {
-  const auto& reff = n.reff[0];
+  const auto& reff = n.leaf();
   pass.arguments.resize(static_cast<std::size_t>(n.store->nobs * reff.nd));
   const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
   frame.set_points(zero.data(), 1, 1);
   std::vector<std::int32_t> stopped;
   const int rc = run_rows(
-      n, frame, *n.programs.setup_value, {},
+      n, frame, *reff.setup_value.code, {},
       [&](const engine::Tile& tile, const engine::Frame& f) {
         for (int k = 0; k < reff.nd; ++k) {
           const double* values = f.output(k);
@@ -95,7 +95,7 @@ int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
         return 0;
       },
       stopped);
-  return rc == 0 ? 0 : report_stop(n, frame, *n.programs.setup_value, pass, rc, stopped);
+  return rc == 0 ? 0 : report_stop(n, frame, *reff.setup_value.code, pass, rc, stopped);
 }
 
 void mark(NX& n, std::int64_t row, BadCause cause)
@@ -107,12 +107,12 @@ void mark(NX& n, std::int64_t row, BadCause cause)
 // The whole program at the means: `_ll`, the derivatives that the method uses, the dependent and replicate variables.
 int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
 {
-  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
-  const int nd = n.nreff() > 0 ? n.reff[0].nd : 0;
+  const int nr = n.nreff() > 0 ? n.leaf().nr : 0;
+  const int nd = n.nreff() > 0 ? n.leaf().nd : 0;
   const auto rows = static_cast<std::size_t>(n.store->nobs);
   std::vector<double> means(std::max<std::size_t>(1, static_cast<std::size_t>(nr)) * rows, 0.0);
   std::vector<std::int32_t> point(nr > 0 ? rows : 0);
-  if (nr > 0 && n.reff[0].distrtype == 0) {
+  if (nr > 0 && n.leaf().distrtype == 0) {
     for (std::size_t row = 0; row < rows; ++row)
       for (int e = 0; e < nr; ++e)
         means[static_cast<std::size_t>(e) * rows + row] =
@@ -216,7 +216,7 @@ bool same_value(double a, double b)
 // change within a subject.
 int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
 {
-  const auto& reff = n.reff[0];
+  const auto& reff = n.leaf();
   const std::int64_t first = subject.fvalidobs;
   for (std::int64_t row = first + 1; row < subject.first_row + subject.SubCount; ++row) {
     if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
@@ -258,7 +258,7 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
 
 int count_subjects(NX& n, const Pass& pass)
 {
-  auto& reff = n.reff[0];
+  auto& reff = n.leaf();
   reff.nsub = 0;
   reff.nrepsub = 0.0;
   reff.ntmax = 0;
@@ -338,11 +338,11 @@ void report_nothing_left(NX& n)
 void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
 {
   if (!engine::has_put(*n.gcmp)) return;
-  const int nr = n.nreff() > 0 ? n.reff[0].nr : 0;
+  const int nr = n.nreff() > 0 ? n.leaf().nr : 0;
   std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
   for (const std::int32_t row : n.store->row_of_group) {
-    if (nr > 0 && n.reff[0].distrtype == 0)
-      std::copy_n(pass.arguments.begin() + static_cast<std::int64_t>(row) * n.reff[0].nd, nr, mean.begin());
+    if (nr > 0 && n.leaf().distrtype == 0)
+      std::copy_n(pass.arguments.begin() + static_cast<std::int64_t>(row) * n.leaf().nd, nr, mean.begin());
     frame.set_points(mean.data(), 1, 1);
     frame.set_range(row, 1);
     std::vector<engine::PutLine> lines;

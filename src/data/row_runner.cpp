@@ -63,7 +63,7 @@ int walk_records(const model::NX& n, engine::Frame& frame, const engine::Program
   if (n.nreff() == 0) {
     spans.emplace_back(0, n.store->nobs);
   } else {
-    for (const auto& s : n.reff[0].SubInfo) spans.emplace_back(s.first_row, s.SubCount);
+    for (const auto& s : n.leaf().SubInfo) spans.emplace_back(s.first_row, s.SubCount);
   }
   for (std::size_t first = 0; first < spans.size(); first += batch) {
     const std::size_t last = std::min(first + batch, spans.size());

@@ -97,14 +97,14 @@ int tvlenvt(NX& n)
 
   SubjectRows index;
   if (n.nreff() > 0) {
-    if (tvlsubj(n, n.reff[0], index) != 0) {
+    if (tvlsubj(n, n.leaf(), index) != 0) {
       n.raise(1012);
       return 1;
     }
     set_rows(n, store, index.order);
     store.subject_start.assign(index.order.size(), 0);
-    set_subjects(n, store, n.reff[0], index);
-    report_order(n, n.reff[0], index);
+    set_subjects(n, store, n.leaf(), index);
+    report_order(n, n.leaf(), index);
   } else {
     if (n.rows.rows() == 0) {
       n.host->log().xpmlog(503, 71);

@@ -120,7 +120,7 @@ void CheckedRun::compute(NodeId id)
 double CheckedRun::kernel_value(NodeId id, const Node& n)
 {
   if (n.kernel == Kernel::select) return known_.at(n.operand[known_.at(n.operand[0]) != 0.0 ? 1 : 2]);
-  double operands[6];
+  double operands[kernel_operands_max];
   bool missing_operand = false;
   for (int k = 0; k < n.operands; ++k) {
     operands[k] = known_.at(n.operand[static_cast<std::size_t>(k)]);
@@ -283,7 +283,8 @@ int Frame::run_checked(const Program& program, std::int64_t row, int point, std:
     rc = trap_code(e.kind);
     static constexpr const char* texts[] = {"STOP was executed", "ABORT was executed",
                                             "a subscript is outside the bounds of its array"};
-    run.faults.insert(run.faults.begin(), {e.where, row, texts[static_cast<std::size_t>(e.kind)]});
+    run.faults.insert(run.faults.begin(),
+                      {e.where, row, e.text.empty() ? texts[static_cast<std::size_t>(e.kind)] : e.text});
   }
   if (run.endless()) rc = run_code::endless_loop;
   nerror = static_cast<int>(run.faults.size());

@@ -37,6 +37,7 @@ struct Effect {
     TextId text = no_text;
   };
   std::vector<Item> items; // of put
+  std::string text;        // of ABORT 'text'
   // STOP, ABORT and faults that end the run; PUT and FILE only write.
   bool fatal() const { return kind <= Kind::subscript; }
 };

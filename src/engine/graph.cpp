@@ -303,11 +303,11 @@ NodeId GraphBuilder::apply(Kernel k, std::span<const NodeId> operands)
 
 NodeId GraphBuilder::intern_kernel(Kernel k, std::span<const NodeId> operands)
 {
-  assert(operands.size() <= 6);
+  assert(operands.size() <= kernel_operands_max);
   Node n;
   n.kind = NodeKind::kernel;
   n.kernel = k;
-  double values[6];
+  double values[kernel_operands_max];
   bool all_constant = !operands.empty();
   bool any_missing = false;
   for (NodeId operand_id : operands) {

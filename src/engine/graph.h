@@ -41,7 +41,7 @@ struct Node {
   Kernel kernel = Kernel::copy;
   std::int32_t index = 0;    // of symbol, carry, result, text
   std::int32_t operands = 0; // count of operands
-  std::array<NodeId, 6> operand{};
+  std::array<NodeId, kernel_operands_max> operand{};
   double value = 0.0;     // of constant
   std::int32_t where = 0; // GraphBuilder::origin_at: the statement it first stood in
 };

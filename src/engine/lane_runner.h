@@ -28,8 +28,8 @@ private:
   std::size_t size_ = 0;
 };
 
-// Which record, point and slot each lane of a strip stands for. Computed are `padded` lanes, a multiple of lane_padding:
-// those beyond the last read copies of its values, or what stands behind them.
+// Which record, point and slot each lane of a strip stands for. Computed are `padded` lanes, a multiple of
+// lane_padding: those beyond the last read copies of its values, or what stands behind them.
 struct Lanes {
   int count = 0; // real lanes, 1..strip_lanes
   int padded = 0;
@@ -106,14 +106,15 @@ public:
   // Takes the numbers that are the same in all lanes; parameter_results: results of the parameter stage.
   void fill_fixed(const double* parameter_results);
   // Runs one strip. Returns 0, or 1 when a loop did not end within the limit of passes.
-  int run(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs, Results& results);
+  int run(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+          Results& results);
   int strip() const { return strip_; } // lanes of a full strip, once fill_fixed has been called
 
 private:
   struct Operation {       // one step with the addresses of its registers
     KernelFn fn = nullptr; // null: a step of another kind
     double* out = nullptr;
-    const double* in[6] = {};
+    const double* in[kernel_operands_max] = {};
   };
   // Where the values of an input stand, and how the lanes' indices run through them.
   struct View {

@@ -28,9 +28,9 @@ struct Step {
   Kernel kernel = Kernel::copy;
   std::int32_t operands = 0;
   std::int32_t out = -1; // register
-  std::array<std::int32_t, 6> in{};
+  std::array<std::int32_t, kernel_operands_max> in{};
   std::int32_t index = 0;
-  NodeId node = no_node;    // for listings and messages
+  NodeId node = no_node; // for listings and messages
 };
 
 // Where a load takes its values.

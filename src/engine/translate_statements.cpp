@@ -204,6 +204,10 @@ void Translator::stop(Effect::Kind kind, const Statement* s)
   effect.kind = kind;
   effect.owner = s;
   effect.where = s->where;
+  if (kind == Effect::Kind::abort) {
+    const Expr* const value = static_cast<const ReturnStatement*>(s)->value;
+    if (value != nullptr && value->kind == ExprKind::text) effect.text = value->name;
+  }
   gcmp_.effects.push_back(std::move(effect));
 }
 

@@ -85,8 +85,8 @@ int request_block(NX& n, REFFECT& reff)
 const char* unserved(const NX& n)
 {
   if (n.nreff() > 1) return "A model with several RANDOM statements";
-  if (n.nreff() == 1 && n.reff[0].distrtype != 0) return "The DISCRETE distribution of RANDOM";
-  if (n.nreff() == 1 && n.reff[0].nr > most_effects) return "A RANDOM statement with more than 64 random effects";
+  if (n.nreff() == 1 && n.leaf().distrtype != 0) return "The DISCRETE distribution of RANDOM";
+  if (n.nreff() == 1 && n.leaf().nr > most_effects) return "A RANDOM statement with more than 64 random effects";
   return nullptr;
 }
 

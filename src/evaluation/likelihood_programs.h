@@ -18,4 +18,13 @@ int build_programs(model::NX& n);
 // pass_kind. Returns 0 or 1012.
 int specialise_programs(model::NX& n);
 
+// Abilities: what a model can evaluate with the programs that were built. Whoever wants an evaluation asks first.
+struct Abilities {
+  bool value = false;     // the objective
+  bool gradient = false;  // its derivatives by the parameters, and each outermost subject's
+  bool modes = false;     // modes of the random effects, and the curvature by the effects there
+  bool curvature = false; // and the derivatives of the modes and of that curvature by the parameters
+};
+Abilities can_evaluate(const model::NX& n);
+
 } // namespace torvale::evaluation

@@ -26,7 +26,7 @@ host::MessagePlace place_of(const NX& n, std::int64_t row)
   host::MessagePlace place;
   place.row = n.store->file_row[static_cast<std::size_t>(row)];
   if (n.nreff() > 0) {
-    const auto& subjects = n.reff[0].SubInfo;
+    const auto& subjects = n.outer().SubInfo;
     const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
                                      [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
     if (it != subjects.begin()) place.subject = std::prev(it)->prnc;

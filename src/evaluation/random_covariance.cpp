@@ -41,7 +41,7 @@ int prior_failure(const BlockWork& block)
 // Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same factor.
 int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* output, int lane, long arguments)
 {
-  const REFFECT& reff = n.reff[0];
+  const REFFECT& reff = n.leaf();
   BatchWork& b = ctx.batch;
   double* const values = b.arguments.data() + p * arguments;
   for (long k = 0; k < arguments; ++k) values[k] = output[k] != nullptr ? output[k][lane] : 0.0;
@@ -63,7 +63,7 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* outpu
 // Which of a slot's records is the first used one. Of programs that keep values the records before it are listed too.
 std::int32_t first_used(const NX& n, const BatchWork& b, int slot)
 {
-  const auto& subject = n.reff[0].SubInfo[static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)])];
+  const auto& subject = n.leaf().SubInfo[static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)])];
   const std::int32_t* const rows = n.record_rows.data() + n.record_first[static_cast<std::size_t>(subject.index)];
   int record = 0;
   while (rows[record] < subject.fvalidobs) ++record;
@@ -137,11 +137,11 @@ int tvlgetg(const NX& n, int nr, BlockWork& block)
 
 int load_priors(const NX& n, TVLThreadCtx& ctx, bool with_derivatives)
 {
-  const REFFECT& reff = n.reff[0];
+  const REFFECT& reff = n.leaf();
   BatchWork& b = ctx.batch;
-  const engine::Program& program = with_derivatives ? *n.programs.setup : *n.programs.setup_value;
-  const long arguments = reff.nd + (with_derivatives ? static_cast<long>(reff.nd) * n.nparm : 0);
-  const bool varies = n.programs.setup_varies;
+  const engine::Program& program = with_derivatives ? *reff.setup.code : *reff.setup_value.code;
+  const long arguments = with_derivatives ? reff.setup.places : reff.nd;
+  const bool varies = reff.setup_varies;
   if (!varies && b.prior_loaded) {
     std::fill_n(b.failure.begin(), b.slots, b.prior_failure);
     return 0;
@@ -150,8 +150,8 @@ int load_priors(const NX& n, TVLThreadCtx& ctx, bool with_derivatives)
   const auto collect = [&] {
     std::fill(b.outputs.begin(), b.outputs.end(), nullptr);
     if (with_derivatives)
-      for (std::size_t k = 0; k < n.programs.setup_list.size(); ++k)
-        b.outputs[static_cast<std::size_t>(n.programs.setup_list[k])] = ctx.frame->output(static_cast<int>(k));
+      for (std::size_t k = 0; k < reff.setup.outputs.size(); ++k)
+        b.outputs[static_cast<std::size_t>(reff.setup.outputs[k])] = ctx.frame->output(static_cast<int>(k));
     else
       for (int a = 0; a < reff.nd; ++a) b.outputs[static_cast<std::size_t>(a)] = ctx.frame->output(a);
   };

@@ -9,6 +9,7 @@ namespace torvale::evaluation {
 using engine::CMPDER;
 using engine::CMPSYM;
 using model::BadCause;
+using model::ModelProgram;
 using model::ModelPrograms;
 using model::NX;
 using model::REFFECT;
@@ -21,24 +22,23 @@ struct Outputs {
   explicit Outputs(int places) : symbols(static_cast<std::size_t>(places), nullptr) {}
   CMPSYM*& at(long place) { return symbols[static_cast<std::size_t>(place)]; }
 
-  // Live marks, the list of live places, and their program.
-  const engine::Program* specialise(engine::CMPGLOBAL& gcmp, std::vector<char>& live, std::vector<int>& list) const
+  ModelProgram specialise(engine::CMPGLOBAL& gcmp) const
   {
+    ModelProgram program;
     std::vector<CMPSYM*> wanted;
-    live.assign(symbols.size(), 0);
-    list.clear();
+    program.places = static_cast<int>(symbols.size());
     for (std::size_t k = 0; k < symbols.size(); ++k) {
       if (symbols[k] == nullptr) continue;
-      live[k] = 1;
-      list.push_back(static_cast<int>(k));
+      program.outputs.push_back(static_cast<int>(k));
       wanted.push_back(symbols[k]);
     }
-    return engine::cmpspec(gcmp, wanted);
+    program.code = engine::cmpspec(gcmp, wanted);
+    return program;
   }
 };
 
-// Second derivatives of _ll with the meaning of their indices: by random effect `effect`, then by `wrt`, which counts the
-// parameters first (0..np-1), then the random effects.
+// Second derivatives of _ll with the meaning of their indices: by random effect `effect`, then by `wrt`, which counts
+// the parameters first (0..np-1), then the random effects.
 struct SecondDerivative {
   CMPSYM* symbol;
   int effect;
@@ -58,57 +58,71 @@ std::vector<SecondDerivative> second_derivatives(const NX& n, const REFFECT& ref
   return result;
 }
 
-Outputs gradient_outputs(const NX& n, const CMPDER& gradient, int wanted)
+Outputs value_outputs(const NX& n)
 {
-  Outputs out(1 + wanted);
-  out.at(0) = n.llsym;
-  for (std::size_t k = 0; k < gradient.der.s.size(); ++k) out.at(1 + gradient.wrtindex[k]) = gradient.der.s[k];
+  Outputs out(1);
+  out.at(ModelPrograms::ll) = n.llsym;
+  return out;
+}
+
+// The request is by the parameters, then the effects: the order of the places.
+Outputs gradient_outputs(const NX& n, const CMPDER& gradient)
+{
+  const ModelPrograms& p = n.programs;
+  Outputs out(p.by_effect(p.ne));
+  out.at(ModelPrograms::ll) = n.llsym;
+  for (std::size_t k = 0; k < gradient.der.s.size(); ++k)
+    out.at(p.by_parameter(gradient.wrtindex[k])) = gradient.der.s[k];
   return out;
 }
 
 Outputs mode_outputs(const NX& n, const REFFECT& reff)
 {
-  Outputs out(1 + reff.nr + reff.nrs);
-  out.at(0) = n.llsym;
+  const ModelPrograms& p = n.programs;
+  Outputs out(p.curve(p.ne * (p.ne + 1) / 2));
+  out.at(ModelPrograms::ll) = n.llsym;
   for (std::size_t k = 0; k < reff.gradstr.der.s.size(); ++k)
-    if (const int w = reff.gradstr.wrtindex[k]; w >= n.nparm) out.at(1 + w - n.nparm) = reff.gradstr.der.s[k];
+    if (const int w = reff.gradstr.wrtindex[k]; w >= n.nparm) out.at(p.slope(w - n.nparm)) = reff.gradstr.der.s[k];
   for (const auto& d : second_derivatives(n, reff))
-    if (d.wrt >= n.nparm) out.at(1 + reff.nr + matrix::packed_index(d.effect, d.wrt - n.nparm)) = d.symbol;
+    if (d.wrt >= n.nparm) out.at(p.curve(static_cast<int>(matrix::packed_index(d.effect, d.wrt - n.nparm)))) = d.symbol;
   return out;
 }
 
 Outputs cross_outputs(const NX& n, const REFFECT& reff)
 {
-  Outputs out(reff.nr * n.nparm);
+  const ModelPrograms& p = n.programs;
+  Outputs out(p.cross_place(p.ne, 0));
   for (const auto& d : second_derivatives(n, reff))
-    if (d.wrt < n.nparm) out.at(d.effect * n.nparm + d.wrt) = d.symbol;
+    if (d.wrt < p.np) out.at(p.cross_place(d.effect, d.wrt)) = d.symbol;
   return out;
 }
 
-// Cross derivatives, then third derivatives; both triangles of a request are the same nodes, so the last one found serves.
+// Cross derivatives, then third derivatives; both triangles of a request are the same nodes, so the last one found
+// serves.
 Outputs curvature_outputs(const NX& n, const REFFECT& reff)
 {
-  const int np = n.nparm;
-  const int third = reff.nr * np;
-  Outputs out(third + (n.needtriu ? reff.npr * reff.nrs : 0));
+  const ModelPrograms& p = n.programs;
+  Outputs out(p.third_place(n.needtriu ? p.np + p.ne : 0, 0));
   const auto second = second_derivatives(n, reff);
   for (const auto& d : second)
-    if (d.wrt < np) out.at(d.effect * np + d.wrt) = d.symbol;
+    if (d.wrt < p.np) out.at(p.cross_place(d.effect, d.wrt)) = d.symbol;
   if (!n.needtriu) return out;
   for (std::size_t k = 0; k < reff.triustr.der.s.size(); ++k) {
     const auto& d = second[static_cast<std::size_t>(reff.triustr.objindex[k])];
-    out.at(third + d.wrt * reff.nrs + matrix::packed_index(d.effect, reff.triustr.wrtindex[k])) = reff.triustr.der.s[k];
+    out.at(p.third_place(d.wrt, static_cast<int>(matrix::packed_index(d.effect, reff.triustr.wrtindex[k])))) =
+        reff.triustr.der.s[k];
   }
   return out;
 }
 
 Outputs setup_outputs(const NX& n, const REFFECT& reff, bool derivatives)
 {
-  Outputs out(reff.nd + (derivatives ? reff.nd * n.nparm : 0));
+  Outputs out(reff.argument_derivative(derivatives ? reff.nd : 0, 0, n.nparm));
   for (int a = 0; a < reff.nd; ++a) out.at(a) = reff.distrsym.s[static_cast<std::size_t>(a)];
   if (!derivatives) return out;
   for (std::size_t k = 0; k < reff.gradrstr.der.s.size(); ++k)
-    out.at(reff.nd + reff.gradrstr.objindex[k] * n.nparm + reff.gradrstr.wrtindex[k]) = reff.gradrstr.der.s[k];
+    out.at(reff.argument_derivative(reff.gradrstr.objindex[k], reff.gradrstr.wrtindex[k], n.nparm)) =
+        reff.gradrstr.der.s[k];
   return out;
 }
 
@@ -138,7 +152,7 @@ void specialise_pass(NX& n, const CMPDER& gradient, const REFFECT* reff)
 // True when some distribution argument, or a derivative of one, differs between records: it reads data or kept values.
 bool arguments_vary(const NX& n, const REFFECT& reff)
 {
-  if (engine::sequential(*n.programs.setup_value)) return true;
+  if (engine::sequential(*reff.setup_value.code)) return true;
   for (const CMPSYM* argument : reff.distrsym.s)
     for (const CMPSYM* input : engine::cmpdeps(*n.gcmp, argument))
       if (input->parameter < 0 && input->random_effect < 0) return true;
@@ -147,31 +161,40 @@ bool arguments_vary(const NX& n, const REFFECT& reff)
 
 } // namespace
 
+Abilities can_evaluate(const NX& n)
+{
+  const ModelPrograms& p = n.programs;
+  Abilities can;
+  can.value = static_cast<bool>(p.value);
+  can.modes = n.nreff() > 0 && p.mode;
+  can.curvature = can.modes && p.curvature;
+  can.gradient = p.gradient && (!n.adaptive || can.curvature);
+  return can;
+}
+
 int specialise_programs(NX& n)
 {
   ModelPrograms& p = n.programs;
+  p = ModelPrograms{};
+  p.np = n.nparm;
+  for (const REFFECT& reff : n.reff) p.ne += reff.nr;
   const bool analytic = n.fd == 0;
-  const auto specialise = [&](const Outputs& out, std::vector<char>& live, std::vector<int>& list) {
-    return out.specialise(*n.gcmp, live, list);
-  };
-  std::vector<char> live;
-  std::vector<int> list;
-  p.value = engine::cmpspec(*n.gcmp, std::vector<CMPSYM*>{n.llsym});
+  p.value = value_outputs(n).specialise(*n.gcmp);
   if (n.nreff() == 0) {
-    if (analytic) p.gradient = specialise(gradient_outputs(n, n.gradstr, n.nparm), p.gradient_live, p.gradient_list);
+    if (analytic) p.gradient = gradient_outputs(n, n.gradstr).specialise(*n.gcmp);
     specialise_pass(n, n.gradstr, nullptr);
   } else {
-    const REFFECT& reff = n.reff[0];
-    p.setup_value = specialise(setup_outputs(n, reff, false), live, list);
-    p.setup = analytic || n.needcrossu ? specialise(setup_outputs(n, reff, true), p.setup_live, p.setup_list) : p.setup_value;
-    p.setup_varies = arguments_vary(n, reff);
-    if (analytic) p.gradient = specialise(gradient_outputs(n, reff.gradstr, reff.npr), p.gradient_live, p.gradient_list);
-    if (n.needhessu) p.mode = specialise(mode_outputs(n, reff), p.mode_live, p.mode_list);
-    if (n.needcrossu) p.curvature = specialise(curvature_outputs(n, reff), p.curvature_live, p.curvature_list);
-    if (n.wants_effects) p.cross = specialise(cross_outputs(n, reff), p.cross_live, p.cross_list);
+    REFFECT& reff = n.leaf();
+    reff.setup_value = setup_outputs(n, reff, false).specialise(*n.gcmp);
+    reff.setup = analytic || n.needcrossu ? setup_outputs(n, reff, true).specialise(*n.gcmp) : reff.setup_value;
+    reff.setup_varies = arguments_vary(n, reff);
+    if (analytic) p.gradient = gradient_outputs(n, reff.gradstr).specialise(*n.gcmp);
+    if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
+    if (n.needcrossu) p.curvature = curvature_outputs(n, reff).specialise(*n.gcmp);
+    if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);
     specialise_pass(n, reff.gradstr, &reff);
   }
-  return p.value == nullptr || n.pass_program == nullptr ? 1012 : 0;
+  return !p.value || n.pass_program == nullptr ? 1012 : 0;
 }
 
 } // namespace torvale::evaluation

@@ -83,7 +83,8 @@ constexpr CatalogueEntry entries[] = {
      "values.",
      "Look at the data of that observation; give other starting values; guard the expression with IF."},
     {503, 9570, W,
-     "The expression of PREDICT cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; its prediction is "
+     "The expression of PREDICT cannot be evaluated at observation {observation}[: {reason}][, in \"{source}\"]; its "
+     "prediction is "
      "missing there, and at others where it fails.",
      "A logarithm of a number that is not positive, a division by zero, at the values of that observation.",
      "Guard the expression with IFN or with IF statements in the program."},
@@ -283,20 +284,45 @@ constexpr CatalogueEntry entries[] = {
 
     // --- CMPTMODEL ---
     {503, 900, E, "CMPTMODEL needs NCOMPS=.", "", "NCOMPS=1, 2 or 3."},
-    {503, 901, E, "NCOMPS= must be 1, 2 or 3.", "", ""},
-    {503, 902, E, "CMPTMODEL needs ADMTYPE=.", "", ""},
+    {503, 901, E, "NCOMPS= must be 1, 2 or 3[, not {found}].", "", ""},
+    {503, 902, E, "CMPTMODEL needs ADMTYPE=.", "", "ADMTYPE=IVB, INF or ORAL."},
+    // The grammar takes no other words, so nothing raises this one.
     {503, 903, E, "ADMTYPE= is out of range.", "", ""},
-    {503, 904, E, "CMPTMODEL needs PARMTYPE=.", "", ""},
-    {503, 905, E, "PARMTYPE= is out of range.", "", ""},
+    {503, 904, E, "CMPTMODEL needs PARMTYPE=.", "", "PARMTYPE=1 for rate constants, 2 for clearances and volumes."},
+    {503, 905, E, "PARMTYPE= must be 1 or 2[, not {found}].", "", ""},
     {503, 906, E, "ADMTYPE=INF needs RATE= or DURN=.", "", ""},
     {503, 907, W, "RATE= and DURN= are both given; the duration follows from the rate.", "", ""},
-    {503, 910, E, "{option}= is needed for this compartment model.", "", ""},
-    {503, 911, W, "{option}= is ignored for this compartment model.", "", ""},
-    {503, 912, E, "{option}= must not be given for this compartment model.", "", ""},
-    {503, 913, W, "{option}= is unusual for this compartment model; it is used.", "", ""},
-    {503, 914, E, "{option}= cannot be used with these options of the compartment model.", "", ""},
-    {503, 915, W, "{option}= is taken from the dose records; the option is ignored.", "", ""},
-    {503, 916, W, "{option}= is taken from the data set; the option is ignored.", "", ""},
+    {503, 910, E,
+     "{option}= is needed for this compartment model[: NCOMPS={compartments}, ADMTYPE={administration}, "
+     "PARMTYPE={parameters}].",
+     "", ""},
+    {503, 911, W,
+     "{option}= is ignored: this compartment model[, NCOMPS={compartments}, ADMTYPE={administration}, "
+     "PARMTYPE={parameters},] has no use for it.",
+     "", ""},
+    {503, 912, E,
+     "{option}= must not be given: this compartment model[, NCOMPS={compartments}, ADMTYPE={administration}, "
+     "PARMTYPE={parameters},] has no such result.",
+     "", ""},
+    {503, 913, W,
+     "{option}= is used where the dose records ask for it[; ADMTYPE={administration} has otherwise no use for it].", "",
+     ""},
+    {503, 914, E, "{option}= cannot be given with dose records in the data set: they yield PCONC= only.", "", ""},
+    {503, 915, W, "{option}= is ignored: dose records in the data set have no place for it.", "", ""},
+    {503, 916, W, "{option}= is ignored: the dose records in the data set have it.", "", ""},
+    {503, 9470, E, "{option}= of CMPTMODEL must be a name, not {value}: it is the variable that takes the result.", "",
+     ""},
+    {503, 9471, W,
+     "DOSE= of an oral model is a dose into compartment 1; the dose into the depot is DOSE0=, which is not given and "
+     "is "
+     "taken as 1.",
+     "The dose is oral, and was given by the name that other models have for it.", "Write DOSE0= for DOSE=."},
+    {503, 9472, W,
+     "PCONC= is an amount, since SCALE1= is not given; SCALE1={volume} gives a concentration. Clearances and volumes "
+     "only "
+     "make the rate constants.",
+     "", ""},
+    {503, 9473, E, "The variable _CMPT_TYPE_ of dose records must hold texts; it is numeric.", "", ""},
 
     // --- The data pass and the solve step ---
     {503, 9201, E,

@@ -160,7 +160,7 @@ bool random_effect_moments(NX& n, EffectMoments& out)
 {
   const model::REFFECT& reff = n.reff[0];
   const auto nr = static_cast<std::size_t>(reff.nr);
-  const engine::Program& program = *n.programs.setup_value;
+  const engine::Program& program = *reff.setup_value.code;
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.parm.data());
   const std::vector<double> zero(nr, 0.0);
@@ -171,7 +171,7 @@ bool random_effect_moments(NX& n, EffectMoments& out)
   for (const auto& subject : reff.SubInfo) {
     if (subject.badsub) continue;
     const auto to = static_cast<std::size_t>(subject.index) * nr;
-    if (known != nullptr && !n.programs.setup_varies) {
+    if (known != nullptr && !reff.setup_varies) {
       const auto from = static_cast<std::size_t>(known->index) * nr;
       std::copy_n(out.mean.begin() + static_cast<long>(from), nr, out.mean.begin() + static_cast<long>(to));
       std::copy_n(out.variance.begin() + static_cast<long>(from), nr, out.variance.begin() + static_cast<long>(to));

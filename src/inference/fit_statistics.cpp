@@ -10,7 +10,7 @@ InformationCriteria information_criteria(const model::NX& n)
   const double c = n.fval;                                               // minimized negative log likelihood
   const double p = n.nparm;                                              // parameters
   const double m = std::max(static_cast<double>(n.store->nobsu), p + 2); // floor: AICC stays finite
-  const double q = n.nreff() > 0 ? n.reff.back().nrepsub : static_cast<double>(n.store->nobsu);
+  const double q = n.nreff() > 0 ? n.outer().nrepsub : static_cast<double>(n.store->nobsu);
   return {2 * c, 2 * (p + c), 2 * (p * m / (m - p - 1) + c), 2 * c + p * std::log(q)};
 }
 

@@ -41,7 +41,7 @@ std::vector<Chunk> deal_chunks(const NX& n)
       chunks.push_back({first, std::min(first + chunk_rows, rows), 0, 0});
     return chunks;
   }
-  const auto& subjects = n.reff[0].SubInfo;
+  const auto& subjects = n.leaf().SubInfo;
   Chunk chunk;
   for (std::size_t s = 0; s < subjects.size(); ++s) {
     const std::int64_t end = subjects[s].first_row + subjects[s].SubCount;
@@ -138,7 +138,7 @@ private:
     for (std::size_t k = 0; k < count; ++k)
       w.rows[k] = static_cast<std::int32_t>(c.first + static_cast<std::int64_t>(k));
     for (std::size_t s = c.first_subject; s < c.last_subject; ++s) {
-      const auto& subject = n_.reff[0].SubInfo[s];
+      const auto& subject = n_.leaf().SubInfo[s];
       std::fill_n(w.points.begin() + (subject.first_row - c.first), subject.SubCount,
                   static_cast<std::int32_t>(s - c.first_subject));
     }
@@ -210,7 +210,7 @@ void report_fault(NX& n, const PredictStatement& statement, const Posterior& pos
     const std::int64_t row = n.store->row_of_group[at];
     std::vector<double> effects(std::max<std::size_t>(nr, 1), 0.0);
     if (nr > 0) {
-      const auto& subjects = n.reff[0].SubInfo;
+      const auto& subjects = n.leaf().SubInfo;
       const auto after = std::upper_bound(subjects.begin(), subjects.end(), row,
                                           [](std::int64_t r, const auto& s) { return r < s.first_row; });
       const auto subject = static_cast<std::size_t>(after - subjects.begin()) - 1;

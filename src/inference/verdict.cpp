@@ -194,7 +194,7 @@ void fill_figures(const NX& n, FitSummary& out)
   add("bic", stands ? c.bic : host::missing);
   add("parameters", n.nparm);
   add("observations", n.store->nobsu);
-  if (n.nreff() > 0) add("subjects", n.reff.back().nsub);
+  if (n.nreff() > 0) add("subjects", n.outer().nsub);
   add("evaluations", n.str->nfct + n.str->past_calls);
   add("iterations", static_cast<long>(n.str->nitr) + n.iterations_before);
 }

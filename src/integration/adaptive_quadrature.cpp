@@ -10,11 +10,9 @@
 
 namespace torvale::integration {
 
-using model::Batch;
 using model::BatchWork;
 using model::NX;
 using model::REFFECT;
-using model::SUBINFO;
 using model::TVLThreadCtx;
 
 namespace {
@@ -22,7 +20,7 @@ namespace {
 // The scale of the points by z: the Cholesky factor of the inverse Hessian, or the identity (then L alone scales u).
 void set_spread(const NX& n, BatchWork& b, int slot)
 {
-  const int nr = n.reff[0].nr, nrs = n.reff[0].nrs;
+  const int nr = n.leaf().nr, nrs = n.leaf().nrs;
   double* const c = b.spread.data() + static_cast<long>(slot) * nrs;
   if (!n.adscale) {
     std::fill_n(c, nrs, 0.0);
@@ -45,17 +43,64 @@ void find_centres(const NX& n, BatchWork& b)
 {
   for (int slot = 0; slot < b.slots; ++slot) {
     if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
-    if (!n.adaptive) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.reff[0].nr, n.reff[0].nr, 0.0);
+    if (!n.adaptive) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.leaf().nr, n.leaf().nr, 0.0);
     set_spread(n, b, slot);
   }
 }
 
-// The trial mode u = m + L z of a slot.
-void store_mode(NX& n, const BatchWork& b, int slot, std::size_t subject)
+// tvlgaus: a batch of subjects with one level of random effects (gaus Gauss). A nest is a slot.
+class AdaptiveQuadrature final : public Integrator {
+public:
+  void size_batch(const NX& n, TVLThreadCtx& ctx) const override;
+  int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override;
+  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override;
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
+  {
+    subject_gradient(n, ctx, slot, gradient);
+  }
+  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override;
+};
+
+void AdaptiveQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
 {
-  const int nr = n.reff[0].nr;
+  size_subject_work(n, ctx);
+  size_point_sums(n, ctx);
+}
+
+int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const
+{
+  const REFFECT& reff = n.leaf();
+  if (const int rc = evaluation::load_priors(n, ctx, reff.setup.places > reff.setup_value.places); rc > 2) return rc;
+  ctx.batch.constants = reff.nr * (0.5 * log2pi - std::log(n.qscale * root_two));
+  if (n.adaptive)
+    if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
+  find_centres(n, ctx.batch);
+  if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
+  if (gradient && n.adaptive)
+    if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
+  return 0;
+}
+
+// The factor C of the scale adds 1/2 log det H to the constants.
+int AdaptiveQuadrature::close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const
+{
+  const BatchWork& b = ctx.batch;
+  const auto s = static_cast<std::size_t>(slot);
+  if (b.failure[s] != 0) return b.failure[s];
+  const double total = b.total[s];
+  value = -(std::log(total) + b.peak[s]) + b.constants;
+  if (n.adscale) value += 0.5 * b.search[s].logdet;
+  return total > 0.0 ? 0 : zero_integral(n);
+}
+
+// The trial mode u = m + L z of a slot.
+void AdaptiveQuadrature::close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const
+{
+  const BatchWork& b = ctx.batch;
+  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
+  const int nr = n.leaf().nr;
   const long p = modes::prior_of(n, slot);
-  const double* l = b.factor.data() + p * n.reff[0].nrs;
+  const double* l = b.factor.data() + p * n.leaf().nrs;
   const double* const z = b.z.data() + static_cast<long>(slot) * nr;
   double* const u = n.ebtrial.data() + subject * static_cast<std::size_t>(nr);
   for (int i = 0; i < nr; ++i) {
@@ -66,58 +111,12 @@ void store_mode(NX& n, const BatchWork& b, int slot, std::size_t subject)
   n.ebtrial_known[subject] = 1;
 }
 
-// Closes a subject: value and gradient of its integral into its slot of the run. constants: nr/2 log 2 pi - nr log s, of the
-// prior and of the scale of the points; their factor C adds 1/2 log det H.
-void close_subject(NX& n, const TVLThreadCtx& ctx, int slot, bool gradient, double constants)
-{
-  const BatchWork& b = ctx.batch;
-  const auto s = static_cast<std::size_t>(slot);
-  const auto subject = static_cast<std::size_t>(b.subject[s]);
-  const REFFECT& reff = n.reff[0];
-  int& status = n.slot_status[subject];
-  status = b.failure[s];
-  n.slot_row[subject] = reff.SubInfo[subject].fvalidobs;
-  if (status != 0) return;
-  const double total = b.total[s];
-  double v = -(std::log(total) + b.peak[s]) + constants;
-  if (n.adscale) v += 0.5 * b.search[s].logdet;
-  if (!(total > 0.0) || !(v < model::failure_objective) || !std::isfinite(v)) {
-    status = reff.sub_character ? 355 : 354;
-    return;
-  }
-  n.slot_value[subject] = v;
-  if (gradient) subject_gradient(n, ctx, slot, n.slot_grad.data() + static_cast<long>(subject) * n.grad_stride);
-  if (n.adaptive) store_mode(n, b, slot, subject);
-}
-
 } // namespace
 
-void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
+const Integrator& adaptive_quadrature()
 {
-  BatchWork& b = ctx.batch;
-  b.slots = batch.last - batch.first;
-  std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
-  std::fill_n(b.failure.begin(), b.slots, 0);
-  b.level = n.batch_levels.data() + batch.first_level;
-  b.levels = batch.levels;
-  b.rows = n.batch_records.data() + batch.first_record;
-  ctx.frame->set_records(b.rows, batch.records);
-}
-
-int tvlgaus(NX& n, TVLThreadCtx& ctx, const Batch& batch)
-{
-  const bool gradient = n.dograd;
-  take_batch(n, ctx, batch);
-  if (const int rc = evaluation::load_priors(n, ctx, n.programs.setup != n.programs.setup_value); rc > 2) return rc;
-  if (n.adaptive)
-    if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
-  find_centres(n, ctx.batch);
-  if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
-  if (gradient && n.adaptive)
-    if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
-  const double constants = n.reff[0].nr * (0.5 * log2pi - std::log(n.qscale * root_two));
-  for (int slot = 0; slot < ctx.batch.slots; ++slot) close_subject(n, ctx, slot, gradient, constants);
-  return 0;
+  static const AdaptiveQuadrature integrator;
+  return integrator;
 }
 
 } // namespace torvale::integration

@@ -2,7 +2,6 @@
 
 #include "integration/objective.h"
 
-#include "evaluation/record_sums.h"
 #include "integration/evaluation_parts.h"
 #include "parallel/worker_pool.h"
 
@@ -13,7 +12,6 @@ namespace torvale::integration {
 using model::BadCause;
 using model::Batch;
 using model::BatchWork;
-using model::BlockWork;
 using model::NX;
 using model::REFFECT;
 using model::TVLThreadCtx;
@@ -26,17 +24,12 @@ constexpr std::int64_t batch_rows = 2 * engine::max_lanes, most_batch_rows = 8 *
 constexpr int enough_slots = 64, batch_slots = 256;
 constexpr long batches_per_context = 8;
 
-template <class T> void size(std::vector<T>& v, long count)
-{
-  v.assign(static_cast<std::size_t>(count), T{});
-}
-
 bool keeps_values(const NX& n)
 {
+  const auto keeps = [](const model::ModelProgram& program) { return program && engine::sequential(*program.code); };
   const auto& p = n.programs;
-  for (const engine::Program* program : {p.setup, p.value, p.gradient, p.mode, p.curvature})
-    if (program != nullptr && engine::sequential(*program)) return true;
-  return false;
+  return keeps(p.value) || keeps(p.gradient) || keeps(p.mode) || keeps(p.curvature) ||
+         std::any_of(n.reff.begin(), n.reff.end(), [&](const REFFECT& reff) { return keeps(reff.setup); });
 }
 
 // The records that tiles visit, by subject. Without random effects there is one list for all.
@@ -52,7 +45,7 @@ void list_records(NX& n)
     n.record_first.push_back(static_cast<std::int32_t>(n.record_rows.size()));
   };
   if (n.nreff() == 0) return add(0, n.store->nobs);
-  for (const auto& s : n.reff[0].SubInfo) add(s.first_row, s.badsub ? 0 : s.SubCount);
+  for (const auto& s : n.leaf().SubInfo) add(s.first_row, s.badsub ? 0 : s.SubCount);
 }
 
 int records_of(const NX& n, int subject)
@@ -96,7 +89,7 @@ void deal_batches(NX& n)
   n.batches.clear();
   for (std::vector<std::int32_t>* v : {&n.batch_subjects, &n.batch_records, &n.batch_levels}) v->clear();
   if (n.nreff() == 0) return;
-  const REFFECT& reff = n.reff[0];
+  const REFFECT& reff = n.leaf();
   if (reff.SubInfo.empty()) return;
   const long contexts = n.workers != nullptr ? n.workers->contexts() : 1;
   const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
@@ -117,56 +110,18 @@ void deal_batches(NX& n)
   close_batch(n, batch, static_cast<int>(n.batch_subjects.size()));
 }
 
-void size_block(const REFFECT& reff, BlockWork& block)
-{
-  const long nr = reff.nr, nrs = reff.nrs, bordered = (nr + 1) * (nr + 2) / 2;
-  size(block.gi, nrs);
-  size(block.gic, nrs);
-  size(block.singGr, nr);
-  size(block.hessumat, bordered);
-  size(block.hessumat0, bordered);
-  size(block.dfr, nr + 1);
-  size(block.work1, std::max(nrs, nr + 1));
-  size(block.work2, 5 * nr);
-  size(block.work3, nrs + 3 * nr);
-}
-
-void size_batch(const NX& n, const REFFECT& reff, BatchWork& b)
+void size_slots_of_batches(const NX& n, BatchWork& b)
 {
   int slots = 1;
   for (const Batch& batch : n.batches) slots = std::max(slots, batch.last - batch.first);
-  const long nr = reff.nr, nrs = reff.nrs, np = n.nparm;
-  const bool derivatives = n.programs.curvature != nullptr || n.programs.gradient != nullptr;
-  const long priors = n.programs.setup_varies ? slots : 1;
-  const long arguments = reff.nd + (derivatives ? reff.nd * np : 0);
-  b.mode_stride = (slots + 7) / 8 * 8;
-  b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
-  for (std::vector<int>* v : {&b.subject, &b.column, &b.failure, &b.active}) size(*v, slots);
+  for (std::vector<int>* v : {&b.subject, &b.nest, &b.column, &b.failure, &b.active}) size(*v, slots);
   size(b.failure_row, slots);
-  size(b.search, slots);
-  size(b.mean, priors * nr);
-  size(b.factor, priors * nrs);
-  size(b.arguments, priors * arguments);
-  size(b.outputs, arguments);
-  for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
-  for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
-  if (n.programs.mode != nullptr) size(b.mode_sums, (1 + nr + nrs) * b.mode_stride);
-  if (n.programs.curvature != nullptr) size(b.curvature_sums, (nr * np + (np + nr) * nrs) * b.mode_stride);
-  size(b.point_sums, (n.programs.gradient != nullptr ? 1 + np + nr : 1) * b.pair_stride);
-  size(b.ran, nr * b.pair_stride);
-  size(b.prior, b.pair_stride);
-  size(b.peak, slots);
-  size(b.total, slots);
-  size(b.point_moments, slots * (nr + nrs));
-  size(b.slope_moments, slots * (nr + nr * nr));
-  size(b.direct, slots * np);
-  size(b.scratch, point_scratch(n, reff));
   b.prior_loaded = false;
 }
 
 void size_slots(NX& n)
 {
-  const long slots = n.nreff() > 0 ? static_cast<long>(n.reff[0].SubInfo.size()) : observation_blocks(n);
+  const long slots = n.nreff() > 0 ? static_cast<long>(n.outer().SubInfo.size()) : observation_blocks(n);
   n.grad_stride = (n.nparm + 7) / 8 * 8;
   size(n.slot_value, slots);
   size(n.slot_grad, slots * n.grad_stride);
@@ -177,8 +132,8 @@ void size_slots(NX& n)
 void size_modes(NX& n)
 {
   if (n.nreff() == 0) return;
-  const std::size_t subjects = n.reff[0].SubInfo.size();
-  if (n.ebes_known.size() == subjects && n.ebes.size() == subjects * static_cast<std::size_t>(n.reff[0].nr)) return;
+  const std::size_t subjects = n.leaf().SubInfo.size();
+  if (n.ebes_known.size() == subjects && n.ebes.size() == subjects * static_cast<std::size_t>(n.leaf().nr)) return;
   forget_modes(n);
 }
 
@@ -199,8 +154,8 @@ void size_contexts(NX& n)
     size(ctx.tile.point, engine::max_lanes);
     size(ctx.work, n.nparm);
     if (n.nreff() == 0) continue;
-    size_block(n.reff[0], ctx.block);
-    size_batch(n, n.reff[0], ctx.batch);
+    size_slots_of_batches(n, ctx.batch);
+    integrator_of(n).size_batch(n, ctx);
   }
   size_slots(n);
   size_modes(n);
@@ -211,8 +166,8 @@ void forget_modes(NX& n)
 {
   n.ebtrial_point.clear();
   if (n.nreff() == 0) return;
-  const long subjects = static_cast<long>(n.reff[0].SubInfo.size());
-  for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, subjects * n.reff[0].nr);
+  const long subjects = static_cast<long>(n.leaf().SubInfo.size());
+  for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, subjects * n.leaf().nr);
   for (std::vector<char>* v : {&n.ebes_known, &n.ebtrial_known}) size(*v, subjects);
 }
 

@@ -1,19 +1,35 @@
 #pragma once
 // The parts of one evaluation, each on one context. They write the context and the slots of their own subjects only.
 
+#include "integration/integrator.h"
 #include "model/run_record.h"
+
+#include <vector>
 
 namespace torvale::integration {
 
 inline constexpr double log2pi = 1.8378770664093456;
 inline constexpr double root_two = 1.4142135623730951;
 
-// take_batch: makes a batch the one in hand of a context: its slots, its rows.
-void take_batch(const model::NX& n, model::TVLThreadCtx& ctx, const model::Batch& batch);
+// The integrators.
+const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
 
-// tvlgaus: value, gradient (with dograd), trial modes and status of the subjects of one batch, by quadrature (gaus Gauss).
-// Returns 0 or the engine's code above 2.
-int tvlgaus(model::NX& n, model::TVLThreadCtx& ctx, const model::Batch& batch);
+// The message of a nest whose integral is zero: 354, or 355 when its subject is a text.
+inline int zero_integral(const model::NX& n)
+{
+  return n.outer().sub_character ? 355 : 354;
+}
+
+// Work arrays are sized with this.
+template <class T> void size(std::vector<T>& v, long count)
+{
+  v.assign(static_cast<std::size_t>(count), T{});
+}
+
+// size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
+void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
+// size_point_sums: the sums over the points of a batch.
+void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
@@ -24,7 +40,6 @@ int sum_observations(model::NX& n, model::TVLThreadCtx& ctx, long block);
 // points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are taken
 // in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
 int sum_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
-long point_scratch(const model::NX& n, const model::REFFECT& reff);
 
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);

@@ -27,7 +27,7 @@ bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last, ho
     frame.set_range(row, 1);
     std::vector<engine::Fault> faults;
     int nerror = 0, nmissgen = 0;
-    frame.run_checked(*n.programs.value, row, 0, faults, nerror, nmissgen);
+    frame.run_checked(*n.programs.value.code, row, 0, faults, nerror, nmissgen);
     if (faults.empty()) continue;
     host::MessagePlace place = evaluation::place_of(n, faults.front().row);
     arguments.emplace_back("observation", evaluation::observation_number(n, faults.front().row));
@@ -53,7 +53,7 @@ void report_failure(const NX& n)
   const auto slot = static_cast<std::size_t>(first - n.slot_status.begin());
   const std::int64_t row = n.slot_row[slot];
   if (n.nreff() > 0) {
-    const model::SUBINFO& subject = n.reff[0].SubInfo[slot];
+    const model::SUBINFO& subject = n.outer().SubInfo[slot];
     if (report_program_fault(n, subject.first_row, subject.first_row + subject.SubCount, arguments)) return;
     arguments.emplace_back("subject", subject.prnc);
   } else if (row >= 0) {

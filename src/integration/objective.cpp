@@ -40,7 +40,7 @@ public:
     if (context == 0 && looked_at_)
       n_.host->progress({.stage = "evaluation", .share = static_cast<double>(item) / static_cast<double>(items_)});
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
-    const int rc = by_subject_ ? tvlgaus(n_, ctx, n_.batches[static_cast<std::size_t>(item)]) : sum_observations(n_, ctx, item);
+    const int rc = by_subject_ ? evaluate_batch(n_, ctx, n_.batches[static_cast<std::size_t>(item)]) : sum_observations(n_, ctx, item);
     if (rc > 2) ended_.store(true, std::memory_order_relaxed);
     if (rc > 2 || failed(item)) note_failure(item);
   }
@@ -53,7 +53,7 @@ private:
   bool in_order() const
   {
     if (by_subject_) return false;
-    return engine::sequential(*(n_.dograd ? n_.programs.gradient : n_.programs.value));
+    return engine::sequential(*(n_.dograd ? n_.programs.gradient : n_.programs.value).code);
   }
 
   bool failed(long item) const
@@ -105,7 +105,7 @@ void sum_slots(NX& n)
     for (std::size_t slot = 0; slot < n.slot_value.size(); ++slot) add(slot, 1.0);
     return;
   }
-  for (const auto& s : n.reff[0].SubInfo)
+  for (const auto& s : n.outer().SubInfo)
     if (!s.badsub) add(static_cast<std::size_t>(s.index), s.weight);
 }
 
@@ -149,7 +149,7 @@ void accept_modes(NX& n)
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
   for (std::size_t s = 0; s < n.ebtrial_known.size(); ++s) {
     if (n.ebtrial_known[s] == 0) continue;
-    const std::size_t nr = static_cast<std::size_t>(n.reff[0].nr);
+    const std::size_t nr = static_cast<std::size_t>(n.leaf().nr);
     std::copy_n(n.ebtrial.begin() + static_cast<long>(s * nr), nr, n.ebes.begin() + static_cast<long>(s * nr));
     n.ebes_known[s] = 1;
   }

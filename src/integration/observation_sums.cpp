@@ -53,7 +53,7 @@ long observation_blocks(const NX& n)
 int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
 {
   const bool gradient = n.dograd;
-  const engine::Program& program = gradient ? *n.programs.gradient : *n.programs.value;
+  const engine::Program& program = gradient ? *n.programs.gradient.code : *n.programs.value.code;
   const bool keeps = engine::sequential(program);
   const int step = keeps ? 1 : engine::max_lanes;
   const long first = block * block_records;
@@ -89,10 +89,10 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none) continue;
     value.add(at - first, ll, lanes.weight, lanes.count);
     if (!gradient) continue;
-    for (std::size_t k = 1; k < n.programs.gradient_list.size(); ++k) {
+    for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
       InterleavedSum sum;
       sum.add(at - first, ctx.frame->output(static_cast<int>(k)), lanes.weight, lanes.count);
-      grad[n.programs.gradient_list[k] - 1] -= sum.close();
+      grad[n.programs.gradient.outputs[k] - n.programs.by_parameter(0)] -= sum.close();
     }
   }
   n.slot_value[slot] = -value.close();

@@ -2,6 +2,8 @@
 
 #include "integration/objective.h"
 
+#include "evaluation/likelihood_programs.h"
+
 #include <algorithm>
 
 namespace torvale::integration {
@@ -64,6 +66,7 @@ int nlpgrad(MINSTR* str)
   }
   if (n.host != nullptr) n.host->log().xpmlog(503, 360);
   n.raise(4);
+  if (!evaluation::can_evaluate(n).gradient) return 1;
   n.dograd = true;
   const double crit = str->crit;
   const int rc = evaluate(str, n);

@@ -83,7 +83,7 @@ template <int NR> struct PointMap {
 template <int NR> class PointLoop {
 public:
   PointLoop(const NX& n, TVLThreadCtx& ctx, bool gradient)
-      : n_(n), ctx_(ctx), b_(ctx.batch), reff_(n.reff[0]), gradient_(gradient), nr_(n.reff[0].nr), np_(n.nparm)
+      : n_(n), ctx_(ctx), b_(ctx.batch), reff_(n.leaf()), gradient_(gradient), nr_(n.leaf().nr), np_(n.nparm)
   {
   }
 
@@ -153,12 +153,10 @@ private:
   // Runs the program at the pairs, and adds each slot's chunk of points to what it has.
   int add_chunks()
   {
-    const engine::Program& program = gradient_ ? *n_.programs.gradient : *n_.programs.value;
-    static constexpr int value_only[] = {0};
-    const std::span<const int> places = gradient_ ? std::span<const int>(n_.programs.gradient_list) : value_only;
+    const model::ModelProgram& program = gradient_ ? n_.programs.gradient : n_.programs.value;
     const int all = pairs_.count * pairs_.points;
     ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
-    const int rc = evaluation::tvllogl(n_, ctx_, pairs_, {&program, places, b_.point_sums.data(), b_.pair_stride});
+    const int rc = evaluation::tvllogl(n_, ctx_, pairs_, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
     make_weights(all);
     weigh_chunks();
@@ -235,7 +233,7 @@ private:
     double* slope = b_.slope_moments.data();
     double* slope_by_point = slope + nr();
     for (int k = 0; k < nr(); ++k) {
-      const double* const d = b_.point_sums.data() + (1 + np_ + k) * b_.pair_stride;
+      const double* const d = b_.point_sums.data() + n_.programs.by_effect(k) * b_.pair_stride;
       for (int j = 0; j < all; ++j) product[j] = e[j] * d[j];
       sum(product);
       add_sums(slope++, slopes);
@@ -246,10 +244,10 @@ private:
     }
     for (int i = 0; i < pairs_.count; ++i)
       if (fresh_[i]) std::fill_n(b_.direct.data() + static_cast<long>(pairs_.slots[i]) * np_, np_, 0.0);
-    for (const int k : n_.programs.gradient_list) {
-      if (k == 0 || k > np_) continue;
+    for (const int k : n_.programs.gradient.outputs) {
+      if (!n_.programs.parameter_place(k)) continue;
       sum_by_pair(e, b_.point_sums.data() + k * b_.pair_stride);
-      add_sums(b_.direct.data() + k - 1, np_);
+      add_sums(b_.direct.data() + k - n_.programs.by_parameter(0), np_);
     }
   }
 
@@ -260,7 +258,7 @@ private:
     bool dropped = false;
     for (int j = 0; j < all; ++j) dropped |= !(e[j] > 0.0);
     if (!dropped) return;
-    for (const int k : n_.programs.gradient_list) {
+    for (const int k : n_.programs.gradient.outputs) {
       double* const d = b_.point_sums.data() + k * b_.pair_stride;
       for (int j = 0; j < all; ++j)
         if (!(e[j] > 0.0)) d[j] = 0.0;
@@ -338,7 +336,7 @@ private:
 
 int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
 {
-  switch (n.reff[0].nr) {
+  switch (n.leaf().nr) {
     case 1: return PointLoop<1>(n, ctx, gradient).run();
     case 2: return PointLoop<2>(n, ctx, gradient).run();
     case 3: return PointLoop<3>(n, ctx, gradient).run();
@@ -346,9 +344,18 @@ int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
   }
 }
 
-long point_scratch(const NX&, const REFFECT&)
+void size_point_sums(const NX& n, TVLThreadCtx& ctx)
 {
-  return evaluation::most_pairs;
+  BatchWork& b = ctx.batch;
+  const long slots = static_cast<long>(b.subject.size()), nr = n.leaf().nr, nrs = n.leaf().nrs;
+  size(b.point_sums, std::max(n.programs.gradient.places, n.programs.value.places) * b.pair_stride);
+  size(b.prior, b.pair_stride);
+  size(b.peak, slots);
+  size(b.total, slots);
+  size(b.point_moments, slots * (nr + nrs));
+  size(b.slope_moments, slots * (nr + nr * nr));
+  size(b.direct, slots * n.nparm);
+  size(b.scratch, evaluation::most_pairs);
 }
 
 int sum_curvature(const NX& n, TVLThreadCtx& ctx)
@@ -365,7 +372,7 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {n.programs.curvature, n.programs.curvature_list, b.curvature_sums.data(), b.mode_stride});
+                             {n.programs.curvature.code, n.programs.curvature.outputs, b.curvature_sums.data(), b.mode_stride});
 }
 
 } // namespace torvale::integration

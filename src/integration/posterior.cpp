@@ -33,7 +33,7 @@ void packed_product(const double* a, const double* x, int n, double* out)
 class PosteriorLoop {
 public:
   PosteriorLoop(NX& n, Posterior& out)
-      : n_(n), reff_(n.reff[0]), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
+      : n_(n), reff_(n.leaf()), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
   {
     const std::size_t subjects = reff_.SubInfo.size();
     out.nr = nr_;
@@ -84,7 +84,7 @@ private:
     ctx.frame->set_points(b.ran.data(), good, static_cast<int>(b.pair_stride));
     std::fill(w.cross.begin(), w.cross.end(), 0.0);
     const int rc = evaluation::tvllogl(n_, ctx, {b.active.data(), good, 1},
-                                       {n_.programs.cross, n_.programs.cross_list, w.cross.data(), b.mode_stride});
+                                       {n_.programs.cross.code, n_.programs.cross.outputs, w.cross.data(), b.mode_stride});
     if (rc > 2) return rc;
     for (int a = 0; a < good; ++a) keep(b, w, b.active[static_cast<std::size_t>(a)], a);
     return 0;
@@ -101,7 +101,7 @@ private:
     const double* const slope = b.slope.data() + static_cast<long>(slot) * nr_;
     const double* const curve = b.curve.data() + static_cast<long>(slot) * nrs_;
     const double* const argument =
-        b.arguments.data() + modes::prior_of(n_, slot) * (reff_.nd + static_cast<long>(reff_.nd) * np_) + reff_.nd;
+        b.arguments.data() + modes::prior_of(n_, slot) * reff_.setup.places + reff_.argument_derivative(0, 0, np_);
     double* const step = w.effects.data();
     double* const row = step + nr_;
     double* const pull = row + nr_;

@@ -45,7 +45,7 @@ public:
   static constexpr int triangle = capacity * (capacity + 1) / 2;
 
   SubjectGradient(const NX& n, const TVLThreadCtx& ctx, int slot)
-      : n_(n), b_(ctx.batch), nr_(n.reff[0].nr), np_(n.nparm), slot_(slot), prior_(modes::prior_of(n, slot)),
+      : n_(n), b_(ctx.batch), nr_(n.leaf().nr), np_(n.nparm), slot_(slot), prior_(modes::prior_of(n, slot)),
         s_(n.qscale * root_two)
   {
     l_ = b_.factor.data() + prior_ * nrs();
@@ -101,7 +101,7 @@ private:
     }
     const long stride = b_.mode_stride;
     const double* const cross = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot_)];
-    const double* const third = cross + nr() * np_ * stride;
+    const double* const third = cross + n_.programs.third_place(0, 0) * stride;
     double tau[capacity] = {};
     double zu[triangle] = {}; // Zu, elements off the diagonal doubled for the inner products
     if (n_.adscale) {
@@ -205,9 +205,8 @@ private:
   // Means and elements of G by the parameters.
   void through_arguments(double* gradient) const
   {
-    const REFFECT& reff = n_.reff[0];
-    const long arguments = reff.nd + static_cast<long>(reff.nd) * np_;
-    const double* row = b_.arguments.data() + prior_ * arguments + reff.nd;
+    const REFFECT& reff = n_.leaf();
+    const double* row = b_.arguments.data() + prior_ * reff.setup.places + reff.argument_derivative(0, 0, np_);
     for (int a = 0; a < reff.nd; ++a, row += np_) {
       const double bar = a < nr() ? mean_bar_[a] : factor_bar_[a - nr()];
       for (int j = 0; j < np_; ++j) gradient[j] -= bar * row[j];
@@ -231,7 +230,7 @@ private:
 
 void subject_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient)
 {
-  switch (n.reff[0].nr) {
+  switch (n.leaf().nr) {
     case 1: return SubjectGradient<1>(n, ctx, slot).compute(gradient);
     case 2: return SubjectGradient<2>(n, ctx, slot).compute(gradient);
     case 3: return SubjectGradient<3>(n, ctx, slot).compute(gradient);

@@ -32,12 +32,25 @@ struct ModeSearch {
   double logdet = 0.0;     // log determinant of the Hessian at the mode
 };
 
+// Priors: means, G's factor and distribution arguments of the subjects of one level in hand: one entry for all when the
+// arguments do not vary, else one per subject.
+struct Priors {
+  std::vector<double> mean;           // nr each
+  std::vector<double> factor;         // L, nrs each
+  std::vector<double> arguments;      // values and derivatives of the distribution arguments, as the level's setup yields them
+  bool prior_loaded = false;          // the one prior belongs to the present parameters
+  int prior_failure = 0;              // its failure
+  std::vector<const double*> outputs; // outputs of a setup run; null: zero
+};
+
 // BatchWork: arrays of one worker, for at most `slots` subjects of a batch ordered by falling record count (a "slot" is
 // a subject's place in that order) and `pairs` (subject, point) pairs. nr random effects, nrs = nr (nr + 1) / 2.
 // Random effects are written u = m + L z: m the means, L the lower Cholesky factor of G, z standard normal a priori.
-struct BatchWork {
+// The priors are those of the slots.
+struct BatchWork : Priors {
   int slots = 0;
-  int pairs = 0;
+  int nests = 0;                     // outermost subjects; with one level they are the slots
+  std::vector<int> nest;             // per nest: index into SubInfo of the outermost level
   std::vector<int> subject;          // per slot: index into SubInfo
   std::vector<int> column;           // per slot: its column in curvature_sums
   std::vector<int> failure;          // per slot: message number of its failure, 0 when good
@@ -48,13 +61,6 @@ struct BatchWork {
   int levels = 0;
   const std::int32_t* rows = nullptr; // store rows of these records
   std::vector<ModeSearch> search;    // per slot
-  // Priors: one for all subjects when the distribution arguments do not vary, else one per slot.
-  std::vector<double> mean;          // nr each
-  std::vector<double> factor;        // L, nrs each
-  std::vector<double> arguments;     // values and derivatives of the distribution arguments, as programs.setup yields them
-  bool prior_loaded = false;         // the one prior belongs to the present parameters
-  int prior_failure = 0;             // its failure
-  std::vector<const double*> outputs; // outputs of a setup run; null: zero
   // Modes, per slot.
   std::vector<double> z;             // nr: mode, or trial point of the search
   std::vector<double> zold;          // nr: last accepted point of the search
@@ -76,6 +82,7 @@ struct BatchWork {
   std::vector<double> point_moments; // of the standard points: nr, then nrs
   std::vector<double> slope_moments; // of the derivatives by u: nr; times the points: nr x nr
   std::vector<double> direct;        // np: of the derivatives by parameters
+  double constants = 0.0;            // nr/2 log 2 pi - nr log s: of the prior, and of the scale s of the points
   std::vector<double> scratch;       // one subject's small matrices
 };
 

@@ -20,34 +20,48 @@ inline constexpr double failure_objective = 1.1579208923731792e+77; // an evalua
 inline constexpr double impossible_loglik = -1e20;                  // log likelihoods at or below have failed
 inline constexpr double failed_point = -std::numeric_limits<double>::max(); // log integrand of a failed point
 
-// ModelPrograms: the specialised programs of one model and the places of what they yield. Packed lower triangles by rows.
-// Places that are identically zero are marked 0 in `live` and no output of the program: output j is at place list[j].
+// ModelProgram: one specialised program and where what it yields belongs. A result has a place; a place that is
+// identically zero is no output of the program.
+struct ModelProgram {
+  const engine::Program* code = nullptr; // null: was not built
+  std::vector<int> outputs;              // per output of the program its place, ascending
+  int places = 0;                        // places in all
+
+  explicit operator bool() const { return code != nullptr; }
+};
+
+// ModelPrograms: the specialised programs of the log likelihood, and the layout of what they yield. The effects are those
+// that a record depends on: of its subject at every level, the outermost level first (with one level simply its effects).
 struct ModelPrograms {
-  // nd distribution arguments (nr means, nrs elements of G), then nd x np derivatives by parameters, row = argument.
-  const engine::Program* setup = nullptr;
-  std::vector<char> setup_live;
-  // setup without derivatives
-  const engine::Program* setup_value = nullptr;
-  // _ll
-  const engine::Program* value = nullptr;
-  // _ll, its np derivatives by parameters, its nr derivatives by random effects
-  const engine::Program* gradient = nullptr;
-  std::vector<char> gradient_live;
-  // _ll, nr derivatives, nrs second derivatives by random effects
-  const engine::Program* mode = nullptr;
-  std::vector<char> mode_live;
-  // nr x np cross derivatives (row = random effect, raw: the chain through the means is not in them), then, with
-  // adscale, (np + nr) x nrs third derivatives: row w (parameters, then random effects) of d(second derivatives)/dw.
-  const engine::Program* curvature = nullptr;
-  std::vector<char> curvature_live;
-  // the response, then the arguments of the MODEL distribution; made when single records are first looked at
-  const engine::Program* records = nullptr;
+  int np = 0; // parameters
+  int ne = 0; // effects
+
+  // The value alone: one place.
+  ModelProgram value;
+  static constexpr int ll = 0;
+
+  // Value, derivatives by parameters, derivatives by effects.
+  ModelProgram gradient;
+  int by_parameter(int j) const { return 1 + j; }
+  int by_effect(int k) const { return 1 + np + k; }
+  bool parameter_place(int place) const { return place > 0 && place <= np; }
+
+  // Value, first and second derivatives by effects, the second as a packed lower triangle.
+  ModelProgram mode;
+  int slope(int k) const { return 1 + k; }
+  int curve(int packed) const { return 1 + ne + packed; }
+
+  // ne x np cross derivatives (row = effect, raw: the chain through the means is not in them), then, with adscale, third
+  // derivatives: a packed triangle for each of the parameters and then each of the effects.
+  ModelProgram curvature;
+  int cross_place(int k, int j) const { return k * np + j; }
+  int third_place(int w, int packed) const { return ne * np + w * (ne * (ne + 1) / 2) + packed; }
+
   // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
-  const engine::Program* cross = nullptr;
-  std::vector<char> cross_live;
-  // The live places above, in order.
-  std::vector<int> setup_list, gradient_list, mode_list, curvature_list, cross_list;
-  bool setup_varies = false; // distribution arguments differ between subjects
+  ModelProgram cross;
+
+  // The response, then the arguments of the MODEL distribution; made when single records are first looked at.
+  const engine::Program* records = nullptr;
 };
 
 struct REFFECT {
@@ -73,6 +87,11 @@ struct REFFECT {
   engine::CMPDER hessustr;             // first derivatives of _ll by random effects, by ransym or prsym
   engine::CMPDER triustr;              // hessustr by ransym
   engine::CMPDER gradrstr;             // distribution arguments by parameters
+  // nd distribution arguments (nr means, nrs elements of G), then nd x np derivatives by parameters, row = argument.
+  ModelProgram setup;                  // the same as setup_value where no derivatives are wanted
+  ModelProgram setup_value;            // the arguments alone
+  bool setup_varies = false;           // they differ between subjects
+  int argument_derivative(int a, int j, int np) const { return nd + a * np + j; }
 
   // --- what a BY group decides -------------------------------------------------------------------------------------
   std::vector<SUBINFO> SubInfo;        // subjects in order of first appearance, unusable ones (badsub) included

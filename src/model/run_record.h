@@ -142,10 +142,17 @@ struct ModelLists {
   bool noprod = false;                        // the grid is a list of rows, not a product
   std::vector<REFFECT> reff;                  // RANDOM statements, deepest level first
   int nreff() const { return static_cast<int>(reff.size()); }
+  // With random effects only; the same with one level.
+  // outer: the level whose subjects are dealt to workers: unit of batches, slots, replicates, degrees of freedom, failures.
+  // leaf: the deepest level: unit of sums over records and of quadrature points.
+  const REFFECT& outer() const { return reff.back(); }
+  REFFECT& outer() { return reff.back(); }
+  const REFFECT& leaf() const { return reff.front(); }
+  REFFECT& leaf() { return reff.front(); }
   int nlag = 0;                               // lag depth of the program
   engine::CMPLIST prsym;                      // parameters
   engine::CMPDER gradstr;                     // _ll by parameters, without random effects
-  ModelPrograms programs;                     // of the single block, or without random effects
+  ModelPrograms programs;                     // of the log likelihood
   // Data pass: _ll, the gradient cells that the method uses, distribution arguments, their derivatives, dependent, replicate.
   const engine::Program* pass_program = nullptr;
   std::vector<char> pass_kind;                // per output of pass_program: a BadCause to report when missing

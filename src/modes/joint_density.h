@@ -71,7 +71,7 @@ private:
 // Puts u = m + L z of a slot into point `a` of the frame's points.
 template <int NR> void place_point(const model::NX& n, model::BatchWork& b, int slot, int a)
 {
-  const int nr = NR > 0 ? NR : n.reff[0].nr;
+  const int nr = NR > 0 ? NR : n.leaf().nr;
   const long p = prior_of(n, slot);
   const double* const m = b.mean.data() + p * nr;
   const double* l = b.factor.data() + p * (nr * (nr + 1) / 2);
@@ -92,7 +92,7 @@ template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int a
   for (int a = 0; a < active; ++a) place_point<NR>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {n.programs.mode, n.programs.mode_list, b.mode_sums.data(), b.mode_stride});
+                             {n.programs.mode.code, n.programs.mode.outputs, b.mode_sums.data(), b.mode_stride});
 }
 
 // Keeps what the integration needs of column a, which stands at the mode of the slot.

@@ -25,7 +25,7 @@ int function(MINSTR* str)
   ++str->nfct;
   const Subject& s = *static_cast<Subject*>(str->comstr);
   BatchWork& b = s.ctx->batch;
-  const int nr = s.n->reff[0].nr;
+  const int nr = s.n->leaf().nr;
   std::copy_n(str->x, nr, b.z.data() + static_cast<long>(s.slot) * nr);
   b.active[0] = s.slot;
   if (EBFunc<0>(*s.n, *s.ctx, 1) != 0) return 1;
@@ -52,10 +52,10 @@ int EBHess(MINSTR* str)
 // The inner optimizer of this context: made once, used for every subject.
 MINSTR* inner_optimizer(const NX& n, TVLThreadCtx& ctx)
 {
-  if (ctx.streb != nullptr && ctx.streb->nvar == n.reff[0].nr) return ctx.streb.get();
+  if (ctx.streb != nullptr && ctx.streb->nvar == n.leaf().nr) return ctx.streb.get();
   auto str = std::make_unique<MINSTR>();
   optimizer::tvlopti(str.get());
-  str->nvar = n.reff[0].nr;
+  str->nvar = n.leaf().nr;
   str->tech = optimizer::NRRIDG;
   str->hesc = 2;
   str->nfuv = 1;
@@ -77,7 +77,7 @@ bool library_search(const NX& n, TVLThreadCtx& ctx, int slot)
   if (str == nullptr) return false;
   Subject subject{&n, &ctx, slot};
   BatchWork& b = ctx.batch;
-  const int nr = n.reff[0].nr;
+  const int nr = n.leaf().nr;
   double* const z = b.z.data() + static_cast<long>(slot) * nr;
   str->comstr = &subject;
   str->nfct = str->ngrd = str->nhes = 0;

@@ -27,7 +27,7 @@ constexpr double largest = std::numeric_limits<double>::max();
 template <int NR> class LockstepSearch {
 public:
   LockstepSearch(const NX& n, TVLThreadCtx& ctx)
-      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.reff[0].nr), nrs_(nr_ * (nr_ + 1) / 2)
+      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2)
   {
   }
 
@@ -111,7 +111,7 @@ private:
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.reff[0].sub_character ? 359 : 358;
+    s.failure = n_.leaf().sub_character ? 359 : 358;
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in column a of the mode sums.
@@ -202,7 +202,7 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx)
 
 int tvlebes(const NX& n, TVLThreadCtx& ctx)
 {
-  switch (n.reff[0].nr) {
+  switch (n.leaf().nr) {
     case 1: return search_batch<1>(n, ctx);
     case 2: return search_batch<2>(n, ctx);
     case 3: return search_batch<3>(n, ctx);

@@ -23,7 +23,7 @@ bool library_search(const model::NX& n, model::TVLThreadCtx& ctx, int slot);
 // Index of a slot's prior in ctx.batch.
 inline int prior_of(const model::NX& n, int slot)
 {
-  return n.programs.setup_varies ? slot : 0;
+  return n.leaf().setup_varies ? slot : 0;
 }
 
 } // namespace torvale::modes

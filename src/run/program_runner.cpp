@@ -1,5 +1,6 @@
 #include "run/program_runner.h"
 
+#include "compartment/compartment_statement.h"
 #include "host/run_output.h"
 #include "host/sha256.h"
 #include "language/parser.h"
@@ -19,6 +20,16 @@ using syntax::PROCSTR;
 using syntax::STMT;
 
 namespace {
+
+// Whether PUT statements of the program so far go to the log.
+bool writes_log(const syntax::Program& program)
+{
+  return std::any_of(program.statements.begin(), program.statements.end(), [](const syntax::Statement* s) {
+    if (s->kind != syntax::StatementKind::file) return false;
+    const auto& file = *static_cast<const syntax::FileStatement*>(s);
+    return !file.is_name && syntax::same_name(file.target, "LOG");
+  });
+}
 
 // One program: the parser with its callbacks, and what they find out about the step being read.
 class ProgramRunner {
@@ -66,7 +77,9 @@ private:
     r.arena = &arena_;
     r.program = program_;
     r.tvlsem = [this](const language::SEMARG& action, PROCSTR& proc, language::TokenStream& stream) {
-      return action.action == 78 ? generate_model(proc, stream) : 0;
+      return action.action == 77   ? generate_compartments(proc, stream)
+             : action.action == 78 ? generate_model(proc, stream)
+                                   : 0;
     };
     r.on_procedure_statement = [this](const STMT& procedure) { return open_input(procedure); };
     r.read_file = [this](const std::string& path, const std::string&) -> std::optional<std::string> {
@@ -116,6 +129,27 @@ private:
     return variables;
   }
 
+  static int push_lines(language::TokenStream& stream, const std::vector<std::string>& lines)
+  {
+    if (language::xtanch(stream) != 0 || language::xttpshx(stream) != 0) return 1;
+    for (const std::string& line : lines)
+      if (language::xttpshb(stream, line) != 0) return 1;
+    return 0;
+  }
+
+  // Action 77: the statements of a compartment model.
+  int generate_compartments(PROCSTR& proc, language::TokenStream& stream)
+  {
+    host::MessagePlace place;
+    place.statement = "CMPTMODEL";
+    place.line = sources_.user_position(proc.current->where).line;
+    std::vector<compartment::Variable> variables;
+    if (data_)
+      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
+    const auto lines = compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
+    return lines.empty() ? 1 : push_lines(stream, lines);
+  }
+
   // Action 78: the statements of the MODEL distribution go in front of what is left of the program.
   int generate_model(PROCSTR& proc, language::TokenStream& stream)
   {
@@ -141,10 +175,7 @@ private:
     text.dependent = model.slot(1).list[0].text;
     for (const auto& argument : arguments) text.arguments.push_back(syntax::to_text(*argument.expr));
 
-    if (language::xtanch(stream) != 0 || language::xttpshx(stream) != 0) return 1;
-    for (const std::string& line : tvlmodl(text))
-      if (language::xttpshb(stream, line) != 0) return 1;
-    return 0;
+    return push_lines(stream, tvlmodl(text));
   }
 
   void report(const std::vector<language::Diagnostic>& diagnostics)

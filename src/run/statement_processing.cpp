@@ -98,10 +98,8 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "MCMC" || stmt.name == "CMPTMODEL")
-      refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
-    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10)))
-      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "MCMC") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
+    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10))) refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
   if (procedure.given(89)) refuse("OUTQ=", "TORVALE", procedure.slot(89).where);
@@ -161,11 +159,11 @@ void random_statements(NX& n, const STMT& procedure)
     tvlexit(n, 3000);
   }
   n.reff.resize(1);
-  readrandom(n, *statements[0], n.reff[0]);
+  readrandom(n, *statements[0], n.leaf());
   STMT* prediction = nullptr;
-  n.wants_effects = n.reff[0].outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
-  n.reff[0].prsym.s = n.prsym.s;
-  for (auto* symbol : n.reff[0].ransym.s) n.reff[0].prsym.s.push_back(symbol);
+  n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
+  n.leaf().prsym.s = n.prsym.s;
+  for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
     log.xpmlog(503, 143, {}, place_at(n, "TORVALE", procedure.where));
     tvlexit(n, 3000);

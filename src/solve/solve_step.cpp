@@ -1,5 +1,6 @@
 #include "solve/solve_step.h"
 
+#include "evaluation/likelihood_programs.h"
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
@@ -92,10 +93,10 @@ void robust_covariance(NX& n)
 {
   const int np = n.nparm;
   n.converged = true;
-  n.dograd = true;
+  n.dograd = evaluation::can_evaluate(n).gradient;
   n.parmlast.clear();
   n.havemeat = false;
-  integration::tvllike(n);
+  if (n.dograd) integration::tvllike(n);
   if (n.covmat.empty() || integration::form_meat(n) != 0) {
     n.host->log().xpmlog(503, 142);
     n.raise(4);
@@ -115,7 +116,7 @@ void degrees_of_freedom(NX& n)
   if (n.dfespec)
     n.dfe = n.dfe_option;
   else
-    n.dfe = n.nreff() > 0 ? n.reff[0].nrepsub - n.reff[0].nr : static_cast<double>(n.store->nobsu);
+    n.dfe = n.nreff() > 0 ? n.outer().nrepsub - n.outer().nr : static_cast<double>(n.store->nobsu);
 }
 
 // A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that
@@ -144,8 +145,8 @@ int failure_code(const MINSTR& str, int code)
 // from the integral, and its standard error means nothing.
 void warn_vanished_variance(NX& n)
 {
-  if (n.nreff() != 1 || n.reff[0].distrtype != 0) return;
-  const auto& reff = n.reff[0];
+  if (n.nreff() != 1 || n.leaf().distrtype != 0) return;
+  const auto& reff = n.leaf();
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.str->x);
   const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
@@ -155,8 +156,8 @@ void warn_vanished_variance(NX& n)
     frame.set_range(subject.fvalidobs, 1);
     const auto row = static_cast<std::int32_t>(subject.fvalidobs);
     const std::int32_t lane = 0;
-    if (engine::sequential(*n.programs.setup_value)) frame.reset_state(*n.programs.setup_value, 1);
-    if (frame.run(*n.programs.setup_value, {1, &row, &lane, &lane}) > 2) return;
+    if (engine::sequential(*reff.setup_value.code)) frame.reset_state(*reff.setup_value.code, 1);
+    if (frame.run(*reff.setup_value.code, {1, &row, &lane, &lane}) > 2) return;
     for (int i = 0; i < reff.nr; ++i) {
       const double variance = frame.output(reff.nr + i * (i + 3) / 2)[0];
       if (variance > n.singvar) continue;

@@ -21,7 +21,7 @@ void write_dimensions(const model::NX& n)
     else
       table.row({host::xpmstr(503, 90, {{"subject", it->subname}}), it->nrepsub});
   }
-  if (n.nreff() > 0 && n.nreff() == 1) row(9301, static_cast<double>(n.reff[0].ntmax));
+  if (n.nreff() > 0 && n.nreff() == 1) row(9301, static_cast<double>(n.leaf().ntmax));
   row(100, static_cast<double>(n.nparm));
   if (n.nreff() > 0 && (n.method == 0 || n.method == 3)) row(89, static_cast<double>(n.nqp));
   n.host->tables().wobmth(std::move(table));

@@ -81,7 +81,7 @@ public:
     for (double& v : held_[static_cast<std::size_t>(reg)].value) v = value;
   }
 
-  void apply(Kernel k, int out, std::initializer_list<int> in)
+  void apply(Kernel k, int out, const std::vector<int>& in)
   {
     Step s;
     s.kernel = k;
@@ -170,29 +170,14 @@ TEST_P(MachineCode, EveryKernelGivesTheBitsOfItsLoop)
   for (std::size_t at = 0; at < kernel_count; ++at) {
     const auto k = static_cast<Kernel>(at);
     for (int round = 0; round < 4; ++round) {
-      StageUnderTest stage(*table_, 8);
+      StageUnderTest stage(*table_, kernel_operands_max + 1);
       std::vector<int> in;
       for (int j = 0; j < kernel_info(k).operands; ++j) {
         stage.load(j, is_mask(k, j) ? masks(random) : numbers(random), Input::From::column);
         in.push_back(j);
       }
-      switch (in.size()) {
-      case 1:
-        stage.apply(k, 7, {0});
-        break;
-      case 2:
-        stage.apply(k, 7, {0, 1});
-        break;
-      case 3:
-        stage.apply(k, 7, {0, 1, 2});
-        break;
-      case 4:
-        stage.apply(k, 7, {0, 1, 2, 3});
-        break;
-      default:
-        stage.apply(k, 7, {0, 1, 2, 3, 4, 5});
-      }
-      stage.output(7);
+      stage.apply(k, kernel_operands_max, in);
+      stage.output(kernel_operands_max);
       stage.output(0);
       EXPECT_EQ(stage.difference({}), "") << kernel_info(k).name << ", " << table_->isa;
     }

@@ -56,7 +56,7 @@ TEST(KeptValues, LagOfAComputedValueEqualsLaggedColumns)
 {
   for (const Rule& rule : {Rule{true, true, 5}, Rule{false, false, 5}, Rule{true, true, 3, 0, 0, 3}}) {
     const auto columns = make_run(autoregression(true, 30), rule), kept = make_run(autoregression(false, 30), rule);
-    ASSERT_TRUE(engine::sequential(*kept->programs.gradient));
+    ASSERT_TRUE(engine::sequential(*kept->programs.gradient.code));
     const std::vector<double> theta = {0.2, 0.3, 0.5, 0.4, 0.35};
     for (const bool marked : {false, true}) {
       if (marked)

@@ -94,6 +94,15 @@ TEST(Tables, JsonKeepsEveryDigit)
   EXPECT_TRUE(seen);
 }
 
+// Without gradients by subject there is no sandwich: the message says so, and the model-based covariance stands.
+TEST(Tables, RobustCovarianceNeedsGradientsBySubject)
+{
+  const auto plain = run_text(example("cbpp", "QPOINTS=3 FD"));
+  const auto robust = run_text(example("cbpp", "QPOINTS=3 FD EMPIRICAL"));
+  EXPECT_TRUE(robust.said(503, 142)) << robust.log;
+  EXPECT_EQ(robust.column("ParameterEstimates", "StandardError"), plain.column("ParameterEstimates", "StandardError"));
+}
+
 } // namespace
 
 } // namespace torvale::tests

@@ -86,6 +86,41 @@ NodeId log_one_minus_exp_rule(Graph& g, NodeId n, int)
   return g.negate(g.reciprocal(g.call(Kernel::expm1, g.negate(in(g, n, 0)))));
 }
 
+// d/da of the integral of u**b exp(-a u): less the integral with u**(b+1).
+NodeId exp_mean_rule(Graph& g, NodeId n, int k)
+{
+  if (k > 0) return g.zero(); // the exponential is a function of the first operand
+  return g.negate(g.call(Kernel::exp_mean, in(g, n, 0), g.shift(in(g, n, 1), 1.0), in(g, n, 2)));
+}
+// Of x**3 - a x**2 + b x - c = 0: x' = (x**2 a' - x b' + c') / (3 x**2 - 2 a x + b).
+NodeId cubic_root_rule(Graph& g, NodeId n, int k)
+{
+  if (k == 3) return g.zero();
+  const NodeId a = in(g, n, 0), b = in(g, n, 1);
+  const NodeId slope = g.add(g.multiply(g.subtract(g.scale(3.0, n), g.scale(2.0, a)), n), b);
+  return g.divide(k == 0 ? g.square(n) : k == 1 ? g.negate(n) : g.one(), slope);
+}
+// In the transform: by the time a factor s, by ka and the coefficients a factor of the denominator more.
+NodeId compartment_response_rule(Graph& g, NodeId n, int k)
+{
+  if (k == 0 || k > 5) return g.zero(); // the roots are functions of the coefficients
+  CompartmentResponse r = CompartmentResponse::of(g.value(in(g, n, 0)));
+  double factor = 1.0;
+  if (k == 1) {
+    ++r.power;
+  } else if (k == 2) {
+    factor = -r.depot++;
+  } else {
+    factor = -r.system++;
+    r.power += r.n - (k - 2);
+  }
+  if (factor == 0.0 || k - 2 > r.n) return g.zero();
+  if (!r.valid()) return no_node;
+  std::array<NodeId, 9> operands{g.constant(r.number())};
+  for (int j = 1; j < 9; ++j) operands[static_cast<std::size_t>(j)] = in(g, n, j);
+  return g.scale(factor, g.apply(Kernel::compartment_response, operands));
+}
+
 NodeId sin_rule(Graph& g, NodeId n, int) { return g.call(Kernel::cos, in(g, n, 0)); }
 NodeId cos_rule(Graph& g, NodeId n, int) { return g.negate(g.call(Kernel::sin, in(g, n, 0))); }
 NodeId tan_rule(Graph& g, NodeId n, int) { return g.shift(g.square(n), 1.0); }
@@ -396,6 +431,9 @@ PartialRule partial_rule(Kernel k)
 
   case Kernel::exp: return exp_rule;
   case Kernel::expm1: return expm1_rule;
+  case Kernel::exp_mean: return exp_mean_rule;
+  case Kernel::cubic_root: return cubic_root_rule;
+  case Kernel::compartment_response: return compartment_response_rule;
   case Kernel::log: case Kernel::log_or_minus_infinity: return log_rule;
   case Kernel::log1p: return log1p_rule;
   case Kernel::log2: return log2_rule;

@@ -120,6 +120,26 @@ NodeId coalesce_rule(GraphBuilder& g, Nodes x, std::string*)
   return value;
 }
 
+// Functions of linear systems of compartments.
+NodeId exp_mean_rule(GraphBuilder& g, Nodes x, std::string*)
+{
+  return g.call(Kernel::exp_mean, x[0], g.zero(), g.call(Kernel::exp, g.negate(x[0])));
+}
+NodeId cubic_root_rule(GraphBuilder& g, Nodes x, std::string* error)
+{
+  if (g.is_constant(x[3]) && (g.value(x[3]) == 1.0 || g.value(x[3]) == 2.0 || g.value(x[3]) == 3.0))
+    return g.apply(Kernel::cubic_root, x);
+  *error = "The fourth argument of CUBICROOT must be 1, 2 or 3.";
+  return no_node;
+}
+NodeId response_rule(GraphBuilder& g, Nodes x, std::string* error)
+{
+  if (g.is_constant(x[0]) && CompartmentResponse::of(g.value(x[0])).valid())
+    return g.apply(Kernel::compartment_response, x);
+  *error = "The first argument of _RESPONSE is not the number of a response.";
+  return no_node;
+}
+
 constexpr FunctionClass numeric = FunctionClass::numeric;
 constexpr FunctionClass text = FunctionClass::text;
 constexpr FunctionClass distribution = FunctionClass::distribution;
@@ -143,6 +163,7 @@ constexpr LanguageFunction rows[] = {
     // Exponential functions and logarithms
     {"EXP", "", numeric, 1, 1, kernel<Kernel::exp>, none, "x", "e to the power x"},
     {"EXPM1", "", numeric, 1, 1, kernel<Kernel::expm1>, none, "x", "exp(x) - 1, accurate near 0"},
+    {"EXPMEAN", "", numeric, 1, 1, exp_mean_rule, none, "x", "(1 - exp(-x)) / x, accurate near 0; 1 at 0"},
     {"LOG", "LN", numeric, 1, 1, kernel<Kernel::log>, none, "x", "natural logarithm"},
     {"LOG1P", "", numeric, 1, 1, kernel<Kernel::log1p>, none, "x", "log(1 + x), accurate near 0"},
     {"LOG2", "", numeric, 1, 1, kernel<Kernel::log2>, none, "x", "logarithm to base 2"},
@@ -151,6 +172,10 @@ constexpr LanguageFunction rows[] = {
     {"LOGIT", "", numeric, 1, 1, kernel<Kernel::logit>, none, "p", "log(p / (1 - p))"},
     {"LOGSUMEXP", "", numeric, 1, any_number, logsumexp_rule, none, "x, ...", "log(exp(x) + ...), without overflow"},
     {"SOFTPLUS", "", numeric, 1, 1, kernel<Kernel::softplus>, none, "x", "log(1 + exp(x)), without overflow"},
+    {"CUBICROOT", "", numeric, 4, 4, cubic_root_rule, none, "a, b, c, k",
+     "root k, 1 the largest, of x**3 - a*x**2 + b*x - c, whose roots are real and none negative"},
+    {"_RESPONSE", "", numeric, 9, 9, response_rule, none, "which, t, ka, p1, p2, p3, l1, l2, l3",
+     "response of a system of compartments, in statements that CMPTMODEL writes"},
     // Trigonometric and hyperbolic functions, angles in radians
     {"SIN", "", numeric, 1, 1, kernel<Kernel::sin>, none, "x", "sine"},
     {"COS", "", numeric, 1, 1, kernel<Kernel::cos>, none, "x", "cosine"},

@@ -90,6 +90,13 @@ enum class Kernel : std::uint16_t {
   logit,                // log(a / (1 - a)); missing outside (0, 1)
   log_add_exp,          // log(exp(a) + exp(b))
 
+  exp_mean,             // integral of u**b exp(-a u) for u in 0 to 1, b = 0, 1, 2, ...; c = exp(-a)
+
+  // Linear systems of compartments (lane_compartments.h).
+  cubic_root,           // root d (1 the largest) of x**3 - a x**2 + b x - c, whose roots are real and none negative
+  compartment_response, // what a system answers to a dose, by the number a (CompartmentResponse), the time b, the rate c
+                        // of the depot, the coefficients d, e, f of its polynomial and the roots g, h, i of that
+
   // Gamma family. Missing at the poles 0, -1, -2, ...
   gamma, lgamma,        // lgamma is log |gamma(a)|
   digamma, trigamma, tetragamma, pentagamma, hexagamma, // derivatives 1 to 5 of lgamma
@@ -134,7 +141,25 @@ enum class Kernel : std::uint16_t {
 
 // clang-format on
 inline constexpr std::size_t kernel_count = static_cast<std::size_t>(Kernel::count_);
-inline constexpr int kernel_operands_max = 6;
+inline constexpr int kernel_operands_max = 9;
+
+// What compartment_response computes: the function of time whose Laplace transform is
+//     s**power / (s**input (s + ka)**depot P(s)**system),   P(s) = s**n + p1 s**(n-1) + ... + pn,   n at most 3,
+// from the roots of P (given as -l1 <= -l2 <= -l3, that is l1 the largest), which need not differ, nor differ from ka
+// or 0. Derivatives by the coefficients are responses again: no derivative of a root is ever formed, and a double root
+// is a point like any other. Written as one number, so that a program can hold it.
+struct CompartmentResponse {
+  int n = 0, input = 0, depot = 0, system = 1, power = 0;
+  double number() const { return n + 10 * input + 100 * depot + 1000 * system + 10000 * power; }
+  static CompartmentResponse of(double number)
+  {
+    const int k = static_cast<int>(number);
+    return {k % 10, k / 10 % 10, k / 100 % 10, k / 1000 % 10, k / 10000};
+  }
+  int poles() const { return input + depot + n * system; }
+  bool valid() const { return n >= 1 && n <= 3 && poles() <= most_poles && power <= most_power; }
+  static constexpr int most_poles = 24, most_power = 24;
+};
 
 // A kernel: out[i] = f(in[0][i], in[1][i], ...), i < n. n is a multiple of lane_padding, every array begins on a
 // 64-byte boundary; out may be one of the operands, but must not overlap one otherwise.

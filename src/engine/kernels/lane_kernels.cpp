@@ -3,6 +3,7 @@
 
 #include "engine/kernels/builds.h"
 #include "engine/kernels/lane_arithmetic.h"
+#include "engine/kernels/lane_compartments.h"
 #include "engine/kernels/lane_elementary.h"
 #include "engine/kernels/lane_gamma.h"
 #include "engine/kernels/lane_normal.h"
@@ -156,6 +157,9 @@ KernelTable build_table(const char* isa)
   set<lane::softplus>(table, Kernel::softplus);
   set<lane::logit>(table, Kernel::logit);
   set<lane::log_add_exp>(table, Kernel::log_add_exp);
+  set<lane::exp_mean>(table, Kernel::exp_mean);
+  set<lane::cubic_root>(table, Kernel::cubic_root);
+  set<lane::compartment_response>(table, Kernel::compartment_response);
   set<lane::gamma>(table, Kernel::gamma);
   set<lane::lgamma>(table, Kernel::lgamma);
   set<lane::digamma>(table, Kernel::digamma);

@@ -166,10 +166,10 @@ private:
     registers_.save_for_call();
     if (loop_area_ < 0) {
       loop_area_ = registers_.new_slot();
-      for (int j = 1; j < kernel_operands_max + 2; ++j) registers_.new_slot();
+      for (int j = 1; j < kernel_operands_max + address_slots + 1; ++j) registers_.new_slot();
     }
     const int t = code_.number_scratch();
-    const std::int32_t addresses = loop_area_ + kernel_operands_max, out = addresses + 1;
+    const std::int32_t addresses = loop_area_ + kernel_operands_max, out = addresses + address_slots;
     for (int j = 0; j < op.operands; ++j) {
       registers_.copy_to(t, op.in[static_cast<std::size_t>(j)]);
       code_.store(registers_.slot(loop_area_ + j), t);
@@ -214,6 +214,8 @@ private:
   std::vector<RareCall> rare_calls_;
   std::int32_t saved_area_ = -1; // slots for the registers that a rare call must not change
   RegisterAllocator registers_;
+  // Slots that hold the addresses of a loop's operands, 8 bytes each.
+  static constexpr int address_slots = (kernel_operands_max * 8 + vector_slot - 1) / vector_slot;
   std::int32_t loop_area_ = -1; // slots for the operands of a loop, their addresses, and its result
 };
 

@@ -114,6 +114,7 @@ TEST(FunctionTable, TheReferenceListsEveryFunction)
   page << file.rdbuf();
   const std::string text = page.str();
   for (const LanguageFunction& f : language_functions()) {
+    if (f.name.front() == '_') continue; // of generated statements
     const std::string entry = "`" + std::string(f.name) + "(" + std::string(f.arguments) + ")`";
     EXPECT_NE(text.find(entry), std::string::npos) << "missing: | " << entry << " | " << f.summary << " |";
   }

@@ -1,0 +1,86 @@
+#pragma once
+// The options of CMPTMODEL: what each is called, which of them a family of models takes, and what was given.
+
+#include "host/messages.h"
+#include "syntax/records.h"
+
+#include <array>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace torvale::compartment {
+
+enum class Administration : std::uint8_t { bolus = 1, infusion = 2, oral = 3 };
+
+// Option: the options whose value is a name or a number, by the slot of the statement's record that holds them.
+enum class Option : std::uint8_t {
+  pconc = 4,
+  scale0,
+  dose0,
+  dose1,
+  dose2,
+  dose3,
+  time,
+  vol,
+  cl,
+  k10,
+  ka,
+  vol2,
+  cl2,
+  k12,
+  k21,
+  vol3,
+  cl3,
+  k13,
+  k31,
+  scale1,
+  durn,
+  rate,
+  scale2,
+  k20,
+  pconc2,
+  scale3,
+  k30,
+  pconc3,
+  pconc0,
+};
+inline constexpr std::size_t option_slots = 33;
+
+// The word of an option, in capitals: "K10" is "KE".
+std::string_view option_word(Option option);
+
+struct Variable {
+  std::string name;
+  bool character = false;
+};
+
+// What the input data set has of dose records: variables whose names begin with _CMPT_.
+struct DoseVariables {
+  bool present = false;        // there is a type variable, so the data set holds dose records
+  int doses = 1;               // numbered doses, at least 1
+  int steady = 1;              // numbered steady-state doses, at least 1
+  std::vector<Variable> names; // all of them
+  bool has(std::string_view name) const;
+};
+DoseVariables dose_variables(std::span<const Variable> data);
+
+// Model: one CMPTMODEL statement, read and found right.
+struct Model {
+  int compartments = 1; // 1, 2 or 3
+  Administration administration = Administration::bolus;
+  bool clearances = false; // parameters are clearances and volumes, not rate constants
+  DoseVariables records;   // of the data set; `present` makes it a model of dose records
+  std::array<std::string, option_slots>
+      value; // by slot: name or number as it is typed; empty when not given or ignored
+  bool given(Option o) const { return !value[static_cast<std::size_t>(o)].empty(); }
+  const std::string& text(Option o) const { return value[static_cast<std::size_t>(o)]; }
+  std::string_view family() const; // "ivb", "inf" or "oral", as in the names of generated variables
+};
+
+// Reads the statement's record and checks it against its family. False when the model cannot be: the log says why.
+bool read_model(const syntax::STMT& statement, std::span<const Variable> data, const host::MessagePlace& place,
+                host::MessageSink& log, Model& model);
+
+} // namespace torvale::compartment

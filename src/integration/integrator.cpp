@@ -1,0 +1,66 @@
+#include "integration/integrator.h"
+
+#include "integration/evaluation_parts.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::integration {
+
+using model::Batch;
+using model::BatchWork;
+using model::NX;
+using model::TVLThreadCtx;
+
+namespace {
+
+// The value, gradient and modes of a nest into its slot of the run.
+void close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, int nest)
+{
+  const auto subject = static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)]);
+  int& status = n.slot_status[subject];
+  n.slot_row[subject] = n.outer().SubInfo[subject].fvalidobs;
+  double v = 0.0;
+  status = integrator.close_value(n, ctx, nest, v);
+  if (status != 0) return;
+  if (!(v < model::failure_objective) || !std::isfinite(v)) {
+    status = zero_integral(n);
+    return;
+  }
+  n.slot_value[subject] = v;
+  if (n.dograd)
+    integrator.close_gradient(n, ctx, nest, n.slot_grad.data() + static_cast<long>(subject) * n.grad_stride);
+  if (n.adaptive) integrator.close_modes(n, ctx, nest);
+}
+
+} // namespace
+
+void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
+{
+  BatchWork& b = ctx.batch;
+  b.slots = batch.last - batch.first;
+  std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
+  std::fill_n(b.failure.begin(), b.slots, 0);
+  b.nests = b.slots;
+  std::copy_n(b.subject.begin(), b.slots, b.nest.begin());
+  b.level = n.batch_levels.data() + batch.first_level;
+  b.levels = batch.levels;
+  b.rows = n.batch_records.data() + batch.first_record;
+  ctx.frame->set_records(b.rows, batch.records);
+}
+
+int evaluate_batch(NX& n, TVLThreadCtx& ctx, const Batch& batch)
+{
+  const Integrator& integrator = integrator_of(n);
+  take_batch(n, ctx, batch);
+  if (const int rc = integrator.evaluate(n, ctx, n.dograd); rc > 2) return rc;
+  for (int nest = 0; nest < ctx.batch.nests; ++nest) close_nest(n, ctx, integrator, nest);
+  return 0;
+}
+
+const Integrator& integrator_of(const NX&)
+{
+  return adaptive_quadrature();
+}
+
+} // namespace torvale::integration

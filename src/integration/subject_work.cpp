@@ -1,0 +1,53 @@
+#include "integration/evaluation_parts.h"
+
+#include "evaluation/record_sums.h"
+
+#include <algorithm>
+
+namespace torvale::integration {
+
+using model::BatchWork;
+using model::BlockWork;
+using model::NX;
+using model::REFFECT;
+
+namespace {
+
+void size_block(const REFFECT& reff, BlockWork& block)
+{
+  const long nr = reff.nr, nrs = reff.nrs, bordered = (nr + 1) * (nr + 2) / 2;
+  size(block.gi, nrs);
+  size(block.gic, nrs);
+  size(block.singGr, nr);
+  size(block.hessumat, bordered);
+  size(block.hessumat0, bordered);
+  size(block.dfr, nr + 1);
+  size(block.work1, std::max(nrs, nr + 1));
+  size(block.work2, 5 * nr);
+  size(block.work3, nrs + 3 * nr);
+}
+
+} // namespace
+
+void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
+{
+  const REFFECT& reff = n.leaf();
+  BatchWork& b = ctx.batch;
+  const long slots = static_cast<long>(b.subject.size()), nr = reff.nr, nrs = reff.nrs;
+  const long priors = reff.setup_varies ? slots : 1;
+  size_block(reff, ctx.block);
+  b.mode_stride = (slots + 7) / 8 * 8;
+  b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
+  size(b.ran, nr * b.pair_stride);
+  size(b.search, slots);
+  size(b.mean, priors * nr);
+  size(b.factor, priors * nrs);
+  size(b.arguments, priors * reff.setup.places);
+  size(b.outputs, reff.setup.places);
+  for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
+  for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
+  size(b.mode_sums, n.programs.mode.places * b.mode_stride);
+  size(b.curvature_sums, n.programs.curvature.places * b.mode_stride);
+}
+
+} // namespace torvale::integration
