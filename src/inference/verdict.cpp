@@ -195,8 +195,8 @@ void fill_figures(const NX& n, FitSummary& out)
   add("parameters", n.nparm);
   add("observations", n.store->nobsu);
   if (n.nreff() > 0) add("subjects", n.outer().nsub);
-  add("evaluations", n.str->nfct + n.str->past_calls);
-  add("iterations", static_cast<long>(n.str->nitr) + n.iterations_before);
+  add("evaluations", n.str->nfct);
+  add("iterations", static_cast<long>(n.str->nitr));
 }
 
 } // namespace

@@ -19,7 +19,8 @@ using host::Table;
 
 namespace {
 
-constexpr std::size_t shown_rows = 400; // of one table; the rest is in the results
+constexpr std::size_t shown_rows = 400;       // of one table; the rest is in the results
+constexpr std::size_t most_groups_drawn = 12; // groups with pictures in the page
 
 // Tables that stand at the head of a group; the others follow the pictures in the order written.
 constexpr std::array<std::string_view, 2> head_tables = {"ParameterEstimates", "FitStatistics"};
@@ -185,6 +186,11 @@ private:
   void pictures(const GroupResult& group, const std::string& id)
   {
     if (group.pictures.empty()) return;
+    if (++groups_drawn_ > most_groups_drawn) {
+      body_ += "<p class=\"more\">Pictures of this group are left out to keep the page small; --figures writes them "
+               "all.</p>\n";
+      return;
+    }
     heading(3, id + "-pictures", "Pictures");
     entry(id + "-pictures", "Pictures");
     body_ += "<div class=\"pictures\">\n";
@@ -231,11 +237,22 @@ private:
         by = host::by_text(step.groups[static_cast<std::size_t>(m.by_group)].by);
       std::string severity(host::severity_name(m.severity));
       severity[0] = static_cast<char>(severity[0] - 'a' + 'A');
-      body_ += fmt::format("<li class=\"{}\"><b>{}</b>{}{} {}<span class=\"code\">{}/{}</span></li>\n",
+      body_ += fmt::format("<li class=\"{}\"><b>{}</b>{}{} {}<span class=\"code\">{}/{}</span>{}</li>\n",
                            host::severity_name(m.severity), severity, by.empty() ? "" : " · ", escaped(by),
-                           escaped(m.text), m.group, m.number);
+                           escaped(m.text), m.group, m.number, source_line(m));
     }
     body_ += "</ul>\n";
+  }
+
+  // The line that a message is about, with a caret below the column; a link into the program where it stands there.
+  std::string source_line(const host::Message& m) const
+  {
+    if (m.line <= 0 || m.source.empty() || m.severity == host::Severity::note) return {};
+    std::string place = escaped(fmt::format("{}:{}", m.file, m.line));
+    if (m.file == results_.program) place = fmt::format("<a href=\"#line{}\">{}</a>", m.line, place);
+    std::string lines = escaped(m.source);
+    if (m.column > 0) lines += "\n" + std::string(static_cast<std::size_t>(m.column - 1), ' ') + "^";
+    return fmt::format("<pre>{}\n{}</pre>", place, lines);
   }
 
   void data_sets(const StepResult& step, const std::string& id)
@@ -270,6 +287,7 @@ private:
 
   const RunResults& results_;
   std::string contents_, body_;
+  std::size_t groups_drawn_ = 0;
 };
 
 } // namespace

@@ -192,8 +192,7 @@ void tvliter(NX& n, int job)
     n.ithis = &n.host->tables().open(host::Table("IterHistory", host::otbmsg(503, 110), history_columns(n, layout)));
   if (job > 0 && job % 2 == 1 && n.ithis != nullptr) {
     write_row(n, str, layout);
-    n.host->progress(
-        {"optimization", n.iterations_before + static_cast<long>(str.nitr), str.crit, str.gmax, host::missing});
+    n.host->progress({"optimization", static_cast<long>(str.nitr), str.crit, str.gmax, host::missing});
   }
   if (n.loglevel > 1) {
     if (job == 10)
