@@ -64,7 +64,9 @@ std::string fixed_text(double x, int decimals)
 std::string best_text(double x, int width)
 {
   // A whole number is written in full: 1000000, not 1e+06.
-  std::string whole = x == std::floor(x) && std::fabs(x) < 1e15 ? fixed_text(x, 0) : shortest(x);
+  if (x == std::floor(x) && std::fabs(x) < 1e15)
+    if (std::string full = fixed_text(x, 0); static_cast<int>(full.size()) <= width) return full;
+  std::string whole = shortest(x);
   if (static_cast<int>(whole.size()) <= width) return whole;
   const int exponent = decimal_exponent(x);
   if (exponent < width && exponent >= -4) {

@@ -79,6 +79,7 @@ void decimal_commas(NX& n)
                            {{"found", source.substr(i - 1, end - i + 1)},
                             {"meant", "0." + std::string(source.substr(i + 1, end - i - 1))}},
                            here);
+      n.raise(4);
       return;
     }
   }

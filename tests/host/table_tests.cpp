@@ -42,9 +42,9 @@ TEST(Listing, EstimatesAreAligned)
             "                          Standard                         Lower 95%  Upper 95%\n"
             "     Parameter  Estimate     Error  DF  t Value  Pr > |t|      Limit      Limit\n"
             "\n"
-            "     beta1       -3.2268   0.05950  10   -54.23    <.0001    -3.3594    -3.0942\n"
-            "     s2           0.2827   0.05217  10     5.42    0.0003     0.1664     0.3990\n"
-            "     fixed        2.0000         .  10        .         .          .          .\n");
+            "     beta1       -3.2268    0.0595  10   -54.23    <.0001    -3.3594    -3.0942\n"
+            "     s2           0.2827    0.0522  10     5.42    0.0003     0.1664     0.3990\n"
+            "     fixed        2.000      .      10        .         .      .          .\n");
 }
 
 TEST(Listing, WideTablesAreSplitAndRepeatTheRowNames)
