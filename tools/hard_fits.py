@@ -8,7 +8,7 @@ When it claims success (exit code 0), the fit is started again from its own esti
 with other techniques: a point that is better by 1e-3 in -2 log L is a wrong success. When it does not (5 or 7), other
 starts and techniques look for an optimum that can be confirmed: if there is one, the failure was needless.
 Only Python's own library is used. Exit code 1 when a wrong success was found."""
-import argparse, collections, json, math, os, random, subprocess, sys, tempfile
+import argparse, collections, json, math, os, random, re, subprocess, sys, tempfile
 
 TECHNIQUES = ['', 'QUANEW', 'TRUREG', 'NEWRAP', 'NRRIDG', 'DBLDOG', 'CONGRA', 'NMSIMP']
 
@@ -69,6 +69,9 @@ def run(binary, folder, program):
     if m2ll is None and table(group, 'FitStatistics'):
         m2ll = table(group, 'FitStatistics')[0]['Value']
     points = [r['Value'] for r in table(group, 'Dimensions') if 'Quadrature' in r['Descr']]
+    for m in step['messages']:  # chosen again at the estimates
+        if m['number'] == 9414:
+            points = [int(re.search(r'needs (\d+)', m['text'].replace('\n', ' ')).group(1))]
     return Fit(done.returncode, m2ll, estimates, errors, ['%d/%d' % (m['group'], m['number']) for m in step['messages']],
                points[-1] if points else None)
 
@@ -273,6 +276,8 @@ CLASSES = [variance_at_zero, edge_of_covariance, separation, collinear, one_reco
 
 def better_point(binary, folder, case, fit, r):
     """The best -2 log L that restarts from within a standard error reach, when it is better; else None."""
+    if fit.m2ll is None:
+        return None
     best = fit.m2ll
     for technique in r.sample(['TRUREG', 'QUANEW', 'NMSIMP', 'NRRIDG'], 3):
         start = {}

@@ -26,6 +26,7 @@ struct RunArguments {
   Output output;
   int threads = 0;
   long seed = 0;
+  bool strict = false;
   bool check_only = false;
   bool statements = false; // check: print the statement records
 };

@@ -1,11 +1,13 @@
 // The command line. Reading it is all that happens here; the commands do the work.
 
+#include "host/run_output.h"
 #include "torvale/commands.h"
 #include "torvale/torvale.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <new>
 #include <optional>
 
 namespace {
@@ -31,6 +33,7 @@ std::optional<Pairs> split(const std::vector<std::string>& bindings, const char*
 
 int main(int argc, char** argv)
 {
+  torvale::host::ensure_standard_streams();
   using namespace torvale::app;
   CLI::App app{"Torvale fits nonlinear mixed models by maximum likelihood."};
   app.require_subcommand(1);
@@ -67,6 +70,7 @@ int main(int argc, char** argv)
                   "worker threads when the program does not say: 0 serial, -1 all cores")
       ->check(CLI::Range(-1, 1024));
   run->add_option("--seed", arguments.seed, "seed when the program does not say")->check(CLI::Range(0L, 2147483646L));
+  run->add_flag("--strict", arguments.strict, "names that would become parameters without being in PARMS are errors");
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
   shared(check);
@@ -97,9 +101,16 @@ int main(int argc, char** argv)
   arguments.data = *data_pairs;
   arguments.libraries = *library_pairs;
 
-  if (*describe) return describe_command(described, *library_pairs);
-  if (*explain) return explain_command(code);
-  arguments.check_only = static_cast<bool>(*check);
-  if (format == "json" && arguments.output.json.empty()) arguments.output.json = "-";
-  return run_command(arguments);
+  try {
+    if (*describe) return describe_command(described, *library_pairs);
+    if (*explain) return explain_command(code);
+    arguments.check_only = static_cast<bool>(*check);
+    if (format == "json" && arguments.output.json.empty()) arguments.output.json = "-";
+    return run_command(arguments);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "torvale: there is not enough memory\n");
+  } catch (const std::exception& fault) {
+    std::fprintf(stderr, "torvale: internal fault: %s\n", fault.what());
+  }
+  return 1;
 }

@@ -156,6 +156,10 @@ int run_command(const RunArguments& arguments)
   settings.check_only = arguments.check_only;
   settings.pictures = html.wanted() || !output.figures.empty();
   settings.hash_data = html.wanted() || json.wanted();
+  settings.strict = arguments.strict;
+  for (const std::string& path : {arguments.program, output.list, output.log, output.json, output.html})
+    if (!path.empty() && path != "-") settings.own_files.push_back(path);
+  for (const auto& [name, path] : arguments.data) settings.own_files.push_back(path);
   settings.listing = [&](std::string_view s) { listing.write(s); };
   settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
   if (host::is_terminal(2))
@@ -172,9 +176,11 @@ int run_command(const RunArguments& arguments)
     running = &session;
     std::signal(SIGINT, on_interrupt);
     std::signal(SIGTERM, on_interrupt);
+    std::signal(SIGHUP, on_interrupt);
     outcome = session.run(std::move(text));
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGHUP, SIG_DFL);
     running = nullptr;
   }
 

@@ -9,12 +9,12 @@
 #include "integration/hand_loop.h"
 #include "integration/objective.h"
 #include "integration/small_model.h"
+#include "integration/timing.h"
 #include "modes/mode_search.h"
 
 #include <benchmark/benchmark.h>
 
 #include <cmath>
-#include <ctime>
 #include <random>
 
 namespace {
@@ -56,22 +56,7 @@ tests::ModelText logistic(Form form)
   return m;
 }
 
-// Processor time, so that a busy machine does not show; the best of many.
-double seconds_of(auto&& work)
-{
-  const auto now = [] {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-  };
-  double best = 1e9;
-  for (int repeat = 0; repeat < 100; ++repeat) {
-    const double start = now();
-    work();
-    best = std::min(best, now() - start);
-  }
-  return best;
-}
+using bench::seconds_of;
 
 double hand_loop_seconds(Form form)
 {

@@ -6,12 +6,14 @@
 
 #include <Eigen/Cholesky>
 #include <Eigen/Core>
+#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <cstdint>
 #include <random>
 #include <vector>
 
 #include "matrix/cholesky.h"
+#include "matrix/eigenvalues.h"
 #include "matrix/packed.h"
 #include "matrix/quadratic_forms.h"
 #include "matrix/sweep.h"
@@ -191,6 +193,58 @@ void zqform_vector_eigen(benchmark::State& state)
   }
 }
 
+void eigenvectors_torvale(benchmark::State& state)
+{
+  const Problems problems(static_cast<int>(state.range(0)));
+  const auto order = static_cast<std::size_t>(problems.n);
+  std::vector<double> z(order * order), d(order), e(order);
+  std::size_t at = 0;
+  for (auto _ : state) {
+    const Eigen::MatrixXd& a = problems.dense[problems.next(at)];
+    std::copy(a.data(), a.data() + z.size(), z.begin());
+    ztred2(problems.n, z.data(), d.data(), e.data());
+    benchmark::DoNotOptimize(ztql2(problems.n, z.data(), d.data(), e.data(), 1));
+  }
+}
+
+void eigenvectors_eigen(benchmark::State& state)
+{
+  const Problems problems(static_cast<int>(state.range(0)));
+  Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(problems.n);
+  std::size_t at = 0;
+  for (auto _ : state) {
+    solver.compute(problems.dense[problems.next(at)]);
+    benchmark::DoNotOptimize(solver.eigenvalues().data());
+  }
+}
+
+void all_eigenvalues_torvale(benchmark::State& state)
+{
+  const Problems problems(static_cast<int>(state.range(0)));
+  std::vector<double> a, values(static_cast<std::size_t>(problems.n)), work(5 * values.size());
+  std::size_t at = 0;
+  for (auto _ : state) {
+    a = problems.packed[problems.next(at)];
+    benchmark::DoNotOptimize(zeigval(problems.n, a.data(), values.data(), problems.n, work.data()));
+  }
+}
+
+void all_eigenvalues_eigen(benchmark::State& state)
+{
+  const Problems problems(static_cast<int>(state.range(0)));
+  Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(problems.n);
+  std::size_t at = 0;
+  for (auto _ : state) {
+    solver.compute(problems.dense[problems.next(at)], Eigen::EigenvaluesOnly);
+    benchmark::DoNotOptimize(solver.eigenvalues().data());
+  }
+}
+
+void large_orders(benchmark::internal::Benchmark* bench)
+{
+  for (const int n : {8, 32, 200, 500}) bench->Arg(n);
+}
+
 void orders(benchmark::internal::Benchmark* bench)
 {
   for (const int n : {2, 4, 8, 32, 200}) bench->Arg(n);
@@ -206,5 +260,9 @@ BENCHMARK(zqform_torvale)->Apply(orders);
 BENCHMARK(zqform_eigen)->Apply(orders);
 BENCHMARK(zqform_vector_torvale)->Apply(orders);
 BENCHMARK(zqform_vector_eigen)->Apply(orders);
+BENCHMARK(eigenvectors_torvale)->Apply(large_orders);
+BENCHMARK(eigenvectors_eigen)->Apply(large_orders);
+BENCHMARK(all_eigenvalues_torvale)->Apply(large_orders);
+BENCHMARK(all_eigenvalues_eigen)->Apply(large_orders);
 
 } // namespace

@@ -3,11 +3,11 @@
 
 #include "probability/beta.h"
 #include "probability/gamma.h"
-#include "probability/log_gamma.h"
 #include "probability/normal.h"
-#include "probability/polygamma.h"
 #include "probability/quantiles.h"
 #include "probability/random.h"
+#include "probability/special/log_gamma.h"
+#include "probability/special/polygamma.h"
 
 #include <benchmark/benchmark.h>
 

@@ -27,6 +27,8 @@ struct RunSettings {
   bool check_only = false; // parse and compile, fit nothing
   bool hash_data = false;  // tell the SHA-256 of the input file (DataSource::sha256)
   bool pictures = false;   // draw pictures of every fit (GroupResult::pictures)
+  bool strict = false;     // names that would become parameters without being in PARMS are errors
+  std::vector<std::string> own_files; // files that the caller writes or reads beside the run: programs may not replace them
   // Hooks; any may be empty. Called on the thread that calls run().
   std::function<void(std::string_view)> listing;  // text of the listing as it grows
   std::function<void(std::string_view)> log;      // lines of the log, with their ends

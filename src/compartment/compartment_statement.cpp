@@ -1,6 +1,7 @@
 #include "compartment/compartment_statement.h"
 
 #include "compartment/dose_records.h"
+#include "compartment/events.h"
 #include "compartment/fixed_dose.h"
 
 namespace torvale::compartment {
@@ -11,7 +12,9 @@ std::vector<std::string> zcmpt(const syntax::STMT& statement, std::span<const Va
   Model model;
   if (!read_model(statement, data, place, log, model)) return {};
   StatementText text(model);
-  if (model.records.present) {
+  if (model.events.given) {
+    write_events(text, model);
+  } else if (model.records.present) {
     text.add(std::string("_cmpt_file_log = ") + (writes_log ? "1;" : "0;"));
     write_dose_records(text, model);
   } else {

@@ -7,7 +7,7 @@ using enum Option;
 void write_flags(StatementText& text, const Model& model)
 {
   text.add("@ivb_err = 0; @inf_err = 0; @oral_err = 0;");
-  if (model.records.present) return;
+  if (model.records.present || model.events.given) return;
   text.add("if $TIME < 0 then do; @ivb_err = 1; @inf_err = 1; @oral_err = 1; end;"); // a missing time is below 0
 }
 
@@ -19,7 +19,7 @@ void write_scales_and_doses(StatementText& text, const Model& model)
     const auto at = static_cast<std::size_t>(k);
     const std::string number = std::to_string(k);
     text.add("@scale" + number + " = " + (model.given(scales[at]) ? model.text(scales[at]) : "1") + ";");
-    if (model.records.present) continue;
+    if (model.records.present || model.events.given) continue;
     const bool entry = k == (oral ? 0 : 1);
     text.add("@dose" + number + " = " + (model.given(doses[at]) ? model.text(doses[at]) : entry ? "1" : "0") + ";");
   }

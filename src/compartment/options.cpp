@@ -1,6 +1,9 @@
 #include "compartment/options.h"
 
+#include "compartment/event_data.h"
+#include "host/message_names.h"
 #include "host/text.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 
@@ -9,6 +12,7 @@ namespace torvale::compartment {
 namespace {
 
 using enum Option;
+using syntax::cmptmodel_slot;
 
 // By slot, from the first name option on.
 constexpr std::string_view words[] = {"PCONC",  "SCALE0", "DOSE0", "DOSE1",  "DOSE2", "DOSE3", "TIME",   "VOL",
@@ -28,27 +32,37 @@ enum class Rule : std::uint8_t {
   from_data,    // given: a warning, ignored: the dose records have it
 };
 
-constexpr int message_of(Rule rule)
+// What the user reads when an option breaks a rule.
+host::NumberedMessage message_of(Rule rule, std::string_view option, const Model& model)
 {
+  static constexpr std::string_view administrations[] = {"IVB", "INF", "ORAL"};
+  const std::string_view administration = administrations[static_cast<std::size_t>(model.administration) - 1];
+  const int parameters = model.clearances ? 2 : 1;
   switch (rule) {
   case Rule::needed:
-    return 910;
+    return message::compartment_option_needed{.option = option,
+                                              .compartments = model.compartments,
+                                              .administration = administration,
+                                              .parameters = parameters};
   case Rule::ignored:
-    return 911;
+    return message::compartment_option_ignored{.option = option,
+                                               .compartments = model.compartments,
+                                               .administration = administration,
+                                               .parameters = parameters};
   case Rule::forbidden:
-    return 912;
+    return message::compartment_option_forbidden{.option = option,
+                                                 .compartments = model.compartments,
+                                                 .administration = administration,
+                                                 .parameters = parameters};
   case Rule::unusual:
-    return 913;
+    return message::compartment_option_unusual{.option = option, .administration = administration};
   case Rule::not_recorded:
-    return 914;
+    return message::compartment_option_conflict{.option = option};
   case Rule::recorded:
-    return 915;
-  case Rule::from_data:
-    return 916;
-  case Rule::free:
-    break;
+    return message::compartment_option_from_doses{.option = option};
+  default: // Rule::from_data
+    return message::compartment_option_from_data{.option = option};
   }
-  return 0;
 }
 
 bool digits_after(std::string_view name, std::string_view stem)
@@ -68,6 +82,7 @@ public:
 
   bool run()
   {
+    if (model_.events.given) return with_events();
     const bool records = model_.records.present;
     ask(time, records ? Rule::from_data : Rule::needed);
     ask(pconc, Rule::needed);
@@ -96,9 +111,29 @@ public:
   }
 
 private:
-  void fail(int number, const host::MessageArguments& arguments = {})
+  // Any route, any compartment: the records say what is given when.
+  bool with_events()
   {
-    log_.xpmlog(503, number, arguments, place_);
+    const bool oral = model_.administration == Administration::oral;
+    ask(time, Rule::from_data);
+    ask(pconc, Rule::needed);
+    ask(scale1, Rule::free);
+    for (const Option o : {dose0, dose1, dose2, dose3}) ask(o, Rule::from_data);
+    ask(ka, oral ? Rule::needed : Rule::ignored);
+    ask(scale0, oral ? Rule::free : Rule::ignored);
+    ask(pconc0, oral ? Rule::free : Rule::forbidden);
+    peripheral(scale2, scale3, Rule::free);
+    parameters();
+    peripheral(k20, k30, Rule::free);
+    for (const Option o : {rate, durn}) ask(o, Rule::free);
+    peripheral(pconc2, pconc3, Rule::free);
+    smaller_models();
+    return ok_;
+  }
+
+  void fail(const host::NumberedMessage& problem)
+  {
+    log_.xpmlog(problem, place_);
     ok_ = false;
   }
 
@@ -108,13 +143,7 @@ private:
     const bool given = statement_.given(static_cast<int>(o));
     if (given && rule != Rule::ignored && rule != Rule::recorded && rule != Rule::from_data) take(o);
     if (rule == Rule::free || given == (rule == Rule::needed)) return;
-    static constexpr std::string_view administrations[] = {"IVB", "INF", "ORAL"};
-    log_.xpmlog(503, message_of(rule),
-                {{"option", option_word(o)},
-                 {"compartments", model_.compartments},
-                 {"administration", administrations[static_cast<std::size_t>(model_.administration) - 1]},
-                 {"parameters", model_.clearances ? 2 : 1}},
-                place_);
+    log_.xpmlog(message_of(rule, option_word(o), model_), place_);
     ok_ = rule != Rule::needed && rule != Rule::forbidden && rule != Rule::not_recorded;
   }
 
@@ -126,7 +155,7 @@ private:
       value = host::shortest(item.number);
       if (item.number < 0.0) value = "(" + value + ")";
       const bool result = o == pconc || o == pconc2 || o == pconc3 || o == pconc0;
-      if (result) fail(9470, {{"option", option_word(o)}, {"value", value}});
+      if (result) fail(message::compartment_result_not_a_name{.option = option_word(o), .value = value});
     } else {
       syntax::Expr name;
       name.kind = syntax::ExprKind::variable;
@@ -156,7 +185,8 @@ private:
       ask(scale0, records ? Rule::recorded : Rule::free);
       peripheral(dose2, dose3, records ? Rule::recorded : Rule::free);
       peripheral(scale2, scale3, records ? Rule::recorded : Rule::free);
-      if (ok_ && !records && model_.given(dose1) && !model_.given(dose0)) log_.xpmlog(503, 9471, {}, place_);
+      if (ok_ && !records && model_.given(dose1) && !model_.given(dose0))
+        log_.xpmlog(message::oral_dose_into_compartment, place_);
       break;
     }
   }
@@ -176,7 +206,7 @@ private:
     for (const Option o : model_.clearances ? c : r) ask(o, Rule::needed);
     for (const Option o : model_.clearances ? r : c) ask(o, Rule::ignored);
     if (ok_ && model_.clearances && !model_.given(scale1))
-      log_.xpmlog(503, 9472, {{"volume", model_.text(vol)}}, place_);
+      log_.xpmlog(message::concentration_is_amount{.volume = model_.text(vol)}, place_);
   }
 
   void extra_elimination()
@@ -190,8 +220,8 @@ private:
     ask(rate, Rule::free);
     ask(durn, Rule::free);
     if (ok_ && !model_.records.present) {
-      if (!model_.given(rate) && !model_.given(durn)) return fail(906);
-      if (model_.given(rate) && model_.given(durn)) log_.xpmlog(503, 907, {}, place_);
+      if (!model_.given(rate) && !model_.given(durn)) return fail(message::infusion_needs_rate_or_duration);
+      if (model_.given(rate) && model_.given(durn)) log_.xpmlog(message::rate_and_duration_given, place_);
     }
     for (const Option o : {ka, dose0, scale0}) ask(o, Rule::ignored);
     for (const Option o : {pconc0, pconc2, pconc3}) ask(o, Rule::forbidden);
@@ -267,14 +297,17 @@ DoseVariables dose_variables(std::span<const Variable> data)
 bool read_model(const syntax::STMT& statement, std::span<const Variable> data, const host::MessagePlace& place,
                 host::MessageSink& log, Model& model)
 {
-  const auto whole = [&](int slot, int most, int absent, int& value) {
+  const auto whole = [&](cmptmodel_slot slot, int most, host::MessageCode absent, int& value) {
     if (!statement.given(slot)) {
-      log.xpmlog(503, absent, {}, place);
+      log.xpmlog(absent, place);
       return false;
     }
     const double x = statement.slot(slot).number;
     if (!(x >= 1.0 && x < most + 1.0)) { // a missing value is none of them
-      log.xpmlog(503, absent + 1, {{"found", x}}, place);
+      if (slot == cmptmodel_slot::ncomps)
+        log.xpmlog(message::ncomps_out_of_range{.found = x}, place);
+      else
+        log.xpmlog(message::parmtype_out_of_range{.found = x}, place);
       return false;
     }
     value = static_cast<int>(x);
@@ -283,14 +316,24 @@ bool read_model(const syntax::STMT& statement, std::span<const Variable> data, c
   model.records = dose_variables(data);
   for (const Variable& v : model.records.names)
     if (v.name == "_CMPT_TYPE_" && !v.character) {
-      log.xpmlog(503, 9473, {}, place);
+      log.xpmlog(message::dose_types_not_texts, place);
       return false;
     }
   int administration = 0, parameters = 0;
-  if (!whole(1, 3, 900, model.compartments) || !whole(2, 3, 902, administration) || !whole(3, 2, 904, parameters))
+  if (!whole(cmptmodel_slot::ncomps, 3, message::no_ncomps, model.compartments) ||
+      !whole(cmptmodel_slot::admtype, 3, message::no_admtype, administration) ||
+      !whole(cmptmodel_slot::parmtype, 2, message::no_parmtype, parameters))
     return false;
   model.administration = static_cast<Administration>(administration);
   model.clearances = parameters == 2;
+  if (!read_events(statement, data, place, log, model.events)) return false;
+  if (model.events.given) {
+    model.records.present = false;
+    const bool by_cmt = model.events.has(EventItem::cmt);
+    log.xpmlog(message::event_records{.doses = administration == 3 ? "the depot" : "the central compartment",
+                                      .cmt = by_cmt ? "where CMT is 0 or missing" : "since there is no CMT"},
+               place);
+  }
   return FamilyCheck(statement, place, log, model).run();
 }
 

@@ -54,6 +54,7 @@ std::string_view option_word(Option option);
 struct Variable {
   std::string name;
   bool character = false;
+  std::span<const double> values{}; // of a numeric variable; borrowed
 };
 
 // What the input data set has of dose records: variables whose names begin with _CMPT_.
@@ -66,11 +67,29 @@ struct DoseVariables {
 };
 DoseVariables dose_variables(std::span<const Variable> data);
 
+enum class EventItem : std::uint8_t { time, amt, evid, cmt, rate, ii, addl, ss, mdv, count_ };
+
+// Events: EVENTS of a CMPTMODEL statement.
+struct Events {
+  bool given = false;
+  std::array<std::string, static_cast<std::size_t>(EventItem::count_)>
+      name;                         // variable as typed; empty: the data has none
+  std::string bioavailability, lag; // F= and ALAG=; empty when not given
+  int places = 0;                   // doses that may act, or wait, at the same time
+  bool trains = false;              // a place may hold several doses: additional ones, or infusions that overlap
+  bool infusions = false;           // some record has a rate
+  bool steady = false;              // some record asks for a steady state
+  bool steady_overlap = false;      // with infusions that may be longer than their interval
+  bool has(EventItem i) const { return !name[static_cast<std::size_t>(i)].empty(); }
+  const std::string& of(EventItem i) const { return name[static_cast<std::size_t>(i)]; }
+};
+
 // Model: one CMPTMODEL statement, read and found right.
 struct Model {
   int compartments = 1; // 1, 2 or 3
   Administration administration = Administration::bolus;
   bool clearances = false; // parameters are clearances and volumes, not rate constants
+  Events events;           // records of events, when EVENTS is given
   DoseVariables records;   // of the data set; `present` makes it a model of dose records
   std::array<std::string, option_slots>
       value; // by slot: name or number as it is typed; empty when not given or ignored

@@ -7,11 +7,13 @@ namespace {
 // The call of the engine's function for a response: s**power / (s**input (s + ka)**depot P(s)).
 std::string response_call(const Model& model, Input input, int power, const std::string& time)
 {
-  const int which = model.compartments + (input == Input::infusion ? 10 : 0) + (input == Input::depot ? 100 : 0) +
-                    1000 + 10000 * power;
-  const std::string ka = input == Input::depot ? "@ka" : "0";
-  const std::string polynomial =
-      model.compartments == 2 ? "@trm1,@product,0,@lmb1,@lmb2,0" : "@a,@b,@c,@lmbd1,@lmbd2,@lmbd3";
+  const bool constant = input == Input::infusion || input == Input::depot_infusion;
+  const bool depot = input == Input::depot || input == Input::depot_infusion;
+  const int which = model.compartments + (constant ? 10 : 0) + (depot ? 100 : 0) + 1000 + 10000 * power;
+  const std::string ka = depot ? "@ka" : "0";
+  const std::string polynomial = model.compartments == 1   ? "@k10,0,0,@k10,0,0"
+                                 : model.compartments == 2 ? "@trm1,@product,0,@lmb1,@lmb2,0"
+                                                           : "@a,@b,@c,@lmbd1,@lmbd2,@lmbd3";
   return "_response(" + std::to_string(which) + "," + time + "," + ka + "," + polynomial + ")";
 }
 
@@ -19,7 +21,7 @@ std::string response_call(const Model& model, Input input, int power, const std:
 
 Response::Response(StatementText& text, const Model& model, Input input, const std::string& time,
                    const std::string& name)
-    : model_(model), name_(name), factor_(input == Input::depot ? "@ka*" : "")
+    : model_(model), name_(name), factor_(input == Input::depot || input == Input::depot_infusion ? "@ka*" : "")
 {
   if (model.compartments == 1) {
     one_compartment(text, input, "(" + time + ")");
@@ -35,9 +37,10 @@ void Response::one_compartment(StatementText& text, Input input, const std::stri
     return text.add(w(0) + " = exp(-@k10*" + time + ");");
   case Input::infusion:
     return text.add(w(0) + " = " + time + "*expmean(@k10*" + time + ");");
-  case Input::depot: // the smaller of the two rates stands in front, so that nothing overflows
-    text.add("@low = @k10; @high = @ka; if @ka < @k10 then do; @low = @ka; @high = @k10; end;");
-    return text.add(w(0) + " = " + time + "*exp(-@low*" + time + ")*expmean((@high-@low)*" + time + ");");
+  case Input::depot:
+    return text.add(w(0) + " = " + time + "*expmean(@k10*" + time + ",@ka*" + time + ");");
+  case Input::depot_infusion:
+    return text.add(w(0) + " = " + response_call(model_, input, 0, time) + ";");
   }
 }
 
@@ -83,22 +86,19 @@ std::string Response::three(int in, int into) const
 //     (s_j + sum_i f_ij) x_j - sum_i f_ji x_i = arrivals_j
 // is solved by elimination of compartments from the last: in these terms it only adds (W. Grassmann, M. Taksar and
 // D. Heyman, 1985), so that slow rates lose no digits. What lies where nothing leaves, never comes back.
-void write_steady_state(StatementText& text, const Model& model, const std::string& interval, const std::string& name)
+namespace {
+
+std::string pair(const char* stem, int i, int j)
 {
-  const int n = model.compartments;
-  const auto pair = [](const char* stem, int i, int j) {
-    return std::string(stem) + std::to_string(i) + std::to_string(j);
-  };
-  const auto one = [](const std::string& stem, int i) { return stem + std::to_string(i); };
-  const Response passed(text, model, Input::dose, interval, "@f"), lost(text, model, Input::infusion, interval, "@g");
-  for (int j = 1; j <= n; ++j) {
-    std::string leaves = "@k10*" + lost.amount(1, j);
-    if (n > 1 && model.given(Option::k20)) leaves += "+@k20*" + lost.amount(2, j);
-    if (n > 2 && model.given(Option::k30)) leaves += "+@k30*" + lost.amount(3, j);
-    text.add(one("@s", j) + " = " + leaves + ";");
-    for (int i = 1; i <= n; ++i)
-      if (i != j) text.add(pair("@f", i, j) + " = " + passed.amount(i, j) + ";");
-  }
+  return std::string(stem) + std::to_string(i) + std::to_string(j);
+}
+std::string one(const std::string& stem, int i)
+{
+  return stem + std::to_string(i);
+}
+
+void eliminate(StatementText& text, int n, const std::string& name)
+{
   for (int k = n; k > 1; --k) {
     std::string leaves = one("@s", k);
     for (int i = 1; i < k; ++i) leaves += "+" + pair("@f", i, k);
@@ -119,6 +119,33 @@ void write_steady_state(StatementText& text, const Model& model, const std::stri
     for (int j = 1; j < k; ++j) arrives += "+" + pair("@f", k, j) + "*" + one(name, j);
     text.add(one(name, k) + " = (" + arrives + ")*" + one("@i", k) + ";");
   }
+}
+
+} // namespace
+
+void write_steady_state(StatementText& text, const Model& model, const std::string& interval, const std::string& name)
+{
+  const int n = model.compartments;
+  const Response passed(text, model, Input::dose, interval, "@f"), lost(text, model, Input::infusion, interval, "@g");
+  for (int j = 1; j <= n; ++j) {
+    std::string leaves = "@k10*" + lost.amount(1, j);
+    if (n > 1 && model.given(Option::k20)) leaves += "+@k20*" + lost.amount(2, j);
+    if (n > 2 && model.given(Option::k30)) leaves += "+@k30*" + lost.amount(3, j);
+    text.add(one("@s", j) + " = " + leaves + ";");
+    for (int i = 1; i <= n; ++i)
+      if (i != j) text.add(pair("@f", i, j) + " = " + passed.amount(i, j) + ";");
+  }
+  eliminate(text, n, name);
+}
+
+void write_balance(StatementText& text, const Model& model, const std::string& name)
+{
+  const auto rate = [&](Option o, const char* k) { return std::string(model.given(o) ? k : "0"); };
+  text.add("@s1 = @k10;");
+  if (model.compartments > 1) text.add("@s2 = " + rate(Option::k20, "@k20") + "; @f21 = @k12; @f12 = @k21;");
+  if (model.compartments > 2)
+    text.add("@s3 = " + rate(Option::k30, "@k30") + "; @f31 = @k13; @f13 = @k31; @f23 = 0; @f32 = 0;");
+  eliminate(text, model.compartments, name);
 }
 
 } // namespace torvale::compartment

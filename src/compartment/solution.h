@@ -12,9 +12,10 @@
 namespace torvale::compartment {
 
 enum class Input : std::uint8_t {
-  dose,     // a dose at time 0
-  infusion, // a constant input of rate 1 from time 0 on
-  depot,    // a dose at time 0 into the depot, from which ka carries it into compartment m
+  dose,           // a dose at time 0
+  infusion,       // a constant input of rate 1 from time 0 on
+  depot,          // a dose at time 0 into the depot, from which ka carries it into compartment m
+  depot_infusion, // a constant input of rate 1 into the depot
 };
 
 // Response: the variables NAME0, NAME1, ... that hold the response and its derivatives by time.
@@ -39,5 +40,8 @@ private:
 // end when it has arrived in every interval for ever. `interval` is an expression. Where nothing leaves the system
 // there is no steady state, and the values are missing.
 void write_steady_state(StatementText& text, const Model& model, const std::string& interval, const std::string& name);
+
+// The variables NAME1 ... of constant inputs become the amounts that they keep up.
+void write_balance(StatementText& text, const Model& model, const std::string& name);
 
 } // namespace torvale::compartment

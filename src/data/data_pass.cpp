@@ -5,12 +5,16 @@
 
 #include "data/row_runner.h"
 #include "data/starting_values.h"
+#include "data/subject_tables.h"
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 #include "host/missing.h"
+#include "model/distribution_labels.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <numeric>
 
 namespace torvale::data {
 
@@ -22,30 +26,45 @@ using model::NX;
 namespace {
 
 // What is missing in an unusable row, by BadCause.
-constexpr std::array<const char*, 8> what = {"",
+constexpr std::array<const char*, 9> what = {"",
                                              "the dependent variable",
                                              "the replicate variable",
                                              "the log likelihood",
                                              "a derivative of the log likelihood",
                                              "an argument of RANDOM",
                                              "a derivative of an argument of RANDOM",
-                                             "nothing, but DELETE was executed"};
+                                             "nothing, but DELETE was executed",
+                                             "nothing, but they are event records"};
 
 // Everything that the pass learns of the rows.
 struct Pass {
-  std::vector<double> arguments;   // nobs x nd: distribution arguments of each row (no random effects: empty)
+  std::vector<std::vector<double>> arguments; // by level, nobs x nd: distribution arguments of each row
   std::vector<double> loglik;      // _ll of each row
   long fractions = 0;              // used rows whose response is not a whole number, where it should be one
   std::int64_t first_fraction = 0; // row of the first one
 };
 
+// The means of all random effects at a row: what the program is run at.
+void means_at(const NX& n, const Pass& pass, std::int64_t row, double* mean)
+{
+  for (std::size_t k = 0; k < n.reff.size(); ++k) {
+    const auto& reff = n.reff[k];
+    if (reff.distrtype != 0 || pass.arguments.size() <= k || pass.arguments[k].empty()) continue;
+    std::copy_n(pass.arguments[k].begin() + row * reff.nd, reff.nr, mean + reff.first_effect);
+  }
+}
+
+std::vector<double> no_effects(const NX& n)
+{
+  return std::vector<double>(static_cast<std::size_t>(std::max(1, n.programs.ne)), 0.0);
+}
+
 // Runs the program once more at one row, with all checks: what went wrong there.
 int run_checked(const NX& n, engine::Frame& frame, const engine::Program& program, const Pass& pass, std::int64_t row,
                 std::vector<engine::Fault>& faults)
 {
-  const int nr = n.nreff() > 0 ? n.leaf().nr : 0;
-  std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
-  if (nr > 0 && n.leaf().distrtype == 0) std::copy_n(pass.arguments.begin() + row * n.leaf().nd, nr, mean.begin());
+  std::vector<double> mean = no_effects(n);
+  means_at(n, pass, row, mean.data());
   frame.set_points(mean.data(), 1, 1);
   frame.set_range(row, 1);
   int nerror = 0, nmissgen = 0;
@@ -60,28 +79,29 @@ int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, con
   constexpr std::int64_t searched_most = 100000;
   for (std::int64_t row = 0; row < std::min(n.store->nobs, searched_most); ++row)
     rows.push_back(static_cast<std::int32_t>(row));
-  host::MessageArguments arguments = {{"code", rc}};
+  message::program_stopped words{.code = rc};
   host::MessagePlace place;
   for (const std::int32_t row : rows) {
     std::vector<engine::Fault> faults;
     if (run_checked(n, frame, program, pass, row, faults) <= 2 || faults.empty()) continue;
     place = place_of(n, row);
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
-    arguments.emplace_back("observation", observation_number(n, row));
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+    words.observation = observation_number(n, row);
     break;
   }
-  n.host->log().xpmlog(503, 9201, arguments, place);
+  n.host->log().xpmlog(words, place);
   n.raise(1012);
   return 1;
 }
 
 // Distribution arguments of every row, from the slice of the program that yields them; random effects stand at 0 there,
 // and may not enter.
-int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
+int run_arguments(NX& n, engine::Frame& frame, std::size_t level, Pass& pass)
 {
-  const auto& reff = n.leaf();
-  pass.arguments.resize(static_cast<std::size_t>(n.store->nobs * reff.nd));
-  const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
+  const auto& reff = n.reff[level];
+  std::vector<double>& arguments = pass.arguments[level];
+  arguments.resize(static_cast<std::size_t>(n.store->nobs * reff.nd));
+  const std::vector<double> zero = no_effects(n);
   frame.set_points(zero.data(), 1, 1);
   std::vector<std::int32_t> stopped;
   const int rc = run_rows(
@@ -90,7 +110,7 @@ int run_arguments(NX& n, engine::Frame& frame, Pass& pass)
         for (int k = 0; k < reff.nd; ++k) {
           const double* values = f.output(k);
           for (int j = 0; j < tile.lanes; ++j)
-            pass.arguments[static_cast<std::size_t>(tile.observation[j] * reff.nd + k)] = values[j];
+            arguments[static_cast<std::size_t>(tile.observation[j] * reff.nd + k)] = values[j];
         }
         return 0;
       },
@@ -107,19 +127,20 @@ void mark(NX& n, std::int64_t row, BadCause cause)
 // The whole program at the means: `_ll`, the derivatives that the method uses, the dependent and replicate variables.
 int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
 {
-  const int nr = n.nreff() > 0 ? n.leaf().nr : 0;
-  const int nd = n.nreff() > 0 ? n.leaf().nd : 0;
+  const bool effects = n.nreff() > 0;
   const auto rows = static_cast<std::size_t>(n.store->nobs);
-  std::vector<double> means(std::max<std::size_t>(1, static_cast<std::size_t>(nr)) * rows, 0.0);
-  std::vector<std::int32_t> point(nr > 0 ? rows : 0);
-  if (nr > 0 && n.leaf().distrtype == 0) {
-    for (std::size_t row = 0; row < rows; ++row)
-      for (int e = 0; e < nr; ++e)
-        means[static_cast<std::size_t>(e) * rows + row] =
-            arguments.arguments[row * static_cast<std::size_t>(nd) + static_cast<std::size_t>(e)];
+  const auto ne = static_cast<std::size_t>(std::max(1, n.programs.ne));
+  std::vector<double> means(ne * rows, 0.0);
+  std::vector<std::int32_t> point(effects ? rows : 0);
+  std::iota(point.begin(), point.end(), 0);
+  if (effects) {
+    std::vector<double> mean(ne, 0.0);
+    for (std::size_t row = 0; row < rows; ++row) {
+      means_at(n, arguments, static_cast<std::int64_t>(row), mean.data());
+      for (std::size_t e = 0; e < ne; ++e) means[e * rows + row] = mean[e];
+    }
   }
-  for (std::size_t row = 0; row < point.size(); ++row) point[row] = static_cast<std::int32_t>(row);
-  frame.set_points(means.data(), nr > 0 ? static_cast<int>(rows) : 1, static_cast<int>(rows));
+  frame.set_points(means.data(), effects ? static_cast<int>(rows) : 1, static_cast<int>(rows));
 
   pass.loglik.assign(rows, host::missing);
   if (n.repsym != nullptr) n.store->replicate.assign(rows, host::missing);
@@ -162,10 +183,10 @@ bool report_fault(NX& n, engine::Frame& frame, const Pass& pass, std::int64_t ro
   run_checked(n, frame, *n.pass_program, pass, row, faults);
   if (faults.empty()) return false;
   const engine::Fault& fault = faults.front();
-  host::MessageArguments arguments = {{"observation", observation_number(n, fault.row)}};
+  message::program_fails_at_start words{.observation = observation_number(n, fault.row)};
   auto place = place_of(n, fault.row);
-  evaluation::words_of(n, fault).add_to(arguments, place);
-  n.host->log().xpmlog(503, 70, arguments, place);
+  evaluation::words_of(n, fault).add_to(words, place);
+  n.host->log().xpmlog(words, place);
   n.raise(1012);
   return true;
 }
@@ -174,8 +195,8 @@ bool report_fault(NX& n, engine::Frame& frame, const Pass& pass, std::int64_t ro
 // missing value in the data deserves a warning.
 int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
 {
-  std::array<long, 8> counts{};
-  std::array<std::int64_t, 8> firsts{};
+  std::array<long, 9> counts{};
+  std::array<std::int64_t, 9> firsts{};
   const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
   const bool sequential = engine::sequential(*n.pass_program);
   int inspected = 200; // a fault shows at once; the rest is counting
@@ -183,7 +204,9 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   std::int64_t records = std::clamp(4000000 / std::max(1, engine::program_size(*n.pass_program).nodes), 5, 20000);
   for (std::int64_t row = 0; row < n.store->nobs; ++row) {
     const BadCause cause = n.store->badobs[static_cast<std::size_t>(row)];
-    if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate) continue;
+    if (cause == BadCause::none || cause == BadCause::dependent || cause == BadCause::replicate ||
+        cause == BadCause::event)
+      continue;
     bool data_missing = false;
     for (const auto& column : n.store->view.columns)
       data_missing = data_missing || (column.numeric != nullptr && std::isnan(column.numeric[row]));
@@ -199,8 +222,9 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const Pass& arguments)
   }
   for (std::size_t c = 0; c < counts.size(); ++c) {
     if (counts[c] == 0 || c == static_cast<std::size_t>(BadCause::deleted)) continue;
-    n.host->log().xpmlog(503, 9202,
-                         {{"count", counts[c]}, {"what", what[c]}, {"observation", observation_number(n, firsts[c])}},
+    n.host->log().xpmlog(message::value_missing_at_start{.count = counts[c],
+                                                         .what = what[c],
+                                                         .observation = observation_number(n, firsts[c])},
                          place_of(n, firsts[c]));
     n.raise(4);
   }
@@ -216,39 +240,40 @@ bool same_value(double a, double b)
 // change within a subject.
 int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
 {
-  const auto& reff = n.leaf();
+  const auto level = static_cast<std::size_t>(subject.ranind);
+  const auto& reff = n.reff[level];
   const std::int64_t first = subject.fvalidobs;
   for (std::int64_t row = first + 1; row < subject.first_row + subject.SubCount; ++row) {
     if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
     for (int k = 0; k < reff.nd; ++k) {
-      const auto at = [&](std::int64_t r) { return pass.arguments[static_cast<std::size_t>(r * reff.nd + k)]; };
+      const auto at = [&](std::int64_t r) { return pass.arguments[level][static_cast<std::size_t>(r * reff.nd + k)]; };
       if (same_value(at(row), at(first))) continue;
-      host::MessageArguments arguments = {{"observation", observation_number(n, row)}};
       std::string variables;
-      for (const int dsvarno : n.rhs)
+      for (const int dsvarno : reff.rhs)
         variables += (variables.empty() ? "" : ", ") + n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-      if (!variables.empty()) arguments.emplace_back("variables", variables);
       const auto record = place_of(n, row);
       auto place = n.sources->place("RANDOM", reff.stmt->where);
       place.row = record.row;
       place.subject = record.subject;
-      n.host->log().xpmlog(503, 137, arguments, place);
+      n.host->log().xpmlog(
+          message::random_argument_changes{.observation = observation_number(n, row), .variables = variables}, place);
       return 1;
     }
-    for (const int dsvarno : n.rhs)
+    for (const int dsvarno : reff.rhs)
       for (const auto& column : n.store->view.columns) {
         if (column.dsvarno != dsvarno) continue;
         const bool same = column.numeric != nullptr ? same_value(column.numeric[row], column.numeric[first])
                                                     : column.codes[row] == column.codes[first];
         if (same) continue;
         const auto& name = n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-        n.host->log().xpmlog(503, 146, {{"variable", name}, {"observation", observation_number(n, row)}},
-                             place_of(n, row));
+        n.host->log().xpmlog(
+            message::random_variable_changes{.variable = name, .observation = observation_number(n, row)},
+            place_of(n, row));
         return 1;
       }
     if (n.repsym != nullptr && !same_value(n.store->replicate[static_cast<std::size_t>(row)],
                                            n.store->replicate[static_cast<std::size_t>(first)])) {
-      n.host->log().xpmlog(503, 9203, {{"variable", n.repname}, {"observation", observation_number(n, row)}},
+      n.host->log().xpmlog(message::replicate_changes{.variable = n.repname, .observation = observation_number(n, row)},
                            place_of(n, row));
       return 1;
     }
@@ -256,9 +281,8 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
   return 0;
 }
 
-int count_subjects(NX& n, const Pass& pass)
+int count_subjects(NX& n, const Pass& pass, model::REFFECT& reff)
 {
-  auto& reff = n.leaf();
   reff.nsub = 0;
   reff.nrepsub = 0.0;
   reff.ntmax = 0;
@@ -295,7 +319,7 @@ void report_impossible(NX& n, const Pass& pass)
   std::string shown;
   for (std::size_t i = 0; i < std::min<std::size_t>(3, rows.size()); ++i)
     shown += (i > 0 ? ", " : "") + std::to_string(observation_number(n, rows[i]));
-  n.host->log().xpmlog(503, 9204, {{"count", rows.size()}, {"observations", shown}}, place_of(n, rows[0]));
+  n.host->log().xpmlog(message::impossible_at_start{.count = rows.size(), .observations = shown}, place_of(n, rows[0]));
 }
 
 // Rows that a REPLICATE value below SINGVAR= removes, and responses that counts cannot have.
@@ -305,19 +329,18 @@ void report_values(NX& n, const Pass& pass)
   const auto first = std::find(bad.begin(), bad.end(), BadCause::replicate);
   if (first != bad.end()) {
     const auto row = static_cast<std::int64_t>(first - bad.begin());
-    n.host->log().xpmlog(503, 9211,
-                         {{"count", std::count(bad.begin(), bad.end(), BadCause::replicate)},
-                          {"name", n.repname},
-                          {"observation", observation_number(n, row)}},
-                         place_of(n, row));
+    n.host->log().xpmlog(
+        message::replicate_not_positive{.count = std::count(bad.begin(), bad.end(), BadCause::replicate),
+                                        .name = n.repname,
+                                        .observation = observation_number(n, row)},
+        place_of(n, row));
     n.raise(4);
   }
   if (pass.fractions == 0) return;
-  n.host->log().xpmlog(503, 9209,
-                       {{"count", pass.fractions},
-                        {"name", n.depname},
-                        {"distribution", host::xpmstr(503, 40 + n.disttype)},
-                        {"observation", observation_number(n, pass.first_fraction)}},
+  n.host->log().xpmlog(message::response_not_whole{.count = pass.fractions,
+                                                   .name = n.depname,
+                                                   .observation = observation_number(n, pass.first_fraction),
+                                                   .distribution = host::xpmstr(model::distribution_label(n.disttype))},
                        place_of(n, pass.first_fraction));
   n.raise(4);
 }
@@ -330,7 +353,7 @@ void report_nothing_left(NX& n)
     const auto rows = std::count(n.store->badobs.begin(), n.store->badobs.end(), static_cast<BadCause>(c));
     if (rows > 0) causes += (causes.empty() ? "" : ", ") + std::string(what[c]) + " in " + std::to_string(rows);
   }
-  n.host->log().xpmlog(503, 71, {{"causes", causes}});
+  n.host->log().xpmlog(message::no_usable_observation{.causes = causes});
 }
 
 // What PUT statements write, once per observation in the order of the file, at the means of the random effects: a
@@ -338,11 +361,9 @@ void report_nothing_left(NX& n)
 void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
 {
   if (!engine::has_put(*n.gcmp)) return;
-  const int nr = n.nreff() > 0 ? n.leaf().nr : 0;
-  std::vector<double> mean(static_cast<std::size_t>(std::max(1, nr)), 0.0);
+  std::vector<double> mean = no_effects(n);
   for (const std::int32_t row : n.store->row_of_group) {
-    if (nr > 0 && n.leaf().distrtype == 0)
-      std::copy_n(pass.arguments.begin() + static_cast<std::int64_t>(row) * n.leaf().nd, nr, mean.begin());
+    means_at(n, pass, row, mean.data());
     frame.set_points(mean.data(), 1, 1);
     frame.set_range(row, 1);
     std::vector<engine::PutLine> lines;
@@ -363,7 +384,7 @@ void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
 int tvldata(NX& n)
 {
   auto& log = n.host->log();
-  if (n.lognote) log.xpmlog(503, 401, {{"data", n.bylist.empty() ? "data" : "by-group data"}});
+  if (n.lognote) log.xpmlog(message::reading_data{.data = n.bylist.empty() ? "data" : "by-group data"});
   if (!n.nqpspec && (n.method == 0 || n.method == 3) && n.nreff() > 0) n.nqp = -1;
 
   engine::Frame frame(*n.gcmp, n.bound);
@@ -374,18 +395,22 @@ int tvldata(NX& n)
   frame.set_parameters(theta.data());
 
   Pass pass;
-  if (n.nreff() > 0 && run_arguments(n, frame, pass) != 0) return 1;
+  pass.arguments.resize(n.reff.size());
+  for (std::size_t k = 0; k < n.reff.size(); ++k)
+    if (run_arguments(n, frame, k, pass) != 0) return 1;
   if (run_program(n, frame, pass, pass) != 0) return 1;
   if (inspect_bad_rows(n, frame, pass) != 0) return 1;
   report_values(n, pass);
 
   n.store->nobsu = std::count(n.store->badobs.begin(), n.store->badobs.end(), BadCause::none);
-  if (n.nreff() > 0 && count_subjects(n, pass) != 0) return 1;
+  for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff)
+    if (count_subjects(n, pass, *reff) != 0) return 1;
   if (n.store->nobsu == 0) {
     report_nothing_left(n);
     n.raise(1012);
     return 1;
   }
+  if (n.reobsinfo && n.nreff() > 0) tvlmisc(n);
   report_impossible(n, pass);
   write_put_lines(n, frame, pass);
   return 0;

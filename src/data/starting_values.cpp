@@ -1,6 +1,8 @@
 #include "data/starting_values.h"
 
+#include "host/message_names.h"
 #include "host/missing.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,6 +10,7 @@
 namespace torvale::data {
 
 using model::NX;
+using syntax::parms_slot;
 
 namespace {
 
@@ -42,7 +45,7 @@ int long_form(NX& n, const host::DataSet& data, const host::ByGroup& rows, std::
     read_missing = read_missing || std::isnan(value);
     it->values.push_back(std::isnan(value) ? 1.0 : value);
   }
-  if (read_missing) n.host->log().xpmlog(503, 9205, {{"data", data.name}});
+  if (read_missing) n.host->log().xpmlog(message::missing_start_read_as_one{.data = data.name});
   return 0;
 }
 
@@ -54,11 +57,11 @@ int wide_form(NX& n, const host::DataSet& data, const host::ByGroup& rows, std::
                                    [&](const host::ByVariable& v) { return host::equal_names(v.name, column.name()); });
     if (is_by) continue;
     if (!mentioned(n, column.name())) {
-      n.host->log().xpmlog(503, 9206, {{"variable", column.name()}, {"data", data.name}});
+      n.host->log().xpmlog(message::starting_variable_unused{.variable = column.name(), .data = data.name});
       continue;
     }
     if (!column.numeric()) {
-      n.host->log().xpmlog(503, 230, {{"variable", column.name()}, {"data", data.name}});
+      n.host->log().xpmlog(message::starting_variable_not_numeric{.variable = column.name(), .data = data.name});
       return 1;
     }
     NamedValues values{column.name(), {}, {}};
@@ -68,7 +71,7 @@ int wide_form(NX& n, const host::DataSet& data, const host::ByGroup& rows, std::
     }
     found.push_back(std::move(values));
   }
-  if (read_missing) n.host->log().xpmlog(503, 9205, {{"data", data.name}});
+  if (read_missing) n.host->log().xpmlog(message::missing_start_read_as_one{.data = data.name});
   return 0;
 }
 
@@ -90,7 +93,7 @@ int parms_statement(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
     waiting = found.size();
     values.clear();
   };
-  for (const syntax::StItem& item : parms.slot(1).list) {
+  for (const syntax::StItem& item : parms.slot(parms_slot::values).list) {
     if (item.kind == syntax::StItem::Kind::name) {
       if (in_values) close();
       in_values = false;
@@ -105,7 +108,7 @@ int parms_statement(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
   }
   if (in_values) close();
   if (waiting < found.size()) {
-    n.host->log().xpmlog(503, 235, {{"name", found[waiting].name}}, place_of(n, found[waiting].where));
+    n.host->log().xpmlog(message::no_starting_value{.name = found[waiting].name}, place_of(n, found[waiting].where));
     return 1;
   }
   return 0;
@@ -114,7 +117,7 @@ int parms_statement(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
 int open_parms_data(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& found)
 {
   auto& log = n.host->log();
-  const syntax::StItem& item = parms.slot(3).list.at(0);
+  const syntax::StItem& item = parms.slot(parms_slot::data).list.at(0);
   const auto place = place_of(n, item.where);
   host::DataSetReference reference{item.text, item.quoted, {}};
   if (!item.options.empty()) {
@@ -131,11 +134,16 @@ int open_parms_data(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
   const host::Column* estimates = d.find("Estimate");
   n.pdata.wide = names == nullptr || names->numeric();
   if (!n.pdata.wide && estimates == nullptr) {
-    log.xpmlog(503, 238, {{"data", d.name}}, place);
+    log.xpmlog(message::no_estimate_variable{.data = d.name}, place);
     return 1;
   }
   if (!n.pdata.wide && !estimates->numeric()) {
-    log.xpmlog(503, 230, {{"variable", "Estimate"}, {"data", d.name}}, place);
+    log.xpmlog(message::starting_variable_not_numeric{.variable = "Estimate", .data = d.name}, place);
+    return 1;
+  }
+
+  if (d.rows() == 0) {
+    log.xpmlog(message::parms_data_without_rows{.data = d.name}, place);
     return 1;
   }
 
@@ -143,18 +151,18 @@ int open_parms_data(NX& n, const syntax::STMT& parms, std::vector<NamedValues>& 
   if (n.bydata && !n.bylist.empty()) {
     const int match = host::ByGroups::xbylist(*n.fid, d, n.bylist);
     if (match == 1) {
-      log.xpmlog(503, 9207, {{"data", d.name}}, place);
+      log.xpmlog(message::starting_by_variable_mismatch{.data = d.name}, place);
       return 1;
     }
     if (match == 2) {
-      log.xpmlog(503, 24, {{"data", d.name}}, place);
+      log.xpmlog(message::bydata_without_effect{.data = d.name}, place);
     } else {
       n.pdata.by = true;
       if (n.pdata.groups.build(d, n.bylist, true, log) != 0) return 1;
       if (n.pdata.groups.count() > 0) rows = n.pdata.groups.group(0);
     }
   } else if (n.bydata) {
-    log.xpmlog(503, 24, {{"data", d.name}}, place);
+    log.xpmlog(message::bydata_without_effect{.data = d.name}, place);
   }
   std::vector<NamedValues> read;
   if (read_rows(n, rows, read) != 0) return 1;
@@ -173,7 +181,7 @@ int load_group_values(NX& n)
   // The group with the same BY values, wherever it stands in the PARMS data set.
   const auto match = n.pdata.groups.xbysync(*n.by_groups, static_cast<std::size_t>(n.group));
   if (!match) {
-    n.host->log().xpmlog(503, 9208, {{"data", n.pdata.data->name}});
+    n.host->log().xpmlog(message::no_starting_rows_for_group{.data = n.pdata.data->name});
     n.raise(1012);
     return 1;
   }

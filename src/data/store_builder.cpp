@@ -3,6 +3,7 @@
 
 #include "data/data_pass.h"
 #include "data/subject_index.h"
+#include "host/message_names.h"
 
 #include <algorithm>
 #include <numeric>
@@ -49,29 +50,44 @@ void set_rows(NX& n, Store& store, std::vector<std::int32_t> order)
   store.badobs.assign(rows, model::BadCause::none);
 }
 
-void set_subjects(NX& n, Store& store, model::REFFECT& reff, const SubjectRows& index)
+// The subjects of a level, and their place under those of the next outer one, which are set.
+void set_subjects(NX& n, const Store& store, std::size_t level, const SubjectRows& rows)
 {
+  model::REFFECT& reff = n.reff[level];
   const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
-  reff.SubInfo.assign(static_cast<std::size_t>(index.count()), {});
-  for (int s = 0; s < index.count(); ++s) {
+  reff.SubInfo.assign(static_cast<std::size_t>(rows.count()), {});
+  for (int s = 0; s < rows.count(); ++s) {
     auto& subject = reff.SubInfo[static_cast<std::size_t>(s)];
+    subject.ranind = static_cast<int>(level);
     subject.index = s;
-    subject.first_row = index.start[static_cast<std::size_t>(s)];
-    subject.SubCount = index.start[static_cast<std::size_t>(s) + 1] - index.start[static_cast<std::size_t>(s)];
+    subject.first_row = rows.start[static_cast<std::size_t>(s)];
+    subject.SubCount = rows.start[static_cast<std::size_t>(s) + 1] - rows.start[static_cast<std::size_t>(s)];
     const auto file =
         n.rows.begin + static_cast<std::size_t>(store.group_row[static_cast<std::size_t>(subject.first_row)]);
     if (column.numeric()) subject.n = column.number(file);
     subject.prnc = column.shown(file);
-    std::fill_n(store.subject_start.begin() + subject.first_row, subject.SubCount,
-                static_cast<std::int32_t>(subject.first_row));
+    subject.nestlev = subject.prnc;
+    subject.parent = rows.parent[static_cast<std::size_t>(s)];
+    if (subject.parent < 0) continue;
+    auto& parent = n.reff[level + 1].SubInfo[static_cast<std::size_t>(subject.parent)];
+    subject.nestlev = parent.nestlev + "-" + subject.prnc;
+    if (parent.last_child == 0) parent.first_child = s;
+    parent.last_child = s + 1;
   }
 }
 
+// Kept and lagged values start anew with each leaf: what a record yields depends on the effects of its own chain only.
+void set_starts(const NX& n, Store& store)
+{
+  for (const auto& leaf : n.leaf().SubInfo)
+    std::fill_n(store.subject_start.begin() + leaf.first_row, leaf.SubCount, static_cast<std::int32_t>(leaf.first_row));
+}
+
 // Says how the file lies: unsorted data are fine with the index, and worth a warning without it.
-void report_order(NX& n, const model::REFFECT& reff, const SubjectRows& index)
+void report_order(NX& n, const model::REFFECT& reff, const SubjectIndex& index)
 {
   if (!n.nosort) {
-    if (index.count() < index.changes) n.host->log().xpmlog(503, 753, {{"variable", reff.subname}});
+    if (index.level.front().count() < index.changes) n.host->log().xpmlog(message::unsorted_subjects_joined{.variable = reff.subname});
     return;
   }
   const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
@@ -79,7 +95,7 @@ void report_order(NX& n, const model::REFFECT& reff, const SubjectRows& index)
     if (host::compare_cells(column, row, column, row - 1) >= 0) continue;
     host::MessagePlace place;
     place.row = n.fid->file_row(row);
-    n.host->log().xpmlog(503, 337, {{"variable", reff.subname}}, place);
+    n.host->log().xpmlog(message::unsorted_subjects_split{.variable = reff.subname}, place);
     n.raise(4);
     return;
   }
@@ -95,19 +111,20 @@ int tvlenvt(NX& n)
   Store& store = *n.store;
   store.datapool = host::xmpoolc("data store");
 
-  SubjectRows index;
+  SubjectIndex index;
   if (n.nreff() > 0) {
-    if (tvlsubj(n, n.leaf(), index) != 0) {
+    if (tvlsubj(n, index) != 0) {
       n.raise(1012);
       return 1;
     }
     set_rows(n, store, index.order);
     store.subject_start.assign(index.order.size(), 0);
-    set_subjects(n, store, n.leaf(), index);
-    report_order(n, n.leaf(), index);
+    for (std::size_t k = n.reff.size(); k-- > 0;) set_subjects(n, store, k, index.level[k]);
+    set_starts(n, store);
+    report_order(n, n.outer(), index);
   } else {
     if (n.rows.rows() == 0) {
-      n.host->log().xpmlog(503, 71);
+      n.host->log().xpmlog(message::no_usable_observation{});
       n.raise(1012);
       return 1;
     }

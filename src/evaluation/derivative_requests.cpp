@@ -1,4 +1,7 @@
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
+
+#include <algorithm>
 
 namespace torvale::evaluation {
 
@@ -9,12 +12,12 @@ using model::REFFECT;
 
 namespace {
 
-constexpr int most_effects = 64; // of one block: arrays on the stack of the kernels are this long
+constexpr int most_effects = 64; // of a model: arrays on the stack of the kernels are this long
 
 // What the kernels of the method read. Without analytic gradients nothing is differentiated by the parameters.
 void complete_flags(NX& n)
 {
-  const bool gradient = n.fd == 0;
+  const bool gradient = needs_gradient(n);
   const bool searches_modes = n.nreff() > 0 && n.method != 4 && n.adaptive;
   if (searches_modes) n.needhessu = true;
   if (searches_modes && gradient) n.needcrossu = true;
@@ -23,89 +26,110 @@ void complete_flags(NX& n)
   if (n.needcrossu) n.needhessu = true;
 }
 
-int refuse(NX& n, int number, const std::string& name, const syntax::Position& where, int code)
+int refuse(NX& n, const host::NumberedMessage& problem, const syntax::Position& where, int code)
 {
   if (n.host != nullptr) {
     const auto place = n.sources != nullptr ? n.sources->place("RANDOM", where) : host::MessagePlace{.statement = "RANDOM"};
-    n.host->log().xpmlog(503, number, {{"name", name}}, place);
+    n.host->log().xpmlog(problem, place);
   }
-  n.raise(number == 10 ? 3000 : 1012);
+  n.raise(code);
   return code;
 }
 
-// First derivatives of _ll by the random effects, in the order of the effects; null where there is none.
-std::vector<CMPSYM*> effect_derivatives(const REFFECT& reff, int np)
+// First derivatives of _ll by the random effects, in the order of the chain; null where there is none.
+std::vector<CMPSYM*> effect_derivatives(const NX& n)
 {
-  std::vector<CMPSYM*> result(static_cast<std::size_t>(reff.nr), nullptr);
-  for (std::size_t k = 0; k < reff.gradstr.der.s.size(); ++k)
-    if (const int w = reff.gradstr.wrtindex[k]; w >= np) result[static_cast<std::size_t>(w - np)] = reff.gradstr.der.s[k];
+  const auto& request = n.leaf().gradstr;
+  std::vector<CMPSYM*> result(n.mransym.s.size(), nullptr);
+  for (std::size_t k = 0; k < request.der.s.size(); ++k)
+    if (const int w = request.wrtindex[k]; w >= n.nparm) result[static_cast<std::size_t>(w - n.nparm)] = request.der.s[k];
   return result;
 }
 
 // Second derivatives, then third: the second list holds only what the third needs, one triangle in the random effects.
-int request_curvature(NX& n, REFFECT& reff)
+int request_curvature(NX& n)
 {
+  REFFECT& leaf = n.leaf();
   CMPLIST slopes;
-  for (CMPSYM* s : effect_derivatives(reff, n.nparm))
+  for (CMPSYM* s : effect_derivatives(n))
     if (s != nullptr) slopes.s.push_back(s);
-  if (engine::cmpder(reff.hessustr, slopes, n.needcrossu ? reff.prsym : reff.ransym, *n.gcmp) != 0) return 1012;
+  if (engine::cmpder(leaf.hessustr, slopes, n.needcrossu ? n.mrnprsym : n.mransym, *n.gcmp) != 0) return 1012;
   if (!n.needtriu) return 0;
   CMPLIST curves;
-  for (CMPSYM* s : reff.hessustr.der.s) curves.s.push_back(s);
-  return engine::cmpder(reff.triustr, curves, reff.ransym, *n.gcmp) != 0 ? 1012 : 0;
+  for (CMPSYM* s : leaf.hessustr.der.s) curves.s.push_back(s);
+  return engine::cmpder(leaf.triustr, curves, n.mransym, *n.gcmp) != 0 ? 1012 : 0;
 }
 
-int request_block(NX& n, REFFECT& reff)
+// _ll by the parameters and the effects of all levels: the requests stand at the leaf, which has all of them on its chain.
+int request_likelihood(NX& n)
 {
-  const bool gradient = n.fd == 0;
-  if (engine::cmpder(reff.gradstr, CMPLIST{{n.llsym}}, gradient || n.needcrossu ? reff.prsym : reff.ransym, *n.gcmp) != 0)
-    return 1012;
-  if (!(gradient || n.needcrossu)) {
-    for (int& w : reff.gradstr.wrtindex) w += n.nparm; // as if by prsym: the effects follow the parameters
-    reff.gradstr.wrt = reff.prsym;
+  const bool by_parameters = needs_gradient(n) || n.needcrossu;
+  REFFECT& leaf = n.leaf();
+  if (engine::cmpder(leaf.gradstr, CMPLIST{{n.llsym}}, by_parameters ? n.mrnprsym : n.mransym, *n.gcmp) != 0) return 1012;
+  if (!by_parameters) {
+    for (int& w : leaf.gradstr.wrtindex) w += n.nparm; // as if by mrnprsym: the effects follow the parameters
+    leaf.gradstr.wrt = n.mrnprsym;
   }
-  const auto slopes = effect_derivatives(reff, n.nparm);
-  for (std::size_t e = 0; e < slopes.size(); ++e)
-    if (slopes[e] == nullptr) return refuse(n, 10, reff.names[e], reff.ransym.s[e]->where, 3000);
-  if (n.needhessu && request_curvature(n, reff) != 0) return 1012;
+  const auto slopes = effect_derivatives(n);
+  for (const REFFECT& reff : n.reff)
+    for (std::size_t e = 0; e < reff.names.size(); ++e)
+      if (slopes[static_cast<std::size_t>(reff.first_effect) + e] == nullptr)
+        return refuse(n, message::likelihood_without_random_effect{.name = reff.names[e]}, reff.ransym.s[e]->where, 3000);
+  return n.needhessu ? request_curvature(n) : 0;
+}
 
-  // Distribution arguments: by parameters for the chain rule; they may not depend on the effects themselves.
+// Distribution arguments: by parameters for the chain rule; they may not depend on random effects, whatever their level.
+int request_arguments(NX& n, REFFECT& reff)
+{
   for (CMPSYM* argument : reff.distrsym.s)
-    for (std::size_t e = 0; e < reff.ransym.s.size(); ++e)
-      if (engine::cmpcdep(*n.gcmp, argument, reff.ransym.s[e])) return refuse(n, 303, reff.names[e], argument->where, 1012);
-  if (gradient || n.needcrossu) {
-    CMPLIST parameters;
-    parameters.s.assign(reff.prsym.s.begin(), reff.prsym.s.begin() + n.nparm);
-    if (engine::cmpder(reff.gradrstr, reff.distrsym, parameters, *n.gcmp) != 0) return 1012;
-  }
-  return 0;
+    for (CMPSYM* effect : n.mransym.s)
+      if (engine::cmpcdep(*n.gcmp, argument, effect))
+        return refuse(n, message::random_argument_depends_on_effect{.name = effect->name}, argument->where, 1012);
+  if (!(needs_gradient(n) || n.needcrossu)) return 0;
+  CMPLIST parameters;
+  parameters.s.assign(n.mrnprsym.s.begin(), n.mrnprsym.s.begin() + n.nparm);
+  return engine::cmpder(reff.gradrstr, reff.distrsym, parameters, *n.gcmp) != 0 ? 1012 : 0;
 }
 
 // What the kernels do not integrate; null when they do.
 const char* unserved(const NX& n)
 {
-  if (n.nreff() > 1) return "A model with several RANDOM statements";
-  if (n.nreff() == 1 && n.leaf().distrtype != 0) return "The DISCRETE distribution of RANDOM";
-  if (n.nreff() == 1 && n.leaf().nr > most_effects) return "A RANDOM statement with more than 64 random effects";
+  if (std::any_of(n.reff.begin(), n.reff.end(), [](const REFFECT& reff) { return reff.distrtype != 0; }))
+    return "The DISCRETE distribution of RANDOM";
+  if (n.mransym.n() > most_effects) return "A model with more than 64 random effects";
   return nullptr;
+}
+
+// With one level a caller may have left the lists of all levels to us.
+void complete_lists(NX& n)
+{
+  if (n.mransym.n() == 0)
+    for (auto it = n.reff.rbegin(); it != n.reff.rend(); ++it) {
+      it->first_effect = n.mransym.n();
+      n.mransym.s.insert(n.mransym.s.end(), it->ransym.s.begin(), it->ransym.s.end());
+    }
+  n.mrnprsym.s.assign(n.prsym.s.begin(), n.prsym.s.end());
+  n.mrnprsym.s.insert(n.mrnprsym.s.end(), n.mransym.s.begin(), n.mransym.s.end());
 }
 
 } // namespace
 
 int build_programs(NX& n)
 {
+  complete_lists(n);
   if (const char* what = unserved(n); what != nullptr) {
-    if (n.host != nullptr) n.host->log().xpmlog(503, 9330, {{"what", what}});
+    if (n.host != nullptr) n.host->log().xpmlog(message::not_available{.what = what});
     n.raise(3000);
     return 3000;
   }
   complete_flags(n);
   if (n.nreff() == 0) {
-    if (n.fd != 0) return 0;
+    if (!needs_gradient(n)) return 0;
     return engine::cmpder(n.gradstr, CMPLIST{{n.llsym}}, n.prsym, *n.gcmp) != 0 ? 1012 : 0;
   }
+  if (const int rc = request_likelihood(n); rc != 0) return rc;
   for (REFFECT& reff : n.reff)
-    if (const int rc = request_block(n, reff); rc != 0) return rc;
+    if (const int rc = request_arguments(n, reff); rc != 0) return rc;
   return 0;
 }
 

@@ -26,10 +26,10 @@ host::MessagePlace place_of(const NX& n, std::int64_t row)
   host::MessagePlace place;
   place.row = n.store->file_row[static_cast<std::size_t>(row)];
   if (n.nreff() > 0) {
-    const auto& subjects = n.outer().SubInfo;
+    const auto& subjects = n.leaf().SubInfo;
     const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
                                      [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
-    if (it != subjects.begin()) place.subject = std::prev(it)->prnc;
+    if (it != subjects.begin()) place.subject = n.nreff() > 1 ? std::prev(it)->nestlev : std::prev(it)->prnc;
   }
   return place;
 }
@@ -45,16 +45,6 @@ FaultWords words_of(const NX& n, const engine::Fault& fault)
   auto place = n.sources->place({}, fault.where);
   place.column = 0; // the statement's line is meant
   return {fault.text, where.line > 0 ? shortened(n.sources->line_text(where)) : "", std::move(place)};
-}
-
-void FaultWords::add_to(host::MessageArguments& arguments, host::MessagePlace& place) const
-{
-  arguments.emplace_back("reason", reason);
-  if (!source.empty()) arguments.emplace_back("source", source);
-  place.line = at.line;
-  place.column = at.column;
-  place.program = at.program;
-  place.source = at.source;
 }
 
 } // namespace torvale::evaluation

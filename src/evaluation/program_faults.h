@@ -16,7 +16,16 @@ struct FaultWords {
   std::string source;
   host::MessagePlace at;
 
-  void add_to(host::MessageArguments& arguments, host::MessagePlace& place) const;
+  // Fills the members of a message, and the line and file of its place.
+  template <class Message> void add_to(Message& message, host::MessagePlace& place) const
+  {
+    message.reason = reason;
+    message.source = source;
+    place.line = at.line;
+    place.column = at.column;
+    place.program = at.program;
+    place.source = at.source;
+  }
 };
 FaultWords words_of(const model::NX& n, const engine::Fault& fault);
 

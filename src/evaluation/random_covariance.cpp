@@ -1,6 +1,7 @@
 #include "evaluation/random_covariance.h"
 
 #include "evaluation/record_sums.h"
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "matrix/cholesky.h"
 #include "matrix/eigenvalues.h"
@@ -19,7 +20,8 @@ using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int missing_argument = 135, not_semidefinite = 132;
+constexpr int missing_argument = message::random_covariance_missing::message_number;
+constexpr int not_semidefinite = message::random_covariance_not_definite::message_number;
 
 // An indefinite G ends the evaluation; one that is semidefinite to singvar goes on.
 void classify_singular(const NX& n, int nr, BlockWork& block)
@@ -38,11 +40,21 @@ int prior_failure(const BlockWork& block)
   return block.badG ? missing_argument : block.negG ? not_semidefinite : 0;
 }
 
-// Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same factor.
-int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* output, int lane, long arguments)
+// A column of the factor that is zero gets the variance that the run lends it.
+void lift_factor(const NX& n, int nr, double* factor)
 {
-  const REFFECT& reff = n.leaf();
-  BatchWork& b = ctx.batch;
+  for (int i = 0; i < nr; ++i) {
+    double& pivot = factor[matrix::packed_diagonal(i)];
+    if (pivot == 0.0) pivot = std::sqrt(n.lift[static_cast<std::size_t>(i)]);
+  }
+}
+
+// Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same factor.
+int take_prior(const NX& n, TVLThreadCtx& ctx, const PriorEntries& entries, int p, int lane, long arguments)
+{
+  const REFFECT& reff = entries.reff;
+  model::Priors& b = entries.priors;
+  const double* const* const output = b.outputs.data();
   double* const values = b.arguments.data() + p * arguments;
   for (long k = 0; k < arguments; ++k) values[k] = output[k] != nullptr ? output[k][lane] : 0.0;
   double* const mean = b.mean.data() + static_cast<long>(p) * reff.nr;
@@ -54,10 +66,16 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, int p, const double* const* outpu
     std::copy_n(values + reff.nr, reff.nrs, ctx.block.gi.begin());
     tvlgetg(n, reff.nr, ctx.block);
     std::copy_n(ctx.block.gic.begin(), reff.nrs, factor);
+    if (!n.lift.empty()) lift_factor(n, reff.nr, factor);
   }
   for (int e = 0; e < reff.nr; ++e)
     if (std::isnan(mean[e])) return missing_argument;
   return prior_failure(ctx.block);
+}
+
+int slot_of(const PriorEntries& entries, int entry)
+{
+  return entries.slot != nullptr ? entries.slot[entry] : entry;
 }
 
 // Which of a slot's records is the first used one. Of programs that keep values the records before it are listed too.
@@ -85,16 +103,18 @@ int run_to_first_record(const NX& n, TVLThreadCtx& ctx, const engine::Program& p
   return 0;
 }
 
-// The arguments of all slots in one tile.
-int run_first_records(const NX& n, TVLThreadCtx& ctx, const engine::Program& program)
+// The arguments of entries first to first + count - 1 in one tile.
+int run_first_records(const NX& n, TVLThreadCtx& ctx, const engine::Program& program, const PriorEntries& entries, int first,
+                      int count)
 {
   const BatchWork& b = ctx.batch;
-  for (int slot = 0; slot < b.slots; ++slot) {
-    const auto at = static_cast<std::size_t>(slot);
+  for (int k = 0; k < count; ++k) {
+    const auto at = static_cast<std::size_t>(k);
+    const int slot = slot_of(entries, first + k);
     ctx.tile.observation[at] = b.level[first_used(n, b, slot)] + slot;
     ctx.tile.point[at] = 0;
   }
-  return tvlexec(ctx, program, {b.slots, ctx.tile.observation.data(), ctx.tile.point.data(), nullptr});
+  return tvlexec(ctx, program, {count, ctx.tile.observation.data(), ctx.tile.point.data(), nullptr});
 }
 
 } // namespace
@@ -137,13 +157,19 @@ int tvlgetg(const NX& n, int nr, BlockWork& block)
 
 int load_priors(const NX& n, TVLThreadCtx& ctx, bool with_derivatives)
 {
-  const REFFECT& reff = n.leaf();
   BatchWork& b = ctx.batch;
+  return load_priors(n, ctx, {n.leaf(), b, nullptr, b.slots, b.failure.data()}, with_derivatives);
+}
+
+int load_priors(const NX& n, TVLThreadCtx& ctx, const PriorEntries& entries, bool with_derivatives)
+{
+  const REFFECT& reff = entries.reff;
+  model::Priors& b = entries.priors;
   const engine::Program& program = with_derivatives ? *reff.setup.code : *reff.setup_value.code;
   const long arguments = with_derivatives ? reff.setup.places : reff.nd;
   const bool varies = reff.setup_varies;
   if (!varies && b.prior_loaded) {
-    std::fill_n(b.failure.begin(), b.slots, b.prior_failure);
+    std::fill_n(entries.failure, entries.count, b.prior_failure);
     return 0;
   }
   // By place; the arguments themselves come first, and a derivative that is identically zero is no output.
@@ -155,23 +181,25 @@ int load_priors(const NX& n, TVLThreadCtx& ctx, bool with_derivatives)
     else
       for (int a = 0; a < reff.nd; ++a) b.outputs[static_cast<std::size_t>(a)] = ctx.frame->output(a);
   };
-  ctx.frame->set_points(b.ran.data(), 1, 1); // the arguments do not read the random effects
+  ctx.frame->set_points(ctx.batch.ran.data(), 1, 1); // the arguments do not read the random effects
   if (varies && !engine::sequential(program)) {
-    if (const int rc = run_first_records(n, ctx, program); rc > 2) return rc;
-    collect();
-    for (int slot = 0; slot < b.slots; ++slot)
-      b.failure[static_cast<std::size_t>(slot)] = take_prior(n, ctx, slot, b.outputs.data(), slot, arguments);
+    for (int first = 0; first < entries.count; first += engine::max_lanes) {
+      const int count = std::min(engine::max_lanes, entries.count - first);
+      if (const int rc = run_first_records(n, ctx, program, entries, first, count); rc > 2) return rc;
+      collect();
+      for (int k = 0; k < count; ++k) entries.failure[first + k] = take_prior(n, ctx, entries, first + k, k, arguments);
+    }
     return 0;
   }
-  for (int slot = 0; slot < (varies ? b.slots : 1); ++slot) {
-    if (const int rc = run_to_first_record(n, ctx, program, slot); rc > 2) return rc;
+  for (int entry = 0; entry < (varies ? entries.count : std::min(1, entries.count)); ++entry) {
+    if (const int rc = run_to_first_record(n, ctx, program, slot_of(entries, entry)); rc > 2) return rc;
     collect();
-    b.failure[static_cast<std::size_t>(slot)] = take_prior(n, ctx, slot, b.outputs.data(), 0, arguments);
+    entries.failure[entry] = take_prior(n, ctx, entries, entry, 0, arguments);
   }
-  if (!varies) {
+  if (!varies && entries.count > 0) {
     b.prior_loaded = true;
-    b.prior_failure = b.failure[0];
-    std::fill_n(b.failure.begin(), b.slots, b.prior_failure);
+    b.prior_failure = entries.failure[0];
+    std::fill_n(entries.failure, entries.count, b.prior_failure);
   }
   return 0;
 }

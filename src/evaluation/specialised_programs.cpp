@@ -127,7 +127,7 @@ Outputs setup_outputs(const NX& n, const REFFECT& reff, bool derivatives)
 }
 
 // Everything whose missing value makes an observation unusable, by falling precedence of the cause.
-void specialise_pass(NX& n, const CMPDER& gradient, const REFFECT* reff)
+void specialise_pass(NX& n, const CMPDER& gradient)
 {
   std::vector<CMPSYM*> outputs;
   n.pass_kind.clear();
@@ -136,15 +136,16 @@ void specialise_pass(NX& n, const CMPDER& gradient, const REFFECT* reff)
     outputs.push_back(symbol);
     n.pass_kind.push_back(static_cast<char>(cause));
   };
+  add(engine::cmpsyms(*n.gcmp, "_cmpt_used"), BadCause::event);
   add(n.depsym, BadCause::dependent);
   add(n.repsym, BadCause::replicate);
   add(n.llsym, BadCause::log_likelihood);
-  if (n.fd == 0)
+  if (needs_gradient(n))
     for (CMPSYM* s : gradient.der.s) add(s, BadCause::gradient);
-  if (reff != nullptr) {
-    for (CMPSYM* s : reff->distrsym.s) add(s, BadCause::random_argument);
-    if (n.fd == 0)
-      for (CMPSYM* s : reff->gradrstr.der.s) add(s, BadCause::random_gradient);
+  for (const REFFECT& reff : n.reff) {
+    for (CMPSYM* s : reff.distrsym.s) add(s, BadCause::random_argument);
+    if (needs_gradient(n))
+      for (CMPSYM* s : reff.gradrstr.der.s) add(s, BadCause::random_gradient);
   }
   n.pass_program = engine::cmpspec(*n.gcmp, outputs);
 }
@@ -178,21 +179,23 @@ int specialise_programs(NX& n)
   p = ModelPrograms{};
   p.np = n.nparm;
   for (const REFFECT& reff : n.reff) p.ne += reff.nr;
-  const bool analytic = n.fd == 0;
+  const bool analytic = needs_gradient(n);
   p.value = value_outputs(n).specialise(*n.gcmp);
   if (n.nreff() == 0) {
     if (analytic) p.gradient = gradient_outputs(n, n.gradstr).specialise(*n.gcmp);
-    specialise_pass(n, n.gradstr, nullptr);
+    specialise_pass(n, n.gradstr);
   } else {
-    REFFECT& reff = n.leaf();
-    reff.setup_value = setup_outputs(n, reff, false).specialise(*n.gcmp);
-    reff.setup = analytic || n.needcrossu ? setup_outputs(n, reff, true).specialise(*n.gcmp) : reff.setup_value;
-    reff.setup_varies = arguments_vary(n, reff);
+    for (REFFECT& reff : n.reff) {
+      reff.setup_value = setup_outputs(n, reff, false).specialise(*n.gcmp);
+      reff.setup = analytic || n.needcrossu ? setup_outputs(n, reff, true).specialise(*n.gcmp) : reff.setup_value;
+      reff.setup_varies = arguments_vary(n, reff);
+    }
+    const REFFECT& reff = n.leaf();
     if (analytic) p.gradient = gradient_outputs(n, reff.gradstr).specialise(*n.gcmp);
     if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
     if (n.needcrossu) p.curvature = curvature_outputs(n, reff).specialise(*n.gcmp);
     if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);
-    specialise_pass(n, reff.gradstr, &reff);
+    specialise_pass(n, reff.gradstr);
   }
   return !p.value || n.pass_program == nullptr ? 1012 : 0;
 }

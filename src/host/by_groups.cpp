@@ -1,4 +1,5 @@
 #include "host/by_groups.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <numeric>
@@ -40,10 +41,8 @@ int ByGroups::build(const DataSet& data, std::vector<ByVariable> variables, bool
   for (const ByVariable& variable : variables_) {
     const std::size_t column = data.xvfind(variable.name);
     if (column == DataSet::npos) {
-      MessageArguments arguments{{"name", variable.name}, {"data", data.name}};
-      const std::string near = nearest_name(variable.name, data.column_names());
-      if (!near.empty()) arguments.emplace_back("near", near);
-      log.xpmlog(503, 9031, arguments);
+      log.xpmlog(message::no_by_variable{
+          .name = variable.name, .data = data.name, .near = nearest_name(variable.name, data.column_names())});
       return -1;
     }
     columns_.push_back(column);
@@ -70,11 +69,11 @@ int ByGroups::find_groups(bool notsorted, MessageSink& log)
     groups_.push_back({begin, row});
     begin = row;
     if (order > 0 && !notsorted) {
-      log.xpmlog(503, 9032,
-                 {{"data", data.name},
-                  {"before", key_text(data, columns_, row - 1)},
-                  {"after", key_text(data, columns_, row)},
-                  {"row", data.file_row(row)}});
+      log.xpmlog(message::by_not_sorted{.data = data.name,
+                                        .after = key_text(data, columns_, row),
+                                        .before = key_text(data, columns_, row - 1),
+                                        .row = data.file_row(row)});
+      groups_.clear();
       return -1;
     }
   }

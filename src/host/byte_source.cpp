@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 #include <vector>
 #include <zlib.h>
 #include <zstd.h>
@@ -19,13 +20,37 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
+// A file whose first bytes have been looked at; what cannot go back to its beginning (a pipe) is read once all the same.
+class Opened {
+public:
+  explicit Opened(File file) : file_(std::move(file)) { looked_at_ = std::fread(mark_, 1, sizeof mark_, file_.get()); }
+  bool begins_with(std::initializer_list<unsigned char> bytes) const
+  {
+    return looked_at_ >= bytes.size() && std::equal(bytes.begin(), bytes.end(), mark_);
+  }
+  std::size_t read(void* to, std::size_t room)
+  {
+    if (given_ == looked_at_) return std::fread(to, 1, room, file_.get());
+    const std::size_t n = std::min(room, looked_at_ - given_);
+    std::memcpy(to, mark_ + given_, n);
+    given_ += n;
+    return n;
+  }
+  bool failed() const { return std::ferror(file_.get()) != 0; }
+
+private:
+  File file_;
+  unsigned char mark_[4] = {};
+  std::size_t looked_at_ = 0, given_ = 0;
+};
+
 class PlainFile final : public ByteSource {
 public:
-  explicit PlainFile(File file) : file_(std::move(file)) {}
+  explicit PlainFile(Opened file) : file_(std::move(file)) {}
   std::ptrdiff_t read(char* to, std::size_t room) override
   {
-    const std::size_t n = std::fread(to, 1, room, file_.get());
-    if (n == 0 && std::ferror(file_.get())) {
+    const std::size_t n = file_.read(to, room);
+    if (n == 0 && file_.failed()) {
       problem = std::strerror(errno);
       return -1;
     }
@@ -33,7 +58,7 @@ public:
   }
 
 private:
-  File file_;
+  Opened file_;
 };
 
 class TextBytes final : public ByteSource {
@@ -54,7 +79,7 @@ private:
 // gzip, also several members one after the other.
 class GzipFile final : public ByteSource {
 public:
-  explicit GzipFile(File file) : file_(std::move(file)), input_(chunk) { ok_ = inflateInit2(&z_, 15 + 16) == Z_OK; }
+  explicit GzipFile(Opened file) : file_(std::move(file)), input_(chunk) { ok_ = inflateInit2(&z_, 15 + 16) == Z_OK; }
   ~GzipFile() override { inflateEnd(&z_); }
   std::ptrdiff_t read(char* to, std::size_t room) override
   {
@@ -64,7 +89,7 @@ public:
     const uInt wanted = z_.avail_out;
     while (z_.avail_out == wanted) {
       if (z_.avail_in == 0) {
-        const std::size_t n = std::fread(input_.data(), 1, input_.size(), file_.get());
+        const std::size_t n = file_.read(input_.data(), input_.size());
         if (n == 0 && between_members_) return 0;
         if (n == 0) return fail("the compressed file ends too early");
         z_.next_in = input_.data();
@@ -87,7 +112,7 @@ private:
     problem = why;
     return -1;
   }
-  File file_;
+  Opened file_;
   std::vector<Bytef> input_;
   z_stream z_{};
   bool ok_ = false;
@@ -96,7 +121,7 @@ private:
 
 class ZstdFile final : public ByteSource {
 public:
-  explicit ZstdFile(File file) : file_(std::move(file)), input_(chunk), z_(ZSTD_createDCtx()) {}
+  explicit ZstdFile(Opened file) : file_(std::move(file)), input_(chunk), z_(ZSTD_createDCtx()) {}
   ~ZstdFile() override { ZSTD_freeDCtx(z_); }
   std::ptrdiff_t read(char* to, std::size_t room) override
   {
@@ -104,7 +129,7 @@ public:
     ZSTD_outBuffer out{to, room, 0};
     while (out.pos == 0) {
       if (in_.pos == in_.size) {
-        const std::size_t n = std::fread(input_.data(), 1, input_.size(), file_.get());
+        const std::size_t n = file_.read(input_.data(), input_.size());
         if (n == 0 && frame_done_) return 0;
         if (n == 0) return fail("the compressed file ends too early");
         in_ = {input_.data(), n, 0};
@@ -122,7 +147,7 @@ private:
     problem = why;
     return -1;
   }
-  File file_;
+  Opened file_;
   std::vector<char> input_;
   ZSTD_DCtx* z_;
   ZSTD_inBuffer in_{nullptr, 0, 0};
@@ -143,13 +168,10 @@ std::unique_ptr<ByteSource> open_bytes(const std::string& path, std::string& pro
     problem = std::strerror(errno);
     return nullptr;
   }
-  unsigned char mark[4] = {};
-  const std::size_t n = std::fread(mark, 1, sizeof mark, file.get());
-  std::rewind(file.get());
-  if (n >= 2 && mark[0] == 0x1F && mark[1] == 0x8B) return std::make_unique<GzipFile>(std::move(file));
-  if (n == 4 && mark[0] == 0x28 && mark[1] == 0xB5 && mark[2] == 0x2F && mark[3] == 0xFD)
-    return std::make_unique<ZstdFile>(std::move(file));
-  return std::make_unique<PlainFile>(std::move(file));
+  Opened opened(std::move(file));
+  if (opened.begins_with({0x1F, 0x8B})) return std::make_unique<GzipFile>(std::move(opened));
+  if (opened.begins_with({0x28, 0xB5, 0x2F, 0xFD})) return std::make_unique<ZstdFile>(std::move(opened));
+  return std::make_unique<PlainFile>(std::move(opened));
 }
 
 std::unique_ptr<ByteSource> bytes_of(std::string_view text)

@@ -1,5 +1,6 @@
 #include "host/csv.h"
 #include "host/csv_scanner.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <charconv>
@@ -135,16 +136,16 @@ bool CsvReader::failed(const CsvScanner& scanner, const ByteSource& source)
                                : std::to_string(field);
   switch (scanner.fault()) {
   case CsvScanner::Fault::unclosed_quote:
-    log_.xpmlog(503, 9005, {{"column", name}}, place);
+    log_.xpmlog(message::quote_not_closed{.column = name}, place);
     break;
   case CsvScanner::Fault::text_after_quote:
-    log_.xpmlog(503, 9006, {{"column", name}}, place);
+    log_.xpmlog(message::characters_behind_quote{.column = name}, place);
     break;
   case CsvScanner::Fault::not_text:
-    log_.xpmlog(503, 9007, {{"file", file_}});
+    log_.xpmlog(message::not_plain_text{.file = file_});
     break;
   default:
-    log_.xpmlog(503, 9002, {{"file", file_}, {"reason", source.problem}});
+    log_.xpmlog(message::file_not_read{.file = file_, .reason = source.problem});
   }
   return false;
 }
@@ -154,18 +155,19 @@ bool CsvReader::header(CsvScanner& scanner, const ByteSource& source)
   const auto step = scanner.next(fields_);
   if (step == CsvScanner::Step::failure) return failed(scanner, source);
   if (step == CsvScanner::Step::end) {
-    log_.xpmlog(503, 9008, {{"file", file_}});
+    log_.xpmlog(message::file_empty{.file = file_});
     return false;
   }
   for (std::size_t i = 0; i < fields_.size(); ++i) {
     const std::string_view given = stripped(fields_[i]);
     std::string name(cut_name(given, DataSet::longest_name));
     if (given.empty()) name = "VAR" + std::to_string(i + 1);
-    if (name != given) log_.xpmlog(503, 9009, {{"file", file_}, {"column", i + 1}, {"given", given}, {"name", name}});
+    if (name != given)
+      log_.xpmlog(message::column_renamed{.column = i + 1, .file = file_, .given = given, .name = name});
     const auto same = std::find_if(names_.begin(), names_.end(), [&](auto& n) { return equal_names(n, name); });
     if (same != names_.end()) {
-      log_.xpmlog(503, 9004,
-                  {{"file", file_}, {"name", name}, {"first", same - names_.begin() + 1}, {"second", i + 1}});
+      log_.xpmlog(message::column_named_twice{
+          .file = file_, .name = name, .first = same - names_.begin() + 1, .second = i + 1});
       return false;
     }
     names_.push_back(name);
@@ -175,7 +177,7 @@ bool CsvReader::header(CsvScanner& scanner, const ByteSource& source)
   for (const char separator : {';', '\t', '|'})
     if (names_.size() == 1 && names_[0].find(separator) != std::string::npos) {
       const std::string shown = separator == '\t' ? "a tab" : std::string("\"") + separator + "\"";
-      log_.xpmlog(503, 9013, {{"file", file_}, {"separator", shown}});
+      log_.xpmlog(message::other_separator{.file = file_, .separator = shown});
     }
   return true;
 }
@@ -190,11 +192,10 @@ bool CsvReader::body(CsvScanner& scanner, const ByteSource& source, bool second_
     if (step == CsvScanner::Step::failure) return failed(scanner, source);
     if (step == CsvScanner::Step::end) return true;
     if (fields_.size() != columns_.size()) {
-      log_.xpmlog(503, 9003,
-                  {{"row", row},
-                   {"found", fields_.size()},
-                   {"expected", columns_.size()},
-                   {"column", names_[std::min(fields_.size(), columns_.size() - 1)]}},
+      log_.xpmlog(message::row_with_wrong_fields{.row = row,
+                                                 .found = fields_.size(),
+                                                 .expected = columns_.size(),
+                                                 .column = names_[std::min(fields_.size(), columns_.size() - 1)]},
                   {.file = file_, .file_line = scanner.line()});
       return false;
     }
@@ -212,24 +213,16 @@ void CsvReader::notes()
     const ColumnReader& c = columns_[i];
     const bool asked = kinds_.contains(wzstrlo(names_[i]));
     if (asked && c.foreign_row > 0 && !c.character())
-      log_.xpmlog(503, 9014,
-                  {{"file", file_},
-                   {"column", names_[i]},
-                   {"count", c.foreign_count},
-                   {"value", c.foreign},
-                   {"row", c.foreign_row}});
+      log_.xpmlog(message::text_read_as_missing{
+          .column = names_[i], .file = file_, .count = c.foreign_count, .value = c.foreign, .row = c.foreign_row});
     if (asked) continue;
     if (c.character() && c.numbers_seen > 0 && !c.several_foreign)
-      log_.xpmlog(503, 9010,
-                  {{"file", file_},
-                   {"column", names_[i]},
-                   {"value", c.foreign},
-                   {"row", c.foreign_row},
-                   {"count", c.foreign_count}});
+      log_.xpmlog(message::text_in_numeric_column{
+          .column = names_[i], .file = file_, .value = c.foreign, .count = c.foreign_count, .row = c.foreign_row});
     if (!c.character() && c.leading_zero_row > 0)
-      log_.xpmlog(503, 9011, {{"file", file_}, {"column", names_[i]}, {"row", c.leading_zero_row}});
+      log_.xpmlog(message::leading_zeros_dropped{.column = names_[i], .file = file_, .row = c.leading_zero_row});
     if (!c.character() && c.inexact_row > 0)
-      log_.xpmlog(503, 9016, {{"file", file_}, {"column", names_[i]}, {"row", c.inexact_row}});
+      log_.xpmlog(message::digits_rounded{.column = names_[i], .file = file_, .row = c.inexact_row});
   }
 }
 
@@ -271,7 +264,7 @@ std::optional<DataSet> read_csv(const std::string& path, MessageSink& log, const
   const auto open = [&] {
     std::string problem;
     auto source = open_bytes(path, problem);
-    if (!source) log.xpmlog(503, 9002, {{"file", path}, {"reason", problem}});
+    if (!source) log.xpmlog(message::file_not_read{.file = path, .reason = problem});
     return source;
   };
   return read_with(open, path, log, kinds);

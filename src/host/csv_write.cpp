@@ -1,5 +1,6 @@
 #include "host/byte_source.h"
 #include "host/csv.h"
+#include "host/message_names.h"
 #include "host/run_output.h"
 #include "host/text.h"
 
@@ -60,7 +61,7 @@ int write_csv(const DataSet& data, const std::string& path, MessageSink& log)
   }
   file.write(compressed_for(path, std::move(out)));
   if (file.commit()) return 0;
-  log.xpmlog(503, 9012, {{"file", path}, {"reason", file.problem()}});
+  log.xpmlog(message::file_not_written{.file = path, .reason = file.problem()});
   return -1;
 }
 

@@ -1,4 +1,5 @@
 #include "host/data_set_options.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <charconv>
@@ -184,10 +185,7 @@ std::size_t index_of(const std::vector<std::string>& names, std::string_view nam
 bool known(const std::vector<std::string>& names, std::string_view name, std::string_view option, MessageSink& log)
 {
   if (index_of(names, name) < names.size()) return true;
-  MessageArguments arguments{{"option", option}, {"name", name}};
-  const std::string near = nearest_name(name, names);
-  if (!near.empty()) arguments.emplace_back("near", near);
-  log.xpmlog(503, 9025, arguments);
+  log.xpmlog(message::option_names_unknown_variable{.option = option, .name = name, .near = nearest_name(name, names)});
   return false;
 }
 
@@ -208,7 +206,7 @@ std::optional<DataSetOptions> parse_data_set_options(std::string_view text, Mess
   DataSetOptions options;
   OptionReader reader(text);
   if (reader.read(options)) return options;
-  log.xpmlog(503, 9023, {{"problem", reader.problem}, {"character", reader.at()}, {"text", text}}, place);
+  log.xpmlog(message::bad_data_set_options{.text = text, .problem = reader.problem, .character = reader.at()}, place);
   return std::nullopt;
 }
 
@@ -229,13 +227,13 @@ int output_columns(const std::vector<std::string>& names, const DataSetOptions& 
       if (equal_names(old_name, names[i])) name = new_name;
     const bool taken = std::any_of(chosen.begin(), chosen.end(), [&](auto& c) { return equal_names(c.second, name); });
     if (taken) {
-      log.xpmlog(503, 9028, {{"name", name}});
+      log.xpmlog(message::renamed_to_same_name{.name = name});
       return -1;
     }
     chosen.emplace_back(i, std::move(name));
   }
   if (!chosen.empty()) return 0;
-  log.xpmlog(503, 9029);
+  log.xpmlog(message::no_variable_left);
   return -1;
 }
 
@@ -246,7 +244,7 @@ int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSin
   if (options.where) {
     std::string problem;
     if (options.where->bind(data, problem) != 0) {
-      log.xpmlog(503, 9024, {{"problem", problem}, {"data", data.name}});
+      log.xpmlog(message::where_does_not_suit{.data = data.name, .problem = problem});
       return -1;
     }
     rows = options.where->matching_rows(data);
@@ -276,7 +274,7 @@ int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSin
   out.path = data.path;
   out.label = options.label.empty() ? data.label : options.label;
   if (kept == 0 && rows_before > 0 && options.where)
-    log.xpmlog(503, 9030, {{"data", data.name}, {"rows", rows_before}});
+    log.xpmlog(message::where_keeps_nothing{.rows = rows_before, .data = data.name});
   data = std::move(out);
   return 0;
 }

@@ -1,4 +1,5 @@
 #include "host/host.h"
+#include "host/message_names.h"
 #include "host/run_output.h"
 #include "host/table_writers.h"
 #include <algorithm>
@@ -74,6 +75,7 @@ private:
   GroupResult& group_for_tables();
   void close_tables();
   bool write_text_files();
+  const char* protected_file(const std::filesystem::path& path) const;
 
   void list(std::string_view text)
   {
@@ -181,6 +183,19 @@ void EmbeddedHost::end_step(int return_code)
   step.data_sets = libraries_.take_written();
 }
 
+// Why lines of PUT may not go there; null when they may.
+const char* EmbeddedHost::protected_file(const std::filesystem::path& path) const
+{
+  const auto is = [&](const std::string& other) {
+    std::error_code error;
+    if (std::filesystem::equivalent(path, other, error)) return true;
+    return std::filesystem::weakly_canonical(path, error) == std::filesystem::weakly_canonical(other, error) && !error;
+  };
+  const auto& own = options_.options;
+  const bool kept = std::any_of(own.begin(), own.end(), [&](const auto& o) { return o.first == "KEEP" && is(o.second); });
+  return kept ? "it is an input or a result of this run" : nullptr;
+}
+
 bool EmbeddedHost::write_text_files()
 {
   bool all = true;
@@ -188,8 +203,13 @@ bool EmbeddedHost::write_text_files()
     if (!std::exchange(file.changed, false)) continue;
     const std::filesystem::path path = std::filesystem::path(options_.places.output_folder) / name;
     std::string problem;
+    if (const char* reason = protected_file(path)) {
+      log_.xpmlog(message::put_file_protected{.file = path.string(), .reason = reason});
+      all = false;
+      continue;
+    }
     if (write_file(path.string(), file.text, problem)) continue;
-    log_.xpmlog(503, 9223, {{"file", path.string()}, {"problem", problem}});
+    log_.xpmlog(message::put_file_not_written{.file = path.string(), .problem = problem});
     all = false;
   }
   return all;

@@ -1,4 +1,5 @@
 #include "host/libraries.h"
+#include "host/message_names.h"
 #include "host/sqlite_table.h"
 #include "host/text.h"
 #include <algorithm>
@@ -18,18 +19,41 @@ std::string joined(const std::string& folder, const std::string& path)
   return fs::path(path).is_absolute() ? path : (fs::path(folder) / path).lexically_normal().string();
 }
 
+// Names that the file system refuses (too long, in a forbidden folder, a circle of links) are neither.
+bool is_folder(const std::string& path)
+{
+  std::error_code error;
+  return fs::is_directory(path, error);
+}
+
 bool is_file(const std::string& path)
 {
   std::error_code error;
-  return fs::exists(path, error) && !fs::is_directory(path, error);
+  return fs::exists(path, error) && !is_folder(path);
+}
+
+bool is_regular(const std::string& path)
+{
+  std::error_code error;
+  return fs::is_regular_file(path, error);
+}
+
+// Why nothing can be read there, in words.
+std::string no_file_reason(const std::string& path)
+{
+  if (is_folder(path)) return "it is a folder";
+  std::error_code error;
+  static_cast<void>(fs::status(path, error));
+  const bool absent = !error || error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
+  return absent ? "there is no such file" : error.message();
 }
 
 // Is the path an SQLite database: by its contents, or by its name when it is still to be made?
 bool is_database(const std::string& path)
 {
-  if (is_file(path)) return is_sqlite_file(path);
+  if (is_file(path)) return is_regular(path) && is_sqlite_file(path);
   const std::string ending = wzstrlo(fs::path(path).extension().string());
-  return !fs::is_directory(path) && (ending == ".sqlite" || ending == ".sqlite3" || ending == ".db");
+  return !is_folder(path) && (ending == ".sqlite" || ending == ".sqlite3" || ending == ".db");
 }
 
 // Names of the files in a folder that hold data sets, without their endings; sorted.
@@ -88,13 +112,13 @@ SplitName split(const std::string& name)
 void not_found(const std::string& name, const std::string& where, const std::vector<std::string>& alternatives,
                MessageSink& log, const MessagePlace& place)
 {
-  MessageArguments arguments{{"name", name}, {"where", where}};
-  const std::string near = nearest_name(name.substr(name.find('.') + 1), alternatives);
-  if (!near.empty()) arguments.emplace_back("near", near);
   std::string all;
   for (std::size_t i = 0; i < alternatives.size() && i < 12; ++i) all += (all.empty() ? "" : ", ") + alternatives[i];
-  if (!all.empty()) arguments.emplace_back("known", all);
-  log.xpmlog(503, 9020, arguments, place);
+  log.xpmlog(message::no_data_set{.name = name,
+                                  .where = where,
+                                  .near = nearest_name(name.substr(name.find('.') + 1), alternatives),
+                                  .known = all},
+             place);
 }
 
 // Says what was read: the kinds of the variables, at most `shown` names of each.
@@ -112,8 +136,8 @@ void note_kinds(const DataSet& data, MessageSink& log)
     if (count > shown) out += " and " + std::to_string(count - shown) + " more";
     return count == 0 ? std::string(" none") : out;
   };
-  log.xpmlog(503, 9015,
-             {{"data", data.name}, {"rows", data.rows()}, {"numeric", names(true)}, {"character", names(false)}});
+  log.xpmlog(message::data_set_read{
+      .data = data.name, .rows = data.rows(), .numeric = names(true), .character = names(false)});
 }
 
 } // namespace
@@ -140,12 +164,10 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
                                             const MessagePlace& place, const ColumnKinds& kinds) const
 {
   if (!is_file(path)) {
-    log.xpmlog(503, 9002,
-               {{"file", path}, {"reason", fs::is_directory(path) ? "it is a folder" : "there is no such file"}},
-               place);
+    log.xpmlog(message::file_not_read{.file = path, .reason = no_file_reason(path)}, place);
     return std::nullopt;
   }
-  if (!is_sqlite_file(path)) return read_csv(path, log, kinds);
+  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv(path, log, kinds);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)
@@ -168,7 +190,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
   } else {
     const SplitName parts = split(reference.name);
     if (!parts.valid) {
-      log.xpmlog(503, 9022, {{"name", reference.name}}, place);
+      log.xpmlog(message::bad_data_set_name{.name = reference.name}, place);
       return std::nullopt;
     }
     name = parts.library + "." + wzstrlo(parts.member);
@@ -185,7 +207,7 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
     } else if (!one_level && library == libraries_.end()) {
       std::string known = "work";
       for (const auto& [l, path] : libraries_) known += ", " + l;
-      log.xpmlog(503, 9021, {{"library", parts.library}, {"known", known}}, place);
+      log.xpmlog(message::library_not_bound{.library = parts.library, .known = known}, place);
     } else if (is_database(folder)) {
       const auto tables = sqlite_tables(folder);
       const auto table =
@@ -202,7 +224,8 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
         if (one_level) alternatives.push_back(n);
       std::sort(alternatives.begin(), alternatives.end());
       alternatives.erase(std::unique(alternatives.begin(), alternatives.end()), alternatives.end());
-      not_found(reference.name, folder == "." ? "the current folder" : "the folder " + folder, alternatives, log, place);
+      not_found(reference.name, folder == "." ? "the current folder" : "the folder " + folder, alternatives, log,
+                place);
     }
   }
   if (!data) return std::nullopt;
@@ -217,7 +240,7 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
   auto output = std::make_unique<OutputDataSet>();
   output->options_ = reference.options;
   if (reference.options.where || reference.options.first_row != 1 || reference.options.last_row != 0) {
-    log.xpmlog(503, 9033, {{"name", reference.name}}, place);
+    log.xpmlog(message::input_option_on_output{.name = reference.name}, place);
     return nullptr;
   }
   if (reference.quoted) {
@@ -228,11 +251,11 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
     const SplitName parts = split(reference.name);
     const auto library = libraries_.find(parts.library);
     if (!parts.valid) {
-      log.xpmlog(503, 9022, {{"name", reference.name}}, place);
+      log.xpmlog(message::bad_data_set_name{.name = reference.name}, place);
       return nullptr;
     }
     if (parts.library != "work" && library == libraries_.end()) {
-      log.xpmlog(503, 9021, {{"library", parts.library}, {"known", "work"}}, place);
+      log.xpmlog(message::library_not_bound{.library = parts.library, .known = "work"}, place);
       return nullptr;
     }
     const std::string folder = library == libraries_.end() ? places_.output_folder : library->second;
@@ -243,12 +266,14 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
   }
   const fs::path parent = fs::path(output->path_).parent_path();
   if (::access(parent.empty() ? "." : parent.c_str(), W_OK) != 0) {
-    log.xpmlog(503, 9012, {{"file", output->path_}, {"reason", "its folder is missing or may not be written"}}, place);
+    log.xpmlog(
+        message::file_not_written{.file = output->path_, .reason = "its folder is missing or may not be written"},
+        place);
     return nullptr;
   }
   for (const auto& other : open_)
     if (other->data_.name == output->data_.name || (other->path_ == output->path_ && !is_database(output->path_))) {
-      log.xpmlog(503, 9026, {{"name", reference.name}}, place);
+      log.xpmlog(message::data_set_written_twice{.name = reference.name}, place);
       return nullptr;
     }
   output->data_.label = reference.options.label;
@@ -280,8 +305,8 @@ int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
   if (code != 0) return code;
 
   const std::string shown = fs::path(owned->path_).lexically_proximate(places_.output_folder).string();
-  log.xpmlog(503, 9034,
-             {{"data", data.name}, {"rows", data.rows()}, {"columns", data.columns().size()}, {"file", shown}});
+  log.xpmlog(message::data_set_written{
+      .data = data.name, .rows = data.rows(), .columns = data.columns().size(), .file = shown});
   finished_.push_back({data.name, shown, data.rows()});
   written_[data.name] = std::move(written);
   return 0;

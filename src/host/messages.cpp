@@ -1,4 +1,5 @@
 #include "host/messages.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <charconv>
@@ -71,6 +72,19 @@ std::string_view severity_name(Severity severity)
 
 MessageArgument::MessageArgument(std::string_view n, double v) : name(n), value(readable(v)) {}
 
+MessageValue::MessageValue(double v) : text_(readable(v)) {}
+
+NumberedMessage::NumberedMessage(MessageCode code, std::initializer_list<Argument> arguments) : code_(code)
+{
+  for (const Argument& a : arguments)
+    if (a.value != nullptr) arguments_.emplace_back(a.name, a.value->text());
+}
+
+NumberedMessage::NumberedMessage(MessageCode code, const std::vector<std::string>& values) : code_(code)
+{
+  for (std::size_t k = 0; k < values.size(); ++k) arguments_.emplace_back(std::to_string(k), values[k]);
+}
+
 const CatalogueEntry* find_message(int group, int number)
 {
   const auto& all = catalogue();
@@ -119,6 +133,16 @@ std::string xpmstr(int group, int number, const MessageArguments& arguments)
   return out;
 }
 
+std::string xpmstr(const NumberedMessage& message)
+{
+  return xpmstr(message.code().group, message.code().number, message.arguments());
+}
+
+void MessageSink::xpmlog(const NumberedMessage& message, const MessagePlace& place)
+{
+  xpmlog(message.code().group, message.code().number, message.arguments(), place);
+}
+
 void MessageSink::xpmlog(int group, int number, const MessageArguments& arguments, const MessagePlace& place)
 {
   const CatalogueEntry* entry = find_message(group, number);
@@ -164,7 +188,7 @@ void Journal::replay(MessageSink& sink)
     else
       sink.post(std::move(entry.message));
   }
-  if (dropped_ > 0) sink.xpmlog(503, 9001, {{"count", dropped_}});
+  if (dropped_ > 0) sink.xpmlog(message::messages_dropped{.count = dropped_});
   clear();
 }
 
@@ -177,7 +201,8 @@ void Journal::clear()
 void MessageLog::post(Message message)
 {
   if (message.severity == Severity::error) ++errors_;
-  if (++repeats_[{message.group, message.number}] > repeat_limit) return;
+  const bool asked_for = message.group == 503 && message.number >= 400 && message.number < 450; // LOGNOTE
+  if (!asked_for && ++repeats_[{message.group, message.number}] > repeat_limit) return;
   message.by_group = by_group_;
   locate(message);
   if (writer_) write(message);
@@ -246,7 +271,7 @@ void MessageLog::close_repeats()
   const auto repeats = std::exchange(repeats_, {});
   for (const auto& [code, times] : repeats)
     if (times > repeat_limit)
-      xpmlog(503, 9000, {{"group", code.first}, {"number", code.second}, {"times", times - repeat_limit}});
+      xpmlog(message::repeated_message{.group = code.first, .number = code.second, .times = times - repeat_limit});
   repeats_.clear();
 }
 

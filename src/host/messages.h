@@ -1,4 +1,5 @@
 #pragma once
+#include "host/catalogue.h"
 #include <concepts>
 #include <cstdint>
 #include <deque>
@@ -10,13 +11,13 @@
 #include <utility>
 #include <vector>
 
-// Numbered messages. Words, severity and advice stand in one table, catalogue.cpp; a caller gives group, number and
-// named arguments. Groups: 503 the procedure, 352 the optimizer, 549 the optimizer's reports, 0 labels of tables.
-// Numbers of 503 from 9000 on are of our own making: 9000 to 9199 the host, 9200 to 9299 data and solve; a room takes
-// the next free hundred.
+// Numbered messages. Words, severity and advice stand in one table, catalogue.cpp, and each message has a name there; a
+// caller writes xpmlog(message::seed_too_large{.limit = x}, place) with the names that the build makes of that table
+// (host/message_names.h). Groups: 503 the procedure (message::, and label:: for the words of tables), 352 the
+// optimizer's options, 549 its reports, 100 the parser. Numbers of 503 from 9000 on are of our own making: 9000 to 9199
+// the host, 9200 to 9299 data and solve; a room takes the next free hundred.
 namespace torvale::host {
 
-enum class Severity { note, warning, error };
 std::string_view severity_name(Severity severity); // "note", "warning", "error"
 
 // One named argument; numbers become readable text: whole ones in full, others with about six digits.
@@ -57,29 +58,73 @@ struct Message {
   std::string source{}; // text of that line
 };
 
-// What the catalogue says of one message.
-struct CatalogueEntry {
-  int group;
-  int number;
-  Severity severity;
-  std::string_view text;   // {name} is an argument; [ ... {name} ... ] is dropped when an argument in it is not given
-  std::string_view causes; // usual causes; may be empty
-  std::string_view advice; // what to try; may be empty
-};
-
-// The whole catalogue, sorted by group and number.
-const std::vector<CatalogueEntry>& catalogue();
 const CatalogueEntry* find_message(int group, int number); // null when there is none
 
 // What "torvale explain CODE" prints; CODE is "503/72", "503-72" or "72" (group 503). Empty when there is no such
 // message.
 std::string explain_message(std::string_view code);
 
+// A message by its number alone.
+struct MessageCode {
+  int group;
+  int number;
+};
+
+// The value of a named argument, as text.
+class MessageValue {
+public:
+  MessageValue(std::string_view v) : text_(v) {}
+  MessageValue(const char* v) : text_(v) {}
+  MessageValue(std::string v) : text_(std::move(v)) {}
+  MessageValue(double v);
+  MessageValue(std::integral auto v) : text_(std::to_string(v)) {}
+  const std::string& text() const { return text_; }
+
+protected:
+  MessageValue() = default;
+
+private:
+  std::string text_;
+};
+
+// An argument that may stay unset, as may an empty text: the stretch of the words that shows it then falls away.
+class OptionalMessageValue : public MessageValue {
+public:
+  using MessageValue::MessageValue;
+  OptionalMessageValue() = default;
+};
+
+// A message with its arguments, whatever its kind: what the records of host/message_names.h turn into.
+class NumberedMessage {
+public:
+  struct Argument {
+    std::string_view name;
+    const MessageValue* value; // null: not given
+    Argument(std::string_view n, const MessageValue& v) : name(n), value(&v) {}
+    Argument(std::string_view n, const OptionalMessageValue& v) : name(n), value(v.text().empty() ? nullptr : &v) {}
+  };
+  NumberedMessage(MessageCode code) : code_(code) {}
+  NumberedMessage(MessageCode code, std::initializer_list<Argument> arguments);
+  // Values by position for {0}, {1}, ...: messages that another library raises by number.
+  NumberedMessage(MessageCode code, const std::vector<std::string>& values);
+  MessageCode code() const { return code_; }
+  const MessageArguments& arguments() const { return arguments_; }
+
+private:
+  MessageCode code_;
+  MessageArguments arguments_;
+};
+
 // xpmstr: the words of a message, arguments filled in. A number that the catalogue lacks still gives a text that names
 // group, number and all arguments. (x host, pm print message, str to a string.)
+std::string xpmstr(const NumberedMessage& message);
 std::string xpmstr(int group, int number, const MessageArguments& arguments = {});
 
 // otbmsg: the words of a label or title of an output table. (otb output table, msg message.)
+inline std::string otbmsg(const NumberedMessage& message)
+{
+  return xpmstr(message);
+}
 inline std::string otbmsg(int group, int number, const MessageArguments& arguments = {})
 {
   return xpmstr(group, number, arguments);
@@ -91,6 +136,7 @@ public:
   virtual ~MessageSink() = default;
 
   // xpmlog: raise a message. (x host, pm print message, log to the log.)
+  void xpmlog(const NumberedMessage& message, const MessagePlace& place = {});
   void xpmlog(int group, int number, const MessageArguments& arguments = {}, const MessagePlace& place = {});
 
   // xpslog: a raw line for the log, without number; not part of the results.

@@ -122,6 +122,12 @@ bool make_folder(const std::string& path, std::string& problem)
   return false;
 }
 
+void ensure_standard_streams()
+{
+  for (int descriptor = 0; descriptor <= 2; ++descriptor) // the lowest free number is given
+    if (::fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) static_cast<void>(::open("/dev/null", O_RDWR));
+}
+
 bool is_terminal(int descriptor)
 {
   return ::isatty(descriptor) == 1;

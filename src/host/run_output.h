@@ -31,6 +31,10 @@ bool read_file(const std::string& path, std::string& bytes, std::string& problem
 bool make_folder(const std::string& path, std::string& problem); // with its parents; fine when it is there
 
 // Is the stream with this descriptor (1 standard output, 2 standard error) a terminal?
+// Opens the null device for each of descriptors 0 to 2 that the caller has closed, so that no file of the run gets the
+// number of a standard stream. Call it before anything is opened.
+void ensure_standard_streams();
+
 bool is_terminal(int descriptor);
 
 } // namespace torvale::host

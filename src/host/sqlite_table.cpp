@@ -1,4 +1,5 @@
 #include "host/sqlite_table.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include <cmath>
 #include <cstdio>
@@ -163,7 +164,7 @@ std::optional<DataSet> read_sqlite(const std::string& path, const std::string& t
                                    const ColumnKinds& kinds)
 {
   const auto refuse = [&](std::string_view reason) {
-    log.xpmlog(503, 9027, {{"file", path}, {"table", table}, {"reason", reason}});
+    log.xpmlog(message::database_table_not_read{.table = table, .file = path, .reason = reason});
     return std::nullopt;
   };
   std::string problem;
@@ -190,7 +191,7 @@ std::optional<DataSet> read_sqlite(const std::string& path, const std::string& t
     for (std::size_t i = 0; i < told.size(); ++i) {
       Column& column = data.columns()[i];
       if (append_value(column, rows.get(), static_cast<int>(i)) || told[i]) continue;
-      log.xpmlog(503, 9016, {{"file", path}, {"column", column.name()}, {"row", column.rows()}});
+      log.xpmlog(message::digits_rounded{.column = column.name(), .file = path, .row = column.rows()});
       told[i] = true;
     }
   if (code != SQLITE_DONE) return refuse(sqlite3_errmsg(database.get()));
@@ -208,7 +209,7 @@ int write_sqlite(const DataSet& data, const std::string& path, const std::string
     problem = sqlite3_errmsg(database.get());
     (void)execute(database.get(), "ROLLBACK"); // nothing to do when even this fails: the transaction is not committed
   }
-  log.xpmlog(503, 9012, {{"file", path + ", table " + table}, {"reason", problem}});
+  log.xpmlog(message::file_not_written{.file = path + ", table " + table, .reason = problem});
   return -1;
 }
 

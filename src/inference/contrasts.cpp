@@ -1,5 +1,7 @@
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "inference/expressions.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 #include "matrix/quadratic_forms.h"
 #include "matrix/sweep.h"
@@ -47,17 +49,18 @@ int wald_statistic(int r, std::vector<double>& v, const std::vector<double>& c, 
 
 int tvlcont(NX& n)
 {
-  if (n.loglevel > 0) n.host->log().xpmlog(503, 408, {{"what", n.contrasts.size() == 1 ? "contrast" : "contrasts"}});
+  if (n.loglevel > 0)
+    n.host->log().xpmlog(message::computing{.what = n.contrasts.size() == 1 ? "contrast" : "contrasts"});
   ExpressionValues values;
   if (evaluate_expressions(n, n.contrasts, "CONTRAST", values) != 0) return 1;
   const auto np = static_cast<std::size_t>(n.nparm);
 
-  host::Table table("Contrasts", host::otbmsg(503, 214),
-                    {{"Label", CellKind::text, host::otbmsg(503, 202), "", ""},
-                     {"NumDF", CellKind::number, host::otbmsg(503, 215), "BEST6", ""},
-                     {"DenDF", CellKind::number, host::otbmsg(503, 216), "BEST6", ""},
-                     {"FValue", CellKind::number, host::otbmsg(503, 217), "8.2", ""},
-                     {"ProbF", CellKind::number, host::otbmsg(503, 218), "PVALUE6.4", ""}});
+  host::Table table("Contrasts", host::otbmsg(label::contrasts),
+                    {{"Label", CellKind::text, host::otbmsg(label::label), "", ""},
+                     {"NumDF", CellKind::number, host::otbmsg(label::numerator_df), "BEST6", ""},
+                     {"DenDF", CellKind::number, host::otbmsg(label::denominator_df), "BEST6", ""},
+                     {"FValue", CellKind::number, host::otbmsg(label::f_value), "8.2", ""},
+                     {"ProbF", CellKind::number, host::otbmsg(label::probability_of_f), "PVALUE6.4", ""}});
   std::size_t first = 0;
   for (const auto& statement : n.contrasts) {
     const auto r = static_cast<std::size_t>(statement.expr.n());
@@ -69,6 +72,16 @@ int tvlcont(NX& n)
     const std::vector<double> c(values.value.begin() + static_cast<std::ptrdiff_t>(first),
                                 values.value.begin() + static_cast<std::ptrdiff_t>(first + r));
     double f = 0.0;
+    // A row that is not estimable leaves nothing to test.
+    bool estimable = true;
+    for (std::size_t i = 0; i < r; ++i)
+      estimable = estimable && (v[i * (i + 3) / 2] == 0.0 ||
+                                !std::isnan(standard_error(n, &values.gradient[(first + i) * np], v[i * (i + 3) / 2])));
+    if (!estimable) {
+      table.row({statement.label, host::missing, host::missing, host::missing, host::missing});
+      first += r;
+      continue;
+    }
     const int nu = wald_statistic(static_cast<int>(r), v, c, n.singsweep, f);
     const double denominator = statement.df >= 0 ? statement.df : n.dfe;
     const double p = probability::zprbf(f, nu, denominator);

@@ -1,6 +1,7 @@
 #include "inference/expressions.h"
 
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 #include "host/missing.h"
 
 #include <cmath>
@@ -15,16 +16,15 @@ int refuse(model::NX& n, engine::Frame& frame, const model::EstimateStatement& s
   std::vector<engine::Fault> faults;
   int nerror = 0, nmissgen = 0;
   frame.run_checked(*s.program, 0, 0, faults, nerror, nmissgen);
-  host::MessageArguments arguments = {{"statement", statement}};
-  if (!s.label.empty()) arguments.emplace_back("label", s.label);
+  message::expression_fails_at_estimates words{.statement = statement, .label = s.label};
   host::MessagePlace place;
   if (faults.empty()) {
     place = n.sources->place(statement, s.where);
-    if (nmissgen > 0) arguments.emplace_back("reason", "a variable that it uses is missing");
+    if (nmissgen > 0) words.reason = "a variable that it uses is missing";
   } else {
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
+    evaluation::words_of(n, faults.front()).add_to(words, place);
   }
-  n.host->log().xpmlog(503, 73, arguments, place);
+  n.host->log().xpmlog(words, place);
   n.raise(1012);
   return 1;
 }

@@ -1,6 +1,7 @@
 #include "inference/fit_outputs.h"
 
 #include "host/libraries.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include "inference/predictions.h"
 #include "matrix/quadratic_forms.h"
@@ -36,7 +37,7 @@ void add(NX& n, OutputDataSet& out, const std::string& name, const std::string& 
   const std::size_t at = out.add_column(name, ColumnKind::numeric, label);
   const std::string& given = out.data().columns()[at].name();
   if (!host::equal_names(given, name.substr(0, host::DataSet::longest_name)))
-    n.host->log().xpmlog(503, 9571, {{"name", name}, {"data", out.name()}, {"given", given}});
+    n.host->log().xpmlog(message::result_name_taken{.data = out.name(), .name = name, .given = given});
 }
 
 // What follows an estimate, in this order.

@@ -1,3 +1,5 @@
+#include "host/message_names.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 
 #include <algorithm>
@@ -18,14 +20,20 @@ void write_fit_statistics(model::NX& n)
 {
   using host::CellKind;
   const InformationCriteria criteria = information_criteria(n);
-  host::Table table("FitStatistics", host::otbmsg(503, 119),
-                    {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
-                     {"Value", CellKind::number, host::otbmsg(503, 32), "D12.7.2", ""}});
-  table.row({host::xpmstr(503, 120), criteria.minus2_log_likelihood});
-  table.row({host::xpmstr(503, 121), criteria.aic});
-  table.row({host::xpmstr(503, 122), criteria.aicc});
-  table.row({host::xpmstr(503, 123), criteria.bic});
+  host::Table table("FitStatistics", host::otbmsg(label::fit_statistics),
+                    {{"Descr", CellKind::text, host::otbmsg(label::description), "", ""},
+                     {"Value", CellKind::number, host::otbmsg(label::value), "D12.7.2", ""}});
+  table.row({host::xpmstr(label::minus_two_log_likelihood), criteria.minus2_log_likelihood});
+  table.row({host::xpmstr(label::aic), criteria.aic});
+  table.row({host::xpmstr(label::aicc), criteria.aicc});
+  table.row({host::xpmstr(label::bic), criteria.bic});
   n.host->tables().wobmth(std::move(table));
+}
+
+void warn_of_standard_errors(model::NX& n)
+{
+  warn_without_influence(n);
+  if (n.znlprc > 0 && !n.covmat.empty() && !(n.dfe > 0.0)) n.host->log().xpmlog(message::no_degrees_of_freedom{.df = n.dfe});
 }
 
 void write_fit_tables(model::NX& n)

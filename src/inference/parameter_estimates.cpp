@@ -1,3 +1,5 @@
+#include "host/message_names.h"
+#include "inference/standard_errors.h"
 #include "inference/tables.h"
 #include "optimizer/optimizer.h"
 
@@ -19,32 +21,27 @@ constexpr double largest = std::numeric_limits<double>::max();
 std::string bound_status(const NX& n, int i, double eps)
 {
   const auto& str = *n.str;
-  const auto words = [](int number) { return host::xpmstr(549, number); };
+  const auto words = [](host::MessageCode name) { return host::xpmstr(name); };
   const int held = str.iabc[i];
-  std::string status = held == 2 ? words(171) : held == 1 ? words(172) : held == -1 ? words(173) : std::string();
+  std::string status = held == 2    ? words(status_message::equality)
+                       : held == 1  ? words(status_message::lower_bound)
+                       : held == -1 ? words(status_message::upper_bound)
+                                    : std::string();
   if (str.lb[i] > -largest) {
     const double d = str.x[i] - str.lb[i], t = (std::abs(str.lb[i]) + 1) * eps;
     if (d < -t)
-      status = words(174);
+      status = words(status_message::infeasible);
     else if (held != 2 && std::abs(d) < t)
-      status = words(172);
+      status = words(status_message::lower_bound);
   }
   if (str.ub[i] < largest) {
     const double d = str.ub[i] - str.x[i], t = (std::abs(str.ub[i]) + 1) * eps;
     if (d < -t)
-      status = words(174);
+      status = words(status_message::infeasible);
     else if (held != 2 && std::abs(d) < t)
-      status = words(173);
+      status = words(status_message::upper_bound);
   }
   return status;
-}
-
-double standard_error(const NX& n, int i)
-{
-  const double s = n.str->ster[i];
-  if (std::isnan(s) || n.covmat.empty()) return missing;
-  if (s < std::sqrt(n.singvar)) return s < 0 ? missing : 0.0;
-  return s;
 }
 
 } // namespace
@@ -55,7 +52,7 @@ void tvlpest(NX& n, int job)
   const bool final = job > 0;
   const bool inference = final && n.znlprc > 0;
   const bool bounds = str.bounds != 0 && (!final || str.nabc != 0);
-  const bool gradient = str.usgrd != nullptr;
+  const bool gradient = str.usgrd != nullptr || str.fidi != 0;
   const auto number = [](const char* name, const char* format) {
     return host::TableColumn{name, CellKind::number, "", format, ""};
   };
@@ -77,8 +74,8 @@ void tvlpest(NX& n, int job)
   }
   if (bounds && final) columns.push_back({"ActiveBC", CellKind::text, "", "", ""});
 
-  host::Table table(final ? "ParameterEstimates" : "StartingValues", host::otbmsg(503, final ? 103 : 102),
-                    std::move(columns));
+  host::Table table(final ? "ParameterEstimates" : "StartingValues",
+                    host::otbmsg(final ? label::parameter_estimates : label::starting_values), std::move(columns));
   table.dynamic = {{"confidence", (1 - n.alpha) * 100}};
   const double eps = str.ceps * std::pow(10.0, str.ipre);
   for (int i = 0; i < n.nparm; ++i) {
@@ -107,13 +104,17 @@ void tvlphes(NX& n, int job)
   const std::vector<double>& matrix = job >= 1 ? n.covmat : n.hessmat;
   const bool robust = job >= 1 && n.empirical && n.havemeat;
   static constexpr const char* names[] = {"StartingHessian", "Hessian", "CovMatParmEst", "CorrMatParmEst"};
-  const int label = job < 0 ? 275 : job == 0 ? 276 : job == 1 ? (robust ? 284 : 277) : (robust ? 285 : 278);
+  const host::MessageCode words = job < 0    ? label::starting_hessian
+                                  : job == 0 ? label::hessian
+                                  : job == 1 ? (robust ? label::empirical_covariance : label::covariance)
+                                             : (robust ? label::empirical_correlation : label::correlation);
 
-  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(503, 204), "", ""},
+  std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(label::row), "", ""},
                                             {"Parameter", CellKind::text, "", "", ""}};
   for (const auto& p : n.parmstr) columns.push_back({p.parmname, CellKind::number, p.parmname, "D10.4", "Parm"});
-  host::Table table(names[job + 1], host::otbmsg(503, label), std::move(columns));
-  if (job > 0) table.title = host::otbmsg(503, job == 1 ? (robust ? 265 : 261) : (robust ? 263 : 259));
+  host::Table table(names[job + 1], host::otbmsg(words), std::move(columns));
+  if (job == 1) table.title = host::otbmsg(robust ? label::empirical_covariance_table : label::covariance_table);
+  if (job > 1) table.title = host::otbmsg(robust ? label::empirical_correlation_table : label::correlation_table);
 
   const auto s = [&](int i, int j) {
     const int r = std::max(i, j), c = std::min(i, j);
@@ -121,11 +122,10 @@ void tvlphes(NX& n, int job)
   };
   const auto element = [&](int i, int j) -> double {
     if (job < 1) return s(i, j);
-    const double di = s(i, i), dj = s(j, j);
-    if (job == 1) return di < n.singvar || dj < n.singvar ? missing : s(i, j);
-    if (i == j) return 1.0;
-    if (!(di > n.singvar) || !(dj > n.singvar)) return missing;
-    return std::clamp(s(i, j) / std::sqrt(di) / std::sqrt(dj), -1.0, 1.0);
+    if (job == 2 && i == j) return 1.0;
+    const double si = standard_error(n, i), sj = standard_error(n, j);
+    if (std::isnan(si) || std::isnan(sj)) return missing;
+    return job == 1 ? s(i, j) : std::clamp(s(i, j) / std::sqrt(s(i, i)) / std::sqrt(s(j, j)), -1.0, 1.0);
   };
   for (int i = 0; i < np; ++i) {
     std::vector<host::Cell> cells = {i + 1, n.parmstr[static_cast<std::size_t>(i)].parmname};
@@ -137,10 +137,15 @@ void tvlphes(NX& n, int job)
 
 void starting_tables(NX& n)
 {
+  auto& str = *n.str;
+  // Gradient and Hessian at the start: from the optimizer's own difference routines, at the starting point.
+  if (str.usgrd == nullptr && str.fidi != 0) {
+    const double crit = str.crit;
+    if (optimizer::znlpfg2(&str) != 0) std::fill_n(str.grad, n.nparm, host::missing);
+    str.crit = crit;
+  }
   tvlpest(n, -1);
   if (!n.phess) return;
-  // The Hessian at the start: from the optimizer's own difference routine, at the starting point.
-  auto& str = *n.str;
   const auto hessian = str.ushes != nullptr ? str.ushes : (str.fidi == 0 ? optimizer::znlpfh3 : optimizer::znlpfih);
   if (hessian(&str) != 0) return;
   n.hessmat.assign(str.hess, str.hess + static_cast<std::size_t>(n.nparm) * static_cast<std::size_t>(n.nparm + 1) / 2);

@@ -1,7 +1,9 @@
 #include "inference/predictions.h"
 
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
 #include "host/missing.h"
+#include "inference/standard_errors.h"
 #include "integration/evaluation_parts.h"
 #include "matrix/packed_kernels.h"
 #include "matrix/quadratic_forms.h"
@@ -164,7 +166,8 @@ private:
     if (!whole || std::isnan(value) || n_.covmat.empty()) return;
     const double variance = squared_error(g, g + np_ + nr_, subject);
     if (!(variance > 0.0) || !std::isfinite(variance)) return;
-    const double error = std::sqrt(variance), t = value / error;
+    const double error = standard_error(n_, g + np_ + nr_, variance), t = value / error;
+    if (std::isnan(error)) return;
     out_.error[at] = error;
     out_.t[at] = t;
     if (const double p = probability::zprbf(t * t, 1.0, out_.df); p != -1.0) out_.p[at] = p;
@@ -224,11 +227,11 @@ void report_fault(NX& n, const PredictStatement& statement, const Posterior& pos
     int nerror = 0, nmissgen = 0;
     frame.run_checked(*statement.program, row, 0, faults, nerror, nmissgen);
     if (faults.empty()) continue;
-    host::MessageArguments arguments = {{"observation", evaluation::observation_number(n, row)}};
+    message::prediction_not_evaluated words{.observation = evaluation::observation_number(n, row)};
     auto place = evaluation::place_of(n, row);
     place.statement = "PREDICT";
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
-    n.host->log().xpmlog(503, 9570, arguments, place);
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+    n.host->log().xpmlog(words, place);
     n.raise(4);
     return;
   }

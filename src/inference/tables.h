@@ -18,7 +18,7 @@ struct TVAL {
 };
 
 // tvltval: fills the outputs. (tvl procedure, tval t value.) Returns 0; 1 when all outputs are missing because an input
-// is missing or estimate and error are both 0.
+// is missing or infinite, or the error is not above 0. With degrees of freedom not above 0 there is a t value and no more.
 int tvltval(TVAL& t);
 
 // The criteria of a fit with minimized objective n.fval.
@@ -36,6 +36,10 @@ void tvlpest(model::NX& n, int job);
 // tvlphes: a square matrix of the parameters (tvl procedure, phes print Hessian): job -1 "StartingHessian", 0
 // "Hessian", 1 "CovMatParmEst", 2 "CorrMatParmEst".
 void tvlphes(model::NX& n, int job);
+
+// warn_of_standard_errors: warnings of parameters without influence and of missing degrees of freedom, which the verdict
+// repeats.
+void warn_of_standard_errors(model::NX& n);
 
 // The tables of the fit after tvlsolv, in their order: fit statistics, estimates, Hessian, covariance, correlation.
 void write_fit_tables(model::NX& n);

@@ -1,5 +1,6 @@
 #include "inference/verdict.h"
 
+#include "host/message_names.h"
 #include "inference/tables.h"
 
 #include <algorithm>
@@ -220,9 +221,9 @@ void write_verdict(NX& n)
   out.estimates = n.parm;
   out.covariance = n.covmat;
 
-  host::Table table("FitVerdict", host::otbmsg(503, 9540),
-                    {{"Item", host::CellKind::text, host::otbmsg(503, 9541), "", ""},
-                     {"Finding", host::CellKind::text, host::otbmsg(503, 9542), "", ""}});
+  host::Table table("FitVerdict", host::otbmsg(label::fit_verdict),
+                    {{"Item", host::CellKind::text, host::otbmsg(label::question), "", ""},
+                     {"Finding", host::CellKind::text, host::otbmsg(label::finding), "", ""}});
   for (const auto& [item, finding] : out.findings) table.row({item, finding});
   n.host->tables().wobmth(std::move(table));
 }

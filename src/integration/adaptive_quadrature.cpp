@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "integration/evaluation_parts.h"
 
 #include "evaluation/random_covariance.h"
@@ -48,6 +49,26 @@ void find_centres(const NX& n, BatchWork& b)
   }
 }
 
+// What the subjects of the batch know of effects to which G leaves no variance: the unit of those variances.
+void note_null_directions(const NX& n, BatchWork& b)
+{
+  const int nr = n.leaf().nr, nrs = n.leaf().nrs;
+  for (int slot = 0; slot < b.slots; ++slot) {
+    const auto s = static_cast<std::size_t>(slot);
+    if (b.failure[s] != 0 || !(b.total[s] > 0.0)) continue;
+    const double* const l = b.factor.data() + static_cast<long>(modes::prior_of(n, slot)) * nrs;
+    const double* const slope = b.slope_moments.data() + static_cast<long>(slot) * (nr + nr * nr);
+    const double* const curve = b.curve.data() + static_cast<long>(slot) * nrs;
+    for (int i = 0; i < nr; ++i) {
+      const long d = matrix::packed_diagonal(i);
+      if (l[d] != 0.0) continue;
+      const double mean_slope = slope[i] / b.total[s];
+      double& scale = b.null_scale[static_cast<std::size_t>(i)];
+      scale = std::max(scale, mean_slope * mean_slope + (n.adaptive ? std::abs(curve[d]) : 0.0));
+    }
+  }
+}
+
 // tvlgaus: a batch of subjects with one level of random effects (gaus Gauss). A nest is a slot.
 class AdaptiveQuadrature final : public Integrator {
 public:
@@ -78,6 +99,7 @@ int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) 
   if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
   if (gradient && n.adaptive)
     if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
+  if (gradient) note_null_directions(n, ctx.batch);
   return 0;
 }
 

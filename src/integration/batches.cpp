@@ -6,6 +6,7 @@
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace torvale::integration {
 
@@ -72,48 +73,121 @@ void list_levels(NX& n, Batch& batch)
   batch.records = n.batch_levels.back();
 }
 
-void close_batch(NX& n, Batch& batch, int contents)
+// The usable subjects of all levels in a batch of nests, with their place in the tree.
+void list_nodes(NX& n, const Batch& batch)
+{
+  std::vector<model::NestNodes> levels(n.reff.size());
+  std::vector<int> nests; // of the batch
+  for (int s = batch.first_nest; s < batch.last_nest; ++s)
+    if (!n.outer().SubInfo[static_cast<std::size_t>(s)].badsub) nests.push_back(s);
+  for (std::size_t k = n.reff.size(); k-- > 0;) {
+    model::NestNodes& nodes = levels[k];
+    const auto& subjects = n.reff[k].SubInfo;
+    const auto add = [&](int subject, int parent) {
+      if (subjects[static_cast<std::size_t>(subject)].badsub) return;
+      nodes.subject.push_back(subject);
+      nodes.parent.push_back(parent);
+    };
+    for (std::size_t nest = 0; nest < nests.size(); ++nest) {
+      nodes.first.push_back(static_cast<int>(nodes.subject.size()));
+      if (k + 1 == n.reff.size()) {
+        add(nests[nest], -1);
+        continue;
+      }
+      const model::NestNodes& parents = levels[k + 1];
+      for (int v = parents.first[nest]; v < parents.first[nest + 1]; ++v) {
+        const auto& parent = n.reff[k + 1].SubInfo[static_cast<std::size_t>(parents.subject[static_cast<std::size_t>(v)])];
+        for (int child = parent.first_child; child < parent.last_child; ++child) add(child, v);
+      }
+    }
+    nodes.first.push_back(static_cast<int>(nodes.subject.size()));
+  }
+  // Slots of the leaves; a subject above takes that of its first leaf.
+  std::vector<std::pair<int, int>> by_subject;
+  for (int i = batch.first; i < batch.last; ++i) by_subject.emplace_back(n.batch_subjects[static_cast<std::size_t>(i)], i - batch.first);
+  std::sort(by_subject.begin(), by_subject.end());
+  for (const auto& entry : by_subject) levels[0].slot.push_back(entry.second);
+  for (std::size_t k = 1; k < levels.size(); ++k) {
+    levels[k].slot.assign(levels[k].subject.size(), -1);
+    for (std::size_t v = 0; v < levels[k - 1].subject.size(); ++v)
+      if (int& first = levels[k].slot[static_cast<std::size_t>(levels[k - 1].parent[v])]; first < 0) first = levels[k - 1].slot[v];
+  }
+  n.batch_nodes.push_back(std::move(levels));
+}
+
+void close_batch(NX& n, Batch& batch, int contents, int nest)
 {
   if (contents == batch.first) return;
   batch.last = contents;
+  batch.last_nest = nest;
+  batch.number = static_cast<int>(n.batches.size());
   std::stable_sort(n.batch_subjects.begin() + batch.first, n.batch_subjects.end(),
                    [&](int a, int b) { return records_of(n, a) > records_of(n, b); });
   list_levels(n, batch);
+  if (n.nreff() > 1) list_nodes(n, batch);
   n.batches.push_back(batch);
   batch.first = contents;
+  batch.first_nest = nest;
 }
 
-// Subjects in order, until a batch has rows enough for full tiles; smaller batches when workers would stand idle.
+// The leaves of an outermost subject: a range of the leaf level's subjects.
+std::pair<int, int> leaves_of(const NX& n, int nest)
+{
+  int first = nest, last = nest + 1;
+  for (std::size_t k = n.reff.size() - 1; k > 0; --k) {
+    const auto& subjects = n.reff[k].SubInfo;
+    first = subjects[static_cast<std::size_t>(first)].first_child;
+    last = subjects[static_cast<std::size_t>(last - 1)].last_child;
+  }
+  return {first, last};
+}
+
+// With several levels a leaf keeps sums for every joint point of its ancestors: fewer leaves where these are many.
+long slots_of_a_batch(const NX& n)
+{
+  if (n.nreff() == 1) return batch_slots;
+  double sums = std::max(1, n.programs.gradient.places); // of one leaf
+  for (std::size_t k = 1; k < n.reff.size(); ++k) sums *= static_cast<double>(n.reff[k].nqpr);
+  constexpr double most_sums = 1e6;
+  return static_cast<long>(std::clamp(most_sums / sums, 1.0, static_cast<double>(batch_slots)));
+}
+
+// Whole nests in order, until a batch has rows enough for full tiles; smaller batches when workers would stand idle.
 void deal_batches(NX& n)
 {
   n.batches.clear();
+  n.batch_nodes.clear();
   for (std::vector<std::int32_t>* v : {&n.batch_subjects, &n.batch_records, &n.batch_levels}) v->clear();
   if (n.nreff() == 0) return;
-  const REFFECT& reff = n.leaf();
-  if (reff.SubInfo.empty()) return;
+  const auto& leaves = n.leaf().SubInfo;
+  if (leaves.empty()) return;
   const long contexts = n.workers != nullptr ? n.workers->contexts() : 1;
   const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
-  const std::int64_t enough = enough_slots * (n.store->nobs / static_cast<std::int64_t>(reff.SubInfo.size()) + 1);
+  const std::int64_t enough = enough_slots * (n.store->nobs / static_cast<std::int64_t>(leaves.size()) + 1);
   const std::int64_t most_rows = std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
+  const long most_slots = slots_of_a_batch(n);
   Batch batch;
   std::int64_t first_row = 0;
-  for (std::size_t s = 0; s < reff.SubInfo.size(); ++s) {
-    const auto& subject = reff.SubInfo[s];
+  const int nests = static_cast<int>(n.outer().SubInfo.size());
+  for (int nest = 0; nest < nests; ++nest) {
+    const auto& subject = n.outer().SubInfo[static_cast<std::size_t>(nest)];
     if (subject.badsub) continue;
+    const auto [first, last] = leaves_of(n, nest);
     const auto contents = static_cast<int>(n.batch_subjects.size());
     const int slots = contents - batch.first;
     const std::int64_t rows = subject.first_row + subject.SubCount - first_row;
-    if (slots > 0 && (rows > most_rows || slots >= batch_slots)) close_batch(n, batch, contents);
+    if (slots > 0 && (rows > most_rows || slots + (last - first) > most_slots)) close_batch(n, batch, contents, nest);
     if (contents == batch.first) first_row = subject.first_row;
-    n.batch_subjects.push_back(static_cast<int>(s));
+    for (int leaf = first; leaf < last; ++leaf)
+      if (!leaves[static_cast<std::size_t>(leaf)].badsub) n.batch_subjects.push_back(leaf);
   }
-  close_batch(n, batch, static_cast<int>(n.batch_subjects.size()));
+  close_batch(n, batch, static_cast<int>(n.batch_subjects.size()), nests);
 }
 
 void size_slots_of_batches(const NX& n, BatchWork& b)
 {
   int slots = 1;
-  for (const Batch& batch : n.batches) slots = std::max(slots, batch.last - batch.first);
+  for (const Batch& batch : n.batches) slots = std::max({slots, batch.last - batch.first, batch.last_nest - batch.first_nest});
   for (std::vector<int>* v : {&b.subject, &b.nest, &b.column, &b.failure, &b.active}) size(*v, slots);
   size(b.failure_row, slots);
   b.prior_loaded = false;
@@ -129,11 +203,21 @@ void size_slots(NX& n)
   n.slot_row.assign(static_cast<std::size_t>(slots), -1);
 }
 
+// Places of the levels in the list of modes; returns its length.
+long place_modes(NX& n)
+{
+  long length = 0;
+  for (REFFECT& reff : n.reff) {
+    reff.mode_first = length;
+    length += static_cast<long>(reff.SubInfo.size()) * reff.nr;
+  }
+  return length;
+}
+
 void size_modes(NX& n)
 {
   if (n.nreff() == 0) return;
-  const std::size_t subjects = n.leaf().SubInfo.size();
-  if (n.ebes_known.size() == subjects && n.ebes.size() == subjects * static_cast<std::size_t>(n.leaf().nr)) return;
+  if (n.ebes_known.size() == n.outer().SubInfo.size() && n.ebes.size() == static_cast<std::size_t>(place_modes(n))) return;
   forget_modes(n);
 }
 
@@ -166,8 +250,8 @@ void forget_modes(NX& n)
 {
   n.ebtrial_point.clear();
   if (n.nreff() == 0) return;
-  const long subjects = static_cast<long>(n.leaf().SubInfo.size());
-  for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, subjects * n.leaf().nr);
+  const long length = place_modes(n), subjects = static_cast<long>(n.outer().SubInfo.size());
+  for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, length);
   for (std::vector<char>* v : {&n.ebes_known, &n.ebtrial_known}) size(*v, subjects);
 }
 

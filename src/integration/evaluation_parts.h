@@ -1,6 +1,7 @@
 #pragma once
 // The parts of one evaluation, each on one context. They write the context and the slots of their own subjects only.
 
+#include "host/message_names.h"
 #include "integration/integrator.h"
 #include "model/run_record.h"
 
@@ -13,11 +14,13 @@ inline constexpr double root_two = 1.4142135623730951;
 
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
+const Integrator& nest_quadrature();     // several levels
 
-// The message of a nest whose integral is zero: 354, or 355 when its subject is a text.
+// The message of a nest whose integral is zero.
 inline int zero_integral(const model::NX& n)
 {
-  return n.outer().sub_character ? 355 : 354;
+  return n.outer().sub_character ? message::integral_zero_text_subject::message_number
+                                 : message::integral_zero::message_number;
 }
 
 // Work arrays are sized with this.
@@ -28,6 +31,8 @@ template <class T> void size(std::vector<T>& v, long count)
 
 // size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
 void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
+// size_block: small matrices of one subject, of any level.
+void size_block(const model::NX& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
@@ -36,12 +41,24 @@ inline constexpr long block_records = 1024;
 long observation_blocks(const model::NX& n);
 int sum_observations(model::NX& n, model::TVLThreadCtx& ctx, long block);
 
-// sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of the
-// points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are taken
-// in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
+// add_record_products: without random effects, the sum over observations of the outer products of their gradients, by
+// another run of the program. Returns 0; 1 when an observation has no gradient.
+int add_record_products(const model::NX& n, model::TVLThreadCtx& ctx, double* sum);
+
+// add_outer_product: sum += weight g g', packed.
+inline void add_outer_product(const double* g, int np, double weight, double* sum)
+{
+  for (int i = 0; i < np; ++i)
+    for (int j = 0; j <= i; ++j) *sum++ += weight * (g[i] * g[j]);
+}
+
+// sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of
+// the points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are
+// taken in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
 int sum_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
 
-// sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as sum_points.
+// sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
+// sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).

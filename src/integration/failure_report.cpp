@@ -1,6 +1,8 @@
 #include "integration/failure_report.h"
 
 #include "evaluation/program_faults.h"
+#include "host/message_names.h"
+#include "host/text.h"
 #include "integration/objective.h"
 
 #include <algorithm>
@@ -12,8 +14,14 @@ using model::NX;
 
 namespace {
 
-// A fault of the program in one of the rows, at n.parm and random effects of 0: message 72. False when there is none.
-bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last, host::MessageArguments arguments)
+// The iteration in which the failure happened; empty outside the optimizer's run.
+std::string iteration_text(const NX& n)
+{
+  return n.str != nullptr ? host::readable(n.failed_iteration) : std::string();
+}
+
+// A fault of the program in one of the rows, at n.parm and random effects of 0. False when there is none.
+bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last)
 {
   constexpr std::int64_t searched_most = 20000;
   engine::Frame frame(*n.gcmp, n.bound);
@@ -30,12 +38,35 @@ bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last, ho
     frame.run_checked(*n.programs.value.code, row, 0, faults, nerror, nmissgen);
     if (faults.empty()) continue;
     host::MessagePlace place = evaluation::place_of(n, faults.front().row);
-    arguments.emplace_back("observation", evaluation::observation_number(n, faults.front().row));
-    evaluation::words_of(n, faults.front()).add_to(arguments, place);
-    n.host->log().xpmlog(503, 72, arguments, place);
+    message::program_failed words{.observation = evaluation::observation_number(n, faults.front().row),
+                                  .iteration = iteration_text(n)};
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+    n.host->log().xpmlog(words, place);
     return true;
   }
   return false;
+}
+
+// The message of a subject's status: the number of one of these.
+host::NumberedMessage status_message(int status, const host::OptionalMessageValue& subject,
+                                     const host::OptionalMessageValue& row, const std::string& iteration)
+{
+  switch (status) {
+  case message::likelihood_not_usable::message_number:
+    return message::likelihood_not_usable{.subject = subject, .observation = row, .iteration = iteration};
+  case message::random_covariance_not_definite::message_number:
+    return message::random_covariance_not_definite{.subject = subject, .iteration = iteration};
+  case message::random_covariance_missing::message_number:
+    return message::random_covariance_missing{.subject = subject, .iteration = iteration};
+  case message::integral_zero::message_number:
+    return message::integral_zero{.subject = subject, .iteration = iteration};
+  case message::integral_zero_text_subject::message_number:
+    return message::integral_zero_text_subject{.subject = subject, .iteration = iteration};
+  case message::mode_steps_used_up::message_number:
+    return message::mode_steps_used_up{.subject = subject, .iteration = iteration};
+  default:
+    return message::mode_steps_used_up_text_subject{.subject = subject, .iteration = iteration};
+  }
 }
 
 } // namespace
@@ -43,24 +74,23 @@ bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last, ho
 void report_failure(const NX& n)
 {
   if (n.host == nullptr) return;
-  host::MessageArguments arguments;
-  if (n.str != nullptr) arguments.emplace_back("iteration", n.failed_iteration);
   const auto first = std::find_if(n.slot_status.begin(), n.slot_status.end(), [](int status) { return status != 0; });
   if (first == n.slot_status.end()) { // the program ended the run, and nothing was summed
-    report_program_fault(n, 0, n.store->nobs, arguments);
+    report_program_fault(n, 0, n.store->nobs);
     return;
   }
   const auto slot = static_cast<std::size_t>(first - n.slot_status.begin());
   const std::int64_t row = n.slot_row[slot];
+  host::OptionalMessageValue name, observation;
   if (n.nreff() > 0) {
     const model::SUBINFO& subject = n.outer().SubInfo[slot];
-    if (report_program_fault(n, subject.first_row, subject.first_row + subject.SubCount, arguments)) return;
-    arguments.emplace_back("subject", subject.prnc);
+    if (report_program_fault(n, subject.first_row, subject.first_row + subject.SubCount)) return;
+    name = subject.prnc;
   } else if (row >= 0) {
-    if (report_program_fault(n, row, row + 1, arguments)) return;
-    arguments.emplace_back("observation", evaluation::observation_number(n, row));
+    if (report_program_fault(n, row, row + 1)) return;
+    observation = evaluation::observation_number(n, row);
   }
-  n.host->log().xpmlog(503, *first, arguments);
+  n.host->log().xpmlog(status_message(*first, name, observation, iteration_text(n)));
 }
 
 void explain_failure(NX& n, const std::vector<double>& parm)

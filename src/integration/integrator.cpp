@@ -41,8 +41,15 @@ void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
   b.slots = batch.last - batch.first;
   std::copy(n.batch_subjects.begin() + batch.first, n.batch_subjects.begin() + batch.last, b.subject.begin());
   std::fill_n(b.failure.begin(), b.slots, 0);
-  b.nests = b.slots;
-  std::copy_n(b.subject.begin(), b.slots, b.nest.begin());
+  b.number = batch.number;
+  if (n.nreff() == 1) {
+    b.nests = b.slots;
+    std::copy_n(b.subject.begin(), b.slots, b.nest.begin());
+  } else {
+    b.nests = 0;
+    for (int subject = batch.first_nest; subject < batch.last_nest; ++subject)
+      if (!n.outer().SubInfo[static_cast<std::size_t>(subject)].badsub) b.nest[static_cast<std::size_t>(b.nests++)] = subject;
+  }
   b.level = n.batch_levels.data() + batch.first_level;
   b.levels = batch.levels;
   b.rows = n.batch_records.data() + batch.first_record;
@@ -58,9 +65,9 @@ int evaluate_batch(NX& n, TVLThreadCtx& ctx, const Batch& batch)
   return 0;
 }
 
-const Integrator& integrator_of(const NX&)
+const Integrator& integrator_of(const NX& n)
 {
-  return adaptive_quadrature();
+  return n.nreff() > 1 ? nest_quadrature() : adaptive_quadrature();
 }
 
 } // namespace torvale::integration

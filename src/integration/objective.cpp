@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <cmath>
 
 namespace torvale::integration {
 
@@ -60,8 +61,8 @@ private:
   {
     if (!by_subject_) return n_.slot_status[static_cast<std::size_t>(item)] != 0;
     const auto& batch = n_.batches[static_cast<std::size_t>(item)];
-    return std::any_of(n_.batch_subjects.begin() + batch.first, n_.batch_subjects.begin() + batch.last,
-                       [&](int s) { return n_.slot_status[static_cast<std::size_t>(s)] != 0; });
+    return std::any_of(n_.slot_status.begin() + batch.first_nest, n_.slot_status.begin() + batch.last_nest,
+                       [](int status) { return status != 0; });
   }
 
   void note_failure(long item)
@@ -84,6 +85,7 @@ void prepare(NX& n)
   for (auto& ctx : n.ctx) {
     ctx->frame->set_parameters(n.parm.data());
     ctx->batch.prior_loaded = false;
+    for (auto& level : ctx->nests.level) level.prior_loaded = false;
     ctx->ncmpRuns = 0;
   }
   std::fill(n.ebtrial_known.begin(), n.ebtrial_known.end(), static_cast<char>(0));
@@ -122,24 +124,68 @@ void take_failure(NX& n)
     n.objgrad.assign(static_cast<std::size_t>(n.nparm), 1.0);
 }
 
+// One evaluation of all slots. False when it failed; ended: the program ended the run.
+bool evaluate_slots(NX& n, bool& ended)
+{
+  prepare(n);
+  Evaluation evaluation(n);
+  evaluation.run();
+  for (const auto& ctx : n.ctx) n.ncmprun += ctx->ncmpRuns;
+  ended = evaluation.ended();
+  return !evaluation.failed();
+}
+
+// Where G leaves an effect no variance, the factor of G has no derivative by it. The gradient is the limit from inside:
+// with g the gradients of the slots at a variance h in its place, 2 g(h) - g(2 h). h is small beside what the subjects
+// know of the effect. The values and modes are those of G itself.
+void take_limit_of_gradient(NX& n)
+{
+  constexpr double share = 1e-4;
+  auto& scale = n.ctx[0]->batch.null_scale;
+  for (const auto& ctx : n.ctx)
+    for (std::size_t i = 0; i < scale.size(); ++i) scale[i] = std::max(scale[i], ctx->batch.null_scale[i]);
+  if (std::none_of(scale.begin(), scale.end(), [](double s) { return s > 0.0 && std::isfinite(s); })) return;
+  const auto value = n.slot_value, gradient = n.slot_grad, modes = n.ebtrial;
+  const auto known = n.ebtrial_known;
+  std::vector<double> near;
+  bool good = true;
+  for (const double times : {1.0, 2.0}) {
+    n.lift.assign(scale.size(), 0.0);
+    for (std::size_t i = 0; i < scale.size(); ++i)
+      if (scale[i] > 0.0 && std::isfinite(scale[i])) n.lift[i] = times * share / scale[i];
+    bool ended = false;
+    good = good && evaluate_slots(n, ended);
+    if (times == 1.0) near = n.slot_grad;
+  }
+  n.lift.clear();
+  if (good)
+    for (std::size_t k = 0; k < near.size(); ++k) n.slot_grad[k] = 2.0 * near[k] - n.slot_grad[k];
+  else
+    n.slot_grad = gradient;
+  n.slot_value = value;
+  n.ebtrial = modes;
+  n.ebtrial_known = known;
+  std::fill(n.slot_status.begin(), n.slot_status.end(), 0);
+}
+
 } // namespace
 
 int tvllike(NX& n)
 {
   n.failed = false;
-  prepare(n);
-  Evaluation evaluation(n);
-  evaluation.run();
-  for (const auto& ctx : n.ctx) n.ncmprun += ctx->ncmpRuns;
-  if (!evaluation.failed()) sum_slots(n);
-  if (evaluation.failed() || !(n.objfun < model::failure_objective)) {
+  for (auto& ctx : n.ctx) std::fill(ctx->batch.null_scale.begin(), ctx->batch.null_scale.end(), 0.0);
+  bool ended = false;
+  const bool good = evaluate_slots(n, ended);
+  if (good && n.dograd && n.nreff() > 0) take_limit_of_gradient(n);
+  if (good) sum_slots(n);
+  if (!good || !(n.objfun < model::failure_objective)) {
     take_failure(n);
     if (n.itdetails) report_failure(n);
   } else {
     n.ebtrial_point = n.parm;
     if (n.dograd) n.goodgrad = n.objgrad;
   }
-  if (!evaluation.ended()) return 0;
+  if (!ended) return n.failed && n.retfail && n.nreff() > 1 ? 1 : 0;
   n.raise(1012);
   return 1012;
 }
@@ -149,8 +195,15 @@ void accept_modes(NX& n)
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
   for (std::size_t s = 0; s < n.ebtrial_known.size(); ++s) {
     if (n.ebtrial_known[s] == 0) continue;
-    const std::size_t nr = static_cast<std::size_t>(n.leaf().nr);
-    std::copy_n(n.ebtrial.begin() + static_cast<long>(s * nr), nr, n.ebes.begin() + static_cast<long>(s * nr));
+    int first = static_cast<int>(s), last = first + 1; // level by level: what is nested in it
+    for (std::size_t k = n.reff.size(); k-- > 0;) {
+      const model::REFFECT& reff = n.reff[k];
+      const long from = reff.mode_first + static_cast<long>(first) * reff.nr;
+      std::copy_n(n.ebtrial.begin() + from, static_cast<long>(last - first) * reff.nr, n.ebes.begin() + from);
+      if (k == 0) break;
+      first = reff.SubInfo[static_cast<std::size_t>(first)].first_child;
+      last = reff.SubInfo[static_cast<std::size_t>(last - 1)].last_child;
+    }
     n.ebes_known[s] = 1;
   }
 }

@@ -17,7 +17,7 @@ void forget_modes(model::NX& n);
 // tvllike: the objective at n.parm into n.objfun and, when n.dograd is set, its gradient into n.objgrad. A failed evaluation
 // sets n.failed, objfun to failure_objective and objgrad to ones (to the last good gradient once n.converged is set), and
 // says under itdetails which subject failed first and why. The modes found go to ebtrial, tagged with the point.
-// Returns 0, failed or not; 1012 when the program ended the run (STOP, ABORT).
+// Returns 0, failed or not (1 when failed, with RETFAIL$ and several levels); 1012 when the program ended the run (STOP, ABORT).
 int tvllike(model::NX& n);
 
 // Callbacks of the optimizer; str->comstr is the NX, str->x the point. nlpfunc writes crit and, with dograd, grad too.
@@ -29,6 +29,10 @@ int nlpgrad(optimizer::MINSTR* str);
 // accept_modes: call when the optimizer accepts the iterate n.parm (from nlpterm), and for the grid point that the fit
 // starts from. Commits the trial modes if they belong to exactly this point; otherwise the accepted modes stay as they are.
 void accept_modes(model::NX& n);
+
+// outer_products: the sum over subjects, or over observations without random effects, of (weight times) the outer product of the gradient,
+// packed, from the last evaluation. Returns 0; 1 when that failed, had no gradient or was at another point.
+int outer_products(model::NX& n, std::vector<double>& sum);
 
 // form_meat: n.meat = sum over subjects of (weight times) the outer product of the subject's gradient, from the slots of
 // the last evaluation. Returns 0 and sets havemeat; or 1 when that evaluation failed, had no gradient or was at another point.

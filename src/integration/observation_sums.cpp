@@ -1,6 +1,7 @@
 // The likelihood without random effects: observations in fixed blocks, one slot each, so that the sum has one order
 // whatever the number of workers.
 
+#include "host/message_names.h"
 #include "integration/evaluation_parts.h"
 
 #include "evaluation/record_sums.h"
@@ -16,7 +17,7 @@ using model::TVLThreadCtx;
 
 namespace {
 
-constexpr int unusable = 131;
+constexpr int unusable = message::likelihood_not_usable::message_number;
 
 // Eight interleaved sums by place in the block, closed in a fixed order.
 struct InterleavedSum {
@@ -25,7 +26,10 @@ struct InterleavedSum {
   {
     for (int j = 0; j < count; ++j) part[(first + j) % 8] += weights[j] * values[j];
   }
-  double close() const { return ((part[0] + part[4]) + (part[2] + part[6])) + ((part[1] + part[5]) + (part[3] + part[7])); }
+  double close() const
+  {
+    return ((part[0] + part[4]) + (part[2] + part[6])) + ((part[1] + part[5]) + (part[3] + part[7]));
+  }
 };
 
 // The lanes of one tile: their rows, and what each counts for.
@@ -81,12 +85,14 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     const double* const ll = ctx.frame->output(0);
     for (int j = 0; j < lanes.count; ++j) {
       const auto row = static_cast<std::size_t>(lanes.rows[j]);
-      if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none) continue;
+      if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none)
+        continue;
       n.slot_status[slot] = unusable;
       n.slot_row[slot] = lanes.rows[j];
       return 0;
     }
-    if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none) continue;
+    if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none)
+      continue;
     value.add(at - first, ll, lanes.weight, lanes.count);
     if (!gradient) continue;
     for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
@@ -96,6 +102,37 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     }
   }
   n.slot_value[slot] = -value.close();
+  return 0;
+}
+
+int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
+{
+  const engine::Program& program = *n.programs.gradient.code;
+  const bool keeps = engine::sequential(program);
+  const long last = static_cast<long>(n.record_rows.size());
+  const double no_effects = 0.0;
+  ctx.frame->set_range(0, static_cast<std::int64_t>(n.store->badobs.size()));
+  ctx.frame->set_points(&no_effects, 1, 1);
+  if (keeps) ctx.frame->reset_state(program, 1);
+  std::vector<double> gradient(static_cast<std::size_t>(n.nparm));
+  Lanes lanes;
+  for (long at = 0; at < last; at += lanes.count) {
+    lanes.rows = n.record_rows.data() + at;
+    lanes.count = static_cast<int>(std::min<long>(keeps ? 1 : engine::max_lanes, last - at));
+    lanes.weigh(n);
+    const std::int32_t* const zeros = ctx.tile.point.data();
+    if (evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr}) > 2) return 1;
+    for (int j = 0; j < lanes.count; ++j) {
+      if (lanes.weight[j] == 0.0) continue;
+      std::fill(gradient.begin(), gradient.end(), 0.0);
+      for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
+        const double g = ctx.frame->output(static_cast<int>(k))[j];
+        if (!std::isfinite(g)) return 1;
+        gradient[static_cast<std::size_t>(n.programs.gradient.outputs[k] - n.programs.by_parameter(0))] = g;
+      }
+      add_outer_product(gradient.data(), n.nparm, lanes.weight[j], sum);
+    }
+  }
   return 0;
 }
 

@@ -1,5 +1,6 @@
 // The objective as the optimizer sees it.
 
+#include "host/message_names.h"
 #include "integration/objective.h"
 
 #include "evaluation/likelihood_programs.h"
@@ -20,7 +21,7 @@ int evaluate(MINSTR* str, NX& n)
   if (str->x != n.parm.data()) n.parm.assign(str->x, str->x + n.nparm);
   const int rc = tvllike(n);
   str->crit = n.objfun;
-  if (rc != 0 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
+  if (rc > 1 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
   return rc;
 }
 
@@ -49,7 +50,7 @@ int nlpfunclog(MINSTR* str)
 {
   const int rc = nlpfunc(str);
   const NX& n = *static_cast<const NX*>(str->comstr);
-  n.host->log().xpmlog(503, 407, {{"count", str->nfct}, {"objective", n.objfun}});
+  n.host->log().xpmlog(message::evaluation_objective{.count = str->nfct, .objective = n.objfun});
   return rc;
 }
 
@@ -64,7 +65,7 @@ int nlpgrad(MINSTR* str)
     hand_over_gradient(str, n);
     return 0;
   }
-  if (n.host != nullptr) n.host->log().xpmlog(503, 360);
+  if (n.host != nullptr) n.host->log().xpmlog(message::gradient_before_objective);
   n.raise(4);
   if (!evaluation::can_evaluate(n).gradient) return 1;
   n.dograd = true;

@@ -1,5 +1,6 @@
 #include "integration/quadrature_points.h"
 
+#include "host/message_names.h"
 #include "probability/random.h"
 
 #include <cmath>
@@ -13,6 +14,8 @@ namespace {
 
 constexpr double root_two_pi = 2.5066282746310007;
 constexpr double most_points = 5e7; // of one subject: beyond it an evaluation would not end
+constexpr int most_per_dimension =
+    5000; // a rule takes time with the square; from about 700 on new points have no weight
 
 // Product rule: the first dimension varies fastest.
 void product_points(const NX& n, REFFECT& reff)
@@ -31,8 +34,8 @@ void product_points(const NX& n, REFFECT& reff)
   }
 }
 
-// Importance sampling: a standard normal sample, drawn point after point from the seed of the run, so that a larger sample
-// extends a smaller one. The weight's constant does not grow with the dimension.
+// Importance sampling: a standard normal sample, drawn point after point from the seed of the run, so that a larger
+// sample extends a smaller one. The weight's constant does not grow with the dimension.
 void sample_points(const NX& n, REFFECT& reff)
 {
   std::int64_t seed = n.seed;
@@ -52,25 +55,25 @@ void sample_points(const NX& n, REFFECT& reff)
 
 int tvlqpts(NX& n)
 {
+  const auto refuse = [&] {
+    n.host->log().xpmlog(message::quadrature_points_failed{.points = n.nqp});
+    n.raise(1012);
+    return 1012;
+  };
   if (n.method == 0) {
+    if (n.nqp > most_per_dimension) return refuse();
     n.absc.resize(static_cast<std::size_t>(n.nqp));
     n.herm.resize(static_cast<std::size_t>(n.nqp));
     int dropped = 0;
-    if (GaussHermite(n.nqp, n.absc.data(), n.herm.data(), 0.0, 0.0, dropped) != 0) {
-      n.host->log().xpmlog(503, 16, {{"points", n.nqp}});
-      n.raise(1012);
-      return 1012;
-    }
-    if (dropped > 0) n.host->log().xpmlog(503, 20, {{"kept", n.nqp - dropped}, {"points", n.nqp}});
+    if (GaussHermite(n.nqp, n.absc.data(), n.herm.data(), 0.0, 0.0, dropped) != 0) return refuse();
+    if (dropped > 0) n.host->log().xpmlog(message::quadrature_points_dropped{.points = n.nqp, .kept = n.nqp - dropped});
   }
+  double joint = 1.0; // of the chain of a leaf
   for (REFFECT& reff : n.reff) {
     if (reff.distrtype != 0) continue; // support points come from the statement
     const double points = n.method == 0 ? std::pow(n.nqp, reff.nr) : n.nqp;
-    if (!(points <= most_points)) {
-      n.host->log().xpmlog(503, 16, {{"points", n.nqp}});
-      n.raise(1012);
-      return 1012;
-    }
+    joint *= points;
+    if (!(joint <= most_points)) return refuse();
     reff.nqpr = static_cast<long>(points);
     reff.points.resize(static_cast<std::size_t>(reff.nqpr) * static_cast<std::size_t>(reff.nr));
     reff.logw.resize(static_cast<std::size_t>(reff.nqpr));

@@ -5,8 +5,9 @@
 
 namespace torvale::integration {
 
-// tvlqpts: builds the point set for n.nqp (at least 1): absc, herm, and each block's nqpr, points, logw. May be called again
-// with any other nqp. Follow it by size_contexts. Returns 0, or 1012 after message 503/16 (the rule cannot be computed).
+// tvlqpts: builds the point set for n.nqp (at least 1): absc, herm, and each block's nqpr, points, logw. May be called
+// again with any other nqp. Follow it by size_contexts. Returns 0, or 1012 after message 503/16: the rule cannot be
+// computed, or has more than 5,000 points per dimension or 50 million per subject. Points are then not to be used.
 int tvlqpts(model::NX& n);
 
 // GaussHermite: rule of n points for the weight exp(-x^2), by the eigenvalues of the Jacobi matrix (Golub and Welsch 1969).

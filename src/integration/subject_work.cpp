@@ -11,11 +11,11 @@ using model::BlockWork;
 using model::NX;
 using model::REFFECT;
 
-namespace {
-
-void size_block(const REFFECT& reff, BlockWork& block)
+void size_block(const NX& n, BlockWork& block)
 {
-  const long nr = reff.nr, nrs = reff.nrs, bordered = (nr + 1) * (nr + 2) / 2;
+  long nr = 0;
+  for (const REFFECT& reff : n.reff) nr = std::max<long>(nr, reff.nr);
+  const long nrs = nr * (nr + 1) / 2, bordered = (nr + 1) * (nr + 2) / 2;
   size(block.gi, nrs);
   size(block.gic, nrs);
   size(block.singGr, nr);
@@ -27,15 +27,13 @@ void size_block(const REFFECT& reff, BlockWork& block)
   size(block.work3, nrs + 3 * nr);
 }
 
-} // namespace
-
 void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
 {
   const REFFECT& reff = n.leaf();
   BatchWork& b = ctx.batch;
   const long slots = static_cast<long>(b.subject.size()), nr = reff.nr, nrs = reff.nrs;
   const long priors = reff.setup_varies ? slots : 1;
-  size_block(reff, ctx.block);
+  size_block(n, ctx.block);
   b.mode_stride = (slots + 7) / 8 * 8;
   b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
   size(b.ran, nr * b.pair_stride);
@@ -44,6 +42,7 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   size(b.factor, priors * nrs);
   size(b.arguments, priors * reff.setup.places);
   size(b.outputs, reff.setup.places);
+  size(b.null_scale, nr);
   for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
   for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
   size(b.mode_sums, n.programs.mode.places * b.mode_stride);

@@ -1,6 +1,7 @@
 #pragma once
 // What the scanner and parser have to say: data first, words for people second.
 
+#include "host/problem_numbers.h"
 #include "syntax/source.h"
 
 #include <cstdint>
@@ -12,34 +13,8 @@ namespace torvale::language {
 
 enum class Severity : std::uint8_t { note, warning, error };
 
-// Messages of group 100, by number.
-enum class Problem : std::int16_t {
-  syntax = 1, // a word or mark that cannot stand here
-  unclosed_comment = 2,
-  unclosed_quote = 3,
-  unknown_character = 4,
-  out_of_range = 5,
-  not_whole = 6,
-  name_too_long = 7,
-  given_twice = 8,
-  before_first_step = 9,
-  bad_list = 10, // a range or prefix of names that cannot be resolved
-  unknown_label = 11,
-  bad_literal = 12, // a date, time or number that is none
-  macro_fault = 13,
-  include_fault = 14,
-  misplaced_statement = 15,
-  missing_part = 16, // a required option or part is absent
-  bad_sequence = 17, // an empty TO/BY list, BY 0
-  not_available = 18,
-  without_effect = 19,
-  ambiguous_reading = 20,
-  bad_array = 21,
-  too_many_errors = 22,
-  bad_subprogram = 23,
-  ends_early = 24, // a data set name that ends with a dot, and the like
-  too_deep = 25,
-};
+// Messages of group 100, by name.
+using torvale::Problem;
 
 // What each number means stands in the host's catalogue, group 100, for "torvale explain".
 constexpr int message_group = 100;

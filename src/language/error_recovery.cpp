@@ -19,7 +19,7 @@ bool begins_procedure_statement(std::string_view upper)
 {
   static constexpr std::string_view words[] = {
       "MODEL",     "RANDOM", "PARMS",     "PARM",     "PARAMETERS", "BOUNDS", "ESTIMATE", "CONTRAST", "PREDICT",
-      "REPLICATE", "MCMC",   "CMPTMODEL", "RESTRICT", "TORVALE",    "RUN",    "QUIT",     "ID",       "BY"};
+      "REPLICATE", "MCMC", "PRIOR",   "CMPTMODEL", "RESTRICT", "TORVALE",    "RUN",    "QUIT",     "ID",       "BY"};
   return std::find(std::begin(words), std::end(words), upper) != std::end(words);
 }
 

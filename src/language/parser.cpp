@@ -64,7 +64,7 @@ bool Parser::Implementation::find_step()
   while (stream.seek()) {
     Frame& frame = stream.cursor().back();
     const std::string_view text = request.sources->source(frame.source).text;
-    const std::string word = upper_case(text.substr(frame.at, word_end(text, frame.at) - frame.at));
+    const std::string word = upper_case(text.substr(frame.at, dotted_end(text, frame.at) - frame.at));
     if (word == "TORVALE") return true;
     const syntax::Position where = stream.position(frame);
     if (text[frame.at] == '*') {
@@ -75,7 +75,9 @@ bool Parser::Implementation::find_step()
       Diagnostic& d = diagnostics->error(Problem::before_first_step, where,
                                          "A step begins with the TORVALE statement; this one stands before it.",
                                          static_cast<std::int32_t>(std::max<std::size_t>(1, word.size())));
-      if (edit_distance(word, "TORVALE", 2) <= 2) d.suggestion = "TORVALE";
+      const std::string first = word.substr(0, word.find('.'));
+      if (edit_distance(first, "TORVALE", 2) <= 2)
+        d.suggestion = first == word ? "TORVALE" : "TORVALE " + word.substr(first.size() + 1);
       told = true;
     }
     skip_statement();

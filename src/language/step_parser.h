@@ -1,7 +1,7 @@
 #pragma once
 // The inside of the parser: the parse of one step, and what happens when a token does not fit.
 
-#include "language/builder.h"
+#include "language/builder/builder.h"
 #include "language/lr_machine.h"
 #include "language/parser.h"
 #include "language/repair.h"

@@ -11,6 +11,8 @@ namespace torvale::model {
 // first record of each of its subjects, then the second of those that have two, and so on, so that subjects lie side by
 // side in the lanes.
 struct Batch {
+  int number = 0; // place in GroupState::batches
+  int first_nest = 0, last_nest = 0; // outermost subjects, unusable ones included
   int first = 0; // entries first..last-1 of GroupState::batch_subjects: its slots
   int last = 0;
   std::int64_t first_record = 0; // its part of GroupState::batch_records
@@ -49,6 +51,7 @@ struct Priors {
 // The priors are those of the slots.
 struct BatchWork : Priors {
   int slots = 0;
+  int number = 0;                    // of the batch
   int nests = 0;                     // outermost subjects; with one level they are the slots
   std::vector<int> nest;             // per nest: index into SubInfo of the outermost level
   std::vector<int> subject;          // per slot: index into SubInfo
@@ -82,6 +85,7 @@ struct BatchWork : Priors {
   std::vector<double> point_moments; // of the standard points: nr, then nrs
   std::vector<double> slope_moments; // of the derivatives by u: nr; times the points: nr x nr
   std::vector<double> direct;        // np: of the derivatives by parameters
+  std::vector<double> null_scale;    // nr: largest information of a subject on an effect where G leaves no variance; 0: none
   double constants = 0.0;            // nr/2 log 2 pi - nr log s: of the prior, and of the scale s of the points
   std::vector<double> scratch;       // one subject's small matrices
 };

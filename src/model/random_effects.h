@@ -73,7 +73,9 @@ struct REFFECT {
   int nrs = 0;                         // nr (nr + 1) / 2
   int npr = 0;                         // nr + number of parameters
   std::vector<std::string> names;      // of the random effects
+  int first_effect = 0;                // place of its first effect on the chain of effects, the outermost level first
   std::string subname;                 // subject variable
+  std::vector<std::string> outer_names; // the variables that SUBJECT= puts around it, in parentheses
   int sub_dsvarno = 0;                 // its number in the data set
   bool sub_character = false;
   double alpha = 0.05;                 // confidence level of its predictions
@@ -93,8 +95,11 @@ struct REFFECT {
   bool setup_varies = false;           // they differ between subjects
   int argument_derivative(int a, int j, int np) const { return nd + a * np + j; }
 
+  std::vector<int> rhs;                // data variables (dsvarno) that its distribution arguments depend on
+
   // --- what a BY group decides -------------------------------------------------------------------------------------
   std::vector<SUBINFO> SubInfo;        // subjects in order of first appearance, unusable ones (badsub) included
+  long mode_first = 0;                 // where the modes of its subjects begin in GroupState::ebes
   long nsub = 0;                       // usable subjects
   double nrepsub = 0.0;                // usable subjects weighted by replicates
   long ntmax = 0;                      // most used observations of a subject

@@ -51,6 +51,7 @@ struct RunOptions {
   bool ebopt = false;         // try the optimization library when Newton did not converge
   bool ebzstart = false;      // always start at the mean
   bool ebgn = false;          // Gauss-Newton Hessian in nested searches
+  bool ebiter = false;        // EBITER$: the levels of nested searches take turns
   // Tolerances
   double singvar = 1.110223024625157e-12;
   double singchol = 1.110223024625157e-12;
@@ -81,7 +82,8 @@ struct RunOptions {
   bool pictures = false;      // somebody will look at pictures of the fit
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
-  bool retfail = false;
+  bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
+  bool reobsinfo = false;     // REOBSINFO$: tables of the subjects
   bool runThreads = false;    // NTHREADS= not 0
   int nthreads = 0;           // threads the program asked for
   int command_threads = 0;    // threads the command line asked for (--threads); 0 serial, negative all cores
@@ -112,6 +114,17 @@ struct PredictStatement {
   double df = -1.0;             // DF= or -1
   bool derivatives = false;     // DER
   syntax::Position where;
+};
+
+// MCMC and PRIOR: posterior sampling after the fit.
+struct SamplingStatements {
+  const syntax::STMT* mcmc = nullptr;    // borrowed; null: no sampling
+  host::OutputDataSet* output = nullptr; // OUT=; open to the end of the step; borrowed
+  engine::CMPLIST priors;                // log prior densities: they add up
+  engine::CMPDER prior_der;              // by the parameters
+  const engine::Program* prior = nullptr; // their values, then the derivatives at the places `list`
+  std::vector<int> list;                 // parameter of each derivative
+  std::vector<double> covariance;        // COVDATA=: packed
 };
 
 // PARMS data set: what it is and how its rows become grid points.
@@ -151,6 +164,8 @@ struct ModelLists {
   REFFECT& leaf() { return reff.front(); }
   int nlag = 0;                               // lag depth of the program
   engine::CMPLIST prsym;                      // parameters
+  engine::CMPLIST mransym;                    // random effects of all levels, the outermost first
+  engine::CMPLIST mrnprsym;                   // parameters, then these
   engine::CMPDER gradstr;                     // _ll by parameters, without random effects
   ModelPrograms programs;                     // of the log likelihood
   // Data pass: _ll, the gradient cells that the method uses, distribution arguments, their derivatives, dependent, replicate.
@@ -159,9 +174,9 @@ struct ModelLists {
   std::vector<EstimateStatement> estimates;   // ESTIMATE
   std::vector<EstimateStatement> contrasts;   // CONTRAST
   std::vector<PredictStatement> predictions;  // PREDICT
+  SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;
-  std::vector<int> rhs;                       // data variables (dsvarno) that distribution arguments depend on
 };
 
 struct GroupState {
@@ -174,9 +189,9 @@ struct GroupState {
   int nqpold = -1;
   std::vector<double> absc;                   // abscissas, ascending, nqp of them
   std::vector<double> herm;                   // logs of the weights
-  // Modes of the random effects, nr per subject, subjects in order (block 0).
+  // Modes of the random effects: level by level (REFFECT::mode_first), nr per subject, subjects in order.
   std::vector<double> ebes;                   // accepted: every evaluation starts its searches here
-  std::vector<char> ebes_known;               // per subject: an accepted mode is stored
+  std::vector<char> ebes_known;               // per outermost subject: accepted modes of it and all nested in it are stored
   std::vector<double> ebtrial;                // written by the last evaluation
   std::vector<char> ebtrial_known;
   std::vector<double> ebtrial_point;          // parameter vector that ebtrial belongs to; empty when none
@@ -184,6 +199,7 @@ struct GroupState {
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker
   std::vector<Batch> batches;                 // subjects that share tiles, in order; rebuilt by size_contexts
+  std::vector<std::vector<NestNodes>> batch_nodes; // by batch and level, with several levels
   std::vector<int> batch_subjects;            // usable subjects by batch, in a batch those with more records first
   std::vector<std::int32_t> batch_records;    // store rows by batch and level
   std::vector<std::int32_t> batch_levels;     // by batch: places of batch_records, from the batch's first, where levels begin
@@ -204,6 +220,8 @@ struct FitState {
   bool dograd = false;                        // gradient wanted from the objective
   double objfun = 0.0;                        // objective at parm
   std::vector<double> objgrad;                // its gradient, nparm doubles
+  std::vector<double> lift;                   // per random effect of the leaf: what counts as the variance left where G
+                                              // leaves none (its gradient is a limit, see integration); empty: none
   bool failed = false;                        // the last evaluation failed
   std::vector<double> failed_parm;            // parameters of the last evaluation of this fit that failed; empty: none
   double failed_iteration = 0.0;              // and its iteration

@@ -14,7 +14,7 @@ namespace torvale::model {
 
 // Why an observation is not used. The first cause that applies is kept.
 enum class BadCause : std::uint8_t {
-  none, dependent, replicate, log_likelihood, gradient, random_argument, random_gradient, deleted
+  none, dependent, replicate, log_likelihood, gradient, random_argument, random_gradient, deleted, event
 };
 
 // Store: the kept variables of the BY group, one aligned column each, rows in subject order (subjects in order of first
@@ -45,6 +45,10 @@ struct SUBINFO {
   std::int64_t lvalidobs = 0;    // store row of its last used observation
   double n = 0.0;                // subject value when numeric
   std::string prnc;              // subject value for printing
+  std::string nestlev;           // the values of its ancestors and its own, joined by "-", for printing
+  int parent = -1;               // the subject of the next outer level that it is nested in; -1 at the outermost
+  int first_child = 0;           // its children in the next deeper level: first_child to last_child - 1
+  int last_child = 0;
   double weight = 1.0;           // replicate count of its last used observation; 1 without REPLICATE
   bool badsub = false;           // no observation is used
 };

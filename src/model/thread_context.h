@@ -4,6 +4,7 @@
 #include "engine/engine.h"
 #include "host/messages.h"
 #include "model/batch_work.h"
+#include "model/nest_work.h"
 #include "optimizer/minstr.h"
 
 #include <cstdint>
@@ -65,6 +66,7 @@ struct alignas(64) TVLThreadCtx {
   BlockWork block;
   TileWork tile;
   BatchWork batch;
+  NestWork nests;                        // with several levels of random effects
   std::unique_ptr<optimizer::MINSTR> streb; // inner optimizer of the modes (EBOPT), made at first use
   std::vector<double> work;              // gradient of the subject
   double llo = 0.0;                      // last log likelihood

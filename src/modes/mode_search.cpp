@@ -1,8 +1,10 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
+#include "host/message_names.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
+#include "modes/search_rules.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,11 +19,6 @@ using model::TVLThreadCtx;
 
 namespace {
 
-// Halvings that follow when the sub-steps are used up: 20 of 0.8 shrink a step to a hundredth only.
-constexpr int halvings = 50;
-// The noise floor of a search, in posterior variances: below it a step that no longer shrinks tenfold (a hundredfold as
-// a square) is rounding.
-constexpr double noise_floor = 1e-12, noise_ratio = 0.01;
 constexpr double largest = std::numeric_limits<double>::max();
 
 template <int NR> class LockstepSearch {
@@ -111,7 +108,8 @@ private:
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.leaf().sub_character ? 359 : 358;
+    s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
+                                         : message::mode_steps_used_up::message_number;
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in column a of the mode sums.
@@ -125,7 +123,7 @@ private:
       if (trial ? !(at.f < s.bound) : !(at.f <= s.bound)) return shrink(slot);
       if (!(at.f < model::failure_objective)) return give_up(slot); // the start itself cannot be evaluated
       s.substep = 0;
-      s.bound = at.f + std::max(n_.ebsstol, 4.0 * std::numeric_limits<double>::epsilon() * std::abs(at.f));
+      s.bound = allowed_value(at.f, n_.ebsstol);
       std::copy_n(z(slot), nr(), zold(slot));
     } else if (!(at.f < model::failure_objective)) {
       return give_up(slot);
@@ -203,10 +201,14 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx)
 int tvlebes(const NX& n, TVLThreadCtx& ctx)
 {
   switch (n.leaf().nr) {
-    case 1: return search_batch<1>(n, ctx);
-    case 2: return search_batch<2>(n, ctx);
-    case 3: return search_batch<3>(n, ctx);
-    default: return search_batch<0>(n, ctx);
+  case 1:
+    return search_batch<1>(n, ctx);
+  case 2:
+    return search_batch<2>(n, ctx);
+  case 3:
+    return search_batch<3>(n, ctx);
+  default:
+    return search_batch<0>(n, ctx);
   }
 }
 

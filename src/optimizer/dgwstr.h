@@ -27,7 +27,8 @@ struct DGWSTR {
   double dst0 = 0;                // length of the Newton step; negative: the Hessian is indefinite
   double dstn = 0;                // length of the step taken, in scaled parameters
   double gtst = 0;                // slope g's of the step
-  double nred = 0;                // reduction predicted for the Newton step
+  double nred = 0;                // reduction predicted where the Newton step is known, else 0
+  double newton_gain = 0;         // reduction predicted for the Newton step itself; only where dst0 is known
   double rldx = 0;                // largest relative change of a parameter
   double dgnm = 0;                // norm of the scaled gradient
   double scaled_hessian_form = 0; // g'Hg of the scaled gradient (gthg), for the Cauchy point

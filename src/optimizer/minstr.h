@@ -77,7 +77,8 @@ enum StepCut : int {
   cut_none = 0,
   cut_radius = 1, // the trust radius, a ridge in its place, or MAXSTEP
   cut_bound = 2,
-  cut_row = 3, // a linear constraint
+  cut_row = 3,    // a linear constraint
+  cut_search = 4, // the line search: less than a tenth of a step whose natural length is 1, or another direction
 };
 
 // One row of the iteration history, handed to the history sink. Which of the two last columns mean what is told by
@@ -272,10 +273,10 @@ struct MINSTR {
   double* sdir = nullptr; // search direction
   double* work = nullptr; // scratch of the access layer
   double* hess = nullptr; // n(n+1)/2 packed: Hessian, its approximation, or a factor of either
-  double* hpro = nullptr; // n(n+1)/2 packed: projected matrix or its factor, order m
+  double* hpro = nullptr; // n(n+1)/2 packed: projected matrix or its factor, order m; null when not needed
   double* half = nullptr; // n(n+1)/2 packed: Cholesky factor kept beside the Hessian; null when not needed
   double* dsca = nullptr; // scaling vector of HESCAL
-  double* wrk2 = nullptr; // scratch of the technique; length wrk2_length(*this)
+  double* wrk2 = nullptr; // scratch of the technique
   double* wfid = nullptr; // mequ + n: element mequ.. saves the gradient while differences move the point
   double* hfwd = nullptr; // forward intervals found by FDINT, relative to 1 + |x|; missing: not found
   double* hcnt = nullptr; // central intervals
@@ -362,6 +363,7 @@ struct MINSTR {
   bool xval_current = false;      // xval holds such a point
   bool best_has_gradient = false; // gbes belongs to xbes
   double reentered_at = -1;       // nitr of the last re-entry that the optimality check caused
+  long idle_steps = 0;            // cut steps in succession that gained nothing
   bool unbounded_told = false;    // the message of an unbounded objective has been sent
   double* xbes = nullptr;         // n: best point of a line search
   double* gbes = nullptr;         // n: its gradient
@@ -375,6 +377,7 @@ struct MINSTR {
   double* gtmp = nullptr;         // n: scratch of the difference routines
   std::vector<double> problem_block;   // storage of the double arrays that do not depend on the technique
   std::vector<double> technique_block; // storage of those that do
+  std::vector<double> hessian_block;   // storage of hess where only somebody else wants one
   std::vector<long> index_block;       // storage of the arrays of long
   std::vector<short> flag_block;       // storage of ofco
   std::vector<int> state_block;        // storage of iabc

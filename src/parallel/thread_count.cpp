@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -15,7 +16,7 @@ int tvlthrd(const model::NX& n)
   int wanted = n.command_threads != 0 ? n.command_threads : n.runThreads ? n.nthreads : 1;
   if (wanted < 0) {
     wanted = n.host != nullptr ? n.host->cores() : 1;
-    if (n.host != nullptr && n.command_threads == 0) n.host->log().xpmlog(503, 656, {{"count", wanted}});
+    if (n.host != nullptr && n.command_threads == 0) n.host->log().xpmlog(message::threads_used{.count = wanted});
   }
   return std::clamp(wanted, 1, most_workers);
 }
@@ -25,7 +26,7 @@ int tvltinit(model::NX& n)
   const int wanted = tvlthrd(n);
   n.workers = std::make_shared<WorkerPool>(wanted);
   if (n.workers->contexts() < wanted && n.host != nullptr) {
-    n.host->log().xpmlog(503, 654);
+    n.host->log().xpmlog(message::threads_not_started);
     n.raise(4);
   }
   return 0;

@@ -1,7 +1,7 @@
 #include "probability/beta.h"
 
 #include "probability/constants.h"
-#include "probability/log_gamma.h"
+#include "probability/special/log_gamma.h"
 #include "probability/tail_quadrature.h"
 
 #include <algorithm>
@@ -113,6 +113,11 @@ Tails at_zero(double a, double b)
   return {0.0, 1.0, -infinity, 0.0, log_density};
 }
 
+bool in_domain(const BetaPoint& point, double a, double b)
+{
+  return point.x >= 0.0 && point.y >= 0.0 && a > dmin && b > dmin && !std::isinf(a) && !std::isinf(b);
+}
+
 } // namespace
 
 BetaPoint beta_point(double x)
@@ -136,10 +141,18 @@ BetaPoint beta_point_logit(double w)
   return {larger, smaller, log_larger, log_larger - w};
 }
 
+double beta_log_density(const BetaPoint& point, double a, double b)
+{
+  if (!in_domain(point, a, b)) return not_a_number;
+  if (point.log_x == -infinity) return at_zero(a, b).log_density;
+  if (point.log_y == -infinity) return at_zero(b, a).log_density;
+  return log_kernel(point, a, b, distance_from_mean(point, a, b)) - point.log_x - point.log_y;
+}
+
 Tails beta_tails(const BetaPoint& point, double a, double b)
 {
   constexpr Tails outside{not_a_number, not_a_number, not_a_number, not_a_number, not_a_number};
-  if (!(point.x >= 0.0 && point.y >= 0.0 && a > dmin && b > dmin) || std::isinf(a) || std::isinf(b)) return outside;
+  if (!in_domain(point, a, b)) return outside;
   if (point.log_x == -infinity) return at_zero(a, b);
   if (point.log_y == -infinity) return exchanged(at_zero(b, a));
   const double d = distance_from_mean(point, a, b);

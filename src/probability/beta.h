@@ -23,6 +23,9 @@ BetaPoint beta_point_logit(double w);          // x/y = exp(w), any finite w
 // outside the domain. Relative error about 1e-14 for tails of any size; the logarithms hold where the tails underflow.
 Tails beta_tails(const BetaPoint& point, double a, double b);
 
+// Their log density alone, without the cost of the tails; at 0 and 1 its limit.
+double beta_log_density(const BetaPoint& point, double a, double b);
+
 // zibeta: regularized incomplete beta function of a and b at x into p, the density into d. (z numeric, i incomplete.)
 // Returns 0; 1 when x is outside 0..1, a or b is not above 0 or above 2^53: p and d are then NaN.
 int zibeta(double x, double a, double b, double* p, double* d);

@@ -1,7 +1,7 @@
 #include "probability/gamma.h"
 
 #include "probability/constants.h"
-#include "probability/log_gamma.h"
+#include "probability/special/log_gamma.h"
 #include "probability/tail_quadrature.h"
 
 #include <cmath>
@@ -115,6 +115,13 @@ Tails gamma_tails(double z, double a)
   if (z == 0.0) return {0.0, 1.0, -infinity, 0.0, a < 1.0 ? infinity : a == 1.0 ? 0.0 : -infinity};
   if (std::isinf(z)) return {1.0, 0.0, 0.0, -infinity, -infinity};
   return inside_tails(z, std::log(z), a);
+}
+
+double gamma_log_density(double z, double a)
+{
+  if (!(z >= 0.0 && usable_shape(a))) return not_a_number;
+  if (z == 0.0 || std::isinf(z)) return gamma_tails(z, a).log_density;
+  return log_kernel(z, std::log(z), a) - std::log(z);
 }
 
 Tails gamma_tails_at_log(double log_z, double a)

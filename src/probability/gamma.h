@@ -10,6 +10,9 @@ namespace torvale::probability {
 // outside the domain. Relative error about 1e-14; the logarithms hold where the tails underflow.
 Tails gamma_tails(double z, double a);
 
+// Their log density alone, without the cost of the tails; at 0 its limit.
+double gamma_log_density(double z, double a);
+
 // The same at z = exp(log_z), also where z underflows; the density is still with respect to z.
 Tails gamma_tails_at_log(double log_z, double a);
 

@@ -1,7 +1,7 @@
 #include "probability/normal.h"
 
 #include "probability/constants.h"
-#include "probability/error_function.h"
+#include "probability/special/error_function.h"
 
 #include <cmath>
 

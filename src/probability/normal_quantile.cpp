@@ -1,6 +1,6 @@
 #include "probability/constants.h"
-#include "probability/error_function.h"
 #include "probability/normal.h"
+#include "probability/special/error_function.h"
 
 #include <algorithm>
 #include <cmath>

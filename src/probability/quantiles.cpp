@@ -2,8 +2,8 @@
 
 #include "probability/constants.h"
 #include "probability/gamma.h"
-#include "probability/log_gamma.h"
 #include "probability/normal.h"
+#include "probability/special/log_gamma.h"
 
 #include <algorithm>
 #include <cmath>

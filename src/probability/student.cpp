@@ -3,8 +3,8 @@
 #include "probability/beta.h"
 #include "probability/constants.h"
 #include "probability/f.h"
-#include "probability/log_gamma.h"
 #include "probability/normal.h"
+#include "probability/special/log_gamma.h"
 
 #include <cmath>
 

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "probability/log_exp.h"
+#include "probability/special/log_exp.h"
 
 namespace torvale::probability {
 

@@ -1,5 +1,6 @@
 #include "run/advice.h"
 
+#include "host/message_names.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
 #include "syntax/walk.h"
@@ -38,12 +39,11 @@ void compare(NX& n, const host::Column& column, const Expr& constant, std::set<s
   const auto same = [&](const std::string& level) { return host::stripped(level) == value; };
   if (value.empty() || std::any_of(levels.begin(), levels.end(), same)) return;
   if (!said.insert(column.name() + "\n" + value).second) return;
-  host::MessageArguments arguments = {{"name", column.name()}, {"value", value}};
   std::string near = host::nearest_name(value, levels);
   if (near.empty() && levels.size() <= 6)
     for (const auto& level : levels) near += (near.empty() ? "" : ", ") + level;
-  if (!near.empty()) arguments.emplace_back("near", near);
-  n.host->log().xpmlog(503, 9550, arguments, n.sources->place({}, constant.where));
+  n.host->log().xpmlog(message::text_never_occurs{.value = value, .name = column.name(), .near = near},
+                       n.sources->place({}, constant.where));
   n.raise(4);
 }
 
@@ -75,9 +75,8 @@ void decimal_commas(NX& n)
       here.column = static_cast<int>(i) + 1;
       std::size_t end = i + 1;
       while (digit(end)) ++end;
-      n.host->log().xpmlog(503, 9554,
-                           {{"found", source.substr(i - 1, end - i + 1)},
-                            {"meant", "0." + std::string(source.substr(i + 1, end - i - 1))}},
+      n.host->log().xpmlog(message::decimal_comma{.found = source.substr(i - 1, end - i + 1),
+                                                  .meant = "0." + std::string(source.substr(i + 1, end - i - 1))},
                            here);
       n.raise(4);
       return;
@@ -123,7 +122,7 @@ void advise_on_program(NX& n)
     compared_texts(n, e, said);
     if (e.kind == ExprKind::binary && e.op == Op::or_ && e.args[0]->kind == ExprKind::number &&
         e.args[1]->kind == ExprKind::variable && said.insert("|").second) {
-      n.host->log().xpmlog(503, 9551, {{"name", std::string(e.args[1]->name)}}, n.sources->place({}, e.where));
+      n.host->log().xpmlog(message::bar_is_or{.name = e.args[1]->name}, n.sources->place({}, e.where));
       n.raise(4);
     }
   });
@@ -146,18 +145,17 @@ void advise_on_response(NX& n)
     if (outside++ == 0) first = row;
   }
   if (outside == 0) return;
-  host::MessageArguments arguments = {
-      {"name", n.depname}, {"value", column->number(first)}, {"count", outside}, {"support", support.words}};
+  message::response_outside_support words{
+      .name = n.depname, .value = column->number(first), .count = outside, .support = support.words};
   const double y = column->number(first);
   if (n.disttype == 2 && values == std::set<double>{1, 2})
-    arguments.emplace_back("advice",
-                           "it is coded 1 and 2: compute event = (" + n.depname + " = 2); and name event in MODEL");
+    words.advice = "it is coded 1 and 2: compute event = (" + n.depname + " = 2); and name event in MODEL";
   else if (y == -9 || y == -99 || y == -999 || y == 999 || y == 9999)
-    arguments.emplace_back("advice", "that looks like a code for missing values: read the data with WHERE=(" +
-                                         n.depname + " ^= " + host::shortest(y) + ")");
+    words.advice = "that looks like a code for missing values: read the data with WHERE=(" + n.depname +
+                   " ^= " + host::shortest(y) + ")";
   host::MessagePlace place;
   place.row = n.fid->file_row(first);
-  n.host->log().xpmlog(503, 9552, arguments, place);
+  n.host->log().xpmlog(words, place);
   n.raise(4);
 }
 

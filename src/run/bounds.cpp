@@ -1,5 +1,7 @@
+#include "host/message_names.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,6 +10,7 @@ namespace torvale::run {
 
 using model::NX;
 using model::PARMSTR;
+using syntax::bounds_slot;
 using syntax::StItem;
 
 namespace {
@@ -25,17 +28,15 @@ PARMSTR& parameter_of(NX& n, const StItem& item)
   if (it != n.parmstr.end()) return *it;
   std::vector<std::string> names;
   for (const auto& p : n.parmstr) names.push_back(p.parmname);
-  const std::string nearest = host::nearest_name(item.text, names);
-  host::MessageArguments arguments = {{"name", item.text}};
-  if (!nearest.empty()) arguments.emplace_back("near", nearest);
-  n.host->log().xpmlog(503, 252, arguments, place_at(n, "BOUNDS", item.where));
+  n.host->log().xpmlog(
+      message::bounds_name_no_parameter{.name = item.text, .near = host::nearest_name(item.text, names)},
+      place_at(n, "BOUNDS", item.where));
   tvlexit(n, 1012);
 }
 
-[[noreturn]] void refuse(NX& n, int number, const StItem& item)
+[[noreturn]] void refuse(NX& n, const host::NumberedMessage& problem, const StItem& item)
 {
-  n.host->log().xpmlog(503, number, {{"problem", "a number stands on both sides of a comparison"}},
-                       place_at(n, "BOUNDS", item.where));
+  n.host->log().xpmlog(problem, place_at(n, "BOUNDS", item.where));
   tvlexit(n, 1012);
 }
 
@@ -44,8 +45,9 @@ void apply(NX& n, const Relation& r, double slack)
 {
   const bool low_is_number = r.low->kind == StItem::Kind::number;
   const bool high_is_number = r.high->kind == StItem::Kind::number;
-  if (low_is_number && high_is_number) refuse(n, 250, *r.low);
-  if (!low_is_number && !high_is_number) refuse(n, 251, *r.low);
+  if (low_is_number && high_is_number)
+    refuse(n, message::bad_bounds{.problem = "a number stands on both sides of a comparison"}, *r.low);
+  if (!low_is_number && !high_is_number) refuse(n, message::bounds_need_parameter_and_number, *r.low);
   const StItem& constant = low_is_number ? *r.low : *r.high;
   if (std::isnan(constant.number)) return; // "." is no bound
   PARMSTR& p = parameter_of(n, low_is_number ? *r.high : *r.low);
@@ -59,7 +61,7 @@ void apply(NX& n, const Relation& r, double slack)
     p.applyh = true;
   }
   if (p.applyl && p.applyh && p.lowbound > p.highbound) {
-    n.host->log().xpmlog(503, 9310, {{"name", p.parmname}, {"lower", p.lowbound}, {"upper", p.highbound}},
+    n.host->log().xpmlog(message::bounds_contradict{.lower = p.lowbound, .name = p.parmname, .upper = p.highbound},
                          place_at(n, "BOUNDS", constant.where));
     tvlexit(n, 1012);
   }
@@ -70,8 +72,8 @@ void apply(NX& n, const Relation& r, double slack)
 std::vector<Relation> relations_of(const syntax::STMT& stmt)
 {
   std::vector<Relation> relations;
-  const auto& operands = stmt.slot(1).list;
-  for (const StItem& op : stmt.slot(2).list) {
+  const auto& operands = stmt.slot(bounds_slot::operands).list;
+  for (const StItem& op : stmt.slot(bounds_slot::relations).list) {
     const bool less = op.text[0] == '<';
     const bool strict = op.text.size() == 1;
     for (const StItem& a : operands)
@@ -96,7 +98,7 @@ void process_bounds(NX& n)
   }
   for (const PARMSTR& p : n.parmstr) {
     const bool elsewhere = std::any_of(p.parmlist.begin(), p.parmlist.end(), [&](double v) { return v != p.lowbound; });
-    if (p.held() && elsewhere) n.host->log().xpmlog(503, 9311, {{"name", p.parmname}, {"value", p.lowbound}});
+    if (p.held() && elsewhere) n.host->log().xpmlog(message::parameter_held{.name = p.parmname, .value = p.lowbound});
   }
 }
 

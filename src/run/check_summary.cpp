@@ -1,5 +1,6 @@
 // What `check` says of a step without mistakes: the model as it was understood.
 
+#include "host/message_names.h"
 #include "run/statement_processing.h"
 
 namespace torvale::run {
@@ -23,19 +24,19 @@ void write_model_summary(model::NX& n)
   for (const auto* symbol : engine::cmppdv(*n.gcmp).variables) read.push_back(symbol->name);
 
   using host::CellKind;
-  host::Table table("ModelSummary", host::otbmsg(503, 9544),
-                    {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
-                     {"Value", CellKind::text, host::otbmsg(503, 32), "", ""}});
-  const auto row = [&](int label, const std::string& value) {
-    if (!value.empty()) table.row({host::xpmstr(503, label), value});
+  host::Table table("ModelSummary", host::otbmsg(label::model_as_understood),
+                    {{"Descr", CellKind::text, host::otbmsg(label::description), "", ""},
+                     {"Value", CellKind::text, host::otbmsg(label::value), "", ""}});
+  const auto row = [&](const host::NumberedMessage& words, const std::string& value) {
+    if (!value.empty()) table.row({host::xpmstr(words), value});
   };
-  row(9545, listed(parameters));
-  row(9546, listed(defaulted));
+  row(label::named_parameters, listed(parameters));
+  row(label::defaulted_parameters, listed(defaulted));
   for (auto it = n.reff.rbegin(); it != n.reff.rend(); ++it)
-    table.row({host::xpmstr(503, 9547, {{"subject", it->subname}}), listed(it->names)});
-  row(9548, listed(read));
+    table.row({host::xpmstr(label::effects_by{.subject = it->subname}), listed(it->names)});
+  row(label::variables_read, listed(read));
   n.host->tables().wobmth(std::move(table));
-  if (!n.host->log().has_errors()) n.host->log().xpmlog(503, 9543);
+  if (!n.host->log().has_errors()) n.host->log().xpmlog(message::no_mistakes);
 }
 
 } // namespace torvale::run

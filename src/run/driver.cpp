@@ -2,6 +2,7 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "inference/fit_outputs.h"
 #include "inference/picture_data.h"
 #include "inference/tables.h"
@@ -47,14 +48,16 @@ int exit_of_outcome(const NX& n)
 // The tables and expressions of a fit; its exit code.
 int report_fit(NX& n)
 {
-  if (n.znlprc > 0 && n.covmat.empty()) {
-    n.host->log().xpmlog(503, 9340);
+  if (n.znlprc > 0 && n.nparm > 0 && n.covmat.empty()) {
+    n.host->log().xpmlog(message::no_covariance);
     n.raise(4);
   }
+  inference::warn_of_standard_errors(n);
   inference::write_verdict(n);
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = exit_of_outcome(n);
+  if (n.nparm == 0) return exit_clean;
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
@@ -89,16 +92,17 @@ int run_group(NX& n)
   if (n.host->interrupted()) return exit_interrupted;
   n.parmstart = n.parm;
   solve::tvlsolv(n);
-  const int exit_code = report_fit(n);
+  int exit_code = report_fit(n);
+  // Where the objective has a value, whether or not the fit converged.
+  if (n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted() && run_sampler(n) != 0)
+    exit_code = worse_exit(exit_code, exit_not_converged);
   if (n.pictures && !n.host->interrupted()) draw_pictures(n);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 
-StepOutcome run_groups(NX& n)
+StepOutcome run_groups(NX& n, host::ByGroups& groups)
 {
   StepOutcome outcome;
-  host::ByGroups groups;
-  if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) outcome = {1012, exit_data};
   n.by_groups = &groups;
   const int step_code = n.tvlrc; // warnings of the statements belong to the step
   while (groups.xbynext() && !n.host->interrupted()) {
@@ -113,7 +117,7 @@ StepOutcome run_groups(NX& n)
       n.raise(end.return_code);
       exit_code = exit_program;
     } catch (const std::bad_alloc&) {
-      n.host->log().xpmlog(503, 9341);
+      n.host->log().xpmlog(message::out_of_memory);
       n.raise(1016);
       exit_code = exit_internal;
     }
@@ -139,14 +143,17 @@ StepOutcome hsttorvl(NX& n)
       inference::starting_tables(run);
       return 0;
     };
+    // Data that are not in the order of their BY variables have no groups: nothing is fitted, nothing shown.
+    host::ByGroups groups;
+    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) return {1012, exit_data};
     parallel::tvltinit(n);
     tvlspec(n);
-    outcome = run_groups(n);
+    outcome = run_groups(n, groups);
   } catch (const host::HostExit& end) {
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
   } catch (const std::bad_alloc&) {
-    n.host->log().xpmlog(503, 9341);
+    n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
   parallel::KillThreads(n);

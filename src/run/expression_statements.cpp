@@ -1,54 +1,54 @@
 // ESTIMATE and CONTRAST: expressions of the parameters, evaluated after the whole program.
 
+#include "host/message_names.h"
 #include "host/text.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 namespace torvale::run {
 
 using model::EstimateStatement;
 using model::NX;
+using syntax::estimate_flag;
+using syntax::estimate_slot;
 using syntax::STMT;
 
 namespace {
 
-void refuse_name(NX& n, const char* statement, int number, const engine::CMPSYM& input, syntax::Position where)
+[[noreturn]] void refuse_name(NX& n, const char* statement, const engine::CMPSYM& input, syntax::Position where)
 {
-  host::MessageArguments arguments = {{"statement", statement}, {"name", input.name}};
-  if (input.random_effect < 0) {
+  const auto place = place_at(n, statement, where);
+  if (input.random_effect >= 0) {
+    n.host->log().xpmlog(message::depends_on_random_effects{.statement = statement, .name = input.name}, place);
+  } else {
     std::vector<std::string> names;
     for (const auto& p : n.parmstr) names.push_back(p.parmname);
-    const std::string nearest = host::nearest_name(input.name, names);
-    if (!nearest.empty()) arguments.emplace_back("near", nearest);
+    n.host->log().xpmlog(message::estimate_of_unknown_name{.statement = statement,
+                                                           .name = input.name,
+                                                           .near = host::nearest_name(input.name, names)},
+                         place);
   }
-  n.host->log().xpmlog(503, number, arguments, place_at(n, statement, where));
   tvlexit(n, 3000);
-}
-
-// An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
-void check_inputs(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
-{
-  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
-    if (input->parameter < 0) refuse_name(n, statement, input->random_effect >= 0 ? 33 : 38, *input, where);
-  }
 }
 
 EstimateStatement read_statement(NX& n, const STMT& stmt, const char* word)
 {
   EstimateStatement e;
   e.where = stmt.where;
-  e.alpha = stmt.number_or(5, -1);
-  e.df = stmt.number_or(6, -1);
-  e.derivatives = stmt.flag(1);
-  for (const auto& item : stmt.slot(2).list) {
+  e.alpha = stmt.number_or(estimate_slot::alpha, -1);
+  e.df = stmt.number_or(estimate_slot::df, -1);
+  e.derivatives = stmt.flag(estimate_flag::der);
+  for (const auto& item : stmt.slot(estimate_slot::expressions).list) {
     engine::CMPSYM* symbol = engine::cmpexpr(*n.gcmp, item.expr);
     if (log_diagnostics(n) > 0) tvlexit(n, 1012);
-    check_inputs(n, word, symbol, item.where);
+    parameters_only(n, word, symbol, item.where);
     e.expr.s.push_back(symbol);
   }
-  if (stmt.given(4) && !stmt.slot(4).list.empty()) e.label = stmt.slot(4).list[0].text;
+  if (stmt.given(estimate_slot::label) && !stmt.slot(estimate_slot::label).list.empty())
+    e.label = stmt.slot(estimate_slot::label).list[0].text;
   if (e.label.empty() && e.expr.n() > 0) e.label = engine::cmppnam(e.expr.s[0]);
   if (std::string_view(word) == "ESTIMATE" && e.expr.n() != 1) {
-    n.host->log().xpmlog(503, 29, {{"label", e.label}}, place_at(n, word, stmt.where));
+    n.host->log().xpmlog(message::estimate_needs_one_expression{.label = e.label}, place_at(n, word, stmt.where));
     tvlexit(n, 1012);
   }
   if (engine::cmpder(e.der, e.expr, n.prsym, *n.gcmp) != 0) {
@@ -71,10 +71,20 @@ void specialise(NX& n, EstimateStatement& e)
 
 } // namespace
 
+// An expression of estimates is a function of the parameters: no random effects (33), no data or unknown names (38).
+void parameters_only(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
+{
+  const auto inputs = engine::cmpdeps(*n.gcmp, symbol);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->random_effect >= 0) refuse_name(n, statement, *input, where);
+  for (const engine::CMPSYM* input : inputs)
+    if (input->parameter < 0) refuse_name(n, statement, *input, where);
+}
+
 void refuse_unknown_names(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
 {
   for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol))
-    if (!input->resolved) refuse_name(n, statement, 38, *input, where);
+    if (!input->resolved) refuse_name(n, statement, *input, where);
 }
 
 void read_expression_statements(NX& n)

@@ -2,11 +2,15 @@
 // value.
 
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "host/missing.h"
 #include "host/text.h"
+#include "host/whole_number.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
+#include <cctype>
 #include <limits>
 
 namespace torvale::run {
@@ -14,6 +18,9 @@ namespace torvale::run {
 using data::NamedValues;
 using engine::CMPSYM;
 using model::NX;
+using syntax::parms_flag;
+using syntax::parms_slot;
+using syntax::random_slot;
 using syntax::STMT;
 
 namespace {
@@ -28,7 +35,7 @@ const STMT* parms_statement_of(NX& n)
     ++count;
   }
   if (count > 1) {
-    n.host->log().xpmlog(503, 12, {{"statement", "PARMS"}}, place_at(n, "PARMS", found->where));
+    n.host->log().xpmlog(message::repeated_statement{.statement = "PARMS"}, place_at(n, "PARMS", found->where));
     tvlexit(n, 3000);
   }
   return found;
@@ -38,7 +45,7 @@ bool is_random_effect(const NX& n, std::string_view name)
 {
   for (const auto& stmt : n.proc->statements)
     if (stmt.name == "RANDOM")
-      for (const auto& item : stmt.slot(1).list)
+      for (const auto& item : stmt.slot(random_slot::effects).list)
         if (host::equal_names(item.text, name)) return true;
   return false;
 }
@@ -54,7 +61,7 @@ void refuse_repeated(NX& n, const std::vector<NamedValues>& named)
   for (std::size_t i = 0; i < named.size(); ++i)
     for (std::size_t j = 0; j < i; ++j) {
       if (!host::equal_names(named[i].name, named[j].name)) continue;
-      n.host->log().xpmlog(503, 237, {{"name", named[i].name}}, place_at(n, "PARMS", named[i].where));
+      n.host->log().xpmlog(message::parameter_given_twice{.name = named[i].name}, place_at(n, "PARMS", named[i].where));
       tvlexit(n, 1012);
     }
 }
@@ -62,19 +69,46 @@ void refuse_repeated(NX& n, const std::vector<NamedValues>& named)
 void refuse_other_roles(NX& n, const NamedValues& named, const CMPSYM& symbol)
 {
   const auto place = place_at(n, "PARMS", named.where);
-  int number = 0;
-  if (reserved_name(named.name))
-    number = 9321;
-  else if (is_random_effect(n, named.name))
-    number = 9324;
-  else if (symbol.assigned)
-    number = 9322;
-  if (number == 0) return;
-  n.host->log().xpmlog(503, number, {{"name", named.name}, {"role", "a parameter"}}, place);
-  tvlexit(n, 3000);
+  const auto refuse = [&](const host::NumberedMessage& problem) {
+    n.host->log().xpmlog(problem, place);
+    tvlexit(n, 3000);
+  };
+  if (reserved_name(named.name)) refuse(message::reserved_name{.name = named.name, .role = "a parameter"});
+  if (is_random_effect(n, named.name)) refuse(message::parameter_and_random_effect{.name = named.name});
+  if (symbol.assigned) refuse(message::role_is_assigned{.name = named.name, .role = "a parameter"});
 }
 
-// Notes 363 to 365: names that became parameters at 1, with the nearest name that might have been meant.
+// Is the name a term of a sum somewhere in the program?
+bool added_to_another(const std::string& program, const std::string& name)
+{
+  const auto part_of_name = [](char c) { return c == '_' || std::isalnum(static_cast<unsigned char>(c)) != 0; };
+  const std::string text = host::wzstrup(program), word = host::wzstrup(name);
+  for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+    const std::size_t end = at + word.size();
+    const bool whole = (at == 0 || !part_of_name(text[at - 1])) && (end == text.size() || !part_of_name(text[end]));
+    const std::size_t before = text.find_last_not_of(' ', at == 0 ? 0 : at - 1), after = text.find_first_not_of(' ', end);
+    const char next = after == std::string::npos ? ' ' : text[after];
+    if (whole && next != '*' && next != '/' &&
+        ((at > 0 && before != std::string::npos && text[before] == '+') || next == '+'))
+      return true;
+  }
+  return false;
+}
+
+// Names that are added to another while there is no RANDOM statement: they look like random effects.
+std::string like_effects(const NX& n, const std::vector<std::string>& defaulted)
+{
+  const bool any_random = std::any_of(n.proc->statements.begin(), n.proc->statements.end(),
+                                      [](const STMT& s) { return s.name == "RANDOM"; });
+  if (any_random) return {};
+  const std::string program = engine::cmppprg(*n.gcmp);
+  std::string names;
+  for (const std::string& name : defaulted)
+    if (added_to_another(program, name)) names += (names.empty() ? "" : ", ") + name;
+  return names;
+}
+
+// Names that became parameters at 1, with the nearest name that might have been meant.
 void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool statement_given)
 {
   if (defaulted.empty()) return;
@@ -96,10 +130,22 @@ void report_defaulted(NX& n, const std::vector<std::string>& defaulted, bool sta
     meant += meant.empty() ? "" : ", ";
     meant += defaulted.size() == 1 ? nearest : nearest + " for " + name;
   }
-  host::MessageArguments arguments = {{"names", list}};
-  if (!meant.empty()) arguments.emplace_back("near", meant);
-  const int number = !statement_given ? 365 : defaulted.size() == 1 ? 363 : 364;
-  n.host->log().xpmlog(503, number, arguments);
+  if (!statement_given)
+    n.host->log().xpmlog(message::no_parms_statement{.names = list});
+  else if (defaulted.size() == 1)
+    n.host->log().xpmlog(message::name_becomes_parameter{.names = list, .near = meant});
+  else
+    n.host->log().xpmlog(message::names_become_parameters{.names = list, .near = meant});
+  const bool strict = n.host->option("STRICT") != nullptr;
+  if (!statement_given && !strict) return;
+  // With a PARMS statement such a name is a mistake more often than not.
+  const std::string effects = like_effects(n, defaulted);
+  if (strict) {
+    n.host->log().xpmlog(message::name_not_in_parms_refused{.names = list, .near = meant, .effects = effects});
+    tvlexit(n, 3000);
+  }
+  n.host->log().xpmlog(message::name_not_in_parms{.names = list, .near = meant, .effects = effects});
+  n.raise(4);
 }
 
 // Some value is ._ or .A to .Z: programs that read the column then compare missing values by kind.
@@ -128,9 +174,9 @@ void parameter_setup(NX& n)
   const STMT* parms = parms_statement_of(n);
   n.nbest = 1;
   if (parms != nullptr) {
-    n.bestspec = parms->given(4);
-    n.nbest = static_cast<int>(parms->number_or(4, 1));
-    n.bydata = parms->flag(1);
+    n.bestspec = parms->given(parms_slot::best);
+    n.nbest = host::whole_number(parms->number_or(parms_slot::best, 1));
+    n.bydata = parms->flag(parms_flag::bydata);
     if (data::parms_statement(n, *parms, named) != 0) tvlexit(n, 1012);
   }
 
@@ -139,15 +185,15 @@ void parameter_setup(NX& n)
                        [&](const NamedValues& v) { return host::equal_names(v.name, name); });
   };
   if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
-  if (parms != nullptr && parms->given(3) && data::open_parms_data(n, *parms, named) != 0)
-    tvlexit(n, n.pdata.data == nullptr ? 1008 : 3000);
+  if (parms != nullptr && parms->given(parms_slot::data) && data::open_parms_data(n, *parms, named) != 0)
+    tvlexit(n, n.pdata.data == nullptr || n.pdata.data->rows() == 0 ? 1008 : 3000);
   refuse_repeated(n, named);
 
   std::vector<std::string> defaulted;
   for (const CMPSYM* symbol : engine::cmpsymbols(*n.gcmp)) {
-    if (!undefined(n, *symbol) || is_named(symbol->name)) continue;
+    if (!undefined(n, *symbol) || is_named(symbol->name) || host::equal_names(symbol->name, n.depname)) continue;
     if (symbol->type == 'c') {
-      log.xpmlog(503, 366, {{"name", symbol->name}}, place_at(n, "", symbol->where));
+      log.xpmlog(message::undefined_name_is_character{.name = symbol->name}, place_at(n, "", symbol->where));
       tvlexit(n, 1012);
     }
     defaulted.push_back(symbol->name);
@@ -158,7 +204,7 @@ void parameter_setup(NX& n)
     if (symbol == nullptr) symbol = engine::cmpsymd(*n.gcmp, v.name, 'v', 'n');
     refuse_other_roles(n, v, *symbol);
     if (n.fid->find(v.name) != nullptr) {
-      log.xpmlog(503, 4, {{"name", v.name}}, place_at(n, "PARMS", v.where));
+      log.xpmlog(message::parameter_in_data{.name = v.name}, place_at(n, "PARMS", v.where));
       n.raise(4);
     }
     model::PARMSTR p;
@@ -193,12 +239,12 @@ void grid_size(NX& n)
     longest = std::max<long>(longest, p.npoint());
   }
   if (!n.noprod && product > 2147483647.0) {
-    n.host->log().xpmlog(503, 500, {{"points", product}});
+    n.host->log().xpmlog(message::grid_too_large{.points = product});
     tvlexit(n, 1012);
   }
   n.npoints = n.noprod ? longest : static_cast<long>(product);
   if (n.nbest > n.npoints) {
-    n.host->log().xpmlog(503, 231, {{"best", n.nbest}, {"points", n.npoints}});
+    n.host->log().xpmlog(message::best_above_points{.best = n.nbest, .points = n.npoints});
     n.nbest = static_cast<int>(n.npoints);
   }
 }

@@ -1,11 +1,15 @@
 // PREDICT: an expression of parameters, random effects and data, evaluated at every record after the fit.
 
+#include "host/message_names.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 namespace torvale::run {
 
 using model::NX;
 using model::PredictStatement;
+using syntax::predict_flag;
+using syntax::predict_slot;
 using syntax::STMT;
 
 namespace {
@@ -14,19 +18,19 @@ PredictStatement read_statement(NX& n, const STMT& stmt)
 {
   PredictStatement p;
   p.where = stmt.where;
-  const auto& expressions = stmt.slot(2).list;
+  const auto& expressions = stmt.slot(predict_slot::expression).list;
   if (expressions.size() != 1) {
-    n.host->log().xpmlog(503, 27, {}, place_at(n, "PREDICT", stmt.where));
+    n.host->log().xpmlog(message::predict_needs_one_expression, place_at(n, "PREDICT", stmt.where));
     tvlexit(n, 1012);
   }
   p.value = engine::cmpexpr(*n.gcmp, expressions[0].expr);
   // Variables that nothing else uses are bound here.
   if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
   refuse_unknown_names(n, "PREDICT", p.value, stmt.where);
-  p.alpha = stmt.number_or(5, -1);
-  p.df = stmt.number_or(6, -1);
-  p.derivatives = stmt.flag(1);
-  if (stmt.given(4) && !stmt.slot(4).list.empty()) p.out = &stmt.slot(4).list[0];
+  p.alpha = stmt.number_or(predict_slot::alpha, -1);
+  p.df = stmt.number_or(predict_slot::df, -1);
+  p.derivatives = stmt.flag(predict_flag::der);
+  if (const auto& out = stmt.slot(predict_slot::out).list; !out.empty()) p.out = &out[0];
   engine::CMPLIST variables = n.prsym;
   for (std::size_t level = n.reff.size(); level > 0; --level)
     for (auto* effect : n.reff[level - 1].ransym.s) variables.s.push_back(effect);

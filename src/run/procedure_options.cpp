@@ -1,11 +1,16 @@
 // The options of the TORVALE statement: slot and flag numbers are those of the language's tables.
 
+#include "host/message_names.h"
+#include "host/whole_number.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 namespace torvale::run {
 
 using model::NX;
 using syntax::STMT;
+using syntax::torvale_flag;
+using syntax::torvale_slot;
 
 namespace {
 
@@ -13,16 +18,19 @@ void set_seed(NX& n, const STMT& s)
 {
   auto& log = n.host->log();
   constexpr double limit = 9007199254740992.0;
-  const double given = s.number_or(86, static_cast<double>(n.seed)); // n.seed: --seed of the command line, or 0
+  const double given =
+      s.number_or(torvale_slot::seed, static_cast<double>(n.seed)); // n.seed: --seed of the command line, or 0
   if (given >= limit) {
-    log.xpmlog(503, 140, {{"limit", limit}}, place_at(n, "TORVALE", s.slot(86).where));
+    log.xpmlog(message::seed_too_large{.limit = limit}, place_at(n, "TORVALE", s.slot(torvale_slot::seed).where));
     tvlexit(n, 3000);
   }
-  if (given < 0) log.xpmlog(503, 139, {}, place_at(n, "TORVALE", s.slot(86).where));
+  if (given < 0) log.xpmlog(message::seed_negative, place_at(n, "TORVALE", s.slot(torvale_slot::seed).where));
   n.seed = static_cast<long>(given);
   if (n.seed >= 1 && n.seed <= 2147483646) return;
-  if (given > 2147483646.0) log.xpmlog(503, 9302, {{"seed", given}}, place_at(n, "TORVALE", s.slot(86).where));
+  if (given > 2147483646.0)
+    log.xpmlog(message::seed_above_range{.seed = given}, place_at(n, "TORVALE", s.slot(torvale_slot::seed).where));
   n.seed = static_cast<long>(n.host->clock_seed());
+  if (n.method == 3) log.xpmlog(message::seed_from_clock{.seed = n.seed}); // the one method that draws
 }
 
 double default_qmax(const NX& n)
@@ -31,88 +39,96 @@ double default_qmax(const NX& n)
   return n.adaptive ? 160 : 310;
 }
 
+// Tables and listings that were asked for.
+void output_options(NX& n, const STMT& s)
+{
+  n.pecov = s.flag(torvale_flag::ecov);
+  n.pecorr = s.flag(torvale_flag::ecorr);
+  n.itdetails = s.flag(torvale_flag::itdetails);
+  n.pcov = s.flag(torvale_flag::cov);
+  n.pcorr = s.flag(torvale_flag::corr);
+  n.phess = s.flag(torvale_flag::hess);
+  n.pstart = s.flag(torvale_flag::start);
+  n.peder = s.flag(torvale_flag::eder);
+  n.debug = s.flag(torvale_flag::debug);
+  n.list = s.flag(torvale_flag::list);
+  n.listcode = s.flag(torvale_flag::listcode);
+  n.listdep = s.flag(torvale_flag::listdep);
+  n.xref = s.flag(torvale_flag::xref);
+  n.listder = s.flag(torvale_flag::listder);
+}
+
 } // namespace
 
 void procedure_options(NX& n, const STMT& s)
 {
   auto& log = n.host->log();
-  n.lognote = s.flag(73);
+  n.lognote = s.flag(torvale_flag::lognote);
   if (n.lognote) {
-    n.loglevel = static_cast<int>(s.number_or(92, 1));
-    log.xpmlog(503, 400, {});
+    n.loglevel = host::whole_number(s.number_or(torvale_slot::lognote, 1));
+    log.xpmlog(message::statements_read);
   }
 
-  n.method = static_cast<int>(s.number_or(5, 0));
-  n.nqpspec = s.given(6);
-  n.nqp = static_cast<int>(s.number_or(6, -1));
-  n.qscale = s.number_or(7, 1.0);
-  n.qtol = s.number_or(81, 1e-4);
-  n.adaptive = !s.flag(56);
-  n.adscale = n.adaptive && !s.flag(59);
-  n.qfac = s.number_or(87, n.method == 0 ? 10.0 : 50.0);
-  n.qmax = s.number_or(88, -1);
+  n.method = host::whole_number(s.number_or(torvale_slot::method, 0));
+  n.nqpspec = s.given(torvale_slot::qpoints);
+  n.nqp = host::whole_number(s.number_or(torvale_slot::qpoints, -1));
+  n.qscale = s.number_or(torvale_slot::qscalefac, 1.0);
+  n.qtol = s.number_or(torvale_slot::qtol, 1e-4);
+  n.adaptive = !s.flag(torvale_flag::noad);
+  n.adscale = n.adaptive && !s.flag(torvale_flag::noadscale);
+  n.qfac = s.number_or(torvale_slot::qfac, n.method == 0 ? 10.0 : 50.0);
+  n.qmax = s.number_or(torvale_slot::qmax, -1);
   if (n.qmax < 0) n.qmax = default_qmax(n);
   if (n.qtol < 1.110223024625157e-15) {
-    log.xpmlog(503, 134, {{"value", n.qtol}}, place_at(n, "TORVALE", s.slot(81).where));
+    log.xpmlog(message::qtol_too_small{.value = n.qtol}, place_at(n, "TORVALE", s.slot(torvale_slot::qtol).where));
     tvlexit(n, 1012);
   }
-  n.search = s.flag(57);
+  n.search = s.flag(torvale_flag::search);
 
-  n.ebtol = s.number_or(82, 1.110223024625157e-12);
-  n.ebsstol = s.number_or(84, 1e-8);
-  n.ebstep = static_cast<int>(s.number_or(8, 50));
-  n.ebsubstep = static_cast<int>(s.number_or(9, 20));
-  n.ebssfrac = s.number_or(10, 0.8);
-  n.ebmtol = s.number_or(96, 1e-5);
-  n.ebopt = s.flag(67);
-  n.ebzstart = s.flag(69);
-  n.ebgn = s.flag(70);
+  n.ebtol = s.number_or(torvale_slot::ebtol, 1.110223024625157e-12);
+  n.ebsstol = s.number_or(torvale_slot::ebsstol, 1e-8);
+  n.ebstep = host::whole_number(s.number_or(torvale_slot::ebstep, 50));
+  n.ebsubstep = host::whole_number(s.number_or(torvale_slot::ebsubstep, 20));
+  n.ebssfrac = s.number_or(torvale_slot::ebssfrac, 0.8);
+  n.ebmtol = s.number_or(torvale_slot::ebmtol, 1e-5);
+  n.ebopt = s.flag(torvale_flag::ebopt);
+  n.ebzstart = s.flag(torvale_flag::ebzstart);
+  n.ebgn = s.flag(torvale_flag::ebgn);
+  n.ebiter = s.flag(torvale_flag::ebiter);
 
-  n.btol = s.number_or(83, 0.01);
-  n.singvar = s.number_or(85, 1.110223024625157e-12);
-  n.singchol = s.number_or(3, 1.110223024625157e-12);
-  n.singsweep = s.number_or(4, 1.110223024625157e-12);
+  n.btol = s.number_or(torvale_slot::btol, 0.01);
+  n.singvar = s.number_or(torvale_slot::singvar, 1.110223024625157e-12);
+  n.singchol = s.number_or(torvale_slot::singchol, 1.110223024625157e-12);
+  n.singsweep = s.number_or(torvale_slot::singsweep, 1.110223024625157e-12);
 
-  n.fd = !s.flag(5) ? 0 : static_cast<int>(s.number_or(32, 3));
-  n.fdh = !s.flag(6) ? 0 : static_cast<int>(s.number_or(34, 3));
-  n.empirical = s.flag(8);
-  n.subgrad = s.flag(9);
-  n.lb = s.flag(72);
+  n.fd = !s.flag(torvale_flag::fd) ? 0 : host::whole_number(s.number_or(torvale_slot::fd, 3));
+  n.fdh = !s.flag(torvale_flag::fdhessian) ? 0 : host::whole_number(s.number_or(torvale_slot::fdhessian, 3));
+  n.empirical = s.flag(torvale_flag::empirical);
+  n.subgrad = s.flag(torvale_flag::subgradient);
+  n.lb = s.flag(torvale_flag::lb);
 
-  n.alpha = s.number_or(90, 0.05);
-  n.dfespec = s.given(91);
-  n.dfe_option = s.number_or(91, -1);
-  n.pecov = s.flag(60);
-  n.pecorr = s.flag(61);
-  n.itdetails = s.flag(62);
-  n.pcov = s.flag(63);
-  n.pcorr = s.flag(64);
-  n.phess = s.flag(65);
-  n.pstart = s.flag(66);
-  n.peder = s.flag(71);
-  n.debug = s.flag(49);
-  n.list = s.flag(51);
-  n.listcode = s.flag(52);
-  n.listdep = s.flag(53);
-  n.xref = s.flag(54);
-  n.listder = s.flag(55);
-  n.nosort = s.flag(99);
-  n.retfail = s.flag(107);
+  n.alpha = s.number_or(torvale_slot::alpha, 0.05);
+  n.dfespec = s.given(torvale_slot::df);
+  n.dfe_option = s.number_or(torvale_slot::df, -1);
+  output_options(n, s);
+  n.nosort = s.flag(torvale_flag::nosortsub);
+  n.retfail = s.flag(torvale_flag::retfail);
+  n.reobsinfo = s.flag(torvale_flag::reobsinfo);
 
-  n.nthreads = static_cast<int>(s.number_or(101, 0));
+  n.nthreads = host::whole_number(s.number_or(torvale_slot::nthreads, 0));
   n.runThreads = n.nthreads != 0;
   if (n.runThreads && n.nosort) {
-    log.xpmlog(503, 651, {}, place_at(n, "TORVALE", s.slot(101).where));
+    log.xpmlog(message::threads_exclude_nosortsub, place_at(n, "TORVALE", s.slot(torvale_slot::nthreads).where));
     n.runThreads = false;
   }
   if (n.runThreads && n.method != 0) {
-    log.xpmlog(503, 652, {}, place_at(n, "TORVALE", s.slot(101).where));
+    log.xpmlog(message::threads_need_gauss, place_at(n, "TORVALE", s.slot(torvale_slot::nthreads).where));
     n.runThreads = false;
   }
   if (!n.runThreads) n.nthreads = 0;
 
-  for (const auto& item : s.slot(0).list) n.bylist.push_back({item.text, item.descending});
-  n.notsorted = s.slot(0).mode == 1;
+  for (const auto& item : s.slot(torvale_slot::by).list) n.bylist.push_back({item.text, item.descending});
+  n.notsorted = s.slot(torvale_slot::by).mode == 1;
   set_seed(n, s);
 }
 

@@ -1,8 +1,10 @@
 #include "run/program_runner.h"
 
 #include "compartment/compartment_statement.h"
+#include "host/message_names.h"
 #include "host/run_output.h"
 #include "host/sha256.h"
+#include "language/actions.h"
 #include "language/parser.h"
 #include "language/statement_listing.h"
 #include "run/advice.h"
@@ -10,14 +12,19 @@
 #include "run/exit_codes.h"
 #include "run/model_generator.h"
 #include "run/statement_processing.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <filesystem>
+#include <new>
 
 namespace torvale::run {
 
+using syntax::model_slot;
 using syntax::PROCSTR;
 using syntax::STMT;
+using syntax::torvale_flag;
+using syntax::torvale_slot;
 
 namespace {
 
@@ -46,7 +53,13 @@ public:
     int steps = 0;
     for (;; ++steps) {
       begin_reading();
-      language::ParseResult parsed = parser_.parse_step();
+      language::ParseResult parsed;
+      try {
+        parsed = parser_.parse_step();
+      } catch (const std::bad_alloc&) {
+        result.exit_code = worse_exit(result.exit_code, out_of_memory());
+        break; // the parser stands in the middle of a step
+      }
       if (!parsed.found && parsed.diagnostics.empty()) break;
       ensure_step();
       report(parsed.diagnostics);
@@ -55,7 +68,7 @@ public:
                                     language::program_listing(parsed.proc.program));
       StepOutcome outcome = parsed.found ? finish(parsed) : StepOutcome{3000, exit_program};
       if (host_.interrupted()) {
-        host_.log().xpmlog(503, 9343);
+        host_.log().xpmlog(message::interrupted);
         outcome.exit_code = exit_interrupted;
       }
       host_.end_step(outcome.return_code);
@@ -77,9 +90,11 @@ private:
     r.arena = &arena_;
     r.program = program_;
     r.tvlsem = [this](const language::SEMARG& action, PROCSTR& proc, language::TokenStream& stream) {
-      return action.action == 77   ? generate_compartments(proc, stream)
-             : action.action == 78 ? generate_model(proc, stream)
-                                   : 0;
+      return static_cast<language::Action>(action.action) == language::Action::end_compartment_model
+                 ? generate_compartments(proc, stream)
+             : static_cast<language::Action>(action.action) == language::Action::end_model
+                 ? generate_model(proc, stream)
+                 : 0;
     };
     r.on_procedure_statement = [this](const STMT& procedure) { return open_input(procedure); };
     r.read_file = [this](const std::string& path, const std::string&) -> std::optional<std::string> {
@@ -113,9 +128,9 @@ private:
   {
     ensure_step();
     std::vector<language::InputVariable> variables;
-    data_given_ = procedure.given(1) && !procedure.slot(1).list.empty();
+    data_given_ = procedure.given(torvale_slot::data) && !procedure.slot(torvale_slot::data).list.empty();
     if (!data_given_) return variables;
-    const syntax::StItem& item = procedure.slot(1).list[0];
+    const syntax::StItem& item = procedure.slot(torvale_slot::data).list[0];
     const host::MessagePlace place = sources_.place("TORVALE", item.where);
     host::DataSetReference reference{item.text, item.quoted, {}};
     if (!item.options.empty()) {
@@ -145,34 +160,35 @@ private:
     place.line = sources_.user_position(proc.current->where).line;
     std::vector<compartment::Variable> variables;
     if (data_)
-      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
+      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric(), column.numeric() ? column.numbers() : std::span<const double>()});
     const auto lines = compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
     return lines.empty() ? 1 : push_lines(stream, lines);
   }
 
-  // Action 78: the statements of the MODEL distribution go in front of what is left of the program.
+  // The end of MODEL: the statements of the MODEL distribution go in front of what is left of the program.
   int generate_model(PROCSTR& proc, language::TokenStream& stream)
   {
     const STMT& procedure = proc.statements.front();
     const STMT& model = *proc.current;
     ModelText text;
-    text.code = static_cast<int>(model.number_or(4, 0));
-    text.singvar = procedure.number_or(85, 1.110223024625157e-12);
-    const int method = static_cast<int>(procedure.number_or(5, 0));
-    const auto& arguments = model.slot(2).list;
-    const auto refuse = [&](int number, const host::MessageArguments& words) {
-      host_.log().xpmlog(503, number, words, sources_.place("MODEL", model.where));
+    text.code = static_cast<int>(model.number_or(model_slot::distribution, 0));
+    text.singvar = procedure.number_or(torvale_slot::singvar, 1.110223024625157e-12);
+    const int method = static_cast<int>(procedure.number_or(torvale_slot::method, 0));
+    const auto& arguments = model.slot(model_slot::arguments).list;
+    const auto refuse = [&](const host::NumberedMessage& problem) {
+      host_.log().xpmlog(problem, sources_.place("MODEL", model.where));
       model_fault_ = true;
       return 1;
     };
-    if (method == 1 && text.code != 0) return refuse(19, {});
-    if (text.code == 8) return refuse(333, {});
+    if (method == 1 && text.code != 0) return refuse(message::firo_needs_normal);
+    if (text.code == 8) return refuse(message::discrete_in_model);
     const int expected = expected_arguments(text.code);
     if (static_cast<int>(arguments.size()) != expected)
-      return refuse(14, {{"expected", expected}, {"found", arguments.size()}});
-    if (method == 1 && !procedure.flag(72)) return 0; // the first-order method takes mean and variance themselves
-    if (model.slot(1).list.empty()) return 0;
-    text.dependent = model.slot(1).list[0].text;
+      return refuse(message::wrong_number_of_model_arguments{.expected = expected, .found = arguments.size()});
+    if (method == 1 && !procedure.flag(torvale_flag::lb))
+      return 0; // the first-order method takes mean and variance themselves
+    if (model.slot(model_slot::dependent).list.empty()) return 0;
+    text.dependent = model.slot(model_slot::dependent).list[0].text;
     for (const auto& argument : arguments) text.arguments.push_back(syntax::to_text(*argument.expr));
 
     return push_lines(stream, tvlmodl(text));
@@ -223,11 +239,9 @@ private:
       if (!data_given_) {
         std::string known;
         for (const auto& name : host_.libraries().bound_names()) known += (known.empty() ? "" : ", ") + name;
-        host::MessageArguments arguments;
-        if (!known.empty()) arguments.emplace_back("known", known);
-        host_.log().xpmlog(503, 1, arguments);
+        host_.log().xpmlog(message::no_input_data{.known = known});
       }
-      if (request_.check_only) host_.log().xpmlog(503, 9344);
+      if (request_.check_only) host_.log().xpmlog(message::only_grammar_checked);
       return {1008, exit_data};
     }
     host::DataSource& source = host_.step().data;
@@ -262,10 +276,18 @@ private:
     }
   }
 
+  int out_of_memory()
+  {
+    ensure_step();
+    host_.log().xpmlog(message::out_of_memory);
+    host_.end_step(1016);
+    return exit_internal;
+  }
+
   int empty_program()
   {
     host_.begin_step();
-    host_.log().xpmlog(503, 9342, {{"program", request_.name}});
+    host_.log().xpmlog(message::no_step{.program = request_.name});
     host_.end_step(3000);
     return exit_program;
   }

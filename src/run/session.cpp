@@ -3,6 +3,7 @@
 #include "torvale/torvale.h"
 
 #include "host/host.h"
+#include "host/message_names.h"
 #include "run/exit_codes.h"
 #include "run/program_runner.h"
 
@@ -26,6 +27,8 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.version = version();
   options.program = settings.program_name;
   options.places = {settings.program_folder, settings.output_folder};
+  if (settings.strict) options.options.emplace_back("STRICT", "");
+  for (const std::string& file : settings.own_files) options.options.emplace_back("KEEP", file);
   options.listing = settings.listing;
   options.log = settings.log;
   options.progress = settings.progress;
@@ -43,7 +46,7 @@ RunOutcome Session::run(std::string program)
   RunOutcome outcome;
   const std::string upper = host::wzstrup(program);
   for (const auto& [name, path] : s.data)
-    if (upper.find(host::wzstrup(name)) == std::string::npos) state_->host->log().xpmlog(503, 9553, {{"name", name}});
+    if (upper.find(host::wzstrup(name)) == std::string::npos) state_->host->log().xpmlog(message::data_binding_unused{.name = name});
   auto result = run::run_program(
       *state_->host,
       {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.hash_data, s.pictures, {}});

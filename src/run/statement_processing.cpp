@@ -1,8 +1,11 @@
 #include "run/statement_processing.h"
 
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "run/idle_options.h"
+#include "syntax/statement_names.h"
 #include "syntax/tree.h"
 
 #include <algorithm>
@@ -11,7 +14,11 @@
 namespace torvale::run {
 
 using model::NX;
+using syntax::model_slot;
+using syntax::random_slot;
+using syntax::replicate_slot;
 using syntax::STMT;
+using syntax::torvale_slot;
 
 host::MessagePlace place_at(const NX& n, const char* statement, syntax::Position where)
 {
@@ -61,19 +68,19 @@ void model_statement(NX& n)
   STMT* stmt = nullptr;
   const int count = syntax::FindStmt(*n.proc, "MODEL", &stmt);
   if (count == 0) {
-    log.xpmlog(503, 2, {}, place_at(n, "TORVALE", n.proc->statements.front().where));
+    log.xpmlog(message::no_model, place_at(n, "TORVALE", n.proc->statements.front().where));
     tvlexit(n, 3000);
   }
   if (count > 1) {
-    log.xpmlog(503, 12, {{"statement", "MODEL"}}, place_at(n, "MODEL", stmt->where));
+    log.xpmlog(message::repeated_statement{.statement = "MODEL"}, place_at(n, "MODEL", stmt->where));
     tvlexit(n, 3000);
   }
-  n.disttype = static_cast<int>(stmt->number_or(4, 0));
-  if (stmt->slot(1).list.size() != 1) {
-    log.xpmlog(503, 2, {}, place_at(n, "MODEL", stmt->where));
+  n.disttype = static_cast<int>(stmt->number_or(model_slot::distribution, 0));
+  if (stmt->slot(model_slot::dependent).list.size() != 1) {
+    log.xpmlog(message::no_model, place_at(n, "MODEL", stmt->where));
     tvlexit(n, 3000);
   }
-  n.depname = stmt->slot(1).list[0].text;
+  n.depname = stmt->slot(model_slot::dependent).list[0].text;
   n.llsym = engine::cmpsyms(*n.gcmp, "_ll");
 }
 
@@ -84,7 +91,7 @@ void refuse_second(NX& n, const char* word)
 {
   STMT* stmt = nullptr;
   if (syntax::FindStmt(*n.proc, word, &stmt) < 2) return;
-  n.host->log().xpmlog(503, 12, {{"statement", word}}, place_at(n, word, stmt->where));
+  n.host->log().xpmlog(message::repeated_statement{.statement = word}, place_at(n, word, stmt->where));
   tvlexit(n, 3000);
 }
 
@@ -93,41 +100,78 @@ void refuse_second(NX& n, const char* word)
 void refuse_unserved(NX& n)
 {
   const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
-    n.host->log().xpmlog(503, 9330, {{"what", what}}, place_at(n, statement, where));
+    n.host->log().xpmlog(message::not_available{.what = what}, place_at(n, statement, where));
     tvlexit(n, 3000);
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "MCMC") refuse(stmt.name.c_str(), stmt.name.c_str(), stmt.where);
-    if (stmt.name == "RANDOM" && (stmt.given(9) || stmt.given(10))) refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "RANDOM" && (stmt.given(random_slot::outp) || stmt.given(random_slot::outri)))
+      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
   }
-  if (procedure.given(93)) refuse("SUBGRADIENT=", "TORVALE", procedure.slot(93).where);
-  if (procedure.given(89)) refuse("OUTQ=", "TORVALE", procedure.slot(89).where);
-  if (procedure.given(98)) refuse("OUTR=", "TORVALE", procedure.slot(98).where);
-  if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(5).where);
-  if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(5).where);
+  if (procedure.given(torvale_slot::subgradient))
+    refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
+  if (procedure.given(torvale_slot::outq)) refuse("OUTQ=", "TORVALE", procedure.slot(torvale_slot::outq).where);
+  if (procedure.given(torvale_slot::outr)) refuse("OUTR=", "TORVALE", procedure.slot(torvale_slot::outr).where);
+  if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(torvale_slot::method).where);
+  if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
+}
+
+host::MessagePlace dependent_place(const NX& n)
+{
+  STMT* stmt = nullptr;
+  syntax::FindStmt(*n.proc, "MODEL", &stmt);
+  return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
+}
+
+void refuse_character_dependent(NX& n)
+{
+  const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
+  const host::Column* const column = n.fid->find(n.depname);
+  const bool assigned = symbol != nullptr && symbol->assigned;
+  const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
+  if (!character) return;
+  n.host->log().xpmlog(message::dependent_is_character{.name = n.depname}, dependent_place(n));
+  tvlexit(n, 3000);
 }
 
 void dependent_variable(NX& n)
 {
-  auto& log = n.host->log();
-  STMT* stmt = nullptr;
-  syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  const auto place = place_at(n, "MODEL", stmt->slot(1).list[0].where);
   n.depsym = engine::cmpsyms(*n.gcmp, n.depname);
-  const host::Column* column = n.fid->find(n.depname);
-  const bool known = column != nullptr || (n.depsym != nullptr && n.depsym->assigned);
-  if (!known) {
-    host::MessageArguments arguments = {{"name", n.depname}, {"data", n.data_name}};
-    if (const std::string nearest = host::nearest_name(n.depname, n.fid->column_names()); !nearest.empty())
-      arguments.emplace_back("near", nearest);
-    log.xpmlog(503, 5, arguments, place);
+  const bool computed = n.depsym != nullptr && n.depsym->assigned;
+  const bool parameter = n.depsym != nullptr && n.depsym->parameter >= 0;
+  if (parameter || (!computed && n.fid->find(n.depname) == nullptr)) {
+    const std::string near = parameter ? std::string() : host::nearest_name(n.depname, n.fid->column_names());
+    n.host->log().xpmlog(
+        message::unknown_dependent_variable{.name = n.depname, .near = near, .statement = parameter ? "PARMS" : ""},
+        dependent_place(n));
     tvlexit(n, 3000);
   }
-  if ((n.depsym != nullptr && n.depsym->type == 'c') ||
-      (n.depsym != nullptr && !n.depsym->assigned && column != nullptr && !column->numeric())) {
-    log.xpmlog(503, 39, {{"name", n.depname}}, place);
+  refuse_character_dependent(n); // a type that only the whole program shows
+}
+
+// BY variables are read from the data set.
+void by_variables(NX& n)
+{
+  for (const host::ByVariable& variable : n.bylist) {
+    if (n.fid->find(variable.name) != nullptr) continue;
+    n.host->log().xpmlog(
+        message::role_variable_not_in_data{.role = "BY",
+                                           .name = variable.name,
+                                           .near = host::nearest_name(variable.name, n.fid->column_names())},
+        place_at(n, "BY", n.proc->statements.front().slot(torvale_slot::by).where));
     tvlexit(n, 3000);
+  }
+}
+
+// The chain of effects, the outermost level first: their numbers in the compiled model.
+void number_effects(NX& n)
+{
+  for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff) {
+    reff->first_effect = n.mransym.n();
+    for (auto* symbol : reff->ransym.s) {
+      engine::cmpran(*n.gcmp, symbol, n.mransym.n());
+      n.mransym.s.push_back(symbol);
+    }
   }
 }
 
@@ -139,11 +183,11 @@ void random_statements(NX& n, const STMT& procedure)
     if (stmt.name == "RANDOM") statements.push_back(&stmt);
   if (statements.empty()) {
     if (n.method == 1) {
-      log.xpmlog(503, 331, {}, place_at(n, "TORVALE", procedure.slot(5).where));
+      log.xpmlog(message::firo_needs_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::method).where));
       tvlexit(n, 3000);
     }
     if (n.empirical) {
-      log.xpmlog(503, 141, {}, place_at(n, "TORVALE", procedure.where));
+      log.xpmlog(message::empirical_needs_random, place_at(n, "TORVALE", procedure.where));
       tvlexit(n, 3000);
     }
     n.method = 0;
@@ -151,21 +195,20 @@ void random_statements(NX& n, const STMT& procedure)
     n.nqp = 1;
     return;
   }
-  if (statements.size() > 1) {
-    if (n.method != 0)
-      log.xpmlog(503, 501, {}, place_at(n, "RANDOM", statements[1]->where));
-    else
-      log.xpmlog(503, 9330, {{"what", "a second RANDOM statement"}}, place_at(n, "RANDOM", statements[1]->where));
+  if (statements.size() > 1 && n.method != 0) {
+    log.xpmlog(message::levels_need_gauss, place_at(n, "RANDOM", statements[1]->where));
     tvlexit(n, 3000);
   }
-  n.reff.resize(1);
-  readrandom(n, *statements[0], n.leaf());
+  n.reff.resize(statements.size());
+  for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
+  if (statements.size() > 1) nested_levels(n, procedure);
+  number_effects(n);
   STMT* prediction = nullptr;
   n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
-    log.xpmlog(503, 143, {}, place_at(n, "TORVALE", procedure.where));
+    log.xpmlog(message::empirical_needs_quadrature, place_at(n, "TORVALE", procedure.where));
     tvlexit(n, 3000);
   }
 }
@@ -175,15 +218,17 @@ void replicate_statement(NX& n)
   refuse_second(n, "REPLICATE");
   STMT* stmt = nullptr;
   if (syntax::FindStmt(*n.proc, "REPLICATE", &stmt) == 0) return;
-  if (stmt->slot(1).list.size() != 1) tvlexit(n, 3000);
-  const auto& item = stmt->slot(1).list[0];
+  if (stmt->slot(replicate_slot::variable).list.size() != 1) tvlexit(n, 3000);
+  const auto& item = stmt->slot(replicate_slot::variable).list[0];
   n.repname = item.text;
   n.repsym = engine::cmpsyms(*n.gcmp, item.text);
   const auto at = n.fid->xvfind(item.text);
   const bool computed = n.repsym != nullptr && n.repsym->assigned;
-  const bool usable = computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric());
+  const bool parameter = n.repsym != nullptr && n.repsym->parameter >= 0;
+  const bool usable = !parameter && (computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric()));
   if (!usable) {
-    n.host->log().xpmlog(503, 22, {{"name", item.text}, {"data", n.data_name}}, place_at(n, "REPLICATE", item.where));
+    n.host->log().xpmlog(message::bad_replicate_variable{.name = item.text, .data = n.data_name},
+                         place_at(n, "REPLICATE", item.where));
     tvlexit(n, 3000);
   }
   if (!computed) n.repsym = engine::cmpsymg(*n.gcmp, item.text, static_cast<int>(at) + 1, 'n');
@@ -193,11 +238,11 @@ void replicate_statement(NX& n)
 // Data variables that the distribution arguments depend on: they must not change within a subject.
 void distribution_data(NX& n)
 {
-  for (const auto& reff : n.reff)
+  for (auto& reff : n.reff)
     for (const auto* argument : reff.distrsym.s)
       for (const auto* input : engine::cmpdeps(*n.gcmp, argument))
-        if (input->dsvarno > 0 && std::find(n.rhs.begin(), n.rhs.end(), input->dsvarno) == n.rhs.end())
-          n.rhs.push_back(input->dsvarno);
+        if (input->dsvarno > 0 && std::find(reff.rhs.begin(), reff.rhs.end(), input->dsvarno) == reff.rhs.end())
+          reff.rhs.push_back(input->dsvarno);
 }
 
 // A PARMS name that nothing uses is the other half of a typing mistake.
@@ -212,7 +257,7 @@ void warn_unused_parameters(NX& n)
     for (const auto& r : n.reff)
       for (const auto* symbol : r.distrsym.s) used = used || engine::cmpcdep(*n.gcmp, symbol, p.sym);
     if (used || engine::cmpcdep(*n.gcmp, n.llsym, p.sym)) continue;
-    n.host->log().xpmlog(503, 9331, {{"name", p.parmname}});
+    n.host->log().xpmlog(message::parameter_unused{.name = p.parmname});
     n.raise(4);
   }
 }
@@ -251,18 +296,22 @@ void tvlinit(NX& n)
 {
   const STMT& procedure = n.proc->statements.front();
   procedure_options(n, procedure);
+  note_idle_options(n, procedure);
 
   n.gcmp = engine::cmpinit({n.sources, static_cast<std::uint64_t>(n.seed)});
   engine::cmpprogram(*n.gcmp, n.proc->program);
   end_on_errors(n, 1012);
 
   refuse_unserved(n);
+  by_variables(n);
   model_statement(n);
+  refuse_character_dependent(n);
   parameter_setup(n);
   random_statements(n, procedure);
   replicate_statement(n);
   optimizer_setup(n, procedure);
   grid_size(n);
+  sampling_needs(n);
   dependent_variable(n);
   if (n.llsym == nullptr) tvlexit(n, 3000);
   if (const auto at = n.fid->xvfind(n.depname); !(n.depsym != nullptr && n.depsym->assigned))
@@ -279,6 +328,7 @@ void tvlinit(NX& n)
   }
   read_expression_statements(n);
   read_prediction_statements(n);
+  read_sampling_statements(n);
   distribution_data(n);
   warn_unused_parameters(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;
@@ -289,6 +339,7 @@ void tvlinit(NX& n)
   if (const int rc = evaluation::specialise_programs(n); rc != 0) tvlexit(n, rc);
   specialise_expression_statements(n);
   specialise_prediction_statements(n);
+  specialise_sampling_statements(n);
   end_on_errors(n, 1012);
   listings(n);
   if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);

@@ -26,6 +26,9 @@ void parameter_setup(model::NX& n);
 void grid_size(model::NX& n);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
+// nested_levels: several RANDOM statements, read: checks the nesting (nestcheck), puts the levels in order, the deepest first, and
+// what else holds for several levels only.
+void nested_levels(model::NX& n, const syntax::STMT& procedure);
 // Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc,
 // callbacks).
 void optimizer_setup(model::NX& n, const syntax::STMT& procedure);
@@ -41,6 +44,12 @@ void specialise_prediction_statements(model::NX& n);
 
 // write_model_summary: "Specifications" and "ModelSummary", for a program that is only checked.
 void write_model_summary(model::NX& n);
+// MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs (after).
+void sampling_needs(model::NX& n);
+void read_sampling_statements(model::NX& n);
+void specialise_sampling_statements(model::NX& n);
+// Draws the sample of the BY group in hand; 0, or 1 after a message.
+int run_sampler(model::NX& n);
 
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);
@@ -53,6 +62,8 @@ host::MessagePlace place_at(const model::NX& n, const char* statement, syntax::P
 int log_diagnostics(model::NX& n);
 // The variables of the input data set, as the compiler sees them.
 std::vector<engine::DataVariable> data_variables(const model::NX& n);
+// Ends the step with 3000 when an expression uses a random effect (message 33), data or an unknown name (38).
+void parameters_only(model::NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where);
 // Ends the step with 3000 when an expression uses a name that is neither a parameter nor known to the program (message 38).
 void refuse_unknown_names(model::NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where);
 // True for names that the generated statements use.

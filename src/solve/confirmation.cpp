@@ -4,6 +4,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"
 #include "solve/solve_step.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,12 +15,14 @@ namespace torvale::solve {
 using model::FitOutcome;
 using model::NX;
 using optimizer::MINSTR;
+using syntax::torvale_slot;
 
 namespace {
 
-constexpr int most_restarts = 4;     // of the technique
-constexpr int most_rounds = 12;      // of the trust region
-constexpr int more_iterations = 200; // that a fit may take after its technique, where the limits are the defaults
+constexpr double most_lengths = 100.0; // of a parameter in its unit
+constexpr int most_restarts = 4;       // of the technique
+constexpr int most_rounds = 12;        // of the trust region
+constexpr int more_iterations = 200;   // that a fit may take after its technique, where the limits are the defaults
 
 // Techniques that carry an approximation of the Hessian; the others use the true one, or none at all.
 bool approximates_hessian(int tech)
@@ -52,16 +55,17 @@ bool given_by_user(const NX& n, int code)
 bool default_limit(const NX& n, int code)
 {
   const auto& procedure = n.proc->statements.front();
-  return code == optimizer::code_limit && !procedure.given(42) && !procedure.given(43);
+  return code == optimizer::code_limit && !procedure.given(torvale_slot::maxiter) &&
+         !procedure.given(torvale_slot::maxfunc);
 }
 
 void extend_default_limits(NX& n)
 {
   const auto& procedure = n.proc->statements.front();
   MINSTR& str = *n.str;
-  if (!procedure.given(42)) str.maxi += more_iterations;
+  if (!procedure.given(torvale_slot::maxiter)) str.maxi += more_iterations;
   const double calls = n.nparm + 4.0; // of an iteration with its Hessian
-  if (!procedure.given(43)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
+  if (!procedure.given(torvale_slot::maxfunc)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
 }
 
 bool limits_reached(const MINSTR& str)
@@ -132,7 +136,7 @@ void FitEnd::assess()
   coordinates_ = std::make_unique<FitCoordinates>(n_, x_.data());
   if (before != nullptr)
     for (int i = 0; i < n_.nparm; ++i)
-      if (before->in_factor(i) == coordinates_->in_factor(i)) coordinates_->set_scale(i, before->scale(i));
+      if (before->same_kind(*coordinates_, i)) coordinates_->set_scale(i, before->scale(i));
   FitSurface surface(n_, *coordinates_);
   std::vector<double> g(x_.size());
   const std::vector<double> origin(x_.size(), 0.0);
@@ -180,9 +184,28 @@ bool FitEnd::go_on()
   return 2.0 * (before - f_) >= gain_allowed;
 }
 
+// What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
+void FitEnd::set_scales()
+{
+  MINSTR& str = *n_.str;
+  std::vector<double> products;
+  str.scale = nullptr;
+  if (str.fidi != 0 || n_.noopt || integration::outer_products(n_, products) != 0) return;
+  scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
+  for (std::size_t i = 0; i < scales_.size(); ++i) {
+    const double d = products[i * (i + 3) / 2];
+    if (d > 0.0 && std::isfinite(d)) scales_[i] = 1.0 / std::sqrt(d);
+    // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
+    if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
+  }
+  str.scale = scales_.data();
+}
+
 int FitEnd::run()
 {
   MINSTR& str = *n_.str;
+  start_.assign(str.x, str.x + n_.nparm);
+  set_scales();
   int code = 0;
   const int load = str.load;
   for (int restart = 0;; ++restart) {
@@ -212,15 +235,8 @@ int FitEnd::run()
   const double f_technique = f_, iterations = str.nitr;
   const double maxi = str.maxi, maxf = str.maxf;
   extend_default_limits(n_);
-  for (int round = 0;; ++round) {
-    assess();
-    if (judgement_.minimum() || given_by_user(n_, code) || n_.host->interrupted()) break;
-    if (round == most_rounds || limits_reached(str) || str.stop != 0) break;
-    if (!go_on() && round > 0) {
-      assess();
-      break;
-    }
-  }
+  settle(code);
+  if (doubtful(code) && start_again()) settle(code);
   code = finish(code);
   str.maxi = maxi;
   str.maxf = maxf;
@@ -229,6 +245,50 @@ int FitEnd::run()
         503, 9360,
         {{"iterations", static_cast<long>(str.nitr - iterations)}, {"from", 2.0 * f_technique}, {"to", 2.0 * f_}});
   return code;
+}
+
+// Rounds of judging and going on, until a minimum is confirmed or nothing is gained.
+void FitEnd::settle(int code)
+{
+  for (int round = 0;; ++round) {
+    assess();
+    if (judgement_.minimum() || given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (!go_on() && round > 0) {
+      assess();
+      return;
+    }
+  }
+}
+
+bool FitEnd::stopped() const
+{
+  return limits_reached(*n_.str) || n_.str->stop != 0 || n_.host->interrupted();
+}
+
+bool FitEnd::doubtful(int code) const
+{
+  return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && !stopped();
+}
+
+// A first step that was too long may have left the region that has the minimum: once more from the starting values, the
+// steps measured by the parameters themselves, half of them at first. True when that leads to a better point.
+bool FitEnd::start_again()
+{
+  FitCoordinates c(n_, start_.data());
+  for (int i = 0; i < n_.nparm; ++i) {
+    const double size = c.own_size(i);
+    const auto k = static_cast<std::size_t>(i);
+    c.set_scale(i, size > 0.0 ? size : k < scales_.size() ? scales_[k] : 1.0);
+  }
+  FitSurface surface(n_, c);
+  const std::vector<double> origin(start_.size(), 0.0);
+  double f_start = 0.0, f = 0.0;
+  std::vector<double> x;
+  if (!surface.value(origin.data(), f_start) || !continue_fit(surface, origin, f_start, x, f, 0.5)) return false;
+  if (2.0 * (f_ - f) < gain_allowed) return false;
+  coordinates_.reset();
+  move_to(x);
+  return true;
 }
 
 // A direction in which G all but vanishes vanishes, where that costs nothing.
@@ -288,6 +348,7 @@ int FitEnd::finish(int code)
     n_.dependencies.clear();
     n_.dograd = str.fidi == 0;
     str.continues = 1;
+    str.scale = nullptr; // the units of the start say nothing here
     if (optimizer::znlpdrv(&str, 1, 0, 0, 0) == 0) optimizer::znlpdrv(&str, 2, 0, 0, 0);
     str.tech = tech;
   }

@@ -26,10 +26,15 @@ public:
   const FitCoordinates& coordinates() const { return *coordinates_; }
 
 private:
+  void set_scales();
   bool technique_goes_on(int code, double start);
   bool quickly_confirmed();
   void assess();
   bool go_on();
+  void settle(int code);
+  bool stopped() const;
+  bool doubtful(int code) const;
+  bool start_again();
   void move_to(const std::vector<double>& x);
   void to_the_edge();
   int failed_code();
@@ -39,10 +44,12 @@ private:
   std::unique_ptr<FitCoordinates> coordinates_;
   Judgement judgement_;
   bool accurate_ = false;
-  bool moved_ = false;    // the point is not the technique's own any more
-  std::vector<double> x_; // the point
-  double f_ = 0.0;        // objective there
-  std::vector<double> g_; // gradient by the parameters
+  bool moved_ = false;         // the point is not the technique's own any more
+  std::vector<double> x_;      // the point
+  double f_ = 0.0;             // objective there
+  std::vector<double> g_;      // gradient by the parameters
+  std::vector<double> start_;  // starting values
+  std::vector<double> scales_; // of the technique's run
 };
 
 } // namespace torvale::solve

@@ -18,7 +18,14 @@ namespace {
 struct Run {
   FitSurface* surface = nullptr;
   std::vector<double> gradient;
+  int accepted = 0;       // iterations
+  double mark = 0.0;      // objective at the last look back
+  double best = 0.0;      // lowest objective of an accepted point
+  std::vector<double> at; // and the point; empty: none
 };
+
+constexpr int most_iterations = 200; // of one run
+constexpr int look_back = 8;         // iterations after which a run must have gained something
 
 Run& run_of(MINSTR* str)
 {
@@ -32,7 +39,9 @@ int objective(MINSTR* str)
   const bool good = run.surface->analytic() ? run.surface->gradient(str->x, str->crit, run.gradient.data())
                                             : run.surface->value(str->x, str->crit);
   if (!good) str->crit = model::failure_objective;
-  str->stop = run.surface->run().str->stop;
+  // On flat ground a single iteration may go on for ever.
+  const bool spent = static_cast<double>(str->nfct) > str->maxf + static_cast<double>(str->nvar);
+  str->stop = run.surface->run().str->stop != 0 || spent ? 1 : 0;
   return 0;
 }
 
@@ -53,8 +62,18 @@ int termination(MINSTR* str, int job)
     integration::accept_modes(n);
   }
   if (job > 0 && job % 2 == 1) continued_row(n, *str);
+  Run& run = run_of(str);
+  if (job > 0 && (run.at.empty() || str->crit < run.best)) {
+    run.best = str->crit;
+    run.at.assign(str->x, str->x + str->nvar);
+  }
   if (n.host->interrupted()) str->stop = 1;
-  return optimizer::znlptrm(str, job);
+  if (const int code = optimizer::znlptrm(str, job); code != 0 || job <= 0) return code;
+  if (job == 10) run.mark = str->crit;
+  if (job == 10 || ++run.accepted % look_back != 0) return 0;
+  const bool creeps = 2.0 * (run.mark - str->crit) < 0.1 * gain_allowed;
+  run.mark = str->crit;
+  return creeps ? optimizer::code_fconv : 0;
 }
 
 void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<double>& start)
@@ -75,11 +94,13 @@ void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<do
 } // namespace
 
 bool continue_fit(FitSurface& surface, const std::vector<double>& start, double f_start, std::vector<double>& x,
-                  double& f)
+                  double& f, double radius)
 {
   NX& n = surface.run();
   const FitCoordinates& c = surface.coordinates();
-  Run run{&surface, std::vector<double>(static_cast<std::size_t>(c.size()))};
+  Run run;
+  run.surface = &surface;
+  run.gradient.resize(static_cast<std::size_t>(c.size()));
   MINSTR region;
   optimizer::tvlopti(&region);
   region.comstr = &run;
@@ -92,19 +113,24 @@ bool continue_fit(FitSurface& surface, const std::vector<double>& start, double 
   region.agtl = 1e-9;
   region.ftol = 1e-15;
   optimizer::continue_run(*n.str, &region); // the limits hold for all runs of a fit together
-  region.maxi = n.str->maxi;
+  region.maxi = std::min(n.str->maxi, n.str->nitr + most_iterations);
   region.maxf = n.str->maxf;
   region.upti = n.str->upti;
   if (optimizer::tvlopta(&region) != 0) return false;
   set_problem(region, surface, start);
   if (optimizer::tvloptc(&region) != 0) return false;
   int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
+  if (radius > 0.0) {
+    double square = 0.0; // the library's first radius is INSTEP times the length of the gradient
+    for (int i = 0; i < c.size(); ++i) square += region.grad[i] * region.grad[i];
+    if (square > 0.0) region.salf = radius / std::sqrt(square);
+  }
   if (code == 0) code = optimizer::znlpdrv(&region, 2, 0, 0, 0);
   optimizer::continue_run(region, n.str.get());
-  if (!(region.crit < f_start)) return false;
-  f = region.crit;
+  if (run.at.empty() || !(run.best < f_start)) return false;
+  f = run.best;
   x.resize(static_cast<std::size_t>(c.size()));
-  c.parameters(region.x, x.data());
+  c.parameters(run.at.data(), x.data());
   return true;
 }
 

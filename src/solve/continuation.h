@@ -9,7 +9,8 @@ namespace torvale::solve {
 // the Hessian is indefinite a trust region goes on downhill, which a metric that is always positive definite does not
 // see. Iterations, calls and seconds count to the fit's own limits, and its history shows them. On return `x` holds the
 // parameters of the best point and `f` the objective there. False when nothing was gained.
+// radius: of the first step, in the unit of the coordinates; 0: that of the gradient.
 bool continue_fit(FitSurface& surface, const std::vector<double>& start, double f_start, std::vector<double>& x,
-                  double& f);
+                  double& f, double radius = 0.0);
 
 } // namespace torvale::solve

@@ -1,5 +1,7 @@
 #include "solve/fit_coordinates.h"
 
+#include "syntax/statement_names.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -61,7 +63,27 @@ FitCoordinates::FitCoordinates(const NX& n, const double* x, bool factors)
     if (p.applyh) upper_[i] = p.highbound;
     fixed_[i] = p.held();
   }
+  if (factors) add_logarithm(n);
   if (factors && n.nreff() == 1 && n.reff[0].distrtype == 0) add_blocks(n, x);
+}
+
+void FitCoordinates::add_logarithm(const NX& n)
+{
+  for (const auto& stmt : n.proc->statements) {
+    if (stmt.name != "MODEL") continue;
+    const auto code = static_cast<int>(stmt.number_or(syntax::model_slot::distribution, 0));
+    const auto& arguments = stmt.slot(syntax::model_slot::arguments).list;
+    if ((code != 0 && code != 1) || arguments.size() < 2 || arguments[1].expr == nullptr) return;
+    const std::string name = syntax::to_text(*arguments[1].expr);
+    for (std::size_t k = 0; k < n.parmstr.size(); ++k) {
+      if (!host::equal_names(name, n.parmstr[k].parmname) || fixed_[k] != 0 || !(origin_[k] > 0.0)) continue;
+      logarithm_ = static_cast<int>(k);
+      origin_[k] = std::log(origin_[k]);
+      lower_[k] = lower_[k] > 0.0 ? std::log(lower_[k]) : -largest;
+      if (upper_[k] < largest) upper_[k] = std::log(upper_[k]);
+    }
+    return;
+  }
 }
 
 // Effects that a covariance joins form a block.
@@ -87,7 +109,7 @@ void FitCoordinates::add_blocks(const NX& n, const double* x)
     for (std::size_t a = 0; a < effects.size() && usable; ++a)
       for (std::size_t b = 0; b <= a && usable; ++b) {
         const int p = what[static_cast<std::size_t>(effects[a])][static_cast<std::size_t>(effects[b])];
-        usable = p >= 0 && in_block_[static_cast<std::size_t>(p)] == 0 &&
+        usable = p >= 0 && p != logarithm_ && in_block_[static_cast<std::size_t>(p)] == 0 &&
                  std::find(seen.begin(), seen.end(), p) == seen.end();
         if (!usable) break;
         seen.push_back(p);
@@ -165,6 +187,7 @@ void FitCoordinates::parameters(const double* t, double* x) const
 {
   for (std::size_t i = 0; i < origin_.size(); ++i)
     if (in_block_[i] == 0) x[i] = origin_[i] + scale_[i] * t[i];
+  if (logarithm_ >= 0) x[logarithm_] = std::exp(x[logarithm_]);
   for (const Block& b : blocks_)
     for (int r = 0; r < b.order; ++r)
       for (int c = 0; c <= r; ++c) {
@@ -177,6 +200,10 @@ void FitCoordinates::parameters(const double* t, double* x) const
 void FitCoordinates::gradient(const double* t, const double* by_x, double* by_t) const
 {
   for (std::size_t i = 0; i < origin_.size(); ++i) by_t[i] = scale_[i] * by_x[i];
+  if (logarithm_ >= 0) {
+    const auto k = static_cast<std::size_t>(logarithm_);
+    by_t[k] *= std::exp(origin_[k] + scale_[k] * t[k]);
+  }
   for (const Block& b : blocks_)
     for (int r = 0; r < b.order; ++r)
       for (int k = 0; k <= r; ++k) {

@@ -3,27 +3,38 @@
 
 #include "model/run_record.h"
 
+#include <cmath>
 #include <vector>
 
 namespace torvale::solve {
 
-// FitCoordinates: t, one per parameter, 0 at the point of expansion x. Two things make them better than the parameters:
+// FitCoordinates: t, one per parameter, 0 at the point of expansion x. Three things make them better than the
+// parameters:
 //
 //   scale    x_i = x_i(0) + scale_i t_i, with scales that the curvature chooses: no decision depends on units
 //   factor   where the elements of a block of G are parameters themselves, their coordinates are the elements of its
 //            Cholesky factor. The edge of semidefiniteness then is no edge: a variance of 0 is an interior point, at
 //            which the gradient vanishes and the curvature is the one-sided derivative by the variance.
 //
+//   log      the variance of a normal response (the scale of a t), where it is a parameter: from far below or above its
+//            value the objective is nearly linear in the logarithm, and its curvature there is positive
+//
 // The rows of a block are ordered by pivoting, so that the factor of a singular block ends in zero columns and its
 // coordinates have no idle rotation. Bounds of variances at 0 (or at the slack of a strict bound) are left to the
 // factor.
 class FitCoordinates {
 public:
-  // factors false: scales only.
+  // factors false: scales only, no factors and no logarithm.
   FitCoordinates(const model::NX& n, const double* x, bool factors = true);
 
   int size() const { return static_cast<int>(origin_.size()); }
   double origin(int i) const { return origin_[static_cast<std::size_t>(i)]; }
+  // A step of this length changes the parameter as much as it is large: its own size, 1 for a logarithm; 0 at zero.
+  double own_size(int i) const { return i == logarithm_ ? 1.0 : std::abs(origin(i)); }
+  bool same_kind(const FitCoordinates& c, int i) const
+  {
+    return in_factor(i) == c.in_factor(i) && (i == logarithm_) == (i == c.logarithm_);
+  }
   double scale(int i) const { return scale_[static_cast<std::size_t>(i)]; }
   void set_scale(int i, double s) { scale_[static_cast<std::size_t>(i)] = s; }
 
@@ -56,13 +67,15 @@ private:
   void add_blocks(const model::NX& n, const double* x);
   void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
   double factor(const Block& b, int r, int c, const double* t) const;
+  void add_logarithm(const model::NX& n);
 
-  std::vector<double> origin_; // x, or the element of the factor, at t = 0
+  std::vector<double> origin_; // x, its logarithm, or the element of the factor, at t = 0
   std::vector<double> scale_;
-  std::vector<double> lower_, upper_; // of x, or of the element of the factor
+  std::vector<double> lower_, upper_; // of x, of its logarithm, or of the element of the factor
   std::vector<char> fixed_;
   std::vector<char> in_block_;
   std::vector<Block> blocks_;
+  int logarithm_ = -1; // parameter whose coordinate is its logarithm; -1 none
 };
 
 // variance_parameter: the parameter that is the variance of random effect i, or -1.

@@ -1,5 +1,6 @@
 #include "solve/fit_verdict.h"
 
+#include "host/message_names.h"
 #include "solve/solve_step.h"
 
 #include <algorithm>
@@ -200,19 +201,20 @@ void report_verdict(NX& n)
   for (int i = 0; i < n.nparm; ++i)
     if (verdict.identified[static_cast<std::size_t>(i)] == 0) unidentified.push_back(i);
   if (!unidentified.empty())
-    log.xpmlog(503, 271, {{"count", static_cast<double>(verdict.flat.size())}, {"names", names_of(n, unidentified)}});
+    log.xpmlog(message::more_zero_eigenvalues{.count = static_cast<double>(verdict.flat.size()),
+                                              .names = names_of(n, unidentified)});
   if (verdict.outcome == FitOutcome::confirmed_singular || verdict.outcome == FitOutcome::confirmed) return;
-  if (verdict.indefinite) log.xpmlog(503, 272, {{"matrix", host::xpmstr(503, 273)}, {"count", n.det[3]}});
-  if (verdict.outcome == FitOutcome::unconfirmed) log.xpmlog(503, 9413);
-  host::MessageArguments arguments;
-  if (!std::isnan(verdict.gain)) arguments.emplace_back("gain", verdict.gain);
+  if (verdict.indefinite)
+    log.xpmlog(message::negative_eigenvalues{.matrix = host::xpmstr(label::final_hessian_matrix), .count = n.det[3]});
+  if (verdict.outcome == FitOutcome::unconfirmed) log.xpmlog(message::convergence_not_judged);
+  host::OptionalMessageValue gain;
+  if (!std::isnan(verdict.gain)) gain = verdict.gain;
   if (verdict.outcome == FitOutcome::user_criterion) {
-    log.xpmlog(503, 9412, arguments);
+    log.xpmlog(message::stopped_by_given_criterion{.gain = gain});
   } else if (!verdict.separated.empty() && !verdict.indefinite) {
-    log.xpmlog(503, 9411, {{"names", names_of(n, verdict.separated)}});
+    log.xpmlog(message::likelihood_rises_without_end{.names = names_of(n, verdict.separated)});
   } else if (verdict.outcome == FitOutcome::not_minimum) {
-    arguments.emplace_back("value", 2.0 * n.fval);
-    log.xpmlog(503, 9410, arguments);
+    log.xpmlog(message::minimum_not_confirmed{.value = 2.0 * n.fval, .gain = gain});
   }
   n.raise(4);
 }

@@ -1,5 +1,6 @@
 // The iteration history and the convergence status: what a user watches while the optimizer runs.
 
+#include "host/message_names.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "solve/solve_step.h"
@@ -62,8 +63,8 @@ std::vector<TableColumn> history_columns(const NX& n, int layout)
     for (const auto& p : n.parmstr) columns.push_back({p.parmname, CellKind::number, p.parmname, "D8.4", "Parameter"});
     if (layout != 28)
       for (int j = 1; j <= n.nparm; ++j)
-        columns.push_back(
-            {"Grad" + std::to_string(j), CellKind::number, host::otbmsg(503, 104, {{"number", j}}), "D8.4", "Grad"});
+        columns.push_back({"Grad" + std::to_string(j), CellKind::number, host::otbmsg(label::gradient_of{.number = j}),
+                           "D8.4", "Grad"});
   }
   columns.push_back(number(layout == 28 ? "StdDev" : "MaxGrad"));
   if (n.itdetails) {
@@ -118,54 +119,45 @@ void write_row(NX& n, const MINSTR& str, int layout)
 }
 
 // Words of the catalogue with {0}, {1}, ... filled in.
-std::string filled(int number, const std::vector<std::string>& values)
+std::string filled(host::MessageCode code, const std::vector<std::string>& values = {})
 {
-  host::MessageArguments arguments;
-  for (std::size_t k = 0; k < values.size(); ++k) arguments.emplace_back(std::to_string(k), values[k]);
-  return host::xpmstr(549, number, arguments);
-}
-
-// Words of the optimizer's library, which knows its own messages best.
-std::string library_words(int group, int number, const std::vector<std::string>& values)
-{
-  const char* text = optimizer::message_text(group, number);
-  std::string out = text != nullptr ? text : filled(number, values);
-  for (std::size_t k = 0; k < values.size(); ++k) {
-    std::string mark(1, '{');
-    mark.append(std::to_string(k)).append(1, '}');
-    if (const auto at = out.find(mark); at != std::string::npos) out.replace(at, mark.size(), values[k]);
-  }
-  return out;
+  return host::xpmstr(host::NumberedMessage(code, values));
 }
 
 // The words of a termination code, and the status: 0 converged, 1 failed, 2 failed otherwise.
 std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
 {
   const std::string criterion = optimizer::criterion_name(code > 100 ? code - 100 : code);
-  if (code >= 1 && code <= 9) return {filled(7, {criterion}), 0};
-  if (code > 100) return {filled(57, {criterion, std::to_string(str.toln[code - 101])}), 0};
+  if (code >= 1 && code <= 9) return {filled(status_message::criterion_satisfied, {criterion}), 0};
+  if (code > 100)
+    return {
+        filled(status_message::criterion_satisfied_too_few_times, {criterion, std::to_string(str.toln[code - 101 + 10])}),
+        0};
   switch (code) {
   case 10:
-    return {filled(3, {}), 0};
+    return {filled(status_message::all_fixed), 0};
   case -1:
+    return {filled(status_message::no_objective_at_start), 1};
   case -2:
+    return {filled(status_message::no_derivatives_at_start), 1};
   case -3:
+    return {filled(status_message::no_objective_during_optimization), 1};
   case -4:
-    return {filled(130 - code, {}), 1};
+    return {filled(status_message::no_gradient_during_optimization), 1};
   case -5:
-    return {filled(4, {}), 1};
+    return {filled(label::no_convergence), 1};
   case -6:
-    return {filled(8, {}), 1};
+    return {filled(status_message::point_not_made_feasible), 1};
   case -7:
-    return {filled(9, {}), 1};
+    return {filled(status_message::newton_line_search_failed), 1};
   case -8:
-    return {filled(1, {host::shortest(str.maxi), host::shortest(str.maxf)}), 1};
+    return {filled(label::stopped_before_convergence, {host::shortest(str.maxi), host::shortest(str.maxf)}), 1};
   case -9:
-    return {filled(2, {host::shortest(str.upti)}), 1};
+    return {filled(status_message::time_limit, {host::shortest(str.upti)}), 1};
   case -10:
-    return {filled(130, {}), 1};
+    return {filled(status_message::no_feasible_start), 1};
   default:
-    return code < -10 ? std::pair{filled(6, {}), 2} : std::pair{std::string(), 0};
+    return code < -10 ? std::pair{filled(status_message::not_completed), 2} : std::pair{std::string(), 0};
   }
 }
 
@@ -179,26 +171,29 @@ void tvliter(NX& n, int job)
     if (n.ithis != nullptr) n.host->tables().close(*n.ithis);
     n.ithis = nullptr;
     const bool stopped = job < 1000 && n.host->interrupted();
-    const auto [reason, status] = stopped ? std::pair{host::xpmstr(503, 9343), 1} : convergence_reason(str, job - 1000);
-    host::Table table("ConvergenceStatus", host::otbmsg(503, 111),
-                      {{"Reason", CellKind::text, host::otbmsg(503, 112), "", ""},
-                       {"Status", CellKind::integer, host::otbmsg(503, 113), "", ""}});
+    const auto [reason, status] =
+        stopped ? std::pair{host::xpmstr(message::interrupted), 1} : convergence_reason(str, job - 1000);
+    host::Table table("ConvergenceStatus", host::otbmsg(label::convergence_status),
+                      {{"Reason", CellKind::text, host::otbmsg(label::reason), "", ""},
+                       {"Status", CellKind::integer, host::otbmsg(label::status), "", ""}});
     table.row({reason, status});
     n.host->tables().wobmth(std::move(table));
     return;
   }
   if (layout == 0) return;
   if (job == 10 && str.nitr == 0 && n.ithis == nullptr)
-    n.ithis = &n.host->tables().open(host::Table("IterHistory", host::otbmsg(503, 110), history_columns(n, layout)));
+    n.ithis = &n.host->tables().open(
+        host::Table("IterHistory", host::otbmsg(label::iteration_history), history_columns(n, layout)));
   if (job > 0 && job % 2 == 1 && n.ithis != nullptr) {
     write_row(n, str, layout);
     n.host->progress({"optimization", static_cast<long>(str.nitr), str.crit, str.gmax, host::missing});
   }
   if (n.loglevel > 1) {
     if (job == 10)
-      n.host->log().xpmlog(503, 405, {{"objective", str.crit}});
+      n.host->log().xpmlog(message::starting_objective{.objective = str.crit});
     else
-      n.host->log().xpmlog(503, 406, {{"iteration", static_cast<long>(str.nitr)}, {"objective", str.crit}});
+      n.host->log().xpmlog(
+          message::iteration_objective{.iteration = static_cast<long>(str.nitr), .objective = str.crit});
   }
 }
 
@@ -242,7 +237,8 @@ int nlpterm(MINSTR* str, int job)
   if (job < 0 || job % 2 == 1) n.cold = str->crit;
   if (n.host->interrupted()) str->stop = 1;
   const int rc = optimizer::znlptrm(str, job);
-  if (rc == 0 && n.loglevel > 0) n.host->log().xpmlog(503, 404, {{"iteration", static_cast<long>(str->nitr) + 1}});
+  if (rc == 0 && n.loglevel > 0)
+    n.host->log().xpmlog(message::iteration_begins{.iteration = static_cast<long>(str->nitr) + 1});
   return rc;
 }
 
@@ -260,7 +256,7 @@ void optimizer_message(MINSTR* str, int group, int number, int severity, const d
   message.severity = severity >= 3   ? host::Severity::error
                      : severity == 2 ? host::Severity::warning
                                      : host::Severity::note;
-  message.text = library_words(group, number, shown);
+  message.text = filled({group, number}, shown);
   n.optimizer_messages.push_back(std::move(message));
 }
 

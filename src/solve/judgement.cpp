@@ -126,7 +126,7 @@ private:
     for (int i = 0; i < m(); ++i)
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
-    const double home = -c.origin(j) / (c.scale(j) * vector(most, k)); // takes the parameter to 0
+    const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
     if (home == 0.0 || !std::isfinite(home)) return;
     if (change_along(k, home) < gain_allowed || !(change_along(k, -home) < gain_allowed)) return;
     for (int i = 0; i < m(); ++i)
@@ -148,7 +148,7 @@ private:
     const FitCoordinates& c = surface_.coordinates();
     for (int i = 0; i < m(); ++i) {
       const int j = out_.curvature.free[static_cast<std::size_t>(i)];
-      if (c.scale(j) <= std::abs(c.origin(j)) || out_.curvature.at(i, i) < 0.5) continue;
+      if (c.scale(j) <= c.own_size(j) || out_.curvature.at(i, i) < 0.5) continue;
       if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed) note_separated(j);
     }
   }

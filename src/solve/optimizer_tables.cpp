@@ -1,5 +1,6 @@
 // Tables that the optimizer's library hands over row by row: the gradient check and the linear dependencies.
 
+#include "host/message_names.h"
 #include "optimizer/optimizer.h"
 #include "solve/solve_step.h"
 
@@ -15,7 +16,7 @@ void gradient_check_row(optimizer::MINSTR* str, const optimizer::GradientCheckRo
   NX& n = *static_cast<NX*>(str->comstr);
   if (n.gradient_check == nullptr)
     n.gradient_check =
-        &n.host->tables().open(host::Table("GradCheck", host::otbmsg(503, 9350),
+        &n.host->tables().open(host::Table("GradCheck", host::otbmsg(label::gradient_check),
                                            {{"Parameter", CellKind::text, "", "", ""},
                                             {"Analytic", CellKind::number, "Analytic", "D12.6", ""},
                                             {"Difference", CellKind::number, "Difference Quotient", "D12.6", ""},
@@ -51,7 +52,7 @@ void dependency_row(optimizer::MINSTR* str, const optimizer::DependencyRow& row)
 void write_dependencies(NX& n)
 {
   if (n.dependencies.empty()) return;
-  host::Table table("LinearDependencies", host::otbmsg(503, 9351),
+  host::Table table("LinearDependencies", host::otbmsg(label::linear_dependencies),
                     {{"Parameter", CellKind::text, "", "", ""}, {"Combination", CellKind::text, "Moves As", "", ""}});
   for (const auto& [parameter, combination] : n.dependencies) table.row({parameter, combination});
   n.host->tables().wobmth(std::move(table));

@@ -1,5 +1,8 @@
+#include "host/message_names.h"
 #include "solve/starting_grid.h"
 
+#include "host/host_exit.h"
+#include "host/whole_number.h"
 #include "integration/objective.h"
 #include "integration/quadrature_points.h"
 
@@ -12,14 +15,23 @@ using model::NX;
 
 namespace {
 
+// A point set that cannot be built ends the group: every evaluation would need it.
+void build_points(NX& n)
+{
+  if (integration::tvlqpts(n) != 0) host::xexit(n.tvlrc, 0);
+}
+
 double evaluate_with(NX& n, int points)
 {
   n.nqp = points;
-  integration::tvlqpts(n);
+  build_points(n);
   integration::size_contexts(n);
   integration::tvllike(n);
   return n.objfun;
 }
+
+// A check of the integral may cost as much as these many evaluations, and this many points a subject.
+constexpr double most_times_as_dear = 100.0, most_points = 20000.0;
 
 bool has_value(double objective)
 {
@@ -34,13 +46,86 @@ bool failed_before_points(const NX& n)
   return first != n.slot_status.end() && *first != 354 && *first != 355; // those two: the sum over the points is zero
 }
 
+// The next count that is tried, 0 when it would pass QMAX=.
+int next_count(const NX& n, int points)
+{
+  const int next = points < 10 ? points + 2 : static_cast<int>(points + n.qfac);
+  return next > n.qmax ? 0 : next;
+}
+
+double relative_change(const NX& n, double from, double to)
+{
+  const double guarded = std::abs(from) < n.qtol ? n.qtol : from;
+  return std::abs(to - from) / std::abs(guarded);
+}
+
+void take_points(NX& n, int points)
+{
+  n.nqp = points;
+  integration::tvlqpts(n);
+  integration::size_contexts(n);
+}
+
 } // namespace
+
+bool more_points(NX& n)
+{
+  if (n.nreff() == 0 || (n.method != 0 && n.method != 3) || n.nqpspec || n.noopt || n.host->interrupted()) return false;
+  const int in_use = n.nqp;
+  n.parm.assign(n.str->x, n.str->x + n.nparm);
+  n.dograd = false;
+  int count = in_use;
+  double f = n.str->crit;
+  for (;;) {
+    const int next = next_count(n, count);
+    if (next == 0) {
+      n.host->log().xpmlog(message::more_points_than_qmax{.tolerance = n.qtol, .points = count});
+      n.raise(4);
+      break;
+    }
+    const double g = evaluate_with(n, next);
+    if (!has_value(g) || relative_change(n, f, g) < n.qtol) break;
+    count = next;
+    f = g;
+  }
+  take_points(n, count);
+  if (count > in_use) n.host->log().xpmlog(message::more_points_at_estimates{.points = count, .before = in_use});
+  return count > in_use;
+}
+
+void check_points(NX& n)
+{
+  auto& verdict = n.verdict;
+  const auto leave_out = [&](const char* why) { verdict.quadrature_reason = why; };
+  if (n.nreff() == 0 || n.nqp < 1 || n.host->interrupted()) return;
+  if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
+  if (n.nreff() > 1) return leave_out("nested levels");
+  const int in_use = n.nqp, finer = 2 * in_use + 1;
+  const double nr = n.leaf().nr;
+  if (std::pow(static_cast<double>(finer) / in_use, nr) > most_times_as_dear || std::pow(finer, nr) > most_points)
+    return leave_out("an evaluation with twice the points would cost too much");
+  const bool with_gradient = n.dograd;
+  n.dograd = false;
+  const double f = evaluate_with(n, finer);
+  if (has_value(f)) verdict.quadrature_change = 2.0 * (f - n.str->crit);
+  if (std::abs(verdict.quadrature_change) > 0.1) {
+    n.host->log().xpmlog(
+        message::integral_changes_with_points{.points = finer, .before = in_use, .change = verdict.quadrature_change});
+    n.raise(4);
+  }
+  // What follows starts from the evaluation at the estimates.
+  take_points(n, in_use);
+  n.dograd = with_gradient;
+  integration::tvllike(n);
+  n.parmlast.clear();
+  if (with_gradient) n.parmlast = n.parm;
+}
 
 int settle_points(NX& n)
 {
   const bool chooses = n.nreff() > 0 && (n.method == 0 || n.method == 3) && n.nqp == -1;
   if (!chooses) {
-    if (n.nreff() > 0) integration::tvlqpts(n);
+    if (n.nreff() > 0) build_points(n);
     integration::size_contexts(n);
     integration::tvllike(n);
     return has_value(n.objfun) ? 0 : 1;
@@ -56,16 +141,15 @@ int settle_points(NX& n)
     n.nqpold = n.nqp;
     const double accepted = f;                             // objective of the count nqpold
     const double fold = std::abs(f) < n.qtol ? n.qtol : f; // guarded denominator
-    const int next = n.nqp < 10 ? n.nqp + 2 : static_cast<int>(n.nqp + n.qfac);
+    const double next = n.nqp < 10 ? n.nqp + 2 : std::floor(n.nqp + n.qfac);
     if (next > n.qmax) {
-      host::MessageArguments arguments = {{"points", n.nqpold}, {"tolerance", n.qtol}, {"change", change}};
+      message::integral_not_accurate words{.points = n.nqpold, .change = change, .tolerance = n.qtol};
       // Rules that do not follow the integrand need many points, and often more than QMAX= has.
-      if (n.method == 0 && !(n.adaptive && n.adscale))
-        arguments.emplace_back("option", n.adaptive ? "NOADSCALE" : "NOAD");
-      n.host->log().xpmlog(503, 270, arguments);
+      if (n.method == 0 && !(n.adaptive && n.adscale)) words.option = n.adaptive ? "NOADSCALE" : "NOAD";
+      n.host->log().xpmlog(words);
       return 2;
     }
-    f = evaluate_with(n, next);
+    f = evaluate_with(n, host::whole_number(next));
     if (!has_value(f)) continue;
     change = std::abs(f - fold) / std::abs(fold);
     if (!(change < n.qtol) || !has_value(accepted)) continue;

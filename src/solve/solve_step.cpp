@@ -1,15 +1,18 @@
 #include "solve/solve_step.h"
 
 #include "evaluation/likelihood_programs.h"
+#include "host/message_names.h"
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
 #include "solve/fit_verdict.h"
+#include "solve/starting_grid.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 
 namespace torvale::solve {
 
@@ -57,10 +60,13 @@ void CheckEigVals(NX& n)
   const double fixed = static_cast<double>(str.nalc + str.nabc);
   const auto& record = cov.projected.present ? cov.projected : cov.hessian;
   if (!record.present) return;
-  if (zeros > (cov.projected.present ? 0.0 : fixed)) n.host->log().xpmlog(503, 271, {{"count", zeros}});
+  if (zeros > (cov.projected.present ? 0.0 : fixed))
+    n.host->log().xpmlog(message::more_zero_eigenvalues{.count = zeros});
   if (record.det[3] > 0)
-    n.host->log().xpmlog(503, 272,
-                         {{"matrix", host::xpmstr(503, cov.projected.present ? 274 : 273)}, {"count", record.det[3]}});
+    n.host->log().xpmlog(message::negative_eigenvalues{
+        .matrix =
+            host::xpmstr(cov.projected.present ? label::final_projected_hessian_matrix : label::final_hessian_matrix),
+        .count = record.det[3]});
 }
 
 // An estimate at an active bound, within its tolerance, is put on it. The tolerance grows with ipre, which the library
@@ -77,6 +83,17 @@ void snap_to_bounds(NX& n)
     if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
       str.x[i] = str.ub[i];
   }
+}
+
+// Without analytic derivatives the gradient that is reported comes by central differences, whatever the technique went by.
+void difference_gradient_at_end(MINSTR& str)
+{
+  const double crit = str.crit;
+  if (str.usgrd != nullptr)
+    str.usgrd(&str);
+  else if (optimizer::znlpfg2(&str) != 0)
+    std::fill_n(str.grad, str.nvar, host::missing);
+  str.crit = crit;
 }
 
 void read_matrices(NX& n)
@@ -98,7 +115,7 @@ void robust_covariance(NX& n)
   n.havemeat = false;
   if (n.dograd) integration::tvllike(n);
   if (n.covmat.empty() || integration::form_meat(n) != 0) {
-    n.host->log().xpmlog(503, 142);
+    n.host->log().xpmlog(message::no_robust_covariance);
     n.raise(4);
     return;
   }
@@ -107,7 +124,7 @@ void robust_covariance(NX& n)
   n.covmat = n.meat;
   for (int i = 0; i < np; ++i) {
     const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
-    n.str->ster[i] = d >= n.singvar ? std::sqrt(d) : d >= 0 ? 0.0 : host::missing;
+    n.str->ster[i] = d > 0.0 ? std::sqrt(d) : host::missing;
   }
 }
 
@@ -119,18 +136,13 @@ void degrees_of_freedom(NX& n)
     n.dfe = n.nreff() > 0 ? n.outer().nrepsub - n.outer().nr : static_cast<double>(n.store->nobsu);
 }
 
-// A standard error that prints as 0 only because it is below the absolute floor is worth a word. So is a variance that
-// ended at the slack of its strict bound.
-void warn_small(NX& n)
+// A variance that ended at the slack of its strict bound is worth a word.
+void warn_at_slack(NX& n)
 {
   for (int i = 0; i < n.nparm && !n.covmat.empty(); ++i) {
-    const double d = n.covmat[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2];
-    if (d > 0 && d < n.singvar && n.str->iabc[i] == 0)
-      n.host->log().xpmlog(503, 9220,
-                           {{"name", n.parmstr[static_cast<std::size_t>(i)].parmname}, {"error", std::sqrt(d)}});
     const auto& p = n.parmstr[static_cast<std::size_t>(i)];
     if (p.applyl && p.lowbound > 0 && p.lowbound <= 2 * n.str->ceps && n.str->x[i] <= p.lowbound * (1 + 1e-6))
-      n.host->log().xpmlog(503, 9221, {{"name", p.parmname}, {"bound", p.lowbound}});
+      n.host->log().xpmlog(message::estimate_at_bound{.name = p.parmname, .bound = p.lowbound});
   }
 }
 
@@ -143,13 +155,12 @@ int failure_code(const MINSTR& str, int code)
 
 // A variance of random effects that came out as 0, or below, says that the effect is absent: its direction is dropped
 // from the integral, and its standard error means nothing.
-void warn_vanished_variance(NX& n)
+void warn_vanished_variance(NX& n, const model::REFFECT& reff)
 {
-  if (n.nreff() != 1 || n.leaf().distrtype != 0) return;
-  const auto& reff = n.leaf();
+  if (reff.distrtype != 0) return;
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.str->x);
-  const std::vector<double> zero(static_cast<std::size_t>(reff.nr), 0.0);
+  const std::vector<double> zero(static_cast<std::size_t>(n.programs.ne), 0.0);
   frame.set_points(zero.data(), 1, 1);
   for (const auto& subject : reff.SubInfo) {
     if (subject.badsub) continue;
@@ -163,11 +174,30 @@ void warn_vanished_variance(NX& n)
       if (variance > n.singvar) continue;
       const int parameter = variance_parameter(n, reff, i);
       if (parameter >= 0) n.verdict.vanished.push_back(parameter);
-      n.host->log().xpmlog(503, 9222, {{"name", reff.names[static_cast<std::size_t>(i)]}, {"value", variance}});
+      n.host->log().xpmlog(
+          message::variance_vanished{.name = reff.names[static_cast<std::size_t>(i)], .value = variance});
       n.raise(4);
     }
     return; // the variances of the first subject speak for all unless they depend on data
   }
+}
+
+constexpr int most_refits = 2; // with more quadrature points
+
+// The fit goes on from its estimates, with the points that are in place now.
+std::unique_ptr<FitEnd> refit_with_points(NX& n)
+{
+  MINSTR& str = *n.str;
+  auto end = std::make_unique<FitEnd>(n);
+  n.optimizer_messages.clear();
+  n.dependencies.clear();
+  n.verdict = model::Verdict();
+  n.dograd = str.fidi == 0;
+  n.parmlast.clear();
+  str.continues = 1;
+  n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
+  if (n.znlprc == 0) n.znlprc = end->run();
+  return end;
 }
 
 } // namespace
@@ -177,10 +207,12 @@ int tvlsolv(NX& n)
   MINSTR& str = *n.str;
   start_problem(n);
   const std::vector<double> start(n.parm);
-  FitEnd end(n);
+  auto end = std::make_unique<FitEnd>(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
-  if (n.loglevel > 0) n.host->log().xpmlog(503, 403);
-  if (n.znlprc == 0) n.znlprc = end.run();
+  if (n.loglevel > 0) n.host->log().xpmlog(message::optimization_begins);
+  if (n.znlprc == 0) n.znlprc = end->run();
+  for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n); ++refit)
+    end = refit_with_points(n);
   // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
   if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();
   for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));
@@ -198,18 +230,19 @@ int tvlsolv(NX& n)
   if (n.znlprc > 0 && !judged) CheckEigVals(n);
   snap_to_bounds(n);
   n.parm.assign(str.x, str.x + n.nparm);
-  if (str.fidi != 0 && str.usgrd != nullptr && n.znlprc > 0) str.usgrd(&str);
+  if (str.fidi != 0 && n.znlprc > 0) difference_gradient_at_end(str);
   n.finalgrad.assign(str.grad, str.grad + n.nparm);
   read_matrices(n);
   n.verdict.left_start = n.parm != start;
-  take_judgement(n, end);
+  take_judgement(n, *end);
   write_dependencies(n);
+  if (n.znlprc > 0 && !n.noopt) check_points(n);
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
   degrees_of_freedom(n);
   if (n.znlprc > 0) {
-    warn_small(n);
-    warn_vanished_variance(n);
+    warn_at_slack(n);
+    for (const auto& reff : n.reff) warn_vanished_variance(n, reff);
   }
   missing_errors(n);
   if (judged) report_verdict(n);

@@ -1,7 +1,9 @@
 #include "solve/starting_grid.h"
 
 #include "data/starting_values.h"
+#include "host/message_names.h"
 #include "integration/objective.h"
+#include "solve/start_report.h"
 
 #include <algorithm>
 #include <cmath>
@@ -26,11 +28,13 @@ bool keep_point(NX& n, long p, double objective)
   return first;
 }
 
-// Evaluates the first usable grid point once more with the log open, so that the user sees which subject fails and why.
+// The worst subjects at the first usable grid point; where all their records have a likelihood, that point is evaluated once
+// more with the log open, unless it was open all the time.
 void explain_failure(NX& n)
 {
   for (long p = 0; p < n.npoints; ++p) {
     if (!data::grid_point(n, p, n.parm.data())) continue;
+    if (report_worst_subjects(n) > 0 || n.itdetails) return;
     const bool details = std::exchange(n.itdetails, true);
     if (n.nqp < 1) n.nqp = 1;
     integration::tvllike(n);
@@ -70,14 +74,14 @@ int tvlparm(NX& n)
   n.savepoint.assign(static_cast<std::size_t>(n.nbest), {-1, model::failure_objective});
   n.dograd = false;
   n.parm.resize(static_cast<std::size_t>(n.nparm));
-  if (n.loglevel > 0) log.xpmlog(503, 402, {{"count", n.npoints}});
-  if (n.npoints > 100000 && !n.bestspec) log.xpmlog(503, 9210, {{"count", n.npoints}});
+  if (n.loglevel > 0) log.xpmlog(message::evaluating_grid{.count = n.npoints});
+  if (n.npoints > 100000 && !n.bestspec) log.xpmlog(message::large_grid{.count = n.npoints});
 
   StartingTables tables(n);
   bool settled = false;
   for (long p = 0; p < n.npoints; ++p) {
     if (!data::grid_point(n, p, n.parm.data())) {
-      log.xpmlog(503, 236, {{"point", p + 1}, {"values", unusable_values(n)}});
+      log.xpmlog(message::starting_point_not_used{.point = p + 1, .values = unusable_values(n)});
       n.raise(4);
       continue;
     }
@@ -103,7 +107,9 @@ int tvlparm(NX& n)
 
   if (n.savepoint.empty() || n.savepoint[0].parmnum < 0) {
     explain_failure(n);
-    log.xpmlog(503, 232, n.npoints > 1 ? host::MessageArguments{{"count", n.npoints}} : host::MessageArguments{});
+    message::no_starting_point words;
+    if (n.npoints > 1) words.count = n.npoints;
+    log.xpmlog(words);
     n.raise(1012);
     return 1;
   }

@@ -16,6 +16,16 @@ int tvlparm(model::NX& n);
 // enough (message 503/270).
 int settle_points(model::NX& n);
 
+// more_points: the choice of the number of points made once more at the estimates, from the number in use on. True when
+// a larger one was chosen: the points then are in place, and the fit has to go on with them. Passing QMAX= is a
+// warning.
+bool more_points(model::NX& n);
+
+// check_points: how much -2 log L at the estimates changes with 2 N + 1 points per dimension in place of N, into the
+// verdict; left out, with the reason, where that evaluation would cost more than 100 of the fit's. A change above 0.1
+// is a warning.
+void check_points(model::NX& n);
+
 // StartingTables: "Dimensions", and the rows of "Parameters".
 class StartingTables {
 public:

@@ -1,3 +1,4 @@
+#include "host/message_names.h"
 #include "solve/starting_grid.h"
 
 namespace torvale::solve {
@@ -8,22 +9,22 @@ namespace {
 
 void write_dimensions(const model::NX& n)
 {
-  host::Table table("Dimensions", host::otbmsg(503, 80),
-                    {{"Descr", CellKind::text, host::otbmsg(503, 31), "", ""},
-                     {"Value", CellKind::number, host::otbmsg(503, 32), "BEST12", ""}});
-  const auto row = [&](int number, double value) { table.row({host::xpmstr(503, number), value}); };
-  row(81, static_cast<double>(n.store->nobsu));
-  row(82, static_cast<double>(n.store->nobs - n.store->nobsu));
-  row(83, static_cast<double>(n.store->nobs));
+  host::Table table("Dimensions", host::otbmsg(label::dimensions),
+                    {{"Descr", CellKind::text, host::otbmsg(label::description), "", ""},
+                     {"Value", CellKind::number, host::otbmsg(label::value), "BEST12", ""}});
+  const auto row = [&](host::MessageCode name, double value) { table.row({host::xpmstr(name), value}); };
+  row(label::observations_used, static_cast<double>(n.store->nobsu));
+  row(label::observations_not_used, static_cast<double>(n.store->nobs - n.store->nobsu));
+  row(label::total_observations, static_cast<double>(n.store->nobs));
   for (auto it = n.reff.rbegin(); it != n.reff.rend(); ++it) {
     if (n.nreff() == 1)
-      row(84, it->nrepsub);
+      row(label::subjects, it->nrepsub);
     else
-      table.row({host::xpmstr(503, 90, {{"subject", it->subname}}), it->nrepsub});
+      table.row({host::xpmstr(label::subjects_of{.subject = it->subname}), it->nrepsub});
   }
-  if (n.nreff() > 0 && n.nreff() == 1) row(9301, static_cast<double>(n.leaf().ntmax));
-  row(100, static_cast<double>(n.nparm));
-  if (n.nreff() > 0 && (n.method == 0 || n.method == 3)) row(89, static_cast<double>(n.nqp));
+  if (n.nreff() > 0 && n.nreff() == 1) row(label::most_observations_per_subject, static_cast<double>(n.leaf().ntmax));
+  row(label::parameters, static_cast<double>(n.nparm));
+  if (n.nreff() > 0 && (n.method == 0 || n.method == 3)) row(label::quadrature_points, static_cast<double>(n.nqp));
   n.host->tables().wobmth(std::move(table));
 }
 
@@ -34,8 +35,8 @@ void StartingTables::open()
   write_dimensions(n_);
   std::vector<host::TableColumn> columns;
   for (const auto& p : n_.parmstr) columns.push_back({p.parmname, CellKind::number, p.parmname, "D8.4", "Parm"});
-  columns.push_back({"NegLogLike", CellKind::number, host::otbmsg(503, 101), "", ""});
-  table_ = &n_.host->tables().open(host::Table("Parameters", host::otbmsg(503, 99), std::move(columns)));
+  columns.push_back({"NegLogLike", CellKind::number, host::otbmsg(label::negative_log_likelihood), "", ""});
+  table_ = &n_.host->tables().open(host::Table("Parameters", host::otbmsg(label::starting_points), std::move(columns)));
 }
 
 void StartingTables::point(const double* theta, double objective)

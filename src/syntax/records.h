@@ -50,6 +50,13 @@ struct STLIST {
   bool given() const { return type != 0; }
 };
 
+// Slots and flags have names: one enumeration each per statement, which the build makes from the grammar
+// (syntax/statement_names.h).
+template <class Name> inline constexpr bool names_slot = false;
+template <class Name> inline constexpr bool names_flag = false;
+template <class Name> concept SlotName = names_slot<Name>;
+template <class Name> concept FlagName = names_flag<Name>;
+
 // STMT: one procedure statement.
 struct STMT {
   std::string name;                       // the statement's first word, upper case, in its full unabbreviated spelling as typed
@@ -69,6 +76,11 @@ struct STMT {
   const STLIST& slot(int n) const;        // an empty cell when n is beyond nfld
   bool given(int n) const { return slot(n).given(); }
   double number_or(int n, double otherwise) const { return given(n) ? slot(n).number : otherwise; }
+
+  bool flag(FlagName auto which) const { return flag(static_cast<int>(which)); }
+  const STLIST& slot(SlotName auto which) const { return slot(static_cast<int>(which)); }
+  bool given(SlotName auto which) const { return given(static_cast<int>(which)); }
+  double number_or(SlotName auto which, double otherwise) const { return number_or(static_cast<int>(which), otherwise); }
 };
 
 // PROCSTR: what the parser leaves of one step.

@@ -1,8 +1,8 @@
 // Machine code against the lane kernels it stands for: the same bits, for every kernel, on every instruction set, with
 // more values alive than there are registers, and whatever is the same in all lanes.
 
-#include "engine/native/native_stage.h"
-#include "engine/program.h"
+#include "engine/stages/native_stage.h"
+#include "engine/stages/program.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Programs as people write them, against values worked out by hand.
 
 #include "engine/model_fixture.h"
-#include "engine/native/native_stage.h"
+#include "engine/stages/native_stage.h"
 
 namespace torvale::test {
 

@@ -1,9 +1,9 @@
 // Differential tests: programs grown at random, run by the lane engine and by the plain evaluator. Values, missing
 // patterns, faults and derivatives must agree, at one lane and at many.
 
-#include "engine/native/native_stage.h"
 #include "engine/model_fixture.h"
 #include "engine/plain_evaluator.h"
+#include "engine/stages/native_stage.h"
 
 #include <bit>
 #include <random>

@@ -110,6 +110,46 @@ ModelText regression(Response response, int effects, int subjects, bool shuffle)
   return m;
 }
 
+ModelText nested(Response response, int depth, int subjects, bool shuffle)
+{
+  ModelText m;
+  m.parameters = {"b0", "b1", "s2", "mu0", "g11", "g21", "g22", "g33"};
+  m.levels = {{"subject", {"u0", "u1"}, {Term("mu0"), Term(0.0), Term("g11"), Term("g21"), Term("g22")}},
+              {"inner", {"v0"}, {Term("b1") * 0.2, Term("g33")}}};
+  Term eta = Term("b0") + "u0" + (Term("b1") + "u1") * "x" + "v0";
+  if (depth > 2) {
+    m.parameters.push_back("g44");
+    m.levels.push_back({"leaf", {"w0"}, {Term(0.0), Term("g44")}});
+    eta = eta + "w0";
+  }
+  m.assignments = {{"eta", eta}, {"_ll", log_density(response)}};
+
+  std::mt19937 random(static_cast<unsigned>(29 + depth + 5 * static_cast<int>(response)));
+  std::normal_distribution<double> normal;
+  std::vector<std::vector<double>> rows; // subject, inner, leaf, y, x, size
+  for (int s = 0; s < subjects; ++s) {
+    const double u0 = 0.6 * normal(random), u1 = 0.4 * normal(random);
+    for (int i = 0; i < 2 + s % 3; ++i) {
+      const double v0 = 0.4 * normal(random);
+      for (int l = 0; l < depth - 1; ++l) {
+        const double w0 = depth > 2 ? 0.3 * normal(random) : 0.0;
+        for (int k = 0; k < 2 + (s + i + l) % 3; ++k) {
+          const double x = normal(random), size = 4 + k, value = 0.2 + u0 + v0 + w0 + (0.3 + u1) * x;
+          rows.push_back({100.0 + s, 1.0 + i, 1.0 + l, draw(response, value, size, random), x, size});
+        }
+      }
+    }
+  }
+  if (shuffle) std::shuffle(rows.begin(), rows.end(), random);
+  const char* const names[] = {"subject", "inner", "leaf", "y", "x", "size"};
+  for (std::size_t c = 0; c < 6; ++c) {
+    std::vector<double> column;
+    for (const auto& row : rows) column.push_back(row[c]);
+    m.columns.emplace_back(names[c], column);
+  }
+  return m;
+}
+
 std::vector<double> parameters(const ModelText& text, unsigned seed)
 {
   std::mt19937 random(seed);

@@ -14,6 +14,10 @@ const char* name_of(Response response);
 // Subjects have 3 to 6 observations, rows are shuffled when `shuffle` is set.
 ModelText regression(Response response, int effects, int subjects = 6, bool shuffle = false);
 
+// eta = b0 + u0 + (b1 + u1) x + v0 (+ w0): an outer level with two effects, an inner one, and with depth 3 one inside that. Inner
+// subject names start anew in each outer subject; outer subjects have 2 to 4 children, leaves 2 to 4 observations.
+ModelText nested(Response response, int depth, int subjects = 5, bool shuffle = false);
+
 // Parameters near which the model makes sense, moved at random by the seed.
 std::vector<double> parameters(const ModelText& text, unsigned seed);
 

@@ -6,6 +6,8 @@
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
+#include <map>
+#include <numeric>
 #include <stdexcept>
 
 namespace torvale::tests {
@@ -70,7 +72,8 @@ std::vector<syntax::Expr*> add_statements(Run& n, const ModelText& text)
     n.program.statements.push_back(s);
   }
   std::vector<syntax::Expr*> arguments;
-  for (const Term& t : text.prior) arguments.push_back(t.build(n.arena));
+  for (const Level& level : text.all_levels())
+    for (const Term& t : level.prior) arguments.push_back(t.build(n.arena));
   if (!arguments.empty()) {
     auto* site = n.arena.make<syntax::ExpressionSite>();
     site->kind = syntax::StatementKind::site;
@@ -95,33 +98,83 @@ void name_symbols(Run& n, const ModelText& text, const std::vector<syntax::Expr*
     engine::cmpparm(g, n.prsym.s.back(), j);
   }
   n.llsym = symbol("_ll");
-  if (text.effects.empty()) return;
-  n.reff.resize(1);
-  auto& reff = n.reff[0];
-  reff.nr = static_cast<int>(text.effects.size());
-  reff.nrs = reff.nr * (reff.nr + 1) / 2;
-  reff.nd = reff.nr + reff.nrs;
-  reff.npr = reff.nr + n.nparm;
-  reff.names = text.effects;
-  reff.prsym = n.prsym;
-  for (int e = 0; e < reff.nr; ++e) {
-    reff.ransym.s.push_back(symbol(reff.names[static_cast<std::size_t>(e)]));
-    engine::cmpran(g, reff.ransym.s.back(), e);
-    reff.prsym.s.push_back(reff.ransym.s.back());
+  const auto levels = text.all_levels();
+  n.reff.resize(levels.size());
+  auto argument = arguments.begin();
+  int effects = 0;
+  for (std::size_t k = 0; k < levels.size(); ++k) {
+    auto& reff = n.reff[levels.size() - 1 - k];
+    reff.names = levels[k].effects;
+    reff.nr = static_cast<int>(reff.names.size());
+    reff.nrs = reff.nr * (reff.nr + 1) / 2;
+    reff.nd = reff.nr + reff.nrs;
+    reff.npr = reff.nr + n.nparm;
+    reff.prsym = n.prsym;
+    for (const std::string& name : reff.names) {
+      reff.ransym.s.push_back(symbol(name));
+      engine::cmpran(g, reff.ransym.s.back(), effects++);
+      reff.prsym.s.push_back(reff.ransym.s.back());
+    }
+    for (int a = 0; a < reff.nd; ++a) reff.distrsym.s.push_back(engine::cmpsite(g, *argument++));
   }
-  for (syntax::Expr* e : arguments) reff.distrsym.s.push_back(engine::cmpsite(g, e));
 }
 
-// Rows in subject order, subjects by first appearance.
-std::vector<std::size_t> subject_order(const std::vector<double>& subject, std::vector<double>& names)
+bool names_subjects(const ModelText& text, const std::string& column)
 {
-  std::vector<std::size_t> order;
-  for (const double s : subject)
-    if (std::find(names.begin(), names.end(), s) == names.end()) names.push_back(s);
-  for (const double name : names)
-    for (std::size_t row = 0; row < subject.size(); ++row)
-      if (subject[row] == name) order.push_back(row);
-  return order;
+  const auto levels = text.all_levels();
+  return column == "subject" || std::any_of(levels.begin(), levels.end(), [&](const Level& l) { return l.subject == column; });
+}
+
+// Per row its subject's number at every level, the outermost first: those within one parent by first appearance.
+std::vector<std::vector<int>> subject_numbers(const ModelText& text, std::size_t rows)
+{
+  std::vector<std::vector<int>> chain(rows);
+  for (const Level& level : text.all_levels()) {
+    const auto column = std::find_if(text.columns.begin(), text.columns.end(), [&](const auto& c) { return c.first == level.subject; });
+    std::map<std::vector<int>, std::vector<double>> known; // values within each chain of parents
+    for (std::size_t row = 0; row < rows; ++row) {
+      auto& values = known[chain[row]];
+      const auto at = std::find(values.begin(), values.end(), column->second[row]);
+      chain[row].push_back(static_cast<int>(at - values.begin()));
+      if (at == values.end()) values.push_back(column->second[row]);
+    }
+  }
+  return chain;
+}
+
+// Row r of the store belongs to the subject with this chain: a new subject at the levels where it differs from the one before.
+void add_to_subjects(Run& n, const std::vector<int>& chain, const std::vector<int>& before, std::size_t r, const ModelText& text,
+                     std::size_t row)
+{
+  bool fresh = r == 0;
+  for (std::size_t k = n.reff.size(); k-- > 0;) {
+    auto& subjects = n.reff[k].SubInfo;
+    const std::size_t depth = n.reff.size() - 1 - k;
+    fresh = fresh || chain[depth] != before[depth];
+    if (fresh) {
+      model::SUBINFO s;
+      s.ranind = static_cast<int>(k);
+      s.index = static_cast<int>(subjects.size());
+      s.first_row = s.fvalidobs = static_cast<std::int64_t>(r);
+      const auto levels = text.all_levels();
+      for (const auto& [name, values] : text.columns)
+        if (name == levels[depth].subject) s.n = values[row];
+      s.prnc = std::to_string(static_cast<int>(s.n));
+      s.nestlev = s.prnc;
+      if (k + 1 < n.reff.size()) {
+        s.parent = static_cast<int>(n.reff[k + 1].SubInfo.size()) - 1;
+        auto& parent = n.reff[k + 1].SubInfo.back();
+        s.nestlev = parent.nestlev + "-" + s.prnc;
+        if (parent.last_child == 0) parent.first_child = s.index;
+        parent.last_child = s.index + 1;
+      }
+      subjects.push_back(s);
+    }
+    auto& s = subjects.back();
+    s.used = ++s.SubCount;
+    s.lvalidobs = static_cast<std::int64_t>(r);
+    if (!text.weights.empty()) s.weight = text.weights[row];
+  }
 }
 
 void fill_store(Run& n, const ModelText& text)
@@ -130,14 +183,14 @@ void fill_store(Run& n, const ModelText& text)
   Store& store = *n.store;
   store.datapool = host::xmpoolc("test data");
   const std::size_t rows = text.columns.at(0).second.size();
-  std::vector<double> subject(rows, 0.0), names;
-  for (const auto& [name, values] : text.columns)
-    if (name == "subject") subject = values;
-  const auto order = subject_order(subject, names);
+  const auto chain = subject_numbers(text, rows);
+  std::vector<std::size_t> order(rows);
+  std::iota(order.begin(), order.end(), 0U);
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return chain[a] < chain[b]; });
   store.nobs = store.nobsu = static_cast<std::int64_t>(rows);
   int dsvarno = 0;
   for (const auto& [name, values] : text.columns) {
-    if (name == "subject") continue;
+    if (names_subjects(text, name)) continue;
     const auto column = store.datapool->doubles(rows);
     for (std::size_t r = 0; r < rows; ++r) column[r] = values[order[r]];
     store.view.columns.push_back({++dsvarno, column.data(), nullptr, nullptr});
@@ -145,25 +198,13 @@ void fill_store(Run& n, const ModelText& text)
   store.badobs.assign(rows, model::BadCause::none);
   for (std::size_t r = 0; r < rows; ++r) {
     const std::size_t row = order[r];
-    const bool first = r == 0 || subject[row] != subject[order[r - 1]];
+    const auto& before = chain[order[r == 0 ? 0 : r - 1]];
+    const bool first = r == 0 || chain[row] != before;
     store.subject_start.push_back(first ? static_cast<std::int32_t>(r) : store.subject_start.back());
     store.file_row.push_back(static_cast<std::int64_t>(row) + 1);
     store.group_row.push_back(static_cast<std::int64_t>(row));
     if (!text.weights.empty()) store.replicate.push_back(text.weights[row]);
-    if (n.reff.empty()) continue;
-    auto& subjects = n.reff[0].SubInfo;
-    if (first) {
-      model::SUBINFO s;
-      s.index = static_cast<int>(subjects.size());
-      s.first_row = s.fvalidobs = static_cast<std::int64_t>(r);
-      s.n = subject[row];
-      s.prnc = std::to_string(static_cast<int>(subject[row]));
-      subjects.push_back(s);
-    }
-    auto& s = subjects.back();
-    s.used = ++s.SubCount;
-    s.lvalidobs = static_cast<std::int64_t>(r);
-    if (!text.weights.empty()) s.weight = text.weights[row];
+    add_to_subjects(n, chain[row], before, r, text, row);
   }
   if (n.reff.empty()) std::fill(store.subject_start.begin(), store.subject_start.end(), 0);
   store.view.rows = store.nobs;
@@ -181,20 +222,21 @@ std::shared_ptr<NX> make_run(const ModelText& text, const Rule& rule)
 {
   auto n = std::make_shared<Run>();
   n->method = rule.method;
-  n->adaptive = rule.adaptive && !text.effects.empty();
+  n->adaptive = rule.adaptive && !text.all_levels().empty();
   n->adscale = rule.adscale && n->adaptive;
   n->fd = rule.fd;
   n->nqp = rule.points;
   n->seed = 12345;
   n->command_threads = rule.threads;
   n->wants_effects = rule.effects_wanted;
+  n->ebiter = rule.take_turns;
 
   n->gcmp = engine::cmpinit({});
   const auto arguments = add_statements(*n, text);
   require(engine::cmpprogram(*n->gcmp, n->program), "cmpprogram");
   std::vector<engine::DataVariable> variables;
   for (const auto& [name, values] : text.columns)
-    if (name != "subject") variables.push_back({name, false, 8});
+    if (!names_subjects(text, name)) variables.push_back({name, false, 8});
   require(engine::cmprslv(*n->gcmp, variables), "cmprslv");
   name_symbols(*n, text, arguments);
   require(evaluation::build_programs(*n), "build_programs");

@@ -33,6 +33,13 @@ inline Term exp(const Term& a) { return Term::call("exp", {a}); }
 inline Term log(const Term& a) { return Term::call("log", {a}); }
 inline Term lgamma(const Term& a) { return Term::call("lgamma", {a}); }
 
+// One level of random effects.
+struct Level {
+  std::string subject;  // column that names its subjects, within those of the level around it
+  std::vector<std::string> effects;
+  std::vector<Term> prior; // means, then the lower triangle of G by rows
+};
+
 // What a model is. Assignments are in order and must assign _ll.
 struct ModelText {
   std::vector<std::string> parameters;
@@ -41,6 +48,13 @@ struct ModelText {
   std::vector<Term> prior;                                          // means, then the lower triangle of G by rows
   std::vector<std::pair<std::string, std::vector<double>>> columns; // "subject" names the subjects and is no variable
   std::vector<double> weights;                                      // replicate count per row; empty: none
+  std::vector<Level> levels; // several levels, the outermost first; empty: the one of effects, prior and "subject"
+
+  std::vector<Level> all_levels() const
+  {
+    if (!levels.empty() || effects.empty()) return levels;
+    return {{"subject", effects, prior}};
+  }
 };
 
 // How it is integrated.
@@ -51,6 +65,7 @@ struct Rule {
   int fd = 0;
   int threads = 1;
   bool effects_wanted = false; // with what find_posterior needs
+  bool take_turns = false;     // EBITER$
 };
 
 // A run record that is ready for tvllike. Rows may stand in any order.

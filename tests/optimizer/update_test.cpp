@@ -1,8 +1,8 @@
 #include "small_problem.h"
 
-#include "optimizer/active_set.h"
-#include "optimizer/line_search.h"
-#include "optimizer/updates.h"
+#include "optimizer/active_set/active_set.h"
+#include "optimizer/line_search/line_search.h"
+#include "optimizer/updates/updates.h"
 
 #include <gmock/gmock.h>
 

@@ -4,9 +4,9 @@
 #include "probability/chi_square.h"
 #include "probability/f.h"
 #include "probability/gamma.h"
-#include "probability/log_gamma.h"
 #include "probability/normal.h"
 #include "probability/quantiles.h"
+#include "probability/special/log_gamma.h"
 #include "probability/student.h"
 
 #include <gtest/gtest.h>

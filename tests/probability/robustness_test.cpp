@@ -5,11 +5,11 @@
 #include "probability/discrete.h"
 #include "probability/f.h"
 #include "probability/gamma.h"
-#include "probability/log_exp.h"
-#include "probability/log_gamma.h"
 #include "probability/normal.h"
-#include "probability/polygamma.h"
 #include "probability/quantiles.h"
+#include "probability/special/log_exp.h"
+#include "probability/special/log_gamma.h"
+#include "probability/special/polygamma.h"
 #include "probability/student.h"
 
 #include <gtest/gtest.h>

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <sys/wait.h>
 
 namespace torvale::tests {
@@ -89,6 +90,67 @@ TEST(CommandLine, ExitCodesTellWhatWentWrong)
   EXPECT_EQ(torvale(folder, "run " + folder.file("absent.tvl")).exit_code, 2);
   EXPECT_EQ(torvale(folder, "run " + poisson + " --out /dev/null/x").exit_code, 1);
   EXPECT_EQ(torvale(folder, "--version").exit_code, 0);
+}
+
+// Lines of PUT replace neither what the run reads nor what it writes.
+TEST(CommandLine, PutCannotReplaceFilesOfTheRun)
+{
+  const Folder folder;
+  const auto write = [&](const std::string& name, const std::string& text) {
+    std::ofstream(folder.file(name)) << text;
+    return folder.file(name);
+  };
+  const std::string data = "y\n1\n2\n4\n";
+  write("d.csv", data);
+  const auto program = [&](const std::string& file) {
+    return write("p.tvl", "TORVALE DATA=d;\nPARMS m=1;\nFILE '" + file + "';\nPUT y;\nMODEL y ~ NORMAL(m,1);\nRUN;\n");
+  };
+  for (const char* file : {"d.csv", "p.tvl", "../" , "results.json"}) {
+    const std::string target = std::string(file) == "../" ? "../" + fs::path(folder.file("")).parent_path().filename().string() + "/d.csv" : file;
+    const std::string text = read_text(program(target));
+    const Result r = torvale(folder, "run " + folder.file("p.tvl") + " --data d=" + folder.file("d.csv") + " --out " + folder.file(""));
+    EXPECT_EQ(r.exit_code, 1) << target;
+    EXPECT_EQ(read_text(folder.file("d.csv")), data);
+    EXPECT_EQ(read_text(folder.file("p.tvl")), text);
+    EXPECT_TRUE(nlohmann::json::accept(read_text(folder.file("results.json"))));
+    EXPECT_THAT(read_text(folder.file("p.log")), HasSubstr("503/9435"));
+  }
+  program("lines.txt");
+  EXPECT_EQ(torvale(folder, "run " + folder.file("p.tvl") + " --data d=" + folder.file("d.csv") + " --out " + folder.file("")).exit_code, 0);
+  EXPECT_EQ(read_text(folder.file("lines.txt")), "1 \n2 \n4 \n");
+}
+
+// A closed standard stream is not the next file that is opened.
+TEST(CommandLine, ClosedStreamsAndPipes)
+{
+  const Folder folder;
+  const std::string json = folder.file("r.json");
+  for (const char* closing : {">&-", "2>&-", "<&-"}) {
+    const std::string command = std::string(TORVALE_BINARY) + " run " + poisson + " --json " + json + " >" +
+                                folder.file("o") + " 2>" + folder.file("e") + " " + closing;
+    const int status = std::system(command.c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 0) << closing;
+    EXPECT_TRUE(nlohmann::json::accept(read_text(json))) << closing;
+  }
+  const std::string data = source_file("examples/warpbreaks.csv");
+  const std::string command = "cat " + data + " | " + TORVALE_BINARY + " run " + poisson +
+                              " --data warpbreaks=/dev/stdin >" + folder.file("o") + " 2>" + folder.file("e");
+  EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 0) << read_text(folder.file("e"));
+  EXPECT_EQ(read_text(folder.file("o")), torvale(folder, "run " + poisson).out);
+}
+
+TEST(CommandLine, StrictRefusesNamesThatParmsLacks)
+{
+  const Folder folder;
+  const TemporaryFile file("strict.tvl", "TORVALE DATA=warpbreaks;\nPARMS b0=3;\nm = exp(b0 + bwol*(wool='B') + u);\n"
+                                         "MODEL breaks ~ POISSON(m);\nRUN;\n");
+  const std::string run = "run " + file.path() + " --data warpbreaks=" + source_file("examples/warpbreaks.csv");
+  const Result warned = torvale(folder, run);
+  EXPECT_THAT(warned.err, HasSubstr("503/9433"));
+  EXPECT_THAT(warned.err, HasSubstr("RANDOM"));
+  const Result refused = torvale(folder, run + " --strict");
+  EXPECT_EQ(refused.exit_code, 3);
+  EXPECT_THAT(refused.err, HasSubstr("503/9434"));
 }
 
 TEST(CommandLine, CheckDescribeExplain)

@@ -25,7 +25,7 @@ std::vector<std::filesystem::path> programs()
 TEST(Examples, RunClean)
 {
   const auto all = programs();
-  ASSERT_GE(all.size(), 15u);
+  ASSERT_GE(all.size(), 18u);
   for (const auto& path : all) {
     const auto run = run_text(read_text(path.string()), path.parent_path().string());
     EXPECT_EQ(run.outcome.exit_code, 0) << path << "\n" << run.log;

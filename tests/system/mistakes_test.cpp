@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 namespace torvale::tests {
 
 namespace {
@@ -168,6 +170,71 @@ const std::vector<Mistake>& mistakes()
        3000,
        3,
        {"ALPHA", "1.5", "line 1"}},
+      {"DependentInParms",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 incidence=2;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"incidence", "PARMS makes it a parameter", "line 3", "503/5"}},
+      {"DependentOnlyInParms",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 y=2;\nMODEL y ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"503/5", "line 3"}},
+      {"ReplicateIsAParameter",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 size=2;\nMODEL incidence ~ NORMAL(b0, 1);\nREPLICATE size;\nRUN;",
+       3000,
+       3,
+       {"503/22", "size", "line 4"}},
+      {"SubjectIsAParameter",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1 herd=2;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nRUN;",
+       3000,
+       3,
+       {"503/9]", "herd", "line 4"}},
+      {"UnknownByVariable",
+       "TORVALE DATA=cbpp;\nBY herdd;\nPARMS b0=1;\nMODEL incidence ~ NORMAL(b0, 1);\nRUN;",
+       3000,
+       3,
+       {"503/9]", "herdd", "herd?", "line 2"}},
+      {"CharacterDependentComesFirst",
+       "TORVALE DATA=epil;\nMODEL trt ~ NORMAL(b0+u, 1);\nPARMS b0=1;\nPARMS b1=1;\nESTIMATE 'e' b0+u+x;\nRUN;",
+       3000,
+       3,
+       {"503/39", "line 2"}},
+      {"EffectInEstimateBeforeUnknownName",
+       "TORVALE DATA=cbpp;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nESTIMATE 'e' period + u;\nRUN;",
+       3000,
+       3,
+       {"503/33", "line 5"}},
+      {"MisspelledNameInEstimate",
+       "TORVALE DATA=cbpp;\nPARMS beta=1;\nMODEL incidence ~ NORMAL(beta, 1);\nESTIMATE 'e' exp(bta);\nRUN;",
+       3000,
+       3,
+       {"503/38", "bta", "beta?", "line 4"}},
+      {"TooManyPoints",
+       "TORVALE DATA=cbpp QPOINTS=6000;\nPARMS b0=1 v=1;\nMODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) "
+       "SUBJECT=herd;\nRUN;",
+       1012,
+       3,
+       {"6000 points", "QPOINTS"}},
+      {"TooManyPointsOfThreeEffects",
+       "TORVALE DATA=sleepstudy QPOINTS=400;\nPARMS b0=1 v=1;\nMODEL reaction ~ NORMAL(b0+u+w*days+t*days**2, 1);\n"
+       "RANDOM u w t ~ NORMAL([0,0,0],[v,0,v,0,0,v]) SUBJECT=subject;\nRUN;",
+       1012,
+       3,
+       {"400 points", "QPOINTS"}},
+      {"PointsBeyondAnyWholeNumber",
+       "TORVALE DATA=cbpp QPOINTS=1e20 MAXITER=1e30 EBSTEPS=1e25;\nPARMS b0=1 v=1 / BEST=1e40;\n"
+       "MODEL incidence ~ NORMAL(b0+u, 1);\nRANDOM u ~ NORMAL(0,v) SUBJECT=herd;\nRUN;",
+       1012,
+       3,
+       {"QPOINTS"}},
+      {"DotBehindTheFirstWord",
+       "TORVALE.DATA=cbpp;\nPARMS b0=1;\nMODEL incidence ~ NORMAL(b0, 1);\nBY herd;\nID herd;\nRUN;",
+       3000,
+       3,
+       {"TORVALE DATA", "line 1"}},
       {"UnknownFunction",
        "TORVALE DATA=cbpp;\nPARMS b0=1;\nz = expp(b0);\nMODEL incidence ~ NORMAL(z, 1);\nRUN;",
        1012,
@@ -225,6 +292,50 @@ TEST(BadData, ParameterInTheStatementAndInItsDataSet)
                0, {{"starts", starts.path()}});
   EXPECT_EQ(run.outcome.exit_code, 3) << run.log;
   EXPECT_TRUE(run.said(503, 237)) << run.log;
+}
+
+TEST(BadData, StartingValuesWithoutRows)
+{
+  const std::string program = "TORVALE DATA=sleepstudy;\nPARMS / DATA=starts;\nMODEL reaction ~ NORMAL(b0, s);\nRUN;";
+  for (const char* header : {"b0,s\n", "Parameter,Estimate\n"}) {
+    const TemporaryFile starts("starts.csv", header);
+    const auto run = run_text(program, "examples", 0, {{"starts", starts.path()}});
+    EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
+    EXPECT_TRUE(run.said(503, 9430)) << run.log;
+  }
+}
+
+// Fragments of groups are no groups: nothing is fitted, nothing shown.
+TEST(BadData, OrderOfGroupsIsCheckedFirst)
+{
+  const TemporaryFile data("unsorted.csv", "g,y\n1,2\n1,3\n2,4\n2,6\n1,5\n1,1\n");
+  const auto fit = [&](const std::string& by) {
+    return run_text("TORVALE DATA=d;\nBY " + by + ";\nPARMS m=1;\nMODEL y ~ NORMAL(m,1);\nRUN;", "examples", 0,
+                    {{"d", data.path()}});
+  };
+  for (const char* by : {"g", "DESCENDING g"}) {
+    const auto run = fit(by);
+    EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
+    EXPECT_TRUE(run.said(503, 9032)) << run.log;
+    EXPECT_EQ(run.listing, "");
+    EXPECT_TRUE(run.outcome.results.steps[0].groups.empty());
+  }
+  EXPECT_EQ(fit("g NOTSORTED").outcome.results.steps[0].groups.size(), 3u);
+}
+
+// Paths that the file system refuses are told as any other file that is not there.
+TEST(BadData, PathsThatTheSystemRefuses)
+{
+  const std::string program = "TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;";
+  const TemporaryFile circle("circle.csv", "");
+  std::filesystem::remove(circle.path());
+  std::filesystem::create_symlink(circle.path(), circle.path());
+  for (const std::string& path :
+       {circle.path(), "/tmp/" + std::string(300, 'x') + ".csv", std::string("/dev/null/x.csv")}) {
+    const auto run = run_text(program, "examples", 0, {{"d", path}});
+    EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
+    EXPECT_TRUE(run.said(503, 9002)) << run.log;
+  }
 }
 
 // A wrong step does not stop the steps after it; the run's exit code is the worse one.

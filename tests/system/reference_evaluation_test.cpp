@@ -53,7 +53,8 @@ TEST_P(ReferenceEvaluation, ObjectiveAndGradientAtTheStart)
 
 INSTANTIATE_TEST_SUITE_P(Models, ReferenceEvaluation,
                          testing::Values("theoph", "orange", "sleepstudy", "cbpp", "epil", "fixed_gamma",
-                                         "fixed_negbin", "fixed_poisson", "fixed_t4"),
+                                         "fixed_negbin", "fixed_poisson", "fixed_t4", "nested_linear",
+                                         "nested_logit", "nested_count"),
                          [](const auto& tested) { return std::string(tested.param); });
 
 } // namespace

@@ -182,6 +182,16 @@ TEST(UserPrograms, PutWritesFiles)
   EXPECT_EQ(nowhere.outcome.exit_code, 1);
 }
 
+// A text that stands for a column is the number that it spells; one that spells none moves to the first column.
+TEST(UserPrograms, PutTakesColumnsFromTexts)
+{
+  const TemporaryFile data("columns.csv", "c,w,y\n'7',A,2\n3,B,4\n"), lines("columns.txt", "");
+  const auto run = run_text("TORVALE DATA='" + data.path() + "'; PARMS m=3; FILE '" + lines.path() +
+                            "'; PUT @c y; PUT @w y; PUT 'a' +c 'b'; MODEL y ~ NORMAL(m, 1); RUN;");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_EQ(read_text(lines.path()), "2 \n2 \na b\n  4 \n4 \na   b\n");
+}
+
 // The kinds of missing values of the data can be told apart, and decide what a program does with them.
 TEST(UserPrograms, KindsOfMissingValuesComeFromTheData)
 {

@@ -8,12 +8,12 @@ namespace torvale::engine {
 
 NodeId gamma_log_density(GraphBuilder& g, NodeId x, NodeId shape)
 {
-  return g.subtract(g.subtract(log_power_factor(g, x, shape), x), g.call(Kernel::lgamma, shape));
+  return g.call(Kernel::gamma_log_density, x, shape);
 }
 
 NodeId beta_log_density(GraphBuilder& g, NodeId x, NodeId y, NodeId a, NodeId b)
 {
-  return g.subtract(g.add(log_power_factor(g, x, a), log_power_factor(g, y, b)), g.call(Kernel::lbeta, a, b));
+  return g.apply(Kernel::beta_log_density, {x, a, b, y});
 }
 
 // lgamma((n+1)/2) - lgamma(n/2) - log(pi n)/2 - (n+1)/2 log(1 + t^2/n)
@@ -64,11 +64,11 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
 } // namespace normal
 
 namespace logistic {
-NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v) // -z - 2 log(1 + exp(-z)) - log s
+NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v) // -log(1 + exp(z)) - log(1 + exp(-z)) - log s
 {
   const NodeId z = standardized(g, x, v);
-  return g.subtract(g.subtract(g.negate(z), g.scale(2.0, g.call(Kernel::softplus, g.negate(z)))), g.call(Kernel::log,
-      v[1]));
+  const NodeId both = g.add(g.call(Kernel::softplus, z), g.call(Kernel::softplus, g.negate(z)));
+  return g.negate(g.add(both, g.call(Kernel::log, v[1])));
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return g.call(Kernel::logistic, standardized(g, x, v)); }
 NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v)
@@ -244,14 +244,12 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kern
 
 // F with n and d degrees of freedom: u = n x / (n x + d) is beta with shapes n/2 and d/2.
 namespace fisher {
-NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
+NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v) // of u, times du/dx = n d / (n x + d)^2
 {
-  const NodeId a = g.scale(0.5, positive(g, v[0])), b = g.scale(0.5, positive(g, v[1]));
-  const NodeId ratio = g.divide(v[0], v[1]), scaled = g.multiply(ratio, x);
-  const NodeId tail = g.multiply(g.add(a, b), g.call(Kernel::log1p, scaled));
-  const NodeId inside = g.subtract(g.subtract(g.add(log_power_factor(g, scaled, a), g.call(Kernel::log, ratio)), tail),
-                                   g.call(Kernel::lbeta, a, b));
-  return g.select(below(g, x, 0.0), g.constant(minus_infinity), inside);
+  const NodeId n = positive(g, v[0]), d = positive(g, v[1]), scaled = g.multiply(n, x), sum = g.add(scaled, d);
+  const NodeId slope = g.subtract(g.call(Kernel::log, g.divide(n, sum)), g.call(Kernel::log, g.divide(sum, d)));
+  const NodeId of_u = beta_log_density(g, g.divide(scaled, sum), g.divide(d, sum), g.scale(0.5, n), g.scale(0.5, d));
+  return g.select(below(g, x, 0.0), g.constant(minus_infinity), g.add(of_u, slope));
 }
 NodeId at(GraphBuilder& g, Kernel k, NodeId x, const NodeId* v)
 {
@@ -273,31 +271,42 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
 } // namespace fisher
 
 constexpr Distribution rows[] = {
-    {"NORMAL", "GAUSS GAUSSIAN", 0, 2, {0.0, 1.0}, "mean = 0, sd = 1", "all numbers",
+    {"NORMAL", "GAUSS GAUSSIAN", 0, 2, {0.0, 1.0}, {Domain::any, Domain::positive}, false,
+     "mean = 0, sd = 1", "all numbers",
      normal::logpdf, normal::cdf, normal::logcdf, normal::sdf, normal::logsdf, normal::quantile},
-    {"T", "STUDENT", 1, 1, {}, "df", "all numbers",
+    {"T", "STUDENT", 1, 1, {}, {Domain::positive}, false,
+     "df", "all numbers",
      student::logpdf, student::cdf, student::logcdf, student::sdf, student::logsdf, student::quantile},
-    {"CHISQUARE", "CHISQ CHISQUARED", 1, 1, {}, "df", "x >= 0",
+    {"CHISQUARE", "CHISQ CHISQUARED", 1, 1, {}, {Domain::positive}, true,
+     "df", "x >= 0",
      chi_square<gamma_family::logpdf>, chi_square<gamma_family::cdf>, chi_square<gamma_family::logcdf>,
      chi_square<gamma_family::sdf>, chi_square<gamma_family::logsdf>, chi_square<gamma_family::quantile>},
-    {"F", "FISHER", 2, 2, {}, "ndf, ddf", "x >= 0",
+    {"F", "FISHER", 2, 2, {}, {Domain::positive, Domain::positive}, true,
+     "ndf, ddf", "x >= 0",
      fisher::logpdf, fisher::cdf, fisher::logcdf, fisher::sdf, fisher::logsdf, fisher::quantile},
-    {"BETA", "", 2, 2, {}, "a, b", "0 <= x <= 1",
+    {"BETA", "", 2, 2, {}, {Domain::positive, Domain::positive}, true,
+     "a, b", "0 <= x <= 1",
      beta_family::logpdf, beta_family::cdf, beta_family::logcdf, beta_family::sdf, beta_family::logsdf,
          beta_family::quantile},
-    {"GAMMA", "", 1, 2, {0.0, 1.0}, "shape, scale = 1", "x >= 0",
+    {"GAMMA", "", 1, 2, {0.0, 1.0}, {Domain::positive, Domain::positive}, true,
+     "shape, scale = 1", "x >= 0",
      gamma_family::logpdf, gamma_family::cdf, gamma_family::logcdf, gamma_family::sdf, gamma_family::logsdf,
          gamma_family::quantile},
-    {"EXPONENTIAL", "EXPO", 0, 1, {1.0}, "scale = 1", "x >= 0",
+    {"EXPONENTIAL", "EXPO", 0, 1, {1.0}, {Domain::positive}, true,
+     "scale = 1", "x >= 0",
      exponential<weibull::logpdf>, exponential<weibull::cdf>, exponential<weibull::logcdf>, exponential<weibull::sdf>,
      exponential<weibull::logsdf>, exponential<weibull::quantile>},
-    {"WEIBULL", "", 1, 2, {0.0, 1.0}, "shape, scale = 1", "x >= 0",
+    {"WEIBULL", "", 1, 2, {0.0, 1.0}, {Domain::positive, Domain::positive}, true,
+     "shape, scale = 1", "x >= 0",
      weibull::logpdf, weibull::cdf, weibull::logcdf, weibull::sdf, weibull::logsdf, weibull::quantile},
-    {"LOGNORMAL", "", 0, 2, {0.0, 1.0}, "mean of log = 0, sd of log = 1", "x > 0",
+    {"LOGNORMAL", "", 0, 2, {0.0, 1.0}, {Domain::any, Domain::positive}, true,
+     "mean of log = 0, sd of log = 1", "x > 0",
      lognormal::logpdf, lognormal::cdf, lognormal::logcdf, lognormal::sdf, lognormal::logsdf, lognormal::quantile},
-    {"LOGISTIC", "", 0, 2, {0.0, 1.0}, "location = 0, scale = 1", "all numbers",
+    {"LOGISTIC", "", 0, 2, {0.0, 1.0}, {Domain::any, Domain::positive}, false,
+     "location = 0, scale = 1", "all numbers",
      logistic::logpdf, logistic::cdf, logistic::logcdf, logistic::sdf, logistic::logsdf, logistic::quantile},
-    {"UNIFORM", "", 0, 2, {0.0, 1.0}, "low = 0, high = 1", "low <= x <= high",
+    {"UNIFORM", "", 0, 2, {0.0, 1.0}, {Domain::any, Domain::above_the_one_before}, true,
+     "low = 0, high = 1", "low <= x <= high",
      uniform::logpdf, uniform::cdf, uniform::logcdf, uniform::sdf, uniform::logsdf, uniform::quantile},
 };
 // clang-format on

@@ -86,11 +86,12 @@ NodeId log_one_minus_exp_rule(Graph& g, NodeId n, int)
   return g.negate(g.reciprocal(g.call(Kernel::expm1, g.negate(in(g, n, 0)))));
 }
 
-// d/da of the integral of u**b exp(-a u): less the integral with u**(b+1).
+// d/da of the integral of u**i (1 - u)**j exp(-(a u + b (1 - u))): less the integral with u**(i+1).
 NodeId exp_mean_rule(Graph& g, NodeId n, int k)
 {
-  if (k > 0) return g.zero(); // the exponential is a function of the first operand
-  return g.negate(g.call(Kernel::exp_mean, in(g, n, 0), g.shift(in(g, n, 1), 1.0), in(g, n, 2)));
+  if (k > 1) return g.zero(); // the exponentials are functions of the first operands
+  const NodeId order = g.shift(in(g, n, 4), k == 0 ? 10.0 : 1.0);
+  return g.negate(g.apply(Kernel::exp_mean, {in(g, n, 0), in(g, n, 1), in(g, n, 2), in(g, n, 3), order}));
 }
 // Of x**3 - a x**2 + b x - c = 0: x' = (x**2 a' - x b' + c') / (3 x**2 - 2 a x + b).
 NodeId cubic_root_rule(Graph& g, NodeId n, int k)
@@ -264,6 +265,19 @@ template <const GammaTail& tail> NodeId log_gamma_by_shape_rule(Graph& g, NodeId
   return inside_gamma(g, x, g.multiply(r, second));
 }
 
+// shape - 1 over x; 0 for shape 1, also at the end of the support.
+NodeId power_slope(Graph& g, NodeId x, NodeId shape)
+{
+  if (g.is_constant(shape, 1.0)) return g.zero();
+  const NodeId less_one = g.shift(shape, -1.0);
+  return g.select(g.compare(Kernel::equal, less_one, g.zero()), g.zero(), g.divide(less_one, x));
+}
+NodeId gamma_log_density_rule(Graph& g, NodeId n, int k)
+{
+  const NodeId x = in(g, n, 0), a = in(g, n, 1);
+  return k == 0 ? g.shift(power_slope(g, x, a), -1.0) : g.subtract(g.call(Kernel::log, x), g.call(Kernel::digamma, a));
+}
+
 // Incomplete beta: operands x, a, b, y = 1 - x[, orders by a and b]. x and y move together: the derivative by x covers
 // both, so that by y is 0.
 struct BetaTail {
@@ -286,6 +300,15 @@ struct BetaOperands {
     return g.apply(k, {x, a, b, y, whole_number(g, i), whole_number(g, j)});
   }
 };
+
+NodeId beta_log_density_rule(Graph& g, NodeId n, int k)
+{
+  const BetaOperands o(g, n);
+  if (k == 3) return g.zero();
+  if (k == 1) return g.add(g.call(Kernel::log, o.x), g.call(Kernel::digamma_ratio, o.a, o.b));
+  if (k == 2) return g.add(g.call(Kernel::log, o.y), g.call(Kernel::digamma_ratio, o.b, o.a));
+  return g.subtract(power_slope(g, o.x, o.a), power_slope(g, o.y, o.b));
+}
 
 template <const BetaTail& tail> NodeId beta_tail_rule(Graph& g, NodeId n, int k)
 {
@@ -483,6 +506,7 @@ PartialRule partial_rule(Kernel k)
   case Kernel::log_gamma_upper: return log_gamma_tail_rule<gamma_above>;
   case Kernel::log_gamma_lower_by_shape: return log_gamma_by_shape_rule<gamma_below>;
   case Kernel::log_gamma_upper_by_shape: return log_gamma_by_shape_rule<gamma_above>;
+  case Kernel::gamma_log_density: return gamma_log_density_rule;
   case Kernel::gamma_quantile: return gamma_quantile_rule;
   case Kernel::gamma_upper_quantile: return gamma_upper_quantile_rule;
   case Kernel::beta_lower: return beta_tail_rule<beta_below>;
@@ -491,6 +515,7 @@ PartialRule partial_rule(Kernel k)
   case Kernel::log_beta_upper: return log_beta_tail_rule<beta_above>;
   case Kernel::log_beta_lower_by_shapes: return log_beta_by_shapes_rule<beta_below>;
   case Kernel::log_beta_upper_by_shapes: return log_beta_by_shapes_rule<beta_above>;
+  case Kernel::beta_log_density: return beta_log_density_rule;
   case Kernel::beta_quantile: return beta_quantile_slope;
   case Kernel::beta_quantile_complement: return beta_quantile_complement_rule;
   case Kernel::t_lower: return t_lower_rule;

@@ -26,21 +26,13 @@ NodeId from_zero(GraphBuilder& g, NodeId k, double value_below, NodeId tail)
   return g.select(below(g, k, 0.0), g.constant(value_below), tail);
 }
 
-// log of a over b for whole 0 <= b <= a.
-NodeId log_choose(GraphBuilder& g, NodeId a, NodeId b)
-{
-  return g.subtract(g.call(Kernel::lgamma_ratio, g.shift(g.subtract(a, b), 1.0), b), g.call(Kernel::lgamma, g.shift(b,
-      1.0)));
-}
-
 NodeId probability(GraphBuilder& g, NodeId p) { return g.call(Kernel::probability, p); }
 
 namespace poisson { // mean
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
-  const NodeId mean = g.call(Kernel::nonnegative, v[0]);
-  const NodeId l = g.subtract(g.subtract(count_log(g, x, mean), mean), g.call(Kernel::lgamma, g.shift(x, 1.0)));
-  return on_whole_numbers(g, x, no_node, l);
+  // As a function of the mean it is the gamma density of shape x + 1.
+  return on_whole_numbers(g, x, no_node, gamma_log_density(g, g.call(Kernel::nonnegative, v[0]), g.shift(x, 1.0)));
 }
 template <Kernel tail> NodeId at(GraphBuilder& g, NodeId x, const NodeId* v, double value_below)
 {
@@ -60,9 +52,10 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kern
 namespace binomial { // trials, probability
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
-  const NodeId p = probability(g, v[1]), failures = g.subtract(v[0], x);
-  const NodeId l = g.add(log_choose(g, v[0], x), g.add(count_log(g, x, p), count_log(g, failures, complement(g, p))));
-  return on_whole_numbers(g, x, v[0], l);
+  // As a function of p it is the beta density of shapes x + 1 and n - x + 1, over n + 1.
+  const NodeId p = probability(g, v[1]), a = g.shift(x, 1.0), b = g.shift(g.subtract(v[0], x), 1.0);
+  const NodeId density = beta_log_density(g, p, complement(g, p), a, b);
+  return on_whole_numbers(g, x, v[0], g.subtract(density, g.call(Kernel::log, g.shift(v[0], 1.0))));
 }
 // P(X <= k) = 1 - I_p(k + 1, n - k), 0 <= k < n.
 template <Kernel tail> NodeId at(GraphBuilder& g, NodeId x, const NodeId* v, double value_below, double value_above)
@@ -88,11 +81,12 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kern
 namespace negative_binomial { // size, probability: failures before the size-th success
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v)
 {
-  const NodeId p = probability(g, v[1]);
-  const NodeId front = g.subtract(g.call(Kernel::lgamma_ratio, positive(g, v[0]), x), g.call(Kernel::lgamma,
-      g.shift(x, 1.0)));
-  const NodeId l = g.add(front, g.add(count_log(g, v[0], p), count_log(g, x, complement(g, p))));
-  return on_whole_numbers(g, x, no_node, l);
+  // As a function of p it is the beta density of shapes size and x + 1, times p / (size + x).
+  const NodeId p = probability(g, v[1]), size = positive(g, v[0]);
+  const NodeId density = beta_log_density(g, p, complement(g, p), size, g.shift(x, 1.0));
+  const NodeId l = g.add(density, g.subtract(g.call(Kernel::log, p), g.call(Kernel::log, g.add(size, x))));
+  const NodeId never = g.compare(Kernel::equal, p, g.zero());
+  return on_whole_numbers(g, x, no_node, g.select(never, g.constant(minus_infinity), l));
 }
 // P(X <= k) = I_p(size, k + 1).
 template <Kernel tail> NodeId at(GraphBuilder& g, NodeId x, const NodeId* v, double value_below)
@@ -170,16 +164,21 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v)
 } // namespace bernoulli
 
 constexpr Distribution rows[] = {
-    {"BINOMIAL", "", 2, 2, {}, "n, p", "whole numbers 0 to n",
+    {"BINOMIAL", "", 2, 2, {}, {Domain::nonnegative, Domain::probability}, true,
+     "n, p", "whole numbers 0 to n",
      binomial::logpdf, binomial::cdf, binomial::logcdf, binomial::sdf, binomial::logsdf, binomial::quantile},
-    {"POISSON", "", 1, 1, {}, "mean", "whole numbers from 0",
+    {"POISSON", "", 1, 1, {}, {Domain::nonnegative}, true,
+     "mean", "whole numbers from 0",
      poisson::logpdf, poisson::cdf, poisson::logcdf, poisson::sdf, poisson::logsdf, poisson::quantile},
-    {"NEGBINOMIAL", "NEGBIN NEGATIVEBINOMIAL", 2, 2, {}, "n, p", "failures before the n-th success, from 0",
+    {"NEGBINOMIAL", "NEGBIN NEGATIVEBINOMIAL", 2, 2, {}, {Domain::positive, Domain::probability}, true,
+     "n, p", "failures before the n-th success, from 0",
      negative_binomial::logpdf, negative_binomial::cdf, negative_binomial::logcdf, negative_binomial::sdf,
      negative_binomial::logsdf, negative_binomial::quantile},
-    {"GEOMETRIC", "", 1, 1, {}, "p", "failures before the first success, from 0",
+    {"GEOMETRIC", "", 1, 1, {}, {Domain::probability}, true,
+     "p", "failures before the first success, from 0",
      geometric::logpdf, geometric::cdf, geometric::logcdf, geometric::sdf, geometric::logsdf, geometric::quantile},
-    {"BERNOULLI", "", 1, 1, {}, "p", "0 and 1",
+    {"BERNOULLI", "", 1, 1, {}, {Domain::probability}, true,
+     "p", "0 and 1",
      bernoulli::logpdf, bernoulli::cdf, bernoulli::logcdf, bernoulli::sdf, bernoulli::logsdf, bernoulli::quantile},
 };
 // clang-format on

@@ -123,7 +123,9 @@ NodeId coalesce_rule(GraphBuilder& g, Nodes x, std::string*)
 // Functions of linear systems of compartments.
 NodeId exp_mean_rule(GraphBuilder& g, Nodes x, std::string*)
 {
-  return g.call(Kernel::exp_mean, x[0], g.zero(), g.call(Kernel::exp, g.negate(x[0])));
+  const NodeId y = x.size() > 1 ? x[1] : g.zero();
+  const auto exponential = [&](NodeId of) { return g.call(Kernel::exp, g.negate(of)); };
+  return g.apply(Kernel::exp_mean, {x[0], y, exponential(x[0]), exponential(y), g.zero()});
 }
 NodeId cubic_root_rule(GraphBuilder& g, Nodes x, std::string* error)
 {
@@ -163,7 +165,8 @@ constexpr LanguageFunction rows[] = {
     // Exponential functions and logarithms
     {"EXP", "", numeric, 1, 1, kernel<Kernel::exp>, none, "x", "e to the power x"},
     {"EXPM1", "", numeric, 1, 1, kernel<Kernel::expm1>, none, "x", "exp(x) - 1, accurate near 0"},
-    {"EXPMEAN", "", numeric, 1, 1, exp_mean_rule, none, "x", "(1 - exp(-x)) / x, accurate near 0; 1 at 0"},
+    {"EXPMEAN", "", numeric, 1, 2, exp_mean_rule, none, "x [, y]",
+     "mean of exp(-v) for v between x and y (0), accurate where they are near each other"},
     {"LOG", "LN", numeric, 1, 1, kernel<Kernel::log>, none, "x", "natural logarithm"},
     {"LOG1P", "", numeric, 1, 1, kernel<Kernel::log1p>, none, "x", "log(1 + x), accurate near 0"},
     {"LOG2", "", numeric, 1, 1, kernel<Kernel::log2>, none, "x", "logarithm to base 2"},

@@ -5,7 +5,7 @@
 // A function with arguments that are numbers is expanded here. The others (texts, lags, bounds of arrays, random
 // numbers) need what only the translator of statements has; their rows tell it names and arguments.
 
-#include "engine/graph.h"
+#include "engine/graph/graph.h"
 
 #include <span>
 #include <string>

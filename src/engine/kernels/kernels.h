@@ -90,7 +90,8 @@ enum class Kernel : std::uint16_t {
   logit,                // log(a / (1 - a)); missing outside (0, 1)
   log_add_exp,          // log(exp(a) + exp(b))
 
-  exp_mean,             // integral of u**b exp(-a u) for u in 0 to 1, b = 0, 1, 2, ...; c = exp(-a)
+  exp_mean,             // integral of u**i (1 - u)**j exp(-(a u + b (1 - u))) for u in 0 to 1; c = exp(-a), d = exp(-b),
+                        // e = 10 i + j
 
   // Linear systems of compartments (lane_compartments.h).
   cubic_root,           // root d (1 the largest) of x**3 - a x**2 + b x - c, whose roots are real and none negative
@@ -114,12 +115,14 @@ enum class Kernel : std::uint16_t {
   // shape, whose order is operand c (1, 2 or 3).
   gamma_lower, gamma_upper, log_gamma_lower, log_gamma_upper,
   log_gamma_lower_by_shape, log_gamma_upper_by_shape,
+  gamma_log_density,    // the log of the density
   gamma_quantile, gamma_upper_quantile, // x whose lower (upper) tail is a, with shape b
 
   // Incomplete beta integral at x = a with shapes b and c, given d = 1 - x too; derivatives of the logs by the shapes,
   // whose orders are operands e (by b) and f (by c), 1 to 3 in sum.
   beta_lower, beta_upper, log_beta_lower, log_beta_upper,
   log_beta_lower_by_shapes, log_beta_upper_by_shapes,
+  beta_log_density,     // the log of the density
   beta_quantile,        // x whose lower tail is a, with shapes b and c
   beta_quantile_complement, // 1 - x of it, without cancellation
 

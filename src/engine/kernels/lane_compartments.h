@@ -10,7 +10,7 @@ namespace lane {
 
 // Calls f(number) for the number that the lanes share (as they do in a program), or for each of several; where it is
 // none of 0 to `most` the lane is missing.
-template <class F> inline Lanes by_number(Lanes numbers, double most, F f)
+template <class F> __attribute__((always_inline)) inline Lanes by_number(Lanes numbers, double most, F f)
 {
   const auto value = [&](double number) { return number >= 0.0 && number <= most ? f(number) : missing_lanes(); };
   Lanes r = value(numbers[0]);
@@ -22,40 +22,85 @@ template <class F> inline Lanes by_number(Lanes numbers, double most, F f)
   return r;
 }
 
-// Integral of u**k exp(-x u) for u in 0 to 1, given e = exp(-x); k from 0 to 8. 2 ulp for k = 0; for higher k errors
-// grow to 1e-14 at k = 3. Near 0 the series sum (-x)**j / (j! (k + 1 + j)), elsewhere by parts.
-inline Lanes exp_mean_of_order(Lanes x, int k, Lanes e)
+// Integral of u**i (1 - u)**j exp(-(x u + y (1 - u))) for u in 0 to 1, given ex = exp(-x) and ey = exp(-y). 3 ulp for
+// i = j = 0; errors grow to 3e-14 at i + j = 4. Where x and y are within 1 the series in d = y - x,
+//     ey sum_m d**m B(i + m + 1, j + 1) / m!,
+// elsewhere by parts.
+constexpr int most_moment = 4, exp_mean_terms = 18; // i and j are at most 4
+struct ExpMeanSeries {
+  double c[most_moment + 1][most_moment + 1][exp_mean_terms];
+};
+consteval ExpMeanSeries exp_mean_series()
 {
-  constexpr int terms = 18;
-  const Mask near = magnitude(x) <= all(1.0);
-  Lanes r = {};
-  if (any(near)) {
-    double c[terms];
-    double factorial = 1.0;
-    for (int j = 0; j < terms; ++j) {
-      c[j] = 1.0 / (factorial * (k + 1 + j));
-      factorial *= -(j + 1.0);
+  ExpMeanSeries s{};
+  for (int i = 0; i <= most_moment; ++i)
+    for (int j = 0; j <= most_moment; ++j) {
+      double value = 1.0; // i! j! / (i + j + 1)!
+      for (int k = 1; k <= j; ++k) value *= static_cast<double>(k) / (i + k);
+      value /= i + j + 1;
+      for (int m = 0; m < exp_mean_terms; ++m) {
+        s.c[i][j][m] = value;
+        value *= (i + m + 1.0) / ((i + j + m + 2.0) * (m + 1.0));
+      }
     }
-    // In two halves of even and odd powers: the processor works on both at a time.
-    const Lanes x2 = x * x;
-    Lanes even = all(c[terms - 2]), odd = all(c[terms - 1]);
-    for (int j = terms - 4; j >= 0; j -= 2) {
-      even = fused(even, x2, all(c[j]));
-      odd = fused(odd, x2, all(c[j + 1]));
-    }
-    r = fused(odd, x, even);
-  }
-  if (any(~near)) {
-    const Lanes divisor = if_else(near, all(1.0), x);
-    Lanes far = (all(1.0) - e) / divisor;
-    for (int j = 1; j <= k; ++j) far = (all(j) * far - e) / divisor;
-    r = if_else(near, r, far);
-  }
-  return unless(is_nan(x) | is_nan(e), r);
+  return s;
 }
-inline Lanes exp_mean(Lanes x, Lanes order, Lanes e)
+constexpr ExpMeanSeries exp_mean_table = exp_mean_series();
+
+template <int I, int J> inline Lanes exp_mean_near(Lanes d)
 {
-  return by_number(order, 8.0, [&](double k) { return exp_mean_of_order(x, static_cast<int>(k), e); });
+  // Pairs of pairs (G. Estrin, 1960): the processor works on several at a time.
+  const double(&c)[exp_mean_terms] = exp_mean_table.c[I][J];
+  const Lanes d2 = d * d, d4 = d2 * d2, d8 = d4 * d4;
+  const auto four = [&](int m) {
+    return fused(d2, fused(d, all(c[m + 3]), all(c[m + 2])), fused(d, all(c[m + 1]), all(c[m])));
+  };
+  const Lanes low = fused(d4, four(4), four(0)), high = fused(d4, four(12), four(8));
+  return fused(d8, fused(d8, fused(d, all(c[17]), all(c[16])), high), low);
+}
+// By parts, w = 1 / (y - x).
+template <int I, int J> inline Lanes exp_mean_far(Lanes ex, Lanes ey, Lanes w)
+{
+  if constexpr (I == 0 && J == 0) return (ex - ey) * w;
+  Lanes sum = I == 0 ? -ey : J == 0 ? ex : Lanes{};
+  if constexpr (I > 0) sum = sum - all(I) * exp_mean_far<I - 1, J>(ex, ey, w);
+  if constexpr (J > 0) sum = sum + all(J) * exp_mean_far<I, J - 1>(ex, ey, w);
+  return sum * w;
+}
+template <int I, int J> inline Lanes exp_mean_of_order(Lanes x, Lanes y, Lanes ex, Lanes ey)
+{
+  const Lanes d = y - x;
+  const Mask near = magnitude(d) <= all(1.0);
+  Lanes r = exp_mean_far<I, J>(ex, ey, all(1.0) / if_else(near, all(1.0), d));
+  if (any(near)) r = if_else(near, ey * exp_mean_near<I, J>(d), r);
+  return r + (ex - ex); // a missing exponential shows
+}
+inline Lanes exp_mean(Lanes x, Lanes y, Lanes ex, Lanes ey, Lanes order)
+{
+  const auto value = [&](double number) __attribute__((always_inline))
+  {
+    switch (static_cast<int>(number)) {
+    // clang-format off
+    case 0: return exp_mean_of_order<0, 0>(x, y, ex, ey);
+    case 1: return exp_mean_of_order<0, 1>(x, y, ex, ey);
+    case 2: return exp_mean_of_order<0, 2>(x, y, ex, ey);
+    case 3: return exp_mean_of_order<0, 3>(x, y, ex, ey);
+    case 4: return exp_mean_of_order<0, 4>(x, y, ex, ey);
+    case 10: return exp_mean_of_order<1, 0>(x, y, ex, ey);
+    case 11: return exp_mean_of_order<1, 1>(x, y, ex, ey);
+    case 12: return exp_mean_of_order<1, 2>(x, y, ex, ey);
+    case 13: return exp_mean_of_order<1, 3>(x, y, ex, ey);
+    case 20: return exp_mean_of_order<2, 0>(x, y, ex, ey);
+    case 21: return exp_mean_of_order<2, 1>(x, y, ex, ey);
+    case 22: return exp_mean_of_order<2, 2>(x, y, ex, ey);
+    case 30: return exp_mean_of_order<3, 0>(x, y, ex, ey);
+    case 31: return exp_mean_of_order<3, 1>(x, y, ex, ey);
+    case 40: return exp_mean_of_order<4, 0>(x, y, ex, ey);
+    default: return missing_lanes();
+      // clang-format on
+    }
+  };
+  return by_number(order, 44.0, value);
 }
 
 // The roots of x**3 - a x**2 + b x - c, largest first: real, none negative. The one that stands alone comes first: the

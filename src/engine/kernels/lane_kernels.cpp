@@ -37,6 +37,13 @@ template <auto F> void ternary(double* out, const double* const* in, int n)
     for (int j = i; j < i + lane_padding; j += width) store(out + j, F(load(a + j), load(b + j), load(c + j)));
 }
 
+template <auto F> void quinary(double* out, const double* const* in, int n)
+{
+  const double *const a = in[0], *const b = in[1], *const c = in[2], *const d = in[3], *const e = in[4];
+  for (int i = 0; i < n; i += width)
+    store(out + i, F(load(a + i), load(b + i), load(c + i), load(d + i), load(e + i)));
+}
+
 constexpr int operands(Lanes (*)(Lanes))
 {
   return 1;
@@ -49,6 +56,10 @@ constexpr int operands(Lanes (*)(Lanes, Lanes, Lanes))
 {
   return 3;
 }
+constexpr int operands(Lanes (*)(Lanes, Lanes, Lanes, Lanes, Lanes))
+{
+  return 5;
+}
 constexpr int operands(KernelFn)
 {
   return 0; // a loop already
@@ -60,6 +71,7 @@ template <auto F> void set(KernelTable& table, Kernel k)
   if constexpr (operands(F) == 1) table.fn[at] = unary<F>;
   if constexpr (operands(F) == 2) table.fn[at] = binary<F>;
   if constexpr (operands(F) == 3) table.fn[at] = ternary<F>;
+  if constexpr (operands(F) == 5) table.fn[at] = quinary<F>;
   if constexpr (operands(F) == 0)
     table.fn[at] = F;
   else
@@ -183,6 +195,7 @@ KernelTable build_table(const char* isa)
   set<scalar::log_gamma_upper>(table, Kernel::log_gamma_upper);
   set<scalar::log_gamma_lower_by_shape>(table, Kernel::log_gamma_lower_by_shape);
   set<scalar::log_gamma_upper_by_shape>(table, Kernel::log_gamma_upper_by_shape);
+  set<scalar::gamma_log_density>(table, Kernel::gamma_log_density);
   set<scalar::gamma_quantile>(table, Kernel::gamma_quantile);
   set<scalar::gamma_upper_quantile>(table, Kernel::gamma_upper_quantile);
   set<scalar::beta_lower>(table, Kernel::beta_lower);
@@ -191,6 +204,7 @@ KernelTable build_table(const char* isa)
   set<scalar::log_beta_upper>(table, Kernel::log_beta_upper);
   set<scalar::log_beta_lower_by_shapes>(table, Kernel::log_beta_lower_by_shapes);
   set<scalar::log_beta_upper_by_shapes>(table, Kernel::log_beta_upper_by_shapes);
+  set<scalar::beta_log_density>(table, Kernel::beta_log_density);
   set<scalar::beta_quantile>(table, Kernel::beta_quantile);
   set<scalar::beta_quantile_complement>(table, Kernel::beta_quantile_complement);
   set<scalar::t_lower>(table, Kernel::t_lower);

@@ -88,6 +88,18 @@ void log_beta_lower(double* out, const double* const* in, int n) { beta_tail<&Ta
 void log_beta_upper(double* out, const double* const* in, int n) { beta_tail<&Tails::log_upper>(out, in, n); }
 // clang-format on
 
+void gamma_log_density(double* out, const double* const* in, int n)
+{
+  each_lane(out, n, [=](int i) { return probability::gamma_log_density(in[0][i], in[1][i]); });
+}
+void beta_log_density(double* out, const double* const* in, int n)
+{
+  each_lane(out, n, [=](int i) {
+    const double x = in[0][i], y = in[3][i];
+    return probability::beta_log_density(probability::beta_point_pair(x, y), in[1][i], in[2][i]);
+  });
+}
+
 void t_lower(double* out, const double* const* in, int n)
 {
   each_lane(out, n, [=](int i) { return t_at(in[0][i], in[1][i]).lower; });

@@ -11,6 +11,8 @@ void log_gamma_lower(double* out, const double* const* in, int n);
 void log_gamma_upper(double* out, const double* const* in, int n);
 void log_gamma_lower_by_shape(double* out, const double* const* in, int n);
 void log_gamma_upper_by_shape(double* out, const double* const* in, int n);
+void gamma_log_density(double* out, const double* const* in, int n);
+void beta_log_density(double* out, const double* const* in, int n);
 void gamma_quantile(double* out, const double* const* in, int n);
 void gamma_upper_quantile(double* out, const double* const* in, int n);
 void beta_lower(double* out, const double* const* in, int n);

@@ -2,8 +2,8 @@
 
 #include "probability/beta.h"
 #include "probability/gamma.h"
-#include "probability/log_gamma.h"
-#include "probability/polygamma.h"
+#include "probability/special/log_gamma.h"
+#include "probability/special/polygamma.h"
 #include "probability/student.h"
 
 #include <array>

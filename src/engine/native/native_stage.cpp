@@ -1,6 +1,6 @@
-#include "engine/native/native_stage.h"
+#include "engine/stages/native_stage.h"
 
-#include "engine/program.h"
+#include "engine/stages/program.h"
 
 #if defined(__x86_64__)
 #include "engine/native/kernel_code.h"

@@ -5,7 +5,7 @@
 // be given out by when a value is used next. Kernels answer true or false with 1 or 0; where another kernel asks for a
 // mask, the comparison's own result serves without a detour through numbers.
 
-#include "engine/program.h"
+#include "engine/stages/program.h"
 
 #include <vector>
 

@@ -2,8 +2,10 @@
 #include "language/generator/grammar.h"
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 
 namespace torvale::generator {
 
@@ -139,16 +141,115 @@ void write_options(std::ofstream& out, const Grammar& g)
 
 } // namespace
 
-// Routine numbers: those that the grammar fixes; the others count from 1 in order of appearance, past the fixed ones.
+namespace {
+
+// Unchanged text leaves the file alone, so that nothing is compiled anew.
+void write_if_different(const std::string& path, const std::string& text)
+{
+  std::ifstream before(path);
+  if (before && std::string(std::istreambuf_iterator<char>(before), {}) == text) return;
+  std::ofstream(path) << text;
+}
+
+// The name of an option in the sources: its first spelling that users may type in full.
+std::string option_name(const OptionRow& row)
+{
+  const auto typed =
+      std::find_if(row.words.begin(), row.words.end(), [](const std::string& w) { return w.back() != '$'; });
+  std::string name;
+  for (const char c : typed != row.words.end() ? *typed : row.words[0])
+    if (c != '$') name += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return name;
+}
+
+using Names = std::map<int, std::string>; // by number
+
+void add_option(const OptionRow& row, Names& slots, Names& flags)
+{
+  const std::string name = option_name(row);
+  for (std::size_t k = 0; k < row.values.size(); ++k)
+    slots.emplace(row.values[k].slot, k == 0 ? name : name + "_number");
+  if (!row.bracket.empty()) slots.emplace(row.bracket[0].slot, name + "_count");
+  if (row.flags.size() == 1) flags.emplace(row.flags[0], name); // several: they have options of their own
+}
+
+std::string enumeration(const std::string& name, const char* concept_name, const Names& names)
+{
+  if (names.empty()) return {};
+  std::string out = "enum class " + name + " : int {\n";
+  for (const auto& [number, word] : names) out += "  " + word + " = " + std::to_string(number) + ",\n";
+  return out + "};\ntemplate <> inline constexpr bool " + concept_name + "<" + name + "> = true;\n";
+}
+
+// The cost of inserting each symbol; the strings of nonterminals, with their offsets.
+struct InsertionTables {
+  std::vector<int> cost, offset, text;
+};
+
+InsertionTables insertion_tables(const Grammar& g)
+{
+  InsertionTables out;
+  const Insertions best = cheapest_insertions(g);
+  for (int s = 1; s <= g.symbols(); ++s) {
+    out.cost.push_back(std::min(best.cost[static_cast<std::size_t>(s)], never));
+    if (g.terminal(s)) continue;
+    out.offset.push_back(static_cast<int>(out.text.size()));
+    // A nonterminal that costs more than any repair may has no string.
+    const auto& text = best.text[static_cast<std::size_t>(s)];
+    if (out.cost.back() >= never) {
+      out.text.push_back(0);
+      continue;
+    }
+    out.text.push_back(static_cast<int>(text.size()));
+    out.text.insert(out.text.end(), text.begin(), text.end());
+  }
+  return out;
+}
+
+} // namespace
+
+void write_statement_names(const Grammar& g, const std::string& path)
+{
+  std::map<std::string, std::pair<Names, Names>> statements;
+  for (const Slot& s : g.slots) statements[s.statement].first.emplace(s.number, s.name);
+  for (const OptionRow& row : g.options) {
+    auto& [slots, flags] = statements[row.statement];
+    add_option(row, slots, flags);
+  }
+  std::string out = "#pragma once\n// Made from torvale.grammar: the slots and flags of each statement by name.\n"
+                    "#include \"syntax/records.h\"\n\nnamespace torvale::syntax {\n";
+  for (const auto& [statement, names] : statements) {
+    std::string prefix = statement;
+    for (char& c : prefix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    out += enumeration(prefix + "_slot", "names_slot", names.first);
+    out += enumeration(prefix + "_flag", "names_flag", names.second);
+  }
+  write_if_different(path, out + "}\n");
+}
+
+// Routine numbers: those that the grammar fixes; the others count from 100 in order of appearance.
 void write_actions(Grammar& g, const std::string& path)
 {
-  std::ofstream out(path);
-  out << "#pragma once\n// Made from torvale.grammar.\nnamespace torvale::language {\nenum class Action : int {\n";
+  std::string fixed;
+  for (const auto& [name, number] : g.routine_numbers)
+    fixed += (fixed.empty() ? "action == Action::" : " || action == Action::") + name;
   int next = 100;
   for (const SemanticAction& a : g.actions)
     if (!g.routine_numbers.count(a.routine)) g.routine_numbers[a.routine] = next++;
-  for (const auto& [name, number] : g.routine_numbers) out << "  " << name << " = " << number << ",\n";
-  out << "};\n}\n";
+  std::string list, names;
+  for (const auto& [name, number] : g.routine_numbers) {
+    list += "  " + name + " = " + std::to_string(number) + ",\n";
+    names += " X(" + name + ")";
+  }
+  write_if_different(path, "#pragma once\n// Made from torvale.grammar: the semantic actions.\n"
+                           "namespace torvale::language {\nenum class Action : int {\n" +
+                               list +
+                               "};\n// Those that the procedure carries out.\n"
+                               "constexpr bool for_procedure(Action action)\n{\n  return " +
+                               fixed +
+                               ";\n}\n}\n"
+                               "// All of them, for tables.\n#define TORVALE_ACTIONS(X)" +
+                               names + "\n");
 }
 
 void write_tables(const Grammar& g, const Tables& tables, const std::string& path)
@@ -156,8 +257,7 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
   Writer w(path);
   w.out_ << "// Made from torvale.grammar.\n#include \"language/grammar.h\"\n\nnamespace torvale::language "
             "{\nnamespace {\n";
-  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del, ins, insndx,
-      instbl;
+  std::vector<int> prdlst, prdndx, lhs, prslst, prsndx, actmap, argndx, argtbl, symndx, symmap, del;
   const int first_nonterminal = g.terminals + 1;
   for (const Production& p : g.productions) {
     prdndx.push_back(static_cast<int>(prdlst.size()));
@@ -190,20 +290,7 @@ void write_tables(const Grammar& g, const Tables& tables, const std::string& pat
     spellings += name;
     del.push_back(delete_cost(name, t <= g.classes));
   }
-  const Insertions best = cheapest_insertions(g);
-  for (int s = 1; s <= g.symbols(); ++s) {
-    ins.push_back(std::min(best.cost[static_cast<std::size_t>(s)], never));
-    if (g.terminal(s)) continue;
-    insndx.push_back(static_cast<int>(instbl.size()));
-    // A nonterminal that costs more than any repair may has no string.
-    const auto& text = best.text[static_cast<std::size_t>(s)];
-    if (ins.back() >= never) {
-      instbl.push_back(0);
-      continue;
-    }
-    instbl.push_back(static_cast<int>(text.size()));
-    instbl.insert(instbl.end(), text.begin(), text.end());
-  }
+  const auto [ins, insndx, instbl] = insertion_tables(g);
   w.array("std::int16_t", "prdlst", prdlst);
   w.array("std::int16_t", "prdndx", prdndx);
   w.array("std::int16_t", "lhstbl", lhs);

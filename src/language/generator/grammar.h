@@ -42,6 +42,12 @@ struct OptionRow {
   std::string initial, meaning; // what holds without the option; what it does
 };
 
+// A slot that a statement fills itself.
+struct Slot {
+  std::string statement, name;
+  int number = 0;
+};
+
 struct Grammar {
   // Symbols: 1..classes are token classes, then keywords in ASCII order, the end mark $$$ last; then nonterminals.
   std::vector<std::string> names; // by symbol number; [0] unused
@@ -53,6 +59,7 @@ struct Grammar {
   std::map<std::string, int> routine_numbers;
   std::vector<char> prefer_shift; // by symbol
   std::vector<OptionRow> options;
+  std::vector<Slot> slots; // of the statements themselves: %slots
 
   int symbols() const { return static_cast<int>(names.size()) - 1; }
   bool terminal(int s) const { return s <= terminals; }
@@ -72,6 +79,8 @@ Tables make_tables(const Grammar& grammar);
 
 // Gives the remaining actions their numbers and writes them as an enumeration.
 void write_actions(Grammar& grammar, const std::string& path);
+// Writes one enumeration per statement for its slots and one for its flags.
+void write_statement_names(const Grammar& grammar, const std::string& path);
 // Writes PARSECONTROL's tables and the option rows.
 void write_tables(const Grammar& grammar, const Tables& tables, const std::string& path);
 

@@ -1,4 +1,4 @@
-// make_grammar_tables GRAMMAR ACTIONS.h TABLES.cpp: the build step that turns the grammar into the parser's tables.
+// make_grammar_tables GRAMMAR ACTIONS.h NAMES.h TABLES.cpp: the build step that turns the grammar into the parser's tables and the names of slots and flags.
 // Every conflict that the grammar does not settle is an error.
 #include "language/generator/grammar.h"
 
@@ -7,8 +7,8 @@
 int main(int argc, char** argv)
 {
   using namespace torvale::generator;
-  if (argc != 4) {
-    std::cerr << "usage: make_grammar_tables GRAMMAR ACTIONS.h TABLES.cpp\n";
+  if (argc != 5) {
+    std::cerr << "usage: make_grammar_tables GRAMMAR ACTIONS.h NAMES.h TABLES.cpp\n";
     return 2;
   }
   Grammar grammar = read_grammar(argv[1]);
@@ -21,6 +21,7 @@ int main(int argc, char** argv)
   // Entries are 16 bits wide.
   if (tables.rows.size() > 32767 || grammar.productions.size() > 32767) return 1;
   write_actions(grammar, argv[2]);
-  write_tables(grammar, tables, argv[3]);
+  write_statement_names(grammar, argv[3]);
+  write_tables(grammar, tables, argv[4]);
   return 0;
 }

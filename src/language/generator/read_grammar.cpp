@@ -283,6 +283,13 @@ private:
     else if (w.text == "%action") {
       const std::string name = take().text;
       grammar_.routine_numbers[name] = std::stoi(take().text);
+    } else if (w.text == "%slots") {
+      const std::string statement = take().text;
+      while (now().kind == Word::name && now().line == w.line && now().text[0] != '%') {
+        const std::string name = take().text;
+        if (now().kind != Word::number) fail(w.line, "%slots STATEMENT name number ...");
+        grammar_.slots.push_back({statement, name, std::stoi(take().text)});
+      }
     } else
       fail(w.line, "unknown directive " + w.text);
   }

@@ -27,7 +27,7 @@ const Case cases[] = {
     {"SQRT", nullptr, {{2.0}}},
     {"EXP", nullptr, {{0.7}}},
     {"EXPM1", nullptr, {{1e-3}}},
-    {"EXPMEAN", nullptr, {{-3.0}, {1e-4}, {0.9}, {4.0}}},
+    {"EXPMEAN", nullptr, {{-3.0, 0.4}, {1e-4, 0.0}, {0.9, 0.8}, {4.0, 9.0}}},
     {"LOG", nullptr, {{0.3}}},
     {"LOG1P", nullptr, {{0.3}}},
     {"LOG2", nullptr, {{3.0}}},

@@ -123,37 +123,101 @@ TEST(Distributions, OutsideTheSupportTheDensityIsZeroWithoutAFault)
   EXPECT_EQ(ask(DistributionQuestion::pdf, "binomial", {0, 4, 0}), 1.0);
 }
 
+constexpr DistributionQuestion questions[] = {
+    DistributionQuestion::pdf, DistributionQuestion::logpdf, DistributionQuestion::cdf,     DistributionQuestion::logcdf,
+    DistributionQuestion::sdf, DistributionQuestion::logsdf, DistributionQuestion::quantile};
+
+std::vector<double> good_parameters(const Distribution& d)
+{
+  std::vector<double> v(static_cast<std::size_t>(d.most), 0.5);
+  if (d.name == "UNIFORM") v[1] = 0.75;
+  if (d.name == "BINOMIAL") v[0] = 2.0;
+  return v;
+}
+
+std::vector<double> wrong_values(Domain domain)
+{
+  switch (domain) {
+  case Domain::positive:
+    return {host::missing, 0.0, -1.0};
+  case Domain::nonnegative:
+    return {host::missing, -1.0};
+  case Domain::probability:
+    return {host::missing, -0.1, 1.1};
+  case Domain::above_the_one_before:
+    return {host::missing, 0.5, -3.0};
+  case Domain::any:
+    break;
+  }
+  return {host::missing};
+}
+
+// Wherever x lies: beyond the ends of the support, at them, inside.
 TEST(Distributions, MissingValuesAndWrongParametersGiveMissing)
 {
-  for (const Distribution& d : distributions()) {
-    std::vector<double> arguments(static_cast<std::size_t>(d.most) + 1, 0.5);
-    if (d.name == "UNIFORM") arguments[2] = 0.75;
-    const bool discrete = d.support.find("whole") != d.support.npos || d.support.find("failures") != d.support.npos ||
-                          d.name == "BERNOULLI";
-    if (d.name == "BINOMIAL") arguments[1] = 2.0;
-    for (std::size_t k = 0; k < arguments.size(); ++k) {
-      std::vector<double> with_gap = arguments;
-      with_gap[k] = host::missing;
-      for (const auto q : {DistributionQuestion::pdf, DistributionQuestion::logpdf, DistributionQuestion::cdf,
-                           DistributionQuestion::logcdf, DistributionQuestion::sdf, DistributionQuestion::logsdf,
-                           DistributionQuestion::quantile}) {
-        if (discrete && k > 0) with_gap[0] = q == DistributionQuestion::quantile ? 0.5 : 1.0;
-        const bool at_top =
-            d.name == "BERNOULLI" && q != DistributionQuestion::pdf && q != DistributionQuestion::logpdf; // F(1) is 1
-        if (at_top && k > 0) with_gap[0] = q == DistributionQuestion::quantile ? 0.5 : 0.0;
-        const bool unused = d.name == "UNIFORM" && k > 0; // one bound may decide alone
-        if (!unused) {
-          EXPECT_TRUE(std::isnan(ask(q, std::string(d.name), with_gap)))
-              << d.name << " operand " << k << " question " << static_cast<int>(q);
-        }
-      }
+  for (const Distribution& d : distributions())
+    for (const auto q : questions) {
+      std::vector<double> arguments = good_parameters(d);
+      arguments.insert(arguments.begin(), host::missing);
+      EXPECT_TRUE(std::isnan(ask(q, std::string(d.name), arguments))) << d.name << " " << static_cast<int>(q);
+      for (std::size_t k = 1; k < arguments.size(); ++k)
+        for (const double wrong : wrong_values(d.domain[k - 1]))
+          for (const double x : {-infinity, -1.0, 0.0, 0.5, 1.0, 2.0, 1e9, infinity}) {
+            std::vector<double> changed = arguments;
+            changed[0] = x;
+            changed[k] = wrong;
+            EXPECT_TRUE(std::isnan(ask(q, std::string(d.name), changed)))
+                << d.name << " operand " << k << " = " << wrong << ", x = " << x << ", question " << static_cast<int>(q);
+          }
     }
-  }
-  EXPECT_TRUE(std::isnan(ask(DistributionQuestion::cdf, "normal", {0, 0, -1})));
-  EXPECT_TRUE(std::isnan(ask(DistributionQuestion::pdf, "gamma", {1, -2, 1})));
-  EXPECT_TRUE(std::isnan(ask(DistributionQuestion::pdf, "poisson", {1, -2})));
-  EXPECT_TRUE(std::isnan(ask(DistributionQuestion::cdf, "binomial", {1, 3, 1.5})));
   EXPECT_TRUE(std::isnan(ask(DistributionQuestion::quantile, "normal", {1.0, 0, 1})));
+}
+
+TEST(Distributions, InfiniteValuesGiveTheLimits)
+{
+  for (const Distribution& d : distributions())
+    for (const double x : {-infinity, infinity}) {
+      std::vector<double> arguments = good_parameters(d);
+      if (d.name == "F" || d.name == "WEIBULL" || d.name == "GAMMA") arguments[0] = 3.0; // powers of x on their way
+      arguments.insert(arguments.begin(), x);
+      const std::string name(d.name);
+      const double lower = x < 0 ? 0.0 : 1.0;
+      EXPECT_EQ(ask(DistributionQuestion::pdf, name, arguments), 0.0) << name << " " << x;
+      EXPECT_EQ(ask(DistributionQuestion::logpdf, name, arguments), -infinity) << name << " " << x;
+      EXPECT_EQ(ask(DistributionQuestion::cdf, name, arguments), lower) << name << " " << x;
+      EXPECT_EQ(ask(DistributionQuestion::sdf, name, arguments), 1.0 - lower) << name << " " << x;
+      EXPECT_EQ(ask(DistributionQuestion::logcdf, name, arguments), std::log(lower)) << name << " " << x;
+      EXPECT_EQ(ask(DistributionQuestion::logsdf, name, arguments), std::log(1.0 - lower)) << name << " " << x;
+    }
+}
+
+// Truth: 60 digits.
+TEST(Distributions, LogDensitiesKeepTheirDigitsForLargeParameters)
+{
+  const struct {
+    const char* name;
+    std::vector<double> arguments;
+    double truth;
+  } cases[] = {
+      {"gamma", {10000100000.0, 10000000000.0, 1}, -12.931870664824901},
+      {"gamma", {3000000000000.0, 1000000000000.0, 3}, -15.83306137983714},
+      {"gamma", {2.5, 1000, 0.0025}, 1.6185650410816852},
+      {"gamma", {0.001, 0.3, 2}, 3.5311865463014369},
+      {"chisquare", {2000100000.0, 2000000000.0}, -13.223726965966969},
+      {"beta", {0.30001, 3000000000.0, 7000000000.0}, 8.9933696112703818},
+      {"beta", {1e-09, 2.5, 1000000000.0}, 19.438582968848492},
+      {"beta", {0.5, 1000000000000.0, 1000000000000.0}, 13.936292795599394},
+      {"f", {1.00002, 2000000000.0, 3000000000.0}, 9.0672638134436322},
+      {"poisson", {10000100000, 10000000000.0}, -12.931867331499901},
+      {"poisson", {0, 2.5}, -2.5},
+      {"binomial", {300010000, 1000000000.0, 0.3}, -10.738350827753022},
+      {"binomial", {3, 10, 0.25}, -1.3851658477400924},
+      {"negbinomial", {1000010000, 1000000000.0, 0.5}, -11.65215241705233},
+      {"negbinomial", {4, 0.7, 0.2}, -2.7216966745247548},
+  };
+  for (const auto& c : cases)
+    EXPECT_NEAR(ask(DistributionQuestion::logpdf, c.name, c.arguments), c.truth, 1e-11)
+        << c.name << " at " << c.arguments[0];
 }
 
 TEST(Distributions, MistakesAreNamed)

@@ -36,21 +36,24 @@ TEST(CompartmentKernels, MeansOfExponentialsKeepTheirDigits)
   for (const KernelTable* const build : builds())
     for (int trial = 0; trial < 4000; ++trial) {
       const double x = (side(random) < 0.7 ? 1 : -1) * std::pow(10.0, exponent(random));
-      long double mean = x == 0 ? 1.0L : -std::expm1(-static_cast<long double>(x)) / x;
-      const double e = run_one(*build, Kernel::exp, {-x});
-      EXPECT_LE(units_off(run_one(*build, Kernel::exp_mean, {x, 0.0, e}), mean), 5) << build->isa << " " << x;
-      // By Simpson's rule the moments too.
-      if (trial % 200 != 0 || std::fabs(x) > 20) continue;
-      for (int order = 1; order <= 4; ++order) {
+      const double y = trial % 2 == 0 ? 0.0 : std::pow(10.0, exponent(random));
+      const long double d = static_cast<long double>(y) - x;
+      const long double mean = std::exp(-static_cast<long double>(x)) * (d == 0 ? 1.0L : -std::expm1(-d) / d);
+      const double ex = run_one(*build, Kernel::exp, {-x}), ey = run_one(*build, Kernel::exp, {-y});
+      const auto got = [&](double order) { return run_one(*build, Kernel::exp_mean, {x, y, ex, ey, order}); };
+      // The rounding of x - y is relative to them, as that of the exponentials is.
+      EXPECT_LE(std::fabs(got(0.0) - mean), 1e-15L * mean * (1 + std::fabs(x) / 100)) << build->isa << " " << x << " " << y;
+      if (trial % 200 > 1 || std::fabs(d) > 20) continue;
+      for (const int order : {10, 1, 20, 11, 2, 30, 3, 22}) { // the moments, by Simpson's rule
         constexpr int steps = 2000;
         long double sum = 0.0L;
         for (int k = 0; k <= steps; ++k) {
           const long double u = static_cast<long double>(k) / steps;
-          sum += (k == 0 || k == steps ? 1 : k % 2 == 1 ? 4 : 2) * std::pow(u, order) * std::exp(-u * x);
+          sum += (k == 0 || k == steps ? 1 : k % 2 == 1 ? 4 : 2) * std::pow(u, order / 10) *
+                 std::pow(1 - u, order % 10) * std::exp(-(u * x + (1 - u) * y));
         }
         sum /= 3.0L * steps;
-        const double got = run_one(*build, Kernel::exp_mean, {x, static_cast<double>(order), e});
-        EXPECT_LE(std::fabs(got - sum), 1e-9L * sum) << build->isa << " " << x << " " << order;
+        EXPECT_LE(std::fabs(got(order) - sum), 1e-9L * sum) << build->isa << " " << x << " " << y << " " << order;
       }
     }
 }

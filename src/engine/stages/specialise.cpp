@@ -1,0 +1,99 @@
+// cmpspec: a program for a set of outputs. The lane stage asks for what it needs of the other stages, these ask in
+// turn; each is then put into steps (stage_emitter).
+
+#include "engine/stages/stage_emitter.h"
+
+#include <algorithm>
+#include <set>
+
+namespace torvale::engine {
+
+namespace {
+
+// Nodes behind the outputs, and how many there would be if nothing were shared.
+void measure(const GraphBuilder& graph, const std::vector<NodeId>& outputs, Program& program)
+{
+  std::vector<double> tree(static_cast<std::size_t>(graph.size()), 0.0);
+  std::set<NodeId> reached;
+  std::vector<NodeId> open(outputs.begin(), outputs.end());
+  while (!open.empty()) {
+    const NodeId id = open.back();
+    open.pop_back();
+    if (!reached.insert(id).second) continue;
+    const Node& n = graph.node(id);
+    for (int k = 0; k < n.operands; ++k) open.push_back(n.operand[static_cast<std::size_t>(k)]);
+    if (n.kind == NodeKind::result) open.push_back(graph.carry_at(n.index).next);
+  }
+  for (const NodeId id : reached) {
+    const Node& n = graph.node(id);
+    double sum = 1.0;
+    for (int k = 0; k < n.operands; ++k) sum += tree[static_cast<std::size_t>(n.operand[static_cast<std::size_t>(k)])];
+    tree[static_cast<std::size_t>(id)] = std::min(sum, 1e15);
+  }
+  double total = 0.0;
+  for (const NodeId id : outputs) total += tree[static_cast<std::size_t>(id)];
+  program.nodes = static_cast<int>(reached.size());
+  program.nodes_before = static_cast<std::int64_t>(std::min(total, 2e9));
+}
+
+} // namespace
+
+const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
+{
+  gcmp.translate();
+  auto owned = std::make_unique<Program>();
+  Program& program = *owned;
+  program.number = static_cast<int>(gcmp.programs.size());
+  std::vector<NodeId> nodes;
+  for (const CMPSYM* const s : outputs) {
+    const NodeId id = s == nullptr ? gcmp.graph.zero() : gcmp.node_of(*s);
+    const auto place = std::find(nodes.begin(), nodes.end(), id);
+    program.output_place.push_back(static_cast<std::int32_t>(place - nodes.begin()));
+    if (place == nodes.end()) nodes.push_back(id);
+    const std::uint8_t classes = gcmp.dependence.classes(id);
+    program.point_dependent.push_back((classes & depends::on_random_effects) != 0);
+  }
+  program.outputs = static_cast<int>(nodes.size());
+  measure(gcmp.graph, nodes, program);
+  for (std::size_t k = 0; k < gcmp.effects.size(); ++k) {
+    const Effect& e = gcmp.effects[k];
+    if (!e.fatal() || gcmp.graph.is_constant(e.guard, 0.0)) continue;
+    program.traps.push_back(static_cast<std::int32_t>(k));
+    nodes.push_back(e.guard);
+  }
+  program.code(Stage::lane).results = nodes;
+  program.code(Stage::lane).outputs = program.outputs;
+  Specialiser all(gcmp, program);
+  for (const Stage s : {Stage::lane, Stage::point, Stage::observation}) emit_stage(all, s);
+  program.computed_columns = static_cast<int>(program.code(Stage::data).results.size());
+  emit_stage(all, Stage::data);
+  emit_stage(all, Stage::parameter);
+  gcmp.programs.push_back(std::move(owned));
+  return gcmp.programs.back().get();
+}
+
+bool sequential(const Program& program)
+{
+  return program.sequential();
+}
+
+bool varies_by_point(const Program& program, int output)
+{
+  return program.point_dependent[static_cast<std::size_t>(output)];
+}
+
+ProgramSize program_size(const Program& program)
+{
+  ProgramSize size;
+  size.nodes_before = static_cast<int>(program.nodes_before);
+  size.nodes = program.nodes;
+  size.parameter = program.code(Stage::parameter).operations;
+  size.data = program.code(Stage::data).operations;
+  size.observation = program.code(Stage::observation).operations;
+  size.point = program.code(Stage::point).operations;
+  size.lane = program.code(Stage::lane).operations;
+  size.registers = program.code(Stage::lane).registers;
+  return size;
+}
+
+} // namespace torvale::engine

@@ -1,0 +1,161 @@
+// Functions of texts: one table of those that give a text, one of those that give a number.
+
+#include "engine/translation/translate.h"
+
+#include "engine/functions/names.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::engine {
+
+using namespace syntax;
+
+namespace {
+
+struct TextRow {
+  std::string_view name;
+  TextOp op;
+  int texts_least, texts_most; // leading text arguments
+  int numbers_least, numbers_most;
+};
+
+constexpr TextRow text_rows[] = {
+    {"SUBSTR", TextOp::substring, 1, 1, 1, 2},    {"SUBSTRN", TextOp::substring, 1, 1, 1, 2},
+    {"UPCASE", TextOp::upper, 1, 1, 0, 0},        {"LOWCASE", TextOp::lower, 1, 1, 0, 0},
+    {"PROPCASE", TextOp::proper, 1, 1, 0, 0},     {"TRIM", TextOp::trim, 1, 1, 0, 0},
+    {"TRIMN", TextOp::trim, 1, 1, 0, 0},          {"LEFT", TextOp::left, 1, 1, 0, 0},
+    {"STRIP", TextOp::strip, 1, 1, 0, 0},         {"REVERSE", TextOp::reverse, 1, 1, 0, 0},
+    {"COMPRESS", TextOp::compress, 1, 2, 0, 0},   {"TRANWRD", TextOp::replace, 3, 3, 0, 0},
+    {"TRANSLATE", TextOp::translate, 3, 3, 0, 0}, {"REPEAT", TextOp::repeat, 1, 1, 1, 1},
+};
+
+struct QuestionRow {
+  std::string_view name;
+  TextQuestion question;
+  int texts_least, texts_most;
+};
+
+constexpr QuestionRow question_rows[] = {
+    {"LENGTH", TextQuestion::length, 1, 1},    {"LENGTHN", TextQuestion::length_zero, 1, 1},
+    {"INDEX", TextQuestion::index, 2, 2},      {"FIND", TextQuestion::index, 2, 2},
+    {"INDEXC", TextQuestion::index_any, 2, 2}, {"VERIFY", TextQuestion::verify, 2, 2},
+    {"COUNT", TextQuestion::count, 2, 2},      {"COUNTW", TextQuestion::words, 1, 2},
+    {"RANK", TextQuestion::rank, 1, 1},
+};
+
+} // namespace
+
+std::optional<Value> Translator::text_function(const Expr& e)
+{
+  const std::string name = upper(e.name);
+  const int count = static_cast<int>(e.args.size());
+  const auto wrong = [&](const std::string& takes) {
+    return Value{fail(message::wrong_arguments, e.where, name + " takes " + takes + "."), no_text};
+  };
+  for (const TextRow& row : text_rows) {
+    if (row.name != name) continue;
+    const int texts = std::min(count, row.texts_most);
+    if (count < row.texts_least + row.numbers_least || count > row.texts_most + row.numbers_most)
+      return wrong(std::to_string(row.texts_least + row.numbers_least) + " to " +
+                   std::to_string(row.texts_most + row.numbers_most) + " arguments");
+    TextNode n;
+    n.op = row.op;
+    TextId* const sides[] = {&n.a, &n.b, &n.c};
+    for (int k = 0; k < texts; ++k) *sides[k] = text_of(*e.args[static_cast<std::size_t>(k)]);
+    if (count > texts) n.number = number_of(*e.args[static_cast<std::size_t>(texts)]);
+    if (count > texts + 1) n.number2 = number_of(*e.args[static_cast<std::size_t>(texts) + 1]);
+    n.length = row.op == TextOp::repeat || row.op == TextOp::replace ? 200 : text_.length(n.a);
+    if (row.op == TextOp::substring && n.number2 != no_node && graph_.is_constant(n.number2) &&
+        graph_.value(n.number2) >= 1.0)
+      n.length = std::min(n.length, static_cast<std::int32_t>(std::fmin(graph_.value(n.number2), 32767.0)));
+    return Value{no_node, text_.make(std::move(n))};
+  }
+  for (const QuestionRow& row : question_rows) {
+    if (row.name != name) continue;
+    if (count < row.texts_least || count > row.texts_most)
+      return wrong(std::to_string(row.texts_least) + " to " + std::to_string(row.texts_most) + " texts");
+    const TextId a = text_of(*e.args[0]);
+    const TextId b = count > 1 ? text_of(*e.args[1]) : no_text;
+    std::string error;
+    const NodeId n = text_.ask(row.question, a, b, false, &error);
+    return Value{n == no_node ? fail(message::unsupported, e.where, error) : n, no_text};
+  }
+  if (name == "SCAN") {
+    if (count < 2 || count > 3) return wrong("a text, the number of a word and, if wanted, separators");
+    TextNode n;
+    n.op = TextOp::word;
+    n.a = text_of(*e.args[0]);
+    n.number = number_of(*e.args[1]);
+    n.b = text_.constant(" .<(+&!$*);^-/,%|");
+    if (count == 3) n.b = text_of(*e.args[2]);
+    n.length = text_.length(n.a);
+    return Value{no_node, text_.make(std::move(n))};
+  }
+  if (name == "CAT" || name == "CATS" || name == "CATT" || name == "CATX") {
+    const std::vector<Value> all = arguments(e);
+    const bool separated = name == "CATX";
+    if (all.size() < (separated ? 2u : 1u)) return wrong("at least one text");
+    const auto part = [&](const Value& v) {
+      const TextId t = as_text(v, e.where);
+      if (name == "CAT") return t;
+      TextNode n;
+      n.op = name == "CATT" ? TextOp::trim : TextOp::strip;
+      n.a = t;
+      n.length = text_.length(t);
+      return text_.make(std::move(n));
+    };
+    TextId joined = part(all[separated ? 1 : 0]);
+    const auto append = [&](TextId t) {
+      TextNode n;
+      n.op = TextOp::concatenate;
+      n.a = joined;
+      n.b = t;
+      n.length = text_.length(joined) + text_.length(t);
+      joined = text_.make(std::move(n));
+    };
+    for (std::size_t k = separated ? 2 : 1; k < all.size(); ++k) {
+      if (separated) append(as_text(all[0], e.where));
+      append(part(all[k]));
+    }
+    return Value{no_node, joined};
+  }
+  if (name == "PUT") {
+    if (count < 1 || count > 2) return wrong("a number and a format");
+    const Value v = value_of(*e.args[0]);
+    if (v.is_text()) return v;
+    TextNode n;
+    n.op = TextOp::put;
+    n.number = v.number;
+    n.length = 32;
+    if (count == 2) {
+      const Expr& format = *e.args[1]; // 8.2 scans as a number where no format is expected
+      n.characters = format.kind == ExprKind::text || format.kind == ExprKind::variable ? std::string(format.name)
+                                                                                        : to_text(format);
+    }
+    return Value{no_node, text_.make(std::move(n))};
+  }
+  if (name == "INPUT") {
+    if (count < 1 || count > 2) return wrong("a text and a format");
+    std::string error;
+    const NodeId n = text_.ask(TextQuestion::to_number, text_of(*e.args[0]), no_text, false, &error);
+    return Value{n == no_node ? fail(message::unsupported, e.where, error) : n, no_text};
+  }
+  // MISSING of a text: blank.
+  if ((name == "MISSING" || name == "COALESCEC") && count >= 1) {
+    const Value v = value_of(*e.args[0]);
+    if (name == "MISSING" && !v.is_text()) return std::nullopt;
+    std::string error;
+    const auto blank = [&](TextId t) { return text_.ask(TextQuestion::equal, t, text_.constant(""), false, &error); };
+    if (name == "MISSING") return Value{blank(v.text), no_text};
+    Value chosen{no_node, as_text(value_of(*e.args[static_cast<std::size_t>(count) - 1]), e.where)};
+    for (std::size_t k = static_cast<std::size_t>(count) - 1; k-- > 0;) {
+      const Value t{no_node, as_text(value_of(*e.args[k]), e.where)};
+      chosen = choose(blank(t.text), chosen, t);
+    }
+    return chosen;
+  }
+  return std::nullopt;
+}
+
+} // namespace torvale::engine

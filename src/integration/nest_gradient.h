@@ -1,0 +1,12 @@
+#pragma once
+
+#include "model/run_record.h"
+
+namespace torvale::integration {
+
+// nest_gradients: the derivatives by the parameters of the value of every good nest of ctx.nests, into its gradient.
+// Needs the sums of nest_points.h with gradient, and the weights that close_levels leaves. Returns 0 or the engine's
+// code above 2.
+int nest_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
+
+} // namespace torvale::integration

@@ -1,0 +1,27 @@
+#pragma once
+// The joint mode of a nest: of an outermost subject's random effects and of those of all subjects nested in it.
+
+#include "model/run_record.h"
+
+namespace torvale::modes {
+
+// nest_search: finds, for every nest of ctx.nests without a failure, the minimum of the negative log joint density by
+// Newton steps with exact second derivatives; the nests of a batch in lockstep. Cost is linear in the nodes. Start,
+// safeguard, retry from the mean and the end are those of tvlebes, with fixed options; with EBITER$ the levels take
+// turns (tvlebesm), with the options of one level, until the modes stand still to EBMTOL$.
+//
+// Fills, in the levels of ctx.nests, z, u, inverse, regression and logdet; leaf (sums over records at the mode). A nest
+// that fails gets message 358 (359 with a character subject). Needs the priors; the frame's records must be the
+// batch's. Returns 0 or the engine's code above 2. Allocates nothing.
+int nest_search(const model::NX& n, model::TVLThreadCtx& ctx);
+
+// run_leaves: sums a program over the records of the slots in w.columns (count of them) at their effects u, in runs
+// that the record sums can take; b.column says which column of `sums` (rows `stride` apart) a slot has. Returns 0 or
+// the engine's code.
+int run_leaves(const model::NX& n, model::TVLThreadCtx& ctx, const model::ModelProgram& program, int count,
+               double* sums, long stride);
+
+// place_effects: u = m + L z of the nodes of a nest.
+void place_effects(model::NestWork& w, int nest);
+
+} // namespace torvale::modes

@@ -1,0 +1,111 @@
+#include "solve/start_report.h"
+
+#include "evaluation/program_faults.h"
+#include "host/message_names.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::solve {
+
+using model::NX;
+
+namespace {
+
+// What stands under one heading: the records of a subject, or one record.
+struct Worst {
+  double loglik = 0.0;        // sum over the records that have one
+  long records = 0, bad = 0;  // used ones; of them impossible, or without a value
+  std::int64_t first_bad = -1; // store row
+};
+
+bool is_bad(double ll)
+{
+  return !(ll > model::impossible_loglik);
+}
+
+// The log likelihood of every used record, one tile after the other; missing for the others.
+std::vector<double> record_logliks(const NX& n, engine::Frame& frame)
+{
+  std::vector<double> result(static_cast<std::size_t>(n.store->nobs), host::missing);
+  for (std::int64_t first = 0; first < n.store->nobs; first += engine::max_lanes) {
+    engine::Tile tile;
+    tile.lanes = static_cast<int>(std::min<std::int64_t>(engine::max_lanes, n.store->nobs - first));
+    frame.set_range(first, tile.lanes);
+    if (frame.run(*n.programs.value.code, tile) > 2) return {};
+    std::copy_n(frame.output(0), tile.lanes, result.begin() + first);
+  }
+  return result;
+}
+
+std::vector<Worst> by_subject(const NX& n, const std::vector<double>& loglik)
+{
+  std::vector<Worst> all;
+  const auto add = [&](std::int64_t first, std::int64_t count) {
+    Worst w;
+    for (std::int64_t row = first; row < first + count; ++row) {
+      const auto r = static_cast<std::size_t>(row);
+      if (n.store->badobs[r] != model::BadCause::none) continue;
+      ++w.records;
+      if (!is_bad(loglik[r])) {
+        w.loglik += loglik[r];
+        continue;
+      }
+      if (w.bad++ == 0) w.first_bad = row;
+    }
+    if (w.bad > 0) all.push_back(w);
+  };
+  if (n.nreff() == 0)
+    for (std::int64_t row = 0; row < n.store->nobs; ++row) add(row, 1);
+  else
+    for (const auto& s : n.outer().SubInfo) add(s.first_row, s.SubCount);
+  return all;
+}
+
+void tell(NX& n, engine::Frame& frame, const Worst& w)
+{
+  host::MessagePlace place = evaluation::place_of(n, w.first_bad);
+  message::start_fails_at_subject words{.observation = evaluation::observation_number(n, w.first_bad)};
+  if (n.nreff() > 0) {
+    words.bad = w.bad;
+    words.records = w.records;
+  }
+  std::vector<engine::Fault> faults;
+  int nerror = 0, nmissgen = 0;
+  frame.set_range(w.first_bad, 1);
+  frame.run_checked(*n.programs.value.code, w.first_bad, 0, faults, nerror, nmissgen);
+  if (!faults.empty()) {
+    evaluation::words_of(n, faults.front()).add_to(words, place);
+  } else if (n.depsym != nullptr && n.depsym->dsvarno > 0) {
+    const auto& column = n.fid->columns()[static_cast<std::size_t>(n.depsym->dsvarno - 1)];
+    const auto row = n.rows.begin + static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(w.first_bad)]);
+    words.response = n.depname + " = " + column.shown(row);
+  }
+  n.host->log().xpmlog(words, place);
+}
+
+} // namespace
+
+int report_worst_subjects(NX& n)
+{
+  constexpr std::size_t told = 3;
+  const engine::Program& program = *n.programs.value.code;
+  if (engine::sequential(program)) return 0;
+  engine::Frame frame(*n.gcmp, n.bound);
+  frame.set_parameters(n.parm.data());
+  std::size_t effects = 1;
+  for (const auto& r : n.reff) effects += static_cast<std::size_t>(r.nr);
+  const std::vector<double> zero(effects, 0.0);
+  frame.set_points(zero.data(), 1, 1);
+  const std::vector<double> loglik = record_logliks(n, frame);
+  if (loglik.empty()) return 0;
+  std::vector<Worst> all = by_subject(n, loglik);
+  const auto end = all.begin() + static_cast<std::ptrdiff_t>(std::min(told, all.size()));
+  std::partial_sort(all.begin(), end, all.end(), [](const Worst& a, const Worst& b) {
+    return a.bad != b.bad ? a.bad > b.bad : a.loglik != b.loglik ? a.loglik < b.loglik : a.first_bad < b.first_bad;
+  });
+  std::for_each(all.begin(), end, [&](const Worst& w) { tell(n, frame, w); });
+  return static_cast<int>(end - all.begin());
+}
+
+} // namespace torvale::solve

@@ -1,0 +1,152 @@
+// When a fit has converged: what is claimed at exit code 0 is a minimum, whatever the start, the technique and the
+// units; and what is none is named.
+
+#include "system/session.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace torvale::tests {
+
+namespace {
+
+const std::string intercepts =
+    "MODEL reaction ~ NORMAL(b0 + b1*days + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject; RUN;";
+
+double minus2(const Run& run)
+{
+  return run.table("FitStatistics") != nullptr ? run.column("FitStatistics", "Value")[0] : std::nan("");
+}
+
+Run fit_data(const std::string& csv, const std::string& program)
+{
+  const TemporaryFile file("convergence.csv", csv);
+  return run_text("TORVALE DATA='" + file.path() + "' " + program);
+}
+
+} // namespace
+
+TEST(Convergence, StartsAtZeroVarianceAndFarAway)
+{
+  const double answer = 1794.07863;
+  for (const std::string technique :
+       {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NRRIDG", "TECHNIQUE=CONGRA", "TECHNIQUE=NMSIMP"})
+    for (const std::string bounds : {"", "BOUNDS s2u >= 0, s2 > 0;", "BOUNDS s2u > 0, s2 > 0;"})
+      for (const std::string start : {"b0=0 b1=0 s2u=1 s2=1", "b0=0 b1=0 s2u=100 s2=1", "b0=300 b1=0 s2u=1000 s2=1",
+                                      "b0=250 b1=10 s2u=0.001 s2=1000"}) {
+        const auto run =
+            run_text("TORVALE DATA=sleepstudy " + technique + "; PARMS " + start + "; " + bounds + intercepts);
+        EXPECT_EQ(run.outcome.exit_code, 0) << technique << start << bounds << run.log;
+        EXPECT_NEAR(minus2(run), answer, 1e-3) << technique << start << bounds << run.log;
+      }
+}
+
+// A start at a variance of exactly 0 leaves it; where 0 is the answer, it stays there and has no standard error.
+TEST(Convergence, VarianceOfZero)
+{
+  const auto leaves =
+      run_text("TORVALE DATA=sleepstudy; PARMS b0=250 b1=10 s2u=0 s2=1000; BOUNDS s2u >= 0, s2 > 0;" + intercepts);
+  EXPECT_EQ(leaves.outcome.exit_code, 0) << leaves.log;
+  EXPECT_NEAR(minus2(leaves), 1794.07863, 1e-3) << leaves.log;
+  std::string csv = "id,y\n";
+  for (int i = 0; i < 12; ++i)
+    for (int j = 0; j < 4; ++j)
+      csv += std::to_string(i) + "," + std::to_string(10 + j) + "\n"; // all subjects are alike
+  const std::string model = "MODEL y ~ NORMAL(m + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  for (const std::string bounds : {"", "BOUNDS s2u >= 0;", "BOUNDS s2u > 0;"}) {
+    const auto stays = fit_data(csv, "; PARMS m=0 s2u=1 s2=1; " + bounds + model);
+    EXPECT_EQ(stays.outcome.exit_code, 0) << bounds << stays.log;
+    EXPECT_NEAR(stays.number("ParameterEstimates", "m", "Estimate"), 11.5, 1e-4);
+    EXPECT_NEAR(stays.number("ParameterEstimates", "s2", "Estimate"), 1.25, 1e-4);
+    EXPECT_LT(stays.number("ParameterEstimates", "s2u", "Estimate"), 1e-6);
+    EXPECT_TRUE(std::isnan(stays.number("ParameterEstimates", "s2u", "StandardError"))) << bounds << stays.log;
+    EXPECT_NEAR(stays.number("ParameterEstimates", "m", "StandardError"), std::sqrt(1.25 / 48), 1e-4) << bounds;
+  }
+}
+
+// Units of the response and of the covariate change no exit code.
+TEST(Convergence, UnitsDoNotMatter)
+{
+  for (const double unit : {1e-3, 1.0, 1e3, 1e6})
+    for (const double days : {1e-3, 1e3}) {
+      const auto run =
+          run_text("TORVALE DATA=sleepstudy; PARMS b0=0 b1=0 s2u=1 s2=1; y = reaction*" + std::to_string(unit) +
+                   "; x = days*" + std::to_string(days) +
+                   "; MODEL y ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject; RUN;");
+      EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
+      EXPECT_NEAR(minus2(run), 1794.07863 + 360.0 * std::log(unit), 2e-3) << unit << run.log;
+    }
+}
+
+TEST(Convergence, SeparationIsNoSuccess)
+{
+  std::string csv = "x,z,y\n";
+  for (int i = -10; i <= 10; ++i)
+    csv += std::to_string(i + 0.5) + "," + std::to_string(i * i % 3) + "," + (i < 0 ? "0" : "1") + "\n";
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NEWRAP"}) {
+    const auto run =
+        fit_data(csv, technique + "; PARMS b0=0 b1=0 b2=0; p = 1/(1+EXP(-(b0+b1*x+b2*z))); MODEL y ~ BINARY(p); RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 5) << technique << run.log;
+    EXPECT_TRUE(run.said(503, 9411)) << technique << run.log;
+  }
+}
+
+// What the data do not identify has no standard error; the rest has that of the model without it; one warning names it.
+TEST(Convergence, NullSpaceIsNamed)
+{
+  std::string csv = "x,z,w,y\n";
+  for (int i = 0; i < 30; ++i) {
+    const double x = (i * 7 % 11) - 5, z = (i * 5 % 13) - 6;
+    csv += std::to_string(x) + "," + std::to_string(z) + "," + std::to_string(2 * x) + "," +
+           std::to_string(1 + x - z + (i * 3 % 7) - 3) + "\n";
+  }
+  const auto all =
+      fit_data(csv, " GCONV=1e-12; PARMS b0=0 b1=0 b2=0 b3=0 s2=1; MODEL y ~ NORMAL(b0 + b1*x + b2*z + b3*w, s2);"
+                    "ESTIMATE 'slope' b1 + 2*b3; ESTIMATE 'half' b1; RUN;");
+  const auto part =
+      fit_data(csv, " GCONV=1e-12; PARMS b0=0 b1=0 b2=0 s2=1; MODEL y ~ NORMAL(b0 + b1*x + b2*z, s2); RUN;");
+  EXPECT_EQ(all.outcome.exit_code, 6) << all.log;
+  EXPECT_EQ(part.outcome.exit_code, 0) << part.log;
+  EXPECT_NEAR(minus2(all), minus2(part), 1e-6);
+  for (const std::string name : {"b1", "b3"}) {
+    EXPECT_TRUE(std::isnan(all.number("ParameterEstimates", name, "StandardError"))) << name;
+    EXPECT_NE(all.log.find(name), std::string::npos);
+  }
+  for (const std::string name : {"b0", "b2", "s2"})
+    EXPECT_NEAR(all.number("ParameterEstimates", name, "StandardError"),
+                part.number("ParameterEstimates", name, "StandardError"),
+                1e-4 * part.number("ParameterEstimates", name, "StandardError"))
+        << name;
+  EXPECT_TRUE(all.said(503, 271)) << all.log;
+  EXPECT_FALSE(all.said(549, 190) || all.said(549, 185)) << all.log;
+  ASSERT_TRUE(all.table("LinearDependencies"));
+  EXPECT_EQ(all.table("LinearDependencies")->rows().size(), 1u);
+}
+
+// A criterion that the user gave is obeyed, and the gain that it leaves is told.
+TEST(Convergence, CriterionOfTheUser)
+{
+  const auto run = run_text("TORVALE DATA=sleepstudy FCONV=1e-2; PARMS b0=0 b1=0 s2u=1 s2=1;" + intercepts);
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_TRUE(run.said(503, 9412)) << run.log;
+  EXPECT_GT(minus2(run), 1795);
+}
+
+// The number of points that narrow integrands need shows at the estimates, whatever the start.
+TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
+{
+  const std::string tail =
+      "; BOUNDS s2u > 0; p = 1/(1+EXP(-(b0+u))); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  std::string csv = "id,y\n";
+  for (int i = 0; i < 40; ++i)
+    for (int j = 0; j < 4; ++j) csv += std::to_string(i) + "," + ((i % 2 == 0) == (j != i % 5) ? "1" : "0") + "\n";
+  const auto small = fit_data(csv, "; PARMS b0=0 s2u=0.001" + tail), large = fit_data(csv, "; PARMS b0=0 s2u=1" + tail);
+  EXPECT_EQ(small.outcome.exit_code, 0) << small.log;
+  EXPECT_TRUE(small.said(503, 9414)) << small.log;
+  EXPECT_NEAR(minus2(small), minus2(large), 0.05) << small.log << large.log;
+  EXPECT_NEAR(small.number("ParameterEstimates", "s2u", "Estimate"),
+              large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);
+}
+
+} // namespace torvale::tests

@@ -1,0 +1,70 @@
+// Options of the optimizer: what is ignored or refused is told, and no combination of technique, derivatives and tables
+// lacks the arrays that it works with.
+
+#include "system/session.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace torvale::tests {
+
+TEST(OptimizerOptions, WhatIsIgnoredOrRefusedIsTold)
+{
+  struct Case {
+    const char* options;
+    int group, number, exit_code;
+  };
+  for (const Case& c :
+       {Case{"TECHNIQUE=NRLINS", 352, 456, 0}, Case{"UPDATE=PB", 352, 463, 3},
+        Case{"TECHNIQUE=DBLDOG UPDATE=PB", 352, 464, 3}, Case{"TECHNIQUE=CONGRA UPDATE=DBFGS", 352, 465, 3},
+        Case{"TECHNIQUE=TRUREG UPDATE=DBFGS", 352, 466, 0}, Case{"HESCAL=2", 352, 467, 0},
+        Case{"LCDEACT=0.5", 352, 468, 0}, Case{"TECHNIQUE=TRUREG LINESEARCH=3", 352, 469, 0},
+        Case{"FD GRADCHECK", 352, 471, 0}, Case{"FD=CENTRAL FDHESSIAN=CENTRAL", 352, 472, 0},
+        Case{"MINITER=7 MAXITER=3", 503, 330, 0}, Case{"TECHNIQUE=NEWRAP MAXFUNC=20", 503, 9400, 0}}) {
+    const auto run = run_text(example("orange", c.options));
+    EXPECT_TRUE(run.said(c.group, c.number)) << c.options << "\n" << run.log;
+    EXPECT_EQ(run.outcome.exit_code, c.exit_code) << c.options << "\n" << run.log;
+  }
+}
+
+// Of FD= and FDHESSIAN= the second counts, and the fit is the one with analytic gradients.
+TEST(OptimizerOptions, GradientsAreAnalyticBesideDifferencesOfThem)
+{
+  const auto both = run_text(example("orange", "FD=CENTRAL FDHESSIAN=CENTRAL"));
+  const auto one = run_text(example("orange", "FDHESSIAN=CENTRAL"));
+  EXPECT_EQ(both.column("ParameterEstimates", "Estimate"), one.column("ParameterEstimates", "Estimate"));
+  EXPECT_EQ(both.column("IterHistory", "Calls"), one.column("IterHistory", "Calls"));
+}
+
+// The Hessian at the start, or as the metric of a continued run, is nothing that the technique itself may have.
+TEST(OptimizerOptions, HessiansThatATechniqueDoesNotKeep)
+{
+  for (const char* options :
+       {"START HESS TECHNIQUE=CONGRA", "PALL TECHNIQUE=NMSIMP", "PALL TECHNIQUE=NMSIM2", "PALL TECHNIQUE=DBLDOG",
+        "PALL FD", "INHESSIAN=2 EMPIRICAL", "INHESSIAN=2 TECHNIQUE=QUANEW UPDATE=BFGS"}) {
+    const auto run = run_text(example("sleepstudy", options));
+    EXPECT_NE(run.table("ParameterEstimates"), nullptr) << options << "\n" << run.log;
+    const bool asked = std::string(options).find("INHESSIAN") == std::string::npos;
+    EXPECT_EQ(run.table("StartingHessian") != nullptr, asked) << options << "\n" << run.log;
+  }
+  for (const char* options : {"FD", "FD=CENTRAL", "FD=FORWARD"}) {
+    const auto run = run_text(example("sleepstudy", options));
+    EXPECT_EQ(run.outcome.exit_code, 0) << options << "\n" << run.log;
+    EXPECT_NEAR(run.column("FitStatistics", "Value")[0], 1751.93934, 1e-4) << options;
+  }
+}
+
+// A fit of several runs of the optimizer is one fit: its counts never fall back.
+TEST(OptimizerOptions, CallsNeverFallBack)
+{
+  const auto run = run_text("TORVALE DATA=sleepstudy; PARMS b0=0 b1=0 s2u=100 s2=1; BOUNDS s2u > 0, s2 > 0;"
+                            "MODEL reaction ~ NORMAL(b0 + u + b1*days, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject;"
+                            "RUN;");
+  for (const char* column : {"Calls", "Iter"}) {
+    const auto counts = run.column("IterHistory", column);
+    EXPECT_TRUE(std::is_sorted(counts.begin(), counts.end())) << column << "\n" << run.listing;
+  }
+}
+
+} // namespace torvale::tests
