@@ -65,13 +65,27 @@ void declare(NX& n, PredictStatement& statement)
       add(n, out, "Der_" + effect + "_" + std::to_string(n.reff.size() - level + 1), "Der " + effect);
 }
 
-void declare(NX& n, REFFECT& reff)
+void declare_subject(NX& n, const REFFECT& reff, OutputDataSet& out)
 {
-  OutputDataSet& out = *reff.outebfid;
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   out.add_column_like(*n.fid->find(reff.subname));
+}
+
+void declare_effects(NX& n, REFFECT& reff)
+{
+  OutputDataSet& out = *reff.outebfid;
+  declare_subject(n, reff, out);
   out.add_column("Effect", ColumnKind::character, "Random Effect");
   add(n, out, "Estimate", "Empirical Bayes Estimate");
+  add_test_columns(n, out);
+}
+
+void declare_probabilities(NX& n, REFFECT& reff)
+{
+  OutputDataSet& out = *reff.outppfid;
+  declare_subject(n, reff, out);
+  out.add_column("Point", ColumnKind::numeric);
+  add(n, out, "Estimate", "Posterior Probability Estimate");
   add_test_columns(n, out);
 }
 
@@ -107,29 +121,65 @@ double squared_error(const NX& n, const Posterior& posterior, std::size_t subjec
   return own + matrix::zmxq1(posterior.derivative.data() + (subject * nr + e) * np, n.covmat.data(), n.nparm, 1);
 }
 
-void write(const NX& n, const REFFECT& reff, const Posterior& posterior)
+// BY variables and subject of a row; the number of columns filled.
+std::size_t set_subject(const NX& n, const REFFECT& reff, std::size_t subject, OutputDataSet& out)
+{
+  const auto row =
+      static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(reff.SubInfo[subject].first_row)]);
+  std::size_t at = 0;
+  for (const auto& by : n.bylist) out.set_from(at++, *n.fid->find(by.name), n.rows.begin + row);
+  out.set_from(at++, *n.fid->find(reff.subname), n.rows.begin + row);
+  return at;
+}
+
+// The rest of a row: an estimate whose squared error is `square`, with DF and alpha of its level.
+TVAL tested(const NX& n, const REFFECT& reff, double estimate, double square)
+{
+  TVAL t;
+  t.alpha = reff.alpha;
+  t.dfe = reff.dfe >= 0 ? reff.dfe : n.dfe;
+  t.estimate = estimate;
+  t.sder = square >= 0 ? std::sqrt(square) : host::missing;
+  tvltval(t);
+  return t;
+}
+
+void end_row(OutputDataSet& out, std::size_t at, const TVAL& t)
+{
+  out.set(at++, t.estimate);
+  set_test(out, at, t.sder, t.dfe, t.tval, t.prob, t.alpha, t.lower, t.upper);
+  out.end_row();
+}
+
+void write_effects(const NX& n, const REFFECT& reff, const Posterior& posterior)
 {
   OutputDataSet& out = *reff.outebfid;
-  const auto& subject_column = *n.fid->find(reff.subname);
-  for (std::size_t s = 0; s < reff.SubInfo.size(); ++s) {
-    const auto row = static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(reff.SubInfo[s].first_row)]);
+  for (std::size_t s = 0; s < reff.SubInfo.size(); ++s)
     for (std::size_t e = 0; e < reff.names.size(); ++e) {
-      std::size_t at = 0;
-      for (const auto& by : n.bylist) out.set_from(at++, *n.fid->find(by.name), n.rows.begin + row);
-      out.set_from(at++, subject_column, n.rows.begin + row);
+      std::size_t at = set_subject(n, reff, s, out);
       out.set(at++, std::string_view(reff.names[e]));
-      TVAL t;
-      t.alpha = reff.alpha;
-      t.dfe = reff.dfe >= 0 ? reff.dfe : n.dfe;
-      t.estimate = posterior.estimate[s * reff.names.size() + e];
       const double square = posterior.known[s] != 0 ? squared_error(n, posterior, s, e) : host::missing;
-      t.sder = square >= 0 ? std::sqrt(square) : host::missing;
-      tvltval(t);
-      out.set(at++, t.estimate);
-      set_test(out, at, t.sder, t.dfe, t.tval, t.prob, t.alpha, t.lower, t.upper);
-      out.end_row();
+      end_row(out, at, tested(n, reff, posterior.estimate[s * reff.names.size() + e], square));
     }
-  }
+}
+
+// Posterior probabilities; their limits stay inside 0 and 1.
+void write_probabilities(const NX& n, const REFFECT& reff, const Posterior& posterior)
+{
+  OutputDataSet& out = *reff.outppfid;
+  const auto points = static_cast<std::size_t>(posterior.points), np = static_cast<std::size_t>(n.nparm);
+  for (std::size_t s = 0; s < reff.SubInfo.size(); ++s)
+    for (std::size_t t = 0; t < points; ++t) {
+      std::size_t at = set_subject(n, reff, s, out);
+      out.set(at++, static_cast<double>(t + 1));
+      double square = host::missing;
+      if (posterior.known[s] != 0 && !n.covmat.empty())
+        square = matrix::zmxq1(posterior.probability_by.data() + (s * points + t) * np, n.covmat.data(), n.nparm, 1);
+      TVAL test = tested(n, reff, posterior.probability[s * points + t], square);
+      if (test.lower < 0.0) test.lower = 0.0;
+      if (test.upper > 1.0) test.upper = 1.0;
+      end_row(out, at, test);
+    }
 }
 
 } // namespace
@@ -143,10 +193,16 @@ int open_fit_outputs(NX& n)
     declare(n, statement);
   }
   for (REFFECT& reff : n.reff) {
-    if (reff.outeb == nullptr) continue;
-    reff.outebfid = open(n, *reff.outeb, "RANDOM");
-    if (reff.outebfid == nullptr) return 1;
-    declare(n, reff);
+    if (reff.outeb != nullptr) {
+      reff.outebfid = open(n, *reff.outeb, "RANDOM");
+      if (reff.outebfid == nullptr) return 1;
+      declare_effects(n, reff);
+    }
+    if (reff.outpp != nullptr) {
+      reff.outppfid = open(n, *reff.outpp, "RANDOM");
+      if (reff.outppfid == nullptr) return 1;
+      declare_probabilities(n, reff);
+    }
   }
   return 0;
 }
@@ -162,8 +218,10 @@ int write_fit_outputs(NX& n)
     if (const int rc = predict(n, statement, posterior, columns); rc > 2) return rc;
     write(n, statement, columns);
   }
-  for (const REFFECT& reff : n.reff)
-    if (reff.outebfid != nullptr) write(n, reff, posterior);
+  for (const REFFECT& reff : n.reff) {
+    if (reff.outebfid != nullptr) write_effects(n, reff, posterior);
+    if (reff.outppfid != nullptr) write_probabilities(n, reff, posterior);
+  }
   return 0;
 }
 

@@ -32,8 +32,7 @@ void packed_product(const double* a, const double* x, int n, double* out)
 
 class PosteriorLoop {
 public:
-  PosteriorLoop(NX& n, Posterior& out)
-      : n_(n), reff_(n.leaf()), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
+  PosteriorLoop(NX& n, Posterior& out) : n_(n), reff_(n.leaf()), out_(out), nr_(reff_.nr), nrs_(reff_.nrs), np_(n.nparm)
   {
     const std::size_t subjects = reff_.SubInfo.size();
     out.nr = nr_;
@@ -44,6 +43,12 @@ public:
     for (auto& ctx : n.ctx) {
       ctx->frame->set_parameters(n.parm.data());
       ctx->batch.prior_loaded = false;
+    }
+    if (n.method == 4) {
+      out.points = support_size(reff_);
+      out.probability.assign(subjects * static_cast<std::size_t>(out.points), host::missing);
+      out.probability_by.assign(subjects * static_cast<std::size_t>(out.points * np_), host::missing);
+      return;
     }
     work_.resize(n.ctx.size());
     for (Work& w : work_) {
@@ -56,8 +61,7 @@ public:
   {
     if (ended_.load(std::memory_order_relaxed) != 0) return;
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
-    if (const int rc = batch(ctx, work_[static_cast<std::size_t>(context)], n_.batches[static_cast<std::size_t>(item)]);
-        rc > 2)
+    if (const int rc = batch(ctx, context, n_.batches[static_cast<std::size_t>(item)]); rc > 2)
       ended_.store(rc, std::memory_order_relaxed);
   }
 
@@ -69,10 +73,12 @@ private:
     std::vector<double> effects; // four vectors of nr
   };
 
-  int batch(TVLThreadCtx& ctx, Work& w, const model::Batch& batch)
+  int batch(TVLThreadCtx& ctx, int context, const model::Batch& batch)
   {
     BatchWork& b = ctx.batch;
     take_batch(n_, ctx, batch);
+    if (n_.method == 4) return support_posteriors(n_, ctx, out_);
+    Work& w = work_[static_cast<std::size_t>(context)];
     if (const int rc = evaluation::load_priors(n_, ctx, true); rc > 2) return rc;
     if (const int rc = modes::tvlebes(n_, ctx); rc > 2) return rc;
     int good = 0;
@@ -83,8 +89,9 @@ private:
     }
     ctx.frame->set_points(b.ran.data(), good, static_cast<int>(b.pair_stride));
     std::fill(w.cross.begin(), w.cross.end(), 0.0);
-    const int rc = evaluation::tvllogl(n_, ctx, {b.active.data(), good, 1},
-                                       {n_.programs.cross.code, n_.programs.cross.outputs, w.cross.data(), b.mode_stride});
+    const int rc =
+        evaluation::tvllogl(n_, ctx, {b.active.data(), good, 1},
+                            {n_.programs.cross.code, n_.programs.cross.outputs, w.cross.data(), b.mode_stride});
     if (rc > 2) return rc;
     for (int a = 0; a < good; ++a) keep(b, w, b.active[static_cast<std::size_t>(a)], a);
     return 0;

@@ -14,7 +14,12 @@ struct Posterior {
   std::vector<double>
       covariance; // nrs each, packed: inverse Hessian of the negative log joint density, at fixed parameters
   std::vector<double> derivative; // nr x np each: of the estimate by the parameters, the mean's part included
-  std::vector<char> known;        // 0: the subject has no usable record, or its search failed; its numbers are missing
+  // Of a discrete distribution: the estimate is the posterior mean, the covariance the posterior one, and for each of
+  // its `points` the posterior probability and its derivatives by the parameters.
+  int points = 0;
+  std::vector<double> probability;    // points each
+  std::vector<double> probability_by; // points x np each
+  std::vector<char> known; // 0: the subject has no usable record, or its search failed; its numbers are missing
 };
 
 // find_posterior: the modes at n.parm, searched anew from the accepted ones, with n.programs.cross (built when
@@ -24,5 +29,10 @@ struct Posterior {
 // from differentiating u - m = G ll_u(u, theta); it holds for a singular G too, since V = (I - G ll_uu)^-1 G.
 // Returns 0 or the engine's code above 2. All threads; what a subject gets does not depend on the others.
 int find_posterior(model::NX& n, Posterior& out);
+
+// support_posteriors: the same for the batch in hand of a context, with a discrete distribution. support_size: its
+// points.
+int support_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);
+int support_size(const model::REFFECT& reff);
 
 } // namespace torvale::integration

@@ -105,8 +105,7 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "RANDOM" && (stmt.given(random_slot::outp) || stmt.given(random_slot::outri)))
-      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "RANDOM" && stmt.given(random_slot::outri)) refuse("OUTRI$ of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(torvale_slot::subgradient))
     refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
@@ -204,7 +203,7 @@ void random_statements(NX& n, const STMT& procedure)
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
   STMT* prediction = nullptr;
-  n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
+  n.wants_effects = n.leaf().outeb != nullptr || n.leaf().outpp != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
