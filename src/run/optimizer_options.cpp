@@ -6,6 +6,7 @@
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "run/statement_processing.h"
+#include "solve/start_metric.h"
 #include "solve/solve_step.h"
 #include "syntax/statement_names.h"
 
@@ -180,7 +181,9 @@ void post_messages(NX& n)
 void start_metric(NX& n, const STMT& procedure)
 {
   const bool given = procedure.flag(torvale_flag::inhessian) || procedure.given(torvale_slot::inhessian);
-  if (!given && analytic_gradients(*n.str) && n.nparm <= 100) n.str->load = 1;
+  if (given || !analytic_gradients(*n.str)) return;
+  n.str->load = 1;
+  n.str->usmet = solve::start_metric;
 }
 
 } // namespace
