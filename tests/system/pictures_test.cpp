@@ -69,7 +69,7 @@ TEST(Pictures, MarksMapBackToTheData)
 {
   std::string program = example("theoph", "");
   program.insert(program.find("RUN;"), "PREDICT pred OUT=picture_predictions;\n");
-  const Run run = run_text(program, "examples", 0, {}, true);
+  const tests::Run run = run_text(program, "examples", 0, {}, true);
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
   const std::string file = source_file("examples/theoph.csv");
   const auto conc = csv_column(file, "conc"), time = csv_column(file, "Time"), dose = csv_column(file, "Dose");
@@ -133,7 +133,7 @@ TEST(Pictures, TextsStandApartAndInside)
   int drawn = 0;
   for (const char* name : {"theoph", "epil", "cbpp", "litters", "orange", "sleepstudy", "emax", "reliability",
                            "fixed_gamma", "fixed_negbin", "epil_negbin"}) {
-    const Run run = run_text(example(name, ""), "examples", 0, {}, true);
+    const tests::Run run = run_text(example(name, ""), "examples", 0, {}, true);
     ASSERT_FALSE(run.outcome.results.steps.empty());
     for (const auto& group : run.outcome.results.steps[0].groups)
       for (const auto& figure : group.pictures) {

@@ -41,7 +41,7 @@ protected:
     }
     file_ = std::make_unique<TemporaryFile>("verdict-" + std::to_string(GetParam()) + ".csv", text);
   }
-  Run fit(const std::string& statements, const std::string& options = "") const
+  tests::Run fit(const std::string& statements, const std::string& options = "") const
   {
     return run_text("TORVALE DATA=d " + options + ";\n" + statements + "RUN;", "examples", 0, {{"d", file_->path()}});
   }
@@ -51,7 +51,7 @@ protected:
 
 TEST_P(KnownStates, Converged)
 {
-  const Run run = fit("PARMS b0=0 b1=0 s2=1;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n");
+  const tests::Run run = fit("PARMS b0=0 b1=0 s2=1;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n");
   EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
   EXPECT_EQ(summary(run).converged, std::optional<bool>(true));
   EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::good) << summary(run).headline;
@@ -63,7 +63,7 @@ TEST_P(KnownStates, Converged)
 
 TEST_P(KnownStates, FlatDirection)
 {
-  const Run run = fit("PARMS b0=0 c=0 b1=0 s2=1;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + c + b1*x, s2);\n");
+  const tests::Run run = fit("PARMS b0=0 c=0 b1=0 s2=1;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + c + b1*x, s2);\n");
   EXPECT_EQ(run.outcome.exit_code, 6) << run.log;
   EXPECT_EQ(summary(run).converged, std::optional<bool>(true));
   EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::caution);
@@ -82,19 +82,19 @@ TEST_P(KnownStates, FlatDirection)
 
 TEST_P(KnownStates, Separation)
 {
-  const Run run = fit("PARMS b0=0 b1=0;\np = 1/(1 + exp(-b0 - b1*x));\nMODEL s ~ BINARY(p);\n");
+  const tests::Run run = fit("PARMS b0=0 b1=0;\np = 1/(1 + exp(-b0 - b1*x));\nMODEL s ~ BINARY(p);\n");
   EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
   EXPECT_EQ(summary(run).converged, std::optional<bool>(false));
   EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::bad);
   EXPECT_NE(finding(run, "Separation").find("b1"), std::string::npos) << run.listing;
-  const Run overlapping = fit("PARMS b0=0 b1=0;\np = 1/(1 + exp(-b0 - b1*x));\nMODEL z ~ BINARY(p);\n");
+  const tests::Run overlapping = fit("PARMS b0=0 b1=0;\np = 1/(1 + exp(-b0 - b1*x));\nMODEL z ~ BINARY(p);\n");
   EXPECT_EQ(finding(overlapping, "Separation"), "");
   EXPECT_EQ(summary(overlapping).converged, std::optional<bool>(true)) << overlapping.log;
 }
 
 TEST_P(KnownStates, Bound)
 {
-  const Run run = fit("PARMS b0=0 b1=-0.5 s2=1;\nBOUNDS b1 <= 0, s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n");
+  const tests::Run run = fit("PARMS b0=0 b1=-0.5 s2=1;\nBOUNDS b1 <= 0, s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n");
   EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
   EXPECT_EQ(summary(run).converged, std::optional<bool>(true));
   EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::caution);
@@ -104,7 +104,7 @@ TEST_P(KnownStates, Bound)
 
 TEST_P(KnownStates, StoppedEarly)
 {
-  const Run run = fit("PARMS b0=-20 b1=10 s2=100;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n", "MAXITER=1");
+  const tests::Run run = fit("PARMS b0=-20 b1=10 s2=100;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n", "MAXITER=1");
   EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
   EXPECT_EQ(summary(run).converged, std::optional<bool>(false));
   EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::bad);
@@ -115,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(Forty, KnownStates, ::testing::Range(1, 41));
 
 TEST(Verdict, NothingOptimizedIsNeitherYesNorNo)
 {
-  const Run run = run_text(
+  const tests::Run run = run_text(
       "TORVALE DATA=warpbreaks TECHNIQUE=NONE;\nPARMS b0=3;\nmu = exp(b0);\nMODEL breaks ~ POISSON(mu);\nRUN;");
   EXPECT_EQ(summary(run).converged, std::nullopt);
   EXPECT_TRUE(summary(run).present);
