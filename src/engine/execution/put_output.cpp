@@ -25,14 +25,14 @@ struct Line {
   }
 };
 
-std::size_t as_distance(double v)
-{
-  return v >= 1.0 ? static_cast<std::size_t>(std::min(v, 32767.0)) : 0;
-}
-
 std::size_t as_column(double v)
 {
-  return std::max<std::size_t>(as_distance(v), 1);
+  return v >= 1.0 ? static_cast<std::size_t>(std::min(v, 32767.0)) : 1;
+}
+
+std::size_t as_distance(double v)
+{
+  return v == 0.0 ? 0 : as_column(v);
 }
 
 } // namespace
