@@ -38,7 +38,7 @@ std::vector<Panel> panels(const std::string& svg)
   return out;
 }
 
-const host::Figure* picture(const Run& run, const std::string& name)
+const host::Figure* picture(const tests::Run& run, const std::string& name)
 {
   for (const auto& step : run.outcome.results.steps)
     for (const auto& group : step.groups)
@@ -73,7 +73,8 @@ TEST(Pictures, MarksMapBackToTheData)
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
   const std::string file = source_file("examples/theoph.csv");
   const auto conc = csv_column(file, "conc"), time = csv_column(file, "Time"), dose = csv_column(file, "Dose");
-  const std::string written = run.outcome.results.steps[0].data_sets.at(0).path;
+  const std::string written =
+      (std::filesystem::temp_directory_path() / run.outcome.results.steps[0].data_sets.at(0).path).string();
   const auto individual = csv_column(written, "Pred");
   std::filesystem::remove(written);
   ASSERT_EQ(conc.size(), 132u);
