@@ -19,7 +19,7 @@ namespace {
 // One evaluation in the hands of the workers.
 class Evaluation {
 public:
-  explicit Evaluation(NX& n) : n_(n), by_subject_(n.nreff() > 0), looked_at_(n.host->shows_progress()) {}
+  explicit Evaluation(NX& n) : n_(n), by_subject_(n.nreff() > 0), looked_at_(n.host != nullptr && n.host->shows_progress()) {}
 
   void run()
   {
@@ -37,7 +37,7 @@ public:
   {
     if (item > first_failed_.load(std::memory_order_relaxed)) return;
     // Somebody who waits for the end of a run does not wait for the end of an evaluation: it fails here.
-    if (n_.host->interrupted()) return note_failure(item);
+    if (n_.host != nullptr && n_.host->interrupted()) return note_failure(item);
     if (context == 0 && looked_at_)
       n_.host->progress({.stage = "evaluation", .share = static_cast<double>(item) / static_cast<double>(items_)});
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];

@@ -262,7 +262,7 @@ private:
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
       // A seed from the clock changes nothing in a run that draws no numbers, and would change its results' bytes.
-      if (request_.seed > 0 || parsed.proc.statements.front().given(86)) host_.step().seed = n.seed;
+      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed)) host_.step().seed = n.seed;
       if (request_.observe) request_.observe(n);
       return outcome;
     }

@@ -85,7 +85,7 @@ TEST(Listings, RowsHaveTheDigitsThatTheirErrorsEarn)
   table.row({"none", 2.5, host::missing});
   const auto estimates = host::formatted_cells(table, 1), errors = host::formatted_cells(table, 2);
   EXPECT_EQ(estimates, (std::vector<std::string>{"123457        ", "0.0012346", "2.500    "}));
-  EXPECT_EQ(errors, (std::vector<std::string>{"2346        ", "0.0000123", ".        "}));
+  EXPECT_EQ(errors, (std::vector<std::string>{"2346        ", "0.0000123", ".       "}));
 }
 
 TEST(Listings, CriteriaKeepTwoDecimalsAndCountsAllDigits)

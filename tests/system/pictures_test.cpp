@@ -38,7 +38,7 @@ std::vector<Panel> panels(const std::string& svg)
   return out;
 }
 
-const host::Figure* picture(const Run& run, const std::string& name)
+const host::Figure* picture(const tests::Run& run, const std::string& name)
 {
   for (const auto& step : run.outcome.results.steps)
     for (const auto& group : step.groups)
@@ -69,11 +69,12 @@ TEST(Pictures, MarksMapBackToTheData)
 {
   std::string program = example("theoph", "");
   program.insert(program.find("RUN;"), "PREDICT pred OUT=picture_predictions;\n");
-  const Run run = run_text(program, "examples", 0, {}, true);
+  const tests::Run run = run_text(program, "examples", 0, {}, true);
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
   const std::string file = source_file("examples/theoph.csv");
   const auto conc = csv_column(file, "conc"), time = csv_column(file, "Time"), dose = csv_column(file, "Dose");
-  const std::string written = run.outcome.results.steps[0].data_sets.at(0).path;
+  const std::string written =
+      (std::filesystem::temp_directory_path() / run.outcome.results.steps[0].data_sets.at(0).path).string();
   const auto individual = csv_column(written, "Pred");
   std::filesystem::remove(written);
   ASSERT_EQ(conc.size(), 132u);
@@ -133,7 +134,7 @@ TEST(Pictures, TextsStandApartAndInside)
   int drawn = 0;
   for (const char* name : {"theoph", "epil", "cbpp", "litters", "orange", "sleepstudy", "emax", "reliability",
                            "fixed_gamma", "fixed_negbin", "epil_negbin"}) {
-    const Run run = run_text(example(name, ""), "examples", 0, {}, true);
+    const tests::Run run = run_text(example(name, ""), "examples", 0, {}, true);
     ASSERT_FALSE(run.outcome.results.steps.empty());
     for (const auto& group : run.outcome.results.steps[0].groups)
       for (const auto& figure : group.pictures) {
