@@ -1,7 +1,8 @@
+#include "host/formats.h"
 #include "host/table_writers.h"
 #include "host/text.h"
+#include "run/session.h"
 #include "torvale/commands.h"
-#include "torvale/torvale.h"
 
 #include <algorithm>
 #include <cmath>
@@ -91,7 +92,7 @@ host::Table number_table(const host::DataSet& data, const std::vector<Descriptio
   table.columns[5].label = "Std Dev";
   for (std::size_t k = 0; k < all.size(); ++k) {
     const Description& d = all[k];
-    if (!data.columns()[k].numeric()) continue;
+    if (!data.columns()[k].numeric() || data.columns()[k].moment() != host::Moment::none) continue;
     // The digits of a mean follow from those of the spread.
     const auto shown = [&](double x) {
       if (std::isnan(d.deviation) || !(d.deviation > 0) || std::isnan(x)) return x;
@@ -101,6 +102,31 @@ host::Table number_table(const host::DataSet& data, const std::vector<Descriptio
     table.row({data.columns()[k].name(), d.numbers.size(), d.missing, d.distinct, shown(d.mean), shown(d.deviation),
                quantile(d.numbers, 0), quantile(d.numbers, 0.25), quantile(d.numbers, 0.5), quantile(d.numbers, 0.75),
                quantile(d.numbers, 1)});
+  }
+  return table;
+}
+
+// A value of a column as its format shows it.
+std::string shown(const host::Column& column, double value)
+{
+  std::string problem;
+  const auto format = host::parse_value_format(column.format().empty() ? "BEST10." : column.format(), problem);
+  return format ? std::string(host::stripped(host::format_value(value, *format))) : std::string();
+}
+
+host::Table date_table(const host::DataSet& data, const std::vector<Description>& all)
+{
+  const auto text = [](const char* name) { return host::TableColumn{name, CellKind::text, name, "", ""}; };
+  host::Table table("DateVariables", "Date and Time Variables",
+                    {text("Variable"), text("Format"), integer("Count"), integer("Missing"), integer("Distinct"),
+                     text("Minimum"), text("Median"), text("Maximum")});
+  for (std::size_t k = 0; k < all.size(); ++k) {
+    const host::Column& column = data.columns()[k];
+    const Description& d = all[k];
+    if (column.moment() == host::Moment::none) continue;
+    table.row({column.name(), column.format(), d.numbers.size(), d.missing, d.distinct,
+               shown(column, quantile(d.numbers, 0)), shown(column, quantile(d.numbers, 0.5)),
+               shown(column, quantile(d.numbers, 1))});
   }
   return table;
 }
@@ -157,10 +183,12 @@ std::string subject_candidates(const host::DataSet& data, const std::vector<Desc
 
 } // namespace
 
-int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries)
+int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries,
+                     char separator)
 {
   RunSettings settings;
   settings.libraries = libraries;
+  settings.separator = separator;
   settings.log = [](std::string_view s) { std::fwrite(s.data(), 1, s.size(), stderr); };
   Session session(std::move(settings));
   // A file as it stands in the current folder is meant before a name is.
@@ -172,7 +200,7 @@ int describe_command(const std::string& data, const std::vector<std::pair<std::s
   std::vector<Description> all;
   for (const host::Column& column : set->columns()) all.push_back(described(column));
   std::string text = std::to_string(set->rows()) + " rows, " + std::to_string(set->columns().size()) + " variables\n";
-  for (const host::Table& table : {number_table(*set, all), text_table(*set, all)})
+  for (const host::Table& table : {number_table(*set, all), date_table(*set, all), text_table(*set, all)})
     if (!table.rows().empty()) text += "\n" + host::listing_text(table, 110);
   if (const std::string subjects = subject_candidates(*set, all); !subjects.empty())
     text += "\nMay name the subjects: " + subjects + "\n";

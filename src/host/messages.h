@@ -54,7 +54,8 @@ struct Message {
   // Where in the program; line 0: nowhere, or told by the text alone.
   std::string file{};
   int line = 0;
-  int column = 0;       // 0: only the line is known
+  int column = 0;       // from 1; 0: the whole line
+  int length = 0;       // characters from there on; 0: not known
   std::string source{}; // text of that line
 };
 

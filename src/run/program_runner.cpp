@@ -200,6 +200,7 @@ private:
       host::Message message;
       message.group = language::message_group;
       message.number = d.number();
+      message.length = d.length;
       message.severity = d.severity == language::Severity::note      ? host::Severity::note
                          : d.severity == language::Severity::warning ? host::Severity::warning
                                                                      : host::Severity::error;
