@@ -43,7 +43,9 @@ TEST(Methods, AgreeOnLinearModels)
       EXPECT_NEAR(value_of(text, {true, true, 5}, theta), exact, limit);
       EXPECT_NEAR(value_of(text, {false, false, 0, 1}, theta), exact, limit);
       EXPECT_NEAR(value_of(text, {true, false, 0, 1}, theta), exact, limit);
-      if (effects == 1) EXPECT_NEAR(value_of(text, {true, false, 0, 2}, theta, 1e-10), exact, limit);
+      if (effects == 1) {
+        EXPECT_NEAR(value_of(text, {true, false, 0, 2}, theta, 1e-10), exact, limit);
+      }
     }
 }
 
