@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the simulated data of this folder. The same numbers at every run."""
+"""Simulates infusion.csv and doses.csv. The same numbers at every run."""
 import csv
 import math
 import os
