@@ -103,6 +103,15 @@ constexpr CatalogueEntry entries[] = {
     {503, 9571, "result_name_taken", N,
      "{data}: the name {name} is taken by a variable of the input; the results stand in {given}.", "",
      "RENAME= or DROP= among the options of the output data set choose other names."},
+    {503, 9572, "prediction_not_determined", N,
+     "PREDICT OUT={data}: {count} predictions, the first at observation {observation}, have no standard error: they "
+     "move with a combination of parameters that the data do not determine.",
+     "", ""},
+    {503, 9573, "no_rounds_to_write", N,
+     "OUTRI={data} has no rows: it holds the rounds of EBITER with several RANDOM statements.", "", ""},
+    {503, 9574, "id_is_character", E,
+     "ID names {name}, a character variable of the program; only numbers can be added to predictions.", "",
+     "Leave it out: the variables of the input are in every data set of predictions."},
     {503, 9580, "chains_agree", N, "The chains agree: the largest R-hat is {rhat}, the smallest effective number of draws {draws}.", "", ""},
     {503, 9581, "chains_disagree", W,
      "The chains do not agree, or have too few effective draws: R-hat {rhat} ({worst}; 1.01 is wanted), {draws} effective draws ({least}; "

@@ -3,6 +3,7 @@
 #include "data/data_pass.h"
 #include "data/starting_values.h"
 #include "host/message_names.h"
+#include "inference/estimates_output.h"
 #include "inference/fit_outputs.h"
 #include "inference/tables.h"
 #include "integration/objective.h"
@@ -45,17 +46,19 @@ int exit_of_outcome(const NX& n)
 int report_fit(NX& n)
 {
   inference::write_fit_tables(n);
+  inference::write_estimates_output(n);
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = exit_of_outcome(n);
-  if (n.nparm == 0) return exit_clean;
-  if (n.covmat.empty()) {
+  if (n.nparm == 0) {
+    exit_code = exit_clean;
+  } else if (n.covmat.empty()) {
     n.host->log().xpmlog(message::no_covariance);
     n.raise(4);
   } else {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
-    if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   }
+  if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   return exit_code;
 }
 

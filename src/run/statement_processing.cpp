@@ -105,13 +105,11 @@ void refuse_unserved(NX& n)
   };
   const STMT& procedure = n.proc->statements.front();
   for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "RANDOM" && (stmt.given(random_slot::outp) || stmt.given(random_slot::outri)))
-      refuse("OUT= of RANDOM", "RANDOM", stmt.where);
+    if (stmt.name == "RANDOM" && stmt.given(random_slot::outp)) refuse("OUTP= of RANDOM", "RANDOM", stmt.where);
   }
   if (procedure.given(torvale_slot::subgradient))
     refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
   if (procedure.given(torvale_slot::outq)) refuse("OUTQ=", "TORVALE", procedure.slot(torvale_slot::outq).where);
-  if (procedure.given(torvale_slot::outr)) refuse("OUTR=", "TORVALE", procedure.slot(torvale_slot::outr).where);
   if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(torvale_slot::method).where);
   if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
 }
@@ -193,6 +191,10 @@ void random_statements(NX& n, const STMT& procedure)
     n.method = 0;
     n.adaptive = n.adscale = false;
     n.nqp = 1;
+    if (procedure.given(torvale_slot::outr)) {
+      log.xpmlog(message::outr_without_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::outr).where));
+      n.raise(4);
+    }
     return;
   }
   if (statements.size() > 1 && n.method != 0) {
@@ -204,7 +206,10 @@ void random_statements(NX& n, const STMT& procedure)
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
   STMT* prediction = nullptr;
-  n.wants_effects = n.leaf().outeb != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
+  if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
+    n.outr = &out[0];
+  n.wants_effects = n.outr != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
+                    std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr; });
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
