@@ -96,8 +96,6 @@ int request_arguments(NX& n, REFFECT& reff)
 // What the kernels do not integrate; null when they do.
 const char* unserved(const NX& n)
 {
-  if (std::any_of(n.reff.begin(), n.reff.end(), [](const REFFECT& reff) { return reff.distrtype != 0; }))
-    return "The DISCRETE distribution of RANDOM";
   if (n.mransym.n() > most_effects) return "A model with more than 64 random effects";
   return nullptr;
 }

@@ -6,17 +6,17 @@
 namespace torvale::evaluation {
 
 // Whether the likelihood is differentiated by the parameters: not under FD, unless EMPIRICAL asks for the subjects'
-// gradients.
+// gradients or posterior quantities of support points for their errors.
 inline bool needs_gradient(const model::NX& n)
 {
-  return n.fd == 0 || n.empirical;
+  return n.fd == 0 || n.empirical || (n.wants_effects && n.method == 4);
 }
 
 // build_programs: the derivative requests of the likelihood. Call after llsym, prsym, depsym, repsym and each REFFECT's
 // ransym, distrsym, prsym (parameters, then its random effects), nr, nrs, npr are set, and before cmpgen. Completes the
 // flags needhessu, needcrossu, needtriu from method, adaptive, adscale and needs_gradient (a flag that the caller has
 // set stays set) and fills gradstr, hessustr, triustr, gradrstr with what they ask for; nothing more is differentiated.
-// Returns 0; 3000 after message 503/9330 (several RANDOM statements, a discrete one, more than 64 effects) or 503/10 (a
+// Returns 0; 3000 after message 503/9330 (more than 64 effects) or 503/10 (a
 // random effect that the likelihood does not depend on); 1012 when a derivative is refused (the engine's diagnostics
 // say why) or after message 503/303 (a distribution argument depends on a random effect).
 int build_programs(model::NX& n);

@@ -22,6 +22,7 @@ namespace {
 
 constexpr int missing_argument = message::random_covariance_missing::message_number;
 constexpr int not_semidefinite = message::random_covariance_not_definite::message_number;
+constexpr int missing_support = message::likelihood_not_usable::message_number;
 
 // An indefinite G ends the evaluation; one that is semidefinite to singvar goes on.
 void classify_singular(const NX& n, int nr, BlockWork& block)
@@ -57,6 +58,8 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, const PriorEntries& entries, int 
   const double* const* const output = b.outputs.data();
   double* const values = b.arguments.data() + p * arguments;
   for (long k = 0; k < arguments; ++k) values[k] = output[k] != nullptr ? output[k][lane] : 0.0;
+  if (reff.distrtype != 0) // support points: no mean, no G
+    return std::any_of(values, values + reff.nd, [](double x) { return std::isnan(x); }) ? missing_support : 0;
   double* const mean = b.mean.data() + static_cast<long>(p) * reff.nr;
   double* const factor = b.factor.data() + static_cast<long>(p) * reff.nrs;
   std::copy_n(values, reff.nr, mean);

@@ -22,21 +22,35 @@ using model::REFFECT;
 
 namespace {
 
-// BY variables, the subject variables of the levels from the outermost down to `deepest`, and the results.
-void declare(NX& n, OutputDataSet& out, std::size_t deepest)
+// BY variables and the subject variables of the levels from the outermost down to `deepest`.
+void declare_subject(NX& n, OutputDataSet& out, std::size_t deepest)
 {
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   for (std::size_t k = n.reff.size(); k-- > deepest;) out.add_column_like(*n.fid->find(n.reff[k].subname));
+}
+
+void declare_effects(NX& n, OutputDataSet& out, std::size_t deepest)
+{
+  declare_subject(n, out, deepest);
   out.add_column("Effect", host::ColumnKind::character, "Random Effect");
   add_result(n, out, "Estimate", "Empirical Bayes Estimate");
   add_test_columns(n, out);
-  if (out.data().label.empty()) out.data().label = "Modes of the joint density of data and random effects";
+  if (!out.data().label.empty()) return;
+  out.data().label =
+      n.method == 4 ? "Posterior means of the random effects" : "Modes of the joint density of data and random effects";
+}
+
+void declare_probabilities(NX& n, OutputDataSet& out)
+{
+  declare_subject(n, out, 0);
+  add_result(n, out, "Point", "");
+  add_result(n, out, "Estimate", "Posterior Probability Estimate");
+  add_test_columns(n, out);
 }
 
 void declare_rounds(NX& n, OutputDataSet& out)
 {
-  for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
-  for (std::size_t k = n.reff.size(); k-- > 0;) out.add_column_like(*n.fid->find(n.reff[k].subname));
+  declare_subject(n, out, 0);
   add_result(n, out, "Round", "Round");
   add_result(n, out, "Level", "Level");
   out.add_column("Effect", host::ColumnKind::character, "Random Effect");
@@ -75,25 +89,44 @@ std::vector<int> subjects_in_order(const NX& n, std::size_t level)
   return order;
 }
 
-// Effect e of a chain: its estimate, and the error of its inverse Hessian's diagonal and what the parameters add, D C
-// D'.
-TVAL effect(const NX& n, const REFFECT& reff, const Posterior& posterior, int leaf, std::size_t e)
+// An estimate of an entry of the posterior, whose squared error is `own` and what the parameters add through its
+// derivative d, with DF and alpha of its level. leaf -1: there is no entry.
+TVAL tested(const NX& n, const REFFECT& reff, int leaf, double estimate, double own, const double* d)
 {
-  const auto nr = static_cast<std::size_t>(posterior.nr), np = static_cast<std::size_t>(n.nparm),
-             entry = static_cast<std::size_t>(leaf);
   TVAL t;
   t.alpha = reff.alpha;
   t.dfe = reff.dfe >= 0 ? reff.dfe : n.dfe;
   t.estimate = t.sder = host::missing;
   if (leaf >= 0) {
-    t.estimate = posterior.estimate[entry * nr + e];
-    const double* const d = posterior.derivative.data() + (entry * nr + e) * np;
-    double square = posterior.covariance[entry * (nr * (nr + 1) / 2) + e * (e + 3) / 2];
-    if (np > 0 && (n.covmat.empty() || moves_along_flat(n, d))) square = host::missing;
-    if (np > 0 && !n.covmat.empty()) square += matrix::zmxq1(d, n.covmat.data(), n.nparm, 1);
+    t.estimate = estimate;
+    double square = own;
+    if (n.nparm > 0)
+      square = n.covmat.empty() || moves_along_flat(n, d) ? host::missing
+                                                          : own + matrix::zmxq1(d, n.covmat.data(), n.nparm, 1);
     t.sder = square >= 0 ? std::sqrt(square) : host::missing;
   }
   tvltval(t);
+  return t;
+}
+
+// Effect e of a chain: with the diagonal of its inverse Hessian and D C D'.
+TVAL effect(const NX& n, const REFFECT& reff, const Posterior& posterior, int leaf, std::size_t e)
+{
+  const auto nr = static_cast<std::size_t>(posterior.nr), np = static_cast<std::size_t>(n.nparm),
+             entry = static_cast<std::size_t>(std::max(leaf, 0));
+  return tested(n, reff, leaf, posterior.estimate[entry * nr + e],
+                posterior.covariance[entry * (nr * (nr + 1) / 2) + e * (e + 3) / 2],
+                posterior.derivative.data() + (entry * nr + e) * np);
+}
+
+// Posterior probability of a support point; its limits stay inside 0 and 1.
+TVAL probability(const NX& n, const REFFECT& reff, const Posterior& posterior, int leaf, std::size_t point)
+{
+  const auto np = static_cast<std::size_t>(n.nparm), points = static_cast<std::size_t>(posterior.points),
+             at = static_cast<std::size_t>(std::max(leaf, 0)) * points + point;
+  TVAL t = tested(n, reff, leaf, posterior.probability[at], 0.0, posterior.probability_by.data() + at * np);
+  if (t.lower < 0.0) t.lower = 0.0;
+  if (t.upper > 1.0) t.upper = 1.0;
   return t;
 }
 
@@ -108,14 +141,32 @@ std::size_t set_subject(const NX& n, OutputDataSet& out, std::size_t deepest, st
   return at;
 }
 
-void write_row(const NX& n, OutputDataSet& out, std::size_t deepest, std::size_t level, std::size_t row,
-               const std::string& name, const TVAL& t)
+void end_row(OutputDataSet& out, std::size_t at, const TVAL& t)
 {
-  std::size_t at = set_subject(n, out, deepest, level, row);
-  out.set(at++, std::string_view(name));
   out.set(at++, t.estimate);
   set_test(out, at, t);
   out.end_row();
+}
+
+void write_effect(const NX& n, OutputDataSet& out, std::size_t deepest, std::size_t level, std::size_t row,
+                  const std::string& name, const TVAL& t)
+{
+  const std::size_t at = set_subject(n, out, deepest, level, row);
+  out.set(at, std::string_view(name));
+  end_row(out, at + 1, t);
+}
+
+void write_probabilities(const NX& n, const Posterior& posterior)
+{
+  const REFFECT& reff = n.leaf();
+  OutputDataSet& out = *reff.outppfid;
+  for (std::size_t s = 0; s < reff.SubInfo.size(); ++s)
+    for (std::size_t point = 0; point < static_cast<std::size_t>(posterior.points); ++point) {
+      const auto subject = static_cast<int>(s);
+      const std::size_t at = set_subject(n, out, 0, 0, input_row(n, reff, subject));
+      out.set(at, static_cast<double>(point + 1));
+      end_row(out, at + 1, probability(n, reff, posterior, integration::known_leaf(n, posterior, 0, subject), point));
+    }
 }
 
 // The first subject whose modes were not found although it has usable records.
@@ -141,9 +192,14 @@ int open_effect_outputs(NX& n)
                         ? open_data_set(n, *reff.outeb, "RANDOM")
                         : n.host->libraries().open_output({name_of_part(n, k), false, {}}, n.host->log());
     if (reff.outebfid == nullptr) return 1;
-    declare(n, *reff.outebfid, k);
+    declare_effects(n, *reff.outebfid, k);
   }
   for (REFFECT& reff : n.reff) {
+    if (reff.outpp != nullptr) {
+      reff.outppfid = open_data_set(n, *reff.outpp, "RANDOM");
+      if (reff.outppfid == nullptr) return 1;
+      declare_probabilities(n, *reff.outppfid);
+    }
     if (reff.outri == nullptr) continue;
     reff.outrifid = open_data_set(n, *reff.outri, "RANDOM");
     if (reff.outrifid == nullptr) return 1;
@@ -152,16 +208,17 @@ int open_effect_outputs(NX& n)
   if (n.outr == nullptr) return 0;
   n.eboutfid = open_data_set(n, *n.outr, "TORVALE");
   if (n.eboutfid == nullptr) return 1;
-  declare(n, *n.eboutfid, 0);
+  declare_effects(n, *n.eboutfid, 0);
   return 0;
 }
 
 void write_effect_outputs(NX& n, const Posterior& posterior)
 {
   report_lost_subject(n, posterior);
-  if (n.eboutfid != nullptr ||
-      std::any_of(n.reff.begin(), n.reff.end(), [](const REFFECT& r) { return r.outebfid != nullptr; }))
-    write_shrinkage(n, posterior);
+  if (n.leaf().outppfid != nullptr) write_probabilities(n, posterior);
+  const bool effects = n.eboutfid != nullptr || std::any_of(n.reff.begin(), n.reff.end(),
+                                                            [](const REFFECT& r) { return r.outebfid != nullptr; });
+  if (effects && n.method != 4) write_shrinkage(n, posterior); // support points have no variance of their own
   for (std::size_t k = n.reff.size(); k-- > 0;) {
     const REFFECT& reff = n.reff[k];
     if (reff.outebfid == nullptr && n.eboutfid == nullptr) continue;
@@ -170,8 +227,8 @@ void write_effect_outputs(NX& n, const Posterior& posterior)
       const int leaf = integration::known_leaf(n, posterior, k, s);
       for (std::size_t e = 0; e < reff.names.size(); ++e) {
         const TVAL t = effect(n, reff, posterior, leaf, static_cast<std::size_t>(reff.first_effect) + e);
-        if (reff.outebfid != nullptr) write_row(n, *reff.outebfid, k, k, row, reff.names[e], t);
-        if (n.eboutfid != nullptr) write_row(n, *n.eboutfid, 0, k, row, reff.names[e], t);
+        if (reff.outebfid != nullptr) write_effect(n, *reff.outebfid, k, k, row, reff.names[e], t);
+        if (n.eboutfid != nullptr) write_effect(n, *n.eboutfid, 0, k, row, reff.names[e], t);
       }
     }
   }

@@ -24,9 +24,9 @@ Shares shares_of(const NX& n, std::size_t level, const Posterior& posterior, std
     for (const auto& subject : n.reff[level].SubInfo) {
       const int leaf = integration::known_leaf(n, posterior, level, subject.index);
       if (leaf < 0) continue;
-      const std::size_t at = static_cast<std::size_t>(leaf) * nr + e;
-      f(subject.weight, posterior.estimate[at] - posterior.mean[at], posterior.variance[at],
-        posterior.covariance[static_cast<std::size_t>(leaf) * (nr * (nr + 1) / 2) + e * (e + 3) / 2]);
+      const std::size_t at = static_cast<std::size_t>(leaf) * nr + e,
+                        own = static_cast<std::size_t>(leaf) * (nr * (nr + 1) / 2) + e * (e + 3) / 2;
+      f(subject.weight, posterior.estimate[at] - posterior.mean[at], posterior.prior[own], posterior.covariance[own]);
     }
   };
   double count = 0.0, mean = 0.0, variance = 0.0, square = 0.0, kept = 0.0;

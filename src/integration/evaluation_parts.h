@@ -14,6 +14,7 @@ inline constexpr double root_two = 1.4142135623730951;
 
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
+const Integrator& support_points();      // a discrete distribution: the sum over its points
 const Integrator& nest_quadrature();     // several levels
 
 // The message of a nest whose integral is zero.

@@ -40,10 +40,9 @@ public:
     effects_.resize(static_cast<std::size_t>(3 * nr_));
   }
 
-  int run(const model::Batch& batch, Posterior& out) override
+  int run(Posterior& out) override
   {
     BatchWork& b = ctx_.batch;
-    take_batch(n_, ctx_, batch);
     if (const int rc = evaluation::load_priors(n_, ctx_, true); rc > 2) return rc;
     if (const int rc = modes::tvlebes(n_, ctx_); rc > 2) return rc;
     int good = 0;
@@ -71,7 +70,7 @@ private:
     for (int i = 0; i < nr_; ++i) u[i] = b.ran[static_cast<std::size_t>(i * b.pair_stride + column)];
     double* const v = out.covariance.data() + subject * static_cast<std::size_t>(nrs_);
     covariance_of_effects(slot, v);
-    keep_prior(slot, subject * static_cast<std::size_t>(nr_), out);
+    keep_prior(slot, subject, out);
 
     const double* const slope = b.slope.data() + static_cast<long>(slot) * nr_;
     const double* const curve = b.curve.data() + static_cast<long>(slot) * nrs_;
@@ -95,15 +94,18 @@ private:
     out.known[subject] = 1;
   }
 
-  void keep_prior(int slot, std::size_t at, Posterior& out) const
+  void keep_prior(int slot, std::size_t subject, Posterior& out) const
   {
     const BatchWork& b = ctx_.batch;
-    const double* const m = b.mean.data() + modes::prior_of(n_, slot) * nr_;
-    const double* row = b.factor.data() + modes::prior_of(n_, slot) * nrs_;
-    for (int i = 0; i < nr_; row += ++i) {
-      out.mean[at + static_cast<std::size_t>(i)] = m[i];
-      out.variance[at + static_cast<std::size_t>(i)] = std::inner_product(row, row + i + 1, row, 0.0);
-    }
+    const long p = modes::prior_of(n_, slot);
+    const double* const l = b.factor.data() + p * nrs_;
+    const double* const by = b.arguments.data() + p * reff_.setup.places + reff_.argument_derivative(0, 0, np_);
+    std::copy_n(b.mean.data() + p * nr_, nr_, out.mean.data() + subject * static_cast<std::size_t>(nr_));
+    std::copy_n(by, nr_ * np_, out.mean_by.data() + subject * static_cast<std::size_t>(nr_ * np_));
+    double* g = out.prior.data() + subject * static_cast<std::size_t>(nrs_);
+    for (int i = 0; i < nr_; ++i)
+      for (int j = 0; j <= i; ++j)
+        *g++ = std::inner_product(l + packed_index(i, 0), l + packed_index(i, j) + 1, l + packed_index(j, 0), 0.0);
   }
 
   // V = L (inverse Hessian by z) L', u = m + L z.

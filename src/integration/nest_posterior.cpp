@@ -25,7 +25,7 @@ class NestPosterior final : public PosteriorWork {
 public:
   NestPosterior(const model::NX& n, model::TVLThreadCtx& ctx);
 
-  int run(const model::Batch& batch, Posterior& out) override;
+  int run(Posterior& out) override;
 
 private:
   // Rows per node of a level.
@@ -93,9 +93,8 @@ template <class F> void NestPosterior::for_chain(int leaf, F&& f)
   }
 }
 
-int NestPosterior::run(const model::Batch& batch, Posterior& out)
+int NestPosterior::run(Posterior& out)
 {
-  take_batch(n_, ctx_, batch);
   take_nests(n_, ctx_);
   if (const int rc = load_nest_priors(n_, ctx_); rc > 2) return rc;
   if (const int rc = modes::nest_search(n_, ctx_); rc > 2) return rc;
@@ -259,17 +258,24 @@ void NestPosterior::keep(int leaf, Posterior& out)
   double* const u = out.estimate.data() + subject * ne;
   double* const v = out.covariance.data() + subject * (ne * (ne + 1) / 2);
   double* const d = out.derivative.data() + subject * ne * np;
+  double* const m = out.mean.data() + subject * ne;
+  double* const mean_by = out.mean_by.data() + subject * ne * np;
+  double* const prior = out.prior.data() + subject * (ne * (ne + 1) / 2);
+  std::fill_n(prior, ne * (ne + 1) / 2, 0.0);
   const double* const cover = rows_.front().cover.data() + static_cast<long>(leaf) * (ne_ * (ne_ + 1) / 2);
   for_chain(leaf, [&](const NestLevel& l, std::size_t k, int node) {
     const double* const factor = modes::factor_of(l, node);
     std::copy_n(l.u.data() + static_cast<long>(node) * l.own, l.own, u + l.place);
     std::copy_n(rows_[k].move.data() + static_cast<long>(node) * (l.own * np_), l.own * np_, d + l.place * np_);
-    const double* const m = l.mean.data() + static_cast<long>(l.prior_of(node)) * l.own;
+    const model::REFFECT& reff = n_.reff[k];
+    std::copy_n(l.mean.data() + static_cast<long>(l.prior_of(node)) * l.own, l.own, m + l.place);
+    std::copy_n(l.arguments.data() + static_cast<long>(l.prior_of(node)) * reff.setup.places +
+                    reff.argument_derivative(0, 0, np_),
+                l.own * np_, mean_by + l.place * np_);
     for (int i = 0; i < l.own; ++i) {
       const double* const row = factor + packed(i, 0);
-      const std::size_t at = subject * ne + static_cast<std::size_t>(l.place + i);
-      out.mean[at] = m[i];
-      out.variance[at] = std::inner_product(row, row + i + 1, row, 0.0);
+      for (int c = 0; c <= i; ++c)
+        prior[packed(l.place + i, l.place + c)] = std::inner_product(row, row + c + 1, factor + packed(c, 0), 0.0);
       for (int e = 0; e < ne_; ++e) {
         double t = 0.0;
         for (int c = 0; c <= i; ++c) t += row[c] * cover[packed(l.place + c, e)];

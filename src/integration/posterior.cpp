@@ -14,6 +14,7 @@
 namespace torvale::integration {
 
 using model::NX;
+using model::TVLThreadCtx;
 
 namespace {
 
@@ -25,6 +26,7 @@ public:
       ctx->frame->set_parameters(n.parm.data());
       ctx->batch.prior_loaded = false;
       for (auto& level : ctx->nests.level) level.prior_loaded = false;
+      if (n.method == 4) continue;
       work_.push_back(n.nreff() > 1 ? nest_posterior(n, *ctx) : mode_posterior(n, *ctx));
     }
   }
@@ -32,13 +34,21 @@ public:
   void operator()(int context, long item)
   {
     if (ended_.load(std::memory_order_relaxed) != 0) return;
-    const int rc = work_[static_cast<std::size_t>(context)]->run(n_.batches[static_cast<std::size_t>(item)], out_);
-    if (rc > 2) ended_.store(rc, std::memory_order_relaxed);
+    TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
+    if (const int rc = batch(ctx, context, n_.batches[static_cast<std::size_t>(item)]); rc > 2)
+      ended_.store(rc, std::memory_order_relaxed);
   }
 
   int ended() const { return ended_.load(); }
 
 private:
+  int batch(TVLThreadCtx& ctx, int context, const model::Batch& batch)
+  {
+    take_batch(n_, ctx, batch);
+    if (n_.method == 4) return support_posteriors(n_, ctx, out_);
+    return work_[static_cast<std::size_t>(context)]->run(out_);
+  }
+
   NX& n_;
   Posterior& out_;
   std::vector<std::unique_ptr<PosteriorWork>> work_; // per context
@@ -55,7 +65,14 @@ int find_posterior(NX& n, Posterior& out)
   out.estimate.assign(subjects * nr, host::missing);
   out.covariance.assign(subjects * (nr * (nr + 1) / 2), host::missing);
   out.derivative.assign(subjects * nr * np, host::missing);
-  for (auto* v : {&out.mean, &out.variance}) v->assign(subjects * nr, host::missing);
+  // The mean of support points is 0.
+  out.mean.assign(subjects * nr, n.method == 4 ? 0.0 : host::missing);
+  out.mean_by.assign(subjects * nr * np, n.method == 4 ? 0.0 : host::missing);
+  out.prior.assign(subjects * (nr * (nr + 1) / 2), host::missing);
+  out.points = n.method == 4 ? support_size(n.leaf()) : 0;
+  const auto points = static_cast<std::size_t>(out.points);
+  out.probability.assign(subjects * points, host::missing);
+  out.probability_by.assign(subjects * points * np, host::missing);
   out.known.assign(subjects, 0);
   PosteriorLoop loop(n, out);
   const auto items = static_cast<long>(n.batches.size());
@@ -70,7 +87,7 @@ int find_rounds(NX& n, std::vector<model::RoundEffect>& rounds)
 {
   rounds.clear();
   if (!n.ebiter || n.nreff() < 2) return 0;
-  model::TVLThreadCtx& ctx = *n.ctx[0];
+  TVLThreadCtx& ctx = *n.ctx[0];
   ctx.frame->set_parameters(n.parm.data());
   for (auto& level : ctx.nests.level) level.prior_loaded = false;
   const auto accepted = n.ebes_known;

@@ -14,7 +14,14 @@ struct Posterior {
   std::vector<double> covariance; // nr (nr + 1) / 2 each, packed: inverse Hessian of the negative log joint density, at
                                   // fixed parameters
   std::vector<double> derivative; // nr x np each: of the estimate by the parameters, the mean's part included
-  std::vector<double> mean, variance; // nr each: of the prior
+  std::vector<double> mean;       // nr each: of the prior
+  std::vector<double> mean_by;    // nr x np each: its derivatives by the parameters
+  std::vector<double> prior;      // nr (nr + 1) / 2 each, packed: covariance of the prior
+  // Of a discrete distribution: the estimate is the posterior mean, the covariance the posterior one, and for each of
+  // its `points` the posterior probability and its derivatives by the parameters.
+  int points = 0;
+  std::vector<double> probability;    // points each
+  std::vector<double> probability_by; // points x np each
   std::vector<char> known; // 0: the subject has no usable record, or its search failed; its numbers are missing
 };
 
@@ -33,5 +40,10 @@ int find_rounds(model::NX& n, std::vector<model::RoundEffect>& rounds);
 // known_leaf: a subject of the deepest level that is nested in one of n.reff[level] (or is it) and has an entry: its
 // chain holds the effects of that subject from first_effect on. -1: there is none.
 int known_leaf(const model::NX& n, const Posterior& posterior, std::size_t level, int subject);
+
+// support_posteriors: the same for the batch in hand of a context, with a discrete distribution. support_size: its
+// points.
+int support_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);
+int support_size(const model::REFFECT& reff);
 
 } // namespace torvale::integration

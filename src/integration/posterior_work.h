@@ -11,8 +11,8 @@ class PosteriorWork {
 public:
   virtual ~PosteriorWork() = default;
 
-  // run: fills the entries of the leaves of a batch that has not failed. Returns 0 or the engine's code above 2.
-  virtual int run(const model::Batch& batch, Posterior& out) = 0;
+  // run: fills the entries of the leaves of the batch in hand. Returns 0 or the engine's code above 2.
+  virtual int run(Posterior& out) = 0;
 };
 
 // Modes of one level of random effects, and of nests.

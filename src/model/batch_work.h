@@ -79,6 +79,9 @@ struct BatchWork : Priors {
   // Points of the run in hand.
   std::vector<double> ran;           // nr x pair_stride: random effects
   std::vector<double> prior;         // per pair: log of weight and prior kernel; then the log integrand; then its weight
+  // Support points of a discrete distribution, per prior: a row of nr coordinates and a probability each, the last one derived
+  // from the others; and as many such blocks of derivatives as there are parameters.
+  std::vector<double> support, support_by;
   // Sums over points, per slot; scaled by exp(-peak).
   std::vector<double> peak;          // largest log integrand so far
   std::vector<double> total;         // sum of weights

@@ -79,6 +79,8 @@ struct REFFECT {
   double dfe = -1.0;                   // degrees of freedom given, -1 none
   const syntax::StItem* outeb = nullptr; // OUT=; borrowed
   host::OutputDataSet* outebfid = nullptr; // its data set, open to the end of the step; borrowed
+  const syntax::StItem* outpp = nullptr; // OUTP=: posterior probabilities of a discrete distribution; borrowed
+  host::OutputDataSet* outppfid = nullptr; // likewise
   engine::CMPLIST ransym;              // random effects
   engine::CMPLIST distrsym;            // distribution arguments: means, then the lower triangle of G by rows
   engine::CMPLIST prsym;               // parameters, then the random effects

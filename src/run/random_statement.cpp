@@ -126,6 +126,14 @@ void readrandom(NX& n, const STMT& stmt, REFFECT& reff)
   reff.dfe = stmt.number_or(random_slot::df, -1);
   if (const auto& out = stmt.slot(random_slot::out).list; !out.empty()) reff.outeb = &out[0];
   if (const auto& out = stmt.slot(random_slot::outri).list; !out.empty()) reff.outri = &out[0];
+  if (const auto& out = stmt.slot(random_slot::outp).list; !out.empty()) {
+    if (reff.distrtype == 8) {
+      reff.outpp = &out[0];
+    } else {
+      n.host->log().xpmlog(message::outp_needs_discrete, place_at(n, "RANDOM", stmt.slot(random_slot::outp).where));
+      n.raise(4);
+    }
+  }
 }
 
 } // namespace torvale::run

@@ -104,9 +104,6 @@ void refuse_unserved(NX& n)
     tvlexit(n, 3000);
   };
   const STMT& procedure = n.proc->statements.front();
-  for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "RANDOM" && stmt.given(random_slot::outp)) refuse("OUTP= of RANDOM", "RANDOM", stmt.where);
-  }
   if (procedure.given(torvale_slot::subgradient))
     refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
   if (procedure.given(torvale_slot::outq)) refuse("OUTQ=", "TORVALE", procedure.slot(torvale_slot::outq).where);
@@ -209,7 +206,7 @@ void random_statements(NX& n, const STMT& procedure)
   if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
     n.outr = &out[0];
   n.wants_effects = n.outr != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
-                    std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr; });
+                    std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr || r.outpp != nullptr; });
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {

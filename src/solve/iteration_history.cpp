@@ -2,6 +2,7 @@
 
 #include "host/message_names.h"
 #include "integration/objective.h"
+#include "optimizer/missing_value.h"
 #include "optimizer/optimizer.h"
 #include "solve/solve_step.h"
 
@@ -112,7 +113,8 @@ void write_row(NX& n, const MINSTR& str, int layout)
   }
   if (simplex) cells.emplace_back(str.pred);
   if (layout == 18) cells.emplace_back(str.rhor);
-  if (layout == 15 || layout == 23) cells.emplace_back(-str.pred);
+  // Where the Hessian is not positive definite there is no full step, and no slope of one.
+  if (layout == 15 || layout == 23) cells.emplace_back(str.pred < optimizer::largest ? -str.pred : host::missing);
   if (simplex) cells.emplace_back(str.alfa);
   if (layout == 31) cells.emplace_back(str.delt);
   n.ithis->row(std::move(cells));

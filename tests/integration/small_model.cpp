@@ -107,7 +107,8 @@ void name_symbols(Run& n, const ModelText& text, const std::vector<syntax::Expr*
     reff.names = levels[k].effects;
     reff.nr = static_cast<int>(reff.names.size());
     reff.nrs = reff.nr * (reff.nr + 1) / 2;
-    reff.nd = reff.nr + reff.nrs;
+    reff.distrtype = n.method == 4 ? 8 : 0;
+    reff.nd = n.method == 4 ? static_cast<int>(levels[k].prior.size()) : reff.nr + reff.nrs;
     reff.npr = reff.nr + n.nparm;
     reff.prsym = n.prsym;
     for (const std::string& name : reff.names) {
@@ -222,7 +223,7 @@ std::shared_ptr<NX> make_run(const ModelText& text, const Rule& rule)
 {
   auto n = std::make_shared<Run>();
   n->method = rule.method;
-  n->adaptive = rule.adaptive && !text.all_levels().empty();
+  n->adaptive = rule.adaptive && rule.method != 4 && !text.all_levels().empty();
   n->adscale = rule.adscale && n->adaptive;
   n->fd = rule.fd;
   n->nqp = rule.points;

@@ -37,7 +37,7 @@ inline Term lgamma(const Term& a) { return Term::call("lgamma", {a}); }
 struct Level {
   std::string subject;  // column that names its subjects, within those of the level around it
   std::vector<std::string> effects;
-  std::vector<Term> prior; // means, then the lower triangle of G by rows
+  std::vector<Term> prior; // means, then the lower triangle of G by rows; with method 4 support points
 };
 
 // What a model is. Assignments are in order and must assign _ll.

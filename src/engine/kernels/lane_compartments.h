@@ -236,13 +236,67 @@ inline void last_differences(const Lanes* x, int count, Lanes t, Lanes* f)
   }
 }
 
+// The same where no rates are further apart than `spread` over t: they are the first column of the exponential of the
+// matrix with d = (largest - x) t in the diagonal and 1 below it (G. Opitz, 1964), over exp(largest t). The terms of
+// the power series, column by column, are positive, so nothing cancels; what comes after the last one counted is below
+// half a unit in the last place of every sum, in each lane, so that the neighbours of a lane do not show in it.
+constexpr double spread_of_near_poles = 32.0;
+
+inline int terms_of_spread(double d) // d**n / n! < 2**-55
+{
+  return d <= 0.1 ? 11 : 19 + static_cast<int>(std::ceil(3.6 * d));
+}
+
+template <int Count> inline void near_differences(const Lanes* x, Lanes t, int terms, Lanes* f)
+{
+  Lanes d[Count], power[Count], sum[Count];
+  for (int k = 0; k < Count; ++k) {
+    d[k] = (x[Count - 1] - x[Count - 1 - k]) * t;
+    sum[k] = power[k] = all(k == 0 ? 1.0 : 0.0);
+  }
+  double factor = 1.0;
+  for (int j = 1; j < terms + Count; ++j) {
+    factor /= j;
+    const Lanes weight = all(factor);
+#pragma GCC unroll 24
+    for (int k = Count - 1; k > 0; --k) {
+      power[k] = fused(d[k], power[k], power[k - 1]);
+      sum[k] = fused(power[k], weight, sum[k]);
+    }
+    power[0] = Lanes{}; // d[0] is 0
+  }
+  const Lanes exponential = natural_exp(-(x[Count - 1] * t));
+  for (int k = 0; k < Count; ++k) f[Count - 1 - k] = exponential * sum[k];
+}
+template <int Count = 1> inline void near_differences_of(int count, const Lanes* x, Lanes t, int terms, Lanes* f)
+{
+  if (count == Count)
+    near_differences<Count>(x, t, terms, f);
+  else if constexpr (Count < CompartmentResponse::most_poles)
+    near_differences_of<Count + 1>(count, x, t, terms, f);
+}
+
+inline void differences(const Lanes* x, int count, Lanes t, Lanes* f)
+{
+  const Lanes spread = (x[count - 1] - x[0]) * t;
+  const Mask near = spread <= all(spread_of_near_poles);
+  if (any(~near)) last_differences(x, count, t, f);
+  if (!any(near)) return;
+  double widest = 0.0;
+  for (int i = 0; i < width; ++i)
+    if (spread[i] <= spread_of_near_poles) widest = std::max(widest, spread[i]);
+  Lanes g[CompartmentResponse::most_poles];
+  near_differences_of(count, x, t, terms_of_spread(widest), g);
+  for (int k = 0; k < count; ++k) f[k] = any(~near) ? if_else(near, g[k], f[k]) : g[k];
+}
+
 // By Leibniz' rule for the product of (-x)**power and exp(-x t): the divided differences of the first factor are
 // symmetric polynomials too.
 inline Lanes response(const CompartmentResponse& r, Lanes t, Lanes ka, const Lanes (&roots)[3])
 {
   Lanes x[CompartmentResponse::most_poles], f[CompartmentResponse::most_poles];
   const int count = ascending_poles(r, ka, roots, x);
-  last_differences(x, count, t, f);
+  differences(x, count, t, f);
   Lanes h[CompartmentResponse::most_power + 1]; // h[p]: symmetric polynomial of degree p in x[0..k]
   h[0] = all(1.0);
   for (int p = 1; p <= r.power; ++p) h[p] = Lanes{};
