@@ -28,8 +28,7 @@ void write_fit_tables(model::NX& n)
 {
   if (n.znlprc > 0) write_fit_statistics(n);
   warn_without_influence(n);
-  if (n.znlprc > 0 && !n.covmat.empty() && !(n.dfe > 0.0))
-    n.host->log().xpmlog(message::no_degrees_of_freedom{.df = n.dfe});
+  if (n.znlprc > 0 && !n.covmat.empty() && !(n.dfe > 0.0)) n.host->log().xpmlog(message::no_degrees_of_freedom{.df = n.dfe});
   tvlpest(n, 1);
   if (n.phess && !n.hessmat.empty()) tvlphes(n, 0);
   if (n.znlprc <= 0 || n.covmat.empty()) return;
