@@ -1,6 +1,7 @@
+#include "host/formats.h"
 #include "host/table_writers.h"
+#include "run/session.h"
 #include "torvale/commands.h"
-#include "torvale/torvale.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,15 +15,24 @@ namespace {
 
 using host::CellKind;
 
+// A value of a column as its format shows it.
+std::string shown(const host::Column& column, double value)
+{
+  std::string problem;
+  const auto format = host::parse_value_format(column.format().empty() ? "BEST10." : column.format(), problem);
+  return column.numeric() && format ? std::string(host::stripped(host::format_value(value, *format))) : std::string();
+}
+
 host::Table variable_table(const host::DataSet& data)
 {
   host::Table table("Variables", data.name,
                     {{"Variable", CellKind::text, "Variable", "", ""},
                      {"Type", CellKind::text, "Type", "", ""},
+                     {"Format", CellKind::text, "Format", "", ""},
                      {"Missing", CellKind::integer, "Missing", "", ""},
                      {"Distinct", CellKind::integer, "Distinct", "", ""},
-                     {"Minimum", CellKind::number, "Minimum", "BEST10", ""},
-                     {"Maximum", CellKind::number, "Maximum", "BEST10", ""}});
+                     {"Minimum", CellKind::text, "Minimum", "", ""},
+                     {"Maximum", CellKind::text, "Maximum", "", ""}});
   for (const host::Column& column : data.columns()) {
     long missing = 0;
     double low = host::missing, high = host::missing;
@@ -43,17 +53,22 @@ host::Table variable_table(const host::DataSet& data)
       }
       distinct = static_cast<long>(std::unique(numbers.begin(), numbers.end()) - numbers.begin());
     }
-    table.row({column.name(), column.numeric() ? "numeric" : "character", missing, distinct, low, high});
+    const char* const type = !column.numeric()                       ? "character"
+                             : column.moment() == host::Moment::none ? "numeric"
+                                                                     : "date or time";
+    table.row({column.name(), type, column.format(), missing, distinct, shown(column, low), shown(column, high)});
   }
   return table;
 }
 
 } // namespace
 
-int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries)
+int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries,
+                     char separator)
 {
   RunSettings settings;
   settings.libraries = libraries;
+  settings.separator = separator;
   settings.log = [](std::string_view s) { std::fwrite(s.data(), 1, s.size(), stderr); };
   Session session(std::move(settings));
   // A file as it stands in the current folder is meant before a name is.

@@ -2,7 +2,7 @@
 
 #include "host/run_output.h"
 #include "host/table_writers.h"
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include <cerrno>
 #include <csignal>
@@ -102,7 +102,9 @@ int run_command(const RunArguments& arguments)
 
   Output output = arguments.output;
   const fs::path program = arguments.program;
-  const std::string stem = arguments.program == "-" ? "program" : program.stem().string();
+  std::error_code error;
+  const bool has_folder = arguments.program != "-" && fs::is_regular_file(program, error); // a pipe has none
+  const std::string stem = has_folder ? program.stem().string() : "program";
   if (!output.out.empty()) {
     if (!host::make_folder(output.out, problem)) return complain("cannot make the folder", output.out, problem, 1);
     const fs::path out = output.out;
@@ -123,11 +125,11 @@ int run_command(const RunArguments& arguments)
 
   RunSettings settings;
   settings.program_name = arguments.program == "-" ? "standard input" : program.filename().string();
-  settings.program_folder =
-      arguments.program == "-" || !program.has_parent_path() ? "." : program.parent_path().string();
+  settings.program_folder = !has_folder || !program.has_parent_path() ? "." : program.parent_path().string();
   settings.output_folder = output.out.empty() ? "." : output.out;
   settings.data = arguments.data;
   settings.libraries = arguments.libraries;
+  settings.separator = arguments.separator;
   settings.threads = arguments.threads;
   settings.seed = arguments.seed;
   settings.check_only = arguments.check_only;
@@ -136,7 +138,9 @@ int run_command(const RunArguments& arguments)
     if (!path.empty() && path != "-") settings.own_files.push_back(path);
   for (const auto& [name, path] : arguments.data) settings.own_files.push_back(path);
   settings.listing = [&](std::string_view s) { listing.write(s); };
-  settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
+  const bool for_editors = arguments.format == "json"; // then the diagnostics are the log
+  if (!for_editors) settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
+  const std::string program_text = for_editors ? text : std::string();
   if (host::is_terminal(2) && output.log.empty())
     settings.progress = [](std::string_view s) {
       std::fprintf(stderr, "\r\x1b[K%.*s", static_cast<int>(s.size()), s.data());
@@ -159,6 +163,7 @@ int run_command(const RunArguments& arguments)
 
   if (arguments.statements)
     for (const std::string& s : outcome.statements) listing.write(s);
+  if (for_editors) listing.write(host::diagnostics_json(outcome.results, arguments.program, program_text));
   if (json.wanted()) json.write(host::results_json(outcome.results));
   if (html.wanted()) html.write(host::results_html(outcome.results));
   bool complete = true;

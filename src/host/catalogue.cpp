@@ -572,9 +572,19 @@ constexpr CatalogueEntry entries[] = {
      "If these are identifiers that differ only in zeros, put a letter in front of them."},
     {503, 9012, "file_not_written", E, "The file {file} cannot be written: {reason}.",
      "The folder is missing, you may not write there, or the disk is full.", ""},
-    {503, 9013, "other_separator", W,
-     "The first line of {file} looks as if {separator} separates its columns; only commas do.",
-     "A file saved by a spreadsheet with other regional settings.", "Save it with commas and decimal points."},
+    {503, 9013, "separator_found", N, "The columns of {file} are separated by {separator}, as its line of names shows.",
+     "", "SEPARATOR= of the data set or --separator say otherwise."},
+    {503, 9501, "missing_codes_found", N, "{count} fields of {file} are codes of missing values: {where}.", "",
+     "MISSING=('code' ...) behind the data set's name adds codes."},
+    {503, 9502, "points_and_commas", W,
+     "Column {column} of {file} is read as characters: some of its numbers have a decimal point, others a comma.",
+     "Points or commas that group digits: 1.234,5.",
+     "Write the numbers without grouping, or give DECIMAL='.' or DECIMAL=',' behind the data set's name."},
+    {503, 9503, "points_among_commas", W,
+     "Column {column} of {file} has decimal points, while other columns have decimal commas: 1.234 is read as 1 and "
+     "234 "
+     "thousandths.",
+     "Points that group digits.", "Give DECIMAL=',' behind the data set's name; 1.234 is then no number."},
     {503, 9014, "text_read_as_missing", W,
      "Column {column} of {file} was asked for as numeric; {count} fields that are no numbers are missing (\"{value}\" "
      "first, in row {row}).",
@@ -587,7 +597,9 @@ constexpr CatalogueEntry entries[] = {
 
     // --- The embedded host: data sets ---
     {503, 9015, "data_set_read", N,
-     "{data} has {rows} rows. Numeric variables:{numeric}; character variables:{character}.", "", ""},
+     "{data} has {rows} rows. Numeric variables:{numeric}; character variables:{character}[; dates and "
+     "times:{moments}].",
+     "", ""},
     {503, 9020, "no_data_set", E,
      "There is no data set {name} in {where}[; did you mean {near}?][ Known here: {known}.]",
      "The name is misspelled, or the file lies in another folder.",
@@ -611,13 +623,19 @@ constexpr CatalogueEntry entries[] = {
     {503, 9029, "no_variable_left", E, "KEEP= and DROP= leave no variable of the data set.", "", ""},
     {503, 9030, "where_keeps_nothing", W, "WHERE= keeps none of the {rows} rows of {data}.",
      "A text is compared with a different case, or a limit is the wrong way round.", ""},
+    {503, 9505, "where_text_read_as_number", N,
+     "WHERE= of {data} compares {text} with a number; the text is read as one.", "", ""},
+    {503, 9506, "where_angle_brackets", W,
+     "WHERE= of {data} has <>, which means not equal there and the maximum in programs.", "", "Write ^= or NE."},
     {503, 9031, "no_by_variable", E, "The BY variable {name} is not in {data}[; did you mean {near}?].", "", ""},
     {503, 9032, "by_not_sorted", E,
      "{data} is not sorted by the BY variables: {after} follows {before} in row {row}. This group and the later ones "
      "are not used.",
      "", "Sort the file, or write NOTSORTED in the BY statement: every change of a value then starts a group."},
-    {503, 9033, "input_option_on_output", E, "WHERE=, FIRSTROW= and LASTROW= are for input; {name} is written.", "",
+    {503, 9033, "input_option_on_output", E, "FIRSTROW= and LASTROW= are for input; {name} is written.", "",
      "Use them where the data set is read."},
+    {503, 9500, "output_would_replace_input", E, "{name} would replace the file {file}, which this run reads.", "",
+     "Give the output another name, or another folder with --out."},
     {503, 9034, "data_set_written", N, "{data} was written with {rows} rows and {columns} variables to {file}.", "",
      ""},
 

@@ -155,6 +155,8 @@ void MessageSink::xpmlog(int group, int number, const MessageArguments& argument
   const std::string where = place_text(place);
   const bool stop = !where.empty() && message.text.ends_with('.') && message.text.find(". ") == std::string::npos;
   if (stop) message.text.pop_back();
+  message.line = place.line;
+  message.column = place.column;
   message.text += where;
   if (stop) message.text += '.';
   post(std::move(message));

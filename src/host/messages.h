@@ -49,6 +49,9 @@ struct Message {
   Severity severity = Severity::note;
   std::string text{};
   int by_group = -1; // number of the BY group from 0, -1 outside
+  int line = 0;      // of the program, from 1; 0: none
+  int column = 0;    // from 1; 0: the whole line
+  int length = 0;    // characters from there on
 };
 
 const CatalogueEntry* find_message(int group, int number); // null when there is none

@@ -44,6 +44,11 @@ struct RunResults {
 // The results as JSON. Numbers read back as the same double.
 std::string results_json(const RunResults& results);
 
+// The messages as diagnostics of a program, in the form that language servers give: an object with "uri" and
+// "diagnostics", each with range (lines and characters from 0), severity (1 error, 2 warning, 3 note), code, source and
+// message. Messages without a place stand at the beginning.
+std::string diagnostics_json(const RunResults& results, std::string_view file, std::string_view program);
+
 // The whole run as one HTML page without outside references.
 std::string results_html(const RunResults& results);
 

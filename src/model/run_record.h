@@ -220,6 +220,7 @@ struct GroupState {
 struct FitState {
   std::vector<double> parm;                   // current parameters
   std::vector<double> parmlast;               // point that str.grad belongs to; empty when none
+  std::vector<double> metric, metric_point;   // a Hessian that a run may start from (packed), and its point; empty: none
   bool dograd = false;                        // gradient wanted from the objective
   double objfun = 0.0;                        // objective at parm
   std::vector<double> objgrad;                // its gradient, nparm doubles

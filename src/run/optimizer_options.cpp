@@ -6,6 +6,7 @@
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "run/statement_processing.h"
+#include "solve/start_metric.h"
 #include "solve/solve_step.h"
 #include "syntax/statement_names.h"
 
@@ -176,11 +177,13 @@ void post_messages(NX& n)
 // Parameters of a model differ in size by orders of magnitude, and a quasi-Newton run from the identity spends most of
 // its iterations on finding that out (sleep study: 40 objective calls and a stop 0.05 above the minimum; 13 calls and
 // the minimum with the Hessian at the start, its own calls included). With analytic gradients the start metric is
-// therefore that Hessian unless the statement says otherwise.
+// therefore one that knows the units, and needs no calls where there are enough subjects, unless the statement says otherwise.
 void start_metric(NX& n, const STMT& procedure)
 {
   const bool given = procedure.flag(torvale_flag::inhessian) || procedure.given(torvale_slot::inhessian);
-  if (!given && analytic_gradients(*n.str) && n.nparm <= 100) n.str->load = 1;
+  if (given || !analytic_gradients(*n.str)) return;
+  n.str->load = 1;
+  n.str->usmet = solve::start_metric;
 }
 
 } // namespace

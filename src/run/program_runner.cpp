@@ -202,6 +202,10 @@ private:
       host::Message message;
       message.group = language::message_group;
       message.number = d.number();
+      const syntax::Position place = sources_.user_position(d.where);
+      message.line = place.line;
+      message.column = place.column;
+      message.length = d.length;
       message.severity = d.severity == language::Severity::note      ? host::Severity::note
                          : d.severity == language::Severity::warning ? host::Severity::warning
                                                                      : host::Severity::error;

@@ -1,11 +1,10 @@
-// The public interface of the library.
-
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include "host/host.h"
 #include "run/exit_codes.h"
 #include "run/program_runner.h"
 
+#include <algorithm>
 #include <new>
 
 namespace torvale {
@@ -32,6 +31,8 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.log = settings.log;
   options.progress = settings.progress;
   state_->host = host::make_host(std::move(options));
+  const int workers = settings.threads < 0 ? state_->host->cores() : settings.threads;
+  state_->host->libraries().set_reading(settings.separator, std::max(workers, 1));
   for (const auto& [name, path] : settings.data) state_->host->libraries().bind_data(name, path);
   for (const auto& [name, path] : settings.libraries) state_->host->libraries().bind_library(name, path);
   state_->settings = std::move(settings);
@@ -60,6 +61,11 @@ std::shared_ptr<const host::DataSet> Session::data_set(const std::string& name, 
 void Session::interrupt()
 {
   state_->host->interrupt();
+}
+
+host::Libraries& Session::libraries()
+{
+  return state_->host->libraries();
 }
 
 std::string explain(std::string_view code)

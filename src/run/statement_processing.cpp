@@ -42,6 +42,8 @@ int log_diagnostics(NX& n)
                                                                              : host::Severity::error;
     message.text = d.text;
     if (d.where.line > 0) message.text += " (" + n.sources->describe(d.where) + ")";
+    message.line = n.sources->user_position(d.where).line;
+    message.column = n.sources->user_position(d.where).column;
     if (message.severity == host::Severity::error) ++errors;
     if (message.severity == host::Severity::warning) n.raise(4);
     n.host->log().post(std::move(message));

@@ -86,7 +86,10 @@ bool FitEnd::technique_goes_on(int code, double start)
   if (!quickly_confirmed()) return false;
   const double promised = 0.5 * judgement_.gain; // in the objective
   const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
-  return promised > allowed && start - str.crit > 0.1 * promised;
+  if (!(promised > allowed && start - str.crit > 0.1 * promised)) return false;
+  n_.metric = n_.covstr->hessian.elements;
+  n_.metric_point.assign(str.x, str.x + n_.nparm);
+  return true;
 }
 
 // The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.

@@ -38,6 +38,7 @@ void start_problem(NX& n)
   n.meat.clear();
   n.covmat.clear();
   n.hessmat.clear();
+  n.metric.clear();
   n.parmlast.clear();
   n.verdict = model::Verdict();
   str.covstr = n.covstr.get();

@@ -37,6 +37,19 @@ TEST(OptimizerOptions, GradientsAreAnalyticBesideDifferencesOfThem)
   EXPECT_EQ(both.column("IterHistory", "Calls"), one.column("IterHistory", "Calls"));
 }
 
+// The outer products of the subjects' gradients are there already: no Hessian by differences before the first step.
+TEST(OptimizerOptions, StartMetricCostsNoCalls)
+{
+  const auto plain = run_text(example("epil", "")), hessian = run_text(example("epil", "INHESSIAN"));
+  const auto estimates = plain.column("ParameterEstimates", "Estimate"),
+             errors = plain.column("ParameterEstimates", "StandardError"),
+             others = hessian.column("ParameterEstimates", "Estimate");
+  const auto parameters = static_cast<double>(estimates.size());
+  EXPECT_LT(plain.column("IterHistory", "Calls").front(), parameters);
+  EXPECT_GT(hessian.column("IterHistory", "Calls").front(), parameters);
+  for (std::size_t k = 0; k < estimates.size(); ++k) EXPECT_NEAR(estimates[k], others[k], 0.02 * errors[k]) << k;
+}
+
 // The Hessian at the start, or as the metric of a continued run, is nothing that the technique itself may have.
 TEST(OptimizerOptions, HessiansThatATechniqueDoesNotKeep)
 {

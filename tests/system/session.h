@@ -1,7 +1,7 @@
 #pragma once
 // Runs programs through the public interface and reads their tables.
 
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include <map>
 #include <string>

@@ -1,0 +1,18 @@
+# Completion of torvale for fish.
+set -l commands run check describe explain
+complete -c torvale -n "not __fish_seen_subcommand_from $commands" -f -a "$commands"
+complete -c torvale -n "__fish_seen_subcommand_from run check" -l data -r -d "bind a data set name to a file"
+complete -c torvale -n "__fish_seen_subcommand_from run check describe" -l library -r -d "a folder of CSV files or an SQLite file"
+complete -c torvale -n "__fish_seen_subcommand_from run check describe" -l separator -r -d "what separates the columns of text files"
+complete -c torvale -n "__fish_seen_subcommand_from run check" -l json -r -d "results as JSON"
+complete -c torvale -n "__fish_seen_subcommand_from run check" -l log -r -d "log to a file"
+complete -c torvale -n "__fish_seen_subcommand_from run check" -l no-color -d "plain text"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l out -r -d "one folder for everything of the run"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l html -r -d "the report"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l list -r -d "listing to a file"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l threads -r -d "worker threads"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l seed -r -d "seed"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l strict -d "a name that is not in PARMS is an error"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l quiet -d "no listing on standard output"
+complete -c torvale -n "__fish_seen_subcommand_from check" -l statements -d "list the statement records"
+complete -c torvale -n "__fish_seen_subcommand_from check" -l format -r -f -a "text json" -d "how diagnostics are written"
