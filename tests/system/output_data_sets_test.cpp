@@ -68,7 +68,7 @@ TEST(OutputDataSets, OfOneLevelWithGroups)
   const auto run =
       run_into(folder,
                "TORVALE DATA=groups TECHNIQUE=NONE OUTR=all OUTEST=estimates ALPHA=0.1; BY site; ID twice x b1;"
-               "PARMS b0=0.7 b1=0.95 v=0.45 s2=0.06; BOUNDS v >= 0, s2 > 0; twice = 2*mu; mu = b0 + u + b1*x;"
+               "PARMS b0=0.7 b1=0.95 v=0.45 s2=0.06; BOUNDS v >= 0, s2 > 0; mu = b0 + u + b1*x; twice = 2*mu;"
                "MODEL y ~ NORMAL(mu, s2); RANDOM u ~ NORMAL(0, v) SUBJECT=id OUT=effects ALPHA=0.2 DF=5;"
                "PREDICT mu OUT=predicted(DROP=tValue RENAME=(Pred=Fitted)) DER; RUN;",
                groups());
