@@ -29,9 +29,7 @@ void complete_flags(NX& n)
 int refuse(NX& n, const host::NumberedMessage& problem, const syntax::Position& where, int code)
 {
   if (n.host != nullptr) {
-    host::MessagePlace place;
-    place.statement = "RANDOM";
-    place.line = n.sources != nullptr ? n.sources->user_position(where).line : where.line;
+    const auto place = n.sources != nullptr ? n.sources->place("RANDOM", where) : host::MessagePlace{.statement = "RANDOM"};
     n.host->log().xpmlog(problem, place);
   }
   n.raise(code);

@@ -11,11 +11,7 @@ using model::NX;
 
 OutputDataSet* open_data_set(NX& n, const syntax::StItem& item, const char* statement)
 {
-  host::MessagePlace place;
-  place.statement = statement;
-  const auto where = n.sources->user_position(item.where);
-  place.line = where.line;
-  place.column = where.column;
+  const host::MessagePlace place = n.sources->place(statement, item.where);
   host::DataSetReference reference{item.text, item.quoted, {}};
   if (!item.options.empty()) {
     auto options = host::parse_data_set_options(item.options, n.host->log(), place);

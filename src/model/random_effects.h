@@ -59,6 +59,9 @@ struct ModelPrograms {
 
   // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
   ModelProgram cross;
+
+  // The response, then the arguments of the MODEL distribution; made when single records are first looked at.
+  const engine::Program* records = nullptr;
 };
 
 struct REFFECT {

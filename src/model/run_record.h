@@ -79,6 +79,7 @@ struct RunOptions {
   int loglevel = 0;           // detail of log notes, 0 to 3
   bool lb = false;            // LB
   bool debug = false;
+  bool pictures = false;      // somebody will look at pictures of the fit
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
   bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
@@ -219,6 +220,7 @@ struct GroupState {
 
 struct FitState {
   std::vector<double> parm;                   // current parameters
+  std::vector<double> parmstart;              // where the optimizer began
   std::vector<double> parmlast;               // point that str.grad belongs to; empty when none
   std::vector<double> metric, metric_point;   // a Hessian that a run may start from (packed), and its point; empty: none
   bool dograd = false;                        // gradient wanted from the objective

@@ -22,12 +22,7 @@ using syntax::torvale_slot;
 
 host::MessagePlace place_at(const NX& n, const char* statement, syntax::Position where)
 {
-  host::MessagePlace place;
-  place.statement = statement;
-  const syntax::Position user = n.sources->user_position(where);
-  place.line = user.line;
-  place.column = user.column;
-  return place;
+  return n.sources->place(statement, where);
 }
 
 int log_diagnostics(NX& n)
@@ -42,8 +37,11 @@ int log_diagnostics(NX& n)
                                                                              : host::Severity::error;
     message.text = d.text;
     if (d.where.line > 0) message.text += " (" + n.sources->describe(d.where) + ")";
-    message.line = n.sources->user_position(d.where).line;
-    message.column = n.sources->user_position(d.where).column;
+    const auto place = n.sources->place({}, d.where);
+    message.file = place.program;
+    message.line = place.line;
+    message.column = place.column;
+    message.source = place.source;
     if (message.severity == host::Severity::error) ++errors;
     if (message.severity == host::Severity::warning) n.raise(4);
     n.host->log().post(std::move(message));

@@ -10,10 +10,10 @@ _torvale()
     --threads|--seed|--separator) return ;;
     --out) COMPREPLY=($(compgen -d -- "$word")); return ;;
     --format) COMPREPLY=($(compgen -W "text json" -- "$word")); return ;;
-    --json|--html|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
+    --json|--html|--figures|--tables|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
   esac
   case $command in
-    run) options="--data --library --separator --json --log --no-color --out --html --list --threads --seed --strict --quiet" ;;
+    run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --strict --quiet" ;;
     check) options="--data --library --separator --json --log --no-color --statements --format" ;;
     describe) options="--library --separator" ;;
     explain) return ;;
