@@ -16,14 +16,6 @@ namespace {
 
 using host::CellKind;
 
-// A value of a column as its format shows it.
-std::string shown(const host::Column& column, double value)
-{
-  std::string problem;
-  const auto format = host::parse_value_format(column.format().empty() ? "BEST10." : column.format(), problem);
-  return column.numeric() && format ? std::string(host::stripped(host::format_value(value, *format))) : std::string();
-}
-
 // What describe tells of one column.
 struct Description {
   long missing = 0;
@@ -114,22 +106,27 @@ host::Table number_table(const host::DataSet& data, const std::vector<Descriptio
   return table;
 }
 
-// Dates and times, as their formats show them.
-host::Table moment_table(const host::DataSet& data, const std::vector<Description>& all)
+// A value of a column as its format shows it.
+std::string shown(const host::Column& column, double value)
 {
-  host::Table table("DateVariables", "Dates and Times",
-                    {{"Variable", CellKind::text, "Variable", "", ""},
-                     {"Format", CellKind::text, "Format", "", ""},
-                     integer("Count"),
-                     integer("Missing"),
-                     integer("Distinct"),
-                     {"Minimum", CellKind::text, "Minimum", "", ""},
-                     {"Maximum", CellKind::text, "Maximum", "", ""}});
+  std::string problem;
+  const auto format = host::parse_value_format(column.format().empty() ? "BEST10." : column.format(), problem);
+  return format ? std::string(host::stripped(host::format_value(value, *format))) : std::string();
+}
+
+host::Table date_table(const host::DataSet& data, const std::vector<Description>& all)
+{
+  const auto text = [](const char* name) { return host::TableColumn{name, CellKind::text, name, "", ""}; };
+  host::Table table("DateVariables", "Date and Time Variables",
+                    {text("Variable"), text("Format"), integer("Count"), integer("Missing"), integer("Distinct"),
+                     text("Minimum"), text("Median"), text("Maximum")});
   for (std::size_t k = 0; k < all.size(); ++k) {
     const host::Column& column = data.columns()[k];
-    if (!column.numeric() || column.moment() == host::Moment::none) continue;
-    table.row({column.name(), column.format(), all[k].numbers.size(), all[k].missing, all[k].distinct,
-               shown(column, quantile(all[k].numbers, 0)), shown(column, quantile(all[k].numbers, 1))});
+    const Description& d = all[k];
+    if (column.moment() == host::Moment::none) continue;
+    table.row({column.name(), column.format(), d.numbers.size(), d.missing, d.distinct,
+               shown(column, quantile(d.numbers, 0)), shown(column, quantile(d.numbers, 0.5)),
+               shown(column, quantile(d.numbers, 1))});
   }
   return table;
 }
@@ -203,7 +200,7 @@ int describe_command(const std::string& data, const std::vector<std::pair<std::s
   std::vector<Description> all;
   for (const host::Column& column : set->columns()) all.push_back(described(column));
   std::string text = std::to_string(set->rows()) + " rows, " + std::to_string(set->columns().size()) + " variables\n";
-  for (const host::Table& table : {number_table(*set, all), moment_table(*set, all), text_table(*set, all)})
+  for (const host::Table& table : {number_table(*set, all), date_table(*set, all), text_table(*set, all)})
     if (!table.rows().empty()) text += "\n" + host::listing_text(table, 110);
   if (const std::string subjects = subject_candidates(*set, all); !subjects.empty())
     text += "\nMay name the subjects: " + subjects + "\n";

@@ -53,9 +53,9 @@ struct Message {
   int by_group = -1; // number of the BY group from 0, -1 outside
   // Where in the program; line 0: nowhere, or told by the text alone.
   std::string file{};
-  int line = 0;         // from 1
-  int column = 0;       // from 1; 0: only the line is known
-  int length = 0;       // characters from there on
+  int line = 0;
+  int column = 0;       // from 1; 0: the whole line
+  int length = 0;       // characters from there on; 0: not known
   std::string source{}; // text of that line
 };
 

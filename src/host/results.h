@@ -81,6 +81,7 @@ struct RunResults {
 // The results as JSON. Numbers read back as the same double.
 std::string results_json(const RunResults& results);
 
+
 // The messages as diagnostics of a program, in the form that language servers give: an object with "uri" and
 // "diagnostics", each with range (lines and characters from 0), severity (1 error, 2 warning, 3 note), code, source and
 // message. Messages without a place stand at the beginning.

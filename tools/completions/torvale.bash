@@ -8,9 +8,9 @@ _torvale()
   fi
   case $before in
     --threads|--seed|--separator) return ;;
-    --out) COMPREPLY=($(compgen -d -- "$word")); return ;;
+    --out|--figures) COMPREPLY=($(compgen -d -- "$word")); return ;;
     --format) COMPREPLY=($(compgen -W "text json" -- "$word")); return ;;
-    --json|--html|--figures|--tables|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
+    --json|--html|--tables|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
   esac
   case $command in
     run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --strict --quiet" ;;
