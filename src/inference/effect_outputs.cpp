@@ -4,6 +4,7 @@
 #include "host/message_names.h"
 #include "host/missing.h"
 #include "host/text.h"
+#include "inference/open_output.h"
 #include "inference/output_columns.h"
 #include "inference/shrinkage.h"
 #include "inference/standard_errors.h"
@@ -33,7 +34,7 @@ void declare_effects(NX& n, OutputDataSet& out, std::size_t deepest)
 {
   declare_subject(n, out, deepest);
   out.add_column("Effect", host::ColumnKind::character, "Random Effect");
-  add_result(n, out, "Estimate", "Empirical Bayes Estimate");
+  add_output_column(n, out, "Estimate", "Empirical Bayes Estimate");
   add_test_columns(n, out);
   if (!out.data().label.empty()) return;
   out.data().label =
@@ -43,18 +44,18 @@ void declare_effects(NX& n, OutputDataSet& out, std::size_t deepest)
 void declare_probabilities(NX& n, OutputDataSet& out)
 {
   declare_subject(n, out, 0);
-  add_result(n, out, "Point", "");
-  add_result(n, out, "Estimate", "Posterior Probability Estimate");
+  add_output_column(n, out, "Point", "");
+  add_output_column(n, out, "Estimate", "Posterior Probability Estimate");
   add_test_columns(n, out);
 }
 
 void declare_rounds(NX& n, OutputDataSet& out)
 {
   declare_subject(n, out, 0);
-  add_result(n, out, "Round", "Round");
-  add_result(n, out, "Level", "Level");
+  add_output_column(n, out, "Round", "Round");
+  add_output_column(n, out, "Level", "Level");
   out.add_column("Effect", host::ColumnKind::character, "Random Effect");
-  add_result(n, out, "Estimate", "Estimate");
+  add_output_column(n, out, "Estimate", "Estimate");
 }
 
 // The name of a level's data set that only OUTR= asked for.
@@ -189,24 +190,24 @@ int open_effect_outputs(NX& n)
     REFFECT& reff = n.reff[k];
     if (reff.outeb == nullptr && n.outr == nullptr) continue;
     reff.outebfid = reff.outeb != nullptr
-                        ? open_data_set(n, *reff.outeb, "RANDOM")
+                        ? open_output(n, *reff.outeb, "RANDOM")
                         : n.host->libraries().open_output({name_of_part(n, k), false, {}}, n.host->log());
     if (reff.outebfid == nullptr) return 1;
     declare_effects(n, *reff.outebfid, k);
   }
   for (REFFECT& reff : n.reff) {
     if (reff.outpp != nullptr) {
-      reff.outppfid = open_data_set(n, *reff.outpp, "RANDOM");
+      reff.outppfid = open_output(n, *reff.outpp, "RANDOM");
       if (reff.outppfid == nullptr) return 1;
       declare_probabilities(n, *reff.outppfid);
     }
     if (reff.outri == nullptr) continue;
-    reff.outrifid = open_data_set(n, *reff.outri, "RANDOM");
+    reff.outrifid = open_output(n, *reff.outri, "RANDOM");
     if (reff.outrifid == nullptr) return 1;
     declare_rounds(n, *reff.outrifid);
   }
   if (n.outr == nullptr) return 0;
-  n.eboutfid = open_data_set(n, *n.outr, "TORVALE");
+  n.eboutfid = open_output(n, *n.outr, "TORVALE");
   if (n.eboutfid == nullptr) return 1;
   declare_effects(n, *n.eboutfid, 0);
   return 0;

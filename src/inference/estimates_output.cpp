@@ -2,6 +2,7 @@
 
 #include "host/libraries.h"
 #include "host/missing.h"
+#include "inference/open_output.h"
 #include "inference/output_columns.h"
 #include "inference/standard_errors.h"
 #include "matrix/packed.h"
@@ -16,17 +17,17 @@ using model::NX;
 int open_estimates_output(NX& n)
 {
   if (n.outest == nullptr) return 0;
-  n.outestfid = open_data_set(n, *n.outest, "TORVALE");
+  n.outestfid = open_output(n, *n.outest, "TORVALE");
   if (n.outestfid == nullptr) return 1;
   host::OutputDataSet& out = *n.outestfid;
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   out.add_column("Parameter", host::ColumnKind::character, "Parameter");
-  add_result(n, out, "Estimate", "Estimate");
-  add_result(n, out, "StandardError", "Standard Error");
-  add_result(n, out, "LowerBC", "Lower Bound");
-  add_result(n, out, "UpperBC", "Upper Bound");
-  add_result(n, out, "Gradient", "Gradient");
-  for (const auto& p : n.parmstr) add_result(n, out, "Cov_" + p.parmname, "Covariance with " + p.parmname);
+  add_output_column(n, out, "Estimate", "Estimate");
+  add_output_column(n, out, "StandardError", "Standard Error");
+  add_output_column(n, out, "LowerBC", "Lower Bound");
+  add_output_column(n, out, "UpperBC", "Upper Bound");
+  add_output_column(n, out, "Gradient", "Gradient");
+  for (const auto& p : n.parmstr) add_output_column(n, out, "Cov_" + p.parmname, "Covariance with " + p.parmname);
   return 0;
 }
 

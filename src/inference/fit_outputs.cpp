@@ -3,6 +3,7 @@
 #include "host/libraries.h"
 #include "inference/effect_outputs.h"
 #include "inference/estimates_output.h"
+#include "inference/open_output.h"
 #include "inference/output_columns.h"
 #include "inference/predictions.h"
 
@@ -20,13 +21,13 @@ void declare(NX& n, PredictStatement& statement)
   OutputDataSet& out = *statement.output;
   for (const auto& column : n.fid->columns()) out.add_column_like(column);
   for (const auto* symbol : n.idsym.s) out.add_column(symbol->name, host::ColumnKind::numeric);
-  add_result(n, out, "Pred", "Predicted Value");
+  add_output_column(n, out, "Pred", "Predicted Value");
   add_test_columns(n, out);
   if (!statement.derivatives) return;
-  for (const auto& p : n.parmstr) add_result(n, out, "Der_" + p.parmname, "Der " + p.parmname);
+  for (const auto& p : n.parmstr) add_output_column(n, out, "Der_" + p.parmname, "Der " + p.parmname);
   for (std::size_t level = n.reff.size(); level > 0; --level)
     for (const auto& effect : n.reff[level - 1].names)
-      add_result(n, out, "Der_" + effect + "_" + std::to_string(n.reff.size() - level + 1), "Der " + effect);
+      add_output_column(n, out, "Der_" + effect + "_" + std::to_string(n.reff.size() - level + 1), "Der " + effect);
 }
 
 void write(const NX& n, const PredictStatement& statement, const PredictionColumns& c)
@@ -52,7 +53,7 @@ int open_fit_outputs(NX& n)
 {
   for (PredictStatement& statement : n.predictions) {
     if (statement.out == nullptr) continue;
-    statement.output = open_data_set(n, *statement.out, "PREDICT");
+    statement.output = open_output(n, *statement.out, "PREDICT");
     if (statement.output == nullptr) return 1;
     declare(n, statement);
   }

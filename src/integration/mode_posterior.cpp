@@ -70,7 +70,7 @@ private:
     for (int i = 0; i < nr_; ++i) u[i] = b.ran[static_cast<std::size_t>(i * b.pair_stride + column)];
     double* const v = out.covariance.data() + subject * static_cast<std::size_t>(nrs_);
     covariance_of_effects(slot, v);
-    keep_prior(slot, subject, out);
+    keep_prior(n_, b, slot, out);
 
     const double* const slope = b.slope.data() + static_cast<long>(slot) * nr_;
     const double* const curve = b.curve.data() + static_cast<long>(slot) * nrs_;
@@ -92,20 +92,6 @@ private:
       for (int i = 0; i < nr_; ++i) d[i * np_ + j] = step[i] + pull[i];
     }
     out.known[subject] = 1;
-  }
-
-  void keep_prior(int slot, std::size_t subject, Posterior& out) const
-  {
-    const BatchWork& b = ctx_.batch;
-    const long p = modes::prior_of(n_, slot);
-    const double* const l = b.factor.data() + p * nrs_;
-    const double* const by = b.arguments.data() + p * reff_.setup.places + reff_.argument_derivative(0, 0, np_);
-    std::copy_n(b.mean.data() + p * nr_, nr_, out.mean.data() + subject * static_cast<std::size_t>(nr_));
-    std::copy_n(by, nr_ * np_, out.mean_by.data() + subject * static_cast<std::size_t>(nr_ * np_));
-    double* g = out.prior.data() + subject * static_cast<std::size_t>(nrs_);
-    for (int i = 0; i < nr_; ++i)
-      for (int j = 0; j <= i; ++j)
-        *g++ = std::inner_product(l + packed_index(i, 0), l + packed_index(i, j) + 1, l + packed_index(j, 0), 0.0);
   }
 
   // V = L (inverse Hessian by z) L', u = m + L z.
@@ -133,6 +119,22 @@ private:
 };
 
 } // namespace
+
+void keep_prior(const NX& n, const BatchWork& b, int slot, Posterior& out)
+{
+  const REFFECT& reff = n.leaf();
+  const int nr = reff.nr, np = n.nparm;
+  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
+  const long p = modes::prior_of(n, slot);
+  const double* const l = b.factor.data() + p * reff.nrs;
+  const double* const by = b.arguments.data() + p * reff.setup.places + reff.argument_derivative(0, 0, np);
+  std::copy_n(b.mean.data() + p * nr, nr, out.mean.data() + subject * static_cast<std::size_t>(nr));
+  std::copy_n(by, nr * np, out.mean_by.data() + subject * static_cast<std::size_t>(nr * np));
+  double* g = out.prior.data() + subject * static_cast<std::size_t>(reff.nrs);
+  for (int i = 0; i < nr; ++i)
+    for (int j = 0; j <= i; ++j)
+      *g++ = std::inner_product(l + packed_index(i, 0), l + packed_index(i, j) + 1, l + packed_index(j, 0), 0.0);
+}
 
 std::unique_ptr<PosteriorWork> mode_posterior(const NX& n, TVLThreadCtx& ctx)
 {

@@ -26,7 +26,7 @@ public:
       ctx->frame->set_parameters(n.parm.data());
       ctx->batch.prior_loaded = false;
       for (auto& level : ctx->nests.level) level.prior_loaded = false;
-      if (n.method == 4) continue;
+      if (n.method == 4 || (n.method == 1 && !n.lb)) continue;
       work_.push_back(n.nreff() > 1 ? nest_posterior(n, *ctx) : mode_posterior(n, *ctx));
     }
   }
@@ -46,6 +46,7 @@ private:
   {
     take_batch(n_, ctx, batch);
     if (n_.method == 4) return support_posteriors(n_, ctx, out_);
+    if (n_.method == 1 && !n_.lb) return linear_posteriors(n_, ctx, out_);
     return work_[static_cast<std::size_t>(context)]->run(out_);
   }
 

@@ -41,6 +41,10 @@ int find_rounds(model::NX& n, std::vector<model::RoundEffect>& rounds);
 // chain holds the effects of that subject from first_effect on. -1: there is none.
 int known_leaf(const model::NX& n, const Posterior& posterior, std::size_t level, int subject);
 
+// linear_posteriors: the same for the batch in hand of a context, first order around the mean of the effects: their mean and covariance given the
+// data in the linear model.
+int linear_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);
+
 // support_posteriors: the same for the batch in hand of a context, with a discrete distribution. support_size: its
 // points.
 int support_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);

@@ -19,4 +19,7 @@ public:
 std::unique_ptr<PosteriorWork> mode_posterior(const model::NX& n, model::TVLThreadCtx& ctx);
 std::unique_ptr<PosteriorWork> nest_posterior(const model::NX& n, model::TVLThreadCtx& ctx);
 
+// keep_prior: mean, its derivatives and covariance of the prior of a slot, with one level.
+void keep_prior(const model::NX& n, const model::BatchWork& b, int slot, Posterior& out);
+
 } // namespace torvale::integration

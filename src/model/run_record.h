@@ -153,6 +153,8 @@ struct ModelLists {
   std::string depname;                        // dependent variable
   engine::CMPSYM* depsym = nullptr;
   engine::CMPSYM* llsym = nullptr;            // _ll
+  engine::CMPSYM* meansym = nullptr;          // first order: mean and variance of the response
+  engine::CMPSYM* variancesym = nullptr;
   engine::CMPSYM* repsym = nullptr;           // REPLICATE variable, or null
   int nparm = 0;                              // parameters
   std::vector<PARMSTR> parmstr;               // one per parameter
@@ -179,6 +181,10 @@ struct ModelLists {
   std::vector<EstimateStatement> estimates;   // ESTIMATE
   std::vector<EstimateStatement> contrasts;   // CONTRAST
   std::vector<PredictStatement> predictions;  // PREDICT
+  const syntax::StItem* outq = nullptr;       // OUTQ=; borrowed
+  host::OutputDataSet* outqfid = nullptr;     // open from statement processing to the end of the step; borrowed
+  const syntax::StItem* outsg = nullptr;      // SUBGRADIENT=; borrowed
+  host::OutputDataSet* sgradfid = nullptr;    // likewise
   SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;

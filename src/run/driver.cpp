@@ -5,6 +5,7 @@
 #include "host/message_names.h"
 #include "inference/estimates_output.h"
 #include "inference/fit_outputs.h"
+#include "inference/method_outputs.h"
 #include "inference/picture_data.h"
 #include "inference/tables.h"
 #include "inference/verdict.h"
@@ -58,8 +59,9 @@ int report_fit(NX& n)
   inference::write_fit_tables(n);
   inference::write_estimates_output(n);
   if (n.znlprc <= 0) return exit_not_converged;
-  int exit_code = exit_of_outcome(n);
-  if (n.nparm == 0) exit_code = exit_clean;
+  int exit_code = n.nparm == 0 ? exit_clean : exit_of_outcome(n);
+  inference::write_points(n);
+  if (inference::write_importance_sampling(n) > 2 || inference::write_subject_gradients(n) != 0) exit_code = exit_program;
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;

@@ -185,8 +185,6 @@ private:
     const int expected = expected_arguments(text.code);
     if (static_cast<int>(arguments.size()) != expected)
       return refuse(message::wrong_number_of_model_arguments{.expected = expected, .found = arguments.size()});
-    if (method == 1 && !procedure.flag(torvale_flag::lb))
-      return 0; // the first-order method takes mean and variance themselves
     if (model.slot(model_slot::dependent).list.empty()) return 0;
     text.dependent = model.slot(model_slot::dependent).list[0].text;
     for (const auto& argument : arguments) text.arguments.push_back(syntax::to_text(*argument.expr));
