@@ -21,7 +21,7 @@
 #include "evaluation/record_sums.h"
 #include "host/message_names.h"
 #include "integration/evaluation_parts.h"
-#include "integration/posterior.h"
+#include "integration/posterior_work.h"
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
 
@@ -346,6 +346,7 @@ int linear_posteriors(const NX& n, TVLThreadCtx& ctx, Posterior& out)
       m.effects(out.estimate.data() + subject * nr, out.covariance.data() + subject * nrs,
                 out.derivative.data() + subject * nr * n.nparm);
     });
+    keep_prior(n, b, slot, out);
     out.known[static_cast<std::size_t>(subject)] = 1;
   }
   return 0;

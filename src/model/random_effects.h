@@ -109,6 +109,9 @@ struct REFFECT {
   bool setup_varies = false;           // they differ between subjects
   int argument_derivative(int a, int j, int np) const { return nd + a * np + j; }
 
+  const syntax::StItem* outri = nullptr; // OUTRI$=; borrowed
+  host::OutputDataSet* outrifid = nullptr; // its data set, open to the end of the step; borrowed
+
   std::vector<int> rhs;                // data variables (dsvarno) that its distribution arguments depend on
 
   // --- what a BY group decides -------------------------------------------------------------------------------------

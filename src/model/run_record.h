@@ -107,7 +107,7 @@ struct PredictStatement {
   engine::CMPSYM* value = nullptr;
   engine::CMPDER der;           // by the parameters, then the random effects
   const engine::Program* program = nullptr; // the value, then the derivatives at the places `list`
-  std::vector<int> list;        // places of the derivatives: parameters first, then effects
+  std::vector<int> list;        // places of the derivatives: parameters first, then effects; the ID variables follow them
   const syntax::StItem* out = nullptr; // OUT=; borrowed
   host::OutputDataSet* output = nullptr; // open from statement processing to the end of the step; borrowed
   double alpha = -1.0;          // ALPHA= or -1
@@ -138,6 +138,11 @@ struct StartingData {
 
 struct ModelLists {
   syntax::PROCSTR* proc = nullptr;            // parsed statements; borrowed
+  const syntax::StItem* outr = nullptr;       // OUTR=; borrowed
+  host::OutputDataSet* eboutfid = nullptr;    // its data set, open to the end of the step; borrowed
+  const syntax::StItem* outest = nullptr;     // OUTEST=; borrowed
+  host::OutputDataSet* outestfid = nullptr;   // likewise
+  engine::CMPLIST idsym;                      // variables of the program that ID adds to predictions
   const host::DataSet* fid = nullptr;         // input data set; borrowed from the driver
   std::string data_name;                      // its name for people: library and member
   StartingData pdata;                         // PARMS / DATA=

@@ -3,6 +3,7 @@
 #include "data/data_pass.h"
 #include "data/starting_values.h"
 #include "host/message_names.h"
+#include "inference/estimates_output.h"
 #include "inference/fit_outputs.h"
 #include "inference/method_outputs.h"
 #include "inference/picture_data.h"
@@ -56,16 +57,16 @@ int report_fit(NX& n)
   inference::warn_of_standard_errors(n);
   inference::write_verdict(n);
   inference::write_fit_tables(n);
+  inference::write_estimates_output(n);
   if (n.znlprc <= 0) return exit_not_converged;
-  int exit_code = exit_of_outcome(n);
+  int exit_code = n.nparm == 0 ? exit_clean : exit_of_outcome(n);
   inference::write_points(n);
   if (inference::write_importance_sampling(n) > 2 || inference::write_subject_gradients(n) != 0) exit_code = exit_program;
-  if (n.nparm == 0) return exit_clean;
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
-    if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   }
+  if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   return exit_code;
 }
 

@@ -16,7 +16,6 @@ namespace torvale::run {
 
 using model::NX;
 using syntax::model_slot;
-using syntax::random_slot;
 using syntax::replicate_slot;
 using syntax::STMT;
 using syntax::torvale_slot;
@@ -98,21 +97,6 @@ void refuse_second(NX& n, const char* word)
   if (syntax::FindStmt(*n.proc, word, &stmt) < 2) return;
   n.host->log().xpmlog(message::repeated_statement{.statement = word}, place_at(n, word, stmt->where));
   tvlexit(n, 3000);
-}
-
-// The statements and options of this version's language that the run cannot serve end it with a message: never a fit
-// without them.
-void refuse_unserved(NX& n)
-{
-  const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
-    n.host->log().xpmlog(message::not_available{.what = what}, place_at(n, statement, where));
-    tvlexit(n, 3000);
-  };
-  const STMT& procedure = n.proc->statements.front();
-  for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "RANDOM" && stmt.given(random_slot::outri)) refuse("OUTRI$ of RANDOM", "RANDOM", stmt.where);
-  }
-  if (procedure.given(torvale_slot::outr)) refuse("OUTR=", "TORVALE", procedure.slot(torvale_slot::outr).where);
 }
 
 // SUBGRADIENT= and OUTQ=.
@@ -203,6 +187,10 @@ void random_statements(NX& n, const STMT& procedure)
     n.method = 0;
     n.adaptive = n.adscale = false;
     n.nqp = 1;
+    if (procedure.given(torvale_slot::outr)) {
+      log.xpmlog(message::outr_without_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::outr).where));
+      n.raise(4);
+    }
     return;
   }
   if (statements.size() > 1 && n.method != 0) {
@@ -218,7 +206,10 @@ void random_statements(NX& n, const STMT& procedure)
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
   STMT* prediction = nullptr;
-  n.wants_effects = n.leaf().outeb != nullptr || n.leaf().outpp != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
+  if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
+    n.outr = &out[0];
+  n.wants_effects = n.outr != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
+                    std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr || r.outpp != nullptr; });
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
@@ -316,7 +307,6 @@ void tvlinit(NX& n)
   engine::cmpprogram(*n.gcmp, n.proc->program);
   end_on_errors(n, 1012);
 
-  refuse_unserved(n);
   by_variables(n);
   model_statement(n);
   refuse_character_dependent(n);
