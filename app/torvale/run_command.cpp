@@ -133,6 +133,7 @@ int run_command(const RunArguments& arguments)
   settings.threads = arguments.threads;
   settings.seed = arguments.seed;
   settings.check_only = arguments.check_only;
+  settings.memory = arguments.memory;
   settings.strict = arguments.strict;
   for (const std::string& path : {arguments.program, output.list, output.log, output.json, output.html})
     if (!path.empty() && path != "-") settings.own_files.push_back(path);
