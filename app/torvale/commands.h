@@ -13,6 +13,8 @@ struct Output {
   std::string html;      // --html
   std::string list;      // --list
   std::string log;       // --log
+  std::string figures;   // --figures: a folder of SVG files
+  std::string tables;    // --tables: a folder of CSV files, or an SQLite file
   bool quiet = false;    // --quiet: no listing on standard output
   bool no_color = false; // --no-color
 };

@@ -38,6 +38,10 @@ int main(int argc, char** argv)
   using namespace torvale::app;
   CLI::App app{"Torvale fits nonlinear mixed models by maximum likelihood."};
   app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 clean, or with warnings; 1 internal fault, memory, or a file that could not be written; 2 wrong\n"
+      "command line; 3 wrong program; 4 data; 5 a fit did not converge; 6 converged, but the covariance of the\n"
+      "estimates, or of some of them, is missing; 7 the objective has no value at any start; 130 interrupted.");
   app.set_version_flag("--version", "torvale " + std::string(torvale::version()));
 
   RunArguments arguments;
@@ -61,6 +65,9 @@ int main(int argc, char** argv)
   run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
   run->add_option("--html", arguments.output.html, "the report");
   run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
+  run->add_option("--figures", arguments.output.figures, "a folder for the report's pictures as SVG files");
+  run->add_option("--tables", arguments.output.tables,
+                  "every output table: a folder of CSV files, or an SQLite file (.db, .sqlite) or library");
   run->add_option("--threads", arguments.threads,
                   "worker threads when the program does not say: 0 serial, -1 all cores")
       ->check(CLI::Range(-1, 1024));

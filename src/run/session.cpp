@@ -1,6 +1,7 @@
 #include "run/session.h"
 
 #include "host/host.h"
+#include "host/message_names.h"
 #include "run/exit_codes.h"
 #include "run/program_runner.h"
 
@@ -44,11 +45,16 @@ RunOutcome Session::run(std::string program)
 {
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
+  const std::string upper = host::wzstrup(program);
+  for (const auto& [name, path] : s.data)
+    if (upper.find(host::wzstrup(name)) == std::string::npos) state_->host->log().xpmlog(message::data_binding_unused{.name = name});
   auto result = run::run_program(
-      *state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
+      *state_->host,
+      {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.hash_data, s.pictures, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();
+  outcome.results.source = std::move(program);
   return outcome;
 }
 

@@ -28,6 +28,8 @@ struct RunSettings {
   int threads = 0;                    // workers when the program does not say: 0 serial, negative all cores
   long seed = 0;                      // seed when the program does not say; 0 the clock
   bool check_only = false;            // parse and compile, fit nothing
+  bool hash_data = false;             // tell the SHA-256 of the input file (DataSource::sha256)
+  bool pictures = false;              // draw pictures of every fit (GroupResult::pictures)
   bool strict = false;                // names that would become parameters without being in PARMS are errors
   std::vector<std::string> own_files; // files that the caller writes or reads beside the run: never replaced
   // Hooks; any may be empty. Called on the thread that calls run().

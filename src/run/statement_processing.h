@@ -42,6 +42,8 @@ void specialise_expression_statements(model::NX& n);
 void read_prediction_statements(model::NX& n);
 void specialise_prediction_statements(model::NX& n);
 
+// write_model_summary: "Specifications" and "ModelSummary", for a program that is only checked.
+void write_model_summary(model::NX& n);
 // MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs (after).
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);

@@ -33,7 +33,7 @@ Run fit(const std::string& options, std::uint64_t memory = 0)
       "TORVALE DATA=records QPOINTS=1 " + options +
       "; PARMS b0=1 b1=0.5 v=0.1 vu=0.3; shift = 0.001*(site = 'a'); slow = x*x; "
       "MODEL y ~ NORMAL(b0 + b1*x + shift + 1e-6*slow + u, v); RANDOM u ~ NORMAL(0, vu) SUBJECT=id; RUN;";
-  return run_text(program, "examples", 0, {{"records", records().path()}}, memory);
+  return run_text(program, "examples", 0, {{"records", records().path()}}, false, memory);
 }
 
 } // namespace
@@ -66,7 +66,7 @@ TEST(LargeData, AGroupThatDoesNotFitIsKeptInAScratchFile)
   const std::string program = "TORVALE DATA=small NTHREADS=2; PARMS m=1 v=0.01 vu=0.02; MODEL y ~ NORMAL(m + u, v); "
                               "RANDOM u ~ NORMAL(0, vu) SUBJECT=id; RUN;";
   const Run roomy = run_text(program, "examples", 0, {{"small", data.path()}});
-  const Run tight = run_text(program, "examples", 0, {{"small", data.path()}}, 1000);
+  const Run tight = run_text(program, "examples", 0, {{"small", data.path()}}, false, 1000);
   EXPECT_EQ(tight.outcome.exit_code, 0) << tight.log;
   EXPECT_TRUE(tight.said(503, 9508) && tight.said(503, 653)) << tight.log;
   EXPECT_EQ(tight.column("ParameterEstimates", "Estimate"), roomy.column("ParameterEstimates", "Estimate"));

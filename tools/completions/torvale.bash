@@ -8,12 +8,12 @@ _torvale()
   fi
   case $before in
     --threads|--seed|--memory|--separator) return ;;
-    --out) COMPREPLY=($(compgen -d -- "$word")); return ;;
+    --out|--figures) COMPREPLY=($(compgen -d -- "$word")); return ;;
     --format) COMPREPLY=($(compgen -W "text json" -- "$word")); return ;;
-    --json|--html|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
+    --json|--html|--tables|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
   esac
   case $command in
-    run) options="--data --library --separator --json --log --no-color --out --html --list --threads --seed --memory --strict --quiet" ;;
+    run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --memory --strict --quiet" ;;
     check) options="--data --library --separator --json --log --no-color --statements --format" ;;
     describe) options="--library --separator" ;;
     explain) return ;;

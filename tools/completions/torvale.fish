@@ -9,6 +9,8 @@ complete -c torvale -n "__fish_seen_subcommand_from run check" -l log -r -d "log
 complete -c torvale -n "__fish_seen_subcommand_from run check" -l no-color -d "plain text"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l out -r -d "one folder for everything of the run"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l html -r -d "the report"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l figures -r -d "a folder for the pictures as SVG files"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l tables -r -d "every output table: a folder or an SQLite file"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l list -r -d "listing to a file"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l threads -r -d "worker threads"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l seed -r -d "seed"
