@@ -82,6 +82,7 @@ struct RunOptions {
   bool pictures = false;      // somebody will look at pictures of the fit
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
+  bool sortwarn = false;      // no memory to sort by subject: as with NOSORTSUB
   bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
   bool reobsinfo = false;     // REOBSINFO$: tables of the subjects
   bool runThreads = false;    // NTHREADS= not 0

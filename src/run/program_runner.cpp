@@ -138,6 +138,7 @@ private:
       if (!options) return variables;
       reference.options = std::move(*options);
     }
+    if (procedure.flag(torvale_flag::nosortsub)) reference.memory = std::make_shared<host::ScratchFile>();
     data_ = host_.libraries().xoopen(reference, host_.log(), place);
     if (data_)
       for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
