@@ -114,7 +114,12 @@ private:
   {
     for (const int k : out_.null) {
       for (const double a : {0.1, -0.1, 1.0, -1.0}) change_along(k, a);
-      if (out_.better.empty()) runaway(k);
+      if (!out_.better.empty()) continue;
+      runaway(k);
+      // Where all curvature is rounding the directions mix parameters at random: each is asked alone too.
+      for (int i = 0; i < m(); ++i)
+        if (const int j = out_.curvature.free[static_cast<std::size_t>(i)]; std::abs(vector(i, k)) > 0.3 && ran_away(j))
+          note_separated(j);
     }
   }
 
@@ -149,8 +154,20 @@ private:
     for (int i = 0; i < m(); ++i) {
       const int j = out_.curvature.free[static_cast<std::size_t>(i)];
       if (c.scale(j) <= c.own_size(j) || out_.curvature.at(i, i) < 0.5) continue;
-      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed) note_separated(j);
+      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed || ran_away(j)) note_separated(j);
     }
+  }
+
+  // The way back to 0 rises far more than the curvature here promises, and the way on does not (or overflows).
+  bool ran_away(int coordinate)
+  {
+    const FitCoordinates& c = surface_.coordinates();
+    const double own = c.own_size(coordinate) / c.scale(coordinate);
+    const double home = -std::copysign(own, c.origin(coordinate));
+    const double back = change_of(coordinate, home);
+    if (back == largest || back < gain_allowed + 100.0 * own * own) return false;
+    const double onwards = change_of(coordinate, -home);
+    return onwards < gain_allowed || onwards == largest;
   }
 
   void note_separated(int coordinate)
