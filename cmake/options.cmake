@@ -1,8 +1,10 @@
 # Build options, language level, warnings and floating-point rules: the same for every room.
 
-option(TORVALE_TESTS "Build the tests" ON)
+option(TORVALE_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(TORVALE_BENCH "Build the benchmarks" OFF)
-option(TORVALE_APP "Build the command line program" ON)
+option(TORVALE_APP "Build the command line program" ${PROJECT_IS_TOP_LEVEL})
+option(TORVALE_INSTALL "Rules of installation and packages" ON)
+option(TORVALE_WERROR "Warnings are errors" ${PROJECT_IS_TOP_LEVEL})
 option(TORVALE_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
 set(TORVALE_SANITIZE "" CACHE STRING "Sanitizers: address;undefined or thread")
 
@@ -21,7 +23,7 @@ endif()
 
 add_library(torvale_flags INTERFACE)
 target_compile_options(torvale_flags INTERFACE
-  -Wall -Wextra -Wconversion -Wshadow -Werror
+  -Wall -Wextra -Wconversion -Wshadow $<$<BOOL:${TORVALE_WERROR}>:-Werror>
   # One point has one bit pattern: no contraction, no reassociation, in any build.
   -ffp-contract=off -fno-fast-math)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)

@@ -13,6 +13,8 @@ struct Output {
   std::string html;      // --html
   std::string list;      // --list
   std::string log;       // --log
+  std::string figures;   // --figures: a folder of SVG files
+  std::string tables;    // --tables: a folder of CSV files, or an SQLite file
   bool quiet = false;    // --quiet: no listing on standard output
   bool no_color = false; // --no-color
 };
@@ -22,17 +24,20 @@ struct RunArguments {
   std::vector<std::pair<std::string, std::string>> data;
   std::vector<std::pair<std::string, std::string>> libraries;
   Output output;
+  char separator = 0; // --separator; 0: found from the file
   int threads = 0;
   long seed = 0;
   bool strict = false;
   bool check_only = false;
   bool statements = false; // check: print the statement records
+  std::string format;      // check: "json" prints diagnostics for editors instead of the log
 };
 
 // run and check.
 int run_command(const RunArguments& arguments);
 // describe: variables, types, rows, missing values of a data set.
-int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries);
+int describe_command(const std::string& data, const std::vector<std::pair<std::string, std::string>>& libraries,
+                     char separator);
 // explain: a message's meaning, causes and remedies.
 int explain_command(const std::string& code);
 

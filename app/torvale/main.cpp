@@ -1,8 +1,9 @@
 // The command line. Reading it is all that happens here; the commands do the work.
 
+#include "host/data_set_options.h"
 #include "host/run_output.h"
+#include "run/session.h"
 #include "torvale/commands.h"
-#include "torvale/torvale.h"
 
 #include <CLI/CLI.hpp>
 
@@ -37,11 +38,15 @@ int main(int argc, char** argv)
   using namespace torvale::app;
   CLI::App app{"Torvale fits nonlinear mixed models by maximum likelihood."};
   app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 clean, or with warnings; 1 internal fault, memory, or a file that could not be written; 2 wrong\n"
+      "command line; 3 wrong program; 4 data; 5 a fit did not converge; 6 converged, but the covariance of the\n"
+      "estimates, or of some of them, is missing; 7 the objective has no value at any start; 130 interrupted.");
   app.set_version_flag("--version", "torvale " + std::string(torvale::version()));
 
   RunArguments arguments;
   std::vector<std::string> data, libraries;
-  std::string described, code;
+  std::string described, code, separator;
   const auto shared = [&](CLI::App* command) {
     command->add_option("PROGRAM", arguments.program, "program file; - for standard input")->required();
     command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")
@@ -50,6 +55,7 @@ int main(int argc, char** argv)
     command->add_option("--library", libraries, "NAME=PATH: a folder of CSV files or an SQLite file")
         ->type_size(1)
         ->allow_extra_args(false);
+    command->add_option("--separator", separator, "what separates the columns of text files: one character or tab");
     command->add_option("--json", arguments.output.json, "results as JSON; - for standard output");
     command->add_option("--log", arguments.output.log, "log to a file instead of standard error");
     command->add_flag("--no-color", arguments.output.no_color, "plain text");
@@ -59,6 +65,9 @@ int main(int argc, char** argv)
   run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
   run->add_option("--html", arguments.output.html, "the report");
   run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
+  run->add_option("--figures", arguments.output.figures, "a folder for the report's pictures as SVG files");
+  run->add_option("--tables", arguments.output.tables,
+                  "every output table: a folder of CSV files, or an SQLite file (.db, .sqlite) or library");
   run->add_option("--threads", arguments.threads,
                   "worker threads when the program does not say: 0 serial, -1 all cores")
       ->check(CLI::Range(-1, 1024));
@@ -68,9 +77,14 @@ int main(int argc, char** argv)
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
   shared(check);
   check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
+  check
+      ->add_option("--format", arguments.format,
+                   "text, or json: diagnostics with ranges on standard output, for editors")
+      ->check(CLI::IsMember({"text", "json"}));
   CLI::App* describe = app.add_subcommand("describe", "variables, types, rows and missing values of a data set");
   describe->add_option("DATA", described, "a file, or a name of a library given by --library")->required();
   describe->add_option("--library", libraries, "NAME=PATH")->type_size(1)->allow_extra_args(false);
+  describe->add_option("--separator", separator, "what separates the columns: one character or tab");
   CLI::App* explain = app.add_subcommand("explain", "what a message means and what to try");
   explain->add_option("CODE", code, "as 503/72")->required();
 
@@ -89,11 +103,15 @@ int main(int argc, char** argv)
   const auto data_pairs = split(data, "--data");
   const auto library_pairs = split(libraries, "--library");
   if (!data_pairs || !library_pairs) return 2;
+  if (!separator.empty() && !torvale::host::parse_separator(separator, arguments.separator)) {
+    std::fprintf(stderr, "torvale: --separator takes one character or tab, found \"%s\"\n", separator.c_str());
+    return 2;
+  }
   arguments.data = *data_pairs;
   arguments.libraries = *library_pairs;
 
   try {
-    if (*describe) return describe_command(described, *library_pairs);
+    if (*describe) return describe_command(described, *library_pairs, arguments.separator);
     if (*explain) return explain_command(code);
     arguments.check_only = static_cast<bool>(*check);
     return run_command(arguments);

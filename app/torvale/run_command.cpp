@@ -1,18 +1,24 @@
 #include "torvale/commands.h"
+#include "torvale/result_files.h"
 
 #include "host/run_output.h"
 #include "host/table_writers.h"
-#include "torvale/torvale.h"
+#include "host/text.h"
+#include "report/page.h"
+#include "run/session.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <unistd.h>
 
 namespace torvale::app {
 
@@ -20,10 +26,14 @@ namespace {
 
 Session* running = nullptr; // the session that a signal interrupts; set for the length of a run
 
-// The first signal asks the run to end after what it is doing; the next one ends the process.
+// The first signal asks the run to end after what it is doing, and says so at once; the next one ends the process.
 extern "C" void on_interrupt(int signal)
 {
   if (running != nullptr) running->interrupt();
+  static constexpr char words[] = "\r\x1b[Ktorvale: stopping after this batch; once more ends at once\n";
+  static constexpr std::size_t control = 4; // what only a terminal understands
+  const std::size_t from = host::is_terminal(2) ? 0 : control;
+  [[maybe_unused]] const auto written = ::write(2, words + from, sizeof words - 1 - from);
   std::signal(signal, SIG_DFL);
 }
 
@@ -91,6 +101,19 @@ std::string colored(std::string_view line)
   return color + std::string(line.substr(0, line.size() - (ends ? 1 : 0))) + "\x1b[0m" + (ends ? "\n" : "");
 }
 
+// When the run was and how long it took: in a file of its own, so that all others have the same bytes each time.
+bool write_run_times(const std::string& folder, std::chrono::system_clock::time_point started, std::string& problem)
+{
+  const std::time_t at = std::chrono::system_clock::to_time_t(started);
+  const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - started).count();
+  std::tm utc{};
+  gmtime_r(&at, &utc);
+  char date[40], text[120];
+  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  std::snprintf(text, sizeof text, "started %s\nseconds %.3f\n", date, seconds);
+  return host::write_file((std::filesystem::path(folder) / "run_times.txt").string(), text, problem);
+}
+
 } // namespace
 
 int run_command(const RunArguments& arguments)
@@ -102,7 +125,9 @@ int run_command(const RunArguments& arguments)
 
   Output output = arguments.output;
   const fs::path program = arguments.program;
-  const std::string stem = arguments.program == "-" ? "program" : program.stem().string();
+  std::error_code error;
+  const bool has_folder = arguments.program != "-" && fs::is_regular_file(program, error); // a pipe has none
+  const std::string stem = has_folder ? program.stem().string() : "program";
   if (!output.out.empty()) {
     if (!host::make_folder(output.out, problem)) return complain("cannot make the folder", output.out, problem, 1);
     const fs::path out = output.out;
@@ -123,27 +148,33 @@ int run_command(const RunArguments& arguments)
 
   RunSettings settings;
   settings.program_name = arguments.program == "-" ? "standard input" : program.filename().string();
-  settings.program_folder =
-      arguments.program == "-" || !program.has_parent_path() ? "." : program.parent_path().string();
+  settings.program_folder = !has_folder || !program.has_parent_path() ? "." : program.parent_path().string();
   settings.output_folder = output.out.empty() ? "." : output.out;
   settings.data = arguments.data;
   settings.libraries = arguments.libraries;
+  settings.separator = arguments.separator;
   settings.threads = arguments.threads;
   settings.seed = arguments.seed;
   settings.check_only = arguments.check_only;
+  settings.pictures = html.wanted() || !output.figures.empty();
+  settings.hash_data = html.wanted() || json.wanted();
   settings.strict = arguments.strict;
   for (const std::string& path : {arguments.program, output.list, output.log, output.json, output.html})
     if (!path.empty() && path != "-") settings.own_files.push_back(path);
   for (const auto& [name, path] : arguments.data) settings.own_files.push_back(path);
   settings.listing = [&](std::string_view s) { listing.write(s); };
-  settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
-  if (host::is_terminal(2) && output.log.empty())
+  const bool for_editors = arguments.format == "json"; // then the diagnostics are the log
+  if (!for_editors) settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
+  const std::string program_text = for_editors ? text : std::string();
+  if (host::is_terminal(2))
     settings.progress = [](std::string_view s) {
-      std::fprintf(stderr, "\r\x1b[K%.*s", static_cast<int>(s.size()), s.data());
+      const auto shown = host::cut_name(s, 79); // a longer line would wrap and stay
+      std::fprintf(stderr, "\r\x1b[K%.*s", static_cast<int>(shown.size()), shown.data());
       std::fflush(stderr);
     };
 
   RunOutcome outcome;
+  const auto started = std::chrono::system_clock::now();
   {
     Session session(std::move(settings));
     running = &session;
@@ -159,9 +190,16 @@ int run_command(const RunArguments& arguments)
 
   if (arguments.statements)
     for (const std::string& s : outcome.statements) listing.write(s);
+  if (for_editors) listing.write(host::diagnostics_json(outcome.results, arguments.program, program_text));
   if (json.wanted()) json.write(host::results_json(outcome.results));
-  if (html.wanted()) html.write(host::results_html(outcome.results));
+  if (html.wanted()) html.write(report::report_page(outcome.results));
   bool complete = true;
+  if (!output.figures.empty() && !write_figures(outcome.results, output.figures, problem))
+    complete = complain("cannot write the pictures to", output.figures, problem, 0) != 0;
+  if (!output.tables.empty() && !write_tables(outcome.results, output.tables, arguments.libraries, problem))
+    complete = complain("cannot write the tables to", output.tables, problem, 0) != 0;
+  if (!output.out.empty() && !write_run_times(output.out, started, problem))
+    complete = complain("cannot write to", output.out, problem, 0) != 0;
   for (const Channel* channel : {&listing, &log, &json, &html}) complete = channel->close() && complete;
   return complete ? outcome.exit_code : 1;
 }

@@ -251,9 +251,10 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
       std::string variables;
       for (const int dsvarno : reff.rhs)
         variables += (variables.empty() ? "" : ", ") + n.fid->columns()[static_cast<std::size_t>(dsvarno - 1)].name();
-      auto place = place_of(n, row);
-      place.statement = "RANDOM";
-      place.line = n.sources->user_position(reff.stmt->where).line;
+      const auto record = place_of(n, row);
+      auto place = n.sources->place("RANDOM", reff.stmt->where);
+      place.row = record.row;
+      place.subject = record.subject;
       n.host->log().xpmlog(
           message::random_argument_changes{.observation = observation_number(n, row), .variables = variables}, place);
       return 1;

@@ -16,10 +16,7 @@ namespace {
 
 host::MessagePlace place_of(const NX& n, syntax::Position where)
 {
-  host::MessagePlace place;
-  place.statement = "PARMS";
-  place.line = n.sources->user_position(where).line;
-  return place;
+  return n.sources->place("PARMS", where);
 }
 
 // first TO last BY step: the count is fixed at the start, so that rounding does not lose the end point.

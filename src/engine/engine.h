@@ -111,6 +111,9 @@ void cmpran(CMPGLOBAL& gcmp, CMPSYM* symbol, int random_effect_index);
 // cmpder: differentiates every object of obj by every variable of wrt (parameters and random effects). Objects may be
 // derivative symbols of earlier requests. Returns 0, or 1 with diagnostics (a function without a known derivative).
 int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp);
+// cmpcombine: the sum, difference, product or quotient of two symbols' values at the end of the program, of derivatives too, as a
+// symbol of its own; it can be differentiated. Null for any other operator.
+CMPSYM* cmpcombine(CMPGLOBAL& gcmp, syntax::Op op, const CMPSYM* a, const CMPSYM* b);
 // cmpcdep: true when the first symbol depends on the second. cmpdeps: the input symbols (data variables, parameters,
 // random effects, unresolved names) that a symbol depends on, in order of appearance.
 bool cmpcdep(CMPGLOBAL& gcmp, const CMPSYM* symbol, const CMPSYM* on);

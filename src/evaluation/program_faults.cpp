@@ -42,7 +42,9 @@ std::int64_t observation_number(const NX& n, std::int64_t row)
 FaultWords words_of(const NX& n, const engine::Fault& fault)
 {
   const syntax::Position where = n.sources->user_position(fault.where);
-  return {fault.text, where.line > 0 ? shortened(n.sources->line_text(where)) : "", where.line};
+  auto place = n.sources->place({}, fault.where);
+  place.column = 0; // the statement's line is meant
+  return {fault.text, where.line > 0 ? shortened(n.sources->line_text(where)) : "", std::move(place)};
 }
 
 } // namespace torvale::evaluation

@@ -10,18 +10,21 @@ host::MessagePlace place_of(const model::NX& n, std::int64_t row);
 // Number of a row in its BY group, from 1.
 std::int64_t observation_number(const model::NX& n, std::int64_t row);
 
-// The words of a fault for a message: what happened ("reason"), the text of the line ("source"), the line's number.
+// The words of a fault for a message: what happened ("reason"), the text of the line ("source"), and its place.
 struct FaultWords {
   std::string reason;
   std::string source;
-  int line = 0;
+  host::MessagePlace at;
 
-  // Fills the members of a message, and the line of its place.
+  // Fills the members of a message, and the line and file of its place.
   template <class Message> void add_to(Message& message, host::MessagePlace& place) const
   {
     message.reason = reason;
     message.source = source;
-    place.line = line;
+    place.line = at.line;
+    place.column = at.column;
+    place.program = at.program;
+    place.source = at.source;
   }
 };
 FaultWords words_of(const model::NX& n, const engine::Fault& fault);

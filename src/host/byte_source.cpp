@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <initializer_list>
 #include <vector>
 #include <zlib.h>
 #include <zstd.h>
@@ -15,42 +14,41 @@ namespace {
 
 constexpr std::size_t chunk = 1 << 18;
 
-struct CloseFile {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-// A file whose first bytes have been looked at; what cannot go back to its beginning (a pipe) is read once all the same.
-class Opened {
+// The bytes of a file, with a look at the first ones before anything is taken:
+// a pipe cannot be wound back.
+class OpenFile {
 public:
-  explicit Opened(File file) : file_(std::move(file)) { looked_at_ = std::fread(mark_, 1, sizeof mark_, file_.get()); }
-  bool begins_with(std::initializer_list<unsigned char> bytes) const
-  {
-    return looked_at_ >= bytes.size() && std::equal(bytes.begin(), bytes.end(), mark_);
-  }
+  explicit OpenFile(std::FILE* file) : file_(file) { ahead_ = std::fread(first_, 1, sizeof first_, file); }
+  std::string_view first() const { return {first_, ahead_}; }
+
+  // Up to `room` bytes; 0 at the end or on a failure.
   std::size_t read(void* to, std::size_t room)
   {
-    if (given_ == looked_at_) return std::fread(to, 1, room, file_.get());
-    const std::size_t n = std::min(room, looked_at_ - given_);
-    std::memcpy(to, mark_ + given_, n);
-    given_ += n;
-    return n;
+    const std::size_t kept = std::min(room, ahead_ - taken_);
+    std::memcpy(to, first_ + taken_, kept);
+    taken_ += kept;
+    return kept > 0 ? kept : std::fread(to, 1, room, file_.get());
   }
   bool failed() const { return std::ferror(file_.get()) != 0; }
 
 private:
-  File file_;
-  unsigned char mark_[4] = {};
-  std::size_t looked_at_ = 0, given_ = 0;
+  struct Close {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+  };
+  std::unique_ptr<std::FILE, Close> file_;
+  char first_[8] = {};
+  std::size_t ahead_ = 0;
+  std::size_t taken_ = 0;
 };
+using File = std::unique_ptr<OpenFile>;
 
 class PlainFile final : public ByteSource {
 public:
-  explicit PlainFile(Opened file) : file_(std::move(file)) {}
+  explicit PlainFile(File file) : file_(std::move(file)) {}
   std::ptrdiff_t read(char* to, std::size_t room) override
   {
-    const std::size_t n = file_.read(to, room);
-    if (n == 0 && file_.failed()) {
+    const std::size_t n = file_->read(to, room);
+    if (n == 0 && file_->failed()) {
       problem = std::strerror(errno);
       return -1;
     }
@@ -58,7 +56,7 @@ public:
   }
 
 private:
-  Opened file_;
+  File file_;
 };
 
 class TextBytes final : public ByteSource {
@@ -79,7 +77,7 @@ private:
 // gzip, also several members one after the other.
 class GzipFile final : public ByteSource {
 public:
-  explicit GzipFile(Opened file) : file_(std::move(file)), input_(chunk) { ok_ = inflateInit2(&z_, 15 + 16) == Z_OK; }
+  explicit GzipFile(File file) : file_(std::move(file)), input_(chunk) { ok_ = inflateInit2(&z_, 15 + 16) == Z_OK; }
   ~GzipFile() override { inflateEnd(&z_); }
   std::ptrdiff_t read(char* to, std::size_t room) override
   {
@@ -89,7 +87,7 @@ public:
     const uInt wanted = z_.avail_out;
     while (z_.avail_out == wanted) {
       if (z_.avail_in == 0) {
-        const std::size_t n = file_.read(input_.data(), input_.size());
+        const std::size_t n = file_->read(input_.data(), input_.size());
         if (n == 0 && between_members_) return 0;
         if (n == 0) return fail("the compressed file ends too early");
         z_.next_in = input_.data();
@@ -112,7 +110,7 @@ private:
     problem = why;
     return -1;
   }
-  Opened file_;
+  File file_;
   std::vector<Bytef> input_;
   z_stream z_{};
   bool ok_ = false;
@@ -121,7 +119,7 @@ private:
 
 class ZstdFile final : public ByteSource {
 public:
-  explicit ZstdFile(Opened file) : file_(std::move(file)), input_(chunk), z_(ZSTD_createDCtx()) {}
+  explicit ZstdFile(File file) : file_(std::move(file)), input_(chunk), z_(ZSTD_createDCtx()) {}
   ~ZstdFile() override { ZSTD_freeDCtx(z_); }
   std::ptrdiff_t read(char* to, std::size_t room) override
   {
@@ -129,7 +127,7 @@ public:
     ZSTD_outBuffer out{to, room, 0};
     while (out.pos == 0) {
       if (in_.pos == in_.size) {
-        const std::size_t n = file_.read(input_.data(), input_.size());
+        const std::size_t n = file_->read(input_.data(), input_.size());
         if (n == 0 && frame_done_) return 0;
         if (n == 0) return fail("the compressed file ends too early");
         in_ = {input_.data(), n, 0};
@@ -147,7 +145,7 @@ private:
     problem = why;
     return -1;
   }
-  Opened file_;
+  File file_;
   std::vector<char> input_;
   ZSTD_DCtx* z_;
   ZSTD_inBuffer in_{nullptr, 0, 0};
@@ -163,20 +161,41 @@ std::unique_ptr<ByteSource> open_bytes(const std::string& path, std::string& pro
     problem = "it is a folder";
     return nullptr;
   }
-  File file(std::fopen(path.c_str(), "rb"));
-  if (!file) {
+  std::FILE* const opened = std::fopen(path.c_str(), "rb");
+  if (!opened) {
     problem = std::strerror(errno);
     return nullptr;
   }
-  Opened opened(std::move(file));
-  if (opened.begins_with({0x1F, 0x8B})) return std::make_unique<GzipFile>(std::move(opened));
-  if (opened.begins_with({0x28, 0xB5, 0x2F, 0xFD})) return std::make_unique<ZstdFile>(std::move(opened));
-  return std::make_unique<PlainFile>(std::move(opened));
+  auto file = std::make_unique<OpenFile>(opened);
+  const std::string_view first = file->first();
+  if (first.starts_with("\x1F\x8B")) return std::make_unique<GzipFile>(std::move(file));
+  if (first.starts_with("\x28\xB5\x2F\xFD")) return std::make_unique<ZstdFile>(std::move(file));
+  if (first.starts_with("PK\x03\x04") || first.starts_with("\xD0\xCF\x11\xE0")) {
+    problem = "it is a workbook or an archive, not text: save the sheet as CSV "
+              "(UTF-8) and give that file";
+    return nullptr;
+  }
+  if (first.starts_with("\xFF\xFE") || first.starts_with("\xFE\xFF")) {
+    problem = "its text is in UTF-16: save it in UTF-8";
+    return nullptr;
+  }
+  return std::make_unique<PlainFile>(std::move(file));
 }
 
 std::unique_ptr<ByteSource> bytes_of(std::string_view text)
 {
   return std::make_unique<TextBytes>(text);
+}
+
+bool read_all(ByteSource& source, std::string& bytes)
+{
+  for (;;) {
+    const std::size_t old = bytes.size();
+    bytes.resize(old + chunk);
+    const std::ptrdiff_t n = source.read(bytes.data() + old, chunk);
+    bytes.resize(old + static_cast<std::size_t>(std::max<std::ptrdiff_t>(n, 0)));
+    if (n <= 0) return n == 0;
+  }
 }
 
 std::string compressed_for(const std::string& path, std::string bytes)

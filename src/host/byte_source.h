@@ -19,6 +19,9 @@ public:
 std::unique_ptr<ByteSource> open_bytes(const std::string& path, std::string& problem);
 std::unique_ptr<ByteSource> bytes_of(std::string_view text); // the text is borrowed
 
+// All that is left of a source; false on a failure, which its `problem` describes.
+bool read_all(ByteSource& source, std::string& bytes);
+
 // The whole of `bytes`, compressed as the ending of `path` (.gz, .zst) asks; as it is for other endings.
 std::string compressed_for(const std::string& path, std::string bytes);
 

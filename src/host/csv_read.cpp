@@ -1,279 +1,403 @@
 #include "host/csv.h"
-#include "host/csv_scanner.h"
+#include "host/csv_blocks.h"
+#include "host/csv_columns.h"
 #include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
-#include <charconv>
-#include <cmath>
+#include <array>
+#include <filesystem>
+#include <functional>
+#include <thread>
 
 namespace torvale::host {
 
 namespace {
 
-// How one column is read: as numbers while every field is one, and what was seen on the way.
-class ColumnReader {
-public:
-  ColumnReader(const std::string& name, std::optional<ColumnKind> asked)
-      : numbers_(name, ColumnKind::numeric), texts_(name, ColumnKind::character), asked_(asked)
-  {
-    character_ = asked == ColumnKind::character;
-  }
+using Kind = ColumnRequest::Kind;
+using Type = BlockColumn::Type;
+using Open = std::function<std::unique_ptr<ByteSource>()>; // a fresh source of the same bytes; null when there is none
 
-  void take(std::string_view field, std::int64_t row); // first pass
-  void take_text(std::string_view field) { texts_.append(field == "." ? std::string_view{} : field); }
+// One column of the file, block by block.
+struct FileColumn {
+  std::string name;
+  std::optional<ColumnKind> asked;
+  Type type = Type::none;
+  Moment moment = Moment::none;
+  Column numbers{"", ColumnKind::numeric};
+  Column texts{"", ColumnKind::character};
+  bool spellings_needed = false; // blocks differ in type: read the file again, as text
+  BlockColumn seen;              // remarks of all blocks; rows of the file
 
-  bool needs_second_pass() const { return character_ && texts_.rows() == 0 && rows_ > 0; }
-  bool character() const { return character_; }
-  Column finish() { return std::move(character_ ? texts_ : numbers_); }
-
-  // Seen in the first pass; rows count from 1, 0 means never.
-  std::string foreign; // first field that is not a number
-  std::int64_t foreign_row = 0;
-  std::int64_t foreign_count = 0;
-  bool several_foreign = false; // and it is not the only spelling
-  std::int64_t numbers_seen = 0;
-  std::int64_t leading_zero_row = 0;
-  std::int64_t inexact_row = 0; // a whole number that a double does not hold
+  void take(const BlockColumn& block, std::int64_t rows_before);
+  void take_texts(const BlockColumn& block);
 
 private:
-  void note_number(std::string_view spelled, double value, std::int64_t row);
-
-  Column numbers_;
-  Column texts_;
-  std::optional<ColumnKind> asked_;
-  bool character_ = false;
-  bool only_plain_missing_ = true; // nothing but empty fields and "." so far
-  std::int64_t rows_ = 0;
+  void remark(const BlockColumn& block, std::int64_t rows_before);
 };
 
-void ColumnReader::note_number(std::string_view spelled, double value, std::int64_t row)
+void FileColumn::remark(const BlockColumn& block, std::int64_t rows_before)
 {
-  ++numbers_seen;
-  const std::string_view digits = spelled.substr(spelled[0] == '+' || spelled[0] == '-' ? 1 : 0);
-  const bool remarkable = digits.front() == '0' || digits.size() > 15;
-  if (!remarkable || digits.find_first_not_of("0123456789") != std::string_view::npos) return;
-  if (digits.size() > 1 && digits.front() == '0' && leading_zero_row == 0) leading_zero_row = row;
-  if (digits.size() > 15 && inexact_row == 0) {
-    char exact[400];
-    const auto end = std::to_chars(exact, exact + sizeof exact, std::fabs(value), std::chars_format::fixed, 0).ptr;
-    const std::size_t first = std::min(digits.find_first_not_of('0'), digits.size());
-    if (std::string_view(exact, static_cast<std::size_t>(end - exact)) != digits.substr(first)) inexact_row = row;
+  const auto first = [&](std::int64_t& known, std::int64_t row) {
+    if (known == 0 && row > 0) known = rows_before + row;
+  };
+  if (seen.code_row == 0) seen.code = block.code;
+  first(seen.code_row, block.code_row);
+  seen.code_count += block.code_count;
+  first(seen.leading_zero_row, block.leading_zero_row);
+  first(seen.inexact_row, block.inexact_row);
+  seen.point = seen.point || block.point;
+  seen.comma = seen.comma || block.comma;
+  seen.only_plain_missing = seen.only_plain_missing && block.only_plain_missing;
+}
+
+void FileColumn::take_texts(const BlockColumn& block)
+{
+  std::vector<std::uint32_t> code_here;
+  for (const std::string& text : block.dictionary) code_here.push_back(texts.code_of(text));
+  texts.append_codes(block.codes, code_here);
+}
+
+void FileColumn::take(const BlockColumn& block, std::int64_t rows_before)
+{
+  if (spellings_needed) return;
+  remark(block, rows_before);
+  if (asked == ColumnKind::numeric) {
+    if (block.moment != Moment::none) moment = block.moment;
+    numbers.append_numbers(block.numbers);
+    return;
+  }
+  const bool nothing = block.type == Type::none && (type != Type::text || block.only_plain_missing);
+  const bool fits = nothing || (type == Type::none && (block.type != Type::text || seen.only_plain_missing)) ||
+                    (type == block.type && (type != Type::moment || moment == block.moment));
+  if (!fits || (seen.point && seen.comma)) {
+    spellings_needed = true;
+    numbers = Column("", ColumnKind::numeric);
+    texts = Column("", ColumnKind::character);
+    return;
+  }
+  if (type == Type::none && block.type != Type::none) {
+    type = block.type;
+    moment = block.moment;
+    if (type == Type::text)
+      for (std::int64_t i = 0; i < rows_before; ++i) texts.append_missing();
+  }
+  if (type != Type::text) {
+    numbers.append_numbers(block.numbers);
+  } else if (block.type == Type::text) {
+    take_texts(block);
+  } else {
+    for (std::size_t i = 0; i < block.numbers.size(); ++i) texts.append_missing();
   }
 }
 
-void ColumnReader::take(std::string_view field, std::int64_t row)
-{
-  ++rows_;
-  if (character_) {
-    if (texts_.rows() + 1 == static_cast<std::size_t>(rows_)) take_text(field);
-    if (several_foreign || asked_) return;
-  }
-  const std::string_view spelled = stripped(field);
-  if (const auto none = parse_missing(spelled)) {
-    if (!character_) numbers_.append(*none);
-    only_plain_missing_ = only_plain_missing_ && missing_letter(*none) == '.';
-    return;
-  }
-  if (const auto value = parse_number(spelled)) {
-    if (!character_) numbers_.append(*value);
-    only_plain_missing_ = false;
-    note_number(spelled, *value, row);
-    return;
-  }
-  if (asked_ == ColumnKind::numeric) {
-    const bool infinite = spelled == "inf" || spelled == "-inf";
-    numbers_.append(infinite ? (spelled[0] == '-' ? -HUGE_VAL : HUGE_VAL) : missing);
-    if (infinite) return;
-  }
-  if (foreign_row == 0) {
-    foreign = spelled;
-    foreign_row = row;
-  } else if (foreign != spelled) {
-    several_foreign = true;
-  }
-  ++foreign_count;
-  if (asked_ == ColumnKind::numeric || character_) return;
-  character_ = true;
-  if (!only_plain_missing_) return; // earlier rows need their spelling: second pass
-  for (std::int64_t i = 1; i < rows_; ++i) texts_.append_missing();
-  take_text(field);
-}
-
-// One reading of a file: where messages say they come from, and what the header declared.
+// One reading of a file.
 class CsvReader {
 public:
-  CsvReader(std::string file, MessageSink& log, const ColumnKinds& kinds)
-      : file_(std::move(file)), log_(log), kinds_(kinds)
+  CsvReader(std::string file, MessageSink& log, const ReadOptions& options)
+      : file_(std::move(file)), log_(log), options_(options)
   {
   }
-  bool header(CsvScanner& scanner, const ByteSource& source);
-  bool body(CsvScanner& scanner, const ByteSource& source, bool second_pass);
-  bool needs_second_pass() const
+
+  std::optional<DataSet> read(const Open& open, std::uintmax_t size)
   {
-    return std::any_of(columns_.begin(), columns_.end(), [](const ColumnReader& c) { return c.needs_second_pass(); });
+    size_ = size;
+    if (!pass(open, false)) return std::nullopt;
+    const bool again = std::any_of(columns_.begin(), columns_.end(), [](auto& c) { return c.spellings_needed; });
+    if (again && !pass(open, true)) return std::nullopt;
+    notes();
+    DataSet data;
+    data.name = file_;
+    data.path = file_;
+    for (FileColumn& column : columns_) data.add(finished(column));
+    return data;
   }
-  DataSet finish();
 
 private:
-  bool failed(const CsvScanner& scanner, const ByteSource& source);
+  bool pass(const Open& open, bool spellings);
+  bool header(CsvCutter& cutter, const ByteSource& source);
+  bool name_columns(const std::vector<std::string>& names);
+  bool take(const std::vector<BlockValues>& blocks, std::size_t count, bool spellings);
+  bool failed(const CsvCutter& cutter, const ByteSource& source);
+  bool failed(const BlockValues& block);
+  void reserve(std::size_t bytes, std::int64_t rows);
+  Column finished(FileColumn& column) const;
   void notes();
+  void note_one_spelling(const FileColumn& column);
+  void note_codes();
 
   std::string file_;
   MessageSink& log_;
-  const ColumnKinds& kinds_;
-  std::vector<std::string> names_;
-  std::vector<ColumnReader> columns_;
-  std::vector<std::string_view> fields_;
+  const ReadOptions& options_;
+  std::uintmax_t size_ = 0;
+  char separator_ = ',';
+  std::vector<FileColumn> columns_;
   std::int64_t rows_ = 0;
+  std::int64_t line_ = 1; // of the file, where the next block begins
 };
 
-bool CsvReader::failed(const CsvScanner& scanner, const ByteSource& source)
+bool CsvReader::failed(const CsvCutter& cutter, const ByteSource& source)
 {
-  const MessagePlace place{.file = file_, .file_line = scanner.line()};
-  const auto field = scanner.fault_field();
-  const std::string name = field > 0 && field <= static_cast<std::int64_t>(names_.size())
-                               ? names_[static_cast<std::size_t>(field) - 1]
-                               : std::to_string(field);
-  switch (scanner.fault()) {
-  case CsvScanner::Fault::unclosed_quote:
-    log_.xpmlog(message::quote_not_closed{.column = name}, place);
-    break;
-  case CsvScanner::Fault::text_after_quote:
-    log_.xpmlog(message::characters_behind_quote{.column = name}, place);
-    break;
-  case CsvScanner::Fault::not_text:
+  if (cutter.fault() == CsvCutter::Fault::not_text)
     log_.xpmlog(message::not_plain_text{.file = file_});
-    break;
-  default:
+  else
     log_.xpmlog(message::file_not_read{.file = file_, .reason = source.problem});
-  }
   return false;
 }
 
-bool CsvReader::header(CsvScanner& scanner, const ByteSource& source)
+bool CsvReader::failed(const BlockValues& block)
 {
-  const auto step = scanner.next(fields_);
-  if (step == CsvScanner::Step::failure) return failed(scanner, source);
-  if (step == CsvScanner::Step::end) {
+  const MessagePlace place{.file = file_, .file_line = line_ + block.fault_line};
+  const std::string column =
+      block.fault_field <= columns_.size() ? columns_[block.fault_field - 1].name : std::to_string(block.fault_field);
+  if (block.fault == BlockValues::Fault::unclosed_quote)
+    log_.xpmlog(message::quote_not_closed{.column = column}, place);
+  else if (block.fault == BlockValues::Fault::text_after_quote)
+    log_.xpmlog(message::characters_behind_quote{.column = column}, place);
+  else
+    log_.xpmlog(
+        message::row_with_wrong_fields{.row = rows_ + block.fault_row,
+                                       .found = block.fields_found,
+                                       .expected = columns_.size(),
+                                       .column = columns_[std::min(block.fields_found, columns_.size() - 1)].name},
+        place);
+  return false;
+}
+
+// The separator that occurs most in the line of names, outside quotes; the earlier one of a tie.
+char found_separator(std::string_view line)
+{
+  constexpr std::string_view candidates = ",;\t|";
+  std::array<int, candidates.size()> counts{};
+  bool quoted = false;
+  for (const char c : line) {
+    if (c == '"') quoted = !quoted;
+    const std::size_t i = quoted ? std::string_view::npos : candidates.find(c);
+    if (i != std::string_view::npos) ++counts[i];
+  }
+  return candidates[static_cast<std::size_t>(std::max_element(counts.begin(), counts.end()) - counts.begin())];
+}
+
+bool CsvReader::header(CsvCutter& cutter, const ByteSource& source)
+{
+  CsvBlock line;
+  const auto step = cutter.header(line);
+  if (step == CsvCutter::Step::failure) return failed(cutter, source);
+  if (step == CsvCutter::Step::end) {
     log_.xpmlog(message::file_empty{.file = file_});
     return false;
   }
-  for (std::size_t i = 0; i < fields_.size(); ++i) {
-    const std::string_view given = stripped(fields_[i]);
+  line_ = cutter.body_line();
+  if (!columns_.empty()) return true; // the second pass
+  separator_ = options_.separator != 0   ? options_.separator
+               : cutter.separator() != 0 ? cutter.separator()
+                                         : found_separator(line.bytes);
+  std::vector<std::string> names;
+  bool unclosed = false;
+  if (!split_line(line.bytes, separator_, names, unclosed)) {
+    const MessagePlace place{.file = file_, .file_line = cutter.header_line()};
+    if (unclosed)
+      log_.xpmlog(message::quote_not_closed{.column = names.size()}, place);
+    else
+      log_.xpmlog(message::characters_behind_quote{.column = names.size()}, place);
+    return false;
+  }
+  if (!name_columns(names)) return false;
+  if (separator_ != ',' && options_.separator == 0) {
+    const std::string shown = separator_ == '\t' ? "tabs" : std::string("\"") + separator_ + "\"";
+    log_.xpmlog(message::separator_found{.file = file_, .separator = shown});
+  }
+  return true;
+}
+
+bool CsvReader::name_columns(const std::vector<std::string>& names)
+{
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const std::string_view given = stripped(names[i]);
     std::string name(cut_name(given, DataSet::longest_name));
     if (given.empty()) name = "VAR" + std::to_string(i + 1);
     if (name != given)
       log_.xpmlog(message::column_renamed{.column = i + 1, .file = file_, .given = given, .name = name});
-    const auto same = std::find_if(names_.begin(), names_.end(), [&](auto& n) { return equal_names(n, name); });
-    if (same != names_.end()) {
+    const auto same =
+        std::find_if(columns_.begin(), columns_.end(), [&](auto& c) { return equal_names(c.name, name); });
+    if (same != columns_.end()) {
       log_.xpmlog(message::column_named_twice{
-          .file = file_, .name = name, .first = same - names_.begin() + 1, .second = i + 1});
+          .file = file_, .name = name, .first = same - columns_.begin() + 1, .second = i + 1});
       return false;
     }
-    names_.push_back(name);
-    const auto asked = kinds_.find(wzstrlo(name));
-    columns_.emplace_back(name, asked == kinds_.end() ? std::nullopt : std::optional(asked->second));
+    const auto asked = options_.kinds.find(wzstrlo(name));
+    FileColumn& column = columns_.emplace_back();
+    column.name = std::move(name);
+    if (asked != options_.kinds.end()) column.asked = asked->second;
   }
-  for (const char separator : {';', '\t', '|'})
-    if (names_.size() == 1 && names_[0].find(separator) != std::string::npos) {
-      const std::string shown = separator == '\t' ? "a tab" : std::string("\"") + separator + "\"";
-      log_.xpmlog(message::other_separator{.file = file_, .separator = shown});
-    }
   return true;
 }
 
-bool CsvReader::body(CsvScanner& scanner, const ByteSource& source, bool second_pass)
+// Blocks are cut one after the other, read side by side, and joined in their order.
+bool CsvReader::pass(const Open& open, bool spellings)
 {
-  std::vector<std::size_t> again; // columns whose text the second pass collects
-  for (std::size_t i = 0; i < columns_.size(); ++i)
-    if (columns_[i].needs_second_pass()) again.push_back(i);
-  for (std::int64_t row = 1;; ++row) {
-    const auto step = scanner.next(fields_);
-    if (step == CsvScanner::Step::failure) return failed(scanner, source);
-    if (step == CsvScanner::Step::end) return true;
-    if (fields_.size() != columns_.size()) {
-      log_.xpmlog(message::row_with_wrong_fields{.row = row,
-                                                 .found = fields_.size(),
-                                                 .expected = columns_.size(),
-                                                 .column = names_[std::min(fields_.size(), columns_.size() - 1)]},
-                  {.file = file_, .file_line = scanner.line()});
-      return false;
-    }
-    if (second_pass)
-      for (const std::size_t i : again) columns_[i].take_text(fields_[i]);
-    else
-      for (std::size_t i = 0; i < columns_.size(); ++i) columns_[i].take(fields_[i], row);
-    rows_ = row;
+  const std::unique_ptr<ByteSource> source = open();
+  if (!source) return false;
+  CsvCutter cutter(*source);
+  if (!header(cutter, *source)) return false;
+  rows_ = 0;
+  std::vector<ColumnRequest> requests;
+  for (const FileColumn& c : columns_) {
+    Kind kind = !c.asked ? Kind::any : *c.asked == ColumnKind::numeric ? Kind::numeric : Kind::character;
+    if (spellings) kind = c.spellings_needed ? Kind::character : Kind::skip;
+    requests.push_back({kind});
   }
+  const CsvDialect dialect(options_, separator_);
+  const auto workers = static_cast<std::size_t>(std::max(options_.threads, 1));
+  std::vector<CsvBlock> blocks(workers);
+  std::vector<BlockValues> values(workers);
+  for (bool more = true; more;) {
+    std::size_t count = 0;
+    std::vector<std::thread> threads;
+    CsvCutter::Step step = CsvCutter::Step::end;
+    while (count < workers && (step = cutter.next(blocks[count], separator_)) == CsvCutter::Step::block) {
+      const auto work = [&, i = count] { read_block(blocks[i], dialect, requests, values[i]); };
+      if (++count < workers)
+        threads.emplace_back(work);
+      else
+        work(); // the last one here
+    }
+    for (std::thread& thread : threads) thread.join();
+    if (!take(values, count, spellings)) return false;
+    if (step == CsvCutter::Step::failure) return failed(cutter, *source);
+    more = step == CsvCutter::Step::block;
+  }
+  return true;
+}
+
+bool CsvReader::take(const std::vector<BlockValues>& blocks, std::size_t count, bool spellings)
+{
+  for (std::size_t b = 0; b < count; ++b) {
+    const BlockValues& block = blocks[b];
+    if (block.fault != BlockValues::Fault::none) return failed(block);
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+      if (!spellings)
+        columns_[i].take(block.columns[i], rows_);
+      else if (columns_[i].spellings_needed)
+        columns_[i].take_texts(block.columns[i]);
+    }
+    rows_ += block.rows;
+    line_ += block.lines;
+    if (rows_ == block.rows && size_ > 0) reserve(CsvCutter::block_size, rows_);
+  }
+  return true;
+}
+
+// Makes room for the rows that a file of this size will have, so that columns do not grow by copies.
+void CsvReader::reserve(std::size_t bytes, std::int64_t rows)
+{
+  if (size_ <= bytes) return;
+  const double expected = static_cast<double>(rows) * static_cast<double>(size_) / static_cast<double>(bytes);
+  for (FileColumn& c : columns_)
+    (c.type == Type::text ? c.texts : c.numbers).reserve(static_cast<std::size_t>(1.05 * expected) + 64);
+}
+
+Column CsvReader::finished(FileColumn& column) const
+{
+  const bool text = column.type == Type::text || column.spellings_needed || column.asked == ColumnKind::character;
+  Column out = std::move(text ? column.texts : column.numbers);
+  out.rename(column.name);
+  if (!text) out.set_format(std::string(iso_format(column.moment)));
+  return out;
+}
+
+// A column of characters that one spelling alone keeps from being numbers.
+void CsvReader::note_one_spelling(const FileColumn& column)
+{
+  const CsvDialect dialect(options_, separator_);
+  const auto& dictionary = column.texts.dictionary();
+  std::size_t foreign = dictionary.size();
+  bool numbers = false;
+  for (std::size_t i = 0; i < dictionary.size(); ++i) {
+    const std::string_view spelled = stripped(dictionary[i]);
+    if (parse_missing(spelled) || is_missing_code(spelled)) continue;
+    if (dialect.number(spelled)) {
+      numbers = true;
+      continue;
+    }
+    if (foreign != dictionary.size()) return;
+    foreign = i;
+  }
+  if (!numbers || foreign == dictionary.size()) return;
+  const auto codes = column.texts.codes();
+  const auto first = std::find(codes.begin(), codes.end(), foreign);
+  log_.xpmlog(message::text_in_numeric_column{.column = column.name,
+                                              .file = file_,
+                                              .value = dictionary[foreign],
+                                              .count = std::count(first, codes.end(), foreign),
+                                              .row = first - codes.begin() + 1});
+}
+
+// One note on all missing codes of the file.
+void CsvReader::note_codes()
+{
+  std::string where;
+  std::int64_t count = 0;
+  for (const FileColumn& c : columns_) {
+    if (c.asked || c.type == Type::text || c.spellings_needed || c.seen.code_count == 0) continue;
+    where += (where.empty() ? "" : ", ") + c.name + " (\"" + c.seen.code + "\" in row " +
+             std::to_string(c.seen.code_row) + ")";
+    count += c.seen.code_count;
+  }
+  if (count > 0) log_.xpmlog(message::missing_codes_found{.count = count, .file = file_, .where = where});
 }
 
 void CsvReader::notes()
 {
-  for (std::size_t i = 0; i < columns_.size(); ++i) {
-    const ColumnReader& c = columns_[i];
-    const bool asked = kinds_.contains(wzstrlo(names_[i]));
-    if (asked && c.foreign_row > 0 && !c.character())
+  note_codes();
+  const bool any_comma = std::any_of(columns_.begin(), columns_.end(),
+                                     [](const FileColumn& c) { return c.type == Type::number && c.seen.comma; });
+  for (const FileColumn& c : columns_) {
+    const bool text = c.type == Type::text || c.spellings_needed;
+    if (c.asked && !text && c.seen.code_row > 0 && !is_missing_code(c.seen.code))
       log_.xpmlog(message::text_read_as_missing{
-          .column = names_[i], .file = file_, .count = c.foreign_count, .value = c.foreign, .row = c.foreign_row});
-    if (asked) continue;
-    if (c.character() && c.numbers_seen > 0 && !c.several_foreign)
-      log_.xpmlog(message::text_in_numeric_column{
-          .column = names_[i], .file = file_, .value = c.foreign, .count = c.foreign_count, .row = c.foreign_row});
-    if (!c.character() && c.leading_zero_row > 0)
-      log_.xpmlog(message::leading_zeros_dropped{.column = names_[i], .file = file_, .row = c.leading_zero_row});
-    if (!c.character() && c.inexact_row > 0)
-      log_.xpmlog(message::digits_rounded{.column = names_[i], .file = file_, .row = c.inexact_row});
+          .column = c.name, .file = file_, .count = c.seen.code_count, .value = c.seen.code, .row = c.seen.code_row});
+    if (c.asked) continue;
+    if (c.seen.point && c.seen.comma)
+      log_.xpmlog(message::points_and_commas{.column = c.name, .file = file_});
+    else if (text)
+      note_one_spelling(c);
+    else if (any_comma && c.seen.point)
+      log_.xpmlog(message::points_among_commas{.column = c.name, .file = file_});
+    if (!text && c.seen.leading_zero_row > 0)
+      log_.xpmlog(message::leading_zeros_dropped{.column = c.name, .file = file_, .row = c.seen.leading_zero_row});
+    if (!text && c.seen.inexact_row > 0)
+      log_.xpmlog(message::digits_rounded{.column = c.name, .file = file_, .row = c.seen.inexact_row});
   }
-}
-
-DataSet CsvReader::finish()
-{
-  notes();
-  DataSet data;
-  data.name = file_;
-  data.path = file_;
-  for (ColumnReader& column : columns_) data.add(column.finish());
-  return data;
-}
-
-// `open` gives a fresh source of the same bytes, null when it cannot.
-template <class Open>
-std::optional<DataSet> read_with(const Open& open, const std::string& file, MessageSink& log, const ColumnKinds& kinds)
-{
-  CsvReader reader(file, log, kinds);
-  for (const bool second_pass : {false, true}) {
-    if (second_pass && !reader.needs_second_pass()) break;
-    const std::unique_ptr<ByteSource> source = open();
-    if (!source) return std::nullopt;
-    CsvScanner scanner(*source);
-    std::vector<std::string_view> names;
-    if (second_pass) {
-      if (scanner.next(names) != CsvScanner::Step::record) return std::nullopt;
-    } else if (!reader.header(scanner, *source)) {
-      return std::nullopt;
-    }
-    if (!reader.body(scanner, *source, second_pass)) return std::nullopt;
-  }
-  return reader.finish();
 }
 
 } // namespace
 
-std::optional<DataSet> read_csv(const std::string& path, MessageSink& log, const ColumnKinds& kinds)
+std::optional<DataSet> read_csv(const std::string& path, MessageSink& log, const ReadOptions& options)
 {
+  std::string problem;
   const auto open = [&] {
-    std::string problem;
     auto source = open_bytes(path, problem);
     if (!source) log.xpmlog(message::file_not_read{.file = path, .reason = problem});
     return source;
   };
-  return read_with(open, path, log, kinds);
+  CsvReader reader(path, log, options);
+  std::error_code error;
+  if (std::filesystem::is_regular_file(path, error)) return reader.read(open, std::filesystem::file_size(path, error));
+  // A pipe can be read once only.
+  const auto source = open();
+  std::string bytes;
+  if (!source) return std::nullopt;
+  if (!read_all(*source, bytes)) {
+    log.xpmlog(message::file_not_read{.file = path, .reason = source->problem});
+    return std::nullopt;
+  }
+  return reader.read([&] { return bytes_of(bytes); }, bytes.size());
 }
 
 std::optional<DataSet> read_csv_text(std::string_view text, const std::string& name, MessageSink& log,
-                                     const ColumnKinds& kinds)
+                                     const ReadOptions& options)
 {
-  return read_with([&] { return bytes_of(text); }, name, log, kinds);
+  return CsvReader(name, log, options).read([&] { return bytes_of(text); }, text.size());
 }
 
 } // namespace torvale::host

@@ -22,7 +22,7 @@ void append_csv_field(std::string& out, std::string_view field)
   out += '"';
 }
 
-void append_csv_cell(std::string& out, const Column& column, std::size_t row, bool only_column)
+void append_csv_cell(std::string& out, const Column& column, std::size_t row, bool only_column, Moment moment)
 {
   if (!column.numeric()) {
     if (only_column && column.text(row).empty())
@@ -33,7 +33,7 @@ void append_csv_cell(std::string& out, const Column& column, std::size_t row, bo
   }
   const double x = column.number(row);
   if (!only_column && wzmis(x) && missing_letter(x) == '.') return;
-  append_shortest(out, x);
+  if (moment == Moment::none || wzmis(x) || !append_iso(out, x, moment)) append_shortest(out, x);
 }
 
 int write_csv(const DataSet& data, const std::string& path, MessageSink& log)
@@ -43,15 +43,17 @@ int write_csv(const DataSet& data, const std::string& path, MessageSink& log)
   constexpr std::size_t flush_at = 1 << 20;
   AtomicFile file(path);
   std::string out;
+  std::vector<Moment> moments;
   for (std::size_t i = 0; i < columns.size(); ++i) {
     if (i > 0) out += ',';
     append_csv_field(out, columns[i].name());
+    moments.push_back(columns[i].written_as());
   }
   out += '\n';
   for (std::size_t row = 0; row < data.rows(); ++row) {
     for (std::size_t i = 0; i < columns.size(); ++i) {
       if (i > 0) out += ',';
-      append_csv_cell(out, columns[i], row, columns.size() == 1);
+      append_csv_cell(out, columns[i], row, columns.size() == 1, moments[i]);
     }
     out += '\n';
     if (out.size() > flush_at && !compressed) {

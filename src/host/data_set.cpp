@@ -1,4 +1,5 @@
 #include "host/data_set.h"
+#include "host/formats.h"
 #include "host/text.h"
 #include <algorithm>
 #include <numeric>
@@ -28,15 +29,22 @@ void Column::append(std::string_view value)
     codes_.push_back(codes_.back());
     return;
   }
+  codes_.push_back(code_of(value));
+}
+
+std::uint32_t Column::code_of(std::string_view value)
+{
   const auto at = index_.find(value);
-  if (at != index_.end()) {
-    codes_.push_back(at->second);
-    return;
-  }
+  if (at != index_.end()) return at->second;
   const auto code = static_cast<std::uint32_t>(dictionary_.size());
   dictionary_.emplace_back(value);
   index_.emplace(dictionary_.back(), code);
-  codes_.push_back(code);
+  return code;
+}
+
+void Column::append_codes(std::span<const std::uint32_t> codes, std::span<const std::uint32_t> code_here)
+{
+  for (const std::uint32_t code : codes) codes_.push_back(code_here[code]);
 }
 
 void Column::append_missing()
@@ -59,6 +67,25 @@ std::string Column::shown(std::size_t row) const
   return numeric() ? shortest(numbers_[row]) : text(row);
 }
 
+Moment Column::moment() const
+{
+  std::string problem;
+  const auto format = format_.empty() || !numeric() ? std::nullopt : parse_value_format(format_, problem);
+  return format ? format->moment() : Moment::none;
+}
+
+Moment Column::written_as() const
+{
+  const Moment meant = moment();
+  if (meant == Moment::none) return meant;
+  std::string spelled;
+  for (const double x : numbers_) {
+    spelled.clear();
+    if (!wzmis(x) && !append_iso(spelled, x, meant)) return Moment::none;
+  }
+  return meant;
+}
+
 void Column::reserve(std::size_t rows)
 {
   if (numeric())
@@ -70,6 +97,7 @@ void Column::reserve(std::size_t rows)
 Column Column::select(std::span<const std::size_t> rows) const
 {
   Column out(name_, kind_, label_);
+  out.set_format(format_);
   out.reserve(rows.size());
   for (const std::size_t row : rows) {
     if (numeric())

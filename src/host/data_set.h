@@ -1,4 +1,5 @@
 #pragma once
+#include "host/calendar.h"
 #include "host/missing.h"
 #include <cstdint>
 #include <memory>
@@ -19,6 +20,7 @@ public:
 
   const std::string& name() const { return name_; }
   const std::string& label() const { return label_; }
+  const std::string& format() const { return format_; } // as "YYMMDD10."; empty: none
   ColumnKind kind() const { return kind_; }
   bool numeric() const { return kind_ == ColumnKind::numeric; }
   std::size_t rows() const { return numeric() ? numbers_.size() : codes_.size(); }
@@ -37,10 +39,20 @@ public:
 
   bool is_missing(std::size_t row) const { return numeric() ? wzmis(numbers_[row]) : text(row).empty(); }
   void append_missing();
+  // Many at a time, as a reader has them: numbers without other NaNs than
+  // missing values; codes of another dictionary, of which code i means this
+  // column's code code_here[i].
+  void append_numbers(std::span<const double> values) { numbers_.insert(numbers_.end(), values.begin(), values.end()); }
+  std::uint32_t code_of(std::string_view value); // new values are added
+  void append_codes(std::span<const std::uint32_t> codes, std::span<const std::uint32_t> code_here);
   std::string shown(std::size_t row) const; // the value as text: shortest number, or the characters
 
   void rename(std::string name) { name_ = std::move(name); }
   void set_label(std::string label) { label_ = std::move(label); }
+  void set_format(std::string format) { format_ = std::move(format); }
+  Moment moment() const; // what its numbers mean, by the format
+  // What the numbers mean to a file that can spell it: the moment of the format when every value has an ISO spelling.
+  Moment written_as() const;
   void reserve(std::size_t rows);
   Column select(std::span<const std::size_t> rows) const; // a copy of these rows, in this order
 
@@ -51,6 +63,7 @@ private:
   };
   std::string name_;
   std::string label_;
+  std::string format_;
   ColumnKind kind_;
   std::vector<double> numbers_;
   std::vector<std::uint32_t> codes_;

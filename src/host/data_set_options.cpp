@@ -137,7 +137,7 @@ private:
 
   bool quoted_text(std::string& out)
   {
-    if (i_ == text_.size() || (text_[i_] != '\'' && text_[i_] != '"')) return fail("LABEL= needs a quoted text");
+    if (i_ == text_.size() || (text_[i_] != '\'' && text_[i_] != '"')) return fail("a quoted text is needed");
     const char quote = text_[i_++];
     for (; i_ < text_.size(); ++i_) {
       if (text_[i_] == quote && !(i_ + 1 < text_.size() && text_[i_ + 1] == quote)) {
@@ -150,6 +150,45 @@ private:
     return fail("a quoted text is not closed");
   }
 
+  bool separator(char& out)
+  {
+    std::string text;
+    if (!quoted_text(text)) return false;
+    if (!parse_separator(text, out)) return fail("SEPARATOR= needs one character, or 'tab'");
+    return true;
+  }
+
+  bool decimal(char& out)
+  {
+    std::string text;
+    if (!quoted_text(text)) return false;
+    if (text != "." && text != ",") return fail("DECIMAL= needs '.' or ','");
+    out = text[0];
+    return true;
+  }
+
+  // One code or several in parentheses: quoted texts, or numbers as they stand
+  // in the file.
+  bool codes(std::vector<std::string>& out)
+  {
+    const bool bracket = i_ < text_.size() && text_[i_] == '(';
+    if (bracket) ++i_;
+    do {
+      skip();
+      if (i_ < text_.size() && (text_[i_] == '\'' || text_[i_] == '"')) {
+        if (!quoted_text(out.emplace_back())) return false;
+      } else {
+        const std::size_t end = std::min(text_.find_first_of(" \t\n\r,)", i_), text_.size());
+        if (!parse_number(text_.substr(i_, end - i_))) return fail("MISSING= needs quoted texts or numbers");
+        out.emplace_back(text_.substr(i_, end - i_));
+        i_ = end;
+      }
+      skip();
+    } while (bracket && i_ < text_.size() && text_[i_] != ')');
+    if (bracket && (i_ == text_.size() || text_[i_++] != ')')) return fail("a closing parenthesis is missing");
+    return true;
+  }
+
   bool value(const std::string& option, DataSetOptions& options)
   {
     if (option == "KEEP") return names(options.keep);
@@ -158,9 +197,12 @@ private:
     if (option == "FIRSTROW") return row_number(options.first_row);
     if (option == "LASTROW") return row_number(options.last_row);
     if (option == "LABEL") return quoted_text(options.label);
+    if (option == "SEPARATOR") return separator(options.separator);
+    if (option == "DECIMAL") return decimal(options.decimal);
+    if (option == "MISSING") return codes(options.missing);
     if (option != "WHERE") {
-      const std::string near =
-          nearest_name(option, {"KEEP", "DROP", "RENAME", "WHERE", "FIRSTROW", "LASTROW", "LABEL"});
+      const std::string near = nearest_name(option, {"KEEP", "DROP", "RENAME", "WHERE", "FIRSTROW", "LASTROW", "LABEL",
+                                                     "SEPARATOR", "DECIMAL", "MISSING"});
       return fail("there is no data set option " + option + "=" +
                   (near.empty() ? "" : "; did you mean " + near + "=?"));
     }
@@ -196,9 +238,18 @@ bool listed(const std::vector<std::string>& names, std::string_view name)
 
 } // namespace
 
+bool parse_separator(std::string_view text, char& separator)
+{
+  if (equal_names(text, "tab") || text == "\\t") text = "\t";
+  if (text.size() != 1 || text[0] == '"' || text[0] == '\n' || text[0] == '\r' || text[0] == '\0') return false;
+  separator = text[0];
+  return true;
+}
+
 bool DataSetOptions::empty() const
 {
-  return keep.empty() && drop.empty() && rename.empty() && !where && first_row == 1 && last_row == 0 && label.empty();
+  return keep.empty() && drop.empty() && rename.empty() && !where && first_row == 1 && last_row == 0 && label.empty() &&
+         separator == 0 && decimal == 0 && missing.empty();
 }
 
 std::optional<DataSetOptions> parse_data_set_options(std::string_view text, MessageSink& log, const MessagePlace& place)
@@ -237,21 +288,43 @@ int output_columns(const std::vector<std::string>& names, const DataSetOptions& 
   return -1;
 }
 
+namespace {
+
+// The rows that WHERE= keeps, in order. Nothing, with a message, when the condition does not suit the data.
+std::optional<std::vector<std::size_t>> wanted_rows(const DataSet& data, const DataSetOptions& options,
+                                                    MessageSink& log)
+{
+  std::string problem, converted;
+  if (options.where && options.where->bind(data, problem, &converted) != 0) {
+    log.xpmlog(message::where_does_not_suit{.data = data.name, .problem = problem});
+    return std::nullopt;
+  }
+  if (!converted.empty()) log.xpmlog(message::where_text_read_as_number{.data = data.name, .text = converted});
+  if (options.where && options.where->has_angle_brackets())
+    log.xpmlog(message::where_angle_brackets{.data = data.name});
+  if (options.where) return options.where->matching_rows(data);
+  std::vector<std::size_t> rows(data.rows());
+  std::iota(rows.begin(), rows.end(), std::size_t{0});
+  return rows;
+}
+
+} // namespace
+
+int keep_where(DataSet& data, const DataSetOptions& options, MessageSink& log)
+{
+  if (!options.where) return 0;
+  const auto rows = wanted_rows(data, options, log);
+  if (!rows) return -1;
+  if (rows->size() < data.rows()) data = data.select(*rows);
+  return 0;
+}
+
 int apply_input_options(DataSet& data, const DataSetOptions& options, MessageSink& log)
 {
   if (options.empty()) return 0;
-  std::vector<std::size_t> rows;
-  if (options.where) {
-    std::string problem;
-    if (options.where->bind(data, problem) != 0) {
-      log.xpmlog(message::where_does_not_suit{.data = data.name, .problem = problem});
-      return -1;
-    }
-    rows = options.where->matching_rows(data);
-  } else {
-    rows.resize(data.rows());
-    std::iota(rows.begin(), rows.end(), std::size_t{0});
-  }
+  auto wanted = wanted_rows(data, options, log);
+  if (!wanted) return -1;
+  std::vector<std::size_t>& rows = *wanted;
   const auto kept = static_cast<std::int64_t>(rows.size());
   const std::int64_t last = options.last_row == 0 ? kept : std::min(options.last_row, kept);
   const std::int64_t first = std::min(options.first_row - 1, last);

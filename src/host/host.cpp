@@ -35,6 +35,12 @@ public:
     results_.steps.emplace_back();
     group_ = nullptr;
   }
+  StepResult& step() override
+  {
+    if (results_.steps.empty()) begin_step();
+    return results_.steps.back();
+  }
+  GroupResult& group() override { return group_for_tables(); }
   void begin_group(ByValues by) override;
   void end_group(int return_code) override;
   void end_step(int return_code) override;
@@ -46,10 +52,8 @@ public:
     f.text.append(line).append("\n");
     f.changed = true;
   }
-  void progress(std::string_view text) override
-  {
-    if (options_.progress) options_.progress(text);
-  }
+  void progress(const Progress& now) override;
+  bool shows_progress() const override { return static_cast<bool>(options_.progress); }
 
   double seconds() const override
   {
@@ -75,10 +79,17 @@ private:
 
   void list(std::string_view text)
   {
+    clear_progress();
     if (options_.listing) options_.listing(text);
+  }
+  void clear_progress()
+  {
+    if (progress_shown_) options_.progress("");
+    progress_shown_ = false;
   }
   void log_line(std::string_view line)
   {
+    clear_progress();
     if (!options_.log) return;
     std::string text(line);
     text += '\n';
@@ -100,7 +111,35 @@ private:
   std::map<std::string, TextFile> text_files_;         // by path as the program names it
   std::map<std::string, std::string> macro_variables_; // upper-case name -> text
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  Progress now_;                // what was said last, kept for calls that tell less
+  double progress_due_ = 0.1;   // seconds after the start from which the next line is drawn
+  bool progress_shown_ = false; // a line stands on the terminal
 };
+
+void EmbeddedHost::progress(const Progress& now)
+{
+  if (!options_.progress) return;
+  // A share belongs to the evaluation in hand: the rest of the line stays.
+  if (!std::isnan(now.share)) {
+    now_.share = now.share;
+    if (!now.stage.empty() && now_.stage.empty()) now_.stage = now.stage;
+  } else {
+    now_ = now;
+  }
+  const double elapsed = seconds();
+  if (elapsed < progress_due_) return;
+  progress_due_ = elapsed + 0.1;
+  std::string line(now_.stage);
+  const auto add = [&](const std::string& text) { line += (line.empty() ? "" : ", ") + text; };
+  if (group_ != nullptr && !group_->by.empty()) line = by_text(group_->by) + (line.empty() ? "" : ": ") + line;
+  if (now_.iteration >= 0) add("iteration " + std::to_string(now_.iteration));
+  if (!std::isnan(now_.objective)) add("objective " + format_number(now_.objective, parse_format("D12.7")));
+  if (!std::isnan(now_.gradient)) add("gradient " + format_number(now_.gradient, parse_format("D8.2")));
+  if (!std::isnan(now_.share)) add(std::to_string(static_cast<int>(100 * now_.share)) + " % of subjects");
+  add(std::to_string(static_cast<long>(elapsed)) + " s");
+  options_.progress(line);
+  progress_shown_ = true;
+}
 
 // Tables written before the first group (the specifications) open that group early; begin_group then fills in its
 // values.
@@ -129,6 +168,7 @@ void EmbeddedHost::end_group(int return_code)
 
 void EmbeddedHost::end_step(int return_code)
 {
+  clear_progress();
   close_tables();
   if (results_.steps.empty()) begin_step();
   const bool data_sets_written = libraries_.close_all(log_) == 0;

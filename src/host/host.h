@@ -20,6 +20,15 @@
 
 namespace torvale::host {
 
+// What the run is doing now. Fields that do not apply stay as they are.
+struct Progress {
+  std::string_view stage;      // "reading data", "optimization"
+  long iteration = -1;         // of the optimizer
+  double objective = missing;  // at its last accepted point
+  double gradient = missing;   // largest scaled element there
+  double share = missing;      // of an evaluation that takes long: subjects done, 0 to 1
+};
+
 // Everything the rest of the program may ask of the world around it: log, listing, tables, data sets, clock, threads.
 // Used from the main thread, but for interrupted().
 class Host {
@@ -33,6 +42,8 @@ public:
 
   // The course of a run, as the driver tells it. Tables published before the first group of a step go to that group.
   virtual void begin_step() = 0;
+  virtual StepResult& step() = 0;   // the step at hand, for what is no table
+  virtual GroupResult& group() = 0; // the group at hand
   virtual void begin_group(ByValues by) = 0;
   virtual void end_group(int return_code) = 0;
   virtual void end_step(int return_code) = 0; // writes out open data sets and tables first
@@ -44,8 +55,10 @@ public:
   // A file is made once in a run and is complete when a step ends.
   virtual void xpfput(std::string_view file, std::string_view line) = 0;
 
-  // What the run is doing now; drawn on a terminal only, and gone afterwards.
-  virtual void progress(std::string_view text) = 0;
+  // Tells a terminal what the run is doing; drawn from the first tenth of a second on, ten times a second at most, and gone
+  // before anything else is written. Cheap to call (a look at the clock); main thread only.
+  virtual void progress(const Progress& now) = 0;
+  virtual bool shows_progress() const = 0; // somebody looks: else do not call it from inner loops
 
   virtual double seconds() const = 0;           // of a clock that only moves forward; for limits, never for results
   virtual std::uint32_t clock_seed() const = 0; // 1 to 2147483646, from the time of day
@@ -72,7 +85,7 @@ struct HostOptions {
   Libraries::Places places{};
   std::function<void(std::string_view)> listing{};            // takes text of the listing; empty: none
   std::function<void(std::string_view)> log{};                // takes lines of the log with their ends; empty: none
-  std::function<void(std::string_view)> progress{};           // draws progress; empty: none
+  std::function<void(std::string_view)> progress{};           // draws a line in place of the last one; empty: none
   std::vector<std::pair<std::string, std::string>> options{}; // host options by name, as "DEBUG"
 };
 

@@ -50,7 +50,83 @@ void append_message(std::string& out, const Message& message)
   out += fmt::format("{{\"group\": {}, \"number\": {}, \"severity\": \"{}\", ", message.group, message.number,
                      severity_name(message.severity));
   append_field(out, "text", message.text);
+  if (message.line > 0 && !message.file.empty()) {
+    out += ", ";
+    append_field(out, "file", message.file);
+    out += fmt::format(", \"line\": {}", message.line);
+    if (message.column > 0) out += fmt::format(", \"column\": {}", message.column);
+  }
   out += message.by_group < 0 ? ", \"by\": null}" : fmt::format(", \"by\": {}}}", message.by_group);
+}
+
+// The keys of a fit: what programs that read results ask for first.
+void append_fit(std::string& out, const FitSummary& fit)
+{
+  if (!fit.present) return;
+  out += fmt::format(", \"converged\": {}", !fit.converged ? "null" : *fit.converged ? "true" : "false");
+  out += ",\n        \"verdict\": {";
+  Separated findings(out, ", ");
+  for (const auto& [item, finding] : fit.findings) {
+    findings.next();
+    append_json_string(out, item);
+    out += ": ";
+    append_json_string(out, finding);
+  }
+  out += "},\n        \"fit\": {";
+  Separated figures(out, ", ");
+  for (const auto& [key, value] : fit.figures) {
+    figures.next();
+    append_json_string(out, key);
+    out += ": ";
+    append_cell(out, value);
+  }
+  const auto by_parameter = [&](std::string_view key, const std::vector<double>& values) {
+    out += fmt::format("}},\n        \"{}\": {{", key);
+    Separated each(out, ", ");
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      each.next();
+      append_json_string(out, fit.parameters[i]);
+      out += ": ";
+      append_json_number(out, values[i]);
+    }
+  };
+  by_parameter("start", fit.start);
+  by_parameter("estimates", fit.estimates);
+  out += "},\n        \"covariance\": ";
+  if (fit.covariance.empty()) {
+    out += "null";
+    return;
+  }
+  out += "{\"names\": [";
+  Separated names(out, ", ");
+  for (const std::string& name : fit.parameters) {
+    names.next();
+    append_json_string(out, name);
+  }
+  out += "], \"packed\": [";
+  Separated elements(out, ", ");
+  for (const double x : fit.covariance) {
+    elements.next();
+    append_json_number(out, x);
+  }
+  out += "]}";
+}
+
+void append_data_source(std::string& out, const StepResult& step)
+{
+  if (!step.data.name.empty()) {
+    out += "\"data\": {";
+    append_field(out, "name", step.data.name);
+    out += ", ";
+    append_field(out, "path", step.data.path);
+    out += fmt::format(", \"rows\": {}, \"variables\": {}", step.data.rows, step.data.variables);
+    if (!step.data.sha256.empty()) {
+      out += ", ";
+      append_field(out, "sha256", step.data.sha256);
+    }
+    out += "},\n     ";
+  }
+  if (step.seed) out += fmt::format("\"seed\": {},\n     ", *step.seed);
 }
 
 void append_group(std::string& out, const GroupResult& group)
@@ -63,7 +139,9 @@ void append_group(std::string& out, const GroupResult& group)
     out += ": ";
     append_cell(out, value);
   }
-  out += fmt::format("}}, \"return_code\": {}, \"tables\": [", group.return_code);
+  out += fmt::format("}}, \"return_code\": {}", group.return_code);
+  append_fit(out, group.fit);
+  out += ",\n        \"tables\": [";
   Separated tables(out, ",");
   for (const Table& table : group.tables) {
     tables.next();
@@ -75,7 +153,9 @@ void append_group(std::string& out, const GroupResult& group)
 
 void append_step(std::string& out, const StepResult& step)
 {
-  out += fmt::format("{{\"return_code\": {},\n     \"messages\": [", step.return_code);
+  out += fmt::format("{{\"return_code\": {},\n     ", step.return_code);
+  append_data_source(out, step);
+  out += "\"messages\": [";
   Separated messages(out, ",");
   for (const Message& message : step.messages) {
     messages.next();
@@ -103,6 +183,15 @@ void append_step(std::string& out, const StepResult& step)
 }
 
 } // namespace
+
+std::string by_text(const ByValues& by)
+{
+  std::string out;
+  for (const auto& [name, value] : by)
+    out += fmt::format("{}{}={}", out.empty() ? "" : " ", name,
+                       value.text() ? *value.text() : shortest(value.as_number()));
+  return out;
+}
 
 void append_json_string(std::string& out, std::string_view text)
 {
@@ -142,6 +231,8 @@ void append_json_number(std::string& out, double x)
     out += x > 0 ? "\"inf\"" : "\"-inf\"";
   else if (x == 0.0 && std::signbit(x))
     out += "-0.0"; // readers take "-0" for the integer 0
+  else if (x == std::floor(x) && std::abs(x) < 9007199254740992.0)
+    out += fmt::format("{:.0f}", x); // an integer: 1000000, not 1e+06
   else
     append_shortest(out, x);
 }

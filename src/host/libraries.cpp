@@ -121,23 +121,39 @@ void not_found(const std::string& name, const std::string& where, const std::vec
              place);
 }
 
+// One file, however its path is spelled; in a database one table.
+std::string file_key(const std::string& path, const std::string& table)
+{
+  std::error_code error;
+  const std::string file = fs::weakly_canonical(path, error).string();
+  return is_database(path) ? file + "/" + wzstrlo(table) : file;
+}
+
 // Says what was read: the kinds of the variables, at most `shown` names of each.
 void note_kinds(const DataSet& data, MessageSink& log)
 {
   constexpr std::size_t shown = 30;
-  const auto names = [&](bool numeric) {
+  enum class Sort { number, text, moment };
+  const auto sort_of = [](const Column& column) {
+    return !column.numeric() ? Sort::text : column.moment() == Moment::none ? Sort::number : Sort::moment;
+  };
+  const auto names = [&](Sort sort) {
     std::string out;
     std::size_t count = 0;
     for (const Column& column : data.columns()) {
-      if (column.numeric() != numeric || ++count > shown) continue;
+      if (sort_of(column) != sort || ++count > shown) continue;
       out += ' ';
       out += column.name();
     }
     if (count > shown) out += " and " + std::to_string(count - shown) + " more";
     return count == 0 ? std::string(" none") : out;
   };
-  log.xpmlog(message::data_set_read{
-      .data = data.name, .rows = data.rows(), .numeric = names(true), .character = names(false)});
+  const std::string moments = names(Sort::moment);
+  log.xpmlog(message::data_set_read{.data = data.name,
+                                    .rows = data.rows(),
+                                    .numeric = names(Sort::number),
+                                    .character = names(Sort::text),
+                                    .moments = moments == " none" ? std::string() : moments});
 }
 
 } // namespace
@@ -145,6 +161,11 @@ void note_kinds(const DataSet& data, MessageSink& log)
 void Libraries::bind_data(std::string_view name, std::string path)
 {
   data_[wzstrlo(name)] = std::move(path);
+}
+
+void Libraries::bind_memory(std::string_view name, DataSet data)
+{
+  memory_[wzstrlo(name)] = std::move(data);
 }
 
 void Libraries::bind_library(std::string_view library, std::string path)
@@ -156,90 +177,116 @@ std::vector<std::string> Libraries::bound_names() const
 {
   std::vector<std::string> names;
   for (const auto& [name, path] : data_) names.push_back(name);
+  for (const auto& [name, data] : memory_) names.push_back(name);
+  std::sort(names.begin(), names.end());
   return names;
 }
 
 // A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
 std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
-                                            const MessagePlace& place, const ColumnKinds& kinds) const
+                                            const MessagePlace& place, const ReadOptions& options) const
 {
   if (!is_file(path)) {
     log.xpmlog(message::file_not_read{.file = path, .reason = no_file_reason(path)}, place);
     return std::nullopt;
   }
-  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv(path, log, kinds);
+  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv(path, log, options);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)
-    if (equal_names(table, member)) return read_sqlite(path, table, log, kinds);
-  if (tables.size() == 1) return read_sqlite(path, tables.front(), log, kinds);
+    if (equal_names(table, member)) return read_sqlite(path, table, log, options);
+  if (tables.size() == 1) return read_sqlite(path, tables.front(), log, options);
   not_found(name, "the database " + path, tables, log, place);
   return std::nullopt;
 }
 
-std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, MessageSink& log,
-                                         const MessagePlace& place) const
+// Looks for the data set and reads the whole of it; `name` becomes its name in the run.
+std::optional<DataSet> Libraries::find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
+                                                const MessagePlace& place) const
 {
-  std::optional<DataSet> data;
-  std::string name = reference.name;
+  ReadOptions options{.separator = reference.options.separator != 0 ? reference.options.separator : separator_,
+                      .decimal = reference.options.decimal,
+                      .missing = reference.options.missing,
+                      .threads = threads_};
+  const auto as_written = [&](const Written& written) { // the run's own files need no options
+    return ReadOptions{.kinds = written.kinds, .separator = ',', .decimal = '.', .threads = threads_};
+  };
   if (reference.quoted) {
     const std::string path = joined(places_.program_folder, reference.name);
     const auto known = std::find_if(written_.begin(), written_.end(), [&](auto& w) { return w.second.path == path; });
-    data = read_path(path, fs::path(path).stem().string(), log, place,
-                     known == written_.end() ? ColumnKinds{} : known->second.kinds);
-  } else {
-    const SplitName parts = split(reference.name);
-    if (!parts.valid) {
-      log.xpmlog(message::bad_data_set_name{.name = reference.name}, place);
-      return std::nullopt;
-    }
-    name = parts.library + "." + wzstrlo(parts.member);
-    const auto written = written_.find(name);
-    const auto bound = data_.find(wzstrlo(parts.member));
-    const auto library = libraries_.find(parts.library);
-    const bool one_level = parts.library == "work";
-    const std::string folder = library != libraries_.end() ? library->second : places_.program_folder;
-    std::string found;
-    if (written != written_.end()) {
-      data = read_path(written->second.path, name, log, place, written->second.kinds);
-    } else if (one_level && bound != data_.end()) {
-      data = read_path(bound->second, name, log, place);
-    } else if (!one_level && library == libraries_.end()) {
-      std::string known = "work";
-      for (const auto& [l, path] : libraries_) known += ", " + l;
-      log.xpmlog(message::library_not_bound{.library = parts.library, .known = known}, place);
-    } else if (is_database(folder)) {
-      const auto tables = sqlite_tables(folder);
-      const auto table =
-          std::find_if(tables.begin(), tables.end(), [&](auto& t) { return equal_names(t, parts.member); });
-      if (table != tables.end())
-        data = read_sqlite(folder, *table, log);
-      else
-        not_found(reference.name, "the database " + folder, tables, log, place);
-    } else if (found = file_in_folder(folder, parts.member); !found.empty()) {
-      data = read_csv(found, log);
-    } else {
-      auto alternatives = members_of(folder);
-      for (const auto& [n, path] : data_)
-        if (one_level) alternatives.push_back(n);
-      std::sort(alternatives.begin(), alternatives.end());
-      alternatives.erase(std::unique(alternatives.begin(), alternatives.end()), alternatives.end());
-      not_found(reference.name, folder == "." ? "the current folder" : "the folder " + folder, alternatives, log,
-                place);
-    }
+    return read_path(path, fs::path(path).stem().string(), log, place,
+                     known == written_.end() ? options : as_written(known->second));
   }
+  const SplitName parts = split(reference.name);
+  if (!parts.valid) {
+    log.xpmlog(message::bad_data_set_name{.name = reference.name}, place);
+    return std::nullopt;
+  }
+  name = parts.library + "." + wzstrlo(parts.member);
+  const bool one_level = parts.library == "work";
+  if (const auto written = written_.find(name); written != written_.end())
+    return read_path(written->second.path, name, log, place, as_written(written->second));
+  if (const auto held = memory_.find(wzstrlo(parts.member)); one_level && held != memory_.end()) return held->second;
+  if (const auto bound = data_.find(wzstrlo(parts.member)); one_level && bound != data_.end())
+    return read_path(bound->second, name, log, place, options);
+  const auto library = libraries_.find(parts.library);
+  if (!one_level && library == libraries_.end()) {
+    std::string known = "work";
+    for (const auto& [l, path] : libraries_) known += ", " + l;
+    log.xpmlog(message::library_not_bound{.library = parts.library, .known = known}, place);
+    return std::nullopt;
+  }
+  const std::string folder = library != libraries_.end() ? library->second : places_.program_folder;
+  if (is_database(folder)) {
+    const auto tables = sqlite_tables(folder);
+    for (const std::string& table : tables)
+      if (equal_names(table, parts.member)) return read_sqlite(folder, table, log, options);
+    not_found(reference.name, "the database " + folder, tables, log, place);
+    return std::nullopt;
+  }
+  if (const std::string found = file_in_folder(folder, parts.member); !found.empty())
+    return read_csv(found, log, options);
+  auto alternatives = members_of(folder);
+  for (const std::string& n : bound_names())
+    if (one_level) alternatives.push_back(n);
+  std::sort(alternatives.begin(), alternatives.end());
+  alternatives.erase(std::unique(alternatives.begin(), alternatives.end()), alternatives.end());
+  not_found(reference.name, folder == "." ? "the current folder" : "the folder " + folder, alternatives, log, place);
+  return std::nullopt;
+}
+
+std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, MessageSink& log, const MessagePlace& place)
+{
+  std::string name = reference.name;
+  std::optional<DataSet> data = find_and_read(reference, name, log, place);
   if (!data) return std::nullopt;
+  if (!data->path.empty()) inputs_.insert(file_key(data->path, data->name));
+  if (const auto written = written_.find(name); written != written_.end())
+    for (Column& column : data->columns()) {
+      const auto look = written->second.looks.find(wzstrlo(column.name()));
+      if (look == written->second.looks.end()) continue;
+      column.set_label(look->second.first);
+      column.set_format(look->second.second);
+    }
   data->name = name;
   note_kinds(*data, log);
   if (apply_input_options(*data, reference.options, log) != 0) return std::nullopt;
   return data;
 }
 
+// Would this output replace what the run reads? Then a message says so.
+bool Libraries::is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const
+{
+  if (!inputs_.contains(file_key(output.path_, output.member_))) return false;
+  log.xpmlog(message::output_would_replace_input{.name = output.data_.name, .file = output.path_}, place);
+  return true;
+}
+
 OutputDataSet* Libraries::open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place)
 {
   auto output = std::make_unique<OutputDataSet>();
   output->options_ = reference.options;
-  if (reference.options.where || reference.options.first_row != 1 || reference.options.last_row != 0) {
+  if (reference.options.first_row != 1 || reference.options.last_row != 0) {
     log.xpmlog(message::input_option_on_output{.name = reference.name}, place);
     return nullptr;
   }
@@ -276,6 +323,7 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
       log.xpmlog(message::data_set_written_twice{.name = reference.name}, place);
       return nullptr;
     }
+  if (is_input(*output, log, place)) return nullptr;
   output->data_.label = reference.options.label;
   open_.push_back(std::move(output));
   return open_.back().get();
@@ -288,14 +336,17 @@ int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
   const std::unique_ptr<OutputDataSet> owned = std::move(*at);
   open_.erase(at);
 
+  if (is_input(*owned, log, {})) return -1; // read after it was opened
   std::vector<std::pair<std::size_t, std::string>> chosen;
   if (output_columns(owned->data_.column_names(), owned->options_, log, chosen) != 0) return -1;
+  if (keep_where(owned->data_, owned->options_, log) != 0) return -1;
   DataSet data;
   Written written{.path = owned->path_, .kinds = {}};
   for (auto& [index, name] : chosen) {
     Column column = std::move(owned->data_.columns()[index]);
     column.rename(name);
     written.kinds[wzstrlo(name)] = column.kind();
+    written.looks[wzstrlo(name)] = {column.label(), column.format()};
     data.add(std::move(column));
   }
   data.name = owned->data_.name;
@@ -317,6 +368,8 @@ int Libraries::close_all(MessageSink& log)
   int code = 0;
   while (!open_.empty())
     if (xoclose(open_.front().get(), log) != 0) code = -1;
+  // The next step may write again what this one read of the run's own data sets.
+  for (const auto& [name, written] : written_) inputs_.erase(file_key(written.path, name.substr(name.find('.') + 1)));
   return code;
 }
 

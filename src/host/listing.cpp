@@ -9,21 +9,25 @@ namespace {
 // One column ready for print: heading lines, cells, width.
 struct ShownColumn {
   std::vector<std::string> heading;
-  std::vector<std::string> cells;
+  std::vector<std::vector<std::string>> cells; // per row its lines: long texts are broken
   std::size_t width = 1;
   bool text = false;
   bool identifies = false; // repeated at the left of every panel
 };
 
-constexpr std::size_t gap = 2; // blanks between columns
+constexpr std::size_t gap = 2;         // blanks between columns
+constexpr std::size_t widest_text = 72; // columns of a text before it is broken into lines
 
 ShownColumn shown_column(const Table& table, std::size_t i)
 {
   const TableColumn& column = table.columns[i];
   ShownColumn out;
   out.text = column.kind == CellKind::text;
-  out.cells = formatted_cells(table, i);
-  for (const std::string& cell : out.cells) out.width = std::max(out.width, display_width(cell));
+  for (std::string& cell : formatted_cells(table, i)) {
+    const bool breaks = out.text && display_width(cell) > widest_text;
+    out.cells.push_back(breaks ? wrapped(cell, widest_text, 0) : std::vector<std::string>{std::move(cell)});
+    for (const std::string& line : out.cells.back()) out.width = std::max(out.width, display_width(line));
+  }
   // A heading is broken at blanks to the width of the cells, or of its longest word.
   const std::string heading = column_heading(table, column);
   std::size_t longest_word = 0;
@@ -86,10 +90,16 @@ std::string panel_text(const std::vector<ShownColumn>& columns, const std::vecto
   }
   out += '\n';
   for (std::size_t row = 0; row < rows; ++row) {
-    std::string line;
-    for (const std::size_t i : chosen)
-      line += (line.empty() ? margin : std::string(gap, ' ')) + aligned(columns[i], columns[i].cells[row]);
-    append_line(out, line);
+    std::size_t lines = 1;
+    for (const std::size_t i : chosen) lines = std::max(lines, columns[i].cells[row].size());
+    for (std::size_t k = 0; k < lines; ++k) {
+      std::string line;
+      for (const std::size_t i : chosen) {
+        const auto& cell = columns[i].cells[row];
+        line += (line.empty() ? margin : std::string(gap, ' ')) + aligned(columns[i], k < cell.size() ? cell[k] : "");
+      }
+      append_line(out, line);
+    }
   }
   return out;
 }

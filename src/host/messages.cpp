@@ -151,10 +151,16 @@ void MessageSink::xpmlog(int group, int number, const MessageArguments& argument
   message.number = number;
   message.severity = entry ? entry->severity : Severity::error;
   message.text = xpmstr(group, number, arguments);
+  message.file = place.program;
+  message.line = place.line;
+  message.column = place.column;
+  message.source = place.source;
   // The place goes before the full stop, so that the sentence stays one.
   const std::string where = place_text(place);
   const bool stop = !where.empty() && message.text.ends_with('.') && message.text.find(". ") == std::string::npos;
   if (stop) message.text.pop_back();
+  message.line = place.line;
+  message.column = place.column;
   message.text += where;
   if (stop) message.text += '.';
   post(std::move(message));
@@ -200,12 +206,54 @@ void MessageLog::post(Message message)
   const bool asked_for = message.group == 503 && message.number >= 400 && message.number < 450; // LOGNOTE
   if (!asked_for && ++repeats_[{message.group, message.number}] > repeat_limit) return;
   message.by_group = by_group_;
-  if (writer_) {
-    std::string text = wzstrup(severity_name(message.severity)) + ": " + message.text;
-    if (message.severity != Severity::note) text += fmt::format(" [{}/{}]", message.group, message.number);
-    for (const std::string& line : wrapped(text, log_width, 6)) writer_(line);
-  }
+  locate(message);
+  if (writer_) write(message);
   messages_.push_back(std::move(message));
+}
+
+void MessageLog::set_program(std::string name, std::string text)
+{
+  program_name_ = std::move(name);
+  program_text_ = std::move(text);
+}
+
+// Fills in the file and the source line of a place that counts in the program itself.
+void MessageLog::locate(Message& message) const
+{
+  if (message.line <= 0 || !message.file.empty()) return;
+  message.file = program_name_;
+  std::string_view rest = program_text_;
+  for (int line = 1; line < message.line; ++line) {
+    const std::size_t end = rest.find('\n');
+    if (end == std::string_view::npos) return;
+    rest.remove_prefix(end + 1);
+  }
+  message.source = rest.substr(0, rest.find('\n'));
+  if (message.source.ends_with('\r')) message.source.pop_back();
+}
+
+// Words, then for warnings and errors the place in the form that editors follow, its line and a caret below the column.
+void MessageLog::write(const Message& message) const
+{
+  std::string text = wzstrup(severity_name(message.severity)) + ": " + message.text;
+  if (message.severity != Severity::note) text += fmt::format(" [{}/{}]", message.group, message.number);
+  for (const std::string& line : wrapped(text, log_width, 6)) writer_(line);
+  if (message.severity == Severity::note || message.line <= 0 || message.file.empty()) return;
+  const std::string column = message.column > 0 ? fmt::format(":{}", message.column) : std::string();
+  writer_(fmt::format("  --> {}:{}{}", message.file, message.line, column));
+  if (message.source.empty()) return;
+  const std::string number = std::to_string(message.line), margin(number.size(), ' ');
+  writer_(fmt::format("  {} | {}", number, message.source));
+  if (message.column <= 0) return;
+  // Tabs before the caret stay tabs, so that it stands below its character; bytes of one character count once.
+  std::string caret = fmt::format("  {} | ", margin);
+  int at = 1;
+  for (const char c : message.source) {
+    if ((static_cast<unsigned char>(c) & 0xC0U) == 0x80U) continue;
+    if (at++ >= message.column) break;
+    caret += c == '\t' ? '\t' : ' ';
+  }
+  writer_(caret + "^");
 }
 
 void MessageLog::xpslog(std::string_view line)

@@ -41,6 +41,8 @@ struct MessagePlace {
   std::string subject{};      // text of the subject
   std::string file{};         // data file
   std::int64_t file_line = 0; // line of that file, from 1
+  std::string program{};      // file that line and column count in; empty: the program itself
+  std::string source{};       // text of that line; empty: looked up in the program
 };
 
 struct Message {
@@ -49,6 +51,12 @@ struct Message {
   Severity severity = Severity::note;
   std::string text{};
   int by_group = -1; // number of the BY group from 0, -1 outside
+  // Where in the program; line 0: nowhere, or told by the text alone.
+  std::string file{};
+  int line = 0;
+  int column = 0;       // from 1; 0: the whole line
+  int length = 0;       // characters from there on; 0: not known
+  std::string source{}; // text of that line
 };
 
 const CatalogueEntry* find_message(int group, int number); // null when there is none
@@ -167,6 +175,9 @@ public:
   void post(Message message) override;
   void xpslog(std::string_view line) override;
 
+  // The program that lines of places count in: its name and text, kept for the source lines under messages.
+  void set_program(std::string name, std::string text);
+
   // Messages from now on belong to this BY group (from 0; -1 none). Counts of repeated messages start anew.
   void set_by_group(int group);
 
@@ -181,7 +192,11 @@ public:
   static constexpr int repeat_limit = 20; // the same message is shown this often per BY group
 
 private:
+  void locate(Message& message) const;
+  void write(const Message& message) const;
+
   LineWriter writer_;
+  std::string program_name_, program_text_;
   std::vector<Message> messages_;
   std::map<std::pair<int, int>, int> repeats_; // (group, number) -> times in this BY group
   int by_group_ = -1;

@@ -63,6 +63,9 @@ std::string fixed_text(double x, int decimals)
 // As many digits as fit in `width` places, without trailing zeros; the shorter of plain and exponent form.
 std::string best_text(double x, int width)
 {
+  // A whole number is written in full: 1000000, not 1e+06.
+  if (x == std::floor(x) && std::fabs(x) < 1e15)
+    if (std::string full = fixed_text(x, 0); static_cast<int>(full.size()) <= width) return full;
   std::string whole = shortest(x);
   if (static_cast<int>(whole.size()) <= width) return whole;
   const int exponent = decimal_exponent(x);
@@ -184,7 +187,10 @@ NumberFormat parse_format(std::string_view text)
   const std::string_view sizes = text.substr(digit);
   const std::size_t point = std::min(sizes.find('.'), sizes.size());
   std::from_chars(sizes.data(), sizes.data() + point, format.width);
-  if (point < sizes.size()) std::from_chars(sizes.data() + point + 1, sizes.data() + sizes.size(), format.digits);
+  if (point == sizes.size()) return format;
+  const auto rest = std::from_chars(sizes.data() + point + 1, sizes.data() + sizes.size(), format.digits);
+  if (rest.ptr != sizes.data() + sizes.size())
+    std::from_chars(rest.ptr + 1, sizes.data() + sizes.size(), format.least_decimals);
   return format;
 }
 
@@ -205,7 +211,8 @@ std::string format_number(double x, const NumberFormat& format)
   }
   case NumberFormat::Kind::best_fit: {
     if (x == 0.0) return "0";
-    const int decimals = decimals_for(x, format.width, format.digits);
+    const int decimals =
+        std::max(decimals_for(x, format.width, format.digits), format.least_decimals > 0 ? format.least_decimals : -1);
     return decimals < 0 ? exponent_text(x, format.width) : fixed_text(x, decimals);
   }
   case NumberFormat::Kind::best:
@@ -216,7 +223,8 @@ std::string format_number(double x, const NumberFormat& format)
 
 std::vector<std::string> format_column(const std::vector<double>& values, const NumberFormat& format)
 {
-  const int common = format.kind == NumberFormat::Kind::best_fit ? common_decimals(values, format) : -1;
+  int common = format.kind == NumberFormat::Kind::best_fit ? common_decimals(values, format) : -1;
+  if (format.least_decimals > 0) common = std::max(common, format.least_decimals);
   std::vector<std::string> out;
   out.reserve(values.size());
   for (const double x : values) {

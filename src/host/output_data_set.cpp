@@ -3,7 +3,7 @@
 
 namespace torvale::host {
 
-std::size_t OutputDataSet::add_column(std::string name, ColumnKind kind, std::string label)
+std::size_t OutputDataSet::add_column(std::string name, ColumnKind kind, std::string label, std::string format)
 {
   name = cut_name(name, DataSet::longest_name);
   // A name that is taken gets the first free number behind it, within the length that names have.
@@ -12,7 +12,7 @@ std::size_t OutputDataSet::add_column(std::string name, ColumnKind kind, std::st
     const std::string suffix = std::to_string(n);
     unique = std::string(cut_name(name, DataSet::longest_name - suffix.size())).append(suffix);
   }
-  data_.add(Column(std::move(unique), kind, std::move(label)));
+  data_.add(Column(std::move(unique), kind, std::move(label))).set_format(std::move(format));
   numbers_.push_back(missing);
   texts_.emplace_back();
   return numbers_.size() - 1;

@@ -101,16 +101,9 @@ bool read_file(const std::string& path, std::string& bytes, std::string& problem
   const auto source = open_bytes(path, problem);
   if (!source) return false;
   bytes.clear();
-  char piece[1 << 16];
-  for (;;) {
-    const std::ptrdiff_t n = source->read(piece, sizeof piece);
-    if (n == 0) return true;
-    if (n < 0) {
-      problem = source->problem;
-      return false;
-    }
-    bytes.append(piece, static_cast<std::size_t>(n));
-  }
+  if (read_all(*source, bytes)) return true;
+  problem = source->problem;
+  return false;
 }
 
 bool make_folder(const std::string& path, std::string& problem)

@@ -1,6 +1,7 @@
 #include "host/sqlite_table.h"
 #include "host/message_names.h"
 #include "host/text.h"
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -61,16 +62,41 @@ std::string_view text_of(sqlite3_stmt* row, int column)
               : std::string_view{};
 }
 
-// First pass: which columns are numeric throughout? False when reading fails.
-bool infer_kinds(sqlite3_stmt* rows, std::vector<ColumnKind>& kinds)
+// What the first pass finds out about a column: numeric while every value is a number or missing, or every value spells
+// the same kind of date or time.
+struct Inferred {
+  ColumnKind kind = ColumnKind::numeric;
+  Moment moment = Moment::none;
+  bool number_seen = false;
+
+  void take_text(std::string_view text, const std::vector<std::string>& codes)
+  {
+    const auto is_code = [&](const std::string& code) { return equal_names(code, text); };
+    if (kind == ColumnKind::character || parse_missing(text) || is_missing_code(text)) return;
+    if (std::any_of(codes.begin(), codes.end(), is_code)) return;
+    const Moment found = number_seen ? Moment::none : iso_moment(text);
+    if (found == Moment::none || (moment != Moment::none && moment != found)) kind = ColumnKind::character;
+    moment = found;
+  }
+  void take_number()
+  {
+    number_seen = true;
+    if (moment != Moment::none) kind = ColumnKind::character;
+  }
+};
+
+// False when reading fails.
+bool infer_kinds(sqlite3_stmt* rows, const std::vector<std::string>& codes, std::vector<Inferred>& columns)
 {
   int code;
   while ((code = sqlite3_step(rows)) == SQLITE_ROW)
-    for (std::size_t i = 0; i < kinds.size(); ++i) {
+    for (std::size_t i = 0; i < columns.size(); ++i) {
       const int column = static_cast<int>(i);
       const int type = sqlite3_column_type(rows, column);
-      if (type == SQLITE_INTEGER || type == SQLITE_FLOAT || type == SQLITE_NULL) continue;
-      if (!parse_missing(stripped(text_of(rows, column)))) kinds[i] = ColumnKind::character;
+      if (type == SQLITE_INTEGER || type == SQLITE_FLOAT)
+        columns[i].take_number();
+      else if (type != SQLITE_NULL)
+        columns[i].take_text(stripped(text_of(rows, column)), codes);
     }
   sqlite3_reset(rows);
   return code == SQLITE_DONE;
@@ -92,12 +118,14 @@ bool append_value(Column& column, sqlite3_stmt* rows, int i)
     // 2^63 itself is outside the integers, so the cast back is defined below it only.
     exact = type == SQLITE_FLOAT || (x < 0x1p63 && static_cast<sqlite3_int64>(x) == sqlite3_column_int64(rows, i));
   } else {
-    column.append(parse_missing(stripped(text_of(rows, i))).value_or(missing));
+    const std::string_view spelled = stripped(text_of(rows, i));
+    const auto value = parse_iso(spelled, iso_moment(spelled));
+    column.append(value ? *value : parse_missing(spelled).value_or(missing));
   }
   return exact;
 }
 
-void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t row)
+void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t row, Moment moment)
 {
   if (!column.numeric()) {
     const std::string& text = column.text(row);
@@ -108,7 +136,10 @@ void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t r
     return;
   }
   const double x = column.number(row);
-  if (!wzmis(x))
+  std::string spelled;
+  if (!wzmis(x) && moment != Moment::none && append_iso(spelled, x, moment))
+    sqlite3_bind_text(insert, i, spelled.c_str(), -1, SQLITE_TRANSIENT);
+  else if (!wzmis(x))
     sqlite3_bind_double(insert, i, x);
   else if (missing_letter(x) == '.')
     sqlite3_bind_null(insert, i);
@@ -119,8 +150,11 @@ void bind_value(sqlite3_stmt* insert, int i, const Column& column, std::size_t r
 bool write_rows(sqlite3* database, const DataSet& data, const std::string& table)
 {
   std::string columns, marks;
+  std::vector<Moment> moments;
   for (const Column& column : data.columns()) {
-    columns += (columns.empty() ? "" : ", ") + quoted_name(column.name()) + (column.numeric() ? " REAL" : " TEXT");
+    moments.push_back(column.written_as());
+    const bool number = column.numeric() && moments.back() == Moment::none;
+    columns += (columns.empty() ? "" : ", ") + quoted_name(column.name()) + (number ? " REAL" : " TEXT");
     marks += marks.empty() ? "?" : ", ?";
   }
   if (!execute(database, "DROP TABLE IF EXISTS " + quoted_name(table))) return false;
@@ -129,7 +163,7 @@ bool write_rows(sqlite3* database, const DataSet& data, const std::string& table
   if (!insert) return false;
   for (std::size_t row = 0; row < data.rows(); ++row) {
     for (std::size_t i = 0; i < data.columns().size(); ++i)
-      bind_value(insert.get(), static_cast<int>(i) + 1, data.columns()[i], row);
+      bind_value(insert.get(), static_cast<int>(i) + 1, data.columns()[i], row, moments[i]);
     if (sqlite3_step(insert.get()) != SQLITE_DONE) return false;
     sqlite3_reset(insert.get());
   }
@@ -161,7 +195,7 @@ std::vector<std::string> sqlite_tables(const std::string& path)
 }
 
 std::optional<DataSet> read_sqlite(const std::string& path, const std::string& table, MessageSink& log,
-                                   const ColumnKinds& kinds)
+                                   const ReadOptions& options)
 {
   const auto refuse = [&](std::string_view reason) {
     log.xpmlog(message::database_table_not_read{.table = table, .file = path, .reason = reason});
@@ -174,16 +208,18 @@ std::optional<DataSet> read_sqlite(const std::string& path, const std::string& t
   if (!rows) return refuse(sqlite3_errmsg(database.get()));
 
   const int count = sqlite3_column_count(rows.get());
-  std::vector<ColumnKind> inferred(static_cast<std::size_t>(count), ColumnKind::numeric);
-  if (!infer_kinds(rows.get(), inferred)) return refuse(sqlite3_errmsg(database.get()));
+  std::vector<Inferred> inferred(static_cast<std::size_t>(count));
+  if (!infer_kinds(rows.get(), options.missing, inferred)) return refuse(sqlite3_errmsg(database.get()));
   DataSet data;
   data.name = table;
   data.path = path;
   for (int i = 0; i < count; ++i) {
     std::string name(cut_name(sqlite3_column_name(rows.get(), i), DataSet::longest_name));
     if (data.find(name)) return refuse("two columns are named " + name);
-    const auto asked = kinds.find(wzstrlo(name));
-    data.add(Column(name, asked == kinds.end() ? inferred[static_cast<std::size_t>(i)] : asked->second));
+    const auto asked = options.kinds.find(wzstrlo(name));
+    const Inferred& found = inferred[static_cast<std::size_t>(i)];
+    Column& column = data.add(Column(name, asked == options.kinds.end() ? found.kind : asked->second));
+    if (column.numeric()) column.set_format(std::string(iso_format(found.moment)));
   }
   int code;
   std::vector<bool> told(static_cast<std::size_t>(count));

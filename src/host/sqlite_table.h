@@ -17,7 +17,7 @@ std::vector<std::string> sqlite_tables(const std::string& path);
 // Reads a table or view. A column is numeric when every value in it is a number or NULL; texts that spell a missing
 // value count as missing. Nothing, with a message, when it cannot be read.
 std::optional<DataSet> read_sqlite(const std::string& path, const std::string& table, MessageSink& log,
-                                   const ColumnKinds& kinds = {});
+                                   const ReadOptions& options = {});
 
 // Writes a table in one transaction, over one of the same name. 0, or -1 with a message; the old table is then still
 // there.

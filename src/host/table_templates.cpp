@@ -1,7 +1,10 @@
 #include "host/csv.h"
 #include "host/table_writers.h"
 #include "host/text.h"
+#include <algorithm>
+#include <cmath>
 #include <fmt/format.h>
+#include <optional>
 
 namespace torvale::host {
 
@@ -36,7 +39,7 @@ constexpr ColumnTemplate templates[] = {
     {"Restart", "Restarts", "6"},
     {"Calls", "Calls", "6"},
     {"Active", "Active Constraints", "6"},
-    {"NegLogLike", "Negative Log Likelihood", "D12.7"},
+    {"NegLogLike", "Negative Log Likelihood", "D14.7.2"},
     {"Diff", "Difference", "D10.4"},
     {"MaxGrad", "Maximum Gradient", "D10.4"},
     {"StdDev", "Standard Deviation", "D10.4"},
@@ -77,13 +80,69 @@ std::string column_format(const TableColumn& column)
   return column.kind == CellKind::integer ? "12" : "D10.4";
 }
 
+namespace {
+
+// Columns whose digits follow the standard error of their row.
+constexpr std::string_view error_columns[] = {"Estimate", "StandardError", "StdErrPred", "Pred", "Lower", "Upper"};
+
+// The decimals that a standard error earns: its own three leading digits. Nothing when there is no error to go by, or
+// when so many decimals would not be read as a number.
+std::optional<int> earned_decimals(double error)
+{
+  if (!(error > 0) || !std::isfinite(error)) return std::nullopt;
+  const int decimals = std::max(0, 2 - static_cast<int>(std::floor(std::log10(error))));
+  return decimals <= 8 ? std::optional<int>(decimals) : std::nullopt;
+}
+
+// Blanks behind numbers, so that the points of a right-aligned column stand below each other.
+void align_points(std::vector<std::string>& cells)
+{
+  const auto behind = [](const std::string& s) {
+    const std::size_t point = s.find('.');
+    return point == std::string::npos || s.size() == 1 ? std::size_t{0} : s.size() - point;
+  };
+  std::size_t most = 0;
+  for (const std::string& s : cells)
+    if (s.find('e') == std::string::npos) most = std::max(most, behind(s));
+  for (std::string& s : cells) {
+    if (s == "." && most > 0) s.append(most - 1, ' '); // a missing value is a point
+    if (s.find('e') == std::string::npos && s.size() > 1 && s[0] != '.') s.append(most - behind(s), ' ');
+  }
+}
+
+// A column of estimates or limits: each row with the digits that its standard error earns, on one point.
+std::vector<std::string> cells_by_error(const Table& table, const std::vector<double>& values,
+                                        const NumberFormat& format, std::size_t error_column)
+{
+  std::vector<std::string> out;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const auto decimals = earned_decimals(table.rows()[i][error_column].as_number());
+    std::string text = format_number(values[i], format);
+    if (decimals && std::isfinite(values[i])) {
+      const std::string fixed = format_number(values[i], {NumberFormat::Kind::fixed, 40, *decimals});
+      if (static_cast<int>(fixed.size()) <= format.width + 4) text = fixed;
+    }
+    out.push_back(std::move(text));
+  }
+  align_points(out);
+  return out;
+}
+
+} // namespace
+
 std::vector<std::string> formatted_cells(const Table& table, std::size_t column)
 {
   const NumberFormat format = parse_format(column_format(table.columns[column]));
   std::vector<double> values;
   std::vector<std::string> out;
   for (const auto& row : table.rows()) values.push_back(row[column].as_number());
-  const std::vector<std::string> numbers = format_column(values, format);
+  std::size_t error = table.column("StandardError");
+  if (error == Table::npos) error = table.column("StdErrPred");
+  const bool by_error = error != Table::npos && table.columns[column].kind == CellKind::number &&
+                        std::find(std::begin(error_columns), std::end(error_columns), table.columns[column].name) !=
+                            std::end(error_columns);
+  const std::vector<std::string> numbers =
+      by_error ? cells_by_error(table, values, format, error) : format_column(values, format);
   for (std::size_t i = 0; i < values.size(); ++i) {
     const Cell& cell = table.rows()[i][column];
     if (cell.text())

@@ -24,8 +24,7 @@ inline constexpr std::size_t listing_width = 100; // columns of a listing line
 // A table as text: centred title and headings, columns aligned; split into panels when it is wider than the line.
 std::string listing_text(const Table& table, std::size_t width = listing_width);
 
-// A table as HTML and as CSV (names, then full precision).
-std::string html_text(const Table& table);
+// A table as CSV (names, then full precision).
 std::string csv_text(const Table& table);
 
 // JSON of one table, in the form of the results file.

@@ -48,13 +48,14 @@ std::optional<double> parse_missing(std::string_view text);
 // --- Formats -------------------------------------------------------------------------------------------------------
 
 // How a number is shown: "10.4" (width, decimals), "D8.3" (best fit: at least 3 significant digits in 8 places, with
-// common decimals in a column), "BEST8" (as much as fits in 8 places), "PVALUE6.4" ("<.0001" for small ones), "8" or
+// common decimals in a column; "D12.7.2": at least 2 of them), "BEST8" (as much as fits in 8 places), "PVALUE6.4" ("<.0001" for small ones), "8" or
 // "8." (integer). An empty format is "BEST12".
 struct NumberFormat {
   enum class Kind { fixed, best_fit, best, probability };
   Kind kind = Kind::best;
   int width = 12;
-  int digits = 0; // decimals, or significant digits of a best fit
+  int digits = 0;         // decimals, or significant digits of a best fit
+  int least_decimals = 0; // of a best fit
 };
 NumberFormat parse_format(std::string_view text);
 

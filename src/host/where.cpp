@@ -1,4 +1,5 @@
 #include "host/where.h"
+#include "host/calendar.h"
 #include "host/text.h"
 #include "host/where_nodes.h"
 #include <algorithm>
@@ -21,6 +22,44 @@ double arithmetic(double x)
 }
 
 double evaluate(const Node& node, const DataSet& data, std::size_t row);
+std::string evaluate_text(const Node& node, const DataSet& data, std::size_t row);
+
+std::string text_function(const Node& node, const DataSet& data, std::size_t row)
+{
+  std::string text = evaluate_text(*node.operands[0], data, row);
+  const std::string_view name = node.function->name;
+  if (name == "UPCASE") return wzstrup(text);
+  if (name == "LOWCASE") return wzstrlo(text);
+  if (name == "TRIM") return std::string(stripped(text));
+  const double begin = evaluate(*node.operands[1], data, row);
+  const double length = node.operands.size() > 2 ? evaluate(*node.operands[2], data, row) : 32767.0;
+  if (!(begin >= 1.0 && begin <= static_cast<double>(text.size()) && length >= 1.0)) return {};
+  return text.substr(static_cast<std::size_t>(begin) - 1, static_cast<std::size_t>(std::min(length, 32767.0)));
+}
+
+double number_function(const Node& node, const DataSet& data, std::size_t row)
+{
+  const Node& first = *node.operands[0];
+  if (node.function->number) {
+    double values[100];
+    for (std::size_t i = 0; i < node.operands.size(); ++i) values[i] = evaluate(*node.operands[i], data, row);
+    return node.function->number({values, node.operands.size()});
+  }
+  if (!first.character) return std::isnan(evaluate(first, data, row)); // MISSING
+  const std::string text = evaluate_text(first, data, row);
+  const bool blank = stripped(text).empty();
+  if (node.function->name == "MISSING") return blank;
+  return blank ? 1.0 : static_cast<double>(text.find_last_not_of(' ') + 1); // LENGTH
+}
+
+// The number, date or time that a text spells.
+double spelled_number(std::string_view text)
+{
+  text = stripped(text);
+  if (const auto value = parse_number(text)) return *value;
+  if (const auto value = parse_iso(text, iso_moment(text))) return *value;
+  return parse_missing(text).value_or(missing);
+}
 
 std::string evaluate_text(const Node& node, const DataSet& data, std::size_t row)
 {
@@ -31,6 +70,8 @@ std::string evaluate_text(const Node& node, const DataSet& data, std::size_t row
     return data.columns()[node.column].text(row);
   case Kind::concatenate:
     return evaluate_text(*node.operands[0], data, row) + evaluate_text(*node.operands[1], data, row);
+  case Kind::function:
+    return text_function(node, data, row);
   default:
     return {};
   }
@@ -104,6 +145,13 @@ double evaluate(const Node& node, const DataSet& data, std::size_t row)
   case Kind::contains:
     return evaluate_text(*node.operands[0], data, row).find(evaluate_text(*node.operands[1], data, row)) !=
            std::string::npos;
+  case Kind::like:
+    return matches_pattern(evaluate_text(*node.operands[0], data, row), evaluate_text(*node.operands[1], data, row));
+  case Kind::function:
+    return number_function(node, data, row);
+  case Kind::to_number:
+    // Bound to another data set, what was a text may be a number.
+    return node.operands[0]->character ? spelled_number(evaluate_text(*node.operands[0], data, row)) : value(0);
   case Kind::text:
   case Kind::concatenate:
     return missing; // characters: read by evaluate_text only
@@ -111,66 +159,119 @@ double evaluate(const Node& node, const DataSet& data, std::size_t row)
   return missing;
 }
 
-// Are the operands what the operation takes? Fills in columns and kinds from the leaves up.
-int bind_node(Node& node, const DataSet& data, std::string& problem)
-{
-  for (auto& operand : node.operands)
-    if (bind_node(*operand, data, problem) != 0) return -1;
-  const auto refuse = [&](std::string why) {
-    problem = std::move(why);
-    return -1;
-  };
-  switch (node.kind) {
-  case Kind::number:
-    node.character = false;
-    return 0;
-  case Kind::text:
-    node.character = true;
-    return 0;
-  case Kind::column: {
-    node.column = data.xvfind(node.text);
+// Fills in columns and kinds from the leaves up, and checks that operands are what the operation takes.
+class Binder {
+public:
+  Binder(const DataSet& data, std::string& problem, std::string* converted)
+      : data_(data), problem_(problem), converted_(converted)
+  {
+  }
+
+  bool bind(Node& node)
+  {
+    for (auto& operand : node.operands)
+      if (!bind(*operand)) return false;
+    switch (node.kind) {
+    case Kind::number:
+    case Kind::is_missing:
+    case Kind::to_number:
+      return true;
+    case Kind::text:
+      node.character = true;
+      return true;
+    case Kind::column:
+      return column(node);
+    case Kind::function:
+      return function(node);
+    case Kind::concatenate:
+    case Kind::contains:
+    case Kind::like:
+      node.character = node.kind == Kind::concatenate;
+      if (node.operands[0]->character && node.operands[1]->character) return true;
+      return refuse("||, CONTAINS and LIKE take characters on both sides");
+    case Kind::equal:
+    case Kind::not_equal:
+    case Kind::less:
+    case Kind::less_equal:
+    case Kind::greater:
+    case Kind::greater_equal:
+    case Kind::between:
+    case Kind::in:
+      return comparison(node);
+    default:
+      for (const auto& operand : node.operands)
+        if (operand->character) return refuse("a number is needed where characters stand");
+      return true;
+    }
+  }
+
+private:
+  bool refuse(std::string why)
+  {
+    problem_ = std::move(why);
+    return false;
+  }
+
+  bool column(Node& node)
+  {
+    node.column = data_.xvfind(node.text);
     if (node.column == DataSet::npos) {
-      const std::string near = nearest_name(node.text, data.column_names());
+      const std::string near = nearest_name(node.text, data_.column_names());
       return refuse("there is no variable " + node.text + (near.empty() ? "" : "; did you mean " + near + "?"));
     }
-    node.character = !data.columns()[node.column].numeric();
-    return 0;
+    node.character = !data_.columns()[node.column].numeric();
+    return true;
   }
-  case Kind::concatenate:
-  case Kind::contains:
-    if (!node.operands[0]->character || !node.operands[1]->character)
-      return refuse("|| and CONTAINS take characters on both sides");
-    node.character = node.kind == Kind::concatenate;
-    return 0;
-  case Kind::equal:
-  case Kind::not_equal:
-  case Kind::less:
-  case Kind::less_equal:
-  case Kind::greater:
-  case Kind::greater_equal:
-  case Kind::between:
-  case Kind::in:
-    for (const auto& operand : node.operands)
-      if (operand->character != node.operands[0]->character)
-        return refuse("a comparison has a number on one side and characters on the other");
-    return 0;
-  case Kind::is_missing:
-    return 0;
-  default:
-    for (const auto& operand : node.operands)
-      if (operand->character) return refuse("a number is needed where characters stand");
-    return 0;
+
+  bool function(Node& node)
+  {
+    const std::string_view takes = node.function->takes;
+    for (std::size_t i = 0; i < node.operands.size(); ++i) {
+      const char wanted = takes[std::min(i, takes.size() - 1)];
+      if (wanted != 'a' && (wanted == 'c') != node.operands[i]->character)
+        return refuse(std::string(node.function->name) + " takes " + (wanted == 'c' ? "characters" : "numbers") +
+                      " here");
+    }
+    node.character = node.function->gives_text;
+    return true;
   }
-}
+
+  // Where a number meets a text, the text is read as a number.
+  bool comparison(Node& node)
+  {
+    const auto is_text = [](const auto& operand) { return operand->character; };
+    if (std::all_of(node.operands.begin(), node.operands.end(), is_text) ||
+        std::none_of(node.operands.begin(), node.operands.end(), is_text))
+      return true;
+    for (auto& operand : node.operands) {
+      if (!operand->character) continue;
+      if (operand->kind == Kind::text && wzmis(spelled_number(operand->text)) && !stripped(operand->text).empty())
+        return refuse("a number is compared with '" + operand->text + "', which spells no number");
+      if (converted_) *converted_ = operand->kind == Kind::text ? "'" + operand->text + "'" : operand->text;
+      auto wrapped = std::make_unique<Node>();
+      wrapped->kind = Kind::to_number;
+      wrapped->operands.push_back(std::move(operand));
+      operand = std::move(wrapped);
+    }
+    return true;
+  }
+
+  const DataSet& data_;
+  std::string& problem_;
+  std::string* converted_;
+};
 
 } // namespace
 
-WhereExpression::WhereExpression(std::unique_ptr<Node> root) : root_(std::move(root)) {}
+WhereExpression::WhereExpression(std::unique_ptr<Node> root, bool angle_brackets)
+    : root_(std::move(root)), angle_brackets_(angle_brackets)
+{
+}
 WhereExpression::~WhereExpression() = default;
 
-int WhereExpression::bind(const DataSet& data, std::string& problem) const
+int WhereExpression::bind(const DataSet& data, std::string& problem, std::string* converted) const
 {
-  if (bind_node(*root_, data, problem) != 0) return -1;
+  if (!Binder(data, problem, converted).bind(*root_)) return -1;
   if (!root_->character) return 0;
   problem = "the condition is a text, not a comparison";
   return -1;

@@ -1,5 +1,6 @@
 #pragma once
 #include "host/where.h"
+#include "host/where_functions.h"
 #include <vector>
 
 namespace torvale::host {
@@ -30,11 +31,15 @@ struct WhereExpression::Node {
     between,
     is_missing,
     contains,
+    like,
+    function,
+    to_number, // of a text
   };
   Kind kind = Kind::number;
   double number = 0.0;    // of a number
   std::string text;       // of a text; the name of a column
   std::size_t column = 0; // index of a column, once bound
+  const WhereFunction* function = nullptr;
   bool character = false; // does it give characters? Once bound
   std::vector<std::unique_ptr<Node>> operands;
 };

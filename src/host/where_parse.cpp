@@ -1,3 +1,5 @@
+#include "host/formats.h"
+#include "host/missing.h"
 #include "host/text.h"
 #include "host/where_nodes.h"
 #include <initializer_list>
@@ -72,13 +74,31 @@ private:
           token.number = 1.0; // never an operator word
           ++i_;
         }
-        return true;
+        return moment(token, problem);
       }
       if (text_[i_] == quote) ++i_;
       token.text += text_[i_];
     }
     problem = "a quoted text is not closed";
     return false;
+  }
+
+  // 'text'd, 'text't and 'text'dt are dates and times.
+  bool moment(Token& token, std::string& problem)
+  {
+    std::size_t end = i_;
+    while (end < text_.size() && name_char(text_[end])) ++end;
+    const std::string mark = wzstrlo(text_.substr(i_, end - i_));
+    const char* const name = mark == "d" ? "DATE9." : mark == "t" ? "TIME8." : mark == "dt" ? "DATETIME18." : nullptr;
+    if (token.kind != Token::Kind::text || name == nullptr) return true;
+    token.number = read_value(token.text, *parse_value_format(name, problem));
+    if (wzmis(token.number)) {
+      problem = "'" + token.text + "'" + mark + " is no date or time";
+      return false;
+    }
+    token.kind = Token::Kind::number;
+    i_ = end;
+    return true;
   }
 
   bool number(Token& token, std::string& problem)
@@ -130,6 +150,8 @@ private:
 class Parser {
 public:
   explicit Parser(std::string_view text) : scanner_(text) { advance(); }
+
+  bool angle_brackets() const { return angle_brackets_; }
 
   NodePtr parse(std::string& problem)
   {
@@ -217,6 +239,7 @@ private:
     for (const Row& row : rows)
       if (sign(row.sign) || word(row.name)) {
         kind = row.kind;
+        angle_brackets_ = angle_brackets_ || sign("<>");
         advance();
         return true;
       }
@@ -231,7 +254,7 @@ private:
       const bool negated = word("not") || word("notin");
       if (comparison_kind(kind)) {
         left = make(kind, std::move(left), concatenation());
-      } else if (negated || word("in") || word("between") || word("contains") || word("is")) {
+      } else if (negated || word("in") || word("between") || word("contains") || word("like") || word("is")) {
         if (word("not")) advance();
         left = word_comparison(std::move(left));
         if (left && negated) left = make(Kind::negation, std::move(left));
@@ -245,6 +268,7 @@ private:
   NodePtr word_comparison(NodePtr left)
   {
     if (take_word("in") || take_word("notin")) return list(std::move(left));
+    if (take_word("like")) return make(Kind::like, std::move(left), concatenation());
     if (take_word("contains")) return make(Kind::contains, std::move(left), concatenation());
     if (take_word("between")) {
       NodePtr low = concatenation();
@@ -257,7 +281,7 @@ private:
       NodePtr node = make(Kind::is_missing, std::move(left));
       return negated ? make(Kind::negation, std::move(node)) : std::move(node);
     }
-    return fail("NOT must be followed by IN, BETWEEN or CONTAINS here");
+    return fail("NOT must be followed by IN, BETWEEN, CONTAINS or LIKE here");
   }
 
   NodePtr list(NodePtr left)
@@ -338,6 +362,10 @@ private:
     case Token::Kind::name:
       node->kind = Kind::column;
       node->text = token_.text;
+      if (token_.number == 0.0) {
+        advance();
+        return sign("(") ? call(std::move(node)) : std::move(node);
+      }
       break;
     case Token::Kind::sign:
       if (!take_sign("(")) return fail("a value is needed before " + token_.text);
@@ -353,12 +381,36 @@ private:
     return node;
   }
 
+  // The arguments behind a function's name.
+  NodePtr call(NodePtr node)
+  {
+    node->kind = Kind::function;
+    node->function = find_where_function(node->text);
+    if (!node->function)
+      return fail("there is no function " + node->text + " here; there are " + std::string(where_function_names()));
+    if (++depth_ > deepest) return fail("the condition is nested too deep");
+    do {
+      advance(); // the parenthesis or the comma
+      node->operands.push_back(disjunction());
+    } while (ok() && sign(","));
+    --depth_;
+    if (!ok()) return nullptr;
+    if (!sign(")")) return fail("a closing parenthesis is missing");
+    const auto count = static_cast<int>(node->operands.size());
+    if (count < node->function->least || count > node->function->most)
+      return fail(node->text + " takes " + std::to_string(node->function->least) + " to " +
+                  std::to_string(node->function->most) + " arguments");
+    advance();
+    return node;
+  }
+
   static constexpr int deepest = 200; // levels of parentheses, signs and powers: the stack is finite
   Scanner scanner_;
   Token token_;
   std::string problem_;
   std::size_t fault_at_ = 0;
   int depth_ = 0;
+  bool angle_brackets_ = false;
 };
 
 } // namespace
@@ -370,8 +422,9 @@ std::shared_ptr<const WhereExpression> parse_where(std::string_view text, std::s
     problem = "the condition is longer than 16384 characters; use IN lists";
     return nullptr;
   }
-  NodePtr root = Parser(text).parse(problem);
-  return root ? std::make_shared<const WhereExpression>(std::move(root)) : nullptr;
+  Parser parser(text);
+  NodePtr root = parser.parse(problem);
+  return root ? std::make_shared<const WhereExpression>(std::move(root), parser.angle_brackets()) : nullptr;
 }
 
 } // namespace torvale::host

@@ -19,8 +19,7 @@ int refuse(model::NX& n, engine::Frame& frame, const model::EstimateStatement& s
   message::expression_fails_at_estimates words{.statement = statement, .label = s.label};
   host::MessagePlace place;
   if (faults.empty()) {
-    place.statement = statement;
-    place.line = n.sources->user_position(s.where).line;
+    place = n.sources->place(statement, s.where);
     if (nmissgen > 0) words.reason = "a variable that it uses is missing";
   } else {
     evaluation::words_of(n, faults.front()).add_to(words, place);

@@ -1,8 +1,7 @@
 #include "inference/fit_outputs.h"
 
 #include "host/libraries.h"
-#include "host/message_names.h"
-#include "host/text.h"
+#include "inference/open_output.h"
 #include "inference/predictions.h"
 #include "matrix/quadratic_forms.h"
 
@@ -19,54 +18,29 @@ using model::REFFECT;
 
 namespace {
 
-OutputDataSet* open(NX& n, const syntax::StItem& item, const char* statement)
-{
-  host::MessagePlace place;
-  place.statement = statement;
-  const auto where = n.sources->user_position(item.where);
-  place.line = where.line;
-  place.column = where.column;
-  host::DataSetReference reference{item.text, item.quoted, {}};
-  if (!item.options.empty()) {
-    auto options = host::parse_data_set_options(item.options, n.host->log(), place);
-    if (!options) return nullptr;
-    reference.options = std::move(*options);
-  }
-  return n.host->libraries().open_output(reference, n.host->log(), place);
-}
-
-// A column of the results; the user is told when its name is that of an input variable.
-void add(NX& n, OutputDataSet& out, const std::string& name, const std::string& label)
-{
-  const std::size_t at = out.add_column(name, ColumnKind::numeric, label);
-  const std::string& given = out.data().columns()[at].name();
-  if (!host::equal_names(given, name.substr(0, host::DataSet::longest_name)))
-    n.host->log().xpmlog(message::result_name_taken{.data = out.name(), .name = name, .given = given});
-}
-
 // What follows an estimate, in this order.
 void add_test_columns(NX& n, OutputDataSet& out)
 {
-  add(n, out, "StdErrPred", "Standard Error of Prediction");
-  add(n, out, "DF", "Degrees of Freedom");
-  add(n, out, "tValue", "t Value");
-  add(n, out, "Probt", "Pr > |t|");
-  add(n, out, "Alpha", "Alpha");
-  add(n, out, "Lower", "Lower Confidence Limit");
-  add(n, out, "Upper", "Upper Confidence Limit");
+  add_output_column(n, out, "StdErrPred", "Standard Error of Prediction");
+  add_output_column(n, out, "DF", "Degrees of Freedom");
+  add_output_column(n, out, "tValue", "t Value");
+  add_output_column(n, out, "Probt", "Pr > |t|");
+  add_output_column(n, out, "Alpha", "Alpha");
+  add_output_column(n, out, "Lower", "Lower Confidence Limit");
+  add_output_column(n, out, "Upper", "Upper Confidence Limit");
 }
 
 void declare(NX& n, PredictStatement& statement)
 {
   OutputDataSet& out = *statement.output;
   for (const auto& column : n.fid->columns()) out.add_column_like(column);
-  add(n, out, "Pred", "Predicted Value");
+  add_output_column(n, out, "Pred", "Predicted Value");
   add_test_columns(n, out);
   if (!statement.derivatives) return;
-  for (const auto& p : n.parmstr) add(n, out, "Der_" + p.parmname, "Der " + p.parmname);
+  for (const auto& p : n.parmstr) add_output_column(n, out, "Der_" + p.parmname, "Der " + p.parmname);
   for (std::size_t level = n.reff.size(); level > 0; --level)
     for (const auto& effect : n.reff[level - 1].names)
-      add(n, out, "Der_" + effect + "_" + std::to_string(n.reff.size() - level + 1), "Der " + effect);
+      add_output_column(n, out, "Der_" + effect + "_" + std::to_string(n.reff.size() - level + 1), "Der " + effect);
 }
 
 void declare_subject(NX& n, const REFFECT& reff, OutputDataSet& out)
@@ -80,7 +54,7 @@ void declare_effects(NX& n, REFFECT& reff)
   OutputDataSet& out = *reff.outebfid;
   declare_subject(n, reff, out);
   out.add_column("Effect", ColumnKind::character, "Random Effect");
-  add(n, out, "Estimate", "Empirical Bayes Estimate");
+  add_output_column(n, out, "Estimate", "Empirical Bayes Estimate");
   add_test_columns(n, out);
 }
 
@@ -89,7 +63,7 @@ void declare_probabilities(NX& n, REFFECT& reff)
   OutputDataSet& out = *reff.outppfid;
   declare_subject(n, reff, out);
   out.add_column("Point", ColumnKind::numeric);
-  add(n, out, "Estimate", "Posterior Probability Estimate");
+  add_output_column(n, out, "Estimate", "Posterior Probability Estimate");
   add_test_columns(n, out);
 }
 
@@ -130,8 +104,7 @@ std::size_t set_subject(const NX& n, const REFFECT& reff, std::size_t subject, O
 {
   const auto row =
       static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(reff.SubInfo[subject].first_row)]);
-  std::size_t at = 0;
-  for (const auto& by : n.bylist) out.set_from(at++, *n.fid->find(by.name), n.rows.begin + row);
+  std::size_t at = set_by_variables(n, row, out);
   out.set_from(at++, *n.fid->find(reff.subname), n.rows.begin + row);
   return at;
 }
@@ -192,18 +165,18 @@ int open_fit_outputs(NX& n)
 {
   for (PredictStatement& statement : n.predictions) {
     if (statement.out == nullptr) continue;
-    statement.output = open(n, *statement.out, "PREDICT");
+    statement.output = open_output(n, *statement.out, "PREDICT");
     if (statement.output == nullptr) return 1;
     declare(n, statement);
   }
   for (REFFECT& reff : n.reff) {
     if (reff.outeb != nullptr) {
-      reff.outebfid = open(n, *reff.outeb, "RANDOM");
+      reff.outebfid = open_output(n, *reff.outeb, "RANDOM");
       if (reff.outebfid == nullptr) return 1;
       declare_effects(n, reff);
     }
     if (reff.outpp != nullptr) {
-      reff.outppfid = open(n, *reff.outpp, "RANDOM");
+      reff.outppfid = open_output(n, *reff.outpp, "RANDOM");
       if (reff.outppfid == nullptr) return 1;
       declare_probabilities(n, reff);
     }

@@ -21,6 +21,12 @@ struct TVAL {
 // is missing or infinite, or the error is not above 0. With degrees of freedom not above 0 there is a t value and no more.
 int tvltval(TVAL& t);
 
+// The criteria of a fit with minimized objective n.fval.
+struct InformationCriteria {
+  double minus2_log_likelihood, aic, aicc, bic;
+};
+InformationCriteria information_criteria(const model::NX& n);
+
 // "FitStatistics": -2 log likelihood, AIC, AICC, BIC of a fit with minimized objective n.fval.
 void write_fit_statistics(model::NX& n);
 
@@ -30,6 +36,10 @@ void tvlpest(model::NX& n, int job);
 // tvlphes: a square matrix of the parameters (tvl procedure, phes print Hessian): job -1 "StartingHessian", 0
 // "Hessian", 1 "CovMatParmEst", 2 "CorrMatParmEst".
 void tvlphes(model::NX& n, int job);
+
+// warn_of_standard_errors: warnings of parameters without influence and of missing degrees of freedom, which the verdict
+// repeats.
+void warn_of_standard_errors(model::NX& n);
 
 // The tables of the fit after tvlsolv, in their order: fit statistics, estimates, Hessian, covariance, correlation.
 void write_fit_tables(model::NX& n);

@@ -16,6 +16,8 @@ inline constexpr double root_two = 1.4142135623730951;
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
 const Integrator& support_points();      // a discrete distribution: the sum over its points
+const Integrator& first_order();         // the mean linear in the effects
+const Integrator& trapezoid();           // one effect, on the whole line
 const Integrator& nest_quadrature();     // several levels
 
 // The message of a nest whose integral is zero.
@@ -37,6 +39,9 @@ void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
 void size_block(const model::NX& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
+
+// keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
+void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
@@ -73,6 +78,9 @@ void take_mode_coefficients(const model::NX& n, model::BatchWork& b);
 // the engine's code above 2.
 int factored_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
 void close_factored(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
+// add_shares: after sum_points, what share every point has in a slot's integral, times the subject's replicates, into the point's element
+// of `shares`. By a second pass; allocates. Returns as sum_points.
+int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.

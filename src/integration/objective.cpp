@@ -19,11 +19,12 @@ namespace {
 // One evaluation in the hands of the workers.
 class Evaluation {
 public:
-  explicit Evaluation(NX& n) : n_(n), by_subject_(n.nreff() > 0) {}
+  explicit Evaluation(NX& n) : n_(n), by_subject_(n.nreff() > 0), looked_at_(n.host != nullptr && n.host->shows_progress()) {}
 
   void run()
   {
-    const long items = by_subject_ ? static_cast<long>(n_.batches.size()) : observation_blocks(n_);
+    items_ = by_subject_ ? static_cast<long>(n_.batches.size()) : observation_blocks(n_);
+    const long items = items_;
     if (n_.workers != nullptr && !in_order())
       n_.workers->run(items, *this);
     else
@@ -35,6 +36,10 @@ public:
   void operator()(int context, long item)
   {
     if (item > first_failed_.load(std::memory_order_relaxed)) return;
+    // Somebody who waits for the end of a run does not wait for the end of an evaluation: it fails here.
+    if (n_.host != nullptr && n_.host->interrupted()) return note_failure(item);
+    if (context == 0 && looked_at_)
+      n_.host->progress({.stage = "evaluation", .share = static_cast<double>(item) / static_cast<double>(items_)});
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
     const int rc = by_subject_ ? evaluate_batch(n_, ctx, n_.batches[static_cast<std::size_t>(item)]) : sum_observations(n_, ctx, item);
     if (rc > 2) ended_.store(true, std::memory_order_relaxed);
@@ -69,6 +74,8 @@ private:
 
   NX& n_;
   const bool by_subject_;
+  const bool looked_at_;
+  long items_ = 0;
   std::atomic<long> first_failed_{LONG_MAX};
   std::atomic<bool> ended_{false};
 };

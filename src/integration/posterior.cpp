@@ -78,6 +78,7 @@ private:
     BatchWork& b = ctx.batch;
     take_batch(n_, ctx, batch);
     if (n_.method == 4) return support_posteriors(n_, ctx, out_);
+    if (n_.method == 1 && !n_.lb) return linear_posteriors(n_, ctx, out_);
     Work& w = work_[static_cast<std::size_t>(context)];
     if (const int rc = evaluation::load_priors(n_, ctx, true); rc > 2) return rc;
     if (const int rc = modes::tvlebes(n_, ctx); rc > 2) return rc;

@@ -30,6 +30,10 @@ struct Posterior {
 // Returns 0 or the engine's code above 2. All threads; what a subject gets does not depend on the others.
 int find_posterior(model::NX& n, Posterior& out);
 
+// linear_posteriors: the same for the batch in hand of a context, first order around the mean of the effects: their mean and covariance given the
+// data in the linear model.
+int linear_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);
+
 // support_posteriors: the same for the batch in hand of a context, with a discrete distribution. support_size: its
 // points.
 int support_posteriors(const model::NX& n, model::TVLThreadCtx& ctx, Posterior& out);

@@ -99,6 +99,10 @@ Parser::Implementation::Hint Parser::Implementation::special_hint(const Token& w
   if (statement && word && name.rfind("PAR", 0) != 0 && last.text == "=" && parse->accepts(token_class::INT) &&
       !parse->accepts(token_class::NAMEX))
     return {"A number is needed here, not " + shown + ".", Recovery::as_number};
+  if (wrong.text == "//")
+    return {"'//' begins no comment: comments are /* ... */, or begin with * and end with ;", Recovery::leave_out};
+  if (wrong.text == "/" && name == "TORVALE")
+    return {"'/' cannot stand here. A path stands in quotes: DATA='folder/file.csv'.", Recovery::give_up};
   if (const std::string_view advice = instead_of_value(option_before(text, at), upper_case(wrong.text));
       !advice.empty())
     return {shown + " cannot stand here. " + std::string(advice), Recovery::as_value};

@@ -108,6 +108,9 @@ bool TokenStream::macro()
     past_semicolon();
   } else if (const auto found = macros_.find(word); found != macros_.end()) {
     call_macro(found->second, at);
+  } else if (word == "IN" && end < t.size() && t[end] == '%') {
+    fault(cursor_.back().source, at, "'%in%' is no operator: write x IN (1, 2), or of texts x IN ('a', 'b').");
+    cursor_.back().at = end + 1;
   } else {
     fault(cursor_.back().source, at,
           "There is no macro called " + word + ". Define it with %macro " + word +

@@ -80,10 +80,21 @@ struct ModelPrograms {
   int cross_place(int k, int j) const { return k * np + j; }
   int third_place(int w, int packed) const { return ne * np + w * (ne * (ne + 1) / 2) + packed; }
 
+  // First order, mean linear in the effects: the value, then with z the derivatives of the mean by the effects, e the residual and r
+  // the variance z e / r, and z z' / r as a packed lower triangle. The second program has the derivatives of all these too, of each by
+  // the parameters and then the effects.
+  ModelProgram linear, linear_gradient;
+  int residual(int k) const { return 1 + k; }
+  int information(int packed) const { return 1 + ne + packed; }
+  int linear_sums() const { return 1 + ne + ne * (ne + 1) / 2; }
+  int linear_by(int sum, int w) const { return linear_sums() + sum * (np + ne) + w; }
+
   // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
   ModelProgram cross;
 
   FactoredPrograms factored;
+  // The response, then the arguments of the MODEL distribution; made when single records are first looked at.
+  const engine::Program* records = nullptr;
 };
 
 struct REFFECT {
@@ -112,6 +123,9 @@ struct REFFECT {
   engine::CMPDER gradstr;              // _ll by prsym
   engine::CMPDER hessustr;             // first derivatives of _ll by random effects, by ransym or prsym
   engine::CMPDER triustr;              // hessustr by ransym
+  // First order: the sums of ModelPrograms::linear, null where identically zero, and their derivatives by prsym; objindex is the place.
+  std::vector<engine::CMPSYM*> linearsym;
+  engine::CMPDER lineargradstr;
   engine::CMPDER gradrstr;             // distribution arguments by parameters
   // nd distribution arguments (nr means, nrs elements of G), then nd x np derivatives by parameters, row = argument.
   ModelProgram setup;                  // the same as setup_value where no derivatives are wanted

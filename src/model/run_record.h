@@ -79,6 +79,7 @@ struct RunOptions {
   int loglevel = 0;           // detail of log notes, 0 to 3
   bool lb = false;            // LB
   bool debug = false;
+  bool pictures = false;      // somebody will look at pictures of the fit
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
   bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
@@ -147,6 +148,8 @@ struct ModelLists {
   std::string depname;                        // dependent variable
   engine::CMPSYM* depsym = nullptr;
   engine::CMPSYM* llsym = nullptr;            // _ll
+  engine::CMPSYM* meansym = nullptr;          // first order: mean and variance of the response
+  engine::CMPSYM* variancesym = nullptr;
   engine::CMPSYM* repsym = nullptr;           // REPLICATE variable, or null
   int nparm = 0;                              // parameters
   std::vector<PARMSTR> parmstr;               // one per parameter
@@ -173,6 +176,10 @@ struct ModelLists {
   std::vector<EstimateStatement> estimates;   // ESTIMATE
   std::vector<EstimateStatement> contrasts;   // CONTRAST
   std::vector<PredictStatement> predictions;  // PREDICT
+  const syntax::StItem* outq = nullptr;       // OUTQ=; borrowed
+  host::OutputDataSet* outqfid = nullptr;     // open from statement processing to the end of the step; borrowed
+  const syntax::StItem* outsg = nullptr;      // SUBGRADIENT=; borrowed
+  host::OutputDataSet* sgradfid = nullptr;    // likewise
   SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;
@@ -214,6 +221,7 @@ struct GroupState {
 
 struct FitState {
   std::vector<double> parm;                   // current parameters
+  std::vector<double> parmstart;              // where the optimizer began
   std::vector<double> parmlast;               // point that str.grad belongs to; empty when none
   std::vector<double> metric, metric_point;   // a Hessian that a run may start from (packed), and its point; empty: none
   bool dograd = false;                        // gradient wanted from the objective

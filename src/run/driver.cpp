@@ -4,9 +4,14 @@
 #include "data/starting_values.h"
 #include "host/message_names.h"
 #include "inference/fit_outputs.h"
+#include "inference/method_outputs.h"
+#include "inference/picture_data.h"
 #include "inference/tables.h"
+#include "inference/verdict.h"
 #include "integration/objective.h"
 #include "parallel/worker_pool.h"
+#include "report/fit_pictures.h"
+#include "run/advice.h"
 #include "run/exit_codes.h"
 #include "run/statement_processing.h"
 #include "solve/solve_step.h"
@@ -44,14 +49,19 @@ int exit_of_outcome(const NX& n)
 // The tables and expressions of a fit; its exit code.
 int report_fit(NX& n)
 {
+  if (n.znlprc > 0 && n.nparm > 0 && n.covmat.empty()) {
+    n.host->log().xpmlog(message::no_covariance);
+    n.raise(4);
+  }
+  inference::warn_of_standard_errors(n);
+  inference::write_verdict(n);
   inference::write_fit_tables(n);
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = exit_of_outcome(n);
+  inference::write_points(n);
+  if (inference::write_importance_sampling(n) > 2 || inference::write_subject_gradients(n) != 0) exit_code = exit_program;
   if (n.nparm == 0) return exit_clean;
-  if (n.covmat.empty()) {
-    n.host->log().xpmlog(message::no_covariance);
-    n.raise(4);
-  } else {
+  if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
     if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
@@ -59,18 +69,38 @@ int report_fit(NX& n)
   return exit_code;
 }
 
+// The pictures of the group, for whoever writes a report.
+void draw_pictures(NX& n, const sampling::SampleDraws& sample)
+{
+  host::GroupResult& group = n.host->group();
+  inference::PictureData data;
+  const bool evaluated = n.znlprc > 0 && inference::picture_data(n, data) == 0;
+  group.pictures = report::fit_pictures(group, evaluated ? &data : nullptr, sample);
+}
+
 int run_group(NX& n)
 {
   n.znlprc = 0;
+  n.host->progress({.stage = "reading data"});
   if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
+  advise_on_response(n);
   integration::forget_modes(n);
-  if (solve::tvlparm(n) != 0) return exit_no_start;
+  n.verdict = {};
+  n.host->progress({.stage = "starting values"});
+  if (solve::tvlparm(n) != 0) {
+    n.verdict.outcome = model::FitOutcome::not_evaluated;
+    inference::write_verdict(n);
+    return exit_no_start;
+  }
   if (n.host->interrupted()) return exit_interrupted;
+  n.parmstart = n.parm;
   solve::tvlsolv(n);
   int exit_code = report_fit(n);
+  sampling::SampleDraws sample;
   // Where the objective has a value, whether or not the fit converged.
-  if (n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted() && run_sampler(n) != 0)
-    exit_code = worse_exit(exit_code, exit_not_converged);
+  const bool sampled = n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted();
+  if (sampled && run_sampler(n, n.pictures ? &sample : nullptr) != 0) exit_code = worse_exit(exit_code, exit_not_converged);
+  if (n.pictures && !n.host->interrupted()) draw_pictures(n, sample);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 
@@ -112,6 +142,7 @@ StepOutcome hsttorvl(NX& n)
   StepOutcome outcome;
   try {
     tvlinit(n);
+    advise_on_program(n);
     n.starting_tables = [](NX& run) {
       inference::starting_tables(run);
       return 0;

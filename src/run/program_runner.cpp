@@ -3,9 +3,11 @@
 #include "compartment/compartment_statement.h"
 #include "host/message_names.h"
 #include "host/run_output.h"
+#include "host/sha256.h"
 #include "language/actions.h"
 #include "language/parser.h"
 #include "language/statement_listing.h"
+#include "run/advice.h"
 #include "run/driver.h"
 #include "run/exit_codes.h"
 #include "run/model_generator.h"
@@ -42,6 +44,7 @@ public:
   ProgramRunner(host::Host& host, const ProgramRequest& request)
       : host_(host), request_(request), program_(sources_.add(request.name, request.text)), parser_(parse_request())
   {
+    host.log().set_program(request.name, request.text);
   }
 
   ProgramResult run()
@@ -128,9 +131,7 @@ private:
     data_given_ = procedure.given(torvale_slot::data) && !procedure.slot(torvale_slot::data).list.empty();
     if (!data_given_) return variables;
     const syntax::StItem& item = procedure.slot(torvale_slot::data).list[0];
-    host::MessagePlace place;
-    place.statement = "TORVALE";
-    place.line = sources_.user_position(item.where).line;
+    const host::MessagePlace place = sources_.place("TORVALE", item.where);
     host::DataSetReference reference{item.text, item.quoted, {}};
     if (!item.options.empty()) {
       auto options = host::parse_data_set_options(item.options, host_.log(), place);
@@ -175,10 +176,7 @@ private:
     const int method = static_cast<int>(procedure.number_or(torvale_slot::method, 0));
     const auto& arguments = model.slot(model_slot::arguments).list;
     const auto refuse = [&](const host::NumberedMessage& problem) {
-      host::MessagePlace place;
-      place.statement = "MODEL";
-      place.line = sources_.user_position(model.where).line;
-      host_.log().xpmlog(problem, place);
+      host_.log().xpmlog(problem, sources_.place("MODEL", model.where));
       model_fault_ = true;
       return 1;
     };
@@ -187,8 +185,6 @@ private:
     const int expected = expected_arguments(text.code);
     if (static_cast<int>(arguments.size()) != expected)
       return refuse(message::wrong_number_of_model_arguments{.expected = expected, .found = arguments.size()});
-    if (method == 1 && !procedure.flag(torvale_flag::lb))
-      return 0; // the first-order method takes mean and variance themselves
     if (model.slot(model_slot::dependent).list.empty()) return 0;
     text.dependent = model.slot(model_slot::dependent).list[0].text;
     for (const auto& argument : arguments) text.arguments.push_back(syntax::to_text(*argument.expr));
@@ -202,9 +198,17 @@ private:
       host::Message message;
       message.group = language::message_group;
       message.number = d.number();
+      message.length = d.length;
       message.severity = d.severity == language::Severity::note      ? host::Severity::note
                          : d.severity == language::Severity::warning ? host::Severity::warning
                                                                      : host::Severity::error;
+      // Its source line and caret are part of the rendering.
+      const syntax::Position user = sources_.user_position(d.where);
+      if (user.line > 0) {
+        message.file = sources_.source(user.source).name;
+        message.line = user.line;
+        message.column = user.column;
+      }
       // The first line of the rendering is place and text; the source line and the caret follow as they stand.
       const std::string words = language::render(sources_, d);
       std::size_t from = words.find(": "); // severity and number come from the log
@@ -239,6 +243,12 @@ private:
       if (request_.check_only) host_.log().xpmlog(message::only_grammar_checked);
       return {1008, exit_data};
     }
+    host::DataSource& source = host_.step().data;
+    source.name = data_->name;
+    source.path = data_->path;
+    if (request_.hash_data) source.sha256 = host::file_sha256(data_->path);
+    source.rows = data_->rows();
+    source.variables = data_->columns().size();
     model::NX n;
     n.host = &host_;
     n.proc = &parsed.proc;
@@ -247,13 +257,18 @@ private:
     n.data_name = data_->name;
     n.command_threads = request_.threads;
     n.seed = request_.seed;
+    n.pictures = request_.pictures;
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
+      // A seed from the clock changes nothing in a run that draws no numbers, and would change its results' bytes.
+      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed)) host_.step().seed = n.seed;
       if (request_.observe) request_.observe(n);
       return outcome;
     }
     try {
       tvlinit(n);
+      advise_on_program(n);
+      write_model_summary(n);
       return {n.tvlrc, exit_clean};
     } catch (const host::HostExit& end) {
       return {std::max(n.tvlrc, end.return_code), end.return_code == 1008 ? exit_data : exit_program};

@@ -17,6 +17,8 @@ struct ProgramRequest {
   int threads = 0;                               // workers when the program does not say
   long seed = 0;                                 // seed when the program does not say; 0 the clock
   bool check_only = false;                       // parse and compile only
+  bool hash_data = false;                        // tell the hash of the input file
+  bool pictures = false;                         // draw pictures of every fit
   std::function<void(const model::NX&)> observe; // called with the record of each step that ran, before it is gone
 };
 

@@ -1,11 +1,11 @@
-// The public interface of the library.
-
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include "host/host.h"
+#include "host/message_names.h"
 #include "run/exit_codes.h"
 #include "run/program_runner.h"
 
+#include <algorithm>
 #include <new>
 
 namespace torvale {
@@ -32,6 +32,8 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.log = settings.log;
   options.progress = settings.progress;
   state_->host = host::make_host(std::move(options));
+  const int workers = settings.threads < 0 ? state_->host->cores() : settings.threads;
+  state_->host->libraries().set_reading(settings.separator, std::max(workers, 1));
   for (const auto& [name, path] : settings.data) state_->host->libraries().bind_data(name, path);
   for (const auto& [name, path] : settings.libraries) state_->host->libraries().bind_library(name, path);
   state_->settings = std::move(settings);
@@ -43,11 +45,18 @@ RunOutcome Session::run(std::string program)
 {
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
+  const std::string upper = host::wzstrup(program);
+  std::string unused;
+  for (const auto& [name, path] : s.data)
+    if (upper.find(host::wzstrup(name)) == std::string::npos) unused += (unused.empty() ? "" : ", ") + name;
+  if (!unused.empty()) state_->host->log().xpmlog(message::data_binding_unused{.name = unused});
   auto result = run::run_program(
-      *state_->host, {s.program_name, s.program_folder, std::move(program), s.threads, s.seed, s.check_only, {}});
+      *state_->host,
+      {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.hash_data, s.pictures, {}});
   outcome.exit_code = result.exit_code;
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();
+  outcome.results.source = std::move(program);
   return outcome;
 }
 
@@ -60,6 +69,11 @@ std::shared_ptr<const host::DataSet> Session::data_set(const std::string& name, 
 void Session::interrupt()
 {
   state_->host->interrupt();
+}
+
+host::Libraries& Session::libraries()
+{
+  return state_->host->libraries();
 }
 
 std::string explain(std::string_view code)

@@ -4,6 +4,7 @@
 #include "host/message_names.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "inference/method_outputs.h"
 #include "run/idle_options.h"
 #include "syntax/statement_names.h"
 #include "syntax/tree.h"
@@ -22,12 +23,7 @@ using syntax::torvale_slot;
 
 host::MessagePlace place_at(const NX& n, const char* statement, syntax::Position where)
 {
-  host::MessagePlace place;
-  place.statement = statement;
-  const syntax::Position user = n.sources->user_position(where);
-  place.line = user.line;
-  place.column = user.column;
-  return place;
+  return n.sources->place(statement, where);
 }
 
 int log_diagnostics(NX& n)
@@ -42,6 +38,11 @@ int log_diagnostics(NX& n)
                                                                              : host::Severity::error;
     message.text = d.text;
     if (d.where.line > 0) message.text += " (" + n.sources->describe(d.where) + ")";
+    const auto place = n.sources->place({}, d.where);
+    message.file = place.program;
+    message.line = place.line;
+    message.column = place.column;
+    message.source = place.source;
     if (message.severity == host::Severity::error) ++errors;
     if (message.severity == host::Severity::warning) n.raise(4);
     n.host->log().post(std::move(message));
@@ -82,6 +83,10 @@ void model_statement(NX& n)
   }
   n.depname = stmt->slot(model_slot::dependent).list[0].text;
   n.llsym = engine::cmpsyms(*n.gcmp, "_ll");
+  if (n.method == 1) { // as the generated statements name them
+    n.meansym = engine::cmpsyms(*n.gcmp, "_arg1");
+    n.variancesym = engine::cmpsyms(*n.gcmp, "_arg2");
+  }
 }
 
 namespace {
@@ -107,12 +112,18 @@ void refuse_unserved(NX& n)
   for (const auto& stmt : n.proc->statements) {
     if (stmt.name == "RANDOM" && stmt.given(random_slot::outri)) refuse("OUTRI$ of RANDOM", "RANDOM", stmt.where);
   }
-  if (procedure.given(torvale_slot::subgradient))
-    refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
-  if (procedure.given(torvale_slot::outq)) refuse("OUTQ=", "TORVALE", procedure.slot(torvale_slot::outq).where);
   if (procedure.given(torvale_slot::outr)) refuse("OUTR=", "TORVALE", procedure.slot(torvale_slot::outr).where);
-  if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(torvale_slot::method).where);
-  if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
+}
+
+// SUBGRADIENT= and OUTQ=.
+void method_outputs(NX& n, const STMT& procedure)
+{
+  if (const auto& out = procedure.slot(torvale_slot::outq).list; !out.empty()) n.outq = &out[0];
+  if (const auto& out = procedure.slot(torvale_slot::subgradient).list; !out.empty()) n.outsg = &out[0];
+  if (n.outsg == nullptr || n.method == 0 || n.method == 3) return;
+  n.host->log().xpmlog(message::subgradient_needs_quadrature,
+                       place_at(n, "TORVALE", procedure.slot(torvale_slot::subgradient).where));
+  tvlexit(n, 3000);
 }
 
 host::MessagePlace dependent_place(const NX& n)
@@ -200,6 +211,10 @@ void random_statements(NX& n, const STMT& procedure)
   }
   n.reff.resize(statements.size());
   for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
+  if (n.method == 2 && n.leaf().nr != 1) {
+    log.xpmlog(message::hardy_needs_one_effect{.count = n.leaf().nr}, place_at(n, "RANDOM", statements[0]->where));
+    tvlexit(n, 3000);
+  }
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
   STMT* prediction = nullptr;
@@ -307,6 +322,7 @@ void tvlinit(NX& n)
   refuse_character_dependent(n);
   parameter_setup(n);
   random_statements(n, procedure);
+  method_outputs(n, procedure);
   replicate_statement(n);
   optimizer_setup(n, procedure);
   grid_size(n);
@@ -341,7 +357,7 @@ void tvlinit(NX& n)
   specialise_sampling_statements(n);
   end_on_errors(n, 1012);
   listings(n);
-  if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);
+  if (inference::open_fit_outputs(n) != 0 || inference::open_method_outputs(n) != 0) tvlexit(n, 1016);
 }
 
 } // namespace torvale::run

@@ -2,6 +2,7 @@
 // From parsed statements to a compiled model and a filled run record.
 
 #include "model/run_record.h"
+#include "sampling/draws.h"
 
 namespace torvale::run {
 
@@ -42,12 +43,14 @@ void specialise_expression_statements(model::NX& n);
 void read_prediction_statements(model::NX& n);
 void specialise_prediction_statements(model::NX& n);
 
+// write_model_summary: "Specifications" and "ModelSummary", for a program that is only checked.
+void write_model_summary(model::NX& n);
 // MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs (after).
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);
 void specialise_sampling_statements(model::NX& n);
-// Draws the sample of the BY group in hand; 0, or 1 after a message.
-int run_sampler(model::NX& n);
+// Draws the sample of the BY group in hand; 0, or 1 after a message. draws: filled with it; null when nobody looks.
+int run_sampler(model::NX& n, sampling::SampleDraws* draws);
 
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);

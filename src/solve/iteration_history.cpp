@@ -188,8 +188,7 @@ void tvliter(NX& n, int job)
         host::Table("IterHistory", host::otbmsg(label::iteration_history), history_columns(n, layout)));
   if (job > 0 && job % 2 == 1 && n.ithis != nullptr) {
     write_row(n, str, layout);
-    n.host->progress("iteration " + std::to_string(static_cast<long>(str.nitr)) + ", objective " +
-                     host::shortest(str.crit));
+    n.host->progress({"optimization", static_cast<long>(str.nitr), str.crit, str.gmax, host::missing});
   }
   if (n.loglevel > 1) {
     if (job == 10)

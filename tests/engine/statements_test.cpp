@@ -103,7 +103,7 @@ const StatementCase cases[] = {
      "retain k .A; z = (k = .A) + 10*(k = .) + 100*(lag(k) = .A); k = if x = 1 then .A else .;",
      {1, 101, 110, 10}},
     {"KindsAsText",
-     "t = put(if x = 2 then .A else if x = 3 then ._ else ., 8.); z = (t = 'A') + 10*(t = '_') + 100*(t = '.');",
+     "t = put(if x = 2 then .A else if x = 3 then ._ else ., 1.); z = (t = 'A') + 10*(t = '_') + 100*(t = '.');",
      {100, 1, 10, 100}},
     {"StaticKeepsItsValueFromCallToCall",
      "function next(step); static n 100; n = n + step; return (n); endsub; z = next(1); if x > 2 then z = next(x);",

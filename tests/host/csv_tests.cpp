@@ -2,7 +2,10 @@
 #include "host/run_output.h"
 #include "host/text.h"
 #include "support.h"
+#include <cmath>
 #include <random>
+#include <sys/stat.h>
+#include <thread>
 
 namespace torvale::host {
 
@@ -43,8 +46,23 @@ TEST(CsvRead, FormsOfAFile)
       {"text late keeps spellings", "a\n007\n1e3\n.A\nx\n", {"c:007|1e3|.A|x"}},
       {"text after missing", "a\n\n.\n.\nx\n5\n", {"c:||x|5"}},
       {"too large for a double", "a\n1\n1e999\n", {"c:1|1e999"}},
+      {"missing codes", "a,b,c\nNA,nan,null\n1,2024-01-31,x\n-,N/A,NA\n", {"n:.|1|.", "n:.|23406|.", "c:null|x|NA"}},
+      {"only missing codes", "a\nNA\nNA\n", {"n:.|."}},
+      {"semicolons and decimal commas", "a;b;c\n1,5;x,y;1\n-,25;z;2.5\n", {"n:1.5|-0.25", "c:x,y|z", "n:1|2.5"}},
+      {"decimal points and commas are no numbers", "a;b\n1,5;1.234,5\n2.5;1,5\n", {"c:1,5|2.5", "c:1.234,5|1,5"}},
+      {"tabs", "a\tb\n1\tx y\n\t\n", {"n:1|.", "c:x y|"}},
+      {"bars", "a|b\n1|2\n", {"n:1", "n:2"}},
+      {"separator in the first line", "sep=;\na,1;b\n1;2\n", {"n:1", "n:2"}},
+      {"commas within quoted names", "\"a, mg\";b;\"c, l\"\n1;2;3\n", {"n:1", "n:2", "n:3"}},
+      {"times and moments",
+       "t,m,x\n09:30,2024-01-31T00:00:01,09:30\n,,2024-01-31\n",
+       {"n:34200|.", "n:2022278401|.", "c:09:30|2024-01-31"}},
+      {"dates after numbers are texts", "a\n1\n2024-01-31\n", {"c:1|2024-01-31"}},
+      {"what a statistics program writes",
+       "\"\",\"y\",\"g\"\n\"1\",0.5,\"a\"\n\"2\",NA,\"b\"\n\"3\",1e-04,NA\n",
+       {"n:1|2|3", "n:0.5|.|1e-04", "c:a|b|NA"}},
       {"no rows", "a,b\n", {"n:", "n:"}},
-      {"trailing blanks fall away, leading stay", "a\n  x  \n", {"c:  x"}},
+      {"blanks around texts fall away, quotes keep those before", "a,b\n  x  ,\"  y  \"\n", {"c:x", "c:  y"}},
       {"names in quotes", "\"a\",\"b c\"\n1,2\n", {"n:1", "n:2"}},
       {"blanks behind a closing quote", "a,b\n\"x\" ,1\n", {"c:x", "n:1"}},
   };
@@ -95,28 +113,111 @@ TEST(CsvRead, FaultsNameFileLineAndColumn)
 TEST(CsvRead, NotesOnWhatAReaderWouldMiss)
 {
   CaughtMessages log;
-  ASSERT_TRUE(read_csv_text(
-      "y,id,big,t,\n1,007,12345678901234567890,a,1\nNA,8,1,b,1\n3,9,9007199254740992,5,1\nNA,1,2,6,1\n", "t.csv", log));
-  EXPECT_NE(log.text(9010).find("Column y of t.csv holds numbers but for the text \"NA\" (2 times, first in row 2)"),
+  ASSERT_TRUE(read_csv_text("y,id,big,t,,z\n1,007,12345678901234567890,a,1,1\nhigh,8,1,"
+                            "b,1,NA\n3,9,9007199254740992,5,1,2\nhigh,1,2,6,1,-\n",
+                            "t.csv", log));
+  EXPECT_NE(log.text(9010).find("Column y of t.csv holds numbers but for the "
+                                "text \"high\" (2 times, first in row 2)"),
             std::string::npos);
   EXPECT_EQ(log.count(9010), 1); // column t has two spellings: an honest text column
   EXPECT_NE(log.text(9011).find("Column id"), std::string::npos);
   EXPECT_EQ(log.count(9016), 1);
   EXPECT_NE(log.text(9016).find("Column big of t.csv"), std::string::npos);
   EXPECT_NE(log.text(9009).find("VAR5"), std::string::npos);
-  ASSERT_TRUE(read_csv_text("a;b\n1;2\n", "t.csv", log));
+  EXPECT_NE(log.text(9501).find("2 fields of t.csv are codes of missing values: z (\"NA\" in row 2)"),
+            std::string::npos);
+  ASSERT_TRUE(read_csv_text("a;b;c\n1,5;2.5;1,5\n1;2;1.5\n", "t.csv", log));
   EXPECT_EQ(log.count(9013), 1);
+  EXPECT_NE(log.text(9502).find("Column c"), std::string::npos);
+  EXPECT_NE(log.text(9503).find("Column b"), std::string::npos);
 }
 
 TEST(CsvRead, KindsThatAreAskedFor)
 {
   CaughtMessages log;
-  const auto data =
-      read_csv_text("A,b\n1,x\n02,5\n", "t.csv", log, {{"a", ColumnKind::character}, {"b", ColumnKind::numeric}});
+  const auto data = read_csv_text("A,b\n1,x\n02,5\n", "t.csv", log,
+                                  {.kinds = {{"a", ColumnKind::character}, {"b", ColumnKind::numeric}}});
   ASSERT_TRUE(data);
   EXPECT_EQ(column_text(data->columns()[0]), "c:1|02");
   EXPECT_EQ(column_text(data->columns()[1]), "n:.|5");
   EXPECT_EQ(log.count(9014), 1);
+}
+
+TEST(CsvRead, SeparatorDecimalSignAndMissingCodesCanBeGiven)
+{
+  CaughtMessages log;
+  const auto data = read_csv_text("a;b,c:d\n1;-99,x:-99,0\n2,5;3,bad:4\n", "t.csv", log,
+                                  {.separator = ':', .decimal = ',', .missing = {"-99", "bad"}});
+  ASSERT_TRUE(data);
+  ASSERT_EQ(data->columns().size(), 2u);
+  EXPECT_EQ(column_text(data->columns()[0]), "c:1;-99,x|2,5;3,bad");
+  EXPECT_EQ(column_text(data->columns()[1]),
+            "n:.|4"); // a code that is a number is one in any spelling
+}
+
+// Numbers are read to the last bit, by the short road and the long one; blocks
+// and threads change nothing.
+TEST(CsvRead, ManyBlocksOnAnyNumberOfThreads)
+{
+  std::mt19937_64 random(5);
+  std::string text = "n,s,d,late,q\n";
+  std::vector<double> numbers;
+  constexpr int rows = 240000; // three blocks
+  for (int i = 0; i < rows; ++i) {
+    const double v = i % 3 == 0 ? static_cast<double>(random() % 100000) / 1000.0
+                     : i % 3 == 1
+                         ? std::ldexp(static_cast<double>(random() % (1u << 30)), static_cast<int>(random() % 80) - 40)
+                         : static_cast<double>(random() % 2000) - 1000;
+    numbers.push_back(v);
+    append_shortest(text, v);
+    text += i % 2 ? ",even," : ",odd,";
+    append_iso(text, 20000 + i % 4000, Moment::date);
+    text += i == rows - 5 ? ",x" : i < 100 ? "," : ",0" + std::to_string(i % 10);
+    text += ",\"two\nlines, \"\"" + std::to_string(i % 7) + "\"\n";
+  }
+  for (const int threads : {1, 2, 5}) {
+    CaughtMessages log;
+    const auto data = read_csv_text(text, "t.csv", log, {.threads = threads});
+    ASSERT_TRUE(data);
+    ASSERT_EQ(data->rows(), static_cast<std::size_t>(rows));
+    for (std::size_t i = 0; i < data->rows(); ++i) {
+      ASSERT_EQ(data->columns()[0].number(i), numbers[i]) << i;
+      ASSERT_EQ(data->columns()[2].number(i), 20000.0 + static_cast<double>(i % 4000));
+    }
+    EXPECT_EQ(data->columns()[1].text(rows - 1), "even");
+    EXPECT_EQ(data->columns()[2].format(), "YYMMDD10.");
+    EXPECT_EQ(data->columns()[3].text(99), "");
+    EXPECT_EQ(data->columns()[3].text(101),
+              "01"); // the spelling, though three blocks of numbers stand above
+                     // the text
+    EXPECT_EQ(data->columns()[3].text(rows - 5), "x");
+    EXPECT_EQ(data->columns()[4].text(8), "two\nlines, \"1");
+    EXPECT_EQ(log.count(9010), 1);
+    EXPECT_FALSE(read_csv_text(text + "1,2\n", "t.csv", log, {.threads = threads}));
+    EXPECT_NE(log.text(9003).find("Row 240001 has 2 fields"), std::string::npos) << log.text(9003);
+    EXPECT_NE(log.text(9003).find("file line 480002"), std::string::npos) << log.text(9003);
+  }
+}
+
+TEST(CsvRead, PipesWorkbooksAndOtherEncodings)
+{
+  ScratchFolder folder;
+  CaughtMessages log;
+  const std::string pipe = folder / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  std::thread writer([&] { std::ofstream(pipe) << "a,b\n1,2\n007,x\n5,1\n"; }); // b needs a second look
+  const auto data = read_csv(pipe, log);
+  writer.join();
+  ASSERT_TRUE(data);
+  EXPECT_EQ(column_text(data->columns()[1]), "c:2|x|1");
+  folder.write("a.csv", "PK\x03\x04 and so on");
+  folder.write("b.csv", "\xD0\xCF\x11\xE0 and so on");
+  folder.write("c.csv", std::string("\xFF\xFE"
+                                    "a\0,\0b\0",
+                                    8));
+  for (const char* name : {"a.csv", "b.csv", "c.csv"}) EXPECT_FALSE(read_csv(folder / name, log));
+  EXPECT_EQ(log.count(9002), 3);
+  EXPECT_NE(log.text(9002).find("workbook"), std::string::npos);
 }
 
 TEST(CsvRead, LongNamesAreCutAndMustStayDifferent)
@@ -235,7 +336,7 @@ TEST(CsvRead, RandomBytesNeverCrash)
       kinds[wzstrlo(c.name())] = c.kind();
     }
     ASSERT_EQ(write_csv(*data, folder / "r.csv", log), 0);
-    const auto back = read_csv(folder / "r.csv", log, kinds);
+    const auto back = read_csv(folder / "r.csv", log, {.kinds = kinds, .separator = ',', .decimal = '.'});
     ASSERT_TRUE(back) << text;
     ASSERT_EQ(back->rows(), data->rows()) << text;
     for (std::size_t i = 0; i < data->columns().size(); ++i)

@@ -1,6 +1,7 @@
 #include "host/libraries.h"
 #include "host/sqlite_table.h"
 #include "support.h"
+#include <sqlite3.h>
 
 namespace torvale::host {
 
@@ -126,8 +127,99 @@ TEST(Libraries, OutputThatCannotBeWrittenIsRefusedAtOnce)
   EXPECT_FALSE(s.libraries.open_output({"no/such/folder/x.csv", true, {}}, s.log));
   EXPECT_EQ(s.log.count(9012), 1);
   EXPECT_FALSE(s.libraries.open_output({"nolib.x", false, {}}, s.log));
-  EXPECT_FALSE(s.libraries.open_output({"x", false, *parse_data_set_options("where=(x>1)", s.log)}, s.log));
+  EXPECT_FALSE(s.libraries.open_output({"x", false, *parse_data_set_options("firstrow=2", s.log)}, s.log));
   EXPECT_EQ(s.log.count(9033), 1);
+}
+
+// Labels, formats, dates and WHERE= of an output data set, in both kinds of files; a later step finds them again.
+TEST(Libraries, OutputKeepsLooksAndChoosesRows)
+{
+  Places s;
+  s.libraries.bind_library("db", s.other / "store.sqlite");
+  for (const char* name : {"pred", "db.pred"}) {
+    OutputDataSet* out = s.libraries.open_output(
+        {name, false, *parse_data_set_options("where=(y > 1 or id = 'b') rename=(y=w)", s.log)}, s.log);
+    ASSERT_TRUE(out);
+    const auto id = out->add_column("id", ColumnKind::character, "Who", "$QUOTE8.");
+    const auto y = out->add_column("y", ColumnKind::numeric, "Predicted value", "8.2");
+    const auto day = out->add_column("day", ColumnKind::numeric, "", "DATE9.");
+    const auto fraction = out->add_column("half", ColumnKind::numeric, "", "DATE9.");
+    for (int i = 0; i < 3; ++i) {
+      out->set(id, std::string_view(i == 0 ? "a" : i == 1 ? "b" : "2024-01-01"));
+      out->set(y, i);
+      if (i != 1) out->set(day, 23406.0 + i);
+      out->set(fraction, 0.5 * i);
+      out->end_row();
+    }
+    ASSERT_EQ(s.libraries.xoclose(out, s.log), 0);
+    const auto back = s.libraries.xoopen({name, false, {}}, s.log);
+    ASSERT_TRUE(back);
+    ASSERT_EQ(back->rows(), 2u);
+    EXPECT_EQ(back->columns()[0].text(1), "2024-01-01"); // characters stay characters
+    EXPECT_EQ(back->columns()[1].name() + back->columns()[1].label() + back->columns()[1].format(),
+              "wPredicted value8.2");
+    EXPECT_TRUE(back->columns()[2].is_missing(0));
+    EXPECT_EQ(back->columns()[2].number(1), 23408.0);
+    EXPECT_EQ(back->columns()[3].number(0), 0.5);
+  }
+  EXPECT_EQ(s.out.read("pred.csv"), "id,w,day,half\nb,1,,0.5\n2024-01-01,2,2024-02-02,1\n");
+  OutputDataSet* out =
+      s.libraries.open_output({"bad", false, *parse_data_set_options("where=(nothere > 1)", s.log)}, s.log);
+  out->add_column("x", ColumnKind::numeric);
+  EXPECT_EQ(s.libraries.xoclose(out, s.log), -1);
+  EXPECT_EQ(s.log.count(9024), 1);
+  EXPECT_FALSE(std::filesystem::exists(s.out / "bad.csv"));
+}
+
+TEST(Libraries, AnInputIsNeverReplaced)
+{
+  Places s;
+  s.out.write("trial.csv", "x\n1\n");
+  s.libraries.bind_data("mine", s.out / "trial.csv");
+  EXPECT_EQ(s.first({"mine", false, {}}), 1.0);
+  EXPECT_FALSE(s.libraries.open_output({"trial", false, {}}, s.log));
+  EXPECT_FALSE(s.libraries.open_output(
+      {"../" + std::filesystem::path(s.out.path()).filename().string() + "/trial.csv", true, {}}, s.log));
+  EXPECT_EQ(s.log.count(9500), 2);
+  // What the run itself wrote may be written again, but not by the step that reads it.
+  OutputDataSet* out = s.libraries.open_output({"pred", false, {}}, s.log);
+  out->set(out->add_column("x", ColumnKind::numeric), 2.0);
+  out->end_row();
+  EXPECT_EQ(s.libraries.close_all(s.log), 0);
+  EXPECT_EQ(s.first({"pred", false, {}}), 2.0);
+  EXPECT_FALSE(s.libraries.open_output({"pred", false, {}}, s.log));
+  EXPECT_EQ(s.libraries.close_all(s.log), 0);
+  EXPECT_TRUE(s.libraries.open_output({"pred", false, {}}, s.log));
+  EXPECT_FALSE(s.libraries.open_output({"trial", false, {}}, s.log)); // but the user's file never
+}
+
+TEST(Libraries, AFileThatCannotBeWrittenLeavesTheOldOne)
+{
+  Places s;
+  OutputDataSet* out = s.libraries.open_output({"/dev/full", true, {}}, s.log);
+  ASSERT_TRUE(out);
+  out->add_column("x", ColumnKind::numeric);
+  for (int i = 0; i < 100000; ++i) out->end_row();
+  EXPECT_EQ(s.libraries.xoclose(out, s.log), -1);
+  EXPECT_EQ(s.log.count(9012), 1);
+  EXPECT_TRUE(s.libraries.take_written().empty());
+
+  // A view of the same name in a database cannot be replaced by a table.
+  const std::string path = s.other / "store.sqlite";
+  s.libraries.bind_library("db", path);
+  out = s.libraries.open_output({"db.kept", false, {}}, s.log);
+  out->set(out->add_column("x", ColumnKind::numeric), 7.0);
+  out->end_row();
+  ASSERT_EQ(s.libraries.xoclose(out, s.log), 0);
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, "CREATE VIEW v AS SELECT * FROM kept", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(database);
+  out = s.libraries.open_output({"db.v", false, {}}, s.log);
+  out->add_column("y", ColumnKind::numeric);
+  EXPECT_EQ(s.libraries.xoclose(out, s.log), -1);
+  EXPECT_EQ(s.log.count(9012), 2);
+  EXPECT_EQ(s.first({"db.v", false, {}}), 7.0);
 }
 
 } // namespace torvale::host

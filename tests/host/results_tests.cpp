@@ -103,18 +103,4 @@ TEST(Host, ClockSeedAndInterruption)
   EXPECT_EQ(*host->macro_variable("SYSRANDOM"), "17");
 }
 
-TEST(Report, HoldsEverythingOnce)
-{
-  RunResults results{.version = "0.1.0", .program = "a<b>.tvl", .steps = {}};
-  StepResult& step = results.steps.emplace_back();
-  step.messages.push_back({503, 71, Severity::error, "x < y", 0});
-  GroupResult& group = step.groups.emplace_back();
-  group.by = {{"study", 2.0}};
-  group.tables.push_back(one_value("FitStatistics", 1));
-  const std::string html = results_html(results);
-  for (const char* part : {"a&lt;b&gt;.tvl", "x &lt; y", "study=2", "FitStatistics", "0.1.0"})
-    EXPECT_NE(html.find(part), std::string::npos) << part;
-  EXPECT_EQ(html.find("http"), std::string::npos); // nothing is fetched
-}
-
 } // namespace torvale::host

@@ -1,4 +1,5 @@
 #include "host/csv.h"
+#include "host/data_set_options.h"
 #include "host/where.h"
 #include "support.h"
 #include <random>
@@ -65,8 +66,35 @@ TEST(Where, Conditions)
       {"(x = 1) + (y = 10) = 2", "1"},
       {"1e0 = x", "1"},
       {"not x > 1 and x < 1", "45"},
+      {"x = '2' or '3' = x", "23"}, // a text that spells a number
+      {"s > 1", ""},                // the texts of the column spell none: missing
+      {"s not in (1, 2)", "12345"},
+      {"s like 'al%'", "4"},
+      {"s like '_l%a' and s not like 'a%'", "1"},
+      {"s like '%%' or s like ''", "12345"},
+      {"upcase(s) = 'ALPHA' and substr(s, 2, 3) = 'lph'", "14"},
+      {"length(s) > 4 and max(x, y, .) = 10", "1"},
+      {"missing(s) or missing(y)", "23"},
+      {"sqrt(x) = .", "4"}, // a value that does not exist
+      {"mod(abs(x), 2) = 0 and round(x, 5) < 5", "24"},
+      {"x + '01jan1960'd = year('2024-01-31'd) - 2023", "1"},
+      {"'13:30't = 48600 and '01jan1960:00:01'dt = 60", "12345"},
   };
   for (const auto& [condition, expected] : cases) EXPECT_EQ(rows(condition), expected) << condition;
+}
+
+TEST(Where, DatesAreComparedWithTheirTexts)
+{
+  CaughtMessages log;
+  DataSet data = *read_csv_text("day,at\n2024-01-31,09:00\n2024-02-01,13:30\n,\n", "t.csv", log);
+  std::string problem;
+  const auto options = parse_data_set_options("where=(day > '2024-01-31' and at <> '09:00')", log);
+  ASSERT_TRUE(options);
+  ASSERT_EQ(apply_input_options(data, *options, log), 0);
+  EXPECT_EQ(data.rows(), 1u);
+  EXPECT_EQ(data.columns()[0].format(), "YYMMDD10.");
+  EXPECT_EQ(log.count(9505), 1);
+  EXPECT_EQ(log.count(9506), 1);
 }
 
 TEST(Where, MistakesSayWhatAndWhere)
@@ -85,8 +113,14 @@ TEST(Where, MistakesSayWhatAndWhere)
       {"12ab = x", "not a number"},
       {"zz = 1", "no variable zz"},
       {"xx = 1", "no variable xx; did you mean x?"},
-      {"x = 'a'", "a number on one side"},
-      {"s > 1", "a number on one side"},
+      {"x = 'a'", "'a', which spells no number"},
+      {"sqr(x) = 1", "no function sqr here; there are ABS, SQRT"},
+      {"mod(x) = 1", "mod takes 2 to 2 arguments"},
+      {"upcase(x) = 'A'", "UPCASE takes characters"},
+      {"sqrt(s) > 1", "SQRT takes numbers"},
+      {"sqrt(x > 1", "closing parenthesis"},
+      {"x = '31feb2024'd", "is no date"},
+      {"x like 'a'", "take characters"},
       {"s + 1 = 2", "a number is needed"},
       {"s", "is a text"},
       {"x contains 'a'", "take characters"},
@@ -102,9 +136,10 @@ TEST(Where, MistakesSayWhatAndWhere)
 TEST(Where, RandomConditionsNeverCrash)
 {
   std::mt19937 random(23);
-  constexpr const char* words[] = {"x",       "y",  "s",       "(",  ")", "and",      "or", "not", "in",
-                                   "=",       "<",  "**",      "-",  "+", "1",        ".",  ".a",  "'q'",
-                                   "between", "is", "missing", "||", ",", "contains", "^",  "zz"};
+  constexpr const char* words[] = {"x",   "y",  "s",        "(",    ")",       "and",   "or",
+                                   "not", "in", "=",        "<",    "**",      "-",     "+",
+                                   "1",   ".",  ".a",       "'q'",  "between", "is",    "missing",
+                                   "||",  ",",  "contains", "like", "mod(",    "trim(", "'1960-01-01'd"};
   int good = 0;
   for (int round = 0; round < 30000; ++round) {
     std::string text;

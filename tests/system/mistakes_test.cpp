@@ -277,11 +277,11 @@ TEST(BadData, EndsTheGroupWithACause)
   EXPECT_EQ(subject.outcome.results.steps[0].return_code, 1012);
   EXPECT_TRUE(subject.said(503, 28)) << subject.log;
 
-  const TemporaryFile words("words.csv", "y,x\n1,2\nNA,3\n2,4\n");
+  const TemporaryFile words("words.csv", "y,x\n1,2\nlow,3\n2,4\n");
   const auto text =
       run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ NORMAL(b,1);\nRUN;", "examples", 0, {{"d", words.path()}});
   EXPECT_EQ(text.outcome.exit_code, 3) << text.log;
-  EXPECT_THAT(text.log, HasSubstr("NA"));
+  EXPECT_THAT(text.log, HasSubstr("low"));
 }
 
 TEST(BadData, ParameterInTheStatementAndInItsDataSet)

@@ -50,7 +50,7 @@ bool Run::said(int group, int number) const
 }
 
 Run run_text(const std::string& program, const std::string& folder, int threads,
-             const std::vector<std::pair<std::string, std::string>>& data)
+             const std::vector<std::pair<std::string, std::string>>& data, bool pictures)
 {
   Run run;
   RunSettings settings;
@@ -59,6 +59,7 @@ Run run_text(const std::string& program, const std::string& folder, int threads,
   settings.output_folder = std::filesystem::temp_directory_path().string();
   settings.threads = threads;
   settings.data = data;
+  settings.pictures = pictures;
   settings.log = [&](std::string_view s) { run.log += s; };
   settings.listing = [&](std::string_view s) { run.listing += s; };
   Session session(std::move(settings));

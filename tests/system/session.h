@@ -1,7 +1,7 @@
 #pragma once
 // Runs programs through the public interface and reads their tables.
 
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include <map>
 #include <string>
@@ -27,7 +27,7 @@ struct Run {
 // Runs a program text. One-level data set names are looked for in `folder`, relative to the source tree's root or
 // absolute.
 Run run_text(const std::string& program, const std::string& folder = "examples", int threads = 0,
-             const std::vector<std::pair<std::string, std::string>>& data = {});
+             const std::vector<std::pair<std::string, std::string>>& data = {}, bool pictures = false);
 
 // The text of examples/NAME.tvl with `options` added to its TORVALE statement.
 std::string example(const std::string& name, const std::string& options);

@@ -30,6 +30,11 @@ std::size_t as_column(double v)
   return v >= 1.0 ? static_cast<std::size_t>(std::min(v, 32767.0)) : 1;
 }
 
+std::size_t as_distance(double v)
+{
+  return v == 0.0 ? 0 : as_column(v);
+}
+
 } // namespace
 
 bool has_put(const CMPGLOBAL& gcmp)
@@ -39,17 +44,6 @@ bool has_put(const CMPGLOBAL& gcmp)
 }
 
 namespace {
-
-// A text in the format $w. has w characters; without a format the blanks at its end are left out.
-std::string formatted(std::string text, const std::string& format)
-{
-  if (!format.empty() && format[0] == '$')
-    if (const double width = number_from_text(format.substr(1)); width >= 1.0) {
-      text.resize(as_column(width), ' ');
-      return text;
-    }
-  return text.substr(0, text.find_last_not_of(' ') + 1);
-}
 
 // What the values of an effect are made of.
 void add_wanted(const Effect& e, const TextPool& texts, std::vector<NodeId>& wanted)
@@ -110,7 +104,7 @@ private:
 
   void write(const Effect::Item& item)
   {
-    const std::string value = item.text != no_text     ? formatted(run_.text_value(item.text), item.format)
+    const std::string value = item.text != no_text     ? text_in_format(run_.text_value(item.text), item.format)
                               : item.number != no_node ? text_from_number(run_.value(item.number), item.format)
                                                        : std::string();
     switch (item.item->kind) {
@@ -126,7 +120,7 @@ private:
       line_.column = as_column(run_.value(item.number)) - 1;
       return;
     case PutItem::Kind::advance:
-      line_.column += as_column(run_.value(item.number));
+      line_.column += as_distance(run_.value(item.number));
       return;
     case PutItem::Kind::next_line:
     case PutItem::Kind::next_page:

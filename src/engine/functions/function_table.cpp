@@ -1,5 +1,6 @@
 #include "engine/functions/functions.h"
 
+#include "engine/functions/dates.h"
 #include "engine/functions/names.h"
 #include "syntax/tree.h"
 
@@ -243,6 +244,23 @@ constexpr LanguageFunction rows[] = {
     {"DIM", "", FunctionClass::array, 1, 2, nullptr, none, "array [, dimension]", "number of elements of a dimension"},
     {"LBOUND", "", FunctionClass::array, 1, 2, nullptr, none, "array [, dimension]", "lower bound of a dimension"},
     {"HBOUND", "", FunctionClass::array, 1, 2, nullptr, none, "array [, dimension]", "upper bound of a dimension"},
+    // Dates (days since 1960-01-01) and moments (seconds since then)
+    {"YEAR", "", numeric, 1, 1, year_rule, none, "date", "its year"},
+    {"MONTH", "", numeric, 1, 1, month_rule, none, "date", "its month, 1 to 12"},
+    {"DAY", "", numeric, 1, 1, day_rule, none, "date", "its day of the month"},
+    {"WEEKDAY", "", numeric, 1, 1, weekday_rule, none, "date", "1 for Sunday to 7 for Saturday"},
+    {"MDY", "", numeric, 3, 3, mdy_rule, none, "month, day, year", "the date; missing when there is none"},
+    {"HOUR", "", numeric, 1, 1, hour_rule, none, "time", "hours of a time of day or a moment, 0 to 23"},
+    {"MINUTE", "", numeric, 1, 1, minute_rule, none, "time", "its minutes"},
+    {"SECOND", "", numeric, 1, 1, second_rule, none, "time", "its seconds, with their fraction"},
+    {"HMS", "", numeric, 3, 3, hms_rule, none, "hours, minutes, seconds", "a time of day"},
+    {"DHMS", "", numeric, 4, 4, dhms_rule, none, "date, hours, minutes, seconds", "a moment"},
+    {"DATEPART", "", numeric, 1, 1, datepart_rule, none, "moment", "its date"},
+    {"TIMEPART", "", numeric, 1, 1, timepart_rule, none, "moment", "its time of day"},
+    {"INTCK", "", text, 3, 3, nullptr, none, "'unit', from, to",
+     "beginnings of a DAY, WEEK, MONTH, QUARTER or YEAR between two dates"},
+    {"INTNX", "", text, 3, 4, nullptr, none, "'unit', date, n [, 'place']",
+     "the date n units on: their beginning ('B'), end ('E') or the same place ('S')"},
     // Values of earlier records of the subject
     {"LAG", "", FunctionClass::history, 1, 1, nullptr, none, "x",
      "x at the record before; LAGn: n records before, n at most 100"},
@@ -279,8 +297,8 @@ constexpr LanguageFunction rows[] = {
     {"COUNT", "", text, 2, 2, nullptr, none, "text, part", "number of occurrences"},
     {"COUNTW", "WORDS", text, 1, 2, nullptr, none, "text [, separators]", "number of words"},
     {"RANK", "", text, 1, 1, nullptr, none, "text", "code of the first character"},
-    {"PUT", "", text, 1, 2, nullptr, none, "x [, format]", "number as text"},
-    {"INPUT", "", text, 1, 2, nullptr, none, "text [, format]", "text as number"},
+    {"PUT", "", text, 1, 2, nullptr, none, "x [, format]", "value as text"},
+    {"INPUT", "", text, 1, 2, nullptr, none, "text [, format]", "text as number, date or time"},
 };
 
 // clang-format on

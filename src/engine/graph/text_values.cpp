@@ -1,5 +1,6 @@
 #include "engine/graph/text_values.h"
 
+#include "host/formats.h"
 #include "host/missing.h"
 
 #include <algorithm>
@@ -94,22 +95,28 @@ double number_from_text(std::string_view text)
 
 std::string text_from_number(double value, std::string_view format)
 {
+  std::string problem;
+  if (const auto known = format.empty() ? std::nullopt : host::parse_value_format(format, problem))
+    return host::format_value(value, *known);
   if (std::isnan(value)) return std::string(1, host::missing_letter(host::canonical_missing(value)));
-  // A format w.d asks for d decimals in a field of w; the letter F may stand before it.
-  int width = 0, decimals = 0;
-  const char* at = format.data();
-  const char* const end = at + format.size();
-  if (at != end && (*at == 'f' || *at == 'F')) ++at;
-  const auto [after_width, no_width] = std::from_chars(at, end, width);
-  if (no_width == std::errc() && after_width != end && *after_width == '.') {
-    std::from_chars(after_width + 1, end, decimals);
-    char buffer[400];
-    std::snprintf(buffer, sizeof buffer, "%*.*f", std::min(width, 64), std::min(decimals, 32), value);
-    return buffer;
-  }
   char buffer[64];
   const auto done = std::to_chars(buffer, buffer + sizeof buffer, value);
   return std::string(buffer, done.ptr);
+}
+
+std::string text_in_format(std::string_view text, std::string_view format)
+{
+  std::string problem;
+  const auto known = host::parse_value_format(format, problem);
+  return host::format_text(text, known.value_or(host::ValueFormat{}));
+}
+
+std::string format_fault(std::string_view format)
+{
+  std::string problem;
+  if (host::parse_value_format(format, problem)) return {};
+  problem[0] = static_cast<char>(problem[0] & ~0x20);
+  return problem.ends_with('?') ? problem : problem + ".";
 }
 
 double KeptTexts::code(const std::string& text)
@@ -434,8 +441,11 @@ double TextPool::answer(std::int32_t test_index, const TextInputs& in) const
   }
   case TextQuestion::rank:
     return a.empty() ? 0.0 : static_cast<double>(static_cast<unsigned char>(a[0]));
-  case TextQuestion::to_number:
-    return number_from_text(a);
+  case TextQuestion::to_number: {
+    std::string problem;
+    const auto format = t.b == no_text ? std::nullopt : host::parse_value_format(evaluate(t.b, in), problem);
+    return format ? host::read_value(a, *format) : number_from_text(a);
+  }
   case TextQuestion::words:
     return static_cast<double>(words_of(a, b).size());
   case TextQuestion::code:

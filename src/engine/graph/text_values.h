@@ -67,7 +67,7 @@ enum class TextQuestion : std::uint8_t {
   verify,        // position of the first character of a that is not in b
   count,         // occurrences of b in a
   rank,          // code of the first character
-  to_number,     // the number that a spells; missing when it does not
+  to_number,     // the number that a spells, in the format b when there is one; missing when it does not
   words,         // count of words separated by characters of b
   code,          // the number by which a text is handed on to the next record or pass
 };
@@ -147,8 +147,12 @@ private:
 
 // The number that a text spells, blanks around it allowed; the missing value for a lone dot and for anything else.
 double number_from_text(std::string_view text);
-// A number in the shortest form that reads back to the same value; a missing value is its
+// A number in a format, or without one in the shortest form that reads back to the same value; a missing value is its
 // letter: a dot, _, A to Z.
 std::string text_from_number(double value, std::string_view format);
+// A text in a format of texts; without one the blanks at its end are left out.
+std::string text_in_format(std::string_view text, std::string_view format);
+// What is wrong with a format, as a sentence; empty when it is one.
+std::string format_fault(std::string_view format);
 
 } // namespace torvale::engine

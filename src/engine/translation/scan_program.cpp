@@ -215,6 +215,8 @@ private:
 
   void attributes(const AttributeDeclaration& a)
   {
+    if (const std::string fault = a.format.empty() ? std::string() : format_fault(a.format); !fault.empty())
+      gcmp_.error(message::declaration, a.where, fault);
     for (const std::string_view name : a.names) {
       if (!a.format.empty()) gcmp_.formats[std::string(name)] = a.format;
       if (!a.has_length) continue;

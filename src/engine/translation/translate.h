@@ -158,6 +158,8 @@ private:
   std::optional<Value> lag(const Expr& e);
   std::optional<Value> array_bound(const Expr& e);
   std::optional<Value> text_function(const Expr& e);
+  Value converted(const Expr& e, const std::string& name);
+  Value interval_function(const Expr& e, const std::string& name);
   Value library(const Expr& e);
   std::vector<Value> arguments(const Expr& e);
 

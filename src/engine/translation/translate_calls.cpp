@@ -234,6 +234,33 @@ std::optional<Value> Translator::array_bound(const Expr& e)
   return Value{graph_.constant(v), no_text};
 }
 
+namespace {
+
+// How other languages' functions are written here; empty for names that no habit explains.
+std::string_view instead_of_function(std::string_view name)
+{
+  struct Habit {
+    std::string_view name, advice;
+  };
+  constexpr std::string_view choice = "A choice is written x = IF condition THEN a ELSE b; or with the IF statement.";
+  constexpr std::string_view power = "Powers are written x**y.";
+  constexpr std::string_view logistic = "The inverse of the logit is 1/(1 + exp(-x)).";
+  static constexpr Habit habits[] = {
+      {"ifelse", choice},      {"if_else", choice},
+      {"iif", choice},         {"where", choice},
+      {"case_when", choice},   {"pow", power},
+      {"power", power},        {"sqr", power},
+      {"square", power},       {"expit", logistic},
+      {"plogis", logistic},    {"invlogit", logistic},
+      {"inv_logit", logistic}, {"ln", "The natural logarithm is log(x)."},
+  };
+  for (const Habit& h : habits)
+    if (syntax::same_name(h.name, name)) return h.advice;
+  return {};
+}
+
+} // namespace
+
 Value Translator::library(const Expr& e)
 {
   const LanguageFunction* const f = find_function(e.name);
@@ -241,7 +268,10 @@ Value Translator::library(const Expr& e)
     std::vector<std::string_view> own;
     for (const auto& [name, definition] : gcmp_.subprograms) own.push_back(name);
     const std::string_view near = nearest_name(e.name, own);
-    const std::string hint = near.empty() ? std::string() : " Did you mean " + std::string(near) + "?";
+    const std::string_view habit = instead_of_function(e.name);
+    const std::string hint = !habit.empty() ? " " + std::string(habit)
+                             : near.empty() ? std::string()
+                                            : " Did you mean " + std::string(near) + "?";
     return {fail(message::unknown_function, e.where, "There is no function " + std::string(e.name) + "." + hint),
             no_text};
   }

@@ -223,6 +223,8 @@ void Translator::put(const PutStatement& s)
     const auto of_variable = gcmp_.formats.find(name);
     std::string format =
         !item.format.empty() || of_variable == gcmp_.formats.end() ? std::string(item.format) : of_variable->second;
+    if (const std::string fault = item.format.empty() ? std::string() : format_fault(item.format); !fault.empty())
+      fail(message::declaration, s.where, fault);
     effect.items.push_back({&item, std::move(name), std::move(format), v.number, v.text});
   };
   for (const PutItem& item : s.items) {

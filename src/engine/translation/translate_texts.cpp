@@ -2,6 +2,7 @@
 
 #include "engine/translation/translate.h"
 
+#include "engine/functions/dates.h"
 #include "engine/functions/names.h"
 
 #include <algorithm>
@@ -45,6 +46,57 @@ constexpr QuestionRow question_rows[] = {
 };
 
 } // namespace
+
+// PUT and INPUT: values and texts by formats.
+Value Translator::converted(const Expr& e, const std::string& name)
+{
+  const auto wrong = [&](const std::string& why) {
+    return Value{fail(message::wrong_arguments, e.where, why), no_text};
+  };
+  const std::size_t count = e.args.size();
+  if (count < 1 || count > 2) return wrong(name + " takes a value and a format.");
+  std::string format;
+  if (count == 2) {
+    const Expr& given = *e.args[1]; // 8.2 scans as a number where no format is expected
+    const bool named = given.kind == ExprKind::text || given.kind == ExprKind::variable;
+    format = named ? std::string(given.name) : to_text(given);
+    if (const std::string fault = format_fault(format); !fault.empty()) return wrong(fault);
+  }
+  const Value v = value_of(*e.args[0]);
+  if (name == "PUT") {
+    if (v.is_text() && format.empty()) return v;
+    if (v.is_text()) return wrong("PUT with a format takes a number; a text is written by itself.");
+    TextNode n;
+    n.op = TextOp::put;
+    n.number = v.number;
+    n.length = 32;
+    n.characters = std::move(format);
+    return Value{no_node, text_.make(std::move(n))};
+  }
+  std::string error;
+  const TextId by = format.empty() ? no_text : text_.constant(format);
+  const NodeId n = text_.ask(TextQuestion::to_number, as_text(v, e.where), by, false, &error);
+  return n == no_node ? Value{fail(message::unsupported, e.where, error), no_text} : Value{n, no_text};
+}
+
+// INTCK and INTNX: the unit and the place are constant texts.
+Value Translator::interval_function(const Expr& e, const std::string& name)
+{
+  const auto wrong = [&](const std::string& why) {
+    return Value{fail(message::wrong_arguments, e.where, why), no_text};
+  };
+  const std::size_t count = e.args.size(), most = name == "INTCK" ? 3 : 4;
+  const bool unit_known = count >= 3 && count <= most && e.args[0]->kind == ExprKind::text;
+  if (!unit_known || (count == 4 && e.args[3]->kind != ExprKind::text))
+    return wrong(name + " takes a unit in quotes, a date and a " +
+                 (name == "INTCK" ? "date." : "number, and a place in quotes."));
+  const NodeId from = number_of(*e.args[1]), second = number_of(*e.args[2]);
+  std::string error;
+  const NodeId n = name == "INTCK" ? interval_count(graph_, e.args[0]->name, from, second, &error)
+                                   : interval_step(graph_, e.args[0]->name, from, second,
+                                                   count == 4 ? e.args[3]->name : std::string_view(), &error);
+  return n == no_node ? wrong(error) : Value{n, no_text};
+}
 
 std::optional<Value> Translator::text_function(const Expr& e)
 {
@@ -120,27 +172,8 @@ std::optional<Value> Translator::text_function(const Expr& e)
     }
     return Value{no_node, joined};
   }
-  if (name == "PUT") {
-    if (count < 1 || count > 2) return wrong("a number and a format");
-    const Value v = value_of(*e.args[0]);
-    if (v.is_text()) return v;
-    TextNode n;
-    n.op = TextOp::put;
-    n.number = v.number;
-    n.length = 32;
-    if (count == 2) {
-      const Expr& format = *e.args[1]; // 8.2 scans as a number where no format is expected
-      n.characters = format.kind == ExprKind::text || format.kind == ExprKind::variable ? std::string(format.name)
-                                                                                        : to_text(format);
-    }
-    return Value{no_node, text_.make(std::move(n))};
-  }
-  if (name == "INPUT") {
-    if (count < 1 || count > 2) return wrong("a text and a format");
-    std::string error;
-    const NodeId n = text_.ask(TextQuestion::to_number, text_of(*e.args[0]), no_text, false, &error);
-    return Value{n == no_node ? fail(message::unsupported, e.where, error) : n, no_text};
-  }
+  if (name == "PUT" || name == "INPUT") return converted(e, name);
+  if (name == "INTCK" || name == "INTNX") return interval_function(e, name);
   // MISSING of a text: blank.
   if ((name == "MISSING" || name == "COALESCEC") && count >= 1) {
     const Value v = value_of(*e.args[0]);

@@ -81,6 +81,8 @@ Tables make_tables(const Grammar& grammar);
 void write_actions(Grammar& grammar, const std::string& path);
 // Writes one enumeration per statement for its slots and one for its flags.
 void write_statement_names(const Grammar& grammar, const std::string& path);
+// Writes a highlighting grammar for editors.
+void write_highlighting(const Grammar& grammar, const std::string& path);
 // Writes PARSECONTROL's tables and the option rows.
 void write_tables(const Grammar& grammar, const Tables& tables, const std::string& path);
 

@@ -1,5 +1,6 @@
-// make_grammar_tables GRAMMAR ACTIONS.h NAMES.h TABLES.cpp: the build step that turns the grammar into the parser's tables and the names of slots and flags.
-// Every conflict that the grammar does not settle is an error.
+// make_grammar_tables GRAMMAR ACTIONS.h NAMES.h TABLES.cpp HIGHLIGHTING.json: the build step that turns the grammar
+// into the parser's tables, the names of slots and flags, and a grammar for editors. Every conflict that the grammar
+// does not settle is an error.
 #include "language/generator/grammar.h"
 
 #include <iostream>
@@ -7,8 +8,8 @@
 int main(int argc, char** argv)
 {
   using namespace torvale::generator;
-  if (argc != 5) {
-    std::cerr << "usage: make_grammar_tables GRAMMAR ACTIONS.h NAMES.h TABLES.cpp\n";
+  if (argc != 6) {
+    std::cerr << "usage: make_grammar_tables GRAMMAR ACTIONS.h NAMES.h TABLES.cpp HIGHLIGHTING.json\n";
     return 2;
   }
   Grammar grammar = read_grammar(argv[1]);
@@ -23,5 +24,6 @@ int main(int argc, char** argv)
   write_actions(grammar, argv[2]);
   write_statement_names(grammar, argv[3]);
   write_tables(grammar, tables, argv[4]);
+  write_highlighting(grammar, argv[5]);
   return 0;
 }

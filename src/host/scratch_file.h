@@ -1,0 +1,40 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <memory_resource>
+#include <mutex>
+
+namespace torvale::host {
+
+// Memory for data that need not fit into memory: pieces of a file without a name in the folder for temporary files,
+// mapped into the address space. The system brings blocks of it in when they are used and takes them out when memory
+// is short; values and addresses are as in any other memory. Small pieces come from the heap. The file goes with the
+// last piece's owner. For several threads.
+class ScratchFile final : public std::pmr::memory_resource {
+public:
+  static constexpr std::size_t smallest = 1 << 20; // bytes from which on pieces lie in the file
+
+  ScratchFile() = default;
+  ~ScratchFile() override;
+  ScratchFile(const ScratchFile&) = delete;
+  ScratchFile& operator=(const ScratchFile&) = delete;
+
+  std::int64_t size() const { return end_; } // bytes of the file
+
+private:
+  void* do_allocate(std::size_t bytes, std::size_t alignment) override; // std::bad_alloc when there is no room
+  void do_deallocate(void* at, std::size_t bytes, std::size_t alignment) override;
+  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override { return this == &other; }
+
+  std::mutex lock_;
+  int file_ = -1;
+  std::int64_t end_ = 0;
+  std::map<void*, std::int64_t> places_; // address of a mapped piece -> its place in the file
+};
+
+// Bytes of memory that a run may still take: what the system has free, within the limits of the process and of its
+// control group. 0 when nothing can be found out.
+std::uint64_t free_memory();
+
+} // namespace torvale::host

@@ -1,0 +1,40 @@
+// Formats and dates from a program's text to its lines.
+
+#include "session.h"
+
+#include <gtest/gtest.h>
+
+namespace torvale::tests {
+namespace {
+
+const std::string model = "p=0; y2 = y - p; MODEL y ~ NORMAL(p2, 1); PARMS p2=1; RUN;";
+
+TEST(Formats, LinesOfAProgram)
+{
+  const TemporaryFile data("visits.csv", "id,day,at,y,note\n1,2024-01-31,09:30,1.5,  first \n2,2024-02-29,13:05,NA,\n");
+  const auto run =
+      run_text("TORVALE DATA='" + data.path() +
+               "'; FORMAT day date9. at time5.; "
+               "due = INTNX('month', day, 1, 'E'); FORMAT due yymmdd10.; "
+               "text = PUT(day, ddmmyy10.); back = INPUT(text, 'ddmmyy10.'); wide = PUT(12345.678, comma10.1); "
+               "PUT 'A ' day at due text +0 back z6. wide note $quote. y 6.1; " +
+               model);
+  EXPECT_NE(run.log.find("A 31JAN2024  9:30 2024-02-29 31/01/2024 023406   12,345.7 \"first\"    1.5"),
+            std::string::npos)
+      << run.log;
+  EXPECT_NE(run.log.find("A 29FEB2024 13:05 2024-03-31 29/02/2024 023435"), std::string::npos) << run.log;
+  EXPECT_TRUE(run.said(503, 9501)); // NA
+}
+
+TEST(Formats, AnUnknownFormatIsAnError)
+{
+  const TemporaryFile data("y.csv", "y\n1\n2\n");
+  for (const char* statement : {"FORMAT y dat9.;", "z = PUT(y, nothing5.);", "z = INPUT('1', 'what.');", "PUT y foo8.;",
+                                "ATTRIB y FORMAT=4.9;", "z = INTNX('fortnight', y, 1);"}) {
+    const auto run = run_text("TORVALE DATA='" + data.path() + "'; " + statement + model);
+    EXPECT_EQ(run.outcome.exit_code, 3) << statement << run.log;
+  }
+}
+
+} // namespace
+} // namespace torvale::tests

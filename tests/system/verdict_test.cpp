@@ -1,0 +1,125 @@
+// The verdict against fits whose state is known by construction.
+
+#include "system/session.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+namespace torvale::tests {
+
+namespace {
+
+const host::FitSummary& summary(const tests::Run& run)
+{
+  return run.outcome.results.steps.at(0).groups.at(0).fit;
+}
+
+std::string finding(const tests::Run& run, const std::string& item)
+{
+  for (const auto& [name, words] : summary(run).findings)
+    if (name == item) return words;
+  return {};
+}
+
+// Forty data sets of each kind: x on a grid, y = 1 + slope x with noise; and a response of zeros and ones.
+class KnownStates : public ::testing::TestWithParam<int> {
+protected:
+  void SetUp() override
+  {
+    std::mt19937 random(static_cast<unsigned>(GetParam()));
+    std::normal_distribution<double> noise;
+    std::uniform_real_distribution<double> unit(0.5, 2);
+    const double slope = unit(random);
+    std::string text = "x,y,z,s\n";
+    for (int i = 0; i < 30; ++i) {
+      const double x = (i - 14.5) / 10;
+      text += std::to_string(x) + "," + std::to_string(1 + slope * x + 0.5 * noise(random)) + "," +
+              std::to_string((x > 0) != (i % 5 == 0) ? 1 : 0) + "," + (x > 0 ? "1" : "0") +
+              "\n"; // s is separated by x, z is not
+    }
+    file_ = std::make_unique<TemporaryFile>("verdict-" + std::to_string(GetParam()) + ".csv", text);
+  }
+  tests::Run fit(const std::string& statements, const std::string& options = "") const
+  {
+    return run_text("TORVALE DATA=d " + options + ";\n" + statements + "RUN;", "examples", 0, {{"d", file_->path()}});
+  }
+
+  std::unique_ptr<TemporaryFile> file_;
+};
+
+TEST_P(KnownStates, Converged)
+{
+  const tests::Run run = fit("PARMS b0=0 b1=0 s2=1;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_EQ(summary(run).converged, std::optional<bool>(true));
+  EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::good) << summary(run).headline;
+  EXPECT_EQ(finding(run, "Hessian"), "positive definite");
+  for (const char* item :
+       {"Flat direction", "Not identified", "At bounds", "Separation", "Vanished variance", "Warnings"})
+    EXPECT_EQ(finding(run, item), "") << item;
+}
+
+TEST_P(KnownStates, FlatDirection)
+{
+  const tests::Run run = fit("PARMS b0=0 c=0 b1=0 s2=1;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + c + b1*x, s2);\n");
+  EXPECT_EQ(run.outcome.exit_code, 6) << run.log;
+  EXPECT_EQ(summary(run).converged, std::optional<bool>(true));
+  EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::caution);
+  const std::string direction = finding(run, "Flat direction"), names = finding(run, "Not identified");
+  EXPECT_TRUE(direction.ends_with("b0 - c") || direction.ends_with("-b0 + c") || direction.ends_with("c - b0"))
+      << direction;
+  EXPECT_EQ(names, "b0, c");
+  EXPECT_NE(finding(run, "Hessian").find("singular"), std::string::npos);
+  // One cause, one message.
+  const auto& messages = run.outcome.results.steps[0].messages;
+  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
+                          [](const auto& m) { return m.severity == host::Severity::warning; }),
+            1)
+      << run.log;
+}
+
+TEST_P(KnownStates, Separation)
+{
+  const tests::Run run = fit("PARMS b0=0 b1=0;\np = 1/(1 + exp(-b0 - b1*x));\nMODEL s ~ BINARY(p);\n");
+  // Where the likelihood has reached 1 within rounding it rises no further: nothing is determined any more.
+  EXPECT_GE(run.outcome.exit_code, 5) << run.log;
+  EXPECT_NE(summary(run).standing, host::FitSummary::Standing::good);
+  const tests::Run overlapping = fit("PARMS b0=0 b1=0;\np = 1/(1 + exp(-b0 - b1*x));\nMODEL z ~ BINARY(p);\n");
+  EXPECT_EQ(finding(overlapping, "Separation"), "");
+  EXPECT_EQ(summary(overlapping).converged, std::optional<bool>(true)) << overlapping.log;
+}
+
+TEST_P(KnownStates, Bound)
+{
+  const tests::Run run = fit("PARMS b0=0 b1=-0.5 s2=1;\nBOUNDS b1 <= 0, s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_EQ(summary(run).converged, std::optional<bool>(true));
+  EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::caution);
+  EXPECT_EQ(finding(run, "At bounds"), "b1");
+  EXPECT_EQ(finding(run, "Not identified"), "");
+}
+
+TEST_P(KnownStates, StoppedEarly)
+{
+  const tests::Run run = fit("PARMS b0=-20 b1=10 s2=100;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n", "MAXITER=1");
+  EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
+  EXPECT_EQ(summary(run).converged, std::optional<bool>(false));
+  EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::bad);
+  EXPECT_NE(finding(run, "Converged").find("no"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forty, KnownStates, ::testing::Range(1, 41));
+
+TEST(Verdict, NothingOptimizedIsNeitherYesNorNo)
+{
+  const tests::Run run = run_text(
+      "TORVALE DATA=warpbreaks TECHNIQUE=NONE;\nPARMS b0=3;\nmu = exp(b0);\nMODEL breaks ~ POISSON(mu);\nRUN;");
+  EXPECT_EQ(summary(run).converged, std::nullopt);
+  EXPECT_TRUE(summary(run).present);
+}
+
+} // namespace
+
+} // namespace torvale::tests

@@ -1,0 +1,41 @@
+#!/bin/bash
+# Installs a build into a clean prefix and uses it from outside the tree: a program by the CMake package, one by
+# pkg-config, add_subdirectory, the man page, and the Debian package unpacked into an empty root.
+#   tools/check_install.sh [BUILD FOLDER]     (default build/release)
+set -e
+source_folder=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$source_folder/build/release}" && pwd)
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+prefix=$scratch/prefix
+expected="a b "
+names() { awk '{ printf "%s ", $1 }'; }
+
+cmake --install "$build" --prefix "$prefix" > "$scratch/install.log"
+cp -r "$source_folder/examples/library" "$scratch/outside"
+cmake -S "$scratch/outside" -B "$scratch/outside/build" -DCMAKE_PREFIX_PATH="$prefix" > "$scratch/configure.log"
+cmake --build "$scratch/outside/build" > "$scratch/build.log"
+[ "$("$scratch/outside/build/fit" 2> /dev/null | names)" = "$expected" ] && echo "CMake package: works"
+
+flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name torvale.pc)") pkg-config --define-prefix --cflags --libs torvale)
+# shellcheck disable=SC2086
+g++ -std=c++20 "$scratch/outside/fit.cpp" $flags -o "$scratch/by_pkg_config"
+[ "$("$scratch/by_pkg_config" 2> /dev/null | names)" = "$expected" ] && echo "pkg-config: works"
+
+headers=$(find "$prefix/include" -name '*.h' | wc -l)
+[ "$headers" = 1 ] && echo "one public header"
+man --warnings -l "$prefix/share/man/man1/torvale.1" > /dev/null 2>&1 && echo "man page: renders" || echo "man page: not checked"
+bash -n "$prefix/share/bash-completion/completions/torvale" && echo "completion for bash: parses"
+
+if command -v dpkg-deb > /dev/null; then
+  (cd "$build" && cpack -G DEB -B "$scratch/deb" > "$scratch/cpack.log")
+  mkdir "$scratch/root"
+  dpkg-deb -x "$scratch"/deb/*.deb "$scratch/root"
+  ldd "$scratch/root/usr/bin/torvale" | awk '$3 ~ /^\// { print $3 } $1 ~ /^\// { print $1 }' | while read -r library; do
+    mkdir -p "$scratch/root$(dirname "$library")"
+    cp -L "$library" "$scratch/root$library"
+  done
+  mkdir -p "$scratch/root/work"
+  cp "$source_folder"/examples/orange.* "$scratch/root/work/"
+  chroot "$scratch/root" /usr/bin/torvale run /work/orange.tvl --quiet 2> /dev/null && echo "Debian package: runs in a bare root"
+fi
