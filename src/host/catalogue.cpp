@@ -390,6 +390,16 @@ constexpr CatalogueEntry entries[] = {
      "", ""},
     {503, 9475, "event_variable_unknown", E, "{option}= of EVENTS: the data set has no numeric variable {name}.", "",
      "Name the variable: EVENTS(TIME=... AMT=... EVID=...)."},
+    {503, 9476, "too_many_doses_at_once", E,
+     "EVENTS: {count} doses seem to act or wait at the same time.",
+     "Records that do not stand subject by subject, in the order of time.",
+     "Sort the data by subject and time; PLACES= of EVENTS tells the number when there are so many."},
+    {503, 9477, "dose_across_subjects", E,
+     "The dose of observation {dose} still acts at observation {record}, which is of another {level}: amounts begin anew "
+     "there.",
+     "Additional doses or an infusion that go on from one subject into the next.",
+     "Give each {level} its own dose records; or use one RANDOM statement, with effects of occasions that indicator "
+     "variables choose."},
     {503, 9473, "dose_types_not_texts", E, "The variable _CMPT_TYPE_ of dose records must hold texts; it is numeric.",
      "", ""},
 
