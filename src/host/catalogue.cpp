@@ -536,14 +536,14 @@ constexpr CatalogueEntry entries[] = {
      "A number before | makes a logical OR with {name}, which is 1 or 0: a random effect by {name} is written with "
      "RANDOM.",
      "A formula from another language, as (1|id).",
-     "Add an effect to the model and write RANDOM u ~ NORMAL(0, variance) SUBJECT={name};"},
+     "Add an effect to the model and write RANDOM u ~ NORMAL(0, variance) SUBJECT=variable;"},
     {503, 9552, "response_outside_support", W,
      "The response {name} is {value} here[, and outside in {count} rows]: {support}[; {advice}].",
      "Codes of levels or of missing values, or another distribution than the data have.",
      "Recode the response in the program, leave rows out with WHERE=, or choose the distribution that takes such "
      "values."},
     {503, 9553, "data_binding_unused", N, "--data names {name}, which no statement of the program uses.",
-     "A misspelled name.", "Write DATA={name} in the TORVALE statement, or correct the name behind --data."},
+     "A misspelled name.", "Name it in DATA= of the TORVALE statement, or correct the name behind --data."},
     {503, 9554, "decimal_comma", W,
      "PARMS holds {found}: two starting values; a decimal is written with a point, {meant}.", "A decimal comma.",
      "Write a blank behind the comma when two values are meant."},

@@ -8,14 +8,14 @@ namespace torvale::tests {
 
 namespace {
 
-// 200,000 records of 20,000 subjects: columns of more than a megabyte lie in the scratch file.
+// 300,000 records of 30,000 subjects: more than one block of the reader: columns of more than a megabyte lie in the scratch file.
 const TemporaryFile& records()
 {
   static const TemporaryFile file = [] {
     std::string text = "id,x,site,y\n";
     unsigned state = 1;
     double effect = 0.0;
-    for (int i = 0; i < 200000; ++i) {
+    for (int i = 0; i < 300000; ++i) {
       state = 1664525u * state + 1013904223u;
       const double noise = static_cast<double>(state >> 8) / 16777216.0 - 0.5;
       if (i % 10 == 0) effect = 2.0 * noise;
@@ -40,7 +40,7 @@ Run fit(const std::string& options, std::uint64_t memory = 0)
 
 TEST(LargeData, TheScratchFileGivesTheBitsOfMemory)
 {
-  const Run memory = fit(""), file = fit("NOSORTSUB");
+  const tests::Run memory = fit(""), file = fit("NOSORTSUB");
   ASSERT_EQ(memory.outcome.exit_code, 0) << memory.log;
   ASSERT_EQ(file.outcome.exit_code, 0) << file.log;
   for (const char* column : {"Estimate", "StandardError", "Gradient"})
@@ -49,7 +49,7 @@ TEST(LargeData, TheScratchFileGivesTheBitsOfMemory)
 
 TEST(LargeData, WhatDoesNotFitIsToldBeforeItIsRead)
 {
-  const Run refused = fit("", 4000000);
+  const tests::Run refused = fit("", 4000000);
   EXPECT_EQ(refused.outcome.exit_code, 4) << refused.log;
   EXPECT_TRUE(refused.said(503, 9507)) << refused.log;
   EXPECT_NE(refused.log.find("4 MB"), std::string::npos) << refused.log;
@@ -65,8 +65,8 @@ TEST(LargeData, AGroupThatDoesNotFitIsKeptInAScratchFile)
   const TemporaryFile data("small.csv", text);
   const std::string program = "TORVALE DATA=small NTHREADS=2; PARMS m=1 v=0.01 vu=0.02; MODEL y ~ NORMAL(m + u, v); "
                               "RANDOM u ~ NORMAL(0, vu) SUBJECT=id; RUN;";
-  const Run roomy = run_text(program, "examples", 0, {{"small", data.path()}});
-  const Run tight = run_text(program, "examples", 0, {{"small", data.path()}}, false, 1000);
+  const tests::Run roomy = run_text(program, "examples", 0, {{"small", data.path()}});
+  const tests::Run tight = run_text(program, "examples", 0, {{"small", data.path()}}, false, 1000);
   EXPECT_EQ(tight.outcome.exit_code, 0) << tight.log;
   EXPECT_TRUE(tight.said(503, 9508) && tight.said(503, 653)) << tight.log;
   EXPECT_EQ(tight.column("ParameterEstimates", "Estimate"), roomy.column("ParameterEstimates", "Estimate"));
