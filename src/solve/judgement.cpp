@@ -114,12 +114,7 @@ private:
   {
     for (const int k : out_.null) {
       for (const double a : {0.1, -0.1, 1.0, -1.0}) change_along(k, a);
-      if (!out_.better.empty()) continue;
-      runaway(k);
-      // Where all curvature is rounding the directions mix parameters at random: each is asked alone too.
-      for (int i = 0; i < m(); ++i)
-        if (const int j = out_.curvature.free[static_cast<std::size_t>(i)]; std::abs(vector(i, k)) > 0.3 && ran_away(j))
-          note_separated(j);
+      if (out_.better.empty()) runaway(k);
     }
   }
 
