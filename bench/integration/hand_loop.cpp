@@ -1,5 +1,6 @@
 #include "integration/hand_loop.h"
 
+#include <cmath>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -67,6 +68,29 @@ template <int Logarithms> double sum_of(const double* x, int buffer, long lanes)
 double exponentials_and_logarithms(const double* x, int buffer, long lanes, int logarithms)
 {
   return logarithms == 1 ? sum_of<1>(x, buffer, lanes) : sum_of<2>(x, buffer, lanes);
+}
+
+double first_order_objective(const double* x, const double* y, int subjects, int observations, double b0, double b1, double s2, double g)
+{
+  double total = 0.0;
+  for (int s = 0; s < subjects; s += width) {
+    Vector square = zero(), pull = zero(), information = zero();
+    for (int i = 0; i < observations; ++i) {
+      const Vector m = exponential(b0 + b1 * load(x + i * subjects + s)), e = load(y + i * subjects + s) - m;
+      square = add(square, e * e);
+      pull = add(pull, m * e);
+      information = add(information, m * m);
+    }
+    double q[width], c[width], a[width];
+    std::memcpy(q, &square, sizeof q);
+    std::memcpy(c, &pull, sizeof c);
+    std::memcpy(a, &information, sizeof a);
+    for (int k = 0; k < width; ++k) {
+      const double b = 1.0 + g * a[k] / s2;
+      total += 0.5 * (observations * (1.8378770664093456 + std::log(s2)) + q[k] / s2 + std::log(b) - g * c[k] * c[k] / (s2 * s2 * b));
+    }
+  }
+  return total;
 }
 
 const char* hand_loop_isa()

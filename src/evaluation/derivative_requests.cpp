@@ -5,6 +5,7 @@
 
 namespace torvale::evaluation {
 
+using engine::CMPDER;
 using engine::CMPLIST;
 using engine::CMPSYM;
 using model::NX;
@@ -19,10 +20,12 @@ void complete_flags(NX& n)
 {
   const bool gradient = needs_gradient(n);
   const bool searches_modes = n.nreff() > 0 && n.method != 4 && n.adaptive;
+  const bool follows_modes = searches_modes && gradient && n.method != 2; // the trapezoidal rule stands where it stands
   if (searches_modes) n.needhessu = true;
-  if (searches_modes && gradient) n.needcrossu = true;
-  if (searches_modes && gradient && n.adscale) n.needtriu = true;
-  if (n.needtriu || (n.wants_effects && n.nreff() > 0 && n.method != 4)) n.needcrossu = true;
+  if (follows_modes) n.needcrossu = true;
+  if (follows_modes && n.adscale) n.needtriu = true;
+  const bool modes_wanted = n.wants_effects && n.nreff() > 0 && n.method != 4 && (n.method != 1 || n.lb);
+  if (n.needtriu || modes_wanted) n.needcrossu = true;
   if (n.needcrossu) n.needhessu = true;
 }
 
@@ -78,6 +81,38 @@ int request_likelihood(NX& n)
   return n.needhessu ? request_curvature(n) : 0;
 }
 
+// First order: the sums of the linearized model as symbols, and their derivatives. What the mean does not depend on is zero.
+int request_linearized(NX& n)
+{
+  REFFECT& leaf = n.leaf();
+  const auto combine = [&](syntax::Op op, const CMPSYM* a, const CMPSYM* b) { return engine::cmpcombine(*n.gcmp, op, a, b); };
+  CMPDER slopes;
+  if (engine::cmpder(slopes, CMPLIST{{n.meansym}}, n.mransym, *n.gcmp) != 0) return 1012;
+  std::vector<CMPSYM*> z(n.mransym.s.size(), nullptr);
+  for (std::size_t k = 0; k < slopes.der.s.size(); ++k) z[static_cast<std::size_t>(slopes.wrtindex[k])] = slopes.der.s[k];
+  const CMPSYM* const residual =
+      combine(syntax::Op::divide, combine(syntax::Op::subtract, n.depsym, n.meansym), n.variancesym);
+  leaf.linearsym = {n.llsym};
+  for (const CMPSYM* zk : z)
+    leaf.linearsym.push_back(zk == nullptr ? nullptr : combine(syntax::Op::multiply, zk, residual));
+  for (std::size_t i = 0; i < z.size(); ++i)
+    for (std::size_t k = 0; k <= i; ++k)
+      leaf.linearsym.push_back(z[i] == nullptr || z[k] == nullptr
+                                   ? nullptr
+                                   : combine(syntax::Op::divide, combine(syntax::Op::multiply, z[i], z[k]), n.variancesym));
+  if (!needs_gradient(n)) return 0;
+  CMPLIST objects;
+  std::vector<int> place;
+  for (std::size_t k = 0; k < leaf.linearsym.size(); ++k) {
+    if (leaf.linearsym[k] == nullptr) continue;
+    objects.s.push_back(leaf.linearsym[k]);
+    place.push_back(static_cast<int>(k));
+  }
+  const int rc = engine::cmpder(leaf.lineargradstr, objects, n.mrnprsym, *n.gcmp);
+  for (int& object : leaf.lineargradstr.objindex) object = place[static_cast<std::size_t>(object)];
+  return rc != 0 ? 1012 : 0;
+}
+
 // Distribution arguments: by parameters for the chain rule; they may not depend on random effects, whatever their level.
 int request_arguments(NX& n, REFFECT& reff)
 {
@@ -126,6 +161,8 @@ int build_programs(NX& n)
     return engine::cmpder(n.gradstr, CMPLIST{{n.llsym}}, n.prsym, *n.gcmp) != 0 ? 1012 : 0;
   }
   if (const int rc = request_likelihood(n); rc != 0) return rc;
+  if (n.method == 1)
+    if (const int rc = request_linearized(n); rc != 0) return rc;
   for (REFFECT& reff : n.reff)
     if (const int rc = request_arguments(n, reff); rc != 0) return rc;
   return 0;

@@ -6,10 +6,10 @@
 namespace torvale::evaluation {
 
 // Whether the likelihood is differentiated by the parameters: not under FD, unless EMPIRICAL asks for the subjects'
-// gradients or posterior quantities of support points for their errors.
+// gradients or what is estimated of the effects follows from derivatives (support points; first order).
 inline bool needs_gradient(const model::NX& n)
 {
-  return n.fd == 0 || n.empirical || (n.wants_effects && n.method == 4);
+  return n.fd == 0 || n.empirical || (n.wants_effects && (n.method == 4 || (n.method == 1 && !n.lb)));
 }
 
 // build_programs: the derivative requests of the likelihood. Call after llsym, prsym, depsym, repsym and each REFFECT's

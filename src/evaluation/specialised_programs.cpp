@@ -115,6 +115,18 @@ Outputs curvature_outputs(const NX& n, const REFFECT& reff)
   return out;
 }
 
+// First order: the sums, and with derivatives those of each by the parameters, then the effects.
+Outputs linear_outputs(const NX& n, const REFFECT& reff, bool derivatives)
+{
+  const ModelPrograms& p = n.programs;
+  Outputs out(derivatives ? p.linear_by(p.linear_sums(), 0) : p.linear_sums());
+  for (int k = 0; k < p.linear_sums(); ++k) out.at(k) = reff.linearsym[static_cast<std::size_t>(k)];
+  if (!derivatives) return out;
+  const CMPDER& d = reff.lineargradstr;
+  for (std::size_t k = 0; k < d.der.s.size(); ++k) out.at(p.linear_by(d.objindex[k], d.wrtindex[k])) = d.der.s[k];
+  return out;
+}
+
 Outputs setup_outputs(const NX& n, const REFFECT& reff, bool derivatives)
 {
   Outputs out(reff.argument_derivative(derivatives ? reff.nd : 0, 0, n.nparm));
@@ -169,7 +181,10 @@ Abilities can_evaluate(const NX& n)
   can.value = static_cast<bool>(p.value);
   can.modes = n.nreff() > 0 && p.mode;
   can.curvature = can.modes && p.curvature;
-  can.gradient = p.gradient && (!n.adaptive || can.curvature);
+  if (n.method == 1)
+    can.gradient = p.linear_gradient && (!n.lb || can.curvature);
+  else
+    can.gradient = p.gradient && (!n.adaptive || can.curvature || n.method == 2);
   return can;
 }
 
@@ -192,6 +207,10 @@ int specialise_programs(NX& n)
     }
     const REFFECT& reff = n.leaf();
     if (analytic) p.gradient = gradient_outputs(n, reff.gradstr).specialise(*n.gcmp);
+    if (n.method == 1) {
+      p.linear = linear_outputs(n, reff, false).specialise(*n.gcmp);
+      if (analytic) p.linear_gradient = linear_outputs(n, reff, true).specialise(*n.gcmp);
+    }
     if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
     if (n.needcrossu) p.curvature = curvature_outputs(n, reff).specialise(*n.gcmp);
     if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);

@@ -182,6 +182,11 @@ std::vector<std::string> Libraries::bound_names() const
   return names;
 }
 
+std::uint64_t Libraries::memory() const
+{
+  return memory_limit_ > 0 ? memory_limit_ : free_memory();
+}
+
 // A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
 std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
                                             const MessagePlace& place, const ReadOptions& options)
@@ -213,9 +218,16 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   ReadOptions options{.separator = reference.options.separator != 0 ? reference.options.separator : separator_,
                       .decimal = reference.options.decimal,
                       .missing = reference.options.missing,
-                      .threads = threads_};
+                      .threads = threads_,
+                      .memory = reference.memory,
+                      .most_memory = memory()};
   const auto as_written = [&](const Written& written) { // the run's own files need no options
-    return ReadOptions{.kinds = written.kinds, .separator = ',', .decimal = '.', .threads = threads_};
+    ReadOptions own = options;
+    own.kinds = written.kinds;
+    own.separator = ',';
+    own.decimal = '.';
+    own.missing = {};
+    return own;
   };
   if (reference.quoted) {
     const std::string path = joined(places_.program_folder, reference.name);

@@ -18,6 +18,7 @@ struct DataSetReference {
   std::string name;
   bool quoted = false; // name is a path
   DataSetOptions options;
+  RowMemory memory{}; // where the columns of an input lie
 };
 
 // An output data set while it is being written: columns first, then rows, then finish. Rows stay in memory until then;
@@ -76,12 +77,15 @@ public:
   void bind_library(std::string_view library, std::string path); // --library NAME=PATH: folder or SQLite file
   std::vector<std::string> bound_names() const;                  // names given to bind_data and bind_memory, sorted
 
-  // How text files are read when a data set's own options do not say: separator (0: found) and worker threads.
-  void set_reading(char separator, int threads)
+  // How text files are read when a data set's own options do not say: separator (0: found), worker threads, and the
+  // bytes of memory that a run may take (0: what is free).
+  void set_reading(char separator, int threads, std::uint64_t memory = 0)
   {
     separator_ = separator;
     threads_ = threads;
+    memory_limit_ = memory;
   }
+  std::uint64_t memory() const; // bytes that data may still take
 
   // xoopen: find and read an input data set, options applied. A one-level name is, in this order: a data set that an
   // earlier step wrote to work, a bound name, NAME.csv (.csv.gz, .csv.zst) in the program's folder. Nothing, with a
@@ -119,6 +123,7 @@ private:
   Places places_;
   char separator_ = 0;
   int threads_ = 1;
+  std::uint64_t memory_limit_ = 0;
   std::map<std::string, std::string> data_;      // lower-case one-level name -> path
   std::map<std::string, DataSet> memory_;        // lower-case one-level name -> columns
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file

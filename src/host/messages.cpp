@@ -137,8 +137,8 @@ std::string explain_message(std::string_view code)
     for (const std::string& line : wrapped("  " + std::string(text), 78, 0)) out += "  " + line + "\n";
   };
   add("What it says", as_sentence(entry->text));
-  add("Usual causes", entry->causes);
-  add("What to try", entry->advice);
+  add("Usual causes", as_sentence(entry->causes));
+  add("What to try", as_sentence(entry->advice));
   return out;
 }
 

@@ -1,6 +1,7 @@
 #include "inference/predictions.h"
 
 #include "evaluation/program_faults.h"
+#include "host/libraries.h"
 #include "host/message_names.h"
 #include "host/missing.h"
 #include "inference/standard_errors.h"
@@ -68,6 +69,8 @@ public:
     const auto rows = static_cast<std::size_t>(n.store->nobs);
     for (auto* column : {&out.value, &out.error, &out.t, &out.p, &out.lower, &out.upper}) column->assign(rows, missing);
     if (statement.derivatives) out.derivative.assign(rows * (np_ + nr_), missing);
+    out.undetermined.assign(rows, 0);
+    out.id.assign(rows * n.idsym.s.size(), missing);
     out.alpha = statement.alpha >= 0 ? statement.alpha : n.alpha;
     out.df = statement.df >= 0 ? statement.df : n.dfe;
     probability::zqt(1.0 - out.alpha / 2.0, out.df, &quantile_);
@@ -153,6 +156,8 @@ private:
     const auto at = static_cast<std::size_t>(n_.store->group_row[static_cast<std::size_t>(row)]);
     const double value = frame.output(0)[lane];
     out_.value[at] = value;
+    const std::size_t ids = n_.idsym.s.size(), first_id = statement_.list.size() + 1;
+    for (std::size_t k = 0; k < ids; ++k) out_.id[at * ids + k] = frame.output(static_cast<int>(first_id + k))[lane];
     double* const g = w.gradient.data();
     std::fill_n(g, np_ + nr_, 0.0);
     bool whole = true;
@@ -163,9 +168,13 @@ private:
     }
     if (statement_.derivatives)
       std::copy_n(g, np_ + nr_, out_.derivative.begin() + static_cast<std::ptrdiff_t>(at * (np_ + nr_)));
-    if (!whole || std::isnan(value) || n_.covmat.empty()) return;
+    if (!whole || std::isnan(value) || (n_.covmat.empty() && np_ > 0)) return;
     const double variance = squared_error(g, g + np_ + nr_, subject);
     if (!(variance > 0.0) || !std::isfinite(variance)) return;
+    if (moves_along_flat(n_, g + np_ + nr_)) {
+      out_.undetermined[at] = 1;
+      return;
+    }
     const double error = standard_error(n_, g + np_ + nr_, variance), t = value / error;
     if (std::isnan(error)) return;
     out_.error[at] = error;
@@ -237,6 +246,18 @@ void report_fault(NX& n, const PredictStatement& statement, const Posterior& pos
   }
 }
 
+// Predictions without an error because the data do not determine them.
+void report_undetermined(NX& n, const PredictStatement& statement, const PredictionColumns& out)
+{
+  const auto first = std::find(out.undetermined.begin(), out.undetermined.end(), 1);
+  if (first == out.undetermined.end() || statement.output == nullptr) return;
+  n.host->log().xpmlog(message::prediction_not_determined{
+      .data = statement.output->name(),
+      .count = std::count(out.undetermined.begin(), out.undetermined.end(), 1),
+      .observation = evaluation::observation_number(
+          n, n.store->row_of_group[static_cast<std::size_t>(first - out.undetermined.begin())])});
+}
+
 } // namespace
 
 int predict(NX& n, const PredictStatement& statement, const Posterior& posterior, PredictionColumns& out)
@@ -244,6 +265,7 @@ int predict(NX& n, const PredictStatement& statement, const Posterior& posterior
   PredictionLoop loop(n, statement, posterior, out);
   if (const int rc = loop.run(); rc > 2) return rc;
   report_fault(n, statement, posterior, out);
+  report_undetermined(n, statement, out);
   return 0;
 }
 

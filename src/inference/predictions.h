@@ -12,6 +12,8 @@ namespace torvale::inference {
 struct PredictionColumns {
   std::vector<double> value, error, t, p, lower, upper;
   std::vector<double> derivative; // with DER: rows x (parameters, then random effects); else empty
+  std::vector<char> undetermined; // 1: no error, since the data do not determine it
+  std::vector<double> id;         // rows x variables of the program that ID names
   double df = 0.0, alpha = 0.05;
 };
 

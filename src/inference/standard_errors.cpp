@@ -22,6 +22,8 @@ double diagonal(const std::vector<double>& packed, int i)
 // The part of g along a unit direction of the null space, beside the length of g, that rounding can leave.
 constexpr double along_by_rounding = 1e-7;
 
+} // namespace
+
 bool moves_along_flat(const NX& n, const double* g)
 {
   const auto np = static_cast<std::size_t>(n.nparm);
@@ -37,8 +39,6 @@ bool moves_along_flat(const NX& n, const double* g)
   }
   return false;
 }
-
-} // namespace
 
 double standard_error(const NX& n, int i)
 {

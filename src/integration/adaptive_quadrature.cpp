@@ -79,7 +79,7 @@ public:
   {
     subject_gradient(n, ctx, slot, gradient);
   }
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override;
+  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
 };
 
 void AdaptiveQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
@@ -113,24 +113,6 @@ int AdaptiveQuadrature::close_value(const NX& n, const TVLThreadCtx& ctx, int sl
   value = -(std::log(total) + b.peak[s]) + b.constants;
   if (n.adscale) value += 0.5 * b.search[s].logdet;
   return total > 0.0 ? 0 : zero_integral(n);
-}
-
-// The trial mode u = m + L z of a slot.
-void AdaptiveQuadrature::close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const
-{
-  const BatchWork& b = ctx.batch;
-  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
-  const int nr = n.leaf().nr;
-  const long p = modes::prior_of(n, slot);
-  const double* l = b.factor.data() + p * n.leaf().nrs;
-  const double* const z = b.z.data() + static_cast<long>(slot) * nr;
-  double* const u = n.ebtrial.data() + subject * static_cast<std::size_t>(nr);
-  for (int i = 0; i < nr; ++i) {
-    u[i] = b.mean[static_cast<std::size_t>(p * nr + i)];
-    for (int k = 0; k <= i; ++k) u[i] += l[k] * z[k];
-    l += i + 1;
-  }
-  n.ebtrial_known[subject] = 1;
 }
 
 } // namespace

@@ -15,6 +15,8 @@ inline constexpr double root_two = 1.4142135623730951;
 // The integrators.
 const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
 const Integrator& support_points();      // a discrete distribution: the sum over its points
+const Integrator& first_order();         // the mean linear in the effects
+const Integrator& trapezoid();           // one effect, on the whole line
 const Integrator& nest_quadrature();     // several levels
 
 // The message of a nest whose integral is zero.
@@ -37,6 +39,9 @@ void size_block(const model::NX& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
+// keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
+void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
+
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
 long observation_blocks(const model::NX& n);
@@ -57,6 +62,10 @@ inline void add_outer_product(const double* g, int np, double weight, double* su
 // the points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are
 // taken in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
 int sum_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
+
+// add_shares: after sum_points, what share every point has in a slot's integral, times the subject's replicates, into the point's element
+// of `shares`. By a second pass; allocates. Returns as sum_points.
+int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.

@@ -8,8 +8,8 @@
 
 #include "integration/evaluation_parts.h"
 
-#include "evaluation/random_covariance.h"
 #include "evaluation/record_sums.h"
+#include "integration/nest_batch.h"
 #include "integration/nest_gradient.h"
 #include "integration/nest_points.h"
 #include "matrix/cholesky.h"
@@ -43,45 +43,6 @@ public:
   }
   void close_modes(NX& n, const TVLThreadCtx& ctx, int nest) const override;
 };
-
-// --- taking a batch ---
-
-void take_nests(const NX& n, TVLThreadCtx& ctx)
-{
-  const BatchWork& b = ctx.batch;
-  NestWork& w = ctx.nests;
-  const auto& nodes = n.batch_nodes[static_cast<std::size_t>(b.number)];
-  w.nests = b.nests;
-  std::fill_n(w.failure.begin(), w.nests, 0);
-  for (std::size_t k = 0; k < w.level.size(); ++k) w.level[k].nodes = &nodes[k];
-  const model::NestNodes& leaves = nodes.front();
-  for (int nest = 0; nest < w.nests; ++nest)
-    for (int v = leaves.first[static_cast<std::size_t>(nest)]; v < leaves.first[static_cast<std::size_t>(nest) + 1];
-         ++v) {
-      w.nest_of_leaf[static_cast<std::size_t>(v)] = nest;
-      w.leaf_of_slot[static_cast<std::size_t>(leaves.slot[static_cast<std::size_t>(v)])] = v;
-    }
-}
-
-// Means and factors of all nodes; the first failed node of a nest, outermost level first, decides its message.
-int load_all_priors(const NX& n, TVLThreadCtx& ctx)
-{
-  NestWork& w = ctx.nests;
-  for (std::size_t k = w.level.size(); k-- > 0;) {
-    NestLevel& l = w.level[k];
-    const model::REFFECT& reff = n.reff[k];
-    const int count = static_cast<int>(l.nodes->subject.size());
-    const evaluation::PriorEntries entries{reff, l, l.nodes->slot.data(), count, l.failure.data()};
-    if (const int rc = evaluation::load_priors(n, ctx, entries, reff.setup.places > reff.setup_value.places); rc > 2)
-      return rc;
-    for (int nest = 0; nest < w.nests; ++nest)
-      for (int v = l.nodes->first[static_cast<std::size_t>(nest)];
-           v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v)
-        if (int& failure = w.failure[static_cast<std::size_t>(nest)]; failure == 0)
-          failure = l.failure[static_cast<std::size_t>(v)];
-  }
-  return 0;
-}
 
 // --- points ---
 
@@ -298,7 +259,7 @@ int NestQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) cons
 {
   NestWork& w = ctx.nests;
   take_nests(n, ctx);
-  if (const int rc = load_all_priors(n, ctx); rc > 2) return rc;
+  if (const int rc = load_nest_priors(n, ctx); rc > 2) return rc;
   if (n.adaptive)
     if (const int rc = modes::nest_search(n, ctx); rc > 2) return rc;
   const auto for_good = [&](auto&& f) {

@@ -87,6 +87,15 @@ public:
   {
   }
 
+  // The shares of the points in the integrals, which are known from a run before.
+  int run_shares(double* shares)
+  {
+    shares_ = shares;
+    known_peak_ = b_.peak;
+    known_total_ = b_.total;
+    return run();
+  }
+
   int run()
   {
     int good = 0;
@@ -159,6 +168,7 @@ private:
     const int rc = evaluation::tvllogl(n_, ctx_, pairs_, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
     make_weights(all);
+    if (shares_ != nullptr) note_shares();
     weigh_chunks();
     if (gradient_) add_moments(all);
     return 0;
@@ -184,6 +194,17 @@ private:
       }
     }
     evaluation::exponentials_of_nonpositive(e, all);
+  }
+
+  void note_shares()
+  {
+    for (int i = 0; i < pairs_.count; ++i) {
+      const auto s = static_cast<std::size_t>(pairs_.slots[i]);
+      const double weight = reff_.SubInfo[static_cast<std::size_t>(b_.subject[s])].weight;
+      const double scale = weight * std::exp(peak_[i] - known_peak_[s]) / known_total_[s];
+      const double* const e = b_.prior.data() + i * pairs_.slot_step();
+      for (int q = 0; q < pairs_.points; ++q) shares_[first_ + q] += scale * e[q * step_];
+    }
   }
 
   // Puts the chunks and what their slots have so far on the scale of the larger peak, and adds the weights.
@@ -330,6 +351,8 @@ private:
   double peak_[most_slots], keep_[most_slots], take_[most_slots];
   bool fresh_[most_slots];
   double sums_[8 * most_slots];
+  double* shares_ = nullptr; // of a second pass
+  std::vector<double> known_peak_, known_total_;
 };
 
 } // namespace
@@ -342,6 +365,11 @@ int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
     case 3: return PointLoop<3>(n, ctx, gradient).run();
     default: return PointLoop<0>(n, ctx, gradient).run();
   }
+}
+
+int add_shares(const NX& n, TVLThreadCtx& ctx, double* shares)
+{
+  return PointLoop<0>(n, ctx, false).run_shares(shares);
 }
 
 void size_point_sums(const NX& n, TVLThreadCtx& ctx)

@@ -68,6 +68,7 @@ int tvlqpts(NX& n)
     if (GaussHermite(n.nqp, n.absc.data(), n.herm.data(), 0.0, 0.0, dropped) != 0) return refuse();
     if (dropped > 0) n.host->log().xpmlog(message::quadrature_points_dropped{.points = n.nqp, .kept = n.nqp - dropped});
   }
+  if (n.method == 1 || n.method == 2) return 0; // they have no points of their own
   double joint = 1.0; // of the chain of a leaf
   for (REFFECT& reff : n.reff) {
     if (reff.distrtype != 0) continue; // support points come from the statement

@@ -1,6 +1,7 @@
 #include "integration/evaluation_parts.h"
 
 #include "evaluation/record_sums.h"
+#include "modes/mode_search.h"
 
 #include <algorithm>
 
@@ -47,6 +48,23 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
   size(b.mode_sums, n.programs.mode.places * b.mode_stride);
   size(b.curvature_sums, n.programs.curvature.places * b.mode_stride);
+}
+
+void keep_trial_mode(NX& n, const model::TVLThreadCtx& ctx, int slot)
+{
+  const BatchWork& b = ctx.batch;
+  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
+  const int nr = n.leaf().nr;
+  const long p = modes::prior_of(n, slot);
+  const double* l = b.factor.data() + p * n.leaf().nrs;
+  const double* const z = b.z.data() + static_cast<long>(slot) * nr;
+  double* const u = n.ebtrial.data() + subject * static_cast<std::size_t>(nr);
+  for (int i = 0; i < nr; ++i) {
+    u[i] = b.mean[static_cast<std::size_t>(p * nr + i)];
+    for (int k = 0; k <= i; ++k) u[i] += l[k] * z[k];
+    l += i + 1;
+  }
+  n.ebtrial_known[subject] = 1;
 }
 
 } // namespace torvale::integration

@@ -34,6 +34,20 @@ struct ModeSearch {
   double logdet = 0.0;     // log determinant of the Hessian at the mode
 };
 
+// LineSum: the trapezoidal rule of one subject in progress: points centre + k step, -left <= k <= right.
+struct LineSum {
+  enum Phase : char { first, right_side, left_side, halving, done, weighing, failed };
+  Phase phase = first;
+  bool left_closed = false, right_closed = false; // what lies beyond is small
+  double centre = 0.0, step = 0.0;                // in z
+  int left = 0, right = 0;
+  int next = 0;                                   // points done of a halving, or with derivatives
+  double peak = 0.0, total = 0.0;                 // log of the largest term; the sum, relative to it
+  double log_integral = 0.0;
+  double term[16] = {};                           // logs of the terms of the last sweep
+  double weights = 0.0, slope = 0.0, slope_by_point = 0.0; // sums of the weights, times ll_u, times z too
+};
+
 // Priors: means, G's factor and distribution arguments of the subjects of one level in hand: one entry for all when the
 // arguments do not vary, else one per subject.
 struct Priors {
@@ -90,6 +104,7 @@ struct BatchWork : Priors {
   std::vector<double> direct;        // np: of the derivatives by parameters
   std::vector<double> null_scale; // per effect, all levels: largest information of a subject on it, where G leaves it
                                   // no variance; 0: none
+  std::vector<LineSum> line;         // the trapezoidal rule, per slot
   double constants = 0.0;            // nr/2 log 2 pi - nr log s: of the prior, and of the scale s of the points
   std::vector<double> scratch;       // one subject's small matrices
 };

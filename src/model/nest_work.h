@@ -67,6 +67,12 @@ struct NestLevel : Priors {
   std::vector<double> factor_bar;     // own triangle
 };
 
+// RoundEffect: where a random effect stood when a round of EBITER$ ended.
+struct RoundEffect {
+  int round = 0, level = 0, subject = 0, effect = 0; // from 0; level and subject as in NX::reff
+  double value = 0.0;
+};
+
 // NestWork: the nests of a batch.
 struct NestWork {
   std::vector<NestLevel> level;
@@ -75,6 +81,7 @@ struct NestWork {
   std::vector<ModeSearch> search; // per nest
   std::vector<char> active;       // per nest: its search goes on
   std::vector<char> turn;         // per nest: the rounds of EBITER$ go on
+  std::vector<RoundEffect>* rounds = nullptr; // after the fit, for who asked: gets every round; borrowed
   std::vector<int> leaf_of_slot;  // per slot: node
   std::vector<int> nest_of_leaf;  // per leaf node
   std::vector<int> columns;       // slots of the program run in hand

@@ -57,6 +57,15 @@ struct ModelPrograms {
   int cross_place(int k, int j) const { return k * np + j; }
   int third_place(int w, int packed) const { return ne * np + w * (ne * (ne + 1) / 2) + packed; }
 
+  // First order, mean linear in the effects: the value, then with z the derivatives of the mean by the effects, e the residual and r
+  // the variance z e / r, and z z' / r as a packed lower triangle. The second program has the derivatives of all these too, of each by
+  // the parameters and then the effects.
+  ModelProgram linear, linear_gradient;
+  int residual(int k) const { return 1 + k; }
+  int information(int packed) const { return 1 + ne + packed; }
+  int linear_sums() const { return 1 + ne + ne * (ne + 1) / 2; }
+  int linear_by(int sum, int w) const { return linear_sums() + sum * (np + ne) + w; }
+
   // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
   ModelProgram cross;
 
@@ -90,12 +99,18 @@ struct REFFECT {
   engine::CMPDER gradstr;              // _ll by prsym
   engine::CMPDER hessustr;             // first derivatives of _ll by random effects, by ransym or prsym
   engine::CMPDER triustr;              // hessustr by ransym
+  // First order: the sums of ModelPrograms::linear, null where identically zero, and their derivatives by prsym; objindex is the place.
+  std::vector<engine::CMPSYM*> linearsym;
+  engine::CMPDER lineargradstr;
   engine::CMPDER gradrstr;             // distribution arguments by parameters
   // nd distribution arguments (nr means, nrs elements of G), then nd x np derivatives by parameters, row = argument.
   ModelProgram setup;                  // the same as setup_value where no derivatives are wanted
   ModelProgram setup_value;            // the arguments alone
   bool setup_varies = false;           // they differ between subjects
   int argument_derivative(int a, int j, int np) const { return nd + a * np + j; }
+
+  const syntax::StItem* outri = nullptr; // OUTRI$=; borrowed
+  host::OutputDataSet* outrifid = nullptr; // its data set, open to the end of the step; borrowed
 
   std::vector<int> rhs;                // data variables (dsvarno) that its distribution arguments depend on
 

@@ -83,6 +83,7 @@ struct RunOptions {
   bool pictures = false;      // somebody will look at pictures of the fit
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
+  bool sortwarn = false;      // no memory to sort by subject: as with NOSORTSUB
   bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
   bool reobsinfo = false;     // REOBSINFO$: tables of the subjects
   bool runThreads = false;    // NTHREADS= not 0
@@ -108,7 +109,7 @@ struct PredictStatement {
   engine::CMPSYM* value = nullptr;
   engine::CMPDER der;           // by the parameters, then the random effects
   const engine::Program* program = nullptr; // the value, then the derivatives at the places `list`
-  std::vector<int> list;        // places of the derivatives: parameters first, then effects
+  std::vector<int> list;        // places of the derivatives: parameters first, then effects; the ID variables follow them
   const syntax::StItem* out = nullptr; // OUT=; borrowed
   host::OutputDataSet* output = nullptr; // open from statement processing to the end of the step; borrowed
   double alpha = -1.0;          // ALPHA= or -1
@@ -139,6 +140,11 @@ struct StartingData {
 
 struct ModelLists {
   syntax::PROCSTR* proc = nullptr;            // parsed statements; borrowed
+  const syntax::StItem* outr = nullptr;       // OUTR=; borrowed
+  host::OutputDataSet* eboutfid = nullptr;    // its data set, open to the end of the step; borrowed
+  const syntax::StItem* outest = nullptr;     // OUTEST=; borrowed
+  host::OutputDataSet* outestfid = nullptr;   // likewise
+  engine::CMPLIST idsym;                      // variables of the program that ID adds to predictions
   const host::DataSet* fid = nullptr;         // input data set; borrowed from the driver
   std::string data_name;                      // its name for people: library and member
   StartingData pdata;                         // PARMS / DATA=
@@ -149,6 +155,8 @@ struct ModelLists {
   std::string depname;                        // dependent variable
   engine::CMPSYM* depsym = nullptr;
   engine::CMPSYM* llsym = nullptr;            // _ll
+  engine::CMPSYM* meansym = nullptr;          // first order: mean and variance of the response
+  engine::CMPSYM* variancesym = nullptr;
   engine::CMPSYM* repsym = nullptr;           // REPLICATE variable, or null
   int nparm = 0;                              // parameters
   std::vector<PARMSTR> parmstr;               // one per parameter
@@ -175,6 +183,10 @@ struct ModelLists {
   std::vector<EstimateStatement> estimates;   // ESTIMATE
   std::vector<EstimateStatement> contrasts;   // CONTRAST
   std::vector<PredictStatement> predictions;  // PREDICT
+  const syntax::StItem* outq = nullptr;       // OUTQ=; borrowed
+  host::OutputDataSet* outqfid = nullptr;     // open from statement processing to the end of the step; borrowed
+  const syntax::StItem* outsg = nullptr;      // SUBGRADIENT=; borrowed
+  host::OutputDataSet* sgradfid = nullptr;    // likewise
   SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;

@@ -318,7 +318,7 @@ private:
         for (int nest = 0; nest < w_.nests; ++nest) restart(nest);
         if (const int rc = search_jointly(level); rc != 0) return rc;
       }
-      for (int nest = 0; nest < w_.nests; ++nest) end_round(nest);
+      for (int nest = 0; nest < w_.nests; ++nest) end_round(nest, round);
     }
     for (int nest = 0; nest < w_.nests; ++nest)
       if (w_.turn[static_cast<std::size_t>(nest)] != 0) give_up(nest); // has not settled
@@ -353,7 +353,7 @@ private:
     s.bound = s.previous = largest;
   }
 
-  void end_round(int nest)
+  void end_round(int nest, int round)
   {
     char& turn = w_.turn[static_cast<std::size_t>(nest)];
     if (turn == 0) return;
@@ -369,6 +369,12 @@ private:
             std::max(change, std::abs(l.u[static_cast<std::size_t>(k)] - l.round_start[static_cast<std::size_t>(k)]));
     });
     if (!(change > n_.ebmtol)) turn = 0;
+    if (w_.rounds != nullptr)
+      for_nodes(nest, [&](const NestLevel& l, int level, int v) {
+        for (int i = 0; i < l.own; ++i)
+          w_.rounds->push_back({round, level, l.nodes->subject[static_cast<std::size_t>(v)], i,
+                                l.u[static_cast<std::size_t>(v * l.own + i)]});
+      });
   }
 
   int close_turns()

@@ -3,7 +3,9 @@
 #include "data/data_pass.h"
 #include "data/starting_values.h"
 #include "host/message_names.h"
+#include "inference/estimates_output.h"
 #include "inference/fit_outputs.h"
+#include "inference/method_outputs.h"
 #include "inference/picture_data.h"
 #include "inference/tables.h"
 #include "inference/verdict.h"
@@ -55,24 +57,26 @@ int report_fit(NX& n)
   inference::warn_of_standard_errors(n);
   inference::write_verdict(n);
   inference::write_fit_tables(n);
+  inference::write_estimates_output(n);
   if (n.znlprc <= 0) return exit_not_converged;
-  int exit_code = exit_of_outcome(n);
-  if (n.nparm == 0) return exit_clean;
+  int exit_code = n.nparm == 0 ? exit_clean : exit_of_outcome(n);
+  inference::write_points(n);
+  if (inference::write_importance_sampling(n) > 2 || inference::write_subject_gradients(n) != 0) exit_code = exit_program;
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
-    if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   }
+  if (inference::write_fit_outputs(n) != 0) exit_code = exit_program;
   return exit_code;
 }
 
 // The pictures of the group, for whoever writes a report.
-void draw_pictures(NX& n)
+void draw_pictures(NX& n, const sampling::SampleDraws& sample)
 {
   host::GroupResult& group = n.host->group();
   inference::PictureData data;
   const bool evaluated = n.znlprc > 0 && inference::picture_data(n, data) == 0;
-  group.pictures = report::fit_pictures(group, evaluated ? &data : nullptr);
+  group.pictures = report::fit_pictures(group, evaluated ? &data : nullptr, sample);
 }
 
 int run_group(NX& n)
@@ -93,10 +97,11 @@ int run_group(NX& n)
   n.parmstart = n.parm;
   solve::tvlsolv(n);
   int exit_code = report_fit(n);
+  sampling::SampleDraws sample;
   // Where the objective has a value, whether or not the fit converged.
-  if (n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted() && run_sampler(n) != 0)
-    exit_code = worse_exit(exit_code, exit_not_converged);
-  if (n.pictures && !n.host->interrupted()) draw_pictures(n);
+  const bool sampled = n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted();
+  if (sampled && run_sampler(n, n.pictures ? &sample : nullptr) != 0) exit_code = worse_exit(exit_code, exit_not_converged);
+  if (n.pictures && !n.host->interrupted()) draw_pictures(n, sample);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 

@@ -74,19 +74,6 @@ void ignore_search_options(NX& n, const STMT& procedure)
   if (procedure.given(torvale_slot::ebtol)) warn(message::ebtol_ignored_with_levels);
 }
 
-// What follows a fit and is not there for several levels.
-void refuse_unserved_outputs(NX& n)
-{
-  const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
-    n.host->log().xpmlog(message::not_available{.what = what}, place_at(n, statement, where));
-    tvlexit(n, 3000);
-  };
-  for (const auto& stmt : n.proc->statements)
-    if (stmt.name == "PREDICT") refuse("PREDICT with several RANDOM statements", "PREDICT", stmt.where);
-  for (const auto& reff : n.reff)
-    if (reff.outeb != nullptr) refuse("OUT= with several RANDOM statements", "RANDOM", reff.stmt->where);
-}
-
 } // namespace
 
 void nested_levels(NX& n, const STMT& procedure)
@@ -99,7 +86,6 @@ void nested_levels(NX& n, const STMT& procedure)
   nestcheck(n);
   refuse_common_effects(n);
   ignore_search_options(n, procedure);
-  refuse_unserved_outputs(n);
   STMT* replicate = nullptr;
   if (syntax::FindStmt(*n.proc, "REPLICATE", &replicate) > 0) {
     const std::string name = replicate->slot(replicate_slot::variable).list.empty() ? "" : replicate->slot(replicate_slot::variable).list[0].text;
@@ -111,6 +97,7 @@ void nested_levels(NX& n, const STMT& procedure)
     n.raise(4);
     n.nosort = false;
   }
+  refuse_doses_across_levels(n);
 }
 
 } // namespace torvale::run

@@ -139,22 +139,24 @@ void printing_options(NX& n)
   if (cov.pini != 0) n.pstart = true;
 }
 
-// Where only function values exist, the gradient comes by differences, and a Hessian by differences of it makes no
-// sense.
+// Where the gradient comes by differences, a Hessian by differences of it makes no sense. First-order and Hardy integration take no
+// FDHESSIAN.
 void difference_mode(NX& n)
 {
   auto& str = *n.str;
-  const bool values_only = (n.method != 0 && n.method != 3 && n.method != 4) || (n.nreff() > 1 && n.fd != 0);
+  const bool simple = n.method == 1 || n.method == 2;
+  const bool values_only = (simple || n.nreff() > 1) && n.fd != 0;
+  if ((simple || values_only) && n.fdh != 0) {
+    if (n.fd != 0)
+      n.host->log().xpmlog(message::fdhessian_ignored_with_fd);
+    else
+      n.host->log().xpmlog(message::fdhessian_ignored_with_method{.method = n.method == 1 ? "FIRO" : "HARDY"});
+    n.raise(4);
+    n.fdh = 0;
+    str.fihs = 0;
+  }
   if (values_only) {
     str.fidi = n.fd == 2 ? 2 : 1;
-    if (n.fdh != 0) {
-      const char* method = n.method == 1 ? "FIRO" : n.method == 2 ? "HARDY" : "nested RANDOM";
-      if (n.fd != 0)
-        n.host->log().xpmlog(message::fdhessian_ignored_with_fd);
-      else
-        n.host->log().xpmlog(message::fdhessian_ignored_with_method{.method = method});
-      n.raise(4);
-    }
     str.fihs = 0;
   } else if (str.fidi == 0) {
     str.fihs = n.fdh == 2 ? 2 : 1;

@@ -1,6 +1,7 @@
 // PREDICT: an expression of parameters, random effects and data, evaluated at every record after the fit.
 
 #include "host/message_names.h"
+#include "host/text.h"
 #include "run/statement_processing.h"
 #include "syntax/statement_names.h"
 
@@ -41,10 +42,33 @@ PredictStatement read_statement(NX& n, const STMT& stmt)
   return p;
 }
 
+// ID: a variable of the input is in every prediction anyway; one of the program is added.
+void read_id_variables(NX& n)
+{
+  for (const auto& item : n.proc->statements.front().slot(syntax::torvale_slot::id).list) {
+    if (n.fid->find(item.text) != nullptr) continue;
+    engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, item.text);
+    const auto place = place_at(n, "ID", item.where);
+    if (symbol == nullptr) {
+      n.host->log().xpmlog(
+          message::role_variable_not_in_data{
+              .role = "ID", .name = item.text, .near = host::nearest_name(item.text, n.fid->column_names())},
+          place);
+      tvlexit(n, 3000);
+    }
+    if (symbol->type == 'c') {
+      n.host->log().xpmlog(message::id_is_character{.name = item.text}, place);
+      tvlexit(n, 3000);
+    }
+    n.idsym.s.push_back(symbol);
+  }
+}
+
 } // namespace
 
 void read_prediction_statements(NX& n)
 {
+  read_id_variables(n);
   for (const auto& stmt : n.proc->statements)
     if (stmt.name == "PREDICT") n.predictions.push_back(read_statement(n, stmt));
 }
@@ -57,6 +81,7 @@ void specialise_prediction_statements(NX& n)
       outputs.push_back(p.der.der.s[k]);
       p.list.push_back(p.der.wrtindex[k]);
     }
+    outputs.insert(outputs.end(), n.idsym.s.begin(), n.idsym.s.end());
     p.program = engine::cmpspec(*n.gcmp, outputs);
   }
 }

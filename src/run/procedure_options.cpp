@@ -42,6 +42,7 @@ double default_qmax(const NX& n)
 // Tables and listings that were asked for.
 void output_options(NX& n, const STMT& s)
 {
+  if (s.given(torvale_slot::outest)) n.outest = &s.slot(torvale_slot::outest).list.at(0);
   n.pecov = s.flag(torvale_flag::ecov);
   n.pecorr = s.flag(torvale_flag::ecorr);
   n.itdetails = s.flag(torvale_flag::itdetails);
@@ -106,7 +107,12 @@ void procedure_options(NX& n, const STMT& s)
   n.fdh = !s.flag(torvale_flag::fdhessian) ? 0 : host::whole_number(s.number_or(torvale_slot::fdhessian, 3));
   n.empirical = s.flag(torvale_flag::empirical);
   n.subgrad = s.flag(torvale_flag::subgradient);
-  n.lb = s.flag(torvale_flag::lb);
+  n.lb = n.method == 1 && s.flag(torvale_flag::lb);
+  if (n.method == 1 || n.method == 2) { // no rule of points; modes where they are expanded around, or where a peak is looked for
+    n.adaptive = n.method == 2 || n.lb;
+    n.adscale = false;
+    n.nqp = 0;
+  }
 
   n.alpha = s.number_or(torvale_slot::alpha, 0.05);
   n.dfespec = s.given(torvale_slot::df);
@@ -120,10 +126,6 @@ void procedure_options(NX& n, const STMT& s)
   n.runThreads = n.nthreads != 0;
   if (n.runThreads && n.nosort) {
     log.xpmlog(message::threads_exclude_nosortsub, place_at(n, "TORVALE", s.slot(torvale_slot::nthreads).where));
-    n.runThreads = false;
-  }
-  if (n.runThreads && n.method != 0) {
-    log.xpmlog(message::threads_need_gauss, place_at(n, "TORVALE", s.slot(torvale_slot::nthreads).where));
     n.runThreads = false;
   }
   if (!n.runThreads) n.nthreads = 0;

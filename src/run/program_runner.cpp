@@ -138,6 +138,7 @@ private:
       if (!options) return variables;
       reference.options = std::move(*options);
     }
+    if (procedure.flag(torvale_flag::nosortsub)) reference.memory = std::make_shared<host::ScratchFile>();
     data_ = host_.libraries().xoopen(reference, host_.log(), place);
     if (data_)
       for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
@@ -161,7 +162,10 @@ private:
     std::vector<compartment::Variable> variables;
     if (data_)
       for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric(), column.numeric() ? column.numbers() : std::span<const double>()});
-    const auto lines = compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
+    STMT* last = nullptr;
+    const int earlier = syntax::FindStmt(proc, proc.current->name, &last) - 1;
+    const auto lines =
+        compartment::zcmpt(*proc.current, variables, earlier, writes_log(proc.program), place, host_.log());
     return lines.empty() ? 1 : push_lines(stream, lines);
   }
 
@@ -185,8 +189,6 @@ private:
     const int expected = expected_arguments(text.code);
     if (static_cast<int>(arguments.size()) != expected)
       return refuse(message::wrong_number_of_model_arguments{.expected = expected, .found = arguments.size()});
-    if (method == 1 && !procedure.flag(torvale_flag::lb))
-      return 0; // the first-order method takes mean and variance themselves
     if (model.slot(model_slot::dependent).list.empty()) return 0;
     text.dependent = model.slot(model_slot::dependent).list[0].text;
     for (const auto& argument : arguments) text.arguments.push_back(syntax::to_text(*argument.expr));

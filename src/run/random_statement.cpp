@@ -125,6 +125,7 @@ void readrandom(NX& n, const STMT& stmt, REFFECT& reff)
   reff.alpha = stmt.number_or(random_slot::alpha, n.alpha);
   reff.dfe = stmt.number_or(random_slot::df, -1);
   if (const auto& out = stmt.slot(random_slot::out).list; !out.empty()) reff.outeb = &out[0];
+  if (const auto& out = stmt.slot(random_slot::outri).list; !out.empty()) reff.outri = &out[0];
   if (const auto& out = stmt.slot(random_slot::outp).list; !out.empty()) {
     if (reff.distrtype == 8) {
       reff.outpp = &out[0];

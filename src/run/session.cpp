@@ -33,7 +33,7 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.progress = settings.progress;
   state_->host = host::make_host(std::move(options));
   const int workers = settings.threads < 0 ? state_->host->cores() : settings.threads;
-  state_->host->libraries().set_reading(settings.separator, std::max(workers, 1));
+  state_->host->libraries().set_reading(settings.separator, std::max(workers, 1), settings.memory);
   for (const auto& [name, path] : settings.data) state_->host->libraries().bind_data(name, path);
   for (const auto& [name, path] : settings.libraries) state_->host->libraries().bind_library(name, path);
   state_->settings = std::move(settings);
@@ -46,8 +46,10 @@ RunOutcome Session::run(std::string program)
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
   const std::string upper = host::wzstrup(program);
+  std::string unused;
   for (const auto& [name, path] : s.data)
-    if (upper.find(host::wzstrup(name)) == std::string::npos) state_->host->log().xpmlog(message::data_binding_unused{.name = name});
+    if (upper.find(host::wzstrup(name)) == std::string::npos) unused += (unused.empty() ? "" : ", ") + name;
+  if (!unused.empty()) state_->host->log().xpmlog(message::data_binding_unused{.name = unused});
   auto result = run::run_program(
       *state_->host,
       {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.hash_data, s.pictures, {}});

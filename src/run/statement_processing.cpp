@@ -4,6 +4,7 @@
 #include "host/message_names.h"
 #include "host/text.h"
 #include "inference/fit_outputs.h"
+#include "inference/method_outputs.h"
 #include "run/idle_options.h"
 #include "syntax/statement_names.h"
 #include "syntax/tree.h"
@@ -15,7 +16,6 @@ namespace torvale::run {
 
 using model::NX;
 using syntax::model_slot;
-using syntax::random_slot;
 using syntax::replicate_slot;
 using syntax::STMT;
 using syntax::torvale_slot;
@@ -82,6 +82,10 @@ void model_statement(NX& n)
   }
   n.depname = stmt->slot(model_slot::dependent).list[0].text;
   n.llsym = engine::cmpsyms(*n.gcmp, "_ll");
+  if (n.method == 1) { // as the generated statements name them
+    n.meansym = engine::cmpsyms(*n.gcmp, "_arg1");
+    n.variancesym = engine::cmpsyms(*n.gcmp, "_arg2");
+  }
 }
 
 namespace {
@@ -95,24 +99,15 @@ void refuse_second(NX& n, const char* word)
   tvlexit(n, 3000);
 }
 
-// The statements and options of this version's language that the run cannot serve end it with a message: never a fit
-// without them.
-void refuse_unserved(NX& n)
+// SUBGRADIENT= and OUTQ=.
+void method_outputs(NX& n, const STMT& procedure)
 {
-  const auto refuse = [&](const char* what, const char* statement, syntax::Position where) {
-    n.host->log().xpmlog(message::not_available{.what = what}, place_at(n, statement, where));
-    tvlexit(n, 3000);
-  };
-  const STMT& procedure = n.proc->statements.front();
-  for (const auto& stmt : n.proc->statements) {
-    if (stmt.name == "RANDOM" && stmt.given(random_slot::outri)) refuse("OUTRI$ of RANDOM", "RANDOM", stmt.where);
-  }
-  if (procedure.given(torvale_slot::subgradient))
-    refuse("SUBGRADIENT=", "TORVALE", procedure.slot(torvale_slot::subgradient).where);
-  if (procedure.given(torvale_slot::outq)) refuse("OUTQ=", "TORVALE", procedure.slot(torvale_slot::outq).where);
-  if (procedure.given(torvale_slot::outr)) refuse("OUTR=", "TORVALE", procedure.slot(torvale_slot::outr).where);
-  if (n.method == 1) refuse("METHOD=FIRO", "TORVALE", procedure.slot(torvale_slot::method).where);
-  if (n.method == 2) refuse("METHOD=HARDY", "TORVALE", procedure.slot(torvale_slot::method).where);
+  if (const auto& out = procedure.slot(torvale_slot::outq).list; !out.empty()) n.outq = &out[0];
+  if (const auto& out = procedure.slot(torvale_slot::subgradient).list; !out.empty()) n.outsg = &out[0];
+  if (n.outsg == nullptr || n.method == 0 || n.method == 3) return;
+  n.host->log().xpmlog(message::subgradient_needs_quadrature,
+                       place_at(n, "TORVALE", procedure.slot(torvale_slot::subgradient).where));
+  tvlexit(n, 3000);
 }
 
 host::MessagePlace dependent_place(const NX& n)
@@ -192,6 +187,10 @@ void random_statements(NX& n, const STMT& procedure)
     n.method = 0;
     n.adaptive = n.adscale = false;
     n.nqp = 1;
+    if (procedure.given(torvale_slot::outr)) {
+      log.xpmlog(message::outr_without_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::outr).where));
+      n.raise(4);
+    }
     return;
   }
   if (statements.size() > 1 && n.method != 0) {
@@ -200,10 +199,17 @@ void random_statements(NX& n, const STMT& procedure)
   }
   n.reff.resize(statements.size());
   for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
+  if (n.method == 2 && n.leaf().nr != 1) {
+    log.xpmlog(message::hardy_needs_one_effect{.count = n.leaf().nr}, place_at(n, "RANDOM", statements[0]->where));
+    tvlexit(n, 3000);
+  }
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
   STMT* prediction = nullptr;
-  n.wants_effects = n.leaf().outeb != nullptr || n.leaf().outpp != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0;
+  if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
+    n.outr = &out[0];
+  n.wants_effects = n.outr != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
+                    std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr || r.outpp != nullptr; });
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
   if (n.empirical && n.method != 0 && n.method != 3) {
@@ -301,12 +307,12 @@ void tvlinit(NX& n)
   engine::cmpprogram(*n.gcmp, n.proc->program);
   end_on_errors(n, 1012);
 
-  refuse_unserved(n);
   by_variables(n);
   model_statement(n);
   refuse_character_dependent(n);
   parameter_setup(n);
   random_statements(n, procedure);
+  method_outputs(n, procedure);
   replicate_statement(n);
   optimizer_setup(n, procedure);
   grid_size(n);
@@ -341,7 +347,7 @@ void tvlinit(NX& n)
   specialise_sampling_statements(n);
   end_on_errors(n, 1012);
   listings(n);
-  if (inference::open_fit_outputs(n) != 0) tvlexit(n, 1016);
+  if (inference::open_fit_outputs(n) != 0 || inference::open_method_outputs(n) != 0) tvlexit(n, 1016);
 }
 
 } // namespace torvale::run

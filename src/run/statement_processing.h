@@ -2,6 +2,7 @@
 // From parsed statements to a compiled model and a filled run record.
 
 #include "model/run_record.h"
+#include "sampling/draws.h"
 
 namespace torvale::run {
 
@@ -26,6 +27,8 @@ void parameter_setup(model::NX& n);
 void grid_size(model::NX& n);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
+// Event records with several RANDOM statements: a dose must not act from one innermost subject into another.
+void refuse_doses_across_levels(model::NX& n);
 // nested_levels: several RANDOM statements, read: checks the nesting (nestcheck), puts the levels in order, the deepest first, and
 // what else holds for several levels only.
 void nested_levels(model::NX& n, const syntax::STMT& procedure);
@@ -48,8 +51,8 @@ void write_model_summary(model::NX& n);
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);
 void specialise_sampling_statements(model::NX& n);
-// Draws the sample of the BY group in hand; 0, or 1 after a message.
-int run_sampler(model::NX& n);
+// Draws the sample of the BY group in hand; 0, or 1 after a message. draws: filled with it; null when nobody looks.
+int run_sampler(model::NX& n, sampling::SampleDraws* draws);
 
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);

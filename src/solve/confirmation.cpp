@@ -193,6 +193,11 @@ bool FitEnd::go_on()
 }
 
 // What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
+FitEnd::~FitEnd()
+{
+  if (n_.str->scale == scales_.data()) n_.str->scale = nullptr;
+}
+
 void FitEnd::set_scales()
 {
   MINSTR& str = *n_.str;

@@ -13,6 +13,9 @@ namespace torvale::solve {
 class FitEnd {
 public:
   explicit FitEnd(model::NX& n) : n_(n) {}
+  ~FitEnd(); // the optimizer's block no longer borrows its scales
+  FitEnd(const FitEnd&) = delete;
+  FitEnd& operator=(const FitEnd&) = delete;
 
   // Stage 2 of the optimizer; stage 1 has returned 0. Leaves the record at the end point, evaluated, with its Hessian;
   // outcome, gain and what the tests found in n.verdict. Returns the termination code: code_no_progress where no

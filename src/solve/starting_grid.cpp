@@ -63,7 +63,7 @@ std::string unusable_values(const NX& n)
 
 bool keeps_modes(const NX& n)
 {
-  return n.nreff() > 0 && (n.method == 0 || n.method == 3 || n.lb);
+  return n.nreff() > 0 && n.method != 4 && (n.method != 1 || n.lb);
 }
 
 } // namespace

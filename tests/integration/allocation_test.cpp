@@ -38,7 +38,9 @@ void* counted(std::size_t bytes, std::size_t alignment = alignof(std::max_align_
 
 namespace torvale::tests {
 
-void expect_no_allocations(const ModelText& text, const Rule& rule)
+namespace {
+
+void expect_none(const ModelText& text, const Rule& rule)
 {
   const auto n = make_run(text, rule);
   auto theta = parameters(text, 1);
@@ -51,23 +53,33 @@ void expect_no_allocations(const ModelText& text, const Rule& rule)
     n->dograd = gradient;
     const long before = allocations;
     integration::tvllike(*n);
-    EXPECT_EQ(allocations - before, 0) << gradient;
+    EXPECT_EQ(allocations - before, 0) << gradient << " method " << rule.method;
     EXPECT_FALSE(n->failed);
     integration::accept_modes(*n);
   }
 }
 
+} // namespace
+
 TEST(Allocations, NoneInAnEvaluation)
 {
   for (const Rule& rule : {Rule{true, true, 5}, Rule{true, false, 5}, Rule{false, false, 5}})
-    expect_no_allocations(regression(Response::negbin, 2, 60), rule);
+    expect_none(regression(Response::negbin, 2, 60), rule);
+  auto linear = regression(Response::normal, 2, 60);
+  linear.assignments.insert(linear.assignments.begin() + 1, {"var", Term("s2")});
+  expect_none(linear, {false, false, 0, 1});
+  expect_none(linear, {true, false, 0, 1});
+  auto logistic = regression(Response::binary, 1, 60);
+  expect_none(logistic, {true, false, 0, 2});
+  logistic.prior = {Term("b1"), Term(0.3), Term("g11"), Term("s2") * 0.5};
+  expect_none(logistic, {false, false, 0, 4});
 }
 
 TEST(Allocations, NoneInAnEvaluationOfNestedLevels)
 {
   for (const int depth : {2, 3})
     for (const Rule& rule : {Rule{true, true, 3}, Rule{true, false, 3}, Rule{false, false, 3}})
-      expect_no_allocations(nested(Response::poisson, depth), rule);
+      expect_none(nested(Response::poisson, depth), rule);
 }
 
 } // namespace torvale::tests

@@ -98,6 +98,11 @@ void name_symbols(Run& n, const ModelText& text, const std::vector<syntax::Expr*
     engine::cmpparm(g, n.prsym.s.back(), j);
   }
   n.llsym = symbol("_ll");
+  if (n.method == 1) {
+    n.depsym = symbol("y");
+    n.meansym = symbol("eta");
+    n.variancesym = symbol("var");
+  }
   const auto levels = text.all_levels();
   n.reff.resize(levels.size());
   auto argument = arguments.begin();
@@ -231,6 +236,7 @@ std::shared_ptr<NX> make_run(const ModelText& text, const Rule& rule)
   n->command_threads = rule.threads;
   n->wants_effects = rule.effects_wanted;
   n->ebiter = rule.take_turns;
+  n->lb = rule.method == 1 && rule.adaptive;
 
   n->gcmp = engine::cmpinit({});
   const auto arguments = add_statements(*n, text);

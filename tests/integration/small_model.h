@@ -44,7 +44,7 @@ struct Level {
 struct ModelText {
   std::vector<std::string> parameters;
   std::vector<std::string> effects;
-  std::vector<std::pair<std::string, Term>> assignments;
+  std::vector<std::pair<std::string, Term>> assignments; // with method 1 of mean eta and variance var of y too
   std::vector<Term> prior;                                          // means, then the lower triangle of G by rows
   std::vector<std::pair<std::string, std::vector<double>>> columns; // "subject" names the subjects and is no variable
   std::vector<double> weights;                                      // replicate count per row; empty: none

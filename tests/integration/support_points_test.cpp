@@ -243,8 +243,9 @@ TEST(SupportPoints, ProbabilitiesAtTheirBounds)
 TEST(SupportPoints, ThreadCountsGiveEqualBits)
 {
   Mixture m = draw(5);
+  const std::size_t drawn = m.subjects.size();
   while (m.subjects.size() < 400) {
-    const std::size_t s = m.subjects.size() % 7;
+    const std::size_t s = m.subjects.size() % drawn;
     m.subjects.push_back(m.subjects[s]);
     m.group.push_back(m.group[s]);
     if (!m.weight.empty()) m.weight.push_back(1.0);

@@ -115,7 +115,7 @@ TEST(CommandLine, PutCannotReplaceFilesOfTheRun)
     EXPECT_TRUE(nlohmann::json::accept(read_text(folder.file("results.json"))));
     EXPECT_THAT(read_text(folder.file("p.log")), HasSubstr("503/9435"));
   }
-  for (const std::string target : {std::string("d.csv"), folder.file("d.csv")}) { // found by its name alone
+  for (const std::string& target : {std::string("d.csv"), folder.file("d.csv")}) { // found by its name alone
     program(target);
     const Result r = torvale(folder, "run " + folder.file("p.tvl") + " --out " + folder.file(""));
     EXPECT_EQ(r.exit_code, 1) << target;

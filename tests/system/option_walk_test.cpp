@@ -24,7 +24,7 @@ const std::vector<Factor>& factors()
 
       {"", "FD", "FD=CENTRAL", "FD=FORWARD", "FD=50"},
       {"", "FDHESSIAN", "FDHESSIAN=CENTRAL"},
-      {"", "METHOD=ISAMP"},
+      {"", "METHOD=ISAMP", "METHOD=FIRO", "METHOD=FIRO LB", "METHOD=HARDY"},
       {"", "QPOINTS=1", "QPOINTS=4"},
       {"", "NOAD", "NOADSCALE"},
       {"", "EMPIRICAL"},

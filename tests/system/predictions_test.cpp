@@ -1,54 +1,20 @@
 // Predictions and empirical Bayes estimates as a fit writes them.
 
+#include "system/data_files.h"
 #include "system/session.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cmath>
-#include <filesystem>
-#include <fstream>
+#include <map>
 #include <sstream>
-#include <unistd.h>
 
 namespace torvale::tests {
 
 namespace {
 
 using nlohmann::json;
-
-// A CSV file without quoted commas, by columns.
-std::map<std::string, std::vector<std::string>> read_csv(const std::string& path)
-{
-  std::map<std::string, std::vector<std::string>> columns;
-  std::ifstream file(path);
-  EXPECT_TRUE(file) << path;
-  std::vector<std::string> names;
-  for (std::string line; std::getline(file, line);) {
-    std::vector<std::string> fields;
-    std::istringstream in(line + ",");
-    for (std::string field; std::getline(in, field, ',');) fields.push_back(field);
-    if (names.empty())
-      names = fields;
-    else
-      for (std::size_t k = 0; k < names.size(); ++k) columns[names[k]].push_back(fields[k]);
-  }
-  return columns;
-}
-
-// A folder of its own for the data sets of a test.
-class Folder {
-public:
-  Folder() : path_((std::filesystem::temp_directory_path() / ("predictions-" + std::to_string(getpid()))).string())
-  {
-    std::filesystem::create_directories(path_);
-  }
-  ~Folder() { std::filesystem::remove_all(path_); }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-  std::string path_;
-};
 
 std::string start_at(const json& estimates)
 {
@@ -60,6 +26,24 @@ std::string start_at(const json& estimates)
     text += " " + name + "=" + number.str();
   }
   return text + ";";
+}
+
+// By Gauss-Jordan steps, without any use of structure.
+std::vector<std::vector<double>> inverse_of(std::vector<std::vector<double>> a)
+{
+  const std::size_t n = a.size();
+  std::vector<std::vector<double>> b(n, std::vector<double>(n, 0.0));
+  for (std::size_t i = 0; i < n; ++i) b[i][i] = 1.0;
+  for (std::size_t k = 0; k < n; ++k) {
+    const double pivot = a[k][k];
+    for (std::size_t j = 0; j < n; ++j) a[k][j] /= pivot, b[k][j] /= pivot;
+    for (std::size_t i = 0; i < n; ++i) {
+      const double f = a[i][k];
+      if (i == k || f == 0.0) continue;
+      for (std::size_t j = 0; j < n; ++j) a[i][j] -= f * a[k][j], b[i][j] -= f * b[k][j];
+    }
+  }
+  return b;
 }
 
 struct Model {
@@ -90,24 +74,25 @@ void expect_reference(const Model& model, const json& reference, const json& fit
   ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
 
   for (std::size_t e = 0; e < expressions.size(); ++e) {
-    const auto rows = read_csv(folder.file("pred" + std::to_string(e) + ".csv"));
+    const auto rows = read_csv_file(folder.file("pred" + std::to_string(e) + ".csv"));
     for (const auto& p : fit["predictions"]) {
       if (p["expression"] != expressions[e]) continue;
       const auto row = p["row"].get<std::size_t>() - 1;
       const double error = p["standard_error"].get<double>();
-      EXPECT_NEAR(std::stod(rows.at("Pred")[row]), p["predicted"].get<double>(), value_limit * error)
+      EXPECT_NEAR(std::stod(rows.column("Pred")[row]), p["predicted"].get<double>(), value_limit * error)
           << expressions[e] << " " << row;
-      EXPECT_NEAR(std::stod(rows.at("StdErrPred")[row]), error, error_limit * error) << expressions[e] << " " << row;
+      EXPECT_NEAR(std::stod(rows.column("StdErrPred")[row]), error, error_limit * error)
+          << expressions[e] << " " << row;
     }
   }
-  const auto effects = read_csv(folder.file("effects.csv"));
+  const auto effects = read_csv_file(folder.file("effects.csv"));
   std::size_t k = 0;
   for (const auto& subject : fit["random_effects"])
     for (const auto& [name, value] : subject["estimate"].items()) {
       const double error = subject["standard_error"][name].get<double>();
-      EXPECT_EQ(effects.at("Effect")[k], name);
-      EXPECT_NEAR(std::stod(effects.at("Estimate")[k]), value.get<double>(), value_limit * error) << k;
-      EXPECT_NEAR(std::stod(effects.at("StdErrPred")[k]), error, error_limit * error) << k;
+      EXPECT_EQ(effects.column("Effect")[k], name);
+      EXPECT_NEAR(std::stod(effects.column("Estimate")[k]), value.get<double>(), value_limit * error) << k;
+      EXPECT_NEAR(std::stod(effects.column("StdErrPred")[k]), error, error_limit * error) << k;
       ++k;
     }
 }
@@ -135,16 +120,16 @@ TEST(Predictions, DoNotDependOnWhereTheMeansAre)
   const std::string out = "SUBJECT=subject; PREDICT mu OUT='" + folder.file("a.csv") + "' DER; RUN;";
   ASSERT_EQ(run_text(head + "mu = b0 + u0 + (b1 + u1)*days;" + tail + "[0,0],[v00,v01,v11])" + out).outcome.exit_code,
             0);
-  const auto centred = read_csv(folder.file("a.csv"));
+  const auto centred = read_csv_file(folder.file("a.csv"));
   ASSERT_EQ(run_text(head + "mu = u0 + u1*days;" + tail + "[b0,b1],[v00,v01,v11])" + out).outcome.exit_code, 0);
-  const auto moved = read_csv(folder.file("a.csv"));
-  ASSERT_EQ(centred.at("Pred").size(), 180u);
+  const auto moved = read_csv_file(folder.file("a.csv"));
+  ASSERT_EQ(centred.column("Pred").size(), 180u);
   for (std::size_t row = 0; row < 180; ++row) {
-    EXPECT_NEAR(std::stod(centred.at("Pred")[row]), std::stod(moved.at("Pred")[row]), 1e-9 * 300);
-    EXPECT_NEAR(std::stod(centred.at("StdErrPred")[row]), std::stod(moved.at("StdErrPred")[row]), 1e-6 * 10);
-    EXPECT_EQ(std::stod(centred.at("Der_b0")[row]), 1.0);
-    EXPECT_EQ(std::stod(moved.at("Der_b0")[row]), 0.0);
-    EXPECT_EQ(centred.at("Der_u1_1")[row], moved.at("Days")[row]);
+    EXPECT_NEAR(std::stod(centred.column("Pred")[row]), std::stod(moved.column("Pred")[row]), 1e-9 * 300);
+    EXPECT_NEAR(std::stod(centred.column("StdErrPred")[row]), std::stod(moved.column("StdErrPred")[row]), 1e-6 * 10);
+    EXPECT_EQ(std::stod(centred.column("Der_b0")[row]), 1.0);
+    EXPECT_EQ(std::stod(moved.column("Der_b0")[row]), 0.0);
+    EXPECT_EQ(centred.column("Der_u1_1")[row], moved.column("Days")[row]);
   }
 }
 
@@ -160,18 +145,101 @@ TEST(Predictions, OfRecordsThatTheFitCouldNotUse)
                             folder.file("u.csv") + "'; PREDICT mu OUT='" + folder.file("p.csv") +
                             "'; PREDICT LOG(x) OUT='" + folder.file("q.csv") + "'; RUN;");
   ASSERT_LT(run.outcome.exit_code, 1) << run.log;
-  const auto p = read_csv(folder.file("p.csv")), u = read_csv(folder.file("u.csv")), q = read_csv(folder.file("q.csv"));
-  EXPECT_EQ(p.at("Pred"), std::vector<std::string>(10, "9")); // the input's own
-  EXPECT_FALSE(p.at("Pred2")[2].empty());                     // no response, but all that the mean needs
-  EXPECT_FALSE(p.at("StdErrPred")[2].empty());
-  EXPECT_TRUE(p.at("Pred2")[3].empty()); // no record of this subject is used
-  EXPECT_TRUE(u.at("Estimate")[1].empty());
-  EXPECT_EQ(u.at("id"), (std::vector<std::string>{"a", "b", "c", "d"}));
-  EXPECT_TRUE(q.at("Pred2")[0].empty());
-  EXPECT_EQ(std::stod(q.at("Pred2")[1]), 0.0);
-  EXPECT_TRUE(q.at("StdErrPred")[1].empty()); // it depends on nothing that is estimated
+  const auto p = read_csv_file(folder.file("p.csv")), u = read_csv_file(folder.file("u.csv")),
+             q = read_csv_file(folder.file("q.csv"));
+  EXPECT_EQ(p.column("Pred"), std::vector<std::string>(10, "9")); // the input's own
+  EXPECT_FALSE(p.column("Pred2")[2].empty());                     // no response, but all that the mean needs
+  EXPECT_FALSE(p.column("StdErrPred")[2].empty());
+  EXPECT_TRUE(p.column("Pred2")[3].empty()); // no record of this subject is used
+  EXPECT_TRUE(u.column("Estimate")[1].empty());
+  EXPECT_EQ(u.column("id"), (std::vector<std::string>{"a", "b", "c", "d"}));
+  EXPECT_TRUE(q.column("Pred2")[0].empty());
+  EXPECT_EQ(std::stod(q.column("Pred2")[1]), 0.0);
+  EXPECT_TRUE(q.column("StdErrPred")[1].empty()); // it depends on nothing that is estimated
   EXPECT_TRUE(run.said(503, 9570)) << run.log;
   EXPECT_TRUE(run.said(503, 9571)) << run.log;
+}
+
+// A linear model with known variances: the mixed model equations of all clinics and wards at once give estimates,
+// predictions and the variances of their errors.
+TEST(Predictions, OfNestedLevelsSolveTheMixedModelEquations)
+{
+  const Folder folder;
+  const auto run = run_text("TORVALE DATA=nested_linear; PARMS b0=48 b1=2; mu = b0 + u0 + w + (b1 + u1)*week;"
+                            "MODEL score ~ NORMAL(mu, 2.5);"
+                            "RANDOM u0 u1 ~ NORMAL([0,0],[9,0.5,1.2]) SUBJECT=clinic OUT='" +
+                            folder.file("clinics.csv") + "'; RANDOM w ~ NORMAL(0, 4) SUBJECT=ward(clinic) OUT='" +
+                            folder.file("wards.csv") + "'; PREDICT mu OUT='" + folder.file("mu.csv") +
+                            "'; PREDICT b0 + u0 + w OUT='" + folder.file("level.csv") + "' DER; RUN;");
+  ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
+  const auto mu = read_csv_file(folder.file("mu.csv")), level = read_csv_file(folder.file("level.csv")),
+             clinics = read_csv_file(folder.file("clinics.csv")), wards = read_csv_file(folder.file("wards.csv"));
+  const auto clinic = mu.column("clinic"), ward = mu.column("ward");
+  const auto week = mu.numbers("week"), score = mu.numbers("score");
+
+  // Unknowns: b0, b1, then two effects of each clinic, then one of each ward, as they first appear.
+  std::map<std::string, std::size_t> place;
+  std::size_t unknowns = 2;
+  for (std::size_t row = 0; row < week.size(); ++row)
+    if (place.emplace(clinic[row], unknowns).second) unknowns += 2;
+  for (std::size_t row = 0; row < week.size(); ++row)
+    if (place.emplace(clinic[row] + "/" + ward[row], unknowns).second) ++unknowns;
+  std::vector<std::vector<double>> a(unknowns, std::vector<double>(unknowns, 0.0));
+  std::vector<double> right(unknowns, 0.0);
+  const double determinant = 9 * 1.2 - 0.25;
+  for (const auto& [name, at] : place) {
+    if (name.find('/') != std::string::npos) {
+      a[at][at] += 1.0 / 4.0;
+      continue;
+    }
+    a[at][at] += 1.2 / determinant;
+    a[at + 1][at + 1] += 9 / determinant;
+    a[at][at + 1] = a[at + 1][at] = -0.5 / determinant;
+  }
+  const auto design = [&](std::size_t row, double slope) {
+    std::vector<double> z(unknowns, 0.0);
+    z[0] = z[place[clinic[row]]] = z[place[clinic[row] + "/" + ward[row]]] = 1.0;
+    z[1] = z[place[clinic[row]] + 1] = slope;
+    return z;
+  };
+  for (std::size_t row = 0; row < week.size(); ++row) {
+    const auto z = design(row, week[row]);
+    for (std::size_t i = 0; i < unknowns; ++i) {
+      right[i] += z[i] * score[row] / 2.5;
+      for (std::size_t j = 0; j < unknowns; ++j) a[i][j] += z[i] * z[j] / 2.5;
+    }
+  }
+  const auto inverse = inverse_of(a);
+  const auto product = [&](const std::vector<double>& x, const std::vector<double>& y) {
+    double sum = 0.0;
+    for (std::size_t i = 0; i < unknowns; ++i)
+      for (std::size_t j = 0; j < unknowns; ++j) sum += x[i] * inverse[i][j] * y[j];
+    return sum;
+  };
+  for (std::size_t row = 0; row < week.size(); ++row) {
+    const auto z = design(row, week[row]), z0 = design(row, 0.0);
+    EXPECT_NEAR(mu.numbers("Pred")[row], product(z, right), 1e-8) << row;
+    EXPECT_NEAR(std::pow(mu.numbers("StdErrPred")[row], 2), product(z, z), 1e-9) << row;
+    EXPECT_NEAR(level.numbers("Pred")[row], product(z0, right), 1e-8) << row;
+    EXPECT_NEAR(std::pow(level.numbers("StdErrPred")[row], 2), product(z0, z0), 1e-9) << row;
+  }
+  const auto unit = [&](std::size_t i) {
+    std::vector<double> e(unknowns, 0.0);
+    e[i] = 1.0;
+    return e;
+  };
+  for (std::size_t k = 0; k < clinics.rows.size(); ++k) {
+    const auto e = unit(place[clinics.column("clinic")[k]] + (clinics.column("Effect")[k] == "u1" ? 1 : 0));
+    EXPECT_NEAR(clinics.numbers("Estimate")[k], product(e, right), 1e-8) << k;
+    EXPECT_NEAR(std::pow(clinics.numbers("StdErrPred")[k], 2), product(e, e), 1e-9) << k;
+  }
+  for (std::size_t k = 0; k < wards.rows.size(); ++k) {
+    const auto e = unit(place[wards.column("clinic")[k] + "/" + wards.column("ward")[k]]);
+    EXPECT_NEAR(wards.numbers("Estimate")[k], product(e, right), 1e-8) << k;
+    EXPECT_NEAR(std::pow(wards.numbers("StdErrPred")[k], 2), product(e, e), 1e-9) << k;
+  }
+  EXPECT_EQ(level.column("Der_u1_1"), std::vector<std::string>(week.size(), "0"));
+  EXPECT_EQ(level.column("Der_w_2"), std::vector<std::string>(week.size(), "1"));
 }
 
 } // namespace torvale::tests

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "model/run_record.h"
+
+namespace torvale::inference {
+
+// open_output: the data set that an option or statement names, open to the end of the step. Null after a message.
+host::OutputDataSet* open_output(model::NX& n, const syntax::StItem& item, const char* statement);
+
+// add_output_column: a column of results; the user is told when its name is that of an input variable.
+void add_output_column(model::NX& n, host::OutputDataSet& out, const std::string& name, const std::string& label);
+
+// set_by_variables: the BY values of the group in hand into the first columns; their number.
+std::size_t set_by_variables(const model::NX& n, std::size_t row, host::OutputDataSet& out);
+
+} // namespace torvale::inference
