@@ -24,14 +24,19 @@ constexpr int missing_argument = message::random_covariance_missing::message_num
 constexpr int not_semidefinite = message::random_covariance_not_definite::message_number;
 constexpr int missing_support = message::likelihood_not_usable::message_number;
 
-// An indefinite G ends the evaluation; one that is semidefinite to singvar goes on.
+// An indefinite G ends the evaluation; one that is semidefinite to singvar (of its largest variance) goes on.
 void classify_singular(const NX& n, int nr, BlockWork& block)
 {
   block.logdetgi = 0.0;
   double smallest = 0.0;
   std::copy_n(block.gi.begin(), matrix::packed_size(nr), block.work1.begin());
   matrix::zeigval(nr, block.work1.data(), &smallest, -1, block.work2.data());
-  block.singG = smallest >= -n.singvar;
+  double unit = 1.0;
+  if (n.variance_floor == 0.0) { // then what is rounding depends on the units
+    unit = 0.0;
+    for (int i = 0; i < nr; ++i) unit = std::max(unit, block.gi[static_cast<std::size_t>(matrix::packed_diagonal(i))]);
+  }
+  block.singG = smallest >= -n.singvar * unit;
   block.negG = !block.singG;
 }
 
@@ -136,7 +141,7 @@ int tvlgetg(const NX& n, int nr, BlockWork& block)
     double& variance = block.gi[static_cast<std::size_t>(matrix::packed_diagonal(i))];
     if (variance < -n.singvar)
       block.negG = true;
-    else if (variance < n.singvar)
+    else if (variance < n.variance_floor || variance < 0.0)
       variance = 0.0;
   }
   if (block.negG) return 0;

@@ -54,6 +54,7 @@ struct RunOptions {
   bool ebiter = false;        // EBITER$: the levels of nested searches take turns
   // Tolerances
   double singvar = 1.110223024625157e-12;
+  double variance_floor = 0.0; // variances of random effects below it count as 0: SINGVAR= where it is given
   double singchol = 1.110223024625157e-12;
   double singsweep = 1.110223024625157e-12;
   double btol = 0.01;

@@ -6,13 +6,17 @@
 
 namespace torvale::run {
 
+// Without SINGVAR= a variance may be as small as the units of the response make it, and its derivatives still be
+// numbers.
+inline constexpr double smallest_variance = 1e-60;
+
 // What MODEL says, and the option that its statements depend on.
 struct ModelText {
   int code = 0;          // distribution: 0 normal, 1 t, 2 binary, 3 binomial, 4 Poisson, 5 general, 6 negative
                          // binomial, 7 gamma
   std::string dependent; // name of the dependent variable
   std::vector<std::string> arguments; // texts of the argument expressions
-  double singvar = 0.0;               // smallest accepted variance
+  double singvar = smallest_variance; // smallest accepted variance
 };
 
 // Arguments that a distribution takes.

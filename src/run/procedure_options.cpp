@@ -99,6 +99,7 @@ void procedure_options(NX& n, const STMT& s)
 
   n.btol = s.number_or(torvale_slot::btol, 0.01);
   n.singvar = s.number_or(torvale_slot::singvar, 1.110223024625157e-12);
+  n.variance_floor = s.number_or(torvale_slot::singvar, 0.0);
   n.singchol = s.number_or(torvale_slot::singchol, 1.110223024625157e-12);
   n.singsweep = s.number_or(torvale_slot::singsweep, 1.110223024625157e-12);
 

@@ -176,7 +176,7 @@ private:
     const STMT& model = *proc.current;
     ModelText text;
     text.code = static_cast<int>(model.number_or(model_slot::distribution, 0));
-    text.singvar = procedure.number_or(torvale_slot::singvar, 1.110223024625157e-12);
+    text.singvar = procedure.number_or(torvale_slot::singvar, smallest_variance);
     const int method = static_cast<int>(procedure.number_or(torvale_slot::method, 0));
     const auto& arguments = model.slot(model_slot::arguments).list;
     const auto refuse = [&](const host::NumberedMessage& problem) {

@@ -109,6 +109,10 @@ bool FitEnd::quickly_confirmed()
     return hessian
         .elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)];
   };
+  // Whether a variance is held by its bound, or merely stands there, shows in the coordinates of the factor.
+  for (const int i : factors.edge_diagonals())
+    if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
+      return false;
   std::vector<double> g(str.grad, str.grad + n_.nparm);
   for (const int i : curvature.free) {
     if (!(h(i, i) > 0)) return false;

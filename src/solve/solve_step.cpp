@@ -154,6 +154,15 @@ int failure_code(const MINSTR& str, int code)
   return code == -7 || code == -8 ? 4 : 1012;
 }
 
+// A variance that came out as 0, or so near that its own error tells no difference.
+bool vanished(const NX& n, double variance, int parameter)
+{
+  constexpr double share = 1e-6; // of the standard error
+  if (variance <= n.variance_floor) return true;
+  const double error = parameter >= 0 ? n.str->ster[parameter] : host::missing;
+  return std::isnan(error) ? variance <= n.singvar : variance <= share * error;
+}
+
 // A variance of random effects that came out as 0, or below, says that the effect is absent: its direction is dropped
 // from the integral, and its standard error means nothing.
 void warn_vanished_variance(NX& n, const model::REFFECT& reff)
@@ -172,8 +181,8 @@ void warn_vanished_variance(NX& n, const model::REFFECT& reff)
     if (frame.run(*reff.setup_value.code, {1, &row, &lane, &lane}) > 2) return;
     for (int i = 0; i < reff.nr; ++i) {
       const double variance = frame.output(reff.nr + i * (i + 3) / 2)[0];
-      if (variance > n.singvar) continue;
       const int parameter = variance_parameter(n, reff, i);
+      if (!vanished(n, variance, parameter)) continue;
       if (parameter >= 0) n.verdict.vanished.push_back(parameter);
       n.host->log().xpmlog(
           message::variance_vanished{.name = reff.names[static_cast<std::size_t>(i)], .value = variance});

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 
 namespace torvale::tests {
 
@@ -89,15 +90,37 @@ TEST(Convergence, NestedVarianceOfZero)
 // Units of the response and of the covariate change no exit code.
 TEST(Convergence, UnitsDoNotMatter)
 {
-  for (const double unit : {1e-3, 1.0, 1e3, 1e6})
+  const auto text = [](double v) {
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%g", v);
+    return std::string(digits);
+  };
+  for (const double unit : {1e-8, 1e-6, 1e-3, 1.0, 1e3, 1e6})
     for (const double days : {1e-3, 1e3}) {
-      const auto run =
-          run_text("TORVALE DATA=sleepstudy; PARMS b0=0 b1=0 s2u=1 s2=1; y = reaction*" + std::to_string(unit) +
-                   "; x = days*" + std::to_string(days) +
-                   "; MODEL y ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject; RUN;");
+      const auto run = run_text(
+          "TORVALE DATA=sleepstudy; PARMS b0=0 b1=0 s2u=1 s2=1; y = reaction*" + text(unit) + "; x = days*" +
+          text(days) + "; MODEL y ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=subject; RUN;");
       EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
       EXPECT_NEAR(minus2(run), 1794.07863 + 360.0 * std::log(unit), 2e-3) << unit << run.log;
     }
+  // A slope by a covariate of large numbers varies by a tiny variance.
+  std::string csv = "id,x,y\n";
+  for (int id = 0; id < 12; ++id)
+    for (int j = -3; j <= 3; ++j)
+      csv += std::to_string(id) + "," + std::to_string(j) + "," +
+             std::to_string(static_cast<int>(std::exp(1.5 + (id % 4 - 1.3) * 0.25 * j) + 0.5 * (id * j % 3 == 0))) +
+             "\n";
+  const auto slopes = [&](double unit) {
+    return fit_data(csv, "; PARMS b0=1 b1=0 v=" + text(0.1 / unit / unit) + "; z = x*" + text(unit) +
+                             "; MODEL y ~ POISSON(EXP(b0 + (b1 + u)*z)); RANDOM u ~ NORMAL(0, v) SUBJECT=id; RUN;");
+  };
+  const auto one = slopes(1);
+  EXPECT_EQ(one.outcome.exit_code, 0) << one.log;
+  for (const double unit : {1e-6, 1e6, 1e9}) {
+    const auto other = slopes(unit);
+    EXPECT_EQ(other.outcome.exit_code, 0) << unit << other.log;
+    EXPECT_NEAR(minus2(other), minus2(one), 1e-4) << unit << other.log;
+  }
 }
 
 TEST(Convergence, SeparationIsNoSuccess)
