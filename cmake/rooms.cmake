@@ -22,7 +22,7 @@ set(may_include_compartment language syntax host)
 set(may_include_solve integration data ${may_include_integration})
 set(may_include_inference solve ${may_include_solve})
 set(may_include_graphics host)
-set(may_include_report inference graphics host)
+set(may_include_report inference sampling graphics host)
 set(may_include_run inference sampling report graphics compartment language ${may_include_inference})
 
 # Inner folders of the large rooms, lowest first, and what each may include beside itself and the room's own level

@@ -515,7 +515,7 @@ constexpr CatalogueEntry entries[] = {
      "Codes of levels or of missing values, or another distribution than the data have.",
      "Recode the response in the program, leave rows out with WHERE=, or choose the distribution that takes such "
      "values."},
-    {503, 9553, "data_binding_unused", W, "--data names {name}, which no statement of the program uses.",
+    {503, 9553, "data_binding_unused", N, "--data names {name}, which no statement of the program uses.",
      "A misspelled name.", "Write DATA={name} in the TORVALE statement, or correct the name behind --data."},
     {503, 9554, "decimal_comma", W,
      "PARMS holds {found}: two starting values; a decimal is written with a point, {meant}.", "A decimal comma.",

@@ -156,14 +156,13 @@ private:
 
 } // namespace
 
-bool random_effect_moments(NX& n, EffectMoments& out)
+bool random_effect_moments(NX& n, const model::REFFECT& reff, EffectMoments& out)
 {
-  const model::REFFECT& reff = n.reff[0];
   const auto nr = static_cast<std::size_t>(reff.nr);
   const engine::Program& program = *reff.setup_value.code;
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.parm.data());
-  const std::vector<double> zero(nr, 0.0);
+  const std::vector<double> zero(n.mransym.s.size(), 0.0);
   frame.set_points(zero.data(), 1, 1);
   out.mean.assign(reff.SubInfo.size() * nr, missing);
   out.variance.assign(reff.SubInfo.size() * nr, missing);
@@ -195,34 +194,64 @@ bool random_effect_moments(NX& n, EffectMoments& out)
   return true;
 }
 
+std::vector<double> random_effect_modes(const NX& n, const model::REFFECT& reff)
+{
+  const auto nr = static_cast<std::size_t>(reff.nr);
+  std::vector<double> out(reff.SubInfo.size() * nr, missing);
+  for (const auto& subject : reff.SubInfo) {
+    const model::SUBINFO* outermost = &subject;
+    for (std::size_t k = static_cast<std::size_t>(subject.ranind); k + 1 < n.reff.size(); ++k)
+      outermost = &n.reff[k + 1].SubInfo[static_cast<std::size_t>(outermost->parent)];
+    const auto known = static_cast<std::size_t>(outermost->index), s = static_cast<std::size_t>(subject.index);
+    if (subject.badsub || known >= n.ebes_known.size() || n.ebes_known[known] == 0) continue;
+    const auto from = static_cast<std::size_t>(reff.mode_first) + s * nr;
+    for (std::size_t e = 0; e < nr && from + e < n.ebes.size(); ++e) out[s * nr + e] = n.ebes[from + e];
+  }
+  return out;
+}
+
+namespace {
+
+// Walks over the subjects of the deepest level with the effects of their whole chain: all means, then all modes.
+int walk_subjects(NX& n, RecordWalk& walk)
+{
+  std::vector<EffectMoments> prior(n.reff.size());
+  std::vector<std::vector<double>> mode;
+  for (std::size_t k = 0; k < n.reff.size(); ++k) {
+    if (!random_effect_moments(n, n.reff[k], prior[k])) return 1;
+    mode.push_back(random_effect_modes(n, n.reff[k]));
+  }
+  const std::size_t total = n.mransym.s.size();
+  std::vector<double> effects(2 * total);
+  for (const auto& subject : n.leaf().SubInfo) {
+    if (subject.badsub) continue;
+    const model::SUBINFO* at = &subject;
+    for (std::size_t k = 0; k < n.reff.size(); ++k) {
+      const auto nr = static_cast<std::size_t>(n.reff[k].nr), to = static_cast<std::size_t>(n.reff[k].first_effect),
+                 from = static_cast<std::size_t>(at->index) * nr;
+      for (std::size_t e = 0; e < nr; ++e) {
+        effects[to + e] = prior[k].mean[from + e];
+        effects[total + to + e] = mode[k][from + e];
+      }
+      if (k + 1 < n.reff.size()) at = &n.reff[k + 1].SubInfo[static_cast<std::size_t>(at->parent)];
+    }
+    const std::int64_t last = subject.first_row + subject.SubCount - 1;
+    if (const int rc = walk.subject(subject.index, subject.first_row, last, effects, static_cast<int>(total)); rc != 0)
+      return rc;
+  }
+  return 0;
+}
+
+} // namespace
+
 int fit_records(NX& n, bool /*with_errors*/, FitRecords& out)
 {
   out = {};
-  if (n.nreff() > 1 || (n.nreff() == 1 && n.reff[0].distrtype != 0)) return 1;
+  if (std::any_of(n.reff.begin(), n.reff.end(), [](const auto& reff) { return reff.distrtype != 0; })) return 1;
   const engine::Program* program = records_program(n);
   if (program == nullptr) return 1;
   RecordWalk walk(n, *program, out);
-  int rc = 0;
-  if (n.nreff() == 0) {
-    rc = walk.subject(-1, 0, n.store->nobs - 1, {}, 0);
-  } else {
-    const auto nr = static_cast<std::size_t>(n.reff[0].nr);
-    EffectMoments prior;
-    if (!random_effect_moments(n, prior)) rc = 1;
-    std::vector<double> effects(2 * nr);
-    for (const auto& subject : n.reff[0].SubInfo) {
-      if (rc != 0) break;
-      if (subject.badsub) continue;
-      const auto s = static_cast<std::size_t>(subject.index);
-      const bool known = s < n.ebes_known.size() && n.ebes_known[s] != 0;
-      for (std::size_t e = 0; e < nr; ++e) {
-        effects[e] = prior.mean[s * nr + e];
-        effects[nr + e] = known ? n.ebes[s * nr + e] : missing;
-      }
-      rc = walk.subject(subject.index, subject.first_row, subject.first_row + subject.SubCount - 1, effects,
-                        static_cast<int>(nr));
-    }
-  }
+  const int rc = n.nreff() == 0 ? walk.subject(-1, 0, n.store->nobs - 1, {}, 0) : walk_subjects(n, walk);
   if (rc != 0) out = {};
   return rc;
 }

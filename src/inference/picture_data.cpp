@@ -75,9 +75,28 @@ bool names_time(const std::string& name)
 
 void record_numbers(PictureData& out)
 {
-  std::vector<double> count(out.subjects.size() + 1, 0.0);
-  out.axis = out.subjects.empty() ? "Record" : "Record of the subject";
+  std::vector<double> count(out.levels.empty() ? 1 : out.levels[0].subjects.size() + 1, 0.0);
+  out.axis = out.levels.empty() ? "Record" : "Record of the subject";
   for (const std::int32_t s : out.records.subject) out.axis_value.push_back(++count[static_cast<std::size_t>(s + 1)]);
+}
+
+// Per record the place of its subject in the index of a level.
+std::vector<std::int32_t> subjects_at(const NX& n, const FitRecords& records, std::size_t level)
+{
+  std::vector<std::int32_t> out = records.subject;
+  for (std::size_t k = 0; k < level; ++k)
+    for (std::int32_t& s : out)
+      if (s >= 0) s = n.reff[k].SubInfo[static_cast<std::size_t>(s)].parent;
+  return out;
+}
+
+void add_covariate(const host::Column& column, const std::vector<double>& values,
+                   const std::vector<std::int32_t>& subject, EffectLevel& level)
+{
+  SubjectCovariate covariate{label_of(column), std::vector<double>(level.subjects.size(), missing), {}};
+  for (std::size_t i = 0; i < values.size(); ++i) covariate.value[static_cast<std::size_t>(subject[i])] = values[i];
+  if (!column.numeric()) covariate.levels = column.dictionary();
+  level.covariates.push_back(std::move(covariate));
 }
 
 // The axis: a number that changes along a subject's records, called like a time before others, read by the program
@@ -85,24 +104,22 @@ void record_numbers(PictureData& out)
 void axis_and_covariates(const NX& n, PictureData& out)
 {
   const auto program = engine::cmppdv(*n.gcmp).variables;
+  std::vector<std::vector<std::int32_t>> subject = {out.records.subject};
+  for (std::size_t k = 1; k < n.reff.size(); ++k) subject.push_back(subjects_at(n, out.records, k));
   const host::Column* axis = nullptr;
   double best = 0.0;
   for (std::size_t k = 0; k < n.fid->columns().size(); ++k) {
     const host::Column& column = n.fid->columns()[k];
     const bool special = host::equal_names(column.name(), n.depname) || host::equal_names(column.name(), n.repname) ||
-                         (n.nreff() > 0 && static_cast<int>(k) + 1 == n.reff[0].sub_dsvarno);
+                         std::any_of(n.reff.begin(), n.reff.end(),
+                                     [&](const auto& reff) { return static_cast<int>(k) + 1 == reff.sub_dsvarno; });
     const bool read = std::any_of(program.begin(), program.end(),
                                   [&](const auto* symbol) { return symbol->dsvarno == static_cast<int>(k) + 1; });
     if (special || (!read && !(column.numeric() && names_time(column.name())))) continue;
     const std::vector<double> values = values_of(column, out.records);
     const double changes = changes_within(values, out.records.subject);
-    if (changes == 0 && read && n.nreff() > 0) {
-      SubjectCovariate covariate{label_of(column), std::vector<double>(out.subjects.size(), missing), {}};
-      for (std::size_t i = 0; i < values.size(); ++i)
-        covariate.value[static_cast<std::size_t>(out.records.subject[i])] = values[i];
-      if (!column.numeric()) covariate.levels = column.dictionary();
-      out.covariates.push_back(std::move(covariate));
-    }
+    for (std::size_t level = 0; read && level < out.levels.size(); ++level)
+      if (changes_within(values, subject[level]) == 0) add_covariate(column, values, subject[level], out.levels[level]);
     const double rank = changes * (names_time(column.name()) ? 1e6 : 1.0);
     if (column.numeric() && changes >= 1.5 && rank > best) {
       best = rank;
@@ -124,17 +141,13 @@ int picture_data(NX& n, PictureData& out)
   const auto at = n.fid->xvfind(n.depname);
   out.response = at == host::DataSet::npos ? n.depname : label_of(n.fid->columns()[at]);
   out.replicated = n.repsym != nullptr;
-  if (n.nreff() > 0) {
-    const auto& reff = n.reff[0];
-    out.subject_label = reff.subname;
-    out.effects = reff.names;
-    for (const auto& s : reff.SubInfo) out.subjects.push_back(s.prnc);
-    const auto nr = static_cast<std::size_t>(reff.nr);
-    out.mode.assign(reff.SubInfo.size() * nr, missing);
-    for (std::size_t s = 0; s < reff.SubInfo.size() && s < n.ebes_known.size(); ++s)
-      if (n.ebes_known[s] != 0 && !reff.SubInfo[s].badsub)
-        std::copy_n(n.ebes.begin() + static_cast<long>(s * nr), nr, out.mode.begin() + static_cast<long>(s * nr));
-    if (!random_effect_moments(n, out.prior)) return 1;
+  for (const auto& reff : n.reff) {
+    EffectLevel& level = out.levels.emplace_back();
+    level.subject_label = reff.subname;
+    level.effects = reff.names;
+    for (const auto& s : reff.SubInfo) level.subjects.push_back(n.nreff() > 1 ? s.nestlev : s.prnc);
+    level.mode = random_effect_modes(n, reff);
+    if (!random_effect_moments(n, reff, level.prior)) return 1;
   }
   axis_and_covariates(n, out);
   return 0;

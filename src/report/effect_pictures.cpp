@@ -12,12 +12,12 @@ using graphics::Axis;
 using graphics::Canvas;
 using graphics::Interval;
 using graphics::Panel;
-using inference::PictureData;
+using inference::EffectLevel;
 using inference::SubjectCovariate;
 
 namespace {
 
-std::vector<double> effect_values(const PictureData& data, const std::vector<double>& all, std::size_t effect)
+std::vector<double> effect_values(const EffectLevel& data, const std::vector<double>& all, std::size_t effect)
 {
   std::vector<double> out;
   for (std::size_t s = 0; s < data.subjects.size(); ++s) out.push_back(all[s * data.effects.size() + effect]);
@@ -53,7 +53,7 @@ constexpr std::size_t most_effects = 8;
 
 } // namespace
 
-void effect_picture(const PictureData& data, Pictures& out)
+void effect_picture(const EffectLevel& data, Pictures& out)
 {
   struct Shown {
     std::size_t effect;
@@ -105,7 +105,7 @@ void effect_picture(const PictureData& data, Pictures& out)
   out.push_back({"effects", "Random effects", caption, canvas.finish("Random effects", caption)});
 }
 
-void effect_pairs_picture(const PictureData& data, Pictures& out)
+void effect_pairs_picture(const EffectLevel& data, Pictures& out)
 {
   std::vector<std::pair<std::size_t, std::size_t>> pairs;
   const std::size_t count = std::min<std::size_t>(data.effects.size(), 4);
@@ -155,7 +155,7 @@ std::vector<double> levels_of(const SubjectCovariate& c)
 
 } // namespace
 
-void effect_covariate_picture(const PictureData& data, Pictures& out)
+void effect_covariate_picture(const EffectLevel& data, Pictures& out)
 {
   const std::size_t effects = std::min<std::size_t>(data.effects.size(), 3);
   std::vector<const SubjectCovariate*> covariates;

@@ -1,5 +1,6 @@
 #include "report/fit_pictures.h"
 
+#include "host/text.h"
 #include "report/pictures.h"
 
 #include <fmt/format.h>
@@ -29,9 +30,29 @@ std::string thinning_note(std::size_t step, std::size_t count)
   return fmt::format(" Every {}{} of {} records is drawn.", step, ending, count);
 }
 
-std::vector<host::Figure> fit_pictures(const host::GroupResult& group, const PictureData* data)
+namespace {
+
+// The random effects of a level; with several levels names and titles say which.
+void level_pictures(const inference::EffectLevel& level, bool several, Pictures& out)
+{
+  const std::size_t first = out.size();
+  effect_picture(level, out);
+  effect_pairs_picture(level, out);
+  effect_covariate_picture(level, out);
+  for (std::size_t k = first; several && k < out.size(); ++k) {
+    out[k].name += "-" + host::wzstrlo(level.subject_label);
+    out[k].title += " of " + level.subject_label;
+  }
+}
+
+} // namespace
+
+std::vector<host::Figure> fit_pictures(const host::GroupResult& group, const PictureData* data,
+                                       const sampling::SampleDraws& sample)
 {
   Pictures out;
+  if (sample.chains > 0) chain_picture(group, sample, out);
+  if (sample.chains > 0) autocorrelation_picture(sample, out);
   if (data != nullptr && data->kind != ResponseKind::general) {
     // Dots of zeros and ones say nothing: binary responses are compared by bins, counts both ways.
     if (data->kind != ResponseKind::binary) individual_picture(*data, out);
@@ -42,11 +63,9 @@ std::vector<host::Figure> fit_pictures(const host::GroupResult& group, const Pic
   }
   if (data != nullptr && data->replicated)
     for (auto& picture : out) picture.caption += " Each row counts once here, whatever its REPLICATE.";
-  if (data != nullptr) {
-    effect_picture(*data, out);
-    effect_pairs_picture(*data, out);
-    effect_covariate_picture(*data, out);
-  }
+  if (data != nullptr)
+    for (auto level = data->levels.rbegin(); level != data->levels.rend(); ++level)
+      level_pictures(*level, data->levels.size() > 1, out);
   estimates_picture(group, out);
   correlation_picture(group, out);
   history_picture(group, out);

@@ -4,6 +4,7 @@
 #include "graphics/panel.h"
 #include "host/results.h"
 #include "inference/picture_data.h"
+#include "sampling/draws.h"
 
 #include <string>
 #include <vector>
@@ -38,9 +39,13 @@ void individual_picture(const inference::PictureData& data, Pictures& out);
 void residual_picture(const inference::PictureData& data, Pictures& out);
 void quantile_picture(const inference::PictureData& data, Pictures& out);
 
-// Random effects: distributions, pairs, against covariates.
-void effect_picture(const inference::PictureData& data, Pictures& out);
-void effect_pairs_picture(const inference::PictureData& data, Pictures& out);
-void effect_covariate_picture(const inference::PictureData& data, Pictures& out);
+// Random effects of one level: distributions, pairs, against covariates.
+void effect_picture(const inference::EffectLevel& data, Pictures& out);
+void effect_pairs_picture(const inference::EffectLevel& data, Pictures& out);
+void effect_covariate_picture(const inference::EffectLevel& data, Pictures& out);
+
+// Posterior samples: paths and densities of the chains, their autocorrelation.
+void chain_picture(const host::GroupResult& group, const sampling::SampleDraws& sample, Pictures& out);
+void autocorrelation_picture(const sampling::SampleDraws& sample, Pictures& out);
 
 } // namespace torvale::report

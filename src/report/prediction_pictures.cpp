@@ -123,7 +123,7 @@ constexpr std::size_t most_panels = 16;
 // Records of each subject, along the axis.
 std::vector<std::vector<std::size_t>> records_by_subject(const PictureData& data)
 {
-  std::vector<std::vector<std::size_t>> out(data.subjects.size());
+  std::vector<std::vector<std::size_t>> out(data.levels.front().subjects.size());
   const auto& r = data.records;
   for (std::size_t i = 0; i < r.subject.size(); ++i)
     if (r.subject[i] >= 0) out[static_cast<std::size_t>(r.subject[i])].push_back(i);
@@ -144,7 +144,7 @@ std::vector<double> picked(const std::vector<double>& values, const std::vector<
 void individual_picture(const PictureData& data, Pictures& out)
 {
   const auto& r = data.records;
-  if (data.axis.empty() || r.individual.empty()) return;
+  if (data.axis.empty() || r.individual.empty() || data.levels.empty()) return;
   const auto by_subject = records_by_subject(data);
   std::vector<std::size_t> usable;
   for (std::size_t s = 0; s < by_subject.size(); ++s)
@@ -177,7 +177,7 @@ void individual_picture(const PictureData& data, Pictures& out)
     Panel p(canvas,
             {margin + width * static_cast<double>(k % columns), height * static_cast<double>(k / columns), width - 6,
              height - 6},
-            {"", x, x_ticks}, {"", y}, data.subject_label + " " + data.subjects[shown[k]], true);
+            {"", x, x_ticks}, {"", y}, data.levels[0].subject_label + " " + data.levels[0].subjects[shown[k]], true);
     p.curve(at, picked(r.population, records), "two");
     p.curve(at, picked(r.individual, records), "one");
     p.dots(at, picked(r.response, records), "ink");

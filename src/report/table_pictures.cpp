@@ -136,7 +136,7 @@ void correlation_picture(const host::GroupResult& group, Pictures& out)
     for (std::size_t j = 0; j < i; ++j) {
       const double r = c[i * (i + 1) / 2 + j] / std::sqrt(variance(i)) / std::sqrt(variance(j));
       const double cx = left + cell * static_cast<double>(j);
-      const std::string words = std::isfinite(r) ? fmt::format("{:.2f}", r) : ".";
+      const std::string words = std::isfinite(r) ? fmt::format("{:.2f}", std::abs(r) < 0.005 ? 0.0 : r) : ".";
       canvas.tooltip_rectangle(cx + 1, y + 1, cell - 2, cell - 2,
                                !std::isfinite(r) ? "none"
                                : r < 0           ? "minus"

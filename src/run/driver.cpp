@@ -71,12 +71,12 @@ int report_fit(NX& n)
 }
 
 // The pictures of the group, for whoever writes a report.
-void draw_pictures(NX& n)
+void draw_pictures(NX& n, const sampling::SampleDraws& sample)
 {
   host::GroupResult& group = n.host->group();
   inference::PictureData data;
   const bool evaluated = n.znlprc > 0 && inference::picture_data(n, data) == 0;
-  group.pictures = report::fit_pictures(group, evaluated ? &data : nullptr);
+  group.pictures = report::fit_pictures(group, evaluated ? &data : nullptr, sample);
 }
 
 int run_group(NX& n)
@@ -97,10 +97,11 @@ int run_group(NX& n)
   n.parmstart = n.parm;
   solve::tvlsolv(n);
   int exit_code = report_fit(n);
+  sampling::SampleDraws sample;
   // Where the objective has a value, whether or not the fit converged.
-  if (n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted() && run_sampler(n) != 0)
-    exit_code = worse_exit(exit_code, exit_not_converged);
-  if (n.pictures && !n.host->interrupted()) draw_pictures(n);
+  const bool sampled = n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted();
+  if (sampled && run_sampler(n, n.pictures ? &sample : nullptr) != 0) exit_code = worse_exit(exit_code, exit_not_converged);
+  if (n.pictures && !n.host->interrupted()) draw_pictures(n, sample);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }
 

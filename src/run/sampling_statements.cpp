@@ -142,7 +142,7 @@ void specialise_sampling_statements(NX& n)
   if (s.output == nullptr) tvlexit(n, 1016);
 }
 
-int run_sampler(NX& n)
+int run_sampler(NX& n, sampling::SampleDraws* draws)
 {
   const STMT& mcmc = *n.sampling.mcmc;
   sampling::SamplerOptions o;
@@ -161,6 +161,7 @@ int run_sampler(NX& n)
   o.chain.seed = n.seed;
   o.covariance = n.sampling.covariance;
   o.out = n.sampling.output;
+  o.draws = draws;
   if (!o.no_u_turn && o.chain.adjscale > o.chain.burn) {
     n.host->log().xpmlog(message::adaptation_beyond_burn_in{.adapted = o.chain.adjscale, .burn = o.chain.burn},
                          place_at(n, "MCMC", mcmc.where));

@@ -46,8 +46,10 @@ RunOutcome Session::run(std::string program)
   const RunSettings& s = state_->settings;
   RunOutcome outcome;
   const std::string upper = host::wzstrup(program);
+  std::string unused;
   for (const auto& [name, path] : s.data)
-    if (upper.find(host::wzstrup(name)) == std::string::npos) state_->host->log().xpmlog(message::data_binding_unused{.name = name});
+    if (upper.find(host::wzstrup(name)) == std::string::npos) unused += (unused.empty() ? "" : ", ") + name;
+  if (!unused.empty()) state_->host->log().xpmlog(message::data_binding_unused{.name = unused});
   auto result = run::run_program(
       *state_->host,
       {s.program_name, s.program_folder, program, s.threads, s.seed, s.check_only, s.hash_data, s.pictures, {}});

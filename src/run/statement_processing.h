@@ -2,6 +2,7 @@
 // From parsed statements to a compiled model and a filled run record.
 
 #include "model/run_record.h"
+#include "sampling/draws.h"
 
 namespace torvale::run {
 
@@ -48,8 +49,8 @@ void write_model_summary(model::NX& n);
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);
 void specialise_sampling_statements(model::NX& n);
-// Draws the sample of the BY group in hand; 0, or 1 after a message.
-int run_sampler(model::NX& n);
+// Draws the sample of the BY group in hand; 0, or 1 after a message. draws: filled with it; null when nobody looks.
+int run_sampler(model::NX& n, sampling::SampleDraws* draws);
 
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);

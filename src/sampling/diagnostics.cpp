@@ -121,6 +121,11 @@ private:
   double within_ = 0.0, total_ = 0.0;
 };
 
+bool all_finite(std::span<const double> x)
+{
+  return std::all_of(x.begin(), x.end(), [](double v) { return std::isfinite(v); });
+}
+
 bool all_equal(std::span<const double> x)
 {
   return std::all_of(x.begin(), x.end(), [&](double v) { return v == x.front(); });
@@ -134,6 +139,25 @@ double indicator_size(const Chains& halves, double bound)
 }
 
 } // namespace
+
+Correlogram correlogram(const Chains& chains)
+{
+  constexpr double faded = 0.05;
+  constexpr long most_lags = 60;
+  Correlogram out;
+  const long longest = chains.length() / 4;
+  if (longest < 1 || all_equal(chains.draws) || !all_finite(chains.draws)) return out;
+  const SharedCorrelation rho(chains);
+  long reach = 1;
+  while (reach < longest && std::abs(rho.at(reach)) > faded) reach *= 2;
+  reach = std::min(std::max(reach, 10L), longest);
+  const long step = (reach + most_lags - 1) / most_lags;
+  for (long lag = 0; lag <= reach; lag += step) {
+    out.lag.push_back(static_cast<double>(lag));
+    out.correlation.push_back(rho.at(lag));
+  }
+  return out;
+}
 
 double effective_size(const Chains& chains)
 {

@@ -32,6 +32,14 @@ struct Diagnostics {
 // equal have R-hat 1 and as many effective draws as there are.
 Diagnostics diagnose(const Chains& chains);
 
+// Correlation of draws that lie some iterations apart, shared by all chains; at lags from 0 to where it has faded (or a
+// quarter of the chains), about 60 of them at
+// most. Empty for chains of fewer than 4 draws, and of draws that are all equal or not finite.
+struct Correlogram {
+  std::vector<double> lag, correlation;
+};
+Correlogram correlogram(const Chains& chains);
+
 // effective_size: m n / tau for m chains of n draws, tau from Geyer's initial monotone sequence of the autocorrelations
 // that all chains share. Draws as they are: no splitting, no ranks.
 double effective_size(const Chains& chains);

@@ -210,6 +210,21 @@ void write_sample(NX& n, const SamplerOptions& o, const std::vector<const Chain*
   }
 }
 
+void keep_draws(const NX& n, const SamplerOptions& o, const Posterior& target, const std::vector<const Chain*>& chains)
+{
+  const long length = common_length(chains);
+  if (o.draws == nullptr || length == 0) return;
+  o.draws->chains = static_cast<int>(chains.size());
+  const auto add = [&](const std::string& name, std::size_t at, bool logpost) {
+    const std::vector<double> draws = gather(chains, length, n.parmstr.size(), at, logpost);
+    o.draws->names.push_back(name);
+    o.draws->draws.insert(o.draws->draws.end(), draws.begin(), draws.end());
+  };
+  for (std::size_t j = 0; j < n.parmstr.size(); ++j)
+    if (target.fixed[j] == 0) add(n.parmstr[j].parmname, j, false);
+  add("LogPost", 0, true);
+}
+
 void write_tables(NX& n, const SamplerOptions& options, const Posterior& target,
                   const std::vector<const Chain*>& chains)
 {

@@ -51,6 +51,7 @@ public:
     for (const auto& c : chains_) chains.push_back(c.get());
     write_sample(n_, o_, chains);
     write_tables(n_, o_, target_, chains);
+    keep_draws(n_, o_, target_, chains);
     return report_failures();
   }
 
@@ -250,6 +251,7 @@ private:
     long stride = std::max(1L, std::min(total / 50, 1000L)), next_note = o_.lognote;
     if (o_.lognote > 0) stride = std::min(stride, o_.lognote);
     for (long done = 0; done < total && !n_.host->interrupted(); done += stride) {
+      n_.host->progress({.stage = "sampling", .share = static_cast<double>(done) / static_cast<double>(total)});
       auto item = [&](int context, long c) {
         Chain& chain = *chains_[static_cast<std::size_t>(c)];
         if (chain.failure == Chain::Failure::none) chain.advance(context, std::min(stride, total - done));

@@ -3,7 +3,7 @@
 
 #include "host/libraries.h"
 #include "sampling/chain.h"
-#include "sampling/diagnostics.h"
+#include "sampling/draws.h"
 
 namespace torvale::sampling {
 
@@ -17,6 +17,7 @@ struct SamplerOptions {
   bool nointegrate = false; // the random effects are integrated out instead of sampled
   std::vector<double>
       covariance; // COVDATA=: packed, of the parameters; missing entries where it says nothing; empty: none
+  SampleDraws* draws = nullptr;       // filled for whoever draws pictures; borrowed
   host::OutputDataSet* out = nullptr;                                              // OUT=; borrowed
   std::function<double(int context, const double* theta, double* gradient)> prior; // as Posterior::prior
 };

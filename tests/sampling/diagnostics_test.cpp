@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <random>
 
 namespace torvale::sampling {
 
@@ -29,6 +30,26 @@ TEST(ChainDiagnostics, AgreeWithAnIndependentCalculation)
     for (int k = 0; k < 3; ++k)
       EXPECT_NEAR(d.quantile[k], c["quantiles"][static_cast<std::size_t>(k)].get<double>(), 1e-9);
   }
+}
+
+// Draws that remember 0.9 of the one before: the correlogram is 0.9 to the power of the lag, until it has faded.
+TEST(ChainDiagnostics, CorrelogramOfAnAutoregression)
+{
+  const std::size_t length = 40000;
+  std::mt19937 random(5);
+  std::normal_distribution<double> noise;
+  std::vector<double> draws;
+  for (int chain = 0; chain < 2; ++chain)
+    for (std::size_t k = 0; k < length; ++k)
+      draws.push_back((k > 0 ? 0.9 * draws.back() : 0.0) + std::sqrt(1 - 0.81) * noise(random));
+  const Correlogram c = correlogram({draws, 2});
+  ASSERT_EQ(c.lag.size(), c.correlation.size());
+  ASSERT_GE(c.lag.size(), 20u);
+  EXPECT_LE(c.lag.size(), 62u);
+  EXPECT_GE(c.lag.back(), 28); // 0.9^28 is 0.05
+  for (std::size_t k = 0; k < c.lag.size(); ++k) EXPECT_NEAR(c.correlation[k], std::pow(0.9, c.lag[k]), 0.03);
+  const std::vector<double> constant(40, 2.5);
+  EXPECT_TRUE(correlogram({constant, 4}).lag.empty());
 }
 
 TEST(ChainDiagnostics, Corners)

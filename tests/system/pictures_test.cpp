@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <numeric>
 #include <regex>
 
 namespace torvale::tests {
@@ -16,6 +18,12 @@ namespace {
 struct Panel {
   double x0, x1, left, right, y0, y1, bottom, top;
   std::vector<std::pair<double, double>> dots; // in the units of the axes
+  std::vector<std::vector<std::pair<double, double>>> chains;
+
+  std::pair<double, double> data(double x, double y) const
+  {
+    return {x0 + (x - left) / (right - left) * (x1 - x0), y0 + (y - bottom) / (top - bottom) * (y1 - y0)};
+  }
 };
 
 // The panels of a picture with their dots mapped back to data.
@@ -24,15 +32,19 @@ std::vector<Panel> panels(const std::string& svg)
   std::vector<Panel> out;
   const std::regex mark(
       "data-x=\"(\\S+) (\\S+) (\\S+) (\\S+)\" data-y=\"(\\S+) (\\S+) (\\S+) (\\S+)\"|<circle cx=\"([^\"]+)\" "
-      "cy=\"([^\"]+)\"");
+      "cy=\"([^\"]+)\"|<path class=\"chain [a-z]+\" d=\"([^\"]+)\"");
   for (std::sregex_iterator at(svg.begin(), svg.end(), mark), end; at != end; ++at) {
     const auto number = [&](std::size_t k) { return std::stod((*at)[k]); };
     if ((*at)[1].matched) {
-      out.push_back({number(1), number(2), number(3), number(4), number(5), number(6), number(7), number(8), {}});
+      out.push_back({number(1), number(2), number(3), number(4), number(5), number(6), number(7), number(8), {}, {}});
+    } else if (!out.empty() && (*at)[9].matched) {
+      out.back().dots.push_back(out.back().data(number(9), number(10)));
     } else if (!out.empty()) {
-      Panel& p = out.back();
-      out.back().dots.emplace_back(p.x0 + (number(9) - p.left) / (p.right - p.left) * (p.x1 - p.x0),
-                                   p.y0 + (number(10) - p.bottom) / (p.top - p.bottom) * (p.y1 - p.y0));
+      auto& line = out.back().chains.emplace_back();
+      std::string points = (*at)[11];
+      std::replace_if(points.begin(), points.end(), [](char c) { return c == 'M' || c == 'L'; }, ' ');
+      std::istringstream numbers(points);
+      for (double x = 0, y = 0; numbers >> x >> y;) line.push_back(out.back().data(x, y));
     }
   }
   return out;
@@ -103,6 +115,97 @@ TEST(Pictures, MarksMapBackToTheData)
   EXPECT_EQ(panels(picture(run, "individuals")->svg).size(), 12u);
 }
 
+// y = A x by elimination with the largest pivots.
+std::vector<double> solved(std::vector<std::vector<double>> a, std::vector<double> y)
+{
+  const std::size_t n = y.size();
+  for (std::size_t k = 0; k < n; ++k) {
+    std::size_t p = k;
+    for (std::size_t i = k + 1; i < n; ++i)
+      if (std::abs(a[i][k]) > std::abs(a[p][k])) p = i;
+    std::swap(a[k], a[p]);
+    std::swap(y[k], y[p]);
+    for (std::size_t i = k + 1; i < n; ++i) {
+      const double m = a[i][k] / a[k][k];
+      for (std::size_t j = k; j < n; ++j) a[i][j] -= m * a[k][j];
+      y[i] -= m * y[k];
+    }
+  }
+  for (std::size_t k = n; k-- > 0; y[k] /= a[k][k])
+    for (std::size_t j = k + 1; j < n; ++j) y[k] -= a[k][j] * y[j];
+  return y;
+}
+
+// Nested levels: individual predictions use the effects of all levels. In a linear model they are the best linear ones,
+// y - s2 V^-1 (y - X b) with V the covariance of all records.
+TEST(Pictures, NestedPredictionsUseTheEffectsOfAllLevels)
+{
+  const tests::Run run = run_text(example("nested_linear", ""), "examples", 0, {}, true);
+  const std::string file = source_file("examples/nested_linear.csv");
+  const auto clinic = csv_column(file, "clinic"), ward = csv_column(file, "ward"), week = csv_column(file, "week"),
+             score = csv_column(file, "score");
+  const auto b = [&](const char* name) { return run.number("ParameterEstimates", name, "Estimate"); };
+  const std::size_t n = score.size();
+  std::vector<std::vector<double>> v(n, std::vector<double>(n, 0.0));
+  std::vector<double> away(n), individual(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    away[i] = score[i] - b("b0") - b("b1") * week[i];
+    for (std::size_t j = 0; j < n; ++j) {
+      if (clinic[i] == clinic[j])
+        v[i][j] = b("v00") + b("v01") * (week[i] + week[j]) + b("v11") * week[i] * week[j] +
+                  (ward[i] == ward[j] ? b("vw") : 0) + (i == j ? b("s2") : 0);
+    }
+  }
+  const auto weighted = solved(v, away);
+  for (std::size_t i = 0; i < n; ++i) individual[i] = score[i] - b("s2") * weighted[i];
+
+  const auto predictions = panels(picture(run, "predictions")->svg);
+  ASSERT_EQ(predictions.size(), 2u);
+  ASSERT_EQ(predictions[1].dots.size(), n);
+  for (std::size_t i = 0; i < n; ++i) {
+    EXPECT_NEAR(predictions[0].dots[i].first, b("b0") + b("b1") * week[i], 2e-3 * (predictions[0].x1 - predictions[0].x0));
+    EXPECT_NEAR(predictions[1].dots[i].first, individual[i], 2e-3 * (predictions[1].x1 - predictions[1].x0)) << i;
+  }
+  EXPECT_NE(picture(run, "effects-clinic"), nullptr);
+  EXPECT_NE(picture(run, "effects-ward"), nullptr);
+}
+
+// Paths of chains are the draws of OUT=; densities have the area 1 and stand about the posterior mean.
+TEST(Pictures, ChainsAreTheDraws)
+{
+  const tests::Run run = run_text("TORVALE DATA=posterior_normal SEED=3; PARMS m=10 s2=8; BOUNDS s2 > 0; MODEL y ~ NORMAL(m, s2);"
+                                  "MCMC SAMPLER=NUTS SAMPLES=300 BURN=300 CHAINS=2 OUT=picture_draws; RUN;",
+                                  "tests/data/programs", 0, {}, true);
+  const std::string written =
+      (std::filesystem::temp_directory_path() / run.outcome.results.steps[0].data_sets.at(0).path).string();
+  const auto draws = csv_column(written, "m");
+  std::filesystem::remove(written);
+  ASSERT_EQ(draws.size(), 600u) << run.log;
+  ASSERT_NE(picture(run, "chains"), nullptr);
+  const auto found = panels(picture(run, "chains")->svg);
+  ASSERT_EQ(found.size(), 6u); // m, s2, LogPost: path and density
+  ASSERT_EQ(found[0].chains.size(), 2u);
+  const double digits = 1e-2 * (found[0].y1 - found[0].y0);
+  for (std::size_t c = 0; c < 2; ++c) {
+    ASSERT_EQ(found[0].chains[c].size(), 300u);
+    for (std::size_t k = 0; k < 300; ++k) EXPECT_NEAR(found[0].chains[c][k].second, draws[300 * c + k], digits);
+    double area = 0, mean = 0;
+    const auto& density = found[1].chains[c];
+    for (std::size_t k = 1; k < density.size(); ++k) {
+      const double piece = (density[k].first - density[k - 1].first) * (density[k].second + density[k - 1].second) / 2;
+      area += piece;
+      mean += piece * (density[k].first + density[k - 1].first) / 2;
+    }
+    EXPECT_NEAR(area, 1, 0.05);
+    const auto first = draws.begin() + static_cast<long>(300 * c);
+    EXPECT_NEAR(mean / area, std::accumulate(first, first + 300, 0.0) / 300, 5 * digits);
+  }
+  const auto lags = panels(picture(run, "autocorrelation")->svg);
+  ASSERT_EQ(lags.size(), 3u);
+  EXPECT_NEAR(lags[0].dots.at(0).first, 0, 1e-9);
+  EXPECT_NEAR(lags[0].dots.at(0).second, 1, 0.01);
+}
+
 // The texts of a picture as boxes, with the width that the room estimates.
 std::vector<graphics::Box> text_boxes(const std::string& svg)
 {
@@ -133,7 +236,7 @@ TEST(Pictures, TextsStandApartAndInside)
 {
   int drawn = 0;
   for (const char* name : {"theoph", "epil", "cbpp", "litters", "orange", "sleepstudy", "emax", "reliability",
-                           "fixed_gamma", "fixed_negbin", "epil_negbin"}) {
+                           "fixed_gamma", "fixed_negbin", "epil_negbin", "nested_linear", "nested_count"}) {
     const tests::Run run = run_text(example(name, ""), "examples", 0, {}, true);
     ASSERT_FALSE(run.outcome.results.steps.empty());
     for (const auto& group : run.outcome.results.steps[0].groups)
