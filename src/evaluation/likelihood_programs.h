@@ -9,7 +9,7 @@ namespace torvale::evaluation {
 // gradients or what is estimated of the effects follows from derivatives (support points; first order).
 inline bool needs_gradient(const model::NX& n)
 {
-  return n.fd == 0 || n.empirical || (n.wants_effects && (n.method == 4 || (n.method == 1 && !n.lb)));
+  return n.fd == 0 || n.empirical || (n.wants_effects && (n.method >= 3 || (n.method == 1 && !n.lb)));
 }
 
 // build_programs: the derivative requests of the likelihood. Call after llsym, prsym, depsym, repsym and each REFFECT's

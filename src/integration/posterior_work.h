@@ -15,8 +15,10 @@ public:
   virtual int run(Posterior& out) = 0;
 };
 
-// Modes of one level of random effects, and of nests.
+// Modes of one level of random effects, and of nests; means by importance samples, whose derivatives are left to the
+// caller.
 std::unique_ptr<PosteriorWork> mode_posterior(const model::NX& n, model::TVLThreadCtx& ctx);
+std::unique_ptr<PosteriorWork> sampled_posterior(const model::NX& n, model::TVLThreadCtx& ctx);
 std::unique_ptr<PosteriorWork> nest_posterior(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // keep_prior: mean, its derivatives and covariance of the prior of a slot, with one level.

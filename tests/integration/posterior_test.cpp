@@ -186,6 +186,26 @@ TEST(Posterior, DerivativesAtAVarianceOfZero)
   }
 }
 
+// By importance samples: the mean of the posterior. In a normal model that is the mode, its covariance the inverse
+// Hessian, up to the chance of the samples; the derivatives are those of the means themselves.
+TEST(Posterior, MeansByImportanceSamples)
+{
+  const auto text = regression(Response::normal, 2);
+  const auto theta = parameters(text, 7);
+  const auto sampled = make_run(text, {.points = 100, .method = 3, .effects_wanted = true}),
+             modes = make_run(text, {.points = 1, .effects_wanted = true});
+  const auto a = posterior_at(*sampled, theta), b = posterior_at(*modes, theta);
+  for (std::size_t k = 0; k < a.estimate.size(); ++k) {
+    const double variance = b.covariance[k / 2 * 3 + k % 2 * 2];
+    EXPECT_NEAR(a.estimate[k], b.estimate[k], 0.4 * std::sqrt(variance)) << k; // four standard errors
+    EXPECT_NEAR(a.covariance[k / 2 * 3 + k % 2 * 2], variance, 0.6 * variance) << k;
+  }
+  for (std::size_t k = 0; k < a.prior.size(); ++k) EXPECT_EQ(a.prior[k], b.prior[k]);
+  for (std::size_t k = 0; k < a.derivative.size(); ++k)
+    EXPECT_NEAR(a.derivative[k], b.derivative[k], 0.5 * (0.1 + std::abs(b.derivative[k]))) << k;
+  expect_derivatives(text, {.points = 100, .method = 3, .effects_wanted = true}, theta, "samples");
+}
+
 TEST(Posterior, IsTheSameForAnyNumberOfThreadsAndOrderOfRows)
 {
   const auto text = regression(Response::binary, 2, 40), shuffled = regression(Response::binary, 2, 40, true);

@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 
 namespace torvale::tests {
@@ -168,6 +169,38 @@ TEST(OutputDataSets, PlacesThatCannotBeWritten)
   const auto id = run_into(folder, "TORVALE DATA=cbpp; ID nothing; " + model + "; PREDICT u OUT=p; RUN;");
   EXPECT_NE(id.outcome.exit_code, 0);
   EXPECT_FALSE(folder.holds("p.csv"));
+}
+
+// What the run reads is not written, and stays as it is.
+TEST(OutputDataSets, NeverReplaceTheInput)
+{
+  const Folder folder;
+  const std::string text = read_text(source_file("tests/data/outputs/groups.csv"));
+  std::ofstream(folder.file("input.csv")) << text;
+  for (const std::string out :
+       {"PREDICT mu OUT='" + folder.file("input.csv") + "'; RUN;", std::string("PREDICT mu OUT=input; RUN;")}) {
+    const auto run = run_into(folder, "TORVALE DATA='" + folder.file("input.csv") +
+                                          "'; PARMS b0=0.7 b1=0.95 v=0.45 s2=0.06; mu = b0 + u + b1*x;"
+                                          "MODEL y ~ NORMAL(mu, s2); RANDOM u ~ NORMAL(0, v) SUBJECT=id;" +
+                                          out);
+    EXPECT_NE(run.outcome.exit_code, 0) << run.log;
+    EXPECT_EQ(read_text(folder.file("input.csv")), text);
+  }
+}
+
+TEST(OutputDataSets, WhatDoesNotApplyIsTold)
+{
+  const Folder folder;
+  const auto run =
+      run_into(folder, "TORVALE DATA=warpbreaks OUTR=none; PARMS b0=3; MODEL breaks ~ POISSON(exp(b0)); RUN;");
+  EXPECT_TRUE(run.said(503, 505)) << run.log;
+  EXPECT_FALSE(folder.holds("none.csv"));
+  // The data determine a + b; not a.
+  const auto flat = run_into(folder, "TORVALE DATA=warpbreaks; PARMS a=1 b=2; MODEL breaks ~ POISSON(exp(a + b));"
+                                     "PREDICT exp(a + b) OUT=sum; PREDICT a OUT=part; RUN;");
+  EXPECT_TRUE(flat.said(503, 9572)) << flat.log;
+  EXPECT_TRUE(std::isfinite(read_csv_file(folder.file("sum.csv")).numbers("StdErrPred")[0])) << flat.log;
+  EXPECT_TRUE(std::isnan(read_csv_file(folder.file("part.csv")).numbers("StdErrPred")[0]));
 }
 
 } // namespace torvale::tests
