@@ -48,6 +48,7 @@ if(TORVALE_APP)
   install(FILES "${PROJECT_SOURCE_DIR}/tools/completions/_torvale" DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
   install(FILES "${PROJECT_SOURCE_DIR}/tools/completions/torvale.fish"
           DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  install(FILES "${TORVALE_GENERATED}/torvale.tmLanguage.json" DESTINATION ${CMAKE_INSTALL_DATADIR}/torvale)
   install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples/" DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
           FILES_MATCHING PATTERN "*.tvl" PATTERN "*.csv" PATTERN "*.cpp" PATTERN "*.txt" PATTERN "README.md")
 endif()

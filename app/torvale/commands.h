@@ -27,6 +27,7 @@ struct RunArguments {
   char separator = 0; // --separator; 0: found from the file
   int threads = 0;
   long seed = 0;
+  std::uint64_t memory = 0; // bytes; 0: what is free
   bool strict = false;
   bool check_only = false;
   bool statements = false; // check: print the statement records

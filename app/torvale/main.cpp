@@ -72,6 +72,9 @@ int main(int argc, char** argv)
                   "worker threads when the program does not say: 0 serial, -1 all cores")
       ->check(CLI::Range(-1, 1024));
   run->add_option("--seed", arguments.seed, "seed when the program does not say")->check(CLI::Range(0L, 2147483646L));
+  run->add_option("--memory", arguments.memory,
+                  "memory that data may take, as 500MB or 4GB; all that is free without it")
+      ->transform(CLI::AsSizeValue(true));
   run->add_flag("--strict", arguments.strict, "names that would become parameters without being in PARMS are errors");
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");

@@ -156,6 +156,7 @@ int run_command(const RunArguments& arguments)
   settings.threads = arguments.threads;
   settings.seed = arguments.seed;
   settings.check_only = arguments.check_only;
+  settings.memory = arguments.memory;
   settings.pictures = html.wanted() || !output.figures.empty();
   settings.hash_data = html.wanted() || json.wanted();
   settings.strict = arguments.strict;

@@ -106,6 +106,7 @@ struct Settings {
   std::string program_folder = ".";         // one-level data set names and relative paths are looked for here
   std::string output_folder = ".";          // output data sets are written here
   int threads = 0;                          // workers when the program does not say: 0 serial, negative all cores
+  unsigned long long memory = 0;            // bytes that data may take; 0: what is free
   long seed = 0;                            // seed when the program does not say; 0 the clock
   bool check_only = false;                  // parse and compile, fit nothing
   bool strict = false;                      // names that would become parameters without being in PARMS are errors

@@ -6,10 +6,11 @@
 
 namespace torvale::compartment {
 
-std::vector<std::string> zcmpt(const syntax::STMT& statement, std::span<const Variable> data, bool writes_log,
-                               const host::MessagePlace& place, host::MessageSink& log)
+std::vector<std::string> zcmpt(const syntax::STMT& statement, std::span<const Variable> data, int earlier,
+                               bool writes_log, const host::MessagePlace& place, host::MessageSink& log)
 {
   Model model;
+  model.earlier = earlier;
   if (!read_model(statement, data, place, log, model)) return {};
   StatementText text(model);
   if (model.events.given) {

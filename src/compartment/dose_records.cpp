@@ -116,7 +116,10 @@ private:
       }
     }
   }
-  static std::string array_of(const std::string& stem) { return stem + "_LIST"; }
+  std::string array_of(const std::string& stem) const
+  {
+    return stem + "_LIST" + (model_.earlier > 0 ? number(model_.earlier + 1) : ""); // each model declares its own
+  }
 
   void write_time_check()
   {

@@ -173,7 +173,9 @@ private:
   void write_dose()
   {
     text_.add("@size = @amt" + (events_.bioavailability.empty() ? "" : "*" + events_.bioavailability) + ";");
-    text_.add("@lag = " + (events_.lag.empty() ? std::string("0") : events_.lag) + ";");
+    text_.add("@lag = " + (events_.lag.empty() ? std::string("0") : events_.lag) + "; if @endless then @lag = 0;");
+    if (!events_.bioavailability.empty()) text_.add("if " + events_.bioavailability + " < 0 then " + err() + " = 1;");
+    if (!events_.lag.empty()) text_.add("if @lag < 0 then " + err() + " = 1;");
     text_.add("@flow = 0; @length = 0;");
     if (events_.infusions) {
       text_.add("if @endless then do; @flow = @speed; @length = 1e30; end;");
@@ -185,7 +187,7 @@ private:
         text_.add("else if @speed = -2 then do; @length = $DURN; if @length le 0 then " + err() +
                   " = 1; @flow = @size/@length; end;");
     }
-    text_.add("@older = 0;"); // infusions of the steady state that still run
+    text_.add("@older = 0;"); // doses of the steady state that still run, or are still to come
     if (events_.steady) write_steady();
     text_.add("@wait = 1+@more+@older; @first = @time+@lag-@older*@every;");
     text_.add("if not (@lag > 0) and @length = 0 then do;"); // a bolus at once
@@ -206,9 +208,17 @@ private:
       text_.add("@wait = 0;");
       text_.add("end;");
     }
-    text_.add("if @wait > 0 then do;"); // no place is left
-    amounts_.set_all("@q", ".");
-    text_.add("end;");
+    // No place is left. A lag may be at fault that a far point of the random effects makes long: such a point has no
+    // value. Otherwise the data are.
+    if (!events_.lag.empty() || model_.given(Option::rate) || model_.given(Option::durn)) {
+      text_.add("if @wait > 0 then do;");
+      amounts_.set_all("@q", ".");
+      text_.add("end;");
+    } else {
+      text_.add(
+          "if @wait > 0 then abort 'More doses act or wait at the same time than there are places for: give more by "
+          "PLACES= of EVENTS, or sort the data by subject and time';");
+    }
   }
 
   // What the doses before this one have left, when there have been such doses for ever.
@@ -227,10 +237,14 @@ private:
     } else {
       text_.add("do;");
     }
-    text_.add("@since = @every-@lag; if @since < 0 then @since = .;"); // the lag must be shorter than the interval
+    // Of the doses that came every so often the last to arrive did so @since ago; a lag of several intervals leaves
+    // @late of them to come.
+    text_.add("@late = floor(@lag/@every); @since = (@late+1)*@every-@lag;");
+    text_.add("@older = @late;");
     put_into("@b", "@into", "@size");
     if (events_.infusions) {
-      text_.add("if @length > @since then @older = ceil((@length-@since)/@every);");
+      text_.add("@running = 0; if @length > @since then @running = ceil((@length-@since)/@every);");
+      text_.add("@older = @late+@running;");
       put_into("@r", "@into", "@flow");
       amounts_.fill("@r", "@length", "@z");
       text_.add("if @length > 0 then do;");
@@ -239,11 +253,11 @@ private:
       text_.add("end;");
     }
     amounts_.repeat("@b", "@every");
-    amounts_.pass("@b", "@since+@older*@every-@length", "@p");
+    amounts_.pass("@b", events_.infusions ? "@since+@running*@every-@length" : "@since", "@p");
     for (int k = amounts_.first(); k <= amounts_.last(); ++k)
       text_.add(Amounts::of("@b", k) + " = " + Amounts::of("@p", k) + ";");
     if (events_.infusions) {
-      text_.add("do @i = 0 to @older-1;");
+      text_.add("do @i = 0 to @running-1;");
       amounts_.fill("@r", "@since+@i*@every", "@z");
       amounts_.add("@b", "@z");
       text_.add("end;");
@@ -255,7 +269,10 @@ private:
 
   void write_results()
   {
-    text_.add("if " + err() + " eq 0 then do;");
+    // What is invalid at one record is in the amounts of those that follow.
+    text_.add("if " + err() + " ne 0 then do;");
+    amounts_.set_all("@q", ".");
+    text_.add("end;");
     for (const Result& r : results(model_))
       text_.add(model_.text(r.option) + " = " + Amounts::of("@q", r.compartment) + "/" +
                 Amounts::of("@scale", r.compartment) + ";");
@@ -264,10 +281,6 @@ private:
       if (k != 1)
         text_.add("if not @dosing and @cmt > 0 and @into = " + number(k) + " then $PCONC = " + Amounts::of("@q", k) +
                   "/" + Amounts::of("@scale", k) + ";");
-    text_.add("end;");
-    text_.add("else do;");
-    for (const Result& r : results(model_)) text_.add(model_.text(r.option) + " = .;");
-    text_.add("end;");
   }
 
   StatementText& text_;

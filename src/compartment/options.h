@@ -86,6 +86,7 @@ struct Events {
 
 // Model: one CMPTMODEL statement, read and found right.
 struct Model {
+  int earlier = 0;      // models before it in the program
   int compartments = 1; // 1, 2 or 3
   Administration administration = Administration::bolus;
   bool clearances = false; // parameters are clearances and volumes, not rate constants

@@ -10,11 +10,13 @@
 namespace torvale::compartment {
 
 // StatementText: collects lines. In a pattern @ stands for the beginning of generated names ("_2cmpt_"), and $WORD for
-// the value of that option.
+// the value of that option. Event records keep amounts under such names: there the second model of a program has
+// others ("_2cmpt2_"), so that it does not meet the first.
 class StatementText {
 public:
   explicit StatementText(const Model& model)
-      : model_(model), prefix_("_" + std::to_string(model.compartments) + "cmpt_")
+      : model_(model), prefix_("_" + std::to_string(model.compartments) + "cmpt" +
+                               (model.events.given && model.earlier > 0 ? std::to_string(model.earlier + 1) : "") + "_")
   {
   }
 

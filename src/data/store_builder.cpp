@@ -87,7 +87,8 @@ void set_starts(const NX& n, Store& store)
 void report_order(NX& n, const model::REFFECT& reff, const SubjectIndex& index)
 {
   if (!n.nosort) {
-    if (index.level.front().count() < index.changes) n.host->log().xpmlog(message::unsorted_subjects_joined{.variable = reff.subname});
+    if (index.level.front().count() < index.changes)
+      n.host->log().xpmlog(message::unsorted_subjects_joined{.variable = reff.subname});
     return;
   }
   const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
@@ -95,10 +96,44 @@ void report_order(NX& n, const model::REFFECT& reff, const SubjectIndex& index)
     if (host::compare_cells(column, row, column, row - 1) >= 0) continue;
     host::MessagePlace place;
     place.row = n.fid->file_row(row);
-    n.host->log().xpmlog(message::unsorted_subjects_split{.variable = reff.subname}, place);
+    if (n.sortwarn)
+      n.host->log().xpmlog(message::no_memory_to_sort_subjects{.variable = reff.subname}, place);
+    else
+      n.host->log().xpmlog(message::unsorted_subjects_split{.variable = reff.subname}, place);
     n.raise(4);
     return;
   }
+}
+
+// The heap, or a scratch file: with NOSORTSUB, and when the group does not fit into what is free.
+host::RowMemory memory_of_store(NX& n)
+{
+  if (n.nosort) return std::make_shared<host::ScratchFile>();
+  constexpr double row_overhead = 80; // bytes of a row in the index and in evaluations
+  const double columns = static_cast<double>(engine::cmppdv(*n.gcmp).variables.size());
+  const double needed = static_cast<double>(n.rows.rows()) * (row_overhead + sizeof(double) * columns);
+  const auto free = static_cast<double>(n.host->libraries().memory());
+  if (free <= 0.0 || needed <= free) return {};
+  host::MessageLog& log = n.host->log();
+  log.xpmlog(message::store_in_scratch_file{.needed = host::bytes_text(needed), .free = host::bytes_text(free)});
+  if (n.runThreads) {
+    log.xpmlog(message::no_memory_for_threads);
+    n.runThreads = false;
+    n.nthreads = 0;
+  }
+  return std::make_shared<host::ScratchFile>();
+}
+
+// The subject index; where it finds no memory, one RANDOM is served in file order, as with NOSORTSUB.
+int find_subjects(NX& n, SubjectIndex& index)
+{
+  try {
+    return tvlsubj(n, index);
+  } catch (const std::bad_alloc&) {
+    if (n.nosort || n.nreff() > 1) throw;
+  }
+  n.nosort = n.sortwarn = true;
+  return tvlsubj(n, index);
 }
 
 } // namespace
@@ -107,13 +142,13 @@ int tvlenvt(NX& n)
 {
   n.bound.reset();
   n.ctx.clear();
-  n.store = std::make_unique<Store>();
+  if (n.sortwarn) n.nosort = n.sortwarn = false; // what an earlier group lacked memory for
+  n.store = std::make_unique<Store>(memory_of_store(n));
   Store& store = *n.store;
-  store.datapool = host::xmpoolc("data store");
 
   SubjectIndex index;
   if (n.nreff() > 0) {
-    if (tvlsubj(n, index) != 0) {
+    if (find_subjects(n, index) != 0) {
       n.raise(1012);
       return 1;
     }

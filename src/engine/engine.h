@@ -11,6 +11,7 @@
 // computed once per Frame::set_parameters, on data only once per BoundData, on data and parameters once per
 // observation of Frame::set_range, on random effects only once per point, the rest per lane.
 
+#include "host/scratch_file.h"
 #include "syntax/tree.h"
 
 #include <cstdint>
@@ -151,7 +152,8 @@ struct DataView {
   std::int64_t rows = 0;
   std::vector<DataColumn> columns; // in any order, found by dsvarno
   const std::int32_t* subject_start =
-      nullptr; // rows entries: row where the subject of a row starts (lags and RETAIN start anew there)
+      nullptr;              // rows entries: row where the subject of a row starts (lags and RETAIN start anew there)
+  host::RowMemory memory{}; // where arrays with an entry for every row are made
 };
 
 // BoundData: what a model computes from data alone, once per BY group, for all its programs. Constant afterwards.
@@ -190,9 +192,10 @@ struct Tile {
   const std::int32_t* observation = nullptr; // per lane: row of the bound data; null: rows first, first + 1, ...
   const std::int32_t* point = nullptr;       // per lane: index into the random-effect values; null: all at point 0
   const std::int32_t* state = nullptr;       // per lane: slot of the kept values, of sequential programs; else null
-  int repeat = 1; // lanes come in groups of this many with one observation (a promise that saves fetching)
-  std::int32_t first = 0;        // where `observation` is null; with repeat = lanes above 1 all are at row first
-  std::int32_t first_point = -1; // where `point` is null: points first_point, first_point + 1, ...; below 0: all at point 0
+  int repeat = 1;         // lanes come in groups of this many with one observation (a promise that saves fetching)
+  std::int32_t first = 0; // where `observation` is null; with repeat = lanes above 1 all are at row first
+  std::int32_t first_point =
+      -1; // where `point` is null: points first_point, first_point + 1, ...; below 0: all at point 0
 };
 
 // Fault: one program fault, found when a tile is run again by the slow path.
@@ -224,8 +227,8 @@ public:
   // Rows first..first+count-1 are those that the next tiles draw from; what depends on data and parameters is
   // computed for them once, at the first run of a program after this.
   void set_range(std::int64_t first, std::int64_t count);
-  // The same for any rows in any order: until the next set_range, rows of a tile are places in this list. Borrowed. What
-  // programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers.
+  // The same for any rows in any order: until the next set_range, rows of a tile are places in this list. Borrowed.
+  // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers.
   void set_records(const std::int32_t* rows, std::int64_t count);
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);

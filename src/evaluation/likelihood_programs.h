@@ -6,7 +6,7 @@
 namespace torvale::evaluation {
 
 // Whether the likelihood is differentiated by the parameters: not under FD, unless EMPIRICAL asks for the subjects'
-// gradients or what is estimated of the effects follows from derivatives (support points; first order).
+// gradients or what is estimated of the effects follows from derivatives (support points; importance samples; first order).
 inline bool needs_gradient(const model::NX& n)
 {
   return n.fd == 0 || n.empirical || (n.wants_effects && (n.method >= 3 || (n.method == 1 && !n.lb)));

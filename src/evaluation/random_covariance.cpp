@@ -42,11 +42,11 @@ int prior_failure(const BlockWork& block)
 }
 
 // A column of the factor that is zero gets the variance that the run lends it.
-void lift_factor(const NX& n, int nr, double* factor)
+void lift_factor(const NX& n, const REFFECT& reff, double* factor)
 {
-  for (int i = 0; i < nr; ++i) {
+  for (int i = 0; i < reff.nr; ++i) {
     double& pivot = factor[matrix::packed_diagonal(i)];
-    if (pivot == 0.0) pivot = std::sqrt(n.lift[static_cast<std::size_t>(i)]);
+    if (pivot == 0.0) pivot = std::sqrt(n.lift[static_cast<std::size_t>(reff.first_effect + i)]);
   }
 }
 
@@ -69,7 +69,7 @@ int take_prior(const NX& n, TVLThreadCtx& ctx, const PriorEntries& entries, int 
     std::copy_n(values + reff.nr, reff.nrs, ctx.block.gi.begin());
     tvlgetg(n, reff.nr, ctx.block);
     std::copy_n(ctx.block.gic.begin(), reff.nrs, factor);
-    if (!n.lift.empty()) lift_factor(n, reff.nr, factor);
+    if (!n.lift.empty()) lift_factor(n, reff, factor);
   }
   for (int e = 0; e < reff.nr; ++e)
     if (std::isnan(mean[e])) return missing_argument;

@@ -121,27 +121,40 @@ constexpr CatalogueEntry entries[] = {
     {503, 9574, "id_is_character", E,
      "ID names {name}, a character variable of the program; only numbers can be added to predictions.", "",
      "Leave it out: the variables of the input are in every data set of predictions."},
-    {503, 9580, "chains_agree", N, "The chains agree: the largest R-hat is {rhat}, the smallest effective number of draws {draws}.", "", ""},
+    {503, 9580, "chains_agree", N,
+     "The chains agree: the largest R-hat is {rhat}, the smallest effective number of draws {draws}.", "", ""},
     {503, 9581, "chains_disagree", W,
-     "The chains do not agree, or have too few effective draws: R-hat {rhat} ({worst}; 1.01 is wanted), {draws} effective draws ({least}; "
+     "The chains do not agree, or have too few effective draws: R-hat {rhat} ({worst}; 1.01 is wanted), {draws} "
+     "effective draws ({least}; "
      "{wanted} are wanted).",
      "Chains that mix slowly, or have not left their starts.",
      "Draw more (SAMPLE=, BURN=), let the proposals adapt (ADJSCALE= within the burn-in), or use SAMPLER=NUTS."},
-    {503, 9582, "chain_drifts", W, "{name} has drifted more than 1e8 standard errors away: its posterior may have no end.",
-     "Flat priors do not always give a proper posterior: a variance with few subjects, a parameter that the data do not identify.",
+    {503, 9582, "chain_drifts", W,
+     "{name} has drifted more than 1e8 standard errors away: its posterior may have no end.",
+     "Flat priors do not always give a proper posterior: a variance with few subjects, a parameter that the data do "
+     "not identify.",
      "Give it a PRIOR, or BOUNDS with two ends."},
-    {503, 9583, "trajectories_diverged", W, "{count} trajectories of the no-U-turn sampler diverged: parts of the posterior may have been missed.",
-     "A posterior with narrow places, as near a variance of 0.", "Give the variances a PRIOR that keeps them from 0, or a longer BURN=."},
+    {503, 9583, "trajectories_diverged", W,
+     "{count} trajectories of the no-U-turn sampler diverged: parts of the posterior may have been missed.",
+     "A posterior with narrow places, as near a variance of 0.",
+     "Give the variances a PRIOR that keeps them from 0, or a longer BURN=."},
     {503, 9584, "no_posterior_at_start", E, "The posterior has no value where a chain starts.",
-     "The likelihood, or a PRIOR, cannot be computed at the estimates or starting values.", "Look at PRIOR and at the starting values."},
-    {503, 9585, "sample_lacks_effects", W, "This BY group has more subjects than the first one: the data set of samples holds the effects of the first {count} only.", "",
-     "Sample the groups in steps of their own."},
+     "The likelihood, or a PRIOR, cannot be computed at the estimates or starting values.",
+     "Look at PRIOR and at the starting values."},
+    {503, 9585, "sample_lacks_effects", W,
+     "This BY group has more subjects than the first one: the data set of samples holds the effects of the first "
+     "{count} only.",
+     "", "Sample the groups in steps of their own."},
     {503, 9586, "cannot_sample", E, "MCMC cannot sample {what}.", "", ""},
-    {503, 9587, "prior_without_sampling", W, "PRIOR has no effect without an MCMC statement: the fit itself takes no prior.", "", ""},
-    {503, 9588, "adaptation_beyond_burn_in", W, "ADJSCALE={adapted} is above BURN={burn}: samples that are kept come from proposals that still change.", "",
+    {503, 9587, "prior_without_sampling", W,
+     "PRIOR has no effect without an MCMC statement: the fit itself takes no prior.", "", ""},
+    {503, 9588, "adaptation_beyond_burn_in", W,
+     "ADJSCALE={adapted} is above BURN={burn}: samples that are kept come from proposals that still change.", "",
      "Set BURN= to at least ADJSCALE=."},
-    {503, 9589, "replicates_not_sampled", E, "REPLICATE counts other than 1 cannot be sampled with their random effects.",
-     "One random effect with a weight is not the model of several subjects.", "Use NOINTEGRATE, or repeat the records."},
+    {503, 9589, "replicates_not_sampled", E,
+     "REPLICATE counts other than 1 cannot be sampled with their random effects.",
+     "One random effect with a weight is not the model of several subjects.",
+     "Use NOINTEGRATE, or repeat the records."},
     {503, 71, "no_usable_observation", E, "No observation can be used; the group is not analysed[; missing: {causes}].",
      "The dependent variable or a covariate is missing throughout, or WHERE= keeps no row.",
      "torvale describe DATA counts missing values."},
@@ -394,11 +407,22 @@ constexpr CatalogueEntry entries[] = {
      "make the rate constants.",
      "", ""},
     {503, 9474, "event_records", N,
-     "Event records: doses go to {doses} and observations are of the central compartment {cmt}; rows with EVID other than "
+     "Event records: doses go to {doses} and observations are of the central compartment {cmt}; rows with EVID other "
+     "than "
      "0, or MDV 1, are no observations.",
      "", ""},
     {503, 9475, "event_variable_unknown", E, "{option}= of EVENTS: the data set has no numeric variable {name}.", "",
      "Name the variable: EVENTS(TIME=... AMT=... EVID=...)."},
+    {503, 9476, "too_many_doses_at_once", E,
+     "EVENTS: {count} doses seem to act or wait at the same time.",
+     "Records that do not stand subject by subject, in the order of time.",
+     "Sort the data by subject and time; PLACES= of EVENTS tells the number when there are so many."},
+    {503, 9477, "dose_across_subjects", E,
+     "The dose of observation {dose} still acts at observation {record}, which is of another {level}: amounts begin anew "
+     "there.",
+     "Additional doses or an infusion that go on from one subject into the next.",
+     "Give each {level} its own dose records; or use one RANDOM statement, with effects of occasions that indicator "
+     "variables choose."},
     {503, 9473, "dose_types_not_texts", E, "The variable _CMPT_TYPE_ of dose records must hold texts; it is numeric.",
      "", ""},
 
@@ -481,7 +505,8 @@ constexpr CatalogueEntry entries[] = {
      "A misspelled name: it is now a parameter that starts at 1, and the fit is another one than was meant.",
      "Mend the name, add it to PARMS, or write the RANDOM statement; --strict makes this an error."},
     {503, 9434, "name_not_in_parms_refused", E,
-     "{names} is neither in PARMS nor given a value[; did you mean {near}?][; {effects} looks like a random effect, which "
+     "{names} is neither in PARMS nor given a value[; did you mean {near}?][; {effects} looks like a random effect, "
+     "which "
      "needs a RANDOM statement].",
      "With --strict every parameter must stand in PARMS.", "Mend the name, add it to PARMS, or leave out --strict."},
     {503, 9435, "put_file_protected", E, "FILE may not replace {file}: {reason}.", "",
@@ -492,9 +517,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 9437, "start_fails_at_subject", W,
      "At the starting values the model fails[ at {bad} of {records} records of this subject, first] at observation "
      "{observation}[: {reason}][, in \"{source}\"][: {response} is impossible].",
-     "Starting values far from the data: a probability that rounds to 0 or 1, a mean or variance that is not positive, an "
+     "Starting values far from the data: a probability that rounds to 0 or 1, a mean or variance that is not positive, "
+     "an "
      "exponential that overflows.",
-     "Start nearer: slopes of 0 and the level of the data; write probabilities as LOGISTIC(eta), positive quantities as "
+     "Start nearer: slopes of 0 and the level of the data; write probabilities as LOGISTIC(eta), positive quantities "
+     "as "
      "EXP(a)."},
     {503, 9340, "no_covariance", W,
      "The covariance of the estimates could not be computed; there are no standard errors.",
@@ -509,14 +536,14 @@ constexpr CatalogueEntry entries[] = {
      "A number before | makes a logical OR with {name}, which is 1 or 0: a random effect by {name} is written with "
      "RANDOM.",
      "A formula from another language, as (1|id).",
-     "Add an effect to the model and write RANDOM u ~ NORMAL(0, variance) SUBJECT={name};"},
+     "Add an effect to the model and write RANDOM u ~ NORMAL(0, variance) SUBJECT=variable;"},
     {503, 9552, "response_outside_support", W,
      "The response {name} is {value} here[, and outside in {count} rows]: {support}[; {advice}].",
      "Codes of levels or of missing values, or another distribution than the data have.",
      "Recode the response in the program, leave rows out with WHERE=, or choose the distribution that takes such "
      "values."},
     {503, 9553, "data_binding_unused", N, "--data names {name}, which no statement of the program uses.",
-     "A misspelled name.", "Write DATA={name} in the TORVALE statement, or correct the name behind --data."},
+     "A misspelled name.", "Name it in DATA= of the TORVALE statement, or correct the name behind --data."},
     {503, 9554, "decimal_comma", W,
      "PARMS holds {found}: two starting values; a decimal is written with a point, {meant}.", "A decimal comma.",
      "Write a blank behind the comma when two values are meant."},
@@ -546,7 +573,8 @@ constexpr CatalogueEntry entries[] = {
      "The model fails close to the estimates.", "Other starting values; BOUNDS; another parameterization."},
     {503, 9414, "more_points_at_estimates", N,
      "At the estimates the integral needs {points} quadrature points in place of {before}: the fit goes on with them.",
-     "The starting values were chosen where the integrand is wider than at the estimates.", "QPOINTS= settles the number."},
+     "The starting values were chosen where the integrand is wider than at the estimates.",
+     "QPOINTS= settles the number."},
     {503, 9415, "more_points_than_qmax", W,
      "At the estimates the integral still changes by more than the relative tolerance {tolerance} with {points} "
      "quadrature points, and QMAX= allows no more.",
@@ -651,6 +679,16 @@ constexpr CatalogueEntry entries[] = {
     {503, 9029, "no_variable_left", E, "KEEP= and DROP= leave no variable of the data set.", "", ""},
     {503, 9030, "where_keeps_nothing", W, "WHERE= keeps none of the {rows} rows of {data}.",
      "A text is compared with a different case, or a limit is the wrong way round.", ""},
+    {503, 9509, "text_in_a_format", N,
+     "Column {column} of {file} is characters, as \"{value}\"; {formats} in the program gives the numbers.", "", ""},
+    {503, 9507, "data_exceed_memory", E,
+     "The file {file} has about {rows} rows, which need {needed} of memory in a fit; {free} are free.",
+     "Data beyond what the machine, or --memory, has.",
+     "Sort the file by subject and write NOSORTSUB in the TORVALE statement: the data are then read from a scratch file "
+     "in the folder for temporary files (TMPDIR)."},
+    {503, 9508, "store_in_scratch_file", N,
+     "The data of this group need {needed} of memory, and {free} are free; they are kept in a scratch file.", "",
+     "Sorted by subject, with NOSORTSUB, the file is read from there at once."},
     {503, 9505, "where_text_read_as_number", N,
      "WHERE= of {data} compares {text} with a number; the text is read as one.", "", ""},
     {503, 9506, "where_angle_brackets", W,
@@ -717,6 +755,35 @@ constexpr CatalogueEntry entries[] = {
     {100, 24, "ends_early", E, "A name ends before it is complete.", "",
      "A data set is called name, library.name or 'path'."},
     {100, 25, "too_deep", E, "Texts, statements or expressions are nested too deeply.", "", "Split them."},
+
+    // --- Group 200: the compiler of programs, which words its own messages; these entries say what each number means.
+    {200, 1, "program_unknown_function", E, "A function or subroutine that does not exist is called.",
+     "A misspelled name.", "docs/functions.md lists the functions; FUNCTION and SUBROUTINE define others."},
+    {200, 2, "program_wrong_arguments", E, "A function is called with arguments that it does not take.", "", ""},
+    {200, 3, "program_recursion", E, "A subprogram calls itself.", "", "Write a loop."},
+    {200, 4, "program_unsupported", E, "The program asks for something that models cannot do.", "", ""},
+    {200, 5, "program_type_mismatch", E, "A text stands where a number must be, or a number where a text must be.", "",
+     ""},
+    {200, 6, "program_subscript", E, "A subscript is outside its array, or there are too few or too many.", "", ""},
+    {200, 7, "program_jump", E, "A jump leads where it cannot.", "", ""},
+    {200, 8, "program_read_before_written", W, "A variable is read before it is assigned: it is missing there.",
+     "A statement that stands too late; an IF without ELSE.", "Assign it first, or use RETAIN with a value."},
+    {200, 9, "program_unused_variable", N, "A variable is assigned and never used.", "A misspelled name.", ""},
+    {200, 10, "program_undefined_variable", E,
+     "A name is neither a variable of the data, nor assigned, nor a parameter.", "A misspelled name.", ""},
+    {200, 11, "program_no_derivative", E, "The model has no derivative where one is needed.", "",
+     "FD makes the gradient by differences."},
+    {200, 12, "program_conversion", N, "A value is turned into a text, or a text into a number.", "",
+     "PUT() and INPUT() say how."},
+    {200, 13, "program_text_cut", N, "A text is longer than its variable and is cut.", "", "LENGTH makes it longer."},
+    {200, 14, "program_unmatched_select", N, "A SELECT has no OTHERWISE: where no WHEN applies nothing is done.", "",
+     "OTHERWISE; says that this is meant."},
+    {200, 15, "program_loop", E, "Loops or calls make the program grow beyond all measure, or a loop may never end.",
+     "Loops of at most 400 passes are written out pass by pass, and calls in place.", "Fewer passes, less nesting."},
+    {200, 16, "program_retain", E, "RETAIN names something that cannot be kept.", "", ""},
+    {200, 17, "program_delete_condition", E, "DELETE depends on parameters or random effects.", "",
+     "Let it depend on the data alone."},
+    {200, 18, "program_declaration", E, "A declaration does not fit what it declares.", "", ""},
 };
 
 // The words of tables: number in group 503 (group 0 means these too), name, words.

@@ -21,6 +21,8 @@ struct ReadOptions {
   char decimal = 0;                   // '.' or ','; 0: points, with semicolons also commas
   std::vector<std::string> missing{}; // spellings of missing values beside those of is_missing_code
   int threads = 1;                    // workers; the result does not depend on them
+  RowMemory memory{};                 // where the columns lie
+  std::uint64_t most_memory = 0;      // bytes: a file that needs more is refused before it is read; 0: no limit
 };
 
 // NA, NaN, N/A, null and -, in either case: missing in a column whose other fields are numbers, dates or times.

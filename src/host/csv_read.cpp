@@ -1,10 +1,12 @@
 #include "host/csv.h"
 #include "host/csv_blocks.h"
 #include "host/csv_columns.h"
+#include "host/formats.h"
 #include "host/message_names.h"
 #include "host/text.h"
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <filesystem>
 #include <functional>
 #include <thread>
@@ -17,6 +19,13 @@ using Kind = ColumnRequest::Kind;
 using Type = BlockColumn::Type;
 using Open = std::function<std::unique_ptr<ByteSource>()>; // a fresh source of the same bytes; null when there is none
 
+constexpr double row_overhead = 80; // bytes of a row in the index and in the evaluations of a fit
+
+bool parse_iso_any(std::string_view text)
+{
+  return parse_iso(text, Moment::date) || parse_iso(text, Moment::time) || parse_iso(text, Moment::datetime);
+}
+
 // One column of the file, block by block.
 struct FileColumn {
   std::string name;
@@ -27,6 +36,7 @@ struct FileColumn {
   Column texts{"", ColumnKind::character};
   bool spellings_needed = false; // blocks differ in type: read the file again, as text
   BlockColumn seen;              // remarks of all blocks; rows of the file
+  RowMemory memory;
 
   void take(const BlockColumn& block, std::int64_t rows_before);
   void take_texts(const BlockColumn& block);
@@ -71,8 +81,8 @@ void FileColumn::take(const BlockColumn& block, std::int64_t rows_before)
                     (type == block.type && (type != Type::moment || moment == block.moment));
   if (!fits || (seen.point && seen.comma)) {
     spellings_needed = true;
-    numbers = Column("", ColumnKind::numeric);
-    texts = Column("", ColumnKind::character);
+    numbers.keep_in(memory);
+    texts.keep_in(memory);
     return;
   }
   if (type == Type::none && block.type != Type::none) {
@@ -119,10 +129,15 @@ private:
   bool take(const std::vector<BlockValues>& blocks, std::size_t count, bool spellings);
   bool failed(const CsvCutter& cutter, const ByteSource& source);
   bool failed(const BlockValues& block);
-  void reserve(std::size_t bytes, std::int64_t rows);
+  bool reserve(std::size_t bytes, std::int64_t rows);
   Column finished(FileColumn& column) const;
   void notes();
-  void note_one_spelling(const FileColumn& column);
+  bool note_one_spelling(const FileColumn& column);
+  void note_readable(const FileColumn& column);
+  void note_text(const FileColumn& column)
+  {
+    if (!note_one_spelling(column)) note_readable(column);
+  }
   void note_codes();
 
   std::string file_;
@@ -226,6 +241,9 @@ bool CsvReader::name_columns(const std::vector<std::string>& names)
     }
     const auto asked = options_.kinds.find(wzstrlo(name));
     FileColumn& column = columns_.emplace_back();
+    column.memory = options_.memory;
+    column.numbers.keep_in(options_.memory);
+    column.texts.keep_in(options_.memory);
     column.name = std::move(name);
     if (asked != options_.kinds.end()) column.asked = asked->second;
   }
@@ -282,18 +300,31 @@ bool CsvReader::take(const std::vector<BlockValues>& blocks, std::size_t count, 
     }
     rows_ += block.rows;
     line_ += block.lines;
-    if (rows_ == block.rows && size_ > 0) reserve(CsvCutter::block_size, rows_);
+    if (rows_ == block.rows && size_ > 0 && !reserve(CsvCutter::block_size, rows_)) return false;
   }
   return true;
 }
 
-// Makes room for the rows that a file of this size will have, so that columns do not grow by copies.
-void CsvReader::reserve(std::size_t bytes, std::int64_t rows)
+// Makes room for the rows that a file of this size will have, so that columns do not grow by copies. False, with a
+// message, when there is no memory for them and for what a fit keeps of them.
+bool CsvReader::reserve(std::size_t bytes, std::int64_t rows)
 {
-  if (size_ <= bytes) return;
+  if (size_ <= bytes) return true;
   const double expected = static_cast<double>(rows) * static_cast<double>(size_) / static_cast<double>(bytes);
+  double row_bytes = row_overhead;
+  for (const FileColumn& c : columns_)
+    row_bytes += 2.0 * (c.type == Type::text ? sizeof(std::uint32_t) : sizeof(double));
+  if (options_.most_memory > 0 && !options_.memory &&
+      expected * row_bytes > static_cast<double>(options_.most_memory)) {
+    log_.xpmlog(message::data_exceed_memory{.file = file_,
+                                            .rows = std::llround(expected),
+                                            .needed = bytes_text(expected * row_bytes),
+                                            .free = bytes_text(static_cast<double>(options_.most_memory))});
+    return false;
+  }
   for (FileColumn& c : columns_)
     (c.type == Type::text ? c.texts : c.numbers).reserve(static_cast<std::size_t>(1.05 * expected) + 64);
+  return true;
 }
 
 Column CsvReader::finished(FileColumn& column) const
@@ -305,8 +336,8 @@ Column CsvReader::finished(FileColumn& column) const
   return out;
 }
 
-// A column of characters that one spelling alone keeps from being numbers.
-void CsvReader::note_one_spelling(const FileColumn& column)
+// A column of characters that one spelling alone keeps from being numbers or dates.
+bool CsvReader::note_one_spelling(const FileColumn& column)
 {
   const CsvDialect dialect(options_, separator_);
   const auto& dictionary = column.texts.dictionary();
@@ -315,14 +346,14 @@ void CsvReader::note_one_spelling(const FileColumn& column)
   for (std::size_t i = 0; i < dictionary.size(); ++i) {
     const std::string_view spelled = stripped(dictionary[i]);
     if (parse_missing(spelled) || is_missing_code(spelled)) continue;
-    if (dialect.number(spelled)) {
+    if (dialect.number(spelled) || parse_iso_any(spelled)) {
       numbers = true;
       continue;
     }
-    if (foreign != dictionary.size()) return;
+    if (foreign != dictionary.size()) return false;
     foreign = i;
   }
-  if (!numbers || foreign == dictionary.size()) return;
+  if (!numbers || foreign == dictionary.size()) return false;
   const auto codes = column.texts.codes();
   const auto first = std::find(codes.begin(), codes.end(), foreign);
   log_.xpmlog(message::text_in_numeric_column{.column = column.name,
@@ -330,6 +361,46 @@ void CsvReader::note_one_spelling(const FileColumn& column)
                                               .value = dictionary[foreign],
                                               .count = std::count(first, codes.end(), foreign),
                                               .row = first - codes.begin() + 1});
+  return true;
+}
+
+// Digits in groups of three, as 1,234.5.
+bool grouped(std::string_view text, char group, char point)
+{
+  const std::size_t begin = text.find_first_of("0123456789");
+  if (begin == std::string_view::npos || begin > 1 || (begin == 1 && text[0] != '-')) return false;
+  const std::string_view whole = text.substr(begin, text.find(point) - begin);
+  const std::size_t lead = std::min(whole.find(group), whole.size());
+  for (std::size_t i = lead; i < whole.size(); i += 4)
+    if (i + 4 > whole.size() || whole[i] != group) return false;
+  return lead > 0 && lead <= 3;
+}
+
+bool reads(const std::string& format, const std::string& text)
+{
+  if (format == "COMMA12." && !grouped(text, ',', '.')) return false;
+  if (format == "COMMAX12." && !grouped(text, '.', ',')) return false;
+  std::string problem;
+  return !wzmis(read_value(text, *parse_value_format(format, problem)));
+}
+
+// A column of characters that a format can read.
+void CsvReader::note_readable(const FileColumn& column)
+{
+  std::string formats, shown;
+  for (const char* format : {"COMMA12.", "COMMAX12.", "PERCENT12.", "DATE11.", "DDMMYY10.", "MMDDYY10."}) {
+    bool all = true;
+    std::size_t values = 0;
+    for (const std::string& text : column.texts.dictionary()) {
+      if (parse_missing(text) || is_missing_code(text)) continue;
+      if (values++ == 0) shown = text;
+      if (all = reads(format, text); !all) break;
+    }
+    if (all && values > 0)
+      formats += (formats.empty() ? "" : " or ") + std::string("INPUT(") + column.name + ", '" + format + "')";
+  }
+  if (!formats.empty())
+    log_.xpmlog(message::text_in_a_format{.column = column.name, .file = file_, .value = shown, .formats = formats});
 }
 
 // One note on all missing codes of the file.
@@ -360,7 +431,7 @@ void CsvReader::notes()
     if (c.seen.point && c.seen.comma)
       log_.xpmlog(message::points_and_commas{.column = c.name, .file = file_});
     else if (text)
-      note_one_spelling(c);
+      note_text(c);
     else if (any_comma && c.seen.point)
       log_.xpmlog(message::points_among_commas{.column = c.name, .file = file_});
     if (!text && c.seen.leading_zero_row > 0)

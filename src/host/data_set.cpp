@@ -94,10 +94,17 @@ void Column::reserve(std::size_t rows)
     codes_.reserve(rows);
 }
 
+void Column::keep_in(const RowMemory& memory)
+{
+  numbers_ = RowVector<double>(RowAllocator<double>(memory));
+  codes_ = RowVector<std::uint32_t>(RowAllocator<std::uint32_t>(memory));
+}
+
 Column Column::select(std::span<const std::size_t> rows) const
 {
   Column out(name_, kind_, label_);
   out.set_format(format_);
+  out.keep_in(numbers_.get_allocator().memory());
   out.reserve(rows.size());
   for (const std::size_t row : rows) {
     if (numeric())

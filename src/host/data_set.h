@@ -1,6 +1,7 @@
 #pragma once
 #include "host/calendar.h"
 #include "host/missing.h"
+#include "host/scratch_file.h"
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -54,6 +55,7 @@ public:
   // What the numbers mean to a file that can spell it: the moment of the format when every value has an ISO spelling.
   Moment written_as() const;
   void reserve(std::size_t rows);
+  void keep_in(const RowMemory& memory);                  // where its values lie from now on; it must be empty
   Column select(std::span<const std::size_t> rows) const; // a copy of these rows, in this order
 
 private:
@@ -65,8 +67,8 @@ private:
   std::string label_;
   std::string format_;
   ColumnKind kind_;
-  std::vector<double> numbers_;
-  std::vector<std::uint32_t> codes_;
+  RowVector<double> numbers_;
+  RowVector<std::uint32_t> codes_;
   std::vector<std::string> dictionary_;
   std::unordered_map<std::string, std::uint32_t, Hash, std::equal_to<>> index_; // text -> code; looked up, never walked
 };

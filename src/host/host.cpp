@@ -193,7 +193,7 @@ const char* EmbeddedHost::protected_file(const std::filesystem::path& path) cons
   };
   const auto& own = options_.options;
   const bool kept = std::any_of(own.begin(), own.end(), [&](const auto& o) { return o.first == "KEEP" && is(o.second); });
-  return kept ? "it is an input or a result of this run" : nullptr;
+  return kept || libraries_.reads(path.string()) ? "it is an input or a result of this run" : nullptr;
 }
 
 bool EmbeddedHost::write_text_files()

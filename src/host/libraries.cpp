@@ -182,15 +182,26 @@ std::vector<std::string> Libraries::bound_names() const
   return names;
 }
 
+std::uint64_t Libraries::memory() const
+{
+  return memory_limit_ > 0 ? memory_limit_ : free_memory();
+}
+
 // A file that is named outright: CSV, or an SQLite file with a table of the wanted name or one table only.
 std::optional<DataSet> Libraries::read_path(const std::string& path, const std::string& name, MessageSink& log,
-                                            const MessagePlace& place, const ReadOptions& options) const
+                                            const MessagePlace& place, const ReadOptions& options)
 {
+  if (const auto stream = streams_.find(path); stream != streams_.end()) return stream->second;
   if (!is_file(path)) {
     log.xpmlog(message::file_not_read{.file = path, .reason = no_file_reason(path)}, place);
     return std::nullopt;
   }
-  if (!is_regular(path) || !is_sqlite_file(path)) return read_csv(path, log, options);
+  if (!is_regular(path)) {
+    std::optional<DataSet> data = read_csv(path, log, options);
+    if (data) streams_.emplace(path, *data);
+    return data;
+  }
+  if (!is_sqlite_file(path)) return read_csv(path, log, options);
   const auto tables = sqlite_tables(path);
   const std::string member = split(name).member;
   for (const std::string& table : tables)
@@ -202,14 +213,21 @@ std::optional<DataSet> Libraries::read_path(const std::string& path, const std::
 
 // Looks for the data set and reads the whole of it; `name` becomes its name in the run.
 std::optional<DataSet> Libraries::find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
-                                                const MessagePlace& place) const
+                                                const MessagePlace& place)
 {
   ReadOptions options{.separator = reference.options.separator != 0 ? reference.options.separator : separator_,
                       .decimal = reference.options.decimal,
                       .missing = reference.options.missing,
-                      .threads = threads_};
+                      .threads = threads_,
+                      .memory = reference.memory,
+                      .most_memory = memory()};
   const auto as_written = [&](const Written& written) { // the run's own files need no options
-    return ReadOptions{.kinds = written.kinds, .separator = ',', .decimal = '.', .threads = threads_};
+    ReadOptions own = options;
+    own.kinds = written.kinds;
+    own.separator = ',';
+    own.decimal = '.';
+    own.missing = {};
+    return own;
   };
   if (reference.quoted) {
     const std::string path = joined(places_.program_folder, reference.name);
@@ -272,6 +290,13 @@ std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, Mess
   note_kinds(*data, log);
   if (apply_input_options(*data, reference.options, log) != 0) return std::nullopt;
   return data;
+}
+
+bool Libraries::reads(const std::string& path) const
+{
+  const std::string key = file_key(path, {});
+  return std::any_of(inputs_.begin(), inputs_.end(),
+                     [&](const std::string& i) { return i == key || (is_database(path) && i.starts_with(key)); });
 }
 
 // Would this output replace what the run reads? Then a message says so.

@@ -18,6 +18,7 @@ struct DataSetReference {
   std::string name;
   bool quoted = false; // name is a path
   DataSetOptions options;
+  RowMemory memory{}; // where the columns of an input lie
 };
 
 // An output data set while it is being written: columns first, then rows, then finish. Rows stay in memory until then;
@@ -76,12 +77,15 @@ public:
   void bind_library(std::string_view library, std::string path); // --library NAME=PATH: folder or SQLite file
   std::vector<std::string> bound_names() const;                  // names given to bind_data and bind_memory, sorted
 
-  // How text files are read when a data set's own options do not say: separator (0: found) and worker threads.
-  void set_reading(char separator, int threads)
+  // How text files are read when a data set's own options do not say: separator (0: found), worker threads, and the
+  // bytes of memory that a run may take (0: what is free).
+  void set_reading(char separator, int threads, std::uint64_t memory = 0)
   {
     separator_ = separator;
     threads_ = threads;
+    memory_limit_ = memory;
   }
+  std::uint64_t memory() const; // bytes that data may still take
 
   // xoopen: find and read an input data set, options applied. A one-level name is, in this order: a data set that an
   // earlier step wrote to work, a bound name, NAME.csv (.csv.gz, .csv.zst) in the program's folder. Nothing, with a
@@ -98,6 +102,9 @@ public:
   // Writes out whatever is still open (a step that ended early keeps what it wrote). 0, or -1 with a message.
   int close_all(MessageSink& log);
 
+  // Whether the run has read this file (or a table of this database).
+  bool reads(const std::string& path) const;
+
   // Data sets written since the last call, for the results of a step.
   std::vector<DataSetResult> take_written();
 
@@ -108,19 +115,21 @@ private:
     std::map<std::string, std::pair<std::string, std::string>> looks{}; // lower-case column -> label, format
   };
   std::optional<DataSet> read_path(const std::string& path, const std::string& name, MessageSink& log,
-                                   const MessagePlace& place, const ReadOptions& options) const;
+                                   const MessagePlace& place, const ReadOptions& options);
   std::optional<DataSet> find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
-                                       const MessagePlace& place) const;
+                                       const MessagePlace& place);
   bool is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const;
 
   Places places_;
   char separator_ = 0;
   int threads_ = 1;
+  std::uint64_t memory_limit_ = 0;
   std::map<std::string, std::string> data_;      // lower-case one-level name -> path
   std::map<std::string, DataSet> memory_;        // lower-case one-level name -> columns
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
   std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote
   std::set<std::string> inputs_;                 // files (and tables) that may not be written: see file_key
+  std::map<std::string, DataSet> streams_;       // path of a pipe or device, which gives its data once -> what it gave
   std::vector<std::unique_ptr<OutputDataSet>> open_;
   std::vector<DataSetResult> finished_;
 };

@@ -50,6 +50,28 @@ std::string filled(std::string_view text, const MessageArguments& arguments, boo
   return out;
 }
 
+// The sentence of a text without values: optional stretches left out, an argument as its name in capitals.
+std::string as_sentence(std::string_view text)
+{
+  bool complete = true;
+  MessageArguments names;
+  std::string outside; // the text without its optional stretches
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const std::size_t close = text[i] == '[' ? text.find(']', i) : std::string_view::npos;
+    if (close != std::string_view::npos && text.find('{', i) < close)
+      i = close;
+    else
+      outside += text[i];
+  }
+  for (std::size_t i = outside.find('{'); i != std::string::npos; i = outside.find('{', i + 1)) {
+    const std::string name = outside.substr(i + 1, outside.find('}', i) - i - 1);
+    std::string shown = name;
+    for (char& c : shown) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    names.emplace_back(name, shown.find_first_not_of("0123456789") == std::string::npos ? "..." : shown);
+  }
+  return filled(outside, names, complete);
+}
+
 std::string place_text(const MessagePlace& place)
 {
   std::vector<std::string> parts;
@@ -114,9 +136,9 @@ std::string explain_message(std::string_view code)
     out += fmt::format("\n{}\n", heading);
     for (const std::string& line : wrapped("  " + std::string(text), 78, 0)) out += "  " + line + "\n";
   };
-  add("What it says", entry->text);
-  add("Usual causes", entry->causes);
-  add("What to try", entry->advice);
+  add("What it says", as_sentence(entry->text));
+  add("Usual causes", as_sentence(entry->causes));
+  add("What to try", as_sentence(entry->advice));
   return out;
 }
 

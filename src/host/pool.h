@@ -1,4 +1,5 @@
 #pragma once
+#include "host/scratch_file.h"
 #include <cstddef>
 #include <memory>
 #include <memory_resource>
@@ -15,8 +16,9 @@ class Pool {
 public:
   static constexpr std::size_t alignment = 64; // of arrays: a cache line, and the widest vector register
 
-  explicit Pool(std::string name, std::size_t first_block = 1 << 16)
-      : name_(std::move(name)), arena_(first_block, std::pmr::new_delete_resource())
+  explicit Pool(std::string name, RowMemory memory = {}, std::size_t first_block = 1 << 16)
+      : name_(std::move(name)), memory_(std::move(memory)),
+        arena_(first_block, memory_ ? memory_.get() : std::pmr::new_delete_resource())
   {
   }
   Pool(const Pool&) = delete;
@@ -47,14 +49,15 @@ public:
 
 private:
   std::string name_;
+  RowMemory memory_; // null: the heap
   std::pmr::monotonic_buffer_resource arena_;
   std::size_t taken_ = 0;
 };
 
 // xmpoolc: create a pool. (x host, mpool memory pool, c create.)  It is deleted by letting the pointer go (xmpoold).
-inline std::unique_ptr<Pool> xmpoolc(std::string name)
+inline std::unique_ptr<Pool> xmpoolc(std::string name, RowMemory memory = {})
 {
-  return std::make_unique<Pool>(std::move(name));
+  return std::make_unique<Pool>(std::move(name), std::move(memory));
 }
 
 } // namespace torvale::host

@@ -1,5 +1,7 @@
 #include "host/scratch_file.h"
+#include "host/text.h"
 #include <algorithm>
+#include <cmath>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -82,7 +84,8 @@ std::uint64_t free_memory()
   std::uint64_t free = number_in("/proc/meminfo", "MemAvailable:");
   if (free != none) free *= 1024;
   const std::string group = "/sys/fs/cgroup/memory.";
-  if (const std::uint64_t most = number_in(group + "max"), now = number_in(group + "current"); most != none && now != none)
+  if (const std::uint64_t most = number_in(group + "max"), now = number_in(group + "current");
+      most != none && now != none)
     free = std::min(free, most - std::min(now, most));
   for (const auto& [limit, used] : {std::pair{RLIMIT_AS, "VmSize:"}, std::pair{RLIMIT_DATA, "VmData:"}}) {
     rlimit most{};
@@ -92,6 +95,14 @@ std::uint64_t free_memory()
     free = std::min<std::uint64_t>(free, most.rlim_cur - std::min<std::uint64_t>(taken, most.rlim_cur));
   }
   return free == none ? 0 : free;
+}
+
+std::string bytes_text(double bytes)
+{
+  constexpr const char* units[] = {"kB", "MB", "GB", "TB"};
+  std::size_t unit = 0;
+  for (bytes /= 1000.0; bytes >= 1000.0 && unit < 3; bytes /= 1000.0) ++unit;
+  return shortest(std::ceil(10.0 * bytes) / 10.0) + " " + units[unit];
 }
 
 } // namespace torvale::host

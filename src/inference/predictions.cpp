@@ -101,7 +101,6 @@ private:
   double quantile_ = missing;
   std::vector<std::vector<double>> gradient_; // per context: np and nr derivatives of a record, then h
 };
-};
 
 // The first record in file order whose value is missing through a fault of the program, with message 70.
 void report_fault(NX& n, const PredictStatement& statement, const Posterior& posterior, const PredictionColumns& out)

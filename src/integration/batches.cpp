@@ -23,6 +23,8 @@ namespace {
 // that brings it subjects enough to lie side by side in the lanes.
 constexpr std::int64_t batch_rows = 2 * engine::max_lanes, most_batch_rows = 8 * batch_rows;
 constexpr int enough_slots = 64, batch_slots = 256;
+// Where values go from record to record, the lanes of a tile are subjects alone, however many records they have.
+constexpr int lanes_of_a_record = 16;
 constexpr long batches_per_context = 8;
 
 bool keeps_values(const NX& n)
@@ -163,8 +165,11 @@ void deal_batches(NX& n)
   if (leaves.empty()) return;
   const long contexts = n.workers != nullptr ? n.workers->contexts() : 1;
   const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
-  const std::int64_t enough = enough_slots * (n.store->nobs / static_cast<std::int64_t>(leaves.size()) + 1);
-  const std::int64_t most_rows = std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
+  const std::int64_t mean_rows = n.store->nobs / static_cast<std::int64_t>(leaves.size()) + 1;
+  const std::int64_t enough = enough_slots * mean_rows;
+  const std::int64_t most_rows =
+      keeps_values(n) ? std::min(std::max(batch_rows, enough), std::max(share, lanes_of_a_record * mean_rows))
+                      : std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
   const long most_slots = slots_of_a_batch(n);
   Batch batch;
   std::int64_t first_row = 0;

@@ -268,6 +268,18 @@ template <class Act> void with_model(const NX& n, const BatchWork& b, int slot, 
   }
 }
 
+void place(const NX& n, BatchWork& b, int slot, int at)
+{
+  switch (n.leaf().nr) {
+  case 1:
+    return modes::place_point<1>(n, b, slot, at);
+  case 2:
+    return modes::place_point<2>(n, b, slot, at);
+  default:
+    return modes::place_point<0>(n, b, slot, at);
+  }
+}
+
 // The sums of the linear models of all good slots; returns how many these are, or minus the engine's code above 2.
 int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
 {
@@ -278,7 +290,7 @@ int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
     if (!n.lb) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.leaf().nr, n.leaf().nr, 0.0);
     b.column[static_cast<std::size_t>(slot)] = active;
     b.active[static_cast<std::size_t>(active)] = slot;
-    modes::place_point<0>(n, b, slot, active++);
+    place(n, b, slot, active++);
   }
   if (active == 0) return 0;
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));

@@ -24,6 +24,7 @@
 #include "modes/nest_search.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace torvale::integration {
 
@@ -53,6 +54,7 @@ public:
     for (int v = first(leaf); v < last(leaf); ++v) leaf_sums(v);
     for (std::size_t k = 1; k < w_.level.size(); ++k)
       for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) node_sums(k, v);
+    note_null_directions();
     if (n_.adaptive) through_modes();
     for (std::size_t k = 0; k < w_.level.size(); ++k) through_arguments(k);
   }
@@ -241,6 +243,34 @@ private:
       });
       pull_ancestors(level, v, p, given, b);
     }
+  }
+
+  // --- effects without variance ---
+
+  // What the nest knows of effects to which G leaves no variance: the unit of those variances. The expected slopes are
+  // in mean_bar here; the curvature of the levels above the leaves is summed over the nest.
+  void note_null_directions()
+  {
+    double curve[modes::most_effects] = {};
+    const NestLevel& leaf = w_.level.front();
+    for (int v = first(leaf); v < last(leaf) && n_.adaptive; ++v) {
+      const double* const sums =
+          w_.leaf.data() + static_cast<long>(leaf.nodes->slot[static_cast<std::size_t>(v)]) * n_.programs.mode.places;
+      for (int i = 0; i < leaf.chain(); ++i) {
+        const double own = std::abs(sums[n_.programs.curve(packed(i, i))]);
+        curve[i] = i < leaf.place ? curve[i] + own : std::max(curve[i], own);
+      }
+    }
+    for (const NestLevel& l : w_.level)
+      for (int v = first(l); v < last(l); ++v) {
+        const double* const factor = modes::factor_of(l, v);
+        for (int i = 0; i < l.own; ++i) {
+          if (factor[packed(i, i)] != 0.0) continue;
+          const double slope = l.mean_bar[static_cast<std::size_t>(v * l.own + i)];
+          double& scale = b_.null_scale[static_cast<std::size_t>(l.place + i)];
+          scale = std::max(scale, slope * slope + curve[l.place + i]);
+        }
+      }
   }
 
   // --- modes and scale ---
@@ -441,7 +471,7 @@ private:
   }
 
   const NX& n_;
-  const BatchWork& b_;
+  BatchWork& b_;
   NestWork& w_;
   const std::size_t nest_;
   const int np_;

@@ -241,6 +241,7 @@ void NestQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
   }
   size_block(n, ctx.block);
   size(b.ran, n.programs.ne * b.pair_stride);
+  size(b.null_scale, n.programs.ne);
   size(b.mode_sums, n.programs.mode.places * b.mode_stride);
   size(b.curvature_sums, n.programs.curvature.places * b.mode_stride);
   for (auto* v : {&w.failure}) size(*v, nests);

@@ -135,38 +135,90 @@ bool evaluate_slots(NX& n, bool& ended)
   return !evaluation.failed();
 }
 
-// Where G leaves an effect no variance, the factor of G has no derivative by it. The gradient is the limit from inside:
-// with g the gradients of the slots at a variance h in its place, 2 g(h) - g(2 h). h is small beside what the subjects
-// know of the effect. The values and modes are those of G itself.
-void take_limit_of_gradient(NX& n)
+// Parameters that elements of G depend on: a slot's row.
+std::vector<char> parameters_of_covariance(const NX& n)
 {
-  constexpr double share = 1e-4;
-  auto& scale = n.ctx[0]->batch.null_scale;
-  for (const auto& ctx : n.ctx)
-    for (std::size_t i = 0; i < scale.size(); ++i) scale[i] = std::max(scale[i], ctx->batch.null_scale[i]);
-  if (std::none_of(scale.begin(), scale.end(), [](double s) { return s > 0.0 && std::isfinite(s); })) return;
-  const auto value = n.slot_value, gradient = n.slot_grad, modes = n.ebtrial;
-  const auto known = n.ebtrial_known;
-  std::vector<double> near;
-  bool good = true;
-  for (const double times : {1.0, 2.0}) {
-    n.lift.assign(scale.size(), 0.0);
-    for (std::size_t i = 0; i < scale.size(); ++i)
-      if (scale[i] > 0.0 && std::isfinite(scale[i])) n.lift[i] = times * share / scale[i];
-    bool ended = false;
-    good = good && evaluate_slots(n, ended);
-    if (times == 1.0) near = n.slot_grad;
+  std::vector<char> found(static_cast<std::size_t>(n.grad_stride), 0);
+  for (const auto& reff : n.reff) {
+    const int first = reff.argument_derivative(reff.nr, 0, n.nparm);
+    for (const int place : reff.setup.outputs)
+      if (place >= first) found[static_cast<std::size_t>((place - first) % n.nparm)] = 1;
   }
-  n.lift.clear();
-  if (good)
-    for (std::size_t k = 0; k < near.size(); ++k) n.slot_grad[k] = 2.0 * near[k] - n.slot_grad[k];
-  else
-    n.slot_grad = gradient;
-  n.slot_value = value;
-  n.ebtrial = modes;
-  n.ebtrial_known = known;
-  std::fill(n.slot_status.begin(), n.slot_status.end(), 0);
+  return found;
 }
+
+// Where G leaves an effect no variance, the factor of G has no derivative by it, and the gradient by the parameters of
+// G is the limit from inside: with g the gradients of the slots at a variance h in its place, 2 g(h) - g(2 h). h is
+// small beside what the subjects know of the effect, and so small that g(h) and g(2 h) differ little: an effect may act
+// more strongly than its curvature at 0 tells. The values and modes are those of G itself.
+class GradientLimit {
+public:
+  explicit GradientLimit(NX& n) : n_(n), scale_(n.ctx[0]->batch.null_scale)
+  {
+    for (const auto& ctx : n.ctx)
+      for (std::size_t i = 0; i < scale_.size(); ++i) scale_[i] = std::max(scale_[i], ctx->batch.null_scale[i]);
+  }
+
+  bool needed() const
+  {
+    return std::any_of(scale_.begin(), scale_.end(), [](double s) { return s > 0.0 && std::isfinite(s); });
+  }
+
+  void take()
+  {
+    constexpr double longest = 1e-4, shortest = 1e-11;
+    const auto value = n_.slot_value, gradient = n_.slot_grad, modes = n_.ebtrial;
+    const auto known = n_.ebtrial_known;
+    in_covariance_ = parameters_of_covariance(n_);
+    std::vector<double> limit(gradient);
+    for (double share = longest; share >= shortest; share *= 1e-2) {
+      if (!lifted(share, near_) || !lifted(2.0 * share, far_)) continue;
+      for (std::size_t k = 0; k < limit.size(); ++k)
+        if (of_covariance(k)) limit[k] = 2.0 * near_[k] - far_[k];
+      if (smooth()) break;
+    }
+    n_.lift.clear();
+    n_.slot_grad = limit;
+    n_.slot_value = value;
+    n_.ebtrial = modes;
+    n_.ebtrial_known = known;
+    std::fill(n_.slot_status.begin(), n_.slot_status.end(), 0);
+  }
+
+private:
+  bool of_covariance(std::size_t k) const { return in_covariance_[k % in_covariance_.size()] != 0; }
+
+  bool lifted(double share, std::vector<double>& gradient)
+  {
+    n_.lift.assign(scale_.size(), 0.0);
+    for (std::size_t i = 0; i < scale_.size(); ++i)
+      if (scale_[i] > 0.0 && std::isfinite(scale_[i])) n_.lift[i] = share / scale_[i];
+    bool ended = false;
+    const bool good = evaluate_slots(n_, ended);
+    gradient = n_.slot_grad;
+    return good;
+  }
+
+  // Subject by subject, so that what cancels between them does not look rough.
+  bool smooth() const
+  {
+    const std::size_t stride = in_covariance_.size();
+    for (std::size_t j = 0; j < stride; ++j) {
+      double change = 0.0, size = 0.0;
+      for (std::size_t k = j; k < near_.size() && in_covariance_[j] != 0; k += stride) {
+        change += std::abs(far_[k] - near_[k]);
+        size += std::abs(near_[k]);
+      }
+      if (change > 1e-3 * size) return false;
+    }
+    return true;
+  }
+
+  NX& n_;
+  std::vector<double>& scale_; // per effect of all levels: information on an effect without variance
+  std::vector<char> in_covariance_;
+  std::vector<double> near_, far_;
+};
 
 } // namespace
 
@@ -176,7 +228,8 @@ int tvllike(NX& n)
   for (auto& ctx : n.ctx) std::fill(ctx->batch.null_scale.begin(), ctx->batch.null_scale.end(), 0.0);
   bool ended = false;
   const bool good = evaluate_slots(n, ended);
-  if (good && n.dograd && n.nreff() > 0) take_limit_of_gradient(n);
+  if (good && n.dograd && n.nreff() > 0)
+    if (GradientLimit limit(n); limit.needed()) limit.take();
   if (good) sum_slots(n);
   if (!good || !(n.objfun < model::failure_objective)) {
     take_failure(n);

@@ -93,9 +93,9 @@ int difference_means(NX& n, Posterior& out)
   const std::vector<double> at = n.parm;
   int rc = 0;
   for (std::size_t j = 0; j < np && rc <= 2; ++j) {
-    const double error = n.str != nullptr ? n.str->ster[j] : host::missing;
+    const double error = n.str != nullptr && n.str->ster != nullptr ? n.str->ster[j] : host::missing;
     const double unit = error > 0.0 && std::isfinite(error) ? error : 0.1 * std::max(std::abs(at[j]), 0.1);
-    const bool bounded = n.parmstr[j].applyl && at[j] - 0.02 * unit <= n.parmstr[j].lowbound;
+    const bool bounded = j < n.parmstr.size() && n.parmstr[j].applyl && at[j] - 0.02 * unit <= n.parmstr[j].lowbound;
     const double h = bounded ? 1e-3 * unit : 1e-2 * unit;
     std::vector<double> slope(out.estimate.size(), 0.0);
     const auto add = [&](double steps, double factor) {

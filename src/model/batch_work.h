@@ -102,7 +102,8 @@ struct BatchWork : Priors {
   std::vector<double> point_moments; // of the standard points: nr, then nrs
   std::vector<double> slope_moments; // of the derivatives by u: nr; times the points: nr x nr
   std::vector<double> direct;        // np: of the derivatives by parameters
-  std::vector<double> null_scale;    // nr: largest information of a subject on an effect where G leaves no variance; 0: none
+  std::vector<double> null_scale; // per effect, all levels: largest information of a subject on it, where G leaves it
+                                  // no variance; 0: none
   std::vector<LineSum> line;         // the trapezoidal rule, per slot
   double constants = 0.0;            // nr/2 log 2 pi - nr log s: of the prior, and of the scale s of the points
   std::vector<double> scratch;       // one subject's small matrices

@@ -82,6 +82,7 @@ struct RunOptions {
   bool pictures = false;      // somebody will look at pictures of the fit
   bool list = false, listcode = false, listdep = false, xref = false, listder = false;
   bool nosort = false;        // NOSORTSUB
+  bool sortwarn = false;      // no memory to sort by subject: as with NOSORTSUB
   bool retfail = false;       // RETFAIL$: a failed evaluation of a nested model returns 1
   bool reobsinfo = false;     // REOBSINFO$: tables of the subjects
   bool runThreads = false;    // NTHREADS= not 0
@@ -242,7 +243,7 @@ struct FitState {
   bool dograd = false;                        // gradient wanted from the objective
   double objfun = 0.0;                        // objective at parm
   std::vector<double> objgrad;                // its gradient, nparm doubles
-  std::vector<double> lift;                   // per random effect of the leaf: what counts as the variance left where G
+  std::vector<double> lift;                   // per random effect, all levels: what counts as the variance left where G
                                               // leaves none (its gradient is a limit, see integration); empty: none
   bool failed = false;                        // the last evaluation failed
   std::vector<double> failed_parm;            // parameters of the last evaluation of this fit that failed; empty: none

@@ -3,6 +3,7 @@
 
 #include "engine/engine.h"
 #include "host/pool.h"
+#include "host/scratch_file.h"
 
 #include <cstdint>
 #include <memory>
@@ -14,43 +15,64 @@ namespace torvale::model {
 
 // Why an observation is not used. The first cause that applies is kept.
 enum class BadCause : std::uint8_t {
-  none, dependent, replicate, log_likelihood, gradient, random_argument, random_gradient, deleted, event
+  none,
+  dependent,
+  replicate,
+  log_likelihood,
+  gradient,
+  random_argument,
+  random_gradient,
+  deleted,
+  event
 };
 
 // Store: the kept variables of the BY group, one aligned column each, rows in subject order (subjects in order of first
 // appearance, a subject's rows in file order). Built by the data room, constant during evaluations.
 struct Store {
-  std::unique_ptr<host::Pool> datapool;      // owns the columns
-  std::int64_t nobs = 0;                     // rows
-  std::int64_t nobsu = 0;                    // rows used: not marked in badobs
-  engine::DataView view;                     // the columns as the engine takes them
+  Store() = default;
+  // All that has an entry for every row lies in `memory`; null: the heap.
+  explicit Store(const host::RowMemory& memory);
+
+  std::unique_ptr<host::Pool> datapool;               // owns the columns
+  std::int64_t nobs = 0;                              // rows
+  std::int64_t nobsu = 0;                             // rows used: not marked in badobs
+  engine::DataView view;                              // the columns as the engine takes them
   std::vector<std::vector<std::string>> dictionaries; // texts of the character columns (view points into it)
-  std::vector<std::int32_t> subject_start;   // per row: row where its subject starts
-  std::vector<std::int64_t> file_row;        // per row: row number in the input file, from 1 (for messages)
-  std::vector<std::int64_t> group_row;       // per row: position in the BY group, from 0 (observation number less one)
-  std::vector<std::int32_t> row_of_group;    // inverse of group_row
-  std::vector<BadCause> badobs;              // per row: none when the observation is used
-  std::vector<double> replicate;             // per row: value of the REPLICATE variable; empty without one
-  std::vector<double> dependent;             // per row: value of the dependent variable when it is a data variable; else empty
+  host::RowVector<std::int32_t> subject_start;        // per row: row where its subject starts
+  host::RowVector<std::int64_t> file_row;             // per row: row number in the input file, from 1 (for messages)
+  host::RowVector<std::int64_t> group_row;    // per row: position in the BY group, from 0 (observation number less one)
+  host::RowVector<std::int32_t> row_of_group; // inverse of group_row
+  host::RowVector<BadCause> badobs;           // per row: none when the observation is used
+  host::RowVector<double> replicate;          // per row: value of the REPLICATE variable; empty without one
+  host::RowVector<double> dependent; // per row: value of the dependent variable when it is a data variable; else empty
 };
+
+inline Store::Store(const host::RowMemory& memory)
+    : datapool(host::xmpoolc("data store", memory)), subject_start(host::RowAllocator<std::int32_t>(memory)),
+      file_row(host::RowAllocator<std::int64_t>(memory)), group_row(host::RowAllocator<std::int64_t>(memory)),
+      row_of_group(host::RowAllocator<std::int32_t>(memory)), badobs(host::RowAllocator<BadCause>(memory)),
+      replicate(host::RowAllocator<double>(memory)), dependent(host::RowAllocator<double>(memory))
+{
+  view.memory = memory;
+}
 
 // SUBINFO: one subject of one RANDOM statement. (Subject information.)
 struct SUBINFO {
-  int ranind = 0;                // index of its REFFECT
-  int index = 0;                 // position in SubInfo, from 0: order of first appearance
-  std::int64_t first_row = 0;    // first row in the store
-  int SubCount = 0;              // rows
-  int used = 0;                  // rows used
-  std::int64_t fvalidobs = 0;    // store row of its first used observation
-  std::int64_t lvalidobs = 0;    // store row of its last used observation
-  double n = 0.0;                // subject value when numeric
-  std::string prnc;              // subject value for printing
-  std::string nestlev;           // the values of its ancestors and its own, joined by "-", for printing
-  int parent = -1;               // the subject of the next outer level that it is nested in; -1 at the outermost
-  int first_child = 0;           // its children in the next deeper level: first_child to last_child - 1
+  int ranind = 0;             // index of its REFFECT
+  int index = 0;              // position in SubInfo, from 0: order of first appearance
+  std::int64_t first_row = 0; // first row in the store
+  int SubCount = 0;           // rows
+  int used = 0;               // rows used
+  std::int64_t fvalidobs = 0; // store row of its first used observation
+  std::int64_t lvalidobs = 0; // store row of its last used observation
+  double n = 0.0;             // subject value when numeric
+  std::string prnc;           // subject value for printing
+  std::string nestlev;        // the values of its ancestors and its own, joined by "-", for printing
+  int parent = -1;            // the subject of the next outer level that it is nested in; -1 at the outermost
+  int first_child = 0;        // its children in the next deeper level: first_child to last_child - 1
   int last_child = 0;
-  double weight = 1.0;           // replicate count of its last used observation; 1 without REPLICATE
-  bool badsub = false;           // no observation is used
+  double weight = 1.0; // replicate count of its last used observation; 1 without REPLICATE
+  bool badsub = false; // no observation is used
 };
 
 } // namespace torvale::model

@@ -97,6 +97,7 @@ void nested_levels(NX& n, const STMT& procedure)
     n.raise(4);
     n.nosort = false;
   }
+  refuse_doses_across_levels(n);
 }
 
 } // namespace torvale::run

@@ -138,6 +138,7 @@ private:
       if (!options) return variables;
       reference.options = std::move(*options);
     }
+    if (procedure.flag(torvale_flag::nosortsub)) reference.memory = std::make_shared<host::ScratchFile>();
     data_ = host_.libraries().xoopen(reference, host_.log(), place);
     if (data_)
       for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric()});
@@ -161,7 +162,10 @@ private:
     std::vector<compartment::Variable> variables;
     if (data_)
       for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric(), column.numeric() ? column.numbers() : std::span<const double>()});
-    const auto lines = compartment::zcmpt(*proc.current, variables, writes_log(proc.program), place, host_.log());
+    STMT* last = nullptr;
+    const int earlier = syntax::FindStmt(proc, proc.current->name, &last) - 1;
+    const auto lines =
+        compartment::zcmpt(*proc.current, variables, earlier, writes_log(proc.program), place, host_.log());
     return lines.empty() ? 1 : push_lines(stream, lines);
   }
 

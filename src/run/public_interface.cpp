@@ -122,6 +122,7 @@ Run::Run(Settings settings) : state_(std::make_unique<State>())
   s.seed = settings.seed;
   s.check_only = settings.check_only;
   s.strict = settings.strict;
+  s.memory = settings.memory;
   s.listing = std::move(settings.listing);
   s.log = std::move(settings.log);
   if (settings.progress || settings.interrupted)

@@ -33,7 +33,7 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   options.progress = settings.progress;
   state_->host = host::make_host(std::move(options));
   const int workers = settings.threads < 0 ? state_->host->cores() : settings.threads;
-  state_->host->libraries().set_reading(settings.separator, std::max(workers, 1));
+  state_->host->libraries().set_reading(settings.separator, std::max(workers, 1), settings.memory);
   for (const auto& [name, path] : settings.data) state_->host->libraries().bind_data(name, path);
   for (const auto& [name, path] : settings.libraries) state_->host->libraries().bind_library(name, path);
   state_->settings = std::move(settings);

@@ -24,6 +24,7 @@ struct RunSettings {
   std::vector<std::pair<std::string, std::string>> data;      // one-level data set name, file
   std::vector<std::pair<std::string, std::string>> libraries; // library name, folder or SQLite file
   char separator = 0;                                         // of text files; 0: found from their names
+  std::uint64_t memory = 0;                                   // bytes that data may take; 0: what is free
   int threads = 0;                    // workers when the program does not say: 0 serial, negative all cores
   long seed = 0;                      // seed when the program does not say; 0 the clock
   bool check_only = false;            // parse and compile, fit nothing

@@ -27,6 +27,8 @@ void parameter_setup(model::NX& n);
 void grid_size(model::NX& n);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
+// Event records with several RANDOM statements: a dose must not act from one innermost subject into another.
+void refuse_doses_across_levels(model::NX& n);
 // nested_levels: several RANDOM statements, read: checks the nesting (nestcheck), puts the levels in order, the deepest first, and
 // what else holds for several levels only.
 void nested_levels(model::NX& n, const syntax::STMT& procedure);

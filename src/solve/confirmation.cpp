@@ -1,5 +1,6 @@
 #include "solve/confirmation.h"
 
+#include "host/message_names.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"
@@ -249,9 +250,8 @@ int FitEnd::run()
   str.maxi = maxi;
   str.maxf = maxf;
   if (str.nitr > iterations)
-    n_.host->log().xpmlog(
-        503, 9360,
-        {{"iterations", static_cast<long>(str.nitr - iterations)}, {"from", 2.0 * f_technique}, {"to", 2.0 * f_}});
+    n_.host->log().xpmlog(message::confirmation_lowered_objective{
+        .iterations = static_cast<long>(str.nitr - iterations), .from = 2.0 * f_technique, .to = 2.0 * f_});
   return code;
 }
 

@@ -64,7 +64,9 @@ FitCoordinates::FitCoordinates(const NX& n, const double* x, bool factors)
     fixed_[i] = p.held();
   }
   if (factors) add_logarithm(n);
-  if (factors && n.nreff() == 1 && n.reff[0].distrtype == 0) add_blocks(n, x);
+  if (!factors) return;
+  for (const auto& reff : n.reff)
+    if (reff.distrtype == 0) add_blocks(n, reff, x);
 }
 
 void FitCoordinates::add_logarithm(const NX& n)
@@ -87,9 +89,8 @@ void FitCoordinates::add_logarithm(const NX& n)
 }
 
 // Effects that a covariance joins form a block.
-void FitCoordinates::add_blocks(const NX& n, const double* x)
+void FitCoordinates::add_blocks(const NX& n, const model::REFFECT& reff, const double* x)
 {
-  const auto& reff = n.reff[0];
   std::vector<int> group(static_cast<std::size_t>(reff.nr));
   for (int i = 0; i < reff.nr; ++i) group[static_cast<std::size_t>(i)] = i;
   std::vector<std::vector<int>> what(group.size(), std::vector<int>(group.size()));
@@ -180,7 +181,8 @@ void FitCoordinates::add_block(const std::vector<std::vector<int>>& parameter, c
 double FitCoordinates::factor(const Block& b, int r, int c, const double* t) const
 {
   const auto p = static_cast<std::size_t>(b.parameter[packed(r, c)]);
-  return origin_[p] + scale_[p] * t[p];
+  const double l = origin_[p] + scale_[p] * t[p];
+  return std::abs(l) > contact * std::abs(origin_[p]) ? l : 0.0;
 }
 
 void FitCoordinates::parameters(const double* t, double* x) const

@@ -64,7 +64,7 @@ private:
     int order = 0;
     std::vector<int> parameter; // packed: the parameter of each element, rows in pivoted order
   };
-  void add_blocks(const model::NX& n, const double* x);
+  void add_blocks(const model::NX& n, const model::REFFECT& reff, const double* x);
   void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
   double factor(const Block& b, int r, int c, const double* t) const;
   void add_logarithm(const model::NX& n);

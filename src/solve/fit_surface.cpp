@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace torvale::solve {
 
@@ -102,13 +103,14 @@ bool along(FitSurface& surface, int i, double h, const double* g0, std::vector<d
 }
 
 // Finds the scale of coordinate i: its interval is right when the curvature over it is that of `interval` standard
-// errors. column receives the derivative by the coordinate in its final scale.
+// errors, or when a longer one fails. column receives the derivative by the coordinate in its final scale.
 bool measure_coordinate(FitSurface& surface, int i, const double* g0, std::vector<double>& column)
 {
-  constexpr int most_trials = 8;
-  double h = interval;
+  constexpr int most_trials = 12;
+  double h = interval, fails = std::numeric_limits<double>::infinity();
   for (int trial = 0; trial < most_trials; ++trial) {
     if (!along(surface, i, h, g0, column)) {
+      fails = h;
       h *= 0.1;
       continue;
     }
@@ -116,7 +118,9 @@ bool measure_coordinate(FitSurface& surface, int i, const double* g0, std::vecto
     const double ratio = std::sqrt(curvature) * h / interval; // 1 when right
     if (ratio > 0.1 && ratio < 10.0) return true;
     if (ratio < 1e-6 && h > 0.1) return true; // no curvature to speak of
-    if (trial + 1 < most_trials) h *= ratio > 0.0 ? std::clamp(1.0 / ratio, 1e-4, 1e3) : 1e3;
+    if (ratio < 1.0 && 20.0 * h > fails) return true;
+    if (trial + 1 < most_trials)
+      h = std::min(h * (ratio > 0.0 ? std::clamp(1.0 / ratio, 1e-4, 1e3) : 1e3), 0.5 * fails);
   }
   return !column.empty() && std::isfinite(column[static_cast<std::size_t>(i)]);
 }

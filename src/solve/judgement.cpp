@@ -127,10 +127,12 @@ private:
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
     const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
-    if (home == 0.0 || !std::isfinite(home)) return;
-    if (change_along(k, home) < gain_allowed || !(change_along(k, -home) < gain_allowed)) return;
-    for (int i = 0; i < m(); ++i)
-      if (std::abs(vector(i, k)) > 0.3) note_separated(out_.curvature.free[static_cast<std::size_t>(i)]);
+    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= gain_allowed &&
+                       outward([&](double a) { return change_along(k, a); }, -home) < gain_allowed;
+    for (int i = 0; i < m(); ++i) {
+      const int own = out_.curvature.free[static_cast<std::size_t>(i)];
+      if (std::abs(vector(i, k)) > 0.3 && (whole || runs_away(own))) note_separated(own);
+    }
   }
 
   void curved_directions()
@@ -149,8 +151,43 @@ private:
     for (int i = 0; i < m(); ++i) {
       const int j = out_.curvature.free[static_cast<std::size_t>(i)];
       if (c.scale(j) <= c.own_size(j) || out_.curvature.at(i, i) < 0.5) continue;
-      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed) note_separated(j);
+      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed || beyond_curvature(i))
+        note_separated(j);
     }
+  }
+
+  // The way out may end before a standard error, where an evaluation fails, and then tells nothing. On the tail of an
+  // exponential the way back to 0 rises far more than slope and curvature promise, and the way out does not rise.
+  bool beyond_curvature(int i)
+  {
+    const int j = out_.curvature.free[static_cast<std::size_t>(i)];
+    const double home = way_home(j);
+    const double promised = std::abs(out_.curvature.at(i, i)) * home * home + 2.0 * std::abs(g_[j] * home);
+    return home != 0.0 && change_of(j, home) > 10.0 * promised && runs_away(j);
+  }
+
+  // Coordinate j alone rises on the way to 0, and not on the way out.
+  bool runs_away(int j)
+  {
+    const double home = way_home(j);
+    return home != 0.0 && change_of(j, home) >= gain_allowed &&
+           outward([&](double a) { return change_of(j, a); }, -home) < gain_allowed;
+  }
+
+  double way_home(int j) const
+  {
+    const FitCoordinates& c = surface_.coordinates();
+    return -std::copysign(c.own_size(j), c.origin(j)) / c.scale(j);
+  }
+
+  // The change at the longest of the steps a, a/2, a/4, ... that can be evaluated, or at half of that, where the edge
+  // is no longer felt; largest when none of them can.
+  template <class Change> double outward(Change change, double a)
+  {
+    constexpr int most_halvings = 20;
+    for (int halving = 0; halving <= most_halvings; ++halving, a *= 0.5)
+      if (const double rise = change(a); rise < largest) return std::min(rise, change(0.5 * a));
+    return largest;
   }
 
   void note_separated(int coordinate)

@@ -139,8 +139,7 @@ int settle_points(NX& n)
   }
   for (;;) {
     n.nqpold = n.nqp;
-    const double accepted = f;                             // objective of the count nqpold
-    const double fold = std::abs(f) < n.qtol ? n.qtol : f; // guarded denominator
+    const double accepted = f; // objective of the count nqpold
     const double next = n.nqp < 10 ? n.nqp + 2 : std::floor(n.nqp + n.qfac);
     if (next > n.qmax) {
       message::integral_not_accurate words{.points = n.nqpold, .change = change, .tolerance = n.qtol};
@@ -151,7 +150,7 @@ int settle_points(NX& n)
     }
     f = evaluate_with(n, host::whole_number(next));
     if (!has_value(f)) continue;
-    change = std::abs(f - fold) / std::abs(fold);
+    change = relative_change(n, accepted, f);
     if (!(change < n.qtol) || !has_value(accepted)) continue;
     // The smaller of the two counts; its modes and objective are those that follow.
     evaluate_with(n, n.nqpold);

@@ -57,7 +57,7 @@ public:
       host::MessageLog log;
       language::xtanch(stream);
       language::xttpshx(stream);
-      for (const std::string& line : compartment::zcmpt(*proc.current, {}, false, {}, log))
+      for (const std::string& line : compartment::zcmpt(*proc.current, {}, 0, false, {}, log))
         language::xttpshb(stream, line);
       return 0;
     };

@@ -184,6 +184,31 @@ TEST_P(MachineCode, EveryKernelGivesTheBitsOfItsLoop)
   }
 }
 
+// Means of exponentials of a fixed order, many at once: with rates near each other in all lanes, in some and in none.
+TEST_P(MachineCode, MeansOfExponentials)
+{
+  constexpr double orders[] = {0, 1, 10, 2, 11, 20, 3, 21, 44};
+  for (unsigned seed = 1; seed <= 12; ++seed) {
+    std::mt19937 random(seed);
+    constexpr int registers = 40, fixed = std::size(orders);
+    StageUnderTest stage(*table_, registers);
+    for (int r = 0; r < fixed; ++r) stage.fix(r, orders[r]);
+    for (int r = fixed; r < registers; ++r) {
+      Column values = numbers(random);
+      if (seed % 3 != 0)
+        for (double& v : values.value) v = std::uniform_real_distribution<>(0.0, seed % 3 == 1 ? 9.0 : 0.9)(random);
+      stage.load(r, values, Input::From::column);
+    }
+    const auto any = [&] { return fixed + static_cast<int>(random() % (registers - fixed)); };
+    for (int n = 0; n < 60; ++n) {
+      const int out = any();
+      stage.apply(Kernel::exp_mean, out, {any(), any(), any(), any(), static_cast<int>(random() % fixed)});
+      if (n % 4 == 0) stage.output(out);
+    }
+    EXPECT_EQ(stage.difference({}), "") << "seed " << seed << ", " << table_->isa;
+  }
+}
+
 // Long random stages over many registers: values are stored and brought back, masks and numbers are mixed, kernels are
 // called in between.
 TEST_P(MachineCode, MoreValuesThanRegisters)

@@ -97,6 +97,15 @@ TEST(Messages, ExplainTakesCodesInThreeForms)
   EXPECT_NE(text.find("No observation can be used"), std::string::npos);
   EXPECT_NE(text.find("What to try"), std::string::npos);
   EXPECT_EQ(explain_message("503-71"), text);
+  // A sentence, not a template.
+  EXPECT_NE(explain_message("503/232").find("None of the starting points can be used."), std::string::npos);
+  EXPECT_NE(explain_message("549/605").find("MAXITER=... iterations"), std::string::npos);
+  for (const CatalogueEntry& e : catalogue())
+    EXPECT_EQ(explain_message(std::to_string(e.group) + "/" + std::to_string(e.number)).find_first_of("{}"),
+              std::string::npos)
+        << e.group << "/" << e.number;
+  for (const char* of_programs : {"200/1", "200/8", "200/15", "200/18"})
+    EXPECT_NE(explain_message(of_programs), "") << of_programs;
   EXPECT_EQ(explain_message("71"), text);
   for (const char* bad : {"", "x", "503/", "503/99999", "71x", "/71", "99999999999999999999"})
     EXPECT_EQ(explain_message(bad), "") << bad;

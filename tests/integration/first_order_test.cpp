@@ -16,8 +16,9 @@ namespace {
 
 constexpr double log_two_pi = 1.8378770664093456;
 
-// y ~ normal(exp(b0 + u + (b1 + v) x) + w x, s2 exp(0.3 x)), with as many of the effects u, v, w as asked. Their means
-// are a, 0 and 0.2 a, their covariance has g on the diagonal and c below it, times the subject's size with `varies`.
+// y ~ normal(exp(b0 + u + (b1 + v) x) + w x + q x^2, s2 exp(0.3 x)), with as many of the effects u, v, w, q as asked.
+// Their means are a, 0, 0.2 a, 0; their covariance has variances g and c off the diagonal, all times the subject's size
+// with `varies`.
 struct Draw {
   int effects = 1;
   bool varies = false, weighted = false;
@@ -35,7 +36,7 @@ Draw draw(unsigned seed)
   std::uniform_real_distribution<double> uniform(0.0, 1.0);
   const auto pick = [&](int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); };
   Draw d;
-  d.effects = pick(1, 3);
+  d.effects = pick(1, 4);
   d.varies = pick(0, 2) == 0;
   d.weighted = pick(0, 3) == 0;
   const int subjects = pick(1, 9);
@@ -55,8 +56,8 @@ Draw draw(unsigned seed)
 
 ModelText text_of(const Draw& d)
 {
-  const char* const names[] = {"u", "v", "w"};
-  const char* const variances[] = {"g0", "g1", "g2"};
+  const char* const names[] = {"u", "v", "w", "q"};
+  const char* const variances[] = {"g0", "g1", "g2", "g3"};
   ModelText text;
   text.parameters = {"b0", "b1", "s2", "a", "c"};
   for (int e = 0; e < d.effects; ++e) {
@@ -66,6 +67,7 @@ ModelText text_of(const Draw& d)
   text.prior = {Term("a")};
   if (d.effects > 1) text.prior.emplace_back(0.0);
   if (d.effects > 2) text.prior.push_back(Term(0.2) * "a");
+  if (d.effects > 3) text.prior.emplace_back(0.0);
   for (int i = 0; i < d.effects; ++i)
     for (int j = 0; j <= i; ++j) {
       const Term element = i == j ? variances[i] : "c";
@@ -73,6 +75,7 @@ ModelText text_of(const Draw& d)
     }
   Term mean = exp(Term("b0") + "u" + (d.effects > 1 ? Term("b1") + "v" : Term("b1")) * "x");
   if (d.effects > 2) mean = mean + Term("w") * "x";
+  if (d.effects > 3) mean = mean + Term("q") * "x" * "x";
   const Term e = Term("y") - "eta";
   text.assignments = {{"eta", mean},
                       {"var", Term("s2") * exp(Term(0.3) * "x")},
@@ -109,7 +112,7 @@ double plain_objective(const Draw& d, const std::vector<double>& theta, const st
   const auto nr = static_cast<std::size_t>(d.effects);
   double sum = 0.0;
   for (std::size_t s = 0; s < d.subjects.size(); ++s) {
-    const double means[] = {theta[3], 0.0, 0.2 * theta[3]};
+    const double means[] = {theta[3], 0.0, 0.2 * theta[3], 0.0};
     std::vector<double> u(means, means + nr);
     if (!expansion.empty()) std::copy_n(expansion.begin() + static_cast<long>(s * nr), nr, u.begin());
     const std::size_t count = d.subjects[s].size();
@@ -118,8 +121,8 @@ double plain_objective(const Draw& d, const std::vector<double>& theta, const st
     for (std::size_t i = 0; i < count; ++i) {
       const auto [x, y] = d.subjects[s][i];
       const long double curve = std::exp(theta[0] + u[0] + (theta[1] + (nr > 1 ? u[1] : 0.0)) * x);
-      z[i] = {curve, curve * x, x};
-      e[i] = y - curve - (nr > 2 ? u[2] * x : 0.0);
+      z[i] = {curve, curve * x, x, x * x};
+      e[i] = y - curve - (nr > 2 ? u[2] * x : 0.0) - (nr > 3 ? u[3] * x * x : 0.0);
       for (std::size_t k = 0; k < nr; ++k) e[i] += z[i][k] * (u[k] - means[k]);
       for (std::size_t j = 0; j <= i; ++j)
         for (std::size_t k = 0; k < nr; ++k)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 
@@ -165,32 +166,63 @@ TEST(GradientCorners, EffectWithoutVariance)
 }
 
 // By a direction in which G has no variance the gradient is the derivative from inside, of the rule in use.
+struct Corner {
+  const char* what;
+  std::vector<double> theta;
+  std::size_t variance;
+};
+
+void expect_one_sided(const ModelText& text, const Rule& rule, const Corner& corner)
+{
+  const auto n = make_run(text, rule);
+  const double f = objective(*n, corner.theta, true), analytic = n->objgrad[corner.variance];
+  integration::accept_modes(*n);
+  const double h = std::min(1e-4, 0.02 / std::abs(analytic));
+  const auto change = [&](double step) {
+    auto at = corner.theta;
+    at[corner.variance] += step;
+    return objective(*n, at) - f;
+  };
+  const double inside = (8.0 * (4.0 * change(h / 4) - change(h / 2)) - (4.0 * change(h / 2) - change(h))) / (3.0 * h);
+  EXPECT_NEAR(analytic, inside, 1e-5 * std::max(1.0, std::abs(inside))) << corner.what;
+}
+
 TEST(GradientCorners, OneSidedWhereThereIsNoVariance)
 {
-  struct Corner {
-    const char* what;
-    std::vector<double> theta; // b0, b1, s2, mu0, g11, g21, g22
-    std::size_t variance;
-  };
   const Corner corners[] = {{"second effect absent", {0.2, 0.3, 0.6, 0.1, 0.5, 0.0, 0.0}, 6},
                             {"first effect absent", {0.2, 0.3, 0.6, 0.1, 0.0, 0.0, 0.3}, 4},
                             {"no effect", {0.2, 0.3, 0.6, 0.1, 0.0, 0.0, 0.0}, 4},
                             {"correlation one", {0.2, 0.3, 0.6, 0.1, 0.64, 0.4, 0.25}, 6}};
   for (const Response response : {Response::poisson, Response::normal, Response::binomial})
     for (const Rule& rule : {Rule{true, true, 5}, Rule{true, true, 1}, Rule{true, false, 5}, Rule{false, false, 5}})
-      for (const Corner& corner : corners) {
-        const auto n = make_run(regression(response, 2), rule);
-        const double f = objective(*n, corner.theta, true), analytic = n->objgrad[corner.variance];
-        integration::accept_modes(*n);
-        const auto change = [&](double h) {
-          auto at = corner.theta;
-          at[corner.variance] += h;
-          return objective(*n, at) - f;
-        };
-        const double h = 1e-4;
-        const double inside = (8.0 * (4.0 * change(h / 4) - change(h / 2)) - (4.0 * change(h / 2) - change(h))) / (3.0 * h);
-        EXPECT_NEAR(analytic, inside, 1e-5 * std::max(1.0, std::abs(inside))) << name_of(response) << ", " << corner.what;
-      }
+      for (const Corner& corner : corners) expect_one_sided(regression(response, 2), rule, corner);
+}
+
+TEST(NestedGradientCorners, OneSidedWhereThereIsNoVariance)
+{
+  const Corner corners[] = {{"middle level absent", {0.2, 0.3, 0.6, 0.1, 0.5, 0.1, 0.3, 0.0, 0.2}, 7},
+                            {"leaves absent", {0.2, 0.3, 0.6, 0.1, 0.5, 0.1, 0.3, 0.4, 0.0}, 8},
+                            {"second outer effect absent", {0.2, 0.3, 0.6, 0.1, 0.5, 0.0, 0.0, 0.4, 0.2}, 6},
+                            {"no effect, middle", {0.2, 0.3, 0.6, 0.1, 0.0, 0.0, 0.0, 0.0, 0.0}, 7},
+                            {"no effect, outer", {0.2, 0.3, 0.6, 0.1, 0.0, 0.0, 0.0, 0.0, 0.0}, 4}};
+  for (const Response response : {Response::poisson, Response::normal})
+    for (const Rule& rule : {Rule{true, true, 3}, Rule{true, true, 1}, Rule{true, false, 3}, Rule{false, false, 3}})
+      for (const Corner& corner : corners) expect_one_sided(nested(response, 3), rule, corner);
+}
+
+// Counts that are nearly all 0 know next to nothing of their effect, which acts exponentially all the same.
+TEST(GradientCorners, OneSidedWhereAnEffectActsStronglyAndIsHardlyKnown)
+{
+  auto text = regression(Response::poisson, 1);
+  for (auto& column : text.columns)
+    if (column.first == "y") std::fill(column.second.begin(), column.second.end(), 0.0);
+  const std::vector<double> theta = {-9.0, 0.0, 0.6, 0.0, 0.0};
+  for (const Rule& rule : {Rule{true, true, 7}, Rule{true, true, 1}, Rule{false, false, 7}}) {
+    const auto n = make_run(text, rule);
+    const double f = objective(*n, theta, true);
+    EXPECT_NEAR(n->objgrad[0], f, 1e-9 * f);       // by the intercept
+    EXPECT_NEAR(n->objgrad[4], 0.5 * f, 1e-3 * f); // by the variance
+  }
 }
 
 // At no variance at all the integral is known: -1/2 sum over subjects of (sum ll_u)^2 + sum ll_uu at the mean.

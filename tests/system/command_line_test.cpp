@@ -115,6 +115,12 @@ TEST(CommandLine, PutCannotReplaceFilesOfTheRun)
     EXPECT_TRUE(nlohmann::json::accept(read_text(folder.file("results.json"))));
     EXPECT_THAT(read_text(folder.file("p.log")), HasSubstr("503/9435"));
   }
+  for (const std::string& target : {std::string("d.csv"), folder.file("d.csv")}) { // found by its name alone
+    program(target);
+    const Result r = torvale(folder, "run " + folder.file("p.tvl") + " --out " + folder.file(""));
+    EXPECT_EQ(r.exit_code, 1) << target;
+    EXPECT_EQ(read_text(folder.file("d.csv")), data);
+  }
   program("lines.txt");
   EXPECT_EQ(torvale(folder, "run " + folder.file("p.tvl") + " --data d=" + folder.file("d.csv") + " --out " + folder.file("")).exit_code, 0);
   EXPECT_EQ(read_text(folder.file("lines.txt")), "1 \n2 \n4 \n");
@@ -137,6 +143,13 @@ TEST(CommandLine, ClosedStreamsAndPipes)
                               " --data warpbreaks=/dev/stdin >" + folder.file("o") + " 2>" + folder.file("e");
   EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 0) << read_text(folder.file("e"));
   EXPECT_EQ(read_text(folder.file("o")), torvale(folder, "run " + poisson).out);
+
+  // A pipe gives its data once; every step has them.
+  const TemporaryFile steps("steps.tvl", "TORVALE DATA=warpbreaks; PARMS b=3; MODEL breaks ~ POISSON(EXP(b)); RUN;\n"
+                                         "TORVALE DATA=warpbreaks; PARMS b=3; MODEL breaks ~ POISSON(EXP(b)); RUN;\n");
+  const std::string twice = "cat " + data + " | " + TORVALE_BINARY + " run " + steps.path() +
+                            " --data warpbreaks=/dev/stdin >" + folder.file("o") + " 2>" + folder.file("e");
+  EXPECT_EQ(WEXITSTATUS(std::system(twice.c_str())), 0) << read_text(folder.file("e"));
 }
 
 TEST(CommandLine, StrictRefusesNamesThatParmsLacks)

@@ -176,6 +176,11 @@ TEST(Compartments, DoseRecordsAskForOptions)
       words += part.substr(std::min(part.size(), part.find_first_not_of(' '))) + " ";
     EXPECT_NE(words.find(c.text), std::string::npos) << c.model << " " << c.record << run.log;
   }
+  const TemporaryFile numeric("numeric.csv", "y,t,_CMPT_TYPE_,_CMPT_DOSE_,_CMPT_DTIME_\n1,1,5,10,1\n");
+  EXPECT_TRUE(run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 PCONC=c "
+                       "KE=0.3; MODEL y ~ NORMAL(c, s2); RUN;",
+                       "/tmp", 0, {{"d", numeric.path()}})
+                  .said(503, 9473));
 }
 
 } // namespace

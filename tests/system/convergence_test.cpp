@@ -65,6 +65,27 @@ TEST(Convergence, VarianceOfZero)
   }
 }
 
+// The same at either of two nested levels.
+TEST(Convergence, NestedVarianceOfZero)
+{
+  std::string csv = "school,class,y\n";
+  const int school[] = {4, -3, 1, -2, 3, -5, 2, 0}; // differs; its classes are all alike
+  for (int s = 0; s < 8; ++s)
+    for (int c = 0; c < 3; ++c)
+      for (int j = 0; j < 4; ++j)
+        csv += std::to_string(s) + "," + std::to_string(c) + "," + std::to_string(10 + school[s] + j) + "\n";
+  const std::string model = "MODEL y ~ NORMAL(m + u + v, s2); RANDOM u ~ NORMAL(0, s2s) SUBJECT=school;"
+                            "RANDOM v ~ NORMAL(0, s2c) SUBJECT=class(school); RUN;";
+  for (const std::string bounds : {"", "BOUNDS s2s >= 0, s2c >= 0, s2 > 0;"})
+    for (const std::string start : {"s2s=1 s2c=1", "s2s=0 s2c=0.5", "s2s=1 s2c=0", "s2s=0 s2c=0", "s2s=1 s2c=100"}) {
+      const auto run = fit_data(csv, "; PARMS m=10 " + start + " s2=1; " + bounds + model);
+      EXPECT_EQ(run.outcome.exit_code, 0) << start << bounds << run.log;
+      EXPECT_NEAR(run.number("ParameterEstimates", "s2s", "Estimate"), 8.5 - 120.0 / 88 / 12, 0.02) << start << bounds;
+      EXPECT_LT(run.number("ParameterEstimates", "s2c", "Estimate"), 1e-6) << start << bounds;
+      EXPECT_NEAR(run.number("ParameterEstimates", "s2", "Estimate"), 120.0 / 88, 1e-3) << start << bounds;
+    }
+}
+
 // Units of the response and of the covariate change no exit code.
 TEST(Convergence, UnitsDoNotMatter)
 {
@@ -90,6 +111,25 @@ TEST(Convergence, SeparationIsNoSuccess)
     EXPECT_EQ(run.outcome.exit_code, 5) << technique << run.log;
     EXPECT_TRUE(run.said(503, 9411)) << technique << run.log;
   }
+}
+
+// A response that is always the same: the intercept runs away, and evaluations fail before a standard error is passed.
+TEST(Convergence, ConstantResponses)
+{
+  const auto data = [](int value) {
+    std::string csv = "id,y\n";
+    for (int i = 0; i < 28; ++i) csv += std::to_string(i / 4) + "," + std::to_string(value) + "\n";
+    return csv;
+  };
+  const std::string tail = " RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NEWRAP", "TECHNIQUE=CONGRA"})
+    for (const std::string bounds : {"", "BOUNDS s2u >= 0;", "BOUNDS s2u > 0;"}) {
+      const std::string head = technique + "; PARMS b0=0 s2u=1; " + bounds;
+      const auto none = fit_data(data(0), head + "MODEL y ~ POISSON(EXP(b0 + u));" + tail);
+      EXPECT_EQ(none.outcome.exit_code, 5) << technique << bounds << none.log;
+      const auto all = fit_data(data(1), head + "p = 1/(1+EXP(-(b0+u))); MODEL y ~ BINARY(p);" + tail);
+      EXPECT_EQ(all.outcome.exit_code, 5) << technique << bounds << all.log;
+    }
 }
 
 // What the data do not identify has no standard error; the rest has that of the model without it; one warning names it.

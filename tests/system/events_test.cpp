@@ -21,8 +21,8 @@ std::vector<std::string> split(const std::string& line, char at)
   return parts;
 }
 
-// 200 histories: doses, infusions by rate, RATE= and DURN=, additional doses, both kinds of steady state, lags,
-// bioavailability, resets, parameters that change between records; one to three compartments, with and without depot.
+// 230 histories: doses, infusions by rate, RATE= and DURN=, additional doses, both kinds of steady state, lags (also of
+// several intervals), bioavailability, resets, parameters that change between records; one to three compartments, with and without depot.
 TEST(Events, HistoriesAgreeWithASimulation)
 {
   const auto lines = split(read_text(source_file("tests/data/special/event_histories.csv")), '\n');
@@ -156,11 +156,90 @@ TEST(Events, BadRecordsAreNamed)
     EXPECT_NE(words.find(c.words), std::string::npos) << c.row << run.log;
     EXPECT_NE(words.find("observation 3"), std::string::npos) << run.log;
   }
+  const TemporaryFile crowd("crowd.csv", "id,time,amt,evid,rate,y\n1,0,10,1,1,.\n1,1,10,1,1,.\n1,2,0,0,0,1\n");
+  const auto crowded = run_text(
+      "TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL EVENTS(PLACES=1) NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 "
+      "PCONC=c KE=0.3; MODEL y ~ NORMAL(c + b, s2); RANDOM b ~ NORMAL(0, 1) SUBJECT=id; RUN;",
+      "/tmp", 0, {{"d", crowd.path()}});
+  EXPECT_TRUE(crowded.said(503, 9201)) << crowded.log;
+  EXPECT_NE(crowded.log.find("PLACES="), std::string::npos) << crowded.log;
+  std::string rows = "id,time,amt,evid,rate,y\n";
+  for (int id = 1; id <= 60; ++id) rows += std::to_string(id) + ",0,10,1,1,.\n";
+  const TemporaryFile mixed("mixed.csv", rows);
+  EXPECT_TRUE(run_text("TORVALE DATA=d; PARMS s2=1; CMPTMODEL EVENTS NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 PCONC=c KE=0.3;"
+                       "MODEL y ~ NORMAL(c, s2); RUN;",
+                       "/tmp", 0, {{"d", mixed.path()}})
+                  .said(503, 9476));
   const TemporaryFile data("few.csv", "id,time,y\n1,0,1\n");
   EXPECT_TRUE(run_text("TORVALE DATA=d; PARMS s2=1; CMPTMODEL EVENTS NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 PCONC=c KE=0.3;"
                        "MODEL y ~ NORMAL(c, s2); RUN;",
                        "/tmp", 0, {{"d", data.path()}})
                   .said(503, 9475));
+}
+
+// Amounts begin anew in each innermost subject; what would act beyond it is refused.
+TEST(Events, NestedLevelsBeginAnew)
+{
+  const auto records = [](const char* further) {
+    std::string text = "id,occ,time,t,dose,amt,ii,addl,evid,y\n";
+    for (int id = 1; id <= 4; ++id)
+      for (int occ = 1; occ <= 2; ++occ) {
+        const std::string head = std::to_string(id) + "," + std::to_string(occ) + ",";
+        const int begin = 24 * (occ - 1);
+        text += head + std::to_string(begin) + ",0,100,100," + further + ",1,.\n";
+        for (const int t : {1, 3, 6})
+          text += head + std::to_string(begin + t) + "," + std::to_string(t) + ",100,0,0,0,0," +
+                  std::to_string(12.0 * std::exp(-(0.2 + 0.02 * id - 0.01 * occ) * t) + 0.1 * ((id + t) % 3)) + "\n";
+      }
+    return text;
+  };
+  const auto fit = [](const std::string& csv, const std::string& model) {
+    const TemporaryFile data("nested.csv", csv);
+    return run_text("TORVALE DATA=d TECHNIQUE=NONE QPOINTS=3; PARMS lk=-1.5 s2=0.1 v=0.1 w=0.05; k = exp(lk + b + o);" +
+                        model +
+                        "MODEL y ~ NORMAL(c, s2); RANDOM b ~ NORMAL(0, v) SUBJECT=id; RANDOM o ~ NORMAL(0, w) "
+                        "SUBJECT=occ(id); RUN;",
+                    "/tmp", 0, {{"d", data.path()}});
+  };
+  const std::string statement = "CMPTMODEL NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 PCONC=c KE=k SCALE1=8 EVENTS;";
+  const auto events = fit(records("0,0"), statement), hand = fit(records("0,0"), "c = dose/8*exp(-k*t);");
+  const auto value = events.column("FitStatistics", "Value"), truth = hand.column("FitStatistics", "Value");
+  ASSERT_EQ(value.size(), truth.size()) << events.log;
+  ASSERT_FALSE(truth.empty()) << hand.log;
+  EXPECT_NEAR(value[0], truth[0], 1e-10 * std::fabs(truth[0]));
+  EXPECT_FALSE(fit(records("6,2"), statement).said(503, 9477)); // the last additional dose comes at 12
+  const auto crossing = fit(records("12,2"), statement);
+  EXPECT_TRUE(crossing.said(503, 9477)) << crossing.log;
+}
+
+// Each statement keeps amounts of its own, and each model of dose records has its own arrays.
+TEST(Events, TwoModelsDoNotMeet)
+{
+  std::string text = "id,time,amt,evid,y,_CMPT_TYPE_,_CMPT_DOSE_CNT_,_CMPT_DOSE1,_CMPT_DTIME1\n";
+  for (int id = 1; id <= 3; ++id) {
+    text += std::to_string(id) + ",0,100,1,.,MCB,1,100,0\n";
+    for (const int t : {1, 2, 5})
+      text += std::to_string(id) + "," + std::to_string(t) + ",0,0,7,MCB,1,100," + std::to_string(t) + "\n";
+  }
+  const TemporaryFile data("two.csv", text);
+  for (const std::string events : {" EVENTS", ""}) {
+    const TemporaryFile slow("slow.csv", ""), fast("fast.csv", "");
+    const std::string head = "CMPTMODEL NCOMPS=1 ADMTYPE=IVB PARMTYPE=1" + events;
+    const auto run = run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1;" + head + " PCONC=c KE=0.2;" + head +
+                                  " PCONC=e KE=0.7; MODEL y ~ NORMAL(c + e + b, s2); RANDOM b ~ NORMAL(0, 1) SUBJECT=id;"
+                                  "PREDICT c OUT='" +
+                                  slow.path() + "'; PREDICT e OUT='" + fast.path() + "'; RUN;",
+                              "/tmp", 0, {{"d", data.path()}});
+    EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+    for (const auto& [path, rate] : {std::pair{slow.path(), 0.2}, {fast.path(), 0.7}}) {
+      const auto rows = split(read_text(path), '\n');
+      ASSERT_EQ(rows.size(), 13u) << run.log;
+      for (std::size_t row = 1; row < rows.size(); ++row) {
+        const auto cells = split(rows[row], ',');
+        EXPECT_NEAR(std::stod(cells[9]), 100 * std::exp(-rate * std::stod(cells[1])), 1e-12) << events << rows[row];
+      }
+    }
+  }
 }
 
 } // namespace

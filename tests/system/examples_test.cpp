@@ -42,15 +42,17 @@ TEST(Examples, RunClean)
 // A program of the gallery stands between ```torvale and ```; the line before names its file.
 TEST(Examples, GalleryShowsTheProgramsAsShipped)
 {
-  const std::string page = read_text(source_file("docs/examples.md"));
   int shown = 0;
-  for (std::size_t at = 0; (at = page.find("```torvale\n", at)) != std::string::npos; ++shown) {
-    const std::size_t name = page.rfind("`examples/", at) + 1;
-    const std::string file = page.substr(name, page.find('`', name) - name);
-    at += 11;
-    EXPECT_EQ(page.substr(at, page.find("```", at) - at), read_text(source_file(file))) << file;
+  for (const char* const gallery : {"docs/examples.md", "docs/pharmacokinetics.md"}) {
+    const std::string page = read_text(source_file(gallery));
+    for (std::size_t at = 0; (at = page.find("```torvale\n", at)) != std::string::npos; ++shown) {
+      const std::size_t name = page.rfind("`examples/", at) + 1;
+      const std::string file = page.substr(name, page.find('`', name) - name);
+      at += 11;
+      EXPECT_EQ(page.substr(at, page.find("```", at) - at), read_text(source_file(file))) << file;
+    }
   }
-  EXPECT_GE(shown, 8);
+  EXPECT_GE(shown, 12);
 }
 
 } // namespace

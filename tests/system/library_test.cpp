@@ -3,12 +3,14 @@
 #include "system/session.h"
 #include "torvale/torvale.h"
 
+#include <regex>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <array>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 
 namespace torvale::tests {
@@ -87,6 +89,31 @@ TEST(Library, DiagnosticsForEditors)
     EXPECT_EQ(d["source"], "torvale");
   }
   EXPECT_TRUE(found) << json.dump(1);
+}
+
+// The grammar for editors knows the words of the language, and its expressions are well formed.
+TEST(Library, HighlightingForEditors)
+{
+  const auto json = nlohmann::json::parse(read_text(TORVALE_HIGHLIGHTING));
+  EXPECT_EQ(json["scopeName"], "source.torvale");
+  std::string matches;
+  const std::function<void(const nlohmann::json&)> walk = [&](const nlohmann::json& node) {
+    for (const auto& [key, value] : node.items()) {
+      if (key == "match" || key == "begin" || key == "end") {
+        const std::string text = value;
+        const std::string groups = std::regex_replace(text, std::regex(R"(\\.)"), ""); // escaped characters are no groups
+        EXPECT_EQ(std::count(groups.begin(), groups.end(), '('), std::count(groups.begin(), groups.end(), ')')) << text;
+        matches += text + "\n";
+      } else if (value.is_structured()) {
+        walk(value);
+      }
+    }
+  };
+  walk(json);
+  for (const char* word : {"TORVALE", "RANDOM", "NOSORTSUB", "QPOINTS", "ELSE", "OTHERWISE", "POISSON", "NCOMPS"})
+    EXPECT_TRUE(matches.find(std::string("|") + word) != std::string::npos ||
+                matches.find(std::string("(") + word) != std::string::npos)
+        << word;
 }
 
 TEST(Library, AProgramFromAPipeKeepsItsFirstBytes)

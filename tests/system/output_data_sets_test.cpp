@@ -177,7 +177,7 @@ TEST(OutputDataSets, NeverReplaceTheInput)
   const Folder folder;
   const std::string text = read_text(source_file("tests/data/outputs/groups.csv"));
   std::ofstream(folder.file("input.csv")) << text;
-  for (const std::string out :
+  for (const std::string& out :
        {"PREDICT mu OUT='" + folder.file("input.csv") + "'; RUN;", std::string("PREDICT mu OUT=input; RUN;")}) {
     const auto run = run_into(folder, "TORVALE DATA='" + folder.file("input.csv") +
                                           "'; PARMS b0=0.7 b1=0.95 v=0.45 s2=0.06; mu = b0 + u + b1*x;"

@@ -50,10 +50,11 @@ bool Run::said(int group, int number) const
 }
 
 Run run_text(const std::string& program, const std::string& folder, int threads,
-             const std::vector<std::pair<std::string, std::string>>& data, bool pictures)
+             const std::vector<std::pair<std::string, std::string>>& data, bool pictures, std::uint64_t memory)
 {
   Run run;
   RunSettings settings;
+  settings.memory = memory;
   settings.program_name = "test.tvl";
   settings.program_folder = std::filesystem::path(folder).is_absolute() ? folder : source_file(folder);
   settings.output_folder = std::filesystem::temp_directory_path().string();

@@ -27,7 +27,8 @@ struct Run {
 // Runs a program text. One-level data set names are looked for in `folder`, relative to the source tree's root or
 // absolute.
 Run run_text(const std::string& program, const std::string& folder = "examples", int threads = 0,
-             const std::vector<std::pair<std::string, std::string>>& data = {}, bool pictures = false);
+             const std::vector<std::pair<std::string, std::string>>& data = {}, bool pictures = false,
+             std::uint64_t memory = 0);
 
 // The text of examples/NAME.tvl with `options` added to its TORVALE statement.
 std::string example(const std::string& name, const std::string& options);

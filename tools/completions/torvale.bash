@@ -7,13 +7,13 @@ _torvale()
     return
   fi
   case $before in
-    --threads|--seed|--separator) return ;;
+    --threads|--seed|--memory|--separator) return ;;
     --out|--figures) COMPREPLY=($(compgen -d -- "$word")); return ;;
     --format) COMPREPLY=($(compgen -W "text json" -- "$word")); return ;;
     --json|--html|--tables|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
   esac
   case $command in
-    run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --strict --quiet" ;;
+    run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --memory --strict --quiet" ;;
     check) options="--data --library --separator --json --log --no-color --statements --format" ;;
     describe) options="--library --separator" ;;
     explain) return ;;

@@ -14,6 +14,7 @@ complete -c torvale -n "__fish_seen_subcommand_from run" -l tables -r -d "every 
 complete -c torvale -n "__fish_seen_subcommand_from run" -l list -r -d "listing to a file"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l threads -r -d "worker threads"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l seed -r -d "seed"
+complete -c torvale -n "__fish_seen_subcommand_from run" -l memory -r -d "memory that data may take, as 4GB"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l strict -d "a name that is not in PARMS is an error"
 complete -c torvale -n "__fish_seen_subcommand_from run" -l quiet -d "no listing on standard output"
 complete -c torvale -n "__fish_seen_subcommand_from check" -l statements -d "list the statement records"

@@ -16,6 +16,7 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
 
 BoundData::BoundData(const CMPGLOBAL& gcmp, const DataView& view) : gcmp_(gcmp), view_(view)
 {
+  missing_.keep_in(view.memory);
   missing_.reserve(static_cast<std::size_t>(view.rows) + 1);
   std::fill_n(missing_.data(), view.rows + 1, std::numeric_limits<double>::quiet_NaN());
 }
@@ -88,6 +89,7 @@ int BoundData::compute(const Program& program) const
   for (const Column& c : program.columns) {
     if (c.result < 0 || computed_.count(c.node) > 0) continue;
     LaneArray& a = computed_[c.node];
+    a.keep_in(view_.memory);
     a.reserve(static_cast<std::size_t>(view_.rows) + 1);
     store.to[static_cast<std::size_t>(c.result)] = a.data();
   }

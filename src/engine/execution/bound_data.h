@@ -16,6 +16,7 @@ public:
   BoundData(const CMPGLOBAL& gcmp, const DataView& view);
 
   std::int64_t rows() const { return view_.rows; }
+  const host::RowMemory& memory() const { return view_.memory; }
   // Row where the subject of a row starts.
   std::int64_t subject_start(std::int64_t row) const;
   // Fills `columns` with one pointer per entry of Program::columns, making what is not there yet. Returns 0, or 1 when

@@ -250,7 +250,10 @@ FrameProgram& Frame::State::program(const Program& p)
 {
   const auto at = static_cast<std::size_t>(p.number);
   if (programs.size() <= at) programs.resize(at + 1);
-  if (programs[at] == nullptr) programs[at] = std::make_unique<FrameProgram>(gcmp, p);
+  if (programs[at] == nullptr) {
+    programs[at] = std::make_unique<FrameProgram>(gcmp, p);
+    if (data != nullptr) programs[at]->observation.keep_in(data->memory());
+  }
   return *programs[at];
 }
 

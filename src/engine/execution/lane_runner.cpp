@@ -58,8 +58,9 @@ void LaneArray::reserve(std::size_t n)
 {
   if (n <= size_) return;
   constexpr std::size_t alignment = 64;
-  memory_ = std::make_unique<double[]>(n + alignment / sizeof(double));
-  void* start = memory_.get();
+  memory_ = host::RowVector<double>(memory_.get_allocator()); // the old values go first
+  memory_.resize(n + alignment / sizeof(double));
+  void* start = memory_.data();
   std::size_t space = (n + alignment / sizeof(double)) * sizeof(double);
   data_ = static_cast<double*>(std::align(alignment, n * sizeof(double), start, space));
   size_ = n;

@@ -6,6 +6,7 @@
 // never depends on where it stands.
 
 #include "engine/stages/program.h"
+#include "host/scratch_file.h"
 
 #include <memory>
 #include <vector>
@@ -19,11 +20,12 @@ class LaneArray {
 public:
   double* data() { return data_; }
   const double* data() const { return data_; }
+  void keep_in(const host::RowMemory& memory) { memory_ = host::RowVector<double>(host::RowAllocator<double>(memory)); }
   // Room for n doubles; what was there is lost when it grows.
   void reserve(std::size_t n);
 
 private:
-  std::unique_ptr<double[]> memory_;
+  host::RowVector<double> memory_;
   double* data_ = nullptr;
   std::size_t size_ = 0;
 };

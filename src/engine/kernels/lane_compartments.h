@@ -71,7 +71,8 @@ template <int I, int J> inline Lanes exp_mean_of_order(Lanes x, Lanes y, Lanes e
 {
   const Lanes d = y - x;
   const Mask near = magnitude(d) <= all(1.0);
-  Lanes r = exp_mean_far<I, J>(ex, ey, all(1.0) / if_else(near, all(1.0), d));
+  Lanes r = {};
+  if (any(~near)) r = exp_mean_far<I, J>(ex, ey, all(1.0) / if_else(near, all(1.0), d));
   if (any(near)) r = if_else(near, ey * exp_mean_near<I, J>(d), r);
   return r + (ex - ex); // a missing exponential shows
 }

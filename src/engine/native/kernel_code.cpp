@@ -141,6 +141,8 @@ public:
     case Kernel::log_or_zero:
     case Kernel::log_or_minus_infinity:
       return logarithm();
+    case Kernel::exp_mean:
+      return exp_mean();
     case Kernel::is_missing:
       return compare(Predicate::unordered, 0, 0);
     case Kernel::is_present:
@@ -322,7 +324,7 @@ private:
               r4 = registers_.temporary(), high = registers_.temporary(), pair = registers_.temporary(), result = out();
     code_.bitwise(Bitwise::and_, t_, a, constant(Constant::all_but_sign));
     code_.compare(m_, Predicate::not_less_equal, t_, constant(Constant::exp_regular));
-    RareCall& rare = unless(m_, a, result);
+    RareCall& rare = unless(m_, {a}, result);
     const auto linear = [&](int to, int k) { // p[k] + p[k + 1] r
       code_.move(to, constant(Constant::exp_p + (k + 1)));
       code_.multiply_plus(to, r, constant(Constant::exp_p + k));
@@ -360,7 +362,7 @@ private:
     code_.compare(m_, Predicate::less, a, constant(Constant::log_least_normal));
     code_.compare(n_, Predicate::not_less, a, constant(Constant::infinity));
     code_.combine(MaskOp::or_, m_, m_, n_);
-    RareCall& rare = unless(m_, a, result);
+    RareCall& rare = unless(m_, {a}, result);
     code_.subtract_bits(t_, a, constant(Constant::log_root_half));
     code_.add_bits(k, t_, constant(Constant::log_bias));
     code_.shift_right(k, k, 52);
@@ -389,12 +391,54 @@ private:
     return true;
   }
 
+  // exp_mean_far of lane_compartments.h, of orders whose sum is at most 2: by parts, w = 1 / (y - x). The kernel does
+  // what is nearer.
+  bool exp_mean()
+  {
+    const int i = op_.index / 10, j = op_.index % 10;
+    if (op_.index < 0 || i + j > 2) return false;
+    const int x = number(0), y = number(1), ex = number(2), ey = number(3), order = number(4);
+    const int w = registers_.temporary(), mean = registers_.temporary(), other = registers_.temporary(), result = out();
+    const auto times = [&](int to, Xbyak::Operand const& factor) {
+      code_.arithmetic(Arithmetic::multiply, to, to, factor);
+    };
+    code_.arithmetic(Arithmetic::subtract, w, y, reg(x));
+    code_.bitwise(Bitwise::and_, t_, w, constant(Constant::all_but_sign));
+    code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
+    RareCall& rare = unless(m_, {x, y, ex, ey, order}, result);
+    one_to(t_);
+    code_.arithmetic(Arithmetic::divide, w, t_, reg(w));
+    code_.arithmetic(Arithmetic::subtract, mean, ex, reg(ey));
+    times(mean, reg(w));
+    if (i == 1 && j == 1) { // from the means of both orders before it
+      code_.arithmetic(Arithmetic::subtract, other, ex, reg(mean));
+      times(other, reg(w));
+      code_.arithmetic(Arithmetic::subtract, mean, mean, reg(ey));
+      times(mean, reg(w));
+      code_.arithmetic(Arithmetic::subtract, mean, other, reg(mean));
+      times(mean, reg(w));
+    } else {
+      for (int k = 1; k <= i + j; ++k) {
+        if (k == 2) times(mean, constant(Constant::two));
+        if (i > 0)
+          code_.arithmetic(Arithmetic::subtract, mean, ex, reg(mean));
+        else
+          code_.arithmetic(Arithmetic::subtract, mean, mean, reg(ey));
+        times(mean, reg(w));
+      }
+    }
+    code_.arithmetic(Arithmetic::subtract, t_, ex, reg(ex)); // a missing exponential shows
+    code_.arithmetic(Arithmetic::add, result, mean, reg(t_));
+    code_.L(rare.back);
+    return true;
+  }
+
   // Leaves the straight code when the mask is true in some lane; it goes on at the label `back` of what this returns.
-  RareCall& unless(int m, int argument, int result)
+  RareCall& unless(int m, std::vector<int> arguments, int result)
   {
     RareCall& call = rare_calls_.emplace_back();
     call.kernel = op_.kernel;
-    call.argument = argument;
+    call.arguments = std::move(arguments);
     call.out = result;
     call.vectors = registers_.occupied(false);
     call.masks = registers_.occupied(true);

@@ -9,7 +9,8 @@ namespace torvale::engine {
 struct RareCall {
   Xbyak::Label enter, back;
   Kernel kernel = Kernel::copy;
-  int argument = 0, out = 0;       // registers
+  std::vector<int> arguments;      // registers
+  int out = 0;                     // likewise
   std::vector<int> vectors, masks; // registers that the call must leave as they are
 };
 

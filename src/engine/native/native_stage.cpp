@@ -191,14 +191,23 @@ private:
   {
     if (saved_area_ < 0) {
       saved_area_ = registers_.new_slot();
-      for (int r = 1; r < code_.vectors() + code_.masks() + 1; ++r) registers_.new_slot();
+      for (int r = 1; r < code_.vectors() + code_.masks() + 1 + kernel_operands_max; ++r) registers_.new_slot();
     }
     const auto vector_at = [&](int r) { return registers_.slot(saved_area_ + r); };
     const auto mask_at = [&](int r) { return registers_.slot(saved_area_ + code_.vectors() + r); };
     code_.L(call.enter);
     for (const int r : call.vectors) code_.store(vector_at(r), r);
     for (const int r : call.masks) code_.store_mask(mask_at(r), r);
-    if (call.argument != 0) code_.move(0, code_.vector(call.argument));
+    const int several = static_cast<int>(call.arguments.size());
+    if (several == 1) {
+      if (call.arguments[0] != 0) code_.move(0, code_.vector(call.arguments[0]));
+    } else { // through memory: an argument's register may be where another must go
+      const auto argument_at = [&](int j) {
+        return registers_.slot(saved_area_ + code_.vectors() + code_.masks() + 1 + j);
+      };
+      for (int j = 0; j < several; ++j) code_.store(argument_at(j), call.arguments[static_cast<std::size_t>(j)]);
+      for (int j = 0; j < several; ++j) code_.load(j, argument_at(j));
+    }
     code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_.vector[static_cast<std::size_t>(call.kernel)]));
     code_.call(code_.rax);
     if (call.out != 0) code_.move(call.out, code_.vector(0));

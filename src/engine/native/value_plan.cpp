@@ -93,6 +93,7 @@ private:
         const auto at = static_cast<std::size_t>(j);
         op.in[at] = as(asks_mask(s.kernel, j), held(s.in[at]));
       }
+      if (s.kernel == Kernel::exp_mean) op.index = whole_constant(op.in[4]);
       op.out = held(s.out) = value(PlanValue::From::operation, answers_mask(s.kernel));
       plan_.operations.push_back(op);
       return true;
@@ -107,6 +108,16 @@ private:
     default:
       return false;
     }
+  }
+
+  // A value that is a constant whole number; -1 for any other.
+  std::int32_t whole_constant(ValueId v) const
+  {
+    const PlanValue& known = plan_.values[static_cast<std::size_t>(v)];
+    if (known.from != PlanValue::From::fixed) return -1;
+    const Fixed& f = code_.fixed[static_cast<std::size_t>(known.index)];
+    const bool whole = f.constant && f.value >= 0.0 && f.value < 100.0;
+    return whole && f.value == static_cast<std::int32_t>(f.value) ? static_cast<std::int32_t>(f.value) : -1;
   }
 
   // Outputs are looked through two at a time.

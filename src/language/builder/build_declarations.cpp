@@ -107,10 +107,13 @@ void Builder::array_statement(std::span<Value> r, Value& result)
       continue;
     } // '*'
     const double a = v.list ? v.list->first->value.token.number : 1.0, b = v.token.number;
-    if (!(b >= a) || std::fabs(a) > largest_array || std::fabs(b) > largest_array || a != std::floor(a) ||
-        b != std::floor(b)) {
+    const bool large = std::fabs(a) > largest_array || std::fabs(b) > largest_array;
+    if (large || !(b >= a) || a != std::floor(a) || b != std::floor(b)) {
       diagnostics_->error(Problem::bad_array, v.token.where,
-                          "The bounds of an array are whole numbers, the lower one first.", v.token.length);
+                          large ? "An array has at most 100000 elements, with bounds from -100000 to 100000. What "
+                                  "depends on a record can be read from the data or computed."
+                                : "The bounds of an array are whole numbers, the lower one first.",
+                          v.token.length);
       low.push_back(1);
       high.push_back(1);
       continue;
@@ -146,6 +149,8 @@ void Builder::array_statement(std::span<Value> r, Value& result)
   s->low = arena_.copy(low);
   s->high = arena_.copy(high);
   if (!s->temporary) s->elements = name_span(elements);
+  if (!s->temporary)
+    for (const Name& element : elements) assigned_.push_back(element.text);
   const std::vector<Expr*> initial = initial_values(r[3]);
   s->initial = arena_.copy(initial);
   if (static_cast<double>(initial.size()) > size)

@@ -157,7 +157,7 @@ void Builder::call(std::span<Value> r, Value& result)
       } else if (v.expr) {
         args.push_back(v.expr);
       } else {
-        for (const Name& n : one_name(v)) { // OF a1-a5
+        for (const Name& n : function_names(v)) { // OF a1-a5
           Value single;
           single.token = v.token;
           single.token.text = n.text;

@@ -183,6 +183,27 @@ void Builder::expand_prefix(const Value& item, std::vector<Name>& out)
                         item.token.length);
 }
 
+// The names of a function's list. A prefix means everything that begins so at this place of the program: parameters or
+// data, then what has been assigned.
+std::vector<Builder::Name> Builder::function_names(const Value& value)
+{
+  if (value.form != Form::prefix) return one_name(value);
+  const auto fits = [&](std::string_view name) { return starts_with_name(name, value.token.text); };
+  std::vector<Name> out;
+  for (const std::string_view name : assigned_) {
+    const bool known = std::any_of(out.begin(), out.end(), [&](const Name& n) { return same_name(n.text, name); });
+    if (fits(name) && !known) out.push_back({name, value.token.where});
+  }
+  const bool elsewhere = std::any_of(known_.begin(), known_.end(), fits) ||
+                         std::any_of(variables_.begin(), variables_.end(), [&](auto& v) { return fits(v.name); });
+  if (!elsewhere && !out.empty()) return out;
+  std::vector<Name> all = one_name(value);
+  for (const Name& n : out)
+    if (std::none_of(all.begin(), all.end(), [&](const Name& other) { return same_name(other.text, n.text); }))
+      all.push_back(n);
+  return all;
+}
+
 void Builder::pair_of(const Value& x, const Value& y, Form form, Value& result)
 {
   result.list = new_list();

@@ -204,6 +204,7 @@ void Builder::open_do(Expr* LoopRange::*part, const Value& test, Value& result)
 void Builder::assignment(Assignment::Form form, std::span<Value> r, Value& result)
 {
   Expr *target = r[0].expr, *value = r[2].expr;
+  if (target->kind == syntax::ExprKind::variable) assigned_.push_back(target->name);
   Assignment* s = statement<Assignment>(StatementKind::assign, r, result);
   s->form = form;
   s->target = target;

@@ -12,6 +12,7 @@ void Builder::begin(syntax::PROCSTR& proc)
   variables_.clear();
   known_.clear();
   known_set_.clear();
+  assigned_.clear();
   arrays_.clear();
   labels_.clear();
   jumps_.clear();

@@ -97,6 +97,7 @@ private:
   }
   std::vector<Name> one_name(const Value& value);
   void know_name(std::string_view name);
+  std::vector<Name> function_names(const Value& value); // of OF: program variables and elements of arrays too
 
   // --- expressions (build_expressions.cpp)
   syntax::Expr* expr(syntax::ExprKind kind, syntax::Position where);
@@ -179,6 +180,7 @@ private:
   std::vector<InputVariable> variables_; // of the input data set
   std::vector<std::string_view> known_;  // names of PARMS, in order of appearance
   std::unordered_set<std::string> known_set_;
+  std::vector<std::string_view> assigned_; // targets and elements of arrays, in order of appearance; some repeatedly
   std::unordered_map<std::string, std::vector<std::string_view>> arrays_; // elements by array, upper case
   std::unordered_set<std::string> labels_;
   std::vector<const syntax::JumpStatement*> jumps_;

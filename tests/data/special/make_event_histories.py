@@ -54,7 +54,7 @@ def history(rng, n, oral, features):
             if "rate" in features and rng.random() < 0.6:
                 r["rate"] = float(rng.choice([10, 25, 60, -1, -2]))
             if "lag" in features:
-                r["lag"] = round(rng.uniform(0, 1.9), 2)
+                r["lag"] = round(rng.uniform(0, 9.5 if "late" in features else 1.9), 2)
             if "addl" in features and rng.random() < 0.5:
                 r["addl"], r["ii"] = rng.randint(1, 5), rng.choice([2.0, 3.5, 6.0])
             if "ss" in features and rng.random() < 0.4:
@@ -104,7 +104,8 @@ def amounts(rows, n, oral, option_rate=30.0, option_durn=1.6):
                 level[keep] = np.linalg.solve(-a[np.ix_(keep, keep)], vector[keep])
                 x = x + level
             elif r["ss"]:
-                every, since = r["ii"], r["ii"] - r["lag"]
+                every, late = r["ii"], int(r["lag"] // r["ii"])  # late: doses still to come
+                since = (late + 1) * every - r["lag"]
                 older = int(np.ceil(length / every)) if length else 0  # doses whose infusion may still run
                 train = [(-j * every, length - j * every, vector) for j in range(older)] if length else []
                 step, plus = expm(a * every), advance(vector * (not length), a, train, 0.0, every)
@@ -112,6 +113,7 @@ def amounts(rows, n, oral, option_rate=30.0, option_durn=1.6):
                     plus, step = step @ plus + plus, step @ step
                 x = x + advance(plus + vector * (not length), a, train, 0.0, since)
                 inputs += [(s + t - since, e + t - since, v) for s, e, v in train if e + t - since > t]
+                inputs += [(t + r["lag"] - j * every, t + r["lag"] - j * every + length, vector) for j in range(1, late + 1)]
             for j in range(r["addl"] + 1):
                 s = t + r["lag"] + j * r["ii"]
                 if s == t and not length:
@@ -128,9 +130,11 @@ def main():
     names = ["id", "n", "oral", "time", "amt", "evid", "cmt", "rate", "ii", "addl", "ss", "mdv", "lag", "bio"] + RATES
     print(",".join(names + ["a1", "a2", "a3", "a0"]))
     everything = ["rate", "lag", "addl", "ss", "vary", "bio"]
-    for i in range(200):
+    for i in range(230):
         n, oral = 1 + i % 3, i // 3 % 2 == 1
         features = [f for f in everything if rng.random() < 0.5]
+        if i >= 200:  # lags of several intervals
+            features = ["lag", "ss", "late"] + [f for f in ("rate", "addl", "vary") if f in features]
         rows = history(rng, n, oral, features)
         for r, x in zip(rows, amounts(rows, n, oral)):
             values = [i + 1, n, int(oral)] + [r[c] for c in names[3:]]
