@@ -2,6 +2,7 @@
 
 #include "host/data_set_options.h"
 #include "host/run_output.h"
+#include "host/text.h"
 #include "run/session.h"
 #include "torvale/commands.h"
 
@@ -28,6 +29,22 @@ std::optional<Pairs> split(const std::vector<std::string>& bindings, const char*
     pairs.emplace_back(binding.substr(0, at), binding.substr(at + 1));
   }
   return pairs;
+}
+
+// Tells of the first option that a command does not know, and which one was likely meant; false when there is none.
+bool tell_unknown_option(const CLI::App& app, const CLI::App& command)
+{
+  std::vector<std::string> known;
+  for (const CLI::Option* option : command.get_options())
+    for (const std::string& name : option->get_lnames()) known.push_back("--" + name);
+  for (const std::string& word : app.remaining(true)) {
+    if (!word.starts_with("--")) continue;
+    const std::string near = torvale::host::nearest_name(word.substr(0, word.find('=')), known);
+    std::fprintf(stderr, "torvale: %s has no option %s%s\n", command.get_name().c_str(), word.c_str(),
+                 near.empty() ? "" : ("; did you mean " + near + "?").c_str());
+    return true;
+  }
+  return false;
 }
 
 } // namespace
@@ -101,6 +118,8 @@ int main(int argc, char** argv)
                    first.c_str());
       return 2;
     }
+    const bool extras = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+    if (extras && !commands.empty() && tell_unknown_option(app, *commands[0])) return 2;
     return app.exit(error) == 0 ? 0 : 2;
   }
   const auto data_pairs = split(data, "--data");

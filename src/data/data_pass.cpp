@@ -315,7 +315,7 @@ void report_impossible(NX& n, const Pass& pass)
     if (n.store->badobs[static_cast<std::size_t>(row)] == BadCause::none &&
         !(pass.loglik[static_cast<std::size_t>(row)] > model::impossible_loglik))
       rows.push_back(row);
-  if (rows.empty()) return;
+  if (rows.empty() || n.response_told) return;
   std::string shown;
   for (std::size_t i = 0; i < std::min<std::size_t>(3, rows.size()); ++i)
     shown += (i > 0 ? ", " : "") + std::to_string(observation_number(n, rows[i]));

@@ -162,6 +162,15 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
 
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
+// cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor that does not:
+// derivatives by the coefficients of a linear predictor have one coefficient in common, and factors of their own. After cmpgen;
+// the symbols are new ones for cmpspec, equal values have one. A factor that is null is 1; an output that is null has no terms.
+// A product whose coefficient is 0 is 0 whatever its factor is: that of a side that was not taken may be missing.
+struct FactoredTerm {
+  CMPSYM* coefficient = nullptr;
+  CMPSYM* factor = nullptr;
+};
+std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
 // True when the program carries values from record to record that depend on more than data (RETAIN, sums, lags of
 // computed values): its tiles must bring the records of a subject in order, one record a tile.
 bool sequential(const Program& program);

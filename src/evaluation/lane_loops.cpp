@@ -39,6 +39,15 @@ namespace {
   for (int j = 0; j < n; ++j) sum[j] += a[j] * b[j];
 }
 
+[[gnu::always_inline]] inline void add_present_products_loop(double* __restrict sum, const double* __restrict a,
+                                                             const double* __restrict b, int n)
+{
+  for (int j = 0; j < n; ++j) {
+    const double product = a[j] * b[j];
+    sum[j] += a[j] == 0.0 ? 0.0 : product;
+  }
+}
+
 [[gnu::always_inline]] inline void shift_loop(std::int32_t* __restrict out, const std::int32_t* __restrict from, std::int32_t step, int n)
 {
   for (int j = 0; j < n; ++j) out[j] = from[j] + step;
@@ -72,6 +81,7 @@ struct Loops {
   void (*add_rows)(double*, const double*, int, int);
   void (*add_multiples)(double*, const double*, double, int);
   void (*add_products)(double*, const double*, const double*, int);
+  void (*add_present_products)(double*, const double*, const double*, int);
   void (*shift)(std::int32_t*, const std::int32_t*, std::int32_t, int);
   void (*exponential)(double*, int);
 };
@@ -89,12 +99,16 @@ struct Loops {
     {                                                                                                                 \
       add_products_loop(sum, a, b, n);                                                                                \
     }                                                                                                                 \
+    target static void present_products(double* sum, const double* a, const double* b, int n)                         \
+    {                                                                                                                 \
+      add_present_products_loop(sum, a, b, n);                                                                        \
+    }                                                                                                                 \
     target static void shift(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)                   \
     {                                                                                                                 \
       shift_loop(out, from, step, n);                                                                                 \
     }                                                                                                                 \
     target static void exponential(double* x, int n) { exponential_loop(x, n); }                                      \
-    static constexpr Loops table{add, rows, multiples, products, shift, exponential};                                       \
+    static constexpr Loops table{add, rows, multiples, products, present_products, shift, exponential};                     \
   };
 
 TORVALE_LOOPS(Plain, )
@@ -135,6 +149,11 @@ void add_multiples(double* sum, const double* from, double factor, int n)
 void add_products(double* sum, const double* a, const double* b, int n)
 {
   loops.add_products(sum, a, b, n);
+}
+
+void add_present_products(double* sum, const double* a, const double* b, int n)
+{
+  loops.add_present_products(sum, a, b, n);
 }
 
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)

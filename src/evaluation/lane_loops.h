@@ -15,6 +15,8 @@ void add_rows(double* sum, const double* from, int n, int rows);
 // sum[j] += from[j] factor, sum[j] += a[j] b[j].
 void add_multiples(double* sum, const double* from, double factor, int n);
 void add_products(double* sum, const double* a, const double* b, int n);
+// The same; where a[j] is 0 nothing is added whatever b[j] is.
+void add_present_products(double* sum, const double* a, const double* b, int n);
 
 // out[j] = from[j] + step.
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n);

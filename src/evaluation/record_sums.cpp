@@ -47,6 +47,7 @@ public:
     if (sequential_) ctx_.frame->reset_state(*what_.program, pairs_.count * pairs_.points);
     if (!pairs_.slots_aside() && pairs_.points < long_run)
       for (int i = 0; i < pairs_.count; ++i) std::fill_n(slot_.data() + i * pairs_.points, pairs_.points, pairs_.slots[i]);
+    if (what_.lanes.outputs > 0) place_levels();
     int live = pairs_.count; // slots that still have records
     for (int level = 0; level < b_.levels; ++level) {
       while (live > 0 && place(level, live - 1) >= b_.level[level + 1]) --live;
@@ -60,6 +61,17 @@ public:
 
 private:
   std::int32_t place(int level, int i) const { return b_.level[level] + pairs_.slots[i]; }
+
+  void place_levels()
+  {
+    long* const at = what_.lanes.level;
+    at[0] = 0;
+    int live = pairs_.count;
+    for (int level = 0; level < b_.levels; ++level) {
+      while (live > 0 && place(level, live - 1) >= b_.level[level + 1]) --live;
+      at[level + 1] = at[level] + static_cast<long>(live) * pairs_.points;
+    }
+  }
 
   int add_slots(int level, int live)
   {
@@ -158,6 +170,19 @@ private:
           add_rows(sum + g.pair, rest, g.lanes, levels);
       }
     }
+    for (int k = 0; k < what_.lanes.outputs; ++k) keep_lanes(segments, k);
+  }
+
+  void keep_lanes(std::span<const Segment> segments, int k) const
+  {
+    const double* const value = ctx_.frame->output(static_cast<int>(what_.places.size()) + k);
+    double* const to = what_.lanes.values + k * what_.lanes.stride;
+    for (const Segment& g : segments)
+      for (int l = 0; l < g.levels; ++l) {
+        const long level = what_.lanes.level[g.level + l];
+        const long at = pairs_.slots_aside() ? level + static_cast<long>(g.pair / pairs_.count) * g.lanes : level + g.pair;
+        std::memcpy(to + at, value + g.lane + l * g.lanes, static_cast<std::size_t>(g.lanes) * sizeof(double));
+      }
   }
 
   // Every record was run; only the used ones count.

@@ -22,12 +22,22 @@ struct Pairs {
   int point_step() const { return slots_aside() ? count : 1; }
 };
 
+// LaneValues: outputs that are kept lane by lane. Record k of the i-th slot at point q stands at level[k] + i * points + q, or, with
+// the slots aside, at level[k] + q * (slots that have a record k) + i.
+struct LaneValues {
+  int outputs = 0;            // behind those that are added up
+  double* values = nullptr;   // output by output, `stride` doubles each
+  long stride = 0;
+  long* level = nullptr;      // out: where each level begins, and the end
+};
+
 // RecordSums: what tvllogl adds up and where.
 struct RecordSums {
   const engine::Program* program = nullptr;
   std::span<const int> places;   // where the program's outputs belong, in order
   double* sums = nullptr;        // out: the sum of an output at place k for pair j at sums[k * stride + j]; other rows are left alone
   long stride = 0;
+  LaneValues lanes = {};         // not of sequential programs
 };
 
 // tvlexec: runs one tile of the program on the context's frame and counts its lanes. Returns the engine's code: above 2

@@ -1,5 +1,6 @@
 #include "evaluation/likelihood_programs.h"
 
+#include "evaluation/program_outputs.h"
 #include "matrix/packed.h"
 
 #include <algorithm>
@@ -15,27 +16,6 @@ using model::NX;
 using model::REFFECT;
 
 namespace {
-
-// What one program yields: symbols by place; a place without a symbol is identically zero.
-struct Outputs {
-  std::vector<CMPSYM*> symbols;
-  explicit Outputs(int places) : symbols(static_cast<std::size_t>(places), nullptr) {}
-  CMPSYM*& at(long place) { return symbols[static_cast<std::size_t>(place)]; }
-
-  ModelProgram specialise(engine::CMPGLOBAL& gcmp) const
-  {
-    ModelProgram program;
-    std::vector<CMPSYM*> wanted;
-    program.places = static_cast<int>(symbols.size());
-    for (std::size_t k = 0; k < symbols.size(); ++k) {
-      if (symbols[k] == nullptr) continue;
-      program.outputs.push_back(static_cast<int>(k));
-      wanted.push_back(symbols[k]);
-    }
-    program.code = engine::cmpspec(gcmp, wanted);
-    return program;
-  }
-};
 
 // Second derivatives of _ll with the meaning of their indices: by random effect `effect`, then by `wrt`, which counts
 // the parameters first (0..np-1), then the random effects.
@@ -213,6 +193,8 @@ int specialise_programs(NX& n)
     }
     if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
     if (n.needcrossu) p.curvature = curvature_outputs(n, reff).specialise(*n.gcmp);
+    if (p.gradient && n.nreff() == 1 && (n.method == 0 || n.method == 3) && !engine::sequential(*p.gradient.code))
+      factor_programs(n, gradient_outputs(n, reff.gradstr), n.adaptive ? curvature_outputs(n, reff) : Outputs(0));
     if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);
     specialise_pass(n, reff.gradstr);
   }

@@ -135,7 +135,7 @@ void EmbeddedHost::progress(const Progress& now)
   if (now_.iteration >= 0) add("iteration " + std::to_string(now_.iteration));
   if (!std::isnan(now_.objective)) add("objective " + format_number(now_.objective, parse_format("D12.7")));
   if (!std::isnan(now_.gradient)) add("gradient " + format_number(now_.gradient, parse_format("D8.2")));
-  if (!std::isnan(now_.share)) add(std::to_string(static_cast<int>(100 * now_.share)) + " % of subjects");
+  if (!std::isnan(now_.share)) add(std::to_string(static_cast<int>(100 * now_.share)) + " %");
   add(std::to_string(static_cast<long>(elapsed)) + " s");
   options_.progress(line);
   progress_shown_ = true;

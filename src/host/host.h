@@ -26,7 +26,7 @@ struct Progress {
   long iteration = -1;         // of the optimizer
   double objective = missing;  // at its last accepted point
   double gradient = missing;   // largest scaled element there
-  double share = missing;      // of an evaluation that takes long: subjects done, 0 to 1
+  double share = missing;      // of work that takes long: what is done of it, 0 to 1
 };
 
 // Everything the rest of the program may ask of the world around it: log, listing, tables, data sets, clock, threads.

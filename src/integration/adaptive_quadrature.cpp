@@ -77,7 +77,10 @@ public:
   int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override;
   void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
   {
-    subject_gradient(n, ctx, slot, gradient);
+    if (ctx.batch.factored.in_use)
+      close_factored(n, ctx, slot, gradient);
+    else
+      subject_gradient(n, ctx, slot, gradient);
   }
   void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
 };
@@ -86,6 +89,7 @@ void AdaptiveQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
 {
   size_subject_work(n, ctx);
   size_point_sums(n, ctx);
+  size_factored(n, ctx);
 }
 
 int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const
@@ -100,7 +104,7 @@ int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) 
   if (gradient && n.adaptive)
     if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
   if (gradient) note_null_directions(n, ctx.batch);
-  return 0;
+  return gradient && ctx.batch.factored.in_use ? factored_gradients(n, ctx) : 0;
 }
 
 // The factor C of the scale adds 1/2 log det H to the constants.

@@ -2,6 +2,7 @@
 // The parts of one evaluation, each on one context. They write the context and the slots of their own subjects only.
 
 #include "host/message_names.h"
+#include "evaluation/record_sums.h"
 #include "integration/integrator.h"
 #include "model/run_record.h"
 
@@ -63,6 +64,20 @@ inline void add_outer_product(const double* g, int np, double weight, double* su
 // taken in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
 int sum_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
 
+// --- factored derivatives (factored_gradient.cpp) ---
+
+inline constexpr long block_lanes = 65536; // of the coefficients of a block of subjects, unless one has more
+
+// size_factored: after size_point_sums; decides whether they are used.
+void size_factored(const model::NX& n, model::TVLThreadCtx& ctx);
+// kept_lanes: where a program leaves its coefficients, lane by lane.
+evaluation::LaneValues kept_lanes(model::BatchWork& b, int coefficients);
+// take_mode_coefficients: from the lanes of b.active at their modes to the records of the batch.
+void take_mode_coefficients(const model::NX& n, model::BatchWork& b);
+// factored_gradients: the gradients of all good slots, for close_factored; after sum_points and sum_curvature. Returns 0 or
+// the engine's code above 2.
+int factored_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
+void close_factored(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
 // add_shares: after sum_points, what share every point has in a slot's integral, times the subject's replicates, into the point's element
 // of `shares`. By a second pass; allocates. Returns as sum_points.
 int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
@@ -71,7 +86,8 @@ int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 // sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
 
-// subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).
-void subject_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
+// subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood). Where
+// derivatives are factored without what their products give; weights is then that slot's column, else null.
+void subject_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient, double* weights = nullptr);
 
 } // namespace torvale::integration

@@ -73,7 +73,7 @@ host::NumberedMessage status_message(int status, const host::OptionalMessageValu
 
 void report_failure(const NX& n)
 {
-  if (n.host == nullptr) return;
+  if (n.host == nullptr || n.response_told) return; // a response that is impossible everywhere has been told of
   const auto first = std::find_if(n.slot_status.begin(), n.slot_status.end(), [](int status) { return status != 0; });
   if (first == n.slot_status.end()) { // the program ended the run, and nothing was summed
     report_program_fault(n, 0, n.store->nobs);

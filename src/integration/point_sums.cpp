@@ -83,7 +83,9 @@ template <int NR> struct PointMap {
 template <int NR> class PointLoop {
 public:
   PointLoop(const NX& n, TVLThreadCtx& ctx, bool gradient)
-      : n_(n), ctx_(ctx), b_(ctx.batch), reff_(n.leaf()), gradient_(gradient), nr_(n.leaf().nr), np_(n.nparm)
+      : n_(n), ctx_(ctx), b_(ctx.batch), reff_(n.leaf()), gradient_(gradient), factored_(gradient && b_.factored.in_use),
+        program_(!gradient ? n.programs.value : factored_ ? n.programs.factored.gradient : n.programs.gradient),
+        nr_(n.leaf().nr), np_(n.nparm)
   {
   }
 
@@ -108,7 +110,8 @@ public:
     }
     // Blocks of slots of about equal size.
     const int points = static_cast<int>(std::min<long>(reff_.nqpr, most_points));
-    const int most = std::min(most_slots, evaluation::most_pairs / points);
+    int most = std::min(most_slots, evaluation::most_pairs / points);
+    if (factored_) most = std::clamp(static_cast<int>(block_lanes / (static_cast<long>(points) * b_.levels)), 1, most);
     const int blocks = (good + most - 1) / most;
     for (int block = 0, first = 0; block < blocks; ++block) {
       const int count = (good - first) / (blocks - block);
@@ -162,15 +165,18 @@ private:
   // Runs the program at the pairs, and adds each slot's chunk of points to what it has.
   int add_chunks()
   {
-    const model::ModelProgram& program = gradient_ ? n_.programs.gradient : n_.programs.value;
     const int all = pairs_.count * pairs_.points;
     ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
-    const int rc = evaluation::tvllogl(n_, ctx_, pairs_, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
-    if (rc != 0) return rc;
+    evaluation::RecordSums sums{program_.code, program_.outputs, b_.point_sums.data(), b_.pair_stride};
+    if (factored_) sums.lanes = kept_lanes(b_, n_.programs.factored.point_coefficients);
+    if (const int rc = evaluation::tvllogl(n_, ctx_, pairs_, sums); rc != 0) return rc;
     make_weights(all);
     if (shares_ != nullptr) note_shares();
     weigh_chunks();
-    if (gradient_) add_moments(all);
+    if (!gradient_) return 0;
+    clear_dropped(all);
+    add_moments(all);
+    if (factored_) weigh_coefficients();
     return 0;
   }
 
@@ -236,7 +242,6 @@ private:
   void add_moments(int all)
   {
     const double* const e = b_.prior.data();
-    clear_dropped(all);
     const long moments = nr() + nrs(), slopes = nr() + nr() * nr();
     double* moment = b_.point_moments.data();
     for (int k = 0; k < nr(); ++k) {
@@ -265,7 +270,7 @@ private:
     }
     for (int i = 0; i < pairs_.count; ++i)
       if (fresh_[i]) std::fill_n(b_.direct.data() + static_cast<long>(pairs_.slots[i]) * np_, np_, 0.0);
-    for (const int k : n_.programs.gradient.outputs) {
+    for (const int k : program_.outputs) {
       if (!n_.programs.parameter_place(k)) continue;
       sum_by_pair(e, b_.point_sums.data() + k * b_.pair_stride);
       add_sums(b_.direct.data() + k - n_.programs.by_parameter(0), np_);
@@ -279,11 +284,52 @@ private:
     bool dropped = false;
     for (int j = 0; j < all; ++j) dropped |= !(e[j] > 0.0);
     if (!dropped) return;
-    for (const int k : n_.programs.gradient.outputs) {
+    for (const int k : program_.outputs) {
       double* const d = b_.point_sums.data() + k * b_.pair_stride;
       for (int j = 0; j < all; ++j)
         if (!(e[j] > 0.0)) d[j] = 0.0;
     }
+    if (factored_) clear_dropped_lanes(e);
+  }
+
+  void clear_dropped_lanes(const double* e)
+  {
+    auto& f = b_.factored;
+    const int points = pairs_.points;
+    for (int k = 0; k < n_.programs.factored.point_coefficients; ++k)
+      for (int level = 0; level < b_.levels; ++level) {
+        double* const a = f.lanes.data() + k * f.lane_stride + f.level[static_cast<std::size_t>(level)];
+        const int live = slots_of_level(level);
+        for (int i = 0; i < live; ++i)
+          for (int q = 0; q < points; ++q)
+            if (!(e[i * pairs_.slot_step() + q * step_] > 0.0)) a[pairs_.slots_aside() ? q * live + i : i * points + q] = 0.0;
+      }
+  }
+
+  int slots_of_level(int level) const
+  {
+    const auto l = static_cast<std::size_t>(level);
+    return static_cast<int>((b_.factored.level[l + 1] - b_.factored.level[l]) / pairs_.points);
+  }
+
+  // The coefficients of each record, weighted and added up over its points.
+  void weigh_coefficients()
+  {
+    auto& f = b_.factored;
+    const double* const e = b_.prior.data();
+    const int count = pairs_.count, points = pairs_.points;
+    for (int k = 0; k < n_.programs.factored.point_coefficients; ++k)
+      for (int level = 0; level < b_.levels; ++level) {
+        const double* const a = f.lanes.data() + k * f.lane_stride + f.level[static_cast<std::size_t>(level)];
+        const int live = slots_of_level(level);
+        if (live == 0) break;
+        if (pairs_.slots_aside())
+          sum_aside([&](double* to, int q) { evaluation::add_products(to, e + q * count, a + q * live, live); });
+        else
+          for (int i = 0; i < live; ++i) sums_[i] = weighted_sum(e + i * points, a + i * points, points);
+        double* const to = f.coefficients.data() + k * f.record_stride + b_.level[level];
+        for (int i = 0; i < live; ++i) to[pairs_.slots[i]] = sums_[i];
+      }
   }
 
   // --- sums over the points of each slot, into sums_: of a, of a times a number of the point, of a times b ---
@@ -342,7 +388,8 @@ private:
   TVLThreadCtx& ctx_;
   BatchWork& b_;
   const REFFECT& reff_;
-  const bool gradient_;
+  const bool gradient_, factored_;
+  const model::ModelProgram& program_;
   const int nr_, np_;
   evaluation::Pairs pairs_; // in hand
   long first_ = 0;          // their first point
@@ -399,8 +446,13 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
   if (active == 0) return 0;
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
-  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {n.programs.curvature.code, n.programs.curvature.outputs, b.curvature_sums.data(), b.mode_stride});
+  const bool factored = b.factored.in_use;
+  const model::ModelProgram& program = factored ? n.programs.factored.curvature : n.programs.curvature;
+  evaluation::RecordSums sums{program.code, program.outputs, b.curvature_sums.data(), b.mode_stride};
+  if (factored) sums.lanes = kept_lanes(b, n.programs.factored.mode_coefficients);
+  const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, sums);
+  if (rc == 0 && factored) take_mode_coefficients(n, b);
+  return rc;
 }
 
 } // namespace torvale::integration

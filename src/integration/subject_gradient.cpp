@@ -61,11 +61,13 @@ public:
     ux_ = u1_ + nr();
   }
 
-  void compute(double* gradient)
+  void compute(double* gradient, double* weights)
   {
+    weights_ = weights;
     means_over_points();
     const double* const direct = b_.direct.data() + static_cast<long>(slot_) * np_;
     for (int j = 0; j < np_; ++j) gradient[j] = -per_total_ * direct[j];
+    if (weights_ != nullptr) weigh(0, per_total_);
     if (n_.adaptive) through_mode(gradient);
     evaluation::cholesky_adjoint(nr(), l_, factor_bar_, n_.singchol);
     through_arguments(gradient);
@@ -136,11 +138,23 @@ private:
         factor_bar_[packed(i, j)] += t;
       }
     }
-    for (int k = 0; k < nr(); ++k)
-      for (int j = 0; j < np_; ++j) gradient[j] -= lu[k] * cross[(k * np_ + j) * stride];
-    if (n_.adscale)
-      for (int j = 0; j < np_; ++j) gradient[j] -= inner(third + j * nrs() * stride, zu, stride);
+    if (weights_ != nullptr) {
+      for (int k = 0; k < nr(); ++k) weigh(1 + k, lu[k]);
+      for (int k = 0; k < nrs(); ++k) weigh(1 + nr() + k, zu[k]);
+      for (const int j : n_.programs.factored.plain) add_curvature(gradient, j, cross, third, lu, zu);
+    } else {
+      for (int j = 0; j < np_; ++j) add_curvature(gradient, j, cross, third, lu, zu);
+    }
   }
+
+  void add_curvature(double* gradient, int j, const double* cross, const double* third, const double* lu, const double* zu) const
+  {
+    const long stride = b_.mode_stride;
+    for (int k = 0; k < nr(); ++k) gradient[j] -= lu[k] * cross[(k * np_ + j) * stride];
+    if (n_.adscale) gradient[j] -= inner(third + j * nrs() * stride, zu, stride);
+  }
+
+  void weigh(int source, double weight) { weights_[source * b_.factored.slot_stride] = weight; }
 
   // Z = C (P + I/2) C' into z_, and L Z into lz_.
   void scale_adjoint()
@@ -221,6 +235,7 @@ private:
   const double *l_, *c_, *zm_, *slope_, *curve_; // L, C, mode, ll_u and ll_uu at the mode
   const double *x1_, *x2_, *u1_, *ux_;           // unscaled sums: e x, e x x', e ll_u, e ll_u x'
   double per_total_;
+  double* weights_ = nullptr; // of the coefficients of factored derivatives, by source; null: there are none
   double mean_bar_[capacity];           // adjoint of the means
   double factor_bar_[triangle];         // adjoint of L, then of G
   double z_[triangle], lz_[capacity * capacity];
@@ -228,13 +243,13 @@ private:
 
 } // namespace
 
-void subject_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient)
+void subject_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient, double* weights)
 {
   switch (n.leaf().nr) {
-    case 1: return SubjectGradient<1>(n, ctx, slot).compute(gradient);
-    case 2: return SubjectGradient<2>(n, ctx, slot).compute(gradient);
-    case 3: return SubjectGradient<3>(n, ctx, slot).compute(gradient);
-    default: return SubjectGradient<0>(n, ctx, slot).compute(gradient);
+    case 1: return SubjectGradient<1>(n, ctx, slot).compute(gradient, weights);
+    case 2: return SubjectGradient<2>(n, ctx, slot).compute(gradient, weights);
+    case 3: return SubjectGradient<3>(n, ctx, slot).compute(gradient, weights);
+    default: return SubjectGradient<0>(n, ctx, slot).compute(gradient, weights);
   }
 }
 

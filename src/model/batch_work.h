@@ -104,6 +104,18 @@ struct BatchWork : Priors {
   std::vector<double> direct;        // np: of the derivatives by parameters
   std::vector<double> null_scale; // per effect, all levels: largest information of a subject on it, where G leaves it
                                   // no variance; 0: none
+  // Factored derivatives (FactoredPrograms); rows are by coefficient, multiplier, source or parameter.
+  struct Factored {
+    bool in_use = false;               // no subject has too many lanes
+    std::vector<double> lanes;         // coefficients of the pairs of a block, lane_stride apart
+    std::vector<long> level;           // where the lanes of a level begin there, and the end
+    long lane_stride = 0, record_stride = 0, slot_stride = 0;
+    std::vector<double> coefficients;  // per record of the batch: those of the points, weighted and added up, then those of the modes
+    std::vector<double> multipliers;   // per record
+    std::vector<double> weights;       // per source and slot
+    std::vector<double> products;      // per parameter and slot: what its products come to
+    std::vector<double> gradients;     // per slot np: without the products
+  } factored;
   std::vector<LineSum> line;         // the trapezoidal rule, per slot
   double constants = 0.0;            // nr/2 log 2 pi - nr log s: of the prior, and of the scale s of the points
   std::vector<double> scratch;       // one subject's small matrices

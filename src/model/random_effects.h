@@ -30,6 +30,29 @@ struct ModelProgram {
   explicit operator bool() const { return code != nullptr; }
 };
 
+// FactoredPrograms: the derivatives by parameters that are sums of products of a coefficient (of a lane, shared by many
+// parameters) and a factor (of a record): those of a linear predictor. Coefficients are weighted and added up over points first;
+// factors come in once per record.
+struct FactoredPrograms {
+  // As ModelPrograms::gradient and curvature without the factored parameters; behind the outputs that have places the
+  // programs yield their coefficients.
+  ModelProgram gradient, curvature;
+  const engine::Program* factors = nullptr; // per record
+  int point_coefficients = 0, mode_coefficients = 0; // of the first and of the second
+  // What a subject weighs a coefficient by: 0 that of the points; 1 + k the cross derivative by effect k; 1 + ne + packed the third.
+  struct Part {
+    int source, coefficient; // those of the points first
+    bool operator==(const Part&) const = default;
+  };
+  std::vector<std::vector<Part>> multipliers; // sums of weighted coefficients, per record
+  struct Product {
+    int parameter, multiplier, factor; // factor: output of `factors`, -1: 1
+  };
+  std::vector<Product> products;
+  std::vector<int> plain; // the other parameters
+  explicit operator bool() const { return !products.empty(); }
+};
+
 // ModelPrograms: the specialised programs of the log likelihood, and the layout of what they yield. The effects are those
 // that a record depends on: of its subject at every level, the outermost level first (with one level simply its effects).
 struct ModelPrograms {
@@ -69,6 +92,7 @@ struct ModelPrograms {
   // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
   ModelProgram cross;
 
+  FactoredPrograms factored;
   // The response, then the arguments of the MODEL distribution; made when single records are first looked at.
   const engine::Program* records = nullptr;
 };

@@ -206,6 +206,7 @@ struct GroupState {
   int group = 0;                              // number of the BY group, from 0
   host::ByGroup rows;                         // its rows in the input data set
   std::unique_ptr<Store> store;
+  bool response_told = false;                 // a warning has told of responses outside their distribution
   std::shared_ptr<const engine::BoundData> bound; // data-only values of all programs
   int nqp = -1;                               // quadrature points per dimension; -1 until chosen; 1 without random effects
   int nqpold = -1;

@@ -66,8 +66,10 @@ void decimal_commas(NX& n)
   for (const auto& statement : n.proc->statements) {
     if (statement.name != "PARMS") continue;
     const auto place = n.sources->place("PARMS", statement.where);
-    const std::string_view source = place.source;
-    for (std::size_t i = 1; i + 1 < source.size(); ++i) {
+    const std::string_view line = place.source,
+                           source =
+                               line.substr(0, line.find(';', static_cast<std::size_t>(std::max(0, place.column - 1))));
+    for (auto i = static_cast<std::size_t>(std::max(1, place.column)); i + 1 < source.size(); ++i) {
       const auto digit = [&](std::size_t k) { return k < source.size() && source[k] >= '0' && source[k] <= '9'; };
       const bool lone_zero = source[i - 1] == '0' && (i < 2 || !digit(i - 2));
       if (source[i] != ',' || !lone_zero || !digit(i + 1)) continue;
@@ -113,6 +115,11 @@ bool support_of(int distribution, Support& out)
   }
 }
 
+bool looks_missing(double y)
+{
+  return y == -9 || y == -99 || y == -999 || y == 999 || y == 9999;
+}
+
 } // namespace
 
 void advise_on_program(NX& n)
@@ -131,32 +138,37 @@ void advise_on_program(NX& n)
 
 void advise_on_response(NX& n)
 {
+  n.response_told = false;
   Support support{};
   if (!support_of(n.disttype, support) || n.depsym == nullptr || n.depsym->assigned) return;
   const host::Column* column = n.fid->find(n.depname);
   if (column == nullptr || !column->numeric()) return;
-  std::set<double> values; // distinct ones, at most three
+  std::set<double> values; // distinct ones that are no codes of missing values, at most three
   std::size_t outside = 0, first = 0;
+  double code = host::missing; // of missing values, by its look
   for (std::size_t row = n.rows.begin; row < n.rows.end; ++row) {
     const double y = column->number(row);
     if (std::isnan(y)) continue;
-    if (values.size() < 3) values.insert(y);
+    if (looks_missing(y))
+      code = y;
+    else if (values.size() < 3)
+      values.insert(y);
     if (y >= support.low && y <= support.high && !(support.open && y == support.low)) continue;
     if (outside++ == 0) first = row;
   }
   if (outside == 0) return;
   message::response_outside_support words{
       .name = n.depname, .value = column->number(first), .count = outside, .support = support.words};
-  const double y = column->number(first);
   if (n.disttype == 2 && values == std::set<double>{1, 2})
     words.advice = "it is coded 1 and 2: compute event = (" + n.depname + " = 2); and name event in MODEL";
-  else if (y == -9 || y == -99 || y == -999 || y == 999 || y == 9999)
+  else if (!std::isnan(code) && !(code >= support.low && code <= support.high))
     words.advice = "that looks like a code for missing values: read the data with WHERE=(" + n.depname +
-                   " ^= " + host::shortest(y) + ")";
+                   " ^= " + host::shortest(code) + ")";
   host::MessagePlace place;
   place.row = n.fid->file_row(first);
   n.host->log().xpmlog(words, place);
   n.raise(4);
+  n.response_told = true;
 }
 
 } // namespace torvale::run

@@ -83,8 +83,8 @@ int run_group(NX& n)
 {
   n.znlprc = 0;
   n.host->progress({.stage = "reading data"});
-  if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
   advise_on_response(n);
+  if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
   integration::forget_modes(n);
   n.verdict = {};
   n.host->progress({.stage = "starting values"});

@@ -250,8 +250,9 @@ private:
     const long total = o_.chain.burn + o_.chain.sample;
     long stride = std::max(1L, std::min(total / 50, 1000L)), next_note = o_.lognote;
     if (o_.lognote > 0) stride = std::min(stride, o_.lognote);
+    n_.host->progress({.stage = "sampling"});
     for (long done = 0; done < total && !n_.host->interrupted(); done += stride) {
-      n_.host->progress({.stage = "sampling", .share = static_cast<double>(done) / static_cast<double>(total)});
+      n_.host->progress({.stage = {}, .share = static_cast<double>(done) / static_cast<double>(total)});
       auto item = [&](int context, long c) {
         Chain& chain = *chains_[static_cast<std::size_t>(c)];
         if (chain.failure == Chain::Failure::none) chain.advance(context, std::min(stride, total - done));

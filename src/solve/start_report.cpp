@@ -90,7 +90,7 @@ int report_worst_subjects(NX& n)
 {
   constexpr std::size_t told = 3;
   const engine::Program& program = *n.programs.value.code;
-  if (engine::sequential(program)) return 0;
+  if (engine::sequential(program) || n.response_told) return 0;
   engine::Frame frame(*n.gcmp, n.bound);
   frame.set_parameters(n.parm.data());
   std::size_t effects = 1;

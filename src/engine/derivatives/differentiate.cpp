@@ -274,6 +274,27 @@ void Differentiator::close_carries()
 
 // --- requests ----------------------------------------------------------------------------------------------------
 
+namespace {
+
+// The derivative by a parameter of what is a derivative by random effects already: the effects go forward over the derivative by the
+// parameter. Models have few effects, and that derivative keeps the factors that it does not share with other parameters
+// (the covariates of a linear predictor) outermost. False when there is no such derivative yet.
+bool by_effect_last(CMPGLOBAL& gcmp, Differentiator& d, const DerivativeOrigin& which, NodeId& node)
+{
+  if (which.by.size() != 2) return false;
+  for (std::size_t k = 0; k < 2; ++k) {
+    const std::int32_t effect = which.by[k], parameter = which.by[1 - k];
+    if (gcmp.at(effect).random_effect < 0 || gcmp.at(parameter).parameter < 0) continue;
+    const auto first = gcmp.known_derivatives.find({which.base, {parameter}});
+    if (first == gcmp.known_derivatives.end()) return false;
+    node = first->second == no_node ? no_node : d.derivative(first->second, effect);
+    return true;
+  }
+  return false;
+}
+
+} // namespace
+
 int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp)
 {
   gcmp.translate();
@@ -306,8 +327,10 @@ int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp)
       NodeId node = no_node;
       if (known != gcmp.known_derivatives.end())
         node = known->second;
-      else
-        node = first_order ? swept[static_cast<std::size_t>(v)] : d.derivative(y, variable);
+      else if (first_order)
+        node = swept[static_cast<std::size_t>(v)];
+      else if (!by_effect_last(gcmp, d, which, node))
+        node = d.derivative(y, variable);
       if (node != no_node && gcmp.graph.is_constant(node, 0.0)) node = no_node;
       gcmp.known_derivatives.emplace(which, node);
       if (node == no_node) continue;

@@ -1,0 +1,37 @@
+#pragma once
+// What a program of the likelihood yields, while the programs are made.
+
+#include "model/run_record.h"
+
+#include <vector>
+
+namespace torvale::evaluation {
+
+// Outputs: symbols by place; a place without a symbol is identically zero.
+struct Outputs {
+  std::vector<engine::CMPSYM*> symbols;
+  explicit Outputs(int places) : symbols(static_cast<std::size_t>(places), nullptr) {}
+  engine::CMPSYM*& at(long place) { return symbols[static_cast<std::size_t>(place)]; }
+
+  // The program; `more` are outputs behind those that have places.
+  model::ModelProgram specialise(engine::CMPGLOBAL& gcmp, const std::vector<engine::CMPSYM*>& more = {}) const
+  {
+    model::ModelProgram program;
+    std::vector<engine::CMPSYM*> wanted;
+    program.places = static_cast<int>(symbols.size());
+    for (std::size_t k = 0; k < symbols.size(); ++k) {
+      if (symbols[k] == nullptr) continue;
+      program.outputs.push_back(static_cast<int>(k));
+      wanted.push_back(symbols[k]);
+    }
+    wanted.insert(wanted.end(), more.begin(), more.end());
+    program.code = engine::cmpspec(gcmp, wanted);
+    return program;
+  }
+};
+
+// factor_programs: n.programs.factored, where enough derivatives by parameters have coefficients in common. Takes what the
+// programs `gradient` and `curvature` yield; the second has no places when nothing is differentiated at modes.
+void factor_programs(model::NX& n, Outputs gradient, Outputs curvature);
+
+} // namespace torvale::evaluation
