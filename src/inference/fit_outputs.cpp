@@ -3,6 +3,7 @@
 #include "host/libraries.h"
 #include "inference/effect_outputs.h"
 #include "inference/estimates_output.h"
+#include "inference/fitted_output.h"
 #include "inference/open_output.h"
 #include "inference/output_columns.h"
 #include "inference/predictions.h"
@@ -57,7 +58,7 @@ int open_fit_outputs(NX& n)
     if (statement.output == nullptr) return 1;
     declare(n, statement);
   }
-  if (open_estimates_output(n) != 0) return 1;
+  if (open_estimates_output(n) != 0 || open_fitted_output(n) != 0) return 1;
   return open_effect_outputs(n);
 }
 
@@ -72,6 +73,7 @@ int write_fit_outputs(NX& n)
     if (const int rc = predict(n, statement, posterior, columns); rc > 2) return rc;
     write(n, statement, columns);
   }
+  if (const int rc = write_fitted_output(n, posterior); rc > 2) return rc;
   if (n.wants_effects && n.nreff() > 0) write_effect_outputs(n, posterior);
   if (const int rc = write_round_outputs(n); rc > 2) return rc;
   return 0;

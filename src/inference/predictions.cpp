@@ -4,18 +4,16 @@
 #include "host/libraries.h"
 #include "host/message_names.h"
 #include "host/missing.h"
+#include "inference/record_loop.h"
 #include "inference/standard_errors.h"
 #include "integration/evaluation_parts.h"
 #include "matrix/packed_kernels.h"
 #include "matrix/quadratic_forms.h"
-#include "parallel/worker_pool.h"
 #include "probability/f.h"
 #include "probability/quantiles.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <optional>
 
 namespace torvale::inference {
 
@@ -26,45 +24,13 @@ using model::PredictStatement;
 
 namespace {
 
-constexpr std::int64_t chunk_rows = 4096; // rows that a worker takes at once: whole subjects
-constexpr int most_faults_sought = 200;   // missing values that are looked at for a fault of the program
+constexpr int most_faults_sought = 200; // missing values that are looked at for a fault of the program
 
-// Rows first..last-1 of the store, of subjects first_subject..last_subject-1.
-struct Chunk {
-  std::int64_t first = 0, last = 0;
-  std::size_t first_subject = 0, last_subject = 0;
-};
-
-std::vector<Chunk> deal_chunks(const NX& n)
-{
-  std::vector<Chunk> chunks;
-  const std::int64_t rows = n.store->nobs;
-  if (n.nreff() == 0) {
-    for (std::int64_t first = 0; first < rows; first += chunk_rows)
-      chunks.push_back({first, std::min(first + chunk_rows, rows), 0, 0});
-    return chunks;
-  }
-  const auto& subjects = n.leaf().SubInfo;
-  Chunk chunk;
-  for (std::size_t s = 0; s < subjects.size(); ++s) {
-    const std::int64_t end = subjects[s].first_row + subjects[s].SubCount;
-    if (s > chunk.first_subject && end - chunk.first > chunk_rows) {
-      chunks.push_back(chunk);
-      chunk = {subjects[s].first_row, end, s, s};
-    }
-    chunk.last = end;
-    chunk.last_subject = s + 1;
-  }
-  if (chunk.last > chunk.first) chunks.push_back(chunk);
-  return chunks;
-}
-
-class PredictionLoop {
+class PredictionRecords {
 public:
-  PredictionLoop(NX& n, const PredictStatement& statement, const Posterior& posterior, PredictionColumns& out)
-      : n_(n), statement_(statement), posterior_(posterior), out_(out), chunks_(deal_chunks(n)),
-        np_(static_cast<std::size_t>(n.nparm)), nr_(static_cast<std::size_t>(posterior.nr)),
-        keeps_(engine::sequential(*statement.program)), work_(n.ctx.size())
+  PredictionRecords(NX& n, const PredictStatement& statement, const Posterior& posterior, PredictionColumns& out)
+      : n_(n), statement_(statement), posterior_(posterior), out_(out), np_(static_cast<std::size_t>(n.nparm)),
+        nr_(static_cast<std::size_t>(posterior.nr)), gradient_(n.ctx.size())
   {
     const auto rows = static_cast<std::size_t>(n.store->nobs);
     for (auto* column : {&out.value, &out.error, &out.t, &out.p, &out.lower, &out.upper}) column->assign(rows, missing);
@@ -74,83 +40,11 @@ public:
     out.alpha = statement.alpha >= 0 ? statement.alpha : n.alpha;
     out.df = statement.df >= 0 ? statement.df : n.dfe;
     probability::zqt(1.0 - out.alpha / 2.0, out.df, &quantile_);
-    for (Work& w : work_) w.gradient.resize(2 * np_ + nr_);
-    for (auto& ctx : n.ctx) ctx->frame->set_parameters(n.parm.data());
-  }
-
-  int run()
-  {
-    const auto items = static_cast<long>(chunks_.size());
-    if (n_.workers != nullptr && !(keeps_ && n_.nreff() == 0))
-      n_.workers->run(items, *this);
-    else
-      for (long item = 0; item < items; ++item) (*this)(0, item);
-    return ended_.load();
-  }
-
-  void operator()(int context, long item)
-  {
-    if (ended_.load(std::memory_order_relaxed) != 0) return;
-    if (const int rc = chunk(context, chunks_[static_cast<std::size_t>(item)]); rc > 2)
-      ended_.store(rc, std::memory_order_relaxed);
-  }
-
-private:
-  struct Work {
-    std::vector<double> gradient; // np and nr derivatives of a record, then h
-    std::vector<double> effects;  // nr rows: estimates of the chunk's subjects
-    std::vector<std::int32_t> rows, points, state;
-  };
-
-  int chunk(int context, const Chunk& c)
-  {
-    Work& w = work_[static_cast<std::size_t>(context)];
-    engine::Frame& frame = *n_.ctx[static_cast<std::size_t>(context)]->frame;
-    frame.set_range(c.first, c.last - c.first);
-    const std::size_t subjects = c.last_subject - c.first_subject, points = std::max<std::size_t>(subjects, 1);
-    w.effects.assign(std::max<std::size_t>(nr_, 1) * points, 0.0);
-    for (std::size_t s = 0; s < subjects; ++s)
-      for (std::size_t e = 0; e < nr_; ++e)
-        w.effects[e * points + s] = posterior_.estimate[(c.first_subject + s) * nr_ + e];
-    frame.set_points(w.effects.data(), static_cast<int>(points), static_cast<int>(points));
-    list_points(w, c);
-    const auto count = static_cast<int>(c.last - c.first);
-    const int step = keeps_ ? 1 : engine::max_lanes;
-    for (int at = 0; at < count; at += step) {
-      const int lanes = std::min(step, count - at);
-      if (keeps_ && starts_anew(c.first + at)) frame.reset_state(*statement_.program, 1);
-      const std::int32_t* const state = keeps_ ? w.state.data() : nullptr;
-      const int rc = frame.run(*statement_.program, {lanes, w.rows.data() + at, w.points.data() + at, state});
-      if (rc > 2) return rc;
-      for (int j = 0; j < lanes; ++j)
-        keep(w, frame, j, c.first + at + j,
-             c.first_subject + static_cast<std::size_t>(w.points[static_cast<std::size_t>(at + j)]));
-    }
-    return 0;
-  }
-
-  bool starts_anew(std::int64_t row) const
-  {
-    return row == 0 || (n_.nreff() > 0 && n_.store->subject_start[static_cast<std::size_t>(row)] == row);
-  }
-
-  void list_points(Work& w, const Chunk& c) const
-  {
-    const auto count = static_cast<std::size_t>(c.last - c.first);
-    w.rows.resize(count);
-    w.points.assign(count, 0);
-    w.state.assign(1, 0);
-    for (std::size_t k = 0; k < count; ++k)
-      w.rows[k] = static_cast<std::int32_t>(c.first + static_cast<std::int64_t>(k));
-    for (std::size_t s = c.first_subject; s < c.last_subject; ++s) {
-      const auto& subject = n_.leaf().SubInfo[s];
-      std::fill_n(w.points.begin() + (subject.first_row - c.first), subject.SubCount,
-                  static_cast<std::int32_t>(s - c.first_subject));
-    }
+    for (auto& g : gradient_) g.resize(2 * np_ + nr_);
   }
 
   // One lane: its value, error and limits, at the record's place in the file.
-  void keep(Work& w, const engine::Frame& frame, int lane, std::int64_t row, std::size_t subject)
+  void keep(int context, const engine::Frame& frame, int lane, std::int64_t row, std::size_t subject)
   {
     if (nr_ > 0 && posterior_.known[subject] == 0) return;
     const auto at = static_cast<std::size_t>(n_.store->group_row[static_cast<std::size_t>(row)]);
@@ -158,7 +52,7 @@ private:
     out_.value[at] = value;
     const std::size_t ids = n_.idsym.s.size(), first_id = statement_.list.size() + 1;
     for (std::size_t k = 0; k < ids; ++k) out_.id[at * ids + k] = frame.output(static_cast<int>(first_id + k))[lane];
-    double* const g = w.gradient.data();
+    double* const g = gradient_[static_cast<std::size_t>(context)].data();
     std::fill_n(g, np_ + nr_, 0.0);
     bool whole = true;
     for (std::size_t k = 0; k < statement_.list.size(); ++k) {
@@ -185,6 +79,7 @@ private:
     out_.upper[at] = value + quantile_ * error;
   }
 
+private:
   double squared_error(const double* g, double* h, std::size_t subject) const
   {
     std::copy_n(g, np_, h);
@@ -202,12 +97,9 @@ private:
   const PredictStatement& statement_;
   const Posterior& posterior_;
   PredictionColumns& out_;
-  const std::vector<Chunk> chunks_;
   const std::size_t np_, nr_;
-  const bool keeps_;
   double quantile_ = missing;
-  std::vector<Work> work_;
-  std::atomic<int> ended_{0};
+  std::vector<std::vector<double>> gradient_; // per context: np and nr derivatives of a record, then h
 };
 
 // The first record in file order whose value is missing through a fault of the program, with message 70.
@@ -262,8 +154,12 @@ void report_undetermined(NX& n, const PredictStatement& statement, const Predict
 
 int predict(NX& n, const PredictStatement& statement, const Posterior& posterior, PredictionColumns& out)
 {
-  PredictionLoop loop(n, statement, posterior, out);
-  if (const int rc = loop.run(); rc > 2) return rc;
+  PredictionRecords records(n, statement, posterior, out);
+  const auto keep = [&](int context, const engine::Frame& frame, int lane, std::int64_t row, std::size_t subject) {
+    records.keep(context, frame, lane, row, subject);
+  };
+  const auto nr = static_cast<std::size_t>(posterior.nr);
+  if (const int rc = RecordLoop(n, *statement.program, posterior.estimate, nr, keep).run(); rc > 2) return rc;
   report_fault(n, statement, posterior, out);
   report_undetermined(n, statement, out);
   return 0;

@@ -118,6 +118,15 @@ struct PredictStatement {
   syntax::Position where;
 };
 
+// OUTFIT=: fitted values and residuals.
+struct FittedRequest {
+  const syntax::StItem* out = nullptr;    // borrowed
+  host::OutputDataSet* output = nullptr;  // open from statement processing to the end of the step; borrowed
+  engine::CMPLIST arguments;              // of the MODEL distribution
+  engine::CMPDER der;                     // by the parameters, then the random effects
+  const engine::Program* program = nullptr; // the response, the arguments, their derivatives
+};
+
 // MCMC and PRIOR: posterior sampling after the fit.
 struct SamplingStatements {
   const syntax::STMT* mcmc = nullptr;    // borrowed; null: no sampling
@@ -187,6 +196,7 @@ struct ModelLists {
   host::OutputDataSet* outqfid = nullptr;     // open from statement processing to the end of the step; borrowed
   const syntax::StItem* outsg = nullptr;      // SUBGRADIENT=; borrowed
   host::OutputDataSet* sgradfid = nullptr;    // likewise
+  FittedRequest fitted;                       // OUTFIT=
   SamplingStatements sampling;                // MCMC, PRIOR
   std::vector<host::ByVariable> bylist;       // BY variables
   bool notsorted = false;

@@ -2,6 +2,7 @@
 
 #include "host/message_names.h"
 #include "host/text.h"
+#include "inference/response_moments.h"
 #include "run/statement_processing.h"
 #include "syntax/statement_names.h"
 
@@ -14,6 +15,26 @@ using syntax::predict_slot;
 using syntax::STMT;
 
 namespace {
+
+engine::CMPLIST parameters_and_effects(const NX& n)
+{
+  engine::CMPLIST variables = n.prsym;
+  for (std::size_t level = n.reff.size(); level > 0; --level)
+    for (auto* effect : n.reff[level - 1].ransym.s) variables.s.push_back(effect);
+  return variables;
+}
+
+// OUTFIT=: the arguments of the MODEL distribution, by the names that the MODEL statement gives them.
+void read_fitted_request(NX& n)
+{
+  if (n.fitted.out == nullptr) return;
+  for (int k = 1; k <= inference::response_arguments(n.disttype); ++k)
+    n.fitted.arguments.s.push_back(engine::cmpsyms(*n.gcmp, "_arg" + std::to_string(k)));
+  if (engine::cmpder(n.fitted.der, n.fitted.arguments, parameters_and_effects(n), *n.gcmp) != 0) {
+    log_diagnostics(n);
+    tvlexit(n, 1012);
+  }
+}
 
 PredictStatement read_statement(NX& n, const STMT& stmt)
 {
@@ -32,10 +53,7 @@ PredictStatement read_statement(NX& n, const STMT& stmt)
   p.df = stmt.number_or(predict_slot::df, -1);
   p.derivatives = stmt.flag(predict_flag::der);
   if (const auto& out = stmt.slot(predict_slot::out).list; !out.empty()) p.out = &out[0];
-  engine::CMPLIST variables = n.prsym;
-  for (std::size_t level = n.reff.size(); level > 0; --level)
-    for (auto* effect : n.reff[level - 1].ransym.s) variables.s.push_back(effect);
-  if (engine::cmpder(p.der, engine::CMPLIST{{p.value}}, variables, *n.gcmp) != 0) {
+  if (engine::cmpder(p.der, engine::CMPLIST{{p.value}}, parameters_and_effects(n), *n.gcmp) != 0) {
     log_diagnostics(n);
     tvlexit(n, 1012);
   }
@@ -69,12 +87,19 @@ void read_id_variables(NX& n)
 void read_prediction_statements(NX& n)
 {
   read_id_variables(n);
+  read_fitted_request(n);
   for (const auto& stmt : n.proc->statements)
     if (stmt.name == "PREDICT") n.predictions.push_back(read_statement(n, stmt));
 }
 
 void specialise_prediction_statements(NX& n)
 {
+  if (n.fitted.out != nullptr) {
+    std::vector<engine::CMPSYM*> outputs = {n.depsym};
+    outputs.insert(outputs.end(), n.fitted.arguments.s.begin(), n.fitted.arguments.s.end());
+    outputs.insert(outputs.end(), n.fitted.der.der.s.begin(), n.fitted.der.der.s.end());
+    n.fitted.program = engine::cmpspec(*n.gcmp, outputs);
+  }
   for (PredictStatement& p : n.predictions) {
     std::vector<engine::CMPSYM*> outputs = {p.value};
     for (std::size_t k = 0; k < p.der.der.s.size(); ++k) {

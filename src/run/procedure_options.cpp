@@ -42,6 +42,7 @@ double default_qmax(const NX& n)
 // Tables and listings that were asked for.
 void output_options(NX& n, const STMT& s)
 {
+  if (s.given(torvale_slot::outfit)) n.fitted.out = &s.slot(torvale_slot::outfit).list.at(0);
   if (s.given(torvale_slot::outest)) n.outest = &s.slot(torvale_slot::outest).list.at(0);
   n.pecov = s.flag(torvale_flag::ecov);
   n.pecorr = s.flag(torvale_flag::ecorr);

@@ -208,7 +208,7 @@ void random_statements(NX& n, const STMT& procedure)
   STMT* prediction = nullptr;
   if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
     n.outr = &out[0];
-  n.wants_effects = n.outr != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
+  n.wants_effects = n.outr != nullptr || n.fitted.out != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
                     std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr || r.outpp != nullptr; });
   n.leaf().prsym.s = n.prsym.s;
   for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
