@@ -1,6 +1,8 @@
 #include "inference/fit_records.h"
 
+#include "engine/kernels/counter_random.h"
 #include "host/missing.h"
+#include "inference/response_moments.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,45 +16,13 @@ using model::NX;
 
 namespace {
 
-// Mean and variance of a distribution of the MODEL statement; missing where it has none.
-struct Moments {
-  double mean = missing, variance = missing;
-};
-
-Moments moments(int distribution, const double* a)
-{
-  switch (distribution) {
-  case 0: // normal: mean, variance
-    return {a[0], a[1]};
-  case 1: // t: mean, squared scale, degrees of freedom
-    return {a[2] > 1 ? a[0] : missing, a[2] > 2 ? a[1] * a[2] / (a[2] - 2) : missing};
-  case 2: // binary: probability
-    return {a[0], a[0] * (1 - a[0])};
-  case 3: // binomial: trials, probability
-    return {a[0] * a[1], a[0] * a[1] * (1 - a[1])};
-  case 4: // Poisson: mean
-    return {a[0], a[0]};
-  case 6: // negative binomial: size, probability
-    return {a[0] * (1 - a[1]) / a[1], a[0] * (1 - a[1]) / (a[1] * a[1])};
-  case 7: // gamma: shape, scale
-    return {a[0] * a[1], a[0] * a[1] * a[1]};
-  default:
-    return {};
-  }
-}
-
-int arguments_of(int distribution)
-{
-  return distribution == 1 ? 3 : distribution == 2 || distribution == 4 ? 1 : distribution == 5 ? 0 : 2;
-}
-
 // The program that yields the response and the arguments of the MODEL distribution, by the names that the MODEL
 // statement gives them. It is made at first use, since most runs never look at single records.
 const engine::Program* records_program(NX& n)
 {
   if (n.programs.records != nullptr) return n.programs.records;
   std::vector<engine::CMPSYM*> outputs = {n.depsym};
-  for (int k = 1; k <= arguments_of(n.disttype); ++k)
+  for (int k = 1; k <= response_arguments(n.disttype); ++k)
     outputs.push_back(engine::cmpsyms(*n.gcmp, "_arg" + std::to_string(k)));
   if (std::find(outputs.begin(), outputs.end(), nullptr) != outputs.end()) return nullptr;
   n.programs.records = engine::cmpspec(*n.gcmp, outputs);
@@ -76,7 +46,7 @@ public:
       place_[row] = static_cast<std::int64_t>(count++);
       out_.row.push_back(static_cast<std::int64_t>(n.rows.begin) + store.group_row[row]);
     }
-    for (auto* column : {&out_.response, &out_.population, &out_.residual, &out_.pearson})
+    for (auto* column : {&out_.response, &out_.population, &out_.residual, &out_.pearson, &out_.quantile})
       column->assign(count, missing);
     out_.subject.assign(count, -1);
     if (n.nreff() > 0) out_.individual.assign(count, missing);
@@ -127,14 +97,14 @@ private:
 
   void record(std::size_t at, std::int32_t number, std::size_t lane, int points)
   {
-    Moments m[2];
-    for (int p = 0; p < points; ++p) {
-      double a[3] = {missing, missing, missing};
-      for (int k = 0; k < arguments_of(n_.disttype); ++k)
+    ResponseMoments m[2];
+    double a[most_response_arguments] = {missing, missing, missing};
+    for (int p = 0; p < points; ++p) { // the last point is the nearest one
+      for (int k = 0; k < response_arguments(n_.disttype); ++k)
         a[k] = frame_.output(1 + k)[lane + static_cast<std::size_t>(p)];
-      m[p] = moments(n_.disttype, a);
+      m[p] = response_moments(n_.disttype, a);
     }
-    const Moments& nearest = m[points - 1];
+    const ResponseMoments& nearest = m[points - 1];
     out_.subject[at] = number;
     out_.response[at] = frame_.output(0)[lane];
     out_.population[at] = host::canonical_missing(m[0].mean);
@@ -142,6 +112,9 @@ private:
     out_.residual[at] = host::canonical_missing(out_.response[at] - nearest.mean);
     out_.pearson[at] =
         nearest.variance > 0 ? host::canonical_missing(out_.residual[at] / std::sqrt(nearest.variance)) : missing;
+    // Pictures of one program are the same each time, seed or none.
+    const double share = engine::uniform_at(1.0, static_cast<double>(out_.row[at]), 0.0, 0.0);
+    out_.quantile[at] = host::canonical_missing(quantile_residual(n_.disttype, out_.response[at], a, share));
   }
 
   NX& n_;
@@ -244,7 +217,7 @@ int walk_subjects(NX& n, RecordWalk& walk)
 
 } // namespace
 
-int fit_records(NX& n, bool /*with_errors*/, FitRecords& out)
+int fit_records(NX& n, FitRecords& out)
 {
   out = {};
   if (std::any_of(n.reff.begin(), n.reff.end(), [](const auto& reff) { return reff.distrtype != 0; })) return 1;

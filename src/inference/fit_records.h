@@ -1,5 +1,5 @@
 #pragma once
-// FitRecords: the fit seen from its records. What OUTFIT= writes and what the pictures of the report show.
+// FitRecords: the fit seen from its records, for the pictures of the report.
 
 #include "model/run_record.h"
 
@@ -16,13 +16,9 @@ struct FitRecords {
   std::vector<double> response;
   std::vector<double> population;       // mean of the response with the effects at their means
   std::vector<double> individual;       // mean of the response at the subject's modes
-  std::vector<double> population_error; // standard errors of both
-  std::vector<double> individual_error;
   std::vector<double> residual; // response - individual (population without random effects)
   std::vector<double> pearson;  // residual / root of the variance of the response at the same place
-  std::vector<double>
-      conditional_weighted;     // normal means: residuals of the linearized model, decorrelated by its Cholesky factor
-  std::vector<double> quantile; // normal quantile of the response's distribution function; randomized when discrete
+  std::vector<double> quantile; // quantile_residual at the same place, randomized when discrete
 };
 
 // Means and variances of the random effects of every subject at the estimates: nr a subject, subjects in order; missing
@@ -35,8 +31,8 @@ bool random_effect_moments(model::NX& n, const model::REFFECT& reff, EffectMomen
 // The modes found at the estimates, in the same order; missing where a search has failed.
 std::vector<double> random_effect_modes(const model::NX& n, const model::REFFECT& reff);
 
-// fit_records: computes the columns at the estimates, with the modes found there. with_errors: the standard errors too.
+// fit_records: computes the columns at the estimates, with the modes found there.
 // Returns 0; 1 when the model cannot be evaluated there, rows are then empty.
-int fit_records(model::NX& n, bool with_errors, FitRecords& out);
+int fit_records(model::NX& n, FitRecords& out);
 
 } // namespace torvale::inference

@@ -135,7 +135,7 @@ void axis_and_covariates(const NX& n, PictureData& out)
 
 int picture_data(NX& n, PictureData& out)
 {
-  if (fit_records(n, false, out.records) != 0) return 1;
+  if (fit_records(n, out.records) != 0) return 1;
   out.kind = kind_of(n.disttype);
   out.normal = n.disttype == 0;
   const auto at = n.fid->xvfind(n.depname);

@@ -16,8 +16,8 @@ using inference::PictureData;
 
 namespace {
 
-// The residuals that say most: quantile residuals are normal under any right model; decorrelated ones are for normal
-// means.
+// The residuals that say most: quantile residuals are normal under any right model; of normal responses they are the
+// Pearson residuals.
 struct Residuals {
   const std::vector<double>* values = nullptr;
   const char* name = "";
@@ -32,12 +32,8 @@ bool any_finite(const std::vector<double>& values)
 Residuals residuals_of(const PictureData& data)
 {
   const auto& r = data.records;
-  const bool continuous = data.kind == inference::ResponseKind::continuous;
-  if (continuous && any_finite(r.conditional_weighted))
-    return {&r.conditional_weighted, "Conditional weighted residual", true};
+  if (data.normal && any_finite(r.pearson)) return {&r.pearson, "Pearson residual", true};
   if (any_finite(r.quantile)) return {&r.quantile, "Quantile residual", true};
-  if (any_finite(r.pearson) && data.kind != inference::ResponseKind::binary)
-    return {&r.pearson, "Pearson residual", data.normal};
   return {};
 }
 
