@@ -391,23 +391,21 @@ private:
     return true;
   }
 
-  // exp_mean_far of lane_compartments.h, of orders whose sum is at most 2: by parts, w = 1 / (y - x). The kernel does
-  // what is nearer.
+  // exp_mean_far of lane_compartments.h, of orders whose sum is at most 2: by parts, with d = y - x and w = 1 / d as
+  // further operands, which means of several orders share. The kernel does what is nearer.
   bool exp_mean()
   {
+    if (op_.index < 0) return false;
     const int i = op_.index / 10, j = op_.index % 10;
-    if (op_.index < 0 || i + j > 2) return false;
-    const int x = number(0), y = number(1), ex = number(2), ey = number(3), order = number(4);
-    const int w = registers_.temporary(), mean = registers_.temporary(), other = registers_.temporary(), result = out();
+    const int x = number(0), y = number(1), ex = number(2), ey = number(3), d = number(5), w = number(6);
+    const int mean = registers_.temporary(), other = registers_.temporary(), result = out();
     const auto times = [&](int to, Xbyak::Operand const& factor) {
       code_.arithmetic(Arithmetic::multiply, to, to, factor);
     };
-    code_.arithmetic(Arithmetic::subtract, w, y, reg(x));
-    code_.bitwise(Bitwise::and_, t_, w, constant(Constant::all_but_sign));
+    code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
     code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
-    RareCall& rare = unless(m_, {x, y, ex, ey, order}, result);
-    one_to(t_);
-    code_.arithmetic(Arithmetic::divide, w, t_, reg(w));
+    RareCall& rare = unless(m_, {x, y, ex, ey}, result);
+    rare.order = op_.index;
     code_.arithmetic(Arithmetic::subtract, mean, ex, reg(ey));
     times(mean, reg(w));
     if (i == 1 && j == 1) { // from the means of both orders before it
