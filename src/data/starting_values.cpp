@@ -1,7 +1,7 @@
 #include "data/starting_values.h"
 
-#include "host/message_names.h"
-#include "host/missing.h"
+#include "host/messages/message_names.h"
+#include "host/values/missing.h"
 #include "syntax/statement_names.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 
 #include "data/data_pass.h"
 #include "data/subject_index.h"
-#include "host/message_names.h"
+#include "host/messages/message_names.h"
 
 #include <algorithm>
 #include <numeric>

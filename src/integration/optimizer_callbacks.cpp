@@ -1,6 +1,6 @@
 // The objective as the optimizer sees it.
 
-#include "host/message_names.h"
+#include "host/messages/message_names.h"
 #include "integration/objective.h"
 
 #include "evaluation/likelihood_programs.h"

@@ -1,5 +1,5 @@
 #pragma once
-#include "host/message_names.h"
+#include "host/messages/message_names.h"
 
 namespace torvale::model {
 

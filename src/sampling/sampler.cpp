@@ -1,8 +1,8 @@
 #include "sampling/sampler.h"
 
-#include "host/message_names.h"
+#include "host/messages/message_names.h"
 #include "integration/objective.h"
-#include "integration/posterior.h"
+#include "integration/posterior/posterior.h"
 #include "matrix/cholesky.h"
 #include "matrix/packed.h"
 #include "parallel/worker_pool.h"
@@ -266,7 +266,8 @@ private:
         next_note += o_.lognote;
         note(std::min(done + stride, total));
       }
-      if (std::all_of(chains_.begin(), chains_.end(), [](const auto& c) { return c->failure != Chain::Failure::none; })) break;
+      if (std::all_of(chains_.begin(), chains_.end(), [](const auto& c) { return c->failure != Chain::Failure::none; }))
+        break;
     }
   }
 

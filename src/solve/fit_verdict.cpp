@@ -1,6 +1,6 @@
 #include "solve/fit_verdict.h"
 
-#include "host/message_names.h"
+#include "host/messages/message_names.h"
 #include "solve/solve_step.h"
 
 #include <algorithm>

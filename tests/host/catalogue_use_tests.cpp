@@ -1,4 +1,4 @@
-#include "host/message_names.h"
+#include "host/messages/message_names.h"
 #include "support.h"
 #include <regex>
 #include <set>
@@ -68,7 +68,7 @@ TEST(Catalogue, EveryTextIsRaised)
   std::set<std::string> raised;
   const std::regex name(R"(\bmessage::(\w+))");
   for (std::sregex_iterator i(text.begin(), text.end(), name), end; i != end; ++i) raised.insert((*i)[1]);
-  std::ifstream catalogue(TORVALE_SOURCE_DIR "/src/host/catalogue.cpp");
+  std::ifstream catalogue(TORVALE_SOURCE_DIR "/src/host/messages/catalogue.cpp");
   const std::regex row(R"re(\{503, \d+, "(\w+)", [A-Z],)re");
   int rows = 0;
   for (std::string line; std::getline(catalogue, line);) {
