@@ -1,6 +1,6 @@
 #include "compartment/event_data.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/compartments.h"
 #include "host/values/text.h"
 #include "syntax/statement_names.h"
 

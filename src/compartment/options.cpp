@@ -1,7 +1,7 @@
 #include "compartment/options.h"
 
 #include "compartment/event_data.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/compartments.h"
 #include "host/values/text.h"
 #include "syntax/statement_names.h"
 

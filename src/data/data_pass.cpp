@@ -7,7 +7,9 @@
 #include "data/starting_values.h"
 #include "data/subject_tables.h"
 #include "evaluation/program_faults.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 #include "model/distribution_labels.h"
 

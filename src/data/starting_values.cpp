@@ -1,6 +1,8 @@
 #include "data/starting_values.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/starting_values.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 #include "syntax/statement_names.h"
 

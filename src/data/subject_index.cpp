@@ -1,6 +1,6 @@
 #include "data/subject_index.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 
 #include <algorithm>

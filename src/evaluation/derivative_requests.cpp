@@ -1,5 +1,7 @@
 #include "evaluation/likelihood_programs.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "evaluation/random_covariance.h"
 
 #include "evaluation/record_sums.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 #include "matrix/cholesky.h"
 #include "matrix/eigenvalues.h"

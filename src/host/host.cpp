@@ -1,5 +1,5 @@
 #include "host/host.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
 #include "host/storage/run_output.h"
 #include "host/writers/table_writers.h"
 #include <algorithm>

@@ -1,7 +1,8 @@
 #include "integration/failure_report.h"
 
 #include "evaluation/program_faults.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "integration/objective.h"
 

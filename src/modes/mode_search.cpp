@@ -1,7 +1,7 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/search_rules.h"

@@ -2,7 +2,7 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
 #include "inference/outputs/estimates_output.h"
 #include "inference/outputs/fit_outputs.h"
 #include "inference/outputs/method_outputs.h"

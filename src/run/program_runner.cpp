@@ -1,7 +1,9 @@
 #include "run/program_runner.h"
 
 #include "compartment/compartment_statement.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 #include "host/storage/run_output.h"
 #include "host/storage/sha256.h"
 #include "language/actions.h"

@@ -1,6 +1,6 @@
 #include "sampling/sample_output.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 #include "sampling/sampler.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 #include "integration/objective.h"
 #include "integration/posterior/posterior.h"
 #include "matrix/cholesky.h"

@@ -1,6 +1,9 @@
 // The iteration history and the convergence status: what a user watches while the optimizer runs.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/optimizer.h"
 #include "integration/objective.h"
 #include "optimizer/missing_value.h"
 #include "optimizer/optimizer.h"

@@ -1,4 +1,5 @@
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/starting_values.h"
 #include "solve/starting_grid.h"
 
 #include "host/host_exit.h"

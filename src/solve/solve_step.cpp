@@ -1,7 +1,11 @@
 #include "solve/solve_step.h"
 
 #include "evaluation/likelihood_programs.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/starting_values.h"
+#include "host/messages/names/statements.h"
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"

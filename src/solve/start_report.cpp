@@ -1,7 +1,7 @@
 #include "solve/start_report.h"
 
 #include "evaluation/program_faults.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,9 @@
 #include "solve/starting_grid.h"
 
 #include "data/starting_values.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/starting_values.h"
 #include "integration/objective.h"
 #include "solve/start_report.h"
 

@@ -1,7 +1,7 @@
 #include "host/data/csv.h"
 #include "host/data/csv_blocks.h"
 #include "host/data/csv_columns.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/files.h"
 #include "host/values/formats.h"
 #include "host/values/text.h"
 #include <algorithm>

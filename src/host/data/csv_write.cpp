@@ -1,5 +1,5 @@
 #include "host/data/csv.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/files.h"
 #include "host/storage/byte_source.h"
 #include "host/storage/run_output.h"
 #include "host/values/text.h"

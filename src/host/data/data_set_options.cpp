@@ -1,5 +1,5 @@
 #include "host/data/data_set_options.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/files.h"
 #include "host/values/text.h"
 #include <algorithm>
 #include <charconv>

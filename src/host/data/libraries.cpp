@@ -1,6 +1,6 @@
 #include "host/data/libraries.h"
 #include "host/data/sqlite_table.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/files.h"
 #include "host/values/text.h"
 #include <algorithm>
 #include <filesystem>

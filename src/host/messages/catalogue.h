@@ -2,8 +2,9 @@
 #include <string_view>
 #include <vector>
 
-// The catalogue of messages: words, severity and advice of each number stand in one table, catalogue.cpp. The build
-// makes the names of messages from it (host/messages/message_names.h); only what shows messages reads it at run time.
+// The catalogue of messages: words, severity and advice of each number stand in one table, a file for each topic
+// (catalogue/). The build makes the names of messages from it (host/messages/names/TOPIC.h); only what shows messages
+// reads it at run time.
 namespace torvale::host {
 
 enum class Severity { note, warning, error };
@@ -19,6 +20,13 @@ struct CatalogueEntry {
   std::string_view advice; // what to try; may be empty
   bool label = false;      // words of a table
 };
+
+struct CatalogueTopic {
+  std::string_view name; // of the file in catalogue/, and of the header that the build makes
+  std::vector<CatalogueEntry> entries;
+};
+
+const std::vector<CatalogueTopic>& catalogue_topics();
 
 // The whole catalogue, sorted by group and number.
 const std::vector<CatalogueEntry>& catalogue();

@@ -13,7 +13,7 @@
 
 // Numbered messages. Words, severity and advice stand in one table, catalogue.cpp, and each message has a name there; a
 // caller writes xpmlog(message::seed_too_large{.limit = x}, place) with the names that the build makes of that table
-// (host/messages/message_names.h). Groups: 503 the procedure (message::, and label:: for the words of tables), 352 the
+// (host/messages/names/TOPIC.h). Groups: 503 the procedure (message::, and label:: for the words of tables), 352 the
 // optimizer's options, 549 its reports, 100 the parser. Numbers of 503 from 9000 on are of our own making: 9000 to 9199
 // the host, 9200 to 9299 data and solve; a room takes the next free hundred.
 namespace torvale::host {
@@ -95,7 +95,7 @@ public:
   OptionalMessageValue() = default;
 };
 
-// A message with its arguments, whatever its kind: what the records of host/messages/message_names.h turn into.
+// A message with its arguments, whatever its kind: what the records of host/messages/names/TOPIC.h turn into.
 class NumberedMessage {
 public:
   struct Argument {

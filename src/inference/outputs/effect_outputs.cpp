@@ -1,7 +1,7 @@
 #include "inference/outputs/effect_outputs.h"
 
 #include "host/data/libraries.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 #include "host/values/text.h"
 #include "inference/outputs/open_output.h"

@@ -4,8 +4,6 @@
 #include "inference/outputs/open_output.h"
 #include "inference/outputs/response_moments.h"
 
-#include "host/messages/message_names.h"
-
 namespace torvale::inference {
 
 using integration::Posterior;

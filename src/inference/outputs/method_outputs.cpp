@@ -1,7 +1,8 @@
 #include "inference/outputs/method_outputs.h"
 
 #include "host/data/libraries.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/statements.h"
 #include "inference/outputs/open_output.h"
 #include "integration/monte_carlo_error.h"
 #include "integration/subject_gradients.h"

@@ -1,7 +1,7 @@
 #include "inference/outputs/open_output.h"
 
 #include "host/data/libraries.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 
 namespace torvale::inference {

@@ -2,7 +2,7 @@
 
 #include "evaluation/program_faults.h"
 #include "host/data/libraries.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 #include "inference/outputs/record_loop.h"
 #include "inference/tables/standard_errors.h"

@@ -1,4 +1,5 @@
-#include "host/messages/message_names.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/optimization.h"
 #include "host/values/missing.h"
 #include "inference/tables/expressions.h"
 #include "inference/tables/standard_errors.h"

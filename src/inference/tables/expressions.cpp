@@ -1,7 +1,7 @@
 #include "inference/tables/expressions.h"
 
 #include "evaluation/program_faults.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 
 #include <cmath>

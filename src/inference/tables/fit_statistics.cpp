@@ -1,4 +1,5 @@
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
 #include "inference/tables/standard_errors.h"
 #include "inference/tables/tables.h"
 

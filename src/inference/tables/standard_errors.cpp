@@ -1,6 +1,6 @@
 #include "inference/tables/standard_errors.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
 #include "host/values/missing.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "inference/tables/verdict.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/labels.h"
 #include "inference/tables/tables.h"
 
 #include <algorithm>

@@ -1,4 +1,3 @@
-#include "host/messages/message_names.h"
 #include "integration/subjects/evaluation_parts.h"
 
 #include "evaluation/random_covariance.h"

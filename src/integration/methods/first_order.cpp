@@ -19,7 +19,7 @@
 
 #include "evaluation/random_covariance.h"
 #include "evaluation/record_sums.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "integration/posterior/posterior_work.h"
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"

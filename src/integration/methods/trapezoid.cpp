@@ -15,7 +15,7 @@
 
 #include "evaluation/random_covariance.h"
 #include "evaluation/record_sums.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/mode_search.h"
 

@@ -1,6 +1,6 @@
 #include "integration/rules/quadrature_points.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "probability/random.h"
 
 #include <cmath>

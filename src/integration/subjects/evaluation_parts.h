@@ -2,7 +2,7 @@
 // The parts of one evaluation, each on one context. They write the context and the slots of their own subjects only.
 
 #include "evaluation/record_sums.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
 #include "integration/subjects/integrator.h"
 #include "model/run_record.h"
 

@@ -1,7 +1,7 @@
 // The likelihood without random effects: observations in fixed blocks, one slot each, so that the sum has one order
 // whatever the number of workers.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "integration/subjects/evaluation_parts.h"
 
 #include "evaluation/record_sums.h"

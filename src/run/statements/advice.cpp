@@ -1,6 +1,6 @@
 #include "run/statements/advice.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
 #include "host/values/text.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/walk.h"

@@ -1,4 +1,5 @@
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/starting_values.h"
 #include "host/values/text.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"

@@ -1,6 +1,7 @@
 // What `check` says of a step without mistakes: the model as it was understood.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
 #include "run/statements/statement_processing.h"
 
 namespace torvale::run {

@@ -2,7 +2,7 @@
 
 #include "compartment/event_data.h"
 #include "host/data/by_groups.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/compartments.h"
 #include "run/statements/statement_processing.h"
 
 #include <map>

@@ -1,6 +1,6 @@
 // ESTIMATE and CONTRAST: expressions of the parameters, evaluated after the whole program.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"

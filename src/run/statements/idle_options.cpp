@@ -1,6 +1,6 @@
 #include "run/statements/idle_options.h"
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
 #include "run/statements/statement_processing.h"
 
 namespace torvale::run {

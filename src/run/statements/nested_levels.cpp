@@ -1,6 +1,6 @@
 // Several RANDOM statements: levels of subjects nested in each other.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/optimization.h"
 #include "host/values/text.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"

@@ -1,7 +1,7 @@
 // The options of the TORVALE statement that belong to the optimizer. Only what was given is copied; every default is
 // the library's.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
 #include "host/values/whole_number.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"

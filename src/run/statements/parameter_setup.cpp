@@ -2,7 +2,11 @@
 // value.
 
 #include "data/starting_values.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/starting_values.h"
+#include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 #include "host/values/text.h"
 #include "host/values/whole_number.h"

@@ -1,6 +1,6 @@
 // PREDICT: an expression of parameters, random effects and data, evaluated at every record after the fit.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "inference/outputs/response_moments.h"
 #include "run/statements/statement_processing.h"

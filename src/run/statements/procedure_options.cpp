@@ -1,6 +1,8 @@
 // The options of the TORVALE statement: slot and flag numbers are those of the language's tables.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/statements.h"
 #include "host/values/whole_number.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"

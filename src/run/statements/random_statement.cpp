@@ -1,4 +1,6 @@
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"

@@ -1,6 +1,7 @@
 // MCMC and PRIOR: posterior sampling of every BY group after its fit.
 
-#include "host/messages/message_names.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "run/statements/statement_processing.h"
 #include "sampling/sampler.h"

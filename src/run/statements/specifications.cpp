@@ -1,4 +1,4 @@
-#include "host/messages/message_names.h"
+#include "host/messages/names/labels.h"
 #include "model/distribution_labels.h"
 #include "optimizer/optimizer.h"
 #include "parallel/worker_pool.h"

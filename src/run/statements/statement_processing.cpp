@@ -1,7 +1,10 @@
 #include "run/statements/statement_processing.h"
 
 #include "evaluation/likelihood_programs.h"
-#include "host/messages/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "inference/outputs/fit_outputs.h"
 #include "inference/outputs/method_outputs.h"

@@ -1,4 +1,5 @@
-// make_message_names NAMES.h PROBLEMS.h: the build step that turns the catalogue into the names that sources use.
+// make_message_names FOLDER: the build step that turns the catalogue into the names that sources use, a header for each
+// topic of the catalogue, so that a new message compiles those that speak of its topic.
 //
 // A message without arguments becomes a constant, one with arguments a record with a member for each: a required one
 // has no default, so that a call that leaves it out or misspells it does not compile. Messages whose arguments go by
@@ -7,6 +8,7 @@
 #include "host/messages/catalogue.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -17,7 +19,7 @@
 
 namespace {
 
-using torvale::host::CatalogueEntry;
+using torvale::host::CatalogueEntry, torvale::host::CatalogueTopic;
 
 struct Argument {
   std::string name;
@@ -73,10 +75,10 @@ std::string namespace_of(const CatalogueEntry& e)
   return e.group == 503 ? "message" : e.group == 352 ? "option_message" : e.group == 549 ? "status_message" : "";
 }
 
-std::string names_header()
+std::string names_header(const CatalogueTopic& topic)
 {
   std::map<std::string, std::string> parts;
-  for (const CatalogueEntry& e : torvale::host::catalogue())
+  for (const CatalogueEntry& e : topic.entries)
     if (const std::string part = namespace_of(e); !part.empty()) parts[part] += definition(e);
   std::string out = "#pragma once\n// Made from the catalogue of messages.\n#include \"host/messages/messages.h\"\n\n";
   for (const auto& [part, definitions] : parts)
@@ -97,7 +99,7 @@ std::string problems_header()
   return out + "};\n}\n";
 }
 
-bool write_if_different(const char* path, const std::string& text)
+bool write_if_different(const std::filesystem::path& path, const std::string& text)
 {
   std::ifstream before(path, std::ios::binary);
   if (before && std::string(std::istreambuf_iterator<char>(before), {}) == text) return true;
@@ -125,10 +127,14 @@ bool unique()
 
 int main(int argc, char** argv)
 {
-  if (argc != 3) {
-    std::cerr << "usage: make_message_names NAMES.h PROBLEMS.h\n";
+  if (argc != 2) {
+    std::cerr << "usage: make_message_names FOLDER\n";
     return 2;
   }
   if (!unique()) return 1;
-  return write_if_different(argv[1], names_header()) && write_if_different(argv[2], problems_header()) ? 0 : 1;
+  const std::filesystem::path folder(argv[1]);
+  bool good = write_if_different(folder / "problem_numbers.h", problems_header());
+  for (const CatalogueTopic& topic : torvale::host::catalogue_topics())
+    good = write_if_different(folder / (std::string(topic.name) + ".h"), names_header(topic)) && good;
+  return good ? 0 : 1;
 }
