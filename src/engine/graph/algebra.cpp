@@ -1,6 +1,7 @@
 // Forms that are cheaper and safer than what is written: logarithms of exponentials, and the logistic function and its
-// logarithm, log(1 / (1 + exp(-x))) = -softplus(-x), in whatever steps a program comes to them. A rule takes no factor out
-// of a logarithm unless it is above 0 whatever it is computed from, so that what is left has the logarithm's domain.
+// logarithm, log(1 / (1 + exp(-x))) = -softplus(-x), in whatever steps a program comes to them. A rule takes no factor
+// out of a logarithm unless it is above 0 whatever it is computed from, so that what is left has the logarithm's
+// domain.
 
 #include "engine/graph/graph.h"
 

@@ -80,11 +80,11 @@ struct Loop {
 bool answers_truth(Kernel k);
 
 // GraphBuilder: makes nodes, simplifying as it goes. A rewritten node has the same value, missing values included, with
-// two exceptions: sums are regrouped by what their terms vary with (sums.cpp), and exponentials, logarithms and logistic
-// functions of each other give way to simpler forms (algebra.cpp). There the last digits may differ, and a value may
-// be found where the program as written would have met an overflow or the logarithm of 0.
-// In derivative mode (`Derivative` below) a factor that is the constant 0 makes a product 0: derivatives of what does not
-// vary are 0 even where the other factor is missing.
+// two exceptions: sums are regrouped by what their terms vary with (sums.cpp), and exponentials, logarithms and
+// logistic functions of each other give way to simpler forms (algebra.cpp). There the last digits may differ, and a
+// value may be found where the program as written would have met an overflow or the logarithm of 0. In derivative mode
+// (`Derivative` below) a factor that is the constant 0 makes a product 0: derivatives of what does not vary are 0 even
+// where the other factor is missing.
 class GraphBuilder {
 public:
   GraphBuilder();
@@ -200,13 +200,13 @@ private:
   NodeId regrouped_sum(NodeId a, NodeId b, bool minus); // no_node: nothing to regroup
   struct Summands;
   Summands summands(NodeId a, bool negative, int depth);
-  NodeId logarithm(Kernel k, NodeId a);    // of log and log_or_minus_infinity; no_node: no simpler form
-  NodeId known_logarithm(NodeId a);        // of a product of exponentials and their kin; no_node: it takes a logarithm
-  NodeId log_one_plus(NodeId a);           // log(1 + a), likewise
+  NodeId logarithm(Kernel k, NodeId a); // of log and log_or_minus_infinity; no_node: no simpler form
+  NodeId known_logarithm(NodeId a);     // of a product of exponentials and their kin; no_node: it takes a logarithm
+  NodeId log_one_plus(NodeId a);        // log(1 + a), likewise
   NodeId logistic_quotient(NodeId a, NodeId b); // a / b as a logistic function
-  NodeId one_plus_exp(NodeId a);           // x where a is 1 + exp(x)
-  NodeId complement(NodeId a);             // 1 - a where that has a form of its own
-  NodeId gamma_ratio(NodeId a, NodeId b);  // lgamma(x + y) - lgamma(x)
+  NodeId one_plus_exp(NodeId a);                // x where a is 1 + exp(x)
+  NodeId complement(NodeId a);                  // 1 - a where that has a form of its own
+  NodeId gamma_ratio(NodeId a, NodeId b);       // lgamma(x + y) - lgamma(x)
   NodeId compare_kinds(Kernel comparison, NodeId a, NodeId b);
   NodeId compare_as_one(Kernel comparison, NodeId a, NodeId b);
   bool found_truth(const Node& n) const;
@@ -220,7 +220,7 @@ private:
   std::vector<bool> special_symbols_;
   std::vector<std::uint8_t> symbol_variation_;
   std::vector<std::uint8_t> variation_; // per node, as far as they have been asked for
-  std::vector<bool> truth_;          // per node
+  std::vector<bool> truth_;             // per node
   std::vector<bool> passes_special_; // per node: what it holds may come unchanged from an input, a constant or a carry
   bool special_missing_ = false;
   std::vector<Origin> origins_;

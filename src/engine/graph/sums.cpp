@@ -1,6 +1,6 @@
 // Sums grouped by what their terms vary with: first what is the same at all points of the random effects, then what is
-// the same for all records, last what varies by both. The first two are then computed once per record and once per point,
-// wherever in the sum a random effect was written; a lane adds up two or three numbers.
+// the same for all records, last what varies by both. The first two are then computed once per record and once per
+// point, wherever in the sum a random effect was written; a lane adds up two or three numbers.
 
 #include "engine/graph/graph.h"
 
@@ -24,8 +24,8 @@ std::uint8_t GraphBuilder::variation(NodeId id)
     if (n.kind == NodeKind::row || n.kind == NodeKind::text) with = by_record;
     if (n.kind == NodeKind::carry || n.kind == NodeKind::result) with = by_record | by_point; // perhaps
     for (int j = 0; j < n.operands; ++j)
-      with = static_cast<std::uint8_t>(
-          with | variation_[static_cast<std::size_t>(n.operand[static_cast<std::size_t>(j)])]);
+      with = static_cast<std::uint8_t>(with |
+                                       variation_[static_cast<std::size_t>(n.operand[static_cast<std::size_t>(j)])]);
     variation_.push_back(with);
   }
   return variation_[static_cast<std::size_t>(id)];
@@ -45,10 +45,7 @@ struct Term {
 struct GraphBuilder::Summands {
   Term group[3]; // the same at all points; the same for all records; neither
   Term& of(std::uint8_t with) { return group[(with & by_point) == 0 ? 0 : (with & by_record) == 0 ? 1 : 2]; }
-  bool several() const
-  {
-    return (group[0].id != no_node) + (group[1].id != no_node) + (group[2].id != no_node) > 1;
-  }
+  bool several() const { return (group[0].id != no_node) + (group[1].id != no_node) + (group[2].id != no_node) > 1; }
   // False when both have terms of one group.
   bool join(const Summands& other)
   {

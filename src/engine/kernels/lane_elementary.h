@@ -1,6 +1,6 @@
 #pragma once
-// Elementary functions on one vector of lanes: SLEEF (the natural exponential and logarithm our own), with every value outside the
-// domain made missing.
+// Elementary functions on one vector of lanes: SLEEF (the natural exponential and logarithm our own), with every value
+// outside the domain made missing.
 //
 // Each is within 1 ulp (erfc 1.5) over the domain given; forms of our own give theirs. Infinities pass where the limit
 // exists.
@@ -47,8 +47,8 @@ inline Lanes erf(Lanes a) { return unless(is_nan(a), elementary::erf(a)); }   //
 inline Lanes erfc(Lanes a) { return unless(is_nan(a), elementary::erfc(a)); } // all doubles; 0 above 26.55
 // clang-format on
 
-// The logistic function and softplus have exp(-|a|) in common, which never overflows, and 1 / (1 + exp(-|a|)). Programs that
-// need both, of a or of -a, compute these once (stages/shared_forms), by the same operations as here.
+// The logistic function and softplus have exp(-|a|) in common, which never overflows, and 1 / (1 + exp(-|a|)). Programs
+// that need both, of a or of -a, compute these once (stages/shared_forms), by the same operations as here.
 
 // 1 / (1 + exp(-a)), all doubles, 3 ulp. Below 0 nothing is lost to 1 + small.
 inline Lanes logistic(Lanes a)
@@ -57,7 +57,8 @@ inline Lanes logistic(Lanes a)
   return if_else(a < Lanes{}, e * w, w);
 }
 
-// log(1 + a), 0 <= a <= 1, u = 1 + a, w = 1 / u; 1 ulp. What u has lost is put back: log(1 + a) = log u + (1 + a - u) / u.
+// log(1 + a), 0 <= a <= 1, u = 1 + a, w = 1 / u; 1 ulp. What u has lost is put back: log(1 + a) = log u + (1 + a - u) /
+// u.
 inline Lanes log1p_fraction(Lanes a, Lanes u, Lanes w)
 {
   return log_of_normal(u, (a - (u - all(1.0))) * w);

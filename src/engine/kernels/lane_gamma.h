@@ -91,17 +91,27 @@ inline Lanes digamma_gap(Lanes x)
   return fused(polynomial(digamma_series, w2), w2, all(0.5) * w);
 }
 
-// digamma(x), x > 0, absolute error 2e-15 near its zero 1.4616, elsewhere 4 ulp. Below 10 by the recurrence
-// digamma(x) = digamma(x + n) - sum 1 / (x + j); the sum is gathered as one fraction.
-inline Lanes digamma_positive(Lanes x)
-{
+// 1/x + 1/(x + 1) + ... up to the first argument that reaches `end`, gathered as one fraction; x becomes that argument.
+struct Fraction {
   Lanes numerator = {}, denominator = all(1.0);
-  for (Mask below = x < all(10.0); any(below); below = x < all(10.0)) {
-    numerator = if_else(below, fused(numerator, x, denominator), numerator);
-    denominator = if_else(below, denominator * x, denominator);
+};
+inline Fraction rising_sum(Lanes& x, Lanes end)
+{
+  Fraction f;
+  for (Mask below = x < end; any(below); below = x < end) {
+    f.numerator = if_else(below, fused(f.numerator, x, f.denominator), f.numerator);
+    f.denominator = if_else(below, f.denominator * x, f.denominator);
     x = if_else(below, x + all(1.0), x);
   }
-  return natural_log(x) - digamma_gap(x) - numerator / denominator;
+  return f;
+}
+
+// digamma(x), x > 0, absolute error 2e-15 near its zero 1.4616, elsewhere 4 ulp. Below 10 by the recurrence
+// digamma(x) = digamma(x + n) - sum 1 / (x + j).
+inline Lanes digamma_positive(Lanes x)
+{
+  const Fraction f = rising_sum(x, all(10.0));
+  return natural_log(x) - digamma_gap(x) - f.numerator / f.denominator;
 }
 
 // The derivative of order N of pi cot(pi x), from c = cot(pi x) and c' = -pi (1 + c^2).
@@ -184,8 +194,8 @@ inline Lanes hexagamma(Lanes a)
   return polygamma<4>(a);
 }
 
-// Differences of log gamma and digamma over a whole number of steps, as counts give them, are products and sums over the
-// steps: up to this many they are formed so, where the product cannot overflow.
+// Differences of log gamma and digamma over a whole number of steps, as counts give them, are products and sums over
+// the steps: up to this many they are formed so, where the product cannot overflow.
 constexpr double most_steps = 12.0, highest_step = 1e20;
 
 inline Mask few_steps(Lanes a, Lanes b)
@@ -193,8 +203,8 @@ inline Mask few_steps(Lanes a, Lanes b)
   return (b >= Lanes{}) & (b <= all(most_steps)) & (nearest_whole(b) == b) & (a > Lanes{}) & (a < all(highest_step));
 }
 
-// x (x + 1) ... up to the first factor that reaches `end`; x becomes that factor. Where `end` is a whole number of steps away
-// there are as many factors.
+// x (x + 1) ... up to the first factor that reaches `end`; x becomes that factor. Where `end` is a whole number of
+// steps away there are as many factors.
 inline Lanes rising_product(Lanes& x, Lanes end)
 {
   Lanes product = all(1.0);
@@ -203,21 +213,6 @@ inline Lanes rising_product(Lanes& x, Lanes end)
     x = if_else(below, x + all(1.0), x);
   }
   return product;
-}
-
-// 1/x + 1/(x + 1) + ..., likewise, gathered as one fraction.
-struct Fraction {
-  Lanes numerator = {}, denominator = all(1.0);
-};
-inline Fraction rising_sum(Lanes& x, Lanes end)
-{
-  Fraction f;
-  for (Mask below = x < end; any(below); below = x < end) {
-    f.numerator = if_else(below, fused(f.numerator, x, f.denominator), f.numerator);
-    f.denominator = if_else(below, f.denominator * x, f.denominator);
-    x = if_else(below, x + all(1.0), x);
-  }
-  return f;
 }
 
 // Steps 0, 1, ... below b instead of arguments below an end: a + j would lose j beside a large a.
@@ -243,9 +238,9 @@ inline Fraction sum_of_steps(Lanes a, Lanes b)
   return f;
 }
 
-// log |gamma(a + b)| - log |gamma(a)|; for a > 0, a + b > 0 1e-15 relative to the larger of the result and b. Over few whole steps
-// the logarithm of their product. Else both arguments are brought to 8 by the recurrence, and what is left is the
-// difference of the two Stirling formulas, in which the large terms have cancelled on paper:
+// log |gamma(a + b)| - log |gamma(a)|; for a > 0, a + b > 0 1e-15 relative to the larger of the result and b. Over few
+// whole steps the logarithm of their product. Else both arguments are brought to 8 by the recurrence, and what is left
+// is the difference of the two Stirling formulas, in which the large terms have cancelled on paper:
 //     (a - 1/2) log(1 + b/a) + b (log(a + b) - 1) + s(a + b) - s(a).
 inline Lanes lgamma_ratio(Lanes a, Lanes b)
 {
@@ -283,8 +278,8 @@ inline Lanes comb(Lanes a, Lanes b)
   return unless(~((rest > Lanes{}) & (lower > Lanes{})), if_else(exact, nearest_whole(r), r));
 }
 
-// digamma(a + b) - digamma(a); for a > 0, a + b > 0 1e-15 relative to the larger of the result and 1/a. As lgamma_ratio, with
-// sums in place of products.
+// digamma(a + b) - digamma(a); for a > 0, a + b > 0 1e-15 relative to the larger of the result and 1/a. As
+// lgamma_ratio, with sums in place of products.
 inline Lanes digamma_ratio(Lanes a, Lanes b)
 {
   const Lanes top = a + b;

@@ -15,8 +15,9 @@ struct LogisticForm {
   std::vector<NodeId> operands;
 };
 
-// logistic(x) and softplus(x) from exp(-|x|), to the same bits as the kernels (lane_elementary.h). Of two arguments that are
-// each other's negative, both needed by the stage, one serves for both. Makes nodes; the graph is in derivative mode.
+// logistic(x) and softplus(x) from exp(-|x|), to the same bits as the kernels (lane_elementary.h). Of two arguments
+// that are each other's negative, both needed by the stage, one serves for both. Makes nodes; the graph is in
+// derivative mode.
 LogisticForm logistic_form(GraphBuilder& graph, NodeId id, const std::function<bool(NodeId)>& needed);
 
 } // namespace torvale::engine
