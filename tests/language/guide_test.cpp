@@ -163,7 +163,7 @@ std::set<std::string> statement_words()
   for (int n = 0; n < nonterminals; ++n)
     if (nonterminal_name(n) == "statement" || nonterminal_name(n) == "step")
       for (const int s : first[static_cast<std::size_t>(n)])
-        for (int k = 1; k < control.goaltoken; ++k) {
+        for (int k = control.classes + 1; k < control.goaltoken; ++k) { // behind the token classes
           const std::string_view spelling = control.symmap[k - 1] == s ? control.spelling(k) : "";
           if (!spelling.empty() && spelling.back() != '$' &&
               (std::isalpha(static_cast<unsigned char>(spelling[0])) || spelling[0] == '_'))
