@@ -3,7 +3,10 @@
 
 #include "engine/execution/frame_state.h"
 
+#include "engine/stages/shared_forms.h"
+
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 
@@ -201,10 +204,17 @@ int Frame::State::prepare_range(FrameProgram& f)
 void Frame::State::shift_predictor(FrameProgram& f)
 {
   const auto& results = f.program.code(Stage::observation).results;
-  const auto at = std::find(results.begin(), results.end(), shifted);
-  if (at == results.end()) return;
-  double* const value = f.observation.data() + (at - results.begin()) * f.range_stride;
-  for (std::int64_t i = 0; i < count; ++i) value[i] += shift[records != nullptr ? records[i] : first + i];
+  for (std::size_t k = 0; k < results.size(); ++k) {
+    NodeId of = no_node;
+    bool negative = false;
+    const bool factor = is_exp_factor(gcmp.graph, results[k], of, negative);
+    if ((factor ? of : results[k]) != shifted) continue;
+    double* const value = f.observation.data() + static_cast<std::int64_t>(k) * f.range_stride;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const double by = shift[records != nullptr ? records[i] : first + i];
+      value[i] = factor ? value[i] * std::exp(negative ? -by : by) : value[i] + by;
+    }
+  }
 }
 
 int Frame::State::prepare_points(FrameProgram& f)

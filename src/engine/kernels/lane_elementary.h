@@ -61,7 +61,7 @@ inline Lanes logistic(Lanes a)
 inline Lanes exp_of_factors(Lanes a, Lanes b, Lanes c)
 {
   const Lanes product = a * b;
-  const Mask open = is_nan(product);
+  const Mask open = is_nan(product) | is_nan(c);
   return any(open) ? if_else(open, natural_exp(c), product) : product;
 }
 

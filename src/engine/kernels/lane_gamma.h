@@ -240,7 +240,8 @@ inline Fraction sum_of_steps(Lanes a, Lanes b)
 
 // log |gamma(a + b)| - log |gamma(a)|; for a > 0, a + b > 0 1e-15 relative to the larger of the result and b. Over few
 // whole steps the logarithm of their product. Else both arguments are brought to 8 by the recurrence, and what is left
-// is the difference of the two Stirling formulas, in which the large terms have cancelled on paper:
+// is the difference of the two Stirling formulas, in which the large terms have cancelled on paper, over d = b and
+// whole steps:
 //     (a - 1/2) log(1 + b/a) + b (log(a + b) - 1) + s(a + b) - s(a).
 inline Lanes lgamma_ratio(Lanes a, Lanes b)
 {
@@ -251,8 +252,7 @@ inline Lanes lgamma_ratio(Lanes a, Lanes b)
   if (any(other)) {
     Lanes low = if_else(other, a, all(8.0)), high = if_else(other, top, all(8.0));
     const Lanes below = rising_product(low, all(8.0)), above = rising_product(high, all(8.0));
-    const Mask moved = (low != a) | (high != top);
-    const Lanes d = if_else(other, if_else(moved, high - low, b), Lanes{});
+    const Lanes d = if_else(other, b + (nearest_whole(high - top) - nearest_whole(low - a)), Lanes{});
     const Lanes w = all(1.0) / high, v = all(1.0) / low;
     const Lanes tails = w * polynomial(stirling, w * w) - v * polynomial(stirling, v * v);
     const Lanes stable = (low - all(0.5)) * natural_log1p(d * v) + (d * (natural_log(high) - all(1.0)) + tails);
@@ -292,8 +292,7 @@ inline Lanes digamma_ratio(Lanes a, Lanes b)
   if (any(other)) {
     Lanes low = if_else(other, a, all(10.0)), high = if_else(other, top, all(10.0));
     const Fraction below = rising_sum(low, all(10.0)), above = rising_sum(high, all(10.0));
-    const Mask moved = (low != a) | (high != top);
-    const Lanes d = if_else(other, if_else(moved, high - low, b), Lanes{});
+    const Lanes d = if_else(other, b + (nearest_whole(high - top) - nearest_whole(low - a)), Lanes{});
     const Lanes w = all(1.0) / high, v = all(1.0) / low, w2 = w * w, v2 = v * v;
     const Lanes tails = w2 * polynomial(digamma_series, w2) - v2 * polynomial(digamma_series, v2);
     const Lanes steps = below.numerator / below.denominator - above.numerator / above.denominator;

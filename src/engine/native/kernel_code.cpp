@@ -375,7 +375,7 @@ private:
   {
     const int a = number(0), b = number(1), c = number(2), result = out();
     code_.arithmetic(Arithmetic::multiply, t_, a, reg(b));
-    code_.compare(m_, Predicate::unordered, t_, reg(t_));
+    code_.compare(m_, Predicate::unordered, t_, reg(c));
     RareCall& rare = unless(m_, {a, b, c}, result);
     code_.move(result, reg(t_));
     code_.L(rare.back);

@@ -1,6 +1,7 @@
 // cmppredictor: the value of a record through which alone parameters act on programs.
 
 #include "engine/stages/program.h"
+#include "engine/stages/shared_forms.h"
 
 #include <algorithm>
 #include <map>
@@ -31,14 +32,18 @@ Predictor cmppredictor(CMPGLOBAL& gcmp, std::span<const Program* const> programs
     if (p->sequential()) return {};
     entries(*p, found);
   }
-  std::map<std::int32_t, std::vector<NodeId>> ways; // per parameter's symbol
-  for (const NodeId id : found)
+  std::map<std::int32_t, std::set<NodeId>> ways; // per parameter's symbol
+  for (const NodeId id : found) {
+    NodeId way = id;
+    bool negative = false;
+    is_exp_factor(gcmp.graph, id, way, negative); // moves with its exponent
     for (const std::int32_t symbol : gcmp.dependence.symbols_behind(id))
-      if (gcmp.at(symbol).parameter >= 0) ways[symbol].push_back(id);
+      if (gcmp.at(symbol).parameter >= 0) ways[symbol].insert(way);
+  }
   std::map<NodeId, std::vector<CMPSYM*>> alone;
   for (const auto& [symbol, nodes] : ways)
-    if (nodes.size() == 1 && gcmp.dependence.stage(nodes.front()) == Stage::observation)
-      alone[nodes.front()].push_back(&gcmp.at(symbol));
+    if (nodes.size() == 1 && gcmp.dependence.stage(*nodes.begin()) == Stage::observation)
+      alone[*nodes.begin()].push_back(&gcmp.at(symbol));
   const auto most = std::max_element(alone.begin(), alone.end(),
                                      [](const auto& a, const auto& b) { return a.second.size() < b.second.size(); });
   if (most == alone.end()) return {};

@@ -7,6 +7,15 @@ namespace {
 constexpr double most_moderate = 350.0; // products of exponentials up to there
                                         // neither overflow nor lose digits
 
+// Whether one is written as the negative of the other.
+bool opposite(const GraphBuilder& graph, NodeId a, NodeId b)
+{
+  const Node &x = graph.node(a), &y = graph.node(b);
+  if (is_kernel(x, Kernel::subtract) && is_kernel(y, Kernel::subtract))
+    return x.operand[0] == y.operand[1] && x.operand[1] == y.operand[0];
+  return (is_kernel(x, Kernel::negate) && x.operand[0] == b) || (is_kernel(y, Kernel::negate) && y.operand[0] == a);
+}
+
 } // namespace
 
 NodeId SharedForms::factor(NodeId x, bool negative)
@@ -15,6 +24,19 @@ NodeId SharedForms::factor(NodeId x, bool negative)
   const NodeId moderate =
       graph_.call(Kernel::less_equal_known, graph_.call(Kernel::absolute, x), graph_.constant(most_moderate));
   return graph_.select(moderate, graph_.call(Kernel::exp, signed_x), graph_.missing());
+}
+
+bool is_exp_factor(const GraphBuilder& graph, NodeId id, NodeId& of, bool& negative)
+{
+  const Node& n = graph.node(id);
+  if (!is_kernel(n, Kernel::select) || !graph.is_constant(n.operand[2])) return false;
+  const Node &moderate = graph.node(n.operand[0]), &power = graph.node(n.operand[1]);
+  if (!is_kernel(moderate, Kernel::less_equal_known) || !graph.is_constant(moderate.operand[1], most_moderate) ||
+      !is_kernel(graph.node(moderate.operand[0]), Kernel::absolute) || !is_kernel(power, Kernel::exp))
+    return false;
+  of = graph.operand(moderate.operand[0], 0);
+  negative = opposite(graph, power.operand[0], of);
+  return negative || power.operand[0] == of;
 }
 
 // exp(x) or exp(-x) from factors; no_node where x is no sum of a record's and a

@@ -44,4 +44,7 @@ private:
   std::function<Stage(NodeId)> stage_of_;
 };
 
+// Whether a node is such a factor, exp(r) or exp(-r): of which r.
+bool is_exp_factor(const GraphBuilder& graph, NodeId id, NodeId& of, bool& negative);
+
 } // namespace torvale::engine

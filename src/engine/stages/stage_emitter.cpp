@@ -95,9 +95,8 @@ private:
   void keep_state(std::int32_t carry)
   {
     auto& kept = stage_ == Stage::data ? all_.program_.data_kept : all_.program_.kept;
-    if (std::find(kept.begin(), kept.end(), carry) != kept.end()) return;
-    kept.push_back(carry);
     need(graph_.carry_at(carry).next);
+    if (std::find(kept.begin(), kept.end(), carry) == kept.end()) kept.push_back(carry);
   }
 
   void invert_divisors()
