@@ -94,6 +94,7 @@ int main(int argc, char** argv)
       ->transform(CLI::AsSizeValue(true));
   run->add_flag("--strict", arguments.strict, "names that would become parameters without being in PARMS are errors");
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
+  run->add_flag("--timing", arguments.output.timing, "seconds and evaluations of every stage, on standard error");
   CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
   shared(check);
   check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
