@@ -1,7 +1,7 @@
 #include "integration/objective.h"
 
-#include "integration/evaluation_parts.h"
-#include "integration/slot_tree.h"
+#include "integration/subjects/evaluation_parts.h"
+#include "integration/subjects/slot_tree.h"
 #include "matrix/packed.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "model/subject_names.h"
 
-#include "host/data_set.h"
+#include "host/data/data_set.h"
 
 namespace torvale::model {
 
