@@ -51,7 +51,8 @@ void set_rows(Store& store, const std::vector<std::int32_t>& order)
   if (std::is_sorted(order.begin(), order.end())) return;
   store.group_order.assign(order.begin(), order.end());
   store.store_order.resize(rows);
-  for (std::size_t k = 0; k < rows; ++k) store.store_order[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k);
+  for (std::size_t k = 0; k < rows; ++k)
+    store.store_order[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k);
 }
 
 // The subjects of a level, and their place under those of the next outer one, which are set.

@@ -1,4 +1,5 @@
 #include "evaluation/program_faults.h"
+
 #include "model/subject_names.h"
 
 #include <algorithm>

@@ -2,6 +2,7 @@
 
 #include "integration/objective.h"
 
+#include "evaluation/likelihood_programs.h"
 #include "integration/subjects/evaluation_parts.h"
 #include "integration/subjects/slot_tree.h"
 #include "parallel/worker_pool.h"
@@ -43,7 +44,7 @@ void list_records(NX& n)
   n.record_rows.clear();
   n.record_first.assign(1, 0);
   if (n.nreff() > 0 && (all || std::all_of(n.store->badobs.begin(), n.store->badobs.end(),
-                                        [](BadCause cause) { return cause == BadCause::none; }))) {
+                                           [](BadCause cause) { return cause == BadCause::none; }))) {
     for (const auto& s : n.leaf().SubInfo) n.record_first.push_back(s.first_row + s.SubCount);
     return;
   }
@@ -74,7 +75,8 @@ void list_levels(NX& n, Batch& batch)
     for (int i = batch.first; i < batch.last; ++i) {
       const int s = n.batch_subjects[static_cast<std::size_t>(i)];
       if (records_of(n, s) <= level) break;
-      n.batch_records.push_back(n.record_row(static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)));
+      n.batch_records.push_back(
+          n.record_row(static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)));
     }
     n.batch_levels.push_back(
         static_cast<std::int32_t>(static_cast<std::int64_t>(n.batch_records.size()) - batch.first_record));
@@ -245,9 +247,13 @@ void size_modes(NX& n)
 
 void size_contexts(NX& n)
 {
+  const bool gradient = n.dograd || n.nqpspec;
+  if (n.nreff() == 1 && n.method == 0 && n.adaptive && n.leaf().nqpr == 1 && gradient)
+    evaluation::specialise_single_point(n);
   list_records(n);
   deal_batches(n);
-  if (n.bound != nullptr) engine::cmporder(*n.bound, n.batch_records.data(), static_cast<std::int64_t>(n.batch_records.size()));
+  if (n.bound != nullptr)
+    engine::cmporder(*n.bound, n.batch_records.data(), static_cast<std::int64_t>(n.batch_records.size()));
   const std::size_t contexts = n.workers != nullptr ? static_cast<std::size_t>(n.workers->contexts()) : 1;
   n.ctx.resize(contexts);
   for (std::size_t c = 0; c < contexts; ++c) {
@@ -265,11 +271,13 @@ void size_contexts(NX& n)
   size_slots(n);
   size_modes(n);
   n.parmlast.clear();
+  forget_evaluation(n);
 }
 
 void forget_modes(NX& n)
 {
   n.ebtrial_point.clear();
+  forget_evaluation(n);
   if (n.nreff() == 0) return;
   const long length = place_modes(n), subjects = static_cast<long>(n.outer().SubInfo.size());
   for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, length);

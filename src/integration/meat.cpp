@@ -12,7 +12,7 @@ using model::NX;
 
 int outer_products(NX& n, std::vector<double>& sum)
 {
-  if (n.failed || !n.dograd || n.ebtrial_point != n.parm) return 1;
+  if (n.failed || n.evaluated != model::GroupState::Evaluated::gradient || n.ebtrial_point != n.parm) return 1;
   sum.assign(static_cast<std::size_t>(matrix::packed_size(n.nparm)), 0.0);
   if (n.nreff() == 0) return add_record_products(n, *n.ctx[0], sum.data());
   const auto add = [&](long first, long last, double* products) {

@@ -14,6 +14,7 @@ namespace torvale::integration {
 
 using model::NX;
 using model::TVLThreadCtx;
+using Evaluated = model::GroupState::Evaluated;
 
 namespace {
 
@@ -95,6 +96,16 @@ void prepare(NX& n)
   }
   std::fill(n.ebtrial_known.begin(), n.ebtrial_known.end(), static_cast<char>(0));
   n.ebtrial_point.clear();
+  forget_evaluation(n);
+}
+
+// The last evaluation was at this point, and has what is wanted: it stands, with its slots and modes.
+bool evaluated(NX& n)
+{
+  if (n.evaluated < (n.dograd ? Evaluated::gradient : Evaluated::value) || n.ebtrial_point != n.parm) return false;
+  n.objfun = n.evaluated_objfun;
+  if (n.dograd) n.objgrad = n.goodgrad;
+  return true;
 }
 
 // Value and gradient; the observation blocks already hold their weights.
@@ -234,8 +245,9 @@ private:
 
 int tvllike(NX& n)
 {
-  if (n.host != nullptr) n.host->stages().count_evaluation();
   n.failed = false;
+  if (evaluated(n)) return 0;
+  if (n.host != nullptr) n.host->stages().count_evaluation();
   for (auto& ctx : n.ctx) std::fill(ctx->batch.null_scale.begin(), ctx->batch.null_scale.end(), 0.0);
   bool ended = false;
   const bool good = evaluate_slots(n, ended);
@@ -247,6 +259,8 @@ int tvllike(NX& n)
     if (n.itdetails) report_failure(n);
   } else {
     n.ebtrial_point = n.parm;
+    n.evaluated = n.dograd ? Evaluated::gradient : Evaluated::value;
+    n.evaluated_objfun = n.objfun;
     if (n.dograd) n.goodgrad = n.objgrad;
   }
   if (!ended) return n.failed && n.retfail && n.nreff() > 1 ? 1 : 0;

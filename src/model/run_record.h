@@ -219,6 +219,9 @@ struct GroupState {
   std::vector<double> ebtrial;                // written by the last evaluation
   std::vector<char> ebtrial_known;
   std::vector<double> ebtrial_point;          // parameter vector that ebtrial belongs to; empty when none
+  enum class Evaluated : char { nothing, value, gradient };
+  Evaluated evaluated = Evaluated::nothing;   // what the slots hold of that point
+  double evaluated_objfun = 0.0;              // the objective there
   std::vector<double> ebesold;                // modes of the best grid point
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker

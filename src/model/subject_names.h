@@ -1,5 +1,6 @@
 #pragma once
-// What subjects and rows are called in messages and tables: looked up in the input data, so that nothing is kept for them.
+// What subjects and rows are called in messages and tables: looked up in the input data, so that nothing is kept for
+// them.
 
 #include "model/run_record.h"
 

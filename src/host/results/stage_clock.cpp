@@ -6,8 +6,8 @@ namespace torvale::host {
 
 std::string stage_times_text(const StageTimes& times)
 {
-  static constexpr const char* names[stage_count] = {"load",      "parse",           "compile",   "read",  "data pass",
-                                                     "starting values", "optimizer", "covariance", "report"};
+  static constexpr const char* names[stage_count] = {
+      "load", "parse", "compile", "read", "data pass", "starting values", "optimizer", "covariance", "report"};
   std::string text;
   StageTime all;
   const auto line = [&](const char* name, const StageTime& t) {

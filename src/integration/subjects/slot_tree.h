@@ -1,7 +1,7 @@
 #pragma once
-// The one order in which numbers of slots are added up: blocks of 64 slots in their order, then pairs of blocks upwards; a
-// block without a neighbour goes up as it is. It depends on the number of slots alone, so that any number of workers may sum
-// the blocks, each whichever it gets.
+// The one order in which numbers of slots are added up: blocks of 64 slots in their order, then pairs of blocks
+// upwards; a block without a neighbour goes up as it is. It depends on the number of slots alone, so that any number of
+// workers may sum the blocks, each whichever it gets.
 
 #include "parallel/worker_pool.h"
 
@@ -15,7 +15,8 @@ class SlotTree {
 public:
   // Room for sums of `width` numbers over `slots` slots; grows only.
   SlotTree(std::vector<double>& room, long slots, std::size_t width)
-      : room_(room), slots_(slots), width_(static_cast<long>(width)), leaves_(std::max(1L, (slots + leaf_slots - 1) / leaf_slots))
+      : room_(room), slots_(slots), width_(static_cast<long>(width)),
+        leaves_(std::max(1L, (slots + leaf_slots - 1) / leaf_slots))
   {
     const auto fitting = static_cast<unsigned long>(std::clamp(most_room / width_, 64L, leaves_));
     group_ = static_cast<long>(std::bit_ceil(fitting));
@@ -23,15 +24,15 @@ public:
     if (room_.size() < size) room_.resize(size);
   }
 
-  // add(first, last, sum) adds the numbers of the slots first..last-1 to `sum`, in their order, on any worker. Returns the
-  // sums. Null workers: serial.
+  // add(first, last, sum) adds the numbers of the slots first..last-1 to `sum`, in their order, on any worker. Returns
+  // the sums. Null workers: serial.
   template <class Add> const double* sum(parallel::WorkerPool* workers, Add&& add)
   {
     double* const upper = room_.data() + group_ * width_; // sums of 1, 2, 4, ... groups that wait for a neighbour
     unsigned long done = 0;                               // groups: its bits say which sums wait
     for (long first = 0; first < leaves_; first += group_) {
       const long count = std::min(group_, leaves_ - first);
-      const auto leaf = [&](int, long k) {
+      auto leaf = [&](int, long k) {
         double* const to = room_.data() + k * width_;
         std::fill_n(to, width_, 0.0);
         add((first + k) * leaf_slots, std::min(slots_, (first + k + 1) * leaf_slots), to);
@@ -68,7 +69,8 @@ private:
   }
   void join(const double* earlier)
   {
-    for (long j = 0; j < width_; ++j) room_[static_cast<std::size_t>(j)] = earlier[j] + room_[static_cast<std::size_t>(j)];
+    for (long j = 0; j < width_; ++j)
+      room_[static_cast<std::size_t>(j)] = earlier[j] + room_[static_cast<std::size_t>(j)];
   }
 
   std::vector<double>& room_;
