@@ -22,6 +22,7 @@ namespace torvale::data {
 using evaluation::observation_number;
 using evaluation::place_of;
 using model::BadCause;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -62,14 +63,14 @@ struct Pass {
   BlockFindings found;
 };
 
-const double* arguments_at(const NX& n, const Pass& pass, std::size_t level, std::int64_t row)
+const double* arguments_at(const ModelLists& n, const Pass& pass, std::size_t level, std::int64_t row)
 {
   const auto& reff = n.reff[level];
   return pass.arguments[level].data() + (reff.setup_varies ? row * reff.nd : 0);
 }
 
 // The means of all random effects at a row: what the program is run at.
-void means_at(const NX& n, const Pass& pass, std::int64_t row, double* mean)
+void means_at(const ModelLists& n, const Pass& pass, std::int64_t row, double* mean)
 {
   for (std::size_t k = 0; k < n.reff.size(); ++k) {
     const auto& reff = n.reff[k];
@@ -78,7 +79,7 @@ void means_at(const NX& n, const Pass& pass, std::int64_t row, double* mean)
   }
 }
 
-std::vector<double> no_effects(const NX& n)
+std::vector<double> no_effects(const ModelLists& n)
 {
   return std::vector<double>(static_cast<std::size_t>(std::max(1, n.programs.ne)), 0.0);
 }
