@@ -188,7 +188,8 @@ int run_command(const RunArguments& arguments)
   RunOutcome outcome;
   const auto started = std::chrono::system_clock::now();
   {
-    Session session(std::move(settings));
+    // Never taken apart: the process ends soon, and what the session holds goes with it at once.
+    static Session& session = *new Session(std::move(settings));
     running = &session;
     std::signal(SIGINT, on_interrupt);
     std::signal(SIGTERM, on_interrupt);
