@@ -4,7 +4,7 @@
 
 namespace torvale::model {
 
-std::size_t input_row(const NX& n, std::int64_t row)
+std::size_t input_row(const GroupState& n, std::int64_t row)
 {
   return n.rows.begin + static_cast<std::size_t>(n.store->group_row(row));
 }

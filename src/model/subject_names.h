@@ -13,7 +13,7 @@ std::string subject_name(const NX& n, const SUBINFO& subject);
 // The values of its ancestors and its own, the outermost first, joined by "-".
 std::string chain_name(const NX& n, const SUBINFO& subject);
 // Row of the input data set of a store row, from 0; and its number in the file, from 1.
-std::size_t input_row(const NX& n, std::int64_t row);
+std::size_t input_row(const GroupState& n, std::int64_t row);
 std::int64_t file_row(const NX& n, std::int64_t row);
 
 } // namespace torvale::model
