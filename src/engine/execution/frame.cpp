@@ -203,7 +203,17 @@ int Frame::State::prepare_range(FrameProgram& f)
     results.at = i;
     if (f.runner(Stage::observation).run(lanes, sources, *data, {}, results) != 0) return run_code::endless_loop;
   }
+  if (shift != nullptr) shift_predictor(f);
   return 0;
+}
+
+void Frame::State::shift_predictor(FrameProgram& f)
+{
+  const auto& results = f.program.code(Stage::observation).results;
+  const auto at = std::find(results.begin(), results.end(), shifted);
+  if (at == results.end()) return;
+  double* const value = f.observation.data() + (at - results.begin()) * f.range_stride;
+  for (std::int64_t i = 0; i < count; ++i) value[i] += shift[records != nullptr ? records[i] : first + i];
 }
 
 int Frame::State::prepare_points(FrameProgram& f)
@@ -307,6 +317,14 @@ void Frame::set_records(const std::int32_t* rows, std::int64_t count)
   state_->records_in_order = !state_->records_in_place && state_->data != nullptr && state_->data->in_order(rows, count);
   state_->first = 0;
   state_->count = count;
+  ++state_->range_version;
+  ++state_->version;
+}
+
+void Frame::shift_records(const CMPSYM* predictor, const double* by_row)
+{
+  state_->shift = by_row;
+  state_->shifted = by_row == nullptr ? no_node : state_->gcmp.value[static_cast<std::size_t>(predictor->index)];
   ++state_->range_version;
   ++state_->version;
 }

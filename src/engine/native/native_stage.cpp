@@ -208,7 +208,9 @@ private:
       for (int j = 0; j < several; ++j) code_.store(argument_at(j), call.arguments[static_cast<std::size_t>(j)]);
       for (int j = 0; j < several; ++j) code_.load(j, argument_at(j));
     }
-    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_.vector[static_cast<std::size_t>(call.kernel)]));
+    const VectorFn fn =
+        call.order >= 0 ? table_.mean[call.order] : table_.vector[static_cast<std::size_t>(call.kernel)];
+    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(fn));
     code_.call(code_.rax);
     if (call.out != 0) code_.move(call.out, code_.vector(0));
     for (const int r : call.vectors) code_.move(r, vector_at(r));

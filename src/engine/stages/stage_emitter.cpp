@@ -2,6 +2,8 @@
 
 #include "engine/stages/stage_emitter.h"
 
+#include "engine/stages/shared_forms.h"
+
 #include <algorithm>
 #include <map>
 #include <set>
@@ -23,6 +25,7 @@ public:
     auto& kept = stage_ == Stage::data ? all_.program_.data_kept : all_.program_.kept;
     for (const NodeId id : code_.results) need(id);
     work_off();
+    share_logistics();
     invert_divisors();
     first_next_ = code_.results.size();
     if (stage_ == Stage::data || stage_ == Stage::lane)
@@ -108,12 +111,29 @@ private:
     work_off();
   }
 
+  // Logistic functions and softplus, of x and of -x, from the same exponential of -|x|.
+  void share_logistics()
+  {
+    std::vector<NodeId> found;
+    for (const NodeId id : needed_) {
+      const Node& n = graph_.node(id);
+      if (!is_leaf(id) && (is_kernel(n, Kernel::logistic) || is_kernel(n, Kernel::softplus))) found.push_back(id);
+    }
+    const GraphBuilder::Derivative plain(graph_); // sums stay as they are asked for
+    const auto is_needed = [&](NodeId id) { return needed_.count(id) > 0; };
+    for (const NodeId id : found) {
+      const LogisticForm form = logistic_form(graph_, id, is_needed);
+      shape_[id] = {form.kernel, form.operands};
+      for (const NodeId operand : form.operands) need(operand);
+    }
+    work_off();
+  }
+
   void count_uses()
   {
     for (const NodeId id : needed_) {
       if (is_leaf(id)) continue;
-      const Node& n = graph_.node(id);
-      for (int k = 0; k < n.operands; ++k) ++uses_[n.operand[static_cast<std::size_t>(k)]];
+      for (const NodeId operand : shape(id).operands) ++uses_[operand];
     }
     for (const auto& [loop, carries] : carries_)
       for (const std::int32_t c : carries) {
