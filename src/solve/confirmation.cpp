@@ -133,6 +133,7 @@ bool FitEnd::quickly_confirmed()
       curvature.hessian[static_cast<std::size_t>(r * m + k)] =
           h(std::max(i, j), std::min(i, j)) * c->scale(i) * c->scale(j);
     }
+  curvature.unturned();
   FitSurface surface(n_, *c);
   Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
   if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-3)) return false;
@@ -189,7 +190,7 @@ bool FitEnd::go_on()
   const double before = f_;
   std::vector<double> x(x_.size());
   double f = 0.0;
-  if (!continue_fit(surface, start, f_start, x, f)) {
+  if (!continue_fit(surface, start, f_start, x, f, &judgement_.curvature)) {
     if (!jump) return false;
     coordinates_->parameters(start.data(), x.data());
   }
@@ -304,7 +305,8 @@ bool FitEnd::start_again()
   const std::vector<double> origin(start_.size(), 0.0);
   double f_start = 0.0, f = 0.0;
   std::vector<double> x;
-  if (!surface.value(origin.data(), f_start) || !continue_fit(surface, origin, f_start, x, f, 0.5)) return false;
+  if (!surface.value(origin.data(), f_start) || !continue_fit(surface, origin, f_start, x, f, nullptr, 0.5))
+    return false;
   if (2.0 * (f_ - f) < gain_allowed) return false;
   coordinates_.reset();
   move_to(x);
@@ -319,7 +321,7 @@ void FitEnd::to_the_edge()
   bool any = false;
   for (const int i : coordinates_->edge_diagonals()) {
     const double at_zero = -coordinates_->origin(i) / coordinates_->scale(i);
-    if (at_zero == 0.0 || std::abs(at_zero) > 0.1) continue;
+    if (at_zero == 0.0 || std::abs(at_zero) > 0.1 || at_zero < coordinates_->lower(i)) continue;
     t[static_cast<std::size_t>(i)] = at_zero;
     any = true;
   }
