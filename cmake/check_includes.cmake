@@ -6,6 +6,7 @@ file(GLOB room_folders RELATIVE "${SOURCE_DIR}/src" "${SOURCE_DIR}/src/*")
 file(GLOB_RECURSE files RELATIVE "${SOURCE_DIR}/src/${ROOM}" "${SOURCE_DIR}/src/${ROOM}/*.h" "${SOURCE_DIR}/src/${ROOM}/*.cpp")
 
 # A room may be let into one inner folder of another: "room/folder" in its list.
+
 # The inner folder of a file of this room, "" for the room's own level.
 function(inner_folder path result)
   set(${result} "" PARENT_SCOPE)
@@ -32,7 +33,8 @@ foreach(file IN LISTS files)
       continue()
     endif()
     inner_folder("${path}" to)
-    if(to STREQUAL from OR to STREQUAL "" OR to IN_LIST may_include_${ROOM}_${from})
+    if(to STREQUAL from OR (to STREQUAL "" AND NOT DEFINED may_include_${ROOM}_own) OR
+       (from STREQUAL "" AND to IN_LIST may_include_${ROOM}_own) OR to IN_LIST may_include_${ROOM}_${from})
       continue()
     endif()
     message(FATAL_ERROR "src/${ROOM}/${file}: may not include ${ROOM}/${path} (cmake/rooms.cmake)")

@@ -25,8 +25,9 @@ set(may_include_graphics host)
 set(may_include_report inference sampling graphics host)
 set(may_include_run inference sampling report graphics compartment language ${may_include_inference})
 
-# Inner folders of the large rooms, lowest first, and what each may include beside itself and the room's own level
-# (the files that stand in the room's folder).
+# Inner folders of the large rooms, lowest first, and what each may include beside itself. The room's own level (the files
+# that stand in the room's folder) is below them all and may be included by each; where "may_include_ROOM_own" is set it
+# is above those it lists, and none of them may include it.
 set(inner_engine kernels graph functions derivatives translation stages native execution)
 set(may_include_engine_kernels "")
 set(may_include_engine_graph kernels)
@@ -46,6 +47,33 @@ set(may_include_optimizer_line_search active_set derivatives)
 set(may_include_optimizer_techniques line_search updates derivatives active_set)
 set(may_include_optimizer_covariance messages active_set derivatives)
 set(may_include_optimizer_control covariance techniques line_search updates derivatives active_set messages)
+
+set(inner_host values storage messages results data writers)
+set(may_include_host_values "")
+set(may_include_host_storage values)
+set(may_include_host_messages values)
+set(may_include_host_results messages values)
+set(may_include_host_data results messages storage values)
+set(may_include_host_writers data results values)
+set(may_include_host_own ${inner_host})
+
+set(inner_integration rules subjects nests posterior methods)
+set(may_include_integration_rules "")
+set(may_include_integration_subjects rules)
+set(may_include_integration_nests subjects)
+set(may_include_integration_posterior nests subjects)
+set(may_include_integration_methods posterior subjects)
+set(may_include_integration_own ${inner_integration})
+
+set(inner_inference tables outputs pictures)
+set(may_include_inference_tables "")
+set(may_include_inference_outputs tables)
+set(may_include_inference_pictures outputs)
+set(may_include_inference_own ${inner_inference})
+
+set(inner_run statements)
+set(may_include_run_statements "")
+set(may_include_run_own ${inner_run})
 
 # Headers that the build writes lie here, one folder a room.
 set(TORVALE_GENERATED "${PROJECT_BINARY_DIR}/generated")

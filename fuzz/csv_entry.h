@@ -1,6 +1,6 @@
 #pragma once
 // One input of the fuzzer of data files: the first byte chooses how the file is read, the rest is the file.
-#include "host/csv.h"
+#include "host/data/csv.h"
 
 #include <cstdint>
 #include <string>

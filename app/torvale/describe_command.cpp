@@ -1,6 +1,6 @@
-#include "host/formats.h"
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/values/formats.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 #include "run/session.h"
 #include "torvale/commands.h"
 

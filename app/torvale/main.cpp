@@ -1,8 +1,8 @@
 // The command line. Reading it is all that happens here; the commands do the work.
 
-#include "host/data_set_options.h"
-#include "host/run_output.h"
-#include "host/text.h"
+#include "host/data/data_set_options.h"
+#include "host/storage/run_output.h"
+#include "host/values/text.h"
 #include "run/session.h"
 #include "torvale/commands.h"
 

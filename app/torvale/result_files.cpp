@@ -1,11 +1,11 @@
 #include "torvale/result_files.h"
 
 #include "graphics/canvas.h"
-#include "host/csv.h"
-#include "host/run_output.h"
-#include "host/sqlite_table.h"
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/data/csv.h"
+#include "host/data/sqlite_table.h"
+#include "host/storage/run_output.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 
 #include <algorithm>
 #include <filesystem>

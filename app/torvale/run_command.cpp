@@ -1,9 +1,9 @@
 #include "torvale/commands.h"
 #include "torvale/result_files.h"
 
-#include "host/run_output.h"
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/storage/run_output.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 #include "report/page.h"
 #include "run/session.h"
 

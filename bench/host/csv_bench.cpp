@@ -1,8 +1,8 @@
 // Reading and writing CSV, per byte of text. Each figure stands beside a plain loop over the same bytes in the same
 // binary: splitting at commas and line ends and std::from_chars per field, without kinds, quotes or missing values. The
 // text is larger than the caches. Disk time is kept out of it.
-#include "host/csv.h"
-#include "host/results.h"
+#include "host/data/csv.h"
+#include "host/results/results.h"
 #include <benchmark/benchmark.h>
 #include <charconv>
 #include <random>

@@ -1,14 +1,14 @@
 // One evaluation, value and gradient, of a logistic model with a random intercept: 2,000 subjects of 5 observations,
 // adaptive quadrature with 7 points, searches starting from the modes of a nearby point. The yardstick is a vector loop
-// in the same binary that only takes the exponentials and logarithms of those lanes: 10,000 observations at 7 points, and
-// of three Newton steps. Counters: `ratio` to that loop, `mode_share` the part of the mode search, `steps` Newton passes
-// of a subject. One thread; data and programs are ready, as in the middle of a fit.
+// in the same binary that only takes the exponentials and logarithms of those lanes: 10,000 observations at 7 points,
+// and of three Newton steps. Counters: `ratio` to that loop, `mode_share` the part of the mode search, `steps` Newton
+// passes of a subject. One thread; data and programs are ready, as in the middle of a fit.
 
 #include "evaluation/random_covariance.h"
-#include "integration/evaluation_parts.h"
 #include "integration/hand_loop.h"
 #include "integration/objective.h"
 #include "integration/small_model.h"
+#include "integration/subjects/evaluation_parts.h"
 #include "integration/timing.h"
 #include "modes/mode_search.h"
 
@@ -24,7 +24,8 @@ using tests::Term;
 
 constexpr int subjects = 2000, observations = 5, points = 7;
 
-// Two ways to write the same likelihood: with one logarithm, or as MODEL writes it, with the logarithms of both probabilities.
+// Two ways to write the same likelihood: with one logarithm, or as MODEL writes it, with the logarithms of both
+// probabilities.
 enum class Form { softplus, probability };
 
 tests::ModelText logistic(Form form)
@@ -64,9 +65,10 @@ double hand_loop_seconds(Form form)
   std::vector<double> x(buffer);
   for (int i = 0; i < buffer; ++i) x[static_cast<std::size_t>(i)] = -3.0 + 6.0 * i / buffer;
   constexpr long lanes = static_cast<long>(subjects) * observations * (points + 3);
-  return seconds_of([&] { 
-    benchmark::DoNotOptimize(bench::exponentials_and_logarithms(x.data(), buffer, lanes, form == Form::softplus ? 1 : 2));
-   });
+  return seconds_of([&] {
+    benchmark::DoNotOptimize(
+        bench::exponentials_and_logarithms(x.data(), buffer, lanes, form == Form::softplus ? 1 : 2));
+  });
 }
 
 void search_modes(model::NX& n)

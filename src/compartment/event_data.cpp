@@ -1,7 +1,7 @@
 #include "compartment/event_data.h"
 
-#include "host/message_names.h"
-#include "host/text.h"
+#include "host/messages/names/compartments.h"
+#include "host/values/text.h"
 #include "syntax/statement_names.h"
 
 #include <algorithm>

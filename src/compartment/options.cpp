@@ -1,8 +1,8 @@
 #include "compartment/options.h"
 
 #include "compartment/event_data.h"
-#include "host/message_names.h"
-#include "host/text.h"
+#include "host/messages/names/compartments.h"
+#include "host/values/text.h"
 #include "syntax/statement_names.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #pragma once
 // The options of CMPTMODEL: what each is called, which of them a family of models takes, and what was given.
 
-#include "host/messages.h"
+#include "host/messages/messages.h"
 #include "syntax/records.h"
 
 #include <array>

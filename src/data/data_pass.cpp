@@ -7,8 +7,10 @@
 #include "data/starting_values.h"
 #include "data/subject_tables.h"
 #include "evaluation/program_faults.h"
-#include "host/message_names.h"
-#include "host/missing.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/statements.h"
+#include "host/values/missing.h"
 #include "model/distribution_labels.h"
 
 #include <algorithm>
@@ -39,9 +41,9 @@ constexpr std::array<const char*, 9> what = {"",
 // Everything that the pass learns of the rows.
 struct Pass {
   std::vector<std::vector<double>> arguments; // by level, nobs x nd: distribution arguments of each row
-  std::vector<double> loglik;      // _ll of each row
-  long fractions = 0;              // used rows whose response is not a whole number, where it should be one
-  std::int64_t first_fraction = 0; // row of the first one
+  std::vector<double> loglik;                 // _ll of each row
+  long fractions = 0;                         // used rows whose response is not a whole number, where it should be one
+  std::int64_t first_fraction = 0;            // row of the first one
 };
 
 // The means of all random effects at a row: what the program is run at.

@@ -1,7 +1,9 @@
 #include "data/starting_values.h"
 
-#include "host/message_names.h"
-#include "host/missing.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/starting_values.h"
+#include "host/messages/names/statements.h"
+#include "host/values/missing.h"
 #include "syntax/statement_names.h"
 
 #include <algorithm>

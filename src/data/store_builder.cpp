@@ -3,7 +3,10 @@
 
 #include "data/data_pass.h"
 #include "data/subject_index.h"
-#include "host/message_names.h"
+#include "host/messages/names/files.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/statements.h"
 
 #include <algorithm>
 #include <numeric>

@@ -1,7 +1,7 @@
 #include "data/subject_index.h"
 
-#include "host/message_names.h"
-#include "host/missing.h"
+#include "host/messages/names/statements.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <bit>
@@ -43,7 +43,8 @@ bool report_missing(model::NX& n, const host::Column& column)
   host::MessagePlace place;
   place.row = n.fid->file_row(first);
   n.host->log().xpmlog(
-      message::subject_missing{.name = column.name(), .observation = first - n.rows.begin + 1, .count = missing}, place);
+      message::subject_missing{.name = column.name(), .observation = first - n.rows.begin + 1, .count = missing},
+      place);
   return true;
 }
 

@@ -1,7 +1,7 @@
 #include "data/subject_tables.h"
 
 #include "evaluation/program_faults.h"
-#include "host/message_names.h"
+#include "host/messages/names/labels.h"
 
 #include <algorithm>
 

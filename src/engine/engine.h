@@ -11,7 +11,7 @@
 // computed once per Frame::set_parameters, on data only once per BoundData, on data and parameters once per
 // observation of Frame::set_range, on random effects only once per point, the rest per lane.
 
-#include "host/scratch_file.h"
+#include "host/storage/scratch_file.h"
 #include "syntax/tree.h"
 
 #include <cstdint>
@@ -112,8 +112,8 @@ void cmpran(CMPGLOBAL& gcmp, CMPSYM* symbol, int random_effect_index);
 // cmpder: differentiates every object of obj by every variable of wrt (parameters and random effects). Objects may be
 // derivative symbols of earlier requests. Returns 0, or 1 with diagnostics (a function without a known derivative).
 int cmpder(CMPDER& der, const CMPLIST& obj, const CMPLIST& wrt, CMPGLOBAL& gcmp);
-// cmpcombine: the sum, difference, product or quotient of two symbols' values at the end of the program, of derivatives too, as a
-// symbol of its own; it can be differentiated. Null for any other operator.
+// cmpcombine: the sum, difference, product or quotient of two symbols' values at the end of the program, of derivatives
+// too, as a symbol of its own; it can be differentiated. Null for any other operator.
 CMPSYM* cmpcombine(CMPGLOBAL& gcmp, syntax::Op op, const CMPSYM* a, const CMPSYM* b);
 // cmpcdep: true when the first symbol depends on the second. cmpdeps: the input symbols (data variables, parameters,
 // random effects, unresolved names) that a symbol depends on, in order of appearance.
@@ -162,10 +162,11 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
 
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
-// cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor that does not:
-// derivatives by the coefficients of a linear predictor have one coefficient in common, and factors of their own. After cmpgen;
-// the symbols are new ones for cmpspec, equal values have one. A factor that is null is 1; an output that is null has no terms.
-// A product whose coefficient is 0 is 0 whatever its factor is: that of a side that was not taken may be missing.
+// cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor
+// that does not: derivatives by the coefficients of a linear predictor have one coefficient in common, and factors of
+// their own. After cmpgen; the symbols are new ones for cmpspec, equal values have one. A factor that is null is 1; an
+// output that is null has no terms. A product whose coefficient is 0 is 0 whatever its factor is: that of a side that
+// was not taken may be missing.
 struct FactoredTerm {
   CMPSYM* coefficient = nullptr;
   CMPSYM* factor = nullptr;

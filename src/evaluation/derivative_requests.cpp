@@ -1,5 +1,7 @@
 #include "evaluation/likelihood_programs.h"
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 
 #include <algorithm>
 
@@ -32,7 +34,8 @@ void complete_flags(NX& n)
 int refuse(NX& n, const host::NumberedMessage& problem, const syntax::Position& where, int code)
 {
   if (n.host != nullptr) {
-    const auto place = n.sources != nullptr ? n.sources->place("RANDOM", where) : host::MessagePlace{.statement = "RANDOM"};
+    const auto place =
+        n.sources != nullptr ? n.sources->place("RANDOM", where) : host::MessagePlace{.statement = "RANDOM"};
     n.host->log().xpmlog(problem, place);
   }
   n.raise(code);
@@ -45,7 +48,8 @@ std::vector<CMPSYM*> effect_derivatives(const NX& n)
   const auto& request = n.leaf().gradstr;
   std::vector<CMPSYM*> result(n.mransym.s.size(), nullptr);
   for (std::size_t k = 0; k < request.der.s.size(); ++k)
-    if (const int w = request.wrtindex[k]; w >= n.nparm) result[static_cast<std::size_t>(w - n.nparm)] = request.der.s[k];
+    if (const int w = request.wrtindex[k]; w >= n.nparm)
+      result[static_cast<std::size_t>(w - n.nparm)] = request.der.s[k];
   return result;
 }
 
@@ -63,12 +67,14 @@ int request_curvature(NX& n)
   return engine::cmpder(leaf.triustr, curves, n.mransym, *n.gcmp) != 0 ? 1012 : 0;
 }
 
-// _ll by the parameters and the effects of all levels: the requests stand at the leaf, which has all of them on its chain.
+// _ll by the parameters and the effects of all levels: the requests stand at the leaf, which has all of them on its
+// chain.
 int request_likelihood(NX& n)
 {
   const bool by_parameters = needs_gradient(n) || n.needcrossu;
   REFFECT& leaf = n.leaf();
-  if (engine::cmpder(leaf.gradstr, CMPLIST{{n.llsym}}, by_parameters ? n.mrnprsym : n.mransym, *n.gcmp) != 0) return 1012;
+  if (engine::cmpder(leaf.gradstr, CMPLIST{{n.llsym}}, by_parameters ? n.mrnprsym : n.mransym, *n.gcmp) != 0)
+    return 1012;
   if (!by_parameters) {
     for (int& w : leaf.gradstr.wrtindex) w += n.nparm; // as if by mrnprsym: the effects follow the parameters
     leaf.gradstr.wrt = n.mrnprsym;
@@ -77,19 +83,24 @@ int request_likelihood(NX& n)
   for (const REFFECT& reff : n.reff)
     for (std::size_t e = 0; e < reff.names.size(); ++e)
       if (slopes[static_cast<std::size_t>(reff.first_effect) + e] == nullptr)
-        return refuse(n, message::likelihood_without_random_effect{.name = reff.names[e]}, reff.ransym.s[e]->where, 3000);
+        return refuse(n, message::likelihood_without_random_effect{.name = reff.names[e]}, reff.ransym.s[e]->where,
+                      3000);
   return n.needhessu ? request_curvature(n) : 0;
 }
 
-// First order: the sums of the linearized model as symbols, and their derivatives. What the mean does not depend on is zero.
+// First order: the sums of the linearized model as symbols, and their derivatives. What the mean does not depend on is
+// zero.
 int request_linearized(NX& n)
 {
   REFFECT& leaf = n.leaf();
-  const auto combine = [&](syntax::Op op, const CMPSYM* a, const CMPSYM* b) { return engine::cmpcombine(*n.gcmp, op, a, b); };
+  const auto combine = [&](syntax::Op op, const CMPSYM* a, const CMPSYM* b) {
+    return engine::cmpcombine(*n.gcmp, op, a, b);
+  };
   CMPDER slopes;
   if (engine::cmpder(slopes, CMPLIST{{n.meansym}}, n.mransym, *n.gcmp) != 0) return 1012;
   std::vector<CMPSYM*> z(n.mransym.s.size(), nullptr);
-  for (std::size_t k = 0; k < slopes.der.s.size(); ++k) z[static_cast<std::size_t>(slopes.wrtindex[k])] = slopes.der.s[k];
+  for (std::size_t k = 0; k < slopes.der.s.size(); ++k)
+    z[static_cast<std::size_t>(slopes.wrtindex[k])] = slopes.der.s[k];
   const CMPSYM* const residual =
       combine(syntax::Op::divide, combine(syntax::Op::subtract, n.depsym, n.meansym), n.variancesym);
   leaf.linearsym = {n.llsym};
@@ -97,9 +108,10 @@ int request_linearized(NX& n)
     leaf.linearsym.push_back(zk == nullptr ? nullptr : combine(syntax::Op::multiply, zk, residual));
   for (std::size_t i = 0; i < z.size(); ++i)
     for (std::size_t k = 0; k <= i; ++k)
-      leaf.linearsym.push_back(z[i] == nullptr || z[k] == nullptr
-                                   ? nullptr
-                                   : combine(syntax::Op::divide, combine(syntax::Op::multiply, z[i], z[k]), n.variancesym));
+      leaf.linearsym.push_back(
+          z[i] == nullptr || z[k] == nullptr
+              ? nullptr
+              : combine(syntax::Op::divide, combine(syntax::Op::multiply, z[i], z[k]), n.variancesym));
   if (!needs_gradient(n)) return 0;
   CMPLIST objects;
   std::vector<int> place;
@@ -113,7 +125,8 @@ int request_linearized(NX& n)
   return rc != 0 ? 1012 : 0;
 }
 
-// Distribution arguments: by parameters for the chain rule; they may not depend on random effects, whatever their level.
+// Distribution arguments: by parameters for the chain rule; they may not depend on random effects, whatever their
+// level.
 int request_arguments(NX& n, REFFECT& reff)
 {
   for (CMPSYM* argument : reff.distrsym.s)

@@ -1,8 +1,8 @@
 #include "evaluation/random_covariance.h"
 
 #include "evaluation/record_sums.h"
-#include "host/message_names.h"
-#include "host/missing.h"
+#include "host/messages/names/statements.h"
+#include "host/values/missing.h"
 #include "matrix/cholesky.h"
 #include "matrix/eigenvalues.h"
 #include "matrix/packed.h"
@@ -55,7 +55,8 @@ void lift_factor(const NX& n, const REFFECT& reff, double* factor)
   }
 }
 
-// Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same factor.
+// Moves the arguments of one lane into prior `p`, factors G. Equal arguments as in the prior before give the same
+// factor.
 int take_prior(const NX& n, TVLThreadCtx& ctx, const PriorEntries& entries, int p, int lane, long arguments)
 {
   const REFFECT& reff = entries.reff;
@@ -112,8 +113,8 @@ int run_to_first_record(const NX& n, TVLThreadCtx& ctx, const engine::Program& p
 }
 
 // The arguments of entries first to first + count - 1 in one tile.
-int run_first_records(const NX& n, TVLThreadCtx& ctx, const engine::Program& program, const PriorEntries& entries, int first,
-                      int count)
+int run_first_records(const NX& n, TVLThreadCtx& ctx, const engine::Program& program, const PriorEntries& entries,
+                      int first, int count)
 {
   const BatchWork& b = ctx.batch;
   for (int k = 0; k < count; ++k) {

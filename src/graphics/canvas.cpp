@@ -1,6 +1,6 @@
 #include "graphics/canvas.h"
 
-#include "host/text.h"
+#include "host/values/text.h"
 
 #include <algorithm>
 #include <cmath>
@@ -150,7 +150,8 @@ std::string Canvas::finish(std::string_view title, std::string_view description)
 // paper.
 std::string_view figure_style()
 {
-  return ".figure{--ink:#222;--soft:#6b6b6b;--rule:#d9d9d9;--paper:#fff;--one:#0072b2;--two:#d55e00;--three:#00845f;--four:#b04c8b;"
+  return ".figure{--ink:#222;--soft:#6b6b6b;--rule:#d9d9d9;--paper:#fff;--one:#0072b2;--two:#d55e00;--three:#00845f;--"
+         "four:#b04c8b;"
          "font-family:system-ui,-apple-system,\"Segoe UI\",\"Helvetica Neue\",Arial,sans-serif}"
          ".figure text{fill:var(--ink)}.figure text.soft{fill:var(--soft)}.figure text.head{font-weight:600}"
          ".figure text.inverse{fill:var(--paper)}"
@@ -158,9 +159,11 @@ std::string_view figure_style()
          ".figure .axis{stroke:var(--soft)}.figure .grid{stroke:var(--rule)}.figure "
          ".frame{fill:none;stroke:var(--rule)}"
          ".figure .reference{stroke:var(--soft);stroke-dasharray:4 3}"
-         ".figure .one{stroke:var(--one)}.figure .two{stroke:var(--two)}.figure .three{stroke:var(--three)}.figure .four{stroke:var(--four)}"
+         ".figure .one{stroke:var(--one)}.figure .two{stroke:var(--two)}.figure .three{stroke:var(--three)}.figure "
+         ".four{stroke:var(--four)}"
          ".figure path.one,.figure path.two,.figure path.three{stroke-width:1.6;stroke-linejoin:round}"
-         ".figure path.two{stroke-dasharray:5 3}.figure path.chain{stroke-width:1;stroke-dasharray:none;stroke-opacity:.75}.figure line.thick{stroke-width:3}"
+         ".figure path.two{stroke-dasharray:5 3}.figure "
+         "path.chain{stroke-width:1;stroke-dasharray:none;stroke-opacity:.75}.figure line.thick{stroke-width:3}"
          ".figure .dots{fill:var(--one);fill-opacity:.55}.figure .dots.ink{fill:var(--ink);fill-opacity:.75}"
          ".figure .dots.two{fill:var(--two);stroke:none}"
          ".figure .bar{fill:var(--one);fill-opacity:.35;stroke:var(--paper);stroke-width:.5}"
@@ -169,7 +172,8 @@ std::string_view figure_style()
          "@media(prefers-color-scheme:dark){.figure{--ink:#e4e4e4;--soft:#a3a3a3;--rule:#3d4146;--paper:#17191c;"
          "--one:#56b4e9;--two:#f0a04b;--three:#3fc79a;--four:#e39ac8}}"
          "@media "
-         "print{.figure{--ink:#000;--soft:#555;--rule:#ccc;--paper:#fff;--one:#0072b2;--two:#d55e00;--three:#00845f;--four:#b04c8b}}";
+         "print{.figure{--ink:#000;--soft:#555;--rule:#ccc;--paper:#fff;--one:#0072b2;--two:#d55e00;--three:#00845f;--"
+         "four:#b04c8b}}";
 }
 
 std::string standalone(std::string_view svg)

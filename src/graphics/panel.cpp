@@ -1,6 +1,6 @@
 #include "graphics/panel.h"
 
-#include "host/text.h"
+#include "host/values/text.h"
 
 #include <algorithm>
 #include <cmath>

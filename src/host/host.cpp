@@ -1,7 +1,7 @@
 #include "host/host.h"
-#include "host/message_names.h"
-#include "host/run_output.h"
-#include "host/table_writers.h"
+#include "host/messages/names/fit.h"
+#include "host/storage/run_output.h"
+#include "host/writers/table_writers.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -192,7 +192,8 @@ const char* EmbeddedHost::protected_file(const std::filesystem::path& path) cons
     return std::filesystem::weakly_canonical(path, error) == std::filesystem::weakly_canonical(other, error) && !error;
   };
   const auto& own = options_.options;
-  const bool kept = std::any_of(own.begin(), own.end(), [&](const auto& o) { return o.first == "KEEP" && is(o.second); });
+  const bool kept =
+      std::any_of(own.begin(), own.end(), [&](const auto& o) { return o.first == "KEEP" && is(o.second); });
   return kept || libraries_.reads(path.string()) ? "it is an input or a result of this run" : nullptr;
 }
 

@@ -1,16 +1,16 @@
 #pragma once
-#include "host/by_groups.h"
-#include "host/csv.h"
-#include "host/data_set.h"
+#include "host/data/by_groups.h"
+#include "host/data/csv.h"
+#include "host/data/data_set.h"
+#include "host/data/libraries.h"
 #include "host/host_exit.h"
-#include "host/libraries.h"
-#include "host/messages.h"
-#include "host/missing.h"
-#include "host/pool.h"
-#include "host/results.h"
-#include "host/table.h"
-#include "host/text.h"
-#include "host/utility_file.h"
+#include "host/messages/messages.h"
+#include "host/results/results.h"
+#include "host/results/table.h"
+#include "host/storage/pool.h"
+#include "host/storage/utility_file.h"
+#include "host/values/missing.h"
+#include "host/values/text.h"
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -22,11 +22,11 @@ namespace torvale::host {
 
 // What the run is doing now. Fields that do not apply stay as they are.
 struct Progress {
-  std::string_view stage;      // "reading data", "optimization"
-  long iteration = -1;         // of the optimizer
-  double objective = missing;  // at its last accepted point
-  double gradient = missing;   // largest scaled element there
-  double share = missing;      // of work that takes long: what is done of it, 0 to 1
+  std::string_view stage;     // "reading data", "optimization"
+  long iteration = -1;        // of the optimizer
+  double objective = missing; // at its last accepted point
+  double gradient = missing;  // largest scaled element there
+  double share = missing;     // of work that takes long: what is done of it, 0 to 1
 };
 
 // Everything the rest of the program may ask of the world around it: log, listing, tables, data sets, clock, threads.
@@ -55,8 +55,8 @@ public:
   // A file is made once in a run and is complete when a step ends.
   virtual void xpfput(std::string_view file, std::string_view line) = 0;
 
-  // Tells a terminal what the run is doing; drawn from the first tenth of a second on, ten times a second at most, and gone
-  // before anything else is written. Cheap to call (a look at the clock); main thread only.
+  // Tells a terminal what the run is doing; drawn from the first tenth of a second on, ten times a second at most, and
+  // gone before anything else is written. Cheap to call (a look at the clock); main thread only.
   virtual void progress(const Progress& now) = 0;
   virtual bool shows_progress() const = 0; // somebody looks: else do not call it from inner loops
 

@@ -2,7 +2,7 @@
 
 #include "integration/objective.h"
 
-#include "integration/evaluation_parts.h"
+#include "integration/subjects/evaluation_parts.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -68,9 +68,11 @@ void list_levels(NX& n, Batch& batch)
     for (int i = batch.first; i < batch.last; ++i) {
       const int s = n.batch_subjects[static_cast<std::size_t>(i)];
       if (records_of(n, s) <= level) break;
-      n.batch_records.push_back(n.record_rows[static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)]);
+      n.batch_records.push_back(
+          n.record_rows[static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)]);
     }
-    n.batch_levels.push_back(static_cast<std::int32_t>(static_cast<std::int64_t>(n.batch_records.size()) - batch.first_record));
+    n.batch_levels.push_back(
+        static_cast<std::int32_t>(static_cast<std::int64_t>(n.batch_records.size()) - batch.first_record));
   }
   batch.records = n.batch_levels.back();
 }
@@ -98,7 +100,8 @@ void list_nodes(NX& n, const Batch& batch)
       }
       const model::NestNodes& parents = levels[k + 1];
       for (int v = parents.first[nest]; v < parents.first[nest + 1]; ++v) {
-        const auto& parent = n.reff[k + 1].SubInfo[static_cast<std::size_t>(parents.subject[static_cast<std::size_t>(v)])];
+        const auto& parent =
+            n.reff[k + 1].SubInfo[static_cast<std::size_t>(parents.subject[static_cast<std::size_t>(v)])];
         for (int child = parent.first_child; child < parent.last_child; ++child) add(child, v);
       }
     }
@@ -106,13 +109,15 @@ void list_nodes(NX& n, const Batch& batch)
   }
   // Slots of the leaves; a subject above takes that of its first leaf.
   std::vector<std::pair<int, int>> by_subject;
-  for (int i = batch.first; i < batch.last; ++i) by_subject.emplace_back(n.batch_subjects[static_cast<std::size_t>(i)], i - batch.first);
+  for (int i = batch.first; i < batch.last; ++i)
+    by_subject.emplace_back(n.batch_subjects[static_cast<std::size_t>(i)], i - batch.first);
   std::sort(by_subject.begin(), by_subject.end());
   for (const auto& entry : by_subject) levels[0].slot.push_back(entry.second);
   for (std::size_t k = 1; k < levels.size(); ++k) {
     levels[k].slot.assign(levels[k].subject.size(), -1);
     for (std::size_t v = 0; v < levels[k - 1].subject.size(); ++v)
-      if (int& first = levels[k].slot[static_cast<std::size_t>(levels[k - 1].parent[v])]; first < 0) first = levels[k - 1].slot[v];
+      if (int& first = levels[k].slot[static_cast<std::size_t>(levels[k - 1].parent[v])]; first < 0)
+        first = levels[k - 1].slot[v];
   }
   n.batch_nodes.push_back(std::move(levels));
 }
@@ -192,7 +197,8 @@ void deal_batches(NX& n)
 void size_slots_of_batches(const NX& n, BatchWork& b)
 {
   int slots = 1;
-  for (const Batch& batch : n.batches) slots = std::max({slots, batch.last - batch.first, batch.last_nest - batch.first_nest});
+  for (const Batch& batch : n.batches)
+    slots = std::max({slots, batch.last - batch.first, batch.last_nest - batch.first_nest});
   for (std::vector<int>* v : {&b.subject, &b.nest, &b.column, &b.failure, &b.active}) size(*v, slots);
   size(b.failure_row, slots);
   b.prior_loaded = false;
@@ -222,7 +228,8 @@ long place_modes(NX& n)
 void size_modes(NX& n)
 {
   if (n.nreff() == 0) return;
-  if (n.ebes_known.size() == n.outer().SubInfo.size() && n.ebes.size() == static_cast<std::size_t>(place_modes(n))) return;
+  if (n.ebes_known.size() == n.outer().SubInfo.size() && n.ebes.size() == static_cast<std::size_t>(place_modes(n)))
+    return;
   forget_modes(n);
 }
 

@@ -1,8 +1,9 @@
 #include "integration/failure_report.h"
 
 #include "evaluation/program_faults.h"
-#include "host/message_names.h"
-#include "host/text.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
+#include "host/values/text.h"
 #include "integration/objective.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "integration/objective.h"
 
-#include "integration/evaluation_parts.h"
+#include "integration/subjects/evaluation_parts.h"
 #include "matrix/packed.h"
 
 namespace torvale::integration {
@@ -13,7 +13,8 @@ int outer_products(NX& n, std::vector<double>& sum)
   sum.assign(static_cast<std::size_t>(matrix::packed_size(n.nparm)), 0.0);
   if (n.nreff() == 0) return add_record_products(n, *n.ctx[0], sum.data());
   for (const auto& s : n.outer().SubInfo)
-    if (!s.badsub) add_outer_product(n.slot_grad.data() + static_cast<long>(s.index) * n.grad_stride, n.nparm, s.weight, sum.data());
+    if (!s.badsub)
+      add_outer_product(n.slot_grad.data() + static_cast<long>(s.index) * n.grad_stride, n.nparm, s.weight, sum.data());
   return 0;
 }
 

@@ -1,8 +1,8 @@
 #include "integration/monte_carlo_error.h"
 
-#include "host/missing.h"
-#include "integration/evaluation_parts.h"
-#include "integration/integrator.h"
+#include "host/values/missing.h"
+#include "integration/subjects/evaluation_parts.h"
+#include "integration/subjects/integrator.h"
 
 #include <cmath>
 

@@ -1,7 +1,7 @@
 #include "integration/objective.h"
 
-#include "integration/evaluation_parts.h"
 #include "integration/failure_report.h"
+#include "integration/subjects/evaluation_parts.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -19,7 +19,10 @@ namespace {
 // One evaluation in the hands of the workers.
 class Evaluation {
 public:
-  explicit Evaluation(NX& n) : n_(n), by_subject_(n.nreff() > 0), looked_at_(n.host != nullptr && n.host->shows_progress()) {}
+  explicit Evaluation(NX& n)
+      : n_(n), by_subject_(n.nreff() > 0), looked_at_(n.host != nullptr && n.host->shows_progress())
+  {
+  }
 
   void run()
   {
@@ -41,7 +44,8 @@ public:
     if (context == 0 && looked_at_)
       n_.host->progress({.stage = "evaluation", .share = static_cast<double>(item) / static_cast<double>(items_)});
     TVLThreadCtx& ctx = *n_.ctx[static_cast<std::size_t>(context)];
-    const int rc = by_subject_ ? evaluate_batch(n_, ctx, n_.batches[static_cast<std::size_t>(item)]) : sum_observations(n_, ctx, item);
+    const int rc = by_subject_ ? evaluate_batch(n_, ctx, n_.batches[static_cast<std::size_t>(item)])
+                               : sum_observations(n_, ctx, item);
     if (rc > 2) ended_.store(true, std::memory_order_relaxed);
     if (rc > 2 || failed(item)) note_failure(item);
   }

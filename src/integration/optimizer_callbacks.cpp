@@ -1,6 +1,7 @@
 // The objective as the optimizer sees it.
 
-#include "host/message_names.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/optimization.h"
 #include "integration/objective.h"
 
 #include "evaluation/likelihood_programs.h"

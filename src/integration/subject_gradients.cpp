@@ -2,9 +2,9 @@
 
 #include "evaluation/likelihood_programs.h"
 #include "evaluation/record_sums.h"
-#include "host/missing.h"
-#include "integration/evaluation_parts.h"
+#include "host/values/missing.h"
 #include "integration/objective.h"
+#include "integration/subjects/evaluation_parts.h"
 
 #include <algorithm>
 #include <cmath>

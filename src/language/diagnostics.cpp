@@ -1,6 +1,6 @@
 #include "language/diagnostics.h"
 
-#include "host/source_excerpt.h"
+#include "host/messages/source_excerpt.h"
 
 #include <algorithm>
 

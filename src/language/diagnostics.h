@@ -1,7 +1,7 @@
 #pragma once
 // What the scanner and parser have to say: data first, words for people second.
 
-#include "host/problem_numbers.h"
+#include "host/messages/names/problem_numbers.h"
 #include "syntax/source.h"
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "language/lexical.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <charconv>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "language/scanner.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "language/lexical.h"
 
 #include <cmath>
@@ -363,9 +363,9 @@ Token Scanner::mark(const LrMachine& parse, Cursor& cursor, bool report)
     const std::string_view plain = plain_character(token.text);
     diagnostics_->error(Problem::unknown_character, token.where,
                         "The character " + shown + " has no meaning here" +
-                            (token.text == "#"  ? ": comments are /* ... */, or begin with * and end with ;"
-                             : plain.empty() ? "."
-                                             : ": write " + std::string(plain) + " instead."));
+                            (token.text == "#" ? ": comments are /* ... */, or begin with * and end with ;"
+                             : plain.empty()   ? "."
+                                               : ": write " + std::string(plain) + " instead."));
   }
   return token;
 }

@@ -1,7 +1,7 @@
 #include "language/statement_listing.h"
 
-#include "host/missing.h"
-#include "host/text.h"
+#include "host/values/missing.h"
+#include "host/values/text.h"
 #include "language/grammar.h"
 
 #include <algorithm>

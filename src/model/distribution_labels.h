@@ -1,5 +1,5 @@
 #pragma once
-#include "host/message_names.h"
+#include "host/messages/names/labels.h"
 
 namespace torvale::model {
 

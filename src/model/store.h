@@ -2,8 +2,8 @@
 // The data of one BY group: columns in subject order, and the subject index.
 
 #include "engine/engine.h"
-#include "host/pool.h"
-#include "host/scratch_file.h"
+#include "host/storage/pool.h"
+#include "host/storage/scratch_file.h"
 
 #include <cstdint>
 #include <memory>

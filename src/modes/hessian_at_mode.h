@@ -2,7 +2,7 @@
 // Inverse, Newton step and log determinant from the Hessian of a subject's joint log density, with a repair of a matrix
 // that is not positive definite.
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "model/run_record.h"
 
 #include <algorithm>
@@ -10,20 +10,22 @@
 
 namespace torvale::modes {
 
-// A pivot counts when it is above `singsweep` times the diagonal element it came from; below this floor the tolerance is absolute.
+// A pivot counts when it is above `singsweep` times the diagonal element it came from; below this floor the tolerance
+// is absolute.
 inline constexpr double pivot_floor = 1.491668147e-154;
 
-// Smallest pivot of the tridiagonal form that counts as positive definite, relative to the largest diagonal: sqrt(2^-53).
+// Smallest pivot of the tridiagonal form that counts as positive definite, relative to the largest diagonal:
+// sqrt(2^-53).
 inline constexpr double definite_bound = 1.053671212772351e-08;
 
 // ridgmat: makes a packed symmetric matrix positive definite by a ridge on its diagonal (ridg ridge, mat matrix). Trial
-// ridges are e, 5e, 21e, ... with e = eps times the largest diagonal element; the first that passes the tridiagonal test is
-// applied with a factor 1.05. work: nr (nr + 1) / 2 + 3 nr doubles. Returns the ridge added, 0 when none was needed, or the missing value when
-// the tridiagonal reduction would overflow (mat is then unchanged).
+// ridges are e, 5e, 21e, ... with e = eps times the largest diagonal element; the first that passes the tridiagonal
+// test is applied with a factor 1.05. work: nr (nr + 1) / 2 + 3 nr doubles. Returns the ridge added, 0 when none was
+// needed, or the missing value when the tridiagonal reduction would overflow (mat is then unchanged).
 double ridgmat(double* mat, int n, double eps, double* work);
 
-// chodect2: Cholesky recursion of a tridiagonal matrix (diagonal d, off-diagonal e[1..]) with pivots above bound; 0 when
-// it is positive definite, else 1. (cho Cholesky, dec decomposition, t tridiagonal.)
+// chodect2: Cholesky recursion of a tridiagonal matrix (diagonal d, off-diagonal e[1..]) with pivots above bound; 0
+// when it is positive definite, else 1. (cho Cholesky, dec decomposition, t tridiagonal.)
 int chodect2(int n, const double* d, const double* e, double bound);
 
 // InvertHessian: inverse and Newton step.
@@ -32,11 +34,13 @@ int chodect2(int n, const double* d, const double* e, double bound);
 //   pivots out     nr: their product is det H; a pivot of a repaired matrix that still fails counts as 1
 //   block  scratch hessumat, hessumat0, dfr, work1, work2, work3
 // Returns 0; 1 when a repair failed (h and g are then unchanged).
-int invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, double* pivots, model::BlockWork& block);
+int invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, double* pivots,
+                     model::BlockWork& block);
 
 // The same; orders 1 and 2 without pivot trouble in closed form. NR 0: the order is nr.
 template <int NR>
-int InvertHessian(const model::RunOptions& options, int nr, double* h, double* g, double* pivots, model::BlockWork& block)
+int InvertHessian(const model::RunOptions& options, int nr, double* h, double* g, double* pivots,
+                  model::BlockWork& block)
 {
   if constexpr (NR == 1) {
     const double v = h[0];

@@ -1,7 +1,7 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
-#include "host/message_names.h"
+#include "host/messages/names/methods.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/search_rules.h"
@@ -109,7 +109,7 @@ private:
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
     s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
-                                         : message::mode_steps_used_up::message_number;
+                                        : message::mode_steps_used_up::message_number;
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in column a of the mode sums.

@@ -1,4 +1,4 @@
-#include "host/message_names.h"
+#include "host/messages/names/optimization.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "report/fit_pictures.h"
 
-#include "host/text.h"
+#include "host/values/text.h"
 #include "report/pictures.h"
 
 #include <fmt/format.h>

@@ -1,8 +1,8 @@
 #pragma once
 // The pictures of one fit.
 
-#include "host/results.h"
-#include "inference/picture_data.h"
+#include "host/results/results.h"
+#include "inference/pictures/picture_data.h"
 #include "sampling/draws.h"
 
 #include <vector>

@@ -1,8 +1,8 @@
 #include "report/page.h"
 
 #include "graphics/canvas.h"
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 
 #include <algorithm>
 #include <array>

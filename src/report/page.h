@@ -1,8 +1,8 @@
 #pragma once
 // The report of a run: one HTML page that needs nothing beside itself.
 
-#include "host/results.h"
-#include "host/table.h"
+#include "host/results/results.h"
+#include "host/results/table.h"
 
 #include <string>
 #include <string_view>

@@ -2,8 +2,8 @@
 // Each picture on its own: appends to `out` when there is something to show. Private to the room.
 
 #include "graphics/panel.h"
-#include "host/results.h"
-#include "inference/picture_data.h"
+#include "host/results/results.h"
+#include "inference/pictures/picture_data.h"
 #include "sampling/draws.h"
 
 #include <string>

@@ -1,6 +1,6 @@
 // Pictures of residuals.
 
-#include "inference/normal_band.h"
+#include "inference/pictures/normal_band.h"
 #include "report/pictures.h"
 
 #include <algorithm>

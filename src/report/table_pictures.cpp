@@ -1,6 +1,6 @@
 // Pictures of tables: the course of the optimization, intervals of the estimates, their correlations.
 
-#include "host/text.h"
+#include "host/values/text.h"
 #include "report/pictures.h"
 
 #include <algorithm>

@@ -2,19 +2,19 @@
 
 #include "data/data_pass.h"
 #include "data/starting_values.h"
-#include "host/message_names.h"
-#include "inference/estimates_output.h"
-#include "inference/fit_outputs.h"
-#include "inference/method_outputs.h"
-#include "inference/picture_data.h"
-#include "inference/tables.h"
-#include "inference/verdict.h"
+#include "host/messages/names/fit.h"
+#include "inference/outputs/estimates_output.h"
+#include "inference/outputs/fit_outputs.h"
+#include "inference/outputs/method_outputs.h"
+#include "inference/pictures/picture_data.h"
+#include "inference/tables/tables.h"
+#include "inference/tables/verdict.h"
 #include "integration/objective.h"
 #include "parallel/worker_pool.h"
 #include "report/fit_pictures.h"
-#include "run/advice.h"
 #include "run/exit_codes.h"
-#include "run/statement_processing.h"
+#include "run/statements/advice.h"
+#include "run/statements/statement_processing.h"
 #include "solve/solve_step.h"
 #include "solve/starting_grid.h"
 
@@ -61,7 +61,8 @@ int report_fit(NX& n)
   if (n.znlprc <= 0) return exit_not_converged;
   int exit_code = n.nparm == 0 ? exit_clean : exit_of_outcome(n);
   inference::write_points(n);
-  if (inference::write_importance_sampling(n) > 2 || inference::write_subject_gradients(n) != 0) exit_code = exit_program;
+  if (inference::write_importance_sampling(n) > 2 || inference::write_subject_gradients(n) != 0)
+    exit_code = exit_program;
   if (!n.covmat.empty()) {
     if (!n.contrasts.empty() && inference::tvlcont(n) != 0) exit_code = exit_program;
     if (!n.estimates.empty() && inference::tvlesti(n) != 0) exit_code = exit_program;
@@ -100,7 +101,8 @@ int run_group(NX& n)
   sampling::SampleDraws sample;
   // Where the objective has a value, whether or not the fit converged.
   const bool sampled = n.sampling.mcmc != nullptr && n.fval < model::failure_objective && !n.host->interrupted();
-  if (sampled && run_sampler(n, n.pictures ? &sample : nullptr) != 0) exit_code = worse_exit(exit_code, exit_not_converged);
+  if (sampled && run_sampler(n, n.pictures ? &sample : nullptr) != 0)
+    exit_code = worse_exit(exit_code, exit_not_converged);
   if (n.pictures && !n.host->interrupted()) draw_pictures(n, sample);
   return n.host->interrupted() ? exit_interrupted : exit_code;
 }

@@ -1,18 +1,20 @@
 #include "run/program_runner.h"
 
 #include "compartment/compartment_statement.h"
-#include "host/message_names.h"
-#include "host/run_output.h"
-#include "host/sha256.h"
-#include "host/source_excerpt.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
+#include "host/messages/source_excerpt.h"
+#include "host/storage/run_output.h"
+#include "host/storage/sha256.h"
 #include "language/actions.h"
 #include "language/parser.h"
 #include "language/statement_listing.h"
-#include "run/advice.h"
 #include "run/driver.h"
 #include "run/exit_codes.h"
-#include "run/model_generator.h"
-#include "run/statement_processing.h"
+#include "run/statements/advice.h"
+#include "run/statements/model_generator.h"
+#include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"
 
 #include <algorithm>
@@ -162,7 +164,9 @@ private:
     place.line = sources_.user_position(proc.current->where).line;
     std::vector<compartment::Variable> variables;
     if (data_)
-      for (const auto& column : data_->columns()) variables.push_back({column.name(), !column.numeric(), column.numeric() ? column.numbers() : std::span<const double>()});
+      for (const auto& column : data_->columns())
+        variables.push_back(
+            {column.name(), !column.numeric(), column.numeric() ? column.numbers() : std::span<const double>()});
     STMT* last = nullptr;
     const int earlier = syntax::FindStmt(proc, proc.current->name, &last) - 1;
     const auto lines =

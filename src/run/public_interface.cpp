@@ -2,9 +2,9 @@
 
 #include "torvale/torvale.h"
 
-#include "host/data_set.h"
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/data/data_set.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 #include "run/session.h"
 
 #include <algorithm>

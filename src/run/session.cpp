@@ -1,7 +1,7 @@
 #include "run/session.h"
 
 #include "host/host.h"
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
 #include "run/exit_codes.h"
 #include "run/program_runner.h"
 

@@ -2,8 +2,8 @@
 // A run of one program with the embedded host, for the command line and the tests; the library's public interface
 // (include/torvale/torvale.h) is a shell of it.
 
-#include "host/libraries.h"
-#include "host/results.h"
+#include "host/data/libraries.h"
+#include "host/results/results.h"
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "sampling/diagnostics.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "probability/normal.h"
 
 #include <algorithm>

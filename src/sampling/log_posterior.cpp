@@ -3,7 +3,7 @@
 #include "evaluation/cholesky_derivative.h"
 #include "evaluation/random_covariance.h"
 #include "evaluation/record_sums.h"
-#include "integration/evaluation_parts.h"
+#include "integration/subjects/evaluation_parts.h"
 #include "matrix/packed.h"
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
@@ -70,7 +70,8 @@ int LogPosterior::run_batch(TVLThreadCtx& ctx, Work& w, const double* effects, b
   if (derivatives)
     return evaluation::tvllogl(n_, ctx, pairs,
                                {n_.programs.gradient.code, n_.programs.gradient.outputs, w.sums.data(), b.pair_stride});
-  return evaluation::tvllogl(n_, ctx, pairs, {n_.programs.value.code, n_.programs.value.outputs, w.sums.data(), b.pair_stride});
+  return evaluation::tvllogl(n_, ctx, pairs,
+                             {n_.programs.value.code, n_.programs.value.outputs, w.sums.data(), b.pair_stride});
 }
 
 // Adds the log prior density of a slot's effects; false where G has no inverse and u no density.

@@ -1,7 +1,7 @@
 #include "sampling/sample_output.h"
 
-#include "host/message_names.h"
-#include "host/missing.h"
+#include "host/messages/names/statements.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <cmath>

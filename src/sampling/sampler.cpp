@@ -1,8 +1,9 @@
 #include "sampling/sampler.h"
 
-#include "host/message_names.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/statements.h"
 #include "integration/objective.h"
-#include "integration/posterior.h"
+#include "integration/posterior/posterior.h"
 #include "matrix/cholesky.h"
 #include "matrix/packed.h"
 #include "parallel/worker_pool.h"
@@ -266,7 +267,8 @@ private:
         next_note += o_.lognote;
         note(std::min(done + stride, total));
       }
-      if (std::all_of(chains_.begin(), chains_.end(), [](const auto& c) { return c->failure != Chain::Failure::none; })) break;
+      if (std::all_of(chains_.begin(), chains_.end(), [](const auto& c) { return c->failure != Chain::Failure::none; }))
+        break;
     }
   }
 

@@ -1,7 +1,7 @@
 #pragma once
 // Posterior sampling of a BY group: the chains, their data set and tables.
 
-#include "host/libraries.h"
+#include "host/data/libraries.h"
 #include "sampling/chain.h"
 #include "sampling/draws.h"
 
@@ -18,7 +18,7 @@ struct SamplerOptions {
   std::vector<double>
       covariance; // COVDATA=: packed, of the parameters; missing entries where it says nothing; empty: none
   SampleDraws* draws = nullptr;       // filled for whoever draws pictures; borrowed
-  host::OutputDataSet* out = nullptr;                                              // OUT=; borrowed
+  host::OutputDataSet* out = nullptr; // OUT=; borrowed
   std::function<double(int context, const double* theta, double* gradient)> prior; // as Posterior::prior
 };
 

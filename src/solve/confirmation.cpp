@@ -1,6 +1,6 @@
 #include "solve/confirmation.h"
 
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"

@@ -1,6 +1,8 @@
 #include "solve/fit_verdict.h"
 
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/starting_values.h"
 #include "solve/solve_step.h"
 
 #include <algorithm>

@@ -1,6 +1,9 @@
 // The iteration history and the convergence status: what a user watches while the optimizer runs.
 
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/optimizer.h"
 #include "integration/objective.h"
 #include "optimizer/missing_value.h"
 #include "optimizer/optimizer.h"
@@ -132,9 +135,9 @@ std::pair<std::string, int> convergence_reason(const MINSTR& str, int code)
   const std::string criterion = optimizer::criterion_name(code > 100 ? code - 100 : code);
   if (code >= 1 && code <= 9) return {filled(status_message::criterion_satisfied, {criterion}), 0};
   if (code > 100)
-    return {
-        filled(status_message::criterion_satisfied_too_few_times, {criterion, std::to_string(str.toln[code - 101 + 10])}),
-        0};
+    return {filled(status_message::criterion_satisfied_too_few_times,
+                   {criterion, std::to_string(str.toln[code - 101 + 10])}),
+            0};
   switch (code) {
   case 10:
     return {filled(status_message::all_fixed), 0};

@@ -1,6 +1,6 @@
 // Tables that the optimizer's library hands over row by row: the gradient check and the linear dependencies.
 
-#include "host/message_names.h"
+#include "host/messages/names/labels.h"
 #include "optimizer/optimizer.h"
 #include "solve/solve_step.h"
 

@@ -1,10 +1,11 @@
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/starting_values.h"
 #include "solve/starting_grid.h"
 
 #include "host/host_exit.h"
-#include "host/whole_number.h"
+#include "host/values/whole_number.h"
 #include "integration/objective.h"
-#include "integration/quadrature_points.h"
+#include "integration/rules/quadrature_points.h"
 
 #include <algorithm>
 #include <cmath>

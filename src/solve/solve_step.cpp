@@ -1,7 +1,11 @@
 #include "solve/solve_step.h"
 
 #include "evaluation/likelihood_programs.h"
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/labels.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/starting_values.h"
+#include "host/messages/names/statements.h"
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
@@ -86,7 +90,8 @@ void snap_to_bounds(NX& n)
   }
 }
 
-// Without analytic derivatives the gradient that is reported comes by central differences, whatever the technique went by.
+// Without analytic derivatives the gradient that is reported comes by central differences, whatever the technique went
+// by.
 void difference_gradient_at_end(MINSTR& str)
 {
   const double crit = str.crit;

@@ -1,7 +1,7 @@
 #include "solve/start_report.h"
 
 #include "evaluation/program_faults.h"
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,8 +14,8 @@ namespace {
 
 // What stands under one heading: the records of a subject, or one record.
 struct Worst {
-  double loglik = 0.0;        // sum over the records that have one
-  long records = 0, bad = 0;  // used ones; of them impossible, or without a value
+  double loglik = 0.0;         // sum over the records that have one
+  long records = 0, bad = 0;   // used ones; of them impossible, or without a value
   std::int64_t first_bad = -1; // store row
 };
 

@@ -1,7 +1,9 @@
 #include "solve/starting_grid.h"
 
 #include "data/starting_values.h"
-#include "host/message_names.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/starting_values.h"
 #include "integration/objective.h"
 #include "solve/start_report.h"
 
@@ -28,8 +30,8 @@ bool keep_point(NX& n, long p, double objective)
   return first;
 }
 
-// The worst subjects at the first usable grid point; where all their records have a likelihood, that point is evaluated once
-// more with the log open, unless it was open all the time.
+// The worst subjects at the first usable grid point; where all their records have a likelihood, that point is evaluated
+// once more with the log open, unless it was open all the time.
 void explain_failure(NX& n)
 {
   for (long p = 0; p < n.npoints; ++p) {

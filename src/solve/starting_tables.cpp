@@ -1,4 +1,4 @@
-#include "host/message_names.h"
+#include "host/messages/names/labels.h"
 #include "solve/starting_grid.h"
 
 namespace torvale::solve {

@@ -1,7 +1,7 @@
 #pragma once
 // Where a token, a statement or an expression stands: in a file, or in a text that a statement generated.
 
-#include "host/messages.h"
+#include "host/messages/messages.h"
 
 #include <cstdint>
 #include <deque>
@@ -20,10 +20,10 @@ struct Position {
 
 // Source: one text that tokens come from: the program file, an included file, or lines that a statement generated.
 struct Source {
-  std::string name;          // path of a file, or the statement word that generated the text ("MODEL")
-  std::string text;          // the whole text
-  bool generated = false;    // the text was pushed by a statement or made by a macro
-  Position generated_at;     // the statement that pushed it; for an included file the INCLUDE statement
+  std::string name;                      // path of a file, or the statement word that generated the text ("MODEL")
+  std::string text;                      // the whole text
+  bool generated = false;                // the text was pushed by a statement or made by a macro
+  Position generated_at;                 // the statement that pushed it; for an included file the INCLUDE statement
   std::vector<std::int32_t> line_starts; // offset in `text` of each line's first character
 };
 

@@ -1,6 +1,6 @@
 #include "syntax/tree.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <charconv>

@@ -3,7 +3,7 @@
 
 #include "compartment/compartment_statement.h"
 #include "engine/model_fixture.h"
-#include "host/messages.h"
+#include "host/messages/messages.h"
 #include "language/parser.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "engine/plain_evaluator.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <cmath>

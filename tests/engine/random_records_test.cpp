@@ -5,7 +5,7 @@
 #include "engine/model_fixture.h"
 #include "engine/plain_evaluator.h"
 #include "engine/program_text.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <random>
 

@@ -1,5 +1,5 @@
 #include "evaluation/random_covariance.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <gtest/gtest.h>
 
@@ -44,14 +44,14 @@ TEST(RandomCovariance, Classification)
   const Case cases[] = {
       {{host::missing}, 1, true, false, false},
       {{0.0}, 1, false, false, true},
-      {{-0.5 * singvar}, 1, false, false, true},  // rounding below zero is zero
+      {{-0.5 * singvar}, 1, false, false, true}, // rounding below zero is zero
       {{-2.0 * singvar}, 1, false, true, false},
       {{2.0 * singvar}, 1, false, false, false},
-      {{singvar}, 1, false, false, false},        // the tolerance itself is kept
-      {{1, 1, 1}, 2, false, false, true},         // a perfect correlation
-      {{1, 2, 1}, 2, false, true, false},         // a correlation beyond one
+      {{singvar}, 1, false, false, false},           // the tolerance itself is kept
+      {{1, 1, 1}, 2, false, false, true},            // a perfect correlation
+      {{1, 2, 1}, 2, false, true, false},            // a correlation beyond one
       {{1, 0, 0, 0.5, 0, 2}, 3, false, false, true}, // an effect without variance
-      {{0, 0.1, 1}, 2, false, true, false},       // a covariance with an effect without variance
+      {{0, 0.1, 1}, 2, false, true, false},          // a covariance with an effect without variance
   };
   for (const Case& c : cases) {
     const model::NX n;

@@ -1,5 +1,5 @@
-#include "host/by_groups.h"
-#include "host/csv.h"
+#include "host/data/by_groups.h"
+#include "host/data/csv.h"
 #include "support.h"
 
 namespace torvale::host {

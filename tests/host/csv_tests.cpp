@@ -1,6 +1,6 @@
-#include "host/csv.h"
-#include "host/run_output.h"
-#include "host/text.h"
+#include "host/data/csv.h"
+#include "host/storage/run_output.h"
+#include "host/values/text.h"
 #include "support.h"
 #include <cmath>
 #include <random>

@@ -1,5 +1,5 @@
 // Data files as people have them: what each is read as, or which message refuses it.
-#include "host/libraries.h"
+#include "host/data/libraries.h"
 #include "support.h"
 
 namespace torvale::host {

@@ -1,5 +1,5 @@
-#include "host/csv.h"
-#include "host/data_set_options.h"
+#include "host/data/csv.h"
+#include "host/data/data_set_options.h"
 #include "support.h"
 
 namespace torvale::host {

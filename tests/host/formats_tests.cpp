@@ -1,6 +1,6 @@
-#include "host/calendar.h"
-#include "host/formats.h"
-#include "host/missing.h"
+#include "host/values/calendar.h"
+#include "host/values/formats.h"
+#include "host/values/missing.h"
 #include <cmath>
 #include <ctime>
 #include <gtest/gtest.h>

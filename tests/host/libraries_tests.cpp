@@ -1,5 +1,5 @@
-#include "host/libraries.h"
-#include "host/sqlite_table.h"
+#include "host/data/libraries.h"
+#include "host/data/sqlite_table.h"
 #include "support.h"
 #include <sqlite3.h>
 

@@ -1,5 +1,5 @@
-#include "host/messages.h"
-#include "host/missing.h"
+#include "host/messages/messages.h"
+#include "host/values/missing.h"
 #include "support.h"
 #include <set>
 

@@ -1,4 +1,4 @@
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include <gtest/gtest.h>
 #include <limits>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "host/run_output.h"
+#include "host/storage/run_output.h"
 #include "support.h"
 #include <sys/stat.h>
 

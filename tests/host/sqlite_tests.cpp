@@ -1,5 +1,5 @@
-#include "host/missing.h"
-#include "host/sqlite_table.h"
+#include "host/data/sqlite_table.h"
+#include "host/values/missing.h"
 #include "support.h"
 #include <random>
 #include <sqlite3.h>

@@ -1,5 +1,5 @@
 #pragma once
-#include "host/messages.h"
+#include "host/messages/messages.h"
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

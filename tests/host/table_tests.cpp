@@ -1,5 +1,5 @@
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 #include <cmath>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

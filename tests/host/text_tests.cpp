@@ -1,5 +1,5 @@
-#include "host/missing.h"
-#include "host/text.h"
+#include "host/values/missing.h"
+#include "host/values/text.h"
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>

@@ -1,6 +1,6 @@
-#include "host/missing.h"
-#include "host/pool.h"
-#include "host/utility_file.h"
+#include "host/storage/pool.h"
+#include "host/storage/utility_file.h"
+#include "host/values/missing.h"
 #include <gtest/gtest.h>
 
 namespace torvale::host {

@@ -1,6 +1,6 @@
-#include "host/csv.h"
-#include "host/data_set_options.h"
-#include "host/where.h"
+#include "host/data/csv.h"
+#include "host/data/data_set_options.h"
+#include "host/data/where.h"
 #include "support.h"
 #include <random>
 

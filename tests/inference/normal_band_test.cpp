@@ -1,6 +1,6 @@
 // The simultaneous band of normal quantiles: its coverage, by simulation.
 
-#include "inference/normal_band.h"
+#include "inference/pictures/normal_band.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The words of the verdict for states that are hard to reach by a fit.
 
-#include "inference/verdict.h"
+#include "inference/tables/verdict.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // against differences.
 
 #include "integration/objective.h"
-#include "integration/posterior.h"
+#include "integration/posterior/posterior.h"
 #include "integration/small_model.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "integration/quadrature_points.h"
+#include "integration/rules/quadrature_points.h"
 
 #include <gtest/gtest.h>
 
@@ -36,8 +36,9 @@ std::vector<Node> table()
 
 } // namespace
 
-// Rules of 1 to 100 and more points against values to 20 digits. The eigenvalue method is backward stable: nodes are good
-// to eps times the largest node, and a weight, the square of an eigenvector component, to eps relative to the largest component.
+// Rules of 1 to 100 and more points against values to 20 digits. The eigenvalue method is backward stable: nodes are
+// good to eps times the largest node, and a weight, the square of an eigenvector component, to eps relative to the
+// largest component.
 TEST(GaussHermiteRule, NodesAndWeights)
 {
   const auto nodes = table();
@@ -56,7 +57,9 @@ TEST(GaussHermiteRule, NodesAndWeights)
     const auto i = static_cast<std::size_t>(node.i - 1);
     const double largest = std::abs(absc.back());
     EXPECT_NEAR(absc[i], node.x, 8 * eps * (1.0 + largest)) << current << " " << node.i;
-    if (current <= 31) { EXPECT_NEAR(herm[i], node.log_weight, 2e-12) << current << " " << node.i; }
+    if (current <= 31) {
+      EXPECT_NEAR(herm[i], node.log_weight, 2e-12) << current << " " << node.i;
+    }
     EXPECT_NEAR(std::exp(herm[i]), std::exp(node.log_weight), 64 * eps) << current << " " << node.i;
   }
 }

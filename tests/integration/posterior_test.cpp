@@ -2,7 +2,7 @@
 
 #include "integration/model_family.h"
 #include "integration/objective.h"
-#include "integration/posterior.h"
+#include "integration/posterior/posterior.h"
 
 #include <gtest/gtest.h>
 

@@ -2,9 +2,9 @@
 // of the records. To the last bit, since no result may depend on what shares a tile.
 
 #include "evaluation/record_sums.h"
-#include "integration/evaluation_parts.h"
 #include "integration/objective.h"
 #include "integration/small_model.h"
+#include "integration/subjects/evaluation_parts.h"
 
 #include <gtest/gtest.h>
 

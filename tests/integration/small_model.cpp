@@ -2,7 +2,7 @@
 
 #include "evaluation/likelihood_programs.h"
 #include "integration/objective.h"
-#include "integration/quadrature_points.h"
+#include "integration/rules/quadrature_points.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -23,8 +23,14 @@ struct Term::Node {
   std::vector<Term> args;
 };
 
-Term::Term(double number) : node_(std::make_shared<Node>(Node{syntax::ExprKind::number, syntax::Op::none, number, {}, {}})) {}
-Term::Term(const char* name) : node_(std::make_shared<Node>(Node{syntax::ExprKind::variable, syntax::Op::none, 0.0, name, {}})) {}
+Term::Term(double number)
+    : node_(std::make_shared<Node>(Node{syntax::ExprKind::number, syntax::Op::none, number, {}, {}}))
+{
+}
+Term::Term(const char* name)
+    : node_(std::make_shared<Node>(Node{syntax::ExprKind::variable, syntax::Op::none, 0.0, name, {}}))
+{
+}
 
 Term Term::call(const char* function, std::vector<Term> arguments)
 {
@@ -128,7 +134,8 @@ void name_symbols(Run& n, const ModelText& text, const std::vector<syntax::Expr*
 bool names_subjects(const ModelText& text, const std::string& column)
 {
   const auto levels = text.all_levels();
-  return column == "subject" || std::any_of(levels.begin(), levels.end(), [&](const Level& l) { return l.subject == column; });
+  return column == "subject" ||
+         std::any_of(levels.begin(), levels.end(), [&](const Level& l) { return l.subject == column; });
 }
 
 // Per row its subject's number at every level, the outermost first: those within one parent by first appearance.
@@ -136,7 +143,8 @@ std::vector<std::vector<int>> subject_numbers(const ModelText& text, std::size_t
 {
   std::vector<std::vector<int>> chain(rows);
   for (const Level& level : text.all_levels()) {
-    const auto column = std::find_if(text.columns.begin(), text.columns.end(), [&](const auto& c) { return c.first == level.subject; });
+    const auto column =
+        std::find_if(text.columns.begin(), text.columns.end(), [&](const auto& c) { return c.first == level.subject; });
     std::map<std::vector<int>, std::vector<double>> known; // values within each chain of parents
     for (std::size_t row = 0; row < rows; ++row) {
       auto& values = known[chain[row]];
@@ -148,9 +156,10 @@ std::vector<std::vector<int>> subject_numbers(const ModelText& text, std::size_t
   return chain;
 }
 
-// Row r of the store belongs to the subject with this chain: a new subject at the levels where it differs from the one before.
-void add_to_subjects(Run& n, const std::vector<int>& chain, const std::vector<int>& before, std::size_t r, const ModelText& text,
-                     std::size_t row)
+// Row r of the store belongs to the subject with this chain: a new subject at the levels where it differs from the one
+// before.
+void add_to_subjects(Run& n, const std::vector<int>& chain, const std::vector<int>& before, std::size_t r,
+                     const ModelText& text, std::size_t row)
 {
   bool fresh = r == 0;
   for (std::size_t k = n.reff.size(); k-- > 0;) {

@@ -1,5 +1,5 @@
 // Diagnostics: wrong programs against golden files, and what every message must hold.
-#include "host/messages.h"
+#include "host/messages/messages.h"
 #include "parse_text.h"
 
 #include <algorithm>

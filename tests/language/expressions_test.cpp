@@ -1,5 +1,5 @@
 // Expressions: what binds to what, chains, lists, literals, and texts that parse back to the same tree.
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "parse_text.h"
 
 namespace torvale::language::test {

@@ -1,5 +1,5 @@
 // Procedure statements: lists in slots, name ranges, steps, and the action at a statement's end.
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "parse_text.h"
 
 namespace torvale::language::test {

@@ -1,6 +1,6 @@
 // Options that change nothing say so: in a note, and in the language page.
 
-#include "run/idle_options.h"
+#include "run/statements/idle_options.h"
 #include "system/session.h"
 
 #include <gtest/gtest.h>
@@ -14,14 +14,15 @@ namespace {
 
 TEST(IdleOptions, TheLanguagePageMarksThemAndNoOthers)
 {
-  std::set<std::string> idle = {"FLOW", "TRACE", "DETAILS", "DEBUGD", "DEBUGP", "DERFLOW", "MEMTRACE", "DEBUGXG", "OPT",
-                                "VARDEF"}; // of which the parser tells
+  std::set<std::string> idle = {"FLOW",    "TRACE",    "DETAILS", "DEBUGD", "DEBUGP",
+                                "DERFLOW", "MEMTRACE", "DEBUGXG", "OPT",    "VARDEF"}; // of which the parser tells
   for (const run::IdleOption& o : run::idle_options()) idle.insert(o.name);
   std::set<std::string> marked;
   const std::string page = read_text(source_file("docs/language.md"));
   const auto begin = page.find("without effect (a note");
   std::istringstream words(page.substr(begin, page.find('\n', begin) - begin));
-  for (std::string between, name; std::getline(words, between, '`') && std::getline(words, name, '`');) marked.insert(name);
+  for (std::string between, name; std::getline(words, between, '`') && std::getline(words, name, '`');)
+    marked.insert(name);
   EXPECT_EQ(marked, idle);
 }
 

@@ -1,5 +1,5 @@
 // Texts and positions: lines, columns, generated text, and the records of statements.
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "syntax/records.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Advice where the habits of other languages show: each says what to write, once, at its place; and nothing where all
 // is well.
 
-#include "host/text.h"
+#include "host/values/text.h"
 #include "system/session.h"
 
 #include <gmock/gmock.h>

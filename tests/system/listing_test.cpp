@@ -3,8 +3,8 @@
 //
 // After a wanted change run the test with TORVALE_WRITE_LISTINGS=1 and look at the difference of tests/data/listings.
 
-#include "host/table_writers.h"
-#include "host/text.h"
+#include "host/values/text.h"
+#include "host/writers/table_writers.h"
 #include "system/session.h"
 
 #include <gtest/gtest.h>
@@ -18,11 +18,12 @@ namespace torvale::tests {
 
 namespace {
 
-// Numbers become #, a missing value stays a point, runs of blanks become one; margins go. Equal rows in a row count once,
-// and which criterion ended a fit is left out: how many iterations it takes is not a matter of listings.
+// Numbers become #, a missing value stays a point, runs of blanks become one; margins go. Equal rows in a row count
+// once, and which criterion ended a fit is left out: how many iterations it takes is not a matter of listings.
 std::string shape(const std::string& listing)
 {
-  static const std::regex number("(^|\\s)[-<]?(\\d+(\\.\\d*)?|\\.\\d+)(e[-+]?\\d+)?(?=\\s|$)"), blanks("[ \\t]+"), criterion("[A-Z]+CONV convergence");
+  static const std::regex number("(^|\\s)[-<]?(\\d+(\\.\\d*)?|\\.\\d+)(e[-+]?\\d+)?(?=\\s|$)"), blanks("[ \\t]+"),
+      criterion("[A-Z]+CONV convergence");
   std::string out, last;
   std::istringstream lines(listing);
   for (std::string line; std::getline(lines, line);) {

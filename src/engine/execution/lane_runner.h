@@ -6,7 +6,7 @@
 // never depends on where it stands.
 
 #include "engine/stages/program.h"
-#include "host/scratch_file.h"
+#include "host/storage/scratch_file.h"
 
 #include <memory>
 #include <vector>

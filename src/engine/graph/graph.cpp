@@ -1,6 +1,6 @@
 #include "engine/graph/graph.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
 #include "engine/graph/text_values.h"
 
-#include "host/formats.h"
-#include "host/missing.h"
+#include "host/values/formats.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 // Slots, branches and the frame of a translation.
 
 #include "engine/translation/translate.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 #include <cmath>

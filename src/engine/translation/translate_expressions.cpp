@@ -2,7 +2,7 @@
 
 #include "engine/translation/translate.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <cmath>
 

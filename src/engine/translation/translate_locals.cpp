@@ -3,7 +3,7 @@
 #include "engine/translation/translate.h"
 
 #include "engine/functions/names.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // Expressions: the typed tree from the productions of the expression grammar.
 #include "language/builder/builder.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "language/lexical.h"
 
 #include <algorithm>

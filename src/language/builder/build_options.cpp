@@ -1,7 +1,7 @@
 // Options of procedure statements: values into slots, marks into flags, ranges checked.
 #include "language/builder/builder.h"
 
-#include "host/missing.h"
+#include "host/values/missing.h"
 #include "language/lexical.h"
 
 #include <algorithm>

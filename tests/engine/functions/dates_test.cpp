@@ -1,8 +1,8 @@
 #include "engine/functions/dates.h"
 #include "engine/functions/functions.h"
 #include "engine/functions/plain_graph.h"
-#include "host/calendar.h"
-#include "host/missing.h"
+#include "host/values/calendar.h"
+#include "host/values/missing.h"
 
 #include <gtest/gtest.h>
 

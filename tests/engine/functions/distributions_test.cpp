@@ -1,6 +1,6 @@
 #include "engine/functions/distributions.h"
 #include "engine/functions/plain_graph.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <gtest/gtest.h>
 
@@ -123,9 +123,10 @@ TEST(Distributions, OutsideTheSupportTheDensityIsZeroWithoutAFault)
   EXPECT_EQ(ask(DistributionQuestion::pdf, "binomial", {0, 4, 0}), 1.0);
 }
 
-constexpr DistributionQuestion questions[] = {
-    DistributionQuestion::pdf, DistributionQuestion::logpdf, DistributionQuestion::cdf,     DistributionQuestion::logcdf,
-    DistributionQuestion::sdf, DistributionQuestion::logsdf, DistributionQuestion::quantile};
+constexpr DistributionQuestion questions[] = {DistributionQuestion::pdf,     DistributionQuestion::logpdf,
+                                              DistributionQuestion::cdf,     DistributionQuestion::logcdf,
+                                              DistributionQuestion::sdf,     DistributionQuestion::logsdf,
+                                              DistributionQuestion::quantile};
 
 std::vector<double> good_parameters(const Distribution& d)
 {
@@ -167,7 +168,8 @@ TEST(Distributions, MissingValuesAndWrongParametersGiveMissing)
             changed[0] = x;
             changed[k] = wrong;
             EXPECT_TRUE(std::isnan(ask(q, std::string(d.name), changed)))
-                << d.name << " operand " << k << " = " << wrong << ", x = " << x << ", question " << static_cast<int>(q);
+                << d.name << " operand " << k << " = " << wrong << ", x = " << x << ", question "
+                << static_cast<int>(q);
           }
     }
   EXPECT_TRUE(std::isnan(ask(DistributionQuestion::quantile, "normal", {1.0, 0, 1})));

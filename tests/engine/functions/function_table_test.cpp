@@ -1,6 +1,6 @@
 #include "engine/functions/distributions.h"
 #include "engine/functions/plain_graph.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <gtest/gtest.h>
 

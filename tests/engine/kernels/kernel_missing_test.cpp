@@ -1,5 +1,5 @@
 #include "engine/kernels/lane_arrays.h"
-#include "host/missing.h"
+#include "host/values/missing.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,54 @@
+#pragma once
+#include "host/storage/byte_source.h"
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace torvale::host {
+
+// Some whole records of a file, one after the other; the bytes end with a line end.
+struct CsvBlock {
+  std::string bytes;
+};
+
+// Cuts a source of bytes into blocks of whole records, whatever stands in their quotes, and takes the line of names off
+// the front.
+class CsvCutter {
+public:
+  enum class Step { block, end, failure };
+  enum class Fault { none, read, not_text };
+  explicit CsvCutter(ByteSource& source) : source_(source) {}
+
+  // The first line that is not empty, without its end, as a block of its own; empty at the end of the file. Passes over
+  // a byte order mark and a line "sep=;", which sets separator().
+  Step header(CsvBlock& block);
+  Step next(CsvBlock& block,
+            char separator); // about block_size bytes, more when a record is longer
+
+  char separator() const { return separator_; } // 0: the file says none
+  Fault fault() const { return fault_; }
+  std::int64_t header_line() const { return header_line_; } // from 1
+  std::int64_t body_line() const { return body_line_; }     // where the first block begins
+
+  static constexpr std::size_t block_size = 1 << 22;
+
+private:
+  bool more();
+  std::size_t line_end(std::size_t from);
+  Step failed() const { return fault_ == Fault::none ? Step::end : Step::failure; }
+
+  ByteSource& source_;
+  std::string buffer_; // read, not yet given out
+  Fault fault_ = Fault::none;
+  char separator_ = 0;
+  std::size_t chunk_ = 1 << 16; // bytes of the next read
+  bool ended_ = false;
+  std::int64_t header_line_ = 1;
+  std::int64_t body_line_ = 1;
+};
+
+// Behind the last complete record of `bytes`, which begin with a record; 0 when there is none. A line end at the very
+// end counts as complete.
+std::size_t behind_last_record(std::string_view bytes, char separator);
+
+} // namespace torvale::host

@@ -1,0 +1,129 @@
+#include "integration/subjects/evaluation_parts.h"
+
+#include "evaluation/random_covariance.h"
+#include "matrix/cholesky.h"
+#include "matrix/packed.h"
+#include "modes/mode_search.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::integration {
+
+using model::BatchWork;
+using model::NX;
+using model::REFFECT;
+using model::TVLThreadCtx;
+
+namespace {
+
+// The scale of the points by z: the Cholesky factor of the inverse Hessian, or the identity (then L alone scales u).
+void set_spread(const NX& n, BatchWork& b, int slot)
+{
+  const int nr = n.leaf().nr, nrs = n.leaf().nrs;
+  double* const c = b.spread.data() + static_cast<long>(slot) * nrs;
+  if (!n.adscale) {
+    std::fill_n(c, nrs, 0.0);
+    for (int i = 0; i < nr; ++i) c[matrix::packed_diagonal(i)] = 1.0;
+    return;
+  }
+  const double* const from = b.covariance.data() + static_cast<long>(slot) * nrs;
+  if (nr == 1) {
+    c[0] = std::sqrt(from[0]);
+    return;
+  }
+  std::copy_n(from, nrs, c);
+  for (int i = 0; i < nr; ++i) {
+    const double own = std::abs(from[matrix::packed_diagonal(i)]);
+    matrix::zchol(i, c, own == 0.0 ? n.singchol : n.singchol * own);
+  }
+}
+
+void find_centres(const NX& n, BatchWork& b)
+{
+  for (int slot = 0; slot < b.slots; ++slot) {
+    if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
+    if (!n.adaptive) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.leaf().nr, n.leaf().nr, 0.0);
+    set_spread(n, b, slot);
+  }
+}
+
+// What the subjects of the batch know of effects to which G leaves no variance: the unit of those variances.
+void note_null_directions(const NX& n, BatchWork& b)
+{
+  const int nr = n.leaf().nr, nrs = n.leaf().nrs;
+  for (int slot = 0; slot < b.slots; ++slot) {
+    const auto s = static_cast<std::size_t>(slot);
+    if (b.failure[s] != 0 || !(b.total[s] > 0.0)) continue;
+    const double* const l = b.factor.data() + static_cast<long>(modes::prior_of(n, slot)) * nrs;
+    const double* const slope = b.slope_moments.data() + static_cast<long>(slot) * (nr + nr * nr);
+    const double* const curve = b.curve.data() + static_cast<long>(slot) * nrs;
+    for (int i = 0; i < nr; ++i) {
+      const long d = matrix::packed_diagonal(i);
+      if (l[d] != 0.0) continue;
+      const double mean_slope = slope[i] / b.total[s];
+      double& scale = b.null_scale[static_cast<std::size_t>(i)];
+      scale = std::max(scale, mean_slope * mean_slope + (n.adaptive ? std::abs(curve[d]) : 0.0));
+    }
+  }
+}
+
+// tvlgaus: a batch of subjects with one level of random effects (gaus Gauss). A nest is a slot.
+class AdaptiveQuadrature final : public Integrator {
+public:
+  void size_batch(const NX& n, TVLThreadCtx& ctx) const override;
+  int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override;
+  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override;
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
+  {
+    if (ctx.batch.factored.in_use)
+      close_factored(n, ctx, slot, gradient);
+    else
+      subject_gradient(n, ctx, slot, gradient);
+  }
+  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
+};
+
+void AdaptiveQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
+{
+  size_subject_work(n, ctx);
+  size_point_sums(n, ctx);
+  size_factored(n, ctx);
+}
+
+int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const
+{
+  const REFFECT& reff = n.leaf();
+  if (const int rc = evaluation::load_priors(n, ctx, reff.setup.places > reff.setup_value.places); rc > 2) return rc;
+  ctx.batch.constants = reff.nr * (0.5 * log2pi - std::log(n.qscale * root_two));
+  if (n.adaptive)
+    if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
+  find_centres(n, ctx.batch);
+  if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
+  if (gradient && n.adaptive)
+    if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
+  if (gradient) note_null_directions(n, ctx.batch);
+  return gradient && ctx.batch.factored.in_use ? factored_gradients(n, ctx) : 0;
+}
+
+// The factor C of the scale adds 1/2 log det H to the constants.
+int AdaptiveQuadrature::close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const
+{
+  const BatchWork& b = ctx.batch;
+  const auto s = static_cast<std::size_t>(slot);
+  if (b.failure[s] != 0) return b.failure[s];
+  const double total = b.total[s];
+  value = -(std::log(total) + b.peak[s]) + b.constants;
+  if (n.adscale) value += 0.5 * b.search[s].logdet;
+  return total > 0.0 ? 0 : zero_integral(n);
+}
+
+} // namespace
+
+const Integrator& adaptive_quadrature()
+{
+  static const AdaptiveQuadrature integrator;
+  return integrator;
+}
+
+} // namespace torvale::integration

@@ -1,0 +1,373 @@
+// First order: the mean is taken as linear in the random effects, around their mean or (LB) around their mode, and a
+// subject's data are then normal with the covariance R + Z G Z'.
+//
+// At the point of expansion a record has the log likelihood l, the residual e, the variance r and the slopes z of the
+// mean; l, c = sum z e / r and A = sum z z' / r over the records are all that is needed. d is the point less the mean m
+// of the effects. With
+//     c0 = c + A d,  M = (A + G^-1)^-1,  b = M c0,  t = b - d,  g = c - A t
+// the objective is
+//     v = -l + c'd + d'Ad/2 - c0'b/2 + log|I + GA|/2.
+// M = L B^-1 L' with B = I + L'AL, L L' = G: a G without inverse needs no other form. Derivatives: with W = A - A M A
+//     -v. = l. + t'c. - <M + t t', A.>/2 + <g g' - W, G.>/2 - g'd.
+// where l, c, A move directly and with the point. Around the mean the point is m and d = 0. Around the mode, with
+// V = (G^-1 - ll_uu)^-1 and everything at the mode,
+//     u. = w + V (ll_uu w + ll_u.),  w = m. + G. ll_u;  d. = u. - m.
+// Given the linear model the effects have the mean m + b and the covariance M; around the mean of the effects
+//     b. = M (c. - A. b) + (I - M A) G. g.
+// (Own derivation. The approximations: Beal and Sheiner, Estimating population kinetics, CRC Crit. Rev. Biomed. Eng. 8,
+// 1982; Lindstrom and Bates, Nonlinear mixed effects models for repeated measures data, Biometrics 46, 1990.)
+
+#include "evaluation/random_covariance.h"
+#include "evaluation/record_sums.h"
+#include "host/messages/names/statements.h"
+#include "integration/posterior/posterior_work.h"
+#include "integration/subjects/evaluation_parts.h"
+#include "modes/joint_density.h"
+#include "modes/mode_search.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::integration {
+
+using model::BatchWork;
+using model::NX;
+using model::REFFECT;
+using model::TVLThreadCtx;
+
+namespace {
+
+constexpr int packed(int i, int j)
+{
+  return i < j ? j * (j + 1) / 2 + i : i * (i + 1) / 2 + j;
+}
+
+// The linear model of one slot.
+template <int NR> class LinearModel {
+public:
+  static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
+  static constexpr int triangle = capacity * (capacity + 1) / 2;
+
+  LinearModel(const NX& n, const BatchWork& b, int slot)
+      : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slot_(slot), prior_(modes::prior_of(n, slot)),
+        sums_(b.point_sums.data() + b.column[static_cast<std::size_t>(slot)]), stride_(b.mode_stride)
+  {
+    factor_ = b.factor.data() + prior_ * nrs();
+    for (int i = 0; i < nr(); ++i) c_[i] = sum(n.programs.residual(i));
+    for (int k = 0; k < nrs(); ++k) a_[k] = sum(n.programs.information(k));
+    if (n.lb)
+      times_factor(b.z.data() + static_cast<long>(slot) * nr(), d_);
+    else
+      std::fill_n(d_, nr(), 0.0);
+    condition();
+  }
+
+  double value() const
+  {
+    double v = 0.5 * logdet_ - sum(0);
+    for (int i = 0; i < nr(); ++i) v += 0.5 * (d_[i] * (c_[i] + c0_[i]) - c0_[i] * offset_[i]);
+    return v;
+  }
+
+  void gradient(double* out) const
+  {
+    double point[capacity]; // adjoint of the point of expansion, through the sums
+    through_sums(out, point);
+    double mean[capacity],
+        covariance[triangle]; // adjoints of m and G, that of an element off the diagonal for both places
+    for (int i = 0; i < nr(); ++i) {
+      mean[i] = point[i];
+      for (int j = 0; j <= i; ++j)
+        covariance[packed(i, j)] = (i == j ? 0.5 : 1.0) * (pull_[i] * pull_[j] - remainder(i, j));
+    }
+    if (n_.lb) through_mode(out, point, mean, covariance);
+    const REFFECT& reff = n_.leaf();
+    const double* row = b_.arguments.data() + prior_ * reff.setup.places + reff.argument_derivative(0, 0, np_);
+    for (int a = 0; a < reff.nd; ++a, row += np_) {
+      const double bar = a < nr() ? mean[a] : covariance[a - nr()];
+      for (int j = 0; j < np_; ++j) out[j] -= bar * row[j];
+    }
+  }
+
+  // Mean and covariance of the effects given the data, and the derivatives of the mean, nr x np; around their mean
+  // only.
+  void effects(double* estimate, double* covariance, double* derivative) const
+  {
+    const double* const m = b_.mean.data() + prior_ * nr();
+    for (int i = 0; i < nr(); ++i) estimate[i] = m[i] + offset_[i];
+    std::copy_n(m_, nrs(), covariance);
+    const REFFECT& reff = n_.leaf();
+    const double* const arguments = b_.arguments.data() + prior_ * reff.setup.places;
+    for (int j = 0; j < np_; ++j) {
+      const auto argument = [&](int a) { return arguments[reff.argument_derivative(a, j, np_)]; };
+      double w[capacity], gg[capacity]; // c. - A. b, G. g
+      for (int i = 0; i < nr(); ++i) {
+        w[i] = moved(n_.programs.residual(i), j, argument);
+        gg[i] = 0.0;
+        for (int k = 0; k < nr(); ++k) {
+          w[i] -= moved(n_.programs.information(packed(i, k)), j, argument) * offset_[k];
+          gg[i] += argument(nr() + packed(i, k)) * pull_[k];
+        }
+      }
+      for (int i = 0; i < nr(); ++i)
+        for (int k = 0; k < nr(); ++k) w[i] -= a_[packed(i, k)] * gg[k]; // M (w - A G. g) + G. g
+      for (int i = 0; i < nr(); ++i) {
+        double t = argument(i) + gg[i];
+        for (int k = 0; k < nr(); ++k) t += m_[packed(i, k)] * w[k];
+        derivative[i * np_ + j] = t;
+      }
+    }
+  }
+
+private:
+  int nr() const { return NR > 0 ? NR : nr_; }
+  int nrs() const { return nr() * (nr() + 1) / 2; }
+  double sum(int place) const { return sums_[place * stride_]; }
+
+  void times_factor(const double* x, double* out) const
+  {
+    for (int i = 0; i < nr(); ++i) {
+      out[i] = 0.0;
+      for (int k = 0; k <= i; ++k) out[i] += factor_[packed(i, k)] * x[k];
+    }
+  }
+
+  // M, log|I + GA|, b, t and g.
+  void condition()
+  {
+    double al[capacity * capacity], root[triangle]; // A L; B, then its Cholesky factor
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        double t = 0.0;
+        for (int k = j; k < nr(); ++k) t += a_[packed(i, k)] * factor_[packed(k, j)];
+        al[i * nr() + j] = t;
+      }
+    logdet_ = 0.0;
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j) {
+        double t = i == j ? 1.0 : 0.0;
+        for (int k = i; k < nr(); ++k) t += factor_[packed(k, i)] * al[k * nr() + j];
+        for (int k = 0; k < j; ++k) t -= root[packed(i, k)] * root[packed(j, k)];
+        if (i == j) logdet_ += std::log(t);
+        root[packed(i, j)] = i == j ? std::sqrt(t) : t / root[packed(j, j)];
+      }
+    double y[capacity * capacity]; // root^-1 L', so that M = y'y
+    for (int j = 0; j < nr(); ++j)
+      for (int i = 0; i < nr(); ++i) {
+        double t = i <= j ? factor_[packed(j, i)] : 0.0;
+        for (int k = 0; k < i; ++k) t -= root[packed(i, k)] * y[k * nr() + j];
+        y[i * nr() + j] = t / root[packed(i, i)];
+      }
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j) {
+        double t = 0.0;
+        for (int k = 0; k < nr(); ++k) t += y[k * nr() + i] * y[k * nr() + j];
+        m_[packed(i, j)] = t;
+      }
+    product(a_, d_, c0_);
+    for (int i = 0; i < nr(); ++i) c0_[i] += c_[i];
+    product(m_, c0_, offset_);
+    for (int i = 0; i < nr(); ++i) shift_[i] = offset_[i] - d_[i];
+    product(a_, shift_, pull_);
+    for (int i = 0; i < nr(); ++i) pull_[i] = c_[i] - pull_[i];
+  }
+
+  void product(const double* matrix, const double* x, double* out) const
+  {
+    for (int i = 0; i < nr(); ++i) {
+      out[i] = 0.0;
+      for (int k = 0; k < nr(); ++k) out[i] += matrix[packed(i, k)] * x[k];
+    }
+  }
+
+  double remainder(int i, int j) const // (A - A M A)(i, j)
+  {
+    double t = a_[packed(i, j)];
+    for (int k = 0; k < nr(); ++k)
+      for (int l = 0; l < nr(); ++l) t -= a_[packed(i, k)] * m_[packed(k, l)] * a_[packed(l, j)];
+    return t;
+  }
+
+  // The adjoints of the sums times their derivatives: by the parameters (of v) and by the effects (of -v).
+  void through_sums(double* out, double* point) const
+  {
+    const auto& p = n_.programs;
+    double bar[1 + capacity + triangle];
+    bar[0] = 1.0;
+    for (int i = 0; i < nr(); ++i) {
+      bar[p.residual(i)] = shift_[i];
+      for (int j = 0; j <= i; ++j)
+        bar[p.information(packed(i, j))] = (i == j ? -0.5 : -1.0) * (m_[packed(i, j)] + shift_[i] * shift_[j]);
+    }
+    std::fill_n(out, np_, 0.0);
+    std::fill_n(point, nr(), 0.0);
+    for (int k = 0; k < p.linear_sums(); ++k) {
+      for (int j = 0; j < np_; ++j) out[j] -= bar[k] * sum(p.linear_by(k, j));
+      for (int i = 0; i < nr(); ++i) point[i] += bar[k] * sum(p.linear_by(k, np_ + i));
+    }
+  }
+
+  // What the mode adds: of its own adjoint a = point - g, through V.
+  void through_mode(double* out, const double* point, double* mean, double* covariance) const
+  {
+    const double* const slope = b_.slope.data() + static_cast<long>(slot_) * nr();
+    const double* const curve = b_.curve.data() + static_cast<long>(slot_) * nrs();
+    double a[capacity], la[capacity], h[capacity], va[capacity];
+    for (int i = 0; i < nr(); ++i) a[i] = point[i] - pull_[i];
+    for (int i = 0; i < nr(); ++i) {
+      la[i] = 0.0;
+      for (int k = i; k < nr(); ++k) la[i] += factor_[packed(k, i)] * a[k];
+    }
+    product(b_.covariance.data() + static_cast<long>(slot_) * nrs(), la, h);
+    times_factor(h, va);
+    double w[capacity]; // a + ll_uu V a
+    product(curve, va, w);
+    for (int i = 0; i < nr(); ++i) w[i] += a[i];
+    for (int i = 0; i < nr(); ++i) {
+      mean[i] = w[i] + pull_[i];
+      for (int j = 0; j <= i; ++j)
+        covariance[packed(i, j)] += i == j ? w[i] * slope[i] : w[i] * slope[j] + w[j] * slope[i];
+    }
+    const double* const cross = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot_)];
+    for (int k = 0; k < nr(); ++k)
+      for (int j = 0; j < np_; ++j) out[j] -= va[k] * cross[n_.programs.cross_place(k, j) * stride_];
+  }
+
+  // The derivative of a sum by parameter j, with the point of expansion at the mean.
+  double moved(int place, int j, auto&& argument) const
+  {
+    double t = sum(n_.programs.linear_by(place, j));
+    for (int i = 0; i < nr(); ++i) t += sum(n_.programs.linear_by(place, np_ + i)) * argument(i);
+    return t;
+  }
+
+  const NX& n_;
+  const BatchWork& b_;
+  const int nr_, np_, slot_;
+  const long prior_;
+  const double* const sums_;
+  const long stride_;
+  const double* factor_;
+  double c_[capacity], a_[triangle], d_[capacity], c0_[capacity];
+  double m_[triangle], offset_[capacity], shift_[capacity], pull_[capacity]; // M, b, t, g
+  double logdet_;
+};
+
+// Calls act with the linear model of a slot, unrolled for few effects.
+template <class Act> void with_model(const NX& n, const BatchWork& b, int slot, Act act)
+{
+  switch (n.leaf().nr) {
+  case 1:
+    return act(LinearModel<1>(n, b, slot));
+  case 2:
+    return act(LinearModel<2>(n, b, slot));
+  case 3:
+    return act(LinearModel<3>(n, b, slot));
+  default:
+    return act(LinearModel<0>(n, b, slot));
+  }
+}
+
+void place(const NX& n, BatchWork& b, int slot, int at)
+{
+  switch (n.leaf().nr) {
+  case 1:
+    return modes::place_point<1>(n, b, slot, at);
+  case 2:
+    return modes::place_point<2>(n, b, slot, at);
+  default:
+    return modes::place_point<0>(n, b, slot, at);
+  }
+}
+
+// The sums of the linear models of all good slots; returns how many these are, or minus the engine's code above 2.
+int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
+{
+  BatchWork& b = ctx.batch;
+  int active = 0;
+  for (int slot = 0; slot < b.slots; ++slot) {
+    if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
+    if (!n.lb) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.leaf().nr, n.leaf().nr, 0.0);
+    b.column[static_cast<std::size_t>(slot)] = active;
+    b.active[static_cast<std::size_t>(active)] = slot;
+    place(n, b, slot, active++);
+  }
+  if (active == 0) return 0;
+  ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
+  const model::ModelProgram& program = gradient ? n.programs.linear_gradient : n.programs.linear;
+  const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
+                                     {program.code, program.outputs, b.point_sums.data(), b.mode_stride});
+  return rc != 0 ? -rc : active;
+}
+
+// tvlfiro: a nest is a slot. (firo first order.)
+class FirstOrder final : public Integrator {
+public:
+  void size_batch(const NX& n, TVLThreadCtx& ctx) const override
+  {
+    size_subject_work(n, ctx);
+    const int places = std::max(n.programs.linear.places, n.programs.linear_gradient.places);
+    size(ctx.batch.point_sums, places * ctx.batch.mode_stride);
+  }
+
+  int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override
+  {
+    const REFFECT& reff = n.leaf();
+    if (const int rc = evaluation::load_priors(n, ctx, reff.setup.places > reff.setup_value.places); rc > 2) return rc;
+    if (n.lb)
+      if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
+    if (const int good = sum_linear_models(n, ctx, gradient); good <= 0) return -good;
+    return gradient && n.lb ? sum_curvature(n, ctx) : 0;
+  }
+
+  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override
+  {
+    const BatchWork& b = ctx.batch;
+    const auto s = static_cast<std::size_t>(slot);
+    if (b.failure[s] != 0) return b.failure[s];
+    if (!(b.point_sums[static_cast<std::size_t>(b.column[s])] > model::impossible_loglik)) return unusable;
+    with_model(n, b, slot, [&](const auto& m) { value = m.value(); });
+    return std::isfinite(value) ? 0 : unusable;
+  }
+
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
+  {
+    with_model(n, ctx.batch, slot, [&](const auto& m) { m.gradient(gradient); });
+  }
+
+  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
+
+private:
+  static constexpr int unusable = message::likelihood_not_usable::message_number;
+};
+
+} // namespace
+
+int linear_posteriors(const NX& n, TVLThreadCtx& ctx, Posterior& out)
+{
+  BatchWork& b = ctx.batch;
+  if (const int rc = evaluation::load_priors(n, ctx, true); rc > 2) return rc;
+  const int good = sum_linear_models(n, ctx, true);
+  if (good < 0) return -good;
+  const long nr = n.leaf().nr, nrs = n.leaf().nrs;
+  for (int a = 0; a < good; ++a) {
+    if (!(b.point_sums[static_cast<std::size_t>(a)] > model::impossible_loglik)) continue;
+    const int slot = b.active[static_cast<std::size_t>(a)];
+    const long subject = b.subject[static_cast<std::size_t>(slot)];
+    with_model(n, b, slot, [&](const auto& m) {
+      m.effects(out.estimate.data() + subject * nr, out.covariance.data() + subject * nrs,
+                out.derivative.data() + subject * nr * n.nparm);
+    });
+    keep_prior(n, b, slot, out);
+    out.known[static_cast<std::size_t>(subject)] = 1;
+  }
+  return 0;
+}
+
+const Integrator& first_order()
+{
+  static const FirstOrder integrator;
+  return integrator;
+}
+
+} // namespace torvale::integration

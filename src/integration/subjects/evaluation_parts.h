@@ -1,0 +1,94 @@
+#pragma once
+// The parts of one evaluation, each on one context. They write the context and the slots of their own subjects only.
+
+#include "evaluation/record_sums.h"
+#include "host/messages/names/methods.h"
+#include "integration/subjects/integrator.h"
+#include "model/run_record.h"
+
+#include <vector>
+
+namespace torvale::integration {
+
+inline constexpr double log2pi = 1.8378770664093456;
+inline constexpr double root_two = 1.4142135623730951;
+
+// The integrators.
+const Integrator& adaptive_quadrature(); // one level: all numbers of points, importance samples
+const Integrator& support_points();      // a discrete distribution: the sum over its points
+const Integrator& first_order();         // the mean linear in the effects
+const Integrator& trapezoid();           // one effect, on the whole line
+const Integrator& nest_quadrature();     // several levels
+
+// The message of a nest whose integral is zero.
+inline int zero_integral(const model::NX& n)
+{
+  return n.outer().sub_character ? message::integral_zero_text_subject::message_number
+                                 : message::integral_zero::message_number;
+}
+
+// Work arrays are sized with this.
+template <class T> void size(std::vector<T>& v, long count)
+{
+  v.assign(static_cast<std::size_t>(count), T{});
+}
+
+// size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
+void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
+// size_block: small matrices of one subject, of any level.
+void size_block(const model::NX& n, model::BlockWork& block);
+// size_point_sums: the sums over the points of a batch.
+void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
+
+// keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
+void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
+
+// Without random effects the observations are summed in blocks of this many, one slot each.
+inline constexpr long block_records = 1024;
+long observation_blocks(const model::NX& n);
+int sum_observations(model::NX& n, model::TVLThreadCtx& ctx, long block);
+
+// add_record_products: without random effects, the sum over observations of the outer products of their gradients, by
+// another run of the program. Returns 0; 1 when an observation has no gradient.
+int add_record_products(const model::NX& n, model::TVLThreadCtx& ctx, double* sum);
+
+// add_outer_product: sum += weight g g', packed.
+inline void add_outer_product(const double* g, int np, double weight, double* sum)
+{
+  for (int i = 0; i < np; ++i)
+    for (int j = 0; j <= i; ++j) *sum++ += weight * (g[i] * g[j]);
+}
+
+// sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of
+// the points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are
+// taken in chunks of its own, so its sums do not depend on the batch. Returns 0 or the engine's code above 2.
+int sum_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
+
+// --- factored derivatives (factored_gradient.cpp) ---
+
+inline constexpr long block_lanes = 65536; // of the coefficients of a block of subjects, unless one has more
+
+// size_factored: after size_point_sums; decides whether they are used.
+void size_factored(const model::NX& n, model::TVLThreadCtx& ctx);
+// kept_lanes: where a program leaves its coefficients, lane by lane.
+evaluation::LaneValues kept_lanes(model::BatchWork& b, int coefficients);
+// take_mode_coefficients: from the lanes of b.active at their modes to the records of the batch.
+void take_mode_coefficients(const model::NX& n, model::BatchWork& b);
+// factored_gradients: the gradients of all good slots, for close_factored; after sum_points and sum_curvature. Returns
+// 0 or the engine's code above 2.
+int factored_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
+void close_factored(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
+// add_shares: after sum_points, what share every point has in a slot's integral, times the subject's replicates, into
+// the point's element of `shares`. By a second pass; allocates. Returns as sum_points.
+int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
+
+// sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
+// sum_points.
+int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
+
+// subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).
+// Where derivatives are factored without what their products give; weights is then that slot's column, else null.
+void subject_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient,
+                      double* weights = nullptr);
+
+} // namespace torvale::integration

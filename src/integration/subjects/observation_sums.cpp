@@ -1,0 +1,139 @@
+// The likelihood without random effects: observations in fixed blocks, one slot each, so that the sum has one order
+// whatever the number of workers.
+
+#include "host/messages/names/statements.h"
+#include "integration/subjects/evaluation_parts.h"
+
+#include "evaluation/record_sums.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::integration {
+
+using model::BadCause;
+using model::NX;
+using model::TVLThreadCtx;
+
+namespace {
+
+constexpr int unusable = message::likelihood_not_usable::message_number;
+
+// Eight interleaved sums by place in the block, closed in a fixed order.
+struct InterleavedSum {
+  double part[8] = {};
+  void add(long first, const double* values, const double* weights, int count)
+  {
+    for (int j = 0; j < count; ++j) part[(first + j) % 8] += weights[j] * values[j];
+  }
+  double close() const
+  {
+    return ((part[0] + part[4]) + (part[2] + part[6])) + ((part[1] + part[5]) + (part[3] + part[7]));
+  }
+};
+
+// The lanes of one tile: their rows, and what each counts for.
+struct Lanes {
+  const std::int32_t* rows = nullptr;
+  int count = 0;
+  double weight[engine::max_lanes];
+  void weigh(const NX& n)
+  {
+    const auto& store = *n.store;
+    for (int j = 0; j < count; ++j) {
+      const auto row = static_cast<std::size_t>(rows[j]);
+      weight[j] = store.badobs[row] != BadCause::none ? 0.0 : store.replicate.empty() ? 1.0 : store.replicate[row];
+    }
+  }
+};
+
+} // namespace
+
+long observation_blocks(const NX& n)
+{
+  return (static_cast<long>(n.record_rows.size()) + block_records - 1) / block_records;
+}
+
+int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
+{
+  const bool gradient = n.dograd;
+  const engine::Program& program = gradient ? *n.programs.gradient.code : *n.programs.value.code;
+  const bool keeps = engine::sequential(program);
+  const int step = keeps ? 1 : engine::max_lanes;
+  const long first = block * block_records;
+  const long last = std::min<long>(first + block_records, static_cast<long>(n.record_rows.size()));
+  const double no_effects = 0.0;
+  const auto slot = static_cast<std::size_t>(block);
+  double* const grad = n.slot_grad.data() + block * n.grad_stride;
+  n.slot_status[slot] = 0;
+  n.slot_value[slot] = 0.0;
+  if (gradient) std::fill_n(grad, n.nparm, 0.0);
+
+  const std::int64_t first_row = n.record_rows[static_cast<std::size_t>(first)];
+  ctx.frame->set_range(first_row, n.record_rows[static_cast<std::size_t>(last - 1)] - first_row + 1);
+  ctx.frame->set_points(&no_effects, 1, 1);
+  if (keeps && block == 0) ctx.frame->reset_state(program, 1);
+  InterleavedSum value;
+  Lanes lanes;
+  for (long at = first; at < last; at += lanes.count) {
+    lanes.rows = n.record_rows.data() + at;
+    lanes.count = static_cast<int>(std::min<long>(step, last - at));
+    lanes.weigh(n);
+    const std::int32_t* const zeros = ctx.tile.point.data();
+    const int rc = evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr});
+    if (rc > 2) return rc;
+    const double* const ll = ctx.frame->output(0);
+    for (int j = 0; j < lanes.count; ++j) {
+      const auto row = static_cast<std::size_t>(lanes.rows[j]);
+      if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none)
+        continue;
+      n.slot_status[slot] = unusable;
+      n.slot_row[slot] = lanes.rows[j];
+      return 0;
+    }
+    if (keeps && lanes.weight[0] == 0.0 && n.store->badobs[static_cast<std::size_t>(lanes.rows[0])] != BadCause::none)
+      continue;
+    value.add(at - first, ll, lanes.weight, lanes.count);
+    if (!gradient) continue;
+    for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
+      InterleavedSum sum;
+      sum.add(at - first, ctx.frame->output(static_cast<int>(k)), lanes.weight, lanes.count);
+      grad[n.programs.gradient.outputs[k] - n.programs.by_parameter(0)] -= sum.close();
+    }
+  }
+  n.slot_value[slot] = -value.close();
+  return 0;
+}
+
+int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
+{
+  const engine::Program& program = *n.programs.gradient.code;
+  const bool keeps = engine::sequential(program);
+  const long last = static_cast<long>(n.record_rows.size());
+  const double no_effects = 0.0;
+  ctx.frame->set_range(0, static_cast<std::int64_t>(n.store->badobs.size()));
+  ctx.frame->set_points(&no_effects, 1, 1);
+  if (keeps) ctx.frame->reset_state(program, 1);
+  std::vector<double> gradient(static_cast<std::size_t>(n.nparm));
+  Lanes lanes;
+  for (long at = 0; at < last; at += lanes.count) {
+    lanes.rows = n.record_rows.data() + at;
+    lanes.count = static_cast<int>(std::min<long>(keeps ? 1 : engine::max_lanes, last - at));
+    lanes.weigh(n);
+    const std::int32_t* const zeros = ctx.tile.point.data();
+    if (evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr}) > 2) return 1;
+    for (int j = 0; j < lanes.count; ++j) {
+      if (lanes.weight[j] == 0.0) continue;
+      std::fill(gradient.begin(), gradient.end(), 0.0);
+      for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
+        const double g = ctx.frame->output(static_cast<int>(k))[j];
+        if (!std::isfinite(g)) return 1;
+        gradient[static_cast<std::size_t>(n.programs.gradient.outputs[k] - n.programs.by_parameter(0))] = g;
+      }
+      add_outer_product(gradient.data(), n.nparm, lanes.weight[j], sum);
+    }
+  }
+  return 0;
+}
+
+} // namespace torvale::integration

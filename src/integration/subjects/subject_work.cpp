@@ -1,0 +1,70 @@
+#include "integration/subjects/evaluation_parts.h"
+
+#include "evaluation/record_sums.h"
+#include "modes/mode_search.h"
+
+#include <algorithm>
+
+namespace torvale::integration {
+
+using model::BatchWork;
+using model::BlockWork;
+using model::NX;
+using model::REFFECT;
+
+void size_block(const NX& n, BlockWork& block)
+{
+  long nr = 0;
+  for (const REFFECT& reff : n.reff) nr = std::max<long>(nr, reff.nr);
+  const long nrs = nr * (nr + 1) / 2, bordered = (nr + 1) * (nr + 2) / 2;
+  size(block.gi, nrs);
+  size(block.gic, nrs);
+  size(block.singGr, nr);
+  size(block.hessumat, bordered);
+  size(block.hessumat0, bordered);
+  size(block.dfr, nr + 1);
+  size(block.work1, std::max(nrs, nr + 1));
+  size(block.work2, 5 * nr);
+  size(block.work3, nrs + 3 * nr);
+}
+
+void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
+{
+  const REFFECT& reff = n.leaf();
+  BatchWork& b = ctx.batch;
+  const long slots = static_cast<long>(b.subject.size()), nr = reff.nr, nrs = reff.nrs;
+  const long priors = reff.setup_varies ? slots : 1;
+  size_block(n, ctx.block);
+  b.mode_stride = (slots + 7) / 8 * 8;
+  b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
+  size(b.ran, nr * b.pair_stride);
+  size(b.search, slots);
+  size(b.mean, priors * nr);
+  size(b.factor, priors * nrs);
+  size(b.arguments, priors * reff.setup.places);
+  size(b.outputs, reff.setup.places);
+  size(b.null_scale, nr);
+  for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
+  for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
+  size(b.mode_sums, n.programs.mode.places * b.mode_stride);
+  size(b.curvature_sums, n.programs.curvature.places * b.mode_stride);
+}
+
+void keep_trial_mode(NX& n, const model::TVLThreadCtx& ctx, int slot)
+{
+  const BatchWork& b = ctx.batch;
+  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
+  const int nr = n.leaf().nr;
+  const long p = modes::prior_of(n, slot);
+  const double* l = b.factor.data() + p * n.leaf().nrs;
+  const double* const z = b.z.data() + static_cast<long>(slot) * nr;
+  double* const u = n.ebtrial.data() + subject * static_cast<std::size_t>(nr);
+  for (int i = 0; i < nr; ++i) {
+    u[i] = b.mean[static_cast<std::size_t>(p * nr + i)];
+    for (int k = 0; k <= i; ++k) u[i] += l[k] * z[k];
+    l += i + 1;
+  }
+  n.ebtrial_known[subject] = 1;
+}
+
+} // namespace torvale::integration
