@@ -137,10 +137,16 @@ void Panel::band(std::span<const double> x, std::span<const double> low, std::sp
 
 void Panel::bars(std::span<const double> edges, std::span<const double> heights)
 {
-  for (std::size_t k = 0; k < heights.size(); ++k) {
-    const double left = x_.place(edges[k]), right = x_.place(edges[k + 1]);
-    const double top = y_.place(std::clamp(heights[k], y_.data().low, y_.data().high));
-    if (heights[k] > 0) canvas_.rectangle(left, top, right - left, y_.place(std::max(0.0, y_.data().low)) - top, "bar");
+  const std::vector<double> zero(heights.size(), 0.0);
+  bars(edges, zero, heights);
+}
+
+void Panel::bars(std::span<const double> edges, std::span<const double> low, std::span<const double> high)
+{
+  const auto inside = [&](double y) { return std::clamp(y, y_.data().low, y_.data().high); };
+  for (std::size_t k = 0; k < high.size(); ++k) {
+    const double left = x_.place(edges[k]), right = x_.place(edges[k + 1]), top = y_.place(inside(high[k]));
+    if (high[k] > low[k]) canvas_.rectangle(left, top, right - left, y_.place(inside(low[k])) - top, "bar");
   }
 }
 

@@ -37,6 +37,8 @@ public:
   void curve(std::span<const double> x, std::span<const double> y, std::string_view css);
   void band(std::span<const double> x, std::span<const double> low, std::span<const double> high);
   void bars(std::span<const double> edges, std::span<const double> heights); // one edge more than heights; from 0
+  // The same between two heights each.
+  void bars(std::span<const double> edges, std::span<const double> low, std::span<const double> high);
   void vertical(double x, std::string_view css = "reference");               // a line over the whole height
   void horizontal(double y, std::string_view css = "reference");             // and over the whole width
   void diagonal();                                                           // y = x

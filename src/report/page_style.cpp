@@ -33,7 +33,7 @@ nav li{margin:.18rem 0;overflow:hidden;text-overflow:ellipsis}
 .verdict dt{color:var(--soft)}.verdict dd{margin:0;overflow-wrap:anywhere}
 .side{display:flex;flex-wrap:wrap;gap:0 2.5rem}.side>div{min-width:0;max-width:100%}
 .wide{overflow-x:auto;margin:.9rem 0 1.5rem}figure .wide{margin:0}
-table{border-collapse:collapse;font-size:.9rem}
+table{border-collapse:separate;border-spacing:0;font-size:.9rem}
 caption{text-align:left;font-weight:600;padding:0 0 .35rem;white-space:nowrap}
 th,td{padding:.24rem .7rem;text-align:right;vertical-align:baseline;font-variant-numeric:tabular-nums;white-space:nowrap}
 th{font-weight:500;color:var(--soft);border-bottom:1px solid var(--soft);vertical-align:bottom;white-space:normal;min-width:4rem}

@@ -40,7 +40,10 @@ int log_diagnostics(NX& n)
                        : d.severity == engine::Diagnostic::Severity::warning ? host::Severity::warning
                                                                              : host::Severity::error;
     message.text = d.text;
-    if (d.where.line > 0) message.text += " (" + n.sources->describe(d.where) + ")";
+    // The place stands below warnings and errors; a note has it in its words, as a statement not of the user's has.
+    if (d.where.line > 0 &&
+        (message.severity == host::Severity::note || n.sources->source(d.where.source).generated))
+      message.text += " (" + n.sources->describe(d.where) + ")";
     const auto place = n.sources->place({}, d.where);
     message.file = place.program;
     message.line = place.line;
