@@ -270,7 +270,8 @@ private:
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
       // A seed from the clock changes nothing in a run that draws no numbers, and would change its results' bytes.
-      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed)) host_.step().seed = n.seed;
+      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed) || draws_numbers(n))
+        host_.step().seed = n.seed;
       if (request_.observe) request_.observe(n);
       return outcome;
     }

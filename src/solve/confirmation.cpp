@@ -4,6 +4,7 @@
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"
+#include "solve/fresh_start.h"
 #include "solve/solve_step.h"
 #include "syntax/statement_names.h"
 
@@ -258,7 +259,11 @@ int FitEnd::run()
   const double maxi = str.maxi, maxf = str.maxf;
   extend_default_limits(n_);
   settle(code);
-  if (doubtful(code) && start_again()) settle(code);
+  for (const bool by_turns : {false, true}) {
+    if (!doubtful(code)) break;
+    extend_default_limits(n_);
+    if (!stopped() && start_again(by_turns)) settle(code);
+  }
   code = finish(code);
   str.maxi = maxi;
   str.maxf = maxf;
@@ -288,26 +293,16 @@ bool FitEnd::stopped() const
 
 bool FitEnd::doubtful(int code) const
 {
-  return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && !stopped();
+  return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && n_.str->stop == 0 &&
+         !n_.host->interrupted();
 }
 
-// A first step that was too long may have left the region that has the minimum: once more from the starting values, the
-// steps measured by the parameters themselves, half of them at first. True when that leads to a better point.
-bool FitEnd::start_again()
+// True when a run from the starting values leads to a better point.
+bool FitEnd::start_again(bool by_turns)
 {
-  FitCoordinates c(n_, start_.data());
-  for (int i = 0; i < n_.nparm; ++i) {
-    const double size = c.own_size(i);
-    const auto k = static_cast<std::size_t>(i);
-    c.set_scale(i, size > 0.0 ? size : k < scales_.size() ? scales_[k] : 1.0);
-  }
-  FitSurface surface(n_, c);
-  const std::vector<double> origin(start_.size(), 0.0);
-  double f_start = 0.0, f = 0.0;
+  double f = 0.0;
   std::vector<double> x;
-  if (!surface.value(origin.data(), f_start) || !continue_fit(surface, origin, f_start, x, f, nullptr, 0.5))
-    return false;
-  if (2.0 * (f_ - f) < gain_allowed) return false;
+  if (!fresh_start(n_, start_, scales_, by_turns, x, f) || 2.0 * (f_ - f) < gain_allowed) return false;
   coordinates_.reset();
   move_to(x);
   return true;

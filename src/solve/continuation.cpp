@@ -111,8 +111,9 @@ int termination(MINSTR* str, int job)
   return creeps ? optimizer::code_fconv : 0;
 }
 
-// Directions that are not coordinates have no bounds.
-void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<double>& start)
+// Directions that are not coordinates have no bounds; along flat ones there is nothing to gain but rounding.
+void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<double>& start,
+                 const Curvature* directions)
 {
   const FitCoordinates& c = surface.coordinates();
   for (int i = 0; i < c.size(); ++i) {
@@ -121,6 +122,11 @@ void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<do
     region.ub[i] = c.fixed(i) ? 0.0 : upper < largest ? upper - at : upper;
     region.x[i] = 0.0;
   }
+  for (int k = 0; directions != nullptr && k < directions->size(); ++k)
+    if (directions->flat[static_cast<std::size_t>(k)] != 0) {
+      const int i = directions->free[static_cast<std::size_t>(k)];
+      region.lb[i] = region.ub[i] = 0.0;
+    }
   region.bounds = 1;
   region.usfct = objective;
   region.usgrd = surface.analytic() ? gradient : nullptr;
@@ -157,7 +163,7 @@ bool continue_fit(FitSurface& surface, const std::vector<double>& start, double 
   region.maxf = n.str->maxf;
   region.upti = n.str->upti;
   if (optimizer::tvlopta(&region) != 0) return false;
-  set_problem(region, surface, start);
+  set_problem(region, surface, start, run.directions);
   if (optimizer::tvloptc(&region) != 0) return false;
   int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
   if (radius > 0.0) {

@@ -10,6 +10,7 @@ void Curvature::unturned()
 {
   const int m = size();
   basis.assign(hessian.size(), 0.0);
+  flat.assign(free.size(), 0);
   own.resize(free.size());
   for (int k = 0; k < m; ++k) {
     direction(k, k) = 1.0;
@@ -55,14 +56,14 @@ void without_quartic(FitSurface& surface, int i, const std::vector<double>& d, d
   for (std::size_t j = 0; j < column.size(); ++j) column[j] = (4.0 * column[j] - wide[j]) / 3.0;
 }
 
-// Finds the scale of coordinate i: its interval is right when the curvature over it is that of gradient_step standard
+// Finds the scale of coordinate i: its interval is right when the curvature over it is that of `step` standard
 // errors, or when a longer one fails. column receives the derivative by the coordinate in its final scale.
-bool measure_coordinate(FitSurface& surface, int i, const double* g0, std::vector<double>& column)
+bool measure_coordinate(FitSurface& surface, int i, double step, const double* g0, std::vector<double>& column)
 {
   constexpr int most_trials = 12;
   std::vector<double> d(static_cast<std::size_t>(surface.coordinates().size()), 0.0);
   d[static_cast<std::size_t>(i)] = 1.0;
-  double h = gradient_step, fails = std::numeric_limits<double>::infinity();
+  double h = step, fails = std::numeric_limits<double>::infinity();
   for (int trial = 0; trial < most_trials; ++trial) {
     if (!gradient_along(surface, d, h, g0, column)) {
       fails = h;
@@ -70,7 +71,7 @@ bool measure_coordinate(FitSurface& surface, int i, const double* g0, std::vecto
       continue;
     }
     const double curvature = std::abs(column[static_cast<std::size_t>(i)]);
-    const double ratio = std::sqrt(curvature) * h / gradient_step; // 1 when right
+    const double ratio = std::sqrt(curvature) * h / step; // 1 when right
     if (ratio > 0.1 && ratio < 10.0) {
       without_quartic(surface, i, d, h, g0, column);
       return true;
@@ -107,7 +108,7 @@ bool measure_by_gradients(FitSurface& surface, const double* g, Curvature& out)
   const auto m = out.free.size();
   std::vector<double> column;
   for (std::size_t k = 0; k < m; ++k) {
-    if (!measure_coordinate(surface, out.free[k], g, column)) return false;
+    if (!measure_coordinate(surface, out.free[k], out.step, g, column)) return false;
     for (std::size_t l = 0; l < m; ++l) out.hessian[k * m + l] = column[static_cast<std::size_t>(out.free[l])];
   }
   out.accuracy = 1e-10;
@@ -191,6 +192,26 @@ bool measure_by_values(FitSurface& surface, double f, Curvature& out)
   return true;
 }
 
+// Half the second differences of the objective over steps so short that curvature has no part in them.
+double noise_of(FitSurface& surface, const std::vector<int>& free, double f)
+{
+  constexpr double near = 1e-6;
+  constexpr std::size_t most = 3; // coordinates looked at
+  double noise = 0.0;
+  std::vector<double> t(static_cast<std::size_t>(surface.coordinates().size()), 0.0);
+  for (std::size_t k = 0; k < std::min(most, free.size()); ++k) {
+    double& ti = t[static_cast<std::size_t>(free[k])];
+    double up = 0.0, down = 0.0;
+    ti = near;
+    bool good = surface.value(t.data(), up);
+    ti = -near;
+    good = good && surface.value(t.data(), down);
+    ti = 0.0;
+    if (good) noise = std::max(noise, 0.5 * std::abs((up - f) + (down - f)));
+  }
+  return noise;
+}
+
 } // namespace
 
 bool measure(FitSurface& surface, const std::vector<int>& free, double f, std::vector<double>& g, Curvature& out)
@@ -199,8 +220,18 @@ bool measure(FitSurface& surface, const std::vector<int>& free, double f, std::v
   const FitCoordinates before = c;
   out.free = free;
   out.hessian.assign(free.size() * free.size(), 0.0);
+  out.step = gradient_step;
   if (!(surface.analytic() ? measure_by_gradients(surface, g.data(), out) : measure_by_values(surface, f, out)))
     return false;
+  // What rounding adds to gradients drowns their differences over a short step.
+  constexpr double noticeable = 1e-8, longest = 0.5;
+  out.noise = noise_of(surface, free, f);
+  if (surface.analytic() && out.noise > noticeable) {
+    std::vector<double> by_scale(g);
+    for (int i = 0; i < c.size(); ++i) by_scale[static_cast<std::size_t>(i)] *= c.scale(i) / before.scale(i);
+    out.step = std::min(std::cbrt(out.noise), longest);
+    if (!measure_by_gradients(surface, by_scale.data(), out)) return false;
+  }
   for (int i = 0; i < c.size(); ++i) g[static_cast<std::size_t>(i)] *= c.scale(i) / before.scale(i);
   out.unturned();
   resolve_flat_directions(surface, f, g, out);

@@ -16,7 +16,10 @@ struct Curvature {
   std::vector<double> hessian; // m x m by the directions, symmetric, unit diagonal where there is curvature
   std::vector<double> own;     // curvature along each free coordinate: 1, -1, or about 0
   double accuracy = 0.0;       // of an element at unit diagonal, from what two estimates of it differ by
+  double noise = 0.0;          // of the objective, from evaluations so near that nothing else can tell them apart
+  double step = 0.0;           // of differences of gradients, in standard errors
   bool turned = false;         // the directions are not the coordinates
+  std::vector<char> flat;      // directions that are flat as far as evaluations can tell; by turning alone
 
   int size() const { return static_cast<int>(free.size()); }
   double at(int i, int j) const { return hessian[static_cast<std::size_t>(i * size() + j)]; }
@@ -27,13 +30,13 @@ struct Curvature {
   void unturned();
 };
 
-// measure: central differences of gradients over a thousandth of a standard error, or second differences of values
-// over a twentieth of one where there are no analytic gradients; sets the scales of the coordinates
-// so that the diagonal is 1 where there is curvature, and g with them. f and g belong to t = 0. False when the model
-// cannot be evaluated close by.
+// measure: central differences of gradients over a thousandth of a standard error (more where the objective is noisy),
+// or second differences of values over a twentieth of one where there are no analytic gradients; sets the scales of the
+// coordinates so that the diagonal is 1 where there is curvature, and g with them. f and g belong to t = 0. False when
+// the model cannot be evaluated close by.
 bool measure(FitSurface& surface, const std::vector<int>& free, double f, std::vector<double>& g, Curvature& out);
 
-// Steps of the differences, in standard errors.
+// Steps of the differences, in standard errors; that of gradients unless there is noise.
 inline constexpr double gradient_step = 1e-3;
 inline constexpr double value_step = 0.05;
 
@@ -43,7 +46,7 @@ bool gradient_along(FitSurface& surface, const std::vector<double>& d, double h,
                     std::vector<double>& column);
 
 // resolve_flat_directions: turns the plain coordinates to directions of which none is slight beside the others, or that
-// are flat as far as evaluations can tell (a row and column of zeros).
+// are flat (a row and column of zeros).
 void resolve_flat_directions(FitSurface& surface, double f, const std::vector<double>& g, Curvature& out);
 
 } // namespace torvale::solve

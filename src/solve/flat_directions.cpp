@@ -29,7 +29,7 @@ public:
     for (int pass = 0; pass < most_passes && turn(); ++pass) {
       out_.turned = true;
       for (const int k : slight_) measure(k);
-      std::erase_if(turning_, [&](int k) { return contains(slight_, k) && contains(flat_, k); });
+      std::erase_if(turning_, [&](int k) { return flat(k); });
       assemble();
     }
   }
@@ -39,6 +39,8 @@ private:
   {
     return std::find(list.begin(), list.end(), k) != list.end();
   }
+
+  bool flat(int k) const { return out_.flat[static_cast<std::size_t>(k)] != 0; }
 
   // Turns the directions to the eigenvectors of their part of the Hessian; slight_: those with small eigenvalues.
   bool turn()
@@ -106,7 +108,7 @@ private:
     double curvature = 0.0;
     const bool sound = surface_.analytic() ? by_gradients(k, curvature) : by_values(k, curvature);
     if (!sound) {
-      flat_.push_back(k);
+      out_.flat[static_cast<std::size_t>(k)] = 1;
       for (int i = 0; i < out_.size(); ++i) out_.at(i, k) = out_.at(k, i) = 0.0;
       return;
     }
@@ -150,7 +152,7 @@ private:
     const auto d = vector(k);
     auto& column = columns_[static_cast<std::size_t>(k)];
     return find_interval(
-        k, gradient_step,
+        k, out_.step,
         [&](double h, double& value) {
           if (!gradient_along(surface_, d, h, g_.data(), column)) return false;
           value = dot(column, d);
@@ -200,10 +202,10 @@ private:
     const int m = out_.size();
     std::vector<double> row(static_cast<std::size_t>(m));
     for (const int k : slight_) {
-      if (contains(flat_, k)) continue;
+      if (flat(k)) continue;
       const auto d = vector(k);
       for (int l = 0; l < m; ++l) {
-        if (l == k || contains(flat_, l)) continue;
+        if (l == k || flat(l)) continue;
         const bool both = contains(slight_, l);
         if (both && l > k) continue;
         double value = 0.0;
@@ -230,9 +232,8 @@ private:
   double f_;
   const std::vector<double>& g_;
   Curvature& out_;
-  std::vector<int> turning_; // plain coordinates, but those found flat
-  std::vector<int> slight_;  // of this pass
-  std::vector<int> flat_;
+  std::vector<int> turning_;                 // plain coordinates, but those found flat
+  std::vector<int> slight_;                  // of this pass
   std::vector<std::vector<double>> columns_; // derivatives of the gradient along unit vectors
 };
 

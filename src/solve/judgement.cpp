@@ -27,9 +27,10 @@ public:
 
   void run()
   {
-    out_.allowed = std::max(gain_allowed, 10.0 * noise(2.0 * f_));
+    out_.allowed = std::max({gain_allowed, 10.0 * noise(2.0 * f_), 20.0 * out_.curvature.noise});
     if (!decompose()) return;
     out_.measured = true;
+    if (drowned()) return;
     sort_eigenvalues();
     reduction();
     if (out_.indefinite || out_.gain > out_.allowed) return; // no minimum; the rest would only cost
@@ -61,6 +62,19 @@ private:
     matrix::ztred2(m(), out_.directions.data(), out_.eigenvalues.data(), off.data());
     if (matrix::ztql2(m(), out_.directions.data(), out_.eigenvalues.data(), off.data(), 1) != 0) return false;
     if (out_.curvature.turned) by_coordinates();
+    return true;
+  }
+
+  // Where rounding changes -2 log L by a standard error's worth there is nothing to judge. A normal response that is
+  // fitted exactly comes to this: its variance falls as far as rounding lets it.
+  bool drowned()
+  {
+    constexpr double most = 0.5;
+    if (!(2.0 * out_.curvature.noise > most)) return false;
+    if (const int scale = surface_.coordinates().logarithm(); scale >= 0)
+      note_separated(scale);
+    else
+      out_.measured = false;
     return true;
   }
 

@@ -211,6 +211,7 @@ void random_statements(NX& n, const STMT& procedure)
   }
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
+  note_idle_points(n, procedure);
   STMT* prediction = nullptr;
   if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
     n.outr = &out[0];
