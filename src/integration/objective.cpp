@@ -99,9 +99,11 @@ void prepare(NX& n)
   forget_evaluation(n);
 }
 
-// The last evaluation was at this point, and has what is wanted: it stands, with its slots and modes.
+// The last evaluation was at this point, and has what is wanted: it stands, with its slots and modes. Where modes stand still
+// to a tolerance only (EBITER$), another one brings them nearer.
 bool evaluated(NX& n)
 {
+  if (n.ebiter) return false;
   if (n.evaluated < (n.dograd ? Evaluated::gradient : Evaluated::value) || n.ebtrial_point != n.parm) return false;
   n.objfun = n.evaluated_objfun;
   if (n.dograd) n.objgrad = n.goodgrad;
