@@ -3,7 +3,7 @@
 // time that PREDICT adds to the run, reading and writing of the data included in it as far as PREDICT causes them, over
 // the time of the run without it. Processor time of all threads; the run has one.
 
-#include "torvale/torvale.h"
+#include "run/session.h"
 
 #include <benchmark/benchmark.h>
 
