@@ -14,6 +14,7 @@
 namespace torvale::solve {
 
 using model::FitOutcome;
+using model::ModelLists;
 using model::NX;
 using optimizer::MINSTR;
 using syntax::torvale_slot;
@@ -45,7 +46,7 @@ bool stuck(int code)
 }
 
 // The options of the criteria with the codes 1 to 9, and of their counts.
-bool given_by_user(const NX& n, int code)
+bool given_by_user(const ModelLists& n, int code)
 {
   using enum syntax::torvale_slot;
   constexpr syntax::torvale_slot options[] = {absconv, absfconv, absgconv, absxconv, fconv,
@@ -55,7 +56,7 @@ bool given_by_user(const NX& n, int code)
 }
 
 // A limit that the user did not give is the technique's own; what goes on from there has one of its own.
-bool default_limit(const NX& n, int code)
+bool default_limit(const ModelLists& n, int code)
 {
   const auto& procedure = n.proc->statements.front();
   return code == optimizer::code_limit && !procedure.given(torvale_slot::maxiter) &&
