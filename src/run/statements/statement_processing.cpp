@@ -275,27 +275,33 @@ void warn_unused_parameters(NX& n)
   }
 }
 
+void list_derivatives(NX& n)
+{
+  const auto show = [&](const std::string& title, std::initializer_list<const engine::CMPDER*> requests) {
+    std::string text;
+    for (const auto* der : requests) text += engine::cmppder(*n.gcmp, *der);
+    if (!text.empty()) n.host->list_program(title, std::move(text));
+  };
+  if (n.nreff() == 0) show("Derivatives of the Log Likelihood", {&n.gradstr});
+  for (const auto& r : n.reff) {
+    const std::string level = n.nreff() > 1 ? ", " + r.subname : "";
+    show("Derivatives of the Log Likelihood" + level, {&r.gradstr});
+    show("Second Derivatives of the Log Likelihood" + level, {&r.hessustr});
+    show("Third Derivatives of the Log Likelihood" + level, {&r.triustr});
+    show("Derivatives of the Random-Effects Distribution" + level, {&r.gradrstr});
+  }
+  for (const auto& e : n.estimates) show("Derivatives of ESTIMATE '" + e.label + "'", {&e.der});
+  for (const auto& c : n.contrasts) show("Derivatives of CONTRAST '" + c.label + "'", {&c.der});
+  for (const auto& p : n.predictions) show("Derivatives of PREDICT " + p.value->name, {&p.der});
+}
+
 void listings(NX& n)
 {
-  const auto show = [&](const std::string& text) {
-    std::size_t from = 0;
-    while (from < text.size()) {
-      const std::size_t end = std::min(text.find('\n', from), text.size());
-      n.host->xpsout(std::string_view(text).substr(from, end - from));
-      from = end + 1;
-    }
-  };
-  if (n.list) show(engine::cmppprg(*n.gcmp));
-  if (n.xref) show(engine::cmpxref(*n.gcmp));
-  if (n.listcode) {
-    show("Code Listing");
-    show(engine::cmppsts(*n.gcmp));
-  }
-  if (n.listdep) show(engine::cmppdep(*n.gcmp));
-  if (!n.listder) return;
-  if (n.nreff() == 0) show(engine::cmppder(*n.gcmp, n.gradstr));
-  for (const auto& r : n.reff)
-    for (const auto* der : {&r.gradstr, &r.gradrstr, &r.hessustr, &r.triustr}) show(engine::cmppder(*n.gcmp, *der));
+  if (n.list) n.host->list_program("Program Statements", engine::cmppprg(*n.gcmp));
+  if (n.xref) n.host->list_program("Cross-Reference", engine::cmpxref(*n.gcmp));
+  if (n.listcode) n.host->list_program("Code Listing", engine::cmppsts(*n.gcmp));
+  if (n.listdep) n.host->list_program("Dependencies", engine::cmppdep(*n.gcmp));
+  if (n.listder) list_derivatives(n);
 }
 
 void end_on_errors(NX& n, int return_code)
