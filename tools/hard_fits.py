@@ -5,7 +5,8 @@
 
 Each case is a data set, a model and a start of one of the classes below. The binary fits it with one of the techniques.
 When it claims success (exit code 0), the fit is started again from its own estimates, moved by up to a standard error,
-with other techniques: a point that is better by 1e-3 in -2 log L is a wrong success. When it does not (5 or 7), other
+with other techniques: a point that is better by 1e-3 in -2 log L (and by more than the
+verdict says that more quadrature points would change) is a wrong success. When it does not (5 or 7), other
 starts and techniques look for an optimum that can be confirmed: if there is one, the failure was needless.
 With --units, each case is fitted again with its response, a covariate or its effects in units of 1e-3 and 1e3, and, without
 strict bounds, of 1e-6 and 1e6: no exit code may change.
@@ -56,13 +57,14 @@ class Case:
 
 
 class Fit:
-    def __init__(self, code, m2ll=None, estimates=None, errors=None, messages=(), points=None):
+    def __init__(self, code, m2ll=None, estimates=None, errors=None, messages=(), points=None, integral=0.0):
         self.code, self.m2ll, self.messages, self.points = code, m2ll, messages, points
+        self.integral = integral    # what more quadrature points change, as the verdict says
         self.estimates, self.errors = estimates or {}, errors or {}
 
 
 def table(group, name):
-    for t in group['tables']:
+    for t in reversed(group['tables']):    # the last one counts
         if t['name'] == name:
             return [dict(zip([c['name'] for c in t['columns']], row)) for row in t['rows']]
     return []
@@ -88,11 +90,10 @@ def run(binary, folder, program):
     if m2ll is None and table(group, 'FitStatistics'):
         m2ll = table(group, 'FitStatistics')[0]['Value']
     points = [r['Value'] for r in table(group, 'Dimensions') if 'Quadrature' in r['Descr']]
-    for m in step['messages']:  # chosen again at the estimates
-        if m['number'] == 9414:
-            points = [int(re.search(r'needs (\d+)', m['text'].replace('\n', ' ')).group(1))]
+    told = [re.search(r'by (-?[\d.e+-]+[\de])', r['Finding']) for r in table(group, 'FitVerdict') if r['Item'] == 'Quadrature']
+    integral = abs(float(told[0].group(1))) if told and told[0] else 0.0
     return Fit(done.returncode, m2ll, estimates, errors, ['%d/%d' % (m['group'], m['number']) for m in step['messages']],
-               points[-1] if points else None)
+               points[-1] if points else None, integral)
 
 
 # ---- The classes ----------------------------------------------------------------------------------------------------
@@ -314,7 +315,8 @@ def better_point(binary, folder, case, fit, r):
         again = run(binary, folder, case.program(start, technique, fit.points))  # the same integral
         if again.m2ll is not None and again.m2ll < best:
             best = again.m2ll
-    return best if best < fit.m2ll - 1e-3 else None
+    # Where more points change the integral, the one that was computed has ripples of that size.
+    return best if best < fit.m2ll - max(1e-3, fit.integral) else None
 
 
 def confirmed_elsewhere(binary, folder, case, r):

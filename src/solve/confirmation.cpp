@@ -1,12 +1,13 @@
 #include "solve/confirmation.h"
 
 #include "host/messages/names/fit.h"
+#include "host/messages/names/optimizer.h"
 #include "integration/objective.h"
+#include "optimizer/messages/messages.h"
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"
+#include "solve/fit_codes.h"
 #include "solve/fresh_start.h"
-#include "solve/solve_step.h"
-#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -15,68 +16,14 @@
 namespace torvale::solve {
 
 using model::FitOutcome;
-using model::ModelLists;
 using model::NX;
 using optimizer::MINSTR;
-using syntax::torvale_slot;
 
 namespace {
 
 constexpr double most_lengths = 100.0; // of a parameter in its unit
 constexpr int most_restarts = 4;       // of the technique
 constexpr int most_rounds = 12;        // of the trust region
-constexpr int more_iterations = 200;   // that a fit may take after its technique, where the limits are the defaults
-
-// Techniques that carry an approximation of the Hessian; the others use the true one, or none at all.
-bool approximates_hessian(int tech)
-{
-  return tech == optimizer::QUANEW || tech == optimizer::DUQUAN || tech == optimizer::DBLDOG ||
-         tech == optimizer::CONGRA;
-}
-
-bool met_criterion(int code)
-{
-  return (code > 0 && code < optimizer::code_all_fixed) || code > optimizer::code_pass_count;
-}
-
-// Failures of a technique that leave a point to go on from.
-bool stuck(int code)
-{
-  return code == optimizer::code_no_progress || code == optimizer::code_objective || code == optimizer::code_gradient ||
-         code == optimizer::code_newton_search || code == optimizer::code_hessian;
-}
-
-// The options of the criteria with the codes 1 to 9, and of their counts.
-bool given_by_user(const ModelLists& n, int code)
-{
-  using enum syntax::torvale_slot;
-  constexpr syntax::torvale_slot options[] = {absconv, absfconv, absgconv, absxconv, fconv,
-                                              gconv,   xconv,    fconv2,   gconv2};
-  const int criterion = code > 100 ? code - 100 : code;
-  return met_criterion(code) && criterion <= 9 && n.proc->statements.front().given(options[criterion - 1]);
-}
-
-// A limit that the user did not give is the technique's own; what goes on from there has one of its own.
-bool default_limit(const ModelLists& n, int code)
-{
-  const auto& procedure = n.proc->statements.front();
-  return code == optimizer::code_limit && !procedure.given(torvale_slot::maxiter) &&
-         !procedure.given(torvale_slot::maxfunc);
-}
-
-void extend_default_limits(NX& n)
-{
-  const auto& procedure = n.proc->statements.front();
-  MINSTR& str = *n.str;
-  if (!procedure.given(torvale_slot::maxiter)) str.maxi += more_iterations;
-  const double calls = n.nparm + 4.0; // of an iteration with its Hessian
-  if (!procedure.given(torvale_slot::maxfunc)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
-}
-
-bool limits_reached(const MINSTR& str)
-{
-  return str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf || str.mtim >= str.upti;
-}
 
 } // namespace
 
@@ -210,7 +157,7 @@ void FitEnd::set_scales()
   MINSTR& str = *n_.str;
   std::vector<double> products;
   str.scale = nullptr;
-  if (str.fidi != 0 || n_.noopt || integration::outer_products(n_, products) != 0) return;
+  if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
   scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
   for (std::size_t i = 0; i < scales_.size(); ++i) {
     const double d = products[i * (i + 3) / 2];
@@ -332,21 +279,6 @@ void FitEnd::to_the_edge()
   if (2.0 * (f_ - before) > 0.1 * gain_allowed) move_to(old);
 }
 
-// The code and the messages of a fit that did not get to a minimum.
-int FitEnd::failed_code()
-{
-  MINSTR& str = *n_.str;
-  n_.optimizer_messages.clear();
-  if (!limits_reached(str)) return optimizer::code_no_progress;
-  if (str.mtim >= str.upti) {
-    optimizer_message(&str, 549, 2, 2, &str.upti, 1);
-    return optimizer::code_time;
-  }
-  const double limits[] = {str.maxi, str.maxf};
-  optimizer_message(&str, 549, str.nitr >= str.maxi ? 605 : 606, str.zmsg, limits, 2);
-  return optimizer::code_limit;
-}
-
 int FitEnd::finish(int code)
 {
   MINSTR& str = *n_.str;
@@ -380,17 +312,21 @@ int FitEnd::finish(int code)
   else
     verdict.outcome = FitOutcome::not_minimum;
   if (verdict.outcome == FitOutcome::not_minimum)
-    code = failed_code();
+    code = code_of_failure(n_);
   else if (moved_ || !met_criterion(code)) {
     code = optimizer::code_gconv;
     n_.optimizer_messages.clear();
-    const double criterion = code;
-    optimizer_message(&str, 549, 607, 1, &criterion, 1);
+    add_message(n_, status_message::criterion_met, optimizer::severity_note, {static_cast<double>(code)});
   }
   // The library's words on the size of a gradient and on singular matrices: the judge has better ones.
   std::erase_if(n_.optimizer_messages, [](const host::Message& m) {
-    constexpr int numbers[] = {136, 185, 189, 190, 255, 256, 257};
-    return m.group == 549 && std::find(std::begin(numbers), std::end(numbers), m.number) != std::end(numbers);
+    using namespace status_message;
+    constexpr host::MessageCode left_out[] = {
+        gradient_not_small,       one_singular_direction,  singular_hessian_dependencies,
+        singular_hessian_inverse, two_singular_directions, singular_directions,
+        negative_variances};
+    return std::any_of(std::begin(left_out), std::end(left_out),
+                       [&](host::MessageCode c) { return m.group == c.group && m.number == c.number; });
   });
   str.rcod = code;
   return code;
