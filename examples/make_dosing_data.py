@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Simulates infusion.csv and doses.csv. The same numbers at every run."""
+"""Simulates infusion.csv, doses.csv and courses.csv. The same numbers at every run."""
 import csv
 import math
 import os
@@ -51,7 +51,25 @@ def doses(draw):
                 yield patient, visit, begin + time, 0, 0, 0, 0, round(c * math.exp(draw.gauss(0, 0.1)), 3)
 
 
+def courses(draw):
+    """A steady state of injections, then an infusion of three hours, twelve hours apart; every kind of event variable."""
+    for patient in range(1, 7):
+        k, v = math.exp(math.log(0.15) + draw.gauss(0, 0.1)), 20
+        yield patient, 0, 1, 1, 200, 0, 12, 0, 1, 1, ""
+        for time in (1, 6, 11.5, 13.5, 16, 22, 27, 34):
+            if time == 13.5:
+                yield patient, 12, 1, 1, 300, 100, 12, 1, 0, 1, ""
+            c = 200 / v * math.exp(-k * time) / (1 - math.exp(-12 * k))
+            for begin in (12, 24):
+                since = time - begin
+                if since > 0:
+                    c += 100 / (k * v) * (1 - math.exp(-k * min(since, 3))) * math.exp(-k * max(since - 3, 0))
+            yield patient, time, 0, 1, 0, 0, 0, 0, 0, 0, round(c * math.exp(draw.gauss(0, 0.1)), 3)
+        yield patient, 48, 2, 1, 0, 0, 0, 0, 0, 1, ""
+
+
 if __name__ == "__main__":
     generator = random.Random(20261)
     write("infusion", ("patient", "weight", "kidney", "time", "dose", "conc", "below"), infusion(generator))
     write("doses", ("patient", "visit", "time", "evid", "amt", "ii", "addl", "conc"), doses(generator))
+    write("courses", ("patient", "time", "evid", "cmt", "amt", "rate", "ii", "addl", "ss", "mdv", "conc"), courses(generator))

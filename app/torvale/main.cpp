@@ -47,13 +47,25 @@ bool tell_unknown_option(const CLI::App& app, const CLI::App& command)
   return false;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
-{
-  torvale::host::ensure_standard_streams();
-  using namespace torvale::app;
+// What the command line may say, and what it said. The options write into the members, so that it stays where it is.
+struct CommandLine {
   CLI::App app{"Torvale fits nonlinear mixed models by maximum likelihood."};
+  CLI::App *run = nullptr, *check = nullptr, *describe = nullptr, *explain = nullptr;
+  torvale::app::RunArguments arguments;
+  std::vector<std::string> data, libraries;
+  std::string described, code, separator;
+
+  CommandLine();
+  CommandLine(const CommandLine&) = delete;
+  CommandLine& operator=(const CommandLine&) = delete;
+
+private:
+  void add_shared_options(CLI::App* command);
+  void add_run_options();
+};
+
+CommandLine::CommandLine()
+{
   app.require_subcommand(1);
   app.footer(
       "Exit codes: 0 clean, or with warnings; 1 internal fault, memory, or a file that could not be written; 2 wrong\n"
@@ -61,24 +73,41 @@ int main(int argc, char** argv)
       "estimates, or of some of them, is missing; 7 the objective has no value at any start; 130 interrupted.");
   app.set_version_flag("--version", "torvale " + std::string(torvale::version()));
 
-  RunArguments arguments;
-  std::vector<std::string> data, libraries;
-  std::string described, code, separator;
-  const auto shared = [&](CLI::App* command) {
-    command->add_option("PROGRAM", arguments.program, "program file; - for standard input")->required();
-    command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")
-        ->type_size(1)
-        ->allow_extra_args(false);
-    command->add_option("--library", libraries, "NAME=PATH: a folder of CSV files or an SQLite file")
-        ->type_size(1)
-        ->allow_extra_args(false);
-    command->add_option("--separator", separator, "what separates the columns of text files: one character or tab");
-    command->add_option("--json", arguments.output.json, "results as JSON; - for standard output");
-    command->add_option("--log", arguments.output.log, "log to a file instead of standard error");
-    command->add_flag("--no-color", arguments.output.no_color, "plain text");
-  };
-  CLI::App* run = app.add_subcommand("run", "run every step of a program");
-  shared(run);
+  run = app.add_subcommand("run", "run every step of a program");
+  add_shared_options(run);
+  add_run_options();
+  check = app.add_subcommand("check", "parse and compile only: report every error and warning");
+  add_shared_options(check);
+  check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
+  check
+      ->add_option("--format", arguments.format,
+                   "text, or json: diagnostics with ranges on standard output, for editors")
+      ->check(CLI::IsMember({"text", "json"}));
+  describe = app.add_subcommand("describe", "variables, types, rows and missing values of a data set");
+  describe->add_option("DATA", described, "a file, or a name of a library given by --library")->required();
+  describe->add_option("--library", libraries, "NAME=PATH")->type_size(1)->allow_extra_args(false);
+  describe->add_option("--separator", separator, "what separates the columns: one character or tab");
+  explain = app.add_subcommand("explain", "what a message means and what to try");
+  explain->add_option("CODE", code, "as 503/72")->required();
+}
+
+void CommandLine::add_shared_options(CLI::App* command)
+{
+  command->add_option("PROGRAM", arguments.program, "program file; - for standard input")->required();
+  command->add_option("--data", data, "NAME=PATH: bind a one-level data set name to a file")
+      ->type_size(1)
+      ->allow_extra_args(false);
+  command->add_option("--library", libraries, "NAME=PATH: a folder of CSV files or an SQLite file")
+      ->type_size(1)
+      ->allow_extra_args(false);
+  command->add_option("--separator", separator, "what separates the columns of text files: one character or tab");
+  command->add_option("--json", arguments.output.json, "results as JSON; - for standard output");
+  command->add_option("--log", arguments.output.log, "log to a file instead of standard error");
+  command->add_flag("--no-color", arguments.output.no_color, "plain text");
+}
+
+void CommandLine::add_run_options()
+{
   run->add_option("--out", arguments.output.out, "one folder for listing, log, results and output data sets");
   run->add_option("--html", arguments.output.html, "the report");
   run->add_option("--list", arguments.output.list, "listing to a file instead of standard output");
@@ -94,49 +123,54 @@ int main(int argc, char** argv)
       ->transform(CLI::AsSizeValue(true));
   run->add_flag("--strict", arguments.strict, "names that would become parameters without being in PARMS are errors");
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
-  CLI::App* check = app.add_subcommand("check", "parse and compile only: report every error and warning");
-  shared(check);
-  check->add_flag("--statements", arguments.statements, "list the statement records by slot and flag");
-  check
-      ->add_option("--format", arguments.format,
-                   "text, or json: diagnostics with ranges on standard output, for editors")
-      ->check(CLI::IsMember({"text", "json"}));
-  CLI::App* describe = app.add_subcommand("describe", "variables, types, rows and missing values of a data set");
-  describe->add_option("DATA", described, "a file, or a name of a library given by --library")->required();
-  describe->add_option("--library", libraries, "NAME=PATH")->type_size(1)->allow_extra_args(false);
-  describe->add_option("--separator", separator, "what separates the columns: one character or tab");
-  CLI::App* explain = app.add_subcommand("explain", "what a message means and what to try");
-  explain->add_option("CODE", code, "as 503/72")->required();
+}
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    const std::string first = argc > 1 ? argv[1] : "-";
-    const auto commands = app.get_subcommands([&](const CLI::App* command) { return command->get_name() == first; });
-    if (first[0] != '-' && commands.empty()) {
-      std::fprintf(stderr, "torvale: there is no command %s; there are run, check, describe and explain\n",
-                   first.c_str());
-      return 2;
-    }
-    const bool extras = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
-    if (extras && !commands.empty() && tell_unknown_option(app, *commands[0])) return 2;
-    return app.exit(error) == 0 ? 0 : 2;
-  }
-  const auto data_pairs = split(data, "--data");
-  const auto library_pairs = split(libraries, "--library");
-  if (!data_pairs || !library_pairs) return 2;
-  if (!separator.empty() && !torvale::host::parse_separator(separator, arguments.separator)) {
-    std::fprintf(stderr, "torvale: --separator takes one character or tab, found \"%s\"\n", separator.c_str());
+// Says what is wrong with the command line in words that help; the exit code.
+int tell_parse_error(const CLI::App& app, const CLI::ParseError& error, const std::string& first)
+{
+  const auto commands = app.get_subcommands([&](const CLI::App* command) { return command->get_name() == first; });
+  if (first[0] != '-' && commands.empty()) {
+    std::fprintf(stderr, "torvale: there is no command %s; there are run, check, describe and explain\n",
+                 first.c_str());
     return 2;
   }
-  arguments.data = *data_pairs;
-  arguments.libraries = *library_pairs;
+  const bool extras = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+  if (extras && !commands.empty() && tell_unknown_option(app, *commands[0])) return 2;
+  return app.exit(error) == 0 ? 0 : 2;
+}
 
+// The command that was asked for; its exit code.
+int run_chosen(CommandLine& line)
+{
+  torvale::app::RunArguments& arguments = line.arguments;
+  const auto data = split(line.data, "--data");
+  const auto libraries = split(line.libraries, "--library");
+  if (!data || !libraries) return 2;
+  if (!line.separator.empty() && !torvale::host::parse_separator(line.separator, arguments.separator)) {
+    std::fprintf(stderr, "torvale: --separator takes one character or tab, found \"%s\"\n", line.separator.c_str());
+    return 2;
+  }
+  arguments.data = *data;
+  arguments.libraries = *libraries;
+  if (*line.describe) return torvale::app::describe_command(line.described, *libraries, arguments.separator);
+  if (*line.explain) return torvale::app::explain_command(line.code);
+  arguments.check_only = static_cast<bool>(*line.check);
+  return torvale::app::run_command(arguments);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+  torvale::host::ensure_standard_streams();
   try {
-    if (*describe) return describe_command(described, *library_pairs, arguments.separator);
-    if (*explain) return explain_command(code);
-    arguments.check_only = static_cast<bool>(*check);
-    return run_command(arguments);
+    CommandLine line;
+    try {
+      line.app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return tell_parse_error(line.app, error, argc > 1 ? argv[1] : "-");
+    }
+    return run_chosen(line);
   } catch (const std::bad_alloc&) {
     std::fprintf(stderr, "torvale: there is not enough memory\n");
   } catch (const std::exception& fault) {

@@ -14,7 +14,7 @@ void write_flags(StatementText& text, const Model& model)
 void write_scales_and_doses(StatementText& text, const Model& model)
 {
   const bool oral = model.administration == Administration::oral;
-  constexpr Option scales[] = {scale0, scale1, scale2, scale3}, doses[] = {dose0, dose1, dose2, dose3};
+  constexpr Option scales[] = {scale0, scale1, scale2, scale3}, doses[] = {dose0, dose, dose2, dose3};
   for (int k = oral ? 0 : 1; k <= model.compartments; ++k) {
     const auto at = static_cast<std::size_t>(k);
     const std::string number = std::to_string(k);
@@ -33,7 +33,7 @@ void write_rates(StatementText& text, const Model& model)
     const char* name;
     Option clearance, volume;
   };
-  constexpr Rate rates[] = {{k10, "k10", cl, vol},
+  constexpr Rate rates[] = {{ke, "k10", cl, vol},
                             {k12, "k12", cl2, vol},
                             {k21, "k21", cl2, vol2},
                             {k13, "k13", cl3, vol},

@@ -29,7 +29,7 @@ void write_infusion_course(StatementText& text, const Model& model)
 // What is in compartment j after doses into the compartments, as an expression; terms of absent doses are left out.
 std::string of_doses(const Model& model, const Response& response, int j)
 {
-  constexpr Option doses[] = {dose1, dose2, dose3};
+  constexpr Option doses[] = {dose, dose2, dose3};
   std::string sum;
   for (int m = 1; m <= model.compartments; ++m) {
     const bool entry = m == 1 && model.administration != Administration::oral;
@@ -55,7 +55,7 @@ std::vector<std::string> infusion_amounts(StatementText& text, const Model& mode
 std::vector<std::string> dose_amounts(StatementText& text, const Model& model)
 {
   const bool oral = model.administration == Administration::oral;
-  const bool direct = !oral || model.given(dose1) || (model.compartments > 1 && model.given(dose2)) ||
+  const bool direct = !oral || model.given(dose) || (model.compartments > 1 && model.given(dose2)) ||
                       (model.compartments > 2 && model.given(dose3));
   std::vector<std::string> amounts(static_cast<std::size_t>(model.compartments) + 1);
   if (direct) {

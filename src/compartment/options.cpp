@@ -118,7 +118,7 @@ private:
     ask(time, Rule::from_data);
     ask(pconc, Rule::needed);
     ask(scale1, Rule::free);
-    for (const Option o : {dose0, dose1, dose2, dose3}) ask(o, Rule::from_data);
+    for (const Option o : {dose0, dose, dose2, dose3}) ask(o, Rule::from_data);
     ask(ka, oral ? Rule::needed : Rule::ignored);
     ask(scale0, oral ? Rule::free : Rule::ignored);
     ask(pconc0, oral ? Rule::free : Rule::forbidden);
@@ -169,23 +169,23 @@ private:
     const bool records = model_.records.present;
     switch (model_.administration) {
     case Administration::bolus:
-      ask(dose1, records ? Rule::from_data : Rule::free);
+      ask(dose, records ? Rule::from_data : Rule::free);
       peripheral(dose2, dose3, records ? Rule::recorded : Rule::free);
       peripheral(scale2, scale3, Rule::free);
       break;
     case Administration::infusion:
-      ask(dose1, records ? Rule::from_data : Rule::free);
+      ask(dose, records ? Rule::from_data : Rule::free);
       peripheral(dose2, dose3, Rule::ignored);
       peripheral(scale2, scale3, Rule::ignored);
       break;
     case Administration::oral:
       ask(ka, Rule::needed);
       ask(dose0, records ? Rule::from_data : Rule::free);
-      ask(dose1, records ? Rule::recorded : Rule::free);
+      ask(dose, records ? Rule::recorded : Rule::free);
       ask(scale0, records ? Rule::recorded : Rule::free);
       peripheral(dose2, dose3, records ? Rule::recorded : Rule::free);
       peripheral(scale2, scale3, records ? Rule::recorded : Rule::free);
-      if (ok_ && !records && model_.given(dose1) && !model_.given(dose0))
+      if (ok_ && !records && model_.given(dose) && !model_.given(dose0))
         log_.xpmlog(message::oral_dose_into_compartment, place_);
       break;
     }
@@ -199,7 +199,7 @@ private:
 
   void parameters()
   {
-    constexpr Option rates[] = {k10, k12, k21, k13, k31};
+    constexpr Option rates[] = {ke, k12, k21, k13, k31};
     constexpr Option clearances[] = {cl, vol, cl2, vol2, cl3, vol3};
     const std::span<const Option> r(rates, static_cast<std::size_t>(2 * model_.compartments - 1));
     const std::span<const Option> c(clearances, static_cast<std::size_t>(2 * model_.compartments));

@@ -3,6 +3,7 @@
 
 #include "host/messages/messages.h"
 #include "syntax/records.h"
+#include "syntax/statement_names.h"
 
 #include <array>
 #include <span>
@@ -14,39 +15,9 @@ namespace torvale::compartment {
 
 enum class Administration : std::uint8_t { bolus = 1, infusion = 2, oral = 3 };
 
-// Option: the options whose value is a name or a number, by the slot of the statement's record that holds them.
-enum class Option : std::uint8_t {
-  pconc = 4,
-  scale0,
-  dose0,
-  dose1,
-  dose2,
-  dose3,
-  time,
-  vol,
-  cl,
-  k10,
-  ka,
-  vol2,
-  cl2,
-  k12,
-  k21,
-  vol3,
-  cl3,
-  k13,
-  k31,
-  scale1,
-  durn,
-  rate,
-  scale2,
-  k20,
-  pconc2,
-  scale3,
-  k30,
-  pconc3,
-  pconc0,
-};
-inline constexpr std::size_t option_slots = 33;
+// The options whose value is a name or a number: pconc to pconc0 of the statement's slots.
+using Option = syntax::cmptmodel_slot;
+inline constexpr std::size_t option_slots = static_cast<std::size_t>(Option::pconc0) + 1;
 
 // The word of an option, in capitals: "K10" is "KE".
 std::string_view option_word(Option option);

@@ -23,6 +23,8 @@ namespace torvale::data {
 using evaluation::observation_number;
 using evaluation::place_of;
 using model::BadCause;
+using model::GroupState;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -47,7 +49,7 @@ struct Pass {
 };
 
 // The means of all random effects at a row: what the program is run at.
-void means_at(const NX& n, const Pass& pass, std::int64_t row, double* mean)
+void means_at(const ModelLists& n, const Pass& pass, std::int64_t row, double* mean)
 {
   for (std::size_t k = 0; k < n.reff.size(); ++k) {
     const auto& reff = n.reff[k];
@@ -56,7 +58,7 @@ void means_at(const NX& n, const Pass& pass, std::int64_t row, double* mean)
   }
 }
 
-std::vector<double> no_effects(const NX& n)
+std::vector<double> no_effects(const ModelLists& n)
 {
   return std::vector<double>(static_cast<std::size_t>(std::max(1, n.programs.ne)), 0.0);
 }
@@ -120,7 +122,7 @@ int run_arguments(NX& n, engine::Frame& frame, std::size_t level, Pass& pass)
   return rc == 0 ? 0 : report_stop(n, frame, *reff.setup_value.code, pass, rc, stopped);
 }
 
-void mark(NX& n, std::int64_t row, BadCause cause)
+void mark(GroupState& n, std::int64_t row, BadCause cause)
 {
   auto& bad = n.store->badobs[static_cast<std::size_t>(row)];
   if (bad == BadCause::none) bad = cause;

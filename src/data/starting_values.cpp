@@ -11,12 +11,13 @@
 
 namespace torvale::data {
 
+using model::ModelLists;
 using model::NX;
 using syntax::parms_slot;
 
 namespace {
 
-host::MessagePlace place_of(const NX& n, syntax::Position where)
+host::MessagePlace place_of(const ModelLists& n, syntax::Position where)
 {
   return n.sources->place("PARMS", where);
 }
@@ -28,7 +29,7 @@ void expand(const syntax::StItem& item, std::vector<double>& values)
   for (double k = 0; k <= steps; k += 1) values.push_back(item.number + k * item.by);
 }
 
-bool mentioned(const NX& n, std::string_view name)
+bool mentioned(const ModelLists& n, std::string_view name)
 {
   return engine::cmpsyms(*n.gcmp, name) != nullptr;
 }
@@ -199,7 +200,7 @@ int load_group_values(NX& n)
   return 0;
 }
 
-bool grid_point(const NX& n, long p, double* theta)
+bool grid_point(const ModelLists& n, long p, double* theta)
 {
   bool good = true;
   long k = p;

@@ -28,6 +28,6 @@ int load_group_values(model::NX& n);
 
 // grid_point: the parameters at point p of the grid (0 to npoints - 1); the first parameter varies fastest. False when
 // the point is not usable: a value is missing, outside its bounds, or its list is too short.
-bool grid_point(const model::NX& n, long p, double* theta);
+bool grid_point(const model::ModelLists& n, long p, double* theta);
 
 } // namespace torvale::data

@@ -4,6 +4,8 @@
 
 namespace torvale::evaluation {
 
+using model::GroupState;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -34,12 +36,12 @@ host::MessagePlace place_of(const NX& n, std::int64_t row)
   return place;
 }
 
-std::int64_t observation_number(const NX& n, std::int64_t row)
+std::int64_t observation_number(const GroupState& n, std::int64_t row)
 {
   return n.store->group_row[static_cast<std::size_t>(row)] + 1;
 }
 
-FaultWords words_of(const NX& n, const engine::Fault& fault)
+FaultWords words_of(const ModelLists& n, const engine::Fault& fault)
 {
   const syntax::Position where = n.sources->user_position(fault.where);
   auto place = n.sources->place({}, fault.where);

@@ -8,7 +8,7 @@ namespace torvale::evaluation {
 // Data row and subject of a row of the store.
 host::MessagePlace place_of(const model::NX& n, std::int64_t row);
 // Number of a row in its BY group, from 1.
-std::int64_t observation_number(const model::NX& n, std::int64_t row);
+std::int64_t observation_number(const model::GroupState& n, std::int64_t row);
 
 // The words of a fault for a message: what happened ("reason"), the text of the line ("source"), and its place.
 struct FaultWords {
@@ -27,6 +27,6 @@ struct FaultWords {
     place.source = at.source;
   }
 };
-FaultWords words_of(const model::NX& n, const engine::Fault& fault);
+FaultWords words_of(const model::ModelLists& n, const engine::Fault& fault);
 
 } // namespace torvale::evaluation

@@ -14,8 +14,10 @@ namespace torvale::evaluation {
 
 using model::BatchWork;
 using model::BlockWork;
+using model::FitState;
 using model::NX;
 using model::REFFECT;
+using model::RunOptions;
 using model::TVLThreadCtx;
 
 namespace {
@@ -25,7 +27,7 @@ constexpr int not_semidefinite = message::random_covariance_not_definite::messag
 constexpr int missing_support = message::likelihood_not_usable::message_number;
 
 // An indefinite G ends the evaluation; one that is semidefinite to singvar (of its largest variance) goes on.
-void classify_singular(const NX& n, int nr, BlockWork& block)
+void classify_singular(const RunOptions& n, int nr, BlockWork& block)
 {
   block.logdetgi = 0.0;
   double smallest = 0.0;
@@ -47,7 +49,7 @@ int prior_failure(const BlockWork& block)
 }
 
 // A column of the factor that is zero gets the variance that the run lends it.
-void lift_factor(const NX& n, const REFFECT& reff, double* factor)
+void lift_factor(const FitState& n, const REFFECT& reff, double* factor)
 {
   for (int i = 0; i < reff.nr; ++i) {
     double& pivot = factor[matrix::packed_diagonal(i)];

@@ -10,6 +10,7 @@ namespace torvale::evaluation {
 using engine::CMPDER;
 using engine::CMPSYM;
 using model::BadCause;
+using model::ModelLists;
 using model::ModelProgram;
 using model::ModelPrograms;
 using model::NX;
@@ -38,7 +39,7 @@ std::vector<SecondDerivative> second_derivatives(const NX& n, const REFFECT& ref
   return result;
 }
 
-Outputs value_outputs(const NX& n)
+Outputs value_outputs(const ModelLists& n)
 {
   Outputs out(1);
   out.at(ModelPrograms::ll) = n.llsym;
@@ -46,7 +47,7 @@ Outputs value_outputs(const NX& n)
 }
 
 // The request is by the parameters, then the effects: the order of the places.
-Outputs gradient_outputs(const NX& n, const CMPDER& gradient)
+Outputs gradient_outputs(const ModelLists& n, const CMPDER& gradient)
 {
   const ModelPrograms& p = n.programs;
   Outputs out(p.by_effect(p.ne));
@@ -96,7 +97,7 @@ Outputs curvature_outputs(const NX& n, const REFFECT& reff)
 }
 
 // First order: the sums, and with derivatives those of each by the parameters, then the effects.
-Outputs linear_outputs(const NX& n, const REFFECT& reff, bool derivatives)
+Outputs linear_outputs(const ModelLists& n, const REFFECT& reff, bool derivatives)
 {
   const ModelPrograms& p = n.programs;
   Outputs out(derivatives ? p.linear_by(p.linear_sums(), 0) : p.linear_sums());
@@ -107,7 +108,7 @@ Outputs linear_outputs(const NX& n, const REFFECT& reff, bool derivatives)
   return out;
 }
 
-Outputs setup_outputs(const NX& n, const REFFECT& reff, bool derivatives)
+Outputs setup_outputs(const ModelLists& n, const REFFECT& reff, bool derivatives)
 {
   Outputs out(reff.argument_derivative(derivatives ? reff.nd : 0, 0, n.nparm));
   for (int a = 0; a < reff.nd; ++a) out.at(a) = reff.distrsym.s[static_cast<std::size_t>(a)];
@@ -143,7 +144,7 @@ void specialise_pass(NX& n, const CMPDER& gradient)
 }
 
 // True when some distribution argument, or a derivative of one, differs between records: it reads data or kept values.
-bool arguments_vary(const NX& n, const REFFECT& reff)
+bool arguments_vary(const ModelLists& n, const REFFECT& reff)
 {
   if (engine::sequential(*reff.setup_value.code)) return true;
   for (const CMPSYM* argument : reff.distrsym.s)

@@ -13,6 +13,8 @@ namespace torvale::integration {
 using model::BadCause;
 using model::Batch;
 using model::BatchWork;
+using model::GroupState;
+using model::ModelLists;
 using model::NX;
 using model::REFFECT;
 using model::TVLThreadCtx;
@@ -27,7 +29,7 @@ constexpr int enough_slots = 64, batch_slots = 256;
 constexpr int lanes_of_a_record = 16;
 constexpr long batches_per_context = 8;
 
-bool keeps_values(const NX& n)
+bool keeps_values(const ModelLists& n)
 {
   const auto keeps = [](const model::ModelProgram& program) { return program && engine::sequential(*program.code); };
   const auto& p = n.programs;
@@ -51,7 +53,7 @@ void list_records(NX& n)
   for (const auto& s : n.leaf().SubInfo) add(s.first_row, s.badsub ? 0 : s.SubCount);
 }
 
-int records_of(const NX& n, int subject)
+int records_of(const GroupState& n, int subject)
 {
   const auto s = static_cast<std::size_t>(subject);
   return n.record_first[s + 1] - n.record_first[s];
@@ -138,7 +140,7 @@ void close_batch(NX& n, Batch& batch, int contents, int nest)
 }
 
 // The leaves of an outermost subject: a range of the leaf level's subjects.
-std::pair<int, int> leaves_of(const NX& n, int nest)
+std::pair<int, int> leaves_of(const ModelLists& n, int nest)
 {
   int first = nest, last = nest + 1;
   for (std::size_t k = n.reff.size() - 1; k > 0; --k) {
@@ -194,7 +196,7 @@ void deal_batches(NX& n)
   close_batch(n, batch, static_cast<int>(n.batch_subjects.size()), nests);
 }
 
-void size_slots_of_batches(const NX& n, BatchWork& b)
+void size_slots_of_batches(const GroupState& n, BatchWork& b)
 {
   int slots = 1;
   for (const Batch& batch : n.batches)
@@ -215,7 +217,7 @@ void size_slots(NX& n)
 }
 
 // Places of the levels in the list of modes; returns its length.
-long place_modes(NX& n)
+long place_modes(ModelLists& n)
 {
   long length = 0;
   for (REFFECT& reff : n.reff) {

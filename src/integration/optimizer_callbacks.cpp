@@ -10,6 +10,7 @@
 
 namespace torvale::integration {
 
+using model::FitState;
 using model::NX;
 using optimizer::MINSTR;
 
@@ -26,7 +27,7 @@ int evaluate(MINSTR* str, NX& n)
   return rc;
 }
 
-void hand_over_gradient(MINSTR* str, const NX& n)
+void hand_over_gradient(MINSTR* str, const FitState& n)
 {
   if (str->grad != n.objgrad.data()) std::copy(n.objgrad.begin(), n.objgrad.end(), str->grad);
 }

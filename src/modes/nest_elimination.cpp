@@ -7,9 +7,9 @@
 
 namespace torvale::modes {
 
+using model::ModelLists;
 using model::NestLevel;
 using model::NestWork;
-using model::NX;
 
 namespace {
 
@@ -95,7 +95,7 @@ void clear_fronts(NestWork& w, int nest)
   }
 }
 
-void leaf_front(const NX& n, NestWork& w, int node)
+void leaf_front(const ModelLists& n, NestWork& w, int node)
 {
   NestLevel& leaf = w.level.front();
   const int chain = leaf.chain();

@@ -10,6 +10,7 @@ namespace torvale::sampling {
 
 using host::CellKind;
 using host::missing;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -210,7 +211,8 @@ void write_sample(NX& n, const SamplerOptions& o, const std::vector<const Chain*
   }
 }
 
-void keep_draws(const NX& n, const SamplerOptions& o, const Posterior& target, const std::vector<const Chain*>& chains)
+void keep_draws(const ModelLists& n, const SamplerOptions& o, const Posterior& target,
+                const std::vector<const Chain*>& chains)
 {
   const long length = common_length(chains);
   if (o.draws == nullptr || length == 0) return;

@@ -9,7 +9,7 @@ namespace torvale::sampling {
 void write_sample(model::NX& n, const SamplerOptions& options, const std::vector<const Chain*>& chains);
 
 // The draws for pictures: of the parameters that move, then LogPost; nothing unless options.draws is set.
-void keep_draws(const model::NX& n, const SamplerOptions& options, const Posterior& target,
+void keep_draws(const model::ModelLists& n, const SamplerOptions& options, const Posterior& target,
                 const std::vector<const Chain*>& chains);
 
 // "MCMCSpecifications", "AcceptanceRates", "MCMCDiagnostics", and a warning when the chains do not agree.

@@ -14,6 +14,7 @@
 namespace torvale::solve {
 
 using model::FitOutcome;
+using model::ModelLists;
 using model::NX;
 using optimizer::MINSTR;
 using syntax::torvale_slot;
@@ -45,15 +46,17 @@ bool stuck(int code)
 }
 
 // The options of the criteria with the codes 1 to 9, and of their counts.
-bool given_by_user(const NX& n, int code)
+bool given_by_user(const ModelLists& n, int code)
 {
-  constexpr int criterion_slots[] = {44, 45, 50, 48, 46, 51, 49, 47, 52};
+  using enum syntax::torvale_slot;
+  constexpr syntax::torvale_slot options[] = {absconv, absfconv, absgconv, absxconv, fconv,
+                                              gconv,   xconv,    fconv2,   gconv2};
   const int criterion = code > 100 ? code - 100 : code;
-  return met_criterion(code) && criterion <= 9 && n.proc->statements.front().given(criterion_slots[criterion - 1]);
+  return met_criterion(code) && criterion <= 9 && n.proc->statements.front().given(options[criterion - 1]);
 }
 
 // A limit that the user did not give is the technique's own; what goes on from there has one of its own.
-bool default_limit(const NX& n, int code)
+bool default_limit(const ModelLists& n, int code)
 {
   const auto& procedure = n.proc->statements.front();
   return code == optimizer::code_limit && !procedure.given(torvale_slot::maxiter) &&

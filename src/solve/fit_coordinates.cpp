@@ -9,6 +9,7 @@
 
 namespace torvale::solve {
 
+using model::ModelLists;
 using model::NX;
 using model::PARMSTR;
 
@@ -26,7 +27,7 @@ constexpr int constant_zero = -1, other = -2;
 
 // What element (i, j) of G is: a parameter's number, constant_zero, or other. The argument of a distribution is an
 // expression; one that is nothing but a name has that text.
-int element(const NX& n, const model::REFFECT& reff, int i, int j)
+int element(const ModelLists& n, const model::REFFECT& reff, int i, int j)
 {
   const auto* symbol = reff.distrsym.s[static_cast<std::size_t>(reff.nr) + packed(i, j)];
   for (std::size_t k = 0; k < n.parmstr.size(); ++k) {
@@ -69,7 +70,7 @@ FitCoordinates::FitCoordinates(const NX& n, const double* x, bool factors)
     if (reff.distrtype == 0) add_blocks(n, reff, x);
 }
 
-void FitCoordinates::add_logarithm(const NX& n)
+void FitCoordinates::add_logarithm(const ModelLists& n)
 {
   for (const auto& stmt : n.proc->statements) {
     if (stmt.name != "MODEL") continue;

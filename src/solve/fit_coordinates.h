@@ -67,7 +67,7 @@ private:
   void add_blocks(const model::NX& n, const model::REFFECT& reff, const double* x);
   void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
   double factor(const Block& b, int r, int c, const double* t) const;
-  void add_logarithm(const model::NX& n);
+  void add_logarithm(const model::ModelLists& n);
 
   std::vector<double> origin_; // x, its logarithm, or the element of the factor, at t = 0
   std::vector<double> scale_;

@@ -12,6 +12,7 @@ namespace torvale::solve {
 
 using model::FitOutcome;
 using model::FlatDirection;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -162,7 +163,7 @@ void take_covariance(NX& n, const Judgement& j, const std::vector<double>& jacob
   n.det[2] = static_cast<double>(j.curvature.size()) - n.det[3] - n.det[4];
 }
 
-std::string names_of(const NX& n, const std::vector<int>& parameters)
+std::string names_of(const ModelLists& n, const std::vector<int>& parameters)
 {
   std::string text;
   for (const int i : parameters) text += (text.empty() ? "" : ", ") + n.parmstr[static_cast<std::size_t>(i)].parmname;

@@ -13,6 +13,7 @@
 namespace torvale::solve {
 
 using model::NX;
+using model::RunOptions;
 
 namespace {
 
@@ -48,13 +49,13 @@ bool failed_before_points(const NX& n)
 }
 
 // The next count that is tried, 0 when it would pass QMAX=.
-int next_count(const NX& n, int points)
+int next_count(const RunOptions& n, int points)
 {
   const int next = points < 10 ? points + 2 : static_cast<int>(points + n.qfac);
   return next > n.qmax ? 0 : next;
 }
 
-double relative_change(const NX& n, double from, double to)
+double relative_change(const RunOptions& n, double from, double to)
 {
   const double guarded = std::abs(from) < n.qtol ? n.qtol : from;
   return std::abs(to - from) / std::abs(guarded);

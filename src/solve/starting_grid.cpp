@@ -13,13 +13,14 @@
 
 namespace torvale::solve {
 
+using model::FitState;
 using model::NX;
 using model::POINT;
 
 namespace {
 
 // Puts a point among the best; ties keep the older one in front. True when it is the new best.
-bool keep_point(NX& n, long p, double objective)
+bool keep_point(FitState& n, long p, double objective)
 {
   auto& best = n.savepoint;
   const auto at = std::find_if(best.begin(), best.end(), [&](const POINT& q) { return q.obj > objective; });

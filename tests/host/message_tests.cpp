@@ -1,4 +1,8 @@
-#include "host/messages/messages.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/methods.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/starting_values.h"
+#include "host/messages/names/statements.h"
 #include "host/messages/source_excerpt.h"
 #include "host/values/missing.h"
 #include "support.h"
@@ -26,36 +30,36 @@ TEST(Catalogue, EveryEntryIsUniqueAndWellFormed)
 
 TEST(Messages, ArgumentsFillTheTextAndOptionalStretchesFallAway)
 {
-  EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}}),
+  EXPECT_EQ(xpmstr(message::unknown_dependent_variable{.name = "y"}),
             "The dependent variable y is neither in the data set nor assigned in the program.");
-  EXPECT_EQ(xpmstr(503, 5, {{"name", "y"}, {"near", "yy"}}),
+  EXPECT_EQ(xpmstr(message::unknown_dependent_variable{.name = "y", .near = "yy"}),
             "The dependent variable y is neither in the data set nor assigned in the program; did you mean yy?");
-  EXPECT_EQ(xpmstr(503, 270, {{"points", 31}, {"change", 0.25}, {"tolerance", 1e-4}}),
+  EXPECT_EQ(xpmstr(message::integral_not_accurate{.points = 31, .change = 0.25, .tolerance = 1e-4}),
             "The integral is not accurate enough with 31 quadrature points: relative change 0.25, tolerance 0.0001.");
   EXPECT_EQ(MessageArgument("x", 0.0017538544329616101).value, "0.001753854");
   EXPECT_EQ(MessageArgument("x", 9007199254740992.0).value, "9007199254740992"); // whole numbers in full
   EXPECT_EQ(MessageArgument("x", missing).value, ".");
-  EXPECT_EQ(xpmstr(503, 8888, {{"a", 1}}), "Message 503/8888, a=1");
-  EXPECT_EQ(otbmsg(0, 120), "-2 Log Likelihood");
+  EXPECT_EQ(xpmstr(NumberedMessage({503, 8888}, {{"a", MessageValue(1)}})), "Message 503/8888, a=1");
+  EXPECT_EQ(otbmsg(MessageCode{0, 120}), "-2 Log Likelihood");
   // An argument's own braces are not expanded.
-  EXPECT_NE(xpmstr(503, 10, {{"name", "{name}"}}).find("{name}"), std::string::npos);
+  EXPECT_NE(xpmstr(message::likelihood_without_random_effect{.name = "{name}"}).find("{name}"), std::string::npos);
 }
 
 // Notes tell their place in the sentence; under warnings and errors stands the line itself, once.
 TEST(Messages, ThePlaceIsToldOnce)
 {
   CaughtMessages log;
-  log.xpmlog(503, 13, {}, {.statement = "RANDOM", .line = 7, .column = 3, .subject = "12"});
+  log.xpmlog(message::no_random_effect, {.statement = "RANDOM", .line = 7, .column = 3, .subject = "12"});
   EXPECT_EQ(log.text(13), "The RANDOM statement names no random effect (subject 12).");
   EXPECT_EQ(log.messages()[0].line, 7);
   EXPECT_TRUE(log.has_errors());
-  log.xpmlog(503, 400, {}, {.statement = "PARMS", .line = 7, .column = 3});
+  log.xpmlog(message::statements_read, {.statement = "PARMS", .line = 7, .column = 3});
   EXPECT_EQ(log.text(400), "The statements have been read (PARMS statement, line 7, column 3).");
 
   std::vector<std::string> lines;
   MessageLog written([&](std::string_view line) { lines.emplace_back(line); });
   written.set_program("a.tvl", "x = 1;\n\tRANDOM;\n");
-  written.xpmlog(503, 13, {}, {.line = 2, .column = 2});
+  written.xpmlog(message::no_random_effect, {.line = 2, .column = 2});
   EXPECT_EQ(lines, (std::vector<std::string>{"ERROR: The RANDOM statement names no random effect. [503/13]",
                                              "  --> a.tvl:2:2", "  2 |  RANDOM;", "    |  ^"}));
 }
@@ -79,9 +83,9 @@ TEST(Messages, LogLinesAreWrappedAndCarryTheCode)
 {
   std::vector<std::string> lines;
   MessageLog log([&](std::string_view line) { lines.emplace_back(line); });
-  log.xpmlog(503, 232, {{"count", 6}});
-  log.xpmlog(503, 401, {{"data", "data"}});
-  log.xpmlog(503, 131, {{"subject", std::string(150, 'x')}});
+  log.xpmlog(message::no_starting_point{.count = 6});
+  log.xpmlog(message::reading_data{.data = "data"});
+  log.xpmlog(message::likelihood_not_usable{.subject = std::string(150, 'x')});
   ASSERT_GE(lines.size(), 4u);
   EXPECT_EQ(lines[0], "ERROR: None of the 6 starting points can be used. [503/232]");
   EXPECT_EQ(lines[1], "NOTE: Reading the data.");
@@ -94,7 +98,7 @@ TEST(Messages, RepeatsAreCountedPerGroup)
   CaughtMessages log;
   for (const int group : {0, 1}) {
     log.set_by_group(group);
-    for (int i = 0; i < MessageLog::repeat_limit + 7; ++i) log.xpmlog(503, 72, {{"observation", i}});
+    for (int i = 0; i < MessageLog::repeat_limit + 7; ++i) log.xpmlog(message::program_failed{.observation = i});
   }
   log.set_by_group(-1);
   EXPECT_EQ(log.count(72), 2 * MessageLog::repeat_limit);
@@ -106,7 +110,7 @@ TEST(Messages, RepeatsAreCountedPerGroup)
 TEST(Messages, JournalReplaysInOrderAndSaysWhatItDropped)
 {
   Journal journal(3);
-  for (int i = 1; i <= 5; ++i) journal.xpmlog(503, 72, {{"observation", i}});
+  for (int i = 1; i <= 5; ++i) journal.xpmlog(message::program_failed{.observation = i});
   CaughtMessages log;
   journal.replay(log);
   EXPECT_TRUE(journal.empty());

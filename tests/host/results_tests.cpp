@@ -1,4 +1,7 @@
 #include "host/host.h"
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimization.h"
+#include "host/messages/names/statements.h"
 #include "support.h"
 #include <nlohmann/json.hpp>
 
@@ -28,13 +31,13 @@ TEST(Host, TablesMessagesAndDataSetsLandInTheirGroups)
   const auto host = make_host(std::move(options));
 
   host->begin_step();
-  host->log().xpmlog(503, 656, {{"count", 2}});
+  host->log().xpmlog(message::threads_used{.count = 2});
   host->tables().wobmth(one_value("Specifications", 1)); // before the first group: belongs to it
   host->begin_group({{"study", 1.0}, {"arm", "a"}});
   Table& history = host->tables().open(one_value("IterHistory", 2));
   host->tables().wobmth(one_value("Dimensions", 3)); // closed first, opened second
   history.row({4.0});
-  host->log().xpmlog(503, 71);
+  host->log().xpmlog(message::no_usable_observation{});
   host->end_group(1012); // closes the history
   host->begin_group({{"study", missing}, {"arm", "b"}});
   OutputDataSet* out = host->libraries().open_output({"pred", false, {}}, host->log());

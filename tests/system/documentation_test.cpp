@@ -1,5 +1,6 @@
 // What the pages show works: their programs run, their command lines are understood, completions know every option.
 
+#include "system/data_files.h"
 #include "system/session.h"
 
 #include <gtest/gtest.h>
@@ -18,15 +19,20 @@ struct Block {
   std::string text;
 };
 
+std::vector<std::filesystem::path> pages()
+{
+  std::vector<std::filesystem::path> found = {source_file("README.md")};
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(source_file("docs")))
+    if (entry.path().extension() == ".md") found.push_back(entry.path());
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 // What stands between lines of three back quotes in the pages.
 std::vector<Block> code_blocks()
 {
-  std::vector<std::filesystem::path> pages = {source_file("README.md")};
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(source_file("docs")))
-    if (entry.path().extension() == ".md") pages.push_back(entry.path());
-  std::sort(pages.begin(), pages.end());
   std::vector<Block> blocks;
-  for (const auto& page : pages) {
+  for (const auto& page : pages()) {
     std::istringstream lines(read_text(page.string()));
     bool inside = false;
     for (std::string line; std::getline(lines, line);) {
@@ -80,20 +86,42 @@ TEST(Documentation, EveryProgramRuns)
     if (entry.path().extension() == ".csv" &&
         !std::filesystem::exists(source_file("examples") / entry.path().filename()))
       data.emplace_back(entry.path().stem().string(), entry.path().string());
+  const Folder out;
   int programs = 0;
   for (const Block& block : code_blocks()) {
     const std::size_t step = block.text.find("TORVALE DATA=");
     if (step == std::string::npos || block.text.substr(0, step).find("NOTE") != std::string::npos) continue;
     ++programs;
     const bool complete = block.text.find("PARMS") != std::string::npos;
-    const auto run = run_text(block.text, "examples", 0, data);
+    const auto run = run_text(block.text, "examples", 0, data, false, 0, out.path());
     // A program without starting values shows statements only: it must be understood, whatever the fit does.
     if (complete)
       EXPECT_EQ(run.outcome.exit_code, 0) << block.file << "\n" << block.text << run.log;
     else
       EXPECT_NE(run.outcome.exit_code, 3) << block.file << "\n" << block.text << run.log;
   }
-  EXPECT_GE(programs, 12);
+  EXPECT_GE(programs, 50);
+}
+
+TEST(Documentation, LinksLeadToPages)
+{
+  int links = 0;
+  for (const auto& page : pages()) {
+    const std::string text = read_text(page.string());
+    for (std::size_t at = 0; (at = text.find("](", at)) != std::string::npos; ++at) {
+      const std::string target = text.substr(at + 2, text.find_first_of(")#", at) - at - 2);
+      if (target.empty() || target.starts_with("http") || target.find(' ') != std::string::npos) continue;
+      ++links;
+      EXPECT_TRUE(std::filesystem::exists(page.parent_path() / target)) << page << ": " << target;
+    }
+  }
+  EXPECT_GE(links, 30);
+  const std::string index = read_text(source_file("docs/README.md"));
+  for (const auto& page : pages())
+    if (page.filename() != "README.md") {
+      EXPECT_NE(index.find("(" + page.lexically_relative(source_file("docs")).string() + ")"), std::string::npos)
+          << page;
+    }
 }
 
 TEST(Documentation, CommandLinesNameOptionsThatThereAre)

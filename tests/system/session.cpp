@@ -50,14 +50,15 @@ bool Run::said(int group, int number) const
 }
 
 Run run_text(const std::string& program, const std::string& folder, int threads,
-             const std::vector<std::pair<std::string, std::string>>& data, bool pictures, std::uint64_t memory)
+             const std::vector<std::pair<std::string, std::string>>& data, bool pictures, std::uint64_t memory,
+             const std::string& output_folder)
 {
   Run run;
   RunSettings settings;
   settings.memory = memory;
   settings.program_name = "test.tvl";
   settings.program_folder = std::filesystem::path(folder).is_absolute() ? folder : source_file(folder);
-  settings.output_folder = std::filesystem::temp_directory_path().string();
+  settings.output_folder = output_folder.empty() ? std::filesystem::temp_directory_path().string() : output_folder;
   settings.threads = threads;
   settings.data = data;
   settings.pictures = pictures;

@@ -25,10 +25,10 @@ struct Run {
 };
 
 // Runs a program text. One-level data set names are looked for in `folder`, relative to the source tree's root or
-// absolute.
+// absolute; output goes to the folder for temporary files unless another is given.
 Run run_text(const std::string& program, const std::string& folder = "examples", int threads = 0,
              const std::vector<std::pair<std::string, std::string>>& data = {}, bool pictures = false,
-             std::uint64_t memory = 0);
+             std::uint64_t memory = 0, const std::string& output_folder = "");
 
 // The text of examples/NAME.tvl with `options` added to its TORVALE statement.
 std::string example(const std::string& name, const std::string& options);

@@ -26,6 +26,9 @@ using Slot = std::int32_t;
 
 struct LanguageFunction; // of the library: functions/functions.h
 
+struct TextRow;     // of translate_texts.cpp
+struct QuestionRow; // of translate_texts.cpp
+
 class Translator {
 public:
   explicit Translator(CMPGLOBAL& gcmp);
@@ -158,6 +161,14 @@ private:
   std::optional<Value> lag(const Expr& e);
   std::optional<Value> array_bound(const Expr& e);
   std::optional<Value> text_function(const Expr& e);
+  Value text_made(const TextRow& row, const Expr& e);
+  Value question_asked(const QuestionRow& row, const Expr& e);
+  Value scanned_word(const Expr& e);
+  Value texts_joined(const Expr& e, const std::string& name);
+  std::optional<Value> missing_text(const Expr& e);
+  Value first_text(const Expr& e);
+  NodeId is_blank(TextId t);
+  Value wrong_count(const Expr& e, const std::string& takes);
   Value converted(const Expr& e, const std::string& name);
   Value interval_function(const Expr& e, const std::string& name);
   Value library(const Expr& e);
@@ -179,20 +190,20 @@ private:
   std::vector<Slot> lagged_;                                        // per LAG in loops: its argument in the last pass
   std::size_t lags_ = 0;                                            // LAG in loops met so far
   std::map<const Expr*, int> draws_;                                // numbers of the random functions
-  std::map<const ArrayInfo*, Array> arrays_; // those used so far
+  std::map<const ArrayInfo*, Array> arrays_;                        // those used so far
   std::vector<Scope> scopes_;
   std::vector<LoopMasks> loops_;
   std::vector<Labels> labels_;
   std::vector<Slot> returns_;
   std::vector<const Statement*> links_;
-  NodeId path_ = no_node; // mask of the branches around the current statement
+  NodeId path_ = no_node;    // mask of the branches around the current statement
   std::int32_t caller_ = -1; // origin of the call whose subprogram is being inlined
   Slot active_ = 0;
   Slot deleted_ = 0;
   int carried_depth_ = 0;         // loops with carried values around the current statement
   std::int32_t carried_loop_ = 0; // the innermost of them
   bool learned_ = false;
-  bool too_large_ = false;        // the graph has reached its limit; nothing more is translated
+  bool too_large_ = false; // the graph has reached its limit; nothing more is translated
 };
 
 } // namespace torvale::engine

@@ -146,8 +146,10 @@ std::string explain_message(std::string_view code)
   return out;
 }
 
-std::string xpmstr(int group, int number, const MessageArguments& arguments)
+std::string xpmstr(const NumberedMessage& named)
 {
+  const auto [group, number] = named.code();
+  const MessageArguments& arguments = named.arguments();
   if (const CatalogueEntry* entry = find_message(group, number)) {
     bool complete = true;
     std::string text = filled(entry->text, arguments, complete);
@@ -159,24 +161,15 @@ std::string xpmstr(int group, int number, const MessageArguments& arguments)
   return out;
 }
 
-std::string xpmstr(const NumberedMessage& message)
+void MessageSink::xpmlog(const NumberedMessage& named, const MessagePlace& place)
 {
-  return xpmstr(message.code().group, message.code().number, message.arguments());
-}
-
-void MessageSink::xpmlog(const NumberedMessage& message, const MessagePlace& place)
-{
-  xpmlog(message.code().group, message.code().number, message.arguments(), place);
-}
-
-void MessageSink::xpmlog(int group, int number, const MessageArguments& arguments, const MessagePlace& place)
-{
+  const auto [group, number] = named.code();
   const CatalogueEntry* entry = find_message(group, number);
   Message message;
   message.group = group;
   message.number = number;
   message.severity = entry ? entry->severity : Severity::error;
-  message.text = xpmstr(group, number, arguments);
+  message.text = xpmstr(named);
   message.file = place.program;
   message.line = place.line;
   message.column = place.column;

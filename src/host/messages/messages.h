@@ -119,16 +119,11 @@ private:
 // xpmstr: the words of a message, arguments filled in. A number that the catalogue lacks still gives a text that names
 // group, number and all arguments. (x host, pm print message, str to a string.)
 std::string xpmstr(const NumberedMessage& message);
-std::string xpmstr(int group, int number, const MessageArguments& arguments = {});
 
 // otbmsg: the words of a label or title of an output table. (otb output table, msg message.)
 inline std::string otbmsg(const NumberedMessage& message)
 {
   return xpmstr(message);
-}
-inline std::string otbmsg(int group, int number, const MessageArguments& arguments = {})
-{
-  return xpmstr(group, number, arguments);
 }
 
 // Anything that takes messages: the log, or a worker's journal.
@@ -138,7 +133,6 @@ public:
 
   // xpmlog: raise a message. (x host, pm print message, log to the log.)
   void xpmlog(const NumberedMessage& message, const MessagePlace& place = {});
-  void xpmlog(int group, int number, const MessageArguments& arguments = {}, const MessagePlace& place = {});
 
   // xpslog: a raw line for the log, without number; not part of the results.
   virtual void xpslog(std::string_view line) = 0;

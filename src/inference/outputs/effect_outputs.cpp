@@ -18,13 +18,15 @@ namespace torvale::inference {
 
 using host::OutputDataSet;
 using integration::Posterior;
+using model::GroupState;
+using model::ModelLists;
 using model::NX;
 using model::REFFECT;
 
 namespace {
 
 // BY variables and the subject variables of the levels from the outermost down to `deepest`.
-void declare_subject(NX& n, OutputDataSet& out, std::size_t deepest)
+void declare_subject(ModelLists& n, OutputDataSet& out, std::size_t deepest)
 {
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   for (std::size_t k = n.reff.size(); k-- > deepest;) out.add_column_like(*n.fid->find(n.reff[k].subname));
@@ -59,14 +61,14 @@ void declare_rounds(NX& n, OutputDataSet& out)
 }
 
 // The name of a level's data set that only OUTR= asked for.
-std::string name_of_part(const NX& n, std::size_t level)
+std::string name_of_part(const ModelLists& n, std::size_t level)
 {
   const std::string number = std::to_string(n.reff.size() - level);
   return "_R_" + std::string(host::cut_name(n.reff[level].subname, 11 - number.size())) + "_" + number;
 }
 
 // Row of the input that a subject begins with.
-std::size_t input_row(const NX& n, const REFFECT& reff, int subject)
+std::size_t input_row(const GroupState& n, const REFFECT& reff, int subject)
 {
   const auto first = static_cast<std::size_t>(reff.SubInfo[static_cast<std::size_t>(subject)].first_row);
   return n.rows.begin + static_cast<std::size_t>(n.store->group_row[first]);
@@ -133,7 +135,8 @@ TVAL probability(const NX& n, const REFFECT& reff, const Posterior& posterior, i
 
 // BY variables and subject variables of a subject of `level`; those of deeper levels stay missing. Returns the column
 // behind them.
-std::size_t set_subject(const NX& n, OutputDataSet& out, std::size_t deepest, std::size_t level, std::size_t row)
+std::size_t set_subject(const ModelLists& n, OutputDataSet& out, std::size_t deepest, std::size_t level,
+                        std::size_t row)
 {
   std::size_t at = 0;
   for (const auto& by : n.bylist) out.set_from(at++, *n.fid->find(by.name), row);

@@ -15,12 +15,13 @@ namespace torvale::inference {
 using host::CellKind;
 using host::ColumnKind;
 using host::OutputDataSet;
+using model::ModelLists;
 using model::NX;
 
 namespace {
 
 // Random effects of all levels.
-int dimensions(const NX& n)
+int dimensions(const ModelLists& n)
 {
   int count = 0;
   for (const auto& reff : n.reff) count += reff.nr;

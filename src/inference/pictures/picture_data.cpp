@@ -10,6 +10,7 @@
 namespace torvale::inference {
 
 using host::missing;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -82,7 +83,7 @@ void record_numbers(PictureData& out)
 }
 
 // Per record the place of its subject in the index of a level.
-std::vector<std::int32_t> subjects_at(const NX& n, const FitRecords& records, std::size_t level)
+std::vector<std::int32_t> subjects_at(const ModelLists& n, const FitRecords& records, std::size_t level)
 {
   std::vector<std::int32_t> out = records.subject;
   for (std::size_t k = 0; k < level; ++k)

@@ -13,6 +13,7 @@ namespace torvale::inference {
 
 using host::CellKind;
 using host::missing;
+using model::ModelLists;
 using model::NX;
 
 namespace {
@@ -28,7 +29,7 @@ host::TableColumn number_column(const char* name, host::MessageCode words, const
 }
 
 // "CovMatAddEst" or "CorrMatAddEst": rows of statements, a column for each.
-host::Table matrix_table(const NX& n, const char* name, host::MessageCode words, host::MessageCode title,
+host::Table matrix_table(const ModelLists& n, const char* name, host::MessageCode words, host::MessageCode title,
                          const char* family)
 {
   std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(label::row), "", ""},
@@ -42,7 +43,7 @@ host::Table matrix_table(const NX& n, const char* name, host::MessageCode words,
   return table;
 }
 
-host::Table derivative_table(const NX& n)
+host::Table derivative_table(const ModelLists& n)
 {
   std::vector<host::TableColumn> columns = {{"Row", CellKind::integer, host::otbmsg(label::row), "", ""},
                                             text_column("Label", label::label)};

@@ -7,12 +7,13 @@
 namespace torvale::integration {
 
 using model::BatchWork;
+using model::GroupState;
 using model::NestLevel;
 using model::NestWork;
 using model::NX;
 using model::TVLThreadCtx;
 
-void take_nests(const NX& n, TVLThreadCtx& ctx)
+void take_nests(const GroupState& n, TVLThreadCtx& ctx)
 {
   const BatchWork& b = ctx.batch;
   NestWork& w = ctx.nests;

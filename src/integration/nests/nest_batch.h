@@ -6,7 +6,7 @@
 namespace torvale::integration {
 
 // take_nests: the nests of ctx.batch into ctx.nests, none of them failed.
-void take_nests(const model::NX& n, model::TVLThreadCtx& ctx);
+void take_nests(const model::GroupState& n, model::TVLThreadCtx& ctx);
 
 // load_nest_priors: means and factors of all nodes; the first failed node of a nest, outermost level first, decides its
 // message. Returns 0 or the engine's code above 2.

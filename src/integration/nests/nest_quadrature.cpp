@@ -24,9 +24,11 @@
 namespace torvale::integration {
 
 using model::BatchWork;
+using model::ModelLists;
 using model::NestLevel;
 using model::NestWork;
 using model::NX;
+using model::RunOptions;
 using model::TVLThreadCtx;
 using modes::packed;
 
@@ -47,7 +49,7 @@ public:
 // --- points ---
 
 // Scale of a node's points given those of its ancestors.
-void set_spread(const NX& n, NestLevel& l, int v)
+void set_spread(const RunOptions& n, NestLevel& l, int v)
 {
   double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
   double* const tilt = l.tilt.data() + static_cast<long>(v) * (l.own * l.above);
@@ -179,7 +181,7 @@ void close_levels(const BatchWork& b, NestWork& w, int nest)
 }
 
 // The constants nr/2 log 2 pi - nr log s of every node, and half the log determinant of the arrow.
-double value_of(const NX& n, const NestWork& w, int nest)
+double value_of(const RunOptions& n, const NestWork& w, int nest)
 {
   const auto k = static_cast<std::size_t>(nest);
   const double constant = 0.5 * log2pi - std::log(n.qscale * root_two);
@@ -193,7 +195,7 @@ double value_of(const NX& n, const NestWork& w, int nest)
 
 // --- work arrays ---
 
-void size_level(const NX& n, NestLevel& l, const model::REFFECT& reff, long nodes, bool leaf)
+void size_level(const ModelLists& n, NestLevel& l, const model::REFFECT& reff, long nodes, bool leaf)
 {
   l.own = reff.nr;
   l.above = l.place = reff.first_effect;

@@ -14,6 +14,7 @@
 
 namespace torvale::integration {
 
+using model::ModelLists;
 using model::NX;
 using model::TVLThreadCtx;
 
@@ -154,7 +155,7 @@ int find_rounds(NX& n, std::vector<model::RoundEffect>& rounds)
   return rc > 2 ? rc : 0;
 }
 
-int known_leaf(const NX& n, const Posterior& posterior, std::size_t level, int subject)
+int known_leaf(const ModelLists& n, const Posterior& posterior, std::size_t level, int subject)
 {
   int first = subject, last = subject + 1;
   for (std::size_t k = level; k > 0; --k) {

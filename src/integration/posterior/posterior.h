@@ -39,7 +39,7 @@ int find_rounds(model::NX& n, std::vector<model::RoundEffect>& rounds);
 
 // known_leaf: a subject of the deepest level that is nested in one of n.reff[level] (or is it) and has an entry: its
 // chain holds the effects of that subject from first_effect on. -1: there is none.
-int known_leaf(const model::NX& n, const Posterior& posterior, std::size_t level, int subject);
+int known_leaf(const model::ModelLists& n, const Posterior& posterior, std::size_t level, int subject);
 
 // linear_posteriors: the same for the batch in hand of a context, first order around the mean of the effects: their
 // mean and covariance given the data in the linear model.

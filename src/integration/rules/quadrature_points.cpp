@@ -7,6 +7,7 @@
 
 namespace torvale::integration {
 
+using model::GroupState;
 using model::NX;
 using model::REFFECT;
 
@@ -18,7 +19,7 @@ constexpr int most_per_dimension =
     5000; // a rule takes time with the square; from about 700 on new points have no weight
 
 // Product rule: the first dimension varies fastest.
-void product_points(const NX& n, REFFECT& reff)
+void product_points(const GroupState& n, REFFECT& reff)
 {
   const auto points = static_cast<std::size_t>(reff.nqpr);
   const auto nqp = static_cast<std::size_t>(n.nqp);

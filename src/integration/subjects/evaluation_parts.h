@@ -36,7 +36,7 @@ template <class T> void size(std::vector<T>& v, long count)
 // size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
 void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
 // size_block: small matrices of one subject, of any level.
-void size_block(const model::NX& n, model::BlockWork& block);
+void size_block(const model::ModelLists& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
@@ -45,7 +45,7 @@ void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
-long observation_blocks(const model::NX& n);
+long observation_blocks(const model::GroupState& n);
 int sum_observations(model::NX& n, model::TVLThreadCtx& ctx, long block);
 
 // add_record_products: without random effects, the sum over observations of the outer products of their gradients, by
@@ -73,11 +73,11 @@ void size_factored(const model::NX& n, model::TVLThreadCtx& ctx);
 // kept_lanes: where a program leaves its coefficients, lane by lane.
 evaluation::LaneValues kept_lanes(model::BatchWork& b, int coefficients);
 // take_mode_coefficients: from the lanes of b.active at their modes to the records of the batch.
-void take_mode_coefficients(const model::NX& n, model::BatchWork& b);
+void take_mode_coefficients(const model::ModelLists& n, model::BatchWork& b);
 // factored_gradients: the gradients of all good slots, for close_factored; after sum_points and sum_curvature. Returns
 // 0 or the engine's code above 2.
 int factored_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
-void close_factored(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
+void close_factored(const model::ModelLists& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
 // add_shares: after sum_points, what share every point has in a slot's integral, times the subject's replicates, into
 // the point's element of `shares`. By a second pass; allocates. Returns as sum_points.
 int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);

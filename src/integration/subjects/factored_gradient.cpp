@@ -15,6 +15,7 @@ namespace torvale::integration {
 
 using model::BatchWork;
 using model::FactoredPrograms;
+using model::ModelLists;
 using model::NX;
 using model::TVLThreadCtx;
 
@@ -39,7 +40,7 @@ void clear_rows(std::vector<double>& v)
 }
 
 // Per record and multiplier: its coefficients, weighed by their subject.
-void form_multipliers(const NX& n, BatchWork& b)
+void form_multipliers(const ModelLists& n, BatchWork& b)
 {
   auto& f = b.factored;
   const auto& multipliers = n.programs.factored.multipliers;
@@ -57,7 +58,7 @@ void form_multipliers(const NX& n, BatchWork& b)
 }
 
 // Multipliers times factors, added up per slot in the order of its records.
-int add_products_of_records(const NX& n, TVLThreadCtx& ctx)
+int add_products_of_records(const ModelLists& n, TVLThreadCtx& ctx)
 {
   BatchWork& b = ctx.batch;
   auto& f = b.factored;
@@ -122,7 +123,7 @@ evaluation::LaneValues kept_lanes(BatchWork& b, int coefficients)
   return {coefficients, f.lanes.data(), f.lane_stride, f.level.data()};
 }
 
-void take_mode_coefficients(const NX& n, BatchWork& b)
+void take_mode_coefficients(const ModelLists& n, BatchWork& b)
 {
   auto& f = b.factored;
   const FactoredPrograms& programs = n.programs.factored;
@@ -151,7 +152,7 @@ int factored_gradients(const NX& n, TVLThreadCtx& ctx)
   return add_products_of_records(n, ctx);
 }
 
-void close_factored(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient)
+void close_factored(const ModelLists& n, const TVLThreadCtx& ctx, int slot, double* gradient)
 {
   const auto& f = ctx.batch.factored;
   const double* const own = f.gradients.data() + static_cast<long>(slot) * n.nparm;

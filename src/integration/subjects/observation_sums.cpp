@@ -12,6 +12,7 @@
 namespace torvale::integration {
 
 using model::BadCause;
+using model::GroupState;
 using model::NX;
 using model::TVLThreadCtx;
 
@@ -49,7 +50,7 @@ struct Lanes {
 
 } // namespace
 
-long observation_blocks(const NX& n)
+long observation_blocks(const GroupState& n)
 {
   return (static_cast<long>(n.record_rows.size()) + block_records - 1) / block_records;
 }

@@ -9,10 +9,11 @@ namespace torvale::integration {
 
 using model::BatchWork;
 using model::BlockWork;
+using model::ModelLists;
 using model::NX;
 using model::REFFECT;
 
-void size_block(const NX& n, BlockWork& block)
+void size_block(const ModelLists& n, BlockWork& block)
 {
   long nr = 0;
   for (const REFFECT& reff : n.reff) nr = std::max<long>(nr, reff.nr);

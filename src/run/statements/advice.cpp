@@ -11,6 +11,7 @@
 
 namespace torvale::run {
 
+using model::ModelLists;
 using model::NX;
 using syntax::Expr;
 using syntax::ExprKind;
@@ -24,7 +25,7 @@ bool equality(Op op)
 }
 
 // The character column that an expression names; null for anything else.
-const host::Column* text_column(const NX& n, const Expr& e)
+const host::Column* text_column(const ModelLists& n, const Expr& e)
 {
   if (e.kind != ExprKind::variable) return nullptr;
   const host::Column* column = n.fid->find(e.name);

@@ -21,6 +21,7 @@ namespace torvale::run {
 
 using data::NamedValues;
 using engine::CMPSYM;
+using model::ModelLists;
 using model::NX;
 using syntax::parms_flag;
 using syntax::parms_slot;
@@ -45,7 +46,7 @@ const STMT* parms_statement_of(NX& n)
   return found;
 }
 
-bool is_random_effect(const NX& n, std::string_view name)
+bool is_random_effect(const ModelLists& n, std::string_view name)
 {
   for (const auto& stmt : n.proc->statements)
     if (stmt.name == "RANDOM")
@@ -101,7 +102,7 @@ bool added_to_another(const std::string& program, const std::string& name)
 }
 
 // Names that are added to another while there is no RANDOM statement: they look like random effects.
-std::string like_effects(const NX& n, const std::vector<std::string>& defaulted)
+std::string like_effects(const ModelLists& n, const std::vector<std::string>& defaulted)
 {
   const bool any_random = std::any_of(n.proc->statements.begin(), n.proc->statements.end(),
                                       [](const STMT& s) { return s.name == "RANDOM"; });
@@ -163,7 +164,7 @@ bool has_special_missing(const host::Column& column)
 
 } // namespace
 
-std::vector<engine::DataVariable> data_variables(const NX& n)
+std::vector<engine::DataVariable> data_variables(const ModelLists& n)
 {
   std::vector<engine::DataVariable> variables;
   for (const auto& column : n.fid->columns())

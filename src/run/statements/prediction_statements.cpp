@@ -8,6 +8,7 @@
 
 namespace torvale::run {
 
+using model::ModelLists;
 using model::NX;
 using model::PredictStatement;
 using syntax::predict_flag;
@@ -16,7 +17,7 @@ using syntax::STMT;
 
 namespace {
 
-engine::CMPLIST parameters_and_effects(const NX& n)
+engine::CMPLIST parameters_and_effects(const ModelLists& n)
 {
   engine::CMPLIST variables = n.prsym;
   for (std::size_t level = n.reff.size(); level > 0; --level)
@@ -92,7 +93,7 @@ void read_prediction_statements(NX& n)
     if (stmt.name == "PREDICT") n.predictions.push_back(read_statement(n, stmt));
 }
 
-void specialise_prediction_statements(NX& n)
+void specialise_prediction_statements(ModelLists& n)
 {
   if (n.fitted.out != nullptr) {
     std::vector<engine::CMPSYM*> outputs = {n.depsym};

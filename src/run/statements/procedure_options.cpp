@@ -10,6 +10,7 @@
 namespace torvale::run {
 
 using model::NX;
+using model::RunOptions;
 using syntax::STMT;
 using syntax::torvale_flag;
 using syntax::torvale_slot;
@@ -35,7 +36,7 @@ void set_seed(NX& n, const STMT& s)
   if (n.method == 3) log.xpmlog(message::seed_from_clock{.seed = n.seed}); // the one method that draws
 }
 
-double default_qmax(const NX& n)
+double default_qmax(const RunOptions& n)
 {
   if (n.method == 0) return n.adaptive ? 31 : 61;
   return n.adaptive ? 160 : 310;

@@ -156,8 +156,9 @@ int run_sampler(NX& n, sampling::SampleDraws* draws)
   o.chain.sample = static_cast<long>(mcmc.number_or(mcmc_slot::sample, 1000));
   o.chain.burn = static_cast<long>(mcmc.number_or(mcmc_slot::burn, o.no_u_turn ? 1000 : 0));
   o.chain.adjscale = static_cast<long>(mcmc.number_or(mcmc_slot::adjscale, 0));
-  o.chain.adjincr = std::max(1L, static_cast<long>(mcmc.number_or(
-                                     7, std::max(50.0, std::floor(static_cast<double>(o.chain.adjscale) / 20.0)))));
+  o.chain.adjincr =
+      std::max(1L, static_cast<long>(mcmc.number_or(
+                       mcmc_slot::adjincr, std::max(50.0, std::floor(static_cast<double>(o.chain.adjscale) / 20.0)))));
   o.chain.maxbviol = static_cast<long>(mcmc.number_or(mcmc_slot::maxbviol, 10000));
   o.chain.seed = n.seed;
   o.covariance = n.sampling.covariance;

@@ -17,13 +17,14 @@
 
 namespace torvale::run {
 
+using model::ModelLists;
 using model::NX;
 using syntax::model_slot;
 using syntax::replicate_slot;
 using syntax::STMT;
 using syntax::torvale_slot;
 
-host::MessagePlace place_at(const NX& n, const char* statement, syntax::Position where)
+host::MessagePlace place_at(const ModelLists& n, const char* statement, syntax::Position where)
 {
   return n.sources->place(statement, where);
 }
@@ -247,7 +248,7 @@ void replicate_statement(NX& n)
 }
 
 // Data variables that the distribution arguments depend on: they must not change within a subject.
-void distribution_data(NX& n)
+void distribution_data(ModelLists& n)
 {
   for (auto& reff : n.reff)
     for (const auto* argument : reff.distrsym.s)

@@ -43,7 +43,7 @@ void specialise_expression_statements(model::NX& n);
 
 // PREDICT: likewise.
 void read_prediction_statements(model::NX& n);
-void specialise_prediction_statements(model::NX& n);
+void specialise_prediction_statements(model::ModelLists& n);
 
 // write_model_summary: "Specifications" and "ModelSummary", for a program that is only checked.
 void write_model_summary(model::NX& n);
@@ -61,11 +61,11 @@ void tvlspec(model::NX& n);
 // --- Shared by the stages ------------------------------------------------------------------------------------------
 
 // The place of a statement or option for a message.
-host::MessagePlace place_at(const model::NX& n, const char* statement, syntax::Position where);
+host::MessagePlace place_at(const model::ModelLists& n, const char* statement, syntax::Position where);
 // Hands the compiler's diagnostics to the log (group 200); returns the number of errors among them.
 int log_diagnostics(model::NX& n);
 // The variables of the input data set, as the compiler sees them.
-std::vector<engine::DataVariable> data_variables(const model::NX& n);
+std::vector<engine::DataVariable> data_variables(const model::ModelLists& n);
 // Ends the step with 3000 when an expression uses a random effect (message 33), data or an unknown name (38).
 void parameters_only(model::NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where);
 // Ends the step with 3000 when an expression uses a name that is neither a parameter nor known to the program (message
