@@ -31,6 +31,11 @@ double widest(const Ticks& ticks, double size)
   return w;
 }
 
+Ticks upright_ticks(const Axis& axis, double height, bool compact)
+{
+  return ticks_of(axis, std::max(2, static_cast<int>(height / (compact ? 45 : 55))));
+}
+
 // Ticks of a horizontal axis, thinned until their labels stand apart.
 Ticks fitting_ticks(const Axis& axis, double width, double size)
 {
@@ -45,13 +50,19 @@ Ticks fitting_ticks(const Axis& axis, double width, double size)
 
 } // namespace
 
+double label_room(const Axis& axis, double height)
+{
+  return widest(upright_ticks(axis, height, false), font_size);
+}
+
 Panel::Panel(Canvas& canvas, const PanelPlace& place, const Axis& x, const Axis& y, std::string_view heading,
              bool compact)
     : canvas_(canvas)
 {
   const double size = compact ? small_font_size : font_size;
-  const Ticks y_ticks = ticks_of(y, std::max(2, static_cast<int>(place.height / (compact ? 45 : 55))));
-  const double left = place.left + (compact || y.label.empty() ? 0 : size + 8) + widest(y_ticks, size) + 8;
+  const Ticks y_ticks = upright_ticks(y, place.height, compact);
+  const double left =
+      place.left + (compact || y.label.empty() ? 0 : size + 8) + std::max(y.label_room, widest(y_ticks, size)) + 8;
   // Half of the last label hangs over the right end.
   const double right = place.left + place.width - 14;
   const double top = place.top + (heading.empty() ? 8 : size + 10);

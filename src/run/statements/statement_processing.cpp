@@ -41,8 +41,7 @@ int log_diagnostics(NX& n)
                                                                              : host::Severity::error;
     message.text = d.text;
     // The place stands below warnings and errors; a note has it in its words, as a statement not of the user's has.
-    if (d.where.line > 0 &&
-        (message.severity == host::Severity::note || n.sources->source(d.where.source).generated))
+    if (d.where.line > 0 && (message.severity == host::Severity::note || n.sources->source(d.where.source).generated))
       message.text += " (" + n.sources->describe(d.where) + ")";
     const auto place = n.sources->place({}, d.where);
     message.file = place.program;
@@ -124,6 +123,23 @@ host::MessagePlace dependent_place(const NX& n)
   return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
 }
 
+// The first text of the column that is no number; where no text is one, how a number is made of them.
+message::dependent_is_character character_dependent(const std::string& name, const host::Column& column)
+{
+  std::size_t first = column.rows();
+  bool numbers = false;
+  for (std::size_t row = 0; row < column.rows(); ++row) {
+    if (column.is_missing(row)) continue;
+    const bool number = host::parse_number(column.text(row)).has_value();
+    numbers = numbers || number;
+    if (!number && first == column.rows()) first = row;
+  }
+  if (first == column.rows()) return {.name = name};
+  message::dependent_is_character out{.name = name, .row = first + 1, .value = column.text(first)};
+  if (!numbers) out.test = name + " = '" + column.text(first) + "'";
+  return out;
+}
+
 void refuse_character_dependent(NX& n)
 {
   const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
@@ -131,7 +147,9 @@ void refuse_character_dependent(NX& n)
   const bool assigned = symbol != nullptr && symbol->assigned;
   const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
   if (!character) return;
-  n.host->log().xpmlog(message::dependent_is_character{.name = n.depname}, dependent_place(n));
+  const auto words =
+      assigned ? message::dependent_is_character{.name = n.depname} : character_dependent(n.depname, *column);
+  n.host->log().xpmlog(words, dependent_place(n));
   tvlexit(n, 3000);
 }
 

@@ -86,7 +86,7 @@ constexpr CatalogueEntry entries[] = {
      "The name is misspelled, or the file lies in another folder.",
      "A one-level name is a CSV file in the program's folder or a name given with --data NAME=PATH; a quoted text is a "
      "path."},
-    {503, 9021, "library_not_bound", E, "The library {library} is not bound; known: {known}.", "",
+    {503, 9021, "library_not_bound", E, "The library {library} is not bound; known: {known}[; a file is named in quotes: '{file}'].", "",
      "Bind it with --library NAME=PATH. A file name such as data.csv is a path: put it in quotes."},
     {503, 9022, "bad_data_set_name", E,
      "{name} is not the name of a data set: NAME or LIBRARY.NAME, each of 1 to 32 letters, digits and underscores.", "",

@@ -83,7 +83,8 @@ constexpr CatalogueEntry entries[] = {
      "A misspelled parameter, or a variable of the data set.",
      "Mend the name; put a number in the place of a data variable, as ESTIMATE 'at dose 5' b0 + 5*b1;"},
     {503, 39, "dependent_is_character", E,
-     "The dependent variable {name} is a character variable[: row {row} holds \"{value}\"].",
+     "The dependent variable {name} is a character variable[: row {row} holds \"{value}\"][; a number is made of it by "
+     "event = ({test}), and MODEL takes event].",
      "A text such as NA in a column of numbers, or levels written as words.",
      "Replace such texts by empty fields in the file; compute a number from levels, as event = (outcome = 'yes');"},
     {503, 58, "more_starting_rows_than_one", W,
