@@ -4,6 +4,7 @@
 #include "optimizer/optimizer.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace torvale::solve {
@@ -98,6 +99,8 @@ public:
   }
 
 private:
+  static constexpr std::size_t at_once = 8; // subjects
+
   double& element(std::size_t i, std::size_t j) { return hessian_[i * np_ + j]; }
 
   bool evaluate(const std::vector<double>& theta)
@@ -198,23 +201,42 @@ private:
     const std::vector<double> up = n_.slot_grad;
     if (!shifted(k, -shift_)) return false;
     const std::size_t width = through_.size();
-    std::vector<double> block(np_ * width, 0.0), slope(np_);
+    std::vector<double> block(np_ * width, 0.0), slope(at_once * np_);
+    std::array<const double*, at_once> x{};
+    std::size_t waiting = 0;
     for (const auto& s : n_.outer().SubInfo) {
       const auto& rows = rows_[static_cast<std::size_t>(s.index)];
       if (s.badsub || k >= rows.size()) continue;
       const auto slot = static_cast<std::size_t>(s.index) * static_cast<std::size_t>(n_.grad_stride);
-      for (std::size_t i = 0; i < np_; ++i) slope[i] = s.weight * (up[slot + i] - n_.slot_grad[slot + i]);
-      const double* const x = x_.data() + static_cast<std::size_t>(rows[k]) * width;
-      for (std::size_t i = 0; i < np_; ++i) {
-        double* const to = block.data() + i * width;
-        const double d = slope[i];
-        for (std::size_t c = 0; c < width; ++c) to[c] += d * x[c];
-      }
+      double* const d = slope.data() + waiting * np_;
+      for (std::size_t i = 0; i < np_; ++i) d[i] = s.weight * (up[slot + i] - n_.slot_grad[slot + i]);
+      x[waiting++] = x_.data() + static_cast<std::size_t>(rows[k]) * width;
+      if (waiting < at_once) continue;
+      add_products(slope, x, waiting, block);
+      waiting = 0;
     }
+    add_products(slope, x, waiting, block);
     for (std::size_t i = 0; i < np_; ++i)
       for (std::size_t c = 0; c < width; ++c)
         element(i, static_cast<std::size_t>(through_[c])) += block[i * width + c] / (2.0 * shift_);
     return true;
+  }
+
+  // block += sum of d x' over that many subjects: the block is gone through once for all of them.
+  void add_products(const std::vector<double>& slope, std::array<const double*, at_once>& x, std::size_t subjects,
+                    std::vector<double>& block) const
+  {
+    const std::size_t width = through_.size();
+    if (subjects == 0) return;
+    for (std::size_t s = subjects; s < at_once; ++s) x[s] = x[0]; // times 0
+    for (std::size_t i = 0; i < np_; ++i) {
+      double d[at_once] = {};
+      for (std::size_t s = 0; s < subjects; ++s) d[s] = slope[s * np_ + i];
+      double* const to = block.data() + i * width;
+      for (std::size_t c = 0; c < width; ++c)
+        to[c] += ((d[0] * x[0][c] + d[1] * x[1][c]) + (d[2] * x[2][c] + d[3] * x[3][c])) +
+                 ((d[4] * x[4][c] + d[5] * x[5][c]) + (d[6] * x[6][c] + d[7] * x[7][c]));
+    }
   }
 
   // Both estimates of an element count alike.

@@ -160,4 +160,29 @@ TEST(Algebra, BernoulliLikelihoodTakesOneExponentialAndOneLogarithm)
   EXPECT_LE(program_size(*cmpspec(*m.compiler, outputs)).lane, 26);
 }
 
+// Exponentials of sums are products of a record's and a point's factor, but where one of these is out of range: then
+// the sum itself decides, as it does when its parts all but cancel.
+TEST(Algebra, ExponentialsOfSumsHoldOutsideTheRangeOfTheirFactors)
+{
+  const auto text = parse_program("z = exp(b1*x + u); p = 1/(1 + exp(-(u - b1*x))); w = log(p);");
+  Model m;
+  m.data("x", {-1000, -400, -349, -1, 0, 2, 351, 700, 1000, none});
+  m.compile(text->step.proc.program.statements, {"b1"}, {"u"});
+  m.theta = {1.0};
+  for (const double u : {0.5, 345.0, -345.0, 990.0, -990.0}) {
+    const auto v = m.run({m.symbol("z"), m.symbol("p"), m.symbol("w")}, {u});
+    for (std::size_t i = 0; i + 1 < m.columns[0].size(); ++i) {
+      const double x = m.columns[0][i];
+      const long double z = std::exp(static_cast<long double>(x) + u), eta = static_cast<long double>(u) - x;
+      if (z < 1e308L && z > 1e-305L) {
+        EXPECT_NEAR(v[0][i], static_cast<double>(z), 2e-15 * static_cast<double>(z)) << x << ", " << u;
+      }
+      EXPECT_NEAR(v[1][i], static_cast<double>(1 / (1 + std::exp(-eta))), 2e-15) << x << ", " << u;
+      EXPECT_NEAR(v[2][i], static_cast<double>(-softplus(-eta)), 2e-15 * std::max(1.0, std::fabs(x) + std::fabs(u)))
+          << x << ", " << u;
+    }
+    for (const auto& column : v) EXPECT_TRUE(std::isnan(column.back()));
+  }
+}
+
 } // namespace torvale::test

@@ -102,6 +102,7 @@ constexpr InfoRow info_rows[] = {
     {Kernel::erfc, {"erfc", 1, ""}},
     {Kernel::logistic, {"logistic", 1, ""}},
     {Kernel::softplus, {"softplus", 1, ""}},
+    {Kernel::exp_of_factors, {"exp_of_factors", 3, ""}},
     {Kernel::log1p_fraction, {"log1p_fraction", 3, ""}},
     {Kernel::logit, {"logit", 1, "LOGIT of a number not inside 0 to 1"}},
     {Kernel::log_add_exp, {"log_add_exp", 2, ""}},

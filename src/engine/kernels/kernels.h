@@ -87,6 +87,7 @@ enum class Kernel : std::uint16_t {
   erf, erfc,            // 1.5 ulp
   logistic,             // 1 / (1 + exp(-a))
   softplus,             // log(1 + exp(a))
+  exp_of_factors,       // a * b, or exp(c) where that is missing: exponentials of sums whose parts vary less often
   log1p_fraction,       // log(1 + a) for 0 <= a <= 1, given b = 1 + a and c = 1 / b: a part of softplus
   logit,                // log(a / (1 - a)); missing outside (0, 1)
   log_add_exp,          // log(exp(a) + exp(b))

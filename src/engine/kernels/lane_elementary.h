@@ -57,6 +57,14 @@ inline Lanes logistic(Lanes a)
   return if_else(a < Lanes{}, e * w, w);
 }
 
+// exp(c) from a = exp(r) and b = exp(s), r + s = c; 2.5 ulp. Where one of them is not given (missing) exp(c) itself.
+inline Lanes exp_of_factors(Lanes a, Lanes b, Lanes c)
+{
+  const Lanes product = a * b;
+  const Mask open = is_nan(product);
+  return any(open) ? if_else(open, natural_exp(c), product) : product;
+}
+
 // log(1 + a), 0 <= a <= 1, u = 1 + a, w = 1 / u; 1 ulp. What u has lost is put back: log(1 + a) = log u + (1 + a - u) /
 // u.
 inline Lanes log1p_fraction(Lanes a, Lanes u, Lanes w)

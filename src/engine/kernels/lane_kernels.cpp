@@ -166,6 +166,7 @@ KernelTable build_table(const char* isa)
   set<lane::erfc>(table, Kernel::erfc);
   set<lane::logistic>(table, Kernel::logistic);
   set<lane::softplus>(table, Kernel::softplus);
+  set<lane::exp_of_factors>(table, Kernel::exp_of_factors);
   set<lane::log1p_fraction>(table, Kernel::log1p_fraction);
   set<lane::logit>(table, Kernel::logit);
   set<lane::log_add_exp>(table, Kernel::log_add_exp);

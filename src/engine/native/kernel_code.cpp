@@ -141,6 +141,8 @@ public:
     case Kernel::log_or_zero:
     case Kernel::log_or_minus_infinity:
       return logarithm();
+    case Kernel::exp_of_factors:
+      return exp_of_factors();
     case Kernel::log1p_fraction:
       return log1p_fraction();
     case Kernel::exp_mean:
@@ -365,6 +367,17 @@ private:
     code_.combine(MaskOp::or_, m_, m_, n_);
     RareCall& rare = unless(m_, {a}, at.result);
     log_of_normal(a, at);
+    code_.L(rare.back);
+    return true;
+  }
+
+  bool exp_of_factors()
+  {
+    const int a = number(0), b = number(1), c = number(2), result = out();
+    code_.arithmetic(Arithmetic::multiply, t_, a, reg(b));
+    code_.compare(m_, Predicate::unordered, t_, reg(t_));
+    RareCall& rare = unless(m_, {a, b, c}, result);
+    code_.move(result, reg(t_));
     code_.L(rare.back);
     return true;
   }
