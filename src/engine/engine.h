@@ -144,7 +144,7 @@ std::string cmppnam(const CMPSYM* symbol);
 // DataView: the columns of one BY group, rows in subject order. Borrowed; constant while bound.
 struct DataColumn {
   int dsvarno = 0;
-  const double* numeric = nullptr;     // one per row, 64-byte aligned; null for a character column
+  const double* numeric = nullptr;     // one per row; null for a character column
   const std::int32_t* codes = nullptr; // character column: per row an index into dictionary
   const std::vector<std::string>* dictionary = nullptr;
 };
@@ -159,6 +159,9 @@ struct DataView {
 // BoundData: what a model computes from data alone, once per BY group, for all its programs. Constant afterwards.
 class BoundData;
 std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& view);
+// cmporder: the order in which Frame::set_records will go through the rows, all in all: what programs read of them is brought
+// into it once, and parts of this list are read where they stand. Borrowed until the next call. Not while frames run.
+void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count);
 
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
@@ -246,7 +249,8 @@ public:
   // computed for them once, at the first run of a program after this.
   void set_range(std::int64_t first, std::int64_t count);
   // The same for any rows in any order: until the next set_range, rows of a tile are places in this list. Borrowed.
-  // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers.
+  // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers:
+  // once for all where the rows are a part of cmporder's list, else at each call.
   void set_records(const std::int32_t* rows, std::int64_t count);
   // Adds by_row[r] to the predictor of row r wherever programs read it, until called with null. Borrowed. To be repeated when the
   // numbers have changed.

@@ -46,6 +46,11 @@ public:
   void end_step(int return_code) override;
 
   void xpsout(std::string_view line) override { list(std::string(line) + "\n"); }
+  void list_program(std::string title, std::string text) override
+  {
+    list("\n" + centred(title, listing_width) + "\n\n" + text);
+    step().listings.push_back({std::move(title), std::move(text)});
+  }
   void xpfput(std::string_view file, std::string_view line) override
   {
     TextFile& f = text_files_[std::string(file)];

@@ -2,7 +2,9 @@
 
 #include "integration/objective.h"
 
+#include "evaluation/likelihood_programs.h"
 #include "integration/subjects/evaluation_parts.h"
+#include "integration/subjects/slot_tree.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -43,6 +45,11 @@ void list_records(NX& n)
   const bool all = keeps_values(n);
   n.record_rows.clear();
   n.record_first.assign(1, 0);
+  if (n.nreff() > 0 && (all || std::all_of(n.store->badobs.begin(), n.store->badobs.end(),
+                                           [](BadCause cause) { return cause == BadCause::none; }))) {
+    for (const auto& s : n.leaf().SubInfo) n.record_first.push_back(s.first_row + s.SubCount);
+    return;
+  }
   const auto add = [&](std::int64_t first, std::int64_t count) {
     for (std::int64_t row = first; row < first + count; ++row)
       if (all || n.store->badobs[static_cast<std::size_t>(row)] == BadCause::none)
@@ -71,7 +78,7 @@ void list_levels(NX& n, Batch& batch)
       const int s = n.batch_subjects[static_cast<std::size_t>(i)];
       if (records_of(n, s) <= level) break;
       n.batch_records.push_back(
-          n.record_rows[static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)]);
+          n.record_row(static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)));
     }
     n.batch_levels.push_back(
         static_cast<std::int32_t>(static_cast<std::int64_t>(n.batch_records.size()) - batch.first_record));
@@ -170,6 +177,8 @@ void deal_batches(NX& n)
   if (n.nreff() == 0) return;
   const auto& leaves = n.leaf().SubInfo;
   if (leaves.empty()) return;
+  n.batch_records.reserve(static_cast<std::size_t>(n.record_first.back()));
+  n.batch_subjects.reserve(leaves.size());
   const long contexts = n.workers != nullptr ? n.workers->contexts() : 1;
   const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
   const std::int64_t mean_rows = n.store->nobs / static_cast<std::int64_t>(leaves.size()) + 1;
@@ -209,10 +218,11 @@ void size_slots_of_batches(const GroupState& n, BatchWork& b)
 void size_slots(NX& n)
 {
   const long slots = n.nreff() > 0 ? static_cast<long>(n.outer().SubInfo.size()) : observation_blocks(n);
-  n.grad_stride = (n.nparm + 7) / 8 * 8;
+  n.grad_stride = n.nparm;
   size(n.slot_value, slots);
   size(n.slot_grad, slots * n.grad_stride);
   size(n.slot_status, slots);
+  SlotTree(n.tree_sums, slots, 1 + static_cast<std::size_t>(n.nparm));
   n.slot_row.assign(static_cast<std::size_t>(slots), -1);
 }
 
@@ -239,8 +249,13 @@ void size_modes(NX& n)
 
 void size_contexts(NX& n)
 {
+  const bool gradient = n.dograd || n.nqpspec;
+  if (n.nreff() == 1 && n.method == 0 && n.adaptive && n.leaf().nqpr == 1 && gradient)
+    evaluation::specialise_single_point(n);
   list_records(n);
   deal_batches(n);
+  if (n.bound != nullptr)
+    engine::cmporder(*n.bound, n.batch_records.data(), static_cast<std::int64_t>(n.batch_records.size()));
   const std::size_t contexts = n.workers != nullptr ? static_cast<std::size_t>(n.workers->contexts()) : 1;
   n.ctx.resize(contexts);
   for (std::size_t c = 0; c < contexts; ++c) {
@@ -258,11 +273,13 @@ void size_contexts(NX& n)
   size_slots(n);
   size_modes(n);
   n.parmlast.clear();
+  forget_evaluation(n);
 }
 
 void forget_modes(NX& n)
 {
   n.ebtrial_point.clear();
+  forget_evaluation(n);
   if (n.nreff() == 0) return;
   const long length = place_modes(n), subjects = static_cast<long>(n.outer().SubInfo.size());
   for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, length);

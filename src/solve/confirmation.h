@@ -37,7 +37,7 @@ private:
   void settle(int code);
   bool stopped() const;
   bool doubtful(int code) const;
-  bool start_again();
+  bool start_again(bool by_turns);
   void move_to(const std::vector<double>& x);
   void to_the_edge();
   int failed_code();

@@ -119,10 +119,11 @@ void FitCoordinates::add_blocks(const NX& n, const model::REFFECT& reff, const d
         if (effects.size() > 1) usable = !s.applyh && (a == b ? at_most_nonnegative(n, s) : !s.applyl);
       }
     if (!usable) continue;
-    if (effects.size() == 1) { // the root keeps a bound that says more
+    if (effects.size() == 1) { // the root keeps a bound that says more than 0; the slack of a strict one is such
       const auto p = static_cast<std::size_t>(seen[0]);
       const PARMSTR& s = n.parmstr[p];
-      lower_[p] = at_most_nonnegative(n, s) ? (s.applyh ? -std::sqrt(s.highbound) : -largest) : std::sqrt(s.lowbound);
+      const bool above_zero = s.applyl && s.lowbound > 0.0;
+      lower_[p] = above_zero ? std::sqrt(s.lowbound) : s.applyh ? -std::sqrt(s.highbound) : -largest;
       if (s.applyh) upper_[p] = std::sqrt(s.highbound);
     } else {
       for (const int p : seen) {
@@ -254,6 +255,12 @@ bool FitCoordinates::at_upper(int i) const
 {
   const auto p = static_cast<std::size_t>(i);
   return upper_[p] < largest && upper_[p] - origin_[p] <= contact * std::abs(origin_[p]);
+}
+
+bool FitCoordinates::plain(int i) const
+{
+  const auto p = static_cast<std::size_t>(i);
+  return in_block_[p] == 0 && i != logarithm_ && fixed_[p] == 0 && lower_[p] == -largest && upper_[p] == largest;
 }
 
 bool FitCoordinates::inside(const double* t) const

@@ -24,7 +24,7 @@ std::vector<const engine::Program*> programs_of(const NX& n)
     if (code != nullptr) all.push_back(code);
   };
   for (const auto* const m : {&p.value, &p.gradient, &p.mode, &p.curvature, &p.linear, &p.linear_gradient, &p.cross,
-                              &p.factored.gradient, &p.factored.curvature})
+                              &p.closing, &p.closing_point, &p.factored.gradient, &p.factored.closing})
     add(m->code);
   add(p.factored.factors);
   for (const auto& reff : n.reff) {

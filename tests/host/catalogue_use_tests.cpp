@@ -81,6 +81,16 @@ TEST(Catalogue, EveryTextIsRaised)
   EXPECT_GT(rows, 200);
 }
 
+// Whoever meets a warning or an error reads what to do about it.
+TEST(Catalogue, EveryWarningAndErrorHasARemedy)
+{
+  for (const CatalogueEntry& e : catalogue()) {
+    if (e.severity == Severity::note) continue;
+    EXPECT_GE(e.advice.size(), 8u) << e.group << "/" << e.number << " " << e.name;
+    EXPECT_TRUE(e.advice.ends_with('.') || e.advice.ends_with(';')) << e.advice;
+  }
+}
+
 TEST(Catalogue, ArgumentsOutsideBracketsMustBeGiven)
 {
   static_assert(std::is_default_constructible_v<message::no_usable_observation>);

@@ -85,6 +85,13 @@ int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
+// sum_at_modes: the same together with what the search for modes reads, for modes::AtModes; where the mode is the only point
+// (closes_point) sum_points finds there what it needs.
+int sum_at_modes(const model::NX& n, model::TVLThreadCtx& ctx, int active);
+inline bool closes_point(const model::NX& n)
+{
+  return n.leaf().nqpr == 1 && n.method == 0 && n.programs.closing_point;
+}
 
 // subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).
 // Where derivatives are factored without what their products give; weights is then that slot's column, else null.

@@ -48,7 +48,8 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
   for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
   size(b.mode_sums, n.programs.mode.places * b.mode_stride);
-  size(b.curvature_sums, n.programs.curvature.places * b.mode_stride);
+  const model::ModelPrograms& p = n.programs;
+  size(b.curvature_sums, (p.closing ? p.closing_gradient(p.gradient.places) : p.curvature.places) * b.mode_stride);
 }
 
 void keep_trial_mode(NX& n, const model::TVLThreadCtx& ctx, int slot)

@@ -11,8 +11,8 @@ namespace {
 
 void report_failure(MINSTR* str, int code)
 {
-  // NONE has nothing to stop: its failures are told without the general line.
-  if (str->tech != NONE) send_message(str, 549, 4, code == code_limit ? str->zmsg : severity_warning);
+  // NONE has nothing to stop: its failures are told without the general line. A limit says the same by itself.
+  if (str->tech != NONE && code != code_limit) send_message(str, 549, 4, severity_warning);
   switch (code) {
   case code_start_objective:
     send_message(str, 549, 131, severity_error);

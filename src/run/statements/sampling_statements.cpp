@@ -143,6 +143,15 @@ void specialise_sampling_statements(NX& n)
   if (s.output == nullptr) tvlexit(n, 1016);
 }
 
+void complete_sample_output(NX& n)
+{
+  if (n.sampling.output == nullptr || !n.sampling.output->data().columns().empty()) return;
+  sampling::SamplerOptions o;
+  o.out = n.sampling.output;
+  o.nointegrate = true; // of the subjects nothing may be known
+  sampling::declare_sample_columns(n, o);
+}
+
 int run_sampler(NX& n, sampling::SampleDraws* draws)
 {
   const STMT& mcmc = *n.sampling.mcmc;
