@@ -26,6 +26,17 @@ TEST(Formats, LinesOfAProgram)
   EXPECT_TRUE(run.said(503, 9501)); // NA
 }
 
+TEST(Formats, LengthOfADataVariableIsAWord)
+{
+  const auto fit = [](const std::string& length) {
+    return run_text("TORVALE DATA=epil; LENGTH " + length +
+                    "; PARMS b=1; s = trt; MODEL y ~ POISSON(exp(b + 0*(s = 'placebo'))); RUN;");
+  };
+  EXPECT_TRUE(fit("trt $ 3").said(503, 9512));
+  EXPECT_TRUE(fit("age 4").said(503, 9512)); // the program does not use it
+  EXPECT_FALSE(fit("s $ 3").said(503, 9512));
+}
+
 TEST(Formats, AnUnknownFormatIsAnError)
 {
   const TemporaryFile data("y.csv", "y\n1\n2\n");
