@@ -24,6 +24,8 @@ namespace {
 constexpr double most_lengths = 100.0; // of a parameter in its unit
 constexpr int most_restarts = 4;       // of the technique
 constexpr int most_rounds = 12;        // of the trust region
+constexpr int most_extensions = 3;     // of default limits, while a round gains `much` in -2 log L
+constexpr double much = 1.0;
 
 } // namespace
 
@@ -84,7 +86,7 @@ bool FitEnd::quickly_confirmed()
   curvature.unturned();
   FitSurface surface(n_, *c);
   Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
-  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-3)) return false;
+  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-2)) return false;
   judgement_ = std::move(found);
   coordinates_ = std::move(c);
   return true;
@@ -143,7 +145,20 @@ bool FitEnd::go_on()
     coordinates_->parameters(start.data(), x.data());
   }
   move_to(x);
+  falling_ = 2.0 * (before - f_) >= much;
   return 2.0 * (before - f_) >= gain_allowed;
+}
+
+// The minimum to more digits. False when there are none to be had.
+bool FitEnd::sharpen()
+{
+  FitSurface surface(n_, *coordinates_);
+  const std::vector<double> origin(x_.size(), 0.0);
+  std::vector<double> x;
+  double f = 0.0;
+  if (!continue_fit(surface, origin, f_, x, f, &judgement_.curvature)) return false;
+  move_to(x);
+  return true;
 }
 
 // What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
@@ -206,15 +221,18 @@ int FitEnd::run()
   const double maxi = str.maxi, maxf = str.maxf;
   extend_default_limits(n_);
   settle(code);
-  for (const bool by_turns : {false, true}) {
-    if (!doubtful(code)) break;
+  for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
     extend_default_limits(n_);
-    if (!stopped() && start_again(by_turns)) settle(code);
+    settle(code);
+  }
+  if (doubtful(code)) {
+    extend_default_limits(n_);
+    if (!stopped() && start_again()) settle(code);
   }
   code = finish(code);
   str.maxi = maxi;
   str.maxf = maxf;
-  if (str.nitr > iterations)
+  if (str.nitr > iterations && 2.0 * (f_technique - f_) >= gain_allowed)
     n_.host->log().xpmlog(message::confirmation_lowered_objective{
         .iterations = static_cast<long>(str.nitr - iterations), .from = 2.0 * f_technique, .to = 2.0 * f_});
   return code;
@@ -223,9 +241,17 @@ int FitEnd::run()
 // Rounds of judging and going on, until a minimum is confirmed or nothing is gained.
 void FitEnd::settle(int code)
 {
+  bool sharpened = false;
   for (int round = 0;; ++round) {
     assess();
-    if (judgement_.minimum() || given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (judgement_.minimum()) {
+      if (judgement_.doubtful_curvature && !sharpened && sharpen()) {
+        sharpened = true;
+        continue;
+      }
+      return;
+    }
     if (!go_on() && round > 0) {
       assess();
       return;
@@ -245,11 +271,11 @@ bool FitEnd::doubtful(int code) const
 }
 
 // True when a run from the starting values leads to a better point.
-bool FitEnd::start_again(bool by_turns)
+bool FitEnd::start_again()
 {
   double f = 0.0;
   std::vector<double> x;
-  if (!fresh_start(n_, start_, scales_, by_turns, x, f) || 2.0 * (f_ - f) < gain_allowed) return false;
+  if (!fresh_start(n_, start_, scales_, x, f) || 2.0 * (f_ - f) < gain_allowed) return false;
   coordinates_.reset();
   move_to(x);
   return true;

@@ -34,10 +34,11 @@ private:
   bool quickly_confirmed();
   void assess();
   bool go_on();
+  bool sharpen();
   void settle(int code);
   bool stopped() const;
   bool doubtful(int code) const;
-  bool start_again(bool by_turns);
+  bool start_again();
   void move_to(const std::vector<double>& x);
   void to_the_edge();
   int failed_code();
@@ -47,6 +48,7 @@ private:
   std::unique_ptr<FitCoordinates> coordinates_;
   Judgement judgement_;
   bool accurate_ = false;
+  bool falling_ = false;       // the last round of the trust region gained much
   bool moved_ = false;         // the point is not the technique's own any more
   std::vector<double> x_;      // the point
   double f_ = 0.0;             // objective there

@@ -226,7 +226,8 @@ bool measure(FitSurface& surface, const std::vector<int>& free, double f, std::v
   // What rounding adds to gradients drowns their differences over a short step.
   constexpr double noticeable = 1e-8, longest = 0.5;
   out.noise = noise_of(surface, free, f);
-  if (surface.analytic() && out.noise > noticeable) {
+  if (out.noise <= noticeable) out.noise = 0.0;
+  if (surface.analytic() && out.noise > 0.0) {
     std::vector<double> by_scale(g);
     for (int i = 0; i < c.size(); ++i) by_scale[static_cast<std::size_t>(i)] *= c.scale(i) / before.scale(i);
     out.step = std::min(std::cbrt(out.noise), longest);

@@ -65,6 +65,15 @@ bool limits_reached(const MINSTR& str)
   return str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf || str.mtim >= str.upti;
 }
 
+bool out_of_iterations(const NX& n)
+{
+  const auto& procedure = n.proc->statements.front();
+  const MINSTR& str = *n.str;
+  const bool iterations = str.nitr >= str.maxi && !procedure.given(torvale_slot::maxiter);
+  const bool calls = static_cast<double>(str.nfct) >= str.maxf && !procedure.given(torvale_slot::maxfunc);
+  return (iterations || calls) && str.mtim < str.upti;
+}
+
 int code_of_failure(NX& n)
 {
   const MINSTR& str = *n.str;

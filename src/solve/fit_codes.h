@@ -21,6 +21,8 @@ bool default_limit(const model::ModelLists& n, int code);
 // extend_default_limits: 200 more iterations, and the calls that they take, where the limits are the defaults.
 void extend_default_limits(model::NX& n);
 bool limits_reached(const optimizer::MINSTR& str);
+// out_of_iterations: a limit is reached that the program did not set.
+bool out_of_iterations(const model::NX& n);
 
 // code_of_failure: the code of a fit that did not get to a minimum; its message replaces those of the technique.
 int code_of_failure(model::NX& n);

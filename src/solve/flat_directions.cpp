@@ -9,7 +9,7 @@ namespace torvale::solve {
 
 namespace {
 
-constexpr int most_passes = 3;    // each makes the directions better known, and so the next one's turn
+constexpr int most_passes = 5;    // each makes the directions better known, and so the next one's turn
 constexpr int most_trials = 12;   // of an interval
 constexpr double agreement = 0.2; // of the curvatures over two intervals: more is noise, or no curvature at all
 

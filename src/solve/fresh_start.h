@@ -9,15 +9,9 @@ namespace torvale::solve {
 
 // fresh_start: trust-region steps from `start`, measured by the parameters themselves, half of them at first: a first
 // step that was too long may have left the region that has the minimum. scales: units of parameters that start at zero;
-// may be empty.
-//
-// by_turns: the variance of a normal response is held while the other parameters go their way, then put where it fits
-// them, and so on. A variance that falls by orders of magnitude with the residuals narrows the valley that the others
-// are to follow; held, it leaves them the sum of squares.
-//
-// On return x holds the parameters of the best point, f the objective there. False when nothing was gained, or there is
-// no such variance.
-bool fresh_start(model::NX& n, const std::vector<double>& start, const std::vector<double>& scales, bool by_turns,
+// may be empty. On return x holds the parameters of the best point, f the objective there. False when nothing was
+// gained.
+bool fresh_start(model::NX& n, const std::vector<double>& start, const std::vector<double>& scales,
                  std::vector<double>& x, double& f);
 
 } // namespace torvale::solve

@@ -95,6 +95,8 @@ private:
   {
     // A curvature so slight that it gives less than the allowed gain over the coordinate's own unit is none.
     out_.tolerance = std::max(1e-8, 10.0 * out_.curvature.accuracy);
+    // Noise makes the coordinates' own differences coarse; turned directions have been tried over several lengths.
+    if (out_.curvature.turned && out_.curvature.noise > 0.0) out_.tolerance = std::min(out_.tolerance, 0.05);
     for (int k = 0; k < m(); ++k) {
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
       if (value > out_.tolerance) continue;
@@ -117,10 +119,15 @@ private:
   void reduction()
   {
     out_.gain = 0.0;
+    double slope = 0.0, least = 1.0;
     for (int k = 0; k < m(); ++k) {
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
-      if (value > out_.tolerance) out_.gain += along(k) * along(k) / value;
+      slope = std::max(slope, std::abs(along(k)));
+      if (!(value > out_.tolerance)) continue;
+      least = std::min(least, value);
+      out_.gain += along(k) * along(k) / value;
     }
+    out_.doubtful_curvature = least < 1e-2 && slope > 0.1 * least;
   }
 
   // Change of -2 log L from 0 to a times eigenvector k, or a times coordinate i; largest when the way ends before.
@@ -166,7 +173,8 @@ private:
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
     const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
-    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= gain_allowed &&
+    const double back = home != 0.0 && std::isfinite(home) ? change_along(k, home) : 0.0;
+    const bool whole = back >= gain_allowed && back < largest &&
                        outward([&](double a) { return change_along(k, a); }, -home) < gain_allowed;
     for (int i = 0; i < m(); ++i) {
       const int own = out_.curvature.free[static_cast<std::size_t>(i)];
@@ -216,7 +224,7 @@ private:
   double way_home(int j) const
   {
     const FitCoordinates& c = surface_.coordinates();
-    return -std::copysign(c.own_size(j), c.origin(j)) / c.scale(j);
+    return std::clamp(-std::copysign(c.own_size(j), c.origin(j)) / c.scale(j), c.lower(j), c.upper(j));
   }
 
   // The change at the longest of the steps a, a/2, a/4, ... that can be evaluated, or at half of that, where the edge

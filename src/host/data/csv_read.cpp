@@ -149,7 +149,7 @@ private:
   }
   void note_codes();
   void note_encoding();
-  void warn_of_blanks();
+  bool warn_of_blanks();
 
   std::string file_;
   MessageSink& log_;
@@ -443,19 +443,20 @@ void CsvReader::note_encoding()
 }
 
 // One column whose name and texts hold blanks: they were meant to separate.
-void CsvReader::warn_of_blanks()
+bool CsvReader::warn_of_blanks()
 {
-  if (columns_.size() != 1 || columns_[0].type != Type::text || columns_[0].name.find(' ') == std::string::npos) return;
+  if (columns_.size() != 1 || columns_[0].type != Type::text || columns_[0].name.find(' ') == std::string::npos) return false;
   for (const std::string& text : columns_[0].texts.dictionary())
-    if (!text.empty() && text.find(' ') == std::string::npos) return;
+    if (!text.empty() && text.find(' ') == std::string::npos) return false;
   log_.xpmlog(message::blanks_do_not_separate{.file = file_, .name = columns_[0].name});
+  return true;
 }
 
 void CsvReader::notes()
 {
   note_codes();
   note_encoding();
-  warn_of_blanks();
+  if (warn_of_blanks()) return;
   const bool any_comma = std::any_of(columns_.begin(), columns_.end(),
                                      [](const FileColumn& c) { return c.type == Type::number && c.seen.comma; });
   for (const FileColumn& c : columns_) {

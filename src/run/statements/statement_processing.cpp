@@ -293,6 +293,22 @@ void warn_unused_parameters(NX& n)
   }
 }
 
+// Texts of the data have the length that they have.
+void warn_of_lengths(NX& n)
+{
+  for (const auto* const s : n.proc->program.statements) {
+    if (s->kind != syntax::StatementKind::attributes) continue;
+    const auto& declared = *static_cast<const syntax::AttributeDeclaration*>(s);
+    if (!declared.has_length) continue;
+    for (const std::string_view name : declared.names) {
+      const auto* const symbol = engine::cmpsyms(*n.gcmp, name);
+      if (n.fid->xvfind(name) == host::DataSet::npos || (symbol != nullptr && symbol->assigned)) continue;
+      n.host->log().xpmlog(message::length_of_data_variable{.name = name}, place_at(n, "LENGTH", s->where));
+      n.raise(4);
+    }
+  }
+}
+
 void list_derivatives(NX& n)
 {
   const auto show = [&](const std::string& title, std::initializer_list<const engine::CMPDER*> requests) {
@@ -368,6 +384,7 @@ void tvlinit(NX& n)
   read_sampling_statements(n);
   distribution_data(n);
   warn_unused_parameters(n);
+  warn_of_lengths(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;
   if (engine::cmpgen(*n.gcmp) != 0) {
     log_diagnostics(n);
