@@ -124,7 +124,7 @@ def fault(binary, folder):
     except ValueError as e:
         return 'results are no JSON: %s' % e
     for name, value in numbers_of(results):
-        if abs(value) > 1e305 and name not in ('Parameters', 'IterHistory'):
+        if abs(value) > 1e305 and name not in ('Parameters', 'StartingValues', 'IterHistory'):
             return 'table %s shows %g' % (name, value)
     return None
 

@@ -192,22 +192,28 @@ bool measure_by_values(FitSurface& surface, double f, Curvature& out)
   return true;
 }
 
-// Half the second differences of the objective over steps so short that curvature has no part in them.
+// What second differences of the objective have beyond curvature, over the shortest steps that a parameter can make
+// well; 1 where a standard error is no more than a few units in its last place, and every step is rounding.
 double noise_of(FitSurface& surface, const std::vector<int>& free, double f)
 {
-  constexpr double near = 1e-6;
   constexpr std::size_t most = 3; // coordinates looked at
+  constexpr double unit = std::numeric_limits<double>::epsilon(), few = 8.0, many = 64.0, shortest = 1e-6;
+  const FitCoordinates& c = surface.coordinates();
+  for (const int i : free)
+    if (c.plain(i) && c.scale(i) < few * unit * c.own_size(i)) return 1.0;
   double noise = 0.0;
-  std::vector<double> t(static_cast<std::size_t>(surface.coordinates().size()), 0.0);
+  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
   for (std::size_t k = 0; k < std::min(most, free.size()); ++k) {
-    double& ti = t[static_cast<std::size_t>(free[k])];
+    const int i = free[k];
+    const double step = std::max(shortest, many * unit * c.own_size(i) / c.scale(i));
+    double& ti = t[static_cast<std::size_t>(i)];
     double up = 0.0, down = 0.0;
-    ti = near;
+    ti = step;
     bool good = surface.value(t.data(), up);
-    ti = -near;
+    ti = -step;
     good = good && surface.value(t.data(), down);
     ti = 0.0;
-    if (good) noise = std::max(noise, 0.5 * std::abs((up - f) + (down - f)));
+    if (good) noise = std::max(noise, 0.5 * std::abs((up - f) + (down - f)) - step * step);
   }
   return noise;
 }

@@ -173,8 +173,8 @@ private:
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
     const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
-    const double back = home != 0.0 && std::isfinite(home) ? change_along(k, home) : 0.0;
-    const bool whole = back >= gain_allowed && back < largest &&
+    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= gain_allowed &&
+                       c.inside(t_.data()) &&
                        outward([&](double a) { return change_along(k, a); }, -home) < gain_allowed;
     for (int i = 0; i < m(); ++i) {
       const int own = out_.curvature.free[static_cast<std::size_t>(i)];

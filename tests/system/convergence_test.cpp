@@ -229,14 +229,24 @@ TEST(Convergence, VarianceAtTheSlackOfItsBound)
 {
   std::string csv = "id,x,y\n";
   for (int i = 0; i < 48; ++i)
-    csv += std::to_string(i / 4) + "," + std::to_string(i * 5 % 7 - 3) + "," +
-           std::to_string((i * i + 3 * (i % 4)) % 5 == 0) + "\n";
+    csv += std::to_string(i / 4) + "," + std::to_string(i * 5 % 7 - 3) + "," + (i % 4 < 2 ? "1" : "0") +
+           "\n"; // as many of each in all subjects
   const std::string tail = "; BOUNDS v > 0; p = LOGISTIC(b0 + b1*x + u*";
   for (const std::string unit : {"1", "1000"}) {
     const auto run = fit_data(csv, "; PARMS b0=0 b1=0 v=1E-6" + tail + unit +
                                        "); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, v) SUBJECT=id; RUN;");
     EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
     EXPECT_NEAR(run.number("ParameterEstimates", "v", "Estimate"), 1e-8, 1e-12) << unit << run.log;
+  }
+}
+
+// A line through two points: the variance has no minimum, and what stops it is rounding.
+TEST(Convergence, ExactFitsAreNone)
+{
+  for (const std::string csv : {"x,y\n-0.868,1.774\n0.847,0.861\n", "x,y\n1.431,0.423\n0.401,-1.191\n"}) {
+    const auto run = fit_data(csv, "; PARMS b0=0 b1=0 s2=1; MODEL y ~ NORMAL(b0 + b1*x, s2); RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
+    EXPECT_TRUE(run.said(503, 9411)) << run.log;
   }
 }
 
