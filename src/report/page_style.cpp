@@ -72,7 +72,7 @@ th,td{padding:.24rem .5rem}}
 body{font-size:10pt}.page{display:block;max-width:none;padding:0}nav{display:none}.wide{overflow:visible}
 table{font-size:8.5pt}th,td{padding:.15rem .4rem}th:first-child,td:first-child{position:static}
 h2,h3,caption{break-after:avoid}figure,tr,.verdict,.messages li{break-inside:avoid}thead{display:table-header-group}
-.pictures{display:block}figure{margin-bottom:1.2rem;max-width:30rem}figure.full{max-width:none}.program{white-space:pre-wrap;background:none;padding:0}}
+.pictures{display:block}figure{display:inline-block;width:48.5%;margin:0 1% 1.2rem 0;vertical-align:top}figure.full{display:block;width:auto}.program{white-space:pre-wrap;background:none;padding:0}}
 )css";
 
 } // namespace
