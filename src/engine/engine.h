@@ -230,6 +230,7 @@ struct Fault {
 struct PutLine {
   std::string target; // LOG, PRINT, or the name of a file
   bool is_file = false;
+  bool append = false; // behind what the file holds
   std::string text;
 };
 // True when the program has PUT statements. They write nothing in `run`; run_put executes them for one lane.

@@ -1,5 +1,6 @@
 // Formats and dates from a program's text to its lines.
 
+#include "data_files.h"
 #include "session.h"
 
 #include <gtest/gtest.h>
@@ -52,6 +53,27 @@ TEST(Formats, TextsBesideDatesAreDates)
   };
   EXPECT_NE(lines("").find("\n1 1 \n2 0 \n4 . \n"), std::string::npos) << lines("");
   EXPECT_NE(lines("(WHERE=(day >= '2024-02-01'))").find("\n2 0 \nNOTE"), std::string::npos);
+}
+
+TEST(Formats, OptionsOfAFile)
+{
+  const Folder out;
+  const auto write = [&](const std::string& options) {
+    const auto run = run_text("TORVALE DATA=epil(LASTROW=2); PARMS m=1; FILE 'lines.txt' " + options +
+                                  "; PUT 'gr\xC3\xB6\xC3\x9F' 'er' trt; MODEL y ~ POISSON(exp(m)); RUN;",
+                              "examples", 0, {}, false, 0, out.path());
+    EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+    return read_text(out.file("lines.txt"));
+  };
+  const std::string line = "gr\xC3\xB6\xC3\x9F"
+                           "er"
+                           "placebo ";
+  EXPECT_EQ(write(""), line + "\n" + line + "\n");
+  EXPECT_EQ(write("LRECL=3 DROPOVER"), "gr\xC3\xB6\ngr\xC3\xB6\n");
+  EXPECT_EQ(write("MOD LRECL=16 PAD").substr(10), line + "  \n" + line + "  \n");
+  EXPECT_EQ(write("LS=9 OLD"), "gr\xC3\xB6\xC3\x9F"
+                               "erpla\ncebo \ngr\xC3\xB6\xC3\x9F"
+                               "erpla\ncebo \n");
 }
 
 TEST(Formats, AnUnknownFormatIsAnError)

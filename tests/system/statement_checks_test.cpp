@@ -15,7 +15,7 @@ namespace {
 struct Parts {
   std::string data = "DATA=epil", tolerance, seed, method, technique;
   std::string by;
-  std::string model = "MODEL y ~ NORMAL(mu, s2);", second_model;
+  std::string model = "MODEL y ~ NORMAL(mu, s2);";
   std::string parms = "PARMS b0=8 v=10 s2=50;", second_parms;
   std::string random = "RANDOM u ~ NORMAL(0, v) SUBJECT=subject;", second_random;
   std::string mcmc, replicate, bounds, estimate, contrast;
@@ -25,8 +25,7 @@ struct Parts {
     std::string text = "TORVALE " + data + " " + tolerance + " " + seed + " " + method + " " + technique + ";\n";
     for (const std::string* part : {&by, &parms, &second_parms}) text += *part + "\n";
     text += "mu = b0 + u;\n";
-    for (const std::string* part :
-         {&model, &second_model, &random, &second_random, &mcmc, &replicate, &bounds, &estimate, &contrast})
+    for (const std::string* part : {&model, &random, &second_random, &mcmc, &replicate, &bounds, &estimate, &contrast})
       text += *part + "\n";
     return text + "RUN;\n";
   }
@@ -49,30 +48,39 @@ const std::vector<Check>& checks()
       {"ToleranceTooSmall", 134, 1012, {{&Parts::tolerance, "QTOL=1e-16"}}},
       {"SeedTooLarge", 140, 3000, {{&Parts::seed, "SEED=9007199254740992"}}},
       {"NoModel", 2, 3000, {{&Parts::model, ""}}},
-      {"TwoModels", 12, 3000, {{&Parts::second_model, "MODEL base ~ NORMAL(b0, 1);"}}},
+      {"TwoModels", 12, 3000, {{&Parts::model, "MODEL y ~ NORMAL(mu, s2); MODEL base ~ NORMAL(b0, 1);"}}},
       {"ResponseOfCharacters", 39, 3000, {{&Parts::model, "MODEL trt ~ NORMAL(mu, s2);"}}},
       {"TwoParms", 12, 3000, {{&Parts::second_parms, "PARMS c=1;"}}},
       {"ParameterTwice", 237, 1012, {{&Parts::parms, "PARMS b0=8 v=10 s2=50 b0=1;"}}},
       {"ParameterWithoutValue", 235, 1012, {{&Parts::parms, "PARMS b0=8 v=10 s2;"}}},
       {"TwoMcmc", 12, 3000, {{&Parts::mcmc, "MCMC SAMPLES=1; MCMC SAMPLES=2;"}}},
-      {"FirstOrderWithoutRandom", 331, 3000, {{&Parts::random, ""}, {&Parts::method, "METHOD=FIRO"}}},
-      {"EmpiricalWithoutRandom", 141, 3000, {{&Parts::random, ""}, {&Parts::method, "EMPIRICAL"}}},
+      {"FirstOrderWithoutRandom",
+       331,
+       3000,
+       {{&Parts::random, ""}, {&Parts::second_random, ""}, {&Parts::method, "METHOD=FIRO"}}},
+      {"EmpiricalWithoutRandom",
+       141,
+       3000,
+       {{&Parts::random, ""}, {&Parts::second_random, ""}, {&Parts::method, "EMPIRICAL"}}},
       {"FirstOrderWithLevels",
        501,
        3000,
        {{&Parts::second_random, "RANDOM w ~ NORMAL(0, v) SUBJECT=period(subject);"}, {&Parts::method, "METHOD=FIRO"}}},
       {"TriangleIncomplete", 15, 1012, {{&Parts::random, "RANDOM u ~ NORMAL(0, v, v) SUBJECT=subject;"}}},
+      {"SubjectUnknown", 9, 3000, {{&Parts::random, "RANDOM u ~ NORMAL(0, v) SUBJECT=nobody;"}}},
       {"EffectAtTwoLevels", 506, 3000, {{&Parts::second_random, "RANDOM u ~ NORMAL(0, v) SUBJECT=period(subject);"}}},
       {"LevelsNotNested", 504, 3000, {{&Parts::second_random, "RANDOM w ~ NORMAL(0, v) SUBJECT=period;"}}},
-      {"TrapezoidOfTwoEffects", 23, 1012, {{&Parts::random, two_effects}, {&Parts::method, "METHOD=HARDY"}}},
+      {"TrapezoidOfTwoEffects",
+       23,
+       1012,
+       {{&Parts::random, two_effects}, {&Parts::second_random, ""}, {&Parts::method, "METHOD=HARDY"}}},
       {"TwoReplicates", 12, 3000, {{&Parts::replicate, "REPLICATE base; REPLICATE age;"}}},
-      {"BoundsCross", 250, 1012, {{&Parts::bounds, "BOUNDS b0 > 2, b0 < 1;"}}},
+      {"ReplicateUnknown", 22, 3000, {{&Parts::replicate, "REPLICATE nobody;"}}},
+      {"BoundsCross", 9310, 1012, {{&Parts::bounds, "BOUNDS b0 > 2, b0 < 1;"}}},
       {"BoundBetweenParameters", 251, 1012, {{&Parts::bounds, "BOUNDS b0 < v;"}}},
       {"BoundOfNoParameter", 252, 1012, {{&Parts::bounds, "BOUNDS 0 < nobody;"}}},
       {"GridTooLarge", 500, 1012, {{&Parts::parms, "PARMS b0=1 to 100000 by 1 v=1 to 100000 by 1 s2=50;"}}},
       {"ResponseUnknown", 5, 3000, {{&Parts::model, "MODEL nowhere ~ NORMAL(mu, s2);"}}},
-      {"SubjectUnknown", 9, 3000, {{&Parts::random, "RANDOM u ~ NORMAL(0, v) SUBJECT=nobody;"}}},
-      {"ReplicateUnknown", 22, 3000, {{&Parts::replicate, "REPLICATE nobody;"}}},
       {"EstimateOfEffect", 33, 3000, {{&Parts::estimate, "ESTIMATE 'e' b0 + u;"}}},
       {"ContrastOfData", 38, 3000, {{&Parts::contrast, "CONTRAST 'c' b0*base;"}}},
   };

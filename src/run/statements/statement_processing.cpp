@@ -225,7 +225,7 @@ void random_statements(NX& n, const STMT& procedure)
   for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
   if (n.method == 2 && n.leaf().nr != 1) {
     log.xpmlog(message::hardy_needs_one_effect{.count = n.leaf().nr}, place_at(n, "RANDOM", statements[0]->where));
-    tvlexit(n, 3000);
+    tvlexit(n, 1012);
   }
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
@@ -359,6 +359,7 @@ void tvlinit(NX& n)
   model_statement(n);
   refuse_character_dependent(n);
   parameter_setup(n);
+  sampling_statement(n);
   random_statements(n, procedure);
   method_outputs(n, procedure);
   replicate_statement(n);
