@@ -247,7 +247,8 @@ public:
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);
 
-  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed. What depends on
+  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed; all `stride` values of an
+  // effect may be read. What depends on
   // random effects alone is computed once for the `points` points at the first run of a program after this.
   void set_points(const double* ran, int points, int stride);
 

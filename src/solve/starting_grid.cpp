@@ -130,6 +130,7 @@ int tvlparm(NX& n)
   n.objfun = n.savepoint[0].obj;
   if (keeps_modes(n)) {
     n.ebes = n.ebesold;
+    n.ebes_point.clear();
     n.ebes_known = n.ebesold_known;
   }
   return 0;
