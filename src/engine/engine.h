@@ -180,6 +180,8 @@ std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPS
 bool sequential(const Program& program);
 // True when the model has a DELETE statement that some record can reach.
 bool deletes_records(const CMPGLOBAL& gcmp);
+// True when the model takes values from one record to the next (RETAIN, sums, lags): it asks where subjects start.
+bool keeps_values(const CMPGLOBAL& gcmp);
 // True when output k depends on random effects (else it is the same for all points of an observation).
 bool varies_by_point(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.
