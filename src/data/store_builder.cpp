@@ -77,6 +77,7 @@ void set_subjects(NX& n, std::size_t level, const SubjectRows& rows)
 // Kept and lagged values start anew with each leaf: what a record yields depends on the effects of its own chain only.
 void set_starts(const NX& n, Store& store)
 {
+  store.subject_start.assign(static_cast<std::size_t>(store.nobs), 0);
   for (const auto& leaf : n.leaf().SubInfo)
     std::fill_n(store.subject_start.begin() + leaf.first_row, leaf.SubCount, static_cast<std::int32_t>(leaf.first_row));
 }
@@ -152,9 +153,8 @@ int tvlenvt(NX& n)
     }
     set_rows(store, index.order);
     index.order = {};
-    store.subject_start.assign(static_cast<std::size_t>(store.nobs), 0);
     for (std::size_t k = n.reff.size(); k-- > 0;) set_subjects(n, k, index.level[k]);
-    set_starts(n, store);
+    if (engine::keeps_values(*n.gcmp)) set_starts(n, store);
     report_order(n, n.outer(), index);
   } else {
     if (n.rows.rows() == 0) {
@@ -164,12 +164,11 @@ int tvlenvt(NX& n)
     }
     store.nobs = static_cast<std::int64_t>(n.rows.rows());
     store.badobs.assign(n.rows.rows(), model::BadCause::none);
-    store.subject_start.assign(static_cast<std::size_t>(store.nobs), 0);
   }
 
   store.view.rows = store.nobs;
   for (const engine::CMPSYM* symbol : engine::cmppdv(*n.gcmp).variables) keep_column(n, store, *symbol);
-  store.view.subject_start = store.subject_start.data();
+  store.view.subject_start = store.subject_start.empty() ? nullptr : store.subject_start.data();
   n.bound = engine::cmpbind(*n.gcmp, store.view);
   return 0;
 }

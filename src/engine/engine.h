@@ -188,6 +188,8 @@ Predictor cmppredictor(CMPGLOBAL& gcmp, std::span<const Program* const> programs
 bool sequential(const Program& program);
 // True when the model has a DELETE statement that some record can reach.
 bool deletes_records(const CMPGLOBAL& gcmp);
+// True when the model takes values from one record to the next (RETAIN, sums, lags): it asks where subjects start.
+bool keeps_values(const CMPGLOBAL& gcmp);
 // True when output k depends on random effects (else it is the same for all points of an observation).
 bool varies_by_point(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.
@@ -258,7 +260,8 @@ public:
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);
 
-  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed. What depends on
+  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed; all `stride` values of an
+  // effect may be read. What depends on
   // random effects alone is computed once for the `points` points at the first run of a program after this.
   void set_points(const double* ran, int points, int stride);
 

@@ -168,6 +168,14 @@ long slots_of_a_batch(const NX& n)
   return static_cast<long>(std::clamp(most_sums / sums, 1.0, static_cast<double>(batch_slots)));
 }
 
+// So many subjects that the lanes of a level fill whole strips, or half of one.
+long whole_strips(std::int64_t slots)
+{
+  constexpr std::int64_t strip = 128;
+  if (slots > strip / 2) return static_cast<long>((slots + strip - 1) / strip * strip);
+  return static_cast<long>(slots > strip / 4 ? strip / 2 : std::max<std::int64_t>(slots, 1));
+}
+
 // Whole nests in order, until a batch has rows enough for full tiles; smaller batches when workers would stand idle.
 void deal_batches(NX& n)
 {
@@ -186,7 +194,8 @@ void deal_batches(NX& n)
   const std::int64_t most_rows =
       keeps_values(n) ? std::min(std::max(batch_rows, enough), std::max(share, lanes_of_a_record * mean_rows))
                       : std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
-  const long most_slots = slots_of_a_batch(n);
+  const long most_slots = std::min(slots_of_a_batch(n), whole_strips(most_rows / mean_rows));
+  const std::int64_t row_limit = 2 * most_rows; // subjects of many more records than the mean
   Batch batch;
   std::int64_t first_row = 0;
   const int nests = static_cast<int>(n.outer().SubInfo.size());
@@ -197,7 +206,7 @@ void deal_batches(NX& n)
     const auto contents = static_cast<int>(n.batch_subjects.size());
     const int slots = contents - batch.first;
     const std::int64_t rows = subject.first_row + subject.SubCount - first_row;
-    if (slots > 0 && (rows > most_rows || slots + (last - first) > most_slots)) close_batch(n, batch, contents, nest);
+    if (slots > 0 && (rows > row_limit || slots + (last - first) > most_slots)) close_batch(n, batch, contents, nest);
     if (contents == batch.first) first_row = subject.first_row;
     for (int leaf = first; leaf < last; ++leaf)
       if (!leaves[static_cast<std::size_t>(leaf)].badsub) n.batch_subjects.push_back(leaf);
@@ -284,6 +293,10 @@ void forget_modes(NX& n)
   const long length = place_modes(n), subjects = static_cast<long>(n.outer().SubInfo.size());
   for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, length);
   for (std::vector<char>* v : {&n.ebes_known, &n.ebtrial_known}) size(*v, subjects);
+  const bool predicted = n.nreff() == 1 && n.programs.closing && !n.programs.factored;
+  for (std::vector<float>* v : {&n.ebes_by, &n.ebtrial_by}) size(*v, predicted ? length * n.nparm : 0);
+  n.ebtrial_by_known = false;
+  n.ebes_point.clear();
 }
 
 } // namespace torvale::integration

@@ -96,6 +96,7 @@ void prepare(NX& n)
   }
   std::fill(n.ebtrial_known.begin(), n.ebtrial_known.end(), static_cast<char>(0));
   n.ebtrial_point.clear();
+  n.ebtrial_by_known = false;
   forget_evaluation(n);
 }
 
@@ -253,8 +254,12 @@ int tvllike(NX& n)
   for (auto& ctx : n.ctx) std::fill(ctx->batch.null_scale.begin(), ctx->batch.null_scale.end(), 0.0);
   bool ended = false;
   const bool good = evaluate_slots(n, ended);
+  bool limited = false;
   if (good && n.dograd && n.nreff() > 0)
-    if (GradientLimit limit(n); limit.needed()) limit.take();
+    if (GradientLimit limit(n); limit.needed()) {
+      limit.take();
+      limited = true; // what the last pass has left are not the derivatives of the modes
+    }
   if (good) sum_slots(n);
   if (!good || !(n.objfun < model::failure_objective)) {
     take_failure(n);
@@ -262,6 +267,7 @@ int tvllike(NX& n)
   } else {
     n.ebtrial_point = n.parm;
     n.evaluated = n.dograd ? Evaluated::gradient : Evaluated::value;
+    n.ebtrial_by_known = n.dograd && !n.ebtrial_by.empty() && !limited;
     n.evaluated_objfun = n.objfun;
     if (n.dograd) n.goodgrad = n.objgrad;
   }
@@ -273,6 +279,13 @@ int tvllike(NX& n)
 void accept_modes(NX& n)
 {
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
+  if (n.ebtrial_by_known) {
+    n.ebes_by.swap(n.ebtrial_by);
+    n.ebes_point = n.parm;
+    n.ebtrial_by_known = false;
+  } else if (n.ebes_point != n.parm) {
+    n.ebes_point.clear();
+  }
   for (std::size_t s = 0; s < n.ebtrial_known.size(); ++s) {
     if (n.ebtrial_known[s] == 0) continue;
     int first = static_cast<int>(s), last = first + 1; // level by level: what is nested in it

@@ -78,6 +78,7 @@ struct BatchWork : Priors {
   int levels = 0;
   const std::int32_t* rows = nullptr; // store rows of these records
   std::vector<ModeSearch> search;    // per slot
+  std::vector<double> parameter_step; // from the point of the accepted modes
   // Modes, per slot.
   std::vector<double> z;             // nr: mode, or trial point of the search
   std::vector<double> zold;          // nr: last accepted point of the search

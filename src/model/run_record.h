@@ -222,6 +222,11 @@ struct GroupState {
   enum class Evaluated : char { nothing, value, gradient };
   Evaluated evaluated = Evaluated::nothing;   // what the slots hold of that point
   double evaluated_objfun = 0.0;              // the objective there
+  // Derivatives of the modes by the parameters, nr x np a subject, with one level; empty: not kept. They tell where the modes of
+  // a nearby point are.
+  std::vector<float> ebes_by, ebtrial_by;     // of the accepted modes, and of the last evaluation's
+  bool ebtrial_by_known = false;              // that one had a gradient
+  std::vector<double> ebes_point;             // point of ebes_by; empty: there are none
   std::vector<double> ebesold;                // modes of the best grid point
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker

@@ -38,7 +38,7 @@ struct Store {
   std::int64_t nobsu = 0;                             // rows used: not marked in badobs
   engine::DataView view;                              // the columns as the engine takes them
   std::vector<std::vector<std::string>> dictionaries; // texts of the character columns (view points into it)
-  host::RowVector<std::int32_t> subject_start;        // per row: row where its subject starts
+  host::RowVector<std::int32_t> subject_start;        // per row: row where its subject starts; empty where nobody asks
   // Per row its position in the BY group, from 0 (observation number less one), and the inverse; both empty where the
   // group is in subject order already.
   host::RowVector<std::int32_t> group_order, store_order;

@@ -24,8 +24,10 @@ constexpr double largest = std::numeric_limits<double>::max();
 template <int NR> class LockstepSearch {
 public:
   LockstepSearch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
-      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2), at_modes_(at_modes)
+      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2), at_modes_(at_modes),
+        predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm)
   {
+    for (std::size_t j = 0; predicts_ && j < n.parm.size(); ++j) b_.parameter_step[j] = n.parm[j] - n.ebes_point[j];
   }
 
   int run()
@@ -58,6 +60,8 @@ public:
   }
 
 private:
+  static constexpr int capacity = JointDensity<NR>::capacity;
+
   // Those of the first `count` active slots that are not found go on, and stay active when they need another
   // evaluation.
   void advance_all(int count, const double* sums)
@@ -98,7 +102,7 @@ private:
     }
   }
 
-  // z = L^-1 (u - m) of the accepted mode; a direction without variance stays at its mean.
+  // z = L^-1 (u - m) of the accepted mode, moved with the parameters; a direction without variance stays at its mean.
   void place_start(int slot)
   {
     const auto subject = static_cast<std::size_t>(b_.subject[static_cast<std::size_t>(slot)]);
@@ -109,6 +113,23 @@ private:
       return;
     }
     const double* const u = n_.ebes.data() + subject * static_cast<std::size_t>(nr());
+    standardize(slot, u, to);
+    if (!predicts_) return;
+    double ahead[capacity], z_ahead[capacity];
+    for (int i = 0; i < nr(); ++i) ahead[i] = u[i];
+    const float* by = n_.ebes_by.data() + subject * static_cast<std::size_t>(nr() * n_.nparm);
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < n_.nparm; ++j) ahead[i] += static_cast<double>(*by++) * b_.parameter_step[static_cast<std::size_t>(j)];
+    standardize(slot, ahead, z_ahead);
+    // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
+    constexpr double farthest = 2.0;
+    bool near = true;
+    for (int i = 0; i < nr(); ++i) near = near && std::abs(z_ahead[i] - to[i]) < farthest;
+    if (near) std::copy_n(z_ahead, nr(), to);
+  }
+
+  void standardize(int slot, const double* u, double* to) const
+  {
     const double* const m = b_.mean.data() + static_cast<long>(prior_of(n_, slot)) * nr();
     const double* l = factor(slot);
     for (int i = 0; i < nr(); ++i) {
@@ -210,6 +231,7 @@ private:
   BatchWork& b_;
   const int nr_, nrs_;
   const AtModes* const at_modes_;
+  const bool predicts_; // starts follow the parameters from the accepted modes
   int active_ = 0;
 };
 

@@ -129,7 +129,8 @@ int tvlparm(NX& n)
   data::grid_point(n, n.savepoint[0].parmnum, n.parm.data());
   n.objfun = n.savepoint[0].obj;
   if (keeps_modes(n)) {
-    n.ebes = n.ebesold;
+    n.ebes = std::exchange(n.ebesold, {});
+    n.ebes_point.clear();
     n.ebes_known = n.ebesold_known;
   }
   return 0;

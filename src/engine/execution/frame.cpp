@@ -257,12 +257,12 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   s.version = version;
   s.theta = theta.data();
   s.ran = ran;
-  s.points = points;
   s.stride = ran_stride;
   s.points_version = points_version + parameters_version;
   s.columns = records != nullptr ? f.records.data() : f.columns.data();
   s.rows = data != nullptr ? data->rows() : 0;
   const auto padded = [](std::int64_t n) { return (n + lane_padding - 1) / lane_padding * lane_padding; };
+  s.points = std::max<std::int64_t>(points, std::min<std::int64_t>(padded(points), ran_stride)); // room for padding
   if (records != nullptr) // room for padding, or rows that follow
     s.rows = records_in_place   ? s.rows - records[0]
              : records_in_order ? padded(data->ordered_rows()) - (records - data->order())

@@ -81,7 +81,11 @@ public:
     else
       subject_gradient(n, ctx, slot, gradient);
   }
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
+  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override
+  {
+    keep_trial_mode(n, ctx, slot);
+    if (n.dograd && !n.ebtrial_by.empty()) keep_mode_derivative(n, ctx, slot);
+  }
 };
 
 void AdaptiveQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
