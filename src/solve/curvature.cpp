@@ -205,7 +205,8 @@ double noise_of(FitSurface& surface, const std::vector<int>& free, double f)
   std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
   for (std::size_t k = 0; k < std::min(most, free.size()); ++k) {
     const int i = free[k];
-    const double step = std::max(shortest, many * unit * c.own_size(i) / c.scale(i));
+    const double own = c.own_size(i) / c.scale(i); // in standard errors; far below 1 where the parameter has run away
+    const double step = own > 0.0 ? std::min(std::max(shortest, many * unit * own), shortest * own) : shortest;
     double& ti = t[static_cast<std::size_t>(i)];
     double up = 0.0, down = 0.0;
     ti = step;
