@@ -6,6 +6,7 @@
 #include "host/host_exit.h"
 #include "host/messages/messages.h"
 #include "host/results/results.h"
+#include "host/results/stage_clock.h"
 #include "host/results/table.h"
 #include "host/storage/pool.h"
 #include "host/storage/utility_file.h"
@@ -63,6 +64,8 @@ public:
   virtual void progress(const Progress& now) = 0;
   virtual bool shows_progress() const = 0; // somebody looks: else do not call it from inner loops
 
+  StageClock& stages() { return stages_; }
+
   virtual double seconds() const = 0;           // of a clock that only moves forward; for limits, never for results
   virtual std::uint32_t clock_seed() const = 0; // 1 to 2147483646, from the time of day
   virtual int cores() const = 0;                // at least 1
@@ -79,6 +82,7 @@ public:
 
 private:
   std::atomic<bool> interrupted_{false};
+  StageClock stages_;
 };
 
 // How the embedded host behaves. Paths that are empty are not written.

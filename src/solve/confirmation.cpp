@@ -99,6 +99,7 @@ bool FitEnd::technique_goes_on(int code, double start)
 // The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.
 bool FitEnd::quickly_confirmed()
 {
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
   const MINSTR& str = *n_.str;
   const auto& hessian = n_.covstr->hessian;
   if (!hessian.present || str.hfrm == 2) return false;
@@ -142,6 +143,7 @@ bool FitEnd::quickly_confirmed()
 
 void FitEnd::assess()
 {
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
   accurate_ = true;
   const auto before = std::move(coordinates_);
   coordinates_ = std::make_unique<FitCoordinates>(n_, x_.data());
@@ -228,7 +230,10 @@ int FitEnd::run()
     n_.optimizer_messages.clear();
     n_.dependencies.clear();
     const double start = str.crit;
-    code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
+    {
+      const host::StageScope stage(n_.host->stages(), host::Stage::optimizer); // it ends with the covariance
+      code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
+    }
     judgement_ = Judgement();
     if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
     str.continues = 1;
@@ -355,6 +360,7 @@ int FitEnd::finish(int code)
   verdict.separated = judgement_.separated;
   const bool minimum = judgement_.minimum();
   if (moved_) {
+    const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
     if (minimum) to_the_edge();
     // Stage 2 without a technique: the point evaluated once more, its Hessian, its active bounds.
     const int tech = std::exchange(str.tech, static_cast<int>(optimizer::NONE));

@@ -241,6 +241,7 @@ int tvlsolv(NX& n)
   if (n.znlprc < 0) n.raise(failure_code(str, n.znlprc));
 
   // From here on everything reported belongs to the point that the optimizer returned.
+  n.host->stages().enter(host::Stage::covariance);
   const bool judged = n.verdict.outcome != model::FitOutcome::not_judged;
   if (n.znlprc > 0 && !judged) CheckEigVals(n);
   snap_to_bounds(n);

@@ -71,6 +71,8 @@ struct Rule {
 // A run record that is ready for tvllike. Rows may stand in any order.
 std::shared_ptr<model::NX> make_run(const ModelText& text, const Rule& rule);
 
+// tvllike at n.parm, also where the last evaluation was there.
+int evaluate_anew(model::NX& n);
 // The objective at theta; with gradient when asked.
 double objective(model::NX& n, const std::vector<double>& theta, bool gradient = false);
 

@@ -158,6 +158,15 @@ void Frame::State::gather(FrameProgram& f)
     for (std::size_t k = 0; k < f.columns.size(); ++k) f.records[k] = f.columns[k] + records[0];
     return;
   }
+  if (records_in_order) {
+    if (f.order != data->order_version()) {
+      f.order = data->order_version();
+      f.ordered.clear();
+      for (const double* const column : f.columns) f.ordered.push_back(data->ordered(column));
+    }
+    for (std::size_t k = 0; k < f.ordered.size(); ++k) f.records[k] = f.ordered[k] + (records - data->order());
+    return;
+  }
   const std::int64_t padded = (count + lane_padding - 1) / lane_padding * lane_padding;
   for (std::size_t k = 0; k < f.gathered.size(); ++k) {
     Gathered& g = gathered[static_cast<std::size_t>(f.gathered[k])];
@@ -228,13 +237,16 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   s.version = version;
   s.theta = theta.data();
   s.ran = ran;
-  s.points = points;
   s.stride = ran_stride;
   s.points_version = points_version + parameters_version;
   s.columns = records != nullptr ? f.records.data() : f.columns.data();
   s.rows = data != nullptr ? data->rows() : 0;
+  const auto padded = [](std::int64_t n) { return (n + lane_padding - 1) / lane_padding * lane_padding; };
+  s.points = std::max<std::int64_t>(points, std::min<std::int64_t>(padded(points), ran_stride)); // room for padding
   if (records != nullptr) // room for padding, or rows that follow
-    s.rows = records_in_place ? s.rows - records[0] : (count + lane_padding - 1) / lane_padding * lane_padding;
+    s.rows = records_in_place   ? s.rows - records[0]
+             : records_in_order ? padded(data->ordered_rows()) - (records - data->order())
+                                : padded(count);
   s.records = records;
   s.observation = f.observation.data();
   s.observation_stride = f.range_stride;
@@ -292,6 +304,7 @@ void Frame::set_records(const std::int32_t* rows, std::int64_t count)
   state_->records = rows;
   state_->records_in_place =
       std::adjacent_find(rows, rows + count, [](std::int32_t a, std::int32_t b) { return b != a + 1; }) == rows + count;
+  state_->records_in_order = !state_->records_in_place && state_->data != nullptr && state_->data->in_order(rows, count);
   state_->first = 0;
   state_->count = count;
   ++state_->range_version;

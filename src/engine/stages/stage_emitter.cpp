@@ -49,7 +49,7 @@ private:
     const Node& n = graph_.node(id);
     if (n.kind == NodeKind::constant || n.kind == NodeKind::symbol || n.kind == NodeKind::row) return true;
     if (n.kind == NodeKind::carry) return true;
-    return all_.loops_.loop_of(id) == 0 && all_.stage_of(id) != stage_;
+    return all_.loops_.loop_of(id) == 0 && all_.stage_of(id, stage_) != stage_;
   }
 
   void need(NodeId id)
@@ -67,7 +67,7 @@ private:
         const Carry c = graph_.carry_at(n.index);
         if (c.loop != 0)
           need_carry(n.index);
-        else if (all_.stage_of(id) == stage_)
+        else if (all_.stage_of(id, stage_) == stage_)
           keep_state(n.index);
         continue;
       }
@@ -231,7 +231,7 @@ private:
     const Node n = graph_.node(id);
     if (n.kind == NodeKind::carry && graph_.carry_at(n.index).loop != 0) return; // its register is set by the loop
     if (n.kind == NodeKind::constant || (is_leaf(id) && n.kind != NodeKind::carry &&
-                                         all_.stage_of(id) == Stage::parameter && stage_ != Stage::parameter)) {
+                                         all_.stage_of(id, stage_) == Stage::parameter && stage_ != Stage::parameter)) {
       Fixed f;
       f.constant = n.kind == NodeKind::constant;
       f.value = n.value;
@@ -269,7 +269,7 @@ private:
     const Node& n = graph_.node(id);
     using From = Input::From;
     if (n.kind == NodeKind::row) return {From::row_number, 0};
-    if (n.kind == NodeKind::carry && all_.stage_of(id) == stage_) {
+    if (n.kind == NodeKind::carry && all_.stage_of(id, stage_) == stage_) {
       const auto& kept = stage_ == Stage::data ? all_.program_.data_kept : all_.program_.kept;
       return {From::state, static_cast<std::int32_t>(std::find(kept.begin(), kept.end(), n.index) - kept.begin())};
     }
@@ -280,7 +280,7 @@ private:
       if (s.dsvarno > 0 && s.type != 'c') return {From::column, all_.column(id)};
       return {From::missing, 0};
     }
-    switch (all_.stage_of(id)) {
+    switch (all_.stage_of(id, stage_)) {
     case Stage::data:
       return {From::column, all_.column(id)};
     case Stage::observation:

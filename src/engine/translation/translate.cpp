@@ -280,6 +280,13 @@ bool deletes_records(const CMPGLOBAL& gcmp)
   return gcmp.deleted != no_node && !gcmp.graph.is_constant(gcmp.deleted, 0.0);
 }
 
+bool keeps_values(const CMPGLOBAL& gcmp)
+{
+  for (int c = 0; c < gcmp.graph.carries(); ++c)
+    if (gcmp.graph.carry_at(c).loop == 0) return true;
+  return false;
+}
+
 CMPGLOBAL::CMPGLOBAL(const CMPINIT& init) : options(init), text(graph) {}
 CMPGLOBAL::~CMPGLOBAL() = default;
 
