@@ -125,7 +125,7 @@ private:
     }
     const GraphBuilder::Derivative plain(graph_);
     SharedForms forms(
-        graph_, [&](NodeId id) { return needed_.count(id) > 0; }, [&](NodeId id) { return all_.stage_of(id); });
+        graph_, [&](NodeId id) { return needed_.count(id) > 0; }, [&](NodeId id) { return all_.stage_of(id, stage_); });
     for (const NodeId id : found) {
       StepForm form;
       if (!is_kernel(graph_.node(id), Kernel::exp))
