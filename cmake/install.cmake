@@ -5,7 +5,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 # Libraries of the distribution that the archive needs (tools/packages.txt).
-set(TORVALE_ARCHIVES fmt z sqlite3 zstd sleef)
+set(TORVALE_ARCHIVES z sqlite3 zstd sleef)
 
 # The library is all rooms in one archive. Their own targets stay inside.
 add_library(torvale_library STATIC)
@@ -63,5 +63,5 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION math)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the program's libraries
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libfmt-dev, libsleef-dev, libsqlite3-dev, zlib1g-dev, libzstd-dev")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libsleef-dev, libsqlite3-dev, zlib1g-dev, libzstd-dev")
 include(CPack)

@@ -5,6 +5,7 @@ option(TORVALE_BENCH "Build the benchmarks" OFF)
 option(TORVALE_APP "Build the command line program" ${PROJECT_IS_TOP_LEVEL})
 option(TORVALE_INSTALL "Rules of installation and packages" ON)
 option(TORVALE_WERROR "Warnings are errors" ${PROJECT_IS_TOP_LEVEL})
+option(TORVALE_STATIC "Put libraries into the program where the distribution has archives of them: it starts faster" ON)
 option(TORVALE_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
 set(TORVALE_SANITIZE "" CACHE STRING "Sanitizers: address;undefined or thread")
 
@@ -36,3 +37,15 @@ if(TORVALE_SANITIZE)
     -Wno-maybe-uninitialized) # the compiler sees it in the library's regular expressions when they are instrumented
   target_link_options(torvale_flags INTERFACE -fsanitize=${sanitizers})
 endif()
+if(TORVALE_SANITIZE)
+  set(TORVALE_STATIC OFF)
+endif()
+
+# torvale_find_library: a library of the distribution, as an archive where there is one and it is wanted.
+macro(torvale_find_library variable name)
+  if(TORVALE_STATIC)
+    find_library(${variable} NAMES lib${name}.a ${name} REQUIRED)
+  else()
+    find_library(${variable} ${name} REQUIRED)
+  endif()
+endmacro()

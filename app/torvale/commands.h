@@ -17,6 +17,7 @@ struct Output {
   std::string tables;    // --tables: a folder of CSV files, or an SQLite file
   bool quiet = false;    // --quiet: no listing on standard output
   bool no_color = false; // --no-color
+  bool timing = false;   // --timing: where the time went, to standard error
 };
 
 struct RunArguments {

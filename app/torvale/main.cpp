@@ -123,6 +123,7 @@ void CommandLine::add_run_options()
       ->transform(CLI::AsSizeValue(true));
   run->add_flag("--strict", arguments.strict, "names that would become parameters without being in PARMS are errors");
   run->add_flag("--quiet", arguments.output.quiet, "no listing on standard output");
+  run->add_flag("--timing", arguments.output.timing, "seconds and evaluations of every stage, on standard error");
 }
 
 // Says what is wrong with the command line in words that help; the exit code.

@@ -101,8 +101,17 @@ std::string colored(std::string_view line)
   return color + std::string(line.substr(0, line.size() - (ends ? 1 : 0))) + "\x1b[0m" + (ends ? "\n" : "");
 }
 
+// Processor time of this process until now: what its start took.
+double processor_seconds()
+{
+  std::timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
 // When the run was and how long it took: in a file of its own, so that all others have the same bytes each time.
-bool write_run_times(const std::string& folder, std::chrono::system_clock::time_point started, std::string& problem)
+bool write_run_times(const std::string& folder, std::chrono::system_clock::time_point started, const std::string& stages,
+                     std::string& problem)
 {
   const std::time_t at = std::chrono::system_clock::to_time_t(started);
   const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - started).count();
@@ -111,7 +120,7 @@ bool write_run_times(const std::string& folder, std::chrono::system_clock::time_
   char date[40], text[120];
   std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &utc);
   std::snprintf(text, sizeof text, "started %s\nseconds %.3f\n", date, seconds);
-  return host::write_file((std::filesystem::path(folder) / "run_times.txt").string(), text, problem);
+  return host::write_file((std::filesystem::path(folder) / "run_times.txt").string(), text + stages, problem);
 }
 
 } // namespace
@@ -119,6 +128,8 @@ bool write_run_times(const std::string& folder, std::chrono::system_clock::time_
 int run_command(const RunArguments& arguments)
 {
   namespace fs = std::filesystem;
+  const double loaded = processor_seconds();
+  const auto entered = std::chrono::steady_clock::now();
   std::string text, problem;
   if (!read_program(arguments.program, text, problem))
     return complain("cannot read the program", arguments.program, problem, 2);
@@ -177,7 +188,8 @@ int run_command(const RunArguments& arguments)
   RunOutcome outcome;
   const auto started = std::chrono::system_clock::now();
   {
-    Session session(std::move(settings));
+    // Never taken apart: the process ends soon, and what the session holds goes with it at once.
+    static Session& session = *new Session(std::move(settings));
     running = &session;
     std::signal(SIGINT, on_interrupt);
     std::signal(SIGTERM, on_interrupt);
@@ -199,9 +211,17 @@ int run_command(const RunArguments& arguments)
     complete = complain("cannot write the pictures to", output.figures, problem, 0) != 0;
   if (!output.tables.empty() && !write_tables(outcome.results, output.tables, arguments.libraries, problem))
     complete = complain("cannot write the tables to", output.tables, problem, 0) != 0;
-  if (!output.out.empty() && !write_run_times(output.out, started, problem))
-    complete = complain("cannot write to", output.out, problem, 0) != 0;
   for (const Channel* channel : {&listing, &log, &json, &html}) complete = channel->close() && complete;
+  // Before the session the process was loaded, after it the results were written.
+  double session = 0.0;
+  for (const host::StageTime& stage : outcome.times) session += stage.seconds;
+  const double since = std::chrono::duration<double>(std::chrono::steady_clock::now() - entered).count();
+  outcome.times[static_cast<std::size_t>(host::Stage::load)].seconds += loaded;
+  outcome.times[static_cast<std::size_t>(host::Stage::report)].seconds += since - session;
+  const std::string stages = host::stage_times_text(outcome.times);
+  if (!output.out.empty() && !write_run_times(output.out, started, stages, problem))
+    complete = complain("cannot write to", output.out, problem, 0) != 0;
+  if (output.timing) std::fputs(stages.c_str(), stderr);
   return complete ? outcome.exit_code : 1;
 }
 

@@ -76,9 +76,9 @@ std::shared_ptr<model::NX> ready(bool factored)
 void evaluation_with_many_covariates(benchmark::State& state)
 {
   const auto factored = ready(true), plain = ready(false);
-  const double whole = bench::seconds_of([&] { integration::tvllike(*factored); });
-  const double yardstick = bench::seconds_of([&] { integration::tvllike(*plain); });
-  for (auto _ : state) integration::tvllike(*factored);
+  const double whole = bench::seconds_of([&] { tests::evaluate_anew(*factored); });
+  const double yardstick = bench::seconds_of([&] { tests::evaluate_anew(*plain); });
+  for (auto _ : state) tests::evaluate_anew(*factored);
   state.counters["gain"] = yardstick / whole;
   state.counters["evaluation_us"] = 1e6 * whole;
   state.counters["plain_us"] = 1e6 * yardstick;

@@ -50,7 +50,9 @@ template <int Logarithms> double sum_of(const double* x, int buffer, long lanes)
   int at = 0;
   for (long done = 0; done < lanes; done += width) {
     const Vector e = exponential(load(x + at)), odds = add(one(), e);
-    if constexpr (Logarithms == 1)
+    if constexpr (Logarithms == 0)
+      sum = add(sum, e);
+    else if constexpr (Logarithms == 1)
       sum = add(sum, logarithm(odds));
     else
       sum = add(sum, add(logarithm(odds), logarithm(add(one(), odds)))); // arguments without the divisions
@@ -67,7 +69,7 @@ template <int Logarithms> double sum_of(const double* x, int buffer, long lanes)
 
 double exponentials_and_logarithms(const double* x, int buffer, long lanes, int logarithms)
 {
-  return logarithms == 1 ? sum_of<1>(x, buffer, lanes) : sum_of<2>(x, buffer, lanes);
+  return logarithms == 0 ? sum_of<0>(x, buffer, lanes) : logarithms == 1 ? sum_of<1>(x, buffer, lanes) : sum_of<2>(x, buffer, lanes);
 }
 
 double first_order_objective(const double* x, const double* y, int subjects, int observations, double b0, double b1, double s2, double g)

@@ -3,8 +3,8 @@
 namespace torvale::bench {
 
 // The transcendental functions of a logistic log likelihood and nothing else, for `lanes` values, over and over from a
-// buffer of `buffer` values that stays in the first-level cache: exp(x) and one logarithm, or exp(x) and
-// two. Returns their sum.
+// buffer of `buffer` values that stays in the first-level cache: exp(x) and none, one or two logarithms. Returns their
+// sum.
 double exponentials_and_logarithms(const double* x, int buffer, long lanes, int logarithms);
 
 // The first-order objective of y ~ normal(exp(b0 + b1 x + u), s2), u of variance g. x and y by record of a subject, subjects side by

@@ -66,9 +66,9 @@ std::shared_ptr<model::NX> ready(bool nested, int points)
 void evaluation_of_nested_intercepts(benchmark::State& state)
 {
   const auto nested = ready(true, 3), single = ready(false, 9);
-  const double whole = bench::seconds_of([&] { integration::tvllike(*nested); });
-  const double yardstick = bench::seconds_of([&] { integration::tvllike(*single); });
-  for (auto _ : state) integration::tvllike(*nested);
+  const double whole = bench::seconds_of([&] { tests::evaluate_anew(*nested); });
+  const double yardstick = bench::seconds_of([&] { tests::evaluate_anew(*single); });
+  for (auto _ : state) tests::evaluate_anew(*nested);
   state.counters["ratio"] = whole / yardstick;
   state.counters["nested_us"] = 1e6 * whole;
   state.counters["single_us"] = 1e6 * yardstick;

@@ -16,14 +16,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <numeric>
 
 namespace torvale::data {
 
 using evaluation::observation_number;
 using evaluation::place_of;
 using model::BadCause;
-using model::GroupState;
 using model::ModelLists;
 using model::NX;
 
@@ -40,13 +38,36 @@ constexpr std::array<const char*, 9> what = {"",
                                              "nothing, but DELETE was executed",
                                              "nothing, but they are event records"};
 
-// Everything that the pass learns of the rows.
-struct Pass {
-  std::vector<std::vector<double>> arguments; // by level, nobs x nd: distribution arguments of each row
-  std::vector<double> loglik;                 // _ll of each row
+// What the pass learns of the rows of one block.
+struct BlockFindings {
   long fractions = 0;                         // used rows whose response is not a whole number, where it should be one
   std::int64_t first_fraction = 0;            // row of the first one
+  long impossible = 0;                        // usable rows with an impossible log likelihood
+  std::vector<std::int64_t> first_impossible; // a few of these rows
+
+  void add(const BlockFindings& next)
+  {
+    if (fractions == 0) first_fraction = next.first_fraction;
+    fractions += next.fractions;
+    impossible += next.impossible;
+    for (const std::int64_t row : next.first_impossible)
+      if (first_impossible.size() < most_shown) first_impossible.push_back(row);
+  }
+  static constexpr std::size_t most_shown = 3;
 };
+
+// Everything that the pass learns of the rows.
+struct Pass {
+  std::vector<std::vector<double>> arguments; // by level: distribution arguments of each row, nd each; one row for all
+                                              // where they do not vary
+  BlockFindings found;
+};
+
+const double* arguments_at(const ModelLists& n, const Pass& pass, std::size_t level, std::int64_t row)
+{
+  const auto& reff = n.reff[level];
+  return pass.arguments[level].data() + (reff.setup_varies ? row * reff.nd : 0);
+}
 
 // The means of all random effects at a row: what the program is run at.
 void means_at(const ModelLists& n, const Pass& pass, std::int64_t row, double* mean)
@@ -54,7 +75,7 @@ void means_at(const ModelLists& n, const Pass& pass, std::int64_t row, double* m
   for (std::size_t k = 0; k < n.reff.size(); ++k) {
     const auto& reff = n.reff[k];
     if (reff.distrtype != 0 || pass.arguments.size() <= k || pass.arguments[k].empty()) continue;
-    std::copy_n(pass.arguments[k].begin() + row * reff.nd, reff.nr, mean + reff.first_effect);
+    std::copy_n(arguments_at(n, pass, k, row), reff.nr, mean + reff.first_effect);
   }
 }
 
@@ -100,83 +121,137 @@ int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, con
 
 // Distribution arguments of every row, from the slice of the program that yields them; random effects stand at 0 there,
 // and may not enter.
-int run_arguments(NX& n, engine::Frame& frame, std::size_t level, Pass& pass)
+int run_arguments(NX& n, RowRunner& rows, std::size_t level, Pass& pass)
 {
   const auto& reff = n.reff[level];
   std::vector<double>& arguments = pass.arguments[level];
-  arguments.resize(static_cast<std::size_t>(n.store->nobs * reff.nd));
-  const std::vector<double> zero = no_effects(n);
-  frame.set_points(zero.data(), 1, 1);
+  arguments.resize(static_cast<std::size_t>(reff.setup_varies ? n.store->nobs * reff.nd : reff.nd));
+  const auto nd = static_cast<std::size_t>(reff.nd);
+  const engine::Program& program = *reff.setup_value.code;
+  if (!reff.setup_varies) {
+    const std::vector<double> zero = no_effects(n);
+    engine::Frame& frame = rows.frame();
+    frame.set_points(zero.data(), 1, 1);
+    frame.set_range(0, 1);
+    engine::Tile first;
+    first.lanes = 1;
+    if (const int rc = frame.run(program, first); rc > 2) return report_stop(n, frame, program, pass, rc, {0});
+    for (std::size_t k = 0; k < nd; ++k) arguments[k] = frame.output(static_cast<int>(k))[0];
+    return 0;
+  }
   std::vector<std::int32_t> stopped;
-  const int rc = run_rows(
-      n, frame, *reff.setup_value.code, {},
-      [&](const engine::Tile& tile, const engine::Frame& f) {
-        for (int k = 0; k < reff.nd; ++k) {
-          const double* values = f.output(k);
-          for (int j = 0; j < tile.lanes; ++j)
-            arguments[static_cast<std::size_t>(tile.observation[j] * reff.nd + k)] = values[j];
+  const int rc = rows.run(
+      program, {no_effects(n), {}},
+      [&](const RowTile& tile, const engine::Frame& f, long) {
+        for (std::size_t k = 0; k < nd; ++k) {
+          const double* values = f.output(static_cast<int>(k));
+          for (int j = 0; j < tile.lanes; ++j) arguments[static_cast<std::size_t>(tile.row(j)) * nd + k] = values[j];
         }
-        return 0;
       },
       stopped);
-  return rc == 0 ? 0 : report_stop(n, frame, *reff.setup_value.code, pass, rc, stopped);
+  return rc == 0 ? 0 : report_stop(n, rows.frame(), program, pass, rc, stopped);
 }
 
-void mark(GroupState& n, std::int64_t row, BadCause cause)
+// Whole without a call: adding 2^52 rounds what is smaller to a whole number.
+bool whole(double x)
 {
-  auto& bad = n.store->badobs[static_cast<std::size_t>(row)];
-  if (bad == BadCause::none) bad = cause;
+  constexpr double two_52 = 4503599627370496.0;
+  const double size = std::abs(x);
+  return !(size < two_52) || (size + two_52) - two_52 == size;
 }
 
-// The whole program at the means: `_ll`, the derivatives that the method uses, the dependent and replicate variables.
-int run_program(NX& n, engine::Frame& frame, const Pass& arguments, Pass& pass)
-{
-  const bool effects = n.nreff() > 0;
-  const auto rows = static_cast<std::size_t>(n.store->nobs);
-  const auto ne = static_cast<std::size_t>(std::max(1, n.programs.ne));
-  std::vector<double> means(ne * rows, 0.0);
-  std::vector<std::int32_t> point(effects ? rows : 0);
-  std::iota(point.begin(), point.end(), 0);
-  if (effects) {
-    std::vector<double> mean(ne, 0.0);
-    for (std::size_t row = 0; row < rows; ++row) {
-      means_at(n, arguments, static_cast<std::int64_t>(row), mean.data());
-      for (std::size_t e = 0; e < ne; ++e) means[e * rows + row] = mean[e];
+// Takes the outputs of the whole program for the rows of a tile.
+class RowMarker {
+public:
+  explicit RowMarker(NX& n)
+      : n_(n),
+        counts_(n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6) // binary to negative binomial
+  {
+  }
+
+  void take(const RowTile& tile, const engine::Frame& frame, BlockFindings& found) const
+  {
+    const int outputs = static_cast<int>(n_.pass_kind.size());
+    const double* loglik = nullptr;
+    for (int k = 0; k < outputs; ++k) {
+      const auto cause = static_cast<BadCause>(n_.pass_kind[static_cast<std::size_t>(k)]);
+      const double* const values = frame.output(k);
+      if (cause == BadCause::log_likelihood && loglik == nullptr) loglik = values;
+      if (cause == BadCause::replicate) take_replicates(tile, values);
+      if (usable(values, tile.lanes, cause)) continue;
+      for (int j = 0; j < tile.lanes; ++j) look_at(tile.row(j), values[j], cause, found);
+    }
+    if (loglik == nullptr || possible(loglik, tile.lanes)) return;
+    for (int j = 0; j < tile.lanes; ++j) {
+      const std::int64_t row = tile.row(j);
+      if (loglik[j] > model::impossible_loglik || n_.store->badobs[static_cast<std::size_t>(row)] != BadCause::none)
+        continue;
+      ++found.impossible;
+      if (found.first_impossible.size() < BlockFindings::most_shown) found.first_impossible.push_back(row);
     }
   }
-  frame.set_points(means.data(), effects ? static_cast<int>(rows) : 1, static_cast<int>(rows));
 
-  pass.loglik.assign(rows, host::missing);
-  if (n.repsym != nullptr) n.store->replicate.assign(rows, host::missing);
-  const int outputs = static_cast<int>(n.pass_kind.size());
-  const bool counts =
-      n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6; // binary to negative binomial
+private:
+  // Nearly always all lanes are fine: that is found out in vectors.
+  bool usable(const double* values, int lanes, BadCause cause) const
+  {
+    bool good = true;
+    if (cause == BadCause::replicate)
+      for (int j = 0; j < lanes; ++j) good &= values[j] >= n_.singvar;
+    else if (cause == BadCause::dependent && counts_)
+      for (int j = 0; j < lanes; ++j) good &= values[j] == values[j] && whole(values[j]);
+    else
+      for (int j = 0; j < lanes; ++j) good &= values[j] == values[j];
+    return good;
+  }
+
+  static bool possible(const double* loglik, int lanes)
+  {
+    bool good = true;
+    for (int j = 0; j < lanes; ++j) good &= loglik[j] > model::impossible_loglik;
+    return good;
+  }
+
+  void take_replicates(const RowTile& tile, const double* values) const
+  {
+    for (int j = 0; j < tile.lanes; ++j) n_.store->replicate[static_cast<std::size_t>(tile.row(j))] = values[j];
+  }
+
+  void look_at(std::int64_t row, double value, BadCause cause, BlockFindings& found) const
+  {
+    const bool refused = cause == BadCause::replicate && !(value >= n_.singvar);
+    if (std::isnan(value) || refused) {
+      auto& bad = n_.store->badobs[static_cast<std::size_t>(row)];
+      if (bad == BadCause::none) bad = cause;
+    } else if (cause == BadCause::dependent && counts_ && !whole(value) && found.fractions++ == 0) {
+      found.first_fraction = row;
+    }
+  }
+
+  NX& n_;
+  const bool counts_;
+};
+
+// The whole program at the means: `_ll`, the derivatives that the method uses, the dependent and replicate variables.
+int run_program(NX& n, RowRunner& rows, Pass& pass)
+{
+  if (n.repsym != nullptr) n.store->replicate.assign(static_cast<std::size_t>(n.store->nobs), host::missing);
+  RowPoints points{no_effects(n), {}};
+  if (std::any_of(n.reff.begin(), n.reff.end(), [](const auto& reff) { return reff.setup_varies; }))
+    points.of = [&](std::int64_t row, double* mean) { means_at(n, pass, row, mean); };
+  else
+    means_at(n, pass, 0, points.common.data());
+  const RowMarker marker(n);
+  std::vector<BlockFindings> found(static_cast<std::size_t>(rows.blocks()));
   std::vector<std::int32_t> stopped;
-  const int rc = run_rows(
-      n, frame, *n.pass_program, point,
-      [&](const engine::Tile& tile, const engine::Frame& f) {
-        bool ll_seen = false;
-        for (int k = 0; k < outputs; ++k) {
-          const auto cause = static_cast<BadCause>(n.pass_kind[static_cast<std::size_t>(k)]);
-          const double* values = f.output(k);
-          const bool is_ll = cause == BadCause::log_likelihood && !ll_seen;
-          ll_seen = ll_seen || is_ll;
-          for (int j = 0; j < tile.lanes; ++j) {
-            const auto row = static_cast<std::size_t>(tile.observation[j]);
-            if (is_ll) pass.loglik[row] = values[j];
-            if (cause == BadCause::replicate) n.store->replicate[row] = values[j];
-            const bool refused = cause == BadCause::replicate && !(values[j] >= n.singvar);
-            if (std::isnan(values[j]) || refused)
-              mark(n, tile.observation[j], cause);
-            else if (cause == BadCause::dependent && counts && values[j] != std::floor(values[j]) &&
-                     pass.fractions++ == 0)
-              pass.first_fraction = tile.observation[j];
-          }
-        }
-        return 0;
+  const int rc = rows.run(
+      *n.pass_program, points,
+      [&](const RowTile& tile, const engine::Frame& f, long block) {
+        marker.take(tile, f, found[static_cast<std::size_t>(block)]);
       },
       stopped);
-  return rc == 0 ? 0 : report_stop(n, frame, *n.pass_program, arguments, rc, stopped);
+  for (const BlockFindings& block : found) pass.found.add(block);
+  return rc == 0 ? 0 : report_stop(n, rows.frame(), *n.pass_program, pass, rc, stopped);
 }
 
 // The first fault that a row's values went through: its own, or one of an earlier record that a kept value came from.
@@ -250,7 +325,7 @@ int check_subject(NX& n, const Pass& pass, const model::SUBINFO& subject)
   for (std::int64_t row = first + 1; row < subject.first_row + subject.SubCount; ++row) {
     if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
     for (int k = 0; k < reff.nd; ++k) {
-      const auto at = [&](std::int64_t r) { return pass.arguments[level][static_cast<std::size_t>(r * reff.nd + k)]; };
+      const auto at = [&](std::int64_t r) { return arguments_at(n, pass, level, r)[k]; };
       if (same_value(at(row), at(first))) continue;
       std::string variables;
       for (const int dsvarno : reff.rhs)
@@ -290,9 +365,17 @@ int count_subjects(NX& n, const Pass& pass, model::REFFECT& reff)
   reff.nsub = 0;
   reff.nrepsub = 0.0;
   reff.ntmax = 0;
+  const bool all_used = n.store->nobsu == n.store->nobs;
+  const bool may_change = reff.setup_varies || !reff.rhs.empty() || n.repsym != nullptr;
   for (auto& subject : reff.SubInfo) {
+    const std::int32_t last = subject.first_row + subject.SubCount;
     subject.used = 0;
-    for (std::int64_t row = subject.first_row; row < subject.first_row + subject.SubCount; ++row) {
+    if (all_used) {
+      subject.used = subject.SubCount;
+      subject.fvalidobs = subject.first_row;
+      subject.lvalidobs = last - 1;
+    }
+    for (std::int32_t row = subject.first_row; row < last && !all_used; ++row) {
       if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
       if (subject.used++ == 0) subject.fvalidobs = row;
       subject.lvalidobs = row;
@@ -303,7 +386,7 @@ int count_subjects(NX& n, const Pass& pass, model::REFFECT& reff)
     ++reff.nsub;
     reff.nrepsub += subject.weight;
     reff.ntmax = std::max<long>(reff.ntmax, subject.used);
-    if (check_subject(n, pass, subject) != 0) {
+    if (may_change && check_subject(n, pass, subject) != 0) {
       n.raise(1012);
       return 1;
     }
@@ -314,16 +397,13 @@ int count_subjects(NX& n, const Pass& pass, model::REFFECT& reff)
 // Observations that the model calls impossible at the starting values: the fit will fail there, so name the worst now.
 void report_impossible(NX& n, const Pass& pass)
 {
-  std::vector<std::int64_t> rows;
-  for (std::int64_t row = 0; row < n.store->nobs; ++row)
-    if (n.store->badobs[static_cast<std::size_t>(row)] == BadCause::none &&
-        !(pass.loglik[static_cast<std::size_t>(row)] > model::impossible_loglik))
-      rows.push_back(row);
+  const auto& rows = pass.found.first_impossible;
   if (rows.empty() || n.response_told) return;
   std::string shown;
-  for (std::size_t i = 0; i < std::min<std::size_t>(3, rows.size()); ++i)
+  for (std::size_t i = 0; i < rows.size(); ++i)
     shown += (i > 0 ? ", " : "") + std::to_string(observation_number(n, rows[i]));
-  n.host->log().xpmlog(message::impossible_at_start{.count = rows.size(), .observations = shown}, place_of(n, rows[0]));
+  n.host->log().xpmlog(message::impossible_at_start{.count = pass.found.impossible, .observations = shown},
+                       place_of(n, rows[0]));
 }
 
 // Rows that a REPLICATE value below SINGVAR= removes, and responses that counts cannot have.
@@ -340,12 +420,12 @@ void report_values(NX& n, const Pass& pass)
         place_of(n, row));
     n.raise(4);
   }
-  if (pass.fractions == 0) return;
-  n.host->log().xpmlog(message::response_not_whole{.count = pass.fractions,
+  if (pass.found.fractions == 0) return;
+  n.host->log().xpmlog(message::response_not_whole{.count = pass.found.fractions,
                                                    .name = n.depname,
-                                                   .observation = observation_number(n, pass.first_fraction),
+                                                   .observation = observation_number(n, pass.found.first_fraction),
                                                    .distribution = host::xpmstr(model::distribution_label(n.disttype))},
-                       place_of(n, pass.first_fraction));
+                       place_of(n, pass.found.first_fraction));
   n.raise(4);
 }
 
@@ -366,7 +446,8 @@ void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
 {
   if (!engine::has_put(*n.gcmp)) return;
   std::vector<double> mean = no_effects(n);
-  for (const std::int32_t row : n.store->row_of_group) {
+  for (std::int64_t at = 0; at < n.store->nobs; ++at) {
+    const std::int64_t row = n.store->row_of_group(at);
     means_at(n, pass, row, mean.data());
     frame.set_points(mean.data(), 1, 1);
     frame.set_range(row, 1);
@@ -374,7 +455,7 @@ void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
     frame.run_put(row, 0, lines);
     for (const auto& line : lines) {
       if (line.is_file)
-        n.host->xpfput(line.target, line.text);
+        n.host->xpfput(line.target, line.text, line.append);
       else if (host::equal_names(line.target, "PRINT"))
         n.host->xpsout(line.text);
       else
@@ -391,18 +472,18 @@ int tvldata(NX& n)
   if (n.lognote) log.xpmlog(message::reading_data{.data = n.bylist.empty() ? "data" : "by-group data"});
   if (!n.nqpspec && (n.method == 0 || n.method == 3) && n.nreff() > 0) n.nqp = -1;
 
-  engine::Frame frame(*n.gcmp, n.bound);
   std::vector<double> theta(n.parmstr.size()); // the first starting point that can be used
   for (long p = 0; p < n.npoints && !grid_point(n, p, theta.data()); ++p) {
   }
   for (double& value : theta) value = std::isnan(value) ? 1.0 : value; // no point can be used: the grid says why
-  frame.set_parameters(theta.data());
 
+  RowRunner rows(n, theta);
+  engine::Frame& frame = rows.frame();
   Pass pass;
   pass.arguments.resize(n.reff.size());
   for (std::size_t k = 0; k < n.reff.size(); ++k)
-    if (run_arguments(n, frame, k, pass) != 0) return 1;
-  if (run_program(n, frame, pass, pass) != 0) return 1;
+    if (run_arguments(n, rows, k, pass) != 0) return 1;
+  if (run_program(n, rows, pass) != 0) return 1;
   if (inspect_bad_rows(n, frame, pass) != 0) return 1;
   report_values(n, pass);
 

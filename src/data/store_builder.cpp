@@ -1,5 +1,5 @@
 // Builds the columnar store of a BY group. Everything downstream sees rows in subject order; the maps back to the file
-// are kept for messages only.
+// are kept for messages only. Where the file is in that order already, the columns are the input's own.
 
 #include "data/data_pass.h"
 #include "data/subject_index.h"
@@ -9,7 +9,6 @@
 #include "host/messages/names/statements.h"
 
 #include <algorithm>
-#include <numeric>
 
 namespace torvale::data {
 
@@ -24,40 +23,42 @@ void keep_column(NX& n, Store& store, const engine::CMPSYM& symbol)
   engine::DataColumn kept;
   kept.dsvarno = symbol.dsvarno;
   const auto rows = static_cast<std::size_t>(store.nobs);
-  if (column.numeric()) {
+  const bool as_read = store.group_order.empty();
+  if (as_read && column.numeric()) {
+    kept.numeric = column.numbers().data() + n.rows.begin;
+  } else if (column.numeric()) {
     auto values = store.datapool->doubles(rows);
     for (std::size_t k = 0; k < rows; ++k)
-      values[k] = column.number(n.rows.begin + static_cast<std::size_t>(store.group_row[k]));
+      values[k] = column.number(n.rows.begin + static_cast<std::size_t>(store.group_order[k]));
     kept.numeric = values.data();
   } else {
     auto codes = store.datapool->array<std::int32_t>(rows);
     for (std::size_t k = 0; k < rows; ++k)
-      codes[k] = static_cast<std::int32_t>(column.codes()[n.rows.begin + static_cast<std::size_t>(store.group_row[k])]);
+      codes[k] = static_cast<std::int32_t>(
+          column.codes()[n.rows.begin + static_cast<std::size_t>(store.group_row(static_cast<std::int64_t>(k)))]);
     kept.codes = codes.data();
     kept.dictionary = &column.dictionary();
   }
   store.view.columns.push_back(kept);
 }
 
-void set_rows(NX& n, Store& store, std::vector<std::int32_t> order)
+// Where the rows of the group stand in the store; nothing is kept where they stand in their own order.
+void set_rows(Store& store, const std::vector<std::int32_t>& order)
 {
-  store.nobs = static_cast<std::int64_t>(order.size());
   const auto rows = order.size();
-  store.group_row.assign(order.begin(), order.end());
-  store.row_of_group.resize(rows);
-  store.file_row.resize(rows);
-  for (std::size_t k = 0; k < rows; ++k) {
-    store.row_of_group[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k);
-    store.file_row[k] = n.fid->file_row(n.rows.begin + static_cast<std::size_t>(order[k]));
-  }
+  store.nobs = static_cast<std::int64_t>(rows);
   store.badobs.assign(rows, model::BadCause::none);
+  if (std::is_sorted(order.begin(), order.end())) return;
+  store.group_order.assign(order.begin(), order.end());
+  store.store_order.resize(rows);
+  for (std::size_t k = 0; k < rows; ++k)
+    store.store_order[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k);
 }
 
 // The subjects of a level, and their place under those of the next outer one, which are set.
-void set_subjects(NX& n, const Store& store, std::size_t level, const SubjectRows& rows)
+void set_subjects(NX& n, std::size_t level, const SubjectRows& rows)
 {
   model::REFFECT& reff = n.reff[level];
-  const host::Column& column = n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
   reff.SubInfo.assign(static_cast<std::size_t>(rows.count()), {});
   for (int s = 0; s < rows.count(); ++s) {
     auto& subject = reff.SubInfo[static_cast<std::size_t>(s)];
@@ -65,15 +66,9 @@ void set_subjects(NX& n, const Store& store, std::size_t level, const SubjectRow
     subject.index = s;
     subject.first_row = rows.start[static_cast<std::size_t>(s)];
     subject.SubCount = rows.start[static_cast<std::size_t>(s) + 1] - rows.start[static_cast<std::size_t>(s)];
-    const auto file =
-        n.rows.begin + static_cast<std::size_t>(store.group_row[static_cast<std::size_t>(subject.first_row)]);
-    if (column.numeric()) subject.n = column.number(file);
-    subject.prnc = column.shown(file);
-    subject.nestlev = subject.prnc;
     subject.parent = rows.parent[static_cast<std::size_t>(s)];
     if (subject.parent < 0) continue;
     auto& parent = n.reff[level + 1].SubInfo[static_cast<std::size_t>(subject.parent)];
-    subject.nestlev = parent.nestlev + "-" + subject.prnc;
     if (parent.last_child == 0) parent.first_child = s;
     parent.last_child = s + 1;
   }
@@ -82,6 +77,7 @@ void set_subjects(NX& n, const Store& store, std::size_t level, const SubjectRow
 // Kept and lagged values start anew with each leaf: what a record yields depends on the effects of its own chain only.
 void set_starts(const NX& n, Store& store)
 {
+  store.subject_start.assign(static_cast<std::size_t>(store.nobs), 0);
   for (const auto& leaf : n.leaf().SubInfo)
     std::fill_n(store.subject_start.begin() + leaf.first_row, leaf.SubCount, static_cast<std::int32_t>(leaf.first_row));
 }
@@ -155,10 +151,10 @@ int tvlenvt(NX& n)
       n.raise(1012);
       return 1;
     }
-    set_rows(n, store, index.order);
-    store.subject_start.assign(index.order.size(), 0);
-    for (std::size_t k = n.reff.size(); k-- > 0;) set_subjects(n, store, k, index.level[k]);
-    set_starts(n, store);
+    set_rows(store, index.order);
+    index.order = {};
+    for (std::size_t k = n.reff.size(); k-- > 0;) set_subjects(n, k, index.level[k]);
+    if (engine::keeps_values(*n.gcmp)) set_starts(n, store);
     report_order(n, n.outer(), index);
   } else {
     if (n.rows.rows() == 0) {
@@ -166,15 +162,13 @@ int tvlenvt(NX& n)
       n.raise(1012);
       return 1;
     }
-    std::vector<std::int32_t> order(n.rows.rows());
-    std::iota(order.begin(), order.end(), 0);
-    set_rows(n, store, std::move(order));
-    store.subject_start.assign(static_cast<std::size_t>(store.nobs), 0);
+    store.nobs = static_cast<std::int64_t>(n.rows.rows());
+    store.badobs.assign(n.rows.rows(), model::BadCause::none);
   }
 
   store.view.rows = store.nobs;
   for (const engine::CMPSYM* symbol : engine::cmppdv(*n.gcmp).variables) keep_column(n, store, *symbol);
-  store.view.subject_start = store.subject_start.data();
+  store.view.subject_start = store.subject_start.empty() ? nullptr : store.subject_start.data();
   n.bound = engine::cmpbind(*n.gcmp, store.view);
   return 0;
 }

@@ -61,11 +61,20 @@ struct NestedKeyHash {
   }
 };
 
+// Values that only grow within a parent, and parents that only grow: what has changed is new.
+bool ascending(const std::vector<std::uint64_t>& keys, const std::vector<std::int32_t>& parent)
+{
+  for (std::size_t i = 1; i < keys.size(); ++i)
+    if (parent[i] < parent[i - 1] || (parent[i] == parent[i - 1] && keys[i] < keys[i - 1])) return false;
+  return true;
+}
+
 // Numbers the subjects of a level by first appearance: `subject` holds the parents' numbers and receives the level's.
 std::int32_t number_level(const std::vector<std::uint64_t>& keys, bool by_change, std::vector<std::int32_t>& subject,
                           std::vector<std::int32_t>& parent, long& changes)
 {
   std::unordered_map<NestedKey, std::int32_t, NestedKeyHash> known; // looked up, never walked
+  by_change = by_change || ascending(keys, subject);
   changes = 0;
   parent.clear();
   NestedKey before{};

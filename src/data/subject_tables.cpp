@@ -2,6 +2,7 @@
 
 #include "evaluation/program_faults.h"
 #include "host/messages/names/labels.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 
@@ -32,7 +33,7 @@ void PrintReffTable(const NX& n)
                      {"Values", CellKind::text, "Values", "", ""}});
   for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff)
     table.row({reff->subname, static_cast<long>(reff->SubInfo.size()),
-               shown(reff->SubInfo.size(), [&](std::size_t s) { return reff->SubInfo[s].prnc; })});
+               shown(reff->SubInfo.size(), [&](std::size_t s) { return model::subject_name(n, reff->SubInfo[s]); })});
   n.host->tables().wobmth(std::move(table));
 }
 
@@ -46,7 +47,7 @@ void PrintReffObsTable(const NX& n)
                      {"Indices", CellKind::text, "Indices", "", ""}});
   for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff)
     for (const auto& subject : reff->SubInfo)
-      table.row({reff->subname, subject.nestlev, static_cast<long>(subject.SubCount),
+      table.row({reff->subname, model::chain_name(n, subject), static_cast<long>(subject.SubCount),
                  shown(static_cast<std::size_t>(subject.SubCount), [&](std::size_t k) {
                    return std::to_string(
                        evaluation::observation_number(n, subject.first_row + static_cast<std::int64_t>(k)));

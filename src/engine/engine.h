@@ -144,7 +144,7 @@ std::string cmppnam(const CMPSYM* symbol);
 // DataView: the columns of one BY group, rows in subject order. Borrowed; constant while bound.
 struct DataColumn {
   int dsvarno = 0;
-  const double* numeric = nullptr;     // one per row, 64-byte aligned; null for a character column
+  const double* numeric = nullptr;     // one per row; null for a character column
   const std::int32_t* codes = nullptr; // character column: per row an index into dictionary
   const std::vector<std::string>* dictionary = nullptr;
 };
@@ -159,6 +159,9 @@ struct DataView {
 // BoundData: what a model computes from data alone, once per BY group, for all its programs. Constant afterwards.
 class BoundData;
 std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& view);
+// cmporder: the order in which Frame::set_records will go through the rows, all in all: what programs read of them is brought
+// into it once, and parts of this list are read where they stand. Borrowed until the next call. Not while frames run.
+void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count);
 
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
@@ -172,11 +175,21 @@ struct FactoredTerm {
   CMPSYM* factor = nullptr;
 };
 std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
+// cmppredictor: of the values that records have at all points in common, the one through which alone most parameters act on what
+// the programs yield: a linear predictor without its random effects, say. Frame::shift_records moves it. The value is a new
+// symbol; it may be differentiated. No parameters: there is none, or values are kept from record to record. After cmpspec.
+struct Predictor {
+  CMPSYM* value = nullptr;
+  std::vector<CMPSYM*> parameters;
+};
+Predictor cmppredictor(CMPGLOBAL& gcmp, std::span<const Program* const> programs);
 // True when the program carries values from record to record that depend on more than data (RETAIN, sums, lags of
 // computed values): its tiles must bring the records of a subject in order, one record a tile.
 bool sequential(const Program& program);
 // True when the model has a DELETE statement that some record can reach.
 bool deletes_records(const CMPGLOBAL& gcmp);
+// True when the model takes values from one record to the next (RETAIN, sums, lags): it asks where subjects start.
+bool keeps_values(const CMPGLOBAL& gcmp);
 // True when output k depends on random effects (else it is the same for all points of an observation).
 bool varies_by_point(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.
@@ -219,6 +232,7 @@ struct Fault {
 struct PutLine {
   std::string target; // LOG, PRINT, or the name of a file
   bool is_file = false;
+  bool append = false; // behind what the file holds
   std::string text;
 };
 // True when the program has PUT statements. They write nothing in `run`; run_put executes them for one lane.
@@ -238,12 +252,17 @@ public:
   // computed for them once, at the first run of a program after this.
   void set_range(std::int64_t first, std::int64_t count);
   // The same for any rows in any order: until the next set_range, rows of a tile are places in this list. Borrowed.
-  // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers.
+  // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers:
+  // once for all where the rows are a part of cmporder's list, else at each call.
   void set_records(const std::int32_t* rows, std::int64_t count);
+  // Adds by_row[r] to the predictor of row r wherever programs read it, until called with null. Borrowed. To be repeated when the
+  // numbers have changed.
+  void shift_records(const CMPSYM* predictor, const double* by_row);
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);
 
-  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed. What depends on
+  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed; all `stride` values of an
+  // effect may be read. What depends on
   // random effects alone is computed once for the `points` points at the first run of a program after this.
   void set_points(const double* ran, int points, int stride);
 

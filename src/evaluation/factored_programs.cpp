@@ -20,9 +20,9 @@ constexpr std::size_t fewest_parameters = 4; // that are worth it
 
 class Factoring {
 public:
-  Factoring(NX& n, Outputs gradient, Outputs curvature)
-      : n_(n), p_(n.programs), gradient_(std::move(gradient)), curvature_(std::move(curvature)),
-        sources_(curvature_.symbols.empty() ? 1 : 1 + p_.ne + (n.needtriu ? p_.ne * (p_.ne + 1) / 2 : 0))
+  Factoring(NX& n, Outputs gradient, Outputs closing)
+      : n_(n), p_(n.programs), gradient_(std::move(gradient)), closing_(std::move(closing)),
+        sources_(closing_.symbols.empty() ? 1 : 1 + p_.ne + (n.needtriu ? p_.ne * (p_.ne + 1) / 2 : 0))
   {
   }
 
@@ -47,7 +47,7 @@ private:
   CMPSYM*& output(int j, int s)
   {
     if (s == 0) return gradient_.at(p_.by_parameter(j));
-    return s <= p_.ne ? curvature_.at(p_.cross_place(s - 1, j)) : curvature_.at(p_.third_place(j, s - 1 - p_.ne));
+    return s <= p_.ne ? closing_.at(p_.cross_place(s - 1, j)) : closing_.at(p_.third_place(j, s - 1 - p_.ne));
   }
   const std::vector<FactoredTerm>& terms(int j, int s) const
   {
@@ -112,7 +112,7 @@ private:
         f.multipliers.back().push_back({u.source, u.source == 0 ? u.place : f.point_coefficients + u.place});
     }
     f.gradient = gradient_.specialise(*n_.gcmp, of_points_);
-    if (sources_ > 1) f.curvature = curvature_.specialise(*n_.gcmp, of_modes_);
+    if (sources_ > 1) f.closing = closing_.specialise(*n_.gcmp, of_modes_);
     f.factors = engine::cmpspec(*n_.gcmp, factors_);
   }
 
@@ -123,7 +123,7 @@ private:
 
   NX& n_;
   ModelPrograms& p_;
-  Outputs gradient_, curvature_;
+  Outputs gradient_, closing_;
   const int sources_;
   std::vector<std::vector<FactoredTerm>> terms_;
   std::set<int> chosen_;
@@ -133,9 +133,9 @@ private:
 
 } // namespace
 
-void factor_programs(NX& n, Outputs gradient, Outputs curvature)
+void factor_programs(NX& n, Outputs gradient, Outputs closing)
 {
-  Factoring(n, std::move(gradient), std::move(curvature)).run();
+  Factoring(n, std::move(gradient), std::move(closing)).run();
 }
 
 } // namespace torvale::evaluation

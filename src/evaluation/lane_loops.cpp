@@ -48,6 +48,19 @@ namespace {
   }
 }
 
+[[gnu::always_inline]] inline void add_interleaved_products_loop(double* __restrict part, const double* __restrict a,
+                                                                 const double* __restrict b, int n)
+{
+  constexpr int chains = 8;
+  double sum[chains];
+  for (int k = 0; k < chains; ++k) sum[k] = part[k];
+  int j = 0;
+  for (; j + chains <= n; j += chains)
+    for (int k = 0; k < chains; ++k) sum[k] += a[j + k] * b[j + k];
+  for (int k = 0; j + k < n; ++k) sum[k] += a[j + k] * b[j + k];
+  for (int k = 0; k < chains; ++k) part[k] = sum[k];
+}
+
 [[gnu::always_inline]] inline void shift_loop(std::int32_t* __restrict out, const std::int32_t* __restrict from, std::int32_t step, int n)
 {
   for (int j = 0; j < n; ++j) out[j] = from[j] + step;
@@ -82,6 +95,7 @@ struct Loops {
   void (*add_multiples)(double*, const double*, double, int);
   void (*add_products)(double*, const double*, const double*, int);
   void (*add_present_products)(double*, const double*, const double*, int);
+  void (*add_interleaved_products)(double*, const double*, const double*, int);
   void (*shift)(std::int32_t*, const std::int32_t*, std::int32_t, int);
   void (*exponential)(double*, int);
 };
@@ -103,12 +117,16 @@ struct Loops {
     {                                                                                                                 \
       add_present_products_loop(sum, a, b, n);                                                                        \
     }                                                                                                                 \
+    target static void interleaved(double* part, const double* a, const double* b, int n)                             \
+    {                                                                                                                 \
+      add_interleaved_products_loop(part, a, b, n);                                                                   \
+    }                                                                                                                 \
     target static void shift(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)                   \
     {                                                                                                                 \
       shift_loop(out, from, step, n);                                                                                 \
     }                                                                                                                 \
     target static void exponential(double* x, int n) { exponential_loop(x, n); }                                      \
-    static constexpr Loops table{add, rows, multiples, products, present_products, shift, exponential};                     \
+    static constexpr Loops table{add, rows, multiples, products, present_products, interleaved, shift, exponential};                     \
   };
 
 TORVALE_LOOPS(Plain, )
@@ -154,6 +172,11 @@ void add_products(double* sum, const double* a, const double* b, int n)
 void add_present_products(double* sum, const double* a, const double* b, int n)
 {
   loops.add_present_products(sum, a, b, n);
+}
+
+void add_interleaved_products(double* part, const double* a, const double* b, int n)
+{
+  loops.add_interleaved_products(part, a, b, n);
 }
 
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)

@@ -34,4 +34,7 @@ struct Abilities {
 };
 Abilities can_evaluate(const model::NX& n);
 
+// specialise_single_point: ModelPrograms::closing_point, for quadrature with one point at the mode; at its first call.
+void specialise_single_point(model::NX& n);
+
 } // namespace torvale::evaluation

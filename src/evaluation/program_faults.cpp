@@ -1,5 +1,7 @@
 #include "evaluation/program_faults.h"
 
+#include "model/subject_names.h"
+
 #include <algorithm>
 
 namespace torvale::evaluation {
@@ -26,19 +28,19 @@ std::string shortened(std::string_view line)
 host::MessagePlace place_of(const NX& n, std::int64_t row)
 {
   host::MessagePlace place;
-  place.row = n.store->file_row[static_cast<std::size_t>(row)];
+  place.row = model::file_row(n, row);
   if (n.nreff() > 0) {
     const auto& subjects = n.leaf().SubInfo;
     const auto it = std::upper_bound(subjects.begin(), subjects.end(), row,
                                      [](std::int64_t r, const model::SUBINFO& s) { return r < s.first_row; });
-    if (it != subjects.begin()) place.subject = n.nreff() > 1 ? std::prev(it)->nestlev : std::prev(it)->prnc;
+    if (it != subjects.begin()) place.subject = model::chain_name(n, *std::prev(it));
   }
   return place;
 }
 
 std::int64_t observation_number(const GroupState& n, std::int64_t row)
 {
-  return n.store->group_row[static_cast<std::size_t>(row)] + 1;
+  return n.store->group_row(row) + 1;
 }
 
 FaultWords words_of(const ModelLists& n, const engine::Fault& fault)

@@ -11,6 +11,12 @@ namespace torvale::evaluation {
 struct Outputs {
   std::vector<engine::CMPSYM*> symbols;
   explicit Outputs(int places) : symbols(static_cast<std::size_t>(places), nullptr) {}
+  // Those of `next` behind these.
+  Outputs& append(const Outputs& next)
+  {
+    symbols.insert(symbols.end(), next.symbols.begin(), next.symbols.end());
+    return *this;
+  }
   engine::CMPSYM*& at(long place) { return symbols[static_cast<std::size_t>(place)]; }
 
   // The program; `more` are outputs behind those that have places.
@@ -31,7 +37,7 @@ struct Outputs {
 };
 
 // factor_programs: n.programs.factored, where enough derivatives by parameters have coefficients in common. Takes what the
-// programs `gradient` and `curvature` yield; the second has no places when nothing is differentiated at modes.
-void factor_programs(model::NX& n, Outputs gradient, Outputs curvature);
+// programs `gradient` and `closing` yield; the second has no places when nothing is differentiated at modes.
+void factor_programs(model::NX& n, Outputs gradient, Outputs closing);
 
 } // namespace torvale::evaluation

@@ -93,9 +93,9 @@ int slot_of(const PriorEntries& entries, int entry)
 std::int32_t first_used(const NX& n, const BatchWork& b, int slot)
 {
   const auto& subject = n.leaf().SubInfo[static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)])];
-  const std::int32_t* const rows = n.record_rows.data() + n.record_first[static_cast<std::size_t>(subject.index)];
+  const auto first = static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(subject.index)]);
   int record = 0;
-  while (rows[record] < subject.fvalidobs) ++record;
+  while (n.record_row(first + static_cast<std::size_t>(record)) < subject.fvalidobs) ++record;
   return record;
 }
 

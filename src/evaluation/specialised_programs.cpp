@@ -161,7 +161,7 @@ Abilities can_evaluate(const NX& n)
   Abilities can;
   can.value = static_cast<bool>(p.value);
   can.modes = n.nreff() > 0 && p.mode;
-  can.curvature = can.modes && p.curvature;
+  can.curvature = can.modes && (p.curvature || p.closing);
   if (n.method == 1)
     can.gradient = p.linear_gradient && (!n.lb || can.curvature);
   else
@@ -193,13 +193,33 @@ int specialise_programs(NX& n)
       if (analytic) p.linear_gradient = linear_outputs(n, reff, true).specialise(*n.gcmp);
     }
     if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
-    if (n.needcrossu) p.curvature = curvature_outputs(n, reff).specialise(*n.gcmp);
-    if (p.gradient && n.nreff() == 1 && (n.method == 0 || n.method == 3) && !engine::sequential(*p.gradient.code))
-      factor_programs(n, gradient_outputs(n, reff.gradstr), n.adaptive ? curvature_outputs(n, reff) : Outputs(0));
+    const bool by_points = n.nreff() == 1 && (n.method == 0 || n.method == 3);
+    Outputs closing(0);
+    if (n.needcrossu) {
+      closing = curvature_outputs(n, reff);
+      p.curvature.places = static_cast<int>(closing.symbols.size());
+      if (by_points && p.gradient && n.adaptive)
+        p.closing = closing.append(mode_outputs(n, reff)).specialise(*n.gcmp);
+      else
+        p.curvature = closing.specialise(*n.gcmp);
+    }
+    if (by_points && p.gradient && !engine::sequential(*p.gradient.code))
+      factor_programs(n, gradient_outputs(n, reff.gradstr), n.adaptive ? closing : Outputs(0));
     if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);
     specialise_pass(n, reff.gradstr);
   }
   return !p.value || n.pass_program == nullptr ? 1012 : 0;
+}
+
+void specialise_single_point(NX& n)
+{
+  ModelPrograms& p = n.programs;
+  if (!p.closing || p.closing_point || p.factored) return;
+  const REFFECT& reff = n.leaf();
+  p.closing_point = curvature_outputs(n, reff)
+                        .append(mode_outputs(n, reff))
+                        .append(gradient_outputs(n, reff.gradstr))
+                        .specialise(*n.gcmp);
 }
 
 } // namespace torvale::evaluation

@@ -6,6 +6,7 @@
 #include "host/host_exit.h"
 #include "host/messages/messages.h"
 #include "host/results/results.h"
+#include "host/results/stage_clock.h"
 #include "host/results/table.h"
 #include "host/storage/pool.h"
 #include "host/storage/utility_file.h"
@@ -51,14 +52,19 @@ public:
   // xpsout: a raw line for the listing; not part of the results.
   virtual void xpsout(std::string_view line) = 0;
 
+  // Text with a title for the listing, kept in the results of the step.
+  virtual void list_program(std::string title, std::string text) = 0;
+
   // xpfput: a line for a text file that the program itself writes (a path; a relative one begins at the output folder).
-  // A file is made once in a run and is complete when a step ends.
-  virtual void xpfput(std::string_view file, std::string_view line) = 0;
+  // With `append` behind what it held before the run. A file is made once in a run and is complete when a step ends.
+  virtual void xpfput(std::string_view file, std::string_view line, bool append) = 0;
 
   // Tells a terminal what the run is doing; drawn from the first tenth of a second on, ten times a second at most, and
   // gone before anything else is written. Cheap to call (a look at the clock); main thread only.
   virtual void progress(const Progress& now) = 0;
   virtual bool shows_progress() const = 0; // somebody looks: else do not call it from inner loops
+
+  StageClock& stages() { return stages_; }
 
   virtual double seconds() const = 0;           // of a clock that only moves forward; for limits, never for results
   virtual std::uint32_t clock_seed() const = 0; // 1 to 2147483646, from the time of day
@@ -76,6 +82,7 @@ public:
 
 private:
   std::atomic<bool> interrupted_{false};
+  StageClock stages_;
 };
 
 // How the embedded host behaves. Paths that are empty are not written.

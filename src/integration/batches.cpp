@@ -2,7 +2,9 @@
 
 #include "integration/objective.h"
 
+#include "evaluation/likelihood_programs.h"
 #include "integration/subjects/evaluation_parts.h"
+#include "integration/subjects/slot_tree.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -43,6 +45,11 @@ void list_records(NX& n)
   const bool all = keeps_values(n);
   n.record_rows.clear();
   n.record_first.assign(1, 0);
+  if (n.nreff() > 0 && (all || std::all_of(n.store->badobs.begin(), n.store->badobs.end(),
+                                           [](BadCause cause) { return cause == BadCause::none; }))) {
+    for (const auto& s : n.leaf().SubInfo) n.record_first.push_back(s.first_row + s.SubCount);
+    return;
+  }
   const auto add = [&](std::int64_t first, std::int64_t count) {
     for (std::int64_t row = first; row < first + count; ++row)
       if (all || n.store->badobs[static_cast<std::size_t>(row)] == BadCause::none)
@@ -71,7 +78,7 @@ void list_levels(NX& n, Batch& batch)
       const int s = n.batch_subjects[static_cast<std::size_t>(i)];
       if (records_of(n, s) <= level) break;
       n.batch_records.push_back(
-          n.record_rows[static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)]);
+          n.record_row(static_cast<std::size_t>(n.record_first[static_cast<std::size_t>(s)] + level)));
     }
     n.batch_levels.push_back(
         static_cast<std::int32_t>(static_cast<std::int64_t>(n.batch_records.size()) - batch.first_record));
@@ -161,6 +168,14 @@ long slots_of_a_batch(const NX& n)
   return static_cast<long>(std::clamp(most_sums / sums, 1.0, static_cast<double>(batch_slots)));
 }
 
+// So many subjects that the lanes of a level fill whole strips, or half of one.
+long whole_strips(std::int64_t slots)
+{
+  constexpr std::int64_t strip = 128;
+  if (slots > strip / 2) return static_cast<long>((slots + strip - 1) / strip * strip);
+  return static_cast<long>(slots > strip / 4 ? strip / 2 : std::max<std::int64_t>(slots, 1));
+}
+
 // Whole nests in order, until a batch has rows enough for full tiles; smaller batches when workers would stand idle.
 void deal_batches(NX& n)
 {
@@ -170,6 +185,8 @@ void deal_batches(NX& n)
   if (n.nreff() == 0) return;
   const auto& leaves = n.leaf().SubInfo;
   if (leaves.empty()) return;
+  n.batch_records.reserve(static_cast<std::size_t>(n.record_first.back()));
+  n.batch_subjects.reserve(leaves.size());
   const long contexts = n.workers != nullptr ? n.workers->contexts() : 1;
   const std::int64_t share = contexts == 1 ? most_batch_rows : n.store->nobs / (contexts * batches_per_context) + 1;
   const std::int64_t mean_rows = n.store->nobs / static_cast<std::int64_t>(leaves.size()) + 1;
@@ -177,7 +194,8 @@ void deal_batches(NX& n)
   const std::int64_t most_rows =
       keeps_values(n) ? std::min(std::max(batch_rows, enough), std::max(share, lanes_of_a_record * mean_rows))
                       : std::min(enough <= most_batch_rows ? std::max(batch_rows, enough) : batch_rows, share);
-  const long most_slots = slots_of_a_batch(n);
+  const long most_slots = std::min(slots_of_a_batch(n), whole_strips(most_rows / mean_rows));
+  const std::int64_t row_limit = 2 * most_rows; // subjects of many more records than the mean
   Batch batch;
   std::int64_t first_row = 0;
   const int nests = static_cast<int>(n.outer().SubInfo.size());
@@ -188,7 +206,7 @@ void deal_batches(NX& n)
     const auto contents = static_cast<int>(n.batch_subjects.size());
     const int slots = contents - batch.first;
     const std::int64_t rows = subject.first_row + subject.SubCount - first_row;
-    if (slots > 0 && (rows > most_rows || slots + (last - first) > most_slots)) close_batch(n, batch, contents, nest);
+    if (slots > 0 && (rows > row_limit || slots + (last - first) > most_slots)) close_batch(n, batch, contents, nest);
     if (contents == batch.first) first_row = subject.first_row;
     for (int leaf = first; leaf < last; ++leaf)
       if (!leaves[static_cast<std::size_t>(leaf)].badsub) n.batch_subjects.push_back(leaf);
@@ -209,10 +227,11 @@ void size_slots_of_batches(const GroupState& n, BatchWork& b)
 void size_slots(NX& n)
 {
   const long slots = n.nreff() > 0 ? static_cast<long>(n.outer().SubInfo.size()) : observation_blocks(n);
-  n.grad_stride = (n.nparm + 7) / 8 * 8;
+  n.grad_stride = n.nparm;
   size(n.slot_value, slots);
   size(n.slot_grad, slots * n.grad_stride);
   size(n.slot_status, slots);
+  SlotTree(n.tree_sums, slots, 1 + static_cast<std::size_t>(n.nparm));
   n.slot_row.assign(static_cast<std::size_t>(slots), -1);
 }
 
@@ -239,8 +258,13 @@ void size_modes(NX& n)
 
 void size_contexts(NX& n)
 {
+  const bool gradient = n.dograd || n.nqpspec;
+  if (n.nreff() == 1 && n.method == 0 && n.adaptive && n.leaf().nqpr == 1 && gradient)
+    evaluation::specialise_single_point(n);
   list_records(n);
   deal_batches(n);
+  if (n.bound != nullptr)
+    engine::cmporder(*n.bound, n.batch_records.data(), static_cast<std::int64_t>(n.batch_records.size()));
   const std::size_t contexts = n.workers != nullptr ? static_cast<std::size_t>(n.workers->contexts()) : 1;
   n.ctx.resize(contexts);
   for (std::size_t c = 0; c < contexts; ++c) {
@@ -258,15 +282,21 @@ void size_contexts(NX& n)
   size_slots(n);
   size_modes(n);
   n.parmlast.clear();
+  forget_evaluation(n);
 }
 
 void forget_modes(NX& n)
 {
   n.ebtrial_point.clear();
+  forget_evaluation(n);
   if (n.nreff() == 0) return;
   const long length = place_modes(n), subjects = static_cast<long>(n.outer().SubInfo.size());
   for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, length);
   for (std::vector<char>* v : {&n.ebes_known, &n.ebtrial_known}) size(*v, subjects);
+  const bool predicted = n.nreff() == 1 && n.programs.closing && !n.programs.factored;
+  for (std::vector<float>* v : {&n.ebes_by, &n.ebtrial_by}) size(*v, predicted ? length * n.nparm : 0);
+  n.ebtrial_by_known = false;
+  n.ebes_point.clear();
 }
 
 } // namespace torvale::integration

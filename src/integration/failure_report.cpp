@@ -5,6 +5,7 @@
 #include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "integration/objective.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 #include <utility>
@@ -86,7 +87,7 @@ void report_failure(const NX& n)
   if (n.nreff() > 0) {
     const model::SUBINFO& subject = n.outer().SubInfo[slot];
     if (report_program_fault(n, subject.first_row, subject.first_row + subject.SubCount)) return;
-    name = subject.prnc;
+    name = model::subject_name(n, subject);
   } else if (row >= 0) {
     if (report_program_fault(n, row, row + 1)) return;
     observation = evaluation::observation_number(n, row);

@@ -1,7 +1,10 @@
 #include "integration/objective.h"
 
 #include "integration/subjects/evaluation_parts.h"
+#include "integration/subjects/slot_tree.h"
 #include "matrix/packed.h"
+
+#include <algorithm>
 
 namespace torvale::integration {
 
@@ -9,12 +12,18 @@ using model::NX;
 
 int outer_products(NX& n, std::vector<double>& sum)
 {
-  if (n.failed || !n.dograd || n.ebtrial_point != n.parm) return 1;
+  if (n.failed || n.evaluated != model::GroupState::Evaluated::gradient || n.ebtrial_point != n.parm) return 1;
   sum.assign(static_cast<std::size_t>(matrix::packed_size(n.nparm)), 0.0);
   if (n.nreff() == 0) return add_record_products(n, *n.ctx[0], sum.data());
-  for (const auto& s : n.outer().SubInfo)
-    if (!s.badsub)
-      add_outer_product(n.slot_grad.data() + static_cast<long>(s.index) * n.grad_stride, n.nparm, s.weight, sum.data());
+  const auto add = [&](long first, long last, double* products) {
+    for (long slot = first; slot < last; ++slot) {
+      const auto& s = n.outer().SubInfo[static_cast<std::size_t>(slot)];
+      if (!s.badsub) add_outer_product(n.slot_grad.data() + slot * n.grad_stride, n.nparm, s.weight, products);
+    }
+  };
+  std::vector<double> room;
+  SlotTree tree(room, static_cast<long>(n.slot_value.size()), sum.size());
+  std::copy_n(tree.sum(n.workers.get(), add), sum.size(), sum.begin());
   return 0;
 }
 

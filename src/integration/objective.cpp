@@ -2,6 +2,7 @@
 
 #include "integration/failure_report.h"
 #include "integration/subjects/evaluation_parts.h"
+#include "integration/subjects/slot_tree.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@ namespace torvale::integration {
 
 using model::NX;
 using model::TVLThreadCtx;
+using Evaluated = model::GroupState::Evaluated;
 
 namespace {
 
@@ -94,25 +96,43 @@ void prepare(NX& n)
   }
   std::fill(n.ebtrial_known.begin(), n.ebtrial_known.end(), static_cast<char>(0));
   n.ebtrial_point.clear();
+  n.ebtrial_by_known = false;
+  forget_evaluation(n);
 }
 
-// Slots in subject order; the observation blocks already hold their weights.
+// The last evaluation was at this point, and has what is wanted: it stands, with its slots and modes. Where modes stand still
+// to a tolerance only (EBITER$), another one brings them nearer.
+bool evaluated(NX& n)
+{
+  if (n.ebiter) return false;
+  if (n.evaluated < (n.dograd ? Evaluated::gradient : Evaluated::value) || n.ebtrial_point != n.parm) return false;
+  n.objfun = n.evaluated_objfun;
+  if (n.dograd) n.objgrad = n.goodgrad;
+  return true;
+}
+
+// Value and gradient; the observation blocks already hold their weights.
 void sum_slots(NX& n)
 {
-  n.objfun = 0.0;
-  if (n.dograd) n.objgrad.assign(static_cast<std::size_t>(n.nparm), 0.0);
-  const auto add = [&](std::size_t slot, double weight) {
-    n.objfun += weight * n.slot_value[slot];
-    if (!n.dograd) return;
+  const std::size_t np = n.dograd ? static_cast<std::size_t>(n.nparm) : 0;
+  const auto add = [&](std::size_t slot, double weight, double* sum) {
+    sum[0] += weight * n.slot_value[slot];
     const double* const gradient = n.slot_grad.data() + static_cast<long>(slot) * n.grad_stride;
-    for (std::size_t j = 0; j < n.objgrad.size(); ++j) n.objgrad[j] += weight * gradient[j];
+    for (std::size_t j = 0; j < np; ++j) sum[1 + j] += weight * gradient[j];
   };
-  if (n.nreff() == 0) {
-    for (std::size_t slot = 0; slot < n.slot_value.size(); ++slot) add(slot, 1.0);
-    return;
-  }
-  for (const auto& s : n.outer().SubInfo)
-    if (!s.badsub) add(static_cast<std::size_t>(s.index), s.weight);
+  const auto subjects = [&](long first, long last, double* sum) {
+    for (long slot = first; slot < last; ++slot) {
+      const auto& s = n.outer().SubInfo[static_cast<std::size_t>(slot)];
+      if (!s.badsub) add(static_cast<std::size_t>(slot), s.weight, sum);
+    }
+  };
+  const auto blocks = [&](long first, long last, double* sum) {
+    for (long slot = first; slot < last; ++slot) add(static_cast<std::size_t>(slot), 1.0, sum);
+  };
+  SlotTree tree(n.tree_sums, static_cast<long>(n.slot_value.size()), 1 + np);
+  const double* const sum = n.nreff() > 0 ? tree.sum(n.workers.get(), subjects) : tree.sum(n.workers.get(), blocks);
+  n.objfun = sum[0];
+  if (n.dograd) n.objgrad.assign(sum + 1, sum + 1 + np);
 }
 
 void take_failure(NX& n)
@@ -229,17 +249,26 @@ private:
 int tvllike(NX& n)
 {
   n.failed = false;
+  if (evaluated(n)) return 0;
+  if (n.host != nullptr) n.host->stages().count_evaluation();
   for (auto& ctx : n.ctx) std::fill(ctx->batch.null_scale.begin(), ctx->batch.null_scale.end(), 0.0);
   bool ended = false;
   const bool good = evaluate_slots(n, ended);
+  bool limited = false;
   if (good && n.dograd && n.nreff() > 0)
-    if (GradientLimit limit(n); limit.needed()) limit.take();
+    if (GradientLimit limit(n); limit.needed()) {
+      limit.take();
+      limited = true; // what the last pass has left are not the derivatives of the modes
+    }
   if (good) sum_slots(n);
   if (!good || !(n.objfun < model::failure_objective)) {
     take_failure(n);
     if (n.itdetails) report_failure(n);
   } else {
     n.ebtrial_point = n.parm;
+    n.evaluated = n.dograd ? Evaluated::gradient : Evaluated::value;
+    n.ebtrial_by_known = n.dograd && !n.ebtrial_by.empty() && !limited;
+    n.evaluated_objfun = n.objfun;
     if (n.dograd) n.goodgrad = n.objgrad;
   }
   if (!ended) return n.failed && n.retfail && n.nreff() > 1 ? 1 : 0;
@@ -250,6 +279,13 @@ int tvllike(NX& n)
 void accept_modes(NX& n)
 {
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
+  if (n.ebtrial_by_known) {
+    n.ebes_by.swap(n.ebtrial_by);
+    n.ebes_point = n.parm;
+    n.ebtrial_by_known = false;
+  } else if (n.ebes_point != n.parm) {
+    n.ebes_point.clear();
+  }
   for (std::size_t s = 0; s < n.ebtrial_known.size(); ++s) {
     if (n.ebtrial_known[s] == 0) continue;
     int first = static_cast<int>(s), last = first + 1; // level by level: what is nested in it

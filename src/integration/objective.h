@@ -17,8 +17,15 @@ void forget_modes(model::NX& n);
 // tvllike: the objective at n.parm into n.objfun and, when n.dograd is set, its gradient into n.objgrad. A failed evaluation
 // sets n.failed, objfun to failure_objective and objgrad to ones (to the last good gradient once n.converged is set), and
 // says under itdetails which subject failed first and why. The modes found go to ebtrial, tagged with the point.
+// What the last evaluation has found at this point is not found again.
 // Returns 0, failed or not (1 when failed, with RETFAIL$ and several levels); 1012 when the program ended the run (STOP, ABORT).
 int tvllike(model::NX& n);
+
+// forget_evaluation: the next one is made whatever the last has found.
+inline void forget_evaluation(model::NX& n)
+{
+  n.evaluated = model::GroupState::Evaluated::nothing;
+}
 
 // Callbacks of the optimizer; str->comstr is the NX, str->x the point. nlpfunc writes crit and, with dograd, grad too.
 int nlpfunc(optimizer::MINSTR* str);

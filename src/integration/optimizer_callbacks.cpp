@@ -20,6 +20,8 @@ namespace {
 // program's own STOP or ABORT makes, ends the optimization.
 int evaluate(MINSTR* str, NX& n)
 {
+  // The covariance begins where the technique has ended; what follows it is not the technique's until it is started anew.
+  if (n.host != nullptr && str->indf == optimizer::purpose_final) n.host->stages().enter(host::Stage::covariance);
   if (str->x != n.parm.data()) n.parm.assign(str->x, str->x + n.nparm);
   const int rc = tvllike(n);
   str->crit = n.objfun;

@@ -23,7 +23,7 @@ struct Batch {
 
 // ModeSearch: the Newton search of one subject in progress.
 struct ModeSearch {
-  enum State : char { searching, found, failed };
+  enum State : char { searching, near, found, failed }; // near: its next evaluation is the one at the mode
   State state = searching;
   bool from_mean = false;  // started from the mean: there is no further start
   int step = 0;            // Newton steps taken
@@ -78,6 +78,7 @@ struct BatchWork : Priors {
   int levels = 0;
   const std::int32_t* rows = nullptr; // store rows of these records
   std::vector<ModeSearch> search;    // per slot
+  std::vector<double> parameter_step; // from the point of the accepted modes
   // Modes, per slot.
   std::vector<double> z;             // nr: mode, or trial point of the search
   std::vector<double> zold;          // nr: last accepted point of the search
@@ -88,7 +89,7 @@ struct BatchWork : Priors {
   // Sums over records, row per output, column per pair (stride mode_stride, pair_stride).
   long mode_stride = 0, pair_stride = 0;
   std::vector<double> mode_sums;      // programs.mode
-  std::vector<double> curvature_sums; // programs.curvature
+  std::vector<double> curvature_sums; // programs.curvature, or closing
   std::vector<double> point_sums;     // programs.gradient or programs.value
   // Points of the run in hand.
   std::vector<double> ran;           // nr x pair_stride: random effects

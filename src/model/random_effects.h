@@ -34,9 +34,9 @@ struct ModelProgram {
 // parameters) and a factor (of a record): those of a linear predictor. Coefficients are weighted and added up over points first;
 // factors come in once per record.
 struct FactoredPrograms {
-  // As ModelPrograms::gradient and curvature without the factored parameters; behind the outputs that have places the
+  // As ModelPrograms::gradient and closing without the factored parameters; behind the outputs that have places the
   // programs yield their coefficients.
-  ModelProgram gradient, curvature;
+  ModelProgram gradient, closing;
   const engine::Program* factors = nullptr; // per record
   int point_coefficients = 0, mode_coefficients = 0; // of the first and of the second
   // What a subject weighs a coefficient by: 0 that of the points; 1 + k the cross derivative by effect k; 1 + ne + packed the third.
@@ -88,6 +88,12 @@ struct ModelPrograms {
   int information(int packed) const { return 1 + ne + packed; }
   int linear_sums() const { return 1 + ne + ne * (ne + 1) / 2; }
   int linear_by(int sum, int w) const { return linear_sums() + sum * (np + ne) + w; }
+
+  // What is wanted at the mode itself, in one pass: the places of `curvature`, then those of `mode`; where the mode is the only
+  // point also those of `gradient`, behind them. One level, with gradients; then `curvature` has places but no code.
+  ModelProgram closing, closing_point;
+  int closing_mode(int place) const { return curvature.places + place; }
+  int closing_gradient(int place) const { return curvature.places + mode.places + place; }
 
   // The cross derivatives alone, for what follows the fit: predictions and the errors of the modes.
   ModelProgram cross;

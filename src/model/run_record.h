@@ -219,6 +219,14 @@ struct GroupState {
   std::vector<double> ebtrial;                // written by the last evaluation
   std::vector<char> ebtrial_known;
   std::vector<double> ebtrial_point;          // parameter vector that ebtrial belongs to; empty when none
+  enum class Evaluated : char { nothing, value, gradient };
+  Evaluated evaluated = Evaluated::nothing;   // what the slots hold of that point
+  double evaluated_objfun = 0.0;              // the objective there
+  // Derivatives of the modes by the parameters, nr x np a subject, with one level; empty: not kept. They tell where the modes of
+  // a nearby point are.
+  std::vector<float> ebes_by, ebtrial_by;     // of the accepted modes, and of the last evaluation's
+  bool ebtrial_by_known = false;              // that one had a gradient
+  std::vector<double> ebes_point;             // point of ebes_by; empty: there are none
   std::vector<double> ebesold;                // modes of the best grid point
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker
@@ -227,14 +235,20 @@ struct GroupState {
   std::vector<int> batch_subjects;            // usable subjects by batch, in a batch those with more records first
   std::vector<std::int32_t> batch_records;    // store rows by batch and level
   std::vector<std::int32_t> batch_levels;     // by batch: places of batch_records, from the batch's first, where levels begin
-  std::vector<std::int32_t> record_rows;      // store rows that the tiles visit: the used ones (all, when records carry state)
+  std::vector<std::int32_t> record_rows;      // store rows that the tiles visit: the used ones (all, when records carry state);
+                                              // empty with random effects where these are all rows
   std::vector<std::int32_t> record_first;     // per subject: its first entry in record_rows; one more closes the last
-  // Slots: one per subject (or per block of observations): value, gradient, status. Summed in subject order.
+  // Slots: one per subject (or per block of observations): value, gradient, status. Summed in the order of slot_tree.h.
+  std::int32_t record_row(std::size_t record) const
+  {
+    return record_rows.empty() ? static_cast<std::int32_t>(record) : record_rows[record];
+  }
   std::vector<double> slot_value;
   std::vector<double> slot_grad;              // slots x grad_stride
   std::vector<int> slot_status;               // 0 good, else the message number of the failure
   std::vector<std::int64_t> slot_row;         // store row that the failure names, or -1
-  long grad_stride = 0;                       // doubles between gradients of two slots: a multiple of 8
+  long grad_stride = 0;                       // doubles between gradients of two slots
+  std::vector<double> tree_sums;              // room of their sum
 };
 
 struct FitState {

@@ -33,41 +33,45 @@ struct Store {
   // All that has an entry for every row lies in `memory`; null: the heap.
   explicit Store(const host::RowMemory& memory);
 
-  std::unique_ptr<host::Pool> datapool;               // owns the columns
+  std::unique_ptr<host::Pool> datapool;               // owns the columns that are not those of the input
   std::int64_t nobs = 0;                              // rows
   std::int64_t nobsu = 0;                             // rows used: not marked in badobs
   engine::DataView view;                              // the columns as the engine takes them
   std::vector<std::vector<std::string>> dictionaries; // texts of the character columns (view points into it)
-  host::RowVector<std::int32_t> subject_start;        // per row: row where its subject starts
-  host::RowVector<std::int64_t> file_row;             // per row: row number in the input file, from 1 (for messages)
-  host::RowVector<std::int64_t> group_row;    // per row: position in the BY group, from 0 (observation number less one)
-  host::RowVector<std::int32_t> row_of_group; // inverse of group_row
-  host::RowVector<BadCause> badobs;           // per row: none when the observation is used
-  host::RowVector<double> replicate;          // per row: value of the REPLICATE variable; empty without one
-  host::RowVector<double> dependent; // per row: value of the dependent variable when it is a data variable; else empty
+  host::RowVector<std::int32_t> subject_start;        // per row: row where its subject starts; empty where nobody asks
+  // Per row its position in the BY group, from 0 (observation number less one), and the inverse; both empty where the
+  // group is in subject order already.
+  host::RowVector<std::int32_t> group_order, store_order;
+  host::RowVector<BadCause> badobs;  // per row: none when the observation is used
+  host::RowVector<double> replicate; // per row: value of the REPLICATE variable; empty without one
+
+  std::int64_t group_row(std::int64_t row) const
+  {
+    return group_order.empty() ? row : group_order[static_cast<std::size_t>(row)];
+  }
+  std::int64_t row_of_group(std::int64_t position) const
+  {
+    return store_order.empty() ? position : store_order[static_cast<std::size_t>(position)];
+  }
 };
 
 inline Store::Store(const host::RowMemory& memory)
     : datapool(host::xmpoolc("data store", memory)), subject_start(host::RowAllocator<std::int32_t>(memory)),
-      file_row(host::RowAllocator<std::int64_t>(memory)), group_row(host::RowAllocator<std::int64_t>(memory)),
-      row_of_group(host::RowAllocator<std::int32_t>(memory)), badobs(host::RowAllocator<BadCause>(memory)),
-      replicate(host::RowAllocator<double>(memory)), dependent(host::RowAllocator<double>(memory))
+      group_order(host::RowAllocator<std::int32_t>(memory)), store_order(host::RowAllocator<std::int32_t>(memory)),
+      badobs(host::RowAllocator<BadCause>(memory)), replicate(host::RowAllocator<double>(memory))
 {
   view.memory = memory;
 }
 
-// SUBINFO: one subject of one RANDOM statement. (Subject information.)
+// SUBINFO: one subject of one RANDOM statement. (Subject information; its name: subject_names.h.)
 struct SUBINFO {
   int ranind = 0;             // index of its REFFECT
   int index = 0;              // position in SubInfo, from 0: order of first appearance
-  std::int64_t first_row = 0; // first row in the store
+  std::int32_t first_row = 0; // first row in the store
   int SubCount = 0;           // rows
   int used = 0;               // rows used
-  std::int64_t fvalidobs = 0; // store row of its first used observation
-  std::int64_t lvalidobs = 0; // store row of its last used observation
-  double n = 0.0;             // subject value when numeric
-  std::string prnc;           // subject value for printing
-  std::string nestlev;        // the values of its ancestors and its own, joined by "-", for printing
+  std::int32_t fvalidobs = 0; // store row of its first used observation
+  std::int32_t lvalidobs = 0; // store row of its last used observation
   int parent = -1;            // the subject of the next outer level that it is nested in; -1 at the outermost
   int first_child = 0;        // its children in the next deeper level: first_child to last_child - 1
   int last_child = 0;

@@ -24,11 +24,9 @@ template <int NR> struct JointDensity {
   explicit JointDensity(int nr) : order(nr) {}
   int nr() const { return NR > 0 ? NR : order; }
 
-  // From column a of the mode sums: ll, nr first and nrs second derivatives by u.
-  void read(const model::BatchWork& b, int a, const double* z, const double* l)
+  // From a column of sums, `stride` doubles between its rows: ll, nr first and nrs second derivatives by u.
+  void read(const double* sum, long stride, const double* z, const double* l)
   {
-    const long stride = b.mode_stride;
-    const double* const sum = b.mode_sums.data() + a;
     const double ll = sum[0];
     double square = 0.0;
     for (int i = 0; i < nr(); ++i) square += z[i] * z[i];
@@ -95,12 +93,11 @@ template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int a
                              {n.programs.mode.code, n.programs.mode.outputs, b.mode_sums.data(), b.mode_stride});
 }
 
-// Keeps what the integration needs of column a, which stands at the mode of the slot.
-template <int NR> void keep_curvature(model::BatchWork& b, int order, int slot, int a, const double* inverse)
+// Keeps what the integration needs of a column of such sums, which stands at the mode of the slot.
+template <int NR> void keep_curvature(model::BatchWork& b, int order, int slot, const double* sum, const double* inverse)
 {
   const int nr = NR > 0 ? NR : order;
   const int nrs = nr * (nr + 1) / 2;
-  const double* const sum = b.mode_sums.data() + a;
   for (int i = 0; i < nr; ++i) b.slope[static_cast<std::size_t>(slot * nr + i)] = sum[(1 + i) * b.mode_stride];
   for (int k = 0; k < nrs; ++k) {
     b.curve[static_cast<std::size_t>(slot * nrs + k)] = sum[(1 + nr + k) * b.mode_stride];

@@ -30,7 +30,7 @@ int function(MINSTR* str)
   b.active[0] = s.slot;
   if (EBFunc<0>(*s.n, *s.ctx, 1) != 0) return 1;
   JointDensity<0> at(nr);
-  at.read(b, 0, str->x, b.factor.data() + static_cast<long>(prior_of(*s.n, s.slot)) * (nr * (nr + 1) / 2));
+  at.read(b.mode_sums.data(), b.mode_stride, str->x, b.factor.data() + static_cast<long>(prior_of(*s.n, s.slot)) * (nr * (nr + 1) / 2));
   str->crit = at.f;
   std::copy_n(at.gradient, nr, str->grad);
   std::copy_n(at.hessian, nr * (nr + 1) / 2, str->hess);
@@ -88,7 +88,7 @@ bool library_search(const NX& n, TVLThreadCtx& ctx, int slot)
   b.active[0] = slot;
   if (EBFunc<0>(n, ctx, 1) != 0) return false;
   JointDensity<0> at(nr);
-  at.read(b, 0, z, b.factor.data() + static_cast<long>(prior_of(n, slot)) * (nr * (nr + 1) / 2));
+  at.read(b.mode_sums.data(), b.mode_stride, z, b.factor.data() + static_cast<long>(prior_of(n, slot)) * (nr * (nr + 1) / 2));
   if (!(at.f < model::failure_objective)) return false;
   double pivots[most_effects];
   if (InvertHessian<0>(n, nr, at.hessian, at.gradient, pivots, ctx.block) != 0) return false;
@@ -96,7 +96,7 @@ bool library_search(const NX& n, TVLThreadCtx& ctx, int slot)
   s.state = ModeSearch::found;
   s.logdet = log_determinant(nr, pivots);
   s.failure = 0;
-  keep_curvature<0>(b, nr, slot, 0, at.hessian);
+  keep_curvature<0>(b, nr, slot, b.mode_sums.data(), at.hessian);
   return true;
 }
 

@@ -23,28 +23,58 @@ constexpr double largest = std::numeric_limits<double>::max();
 
 template <int NR> class LockstepSearch {
 public:
-  LockstepSearch(const NX& n, TVLThreadCtx& ctx)
-      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2)
+  LockstepSearch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
+      : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2), at_modes_(at_modes),
+        predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm)
   {
+    for (std::size_t j = 0; predicts_ && j < n.parm.size(); ++j) b_.parameter_step[j] = n.parm[j] - n.ebes_point[j];
   }
 
   int run()
   {
     start_all();
-    while (active_ > 0) {
-      if (const int rc = EBFunc<NR>(n_, ctx_, active_); rc != 0) return rc;
-      int kept = 0;
-      for (int a = 0; a < active_; ++a) {
-        const int slot = b_.active[static_cast<std::size_t>(a)];
-        advance(slot, a);
-        if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(kept++)] = slot;
+    do {
+      while (active_ > 0) {
+        if (const int rc = EBFunc<NR>(n_, ctx_, active_); rc != 0) return rc;
+        advance_all(active_, b_.mode_sums.data());
       }
-      active_ = kept;
+      if (at_modes_ == nullptr) return 0;
+      if (const int rc = close(); rc != 0) return rc;
+    } while (active_ > 0);
+    return 0;
+  }
+
+  // The evaluation at the modes, of those that are near and of those that are found.
+  int close()
+  {
+    int modes = 0;
+    for (int slot = 0; slot < b_.slots; ++slot) {
+      if (search(slot).state == ModeSearch::failed) continue;
+      b_.column[static_cast<std::size_t>(slot)] = modes;
+      b_.active[static_cast<std::size_t>(modes++)] = slot;
     }
+    if (modes == 0) return 0;
+    if (const int rc = at_modes_->run(n_, ctx_, modes); rc != 0) return rc;
+    advance_all(modes, b_.curvature_sums.data() + at_modes_->mode_place * b_.mode_stride);
     return 0;
   }
 
 private:
+  static constexpr int capacity = JointDensity<NR>::capacity;
+
+  // Those of the first `count` active slots that are not found go on, and stay active when they need another
+  // evaluation.
+  void advance_all(int count, const double* sums)
+  {
+    active_ = 0;
+    for (int a = 0; a < count; ++a) {
+      const int slot = b_.active[static_cast<std::size_t>(a)];
+      if (search(slot).state == ModeSearch::found) continue;
+      advance(slot, sums + a);
+      if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
+    }
+  }
+
   ModeSearch& search(int slot) { return b_.search[static_cast<std::size_t>(slot)]; }
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return NR > 0 ? NR * (NR + 1) / 2 : nrs_; }
@@ -72,7 +102,7 @@ private:
     }
   }
 
-  // z = L^-1 (u - m) of the accepted mode; a direction without variance stays at its mean.
+  // z = L^-1 (u - m) of the accepted mode, moved with the parameters; a direction without variance stays at its mean.
   void place_start(int slot)
   {
     const auto subject = static_cast<std::size_t>(b_.subject[static_cast<std::size_t>(slot)]);
@@ -83,6 +113,23 @@ private:
       return;
     }
     const double* const u = n_.ebes.data() + subject * static_cast<std::size_t>(nr());
+    standardize(slot, u, to);
+    if (!predicts_) return;
+    double ahead[capacity], z_ahead[capacity];
+    for (int i = 0; i < nr(); ++i) ahead[i] = u[i];
+    const float* by = n_.ebes_by.data() + subject * static_cast<std::size_t>(nr() * n_.nparm);
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < n_.nparm; ++j) ahead[i] += static_cast<double>(*by++) * b_.parameter_step[static_cast<std::size_t>(j)];
+    standardize(slot, ahead, z_ahead);
+    // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
+    constexpr double farthest = 2.0;
+    bool near = true;
+    for (int i = 0; i < nr(); ++i) near = near && std::abs(z_ahead[i] - to[i]) < farthest;
+    if (near) std::copy_n(z_ahead, nr(), to);
+  }
+
+  void standardize(int slot, const double* u, double* to) const
+  {
     const double* const m = b_.mean.data() + static_cast<long>(prior_of(n_, slot)) * nr();
     const double* l = factor(slot);
     for (int i = 0; i < nr(); ++i) {
@@ -96,7 +143,7 @@ private:
   void start_from_mean(int slot)
   {
     ModeSearch& s = search(slot);
-    s = ModeSearch{};
+    s = ModeSearch{}; // searching
     s.from_mean = true;
     s.bound = s.previous = largest;
     std::fill_n(z(slot), nr(), 0.0);
@@ -112,12 +159,12 @@ private:
                                         : message::mode_steps_used_up::message_number;
   }
 
-  // One decision of the search: value, gradient and Hessian at z stand in column a of the mode sums.
-  void advance(int slot, int a)
+  // One decision of the search: value, gradient and Hessian at z stand in this column of sums.
+  void advance(int slot, const double* sums)
   {
     ModeSearch& s = search(slot);
     JointDensity<NR> at(nr());
-    at.read(b_, a, z(slot), factor(slot));
+    at.read(sums, b_.mode_stride, z(slot), factor(slot));
     if (n_.ebsubstep > 0) {
       const bool trial = s.substep > 0;
       if (trial ? !(at.f < s.bound) : !(at.f <= s.bound)) return shrink(slot);
@@ -128,7 +175,7 @@ private:
     } else if (!(at.f < model::failure_objective)) {
       return give_up(slot);
     }
-    newton(slot, a, at);
+    newton(slot, sums, at);
   }
 
   // The value rose: a shorter step, first by EBSSFRAC, then by halves.
@@ -138,12 +185,13 @@ private:
     if (s.substep >= n_.ebsubstep + halvings) return give_up(slot);
     const double keep = s.substep < n_.ebsubstep ? n_.ebssfrac : 0.5;
     ++s.substep;
+    s.state = ModeSearch::searching;
     double* const to = z(slot);
     const double* const from = zold(slot);
     for (int i = 0; i < nr(); ++i) to[i] = keep * to[i] + (1.0 - keep) * from[i];
   }
 
-  void newton(int slot, int a, JointDensity<NR>& at)
+  void newton(int slot, const double* sums, JointDensity<NR>& at)
   {
     ModeSearch& s = search(slot);
     double* const inverse = at.hessian;
@@ -164,51 +212,59 @@ private:
       if (!(sd <= step_sd)) step_sd = sd;
     }
     if (!(step_sd < largest)) return give_up(slot);
-    if (step_u < n_.ebtol || (step_sd < noise_floor && step_sd > noise_ratio * s.previous)) {
+    const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
+    if (step_u < n_.ebtol || noise || step_sd < negligible) {
       s.state = ModeSearch::found;
       s.logdet = log_determinant(nr(), pivots);
-      keep_curvature<NR>(b_, nr(), slot, a, inverse);
+      keep_curvature<NR>(b_, nr(), slot, sums, inverse);
       return;
     }
     s.previous = step_sd;
     if (++s.step >= n_.ebstep) return give_up(slot);
     double* const to = z(slot);
     for (int i = 0; i < nr(); ++i) to[i] -= step[i];
+    s.state = at_modes_ != nullptr && step_sd < almost_there ? ModeSearch::near : ModeSearch::searching;
   }
 
   const NX& n_;
   TVLThreadCtx& ctx_;
   BatchWork& b_;
   const int nr_, nrs_;
+  const AtModes* const at_modes_;
+  const bool predicts_; // starts follow the parameters from the accepted modes
   int active_ = 0;
 };
 
-template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx)
+template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
 {
-  if (const int rc = LockstepSearch<NR>(n, ctx).run(); rc != 0) return rc;
+  LockstepSearch<NR> search(n, ctx, at_modes);
+  if (const int rc = search.run(); rc != 0) return rc;
+  bool by_library = false;
   for (int slot = 0; slot < ctx.batch.slots; ++slot) {
     const auto at = static_cast<std::size_t>(slot);
     const ModeSearch& s = ctx.batch.search[at];
     if (s.state != ModeSearch::failed || s.failure == 0) continue;
-    if (n.ebopt && library_search(n, ctx, slot)) continue;
-    ctx.batch.failure[at] = s.failure;
+    if (n.ebopt && library_search(n, ctx, slot))
+      by_library = true;
+    else
+      ctx.batch.failure[at] = s.failure;
   }
-  return 0;
+  return by_library && at_modes != nullptr ? search.close() : 0;
 }
 
 } // namespace
 
-int tvlebes(const NX& n, TVLThreadCtx& ctx)
+int tvlebes(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
 {
   switch (n.leaf().nr) {
   case 1:
-    return search_batch<1>(n, ctx);
+    return search_batch<1>(n, ctx, at_modes);
   case 2:
-    return search_batch<2>(n, ctx);
+    return search_batch<2>(n, ctx, at_modes);
   case 3:
-    return search_batch<3>(n, ctx);
+    return search_batch<3>(n, ctx, at_modes);
   default:
-    return search_batch<0>(n, ctx);
+    return search_batch<0>(n, ctx, at_modes);
   }
 }
 

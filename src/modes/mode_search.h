@@ -14,7 +14,15 @@ namespace torvale::modes {
 // Fills z, slope, curve, covariance and search[].logdet of ctx.batch; spread is the caller's. A slot that fails gets message
 // 358 (359 with a character subject). Needs the priors; the frame's range must cover the batch. Only slots of ctx change.
 // Returns 0 or the engine's code above 2. Allocates nothing.
-int tvlebes(const model::NX& n, model::TVLThreadCtx& ctx);
+//
+// AtModes: what the caller wants to know at the modes. The last evaluation of a search is then this one: `run` is called for
+// the first `active` entries of b.active, whose columns of curvature_sums are 0, 1, ... (kept in b.column); the places of
+// ModelPrograms::mode begin at `mode_place` there. It may be called again, for all slots, when a mode was not quite reached.
+struct AtModes {
+  int (*run)(const model::NX& n, model::TVLThreadCtx& ctx, int active) = nullptr;
+  int mode_place = 0;
+};
+int tvlebes(const model::NX& n, model::TVLThreadCtx& ctx, const AtModes* at_modes = nullptr);
 
 // library_search: the second stage (EBOPT): Newton-Raphson with ridging of the optimization library for one slot whose
 // own search failed. On success the slot is as tvlebes leaves it and true is returned. Allocates at its first use.

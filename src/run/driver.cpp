@@ -83,12 +83,15 @@ void draw_pictures(NX& n, const sampling::SampleDraws& sample)
 int run_group(NX& n)
 {
   n.znlprc = 0;
+  host::StageClock& stages = n.host->stages();
+  stages.enter(host::Stage::data_pass);
   n.host->progress({.stage = "reading data"});
   advise_on_response(n);
   if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
   integration::forget_modes(n);
   n.verdict = {};
   n.host->progress({.stage = "starting values"});
+  stages.enter(host::Stage::starting_values);
   if (solve::tvlparm(n) != 0) {
     n.verdict.outcome = model::FitOutcome::not_evaluated;
     inference::write_verdict(n);
@@ -96,7 +99,9 @@ int run_group(NX& n)
   }
   if (n.host->interrupted()) return exit_interrupted;
   n.parmstart = n.parm;
+  stages.enter(host::Stage::optimizer);
   solve::tvlsolv(n);
+  stages.enter(host::Stage::report);
   int exit_code = report_fit(n);
   sampling::SampleDraws sample;
   // Where the objective has a value, whether or not the fit converged.
@@ -150,12 +155,16 @@ StepOutcome hsttorvl(NX& n)
       inference::starting_tables(run);
       return 0;
     };
+    n.host->stages().enter(host::Stage::data_pass);
     // Data that are not in the order of their BY variables have no groups: nothing is fitted, nothing shown.
     host::ByGroups groups;
-    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) return {1012, exit_data};
-    parallel::tvltinit(n);
-    tvlspec(n);
-    outcome = run_groups(n, groups);
+    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) {
+      outcome = {1012, exit_data};
+    } else {
+      parallel::tvltinit(n);
+      tvlspec(n);
+      outcome = run_groups(n, groups);
+    }
   } catch (const host::HostExit& end) {
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
@@ -163,6 +172,7 @@ StepOutcome hsttorvl(NX& n)
     n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
+  complete_sample_output(n);
   parallel::KillThreads(n);
   return outcome;
 }

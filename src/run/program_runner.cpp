@@ -55,6 +55,7 @@ public:
     ProgramResult result;
     int steps = 0;
     for (;; ++steps) {
+      host_.stages().enter(host::Stage::parse);
       begin_reading();
       language::ParseResult parsed;
       try {
@@ -69,11 +70,13 @@ public:
       if (request_.check_only && parsed.found)
         result.statements.push_back(language::statement_listing(sources_, parsed.proc) +
                                     language::program_listing(parsed.proc.program));
+      host_.stages().enter(host::Stage::compile);
       StepOutcome outcome = parsed.found ? finish(parsed) : StepOutcome{3000, exit_program};
       if (host_.interrupted()) {
         host_.log().xpmlog(message::interrupted);
         outcome.exit_code = exit_interrupted;
       }
+      host_.stages().enter(host::Stage::report);
       host_.end_step(outcome.return_code);
       // What could not be written when the step closed its files.
       if (host_.results().steps.back().return_code != outcome.return_code)
@@ -134,6 +137,7 @@ private:
     data_given_ = procedure.given(torvale_slot::data) && !procedure.slot(torvale_slot::data).list.empty();
     if (!data_given_) return variables;
     const syntax::StItem& item = procedure.slot(torvale_slot::data).list[0];
+    const host::StageScope stage(host_.stages(), host::Stage::read);
     const host::MessagePlace place = sources_.place("TORVALE", item.where);
     host::DataSetReference reference{item.text, item.quoted, {}};
     if (!item.options.empty()) {
@@ -248,7 +252,10 @@ private:
     host::DataSource& source = host_.step().data;
     source.name = data_->name;
     source.path = data_->path;
-    if (request_.hash_data) source.sha256 = host::file_sha256(data_->path);
+    if (request_.hash_data) {
+      const host::StageScope stage(host_.stages(), host::Stage::read);
+      source.sha256 = host::file_sha256(data_->path);
+    }
     source.rows = data_->rows();
     source.variables = data_->columns().size();
     model::NX n;
@@ -263,7 +270,8 @@ private:
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
       // A seed from the clock changes nothing in a run that draws no numbers, and would change its results' bytes.
-      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed)) host_.step().seed = n.seed;
+      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed) || draws_numbers(n))
+        host_.step().seed = n.seed;
       if (request_.observe) request_.observe(n);
       return outcome;
     }

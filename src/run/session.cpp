@@ -57,6 +57,7 @@ RunOutcome Session::run(std::string program)
   outcome.statements = std::move(result.statements);
   outcome.results = state_->host->results();
   outcome.results.source = std::move(program);
+  outcome.times = state_->host->stages().times();
   return outcome;
 }
 

@@ -4,6 +4,7 @@
 
 #include "host/data/libraries.h"
 #include "host/results/results.h"
+#include "host/results/stage_clock.h"
 
 #include <functional>
 #include <memory>
@@ -43,6 +44,7 @@ struct RunOutcome {
   int exit_code = 0;                   // as the command line's
   host::RunResults results;            // steps, groups, tables, messages, data sets
   std::vector<std::string> statements; // per step, with check_only: the statement records by slot and flag
+  host::StageTimes times{};            // where the time went
 };
 
 // Session: one run. A second thread (or a signal handler) may interrupt it; what was finished is in the outcome.

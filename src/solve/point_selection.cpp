@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace torvale::solve {
 
@@ -61,6 +62,15 @@ double relative_change(const RunOptions& n, double from, double to)
   return std::abs(to - from) / std::abs(guarded);
 }
 
+// With its gradient where that is wanted and there, else the value alone.
+void evaluate_start(NX& n)
+{
+  integration::tvllike(n);
+  if (!n.failed || !n.dograd) return;
+  n.dograd = false;
+  integration::tvllike(n);
+}
+
 void take_points(NX& n, int points)
 {
   n.nqp = points;
@@ -108,6 +118,7 @@ void check_points(NX& n)
     return leave_out("an evaluation with twice the points would cost too much");
   const bool with_gradient = n.dograd;
   n.dograd = false;
+  const double at_estimates = n.objfun;
   const double f = evaluate_with(n, finer);
   if (has_value(f)) verdict.quadrature_change = 2.0 * (f - n.str->crit);
   if (std::abs(verdict.quadrature_change) > 0.1) {
@@ -115,12 +126,10 @@ void check_points(NX& n)
         message::integral_changes_with_points{.points = finer, .before = in_use, .change = verdict.quadrature_change});
     n.raise(4);
   }
-  // What follows starts from the evaluation at the estimates.
+  // What follows starts from the points in use; who wants an evaluation with them makes it.
   take_points(n, in_use);
   n.dograd = with_gradient;
-  integration::tvllike(n);
-  n.parmlast.clear();
-  if (with_gradient) n.parmlast = n.parm;
+  n.objfun = at_estimates;
 }
 
 int settle_points(NX& n)
@@ -129,9 +138,10 @@ int settle_points(NX& n)
   if (!chooses) {
     if (n.nreff() > 0) build_points(n);
     integration::size_contexts(n);
-    integration::tvllike(n);
+    evaluate_start(n);
     return has_value(n.objfun) ? 0 : 1;
   }
+  const bool with_gradient = std::exchange(n.dograd, false);
 
   double f = evaluate_with(n, n.method == 0 ? 1 : 10);
   double change = 1.0;
@@ -155,7 +165,9 @@ int settle_points(NX& n)
     change = relative_change(n, accepted, f);
     if (!(change < n.qtol) || !has_value(accepted)) continue;
     // The smaller of the two counts; its modes and objective are those that follow.
-    evaluate_with(n, n.nqpold);
+    n.dograd = with_gradient;
+    take_points(n, n.nqpold);
+    evaluate_start(n);
     return 0;
   }
 }

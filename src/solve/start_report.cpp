@@ -2,6 +2,7 @@
 
 #include "evaluation/program_faults.h"
 #include "host/messages/names/fit.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -78,7 +79,7 @@ void tell(NX& n, engine::Frame& frame, const Worst& w)
     evaluation::words_of(n, faults.front()).add_to(words, place);
   } else if (n.depsym != nullptr && n.depsym->dsvarno > 0) {
     const auto& column = n.fid->columns()[static_cast<std::size_t>(n.depsym->dsvarno - 1)];
-    const auto row = n.rows.begin + static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(w.first_bad)]);
+    const auto row = model::input_row(n, w.first_bad);
     words.response = n.depname + " = " + column.shown(row);
   }
   n.host->log().xpmlog(words, place);

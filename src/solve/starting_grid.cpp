@@ -1,6 +1,7 @@
 #include "solve/starting_grid.h"
 
 #include "data/starting_values.h"
+#include "evaluation/likelihood_programs.h"
 #include "host/messages/names/fit.h"
 #include "host/messages/names/optimization.h"
 #include "host/messages/names/starting_values.h"
@@ -75,7 +76,8 @@ int tvlparm(NX& n)
 {
   auto& log = n.host->log();
   n.savepoint.assign(static_cast<std::size_t>(n.nbest), {-1, model::failure_objective});
-  n.dograd = false;
+  // The fit starts from a single point with its gradient: it is evaluated once.
+  n.dograd = n.npoints == 1 && n.str != nullptr && n.str->fidi == 0 && evaluation::can_evaluate(n).gradient;
   n.parm.resize(static_cast<std::size_t>(n.nparm));
   if (n.loglevel > 0) log.xpmlog(message::evaluating_grid{.count = n.npoints});
   if (n.npoints > 100000 && !n.bestspec) log.xpmlog(message::large_grid{.count = n.npoints});
@@ -127,7 +129,8 @@ int tvlparm(NX& n)
   data::grid_point(n, n.savepoint[0].parmnum, n.parm.data());
   n.objfun = n.savepoint[0].obj;
   if (keeps_modes(n)) {
-    n.ebes = n.ebesold;
+    n.ebes = std::exchange(n.ebesold, {});
+    n.ebes_point.clear();
     n.ebes_known = n.ebesold_known;
   }
   return 0;

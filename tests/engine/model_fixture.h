@@ -80,7 +80,9 @@ public:
     return all;
   }
 
-  Frame frame()
+  Frame frame() { return Frame(*compiler, bound_data()); }
+
+  std::shared_ptr<const BoundData> bound_data()
   {
     DataView view;
     view.rows = rows();
@@ -97,7 +99,7 @@ public:
       view.columns.push_back(c);
     }
     if (!starts.empty()) view.subject_start = starts.data();
-    return Frame(*compiler, cmpbind(*compiler, view));
+    return cmpbind(*compiler, view);
   }
 
   // Values of the outputs at every row and one point, one lane after the other in one tile per 512 rows.

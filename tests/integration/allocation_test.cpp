@@ -52,7 +52,7 @@ void expect_none(const ModelText& text, const Rule& rule)
   for (const bool gradient : {true, false}) {
     n->dograd = gradient;
     const long before = allocations;
-    integration::tvllike(*n);
+    evaluate_anew(*n);
     EXPECT_EQ(allocations - before, 0) << gradient << " method " << rule.method;
     EXPECT_FALSE(n->failed);
     integration::accept_modes(*n);

@@ -39,6 +39,13 @@ Term Term::call(const char* function, std::vector<Term> arguments)
   return t;
 }
 
+Term Term::choose(const Term& condition, const Term& yes, const Term& no)
+{
+  Term t(0.0);
+  t.node_ = std::make_shared<Node>(Node{syntax::ExprKind::conditional, syntax::Op::none, 0.0, {}, {condition, yes, no}});
+  return t;
+}
+
 Term Term::binary(syntax::Op op, const Term& a, const Term& b)
 {
   Term t(0.0);
@@ -170,16 +177,10 @@ void add_to_subjects(Run& n, const std::vector<int>& chain, const std::vector<in
       model::SUBINFO s;
       s.ranind = static_cast<int>(k);
       s.index = static_cast<int>(subjects.size());
-      s.first_row = s.fvalidobs = static_cast<std::int64_t>(r);
-      const auto levels = text.all_levels();
-      for (const auto& [name, values] : text.columns)
-        if (name == levels[depth].subject) s.n = values[row];
-      s.prnc = std::to_string(static_cast<int>(s.n));
-      s.nestlev = s.prnc;
+      s.first_row = s.fvalidobs = static_cast<std::int32_t>(r);
       if (k + 1 < n.reff.size()) {
         s.parent = static_cast<int>(n.reff[k + 1].SubInfo.size()) - 1;
         auto& parent = n.reff[k + 1].SubInfo.back();
-        s.nestlev = parent.nestlev + "-" + s.prnc;
         if (parent.last_child == 0) parent.first_child = s.index;
         parent.last_child = s.index + 1;
       }
@@ -187,7 +188,7 @@ void add_to_subjects(Run& n, const std::vector<int>& chain, const std::vector<in
     }
     auto& s = subjects.back();
     s.used = ++s.SubCount;
-    s.lvalidobs = static_cast<std::int64_t>(r);
+    s.lvalidobs = static_cast<std::int32_t>(r);
     if (!text.weights.empty()) s.weight = text.weights[row];
   }
 }
@@ -216,8 +217,7 @@ void fill_store(Run& n, const ModelText& text)
     const auto& before = chain[order[r == 0 ? 0 : r - 1]];
     const bool first = r == 0 || chain[row] != before;
     store.subject_start.push_back(first ? static_cast<std::int32_t>(r) : store.subject_start.back());
-    store.file_row.push_back(static_cast<std::int64_t>(row) + 1);
-    store.group_row.push_back(static_cast<std::int64_t>(row));
+    store.group_order.push_back(static_cast<std::int32_t>(row));
     if (!text.weights.empty()) store.replicate.push_back(text.weights[row]);
     add_to_subjects(n, chain[row], before, r, text, row);
   }
@@ -268,11 +268,17 @@ std::shared_ptr<NX> make_run(const ModelText& text, const Rule& rule)
   return n;
 }
 
+int evaluate_anew(NX& n)
+{
+  integration::forget_evaluation(n);
+  return integration::tvllike(n);
+}
+
 double objective(NX& n, const std::vector<double>& theta, bool gradient)
 {
   n.parm = theta;
   n.dograd = gradient;
-  integration::tvllike(n);
+  evaluate_anew(n);
   return n.objfun;
 }
 

@@ -17,6 +17,7 @@ public:
   Term(const char* name);
   static Term call(const char* function, std::vector<Term> arguments);
   static Term binary(syntax::Op op, const Term& a, const Term& b);
+  static Term choose(const Term& condition, const Term& yes, const Term& no);
   syntax::Expr* build(syntax::Arena& arena) const;
 
 private:
@@ -71,6 +72,8 @@ struct Rule {
 // A run record that is ready for tvllike. Rows may stand in any order.
 std::shared_ptr<model::NX> make_run(const ModelText& text, const Rule& rule);
 
+// tvllike at n.parm, also where the last evaluation was there.
+int evaluate_anew(model::NX& n);
 // The objective at theta; with gradient when asked.
 double objective(model::NX& n, const std::vector<double>& theta, bool gradient = false);
 

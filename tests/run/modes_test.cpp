@@ -1,5 +1,6 @@
 // The modes of the random effects at the estimates, against the reference's.
 
+#include "model/subject_names.h"
 #include "run/program_runner.h"
 #include "system/session.h"
 
@@ -34,7 +35,7 @@ TEST_P(ReferenceModes, AtTheEstimates)
         const auto& row = fit["random_effect_modes"][s];
         const std::string subject =
             row["subject"].is_string() ? row["subject"].get<std::string>() : row["subject"].dump();
-        EXPECT_EQ(reff.SubInfo[s].prnc, subject);
+        EXPECT_EQ(model::subject_name(n, reff.SubInfo[s]), subject);
         for (int e = 0; e < reff.nr; ++e) {
           const double expected = row[reff.names[static_cast<std::size_t>(e)]].get<double>();
           EXPECT_NEAR(n.ebes[s * static_cast<std::size_t>(reff.nr) + static_cast<std::size_t>(e)], expected,
@@ -57,7 +58,7 @@ void compare_nested(const model::NX& n, std::size_t level, int subject, const nl
   for (int e = 0; e < reff.nr; ++e) {
     const double expected = effect.is_object() ? effect[reff.names[static_cast<std::size_t>(e)]].get<double>() : effect.get<double>();
     const double found = n.ebes[static_cast<std::size_t>(reff.mode_first + subject * reff.nr + e)];
-    EXPECT_NEAR(found, expected, 1e-5 * std::max(1.0, std::abs(expected))) << reff.SubInfo[static_cast<std::size_t>(subject)].nestlev;
+    EXPECT_NEAR(found, expected, 1e-5 * std::max(1.0, std::abs(expected))) << model::chain_name(n, reff.SubInfo[static_cast<std::size_t>(subject)]);
     ++compared;
   }
   if (level == 0) return;

@@ -55,6 +55,11 @@ TEST(CommandLine, RunWritesListingLogAndResults)
   EXPECT_EQ(json["steps"][0]["return_code"], 0);
   EXPECT_THAT(read_text(folder.file("r.html")), HasSubstr("</html>"));
 
+  const Result timed = torvale(folder, "run " + poisson + " --quiet --timing --log " + folder.file("log"));
+  for (const char* stage : {"load ", "parse ", "compile ", "read ", "data pass ", "starting values ", "optimizer ", "covariance ", "report ", "all "})
+    EXPECT_THAT(timed.err, HasSubstr(stage));
+  EXPECT_THAT(timed.err, HasSubstr(" evaluations\n"));
+
   const Result quiet = torvale(folder, "run " + poisson + " --quiet --log " + folder.file("log"));
   EXPECT_EQ(quiet.out + quiet.err, "");
   const Result both = torvale(folder, "run " + poisson + " --json - 2>/dev/null");

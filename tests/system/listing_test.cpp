@@ -119,6 +119,37 @@ TEST(Listings, StandAsTheyStood)
   }
 }
 
+// Derivatives are formulas of the language: fractions, names of the program's variables, conditions; what they share
+// has a name.
+TEST(ProgramListings, DerivativesAsAPersonWritesThem)
+{
+  const auto run = run_text("TORVALE DATA=stackloss LISTDER LIST; PARMS b0=-40 b1=1 s2=10; BOUNDS s2 > 0;\n"
+                            "mu = b0 + b1*airflow;\n"
+                            "IF watertemp > 20 THEN weight = 2; ELSE weight = 1;\n"
+                            "MODEL loss ~ GENERAL(-weight*(loss - mu)**2/s2 - log(s2));\n"
+                            "ESTIMATE 'ratio' b0/b1**2; CONTRAST 'both' b0 - 1, exp(-b1*s2); RUN;");
+  ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
+  const auto& listings = run.outcome.results.steps.at(0).listings;
+  const auto text = [&](const std::string& title) {
+    for (const auto& l : listings)
+      if (l.title == title) return l.text;
+    return "no listing " + title;
+  };
+  EXPECT_NE(text("Program Statements").find("mu = "), std::string::npos);
+  EXPECT_EQ(text("Derivatives of ESTIMATE 'ratio'"), "d(b0/(b1**2))/d(b0) = 1/b1**2\n"
+                                                     "d(b0/(b1**2))/d(b1) = -2*b0/b1**3\n");
+  EXPECT_EQ(text("Derivatives of CONTRAST 'both'"), "d(b0-1)/d(b0) = 1\n"
+                                                    "d(exp((-b1)*s2))/d(b1) = -s2*exp(-b1*s2)\n"
+                                                    "d(exp((-b1)*s2))/d(s2) = -b1*exp(-b1*s2)\n");
+  const std::string slopes = text("Derivatives of the Log Likelihood");
+  EXPECT_NE(slopes.find("mu"), std::string::npos) << slopes;
+  for (const char* const inner : {"select", "and_", "not_", "reciprocal", "is_missing", "select_or_zero"})
+    EXPECT_EQ(slopes.find(inner), std::string::npos) << slopes;
+  for (const auto& l : listings) EXPECT_NE(run.listing.find(l.title + "\n\n" + l.text), std::string::npos) << l.title;
+  EXPECT_NE(host::results_json(run.outcome.results).find("\"title\": \"Derivatives of ESTIMATE 'ratio'\""),
+            std::string::npos);
+}
+
 // The places of estimates: each row with three digits of its standard error, points below each other.
 TEST(Listings, RowsHaveTheDigitsThatTheirErrorsEarn)
 {

@@ -13,7 +13,7 @@ _torvale()
     --json|--html|--tables|--list|--log|--data|--library) COMPREPLY=($(compgen -f -- "${word#*=}")); return ;;
   esac
   case $command in
-    run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --memory --strict --quiet" ;;
+    run) options="--data --library --separator --json --log --no-color --out --html --figures --tables --list --threads --seed --memory --strict --quiet --timing" ;;
     check) options="--data --library --separator --json --log --no-color --statements --format" ;;
     describe) options="--library --separator" ;;
     explain) return ;;

@@ -16,9 +16,33 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
 
 BoundData::BoundData(const CMPGLOBAL& gcmp, const DataView& view) : gcmp_(gcmp), view_(view)
 {
-  missing_.keep_in(view.memory);
-  missing_.reserve(static_cast<std::size_t>(view.rows) + 1);
-  std::fill_n(missing_.data(), view.rows + 1, std::numeric_limits<double>::quiet_NaN());
+}
+
+void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count)
+{
+  data.set_order(rows, count);
+}
+
+void BoundData::set_order(const std::int32_t* rows, std::int64_t count) const
+{
+  ordered_.clear();
+  order_ = rows;
+  ordered_rows_ = count;
+  ++order_version_;
+}
+
+const double* BoundData::ordered(const double* column) const
+{
+  const std::lock_guard<std::mutex> lock(making_);
+  LaneArray& values = ordered_[column];
+  if (values.data() != nullptr) return values.data();
+  values.keep_in(view_.memory);
+  const std::int64_t padded = (ordered_rows_ + lane_padding - 1) / lane_padding * lane_padding;
+  values.reserve(static_cast<std::size_t>(padded));
+  double* const to = values.data();
+  for (std::int64_t i = 0; i < ordered_rows_; ++i) to[i] = column[order_[i]];
+  for (std::int64_t i = ordered_rows_; i < padded; ++i) to[i] = to[ordered_rows_ - 1];
+  return to;
 }
 
 std::int64_t BoundData::subject_start(std::int64_t row) const
@@ -37,7 +61,14 @@ const DataColumn* BoundData::column(std::int32_t symbol) const
 const double* BoundData::raw_column(std::int32_t symbol) const
 {
   const DataColumn* const c = column(symbol);
-  return c != nullptr && c->numeric != nullptr ? c->numeric : missing_.data();
+  if (c != nullptr && c->numeric != nullptr) return c->numeric;
+  const std::lock_guard<std::mutex> lock(lacking_);
+  if (missing_.data() == nullptr) {
+    missing_.keep_in(view_.memory);
+    missing_.reserve(static_cast<std::size_t>(view_.rows) + 1);
+    std::fill_n(missing_.data(), view_.rows + 1, std::numeric_limits<double>::quiet_NaN());
+  }
+  return missing_.data();
 }
 
 double BoundData::raw(std::int32_t symbol, std::int64_t row) const

@@ -23,6 +23,17 @@ public:
   // a loop that depends on data alone does not end.
   int prepare(const Program& program, std::vector<const double*>& columns) const;
   std::string_view text(std::int32_t symbol, std::int64_t row) const override;
+  // The rows as cmporder listed them: whether `records` is a part of that list, and a column in that order, made at the
+  // first call.
+  void set_order(const std::int32_t* rows, std::int64_t count) const;
+  bool in_order(const std::int32_t* records, std::int64_t count) const
+  {
+    return order_ != nullptr && records >= order_ && records + count <= order_ + ordered_rows_;
+  }
+  const std::int32_t* order() const { return order_; }
+  std::int64_t ordered_rows() const { return ordered_rows_; }
+  std::uint64_t order_version() const { return order_version_; }
+  const double* ordered(const double* column) const;
   // Value of a data variable; missing when the data lack it.
   double raw(std::int32_t symbol, std::int64_t row) const;
 
@@ -34,9 +45,14 @@ private:
   const CMPGLOBAL& gcmp_;
   DataView view_;
   mutable std::mutex making_;
+  mutable std::mutex lacking_; // of missing_
   mutable std::unordered_map<NodeId, LaneArray> computed_;
   mutable bool endless_ = false;
-  mutable LaneArray missing_; // the column of a variable that the data lack
+  mutable LaneArray missing_; // the column of a variable that the data lack, when some program reads one
+  mutable const std::int32_t* order_ = nullptr; // borrowed
+  mutable std::int64_t ordered_rows_ = 0;
+  mutable std::uint64_t order_version_ = 0;
+  mutable std::unordered_map<const double*, LaneArray> ordered_; // by the column that they hold in order
 };
 
 } // namespace torvale::engine

@@ -3,7 +3,10 @@
 
 #include "engine/execution/frame_state.h"
 
+#include "engine/stages/shared_forms.h"
+
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 
@@ -158,6 +161,15 @@ void Frame::State::gather(FrameProgram& f)
     for (std::size_t k = 0; k < f.columns.size(); ++k) f.records[k] = f.columns[k] + records[0];
     return;
   }
+  if (records_in_order) {
+    if (f.order != data->order_version()) {
+      f.order = data->order_version();
+      f.ordered.clear();
+      for (const double* const column : f.columns) f.ordered.push_back(data->ordered(column));
+    }
+    for (std::size_t k = 0; k < f.ordered.size(); ++k) f.records[k] = f.ordered[k] + (records - data->order());
+    return;
+  }
   const std::int64_t padded = (count + lane_padding - 1) / lane_padding * lane_padding;
   for (std::size_t k = 0; k < f.gathered.size(); ++k) {
     Gathered& g = gathered[static_cast<std::size_t>(f.gathered[k])];
@@ -194,7 +206,24 @@ int Frame::State::prepare_range(FrameProgram& f)
     results.at = i;
     if (f.runner(Stage::observation).run(lanes, sources, *data, {}, results) != 0) return run_code::endless_loop;
   }
+  if (shift != nullptr) shift_predictor(f);
   return 0;
+}
+
+void Frame::State::shift_predictor(FrameProgram& f)
+{
+  const auto& results = f.program.code(Stage::observation).results;
+  for (std::size_t k = 0; k < results.size(); ++k) {
+    NodeId of = no_node;
+    bool negative = false;
+    const bool factor = is_exp_factor(gcmp.graph, results[k], of, negative);
+    if ((factor ? of : results[k]) != shifted) continue;
+    double* const value = f.observation.data() + static_cast<std::int64_t>(k) * f.range_stride;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const double by = shift[records != nullptr ? records[i] : first + i];
+      value[i] = factor ? value[i] * std::exp(negative ? -by : by) : value[i] + by;
+    }
+  }
 }
 
 int Frame::State::prepare_points(FrameProgram& f)
@@ -228,13 +257,16 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   s.version = version;
   s.theta = theta.data();
   s.ran = ran;
-  s.points = points;
   s.stride = ran_stride;
   s.points_version = points_version + parameters_version;
   s.columns = records != nullptr ? f.records.data() : f.columns.data();
   s.rows = data != nullptr ? data->rows() : 0;
+  const auto padded = [](std::int64_t n) { return (n + lane_padding - 1) / lane_padding * lane_padding; };
+  s.points = std::max<std::int64_t>(points, std::min<std::int64_t>(padded(points), ran_stride)); // room for padding
   if (records != nullptr) // room for padding, or rows that follow
-    s.rows = records_in_place ? s.rows - records[0] : (count + lane_padding - 1) / lane_padding * lane_padding;
+    s.rows = records_in_place   ? s.rows - records[0]
+             : records_in_order ? padded(data->ordered_rows()) - (records - data->order())
+                                : padded(count);
   s.records = records;
   s.observation = f.observation.data();
   s.observation_stride = f.range_stride;
@@ -292,8 +324,17 @@ void Frame::set_records(const std::int32_t* rows, std::int64_t count)
   state_->records = rows;
   state_->records_in_place =
       std::adjacent_find(rows, rows + count, [](std::int32_t a, std::int32_t b) { return b != a + 1; }) == rows + count;
+  state_->records_in_order = !state_->records_in_place && state_->data != nullptr && state_->data->in_order(rows, count);
   state_->first = 0;
   state_->count = count;
+  ++state_->range_version;
+  ++state_->version;
+}
+
+void Frame::shift_records(const CMPSYM* predictor, const double* by_row)
+{
+  state_->shift = by_row;
+  state_->shifted = by_row == nullptr ? no_node : state_->gcmp.value[static_cast<std::size_t>(predictor->index)];
   ++state_->range_version;
   ++state_->version;
 }

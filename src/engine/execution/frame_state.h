@@ -19,6 +19,8 @@ struct FrameProgram {
   const KernelTable* table = nullptr; // build that the registers were prepared for
   std::vector<const double*> columns; // by Program::columns
   bool columns_ready = false;
+  std::vector<const double*> ordered; // by Program::columns: the column in the order of cmporder
+  std::uint64_t order = 0;            // version of that order; 0: none
   std::vector<int> gathered;          // by Program::columns: its place in Frame::State::gathered
   std::vector<const double*> records; // by Program::columns: its values at the records of set_records
   // Versions of the inputs that the stage results belong to, and of them all; 0: none.
@@ -46,6 +48,7 @@ struct Frame::State {
   int prepare(FrameProgram& f);     // columns, parameter stage, fixed registers
   int prepare_range(FrameProgram& f);
   int prepare_points(FrameProgram& f);
+  void shift_predictor(FrameProgram& f);
   Sources common_sources(const FrameProgram& f) const;
   void gather(FrameProgram& f); // the columns of the program at the records of the range
 
@@ -58,6 +61,9 @@ struct Frame::State {
   std::int64_t first = 0, count = 0; // the range
   const std::int32_t* records = nullptr; // borrowed; rows of the records 0..count-1, null: records are rows
   bool records_in_place = false;         // they are rows that follow each other: nothing need be brought together
+  bool records_in_order = false;         // they are a part of the data's order: it has been
+  NodeId shifted = no_node;              // predictor that is shifted
+  const double* shift = nullptr;         // by row; borrowed
   struct Gathered {                      // one column at these records
     const double* from = nullptr;
     LaneArray values;

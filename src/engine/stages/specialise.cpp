@@ -36,7 +36,46 @@ void measure(const GraphBuilder& graph, const std::vector<NodeId>& outputs, Prog
   program.nodes_before = static_cast<std::int64_t>(std::min(total, 2e9));
 }
 
+// An instruction or two in machine code.
+bool is_plain(Kernel k)
+{
+  switch (k) {
+  case Kernel::add:
+  case Kernel::subtract:
+  case Kernel::multiply:
+  case Kernel::negate:
+  case Kernel::square:
+  case Kernel::positive_part:
+  case Kernel::absolute:
+  case Kernel::truth:
+  case Kernel::and_:
+  case Kernel::or_:
+  case Kernel::not_:
+  case Kernel::and_not:
+  case Kernel::select:
+  case Kernel::select_or_zero:
+  case Kernel::is_missing:
+  case Kernel::is_present:
+    return true;
+  default:
+    return k >= Kernel::less && k <= Kernel::greater_equal_known;
+  }
+}
+
 } // namespace
+
+int Specialiser::plain_operations(NodeId id)
+{
+  constexpr int other = most_plain_operations + 1;
+  const Node& n = graph_.node(id);
+  if (n.kind == NodeKind::constant) return 0;
+  if (n.kind == NodeKind::symbol) return gcmp_.at(n.index).type == 'c' ? other : 0;
+  if (n.kind != NodeKind::kernel || !is_plain(n.kernel)) return other;
+  if (const auto known = plain_.find(id); known != plain_.end()) return known->second;
+  int sum = 1;
+  for (int k = 0; k < n.operands && sum < other; ++k) sum += plain_operations(n.operand[static_cast<std::size_t>(k)]);
+  return plain_[id] = std::min(sum, other);
+}
 
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
 {

@@ -13,7 +13,14 @@ class Specialiser {
 public:
   Specialiser(CMPGLOBAL& gcmp, Program& program) : gcmp_(gcmp), graph_(gcmp.graph), program_(program) {}
 
-  Stage stage_of(NodeId id) { return gcmp_.dependence.stage(id); }
+  // Where a node is computed, as a stage sees it. What follows from data columns by a few plain operations is no column of its
+  // own: it is computed with the observations, but for the data stage itself.
+  Stage stage_of(NodeId id, Stage seen_from)
+  {
+    const Stage stage = gcmp_.dependence.stage(id);
+    if (stage != Stage::data || seen_from == Stage::data || graph_.node(id).kind != NodeKind::kernel) return stage;
+    return plain_operations(id) <= most_plain_operations ? Stage::observation : stage;
+  }
 
   std::int32_t ask(Stage s, NodeId id) // index of a result of a stage
   {
@@ -39,6 +46,10 @@ public:
   LoopNesting loops_{graph_};
 
 private:
+  static constexpr int most_plain_operations = 8;
+  int plain_operations(NodeId id); // that make it of columns and constants; more than the most when there are others
+
+  std::unordered_map<NodeId, int> plain_;
   std::array<std::unordered_map<NodeId, std::int32_t>, stages> asked_;
   std::unordered_map<NodeId, std::int32_t> column_;
 };

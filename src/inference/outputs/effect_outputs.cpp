@@ -9,6 +9,7 @@
 #include "inference/outputs/shrinkage.h"
 #include "inference/tables/standard_errors.h"
 #include "matrix/quadratic_forms.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -70,8 +71,7 @@ std::string name_of_part(const ModelLists& n, std::size_t level)
 // Row of the input that a subject begins with.
 std::size_t input_row(const GroupState& n, const REFFECT& reff, int subject)
 {
-  const auto first = static_cast<std::size_t>(reff.SubInfo[static_cast<std::size_t>(subject)].first_row);
-  return n.rows.begin + static_cast<std::size_t>(n.store->group_row[first]);
+  return model::input_row(n, reff.SubInfo[static_cast<std::size_t>(subject)].first_row);
 }
 
 // The subjects of a level: in the order of the index, or by the values of the subject variables from the outermost on.
@@ -179,7 +179,7 @@ void report_lost_subject(NX& n, const Posterior& posterior)
   const auto& subjects = n.leaf().SubInfo;
   for (std::size_t s = 0; s < subjects.size(); ++s) {
     if (subjects[s].badsub || posterior.known[s] != 0) continue;
-    n.host->log().xpmlog(message::prediction_failed{.subject = n.nreff() > 1 ? subjects[s].nestlev : subjects[s].prnc});
+    n.host->log().xpmlog(message::prediction_failed{.subject = model::chain_name(n, subjects[s])});
     n.raise(4);
     return;
   }

@@ -37,7 +37,7 @@ int write_fitted_output(NX& n, const Posterior& posterior)
   if (const int rc = find_fitted_records(n, posterior, r); rc > 2) return rc;
   host::OutputDataSet& out = *n.fitted.output;
   for (std::size_t at = 0; at < r.response.size(); ++at) {
-    const auto row = static_cast<std::size_t>(n.store->row_of_group[at]);
+    const auto row = static_cast<std::size_t>(n.store->row_of_group(static_cast<std::int64_t>(at)));
     if (n.store->badobs[row] != model::BadCause::none) continue;
     std::size_t column = 0;
     for (const auto& by : n.bylist) out.set_from(column++, *n.fid->find(by.name), n.rows.begin + at);

@@ -6,6 +6,7 @@
 #include "inference/tables/standard_errors.h"
 #include "matrix/packed.h"
 #include "matrix/quadratic_forms.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -68,7 +69,7 @@ private:
   bool normal() const { return n_.disttype == 0 && nr_ > 0; }
   std::size_t place_of(std::int64_t row) const
   {
-    return static_cast<std::size_t>(n_.store->group_row[static_cast<std::size_t>(row)]);
+    return static_cast<std::size_t>(n_.store->group_row(row));
   }
   bool used(std::int64_t row, std::size_t subject) const
   {
@@ -118,7 +119,7 @@ private:
               nr_ > 0 ? posterior_.covariance.data() + subject * (nr_ * (nr_ + 1) / 2) : nullptr);
     out_.residual[at] = y - m.mean;
     if (m.variance > 0) out_.pearson[at] = (y - m.mean) / std::sqrt(m.variance);
-    const std::int64_t place = n_.store->file_row[static_cast<std::size_t>(row)];
+    const std::int64_t place = model::file_row(n_, row);
     out_.quantile[at] = quantile_residual(n_.disttype, y, a, uniform_at(n_.seed, place));
     if (!normal()) return;
     variance_[at] = m.variance;

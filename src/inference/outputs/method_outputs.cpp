@@ -95,7 +95,7 @@ int write_subject_gradients(NX& n)
   if (const int rc = integration::subject_gradients(n, gradients); rc != 0) return rc;
   const auto np = static_cast<std::size_t>(n.nparm);
   const auto write = [&](std::size_t unit, std::int64_t closing_row) {
-    const auto row = static_cast<std::size_t>(n.store->group_row[static_cast<std::size_t>(closing_row)]);
+    const auto row = static_cast<std::size_t>(n.store->group_row(closing_row));
     std::size_t at = set_by_variables(n, row, out);
     out.set(at++, static_cast<double>(row + 1));
     if (n.nreff() > 0) out.set_from(at++, *n.fid->find(n.outer().subname), n.rows.begin + row);
@@ -103,8 +103,8 @@ int write_subject_gradients(NX& n)
     out.end_row();
   };
   if (n.nreff() == 0)
-    for (std::size_t row = 0; row < n.store->row_of_group.size(); ++row) { // in the order of the file
-      const std::int32_t r = n.store->row_of_group[row];
+    for (std::int64_t row = 0; row < n.store->nobs; ++row) { // in the order of the file
+      const std::int64_t r = n.store->row_of_group(row);
       write(static_cast<std::size_t>(r), r);
     }
   else

@@ -47,7 +47,7 @@ public:
   void keep(int context, const engine::Frame& frame, int lane, std::int64_t row, std::size_t subject)
   {
     if (nr_ > 0 && posterior_.known[subject] == 0) return;
-    const auto at = static_cast<std::size_t>(n_.store->group_row[static_cast<std::size_t>(row)]);
+    const auto at = static_cast<std::size_t>(n_.store->group_row(row));
     const double value = frame.output(0)[lane];
     out_.value[at] = value;
     const std::size_t ids = n_.idsym.s.size(), first_id = statement_.list.size() + 1;
@@ -111,7 +111,7 @@ void report_fault(NX& n, const PredictStatement& statement, const Posterior& pos
   int sought = 0;
   for (std::size_t at = 0; at < out.value.size() && sought < most_faults_sought; ++at) {
     if (!std::isnan(out.value[at])) continue;
-    const std::int64_t row = n.store->row_of_group[at];
+    const std::int64_t row = n.store->row_of_group(static_cast<std::int64_t>(at));
     std::vector<double> effects(std::max<std::size_t>(nr, 1), 0.0);
     if (nr > 0) {
       const auto& subjects = n.leaf().SubInfo;
@@ -147,7 +147,7 @@ void report_undetermined(NX& n, const PredictStatement& statement, const Predict
       .data = statement.output->name(),
       .count = std::count(out.undetermined.begin(), out.undetermined.end(), 1),
       .observation = evaluation::observation_number(
-          n, n.store->row_of_group[static_cast<std::size_t>(first - out.undetermined.begin())])});
+          n, n.store->row_of_group(first - out.undetermined.begin()))});
 }
 
 } // namespace

@@ -31,7 +31,8 @@ std::vector<RecordChunk> deal_records(const NX& n)
 
 bool starts_anew(const NX& n, std::int64_t row)
 {
-  return row == 0 || (n.nreff() > 0 && n.store->subject_start[static_cast<std::size_t>(row)] == row);
+  const std::int32_t* const starts = n.store->view.subject_start; // null: one run of records
+  return row == 0 || (starts != nullptr && starts[row] == row);
 }
 
 void take_records(const NX& n, const RecordChunk& c, const double* effects, std::size_t nr, RecordWork& w,

@@ -40,11 +40,11 @@ public:
     const auto& store = *n.store;
     place_.assign(static_cast<std::size_t>(store.nobs), -1);
     std::size_t count = 0;
-    for (const std::int32_t r : store.row_of_group) {
-      const auto row = static_cast<std::size_t>(r);
+    for (std::int64_t at = 0; at < store.nobs; ++at) {
+      const auto row = static_cast<std::size_t>(store.row_of_group(at));
       if (store.badobs[row] != BadCause::none) continue;
       place_[row] = static_cast<std::int64_t>(count++);
-      out_.row.push_back(static_cast<std::int64_t>(n.rows.begin) + store.group_row[row]);
+      out_.row.push_back(static_cast<std::int64_t>(n.rows.begin) + at);
     }
     for (auto* column : {&out_.response, &out_.population, &out_.residual, &out_.pearson, &out_.quantile})
       column->assign(count, missing);

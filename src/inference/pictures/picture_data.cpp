@@ -3,6 +3,7 @@
 #include "host/values/missing.h"
 #include "host/values/text.h"
 #include "inference/outputs/response_moments.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -163,7 +164,7 @@ int picture_data(NX& n, PictureData& out)
     EffectLevel& level = out.levels.emplace_back();
     level.subject_label = reff.subname;
     level.effects = reff.names;
-    for (const auto& s : reff.SubInfo) level.subjects.push_back(n.nreff() > 1 ? s.nestlev : s.prnc);
+    for (const auto& s : reff.SubInfo) level.subjects.push_back(model::chain_name(n, s));
     level.mode = random_effect_modes(n, reff);
     if (!random_effect_moments(n, reff, level.prior)) return 1;
   }

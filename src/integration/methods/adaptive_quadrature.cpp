@@ -81,7 +81,11 @@ public:
     else
       subject_gradient(n, ctx, slot, gradient);
   }
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
+  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override
+  {
+    keep_trial_mode(n, ctx, slot);
+    if (n.dograd && !n.ebtrial_by.empty()) keep_mode_derivative(n, ctx, slot);
+  }
 };
 
 void AdaptiveQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
@@ -96,12 +100,11 @@ int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) 
   const REFFECT& reff = n.leaf();
   if (const int rc = evaluation::load_priors(n, ctx, reff.setup.places > reff.setup_value.places); rc > 2) return rc;
   ctx.batch.constants = reff.nr * (0.5 * log2pi - std::log(n.qscale * root_two));
+  const modes::AtModes at_modes{sum_at_modes, n.programs.closing_mode(0)};
   if (n.adaptive)
-    if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
+    if (const int rc = modes::tvlebes(n, ctx, gradient && n.programs.closing ? &at_modes : nullptr); rc > 2) return rc;
   find_centres(n, ctx.batch);
   if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
-  if (gradient && n.adaptive)
-    if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
   if (gradient) note_null_directions(n, ctx.batch);
   return gradient && ctx.batch.factored.in_use ? factored_gradients(n, ctx) : 0;
 }

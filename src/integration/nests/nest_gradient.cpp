@@ -37,16 +37,18 @@ using modes::packed;
 
 namespace {
 
-class NestGradient {
+// OWN: effects of every level when they all have as many and few, so that loops over them are written out; 0: any.
+template <int OWN> class NestGradient {
 public:
-  NestGradient(const NX& n, TVLThreadCtx& ctx, int nest)
-      : n_(n), b_(ctx.batch), w_(ctx.nests), nest_(static_cast<std::size_t>(nest)), np_(n.nparm), rows_(n),
-        s_(n.qscale * root_two), gradient_(ctx.nests.gradient.data() + static_cast<long>(nest) * n.nparm)
+  NestGradient(const NX& n, TVLThreadCtx& ctx)
+      : n_(n), b_(ctx.batch), w_(ctx.nests), np_(n.nparm), rows_(n), s_(n.qscale * root_two)
   {
   }
 
-  void compute()
+  void compute(int nest)
   {
+    nest_ = static_cast<std::size_t>(nest);
+    gradient_ = w_.gradient.data() + static_cast<long>(nest) * np_;
     std::fill_n(gradient_, np_, 0.0);
     clear();
     share_weights();
@@ -60,6 +62,8 @@ public:
   }
 
 private:
+  static int own_of(const NestLevel& l) { return OWN > 0 ? OWN : l.own; }
+  static int triangle_of(const NestLevel& l) { return own_of(l) * (own_of(l) + 1) / 2; }
   int first(const NestLevel& l) const { return l.nodes->first[nest_]; }
   int last(const NestLevel& l) const { return l.nodes->first[nest_ + 1]; }
   static int parent(const NestLevel& l, int v) { return l.nodes->parent[static_cast<std::size_t>(v)]; }
@@ -79,13 +83,13 @@ private:
       const auto rows = [&](std::vector<double>& a, long width) {
         if (!a.empty()) std::fill_n(a.begin() + first(l) * width, (last(l) - first(l)) * width, 0.0);
       };
-      rows(l.mean_bar, l.own);
-      rows(l.mode_bar, l.own);
-      rows(l.factor_bar, l.triangle());
-      rows(l.spread_bar, l.own * l.own);
-      rows(l.regression_bar, l.own * l.above);
-      rows(l.slopes, l.own * l.joint());
-      rows(l.pulls, l.own * l.joint());
+      rows(l.mean_bar, own_of(l));
+      rows(l.mode_bar, own_of(l));
+      rows(l.factor_bar, triangle_of(l));
+      rows(l.spread_bar, own_of(l) * own_of(l));
+      rows(l.regression_bar, own_of(l) * l.above);
+      rows(l.slopes, own_of(l) * l.joint());
+      rows(l.pulls, own_of(l) * l.joint());
     }
   }
 
@@ -131,14 +135,14 @@ private:
   void leaf_point(int v, long p, double weight, const double* sums)
   {
     NestLevel& l = w_.level.front();
-    const int own = l.own;
+    const int own = own_of(l);
     const double* const factor = modes::factor_of(l, v);
-    const double* const spread = l.spread.data() + static_cast<long>(v) * l.triangle();
+    const double* const spread = l.spread.data() + static_cast<long>(v) * triangle_of(l);
     const double* const b = l.tilt.data() + static_cast<long>(v) * (own * l.above);
     double deviation[modes::most_effects];
     for_ancestors(0, v, [&](NestLevel& a, int node) {
-      const long joint = a.joint(), from = static_cast<long>(node) * a.own * joint + p % joint;
-      for (int i = 0; i < a.own; ++i) {
+      const long joint = a.joint(), from = static_cast<long>(node) * own_of(a) * joint + p % joint;
+      for (int i = 0; i < own_of(a); ++i) {
         deviation[a.place + i] = a.deviation[static_cast<std::size_t>(from + i * joint)];
         a.slopes[static_cast<std::size_t>(from + i * joint)] += weight * at(sums, rows_.slope + a.place + i);
       }
@@ -153,7 +157,7 @@ private:
     }
     double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own;
     double* const mode_bar = l.mode_bar.data() + static_cast<long>(v) * own;
-    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
+    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
     double* const spread_bar = l.spread_bar.data() + static_cast<long>(v) * (own * own);
     double* const regression_bar = l.regression_bar.data() + static_cast<long>(v) * (own * l.above);
     for (int i = 0; i < own; ++i) {
@@ -188,10 +192,10 @@ private:
   {
     const NestLevel& l = w_.level[level];
     for_ancestors(level, v, [&](NestLevel& a, int node) {
-      const long joint = a.joint(), to = static_cast<long>(node) * a.own * joint + p % joint;
-      for (int j = 0; j < a.own; ++j) {
+      const long joint = a.joint(), to = static_cast<long>(node) * own_of(a) * joint + p % joint;
+      for (int j = 0; j < own_of(a); ++j) {
         double t = 0.0;
-        for (int i = 0; i < l.own; ++i) t += b[i * l.above + a.place + j] * pull[i];
+        for (int i = 0; i < own_of(l); ++i) t += b[i * l.above + a.place + j] * pull[i];
         a.pulls[static_cast<std::size_t>(to + j * joint)] += t;
       }
     });
@@ -202,7 +206,7 @@ private:
   {
     NestLevel& l = w_.level[level];
     const model::REFFECT& reff = n_.reff[level];
-    const int own = l.own;
+    const int own = own_of(l);
     const long joint = l.joint();
     const double* const factor = modes::factor_of(l, v);
     const double* const b = l.tilt.data() + static_cast<long>(v) * (own * l.above);
@@ -212,7 +216,7 @@ private:
     const double* const pulls = l.pulls.data() + static_cast<long>(v) * own * joint;
     double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own;
     double* const mode_bar = l.mode_bar.data() + static_cast<long>(v) * own;
-    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
+    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
     double* const spread_bar = l.spread_bar.data() + static_cast<long>(v) * (own * own);
     double* const regression_bar = l.regression_bar.data() + static_cast<long>(v) * (own * l.above);
     for (long p = 0; p < l.outer; ++p) {
@@ -237,9 +241,9 @@ private:
       }
       if (!n_.adscale || l.above == 0) continue;
       for_ancestors(level, v, [&](NestLevel& a, int node) {
-        const double* const from = a.deviation.data() + static_cast<long>(node) * a.own * a.joint() + p % a.joint();
+        const double* const from = a.deviation.data() + static_cast<long>(node) * own_of(a) * a.joint() + p % a.joint();
         for (int i = 0; i < own; ++i)
-          for (int j = 0; j < a.own; ++j) regression_bar[i * l.above + a.place + j] += given[i] * from[j * a.joint()];
+          for (int j = 0; j < own_of(a); ++j) regression_bar[i * l.above + a.place + j] += given[i] * from[j * a.joint()];
       });
       pull_ancestors(level, v, p, given, b);
     }
@@ -264,9 +268,9 @@ private:
     for (const NestLevel& l : w_.level)
       for (int v = first(l); v < last(l); ++v) {
         const double* const factor = modes::factor_of(l, v);
-        for (int i = 0; i < l.own; ++i) {
+        for (int i = 0; i < own_of(l); ++i) {
           if (factor[packed(i, i)] != 0.0) continue;
-          const double slope = l.mean_bar[static_cast<std::size_t>(v * l.own + i)];
+          const double slope = l.mean_bar[static_cast<std::size_t>(v * own_of(l) + i)];
           double& scale = b_.null_scale[static_cast<std::size_t>(l.place + i)];
           scale = std::max(scale, slope * slope + curve[l.place + i]);
         }
@@ -291,9 +295,9 @@ private:
   void front_adjoint(std::size_t level, int v)
   {
     NestLevel& l = w_.level[level];
-    const int own = l.own, above = l.above, chain = l.chain();
-    const double* const inverse = l.inverse.data() + static_cast<long>(v) * l.triangle();
-    const double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
+    const int own = own_of(l), above = l.above, chain = l.chain();
+    const double* const inverse = l.inverse.data() + static_cast<long>(v) * triangle_of(l);
+    const double* const c = l.spread.data() + static_cast<long>(v) * triangle_of(l);
     const double* const b = l.regression.data() + static_cast<long>(v) * (own * above);
     const double* const cbar = l.spread_bar.data() + static_cast<long>(v) * (own * own);
     const double* const bbar = l.regression_bar.data() + static_cast<long>(v) * (own * above);
@@ -347,7 +351,7 @@ private:
     double* const zu = scratch_ + chain * chain; // triangle: Zu, elements off the diagonal doubled
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      for (int i = 0; i < l.own; ++i)
+      for (int i = 0; i < own_of(l); ++i)
         for (int j = 0; j < chain; ++j) {
           double t = 0.0;
           for (int k = 0; k <= i; ++k) t -= factor[packed(i, k)] * bar[packed(l.place + k, j)];
@@ -356,7 +360,7 @@ private:
     });
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      for (int j = 0; j < l.own; ++j)
+      for (int j = 0; j < own_of(l); ++j)
         for (int i = l.place + j; i < chain; ++i) {
           double t = 0.0;
           for (int k = 0; k <= j; ++k) t += lz[i * chain + l.place + k] * factor[packed(j, k)];
@@ -371,10 +375,10 @@ private:
     for (int j = 0; j < np_; ++j) gradient_[j] -= inner(j);
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * l.own;
-      double* const mode_bar = l.mode_bar.data() + static_cast<long>(node) * l.own;
-      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * l.triangle();
-      for (int i = 0; i < l.own; ++i) {
+      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * own_of(l);
+      double* const mode_bar = l.mode_bar.data() + static_cast<long>(node) * own_of(l);
+      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * triangle_of(l);
+      for (int i = 0; i < own_of(l); ++i) {
         const double tau = inner(np_ + l.place + i);
         mean_bar[i] += tau;
         for (int k = 0; k <= i; ++k) mode_bar[k] += factor[packed(i, k)] * tau;
@@ -382,7 +386,7 @@ private:
           double t = 0.0; // (ll_uu L Z)(i, j)
           for (int k = 0; k < chain; ++k)
             t += sums[program.curve(packed(l.place + i, k))] * lz[k * chain + l.place + j];
-          factor_bar[packed(i, j)] += tau * l.z[static_cast<std::size_t>(node * l.own + j)] + 2.0 * t;
+          factor_bar[packed(i, j)] += tau * l.z[static_cast<std::size_t>(node * own_of(l) + j)] + 2.0 * t;
         }
       }
     });
@@ -400,23 +404,23 @@ private:
     double lu[modes::most_effects];
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * l.own;
-      for (int i = 0; i < l.own; ++i) {
+      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * own_of(l);
+      for (int i = 0; i < own_of(l); ++i) {
         lu[l.place + i] = 0.0;
         for (int k = 0; k <= i; ++k) lu[l.place + i] += factor[packed(i, k)] * lambda[k];
       }
     });
     for_chain(v, [&](NestLevel& l, int node) {
-      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * l.own;
-      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * l.own;
-      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * l.triangle();
-      for (int i = 0; i < l.own; ++i) {
+      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * own_of(l);
+      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * own_of(l);
+      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * triangle_of(l);
+      for (int i = 0; i < own_of(l); ++i) {
         double pull = 0.0; // ll_uu lu
         for (int k = 0; k < chain; ++k) pull += sums[program.curve(packed(l.place + i, k))] * lu[k];
         mean_bar[i] += pull;
         for (int j = 0; j <= i; ++j)
           factor_bar[packed(i, j)] +=
-              pull * l.z[static_cast<std::size_t>(node * l.own + j)] + sums[program.slope(l.place + i)] * lambda[j];
+              pull * l.z[static_cast<std::size_t>(node * own_of(l) + j)] + sums[program.slope(l.place + i)] * lambda[j];
       }
     });
     for (const int place : program.curvature.outputs) {
@@ -442,8 +446,8 @@ private:
       return;
     }
     for (int v = first(l) + 1; v < last(l); ++v) {
-      add(l.mean_bar, first(l), v, l.own);
-      add(l.factor_bar, first(l), v, l.triangle());
+      add(l.mean_bar, first(l), v, own_of(l));
+      add(l.factor_bar, first(l), v, triangle_of(l));
     }
     if (first(l) < last(l)) add_arguments(level, first(l), 0);
   }
@@ -459,13 +463,13 @@ private:
   {
     NestLevel& l = w_.level[level];
     const model::REFFECT& reff = n_.reff[level];
-    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
-    const double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * l.own;
-    evaluation::cholesky_adjoint(l.own, modes::factor_of(l, v), factor_bar, n_.singchol);
+    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
+    const double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own_of(l);
+    evaluation::cholesky_adjoint(own_of(l), modes::factor_of(l, v), factor_bar, n_.singchol);
     const double* row =
         l.arguments.data() + static_cast<long>(prior) * reff.setup.places + reff.argument_derivative(0, 0, np_);
     for (int a = 0; a < reff.nd; ++a, row += np_) {
-      const double bar = a < l.own ? mean_bar[a] : factor_bar[a - l.own];
+      const double bar = a < own_of(l) ? mean_bar[a] : factor_bar[a - own_of(l)];
       for (int j = 0; j < np_; ++j) gradient_[j] -= bar * row[j];
     }
   }
@@ -473,13 +477,20 @@ private:
   const NX& n_;
   BatchWork& b_;
   NestWork& w_;
-  const std::size_t nest_;
+  std::size_t nest_ = 0;
   const int np_;
   const LeafMoments rows_;
   const double s_;
-  double* const gradient_;
+  double* gradient_ = nullptr; // of the nest
   double scratch_[2 * modes::most_effects * modes::most_effects];
 };
+
+template <int OWN> void compute_all(const NX& n, TVLThreadCtx& ctx)
+{
+  NestGradient<OWN> gradient(n, ctx);
+  for (int nest = 0; nest < ctx.nests.nests; ++nest)
+    if (ctx.nests.failure[static_cast<std::size_t>(nest)] == 0) gradient.compute(nest);
+}
 
 // Cross and third derivatives at the modes of all leaves of good nests.
 int leaf_curvature(const NX& n, TVLThreadCtx& ctx)
@@ -500,8 +511,11 @@ int nest_gradients(const NX& n, TVLThreadCtx& ctx)
 {
   if (n.adaptive)
     if (const int rc = leaf_curvature(n, ctx); rc > 2) return rc;
-  for (int nest = 0; nest < ctx.nests.nests; ++nest)
-    if (ctx.nests.failure[static_cast<std::size_t>(nest)] == 0) NestGradient(n, ctx, nest).compute();
+  const auto& levels = ctx.nests.level;
+  if (std::all_of(levels.begin(), levels.end(), [](const NestLevel& l) { return l.own == 1; }))
+    compute_all<1>(n, ctx);
+  else
+    compute_all<0>(n, ctx);
   return 0;
 }
 

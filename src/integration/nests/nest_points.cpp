@@ -82,10 +82,46 @@ private:
         c_.outer = static_cast<int>(std::min<long>(outer, leaf_.outer - p));
         c_.own = static_cast<int>(std::min<long>(own, leaf_.points - q));
         c_.pairs = {slots, count, c_.outer * c_.own};
-        for (int i = 0; i < count; ++i) place(i);
+        if (c_.aside() && leaf_.own == 1)
+          place_aside();
+        else
+          for (int i = 0; i < count; ++i) place(i);
         if (const int rc = add_chunk(); rc != 0) return rc;
       }
     return 0;
+  }
+
+  // The same as `place` for all entries, of leaves with one effect and slots side by side: loops over slots.
+  void place_aside()
+  {
+    const int count = c_.pairs.count;
+    double mean[most_slots], factor[most_slots], spread[most_slots], centre[most_slots];
+    for (int i = 0; i < count; ++i) {
+      const int node = w_.leaf_of_slot[static_cast<std::size_t>(c_.pairs.slots[i])];
+      factor[i] = modes::factor_of(leaf_, node)[0];
+      mean[i] = leaf_.mean[static_cast<std::size_t>(leaf_.prior_of(node))];
+      spread[i] = leaf_.spread[static_cast<std::size_t>(node)];
+    }
+    for (int p = 0; p < c_.outer; ++p) {
+      for (int i = 0; i < count; ++i) {
+        const int node = w_.leaf_of_slot[static_cast<std::size_t>(c_.pairs.slots[i])];
+        const double* const b = leaf_.tilt.data() + static_cast<long>(node) * leaf_.above;
+        double deviation[modes::most_effects];
+        place_ancestors(i, p, node, deviation);
+        centre[i] = leaf_.z[static_cast<std::size_t>(node)];
+        for (int a = 0; a < leaf_.above; ++a) centre[i] += b[a] * deviation[a];
+      }
+      for (int q = 0; q < c_.own; ++q) {
+        const double x = standard(0)[q], log_weight = reff_.logw[static_cast<std::size_t>(c_.first_own + q)];
+        double* const u = b_.ran.data() + leaf_.place * b_.pair_stride + c_.pair(0, p, q);
+        double* const prior = b_.prior.data() + c_.pair(0, p, q);
+        for (int i = 0; i < count; ++i) {
+          const double z = centre[i] + scale_ * (spread[i] * x);
+          prior[i] = log_weight - 0.5 * z * z;
+          u[i] = mean[i] + factor[i] * z;
+        }
+      }
+    }
   }
 
   // Effects of the chain and the log of weight times the leaf's prior kernel at the points of entry i.

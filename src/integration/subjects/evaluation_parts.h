@@ -42,6 +42,8 @@ void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
 void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
+// keep_mode_derivative: its derivatives by the parameters into n.ebtrial_by; after an evaluation with a gradient.
+void keep_mode_derivative(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
@@ -85,6 +87,13 @@ int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
+// sum_at_modes: the same together with what the search for modes reads, for modes::AtModes; where the mode is the only point
+// (closes_point) sum_points finds there what it needs.
+int sum_at_modes(const model::NX& n, model::TVLThreadCtx& ctx, int active);
+inline bool closes_point(const model::NX& n)
+{
+  return n.leaf().nqpr == 1 && n.method == 0 && n.programs.closing_point;
+}
 
 // subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).
 // Where derivatives are factored without what their products give; weights is then that slot's column, else null.

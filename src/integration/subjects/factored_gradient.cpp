@@ -96,16 +96,17 @@ void size_factored(const NX& n, TVLThreadCtx& ctx)
 {
   auto& f = ctx.batch.factored;
   const FactoredPrograms& programs = n.programs.factored;
-  long levels = 1, records = 1;
+  long levels = 1, records = 1, lanes = 1; // lanes: of the subjects of a batch, at one point each
   for (const auto& batch : n.batches) {
     levels = std::max<long>(levels, batch.levels);
     records = std::max<long>(records, batch.records);
+    lanes = std::max<long>(lanes, static_cast<long>(batch.last - batch.first) * batch.levels);
   }
   const long points = n.leaf().nqpr;
   f.in_use = static_cast<bool>(programs) && points <= most_points && points * levels <= most_lanes;
   if (!f.in_use) return;
   const long coefficients = programs.point_coefficients + programs.mode_coefficients;
-  f.lane_stride = std::max({block_lanes, points * levels, records}) + 8;
+  f.lane_stride = std::max({std::min(block_lanes, points * lanes), points * levels, records}) + 8;
   f.record_stride = records + 8;
   f.slot_stride = static_cast<long>(ctx.batch.subject.size()) + 8;
   size(f.lanes, std::max(programs.point_coefficients, programs.mode_coefficients) * f.lane_stride);

@@ -4,6 +4,7 @@
 #include "host/messages/names/statements.h"
 #include "integration/subjects/evaluation_parts.h"
 
+#include "evaluation/lane_loops.h"
 #include "evaluation/record_sums.h"
 
 #include <algorithm>
@@ -23,9 +24,13 @@ constexpr int unusable = message::likelihood_not_usable::message_number;
 // Eight interleaved sums by place in the block, closed in a fixed order.
 struct InterleavedSum {
   double part[8] = {};
+  // The values from place `first` on: a multiple of 8, or one value.
   void add(long first, const double* values, const double* weights, int count)
   {
-    for (int j = 0; j < count; ++j) part[(first + j) % 8] += weights[j] * values[j];
+    if (count == 1)
+      part[first % 8] += weights[0] * values[0];
+    else
+      evaluation::add_interleaved_products(part, weights, values, count);
   }
   double close() const
   {

@@ -87,7 +87,7 @@ public:
         factored_(gradient && b_.factored.in_use), program_(!gradient   ? n.programs.value
                                                             : factored_ ? n.programs.factored.gradient
                                                                         : n.programs.gradient),
-        nr_(n.leaf().nr), np_(n.nparm)
+        nr_(n.leaf().nr), np_(n.nparm), at_mode_(gradient && !factored_ && n.adaptive && closes_point(n))
   {
   }
 
@@ -168,10 +168,11 @@ private:
   int add_chunks()
   {
     const int all = pairs_.count * pairs_.points;
-    ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
-    evaluation::RecordSums sums{program_.code, program_.outputs, b_.point_sums.data(), b_.pair_stride};
-    if (factored_) sums.lanes = kept_lanes(b_, n_.programs.factored.point_coefficients);
-    if (const int rc = evaluation::tvllogl(n_, ctx_, pairs_, sums); rc != 0) return rc;
+    if (at_mode_) {
+      take_sums_at_modes();
+    } else if (const int rc = run_points(all); rc != 0) {
+      return rc;
+    }
     make_weights(all);
     if (shares_ != nullptr) note_shares();
     weigh_chunks();
@@ -180,6 +181,24 @@ private:
     add_moments(all);
     if (factored_) weigh_coefficients();
     return 0;
+  }
+
+  // The only point is the mode, where the program has been run.
+  void take_sums_at_modes()
+  {
+    for (const int k : program_.outputs) {
+      const double* const from = b_.curvature_sums.data() + n_.programs.closing_gradient(k) * b_.mode_stride;
+      double* const to = b_.point_sums.data() + k * b_.pair_stride;
+      for (int i = 0; i < pairs_.count; ++i) to[i] = from[b_.column[static_cast<std::size_t>(pairs_.slots[i])]];
+    }
+  }
+
+  int run_points(int all)
+  {
+    ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
+    evaluation::RecordSums sums{program_.code, program_.outputs, b_.point_sums.data(), b_.pair_stride};
+    if (factored_) sums.lanes = kept_lanes(b_, n_.programs.factored.point_coefficients);
+    return evaluation::tvllogl(n_, ctx_, pairs_, sums);
   }
 
   // Turns the prior terms of the pairs into weights relative to the largest of their slot, whose log is left in peak_.
@@ -394,6 +413,7 @@ private:
   const bool gradient_, factored_;
   const model::ModelProgram& program_;
   const int nr_, np_;
+  const bool at_mode_;
   evaluation::Pairs pairs_; // in hand
   long first_ = 0;          // their first point
   int step_ = 1;            // from a slot's pair to that of its next point
@@ -454,8 +474,20 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
   if (active == 0) return 0;
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
+  const model::ModelProgram& program = n.programs.curvature;
+  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
+                             {program.code, program.outputs, b.curvature_sums.data(), b.mode_stride});
+}
+
+int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active)
+{
+  BatchWork& b = ctx.batch;
+  for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
+  ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const bool factored = b.factored.in_use;
-  const model::ModelProgram& program = factored ? n.programs.factored.curvature : n.programs.curvature;
+  const model::ModelProgram& program = factored          ? n.programs.factored.closing
+                                       : closes_point(n) ? n.programs.closing_point
+                                                         : n.programs.closing;
   evaluation::RecordSums sums{program.code, program.outputs, b.curvature_sums.data(), b.mode_stride};
   if (factored) sums.lanes = kept_lanes(b, n.programs.factored.mode_coefficients);
   const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, sums);

@@ -165,6 +165,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 9416, "integral_changes_with_points", W,
      "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
      "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
+    {503, 9417, "miniter_not_reached", N,
+     "The fit ended after {iterations} iterations, before MINITER={least}: nothing was left to gain.", "", ""},
     {503, 9343, "interrupted", W, "The run was interrupted; what was finished is written.", "",
      "Start again from what was reached: the last estimates as values in PARMS."},
     {503, 9342, "no_step", E, "{program} holds no step: a program begins with the TORVALE statement.", "",

@@ -6,6 +6,9 @@ namespace {
 
 // Statements, their roles and options, the course of a run.
 constexpr CatalogueEntry entries[] = {
+    {503, 9512, "length_of_data_variable", W,
+     "LENGTH of {name} has no effect: it is a variable of the data, whose values keep their length.", "",
+     "SUBSTR(name, 1, n) gives the first n characters."},
     {503, 1, "no_input_data", E,
      "There is no input data set: the TORVALE statement needs DATA=[; data sets given on the command line: {known}].",
      "", "Write DATA=name, and put name.csv in the program's folder or give --data name=path."},
