@@ -196,7 +196,7 @@ bool read_all(ByteSource& source, std::string& bytes)
     const std::ptrdiff_t n = source.read(bytes.data() + old, room);
     bytes.resize(old + static_cast<std::size_t>(std::max<std::ptrdiff_t>(n, 0)));
     if (n <= 0) return n == 0;
-    room = chunk;
+    room = std::min(2 * room, chunk);
   }
 }
 
