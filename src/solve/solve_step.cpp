@@ -10,6 +10,7 @@
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
+#include "solve/fit_hessian.h"
 #include "solve/fit_verdict.h"
 #include "solve/starting_grid.h"
 
@@ -46,6 +47,7 @@ void start_problem(NX& n)
   n.parmlast.clear();
   n.verdict = model::Verdict();
   str.covstr = n.covstr.get();
+  n.covstr->ushes = n.fdh == 0 && fit_hessian_pays(n) ? fit_hessian : nullptr;
   n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;

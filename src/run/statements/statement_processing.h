@@ -52,6 +52,7 @@ void specialise_prediction_statements(model::ModelLists& n);
 void write_model_summary(model::NX& n);
 // MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs
 // (after).
+void sampling_statement(model::NX& n);
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);
 void specialise_sampling_statements(model::NX& n);
