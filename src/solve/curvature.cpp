@@ -44,13 +44,14 @@ bool gradient_along(FitSurface& surface, const std::vector<double>& d, double h,
 
 namespace {
 
-// In an element of a factor of G the objective is a quartic where the parameter has a parabola. Where the interval is
-// not small beside the element the quotient over twice the interval takes the error of order h^2 away.
+// In an element of a factor of G the objective is a quartic where the parameter has a parabola, and in a logarithm it
+// is an exponential. Where the interval is not small beside the element the quotient over twice the interval takes the
+// error of order h^2 away.
 void without_quartic(FitSurface& surface, int i, const std::vector<double>& d, double h, const double* g0,
                      std::vector<double>& column)
 {
   const FitCoordinates& c = surface.coordinates();
-  if (!c.in_factor(i) || h * c.scale(i) < 5e-5 * c.own_size(i)) return;
+  if (c.plain(i) || !(h * c.scale(i) >= 5e-5 * c.own_size(i))) return;
   std::vector<double> wide;
   if (!gradient_along(surface, d, 2.0 * h, g0, wide)) return;
   for (std::size_t j = 0; j < column.size(); ++j) column[j] = (4.0 * column[j] - wide[j]) / 3.0;

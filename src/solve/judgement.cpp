@@ -134,7 +134,7 @@ private:
       least = std::min(least, value);
       out_.gain += along(k) * along(k) / value;
     }
-    out_.doubtful_curvature = (least < 1e-2 && slope > 0.1 * least) || bent() > 0.05;
+    out_.doubtful_curvature = (least < 1e-2 && slope > 0.1 * least) || bent() > 0.1 * least;
   }
 
   // The largest share of a curvature that is the slope by a parameter in its logarithm, or in its root.
