@@ -31,7 +31,7 @@ def main():
     parser.add_argument('--rounds', type=int, default=5)
     parser.add_argument('--data', action='append', default=[])
     parser.add_argument('--threads', default='0')
-    a = parser.parse_args()
+    a = parser.parse_intermixed_args()
     here = os.path.dirname(os.path.abspath(__file__))
     programs = a.programs or sorted(glob.glob(os.path.join(here, '..', 'examples', '*.tvl')))
     options = ['--threads', a.threads]

@@ -71,7 +71,7 @@ th,td{padding:.24rem .5rem}}
 --good:#00704f;--good-paper:#fff;--caution:#8a5200;--caution-paper:#fff;--bad:#b3261e;--bad-paper:#fff;color-scheme:light}
 body{font-size:10pt}.page{display:block;max-width:none;padding:0}nav{display:none}.wide{overflow:visible}
 table{font-size:8.5pt}th,td{padding:.15rem .4rem}th:first-child,td:first-child{position:static}
-h2,h3,caption{break-after:avoid}figure,tr,.verdict,.messages li{break-inside:avoid}thead{display:table-header-group}
+h2,h3,caption{break-after:avoid}figure,table,tr,.verdict,.messages li{break-inside:avoid}thead{display:table-header-group}
 .pictures{display:block}figure{display:inline-block;width:48.5%;margin:0 1% 1.2rem 0;vertical-align:top}figure.full{display:block;width:auto}.program{white-space:pre-wrap;background:none;padding:0}}
 )css";
 

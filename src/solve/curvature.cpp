@@ -196,16 +196,19 @@ bool measure_by_values(FitSurface& surface, double f, Curvature& out)
 // well; 1 where a standard error is no more than a few units in its last place, and every step is rounding.
 double noise_of(FitSurface& surface, const std::vector<int>& free, double f)
 {
-  constexpr std::size_t most = 3; // coordinates looked at
+  constexpr int most = 3; // coordinates looked at
   constexpr double unit = std::numeric_limits<double>::epsilon(), few = 8.0, many = 64.0, shortest = 1e-6;
   const FitCoordinates& c = surface.coordinates();
   for (const int i : free)
     if (c.plain(i) && c.scale(i) < few * unit * c.own_size(i)) return 1.0;
   double noise = 0.0;
   std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
-  for (std::size_t k = 0; k < std::min(most, free.size()); ++k) {
-    const int i = free[k];
-    const double step = std::max(shortest, many * unit * c.own_size(i) / c.scale(i));
+  int looked_at = 0;
+  for (const int i : free) {
+    // (Factors of G have an edge near which evaluations differ by more than rounding.)
+    if (!c.plain(i) || ++looked_at > most) continue;
+    const double own = c.own_size(i) / c.scale(i); // in standard errors; far below 1 where the parameter has run away
+    const double step = own > 0.0 ? std::min(std::max(shortest, many * unit * own), shortest * own) : shortest;
     double& ti = t[static_cast<std::size_t>(i)];
     double up = 0.0, down = 0.0;
     ti = step;

@@ -13,7 +13,7 @@ constexpr int most_passes = 5;    // each makes the directions better known, and
 constexpr int most_trials = 12;   // of an interval
 constexpr double agreement = 0.2; // of the curvatures over two intervals: more is noise, or no curvature at all
 // Directions this much longer than the strongest are flat: columns that rounding alone tells apart are longer.
-constexpr double longest = 1e12;
+constexpr double longest = 1e10;
 
 // One direction after another is measured over the length that is its own. What differences over a step of a
 // coordinate know of a slight direction is noise of the strong ones.

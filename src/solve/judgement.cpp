@@ -11,6 +11,7 @@ namespace torvale::solve {
 namespace {
 
 constexpr double largest = std::numeric_limits<double>::max();
+constexpr double far_rise = 1e-2; // in -2 log L, on the way back of what has run away; a bent ridge rises less
 
 // Relative noise of an evaluation, of which the sums over subjects are the larger part.
 double noise(double f)
@@ -156,6 +157,27 @@ private:
     return rise;
   }
 
+  // Whether a step raises -2 log L by what counts. At 0 the root of a variance meets its mirror image: a bound.
+  bool rises_along(int k, double a)
+  {
+    const double rise = change_along(k, a);
+    return rise >= gain_allowed || past_zero();
+  }
+  bool rises_of(int coordinate, double a)
+  {
+    const double rise = change_of(coordinate, a);
+    return rise >= gain_allowed || past_zero();
+  }
+  bool past_zero() const
+  {
+    const FitCoordinates& c = surface_.coordinates();
+    for (const int i : c.edge_diagonals()) {
+      const double there = c.origin(i) + c.scale(i) * t_[static_cast<std::size_t>(i)];
+      if (c.origin(i) * there < 0.0) return true;
+    }
+    return false;
+  }
+
   void null_directions()
   {
     for (const int k : out_.null) {
@@ -173,8 +195,7 @@ private:
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
     const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
-    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= gain_allowed &&
-                       c.inside(t_.data()) &&
+    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= far_rise && c.inside(t_.data()) &&
                        outward([&](double a) { return change_along(k, a); }, -home) < gain_allowed;
     for (int i = 0; i < m(); ++i) {
       const int own = out_.curvature.free[static_cast<std::size_t>(i)];
@@ -188,7 +209,7 @@ private:
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
       if (!(value > out_.tolerance)) continue;
       const double error = 1.0 / std::sqrt(value);
-      const bool rises = change_along(k, error) >= gain_allowed && change_along(k, -error) >= gain_allowed;
+      const bool rises = rises_along(k, error) && rises_along(k, -error);
       for (int i = 0; i < m() && !rises; ++i)
         if (share(i, k) > 0.3) note_separated(out_.curvature.free[static_cast<std::size_t>(i)]);
       if (!out_.curvature.turned) break; // a turned direction has the others' curvature
@@ -198,8 +219,7 @@ private:
     for (int i = 0; i < m(); ++i) {
       const int j = out_.curvature.free[static_cast<std::size_t>(i)];
       if (c.scale(j) <= c.own_size(j) || own(i) < 0.5) continue;
-      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed || beyond_curvature(i))
-        note_separated(j);
+      if (!rises_of(j, 1.0) || !rises_of(j, -1.0) || beyond_curvature(i)) note_separated(j);
     }
   }
 

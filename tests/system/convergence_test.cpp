@@ -250,6 +250,24 @@ TEST(Convergence, ExactFitsAreNone)
   }
 }
 
+// One record per subject: variance of effects and of residuals are known by their sum alone, and where on that ridge a
+// technique stops, or in which units, is no matter.
+TEST(Convergence, RidgesAreNoMinimaAndNoRunaways)
+{
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < 20; ++i)
+    csv += std::to_string(i) + "," + std::to_string(i * 7 % 11 - 5) + "," + std::to_string((i * i * 3 + i) % 13) + "\n";
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NMSIMP", "TECHNIQUE=DBLDOG"})
+    for (const std::string unit : {"0.001", "1", "1000"})
+      for (const std::string start : {"s2u=1 s2=1", "s2u=0.01 s2=9"}) {
+        const auto run =
+            fit_data(csv, technique + "; PARMS b0=0 b1=0 " + start + "; z = x*" + unit +
+                              "; MODEL y ~ NORMAL(b0 + b1*z + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+        EXPECT_EQ(run.outcome.exit_code, 6) << technique << unit << start << run.log;
+        EXPECT_FALSE(run.said(503, 9411)) << technique << unit << start << run.log;
+      }
+}
+
 // A criterion that the user gave is obeyed, and the gain that it leaves is told.
 TEST(Convergence, CriterionOfTheUser)
 {

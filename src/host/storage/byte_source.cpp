@@ -189,12 +189,14 @@ std::unique_ptr<ByteSource> bytes_of(std::string_view text)
 
 bool read_all(ByteSource& source, std::string& bytes)
 {
+  std::size_t room = 1 << 14; // most files are small
   for (;;) {
     const std::size_t old = bytes.size();
-    bytes.resize(old + chunk);
-    const std::ptrdiff_t n = source.read(bytes.data() + old, chunk);
+    bytes.resize(old + room);
+    const std::ptrdiff_t n = source.read(bytes.data() + old, room);
     bytes.resize(old + static_cast<std::size_t>(std::max<std::ptrdiff_t>(n, 0)));
     if (n <= 0) return n == 0;
+    room = std::min(2 * room, chunk);
   }
 }
 

@@ -492,7 +492,7 @@ template <> void Builder::on<Action::file_option>(const SEMARG&, std::span<Value
 {
   const std::string word = upper_case(r[1].token.text);
   const std::int32_t value = std::exchange(file_value_, 0);
-  if (value > 0 && (word == "LRECL=" || word == "LINESIZE=" || word == "LS="))
+  if (value > 0 && (word == "LRECL" || word == "LINESIZE" || word == "LS"))
     file_.line_size = value;
   else if (word == "PAD" || word == "NOPAD")
     file_.pad = word == "PAD";
