@@ -17,6 +17,19 @@ cmake -S "$scratch/outside" -B "$scratch/outside/build" -DCMAKE_PREFIX_PATH="$pr
 cmake --build "$scratch/outside/build" > "$scratch/build.log"
 [ "$("$scratch/outside/build/fit" 2> /dev/null | names)" = "$expected" ] && echo "CMake package: works"
 
+mkdir "$scratch/inside"
+cp "$source_folder/examples/library/fit.cpp" "$scratch/inside/"
+cat > "$scratch/inside/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(inside CXX)
+add_subdirectory("$source_folder" torvale EXCLUDE_FROM_ALL)
+add_executable(fit fit.cpp)
+target_link_libraries(fit PRIVATE torvale::torvale)
+END
+cmake -S "$scratch/inside" -B "$scratch/inside/build" -DCMAKE_BUILD_TYPE=Release > "$scratch/configure.log"
+cmake --build "$scratch/inside/build" --parallel "$(nproc)" > "$scratch/build.log"
+[ "$("$scratch/inside/build/fit" 2> /dev/null | names)" = "$expected" ] && echo "add_subdirectory: works"
+
 flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name torvale.pc)") pkg-config --define-prefix --cflags --libs torvale)
 # shellcheck disable=SC2086
 g++ -std=c++20 "$scratch/outside/fit.cpp" $flags -o "$scratch/by_pkg_config"

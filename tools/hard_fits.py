@@ -1,14 +1,20 @@
 #!/usr/bin/env python3
 """Generated fits that are hard to end well, and a judge who was not at the fit.
 
-    tools/hard_fits.py BINARY [--cases N] [--seed S] [--class NAME] [--keep FOLDER] [--verbose]
+    tools/hard_fits.py BINARY [--cases N] [--seed S] [--only CLASS] [--keep FOLDER] [--units] [--verbose]
 
 Each case is a data set, a model and a start of one of the classes below. The binary fits it with one of the techniques.
 When it claims success (exit code 0), the fit is started again from its own estimates, moved by up to a standard error,
-with other techniques: a point that is better by 1e-3 in -2 log L is a wrong success. When it does not (5 or 7), other
+with other techniques: a point that is better by 1e-3 in -2 log L (and by more than the
+verdict says that more quadrature points would change) is a wrong success. When it does not (5 or 7), other
 starts and techniques look for an optimum that can be confirmed: if there is one, the failure was needless.
-Only Python's own library is used. Exit code 1 when a wrong success was found."""
+With --units, each case is fitted again with its response, a covariate or its effects in units of 1e-3 and 1e3, and, without
+strict bounds, of 1e-6 and 1e6: no exit code may change.
+Only Python's own library is used. Exit code 1 when a wrong success was found, or an exit code that changed."""
 import argparse, collections, json, math, os, random, re, subprocess, sys, tempfile
+
+# What multiplies a parameter when response, covariates or effects are in other units.
+UNITS = dict(b0='y', b1='y/x', b2='y/z', b3='y/w', s2='y*y', s2u='y*y*u*u', cuv='y*y/x', s2v='(y/x)**2')
 
 TECHNIQUES = ['', 'QUANEW', 'TRUREG', 'NEWRAP', 'NRRIDG', 'DBLDOG', 'CONGRA', 'NMSIMP']
 
@@ -16,11 +22,25 @@ TECHNIQUES = ['', 'QUANEW', 'TRUREG', 'NEWRAP', 'NRRIDG', 'DBLDOG', 'CONGRA', 'N
 class Case:
     """columns: name -> values; body: statements behind PARMS; start: name -> value; bounds: text or ''."""
 
-    def __init__(self, kind, columns, body, start, bounds='', near=None, options='', optimum=True):
+    def __init__(self, kind, columns, body, start, bounds='', near=None, options='', optimum=True, units=None):
         self.kind, self.columns, self.body, self.start, self.bounds = kind, columns, body, dict(start), bounds
         self.near = near or {}    # another start, nearer to the truth
         self.options = options
         self.optimum = optimum    # False: the likelihood has no maximum at finite parameters, or several
+        self.units = units or {}  # of parameters, where they are not those of UNITS
+
+    def in_units(self, what, factor):
+        """The same case with 'y', 'u' or a covariate in another unit; None where it has no such thing."""
+        normal = 'NORMAL(' in self.body.split('MODEL')[1].split(';')[0]
+        effects = not normal and '+u' in self.body
+        if (what == 'y' and not normal) or (what == 'u' and not effects) or (what not in 'yu' and what not in self.columns):
+            return None
+        unit = dict.fromkeys('yuxzwt', 1.0)
+        unit[what] = factor
+        scaled = lambda values: {k: v * eval(self.units.get(k, UNITS.get(k, '1')), {}, unit) for k, v in values.items()}
+        columns = {k: [v * factor for v in values] if k == what else values for k, values in self.columns.items()}
+        body = self.body.replace('+u', '+u/%g' % factor) if what == 'u' else self.body
+        return Case(self.kind, columns, body, scaled(self.start), self.bounds, scaled(self.near), self.options, self.optimum, self.units)
 
     def program(self, start, technique, points=None):
         parms = ' '.join('%s=%.17g' % item for item in start.items())
@@ -37,13 +57,14 @@ class Case:
 
 
 class Fit:
-    def __init__(self, code, m2ll=None, estimates=None, errors=None, messages=(), points=None):
+    def __init__(self, code, m2ll=None, estimates=None, errors=None, messages=(), points=None, integral=0.0):
         self.code, self.m2ll, self.messages, self.points = code, m2ll, messages, points
+        self.integral = integral    # what more quadrature points change, as the verdict says
         self.estimates, self.errors = estimates or {}, errors or {}
 
 
 def table(group, name):
-    for t in group['tables']:
+    for t in reversed(group['tables']):    # the last one counts
         if t['name'] == name:
             return [dict(zip([c['name'] for c in t['columns']], row)) for row in t['rows']]
     return []
@@ -69,11 +90,10 @@ def run(binary, folder, program):
     if m2ll is None and table(group, 'FitStatistics'):
         m2ll = table(group, 'FitStatistics')[0]['Value']
     points = [r['Value'] for r in table(group, 'Dimensions') if 'Quadrature' in r['Descr']]
-    for m in step['messages']:  # chosen again at the estimates
-        if m['number'] == 9414:
-            points = [int(re.search(r'needs (\d+)', m['text'].replace('\n', ' ')).group(1))]
+    told = [re.search(r'by (-?[\d.e+-]+[\de])', r['Finding']) for r in table(group, 'FitVerdict') if r['Item'] == 'Quadrature']
+    integral = abs(float(told[0].group(1))) if told and told[0] else 0.0
     return Fit(done.returncode, m2ll, estimates, errors, ['%d/%d' % (m['group'], m['number']) for m in step['messages']],
-               points[-1] if points else None)
+               points[-1] if points else None, integral)
 
 
 # ---- The classes ----------------------------------------------------------------------------------------------------
@@ -154,7 +174,8 @@ def separation(r):
         y = [int(a + .3 * r.gauss(0, 1) > 0) for a in x]
     else:              # counts, a group of zeros
         y = [0 if b else poisson(r, 2) for b in z]
-        return Case('separation', dict(x=x, z=z, y=y), 'MODEL y ~ POISSON(exp(b0+b1*z));', dict(b0=0, b1=0), optimum=False)
+        return Case('separation', dict(x=x, z=z, y=y), 'MODEL y ~ POISSON(exp(b0+b1*z));', dict(b0=0, b1=0), optimum=False,
+                    units=dict(b1='y/z'))
     return Case('separation', dict(x=x, z=z, y=y), BERNOULLI % 'b0+b1*x+b2*z', dict(b0=0, b1=0, b2=0), optimum=False)
 
 
@@ -216,17 +237,20 @@ def far_start(r):
     kind = r.randrange(3)
     if kind == 0:
         y = [(10 + 3 * b) * math.exp(-.5 * a) + r.gauss(0, .4) for a, b in zip(t, u)]
-        body, truth = 'MODEL y ~ NORMAL((a+u)*exp(-k*t),s2);', dict(a=10, k=.5, s2u=.8, s2=.16)
+        body, truth, units = 'MODEL y ~ NORMAL((a+u)*exp(-k*t),s2);', dict(a=10, k=.5, s2u=.8, s2=.16), dict(k='1/t')
     elif kind == 1:
         y = [10 * a / (1.5 + a) * math.exp(b) + r.gauss(0, .4) for a, b in zip(t, u)]
         body, truth = 'MODEL y ~ NORMAL(a*exp(u)*t/(k+t),s2);', dict(a=10, k=1.5, s2u=.1, s2=.16)
+        units = dict(k='t', s2u='1')
     else:
         y = [(10 + 3 * b) / (1 + math.exp(-(a - 2) / .6)) + r.gauss(0, .4) for a, b in zip(t, u)]
         body, truth = 'MODEL y ~ NORMAL((a+u)/(1+exp(-(t-m)/k)),s2);', dict(a=10, m=2, k=.6, s2u=.8, s2=.16)
+        units = dict(m='t', k='t')
     start = {name: value * f[i % 3] for i, (name, value) in enumerate(truth.items())}
     if r.random() < .4:
         start['s2u'] = start['s2'] = 1
-    return Case('far start', dict(id=ids, t=t, y=y), body + ' RANDOM u ~ NORMAL(0,s2u) SUBJECT=id;', start, bounds, near=truth)
+    return Case('far start', dict(id=ids, t=t, y=y), body + ' RANDOM u ~ NORMAL(0,s2u) SUBJECT=id;', start, bounds, near=truth,
+                units=dict(units, a='y'))
 
 
 def constant(r):
@@ -248,7 +272,7 @@ def outlier(r):
         y = [poisson(r, math.exp(1 + .3 * a)) for a in x]
         y[r.randrange(n)] = r.choice([300, 2000])
         return Case('outlier', dict(x=x, y=y), 'MODEL y ~ POISSON(exp(b0+b1*x+b2*x*x));',
-                    dict(b0=r.choice([0, 1, 5]), b1=r.choice([0, 1, -1]), b2=0))
+                    dict(b0=r.choice([0, 1, 5]), b1=r.choice([0, 1, -1]), b2=0), units=dict(b2='y/x/x'))
     ids = [i // 4 + 1 for i in range(n)]
     y = [1 + .5 * a + r.gauss(0, 1) for a in x]
     y[r.randrange(n)] = r.choice([1e3, -1e4])
@@ -291,7 +315,8 @@ def better_point(binary, folder, case, fit, r):
         again = run(binary, folder, case.program(start, technique, fit.points))  # the same integral
         if again.m2ll is not None and again.m2ll < best:
             best = again.m2ll
-    return best if best < fit.m2ll - 1e-3 else None
+    # Where more points change the integral, the one that was computed has ripples of that size.
+    return best if best < fit.m2ll - max(1e-3, fit.integral) else None
 
 
 def confirmed_elsewhere(binary, folder, case, r):
@@ -304,6 +329,21 @@ def confirmed_elsewhere(binary, folder, case, r):
     return None
 
 
+def changed_by_units(binary, folder, case, technique, code):
+    """[(what, factor, exit code)] where the exit code is another in other units."""
+    changed = []
+    for what in 'yuxzwt':
+        for factor in (1e-3, 1e3) if '>0' in case.bounds else (1e-3, 1e3, 1e-6, 1e6):
+            other = case.in_units(what, factor)
+            if other is None:
+                continue
+            other.write(folder)
+            fit = run(binary, folder, other.program(other.start, technique))
+            if fit.code != code:
+                changed.append((what, factor, fit.code))
+    return changed
+
+
 def main():
     args = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     args.add_argument('binary')
@@ -312,6 +352,7 @@ def main():
     args.add_argument('--only', help='one class, by the name of its function')
     args.add_argument('--technique', help='one technique for all')
     args.add_argument('--keep', help='folder for the cases that went wrong')
+    args.add_argument('--units', action='store_true', help='also in other units')
     args.add_argument('--verbose', action='store_true')
     args = args.parse_args()
     binary = os.path.abspath(args.binary)
@@ -338,21 +379,25 @@ def main():
                 other = confirmed_elsewhere(binary, folder, case, r)
                 if other is not None:
                     word, note = 'needless', 'exit %d, %s elsewhere with exit %d' % (fit.code, other.m2ll, other.code)
-            counts[case.kind][word] += 1
-            counts['all'][word] += 1
-            if args.verbose or word in ('wrong', 'needless', 'error', 'singular, better near'):
+            changed = changed_by_units(binary, folder, case, technique, fit.code) if args.units else []
+            for kind in (case.kind, 'all'):
+                counts[kind][word] += 1
+                counts[kind]['units'] += bool(changed)
+            if changed:
+                note += ' exit %d, in units of %s' % (fit.code, ', '.join('%s*%g: %d' % c for c in changed))
+            if args.verbose or changed or word in ('wrong', 'needless', 'error', 'singular, better near'):
                 print('%4d %-18s %-8s %-10s %s %s' % (number, case.kind, technique or 'default', word, fit.m2ll, note), flush=True)
-                if args.keep and word != 'confirmed':
+                if args.keep and (changed or word != 'confirmed'):
                     place = os.path.join(args.keep, '%d_%d' % (args.seed, number))
                     os.makedirs(place, exist_ok=True)
                     case.write(place)
                     with open(os.path.join(place, 'p.tvl'), 'w') as out:
                         out.write(program)
-    words = ['confirmed', 'singular', 'refused', 'wrong', 'singular, better near', 'needless', 'error']
+    words = ['confirmed', 'singular', 'refused', 'wrong', 'singular, better near', 'needless', 'error', 'units']
     print('%-18s' % 'class' + ''.join('%23s' % w for w in words))
     for kind, counter in counts.items():
         print('%-18s' % kind + ''.join('%23d' % counter[w] for w in words))
-    return 1 if counts['all']['wrong'] else 0
+    return 1 if counts['all']['wrong'] or counts['all']['units'] else 0
 
 
 if __name__ == '__main__':

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Builds everything and runs all tests. Installs what that needs.
-#   tools/test.sh [PRESET]      release (default), asan or tsan
+#   tools/test.sh [PRESET]      release (default), clang, asan or tsan
 . "$(dirname -- "$0")/common.sh"
 install_missing
 preset=${1:-release}

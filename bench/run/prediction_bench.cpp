@@ -3,25 +3,21 @@
 // time that PREDICT adds to the run, reading and writing of the data included in it as far as PREDICT causes them, over
 // the time of the run without it. Processor time of all threads; the run has one.
 
-#include "torvale/torvale.h"
+#include "run/timed_run.h"
 
 #include <benchmark/benchmark.h>
 
 #include <cmath>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 namespace {
 
 constexpr int subjects = 100000, records = 10;
 
-void write_data(const std::string& path)
+void write_data(std::ofstream file)
 {
   std::mt19937 random(2026);
   std::normal_distribution<double> normal;
-  std::ofstream file(path);
   file << "id,x,y\n";
   for (int s = 0; s < subjects; ++s) {
     const double u = 0.8 * normal(random), v = 0.4 * normal(random);
@@ -35,31 +31,24 @@ void write_data(const std::string& path)
 
 double seconds_of_run(const std::string& folder, const std::string& statement)
 {
-  torvale::RunSettings settings;
-  settings.program_folder = settings.output_folder = folder;
-  torvale::Session session(std::move(settings));
-  const std::clock_t start = std::clock();
-  const auto outcome = session.run("TORVALE DATA=million QPOINTS=3; PARMS b0=0 b1=0.5 v0=0.5 v01=0 v1=0.2;"
-                                   "BOUNDS v0 >= 0, v1 >= 0; p = 1/(1 + exp(-(b0 + u + (b1 + v)*x)));"
-                                   "MODEL y ~ BINARY(p); RANDOM u v ~ NORMAL([0,0],[v0,v01,v1]) SUBJECT=id;" +
-                                   statement + " RUN;");
-  if (outcome.exit_code != 0) return NAN;
-  return static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+  return torvale::bench::timed_run(folder, "TORVALE DATA=million QPOINTS=3; PARMS b0=0 b1=0.5 v0=0.5 v01=0 v1=0.2;"
+                                           "BOUNDS v0 >= 0, v1 >= 0; p = 1/(1 + exp(-(b0 + u + (b1 + v)*x)));"
+                                           "MODEL y ~ BINARY(p); RANDOM u v ~ NORMAL([0,0],[v0,v01,v1]) SUBJECT=id;" +
+                                               statement + " RUN;")
+      .seconds;
 }
 
 void predictions_of_a_million_records(benchmark::State& state)
 {
-  const auto folder = std::filesystem::temp_directory_path() / "torvale-prediction-bench";
-  std::filesystem::create_directories(folder);
-  write_data((folder / "million.csv").string());
+  const torvale::bench::DataFolder folder("torvale-prediction-bench");
+  write_data(folder.file("million.csv"));
   for (auto _ : state) {
-    const double fit = seconds_of_run(folder.string(), ""),
-                 both = seconds_of_run(folder.string(), "PREDICT p OUT=predicted;");
+    const double fit = seconds_of_run(folder.path(), ""),
+                 both = seconds_of_run(folder.path(), "PREDICT p OUT=predicted;");
     state.counters["fit_s"] = fit;
     state.counters["predict_s"] = both - fit;
     state.counters["ratio"] = (both - fit) / fit;
   }
-  std::filesystem::remove_all(folder);
 }
 
 } // namespace

@@ -455,7 +455,7 @@ void write_put_lines(NX& n, engine::Frame& frame, const Pass& pass)
     frame.run_put(row, 0, lines);
     for (const auto& line : lines) {
       if (line.is_file)
-        n.host->xpfput(line.target, line.text);
+        n.host->xpfput(line.target, line.text, line.append);
       else if (host::equal_names(line.target, "PRINT"))
         n.host->xpsout(line.text);
       else

@@ -175,6 +175,14 @@ struct FactoredTerm {
   CMPSYM* factor = nullptr;
 };
 std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
+// cmppredictor: of the values that records have at all points in common, the one through which alone most parameters act on what
+// the programs yield: a linear predictor without its random effects, say. Frame::shift_records moves it. The value is a new
+// symbol; it may be differentiated. No parameters: there is none, or values are kept from record to record. After cmpspec.
+struct Predictor {
+  CMPSYM* value = nullptr;
+  std::vector<CMPSYM*> parameters;
+};
+Predictor cmppredictor(CMPGLOBAL& gcmp, std::span<const Program* const> programs);
 // True when the program carries values from record to record that depend on more than data (RETAIN, sums, lags of
 // computed values): its tiles must bring the records of a subject in order, one record a tile.
 bool sequential(const Program& program);
@@ -224,6 +232,7 @@ struct Fault {
 struct PutLine {
   std::string target; // LOG, PRINT, or the name of a file
   bool is_file = false;
+  bool append = false; // behind what the file holds
   std::string text;
 };
 // True when the program has PUT statements. They write nothing in `run`; run_put executes them for one lane.
@@ -246,6 +255,9 @@ public:
   // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers:
   // once for all where the rows are a part of cmporder's list, else at each call.
   void set_records(const std::int32_t* rows, std::int64_t count);
+  // Adds by_row[r] to the predictor of row r wherever programs read it, until called with null. Borrowed. To be repeated when the
+  // numbers have changed.
+  void shift_records(const CMPSYM* predictor, const double* by_row);
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);
 

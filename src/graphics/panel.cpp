@@ -31,6 +31,11 @@ double widest(const Ticks& ticks, double size)
   return w;
 }
 
+Ticks upright_ticks(const Axis& axis, double height, bool compact)
+{
+  return ticks_of(axis, std::max(2, static_cast<int>(height / (compact ? 45 : 55))));
+}
+
 // Ticks of a horizontal axis, thinned until their labels stand apart.
 Ticks fitting_ticks(const Axis& axis, double width, double size)
 {
@@ -45,13 +50,19 @@ Ticks fitting_ticks(const Axis& axis, double width, double size)
 
 } // namespace
 
+double label_room(const Axis& axis, double height)
+{
+  return widest(upright_ticks(axis, height, false), font_size);
+}
+
 Panel::Panel(Canvas& canvas, const PanelPlace& place, const Axis& x, const Axis& y, std::string_view heading,
              bool compact)
     : canvas_(canvas)
 {
   const double size = compact ? small_font_size : font_size;
-  const Ticks y_ticks = ticks_of(y, std::max(2, static_cast<int>(place.height / (compact ? 45 : 55))));
-  const double left = place.left + (compact || y.label.empty() ? 0 : size + 8) + widest(y_ticks, size) + 8;
+  const Ticks y_ticks = upright_ticks(y, place.height, compact);
+  const double left =
+      place.left + (compact || y.label.empty() ? 0 : size + 8) + std::max(y.label_room, widest(y_ticks, size)) + 8;
   // Half of the last label hangs over the right end.
   const double right = place.left + place.width - 14;
   const double top = place.top + (heading.empty() ? 8 : size + 10);
@@ -137,10 +148,16 @@ void Panel::band(std::span<const double> x, std::span<const double> low, std::sp
 
 void Panel::bars(std::span<const double> edges, std::span<const double> heights)
 {
-  for (std::size_t k = 0; k < heights.size(); ++k) {
-    const double left = x_.place(edges[k]), right = x_.place(edges[k + 1]);
-    const double top = y_.place(std::clamp(heights[k], y_.data().low, y_.data().high));
-    if (heights[k] > 0) canvas_.rectangle(left, top, right - left, y_.place(std::max(0.0, y_.data().low)) - top, "bar");
+  const std::vector<double> zero(heights.size(), 0.0);
+  bars(edges, zero, heights);
+}
+
+void Panel::bars(std::span<const double> edges, std::span<const double> low, std::span<const double> high)
+{
+  const auto inside = [&](double y) { return std::clamp(y, y_.data().low, y_.data().high); };
+  for (std::size_t k = 0; k < high.size(); ++k) {
+    const double left = x_.place(edges[k]), right = x_.place(edges[k + 1]), top = y_.place(inside(high[k]));
+    if (high[k] > low[k]) canvas_.rectangle(left, top, right - left, y_.place(inside(low[k])) - top, "bar");
   }
 }
 

@@ -14,7 +14,11 @@ struct Axis {
   // Round numbers; whole numbers only; powers of ten, where values are their exponents.
   enum class Ticks { round, whole, powers } ticks = Ticks::round;
   std::vector<std::string> categories{}; // category k stands at k; instead of ticks
+  double label_room = 0; // of an upright axis: at least so much for its tick labels, so that panels align
 };
+
+// What the tick labels of an upright axis take in a panel of that height.
+double label_room(const Axis& axis, double height);
 
 struct PanelPlace {
   double left = 0, top = 0, width = 0, height = 0; // of everything, labels included
@@ -37,10 +41,12 @@ public:
   void curve(std::span<const double> x, std::span<const double> y, std::string_view css);
   void band(std::span<const double> x, std::span<const double> low, std::span<const double> high);
   void bars(std::span<const double> edges, std::span<const double> heights); // one edge more than heights; from 0
-  void vertical(double x, std::string_view css = "reference");               // a line over the whole height
-  void horizontal(double y, std::string_view css = "reference");             // and over the whole width
-  void diagonal();                                                           // y = x
-  void interval(double x, double low, double high, std::string_view css);    // an upright interval
+  // The same between two heights each.
+  void bars(std::span<const double> edges, std::span<const double> low, std::span<const double> high);
+  void vertical(double x, std::string_view css = "reference");            // a line over the whole height
+  void horizontal(double y, std::string_view css = "reference");          // and over the whole width
+  void diagonal();                                                        // y = x
+  void interval(double x, double low, double high, std::string_view css); // an upright interval
 
 private:
   void x_axis(const Axis& axis, double size);

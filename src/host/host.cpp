@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <thread>
 #include <utility>
@@ -46,9 +48,16 @@ public:
   void end_step(int return_code) override;
 
   void xpsout(std::string_view line) override { list(std::string(line) + "\n"); }
-  void xpfput(std::string_view file, std::string_view line) override
+  void list_program(std::string title, std::string text) override
   {
-    TextFile& f = text_files_[std::string(file)];
+    list("\n" + centred(title, listing_width) + "\n\n" + text);
+    step().listings.push_back({std::move(title), std::move(text)});
+  }
+  void xpfput(std::string_view file, std::string_view line, bool append) override
+  {
+    const auto [at, first] = text_files_.try_emplace(std::string(file));
+    TextFile& f = at->second;
+    if (first && append) f.text = held_text(std::string(file));
     f.text.append(line).append("\n");
     f.changed = true;
   }
@@ -75,6 +84,7 @@ private:
   GroupResult& group_for_tables();
   void close_tables();
   bool write_text_files();
+  std::string held_text(const std::string& file) const;
   const char* protected_file(const std::filesystem::path& path) const;
 
   void list(std::string_view text)
@@ -195,6 +205,15 @@ const char* EmbeddedHost::protected_file(const std::filesystem::path& path) cons
   const bool kept =
       std::any_of(own.begin(), own.end(), [&](const auto& o) { return o.first == "KEEP" && is(o.second); });
   return kept || libraries_.reads(path.string()) ? "it is an input or a result of this run" : nullptr;
+}
+
+// What a file of lines holds before the run; nothing when there is none.
+std::string EmbeddedHost::held_text(const std::string& file) const
+{
+  std::ifstream in(std::filesystem::path(options_.places.output_folder) / file, std::ios::binary);
+  std::string text{std::istreambuf_iterator<char>(in), {}};
+  if (!text.empty() && text.back() != '\n') text += '\n';
+  return text;
 }
 
 bool EmbeddedHost::write_text_files()

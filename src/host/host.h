@@ -52,9 +52,12 @@ public:
   // xpsout: a raw line for the listing; not part of the results.
   virtual void xpsout(std::string_view line) = 0;
 
+  // Text with a title for the listing, kept in the results of the step.
+  virtual void list_program(std::string title, std::string text) = 0;
+
   // xpfput: a line for a text file that the program itself writes (a path; a relative one begins at the output folder).
-  // A file is made once in a run and is complete when a step ends.
-  virtual void xpfput(std::string_view file, std::string_view line) = 0;
+  // With `append` behind what it held before the run. A file is made once in a run and is complete when a step ends.
+  virtual void xpfput(std::string_view file, std::string_view line, bool append) = 0;
 
   // Tells a terminal what the run is doing; drawn from the first tenth of a second on, ten times a second at most, and
   // gone before anything else is written. Cheap to call (a look at the clock); main thread only.

@@ -54,6 +54,9 @@ private:
   int errors_ = 0;
 };
 
+// What a diagnostic says, without its place.
+std::string sentences(const Diagnostic& diagnostic);
+
 // One diagnostic for people: place, text, the source line and a caret under it.
 std::string render(const syntax::SourceMap& sources, const Diagnostic& diagnostic);
 

@@ -58,6 +58,7 @@ std::vector<host::Figure> fit_pictures(const host::GroupResult& group, const Pic
     if (data->kind != ResponseKind::binary) individual_picture(*data, out);
     if (data->kind != ResponseKind::binary) prediction_picture(*data, out);
     if (data->kind != ResponseKind::continuous) calibration_picture(*data, out);
+    frequency_picture(*data, out);
     residual_picture(*data, out);
     quantile_picture(*data, out);
   }

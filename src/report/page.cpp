@@ -103,6 +103,7 @@ private:
     if (step.groups.size() > 1) overview(step, id);
     for (std::size_t g = 0; g < step.groups.size(); ++g) group(step.groups[g], fmt::format("{}-group{}", id, g + 1));
     messages(step, id);
+    listings(step, id);
     data_sets(step, id);
     if (several) close_level();
     body_ += "</section>\n";
@@ -253,6 +254,16 @@ private:
     std::string lines = escaped(m.source);
     if (m.column > 0) lines += "\n" + std::string(static_cast<std::size_t>(m.column - 1), ' ') + "^";
     return fmt::format("<pre>{}\n{}</pre>", place, lines);
+  }
+
+  void listings(const StepResult& step, const std::string& id)
+  {
+    for (std::size_t i = 0; i < step.listings.size(); ++i) {
+      const std::string place = fmt::format("{}-listing{}", id, i + 1);
+      heading(3, place, step.listings[i].title);
+      entry(place, step.listings[i].title);
+      body_ += fmt::format("<pre>{}</pre>\n", escaped(step.listings[i].text));
+    }
   }
 
   void data_sets(const StepResult& step, const std::string& id)

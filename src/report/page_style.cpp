@@ -33,7 +33,7 @@ nav li{margin:.18rem 0;overflow:hidden;text-overflow:ellipsis}
 .verdict dt{color:var(--soft)}.verdict dd{margin:0;overflow-wrap:anywhere}
 .side{display:flex;flex-wrap:wrap;gap:0 2.5rem}.side>div{min-width:0;max-width:100%}
 .wide{overflow-x:auto;margin:.9rem 0 1.5rem}figure .wide{margin:0}
-table{border-collapse:collapse;font-size:.9rem}
+table{border-collapse:separate;border-spacing:0;font-size:.9rem}
 caption{text-align:left;font-weight:600;padding:0 0 .35rem;white-space:nowrap}
 th,td{padding:.24rem .7rem;text-align:right;vertical-align:baseline;font-variant-numeric:tabular-nums;white-space:nowrap}
 th{font-weight:500;color:var(--soft);border-bottom:1px solid var(--soft);vertical-align:bottom;white-space:normal;min-width:4rem}
@@ -60,8 +60,10 @@ footer{margin-top:3rem;border-top:1px solid var(--rule);padding-top:.7rem;color:
 @media(min-width:760px){.pictures{grid-template-columns:repeat(2,minmax(0,1fr))}.pictures .full{grid-column:1/-1}}
 @media(min-width:1180px){.page{grid-template-columns:13rem minmax(0,1fr)}header,footer{grid-column:1/-1}
 nav{position:sticky;top:1.25rem;align-self:start;max-height:calc(100vh - 2.5rem);overflow-y:auto}}
-@media(max-width:700px){.full .wide svg{width:44rem}nav ol ol ol{display:none}}
-@media(max-width:600px){body{font-size:14px}h1{font-size:1.4rem}.verdict dl{grid-template-columns:minmax(0,1fr);margin-left:0}.verdict dd{margin-bottom:.35rem}
+@media screen and (max-width:700px){/* shadows at the sides that hold more */
+.wide{background:linear-gradient(to right,var(--paper),transparent) left/2rem 100% no-repeat local,linear-gradient(to left,var(--paper),transparent) right/2rem 100% no-repeat local,radial-gradient(farthest-side at 0 50%,var(--rule),transparent) left/.7rem 100% no-repeat scroll,radial-gradient(farthest-side at 100% 50%,var(--rule),transparent) right/.7rem 100% no-repeat scroll}
+.full .wide svg{width:44rem}nav ol ol ol{display:none}}
+@media screen and (max-width:600px){body{font-size:14px}h1{font-size:1.4rem}.verdict dl{grid-template-columns:minmax(0,1fr);margin-left:0}.verdict dd{margin-bottom:.35rem}
 th,td{padding:.24rem .5rem}}
 @media(prefers-color-scheme:dark){:root{--ink:#e4e4e4;--soft:#a0a4aa;--rule:#373b40;--faint:#202327;--paper:#17191c;--link:#7cc0f0;
 --good:#4fd0a0;--good-paper:#16241f;--caution:#f0b35a;--caution-paper:#272016;--bad:#ff8a80;--bad-paper:#2a1a19}}
@@ -69,8 +71,8 @@ th,td{padding:.24rem .5rem}}
 --good:#00704f;--good-paper:#fff;--caution:#8a5200;--caution-paper:#fff;--bad:#b3261e;--bad-paper:#fff;color-scheme:light}
 body{font-size:10pt}.page{display:block;max-width:none;padding:0}nav{display:none}.wide{overflow:visible}
 table{font-size:8.5pt}th,td{padding:.15rem .4rem}th:first-child,td:first-child{position:static}
-h2,h3,caption{break-after:avoid}figure,tr,.verdict,.messages li{break-inside:avoid}thead{display:table-header-group}
-.pictures{display:block}figure{margin-bottom:1.2rem;max-width:30rem}figure.full{max-width:none}.program{white-space:pre-wrap;background:none;padding:0}}
+h2,h3,caption{break-after:avoid}figure,table,tr,.verdict,.messages li{break-inside:avoid}thead{display:table-header-group}
+.pictures{display:block}figure{display:inline-block;width:48.5%;margin:0 1% 1.2rem 0;vertical-align:top}figure.full{display:block;width:auto}.program{white-space:pre-wrap;background:none;padding:0}}
 )css";
 
 } // namespace

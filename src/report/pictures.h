@@ -30,9 +30,10 @@ void history_picture(const host::GroupResult& group, Pictures& out);
 void estimates_picture(const host::GroupResult& group, Pictures& out);
 void correlation_picture(const host::GroupResult& group, Pictures& out);
 
-// From records: observed against predicted, predictions by bins, curves by subject.
+// From records: observed against predicted, predictions by bins, frequencies of counts, curves by subject.
 void prediction_picture(const inference::PictureData& data, Pictures& out);
 void calibration_picture(const inference::PictureData& data, Pictures& out);
+void frequency_picture(const inference::PictureData& data, Pictures& out);
 void individual_picture(const inference::PictureData& data, Pictures& out);
 
 // Residuals: by prediction and along the axis, and their normal quantiles.

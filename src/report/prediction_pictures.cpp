@@ -51,10 +51,24 @@ namespace {
 
 // Records sorted by prediction, in bins of equal counts: mean prediction, mean response, and its interval.
 struct Bin {
-  double predicted = 0, observed = 0, error = 0;
+  double predicted = 0, observed = 0, low = 0, high = 0;
 };
 
-std::vector<Bin> bins_of(const std::vector<double>& prediction, const std::vector<double>& response)
+// Shares get Wilson's interval (1927), which stays between 0 and 1 and has a length at both; means two standard errors.
+void set_interval(Bin& bin, double count, double variance, bool share)
+{
+  double middle = bin.observed, half = 2 * std::sqrt(variance / count);
+  if (share) {
+    constexpr double z = 1.96;
+    const double p = bin.observed, scale = 1 / (1 + z * z / count);
+    middle = scale * (p + z * z / (2 * count));
+    half = scale * z * std::sqrt(p * (1 - p) / count + z * z / (4 * count * count));
+  }
+  bin.low = middle - half;
+  bin.high = middle + half;
+}
+
+std::vector<Bin> bins_of(const std::vector<double>& prediction, const std::vector<double>& response, bool shares)
 {
   std::vector<std::size_t> order;
   for (std::size_t i = 0; i < response.size(); ++i)
@@ -73,7 +87,7 @@ std::vector<Bin> bins_of(const std::vector<double>& prediction, const std::vecto
       bin.observed += response[order[i]] / m;
     }
     for (std::size_t i = from; i < to; ++i) squares += std::pow(response[order[i]] - bin.observed, 2);
-    bin.error = m > 1 ? std::sqrt(squares / (m - 1) / m) : 0;
+    set_interval(bin, m, m > 1 ? squares / (m - 1) : 0, shares);
     bins.push_back(bin);
   }
   return bins;
@@ -85,32 +99,32 @@ void calibration_picture(const PictureData& data, Pictures& out)
 {
   const auto& r = data.records;
   const bool individual = !r.individual.empty();
-  const auto bins = bins_of(individual ? r.individual : r.population, r.response);
+  const bool binary = data.kind == inference::ResponseKind::binary;
+  const auto bins = bins_of(individual ? r.individual : r.population, r.response, binary);
   if (bins.size() < 3) return;
   std::vector<double> x, y, all;
   for (const Bin& b : bins) {
     x.push_back(b.predicted);
     y.push_back(b.observed);
-    all.insert(all.end(), {b.predicted, b.observed - 2 * b.error, b.observed + 2 * b.error});
+    all.insert(all.end(), {b.predicted, b.low, b.high});
   }
   Interval range;
   if (!graphics::range_of(all, range)) return;
   range = graphics::widened(range, 0.05);
-  if (data.kind == inference::ResponseKind::binary) range = {std::max(range.low, -0.02), std::min(range.high, 1.02)};
-  const bool binary = data.kind == inference::ResponseKind::binary;
+  if (binary) range = {std::max(range.low, -0.02), std::min(range.high, 1.02)};
   Canvas canvas(half_width, 380);
   {
     Panel p(canvas, {0, 0, half_width, 380}, {binary ? "Mean predicted probability" : "Mean prediction", range},
             {binary ? "Share of " + data.response + " = 1" : "Mean " + data.response, range});
     p.diagonal();
-    for (const Bin& b : bins) p.interval(b.predicted, b.observed - 2 * b.error, b.observed + 2 * b.error, "one");
+    for (const Bin& b : bins) p.interval(b.predicted, b.low, b.high, "one");
     p.dots(x, y);
   }
   const std::string caption = fmt::format(
-      "Records in {} bins of equal size by {}prediction: mean response with two standard errors against mean "
-      "prediction. Bins that "
-      "stand away from the diagonal show where the model is wrong.{}",
+      "Records in {} bins of equal size by {}prediction: {} against mean prediction. Bins that stand away from the "
+      "diagonal show where the model is wrong.{}",
       bins.size(), individual ? "individual " : "",
+      binary ? "share of ones with its 95 % interval" : "mean response with two standard errors",
       individual ? " Individual effects draw predictions towards the data, so agreement here is the least to expect."
                  : "");
   out.push_back({"calibration", "Calibration", caption, canvas.finish("Calibration", caption)});

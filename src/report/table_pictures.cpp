@@ -49,17 +49,21 @@ void history_picture(const host::GroupResult& group, Pictures& out)
   const bool has_gradient = graphics::range_of(gradient, decades);
   Canvas canvas(half_width, has_gradient ? 380 : 240);
   const double height = has_gradient ? 190 : 240;
+  if (has_gradient) decades = {std::floor(decades.low), std::max(std::ceil(decades.high), std::floor(decades.low) + 1)};
+  Axis above = {"Negative log likelihood", graphics::widened(y, 0.06)},
+       below = {"Largest gradient", decades, Axis::Ticks::powers};
+  if (has_gradient)
+    above.label_room = below.label_room =
+        std::max(graphics::label_room(above, height), graphics::label_room(below, height));
   {
     Panel panel(canvas, {0, 0, half_width, height},
-                {has_gradient ? "" : "Iteration", graphics::widened(x, 0.03), Axis::Ticks::whole},
-                {"Negative log likelihood", graphics::widened(y, 0.06)});
+                {has_gradient ? "" : "Iteration", graphics::widened(x, 0.03), Axis::Ticks::whole}, above);
     panel.curve(iteration, objective, "one");
     panel.dots(iteration, objective);
   }
   if (has_gradient) {
-    decades = {std::floor(decades.low), std::max(std::ceil(decades.high), std::floor(decades.low) + 1)};
-    Panel panel(canvas, {0, height, half_width, 190}, {"Iteration", graphics::widened(x, 0.03), Axis::Ticks::whole},
-                {"Largest gradient", decades, Axis::Ticks::powers});
+    Panel panel(canvas, {0, height, half_width, height}, {"Iteration", graphics::widened(x, 0.03), Axis::Ticks::whole},
+                below);
     panel.curve(iteration, gradient, "one");
     panel.dots(iteration, gradient);
   }
@@ -113,6 +117,10 @@ void estimates_picture(const host::GroupResult& group, Pictures& out)
 
 void correlation_picture(const host::GroupResult& group, Pictures& out)
 {
+  // Where a fit has failed the matrix belongs to no estimates.
+  if (const Table* table = table_of(group, "ParameterEstimates");
+      table == nullptr || table->column("StandardError") == Table::npos)
+    return;
   const auto& names = group.fit.parameters;
   const auto& c = group.fit.covariance;
   const std::size_t n = names.size();

@@ -158,10 +158,13 @@ StepOutcome hsttorvl(NX& n)
     n.host->stages().enter(host::Stage::data_pass);
     // Data that are not in the order of their BY variables have no groups: nothing is fitted, nothing shown.
     host::ByGroups groups;
-    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) return {1012, exit_data};
-    parallel::tvltinit(n);
-    tvlspec(n);
-    outcome = run_groups(n, groups);
+    if (groups.build(*n.fid, n.bylist, n.notsorted, n.host->log()) != 0) {
+      outcome = {1012, exit_data};
+    } else {
+      parallel::tvltinit(n);
+      tvlspec(n);
+      outcome = run_groups(n, groups);
+    }
   } catch (const host::HostExit& end) {
     outcome.return_code = std::max(n.tvlrc, end.return_code);
     outcome.exit_code = end.return_code == 1008 ? exit_data : end.return_code == 1016 ? exit_internal : exit_program;
@@ -169,6 +172,7 @@ StepOutcome hsttorvl(NX& n)
     n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
+  complete_sample_output(n);
   parallel::KillThreads(n);
   return outcome;
 }

@@ -4,6 +4,7 @@
 #include "host/messages/names/fit.h"
 #include "host/messages/names/methods.h"
 #include "host/messages/names/statements.h"
+#include "host/messages/source_excerpt.h"
 #include "host/storage/run_output.h"
 #include "host/storage/sha256.h"
 #include "language/actions.h"
@@ -214,28 +215,21 @@ private:
       message.severity = d.severity == language::Severity::note      ? host::Severity::note
                          : d.severity == language::Severity::warning ? host::Severity::warning
                                                                      : host::Severity::error;
-      // Its source line and caret are part of the rendering.
-      const syntax::Position user = sources_.user_position(d.where);
-      if (user.line > 0) {
-        message.file = sources_.source(user.source).name;
-        message.line = user.line;
-        message.column = user.column;
-      }
-      // The first line of the rendering is place and text; the source line and the caret follow as they stand.
-      const std::string words = language::render(sources_, d);
-      std::size_t from = words.find(": "); // severity and number come from the log
-      from = from == std::string::npos ? 0 : from + 2;
-      for (bool first = true; from < words.size(); first = false) {
-        const std::size_t end = std::min(words.find('\n', from), words.size());
-        const std::string line = words.substr(from, end - from);
-        if (first) {
-          message.text = line;
-          host_.log().post(message);
-        } else {
-          host_.log().xpslog(line);
-        }
-        from = end + 1;
-      }
+      const host::MessagePlace place = sources_.place({}, d.where);
+      message.file = place.program;
+      message.line = place.line;
+      message.column = place.column;
+      message.source = place.source;
+      message.text = language::sentences(d);
+      const bool generated = d.where.line > 0 && sources_.source(d.where.source).generated;
+      if (generated) message.length = 0; // of another text
+      const std::string text(sources_.line_text(d.where));
+      if (generated)
+        message.text = "In statements that " + sources_.source(d.where.source).name + " generated: " + message.text;
+      host_.log().post(std::move(message));
+      if (!generated) continue;
+      for (const auto& line : host::source_excerpt(d.where.line, text, d.where.column, d.length))
+        host_.log().xpslog(line);
     }
   }
 
@@ -276,7 +270,8 @@ private:
     if (!request_.check_only) {
       const StepOutcome outcome = hsttorvl(n);
       // A seed from the clock changes nothing in a run that draws no numbers, and would change its results' bytes.
-      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed)) host_.step().seed = n.seed;
+      if (request_.seed > 0 || parsed.proc.statements.front().given(torvale_slot::seed) || draws_numbers(n))
+        host_.step().seed = n.seed;
       if (request_.observe) request_.observe(n);
       return outcome;
     }

@@ -1,11 +1,13 @@
 #include "solve/confirmation.h"
 
 #include "host/messages/names/fit.h"
+#include "host/messages/names/optimizer.h"
 #include "integration/objective.h"
+#include "optimizer/messages/messages.h"
 #include "optimizer/optimizer.h"
 #include "solve/continuation.h"
-#include "solve/solve_step.h"
-#include "syntax/statement_names.h"
+#include "solve/fit_codes.h"
+#include "solve/fresh_start.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,68 +16,16 @@
 namespace torvale::solve {
 
 using model::FitOutcome;
-using model::ModelLists;
 using model::NX;
 using optimizer::MINSTR;
-using syntax::torvale_slot;
 
 namespace {
 
 constexpr double most_lengths = 100.0; // of a parameter in its unit
 constexpr int most_restarts = 4;       // of the technique
 constexpr int most_rounds = 12;        // of the trust region
-constexpr int more_iterations = 200;   // that a fit may take after its technique, where the limits are the defaults
-
-// Techniques that carry an approximation of the Hessian; the others use the true one, or none at all.
-bool approximates_hessian(int tech)
-{
-  return tech == optimizer::QUANEW || tech == optimizer::DUQUAN || tech == optimizer::DBLDOG ||
-         tech == optimizer::CONGRA;
-}
-
-bool met_criterion(int code)
-{
-  return (code > 0 && code < optimizer::code_all_fixed) || code > optimizer::code_pass_count;
-}
-
-// Failures of a technique that leave a point to go on from.
-bool stuck(int code)
-{
-  return code == optimizer::code_no_progress || code == optimizer::code_objective || code == optimizer::code_gradient ||
-         code == optimizer::code_newton_search || code == optimizer::code_hessian;
-}
-
-// The options of the criteria with the codes 1 to 9, and of their counts.
-bool given_by_user(const ModelLists& n, int code)
-{
-  using enum syntax::torvale_slot;
-  constexpr syntax::torvale_slot options[] = {absconv, absfconv, absgconv, absxconv, fconv,
-                                              gconv,   xconv,    fconv2,   gconv2};
-  const int criterion = code > 100 ? code - 100 : code;
-  return met_criterion(code) && criterion <= 9 && n.proc->statements.front().given(options[criterion - 1]);
-}
-
-// A limit that the user did not give is the technique's own; what goes on from there has one of its own.
-bool default_limit(const ModelLists& n, int code)
-{
-  const auto& procedure = n.proc->statements.front();
-  return code == optimizer::code_limit && !procedure.given(torvale_slot::maxiter) &&
-         !procedure.given(torvale_slot::maxfunc);
-}
-
-void extend_default_limits(NX& n)
-{
-  const auto& procedure = n.proc->statements.front();
-  MINSTR& str = *n.str;
-  if (!procedure.given(torvale_slot::maxiter)) str.maxi += more_iterations;
-  const double calls = n.nparm + 4.0; // of an iteration with its Hessian
-  if (!procedure.given(torvale_slot::maxfunc)) str.maxf += more_iterations * (str.fidi == 0 ? calls : calls * calls);
-}
-
-bool limits_reached(const MINSTR& str)
-{
-  return str.nitr >= str.maxi || static_cast<double>(str.nfct) >= str.maxf || str.mtim >= str.upti;
-}
+constexpr int most_extensions = 3;     // of default limits, while a round gains `much` in -2 log L
+constexpr double much = 1.0;
 
 } // namespace
 
@@ -133,9 +83,10 @@ bool FitEnd::quickly_confirmed()
       curvature.hessian[static_cast<std::size_t>(r * m + k)] =
           h(std::max(i, j), std::min(i, j)) * c->scale(i) * c->scale(j);
     }
+  curvature.unturned();
   FitSurface surface(n_, *c);
   Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
-  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-3)) return false;
+  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-2)) return false;
   judgement_ = std::move(found);
   coordinates_ = std::move(c);
   return true;
@@ -189,12 +140,25 @@ bool FitEnd::go_on()
   const double before = f_;
   std::vector<double> x(x_.size());
   double f = 0.0;
-  if (!continue_fit(surface, start, f_start, x, f)) {
+  if (!continue_fit(surface, start, f_start, x, f, &judgement_.curvature)) {
     if (!jump) return false;
     coordinates_->parameters(start.data(), x.data());
   }
   move_to(x);
+  falling_ = 2.0 * (before - f_) >= much;
   return 2.0 * (before - f_) >= gain_allowed;
+}
+
+// The minimum to more digits. False when there are none to be had.
+bool FitEnd::sharpen()
+{
+  FitSurface surface(n_, *coordinates_);
+  const std::vector<double> origin(x_.size(), 0.0);
+  std::vector<double> x;
+  double f = 0.0;
+  if (!continue_fit(surface, origin, f_, x, f, &judgement_.curvature)) return false;
+  move_to(x);
+  return true;
 }
 
 // What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
@@ -208,7 +172,7 @@ void FitEnd::set_scales()
   MINSTR& str = *n_.str;
   std::vector<double> products;
   str.scale = nullptr;
-  if (str.fidi != 0 || n_.noopt || integration::outer_products(n_, products) != 0) return;
+  if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
   scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
   for (std::size_t i = 0; i < scales_.size(); ++i) {
     const double d = products[i * (i + 3) / 2];
@@ -257,11 +221,18 @@ int FitEnd::run()
   const double maxi = str.maxi, maxf = str.maxf;
   extend_default_limits(n_);
   settle(code);
-  if (doubtful(code) && start_again()) settle(code);
+  for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
+    extend_default_limits(n_);
+    settle(code);
+  }
+  if (doubtful(code)) {
+    extend_default_limits(n_);
+    if (!stopped() && start_again()) settle(code);
+  }
   code = finish(code);
   str.maxi = maxi;
   str.maxf = maxf;
-  if (str.nitr > iterations)
+  if (str.nitr > iterations && 2.0 * (f_technique - f_) >= gain_allowed)
     n_.host->log().xpmlog(message::confirmation_lowered_objective{
         .iterations = static_cast<long>(str.nitr - iterations), .from = 2.0 * f_technique, .to = 2.0 * f_});
   return code;
@@ -270,9 +241,17 @@ int FitEnd::run()
 // Rounds of judging and going on, until a minimum is confirmed or nothing is gained.
 void FitEnd::settle(int code)
 {
+  bool sharpened = false;
   for (int round = 0;; ++round) {
     assess();
-    if (judgement_.minimum() || given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (judgement_.minimum()) {
+      if (judgement_.doubtful_curvature && !sharpened && sharpen()) {
+        sharpened = true;
+        continue;
+      }
+      return;
+    }
     if (!go_on() && round > 0) {
       assess();
       return;
@@ -287,25 +266,16 @@ bool FitEnd::stopped() const
 
 bool FitEnd::doubtful(int code) const
 {
-  return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && !stopped();
+  return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && n_.str->stop == 0 &&
+         !n_.host->interrupted();
 }
 
-// A first step that was too long may have left the region that has the minimum: once more from the starting values, the
-// steps measured by the parameters themselves, half of them at first. True when that leads to a better point.
+// True when a run from the starting values leads to a better point.
 bool FitEnd::start_again()
 {
-  FitCoordinates c(n_, start_.data());
-  for (int i = 0; i < n_.nparm; ++i) {
-    const double size = c.own_size(i);
-    const auto k = static_cast<std::size_t>(i);
-    c.set_scale(i, size > 0.0 ? size : k < scales_.size() ? scales_[k] : 1.0);
-  }
-  FitSurface surface(n_, c);
-  const std::vector<double> origin(start_.size(), 0.0);
-  double f_start = 0.0, f = 0.0;
+  double f = 0.0;
   std::vector<double> x;
-  if (!surface.value(origin.data(), f_start) || !continue_fit(surface, origin, f_start, x, f, 0.5)) return false;
-  if (2.0 * (f_ - f) < gain_allowed) return false;
+  if (!fresh_start(n_, start_, scales_, x, f) || 2.0 * (f_ - f) < gain_allowed) return false;
   coordinates_.reset();
   move_to(x);
   return true;
@@ -319,7 +289,7 @@ void FitEnd::to_the_edge()
   bool any = false;
   for (const int i : coordinates_->edge_diagonals()) {
     const double at_zero = -coordinates_->origin(i) / coordinates_->scale(i);
-    if (at_zero == 0.0 || std::abs(at_zero) > 0.1) continue;
+    if (at_zero == 0.0 || std::abs(at_zero) > 0.1 || at_zero < coordinates_->lower(i)) continue;
     t[static_cast<std::size_t>(i)] = at_zero;
     any = true;
   }
@@ -333,21 +303,6 @@ void FitEnd::to_the_edge()
   const auto old = x_;
   move_to(x);
   if (2.0 * (f_ - before) > 0.1 * gain_allowed) move_to(old);
-}
-
-// The code and the messages of a fit that did not get to a minimum.
-int FitEnd::failed_code()
-{
-  MINSTR& str = *n_.str;
-  n_.optimizer_messages.clear();
-  if (!limits_reached(str)) return optimizer::code_no_progress;
-  if (str.mtim >= str.upti) {
-    optimizer_message(&str, 549, 2, 2, &str.upti, 1);
-    return optimizer::code_time;
-  }
-  const double limits[] = {str.maxi, str.maxf};
-  optimizer_message(&str, 549, str.nitr >= str.maxi ? 605 : 606, str.zmsg, limits, 2);
-  return optimizer::code_limit;
 }
 
 int FitEnd::finish(int code)
@@ -383,17 +338,21 @@ int FitEnd::finish(int code)
   else
     verdict.outcome = FitOutcome::not_minimum;
   if (verdict.outcome == FitOutcome::not_minimum)
-    code = failed_code();
+    code = code_of_failure(n_);
   else if (moved_ || !met_criterion(code)) {
     code = optimizer::code_gconv;
     n_.optimizer_messages.clear();
-    const double criterion = code;
-    optimizer_message(&str, 549, 607, 1, &criterion, 1);
+    add_message(n_, status_message::criterion_met, optimizer::severity_note, {static_cast<double>(code)});
   }
   // The library's words on the size of a gradient and on singular matrices: the judge has better ones.
   std::erase_if(n_.optimizer_messages, [](const host::Message& m) {
-    constexpr int numbers[] = {136, 185, 189, 190, 255, 256, 257};
-    return m.group == 549 && std::find(std::begin(numbers), std::end(numbers), m.number) != std::end(numbers);
+    using namespace status_message;
+    constexpr host::MessageCode left_out[] = {
+        gradient_not_small,       one_singular_direction,  singular_hessian_dependencies,
+        singular_hessian_inverse, two_singular_directions, singular_directions,
+        negative_variances};
+    return std::any_of(std::begin(left_out), std::end(left_out),
+                       [&](host::MessageCode c) { return m.group == c.group && m.number == c.number; });
   });
   str.rcod = code;
   return code;

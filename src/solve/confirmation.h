@@ -34,6 +34,7 @@ private:
   bool quickly_confirmed();
   void assess();
   bool go_on();
+  bool sharpen();
   void settle(int code);
   bool stopped() const;
   bool doubtful(int code) const;
@@ -47,6 +48,7 @@ private:
   std::unique_ptr<FitCoordinates> coordinates_;
   Judgement judgement_;
   bool accurate_ = false;
+  bool falling_ = false;       // the last round of the trust region gained much
   bool moved_ = false;         // the point is not the technique's own any more
   std::vector<double> x_;      // the point
   double f_ = 0.0;             // objective there

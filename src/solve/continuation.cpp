@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace torvale::solve {
 
@@ -17,13 +18,44 @@ namespace {
 // What the callbacks of the run find behind its record.
 struct Run {
   FitSurface* surface = nullptr;
-  std::vector<double> gradient;
-  int accepted = 0;       // iterations
-  double mark = 0.0;      // objective at the last look back
-  double best = 0.0;      // lowest objective of an accepted point
-  std::vector<double> at; // and the point; empty: none
+  const Curvature* directions = nullptr; // of the run, where they are not the coordinates
+  std::vector<double> start;             // t at which the run's point is 0
+  std::vector<double> t;                 // the point by the coordinates
+  std::vector<double> by_t, gradient;    // by the coordinates, by the run's own
+  int accepted = 0;                      // iterations
+  double mark = 0.0;                     // objective at the last look back
+  double best = 0.0;                     // lowest objective of an accepted point
+  std::vector<double> at;                // and the point; empty: none
+
+  void go_to(const double* w)
+  {
+    for (std::size_t i = 0; i < t.size(); ++i) t[i] = start[i] + w[i];
+    if (directions == nullptr) return;
+    const auto& free = directions->free;
+    for (int r = 0; r < directions->size(); ++r) {
+      double sum = 0.0;
+      for (int k = 0; k < directions->size(); ++k)
+        sum += directions->direction(r, k) * w[free[static_cast<std::size_t>(k)]];
+      const auto i = static_cast<std::size_t>(free[static_cast<std::size_t>(r)]);
+      t[i] = start[i] + sum;
+    }
+  }
+
+  void turn_gradient()
+  {
+    gradient = by_t;
+    if (directions == nullptr) return;
+    const auto& free = directions->free;
+    for (int k = 0; k < directions->size(); ++k) {
+      double sum = 0.0;
+      for (int r = 0; r < directions->size(); ++r)
+        sum += directions->direction(r, k) * by_t[static_cast<std::size_t>(free[static_cast<std::size_t>(r)])];
+      gradient[static_cast<std::size_t>(free[static_cast<std::size_t>(k)])] = sum;
+    }
+  }
 };
 
+constexpr double largest = std::numeric_limits<double>::max();
 constexpr int most_iterations = 200; // of one run
 constexpr int look_back = 8;         // iterations after which a run must have gained something
 
@@ -36,8 +68,9 @@ int objective(MINSTR* str)
 {
   Run& run = run_of(str);
   ++str->nfct;
-  const bool good = run.surface->analytic() ? run.surface->gradient(str->x, str->crit, run.gradient.data())
-                                            : run.surface->value(str->x, str->crit);
+  run.go_to(str->x);
+  const bool good = run.surface->analytic() ? run.surface->gradient(run.t.data(), str->crit, run.by_t.data())
+                                            : run.surface->value(run.t.data(), str->crit);
   if (!good) str->crit = model::failure_objective;
   // On flat ground a single iteration may go on for ever.
   const bool spent = static_cast<double>(str->nfct) > str->maxf + static_cast<double>(str->nvar);
@@ -49,6 +82,7 @@ int objective(MINSTR* str)
 int gradient(MINSTR* str)
 {
   ++str->ngrd;
+  run_of(str).turn_gradient();
   std::copy_n(run_of(str).gradient.begin(), str->nvar, str->grad);
   return 0;
 }
@@ -57,15 +91,16 @@ int gradient(MINSTR* str)
 int termination(MINSTR* str, int job)
 {
   NX& n = run_of(str).surface->run();
+  Run& run = run_of(str);
   if (job > 0) {
-    run_of(str).surface->coordinates().parameters(str->x, n.parm.data());
+    run.go_to(str->x);
+    run.surface->coordinates().parameters(run.t.data(), n.parm.data());
     integration::accept_modes(n);
   }
   if (job > 0 && job % 2 == 1) continued_row(n, *str);
-  Run& run = run_of(str);
   if (job > 0 && (run.at.empty() || str->crit < run.best)) {
     run.best = str->crit;
-    run.at.assign(str->x, str->x + str->nvar);
+    run.at = run.t;
   }
   if (n.host->interrupted()) str->stop = 1;
   if (const int code = optimizer::znlptrm(str, job); code != 0 || job <= 0) return code;
@@ -76,14 +111,22 @@ int termination(MINSTR* str, int job)
   return creeps ? optimizer::code_fconv : 0;
 }
 
-void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<double>& start)
+// Directions that are not coordinates have no bounds; along flat ones there is nothing to gain but rounding.
+void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<double>& start,
+                 const Curvature* directions)
 {
   const FitCoordinates& c = surface.coordinates();
   for (int i = 0; i < c.size(); ++i) {
-    region.lb[i] = c.fixed(i) ? 0.0 : c.lower(i);
-    region.ub[i] = c.fixed(i) ? 0.0 : c.upper(i);
-    region.x[i] = start[static_cast<std::size_t>(i)];
+    const double at = start[static_cast<std::size_t>(i)], lower = c.lower(i), upper = c.upper(i);
+    region.lb[i] = c.fixed(i) ? 0.0 : lower > -largest ? lower - at : lower;
+    region.ub[i] = c.fixed(i) ? 0.0 : upper < largest ? upper - at : upper;
+    region.x[i] = 0.0;
   }
+  for (int k = 0; directions != nullptr && k < directions->size(); ++k)
+    if (directions->flat[static_cast<std::size_t>(k)] != 0) {
+      const int i = directions->free[static_cast<std::size_t>(k)];
+      region.lb[i] = region.ub[i] = 0.0;
+    }
   region.bounds = 1;
   region.usfct = objective;
   region.usgrd = surface.analytic() ? gradient : nullptr;
@@ -94,13 +137,16 @@ void set_problem(MINSTR& region, const FitSurface& surface, const std::vector<do
 } // namespace
 
 bool continue_fit(FitSurface& surface, const std::vector<double>& start, double f_start, std::vector<double>& x,
-                  double& f, double radius)
+                  double& f, const Curvature* directions, double radius)
 {
   NX& n = surface.run();
   const FitCoordinates& c = surface.coordinates();
   Run run;
   run.surface = &surface;
-  run.gradient.resize(static_cast<std::size_t>(c.size()));
+  run.directions = directions != nullptr && directions->turned ? directions : nullptr;
+  run.start = start;
+  run.t = start;
+  run.by_t.resize(start.size());
   MINSTR region;
   optimizer::tvlopti(&region);
   region.comstr = &run;
@@ -117,7 +163,7 @@ bool continue_fit(FitSurface& surface, const std::vector<double>& start, double 
   region.maxf = n.str->maxf;
   region.upti = n.str->upti;
   if (optimizer::tvlopta(&region) != 0) return false;
-  set_problem(region, surface, start);
+  set_problem(region, surface, start, run.directions);
   if (optimizer::tvloptc(&region) != 0) return false;
   int code = optimizer::znlpdrv(&region, 1, 0, 0, 0);
   if (radius > 0.0) {

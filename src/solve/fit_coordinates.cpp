@@ -89,17 +89,23 @@ void FitCoordinates::add_logarithm(const ModelLists& n)
   }
 }
 
-// Effects that a covariance joins form a block.
+// Effects that a covariance joins form a block. A variance at the slack of its strict bound has none with others: no
+// factor has that bound, and its covariances are ordinary numbers there.
 void FitCoordinates::add_blocks(const NX& n, const model::REFFECT& reff, const double* x)
 {
   std::vector<int> group(static_cast<std::size_t>(reff.nr));
   for (int i = 0; i < reff.nr; ++i) group[static_cast<std::size_t>(i)] = i;
   std::vector<std::vector<int>> what(group.size(), std::vector<int>(group.size()));
+  const auto at_slack = [&](int i) {
+    const int p = element(n, reff, i, i);
+    const PARMSTR* s = p >= 0 ? &n.parmstr[static_cast<std::size_t>(p)] : nullptr;
+    return s != nullptr && s->applyl && s->lowbound > 0.0 && x[p] <= s->lowbound * (1.0 + 1e-9);
+  };
   for (int i = 0; i < reff.nr; ++i)
     for (int j = 0; j <= i; ++j) {
       const auto r = static_cast<std::size_t>(i), c = static_cast<std::size_t>(j);
       what[r][c] = what[c][r] = element(n, reff, i, j);
-      if (i == j || what[r][c] == constant_zero) continue;
+      if (i == j || what[r][c] == constant_zero || at_slack(i) || at_slack(j)) continue;
       const int from = group[r], to = group[c];
       std::replace(group.begin(), group.end(), from, to);
     }
@@ -119,10 +125,11 @@ void FitCoordinates::add_blocks(const NX& n, const model::REFFECT& reff, const d
         if (effects.size() > 1) usable = !s.applyh && (a == b ? at_most_nonnegative(n, s) : !s.applyl);
       }
     if (!usable) continue;
-    if (effects.size() == 1) { // the root keeps a bound that says more
+    if (effects.size() == 1) { // the root keeps a bound that says more than 0; the slack of a strict one is such
       const auto p = static_cast<std::size_t>(seen[0]);
       const PARMSTR& s = n.parmstr[p];
-      lower_[p] = at_most_nonnegative(n, s) ? (s.applyh ? -std::sqrt(s.highbound) : -largest) : std::sqrt(s.lowbound);
+      const bool above_zero = s.applyl && s.lowbound > 0.0;
+      lower_[p] = above_zero ? std::sqrt(s.lowbound) : s.applyh ? -std::sqrt(s.highbound) : -largest;
       if (s.applyh) upper_[p] = std::sqrt(s.highbound);
     } else {
       for (const int p : seen) {
@@ -254,6 +261,12 @@ bool FitCoordinates::at_upper(int i) const
 {
   const auto p = static_cast<std::size_t>(i);
   return upper_[p] < largest && upper_[p] - origin_[p] <= contact * std::abs(origin_[p]);
+}
+
+bool FitCoordinates::plain(int i) const
+{
+  const auto p = static_cast<std::size_t>(i);
+  return in_block_[p] == 0 && i != logarithm_ && fixed_[p] == 0 && lower_[p] == -largest && upper_[p] == largest;
 }
 
 bool FitCoordinates::inside(const double* t) const

@@ -31,14 +31,16 @@ double dot(const std::vector<double>& a, const std::vector<double>& b)
   return sum;
 }
 
-// Eigenvector k of the judge, in coordinates: every element that is only noise is 0.
+// Direction k of the judge: every element that is only noise is 0.
 std::vector<double> direction(const Judgement& j, int k, std::size_t np, double noise)
 {
   std::vector<double> t(np, 0.0);
   const auto m = static_cast<std::size_t>(j.curvature.size());
+  double square = 0.0;
+  for (std::size_t i = 0; i < m; ++i) square += std::pow(j.directions[i * m + static_cast<std::size_t>(k)], 2);
   for (std::size_t i = 0; i < m; ++i) {
-    const double v = j.eigenvectors[i * m + static_cast<std::size_t>(k)];
-    if (std::abs(v) > noise) t[static_cast<std::size_t>(j.curvature.free[i])] = v;
+    const double v = j.directions[i * m + static_cast<std::size_t>(k)];
+    if (std::abs(v) > noise * std::sqrt(square)) t[static_cast<std::size_t>(j.curvature.free[i])] = v;
   }
   return t;
 }

@@ -11,6 +11,7 @@ namespace torvale::solve {
 namespace {
 
 constexpr double largest = std::numeric_limits<double>::max();
+constexpr double far_rise = 1e-2; // in -2 log L, on the way back of what has run away; a bent ridge rises less
 
 // Relative noise of an evaluation, of which the sums over subjects are the larger part.
 double noise(double f)
@@ -27,9 +28,10 @@ public:
 
   void run()
   {
-    out_.allowed = std::max(gain_allowed, 10.0 * noise(2.0 * f_));
+    out_.allowed = std::max({gain_allowed, 10.0 * noise(2.0 * f_), 20.0 * out_.curvature.noise});
     if (!decompose()) return;
     out_.measured = true;
+    if (drowned()) return;
     sort_eigenvalues();
     reduction();
     if (out_.indefinite || out_.gain > out_.allowed) return; // no minimum; the rest would only cost
@@ -39,25 +41,63 @@ public:
 
 private:
   int m() const { return out_.curvature.size(); }
-  double vector(int i, int k) const { return out_.eigenvectors[static_cast<std::size_t>(i * m() + k)]; }
+  double vector(int i, int k) const { return out_.directions[static_cast<std::size_t>(i * m() + k)]; }
+
+  // The part that coordinate i has in direction k.
+  double share(int i, int k) const
+  {
+    double square = 0.0;
+    for (int j = 0; j < m(); ++j) square += vector(j, k) * vector(j, k);
+    return square > 0.0 ? std::abs(vector(i, k)) / std::sqrt(square) : 0.0;
+  }
 
   bool decompose()
   {
     const auto size = static_cast<std::size_t>(m());
-    out_.eigenvectors = out_.curvature.hessian;
+    out_.directions = out_.curvature.hessian;
     out_.eigenvalues.assign(size, 0.0);
     if (m() == 0) return true;
-    if (!std::all_of(out_.eigenvectors.begin(), out_.eigenvectors.end(), [](double v) { return std::isfinite(v); }))
+    if (!std::all_of(out_.directions.begin(), out_.directions.end(), [](double v) { return std::isfinite(v); }))
       return false;
     std::vector<double> off(size);
-    matrix::ztred2(m(), out_.eigenvectors.data(), out_.eigenvalues.data(), off.data());
-    return matrix::ztql2(m(), out_.eigenvectors.data(), out_.eigenvalues.data(), off.data(), 1) == 0;
+    matrix::ztred2(m(), out_.directions.data(), out_.eigenvalues.data(), off.data());
+    if (matrix::ztql2(m(), out_.directions.data(), out_.eigenvalues.data(), off.data(), 1) != 0) return false;
+    if (out_.curvature.turned) by_coordinates();
+    return true;
+  }
+
+  // Where rounding changes -2 log L by a standard error's worth there is nothing to judge. A normal response that is
+  // fitted exactly comes to this: its variance falls as far as rounding lets it.
+  bool drowned()
+  {
+    constexpr double most = 0.5;
+    if (!(2.0 * out_.curvature.noise > most)) return false;
+    if (const int scale = surface_.coordinates().logarithm(); scale >= 0)
+      note_separated(scale);
+    else
+      out_.measured = false;
+    return true;
+  }
+
+  // Eigenvectors are by the directions of the curvature.
+  void by_coordinates()
+  {
+    const std::vector<double> v(out_.directions);
+    const auto size = static_cast<std::size_t>(m());
+    for (std::size_t i = 0; i < size; ++i)
+      for (std::size_t k = 0; k < size; ++k) {
+        double sum = 0.0;
+        for (std::size_t j = 0; j < size; ++j) sum += out_.curvature.basis[i * size + j] * v[j * size + k];
+        out_.directions[i * size + k] = sum;
+      }
   }
 
   void sort_eigenvalues()
   {
     // A curvature so slight that it gives less than the allowed gain over the coordinate's own unit is none.
     out_.tolerance = std::max(1e-8, 10.0 * out_.curvature.accuracy);
+    // Noise makes the coordinates' own differences coarse; turned directions have been tried over several lengths.
+    if (out_.curvature.turned && out_.curvature.noise > 0.0) out_.tolerance = std::min(out_.tolerance, 0.05);
     for (int k = 0; k < m(); ++k) {
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
       if (value > out_.tolerance) continue;
@@ -67,6 +107,8 @@ private:
         out_.null.push_back(k);
     }
   }
+
+  double own(int i) const { return out_.curvature.own[static_cast<std::size_t>(i)]; }
 
   double along(int k) const
   {
@@ -78,10 +120,15 @@ private:
   void reduction()
   {
     out_.gain = 0.0;
+    double slope = 0.0, least = 1.0;
     for (int k = 0; k < m(); ++k) {
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
-      if (value > out_.tolerance) out_.gain += along(k) * along(k) / value;
+      slope = std::max(slope, std::abs(along(k)));
+      if (!(value > out_.tolerance)) continue;
+      least = std::min(least, value);
+      out_.gain += along(k) * along(k) / value;
     }
+    out_.doubtful_curvature = least < 1e-2 && slope > 0.1 * least;
   }
 
   // Change of -2 log L from 0 to a times eigenvector k, or a times coordinate i; largest when the way ends before.
@@ -110,6 +157,27 @@ private:
     return rise;
   }
 
+  // Whether a step raises -2 log L by what counts. At 0 the root of a variance meets its mirror image: a bound.
+  bool rises_along(int k, double a)
+  {
+    const double rise = change_along(k, a);
+    return rise >= gain_allowed || past_zero();
+  }
+  bool rises_of(int coordinate, double a)
+  {
+    const double rise = change_of(coordinate, a);
+    return rise >= gain_allowed || past_zero();
+  }
+  bool past_zero() const
+  {
+    const FitCoordinates& c = surface_.coordinates();
+    for (const int i : c.edge_diagonals()) {
+      const double there = c.origin(i) + c.scale(i) * t_[static_cast<std::size_t>(i)];
+      if (c.origin(i) * there < 0.0) return true;
+    }
+    return false;
+  }
+
   void null_directions()
   {
     for (const int k : out_.null) {
@@ -127,11 +195,11 @@ private:
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
     const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
-    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= gain_allowed &&
+    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= far_rise && c.inside(t_.data()) &&
                        outward([&](double a) { return change_along(k, a); }, -home) < gain_allowed;
     for (int i = 0; i < m(); ++i) {
       const int own = out_.curvature.free[static_cast<std::size_t>(i)];
-      if (std::abs(vector(i, k)) > 0.3 && (whole || runs_away(own))) note_separated(own);
+      if (share(i, k) > 0.3 && (whole || runs_away(own))) note_separated(own);
     }
   }
 
@@ -141,18 +209,17 @@ private:
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
       if (!(value > out_.tolerance)) continue;
       const double error = 1.0 / std::sqrt(value);
-      const bool rises = change_along(k, error) >= gain_allowed && change_along(k, -error) >= gain_allowed;
+      const bool rises = rises_along(k, error) && rises_along(k, -error);
       for (int i = 0; i < m() && !rises; ++i)
-        if (std::abs(vector(i, k)) > 0.3) note_separated(out_.curvature.free[static_cast<std::size_t>(i)]);
-      break;
+        if (share(i, k) > 0.3) note_separated(out_.curvature.free[static_cast<std::size_t>(i)]);
+      if (!out_.curvature.turned) break; // a turned direction has the others' curvature
     }
     // A parameter whose own error is larger than it is: one that runs away does so with its error ahead of it.
     const FitCoordinates& c = surface_.coordinates();
     for (int i = 0; i < m(); ++i) {
       const int j = out_.curvature.free[static_cast<std::size_t>(i)];
-      if (c.scale(j) <= c.own_size(j) || out_.curvature.at(i, i) < 0.5) continue;
-      if (change_of(j, 1.0) < gain_allowed || change_of(j, -1.0) < gain_allowed || beyond_curvature(i))
-        note_separated(j);
+      if (c.scale(j) <= c.own_size(j) || own(i) < 0.5) continue;
+      if (!rises_of(j, 1.0) || !rises_of(j, -1.0) || beyond_curvature(i)) note_separated(j);
     }
   }
 
@@ -162,7 +229,7 @@ private:
   {
     const int j = out_.curvature.free[static_cast<std::size_t>(i)];
     const double home = way_home(j);
-    const double promised = std::abs(out_.curvature.at(i, i)) * home * home + 2.0 * std::abs(g_[j] * home);
+    const double promised = std::abs(own(i)) * home * home + 2.0 * std::abs(g_[j] * home);
     return home != 0.0 && change_of(j, home) > 10.0 * promised && runs_away(j);
   }
 
@@ -177,7 +244,7 @@ private:
   double way_home(int j) const
   {
     const FitCoordinates& c = surface_.coordinates();
-    return -std::copysign(c.own_size(j), c.origin(j)) / c.scale(j);
+    return std::clamp(-std::copysign(c.own_size(j), c.origin(j)) / c.scale(j), c.lower(j), c.upper(j));
   }
 
   // The change at the longest of the steps a, a/2, a/4, ... that can be evaluated, or at half of that, where the edge
@@ -227,12 +294,8 @@ Judgement judge(FitSurface& surface, double f, const double* g)
 {
   Judgement out;
   std::vector<double> by_unit(g, g + surface.coordinates().size());
-  const FitCoordinates before = surface.coordinates();
-  if (!measure(surface, free_coordinates(before, g), f, g, out.curvature)) return out;
-  // The scales have changed, and the gradient with them.
-  for (int i = 0; i < before.size(); ++i)
-    by_unit[static_cast<std::size_t>(i)] *= surface.coordinates().scale(i) / before.scale(i);
-  Tests(surface, f, by_unit.data(), out).run();
+  if (measure(surface, free_coordinates(surface.coordinates(), g), f, by_unit, out.curvature))
+    Tests(surface, f, by_unit.data(), out).run();
   return out;
 }
 

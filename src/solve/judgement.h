@@ -1,7 +1,7 @@
 #pragma once
 // Is a point a minimum of the objective? The tests of a fit's end, in coordinates that know no units.
 
-#include "solve/fit_surface.h"
+#include "solve/curvature.h"
 
 #include <vector>
 
@@ -14,13 +14,16 @@ inline constexpr double gain_allowed = 1e-4;
 struct Judgement {
   bool measured = false; // there is a Hessian
   Curvature curvature;
-  std::vector<double> eigenvalues;  // of the Hessian at unit diagonal, descending
-  std::vector<double> eigenvectors; // m x m; column k belongs to eigenvalue k
-  double tolerance = 0.0;           // eigenvalues within it are 0
-  double gain = 0.0;                // g' H^-1 g off the null space, in -2 log L
-  bool indefinite = false;          // a negative eigenvalue
-  std::vector<int> null;            // eigenvalues that are 0
-  std::vector<int> separated;       // coordinates along which the objective does not rise within a standard error
+  std::vector<double> eigenvalues; // of the Hessian at unit diagonal, descending
+  std::vector<double> directions;  // m x m by the free coordinates; column k has eigenvalue k as its curvature
+  double tolerance = 0.0;          // eigenvalues within it are 0
+  double gain = 0.0;               // g' H^-1 g off the null space, in -2 log L
+  bool indefinite = false;         // a negative eigenvalue
+  // A curvature that may be no more than the slope along a bent ridge: the point is not near enough to its minimum to
+  // tell.
+  bool doubtful_curvature = false;
+  std::vector<int> null;      // eigenvalues that are 0
+  std::vector<int> separated; // coordinates along which the objective does not rise within a standard error
   std::vector<double> better; // t of a point that a test met and that is lower by more than gain_allowed; or empty
   double lower_by = 0.0;      // its gain in -2 log L
 
@@ -33,7 +36,8 @@ std::vector<int> free_coordinates(const FitCoordinates& c, const double* g);
 
 // judge: measures the curvature at t = 0, where the objective is f and its gradient g, and tests:
 //   no negative eigenvalue; g' H^-1 g small; null directions do not fall by finite steps; along the flattest other
-//   direction, and along parameters whose error exceeds them, one standard error either way raises the objective.
+//   direction (all, where the coordinates had to be turned), and along parameters whose error exceeds them, one
+//   standard error either way raises the objective.
 Judgement judge(FitSurface& surface, double f, const double* g);
 
 // judge_given: the same with a Hessian that is there already.

@@ -10,6 +10,7 @@
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
+#include "solve/fit_hessian.h"
 #include "solve/fit_verdict.h"
 #include "solve/starting_grid.h"
 
@@ -46,6 +47,7 @@ void start_problem(NX& n)
   n.parmlast.clear();
   n.verdict = model::Verdict();
   str.covstr = n.covstr.get();
+  n.covstr->ushes = n.fdh == 0 && fit_hessian_pays(n) ? fit_hessian : nullptr;
   n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;
@@ -222,12 +224,17 @@ int tvlsolv(NX& n)
   MINSTR& str = *n.str;
   start_problem(n);
   const std::vector<double> start(n.parm);
+  const int points = n.nqp;
   auto end = std::make_unique<FitEnd>(n);
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(message::optimization_begins);
   if (n.znlprc == 0) n.znlprc = end->run();
   for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n); ++refit)
     end = refit_with_points(n);
+  if (n.nqp != points) write_dimensions(n);
+  if (n.znlprc > 0 && !n.noopt && str.nvar > 0 && str.nitr < static_cast<double>(str.mini))
+    n.host->log().xpmlog(
+        message::miniter_not_reached{.iterations = static_cast<long>(str.nitr), .least = static_cast<long>(str.mini)});
   // What the optimizer says of a run that a user stopped is beside the point; the driver says that it was stopped.
   if (n.znlprc < 0 && n.host->interrupted()) n.optimizer_messages.clear();
   for (auto& message : n.optimizer_messages) n.host->log().post(std::move(message));

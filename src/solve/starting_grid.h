@@ -26,6 +26,9 @@ bool more_points(model::NX& n);
 // is a warning.
 void check_points(model::NX& n);
 
+// write_dimensions: table "Dimensions" as things stand.
+void write_dimensions(const model::NX& n);
+
 // StartingTables: "Dimensions", and the rows of "Parameters".
 class StartingTables {
 public:

@@ -5,8 +5,6 @@ namespace torvale::solve {
 
 using host::CellKind;
 
-namespace {
-
 void write_dimensions(const model::NX& n)
 {
   host::Table table("Dimensions", host::otbmsg(label::dimensions),
@@ -27,8 +25,6 @@ void write_dimensions(const model::NX& n)
   if (n.nreff() > 0 && (n.method == 0 || n.method == 3)) row(label::quadrature_points, static_cast<double>(n.nqp));
   n.host->tables().wobmth(std::move(table));
 }
-
-} // namespace
 
 void StartingTables::open()
 {

@@ -158,6 +158,10 @@ struct PutStatement : Statement {
 struct FileStatement : Statement {
   std::string_view target;   // LOG, PRINT, or a file name
   bool is_name = false;      // a quoted file name
+  std::int32_t line_size = 0; // LRECL=, LINESIZE=: characters of a line; 0: no limit
+  bool drop_over = false;     // DROPOVER: what is beyond them is left out, not put on further lines
+  bool pad = false;           // PAD: shorter lines are filled with blanks
+  bool append = false;        // MOD: behind what the file holds
 };
 
 // ARRAY name[bounds] [$ length] [elements] [(initial values)]; bounds low:high per dimension.

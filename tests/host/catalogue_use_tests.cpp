@@ -53,8 +53,8 @@ TEST(Catalogue, EveryTextIsRaised)
       // memory that is missing ends the step with one message; threads and matrices have no set-up of their own
       "worker_mode_search_without_details", "nested_mode_search_failed", "nested_mode_search_serial",
       "optimizer_setup_failed", "covsing_ignored", "no_memory_for_matrices", "optimizer_printing_failed",
-      "covariance_failed", "final_hessian_failed", "starting_hessian_failed", "no_memory_for_threads",
-      "worker_thread_failed", "no_memory_to_sort_subjects",
+      "covariance_failed", "final_hessian_failed", "starting_hessian_failed",
+      "worker_thread_failed",
       // the grammar refuses the value first
       "admtype_out_of_range"};
   std::string text;
@@ -79,6 +79,16 @@ TEST(Catalogue, EveryTextIsRaised)
     }
   }
   EXPECT_GT(rows, 200);
+}
+
+// Whoever meets a warning or an error reads what to do about it.
+TEST(Catalogue, EveryWarningAndErrorHasARemedy)
+{
+  for (const CatalogueEntry& e : catalogue()) {
+    if (e.severity == Severity::note) continue;
+    EXPECT_GE(e.advice.size(), 8u) << e.group << "/" << e.number << " " << e.name;
+    EXPECT_TRUE(e.advice.ends_with('.') || e.advice.ends_with(';')) << e.advice;
+  }
 }
 
 TEST(Catalogue, ArgumentsOutsideBracketsMustBeGiven)

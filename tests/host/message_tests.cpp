@@ -3,6 +3,7 @@
 #include "host/messages/names/optimization.h"
 #include "host/messages/names/starting_values.h"
 #include "host/messages/names/statements.h"
+#include "host/messages/source_excerpt.h"
 #include "host/values/missing.h"
 #include "support.h"
 #include <set>
@@ -44,12 +45,38 @@ TEST(Messages, ArgumentsFillTheTextAndOptionalStretchesFallAway)
   EXPECT_NE(xpmstr(message::likelihood_without_random_effect{.name = "{name}"}).find("{name}"), std::string::npos);
 }
 
-TEST(Messages, ThePlaceStandsBehindTheText)
+// Notes tell their place in the sentence; under warnings and errors stands the line itself, once.
+TEST(Messages, ThePlaceIsToldOnce)
 {
   CaughtMessages log;
-  log.xpmlog(message::no_random_effect, {.statement = "RANDOM", .line = 7, .column = 3});
-  EXPECT_EQ(log.text(13), "The RANDOM statement names no random effect (RANDOM statement, line 7, column 3).");
+  log.xpmlog(message::no_random_effect, {.statement = "RANDOM", .line = 7, .column = 3, .subject = "12"});
+  EXPECT_EQ(log.text(13), "The RANDOM statement names no random effect (subject 12).");
+  EXPECT_EQ(log.messages()[0].line, 7);
   EXPECT_TRUE(log.has_errors());
+  log.xpmlog(message::statements_read, {.statement = "PARMS", .line = 7, .column = 3});
+  EXPECT_EQ(log.text(400), "The statements have been read (PARMS statement, line 7, column 3).");
+
+  std::vector<std::string> lines;
+  MessageLog written([&](std::string_view line) { lines.emplace_back(line); });
+  written.set_program("a.tvl", "x = 1;\n\tRANDOM;\n");
+  written.xpmlog(message::no_random_effect, {.line = 2, .column = 2});
+  EXPECT_EQ(lines, (std::vector<std::string>{"ERROR: The RANDOM statement names no random effect. [503/13]",
+                                             "  --> a.tvl:2:2", "  2 |  RANDOM;", "    |  ^"}));
+}
+
+TEST(Messages, ExcerptsOfLongLinesShowThePlace)
+{
+  std::string line(300, 'a');
+  line.replace(200, 3, "xyz");
+  const auto cut = source_excerpt(12, line, 201, 3);
+  ASSERT_EQ(cut.size(), 2u);
+  EXPECT_LT(cut[0].size(), 130u);
+  EXPECT_EQ(cut[0].substr(cut[1].find('^'), 3), "xyz");
+  EXPECT_EQ(cut[1].substr(cut[1].find('^')), "^^^");
+  // Characters count, not bytes; carets end with the line; a place behind its end has one.
+  EXPECT_EQ(source_excerpt(3, "\xC3\xA4 = 1", 3, 99)[1], "    |   ^^^");
+  EXPECT_EQ(source_excerpt(3, "x", 4, 2)[1], "    |    ^");
+  EXPECT_EQ(source_excerpt(3, "x", 0, 0).size(), 1u);
 }
 
 TEST(Messages, LogLinesAreWrappedAndCarryTheCode)

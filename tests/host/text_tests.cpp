@@ -94,7 +94,7 @@ TEST(NumberText, ShownNumbersAreNearTheirValue)
   for (int i = 0; i < 20000; ++i) {
     const double x = std::bit_cast<double>(bits());
     if (!std::isfinite(x) || std::fabs(x) < 1e-290 || std::fabs(x) > 1e290) continue;
-    for (const char* format : {"BEST12", "D9.4"}) {
+    for (const char* format : {"BEST12", "D9.4", "D14.7.2"}) {
       const auto back = parse_number(format_number(x, parse_format(format)));
       ASSERT_TRUE(back);
       ASSERT_NEAR(*back / x, 1.0, 0.06) << format_number(x,

@@ -39,6 +39,13 @@ Term Term::call(const char* function, std::vector<Term> arguments)
   return t;
 }
 
+Term Term::choose(const Term& condition, const Term& yes, const Term& no)
+{
+  Term t(0.0);
+  t.node_ = std::make_shared<Node>(Node{syntax::ExprKind::conditional, syntax::Op::none, 0.0, {}, {condition, yes, no}});
+  return t;
+}
+
 Term Term::binary(syntax::Op op, const Term& a, const Term& b)
 {
   Term t(0.0);

@@ -17,6 +17,7 @@ public:
   Term(const char* name);
   static Term call(const char* function, std::vector<Term> arguments);
   static Term binary(syntax::Op op, const Term& a, const Term& b);
+  static Term choose(const Term& condition, const Term& yes, const Term& no);
   syntax::Expr* build(syntax::Arena& arena) const;
 
 private:

@@ -96,7 +96,7 @@ TEST(Statements, ThatCannotStandHereAreRefused)
   EXPECT_TRUE(parse_text("torvale; do i = 1 to 3 by 0; end; run;")->has(Problem::bad_sequence));
   for (const char* wrong : {"declare hash h;", "declare hash h(a: 'x', 3);", "struct s int a double b[3];"})
     EXPECT_TRUE(parse_text(std::string("torvale; ") + wrong + " run;")->has(Problem::not_available)) << wrong;
-  for (const char* idle : {"restrict a + 2*b = 3, a < b;", "file 'x' old ls=3;", "listfunc f;", "__pgsegment__;"}) {
+  for (const char* idle : {"restrict a + 2*b = 3, a < b;", "file 'x' old col=3;", "listfunc f;", "__pgsegment__;"}) {
     const auto parsed = parse_text(std::string("torvale; ") + idle + " run;");
     EXPECT_EQ(parsed->errors(), 0) << parsed->rendered;
     EXPECT_TRUE(parsed->has(Problem::without_effect)) << idle;

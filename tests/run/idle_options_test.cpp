@@ -32,6 +32,10 @@ TEST(IdleOptions, ANoteNamesThoseGiven)
   EXPECT_TRUE(run.said(503, 9436)) << run.log;
   EXPECT_NE(run.log.find("PNONE, trace switches"), std::string::npos) << run.log;
   EXPECT_FALSE(run_text(example("fixed_poisson", "QMAX=50")).said(503, 9436));
+  EXPECT_TRUE(run_text(example("sleepstudy", "METHOD=FIRO QPOINTS=5")).said(503, 9436));
+  EXPECT_TRUE(run_text(example("cbpp", "METHOD=HARDY QPOINTS=5")).said(503, 9436));
+  EXPECT_TRUE(run_text(example("mixture_logit", "QTOL=0.1")).said(503, 9436));
+  EXPECT_FALSE(run_text(example("cbpp", "QPOINTS=5")).said(503, 9436));
 }
 
 } // namespace

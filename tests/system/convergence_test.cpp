@@ -187,6 +187,87 @@ TEST(Convergence, NullSpaceIsNamed)
   EXPECT_EQ(all.table("LinearDependencies")->rows().size(), 1u);
 }
 
+// A covariate far from 0 beside an intercept, and columns that are nearly the same, are told apart as well as double
+// precision does: the fit is that of the centred covariate, the other columns keep their errors, and units change
+// nothing.
+TEST(Convergence, OffsetsAndNearCollinearity)
+{
+  const auto data = [](double offset, double unit) {
+    std::string csv = "x,w,y\n";
+    char line[120];
+    for (int i = 0; i < 40; ++i) {
+      const double x = (i * 7 % 11) - 5, near_one = 1 + 1e-3 * ((i * 5 % 13) - 6);
+      std::snprintf(line, sizeof line, "%.17g,%.17g,%d\n", offset + x, unit * near_one,
+                    static_cast<int>(std::exp(1 + 0.1 * x)) + i * 3 % 4);
+      csv += line;
+    }
+    return csv;
+  };
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG"})
+    for (const std::string model : {"PARMS b0=0 b1=0; MODEL y ~ POISSON(EXP(b0 + b1*x)); RUN;",
+                                    "PARMS b0=0 b1=0 s2=1; MODEL y ~ NORMAL(b0 + b1*x, s2); RUN;"}) {
+      const auto centred = fit_data(data(0, 1), technique + "; " + model);
+      for (const double offset : {1e4, 1e6, 1e9}) {
+        const auto far = fit_data(data(offset, 1), technique + "; " + model);
+        EXPECT_EQ(far.outcome.exit_code, 0) << offset << technique << model << far.log;
+        EXPECT_NEAR(minus2(far), minus2(centred), 1e-3) << offset << technique << far.log;
+        const double error = centred.number("ParameterEstimates", "b1", "StandardError");
+        EXPECT_NEAR(far.number("ParameterEstimates", "b1", "StandardError"), error, 1e-2 * error)
+            << offset << technique;
+      }
+    }
+  const std::string near = "PARMS b0=0 b1=0 b2=0; MODEL y ~ POISSON(EXP(b0 + b1*x + b2*w)); RUN;";
+  for (const double unit : {1e-6, 1.0, 1e6}) {
+    const auto run = fit_data(data(0, unit), "; " + near);
+    EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
+    EXPECT_GT(run.number("ParameterEstimates", "b2", "StandardError") * unit, 10) << unit;
+  }
+}
+
+// The slack of a strict bound is a bound as any other, however large it is beside the variance.
+TEST(Convergence, VarianceAtTheSlackOfItsBound)
+{
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < 48; ++i)
+    csv += std::to_string(i / 4) + "," + std::to_string(i * 5 % 7 - 3) + "," + (i % 4 < 2 ? "1" : "0") +
+           "\n"; // as many of each in all subjects
+  const std::string tail = "; BOUNDS v > 0; p = LOGISTIC(b0 + b1*x + u*";
+  for (const std::string unit : {"1", "1000"}) {
+    const auto run = fit_data(csv, "; PARMS b0=0 b1=0 v=1E-6" + tail + unit +
+                                       "); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, v) SUBJECT=id; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
+    EXPECT_NEAR(run.number("ParameterEstimates", "v", "Estimate"), 1e-8, 1e-12) << unit << run.log;
+  }
+}
+
+// A line through two points: the variance has no minimum, and what stops it is rounding.
+TEST(Convergence, ExactFitsAreNone)
+{
+  for (const std::string csv : {"x,y\n-0.868,1.774\n0.847,0.861\n", "x,y\n1.431,0.423\n0.401,-1.191\n"}) {
+    const auto run = fit_data(csv, "; PARMS b0=0 b1=0 s2=1; MODEL y ~ NORMAL(b0 + b1*x, s2); RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
+    EXPECT_TRUE(run.said(503, 9411)) << run.log;
+  }
+}
+
+// One record per subject: variance of effects and of residuals are known by their sum alone, and where on that ridge a
+// technique stops, or in which units, is no matter.
+TEST(Convergence, RidgesAreNoMinimaAndNoRunaways)
+{
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < 20; ++i)
+    csv += std::to_string(i) + "," + std::to_string(i * 7 % 11 - 5) + "," + std::to_string((i * i * 3 + i) % 13) + "\n";
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NMSIMP", "TECHNIQUE=DBLDOG"})
+    for (const std::string unit : {"0.001", "1", "1000"})
+      for (const std::string start : {"s2u=1 s2=1", "s2u=0.01 s2=9"}) {
+        const auto run =
+            fit_data(csv, technique + "; PARMS b0=0 b1=0 " + start + "; z = x*" + unit +
+                              "; MODEL y ~ NORMAL(b0 + b1*z + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+        EXPECT_EQ(run.outcome.exit_code, 6) << technique << unit << start << run.log;
+        EXPECT_FALSE(run.said(503, 9411)) << technique << unit << start << run.log;
+      }
+}
+
 // A criterion that the user gave is obeyed, and the gain that it leaves is told.
 TEST(Convergence, CriterionOfTheUser)
 {
@@ -207,6 +288,11 @@ TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
   const auto small = fit_data(csv, "; PARMS b0=0 s2u=0.001" + tail), large = fit_data(csv, "; PARMS b0=0 s2u=1" + tail);
   EXPECT_EQ(small.outcome.exit_code, 0) << small.log;
   EXPECT_TRUE(small.said(503, 9414)) << small.log;
+  std::vector<double> points; // those at the start, and those in the end
+  for (const auto& table : small.outcome.results.steps.at(0).groups.at(0).tables)
+    if (table.name == "Dimensions") points.push_back(*table.rows().back().at(1).number());
+  ASSERT_EQ(points.size(), 2u);
+  EXPECT_LT(points[0], points[1]);
   EXPECT_NEAR(minus2(small), minus2(large), 0.05) << small.log << large.log;
   EXPECT_NEAR(small.number("ParameterEstimates", "s2u", "Estimate"),
               large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);

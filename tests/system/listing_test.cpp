@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -37,9 +38,15 @@ std::string shape(const std::string& listing)
 }
 
 struct Listed {
-  const char* name;
+  std::string name;
   std::string program;
 };
+
+// A program with statements put before its RUN.
+std::string with(std::string program, const std::string& statements)
+{
+  return program.insert(program.rfind("RUN;"), statements);
+}
 
 std::vector<Listed> listed_programs()
 {
@@ -60,21 +67,87 @@ std::vector<Listed> listed_programs()
       {"grid", "TORVALE DATA=warpbreaks;\nPARMS b0=2 TO 4 b1=0 0.1 / BEST=2;\n" + poisson + "RUN;"},
       {"failed", "TORVALE DATA=warpbreaks MAXITER=1;\nPARMS b0=0 b1=5;\n" + poisson + "RUN;"},
       {"gradient_check", "TORVALE DATA=warpbreaks GRADCHECK;\n" + parms + poisson + "RUN;"},
+      // Rounds of numbers only: DF=, limits by ALPHA=, another form of the covariance.
+      {"limits", "TORVALE DATA=warpbreaks ALPHA=0.1 DF=9 COVARIANCE=J COV NTHREADS=2;\n" + parms + poisson + "RUN;"},
+      {"optimizer_prints", "TORVALE DATA=warpbreaks PALL;\n" + parms + poisson + "RUN;"},
+      {"program_lists", "TORVALE DATA=warpbreaks LIST LISTDEP XREF;\n" + parms + poisson + "RUN;"},
+      {"differences", "TORVALE DATA=warpbreaks FD HESS;\n" + parms + poisson + "RUN;"},
       {"random_effects", example("cbpp", "COV")},
+      {"empirical", with(example("cbpp", "EMPIRICAL COV CORR ECOV ECORR EDER"),
+                         "ESTIMATE 'odds' exp(b0);\nESTIMATE 'ratio' exp(p2);\n")},
+      {"shrinkage", example("cbpp", "OUTR=listing_shrinkage")},
+      {"levels", example("nested_linear", "REOBSINFO")},
+      {"counted_subjects", example("litters", "")},
+      {"classes", example("mixture_logit", "")},
+      {"importance_samples", example("cbpp", "METHOD=ISAMP SEED=1 QPOINTS=50")},
+      {"first_order", example("sleepstudy", "METHOD=FIRO LB")},
+      {"hardy", example("cbpp", "METHOD=HARDY")},
+      {"plain_rule", example("cbpp", "NOAD QPOINTS=9")},
+      {"posterior", with("TORVALE DATA=warpbreaks SEED=5;\n" + parms + poisson + "RUN;",
+                         "PRIOR LOGPDF('NORMAL', b1, 0, 1);\nMCMC SAMPLES=200 BURN=100 CHAINS=2 SAMPLER=NUTS;\n")},
   };
+}
+
+// Each technique has columns of its own in the history.
+std::vector<Listed> technique_programs()
+{
+  std::vector<Listed> out;
+  for (const std::string technique : {"NEWRAP", "NRRIDG", "DBLDOG", "QUANEW", "CONGRA", "NMSIMP"}) {
+    out.push_back({"technique_" + host::wzstrlo(technique),
+                   "TORVALE DATA=warpbreaks TECHNIQUE=" + technique + (technique == "QUANEW" ? " UPDATE=BFGS" : "") +
+                       " ITDETAILS START HESS;\nPARMS b0=3 b1=0;\nmu = exp(b0 + b1*(wool='B'));\n"
+                       "MODEL breaks ~ POISSON(mu);\nRUN;"});
+  }
+  return out;
 }
 
 TEST(Listings, StandAsTheyStood)
 {
   const bool write = std::getenv("TORVALE_WRITE_LISTINGS") != nullptr;
-  for (const Listed& l : listed_programs()) {
-    const std::string file = source_file("tests/data/listings/" + std::string(l.name) + ".txt");
-    const std::string found = shape(run_text(l.program).listing);
+  auto all = listed_programs();
+  for (Listed& l : technique_programs()) all.push_back(std::move(l));
+  for (const Listed& l : all) {
+    const std::string file = source_file("tests/data/listings/" + l.name + ".txt");
+    const tests::Run run = run_text(l.program);
+    for (const auto& set : run.outcome.results.steps.at(0).data_sets)
+      std::filesystem::remove(std::filesystem::temp_directory_path() / set.path);
+    const std::string found = shape(run.listing);
     if (write)
       std::ofstream(file) << found;
     else
       EXPECT_EQ(found, read_text(file)) << l.name;
   }
+}
+
+// Derivatives are formulas of the language: fractions, names of the program's variables, conditions; what they share
+// has a name.
+TEST(ProgramListings, DerivativesAsAPersonWritesThem)
+{
+  const auto run = run_text("TORVALE DATA=stackloss LISTDER LIST; PARMS b0=-40 b1=1 s2=10; BOUNDS s2 > 0;\n"
+                            "mu = b0 + b1*airflow;\n"
+                            "IF watertemp > 20 THEN weight = 2; ELSE weight = 1;\n"
+                            "MODEL loss ~ GENERAL(-weight*(loss - mu)**2/s2 - log(s2));\n"
+                            "ESTIMATE 'ratio' b0/b1**2; CONTRAST 'both' b0 - 1, exp(-b1*s2); RUN;");
+  ASSERT_EQ(run.outcome.exit_code, 0) << run.log;
+  const auto& listings = run.outcome.results.steps.at(0).listings;
+  const auto text = [&](const std::string& title) {
+    for (const auto& l : listings)
+      if (l.title == title) return l.text;
+    return "no listing " + title;
+  };
+  EXPECT_NE(text("Program Statements").find("mu = "), std::string::npos);
+  EXPECT_EQ(text("Derivatives of ESTIMATE 'ratio'"), "d(b0/(b1**2))/d(b0) = 1/b1**2\n"
+                                                     "d(b0/(b1**2))/d(b1) = -2*b0/b1**3\n");
+  EXPECT_EQ(text("Derivatives of CONTRAST 'both'"), "d(b0-1)/d(b0) = 1\n"
+                                                    "d(exp((-b1)*s2))/d(b1) = -s2*exp(-b1*s2)\n"
+                                                    "d(exp((-b1)*s2))/d(s2) = -b1*exp(-b1*s2)\n");
+  const std::string slopes = text("Derivatives of the Log Likelihood");
+  EXPECT_NE(slopes.find("mu"), std::string::npos) << slopes;
+  for (const char* const inner : {"select", "and_", "not_", "reciprocal", "is_missing", "select_or_zero"})
+    EXPECT_EQ(slopes.find(inner), std::string::npos) << slopes;
+  for (const auto& l : listings) EXPECT_NE(run.listing.find(l.title + "\n\n" + l.text), std::string::npos) << l.title;
+  EXPECT_NE(host::results_json(run.outcome.results).find("\"title\": \"Derivatives of ESTIMATE 'ratio'\""),
+            std::string::npos);
 }
 
 // The places of estimates: each row with three digits of its standard error, points below each other.

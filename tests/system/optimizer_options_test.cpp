@@ -80,4 +80,29 @@ TEST(OptimizerOptions, CallsNeverFallBack)
   }
 }
 
+// A limit is one cause and one warning; a fit that has nothing left to gain before MINITER= says so.
+TEST(OptimizerOptions, LimitsAreToldOnce)
+{
+  const auto limit = run_text(example("sleepstudy", "MAXITER=2"));
+  EXPECT_TRUE(limit.said(549, 605)) << limit.log;
+  EXPECT_FALSE(limit.said(549, 4)) << limit.log;
+  const auto least = run_text(example("fixed_poisson", "MINITER=40"));
+  EXPECT_EQ(least.outcome.exit_code, 0) << least.log;
+  EXPECT_TRUE(least.said(503, 9417)) << least.log;
+  EXPECT_FALSE(run_text(example("fixed_poisson", "MINITER=2")).said(503, 9417));
+}
+
+// Results that depend on the seed show it, and a seed of the clock is told; the others do not.
+TEST(OptimizerOptions, SeedsOfTheClockAreTold)
+{
+  const std::string data = "TORVALE DATA=quine", draw = "noise = UNIFORM(0); ",
+                    model = "PARMS b0=2; MODEL days ~ POISSON(EXP(b0)); RUN;";
+  const auto draws = run_text(data + "; " + draw + model), plain = run_text(data + "; " + model),
+             given = run_text(data + " SEED=5; " + draw + model);
+  EXPECT_TRUE(draws.said(503, 9303)) << draws.log;
+  EXPECT_TRUE(draws.outcome.results.steps.at(0).seed.has_value());
+  EXPECT_FALSE(plain.said(503, 9303) || given.said(503, 9303));
+  EXPECT_FALSE(plain.outcome.results.steps.at(0).seed.has_value());
+}
+
 } // namespace torvale::tests

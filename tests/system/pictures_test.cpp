@@ -15,10 +15,15 @@ namespace torvale::tests {
 
 namespace {
 
+struct Bar {
+  double left, right, low, high;
+};
+
 struct Panel {
   double x0, x1, left, right, y0, y1, bottom, top;
   std::vector<std::pair<double, double>> dots; // in the units of the axes
   std::vector<std::vector<std::pair<double, double>>> chains;
+  std::vector<Bar> bars;
 
   std::pair<double, double> data(double x, double y) const
   {
@@ -32,17 +37,24 @@ std::vector<Panel> panels(const std::string& svg)
   std::vector<Panel> out;
   const std::regex mark(
       "data-x=\"(\\S+) (\\S+) (\\S+) (\\S+)\" data-y=\"(\\S+) (\\S+) (\\S+) (\\S+)\"|<circle cx=\"([^\"]+)\" "
-      "cy=\"([^\"]+)\"|<path class=\"chain [a-z]+\" d=\"([^\"]+)\"");
+      "cy=\"([^\"]+)\"|<path class=\"chain [a-z]+\" d=\"([^\"]+)\"|"
+      "<rect class=\"bar\" x=\"([^\"]+)\" y=\"([^\"]+)\" width=\"([^\"]+)\" height=\"([^\"]+)\"");
   for (std::sregex_iterator at(svg.begin(), svg.end(), mark), end; at != end; ++at) {
     const auto number = [&](std::size_t k) { return std::stod((*at)[k]); };
     if ((*at)[1].matched) {
-      out.push_back({number(1), number(2), number(3), number(4), number(5), number(6), number(7), number(8), {}, {}});
+      out.push_back(
+          {number(1), number(2), number(3), number(4), number(5), number(6), number(7), number(8), {}, {}, {}});
     } else if (!out.empty() && (*at)[9].matched) {
       out.back().dots.push_back(out.back().data(number(9), number(10)));
+    } else if (!out.empty() && (*at)[12].matched) {
+      const auto low = out.back().data(number(12), number(13) + number(15)),
+                 high = out.back().data(number(12) + number(14), number(13));
+      out.back().bars.push_back({low.first, high.first, low.second, high.second});
     } else if (!out.empty()) {
       auto& line = out.back().chains.emplace_back();
       std::string points = (*at)[11];
-      std::replace_if(points.begin(), points.end(), [](char c) { return c == 'M' || c == 'L'; }, ' ');
+      std::replace_if(
+          points.begin(), points.end(), [](char c) { return c == 'M' || c == 'L'; }, ' ');
       std::istringstream numbers(points);
       for (double x = 0, y = 0; numbers >> x >> y;) line.push_back(out.back().data(x, y));
     }
@@ -163,7 +175,8 @@ TEST(Pictures, NestedPredictionsUseTheEffectsOfAllLevels)
   ASSERT_EQ(predictions.size(), 2u);
   ASSERT_EQ(predictions[1].dots.size(), n);
   for (std::size_t i = 0; i < n; ++i) {
-    EXPECT_NEAR(predictions[0].dots[i].first, b("b0") + b("b1") * week[i], 2e-3 * (predictions[0].x1 - predictions[0].x0));
+    EXPECT_NEAR(predictions[0].dots[i].first, b("b0") + b("b1") * week[i],
+                2e-3 * (predictions[0].x1 - predictions[0].x0));
     EXPECT_NEAR(predictions[1].dots[i].first, individual[i], 2e-3 * (predictions[1].x1 - predictions[1].x0)) << i;
   }
   EXPECT_NE(picture(run, "effects-clinic"), nullptr);
@@ -173,9 +186,10 @@ TEST(Pictures, NestedPredictionsUseTheEffectsOfAllLevels)
 // Paths of chains are the draws of OUT=; densities have the area 1 and stand about the posterior mean.
 TEST(Pictures, ChainsAreTheDraws)
 {
-  const tests::Run run = run_text("TORVALE DATA=posterior_normal SEED=3; PARMS m=10 s2=8; BOUNDS s2 > 0; MODEL y ~ NORMAL(m, s2);"
-                                  "MCMC SAMPLER=NUTS SAMPLES=300 BURN=300 CHAINS=2 OUT=picture_draws; RUN;",
-                                  "tests/data/programs", 0, {}, true);
+  const tests::Run run =
+      run_text("TORVALE DATA=posterior_normal SEED=3; PARMS m=10 s2=8; BOUNDS s2 > 0; MODEL y ~ NORMAL(m, s2);"
+               "MCMC SAMPLER=NUTS SAMPLES=300 BURN=300 CHAINS=2 OUT=picture_draws; RUN;",
+               "tests/data/programs", 0, {}, true);
   const std::string written =
       (std::filesystem::temp_directory_path() / run.outcome.results.steps[0].data_sets.at(0).path).string();
   const auto draws = csv_column(written, "m");
@@ -204,6 +218,69 @@ TEST(Pictures, ChainsAreTheDraws)
   ASSERT_EQ(lags.size(), 3u);
   EXPECT_NEAR(lags[0].dots.at(0).first, 0, 1e-9);
   EXPECT_NEAR(lags[0].dots.at(0).second, 1, 0.01);
+}
+
+// Bars hang from the root of the expected number of records down by the root of the observed one, for all counts in the
+// bin; the last holds all that are larger.
+TEST(Pictures, BarsOfCountsAreTheFrequencies)
+{
+  const tests::Run run = run_text("TORVALE DATA=warpbreaks;\nPARMS b0=3 b1=0;\nmu = exp(b0 + b1*(wool='B'));\n"
+                                  "MODEL breaks ~ POISSON(mu);\nRUN;",
+                                  "examples", 0, {}, true);
+  const auto breaks = csv_column(source_file("examples/warpbreaks.csv"), "breaks");
+  const double mean_a = std::exp(run.number("ParameterEstimates", "b0", "Estimate")),
+               mean_b = mean_a * std::exp(run.number("ParameterEstimates", "b1", "Estimate"));
+  ASSERT_NE(picture(run, "frequencies"), nullptr);
+  const auto found = panels(picture(run, "frequencies")->svg);
+  ASSERT_EQ(found.size(), 1u);
+  const auto& bars = found[0].bars;
+  ASSERT_GE(bars.size(), 6u);
+  const double digits = 3e-3 * (found[0].y1 - found[0].y0);
+  for (std::size_t k = 0; k < bars.size(); ++k) {
+    const double from = std::ceil(bars[k].left - 0.1), to = std::floor(bars[k].right + 0.1);
+    double observed = 0, expected = 0;
+    for (const double y : breaks) observed += y >= from && y <= to;
+    for (const double mean : {mean_a, mean_b}) // 27 records each
+      for (double y = from; y <= to; ++y) expected += 27 * std::exp(y * std::log(mean) - mean - std::lgamma(y + 1));
+    EXPECT_NEAR(bars[k].high - bars[k].low, std::sqrt(observed), 2 * digits) << from;
+    EXPECT_NEAR(bars[k].high, std::sqrt(expected), digits) << from;
+  }
+  double total = 0, expected = 0;
+  for (const Bar& bar : bars) total += std::pow(bar.high - bar.low, 2);
+  for (const auto& dot : found[0].dots) expected += dot.second * dot.second; // a dot a bin, empty ones too
+  EXPECT_NEAR(total, 54, 0.5);
+  EXPECT_NEAR(expected, 54, 0.5);
+}
+
+// Bins of equal size along the prediction: their mean prediction and their share of ones.
+TEST(Pictures, CalibrationBinsAreMeans)
+{
+  const tests::Run run = run_text("TORVALE DATA=mixture_logit;\nPARMS a=0 b=0;\np = 1/(1 + exp(-a - b*x));\n"
+                                  "MODEL y ~ BINARY(p);\nRUN;",
+                                  "examples", 0, {}, true);
+  const std::string file = source_file("examples/mixture_logit.csv");
+  const auto x = csv_column(file, "x"), y = csv_column(file, "y");
+  const double a = run.number("ParameterEstimates", "a", "Estimate"),
+               b = run.number("ParameterEstimates", "b", "Estimate");
+  std::vector<std::pair<double, std::size_t>> order;
+  for (std::size_t i = 0; i < x.size(); ++i) order.emplace_back(1 / (1 + std::exp(-a - b * x[i])), i);
+  std::sort(order.begin(), order.end());
+  ASSERT_NE(picture(run, "calibration"), nullptr);
+  EXPECT_EQ(picture(run, "predictions"), nullptr); // dots of zeros and ones say nothing
+  const auto found = panels(picture(run, "calibration")->svg);
+  ASSERT_EQ(found.size(), 1u);
+  const std::size_t bins = found[0].dots.size();
+  ASSERT_GE(bins, 5u);
+  for (std::size_t k = 0; k < bins; ++k) {
+    const std::size_t from = order.size() * k / bins, to = order.size() * (k + 1) / bins;
+    double predicted = 0, ones = 0;
+    for (std::size_t i = from; i < to; ++i) {
+      predicted += order[i].first / static_cast<double>(to - from);
+      ones += y[order[i].second] / static_cast<double>(to - from);
+    }
+    EXPECT_NEAR(found[0].dots[k].first, predicted, 1e-3) << k;
+    EXPECT_NEAR(found[0].dots[k].second, ones, 2e-3) << k;
+  }
 }
 
 // The texts of a picture as boxes, with the width that the room estimates.

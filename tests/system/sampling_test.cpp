@@ -124,4 +124,14 @@ TEST(Sampling, StartsAndBounds)
   EXPECT_TRUE(run_text(mixed_head + "SAMPLES=30; RUN;").said(503, 9581)); // too few draws to trust
 }
 
+// Nothing to sample: the data set of the draws has its columns and no rows, and what was said is all there is to say.
+TEST(Sampling, NoGroupToSample)
+{
+  const TemporaryFile data("none.csv", "y\n.\n.\n");
+  const auto run =
+      run_text("TORVALE DATA='" + data.path() + "' SEED=1; PARMS m=0; MODEL y ~ NORMAL(m, 1); MCMC OUT=draws; RUN;");
+  EXPECT_EQ(run.outcome.exit_code, 4) << run.log;
+  EXPECT_FALSE(run.said(503, 9029)) << run.log;
+}
+
 } // namespace torvale::tests

@@ -3,7 +3,10 @@
 
 #include "engine/execution/frame_state.h"
 
+#include "engine/stages/shared_forms.h"
+
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 
@@ -203,7 +206,24 @@ int Frame::State::prepare_range(FrameProgram& f)
     results.at = i;
     if (f.runner(Stage::observation).run(lanes, sources, *data, {}, results) != 0) return run_code::endless_loop;
   }
+  if (shift != nullptr) shift_predictor(f);
   return 0;
+}
+
+void Frame::State::shift_predictor(FrameProgram& f)
+{
+  const auto& results = f.program.code(Stage::observation).results;
+  for (std::size_t k = 0; k < results.size(); ++k) {
+    NodeId of = no_node;
+    bool negative = false;
+    const bool factor = is_exp_factor(gcmp.graph, results[k], of, negative);
+    if ((factor ? of : results[k]) != shifted) continue;
+    double* const value = f.observation.data() + static_cast<std::int64_t>(k) * f.range_stride;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const double by = shift[records != nullptr ? records[i] : first + i];
+      value[i] = factor ? value[i] * std::exp(negative ? -by : by) : value[i] + by;
+    }
+  }
 }
 
 int Frame::State::prepare_points(FrameProgram& f)
@@ -307,6 +327,14 @@ void Frame::set_records(const std::int32_t* rows, std::int64_t count)
   state_->records_in_order = !state_->records_in_place && state_->data != nullptr && state_->data->in_order(rows, count);
   state_->first = 0;
   state_->count = count;
+  ++state_->range_version;
+  ++state_->version;
+}
+
+void Frame::shift_records(const CMPSYM* predictor, const double* by_row)
+{
+  state_->shift = by_row;
+  state_->shifted = by_row == nullptr ? no_node : state_->gcmp.value[static_cast<std::size_t>(predictor->index)];
   ++state_->range_version;
   ++state_->version;
 }

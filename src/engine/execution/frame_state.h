@@ -48,6 +48,7 @@ struct Frame::State {
   int prepare(FrameProgram& f);     // columns, parameter stage, fixed registers
   int prepare_range(FrameProgram& f);
   int prepare_points(FrameProgram& f);
+  void shift_predictor(FrameProgram& f);
   Sources common_sources(const FrameProgram& f) const;
   void gather(FrameProgram& f); // the columns of the program at the records of the range
 
@@ -61,6 +62,8 @@ struct Frame::State {
   const std::int32_t* records = nullptr; // borrowed; rows of the records 0..count-1, null: records are rows
   bool records_in_place = false;         // they are rows that follow each other: nothing need be brought together
   bool records_in_order = false;         // they are a part of the data's order: it has been
+  NodeId shifted = no_node;              // predictor that is shifted
+  const double* shift = nullptr;         // by row; borrowed
   struct Gathered {                      // one column at these records
     const double* from = nullptr;
     LaneArray values;

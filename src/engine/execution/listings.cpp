@@ -1,7 +1,9 @@
 // Listings for people: statements, code of the programs, dependencies, derivatives, cross-reference.
 
+#include "engine/execution/formula_text.h"
 #include "engine/execution/statement_text.h"
 #include "engine/stages/program.h"
+#include "host/values/text.h"
 
 #include <algorithm>
 
@@ -9,109 +11,13 @@ namespace torvale::engine {
 
 namespace {
 
-constexpr std::size_t longest_expression = 2000; // characters of a formula that are still worth reading
+constexpr std::size_t line_width = 100; // of derivatives
 
 std::string padded(std::string s, std::size_t width)
 {
   if (s.size() < width) s.append(width - s.size(), ' ');
   return s;
 }
-
-// A node as a formula; cut when it grows beyond what a person reads.
-class Formula {
-public:
-  explicit Formula(const CMPGLOBAL& gcmp) : gcmp_(gcmp) {}
-
-  std::string operator()(NodeId id)
-  {
-    out_.clear();
-    write(id, 0);
-    return out_.size() > longest_expression ? out_.substr(0, longest_expression) + " ..." : out_;
-  }
-
-private:
-  // Strength of the operator around: 0 none, 1 sum, 2 product, 3 power or sign.
-  void write(NodeId id, int around)
-  {
-    if (out_.size() > longest_expression) return;
-    const Node& n = gcmp_.graph.node(id);
-    switch (n.kind) {
-    case NodeKind::constant:
-      out_ += text_from_number(n.value, {});
-      return;
-    case NodeKind::symbol:
-      out_ += gcmp_.at(n.index).name;
-      return;
-    case NodeKind::row:
-      out_ += "record";
-      return;
-    case NodeKind::carry:
-      out_ += std::string("kept") + std::to_string(n.index);
-      return;
-    case NodeKind::result:
-      out_ += std::string("loop") + std::to_string(n.index);
-      return;
-    case NodeKind::text:
-      out_ += std::string("text") + std::to_string(n.index);
-      return;
-    case NodeKind::kernel:
-      break;
-    }
-    const auto infix = [&](const char* op, int strength) {
-      const bool brackets = around > strength;
-      if (brackets) out_ += "(";
-      write(n.operand[0], strength);
-      out_ += op;
-      write(n.operand[1], strength + 1);
-      if (brackets) out_ += ")";
-    };
-    switch (n.kernel) {
-    case Kernel::add:
-      return infix(" + ", 1);
-    case Kernel::subtract:
-      return infix(" - ", 1);
-    case Kernel::multiply:
-      return infix("*", 2);
-    case Kernel::divide:
-    case Kernel::divide_unchecked:
-      return infix("/", 2);
-    case Kernel::power:
-      return infix("**", 3);
-    case Kernel::less:
-    case Kernel::less_known:
-      return infix(" < ", 0);
-    case Kernel::less_equal:
-    case Kernel::less_equal_known:
-      return infix(" <= ", 0);
-    case Kernel::equal:
-    case Kernel::equal_known:
-      return infix(" = ", 0);
-    case Kernel::not_equal:
-    case Kernel::not_equal_known:
-      return infix(" ^= ", 0);
-    case Kernel::negate:
-      out_ += "-";
-      return write(n.operand[0], 3);
-    case Kernel::square:
-    case Kernel::cube:
-      write(n.operand[0], 4);
-      out_ += n.kernel == Kernel::square ? "**2" : "**3";
-      return;
-    default:
-      break;
-    }
-    out_ += kernel_info(n.kernel).name;
-    out_ += "(";
-    for (int k = 0; k < n.operands; ++k) {
-      if (k > 0) out_ += ", ";
-      write(n.operand[static_cast<std::size_t>(k)], 0);
-    }
-    out_ += ")";
-  }
-
-  const CMPGLOBAL& gcmp_;
-  std::string out_;
-};
 
 std::string what(const CMPSYM& s)
 {
@@ -148,6 +54,20 @@ std::string input_text(const CMPGLOBAL& gcmp, const Program& program, const Inpu
     return "missing";
   }
   return "";
+}
+
+// d(_ll)/d(b); of a derivative, whose name is that of its object and what it is by: d2(_ll)/d(b)d(c).
+std::string derivative_name(const CMPSYM& object, const CMPSYM& variable)
+{
+  std::string name = object.name, by;
+  int order = 1;
+  if (object.kind == 'd')
+    for (std::size_t at = 0; (at = name.find('/', at)) != std::string::npos; ++order) {
+      const std::size_t end = std::min(name.find('/', at + 1), name.size());
+      by += "d(" + name.substr(at + 1, end - at - 1) + ")";
+      name.erase(at, end - at);
+    }
+  return "d" + (order > 1 ? std::to_string(order) : "") + "(" + name + ")/" + by + "d(" + variable.name + ")";
 }
 
 void append_stage(std::string& out, const CMPGLOBAL& gcmp, const Program& program, Stage stage)
@@ -237,14 +157,16 @@ std::string cmppdep(const CMPGLOBAL& gcmp)
 
 std::string cmppder(const CMPGLOBAL& gcmp, const CMPDER& der)
 {
-  std::string out;
-  Formula formula(gcmp);
-  for (int k = 0; k < der.der.n(); ++k) {
-    const auto at = static_cast<std::size_t>(k);
-    const CMPSYM& object = *der.obj.s[static_cast<std::size_t>(der.objindex[at])];
-    const CMPSYM& variable = *der.wrt.s[static_cast<std::size_t>(der.wrtindex[at])];
-    out += std::string("d(") + object.name + ")/d(" + variable.name +
-           ") = " + formula(gcmp.value[static_cast<std::size_t>(der.der.s[at]->index)]) + "\n";
+  std::vector<NodeId> roots;
+  for (const CMPSYM* const s : der.der.s) roots.push_back(gcmp.value[static_cast<std::size_t>(s->index)]);
+  FormulaText formula(gcmp);
+  std::string out = formula.share(roots);
+  for (std::size_t k = 0; k < roots.size(); ++k) {
+    const CMPSYM& object = *der.obj.s[static_cast<std::size_t>(der.objindex[k])];
+    const CMPSYM& variable = *der.wrt.s[static_cast<std::size_t>(der.wrtindex[k])];
+    for (const std::string& line :
+         host::wrapped(derivative_name(object, variable) + " = " + formula(roots[k]), line_width, 6))
+      out += line + "\n";
   }
   return out;
 }

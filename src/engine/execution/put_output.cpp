@@ -3,6 +3,7 @@
 
 #include "engine/execution/checked_run.h"
 #include "engine/execution/frame_state.h"
+#include "host/values/text.h"
 
 #include <algorithm>
 
@@ -94,6 +95,7 @@ private:
       end(); // a held line stays where it was begun
       const auto& file = *static_cast<const syntax::FileStatement*>(e.owner);
       target_ = std::string(file.target);
+      file_ = &file;
       is_file_ = file.is_name || !(syntax::same_name(file.target, "LOG") || syntax::same_name(file.target, "PRINT"));
       return;
     }
@@ -133,8 +135,35 @@ private:
 
   void finish()
   {
-    lines_.push_back({target_, is_file_, line_.text});
+    const std::size_t size = file_ != nullptr && file_->line_size > 0 ? static_cast<std::size_t>(file_->line_size) : 0;
+    std::string text = std::move(line_.text);
     line_ = {};
+    while (size > 0 && host::display_width(text) > size) {
+      std::string rest = text;
+      const std::string begin = first_characters(rest, size);
+      if (file_->drop_over) rest.clear();
+      if (rest.empty()) {
+        text = begin;
+        break;
+      }
+      emit(begin);
+      text = rest;
+    }
+    if (size > 0 && file_->pad) text = host::padded_right(text, size);
+    emit(text);
+  }
+
+  void emit(const std::string& text) { lines_.push_back({target_, is_file_, file_ != nullptr && file_->append, text}); }
+
+  // Takes that many characters off the front.
+  static std::string first_characters(std::string& text, std::size_t count)
+  {
+    std::size_t at = 0;
+    for (; at < text.size() && (count > 0 || (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80); ++at)
+      count -= (static_cast<unsigned char>(text[at]) & 0xC0) != 0x80;
+    std::string first = text.substr(0, at);
+    text.erase(0, at);
+    return first;
   }
 
   const std::vector<const Effect*>& effects_;
@@ -143,6 +172,7 @@ private:
   std::vector<PutLine>& lines_;
   std::string target_ = "LOG";
   bool is_file_ = false;
+  const syntax::FileStatement* file_ = nullptr;
   Line line_;
   bool held_ = false;
 };

@@ -201,7 +201,7 @@ constexpr LanguageFunction rows[] = {
     {"LGAMMA", "", numeric, 1, 1, kernel<Kernel::lgamma>, none, "x",
      "logarithm of the absolute value of the gamma function"},
     {"LGAMMARATIO", "", numeric, 2, 2, kernel<Kernel::lgamma_ratio>, none, "a, b",
-     "LGAMMA(a + b) - LGAMMA(a) for a, a + b above 0, without cancellation"},
+     "LGAMMA(a + b) - LGAMMA(a), for a, a + b above 0 without cancellation"},
     {"DIGAMMA", "", numeric, 1, 1, kernel<Kernel::digamma>, none, "x", "derivative of LGAMMA"},
     {"TRIGAMMA", "", numeric, 1, 1, kernel<Kernel::trigamma>, none, "x", "derivative of DIGAMMA"},
     {"BETA", "", numeric, 2, 2, beta_rule, none, "a, b", "beta function"},

@@ -46,6 +46,11 @@ struct Node {
   std::int32_t where = 0; // GraphBuilder::origin_at: the statement it first stood in
 };
 
+inline bool is_kernel(const Node& n, Kernel k)
+{
+  return n.kind == NodeKind::kernel && n.kernel == k;
+}
+
 // Carry: a value handed from one pass to the next. Loop 0 is the sequence of records of a subject; the others are
 // loops of the program. All carries of a loop step together, so adding one (a derivative, say) changes no other.
 struct Carry {
@@ -74,9 +79,12 @@ struct Loop {
 // True for kernels whose value is always 1 or 0: comparisons, logic, tests for missing values.
 bool answers_truth(Kernel k);
 
-// GraphBuilder: makes nodes, simplifying as it goes. Only exact simplifications: a rewritten node has the same value,
-// missing values included. In derivative mode (`Derivative` below) a factor that is the constant 0 makes a product 0:
-// derivatives of what does not vary are 0 even where the other factor is missing.
+// GraphBuilder: makes nodes, simplifying as it goes. A rewritten node has the same value, missing values included, with
+// two exceptions: sums are regrouped by what their terms vary with (sums.cpp), and exponentials, logarithms and
+// logistic functions of each other give way to simpler forms (algebra.cpp). There the last digits may differ, and a
+// value may be found where the program as written would have met an overflow or the logarithm of 0. In derivative mode
+// (`Derivative` below) a factor that is the constant 0 makes a product 0: derivatives of what does not vary are 0 even
+// where the other factor is missing.
 class GraphBuilder {
 public:
   GraphBuilder();
@@ -91,6 +99,11 @@ public:
   bool is_truth(NodeId id) const { return truth_[static_cast<std::size_t>(id)]; } // known to be 1 or 0
   bool never_missing(NodeId id) const;             // known not to be missing, whatever the data
   void declare_present(std::int32_t symbol_index); // an input that is never missing: a parameter or random effect
+
+  // What inputs vary with, declared before the statements are translated: sums are grouped by it.
+  enum : std::uint8_t { by_record = 1, by_point = 2 };
+  void declare_variation(std::int32_t symbol_index, std::uint8_t with);
+  std::uint8_t variation(NodeId id);
 
   // Special missing values come from constants and from the variables declared so. A graph that has met one compares by
   // kind from then on: what was built before must be built again.
@@ -183,6 +196,17 @@ private:
   NodeId intern_kernel(Kernel k, std::span<const NodeId> operands);
   NodeId simplified(Kernel k, std::span<const NodeId> operands); // no_node: nothing to simplify
   NodeId whole_power(NodeId a, int n);
+  NodeId plain_sum(NodeId a, NodeId b, bool minus);     // two operands, as they are
+  NodeId regrouped_sum(NodeId a, NodeId b, bool minus); // no_node: nothing to regroup
+  struct Summands;
+  Summands summands(NodeId a, bool negative, int depth);
+  NodeId logarithm(Kernel k, NodeId a); // of log and log_or_minus_infinity; no_node: no simpler form
+  NodeId known_logarithm(NodeId a);     // of a product of exponentials and their kin; no_node: it takes a logarithm
+  NodeId log_one_plus(NodeId a);        // log(1 + a), likewise
+  NodeId logistic_quotient(NodeId a, NodeId b); // a / b as a logistic function
+  NodeId one_plus_exp(NodeId a);                // x where a is 1 + exp(x)
+  NodeId complement(NodeId a);                  // 1 - a where that has a form of its own
+  NodeId gamma_ratio(NodeId a, NodeId b);       // lgamma(x + y) - lgamma(x)
   NodeId compare_kinds(Kernel comparison, NodeId a, NodeId b);
   NodeId compare_as_one(Kernel comparison, NodeId a, NodeId b);
   bool found_truth(const Node& n) const;
@@ -194,7 +218,9 @@ private:
   std::unordered_map<Node, NodeId, Hash, Same> known_; // never iterated: its order has no influence
   std::vector<bool> present_symbols_;
   std::vector<bool> special_symbols_;
-  std::vector<bool> truth_;          // per node
+  std::vector<std::uint8_t> symbol_variation_;
+  std::vector<std::uint8_t> variation_; // per node, as far as they have been asked for
+  std::vector<bool> truth_;             // per node
   std::vector<bool> passes_special_; // per node: what it holds may come unchanged from an input, a constant or a carry
   bool special_missing_ = false;
   std::vector<Origin> origins_;

@@ -1,4 +1,4 @@
-// Simplification of new nodes. Every rule keeps the value, missing values included; the sign of a zero may change.
+// Simplification of new nodes. Every rule here keeps the value, missing values included; the sign of a zero may change.
 // In derivative mode a constant factor 0 annihilates: what does not vary has derivative 0, whatever stands beside it.
 
 #include "engine/graph/graph.h"
@@ -15,11 +15,6 @@ bool is_power_of_two(double v)
 {
   int exponent = 0;
   return std::isfinite(v) && v != 0.0 && std::fabs(std::frexp(v, &exponent)) == 0.5;
-}
-
-bool is_kernel(const Node& n, Kernel k)
-{
-  return n.kind == NodeKind::kernel && n.kernel == k;
 }
 
 } // namespace
@@ -72,6 +67,11 @@ NodeId GraphBuilder::simplified(Kernel k, std::span<const NodeId> x)
     return not_(is_missing(x[0]));
   case Kernel::coalesce:
     return select(is_missing(x[0]), x[1], x[0]);
+  case Kernel::log:
+  case Kernel::log_or_minus_infinity:
+    return logarithm(k, x[0]);
+  case Kernel::log1p:
+    return log_one_plus(x[0]);
   case Kernel::missing_rank:
     return never_missing(x[0]) ? zero() : no_node;
   case Kernel::ordinary_missing:
@@ -85,25 +85,39 @@ NodeId GraphBuilder::add(NodeId a, NodeId b)
 {
   a = ordinary(a);
   b = ordinary(b);
-  if (is_constant(a, 0.0)) return b;
-  if (is_constant(b, 0.0)) return a;
-  if (is_kernel(node(b), Kernel::negate)) return subtract(a, operand(b, 0));
-  if (is_kernel(node(a), Kernel::negate)) return subtract(b, operand(a, 0));
-  if (a > b) std::swap(a, b);
-  const NodeId x[] = {a, b};
-  return intern_kernel(Kernel::add, x);
+  const NodeId sum = regrouped_sum(a, b, false);
+  return sum != no_node ? sum : plain_sum(a, b, false);
 }
 
 NodeId GraphBuilder::subtract(NodeId a, NodeId b)
 {
   a = ordinary(a);
   b = ordinary(b);
+  const NodeId sum = regrouped_sum(a, b, true);
+  return sum != no_node ? sum : plain_sum(a, b, true);
+}
+
+NodeId GraphBuilder::plain_sum(NodeId a, NodeId b, bool minus)
+{
+  if (minus) {
+    if (is_constant(b, 0.0)) return a;
+    if (is_constant(a, 0.0)) return negate(b);
+    if (a == b && derivative_mode_) return zero();
+    if (is_kernel(node(b), Kernel::negate)) return plain_sum(a, operand(b, 0), false);
+    if (is_constant(a, 1.0)) {
+      if (const NodeId rest = complement(b); rest != no_node) return rest;
+    }
+    if (const NodeId ratio = gamma_ratio(a, b); ratio != no_node) return ratio;
+    const NodeId x[] = {a, b};
+    return intern_kernel(Kernel::subtract, x);
+  }
+  if (is_constant(a, 0.0)) return b;
   if (is_constant(b, 0.0)) return a;
-  if (is_constant(a, 0.0)) return negate(b);
-  if (a == b && derivative_mode_) return zero();
-  if (is_kernel(node(b), Kernel::negate)) return add(a, operand(b, 0));
+  if (is_kernel(node(b), Kernel::negate)) return plain_sum(a, operand(b, 0), true);
+  if (is_kernel(node(a), Kernel::negate)) return plain_sum(b, operand(a, 0), true);
+  if (a > b) std::swap(a, b);
   const NodeId x[] = {a, b};
-  return intern_kernel(Kernel::subtract, x);
+  return intern_kernel(Kernel::add, x);
 }
 
 NodeId GraphBuilder::negate(NodeId a)
@@ -111,7 +125,7 @@ NodeId GraphBuilder::negate(NodeId a)
   a = ordinary(a);
   if (is_constant(a)) return std::isnan(value(a)) ? missing() : constant(-value(a));
   if (is_kernel(node(a), Kernel::negate)) return operand(a, 0);
-  if (is_kernel(node(a), Kernel::subtract)) return subtract(operand(a, 1), operand(a, 0));
+  if (is_kernel(node(a), Kernel::subtract)) return plain_sum(operand(a, 1), operand(a, 0), true);
   const NodeId x[] = {a};
   return intern_kernel(Kernel::negate, x);
 }
@@ -155,6 +169,7 @@ NodeId GraphBuilder::divide(NodeId a, NodeId b)
     return intern_kernel(Kernel::divide_unchecked, x);
   }
   if (is_constant(a, 0.0) && derivative_mode_) return a;
+  if (const NodeId quotient = logistic_quotient(a, b); quotient != no_node) return quotient;
   if (is_constant(a, 1.0)) return reciprocal(b);
   // Derivatives need 1 / b again and again: one division, many products. (A value is divided as it is written.)
   if (derivative_mode_) return multiply(a, reciprocal(b));
@@ -172,6 +187,7 @@ NodeId GraphBuilder::reciprocal(NodeId a)
   a = ordinary(a);
   if (is_kernel(node(a), Kernel::negate)) return negate(reciprocal(operand(a, 0)));
   if (derivative_mode_ && is_kernel(node(a), Kernel::reciprocal)) return operand(a, 0);
+  if (const NodeId quotient = logistic_quotient(one(), a); quotient != no_node) return quotient;
   const NodeId x[] = {a};
   return intern_kernel(Kernel::reciprocal, x);
 }

@@ -1,6 +1,7 @@
 // What the text expressions of a program are worth, and the conversions between texts and numbers.
 #include "engine/graph/text_values.h"
 
+#include "host/values/calendar.h"
 #include "host/values/formats.h"
 #include "host/values/missing.h"
 
@@ -185,9 +186,8 @@ double number_from_text(std::string_view text)
   if (!text.empty() && text.front() == '+') text.remove_prefix(1);
   double v = 0.0;
   const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), v);
-  if (fault != std::errc() || end != text.data() + text.size() || text.empty() || !std::isfinite(v))
-    return std::numeric_limits<double>::quiet_NaN();
-  return v;
+  if (fault == std::errc() && end == text.data() + text.size() && !text.empty() && std::isfinite(v)) return v;
+  return host::parse_iso(text, host::iso_moment(text)).value_or(std::numeric_limits<double>::quiet_NaN());
 }
 
 std::string text_from_number(double value, std::string_view format)

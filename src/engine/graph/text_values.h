@@ -146,6 +146,7 @@ private:
 };
 
 // The number that a text spells, blanks around it allowed; the missing value for a lone dot and for anything else.
+// Dates and times in ISO form too; a NaN for what spells nothing.
 double number_from_text(std::string_view text);
 // A number in a format, or without one in the shortest form that reads back to the same value; a missing value is its
 // letter: a dot, _, A to Z.

@@ -87,6 +87,8 @@ enum class Kernel : std::uint16_t {
   erf, erfc,            // 1.5 ulp
   logistic,             // 1 / (1 + exp(-a))
   softplus,             // log(1 + exp(a))
+  exp_of_factors,       // a * b, or exp(c) where that is missing: exponentials of sums whose parts vary less often
+  log1p_fraction,       // log(1 + a) for 0 <= a <= 1, given b = 1 + a and c = 1 / b: a part of softplus
   logit,                // log(a / (1 - a)); missing outside (0, 1)
   log_add_exp,          // log(exp(a) + exp(b))
 
@@ -101,7 +103,7 @@ enum class Kernel : std::uint16_t {
   // Gamma family. Missing at the poles 0, -1, -2, ...
   gamma, lgamma,        // lgamma is log |gamma(a)|
   digamma, trigamma, tetragamma, pentagamma, hexagamma, // derivatives 1 to 5 of lgamma
-  lgamma_ratio,         // lgamma(a + b) - lgamma(a) without cancellation, a > 0, a + b > 0
+  lgamma_ratio,         // lgamma(a + b) - lgamma(a), without cancellation where a > 0, a + b > 0
   digamma_ratio,        // digamma(a + b) - digamma(a) likewise
   lbeta,                // log beta(a, b)
   comb,                 // a over b; whole for whole operands
@@ -177,6 +179,9 @@ struct KernelTable {
   const char* isa = ""; // "baseline", "avx2", "avx512"
   KernelFn fn[kernel_count] = {};
   VectorFn vector[kernel_count] = {};
+  // exp_mean of one order 10 i + j, its first four operands alone; null where i + j is above 2.
+  static constexpr int mean_orders = 21;
+  VectorFn mean[mean_orders] = {};
   KernelFn operator[](Kernel k) const { return fn[static_cast<std::size_t>(k)]; }
 };
 

@@ -1,6 +1,6 @@
 #pragma once
-// Elementary functions on one vector of lanes: SLEEF (the natural exponential and logarithm our own), with every value outside the
-// domain made missing.
+// Elementary functions on one vector of lanes: SLEEF (the natural exponential and logarithm our own), with every value
+// outside the domain made missing.
 //
 // Each is within 1 ulp (erfc 1.5) over the domain given; forms of our own give theirs. Infinities pass where the limit
 // exists.
@@ -47,17 +47,36 @@ inline Lanes erf(Lanes a) { return unless(is_nan(a), elementary::erf(a)); }   //
 inline Lanes erfc(Lanes a) { return unless(is_nan(a), elementary::erfc(a)); } // all doubles; 0 above 26.55
 // clang-format on
 
-// 1 / (1 + exp(-a)), all doubles, 3 ulp. The exponential never overflows, and below 0 nothing is lost to 1 + small.
+// The logistic function and softplus have exp(-|a|) in common, which never overflows, and 1 / (1 + exp(-|a|)). Programs
+// that need both, of a or of -a, compute these once (stages/shared_forms), by the same operations as here.
+
+// 1 / (1 + exp(-a)), all doubles, 3 ulp. Below 0 nothing is lost to 1 + small.
 inline Lanes logistic(Lanes a)
 {
-  const Lanes e = natural_exp(-magnitude(a));
-  return if_else(a < Lanes{}, e, all(1.0)) / (all(1.0) + e);
+  const Lanes e = natural_exp(-magnitude(a)), w = all(1.0) / (all(1.0) + e);
+  return if_else(a < Lanes{}, e * w, w);
+}
+
+// exp(c) from a = exp(r) and b = exp(s), r + s = c; 2.5 ulp. Where one of them is not given (missing) exp(c) itself.
+inline Lanes exp_of_factors(Lanes a, Lanes b, Lanes c)
+{
+  const Lanes product = a * b;
+  const Mask open = is_nan(product) | is_nan(c);
+  return any(open) ? if_else(open, natural_exp(c), product) : product;
+}
+
+// log(1 + a), 0 <= a <= 1, u = 1 + a, w = 1 / u; 1 ulp. What u has lost is put back: log(1 + a) = log u + (1 + a - u) /
+// u.
+inline Lanes log1p_fraction(Lanes a, Lanes u, Lanes w)
+{
+  return log_of_normal(u, (a - (u - all(1.0))) * w);
 }
 
 // log(1 + exp(a)), all doubles, 3 ulp.
 inline Lanes softplus(Lanes a)
 {
-  return if_else(a > Lanes{}, a, Lanes{}) + natural_log1p(natural_exp(-magnitude(a)));
+  const Lanes e = natural_exp(-magnitude(a)), u = all(1.0) + e;
+  return if_else(a <= Lanes{}, Lanes{}, a) + log1p_fraction(e, u, all(1.0) / u);
 }
 
 // log(a / (1 - a)), 0 < a < 1, 4 ulp. About the root at 1/2, where 2a - 1 is exact, through log1p.

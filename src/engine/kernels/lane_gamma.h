@@ -91,17 +91,27 @@ inline Lanes digamma_gap(Lanes x)
   return fused(polynomial(digamma_series, w2), w2, all(0.5) * w);
 }
 
-// digamma(x), x > 0, absolute error 2e-15 near its zero 1.4616, elsewhere 4 ulp. Below 10 by the recurrence
-// digamma(x) = digamma(x + n) - sum 1 / (x + j); the sum is gathered as one fraction.
-inline Lanes digamma_positive(Lanes x)
-{
+// 1/x + 1/(x + 1) + ... up to the first argument that reaches `end`, gathered as one fraction; x becomes that argument.
+struct Fraction {
   Lanes numerator = {}, denominator = all(1.0);
-  for (Mask below = x < all(10.0); any(below); below = x < all(10.0)) {
-    numerator = if_else(below, fused(numerator, x, denominator), numerator);
-    denominator = if_else(below, denominator * x, denominator);
+};
+inline Fraction rising_sum(Lanes& x, Lanes end)
+{
+  Fraction f;
+  for (Mask below = x < end; any(below); below = x < end) {
+    f.numerator = if_else(below, fused(f.numerator, x, f.denominator), f.numerator);
+    f.denominator = if_else(below, f.denominator * x, f.denominator);
     x = if_else(below, x + all(1.0), x);
   }
-  return natural_log(x) - digamma_gap(x) - numerator / denominator;
+  return f;
+}
+
+// digamma(x), x > 0, absolute error 2e-15 near its zero 1.4616, elsewhere 4 ulp. Below 10 by the recurrence
+// digamma(x) = digamma(x + n) - sum 1 / (x + j).
+inline Lanes digamma_positive(Lanes x)
+{
+  const Fraction f = rising_sum(x, all(10.0));
+  return natural_log(x) - digamma_gap(x) - f.numerator / f.denominator;
 }
 
 // The derivative of order N of pi cot(pi x), from c = cot(pi x) and c' = -pi (1 + c^2).
@@ -184,21 +194,71 @@ inline Lanes hexagamma(Lanes a)
   return polygamma<4>(a);
 }
 
-// log gamma(a + b) - log gamma(a), a > 0, a + b > 0; 1e-15 relative to the larger of the result and b. Where both
-// arguments reach 8 the difference of the two Stirling formulas, in which the large terms have cancelled on paper:
+// Differences of log gamma and digamma over a whole number of steps, as counts give them, are products and sums over
+// the steps: up to this many they are formed so, where the product cannot overflow.
+constexpr double most_steps = 12.0, highest_step = 1e20;
+
+inline Mask few_steps(Lanes a, Lanes b)
+{
+  return (b >= Lanes{}) & (b <= all(most_steps)) & (nearest_whole(b) == b) & (a > Lanes{}) & (a < all(highest_step));
+}
+
+// x (x + 1) ... up to the first factor that reaches `end`; x becomes that factor. Where `end` is a whole number of
+// steps away there are as many factors.
+inline Lanes rising_product(Lanes& x, Lanes end)
+{
+  Lanes product = all(1.0);
+  for (Mask below = x < end; any(below); below = x < end) {
+    product = if_else(below, product * x, product);
+    x = if_else(below, x + all(1.0), x);
+  }
+  return product;
+}
+
+// Steps 0, 1, ... below b instead of arguments below an end: a + j would lose j beside a large a.
+inline Lanes product_of_steps(Lanes a, Lanes b)
+{
+  Lanes product = all(1.0), j = {};
+  for (Mask below = j < b; any(below); below = j < b) {
+    product = if_else(below, product * (a + j), product);
+    j = j + all(1.0);
+  }
+  return product;
+}
+inline Fraction sum_of_steps(Lanes a, Lanes b)
+{
+  Fraction f;
+  Lanes j = {};
+  for (Mask below = j < b; any(below); below = j < b) {
+    const Lanes x = a + j;
+    f.numerator = if_else(below, fused(f.numerator, x, f.denominator), f.numerator);
+    f.denominator = if_else(below, f.denominator * x, f.denominator);
+    j = j + all(1.0);
+  }
+  return f;
+}
+
+// log |gamma(a + b)| - log |gamma(a)|; for a > 0, a + b > 0 1e-15 relative to the larger of the result and b. Over few
+// whole steps the logarithm of their product. Else both arguments are brought to 8 by the recurrence, and what is left
+// is the difference of the two Stirling formulas, in which the large terms have cancelled on paper, over d = b and
+// whole steps:
 //     (a - 1/2) log(1 + b/a) + b (log(a + b) - 1) + s(a + b) - s(a).
 inline Lanes lgamma_ratio(Lanes a, Lanes b)
 {
   const Lanes top = a + b;
-  const Mask large = (a >= all(8.0)) & (top >= all(8.0));
-  Lanes r = lgamma_positive(top) - lgamma_positive(a);
-  if (any(large)) {
-    const Lanes w = all(1.0) / top, v = all(1.0) / a;
+  const Mask inside = (a > Lanes{}) & (top > Lanes{}), few = few_steps(a, b), other = inside & ~few;
+  Lanes r = {};
+  if (any(few)) r = natural_log(if_else(few, product_of_steps(a, if_else(few, b, Lanes{})), all(1.0)));
+  if (any(other)) {
+    Lanes low = if_else(other, a, all(8.0)), high = if_else(other, top, all(8.0));
+    const Lanes below = rising_product(low, all(8.0)), above = rising_product(high, all(8.0));
+    const Lanes d = if_else(other, b + (nearest_whole(high - top) - nearest_whole(low - a)), Lanes{});
+    const Lanes w = all(1.0) / high, v = all(1.0) / low;
     const Lanes tails = w * polynomial(stirling, w * w) - v * polynomial(stirling, v * v);
-    const Lanes stable = (a - all(0.5)) * natural_log1p(b * v) + (b * (natural_log(top) - all(1.0)) + tails);
-    r = if_else(large, stable, r);
+    const Lanes stable = (low - all(0.5)) * natural_log1p(d * v) + (d * (natural_log(high) - all(1.0)) + tails);
+    r = if_else(other, stable + natural_log(below / above), r);
   }
-  return unless(~((a > Lanes{}) & (top > Lanes{})), r);
+  return any(~inside) ? if_else(inside, r, lgamma(top) - lgamma(a)) : r;
 }
 
 // log beta(a, b), a, b > 0; 4 ulp of the largest of its terms, log gamma of the smaller and the ratio.
@@ -218,21 +278,27 @@ inline Lanes comb(Lanes a, Lanes b)
   return unless(~((rest > Lanes{}) & (lower > Lanes{})), if_else(exact, nearest_whole(r), r));
 }
 
-// digamma(a + b) - digamma(a), a > 0, a + b > 0; 1e-15 relative to the larger of the result and 1/a.
+// digamma(a + b) - digamma(a); for a > 0, a + b > 0 1e-15 relative to the larger of the result and 1/a. As
+// lgamma_ratio, with sums in place of products.
 inline Lanes digamma_ratio(Lanes a, Lanes b)
 {
-  const Mask inside = (a > Lanes{}) & (a + b > Lanes{});
-  // (Steps of one from far below 0 would never arrive.)
-  const Lanes top = if_else(inside, a + b, all(10.0));
-  a = if_else(inside, a, all(10.0));
-  const Mask large = (a >= all(10.0)) & (top >= all(10.0));
-  Lanes r = digamma_positive(top) - digamma_positive(a);
-  if (any(large)) {
-    const Lanes w = all(1.0) / top, v = all(1.0) / a, w2 = w * w, v2 = v * v;
-    const Lanes tails = w2 * polynomial(digamma_series, w2) - v2 * polynomial(digamma_series, v2);
-    r = if_else(large, natural_log1p(b * v) + (all(0.5) * b * w * v - tails), r);
+  const Lanes top = a + b;
+  const Mask inside = (a > Lanes{}) & (top > Lanes{}), few = few_steps(a, b), other = inside & ~few;
+  Lanes r = {};
+  if (any(few)) {
+    const Fraction f = sum_of_steps(a, if_else(few, b, Lanes{}));
+    r = if_else(few, f.numerator / f.denominator, r);
   }
-  return unless(~inside, r);
+  if (any(other)) {
+    Lanes low = if_else(other, a, all(10.0)), high = if_else(other, top, all(10.0));
+    const Fraction below = rising_sum(low, all(10.0)), above = rising_sum(high, all(10.0));
+    const Lanes d = if_else(other, b + (nearest_whole(high - top) - nearest_whole(low - a)), Lanes{});
+    const Lanes w = all(1.0) / high, v = all(1.0) / low, w2 = w * w, v2 = v * v;
+    const Lanes tails = w2 * polynomial(digamma_series, w2) - v2 * polynomial(digamma_series, v2);
+    const Lanes steps = below.numerator / below.denominator - above.numerator / above.denominator;
+    r = if_else(other, natural_log1p(d * v) + (all(0.5) * d * w * v - tails) + steps, r);
+  }
+  return any(~inside) ? if_else(inside, r, digamma(top) - digamma(a)) : r;
 }
 
 } // namespace lane

@@ -40,8 +40,7 @@ template <auto F> void ternary(double* out, const double* const* in, int n)
 template <auto F> void quinary(double* out, const double* const* in, int n)
 {
   const double *const a = in[0], *const b = in[1], *const c = in[2], *const d = in[3], *const e = in[4];
-  for (int i = 0; i < n; i += width)
-    store(out + i, F(load(a + i), load(b + i), load(c + i), load(d + i), load(e + i)));
+  for (int i = 0; i < n; i += width) store(out + i, F(load(a + i), load(b + i), load(c + i), load(d + i), load(e + i)));
 }
 
 constexpr int operands(Lanes (*)(Lanes))
@@ -167,9 +166,17 @@ KernelTable build_table(const char* isa)
   set<lane::erfc>(table, Kernel::erfc);
   set<lane::logistic>(table, Kernel::logistic);
   set<lane::softplus>(table, Kernel::softplus);
+  set<lane::exp_of_factors>(table, Kernel::exp_of_factors);
+  set<lane::log1p_fraction>(table, Kernel::log1p_fraction);
   set<lane::logit>(table, Kernel::logit);
   set<lane::log_add_exp>(table, Kernel::log_add_exp);
   set<lane::exp_mean>(table, Kernel::exp_mean);
+  table.mean[0] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<0, 0>);
+  table.mean[1] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<0, 1>);
+  table.mean[2] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<0, 2>);
+  table.mean[10] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<1, 0>);
+  table.mean[11] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<1, 1>);
+  table.mean[20] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<2, 0>);
   set<lane::cubic_root>(table, Kernel::cubic_root);
   set<lane::compartment_response>(table, Kernel::compartment_response);
   set<lane::gamma>(table, Kernel::gamma);

@@ -141,6 +141,10 @@ public:
     case Kernel::log_or_zero:
     case Kernel::log_or_minus_infinity:
       return logarithm();
+    case Kernel::exp_of_factors:
+      return exp_of_factors();
+    case Kernel::log1p_fraction:
+      return log1p_fraction();
     case Kernel::exp_mean:
       return exp_mean();
     case Kernel::is_missing:
@@ -354,15 +358,59 @@ private:
     return true;
   }
 
-  // log_of_normal of lane_logarithm.h, with c = 0.
   bool logarithm()
   {
-    const int a = number(0), k = registers_.temporary(), s = registers_.temporary(), half = registers_.temporary(),
-              s2 = registers_.temporary(), curved = registers_.temporary(), result = out();
+    const int a = number(0);
+    const LogarithmRegisters at = take_registers(-1);
     code_.compare(m_, Predicate::less, a, constant(Constant::log_least_normal));
     code_.compare(n_, Predicate::not_less, a, constant(Constant::infinity));
     code_.combine(MaskOp::or_, m_, m_, n_);
-    RareCall& rare = unless(m_, {a}, result);
+    RareCall& rare = unless(m_, {a}, at.result);
+    log_of_normal(a, at);
+    code_.L(rare.back);
+    return true;
+  }
+
+  bool exp_of_factors()
+  {
+    const int a = number(0), b = number(1), c = number(2), result = out();
+    code_.arithmetic(Arithmetic::multiply, t_, a, reg(b));
+    code_.compare(m_, Predicate::unordered, t_, reg(c));
+    RareCall& rare = unless(m_, {a, b, c}, result);
+    code_.move(result, reg(t_));
+    code_.L(rare.back);
+    return true;
+  }
+
+  // The sum 1 + a is a normal number from 1 to 2, or missing with a.
+  bool log1p_fraction()
+  {
+    const int a = number(0), u = number(1), w = number(2), lost = registers_.temporary();
+    code_.arithmetic(Arithmetic::subtract, lost, u, constant(Constant::one));
+    code_.arithmetic(Arithmetic::subtract, lost, a, reg(lost));
+    code_.arithmetic(Arithmetic::multiply, lost, lost, reg(w));
+    log_of_normal(u, take_registers(lost));
+    return true;
+  }
+
+  struct LogarithmRegisters {
+    int k, s, half, s2, curved;
+    int term; // what is added to the logarithm; -1: nothing
+    int result;
+  };
+  LogarithmRegisters take_registers(int term)
+  {
+    LogarithmRegisters at{};
+    for (int* const r : {&at.k, &at.s, &at.half, &at.s2, &at.curved}) *r = registers_.temporary();
+    at.term = term;
+    at.result = out();
+    return at;
+  }
+
+  // log_of_normal of lane_logarithm.h.
+  void log_of_normal(int a, const LogarithmRegisters& at)
+  {
+    const auto [k, s, half, s2, curved, term, result] = at;
     code_.subtract_bits(t_, a, constant(Constant::log_root_half));
     code_.add_bits(k, t_, constant(Constant::log_bias));
     code_.shift_right(k, k, 52);
@@ -382,32 +430,29 @@ private:
     code_.arithmetic(Arithmetic::add, curved, curved, reg(half));
     code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s));
     code_.arithmetic(Arithmetic::multiply, s2, k, constant(Constant::log2_low));
+    if (term >= 0) code_.arithmetic(Arithmetic::add, s2, s2, reg(term));
     code_.arithmetic(Arithmetic::add, curved, curved, reg(s2));
     code_.arithmetic(Arithmetic::subtract, half, half, reg(curved));
     code_.arithmetic(Arithmetic::subtract, half, half, reg(t_));
     code_.arithmetic(Arithmetic::multiply, k, k, constant(Constant::log2_high));
     code_.arithmetic(Arithmetic::subtract, result, k, reg(half));
-    code_.L(rare.back);
-    return true;
   }
 
-  // exp_mean_far of lane_compartments.h, of orders whose sum is at most 2: by parts, w = 1 / (y - x). The kernel does
-  // what is nearer.
+  // exp_mean_far of lane_compartments.h, of orders whose sum is at most 2: by parts, with d = y - x and w = 1 / d as
+  // further operands, which means of several orders share. The kernel does what is nearer.
   bool exp_mean()
   {
+    if (op_.index < 0) return false;
     const int i = op_.index / 10, j = op_.index % 10;
-    if (op_.index < 0 || i + j > 2) return false;
-    const int x = number(0), y = number(1), ex = number(2), ey = number(3), order = number(4);
-    const int w = registers_.temporary(), mean = registers_.temporary(), other = registers_.temporary(), result = out();
+    const int x = number(0), y = number(1), ex = number(2), ey = number(3), d = number(5), w = number(6);
+    const int mean = registers_.temporary(), other = registers_.temporary(), result = out();
     const auto times = [&](int to, Xbyak::Operand const& factor) {
       code_.arithmetic(Arithmetic::multiply, to, to, factor);
     };
-    code_.arithmetic(Arithmetic::subtract, w, y, reg(x));
-    code_.bitwise(Bitwise::and_, t_, w, constant(Constant::all_but_sign));
+    code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
     code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
-    RareCall& rare = unless(m_, {x, y, ex, ey, order}, result);
-    one_to(t_);
-    code_.arithmetic(Arithmetic::divide, w, t_, reg(w));
+    RareCall& rare = unless(m_, {x, y, ex, ey}, result);
+    rare.order = op_.index;
     code_.arithmetic(Arithmetic::subtract, mean, ex, reg(ey));
     times(mean, reg(w));
     if (i == 1 && j == 1) { // from the means of both orders before it

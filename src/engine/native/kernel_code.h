@@ -9,6 +9,7 @@ namespace torvale::engine {
 struct RareCall {
   Xbyak::Label enter, back;
   Kernel kernel = Kernel::copy;
+  int order = -1;                  // of a mean of exponentials
   std::vector<int> arguments;      // registers
   int out = 0;                     // likewise
   std::vector<int> vectors, masks; // registers that the call must leave as they are

@@ -53,7 +53,7 @@ public:
       registers_.begin(static_cast<std::int32_t>(k));
       write(plan_.operations[k]);
     }
-    code_.add(frame().offset, code_.width() * static_cast<int>(sizeof(double)));
+    code_.add(frame().offset, static_cast<std::uint32_t>(code_.width()) * static_cast<std::uint32_t>(sizeof(double)));
     code_.cmp(frame().offset, code_.ptr[code_.rsp + end_at]);
     code_.jl(next, Xbyak::CodeGenerator::T_NEAR);
     leave();
@@ -135,7 +135,7 @@ private:
       return;
     case Kind::store: {
       const int a = registers_.number(op.in[0]);
-      code_.mov(frame().address, code_.ptr[frame().results + op.index * 8]);
+      code_.mov(frame().address, code_.ptr[frame().results + static_cast<std::size_t>(op.index) * 8]);
       code_.store(code_.ptr[frame().address + frame().offset], a);
       registers_.result(no_value);
       return;
@@ -174,11 +174,11 @@ private:
       registers_.copy_to(t, op.in[static_cast<std::size_t>(j)]);
       code_.store(registers_.slot(loop_area_ + j), t);
       code_.lea(code_.rax, registers_.slot(loop_area_ + j));
-      code_.mov(code_.ptr[frame().scratch + addresses * vector_slot + 8 * j], code_.rax);
+      code_.mov(code_.ptr[frame().scratch + static_cast<std::size_t>(addresses * vector_slot + 8 * j)], code_.rax);
     }
     code_.lea(code_.rdi, registers_.slot(out));
     code_.lea(code_.rsi, registers_.slot(addresses));
-    code_.mov(code_.edx, code_.width());
+    code_.mov(code_.edx, static_cast<std::uint32_t>(code_.width()));
     code_.leave_vectors();
     code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_[op.kernel]));
     code_.call(code_.rax);
@@ -208,7 +208,9 @@ private:
       for (int j = 0; j < several; ++j) code_.store(argument_at(j), call.arguments[static_cast<std::size_t>(j)]);
       for (int j = 0; j < several; ++j) code_.load(j, argument_at(j));
     }
-    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(table_.vector[static_cast<std::size_t>(call.kernel)]));
+    const VectorFn fn =
+        call.order >= 0 ? table_.mean[call.order] : table_.vector[static_cast<std::size_t>(call.kernel)];
+    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(fn));
     code_.call(code_.rax);
     if (call.out != 0) code_.move(call.out, code_.vector(0));
     for (const int r : call.vectors) code_.move(r, vector_at(r));

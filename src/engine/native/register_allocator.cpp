@@ -50,9 +50,9 @@ void RegisterAllocator::load_to(int reg, ValueId v)
   const PlanValue& value = plan_.values[static_cast<std::size_t>(v)];
   const auto index = static_cast<std::size_t>(value.index);
   if (value.from == PlanValue::From::fixed) {
-    code_.move(reg, code_.ptr[frame.fixed + value.index * vector_slot]);
+    code_.move(reg, code_.ptr[frame.fixed + index * vector_slot]);
   } else if (value.from == PlanValue::From::input && !uniform_[index]) {
-    code_.mov(frame.address, code_.ptr[frame.inputs + value.index * 8]);
+    code_.mov(frame.address, code_.ptr[frame.inputs + index * 8]);
     code_.load(reg, code_.ptr[frame.address + frame.offset]);
   } else {
     const std::int32_t s = value.from == PlanValue::From::input ? uniform_slot_[index] : state(v).slot;
@@ -135,7 +135,7 @@ const Xbyak::Operand& RegisterAllocator::source(ValueId v)
     return register_;
   }
   if (value.from == PlanValue::From::fixed)
-    memory_ = code_.ptr[frame.fixed + value.index * vector_slot];
+    memory_ = code_.ptr[frame.fixed + static_cast<std::size_t>(value.index) * vector_slot];
   else
     memory_ = slot(value.from == PlanValue::From::input ? uniform_slot(value.index) : state(v).slot);
   return memory_;

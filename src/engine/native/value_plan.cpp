@@ -1,6 +1,7 @@
 #include "engine/native/value_plan.h"
 
 #include <algorithm>
+#include <map>
 
 namespace torvale::engine {
 
@@ -93,7 +94,7 @@ private:
         const auto at = static_cast<std::size_t>(j);
         op.in[at] = as(asks_mask(s.kernel, j), held(s.in[at]));
       }
-      if (s.kernel == Kernel::exp_mean) op.index = whole_constant(op.in[4]);
+      if (s.kernel == Kernel::exp_mean) plan_mean(op);
       op.out = held(s.out) = value(PlanValue::From::operation, answers_mask(s.kernel));
       plan_.operations.push_back(op);
       return true;
@@ -108,6 +109,30 @@ private:
     default:
       return false;
     }
+  }
+
+  // Means of exponentials of low order are written in the code, with the difference of their rates and its reciprocal
+  // as operands 5 and 6.
+  void plan_mean(PlanOperation& op)
+  {
+    const int order = whole_constant(op.in[4]);
+    op.index = order >= 0 && order / 10 + order % 10 <= 2 ? order : -1;
+    if (op.index < 0) return;
+    const auto [at, first] = differences_.try_emplace({op.in[0], op.in[1]}, no_value, no_value);
+    auto& [difference, reciprocal] = at->second;
+    if (first) {
+      difference = value(PlanValue::From::operation, false);
+      PlanOperation& subtract = operation(PlanOperation::Kind::kernel, {op.in[1], op.in[0]});
+      subtract.kernel = Kernel::subtract;
+      subtract.out = difference;
+      reciprocal = value(PlanValue::From::operation, false);
+      PlanOperation& invert = operation(PlanOperation::Kind::kernel, {difference});
+      invert.kernel = Kernel::reciprocal;
+      invert.out = reciprocal;
+    }
+    op.in[5] = difference;
+    op.in[6] = reciprocal;
+    op.operands = 7;
   }
 
   // A value that is a constant whole number; -1 for any other.
@@ -160,6 +185,7 @@ private:
   ValuePlan& plan_;
   std::vector<ValueId> held_;       // value in each register of the steps
   std::vector<ValueId> other_form_; // per value: the same as a mask or number
+  std::map<std::pair<ValueId, ValueId>, std::pair<ValueId, ValueId>> differences_; // of two rates, and its reciprocal
   ValueId pending_ = no_value, nans_ = no_value;
 };
 

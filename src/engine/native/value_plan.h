@@ -34,7 +34,7 @@ struct PlanOperation {
   ValueId out = no_value;
   std::int32_t operands = 0;
   std::array<ValueId, kernel_operands_max> in{};
-  std::int32_t index = 0; // of a result; of a mean of exponentials its order, -1 when that is no constant
+  std::int32_t index = 0; // of a result; of a mean of exponentials its order, -1 where it is called
 };
 
 struct ValuePlan {

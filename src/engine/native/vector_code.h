@@ -91,7 +91,7 @@ public:
   // Where the register `constants` holds the address of this table.
   const Xbyak::Reg64 constants = r15;
   static const void* constant_table();
-  Address constant(Constant c) { return ptr[constants + static_cast<int>(c) * vector_slot]; }
+  Address constant(Constant c) { return ptr[constants + static_cast<std::size_t>(c) * vector_slot]; }
 };
 
 // "baseline" (SSE2), "avx2" or "avx512"; null for another name.

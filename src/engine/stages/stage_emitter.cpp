@@ -1,6 +1,9 @@
-// The steps of one stage of a program: what its results need, in order, loops as closed groups, over few registers.
+// The steps of one stage of a program: what its results need, in order, loops
+// as closed groups, over few registers.
 
 #include "engine/stages/stage_emitter.h"
+
+#include "engine/stages/shared_forms.h"
 
 #include <algorithm>
 #include <map>
@@ -19,10 +22,12 @@ public:
 
   void run()
   {
-    // Next values of kept values are results too; asking for them may need more kept values.
+    // Next values of kept values are results too; asking for them may need more
+    // kept values.
     auto& kept = stage_ == Stage::data ? all_.program_.data_kept : all_.program_.kept;
     for (const NodeId id : code_.results) need(id);
     work_off();
+    share_forms();
     invert_divisors();
     first_next_ = code_.results.size();
     if (stage_ == Stage::data || stage_ == Stage::lane)
@@ -73,7 +78,7 @@ private:
       }
       if (is_leaf(id)) continue;
       if (n.kind == NodeKind::result) need_carry(n.index);
-      for (int k = 0; k < n.operands; ++k) need(n.operand[static_cast<std::size_t>(k)]);
+      for (const NodeId operand : shape(id).operands) need(operand);
     }
   }
 
@@ -90,9 +95,8 @@ private:
   void keep_state(std::int32_t carry)
   {
     auto& kept = stage_ == Stage::data ? all_.program_.data_kept : all_.program_.kept;
-    if (std::find(kept.begin(), kept.end(), carry) != kept.end()) return;
-    kept.push_back(carry);
     need(graph_.carry_at(carry).next);
+    if (std::find(kept.begin(), kept.end(), carry) == kept.end()) kept.push_back(carry);
   }
 
   void invert_divisors()
@@ -108,12 +112,39 @@ private:
     work_off();
   }
 
+  // Logistic functions and softplus, of x and of -x, from one exponential;
+  // exponentials of sums from their factors.
+  void share_forms()
+  {
+    std::vector<NodeId> found;
+    for (const NodeId id : needed_) {
+      const Node& n = graph_.node(id);
+      if (!is_leaf(id) &&
+          (is_kernel(n, Kernel::logistic) || is_kernel(n, Kernel::softplus) || is_kernel(n, Kernel::exp)))
+        found.push_back(id);
+    }
+    const GraphBuilder::Derivative plain(graph_);
+    SharedForms forms(
+        graph_, [&](NodeId id) { return needed_.count(id) > 0; }, [&](NodeId id) { return all_.stage_of(id, stage_); });
+    for (const NodeId id : found) {
+      StepForm form;
+      if (!is_kernel(graph_.node(id), Kernel::exp))
+        form = forms.logistic(id);
+      else if (!forms.exponential(id, form))
+        continue;
+      shape_[id] = {form.kernel, form.operands};
+    }
+    needed_.clear();
+    carries_.clear();
+    for (const NodeId id : code_.results) need(id);
+    work_off();
+  }
+
   void count_uses()
   {
     for (const NodeId id : needed_) {
       if (is_leaf(id)) continue;
-      const Node& n = graph_.node(id);
-      for (int k = 0; k < n.operands; ++k) ++uses_[n.operand[static_cast<std::size_t>(k)]];
+      for (const NodeId operand : shape(id).operands) ++uses_[operand];
     }
     for (const auto& [loop, carries] : carries_)
       for (const std::int32_t c : carries) {
@@ -201,7 +232,8 @@ private:
     return shape(id).operands;
   }
 
-  // The nodes of one loop's pass (or of none) in an order in which operands come first.
+  // The nodes of one loop's pass (or of none) in an order in which operands
+  // come first.
   void region(std::int32_t loop, const std::vector<NodeId>& roots)
   {
     struct Visit {
@@ -352,8 +384,8 @@ private:
     code_.steps.push_back(s);
   }
 
-  // Results are stored as soon as they exist, so that their registers are free again; next values at the end, when the
-  // values they replace have been read.
+  // Results are stored as soon as they exist, so that their registers are free
+  // again; next values at the end, when the values they replace have been read.
   void keep_now(NodeId id)
   {
     const auto it = keeps_.find(id);
@@ -395,8 +427,8 @@ private:
       reg[f.reg] = count;
       f.reg = count++;
     }
-    // What depends on the point alone keeps its register too: as long as the lanes stand for the same points, it is not
-    // fetched again.
+    // What depends on the point alone keeps its register too: as long as the
+    // lanes stand for the same points, it is not fetched again.
     for (const Step& s : code_.steps)
       if (s.kind == Step::Kind::load && code_.inputs[static_cast<std::size_t>(s.index)].by_point())
         reg[s.out] = count++;
@@ -420,14 +452,16 @@ private:
       });
       if (!writes(s)) continue;
       first.emplace(s.out, k);
-      lives_until(s.out, k); // a carry is written at the end of a pass and read by the next one
+      lives_until(s.out, k); // a carry is written at the end of a pass and read
+                             // by the next one
     }
     std::vector<int> free;
     std::multimap<int, NodeId> ending;
     for (int k = 0; k < steps; ++k) {
       Step& s = code_.steps[static_cast<std::size_t>(k)];
       for_operands(s, [&](std::int32_t& in) { in = reg.at(in); });
-      // Operands that end here give their registers to the result: steps may write over what they read.
+      // Operands that end here give their registers to the result: steps may
+      // write over what they read.
       for (auto it = ending.begin(); it != ending.end() && it->first <= k; it = ending.erase(it))
         free.push_back(reg.at(it->second));
       if (!writes(s)) continue;

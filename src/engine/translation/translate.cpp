@@ -299,6 +299,11 @@ void CMPGLOBAL::translate()
     const int errors_before = errors;
     late_done = 0;
     dependence.clear();
+    for (const CMPSYM& s : symbols) {
+      const bool by_data = s.dsvarno > 0 && s.parameter < 0 && s.random_effect < 0;
+      const int with = (by_data ? GraphBuilder::by_record : 0) | (s.random_effect >= 0 ? GraphBuilder::by_point : 0);
+      graph.declare_variation(s.index, static_cast<std::uint8_t>(with));
+    }
     for (bool again = true; again;) { // until the run learns nothing that it should have known from its beginning
       diagnostics.resize(said);
       errors = errors_before;

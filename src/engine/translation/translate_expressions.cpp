@@ -24,7 +24,8 @@ NodeId Translator::as_number(Value v, Position where)
 {
   if (!v.is_text()) return v.number;
   gcmp_.note(message::conversion, where,
-             "A text is converted to a number here; a text that is no number becomes a missing value.");
+             "A text is converted to a number here: the number that it spells, the days since 1960 of a date, the "
+             "seconds of a time or of a date with a time; any other text becomes a missing value.");
   std::string error;
   const NodeId n = text_.ask(TextQuestion::to_number, v.text, no_text, false, &error);
   return n == no_node ? fail(message::unsupported, where, error) : n;

@@ -113,6 +113,15 @@ private:
     ++out_.lines;
   }
 
+  // Where blanks separate, several count as one, and those at the ends of a line do not count. True: the line ends
+  // here.
+  bool pass_blanks()
+  {
+    if (dialect_.separator != ' ') return false;
+    while (p_ < end_ && *p_ == ' ') ++p_;
+    return p_ == end_ || *p_ == '\n' || *p_ == '\r';
+  }
+
   bool fail(BlockValues::Fault fault, std::size_t field)
   {
     out_.fault = fault;
@@ -125,11 +134,12 @@ private:
   bool record()
   {
     const std::size_t count = requests_.size();
+    pass_blanks();
     for (std::size_t i = 0;; ++i) {
       if (i < count ? !field(i) : !pass_field(i)) return false;
       if (*p_ == dialect_.separator && p_ < end_) {
         ++p_;
-        continue;
+        if (!pass_blanks()) continue;
       }
       if (p_ < end_) line_end();
       out_.fields_found = i + 1;
@@ -381,10 +391,27 @@ void read_block(const CsvBlock& block, const CsvDialect& dialect, const std::vec
     if (again[i].kind == Kind::character) values.columns[i] = std::move(texts.columns[i]);
 }
 
+namespace {
+
+bool split_at_blanks(std::string_view line, std::vector<std::string>& fields)
+{
+  for (std::size_t i = 0; (i = line.find_first_not_of(' ', i)) != std::string_view::npos;) {
+    const std::size_t end = std::min(line.find(' ', i), line.size());
+    std::string_view name = line.substr(i, end - i);
+    if (name.size() > 1 && name.front() == '"' && name.back() == '"') name = name.substr(1, name.size() - 2);
+    fields.emplace_back(name);
+    i = end;
+  }
+  return true;
+}
+
+} // namespace
+
 bool split_line(const std::string& line, char separator, std::vector<std::string>& fields, bool& unclosed)
 {
   fields.clear();
   unclosed = false;
+  if (separator == ' ') return split_at_blanks(line, fields);
   for (std::size_t i = 0;; ++i) {
     std::string& field = fields.emplace_back();
     if (i < line.size() && line[i] == '"') {

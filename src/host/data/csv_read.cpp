@@ -36,6 +36,7 @@ struct FileColumn {
   Column texts{"", ColumnKind::character};
   bool spellings_needed = false; // blocks differ in type: read the file again, as text
   BlockColumn seen;              // remarks of all blocks; rows of the file
+  std::string recoded;           // the first text that was not UTF-8, as it is read now
   RowMemory memory;
 
   void take(const BlockColumn& block, std::int64_t rows_before);
@@ -63,7 +64,15 @@ void FileColumn::remark(const BlockColumn& block, std::int64_t rows_before)
 void FileColumn::take_texts(const BlockColumn& block)
 {
   std::vector<std::uint32_t> code_here;
-  for (const std::string& text : block.dictionary) code_here.push_back(texts.code_of(text));
+  for (const std::string& text : block.dictionary) {
+    if (is_utf8(text)) {
+      code_here.push_back(texts.code_of(text));
+      continue;
+    }
+    const std::string here = utf8_from_windows(text);
+    if (recoded.empty()) recoded = here;
+    code_here.push_back(texts.code_of(here));
+  }
   texts.append_codes(block.codes, code_here);
 }
 
@@ -139,12 +148,15 @@ private:
     if (!note_one_spelling(column)) note_readable(column);
   }
   void note_codes();
+  void note_encoding();
+  bool warn_of_blanks();
 
   std::string file_;
   MessageSink& log_;
   const ReadOptions& options_;
   std::uintmax_t size_ = 0;
   char separator_ = ',';
+  std::string recoded_name_; // the first name that was not UTF-8, as it is read now
   std::vector<FileColumn> columns_;
   std::int64_t rows_ = 0;
   std::int64_t line_ = 1; // of the file, where the next block begins
@@ -227,7 +239,9 @@ bool CsvReader::header(CsvCutter& cutter, const ByteSource& source)
 bool CsvReader::name_columns(const std::vector<std::string>& names)
 {
   for (std::size_t i = 0; i < names.size(); ++i) {
-    const std::string_view given = stripped(names[i]);
+    const std::string as_read = is_utf8(names[i]) ? names[i] : utf8_from_windows(names[i]);
+    if (as_read != names[i] && recoded_name_.empty()) recoded_name_ = as_read;
+    const std::string_view given = stripped(as_read);
     std::string name(cut_name(given, DataSet::longest_name));
     if (given.empty()) name = "VAR" + std::to_string(i + 1);
     if (name != given)
@@ -417,9 +431,32 @@ void CsvReader::note_codes()
   if (count > 0) log_.xpmlog(message::missing_codes_found{.count = count, .file = file_, .where = where});
 }
 
+// Texts of an older encoding are read as the only one that spreadsheets still write.
+void CsvReader::note_encoding()
+{
+  const auto first =
+      std::find_if(columns_.begin(), columns_.end(), [](const FileColumn& c) { return !c.recoded.empty(); });
+  if (!recoded_name_.empty())
+    log_.xpmlog(message::texts_recoded{.file = file_, .value = recoded_name_});
+  else if (first != columns_.end())
+    log_.xpmlog(message::texts_recoded{.file = file_, .value = first->recoded, .column = first->name});
+}
+
+// One column whose name and texts hold blanks: they were meant to separate.
+bool CsvReader::warn_of_blanks()
+{
+  if (columns_.size() != 1 || columns_[0].type != Type::text || columns_[0].name.find(' ') == std::string::npos) return false;
+  for (const std::string& text : columns_[0].texts.dictionary())
+    if (!text.empty() && text.find(' ') == std::string::npos) return false;
+  log_.xpmlog(message::blanks_do_not_separate{.file = file_, .name = columns_[0].name});
+  return true;
+}
+
 void CsvReader::notes()
 {
   note_codes();
+  note_encoding();
+  if (warn_of_blanks()) return;
   const bool any_comma = std::any_of(columns_.begin(), columns_.end(),
                                      [](const FileColumn& c) { return c.type == Type::number && c.seen.comma; });
   for (const FileColumn& c : columns_) {

@@ -109,6 +109,15 @@ SplitName split(const std::string& name)
   return out;
 }
 
+// The file that a name such as trial.csv was meant for; empty when the name does not end like a file.
+std::string file_meant(const std::string& name)
+{
+  const std::string ending = wzstrlo(name.substr(name.rfind('.') + 1));
+  for (const char* known : {"csv", "tsv", "txt", "dat", "gz", "zst", "db", "sqlite", "sqlite3"})
+    if (ending == known) return name;
+  return {};
+}
+
 void not_found(const std::string& name, const std::string& where, const std::vector<std::string>& alternatives,
                MessageSink& log, const MessagePlace& place)
 {
@@ -251,7 +260,8 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   if (!one_level && library == libraries_.end()) {
     std::string known = "work";
     for (const auto& [l, path] : libraries_) known += ", " + l;
-    log.xpmlog(message::library_not_bound{.library = parts.library, .known = known}, place);
+    log.xpmlog(message::library_not_bound{.library = parts.library, .known = known, .file = file_meant(reference.name)},
+               place);
     return std::nullopt;
   }
   const std::string folder = library != libraries_.end() ? library->second : places_.program_folder;
@@ -327,7 +337,9 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
       return nullptr;
     }
     if (parts.library != "work" && library == libraries_.end()) {
-      log.xpmlog(message::library_not_bound{.library = parts.library, .known = "work"}, place);
+      log.xpmlog(
+          message::library_not_bound{.library = parts.library, .known = "work", .file = file_meant(reference.name)},
+          place);
       return nullptr;
     }
     const std::string folder = library == libraries_.end() ? places_.output_folder : library->second;

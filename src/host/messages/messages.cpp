@@ -1,5 +1,6 @@
 #include "host/messages/messages.h"
 #include "host/messages/names/files.h"
+#include "host/messages/source_excerpt.h"
 #include "host/values/text.h"
 #include <algorithm>
 #include <charconv>
@@ -72,12 +73,15 @@ std::string as_sentence(std::string_view text)
   return filled(outside, names, complete);
 }
 
-std::string place_text(const MessagePlace& place)
+// Where a message belongs, in brackets. The place in the program is told by the lines below it, but for notes.
+std::string place_text(const MessagePlace& place, Severity severity)
 {
   std::vector<std::string> parts;
-  if (!place.statement.empty()) parts.push_back(fmt::format("{} statement", place.statement));
-  if (place.line > 0) parts.push_back(fmt::format("line {}", place.line));
-  if (place.column > 0) parts.push_back(fmt::format("column {}", place.column));
+  if (place.line <= 0 || severity == Severity::note) {
+    if (!place.statement.empty()) parts.push_back(fmt::format("{} statement", place.statement));
+    if (place.line > 0) parts.push_back(fmt::format("line {}", place.line));
+    if (place.column > 0) parts.push_back(fmt::format("column {}", place.column));
+  }
   if (place.row > 0) parts.push_back(fmt::format("data row {}", place.row));
   if (!place.subject.empty()) parts.push_back(fmt::format("subject {}", place.subject));
   if (!place.file.empty()) parts.push_back(fmt::format("file {}", place.file));
@@ -171,7 +175,7 @@ void MessageSink::xpmlog(const NumberedMessage& named, const MessagePlace& place
   message.column = place.column;
   message.source = place.source;
   // The place goes before the full stop, so that the sentence stays one.
-  const std::string where = place_text(place);
+  const std::string where = place_text(place, message.severity);
   const bool stop = !where.empty() && message.text.ends_with('.') && message.text.find(". ") == std::string::npos;
   if (stop) message.text.pop_back();
   message.text += where;
@@ -245,7 +249,7 @@ void MessageLog::locate(Message& message) const
   if (message.source.ends_with('\r')) message.source.pop_back();
 }
 
-// Words, then for warnings and errors the place in the form that editors follow, its line and a caret below the column.
+// Words, then for warnings and errors the place in the form that editors follow, its line and carets below the words meant.
 void MessageLog::write(const Message& message) const
 {
   std::string text = wzstrup(severity_name(message.severity)) + ": " + message.text;
@@ -255,18 +259,8 @@ void MessageLog::write(const Message& message) const
   const std::string column = message.column > 0 ? fmt::format(":{}", message.column) : std::string();
   writer_(fmt::format("  --> {}:{}{}", message.file, message.line, column));
   if (message.source.empty()) return;
-  const std::string number = std::to_string(message.line), margin(number.size(), ' ');
-  writer_(fmt::format("  {} | {}", number, message.source));
-  if (message.column <= 0) return;
-  // Tabs before the caret stay tabs, so that it stands below its character; bytes of one character count once.
-  std::string caret = fmt::format("  {} | ", margin);
-  int at = 1;
-  for (const char c : message.source) {
-    if ((static_cast<unsigned char>(c) & 0xC0U) == 0x80U) continue;
-    if (at++ >= message.column) break;
-    caret += c == '\t' ? '\t' : ' ';
-  }
-  writer_(caret + "^");
+  for (const std::string& line : source_excerpt(message.line, message.source, message.column, message.length))
+    writer_(line);
 }
 
 void MessageLog::xpslog(std::string_view line)

@@ -61,11 +61,18 @@ struct DataSetResult {
   std::size_t rows = 0;
 };
 
+// Text that a step lists: statements, code, derivatives.
+struct ProgramListing {
+  std::string title;
+  std::string text; // lines with their ends
+};
+
 // What one step (one TORVALE statement to its RUN) gave.
 struct StepResult {
   int return_code = 0;
   std::vector<Message> messages;
   std::deque<GroupResult> groups;
+  std::vector<ProgramListing> listings;
   std::vector<DataSetResult> data_sets;
   DataSource data;
   std::optional<long> seed; // in use

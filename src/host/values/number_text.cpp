@@ -211,8 +211,9 @@ std::string format_number(double x, const NumberFormat& format)
   }
   case NumberFormat::Kind::best_fit: {
     if (x == 0.0) return "0";
-    const int decimals =
-        std::max(decimals_for(x, format.width, format.digits), format.least_decimals > 0 ? format.least_decimals : -1);
+    int decimals = decimals_for(x, format.width, format.digits);
+    // Of a value that is too small for the width the least decimals would show nothing but zeros.
+    if (decimals >= 0) decimals = std::max(decimals, format.least_decimals);
     return decimals < 0 ? exponent_text(x, format.width) : fixed_text(x, decimals);
   }
   case NumberFormat::Kind::best:

@@ -168,6 +168,42 @@ std::string valid_utf8(std::string_view text)
   return out;
 }
 
+bool is_utf8(std::string_view text)
+{
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t length = utf8_length(text.substr(i));
+    if (length == 0) return false;
+    i += length;
+  }
+  return true;
+}
+
+std::string utf8_from_windows(std::string_view text)
+{
+  // Code points of the bytes 80 to 9F; 0: none, the byte stands for itself.
+  static constexpr std::uint16_t special[32] = {0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
+                                                0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0,      0x017D, 0,
+                                                0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
+                                                0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0,      0x017E, 0x0178};
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    unsigned point = byte;
+    if (byte >= 0x80 && byte < 0xA0 && special[byte - 0x80] != 0) point = special[byte - 0x80];
+    if (point < 0x80) {
+      out += c;
+    } else if (point < 0x800) {
+      out += static_cast<char>(0xC0 | (point >> 6));
+      out += static_cast<char>(0x80 | (point & 0x3F));
+    } else {
+      out += static_cast<char>(0xE0 | (point >> 12));
+      out += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (point & 0x3F));
+    }
+  }
+  return out;
+}
+
 std::vector<std::string> wrapped(std::string_view text, std::size_t width, std::size_t indent)
 {
   std::vector<std::string> lines(1);

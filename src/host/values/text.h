@@ -76,6 +76,10 @@ std::string centred(std::string_view text, std::size_t width);
 // `text` with bytes that are not UTF-8 replaced by U+FFFD.
 std::string valid_utf8(std::string_view text);
 
+bool is_utf8(std::string_view text);
+// A text in Windows 1252, of which Latin 1 is a part, as UTF-8.
+std::string utf8_from_windows(std::string_view text);
+
 // A paragraph broken into lines of at most `width` columns, the later ones behind `indent` blanks.
 std::vector<std::string> wrapped(std::string_view text, std::size_t width, std::size_t indent);
 

@@ -151,6 +151,21 @@ void append_group(std::string& out, const GroupResult& group)
   out += "]}";
 }
 
+void append_listings(std::string& out, const std::vector<ProgramListing>& listings)
+{
+  out += ",\n     \"listings\": [";
+  Separated separated(out, ",");
+  for (const ProgramListing& listing : listings) {
+    separated.next();
+    out += "\n       {";
+    append_field(out, "title", listing.title);
+    out += ", ";
+    append_field(out, "text", listing.text);
+    out += '}';
+  }
+  out += ']';
+}
+
 void append_step(std::string& out, const StepResult& step)
 {
   out += fmt::format("{{\"return_code\": {},\n     ", step.return_code);
@@ -179,7 +194,9 @@ void append_step(std::string& out, const StepResult& step)
     append_field(out, "path", set.path);
     out += fmt::format(", \"rows\": {}}}", set.rows);
   }
-  out += "]}";
+  out += ']';
+  if (!step.listings.empty()) append_listings(out, step.listings);
+  out += '}';
 }
 
 } // namespace

@@ -52,14 +52,10 @@ double unchecked_quantile(int distribution, double y, const double* a, double sh
   case t:
     return a[1] > 0 ? quantile_of(probability::student_tails((y - a[0]) / std::sqrt(a[1]), a[2])) : missing;
   case binary:
-    return quantile_on_jump(y, share, [&](double k) { return probability::binomial_tails(k, 1.0, a[0]); });
   case binomial:
-    return quantile_on_jump(std::floor(y), share, [&](double k) { return probability::binomial_tails(k, a[0], a[1]); });
   case poisson:
-    return quantile_on_jump(std::floor(y), share, [&](double k) { return probability::poisson_tails(k, a[0]); });
   case negbin:
-    return quantile_on_jump(std::floor(y), share,
-                            [&](double k) { return probability::negative_binomial_tails(k, a[0], a[1]); });
+    return quantile_on_jump(std::floor(y), share, [&](double k) { return count_tails(distribution, k, a); });
   case gamma_response:
     return quantile_of(probability::gamma_tails(y / a[1], a[0]));
   default:
@@ -106,6 +102,22 @@ ResponseMoments response_moments(int distribution, const double* a)
     return {a[0] * a[1], a[0] * a[1] * a[1], {a[1], a[0]}};
   default:
     return {missing, missing};
+  }
+}
+
+Tails count_tails(int distribution, double k, const double* a)
+{
+  switch (distribution) {
+  case binary:
+    return probability::binomial_tails(k, 1.0, a[0]);
+  case binomial:
+    return probability::binomial_tails(k, a[0], a[1]);
+  case poisson:
+    return probability::poisson_tails(k, a[0]);
+  case negbin:
+    return probability::negative_binomial_tails(k, a[0], a[1]);
+  default:
+    return {missing, missing, missing, missing, missing};
   }
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 // What the distributions of the MODEL statement say of a response: mean, variance, distribution function.
 
+#include "probability/tails.h"
+
 namespace torvale::inference {
 
 inline constexpr int most_response_arguments = 3;
@@ -14,6 +16,10 @@ struct ResponseMoments {
 };
 
 ResponseMoments response_moments(int distribution, const double* arguments);
+
+// count_tails: the distribution function of a count (BINARY, BINOMIAL, POISSON, NEGBIN) at k. Missing outside the domain of
+// the arguments, and for other distributions.
+probability::Tails count_tails(int distribution, double k, const double* arguments);
 
 // quantile_residual: the standard normal quantile that belongs to the distribution function at y. For counts and
 // binaries the function jumps at y: `share` (0 to 1) says where on the jump. Accurate in both tails. Missing outside

@@ -49,6 +49,7 @@ public:
     for (auto* column : {&out_.response, &out_.population, &out_.residual, &out_.pearson, &out_.quantile})
       column->assign(count, missing);
     out_.subject.assign(count, -1);
+    out_.arguments.assign(count * static_cast<std::size_t>(response_arguments(n.disttype)), missing);
     if (n.nreff() > 0) out_.individual.assign(count, missing);
   }
 
@@ -99,9 +100,10 @@ private:
   {
     ResponseMoments m[2];
     double a[most_response_arguments] = {missing, missing, missing};
+    const auto each = static_cast<std::size_t>(response_arguments(n_.disttype));
     for (int p = 0; p < points; ++p) { // the last point is the nearest one
-      for (int k = 0; k < response_arguments(n_.disttype); ++k)
-        a[k] = frame_.output(1 + k)[lane + static_cast<std::size_t>(p)];
+      for (std::size_t k = 0; k < each; ++k)
+        a[k] = frame_.output(1 + static_cast<int>(k))[lane + static_cast<std::size_t>(p)];
       m[p] = response_moments(n_.disttype, a);
     }
     const ResponseMoments& nearest = m[points - 1];
@@ -114,6 +116,7 @@ private:
         nearest.variance > 0 ? host::canonical_missing(out_.residual[at] / std::sqrt(nearest.variance)) : missing;
     // Pictures of one program are the same each time, seed or none.
     const double share = engine::uniform_at(1.0, static_cast<double>(out_.row[at]), 0.0, 0.0);
+    std::copy_n(a, each, out_.arguments.begin() + static_cast<std::ptrdiff_t>(at * each));
     out_.quantile[at] = host::canonical_missing(quantile_residual(n_.disttype, out_.response[at], a, share));
   }
 

@@ -19,6 +19,7 @@ struct FitRecords {
   std::vector<double> residual;   // response - individual (population without random effects)
   std::vector<double> pearson;    // residual / root of the variance of the response at the same place
   std::vector<double> quantile;   // quantile_residual at the same place, randomized when discrete
+  std::vector<double> arguments;  // of the distribution there, response_arguments a record
 };
 
 // Means and variances of the random effects of every subject at the estimates: nr a subject, subjects in order; missing

@@ -2,6 +2,7 @@
 
 #include "host/values/missing.h"
 #include "host/values/text.h"
+#include "inference/outputs/response_moments.h"
 #include "model/subject_names.h"
 
 #include <algorithm>
@@ -133,6 +134,22 @@ void axis_and_covariates(const NX& n, PictureData& out)
   out.axis_value = values_of(*axis, out.records);
 }
 
+// From at most this many records, since each takes a distribution function at every bin.
+constexpr std::size_t most_counted = 3000;
+
+void add_frequencies(int distribution, PictureData& out)
+{
+  const auto& r = out.records;
+  const auto each = static_cast<std::size_t>(response_arguments(distribution));
+  out.frequency_step = (r.response.size() + most_counted - 1) / most_counted;
+  std::vector<double> response, arguments;
+  for (std::size_t i = 0; i < r.response.size(); i += out.frequency_step) {
+    response.push_back(r.response[i]);
+    for (std::size_t k = 0; k < each; ++k) arguments.push_back(r.arguments[i * each + k]);
+  }
+  out.frequencies = count_frequencies(distribution, response, arguments);
+}
+
 } // namespace
 
 int picture_data(NX& n, PictureData& out)
@@ -152,6 +169,7 @@ int picture_data(NX& n, PictureData& out)
     if (!random_effect_moments(n, reff, level.prior)) return 1;
   }
   axis_and_covariates(n, out);
+  if (out.kind == ResponseKind::count) add_frequencies(n.disttype, out);
   return 0;
 }
 

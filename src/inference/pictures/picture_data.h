@@ -1,6 +1,7 @@
 #pragma once
 // PictureData: what the pictures of one fit are drawn from: plain numbers and labels, no model.
 
+#include "inference/pictures/count_frequencies.h"
 #include "inference/pictures/fit_records.h"
 
 #include <string>
@@ -33,6 +34,8 @@ struct PictureData {
   std::string response;    // label of the response
   bool replicated = false; // a REPLICATE variable counts rows more than once
   FitRecords records;
+  CountFrequencies frequencies;    // of counts, from every frequency_step-th record; else empty
+  std::size_t frequency_step = 1;
   std::string axis;                // label of the variable that records are drawn along; empty: none
   std::vector<double> axis_value;  // per row of records
   std::vector<EffectLevel> levels; // the deepest first; empty without random effects

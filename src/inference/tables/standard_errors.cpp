@@ -61,7 +61,9 @@ double standard_error(const NX& n, const double* g, double v)
 void warn_without_influence(NX& n)
 {
   if (n.hessmat.empty() || n.znlprc <= 0) return;
+  const auto& identified = n.verdict.identified; // what the judgement of the fit has named needs no second message
   for (int i = 0; i < n.nparm; ++i) {
+    if (static_cast<std::size_t>(i) < identified.size() && identified[static_cast<std::size_t>(i)] == 0) continue;
     bool responds = n.parmstr[static_cast<std::size_t>(i)].held() || n.str->grad[i] != 0.0;
     for (int j = 0; j < n.nparm && !responds; ++j) {
       const auto r = static_cast<std::size_t>(std::max(i, j)), c = static_cast<std::size_t>(std::min(i, j));

@@ -4,6 +4,7 @@
 #include "language/lexical.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace torvale::language {
 
@@ -479,16 +480,41 @@ template <> void Builder::on<Action::put_advance_expression>(const SEMARG& a, st
   put_item(Action::put_advance_expression, a, r, result);
 }
 
+template <> void Builder::on<Action::file_option_value>(const SEMARG&, std::span<Value> r, Value& result)
+{
+  const Token value = r[1].token;
+  file_value_ =
+      value.symbol == token_class::INT ? static_cast<std::int32_t>(std::clamp(value.number, 0.0, 32767.0)) : 0;
+  result = r[0];
+}
+
 template <> void Builder::on<Action::file_option>(const SEMARG&, std::span<Value> r, Value&)
 {
-  diagnostics_->warning(Problem::without_effect, r[1].token.where, "Options of FILE have no effect.",
-                        r[1].token.length);
+  const std::string word = upper_case(r[1].token.text);
+  const std::int32_t value = std::exchange(file_value_, 0);
+  if (value > 0 && (word == "LRECL" || word == "LINESIZE" || word == "LS"))
+    file_.line_size = value;
+  else if (word == "PAD" || word == "NOPAD")
+    file_.pad = word == "PAD";
+  else if (word == "DROPOVER" || word == "FLOWOVER")
+    file_.drop_over = word == "DROPOVER";
+  else if (word == "MOD" || word == "OLD")
+    file_.append = word == "MOD";
+  else
+    diagnostics_->warning(Problem::without_effect, r[1].token.where,
+                          "This option of FILE has no effect. LRECL=, PAD, DROPOVER and MOD have one.",
+                          r[1].token.length);
 }
 
 template <> void Builder::on<Action::file_statement>(const SEMARG&, std::span<Value> r, Value& result)
 {
   const Token target = r[1].token;
   FileStatement* s = statement<FileStatement>(StatementKind::file, r, result);
+  s->line_size = file_.line_size;
+  s->drop_over = file_.drop_over;
+  s->pad = file_.pad;
+  s->append = file_.append;
+  file_ = {};
   s->is_name = target.symbol == token_class::QS;
   s->target = target.text;
 }

@@ -185,6 +185,8 @@ private:
   std::unordered_set<std::string> labels_;
   std::vector<const syntax::JumpStatement*> jumps_;
   std::unordered_set<int> given_;         // option rows of the statement in work
+  syntax::FileStatement file_;            // options of the FILE statement in work
+  std::int32_t file_value_ = 0;           // of the option read last; 0: a name
   std::vector<std::string_view> outputs_; // OUTARGS names of the subprogram in work
   bool by_given_ = false;
 };

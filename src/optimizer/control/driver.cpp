@@ -42,9 +42,9 @@ int feasible_start(MINSTR* str)
 {
   std::copy_n(str->x, str->nvar, str->xold);
   const int result = constrained(*str) ? znlpfea(str) : 0;
-  if (result > 0) send_message(str, 549, 10, severity_note);
+  if (result > 0) send_message(str, named("start_moved"), severity_note);
   if (result < 0) {
-    send_message(str, 549, 46, severity_error, {str->ceps});
+    send_message(str, named("no_feasible_point"), severity_error, {str->ceps});
     std::copy_n(str->xold, str->nvar, str->x);
     str->ipre = 0;
     znlpfch(str, 1, 0);

@@ -89,20 +89,20 @@ void set_default(double& option, double value)
 bool check_technique(MINSTR* str)
 {
   bool runs = true;
-  const auto refuse = [&](int number) {
-    send_message(str, 352, number, severity_error, {static_cast<double>(str->tech)});
+  const auto refuse = [&](MessageKey why) {
+    send_message(str, why, severity_error, {static_cast<double>(str->tech)});
     runs = false;
   };
-  if (str->lsqu != 0 || str->linf != 0 || str->l1nm != 0) refuse(452);
-  if (str->fqad != 0) refuse(455);
+  if (str->lsqu != 0 || str->linf != 0 || str->l1nm != 0) refuse(named("least_squares_not_available"));
+  if (str->fqad != 0) refuse(named("quadratic_not_available"));
   if (str->tech < 1) {
     const long n = str->nvar;
     str->tech = n == 0 ? NONE : n < 40 ? QUANEW : n < 400 ? DUQUAN : CONGRA;
   }
-  if (*technique_name(str->tech) == '\0') refuse(457);
-  if (str->tech == NRLINS) send_message(str, 352, 456, severity_warning);
-  if (str->lincon != 0 && is_simplex(str->tech)) refuse(461);
-  if (str->nlicon != 0) refuse(462);
+  if (*technique_name(str->tech) == '\0') refuse(named("technique_not_available"));
+  if (str->tech == NRLINS) send_message(str, named("nrlins_run_as_newrap"), severity_warning);
+  if (str->lincon != 0 && is_simplex(str->tech)) refuse(named("simplex_with_linear_constraints"));
+  if (str->nlicon != 0) refuse(named("nonlinear_constraints_not_available"));
   return runs;
 }
 
@@ -110,20 +110,19 @@ bool check_technique(MINSTR* str)
 bool check_update(MINSTR* str)
 {
   if (str->tech == QUANEW && str->tupd < 6) str->tech = DUQUAN;
-  int wrong = 0;
-  if (str->tech == QUANEW && str->tupd > 10) wrong = 463;
-  if ((str->tech == DBLDOG || str->tech == DUQUAN) && str->tupd > 5) wrong = 464;
-  if (str->tech == CONGRA && str->tupd != 0 && str->tupd < 11) wrong = 465;
-  if (wrong != 0) {
-    send_message(str, 352, wrong, severity_error, {static_cast<double>(str->tupd)});
+  const auto refuse = [&](MessageKey why) {
+    send_message(str, why, severity_error, {static_cast<double>(str->tupd)});
     return false;
-  }
+  };
+  if (str->tech == QUANEW && str->tupd > 10) return refuse(named("update_not_of_quanew"));
+  if ((str->tech == DBLDOG || str->tech == DUQUAN) && str->tupd > 5) return refuse(named("update_not_of_duquan"));
+  if (str->tech == CONGRA && str->tupd != 0 && str->tupd < 11) return refuse(named("update_not_of_congra"));
   if (str->tech == QUANEW) str->tupd -= 5;
   if (str->tech == CONGRA) str->tupd -= 10;
   if (uses_gradient_direction(str->tech)) {
     if (str->tupd < 1 || str->tupd > 4) str->tupd = 1;
   } else {
-    if (str->tupd != 0) send_message(str, 352, 466, severity_warning);
+    if (str->tupd != 0) send_message(str, named("update_ignored"), severity_warning);
     str->tupd = 0;
   }
   return true;
@@ -150,7 +149,7 @@ void check_cost(MINSTR* str)
   const double cost = calls_for_hessian(*str, from_values);
   constexpr double least_hessians = 5.0;
   if (!(least_hessians * cost >= limit) || !(limit > 0.0) || !(iterations > 1.0)) return;
-  send_message(str, 503, 9400, severity_note, {cost, limit});
+  send_message(str, named("hessians_too_dear"), severity_note, {cost, limit});
   str->tech = DUQUAN;
   str->tupd = 1;
 }
@@ -163,7 +162,7 @@ void default_technique_options(MINSTR* str)
   const bool scales =
       str->tech == TRUREG || str->tech == NEWRAP || str->tech == NRLINS || str->tech == NRRIDG || str->tech == DBLDOG;
   if (str->hesc != 0 && !scales) {
-    send_message(str, 352, 467, severity_warning);
+    send_message(str, named("hescal_ignored"), severity_warning);
     str->hesc = 0;
   }
   str->hesc = std::min(str->hesc, 3);
@@ -181,7 +180,7 @@ void default_constraint_options(MINSTR* str)
     // size.
     const bool wrong_sign = str->imax == 0 ? str->deat > 0.0 : str->deat < 0.0;
     if (wrong_sign) {
-      send_message(str, 352, 468, severity_warning, {str->deat});
+      send_message(str, named("lcdeact_ignored"), severity_warning, {str->deat});
       str->deat = missing;
     } else {
       str->deat = std::abs(str->deat);
@@ -195,7 +194,8 @@ void default_line_search_options(MINSTR* str)
   const bool searches =
       str->tech == NEWRAP || str->tech == NRLINS || str->tech == QUANEW || str->tech == DUQUAN || str->tech == CONGRA;
   if (str->tlin < 1 || str->tlin > 8) str->tlin = 0;
-  if (str->tlin != 0 && !searches && str->tech != NRRIDG) send_message(str, 352, 469, severity_warning);
+  if (str->tlin != 0 && !searches && str->tech != NRRIDG)
+    send_message(str, named("linesearch_ignored"), severity_warning);
   if (str->tlin == 0 && searches) str->tlin = 2;
   if (str->smit == 0 || is_missing(str->smax) || !(str->smax > 0.0)) str->smax = largest;
   if (is_missing(str->salf) || !(str->salf > 0.0)) str->salf = 1.0;
@@ -215,13 +215,13 @@ void default_derivative_options(MINSTR* str)
 {
   str->ider = str->tech == NONE || is_simplex(str->tech) ? 0 : takes_hessians(str->tech) ? 4 : 1;
   if (str->fidi != 0 && str->fihs != 0) {
-    send_message(str, 352, 472, severity_warning);
+    send_message(str, named("fd_ignored"), severity_warning);
     str->fidi = 0;
   }
   if (str->fidi == 0 && str->usgrd == nullptr) str->fidi = 3;
   str->gchk = str->gchk >= 1 && str->gchk <= 3 ? str->gchk - 1 : 0;
   if (str->gchk != 0 && str->fidi != 0) {
-    send_message(str, 352, 471, severity_warning);
+    send_message(str, named("gradcheck_ignored"), severity_warning);
     str->gchk = 0;
   }
   // FD=FORWARD and FD=CENTRAL mean what they say; FD alone starts forward and may switch.
@@ -269,7 +269,7 @@ void default_limits(MINSTR* str)
   }
   set_default(str->maxi, iterations);
   if (str->maxi < static_cast<double>(str->mini)) {
-    send_message(str, 503, 330, severity_note, {str->maxi, static_cast<double>(str->mini)});
+    send_message(str, named("maxiter_below_miniter"), severity_note, {str->maxi, static_cast<double>(str->mini)});
     str->maxi = static_cast<double>(str->mini);
   }
   set_default(str->max2, 20.0);

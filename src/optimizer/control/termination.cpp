@@ -160,7 +160,9 @@ int limits(const MINSTR& str, MINSTR* record)
 
 void note_unbounded(MINSTR* str)
 {
-  if (!str->unbounded_told) send_message(str, 549, str->imax == 0 ? 40 : 41, severity_warning, {str->ssin});
+  if (!str->unbounded_told)
+    send_message(str, str->imax == 0 ? named("unbounded_below") : named("unbounded_above"), severity_warning,
+                 {str->ssin});
   str->unbounded_told = true;
   str->tbig = 1.0;
 }

@@ -89,7 +89,7 @@ int invert(MINSTR* str, COVSTR& cov, long m, std::vector<double>& c, double* det
   std::vector<double> spent(original);
   zcovlid(str, cov.asin, cov.msin, cov.vsin, m, spent.data(), scratch.data(), singular.data());
   if (m > cov.g4li) {
-    send_message(str, 549, 189, severity_warning);
+    send_message(str, named("singular_hessian_dependencies"), severity_warning);
     return status_singular;
   }
   double* const eigenvalues = scratch.data() + m * m + 2 * m;
@@ -98,7 +98,7 @@ int invert(MINSTR* str, COVSTR& cov, long m, std::vector<double>& c, double* det
   if (zcovgiv(m, cov.asin, cut, original.data(), spectral, eigenvalues, scratch.data()) < 0)
     return status_inverse_failed;
   if (cov.eigenvalues != nullptr) cov.eigenvalues(str, eigenvalues, m);
-  send_message(str, 549, 190, severity_warning);
+  send_message(str, named("singular_hessian_inverse"), severity_warning);
   c = std::move(original);
   return status_generalized;
 }
@@ -111,7 +111,7 @@ void standard_errors(MINSTR* str, const COVSTR& cov)
     negative = negative || variance < 0.0;
     str->ster[i] = variance >= 0.0 ? std::sqrt(variance) : missing;
   }
-  if (negative) send_message(str, 549, 257, severity_warning);
+  if (negative) send_message(str, named("negative_variances"), severity_warning);
 }
 
 } // namespace
@@ -140,16 +140,17 @@ int znlpcov(MINSTR* str)
   cov.vardiv = divisor(cov);
   const double count = std::max(cov.nobs, 1.0);
   cov.sigm = !is_missing(cov.cfac) ? cov.cfac : form == 3 || form == 4 ? 1.0 / cov.vardiv : count / cov.vardiv;
-  if (is_missing(cov.cfac) && !is_missing(cov.sigs)) send_message(str, 549, 184, severity_note, {cov.sigs});
+  if (is_missing(cov.cfac) && !is_missing(cov.sigs))
+    send_message(str, named("sigsq_ignored"), severity_note, {cov.sigs});
 
   const bool sandwich = form == 1 || form == 6;
   const bool from_scores = form == 5;
   if ((sandwich || from_scores) && !cov.crossproduct.present) {
-    send_message(str, 549, 188, severity_warning);
+    send_message(str, named("covariance_matrix_not_available"), severity_warning);
     return cov.status = status_no_crossproduct;
   }
   if (!from_scores && !cov.hessian.present) {
-    send_message(str, 549, 188, severity_warning);
+    send_message(str, named("covariance_matrix_not_available"), severity_warning);
     return cov.status = status_no_hessian;
   }
 
@@ -183,7 +184,11 @@ int znlpcov(MINSTR* str)
   str->nnev = static_cast<long>(str->det[3]);
   str->nzev = static_cast<long>(str->det[4]);
   if (str->nzev > 0)
-    send_message(str, 549, str->nzev == 1 ? 185 : str->nzev == 2 ? 255 : 256, severity_warning, {str->det[4]});
+    send_message(str,
+                 str->nzev == 1   ? named("one_singular_direction")
+                 : str->nzev == 2 ? named("two_singular_directions")
+                                  : named("singular_directions"),
+                 severity_warning, {str->det[4]});
   standard_errors(str, cov);
   return cov.status;
 }

@@ -102,8 +102,8 @@ int check_gradient(MINSTR* str, bool detail)
   str->crit = crit;
   str->indf = purpose;
   if (!known) return -1;
-  send_message(str, 549, wrong == 0 ? 180 : 181, wrong == 0 ? severity_note : severity_warning,
-               {static_cast<double>(wrong), worst});
+  send_message(str, wrong == 0 ? named("gradient_agrees") : named("gradient_disagrees"),
+               wrong == 0 ? severity_note : severity_warning, {static_cast<double>(wrong), worst});
   return wrong;
 }
 

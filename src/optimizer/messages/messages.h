@@ -1,5 +1,6 @@
 #pragma once
 
+#include "optimizer/messages/message_rows.h"
 #include "optimizer/minstr.h"
 
 #include <initializer_list>
@@ -11,10 +12,10 @@ inline constexpr int severity_warning = 2;
 inline constexpr int severity_error = 3;
 
 // Hands a message to the sink of the record; nothing happens without one.
-inline void send_message(MINSTR* str, int group, int number, int severity, std::initializer_list<double> values = {})
+inline void send_message(MINSTR* str, MessageKey message, int severity, std::initializer_list<double> values = {})
 {
   if (str->message != nullptr) {
-    str->message(str, group, number, severity, values.size() == 0 ? nullptr : values.begin(),
+    str->message(str, message.group, message.number, severity, values.size() == 0 ? nullptr : values.begin(),
                  static_cast<int>(values.size()));
   }
 }

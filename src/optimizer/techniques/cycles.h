@@ -14,10 +14,13 @@ inline constexpr int restart_cycle = 1000;
 //   technique.iteration()   0 to go on, restart_cycle, or a code
 //
 // A cycle that restarts without having accepted a step would take the same steps again: that is "no progress". A code
-// of 100, from the optimality check or because the active set left no direction, begins a cycle in any case.
+// of 100, from the optimality check or because the active set left no direction, begins a cycle in any case, but not
+// for ever: constraints that are held and released by turns, without a step, are no progress either.
 template <class Technique> int run_cycles(MINSTR* str, Technique& technique)
 {
   if (const int rc = begin_technique(str, true); rc != 0) return rc;
+  const long most_idle = 2 * (str->nvar + str->ncon) + 2;
+  long idle = 0; // cycles in a row that took no step
   for (bool first = true, reported = false;; first = false) {
     begin_cycle(str);
     znlpgmx(str);
@@ -33,6 +36,11 @@ template <class Technique> int run_cycles(MINSTR* str, Technique& technique)
     if (code == restart_cycle && str->nitr > iterations) continue;
     if (code != code_reenter) code = end_technique(str, code == restart_cycle ? code_no_progress : code);
     if (code != code_reenter) return code;
+    idle = str->nitr > iterations ? 0 : idle + 1;
+    if (idle > most_idle) {
+      code = end_technique(str, code_no_progress);
+      return code == code_reenter ? static_cast<int>(code_no_progress) : code;
+    }
   }
 }
 

@@ -158,8 +158,8 @@ void advise_on_response(NX& n)
     if (outside++ == 0) first = row;
   }
   if (outside == 0) return;
-  message::response_outside_support words{
-      .name = n.depname, .value = column->number(first), .count = outside, .support = support.words};
+  message::response_outside_support words{.name = n.depname, .value = column->number(first), .support = support.words};
+  if (outside > 1) words.count = outside;
   if (n.disttype == 2 && values == std::set<double>{1, 2})
     words.advice = "it is coded 1 and 2: compute event = (" + n.depname + " = 2); and name event in MODEL";
   else if (!std::isnan(code) && !(code >= support.low && code <= support.high))

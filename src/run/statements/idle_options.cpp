@@ -3,6 +3,9 @@
 #include "host/messages/names/fit.h"
 #include "run/statements/statement_processing.h"
 
+#include <string>
+#include <utility>
+
 namespace torvale::run {
 
 namespace {
@@ -34,6 +37,28 @@ constexpr IdleOption options[] = {
     {torvale_flag::debug, "DEBUG"},
 };
 
+constexpr IdleOption points[] = {
+    {torvale_slot::qpoints, "QPOINTS"},
+    {torvale_slot::qtol, "QTOL"},
+    {torvale_slot::qfac, "QFAC"},
+    {torvale_slot::qmax, "QMAX"},
+};
+
+std::string names_given(std::span<const IdleOption> list, const syntax::STMT& procedure)
+{
+  std::string names;
+  for (const IdleOption& o : list)
+    if (o.given_in(procedure)) names += (names.empty() ? "" : ", ") + std::string(o.name);
+  return names;
+}
+
+void note(model::NX& n, const syntax::STMT& procedure, std::string names)
+{
+  if (!names.empty())
+    n.host->log().xpmlog(message::options_without_effect{.options = std::move(names)},
+                         place_at(n, "TORVALE", procedure.where));
+}
+
 } // namespace
 
 std::span<const IdleOption> idle_options()
@@ -43,16 +68,15 @@ std::span<const IdleOption> idle_options()
 
 void note_idle_options(model::NX& n, const syntax::STMT& procedure)
 {
-  std::string names;
-  const auto add = [&](const char* name) {
-    names += names.empty() ? "" : ", ";
-    names += name;
-  };
-  for (const IdleOption& o : options)
-    if (o.given_in(procedure)) add(o.name);
-  if (!n.proc->traces.empty()) add("trace switches");
-  if (!names.empty())
-    n.host->log().xpmlog(message::options_without_effect{.options = names}, place_at(n, "TORVALE", procedure.where));
+  std::string names = names_given(options, procedure);
+  if (!n.proc->traces.empty()) names += std::string(names.empty() ? "" : ", ") + "trace switches";
+  note(n, procedure, std::move(names));
+}
+
+void note_idle_points(model::NX& n, const syntax::STMT& procedure)
+{
+  const bool has_rule = (n.method == 0 || n.method == 3) && (n.reff.empty() || n.leaf().distrtype == 0);
+  if (!has_rule) note(n, procedure, names_given(points, procedure));
 }
 
 } // namespace torvale::run

@@ -25,4 +25,7 @@ std::span<const IdleOption> idle_options();
 // Message 503/9436 with the idle options that the statement gives.
 void note_idle_options(model::NX& n, const syntax::STMT& procedure);
 
+// The same of the options of quadrature points, where the method or the distribution of the effects has no such points.
+void note_idle_points(model::NX& n, const syntax::STMT& procedure);
+
 } // namespace torvale::run

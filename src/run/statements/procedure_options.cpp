@@ -1,11 +1,13 @@
 // The options of the TORVALE statement: slot and flag numbers are those of the language's tables.
 
+#include "engine/functions/functions.h"
 #include "host/messages/names/fit.h"
 #include "host/messages/names/optimization.h"
 #include "host/messages/names/statements.h"
 #include "host/values/whole_number.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"
+#include "syntax/walk.h"
 
 namespace torvale::run {
 
@@ -14,6 +16,23 @@ using model::RunOptions;
 using syntax::STMT;
 using syntax::torvale_flag;
 using syntax::torvale_slot;
+
+bool draws_numbers(const NX& n)
+{
+  bool draws = n.method == 3;                                                    // importance samples
+  const bool residuals = n.proc->statements.front().given(torvale_slot::outfit); // of counts: a random place on a jump
+  for (const STMT& statement : n.proc->statements) {
+    draws = draws || statement.name == "MCMC";
+    if (statement.name != "MODEL" || !residuals) continue;
+    const auto code = static_cast<int>(statement.number_or(syntax::model_slot::distribution, 0));
+    draws = draws || code == 2 || code == 3 || code == 4 || code == 6; // BINARY, BINOMIAL, POISSON, NEGBIN
+  }
+  syntax::each_expression(n.proc->program, [&](const syntax::Expr& e) {
+    const auto* function = e.kind == syntax::ExprKind::call ? engine::find_function(e.name) : nullptr;
+    draws = draws || (function != nullptr && function->cls == engine::FunctionClass::random);
+  });
+  return draws;
+}
 
 namespace {
 
@@ -33,7 +52,7 @@ void set_seed(NX& n, const STMT& s)
   if (given > 2147483646.0)
     log.xpmlog(message::seed_above_range{.seed = given}, place_at(n, "TORVALE", s.slot(torvale_slot::seed).where));
   n.seed = static_cast<long>(n.host->clock_seed());
-  if (n.method == 3) log.xpmlog(message::seed_from_clock{.seed = n.seed}); // the one method that draws
+  if (draws_numbers(n)) log.xpmlog(message::seed_from_clock{.seed = n.seed});
 }
 
 double default_qmax(const RunOptions& n)

@@ -79,7 +79,7 @@ double log_prior(const NX& n, engine::Frame& frame, const double* theta, double*
 
 } // namespace
 
-void sampling_needs(NX& n)
+void sampling_statement(NX& n)
 {
   STMT* mcmc = nullptr;
   const int count = syntax::FindStmt(*n.proc, "MCMC", &mcmc);
@@ -87,8 +87,13 @@ void sampling_needs(NX& n)
     n.host->log().xpmlog(message::repeated_statement{.statement = "MCMC"}, place_at(n, "MCMC", mcmc->where));
     tvlexit(n, 3000);
   }
-  if (count == 0) return;
-  n.sampling.mcmc = mcmc;
+  if (count == 1) n.sampling.mcmc = mcmc;
+}
+
+void sampling_needs(NX& n)
+{
+  const STMT* const mcmc = n.sampling.mcmc;
+  if (mcmc == nullptr) return;
   const bool integrated = mcmc->flag(mcmc_flag::nointegrate) || n.nreff() == 0;
   if (n.nreff() > 1) refuse(n, "a model with several RANDOM statements", mcmc->where);
   if (!integrated && n.method == 4)
@@ -141,6 +146,15 @@ void specialise_sampling_statements(NX& n)
   const auto reference = reference_of(n, s.mcmc->slot(mcmc_slot::out).list[0], place);
   if (reference) s.output = n.host->libraries().open_output(*reference, n.host->log(), place);
   if (s.output == nullptr) tvlexit(n, 1016);
+}
+
+void complete_sample_output(NX& n)
+{
+  if (n.sampling.output == nullptr || !n.sampling.output->data().columns().empty()) return;
+  sampling::SamplerOptions o;
+  o.out = n.sampling.output;
+  o.nointegrate = true; // of the subjects nothing may be known
+  sampling::declare_sample_columns(n, o);
 }
 
 int run_sampler(NX& n, sampling::SampleDraws* draws)

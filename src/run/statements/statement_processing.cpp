@@ -40,7 +40,9 @@ int log_diagnostics(NX& n)
                        : d.severity == engine::Diagnostic::Severity::warning ? host::Severity::warning
                                                                              : host::Severity::error;
     message.text = d.text;
-    if (d.where.line > 0) message.text += " (" + n.sources->describe(d.where) + ")";
+    // The place stands below warnings and errors; a note has it in its words, as a statement not of the user's has.
+    if (d.where.line > 0 && (message.severity == host::Severity::note || n.sources->source(d.where.source).generated))
+      message.text += " (" + n.sources->describe(d.where) + ")";
     const auto place = n.sources->place({}, d.where);
     message.file = place.program;
     message.line = place.line;
@@ -121,6 +123,23 @@ host::MessagePlace dependent_place(const NX& n)
   return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
 }
 
+// The first text of the column that is no number; where no text is one, how a number is made of them.
+message::dependent_is_character character_dependent(const std::string& name, const host::Column& column)
+{
+  std::size_t first = column.rows();
+  bool numbers = false;
+  for (std::size_t row = 0; row < column.rows(); ++row) {
+    if (column.is_missing(row)) continue;
+    const bool number = host::parse_number(column.text(row)).has_value();
+    numbers = numbers || number;
+    if (!number && first == column.rows()) first = row;
+  }
+  if (first == column.rows()) return {.name = name};
+  message::dependent_is_character out{.name = name, .row = first + 1, .value = column.text(first)};
+  if (!numbers) out.test = name + " = '" + column.text(first) + "'";
+  return out;
+}
+
 void refuse_character_dependent(NX& n)
 {
   const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
@@ -128,7 +147,9 @@ void refuse_character_dependent(NX& n)
   const bool assigned = symbol != nullptr && symbol->assigned;
   const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
   if (!character) return;
-  n.host->log().xpmlog(message::dependent_is_character{.name = n.depname}, dependent_place(n));
+  const auto words =
+      assigned ? message::dependent_is_character{.name = n.depname} : character_dependent(n.depname, *column);
+  n.host->log().xpmlog(words, dependent_place(n));
   tvlexit(n, 3000);
 }
 
@@ -204,10 +225,11 @@ void random_statements(NX& n, const STMT& procedure)
   for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
   if (n.method == 2 && n.leaf().nr != 1) {
     log.xpmlog(message::hardy_needs_one_effect{.count = n.leaf().nr}, place_at(n, "RANDOM", statements[0]->where));
-    tvlexit(n, 3000);
+    tvlexit(n, 1012);
   }
   if (statements.size() > 1) nested_levels(n, procedure);
   number_effects(n);
+  note_idle_points(n, procedure);
   STMT* prediction = nullptr;
   if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
     n.outr = &out[0];
@@ -271,27 +293,49 @@ void warn_unused_parameters(NX& n)
   }
 }
 
+// Texts of the data have the length that they have.
+void warn_of_lengths(NX& n)
+{
+  for (const auto* const s : n.proc->program.statements) {
+    if (s->kind != syntax::StatementKind::attributes) continue;
+    const auto& declared = *static_cast<const syntax::AttributeDeclaration*>(s);
+    if (!declared.has_length) continue;
+    for (const std::string_view name : declared.names) {
+      const auto* const symbol = engine::cmpsyms(*n.gcmp, name);
+      if (n.fid->xvfind(name) == host::DataSet::npos || (symbol != nullptr && symbol->assigned)) continue;
+      n.host->log().xpmlog(message::length_of_data_variable{.name = name}, place_at(n, "LENGTH", s->where));
+      n.raise(4);
+    }
+  }
+}
+
+void list_derivatives(NX& n)
+{
+  const auto show = [&](const std::string& title, std::initializer_list<const engine::CMPDER*> requests) {
+    std::string text;
+    for (const auto* der : requests) text += engine::cmppder(*n.gcmp, *der);
+    if (!text.empty()) n.host->list_program(title, std::move(text));
+  };
+  if (n.nreff() == 0) show("Derivatives of the Log Likelihood", {&n.gradstr});
+  for (const auto& r : n.reff) {
+    const std::string level = n.nreff() > 1 ? ", " + r.subname : "";
+    show("Derivatives of the Log Likelihood" + level, {&r.gradstr});
+    show("Second Derivatives of the Log Likelihood" + level, {&r.hessustr});
+    show("Third Derivatives of the Log Likelihood" + level, {&r.triustr});
+    show("Derivatives of the Random-Effects Distribution" + level, {&r.gradrstr});
+  }
+  for (const auto& e : n.estimates) show("Derivatives of ESTIMATE '" + e.label + "'", {&e.der});
+  for (const auto& c : n.contrasts) show("Derivatives of CONTRAST '" + c.label + "'", {&c.der});
+  for (const auto& p : n.predictions) show("Derivatives of PREDICT " + p.value->name, {&p.der});
+}
+
 void listings(NX& n)
 {
-  const auto show = [&](const std::string& text) {
-    std::size_t from = 0;
-    while (from < text.size()) {
-      const std::size_t end = std::min(text.find('\n', from), text.size());
-      n.host->xpsout(std::string_view(text).substr(from, end - from));
-      from = end + 1;
-    }
-  };
-  if (n.list) show(engine::cmppprg(*n.gcmp));
-  if (n.xref) show(engine::cmpxref(*n.gcmp));
-  if (n.listcode) {
-    show("Code Listing");
-    show(engine::cmppsts(*n.gcmp));
-  }
-  if (n.listdep) show(engine::cmppdep(*n.gcmp));
-  if (!n.listder) return;
-  if (n.nreff() == 0) show(engine::cmppder(*n.gcmp, n.gradstr));
-  for (const auto& r : n.reff)
-    for (const auto* der : {&r.gradstr, &r.gradrstr, &r.hessustr, &r.triustr}) show(engine::cmppder(*n.gcmp, *der));
+  if (n.list) n.host->list_program("Program Statements", engine::cmppprg(*n.gcmp));
+  if (n.xref) n.host->list_program("Cross-Reference", engine::cmpxref(*n.gcmp));
+  if (n.listcode) n.host->list_program("Code Listing", engine::cmppsts(*n.gcmp));
+  if (n.listdep) n.host->list_program("Dependencies", engine::cmppdep(*n.gcmp));
+  if (n.listder) list_derivatives(n);
 }
 
 void end_on_errors(NX& n, int return_code)
@@ -315,6 +359,7 @@ void tvlinit(NX& n)
   model_statement(n);
   refuse_character_dependent(n);
   parameter_setup(n);
+  sampling_statement(n);
   random_statements(n, procedure);
   method_outputs(n, procedure);
   replicate_statement(n);
@@ -340,6 +385,7 @@ void tvlinit(NX& n)
   read_sampling_statements(n);
   distribution_data(n);
   warn_unused_parameters(n);
+  warn_of_lengths(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;
   if (engine::cmpgen(*n.gcmp) != 0) {
     log_diagnostics(n);

@@ -19,6 +19,9 @@ void tvlinit(model::NX& n);
 
 // Options of the TORVALE statement, with their defaults.
 void procedure_options(model::NX& n, const syntax::STMT& procedure);
+// True when the results depend on the seed: importance samples, MCMC, random functions of the
+// program, quantile residuals of counts.
+bool draws_numbers(const model::NX& n);
 // Checks MODEL and names the dependent variable and `_ll`.
 void model_statement(model::NX& n);
 // Names of PARMS, of its data set, and undefined names of the program become parameters.
@@ -49,11 +52,14 @@ void specialise_prediction_statements(model::ModelLists& n);
 void write_model_summary(model::NX& n);
 // MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs
 // (after).
+void sampling_statement(model::NX& n);
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);
 void specialise_sampling_statements(model::NX& n);
 // Draws the sample of the BY group in hand; 0, or 1 after a message. draws: filled with it; null when nobody looks.
 int run_sampler(model::NX& n, sampling::SampleDraws* draws);
+// Gives the sample's data set its columns where no BY group came to be sampled: it has no rows then.
+void complete_sample_output(model::NX& n);
 
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)
 void tvlspec(model::NX& n);

@@ -82,7 +82,8 @@ TEST(KernelMissing, MissingOperandsGiveMissingResults)
                              Kernel::greater,       Kernel::greater_equal,
                              Kernel::less_known,    Kernel::less_equal_known,
                              Kernel::equal_known,   Kernel::not_equal_known,
-                             Kernel::greater_known, Kernel::greater_equal_known};
+                             Kernel::greater_known, Kernel::greater_equal_known,
+                             Kernel::exp_of_factors};
   for (const KernelTable* build : builds())
     for (std::size_t k = 0; k < kernel_count; ++k) {
       const auto kernel = static_cast<Kernel>(k);

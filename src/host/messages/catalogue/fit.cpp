@@ -10,7 +10,9 @@ constexpr CatalogueEntry entries[] = {
      "The program cannot go on[ at observation {observation}][: {reason}][, in \"{source}\"]; the group is not used "
      "(code "
      "{code}).",
-     "STOP or ABORT, a loop that does not end, or a subscript outside its array.", ""},
+     "STOP or ABORT, a loop that does not end, or a subscript outside its array.",
+     "Look at that observation; guard STOP and ABORT with IF, give every loop an end, keep subscripts inside their "
+     "arrays."},
     {503, 9202, "value_missing_at_start", W,
      "{count} observations are not used, since {what} is missing at the starting values although the data are there "
      "(first observation {observation}).",
@@ -28,8 +30,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 9206, "starting_variable_unused", N,
      "The variable {variable} of the PARMS data set {data} is in no statement; it is not a parameter.", "", ""},
     {503, 9207, "starting_by_variable_mismatch", E,
-     "A BY variable is numeric in one and characters in the other of the input and the PARMS data set {data}.", "", ""},
-    {503, 9208, "no_starting_rows_for_group", E, "The PARMS data set {data} has no rows for this BY group.", "", ""},
+     "A BY variable is numeric in one and characters in the other of the input and the PARMS data set {data}.", "",
+     "Write the BY variable in both data sets alike, as numbers or as texts."},
+    {503, 9208, "no_starting_rows_for_group", E, "The PARMS data set {data} has no rows for this BY group.", "",
+     "Add rows for the group, or leave the BY variables out of the PARMS data set: its values then hold for all "
+     "groups."},
     {503, 9209, "response_not_whole", W,
      "{count} values of the response {name} are not whole numbers (first observation {observation}); the distribution "
      "{distribution} takes them as they are.",
@@ -160,8 +165,12 @@ constexpr CatalogueEntry entries[] = {
     {503, 9416, "integral_changes_with_points", W,
      "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
      "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
-    {503, 9343, "interrupted", W, "The run was interrupted; what was finished is written.", "", ""},
-    {503, 9342, "no_step", E, "{program} holds no step: a program begins with the TORVALE statement.", "", ""},
+    {503, 9417, "miniter_not_reached", N,
+     "The fit ended after {iterations} iterations, before MINITER={least}: nothing was left to gain.", "", ""},
+    {503, 9343, "interrupted", W, "The run was interrupted; what was finished is written.", "",
+     "Start again from what was reached: the last estimates as values in PARMS."},
+    {503, 9342, "no_step", E, "{program} holds no step: a program begins with the TORVALE statement.", "",
+     "Begin with TORVALE DATA=name; and end the step with RUN;"},
     {503, 9344, "only_grammar_checked", N,
      "Only the grammar was checked: names, the model and its derivatives need the variables of the data set.", "", ""},
     {503, 9341, "out_of_memory", E, "There is not enough memory.", "Very many points or observations for this machine.",
