@@ -1,4 +1,4 @@
-#include "solve/judgement.h"
+#include "solve/judgement/judgement.h"
 
 #include "matrix/eigenvalues.h"
 

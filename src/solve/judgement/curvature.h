@@ -1,7 +1,7 @@
 #pragma once
 // The curvature of the objective in fit coordinates, and how well it is known.
 
-#include "solve/fit_surface.h"
+#include "solve/judgement/fit_surface.h"
 
 #include <vector>
 

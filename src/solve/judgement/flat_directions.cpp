@@ -1,5 +1,5 @@
 #include "matrix/eigenvalues.h"
-#include "solve/curvature.h"
+#include "solve/judgement/curvature.h"
 
 #include <algorithm>
 #include <cmath>

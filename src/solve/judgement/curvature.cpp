@@ -1,4 +1,4 @@
-#include "solve/curvature.h"
+#include "solve/judgement/curvature.h"
 
 #include <algorithm>
 #include <cmath>
