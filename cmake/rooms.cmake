@@ -65,6 +65,12 @@ set(may_include_integration_posterior nests subjects)
 set(may_include_integration_methods posterior subjects)
 set(may_include_integration_own ${inner_integration})
 
+set(inner_solve course start judgement)
+set(may_include_solve_course "")
+set(may_include_solve_start "")
+set(may_include_solve_judgement course start)
+set(may_include_solve_own ${inner_solve})
+
 set(inner_inference tables outputs pictures)
 set(may_include_inference_tables "")
 set(may_include_inference_outputs tables)

@@ -16,7 +16,7 @@
 #include "run/statements/advice.h"
 #include "run/statements/statement_processing.h"
 #include "solve/solve_step.h"
-#include "solve/starting_grid.h"
+#include "solve/start/starting_grid.h"
 
 #include <algorithm>
 #include <new>

@@ -1,4 +1,5 @@
 #include "solve/solve_step.h"
+#include "solve/course/course.h"
 
 #include "evaluation/likelihood_programs.h"
 #include "host/messages/names/fit.h"
@@ -11,8 +12,8 @@
 #include "matrix/packed_kernels.h"
 #include "optimizer/optimizer.h"
 #include "solve/fit_hessian.h"
-#include "solve/fit_verdict.h"
-#include "solve/starting_grid.h"
+#include "solve/judgement/fit_verdict.h"
+#include "solve/start/starting_grid.h"
 
 #include <algorithm>
 #include <cmath>

@@ -6,8 +6,8 @@
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "run/statements/statement_processing.h"
-#include "solve/solve_step.h"
-#include "solve/start_metric.h"
+#include "solve/course/course.h"
+#include "solve/start/start_metric.h"
 #include "syntax/statement_names.h"
 
 #include <cmath>

@@ -1,8 +1,8 @@
-#include "solve/continuation.h"
+#include "solve/judgement/continuation.h"
 
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
-#include "solve/solve_step.h"
+#include "solve/course/course.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "solve/fit_coordinates.h"
+#include "solve/judgement/fit_coordinates.h"
 
 #include "syntax/statement_names.h"
 

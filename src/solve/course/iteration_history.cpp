@@ -7,7 +7,7 @@
 #include "integration/objective.h"
 #include "optimizer/missing_value.h"
 #include "optimizer/optimizer.h"
-#include "solve/solve_step.h"
+#include "solve/course/course.h"
 
 #include <array>
 #include <cmath>

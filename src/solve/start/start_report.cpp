@@ -1,4 +1,4 @@
-#include "solve/start_report.h"
+#include "solve/start/start_report.h"
 
 #include "evaluation/program_faults.h"
 #include "host/messages/names/fit.h"

@@ -1,7 +1,7 @@
 #pragma once
 // Is a point a minimum of the objective? The tests of a fit's end, in coordinates that know no units.
 
-#include "solve/curvature.h"
+#include "solve/judgement/curvature.h"
 
 #include <vector>
 

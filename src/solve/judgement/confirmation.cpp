@@ -1,13 +1,13 @@
-#include "solve/confirmation.h"
+#include "solve/judgement/confirmation.h"
 
 #include "host/messages/names/fit.h"
 #include "host/messages/names/optimizer.h"
 #include "integration/objective.h"
 #include "optimizer/messages/messages.h"
 #include "optimizer/optimizer.h"
-#include "solve/continuation.h"
-#include "solve/fit_codes.h"
-#include "solve/fresh_start.h"
+#include "solve/judgement/continuation.h"
+#include "solve/judgement/fit_codes.h"
+#include "solve/judgement/fresh_start.h"
 
 #include <algorithm>
 #include <cmath>

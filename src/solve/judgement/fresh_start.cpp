@@ -1,6 +1,6 @@
-#include "solve/fresh_start.h"
+#include "solve/judgement/fresh_start.h"
 
-#include "solve/continuation.h"
+#include "solve/judgement/continuation.h"
 
 namespace torvale::solve {
 

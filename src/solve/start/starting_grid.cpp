@@ -1,4 +1,4 @@
-#include "solve/starting_grid.h"
+#include "solve/start/starting_grid.h"
 
 #include "data/starting_values.h"
 #include "evaluation/likelihood_programs.h"
@@ -6,7 +6,7 @@
 #include "host/messages/names/optimization.h"
 #include "host/messages/names/starting_values.h"
 #include "integration/objective.h"
-#include "solve/start_report.h"
+#include "solve/start/start_report.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,5 +1,5 @@
 #include "matrix/eigenvalues.h"
-#include "solve/curvature.h"
+#include "solve/judgement/curvature.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,8 +12,6 @@ namespace {
 constexpr int most_passes = 5;    // each makes the directions better known, and so the next one's turn
 constexpr int most_trials = 12;   // of an interval
 constexpr double agreement = 0.2; // of the curvatures over two intervals: more is noise, or no curvature at all
-// Directions this much longer than the strongest are flat: columns that rounding alone tells apart are longer.
-constexpr double longest = 1e10;
 
 // One direction after another is measured over the length that is its own. What differences over a step of a
 // coordinate know of a slight direction is noise of the strong ones.
@@ -134,7 +132,7 @@ private:
     double h = step / std::sqrt(std::max(std::abs(out_.at(k, k)), 1e-16));
     double fails = std::numeric_limits<double>::infinity();
     bool found = false;
-    for (int trial = 0; trial < most_trials && !found && h <= step * longest; ++trial) {
+    for (int trial = 0; trial < most_trials && !found && h <= step * longest_direction; ++trial) {
       if (!curvature_over(h, curvature)) {
         fails = h;
         h *= 0.1;

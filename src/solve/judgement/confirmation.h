@@ -1,7 +1,7 @@
 #pragma once
 // When a fit has converged: criteria of the techniques stop iterations, they do not make a result.
 
-#include "solve/judgement.h"
+#include "solve/judgement/judgement.h"
 
 #include <memory>
 

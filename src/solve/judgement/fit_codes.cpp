@@ -1,9 +1,9 @@
-#include "solve/fit_codes.h"
+#include "solve/judgement/fit_codes.h"
 
 #include "host/messages/names/optimizer.h"
 #include "optimizer/messages/messages.h"
 #include "optimizer/optimizer.h"
-#include "solve/solve_step.h"
+#include "solve/course/course.h"
 #include "syntax/statement_names.h"
 
 namespace torvale::solve {

@@ -1,4 +1,4 @@
-#include "solve/fit_surface.h"
+#include "solve/judgement/fit_surface.h"
 
 #include "integration/objective.h"
 

@@ -1,4 +1,4 @@
-#include "solve/judgement.h"
+#include "solve/judgement/judgement.h"
 
 #include "matrix/eigenvalues.h"
 
@@ -44,11 +44,12 @@ private:
   double vector(int i, int k) const { return out_.directions[static_cast<std::size_t>(i * m() + k)]; }
 
   // The part that coordinate i has in direction k.
-  double share(int i, int k) const
+  double share(int i, int k) const { return std::abs(vector(i, k)) / length(k); }
+  double length(int k) const
   {
     double square = 0.0;
-    for (int j = 0; j < m(); ++j) square += vector(j, k) * vector(j, k);
-    return square > 0.0 ? std::abs(vector(i, k)) / std::sqrt(square) : 0.0;
+    for (int i = 0; i < m(); ++i) square += vector(i, k) * vector(i, k);
+    return std::sqrt(square);
   }
 
   bool decompose()
@@ -100,11 +101,16 @@ private:
     if (out_.curvature.turned && out_.curvature.noise > 0.0) out_.tolerance = std::min(out_.tolerance, 0.05);
     for (int k = 0; k < m(); ++k) {
       const double value = out_.eigenvalues[static_cast<std::size_t>(k)];
-      if (value > out_.tolerance) continue;
+      if (value > out_.tolerance && length(k) < longest_direction * std::sqrt(value)) continue;
       if (value < -std::max(out_.tolerance, 1e-4))
         out_.indefinite = true;
       else
         out_.null.push_back(k);
+    }
+    for (const int k : out_.null) {
+      out_.eigenvalues[static_cast<std::size_t>(k)] = 0.0;
+      const double unit = 1.0 / length(k);
+      for (int i = 0; i < m(); ++i) out_.directions[static_cast<std::size_t>(i * m() + k)] *= unit;
     }
   }
 
@@ -128,7 +134,18 @@ private:
       least = std::min(least, value);
       out_.gain += along(k) * along(k) / value;
     }
-    out_.doubtful_curvature = least < 1e-2 && slope > 0.1 * least;
+    out_.doubtful_curvature = (least < 1e-2 && slope > 0.1 * least) || bent() > 0.1 * least;
+  }
+
+  // The largest share of a curvature that is the slope by a parameter in its logarithm, or in its root.
+  double bent() const
+  {
+    const FitCoordinates& c = surface_.coordinates();
+    double most = 0.0;
+    for (const int i : out_.curvature.free)
+      if ((c.in_factor(i) || i == c.logarithm()) && c.own_size(i) > 0.0)
+        most = std::max(most, std::abs(g_[i]) * c.scale(i) / c.own_size(i));
+    return most;
   }
 
   // Change of -2 log L from 0 to a times eigenvector k, or a times coordinate i; largest when the way ends before.
@@ -195,7 +212,8 @@ private:
       if (most < 0 || std::abs(vector(i, k)) > std::abs(vector(most, k))) most = i;
     const int j = out_.curvature.free[static_cast<std::size_t>(most)];
     const double home = -std::copysign(c.own_size(j), c.origin(j)) / (c.scale(j) * vector(most, k)); // to 0
-    const bool whole = home != 0.0 && std::isfinite(home) && change_along(k, home) >= far_rise && c.inside(t_.data()) &&
+    const bool whole = home != 0.0 && std::isfinite(home) && j != c.logarithm() && change_along(k, home) >= far_rise &&
+                       c.inside(t_.data()) &&
                        outward([&](double a) { return change_along(k, a); }, -home) < gain_allowed;
     for (int i = 0; i < m(); ++i) {
       const int own = out_.curvature.free[static_cast<std::size_t>(i)];
@@ -244,6 +262,7 @@ private:
   double way_home(int j) const
   {
     const FitCoordinates& c = surface_.coordinates();
+    if (j == c.logarithm()) return 0.0; // which has no home
     return std::clamp(-std::copysign(c.own_size(j), c.origin(j)) / c.scale(j), c.lower(j), c.upper(j));
   }
 

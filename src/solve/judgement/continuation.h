@@ -1,7 +1,7 @@
 #pragma once
 // Taking a fit on from a point that is no minimum.
 
-#include "solve/judgement.h"
+#include "solve/judgement/judgement.h"
 
 namespace torvale::solve {
 

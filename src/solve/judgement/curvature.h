@@ -1,7 +1,7 @@
 #pragma once
 // The curvature of the objective in fit coordinates, and how well it is known.
 
-#include "solve/fit_surface.h"
+#include "solve/judgement/fit_surface.h"
 
 #include <vector>
 
@@ -39,6 +39,8 @@ bool measure(FitSurface& surface, const std::vector<int>& free, double f, std::v
 // Steps of the differences, in standard errors; that of gradients unless there is noise.
 inline constexpr double gradient_step = 1e-3;
 inline constexpr double value_step = 0.05;
+// Directions this much longer than the strongest are flat: columns that rounding alone tells apart are longer.
+inline constexpr double longest_direction = 1e10;
 
 // gradient_along: the derivative of the gradient along d (all coordinates), interval h: both sides, or three points of
 // one; g0 is the gradient at 0. False when neither side can be evaluated.

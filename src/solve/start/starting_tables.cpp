@@ -1,5 +1,5 @@
 #include "host/messages/names/labels.h"
-#include "solve/starting_grid.h"
+#include "solve/start/starting_grid.h"
 
 namespace torvale::solve {
 

@@ -1,9 +1,9 @@
-#include "solve/fit_verdict.h"
+#include "solve/judgement/fit_verdict.h"
 
 #include "host/messages/names/fit.h"
 #include "host/messages/names/labels.h"
 #include "host/messages/names/starting_values.h"
-#include "solve/solve_step.h"
+#include "solve/course/course.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 #pragma once
 // A fit once more from its starting values, where its first end is in doubt.
 
-#include "solve/fit_coordinates.h"
+#include "solve/judgement/fit_coordinates.h"
 
 #include <vector>
 

@@ -1,6 +1,6 @@
 #include "host/messages/names/fit.h"
 #include "host/messages/names/starting_values.h"
-#include "solve/starting_grid.h"
+#include "solve/start/starting_grid.h"
 
 #include "host/host_exit.h"
 #include "host/values/whole_number.h"

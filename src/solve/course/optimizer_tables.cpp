@@ -2,7 +2,7 @@
 
 #include "host/messages/names/labels.h"
 #include "optimizer/optimizer.h"
-#include "solve/solve_step.h"
+#include "solve/course/course.h"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include "solve/start_metric.h"
+#include "solve/start/start_metric.h"
 
 #include "integration/objective.h"
 

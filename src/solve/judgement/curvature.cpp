@@ -1,4 +1,4 @@
-#include "solve/curvature.h"
+#include "solve/judgement/curvature.h"
 
 #include <algorithm>
 #include <cmath>
@@ -44,13 +44,14 @@ bool gradient_along(FitSurface& surface, const std::vector<double>& d, double h,
 
 namespace {
 
-// In an element of a factor of G the objective is a quartic where the parameter has a parabola. Where the interval is
-// not small beside the element the quotient over twice the interval takes the error of order h^2 away.
+// In an element of a factor of G the objective is a quartic where the parameter has a parabola, and in a logarithm it
+// is an exponential. Where the interval is not small beside the element the quotient over twice the interval takes the
+// error of order h^2 away.
 void without_quartic(FitSurface& surface, int i, const std::vector<double>& d, double h, const double* g0,
                      std::vector<double>& column)
 {
   const FitCoordinates& c = surface.coordinates();
-  if (!c.in_factor(i) || h * c.scale(i) < 5e-5 * c.own_size(i)) return;
+  if (!(c.in_factor(i) || i == c.logarithm()) || h * c.scale(i) < 5e-5 * c.own_size(i)) return;
   std::vector<double> wide;
   if (!gradient_along(surface, d, 2.0 * h, g0, wide)) return;
   for (std::size_t j = 0; j < column.size(); ++j) column[j] = (4.0 * column[j] - wide[j]) / 3.0;
@@ -73,6 +74,13 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
     const double curvature = std::abs(column[static_cast<std::size_t>(i)]);
     const double ratio = std::sqrt(curvature) * h / step; // 1 when right
     if (ratio > 0.1 && ratio < 10.0) {
+      // What a variance is may matter little; its logarithm is an exponential all the same.
+      const FitCoordinates& c = surface.coordinates();
+      constexpr double longest = 0.02;
+      if (i == c.logarithm() && h * c.scale(i) > longest) {
+        h = longest / c.scale(i);
+        if (!gradient_along(surface, d, h, g0, column)) return false;
+      }
       without_quartic(surface, i, d, h, g0, column);
       return true;
     }

@@ -1,7 +1,7 @@
 #pragma once
 // The objective as a function of fit coordinates.
 
-#include "solve/fit_coordinates.h"
+#include "solve/judgement/fit_coordinates.h"
 
 #include <vector>
 

@@ -1,0 +1,13 @@
+#pragma once
+// The metric that a quasi-Newton run starts from where the statement gives none.
+
+#include "model/run_record.h"
+
+namespace torvale::solve {
+
+// start_metric: the optimizer's callback `usmet`. The Hessian in n.metric where that belongs to this point; else the
+// sum of the outer products of the subjects' (observations') gradients, which costs no evaluation. Returns 1 when there
+// is neither: fewer subjects than tell something of every parameter, or no gradients.
+int start_metric(optimizer::MINSTR* str);
+
+} // namespace torvale::solve
