@@ -79,7 +79,7 @@ double hand_loop_seconds(Form form, int evaluations)
   constexpr int buffer = 512;
   std::vector<double> x(buffer);
   for (int i = 0; i < buffer; ++i) x[static_cast<std::size_t>(i)] = -3.0 + 6.0 * i / buffer;
-  constexpr long lanes = static_cast<long>(subjects) * observations * evaluations;
+  const long lanes = static_cast<long>(subjects) * observations * evaluations;
   return seconds_of([&] {
     benchmark::DoNotOptimize(
         bench::exponentials_and_logarithms(x.data(), buffer, lanes, form == Form::probability ? 2 : 1));

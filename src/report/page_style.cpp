@@ -36,8 +36,9 @@ nav li{margin:.18rem 0;overflow:hidden;text-overflow:ellipsis}
 table{border-collapse:separate;border-spacing:0;font-size:.9rem}
 caption{text-align:left;font-weight:600;padding:0 0 .35rem;white-space:nowrap}
 th,td{padding:.24rem .7rem;text-align:right;vertical-align:baseline;font-variant-numeric:tabular-nums;white-space:nowrap}
-th{font-weight:500;color:var(--soft);border-bottom:1px solid var(--soft);vertical-align:bottom;white-space:normal;min-width:4rem}
-td{border-bottom:1px solid var(--rule)}
+th{font-weight:500;color:var(--soft);vertical-align:bottom;white-space:normal;min-width:4rem}
+/* Lines stand above their row: below, the next cell of a column that stays in place would cover them. */
+td{border-top:1px solid var(--rule)}tbody tr:first-child td{border-top-color:var(--soft)}tbody tr:last-child td{border-bottom:1px solid var(--rule)}
 td.t,th.t{text-align:left;white-space:normal;overflow-wrap:break-word}
 th:first-child,td:first-child{position:sticky;left:0;background:var(--paper);padding-left:0}
 tbody tr:hover td{background:var(--faint)}

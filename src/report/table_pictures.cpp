@@ -1,6 +1,7 @@
 // Pictures of tables: the course of the optimization, intervals of the estimates, their correlations.
 
 #include "host/values/text.h"
+#include "host/writers/table_writers.h"
 #include "report/pictures.h"
 
 #include <algorithm>
@@ -86,6 +87,7 @@ void estimates_picture(const host::GroupResult& group, Pictures& out)
 
   const double row_height = 24, top = 26;
   Canvas canvas(half_width, top + row_height * static_cast<double>(rows) + 12);
+  const auto words = host::formatted_cells(*table, table->column("Estimate")); // with the digits of the table
   const double left = 104, right = half_width - 96, middle = (left + right) / 2;
   // Rows have their own units, so each is drawn as shares of its largest limit: 0 stands in the middle of all.
   const graphics::Scale scale({-1, 1}, left, right);
@@ -96,7 +98,7 @@ void estimates_picture(const host::GroupResult& group, Pictures& out)
     const double y = top + row_height * (static_cast<double>(i) + 0.5);
     const std::string name = table->rows()[i][0].text() ? *table->rows()[i][0].text() : std::string();
     canvas.text(left - 10, y + 4, fitted_text(name, left - 14), Anchor::end);
-    canvas.text(right + 10, y + 4, host::format_number(estimate[i], host::parse_format("D9.4")), Anchor::start);
+    canvas.text(right + 10, y + 4, host::stripped(words[i]), Anchor::start);
     canvas.line(left, y, right, y, "grid");
     double size = std::abs(estimate[i]);
     for (const double limit : {lower[i], upper[i]})

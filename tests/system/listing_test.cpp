@@ -23,7 +23,7 @@ namespace {
 // once, and which criterion ended a fit is left out: how many iterations it takes is not a matter of listings.
 std::string shape(const std::string& listing)
 {
-  static const std::regex number("(^|\\s)[-<]?(\\d+(\\.\\d*)?|\\.\\d+)(e[-+]?\\d+)?(?=\\s|$)"), blanks("[ \\t]+"),
+  static const std::regex number("(^|\\s)[-<]?(\\d+(\\.\\d*)?|\\.\\d+)(e[-+]?\\d+)?(?=[\\s)]|$)"), blanks("[ \\t]+"),
       criterion("[A-Z]+CONV convergence");
   std::string out, last;
   std::istringstream lines(listing);
