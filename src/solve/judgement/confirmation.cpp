@@ -246,14 +246,18 @@ void FitEnd::settle(int code)
   double first = 0.0; // objective before that
   for (int round = 0;; ++round) {
     assess();
-    if (given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (given_by_user(n_, code)) return;
+    const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
       if (sharpened == 0) first = f_;
-      judgement_.creeps =
-          sharpened == most_sharpened && judgement_.doubtful_curvature && 2.0 * (first - f_) >= gain_allowed;
-      if (!judgement_.doubtful_curvature || sharpened++ == most_sharpened || !sharpen()) return;
+      if (!judgement_.doubtful_curvature) return;
+      const bool last = spent || sharpened == most_sharpened;
+      judgement_.creeps = last && 2.0 * (first - f_) >= gain_allowed;
+      if (last || !sharpen()) return;
+      ++sharpened;
       continue; // in new scales, which follow a bent valley better
     }
+    if (spent) return;
     if (!go_on() && round > 0) {
       assess();
       return;
