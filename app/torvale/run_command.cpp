@@ -110,8 +110,8 @@ double processor_seconds()
 }
 
 // When the run was and how long it took: in a file of its own, so that all others have the same bytes each time.
-bool write_run_times(const std::string& folder, std::chrono::system_clock::time_point started, const std::string& stages,
-                     std::string& problem)
+bool write_run_times(const std::string& folder, std::chrono::system_clock::time_point started,
+                     const std::string& stages, std::string& problem)
 {
   const std::time_t at = std::chrono::system_clock::to_time_t(started);
   const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - started).count();
@@ -121,6 +121,82 @@ bool write_run_times(const std::string& folder, std::chrono::system_clock::time_
   std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &utc);
   std::snprintf(text, sizeof text, "started %s\nseconds %.3f\n", date, seconds);
   return host::write_file((std::filesystem::path(folder) / "run_times.txt").string(), text + stages, problem);
+}
+
+// The files of `--out` that the command line does not name otherwise.
+void name_outputs(Output& output, const std::string& stem)
+{
+  const std::filesystem::path out = output.out;
+  if (output.list.empty()) output.list = (out / (stem + ".lst")).string();
+  if (output.log.empty()) output.log = (out / (stem + ".log")).string();
+  if (output.json.empty()) output.json = (out / "results.json").string();
+  if (output.html.empty()) output.html = (out / "report.html").string();
+}
+
+// What the session is told, but for its callbacks. `folder`: the program is a file that has one.
+RunSettings settings_of(const RunArguments& arguments, const Output& output, bool folder)
+{
+  const std::filesystem::path program = arguments.program;
+  RunSettings settings;
+  settings.program_name = arguments.program == "-" ? "standard input" : program.filename().string();
+  settings.program_folder = !folder || !program.has_parent_path() ? "." : program.parent_path().string();
+  settings.output_folder = output.out.empty() ? "." : output.out;
+  settings.data = arguments.data;
+  settings.libraries = arguments.libraries;
+  settings.separator = arguments.separator;
+  settings.threads = arguments.threads;
+  settings.seed = arguments.seed;
+  settings.check_only = arguments.check_only;
+  settings.memory = arguments.memory;
+  settings.pictures = !output.html.empty() || !output.figures.empty();
+  settings.hash_data = !output.html.empty() || !output.json.empty();
+  settings.strict = arguments.strict;
+  for (const std::string& path : {arguments.program, output.list, output.log, output.json, output.html})
+    if (!path.empty() && path != "-") settings.own_files.push_back(path);
+  for (const auto& [name, path] : arguments.data) settings.own_files.push_back(path);
+  return settings;
+}
+
+void show_progress(std::string_view s)
+{
+  const auto shown = host::cut_name(s, 79); // a longer line would wrap and stay
+  std::fprintf(stderr, "\r\x1b[K%.*s", static_cast<int>(shown.size()), shown.data());
+  std::fflush(stderr);
+}
+
+RunOutcome run_interruptibly(RunSettings settings, std::string text)
+{
+  // Never taken apart: the process ends soon, and what the session holds goes with it at once.
+  static Session& session = *new Session(std::move(settings));
+  running = &session;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, on_interrupt);
+  RunOutcome outcome = session.run(std::move(text));
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, SIG_DFL);
+  running = nullptr;
+  return outcome;
+}
+
+// Pictures and tables as files of their own; false, with a complaint, when some could not be written.
+bool write_folders(const RunArguments& arguments, const host::RunResults& results)
+{
+  const Output& output = arguments.output;
+  std::string problem;
+  bool complete = true;
+  if (!output.figures.empty() && !write_figures(results, output.figures, problem))
+    complete = complain("cannot write the pictures to", output.figures, problem, 0) != 0;
+  if (!output.tables.empty() && !write_tables(results, output.tables, arguments.libraries, problem))
+    complete = complain("cannot write the tables to", output.tables, problem, 0) != 0;
+  return complete;
+}
+
+// What was before the session is loading of the process; what came after it, writing of results.
+void add_times_outside(RunOutcome& outcome, double loaded, std::chrono::steady_clock::time_point entered)
+{
+  double session = 0.0;
+  for (const host::StageTime& stage : outcome.times) session += stage.seconds;
+  const double since = std::chrono::duration<double>(std::chrono::steady_clock::now() - entered).count();
+  outcome.times[static_cast<std::size_t>(host::Stage::load)].seconds += loaded;
+  outcome.times[static_cast<std::size_t>(host::Stage::report)].seconds += since - session;
 }
 
 } // namespace
@@ -135,17 +211,11 @@ int run_command(const RunArguments& arguments)
     return complain("cannot read the program", arguments.program, problem, 2);
 
   Output output = arguments.output;
-  const fs::path program = arguments.program;
   std::error_code error;
-  const bool has_folder = arguments.program != "-" && fs::is_regular_file(program, error); // a pipe has none
-  const std::string stem = has_folder ? program.stem().string() : "program";
+  const bool folder = arguments.program != "-" && fs::is_regular_file(arguments.program, error); // a pipe has none
   if (!output.out.empty()) {
     if (!host::make_folder(output.out, problem)) return complain("cannot make the folder", output.out, problem, 1);
-    const fs::path out = output.out;
-    if (output.list.empty()) output.list = (out / (stem + ".lst")).string();
-    if (output.log.empty()) output.log = (out / (stem + ".log")).string();
-    if (output.json.empty()) output.json = (out / "results.json").string();
-    if (output.html.empty()) output.html = (out / "report.html").string();
+    name_outputs(output, folder ? fs::path(arguments.program).stem().string() : "program");
   }
 
   // A file that cannot be written is found out before the fit, not after it.
@@ -157,67 +227,23 @@ int run_command(const RunArguments& arguments)
     if (!channel->usable()) return 1;
   const bool color = !output.no_color && !no_color_wanted() && output.log.empty() && host::is_terminal(2);
 
-  RunSettings settings;
-  settings.program_name = arguments.program == "-" ? "standard input" : program.filename().string();
-  settings.program_folder = !has_folder || !program.has_parent_path() ? "." : program.parent_path().string();
-  settings.output_folder = output.out.empty() ? "." : output.out;
-  settings.data = arguments.data;
-  settings.libraries = arguments.libraries;
-  settings.separator = arguments.separator;
-  settings.threads = arguments.threads;
-  settings.seed = arguments.seed;
-  settings.check_only = arguments.check_only;
-  settings.memory = arguments.memory;
-  settings.pictures = html.wanted() || !output.figures.empty();
-  settings.hash_data = html.wanted() || json.wanted();
-  settings.strict = arguments.strict;
-  for (const std::string& path : {arguments.program, output.list, output.log, output.json, output.html})
-    if (!path.empty() && path != "-") settings.own_files.push_back(path);
-  for (const auto& [name, path] : arguments.data) settings.own_files.push_back(path);
+  RunSettings settings = settings_of(arguments, output, folder);
   settings.listing = [&](std::string_view s) { listing.write(s); };
   const bool for_editors = arguments.format == "json"; // then the diagnostics are the log
   if (!for_editors) settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
   const std::string program_text = for_editors ? text : std::string();
-  if (host::is_terminal(2))
-    settings.progress = [](std::string_view s) {
-      const auto shown = host::cut_name(s, 79); // a longer line would wrap and stay
-      std::fprintf(stderr, "\r\x1b[K%.*s", static_cast<int>(shown.size()), shown.data());
-      std::fflush(stderr);
-    };
-
-  RunOutcome outcome;
+  if (host::is_terminal(2)) settings.progress = show_progress;
   const auto started = std::chrono::system_clock::now();
-  {
-    // Never taken apart: the process ends soon, and what the session holds goes with it at once.
-    static Session& session = *new Session(std::move(settings));
-    running = &session;
-    std::signal(SIGINT, on_interrupt);
-    std::signal(SIGTERM, on_interrupt);
-    std::signal(SIGHUP, on_interrupt);
-    outcome = session.run(std::move(text));
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    std::signal(SIGHUP, SIG_DFL);
-    running = nullptr;
-  }
+  RunOutcome outcome = run_interruptibly(std::move(settings), std::move(text));
 
   if (arguments.statements)
     for (const std::string& s : outcome.statements) listing.write(s);
   if (for_editors) listing.write(host::diagnostics_json(outcome.results, arguments.program, program_text));
   if (json.wanted()) json.write(host::results_json(outcome.results));
   if (html.wanted()) html.write(report::report_page(outcome.results));
-  bool complete = true;
-  if (!output.figures.empty() && !write_figures(outcome.results, output.figures, problem))
-    complete = complain("cannot write the pictures to", output.figures, problem, 0) != 0;
-  if (!output.tables.empty() && !write_tables(outcome.results, output.tables, arguments.libraries, problem))
-    complete = complain("cannot write the tables to", output.tables, problem, 0) != 0;
+  bool complete = write_folders(arguments, outcome.results);
   for (const Channel* channel : {&listing, &log, &json, &html}) complete = channel->close() && complete;
-  // Before the session the process was loaded, after it the results were written.
-  double session = 0.0;
-  for (const host::StageTime& stage : outcome.times) session += stage.seconds;
-  const double since = std::chrono::duration<double>(std::chrono::steady_clock::now() - entered).count();
-  outcome.times[static_cast<std::size_t>(host::Stage::load)].seconds += loaded;
-  outcome.times[static_cast<std::size_t>(host::Stage::report)].seconds += since - session;
+  add_times_outside(outcome, loaded, entered);
   const std::string stages = host::stage_times_text(outcome.times);
   if (!output.out.empty() && !write_run_times(output.out, started, stages, problem))
     complete = complain("cannot write to", output.out, problem, 0) != 0;

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
+#include <span>
 
 namespace torvale::solve {
 
@@ -34,23 +36,31 @@ std::vector<const engine::Program*> programs_of(const NX& n)
   return all;
 }
 
-// The used rows of the outermost subjects.
-std::vector<std::vector<std::int32_t>> rows_of_subjects(const NX& n)
-{
-  std::vector<std::vector<std::int32_t>> rows;
-  for (const auto& s : n.outer().SubInfo) {
-    rows.emplace_back();
-    for (int k = 0; k < s.SubCount && !s.badsub; ++k) {
-      const auto row = static_cast<std::size_t>(s.first_row + k);
-      if (n.store->badobs[row] == BadCause::none) rows.back().push_back(static_cast<std::int32_t>(row));
+// The used rows of the outermost subjects, one subject after the other.
+struct SubjectRows {
+  std::vector<std::int32_t> row;
+  std::vector<std::size_t> first = {0}; // per subject, and the end
+  std::size_t most = 0;                 // rows of a subject
+
+  explicit SubjectRows(const NX& n)
+  {
+    for (const auto& s : n.outer().SubInfo) {
+      for (int k = 0; k < s.SubCount && !s.badsub; ++k) {
+        const auto r = static_cast<std::size_t>(s.first_row + k);
+        if (n.store->badobs[r] == BadCause::none) row.push_back(static_cast<std::int32_t>(r));
+      }
+      most = std::max(most, row.size() - first.back());
+      first.push_back(row.size());
     }
   }
-  return rows;
-}
+  std::size_t subjects() const { return first.size() - 1; }
+  bool has(std::size_t subject, std::size_t k) const { return first[subject] + k < first[subject + 1]; }
+  std::int32_t at(std::size_t subject, std::size_t k) const { return row[first[subject] + k]; }
+};
 
 class PredictorHessian {
 public:
-  explicit PredictorHessian(NX& n) : n_(n) {}
+  explicit PredictorHessian(NX& n) : n_(n), rows_(n) {}
 
   // Finds the predictor and what its parameters multiply it by. False when there is none.
   bool find()
@@ -74,13 +84,11 @@ public:
     }
     for (int j = 0; j < n_.nparm; ++j)
       if (std::find(through_.begin(), through_.end(), j) == through_.end()) others_.push_back(j);
-    rows_ = rows_of_subjects(n_);
-    for (const auto& rows : rows_) most_rows_ = std::max(most_rows_, rows.size());
     return !through_.empty();
   }
 
   // Differences parameter by parameter take one evaluation for each at least.
-  bool pays() const { return 2 * (most_rows_ + others_.size()) + 2 < static_cast<std::size_t>(n_.nparm); }
+  bool pays() const { return 2 * (rows_.most + others_.size()) + 2 < static_cast<std::size_t>(n_.nparm); }
 
   bool run(MINSTR& str)
   {
@@ -89,10 +97,10 @@ public:
     theta_.assign(str.x, str.x + np_);
     hessian_.assign(np_ * np_, 0.0);
     n_.dograd = true;
-    if (!evaluate(theta_) || !read_slopes() || !take_units()) return false;
+    if (!evaluate(theta_) || !take_units()) return false;
     for (const int j : others_)
       if (!along(static_cast<std::size_t>(j))) return false;
-    for (std::size_t k = 0; k < most_rows_; ++k)
+    for (std::size_t k = 0; k < rows_.most; ++k)
       if (!along_rows(k)) return false;
     hand_over();
     return true;
@@ -112,25 +120,26 @@ private:
     return str_->stop == 0 && !n_.failed;
   }
 
-  bool read_slopes()
+  // The slopes at these rows, a lane each, into x_: a row's side by side.
+  bool read_slopes(std::span<const std::int32_t> rows)
   {
-    engine::Frame frame(*n_.gcmp, n_.bound);
-    if (program_ == nullptr) program_ = engine::cmpspec(*n_.gcmp, slope_);
-    const std::vector<double> zero(static_cast<std::size_t>(n_.programs.ne), 0.0);
-    frame.set_parameters(theta_.data());
-    frame.set_points(zero.data(), 1, 1);
-    const std::int64_t rows = n_.store->nobs;
-    frame.set_range(0, rows);
-    const std::size_t width = slope_.size();
-    x_.assign(static_cast<std::size_t>(rows) * width, 0.0);
+    if (frame_ == nullptr) {
+      zero_.assign(static_cast<std::size_t>(n_.programs.ne) + 1, 0.0);
+      program_ = engine::cmpspec(*n_.gcmp, slope_);
+      frame_ = std::make_unique<engine::Frame>(*n_.gcmp, n_.bound);
+      frame_->set_parameters(theta_.data());
+      frame_->set_points(zero_.data(), 1, 1);
+      frame_->set_range(0, n_.store->nobs);
+      x_.resize(engine::max_lanes * slope_.size());
+    }
     engine::Tile tile;
-    for (std::int64_t first = 0; first < rows; first += tile.lanes) {
-      tile.first = static_cast<std::int32_t>(first);
-      tile.lanes = static_cast<int>(std::min<std::int64_t>(engine::max_lanes, rows - first));
-      if (frame.run(*program_, tile) > 2) return false;
-      for (std::size_t k = 0; k < width; ++k)
-        for (int i = 0; i < tile.lanes; ++i)
-          x_[static_cast<std::size_t>(first + i) * width + k] = frame.output(static_cast<int>(k))[i];
+    tile.lanes = static_cast<int>(rows.size());
+    tile.observation = rows.data();
+    if (rows.empty()) return true;
+    if (frame_->run(*program_, tile) > 2) return false;
+    for (std::size_t k = 0; k < slope_.size(); ++k) {
+      const double* const values = frame_->output(static_cast<int>(k));
+      for (std::size_t i = 0; i < rows.size(); ++i) x_[i * slope_.size() + k] = values[i];
     }
     return true;
   }
@@ -147,14 +156,18 @@ private:
       if (!(information(at) > 0.0)) return false;
       interval_[at] = 1e-3 / std::sqrt(information(at));
     }
-    std::vector<double> of_records; // information on a predictor, as each parameter has it
-    for (std::size_t k = 0; k < through_.size(); ++k) {
-      double squares = 0.0;
-      for (const auto& rows : rows_)
-        for (const std::int32_t row : rows) squares += x(row, k) * x(row, k);
-      if (!std::isfinite(squares)) return false;
-      if (const double d = information(static_cast<std::size_t>(through_[k])); squares > 0.0 && d > 0.0)
-        of_records.push_back(d / squares);
+    std::vector<double> squares(through_.size(), 0.0),
+        of_records; // information on a predictor, as each parameter has it
+    for (std::size_t at = 0; at < rows_.row.size(); at += engine::max_lanes) {
+      const auto rows =
+          std::span(rows_.row).subspan(at, std::min<std::size_t>(engine::max_lanes, rows_.row.size() - at));
+      if (!read_slopes(rows)) return false;
+      for (std::size_t i = 0; i < rows.size() * squares.size(); ++i) squares[i % squares.size()] += x_[i] * x_[i];
+    }
+    for (std::size_t k = 0; k < squares.size(); ++k) {
+      if (!std::isfinite(squares[k])) return false;
+      const double d = information(static_cast<std::size_t>(through_[k]));
+      if (squares[k] > 0.0 && d > 0.0) of_records.push_back(d / squares[k]);
     }
     if (of_records.empty()) return false;
     const auto middle = of_records.begin() + static_cast<long>(of_records.size() / 2);
@@ -162,8 +175,6 @@ private:
     shift_ = 1e-4 / std::sqrt(*middle);
     return std::isfinite(shift_);
   }
-
-  double x(std::int32_t row, std::size_t k) const { return x_[static_cast<std::size_t>(row) * through_.size() + k]; }
 
   bool along(std::size_t j)
   {
@@ -185,8 +196,8 @@ private:
   bool shifted(std::size_t k, double by)
   {
     std::vector<double> shift(static_cast<std::size_t>(n_.store->nobs), 0.0);
-    for (const auto& rows : rows_)
-      if (k < rows.size()) shift[static_cast<std::size_t>(rows[k])] = by;
+    for (std::size_t s = 0; s < rows_.subjects(); ++s)
+      if (rows_.has(s, k)) shift[static_cast<std::size_t>(rows_.at(s, k))] = by;
     for (const auto& ctx : n_.ctx) ctx->frame->shift_records(predictor_.value, shift.data());
     const bool good = evaluate(theta_);
     for (const auto& ctx : n_.ctx) ctx->frame->shift_records(nullptr, nullptr);
@@ -201,25 +212,40 @@ private:
     const std::vector<double> up = n_.slot_grad;
     if (!shifted(k, -shift_)) return false;
     const std::size_t width = through_.size();
-    std::vector<double> block(np_ * width, 0.0), slope(at_once * np_);
-    std::array<const double*, at_once> x{};
-    std::size_t waiting = 0;
-    for (const auto& s : n_.outer().SubInfo) {
-      const auto& rows = rows_[static_cast<std::size_t>(s.index)];
-      if (s.badsub || k >= rows.size()) continue;
-      const auto slot = static_cast<std::size_t>(s.index) * static_cast<std::size_t>(n_.grad_stride);
-      double* const d = slope.data() + waiting * np_;
-      for (std::size_t i = 0; i < np_; ++i) d[i] = s.weight * (up[slot + i] - n_.slot_grad[slot + i]);
-      x[waiting++] = x_.data() + static_cast<std::size_t>(rows[k]) * width;
-      if (waiting < at_once) continue;
-      add_products(slope, x, waiting, block);
-      waiting = 0;
+    std::vector<double> block(np_ * width, 0.0);
+    std::vector<std::int32_t> rows;
+    std::vector<std::size_t> subjects;
+    for (std::size_t s = 0; s < rows_.subjects(); ++s) {
+      if (rows_.has(s, k)) {
+        rows.push_back(rows_.at(s, k));
+        subjects.push_back(s);
+      }
+      if (rows.size() < engine::max_lanes && s + 1 < rows_.subjects()) continue;
+      if (!read_slopes(rows)) return false;
+      add_subjects(subjects, up, block);
+      rows.clear();
+      subjects.clear();
     }
-    add_products(slope, x, waiting, block);
     for (std::size_t i = 0; i < np_; ++i)
       for (std::size_t c = 0; c < width; ++c)
         element(i, static_cast<std::size_t>(through_[c])) += block[i * width + c] / (2.0 * shift_);
     return true;
+  }
+
+  void add_subjects(const std::vector<std::size_t>& subjects, const std::vector<double>& up, std::vector<double>& block)
+  {
+    std::vector<double> slope(at_once * np_);
+    std::array<const double*, at_once> x{};
+    for (std::size_t first = 0; first < subjects.size(); first += at_once) {
+      const std::size_t count = std::min(at_once, subjects.size() - first);
+      for (std::size_t a = 0; a < count; ++a) {
+        const auto& s = n_.outer().SubInfo[subjects[first + a]];
+        const auto slot = static_cast<std::size_t>(s.index) * static_cast<std::size_t>(n_.grad_stride);
+        for (std::size_t i = 0; i < np_; ++i) slope[a * np_ + i] = s.weight * (up[slot + i] - n_.slot_grad[slot + i]);
+        x[a] = x_.data() + (first + a) * through_.size();
+      }
+      add_products(slope, x, count, block);
+    }
   }
 
   // block += sum of d x' over that many subjects: the block is gone through once for all of them.
@@ -227,7 +253,6 @@ private:
                     std::vector<double>& block) const
   {
     const std::size_t width = through_.size();
-    if (subjects == 0) return;
     for (std::size_t s = subjects; s < at_once; ++s) x[s] = x[0]; // times 0
     for (std::size_t i = 0; i < np_; ++i) {
       double d[at_once] = {};
@@ -253,9 +278,11 @@ private:
   std::vector<int> through_, others_;  // parameters that act through the predictor, and all others
   std::vector<engine::CMPSYM*> slope_; // of the predictor by the former
   const engine::Program* program_ = nullptr;
-  std::vector<std::vector<std::int32_t>> rows_;
-  std::size_t most_rows_ = 0, np_ = 0;
-  std::vector<double> x_; // slopes, a row for each of the store's
+  SubjectRows rows_;
+  std::size_t np_ = 0;
+  std::unique_ptr<engine::Frame> frame_; // of the slopes' program
+  std::vector<double> zero_;             // effects, for it
+  std::vector<double> x_;                // slopes of the rows at work
   std::vector<double> theta_, interval_, hessian_;
   double shift_ = 0.0;
 };

@@ -52,6 +52,11 @@ TEST(Formats, TextsBesideDatesAreDates)
         .log;
   };
   EXPECT_NE(lines("").find("\n1 1 \n2 0 \n4 . \n"), std::string::npos) << lines("");
+  EXPECT_EQ(lines("").find("503/9513"), std::string::npos);
+  const auto kinds =
+      run_text("TORVALE DATA=visits; PARMS m=1; late = (at > '2024-02-01'); MODEL y ~ NORMAL(m + 0*late, 1); RUN;",
+               "examples", 0, {{"visits", data.path()}});
+  EXPECT_TRUE(kinds.said(503, 9513)) << kinds.log;
   EXPECT_NE(lines("(WHERE=(day >= '2024-02-01'))").find("\n2 0 \nNOTE"), std::string::npos);
 }
 

@@ -16,7 +16,14 @@ public:
   {
   }
 
-  bool write()
+  // False when the kernel has no code of its own here: it is called.
+  bool write() { return arithmetic() || comparison() || selection() || transcendental(); }
+
+private:
+  using Operand = Xbyak::Operand;
+
+  // Sums, products, powers.
+  bool arithmetic()
   {
     switch (op_.kernel) {
     case Kernel::add:
@@ -52,6 +59,15 @@ public:
     case Kernel::canonical:
     case Kernel::copy:
       return false;
+    default:
+      return false;
+    }
+  }
+
+  // Ranges, extremes and comparisons.
+  bool comparison()
+  {
+    switch (op_.kernel) {
     case Kernel::positive_part:
       return outside(Predicate::less_equal, Constant::zero);
     case Kernel::positive:
@@ -105,6 +121,15 @@ public:
       return compare(Predicate::less, 1, 0);
     case Kernel::greater_equal_known:
       return compare(Predicate::less_equal, 1, 0);
+    default:
+      return false;
+    }
+  }
+
+  // Truth values, what they choose, and missing values.
+  bool selection()
+  {
+    switch (op_.kernel) {
     case Kernel::truth: { // not a NaN, and not equal to 0
       const int a = number(0), r = out();
       code_.compare(m_, Predicate::not_equal, a, constant(Constant::zero));
@@ -135,18 +160,6 @@ public:
       code_.choose_or_zero(out(), m, yes);
       return true;
     }
-    case Kernel::exp:
-      return exponential();
-    case Kernel::log:
-    case Kernel::log_or_zero:
-    case Kernel::log_or_minus_infinity:
-      return logarithm();
-    case Kernel::exp_of_factors:
-      return exp_of_factors();
-    case Kernel::log1p_fraction:
-      return log1p_fraction();
-    case Kernel::exp_mean:
-      return exp_mean();
     case Kernel::is_missing:
       return compare(Predicate::unordered, 0, 0);
     case Kernel::is_present:
@@ -170,8 +183,26 @@ public:
     }
   }
 
-private:
-  using Operand = Xbyak::Operand;
+  // Exponentials and logarithms.
+  bool transcendental()
+  {
+    switch (op_.kernel) {
+    case Kernel::exp:
+      return exponential();
+    case Kernel::log:
+    case Kernel::log_or_zero:
+    case Kernel::log_or_minus_infinity:
+      return logarithm();
+    case Kernel::exp_of_factors:
+      return exp_of_factors();
+    case Kernel::log1p_fraction:
+      return log1p_fraction();
+    case Kernel::exp_mean:
+      return exp_mean();
+    default:
+      return false;
+    }
+  }
 
   int number(int j) { return registers_.number(op_.in[static_cast<std::size_t>(j)]); }
   int mask(int j) { return registers_.mask(op_.in[static_cast<std::size_t>(j)]); }

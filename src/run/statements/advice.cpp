@@ -61,6 +61,30 @@ void compared_texts(NX& n, const Expr& e, std::set<std::string>& said)
   }
 }
 
+// A date of the data beside a text that spells a moment of another kind: days and seconds are numbers of different
+// size.
+void compared_moments(NX& n, const Expr& e, std::set<std::string>& said)
+{
+  const auto comparison = [](Op op) { return op >= Op::less && op <= Op::not_equal; };
+  const bool wanted = (e.kind == ExprKind::binary && comparison(e.op)) || e.kind == ExprKind::chain;
+  if (!wanted) return;
+  for (const Expr* a : e.args) {
+    if (a == nullptr || a->kind != ExprKind::variable) continue;
+    const host::Column* column = n.fid->find(a->name);
+    const engine::CMPSYM* symbol = engine::cmpsyms(*n.gcmp, a->name);
+    if (column == nullptr || !column->numeric() || (symbol != nullptr && symbol->assigned)) continue;
+    for (const Expr* b : e.args) {
+      if (b == nullptr || b->kind != ExprKind::text) continue;
+      const host::Moment own = column->moment(), spelled = host::iso_moment(b->name);
+      if (own == host::Moment::none || spelled == host::Moment::none || own == spelled) continue;
+      if (!said.insert(column->name() + "\n" + std::string(b->name)).second) continue;
+      n.host->log().xpmlog(message::moments_of_two_kinds{.name = column->name(), .value = b->name},
+                           n.sources->place({}, b->where));
+      n.raise(4);
+    }
+  }
+}
+
 // PARMS b=0,5: two starting values, where a decimal comma was likely meant.
 void decimal_commas(NX& n)
 {
@@ -128,6 +152,7 @@ void advise_on_program(NX& n)
   std::set<std::string> said;
   syntax::each_expression(n.proc->program, [&](const Expr& e) {
     compared_texts(n, e, said);
+    compared_moments(n, e, said);
     if (e.kind == ExprKind::binary && e.op == Op::or_ && e.args[0]->kind == ExprKind::number &&
         e.args[1]->kind == ExprKind::variable && said.insert("|").second) {
       n.host->log().xpmlog(message::bar_is_or{.name = e.args[1]->name}, n.sources->place({}, e.where));

@@ -24,6 +24,7 @@ namespace {
 constexpr double most_lengths = 100.0; // of a parameter in its unit
 constexpr int most_restarts = 4;       // of the technique
 constexpr int most_rounds = 12;        // of the trust region
+constexpr int most_sharpened = 6;      // times that a minimum in doubt is looked for anew
 constexpr int most_extensions = 3;     // of default limits, while a round gains `much` in -2 log L
 constexpr double much = 1.0;
 
@@ -241,17 +242,22 @@ int FitEnd::run()
 // Rounds of judging and going on, until a minimum is confirmed or nothing is gained.
 void FitEnd::settle(int code)
 {
-  bool sharpened = false;
+  int sharpened = 0;
+  double first = 0.0; // objective before that
   for (int round = 0;; ++round) {
     assess();
-    if (given_by_user(n_, code) || stopped() || round == most_rounds) return;
+    if (given_by_user(n_, code)) return;
+    const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
-      if (judgement_.doubtful_curvature && !sharpened && sharpen()) {
-        sharpened = true;
-        continue;
-      }
-      return;
+      if (sharpened == 0) first = f_;
+      if (!judgement_.doubtful_curvature) return;
+      const bool last = spent || sharpened == most_sharpened;
+      judgement_.creeps = last && 2.0 * (first - f_) >= gain_allowed;
+      if (last || !sharpen()) return;
+      ++sharpened;
+      continue; // in new scales, which follow a bent valley better
     }
+    if (spent) return;
     if (!go_on() && round > 0) {
       assess();
       return;

@@ -74,11 +74,12 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
     const double curvature = std::abs(column[static_cast<std::size_t>(i)]);
     const double ratio = std::sqrt(curvature) * h / step; // 1 when right
     if (ratio > 0.1 && ratio < 10.0) {
-      // What a variance is may matter little; its logarithm is an exponential all the same.
+      // What a variance is may matter little; its logarithm is an exponential all the same, and its root a square.
       const FitCoordinates& c = surface.coordinates();
-      constexpr double longest = 0.02;
-      if (i == c.logarithm() && h * c.scale(i) > longest) {
-        h = longest / c.scale(i);
+      const bool bent = i == c.logarithm() || (c.in_factor(i) && c.own_size(i) > 1e-5 * c.scale(i));
+      const double longest = 0.02 * c.own_size(i) / c.scale(i);
+      if (bent && h > longest) {
+        h = longest;
         if (!gradient_along(surface, d, h, g0, column)) return false;
       }
       without_quartic(surface, i, d, h, g0, column);

@@ -100,7 +100,7 @@ void take_null_space(NX& n, const Judgement& j, const std::vector<double>& jacob
 {
   auto& verdict = n.verdict;
   const auto np = static_cast<std::size_t>(n.nparm);
-  const double noise = std::max(1e-5, 100.0 * j.curvature.accuracy);
+  const double noise = std::clamp(100.0 * j.curvature.accuracy, 1e-5, 0.1);
   Rows rows;
   for (const int k : j.null) rows.push_back(by_parameters(jacobian, direction(j, k, np, noise)));
   std::vector<double> unit(np);

@@ -22,12 +22,16 @@ struct Judgement {
   // A curvature that may be no more than the slope along a bent ridge: the point is not near enough to its minimum to
   // tell.
   bool doubtful_curvature = false;
+  bool creeps = false;        // looked for anew it has gained more than is allowed, bit by bit, and is in doubt still
   std::vector<int> null;      // eigenvalues that are 0
   std::vector<int> separated; // coordinates along which the objective does not rise within a standard error
   std::vector<double> better; // t of a point that a test met and that is lower by more than gain_allowed; or empty
   double lower_by = 0.0;      // its gain in -2 log L
 
-  bool minimum() const { return measured && !indefinite && gain <= allowed && separated.empty() && better.empty(); }
+  bool minimum() const
+  {
+    return measured && !indefinite && !creeps && gain <= allowed && separated.empty() && better.empty();
+  }
   double allowed = gain_allowed; // gain_allowed, or ten times the evaluation's noise
 };
 

@@ -115,6 +115,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 9550, "text_never_occurs", W, "The text '{value}' never occurs in {name}[; is one of these meant: {near}?].",
      "A misspelled level, other capitals, or a level that this data set lacks: the comparison is false in every row.",
      "torvale describe lists the levels of a column."},
+    {503, 9513, "moments_of_two_kinds", W,
+     "{name} and '{value}' are moments of two kinds: a date is a number of days, a time or a date with a time one of "
+     "seconds.",
+     "The comparison is the same in every row.",
+     "Spell the text as the column does, as in '2024-01-31T00:00:00', or compare DATEPART of the variable."},
     {503, 9551, "bar_is_or", W,
      "A number before | makes a logical OR with {name}, which is 1 or 0: a random effect by {name} is written with "
      "RANDOM.",
