@@ -162,7 +162,7 @@ struct CompartmentResponse {
     return {k % 10, k / 10 % 10, k / 100 % 10, k / 1000 % 10, k / 10000};
   }
   int poles() const { return input + depot + n * system; }
-  bool valid() const { return n >= 1 && n <= 3 && poles() <= most_poles && power <= most_power; }
+  bool valid() const { return n >= 1 && n <= 3 && poles() >= 1 && poles() <= most_poles && power <= most_power; }
   static constexpr int most_poles = 24, most_power = 24;
 };
 
