@@ -48,7 +48,7 @@ if command -v dpkg-deb > /dev/null; then
     mkdir -p "$scratch/root$(dirname "$library")"
     cp -L "$library" "$scratch/root$library"
   done
-  mkdir -p "$scratch/root/work"
-  cp "$source_folder"/examples/orange.* "$scratch/root/work/"
-  chroot "$scratch/root" /usr/bin/torvale run /work/orange.tvl --quiet 2> /dev/null && echo "Debian package: runs in a bare root"
+  mkdir -p "$scratch/root/home"
+  cp "$source_folder"/examples/orange.* "$scratch/root/home/"
+  chroot "$scratch/root" /usr/bin/torvale run /home/orange.tvl --quiet 2> /dev/null && echo "Debian package: runs in a bare root"
 fi

@@ -1,6 +1,7 @@
 #include "integration/failure_report.h"
 
 #include "evaluation/program_faults.h"
+#include "evaluation/record_frame.h"
 #include "host/messages/names/methods.h"
 #include "host/messages/names/statements.h"
 #include "host/values/text.h"
@@ -26,12 +27,8 @@ std::string iteration_text(const NX& n)
 bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last)
 {
   constexpr std::int64_t searched_most = 20000;
-  engine::Frame frame(*n.gcmp, n.bound);
-  frame.set_parameters(n.parm.data());
-  std::size_t effects = 1;
-  for (const auto& r : n.reff) effects += static_cast<std::size_t>(r.nr);
-  const std::vector<double> zero(effects, 0.0);
-  frame.set_points(zero.data(), 1, 1);
+  evaluation::RecordFrame records(n, n.parm.data());
+  engine::Frame& frame = records.frame;
   for (std::int64_t row = first; row < std::min(last, first + searched_most); ++row) {
     if (n.store->badobs[static_cast<std::size_t>(row)] != model::BadCause::none) continue;
     frame.set_range(row, 1);

@@ -100,8 +100,8 @@ void prepare(NX& n)
   forget_evaluation(n);
 }
 
-// The last evaluation was at this point, and has what is wanted: it stands, with its slots and modes. Where modes stand still
-// to a tolerance only (EBITER$), another one brings them nearer.
+// The last evaluation was at this point, and has what is wanted: it stands, with its slots and modes. Where modes stand
+// still to a tolerance only (EBITER$), another one brings them nearer.
 bool evaluated(NX& n)
 {
   if (n.ebiter) return false;
@@ -274,6 +274,14 @@ int tvllike(NX& n)
   if (!ended) return n.failed && n.retfail && n.nreff() > 1 ? 1 : 0;
   n.raise(1012);
   return 1012;
+}
+
+void shift_predictor(NX& n, const engine::CMPSYM* predictor, const double* by_row)
+{
+  for (const auto& ctx : n.ctx) ctx->frame->shift_records(predictor, by_row);
+  n.ebtrial_point.clear();
+  n.ebtrial_by_known = false;
+  forget_evaluation(n);
 }
 
 void accept_modes(NX& n)

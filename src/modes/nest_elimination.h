@@ -5,13 +5,9 @@
 
 #include "model/nest_work.h"
 #include "model/run_record.h"
+#include "modes/packed.h"
 
 namespace torvale::modes {
-
-inline constexpr int packed(int i, int j)
-{
-  return i < j ? j * (j + 1) / 2 + i : i * (i + 1) / 2 + j;
-}
 
 // eliminate: takes a node out of its front: inverse, regression, logdet, step (the part that does not wait for the
 // ancestors); what remains of front and right is added to the parent's. Returns 0; 1 when the block cannot be inverted.

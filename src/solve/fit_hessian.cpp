@@ -1,5 +1,6 @@
 #include "solve/fit_hessian.h"
 
+#include "evaluation/record_frame.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 
@@ -123,22 +124,19 @@ private:
   // The slopes at these rows, a lane each, into x_: a row's side by side.
   bool read_slopes(std::span<const std::int32_t> rows)
   {
-    if (frame_ == nullptr) {
-      zero_.assign(static_cast<std::size_t>(n_.programs.ne) + 1, 0.0);
+    if (records_ == nullptr) {
       program_ = engine::cmpspec(*n_.gcmp, slope_);
-      frame_ = std::make_unique<engine::Frame>(*n_.gcmp, n_.bound);
-      frame_->set_parameters(theta_.data());
-      frame_->set_points(zero_.data(), 1, 1);
-      frame_->set_range(0, n_.store->nobs);
+      records_ = std::make_unique<evaluation::RecordFrame>(n_, theta_.data());
+      records_->frame.set_range(0, n_.store->nobs);
       x_.resize(engine::max_lanes * slope_.size());
     }
     engine::Tile tile;
     tile.lanes = static_cast<int>(rows.size());
     tile.observation = rows.data();
     if (rows.empty()) return true;
-    if (frame_->run(*program_, tile) > 2) return false;
+    if (records_->frame.run(*program_, tile) > 2) return false;
     for (std::size_t k = 0; k < slope_.size(); ++k) {
-      const double* const values = frame_->output(static_cast<int>(k));
+      const double* const values = records_->frame.output(static_cast<int>(k));
       for (std::size_t i = 0; i < rows.size(); ++i) x_[i * slope_.size() + k] = values[i];
     }
     return true;
@@ -198,10 +196,9 @@ private:
     std::vector<double> shift(static_cast<std::size_t>(n_.store->nobs), 0.0);
     for (std::size_t s = 0; s < rows_.subjects(); ++s)
       if (rows_.has(s, k)) shift[static_cast<std::size_t>(rows_.at(s, k))] = by;
-    for (const auto& ctx : n_.ctx) ctx->frame->shift_records(predictor_.value, shift.data());
+    integration::shift_predictor(n_, predictor_.value, shift.data());
     const bool good = evaluate(theta_);
-    for (const auto& ctx : n_.ctx) ctx->frame->shift_records(nullptr, nullptr);
-    n_.ebtrial_point.clear(); // the modes are those of other predictors
+    integration::shift_predictor(n_, nullptr, nullptr);
     return good;
   }
 
@@ -280,9 +277,8 @@ private:
   const engine::Program* program_ = nullptr;
   SubjectRows rows_;
   std::size_t np_ = 0;
-  std::unique_ptr<engine::Frame> frame_; // of the slopes' program
-  std::vector<double> zero_;             // effects, for it
-  std::vector<double> x_;                // slopes of the rows at work
+  std::unique_ptr<evaluation::RecordFrame> records_; // of the slopes' program
+  std::vector<double> x_;                            // slopes of the rows at work
   std::vector<double> theta_, interval_, hessian_;
   double shift_ = 0.0;
 };

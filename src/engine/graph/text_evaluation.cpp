@@ -4,6 +4,7 @@
 #include "host/values/calendar.h"
 #include "host/values/formats.h"
 #include "host/values/missing.h"
+#include "host/values/text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -38,13 +39,7 @@ int compare_texts(std::string_view a, std::string_view b, bool truncated)
     a = a.substr(0, n);
     b = b.substr(0, n);
   }
-  const std::size_t n = std::max(a.size(), b.size());
-  for (std::size_t i = 0; i < n; ++i) {
-    const auto x = static_cast<unsigned char>(i < a.size() ? a[i] : ' ');
-    const auto y = static_cast<unsigned char>(i < b.size() ? b[i] : ' ');
-    if (x != y) return x < y ? -1 : 1;
-  }
-  return 0;
+  return host::compare_padded(a, b);
 }
 
 // A position or count as a number of characters; missing and negative count as 0, anything huge as `most`.

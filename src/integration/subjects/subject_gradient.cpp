@@ -22,6 +22,7 @@
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
+#include "modes/packed.h"
 
 #include <algorithm>
 
@@ -31,13 +32,9 @@ using model::BatchWork;
 using model::NX;
 using model::REFFECT;
 using model::TVLThreadCtx;
+using modes::packed;
 
 namespace {
-
-constexpr int packed(int i, int j)
-{
-  return i < j ? j * (j + 1) / 2 + i : i * (i + 1) / 2 + j;
-}
 
 template <int NR> class SubjectGradient {
 public:

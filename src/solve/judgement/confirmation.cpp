@@ -162,12 +162,12 @@ bool FitEnd::sharpen()
   return true;
 }
 
-// What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
 FitEnd::~FitEnd()
 {
   if (n_.str->scale == scales_.data()) n_.str->scale = nullptr;
 }
 
+// What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
 void FitEnd::set_scales()
 {
   MINSTR& str = *n_.str;

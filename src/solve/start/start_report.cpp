@@ -1,6 +1,7 @@
 #include "solve/start/start_report.h"
 
 #include "evaluation/program_faults.h"
+#include "evaluation/record_frame.h"
 #include "host/messages/names/fit.h"
 #include "model/subject_names.h"
 
@@ -92,12 +93,8 @@ int report_worst_subjects(NX& n)
   constexpr std::size_t told = 3;
   const engine::Program& program = *n.programs.value.code;
   if (engine::sequential(program) || n.response_told) return 0;
-  engine::Frame frame(*n.gcmp, n.bound);
-  frame.set_parameters(n.parm.data());
-  std::size_t effects = 1;
-  for (const auto& r : n.reff) effects += static_cast<std::size_t>(r.nr);
-  const std::vector<double> zero(effects, 0.0);
-  frame.set_points(zero.data(), 1, 1);
+  evaluation::RecordFrame records(n, n.parm.data());
+  engine::Frame& frame = records.frame;
   const std::vector<double> loglik = record_logliks(n, frame);
   if (loglik.empty()) return 0;
   std::vector<Worst> all = by_subject(n, loglik);
