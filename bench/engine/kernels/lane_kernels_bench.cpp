@@ -34,7 +34,7 @@ struct Operands {
     for (int s = 0; s < sets; ++s)
       for (int i = 0; i < most_lanes; ++i) {
         const double u = ((i * 37 + s * 101) % 997 + 0.5) / 997.0;
-        const double row[] = {u, 1.0 + 2.0 * u, 2.5 - u, 1.0 - u, 1.0, 0.0};
+        const double row[engine::kernel_operands_max] = {u, 1.0 + 2.0 * u, 2.5 - u, 1.0 - u, 1.0};
         for (int k = 0; k < engine::kernel_operands_max; ++k) value[s][k][i] = row[k];
       }
   }
