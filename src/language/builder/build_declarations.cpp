@@ -15,24 +15,6 @@ namespace {
 
 constexpr double largest_array = 100000; // elements
 
-template <class S> S* make_statement(Arena& arena, StatementKind kind, std::span<Value> r)
-{
-  S* s = arena.make<S>();
-  s->kind = kind;
-  s->where = r.front().token.where;
-  s->end = r.back().token.where;
-  return s;
-}
-
-void store(Value& result, Statement* s)
-{
-  result.stmt = s;
-  result.expr = nullptr;
-  result.list = nullptr;
-  result.node = nullptr;
-  result.form = Form::plain;
-}
-
 // "8." or "$8." where a length is meant.
 Token format_length(const Token& format)
 {
@@ -91,7 +73,7 @@ std::vector<Builder::Name> Builder::array_elements(const List* list, ArrayDeclar
 // array head, kind, elements, initial values, ';'. The head holds the name and the list of bounds.
 void Builder::array_statement(std::span<Value> r, Value& result)
 {
-  ArrayDeclaration* s = make_statement<ArrayDeclaration>(arena_, StatementKind::array, r);
+  ArrayDeclaration* s = make_statement<ArrayDeclaration>(StatementKind::array, r);
   const Token name = r[0].token.symbol == 0 ? Token{} : r[0].token;
   s->name = name.text;
   s->character = r[1].code != 0;
@@ -176,16 +158,16 @@ void Builder::attribute_statements(std::span<Value> r, Value& result)
   if (body.size() > 1 && result.depth == 0) {
     proc_->program.statements.insert(proc_->program.statements.end(), body.begin(), body.end() - 1);
   } else if (body.size() > 1) { // several groups inside another statement: a block keeps them together
-    DoStatement* group = make_statement<DoStatement>(arena_, StatementKind::do_, r);
+    DoStatement* group = make_statement<DoStatement>(StatementKind::do_, r);
     group->body = arena_.copy(body);
     last = group;
   }
-  store(result, last ? last : make_statement<Statement>(arena_, StatementKind::empty, r));
+  store(result, last ? last : make_statement<Statement>(StatementKind::empty, r));
 }
 
 void Builder::retain_statement(std::span<Value> r, Value& result)
 {
-  RetainDeclaration* s = make_statement<RetainDeclaration>(arena_, StatementKind::retain, r);
+  RetainDeclaration* s = make_statement<RetainDeclaration>(StatementKind::retain, r);
   s->is_static = upper_case(r[0].token.text) == "STATIC";
   std::vector<std::string_view> list;
   std::vector<Expr*> initial;
@@ -200,7 +182,7 @@ void Builder::retain_statement(std::span<Value> r, Value& result)
 
 void Builder::subprogram(std::span<Value> r, Value& result)
 {
-  SubprogramDefinition* s = make_statement<SubprogramDefinition>(arena_, StatementKind::subprogram, r);
+  SubprogramDefinition* s = make_statement<SubprogramDefinition>(StatementKind::subprogram, r);
   s->is_function = r[0].code == 1;
   s->name = r[0].token.text;
   s->character_result = r[2].code != 0;
@@ -383,7 +365,7 @@ template <> void Builder::on<Action::attribute_statement>(const SEMARG&, std::sp
 
 template <> void Builder::on<Action::keep_statement>(const SEMARG&, std::span<Value> r, Value& result)
 {
-  KeepDeclaration* s = make_statement<KeepDeclaration>(arena_, StatementKind::keep_drop, r);
+  KeepDeclaration* s = make_statement<KeepDeclaration>(StatementKind::keep_drop, r);
   s->drop = upper_case(r[0].token.text) == "DROP";
   s->names = name_span(names(r[1].list));
   store(result, s);
@@ -464,7 +446,7 @@ template <> void Builder::on<Action::subprogram>(const SEMARG&, std::span<Value>
 template <> void Builder::on<Action::outargs_statement>(const SEMARG&, std::span<Value> r, Value& result)
 {
   for (const Value& v : items(r[1].list)) outputs_.push_back(v.token.text);
-  store(result, make_statement<Statement>(arena_, StatementKind::empty, r));
+  store(result, make_statement<Statement>(StatementKind::empty, r));
 }
 
 } // namespace torvale::language
