@@ -138,7 +138,7 @@ private:
   syntax::PutItem& put_item(syntax::PutItem::Kind kind, const Value& first, Value& result);
   void put_value(syntax::PutItem::Kind kind, std::span<Value> r, Value& result);
 
-  // --- declarations (build_declarations.cpp)
+  // --- declarations (build_arrays.cpp, build_declarations.cpp, build_subprograms.cpp)
   std::vector<Name> array_elements(const List* list, syntax::ArrayDeclaration& array);
   void array_statement(std::span<Value> r, Value& result);
   void attribute_statements(std::span<Value> r, Value& result);
@@ -150,7 +150,7 @@ private:
   std::vector<syntax::Expr*> initial_values(const Value& value);
   std::span<const std::string_view> name_span(const std::vector<Name>& list);
 
-  // --- procedure statements (build_procedure.cpp)
+  // --- procedure statements (build_procedure.cpp, build_parameters.cpp)
   void open_statement(const SEMARG& a, std::span<Value> r);
   void check_top_level(const Value& head);
   syntax::STMT& procedure_record();
