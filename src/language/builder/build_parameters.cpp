@@ -1,7 +1,6 @@
 // PARMS and BOUNDS: names, their values, and the relations between them.
 #include "language/builder/builder.h"
 
-#include "language/lexical.h"
 #include "syntax/statement_names.h"
 
 namespace torvale::language {
