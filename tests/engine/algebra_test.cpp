@@ -133,6 +133,56 @@ TEST(Algebra, SumsAreGroupedByWhatTheyVaryWith)
   EXPECT_EQ(lane_steps("eta = b0; eta = eta + u; eta = eta + b1*x - v; eta = eta + b2*x*x; z = y - eta;"), 1);
 }
 
+// The same of products, of a divisor by point, and of the conditions of one flag.
+TEST(Algebra, ProductsAndFlagsAreGroupedByWhatTheyVaryWith)
+{
+  const auto lane_steps = [](const std::string& program, double truth) {
+    const auto text = parse_program(program);
+    Model m;
+    m.data("x", {2, none});
+    m.data("y", {-3, 1});
+    m.compile(text->step.proc.program.statements, {"a", "b"}, {"u", "v"});
+    m.theta = {0.3, -0.2};
+    const auto z = m.run({m.symbol("z")}, {0.5, -0.25})[0];
+    EXPECT_NEAR(z[0], truth, 1e-15) << program;
+    EXPECT_TRUE(std::isnan(z[1])) << program;
+    return program_size(*cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("z")})).lane;
+  };
+  EXPECT_EQ(lane_steps("z = u*x*v*(y*a);", 0.225), 1);
+  EXPECT_EQ(lane_steps("z = x*(u*y)/(v + b);", -3 / -0.45), 1);
+  EXPECT_EQ(lane_steps("bad = x > 5; if u > 5 then bad = 1; if y > 5 then bad = 1; if v > 5 then bad = 1;"
+                       "if bad = 0 then z = x; else z = .;",
+                       2.0),
+            2);
+}
+
+// A rate from a clearance and a volume that were made of that rate is the rate: it does not vary with the effect.
+TEST(Algebra, ExponentialsInBothPartsOfAQuotientCancel)
+{
+  for (const char* const rate :
+       {"v = cl/ke; k = cl/v;", "v = cl*ke; k = v/cl;", "v = ke*cl; w = cl/v; k = 1/w;",
+        "v = ke/cl; w = v/cl; w = cl/ke; v = 1/w; k = cl*v;", "w = cl/c; v = cl/w; k = v/c*ke;"}) {
+    const auto text = parse_program("cl = exp(a + u); ke = exp(b); c = b; " + std::string(rate) + " z = k;");
+    Model m;
+    m.data("x", {2, 1});
+    m.compile(text->step.proc.program.statements, {"a", "b"}, {"u"});
+    m.theta = {0.3, -0.2};
+    EXPECT_NEAR(m.run({m.symbol("z")}, {0.5})[0][0], std::exp(-0.2), 1e-15) << rate;
+  }
+  const auto text = parse_program("cl = exp(a + u); v = cl/exp(b); z = cl/v;"
+                                  "d = exp(a + u + x); y = d/(d/exp(b)); w = cl/(cl/b);");
+  Model m;
+  m.data("x", {2, none});
+  m.compile(text->step.proc.program.statements, {"a", "b"}, {"u"});
+  m.theta = {0.3, 0.0};
+  const engine::Program& program = *cmpspec(*m.compiler, std::vector<CMPSYM*>{m.symbol("z")});
+  EXPECT_FALSE(varies_by_point(program, 0));
+  const auto values = m.run({m.symbol("y"), m.symbol("w")}, {0.5});
+  EXPECT_NEAR(values[0][0], 1.0, 1e-15);
+  EXPECT_TRUE(std::isnan(values[0][1])); // of a missing covariate
+  EXPECT_TRUE(std::isnan(values[1][0])); // by 0
+}
+
 // The Bernoulli likelihood with the probability written out: no logarithm but the one of 1 + exp(-|eta|), which the
 // derivatives share.
 TEST(Algebra, BernoulliLikelihoodTakesOneExponentialAndOneLogarithm)

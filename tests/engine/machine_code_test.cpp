@@ -187,10 +187,10 @@ TEST_P(MachineCode, EveryKernelGivesTheBitsOfItsLoop)
 // Means of exponentials of a fixed order, many at once: with rates near each other in all lanes, in some and in none.
 TEST_P(MachineCode, MeansOfExponentials)
 {
-  constexpr double orders[] = {0, 1, 10, 2, 11, 20, 3, 21, 44};
+  constexpr double orders[] = {0, 1, 10, 2, 11, 20, 3, 21, 12, 30, 22, 13, 4, 44};
   for (unsigned seed = 1; seed <= 12; ++seed) {
     std::mt19937 random(seed);
-    constexpr int registers = 40, fixed = std::size(orders);
+    constexpr int registers = 45, fixed = std::size(orders);
     StageUnderTest stage(*table_, registers);
     for (int r = 0; r < fixed; ++r) stage.fix(r, orders[r]);
     for (int r = fixed; r < registers; ++r) {

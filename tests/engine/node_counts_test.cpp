@@ -48,7 +48,7 @@ TEST(NodeCounts, ThreeCompartmentModelToThirdOrder)
     const std::vector<CMPSYM*>& outputs;
     int most_nodes;
   } sets[] = {{"value", values, 220},
-              {"value, gradient", with_gradient, 560},
+              {"value, gradient", with_gradient, 580},
               {"mode search", mode, 2500},
               {"cross", cross, 6500},
               {"third", everything, 40000}};

@@ -27,6 +27,54 @@ NodeId GraphBuilder::logistic_quotient(NodeId a, NodeId b)
   return is_kernel(node(a), Kernel::exp) && operand(a, 0) == x ? call(Kernel::logistic, x) : no_node;
 }
 
+// Made of parameters, random effects and constants, so that it is missing only where something overflows.
+bool GraphBuilder::lost_by_overflow_alone(NodeId a, int depth) const
+{
+  if (never_missing(a)) return true;
+  const Node& n = node(a);
+  if (depth == 0 || n.kind != NodeKind::kernel) return false;
+  switch (n.kernel) {
+  case Kernel::add:
+  case Kernel::subtract:
+  case Kernel::multiply:
+  case Kernel::negate:
+  case Kernel::exp:
+    break;
+  default:
+    return false;
+  }
+  for (int k = 0; k < n.operands; ++k)
+    if (!lost_by_overflow_alone(n.operand[static_cast<std::size_t>(k)], depth - 1)) return false;
+  return true;
+}
+
+// A rate CL/V where V was written as CL/k, or CL as k*V, is k: it need not vary with what the others vary with.
+NodeId GraphBuilder::cancelled_quotient(NodeId a, NodeId b)
+{
+  constexpr int nested = 6;
+  const auto cancels = [&](NodeId x) {
+    return is_kernel(node(x), Kernel::exp) && lost_by_overflow_alone(operand(x, 0), nested);
+  };
+  // The other factor of a product.
+  const auto beside = [&](NodeId product, NodeId factor) {
+    const Node n = node(product);
+    if (!is_kernel(n, Kernel::multiply)) return no_node;
+    return n.operand[0] == factor ? n.operand[1] : n.operand[1] == factor ? n.operand[0] : no_node;
+  };
+  if (cancels(a)) {
+    if (const NodeId other = beside(b, a); other != no_node) return reciprocal(other);
+    if (is_kernel(node(b), Kernel::divide) && operand(b, 0) == a) {
+      const NodeId divisor = operand(b, 1);
+      return is_kernel(node(divisor), Kernel::exp) ? divisor : reciprocal(reciprocal(divisor));
+    }
+  }
+  if (cancels(b)) {
+    if (const NodeId other = beside(a, b); other != no_node) return other;
+    if (is_kernel(node(a), Kernel::divide) && operand(a, 0) == b) return reciprocal(operand(a, 1));
+  }
+  return no_node;
+}
+
 NodeId GraphBuilder::complement(NodeId a)
 {
   const Node n = node(a);

@@ -80,9 +80,10 @@ struct Loop {
 bool answers_truth(Kernel k);
 
 // GraphBuilder: makes nodes, simplifying as it goes. A rewritten node has the same value, missing values included, with
-// two exceptions: sums are regrouped by what their terms vary with (sums.cpp), and exponentials, logarithms and
-// logistic functions of each other give way to simpler forms (algebra.cpp). There the last digits may differ, and a
-// value may be found where the program as written would have met an overflow or the logarithm of 0. In derivative mode
+// two exceptions: sums and products are regrouped by what their parts vary with (groups.cpp), and exponentials,
+// logarithms and logistic functions of each other give way to simpler forms (algebra.cpp). There the last digits may
+// differ, and a value may be found where the program as written would have met an overflow or the logarithm of 0. In
+// derivative mode
 // (`Derivative` below) a factor that is the constant 0 makes a product 0: derivatives of what does not vary are 0 even
 // where the other factor is missing.
 class GraphBuilder {
@@ -196,17 +197,23 @@ private:
   NodeId intern_kernel(Kernel k, std::span<const NodeId> operands);
   NodeId simplified(Kernel k, std::span<const NodeId> operands); // no_node: nothing to simplify
   NodeId whole_power(NodeId a, int n);
-  NodeId plain_sum(NodeId a, NodeId b, bool minus);     // two operands, as they are
-  NodeId regrouped_sum(NodeId a, NodeId b, bool minus); // no_node: nothing to regroup
-  struct Summands;
-  Summands summands(NodeId a, bool negative, int depth);
+  NodeId plain_sum(NodeId a, NodeId b, bool minus); // two operands, as they are
+  NodeId plain_product(NodeId a, NodeId b);
+  NodeId plain_or(NodeId a, NodeId b);
+  NodeId regrouped(Kernel operation, NodeId a, NodeId b, bool minus = false); // add, multiply or or_; no_node: as it is
+  NodeId regrouped_quotient(NodeId a, NodeId b);
+  struct Parts;
+  static constexpr int nested_parts = 2;
+  Parts parts(Kernel operation, NodeId a, bool negative, int depth = nested_parts);
   NodeId logarithm(Kernel k, NodeId a); // of log and log_or_minus_infinity; no_node: no simpler form
   NodeId known_logarithm(NodeId a);     // of a product of exponentials and their kin; no_node: it takes a logarithm
   NodeId log_one_plus(NodeId a);        // log(1 + a), likewise
-  NodeId logistic_quotient(NodeId a, NodeId b); // a / b as a logistic function
-  NodeId one_plus_exp(NodeId a);                // x where a is 1 + exp(x)
-  NodeId complement(NodeId a);                  // 1 - a where that has a form of its own
-  NodeId gamma_ratio(NodeId a, NodeId b);       // lgamma(x + y) - lgamma(x)
+  NodeId logistic_quotient(NodeId a, NodeId b);  // a / b as a logistic function
+  NodeId cancelled_quotient(NodeId a, NodeId b); // a / b without an exponential that both have
+  bool lost_by_overflow_alone(NodeId a, int depth) const;
+  NodeId one_plus_exp(NodeId a);          // x where a is 1 + exp(x)
+  NodeId complement(NodeId a);            // 1 - a where that has a form of its own
+  NodeId gamma_ratio(NodeId a, NodeId b); // lgamma(x + y) - lgamma(x)
   NodeId compare_kinds(Kernel comparison, NodeId a, NodeId b);
   NodeId compare_as_one(Kernel comparison, NodeId a, NodeId b);
   bool found_truth(const Node& n) const;

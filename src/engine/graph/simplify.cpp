@@ -85,7 +85,7 @@ NodeId GraphBuilder::add(NodeId a, NodeId b)
 {
   a = ordinary(a);
   b = ordinary(b);
-  const NodeId sum = regrouped_sum(a, b, false);
+  const NodeId sum = regrouped(Kernel::add, a, b);
   return sum != no_node ? sum : plain_sum(a, b, false);
 }
 
@@ -93,7 +93,7 @@ NodeId GraphBuilder::subtract(NodeId a, NodeId b)
 {
   a = ordinary(a);
   b = ordinary(b);
-  const NodeId sum = regrouped_sum(a, b, true);
+  const NodeId sum = regrouped(Kernel::add, a, b, true);
   return sum != no_node ? sum : plain_sum(a, b, true);
 }
 
@@ -153,6 +153,13 @@ NodeId GraphBuilder::multiply(NodeId a, NodeId b)
   if (minus_a && minus_b) return multiply(operand(a, 0), operand(b, 0));
   if (minus_a) return negate(multiply(operand(a, 0), b));
   if (minus_b) return negate(multiply(a, operand(b, 0)));
+  const NodeId product = regrouped(Kernel::multiply, a, b);
+  return product != no_node ? product : plain_product(a, b);
+}
+
+NodeId GraphBuilder::plain_product(NodeId a, NodeId b)
+{
+  if (is_constant(a) || is_constant(b)) return multiply(a, b);
   if (a == b) return square(a);
   if (a > b) std::swap(a, b);
   const NodeId x[] = {a, b};
@@ -178,6 +185,8 @@ NodeId GraphBuilder::divide(NodeId a, NodeId b)
   if (minus_a && minus_b) return divide(operand(a, 0), operand(b, 0));
   if (minus_a) return negate(divide(operand(a, 0), b));
   if (minus_b) return negate(divide(a, operand(b, 0)));
+  if (const NodeId quotient = cancelled_quotient(a, b); quotient != no_node) return quotient;
+  if (const NodeId quotient = regrouped_quotient(a, b); quotient != no_node) return quotient;
   const NodeId x[] = {a, b};
   return intern_kernel(Kernel::divide, x);
 }
@@ -270,6 +279,9 @@ NodeId GraphBuilder::compare_as_one(Kernel k, NodeId a, NodeId b)
   if (k == Kernel::less_equal && b_missing) return is_missing(a);
   if (k == Kernel::less_equal && a_missing) return one();
   if (a == b) return constant(k == Kernel::equal || k == Kernel::less_equal ? 1.0 : 0.0);
+  if (symmetric && is_constant(b)) std::swap(a, b);
+  if (symmetric && is_truth(b) && (is_constant(a, 0.0) || is_constant(a, 1.0)))
+    return (k == Kernel::equal) == is_constant(a, 1.0) ? b : not_(b);
   if (symmetric && a > b) std::swap(a, b);
   const NodeId x[] = {a, b};
   if (never_missing(a) && never_missing(b)) {
@@ -360,6 +372,13 @@ NodeId GraphBuilder::or_(NodeId a, NodeId b)
     if (operand(b, 1) == not_a) return or_(a, operand(b, 0));
     if (operand(b, 0) == a || operand(b, 1) == a) return a;
   }
+  const NodeId either = regrouped(Kernel::or_, a, b);
+  return either != no_node ? either : plain_or(a, b);
+}
+
+NodeId GraphBuilder::plain_or(NodeId a, NodeId b)
+{
+  if (a == b) return a;
   if (a > b) std::swap(a, b);
   const NodeId x[] = {a, b};
   return intern_kernel(Kernel::or_, x);

@@ -26,7 +26,7 @@ template <class F> __attribute__((always_inline)) inline Lanes by_number(Lanes n
 // i = j = 0; errors grow to 3e-14 at i + j = 4. Where x and y are within 1 the series in d = y - x,
 //     ey sum_m d**m B(i + m + 1, j + 1) / m!,
 // elsewhere by parts.
-constexpr int most_moment = 4, exp_mean_terms = 18; // i and j are at most 4
+constexpr int most_moment = KernelTable::most_mean_order, exp_mean_terms = 18; // i + j is at most that
 struct ExpMeanSeries {
   double c[most_moment + 1][most_moment + 1][exp_mean_terms];
 };

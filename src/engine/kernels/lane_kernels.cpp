@@ -9,6 +9,9 @@
 #include "engine/kernels/lane_normal.h"
 #include "engine/kernels/scalar_kernels.h"
 
+#include <iterator>
+#include <utility>
+
 namespace torvale::engine {
 namespace {
 
@@ -75,6 +78,17 @@ template <auto F> void set(KernelTable& table, Kernel k)
     table.fn[at] = F;
   else
     table.vector[at] = reinterpret_cast<VectorFn>(F);
+}
+
+template <int Order> void set_mean(KernelTable& table)
+{
+  constexpr int i = Order / 10, j = Order % 10;
+  if constexpr (i + j <= KernelTable::most_mean_order)
+    table.mean[Order] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<i, j>);
+}
+template <int... Orders> void set_means(KernelTable& table, std::integer_sequence<int, Orders...>)
+{
+  (set_mean<Orders>(table), ...);
 }
 
 KernelTable build_table(const char* isa)
@@ -171,12 +185,7 @@ KernelTable build_table(const char* isa)
   set<lane::logit>(table, Kernel::logit);
   set<lane::log_add_exp>(table, Kernel::log_add_exp);
   set<lane::exp_mean>(table, Kernel::exp_mean);
-  table.mean[0] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<0, 0>);
-  table.mean[1] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<0, 1>);
-  table.mean[2] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<0, 2>);
-  table.mean[10] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<1, 0>);
-  table.mean[11] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<1, 1>);
-  table.mean[20] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<2, 0>);
+  set_means(table, std::make_integer_sequence<int, std::size(KernelTable().mean)>());
   set<lane::cubic_root>(table, Kernel::cubic_root);
   set<lane::compartment_response>(table, Kernel::compartment_response);
   set<lane::gamma>(table, Kernel::gamma);

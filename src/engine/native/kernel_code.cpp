@@ -469,42 +469,19 @@ private:
     code_.arithmetic(Arithmetic::subtract, result, k, reg(half));
   }
 
-  // exp_mean_far of lane_compartments.h, of orders whose sum is at most 2: by parts, with d = y - x and w = 1 / d as
-  // further operands, which means of several orders share. The kernel does what is nearer.
+  // The mean by parts that the plan has made, operand 6, where the rates are more than 1 apart (operand 5); the kernel
+  // does what is nearer.
   bool exp_mean()
   {
     if (op_.index < 0) return false;
-    const int i = op_.index / 10, j = op_.index % 10;
-    const int x = number(0), y = number(1), ex = number(2), ey = number(3), d = number(5), w = number(6);
-    const int mean = registers_.temporary(), other = registers_.temporary(), result = out();
-    const auto times = [&](int to, Xbyak::Operand const& factor) {
-      code_.arithmetic(Arithmetic::multiply, to, to, factor);
-    };
+    const int x = number(0), y = number(1), ex = number(2), ey = number(3), d = number(5), far = number(6);
+    const Operand& shown = source(7);
+    const int result = out();
     code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
     code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
     RareCall& rare = unless(m_, {x, y, ex, ey}, result);
     rare.order = op_.index;
-    code_.arithmetic(Arithmetic::subtract, mean, ex, reg(ey));
-    times(mean, reg(w));
-    if (i == 1 && j == 1) { // from the means of both orders before it
-      code_.arithmetic(Arithmetic::subtract, other, ex, reg(mean));
-      times(other, reg(w));
-      code_.arithmetic(Arithmetic::subtract, mean, mean, reg(ey));
-      times(mean, reg(w));
-      code_.arithmetic(Arithmetic::subtract, mean, other, reg(mean));
-      times(mean, reg(w));
-    } else {
-      for (int k = 1; k <= i + j; ++k) {
-        if (k == 2) times(mean, constant(Constant::two));
-        if (i > 0)
-          code_.arithmetic(Arithmetic::subtract, mean, ex, reg(mean));
-        else
-          code_.arithmetic(Arithmetic::subtract, mean, mean, reg(ey));
-        times(mean, reg(w));
-      }
-    }
-    code_.arithmetic(Arithmetic::subtract, t_, ex, reg(ex)); // a missing exponential shows
-    code_.arithmetic(Arithmetic::add, result, mean, reg(t_));
+    code_.arithmetic(Arithmetic::add, result, far, shown);
     code_.L(rare.back);
     return true;
   }

@@ -1,6 +1,7 @@
 #include "engine/native/value_plan.h"
 
 #include <algorithm>
+#include <compare>
 #include <map>
 
 namespace torvale::engine {
@@ -111,28 +112,65 @@ private:
     }
   }
 
-  // Means of exponentials of low order are written in the code, with the difference of their rates and its reciprocal
-  // as operands 5 and 6.
+  // Means of exponentials away from equal rates, by parts as in lane_compartments.h: one difference of the rates, its
+  // reciprocal and the means of lower orders serve all orders.
+  struct Mean {
+    ValueId x, y, ex, ey;
+    auto operator<=>(const Mean&) const = default;
+  };
+  struct FarMeans {
+    ValueId difference, reciprocal, shown; // shown: 0, or missing with the first exponential
+    ValueId far[KernelTable::most_mean_order + 1][KernelTable::most_mean_order + 1];
+  };
+
+  ValueId kernel(Kernel k, std::initializer_list<ValueId> in)
+  {
+    const ValueId out = value(PlanValue::From::operation, false);
+    PlanOperation& op = operation(PlanOperation::Kind::kernel, in);
+    op.kernel = k;
+    op.out = out;
+    return out;
+  }
+
+  ValueId times(int k, ValueId v) // exact up to 2 v, and 3 v and 4 v are rounded once
+  {
+    if (k == 1) return v;
+    const ValueId twice = kernel(Kernel::add, {v, v});
+    return k == 2 ? twice : kernel(Kernel::add, {twice, k == 3 ? v : twice});
+  }
+
+  ValueId far_mean(const Mean& m, FarMeans& known, int i, int j)
+  {
+    ValueId& mean = known.far[i][j];
+    if (mean != no_value) return mean;
+    ValueId sum = no_value;
+    if (i == 0)
+      sum = kernel(Kernel::subtract, {j == 0 ? m.ex : times(j, far_mean(m, known, 0, j - 1)), m.ey});
+    else
+      sum = kernel(Kernel::subtract,
+                   {j == 0 ? m.ex : times(j, far_mean(m, known, i, j - 1)), times(i, far_mean(m, known, i - 1, j))});
+    return mean = kernel(Kernel::multiply, {sum, known.reciprocal});
+  }
+
+  // The operation gets the difference of the rates, the mean by parts and what shows a missing exponential.
   void plan_mean(PlanOperation& op)
   {
-    const int order = whole_constant(op.in[4]);
-    op.index = order >= 0 && order / 10 + order % 10 <= 2 ? order : -1;
+    const int order = whole_constant(op.in[4]), i = order / 10, j = order % 10;
+    op.index = order >= 0 && i + j <= KernelTable::most_mean_order ? order : -1;
     if (op.index < 0) return;
-    const auto [at, first] = differences_.try_emplace({op.in[0], op.in[1]}, no_value, no_value);
-    auto& [difference, reciprocal] = at->second;
+    const Mean m{op.in[0], op.in[1], op.in[2], op.in[3]};
+    const auto [at, first] = means_.try_emplace(m);
+    FarMeans& known = at->second;
     if (first) {
-      difference = value(PlanValue::From::operation, false);
-      PlanOperation& subtract = operation(PlanOperation::Kind::kernel, {op.in[1], op.in[0]});
-      subtract.kernel = Kernel::subtract;
-      subtract.out = difference;
-      reciprocal = value(PlanValue::From::operation, false);
-      PlanOperation& invert = operation(PlanOperation::Kind::kernel, {difference});
-      invert.kernel = Kernel::reciprocal;
-      invert.out = reciprocal;
+      known.difference = kernel(Kernel::subtract, {m.y, m.x});
+      known.reciprocal = kernel(Kernel::reciprocal, {known.difference});
+      known.shown = kernel(Kernel::subtract, {m.ex, m.ex});
+      for (auto& row : known.far) std::fill(std::begin(row), std::end(row), no_value);
     }
-    op.in[5] = difference;
-    op.in[6] = reciprocal;
-    op.operands = 7;
+    op.in[5] = known.difference;
+    op.in[6] = far_mean(m, known, i, j);
+    op.in[7] = known.shown;
+    op.operands = 8;
   }
 
   // A value that is a constant whole number; -1 for any other.
@@ -185,7 +223,7 @@ private:
   ValuePlan& plan_;
   std::vector<ValueId> held_;       // value in each register of the steps
   std::vector<ValueId> other_form_; // per value: the same as a mask or number
-  std::map<std::pair<ValueId, ValueId>, std::pair<ValueId, ValueId>> differences_; // of two rates, and its reciprocal
+  std::map<Mean, FarMeans> means_;
   ValueId pending_ = no_value, nans_ = no_value;
 };
 

@@ -116,22 +116,29 @@ private:
   std::vector<syntax::Expr*> expressions(const List* list) const;
 
   // --- programming statements (build_statements.cpp)
+  // A record of the production's place; `store` makes it what the production yields, `statement` does both.
+  template <class S> S* make_statement(syntax::StatementKind kind, std::span<Value> r);
+  static void store(Value& result, syntax::Statement* s);
   template <class S> S* statement(syntax::StatementKind kind, std::span<Value> r, Value& result);
   syntax::Block block(const List* list);
-  syntax::LoopRange loop_range(Action action, std::span<Value> r);
-  syntax::LoopRange* store_range(Action action, std::span<Value> r);
   void open(Value& result, syntax::Expr* e, List* list, void* node = nullptr);
-  void open_do(syntax::Expr* syntax::LoopRange::*part, const Value& test, Value& result);
   void assignment(syntax::Assignment::Form form, std::span<Value> r, Value& result);
   void leave(syntax::StatementKind kind, std::span<Value> r, Value& result);
-  void do_statement(std::span<Value> r, Value& result);
   void select_statement(std::span<Value> r, Value& result);
-  void put_statement(std::span<Value> r, Value& result);
-  void put_item(Action action, const SEMARG& a, std::span<Value> r, Value& result);
-  syntax::PutItem read_put_item(const Value& value) const;
   syntax::Statement* or_empty(const Value& value);
 
-  // --- declarations (build_declarations.cpp)
+  // --- DO groups (build_loops.cpp)
+  void open_do(syntax::Expr* syntax::LoopRange::*part, const Value& test, Value& result);
+  void do_statement(std::span<Value> r, Value& result);
+  syntax::LoopRange& loop(syntax::Expr* start, syntax::Expr* stop, syntax::Expr* step, const Value* condition,
+                          Value& result);
+
+  // --- PUT and FILE (build_output.cpp)
+  void put_statement(std::span<Value> r, Value& result);
+  syntax::PutItem& put_item(syntax::PutItem::Kind kind, const Value& first, Value& result);
+  void put_value(syntax::PutItem::Kind kind, std::span<Value> r, Value& result);
+
+  // --- declarations (build_arrays.cpp, build_declarations.cpp, build_subprograms.cpp)
   std::vector<Name> array_elements(const List* list, syntax::ArrayDeclaration& array);
   void array_statement(std::span<Value> r, Value& result);
   void attribute_statements(std::span<Value> r, Value& result);
@@ -143,7 +150,7 @@ private:
   std::vector<syntax::Expr*> initial_values(const Value& value);
   std::span<const std::string_view> name_span(const std::vector<Name>& list);
 
-  // --- procedure statements (build_procedure.cpp)
+  // --- procedure statements (build_procedure.cpp, build_parameters.cpp)
   void open_statement(const SEMARG& a, std::span<Value> r);
   void check_top_level(const Value& head);
   syntax::STMT& procedure_record();
@@ -190,6 +197,22 @@ private:
   std::vector<std::string_view> outputs_; // OUTARGS names of the subprogram in work
   bool by_given_ = false;
 };
+
+template <class S> S* Builder::make_statement(syntax::StatementKind kind, std::span<Value> r)
+{
+  S* s = arena_.make<S>();
+  s->kind = kind;
+  s->where = r.front().token.where;
+  s->end = r.back().token.where;
+  return s;
+}
+
+template <class S> S* Builder::statement(syntax::StatementKind kind, std::span<Value> r, Value& result)
+{
+  S* s = make_statement<S>(kind, r);
+  store(result, s);
+  return s;
+}
 
 // One function each: an action of the grammar without one does not link.
 #define TORVALE_ACTION(name) template <> void Builder::on<Action::name>(const SEMARG&, std::span<Value>, Value&);

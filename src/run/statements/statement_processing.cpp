@@ -2,8 +2,6 @@
 
 #include "evaluation/likelihood_programs.h"
 #include "host/messages/names/fit.h"
-#include "host/messages/names/methods.h"
-#include "host/messages/names/optimization.h"
 #include "host/messages/names/statements.h"
 #include "host/values/text.h"
 #include "inference/outputs/fit_outputs.h"
@@ -19,8 +17,6 @@ namespace torvale::run {
 
 using model::ModelLists;
 using model::NX;
-using syntax::model_slot;
-using syntax::replicate_slot;
 using syntax::STMT;
 using syntax::torvale_slot;
 
@@ -68,42 +64,7 @@ void tvlexit(NX& n, int return_code)
   host::xexit(return_code, 0);
 }
 
-void model_statement(NX& n)
-{
-  auto& log = n.host->log();
-  STMT* stmt = nullptr;
-  const int count = syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  if (count == 0) {
-    log.xpmlog(message::no_model, place_at(n, "TORVALE", n.proc->statements.front().where));
-    tvlexit(n, 3000);
-  }
-  if (count > 1) {
-    log.xpmlog(message::repeated_statement{.statement = "MODEL"}, place_at(n, "MODEL", stmt->where));
-    tvlexit(n, 3000);
-  }
-  n.disttype = static_cast<int>(stmt->number_or(model_slot::distribution, 0));
-  if (stmt->slot(model_slot::dependent).list.size() != 1) {
-    log.xpmlog(message::no_model, place_at(n, "MODEL", stmt->where));
-    tvlexit(n, 3000);
-  }
-  n.depname = stmt->slot(model_slot::dependent).list[0].text;
-  n.llsym = engine::cmpsyms(*n.gcmp, "_ll");
-  if (n.method == 1) { // as the generated statements name them
-    n.meansym = engine::cmpsyms(*n.gcmp, "_arg1");
-    n.variancesym = engine::cmpsyms(*n.gcmp, "_arg2");
-  }
-}
-
 namespace {
-
-// Two statements of a kind that may stand once.
-void refuse_second(NX& n, const char* word)
-{
-  STMT* stmt = nullptr;
-  if (syntax::FindStmt(*n.proc, word, &stmt) < 2) return;
-  n.host->log().xpmlog(message::repeated_statement{.statement = word}, place_at(n, word, stmt->where));
-  tvlexit(n, 3000);
-}
 
 // SUBGRADIENT= and OUTQ=.
 void method_outputs(NX& n, const STMT& procedure)
@@ -114,58 +75,6 @@ void method_outputs(NX& n, const STMT& procedure)
   n.host->log().xpmlog(message::subgradient_needs_quadrature,
                        place_at(n, "TORVALE", procedure.slot(torvale_slot::subgradient).where));
   tvlexit(n, 3000);
-}
-
-host::MessagePlace dependent_place(const NX& n)
-{
-  STMT* stmt = nullptr;
-  syntax::FindStmt(*n.proc, "MODEL", &stmt);
-  return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
-}
-
-// The first text of the column that is no number; where no text is one, how a number is made of them.
-message::dependent_is_character character_dependent(const std::string& name, const host::Column& column)
-{
-  std::size_t first = column.rows();
-  bool numbers = false;
-  for (std::size_t row = 0; row < column.rows(); ++row) {
-    if (column.is_missing(row)) continue;
-    const bool number = host::parse_number(column.text(row)).has_value();
-    numbers = numbers || number;
-    if (!number && first == column.rows()) first = row;
-  }
-  if (first == column.rows()) return {.name = name};
-  message::dependent_is_character out{.name = name, .row = first + 1, .value = column.text(first)};
-  if (!numbers) out.test = name + " = '" + column.text(first) + "'";
-  return out;
-}
-
-void refuse_character_dependent(NX& n)
-{
-  const engine::CMPSYM* const symbol = engine::cmpsyms(*n.gcmp, n.depname);
-  const host::Column* const column = n.fid->find(n.depname);
-  const bool assigned = symbol != nullptr && symbol->assigned;
-  const bool character = assigned ? symbol->type == 'c' : column != nullptr && !column->numeric();
-  if (!character) return;
-  const auto words =
-      assigned ? message::dependent_is_character{.name = n.depname} : character_dependent(n.depname, *column);
-  n.host->log().xpmlog(words, dependent_place(n));
-  tvlexit(n, 3000);
-}
-
-void dependent_variable(NX& n)
-{
-  n.depsym = engine::cmpsyms(*n.gcmp, n.depname);
-  const bool computed = n.depsym != nullptr && n.depsym->assigned;
-  const bool parameter = n.depsym != nullptr && n.depsym->parameter >= 0;
-  if (parameter || (!computed && n.fid->find(n.depname) == nullptr)) {
-    const std::string near = parameter ? std::string() : host::nearest_name(n.depname, n.fid->column_names());
-    n.host->log().xpmlog(
-        message::unknown_dependent_variable{.name = n.depname, .near = near, .statement = parameter ? "PARMS" : ""},
-        dependent_place(n));
-    tvlexit(n, 3000);
-  }
-  refuse_character_dependent(n); // a type that only the whole program shows
 }
 
 // BY variables are read from the data set.
@@ -179,91 +88,6 @@ void by_variables(NX& n)
         place_at(n, "BY", n.proc->statements.front().slot(torvale_slot::by).where));
     tvlexit(n, 3000);
   }
-}
-
-// The chain of effects, the outermost level first: their numbers in the compiled model.
-void number_effects(NX& n)
-{
-  for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff) {
-    reff->first_effect = n.mransym.n();
-    for (auto* symbol : reff->ransym.s) {
-      engine::cmpran(*n.gcmp, symbol, n.mransym.n());
-      n.mransym.s.push_back(symbol);
-    }
-  }
-}
-
-void random_statements(NX& n, const STMT& procedure)
-{
-  auto& log = n.host->log();
-  std::vector<const STMT*> statements;
-  for (const auto& stmt : n.proc->statements)
-    if (stmt.name == "RANDOM") statements.push_back(&stmt);
-  if (statements.empty()) {
-    if (n.method == 1) {
-      log.xpmlog(message::firo_needs_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::method).where));
-      tvlexit(n, 3000);
-    }
-    if (n.empirical) {
-      log.xpmlog(message::empirical_needs_random, place_at(n, "TORVALE", procedure.where));
-      tvlexit(n, 3000);
-    }
-    n.method = 0;
-    n.adaptive = n.adscale = false;
-    n.nqp = 1;
-    if (procedure.given(torvale_slot::outr)) {
-      log.xpmlog(message::outr_without_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::outr).where));
-      n.raise(4);
-    }
-    return;
-  }
-  if (statements.size() > 1 && n.method != 0) {
-    log.xpmlog(message::levels_need_gauss, place_at(n, "RANDOM", statements[1]->where));
-    tvlexit(n, 3000);
-  }
-  n.reff.resize(statements.size());
-  for (std::size_t k = 0; k < statements.size(); ++k) readrandom(n, *statements[k], n.reff[k]);
-  if (n.method == 2 && n.leaf().nr != 1) {
-    log.xpmlog(message::hardy_needs_one_effect{.count = n.leaf().nr}, place_at(n, "RANDOM", statements[0]->where));
-    tvlexit(n, 1012);
-  }
-  if (statements.size() > 1) nested_levels(n, procedure);
-  number_effects(n);
-  note_idle_points(n, procedure);
-  STMT* prediction = nullptr;
-  if (const auto& out = procedure.slot(torvale_slot::outr).list; procedure.given(torvale_slot::outr) && !out.empty())
-    n.outr = &out[0];
-  n.wants_effects =
-      n.outr != nullptr || n.fitted.out != nullptr || syntax::FindStmt(*n.proc, "PREDICT", &prediction) > 0 ||
-      std::any_of(n.reff.begin(), n.reff.end(), [](const auto& r) { return r.outeb != nullptr || r.outpp != nullptr; });
-  n.leaf().prsym.s = n.prsym.s;
-  for (auto* symbol : n.leaf().ransym.s) n.leaf().prsym.s.push_back(symbol);
-  if (n.empirical && n.method != 0 && n.method != 3) {
-    log.xpmlog(message::empirical_needs_quadrature, place_at(n, "TORVALE", procedure.where));
-    tvlexit(n, 3000);
-  }
-}
-
-void replicate_statement(NX& n)
-{
-  refuse_second(n, "REPLICATE");
-  STMT* stmt = nullptr;
-  if (syntax::FindStmt(*n.proc, "REPLICATE", &stmt) == 0) return;
-  if (stmt->slot(replicate_slot::variable).list.size() != 1) tvlexit(n, 3000);
-  const auto& item = stmt->slot(replicate_slot::variable).list[0];
-  n.repname = item.text;
-  n.repsym = engine::cmpsyms(*n.gcmp, item.text);
-  const auto at = n.fid->xvfind(item.text);
-  const bool computed = n.repsym != nullptr && n.repsym->assigned;
-  const bool parameter = n.repsym != nullptr && n.repsym->parameter >= 0;
-  const bool usable = !parameter && (computed || (at != host::DataSet::npos && n.fid->columns()[at].numeric()));
-  if (!usable) {
-    n.host->log().xpmlog(message::bad_replicate_variable{.name = item.text, .data = n.data_name},
-                         place_at(n, "REPLICATE", item.where));
-    tvlexit(n, 3000);
-  }
-  if (!computed) n.repsym = engine::cmpsymg(*n.gcmp, item.text, static_cast<int>(at) + 1, 'n');
-  n.repsym->used = true; // the data pass reads it, whether the program does or not
 }
 
 // Data variables that the distribution arguments depend on: they must not change within a subject.
@@ -307,35 +131,6 @@ void warn_of_lengths(NX& n)
       n.raise(4);
     }
   }
-}
-
-void list_derivatives(NX& n)
-{
-  const auto show = [&](const std::string& title, std::initializer_list<const engine::CMPDER*> requests) {
-    std::string text;
-    for (const auto* der : requests) text += engine::cmppder(*n.gcmp, *der);
-    if (!text.empty()) n.host->list_program(title, std::move(text));
-  };
-  if (n.nreff() == 0) show("Derivatives of the Log Likelihood", {&n.gradstr});
-  for (const auto& r : n.reff) {
-    const std::string level = n.nreff() > 1 ? ", " + r.subname : "";
-    show("Derivatives of the Log Likelihood" + level, {&r.gradstr});
-    show("Second Derivatives of the Log Likelihood" + level, {&r.hessustr});
-    show("Third Derivatives of the Log Likelihood" + level, {&r.triustr});
-    show("Derivatives of the Random-Effects Distribution" + level, {&r.gradrstr});
-  }
-  for (const auto& e : n.estimates) show("Derivatives of ESTIMATE '" + e.label + "'", {&e.der});
-  for (const auto& c : n.contrasts) show("Derivatives of CONTRAST '" + c.label + "'", {&c.der});
-  for (const auto& p : n.predictions) show("Derivatives of PREDICT " + p.value->name, {&p.der});
-}
-
-void listings(NX& n)
-{
-  if (n.list) n.host->list_program("Program Statements", engine::cmppprg(*n.gcmp));
-  if (n.xref) n.host->list_program("Cross-Reference", engine::cmpxref(*n.gcmp));
-  if (n.listcode) n.host->list_program("Code Listing", engine::cmppsts(*n.gcmp));
-  if (n.listdep) n.host->list_program("Dependencies", engine::cmppdep(*n.gcmp));
-  if (n.listder) list_derivatives(n);
 }
 
 void end_on_errors(NX& n, int return_code)

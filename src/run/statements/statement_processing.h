@@ -24,10 +24,16 @@ void procedure_options(model::NX& n, const syntax::STMT& procedure);
 bool draws_numbers(const model::NX& n);
 // Checks MODEL and names the dependent variable and `_ll`.
 void model_statement(model::NX& n);
+// A dependent variable of texts is refused, as far as the statements read tell its type.
+void refuse_character_dependent(model::NX& n);
+// The dependent variable is one of the data, or computed, and a number: when the whole program is known.
+void dependent_variable(model::NX& n);
 // Names of PARMS, of its data set, and undefined names of the program become parameters.
 void parameter_setup(model::NX& n);
 // The size of the starting grid, when the bounds are known.
 void grid_size(model::NX& n);
+// Every RANDOM statement, and what depends on whether there is one.
+void random_statements(model::NX& n, const syntax::STMT& procedure);
 // readrandom: one RANDOM statement into its REFFECT.
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
 // Event records with several RANDOM statements: a dose must not act from one innermost subject into another.
@@ -35,6 +41,8 @@ void refuse_doses_across_levels(model::NX& n);
 // nested_levels: several RANDOM statements, read: checks the nesting (nestcheck), puts the levels in order, the deepest
 // first, and what else holds for several levels only.
 void nested_levels(model::NX& n, const syntax::STMT& procedure);
+// The variable of REPLICATE.
+void replicate_statement(model::NX& n);
 // Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc,
 // callbacks).
 void optimizer_setup(model::NX& n, const syntax::STMT& procedure);
@@ -48,6 +56,8 @@ void specialise_expression_statements(model::NX& n);
 void read_prediction_statements(model::NX& n);
 void specialise_prediction_statements(model::ModelLists& n);
 
+// What LIST, XREF, LISTCODE, LISTDEP and LISTDER show, once everything is compiled.
+void listings(model::NX& n);
 // write_model_summary: "Specifications" and "ModelSummary", for a program that is only checked.
 void write_model_summary(model::NX& n);
 // MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs
