@@ -303,6 +303,8 @@ def better_point(binary, folder, case, fit, r):
     if fit.m2ll is None:
         return None
     best = fit.m2ll
+    if 'NORMAL(' not in case.body.split('MODEL')[1].split(';')[0] and abs(best) < 1e-2:
+        return 0.0    # the likelihood of counts has 1 as its limit, which no estimates reach
     for technique in r.sample(['TRUREG', 'QUANEW', 'NMSIMP', 'NRRIDG'], 3):
         start = {}
         for name, value in fit.estimates.items():

@@ -2,6 +2,7 @@
 // subjects. "fit" runs the program, "fit_with_pictures" draws the pictures too, "page" puts the results together. A
 // report should take less than the fit, and a fit that nobody reports on pays nothing.
 
+#include "expected_exit.h"
 #include "report/page.h"
 #include "run/session.h"
 

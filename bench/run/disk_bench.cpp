@@ -2,6 +2,7 @@
 // subjects, sorted. Counter `ratio`: the time of the whole run on disk, reading of the file included, over that in
 // memory.
 
+#include "expected_exit.h"
 #include "torvale/torvale.h"
 
 #include <benchmark/benchmark.h>
@@ -21,13 +22,16 @@ double seconds_of_run(const std::string& folder, const std::string& options)
 {
   torvale::Settings settings;
   settings.program_folder = settings.output_folder = folder;
+  std::string log;
+  settings.log = [&](std::string_view text) { log += text; };
   torvale::Run run(settings);
   const auto start = std::chrono::steady_clock::now();
   const auto results = run.run("TORVALE DATA=large QPOINTS=1 " + options +
                                "; PARMS b0=1 b1=0.5 v=0.5 vu=0.5; MODEL y ~ NORMAL(b0 + b1*x + u, v);"
                                "RANDOM u ~ NORMAL(0, vu) SUBJECT=id; RUN;");
-  if (results.exit_code != 0) return NAN;
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const auto end = std::chrono::steady_clock::now();
+  torvale::bench::expect_exit(results.exit_code, 0, log);
+  return std::chrono::duration<double>(end - start).count();
 }
 
 void data_on_disk(benchmark::State& state)

@@ -1,6 +1,7 @@
 #pragma once
 // A program run by the library on a folder of data, and the processor time that it takes.
 
+#include "expected_exit.h"
 #include "torvale/torvale.h"
 
 #include <cmath>
@@ -30,22 +31,24 @@ private:
 };
 
 struct TimedRun {
-  double seconds = NAN;   // of the processor, all threads; NaN when the program ended with an error
+  double seconds = NAN;   // of the processor, all threads
   double minus2 = NAN;    // first row of "FitStatistics"
   double evaluations = 0; // calls in the last row of "IterHistory"
 };
 
-// Runs a program on one thread. Exit codes 0 and `accepted` count as good.
-inline TimedRun timed_run(const std::string& folder, const std::string& program, int accepted = 0)
+// Runs a program on one thread; it must end with the exit code `expected`.
+inline TimedRun timed_run(const std::string& folder, const std::string& program, int expected = 0)
 {
+  std::string log;
   Settings settings;
   settings.program_folder = settings.output_folder = folder;
+  settings.log = [&](std::string_view text) { log += text; };
   Run run(std::move(settings));
   TimedRun out;
   const std::clock_t start = std::clock();
   const Results results = run.run(program);
-  if (results.exit_code != 0 && results.exit_code != accepted) return out;
   out.seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+  expect_exit(results.exit_code, expected, log);
   const Group& group = results.steps.back().groups.back();
   if (const Table* fit = group.table("FitStatistics")) out.minus2 = fit->number(0, "Value");
   if (const Table* history = group.table("IterHistory"))

@@ -2,6 +2,8 @@
 #include "host/storage/run_output.h"
 #include "host/values/text.h"
 #include "support.h"
+#include <bit>
+#include <charconv>
 #include <cmath>
 #include <random>
 #include <sys/stat.h>
@@ -196,6 +198,45 @@ TEST(CsvRead, ManyBlocksOnAnyNumberOfThreads)
     EXPECT_FALSE(read_csv_text(text + "1,2\n", "t.csv", log, {.threads = threads}));
     EXPECT_NE(log.text(9003).find("Row 240001 has 2 fields"), std::string::npos) << log.text(9003);
     EXPECT_NE(log.text(9003).find("file line 480002"), std::string::npos) << log.text(9003);
+  }
+}
+
+// Every way of writing digits gives the double that the library's own reading of the same characters gives: short and
+// long fields, with many zeros, and the middles between two doubles with a digit more or less.
+TEST(CsvRead, NumbersAreRoundedCorrectly)
+{
+  std::mt19937_64 random(11);
+  std::vector<std::string> spelled = {"0", "-0", "-0.0", ".5", "-.5", "5.", "0.000000000000000000000001", "00.10"};
+  for (int i = 0; i < 60000; ++i) {
+    std::string text = random() % 2 ? "-" : "";
+    const std::size_t digits = 1 + random() % 24, point = random() % (digits + 1);
+    const std::size_t zeros = random() % 4 == 0 ? random() % digits : 0;
+    for (std::size_t k = 0; k < digits; ++k) {
+      if (k == point) text += '.';
+      text += static_cast<char>('0' + (k < zeros ? 0 : random() % 10));
+    }
+    spelled.push_back(std::move(text));
+    const double x = std::ldexp(static_cast<double>(random() >> 11), -44 - static_cast<int>(random() % 20));
+    char places[80];
+    const auto end = std::to_chars(places, places + sizeof places, x, std::chars_format::fixed, 18).ptr;
+    spelled.emplace_back(places, end);
+  }
+  for (int i = 0; i < 2000; ++i) // doubles from 2^52 on are whole: the middles end in .5
+    for (const char* tail : {".5", ".49", ".51", ".0"})
+      spelled.push_back(std::to_string((std::uint64_t{1} << 52) + random() % (std::uint64_t{1} << 52)) + tail);
+  std::string text = "x\n";
+  for (const std::string& number : spelled) text += number + "\n";
+  CaughtMessages log;
+  const auto data = read_csv_text(text, "t.csv", log);
+  ASSERT_TRUE(data);
+  ASSERT_EQ(data->rows(), spelled.size());
+  ASSERT_TRUE(data->columns()[0].numeric());
+  for (std::size_t i = 0; i < spelled.size(); ++i) {
+    double expected = 0.0;
+    const std::string& number = spelled[i];
+    ASSERT_EQ(std::from_chars(number.data(), number.data() + number.size(), expected).ec, std::errc()) << number;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(data->columns()[0].number(i)), std::bit_cast<std::uint64_t>(expected))
+        << number;
   }
 }
 

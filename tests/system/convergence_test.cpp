@@ -136,6 +136,67 @@ TEST(Convergence, SeparationIsNoSuccess)
   }
 }
 
+// No axis and no eigenvector of the Hessian lies among the directions that tell these observations apart; the
+// estimates do.
+TEST(Convergence, CompleteSeparationOffTheAxes)
+{
+  const std::pair<std::string, std::string> cases[] = {
+      {"NEWRAP", "x,z,y\n-0.566,0,0\n0.561,0,1\n-0.909,0,0\n-0.471,0,0\n-1.616,0,0\n-1.734,0,0\n-0.630,0,0\n0.335,0,"
+                 "1\n0.894,0,1\n-0.428,0,0\n-1.671,1,0\n-1.362,0,0\n0.808,1,1\n-1.240,1,0\n0.609,0,1\n1.415,0,1\n1.999,"
+                 "0,1\n-1.041,0,0\n-1.582,0,0\n0.141,1,0\n0.725,0,1\n-0.603,1,0\n"},
+      {"DBLDOG", "x,z,y\n0.509,1,1\n-0.470,0,0\n0.094,0,1\n-0.052,0,0\n-1.850,0,0\n-0.410,0,0\n0.907,1,1\n0.991,1,1\n2."
+                 "033,0,1\n-1.392,1,0\n0.035,0,0\n1.282,1,1\n0.920,0,1\n0.562,1,1\n0.979,1,1\n0.549,1,1\n1.371,1,1\n-0."
+                 "015,0,0\n-1.172,1,0\n1.970,1,1\n-0.368,0,0\n0.638,1,1\n"},
+      {"QUANEW", "x,z,y\n0.101,0,0\n0.827,0,1\n0.928,1,1\n1.407,1,1\n0.988,1,1\n-1.047,1,0\n1.321,1,1\n0.733,0,1\n1."
+                 "100,1,1\n0.381,0,1\n-0.157,1,0\n-0.411,1,0\n-0.199,0,0\n0.011,1,1\n-1.556,0,0\n1.449,0,1\n0.885,0,"
+                 "1\n-0.033,1,0\n-0.718,1,0\n0.515,0,1\n0.160,0,1\n0.205,1,1\n0.680,0,1\n1.560,1,1\n0.663,0,1\n-0.877,"
+                 "1,0\n0.042,1,1\n3.501,0,1\n1.947,0,1\n0.168,1,1\n-0.085,0,0\n0.614,1,1\n1.168,1,1\n"}};
+  for (const auto& [technique, csv] : cases) {
+    const auto run = fit_data(csv, " TECHNIQUE=" + technique +
+                                       "; PARMS b0=0 b1=0 b2=0; p = 1/(1+EXP(-(b0+b1*x+b2*z)));"
+                                       "MODEL y ~ BINARY(p); RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 5) << technique << run.log;
+    EXPECT_TRUE(run.said(503, 9411)) << technique << run.log;
+  }
+}
+
+// Small coefficients are moved together when a fit is judged. One among them that runs away is found all the same, by
+// its name alone; two that do so against each other too.
+TEST(Convergence, SeparationAmongSmallCoefficients)
+{
+  constexpr int noise = 14;
+  std::string head = "y,a,c", parms = "b0=0 ba=0 bc=0", eta = "b0 + ba*a + bc*c";
+  for (int j = 0; j < noise; ++j) {
+    const std::string k = std::to_string(j);
+    head += ",x" + k;
+    parms += " b" + k + "x=0";
+    eta += " + b" + k + "x*x" + k;
+  }
+  const auto fit = [&](bool no_events, bool both, const std::string& technique) {
+    unsigned state = 7;
+    const auto draw = [&](unsigned below) { return (state = state * 1664525u + 1013904223u) / 65536u % below; };
+    std::string csv = head + "\n";
+    for (int i = 0; i < 400; ++i) {
+      const bool a = draw(10) == 0, c = both ? a != (draw(3) == 0 && a) : draw(10) == 0;
+      const unsigned y = draw(3);
+      csv +=
+          std::to_string(no_events && (a || (both && c)) ? 0 : y) + "," + std::to_string(a) + "," + std::to_string(c);
+      for (int j = 0; j < noise; ++j) csv += "," + std::to_string(static_cast<int>(draw(13)) - 6);
+      csv += "\n";
+    }
+    return fit_data(csv, technique + "; PARMS " + parms + "; MODEL y ~ POISSON(EXP(" + eta + ")); RUN;");
+  };
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG"}) {
+    const auto sound = fit(false, false, technique), one = fit(true, false, technique),
+               two = fit(true, true, technique);
+    EXPECT_EQ(sound.outcome.exit_code, 0) << sound.log;
+    EXPECT_EQ(one.outcome.exit_code, 5) << one.log;
+    EXPECT_NE(one.log.find("along ba within"), std::string::npos) << one.log;
+    EXPECT_EQ(two.outcome.exit_code, 5) << two.log;
+    EXPECT_TRUE(two.said(503, 9411)) << two.log;
+  }
+}
+
 // A response that is always the same: the intercept runs away, and evaluations fail before a standard error is passed.
 TEST(Convergence, ConstantResponses)
 {

@@ -1,5 +1,6 @@
 #include "host/data/csv_blocks.h"
 #include "host/values/text.h"
+#include <algorithm>
 #include <cstring>
 
 namespace torvale::host {
@@ -47,21 +48,40 @@ std::size_t behind_last_record(std::string_view bytes, char separator)
   return complete;
 }
 
+char* CsvBlock::grow(std::size_t bytes)
+{
+  if (size_ + bytes > capacity_) {
+    capacity_ = size_ + bytes;
+    auto larger = std::make_unique_for_overwrite<char[]>(capacity_ + padding);
+    std::copy_n(memory_.get(), size_, larger.get());
+    std::fill_n(larger.get() + capacity_, padding, '\0');
+    memory_ = std::move(larger);
+  }
+  return memory_.get() + size_;
+}
+
+// Fills `room` bytes as far as the source goes.
+std::size_t CsvCutter::read(char* to, std::size_t room)
+{
+  std::size_t filled = 0;
+  std::ptrdiff_t n = 1;
+  while (filled < room && (n = source_.read(to + filled, room - filled)) > 0) filled += static_cast<std::size_t>(n);
+  if (n < 0) fault_ = Fault::read;
+  if (filled > 0 && std::memchr(to, '\0', filled)) fault_ = Fault::not_text;
+  ended_ = n <= 0;
+  return filled;
+}
+
+// More of the file behind what is buffered.
 bool CsvCutter::more()
 {
+  constexpr std::size_t chunk = 1 << 14; // most files are small
   if (ended_) return false;
   const std::size_t old = buffer_.size();
-  buffer_.resize(old + chunk_);
-  chunk_ = block_size; // most files are small
-  std::ptrdiff_t n = 0;
-  std::size_t filled = old;
-  while (filled < buffer_.size() && (n = source_.read(buffer_.data() + filled, buffer_.size() - filled)) > 0)
-    filled += static_cast<std::size_t>(n);
-  buffer_.resize(filled);
-  if (n < 0) fault_ = Fault::read;
-  if (std::memchr(buffer_.data() + old, '\0', filled - old)) fault_ = Fault::not_text;
-  ended_ = n <= 0;
-  return filled > old;
+  buffer_.resize(old + std::max(chunk, old));
+  const std::size_t filled = read(buffer_.data() + old, buffer_.size() - old);
+  buffer_.resize(old + filled);
+  return filled > 0;
 }
 
 // The place of the end of the line that begins at `from`, outside quotes; the size of the buffer when it is the last.
@@ -75,9 +95,9 @@ std::size_t CsvCutter::line_end(std::size_t from)
   }
 }
 
-CsvCutter::Step CsvCutter::header(CsvBlock& block)
+CsvCutter::Step CsvCutter::header(std::string& header)
 {
-  block.bytes.clear();
+  header.clear();
   more();
   if (buffer_.starts_with("\xEF\xBB\xBF")) buffer_.erase(0, 3);
   if (buffer_.starts_with("\xFF\xFE") || buffer_.starts_with("\xFE\xFF")) fault_ = Fault::not_text;
@@ -96,7 +116,7 @@ CsvCutter::Step CsvCutter::header(CsvBlock& block)
       i = end;
       continue;
     }
-    block.bytes = line;
+    header = line;
     body_line_ = header_line_;
     for (const char c : line) body_line_ += c == '\n';
     buffer_.erase(0, end);
@@ -106,24 +126,29 @@ CsvCutter::Step CsvCutter::header(CsvBlock& block)
 
 CsvCutter::Step CsvCutter::next(CsvBlock& block, char separator)
 {
-  block.bytes.clear();
+  block.cut(0);
+  const auto put = [&](std::string_view text) {
+    std::copy(text.begin(), text.end(), block.grow(text.size()));
+    block.took(text.size());
+  };
   if (fault_ != Fault::none) return Step::failure;
-  for (std::size_t wanted = block_size;; wanted *= 2) { // twice as much while no record ends
-    while (buffer_.size() < wanted && more()) {
+  put(buffer_);
+  buffer_.clear();
+  for (std::size_t wanted = block_size; !ended_; wanted *= 2) { // twice as much while no record ends
+    if (block.size() < wanted) {
+      char* const behind = block.grow(wanted - block.size());
+      block.took(read(behind, wanted - block.size()));
     }
     if (fault_ != Fault::none) return Step::failure;
     if (ended_) break;
-    if (const std::size_t cut = behind_last_record(buffer_, separator)) {
-      block.bytes.swap(buffer_);
-      buffer_.assign(block.bytes, cut);
-      block.bytes.resize(cut);
+    if (const std::size_t cut = behind_last_record(block.bytes(), separator)) {
+      buffer_ = block.bytes().substr(cut);
+      block.cut(cut);
       return Step::block;
     }
   }
-  if (buffer_.empty()) return Step::end;
-  block.bytes.swap(buffer_);
-  buffer_.clear();
-  block.bytes += '\n'; // the last line may have no end; an empty line more does no harm
+  if (block.size() == 0) return Step::end;
+  put("\n"); // the last line may have no end; an empty line more does no harm
   return Step::block;
 }
 

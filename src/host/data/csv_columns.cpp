@@ -1,9 +1,11 @@
 #include "host/data/csv_columns.h"
+#include "host/data/csv_fields.h"
+#include "host/data/csv_number.h"
 #include "host/values/text.h"
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 
 namespace torvale::host {
 
@@ -12,59 +14,54 @@ namespace {
 using Kind = ColumnRequest::Kind;
 using Type = BlockColumn::Type;
 
-bool is_digit(char c)
-{
-  return c >= '0' && c <= '9';
-}
+// The texts of one column in one block as codes in order of appearance, which go to `column`.
+class TextCodes {
+public:
+  void take(BlockColumn& column, std::string_view text)
+  {
+    Recent& recent = recent_[place_of(text)];
+    if (recent.text != text || recent.code == none) recent = find(column, text);
+    column.codes.push_back(recent.code);
+  }
 
-constexpr double powers_of_ten[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                    1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+private:
+  static constexpr std::uint32_t none = static_cast<std::uint32_t>(-1);
+  struct Recent {
+    std::string_view text{};
+    std::uint32_t code = none;
+  };
 
-// A number of digits and perhaps a decimal point, with nothing else before `separator` or a line end. With at most 15
-// digits both they and the power of ten are doubles, so that one division rounds correctly. Behind the bytes stands a
-// line end, so that the loops need no bounds.
-struct PlainNumber {
-  const char* end = nullptr; // null: the field is written otherwise
-  double value = 0.0;
-  bool leading_zero = false;
-  bool point = false;
+  Recent find(BlockColumn& column, std::string_view text)
+  {
+    if (const auto known = codes_.find(text); known != codes_.end()) return {known->first, known->second};
+    const auto code = static_cast<std::uint32_t>(column.dictionary.size());
+    column.dictionary.emplace_back(text); // a deque: the views stay good
+    codes_.emplace(column.dictionary.back(), code);
+    return {column.dictionary.back(), code};
+  }
+
+  // Most texts (treatments, subjects) come again soon: then one look suffices.
+  static std::size_t place_of(std::string_view text)
+  {
+    std::uint64_t key = text.size();
+    if (text.size() >= 8)
+      key += digits::load(text.data()) ^ (digits::load(text.data() + text.size() - 8) >> 7);
+    else
+      for (const char c : text) key = (key << 8) + static_cast<unsigned char>(c);
+    return static_cast<std::size_t>(key * 0x9E3779B97F4A7C15U >> 58);
+  }
+
+  std::unordered_map<std::string_view, std::uint32_t> codes_; // looked up, never walked
+  std::array<Recent, 64> recent_{};
 };
-
-PlainNumber plain_number(const char* p, char separator)
-{
-  PlainNumber n;
-  const char* const begin = p;
-  const bool minus = *p == '-';
-  p += minus;
-  const char* const first = p;
-  std::uint64_t digits = 0;
-  for (; is_digit(*p); ++p) digits = 10 * digits + static_cast<std::uint64_t>(*p - '0');
-  const std::ptrdiff_t whole = p - first;
-  std::ptrdiff_t decimals = 0;
-  if (*p == '.') {
-    const char* const point = ++p;
-    n.point = true;
-    for (; is_digit(*p); ++p) digits = 10 * digits + static_cast<std::uint64_t>(*p - '0');
-    decimals = p - point;
-  }
-  if (whole + decimals == 0 || (*p != separator && *p != '\n' && *p != '\r')) return n;
-  if (whole + decimals <= 15) {
-    const double x = static_cast<double>(digits) / powers_of_ten[decimals];
-    n.value = minus ? -x : x;
-  } else if (!n.point || std::from_chars(begin, p, n.value).ec != std::errc()) {
-    return n; // long whole numbers need a closer look
-  }
-  n.leading_zero = !n.point && whole > 1 && *first == '0';
-  n.end = p;
-  return n;
-}
 
 // One block on its way into columns.
 class BlockReader {
 public:
   BlockReader(const CsvBlock& block, const CsvDialect& dialect, const std::vector<ColumnRequest>& requests,
               BlockValues& out)
-      : p_(block.bytes.data()), end_(p_ + block.bytes.size()), dialect_(dialect), requests_(requests), out_(out)
+      : fields_(block, dialect.separator), dialect_(dialect), requests_(requests), out_(out),
+        plain_numbers_(dialect.points && dialect.code_numbers.empty())
   {
     std::vector<BlockColumn> columns = std::move(out.columns); // their room is used again
     columns.resize(requests.size());
@@ -78,7 +75,7 @@ public:
     }
     out = BlockValues{};
     out.columns = std::move(columns);
-    dictionaries_.resize(requests.size());
+    texts_.resize(requests.size());
     spoiled_.resize(requests.size());
     for (std::size_t i = 0; i < requests.size(); ++i)
       if (requests[i].kind == Kind::character) out_.columns[i].type = Type::text;
@@ -86,16 +83,14 @@ public:
 
   void read()
   {
-    while (p_ < end_) {
-      if (*p_ == '\n' || *p_ == '\r') {
-        line_end();
-        continue;
-      }
-      record_line_ = out_.lines;
+    while (fields_.next_record()) {
+      record_line_ = fields_.lines();
       ++out_.rows;
       if (!record()) break;
     }
+    out_.lines = fields_.lines();
   }
+
   bool mixed() const { return mixed_; }
   std::vector<ColumnRequest> requests_again() const
   {
@@ -106,23 +101,7 @@ public:
   }
 
 private:
-  void line_end()
-  {
-    const bool pair = *p_ == '\r' && p_ + 1 < end_ && p_[1] == '\n';
-    p_ += pair ? 2 : 1;
-    ++out_.lines;
-  }
-
-  // Where blanks separate, several count as one, and those at the ends of a line do not count. True: the line ends
-  // here.
-  bool pass_blanks()
-  {
-    if (dialect_.separator != ' ') return false;
-    while (p_ < end_ && *p_ == ' ') ++p_;
-    return p_ == end_ || *p_ == '\n' || *p_ == '\r';
-  }
-
-  bool fail(BlockValues::Fault fault, std::size_t field)
+  bool fail(CsvFault fault, std::size_t field)
   {
     out_.fault = fault;
     out_.fault_line = record_line_;
@@ -134,95 +113,46 @@ private:
   bool record()
   {
     const std::size_t count = requests_.size();
-    pass_blanks();
-    for (std::size_t i = 0;; ++i) {
-      if (i < count ? !field(i) : !pass_field(i)) return false;
-      if (*p_ == dialect_.separator && p_ < end_) {
-        ++p_;
-        if (!pass_blanks()) continue;
-      }
-      if (p_ < end_) line_end();
-      out_.fields_found = i + 1;
-      return i + 1 == count ? true : fail(BlockValues::Fault::wrong_count, i + 1);
-    }
+    std::size_t i = 0;
+    do {
+      if (i < count && plain_field(i)) continue;
+      if (!written_field(i)) return false;
+    } while (++i, fields_.next_field());
+    out_.fields_found = i;
+    return i == count ? true : fail(CsvFault::wrong_count, i);
   }
 
-  bool field(std::size_t i)
+  // The field at hand if it is a number or nothing, written as nearly all are, in a column that is no other.
+  bool plain_field(std::size_t i)
   {
     BlockColumn& column = out_.columns[i];
     const Kind kind = requests_[i].kind;
-    if (column.type <= Type::number && (kind == Kind::any || kind == Kind::numeric) && dialect_.points &&
-        dialect_.code_numbers.empty()) {
-      if (const PlainNumber n = plain_number(p_, dialect_.separator); n.end) {
-        p_ = n.end;
-        column.type = Type::number;
-        column.point = column.point || n.point;
-        if (n.leading_zero && column.leading_zero_row == 0) column.leading_zero_row = out_.rows;
-        column.numbers.push_back(n.value);
-        return true;
-      }
+    if (column.type > Type::number || (kind != Kind::any && kind != Kind::numeric) || !plain_numbers_) return false;
+    const char* const begin = fields_.at();
+    const PlainNumber n = plain_number(begin, fields_.separator());
+    if (!n.end) {
+      if (*begin != fields_.separator() && !fields_.at_line_end(begin)) return false;
+      column.numbers.push_back(missing);
+      return true;
     }
+    fields_.move_to(n.end);
+    column.type = Type::number;
+    column.point = column.point || n.point;
+    if (n.leading_zero && column.leading_zero_row == 0) column.leading_zero_row = out_.rows;
+    column.numbers.push_back(n.value);
+    return true;
+  }
+
+  // The field at hand, whatever it is; one too many is passed over. False: a fault.
+  bool written_field(std::size_t i)
+  {
     std::string_view text;
     bool quoted = false;
-    if (!take_field(i, text, quoted)) return false;
-    if (kind == Kind::skip || spoiled_[i]) return true;
-    if (column.type == Type::text || !take_value(column, stripped(text), kind)) take_text(i, text, quoted);
+    if (const CsvFault fault = fields_.take(text, quoted); fault != CsvFault::none) return fail(fault, i + 1);
+    if (i >= requests_.size() || requests_[i].kind == Kind::skip || spoiled_[i]) return true;
+    BlockColumn& column = out_.columns[i];
+    if (column.type == Type::text || !take_value(column, stripped(text), requests_[i].kind)) take_text(i, text, quoted);
     return true;
-  }
-
-  bool pass_field(std::size_t i)
-  {
-    std::string_view text;
-    bool quoted = false;
-    return take_field(i, text, quoted);
-  }
-
-  // The field at hand; afterwards p_ stands at the separator or the line end.
-  bool take_field(std::size_t i, std::string_view& text, bool& quoted)
-  {
-    const char* const begin = p_;
-    const char separator = dialect_.separator;
-    quoted = *p_ == '"' && p_ < end_;
-    if (quoted) return take_quoted(i, text);
-    while (p_ < end_ && *p_ != separator && *p_ != '\n' && *p_ != '\r') ++p_;
-    text = {begin, static_cast<std::size_t>(p_ - begin)};
-    return true;
-  }
-
-  bool take_quoted(std::size_t i, std::string_view& text)
-  {
-    const char* const begin = ++p_;
-    bool doubled = false;
-    for (;; p_ += 2) {
-      p_ = static_cast<const char*>(std::memchr(p_, '"', static_cast<std::size_t>(end_ - p_)));
-      if (!p_) {
-        p_ = end_;
-        return fail(BlockValues::Fault::unclosed_quote, i + 1);
-      }
-      if (p_ + 1 >= end_ || p_[1] != '"') break;
-      doubled = true;
-    }
-    text = {begin, static_cast<std::size_t>(p_ - begin)};
-    ++p_;
-    count_lines(text);
-    if (doubled) {
-      unquoted_.clear();
-      for (std::size_t k = 0; k < text.size(); ++k) {
-        unquoted_ += text[k];
-        if (text[k] == '"') ++k;
-      }
-      text = unquoted_;
-    }
-    while (p_ < end_ && *p_ != dialect_.separator && (*p_ == ' ' || *p_ == '\t')) ++p_;
-    if (p_ < end_ && *p_ != dialect_.separator && *p_ != '\n' && *p_ != '\r')
-      return fail(BlockValues::Fault::text_after_quote, i + 1);
-    return true;
-  }
-
-  void count_lines(std::string_view text)
-  {
-    for (std::size_t k = 0; k < text.size(); ++k)
-      if (text[k] == '\n' || (text[k] == '\r' && (k + 1 == text.size() || text[k + 1] != '\n'))) ++out_.lines;
   }
 
   void take_text(std::size_t i, std::string_view text, bool quoted)
@@ -231,19 +161,7 @@ private:
     if (column.type != Type::text && !become_text(i)) return;
     if (!quoted) text = stripped(text);
     text = text.substr(0, std::min(text.find_last_not_of(' ') + 1, text.size()));
-    if (text == ".") text = {};
-    // Neighbouring rows often agree (subjects, treatments): then no lookup.
-    if (!column.codes.empty() && column.dictionary[column.codes.back()] == text) {
-      column.codes.push_back(column.codes.back());
-      return;
-    }
-    const auto next = static_cast<std::uint32_t>(column.dictionary.size());
-    const auto known = dictionaries_[i].find(text);
-    if (known == dictionaries_[i].end()) {
-      column.dictionary.emplace_back(text); // a deque: the views stay good
-      dictionaries_[i].emplace(column.dictionary.back(), next);
-    }
-    column.codes.push_back(known == dictionaries_[i].end() ? next : known->second);
+    texts_[i].take(column, text == "." ? std::string_view{} : text);
   }
 
   // The first field that is no number: fine when only missing values stand above it; else this block is read again for
@@ -255,11 +173,7 @@ private:
     const bool plain = column.type == Type::none && column.only_plain_missing;
     column = BlockColumn{};
     column.type = Type::text;
-    if (plain && above > 0) {
-      column.dictionary.emplace_back();
-      dictionaries_[i].emplace(column.dictionary.back(), 0);
-      column.codes.assign(above, 0);
-    }
+    for (std::size_t row = 0; plain && row < above; ++row) texts_[i].take(column, {});
     spoiled_[i] = !plain;
     mixed_ = mixed_ || !plain;
     return plain;
@@ -324,112 +238,30 @@ private:
     }
   }
 
-  const char* p_;
-  const char* const end_;
+  CsvFields fields_;
   const CsvDialect& dialect_;
   const std::vector<ColumnRequest>& requests_;
   BlockValues& out_;
-  std::vector<std::unordered_map<std::string_view, std::uint32_t>> dictionaries_; // looked up, never walked
-  std::vector<bool> spoiled_;                                                     // columns that must be read again
-  std::string unquoted_;
+  const bool plain_numbers_; // numbers with points, and none of them is a missing code
+  std::vector<TextCodes> texts_;
+  std::vector<bool> spoiled_; // columns that must be read again
   std::int64_t record_line_ = 0;
   bool mixed_ = false;
 };
 
 } // namespace
 
-bool is_missing_code(std::string_view field)
-{
-  if (field.empty() || field.size() > 4) return false;
-  for (const std::string_view code : {"NA", "NaN", "N/A", "null", "-"})
-    if (equal_names(field, code)) return true;
-  return false;
-}
-
-CsvDialect::CsvDialect(const ReadOptions& options, char separator_found) : separator(separator_found)
-{
-  points = options.decimal != ',';
-  commas = options.decimal == ',' || (options.decimal == 0 && separator == ';');
-  for (const std::string& code : options.missing) {
-    codes.push_back(wzstrlo(stripped(code)));
-    if (const auto value = parse_number(codes.back())) code_numbers.push_back(*value);
-  }
-}
-
-bool CsvDialect::is_code(std::string_view field) const
-{
-  if (is_missing_code(field)) return true;
-  if (codes.empty()) return false;
-  if (std::any_of(codes.begin(), codes.end(), [&](const std::string& c) { return equal_names(c, field); })) return true;
-  const auto value = code_numbers.empty() ? std::nullopt : number(field);
-  return value && std::find(code_numbers.begin(), code_numbers.end(), *value) != code_numbers.end();
-}
-
-std::optional<double> CsvDialect::number(std::string_view field) const
-{
-  const std::size_t comma = commas ? field.find(',') : std::string_view::npos;
-  if (comma == std::string_view::npos) {
-    if (!points && field.find('.') != std::string_view::npos) return std::nullopt;
-    return parse_number(field);
-  }
-  if (field.find('.') != std::string_view::npos) return std::nullopt; // 1.234,5: which one groups?
-  std::string with_point(field);
-  with_point[comma] = '.';
-  return parse_number(with_point);
-}
-
 void read_block(const CsvBlock& block, const CsvDialect& dialect, const std::vector<ColumnRequest>& requests,
                 BlockValues& values)
 {
   BlockReader reader(block, dialect, requests, values);
   reader.read();
-  if (!reader.mixed() || values.fault != BlockValues::Fault::none) return;
+  if (!reader.mixed() || values.fault != CsvFault::none) return;
   const std::vector<ColumnRequest> again = reader.requests_again();
   BlockValues texts;
   BlockReader(block, dialect, again, texts).read();
   for (std::size_t i = 0; i < again.size(); ++i)
     if (again[i].kind == Kind::character) values.columns[i] = std::move(texts.columns[i]);
-}
-
-namespace {
-
-bool split_at_blanks(std::string_view line, std::vector<std::string>& fields)
-{
-  for (std::size_t i = 0; (i = line.find_first_not_of(' ', i)) != std::string_view::npos;) {
-    const std::size_t end = std::min(line.find(' ', i), line.size());
-    std::string_view name = line.substr(i, end - i);
-    if (name.size() > 1 && name.front() == '"' && name.back() == '"') name = name.substr(1, name.size() - 2);
-    fields.emplace_back(name);
-    i = end;
-  }
-  return true;
-}
-
-} // namespace
-
-bool split_line(const std::string& line, char separator, std::vector<std::string>& fields, bool& unclosed)
-{
-  fields.clear();
-  unclosed = false;
-  if (separator == ' ') return split_at_blanks(line, fields);
-  for (std::size_t i = 0;; ++i) {
-    std::string& field = fields.emplace_back();
-    if (i < line.size() && line[i] == '"') {
-      for (++i; i < line.size() && (line[i] != '"' || (i + 1 < line.size() && line[i + 1] == '"')); ++i) {
-        field += line[i];
-        if (line[i] == '"') ++i;
-      }
-      unclosed = i >= line.size();
-      if (unclosed) return false;
-      for (++i; i < line.size() && line[i] != separator; ++i)
-        if (line[i] != ' ' && line[i] != '\t') return false;
-    } else {
-      const std::size_t end = std::min(line.find(separator, i), line.size());
-      field = line.substr(i, end - i);
-      i = end;
-    }
-    if (i >= line.size()) return true;
-  }
 }
 
 } // namespace torvale::host

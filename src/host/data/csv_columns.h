@@ -1,6 +1,7 @@
 #pragma once
-#include "host/data/csv.h"
 #include "host/data/csv_blocks.h"
+#include "host/data/csv_dialect.h"
+#include "host/data/csv_fields.h"
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -14,20 +15,6 @@ namespace torvale::host {
 struct ColumnRequest {
   enum class Kind { any, numeric, character, skip };
   Kind kind = Kind::any;
-};
-
-// How the fields of a file are written: separator, decimal sign, missing codes.
-struct CsvDialect {
-  explicit CsvDialect(const ReadOptions& options, char separator);
-  char separator = ',';
-  bool points = true;                 // decimal points are numbers
-  bool commas = false;                // decimal commas are numbers
-  std::vector<std::string> codes{};   // further missing codes, lower case
-  std::vector<double> code_numbers{}; // those of them that are numbers
-
-  // A field without blanks around it as a number; a missing code that is a number is one.
-  std::optional<double> number(std::string_view field) const;
-  bool is_code(std::string_view field) const;
 };
 
 // The values of one column in one block, as one type throughout, and what was seen on the way. Rows count from 1 within
@@ -51,11 +38,10 @@ struct BlockColumn {
 
 // One block read. A fault stops it: `fault_line` counts line ends before it, `fault_field` from 1.
 struct BlockValues {
-  enum class Fault { none, unclosed_quote, text_after_quote, wrong_count };
   std::vector<BlockColumn> columns;
   std::int64_t rows = 0;
   std::int64_t lines = 0;
-  Fault fault = Fault::none;
+  CsvFault fault = CsvFault::none;
   std::int64_t fault_line = 0;
   std::int64_t fault_row = 0;
   std::size_t fault_field = 0;
@@ -66,8 +52,5 @@ struct BlockValues {
 // several types comes back as text, with every spelling.
 void read_block(const CsvBlock& block, const CsvDialect& dialect, const std::vector<ColumnRequest>& requests,
                 BlockValues& values);
-
-// The fields of one line, quotes taken off. False when a quote is not closed or followed by characters.
-bool split_line(const std::string& line, char separator, std::vector<std::string>& fields, bool& unclosed);
 
 } // namespace torvale::host
