@@ -267,7 +267,7 @@ int tvllike(NX& n)
   } else {
     n.ebtrial_point = n.parm;
     n.evaluated = n.dograd ? Evaluated::gradient : Evaluated::value;
-    n.ebtrial_by_known = n.dograd && !n.ebtrial_by.empty() && !limited;
+    n.ebtrial_by_known = keeps_mode_derivatives(n) && !limited;
     n.evaluated_objfun = n.objfun;
     if (n.dograd) n.goodgrad = n.objgrad;
   }
@@ -284,8 +284,17 @@ void shift_predictor(NX& n, const engine::CMPSYM* predictor, const double* by_ro
   forget_evaluation(n);
 }
 
+void stand_by_prediction(NX& n, bool stands)
+{
+  n.prediction_stands = stands;
+  n.ebtrial_point.clear();
+  n.ebtrial_by_known = false;
+  forget_evaluation(n);
+}
+
 void accept_modes(NX& n)
 {
+  if (n.prediction_stands) return;
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
   if (n.ebtrial_by_known) {
     n.ebes_by.swap(n.ebtrial_by);

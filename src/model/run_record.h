@@ -227,6 +227,7 @@ struct GroupState {
   std::vector<float> ebes_by, ebtrial_by;     // of the accepted modes, and of the last evaluation's
   bool ebtrial_by_known = false;              // that one had a gradient
   std::vector<double> ebes_point;             // point of ebes_by; empty: there are none
+  bool prediction_stands = false;             // modes that are where they were predicted are taken as they are
   std::vector<double> ebesold;                // modes of the best grid point
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx; // one per worker

@@ -25,7 +25,8 @@ template <int NR> class LockstepSearch {
 public:
   LockstepSearch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
       : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2), at_modes_(at_modes),
-        predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm)
+        predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm),
+        starts_near_(at_modes != nullptr && !n.ebes_point.empty() && (n.prediction_stands || !predicts_))
   {
     for (std::size_t j = 0; predicts_ && j < n.parm.size(); ++j) b_.parameter_step[j] = n.parm[j] - n.ebes_point[j];
   }
@@ -97,7 +98,10 @@ private:
         give_up(slot);
       } else {
         place_start(slot);
-        b_.active[static_cast<std::size_t>(active_++)] = slot;
+        if (starts_near_ && !s.from_mean)
+          s.state = ModeSearch::near;
+        else
+          b_.active[static_cast<std::size_t>(active_++)] = slot;
       }
     }
   }
@@ -213,7 +217,8 @@ private:
     }
     if (!(step_sd < largest)) return give_up(slot);
     const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
-    if (step_u < n_.ebtol || noise || step_sd < negligible) {
+    const bool predicted = n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
+    if (step_u < n_.ebtol || noise || step_sd < negligible || predicted) {
       s.state = ModeSearch::found;
       s.logdet = log_determinant(nr(), pivots);
       keep_curvature<NR>(b_, nr(), slot, sums, inverse);
@@ -231,7 +236,8 @@ private:
   BatchWork& b_;
   const int nr_, nrs_;
   const AtModes* const at_modes_;
-  const bool predicts_; // starts follow the parameters from the accepted modes
+  const bool predicts_;    // starts follow the parameters from the accepted modes
+  const bool starts_near_; // stored modes are those of this point, or have to do
   int active_ = 0;
 };
 

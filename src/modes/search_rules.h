@@ -15,6 +15,8 @@ inline constexpr double noise_floor = 1e-12, noise_ratio = 0.01;
 // A step that is as short (as a square, in posterior variances) ends a search in any units; after one below the other the
 // next is as short.
 inline constexpr double negligible = 1e-24, almost_there = 1e-13;
+// The error, as such a square, that a mode may have where predictions stand.
+inline constexpr double good_prediction = 1e-10;
 
 // The value that the next step may not exceed, from the present value and EBSSTOL.
 inline double allowed_value(double f, double tolerance)

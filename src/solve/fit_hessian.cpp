@@ -1,4 +1,5 @@
 #include "solve/fit_hessian.h"
+#include "solve/fit_hessian_columns.h"
 
 #include "evaluation/record_frame.h"
 #include "integration/objective.h"
@@ -59,6 +60,27 @@ struct SubjectRows {
   std::int32_t at(std::size_t subject, std::size_t k) const { return row[first[subject] + k]; }
 };
 
+// Elements as they are found, to be handed over: both estimates of one count alike.
+class Elements {
+public:
+  explicit Elements(std::size_t np) : np_(np), h_(np * np, 0.0) {}
+
+  double& at(std::size_t i, std::size_t j) { return h_[i * np_ + j]; }
+  void set_column(std::size_t j, const std::vector<double>& column)
+  {
+    for (std::size_t i = 0; i < np_; ++i) at(i, j) = column[i];
+  }
+  void hand_over(double* packed)
+  {
+    for (std::size_t i = 0; i < np_; ++i)
+      for (std::size_t j = 0; j <= i; ++j) *packed++ = 0.5 * (at(i, j) + at(j, i));
+  }
+
+private:
+  std::size_t np_;
+  std::vector<double> h_;
+};
+
 class PredictorHessian {
 public:
   explicit PredictorHessian(NX& n) : n_(n), rows_(n) {}
@@ -91,42 +113,32 @@ public:
   // Differences parameter by parameter take one evaluation for each at least.
   bool pays() const { return 2 * (rows_.most + others_.size()) + 2 < static_cast<std::size_t>(n_.nparm); }
 
-  bool run(MINSTR& str)
+  bool run(HessianColumns& columns, Elements& to)
   {
-    str_ = &str;
+    to_ = &to;
+    columns_ = &columns;
     np_ = static_cast<std::size_t>(n_.nparm);
-    theta_.assign(str.x, str.x + np_);
-    hessian_.assign(np_ * np_, 0.0);
-    n_.dograd = true;
-    if (!evaluate(theta_) || !take_units()) return false;
-    for (const int j : others_)
-      if (!along(static_cast<std::size_t>(j))) return false;
+    if (!take_unit()) return false;
+    std::vector<double> column;
+    for (const int j : others_) {
+      if (!columns.along(static_cast<std::size_t>(j), column)) return false;
+      to.set_column(static_cast<std::size_t>(j), column);
+    }
+    integration::stand_by_prediction(n_, false); // nobody has predicted what a shift does
     for (std::size_t k = 0; k < rows_.most; ++k)
       if (!along_rows(k)) return false;
-    hand_over();
     return true;
   }
 
 private:
   static constexpr std::size_t at_once = 8; // subjects
 
-  double& element(std::size_t i, std::size_t j) { return hessian_[i * np_ + j]; }
-
-  bool evaluate(const std::vector<double>& theta)
-  {
-    n_.parm = theta;
-    n_.parmlast.clear();
-    ++str_->nfct;
-    if (integration::tvllike(n_) > 2 || n_.host->interrupted()) str_->stop = 1;
-    return str_->stop == 0 && !n_.failed;
-  }
-
   // The slopes at these rows, a lane each, into x_: a row's side by side.
   bool read_slopes(std::span<const std::int32_t> rows)
   {
     if (records_ == nullptr) {
       program_ = engine::cmpspec(*n_.gcmp, slope_);
-      records_ = std::make_unique<evaluation::RecordFrame>(n_, theta_.data());
+      records_ = std::make_unique<evaluation::RecordFrame>(n_, columns_->point().data());
       records_->frame.set_range(0, n_.store->nobs);
       x_.resize(engine::max_lanes * slope_.size());
     }
@@ -142,18 +154,12 @@ private:
     return true;
   }
 
-  // Intervals are small parts of what the subjects' gradients say a parameter, or a predictor, is known by.
-  bool take_units()
+  // Predictors are moved by a small part of what the subjects' gradients say that one is known by.
+  bool take_unit()
   {
-    std::vector<double> products;
-    if (integration::outer_products(n_, products) != 0) return false;
+    const auto& products = columns_->information();
+    if (products.empty()) return false;
     const auto information = [&](std::size_t j) { return products[j * (j + 3) / 2]; };
-    interval_.assign(np_, 0.0);
-    for (const int j : others_) {
-      const auto at = static_cast<std::size_t>(j);
-      if (!(information(at) > 0.0)) return false;
-      interval_[at] = 1e-3 / std::sqrt(information(at));
-    }
     std::vector<double> squares(through_.size(), 0.0),
         of_records; // information on a predictor, as each parameter has it
     for (std::size_t at = 0; at < rows_.row.size(); at += engine::max_lanes) {
@@ -174,30 +180,13 @@ private:
     return std::isfinite(shift_);
   }
 
-  bool along(std::size_t j)
-  {
-    const double h = interval_[j];
-    std::vector<double> at = theta_;
-    const auto moved = [&](double by) {
-      at[j] = theta_[j] + by;
-      const auto& p = n_.parmstr[j];
-      return !(p.applyl && at[j] < p.lowbound) && !(p.applyh && at[j] > p.highbound) && evaluate(at);
-    };
-    if (!moved(h)) return false;
-    const std::vector<double> up = n_.objgrad;
-    const double above = at[j];
-    if (!moved(-h)) return false;
-    for (std::size_t i = 0; i < np_; ++i) element(i, j) = (up[i] - n_.objgrad[i]) / (above - at[j]);
-    return true;
-  }
-
   bool shifted(std::size_t k, double by)
   {
     std::vector<double> shift(static_cast<std::size_t>(n_.store->nobs), 0.0);
     for (std::size_t s = 0; s < rows_.subjects(); ++s)
       if (rows_.has(s, k)) shift[static_cast<std::size_t>(rows_.at(s, k))] = by;
     integration::shift_predictor(n_, predictor_.value, shift.data());
-    const bool good = evaluate(theta_);
+    const bool good = columns_->evaluate(columns_->point());
     integration::shift_predictor(n_, nullptr, nullptr);
     return good;
   }
@@ -225,7 +214,7 @@ private:
     }
     for (std::size_t i = 0; i < np_; ++i)
       for (std::size_t c = 0; c < width; ++c)
-        element(i, static_cast<std::size_t>(through_[c])) += block[i * width + c] / (2.0 * shift_);
+        to_->at(i, static_cast<std::size_t>(through_[c])) += block[i * width + c] / (2.0 * shift_);
     return true;
   }
 
@@ -261,16 +250,9 @@ private:
     }
   }
 
-  // Both estimates of an element count alike.
-  void hand_over()
-  {
-    double* to = str_->hess;
-    for (std::size_t i = 0; i < np_; ++i)
-      for (std::size_t j = 0; j <= i; ++j) *to++ = 0.5 * (element(i, j) + element(j, i));
-  }
-
   NX& n_;
-  MINSTR* str_ = nullptr;
+  HessianColumns* columns_ = nullptr;
+  Elements* to_ = nullptr;
   engine::Predictor predictor_;
   std::vector<int> through_, others_;  // parameters that act through the predictor, and all others
   std::vector<engine::CMPSYM*> slope_; // of the predictor by the former
@@ -279,29 +261,40 @@ private:
   std::size_t np_ = 0;
   std::unique_ptr<evaluation::RecordFrame> records_; // of the slopes' program
   std::vector<double> x_;                            // slopes of the rows at work
-  std::vector<double> theta_, interval_, hessian_;
   double shift_ = 0.0;
 };
 
-} // namespace
+constexpr int least_behind_predictor = 8; // parameters
 
-bool fit_hessian_pays(NX& n)
+bool by_columns(const MINSTR& str, HessianColumns& columns, Elements& to)
 {
-  if (n.str->fidi != 0 || n.nreff() == 0 || n.nparm < 8) return false;
-  PredictorHessian hessian(n);
-  return hessian.find() && hessian.pays();
+  std::vector<double> column;
+  for (long j = 0; j < str.nvar; ++j) {
+    if (str.bounds != 0 && str.iabc[j] == 2) continue; // fixed
+    if (!columns.along(static_cast<std::size_t>(j), column)) return false;
+    to.set_column(static_cast<std::size_t>(j), column);
+  }
+  return true;
 }
+
+bool form(NX& n, MINSTR& str)
+{
+  Elements elements(static_cast<std::size_t>(n.nparm));
+  HessianColumns columns(n, str);
+  if (!columns.start()) return false;
+  std::unique_ptr<PredictorHessian> predictor;
+  if (n.nreff() > 0 && n.nparm >= least_behind_predictor) predictor = std::make_unique<PredictorHessian>(n);
+  const bool good = predictor != nullptr && predictor->find() && predictor->pays() ? predictor->run(columns, elements)
+                                                                                   : by_columns(str, columns, elements);
+  if (good) elements.hand_over(str.hess);
+  return good;
+}
+
+} // namespace
 
 int fit_hessian(MINSTR* str)
 {
-  NX& n = *static_cast<NX*>(str->comstr);
-  const double crit = str->crit;
-  const std::vector<double> gradient(str->grad, str->grad + str->nvar);
-  PredictorHessian hessian(n);
-  const bool good = str->hfrm != 2 && hessian.find() && hessian.run(*str);
-  str->crit = crit;
-  std::copy(gradient.begin(), gradient.end(), str->grad);
-  if (good) {
+  if (str->hfrm != 2 && form(*static_cast<NX*>(str->comstr), *str)) {
     ++str->nhes;
     return 0;
   }

@@ -48,7 +48,7 @@ void start_problem(NX& n)
   n.parmlast.clear();
   n.verdict = model::Verdict();
   str.covstr = n.covstr.get();
-  n.covstr->ushes = n.fdh == 0 && fit_hessian_pays(n) ? fit_hessian : nullptr;
+  n.covstr->ushes = n.fdh == 0 && str.fidi == 0 && str.cfdh == 0 ? fit_hessian : nullptr;
   n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.nitr = 0;

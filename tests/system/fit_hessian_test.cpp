@@ -1,12 +1,14 @@
-// Standard errors where the parameters of a linear predictor are many and subjects small: the Hessian that is put
-// together subject by subject is that of differences parameter by parameter.
+// The Hessian behind standard errors: of small models against references; where the parameters of a linear predictor
+// are many and subjects small, put together subject by subject, against differences parameter by parameter.
 
 #include "session.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <random>
+#include <regex>
 
 namespace torvale::tests {
 
@@ -77,6 +79,30 @@ TEST(FitHessian, AdaptiveQuadrature)
 {
   expect_equal_errors("mu = exp(eta); MODEL y ~ POISSON(mu);", " RANDOM u ~ NORMAL(0, s2) SUBJECT=id;", "QPOINTS=5",
                       1e-6);
+}
+
+// At the reference's own estimates, which have more digits than those of a fit.
+TEST(FitHessian, SmallModels)
+{
+  for (const char* const name : {"theoph", "sleepstudy", "cbpp", "epil", "fixed_gamma", "nested_logit"}) {
+    const auto reference =
+        nlohmann::json::parse(read_text(source_file(std::string("tests/data/reference/") + name + ".json")));
+    for (const auto& fit : reference["fits"]) {
+      const std::string method = fit["method"];
+      if (!method.starts_with("Gauss-Hermite") && !method.starts_with("closed form")) continue;
+      std::string options = "TECHNIQUE=NONE", start = "PARMS";
+      if (!fit["points_per_dimension"].is_null())
+        options += " QPOINTS=" + std::to_string(fit["points_per_dimension"].get<int>());
+      if (fit["adaptive"] == "no") options += " NOAD";
+      for (const auto& [parameter, value] : fit["results"]["estimates"].items())
+        start += " " + parameter + "=" + value.dump();
+      SCOPED_TRACE(std::string(name) + " " + options);
+      const auto run = run_text(std::regex_replace(example(name, options), std::regex("PARMS[^;]*"), start));
+      for (const auto& [parameter, error] : fit["results"]["standard_errors"].items())
+        EXPECT_NEAR(run.number("ParameterEstimates", parameter, "StandardError") / error.get<double>(), 1.0, 1e-8)
+            << parameter;
+    }
+  }
 }
 
 // All parameters act through the predictor: no other one moves between the evaluations.

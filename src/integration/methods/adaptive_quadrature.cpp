@@ -84,7 +84,7 @@ public:
   void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override
   {
     keep_trial_mode(n, ctx, slot);
-    if (n.dograd && !n.ebtrial_by.empty()) keep_mode_derivative(n, ctx, slot);
+    if (keeps_mode_derivatives(n)) keep_mode_derivative(n, ctx, slot);
   }
 };
 

@@ -43,6 +43,10 @@ void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 // keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
 void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
 // keep_mode_derivative: its derivatives by the parameters into n.ebtrial_by; after an evaluation with a gradient.
+inline bool keeps_mode_derivatives(const model::NX& n)
+{
+  return n.dograd && !n.ebtrial_by.empty() && !n.prediction_stands;
+}
 void keep_mode_derivative(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
