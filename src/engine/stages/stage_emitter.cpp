@@ -315,6 +315,8 @@ private:
     switch (all_.stage_of(id, stage_)) {
     case Stage::data:
       return {From::column, all_.column(id)};
+    case Stage::distinct:
+      return {From::distinct, all_.ask(Stage::distinct, id)};
     case Stage::observation:
       return {From::observation, all_.ask(Stage::observation, id)};
     case Stage::point:
