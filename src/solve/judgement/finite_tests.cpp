@@ -64,7 +64,7 @@ private:
     const double home = -std::copysign(c_.own_size(j), c_.origin(j)) / (c_.scale(j) * steps_.vector(most, k)); // to 0
     const bool usable = home != 0.0 && std::isfinite(home) && j != c_.logarithm();
     const double back = usable ? steps_.along(k, home) : 0.0;
-    const bool whole = back >= far_rise && steps_.inside() &&
+    const bool whole = back >= far_rise && back < TestSteps::fails && steps_.inside() &&
                        steps_.flat_outward([&](double a) { return steps_.along(k, a); }, -home, back);
     for (int i = 0; i < steps_.size(); ++i) {
       const int own = steps_.coordinate(i);
@@ -86,7 +86,8 @@ private:
   bool runs_away(int j)
   {
     const double home = way_home(j), back = home != 0.0 ? steps_.of(j, home) : 0.0;
-    return back >= gain_allowed && steps_.flat_outward([&](double a) { return steps_.of(j, a); }, -home, back);
+    return back >= gain_allowed && back < TestSteps::fails &&
+           steps_.flat_outward([&](double a) { return steps_.of(j, a); }, -home, back);
   }
 
   double way_home(int j) const

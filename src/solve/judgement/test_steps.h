@@ -49,18 +49,21 @@ public:
 
   // Whether nothing rises on the way out, at the longest of the steps a, a/2, a/4, ... that can be evaluated; `back` is
   // what the way home, of length |a|, rises by. Near the edge of what can be evaluated a sum over points loses some of
-  // them: a little before it a tail is flat, where a minimum would rise by its share of what the way home does.
+  // them and rises for that. There an exponential's tail is told by the way home, of which the first half is flat, and
+  // by shorter steps, which do not rise; a bent ridge rises by a share of the whole.
   template <class Change> bool flat_outward(Change change, double a, double back)
   {
     constexpr int most_halvings = 20, before_the_edge = 4;
+    constexpr double share = 1e-3, nothing = 1e-8;
     for (int halving = 0; halving <= most_halvings; ++halving) {
       double part = std::ldexp(1.0, -halving);
       const double rise = change(part * a);
       if (!(rise < fails)) continue;
       if (rise < gain_allowed || change(0.5 * part * a) < gain_allowed) return true;
+      if (halving == 0 || !(change(-0.5 * a) < share * back)) return false;
       part *= 0.25;
       for (int more = 0; more < before_the_edge; ++more, part *= 0.5)
-        if (change(part * a) < std::min(gain_allowed, 1e-3 * back * part * part)) return true;
+        if (change(part * a) < nothing * back) return true;
       return false;
     }
     return false;
