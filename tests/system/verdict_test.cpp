@@ -104,7 +104,8 @@ TEST_P(KnownStates, Bound)
 
 TEST_P(KnownStates, StoppedEarly)
 {
-  const tests::Run run = fit("PARMS b0=-20 b1=10 s2=100;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n", "MAXITER=1");
+  const tests::Run run =
+      fit("PARMS b0=-20 b1=10 s2=100;\nBOUNDS s2 > 0;\nMODEL y ~ NORMAL(b0 + b1*x, s2);\n", "MAXITER=1");
   EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
   EXPECT_EQ(summary(run).converged, std::optional<bool>(false));
   EXPECT_EQ(summary(run).standing, host::FitSummary::Standing::bad);
@@ -122,5 +123,39 @@ TEST(Verdict, NothingOptimizedIsNeitherYesNorNo)
 }
 
 } // namespace
+
+// A fit that stops with slopes left has the standard errors of the objective's own Hessian at its estimates, in
+// whatever coordinates it was judged.
+TEST(Verdict, StandardErrorsBelongToTheEstimates)
+{
+  const struct {
+    std::string data, parameters, model;
+  } fits[] = {
+      {"cbpp", "b0=-1 s2=0.3",
+       "MODEL incidence ~ BINOMIAL(size, 1/(1 + exp(-(b0 + u)))); RANDOM u ~ NORMAL(0, s2) SUBJECT=herd;"},
+      {"sleepstudy", "b0=250 b1=10 v00=500 v01=0 v11=30 s2=600",
+       "MODEL reaction ~ NORMAL(b0 + u0 + (b1 + u1)*days, s2);"
+       "RANDOM u0 u1 ~ NORMAL([0,0], [v00,v01,v11]) SUBJECT=subject;"},
+      {"nested_linear", "b0=48 b1=2 v0=10 vw=5 s2=2",
+       "MODEL score ~ NORMAL(b0 + u + w + b1*week, s2);"
+       "RANDOM u ~ NORMAL(0, v0) SUBJECT=clinic; RANDOM w ~ NORMAL(0, vw) SUBJECT=ward(clinic);"},
+  };
+  for (const auto& fit : fits) {
+    const std::string head = "TORVALE DATA=" + fit.data + " QPOINTS=3 ";
+    const auto run = run_text(head + "GCONV=0.1; PARMS " + fit.parameters + "; " + fit.model + " RUN;");
+    const auto estimates = run.column("ParameterEstimates", "Estimate");
+    const auto errors = run.column("ParameterEstimates", "StandardError");
+    std::string there;
+    for (std::size_t i = 0; i < estimates.size(); ++i) {
+      char value[40];
+      std::snprintf(value, sizeof value, "=%.17g ", estimates[i]);
+      there += *run.table("ParameterEstimates")->rows()[i][0].text() + value;
+    }
+    const auto point = run_text(head + "TECHNIQUE=NONE FDHESSIAN=CENTRAL; PARMS " + there + "; " + fit.model + " RUN;");
+    const auto expected = point.column("ParameterEstimates", "StandardError");
+    ASSERT_EQ(expected.size(), errors.size()) << fit.data << point.log;
+    for (std::size_t i = 0; i < errors.size(); ++i) EXPECT_NEAR(errors[i] / expected[i], 1.0, 1e-5) << fit.data << i;
+  }
+}
 
 } // namespace torvale::tests

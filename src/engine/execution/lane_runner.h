@@ -62,6 +62,7 @@ struct Sources {
   const double* const* columns = nullptr; // by Program::columns, per record
   std::int64_t rows = 0;                  // how many records
   const std::int32_t* records = nullptr;  // row of the bound data that each record is; null: of the same number
+  const double* distinct = nullptr;       // of the stage of a column's values, as the next
   const double* observation = nullptr;    // result r of record i: observation[r * observation_stride + i - first]
   std::int64_t observation_stride = 0;
   std::int64_t first = 0;

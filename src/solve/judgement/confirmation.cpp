@@ -107,6 +107,8 @@ void FitEnd::assess()
   const std::vector<double> origin(x_.size(), 0.0);
   coordinates_->gradient(origin.data(), g_.data(), g.data());
   judgement_ = judge(surface, f_, g.data());
+  judgement_.bend.resize(x_.size() * x_.size());
+  if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
 }
 
 void FitEnd::move_to(const std::vector<double>& x)

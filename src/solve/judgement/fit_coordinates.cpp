@@ -239,6 +239,26 @@ void FitCoordinates::jacobian(const double* t, double* j) const
   }
 }
 
+bool FitCoordinates::bend(const double* by_x, double* out) const
+{
+  const std::size_t n = origin_.size();
+  std::fill_n(out, n * n, 0.0);
+  if (logarithm_ >= 0) {
+    const auto k = static_cast<std::size_t>(logarithm_);
+    out[k * (n + 1)] = scale_[k] * scale_[k] * by_x[k] * std::exp(origin_[k]);
+  }
+  // G(i, j) = sum_k l(i, k) l(j, k): elements of one column meet in one element of G.
+  for (const Block& b : blocks_)
+    for (int k = 0; k < b.order; ++k)
+      for (int i = k; i < b.order; ++i)
+        for (int j = k; j < b.order; ++j) {
+          const auto p = static_cast<std::size_t>(b.parameter[packed(i, k)]);
+          const auto q = static_cast<std::size_t>(b.parameter[packed(j, k)]);
+          out[p * n + q] = scale_[p] * scale_[q] * (i == j ? 2.0 : 1.0) * by_x[b.parameter[packed(i, j)]];
+        }
+  return logarithm_ >= 0 || !blocks_.empty();
+}
+
 double FitCoordinates::lower(int i) const
 {
   const auto p = static_cast<std::size_t>(i);

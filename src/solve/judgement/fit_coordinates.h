@@ -42,6 +42,9 @@ public:
   void parameters(const double* t, double* x) const;
   void gradient(const double* t, const double* by_x, double* by_t) const;
   void jacobian(const double* t, double* j) const;
+  // bend: what the bending of the coordinates adds to second derivatives by t at the origin, the sum over the
+  // parameters of by_x times d2x/dt dt; dense. False when it is 0: no factor and no logarithm.
+  bool bend(const double* by_x, double* out) const;
 
   // Bounds of t; largest and -largest where there are none. fixed: the bounds leave one value.
   double lower(int i) const;

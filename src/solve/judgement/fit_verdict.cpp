@@ -4,6 +4,7 @@
 #include "host/messages/names/labels.h"
 #include "host/messages/names/starting_values.h"
 #include "solve/course/course.h"
+#include "solve/judgement/estimate_covariance.h"
 
 #include <algorithm>
 #include <cmath>
@@ -139,30 +140,6 @@ void take_null_space(NX& n, const Judgement& j, const std::vector<double>& jacob
     basis.push_back(std::move(v));
   }
   for (const auto& b : basis) verdict.null_basis.insert(verdict.null_basis.end(), b.begin(), b.end());
-}
-
-// J V / eigenvalue V' J' over the eigenvalues that are not 0.
-void take_covariance(NX& n, const Judgement& j, const std::vector<double>& jacobian)
-{
-  const auto np = static_cast<std::size_t>(n.nparm);
-  n.covmat.assign(np * (np + 1) / 2, 0.0);
-  const double sigm = n.covstr->sigm > 0.0 ? n.covstr->sigm : 1.0;
-  for (int k = 0; k < j.curvature.size(); ++k) {
-    const double value = j.eigenvalues[static_cast<std::size_t>(k)];
-    if (std::abs(value) <= j.tolerance || std::find(j.null.begin(), j.null.end(), k) != j.null.end()) continue;
-    const auto x = by_parameters(jacobian, direction(j, k, np, 0.0));
-    for (std::size_t r = 0; r < np; ++r)
-      for (std::size_t c = 0; c <= r; ++c) n.covmat[packed(r, c)] += sigm * x[r] * x[c] / value;
-  }
-  for (std::size_t i = 0; i < np; ++i) {
-    const double variance = n.covmat[packed(i, i)];
-    n.str->ster[i] = variance > 0.0 ? std::sqrt(variance) : host::missing;
-  }
-  const auto negative =
-      std::count_if(j.eigenvalues.begin(), j.eigenvalues.end(), [&](double v) { return v < -j.tolerance; });
-  n.det[4] = static_cast<double>(j.null.size());
-  n.det[3] = j.indefinite ? static_cast<double>(negative) : 0.0;
-  n.det[2] = static_cast<double>(j.curvature.size()) - n.det[3] - n.det[4];
 }
 
 std::string names_of(const ModelLists& n, const std::vector<int>& parameters)

@@ -18,6 +18,7 @@ struct Judgement {
   std::vector<double> directions;  // m x m by the free coordinates; column k has eigenvalue k as its curvature
   double tolerance = 0.0;          // eigenvalues within it are 0
   double gain = 0.0;               // g' H^-1 g off the null space, in -2 log L
+  std::vector<double> bend;        // FitCoordinates::bend at the point, by all coordinates; empty when there is none
   bool indefinite = false;         // a negative eigenvalue
   // A curvature that may be no more than the slope along a bent ridge: the point is not near enough to its minimum to
   // tell.
