@@ -1,34 +1,34 @@
 // cmpspec: a program for a set of outputs. The lane stage asks for what it needs of the other stages, these ask in
 // turn; each is then put into steps (stage_emitter).
 
+#include "engine/stages/node_table.h"
 #include "engine/stages/stage_emitter.h"
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 namespace torvale::engine {
 
 namespace {
 
 // Nodes behind the outputs, ascending.
-std::set<NodeId> nodes_behind(const GraphBuilder& graph, const std::vector<NodeId>& outputs)
+std::vector<NodeId> nodes_behind(const GraphBuilder& graph, const std::vector<NodeId>& outputs)
 {
-  std::set<NodeId> reached;
+  NodeSet reached;
   std::vector<NodeId> open(outputs.begin(), outputs.end());
   while (!open.empty()) {
     const NodeId id = open.back();
     open.pop_back();
-    if (!reached.insert(id).second) continue;
+    if (!reached.insert(id)) continue;
     const Node& n = graph.node(id);
     for (int k = 0; k < n.operands; ++k) open.push_back(n.operand[static_cast<std::size_t>(k)]);
     if (n.kind == NodeKind::result) open.push_back(graph.carry_at(n.index).next);
   }
-  return reached;
+  return reached.ascending();
 }
 
 // How many there are, and how many there would be if nothing were shared.
-void measure(const GraphBuilder& graph, const std::set<NodeId>& reached, const std::vector<NodeId>& outputs,
+void measure(const GraphBuilder& graph, const std::vector<NodeId>& reached, const std::vector<NodeId>& outputs,
              Program& program)
 {
   std::vector<double> tree(static_cast<std::size_t>(graph.size()), 0.0);
@@ -92,7 +92,7 @@ int Specialiser::plain_operations(NodeId id)
   return plain_[id] = std::min(sum, other);
 }
 
-void Specialiser::choose_counted(const std::set<NodeId>& nodes)
+void Specialiser::choose_counted(const std::vector<NodeId>& nodes)
 {
   std::map<NodeId, int> costly; // by column
   for (const NodeId id : nodes) {
@@ -136,7 +136,7 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
     program.point_dependent.push_back((classes & depends::on_random_effects) != 0);
   }
   program.outputs = static_cast<int>(nodes.size());
-  const std::set<NodeId> behind = nodes_behind(gcmp.graph, nodes);
+  const std::vector<NodeId> behind = nodes_behind(gcmp.graph, nodes);
   measure(gcmp.graph, behind, nodes, program);
   for (std::size_t k = 0; k < gcmp.effects.size(); ++k) {
     const Effect& e = gcmp.effects[k];

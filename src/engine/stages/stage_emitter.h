@@ -4,7 +4,6 @@
 #include "engine/graph/loop_nesting.h"
 #include "engine/stages/program.h"
 
-#include <set>
 #include <unordered_map>
 
 namespace torvale::engine {
@@ -16,7 +15,7 @@ public:
 
   // Of the data variables that alone go into costly functions of parameters (log gamma of counts, say), takes the one
   // with the most: for these functions the stage `distinct` is made.
-  void choose_counted(const std::set<NodeId>& nodes); // of the program
+  void choose_counted(const std::vector<NodeId>& nodes); // of the program
 
   // Where a node is computed, as a stage sees it. What follows from data columns by a few plain operations is no column
   // of its own: it is computed with the observations, or with the values, but for the data stage itself.
