@@ -45,23 +45,44 @@ public:
     return 0;
   }
 
-  // The evaluation at the modes, of those that are near and of those that are found.
+  // The evaluation at the modes, of those that are near and of those that are found; again of those alone that it was
+  // not for, as long as there are columns.
   int close()
   {
-    int modes = 0;
-    for (int slot = 0; slot < b_.slots; ++slot) {
-      if (search(slot).state == ModeSearch::failed) continue;
-      b_.column[static_cast<std::size_t>(slot)] = modes;
-      b_.active[static_cast<std::size_t>(modes++)] = slot;
+    int modes = list_unclosed();
+    if (closed_ + modes > b_.mode_stride) {
+      start_columns();
+      modes = list_unclosed();
     }
     if (modes == 0) return 0;
-    if (const int rc = at_modes_->run(n_, ctx_, modes); rc != 0) return rc;
-    advance_all(modes, b_.curvature_sums.data() + at_modes_->mode_place * b_.mode_stride);
+    if (const int rc = at_modes_->run(n_, ctx_, modes, closed_); rc != 0) return rc;
+    advance_all(modes, b_.curvature_sums.data() + at_modes_->mode_place * b_.mode_stride + closed_);
+    closed_ += modes;
     return 0;
   }
 
 private:
   static constexpr int capacity = JointDensity<NR>::capacity;
+  static constexpr int none = -1;
+
+  int& column(int slot) { return b_.column[static_cast<std::size_t>(slot)]; }
+
+  void start_columns()
+  {
+    closed_ = 0;
+    std::fill_n(b_.column.begin(), b_.slots, none);
+  }
+
+  int list_unclosed()
+  {
+    int count = 0;
+    for (int slot = 0; slot < b_.slots; ++slot) {
+      if (search(slot).state == ModeSearch::failed || column(slot) != none) continue;
+      column(slot) = closed_ + count;
+      b_.active[static_cast<std::size_t>(count++)] = slot;
+    }
+    return count;
+  }
 
   // Those of the first `count` active slots that are not found go on, and stay active when they need another
   // evaluation.
@@ -72,6 +93,7 @@ private:
       const int slot = b_.active[static_cast<std::size_t>(a)];
       if (search(slot).state == ModeSearch::found) continue;
       advance(slot, sums + a);
+      if (search(slot).state != ModeSearch::found) column(slot) = none;
       if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
     }
   }
@@ -85,6 +107,7 @@ private:
 
   void start_all()
   {
+    start_columns();
     active_ = 0;
     for (int slot = 0; slot < b_.slots; ++slot) {
       ModeSearch& s = search(slot);
@@ -224,11 +247,12 @@ private:
       keep_curvature<NR>(b_, nr(), slot, sums, inverse);
       return;
     }
+    const bool near = at_modes_ != nullptr && next_step(step_sd, s.previous) < negligible;
     s.previous = step_sd;
     if (++s.step >= n_.ebstep) return give_up(slot);
     double* const to = z(slot);
     for (int i = 0; i < nr(); ++i) to[i] -= step[i];
-    s.state = at_modes_ != nullptr && step_sd < almost_there ? ModeSearch::near : ModeSearch::searching;
+    s.state = near ? ModeSearch::near : ModeSearch::searching;
   }
 
   const NX& n_;
@@ -239,6 +263,7 @@ private:
   const bool predicts_;    // starts follow the parameters from the accepted modes
   const bool starts_near_; // stored modes are those of this point, or have to do
   int active_ = 0;
+  int closed_ = 0; // columns of curvature_sums in use
 };
 
 template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)

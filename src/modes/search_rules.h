@@ -12,9 +12,17 @@ inline constexpr int halvings = 50;
 // The noise floor of a search, in posterior variances: below it a step that no longer shrinks tenfold (a hundredfold as
 // a square) is rounding.
 inline constexpr double noise_floor = 1e-12, noise_ratio = 0.01;
-// A step that is as short (as a square, in posterior variances) ends a search in any units; after one below the other the
-// next is as short.
-inline constexpr double negligible = 1e-24, almost_there = 1e-13;
+// A step that is as short (as a square, in posterior variances) ends a search in any units.
+inline constexpr double negligible = 1e-24;
+
+// About what the next step will be at most, all as such squares: steps s, c s^2, c (c s^2)^2, ... have the bend c that
+// the last two show; 1 for the first.
+inline double next_step(double step, double previous)
+{
+  constexpr double least = 1e-4, safety = 100.0;
+  const double bend = previous < std::numeric_limits<double>::max() ? std::max(step / (previous * previous), least) : 1.0;
+  return safety * bend * step * step;
+}
 // The error, as such a square, that a mode may have where predictions stand.
 inline constexpr double good_prediction = 1e-10;
 

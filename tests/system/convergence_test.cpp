@@ -359,4 +359,25 @@ TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
               large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);
 }
 
+// Few binary responses whose variance goes on growing (the integral over a fine grid falls up to s2u = 3000 and
+// beyond): sums over 31 points have a minimum near 300 that is none. With points of the program's own it is a warning.
+TEST(Convergence, MinimaOfThePointsAreNone)
+{
+  const std::string six = "id,x,y\n1,1.0750443510556016,0\n1,0.5,0\n2,-0.5,1\n2,-1.5324797170962492,1\n"
+                          "3,-0.41963955316101753,0\n3,1.0453366299169846,1\n4,-0.5,1\n4,0.5,1\n5,-0.5,1\n5,0.5,1\n"
+                          "6,-0.5,0\n6,0.5,0\n",
+                    five = "id,x,y\n1,-0.5,1\n1,0.5,0\n2,-0.5,0\n2,0.5,0\n3,-0.5,0\n3,-1.5023930270279262,0\n4,-0.5,1\n"
+                           "4,0.5,1\n5,-0.5,1\n5,0.5,1\n";
+  const std::string tail =
+      " p = 1/(1+EXP(-(b0+b1*x+u))); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  const auto first = fit_data(six, " TECHNIQUE=QUANEW; PARMS b0=0 b1=0 s2u=10;" + tail),
+             second = fit_data(five, " TECHNIQUE=DBLDOG; PARMS b0=0 b1=0 s2u=0.01; BOUNDS s2u > 0;" + tail),
+             given = fit_data(six, " QPOINTS=31 TECHNIQUE=QUANEW; PARMS b0=0 b1=0 s2u=10;" + tail);
+  EXPECT_EQ(first.outcome.exit_code, 5) << first.log;
+  EXPECT_TRUE(first.said(503, 9420)) << first.log;
+  EXPECT_EQ(second.outcome.exit_code, 5) << second.log;
+  EXPECT_EQ(given.outcome.exit_code, 0) << given.log;
+  EXPECT_TRUE(given.said(503, 9420)) << given.log;
+}
+
 } // namespace torvale::tests

@@ -193,6 +193,8 @@ void report_verdict(NX& n)
   if (!std::isnan(verdict.gain)) gain = verdict.gain;
   if (verdict.outcome == FitOutcome::user_criterion) {
     log.xpmlog(message::stopped_by_given_criterion{.gain = gain});
+  } else if (verdict.unsettled) {
+    // Said where it was found.
   } else if (!verdict.separated.empty() && !verdict.indefinite) {
     log.xpmlog(message::likelihood_rises_without_end{.names = names_of(n, verdict.separated)});
   } else if (verdict.outcome == FitOutcome::not_minimum) {
