@@ -55,7 +55,11 @@ RunOutcome fit(bool pictures)
   RunSettings settings;
   settings.data = {{"theoph", sample.path()}};
   settings.pictures = pictures;
-  return Session(std::move(settings)).run(std::string(std::istreambuf_iterator<char>(program), {}));
+  std::string log;
+  settings.log = [&](std::string_view text) { log += text; };
+  RunOutcome outcome = Session(std::move(settings)).run(std::string(std::istreambuf_iterator<char>(program), {}));
+  bench::expect_exit(outcome.exit_code, 0, log);
+  return outcome;
 }
 
 void fit_alone(benchmark::State& state)

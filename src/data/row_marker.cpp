@@ -9,19 +9,20 @@ using model::BadCause;
 
 namespace {
 
-// Whole without a call: adding 2^52 rounds what is smaller to a whole number.
+// A whole number, without a call: adding 2^52 rounds what is smaller to one. Infinities count as whole, NaNs do not.
 bool whole(double x)
 {
   constexpr double two_52 = 4503599627370496.0;
   const double size = std::abs(x);
-  return !(size < two_52) || (size + two_52) - two_52 == size;
+  return (size >= two_52) | ((size + two_52) - two_52 == size);
 }
 
-bool possible(const double* loglik, int lanes)
+// Nearly always all lanes are fine: that is found out in vectors.
+template <class Good> bool all(const double* values, int lanes, const Good& good)
 {
-  bool good = true;
-  for (int j = 0; j < lanes; ++j) good &= loglik[j] > model::impossible_loglik;
-  return good;
+  std::uint64_t refused = 0; // as wide as the values
+  for (int j = 0; j < lanes; ++j) refused |= good(values[j]) ? 0U : 1U;
+  return refused == 0;
 }
 
 } // namespace
@@ -44,7 +45,8 @@ void RowMarker::take(const RowTile& tile, const engine::Frame& frame, BlockFindi
     if (usable(values, tile.lanes, cause)) continue;
     for (int j = 0; j < tile.lanes; ++j) look_at(tile.row(j), values[j], cause, found);
   }
-  if (loglik != nullptr && !possible(loglik, tile.lanes)) count_impossible(tile, loglik, found);
+  const auto possible = [](double x) { return x > model::impossible_loglik; };
+  if (loglik != nullptr && !all(loglik, tile.lanes, possible)) count_impossible(tile, loglik, found);
 }
 
 void RowMarker::count_impossible(const RowTile& tile, const double* loglik, BlockFindings& found) const
@@ -58,17 +60,12 @@ void RowMarker::count_impossible(const RowTile& tile, const double* loglik, Bloc
   }
 }
 
-// Nearly always all lanes are fine: that is found out in vectors.
 bool RowMarker::usable(const double* values, int lanes, BadCause cause) const
 {
-  bool good = true;
-  if (cause == BadCause::replicate)
-    for (int j = 0; j < lanes; ++j) good &= values[j] >= n_.singvar;
-  else if (cause == BadCause::dependent && counts_)
-    for (int j = 0; j < lanes; ++j) good &= values[j] == values[j] && whole(values[j]);
-  else
-    for (int j = 0; j < lanes; ++j) good &= values[j] == values[j];
-  return good;
+  const double least = n_.singvar;
+  if (cause == BadCause::replicate) return all(values, lanes, [&](double x) { return x >= least; });
+  if (cause == BadCause::dependent && counts_) return all(values, lanes, whole);
+  return all(values, lanes, [](double x) { return x == x; });
 }
 
 void RowMarker::take_replicates(const RowTile& tile, const double* values) const

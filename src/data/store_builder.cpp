@@ -46,9 +46,6 @@ void keep_column(NX& n, Store& store, const engine::CMPSYM& symbol)
 void set_rows(Store& store, const std::vector<std::int32_t>& order)
 {
   const auto rows = order.size();
-  store.nobs = static_cast<std::int64_t>(rows);
-  store.badobs.assign(rows, model::BadCause::none);
-  if (std::is_sorted(order.begin(), order.end())) return;
   store.group_order.assign(order.begin(), order.end());
   store.store_order.resize(rows);
   for (std::size_t k = 0; k < rows; ++k)
@@ -146,6 +143,8 @@ int tvlenvt(NX& n)
   Store& store = *n.store;
 
   SubjectIndex index;
+  store.nobs = static_cast<std::int64_t>(n.rows.rows());
+  store.badobs.assign(n.rows.rows(), model::BadCause::none);
   if (n.nreff() > 0) {
     if (find_subjects(n, index) != 0) {
       n.raise(1012);
@@ -162,8 +161,6 @@ int tvlenvt(NX& n)
       n.raise(1012);
       return 1;
     }
-    store.nobs = static_cast<std::int64_t>(n.rows.rows());
-    store.badobs.assign(n.rows.rows(), model::BadCause::none);
   }
 
   store.view.rows = store.nobs;

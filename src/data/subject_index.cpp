@@ -13,19 +13,13 @@ namespace torvale::data {
 
 namespace {
 
-// The key of a row's subject value: equal keys, same subject. Characters are dictionary codes.
-std::vector<std::uint64_t> subject_keys(const host::Column& column, const host::ByGroup& rows)
-{
-  std::vector<std::uint64_t> keys(rows.rows());
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    const std::size_t row = rows.begin + i;
-    keys[i] = column.numeric() ? std::bit_cast<std::uint64_t>(column.number(row) + 0.0) : column.codes()[row];
-  }
-  return keys;
-}
-
 long count_missing(const host::Column& column, const host::ByGroup& rows, std::size_t& first)
 {
+  if (column.numeric()) {
+    std::uint64_t some = 0; // nearly never: found out in vectors
+    for (const double x : column.numbers().subspan(rows.begin, rows.rows())) some |= x == x ? 0U : 1U;
+    if (some == 0) return 0;
+  }
   long missing = 0;
   for (std::size_t row = rows.begin; row < rows.end; ++row) {
     if (!column.is_missing(row)) continue;
@@ -61,46 +55,95 @@ struct NestedKeyHash {
   }
 };
 
-// Values that only grow within a parent, and parents that only grow: what has changed is new.
-bool ascending(const std::vector<std::uint64_t>& keys, const std::vector<std::int32_t>& parent)
-{
-  for (std::size_t i = 1; i < keys.size(); ++i)
-    if (parent[i] < parent[i - 1] || (parent[i] == parent[i - 1] && keys[i] < keys[i - 1])) return false;
-  return true;
-}
+// The keys of rows: equal keys, same subject. Characters are dictionary codes.
+struct NumberKeys {
+  const double* values;
+  std::uint64_t operator[](std::size_t i) const { return std::bit_cast<std::uint64_t>(values[i] + 0.0); }
+};
 
-// Numbers the subjects of a level by first appearance: `subject` holds the parents' numbers and receives the level's.
-std::int32_t number_level(const std::vector<std::uint64_t>& keys, bool by_change, std::vector<std::int32_t>& subject,
-                          std::vector<std::int32_t>& parent, long& changes)
-{
-  std::unordered_map<NestedKey, std::int32_t, NestedKeyHash> known; // looked up, never walked
-  by_change = by_change || ascending(keys, subject);
-  changes = 0;
-  parent.clear();
-  NestedKey before{};
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    const NestedKey key{subject[i], keys[i]};
-    const bool changed = i == 0 || !(key == before);
-    before = key;
-    changes += changed;
-    if (!changed) {
-      subject[i] = subject[i - 1];
-      continue;
-    }
-    const auto next = static_cast<std::int32_t>(parent.size());
-    subject[i] = by_change ? next : known.try_emplace(key, next).first->second;
-    if (subject[i] == next) parent.push_back(key.parent);
+// The subjects of a level, row by row, numbered by first appearance. `outer` are those of the next outer level, empty
+// where there is none; `parent` receives the outer subject of each.
+template <class Keys> class LevelNumbers {
+public:
+  LevelNumbers(const Keys& keys, std::size_t rows, const std::vector<std::int32_t>& outer,
+               std::vector<std::int32_t>& parent)
+      : keys_(keys), outer_(outer), parent_(parent), subject_(rows)
+  {
   }
-  return static_cast<std::int32_t>(parent.size());
+
+  // Each change of the value is a new subject. False where `grow` is asked for and the values do not only grow within a
+  // parent, and the parents: then what has changed need not be new.
+  bool by_change(bool grow)
+  {
+    parent_.clear();
+    NestedKey before{};
+    for (std::size_t i = 0; i < subject_.size(); ++i) {
+      const NestedKey key = key_at(i);
+      if (i == 0 || !(key == before)) {
+        const bool less = key.parent < before.parent || (key.parent == before.parent && key.value < before.value);
+        if (grow && i > 0 && less) return false;
+        parent_.push_back(key.parent);
+        before = key;
+      }
+      subject_[i] = static_cast<std::int32_t>(parent_.size()) - 1;
+    }
+    changes_ = static_cast<long>(parent_.size());
+    return true;
+  }
+
+  void by_value()
+  {
+    std::unordered_map<NestedKey, std::int32_t, NestedKeyHash> known; // looked up, never walked
+    parent_.clear();
+    changes_ = 0;
+    NestedKey before{};
+    for (std::size_t i = 0; i < subject_.size(); ++i) {
+      const NestedKey key = key_at(i);
+      if (i > 0 && key == before) {
+        subject_[i] = subject_[i - 1];
+        continue;
+      }
+      before = key;
+      ++changes_;
+      const auto next = static_cast<std::int32_t>(parent_.size());
+      subject_[i] = known.try_emplace(key, next).first->second;
+      if (subject_[i] == next) parent_.push_back(key.parent);
+    }
+  }
+
+  std::vector<std::int32_t> take() { return std::move(subject_); }
+  long changes() const { return changes_; }
+
+private:
+  NestedKey key_at(std::size_t i) const { return {outer_.empty() ? -1 : outer_[i], keys_[i]}; }
+
+  const Keys keys_;
+  const std::vector<std::int32_t>& outer_;
+  std::vector<std::int32_t>& parent_;
+  std::vector<std::int32_t> subject_;
+  long changes_ = 0;
+};
+
+// Most files are in the order of their subjects: that is tried first.
+template <class Keys>
+void number_level(const Keys& keys, std::size_t rows, bool split, std::vector<std::int32_t>& subject,
+                  std::vector<std::int32_t>& parent, long& changes)
+{
+  LevelNumbers<Keys> level(keys, rows, subject, parent);
+  if (!level.by_change(!split)) level.by_value();
+  changes = level.changes();
+  subject = level.take();
 }
 
-// Puts the subjects of a level in the order of their parents: returns the new number of each.
+// Puts the subjects of a level in the order of their parents: returns the new number of each, nothing where they stand
+// in that order.
 std::vector<std::int32_t> order_by_parent(std::vector<std::int32_t>& parent,
                                           const std::vector<std::int32_t>& parent_number)
 {
-  std::vector<std::int32_t> order(parent.size()), number(parent.size()), sorted(parent.size());
   if (!parent_number.empty())
     for (std::int32_t& p : parent) p = parent_number[static_cast<std::size_t>(p)];
+  if (std::is_sorted(parent.begin(), parent.end())) return {};
+  std::vector<std::int32_t> order(parent.size()), number(parent.size()), sorted(parent.size());
   std::iota(order.begin(), order.end(), 0);
   std::stable_sort(order.begin(), order.end(), [&](std::int32_t a, std::int32_t b) {
     return parent[static_cast<std::size_t>(a)] < parent[static_cast<std::size_t>(b)];
@@ -121,6 +164,27 @@ void start_from_children(const SubjectRows& children, SubjectRows& level)
     level.start[static_cast<std::size_t>(children.parent[c])] = children.start[c];
 }
 
+// Where each leaf's rows start when they lie together in the order of the leaves.
+void start_from_rows(const std::vector<std::int32_t>& subject, SubjectRows& leaves)
+{
+  leaves.start.assign(leaves.parent.size() + 1, static_cast<std::int32_t>(subject.size()));
+  leaves.start[0] = 0;
+  for (std::size_t i = 1; i < subject.size(); ++i)
+    if (subject[i] != subject[i - 1]) leaves.start[static_cast<std::size_t>(subject[i])] = static_cast<std::int32_t>(i);
+}
+
+// A counting pass puts each leaf's rows together, in file order.
+void deal_rows(const std::vector<std::int32_t>& subject, SubjectRows& leaves, std::vector<std::int32_t>& order)
+{
+  leaves.start.assign(leaves.parent.size() + 1, 0);
+  for (const std::int32_t s : subject) ++leaves.start[static_cast<std::size_t>(s) + 1];
+  for (std::size_t s = 1; s < leaves.start.size(); ++s) leaves.start[s] += leaves.start[s - 1];
+  std::vector<std::int32_t> next(leaves.start.begin(), leaves.start.end() - 1);
+  order.resize(subject.size());
+  for (std::size_t i = 0; i < subject.size(); ++i)
+    order[static_cast<std::size_t>(next[static_cast<std::size_t>(subject[i])]++)] = static_cast<std::int32_t>(i);
+}
+
 } // namespace
 
 int tvlsubj(model::NX& n, SubjectIndex& index)
@@ -137,25 +201,24 @@ int tvlsubj(model::NX& n, SubjectIndex& index)
 
   // Number the subjects level by level, the outermost first.
   index.level.resize(n.reff.size());
-  std::vector<std::int32_t> subject(n.rows.rows(), -1), number;
+  std::vector<std::int32_t> subject, number;
   for (std::size_t k = n.reff.size(); k-- > 0;) {
+    const host::Column& column = column_of(n.reff[k]);
     auto& parent = index.level[k].parent;
-    number_level(subject_keys(column_of(n.reff[k]), n.rows), n.nosort, subject, parent, index.changes);
+    if (column.numeric())
+      number_level(NumberKeys{column.numbers().data() + n.rows.begin}, n.rows.rows(), n.nosort, subject, parent,
+                   index.changes);
+    else
+      number_level(column.codes().subspan(n.rows.begin), n.rows.rows(), n.nosort, subject, parent, index.changes);
     number = order_by_parent(parent, number);
   }
-
-  // A counting pass puts each leaf's rows together, in file order.
-  SubjectRows& leaves = index.level.front();
-  leaves.start.assign(leaves.parent.size() + 1, 0);
-  for (std::int32_t& s : subject) {
-    s = number[static_cast<std::size_t>(s)];
-    ++leaves.start[static_cast<std::size_t>(s) + 1];
-  }
-  for (std::size_t s = 1; s < leaves.start.size(); ++s) leaves.start[s] += leaves.start[s - 1];
-  std::vector<std::int32_t> next(leaves.start.begin(), leaves.start.end() - 1);
-  index.order.resize(subject.size());
-  for (std::size_t i = 0; i < subject.size(); ++i)
-    index.order[static_cast<std::size_t>(next[static_cast<std::size_t>(subject[i])]++)] = static_cast<std::int32_t>(i);
+  if (!number.empty())
+    for (std::int32_t& s : subject) s = number[static_cast<std::size_t>(s)];
+  index.order.clear();
+  if (std::is_sorted(subject.begin(), subject.end()))
+    start_from_rows(subject, index.level.front());
+  else
+    deal_rows(subject, index.level.front(), index.order);
   for (std::size_t k = 1; k < index.level.size(); ++k) start_from_children(index.level[k - 1], index.level[k]);
   return 0;
 }

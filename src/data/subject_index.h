@@ -20,9 +20,11 @@ struct SubjectRows {
 
 // SubjectIndex: rows of one BY group, dealt to subjects. Rows count from 0 within the group.
 struct SubjectIndex {
-  std::vector<std::int32_t> order; // group rows in subject order, outer subjects first, rows of a leaf in file order
-  std::vector<SubjectRows> level;  // as NX::reff, the deepest first
-  long changes = 0;                // changes of the subject values in file order, the first row included
+  // Group rows in subject order, outer subjects first, rows of a leaf in file order; empty where that is the file's
+  // own.
+  std::vector<std::int32_t> order;
+  std::vector<SubjectRows> level; // as NX::reff, the deepest first
+  long changes = 0;               // changes of the subject values in file order, the first row included
 };
 
 // tvlsubj: builds the index of the RANDOM statements for the rows of n.rows (tvl procedure, subj subjects). A subject

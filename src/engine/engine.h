@@ -9,7 +9,8 @@
 //
 // A run takes a Tile: up to `max_lanes` lanes, each an (observation, point) pair. What depends on parameters only is
 // computed once per Frame::set_parameters, on data only once per BoundData, on data and parameters once per
-// observation of Frame::set_range, on random effects only once per point, the rest per lane.
+// observation of Frame::set_range (costly functions of a variable with few values: once per value), on random effects
+// only once per point, the rest per lane.
 
 #include "host/storage/scratch_file.h"
 #include "syntax/tree.h"
@@ -159,8 +160,9 @@ struct DataView {
 // BoundData: what a model computes from data alone, once per BY group, for all its programs. Constant afterwards.
 class BoundData;
 std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& view);
-// cmporder: the order in which Frame::set_records will go through the rows, all in all: what programs read of them is brought
-// into it once, and parts of this list are read where they stand. Borrowed until the next call. Not while frames run.
+// cmporder: the order in which Frame::set_records will go through the rows, all in all: what programs read of them is
+// brought into it once, and parts of this list are read where they stand. Borrowed until the next call. Not while
+// frames run.
 void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count);
 
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
@@ -175,9 +177,10 @@ struct FactoredTerm {
   CMPSYM* factor = nullptr;
 };
 std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
-// cmppredictor: of the values that records have at all points in common, the one through which alone most parameters act on what
-// the programs yield: a linear predictor without its random effects, say. Frame::shift_records moves it. The value is a new
-// symbol; it may be differentiated. No parameters: there is none, or values are kept from record to record. After cmpspec.
+// cmppredictor: of the values that records have at all points in common, the one through which alone most parameters
+// act on what the programs yield: a linear predictor without its random effects, say. Frame::shift_records moves it.
+// The value is a new symbol; it may be differentiated. No parameters: there is none, or values are kept from record to
+// record. After cmpspec.
 struct Predictor {
   CMPSYM* value = nullptr;
   std::vector<CMPSYM*> parameters;
@@ -194,7 +197,8 @@ bool keeps_values(const CMPGLOBAL& gcmp);
 bool varies_by_point(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.
 struct ProgramSize {
-  int nodes_before = 0, nodes = 0, parameter = 0, data = 0, observation = 0, point = 0, lane = 0, registers = 0;
+  int nodes_before = 0, nodes = 0, parameter = 0, data = 0, distinct = 0, observation = 0, point = 0, lane = 0,
+      registers = 0;
 };
 ProgramSize program_size(const Program& program);
 
@@ -255,15 +259,15 @@ public:
   // What programs read of these rows is brought together, so that tiles of consecutive places read consecutive numbers:
   // once for all where the rows are a part of cmporder's list, else at each call.
   void set_records(const std::int32_t* rows, std::int64_t count);
-  // Adds by_row[r] to the predictor of row r wherever programs read it, until called with null. Borrowed. To be repeated when the
-  // numbers have changed.
+  // Adds by_row[r] to the predictor of row r wherever programs read it, until called with null. Borrowed. To be
+  // repeated when the numbers have changed.
   void shift_records(const CMPSYM* predictor, const double* by_row);
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);
 
-  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed; all `stride` values of an
-  // effect may be read. What depends on
-  // random effects alone is computed once for the `points` points at the first run of a program after this.
+  // Random-effect values of the following runs: effect e at point p is ran[e * stride + p]. Borrowed; all `stride`
+  // values of an effect may be read. What depends on random effects alone is computed once for the `points` points at
+  // the first run of a program after this.
   void set_points(const double* ran, int points, int stride);
 
   // Runs the program over the tile. Returns 0; or a code above 2 for a fatal fault (run_code below). Allocates nothing

@@ -69,7 +69,7 @@ struct BatchWork : Priors {
   int nests = 0;                     // outermost subjects; with one level they are the slots
   std::vector<int> nest;             // per nest: index into SubInfo of the outermost level
   std::vector<int> subject;          // per slot: index into SubInfo
-  std::vector<int> column;           // per slot: its column in curvature_sums
+  std::vector<int> column;           // per slot: its column in curvature_sums; below 0: none yet
   std::vector<int> failure;          // per slot: message number of its failure, 0 when good
   std::vector<std::int64_t> failure_row; // per slot: store row that the failure names
   std::vector<int> active;           // slots of the program run in hand: still searching, or good

@@ -1,7 +1,6 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
-#include "host/messages/names/methods.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/search_rules.h"
@@ -45,24 +44,45 @@ public:
     return 0;
   }
 
-  // The evaluation at the modes, of those that are near and of those that are found. Where an effect is so far from 0
-  // that its rounding is more than a negligible step, one that was near may be near still, and is closed once more.
+  // The evaluation at the modes, of those that are near and of those that are found; again of those alone that it was
+  // not for, as long as there are columns. Where an effect is so far from 0 that its rounding is more than a negligible
+  // step, one that was near may be near still, and is closed once more.
   int close()
   {
-    int modes = 0;
-    for (int slot = 0; slot < b_.slots; ++slot) {
-      if (search(slot).state == ModeSearch::failed) continue;
-      b_.column[static_cast<std::size_t>(slot)] = modes;
-      b_.active[static_cast<std::size_t>(modes++)] = slot;
+    int modes = list_unclosed();
+    if (closed_ + modes > b_.mode_stride) {
+      start_columns();
+      modes = list_unclosed();
     }
     if (modes == 0) return 0;
-    if (const int rc = at_modes_->run(n_, ctx_, modes); rc != 0) return rc;
-    advance_all(modes, b_.curvature_sums.data() + at_modes_->mode_place * b_.mode_stride);
+    if (const int rc = at_modes_->run(n_, ctx_, modes, closed_); rc != 0) return rc;
+    advance_all(modes, b_.curvature_sums.data() + at_modes_->mode_place * b_.mode_stride + closed_);
+    closed_ += modes;
     return 0;
   }
 
 private:
   static constexpr int capacity = JointDensity<NR>::capacity;
+  static constexpr int none = -1;
+
+  int& column(int slot) { return b_.column[static_cast<std::size_t>(slot)]; }
+
+  void start_columns()
+  {
+    closed_ = 0;
+    std::fill_n(b_.column.begin(), b_.slots, none);
+  }
+
+  int list_unclosed()
+  {
+    int count = 0;
+    for (int slot = 0; slot < b_.slots; ++slot) {
+      if (search(slot).state == ModeSearch::failed || column(slot) != none) continue;
+      column(slot) = closed_ + count;
+      b_.active[static_cast<std::size_t>(count++)] = slot;
+    }
+    return count;
+  }
 
   // Those of the first `count` active slots that are not found go on, and stay active when they need another
   // evaluation.
@@ -73,6 +93,7 @@ private:
       const int slot = b_.active[static_cast<std::size_t>(a)];
       if (search(slot).state == ModeSearch::found) continue;
       advance(slot, sums + a);
+      if (search(slot).state != ModeSearch::found) column(slot) = none;
       if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
       if (search(slot).state == ModeSearch::near) ++near_;
     }
@@ -87,6 +108,7 @@ private:
 
   void start_all()
   {
+    start_columns();
     active_ = 0;
     for (int slot = 0; slot < b_.slots; ++slot) {
       ModeSearch& s = search(slot);
@@ -156,13 +178,12 @@ private:
   }
 
   // A search that cannot go on: from a stored mode it begins again at the mean, else the slot fails.
-  void give_up(int slot)
+  void give_up(int slot, SearchEnd why = SearchEnd::steps)
   {
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
-                                        : message::mode_steps_used_up::message_number;
+    s.failure = failure_of(why, n_.leaf().sub_character);
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in this column of sums.
@@ -188,7 +209,7 @@ private:
   void shrink(int slot)
   {
     ModeSearch& s = search(slot);
-    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot);
+    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot, SearchEnd::shorter_steps);
     const double keep = s.substep < n_.ebsubstep ? n_.ebssfrac : 0.5;
     ++s.substep;
     s.state = ModeSearch::searching;
@@ -226,11 +247,12 @@ private:
       keep_curvature<NR>(b_, nr(), slot, sums, inverse);
       return;
     }
+    const bool near = at_modes_ != nullptr && next_step(step_sd, s.previous) < negligible;
     s.previous = step_sd;
     if (++s.step >= n_.ebstep) return give_up(slot);
     double* const to = z(slot);
     for (int i = 0; i < nr(); ++i) to[i] -= step[i];
-    s.state = at_modes_ != nullptr && step_sd < almost_there ? ModeSearch::near : ModeSearch::searching;
+    s.state = near ? ModeSearch::near : ModeSearch::searching;
   }
 
   const NX& n_;
@@ -241,6 +263,7 @@ private:
   const bool predicts_;    // starts follow the parameters from the accepted modes
   const bool starts_near_; // stored modes are those of this point, or have to do
   int active_ = 0, near_ = 0; // after the last round of decisions
+  int closed_ = 0;            // columns of curvature_sums in use
 };
 
 template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
@@ -255,7 +278,7 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes
     if (n.ebopt && library_search(n, ctx, slot))
       by_library = true;
     else
-      ctx.batch.failure[at] = s.failure;
+      ctx.batch.failure[at] = n.ebopt ? failure_of(SearchEnd::library, n.leaf().sub_character) : s.failure;
   }
   return by_library && at_modes != nullptr ? search.close() : 0;
 }

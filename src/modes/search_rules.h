@@ -1,6 +1,8 @@
 #pragma once
 // Rules that all searches for modes keep to, whatever the number of levels.
 
+#include "host/messages/names/methods.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -12,11 +14,36 @@ inline constexpr int halvings = 50;
 // The noise floor of a search, in posterior variances: below it a step that no longer shrinks tenfold (a hundredfold as
 // a square) is rounding.
 inline constexpr double noise_floor = 1e-12, noise_ratio = 0.01;
-// A step that is as short (as a square, in posterior variances) ends a search in any units; after one below the other the
-// next is as short.
-inline constexpr double negligible = 1e-24, almost_there = 1e-13;
+// A step that is as short (as a square, in posterior variances) ends a search in any units.
+inline constexpr double negligible = 1e-24;
+
+// About what the next step will be at most, all as such squares: steps s, c s^2, c (c s^2)^2, ... have the bend c that
+// the last two show; 1 for the first.
+inline double next_step(double step, double previous)
+{
+  constexpr double least = 1e-4, safety = 100.0;
+  const double bend =
+      previous < std::numeric_limits<double>::max() ? std::max(step / (previous * previous), least) : 1.0;
+  return safety * bend * step * step;
+}
 // The error, as such a square, that a mode may have where predictions stand.
 inline constexpr double good_prediction = 1e-10;
+
+// Why a search has ended without a mode, and the message (of group 503) that says so of a subject with a number or a
+// text. shorter_steps: none of them, halved to nothing, brings the value down.
+enum class SearchEnd { steps, shorter_steps, library };
+inline int failure_of(SearchEnd why, bool text)
+{
+  switch (why) {
+  case SearchEnd::shorter_steps:
+    return text ? message::no_shorter_step_text_subject::message_number : message::no_shorter_step::message_number;
+  case SearchEnd::library:
+    return text ? message::mode_not_found_text_subject::message_number : message::mode_not_found::message_number;
+  default:
+    return text ? message::mode_steps_used_up_text_subject::message_number
+                : message::mode_steps_used_up::message_number;
+  }
+}
 
 // The value that the next step may not exceed, from the present value and EBSSTOL.
 inline double allowed_value(double f, double tolerance)

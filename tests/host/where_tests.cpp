@@ -95,6 +95,14 @@ TEST(Where, DatesAreComparedWithTheirTexts)
   EXPECT_EQ(data.columns()[0].format(), "YYMMDD10.");
   EXPECT_EQ(log.count(9505), 1);
   EXPECT_EQ(log.count(9506), 1);
+  for (const char* condition :
+       {"day >= '2024-01-31T00:00:00'", "'12:00' < day", "at between '08:00' and '2024-01-31'"}) {
+    CaughtMessages refused;
+    const auto wrong = parse_data_set_options(std::string("where=(") + condition + ")", refused);
+    ASSERT_TRUE(wrong);
+    EXPECT_NE(apply_input_options(data, *wrong, refused), 0) << condition;
+    EXPECT_TRUE(refused.has_errors()) << condition;
+  }
 }
 
 TEST(Where, MistakesSayWhatAndWhere)

@@ -3,6 +3,7 @@
 #include "engine/execution/checked_run.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <numeric>
@@ -14,9 +15,7 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
   return std::make_shared<BoundData>(gcmp, view);
 }
 
-BoundData::BoundData(const CMPGLOBAL& gcmp, const DataView& view) : gcmp_(gcmp), view_(view)
-{
-}
+BoundData::BoundData(const CMPGLOBAL& gcmp, const DataView& view) : gcmp_(gcmp), view_(view) {}
 
 void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count)
 {
@@ -43,6 +42,46 @@ const double* BoundData::ordered(const double* column) const
   for (std::int64_t i = 0; i < ordered_rows_; ++i) to[i] = column[order_[i]];
   for (std::int64_t i = ordered_rows_; i < padded; ++i) to[i] = to[ordered_rows_ - 1];
   return to;
+}
+
+namespace {
+
+// Values are told apart by their bits. Null when there are too many.
+std::unique_ptr<DistinctValues> find_distinct(const double* column, std::int64_t rows, const host::RowMemory& memory)
+{
+  constexpr std::size_t places = 4 * DistinctValues::most; // of a hash table with open addresses
+  constexpr std::uint16_t empty = 0xFFFF;
+  const auto most =
+      static_cast<std::size_t>(std::min<std::int64_t>(DistinctValues::most, rows / DistinctValues::rows_each));
+  auto found = std::make_unique<DistinctValues>();
+  found->of_row = host::RowVector<std::uint16_t>(host::RowAllocator<std::uint16_t>(memory));
+  found->of_row.resize(static_cast<std::size_t>(rows));
+  std::vector<std::uint16_t> table(places, empty);
+  std::vector<std::int32_t>& found_in = found->row;
+  for (std::int64_t row = 0; row < rows; ++row) {
+    const auto bits = std::bit_cast<std::uint64_t>(column[row]);
+    std::size_t at = (bits * 0x9E3779B97F4A7C15U) >> 50; // the upper 14 bits
+    while (table[at] != empty && std::bit_cast<std::uint64_t>(column[found_in[table[at]]]) != bits)
+      at = (at + 1) % places;
+    if (table[at] == empty) {
+      if (found_in.size() == most) return nullptr;
+      table[at] = static_cast<std::uint16_t>(found_in.size());
+      found_in.push_back(static_cast<std::int32_t>(row));
+    }
+    found->of_row[static_cast<std::size_t>(row)] = table[at];
+  }
+  return found;
+}
+
+} // namespace
+
+const DistinctValues* BoundData::distinct(std::int32_t symbol) const
+{
+  const double* const column = raw_column(symbol);
+  const std::lock_guard<std::mutex> lock(making_);
+  const auto [at, first] = distinct_.try_emplace(symbol);
+  if (first) at->second = find_distinct(column, view_.rows, view_.memory);
+  return at->second.get();
 }
 
 std::int64_t BoundData::subject_start(std::int64_t row) const

@@ -11,6 +11,13 @@
 
 namespace torvale::engine {
 
+// The values that a data variable has, where they are few, and which of them each row has.
+struct DistinctValues {
+  static constexpr int most = 4096, rows_each = 8; // more values, or fewer rows for each, are not worth a table
+  std::vector<std::int32_t> row;                   // a row that has the value
+  host::RowVector<std::uint16_t> of_row;
+};
+
 class BoundData final : public CharacterColumns {
 public:
   BoundData(const CMPGLOBAL& gcmp, const DataView& view);
@@ -34,6 +41,8 @@ public:
   std::int64_t ordered_rows() const { return ordered_rows_; }
   std::uint64_t order_version() const { return order_version_; }
   const double* ordered(const double* column) const;
+  // Of a numeric variable, by its symbol; null when its values are not few. Found at the first call.
+  const DistinctValues* distinct(std::int32_t symbol) const;
   // Value of a data variable; missing when the data lack it.
   double raw(std::int32_t symbol, std::int64_t row) const;
 
@@ -52,6 +61,7 @@ private:
   mutable const std::int32_t* order_ = nullptr; // borrowed
   mutable std::int64_t ordered_rows_ = 0;
   mutable std::uint64_t order_version_ = 0;
+  mutable std::unordered_map<std::int32_t, std::unique_ptr<const DistinctValues>> distinct_; // by symbol
   mutable std::unordered_map<const double*, LaneArray> ordered_; // by the column that they hold in order
 };
 

@@ -27,7 +27,15 @@ struct FrameProgram {
   std::uint64_t parameters = 0, range = 0, points = 0, inputs = 0;
   Sources sources; // of the lane stage
   LaneArray parameter_results;
-  LaneArray observation; // result by result, range_stride doubles each
+  // The values of the program's counted variable, what its stage reads for them (by Program::columns) and its results
+  // for them, result by result. Null: the stage is run for each record.
+  const DistinctValues* values = nullptr;
+  LaneArray value_inputs;
+  std::vector<const double*> value_columns;
+  LaneArray value_results;
+  std::uint64_t tabulated = 0; // version of the parameters that it belongs to
+  LaneArray distinct;          // the same at the records of the range, range_stride doubles each
+  LaneArray observation;       // result by result, range_stride doubles each
   std::int64_t range_stride = 0;
   LaneArray point; // result by result, point_stride doubles each
   std::int64_t point_stride = 0;
@@ -47,6 +55,10 @@ struct Frame::State {
   int prepare_all(FrameProgram& f); // whatever has changed, and `sources`
   int prepare(FrameProgram& f);     // columns, parameter stage, fixed registers
   int prepare_range(FrameProgram& f);
+  int run_records(FrameProgram& f, Stage stage, double* to); // a stage at the records of the range
+  void find_values(FrameProgram& f);
+  int tabulate(FrameProgram& f);
+  int look_up(FrameProgram& f); // results of the stage `distinct` at the records of the range
   int prepare_points(FrameProgram& f);
   void shift_predictor(FrameProgram& f);
   Sources common_sources(const FrameProgram& f) const;
@@ -58,7 +70,7 @@ struct Frame::State {
   const double* ran = nullptr; // borrowed
   int points = 0;
   int ran_stride = 0;
-  std::int64_t first = 0, count = 0; // the range
+  std::int64_t first = 0, count = 0;     // the range
   const std::int32_t* records = nullptr; // borrowed; rows of the records 0..count-1, null: records are rows
   bool records_in_place = false;         // they are rows that follow each other: nothing need be brought together
   bool records_in_order = false;         // they are a part of the data's order: it has been

@@ -58,10 +58,12 @@ void LaneArray::reserve(std::size_t n)
 {
   if (n <= size_) return;
   constexpr std::size_t alignment = 64;
-  memory_ = host::RowVector<double>(memory_.get_allocator()); // the old values go first
-  memory_.resize(n + alignment / sizeof(double));
-  void* start = memory_.data();
-  std::size_t space = (n + alignment / sizeof(double)) * sizeof(double);
+  memory_.reset(); // the old values go first
+  DoublesGiver& giver = memory_.get_deleter();
+  giver.size = n + alignment / sizeof(double);
+  memory_.reset(giver.from.allocate(giver.size));
+  void* start = memory_.get();
+  std::size_t space = giver.size * sizeof(double);
   data_ = static_cast<double*>(std::align(alignment, n * sizeof(double), start, space));
   size_ = n;
 }
@@ -159,9 +161,12 @@ LaneRunner::View LaneRunner::view(const Input& input, const Lanes& lanes, const 
     return {sources.ran + k * sources.stride, lanes.point, lanes.points, sources.points, 1};
   case From::column:
     return {sources.columns[k], lanes.row, lanes.rows, sources.rows, lanes.repeat};
-  case From::observation:
-    return {sources.observation + k * sources.observation_stride - sources.first, lanes.row, lanes.rows,
+  case From::distinct:
+  case From::observation: {
+    const double* const results = input.from == From::distinct ? sources.distinct : sources.observation;
+    return {results + k * sources.observation_stride - sources.first, lanes.row, lanes.rows,
             sources.first + sources.observation_stride, lanes.repeat};
+  }
   case From::point:
     return {sources.point + k * sources.point_stride, lanes.point, lanes.points, sources.point_stride, 1};
   case From::state:
@@ -228,8 +233,9 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
   const auto in_place = [&](Lanes::Run run, std::int64_t first, std::int64_t length) {
     return run == Lanes::Run::same || (run == Lanes::Run::ascending && first + lanes.padded <= length);
   };
-  const std::int64_t last_row = std::min(
-      sources.rows, sources.observation == nullptr ? sources.rows : sources.first + sources.observation_stride);
+  const bool per_record = sources.observation != nullptr || sources.distinct != nullptr;
+  const std::int64_t last_row =
+      std::min(sources.rows, per_record ? sources.first + sources.observation_stride : sources.rows);
   const std::int64_t last_point =
       std::min(sources.points, sources.point == nullptr ? sources.points : sources.point_stride);
   const std::int64_t offset[] = {0, row, point, 0};

@@ -42,6 +42,8 @@ std::string input_text(const CMPGLOBAL& gcmp, const Program& program, const Inpu
     return c.result < 0 ? gcmp.at(gcmp.graph.node(c.node).index).name
                         : std::string("data result ") + std::to_string(c.result);
   }
+  case From::distinct:
+    return std::string("result ") + k + " of the values";
   case From::observation:
     return std::string("observation result ") + k;
   case From::point:
@@ -72,9 +74,12 @@ std::string derivative_name(const CMPSYM& object, const CMPSYM& variable)
 
 void append_stage(std::string& out, const CMPGLOBAL& gcmp, const Program& program, Stage stage)
 {
-  static constexpr const char* names[] = {"parameter stage: once per parameter vector", "data stage: once per data set",
+  static constexpr const char* names[] = {"parameter stage: once per parameter vector",
+                                          "data stage: once per data set",
+                                          "values stage: once per value of a variable and parameter vector",
                                           "observation stage: once per observation and parameter vector",
-                                          "point stage: once per point", "lane stage: per observation and point"};
+                                          "point stage: once per point",
+                                          "lane stage: per observation and point"};
   const StageCode& code = program.code(stage);
   if (code.empty()) return;
   out += std::string("  ") + std::string(names[static_cast<std::size_t>(stage)]) + " (" +

@@ -52,6 +52,7 @@ void Dependence::clear()
 {
   classes_.clear();
   smooth_.clear();
+  column_.clear();
   variable_.clear();
   words_ = 0;
 }
@@ -69,6 +70,7 @@ void Dependence::extend()
   const auto covered = static_cast<NodeId>(classes_.size());
   if (covered == g.size()) return;
   classes_.resize(static_cast<std::size_t>(g.size()), 0);
+  column_.resize(static_cast<std::size_t>(g.size()), no_node);
   smooth_.resize(static_cast<std::size_t>(g.size()) * words_, 0);
   for (NodeId id = covered; id < g.size(); ++id) update(id);
   // Carries look forward to their next values: repeat what stands behind a carry until nothing grows.
@@ -100,8 +102,12 @@ bool Dependence::update(NodeId id)
   const std::uint8_t classes_before = classes;
   std::uint64_t* const own = smooth(id);
   bool grown = false;
+  NodeId column =
+      n.kind == NodeKind::constant || n.kind == NodeKind::symbol || n.kind == NodeKind::kernel ? no_node : several;
   const auto join = [&](NodeId from, bool with_derivative) {
     if (from == no_node) return;
+    const NodeId other_column = column_[static_cast<std::size_t>(from)];
+    column = column == no_node || column == other_column ? other_column : other_column == no_node ? column : several;
     classes = static_cast<std::uint8_t>(classes | classes_[static_cast<std::size_t>(from)]);
     if (!with_derivative) return;
     const std::uint64_t* const other = smooth(from);
@@ -122,8 +128,10 @@ bool Dependence::update(NodeId id)
       classes |= depends::on_parameters;
     else if (s.random_effect >= 0)
       classes |= depends::on_random_effects;
-    else if (s.dsvarno > 0)
+    else if (s.dsvarno > 0) {
       classes |= depends::on_data;
+      column = s.type == 'c' ? several : id;
+    }
     const std::size_t at = static_cast<std::size_t>(n.index);
     if (at < variable_.size() && variable_[at] >= 0) {
       const auto bit = static_cast<std::size_t>(variable_[at]);
@@ -155,6 +163,7 @@ bool Dependence::update(NodeId id)
   }
   }
   classes_[static_cast<std::size_t>(id)] = classes;
+  column_[static_cast<std::size_t>(id)] = column;
   return grown || classes != classes_before;
 }
 
@@ -162,6 +171,12 @@ std::uint8_t Dependence::classes(NodeId id)
 {
   extend();
   return classes_[static_cast<std::size_t>(id)];
+}
+
+NodeId Dependence::only_column(NodeId id)
+{
+  extend();
+  return std::max(column_[static_cast<std::size_t>(id)], no_node);
 }
 
 bool Dependence::varies_with(NodeId id, std::int32_t symbol_index)

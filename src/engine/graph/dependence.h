@@ -19,8 +19,9 @@ inline constexpr std::uint8_t on_history = 8; // a value of the record before ta
 } // namespace depends
 
 // Stages of a program: what a value depends on decides how often it is computed.
-enum class Stage : std::uint8_t { parameter, data, observation, point, lane };
-inline constexpr int stages = 5;
+// `distinct` is the observations' work that goes by one column alone: once for each value that the column has.
+enum class Stage : std::uint8_t { parameter, data, distinct, observation, point, lane };
+inline constexpr int stages = 6;
 Stage stage_of_classes(std::uint8_t classes);
 
 class Dependence {
@@ -29,7 +30,9 @@ public:
 
   // Classes of inputs behind a node, masks and loop conditions included.
   std::uint8_t classes(NodeId id);
-  Stage stage(NodeId id) { return stage_of_classes(classes(id)); }
+  Stage stage(NodeId id) { return stage_of_classes(classes(id)); } // never `distinct`: programs choose what is
+  // The numeric data variable, as a node, through which alone a node depends on data; no_node: on none, or on others.
+  NodeId only_column(NodeId id);
   // True for a division whose divisor depends on parameters or random effects but is computed less often than the
   // quotient: programs multiply by its inverse, which is computed as rarely. (By a number or a data value the quotient
   // is exact: programs compare such quotients.)
@@ -53,6 +56,8 @@ private:
   std::vector<std::int32_t> variable_; // per symbol: its bit among the parameters and random effects, or -1
   std::vector<std::uint8_t> classes_;  // per node
   std::vector<std::uint64_t> smooth_;  // per node `words_` words
+  static constexpr NodeId several = -2;
+  std::vector<NodeId> column_; // per node: its only column, no_node or `several`
 };
 
 // True for operands of a kernel through which no derivative passes: masks, comparisons, roundings, selectors.

@@ -27,11 +27,14 @@ void entries(const Program& program, std::set<NodeId>& found)
 
 Predictor cmppredictor(CMPGLOBAL& gcmp, std::span<const Program* const> programs)
 {
-  std::set<NodeId> found;
+  std::set<NodeId> found, tabulated; // what is tabulated by the values of a column is not moved by the record
   for (const Program* const p : programs) {
     if (p->sequential()) return {};
     entries(*p, found);
+    const auto& results = p->code(Stage::distinct).results;
+    tabulated.insert(results.begin(), results.end());
   }
+  found.insert(tabulated.begin(), tabulated.end());
   std::map<std::int32_t, std::set<NodeId>> ways; // per parameter's symbol
   for (const NodeId id : found) {
     NodeId way = id;
@@ -42,7 +45,8 @@ Predictor cmppredictor(CMPGLOBAL& gcmp, std::span<const Program* const> programs
   }
   std::map<NodeId, std::vector<CMPSYM*>> alone;
   for (const auto& [symbol, nodes] : ways)
-    if (nodes.size() == 1 && gcmp.dependence.stage(*nodes.begin()) == Stage::observation)
+    if (nodes.size() == 1 && tabulated.count(*nodes.begin()) == 0 &&
+        gcmp.dependence.stage(*nodes.begin()) == Stage::observation)
       alone[*nodes.begin()].push_back(&gcmp.at(symbol));
   const auto most = std::max_element(alone.begin(), alone.end(),
                                      [](const auto& a, const auto& b) { return a.second.size() < b.second.size(); });

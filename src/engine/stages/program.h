@@ -1,9 +1,10 @@
 #pragma once
-// Program: a part of the graph made ready to run: five stages, each a straight list of steps over registers.
+// Program: a part of the graph made ready to run: six stages, each a straight list of steps over registers.
 //
 // A stage is run over its own set of lanes: `parameter` once per parameter vector (one lane), `data` over the records
-// of a BY group, `observation` over the records of a range, `point` over the points, `lane` over the lanes of a tile.
-// What a later stage needs of an earlier one is an array of that stage's results, read by the lane's record or point.
+// of a BY group, `distinct` over the values that one column has, `observation` over the records of a range, `point`
+// over the points, `lane` over the lanes of a tile. What a later stage needs of an earlier one is an array of that
+// stage's results, read by the lane's record or point.
 
 #include "engine/graph/compiler.h"
 #include "engine/stages/native_stage.h"
@@ -39,6 +40,7 @@ struct Input {
     parameter_value, // theta[index]
     random_effect,   // effect `index` at the lane's point
     column,          // Program::columns[index] at the lane's record
+    distinct,        // result `index` of the stage of a column's values, at the lane's record
     observation,     // result `index` of the observation stage at the lane's record
     point,           // result `index` of the point stage at the lane's point
     state,           // kept value `index` of the lane's slot
@@ -47,7 +49,10 @@ struct Input {
   } from = From::column;
   std::int32_t index = 0;
   bool by_point() const { return from == From::point || from == From::random_effect; }
-  bool by_row() const { return from == From::column || from == From::observation || from == From::row_number; }
+  bool by_row() const
+  {
+    return from == From::column || from == From::distinct || from == From::observation || from == From::row_number;
+  }
   bool same_in_all_lanes() const { return from == From::parameter_value || from == From::missing; }
 };
 
@@ -92,6 +97,7 @@ public:
   std::vector<std::int32_t> data_kept; // the same in the data stage: next values are its last results
   std::vector<Column> columns;         // what stages read of the data
   int computed_columns = 0;            // data results before the next values
+  std::int32_t counted = -1;           // symbol of the data variable whose values the stage `distinct` is run over
   int nodes = 0;                       // distinct nodes behind the outputs
   std::int64_t nodes_before = 0;       // the same without sharing
   bool sequential() const { return !kept.empty(); }

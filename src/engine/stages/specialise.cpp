@@ -1,29 +1,37 @@
 // cmpspec: a program for a set of outputs. The lane stage asks for what it needs of the other stages, these ask in
 // turn; each is then put into steps (stage_emitter).
 
+#include "engine/stages/node_table.h"
 #include "engine/stages/stage_emitter.h"
 
 #include <algorithm>
-#include <set>
+#include <map>
 
 namespace torvale::engine {
 
 namespace {
 
-// Nodes behind the outputs, and how many there would be if nothing were shared.
-void measure(const GraphBuilder& graph, const std::vector<NodeId>& outputs, Program& program)
+// Nodes behind the outputs, ascending.
+std::vector<NodeId> nodes_behind(const GraphBuilder& graph, const std::vector<NodeId>& outputs)
 {
-  std::vector<double> tree(static_cast<std::size_t>(graph.size()), 0.0);
-  std::set<NodeId> reached;
+  NodeSet reached;
   std::vector<NodeId> open(outputs.begin(), outputs.end());
   while (!open.empty()) {
     const NodeId id = open.back();
     open.pop_back();
-    if (!reached.insert(id).second) continue;
+    if (!reached.insert(id)) continue;
     const Node& n = graph.node(id);
     for (int k = 0; k < n.operands; ++k) open.push_back(n.operand[static_cast<std::size_t>(k)]);
     if (n.kind == NodeKind::result) open.push_back(graph.carry_at(n.index).next);
   }
+  return reached.ascending();
+}
+
+// How many there are, and how many there would be if nothing were shared.
+void measure(const GraphBuilder& graph, const std::vector<NodeId>& reached, const std::vector<NodeId>& outputs,
+             Program& program)
+{
+  std::vector<double> tree(static_cast<std::size_t>(graph.size()), 0.0);
   for (const NodeId id : reached) {
     const Node& n = graph.node(id);
     double sum = 1.0;
@@ -34,6 +42,13 @@ void measure(const GraphBuilder& graph, const std::vector<NodeId>& outputs, Prog
   for (const NodeId id : outputs) total += tree[static_cast<std::size_t>(id)];
   program.nodes = static_cast<int>(reached.size());
   program.nodes_before = static_cast<std::int64_t>(std::min(total, 2e9));
+}
+
+// Tens of instructions, and more.
+bool is_costly(Kernel k)
+{
+  return k == Kernel::compartment_response || (k >= Kernel::gamma && k <= Kernel::comb) ||
+         (k >= Kernel::gamma_lower && k <= Kernel::negative_binomial_quantile);
 }
 
 // An instruction or two in machine code.
@@ -77,6 +92,34 @@ int Specialiser::plain_operations(NodeId id)
   return plain_[id] = std::min(sum, other);
 }
 
+void Specialiser::choose_counted(const std::vector<NodeId>& nodes)
+{
+  std::map<NodeId, int> costly; // by column
+  for (const NodeId id : nodes) {
+    const Node& n = graph_.node(id);
+    if (n.kind != NodeKind::kernel || !is_costly(n.kernel) || gcmp_.dependence.stage(id) != Stage::observation)
+      continue;
+    if (const NodeId column = gcmp_.dependence.only_column(id); column != no_node) ++costly[column];
+  }
+  int most = 0;
+  for (const auto& [column, count] : costly) {
+    if (count <= most) continue;
+    most = count;
+    counted_ = column;
+    program_.counted = graph_.node(column).index;
+  }
+}
+
+bool Specialiser::costs(NodeId id)
+{
+  const Node& n = graph_.node(id);
+  if (n.kind != NodeKind::kernel || gcmp_.dependence.stage(id) != Stage::observation) return false;
+  if (const auto known = costs_.find(id); known != costs_.end()) return known->second;
+  bool found = is_costly(n.kernel);
+  for (int k = 0; k < n.operands && !found; ++k) found = costs(n.operand[static_cast<std::size_t>(k)]);
+  return costs_[id] = found;
+}
+
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
 {
   gcmp.translate();
@@ -93,7 +136,8 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
     program.point_dependent.push_back((classes & depends::on_random_effects) != 0);
   }
   program.outputs = static_cast<int>(nodes.size());
-  measure(gcmp.graph, nodes, program);
+  const std::vector<NodeId> behind = nodes_behind(gcmp.graph, nodes);
+  measure(gcmp.graph, behind, nodes, program);
   for (std::size_t k = 0; k < gcmp.effects.size(); ++k) {
     const Effect& e = gcmp.effects[k];
     if (!e.fatal() || gcmp.graph.is_constant(e.guard, 0.0)) continue;
@@ -103,7 +147,8 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
   program.code(Stage::lane).results = nodes;
   program.code(Stage::lane).outputs = program.outputs;
   Specialiser all(gcmp, program);
-  for (const Stage s : {Stage::lane, Stage::point, Stage::observation}) emit_stage(all, s);
+  all.choose_counted(behind);
+  for (const Stage s : {Stage::lane, Stage::point, Stage::observation, Stage::distinct}) emit_stage(all, s);
   program.computed_columns = static_cast<int>(program.code(Stage::data).results.size());
   emit_stage(all, Stage::data);
   emit_stage(all, Stage::parameter);
@@ -128,6 +173,7 @@ ProgramSize program_size(const Program& program)
   size.nodes = program.nodes;
   size.parameter = program.code(Stage::parameter).operations;
   size.data = program.code(Stage::data).operations;
+  size.distinct = program.code(Stage::distinct).operations;
   size.observation = program.code(Stage::observation).operations;
   size.point = program.code(Stage::point).operations;
   size.lane = program.code(Stage::lane).operations;

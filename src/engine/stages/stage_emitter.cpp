@@ -3,11 +3,14 @@
 
 #include "engine/stages/stage_emitter.h"
 
+#include "engine/stages/node_table.h"
 #include "engine/stages/shared_forms.h"
+#include "engine/stages/step_registers.h"
 
 #include <algorithm>
 #include <map>
 #include <set>
+#include <span>
 
 namespace torvale::engine {
 
@@ -35,17 +38,16 @@ public:
     count_uses();
     choose_fusions();
     gather_loop_operands();
-    for (std::size_t k = 0; k < code_.results.size(); ++k)
-      keeps_[code_.results[k]].push_back(static_cast<std::int32_t>(k));
+    list_keeps();
     region(0, code_.results);
     finish_keeps();
-    allocate();
+    share_registers(code_, alias_);
   }
 
 private:
-  struct Shape { // a node as it will be computed: perhaps two operations in one
+  struct Shape { // a node as it will be computed: perhaps two operations in one. Until the graph grows
     Kernel kernel;
-    std::vector<NodeId> operands;
+    std::span<const NodeId> operands;
   };
 
   // --- what is needed ---
@@ -59,7 +61,7 @@ private:
 
   void need(NodeId id)
   {
-    if (id != no_node && needed_.insert(id).second) open_.push_back(id);
+    if (id != no_node && needed_.insert(id)) open_.push_back(id);
   }
 
   void work_off()
@@ -102,11 +104,11 @@ private:
   void invert_divisors()
   {
     std::vector<NodeId> divisions;
-    for (const NodeId id : needed_)
+    for (const NodeId id : needed_.ascending())
       if (!is_leaf(id) && all_.gcmp_.dependence.divides_by_inverse(id)) divisions.push_back(id);
     for (const NodeId id : divisions) {
       const NodeId inverse = graph_.reciprocal(graph_.operand(id, 1));
-      shape_[id] = {Kernel::multiply, {graph_.operand(id, 0), inverse}};
+      compute_as(id, Kernel::multiply, {graph_.operand(id, 0), inverse});
       need(inverse);
     }
     work_off();
@@ -117,7 +119,7 @@ private:
   void share_forms()
   {
     std::vector<NodeId> found;
-    for (const NodeId id : needed_) {
+    for (const NodeId id : needed_.ascending()) {
       const Node& n = graph_.node(id);
       if (!is_leaf(id) &&
           (is_kernel(n, Kernel::logistic) || is_kernel(n, Kernel::softplus) || is_kernel(n, Kernel::exp)))
@@ -125,15 +127,16 @@ private:
     }
     const GraphBuilder::Derivative plain(graph_);
     SharedForms forms(
-        graph_, [&](NodeId id) { return needed_.count(id) > 0; }, [&](NodeId id) { return all_.stage_of(id, stage_); });
+        graph_, [&](NodeId id) { return needed_.has(id); }, [&](NodeId id) { return all_.stage_of(id, stage_); });
     for (const NodeId id : found) {
       StepForm form;
       if (!is_kernel(graph_.node(id), Kernel::exp))
         form = forms.logistic(id);
       else if (!forms.exponential(id, form))
         continue;
-      shape_[id] = {form.kernel, form.operands};
+      compute_as(id, form.kernel, form.operands);
     }
+    if (found.empty()) return;
     needed_.clear();
     carries_.clear();
     for (const NodeId id : code_.results) need(id);
@@ -142,7 +145,7 @@ private:
 
   void count_uses()
   {
-    for (const NodeId id : needed_) {
+    for (const NodeId id : needed_.members()) {
       if (is_leaf(id)) continue;
       for (const NodeId operand : shape(id).operands) ++uses_[operand];
     }
@@ -157,9 +160,10 @@ private:
   // --- two operations in one ---
   void choose_fusions()
   {
-    for (const NodeId id : needed_) {
+    const NodeId zero = graph_.zero();
+    for (const NodeId id : needed_.members()) {
       if (is_leaf(id)) continue;
-      const Node n = graph_.node(id);
+      const Node& n = graph_.node(id);
       if (n.kind != NodeKind::kernel) continue;
       const auto private_product = [&](NodeId m) {
         const Node& x = graph_.node(m);
@@ -168,7 +172,7 @@ private:
       };
       const NodeId a = n.operand[0], b = n.operand[1];
       const auto fuse = [&](Kernel k, NodeId product, NodeId other) {
-        shape_[id] = {k, {graph_.operand(product, 0), graph_.operand(product, 1), other}};
+        compute_as(id, k, {graph_.operand(product, 0), graph_.operand(product, 1), other});
         swallowed_.insert(product);
       };
       if (n.kernel == Kernel::add && private_product(a))
@@ -180,13 +184,13 @@ private:
       else if (n.kernel == Kernel::subtract && private_product(b))
         fuse(Kernel::subtract_product, b, a);
       else if (n.kernel == Kernel::negate && private_product(a))
-        fuse(Kernel::subtract_product, a, graph_.zero());
+        fuse(Kernel::subtract_product, a, zero);
       else if (n.kernel == Kernel::select && graph_.is_constant(n.operand[2], 0.0))
-        shape_[id] = {Kernel::select_or_zero, {a, b}};
+        compute_as(id, Kernel::select_or_zero, {a, b});
       else if (n.kernel == Kernel::and_ && private_negation(b, id))
-        shape_[id] = {Kernel::and_not, {a, graph_.operand(b, 0)}};
+        compute_as(id, Kernel::and_not, {a, graph_.operand(b, 0)});
       else if (n.kernel == Kernel::and_ && private_negation(a, id))
-        shape_[id] = {Kernel::and_not, {b, graph_.operand(a, 0)}};
+        compute_as(id, Kernel::and_not, {b, graph_.operand(a, 0)});
     }
   }
 
@@ -199,9 +203,25 @@ private:
 
   Shape shape(NodeId id)
   {
-    if (const auto it = shape_.find(id); it != shape_.end()) return it->second;
+    if (const std::int32_t other = computed_as_.get(id); other >= 0) {
+      const Step& s = other_forms_[static_cast<std::size_t>(other)];
+      return {s.kernel, {s.in.data(), static_cast<std::size_t>(s.operands)}};
+    }
     const Node& n = graph_.node(id);
-    return {n.kernel, std::vector<NodeId>(n.operand.begin(), n.operand.begin() + n.operands)};
+    return {n.kernel, {n.operand.data(), static_cast<std::size_t>(n.operands)}};
+  }
+
+  void compute_as(NodeId id, Kernel kernel, std::span<const NodeId> operands)
+  {
+    Step s;
+    s.kernel = kernel;
+    for (const NodeId operand : operands) s.in[static_cast<std::size_t>(s.operands++)] = operand;
+    computed_as_[id] = static_cast<std::int32_t>(other_forms_.size());
+    other_forms_.push_back(s);
+  }
+  void compute_as(NodeId id, Kernel kernel, std::initializer_list<NodeId> operands)
+  {
+    compute_as(id, kernel, std::span<const NodeId>(operands.begin(), operands.size()));
   }
 
   // --- order ---
@@ -212,9 +232,9 @@ private:
       for (; loop != 0 && !all_.loops_.within(all_.loops_.loop_of(from), loop); loop = graph_.loop_at(loop).parent)
         outer_[loop].push_back(from);
     };
-    for (const NodeId id : needed_) {
+    for (const NodeId id : needed_.ascending()) {
       const std::int32_t loop = all_.loops_.loop_of(id);
-      if (loop == 0 || is_leaf(id) || swallowed_.count(id) > 0) continue;
+      if (loop == 0 || is_leaf(id) || swallowed_.has(id)) continue;
       for (const NodeId operand : shape(id).operands) outside(operand, loop);
     }
     for (const auto& [loop, carries] : carries_)
@@ -224,7 +244,7 @@ private:
       }
   }
 
-  std::vector<NodeId> before(NodeId id)
+  std::span<const NodeId> before(NodeId id)
   {
     if (is_leaf(id)) return {};
     const Node& n = graph_.node(id);
@@ -238,29 +258,29 @@ private:
   {
     struct Visit {
       NodeId id;
-      std::vector<NodeId> operands;
+      std::span<const NodeId> operands;
       std::size_t next = 0;
     };
     std::vector<Visit> path;
     for (const NodeId root : roots) {
-      if (done_.count(root) == 0) path.push_back({root, before(root), 0});
+      if (!done_.has(root)) path.push_back({root, before(root), 0});
       while (!path.empty()) {
         Visit& v = path.back();
         if (v.next < v.operands.size()) {
           const NodeId operand = v.operands[v.next++];
-          if (done_.count(operand) == 0) path.push_back({operand, before(operand), 0});
+          if (!done_.has(operand)) path.push_back({operand, before(operand), 0});
           continue;
         }
         const NodeId id = v.id;
         path.pop_back();
-        if (done_.insert(id).second) emit(id, loop);
+        if (done_.insert(id)) emit(id, loop);
       }
     }
   }
 
   void emit(NodeId id, std::int32_t loop)
   {
-    const Node n = graph_.node(id);
+    const Node& n = graph_.node(id);
     if (n.kind == NodeKind::carry && graph_.carry_at(n.index).loop != 0) return; // its register is set by the loop
     if (n.kind == NodeKind::constant || (is_leaf(id) && n.kind != NodeKind::carry &&
                                          all_.stage_of(id, stage_) == Stage::parameter && stage_ != Stage::parameter)) {
@@ -315,6 +335,8 @@ private:
     switch (all_.stage_of(id, stage_)) {
     case Stage::data:
       return {From::column, all_.column(id)};
+    case Stage::distinct:
+      return {From::distinct, all_.ask(Stage::distinct, id)};
     case Stage::observation:
       return {From::observation, all_.ask(Stage::observation, id)};
     case Stage::point:
@@ -372,6 +394,16 @@ private:
   }
 
   // --- results ---
+  void list_keeps()
+  {
+    next_keep_.assign(code_.results.size(), -1);
+    for (std::size_t k = code_.results.size(); k-- > 0;) {
+      std::int32_t& first = first_keep_[code_.results[k]];
+      next_keep_[k] = first;
+      first = static_cast<std::int32_t>(k);
+    }
+  }
+
   void keep_step(std::int32_t result, NodeId id)
   {
     Step s;
@@ -388,9 +420,7 @@ private:
   // again; next values at the end, when the values they replace have been read.
   void keep_now(NodeId id)
   {
-    const auto it = keeps_.find(id);
-    if (it == keeps_.end()) return;
-    for (const std::int32_t result : it->second)
+    for (std::int32_t result = first_keep_.get(id); result >= 0; result = next_keep_[static_cast<std::size_t>(result)])
       if (static_cast<std::size_t>(result) < first_next_) keep_step(result, id);
   }
 
@@ -400,101 +430,30 @@ private:
       keep_step(static_cast<std::int32_t>(k), code_.results[k]);
   }
 
-  // --- registers ---
-  NodeId real(NodeId id)
+  // The node in whose register a value is: that of a loop's result is the loop's carry.
+  NodeId real(NodeId id) const
   {
     const auto it = alias_.find(id);
     return it == alias_.end() ? id : it->second;
-  }
-
-  // All register fields that a step reads.
-  template <class F> void for_operands(Step& s, F f)
-  {
-    for (int j = 0; j < s.operands; ++j) f(s.in[static_cast<std::size_t>(j)]);
-  }
-  static bool writes(const Step& s)
-  {
-    return s.kind != Step::Kind::keep && s.kind != Step::Kind::output && s.kind != Step::Kind::loop_begin &&
-           s.kind != Step::Kind::loop_end;
-  }
-
-  void allocate()
-  {
-    const int steps = static_cast<int>(code_.steps.size());
-    std::unordered_map<NodeId, int> reg, last, first;
-    int count = 0;
-    for (Fixed& f : code_.fixed) {
-      reg[f.reg] = count;
-      f.reg = count++;
-    }
-    // What depends on the point alone keeps its register too: as long as the
-    // lanes stand for the same points, it is not fetched again.
-    for (const Step& s : code_.steps)
-      if (s.kind == Step::Kind::load && code_.inputs[static_cast<std::size_t>(s.index)].by_point())
-        reg[s.out] = count++;
-    // Loops as intervals of steps.
-    std::vector<std::pair<int, int>> loops;
-    for (int k = 0; k < steps; ++k)
-      if (code_.steps[static_cast<std::size_t>(k)].kind == Step::Kind::loop_begin)
-        loops.emplace_back(k, code_.steps[static_cast<std::size_t>(k)].index - 1);
-    const auto lives_until = [&](NodeId id, int k) {
-      int until = k;
-      for (const auto& [begin, end] : loops)
-        if (begin <= k && k <= end && first.count(id) > 0 && first[id] < begin) until = std::max(until, end);
-      const auto known = last.emplace(id, until);
-      known.first->second = std::max(known.first->second, until);
-    };
-    for (int k = 0; k < steps; ++k) {
-      Step& s = code_.steps[static_cast<std::size_t>(k)];
-      for_operands(s, [&](std::int32_t& in) {
-        in = real(in);
-        lives_until(in, k);
-      });
-      if (!writes(s)) continue;
-      first.emplace(s.out, k);
-      lives_until(s.out, k); // a carry is written at the end of a pass and read
-                             // by the next one
-    }
-    std::vector<int> free;
-    std::multimap<int, NodeId> ending;
-    for (int k = 0; k < steps; ++k) {
-      Step& s = code_.steps[static_cast<std::size_t>(k)];
-      for_operands(s, [&](std::int32_t& in) { in = reg.at(in); });
-      // Operands that end here give their registers to the result: steps may
-      // write over what they read.
-      for (auto it = ending.begin(); it != ending.end() && it->first <= k; it = ending.erase(it))
-        free.push_back(reg.at(it->second));
-      if (!writes(s)) continue;
-      const NodeId id = s.out;
-      if (reg.count(id) == 0) {
-        if (free.empty()) {
-          reg[id] = count++;
-        } else {
-          reg[id] = free.back();
-          free.pop_back();
-        }
-        ending.emplace(last.at(id), id);
-      }
-      s.out = reg.at(id);
-    }
-    code_.registers = count;
   }
 
   Specialiser& all_;
   GraphBuilder& graph_;
   Stage stage_;
   StageCode& code_;
-  std::set<NodeId> needed_;
+  NodeSet needed_;
   std::vector<NodeId> open_;
   std::map<std::int32_t, std::set<std::int32_t>> carries_; // needed carries by loop
-  std::unordered_map<NodeId, int> uses_;
-  std::unordered_map<NodeId, Shape> shape_;
-  std::set<NodeId> swallowed_;
+  NodeTable<int> uses_{0};
+  NodeTable<std::int32_t> computed_as_{-1}; // place in the next list of a form other than the node's own
+  std::vector<Step> other_forms_;           // kernel and operands (nodes)
+  NodeSet swallowed_;
   std::map<std::int32_t, std::vector<NodeId>> outer_;
-  std::set<NodeId> done_;
+  NodeSet done_;
   std::set<std::int32_t> emitted_loops_;
   std::unordered_map<NodeId, NodeId> alias_;
-  std::unordered_map<NodeId, std::vector<std::int32_t>> keeps_;
+  NodeTable<std::int32_t> first_keep_{-1}; // first result that a node is
+  std::vector<std::int32_t> next_keep_;    // per result: the next one of the same node; -1: none
   std::size_t first_next_ = 0;
   NodeId temporaries_ = -1;
 };

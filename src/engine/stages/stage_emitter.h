@@ -13,13 +13,20 @@ class Specialiser {
 public:
   Specialiser(CMPGLOBAL& gcmp, Program& program) : gcmp_(gcmp), graph_(gcmp.graph), program_(program) {}
 
-  // Where a node is computed, as a stage sees it. What follows from data columns by a few plain operations is no column of its
-  // own: it is computed with the observations, but for the data stage itself.
+  // Of the data variables that alone go into costly functions of parameters (log gamma of counts, say), takes the one
+  // with the most: for these functions the stage `distinct` is made.
+  void choose_counted(const std::vector<NodeId>& nodes); // of the program
+
+  // Where a node is computed, as a stage sees it. What follows from data columns by a few plain operations is no column
+  // of its own: it is computed with the observations, or with the values, but for the data stage itself.
   Stage stage_of(NodeId id, Stage seen_from)
   {
-    const Stage stage = gcmp_.dependence.stage(id);
-    if (stage != Stage::data || seen_from == Stage::data || graph_.node(id).kind != NodeKind::kernel) return stage;
-    return plain_operations(id) <= most_plain_operations ? Stage::observation : stage;
+    Stage stage = gcmp_.dependence.stage(id);
+    if (stage == Stage::data && seen_from != Stage::data && graph_.node(id).kind == NodeKind::kernel &&
+        plain_operations(id) <= most_plain_operations)
+      stage = Stage::observation;
+    if (stage == Stage::observation && (seen_from == Stage::distinct || by_counted(id))) return Stage::distinct;
+    return stage;
   }
 
   std::int32_t ask(Stage s, NodeId id) // index of a result of a stage
@@ -47,9 +54,16 @@ public:
 
 private:
   static constexpr int most_plain_operations = 8;
+  bool by_counted(NodeId id)
+  {
+    return counted_ != no_node && gcmp_.dependence.only_column(id) == counted_ && costs(id);
+  }
+  bool costs(NodeId id);           // there is a costly function of parameters behind a node of the counted variable
   int plain_operations(NodeId id); // that make it of columns and constants; more than the most when there are others
 
   std::unordered_map<NodeId, int> plain_;
+  NodeId counted_ = no_node;
+  std::unordered_map<NodeId, bool> costs_;
   std::array<std::unordered_map<NodeId, std::int32_t>, stages> asked_;
   std::unordered_map<NodeId, std::int32_t> column_;
 };

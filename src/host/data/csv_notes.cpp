@@ -15,12 +15,14 @@ bool parse_iso_any(std::string_view text)
   return parse_iso(text, Moment::date) || parse_iso(text, Moment::time) || parse_iso(text, Moment::datetime);
 }
 
-// Digits in groups of three, as 1,234.5.
-bool grouped(std::string_view text, char group, char point)
+// Digits in groups of three, as 1,234.5 or -$1,234.5.
+bool grouped(std::string text, char group, char point)
 {
+  const std::size_t sign = text.starts_with('-') ? 1 : 0;
+  if (group == ',' && text.substr(sign, 1) == "$") text.erase(sign, 1);
   const std::size_t begin = text.find_first_of("0123456789");
   if (begin == std::string_view::npos || begin > 1 || (begin == 1 && text[0] != '-')) return false;
-  const std::string_view whole = text.substr(begin, text.find(point) - begin);
+  const std::string whole = text.substr(begin, text.find(point) - begin);
   const std::size_t lead = std::min(whole.find(group), whole.size());
   for (std::size_t i = lead; i < whole.size(); i += 4)
     if (i + 4 > whole.size() || whole[i] != group) return false;
@@ -68,7 +70,7 @@ bool CsvNotes::note_one_spelling(const FileColumn& column) const
 bool CsvNotes::note_readable(const FileColumn& column) const
 {
   std::string formats, shown;
-  for (const char* format : {"COMMA12.", "COMMAX12.", "PERCENT12.", "DATE11.", "DDMMYY10.", "MMDDYY10."}) {
+  for (const char* format : {"COMMA12.", "COMMAX12.", "PERCENT12.", "E12.", "DATE11.", "DDMMYY10.", "MMDDYY10."}) {
     bool all = true;
     std::size_t values = 0;
     for (const std::string& text : column.texts.dictionary()) {

@@ -243,6 +243,9 @@ private:
     if (std::all_of(node.operands.begin(), node.operands.end(), is_text) ||
         std::none_of(node.operands.begin(), node.operands.end(), is_text))
       return true;
+    for (const auto& operand : node.operands)
+      for (const auto& other : node.operands)
+        if (!same_moment(*operand, *other)) return false;
     for (auto& operand : node.operands) {
       if (!operand->character) continue;
       if (operand->kind == Kind::text && wzmis(spelled_number(operand->text)) && !stripped(operand->text).empty())
@@ -254,6 +257,21 @@ private:
       operand = std::move(wrapped);
     }
     return true;
+  }
+
+  // A date is a number of days, a time or a date with a time one of seconds: a text of the other kind compares the same
+  // with every row.
+  bool same_moment(const Node& variable, const Node& text)
+  {
+    if (variable.kind != Kind::column || variable.character || text.kind != Kind::text) return true;
+    const Moment own = data_.columns()[variable.column].moment(), spelled = iso_moment(text.text);
+    const bool comparable = own == Moment::none || spelled == Moment::none || own == spelled;
+    if (comparable || !parse_iso(stripped(text.text), spelled)) return true;
+    const auto words = [](Moment m) {
+      return m == Moment::date ? "a date" : m == Moment::time ? "a time" : "a date with a time";
+    };
+    return refuse(variable.text + " is " + words(own) + ", and '" + text.text + "' spells " + words(spelled) +
+                  "; spell it as the column does");
   }
 
   const DataSet& data_;

@@ -26,7 +26,10 @@ private:
   {
     std::pmr::new_delete_resource()->deallocate(at, bytes, aligned(bytes, alignment));
   }
-  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override { return this == &other; }
+  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override
+  {
+    return this == &other;
+  }
 };
 
 } // namespace

@@ -371,6 +371,16 @@ std::string format_text(std::string_view text, const ValueFormat& format)
   return padded_right(out, static_cast<std::size_t>(format.width));
 }
 
+namespace {
+
+// The exponent of numbers that older programs write: 1.5D+02.
+bool is_letter_d(char c)
+{
+  return c == 'D' || c == 'd';
+}
+
+} // namespace
+
 double read_value(std::string_view text, const ValueFormat& format)
 {
   std::string spelled(stripped(text));
@@ -383,7 +393,12 @@ double read_value(std::string_view text, const ValueFormat& format)
     return format.width == 16 ? std::bit_cast<double>(bits) : static_cast<double>(bits);
   }
   double scale = 1.0;
-  if (format.kind == Kind::comma) std::erase(spelled, ',');
+  if (format.kind == Kind::comma) {
+    const std::size_t sign = spelled.starts_with('-') ? 1 : 0;
+    if (spelled.substr(sign, 1) == "$") spelled.erase(sign, 1);
+    std::erase(spelled, ',');
+  }
+  if (format.kind == Kind::exponent) std::replace_if(spelled.begin(), spelled.end(), is_letter_d, 'E');
   if (format.kind == Kind::comma_point) {
     std::erase(spelled, '.');
     std::replace(spelled.begin(), spelled.end(), ',', '.');

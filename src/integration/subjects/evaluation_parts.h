@@ -93,7 +93,7 @@ int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
 // sum_at_modes: the same together with what the search for modes reads, for modes::AtModes; where the mode is the only point
 // (closes_point) sum_points finds there what it needs.
-int sum_at_modes(const model::NX& n, model::TVLThreadCtx& ctx, int active);
+int sum_at_modes(const model::NX& n, model::TVLThreadCtx& ctx, int active, int column);
 inline bool closes_point(const model::NX& n)
 {
   return n.leaf().nqpr == 1 && n.method == 0 && n.programs.closing_point;

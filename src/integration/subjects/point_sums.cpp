@@ -479,7 +479,7 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
                              {program.code, program.outputs, b.curvature_sums.data(), b.mode_stride});
 }
 
-int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active)
+int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active, int column)
 {
   BatchWork& b = ctx.batch;
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
@@ -488,7 +488,7 @@ int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active)
   const model::ModelProgram& program = factored          ? n.programs.factored.closing
                                        : closes_point(n) ? n.programs.closing_point
                                                          : n.programs.closing;
-  evaluation::RecordSums sums{program.code, program.outputs, b.curvature_sums.data(), b.mode_stride};
+  evaluation::RecordSums sums{program.code, program.outputs, b.curvature_sums.data() + column, b.mode_stride};
   if (factored) sums.lanes = kept_lanes(b, n.programs.factored.mode_coefficients);
   const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, sums);
   if (rc == 0 && factored) take_mode_coefficients(n, b);

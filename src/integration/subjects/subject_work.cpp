@@ -37,7 +37,8 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   const long slots = static_cast<long>(b.subject.size()), nr = reff.nr, nrs = reff.nrs;
   const long priors = reff.setup_varies ? slots : 1;
   size_block(n, ctx.block);
-  b.mode_stride = (slots + 7) / 8 * 8;
+  constexpr long spare = 16; // for modes that a batch's evaluation of everything at the modes has just missed
+  b.mode_stride = (slots + 7) / 8 * 8 + spare;
   b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
   size(b.ran, nr * b.pair_stride);
   size(b.search, slots);

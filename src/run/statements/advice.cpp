@@ -169,6 +169,11 @@ void advise_on_response(NX& n)
   if (!support_of(n.disttype, support) || n.depsym == nullptr || n.depsym->assigned) return;
   const host::Column* column = n.fid->find(n.depname);
   if (column == nullptr || !column->numeric()) return;
+  const auto fits = [&](double y) {
+    return y >= support.low && y <= support.high && !(support.open && y == support.low);
+  };
+  const auto responses = column->numbers().subspan(n.rows.begin, n.rows.rows());
+  if (std::all_of(responses.begin(), responses.end(), [&](double y) { return fits(y) || std::isnan(y); })) return;
   std::set<double> values; // distinct ones that are no codes of missing values, at most three
   std::size_t outside = 0, first = 0;
   double code = host::missing; // of missing values, by its look
@@ -179,10 +184,9 @@ void advise_on_response(NX& n)
       code = y;
     else if (values.size() < 3)
       values.insert(y);
-    if (y >= support.low && y <= support.high && !(support.open && y == support.low)) continue;
+    if (fits(y)) continue;
     if (outside++ == 0) first = row;
   }
-  if (outside == 0) return;
   message::response_outside_support words{.name = n.depname, .value = column->number(first), .support = support.words};
   if (outside > 1) words.count = outside;
   if (n.disttype == 2 && values == std::set<double>{1, 2})
