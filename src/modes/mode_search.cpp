@@ -1,7 +1,6 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
-#include "host/messages/names/methods.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/search_rules.h"
@@ -177,13 +176,12 @@ private:
   }
 
   // A search that cannot go on: from a stored mode it begins again at the mean, else the slot fails.
-  void give_up(int slot)
+  void give_up(int slot, SearchEnd why = SearchEnd::steps)
   {
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
-                                        : message::mode_steps_used_up::message_number;
+    s.failure = failure_of(why, n_.leaf().sub_character);
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in this column of sums.
@@ -209,7 +207,7 @@ private:
   void shrink(int slot)
   {
     ModeSearch& s = search(slot);
-    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot);
+    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot, SearchEnd::shorter_steps);
     const double keep = s.substep < n_.ebsubstep ? n_.ebssfrac : 0.5;
     ++s.substep;
     s.state = ModeSearch::searching;
@@ -278,7 +276,7 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes
     if (n.ebopt && library_search(n, ctx, slot))
       by_library = true;
     else
-      ctx.batch.failure[at] = s.failure;
+      ctx.batch.failure[at] = n.ebopt ? failure_of(SearchEnd::library, n.leaf().sub_character) : s.failure;
   }
   return by_library && at_modes != nullptr ? search.close() : 0;
 }
