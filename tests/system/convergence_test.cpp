@@ -380,4 +380,39 @@ TEST(Convergence, MinimaOfThePointsAreNone)
   EXPECT_TRUE(given.said(503, 9420)) << given.log;
 }
 
+// One observation: its mean is known, its variance falls to the least that a normal response may have. No technique
+// calls that a minimum, and none says words that are for the makers.
+TEST(Convergence, OneObservation)
+{
+  for (const std::string technique : {"", "TRUREG", "NEWRAP", "CONGRA", "DBLDOG", "NMSIMP"}) {
+    const std::string head = technique.empty() ? "; PARMS b0=0" : " TECHNIQUE=" + technique + "; PARMS b0=0";
+    const auto exact = fit_data("y\n3\n", head + " s2=1; MODEL y ~ NORMAL(b0, s2); RUN;"),
+               mean = fit_data("y\n3\n", head + "; MODEL y ~ NORMAL(b0, 2); RUN;");
+    EXPECT_EQ(exact.outcome.exit_code, 5) << technique << exact.log;
+    EXPECT_EQ(mean.outcome.exit_code, 0) << technique << mean.log;
+    EXPECT_FALSE(exact.said(503, 360) || mean.said(503, 360)) << technique << exact.log << mean.log;
+  }
+}
+
+// A parameter that nothing depends on is told of once, by its own message.
+TEST(Convergence, UnusedParameterIsToldOnce)
+{
+  const std::string csv = "x,y\n1,2\n2,3\n3,5\n4,4\n", model = "MODEL y ~ POISSON(EXP(b0 + b1*x)); RUN;";
+  const auto unused = fit_data(csv, "; PARMS b0=0 b1=0 c=1; " + model);
+  EXPECT_EQ(unused.outcome.exit_code, 6) << unused.log;
+  EXPECT_TRUE(unused.said(503, 9331)) << unused.log;
+  EXPECT_FALSE(unused.said(503, 271)) << unused.log;
+  const auto both = fit_data(csv, "; PARMS b0=0 b1=0 b2=0 c=1; MODEL y ~ POISSON(EXP(b0 + b2 + b1*x)); RUN;");
+  EXPECT_TRUE(both.said(503, 9331) && both.said(503, 271)) << both.log;
+  EXPECT_NE(both.log.find("(1)"), std::string::npos) << both.log;
+}
+
+// The limit that a warning names is that of the program, however much longer the fit went on.
+TEST(Convergence, LimitsAreTheProgramsOwn)
+{
+  const auto run = run_text("TORVALE DATA=sleepstudy MAXITER=2; PARMS b0=0 b1=0 s2u=1 s2=1;" + intercepts);
+  EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
+  EXPECT_NE(run.log.find("MAXITER=2 "), std::string::npos) << run.log;
+}
+
 } // namespace torvale::tests

@@ -102,6 +102,8 @@ bool FitEnd::sharpen()
 int FitEnd::run()
 {
   MINSTR& str = *n_.str;
+  maxiter_ = str.maxi;
+  maxfunc_ = str.maxf;
   start_.assign(str.x, str.x + n_.nparm);
   int code = run_technique();
   if (n_.nparm == 0 || n_.noopt || n_.host->interrupted() || str.stop != 0) return code;
@@ -118,7 +120,6 @@ int FitEnd::run()
   }
   if (evaluated && (judgement_.measured || quickly_confirmed())) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
-  const double maxi = str.maxi, maxf = str.maxf;
   extend_default_limits(n_);
   settle(code);
   for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
@@ -130,8 +131,8 @@ int FitEnd::run()
     if (!stopped() && start_again()) settle(code);
   }
   code = finish(code);
-  str.maxi = maxi;
-  str.maxf = maxf;
+  str.maxi = maxiter_;
+  str.maxf = maxfunc_;
   if (str.nitr > iterations && 2.0 * (f_technique - f_) >= gain_allowed)
     n_.host->log().xpmlog(message::confirmation_lowered_objective{
         .iterations = static_cast<long>(str.nitr - iterations), .from = 2.0 * f_technique, .to = 2.0 * f_});

@@ -56,13 +56,14 @@ private:
   std::unique_ptr<FitCoordinates> coordinates_;
   Judgement judgement_;
   bool accurate_ = false;
-  bool falling_ = false;       // the last round of the trust region gained much
-  bool moved_ = false;         // the point is not the technique's own any more
-  std::vector<double> x_;      // the point
-  double f_ = 0.0;             // objective there
-  std::vector<double> g_;      // gradient by the parameters
-  std::vector<double> start_;  // starting values
-  std::vector<double> scales_; // of the technique's run
+  bool falling_ = false;                 // the last round of the trust region gained much
+  bool moved_ = false;                   // the point is not the technique's own any more
+  double maxiter_ = 0.0, maxfunc_ = 0.0; // limits before they were extended
+  std::vector<double> x_;                // the point
+  double f_ = 0.0;                       // objective there
+  std::vector<double> g_;                // gradient by the parameters
+  std::vector<double> start_;            // starting values
+  std::vector<double> scales_;           // of the technique's run
 };
 
 } // namespace torvale::solve

@@ -72,7 +72,7 @@ int FitEnd::finish(int code)
   else
     verdict.outcome = FitOutcome::not_minimum;
   if (verdict.outcome == FitOutcome::not_minimum)
-    code = code_of_failure(n_);
+    code = code_of_failure(n_, maxiter_, maxfunc_);
   else if (moved_ || !met_criterion(code)) {
     code = optimizer::code_gconv;
     n_.optimizer_messages.clear();
@@ -117,7 +117,8 @@ int FitEnd::question_integrals(int code)
   n_.raise(4);
   if (n_.nqpspec) return code; // the sum over these points is what was asked for
   verdict.outcome = FitOutcome::not_minimum;
-  return n_.str->rcod = code_of_failure(n_);
+  n_.optimizer_messages.clear();
+  return n_.str->rcod = optimizer::code_no_progress;
 }
 
 } // namespace torvale::solve

@@ -58,6 +58,9 @@ int FitEnd::run_technique()
     if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
     str.continues = 1;
     str.load = 1;
+    // The tests have evaluated elsewhere; the run goes on from the gradient at its own point.
+    n_.dograd = str.fidi == 0;
+    integration::nlpfunc(&str);
   }
   str.load = load;
   return code;
