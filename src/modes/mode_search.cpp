@@ -40,7 +40,7 @@ public:
       }
       if (at_modes_ == nullptr) return 0;
       if (const int rc = close(); rc != 0) return rc;
-    } while (active_ > 0);
+    } while (active_ > 0 || left_open());
     return 0;
   }
 
@@ -70,6 +70,13 @@ private:
   {
     closed_ = 0;
     std::fill_n(b_.column.begin(), b_.slots, none);
+  }
+
+  // A slot that the evaluation at the modes has missed again, and by little: it waits for the next.
+  bool left_open() const
+  {
+    return std::any_of(b_.search.begin(), b_.search.begin() + b_.slots,
+                       [](const ModeSearch& s) { return s.state == ModeSearch::near; });
   }
 
   int list_unclosed()
