@@ -40,12 +40,13 @@ public:
       }
       if (at_modes_ == nullptr) return 0;
       if (const int rc = close(); rc != 0) return rc;
-    } while (active_ > 0);
+    } while (active_ > 0 || near_ > 0);
     return 0;
   }
 
   // The evaluation at the modes, of those that are near and of those that are found; again of those alone that it was
-  // not for, as long as there are columns.
+  // not for, as long as there are columns. Where an effect is so far from 0 that its rounding is more than a negligible
+  // step, one that was near may be near still, and is closed once more.
   int close()
   {
     int modes = list_unclosed();
@@ -87,13 +88,14 @@ private:
   // evaluation.
   void advance_all(int count, const double* sums)
   {
-    active_ = 0;
+    active_ = near_ = 0;
     for (int a = 0; a < count; ++a) {
       const int slot = b_.active[static_cast<std::size_t>(a)];
       if (search(slot).state == ModeSearch::found) continue;
       advance(slot, sums + a);
       if (search(slot).state != ModeSearch::found) column(slot) = none;
       if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
+      if (search(slot).state == ModeSearch::near) ++near_;
     }
   }
 
@@ -260,8 +262,8 @@ private:
   const AtModes* const at_modes_;
   const bool predicts_;    // starts follow the parameters from the accepted modes
   const bool starts_near_; // stored modes are those of this point, or have to do
-  int active_ = 0;
-  int closed_ = 0; // columns of curvature_sums in use
+  int active_ = 0, near_ = 0; // after the last round of decisions
+  int closed_ = 0;            // columns of curvature_sums in use
 };
 
 template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
