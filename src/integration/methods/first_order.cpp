@@ -32,12 +32,12 @@
 
 namespace torvale::integration {
 
+using evaluation::Four;
+using evaluation::SlotGroup;
 using model::BatchWork;
 using model::NX;
 using model::REFFECT;
 using model::TVLThreadCtx;
-using evaluation::Four;
-using evaluation::SlotGroup;
 using modes::packed;
 
 namespace {
@@ -132,10 +132,7 @@ public:
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
-  T sum(int place) const
-  {
-    return SlotGroup<T>::load(b_.point_sums.data() + place * b_.mode_stride + column_);
-  }
+  T sum(int place) const { return SlotGroup<T>::load(b_.point_sums.data() + place * b_.mode_stride + column_); }
 
   T of_prior(const double* from, long stride) const
   {
@@ -283,7 +280,7 @@ private:
   const SlotGroup<T> slots_;
   const int column_;
   T factor_[triangle], c_[capacity], a_[triangle], d_[capacity], c0_[capacity];
-  T m_[triangle], ma_[capacity * capacity];                // M, M A
+  T m_[triangle], ma_[capacity * capacity];               // M, M A
   T offset_[capacity], shift_[capacity], pull_[capacity]; // b, t, g
   T logdet_;
 };
@@ -368,8 +365,8 @@ int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
   if (active == 0) return 0;
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = gradient ? n.programs.linear_gradient : n.programs.linear;
-  const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                                     {program.code, program.outputs, b.point_sums.data(), b.mode_stride});
+  const int rc =
+      evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, {program, b.point_sums.data(), b.mode_stride});
   return rc != 0 ? -rc : active;
 }
 
