@@ -1,7 +1,7 @@
 # Build options, language level, warnings and floating-point rules: the same for every room.
 
 option(TORVALE_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
-option(TORVALE_BENCH "Build the benchmarks" OFF)
+set(TORVALE_BENCH OFF CACHE STRING "Benchmarks: ON builds them, CHECK compiles them quickly and links nothing")
 option(TORVALE_APP "Build the command line program" ${PROJECT_IS_TOP_LEVEL})
 option(TORVALE_INSTALL "Rules of installation and packages" ON)
 option(TORVALE_WERROR "Warnings are errors" ${PROJECT_IS_TOP_LEVEL})

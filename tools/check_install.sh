@@ -1,7 +1,8 @@
 #!/bin/bash
 # Installs a build into a clean prefix and uses it from outside the tree: a program by the CMake package, one by
 # pkg-config, add_subdirectory, the man page, and the Debian package unpacked into an empty root.
-#   tools/check_install.sh [BUILD FOLDER]     (default build/release)
+#   tools/check_install.sh [BUILD FOLDER]     (default build/release; JOBS=n compiles so many files at once)
+# Ends with 1 when something does not work.
 set -e
 source_folder=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$source_folder/build/release}" && pwd)
@@ -9,13 +10,21 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 prefix=$scratch/prefix
 expected="a b "
+failed=0
 names() { awk '{ printf "%s ", $1 }'; }
+# verdict WHAT COMMAND...: says whether the command succeeds.
+verdict() {
+  local what=$1
+  shift
+  if "$@"; then echo "$what: works"; else echo "$what: FAILS" && failed=1; fi
+}
+fits() { [ "$("$1" 2> /dev/null | names)" = "$expected" ]; }
 
 cmake --install "$build" --prefix "$prefix" > "$scratch/install.log"
 cp -r "$source_folder/examples/library" "$scratch/outside"
 cmake -S "$scratch/outside" -B "$scratch/outside/build" -DCMAKE_PREFIX_PATH="$prefix" > "$scratch/configure.log"
 cmake --build "$scratch/outside/build" > "$scratch/build.log"
-[ "$("$scratch/outside/build/fit" 2> /dev/null | names)" = "$expected" ] && echo "CMake package: works"
+verdict "CMake package" fits "$scratch/outside/build/fit"
 
 mkdir "$scratch/inside"
 cp "$source_folder/examples/library/fit.cpp" "$scratch/inside/"
@@ -27,18 +36,18 @@ add_executable(fit fit.cpp)
 target_link_libraries(fit PRIVATE torvale::torvale)
 END
 cmake -S "$scratch/inside" -B "$scratch/inside/build" -DCMAKE_BUILD_TYPE=Release > "$scratch/configure.log"
-cmake --build "$scratch/inside/build" --parallel "$(nproc)" > "$scratch/build.log"
-[ "$("$scratch/inside/build/fit" 2> /dev/null | names)" = "$expected" ] && echo "add_subdirectory: works"
+cmake --build "$scratch/inside/build" --parallel "${JOBS:-$(nproc)}" > "$scratch/build.log"
+verdict "add_subdirectory" fits "$scratch/inside/build/fit"
 
 flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name torvale.pc)") pkg-config --define-prefix --cflags --libs torvale)
 # shellcheck disable=SC2086
 g++ -std=c++20 "$scratch/outside/fit.cpp" $flags -o "$scratch/by_pkg_config"
-[ "$("$scratch/by_pkg_config" 2> /dev/null | names)" = "$expected" ] && echo "pkg-config: works"
+verdict "pkg-config" fits "$scratch/by_pkg_config"
 
-headers=$(find "$prefix/include" -name '*.h' | wc -l)
-[ "$headers" = 1 ] && echo "one public header"
-man --warnings -l "$prefix/share/man/man1/torvale.1" > /dev/null 2>&1 && echo "man page: renders" || echo "man page: not checked"
-bash -n "$prefix/share/bash-completion/completions/torvale" && echo "completion for bash: parses"
+verdict "one public header" test "$(find "$prefix/include" -name '*.h' | wc -l)" = 1
+page() { [ -z "$(man --warnings -l "$prefix/share/man/man1/torvale.1" 2>&1 > /dev/null)" ]; }
+if command -v man > /dev/null; then verdict "man page" page; else echo "man page: not checked, man is not there"; fi
+verdict "completion for bash" bash -n "$prefix/share/bash-completion/completions/torvale"
 
 if command -v dpkg-deb > /dev/null; then
   (cd "$build" && cpack -G DEB -B "$scratch/deb" > "$scratch/cpack.log")
@@ -50,5 +59,7 @@ if command -v dpkg-deb > /dev/null; then
   done
   mkdir -p "$scratch/root/home"
   cp "$source_folder"/examples/orange.* "$scratch/root/home/"
-  chroot "$scratch/root" /usr/bin/torvale run /home/orange.tvl --quiet 2> /dev/null && echo "Debian package: runs in a bare root"
+  bare_root() { chroot "$scratch/root" /usr/bin/torvale run /home/orange.tvl --quiet 2> /dev/null; }
+  if [ "$(id -u)" -eq 0 ]; then verdict "Debian package in a bare root" bare_root; else echo "Debian package: built, not run"; fi
 fi
+exit "$failed"

@@ -228,7 +228,7 @@ int run_command(const RunArguments& arguments)
   const bool color = !output.no_color && !no_color_wanted() && output.log.empty() && host::is_terminal(2);
 
   RunSettings settings = settings_of(arguments, output, folder);
-  settings.listing = [&](std::string_view s) { listing.write(s); };
+  if (listing.wanted()) settings.listing = [&](std::string_view s) { listing.write(s); }; // else nothing is formatted
   const bool for_editors = arguments.format == "json"; // then the diagnostics are the log
   if (!for_editors) settings.log = [&](std::string_view s) { log.write(color ? colored(s) : std::string(s)); };
   const std::string program_text = for_editors ? text : std::string();

@@ -2,7 +2,7 @@
 
 namespace torvale::compartment {
 
-using enum Option;
+using enum syntax::cmptmodel_slot;
 
 void write_flags(StatementText& text, const Model& model)
 {

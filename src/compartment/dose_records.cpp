@@ -11,7 +11,7 @@ namespace torvale::compartment {
 
 namespace {
 
-using enum Option;
+using enum syntax::cmptmodel_slot;
 
 std::string number(auto x)
 {

@@ -8,7 +8,7 @@ namespace torvale::compartment {
 
 namespace {
 
-using enum Option;
+using enum syntax::cmptmodel_slot;
 
 std::string err(const Model& model)
 {

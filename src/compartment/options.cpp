@@ -11,7 +11,7 @@ namespace torvale::compartment {
 
 namespace {
 
-using enum Option;
+using enum syntax::cmptmodel_slot;
 using syntax::cmptmodel_slot;
 
 // By slot, from the first name option on.

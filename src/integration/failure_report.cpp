@@ -63,6 +63,14 @@ host::NumberedMessage status_message(int status, const host::OptionalMessageValu
     return message::integral_zero_text_subject{.subject = subject, .iteration = iteration};
   case message::mode_steps_used_up::message_number:
     return message::mode_steps_used_up{.subject = subject, .iteration = iteration};
+  case message::no_shorter_step::message_number:
+    return message::no_shorter_step{.subject = subject, .iteration = iteration};
+  case message::no_shorter_step_text_subject::message_number:
+    return message::no_shorter_step_text_subject{.subject = subject, .iteration = iteration};
+  case message::mode_not_found::message_number:
+    return message::mode_not_found{.subject = subject, .iteration = iteration};
+  case message::mode_not_found_text_subject::message_number:
+    return message::mode_not_found_text_subject{.subject = subject, .iteration = iteration};
   default:
     return message::mode_steps_used_up_text_subject{.subject = subject, .iteration = iteration};
   }

@@ -4,17 +4,16 @@ namespace torvale::language {
 
 std::optional<int> LrMachine::entry(int state, int symbol) const
 {
-  const std::int16_t* pairs = control_->prslst + control_->prsndx[state];
-  int low = 0, high = (control_->prsndx[state + 1] - control_->prsndx[state]) / 2;
-  while (low < high) {
-    const int middle = (low + high) / 2;
-    if (pairs[2 * middle] < symbol)
-      low = middle + 1;
-    else
-      high = middle;
+  const std::int16_t* pair = control_->prslst + control_->prsndx[state]; // symbol and entry, symbols ascending
+  int pairs = (control_->prsndx[state + 1] - control_->prsndx[state]) / 2;
+  if (pairs == 0) return {};
+  while (pairs > 1) {
+    const int half = pairs / 2;
+    if (pair[2 * half] <= symbol) pair += 2 * half;
+    pairs -= half;
   }
-  if (low >= (control_->prsndx[state + 1] - control_->prsndx[state]) / 2 || pairs[2 * low] != symbol) return {};
-  return pairs[2 * low + 1];
+  if (pair[0] != symbol) return {};
+  return pair[1];
 }
 
 int LrMachine::length(int production) const

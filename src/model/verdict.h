@@ -40,8 +40,10 @@ struct Verdict {
   bool indefinite = false;      // the Hessian has a negative eigenvalue on the free space
   bool left_start = true;       // the fit moved away from its starting values
   double quadrature_change =
-      host::missing;             // change of -2 log L with more points at the estimates; missing: not evaluated
-  std::string quadrature_reason; // why not
+      host::missing;              // change of -2 log L with more points at the estimates; missing: not evaluated
+  std::string quadrature_reason;  // why not
+  bool cut_short_by_qmax = false; // the number of points was chosen as far as QMAX= goes, and has not settled
+  bool unsettled = false;         // with more points the estimates are no minimum
 };
 
 } // namespace torvale::model

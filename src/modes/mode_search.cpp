@@ -1,7 +1,6 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
-#include "host/messages/names/methods.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/search_rules.h"
@@ -41,12 +40,13 @@ public:
       }
       if (at_modes_ == nullptr) return 0;
       if (const int rc = close(); rc != 0) return rc;
-    } while (active_ > 0);
+    } while (active_ > 0 || near_ > 0);
     return 0;
   }
 
   // The evaluation at the modes, of those that are near and of those that are found; again of those alone that it was
-  // not for, as long as there are columns.
+  // not for, as long as there are columns. Where an effect is so far from 0 that its rounding is more than a negligible
+  // step, one that was near may be near still, and is closed once more.
   int close()
   {
     int modes = list_unclosed();
@@ -88,13 +88,14 @@ private:
   // evaluation.
   void advance_all(int count, const double* sums)
   {
-    active_ = 0;
+    active_ = near_ = 0;
     for (int a = 0; a < count; ++a) {
       const int slot = b_.active[static_cast<std::size_t>(a)];
       if (search(slot).state == ModeSearch::found) continue;
       advance(slot, sums + a);
       if (search(slot).state != ModeSearch::found) column(slot) = none;
       if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
+      if (search(slot).state == ModeSearch::near) ++near_;
     }
   }
 
@@ -177,13 +178,12 @@ private:
   }
 
   // A search that cannot go on: from a stored mode it begins again at the mean, else the slot fails.
-  void give_up(int slot)
+  void give_up(int slot, SearchEnd why = SearchEnd::steps)
   {
     ModeSearch& s = search(slot);
     if (!s.from_mean) return start_from_mean(slot);
     s.state = ModeSearch::failed;
-    s.failure = n_.leaf().sub_character ? message::mode_steps_used_up_text_subject::message_number
-                                        : message::mode_steps_used_up::message_number;
+    s.failure = failure_of(why, n_.leaf().sub_character);
   }
 
   // One decision of the search: value, gradient and Hessian at z stand in this column of sums.
@@ -209,7 +209,7 @@ private:
   void shrink(int slot)
   {
     ModeSearch& s = search(slot);
-    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot);
+    if (s.substep >= n_.ebsubstep + halvings) return give_up(slot, SearchEnd::shorter_steps);
     const double keep = s.substep < n_.ebsubstep ? n_.ebssfrac : 0.5;
     ++s.substep;
     s.state = ModeSearch::searching;
@@ -262,8 +262,8 @@ private:
   const AtModes* const at_modes_;
   const bool predicts_;    // starts follow the parameters from the accepted modes
   const bool starts_near_; // stored modes are those of this point, or have to do
-  int active_ = 0;
-  int closed_ = 0; // columns of curvature_sums in use
+  int active_ = 0, near_ = 0; // after the last round of decisions
+  int closed_ = 0;            // columns of curvature_sums in use
 };
 
 template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
@@ -278,7 +278,7 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes
     if (n.ebopt && library_search(n, ctx, slot))
       by_library = true;
     else
-      ctx.batch.failure[at] = s.failure;
+      ctx.batch.failure[at] = n.ebopt ? failure_of(SearchEnd::library, n.leaf().sub_character) : s.failure;
   }
   return by_library && at_modes != nullptr ? search.close() : 0;
 }

@@ -12,7 +12,7 @@ namespace torvale::modes {
 // (n.ebes), or from the mean with EBZSTART or where none is stored; one that fails from a stored mode starts once more from the mean.
 //
 // Fills z, slope, curve, covariance and search[].logdet of ctx.batch; spread is the caller's. A slot that fails gets message
-// 358 (359 with a character subject). Needs the priors; the frame's range must cover the batch. Only slots of ctx change.
+// 358, 356 where no shorter step helps, 350 where EBOPT did not either (359, 357, 351 with a character subject). Needs the priors; the frame's range must cover the batch. Only slots of ctx change.
 // Returns 0 or the engine's code above 2. Allocates nothing.
 //
 // AtModes: what the caller wants to know at the modes. The last evaluation of a search is then this one: `run` is called for

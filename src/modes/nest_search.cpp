@@ -101,12 +101,12 @@ private:
               [](NestLevel& l, int, int v) { std::fill_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, 0.0); });
   }
 
-  void give_up(int nest)
+  void give_up(int nest, SearchEnd why = SearchEnd::steps)
   {
     ModeSearch& s = search(nest);
     if (!s.from_mean && !turns_) return start_from_mean(nest);
     s.state = ModeSearch::failed;
-    s.failure = n_.outer().sub_character ? 359 : 358;
+    s.failure = failure_of(why, n_.outer().sub_character);
     w_.failure[static_cast<std::size_t>(nest)] = s.failure;
   }
 
@@ -194,7 +194,7 @@ private:
   void shrink(int nest)
   {
     ModeSearch& s = search(nest);
-    if (s.substep >= rules_.substeps + halvings) return give_up(nest);
+    if (s.substep >= rules_.substeps + halvings) return give_up(nest, SearchEnd::shorter_steps);
     const double keep = s.substep < rules_.substeps ? rules_.keep : 0.5;
     ++s.substep;
     for_nodes(nest, [&](NestLevel& l, int, int v) {

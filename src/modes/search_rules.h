@@ -1,6 +1,8 @@
 #pragma once
 // Rules that all searches for modes keep to, whatever the number of levels.
 
+#include "host/messages/names/methods.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -20,11 +22,28 @@ inline constexpr double negligible = 1e-24;
 inline double next_step(double step, double previous)
 {
   constexpr double least = 1e-4, safety = 100.0;
-  const double bend = previous < std::numeric_limits<double>::max() ? std::max(step / (previous * previous), least) : 1.0;
+  const double bend =
+      previous < std::numeric_limits<double>::max() ? std::max(step / (previous * previous), least) : 1.0;
   return safety * bend * step * step;
 }
 // The error, as such a square, that a mode may have where predictions stand.
 inline constexpr double good_prediction = 1e-10;
+
+// Why a search has ended without a mode, and the message (of group 503) that says so of a subject with a number or a
+// text. shorter_steps: none of them, halved to nothing, brings the value down.
+enum class SearchEnd { steps, shorter_steps, library };
+inline int failure_of(SearchEnd why, bool text)
+{
+  switch (why) {
+  case SearchEnd::shorter_steps:
+    return text ? message::no_shorter_step_text_subject::message_number : message::no_shorter_step::message_number;
+  case SearchEnd::library:
+    return text ? message::mode_not_found_text_subject::message_number : message::mode_not_found::message_number;
+  default:
+    return text ? message::mode_steps_used_up_text_subject::message_number
+                : message::mode_steps_used_up::message_number;
+  }
+}
 
 // The value that the next step may not exceed, from the present value and EBSSTOL.
 inline double allowed_value(double f, double tolerance)

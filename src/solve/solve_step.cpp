@@ -13,6 +13,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/fit_hessian.h"
 #include "solve/judgement/fit_verdict.h"
+#include "solve/start/point_selection.h"
 #include "solve/start/starting_grid.h"
 
 #include <algorithm>
@@ -209,13 +210,24 @@ std::unique_ptr<FitEnd> refit_with_points(NX& n)
   auto end = std::make_unique<FitEnd>(n);
   n.optimizer_messages.clear();
   n.dependencies.clear();
+  const bool cut_short = n.verdict.cut_short_by_qmax;
   n.verdict = model::Verdict();
+  n.verdict.cut_short_by_qmax = cut_short;
   n.dograd = str.fidi == 0;
   n.parmlast.clear();
   str.continues = 1;
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.znlprc == 0) n.znlprc = end->run();
   return end;
+}
+
+// How well the integrals are known at the estimates, and whether the minimum is one of theirs or of the rule's.
+void question_points(NX& n, FitEnd& end)
+{
+  const host::StageScope stage(n.host->stages(), host::Stage::covariance);
+  n.parm.assign(n.str->x, n.str->x + n.nparm);
+  check_points(n);
+  n.znlprc = end.question_integrals(n.znlprc);
 }
 
 } // namespace
@@ -232,6 +244,7 @@ int tvlsolv(NX& n)
   if (n.znlprc == 0) n.znlprc = end->run();
   for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n); ++refit)
     end = refit_with_points(n);
+  if (n.znlprc > 0 && !n.noopt) question_points(n, *end);
   if (n.nqp != points) write_dimensions(n);
   if (n.znlprc > 0 && !n.noopt && str.nvar > 0 && str.nitr < static_cast<double>(str.mini))
     n.host->log().xpmlog(
@@ -260,7 +273,6 @@ int tvlsolv(NX& n)
   n.verdict.left_start = n.parm != start;
   take_judgement(n, *end);
   write_dependencies(n);
-  if (n.znlprc > 0 && !n.noopt) check_points(n);
   if (n.empirical && n.znlprc > 0) robust_covariance(n);
   n.converged = n.znlprc > 0 && !n.noopt;
   degrees_of_freedom(n);
@@ -272,7 +284,9 @@ int tvlsolv(NX& n)
   if (judged) report_verdict(n);
   n.parm.assign(str.x, str.x + n.nparm);
   const bool at_a_limit = n.znlprc == optimizer::code_limit || n.znlprc == optimizer::code_time;
-  if (n.znlprc < 0 && !at_a_limit && !n.failed_parm.empty() && !n.host->interrupted())
+  // (Where an optimum runs away evaluations fail in the end: that is no news.)
+  const bool explained = !n.verdict.separated.empty() || n.verdict.unsettled;
+  if (n.znlprc < 0 && !at_a_limit && !explained && !n.failed_parm.empty() && !n.host->interrupted())
     integration::explain_failure(n, std::vector<double>(n.failed_parm));
   return n.znlprc;
 }

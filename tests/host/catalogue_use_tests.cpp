@@ -48,8 +48,6 @@ TEST(Catalogue, EveryTextIsRaised)
       "subgradient_ignored_with_levels", "empirical_ignored_with_levels",
       // rows of starting values have no number that is expected
       "more_starting_values_than_used", "more_starting_rows_than_one", "more_starting_rows_than_expected",
-      // a mode that is not found is told by the last step that failed (358, 359)
-      "mode_not_found", "mode_not_found_text_subject", "no_shorter_step", "no_shorter_step_text_subject",
       // memory that is missing ends the step with one message; threads and matrices have no set-up of their own
       "worker_mode_search_without_details", "nested_mode_search_failed", "nested_mode_search_serial",
       "optimizer_setup_failed", "covsing_ignored", "no_memory_for_matrices", "optimizer_printing_failed",

@@ -107,6 +107,23 @@ TEST(Modes, NoStepsFailUnlessTheLibraryHelps)
   for (std::size_t k = 0; k < modes.size(); ++k) EXPECT_NEAR(n->ebtrial[k], modes[k], 1e-5);
 }
 
+// Why a mode was not found: steps used up, no shorter one that helps, the library at its end as well.
+TEST(Modes, FailuresAreTold)
+{
+  const auto text = regression(Response::poisson, 1, 4);
+  auto theta = parameters(text, 1);
+  theta[0] = 1e10; // the model cannot be evaluated anywhere
+  const auto status = [&](int steps, bool library) {
+    const auto n = make_run(text, {true, true, 3});
+    n->ebstep = steps;
+    n->ebopt = library;
+    EXPECT_EQ(objective(*n, theta), model::failure_objective);
+    return n->slot_status[0];
+  };
+  EXPECT_EQ(status(50, true), 350);
+  EXPECT_EQ(status(0, false), 358);
+}
+
 TEST(Modes, OnlyAcceptedPointsAreCommitted)
 {
   const auto text = regression(Response::binary, 1, 5);

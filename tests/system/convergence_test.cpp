@@ -359,4 +359,60 @@ TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
               large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);
 }
 
+// Few binary responses whose variance goes on growing (the integral over a fine grid falls up to s2u = 3000 and
+// beyond): sums over 31 points have a minimum near 300 that is none. With points of the program's own it is a warning.
+TEST(Convergence, MinimaOfThePointsAreNone)
+{
+  const std::string six = "id,x,y\n1,1.0750443510556016,0\n1,0.5,0\n2,-0.5,1\n2,-1.5324797170962492,1\n"
+                          "3,-0.41963955316101753,0\n3,1.0453366299169846,1\n4,-0.5,1\n4,0.5,1\n5,-0.5,1\n5,0.5,1\n"
+                          "6,-0.5,0\n6,0.5,0\n",
+                    five = "id,x,y\n1,-0.5,1\n1,0.5,0\n2,-0.5,0\n2,0.5,0\n3,-0.5,0\n3,-1.5023930270279262,0\n4,-0.5,1\n"
+                           "4,0.5,1\n5,-0.5,1\n5,0.5,1\n";
+  const std::string tail =
+      " p = 1/(1+EXP(-(b0+b1*x+u))); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  const auto first = fit_data(six, " TECHNIQUE=QUANEW; PARMS b0=0 b1=0 s2u=10;" + tail),
+             second = fit_data(five, " TECHNIQUE=DBLDOG; PARMS b0=0 b1=0 s2u=0.01; BOUNDS s2u > 0;" + tail),
+             given = fit_data(six, " QPOINTS=31 TECHNIQUE=QUANEW; PARMS b0=0 b1=0 s2u=10;" + tail);
+  EXPECT_EQ(first.outcome.exit_code, 5) << first.log;
+  EXPECT_TRUE(first.said(503, 9420)) << first.log;
+  EXPECT_EQ(second.outcome.exit_code, 5) << second.log;
+  EXPECT_EQ(given.outcome.exit_code, 0) << given.log;
+  EXPECT_TRUE(given.said(503, 9420)) << given.log;
+}
+
+// One observation: its mean is known, its variance falls to the least that a normal response may have. No technique
+// calls that a minimum, and none says words that are for the makers.
+TEST(Convergence, OneObservation)
+{
+  for (const std::string technique : {"", "TRUREG", "NEWRAP", "CONGRA", "DBLDOG", "NMSIMP"}) {
+    const std::string head = technique.empty() ? "; PARMS b0=0" : " TECHNIQUE=" + technique + "; PARMS b0=0";
+    const auto exact = fit_data("y\n3\n", head + " s2=1; MODEL y ~ NORMAL(b0, s2); RUN;"),
+               mean = fit_data("y\n3\n", head + "; MODEL y ~ NORMAL(b0, 2); RUN;");
+    EXPECT_EQ(exact.outcome.exit_code, 5) << technique << exact.log;
+    EXPECT_EQ(mean.outcome.exit_code, 0) << technique << mean.log;
+    EXPECT_FALSE(exact.said(503, 360) || mean.said(503, 360)) << technique << exact.log << mean.log;
+  }
+}
+
+// A parameter that nothing depends on is told of once, by its own message.
+TEST(Convergence, UnusedParameterIsToldOnce)
+{
+  const std::string csv = "x,y\n1,2\n2,3\n3,5\n4,4\n", model = "MODEL y ~ POISSON(EXP(b0 + b1*x)); RUN;";
+  const auto unused = fit_data(csv, "; PARMS b0=0 b1=0 c=1; " + model);
+  EXPECT_EQ(unused.outcome.exit_code, 6) << unused.log;
+  EXPECT_TRUE(unused.said(503, 9331)) << unused.log;
+  EXPECT_FALSE(unused.said(503, 271)) << unused.log;
+  const auto both = fit_data(csv, "; PARMS b0=0 b1=0 b2=0 c=1; MODEL y ~ POISSON(EXP(b0 + b2 + b1*x)); RUN;");
+  EXPECT_TRUE(both.said(503, 9331) && both.said(503, 271)) << both.log;
+  EXPECT_NE(both.log.find("(1)"), std::string::npos) << both.log;
+}
+
+// The limit that a warning names is that of the program, however much longer the fit went on.
+TEST(Convergence, LimitsAreTheProgramsOwn)
+{
+  const auto run = run_text("TORVALE DATA=sleepstudy MAXITER=2; PARMS b0=0 b1=0 s2u=1 s2=1;" + intercepts);
+  EXPECT_EQ(run.outcome.exit_code, 5) << run.log;
+  EXPECT_NE(run.log.find("MAXITER=2 "), std::string::npos) << run.log;
+}
+
 } // namespace torvale::tests

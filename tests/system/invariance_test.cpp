@@ -48,6 +48,30 @@ TEST(Invariance, ShuffledRowsGiveTheSameFit)
   }
 }
 
+// Where effects are 1e4 standard deviations and more from 0 the rounding of a mode is longer than the steps that end a
+// search, and the search ends all the same, with the curvature of its own place.
+TEST(Invariance, EffectsFarFromZeroGiveTheSameFit)
+{
+  const auto fit = [](const std::string& far, const std::string& options, int threads) {
+    return run_text("TORVALE DATA=cbpp QPOINTS=3 " + options +
+                        "; PARMS b0=-1 s2=0.3; BOUNDS s2 > 0;"
+                        "MODEL incidence ~ BINOMIAL(size, 1/(1 + exp(-(b0 + u - " +
+                        far + ")))); RANDOM u ~ NORMAL(" + far + ", s2) SUBJECT=herd; RUN;",
+                    "examples", threads);
+  };
+  for (const std::string options : {"", "TECHNIQUE=NONE"})
+    for (const std::string far : {"20000", "1000000"})
+      for (const int threads : {0, 2}) {
+        const auto near = fit("0", options, threads), away = fit(far, options, threads);
+        EXPECT_EQ(away.outcome.exit_code, 0) << far << away.log;
+        ASSERT_NE(away.table("FitStatistics"), nullptr) << far << away.log;
+        EXPECT_NEAR(near.column("FitStatistics", "Value")[0], away.column("FitStatistics", "Value")[0], 1e-7) << far;
+        const auto expected = near.column("ParameterEstimates", "StandardError");
+        const auto got = away.column("ParameterEstimates", "StandardError");
+        for (std::size_t i = 0; i < got.size(); ++i) EXPECT_NEAR(got[i] / expected[i], 1.0, 1e-4) << far << i;
+      }
+}
+
 TEST(Invariance, ThreadsGiveTheSameBytes)
 {
   for (const char* name : {"epil", "theoph", "fixed_negbin"}) {

@@ -58,10 +58,12 @@ void LaneArray::reserve(std::size_t n)
 {
   if (n <= size_) return;
   constexpr std::size_t alignment = 64;
-  memory_ = host::RowVector<double>(memory_.get_allocator()); // the old values go first
-  memory_.resize(n + alignment / sizeof(double));
-  void* start = memory_.data();
-  std::size_t space = (n + alignment / sizeof(double)) * sizeof(double);
+  memory_.reset(); // the old values go first
+  DoublesGiver& giver = memory_.get_deleter();
+  giver.size = n + alignment / sizeof(double);
+  memory_.reset(giver.from.allocate(giver.size));
+  void* start = memory_.get();
+  std::size_t space = giver.size * sizeof(double);
   data_ = static_cast<double*>(std::align(alignment, n * sizeof(double), start, space));
   size_ = n;
 }

@@ -15,17 +15,28 @@ namespace torvale::engine {
 
 inline constexpr int strip_lanes = 128; // most lanes of a strip
 
-// Memory aligned for the widest vectors. Grows only.
+// Returns doubles to where they came from.
+struct DoublesGiver {
+  host::RowAllocator<double> from;
+  std::size_t size = 0;
+  void operator()(double* at) { from.deallocate(at, size); }
+};
+
+// Memory aligned for the widest vectors. Grows only. What nobody has written is anything: its pages are not touched.
 class LaneArray {
 public:
   double* data() { return data_; }
   const double* data() const { return data_; }
-  void keep_in(const host::RowMemory& memory) { memory_ = host::RowVector<double>(host::RowAllocator<double>(memory)); }
+  void keep_in(const host::RowMemory& memory)
+  {
+    memory_ = Memory(nullptr, DoublesGiver{host::RowAllocator<double>(memory)});
+  }
   // Room for n doubles; what was there is lost when it grows.
   void reserve(std::size_t n);
 
 private:
-  host::RowVector<double> memory_;
+  using Memory = std::unique_ptr<double[], DoublesGiver>;
+  Memory memory_;
   double* data_ = nullptr;
   std::size_t size_ = 0;
 };

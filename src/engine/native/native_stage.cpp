@@ -3,12 +3,15 @@
 #include "engine/stages/program.h"
 
 #if defined(__x86_64__)
+#include "engine/native/code_memory.h"
 #include "engine/native/kernel_code.h"
 #endif
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
+#include <span>
 
 namespace torvale::engine {
 
@@ -233,29 +236,36 @@ private:
 // Whether the system grants memory that can be executed.
 bool executable_memory()
 {
-  try {
-    Xbyak::CodeGenerator code(Xbyak::DEFAULT_MAX_CODE_SIZE, Xbyak::DontSetProtectRWE);
-    code.ret();
-    code.ready();
-    code.setProtectModeRE();
-    return true;
-  } catch (const Xbyak::Error&) {
-    return false;
-  }
+  const std::uint8_t nothing[] = {0xC3}; // return
+  return place_code(nothing).entry() != nullptr;
 }
 
 class WrittenStage final : public NativeStage {
 public:
-  WrittenStage(std::unique_ptr<VectorCode> code, std::int32_t slots) : code_(std::move(code))
+  WrittenStage(PlacedCode code, std::size_t bytes, std::int32_t slots) : code_(std::move(code))
   {
-    entry_ = code_->getCode<int (*)(const NativeArguments*)>();
-    bytes_ = code_->getSize();
+    entry_ = reinterpret_cast<int (*)(const NativeArguments*)>(reinterpret_cast<std::uintptr_t>(code_.entry()));
+    bytes_ = bytes;
     scratch_ = static_cast<std::size_t>(slots) * vector_slot / sizeof(double);
   }
 
 private:
-  std::unique_ptr<VectorCode> code_;
+  PlacedCode code_;
 };
+
+// Where a thread writes code before it is placed.
+std::span<std::uint8_t> code_buffer(std::size_t size)
+{
+  thread_local std::unique_ptr<std::uint8_t[]> bytes;
+  thread_local std::size_t held = 0;
+  if (held < size + vector_slot) {
+    held = 2 * size + vector_slot;
+    bytes = std::make_unique_for_overwrite<std::uint8_t[]>(held);
+  }
+  void* start = bytes.get();
+  std::size_t room = held;
+  return {static_cast<std::uint8_t*>(std::align(vector_slot, size, start, room)), size};
+}
 
 #endif
 
@@ -271,14 +281,15 @@ std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shap
   const std::size_t capacity =
       plan.operations.size() * bytes_of_operation + code.inputs.size() * bytes_of_input + bytes_of_rest;
   try {
-    std::unique_ptr<VectorCode> to = make_vector_code(table.isa, capacity);
+    const std::unique_ptr<VectorCode> to = make_vector_code(table.isa, code_buffer(capacity));
     if (to == nullptr) return nullptr;
     const std::vector<bool> uniform = uniform_inputs(code, shape);
     const std::int32_t slots = StageWriter(*to, plan, uniform, table).write();
     to->ready();
-    to->setProtectModeRE();
-    return std::make_unique<WrittenStage>(std::move(to), slots);
-  } catch (const Xbyak::Error&) { // no memory: the steps are walked instead
+    PlacedCode placed = place_code({to->getCode(), to->getSize()});
+    if (placed.entry() == nullptr) return nullptr;
+    return std::make_unique<WrittenStage>(std::move(placed), to->getSize(), slots);
+  } catch (const Xbyak::Error&) { // more code than was thought: the steps are walked instead
     return nullptr;
   }
 }

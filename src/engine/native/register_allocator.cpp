@@ -20,14 +20,15 @@ RegisterAllocator::RegisterAllocator(VectorCode& code, const ValuePlan& plan, co
   masks_.first = 1;
   masks_.holds.assign(static_cast<std::size_t>(code.masks()), no_value);
   masks_.pinned.assign(masks_.holds.size(), false);
+  for (std::size_t v = 0; v < states_.size(); ++v) states_[v].next = plan.values[v].first_use;
   for (const bool same : uniform) uniform_slot_.push_back(same ? slots_++ : -1);
 }
 
 std::int32_t RegisterAllocator::next_use(ValueId v) const
 {
-  const auto& uses = plan_.values[static_cast<std::size_t>(v)].uses;
-  const auto next = static_cast<std::size_t>(states_[static_cast<std::size_t>(v)].next);
-  return next < uses.size() ? uses[next] : never;
+  const std::int32_t next = states_[static_cast<std::size_t>(v)].next;
+  return next < plan_.values[static_cast<std::size_t>(v)].end_of_uses ? plan_.uses[static_cast<std::size_t>(next)]
+                                                                      : never;
 }
 
 bool RegisterAllocator::in_memory(ValueId v) const
@@ -145,8 +146,7 @@ const Xbyak::Operand& RegisterAllocator::source(ValueId v)
 void RegisterAllocator::release(ValueId v)
 {
   State& s = state(v);
-  const auto& uses = plan_.values[static_cast<std::size_t>(v)].uses;
-  while (static_cast<std::size_t>(s.next) < uses.size() && uses[static_cast<std::size_t>(s.next)] <= at_) ++s.next;
+  while (next_use(v) <= at_) ++s.next;
   if (next_use(v) != never) return;
   if (s.reg >= 0) {
     File& f = file(v);
@@ -194,8 +194,9 @@ void RegisterAllocator::save_for_call()
   for (File* const f : {&vectors_, &masks_})
     for (const ValueId v : f->holds) {
       if (v == no_value) continue;
-      const auto& uses = plan_.values[static_cast<std::size_t>(v)].uses;
-      if (!uses.empty() && uses.back() > at_) save(v);
+      const PlanValue& value = plan_.values[static_cast<std::size_t>(v)];
+      if (value.first_use < value.end_of_uses && plan_.uses[static_cast<std::size_t>(value.end_of_uses) - 1] > at_)
+        save(v);
     }
 }
 

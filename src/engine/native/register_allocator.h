@@ -42,7 +42,11 @@ public:
   // Registers that hold values, of vectors or of masks.
   std::vector<int> occupied(bool masks) const;
   bool in_register(ValueId v) const { return states_[static_cast<std::size_t>(v)].reg >= 0; }
-  bool wanted(ValueId v) const { return !plan_.values[static_cast<std::size_t>(v)].uses.empty(); }
+  bool wanted(ValueId v) const
+  {
+    const PlanValue& value = plan_.values[static_cast<std::size_t>(v)];
+    return value.first_use < value.end_of_uses;
+  }
 
   // Around a call: stores what is needed later and not in memory yet. Afterwards no register holds a value.
   void save_for_call();
@@ -72,7 +76,7 @@ private:
   struct State {
     int reg = -1;           // register, -1: none
     std::int32_t slot = -1; // slot in scratch memory, -1: none
-    std::int32_t next = 0;  // index of the next use
+    std::int32_t next = 0;  // place of the next use in the plan's list
   };
   bool is_mask(ValueId v) const { return plan_.values[static_cast<std::size_t>(v)].mask; }
   File& file(ValueId v) { return is_mask(v) && code_.masks() > 0 ? masks_ : vectors_; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <compare>
 #include <map>
+#include <utility>
 
 namespace torvale::engine {
 
@@ -25,6 +26,10 @@ public:
   Planner(const StageCode& code, ValuePlan& plan)
       : code_(code), plan_(plan), held_(static_cast<std::size_t>(code.registers), no_value)
   {
+    const std::size_t expected = code.steps.size() + code.fixed.size();
+    plan_.values.reserve(expected);
+    plan_.operations.reserve(expected);
+    other_form_.reserve(expected);
   }
 
   bool run()
@@ -48,7 +53,7 @@ private:
     v.from = from;
     v.mask = mask;
     v.index = index;
-    plan_.values.push_back(std::move(v));
+    plan_.values.push_back(v);
     other_form_.push_back(no_value);
     return static_cast<ValueId>(plan_.values.size()) - 1;
   }
@@ -208,15 +213,27 @@ private:
     op.out = nans_ = both;
   }
 
-  void find_uses()
+  // Calls f(value, operation) for each value that an operation reads.
+  template <class F> void for_reads(F f)
   {
     for (std::size_t k = 0; k < plan_.operations.size(); ++k) {
       const PlanOperation& op = plan_.operations[k];
-      for (int j = 0; j < op.operands; ++j) {
-        auto& uses = plan_.values[static_cast<std::size_t>(op.in[static_cast<std::size_t>(j)])].uses;
-        if (uses.empty() || uses.back() != static_cast<std::int32_t>(k)) uses.push_back(static_cast<std::int32_t>(k));
-      }
+      for (std::size_t j = 0; j < static_cast<std::size_t>(op.operands); ++j)
+        if (std::find(op.in.begin(), op.in.begin() + j, op.in[j]) == op.in.begin() + j)
+          f(plan_.values[static_cast<std::size_t>(op.in[j])], static_cast<std::int32_t>(k));
     }
+  }
+
+  void find_uses()
+  {
+    for_reads([](PlanValue& v, std::int32_t) { ++v.end_of_uses; });
+    std::int32_t uses = 0;
+    for (PlanValue& v : plan_.values) {
+      v.first_use = uses;
+      uses += std::exchange(v.end_of_uses, uses);
+    }
+    plan_.uses.resize(static_cast<std::size_t>(uses));
+    for_reads([&](PlanValue& v, std::int32_t k) { plan_.uses[static_cast<std::size_t>(v.end_of_uses++)] = k; });
   }
 
   const StageCode& code_;

@@ -16,9 +16,9 @@ inline constexpr ValueId no_value = -1;
 
 struct PlanValue {
   enum class From : std::uint8_t { operation, input, fixed } from = From::operation;
-  bool mask = false;              // true or false in the form of the machine's comparisons
-  std::int32_t index = 0;         // of the input or the fixed register
-  std::vector<std::int32_t> uses; // operations that read it, ascending
+  bool mask = false;                           // true or false in the form of the machine's comparisons
+  std::int32_t index = 0;                      // of the input or the fixed register
+  std::int32_t first_use = 0, end_of_uses = 0; // its part of ValuePlan::uses
 };
 
 struct PlanOperation {
@@ -40,6 +40,7 @@ struct PlanOperation {
 struct ValuePlan {
   std::vector<PlanValue> values;
   std::vector<PlanOperation> operations;
+  std::vector<std::int32_t> uses; // value by value the operations that read it, ascending
 };
 
 // False when the stage has steps that cannot be planned: loops, text tests.

@@ -301,11 +301,11 @@ const void* VectorCode::constant_table()
   return &table;
 }
 
-std::unique_ptr<VectorCode> make_vector_code(std::string_view isa, std::size_t capacity)
+std::unique_ptr<VectorCode> make_vector_code(std::string_view isa, std::span<std::uint8_t> buffer)
 {
-  if (isa == "avx512") return std::make_unique<Avx512Code>(capacity);
-  if (isa == "avx2") return std::make_unique<Avx2Code>(capacity);
-  if (isa == "baseline") return std::make_unique<Sse2Code>(capacity);
+  if (isa == "avx512") return std::make_unique<Avx512Code>(buffer);
+  if (isa == "avx2") return std::make_unique<Avx2Code>(buffer);
+  if (isa == "baseline") return std::make_unique<Sse2Code>(buffer);
   return nullptr;
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string_view>
 
 namespace torvale::engine {
@@ -53,8 +54,9 @@ public:
   using Operand = Xbyak::Operand;
   using Address = Xbyak::Address;
 
-  // capacity: bytes of code at most. The memory becomes executable with setProtectModeRE.
-  explicit VectorCode(std::size_t capacity) : CodeGenerator(capacity, Xbyak::DontSetProtectRWE) {}
+  // Writes to the buffer, on a 64-byte boundary: code that may be copied to any place (code_memory.h) on such a
+  // boundary.
+  explicit VectorCode(std::span<std::uint8_t> buffer) : CodeGenerator(buffer.size(), buffer.data()) {}
 
   // --- of the instruction set ---
   virtual int width() const = 0;             // lanes of a vector
@@ -95,6 +97,6 @@ public:
 };
 
 // "baseline" (SSE2), "avx2" or "avx512"; null for another name.
-std::unique_ptr<VectorCode> make_vector_code(std::string_view isa, std::size_t capacity);
+std::unique_ptr<VectorCode> make_vector_code(std::string_view isa, std::span<std::uint8_t> buffer);
 
 } // namespace torvale::engine

@@ -53,6 +53,13 @@ private:
   // --- what is needed ---
   bool is_leaf(NodeId id)
   {
+    std::int8_t& known = leaf_[id];
+    if (known < 0) known = found_leaf(id) ? 1 : 0;
+    return known != 0;
+  }
+
+  bool found_leaf(NodeId id)
+  {
     const Node& n = graph_.node(id);
     if (n.kind == NodeKind::constant || n.kind == NodeKind::symbol || n.kind == NodeKind::row) return true;
     if (n.kind == NodeKind::carry) return true;
@@ -105,7 +112,7 @@ private:
   {
     std::vector<NodeId> divisions;
     for (const NodeId id : needed_.ascending())
-      if (!is_leaf(id) && all_.gcmp_.dependence.divides_by_inverse(id)) divisions.push_back(id);
+      if (all_.gcmp_.dependence.divides_by_inverse(id) && !is_leaf(id)) divisions.push_back(id);
     for (const NodeId id : divisions) {
       const NodeId inverse = graph_.reciprocal(graph_.operand(id, 1));
       compute_as(id, Kernel::multiply, {graph_.operand(id, 0), inverse});
@@ -121,8 +128,8 @@ private:
     std::vector<NodeId> found;
     for (const NodeId id : needed_.ascending()) {
       const Node& n = graph_.node(id);
-      if (!is_leaf(id) &&
-          (is_kernel(n, Kernel::logistic) || is_kernel(n, Kernel::softplus) || is_kernel(n, Kernel::exp)))
+      if ((is_kernel(n, Kernel::logistic) || is_kernel(n, Kernel::softplus) || is_kernel(n, Kernel::exp)) &&
+          !is_leaf(id))
         found.push_back(id);
     }
     const GraphBuilder::Derivative plain(graph_);
@@ -441,6 +448,7 @@ private:
   GraphBuilder& graph_;
   Stage stage_;
   StageCode& code_;
+  NodeTable<std::int8_t> leaf_{-1}; // as far as it has been asked
   NodeSet needed_;
   std::vector<NodeId> open_;
   std::map<std::int32_t, std::set<std::int32_t>> carries_; // needed carries by loop

@@ -122,26 +122,31 @@ private:
     return i == count ? true : fail(CsvFault::wrong_count, i);
   }
 
-  // The field at hand if it is a number or nothing, written as nearly all are, in a column that is no other.
+  // The field at hand if it is a number, perhaps in quotes, or nothing, written as nearly all are, in a column that is
+  // no other.
   bool plain_field(std::size_t i)
   {
     BlockColumn& column = out_.columns[i];
     const Kind kind = requests_[i].kind;
     if (column.type > Type::number || (kind != Kind::any && kind != Kind::numeric) || !plain_numbers_) return false;
     const char* const begin = fields_.at();
-    const PlainNumber n = plain_number(begin, fields_.separator());
+    const bool quoted = *begin == '"';
+    const PlainNumber n = quoted ? plain_number(begin + 1, '"') : plain_number(begin, fields_.separator());
     if (!n.end) {
-      if (*begin != fields_.separator() && !fields_.at_line_end(begin)) return false;
+      if (!ends_at(begin)) return false;
       column.numbers.push_back(missing);
       return true;
     }
-    fields_.move_to(n.end);
+    if (quoted && (*n.end != '"' || !ends_at(n.end + 1))) return false;
+    fields_.move_to(n.end + (quoted ? 1 : 0));
     column.type = Type::number;
     column.point = column.point || n.point;
     if (n.leading_zero && column.leading_zero_row == 0) column.leading_zero_row = out_.rows;
     column.numbers.push_back(n.value);
     return true;
   }
+
+  bool ends_at(const char* p) const { return *p == fields_.separator() || fields_.at_line_end(p); }
 
   // The field at hand, whatever it is; one too many is passed over. False: a fault.
   bool written_field(std::size_t i)

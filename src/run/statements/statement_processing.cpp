@@ -6,6 +6,7 @@
 #include "host/values/text.h"
 #include "inference/outputs/fit_outputs.h"
 #include "inference/outputs/method_outputs.h"
+#include "model/unused_parameters.h"
 #include "run/statements/idle_options.h"
 #include "syntax/statement_names.h"
 #include "syntax/tree.h"
@@ -104,14 +105,7 @@ void distribution_data(ModelLists& n)
 void warn_unused_parameters(NX& n)
 {
   for (const auto& p : n.parmstr) {
-    if (p.sym->used) continue;
-    bool used = false;
-    for (const auto* list : {&n.estimates, &n.contrasts})
-      for (const auto& e : *list)
-        for (const auto* symbol : e.expr.s) used = used || engine::cmpcdep(*n.gcmp, symbol, p.sym);
-    for (const auto& r : n.reff)
-      for (const auto* symbol : r.distrsym.s) used = used || engine::cmpcdep(*n.gcmp, symbol, p.sym);
-    if (used || engine::cmpcdep(*n.gcmp, n.llsym, p.sym)) continue;
+    if (!model::unused(n, p)) continue;
     n.host->log().xpmlog(message::parameter_unused{.name = p.parmname});
     n.raise(4);
   }

@@ -21,77 +21,12 @@ using optimizer::MINSTR;
 
 namespace {
 
-constexpr double most_lengths = 100.0; // of a parameter in its unit
-constexpr int most_restarts = 4;       // of the technique
-constexpr int most_rounds = 12;        // of the trust region
-constexpr int most_sharpened = 6;      // times that a minimum in doubt is looked for anew
-constexpr int most_extensions = 3;     // of default limits, while a round gains `much` in -2 log L
+constexpr int most_rounds = 12;    // of the trust region
+constexpr int most_sharpened = 6;  // times that a minimum in doubt is looked for anew
+constexpr int most_extensions = 3; // of default limits, while a round gains `much` in -2 log L
 constexpr double much = 1.0;
 
 } // namespace
-
-// A run that carries an approximation of the Hessian stops early where the true one promises more than GCONV
-// allows: it goes on with the true one as its metric, as long as that pays.
-bool FitEnd::technique_goes_on(int code, double start)
-{
-  MINSTR& str = *n_.str;
-  const bool unsure = code == optimizer::code_gconv || code == optimizer::code_no_progress ||
-                      code == optimizer::code_absgconv || code == optimizer::code_fconv;
-  if (!unsure || !approximates_hessian(str.tech) || given_by_user(n_, code) || limits_reached(str)) return false;
-  if (!quickly_confirmed()) return false;
-  const double promised = 0.5 * judgement_.gain; // in the objective
-  const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
-  if (!(promised > allowed && start - str.crit > 0.1 * promised)) return false;
-  n_.metric = n_.covstr->hessian.elements;
-  n_.metric_point.assign(str.x, str.x + n_.nparm);
-  return true;
-}
-
-// The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.
-bool FitEnd::quickly_confirmed()
-{
-  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
-  const MINSTR& str = *n_.str;
-  const auto& hessian = n_.covstr->hessian;
-  if (!hessian.present || str.hfrm == 2) return false;
-  auto c = std::make_unique<FitCoordinates>(n_, str.x, false);
-  const FitCoordinates factors(n_, str.x);
-  if (factors.near_edge(1e-6)) return false;
-  Curvature curvature;
-  curvature.accuracy = 1e-6;
-  curvature.free = free_coordinates(*c, str.grad);
-  const auto h = [&](int i, int j) {
-    return hessian
-        .elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)];
-  };
-  // Whether a variance is held by its bound, or merely stands there, shows in the coordinates of the factor.
-  for (const int i : factors.edge_diagonals())
-    if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
-      return false;
-  std::vector<double> g(str.grad, str.grad + n_.nparm);
-  for (const int i : curvature.free) {
-    if (!(h(i, i) > 0)) return false;
-    c->set_scale(i, 1.0 / std::sqrt(h(i, i)));
-    g[static_cast<std::size_t>(i)] *= c->scale(i);
-    const bool variance = factors.in_factor(i) && factors.variance(i);
-    if (variance && str.x[i] < 0.2 * c->scale(i)) return false;
-  }
-  const int m = curvature.size();
-  curvature.hessian.resize(static_cast<std::size_t>(m * m));
-  for (int r = 0; r < m; ++r)
-    for (int k = 0; k < m; ++k) {
-      const int i = curvature.free[static_cast<std::size_t>(r)], j = curvature.free[static_cast<std::size_t>(k)];
-      curvature.hessian[static_cast<std::size_t>(r * m + k)] =
-          h(std::max(i, j), std::min(i, j)) * c->scale(i) * c->scale(j);
-    }
-  curvature.unturned();
-  FitSurface surface(n_, *c);
-  Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
-  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-2)) return false;
-  judgement_ = std::move(found);
-  coordinates_ = std::move(c);
-  return true;
-}
 
 void FitEnd::assess()
 {
@@ -164,49 +99,13 @@ bool FitEnd::sharpen()
   return true;
 }
 
-FitEnd::~FitEnd()
-{
-  if (n_.str->scale == scales_.data()) n_.str->scale = nullptr;
-}
-
-// What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
-void FitEnd::set_scales()
-{
-  MINSTR& str = *n_.str;
-  std::vector<double> products;
-  str.scale = nullptr;
-  if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
-  scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
-  for (std::size_t i = 0; i < scales_.size(); ++i) {
-    const double d = products[i * (i + 3) / 2];
-    if (d > 0.0 && std::isfinite(d)) scales_[i] = 1.0 / std::sqrt(d);
-    // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
-    if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
-  }
-  str.scale = scales_.data();
-}
-
 int FitEnd::run()
 {
   MINSTR& str = *n_.str;
+  maxiter_ = str.maxi;
+  maxfunc_ = str.maxf;
   start_.assign(str.x, str.x + n_.nparm);
-  set_scales();
-  int code = 0;
-  const int load = str.load;
-  for (int restart = 0;; ++restart) {
-    n_.optimizer_messages.clear();
-    n_.dependencies.clear();
-    const double start = str.crit;
-    {
-      const host::StageScope stage(n_.host->stages(), host::Stage::optimizer); // it ends with the covariance
-      code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
-    }
-    judgement_ = Judgement();
-    if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
-    str.continues = 1;
-    str.load = 1;
-  }
-  str.load = load;
+  int code = run_technique();
   if (n_.nparm == 0 || n_.noopt || n_.host->interrupted() || str.stop != 0) return code;
   if (!met_criterion(code) && !stuck(code) && !default_limit(n_, code)) return code;
 
@@ -221,7 +120,6 @@ int FitEnd::run()
   }
   if (evaluated && (judgement_.measured || quickly_confirmed())) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
-  const double maxi = str.maxi, maxf = str.maxf;
   extend_default_limits(n_);
   settle(code);
   for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
@@ -233,8 +131,8 @@ int FitEnd::run()
     if (!stopped() && start_again()) settle(code);
   }
   code = finish(code);
-  str.maxi = maxi;
-  str.maxf = maxf;
+  str.maxi = maxiter_;
+  str.maxf = maxfunc_;
   if (str.nitr > iterations && 2.0 * (f_technique - f_) >= gain_allowed)
     n_.host->log().xpmlog(message::confirmation_lowered_objective{
         .iterations = static_cast<long>(str.nitr - iterations), .from = 2.0 * f_technique, .to = 2.0 * f_});
@@ -287,83 +185,6 @@ bool FitEnd::start_again()
   coordinates_.reset();
   move_to(x);
   return true;
-}
-
-// A direction in which G all but vanishes vanishes, where that costs nothing.
-void FitEnd::to_the_edge()
-{
-  const std::vector<double> origin(x_.size(), 0.0);
-  std::vector<double> t(origin);
-  bool any = false;
-  for (const int i : coordinates_->edge_diagonals()) {
-    const double at_zero = -coordinates_->origin(i) / coordinates_->scale(i);
-    if (at_zero == 0.0 || std::abs(at_zero) > 0.1 || at_zero < coordinates_->lower(i)) continue;
-    t[static_cast<std::size_t>(i)] = at_zero;
-    any = true;
-  }
-  if (!any) return;
-  FitSurface surface(n_, *coordinates_);
-  double f = 0.0;
-  if (!surface.value(t.data(), f) || 2.0 * (f - f_) > 0.01 * gain_allowed) return;
-  std::vector<double> x(x_.size());
-  coordinates_->parameters(t.data(), x.data());
-  const double before = f_;
-  const auto old = x_;
-  move_to(x);
-  if (2.0 * (f_ - before) > 0.1 * gain_allowed) move_to(old);
-}
-
-int FitEnd::finish(int code)
-{
-  MINSTR& str = *n_.str;
-  auto& verdict = n_.verdict;
-  verdict.gain = judgement_.measured ? judgement_.gain : host::missing;
-  verdict.accuracy = 2e-14 * std::max(1.0, std::abs(2.0 * f_));
-  verdict.indefinite = judgement_.indefinite;
-  verdict.separated = judgement_.separated;
-  const bool minimum = judgement_.minimum();
-  if (moved_) {
-    const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
-    if (minimum) to_the_edge();
-    // Stage 2 without a technique: the point evaluated once more, its Hessian, its active bounds.
-    const int tech = std::exchange(str.tech, static_cast<int>(optimizer::NONE));
-    std::copy(x_.begin(), x_.end(), str.x);
-    n_.optimizer_messages.clear();
-    n_.dependencies.clear();
-    n_.dograd = str.fidi == 0;
-    str.continues = 1;
-    str.scale = nullptr; // the units of the start say nothing here
-    if (optimizer::znlpdrv(&str, 1, 0, 0, 0) == 0) optimizer::znlpdrv(&str, 2, 0, 0, 0);
-    str.tech = tech;
-  }
-  const bool by_user = given_by_user(n_, code);
-  if (minimum)
-    verdict.outcome = judgement_.null.empty() ? FitOutcome::confirmed : FitOutcome::confirmed_singular;
-  else if (by_user)
-    verdict.outcome = FitOutcome::user_criterion;
-  else if (!judgement_.measured && met_criterion(code))
-    verdict.outcome = FitOutcome::unconfirmed;
-  else
-    verdict.outcome = FitOutcome::not_minimum;
-  if (verdict.outcome == FitOutcome::not_minimum)
-    code = code_of_failure(n_);
-  else if (moved_ || !met_criterion(code)) {
-    code = optimizer::code_gconv;
-    n_.optimizer_messages.clear();
-    add_message(n_, status_message::criterion_met, optimizer::severity_note, {static_cast<double>(code)});
-  }
-  // The library's words on the size of a gradient and on singular matrices: the judge has better ones.
-  std::erase_if(n_.optimizer_messages, [](const host::Message& m) {
-    using namespace status_message;
-    constexpr host::MessageCode left_out[] = {
-        gradient_not_small,       one_singular_direction,  singular_hessian_dependencies,
-        singular_hessian_inverse, two_singular_directions, singular_directions,
-        negative_variances};
-    return std::any_of(std::begin(left_out), std::end(left_out),
-                       [&](host::MessageCode c) { return m.group == c.group && m.number == c.number; });
-  });
-  str.rcod = code;
-  return code;
 }
 
 } // namespace torvale::solve

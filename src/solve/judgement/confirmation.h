@@ -22,6 +22,11 @@ public:
   // minimum could be confirmed.
   int run();
 
+  // Whether the minimum stands with more points in the integrals, where they change enough to matter
+  // (docs/convergence.md); call after check_points. Returns the termination code: another where it does not, unless the
+  // program gave QPOINTS=.
+  int question_integrals(int code);
+
   // True when the judge measured the curvature himself; the covariance of the estimates and the null space then come
   // from there.
   bool measured() const { return accurate_ && judgement_.measured; }
@@ -29,9 +34,12 @@ public:
   const FitCoordinates& coordinates() const { return *coordinates_; }
 
 private:
+  // technique_run.cpp
   void set_scales();
+  int run_technique();
   bool technique_goes_on(int code, double start);
   bool quickly_confirmed();
+  // confirmation.cpp
   void assess();
   bool go_on();
   bool sharpen();
@@ -40,21 +48,22 @@ private:
   bool doubtful(int code) const;
   bool start_again();
   void move_to(const std::vector<double>& x);
+  // fit_outcome.cpp
   void to_the_edge();
-  int failed_code();
   int finish(int code);
 
   model::NX& n_;
   std::unique_ptr<FitCoordinates> coordinates_;
   Judgement judgement_;
   bool accurate_ = false;
-  bool falling_ = false;       // the last round of the trust region gained much
-  bool moved_ = false;         // the point is not the technique's own any more
-  std::vector<double> x_;      // the point
-  double f_ = 0.0;             // objective there
-  std::vector<double> g_;      // gradient by the parameters
-  std::vector<double> start_;  // starting values
-  std::vector<double> scales_; // of the technique's run
+  bool falling_ = false;                 // the last round of the trust region gained much
+  bool moved_ = false;                   // the point is not the technique's own any more
+  double maxiter_ = 0.0, maxfunc_ = 0.0; // limits before they were extended
+  std::vector<double> x_;                // the point
+  double f_ = 0.0;                       // objective there
+  std::vector<double> g_;                // gradient by the parameters
+  std::vector<double> start_;            // starting values
+  std::vector<double> scales_;           // of the technique's run
 };
 
 } // namespace torvale::solve

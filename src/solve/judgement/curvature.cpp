@@ -57,6 +57,13 @@ void without_quartic(FitSurface& surface, int i, const std::vector<double>& d, d
   for (std::size_t j = 0; j < column.size(); ++j) column[j] = (4.0 * column[j] - wide[j]) / 3.0;
 }
 
+// A step that changes the parameter by a few units in its last place, or not at all.
+bool no_step(const FitCoordinates& c, int i, double h)
+{
+  constexpr double few = 8.0 * std::numeric_limits<double>::epsilon();
+  return c.plain(i) && h * c.scale(i) < few * c.own_size(i);
+}
+
 // Finds the scale of coordinate i: its interval is right when the curvature over it is that of `step` standard
 // errors, or when a longer one fails. column receives the derivative by the coordinate in its final scale.
 bool measure_coordinate(FitSurface& surface, int i, double step, const double* g0, std::vector<double>& column)
@@ -66,6 +73,11 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
   d[static_cast<std::size_t>(i)] = 1.0;
   double h = step, fails = std::numeric_limits<double>::infinity();
   for (int trial = 0; trial < most_trials; ++trial) {
+    if (std::isfinite(fails) && no_step(surface.coordinates(), i, h)) {       // whatever can be told apart fails
+      surface.coordinates().set_scale(i, surface.coordinates().scale(i) * h); // which noise_of will tell
+      column.assign(d.size(), 0.0);
+      return true;
+    }
     if (!gradient_along(surface, d, h, g0, column)) {
       fails = h;
       h *= 0.1;
@@ -206,10 +218,10 @@ bool measure_by_values(FitSurface& surface, double f, Curvature& out)
 double noise_of(FitSurface& surface, const std::vector<int>& free, double f)
 {
   constexpr int most = 3; // coordinates looked at
-  constexpr double unit = std::numeric_limits<double>::epsilon(), few = 8.0, many = 64.0, shortest = 1e-6;
+  constexpr double unit = std::numeric_limits<double>::epsilon(), many = 64.0, shortest = 1e-6;
   const FitCoordinates& c = surface.coordinates();
   for (const int i : free)
-    if (c.plain(i) && c.scale(i) < few * unit * c.own_size(i)) return 1.0;
+    if (no_step(c, i, 1.0)) return 1.0;
   double noise = 0.0;
   std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
   int looked_at = 0;

@@ -62,9 +62,10 @@ private:
       if (most < 0 || std::abs(steps_.vector(i, k)) > std::abs(steps_.vector(most, k))) most = i;
     const int j = steps_.coordinate(most);
     const double home = -std::copysign(c_.own_size(j), c_.origin(j)) / (c_.scale(j) * steps_.vector(most, k)); // to 0
-    const bool whole = home != 0.0 && std::isfinite(home) && j != c_.logarithm() && steps_.along(k, home) >= far_rise &&
-                       steps_.inside() &&
-                       steps_.outward([&](double a) { return steps_.along(k, a); }, -home) < gain_allowed;
+    const bool usable = home != 0.0 && std::isfinite(home) && j != c_.logarithm();
+    const double back = usable ? steps_.along(k, home) : 0.0;
+    const bool whole = back >= far_rise && back < TestSteps::fails && steps_.inside() &&
+                       steps_.flat_outward([&](double a) { return steps_.along(k, a); }, -home, back);
     for (int i = 0; i < steps_.size(); ++i) {
       const int own = steps_.coordinate(i);
       if (steps_.share(i, k) > 0.3 && (whole || runs_away(own))) steps_.note_separated(own);
@@ -84,9 +85,9 @@ private:
   // Coordinate j alone rises on the way to 0, and not on the way out.
   bool runs_away(int j)
   {
-    const double home = way_home(j);
-    return home != 0.0 && steps_.of(j, home) >= gain_allowed &&
-           steps_.outward([&](double a) { return steps_.of(j, a); }, -home) < gain_allowed;
+    const double home = way_home(j), back = home != 0.0 ? steps_.of(j, home) : 0.0;
+    return back >= gain_allowed && back < TestSteps::fails &&
+           steps_.flat_outward([&](double a) { return steps_.of(j, a); }, -home, back);
   }
 
   double way_home(int j) const
@@ -112,6 +113,25 @@ void finite_tests(FitSurface& surface, double f, const double* g, Judgement& out
   tests.curved_directions();
   tests.small_parameters();
   if (out.better.empty() && out.separated.empty()) runaway_tests(tests.steps(), surface.coordinates(), f, g, out);
+}
+
+double least_rise(const Judgement& judged)
+{
+  double least = TestSteps::fails;
+  for (const auto& rise : judged.rises) least = std::min(least, rise.by);
+  return least;
+}
+
+bool rises_stand(FitSurface& refined, const Judgement& judged)
+{
+  const std::vector<double> origin(static_cast<std::size_t>(refined.coordinates().size()), 0.0);
+  double at_origin = 0.0, f = 0.0;
+  if (!refined.value(origin.data(), at_origin)) return true;
+  return std::all_of(judged.rises.begin(), judged.rises.end(), [&](const Judgement::Rise& rise) {
+    if (!refined.value(rise.t.data(), f)) return true;
+    const double by = 2.0 * (f - at_origin);
+    return by - std::abs(by - rise.by) >= gain_allowed;
+  });
 }
 
 } // namespace torvale::solve

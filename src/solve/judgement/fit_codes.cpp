@@ -74,7 +74,7 @@ bool out_of_iterations(const NX& n)
   return (iterations || calls) && str.mtim < str.upti;
 }
 
-int code_of_failure(NX& n)
+int code_of_failure(NX& n, double maxiter, double maxfunc)
 {
   const MINSTR& str = *n.str;
   n.optimizer_messages.clear();
@@ -84,7 +84,7 @@ int code_of_failure(NX& n)
     return optimizer::code_time;
   }
   const auto limit = str.nitr >= str.maxi ? status_message::maxiter_reached : status_message::maxfunc_reached;
-  add_message(n, limit, str.zmsg, {str.maxi, str.maxf});
+  add_message(n, limit, str.zmsg, {maxiter, maxfunc});
   return optimizer::code_limit;
 }
 

@@ -24,8 +24,9 @@ bool limits_reached(const optimizer::MINSTR& str);
 // out_of_iterations: a limit is reached that the program did not set.
 bool out_of_iterations(const model::NX& n);
 
-// code_of_failure: the code of a fit that did not get to a minimum; its message replaces those of the technique.
-int code_of_failure(model::NX& n);
+// code_of_failure: the code of a fit that did not get to a minimum; its message replaces those of the technique, and
+// tells MAXITER and MAXFUNC as the program (or the default) has them.
+int code_of_failure(model::NX& n, double maxiter, double maxfunc);
 
 // add_message: one of the optimizer's own messages, as if it had sent it.
 void add_message(model::NX& n, host::MessageCode code, int severity, std::initializer_list<double> values);

@@ -3,6 +3,7 @@
 #include "host/messages/names/fit.h"
 #include "host/messages/names/labels.h"
 #include "host/messages/names/starting_values.h"
+#include "model/unused_parameters.h"
 #include "solve/course/course.h"
 #include "solve/judgement/estimate_covariance.h"
 
@@ -180,11 +181,16 @@ void report_verdict(NX& n)
   const auto& verdict = n.verdict;
   auto& log = n.host->log();
   std::vector<int> unidentified;
-  for (int i = 0; i < n.nparm; ++i)
-    if (verdict.identified[static_cast<std::size_t>(i)] == 0) unidentified.push_back(i);
+  auto directions = static_cast<double>(verdict.flat.size());
+  for (int i = 0; i < n.nparm; ++i) {
+    if (verdict.identified[static_cast<std::size_t>(i)] != 0) continue;
+    if (model::unused(n, n.parmstr[static_cast<std::size_t>(i)]))
+      --directions; // which was told of when the program was read
+    else
+      unidentified.push_back(i);
+  }
   if (!unidentified.empty())
-    log.xpmlog(message::more_zero_eigenvalues{.count = static_cast<double>(verdict.flat.size()),
-                                              .names = names_of(n, unidentified)});
+    log.xpmlog(message::more_zero_eigenvalues{.count = directions, .names = names_of(n, unidentified)});
   if (verdict.outcome == FitOutcome::confirmed_singular || verdict.outcome == FitOutcome::confirmed) return;
   if (verdict.indefinite)
     log.xpmlog(message::negative_eigenvalues{.matrix = host::xpmstr(label::final_hessian_matrix), .count = n.det[3]});
@@ -193,6 +199,8 @@ void report_verdict(NX& n)
   if (!std::isnan(verdict.gain)) gain = verdict.gain;
   if (verdict.outcome == FitOutcome::user_criterion) {
     log.xpmlog(message::stopped_by_given_criterion{.gain = gain});
+  } else if (verdict.unsettled) {
+    // Said where it was found.
   } else if (!verdict.separated.empty() && !verdict.indefinite) {
     log.xpmlog(message::likelihood_rises_without_end{.names = names_of(n, verdict.separated)});
   } else if (verdict.outcome == FitOutcome::not_minimum) {

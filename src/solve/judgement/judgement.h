@@ -26,6 +26,11 @@ struct Judgement {
   bool creeps = false;        // looked for anew it has gained more than is allowed, bit by bit, and is in doubt still
   std::vector<int> null;      // eigenvalues that are 0
   std::vector<int> separated; // coordinates along which the objective does not rise within a standard error
+  struct Rise {
+    std::vector<double> t;
+    double by = 0.0; // in -2 log L
+  };
+  std::vector<Rise> rises;    // steps of a standard error that had to rise, and did
   std::vector<double> better; // t of a point that a test met and that is lower by more than gain_allowed; or empty
   double lower_by = 0.0;      // its gain in -2 log L
 
@@ -44,6 +49,13 @@ std::vector<int> free_coordinates(const FitCoordinates& c, const double* g);
 //   direction (all, where the coordinates had to be turned), and along parameters whose error exceeds them, one
 //   standard error either way raises the objective.
 Judgement judge(FitSurface& surface, double f, const double* g);
+
+// least_rise: the least of what the steps of a standard error raised -2 log L by.
+double least_rise(const Judgement& judged);
+
+// rises_stand: whether the same steps rise on a surface that has another rule for its integrals, by more than the two
+// rules differ: what one refinement changes another may change again. True where the surface cannot be evaluated.
+bool rises_stand(FitSurface& refined, const Judgement& judged);
 
 // judge_given: the same with a Hessian that is there already.
 Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g);

@@ -59,14 +59,27 @@ private:
     if (!steps_.rises_by(step, 1.0)) steps_.note_separated(step);
   }
 
-  // Home are all parameters at 0. Where the way back rises, and as far on nothing does, the estimates stand on a tail:
-  // slopes that pass for those of a minimum make no such difference between the sides.
+  // Home are all parameters at 0. Where the way back rises far more than slope and curvature promise, and as far on
+  // nothing does, the estimates stand on a tail.
   void tail(const std::vector<double>& way)
   {
+    if (dot(way, way) == 0.0) return;
     const auto change = [&](double a) { return steps_.by(way, a); };
-    if (dot(way, way) == 0.0 || steps_.outward(change, -1.0) >= gain_allowed) return;
     const double back = change(1.0);
-    if (back < TestSteps::fails && back >= far_rise) steps_.note_separated(way);
+    if (!(back < TestSteps::fails && back >= far_rise && back > 10.0 * promised(way))) return;
+    if (steps_.flat_outward(change, -1.0, back)) steps_.note_separated(way);
+  }
+
+  // Turned directions are not orthogonal: there the slope alone promises.
+  double promised(const std::vector<double>& way) const
+  {
+    double sum = 2.0 * std::abs(slope(way));
+    for (int k = 0; k < steps_.size() && !out_.curvature.turned; ++k) {
+      double part = 0.0;
+      for (int i = 0; i < steps_.size(); ++i) part += steps_.vector(i, k) * way[static_cast<std::size_t>(i)];
+      sum += std::max(out_.eigenvalues[static_cast<std::size_t>(k)], 0.0) * part * part;
+    }
+    return sum;
   }
 
   // The way home inside the null space: what is identified stays as it is.

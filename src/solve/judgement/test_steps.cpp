@@ -49,6 +49,14 @@ double TestSteps::change()
   return rise;
 }
 
+bool TestSteps::rises(double change)
+{
+  if (past_zero()) return true;
+  if (!(change >= gain_allowed)) return false;
+  if (change < fails) out_.rises.push_back({t_, change});
+  return true;
+}
+
 bool TestSteps::past_zero() const
 {
   const FitCoordinates& c = surface_.coordinates();

@@ -41,20 +41,32 @@ public:
   double by(const std::vector<double>& way, double a);
 
   // Whether such a step raises -2 log L by what counts. At 0 the root of a variance meets its mirror image: a bound.
-  bool rises_along(int k, double a) { return along(k, a) >= gain_allowed || past_zero(); }
-  bool rises_of(int coordinate, double a) { return of(coordinate, a) >= gain_allowed || past_zero(); }
-  bool rises_by(const std::vector<double>& way, double a) { return by(way, a) >= gain_allowed || past_zero(); }
+  bool rises_along(int k, double a) { return rises(along(k, a)); }
+  bool rises_of(int coordinate, double a) { return rises(of(coordinate, a)); }
+  bool rises_by(const std::vector<double>& way, double a) { return rises(by(way, a)); }
   // Whether the last step stayed inside the bounds.
   bool inside() const { return surface_.coordinates().inside(t_.data()); }
 
-  // The change at the longest of the steps a, a/2, a/4, ... that can be evaluated, or at half of that, where the edge
-  // is no longer felt; fails when none of them can.
-  template <class Change> double outward(Change change, double a)
+  // Whether nothing rises on the way out, at the longest of the steps a, a/2, a/4, ... that can be evaluated; `back` is
+  // what the way home, of length |a|, rises by. Near the edge of what can be evaluated a sum over points loses some of
+  // them and rises for that. There an exponential's tail is told by the way home, of which the first half is flat, and
+  // by shorter steps, which do not rise; a bent ridge rises by a share of the whole.
+  template <class Change> bool flat_outward(Change change, double a, double back)
   {
-    constexpr int most_halvings = 20;
-    for (int halving = 0; halving <= most_halvings; ++halving, a *= 0.5)
-      if (const double rise = change(a); rise < fails) return std::min(rise, change(0.5 * a));
-    return fails;
+    constexpr int most_halvings = 20, before_the_edge = 4;
+    constexpr double share = 1e-3, nothing = 1e-8;
+    for (int halving = 0; halving <= most_halvings; ++halving) {
+      double part = std::ldexp(1.0, -halving);
+      const double rise = change(part * a);
+      if (!(rise < fails)) continue;
+      if (rise < gain_allowed || change(0.5 * part * a) < gain_allowed) return true;
+      if (halving == 0 || !(change(-0.5 * a) < share * back)) return false;
+      part *= 0.25;
+      for (int more = 0; more < before_the_edge; ++more, part *= 0.5)
+        if (change(part * a) < nothing * back) return true;
+      return false;
+    }
+    return false;
   }
 
   // A direction's coordinates with a share that counts, and one coordinate, have run away.
@@ -63,6 +75,7 @@ public:
 
 private:
   double change();
+  bool rises(double change);
   bool past_zero() const;
 
   FitSurface& surface_;

@@ -1,6 +1,6 @@
+#include "solve/start/point_selection.h"
 #include "host/messages/names/fit.h"
 #include "host/messages/names/starting_values.h"
-#include "solve/start/starting_grid.h"
 
 #include "host/host_exit.h"
 #include "host/values/whole_number.h"
@@ -71,6 +71,8 @@ void evaluate_start(NX& n)
   integration::tvllike(n);
 }
 
+} // namespace
+
 void take_points(NX& n, int points)
 {
   n.nqp = points;
@@ -78,12 +80,16 @@ void take_points(NX& n, int points)
   integration::size_contexts(n);
 }
 
-} // namespace
+int finer_points(int points)
+{
+  return 2 * points + 1;
+}
 
 bool more_points(NX& n)
 {
   if (n.nreff() == 0 || (n.method != 0 && n.method != 3) || n.nqpspec || n.noopt || n.host->interrupted()) return false;
   const int in_use = n.nqp;
+  n.verdict.cut_short_by_qmax = false;
   n.parm.assign(n.str->x, n.str->x + n.nparm);
   n.dograd = false;
   int count = in_use;
@@ -91,8 +97,7 @@ bool more_points(NX& n)
   for (;;) {
     const int next = next_count(n, count);
     if (next == 0) {
-      n.host->log().xpmlog(message::more_points_than_qmax{.tolerance = n.qtol, .points = count});
-      n.raise(4);
+      n.verdict.cut_short_by_qmax = true;
       break;
     }
     const double g = evaluate_with(n, next);
@@ -110,9 +115,13 @@ void check_points(NX& n)
   auto& verdict = n.verdict;
   const auto leave_out = [&](const char* why) { verdict.quadrature_reason = why; };
   if (n.nreff() == 0 || n.nqp < 1 || n.host->interrupted()) return;
+  if (verdict.cut_short_by_qmax) {
+    n.host->log().xpmlog(message::more_points_than_qmax{.tolerance = n.qtol, .points = n.nqp});
+    n.raise(4);
+  }
   if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
   if (n.nreff() > 1) return leave_out("nested levels");
-  const int in_use = n.nqp, finer = 2 * in_use + 1;
+  const int in_use = n.nqp, finer = finer_points(in_use);
   const double nr = n.leaf().nr;
   if (std::pow(static_cast<double>(finer) / in_use, nr) > most_times_as_dear || std::pow(finer, nr) > most_points)
     return leave_out("an evaluation with twice the points would cost too much");

@@ -1,4 +1,5 @@
 #include "solve/start/starting_grid.h"
+#include "solve/start/point_selection.h"
 
 #include "data/starting_values.h"
 #include "evaluation/likelihood_programs.h"

@@ -170,6 +170,13 @@ constexpr CatalogueEntry entries[] = {
     {503, 9416, "integral_changes_with_points", W,
      "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
      "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
+    {503, 9420, "minimum_of_the_points", W,
+     "The estimates may be no minimum: a standard error from them -2 log L rises by as much as {points} quadrature points "
+     "in place of {before} change that.",
+     "The integrands are narrow or steep beside the distance of the points (a large variance of random effects, "
+     "responses "
+     "that subjects tell apart completely); sums over few points then have minima that the likelihood does not have.",
+     "QPOINTS={points} or more, a larger QMAX=; BOUNDS for a variance that goes on growing."},
     {503, 9417, "miniter_not_reached", N,
      "The fit ended after {iterations} iterations, before MINITER={least}: nothing was left to gain.", "", ""},
     {503, 9343, "interrupted", W, "The run was interrupted; what was finished is written.", "",

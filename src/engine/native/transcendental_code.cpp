@@ -1,0 +1,157 @@
+// Exponentials and logarithms in machine code, after lane_exponential.h, lane_logarithm.h and lane_compartments.h.
+// Where one of them changes, its counterpart here must: a test runs both on the same lanes.
+
+#include "engine/native/kernel_writer.h"
+
+namespace torvale::engine {
+
+bool TranscendentalWriter::write()
+{
+  switch (op_.kernel) {
+  case Kernel::exp:
+    return exponential();
+  case Kernel::log:
+  case Kernel::log_or_zero:
+  case Kernel::log_or_minus_infinity:
+    return logarithm();
+  case Kernel::exp_of_factors:
+    return exp_of_factors();
+  case Kernel::log1p_fraction:
+    return log1p_fraction();
+  case Kernel::exp_mean:
+    return exp_mean();
+  default:
+    return false;
+  }
+}
+
+// exp_of_regular of lane_exponential.h.
+bool TranscendentalWriter::exponential()
+{
+  const int a = number(0), shifted = registers_.temporary(), r2 = registers_.temporary(), r = registers_.temporary(),
+            r4 = registers_.temporary(), high = registers_.temporary(), pair = registers_.temporary(), result = out();
+  code_.bitwise(Bitwise::and_, t_, a, constant(Constant::all_but_sign));
+  code_.compare(m_, Predicate::not_less_equal, t_, constant(Constant::exp_regular));
+  RareCall& rare = unless(m_, {a}, result);
+  const auto linear = [&](int to, int k) { // p[k] + p[k + 1] r
+    code_.move(to, constant(Constant::exp_p + (k + 1)));
+    code_.multiply_plus(to, r, constant(Constant::exp_p + k));
+  };
+  code_.move(shifted, constant(Constant::exp_shifter));
+  code_.add_product(shifted, a, constant(Constant::exp_per_log2));
+  code_.arithmetic(Arithmetic::subtract, r2, shifted, constant(Constant::exp_shifter)); // k
+  code_.move(r, reg(a));
+  code_.add_product(r, r2, constant(Constant::minus_log2_high));
+  code_.add_product(r, r2, constant(Constant::minus_log2_low));
+  code_.arithmetic(Arithmetic::multiply, r2, r, reg(r));
+  code_.arithmetic(Arithmetic::multiply, r4, r2, reg(r2));
+  linear(t_, 0);
+  linear(pair, 2);
+  code_.add_product(t_, r2, reg(pair));
+  linear(high, 4);
+  linear(pair, 6);
+  code_.add_product(high, r2, reg(pair));
+  linear(pair, 8);
+  code_.add_product(high, r4, reg(pair));
+  code_.add_product(t_, r4, reg(high));
+  code_.add_product(r, r2, reg(t_));
+  code_.arithmetic(Arithmetic::add, r, r, constant(Constant::one));
+  code_.shift_left(shifted, shifted, 52);
+  code_.add_bits(result, r, reg(shifted));
+  code_.L(rare.back);
+  return true;
+}
+
+bool TranscendentalWriter::logarithm()
+{
+  const int a = number(0);
+  const LogarithmRegisters at = take_registers(-1);
+  code_.compare(m_, Predicate::less, a, constant(Constant::log_least_normal));
+  code_.compare(n_, Predicate::not_less, a, constant(Constant::infinity));
+  code_.combine(MaskOp::or_, m_, m_, n_);
+  RareCall& rare = unless(m_, {a}, at.result);
+  log_of_normal(a, at);
+  code_.L(rare.back);
+  return true;
+}
+
+bool TranscendentalWriter::exp_of_factors()
+{
+  const int a = number(0), b = number(1), c = number(2), result = out();
+  code_.arithmetic(Arithmetic::multiply, t_, a, reg(b));
+  code_.compare(m_, Predicate::unordered, t_, reg(c));
+  RareCall& rare = unless(m_, {a, b, c}, result);
+  code_.move(result, reg(t_));
+  code_.L(rare.back);
+  return true;
+}
+
+// The sum 1 + a is a normal number from 1 to 2, or missing with a.
+bool TranscendentalWriter::log1p_fraction()
+{
+  const int a = number(0), u = number(1), w = number(2), lost = registers_.temporary();
+  code_.arithmetic(Arithmetic::subtract, lost, u, constant(Constant::one));
+  code_.arithmetic(Arithmetic::subtract, lost, a, reg(lost));
+  code_.arithmetic(Arithmetic::multiply, lost, lost, reg(w));
+  log_of_normal(u, take_registers(lost));
+  return true;
+}
+
+TranscendentalWriter::LogarithmRegisters TranscendentalWriter::take_registers(int term)
+{
+  LogarithmRegisters at{};
+  for (int* const r : {&at.k, &at.s, &at.half, &at.s2, &at.curved}) *r = registers_.temporary();
+  at.term = term;
+  at.result = out();
+  return at;
+}
+
+// log_of_normal of lane_logarithm.h.
+void TranscendentalWriter::log_of_normal(int a, const LogarithmRegisters& at)
+{
+  const auto [k, s, half, s2, curved, term, result] = at;
+  code_.subtract_bits(t_, a, constant(Constant::log_root_half));
+  code_.add_bits(k, t_, constant(Constant::log_bias));
+  code_.shift_right(k, k, 52);
+  code_.bitwise(Bitwise::or_, k, k, constant(Constant::log_whole));
+  code_.arithmetic(Arithmetic::subtract, k, k, constant(Constant::log_offset));
+  code_.bitwise(Bitwise::and_, t_, t_, constant(Constant::log_fraction));
+  code_.add_bits(t_, t_, constant(Constant::log_root_half));
+  code_.arithmetic(Arithmetic::subtract, t_, t_, constant(Constant::one)); // f
+  code_.arithmetic(Arithmetic::add, s, t_, constant(Constant::two));
+  code_.arithmetic(Arithmetic::divide, s, t_, reg(s));
+  code_.arithmetic(Arithmetic::multiply, s2, s, reg(s));
+  code_.arithmetic(Arithmetic::multiply, half, t_, constant(Constant::half));
+  code_.arithmetic(Arithmetic::multiply, half, half, reg(t_));
+  code_.move(curved, constant(Constant::log_r));
+  for (int j = 1; j < 7; ++j) code_.multiply_plus(curved, s2, constant(Constant::log_r + j));
+  code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s2));
+  code_.arithmetic(Arithmetic::add, curved, curved, reg(half));
+  code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s));
+  code_.arithmetic(Arithmetic::multiply, s2, k, constant(Constant::log2_low));
+  if (term >= 0) code_.arithmetic(Arithmetic::add, s2, s2, reg(term));
+  code_.arithmetic(Arithmetic::add, curved, curved, reg(s2));
+  code_.arithmetic(Arithmetic::subtract, half, half, reg(curved));
+  code_.arithmetic(Arithmetic::subtract, half, half, reg(t_));
+  code_.arithmetic(Arithmetic::multiply, k, k, constant(Constant::log2_high));
+  code_.arithmetic(Arithmetic::subtract, result, k, reg(half));
+}
+
+// The mean by parts that the plan has made, operand 6, where the rates are more than 1 apart (operand 5); the kernel
+// does what is nearer.
+bool TranscendentalWriter::exp_mean()
+{
+  if (op_.index < 0) return false;
+  const int x = number(0), y = number(1), ex = number(2), ey = number(3), d = number(5), far = number(6);
+  const Operand& shown = source(7);
+  const int result = out();
+  code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
+  code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
+  RareCall& rare = unless(m_, {x, y, ex, ey}, result);
+  rare.order = op_.index;
+  code_.arithmetic(Arithmetic::add, result, far, shown);
+  code_.L(rare.back);
+  return true;
+}
+
+} // namespace torvale::engine

@@ -1,0 +1,124 @@
+#include "host/messages/names/fit.h"
+#include "host/messages/names/optimizer.h"
+#include "optimizer/messages/messages.h"
+#include "optimizer/optimizer.h"
+#include "solve/judgement/confirmation.h"
+#include "solve/judgement/fit_codes.h"
+#include "solve/start/point_selection.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace torvale::solve {
+
+using model::FitOutcome;
+using optimizer::MINSTR;
+
+// A direction in which G all but vanishes vanishes, where that costs nothing.
+void FitEnd::to_the_edge()
+{
+  const std::vector<double> origin(x_.size(), 0.0);
+  std::vector<double> t(origin);
+  bool any = false;
+  for (const int i : coordinates_->edge_diagonals()) {
+    const double at_zero = -coordinates_->origin(i) / coordinates_->scale(i);
+    if (at_zero == 0.0 || std::abs(at_zero) > 0.1 || at_zero < coordinates_->lower(i)) continue;
+    t[static_cast<std::size_t>(i)] = at_zero;
+    any = true;
+  }
+  if (!any) return;
+  FitSurface surface(n_, *coordinates_);
+  double f = 0.0;
+  if (!surface.value(t.data(), f) || 2.0 * (f - f_) > 0.01 * gain_allowed) return;
+  std::vector<double> x(x_.size());
+  coordinates_->parameters(t.data(), x.data());
+  const double before = f_;
+  const auto old = x_;
+  move_to(x);
+  if (2.0 * (f_ - before) > 0.1 * gain_allowed) move_to(old);
+}
+
+int FitEnd::finish(int code)
+{
+  MINSTR& str = *n_.str;
+  auto& verdict = n_.verdict;
+  verdict.gain = judgement_.measured ? judgement_.gain : host::missing;
+  verdict.accuracy = 2e-14 * std::max(1.0, std::abs(2.0 * f_));
+  verdict.indefinite = judgement_.indefinite;
+  verdict.separated = judgement_.separated;
+  const bool minimum = judgement_.minimum();
+  if (moved_) {
+    const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+    if (minimum) to_the_edge();
+    // Stage 2 without a technique: the point evaluated once more, its Hessian, its active bounds.
+    const int tech = std::exchange(str.tech, static_cast<int>(optimizer::NONE));
+    std::copy(x_.begin(), x_.end(), str.x);
+    n_.optimizer_messages.clear();
+    n_.dependencies.clear();
+    n_.dograd = str.fidi == 0;
+    str.continues = 1;
+    str.scale = nullptr; // the units of the start say nothing here
+    if (optimizer::znlpdrv(&str, 1, 0, 0, 0) == 0) optimizer::znlpdrv(&str, 2, 0, 0, 0);
+    str.tech = tech;
+  }
+  const bool by_user = given_by_user(n_, code);
+  if (minimum)
+    verdict.outcome = judgement_.null.empty() ? FitOutcome::confirmed : FitOutcome::confirmed_singular;
+  else if (by_user)
+    verdict.outcome = FitOutcome::user_criterion;
+  else if (!judgement_.measured && met_criterion(code))
+    verdict.outcome = FitOutcome::unconfirmed;
+  else
+    verdict.outcome = FitOutcome::not_minimum;
+  if (verdict.outcome == FitOutcome::not_minimum)
+    code = code_of_failure(n_, maxiter_, maxfunc_);
+  else if (moved_ || !met_criterion(code)) {
+    code = optimizer::code_gconv;
+    n_.optimizer_messages.clear();
+    add_message(n_, status_message::criterion_met, optimizer::severity_note, {static_cast<double>(code)});
+  }
+  // The library's words on the size of a gradient and on singular matrices: the judge has better ones.
+  std::erase_if(n_.optimizer_messages, [](const host::Message& m) {
+    using namespace status_message;
+    constexpr host::MessageCode left_out[] = {
+        gradient_not_small,       one_singular_direction,  singular_hessian_dependencies,
+        singular_hessian_inverse, two_singular_directions, singular_directions,
+        negative_variances};
+    return std::any_of(std::begin(left_out), std::end(left_out),
+                       [&](host::MessageCode c) { return m.group == c.group && m.number == c.number; });
+  });
+  str.rcod = code;
+  return code;
+}
+
+// A sum over points has minima of its own where integrands are steeper than the points are dense. A change of the
+// objective by more points that is more than a fiftieth of what a standard error's step raised it by can make such a
+// minimum: the steps are tried once more, with more points.
+int FitEnd::question_integrals(int code)
+{
+  auto& verdict = n_.verdict;
+  const bool minimum = verdict.outcome == FitOutcome::confirmed || verdict.outcome == FitOutcome::confirmed_singular;
+  if (!minimum || !judgement_.measured || coordinates_ == nullptr || std::isnan(verdict.quadrature_change)) return code;
+  const bool harmless = std::abs(verdict.quadrature_change) <= 0.02 * least_rise(judgement_);
+  if (harmless && !verdict.cut_short_by_qmax) return code;
+  const int in_use = n_.nqp, finer = finer_points(in_use);
+  const bool with_gradient = n_.dograd;
+  const double at_estimates = n_.objfun;
+  take_points(n_, finer);
+  FitSurface surface(n_, *coordinates_);
+  verdict.unsettled = !rises_stand(surface, judgement_);
+  take_points(n_, in_use);
+  n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);
+  n_.dograd = with_gradient;
+  n_.objfun = at_estimates;
+  if (!verdict.unsettled) return code;
+  n_.host->log().xpmlog(message::minimum_of_the_points{.points = finer, .before = in_use});
+  n_.raise(4);
+  if (n_.nqpspec) return code; // the sum over these points is what was asked for
+  verdict.outcome = FitOutcome::not_minimum;
+  n_.optimizer_messages.clear();
+  return n_.str->rcod = optimizer::code_no_progress;
+}
+
+} // namespace torvale::solve

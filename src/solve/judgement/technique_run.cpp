@@ -1,0 +1,132 @@
+#include "integration/objective.h"
+#include "optimizer/optimizer.h"
+#include "solve/judgement/confirmation.h"
+#include "solve/judgement/fit_codes.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::solve {
+
+using optimizer::MINSTR;
+
+namespace {
+
+constexpr double most_lengths = 100.0; // of a parameter in its unit
+constexpr int most_restarts = 4;       // of the technique
+
+} // namespace
+
+FitEnd::~FitEnd()
+{
+  if (n_.str->scale == scales_.data()) n_.str->scale = nullptr;
+}
+
+// What a parameter changes of the likelihood of a subject (an observation without random effects) is its unit.
+void FitEnd::set_scales()
+{
+  MINSTR& str = *n_.str;
+  std::vector<double> products;
+  str.scale = nullptr;
+  if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
+  scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
+  for (std::size_t i = 0; i < scales_.size(); ++i) {
+    const double d = products[i * (i + 3) / 2];
+    if (d > 0.0 && std::isfinite(d)) scales_[i] = 1.0 / std::sqrt(d);
+    // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
+    if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
+  }
+  str.scale = scales_.data();
+}
+
+// The technique to its own end, and once more where the Hessian at the end promises more than it asked for.
+int FitEnd::run_technique()
+{
+  MINSTR& str = *n_.str;
+  set_scales();
+  int code = 0;
+  const int load = str.load;
+  for (int restart = 0;; ++restart) {
+    n_.optimizer_messages.clear();
+    n_.dependencies.clear();
+    const double start = str.crit;
+    {
+      const host::StageScope stage(n_.host->stages(), host::Stage::optimizer); // it ends with the covariance
+      code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
+    }
+    judgement_ = Judgement();
+    if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
+    str.continues = 1;
+    str.load = 1;
+    // The tests have evaluated elsewhere; the run goes on from the gradient at its own point.
+    n_.dograd = str.fidi == 0;
+    integration::nlpfunc(&str);
+  }
+  str.load = load;
+  return code;
+}
+
+// A run that carries an approximation of the Hessian stops early where the true one promises more than GCONV
+// allows: it goes on with the true one as its metric, as long as that pays.
+bool FitEnd::technique_goes_on(int code, double start)
+{
+  MINSTR& str = *n_.str;
+  const bool unsure = code == optimizer::code_gconv || code == optimizer::code_no_progress ||
+                      code == optimizer::code_absgconv || code == optimizer::code_fconv;
+  if (!unsure || !approximates_hessian(str.tech) || given_by_user(n_, code) || limits_reached(str)) return false;
+  if (!quickly_confirmed()) return false;
+  const double promised = 0.5 * judgement_.gain; // in the objective
+  const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
+  if (!(promised > allowed && start - str.crit > 0.1 * promised)) return false;
+  n_.metric = n_.covstr->hessian.elements;
+  n_.metric_point.assign(str.x, str.x + n_.nparm);
+  return true;
+}
+
+// The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.
+bool FitEnd::quickly_confirmed()
+{
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  const MINSTR& str = *n_.str;
+  const auto& hessian = n_.covstr->hessian;
+  if (!hessian.present || str.hfrm == 2) return false;
+  auto c = std::make_unique<FitCoordinates>(n_, str.x, false);
+  const FitCoordinates factors(n_, str.x);
+  if (factors.near_edge(1e-6)) return false;
+  Curvature curvature;
+  curvature.accuracy = 1e-6;
+  curvature.free = free_coordinates(*c, str.grad);
+  const auto h = [&](int i, int j) {
+    return hessian
+        .elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)];
+  };
+  // Whether a variance is held by its bound, or merely stands there, shows in the coordinates of the factor.
+  for (const int i : factors.edge_diagonals())
+    if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
+      return false;
+  std::vector<double> g(str.grad, str.grad + n_.nparm);
+  for (const int i : curvature.free) {
+    if (!(h(i, i) > 0)) return false;
+    c->set_scale(i, 1.0 / std::sqrt(h(i, i)));
+    g[static_cast<std::size_t>(i)] *= c->scale(i);
+    const bool variance = factors.in_factor(i) && factors.variance(i);
+    if (variance && str.x[i] < 0.2 * c->scale(i)) return false;
+  }
+  const int m = curvature.size();
+  curvature.hessian.resize(static_cast<std::size_t>(m * m));
+  for (int r = 0; r < m; ++r)
+    for (int k = 0; k < m; ++k) {
+      const int i = curvature.free[static_cast<std::size_t>(r)], j = curvature.free[static_cast<std::size_t>(k)];
+      curvature.hessian[static_cast<std::size_t>(r * m + k)] =
+          h(std::max(i, j), std::min(i, j)) * c->scale(i) * c->scale(j);
+    }
+  curvature.unturned();
+  FitSurface surface(n_, *c);
+  Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
+  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-2)) return false;
+  judgement_ = std::move(found);
+  coordinates_ = std::move(c);
+  return true;
+}
+
+} // namespace torvale::solve

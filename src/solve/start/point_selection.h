@@ -1,0 +1,28 @@
+#pragma once
+// The number of quadrature points: chosen at the start, once more at the estimates, and questioned at the end.
+
+#include "model/run_record.h"
+
+namespace torvale::solve {
+
+// settle_points: builds the point set and evaluates at n.parm; without QPOINTS= raises the number of points until the
+// objective's relative change is below qtol, and settles on the smaller of the last two counts. Returns 0; 1 when the
+// objective has no value here whatever the number of points (another grid point may have one); 2 when qmax was not
+// enough (message 503/270).
+int settle_points(model::NX& n);
+
+// more_points: the choice of the number of points made once more at the estimates, from the number in use on. True when
+// a larger one was chosen: the points then are in place, and the fit has to go on with them. Passing QMAX= is noted in
+// the verdict.
+bool more_points(model::NX& n);
+
+// check_points: how much -2 log L at the estimates changes with finer_points(N) per dimension in place of N, into the
+// verdict; left out, with the reason, where that evaluation would cost more than 100 of the fit's. A change above 0.1
+// is a warning, and so is a number that QMAX= has cut short.
+void check_points(model::NX& n);
+int finer_points(int points);
+
+// take_points: so many points from here on; the next evaluation is made with them.
+void take_points(model::NX& n, int points);
+
+} // namespace torvale::solve
