@@ -9,8 +9,11 @@
 #include "data/starting_values.h"
 #include "data/subject_counts.h"
 #include "data/subject_tables.h"
+#include "evaluation/program_faults.h"
+#include "host/messages/names/files.h"
 #include "host/messages/names/optimization.h"
 #include "host/values/missing.h"
+#include "host/values/text.h"
 
 #include <algorithm>
 #include <cmath>
@@ -79,9 +82,10 @@ int run_program(NX& n, RowRunner& rows, PassFindings& pass)
 
 // What PUT statements write, once per observation in the order of the file, at the means of the random effects: a
 // program runs dozens of times per evaluation, and nobody wants its lines from there.
-void write_put_lines(NX& n, engine::Frame& frame, const PassFindings& pass)
+// Not 0, with a message, when a line is longer than its file takes.
+int write_put_lines(NX& n, engine::Frame& frame, const PassFindings& pass)
 {
-  if (!engine::has_put(*n.gcmp)) return;
+  if (!engine::has_put(*n.gcmp)) return 0;
   std::vector<double> mean = no_effects(n);
   for (std::int64_t at = 0; at < n.store->nobs; ++at) {
     const std::int64_t row = n.store->row_of_group(at);
@@ -91,6 +95,14 @@ void write_put_lines(NX& n, engine::Frame& frame, const PassFindings& pass)
     std::vector<engine::PutLine> lines;
     frame.run_put(row, 0, lines);
     for (const auto& line : lines) {
+      const std::size_t characters = line.most > 0 ? host::display_width(line.text) : 0;
+      if (characters > static_cast<std::size_t>(line.most)) {
+        n.host->log().xpmlog(
+            message::put_line_too_long{.characters = characters, .file = line.target, .most = line.most},
+            evaluation::place_of(n, row));
+        n.raise(1012);
+        return 1;
+      }
       if (line.is_file)
         n.host->xpfput(line.target, line.text, line.append);
       else if (host::equal_names(line.target, "PRINT"))
@@ -99,6 +111,7 @@ void write_put_lines(NX& n, engine::Frame& frame, const PassFindings& pass)
         n.host->log().xpslog(line.text);
     }
   }
+  return 0;
 }
 
 } // namespace
@@ -134,8 +147,7 @@ int tvldata(NX& n)
   }
   if (n.reobsinfo && n.nreff() > 0) tvlmisc(n);
   report_impossible(n, pass);
-  write_put_lines(n, frame, pass);
-  return 0;
+  return write_put_lines(n, frame, pass);
 }
 
 } // namespace torvale::data

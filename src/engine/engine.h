@@ -239,6 +239,7 @@ struct PutLine {
   std::string target; // LOG, PRINT, or the name of a file
   bool is_file = false;
   bool append = false; // behind what the file holds
+  int most = 0;        // more characters than these are a fault (STOPOVER); 0: none are
   std::string text;
 };
 // True when the program has PUT statements. They write nothing in `run`; run_put executes them for one lane.

@@ -160,6 +160,7 @@ struct FileStatement : Statement {
   bool is_name = false;      // a quoted file name
   std::int32_t line_size = 0; // LRECL=, LINESIZE=: characters of a line; 0: no limit
   bool drop_over = false;     // DROPOVER: what is beyond them is left out, not put on further lines
+  bool stop_over = false;     // STOPOVER: a longer line is a fault
   bool pad = false;           // PAD: shorter lines are filled with blanks
   bool append = false;        // MOD: behind what the file holds
 };

@@ -79,6 +79,12 @@ TEST(Formats, OptionsOfAFile)
   EXPECT_EQ(write("LS=9 OLD"), "gr\xC3\xB6\xC3\x9F"
                                "erpla\ncebo \ngr\xC3\xB6\xC3\x9F"
                                "erpla\ncebo \n");
+  EXPECT_EQ(write("STOPOVER LRECL=14"), line + "\n" + line + "\n");
+  const auto stopped = run_text("TORVALE DATA=epil(LASTROW=2); PARMS m=1; FILE 'lines.txt' LRECL=13 STOPOVER;"
+                                "PUT 'gr\xC3\xB6\xC3\x9F' 'er' trt; MODEL y ~ POISSON(exp(m)); RUN;",
+                                "examples", 0, {}, false, 0, out.path());
+  EXPECT_TRUE(stopped.said(503, 9514)) << stopped.log;
+  EXPECT_EQ(stopped.outcome.exit_code, 4);
 }
 
 TEST(Formats, AnUnknownFormatIsAnError)

@@ -138,6 +138,7 @@ private:
     const std::size_t size = file_ != nullptr && file_->line_size > 0 ? static_cast<std::size_t>(file_->line_size) : 0;
     std::string text = std::move(line_.text);
     line_ = {};
+    if (file_ != nullptr && file_->stop_over && host::display_width(text) > size && size > 0) return emit(text);
     while (size > 0 && host::display_width(text) > size) {
       std::string rest = text;
       const std::string begin = first_characters(rest, size);
@@ -153,7 +154,11 @@ private:
     emit(text);
   }
 
-  void emit(const std::string& text) { lines_.push_back({target_, is_file_, file_ != nullptr && file_->append, text}); }
+  void emit(const std::string& text)
+  {
+    const bool append = file_ != nullptr && file_->append, stop = file_ != nullptr && file_->stop_over;
+    lines_.push_back({target_, is_file_, append, stop ? file_->line_size : 0, text});
+  }
 
   // Takes that many characters off the front.
   static std::string first_characters(std::string& text, std::size_t count)

@@ -123,13 +123,14 @@ template <> void Builder::on<Action::file_option>(const SEMARG&, std::span<Value
     file_.line_size = value;
   else if (word == "PAD" || word == "NOPAD")
     file_.pad = word == "PAD";
-  else if (word == "DROPOVER" || word == "FLOWOVER")
+  else if (word == "DROPOVER" || word == "FLOWOVER" || word == "STOPOVER") {
     file_.drop_over = word == "DROPOVER";
-  else if (word == "MOD" || word == "OLD")
+    file_.stop_over = word == "STOPOVER";
+  } else if (word == "MOD" || word == "OLD")
     file_.append = word == "MOD";
   else
     diagnostics_->warning(Problem::without_effect, r[1].token.where,
-                          "This option of FILE has no effect. LRECL=, PAD, DROPOVER and MOD have one.",
+                          "This option of FILE has no effect. LRECL=, PAD, DROPOVER, STOPOVER and MOD have one.",
                           r[1].token.length);
 }
 
@@ -139,6 +140,7 @@ template <> void Builder::on<Action::file_statement>(const SEMARG&, std::span<Va
   FileStatement* s = statement<FileStatement>(StatementKind::file, r, result);
   s->line_size = file_.line_size;
   s->drop_over = file_.drop_over;
+  s->stop_over = file_.stop_over;
   s->pad = file_.pad;
   s->append = file_.append;
   file_ = {};
