@@ -106,7 +106,8 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
     if (ratio < 1e-6 && h > 0.1) return true; // no curvature to speak of
     if (ratio < 1.0 && 20.0 * h > fails) return true;
     (ratio < 1.0 ? too_short : too_long) = h;
-    if (trial + 1 < most_trials && too_short > 0.0 && std::isfinite(too_long))
+    const bool by_turns = surface.coordinates().in_factor(i) && too_short > 0.0 && std::isfinite(too_long);
+    if (trial + 1 < most_trials && by_turns)
       h = std::sqrt(too_short * too_long); // of a quartic the one step leads to the other, and back
     else if (trial + 1 < most_trials)
       h = std::min(h * (ratio > 0.0 ? std::clamp(1.0 / ratio, 1e-4, 1e3) : 1e3), 0.5 * fails);
