@@ -415,4 +415,37 @@ TEST(Convergence, LimitsAreTheProgramsOwn)
   EXPECT_NE(run.log.find("MAXITER=2 "), std::string::npos) << run.log;
 }
 
+// Residuals of a million standard deviations: searches for modes miss by rounding, again and again, and every subject
+// counts all the same. With one point the value comes from the evaluation at the modes.
+TEST(Convergence, ValuesFarFromTheDataAreExact)
+{
+  constexpr int subjects = 20, records = 4;
+  constexpr double s2 = 1.4, s2u = 1.5;
+  unsigned state = 7;
+  const auto draw = [&](unsigned below) { return (state = state * 1664525u + 1013904223u) / 65536u % below; };
+  double exact = 0.0;
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < subjects; ++i) {
+    double sum = 0.0, square = 0.0;
+    const unsigned level = draw(1000);
+    for (int j = 0; j < records; ++j) {
+      const unsigned y = (3000 + level + draw(1000)) * 1000;
+      csv += std::to_string(i) + "," + std::to_string(j) + "," + std::to_string(y) + "\n";
+      const double residual = y - 1e6 - 3e5 * j;
+      sum += residual;
+      square += residual * residual;
+    }
+    const double all = s2 + records * s2u;
+    exact += records * std::log(2 * 3.141592653589793) + (records - 1) * std::log(s2) + std::log(all) +
+             (square - s2u * sum * sum / all) / s2;
+  }
+  for (const std::string points : {"1", "3"}) {
+    const auto run =
+        fit_data(csv, " QPOINTS=" + points +
+                          " TECHNIQUE=NONE; PARMS b0=1e6 b1=3e5 s2u=1.5 s2=1.4; MODEL y ~ NORMAL(b0 + b1*x + "
+                          "u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+    EXPECT_NEAR(minus2(run), exact, 1e-9 * exact) << points << run.log;
+  }
+}
+
 } // namespace torvale::tests
