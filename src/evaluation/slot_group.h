@@ -1,7 +1,7 @@
 #pragma once
-// Small matrices of several slots at once: what is done for a subject with doubles is done for four with vectors of them.
-// Every element is computed alone, so that a slot's numbers are the same beside whomever it stands.
-// Files that use it are compiled with -Wno-psabi: such vectors cross no call between files.
+// Small matrices of several slots at once: what is done for a subject with doubles is done for four with vectors of
+// them. Every element is computed alone, so that a slot's numbers are the same beside whomever it stands. Files that
+// use it are compiled with -Wno-psabi: such vectors cross no call between files.
 
 #include <cmath>
 #include <cstring>
@@ -10,8 +10,8 @@ namespace torvale::evaluation {
 
 using Four = double __attribute__((vector_size(32)));
 
-// SlotGroup: the slots whose numbers stand side by side in a T, which is a double or Four. Where there are not enough of
-// them the places behind the last hold anything.
+// SlotGroup: the slots whose numbers stand side by side in a T, which is a double or Four. Where there are not enough
+// of them the places behind the last hold anything.
 template <class T> struct SlotGroup {
   static constexpr int width = sizeof(T) / sizeof(double);
   int slot[width] = {};
@@ -56,21 +56,23 @@ template <class T> struct SlotGroup {
 };
 
 // build_for_machine: which of two builds of the same code runs here. The second is a function marked TORVALE_AVX2_BUILD
-// that calls what the first calls.
+// that calls what the first calls. All of that is inlined there, as vectors must not pass between code with AVX and
+// code without; where the compiler does not promise it, there is one build.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define TORVALE_HAS_AVX2_BUILD
+#define TORVALE_AVX2_BUILD [[gnu::target("avx2"), gnu::flatten]]
+#else
+#define TORVALE_AVX2_BUILD
+#endif
+
 template <class Call> Call build_for_machine(Call plain, [[maybe_unused]] Call avx2)
 {
-#if defined(__x86_64__)
+#if defined(TORVALE_HAS_AVX2_BUILD)
   static const bool wide = __builtin_cpu_supports("avx2");
   return wide ? avx2 : plain;
 #else
   return plain;
 #endif
 }
-
-#if defined(__x86_64__)
-#define TORVALE_AVX2_BUILD [[gnu::target("avx2"), gnu::flatten]]
-#else
-#define TORVALE_AVX2_BUILD [[gnu::flatten]]
-#endif
 
 } // namespace torvale::evaluation

@@ -29,6 +29,16 @@ TEST(OptimizerOptions, WhatIsIgnoredOrRefusedIsTold)
   }
 }
 
+// Forms of the covariance that a fit does not have leave it without errors, however the fit ended.
+TEST(OptimizerOptions, FormsOfTheCovarianceThatAreNotThere)
+{
+  for (const std::string end : {"", "GCONV=0.1"}) {
+    const auto run = run_text(example("cbpp", "QPOINTS=3 COVARIANCE=M " + end));
+    EXPECT_EQ(run.outcome.exit_code, 6) << end << run.log;
+    for (const double error : run.column("ParameterEstimates", "StandardError")) EXPECT_TRUE(std::isnan(error)) << end;
+  }
+}
+
 // With a diagonal Hessian every error is that of the parameter's own curvature.
 TEST(OptimizerOptions, DiagonalHessianHasTheCurvatures)
 {

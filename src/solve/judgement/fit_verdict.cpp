@@ -160,7 +160,9 @@ void take_judgement(NX& n, const FitEnd& end)
   std::vector<double> jacobian(np * np), origin(np, 0.0);
   end.coordinates().jacobian(origin.data(), jacobian.data());
   take_null_space(n, j, jacobian);
-  take_covariance(n, j, jacobian);
+  const int form = n.covstr->icov;
+  const bool needs_scores = form == 1 || form == 5 || form == 6; // which a fit does not have
+  if (!needs_scores) take_covariance(n, j, jacobian);
 }
 
 void missing_errors(NX& n)
