@@ -21,11 +21,6 @@ namespace {
 
 using Rows = std::vector<std::vector<double>>; // vectors of np elements
 
-constexpr std::size_t packed(std::size_t i, std::size_t j)
-{
-  return i < j ? j * (j + 1) / 2 + i : i * (i + 1) / 2 + j;
-}
-
 double dot(const std::vector<double>& a, const std::vector<double>& b)
 {
   double sum = 0.0;
