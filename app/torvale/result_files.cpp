@@ -56,7 +56,7 @@ Table combined(const std::vector<Part>& parts)
   std::vector<std::pair<std::string, std::size_t>> by, own; // name as written, column
   for (const Part& p : parts)
     for (const auto& [name, value] : p.group->by)
-      if (std::none_of(by.begin(), by.end(), [&](const auto& b) { return host::equal_names(b.first, name); })) {
+      if (std::none_of(by.begin(), by.end(), [&, &n = name](const auto& b) { return host::equal_names(b.first, n); })) {
         by.emplace_back(name, columns.size());
         columns.push_back({new_name(columns, name), kind_of(value), "", "", ""});
       }

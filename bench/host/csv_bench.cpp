@@ -49,7 +49,7 @@ void read_plain_loop(benchmark::State& state)
     }
     benchmark::DoNotOptimize(sum);
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
 void read_csv_bytes(benchmark::State& state)
@@ -57,7 +57,7 @@ void read_csv_bytes(benchmark::State& state)
   const std::string& text = sample(state.range(0) != 0);
   MessageLog log;
   for (auto _ : state) benchmark::DoNotOptimize(read_csv_text(text, "sample.csv", log)->rows());
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
 void write_cells(benchmark::State& state)
@@ -77,7 +77,7 @@ void write_cells(benchmark::State& state)
     bytes = out.size();
     benchmark::DoNotOptimize(out.data());
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
 }
 
 void results_as_json(benchmark::State& state)
@@ -91,7 +91,7 @@ void results_as_json(benchmark::State& state)
   results.steps.emplace_back().groups.emplace_back().tables.push_back(std::move(table));
   std::size_t bytes = 0;
   for (auto _ : state) bytes = results_json(results).size();
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
 }
 
 BENCHMARK(read_plain_loop);

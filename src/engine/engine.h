@@ -195,6 +195,8 @@ bool deletes_records(const CMPGLOBAL& gcmp);
 bool keeps_values(const CMPGLOBAL& gcmp);
 // True when output k depends on random effects (else it is the same for all points of an observation).
 bool varies_by_point(const Program& program, int output);
+// Outputs that hold the same numbers, since they are the same formula, have the same number.
+int distinct_output(const Program& program, int output);
 // Operations of the program by stage, before and after sharing; for reports and benchmarks.
 struct ProgramSize {
   int nodes_before = 0, nodes = 0, parameter = 0, data = 0, distinct = 0, observation = 0, point = 0, lane = 0,

@@ -132,7 +132,11 @@ struct Loops {
 TORVALE_LOOPS(Plain, )
 #if defined(__x86_64__)
 TORVALE_LOOPS(Avx2, [[gnu::target("avx2")]])
+#if defined(__clang__) // knows the width by its option only
+TORVALE_LOOPS(Avx512, [[gnu::target("avx512f,avx512dq")]])
+#else
 TORVALE_LOOPS(Avx512, [[gnu::target("avx512f,avx512dq,prefer-vector-width=512")]])
+#endif
 #endif
 #undef TORVALE_LOOPS
 

@@ -3,6 +3,7 @@
 
 #include "model/run_record.h"
 
+#include <map>
 #include <vector>
 
 namespace torvale::evaluation {
@@ -32,7 +33,19 @@ struct Outputs {
     }
     wanted.insert(wanted.end(), more.begin(), more.end());
     program.code = engine::cmpspec(gcmp, wanted);
+    find_twins(program);
     return program;
+  }
+
+private:
+  static void find_twins(model::ModelProgram& program)
+  {
+    std::map<int, int> place; // of the first output with these numbers
+    for (std::size_t k = 0; k < program.outputs.size(); ++k) {
+      const auto [first, fresh] =
+          place.try_emplace(engine::distinct_output(*program.code, static_cast<int>(k)), program.outputs[k]);
+      program.twins.push_back(fresh ? -1 : first->second);
+    }
   }
 };
 

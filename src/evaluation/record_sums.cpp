@@ -56,7 +56,9 @@ public:
       if (sequential_)
         if (const int rc = flush(); rc != 0) return rc;
     }
-    return flush();
+    if (const int rc = flush(); rc != 0) return rc;
+    copy_twins();
+    return 0;
   }
 
 private:
@@ -158,6 +160,7 @@ private:
   void add_segments(std::span<const Segment> segments) const
   {
     for (std::size_t k = 0; k < what_.places.size(); ++k) {
+      if (what_.has_twin(k)) continue;
       const double* const value = ctx_.frame->output(static_cast<int>(k));
       double* const sum = what_.sums + what_.places[k] * what_.stride;
       for (const Segment& g : segments) {
@@ -185,10 +188,20 @@ private:
       }
   }
 
+  void copy_twins() const
+  {
+    const auto pairs = static_cast<std::size_t>(pairs_.count) * static_cast<std::size_t>(pairs_.points);
+    for (std::size_t k = 0; k < what_.places.size(); ++k)
+      if (what_.has_twin(k))
+        std::memcpy(what_.sums + what_.places[k] * what_.stride, what_.sums + what_.twins[k] * what_.stride,
+                    pairs * sizeof(double));
+  }
+
   // Every record was run; only the used ones count.
   void add_used_lanes(std::span<const Segment> segments) const
   {
     for (std::size_t k = 0; k < what_.places.size(); ++k) {
+      if (what_.has_twin(k)) continue;
       const double* const value = ctx_.frame->output(static_cast<int>(k));
       for (const Segment& g : segments) {
         double* const sum = what_.sums + what_.places[k] * what_.stride + g.pair;

@@ -38,6 +38,17 @@ struct RecordSums {
   double* sums = nullptr;        // out: the sum of an output at place k for pair j at sums[k * stride + j]; other rows are left alone
   long stride = 0;
   LaneValues lanes = {};         // not of sequential programs
+  std::span<const int> twins = {}; // per output: the place whose sum is its own too, -1 none; may be empty
+
+  RecordSums(const model::ModelProgram& p, double* to, long row_stride)
+      : program(p.code), places(p.outputs), sums(to), stride(row_stride), twins(p.twins)
+  {
+  }
+  RecordSums(const engine::Program* p, std::span<const int> of_outputs, double* to, long row_stride)
+      : program(p), places(of_outputs), sums(to), stride(row_stride)
+  {
+  }
+  bool has_twin(std::size_t k) const { return !twins.empty() && twins[k] >= 0; }
 };
 
 // tvlexec: runs one tile of the program on the context's frame and counts its lanes. Returns the engine's code: above 2

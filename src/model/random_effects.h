@@ -25,6 +25,7 @@ inline constexpr double failed_point = -std::numeric_limits<double>::max(); // l
 struct ModelProgram {
   const engine::Program* code = nullptr; // null: was not built
   std::vector<int> outputs;              // per output of the program its place, ascending
+  std::vector<int> twins;                // per output: the place of one before it that holds the same numbers, -1: none
   int places = 0;                        // places in all
 
   explicit operator bool() const { return code != nullptr; }

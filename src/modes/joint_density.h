@@ -90,7 +90,7 @@ template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int a
   for (int a = 0; a < active; ++a) place_point<NR>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {n.programs.mode.code, n.programs.mode.outputs, b.mode_sums.data(), b.mode_stride});
+                             {n.programs.mode, b.mode_sums.data(), b.mode_stride});
 }
 
 // Keeps what the integration needs of a column of such sums, which stands at the mode of the slot.

@@ -67,11 +67,8 @@ int LogPosterior::run_batch(TVLThreadCtx& ctx, Work& w, const double* effects, b
   }
   ctx.frame->set_points(b.ran.data(), b.slots, static_cast<int>(b.pair_stride));
   const evaluation::Pairs pairs{b.active.data(), b.slots, 1};
-  if (derivatives)
-    return evaluation::tvllogl(n_, ctx, pairs,
-                               {n_.programs.gradient.code, n_.programs.gradient.outputs, w.sums.data(), b.pair_stride});
-  return evaluation::tvllogl(n_, ctx, pairs,
-                             {n_.programs.value.code, n_.programs.value.outputs, w.sums.data(), b.pair_stride});
+  if (derivatives) return evaluation::tvllogl(n_, ctx, pairs, {n_.programs.gradient, w.sums.data(), b.pair_stride});
+  return evaluation::tvllogl(n_, ctx, pairs, {n_.programs.value, w.sums.data(), b.pair_stride});
 }
 
 // Adds the log prior density of a slot's effects; false where G has no inverse and u no density.

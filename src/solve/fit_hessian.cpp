@@ -298,7 +298,11 @@ int fit_hessian(MINSTR* str)
     ++str->nhes;
     return 0;
   }
-  return str->stop != 0 ? 1 : optimizer::znlpfh3(str);
+  if (str->stop != 0) return 1;
+  const int rc = optimizer::znlpfh3(str);
+  if (rc == 0 && str->hfrm == 2) // differences are packed; a callback delivers the n elements of a diagonal
+    for (long i = 0; i < str->nvar; ++i) str->hess[i] = str->hess[i * (i + 3) / 2];
+  return rc;
 }
 
 } // namespace torvale::solve

@@ -83,6 +83,25 @@ TEST(Invariance, ThreadsGiveTheSameBytes)
   }
 }
 
+// Nothing of a BY group's run is left for the next one.
+TEST(Invariance, GroupsAreFittedAsIfAlone)
+{
+  for (const std::string options : {"", "FD", "INSTEP=1e-3", "TECHNIQUE=DBLDOG INSTEP=1e-3", "FD=8"}) {
+    const std::string model = "PARMS m=1 k=1; MODEL breaks ~ NEGBIN(exp(k), exp(k)/(exp(k) + exp(m)));";
+    const auto groups = run_text("TORVALE DATA=warpbreaks " + options + "; BY wool; " + model + " RUN;");
+    const char* names[] = {"A", "B"};
+    for (std::size_t g = 0; g < 2; ++g) {
+      const std::string where = "TORVALE DATA=warpbreaks(WHERE=(wool='" + std::string(names[g]) + "')) ";
+      const auto alone = run_text(where + options + "; " + model + " RUN;");
+      for (const char* column : {"Calls", "NegLogLike", "MaxGrad"})
+        EXPECT_EQ(groups.column("IterHistory", column, g), alone.column("IterHistory", column)) << options << names[g];
+      for (const char* column : {"Estimate", "StandardError", "Gradient"})
+        EXPECT_EQ(groups.column("ParameterEstimates", column, g), alone.column("ParameterEstimates", column))
+            << options << names[g];
+    }
+  }
+}
+
 // A subject that stands for two is the same as two copies of it.
 TEST(Invariance, ReplicateCountsSubjects)
 {

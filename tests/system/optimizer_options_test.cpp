@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 
 namespace torvale::tests {
 
@@ -25,6 +26,31 @@ TEST(OptimizerOptions, WhatIsIgnoredOrRefusedIsTold)
     const auto run = run_text(example("orange", c.options));
     EXPECT_TRUE(run.said(c.group, c.number)) << c.options << "\n" << run.log;
     EXPECT_EQ(run.outcome.exit_code, c.exit_code) << c.options << "\n" << run.log;
+  }
+}
+
+// Forms of the covariance that a fit does not have leave it without errors, however the fit ended.
+TEST(OptimizerOptions, FormsOfTheCovarianceThatAreNotThere)
+{
+  for (const std::string end : {"", "GCONV=0.1"}) {
+    const auto run = run_text(example("cbpp", "QPOINTS=3 COVARIANCE=M " + end));
+    EXPECT_EQ(run.outcome.exit_code, 6) << end << run.log;
+    for (const double error : run.column("ParameterEstimates", "StandardError")) EXPECT_TRUE(std::isnan(error)) << end;
+  }
+}
+
+// With a diagonal Hessian every error is that of the parameter's own curvature.
+TEST(OptimizerOptions, DiagonalHessianHasTheCurvatures)
+{
+  const auto whole = run_text(example("cbpp", "QPOINTS=3 GCONV=1e-12 HESSIAN"));
+  const auto diagonal = run_text(example("cbpp", "QPOINTS=3 GCONV=1e-12 DIAHES"));
+  const auto errors = diagonal.column("ParameterEstimates", "StandardError");
+  const auto names = whole.table("Hessian");
+  ASSERT_NE(names, nullptr) << whole.log;
+  for (std::size_t i = 0; i < errors.size(); ++i) {
+    const std::string& parameter = *names->rows()[i][1].text();
+    const double curvature = whole.column("Hessian", parameter)[i];
+    EXPECT_NEAR(errors[i] * std::sqrt(curvature), 1.0, 1e-3) << parameter;
   }
 }
 

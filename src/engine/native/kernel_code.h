@@ -5,11 +5,16 @@
 
 namespace torvale::engine {
 
-// A call aside from the straight code, where that met a lane which it is not made for: the kernel does all lanes.
+// A call aside from the straight code, where that met a lane which it is not made for: the kernel does all lanes. Of
+// means of exponentials with the same rates the first calls for all orders; the others find out that it has, and take
+// their result.
 struct RareCall {
   Xbyak::Label enter, back;
   Kernel kernel = Kernel::copy;
-  int order = -1;                  // of a mean of exponentials
+  int group = -1;                  // of means of exponentials: ValuePlan::mean_orders
+  int order = -1;                  // of a mean
+  std::int32_t first_slot = -1;    // of the group: whether there was a call (bits of lanes), then the results by order
+  bool called = true;              // false: the first of the group does the call
   std::vector<int> arguments;      // registers
   int out = 0;                     // likewise
   std::vector<int> vectors, masks; // registers that the call must leave as they are

@@ -28,6 +28,12 @@ protected:
   // Leaves the straight code when the mask is true in some lane; it goes on at the label `back` of what this returns.
   RareCall& unless(int m, std::vector<int> arguments, int result)
   {
+    code_.lanes_of(code_.eax, m);
+    code_.test(code_.eax, code_.eax);
+    return leave_if_not_zero(std::move(arguments), result);
+  }
+  RareCall& leave_if_not_zero(std::vector<int> arguments, int result)
+  {
     RareCall& call = rare_calls_.emplace_back();
     call.kernel = op_.kernel;
     call.arguments = std::move(arguments);
@@ -35,8 +41,6 @@ protected:
     call.vectors = registers_.occupied(false);
     call.masks = registers_.occupied(true);
     std::erase(call.vectors, result);
-    code_.lanes_of(code_.eax, m);
-    code_.test(code_.eax, code_.eax);
     code_.jnz(call.enter, Xbyak::CodeGenerator::T_NEAR);
     return call;
   }

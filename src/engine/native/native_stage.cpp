@@ -192,33 +192,62 @@ private:
 
   void write(RareCall& call)
   {
+    code_.L(call.enter);
+    if (!call.called)
+      code_.move(call.out, mean_at(call));
+    else
+      write_call(call);
+    code_.jmp(call.back, Xbyak::CodeGenerator::T_NEAR);
+  }
+
+  void write_call(const RareCall& call)
+  {
     if (saved_area_ < 0) {
       saved_area_ = registers_.new_slot();
       for (int r = 1; r < code_.vectors() + code_.masks() + 1 + kernel_operands_max; ++r) registers_.new_slot();
     }
     const auto vector_at = [&](int r) { return registers_.slot(saved_area_ + r); };
     const auto mask_at = [&](int r) { return registers_.slot(saved_area_ + code_.vectors() + r); };
-    code_.L(call.enter);
+    const auto argument_at = [&](int j) {
+      return registers_.slot(saved_area_ + code_.vectors() + code_.masks() + 1 + j);
+    };
+    const auto call_function = [&](VectorFn fn) {
+      code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(fn));
+      code_.call(code_.rax);
+    };
     for (const int r : call.vectors) code_.store(vector_at(r), r);
     for (const int r : call.masks) code_.store_mask(mask_at(r), r);
     const int several = static_cast<int>(call.arguments.size());
-    if (several == 1) {
-      if (call.arguments[0] != 0) code_.move(0, code_.vector(call.arguments[0]));
-    } else { // through memory: an argument's register may be where another must go
-      const auto argument_at = [&](int j) {
-        return registers_.slot(saved_area_ + code_.vectors() + code_.masks() + 1 + j);
-      };
+    if (several > 1) // through memory: an argument's register may be where another must go
       for (int j = 0; j < several; ++j) code_.store(argument_at(j), call.arguments[static_cast<std::size_t>(j)]);
-      for (int j = 0; j < several; ++j) code_.load(j, argument_at(j));
+    else if (call.arguments[0] != 0)
+      code_.move(0, code_.vector(call.arguments[0]));
+    const auto load_arguments = [&] {
+      for (int j = 0; several > 1 && j < several; ++j) code_.load(j, argument_at(j));
+    };
+    if (call.group < 0) {
+      load_arguments();
+      call_function(table_.vector[static_cast<std::size_t>(call.kernel)]);
+      if (call.out != 0) code_.move(call.out, code_.vector(0));
+    } else {
+      const std::vector<int>& orders = plan_.mean_orders[static_cast<std::size_t>(call.group)];
+      for (std::size_t k = 0; k < orders.size(); ++k) {
+        load_arguments();
+        call_function(table_.mean[orders[k]]);
+        code_.store(registers_.slot(call.first_slot + 1 + static_cast<std::int32_t>(k)), 0);
+      }
+      code_.move(call.out, mean_at(call));
     }
-    const VectorFn fn =
-        call.order >= 0 ? table_.mean[call.order] : table_.vector[static_cast<std::size_t>(call.kernel)];
-    code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(fn));
-    code_.call(code_.rax);
-    if (call.out != 0) code_.move(call.out, code_.vector(0));
     for (const int r : call.vectors) code_.move(r, vector_at(r));
     for (const int r : call.masks) code_.load_mask(r, mask_at(r));
-    code_.jmp(call.back, Xbyak::CodeGenerator::T_NEAR);
+  }
+
+  // Where the call of the group leaves the mean.
+  Xbyak::Address mean_at(const RareCall& call) const
+  {
+    const std::vector<int>& orders = plan_.mean_orders[static_cast<std::size_t>(call.group)];
+    const auto place = std::find(orders.begin(), orders.end(), call.order) - orders.begin();
+    return registers_.slot(call.first_slot + 1 + static_cast<std::int32_t>(place));
   }
 
   VectorCode& code_;

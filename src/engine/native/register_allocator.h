@@ -57,13 +57,13 @@ public:
   void copy_to(int reg, ValueId v); // a copy of a number in that register, for a call
   void load_to(int reg, ValueId v); // the same from memory; the value has been saved
 
-  Xbyak::Address slot(std::int32_t s) const
-  {
-    return code_.ptr[frame.scratch + static_cast<std::size_t>(s) * vector_slot];
-  }
+  Xbyak::RegExp slot_address(std::int32_t s) const { return frame.scratch + static_cast<std::size_t>(s) * vector_slot; }
+  Xbyak::Address slot(std::int32_t s) const { return code_.ptr[slot_address(s)]; }
   std::int32_t new_slot() { return slots_++; }
   std::int32_t uniform_slot(std::int32_t input) const { return uniform_slot_[static_cast<std::size_t>(input)]; }
   std::int32_t slots() const { return slots_; }
+
+  const ValuePlan& plan() const { return plan_; }
 
   const NativeFrame frame;
 

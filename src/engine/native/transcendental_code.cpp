@@ -3,6 +3,8 @@
 
 #include "engine/native/kernel_writer.h"
 
+#include <algorithm>
+
 namespace torvale::engine {
 
 bool TranscendentalWriter::write()
@@ -138,17 +140,37 @@ void TranscendentalWriter::log_of_normal(int a, const LogarithmRegisters& at)
 }
 
 // The mean by parts that the plan has made, operand 6, where the rates are more than 1 apart (operand 5); the kernel
-// does what is nearer.
+// does what is nearer, for all orders at once.
 bool TranscendentalWriter::exp_mean()
 {
   if (op_.index < 0) return false;
-  const int x = number(0), y = number(1), ex = number(2), ey = number(3), d = number(5), far = number(6);
+  const auto first =
+      std::find_if(rare_calls_.begin(), rare_calls_.end(), [&](const RareCall& c) { return c.group == op_.group; });
+  const bool called = first == rare_calls_.end();
+  const std::int32_t slots = called ? registers_.new_slot() : first->first_slot;
+  if (called)
+    for (std::size_t k = 0; k < registers_.plan().mean_orders[static_cast<std::size_t>(op_.group)].size(); ++k)
+      registers_.new_slot();
+  std::vector<int> arguments;
+  if (called)
+    for (int j = 0; j < 4; ++j) arguments.push_back(number(j));
+  const int d = called ? number(5) : -1, far = number(6);
   const Operand& shown = source(7);
   const int result = out();
-  code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
-  code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
-  RareCall& rare = unless(m_, {x, y, ex, ey}, result);
+  if (called) {
+    code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
+    code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
+    code_.lanes_of(code_.eax, m_);
+    code_.mov(code_.dword[registers_.slot_address(slots)], code_.eax);
+    code_.test(code_.eax, code_.eax);
+  } else {
+    code_.cmp(code_.dword[registers_.slot_address(slots)], 0);
+  }
+  RareCall& rare = leave_if_not_zero(std::move(arguments), result);
+  rare.group = op_.group;
   rare.order = op_.index;
+  rare.first_slot = slots;
+  rare.called = called;
   code_.arithmetic(Arithmetic::add, result, far, shown);
   code_.L(rare.back);
   return true;

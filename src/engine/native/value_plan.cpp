@@ -124,6 +124,7 @@ private:
     auto operator<=>(const Mean&) const = default;
   };
   struct FarMeans {
+    std::int32_t group;
     ValueId difference, reciprocal, shown; // shown: 0, or missing with the first exponential
     ValueId far[KernelTable::most_mean_order + 1][KernelTable::most_mean_order + 1];
   };
@@ -167,11 +168,15 @@ private:
     const auto [at, first] = means_.try_emplace(m);
     FarMeans& known = at->second;
     if (first) {
+      known.group = static_cast<std::int32_t>(plan_.mean_orders.size());
+      plan_.mean_orders.emplace_back();
       known.difference = kernel(Kernel::subtract, {m.y, m.x});
       known.reciprocal = kernel(Kernel::reciprocal, {known.difference});
       known.shown = kernel(Kernel::subtract, {m.ex, m.ex});
       for (auto& row : known.far) std::fill(std::begin(row), std::end(row), no_value);
     }
+    op.group = known.group;
+    plan_.mean_orders[static_cast<std::size_t>(op.group)].push_back(order);
     op.in[5] = known.difference;
     op.in[6] = far_mean(m, known, i, j);
     op.in[7] = known.shown;

@@ -34,13 +34,15 @@ struct PlanOperation {
   ValueId out = no_value;
   std::int32_t operands = 0;
   std::array<ValueId, kernel_operands_max> in{};
-  std::int32_t index = 0; // of a result; of a mean of exponentials its order, -1 where it is called
+  std::int32_t index = 0;  // of a result; of a mean of exponentials its order, -1 where it is called
+  std::int32_t group = -1; // of a mean: its place in ValuePlan::mean_orders
 };
 
 struct ValuePlan {
   std::vector<PlanValue> values;
   std::vector<PlanOperation> operations;
-  std::vector<std::int32_t> uses; // value by value the operations that read it, ascending
+  std::vector<std::vector<int>> mean_orders; // orders of the means of the same rates
+  std::vector<std::int32_t> uses;            // value by value the operations that read it, ascending
 };
 
 // False when the stage has steps that cannot be planned: loops, text tests.

@@ -166,6 +166,11 @@ bool varies_by_point(const Program& program, int output)
   return program.point_dependent[static_cast<std::size_t>(output)];
 }
 
+int distinct_output(const Program& program, int output)
+{
+  return program.output_place[static_cast<std::size_t>(output)];
+}
+
 ProgramSize program_size(const Program& program)
 {
   ProgramSize size;

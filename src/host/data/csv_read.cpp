@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -54,21 +55,19 @@ private:
     std::mutex cutting{}; // guards the cutter and `cut`
     long cut = 0;         // blocks
 
-    std::mutex joining{}; // guards the columns and what follows
-    std::condition_variable turn{};
+    std::mutex joining{};                  // guards what follows
+    std::map<long, BlockValues> ready{};   // blocks read, by number, that the ones before keep from the columns
+    std::vector<BlockValues> spare{};      // blocks whose memory is used again
+    std::condition_variable joined_more{}; // `joined` has grown, or `stopped`
     long joined = 0;
+    bool busy = false; // a worker puts a block into the columns
     bool stopped = false;
     std::optional<BlockValues> faulty{};
     std::exception_ptr thrown{};
   };
-  // What a worker uses again for every block.
-  struct Room {
-    CsvBlock block;
-    BlockValues values;
-  };
-
   bool pass(const Open& open, bool spellings);
-  bool read_one(Pass& pass, Room& room);
+  bool read_one(Pass& pass, CsvBlock& block);
+  void join(Pass& pass, std::unique_lock<std::mutex>& lock);
   void read_all(Pass& pass);
   bool header(CsvCutter& cutter, const ByteSource& source);
   bool name_columns(const std::vector<std::string>& names);
@@ -189,9 +188,9 @@ bool CsvReader::pass(const Open& open, bool spellings)
     if (spellings) kind = c.spellings_needed ? Kind::character : Kind::skip;
     pass.requests.push_back({kind});
   }
-  Room room;
-  if (read_one(pass, room) && !cutter.ended()) { // most files have one block
-    if (!spellings && !reserve(room.block.size(), rows_)) return false;
+  CsvBlock first;
+  if (read_one(pass, first) && !cutter.ended()) { // most files have one block
+    if (!spellings && !reserve(first.size(), rows_)) return false;
     std::vector<std::thread> others;
     for (int k = 1; k < options_.threads; ++k) others.emplace_back([&] { read_all(pass); });
     read_all(pass);
@@ -206,39 +205,61 @@ bool CsvReader::pass(const Open& open, bool spellings)
 void CsvReader::read_all(Pass& pass)
 {
   try {
-    Room room;
-    while (read_one(pass, room)) {
+    CsvBlock block;
+    while (read_one(pass, block)) {
     }
   } catch (...) {
     const std::lock_guard<std::mutex> lock(pass.joining);
     pass.thrown = std::current_exception();
     pass.stopped = true;
-    pass.turn.notify_all();
+    pass.joined_more.notify_all();
   }
 }
 
-// The next block from the file into the columns. False when there is none or a fault stops the reading.
-bool CsvReader::read_one(Pass& pass, Room& room)
+// Cuts and reads the next block, and joins what can be joined. False when there is none or a fault stops the reading.
+bool CsvReader::read_one(Pass& pass, CsvBlock& block)
 {
+  const long most_ahead = 4L * std::max(options_.threads, 1); // of the columns
   long number = 0;
   {
     const std::lock_guard<std::mutex> lock(pass.cutting);
-    if (pass.cutter.next(room.block, separator_) != CsvCutter::Step::block) return false;
+    if (pass.cutter.next(block, separator_) != CsvCutter::Step::block) return false;
     number = pass.cut++;
   }
-  read_block(room.block, pass.dialect, pass.requests, room.values);
+  BlockValues values;
   std::unique_lock<std::mutex> lock(pass.joining);
-  pass.turn.wait(lock, [&] { return pass.joined == number || pass.stopped; });
-  if (pass.stopped) return false;
-  if (room.values.fault == CsvFault::none) {
-    take(room.values, pass.spellings);
-  } else {
-    pass.faulty = std::move(room.values);
-    pass.stopped = true;
+  if (!pass.spare.empty()) {
+    values = std::move(pass.spare.back());
+    pass.spare.pop_back();
   }
-  ++pass.joined;
-  pass.turn.notify_all();
+  lock.unlock();
+  read_block(block, pass.dialect, pass.requests, values);
+  lock.lock();
+  pass.ready.emplace(number, std::move(values));
+  join(pass, lock);
+  pass.joined_more.wait(lock, [&] { return pass.stopped || number < pass.joined + most_ahead; });
   return !pass.stopped;
+}
+
+// Puts the blocks whose turn it is into the columns, unless another worker does.
+void CsvReader::join(Pass& pass, std::unique_lock<std::mutex>& lock)
+{
+  while (!pass.busy && !pass.stopped && !pass.ready.empty() && pass.ready.begin()->first == pass.joined) {
+    BlockValues values = std::move(pass.ready.extract(pass.ready.begin()).mapped());
+    pass.busy = true;
+    lock.unlock();
+    if (values.fault == CsvFault::none) take(values, pass.spellings);
+    lock.lock();
+    pass.busy = false;
+    ++pass.joined;
+    if (values.fault == CsvFault::none) {
+      pass.spare.push_back(std::move(values));
+    } else {
+      pass.faulty = std::move(values);
+      pass.stopped = true;
+    }
+    pass.joined_more.notify_all();
+  }
 }
 
 void CsvReader::take(const BlockValues& block, bool spellings)

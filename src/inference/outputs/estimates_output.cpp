@@ -47,7 +47,7 @@ void write_estimates_output(NX& n)
     out.set(at++, p.applyh ? p.highbound : missing);
     out.set(at++, k < n.finalgrad.size() ? n.finalgrad[k] : missing);
     for (int j = 0; j < n.nparm && !n.covmat.empty() && n.znlprc > 0; ++j)
-      out.set(at++, n.covmat[matrix::packed_index(std::max(i, j), std::min(i, j))]);
+      out.set(at++, n.covmat[static_cast<std::size_t>(matrix::packed_index(i, j))]);
     out.end_row();
   }
 }

@@ -67,10 +67,7 @@ public:
 
 private:
   bool normal() const { return n_.disttype == 0 && nr_ > 0; }
-  std::size_t place_of(std::int64_t row) const
-  {
-    return static_cast<std::size_t>(n_.store->group_row(row));
-  }
+  std::size_t place_of(std::int64_t row) const { return static_cast<std::size_t>(n_.store->group_row(row)); }
   bool used(std::int64_t row, std::size_t subject) const
   {
     return n_.store->badobs[static_cast<std::size_t>(row)] == BadCause::none &&
@@ -187,8 +184,8 @@ private:
       for (std::size_t i = 0; i < nr_; ++i)
         for (std::size_t j = 0; j < nr_; ++j)
           g[places[k][i] * count + places[k][j]] =
-              posterior_
-                  .prior[leaves[k] * (nr_ * (nr_ + 1) / 2) + matrix::packed_index(std::max(i, j), std::min(i, j))];
+              posterior_.prior[leaves[k] * (nr_ * (nr_ + 1) / 2) + static_cast<std::size_t>(matrix::packed_index(
+                                                                       static_cast<long>(i), static_cast<long>(j)))];
     ConditionalResiduals residuals(count, std::move(g));
     for (const std::int64_t row : rows) {
       const std::size_t at = place_of(row), leaf = leaf_of_row[static_cast<std::size_t>(row)];

@@ -19,6 +19,7 @@
 
 #include "evaluation/random_covariance.h"
 #include "evaluation/record_sums.h"
+#include "evaluation/slot_group.h"
 #include "host/messages/names/statements.h"
 #include "integration/posterior/posterior_work.h"
 #include "integration/subjects/evaluation_parts.h"
@@ -31,6 +32,8 @@
 
 namespace torvale::integration {
 
+using evaluation::Four;
+using evaluation::SlotGroup;
 using model::BatchWork;
 using model::NX;
 using model::REFFECT;
@@ -39,62 +42,72 @@ using modes::packed;
 
 namespace {
 
-// The linear model of one slot.
-template <int NR> class LinearModel {
+// The linear models of the slots that stand side by side in T, a double or Four. Where a member says so it is for
+// doubles alone.
+template <int NR, class T> class LinearModel {
 public:
   static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
   static constexpr int triangle = capacity * (capacity + 1) / 2;
 
-  LinearModel(const NX& n, const BatchWork& b, int slot)
-      : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slot_(slot), prior_(modes::prior_of(n, slot)),
-        sums_(b.point_sums.data() + b.column[static_cast<std::size_t>(slot)]), stride_(b.mode_stride)
+  // Their sums are those of this column and the next ones.
+  LinearModel(const NX& n, const BatchWork& b, const SlotGroup<T>& slots, int column)
+      : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slots_(slots), column_(column)
   {
-    factor_ = b.factor.data() + prior_ * nrs();
+    for (int k = 0; k < nrs(); ++k) factor_[k] = of_prior(b.factor.data() + k, nrs());
     for (int i = 0; i < nr(); ++i) c_[i] = sum(n.programs.residual(i));
     for (int k = 0; k < nrs(); ++k) a_[k] = sum(n.programs.information(k));
-    if (n.lb)
-      times_factor(b.z.data() + static_cast<long>(slot) * nr(), d_);
-    else
-      std::fill_n(d_, nr(), 0.0);
+    if (n.lb) {
+      T z[capacity];
+      for (int i = 0; i < nr(); ++i) z[i] = slots_.gather(b.z.data() + i, nr());
+      times_factor(z, d_);
+    } else {
+      std::fill_n(d_, nr(), T{});
+    }
     condition();
   }
 
-  double value() const
+  T value() const
   {
-    double v = 0.5 * logdet_ - sum(0);
+    T v = 0.5 * logdet_ - sum(0);
     for (int i = 0; i < nr(); ++i) v += 0.5 * (d_[i] * (c_[i] + c0_[i]) - c0_[i] * offset_[i]);
     return v;
   }
 
-  void gradient(double* out) const
+  // np numbers for each slot, to[slot np], ...
+  void gradient(double* to) const
   {
-    double point[capacity]; // adjoint of the point of expansion, through the sums
-    through_sums(out, point);
-    double mean[capacity],
-        covariance[triangle]; // adjoints of m and G, that of an element off the diagonal for both places
+    T bar[1 + capacity + triangle]; // adjoints of the sums
+    adjoint_of_sums(bar);
+    T mean[capacity], covariance[triangle]; // adjoints of m and G, that of an element off the diagonal for both places
+    T va[capacity];
     for (int i = 0; i < nr(); ++i) {
-      mean[i] = point[i];
+      mean[i] = through_point(bar, i);
       for (int j = 0; j <= i; ++j)
         covariance[packed(i, j)] = (i == j ? 0.5 : 1.0) * (pull_[i] * pull_[j] - remainder(i, j));
     }
-    if (n_.lb) through_mode(out, point, mean, covariance);
+    if (n_.lb) through_mode(mean, covariance, va);
     const REFFECT& reff = n_.leaf();
-    const double* row = b_.arguments.data() + prior_ * reff.setup.places + reff.argument_derivative(0, 0, np_);
-    for (int a = 0; a < reff.nd; ++a, row += np_) {
-      const double bar = a < nr() ? mean[a] : covariance[a - nr()];
-      for (int j = 0; j < np_; ++j) out[j] -= bar * row[j];
+    const double* const arguments = b_.arguments.data() + reff.argument_derivative(0, 0, np_);
+    for (int j = 0; j < np_; ++j) {
+      T g = {};
+      for (int k = 0; k < n_.programs.linear_sums(); ++k) g -= bar[k] * sum(n_.programs.linear_by(k, j));
+      if (n_.lb) g -= through_cross(va, j);
+      for (int a = 0; a < reff.nd; ++a)
+        g -= (a < nr() ? mean[a] : covariance[a - nr()]) * of_prior(arguments + a * np_ + j, reff.setup.places);
+      slots_.scatter(g, to + j, np_);
     }
   }
 
   // Mean and covariance of the effects given the data, and the derivatives of the mean, nr x np; around their mean
-  // only.
+  // only, and for doubles.
   void effects(double* estimate, double* covariance, double* derivative) const
   {
-    const double* const m = b_.mean.data() + prior_ * nr();
+    const long prior = modes::prior_of(n_, slots_.slot[0]);
+    const double* const m = b_.mean.data() + prior * nr();
     for (int i = 0; i < nr(); ++i) estimate[i] = m[i] + offset_[i];
     std::copy_n(m_, nrs(), covariance);
     const REFFECT& reff = n_.leaf();
-    const double* const arguments = b_.arguments.data() + prior_ * reff.setup.places;
+    const double* const arguments = b_.arguments.data() + prior * reff.setup.places;
     for (int j = 0; j < np_; ++j) {
       const auto argument = [&](int a) { return arguments[reff.argument_derivative(a, j, np_)]; };
       double w[capacity], gg[capacity]; // c. - A. b, G. g
@@ -119,12 +132,17 @@ public:
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
-  double sum(int place) const { return sums_[place * stride_]; }
+  T sum(int place) const { return SlotGroup<T>::load(b_.point_sums.data() + place * b_.mode_stride + column_); }
 
-  void times_factor(const double* x, double* out) const
+  T of_prior(const double* from, long stride) const
+  {
+    return n_.leaf().setup_varies ? slots_.gather(from, stride) : T{} + *from;
+  }
+
+  void times_factor(const T* x, T* out) const
   {
     for (int i = 0; i < nr(); ++i) {
-      out[i] = 0.0;
+      out[i] = T{};
       for (int k = 0; k <= i; ++k) out[i] += factor_[packed(i, k)] * x[k];
     }
   }
@@ -132,33 +150,36 @@ private:
   // M, log|I + GA|, b, t and g.
   void condition()
   {
-    double al[capacity * capacity], root[triangle]; // A L; B, then its Cholesky factor
+    T al[capacity * capacity], root[triangle]; // A L; B, then R of B = R D R', the inverse of D on its diagonal
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j < nr(); ++j) {
-        double t = 0.0;
+        T t = {};
         for (int k = j; k < nr(); ++k) t += a_[packed(i, k)] * factor_[packed(k, j)];
         al[i * nr() + j] = t;
       }
-    logdet_ = 0.0;
-    for (int i = 0; i < nr(); ++i)
+    logdet_ = T{};
+    for (int i = 0; i < nr(); ++i) {
+      T scaled[capacity]; // R D, row i
       for (int j = 0; j <= i; ++j) {
-        double t = i == j ? 1.0 : 0.0;
+        T t = T{} + (i == j ? 1.0 : 0.0);
         for (int k = i; k < nr(); ++k) t += factor_[packed(k, i)] * al[k * nr() + j];
-        for (int k = 0; k < j; ++k) t -= root[packed(i, k)] * root[packed(j, k)];
-        if (i == j) logdet_ += std::log(t);
-        root[packed(i, j)] = i == j ? std::sqrt(t) : t / root[packed(j, j)];
+        for (int k = 0; k < j; ++k) t -= scaled[k] * root[packed(j, k)];
+        scaled[j] = t;
+        if (i == j) logdet_ += SlotGroup<T>::logarithm(t);
+        root[packed(i, j)] = i == j ? 1.0 / t : t * root[packed(j, j)];
       }
-    double y[capacity * capacity]; // root^-1 L', so that M = y'y
+    }
+    T y[capacity * capacity]; // R^-1 L', so that M = y' D^-1 y
     for (int j = 0; j < nr(); ++j)
       for (int i = 0; i < nr(); ++i) {
-        double t = i <= j ? factor_[packed(j, i)] : 0.0;
+        T t = i <= j ? factor_[packed(j, i)] : T{};
         for (int k = 0; k < i; ++k) t -= root[packed(i, k)] * y[k * nr() + j];
-        y[i * nr() + j] = t / root[packed(i, i)];
+        y[i * nr() + j] = t;
       }
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j <= i; ++j) {
-        double t = 0.0;
-        for (int k = 0; k < nr(); ++k) t += y[k * nr() + i] * y[k * nr() + j];
+        T t = {};
+        for (int k = 0; k < nr(); ++k) t += y[k * nr() + i] * root[packed(k, k)] * y[k * nr() + j];
         m_[packed(i, j)] = t;
       }
     product(a_, d_, c0_);
@@ -167,57 +188,66 @@ private:
     for (int i = 0; i < nr(); ++i) shift_[i] = offset_[i] - d_[i];
     product(a_, shift_, pull_);
     for (int i = 0; i < nr(); ++i) pull_[i] = c_[i] - pull_[i];
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        T t = {};
+        for (int k = 0; k < nr(); ++k) t += m_[packed(i, k)] * a_[packed(k, j)];
+        ma_[i * nr() + j] = t;
+      }
   }
 
-  void product(const double* matrix, const double* x, double* out) const
+  void product(const T* matrix, const T* x, T* out) const
   {
     for (int i = 0; i < nr(); ++i) {
-      out[i] = 0.0;
+      out[i] = T{};
       for (int k = 0; k < nr(); ++k) out[i] += matrix[packed(i, k)] * x[k];
     }
   }
 
-  double remainder(int i, int j) const // (A - A M A)(i, j)
+  T remainder(int i, int j) const // (A - A M A)(i, j)
   {
-    double t = a_[packed(i, j)];
-    for (int k = 0; k < nr(); ++k)
-      for (int l = 0; l < nr(); ++l) t -= a_[packed(i, k)] * m_[packed(k, l)] * a_[packed(l, j)];
+    T t = a_[packed(i, j)];
+    for (int k = 0; k < nr(); ++k) t -= a_[packed(i, k)] * ma_[k * nr() + j];
     return t;
   }
 
-  // The adjoints of the sums times their derivatives: by the parameters (of v) and by the effects (of -v).
-  void through_sums(double* out, double* point) const
+  void adjoint_of_sums(T* bar) const
   {
     const auto& p = n_.programs;
-    double bar[1 + capacity + triangle];
-    bar[0] = 1.0;
+    bar[0] = T{} + 1.0;
     for (int i = 0; i < nr(); ++i) {
       bar[p.residual(i)] = shift_[i];
       for (int j = 0; j <= i; ++j)
         bar[p.information(packed(i, j))] = (i == j ? -0.5 : -1.0) * (m_[packed(i, j)] + shift_[i] * shift_[j]);
     }
-    std::fill_n(out, np_, 0.0);
-    std::fill_n(point, nr(), 0.0);
-    for (int k = 0; k < p.linear_sums(); ++k) {
-      for (int j = 0; j < np_; ++j) out[j] -= bar[k] * sum(p.linear_by(k, j));
-      for (int i = 0; i < nr(); ++i) point[i] += bar[k] * sum(p.linear_by(k, np_ + i));
-    }
   }
 
-  // What the mode adds: of its own adjoint a = point - g, through V.
-  void through_mode(double* out, const double* point, double* mean, double* covariance) const
+  // The adjoint of the point of expansion, through the sums (of -v).
+  T through_point(const T* bar, int i) const
   {
-    const double* const slope = b_.slope.data() + static_cast<long>(slot_) * nr();
-    const double* const curve = b_.curve.data() + static_cast<long>(slot_) * nrs();
-    double a[capacity], la[capacity], h[capacity], va[capacity];
-    for (int i = 0; i < nr(); ++i) a[i] = point[i] - pull_[i];
+    T t = {};
+    for (int k = 0; k < n_.programs.linear_sums(); ++k) t += bar[k] * sum(n_.programs.linear_by(k, np_ + i));
+    return t;
+  }
+
+  // What the mode adds: of its own adjoint a = point - g (the first in mean, on entry), through V; va = V a.
+  void through_mode(T* mean, T* covariance, T* va) const
+  {
+    T slope[capacity], curve[triangle], inverse[triangle];
+    for (int i = 0; i < nr(); ++i) slope[i] = slots_.gather(b_.slope.data() + i, nr());
+    for (int k = 0; k < nrs(); ++k) {
+      curve[k] = slots_.gather(b_.curve.data() + k, nrs());
+      inverse[k] = slots_.gather(b_.covariance.data() + k, nrs());
+    }
+    T a[capacity], la[capacity], h[capacity];
+    for (int i = 0; i < nr(); ++i) a[i] = mean[i] - pull_[i];
     for (int i = 0; i < nr(); ++i) {
-      la[i] = 0.0;
+      la[i] = T{};
       for (int k = i; k < nr(); ++k) la[i] += factor_[packed(k, i)] * a[k];
     }
-    product(b_.covariance.data() + static_cast<long>(slot_) * nrs(), la, h);
+    product(inverse, la, h);
     times_factor(h, va);
-    double w[capacity]; // a + ll_uu V a
+    T w[capacity]; // a + ll_uu V a
     product(curve, va, w);
     for (int i = 0; i < nr(); ++i) w[i] += a[i];
     for (int i = 0; i < nr(); ++i) {
@@ -225,9 +255,15 @@ private:
       for (int j = 0; j <= i; ++j)
         covariance[packed(i, j)] += i == j ? w[i] * slope[i] : w[i] * slope[j] + w[j] * slope[i];
     }
-    const double* const cross = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot_)];
+  }
+
+  T through_cross(const T* va, int j) const
+  {
+    T t = {};
     for (int k = 0; k < nr(); ++k)
-      for (int j = 0; j < np_; ++j) out[j] -= va[k] * cross[n_.programs.cross_place(k, j) * stride_];
+      t += va[k] *
+           SlotGroup<T>::load(b_.curvature_sums.data() + n_.programs.cross_place(k, j) * b_.mode_stride + column_);
+    return t;
   }
 
   // The derivative of a sum by parameter j, with the point of expansion at the mean.
@@ -240,28 +276,65 @@ private:
 
   const NX& n_;
   const BatchWork& b_;
-  const int nr_, np_, slot_;
-  const long prior_;
-  const double* const sums_;
-  const long stride_;
-  const double* factor_;
-  double c_[capacity], a_[triangle], d_[capacity], c0_[capacity];
-  double m_[triangle], offset_[capacity], shift_[capacity], pull_[capacity]; // M, b, t, g
-  double logdet_;
+  const int nr_, np_;
+  const SlotGroup<T> slots_;
+  const int column_;
+  T factor_[triangle], c_[capacity], a_[triangle], d_[capacity], c0_[capacity];
+  T m_[triangle], ma_[capacity * capacity];               // M, M A
+  T offset_[capacity], shift_[capacity], pull_[capacity]; // b, t, g
+  T logdet_;
 };
 
 // Calls act with the linear model of a slot, unrolled for few effects.
 template <class Act> void with_model(const NX& n, const BatchWork& b, int slot, Act act)
 {
+  const SlotGroup<double> one{{slot}};
+  const int column = b.column[static_cast<std::size_t>(slot)];
   switch (n.leaf().nr) {
   case 1:
-    return act(LinearModel<1>(n, b, slot));
+    return act(LinearModel<1, double>(n, b, one, column));
   case 2:
-    return act(LinearModel<2>(n, b, slot));
+    return act(LinearModel<2, double>(n, b, one, column));
   case 3:
-    return act(LinearModel<3>(n, b, slot));
+    return act(LinearModel<3, double>(n, b, one, column));
   default:
-    return act(LinearModel<0>(n, b, slot));
+    return act(LinearModel<0, double>(n, b, one, column));
+  }
+}
+
+// Values and gradients of the slots in the first `active` columns into b.total and b.direct.
+template <int NR, class T> void close_columns(const NX& n, BatchWork& b, int active, bool gradient)
+{
+  for (int first = 0; first < active; first += SlotGroup<T>::width) {
+    const auto slots = SlotGroup<T>::of_list(b.active.data() + first, active - first);
+    const LinearModel<NR, T> model(n, b, slots, first);
+    slots.scatter(model.value(), b.total.data(), 1);
+    if (gradient) model.gradient(b.direct.data());
+  }
+}
+
+template <int NR> TORVALE_AVX2_BUILD void close_columns_avx2(const NX& n, BatchWork& b, int active, bool gradient)
+{
+  close_columns<NR, Four>(n, b, active, gradient);
+}
+
+template <int NR> void close_four(const NX& n, BatchWork& b, int active, bool gradient)
+{
+  static const auto build = evaluation::build_for_machine(close_columns<NR, Four>, close_columns_avx2<NR>);
+  build(n, b, active, gradient);
+}
+
+void close_linear_models(const NX& n, BatchWork& b, int active, bool gradient)
+{
+  switch (n.leaf().nr) {
+  case 1:
+    return close_four<1>(n, b, active, gradient);
+  case 2:
+    return close_four<2>(n, b, active, gradient);
+  case 3:
+    return close_four<3>(n, b, active, gradient);
+  default:
+    return close_columns<0, double>(n, b, active, gradient);
   }
 }
 
@@ -292,8 +365,8 @@ int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
   if (active == 0) return 0;
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = gradient ? n.programs.linear_gradient : n.programs.linear;
-  const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                                     {program.code, program.outputs, b.point_sums.data(), b.mode_stride});
+  const int rc =
+      evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, {program, b.point_sums.data(), b.mode_stride});
   return rc != 0 ? -rc : active;
 }
 
@@ -304,7 +377,10 @@ public:
   {
     size_subject_work(n, ctx);
     const int places = std::max(n.programs.linear.places, n.programs.linear_gradient.places);
+    const long slots = static_cast<long>(ctx.batch.subject.size());
     size(ctx.batch.point_sums, places * ctx.batch.mode_stride);
+    size(ctx.batch.total, slots);
+    size(ctx.batch.direct, slots * n.nparm);
   }
 
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override
@@ -313,23 +389,27 @@ public:
     if (const int rc = evaluation::load_priors(n, ctx, reff.setup.places > reff.setup_value.places); rc > 2) return rc;
     if (n.lb)
       if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
-    if (const int good = sum_linear_models(n, ctx, gradient); good <= 0) return -good;
-    return gradient && n.lb ? sum_curvature(n, ctx) : 0;
+    const int good = sum_linear_models(n, ctx, gradient);
+    if (good <= 0) return -good;
+    if (gradient && n.lb)
+      if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
+    close_linear_models(n, ctx.batch, good, gradient);
+    return 0;
   }
 
-  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override
+  int close_value(const NX&, const TVLThreadCtx& ctx, int slot, double& value) const override
   {
     const BatchWork& b = ctx.batch;
     const auto s = static_cast<std::size_t>(slot);
     if (b.failure[s] != 0) return b.failure[s];
     if (!(b.point_sums[static_cast<std::size_t>(b.column[s])] > model::impossible_loglik)) return unusable;
-    with_model(n, b, slot, [&](const auto& m) { value = m.value(); });
+    value = b.total[s];
     return std::isfinite(value) ? 0 : unusable;
   }
 
   void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
   {
-    with_model(n, ctx.batch, slot, [&](const auto& m) { m.gradient(gradient); });
+    std::copy_n(ctx.batch.direct.begin() + static_cast<long>(slot) * n.nparm, n.nparm, gradient);
   }
 
   void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }

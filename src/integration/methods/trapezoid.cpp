@@ -133,7 +133,7 @@ private:
       }
       ctx_.frame->set_points(b_.ran.data(), pairs.count * points, static_cast<int>(b_.pair_stride));
       const int rc =
-          evaluation::tvllogl(n_, ctx_, pairs, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
+          evaluation::tvllogl(n_, ctx_, pairs, {program, b_.point_sums.data(), b_.pair_stride});
       if (rc != 0) return rc;
       for (int i = 0; i < pairs.count; ++i) take(pairs.slots[i], i * pairs.slot_step(), pairs.point_step());
     }

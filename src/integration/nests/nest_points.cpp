@@ -181,7 +181,7 @@ private:
     const int all = c_.pairs.count * c_.pairs.points;
     ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
     const int rc =
-        evaluation::tvllogl(n_, ctx_, c_.pairs, {program.code, program.outputs, b_.point_sums.data(), b_.pair_stride});
+        evaluation::tvllogl(n_, ctx_, c_.pairs, {program, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
     make_weights(all);
     weigh();

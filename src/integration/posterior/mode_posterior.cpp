@@ -55,7 +55,7 @@ public:
     std::fill(cross_.begin(), cross_.end(), 0.0);
     const int rc =
         evaluation::tvllogl(n_, ctx_, {b.active.data(), good, 1},
-                            {n_.programs.cross.code, n_.programs.cross.outputs, cross_.data(), b.mode_stride});
+                            {n_.programs.cross, cross_.data(), b.mode_stride});
     if (rc > 2) return rc;
     for (int a = 0; a < good; ++a) keep(b.active[static_cast<std::size_t>(a)], a, out);
     return 0;

@@ -196,7 +196,7 @@ private:
   int run_points(int all)
   {
     ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
-    evaluation::RecordSums sums{program_.code, program_.outputs, b_.point_sums.data(), b_.pair_stride};
+    evaluation::RecordSums sums{program_, b_.point_sums.data(), b_.pair_stride};
     if (factored_) sums.lanes = kept_lanes(b_, n_.programs.factored.point_coefficients);
     return evaluation::tvllogl(n_, ctx_, pairs_, sums);
   }
@@ -476,7 +476,7 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = n.programs.curvature;
   return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {program.code, program.outputs, b.curvature_sums.data(), b.mode_stride});
+                             {program, b.curvature_sums.data(), b.mode_stride});
 }
 
 int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active, int column)
@@ -488,7 +488,7 @@ int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active, int column)
   const model::ModelProgram& program = factored          ? n.programs.factored.closing
                                        : closes_point(n) ? n.programs.closing_point
                                                          : n.programs.closing;
-  evaluation::RecordSums sums{program.code, program.outputs, b.curvature_sums.data() + column, b.mode_stride};
+  evaluation::RecordSums sums{program, b.curvature_sums.data() + column, b.mode_stride};
   if (factored) sums.lanes = kept_lanes(b, n.programs.factored.mode_coefficients);
   const int rc = evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, sums);
   if (rc == 0 && factored) take_mode_coefficients(n, b);

@@ -63,6 +63,8 @@ int start_stage(MINSTR* str)
   str->stop = 0;
   str->ipre = 0;
   str->xval_current = false;
+  // FD alone begins forward, whatever the run before has come to.
+  if (str->continues == 0 && str->fidi == 2 && str->swfd > 0.0) str->fidi = 3;
   forget_curvature(str);
   if (const int code = feasible_start(str); code != 0) return code;
   znlpfch(str, 1, 0);
@@ -160,6 +162,7 @@ int optimization_stage(MINSTR* str)
   str->mtim = start;
   int code = 0;
   if (str->tech != NONE) {
+    const double first_step = str->salf; // for the next run too: a technique forgets it after some iterations
     const bool continues = str->continues != 0;
     if (str->maxi <= (continues ? str->nitr : 0.0) || str->maxf <= (continues ? static_cast<double>(str->nfct) : 0.0))
       code = code_limit;
@@ -167,6 +170,7 @@ int optimization_stage(MINSTR* str)
       code = code_time;
     else
       code = run_technique(str);
+    str->salf = first_step;
   }
   str->mtim = seconds(str) - start;
   const bool lost = (code <= code_start_objective && code >= code_gradient) || code == code_hessian;

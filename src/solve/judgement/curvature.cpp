@@ -54,7 +54,12 @@ void without_quartic(FitSurface& surface, int i, const std::vector<double>& d, d
   if (!(c.in_factor(i) || i == c.logarithm()) || h * c.scale(i) < 5e-5 * c.own_size(i)) return;
   std::vector<double> wide;
   if (!gradient_along(surface, d, 2.0 * h, g0, wide)) return;
+  const double before = column[static_cast<std::size_t>(i)];
   for (std::size_t j = 0; j < column.size(); ++j) column[j] = (4.0 * column[j] - wide[j]) / 3.0;
+  // A quartic and nothing else (a ridge of two variances): what is left is its sixth power, of either sign.
+  constexpr double left = 0.01;
+  if (std::abs(column[static_cast<std::size_t>(i)]) < left * std::abs(before))
+    std::fill(column.begin(), column.end(), 0.0);
 }
 
 // A step that changes the parameter by a few units in its last place, or not at all.
@@ -72,6 +77,7 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
   std::vector<double> d(static_cast<std::size_t>(surface.coordinates().size()), 0.0);
   d[static_cast<std::size_t>(i)] = 1.0;
   double h = step, fails = std::numeric_limits<double>::infinity();
+  double too_short = 0.0, too_long = fails;
   for (int trial = 0; trial < most_trials; ++trial) {
     if (std::isfinite(fails) && no_step(surface.coordinates(), i, h)) {       // whatever can be told apart fails
       surface.coordinates().set_scale(i, surface.coordinates().scale(i) * h); // which noise_of will tell
@@ -99,7 +105,11 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
     }
     if (ratio < 1e-6 && h > 0.1) return true; // no curvature to speak of
     if (ratio < 1.0 && 20.0 * h > fails) return true;
-    if (trial + 1 < most_trials)
+    (ratio < 1.0 ? too_short : too_long) = h;
+    const bool by_turns = surface.coordinates().in_factor(i) && too_short > 0.0 && std::isfinite(too_long);
+    if (trial + 1 < most_trials && by_turns)
+      h = std::sqrt(too_short * too_long); // of a quartic the one step leads to the other, and back
+    else if (trial + 1 < most_trials)
       h = std::min(h * (ratio > 0.0 ? std::clamp(1.0 / ratio, 1e-4, 1e3) : 1e3), 0.5 * fails);
   }
   return !column.empty() && std::isfinite(column[static_cast<std::size_t>(i)]);

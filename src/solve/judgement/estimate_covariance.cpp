@@ -30,7 +30,7 @@ std::vector<double> inverse_curvature(const Judgement& j, std::size_t np)
 // and what its parameter has of curvature is drowned.
 std::vector<std::size_t> bent_coordinates(const Judgement& j, const std::vector<double>& a, std::size_t np)
 {
-  constexpr double most = 0.5;
+  constexpr double most = 0.99;
   std::vector<std::size_t> bent;
   if (j.bend.empty()) return bent;
   for (std::size_t i = 0; i < np; ++i) {

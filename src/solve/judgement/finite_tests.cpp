@@ -122,16 +122,19 @@ double least_rise(const Judgement& judged)
   return least;
 }
 
-bool rises_stand(FitSurface& refined, const Judgement& judged)
+bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises)
 {
   const std::vector<double> origin(static_cast<std::size_t>(refined.coordinates().size()), 0.0);
   double at_origin = 0.0, f = 0.0;
   if (!refined.value(origin.data(), at_origin)) return true;
-  return std::all_of(judged.rises.begin(), judged.rises.end(), [&](const Judgement::Rise& rise) {
-    if (!refined.value(rise.t.data(), f)) return true;
-    const double by = 2.0 * (f - at_origin);
-    return by - std::abs(by - rise.by) >= gain_allowed;
-  });
+  bool stand = true;
+  for (auto& rise : rises) {
+    if (!refined.value(rise.t.data(), f)) continue;
+    const double before = rise.by;
+    rise.by = 2.0 * (f - at_origin);
+    stand = stand && rise.by - std::abs(rise.by - before) >= gain_allowed;
+  }
+  return stand;
 }
 
 } // namespace torvale::solve

@@ -105,9 +105,14 @@ int FitEnd::question_integrals(int code)
   const int in_use = n_.nqp, finer = finer_points(in_use);
   const bool with_gradient = n_.dograd;
   const double at_estimates = n_.objfun;
-  take_points(n_, finer);
+  auto rises = judgement_.rises;
   FitSurface surface(n_, *coordinates_);
-  verdict.unsettled = !rises_stand(surface, judgement_);
+  // Where QMAX= came before the sums had settled they are refined twice.
+  for (int points = finer, left = verdict.cut_short_by_qmax ? 2 : 1; left > 0 && !verdict.unsettled; --left) {
+    take_points(n_, points);
+    verdict.unsettled = !rises_stand(surface, rises);
+    points = finer_points(points);
+  }
   take_points(n_, in_use);
   n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);
   n_.dograd = with_gradient;

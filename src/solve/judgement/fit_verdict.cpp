@@ -21,11 +21,6 @@ namespace {
 
 using Rows = std::vector<std::vector<double>>; // vectors of np elements
 
-constexpr std::size_t packed(std::size_t i, std::size_t j)
-{
-  return i < j ? j * (j + 1) / 2 + i : i * (i + 1) / 2 + j;
-}
-
 double dot(const std::vector<double>& a, const std::vector<double>& b)
 {
   double sum = 0.0;
@@ -165,7 +160,9 @@ void take_judgement(NX& n, const FitEnd& end)
   std::vector<double> jacobian(np * np), origin(np, 0.0);
   end.coordinates().jacobian(origin.data(), jacobian.data());
   take_null_space(n, j, jacobian);
-  take_covariance(n, j, jacobian);
+  const int form = n.covstr->icov;
+  const bool needs_scores = form == 1 || form == 5 || form == 6; // which a fit does not have
+  if (!needs_scores) take_covariance(n, j, jacobian);
 }
 
 void missing_errors(NX& n)

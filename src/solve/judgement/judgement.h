@@ -53,9 +53,10 @@ Judgement judge(FitSurface& surface, double f, const double* g);
 // least_rise: the least of what the steps of a standard error raised -2 log L by.
 double least_rise(const Judgement& judged);
 
-// rises_stand: whether the same steps rise on a surface that has another rule for its integrals, by more than the two
-// rules differ: what one refinement changes another may change again. True where the surface cannot be evaluated.
-bool rises_stand(FitSurface& refined, const Judgement& judged);
+// rises_stand: whether the steps of `rises` rise on a surface that has a finer rule for its integrals, by more than the
+// two rules differ: what one refinement changes another may change again. True where the surface cannot be evaluated.
+// The rises become those of this surface.
+bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises);
 
 // judge_given: the same with a Hessian that is there already.
 Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g);
