@@ -63,12 +63,16 @@ private:
   // nothing does, the estimates stand on a tail.
   void tail(const std::vector<double>& way)
   {
-    if (dot(way, way) == 0.0) return;
+    if (dot(way, way) == 0.0 || promised(way) > most_of_a_tail) return;
     const auto change = [&](double a) { return steps_.by(way, a); };
     const double back = change(1.0);
     if (!(back < TestSteps::fails && back >= far_rise && back > 10.0 * promised(way))) return;
     if (steps_.flat_outward(change, -1.0, back)) steps_.note_separated(way);
   }
+
+  // At x lengths of an exponential's tail its curvature promises x**2 times what is left of it: 0.1 at most where that
+  // is below what counts. What is promised more rises on the way out, too.
+  static constexpr double most_of_a_tail = 1.0;
 
   // Turned directions are not orthogonal: there the slope alone promises.
   double promised(const std::vector<double>& way) const
