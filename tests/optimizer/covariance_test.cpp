@@ -56,7 +56,8 @@ TEST(CovarianceInverse, TinyDiagonalsOfIndefiniteMatrices)
       Vector a(6);
       for (int i = 0; i < 3; ++i)
         for (int j = 0; j <= i; ++j)
-          a[static_cast<std::size_t>(i * (i + 1) / 2 + j)] = element(plain, i, j) * units[i] * units[j];
+          a[static_cast<std::size_t>(i * (i + 1) / 2 + j)] =
+              element(plain, i, j) * units[static_cast<std::size_t>(i)] * units[static_cast<std::size_t>(j)];
       for (const Vector& g : {invert(a, 3).matrix, generalized(a, 3)})
         for (int i = 0; i < 3; ++i)
           for (int j = 0; j < 3; ++j) {
