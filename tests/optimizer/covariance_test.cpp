@@ -63,7 +63,9 @@ TEST(CovarianceInverse, TinyDiagonalsOfIndefiniteMatrices)
           for (int j = 0; j < 3; ++j) {
             double sum = 0.0;
             for (int k = 0; k < 3; ++k) sum += element(a, i, k) * element(g, k, j);
-            EXPECT_NEAR(sum * units[j] / units[i], i == j ? 1.0 : 0.0, 1e-13) << tiny << " " << unit;
+            EXPECT_NEAR(sum * units[static_cast<std::size_t>(j)] / units[static_cast<std::size_t>(i)],
+                        i == j ? 1.0 : 0.0, 1e-13)
+                << tiny << " " << unit;
           }
     }
   }
