@@ -84,9 +84,9 @@ void take_mode_coefficients(const model::ModelLists& n, model::BatchWork& b);
 // 0 or the engine's code above 2.
 int factored_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
 void close_factored(const model::ModelLists& n, const model::TVLThreadCtx& ctx, int slot, double* gradient);
-// add_shares: after sum_points, what share every point has in a slot's integral, times the subject's replicates, into
-// the point's element of `shares`. By a second pass; allocates. Returns as sum_points.
-int add_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
+// find_shares: after sum_points, what share every point has in a good slot's integral, times the subject's replicates:
+// nqpr numbers a slot. By a second pass; allocates. Returns as sum_points.
+int find_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.

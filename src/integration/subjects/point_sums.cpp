@@ -230,7 +230,8 @@ private:
       const double weight = reff_.SubInfo[static_cast<std::size_t>(b_.subject[s])].weight;
       const double scale = weight * std::exp(peak_[i] - known_peak_[s]) / known_total_[s];
       const double* const e = b_.prior.data() + i * pairs_.slot_step();
-      for (int q = 0; q < pairs_.points; ++q) shares_[first_ + q] += scale * e[q * step_];
+      double* const own = shares_ + pairs_.slots[i] * reff_.nqpr + first_;
+      for (int q = 0; q < pairs_.points; ++q) own[q] = scale * e[q * step_];
     }
   }
 
@@ -442,7 +443,7 @@ int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
   }
 }
 
-int add_shares(const NX& n, TVLThreadCtx& ctx, double* shares)
+int find_shares(const NX& n, TVLThreadCtx& ctx, double* shares)
 {
   return PointLoop<0>(n, ctx, false).run_shares(shares);
 }

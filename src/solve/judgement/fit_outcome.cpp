@@ -100,7 +100,10 @@ int FitEnd::question_integrals(int code)
   auto& verdict = n_.verdict;
   const bool minimum = verdict.outcome == FitOutcome::confirmed || verdict.outcome == FitOutcome::confirmed_singular;
   if (!minimum || !judgement_.measured || coordinates_ == nullptr || std::isnan(verdict.quadrature_change)) return code;
-  const bool harmless = std::abs(verdict.quadrature_change) <= 0.02 * least_rise(judgement_);
+  // Points that the user chose are asked only where the integrals of the subjects are far from settled.
+  constexpr double far = 0.1; // in -2 log L, each
+  const double change = std::abs(verdict.quadrature_change);
+  const bool harmless = change <= 0.02 * least_rise(judgement_) || (n_.nqpspec && change < far * n_.outer().nrepsub);
   if (harmless && !verdict.cut_short_by_qmax) return code;
   const int in_use = n_.nqp, finer = finer_points(in_use);
   const bool with_gradient = n_.dograd;
