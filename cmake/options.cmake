@@ -19,8 +19,7 @@ endif()
 
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  # It is told that what reads a header compiled before may be kept too.
-  set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE}")
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
 endif()
 
 add_library(torvale_flags INTERFACE)

@@ -103,23 +103,6 @@ function(torvale_room name)
   add_dependencies(torvale_${name} check_room_${name})
 endfunction()
 
-# What all test programs read before their own lines, compiled once: a third of the compiler's time for tests.
-function(torvale_test_headers)
-  file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/test_headers.cpp" CONTENT "// The headers alone.\n")
-  add_library(torvale_test_headers OBJECT "${CMAKE_BINARY_DIR}/test_headers.cpp")
-  target_link_libraries(torvale_test_headers PRIVATE torvale_flags GTest::gmock GTest::gtest)
-  torvale_test_options(torvale_test_headers)
-  target_precompile_headers(torvale_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>
-    <algorithm> <cmath> <filesystem> <fstream> <map> <random> <sstream> <string> <vector>)
-endfunction()
-
-# A header that is compiled before wants the same options wherever it is read.
-function(torvale_test_options name)
-  target_compile_definitions(${name} PRIVATE TORVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-  # Tests run once for each time they are built: half the time of the compiler is worth more than theirs.
-  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1> $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
-endfunction()
-
 # torvale_test(NAME ROOM room SOURCES files...): one GoogleTest program, discovered by ctest.
 function(torvale_test name)
   cmake_parse_arguments(TEST "" "" "SOURCES;ROOMS;LIBRARIES" ${ARGN})
@@ -129,8 +112,9 @@ function(torvale_test name)
     target_link_libraries(${name} PRIVATE torvale_${room})
   endforeach()
   target_link_libraries(${name} PRIVATE torvale_flags ${TEST_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
-  torvale_test_options(${name})
-  target_precompile_headers(${name} REUSE_FROM torvale_test_headers)
+  target_compile_definitions(${name} PRIVATE TORVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  # Tests run once for each time they are built: half the time of the compiler is worth more than theirs.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 endfunction()
 
