@@ -74,12 +74,17 @@ TEST(Invariance, EffectsFarFromZeroGiveTheSameFit)
 
 TEST(Invariance, ThreadsGiveTheSameBytes)
 {
-  for (const char* name : {"epil", "theoph", "fixed_negbin"}) {
-    const std::string program = example(name, "QPOINTS=5 COV");
+  const std::string sampled = "METHOD=ISAMP SEED=1 QPOINTS=50 COV";
+  for (const auto& [name, options] : {std::pair<std::string, std::string>("epil", "QPOINTS=5 COV"),
+                                      {"theoph", "QPOINTS=5 COV"},
+                                      {"fixed_negbin", "QPOINTS=5 COV"},
+                                      {"epil", sampled},
+                                      {"theoph", sampled}}) {
+    const std::string program = example(name, options);
     const std::string serial = host::results_json(run_text(program).outcome.results);
     for (const int threads : {2, 3, 5})
       EXPECT_EQ(serial, host::results_json(run_text(program, "examples", threads).outcome.results))
-          << name << " " << threads;
+          << name << " " << options << " " << threads;
   }
 }
 
