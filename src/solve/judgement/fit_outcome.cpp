@@ -100,9 +100,12 @@ int FitEnd::question_integrals(int code)
   auto& verdict = n_.verdict;
   const bool minimum = verdict.outcome == FitOutcome::confirmed || verdict.outcome == FitOutcome::confirmed_singular;
   if (!minimum || !judgement_.measured || coordinates_ == nullptr || std::isnan(verdict.quadrature_change)) return code;
-  // One point is the integrand's own mode, and no grid; who asks for it knows what it leaves out.
-  const bool own_choice = n_.nqpspec && n_.nqp == 1;
-  const bool harmless = own_choice || std::abs(verdict.quadrature_change) <= 0.02 * least_rise(judgement_);
+  // Points that the user chose stay in any case, and are asked only where the integrals of the subjects are far from
+  // settled. One point is the integrand's own mode, and no grid.
+  constexpr double far = 1e-3; // in -2 log L, a subject
+  const double change = std::abs(verdict.quadrature_change);
+  const bool own_choice = n_.nqpspec && (n_.nqp == 1 || change < far * n_.outer().nrepsub);
+  const bool harmless = own_choice || change <= 0.02 * least_rise(judgement_);
   if (harmless && !verdict.cut_short_by_qmax) return code;
   const int in_use = n_.nqp, finer = finer_points(in_use);
   const bool with_gradient = n_.dograd;
