@@ -82,7 +82,7 @@ constexpr CatalogueEntry entries[] = {
      "times:{moments}].",
      "", ""},
     {503, 9020, "no_data_set", E,
-     "There is no data set {name} in {where}[; did you mean {near}?][ Known here: {known}.]",
+     "There is no data set {name} in {where}[; perhaps {near} is meant][; known here: {known}].",
      "The name is misspelled, or the file lies in another folder.",
      "A one-level name is a CSV file in the program's folder or a name given with --data NAME=PATH; a quoted text is a "
      "path."},
