@@ -41,6 +41,7 @@ template <class T> inline void cholesky_adjoint(int nr, const T* chol, T* f, dou
 //   work   scratch nr (nr + 1) / 2 doubles
 //   cder   out  np rows of packed dL
 // Returns 0.
-int tvlcder(int nr, int np, const double* chol, const double* grad, const int* zgrad, double tol, double* work, double* cder);
+int tvlcder(int nr, int np, const double* chol, const double* grad, const int* zgrad, double tol, double* work,
+            double* cder);
 
 } // namespace torvale::evaluation

@@ -37,8 +37,9 @@ int chodect2(int n, const double* d, const double* e, double bound);
 int invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, double* pivots,
                      model::BlockWork& block);
 
-// invert_definite: the same of order NR, 1 to 3, for matrices without pivot trouble; T: double, or a vector of them with
-// a matrix in each place. Returns in which places it is a matrix of that kind; h and g of others are of no use then.
+// invert_definite: the same of order NR, 1 to 3, for matrices without pivot trouble; T: double, or a vector of them
+// with a matrix in each place. Returns in which places it is a matrix of that kind; h and g of others are of no use
+// then.
 template <int NR, class T> auto invert_definite(const model::RunOptions& options, T* h, T* g, T* pivots)
 {
   if constexpr (NR == 1) {

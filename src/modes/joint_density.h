@@ -27,8 +27,8 @@ template <int NR, class T = double> struct JointDensity {
   explicit JointDensity(int nr) : order(nr) {}
   int nr() const { return NR > 0 ? NR : order; }
 
-  // From a column of sums (for a vector from the next ones too), `stride` doubles between its rows: ll, nr first and nrs
-  // second derivatives by u.
+  // From a column of sums (for a vector from the next ones too), `stride` doubles between its rows: ll, nr first and
+  // nrs second derivatives by u.
   void read(const double* sum, long stride, const T* z, const T* l)
   {
     const T ll = load(sum), failed = T{} + model::failure_objective;
@@ -89,8 +89,9 @@ template <int NR> void place_point(const model::NX& n, model::BatchWork& b, int 
   }
 }
 
-// EBFunc: log likelihood with its derivatives by the random effects at the trial points of the first `active` entries of
-// b.active, into columns 0..active-1 of the mode sums. (EB empirical Bayes, Func function.) Returns 0 or the engine's code above 2.
+// EBFunc: log likelihood with its derivatives by the random effects at the trial points of the first `active` entries
+// of b.active, into columns 0..active-1 of the mode sums. (EB empirical Bayes, Func function.) Returns 0 or the
+// engine's code above 2.
 template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int active)
 {
   model::BatchWork& b = ctx.batch;
@@ -100,8 +101,8 @@ template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int a
                              {n.programs.mode, b.mode_sums.data(), b.mode_stride});
 }
 
-// Keeps what the integration needs of a column of such sums, which stands at the mode of the slot. Elements of the inverse are
-// `apart` doubles apart.
+// Keeps what the integration needs of a column of such sums, which stands at the mode of the slot. Elements of the
+// inverse are `apart` doubles apart.
 template <int NR>
 void keep_curvature(model::BatchWork& b, int order, int slot, const double* sum, const double* inverse, int apart = 1)
 {

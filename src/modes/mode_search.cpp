@@ -209,7 +209,8 @@ private:
       const float* by = n_.ebes_by.data();
       const long apart = static_cast<long>(nr()) * n_.nparm;
       for (int i = 0; i < nr(); ++i)
-        for (int j = 0; j < n_.nparm; ++j) u[i] += subjects.gather(by++, apart) * b_.parameter_step[static_cast<std::size_t>(j)];
+        for (int j = 0; j < n_.nparm; ++j)
+          u[i] += subjects.gather(by++, apart) * b_.parameter_step[static_cast<std::size_t>(j)];
       standardize(u, mean, factor, ahead);
       // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
       constexpr double farthest = 2.0;
@@ -254,8 +255,8 @@ private:
     s.failure = failure_of(why, n_.leaf().sub_character);
   }
 
-  // One decision of the search: the i-th of these steps follows from value, gradient and Hessian at z, in this column of
-  // sums.
+  // One decision of the search: the i-th of these steps follows from value, gradient and Hessian at z, in this column
+  // of sums.
   template <class T> void advance(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
   {
     ModeSearch& s = search(slot);
@@ -299,7 +300,8 @@ private:
     const double length = steps.of(steps.length, i), square = steps.of(steps.square, i);
     if (!(square < largest)) return give_up(slot);
     const bool noise = square < noise_floor && square > noise_ratio * s.previous;
-    const bool predicted = n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && square < good_prediction;
+    const bool predicted =
+        n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && square < good_prediction;
     if (length < n_.ebtol || noise || square < negligible || predicted) {
       s.state = ModeSearch::found;
       s.logdet = log_determinant(nr(), steps.column(steps.pivots, i), apart);
@@ -320,8 +322,8 @@ private:
   BatchWork& b_;
   const int nr_, nrs_;
   const AtModes* const at_modes_;
-  const bool predicts_;    // starts follow the parameters from the accepted modes
-  const bool starts_near_; // stored modes are those of this point, or have to do
+  const bool predicts_;       // starts follow the parameters from the accepted modes
+  const bool starts_near_;    // stored modes are those of this point, or have to do
   int active_ = 0, near_ = 0; // after the last round of decisions
   int closed_ = 0;            // columns of curvature_sums in use
 };

@@ -59,7 +59,8 @@ TEST(InvertHessian, ThreeEffectsAgreeWithSweeps)
 {
   const model::RunOptions options;
   auto block = block_for(3);
-  const double matrices[][6] = {{4, 2, 5, 1, -1, 3}, {1e6, 30, 1e-2, -200, 0.01, 1}, {1, 2, 1, 0, 0, 1}, {1, 0, 1, 1, 0, 1}};
+  const double matrices[][6] = {
+      {4, 2, 5, 1, -1, 3}, {1e6, 30, 1e-2, -200, 0.01, 1}, {1, 2, 1, 0, 0, 1}, {1, 0, 1, 1, 0, 1}};
   for (const auto& m : matrices) {
     double h1[6], h2[6], g1[3] = {1, -1, 2}, g2[3] = {1, -1, 2}, p1[3], p2[3];
     std::copy_n(m, 6, h1);

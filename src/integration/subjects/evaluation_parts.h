@@ -43,8 +43,8 @@ void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
 void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
-// keep_mode_derivatives: the derivatives of the modes of some slots by the parameters into n.ebtrial_by; after an evaluation
-// with a gradient.
+// keep_mode_derivatives: the derivatives of the modes of some slots by the parameters into n.ebtrial_by; after an
+// evaluation with a gradient.
 inline bool keeps_mode_derivatives(const model::NX& n)
 {
   return n.dograd && !n.ebtrial_by.empty() && !n.prediction_stands;
@@ -67,8 +67,8 @@ inline void add_outer_product(const double* g, int np, double weight, double* su
     for (int j = 0; j <= i; ++j) *sum++ += weight * (g[i] * g[j]);
 }
 
-// find_spread: the scale of the points by z of all good slots, into b.spread: the Cholesky factor of the inverse Hessian at the
-// mode, or the identity (then L alone scales u). Overwrites b.active.
+// find_spread: the scale of the points by z of all good slots, into b.spread: the Cholesky factor of the inverse
+// Hessian at the mode, or the identity (then L alone scales u). Overwrites b.active.
 void find_spread(const model::NX& n, model::BatchWork& b);
 
 // sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of
@@ -103,16 +103,17 @@ inline bool closes_point(const model::NX& n)
 {
   return n.leaf().nqpr == 1 && n.method == 0 && n.programs.closing_point;
 }
-// taken_at_modes: the mode is the only point and was closed with what a gradient wants there. sum_points then runs nothing, and
-// leaves its sums of derivatives where sum_at_modes put them: in curvature_sums, behind ModelPrograms::closing_gradient.
+// taken_at_modes: the mode is the only point and was closed with what a gradient wants there. sum_points then runs
+// nothing, and leaves its sums of derivatives where sum_at_modes put them: in curvature_sums, behind
+// ModelPrograms::closing_gradient.
 inline bool taken_at_modes(const model::NX& n, const model::BatchWork& b, bool gradient)
 {
   return gradient && n.adaptive && !b.factored.in_use && closes_point(n);
 }
 
 // subject_gradients: the derivatives of the integrals of all good slots by the parameters (of the negative log
-// likelihood) into b.gradients, after sum_points and sum_curvature. Where derivatives are factored without what their products give,
-// whose weights go into b.factored.weights. Overwrites b.active.
+// likelihood) into b.gradients, after sum_points and sum_curvature. Where derivatives are factored without what their
+// products give, whose weights go into b.factored.weights. Overwrites b.active.
 void subject_gradients(const model::NX& n, model::BatchWork& b);
 
 } // namespace torvale::integration

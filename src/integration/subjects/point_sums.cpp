@@ -412,11 +412,13 @@ private:
   std::vector<double> known_peak_, known_total_;
 };
 
-// The only point is the mode, where the program has been run: its weight is 1, and log likelihood and prior are the sum's peak.
+// The only point is the mode, where the program has been run: its weight is 1, and log likelihood and prior are the
+// sum's peak.
 void take_values_at_modes(const NX& n, BatchWork& b)
 {
   const int nr = n.leaf().nr;
-  const double* const lls = b.curvature_sums.data() + n.programs.closing_gradient(model::ModelPrograms::ll) * b.mode_stride;
+  const double* const lls =
+      b.curvature_sums.data() + n.programs.closing_gradient(model::ModelPrograms::ll) * b.mode_stride;
   for (int slot = 0; slot < b.slots; ++slot) {
     const auto s = static_cast<std::size_t>(slot);
     if (b.failure[s] != 0) continue;
@@ -484,8 +486,7 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = n.programs.curvature;
-  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {program, b.curvature_sums.data(), b.mode_stride});
+  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, {program, b.curvature_sums.data(), b.mode_stride});
 }
 
 int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active, int column)

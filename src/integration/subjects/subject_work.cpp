@@ -53,7 +53,8 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   constexpr long behind = 8; // read with the last columns by those who take several at once
   size(b.mode_sums, n.programs.mode.places * b.mode_stride + behind);
   const model::ModelPrograms& p = n.programs;
-  size(b.curvature_sums, (p.closing ? p.closing_gradient(p.gradient.places) : p.curvature.places) * b.mode_stride + behind);
+  size(b.curvature_sums,
+       (p.closing ? p.closing_gradient(p.gradient.places) : p.curvature.places) * b.mode_stride + behind);
 }
 
 void keep_trial_mode(NX& n, const model::TVLThreadCtx& ctx, int slot)
