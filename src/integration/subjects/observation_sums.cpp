@@ -38,14 +38,33 @@ struct InterleavedSum {
   }
 };
 
-// The lanes of one tile: their rows, and what each counts for.
+// The lanes of one tile: their rows, ascending, and what each counts for.
 struct Lanes {
   const std::int32_t* rows = nullptr;
   int count = 0;
   double weight[engine::max_lanes];
+  bool follow_each_other() const { return rows[count - 1] - rows[0] == count - 1; }
+  engine::Tile tile(const std::int32_t* state) const
+  {
+    engine::Tile t;
+    t.lanes = count;
+    t.first = rows[0];
+    t.observation = follow_each_other() ? nullptr : rows;
+    t.state = state;
+    return t;
+  }
   void weigh(const NX& n)
   {
     const auto& store = *n.store;
+    if (store.replicate.empty() && follow_each_other()) {
+      static_assert(static_cast<int>(BadCause::none) == 0);
+      unsigned causes = 0; // of all of them, without a branch for each
+      for (int j = 0; j < count; ++j) causes |= static_cast<unsigned>(store.badobs[static_cast<std::size_t>(rows[0] + j)]);
+      if (causes == 0) {
+        std::fill_n(weight, count, 1.0);
+        return;
+      }
+    }
     for (int j = 0; j < count; ++j) {
       const auto row = static_cast<std::size_t>(rows[j]);
       weight[j] = store.badobs[row] != BadCause::none ? 0.0 : store.replicate.empty() ? 1.0 : store.replicate[row];
@@ -86,10 +105,11 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     lanes.count = static_cast<int>(std::min<long>(step, last - at));
     lanes.weigh(n);
     const std::int32_t* const zeros = ctx.tile.point.data();
-    const int rc = evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr});
+    const int rc = evaluation::tvlexec(ctx, program, lanes.tile(keeps ? zeros : nullptr));
     if (rc > 2) return rc;
     const double* const ll = ctx.frame->output(0);
-    for (int j = 0; j < lanes.count; ++j) {
+    const bool usable = evaluation::all_finite_above(model::impossible_loglik, ll, lanes.count);
+    for (int j = 0; !usable && j < lanes.count; ++j) {
       const auto row = static_cast<std::size_t>(lanes.rows[j]);
       if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none)
         continue;
@@ -127,7 +147,7 @@ int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
     lanes.count = static_cast<int>(std::min<long>(keeps ? 1 : engine::max_lanes, last - at));
     lanes.weigh(n);
     const std::int32_t* const zeros = ctx.tile.point.data();
-    if (evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr}) > 2) return 1;
+    if (evaluation::tvlexec(ctx, program, lanes.tile(keeps ? zeros : nullptr)) > 2) return 1;
     for (int j = 0; j < lanes.count; ++j) {
       if (lanes.weight[j] == 0.0) continue;
       std::fill(gradient.begin(), gradient.end(), 0.0);
