@@ -45,9 +45,9 @@ tests::ModelText poisson()
   const Term ll = -Term("mu") - lgamma(Term(1.0) + "y") + Term("y") * log(Term("mu"));
   const Term bad = any({is("mu", syntax::Op::less, smallest), is("mu", syntax::Op::greater, 1.3407807929943e+154),
                         is("y", syntax::Op::less, 0.0)});
-  m.assignments = {{"mu", exp(Term("b0") + Term("b1") * "x" + Term("b2") * "z")},
-                   {"_ll", Term::choose(any({missing("y"), missing("mu")}), Term(NAN),
-                                        Term::choose(bad, Term(impossible), ll))}};
+  m.assignments = {
+      {"mu", exp(Term("b0") + Term("b1") * "x" + Term("b2") * "z")},
+      {"_ll", Term::choose(any({missing("y"), missing("mu")}), Term(NAN), Term::choose(bad, Term(impossible), ll))}};
   return m;
 }
 

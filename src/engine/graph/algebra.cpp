@@ -167,9 +167,9 @@ NodeId GraphBuilder::logarithm(Kernel k, NodeId a)
 }
 
 // With p = 1 / (1 + t) between 0 and 1, as the guards of a distribution have it, t is above 0, and log(1 - p) is
-// log(t) - log(1 + t). The latter is there when log(p) is wanted too, and the former is a sum where t is an exponential:
-// a negative binomial of mean exp(eta) takes one logarithm in place of two. No digits of 1 - p are lost where p is
-// near 1.
+// log(t) - log(1 + t). The latter is there when log(p) is wanted too, and the former is a sum where t is an
+// exponential: a negative binomial of mean exp(eta) takes one logarithm in place of two. No digits of 1 - p are lost
+// where p is near 1.
 NodeId GraphBuilder::log_of_rest(NodeId a)
 {
   if (!is_constant(operand(a, 0), 1.0)) return no_node;

@@ -59,7 +59,8 @@ struct Lanes {
     if (store.replicate.empty() && follow_each_other()) {
       static_assert(static_cast<int>(BadCause::none) == 0);
       unsigned causes = 0; // of all of them, without a branch for each
-      for (int j = 0; j < count; ++j) causes |= static_cast<unsigned>(store.badobs[static_cast<std::size_t>(rows[0] + j)]);
+      for (int j = 0; j < count; ++j)
+        causes |= static_cast<unsigned>(store.badobs[static_cast<std::size_t>(rows[0] + j)]);
       if (causes == 0) {
         std::fill_n(weight, count, 1.0);
         return;
@@ -140,7 +141,9 @@ int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
   ctx.frame->set_range(0, static_cast<std::int64_t>(n.store->badobs.size()));
   ctx.frame->set_points(&no_effects, 1, 1);
   if (keeps) ctx.frame->reset_state(program, 1);
-  std::vector<double> gradient(static_cast<std::size_t>(n.nparm));
+  const std::size_t outputs = n.programs.gradient.outputs.size();
+  std::vector<double> gradient(static_cast<std::size_t>(n.nparm), 0.0); // what no output is stays 0
+  std::vector<const double*> by(outputs);
   Lanes lanes;
   for (long at = 0; at < last; at += lanes.count) {
     lanes.rows = n.record_rows.data() + at;
@@ -148,11 +151,11 @@ int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
     lanes.weigh(n);
     const std::int32_t* const zeros = ctx.tile.point.data();
     if (evaluation::tvlexec(ctx, program, lanes.tile(keeps ? zeros : nullptr)) > 2) return 1;
+    for (std::size_t k = 1; k < outputs; ++k) by[k] = ctx.frame->output(static_cast<int>(k));
     for (int j = 0; j < lanes.count; ++j) {
       if (lanes.weight[j] == 0.0) continue;
-      std::fill(gradient.begin(), gradient.end(), 0.0);
-      for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
-        const double g = ctx.frame->output(static_cast<int>(k))[j];
+      for (std::size_t k = 1; k < outputs; ++k) {
+        const double g = by[k][j];
         if (!std::isfinite(g)) return 1;
         gradient[static_cast<std::size_t>(n.programs.gradient.outputs[k] - n.programs.by_parameter(0))] = g;
       }
