@@ -11,7 +11,8 @@ namespace torvale::bench {
 inline void expect_exit(int code, int expected, const std::string& log)
 {
   if (code == expected) return;
-  std::fprintf(stderr, "%sThe program of this benchmark ended with exit code %d, not %d.\n", log.c_str(), code, expected);
+  std::fprintf(stderr, "%sThe program of this benchmark ended with exit code %d, not %d.\n", log.c_str(), code,
+               expected);
   std::exit(1);
 }
 

@@ -1,9 +1,8 @@
 // One evaluation, value and gradient, of a one-compartment oral model with two random effects: 2,000 subjects of 10
 // observations, one point at the mode (Laplace), searches starting from the modes of a nearby point. The yardstick is a
 // vector loop in the same binary that takes two exponentials for each observation, once. Counters: `ratio` to that
-// loop, `passes` of a program over all observations, and `beside`: what an evaluation beside an accepted point costs, where
-// predictions stand, in such evaluations. One thread; data and programs are ready, as in the middle of a
-// fit.
+// loop, `passes` of a program over all observations, and `beside`: what an evaluation beside an accepted point costs,
+// where predictions stand, in such evaluations. One thread; data and programs are ready, as in the middle of a fit.
 
 #include "integration/hand_loop.h"
 #include "integration/objective.h"

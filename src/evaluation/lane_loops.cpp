@@ -28,8 +28,8 @@ namespace {
   }
 }
 
-[[gnu::always_inline]] inline void add_multiples_loop(double* __restrict sum, const double* __restrict from, double factor,
-                                                      int n)
+[[gnu::always_inline]] inline void add_multiples_loop(double* __restrict sum, const double* __restrict from,
+                                                      double factor, int n)
 {
   for (int j = 0; j < n; ++j) sum[j] += from[j] * factor;
 }
@@ -70,7 +70,8 @@ namespace {
   return all != 0;
 }
 
-[[gnu::always_inline]] inline void shift_loop(std::int32_t* __restrict out, const std::int32_t* __restrict from, std::int32_t step, int n)
+[[gnu::always_inline]] inline void shift_loop(std::int32_t* __restrict out, const std::int32_t* __restrict from,
+                                              std::int32_t step, int n)
 {
   for (int j = 0; j < n; ++j) out[j] = from[j] + step;
 }
@@ -81,8 +82,9 @@ namespace {
   constexpr double log2e = 1.4426950408889634;
   constexpr double ln2_high = 6.93147180369123816490e-01, ln2_low = 1.90821492927058770002e-10;
   constexpr double shift = 6755399441055744.0; // 1.5 2^52: adding it rounds to a whole number in the low bits
-  constexpr double taylor[] = {1.0 / 6227020800, 1.0 / 479001600, 1.0 / 39916800, 1.0 / 3628800, 1.0 / 362880, 1.0 / 40320,
-                               1.0 / 5040,       1.0 / 720,       1.0 / 120,      1.0 / 24,      1.0 / 6,      0.5};
+  constexpr double taylor[] = {1.0 / 6227020800, 1.0 / 479001600, 1.0 / 39916800, 1.0 / 3628800,
+                               1.0 / 362880,     1.0 / 40320,     1.0 / 5040,     1.0 / 720,
+                               1.0 / 120,        1.0 / 24,        1.0 / 6,        0.5};
   for (int j = 0; j < n; ++j) {
     const double a = x[j] >= smallest ? x[j] : smallest;
     const double shifted = a * log2e + shift;
@@ -111,33 +113,34 @@ struct Loops {
 };
 
 // One build of the loops; `target` is an attribute, or nothing for the instructions that every machine has.
-#define TORVALE_LOOPS(name, target)                                                                                   \
-  struct name {                                                                                                       \
-    target static void add(double* sum, const double* from, int n) { add_loop(sum, from, n); }                        \
+#define TORVALE_LOOPS(name, target)                                                                                    \
+  struct name {                                                                                                        \
+    target static void add(double* sum, const double* from, int n) { add_loop(sum, from, n); }                         \
     target static void rows(double* sum, const double* from, int n, int count) { add_rows_loop(sum, from, n, count); } \
-    target static void multiples(double* sum, const double* from, double factor, int n)                               \
-    {                                                                                                                 \
-      add_multiples_loop(sum, from, factor, n);                                                                       \
-    }                                                                                                                 \
-    target static void products(double* sum, const double* a, const double* b, int n)                                 \
-    {                                                                                                                 \
-      add_products_loop(sum, a, b, n);                                                                                \
-    }                                                                                                                 \
-    target static void present_products(double* sum, const double* a, const double* b, int n)                         \
-    {                                                                                                                 \
-      add_present_products_loop(sum, a, b, n);                                                                        \
-    }                                                                                                                 \
-    target static void interleaved(double* part, const double* a, const double* b, int n)                             \
-    {                                                                                                                 \
-      add_interleaved_products_loop(part, a, b, n);                                                                   \
-    }                                                                                                                 \
-    target static bool finite_above(double low, const double* x, int n) { return finite_above_loop(low, x, n); }      \
-    target static void shift(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)                   \
-    {                                                                                                                 \
-      shift_loop(out, from, step, n);                                                                                 \
-    }                                                                                                                 \
-    target static void exponential(double* x, int n) { exponential_loop(x, n); }                                      \
-    static constexpr Loops table{add, rows, multiples, products, present_products, interleaved, finite_above, shift, exponential};      \
+    target static void multiples(double* sum, const double* from, double factor, int n)                                \
+    {                                                                                                                  \
+      add_multiples_loop(sum, from, factor, n);                                                                        \
+    }                                                                                                                  \
+    target static void products(double* sum, const double* a, const double* b, int n)                                  \
+    {                                                                                                                  \
+      add_products_loop(sum, a, b, n);                                                                                 \
+    }                                                                                                                  \
+    target static void present_products(double* sum, const double* a, const double* b, int n)                          \
+    {                                                                                                                  \
+      add_present_products_loop(sum, a, b, n);                                                                         \
+    }                                                                                                                  \
+    target static void interleaved(double* part, const double* a, const double* b, int n)                              \
+    {                                                                                                                  \
+      add_interleaved_products_loop(part, a, b, n);                                                                    \
+    }                                                                                                                  \
+    target static bool finite_above(double low, const double* x, int n) { return finite_above_loop(low, x, n); }       \
+    target static void shift(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)                    \
+    {                                                                                                                  \
+      shift_loop(out, from, step, n);                                                                                  \
+    }                                                                                                                  \
+    target static void exponential(double* x, int n) { exponential_loop(x, n); }                                       \
+    static constexpr Loops table{add,         rows,         multiples, products,   present_products,                   \
+                                 interleaved, finite_above, shift,     exponential};                                   \
   };
 
 TORVALE_LOOPS(Plain, )

@@ -49,8 +49,8 @@ private:
   }
 };
 
-// factor_programs: n.programs.factored, where enough derivatives by parameters have coefficients in common. Takes what the
-// programs `gradient` and `closing` yield; the second has no places when nothing is differentiated at modes.
+// factor_programs: n.programs.factored, where enough derivatives by parameters have coefficients in common. Takes what
+// the programs `gradient` and `closing` yield; the second has no places when nothing is differentiated at modes.
 void factor_programs(model::NX& n, Outputs gradient, Outputs closing);
 
 } // namespace torvale::evaluation

@@ -46,7 +46,8 @@ public:
     if (pairs_.count == 0) return 0;
     if (sequential_) ctx_.frame->reset_state(*what_.program, pairs_.count * pairs_.points);
     if (!pairs_.slots_aside() && pairs_.points < long_run)
-      for (int i = 0; i < pairs_.count; ++i) std::fill_n(slot_.data() + i * pairs_.points, pairs_.points, pairs_.slots[i]);
+      for (int i = 0; i < pairs_.count; ++i)
+        std::fill_n(slot_.data() + i * pairs_.points, pairs_.points, pairs_.slots[i]);
     if (what_.lanes.outputs > 0) place_levels();
     int live = pairs_.count; // slots that still have records
     for (int level = 0; level < b_.levels; ++level) {
@@ -183,7 +184,8 @@ private:
     for (const Segment& g : segments)
       for (int l = 0; l < g.levels; ++l) {
         const long level = what_.lanes.level[g.level + l];
-        const long at = pairs_.slots_aside() ? level + static_cast<long>(g.pair / pairs_.count) * g.lanes : level + g.pair;
+        const long at =
+            pairs_.slots_aside() ? level + static_cast<long>(g.pair / pairs_.count) * g.lanes : level + g.pair;
         std::memcpy(to + at, value + g.lane + l * g.lanes, static_cast<std::size_t>(g.lanes) * sizeof(double));
       }
   }

@@ -7,12 +7,12 @@
 
 namespace torvale::evaluation {
 
-inline constexpr int most_pairs = 1024;  // of one run of tvllogl
-inline constexpr int long_run = 32;      // lanes that are worth a tile of their own
+inline constexpr int most_pairs = 1024; // of one run of tvllogl
+inline constexpr int long_run = 32;     // lanes that are worth a tile of their own
 
-// Pairs: slots of the batch in hand with `points` points each. Side by side in the lanes are the slots, point after point
-// (the pair of entry i and point q is q * count + i); or, when the points are many or the slots few, the points of one
-// slot after those of the other (i * points + q).
+// Pairs: slots of the batch in hand with `points` points each. Side by side in the lanes are the slots, point after
+// point (the pair of entry i and point q is q * count + i); or, when the points are many or the slots few, the points
+// of one slot after those of the other (i * points + q).
 struct Pairs {
   const int* slots = nullptr; // ascending
   int count = 0;
@@ -22,22 +22,23 @@ struct Pairs {
   int point_step() const { return slots_aside() ? count : 1; }
 };
 
-// LaneValues: outputs that are kept lane by lane. Record k of the i-th slot at point q stands at level[k] + i * points + q, or, with
-// the slots aside, at level[k] + q * (slots that have a record k) + i.
+// LaneValues: outputs that are kept lane by lane. Record k of the i-th slot at point q stands at level[k] + i * points
+// + q, or, with the slots aside, at level[k] + q * (slots that have a record k) + i.
 struct LaneValues {
-  int outputs = 0;            // behind those that are added up
-  double* values = nullptr;   // output by output, `stride` doubles each
+  int outputs = 0;          // behind those that are added up
+  double* values = nullptr; // output by output, `stride` doubles each
   long stride = 0;
-  long* level = nullptr;      // out: where each level begins, and the end
+  long* level = nullptr; // out: where each level begins, and the end
 };
 
 // RecordSums: what tvllogl adds up and where.
 struct RecordSums {
   const engine::Program* program = nullptr;
-  std::span<const int> places;   // where the program's outputs belong, in order
-  double* sums = nullptr;        // out: the sum of an output at place k for pair j at sums[k * stride + j]; other rows are left alone
+  std::span<const int> places; // where the program's outputs belong, in order
+  double* sums =
+      nullptr; // out: the sum of an output at place k for pair j at sums[k * stride + j]; other rows are left alone
   long stride = 0;
-  LaneValues lanes = {};         // not of sequential programs
+  LaneValues lanes = {};           // not of sequential programs
   std::span<const int> twins = {}; // per output: the place whose sum is its own too, -1 none; may be empty
 
   RecordSums(const model::ModelProgram& p, double* to, long row_stride)
@@ -55,12 +56,13 @@ struct RecordSums {
 // the program has ended the run (STOP, ABORT).
 int tvlexec(model::TVLThreadCtx& ctx, const engine::Program& program, const engine::Tile& tile);
 
-// tvllogl: reads the log likelihood and its derivatives out of the program, summed over each pair's records in record order:
-// one chain per pair, whatever shares the tile.
+// tvllogl: reads the log likelihood and its derivatives out of the program, summed over each pair's records in record
+// order: one chain per pair, whatever shares the tile.
 //
 //   pairs  at most most_pairs, max_lanes points; pair j is point j of the frame (Frame::set_points), whose records are
 //          those of the batch
-//   slots of kept values are pairs; of a program that keeps values every record is run, and the unused ones are left out
+//   slots of kept values are pairs; of a program that keeps values every record is run, and the unused ones are left
+//   out
 //
 // Returns 0 or the engine's code above 2. Allocates nothing.
 int tvllogl(const model::NX& n, model::TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums& what);

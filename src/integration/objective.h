@@ -33,9 +33,9 @@ inline void forget_evaluation(model::NX& n)
 void shift_predictor(model::NX& n, const engine::CMPSYM* predictor, const double* by_row);
 
 // stand_by_prediction: from now on an evaluation with a gradient takes modes as it finds them where the derivatives of
-// the accepted modes say, if these are there; false ends it. For differences around the point of the accepted modes: the
-// error of a mode is even in the step, so that central differences do not see it, and one pass for each evaluation is
-// enough. The modes of such evaluations cannot be accepted.
+// the accepted modes say, if these are there; false ends it. For differences around the point of the accepted modes:
+// the error of a mode is even in the step, so that central differences do not see it, and one pass for each evaluation
+// is enough. The modes of such evaluations cannot be accepted.
 void stand_by_prediction(model::NX& n, bool stands);
 
 // Callbacks of the optimizer; str->comstr is the NX, str->x the point. nlpfunc writes crit and, with dograd, grad too.

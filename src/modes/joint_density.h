@@ -82,8 +82,9 @@ template <int NR> void place_point(const model::NX& n, model::BatchWork& b, int 
   }
 }
 
-// EBFunc: log likelihood with its derivatives by the random effects at the trial points of the first `active` entries of
-// b.active, into columns 0..active-1 of the mode sums. (EB empirical Bayes, Func function.) Returns 0 or the engine's code above 2.
+// EBFunc: log likelihood with its derivatives by the random effects at the trial points of the first `active` entries
+// of b.active, into columns 0..active-1 of the mode sums. (EB empirical Bayes, Func function.) Returns 0 or the
+// engine's code above 2.
 template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int active)
 {
   model::BatchWork& b = ctx.batch;
@@ -94,7 +95,8 @@ template <int NR> int EBFunc(const model::NX& n, model::TVLThreadCtx& ctx, int a
 }
 
 // Keeps what the integration needs of a column of such sums, which stands at the mode of the slot.
-template <int NR> void keep_curvature(model::BatchWork& b, int order, int slot, const double* sum, const double* inverse)
+template <int NR>
+void keep_curvature(model::BatchWork& b, int order, int slot, const double* sum, const double* inverse)
 {
   const int nr = NR > 0 ? NR : order;
   const int nrs = nr * (nr + 1) / 2;

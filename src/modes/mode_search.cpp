@@ -147,7 +147,8 @@ private:
     for (int i = 0; i < nr(); ++i) ahead[i] = u[i];
     const float* by = n_.ebes_by.data() + subject * static_cast<std::size_t>(nr() * n_.nparm);
     for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j < n_.nparm; ++j) ahead[i] += static_cast<double>(*by++) * b_.parameter_step[static_cast<std::size_t>(j)];
+      for (int j = 0; j < n_.nparm; ++j)
+        ahead[i] += static_cast<double>(*by++) * b_.parameter_step[static_cast<std::size_t>(j)];
     standardize(slot, ahead, z_ahead);
     // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
     constexpr double farthest = 2.0;
@@ -240,7 +241,8 @@ private:
     }
     if (!(step_sd < largest)) return give_up(slot);
     const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
-    const bool predicted = n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
+    const bool predicted =
+        n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
     if (step_u < n_.ebtol || noise || step_sd < negligible || predicted) {
       s.state = ModeSearch::found;
       s.logdet = log_determinant(nr(), pivots);
@@ -260,8 +262,8 @@ private:
   BatchWork& b_;
   const int nr_, nrs_;
   const AtModes* const at_modes_;
-  const bool predicts_;    // starts follow the parameters from the accepted modes
-  const bool starts_near_; // stored modes are those of this point, or have to do
+  const bool predicts_;       // starts follow the parameters from the accepted modes
+  const bool starts_near_;    // stored modes are those of this point, or have to do
   int active_ = 0, near_ = 0; // after the last round of decisions
   int closed_ = 0;            // columns of curvature_sums in use
 };

@@ -449,8 +449,7 @@ int run_leaves(const NX& n, TVLThreadCtx& ctx, const model::ModelProgram& progra
       }
     }
     ctx.frame->set_points(b.ran.data(), part, static_cast<int>(b.pair_stride));
-    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1},
-                                       {program, sums + first, stride});
+    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1}, {program, sums + first, stride});
     if (rc != 0) return rc;
   }
   return 0;

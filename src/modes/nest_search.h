@@ -11,8 +11,8 @@ namespace torvale::modes {
 // turns (tvlebesm), with the options of one level, until the modes stand still to EBMTOL$.
 //
 // Fills, in the levels of ctx.nests, z, u, inverse, regression and logdet; leaf (sums over records at the mode). A nest
-// that fails gets message 358 or 356 (359, 357 with a character subject). Needs the priors; the frame's records must be the
-// batch's. Returns 0 or the engine's code above 2. Allocates nothing.
+// that fails gets message 358 or 356 (359, 357 with a character subject). Needs the priors; the frame's records must be
+// the batch's. Returns 0 or the engine's code above 2. Allocates nothing.
 int nest_search(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // run_leaves: sums a program over the records of the slots in w.columns (count of them) at their effects u, in runs

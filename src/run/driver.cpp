@@ -82,18 +82,18 @@ void draw_pictures(NX& n, const sampling::SampleDraws& sample)
 
 int run_group(NX& n)
 {
-  n.znlprc = 0;
+  solve::forget_fit(n);
   host::StageClock& stages = n.host->stages();
   stages.enter(host::Stage::data_pass);
   n.host->progress({.stage = "reading data"});
   advise_on_response(n);
   if (data::load_group_values(n) != 0 || data::tvlenvt(n) != 0 || data::tvldata(n) != 0) return exit_data;
   integration::forget_modes(n);
-  n.verdict = {};
   n.host->progress({.stage = "starting values"});
   stages.enter(host::Stage::starting_values);
   if (solve::tvlparm(n) != 0) {
     n.verdict.outcome = model::FitOutcome::not_evaluated;
+    n.parmstart = n.parm;
     inference::write_verdict(n);
     return exit_no_start;
   }

@@ -34,26 +34,12 @@ constexpr double largest = std::numeric_limits<double>::max();
 void start_problem(NX& n)
 {
   MINSTR& str = *n.str;
+  forget_fit(n);
   n.covstr->nobs = static_cast<double>(n.store->nobsu);
   n.dograd = str.fidi == 0;
-  n.converged = false;
-  n.havemeat = false;
-  n.znlprc = 0;
-  n.failed_parm.clear();
-  n.optimizer_messages.clear();
-  n.dependencies.clear();
-  n.meat.clear();
-  n.covmat.clear();
-  n.hessmat.clear();
-  n.metric.clear();
-  n.parmlast.clear();
-  n.verdict = model::Verdict();
   str.covstr = n.covstr.get();
   n.covstr->ushes = n.fdh == 0 && str.fidi == 0 && str.cfdh == 0 ? fit_hessian : nullptr;
-  n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
-  str.nitr = 0;
-  str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
   str.continues = 0;
   str.tbig = 0;
   str.stop = 0;
@@ -231,6 +217,26 @@ void question_points(NX& n, FitEnd& end)
 }
 
 } // namespace
+
+void forget_fit(NX& n)
+{
+  MINSTR& str = *n.str;
+  n.converged = false;
+  n.havemeat = false;
+  n.znlprc = 0;
+  n.failed_parm.clear();
+  n.optimizer_messages.clear();
+  n.dependencies.clear();
+  n.meat.clear();
+  n.covmat.clear();
+  n.hessmat.clear();
+  n.metric.clear();
+  n.parmlast.clear();
+  n.verdict = model::Verdict();
+  n.covstr->hessian.present = n.covstr->projected.present = n.covstr->covariance.present = false;
+  str.nitr = 0;
+  str.nfct = str.ngrd = str.nhes = str.nhup = str.nlis = str.ires = str.itre = 0;
+}
 
 int tvlsolv(NX& n)
 {

@@ -11,4 +11,8 @@ namespace torvale::solve {
 // errors in n.str->ster, n.dfe; warns about the Hessian. Returns n.znlprc: above 0 the estimates are usable.
 int tvlsolv(model::NX& n);
 
+// forget_fit: what an earlier BY group left of its fit (covariance, Hessian, verdict, counts of evaluations), which a
+// group that cannot start must not report as its own.
+void forget_fit(model::NX& n);
+
 } // namespace torvale::solve

@@ -11,8 +11,6 @@ namespace torvale::test {
 
 namespace {
 
-const double none = std::nan("");
-
 long double softplus(long double x)
 {
   return x > 0 ? x + std::log1p(std::exp(-x)) : std::log1p(std::exp(x));

@@ -11,8 +11,6 @@ namespace torvale::test {
 
 namespace {
 
-const double none = std::nan("");
-
 struct Counts {
   std::vector<double> y, x;
 };

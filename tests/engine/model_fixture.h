@@ -16,6 +16,8 @@ namespace torvale::test {
 using namespace torvale::engine;
 namespace engine = torvale::engine;
 
+inline const double none = std::nan(""); // a cell without a value
+
 class Model {
 public:
   Trees trees;

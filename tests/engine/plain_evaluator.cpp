@@ -313,7 +313,7 @@ void PlainEvaluator::begin_record(const Variables& data)
   variables = data;
 }
 
-void PlainEvaluator::run(const Program& program)
+void PlainEvaluator::run(const syntax::Program& program)
 {
   const Block all(program.statements.data(), program.statements.size());
   if (program_ != &program) {

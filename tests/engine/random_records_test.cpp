@@ -9,7 +9,7 @@
 
 #include <random>
 
-namespace torvale::test {
+namespace torvale::test::random_records {
 
 namespace {
 
@@ -276,4 +276,4 @@ TEST_P(RandomRecords, KeptValuesTextsAndKindsAgree)
 
 INSTANTIATE_TEST_SUITE_P(Seeds, RandomRecords, testing::Values(1u, 1001u, 2001u, 3001u));
 
-} // namespace torvale::test
+} // namespace torvale::test::random_records

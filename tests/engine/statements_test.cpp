@@ -10,8 +10,6 @@ namespace torvale::test {
 
 namespace {
 
-const double none = std::nan("");
-
 struct StatementCase {
   const char* name;
   const char* program; // x = 1, 2, 3, 4; y = ., 0, -1, 2; sex = M, F, (blank), M

@@ -51,8 +51,7 @@ TEST(Catalogue, EveryTextIsRaised)
       // memory that is missing ends the step with one message; threads and matrices have no set-up of their own
       "worker_mode_search_without_details", "nested_mode_search_failed", "nested_mode_search_serial",
       "optimizer_setup_failed", "covsing_ignored", "no_memory_for_matrices", "optimizer_printing_failed",
-      "covariance_failed", "final_hessian_failed", "starting_hessian_failed",
-      "worker_thread_failed",
+      "covariance_failed", "final_hessian_failed", "starting_hessian_failed", "worker_thread_failed",
       // the grammar refuses the value first
       "admtype_out_of_range"};
   std::string text;

@@ -44,7 +44,7 @@ TEST(Libraries, WhatIsNotFoundIsExplained)
   Places s;
   s.in.write("theoph.csv", "x\n1\n");
   EXPECT_FALSE(s.libraries.xoopen({"teoph", false, {}}, s.log));
-  EXPECT_NE(s.log.text(9020).find("did you mean theoph?"), std::string::npos) << s.log.text(9020);
+  EXPECT_NE(s.log.text(9020).find("; perhaps theoph is meant"), std::string::npos) << s.log.text(9020);
   EXPECT_FALSE(s.libraries.xoopen({"lib.x", false, {}}, s.log));
   EXPECT_EQ(s.log.count(9021), 1);
   for (const char* bad : {"a.b.c", "../x", "", "a b", ".x", "1x"})
@@ -116,7 +116,7 @@ TEST(Libraries, SqliteLibrariesReadAndWrite)
   EXPECT_EQ(s.first({"db.FITS", false, {}}), 2.5);
   EXPECT_EQ(s.first({path, true, {}}), 2.5); // a path to a database with one table
   EXPECT_FALSE(s.libraries.xoopen({"db.fit", false, {}}, s.log));
-  EXPECT_NE(s.log.text(9020).find("did you mean fits?"), std::string::npos);
+  EXPECT_NE(s.log.text(9020).find("; perhaps fits is meant"), std::string::npos);
   s.libraries.bind_data("bound", path);
   EXPECT_EQ(s.first({"bound", false, {}}), 2.5);
 }

@@ -10,7 +10,7 @@
 #include <cmath>
 #include <random>
 
-namespace torvale::tests {
+namespace torvale::tests::first_order {
 
 namespace {
 
@@ -265,4 +265,4 @@ TEST(FirstOrder, ThreadCountsGiveEqualBits)
 
 } // namespace
 
-} // namespace torvale::tests
+} // namespace torvale::tests::first_order

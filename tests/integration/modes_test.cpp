@@ -60,7 +60,8 @@ TEST(Modes, LinearModelIsExactAtAnyNumberOfPoints)
     const auto n = make_run(text, {true, true, points});
     EXPECT_NEAR(objective(*n, {0.3, 0.5, 0.4}), exact_objective(text, 0.3, 0.5, 0.4), 1e-11);
     std::size_t k = 0;
-    for (const auto& [subject, s] : residual_sums(text, 0.3)) EXPECT_NEAR(n->ebtrial[k++], 0.4 * s.sum / (0.5 + s.n * 0.4), 1e-13);
+    for (const auto& [subject, s] : residual_sums(text, 0.3))
+      EXPECT_NEAR(n->ebtrial[k++], 0.4 * s.sum / (0.5 + s.n * 0.4), 1e-13);
   }
 }
 
@@ -72,7 +73,8 @@ TEST(Modes, UnitsAndOffsetsDoNotMatter)
       const auto text = random_intercept(unit, offset);
       const auto n = make_run(text, {true, true, 3});
       const std::vector<double> theta = {0.3 * unit + offset, 0.5 * unit * unit, 0.4 * unit * unit};
-      EXPECT_NEAR(objective(*n, theta, true), exact_objective(text, theta[0], theta[1], theta[2]), 1e-6) << unit << " " << offset;
+      EXPECT_NEAR(objective(*n, theta, true), exact_objective(text, theta[0], theta[1], theta[2]), 1e-6)
+          << unit << " " << offset;
     }
 }
 
@@ -141,8 +143,8 @@ TEST(Modes, OnlyAcceptedPointsAreCommitted)
   EXPECT_EQ(n->ebes_known[0], 0);
 }
 
-// An evaluation with a gradient knows how the modes move with the parameters: they are those of nearby points, and a search
-// that starts from them ends where one from the mean does.
+// An evaluation with a gradient knows how the modes move with the parameters: they are those of nearby points, and a
+// search that starts from them ends where one from the mean does.
 TEST(Modes, MoveWithTheParameters)
 {
   for (const int effects : {1, 2, 4}) {

@@ -10,7 +10,7 @@
 #include <cmath>
 #include <random>
 
-namespace torvale::tests {
+namespace torvale::tests::trapezoid {
 
 namespace {
 
@@ -211,4 +211,4 @@ TEST(Trapezoid, ThreadCountsAndCompanyGiveEqualBits)
 
 } // namespace
 
-} // namespace torvale::tests
+} // namespace torvale::tests::trapezoid

@@ -253,16 +253,16 @@ INSTANTIATE_TEST_SUITE_P(Orders, PackedKernels,
 // Zero elements skip what they would multiply, so a NaN there does not spread.
 TEST(PackedKernelEdges, ZeroElementsSkipTheirRows)
 {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double undefined = std::numeric_limits<double>::quiet_NaN();
   const std::vector<double> x = {3.0, 0.0};
   const std::vector<double> y = {1.0, 5.0};
-  const std::vector<double> clean_row = {2.0, 1.0, nan};
+  const std::vector<double> clean_row = {2.0, 1.0, undefined};
   EXPECT_EQ(zmxbi(x.data(), y.data(), clean_row.data(), 2), 3.0 * (2.0 + 5.0));
 
   std::vector<double> result = {1.0, 1.0, 1.0, 1.0};
   zmxout(x.data(), y.data(), result.data(), 2, 2);
   EXPECT_EQ(result, (std::vector<double>{4.0, 16.0, 1.0, 1.0}));
-  const std::vector<double> poisoned = {nan, nan};
+  const std::vector<double> poisoned = {undefined, undefined};
   const std::vector<double> zeros = {0.0, 0.0};
   zmxout(zeros.data(), poisoned.data(), result.data(), 2, 2);
   EXPECT_EQ(result, (std::vector<double>{4.0, 16.0, 1.0, 1.0}));

@@ -13,14 +13,6 @@ namespace torvale::tests {
 
 namespace {
 
-std::vector<std::string> split(const std::string& line, char at)
-{
-  std::vector<std::string> parts;
-  std::stringstream rest(line);
-  for (std::string part; std::getline(rest, part, at);) parts.push_back(part);
-  return parts;
-}
-
 // The program of a family: NCOMPS, ADMTYPE and PARMTYPE from the file's name, an option for each column of that name,
 // a result for each column of truths. It prints results and truths.
 struct Family {

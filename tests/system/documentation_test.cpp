@@ -48,20 +48,10 @@ std::vector<Block> code_blocks()
   return blocks;
 }
 
-std::string output_of(const std::string& command)
-{
-  std::string out;
-  FILE* const pipe = ::popen((command + " 2>&1").c_str(), "r");
-  char piece[4096];
-  while (const std::size_t n = std::fread(piece, 1, sizeof piece, pipe)) out.append(piece, n);
-  ::pclose(pipe);
-  return out;
-}
-
 // Options of a command, as its help shows them.
 std::vector<std::string> options_of(const std::string& command)
 {
-  const std::string help = output_of(std::string(TORVALE_BINARY) + " " + command + " --help");
+  const std::string help = output_of(std::string(TORVALE_BINARY) + " " + command + " --help 2>&1");
   std::vector<std::string> options;
   for (std::size_t at = 0; (at = help.find("\n  ", at)) != std::string::npos; ++at) {
     const std::size_t dashes = help.find("--", at);

@@ -13,16 +13,9 @@ namespace torvale::tests {
 
 namespace {
 
-std::vector<std::string> split(const std::string& line, char at)
-{
-  std::vector<std::string> parts;
-  std::stringstream rest(line);
-  for (std::string part; std::getline(rest, part, at);) parts.push_back(part);
-  return parts;
-}
-
 // 230 histories: doses, infusions by rate, RATE= and DURN=, additional doses, both kinds of steady state, lags (also of
-// several intervals), bioavailability, resets, parameters that change between records; one to three compartments, with and without depot.
+// several intervals), bioavailability, resets, parameters that change between records; one to three compartments, with
+// and without depot.
 TEST(Events, HistoriesAgreeWithASimulation)
 {
   const auto lines = split(read_text(source_file("tests/data/special/event_histories.csv")), '\n');
@@ -157,10 +150,10 @@ TEST(Events, BadRecordsAreNamed)
     EXPECT_NE(words.find("observation 3"), std::string::npos) << run.log;
   }
   const TemporaryFile crowd("crowd.csv", "id,time,amt,evid,rate,y\n1,0,10,1,1,.\n1,1,10,1,1,.\n1,2,0,0,0,1\n");
-  const auto crowded = run_text(
-      "TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL EVENTS(PLACES=1) NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 "
-      "PCONC=c KE=0.3; MODEL y ~ NORMAL(c + b, s2); RANDOM b ~ NORMAL(0, 1) SUBJECT=id; RUN;",
-      "/tmp", 0, {{"d", crowd.path()}});
+  const auto crowded =
+      run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1; CMPTMODEL EVENTS(PLACES=1) NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 "
+               "PCONC=c KE=0.3; MODEL y ~ NORMAL(c + b, s2); RANDOM b ~ NORMAL(0, 1) SUBJECT=id; RUN;",
+               "/tmp", 0, {{"d", crowd.path()}});
   EXPECT_TRUE(crowded.said(503, 9201)) << crowded.log;
   EXPECT_NE(crowded.log.find("PLACES="), std::string::npos) << crowded.log;
   std::string rows = "id,time,amt,evid,rate,y\n";
@@ -225,11 +218,12 @@ TEST(Events, TwoModelsDoNotMeet)
   for (const std::string events : {" EVENTS", ""}) {
     const TemporaryFile slow("slow.csv", ""), fast("fast.csv", "");
     const std::string head = "CMPTMODEL NCOMPS=1 ADMTYPE=IVB PARMTYPE=1" + events;
-    const auto run = run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1;" + head + " PCONC=c KE=0.2;" + head +
-                                  " PCONC=e KE=0.7; MODEL y ~ NORMAL(c + e + b, s2); RANDOM b ~ NORMAL(0, 1) SUBJECT=id;"
-                                  "PREDICT c OUT='" +
-                                  slow.path() + "'; PREDICT e OUT='" + fast.path() + "'; RUN;",
-                              "/tmp", 0, {{"d", data.path()}});
+    const auto run =
+        run_text("TORVALE DATA=d TECHNIQUE=NONE; PARMS s2=1;" + head + " PCONC=c KE=0.2;" + head +
+                     " PCONC=e KE=0.7; MODEL y ~ NORMAL(c + e + b, s2); RANDOM b ~ NORMAL(0, 1) SUBJECT=id;"
+                     "PREDICT c OUT='" +
+                     slow.path() + "'; PREDICT e OUT='" + fast.path() + "'; RUN;",
+                 "/tmp", 0, {{"d", data.path()}});
     EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
     for (const auto& [path, rate] : {std::pair{slow.path(), 0.2}, {fast.path(), 0.7}}) {
       const auto rows = split(read_text(path), '\n');

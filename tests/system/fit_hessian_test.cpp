@@ -42,7 +42,7 @@ std::string clusters()
   return csv;
 }
 
-std::string program(const std::string& options, const std::string& model, const std::string& random)
+std::string covariates_fit(const std::string& options, const std::string& model, const std::string& random)
 {
   std::string text = "TORVALE DATA=d GCONV=1e-12 " + options + "; PARMS b0=0", sum;
   for (int k = 1; k <= covariates; ++k) {
@@ -58,7 +58,7 @@ void expect_equal_errors(const std::string& model, const std::string& random, co
 {
   const TemporaryFile data("d.csv", clusters());
   const auto fit = [&](const std::string& more) {
-    return run_text(program(options + more, model, random), "examples", 0, {{"d", data.path()}});
+    return run_text(covariates_fit(options + more, model, random), "examples", 0, {{"d", data.path()}});
   };
   const auto own = fit(""), differences = fit(" FDHESSIAN=CENTRAL");
   ASSERT_EQ(own.outcome.exit_code, 0) << own.log;
@@ -122,8 +122,8 @@ TEST(FitHessian, ParametersThatActTwice)
 TEST(FitHessian, ThreadsChangeNothing)
 {
   const TemporaryFile data("d.csv", clusters());
-  const std::string text = program("QPOINTS=3", "p = 1/(1 + exp(-eta)); z = (y > 1); MODEL z ~ BINARY(p);",
-                                   " RANDOM u ~ NORMAL(0, s2) SUBJECT=id;");
+  const std::string text = covariates_fit("QPOINTS=3", "p = 1/(1 + exp(-eta)); z = (y > 1); MODEL z ~ BINARY(p);",
+                                          " RANDOM u ~ NORMAL(0, s2) SUBJECT=id;");
   const auto one = run_text(text, "examples", 1, {{"d", data.path()}}),
              three = run_text(text, "examples", 3, {{"d", data.path()}});
   EXPECT_EQ(one.column("ParameterEstimates", "StandardError"), three.column("ParameterEstimates", "StandardError"));

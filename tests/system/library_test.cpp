@@ -3,9 +3,9 @@
 #include "system/session.h"
 #include "torvale/torvale.h"
 
-#include <regex>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include <algorithm>
 #include <cmath>
@@ -17,17 +17,8 @@ namespace torvale::tests {
 
 namespace {
 
-const std::string program = "TORVALE DATA=mine GCONV=0 ABSGCONV=1e-8; PARMS m=0 s2=1; MODEL y ~ NORMAL(m, s2); RUN;";
-
-std::string output_of(const std::string& command)
-{
-  std::string out;
-  FILE* const pipe = ::popen(command.c_str(), "r");
-  char piece[4096];
-  while (const std::size_t n = std::fread(piece, 1, sizeof piece, pipe)) out.append(piece, n);
-  ::pclose(pipe);
-  return out;
-}
+const std::string mean_of_mine =
+    "TORVALE DATA=mine GCONV=0 ABSGCONV=1e-8; PARMS m=0 s2=1; MODEL y ~ NORMAL(m, s2); RUN;";
 
 TEST(Library, DataFromMemoryAndTables)
 {
@@ -38,7 +29,7 @@ TEST(Library, DataFromMemoryAndTables)
   settings.log = [&](std::string_view line) { log += line; };
   torvale::Run run(settings);
   run.bind_data("mine", Data().add("y", y).add("who", who));
-  const Results results = run.run(program);
+  const Results results = run.run(mean_of_mine);
   ASSERT_EQ(results.exit_code, 0) << log;
   const Group& group = results.steps.at(0).groups.at(0);
   const Table* estimates = group.table("parameterestimates");
@@ -59,7 +50,7 @@ TEST(Library, WhatDoesNotFitIsToldAndNothingEndsTheProcess)
   torvale::Run run;
   EXPECT_THROW(run.bind_data("mine", Data().add("y", three).add("x", two)), std::invalid_argument);
   EXPECT_THROW(run.bind_data("mine", Data().add("y", three).add("Y", three)), std::invalid_argument);
-  const Results missing = run.run(program); // nothing is bound
+  const Results missing = run.run(mean_of_mine); // nothing is bound
   EXPECT_EQ(missing.exit_code, 4);
   bool told = false;
   for (const Message& m : missing.steps.at(0).messages) told = told || m.severity == Severity::error;
@@ -71,7 +62,7 @@ TEST(Library, WhatDoesNotFitIsToldAndNothingEndsTheProcess)
   torvale::Run stopped;
   stopped.bind_data("mine", Data().add("y", three));
   stopped.interrupt();
-  EXPECT_EQ(stopped.run(program).exit_code, 130);
+  EXPECT_EQ(stopped.run(mean_of_mine).exit_code, 130);
 }
 
 TEST(Library, DiagnosticsForEditors)
@@ -101,7 +92,8 @@ TEST(Library, HighlightingForEditors)
     for (const auto& [key, value] : node.items()) {
       if (key == "match" || key == "begin" || key == "end") {
         const std::string text = value;
-        const std::string groups = std::regex_replace(text, std::regex(R"(\\.)"), ""); // escaped characters are no groups
+        const std::string groups =
+            std::regex_replace(text, std::regex(R"(\\.)"), ""); // escaped characters are no groups
         EXPECT_EQ(std::count(groups.begin(), groups.end(), '('), std::count(groups.begin(), groups.end(), ')')) << text;
         matches += text + "\n";
       } else if (value.is_structured()) {

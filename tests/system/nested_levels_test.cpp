@@ -14,7 +14,8 @@ constexpr const char* first = "RANDOM u ~ NORMAL(0, v1) SUBJECT=farm;\n";
 constexpr const char* second = "RANDOM v ~ NORMAL(0, v2) SUBJECT=field(farm);\n";
 constexpr const char* third = "RANDOM w ~ NORMAL(0, v3) SUBJECT=plot(field farm);\n";
 
-std::string program(const std::string& random, const std::string& options = "QPOINTS=1", const std::string& extra = "")
+std::string farm_model(const std::string& random, const std::string& options = "QPOINTS=1",
+                       const std::string& extra = "")
 {
   return "TORVALE DATA=nested_count " + options +
          ";\nPARMS b0=1 b1=0.3 v1=0.4 v2=0.3 v3=0.2;\nBOUNDS v1 > 0, v2 > 0, v3 > 0;\n"
@@ -25,7 +26,7 @@ std::string program(const std::string& random, const std::string& options = "QPO
 Run run_with(const std::string& csv, const std::string& options)
 {
   const TemporaryFile data("nested.csv", csv);
-  return run_text(program(std::string(first) + second + third, options), "examples", 0,
+  return run_text(farm_model(std::string(first) + second + third, options), "examples", 0,
                   {{"nested_count", data.path()}});
 }
 
@@ -43,20 +44,20 @@ TEST(NestedLevels, WhatIsNotAChainIsRefused)
       {good + "RANDOM w ~ NORMAL(0, v3) SUBJECT=plt(field farm);\n", 9},
       {good + third + "REPLICATE x;\n", 503}};
   for (const auto& [random, number] : wrong) {
-    const auto run = run_text(program(random));
+    const auto run = run_text(farm_model(random));
     EXPECT_TRUE(run.said(503, number)) << random << run.log;
     EXPECT_NE(run.outcome.exit_code, 0) << random;
   }
-  EXPECT_TRUE(run_text(program(good + third, "METHOD=ISAMP")).said(503, 501));
+  EXPECT_TRUE(run_text(farm_model(good + third, "METHOD=ISAMP")).said(503, 501));
 }
 
 // Parents in any order, statements in any order, with or without stars.
 TEST(NestedLevels, OrderOfStatementsAndParentsDoesNotMatter)
 {
-  const auto plain = run_text(program(std::string(first) + second + third));
+  const auto plain = run_text(farm_model(std::string(first) + second + third));
   const auto other =
-      run_text(program("RANDOM w ~ NORMAL(0, v3) SUBJECT=plot(FARM*field);\n" + std::string(first) + second,
-                       "QPOINTS=1 EBSTEPS=9 EBSUBSTEPS=3 EBSSFRAC=0.5 EBSSTOL=1 EBTOL=1 EBOPT NOSORTSUB"));
+      run_text(farm_model("RANDOM w ~ NORMAL(0, v3) SUBJECT=plot(FARM*field);\n" + std::string(first) + second,
+                          "QPOINTS=1 EBSTEPS=9 EBSUBSTEPS=3 EBSSFRAC=0.5 EBSSTOL=1 EBTOL=1 EBOPT NOSORTSUB"));
   ASSERT_EQ(plain.outcome.exit_code, 0) << plain.log;
   for (const int number : {511, 512, 513, 514, 515, 516, 752}) EXPECT_TRUE(other.said(503, number)) << number;
   EXPECT_EQ(plain.column("ParameterEstimates", "Estimate"), other.column("ParameterEstimates", "Estimate"));
@@ -64,7 +65,7 @@ TEST(NestedLevels, OrderOfStatementsAndParentsDoesNotMatter)
 
 TEST(NestedLevels, TablesOfSubjects)
 {
-  const auto run = run_text(program(std::string(first) + second + third, "QPOINTS=1 REOBSINFO TECHNIQUE=NONE"));
+  const auto run = run_text(farm_model(std::string(first) + second + third, "QPOINTS=1 REOBSINFO TECHNIQUE=NONE"));
   const auto* levels = run.table("REParameters");
   ASSERT_NE(levels, nullptr) << run.log;
   EXPECT_EQ(run.column("REParameters", "NSub"), (std::vector<double>{6, 12, 24}));
@@ -94,7 +95,8 @@ TEST(NestedLevels, InnerSubjectsBelongToOneParent)
     shuffled += std::to_string(1000000 + std::stoi(line)) + line.substr(line.find(',')) + "\n";
   }
   ASSERT_EQ((lines.size() - 1) % 29, 72u % 29u);
-  const auto plain = run_text(program(std::string(first) + second + third, "QPOINTS=3 GCONV=1e-13 FCONV=0 ABSGCONV=0"));
+  const auto plain =
+      run_text(farm_model(std::string(first) + second + third, "QPOINTS=3 GCONV=1e-13 FCONV=0 ABSGCONV=0"));
   const auto other = run_with(shuffled, "QPOINTS=3 GCONV=1e-13 FCONV=0 ABSGCONV=0");
   ASSERT_EQ(other.outcome.exit_code, 0) << other.log;
   EXPECT_EQ(other.number("Dimensions", "Subjects (plot)", "Value"), 24);
@@ -118,11 +120,11 @@ TEST(NestedLevels, MissingValuesAndUnusableSubjects)
 TEST(NestedLevels, EmpiricalAndDifferences)
 {
   const std::string random = std::string(first) + second + third;
-  const auto plain = run_text(program(random, "QPOINTS=1"));
-  const auto robust = run_text(program(random, "QPOINTS=1 EMPIRICAL"));
+  const auto plain = run_text(farm_model(random, "QPOINTS=1"));
+  const auto robust = run_text(farm_model(random, "QPOINTS=1 EMPIRICAL"));
   EXPECT_FALSE(robust.said(503, 142)) << robust.log;
   EXPECT_NE(robust.column("ParameterEstimates", "StandardError"), plain.column("ParameterEstimates", "StandardError"));
-  const auto differences = run_text(program(random, "QPOINTS=1 FD FDHESSIAN"));
+  const auto differences = run_text(farm_model(random, "QPOINTS=1 FD FDHESSIAN"));
   EXPECT_TRUE(differences.said(503, 361)) << differences.log;
   EXPECT_NEAR(differences.column("FitStatistics", "Value")[0], plain.column("FitStatistics", "Value")[0], 1e-4);
 }

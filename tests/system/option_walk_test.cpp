@@ -116,7 +116,7 @@ std::string update_of(const std::string& technique, const std::string& which)
   return "";
 }
 
-std::string program(const std::string& model, const std::string& options)
+std::string fit_with(const std::string& model, const std::string& options)
 {
   const std::string head = "TORVALE DATA=d SEED=7 " + options + ";\n";
   const std::string tail = "ESTIMATE 'e' exp(b0); CONTRAST 'c' b0, b1;\nRUN;\n";
@@ -165,7 +165,7 @@ TEST(OptionWalk, EveryPairOfOptionsEndsWell)
     const auto value = [&](std::size_t a) { return factors()[a][static_cast<std::size_t>(row[a])]; };
     for (std::size_t a = 1; a < row.size(); ++a)
       options += (value(a).find("update") == std::string::npos ? value(a) : update_of(value(1), value(a))) + " ";
-    const std::string text = program(factors()[0][static_cast<std::size_t>(row[0])], options);
+    const std::string text = fit_with(factors()[0][static_cast<std::size_t>(row[0])], options);
     const auto run = run_text(text, "examples", 0, {{"d", file.path()}});
     const auto& step = run.outcome.results.steps.at(0);
     if (run.outcome.exit_code != 0) {

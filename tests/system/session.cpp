@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -88,6 +89,24 @@ std::string read_text(const std::string& path)
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
+}
+
+std::vector<std::string> split(const std::string& text, char at)
+{
+  std::vector<std::string> parts;
+  std::stringstream rest(text);
+  for (std::string part; std::getline(rest, part, at);) parts.push_back(part);
+  return parts;
+}
+
+std::string output_of(const std::string& command)
+{
+  std::string out;
+  FILE* const pipe = ::popen(command.c_str(), "r");
+  char piece[4096];
+  while (const std::size_t n = std::fread(piece, 1, sizeof piece, pipe)) out.append(piece, n);
+  ::pclose(pipe);
+  return out;
 }
 
 TemporaryFile::TemporaryFile(const std::string& name, const std::string& text)

@@ -36,6 +36,9 @@ std::string example(const std::string& name, const std::string& options);
 // A file under the source tree.
 std::string source_file(const std::string& path);
 std::string read_text(const std::string& path);
+std::vector<std::string> split(const std::string& text, char at);
+// What a command of the shell writes.
+std::string output_of(const std::string& command);
 // A file of its own that is gone when the object is.
 class TemporaryFile {
 public:

@@ -133,9 +133,10 @@ TEST(Tables, ParameterWithoutInfluenceIsNamed)
 TEST(Tables, DegreesOfFreedomOfZeroAreTold)
 {
   const TemporaryFile data("one.csv", "id,y\n1,2\n1,3\n1,5\n");
-  const auto run = run_text("TORVALE DATA=d TECH=NONE;\nPARMS m=3 v=1;\nMODEL y ~ NORMAL(m+u,1);\nRANDOM u ~ NORMAL(0,v) "
-                            "SUBJECT=id;\nRUN;",
-                            "examples", 0, {{"d", data.path()}});
+  const auto run =
+      run_text("TORVALE DATA=d TECH=NONE;\nPARMS m=3 v=1;\nMODEL y ~ NORMAL(m+u,1);\nRANDOM u ~ NORMAL(0,v) "
+               "SUBJECT=id;\nRUN;",
+               "examples", 0, {{"d", data.path()}});
   EXPECT_TRUE(run.said(503, 9432)) << run.log;
 }
 
@@ -143,7 +144,8 @@ TEST(Tables, DifferencesShowTheirGradient)
 {
   const auto analytic = run_text(example("cbpp", "START")), differences = run_text(example("cbpp", "START FD"));
   ASSERT_EQ(differences.outcome.exit_code, 0) << differences.log;
-  const auto expected = analytic.column("StartingValues", "Gradient"), found = differences.column("StartingValues", "Gradient");
+  const auto expected = analytic.column("StartingValues", "Gradient"),
+             found = differences.column("StartingValues", "Gradient");
   ASSERT_EQ(found.size(), expected.size());
   for (std::size_t i = 0; i < found.size(); ++i) EXPECT_NEAR(found[i], expected[i], 1e-4 * (1 + std::abs(expected[i])));
   const auto simplex = run_text(example("cbpp", "TECH=NMSIMP FD"));
@@ -165,6 +167,17 @@ TEST(Tables, FailedStartNamesTheWorstSubjects)
   for (const auto& m : far.outcome.results.steps[0].messages) told += m.number == 9437;
   EXPECT_EQ(told, 2) << far.log; // x is 1 for two of the subjects
   EXPECT_EQ(far.outcome.results.steps[0].messages.back().number, 232) << far.log;
+}
+
+// A mean that is 0 to machine precision is refused: the words show it, not only the response that could well be.
+TEST(Tables, FailedStartShowsTheDistribution)
+{
+  const TemporaryFile data("small_mean.csv", "id,y,x\n1,2,0\n1,0,1\n2,3,0\n2,0,1\n");
+  const auto run = run_text("TORVALE DATA=d;\nPARMS a=1 b=-50 v=1;\nMODEL y ~ POISSON(EXP(a + b*x + u));\n"
+                            "RANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
+                            "examples", 0, {{"d", data.path()}});
+  EXPECT_EQ(run.outcome.exit_code, 7) << run.log;
+  EXPECT_NE(run.log.find("y = 0 with Poisson("), std::string::npos) << run.log;
 }
 
 TEST(Tables, ModelWithoutParametersIsClean)

@@ -158,4 +158,23 @@ TEST(Verdict, StandardErrorsBelongToTheEstimates)
   }
 }
 
+// A group that cannot start has nothing of the group before it: no covariance, no counts, its own starting values.
+TEST(Verdict, AGroupThatCannotStartHasNothingOfTheOneBefore)
+{
+  const TemporaryFile file("verdict-groups.csv", "g,y\na,1\na,2\na,4\nb,1e200\nb,2e200\nc,1\nc,5\nc,4\n");
+  const tests::Run run = run_text("TORVALE DATA=d; BY g; PARMS m=2 s2=1; BOUNDS s2 > 0; MODEL y ~ NORMAL(m, s2); RUN;",
+                                  "examples", 0, {{"d", file.path()}});
+  const auto& groups = run.outcome.results.steps.at(0).groups;
+  ASSERT_EQ(groups.size(), 3u) << run.log;
+  EXPECT_EQ(groups[0].fit.covariance.size(), 3u);
+  EXPECT_EQ(groups[2].fit.covariance.size(), 3u);
+  const host::FitSummary& failed = groups[1].fit;
+  EXPECT_TRUE(failed.covariance.empty());
+  EXPECT_EQ(failed.start, (std::vector<double>{2, 1}));
+  for (const auto& [name, figure] : failed.figures) {
+    if (name != "evaluations" && name != "iterations") continue;
+    EXPECT_EQ(figure.as_number(), 0) << name;
+  }
+}
+
 } // namespace torvale::tests

@@ -195,8 +195,7 @@ template <class Visit> int run_supports(const NX& n, TVLThreadCtx& ctx, bool gra
               support.coordinate(t, k);
     }
     ctx.frame->set_points(b.ran.data(), pairs.count * points, static_cast<int>(b.pair_stride));
-    const int rc =
-        evaluation::tvllogl(n, ctx, pairs, {program, b.point_sums.data(), b.pair_stride});
+    const int rc = evaluation::tvllogl(n, ctx, pairs, {program, b.point_sums.data(), b.pair_stride});
     if (rc != 0) return rc;
     for (int i = 0; i < pairs.count; ++i) visit(pairs.slots[i], i * pairs.slot_step(), pairs.point_step());
   }

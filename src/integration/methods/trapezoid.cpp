@@ -132,8 +132,7 @@ private:
               b_.mean[prior] + b_.factor[prior] * z(line_of(slot), q);
       }
       ctx_.frame->set_points(b_.ran.data(), pairs.count * points, static_cast<int>(b_.pair_stride));
-      const int rc =
-          evaluation::tvllogl(n_, ctx_, pairs, {program, b_.point_sums.data(), b_.pair_stride});
+      const int rc = evaluation::tvllogl(n_, ctx_, pairs, {program, b_.point_sums.data(), b_.pair_stride});
       if (rc != 0) return rc;
       for (int i = 0; i < pairs.count; ++i) take(pairs.slots[i], i * pairs.slot_step(), pairs.point_step());
     }

@@ -180,8 +180,7 @@ private:
     const model::ModelProgram& program = gradient_ ? n_.programs.gradient : n_.programs.value;
     const int all = c_.pairs.count * c_.pairs.points;
     ctx_.frame->set_points(b_.ran.data(), all, static_cast<int>(b_.pair_stride));
-    const int rc =
-        evaluation::tvllogl(n_, ctx_, c_.pairs, {program, b_.point_sums.data(), b_.pair_stride});
+    const int rc = evaluation::tvllogl(n_, ctx_, c_.pairs, {program, b_.point_sums.data(), b_.pair_stride});
     if (rc != 0) return rc;
     make_weights(all);
     weigh();

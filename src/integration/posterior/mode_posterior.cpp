@@ -54,8 +54,7 @@ public:
     ctx_.frame->set_points(b.ran.data(), good, static_cast<int>(b.pair_stride));
     std::fill(cross_.begin(), cross_.end(), 0.0);
     const int rc =
-        evaluation::tvllogl(n_, ctx_, {b.active.data(), good, 1},
-                            {n_.programs.cross, cross_.data(), b.mode_stride});
+        evaluation::tvllogl(n_, ctx_, {b.active.data(), good, 1}, {n_.programs.cross, cross_.data(), b.mode_stride});
     if (rc > 2) return rc;
     for (int a = 0; a < good; ++a) keep(b.active[static_cast<std::size_t>(a)], a, out);
     return 0;

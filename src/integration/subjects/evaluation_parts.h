@@ -91,8 +91,8 @@ int find_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
-// sum_at_modes: the same together with what the search for modes reads, for modes::AtModes; where the mode is the only point
-// (closes_point) sum_points finds there what it needs.
+// sum_at_modes: the same together with what the search for modes reads, for modes::AtModes; where the mode is the only
+// point (closes_point) sum_points finds there what it needs.
 int sum_at_modes(const model::NX& n, model::TVLThreadCtx& ctx, int active, int column);
 inline bool closes_point(const model::NX& n)
 {

@@ -476,8 +476,7 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = n.programs.curvature;
-  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1},
-                             {program, b.curvature_sums.data(), b.mode_stride});
+  return evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, {program, b.curvature_sums.data(), b.mode_stride});
 }
 
 int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active, int column)

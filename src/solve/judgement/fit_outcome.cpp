@@ -114,6 +114,7 @@ int FitEnd::question_integrals(int code)
   FitSurface surface(n_, *coordinates_);
   // Where QMAX= came before the sums had settled they are refined twice.
   for (int points = finer, left = verdict.cut_short_by_qmax ? 2 : 1; left > 0 && !verdict.unsettled; --left) {
+    if (!affordable_points(n_, in_use, points)) break;
     take_points(n_, points);
     verdict.unsettled = !rises_stand(surface, rises);
     points = finer_points(points);

@@ -26,15 +26,10 @@ void build_points(NX& n)
 
 double evaluate_with(NX& n, int points)
 {
-  n.nqp = points;
-  build_points(n);
-  integration::size_contexts(n);
+  take_points(n, points);
   integration::tvllike(n);
   return n.objfun;
 }
-
-// A check of the integral may cost as much as these many evaluations, and this many points a subject.
-constexpr double most_times_as_dear = 100.0, most_points = 20000.0;
 
 bool has_value(double objective)
 {
@@ -76,13 +71,21 @@ void evaluate_start(NX& n)
 void take_points(NX& n, int points)
 {
   n.nqp = points;
-  integration::tvlqpts(n);
+  build_points(n);
   integration::size_contexts(n);
 }
 
 int finer_points(int points)
 {
   return 2 * points + 1;
+}
+
+bool affordable_points(const NX& n, int in_use, int points)
+{
+  constexpr double most_times_as_dear = 100.0, most_points = 20000.0; // in evaluations of the fit; of one subject
+  const double dimensions = n.leaf().nr;
+  return std::pow(static_cast<double>(points) / in_use, dimensions) <= most_times_as_dear &&
+         std::pow(points, dimensions) <= most_points;
 }
 
 bool more_points(NX& n)
@@ -122,9 +125,7 @@ void check_points(NX& n)
   if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
   if (n.nreff() > 1) return leave_out("nested levels");
   const int in_use = n.nqp, finer = finer_points(in_use);
-  const double nr = n.leaf().nr;
-  if (std::pow(static_cast<double>(finer) / in_use, nr) > most_times_as_dear || std::pow(finer, nr) > most_points)
-    return leave_out("an evaluation with twice the points would cost too much");
+  if (!affordable_points(n, in_use, finer)) return leave_out("an evaluation with twice the points would cost too much");
   const bool with_gradient = n.dograd;
   n.dograd = false;
   const double at_estimates = n.objfun;

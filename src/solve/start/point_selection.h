@@ -22,7 +22,12 @@ bool more_points(model::NX& n);
 void check_points(model::NX& n);
 int finer_points(int points);
 
-// take_points: so many points from here on; the next evaluation is made with them.
+// affordable_points: whether an evaluation with so many points per dimension may be spent on questioning a fit that
+// has in_use: at most 100 evaluations of the fit, and 20,000 points a subject. One level of random effects.
+bool affordable_points(const model::NX& n, int in_use, int points);
+
+// take_points: so many points from here on; the next evaluation is made with them. A set that cannot be built ends the
+// group: every evaluation would need it.
 void take_points(model::NX& n, int points);
 
 } // namespace torvale::solve

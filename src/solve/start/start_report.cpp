@@ -3,6 +3,8 @@
 #include "evaluation/program_faults.h"
 #include "evaluation/record_frame.h"
 #include "host/messages/names/fit.h"
+#include "host/values/text.h"
+#include "model/distribution_labels.h"
 #include "model/subject_names.h"
 
 #include <algorithm>
@@ -64,6 +66,28 @@ std::vector<Worst> by_subject(const NX& n, const std::vector<double>& loglik)
   return all;
 }
 
+// The response at a row and the distribution of MODEL with its arguments there: "y = 0 with Poisson(1.9e-17)".
+std::string response_at(NX& n, engine::Frame& frame, std::int64_t row)
+{
+  const auto& column = n.fid->columns()[static_cast<std::size_t>(n.depsym->dsvarno - 1)];
+  std::string text = n.depname + " = " + column.shown(model::input_row(n, row));
+  std::vector<engine::CMPSYM*> arguments; // as the statements that stand for MODEL name them
+  for (const char* name : {"_arg1", "_arg2", "_arg3"})
+    if (auto* const symbol = engine::cmpsyms(*n.gcmp, name); symbol != nullptr && symbol->assigned)
+      arguments.push_back(symbol);
+  constexpr int general = 5;
+  if (arguments.empty() || n.disttype == general) return text;
+  const engine::Program& program = *engine::cmpspec(*n.gcmp, arguments);
+  engine::Tile one;
+  one.lanes = 1;
+  frame.set_range(row, 1);
+  if (frame.run(program, one) > 2) return text;
+  text += " with " + host::xpmstr(model::distribution_label(n.disttype));
+  for (std::size_t k = 0; k < arguments.size(); ++k)
+    text += (k == 0 ? "(" : ", ") + host::readable(frame.output(static_cast<int>(k))[0]);
+  return text + ")";
+}
+
 void tell(NX& n, engine::Frame& frame, const Worst& w)
 {
   host::MessagePlace place = evaluation::place_of(n, w.first_bad);
@@ -79,9 +103,7 @@ void tell(NX& n, engine::Frame& frame, const Worst& w)
   if (!faults.empty()) {
     evaluation::words_of(n, faults.front()).add_to(words, place);
   } else if (n.depsym != nullptr && n.depsym->dsvarno > 0) {
-    const auto& column = n.fid->columns()[static_cast<std::size_t>(n.depsym->dsvarno - 1)];
-    const auto row = model::input_row(n, w.first_bad);
-    words.response = n.depname + " = " + column.shown(row);
+    words.response = response_at(n, frame, w.first_bad);
   }
   n.host->log().xpmlog(words, place);
 }

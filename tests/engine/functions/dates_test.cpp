@@ -21,14 +21,6 @@ template <class Build> double value_of(const Build& build, const std::vector<dou
   return evaluate(g, build(g, x), values);
 }
 
-double call(const char* function, const std::vector<double>& arguments)
-{
-  std::string error;
-  return value_of([&](GraphBuilder& g,
-                      const std::vector<NodeId>& x) { return expand_function(g, *find_function(function), x, &error); },
-                  arguments);
-}
-
 double count(const char* unit, double from, double to)
 {
   std::string error;

@@ -21,7 +21,7 @@ struct Case {
 
 // A table, by function.
 // clang-format off
-const Case cases[] = {
+const Case smooth_functions[] = {
     {"ABS", nullptr, {{-2.0}, {3.0}}},
     {"MOD", nullptr, {{7.3, 2.1}}},
     {"SECOND", nullptr, {{7.3}}},
@@ -197,7 +197,7 @@ TEST_P(DerivativesOf, AgreeWithDifferencesToThirdOrder)
   check(value, 0, 1, "d");
 }
 
-INSTANTIATE_TEST_SUITE_P(Functions, DerivativesOf, testing::ValuesIn(cases), [](const auto& test) {
+INSTANTIATE_TEST_SUITE_P(Functions, DerivativesOf, testing::ValuesIn(smooth_functions), [](const auto& test) {
   return std::string(test.param.function) +
          (test.param.distribution == nullptr ? "" : std::string("_") + test.param.distribution);
 });
@@ -211,8 +211,8 @@ TEST(Derivatives, EverySmoothFunctionIsChecked)
   for (const LanguageFunction& f : language_functions()) {
     if (f.name.front() == '_') continue; // of generated statements: checked as part of them
     if (f.expand == nullptr || std::find(not_smooth.begin(), not_smooth.end(), f.name) != not_smooth.end()) continue;
-    const bool checked =
-        std::any_of(std::begin(cases), std::end(cases), [&](const Case& c) { return f.name == c.function; });
+    const bool checked = std::any_of(std::begin(smooth_functions), std::end(smooth_functions),
+                                     [&](const Case& c) { return f.name == c.function; });
     EXPECT_TRUE(checked) << f.name;
   }
 }

@@ -12,17 +12,6 @@
 namespace torvale::engine {
 namespace {
 
-double call(const char* function, const std::vector<double>& arguments)
-{
-  GraphBuilder g;
-  std::vector<NodeId> symbols;
-  for (std::size_t k = 0; k < arguments.size(); ++k) symbols.push_back(g.symbol(static_cast<std::int32_t>(k)));
-  std::string error;
-  const NodeId value = expand_function(g, *find_function(function), symbols, &error);
-  EXPECT_NE(value, no_node) << error;
-  return evaluate(g, value, arguments);
-}
-
 constexpr double gap = host::missing;
 
 TEST(FunctionTable, NamesAliasesAndOrders)

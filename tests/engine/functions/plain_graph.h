@@ -4,6 +4,8 @@
 
 #include "engine/functions/functions.h"
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <map>
 #include <vector>
@@ -76,5 +78,17 @@ private:
   NodeId symbol_;
   std::map<NodeId, NodeId> known_;
 };
+
+// The value of a function of the language.
+inline double call(const char* function, const std::vector<double>& arguments)
+{
+  GraphBuilder g;
+  std::vector<NodeId> symbols;
+  for (std::size_t k = 0; k < arguments.size(); ++k) symbols.push_back(g.symbol(static_cast<std::int32_t>(k)));
+  std::string error;
+  const NodeId value = expand_function(g, *find_function(function), symbols, &error);
+  EXPECT_NE(value, no_node) << error;
+  return evaluate(g, value, arguments);
+}
 
 } // namespace torvale::engine

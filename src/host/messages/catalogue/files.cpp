@@ -69,8 +69,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 9014, "text_read_as_missing", W,
      "Column {column} of {file} was asked for as numeric; {count} fields that are no numbers are missing (\"{value}\" "
      "first, in row {row}).",
-     "",
-     "Mend these fields in the file; codes of missing values can be named with MISSING=, as MISSING=('none' -99)."},
+     "", "Mend these fields in the file; codes of missing values can be named with MISSING=, as MISSING=('none' -99)."},
     {503, 9016, "digits_rounded", W,
      "Column {column} of {file} holds whole numbers with more digits than a number keeps (first in row {row}); they "
      "are rounded.",
@@ -82,11 +81,12 @@ constexpr CatalogueEntry entries[] = {
      "times:{moments}].",
      "", ""},
     {503, 9020, "no_data_set", E,
-     "There is no data set {name} in {where}[; did you mean {near}?][ Known here: {known}.]",
+     "There is no data set {name} in {where}[; perhaps {near} is meant][; known here: {known}].",
      "The name is misspelled, or the file lies in another folder.",
      "A one-level name is a CSV file in the program's folder or a name given with --data NAME=PATH; a quoted text is a "
      "path."},
-    {503, 9021, "library_not_bound", E, "The library {library} is not bound; known: {known}[; a file is named in quotes: '{file}'].", "",
+    {503, 9021, "library_not_bound", E,
+     "The library {library} is not bound; known: {known}[; a file is named in quotes: '{file}'].", "",
      "Bind it with --library NAME=PATH. A file name such as data.csv is a path: put it in quotes."},
     {503, 9022, "bad_data_set_name", E,
      "{name} is not the name of a data set: NAME or LIBRARY.NAME, each of 1 to 32 letters, digits and underscores.", "",

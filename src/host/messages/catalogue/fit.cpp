@@ -24,7 +24,8 @@ constexpr CatalogueEntry entries[] = {
     {503, 9204, "impossible_at_start", W,
      "The model calls {count} observations impossible at the starting values (first: {observations}); the fit cannot "
      "start there.",
-     "A response outside the range of its distribution, or a probability of 0 or 1.",
+     "A response outside the range of its distribution, a probability of 0 or 1, or a mean that is 0 to machine "
+     "precision.",
      "Check these responses; other starting values."},
     {503, 9205, "missing_start_read_as_one", N, "Missing values in the PARMS data set {data} are read as 1.", "", ""},
     {503, 9206, "starting_variable_unused", N,
@@ -101,12 +102,10 @@ constexpr CatalogueEntry entries[] = {
     {503, 9437, "start_fails_at_subject", W,
      "At the starting values the model fails[ at {bad} of {records} records of this subject, first] at observation "
      "{observation}[: {reason}][, in \"{source}\"][: {response} is impossible].",
-     "Starting values far from the data: a probability that rounds to 0 or 1, a mean or variance that is not positive, "
-     "an "
-     "exponential that overflows.",
+     "Starting values far from the data: a probability that rounds to 0 or 1, a mean or variance that is not positive "
+     "(POISSON takes means from 1.1e-16 on), an exponential that overflows.",
      "Start nearer: slopes of 0 and the level of the data; write probabilities as LOGISTIC(eta), positive quantities "
-     "as "
-     "EXP(a)."},
+     "as EXP(a)."},
     {503, 9340, "no_covariance", W,
      "The covariance of the estimates could not be computed; there are no standard errors.",
      "The Hessian cannot be evaluated near the estimates.",
@@ -171,7 +170,8 @@ constexpr CatalogueEntry entries[] = {
      "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
      "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
     {503, 9420, "minimum_of_the_points", W,
-     "The estimates may be no minimum: a standard error from them -2 log L rises by as much as {points} quadrature points "
+     "The estimates may be no minimum: a standard error from them -2 log L rises by as much as {points} quadrature "
+     "points "
      "in place of {before} change that.",
      "The integrands are narrow or steep beside the distance of the points (a large variance of random effects, "
      "responses "
