@@ -14,35 +14,35 @@ namespace torvale::tests {
 
 namespace {
 
-constexpr int rows = 2600; // blocks and tiles, and a part of one
+constexpr int all_records = 2600; // blocks and tiles, and a part of one
 
-struct Left {
+struct LeftOut {
   const char* name;
   bool (*out)(int row);
   bool weighted;
 };
 
-const Left cases[] = {
+const LeftOut ways_to_leave[] = {
     {"none", [](int) { return false; }, false},
     {"none, weighted", [](int) { return false; }, true},
     {"single ones", [](int row) { return row % 97 == 5; }, false},
     {"single ones, weighted", [](int row) { return row % 97 == 5; }, true},
     {"a stretch", [](int row) { return row > 300 && row < 1500; }, false},
-    {"the ends", [](int row) { return row == 0 || row == rows - 1; }, false},
+    {"the ends", [](int row) { return row == 0 || row == all_records - 1; }, false},
     {"every second", [](int row) { return row % 2 == 1; }, false},
 };
 
-struct Plain {
+struct PlainSums {
   long double value = 0;
   long double gradient[3] = {};
   long double products[6] = {};
 };
 
-Plain plain_sums(const ModelText& m, const Left& left, const std::vector<double>& theta)
+PlainSums plain_sums(const ModelText& m, const LeftOut& left, const std::vector<double>& theta)
 {
-  Plain sum;
+  PlainSums sum;
   const auto &x = m.columns[0].second, &y = m.columns[1].second;
-  for (int r = 0; r < rows; ++r) {
+  for (int r = 0; r < all_records; ++r) {
     if (left.out(r)) continue;
     const auto at = static_cast<std::size_t>(r);
     const long double w = left.weighted ? m.weights[at] : 1.0, e = y[at] - (theta[0] + theta[1] * x[at]), v = theta[2];
@@ -56,12 +56,12 @@ Plain plain_sums(const ModelText& m, const Left& left, const std::vector<double>
   return sum;
 }
 
-ModelText regression(const Left& left)
+ModelText plain_regression(const LeftOut& left)
 {
   std::mt19937 random(3);
   std::normal_distribution<double> normal;
   std::vector<double> x, y, weights;
-  for (int r = 0; r < rows; ++r) {
+  for (int r = 0; r < all_records; ++r) {
     x.push_back(left.out(r) ? NAN : normal(random));
     y.push_back(0.3 + 0.5 * normal(random));
     weights.push_back(1.0 + r % 3);
@@ -80,13 +80,13 @@ ModelText regression(const Left& left)
 TEST(ObservationSums, AreThoseOfAPlainLoop)
 {
   const std::vector<double> theta = {0.2, -0.3, 0.6};
-  for (const Left& left : cases) {
-    const ModelText text = regression(left);
+  for (const LeftOut& left : ways_to_leave) {
+    const ModelText text = plain_regression(left);
     const auto n = make_run(text, {false, false, 1});
-    for (int r = 0; r < rows; ++r)
+    for (int r = 0; r < all_records; ++r)
       if (left.out(r)) n->store->badobs[static_cast<std::size_t>(r)] = model::BadCause::dependent;
     integration::size_contexts(*n);
-    const Plain plain = plain_sums(text, left, theta);
+    const PlainSums plain = plain_sums(text, left, theta);
     const auto close = [&](double got, long double truth) {
       EXPECT_NEAR(got, static_cast<double>(truth), 1e-12 * (1.0 + std::fabs(static_cast<double>(truth)))) << left.name;
     };
@@ -102,10 +102,10 @@ TEST(ObservationSums, AreThoseOfAPlainLoop)
 // One record that the likelihood cannot take fails the evaluation, wherever it stands; left out it does not.
 TEST(ObservationSums, OneImpossibleRecordFailsTheEvaluation)
 {
-  const Left none = cases[0];
-  for (const int bad : {0, 511, 512, 1023, 1024, rows - 1})
+  const LeftOut none = ways_to_leave[0];
+  for (const int bad : {0, 511, 512, 1023, 1024, all_records - 1})
     for (const double y : {static_cast<double>(NAN), 1e200, -1e200}) {
-      ModelText text = regression(none);
+      ModelText text = plain_regression(none);
       text.columns[1].second[static_cast<std::size_t>(bad)] = y;
       const auto n = make_run(text, {false, false, 1});
       EXPECT_FALSE(objective(*n, {0.2, -0.3, 0.6}, true) < model::failure_objective) << bad << ", " << y;
