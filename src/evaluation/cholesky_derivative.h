@@ -11,25 +11,26 @@ namespace torvale::evaluation {
 //   f     in/out  packed: on entry the derivative of some number by each element of L; on return by each element of the
 //                 lower triangle of A (an element off the diagonal stands for both of its places)
 //   tol   a column of L whose diagonal is below tol is singular: it has no derivative and passes none on
-inline void cholesky_adjoint(int nr, const double* chol, double* f, double tol)
+// T: double, or a vector of them (slot_group.h): a matrix in each place.
+template <class T> inline void cholesky_adjoint(int nr, const T* chol, T* f, double tol)
 {
   const auto at = [](int i, int j) { return i * (i + 1) / 2 + j; };
+  const T zero{};
   for (int c = 0; c < nr; ++c)
-    if (!(chol[at(c, c)] >= tol))
-      for (int r = c; r < nr; ++r) f[at(r, c)] = 0.0;
+    for (int r = c; r < nr; ++r) f[at(r, c)] = chol[at(c, c)] >= tol ? f[at(r, c)] : zero;
   for (int i = nr - 1; i >= 0; --i) {
-    const double d = chol[at(i, i)];
-    if (!(d >= tol)) continue;
+    const T d = chol[at(i, i)];
+    const auto regular = d >= tol;
     for (int j = i + 1; j < nr; ++j)
       for (int k = j; k < nr; ++k) {
-        f[at(k, i)] -= f[at(k, j)] * chol[at(j, i)];
-        f[at(j, i)] -= f[at(k, j)] * chol[at(k, i)];
+        f[at(k, i)] = regular ? f[at(k, i)] - f[at(k, j)] * chol[at(j, i)] : f[at(k, i)];
+        f[at(j, i)] = regular ? f[at(j, i)] - f[at(k, j)] * chol[at(k, i)] : f[at(j, i)];
       }
     for (int j = i + 1; j < nr; ++j) {
-      f[at(j, i)] /= d;
-      f[at(i, i)] -= chol[at(j, i)] * f[at(j, i)];
+      f[at(j, i)] = regular ? f[at(j, i)] / d : f[at(j, i)];
+      f[at(i, i)] = regular ? f[at(i, i)] - chol[at(j, i)] * f[at(j, i)] : f[at(i, i)];
     }
-    f[at(i, i)] *= 0.5 / d;
+    f[at(i, i)] = regular ? f[at(i, i)] * (0.5 / d) : f[at(i, i)];
   }
 }
 
@@ -40,6 +41,7 @@ inline void cholesky_adjoint(int nr, const double* chol, double* f, double tol)
 //   work   scratch nr (nr + 1) / 2 doubles
 //   cder   out  np rows of packed dL
 // Returns 0.
-int tvlcder(int nr, int np, const double* chol, const double* grad, const int* zgrad, double tol, double* work, double* cder);
+int tvlcder(int nr, int np, const double* chol, const double* grad, const int* zgrad, double tol, double* work,
+            double* cder);
 
 } // namespace torvale::evaluation

@@ -16,12 +16,24 @@ template <class T> struct SlotGroup {
   static constexpr int width = sizeof(T) / sizeof(double);
   int slot[width] = {};
   int used = width;
+  bool adjacent = width == 1; // each slot is the one after that before it
 
   static SlotGroup of_list(const int* list, int left)
   {
     SlotGroup g;
     g.used = left < width ? left : width;
     for (int i = 0; i < width; ++i) g.slot[i] = list[i < g.used ? i : g.used - 1];
+    g.compare();
+    return g;
+  }
+
+  // What the table has for each of them, such as their columns.
+  SlotGroup through(const int* table) const
+  {
+    SlotGroup g;
+    g.used = used;
+    for (int i = 0; i < width; ++i) g.slot[i] = table[slot[i]];
+    g.compare();
     return g;
   }
 
@@ -32,18 +44,29 @@ template <class T> struct SlotGroup {
     std::memcpy(&t, from, sizeof t);
     return t;
   }
-  T gather(const double* from, long stride) const
+  static void store(T t, double* to) { std::memcpy(to, &t, sizeof t); }
+  template <class Number> T gather(const Number* from, long stride) const
   {
-    double v[width];
-    for (int i = 0; i < width; ++i) v[i] = from[slot[i] * stride];
-    return load(v);
+    if constexpr (width == 1)
+      return from[slot[0] * stride];
+    else
+      return T{from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride], from[slot[3] * stride]};
   }
+  // From a row with a number for each slot.
+  T from_row(const double* row) const { return adjacent ? load(row + slot[0]) : gather(row, 1); }
   // Into to[slot of each times `stride`].
-  void scatter(T t, double* to, long stride) const
+  static T root(T t)
   {
     double v[width];
     std::memcpy(v, &t, sizeof t);
-    for (int i = 0; i < used; ++i) to[slot[i] * stride] = v[i];
+    for (double& x : v) x = std::sqrt(x);
+    return load(v);
+  }
+  template <class Number> void scatter(T t, Number* to, long stride) const
+  {
+    double v[width];
+    std::memcpy(v, &t, sizeof t);
+    for (int i = 0; i < used; ++i) to[slot[i] * stride] = static_cast<Number>(v[i]);
   }
 
   static T logarithm(T t)
@@ -52,6 +75,13 @@ template <class T> struct SlotGroup {
     std::memcpy(v, &t, sizeof t);
     for (double& x : v) x = std::log(x);
     return load(v);
+  }
+
+private:
+  void compare()
+  {
+    adjacent = true;
+    for (int i = 1; i < width; ++i) adjacent = adjacent && slot[i] == slot[0] + i;
   }
 };
 

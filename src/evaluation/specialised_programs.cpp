@@ -119,6 +119,20 @@ Outputs setup_outputs(const ModelLists& n, const REFFECT& reff, bool derivatives
   return out;
 }
 
+void list_moved_arguments(REFFECT& reff, int np)
+{
+  reff.moved.clear();
+  reff.moved_first.assign(1, 0);
+  std::vector<char> is_output(static_cast<std::size_t>(reff.argument_derivative(reff.nd, 0, np)), 0);
+  for (const int place : reff.setup.outputs) is_output[static_cast<std::size_t>(place)] = 1;
+  for (int j = 0; j < np; ++j) {
+    for (int a = 0; a < reff.nd; ++a)
+      if (const int place = reff.argument_derivative(a, j, np); is_output[static_cast<std::size_t>(place)] != 0)
+        reff.moved.push_back({a, place});
+    reff.moved_first.push_back(static_cast<int>(reff.moved.size()));
+  }
+}
+
 // Everything whose missing value makes an observation unusable, by falling precedence of the cause.
 void specialise_pass(NX& n, const CMPDER& gradient)
 {
@@ -185,6 +199,7 @@ int specialise_programs(NX& n)
       reff.setup_value = setup_outputs(n, reff, false).specialise(*n.gcmp);
       reff.setup = analytic || n.needcrossu ? setup_outputs(n, reff, true).specialise(*n.gcmp) : reff.setup_value;
       reff.setup_varies = arguments_vary(n, reff);
+      list_moved_arguments(reff, n.nparm);
     }
     const REFFECT& reff = n.leaf();
     if (analytic) p.gradient = gradient_outputs(n, reff.gradstr).specialise(*n.gcmp);

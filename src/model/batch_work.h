@@ -106,6 +106,7 @@ struct BatchWork : Priors {
   std::vector<double> direct;        // np: of the derivatives by parameters
   std::vector<double> null_scale; // per effect, all levels: largest information of a subject on it, where G leaves it
                                   // no variance; 0: none
+  std::vector<double> gradients;  // per slot np: of its integral; without what products of factored derivatives come to
   // Factored derivatives (FactoredPrograms); rows are by coefficient, multiplier, source or parameter.
   struct Factored {
     bool in_use = false;       // no subject has too many lanes
@@ -117,7 +118,6 @@ struct BatchWork : Priors {
     std::vector<double> multipliers; // per record
     std::vector<double> weights;     // per source and slot
     std::vector<double> products;    // per parameter and slot: what its products come to
-    std::vector<double> gradients;   // per slot np: without the products
   } factored;
   std::vector<LineSum> line;   // the trapezoidal rule, per slot
   double constants = 0.0;      // nr/2 log 2 pi - nr log s: of the prior, and of the scale s of the points

@@ -144,6 +144,13 @@ struct REFFECT {
   ModelProgram setup_value;  // the arguments alone
   bool setup_varies = false; // they differ between subjects
   int argument_derivative(int a, int j, int np) const { return nd + a * np + j; }
+  // The derivatives that are not identically zero, those by parameter j at moved[moved_first[j]] to moved[moved_first[j
+  // + 1]]: the argument, ascending, and the place in setup.
+  struct MovedArgument {
+    int argument, place;
+  };
+  std::vector<MovedArgument> moved;
+  std::vector<int> moved_first; // np + 1
 
   const syntax::StItem* outri = nullptr;   // OUTRI$=; borrowed
   host::OutputDataSet* outrifid = nullptr; // its data set, open to the end of the step; borrowed

@@ -37,44 +37,85 @@ int chodect2(int n, const double* d, const double* e, double bound);
 int invert_by_sweeps(const model::RunOptions& options, int nr, double* h, double* g, double* pivots,
                      model::BlockWork& block);
 
-// The same; orders 1 and 2 without pivot trouble in closed form. NR 0: the order is nr.
+// invert_definite: the same of order NR, 1 to 3, for matrices without pivot trouble; T: double, or a vector of them
+// with a matrix in each place. Returns in which places it is a matrix of that kind; h and g of others are of no use
+// then.
+template <int NR, class T> auto invert_definite(const model::RunOptions& options, T* h, T* g, T* pivots)
+{
+  if constexpr (NR == 1) {
+    const T v = h[0];
+    pivots[0] = v;
+    h[0] = 1.0 / v;
+    g[0] *= h[0];
+    return (v > pivot_floor) & (v < 1.0 / pivot_floor);
+  } else {
+    // H = U D U' with the pivots D; row by row U, then its inverse, in the same place.
+    constexpr double largest = 1e150;
+    const auto at = [](int i, int j) { return i * (i + 1) / 2 + j; };
+    T unit[NR * (NR + 1) / 2];
+    pivots[0] = h[0];
+    auto fits = (h[0] > pivot_floor) & (h[0] < largest);
+    for (int i = 1; i < NR; ++i) {
+      T pivot = h[at(i, i)];
+      fits = fits & (pivot > pivot_floor) & (pivot < largest);
+      T scaled[NR]; // row i of U D
+      for (int j = 0; j < i; ++j) {
+        scaled[j] = h[at(i, j)];
+        for (int k = 0; k < j; ++k) scaled[j] -= scaled[k] * unit[at(j, k)];
+        unit[at(i, j)] = scaled[j] / pivots[j];
+        pivot -= unit[at(i, j)] * scaled[j];
+      }
+      fits = fits & (pivot > options.singsweep * h[at(i, i)]);
+      pivots[i] = pivot;
+    }
+    T inverse[NR * (NR + 1) / 2]; // of U, below its diagonal of ones
+    for (int i = 1; i < NR; ++i)
+      for (int j = 0; j < i; ++j) {
+        T t = -unit[at(i, j)];
+        for (int k = j + 1; k < i; ++k) t -= unit[at(i, k)] * inverse[at(k, j)];
+        inverse[at(i, j)] = t;
+      }
+    T own[NR];
+    for (int i = 0; i < NR; ++i) own[i] = 1.0 / pivots[i];
+    for (int i = 0; i < NR; ++i)
+      for (int j = 0; j <= i; ++j) {
+        T t = i == j ? own[i] : inverse[at(i, j)] * own[i];
+        for (int k = i + 1; k < NR; ++k) t += inverse[at(k, i)] * (inverse[at(k, j)] * own[k]);
+        h[at(i, j)] = t;
+      }
+    T step[NR];
+    for (int i = 0; i < NR; ++i) {
+      step[i] = T{};
+      for (int k = 0; k < NR; ++k) step[i] += h[i < k ? at(k, i) : at(i, k)] * g[k];
+    }
+    for (int i = 0; i < NR; ++i) g[i] = step[i];
+    return fits;
+  }
+}
+
+// The same of any order (NR, or nr when NR is 0), for any matrix.
 template <int NR>
 int InvertHessian(const model::RunOptions& options, int nr, double* h, double* g, double* pivots,
                   model::BlockWork& block)
 {
-  if constexpr (NR == 1) {
-    const double v = h[0];
-    if (v > pivot_floor && v < 1.0 / pivot_floor) {
-      pivots[0] = v;
-      h[0] = 1.0 / v;
-      g[0] *= h[0];
-      return 0;
-    }
-  }
-  if constexpr (NR == 2) {
-    const double a = h[0], b = h[1], c = h[2];
-    const double ratio = b / a, pivot = c - ratio * b;
-    if (a > pivot_floor && c > pivot_floor && pivot > options.singsweep * c && a < 1e150 && c < 1e150) {
-      pivots[0] = a;
-      pivots[1] = pivot;
-      const double i22 = 1.0 / pivot, i21 = -ratio * i22, i11 = 1.0 / a - ratio * i21;
-      h[0] = i11;
-      h[1] = i21;
-      h[2] = i22;
-      const double g0 = g[0], g1 = g[1];
-      g[0] = i11 * g0 + i21 * g1;
-      g[1] = i21 * g0 + i22 * g1;
+  if constexpr (NR > 0) {
+    double inverse[NR * (NR + 1) / 2], step[NR];
+    std::copy_n(h, NR * (NR + 1) / 2, inverse);
+    std::copy_n(g, NR, step);
+    if (invert_definite<NR>(options, inverse, step, pivots)) {
+      std::copy_n(inverse, NR * (NR + 1) / 2, h);
+      std::copy_n(step, NR, g);
       return 0;
     }
   }
   return invert_by_sweeps(options, nr, h, g, pivots, block);
 }
 
-// log det H from the pivots.
-inline double log_determinant(int nr, const double* pivots)
+// log det H from the pivots, which are `apart` doubles apart.
+inline double log_determinant(int nr, const double* pivots, int apart = 1)
 {
   double sum = 0.0;
-  for (int i = 0; i < nr; ++i) sum += std::log(std::abs(pivots[i]));
+  for (int i = 0; i < nr; ++i) sum += std::log(std::abs(pivots[i * apart]));
   return sum;
 }
 

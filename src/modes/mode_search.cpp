@@ -1,16 +1,20 @@
 #include "modes/mode_search.h"
 
 #include "evaluation/record_sums.h"
-#include "modes/hessian_at_mode.h"
+#include "evaluation/slot_group.h"
 #include "modes/joint_density.h"
+#include "modes/newton_steps.h"
 #include "modes/search_rules.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace torvale::modes {
 
+using evaluation::Four;
+using evaluation::SlotGroup;
 using model::BatchWork;
 using model::ModeSearch;
 using model::NX;
@@ -63,6 +67,7 @@ public:
 
 private:
   static constexpr int capacity = JointDensity<NR>::capacity;
+  static constexpr int triangle = capacity * (capacity + 1) / 2;
   static constexpr int none = -1;
 
   int& column(int slot) { return b_.column[static_cast<std::size_t>(slot)]; }
@@ -89,14 +94,51 @@ private:
   void advance_all(int count, const double* sums)
   {
     active_ = near_ = 0;
-    for (int a = 0; a < count; ++a) {
-      const int slot = b_.active[static_cast<std::size_t>(a)];
-      if (search(slot).state == ModeSearch::found) continue;
-      advance(slot, sums + a);
-      if (search(slot).state != ModeSearch::found) column(slot) = none;
-      if (search(slot).state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
-      if (search(slot).state == ModeSearch::near) ++near_;
+    if constexpr (NR > 0) {
+      static const auto build = evaluation::build_for_machine(advance_by<Four>, advance_avx2);
+      build(*this, count, sums);
+    } else {
+      advance_by<double>(*this, count, sums);
     }
+  }
+
+  template <class T> static void advance_by(LockstepSearch& search, int count, const double* sums)
+  {
+    for (int a = 0; a < count; a += SlotGroup<T>::width)
+      search.advance_group(SlotGroup<T>::of_list(search.b_.active.data() + a, count - a), sums + a);
+  }
+  TORVALE_AVX2_BUILD static void advance_avx2(LockstepSearch& search, int count, const double* sums)
+  {
+    advance_by<Four>(search, count, sums);
+  }
+
+  // Slots whose sums are the first columns of these.
+  template <class T> void advance_group(const SlotGroup<T>& slots, const double* sums)
+  {
+    const auto searched = [&](int i) { return search(slots.slot[i]).state != ModeSearch::found; };
+    bool any = false;
+    for (int i = 0; i < slots.used; ++i) any = any || searched(i);
+    if (!any) return;
+    NewtonSteps<NR, T> steps(nr());
+    read(steps, slots, sums);
+    for (int i = 0; i < slots.used; ++i) {
+      if (!searched(i)) continue;
+      const int slot = slots.slot[i];
+      advance(slot, sums + i, steps, i);
+      const ModeSearch::State state = search(slot).state;
+      if (state != ModeSearch::found) column(slot) = none;
+      if (state == ModeSearch::searching) b_.active[static_cast<std::size_t>(active_++)] = slot;
+      if (state == ModeSearch::near) ++near_;
+    }
+  }
+
+  template <class T> void read(NewtonSteps<NR, T>& steps, const SlotGroup<T>& slots, const double* sums) const
+  {
+    T at[capacity];
+    for (int i = 0; i < nr(); ++i) at[i] = slots.gather(b_.z.data() + i, nr());
+    for (int k = 0; k < nrs(); ++k) steps.factor[k] = of_prior(slots, b_.factor.data() + k, nrs());
+    steps.at.read(sums, b_.mode_stride, at, steps.factor);
+    steps.invert(n_, ctx_.block);
   }
 
   ModeSearch& search(int slot) { return b_.search[static_cast<std::size_t>(slot)]; }
@@ -104,69 +146,95 @@ private:
   int nrs() const { return NR > 0 ? NR * (NR + 1) / 2 : nrs_; }
   double* z(int slot) { return b_.z.data() + static_cast<long>(slot) * nr(); }
   double* zold(int slot) { return b_.zold.data() + static_cast<long>(slot) * nr(); }
-  const double* factor(int slot) const { return b_.factor.data() + static_cast<long>(prior_of(n_, slot)) * nrs(); }
 
   void start_all()
   {
     start_columns();
     active_ = 0;
-    for (int slot = 0; slot < b_.slots; ++slot) {
-      ModeSearch& s = search(slot);
-      s = ModeSearch{};
-      s.bound = s.previous = largest;
-      if (b_.failure[static_cast<std::size_t>(slot)] != 0) {
-        s.state = ModeSearch::failed;
-      } else if (n_.ebstep <= 0) {
-        s.from_mean = true;
-        std::fill_n(z(slot), nr(), 0.0);
-        give_up(slot);
-      } else {
-        place_start(slot);
-        if (starts_near_ && !s.from_mean)
-          s.state = ModeSearch::near;
-        else
-          b_.active[static_cast<std::size_t>(active_++)] = slot;
-      }
+    if constexpr (NR > 0) {
+      static const auto build = evaluation::build_for_machine(start_by<Four>, start_avx2);
+      build(*this);
+    } else {
+      start_by<double>(*this);
     }
   }
 
-  // z = L^-1 (u - m) of the accepted mode, moved with the parameters; a direction without variance stays at its mean.
-  void place_start(int slot)
+  template <class T> static void start_by(LockstepSearch& search)
   {
-    const auto subject = static_cast<std::size_t>(b_.subject[static_cast<std::size_t>(slot)]);
-    double* const to = z(slot);
-    if (n_.ebzstart || n_.ebes_known[subject] == 0) {
-      std::fill_n(to, nr(), 0.0);
-      search(slot).from_mean = true;
-      return;
+    int stored[SlotGroup<T>::width], count = 0;
+    for (int slot = 0; slot < search.b_.slots; ++slot) {
+      if (search.start(slot)) stored[count++] = slot;
+      if (count == SlotGroup<T>::width || (count > 0 && slot == search.b_.slots - 1))
+        search.place_starts(SlotGroup<T>::of_list(stored, std::exchange(count, 0)));
     }
-    const double* const u = n_.ebes.data() + subject * static_cast<std::size_t>(nr());
-    standardize(slot, u, to);
-    if (!predicts_) return;
-    double ahead[capacity], z_ahead[capacity];
-    for (int i = 0; i < nr(); ++i) ahead[i] = u[i];
-    const float* by = n_.ebes_by.data() + subject * static_cast<std::size_t>(nr() * n_.nparm);
-    for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j < n_.nparm; ++j)
-        ahead[i] += static_cast<double>(*by++) * b_.parameter_step[static_cast<std::size_t>(j)];
-    standardize(slot, ahead, z_ahead);
-    // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
-    constexpr double farthest = 2.0;
-    bool near = true;
-    for (int i = 0; i < nr(); ++i) near = near && std::abs(z_ahead[i] - to[i]) < farthest;
-    if (near) std::copy_n(z_ahead, nr(), to);
+  }
+  TORVALE_AVX2_BUILD static void start_avx2(LockstepSearch& search) { start_by<Four>(search); }
+
+  // True when the search begins at a mode that is stored.
+  bool start(int slot)
+  {
+    ModeSearch& s = search(slot);
+    s = ModeSearch{};
+    s.bound = s.previous = largest;
+    if (b_.failure[static_cast<std::size_t>(slot)] != 0) {
+      s.state = ModeSearch::failed;
+      return false;
+    }
+    s.from_mean = n_.ebstep <= 0 || n_.ebzstart || n_.ebes_known[static_cast<std::size_t>(subject_of(slot))] == 0;
+    if (s.from_mean) std::fill_n(z(slot), nr(), 0.0);
+    if (n_.ebstep <= 0)
+      give_up(slot);
+    else if (starts_near_ && !s.from_mean)
+      s.state = ModeSearch::near;
+    else
+      b_.active[static_cast<std::size_t>(active_++)] = slot;
+    return !s.from_mean;
   }
 
-  void standardize(int slot, const double* u, double* to) const
+  int subject_of(int slot) const { return b_.subject[static_cast<std::size_t>(slot)]; }
+
+  // z = L^-1 (u - m) of the accepted modes, moved with the parameters; a direction without variance stays at its mean.
+  template <class T> void place_starts(const SlotGroup<T>& slots)
   {
-    const double* const m = b_.mean.data() + static_cast<long>(prior_of(n_, slot)) * nr();
-    const double* l = factor(slot);
+    const auto subjects = slots.through(b_.subject.data());
+    T u[capacity], mean[capacity], factor[triangle], at[capacity];
     for (int i = 0; i < nr(); ++i) {
-      double d = u[i] - m[i];
+      u[i] = subjects.gather(n_.ebes.data() + i, nr());
+      mean[i] = of_prior(slots, b_.mean.data() + i, nr());
+    }
+    for (int k = 0; k < nrs(); ++k) factor[k] = of_prior(slots, b_.factor.data() + k, nrs());
+    standardize(u, mean, factor, at);
+    if (predicts_) {
+      T ahead[capacity];
+      const float* by = n_.ebes_by.data();
+      const long apart = static_cast<long>(nr()) * n_.nparm;
+      for (int i = 0; i < nr(); ++i)
+        for (int j = 0; j < n_.nparm; ++j)
+          u[i] += subjects.gather(by++, apart) * b_.parameter_step[static_cast<std::size_t>(j)];
+      standardize(u, mean, factor, ahead);
+      // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
+      constexpr double farthest = 2.0;
+      auto near = ahead[0] == ahead[0];
+      for (int i = 0; i < nr(); ++i) near = near & (ahead[i] - at[i] < farthest) & (at[i] - ahead[i] < farthest);
+      for (int i = 0; i < nr(); ++i) at[i] = near ? ahead[i] : at[i];
+    }
+    for (int i = 0; i < nr(); ++i) slots.scatter(at[i], b_.z.data() + i, nr());
+  }
+
+  template <class T> void standardize(const T* u, const T* mean, const T* l, T* to) const
+  {
+    for (int i = 0; i < nr(); ++i) {
+      T d = u[i] - mean[i];
       for (int k = 0; k < i; ++k) d -= l[k] * to[k];
-      to[i] = l[i] > 0.0 ? d / l[i] : 0.0;
+      const T mean_itself = {};
+      to[i] = l[i] > 0.0 ? d / l[i] : mean_itself;
       l += i + 1;
     }
+  }
+
+  template <class T> T of_prior(const SlotGroup<T>& slots, const double* from, long stride) const
+  {
+    return n_.leaf().setup_varies ? slots.gather(from, stride) : T{} + *from;
   }
 
   void start_from_mean(int slot)
@@ -187,23 +255,29 @@ private:
     s.failure = failure_of(why, n_.leaf().sub_character);
   }
 
-  // One decision of the search: value, gradient and Hessian at z stand in this column of sums.
-  void advance(int slot, const double* sums)
+  // One decision of the search: the i-th of these steps follows from value, gradient and Hessian at z, in this column
+  // of sums.
+  template <class T> void advance(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
   {
     ModeSearch& s = search(slot);
-    JointDensity<NR> at(nr());
-    at.read(sums, b_.mode_stride, z(slot), factor(slot));
+    const double f = steps.of(steps.at.f, i);
     if (n_.ebsubstep > 0) {
       const bool trial = s.substep > 0;
-      if (trial ? !(at.f < s.bound) : !(at.f <= s.bound)) return shrink(slot);
-      if (!(at.f < model::failure_objective)) return give_up(slot); // the start itself cannot be evaluated
+      if (trial ? !(f < s.bound) : !(f <= s.bound)) return shrink(slot);
+      if (!(f < model::failure_objective)) return give_up(slot); // the start itself cannot be evaluated
       s.substep = 0;
-      s.bound = allowed_value(at.f, n_.ebsstol);
+      s.bound = allowed_value(f, n_.ebsstol);
       std::copy_n(z(slot), nr(), zold(slot));
-    } else if (!(at.f < model::failure_objective)) {
+    } else if (!(f < model::failure_objective)) {
       return give_up(slot);
     }
-    newton(slot, sums, at);
+    if (steps.inverted[i] != 0.0) return newton(slot, sums, steps, i);
+    if constexpr (SlotGroup<T>::width > 1) {
+      NewtonSteps<NR, double> repaired(nr());
+      read(repaired, SlotGroup<double>{{slot}}, sums);
+      if (repaired.inverted[0] != 0.0) return newton(slot, sums, repaired, 0);
+    }
+    give_up(slot);
   }
 
   // The value rose: a shorter step, first by EBSSFRAC, then by halves.
@@ -219,41 +293,27 @@ private:
     for (int i = 0; i < nr(); ++i) to[i] = keep * to[i] + (1.0 - keep) * from[i];
   }
 
-  void newton(int slot, const double* sums, JointDensity<NR>& at)
+  template <class T> void newton(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
   {
+    constexpr int apart = SlotGroup<T>::width;
     ModeSearch& s = search(slot);
-    double* const inverse = at.hessian;
-    double* const step = at.gradient;
-    double pivots[static_cast<std::size_t>(JointDensity<NR>::capacity)];
-    if (InvertHessian<NR>(n_, nr(), inverse, step, pivots, ctx_.block) != 0) return give_up(slot);
-
-    // Largest component of the step in u, and its largest square in posterior variances of z.
-    double step_u = 0.0, step_sd = 0.0;
-    const double* l = factor(slot);
-    for (int i = 0; i < nr(); ++i) {
-      double du = 0.0;
-      for (int k = 0; k <= i; ++k) du += l[k] * step[k];
-      l += i + 1;
-      if (!(std::abs(du) <= step_u)) step_u = std::abs(du);
-      const double square = step[i] * step[i];
-      const double sd = NR == 1 ? square * std::abs(pivots[0]) : square / std::abs(inverse[i * (i + 3) / 2]);
-      if (!(sd <= step_sd)) step_sd = sd;
-    }
-    if (!(step_sd < largest)) return give_up(slot);
-    const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
+    const double length = steps.of(steps.length, i), square = steps.of(steps.square, i);
+    if (!(square < largest)) return give_up(slot);
+    const bool noise = square < noise_floor && square > noise_ratio * s.previous;
     const bool predicted =
-        n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
-    if (step_u < n_.ebtol || noise || step_sd < negligible || predicted) {
+        n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && square < good_prediction;
+    if (length < n_.ebtol || noise || square < negligible || predicted) {
       s.state = ModeSearch::found;
-      s.logdet = log_determinant(nr(), pivots);
-      keep_curvature<NR>(b_, nr(), slot, sums, inverse);
+      s.logdet = log_determinant(nr(), steps.column(steps.pivots, i), apart);
+      keep_curvature<NR>(b_, nr(), slot, sums, steps.column(steps.at.hessian, i), apart);
       return;
     }
-    const bool near = at_modes_ != nullptr && next_step(step_sd, s.previous) < negligible;
-    s.previous = step_sd;
+    const bool near = at_modes_ != nullptr && next_step(square, s.previous) < negligible;
+    s.previous = square;
     if (++s.step >= n_.ebstep) return give_up(slot);
     double* const to = z(slot);
-    for (int i = 0; i < nr(); ++i) to[i] -= step[i];
+    const double* const step = steps.column(steps.at.gradient, i);
+    for (int k = 0; k < nr(); ++k) to[k] -= step[k * apart];
     s.state = near ? ModeSearch::near : ModeSearch::searching;
   }
 

@@ -306,8 +306,7 @@ private:
 
   // --- EBITER$ ---
 
-  // The levels take turns, each to the end of its search, until no effect moves by more than EBMTOL$; then the
-  // curvature of the whole nest at the modes.
+  // The levels take turns, each to the end of its search, until no effect moves by more than EBMTOL$.
   int take_turns()
   {
     std::copy(w_.active.begin(), w_.active.end(), w_.turn.begin());
@@ -377,23 +376,20 @@ private:
       });
   }
 
+  // The rounds end within EBMTOL$, a length in the unit of the effects. From there Newton steps of the whole nest take
+  // the modes to where the joint search ends, in whatever unit, with the curvature there.
   int close_turns()
   {
-    for (int nest = 0; nest < w_.nests; ++nest)
-      w_.active[static_cast<std::size_t>(nest)] = w_.failure[static_cast<std::size_t>(nest)] == 0 ? 1 : 0;
-    const int count = list_columns();
-    if (const int rc = count > 0 ? evaluate(count) : 0; rc != 0) return rc;
+    turns_ = false;
+    rules_ = Rules{};
     for (int nest = 0; nest < w_.nests; ++nest) {
+      w_.active[static_cast<std::size_t>(nest)] = w_.failure[static_cast<std::size_t>(nest)] == 0 ? 1 : 0;
       if (w_.active[static_cast<std::size_t>(nest)] == 0) continue;
       ModeSearch& s = search(nest);
-      s.logdet = 0.0;
-      if (joint_step(nest) != 0) {
-        give_up(nest);
-        continue;
-      }
-      for_nodes(nest, [&](const NestLevel& l, int, int v) { s.logdet += l.logdet[static_cast<std::size_t>(v)]; });
+      s = ModeSearch{};
+      s.bound = s.previous = largest;
     }
-    return 0;
+    return search_jointly(all_levels);
   }
 
   const NX& n_;

@@ -55,6 +55,24 @@ TEST(InvertHessian, ClosedFormsAgreeWithSweeps)
   }
 }
 
+TEST(InvertHessian, ThreeEffectsAgreeWithSweeps)
+{
+  const model::RunOptions options;
+  auto block = block_for(3);
+  const double matrices[][6] = {
+      {4, 2, 5, 1, -1, 3}, {1e6, 30, 1e-2, -200, 0.01, 1}, {1, 2, 1, 0, 0, 1}, {1, 0, 1, 1, 0, 1}};
+  for (const auto& m : matrices) {
+    double h1[6], h2[6], g1[3] = {1, -1, 2}, g2[3] = {1, -1, 2}, p1[3], p2[3];
+    std::copy_n(m, 6, h1);
+    std::copy_n(m, 6, h2);
+    EXPECT_EQ(InvertHessian<3>(options, 3, h1, g1, p1, block), 0);
+    EXPECT_EQ(InvertHessian<0>(options, 3, h2, g2, p2, block), 0);
+    EXPECT_NEAR(log_determinant(3, p1), log_determinant(3, p2), 1e-12);
+    for (int k = 0; k < 6; ++k) EXPECT_NEAR(h1[k], h2[k], 1e-12 * (1 + std::abs(h2[k])));
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(g1[k], g2[k], 1e-12 * (1 + std::abs(g2[k])));
+  }
+}
+
 TEST(InvertHessian, OverflowIsRefused)
 {
   const model::RunOptions options;

@@ -129,6 +129,26 @@ TEST(NestedLevels, EmpiricalAndDifferences)
   EXPECT_NEAR(differences.column("FitStatistics", "Value")[0], plain.column("FitStatistics", "Value")[0], 1e-4);
 }
 
+// EBMTOL= is a length in the unit of the effects; how well their modes are known must not depend on that unit.
+TEST(NestedLevels, ModesByTurnsAreTheJointModesInEveryUnit)
+{
+  for (const double unit : {1.0, 1e-6}) {
+    const std::string u = std::to_string(unit),
+                      model = "; BOUNDS v0 > 0, vw > 0, s2 > 0; y = " + u + "*score;\n" + "MODEL y ~ NORMAL(" + u +
+                              "*(b0 + b1*week) + u + w, s2*" + u + "**2);\nRANDOM u ~ NORMAL(0, v0*" + u +
+                              "**2) SUBJECT=clinic;\nRANDOM w ~ NORMAL(0, vw*" + u + "**2) SUBJECT=ward(clinic);\nRUN;";
+    const std::string head = "TORVALE DATA=nested_linear QPOINTS=1 ", parms = "PARMS b0=48 b1=2 v0=10 vw=5 s2=2";
+    const auto joint = run_text(head + ";" + parms + model), turns = run_text(head + "EBITER;" + parms + model);
+    EXPECT_NEAR(turns.column("FitStatistics", "Value")[0], joint.column("FitStatistics", "Value")[0], 1e-8) << unit;
+    for (const char* const column : {"Estimate", "StandardError"}) {
+      const auto expected = joint.column("ParameterEstimates", column),
+                 found = turns.column("ParameterEstimates", column);
+      ASSERT_EQ(found.size(), 5u) << turns.log;
+      for (std::size_t i = 0; i < 5; ++i) EXPECT_NEAR(found[i] / expected[i], 1.0, 1e-6) << unit << column << i;
+    }
+  }
+}
+
 } // namespace
 
 } // namespace torvale::tests

@@ -83,7 +83,7 @@ TEST(OutputDataSets, OfNestedLevels)
   const Folder folder;
   const auto run = run_into(
       folder,
-      "TORVALE DATA=nested_count(WHERE=(farm <= 6)) TECHNIQUE=NONE QPOINTS=1 EBITER OUTR=nested;"
+      "TORVALE DATA=nested_count(WHERE=(farm <= 6)) TECHNIQUE=NONE QPOINTS=1 EBITER EBMTOL=1e-6 OUTR=nested;"
       "PARMS b0=0.45 b1=0.65 v1=0.5 v2=0.39 v3=0.34; mu = exp(b0 + b1*x + u + v + w); MODEL count ~ POISSON(mu);"
       "RANDOM u ~ NORMAL(0, v1) SUBJECT=farm; RANDOM v ~ NORMAL(0, v2) SUBJECT=field(farm) OUT=fields;"
       "RANDOM w ~ NORMAL(0, v3) SUBJECT=plot(field farm) OUTRI=rounds; PREDICT mu OUT=nested_means; RUN;");

@@ -1,7 +1,6 @@
 #include "integration/subjects/evaluation_parts.h"
 
 #include "evaluation/random_covariance.h"
-#include "matrix/cholesky.h"
 #include "matrix/packed.h"
 #include "modes/mode_search.h"
 
@@ -17,46 +16,17 @@ using model::TVLThreadCtx;
 
 namespace {
 
-// The scale of the points by z: the Cholesky factor of the inverse Hessian, or the identity (then L alone scales u).
-void set_spread(const NX& n, BatchWork& b, int slot)
-{
-  const int nr = n.leaf().nr, nrs = n.leaf().nrs;
-  double* const c = b.spread.data() + static_cast<long>(slot) * nrs;
-  if (!n.adscale) {
-    std::fill_n(c, nrs, 0.0);
-    for (int i = 0; i < nr; ++i) c[matrix::packed_diagonal(i)] = 1.0;
-    return;
-  }
-  const double* const from = b.covariance.data() + static_cast<long>(slot) * nrs;
-  if (nr == 1) {
-    c[0] = std::sqrt(from[0]);
-    return;
-  }
-  std::copy_n(from, nrs, c);
-  for (int i = 0; i < nr; ++i) {
-    const double own = std::abs(from[matrix::packed_diagonal(i)]);
-    matrix::zchol(i, c, own == 0.0 ? n.singchol : n.singchol * own);
-  }
-}
-
-void find_centres(const NX& n, BatchWork& b)
-{
-  for (int slot = 0; slot < b.slots; ++slot) {
-    if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
-    if (!n.adaptive) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.leaf().nr, n.leaf().nr, 0.0);
-    set_spread(n, b, slot);
-  }
-}
-
 // What the subjects of the batch know of effects to which G leaves no variance: the unit of those variances.
 void note_null_directions(const NX& n, BatchWork& b)
 {
   const int nr = n.leaf().nr, nrs = n.leaf().nrs;
+  const bool at_mode = taken_at_modes(n, b, true);
   for (int slot = 0; slot < b.slots; ++slot) {
     const auto s = static_cast<std::size_t>(slot);
     if (b.failure[s] != 0 || !(b.total[s] > 0.0)) continue;
     const double* const l = b.factor.data() + static_cast<long>(modes::prior_of(n, slot)) * nrs;
-    const double* const slope = b.slope_moments.data() + static_cast<long>(slot) * (nr + nr * nr);
+    const double* const slope = at_mode ? b.slope.data() + static_cast<long>(slot) * nr
+                                        : b.slope_moments.data() + static_cast<long>(slot) * (nr + nr * nr);
     const double* const curve = b.curve.data() + static_cast<long>(slot) * nrs;
     for (int i = 0; i < nr; ++i) {
       const long d = matrix::packed_diagonal(i);
@@ -79,12 +49,12 @@ public:
     if (ctx.batch.factored.in_use)
       close_factored(n, ctx, slot, gradient);
     else
-      subject_gradient(n, ctx, slot, gradient);
+      std::copy_n(ctx.batch.gradients.begin() + static_cast<long>(slot) * n.nparm, n.nparm, gradient);
   }
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override
+  void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
   {
-    keep_trial_mode(n, ctx, slot);
-    if (keeps_mode_derivatives(n)) keep_mode_derivative(n, ctx, slot);
+    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
+    if (keeps_mode_derivatives(n)) keep_mode_derivatives(n, ctx, slots);
   }
 };
 
@@ -103,10 +73,14 @@ int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) 
   const modes::AtModes at_modes{sum_at_modes, n.programs.closing_mode(0)};
   if (n.adaptive)
     if (const int rc = modes::tvlebes(n, ctx, gradient && n.programs.closing ? &at_modes : nullptr); rc > 2) return rc;
-  find_centres(n, ctx.batch);
+  if (!n.adaptive) std::fill_n(ctx.batch.z.begin(), static_cast<long>(ctx.batch.slots) * reff.nr, 0.0);
+  find_spread(n, ctx.batch);
   if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
-  if (gradient) note_null_directions(n, ctx.batch);
-  return gradient && ctx.batch.factored.in_use ? factored_gradients(n, ctx) : 0;
+  if (!gradient) return 0;
+  note_null_directions(n, ctx.batch);
+  if (ctx.batch.factored.in_use) return factored_gradients(n, ctx);
+  subject_gradients(n, ctx.batch);
+  return 0;
 }
 
 // The factor C of the scale adds 1/2 log det H to the constants.

@@ -412,7 +412,10 @@ public:
     std::copy_n(ctx.batch.direct.begin() + static_cast<long>(slot) * n.nparm, n.nparm, gradient);
   }
 
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
+  void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
+  {
+    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
+  }
 
 private:
   static constexpr int unusable = message::likelihood_not_usable::message_number;

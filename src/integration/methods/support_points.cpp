@@ -82,7 +82,7 @@ public:
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override;
   int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override;
   void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override;
-  void close_modes(NX&, const TVLThreadCtx&, int) const override {}
+  void close_modes(NX&, const TVLThreadCtx&, std::span<const int>) const override {}
 };
 
 void SupportPoints::size_batch(const NX& n, TVLThreadCtx& ctx) const

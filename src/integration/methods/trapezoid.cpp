@@ -313,7 +313,10 @@ public:
                       variance * argument[reff.argument_derivative(1, j, n.nparm)]);
   }
 
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int slot) const override { keep_trial_mode(n, ctx, slot); }
+  void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
+  {
+    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
+  }
 };
 
 } // namespace

@@ -43,7 +43,13 @@ public:
   {
     std::copy_n(ctx.nests.gradient.begin() + static_cast<long>(nest) * n.nparm, n.nparm, gradient);
   }
-  void close_modes(NX& n, const TVLThreadCtx& ctx, int nest) const override;
+  void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> nests) const override
+  {
+    for (const int nest : nests) keep_modes(n, ctx, nest);
+  }
+
+private:
+  static void keep_modes(NX& n, const TVLThreadCtx& ctx, int nest);
 };
 
 // --- points ---
@@ -286,7 +292,7 @@ int NestQuadrature::close_value(const NX&, const TVLThreadCtx& ctx, int nest, do
 }
 
 // The trial modes of all nodes.
-void NestQuadrature::close_modes(NX& n, const TVLThreadCtx& ctx, int nest) const
+void NestQuadrature::keep_modes(NX& n, const TVLThreadCtx& ctx, int nest)
 {
   const NestWork& w = ctx.nests;
   for (std::size_t k = 0; k < w.level.size(); ++k) {

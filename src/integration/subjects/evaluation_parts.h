@@ -6,6 +6,7 @@
 #include "integration/subjects/integrator.h"
 #include "model/run_record.h"
 
+#include <span>
 #include <vector>
 
 namespace torvale::integration {
@@ -42,12 +43,13 @@ void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
 void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
-// keep_mode_derivative: its derivatives by the parameters into n.ebtrial_by; after an evaluation with a gradient.
+// keep_mode_derivatives: the derivatives of the modes of some slots by the parameters into n.ebtrial_by; after an
+// evaluation with a gradient.
 inline bool keeps_mode_derivatives(const model::NX& n)
 {
   return n.dograd && !n.ebtrial_by.empty() && !n.prediction_stands;
 }
-void keep_mode_derivative(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
+void keep_mode_derivatives(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
@@ -64,6 +66,10 @@ inline void add_outer_product(const double* g, int np, double weight, double* su
   for (int i = 0; i < np; ++i)
     for (int j = 0; j <= i; ++j) *sum++ += weight * (g[i] * g[j]);
 }
+
+// find_spread: the scale of the points by z of all good slots, into b.spread: the Cholesky factor of the inverse
+// Hessian at the mode, or the identity (then L alone scales u). Overwrites b.active.
+void find_spread(const model::NX& n, model::BatchWork& b);
 
 // sum_points: runs the program at the quadrature points of all good slots of ctx.batch, and sums weights, moments of
 // the points and weighted derivatives per slot (peak, total, point_moments, slope_moments, direct). A slot's points are
@@ -91,17 +97,23 @@ int find_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
-// sum_at_modes: the same together with what the search for modes reads, for modes::AtModes; where the mode is the only
-// point (closes_point) sum_points finds there what it needs.
+// sum_at_modes: the same together with what the search for modes reads, for modes::AtModes.
 int sum_at_modes(const model::NX& n, model::TVLThreadCtx& ctx, int active, int column);
 inline bool closes_point(const model::NX& n)
 {
   return n.leaf().nqpr == 1 && n.method == 0 && n.programs.closing_point;
 }
+// taken_at_modes: the mode is the only point and was closed with what a gradient wants there. sum_points then runs
+// nothing, and leaves its sums of derivatives where sum_at_modes put them: in curvature_sums, behind
+// ModelPrograms::closing_gradient.
+inline bool taken_at_modes(const model::NX& n, const model::BatchWork& b, bool gradient)
+{
+  return gradient && n.adaptive && !b.factored.in_use && closes_point(n);
+}
 
-// subject_gradient: derivative of a slot's integral by the parameters, np doubles (of the negative log likelihood).
-// Where derivatives are factored without what their products give; weights is then that slot's column, else null.
-void subject_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int slot, double* gradient,
-                      double* weights = nullptr);
+// subject_gradients: the derivatives of the integrals of all good slots by the parameters (of the negative log
+// likelihood) into b.gradients, after sum_points and sum_curvature. Where derivatives are factored without what their
+// products give, whose weights go into b.factored.weights. Overwrites b.active.
+void subject_gradients(const model::NX& n, model::BatchWork& b);
 
 } // namespace torvale::integration

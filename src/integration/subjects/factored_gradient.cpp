@@ -115,7 +115,6 @@ void size_factored(const NX& n, TVLThreadCtx& ctx)
   size(f.multipliers, static_cast<long>(programs.multipliers.size()) * f.record_stride);
   size(f.weights, sources(n) * f.slot_stride);
   size(f.products, n.nparm * f.slot_stride);
-  size(f.gradients, static_cast<long>(ctx.batch.subject.size()) * n.nparm);
 }
 
 evaluation::LaneValues kept_lanes(BatchWork& b, int coefficients)
@@ -141,14 +140,8 @@ void take_mode_coefficients(const ModelLists& n, BatchWork& b)
 int factored_gradients(const NX& n, TVLThreadCtx& ctx)
 {
   BatchWork& b = ctx.batch;
-  for (int slot = 0; slot < b.slots; ++slot) {
-    const auto s = static_cast<std::size_t>(slot);
-    double* const weights = b.factored.weights.data() + slot;
-    if (b.failure[s] == 0 && b.total[s] > 0.0)
-      subject_gradient(n, ctx, slot, b.factored.gradients.data() + static_cast<long>(slot) * n.nparm, weights);
-    else
-      for (int k = 0; k < sources(n); ++k) weights[k * b.factored.slot_stride] = 0.0;
-  }
+  clear_rows(b.factored.weights); // those of slots that have failed are 0
+  subject_gradients(n, b);
   form_multipliers(n, b);
   return add_products_of_records(n, ctx);
 }
@@ -156,7 +149,7 @@ int factored_gradients(const NX& n, TVLThreadCtx& ctx)
 void close_factored(const ModelLists& n, const TVLThreadCtx& ctx, int slot, double* gradient)
 {
   const auto& f = ctx.batch.factored;
-  const double* const own = f.gradients.data() + static_cast<long>(slot) * n.nparm;
+  const double* const own = ctx.batch.gradients.data() + static_cast<long>(slot) * n.nparm;
   for (int j = 0; j < n.nparm; ++j)
     gradient[j] = own[j] - f.products[static_cast<std::size_t>(j * f.slot_stride + slot)];
 }

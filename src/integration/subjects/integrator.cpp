@@ -14,23 +14,23 @@ using model::TVLThreadCtx;
 
 namespace {
 
-// The value, gradient and modes of a nest into its slot of the run.
-void close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, int nest)
+// The value and gradient of a nest into its slot of the run. True when they are known.
+bool close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, int nest)
 {
   const auto subject = static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)]);
   int& status = n.slot_status[subject];
   n.slot_row[subject] = n.outer().SubInfo[subject].fvalidobs;
   double v = 0.0;
   status = integrator.close_value(n, ctx, nest, v);
-  if (status != 0) return;
+  if (status != 0) return false;
   if (!(v < model::failure_objective) || !std::isfinite(v)) {
     status = zero_integral(n);
-    return;
+    return false;
   }
   n.slot_value[subject] = v;
   if (n.dograd)
     integrator.close_gradient(n, ctx, nest, n.slot_grad.data() + static_cast<long>(subject) * n.grad_stride);
-  if (n.adaptive) integrator.close_modes(n, ctx, nest);
+  return true;
 }
 
 } // namespace
@@ -62,7 +62,10 @@ int evaluate_batch(NX& n, TVLThreadCtx& ctx, const Batch& batch)
   const Integrator& integrator = integrator_of(n);
   take_batch(n, ctx, batch);
   if (const int rc = integrator.evaluate(n, ctx, n.dograd); rc > 2) return rc;
-  for (int nest = 0; nest < ctx.batch.nests; ++nest) close_nest(n, ctx, integrator, nest);
+  int known = 0;
+  for (int nest = 0; nest < ctx.batch.nests; ++nest)
+    if (close_nest(n, ctx, integrator, nest)) ctx.batch.active[static_cast<std::size_t>(known++)] = nest;
+  if (n.adaptive) integrator.close_modes(n, ctx, {ctx.batch.active.data(), static_cast<std::size_t>(known)});
   return 0;
 }
 

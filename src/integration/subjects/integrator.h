@@ -22,6 +22,8 @@
 
 #include "model/run_record.h"
 
+#include <span>
+
 namespace torvale::integration {
 
 class Integrator {
@@ -45,9 +47,9 @@ public:
   // close_gradient: its derivatives by the parameters, n.nparm doubles. Called after close_value returned 0.
   virtual void close_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int nest, double* gradient) const = 0;
 
-  // close_modes: the random effects u found for the nest, of all its subjects, into n.ebtrial; only where modes were
-  // searched.
-  virtual void close_modes(model::NX& n, const model::TVLThreadCtx& ctx, int nest) const = 0;
+  // close_modes: the random effects u found for these nests, of all their subjects, into n.ebtrial; only where modes were
+  // searched. The nests are ascending, those whose values are known.
+  virtual void close_modes(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> nests) const = 0;
 };
 
 // integrator_of: the integrator of the run's method; the run has random effects. Constant, without state, for all

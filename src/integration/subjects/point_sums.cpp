@@ -87,7 +87,7 @@ public:
         factored_(gradient && b_.factored.in_use), program_(!gradient   ? n.programs.value
                                                             : factored_ ? n.programs.factored.gradient
                                                                         : n.programs.gradient),
-        nr_(n.leaf().nr), np_(n.nparm), at_mode_(gradient && !factored_ && n.adaptive && closes_point(n))
+        nr_(n.leaf().nr), np_(n.nparm)
   {
   }
 
@@ -168,11 +168,7 @@ private:
   int add_chunks()
   {
     const int all = pairs_.count * pairs_.points;
-    if (at_mode_) {
-      take_sums_at_modes();
-    } else if (const int rc = run_points(all); rc != 0) {
-      return rc;
-    }
+    if (const int rc = run_points(all); rc != 0) return rc;
     make_weights(all);
     if (shares_ != nullptr) note_shares();
     weigh_chunks();
@@ -181,16 +177,6 @@ private:
     add_moments(all);
     if (factored_) weigh_coefficients();
     return 0;
-  }
-
-  // The only point is the mode, where the program has been run.
-  void take_sums_at_modes()
-  {
-    for (const int k : program_.outputs) {
-      const double* const from = b_.curvature_sums.data() + n_.programs.closing_gradient(k) * b_.mode_stride;
-      double* const to = b_.point_sums.data() + k * b_.pair_stride;
-      for (int i = 0; i < pairs_.count; ++i) to[i] = from[b_.column[static_cast<std::size_t>(pairs_.slots[i])]];
-    }
   }
 
   int run_points(int all)
@@ -414,7 +400,6 @@ private:
   const bool gradient_, factored_;
   const model::ModelProgram& program_;
   const int nr_, np_;
-  const bool at_mode_;
   evaluation::Pairs pairs_; // in hand
   long first_ = 0;          // their first point
   int step_ = 1;            // from a slot's pair to that of its next point
@@ -427,10 +412,34 @@ private:
   std::vector<double> known_peak_, known_total_;
 };
 
+// The only point is the mode, where the program has been run: its weight is 1, and log likelihood and prior are the
+// sum's peak.
+void take_values_at_modes(const NX& n, BatchWork& b)
+{
+  const int nr = n.leaf().nr;
+  const double* const lls =
+      b.curvature_sums.data() + n.programs.closing_gradient(model::ModelPrograms::ll) * b.mode_stride;
+  for (int slot = 0; slot < b.slots; ++slot) {
+    const auto s = static_cast<std::size_t>(slot);
+    if (b.failure[s] != 0) continue;
+    const double ll = lls[b.column[s]];
+    const double* const z = b.z.data() + static_cast<long>(slot) * nr;
+    double prior = n.leaf().logw[0];
+    for (int i = 0; i < nr; ++i) prior -= 0.5 * z[i] * z[i];
+    const bool failed = !(ll > model::impossible_loglik);
+    b.peak[s] = failed ? model::failed_point : prior + ll;
+    b.total[s] = failed ? 0.0 : 1.0;
+  }
+}
+
 } // namespace
 
 int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
 {
+  if (taken_at_modes(n, ctx.batch, gradient)) {
+    take_values_at_modes(n, ctx.batch);
+    return 0;
+  }
   switch (n.leaf().nr) {
   case 1:
     return PointLoop<1>(n, ctx, gradient).run();
@@ -459,6 +468,7 @@ void size_point_sums(const NX& n, TVLThreadCtx& ctx)
   size(b.point_moments, slots * (nr + nrs));
   size(b.slope_moments, slots * (nr + nr * nr));
   size(b.direct, slots * n.nparm);
+  size(b.gradients, slots * n.nparm);
   size(b.scratch, evaluation::most_pairs);
 }
 

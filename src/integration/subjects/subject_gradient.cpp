@@ -1,4 +1,4 @@
-// The gradient of one subject's integral, by the adjoint method: the sums over points do not grow with the number of
+// The gradients of the subjects' integrals, by the adjoint method: the sums over points do not grow with the number of
 // parameters, and the chain rule through means, mode, scale and factor of G is made once.
 //
 // With u = m + L z, points z_t = zm + s C x_t (zm the mode, C C' the inverse H^-1 of the Hessian by z, s the scale),
@@ -19,6 +19,7 @@
 // (Own derivation.)
 
 #include "evaluation/cholesky_derivative.h"
+#include "evaluation/slot_group.h"
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
@@ -28,6 +29,8 @@
 
 namespace torvale::integration {
 
+using evaluation::Four;
+using evaluation::SlotGroup;
 using model::BatchWork;
 using model::NX;
 using model::REFFECT;
@@ -36,222 +39,293 @@ using modes::packed;
 
 namespace {
 
-template <int NR> class SubjectGradient {
+// The gradients of the slots that stand side by side in T, a double or Four.
+template <int NR, class T> class SubjectGradients {
 public:
   static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
   static constexpr int triangle = capacity * (capacity + 1) / 2;
 
-  SubjectGradient(const NX& n, const TVLThreadCtx& ctx, int slot)
-      : n_(n), b_(ctx.batch), nr_(n.leaf().nr), np_(n.nparm), slot_(slot), prior_(modes::prior_of(n, slot)),
-        s_(n.qscale * root_two)
+  SubjectGradients(const NX& n, BatchWork& b, const SlotGroup<T>& slots)
+      : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slots_(slots), columns_(slots.through(b.column.data())),
+        factored_(b.factored.in_use), at_mode_(taken_at_modes(n, b, true)), s_(n.qscale * root_two)
   {
-    l_ = b_.factor.data() + prior_ * nrs();
-    c_ = b_.spread.data() + static_cast<long>(slot) * nrs();
-    zm_ = b_.z.data() + static_cast<long>(slot) * nr();
-    slope_ = b_.slope.data() + static_cast<long>(slot) * nr();
-    curve_ = b_.curve.data() + static_cast<long>(slot) * nrs();
-    const auto s = static_cast<std::size_t>(slot);
-    per_total_ = 1.0 / b_.total[s];
-    x1_ = b_.point_moments.data() + static_cast<long>(slot) * (nr() + nrs());
-    x2_ = x1_ + nr();
-    u1_ = b_.slope_moments.data() + static_cast<long>(slot) * (nr() + nr() * nr());
-    ux_ = u1_ + nr();
+    for (int k = 0; k < nrs(); ++k) l_[k] = of_prior(b.factor.data() + k, nrs());
+    take(c_, b.spread, nrs());
+    take(zm_, b.z, nr());
+    take(slope_, b.slope, nr());
+    take(curve_, b.curve, nrs());
+    per_total_ = 1.0 / slots_.from_row(b.total.data());
+    for (int i = 0; i < nr(); ++i) u1_[i] = per_total_ * slope_sum(i);
   }
 
-  void compute(double* gradient, double* weights)
+  void compute()
   {
-    weights_ = weights;
     means_over_points();
-    const double* const direct = b_.direct.data() + static_cast<long>(slot_) * np_;
-    for (int j = 0; j < np_; ++j) gradient[j] = -per_total_ * direct[j];
-    if (weights_ != nullptr) weigh(0, per_total_);
-    if (n_.adaptive) through_mode(gradient);
+    if (n_.adaptive) through_mode();
     evaluation::cholesky_adjoint(nr(), l_, factor_bar_, n_.singchol);
-    through_arguments(gradient);
+    if (factored_) keep_weights();
+    const model::ModelProgram& direct = factored_ ? n_.programs.factored.gradient : n_.programs.gradient;
+    auto place = direct.outputs.begin();
+    for (int j = 0; j < np_; ++j) {
+      T g = {};
+      while (place != direct.outputs.end() && *place < n_.programs.by_parameter(j)) ++place;
+      if (place != direct.outputs.end() && *place == n_.programs.by_parameter(j)) g -= through_likelihood(j);
+      slots_.scatter(g - through_arguments(j), b_.gradients.data() + j, np_);
+    }
   }
 
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
 
+  // `count` numbers of each slot.
+  void take(T* to, const std::vector<double>& from, int count) const
+  {
+    for (int k = 0; k < count; ++k) to[k] = slots_.gather(from.data() + k, count);
+  }
+
+  T of_prior(const double* from, long stride) const
+  {
+    return n_.leaf().setup_varies ? slots_.gather(from, stride) : T{} + *from;
+  }
+
+  T at_mode(int place) const { return columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride); }
+  T cross(int k, int j) const { return at_mode(n_.programs.cross_place(k, j)); }
+  // Unscaled sums over the points: of e x, e x x', e ll_u and e ll_u x'. 0 is the only point that is taken at the mode.
+  T point_sum(int i) const { return slots_.gather(b_.point_moments.data() + i, nr() + nrs()); }
+  T point_square(int k) const { return slots_.gather(b_.point_moments.data() + nr() + k, nr() + nrs()); }
+  T slope_sum(int i) const
+  {
+    return at_mode_ ? at_mode(n_.programs.closing_gradient(n_.programs.by_effect(i)))
+                    : slots_.gather(b_.slope_moments.data() + i, nr() + nr() * nr());
+  }
+  T slope_by_point(int i, int k) const
+  {
+    return slots_.gather(b_.slope_moments.data() + nr() + i * nr() + k, nr() + nr() * nr());
+  }
+  T direct(int j) const
+  {
+    return at_mode_ ? at_mode(n_.programs.closing_gradient(n_.programs.by_parameter(j)))
+                    : slots_.gather(b_.direct.data() + j, np_);
+  }
+
   // r into mean_bar, E into factor_bar: what there is without a mode.
   void means_over_points()
   {
     for (int i = 0; i < nr(); ++i) {
-      mean_bar_[i] = per_total_ * u1_[i];
-      for (int j = 0; j <= i; ++j) {
-        double t = 0.0; // (sum e ll_u x' C')(i, j)
-        for (int k = 0; k <= j; ++k) t += ux_[i * nr() + k] * c_[packed(j, k)];
-        factor_bar_[packed(i, j)] = per_total_ * (u1_[i] * zm_[j] + s_ * t);
-      }
+      mean_bar_[i] = u1_[i];
+      for (int j = 0; j <= i; ++j) factor_bar_[packed(i, j)] = u1_[i] * zm_[j];
     }
+    if (at_mode_) return;
+    for (int i = 0; i < nr(); ++i) {
+      for (int k = 0; k < nr(); ++k) ux_[i * nr() + k] = per_total_ * slope_by_point(i, k);
+      x1_[i] = per_total_ * point_sum(i);
+    }
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j) {
+        T t = {}; // (sum e ll_u x' C')(i, j)
+        for (int k = 0; k <= j; ++k) t += ux_[i * nr() + k] * c_[packed(j, k)];
+        factor_bar_[packed(i, j)] += s_ * t;
+      }
   }
 
-  void through_mode(double* gradient)
+  void through_mode()
   {
-    double zbar[capacity]; // sum e z
-    double vb[capacity];
+    T vb[capacity];
     for (int i = 0; i < nr(); ++i) {
-      double cx = 0.0, lu = 0.0;
+      vb[i] = -zm_[i];
+      for (int k = i; k < nr(); ++k) vb[i] += l_[packed(k, i)] * u1_[k];
+      if (at_mode_) continue;
+      T cx = {};
       for (int k = 0; k <= i; ++k) cx += c_[packed(i, k)] * x1_[k];
-      for (int k = i; k < nr(); ++k) lu += l_[packed(k, i)] * u1_[k];
-      zbar[i] = zm_[i] + s_ * per_total_ * cx;
-      vb[i] = per_total_ * lu - zbar[i];
+      vb[i] -= s_ * cx;
     }
-    const long stride = b_.mode_stride;
-    const double* const cross = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot_)];
-    const double* const third = cross + n_.programs.third_place(0, 0) * stride;
-    double tau[capacity] = {};
-    double zu[triangle] = {}; // Zu, elements off the diagonal doubled for the inner products
+    T tau[capacity] = {};
     if (n_.adscale) {
       scale_adjoint();
       for (int i = 0; i < nr(); ++i)
-        for (int j = 0; j <= i; ++j) zu[packed(i, j)] = (i == j ? 1.0 : 2.0) * congruence(i, j);
-      for (int k = 0; k < nr(); ++k) tau[k] = inner(third + (np_ + k) * nrs() * stride, zu, stride);
+        for (int j = 0; j <= i; ++j) zu_[packed(i, j)] = (i == j ? 1.0 : 2.0) * congruence(i, j);
+      for (int k = 0; k < nr(); ++k) tau[k] = through_third(np_ + k);
     }
 
-    double lambda[capacity], lu[capacity], pull[capacity]; // pull = tau + ll_uu lu
-    const double* const covariance = b_.covariance.data() + static_cast<long>(slot_) * nrs();
+    T lambda[capacity], pull[capacity], inverse[triangle]; // pull = tau + ll_uu lu
+    take(inverse, b_.covariance, nrs());
+    for (int i = 0; i < nr(); ++i)
+      for (int k = i; k < nr(); ++k) vb[i] += l_[packed(k, i)] * tau[k];
     for (int i = 0; i < nr(); ++i) {
-      double t = vb[i];
-      for (int k = i; k < nr(); ++k) t += l_[packed(k, i)] * tau[k];
-      vb[i] = t;
+      lambda[i] = T{};
+      for (int k = 0; k < nr(); ++k) lambda[i] += inverse[packed(i, k)] * vb[k];
     }
     for (int i = 0; i < nr(); ++i) {
-      lambda[i] = 0.0;
-      for (int k = 0; k < nr(); ++k) lambda[i] += covariance[packed(i, k)] * vb[k];
-    }
-    for (int i = 0; i < nr(); ++i) {
-      lu[i] = 0.0;
-      for (int k = 0; k <= i; ++k) lu[i] += l_[packed(i, k)] * lambda[k];
+      lu_[i] = T{};
+      for (int k = 0; k <= i; ++k) lu_[i] += l_[packed(i, k)] * lambda[k];
     }
     for (int i = 0; i < nr(); ++i) {
       pull[i] = tau[i];
-      for (int k = 0; k < nr(); ++k) pull[i] += curve_[packed(i, k)] * lu[k];
+      for (int k = 0; k < nr(); ++k) pull[i] += curve_[packed(i, k)] * lu_[k];
       mean_bar_[i] += pull[i];
       for (int j = 0; j <= i; ++j) {
-        double t = pull[i] * zm_[j] + slope_[i] * lambda[j];
+        T t = pull[i] * zm_[j] + slope_[i] * lambda[j];
         if (n_.adscale) t += 2.0 * curve_scale(i, j);
         factor_bar_[packed(i, j)] += t;
       }
     }
-    if (weights_ != nullptr) {
-      for (int k = 0; k < nr(); ++k) weigh(1 + k, lu[k]);
-      for (int k = 0; k < nrs(); ++k) weigh(1 + nr() + k, zu[k]);
-      for (const int j : n_.programs.factored.plain) add_curvature(gradient, j, cross, third, lu, zu);
-    } else {
-      for (int j = 0; j < np_; ++j) add_curvature(gradient, j, cross, third, lu, zu);
-    }
   }
-
-  void add_curvature(double* gradient, int j, const double* cross, const double* third, const double* lu,
-                     const double* zu) const
-  {
-    const long stride = b_.mode_stride;
-    for (int k = 0; k < nr(); ++k) gradient[j] -= lu[k] * cross[(k * np_ + j) * stride];
-    if (n_.adscale) gradient[j] -= inner(third + j * nrs() * stride, zu, stride);
-  }
-
-  void weigh(int source, double weight) { weights_[source * b_.factored.slot_stride] = weight; }
 
   // Z = C (P + I/2) C' into z_, and L Z into lz_.
   void scale_adjoint()
   {
-    double a[capacity * capacity]; // A = s (L' sum e ll_u x' - zm x1' - s C X2)
+    T p[triangle]; // P + I/2
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j) p[packed(i, j)] = T{} + (i == j ? 0.5 : 0.0);
+    if (!at_mode_) add_spread(p);
+    T cp[capacity * capacity]; // C (P + I/2)
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j < nr(); ++j) {
-        double t = -zm_[i] * x1_[j];
-        for (int k = i; k < nr(); ++k) t += l_[packed(k, i)] * ux_[k * nr() + j];
-        for (int k = 0; k <= i; ++k) t -= s_ * c_[packed(i, k)] * x2_[packed(k, j)];
-        a[i * nr() + j] = s_ * per_total_ * t;
-      }
-    double p[triangle]; // P + I/2
-    for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j <= i; ++j) {
-        double t = 0.0; // (C'A)(i, j)
-        for (int k = i; k < nr(); ++k) t += c_[packed(k, i)] * a[k * nr() + j];
-        p[packed(i, j)] = 0.5 * t + (i == j ? 0.5 : 0.0);
-      }
-    double cp[capacity * capacity]; // C (P + I/2)
-    for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j < nr(); ++j) {
-        double t = 0.0;
+        T t = {};
         for (int k = 0; k <= i; ++k) t += c_[packed(i, k)] * p[packed(k, j)];
         cp[i * nr() + j] = t;
       }
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j <= i; ++j) {
-        double t = 0.0;
+        T t = {};
         for (int k = 0; k <= j; ++k) t += cp[i * nr() + k] * c_[packed(j, k)];
         z_[packed(i, j)] = t;
       }
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j < nr(); ++j) {
-        double t = 0.0;
+        T t = {};
         for (int k = 0; k <= i; ++k) t += l_[packed(i, k)] * z_[packed(k, j)];
         lz_[i * nr() + j] = t;
       }
   }
 
-  double congruence(int i, int j) const // (L Z L')(i, j)
+  // P of A = s (L' sum e ll_u x' - zm x1' - s C X2).
+  void add_spread(T* p) const
   {
-    double t = 0.0;
+    T x2[triangle], a[capacity * capacity];
+    for (int k = 0; k < nrs(); ++k) x2[k] = per_total_ * point_square(k);
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        T t = -zm_[i] * x1_[j];
+        for (int k = i; k < nr(); ++k) t += l_[packed(k, i)] * ux_[k * nr() + j];
+        for (int k = 0; k <= i; ++k) t -= s_ * c_[packed(i, k)] * x2[packed(k, j)];
+        a[i * nr() + j] = s_ * t;
+      }
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j) {
+        T t = {}; // (C'A)(i, j)
+        for (int k = i; k < nr(); ++k) t += c_[packed(k, i)] * a[k * nr() + j];
+        p[packed(i, j)] += 0.5 * t;
+      }
+  }
+
+  T congruence(int i, int j) const // (L Z L')(i, j)
+  {
+    T t = {};
     for (int k = 0; k <= j; ++k) t += lz_[i * nr() + k] * l_[packed(j, k)];
     return t;
   }
 
-  double curve_scale(int i, int j) const // (ll_uu L Z)(i, j)
+  T curve_scale(int i, int j) const // (ll_uu L Z)(i, j)
   {
-    double t = 0.0;
+    T t = {};
     for (int k = 0; k < nr(); ++k) t += curve_[packed(i, k)] * lz_[k * nr() + j];
     return t;
   }
 
-  double inner(const double* rows, const double* weights, long stride) const
+  T through_third(int w) const // <Zu, derivatives of ll_uu by w>
   {
-    double t = 0.0;
-    for (int k = 0; k < nrs(); ++k) t += weights[k] * rows[k * stride];
+    T t = {};
+    for (int k = 0; k < nrs(); ++k) t += zu_[k] * at_mode(n_.programs.third_place(w, k));
     return t;
   }
 
-  // Means and elements of G by the parameters.
-  void through_arguments(double* gradient) const
+  T through_likelihood(int j) const
+  {
+    T t = per_total_ * direct(j);
+    if (!n_.adaptive) return t;
+    for (int k = 0; k < nr(); ++k) t += lu_[k] * cross(k, j);
+    return n_.adscale ? t + through_third(j) : t;
+  }
+
+  // Means and elements of G by a parameter.
+  T through_arguments(int j) const
   {
     const REFFECT& reff = n_.leaf();
-    const double* row = b_.arguments.data() + prior_ * reff.setup.places + reff.argument_derivative(0, 0, np_);
-    for (int a = 0; a < reff.nd; ++a, row += np_) {
-      const double bar = a < nr() ? mean_bar_[a] : factor_bar_[a - nr()];
-      for (int j = 0; j < np_; ++j) gradient[j] -= bar * row[j];
+    T t = {};
+    for (int m = reff.moved_first[static_cast<std::size_t>(j)]; m < reff.moved_first[static_cast<std::size_t>(j) + 1];
+         ++m) {
+      const auto& [a, place] = reff.moved[static_cast<std::size_t>(m)];
+      t += (a < nr() ? mean_bar_[a] : factor_bar_[a - nr()]) * of_prior(b_.arguments.data() + place, reff.setup.places);
     }
+    return t;
+  }
+
+  // Of the coefficients of factored derivatives, by source.
+  void keep_weights()
+  {
+    weigh(0, per_total_);
+    if (!n_.adaptive) return;
+    for (int k = 0; k < nr(); ++k) weigh(1 + k, lu_[k]);
+    for (int k = 0; k < nrs(); ++k) weigh(1 + nr() + k, zu_[k]);
+  }
+  void weigh(int source, T weight)
+  {
+    slots_.scatter(weight, b_.factored.weights.data() + source * b_.factored.slot_stride, 1);
   }
 
   const NX& n_;
-  const BatchWork& b_;
-  const int nr_, np_, slot_;
-  const long prior_;
+  BatchWork& b_;
+  const int nr_, np_;
+  const SlotGroup<T> slots_, columns_;
+  const bool factored_, at_mode_;
   const double s_;
-  const double *l_, *c_, *zm_, *slope_, *curve_; // L, C, mode, ll_u and ll_uu at the mode
-  const double *x1_, *x2_, *u1_, *ux_;           // unscaled sums: e x, e x x', e ll_u, e ll_u x'
-  double per_total_;
-  double* weights_ = nullptr;   // of the coefficients of factored derivatives, by source; null: there are none
-  double mean_bar_[capacity];   // adjoint of the means
-  double factor_bar_[triangle]; // adjoint of L, then of G
-  double z_[triangle], lz_[capacity * capacity];
+  T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity],
+      curve_[triangle]; // L, C, mode, ll_u and ll_uu at the mode
+  T per_total_;
+  T x1_[capacity], u1_[capacity], ux_[capacity * capacity]; // means of x, ll_u, ll_u x'
+  T mean_bar_[capacity];                                    // adjoint of the means
+  T factor_bar_[triangle];                                  // adjoint of L, then of G
+  T z_[triangle], lz_[capacity * capacity];
+  T lu_[capacity] = {}, zu_[triangle] = {}; // L lambda; Zu, elements off the diagonal doubled for the inner products
 };
+
+template <int NR, class T> void gradients_of(const NX& n, BatchWork& b, int good)
+{
+  for (int first = 0; first < good; first += SlotGroup<T>::width)
+    SubjectGradients<NR, T>(n, b, SlotGroup<T>::of_list(b.active.data() + first, good - first)).compute();
+}
+
+template <int NR> TORVALE_AVX2_BUILD void gradients_avx2(const NX& n, BatchWork& b, int good)
+{
+  gradients_of<NR, Four>(n, b, good);
+}
+
+template <int NR> void gradients_of_four(const NX& n, BatchWork& b, int good)
+{
+  static const auto build = evaluation::build_for_machine(gradients_of<NR, Four>, gradients_avx2<NR>);
+  build(n, b, good);
+}
 
 } // namespace
 
-void subject_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient, double* weights)
+void subject_gradients(const NX& n, BatchWork& b)
 {
+  int good = 0;
+  for (int slot = 0; slot < b.slots; ++slot) {
+    const auto s = static_cast<std::size_t>(slot);
+    if (b.failure[s] == 0 && b.total[s] > 0.0) b.active[static_cast<std::size_t>(good++)] = slot;
+  }
   switch (n.leaf().nr) {
   case 1:
-    return SubjectGradient<1>(n, ctx, slot).compute(gradient, weights);
+    return gradients_of_four<1>(n, b, good);
   case 2:
-    return SubjectGradient<2>(n, ctx, slot).compute(gradient, weights);
+    return gradients_of_four<2>(n, b, good);
   case 3:
-    return SubjectGradient<3>(n, ctx, slot).compute(gradient, weights);
+    return gradients_of_four<3>(n, b, good);
   default:
-    return SubjectGradient<0>(n, ctx, slot).compute(gradient, weights);
+    return gradients_of<0, double>(n, b, good);
   }
 }
 

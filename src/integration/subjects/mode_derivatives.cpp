@@ -1,0 +1,153 @@
+// How the modes of subjects move with the parameters, a dot for a derivative:
+//     u. = s + V (ll_u. + ll_uu s) = W s + V ll_u.,   s = m. + G. ll_u,   V = L H^-1 L',   W = I + V ll_uu.
+
+#include "evaluation/slot_group.h"
+#include "integration/subjects/evaluation_parts.h"
+#include "modes/joint_density.h"
+#include "modes/packed.h"
+
+namespace torvale::integration {
+
+using evaluation::Four;
+using evaluation::SlotGroup;
+using model::BatchWork;
+using model::NX;
+using model::REFFECT;
+using modes::packed;
+
+namespace {
+
+// Of the slots that stand side by side in T, a double or Four.
+template <int NR, class T> class ModeDerivatives {
+public:
+  static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
+  static constexpr int triangle = capacity * (capacity + 1) / 2;
+
+  ModeDerivatives(const NX& n, const BatchWork& b, const SlotGroup<T>& slots)
+      : n_(n), b_(b), reff_(n.leaf()), nr_(n.leaf().nr), np_(n.nparm), slots_(slots),
+        columns_(slots.through(b.column.data()))
+  {
+    T curve[triangle];
+    for (int i = 0; i < nr(); ++i) slope_[i] = slots_.gather(b.slope.data() + i, nr());
+    for (int k = 0; k < nrs(); ++k) curve[k] = slots_.gather(b.curve.data() + k, nrs());
+    form_variance();
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        T t = T{} + (i == j ? 1.0 : 0.0);
+        for (int k = 0; k < nr(); ++k) t += v_[i * nr() + k] * curve[packed(k, j)];
+        w_[i * nr() + j] = t;
+      }
+  }
+
+  // Rows of effects, by the parameters; nr x np numbers for each subject.
+  void keep(float* to) const
+  {
+    const auto subjects = slots_.through(b_.subject.data());
+    for (int j = 0; j < np_; ++j) {
+      T s[capacity] = {}, c[capacity];
+      move_prior(j, s);
+      for (int i = 0; i < nr(); ++i)
+        c[i] = columns_.from_row(b_.curvature_sums.data() + n_.programs.cross_place(i, j) * b_.mode_stride);
+      for (int i = 0; i < nr(); ++i) {
+        T t = {};
+        for (int k = 0; k < nr(); ++k) t += w_[i * nr() + k] * s[k] + v_[i * nr() + k] * c[k];
+        subjects.scatter(t, to + i * np_ + j, static_cast<long>(nr()) * np_);
+      }
+    }
+  }
+
+private:
+  int nr() const { return NR > 0 ? NR : nr_; }
+  int nrs() const { return nr() * (nr() + 1) / 2; }
+
+  T of_prior(const double* from, long stride) const
+  {
+    return reff_.setup_varies ? slots_.gather(from, stride) : T{} + *from;
+  }
+
+  void form_variance()
+  {
+    T l[triangle], inverse[triangle], lh[capacity * capacity];
+    for (int k = 0; k < nrs(); ++k) {
+      l[k] = of_prior(b_.factor.data() + k, nrs());
+      inverse[k] = slots_.gather(b_.covariance.data() + k, nrs());
+    }
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        T t = {};
+        for (int k = 0; k <= i; ++k) t += l[packed(i, k)] * inverse[packed(k, j)];
+        lh[i * nr() + j] = t;
+      }
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        T t = {};
+        for (int k = 0; k <= j; ++k) t += lh[i * nr() + k] * l[packed(j, k)];
+        v_[i * nr() + j] = t;
+      }
+  }
+
+  // s of parameter j.
+  void move_prior(int j, T* s) const
+  {
+    const auto first = static_cast<std::size_t>(j);
+    for (int m = reff_.moved_first[first]; m < reff_.moved_first[first + 1]; ++m) {
+      const auto& [a, place] = reff_.moved[static_cast<std::size_t>(m)];
+      const T by = of_prior(b_.arguments.data() + place, reff_.setup.places);
+      if (a < nr()) {
+        s[a] += by;
+        continue;
+      }
+      int row = 0; // of the element of G
+      while (packed(row, row) < a - nr()) ++row;
+      const int column = a - nr() - packed(row, 0);
+      s[row] += by * slope_[column];
+      if (row != column) s[column] += by * slope_[row];
+    }
+  }
+
+  const NX& n_;
+  const BatchWork& b_;
+  const REFFECT& reff_;
+  const int nr_, np_;
+  const SlotGroup<T> slots_, columns_;
+  T slope_[capacity], v_[capacity * capacity], w_[capacity * capacity];
+};
+
+template <int NR, class T> void keep_derivatives(const NX& n, const BatchWork& b, std::span<const int> slots, float* to)
+{
+  const int count = static_cast<int>(slots.size());
+  for (int first = 0; first < count; first += SlotGroup<T>::width)
+    ModeDerivatives<NR, T>(n, b, SlotGroup<T>::of_list(slots.data() + first, count - first)).keep(to);
+}
+
+template <int NR>
+TORVALE_AVX2_BUILD void keep_derivatives_avx2(const NX& n, const BatchWork& b, std::span<const int> slots, float* to)
+{
+  keep_derivatives<NR, Four>(n, b, slots, to);
+}
+
+template <int NR> void keep_derivatives_of_four(const NX& n, const BatchWork& b, std::span<const int> slots, float* to)
+{
+  static const auto build = evaluation::build_for_machine(keep_derivatives<NR, Four>, keep_derivatives_avx2<NR>);
+  build(n, b, slots, to);
+}
+
+} // namespace
+
+void keep_mode_derivatives(NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots)
+{
+  const BatchWork& b = ctx.batch;
+  float* const to = n.ebtrial_by.data();
+  switch (n.leaf().nr) {
+  case 1:
+    return keep_derivatives_of_four<1>(n, b, slots, to);
+  case 2:
+    return keep_derivatives_of_four<2>(n, b, slots, to);
+  case 3:
+    return keep_derivatives_of_four<3>(n, b, slots, to);
+  default:
+    return keep_derivatives<0, double>(n, b, slots, to);
+  }
+}
+
+} // namespace torvale::integration

@@ -1,0 +1,67 @@
+#pragma once
+// What the next Newton step of a search would be, for the subjects that stand side by side in T, a double or Four. The
+// decisions are the search's, subject by subject.
+
+#include "evaluation/slot_group.h"
+#include "modes/hessian_at_mode.h"
+#include "modes/joint_density.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace torvale::modes {
+
+template <int NR, class T> struct NewtonSteps {
+  static constexpr int capacity = JointDensity<NR>::capacity;
+  static constexpr int width = evaluation::SlotGroup<T>::width;
+  JointDensity<NR, T> at; // after invert: step and inverse Hessian by z in place of gradient and Hessian
+  T factor[static_cast<std::size_t>(capacity * (capacity + 1) / 2)];
+  T pivots[static_cast<std::size_t>(capacity)];
+  T length = {};          // largest component of the step in u
+  T square = {};          // largest square of one in z, in posterior variances
+  double inverted[width]; // not 0: the Hessian is; of a vector only where it needed no repair
+
+  explicit NewtonSteps(int nr) : at(nr) {}
+  int nr() const { return at.nr(); }
+
+  void invert(const model::RunOptions& options, model::BlockWork& block)
+  {
+    if constexpr (width == 1) {
+      inverted[0] = InvertHessian<NR>(options, nr(), at.hessian, at.gradient, pivots, block) == 0 ? 1.0 : 0.0;
+    } else {
+      const T one = T{} + 1.0, none = {};
+      const auto fits = invert_definite<NR>(options, at.hessian, at.gradient, pivots);
+      evaluation::SlotGroup<T>::store(fits ? one : none, inverted);
+    }
+    measure();
+  }
+
+  // A number of one of the subjects.
+  static double of(const T& t, int i) { return reinterpret_cast<const double*>(&t)[i]; }
+  // Its numbers in an array, `width` doubles apart.
+  static const double* column(const T* t, int i) { return reinterpret_cast<const double*>(t) + i; }
+
+private:
+  static T absolute(T t) { return t < 0.0 ? -t : t; }
+
+  void measure()
+  {
+    length = square = T{};
+    const T* l = factor;
+    for (int i = 0; i < nr(); ++i) {
+      T move = {};
+      for (int k = 0; k <= i; ++k) move += l[k] * at.gradient[k];
+      l += i + 1;
+      move = absolute(move);
+      length = move <= length ? length : move; // so that what is not a number shows
+      T ratio = at.gradient[i] * at.gradient[i];
+      if constexpr (NR == 1)
+        ratio *= absolute(pivots[0]);
+      else
+        ratio /= absolute(at.hessian[i * (i + 3) / 2]);
+      square = ratio <= square ? square : ratio;
+    }
+  }
+};
+
+} // namespace torvale::modes
