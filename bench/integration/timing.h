@@ -6,7 +6,7 @@
 
 namespace torvale::bench {
 
-double seconds_of(auto&& work)
+double seconds_of(auto&& work, int repeats = 100)
 {
   const auto now = [] {
     timespec t{};
@@ -14,7 +14,7 @@ double seconds_of(auto&& work)
     return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
   };
   double best = 1e9;
-  for (int repeat = 0; repeat < 100; ++repeat) {
+  for (int repeat = 0; repeat < repeats; ++repeat) {
     const double start = now();
     work();
     best = std::min(best, now() - start);

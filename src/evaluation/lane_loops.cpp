@@ -1,6 +1,7 @@
 #include "evaluation/lane_loops.h"
 
 #include <bit>
+#include <limits>
 
 namespace torvale::evaluation {
 
@@ -61,6 +62,14 @@ namespace {
   for (int k = 0; k < chains; ++k) part[k] = sum[k];
 }
 
+[[gnu::always_inline]] inline bool finite_above_loop(double low, const double* x, int n)
+{
+  std::int64_t all = 1; // as wide as what is compared
+  for (int j = 0; j < n; ++j)
+    all &= std::int64_t{x[j] > low} & std::int64_t{x[j] <= std::numeric_limits<double>::max()};
+  return all != 0;
+}
+
 [[gnu::always_inline]] inline void shift_loop(std::int32_t* __restrict out, const std::int32_t* __restrict from,
                                               std::int32_t step, int n)
 {
@@ -98,6 +107,7 @@ struct Loops {
   void (*add_products)(double*, const double*, const double*, int);
   void (*add_present_products)(double*, const double*, const double*, int);
   void (*add_interleaved_products)(double*, const double*, const double*, int);
+  bool (*finite_above)(double, const double*, int);
   void (*shift)(std::int32_t*, const std::int32_t*, std::int32_t, int);
   void (*exponential)(double*, int);
 };
@@ -123,12 +133,14 @@ struct Loops {
     {                                                                                                                  \
       add_interleaved_products_loop(part, a, b, n);                                                                    \
     }                                                                                                                  \
+    target static bool finite_above(double low, const double* x, int n) { return finite_above_loop(low, x, n); }       \
     target static void shift(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)                    \
     {                                                                                                                  \
       shift_loop(out, from, step, n);                                                                                  \
     }                                                                                                                  \
     target static void exponential(double* x, int n) { exponential_loop(x, n); }                                       \
-    static constexpr Loops table{add, rows, multiples, products, present_products, interleaved, shift, exponential};   \
+    static constexpr Loops table{add,         rows,         multiples, products,   present_products,                   \
+                                 interleaved, finite_above, shift,     exponential};                                   \
   };
 
 TORVALE_LOOPS(Plain, )
@@ -183,6 +195,11 @@ void add_present_products(double* sum, const double* a, const double* b, int n)
 void add_interleaved_products(double* part, const double* a, const double* b, int n)
 {
   loops.add_interleaved_products(part, a, b, n);
+}
+
+bool all_finite_above(double low, const double* x, int n)
+{
+  return loops.finite_above(low, x, n);
 }
 
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n)

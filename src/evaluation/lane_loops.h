@@ -21,6 +21,9 @@ void add_present_products(double* sum, const double* a, const double* b, int n);
 // part[j % 8] += a[j] b[j], in ascending order of j.
 void add_interleaved_products(double* part, const double* a, const double* b, int n);
 
+// Every x[j] is above `low`, and none is infinite or not a number.
+bool all_finite_above(double low, const double* x, int n);
+
 // out[j] = from[j] + step.
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n);
 

@@ -189,6 +189,9 @@ struct MINSTR {
   // whose objective and gradient have just been evaluated, and leaves everything else alone. Nonzero: there is none,
   // and the Hessian is formed.
   int (*usmet)(MINSTR*) = nullptr;
+  // nonzero: DUQUAN asks for it after every iteration too, and takes it in place of the matrix that has been learnt
+  // where it tells the last change of the gradient clearly better.
+  int metric_follows = 0;
 
   // ---- Constraints. Sizes by the caller, tolerances are options. -----------------------------------------------
   int bounds = 0;  // nonzero: there are bounds on parameters

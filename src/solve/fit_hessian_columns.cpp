@@ -50,6 +50,7 @@ bool HessianColumns::start()
   gradient_ = n_.objgrad;
   if (integration::outer_products(n_, information_) != 0) information_.clear();
   integration::accept_modes(n_);
+  kept_.emplace(n_);
   integration::stand_by_prediction(n_, true);
   return true;
 }

@@ -1,16 +1,18 @@
 #pragma once
 // Columns of the Hessian of the objective: central differences of its gradient.
 
+#include "integration/kept_evaluation.h"
 #include "model/run_record.h"
 
+#include <optional>
 #include <vector>
 
 namespace torvale::solve {
 
 // HessianColumns: evaluations around the optimizer's point str.x, which must be the point that the fit stands at. They
 // start from the modes there and the derivatives of these, and take them as they find them
-// (integration::stand_by_prediction): one pass each. Leaves the record without an evaluation; objective and gradient of
-// str stay.
+// (integration::stand_by_prediction): one pass each. Leaves the record with the evaluation at the point; objective and
+// gradient of str stay.
 class HessianColumns {
 public:
   HessianColumns(model::NX& n, optimizer::MINSTR& str);
@@ -44,6 +46,7 @@ private:
   const std::vector<double> point_;
   std::vector<double> gradient_; // at the point
   std::vector<double> information_;
+  std::optional<integration::KeptEvaluation> kept_; // the one at the point
 };
 
 } // namespace torvale::solve

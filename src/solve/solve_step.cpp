@@ -14,6 +14,7 @@
 #include "solve/fit_hessian.h"
 #include "solve/judgement/fit_verdict.h"
 #include "solve/start/point_selection.h"
+#include "solve/start/start_metric.h"
 #include "solve/start/starting_grid.h"
 
 #include <algorithm>
@@ -41,6 +42,7 @@ void start_problem(NX& n)
   n.covstr->ushes = n.fdh == 0 && str.fidi == 0 && str.cfdh == 0 ? fit_hessian : nullptr;
   std::copy(n.parm.begin(), n.parm.end(), str.x);
   str.continues = 0;
+  str.metric_follows = metric_follows(n) ? 1 : 0;
   str.tbig = 0;
   str.stop = 0;
   std::fill(std::begin(str.toln) + 11, std::end(str.toln), 0L);
@@ -208,11 +210,11 @@ std::unique_ptr<FitEnd> refit_with_points(NX& n)
 }
 
 // How well the integrals are known at the estimates, and whether the minimum is one of theirs or of the rule's.
-void question_points(NX& n, FitEnd& end)
+void question_points(NX& n, FitEnd& end, const FinerSum& finer)
 {
   const host::StageScope stage(n.host->stages(), host::Stage::covariance);
   n.parm.assign(n.str->x, n.str->x + n.nparm);
-  check_points(n);
+  check_points(n, finer);
   n.znlprc = end.question_integrals(n.znlprc);
 }
 
@@ -248,9 +250,12 @@ int tvlsolv(NX& n)
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(message::optimization_begins);
   if (n.znlprc == 0) n.znlprc = end->run();
-  for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n); ++refit)
+  FinerSum finer;
+  for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n, finer); ++refit) {
     end = refit_with_points(n);
-  if (n.znlprc > 0 && !n.noopt) question_points(n, *end);
+    finer = {}; // of other estimates
+  }
+  if (n.znlprc > 0 && !n.noopt) question_points(n, *end, finer);
   if (n.nqp != points) write_dimensions(n);
   if (n.znlprc > 0 && !n.noopt && str.nvar > 0 && str.nitr < static_cast<double>(str.mini))
     n.host->log().xpmlog(

@@ -181,6 +181,67 @@ TEST(Algebra, ExponentialsInBothPartsOfAQuotientCancel)
   EXPECT_TRUE(std::isnan(values[1][0])); // by 0
 }
 
+// Where guards tell that p = 1/(1 + t) is between 0 and 1, log(1 - p) is log(t) - log(1 + t): t is then above 0, and
+// one that is an exponential needs no logarithm. Without such guards, or under others, t may be below -1.
+TEST(Algebra, LogOfAComplementInsideGuards)
+{
+  const double outside = -9;
+  struct {
+    const char* program;
+    bool simpler;            // one logarithm fewer
+    bool (*taken)(double p); // else the value is `outside`
+  } const guards[] = {
+      {"if p <= 0 or p >= 1 then z = -9; else z = log(1 - p) + log(p);", true, [](double p) { return p > 0 && p < 1; }},
+      {"if p > 1e-9 then do; if not (0.75 <= p) then z = log(1 - p) + log(p); else z = -9; end; else z = -9;", true,
+       [](double p) { return p > 1e-9 && p < 0.75; }},
+      {"if missing(p) then z = -9; else do; q = -9; if (x > 1e9) or p <= 1e-16 or (0.99 <= p) then z = q;"
+       "else do; s = p; z = log(1 - s) + log(s); end; end;",
+       true, [](double p) { return p > 1e-16 && p < 0.99; }},
+      {"z = if 0 < p and p < 1 then log(1 - p) + log(p) else -9;", true, [](double p) { return p > 0 && p < 1; }},
+      {"z = log(1 - p); if p <= 0 or p >= 1 then y = log(1 - p);", false, nullptr},
+      {"if p < 1 then z = log(1 - p); else z = -9;", false, [](double p) { return p < 1; }},
+      {"if p > 0 then z = log(1 - p); else z = -9;", false, [](double p) { return p > 0; }},
+      {"if p < 2 and p > 0 then z = log(1 - p); else z = -9;", false, [](double p) { return p > 0 && p < 2; }},
+      {"if p <= 0 or p >= 1 then z = log(1 - p); else z = -9;", false, [](double p) { return p <= 0 || p >= 1; }},
+      {"if p > 0 or p < 1 then z = log(1 - p); else z = -9;", false, nullptr},
+      {"if p <= 0 or p >= 1 then y = 1; else y = 2; z = log(1 - p);", false, nullptr},
+  };
+  for (const auto& g : guards) {
+    const auto text = parse_program("p = 1/(1 + w*exp(x)); " + std::string(g.program));
+    Model m;
+    m.compile(text->step.proc.program.statements, {"x", "w"});
+    for (const double w : {1.5, 1e-3, -0.2, -2.0, -9.0})
+      for (const double x : {-3.0, 0.3, 2.0, 7.0}) {
+        m.theta = {x, w};
+        const double z = m.run({m.symbol("z")})[0][0];
+        const long double t = static_cast<long double>(w) * std::exp(static_cast<long double>(x)), p = 1 / (1 + t);
+        const bool taken = g.taken == nullptr || g.taken(static_cast<double>(p));
+        const long double truth = !taken ? outside : std::log(1 - p) + (g.simpler ? std::log(p) : 0.0L);
+        // As written 1 - p loses the digits that both have in common.
+        const double lost = g.simpler ? 0.0 : 2e-16 / static_cast<double>(std::fabs(1 - p));
+        if (std::isnan(truth))
+          EXPECT_TRUE(std::isnan(z)) << g.program << " x " << x << ", w " << w;
+        else
+          EXPECT_NEAR(z, static_cast<double>(truth),
+                      lost + 4e-15 * std::max(1.0, std::fabs(static_cast<double>(truth))))
+              << g.program << " x " << x << ", w " << w;
+      }
+    CMPDER first;
+    CMPLIST of, by;
+    of.s = {m.symbol("z")};
+    by.s = {m.parameters[0], m.parameters[1]};
+    ASSERT_EQ(cmpder(first, of, by, *m.compiler), 0);
+    const std::vector<CMPSYM*> outputs{m.symbol("z"), first.der.s[0], first.der.s[1]};
+    m.theta = {0.3, 0.7};
+    const auto v = m.run(outputs);
+    const double t = 0.7 * std::exp(0.3), p = 1 / (1 + t);
+    if (v[0][0] == outside) continue;
+    const double by_x = p - (g.simpler ? t * p : 0.0);
+    EXPECT_NEAR(v[1][0], by_x, 1e-14) << g.program;
+    EXPECT_NEAR(v[2][0], by_x / 0.7, 1e-14) << g.program;
+  }
+}
+
 // The Bernoulli likelihood with the probability written out: no logarithm but the one of 1 + exp(-|eta|), which the
 // derivatives share.
 TEST(Algebra, BernoulliLikelihoodTakesOneExponentialAndOneLogarithm)

@@ -1,5 +1,6 @@
 // The mode search through the objective: closed forms, units, starts, failures.
 
+#include "integration/kept_evaluation.h"
 #include "integration/model_family.h"
 #include "integration/objective.h"
 
@@ -141,6 +142,40 @@ TEST(Modes, OnlyAcceptedPointsAreCommitted)
   EXPECT_EQ(n->ebes, trial);
   integration::forget_modes(*n);
   EXPECT_EQ(n->ebes_known[0], 0);
+}
+
+// An evaluation that is kept is there again after others, with all that hangs on it, and is not made anew.
+TEST(Modes, AKeptEvaluationComesBack)
+{
+  for (const int effects : {1, 2}) {
+    const auto text = regression(Response::binary, effects, 20);
+    const auto theta = parameters(text, 1);
+    auto beside = theta;
+    beside[0] += 0.3;
+    const auto n = make_run(text, {true, true, 3});
+    const double f = objective(*n, theta, true);
+    const auto gradient = n->objgrad, modes = n->ebtrial;
+    std::vector<double> products, later;
+    ASSERT_EQ(integration::outer_products(*n, products), 0);
+    {
+      const integration::KeptEvaluation kept(*n);
+      EXPECT_NE(objective(*n, beside, true), f);
+      objective(*n, beside);
+    }
+    EXPECT_EQ(n->parm, theta);
+    EXPECT_EQ(n->objfun, f);
+    const long lanes = n->ncmprun;
+    n->dograd = true;
+    integration::tvllike(*n);
+    EXPECT_EQ(n->objfun, f);
+    EXPECT_EQ(n->ncmprun, lanes) << "found, not made";
+    EXPECT_EQ(n->objgrad, gradient);
+    EXPECT_EQ(n->ebtrial, modes);
+    ASSERT_EQ(integration::outer_products(*n, later), 0);
+    EXPECT_EQ(later, products);
+    integration::accept_modes(*n);
+    EXPECT_EQ(n->ebes, modes);
+  }
 }
 
 // An evaluation with a gradient knows how the modes move with the parameters: they are those of nearby points, and a

@@ -135,6 +135,53 @@ TEST(Metric, QuasiNewtonStartsFromTheMetricOfTheCaller)
   }
 }
 
+// A metric that follows the run is taken where it tells changes of the gradient better than what has been learnt: the
+// true Hessian saves iterations, one that is wrong throughout is left alone after the start.
+TEST(Metric, FollowsTheRunWhereItTellsMore)
+{
+  static const std::vector<Vector> ways = {{1.0, 0.2, 0.0}, {0.0, 1.5, -0.3}, {0.4, 0.0, 0.7}, {-0.5, 0.6, 1.0}};
+  static bool right = true;
+  const auto along = [](const Vector& x, const Vector& way) { return x[0] * way[0] + x[1] * way[1] + x[2] * way[2]; };
+  const auto value = [&](const Vector& x) {
+    double sum = 0.0;
+    for (const Vector& way : ways) sum += std::exp(along(x, way)) - 1.5 * along(x, way);
+    return sum;
+  };
+  const auto gradient = [&](const Vector& x) {
+    Vector g(3, 0.0);
+    for (const Vector& way : ways)
+      for (std::size_t i = 0; i < 3; ++i) g[i] += way[i] * (std::exp(along(x, way)) - 1.5);
+    return g;
+  };
+  const auto iterations = [&](bool follows, bool bounded) {
+    SmallProblem p(DUQUAN, {3.0, -2.0, 2.0}, value, gradient);
+    if (bounded) p.bounds({-50.0, -50.0, -50.0}, {50.0, 50.0, 50.0});
+    p.str.load = 1;
+    p.str.metric_follows = follows ? 1 : 0;
+    p.str.usmet = [](MINSTR* s) {
+      double* h = s->hess;
+      for (int i = 0; i < 3; ++i)
+        for (int j = 0; j <= i; ++j, ++h) {
+          *h = !right && i == j ? 1e4 : 0.0;
+          for (const Vector& way : ways) {
+            const double eta = s->x[0] * way[0] + s->x[1] * way[1] + s->x[2] * way[2];
+            if (right) *h += way[static_cast<std::size_t>(i)] * way[static_cast<std::size_t>(j)] * std::exp(eta);
+          }
+        }
+      return 0;
+    };
+    EXPECT_GT(p.run(), 0);
+    EXPECT_LT(*std::max_element(p.str.grad, p.str.grad + 3), 1e-3);
+    return p.str.nitr;
+  };
+  for (const bool bounded : {false, true}) {
+    right = true;
+    EXPECT_LT(iterations(true, bounded), 0.8 * iterations(false, bounded)) << bounded;
+    right = false;
+    EXPECT_EQ(iterations(true, bounded), iterations(false, bounded)) << bounded;
+  }
+}
+
 // One budget: a run that continues another counts on from it, on the same record or on a second one.
 TEST(Continuation, CountsGoOnAndLimitsHoldForTheSum)
 {

@@ -147,6 +147,8 @@ NodeId GraphBuilder::logarithm(Kernel k, NodeId a)
   const auto exponent = [&](NodeId x) { return is_kernel(node(x), Kernel::exp) ? operand(x, 0) : no_node; };
   const NodeId x = n.operand[0], y = n.operands > 1 ? n.operand[1] : no_node;
   switch (n.kernel) {
+  case Kernel::subtract:
+    return log_of_rest(a);
   case Kernel::multiply:
     if (const NodeId e = exponent(x); e != no_node) return add(e, call(k, y));
     if (const NodeId e = exponent(y); e != no_node) return add(e, call(k, x));
@@ -162,6 +164,70 @@ NodeId GraphBuilder::logarithm(Kernel k, NodeId a)
   default:
     return no_node;
   }
+}
+
+// With p = 1 / (1 + t) between 0 and 1, as the guards of a distribution have it, t is above 0, and log(1 - p) is
+// log(t) - log(1 + t). The latter is there when log(p) is wanted too, and the former is a sum where t is an
+// exponential: a negative binomial of mean exp(eta) takes one logarithm in place of two. No digits of 1 - p are lost
+// where p is near 1.
+NodeId GraphBuilder::log_of_rest(NodeId a)
+{
+  if (!is_constant(operand(a, 0), 1.0)) return no_node;
+  const NodeId p = operand(a, 1);
+  if (!is_kernel(node(p), Kernel::reciprocal)) return no_node;
+  const NodeId sum = operand(p, 0);
+  if (!is_kernel(node(sum), Kernel::add)) return no_node;
+  for (int k = 0; k < 2; ++k)
+    if (is_constant(operand(sum, k), 1.0) && assumed_inside_unit(p)) {
+      const NodeId t = operand(sum, 1 - k);
+      return subtract(call(Kernel::log, t), call(Kernel::log, sum));
+    }
+  return no_node;
+}
+
+// By comparisons with constants that hold wherever the assumed mask is 1: parts of it, or parts of what it denies.
+bool GraphBuilder::assumed_inside_unit(NodeId a) const
+{
+  if (assumed_ == no_node) return false;
+  constexpr std::size_t most_parts = 64;
+  struct Fact {
+    NodeId id;
+    bool holds;
+  };
+  std::vector<Fact> facts{{assumed_, true}};
+  bool above = false, below = false;
+  for (std::size_t k = 0; k < facts.size() && facts.size() < most_parts && !(above && below); ++k) {
+    const auto [id, holds] = facts[k];
+    const Node& n = node(id);
+    if (n.kind != NodeKind::kernel) continue;
+    const NodeId x = n.operand[0], y = n.operand[1];
+    switch (n.kernel) {
+    case Kernel::not_:
+      facts.push_back({x, !holds});
+      break;
+    case Kernel::and_:
+    case Kernel::or_:
+      if (holds == (n.kernel == Kernel::and_)) {
+        facts.push_back({x, holds});
+        facts.push_back({y, holds});
+      }
+      break;
+    case Kernel::less:
+    case Kernel::less_equal:
+    case Kernel::less_known:
+    case Kernel::less_equal_known: {
+      // low < high, or low <= high; missing values are below all numbers
+      const NodeId low = holds ? x : y, high = holds ? y : x;
+      const bool strict = (n.kernel == Kernel::less || n.kernel == Kernel::less_known) == holds;
+      if (high == a && is_constant(low)) above = above || (strict ? value(low) >= 0.0 : value(low) > 0.0);
+      if (low == a && is_constant(high)) below = below || (strict ? value(high) <= 1.0 : value(high) < 1.0);
+      break;
+    }
+    default:
+      break;
+    }
+  }
+  return above && below;
 }
 
 NodeId GraphBuilder::log_one_plus(NodeId a)

@@ -159,6 +159,9 @@ public:
   NodeId is_missing(NodeId a);
   NodeId ordinary(NodeId a); // a, the ordinary missing value in place of a special one
 
+  // Nodes made from now on are looked at only where the mask is 1: the branches of the program that are being taken.
+  void assume(NodeId mask) { assumed_ = mask; }
+
   // --- where nodes come from ---
   // Nodes made from now on belong to this statement (messages of faults).
   void set_origin(const Origin& origin);
@@ -208,9 +211,11 @@ private:
   NodeId logarithm(Kernel k, NodeId a); // of log and log_or_minus_infinity; no_node: no simpler form
   NodeId known_logarithm(NodeId a);     // of a product of exponentials and their kin; no_node: it takes a logarithm
   NodeId log_one_plus(NodeId a);        // log(1 + a), likewise
+  NodeId log_of_rest(NodeId a);         // log(1 - 1 / (1 + t)), where the rest is known to be below 1
   NodeId logistic_quotient(NodeId a, NodeId b);  // a / b as a logistic function
   NodeId cancelled_quotient(NodeId a, NodeId b); // a / b without an exponential that both have
   bool lost_by_overflow_alone(NodeId a, int depth) const;
+  bool assumed_inside_unit(NodeId a) const; // above 0 and below 1
   NodeId one_plus_exp(NodeId a);          // x where a is 1 + exp(x)
   NodeId complement(NodeId a);            // 1 - a where that has a form of its own
   NodeId gamma_ratio(NodeId a, NodeId b); // lgamma(x + y) - lgamma(x)
@@ -233,6 +238,7 @@ private:
   std::vector<Origin> origins_;
   std::unordered_map<NodeId, std::vector<std::int32_t>> also_; // nodes that further statements asked for
   std::int32_t origin_ = 0;
+  NodeId assumed_ = no_node;
   std::int64_t requests_ = 0;
   bool derivative_mode_ = false;
 };

@@ -11,7 +11,7 @@ namespace torvale::engine {
 
 Translator::Translator(CMPGLOBAL& gcmp) : gcmp_(gcmp), graph_(gcmp.graph), text_(gcmp.text)
 {
-  path_ = graph_.one();
+  follow(graph_.one());
   active_ = new_slot("active", {graph_.one(), no_text}, true);
   deleted_ = new_slot("deleted", {graph_.zero(), no_text}, true);
   slot_of_symbol_.assign(gcmp.symbols.size(), -1);
@@ -183,7 +183,7 @@ void Translator::branch(NodeId mask, const std::function<void()>& yes, const std
   }
   const std::size_t mark = journal_.size();
   const NodeId path_before = path_;
-  path_ = graph_.and_(path_before, mask);
+  follow(graph_.and_(path_before, mask));
   yes();
   std::map<Slot, Value> changed;
   while (journal_.size() > mark) {
@@ -192,9 +192,9 @@ void Translator::branch(NodeId mask, const std::function<void()>& yes, const std
     changed.emplace(slot, env(slot)); // the first met going back is the last value
     env(slot) = before;
   }
-  path_ = graph_.and_(path_before, graph_.not_(mask));
+  follow(graph_.and_(path_before, graph_.not_(mask)));
   no();
-  path_ = path_before;
+  follow(path_before);
   // What the second side alone changed had, in the first, the value from before.
   for (std::size_t k = mark; k < journal_.size(); ++k) changed.emplace(journal_[k].first, journal_[k].second);
   for (const auto& [slot, last] : changed) set(slot, choose(mask, last, env(slot)));

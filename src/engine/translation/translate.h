@@ -88,6 +88,11 @@ private:
   void assign(Slot s, Value v, syntax::Position where); // what an assignment does: conversion, mask
   NodeId active() { return env(active_).number; }
   bool is_active() { return !graph_.is_constant(active(), 0.0); }
+  void follow(NodeId path)
+  {
+    path_ = path;
+    graph_.assume(path);
+  }
   void branch(NodeId mask, const std::function<void()>& yes, const std::function<void()>& no);
   Value choose(NodeId mask, Value yes, Value no);
   void store_results();

@@ -38,14 +38,34 @@ struct InterleavedSum {
   }
 };
 
-// The lanes of one tile: their rows, and what each counts for.
+// The lanes of one tile: their rows, ascending, and what each counts for.
 struct Lanes {
   const std::int32_t* rows = nullptr;
   int count = 0;
   double weight[engine::max_lanes];
+  bool follow_each_other() const { return rows[count - 1] - rows[0] == count - 1; }
+  engine::Tile tile(const std::int32_t* state) const
+  {
+    engine::Tile t;
+    t.lanes = count;
+    t.first = rows[0];
+    t.observation = follow_each_other() ? nullptr : rows;
+    t.state = state;
+    return t;
+  }
   void weigh(const NX& n)
   {
     const auto& store = *n.store;
+    if (store.replicate.empty() && follow_each_other()) {
+      static_assert(static_cast<int>(BadCause::none) == 0);
+      unsigned causes = 0; // of all of them, without a branch for each
+      for (int j = 0; j < count; ++j)
+        causes |= static_cast<unsigned>(store.badobs[static_cast<std::size_t>(rows[0] + j)]);
+      if (causes == 0) {
+        std::fill_n(weight, count, 1.0);
+        return;
+      }
+    }
     for (int j = 0; j < count; ++j) {
       const auto row = static_cast<std::size_t>(rows[j]);
       weight[j] = store.badobs[row] != BadCause::none ? 0.0 : store.replicate.empty() ? 1.0 : store.replicate[row];
@@ -86,10 +106,11 @@ int sum_observations(NX& n, TVLThreadCtx& ctx, long block)
     lanes.count = static_cast<int>(std::min<long>(step, last - at));
     lanes.weigh(n);
     const std::int32_t* const zeros = ctx.tile.point.data();
-    const int rc = evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr});
+    const int rc = evaluation::tvlexec(ctx, program, lanes.tile(keeps ? zeros : nullptr));
     if (rc > 2) return rc;
     const double* const ll = ctx.frame->output(0);
-    for (int j = 0; j < lanes.count; ++j) {
+    const bool usable = evaluation::all_finite_above(model::impossible_loglik, ll, lanes.count);
+    for (int j = 0; !usable && j < lanes.count; ++j) {
       const auto row = static_cast<std::size_t>(lanes.rows[j]);
       if ((ll[j] > model::impossible_loglik && std::isfinite(ll[j])) || n.store->badobs[row] != BadCause::none)
         continue;
@@ -120,19 +141,21 @@ int add_record_products(const NX& n, TVLThreadCtx& ctx, double* sum)
   ctx.frame->set_range(0, static_cast<std::int64_t>(n.store->badobs.size()));
   ctx.frame->set_points(&no_effects, 1, 1);
   if (keeps) ctx.frame->reset_state(program, 1);
-  std::vector<double> gradient(static_cast<std::size_t>(n.nparm));
+  const std::size_t outputs = n.programs.gradient.outputs.size();
+  std::vector<double> gradient(static_cast<std::size_t>(n.nparm), 0.0); // what no output is stays 0
+  std::vector<const double*> by(outputs);
   Lanes lanes;
   for (long at = 0; at < last; at += lanes.count) {
     lanes.rows = n.record_rows.data() + at;
     lanes.count = static_cast<int>(std::min<long>(keeps ? 1 : engine::max_lanes, last - at));
     lanes.weigh(n);
     const std::int32_t* const zeros = ctx.tile.point.data();
-    if (evaluation::tvlexec(ctx, program, {lanes.count, lanes.rows, zeros, keeps ? zeros : nullptr}) > 2) return 1;
+    if (evaluation::tvlexec(ctx, program, lanes.tile(keeps ? zeros : nullptr)) > 2) return 1;
+    for (std::size_t k = 1; k < outputs; ++k) by[k] = ctx.frame->output(static_cast<int>(k));
     for (int j = 0; j < lanes.count; ++j) {
       if (lanes.weight[j] == 0.0) continue;
-      std::fill(gradient.begin(), gradient.end(), 0.0);
-      for (std::size_t k = 1; k < n.programs.gradient.outputs.size(); ++k) {
-        const double g = ctx.frame->output(static_cast<int>(k))[j];
+      for (std::size_t k = 1; k < outputs; ++k) {
+        const double g = by[k][j];
         if (!std::isfinite(g)) return 1;
         gradient[static_cast<std::size_t>(n.programs.gradient.outputs[k] - n.programs.by_parameter(0))] = g;
       }

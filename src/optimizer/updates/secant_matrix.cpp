@@ -108,6 +108,36 @@ double SecantMatrix::diagonal(long i) const
   return sum;
 }
 
+// How far B is from telling y = B s, squared, for the step from xold to x.
+double SecantMatrix::misses(const double* b, bool factored)
+{
+  for (long i = 0; i < n; ++i) s[i] = str->x[i] - str->xold[i];
+  if (factored)
+    multiply_ldl(n, b, s, w1, w2);
+  else
+    multiply_symmetric(n, b, s, w1);
+  double sum = 0.0;
+  for (long i = 0; i < n; ++i) {
+    const double miss = w1[i] - (str->grad[i] - str->gold[i]);
+    sum += miss * miss;
+  }
+  return sum;
+}
+
+void SecantMatrix::follow_metric()
+{
+  constexpr double clearly = 0.5;
+  if (!dual || str->metric_follows == 0 || str->load == 0) return;
+  kept.assign(str->hess, str->hess + packed_size(n));
+  if (whole) kept_part.assign(str->hpro, str->hpro + packed_size(n));
+  const double missed = misses(kept.data(), !whole);
+  if (!metric_of_caller()) return;
+  const bool better = misses(str->hess, false) < clearly * missed && (whole ? project() : factor(n));
+  if (better) return;
+  std::copy(kept.begin(), kept.end(), str->hess);
+  if (whole) std::copy(kept_part.begin(), kept_part.end(), str->hpro);
+}
+
 int SecantMatrix::update()
 {
   for (long i = 0; i < n; ++i) {

@@ -2,6 +2,8 @@
 
 #include "optimizer/minstr.h"
 
+#include <vector>
+
 namespace torvale::optimizer {
 
 // The quasi-Newton matrix. Without constraints it is the factor L D L' of B (DUQUAN, DBLDOG) or the inverse H (QUANEW)
@@ -31,6 +33,10 @@ public:
   // Diagonal element i of B for the scaling of a trust region. Only without constraints, or from the whole of B.
   double diagonal(long i) const;
 
+  // The caller's metric at x in place of the matrix, where that is to follow the run (`metric_follows`) and tells the
+  // change of the gradient from xold to x clearly better. Before `update`. Only for the factored forms.
+  void follow_metric();
+
   // Takes in the step from xold to x, which become s and y. Returns as an UpdateRoutine does.
   int update();
 
@@ -46,6 +52,7 @@ private:
   int update_free(bool scale, double* step, double* change);
   void damp(double* step, double* change);
   void multiply(const double* v, double* r);
+  double misses(const double* b, bool factored);
 
   MINSTR* str;
   long n;
@@ -54,7 +61,8 @@ private:
   bool fresh = true;
   int skipped = 0; // updates in succession that were refused
   double* matrix;
-  double *s, *y, *w1, *w2, *w3; // scratch in wrk2: n, n, n, 2n, 2n
+  double *s, *y, *w1, *w2, *w3;        // scratch in wrk2: n, n, n, 2n, 2n
+  std::vector<double> kept, kept_part; // of follow_metric: hess, and hpro with constraints
 };
 
 } // namespace torvale::optimizer

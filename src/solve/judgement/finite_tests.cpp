@@ -122,16 +122,19 @@ double least_rise(const Judgement& judged)
   return least;
 }
 
-bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises)
+bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises, std::optional<double> at_origin)
 {
   const std::vector<double> origin(static_cast<std::size_t>(refined.coordinates().size()), 0.0);
-  double at_origin = 0.0, f = 0.0;
-  if (!refined.value(origin.data(), at_origin)) return true;
+  double f = 0.0;
+  if (!at_origin) {
+    if (!refined.value(origin.data(), f)) return true;
+    at_origin = f;
+  }
   bool stand = true;
   for (auto& rise : rises) {
     if (!refined.value(rise.t.data(), f)) continue;
     const double before = rise.by;
-    rise.by = 2.0 * (f - at_origin);
+    rise.by = 2.0 * (f - *at_origin);
     stand = stand && rise.by - std::abs(rise.by - before) >= gain_allowed;
   }
   return stand;

@@ -112,11 +112,12 @@ int FitEnd::question_integrals(int code)
   const double at_estimates = n_.objfun;
   auto rises = judgement_.rises;
   FitSurface surface(n_, *coordinates_);
+  std::optional<double> at_origin = n_.str->crit + 0.5 * verdict.quadrature_change;
   // Where QMAX= came before the sums had settled they are refined twice.
   for (int points = finer, left = verdict.cut_short_by_qmax ? 2 : 1; left > 0 && !verdict.unsettled; --left) {
     if (!affordable_points(n_, in_use, points)) break;
     take_points(n_, points);
-    verdict.unsettled = !rises_stand(surface, rises);
+    verdict.unsettled = !rises_stand(surface, rises, std::exchange(at_origin, std::nullopt));
     points = finer_points(points);
   }
   take_points(n_, in_use);

@@ -3,6 +3,7 @@
 
 #include "solve/judgement/curvature.h"
 
+#include <optional>
 #include <vector>
 
 namespace torvale::solve {
@@ -55,8 +56,8 @@ double least_rise(const Judgement& judged);
 
 // rises_stand: whether the steps of `rises` rise on a surface that has a finer rule for its integrals, by more than the
 // two rules differ: what one refinement changes another may change again. True where the surface cannot be evaluated.
-// The rises become those of this surface.
-bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises);
+// The rises become those of this surface. at_origin: its value at t = 0, where that is known.
+bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises, std::optional<double> at_origin);
 
 // judge_given: the same with a Hessian that is there already.
 Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g);

@@ -88,8 +88,9 @@ bool affordable_points(const NX& n, int in_use, int points)
          std::pow(points, dimensions) <= most_points;
 }
 
-bool more_points(NX& n)
+bool more_points(NX& n, FinerSum& finer)
 {
+  finer = {};
   if (n.nreff() == 0 || (n.method != 0 && n.method != 3) || n.nqpspec || n.noopt || n.host->interrupted()) return false;
   const int in_use = n.nqp;
   n.verdict.cut_short_by_qmax = false;
@@ -97,13 +98,20 @@ bool more_points(NX& n)
   n.dograd = false;
   int count = in_use;
   double f = n.str->crit;
-  for (;;) {
+  bool settled = false;
+  const bool compared_later = n.method == 0 && n.nreff() == 1 && affordable_points(n, in_use, finer_points(in_use));
+  if (compared_later && next_count(n, in_use) > 0) {
+    finer.points = finer_points(in_use);
+    finer.objective = evaluate_with(n, finer.points);
+    settled = has_value(finer.objective) && relative_change(n, f, finer.objective) < n.qtol;
+  }
+  while (!settled) {
     const int next = next_count(n, count);
     if (next == 0) {
       n.verdict.cut_short_by_qmax = true;
       break;
     }
-    const double g = evaluate_with(n, next);
+    const double g = next == finer.points ? finer.objective : evaluate_with(n, next);
     if (!has_value(g) || relative_change(n, f, g) < n.qtol) break;
     count = next;
     f = g;
@@ -113,7 +121,7 @@ bool more_points(NX& n)
   return count > in_use;
 }
 
-void check_points(NX& n)
+void check_points(NX& n, const FinerSum& known)
 {
   auto& verdict = n.verdict;
   const auto leave_out = [&](const char* why) { verdict.quadrature_reason = why; };
@@ -129,7 +137,7 @@ void check_points(NX& n)
   const bool with_gradient = n.dograd;
   n.dograd = false;
   const double at_estimates = n.objfun;
-  const double f = evaluate_with(n, finer);
+  const double f = known.points == finer ? known.objective : evaluate_with(n, finer);
   if (has_value(f)) verdict.quadrature_change = 2.0 * (f - n.str->crit);
   if (std::abs(verdict.quadrature_change) > 0.1) {
     n.host->log().xpmlog(

@@ -11,15 +11,22 @@ namespace torvale::solve {
 // enough (message 503/270).
 int settle_points(model::NX& n);
 
-// more_points: the choice of the number of points made once more at the estimates, from the number in use on. True when
-// a larger one was chosen: the points then are in place, and the fit has to go on with them. Passing QMAX= is noted in
-// the verdict.
-bool more_points(model::NX& n);
+// A sum over more points at the estimates; none yet where points is 0.
+struct FinerSum {
+  int points = 0; // per dimension
+  double objective = 0.0;
+};
+
+// more_points: the choice of the number of points made once more at the estimates, from the number in use on. What
+// finer_points change tells whether they are enough; where it says no, or costs too much, the next count does. True
+// when a larger one was chosen: the points then are in place, and the fit has to go on with them. Passing QMAX= is
+// noted in the verdict. `finer` receives the sum over finer_points where it was made.
+bool more_points(model::NX& n, FinerSum& finer);
 
 // check_points: how much -2 log L at the estimates changes with finer_points(N) per dimension in place of N, into the
 // verdict; left out, with the reason, where that evaluation would cost more than 100 of the fit's. A change above 0.1
-// is a warning, and so is a number that QMAX= has cut short.
-void check_points(model::NX& n);
+// is a warning, and so is a number that QMAX= has cut short. `known`: of the estimates and the points in use.
+void check_points(model::NX& n, const FinerSum& known);
 int finer_points(int points);
 
 // affordable_points: whether an evaluation with so many points per dimension may be spent on questioning a fit that

@@ -10,7 +10,8 @@ using model::NX;
 
 namespace {
 
-constexpr double gradients_per_parameter = 5.0; // that a sum of outer products needs to stand for a Hessian
+// That a sum of outer products needs to stand for a Hessian: where there is nothing else, and in place of a learnt one.
+constexpr double gradients_per_parameter = 5.0, gradients_to_follow = 10.0;
 
 // Subjects, or observations without random effects.
 double independent_parts(const NX& n)
@@ -33,6 +34,11 @@ int start_metric(optimizer::MINSTR* str)
     return 1;
   std::copy(products.begin(), products.end(), str->hess);
   return 0;
+}
+
+bool metric_follows(const NX& n)
+{
+  return n.nreff() > 0 && independent_parts(n) >= gradients_to_follow * n.nparm;
 }
 
 } // namespace torvale::solve

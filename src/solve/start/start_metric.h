@@ -10,4 +10,8 @@ namespace torvale::solve {
 // is neither: fewer subjects than tell something of every parameter, or no gradients.
 int start_metric(optimizer::MINSTR* str);
 
+// metric_follows: whether that sum, at the points that a run comes to, is worth asking for: with random effects, where
+// it costs no evaluation, and with enough subjects to stand for a Hessian.
+bool metric_follows(const model::NX& n);
+
 } // namespace torvale::solve
