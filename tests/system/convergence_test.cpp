@@ -97,7 +97,7 @@ TEST(Convergence, ErrorsAlongTheEdge)
   for (int id = 0; id < 10; ++id)
     for (int x = -1; x < 3; ++x)
       csv += std::to_string(id) + "," + std::to_string(x) + "," +
-             std::to_string(1 + 0.5 * x + effect[id] * (1 + 0.8 * x) + 2 * noise[(4 * id + x + 1) % 13]) + "\n";
+             std::to_string(1 + 0.5 * x + effect[id] * (1 + 0.4 * x) + 3 * noise[(4 * id + x + 1) % 13]) + "\n";
   const auto block = fit_data(csv, "QPOINTS=1; PARMS b0=1 b1=0.5 v=1 c=0 w=1 s2=1; BOUNDS s2 > 0;"
                                    "MODEL y ~ NORMAL(b0 + u + (b1 + t)*x, s2);"
                                    "RANDOM u t ~ NORMAL([0,0],[v,c,w]) SUBJECT=id; RUN;");
