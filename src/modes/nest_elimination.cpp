@@ -31,15 +31,6 @@ void add(double* to, const double* from, int count)
   for (int k = 0; k < count; ++k) to[k] += from[k];
 }
 
-} // namespace
-
-const double* factor_of(const NestLevel& level, int node)
-{
-  return level.factor.data() + static_cast<long>(level.prior_of(node)) * level.triangle();
-}
-
-namespace {
-
 // A node with one effect: what `eliminate` does in general, in numbers. False where its pivot needs care.
 bool eliminate_single(NestWork& w, int level, int node)
 {

@@ -24,6 +24,9 @@ void leaf_front(const model::ModelLists& n, model::NestWork& w, int node);
 void solve(model::NestWork& w, int nest, std::vector<double> model::NestLevel::*vector);
 
 // chain_factor: L of the chain of a node, blocks along the diagonal, as pointers per level (index as in w.level).
-const double* factor_of(const model::NestLevel& level, int node);
+inline const double* factor_of(const model::NestLevel& level, int node)
+{
+  return level.factor.data() + static_cast<long>(level.prior_of(node)) * level.triangle();
+}
 
 } // namespace torvale::modes

@@ -50,7 +50,7 @@ public:
   static constexpr int triangle = capacity * (capacity + 1) / 2;
 
   // Their sums are those of this column and the next ones.
-  LinearModel(const NX& n, const BatchWork& b, const SlotGroup<T>& slots, int column)
+  LinearModel(const NX& n, BatchWork& b, const SlotGroup<T>& slots, int column)
       : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slots_(slots), column_(column)
   {
     for (int k = 0; k < nrs(); ++k) factor_[k] = of_prior(b.factor.data() + k, nrs());
@@ -74,12 +74,12 @@ public:
   }
 
   // np numbers for each slot, to[slot np], ...
-  void gradient(double* to) const
+  void gradient(double* to)
   {
     T bar[1 + capacity + triangle]; // adjoints of the sums
     adjoint_of_sums(bar);
     T mean[capacity], covariance[triangle]; // adjoints of m and G, that of an element off the diagonal for both places
-    T va[capacity];
+    T va[capacity] = {};
     for (int i = 0; i < nr(); ++i) {
       mean[i] = through_point(bar, i);
       for (int j = 0; j <= i; ++j)
@@ -87,13 +87,16 @@ public:
     }
     if (n_.lb) through_mode(mean, covariance, va);
     const REFFECT& reff = n_.leaf();
-    const double* const arguments = b_.arguments.data() + reff.argument_derivative(0, 0, np_);
+    double* const direct = b_.scratch.data();
+    through_sums(bar, direct);
     for (int j = 0; j < np_; ++j) {
-      T g = {};
-      for (int k = 0; k < n_.programs.linear_sums(); ++k) g -= bar[k] * sum(n_.programs.linear_by(k, j));
+      T g = SlotGroup<T>::load(direct + j * SlotGroup<T>::width);
       if (n_.lb) g -= through_cross(va, j);
-      for (int a = 0; a < reff.nd; ++a)
-        g -= (a < nr() ? mean[a] : covariance[a - nr()]) * of_prior(arguments + a * np_ + j, reff.setup.places);
+      const auto first = static_cast<std::size_t>(j);
+      for (int m = reff.moved_first[first]; m < reff.moved_first[first + 1]; ++m) {
+        const auto& [a, place] = reff.moved[static_cast<std::size_t>(m)];
+        g -= (a < nr() ? mean[a] : covariance[a - nr()]) * of_prior(b_.arguments.data() + place, reff.setup.places);
+      }
       slots_.scatter(g, to + j, np_);
     }
   }
@@ -222,6 +225,22 @@ private:
     }
   }
 
+  // What the sums give directly, parameter by parameter; derivatives that are identically zero are no outputs.
+  void through_sums(const T* bar, double* direct) const
+  {
+    constexpr int width = SlotGroup<T>::width;
+    std::fill_n(direct, np_ * width, 0.0);
+    const auto& outputs = n_.programs.linear_gradient.outputs;
+    auto place = outputs.begin();
+    for (int k = 0; k < n_.programs.linear_sums(); ++k)
+      for (int j = 0; j < np_; ++j) {
+        while (place != outputs.end() && *place < n_.programs.linear_by(k, j)) ++place;
+        if (place == outputs.end() || *place != n_.programs.linear_by(k, j)) continue;
+        const T g = SlotGroup<T>::load(direct + j * width) - bar[k] * sum(*place);
+        SlotGroup<T>::store(g, direct + j * width);
+      }
+  }
+
   // The adjoint of the point of expansion, through the sums (of -v).
   T through_point(const T* bar, int i) const
   {
@@ -275,7 +294,7 @@ private:
   }
 
   const NX& n_;
-  const BatchWork& b_;
+  BatchWork& b_;
   const int nr_, np_;
   const SlotGroup<T> slots_;
   const int column_;
@@ -286,7 +305,7 @@ private:
 };
 
 // Calls act with the linear model of a slot, unrolled for few effects.
-template <class Act> void with_model(const NX& n, const BatchWork& b, int slot, Act act)
+template <class Act> void with_model(const NX& n, BatchWork& b, int slot, Act act)
 {
   const SlotGroup<double> one{{slot}};
   const int column = b.column[static_cast<std::size_t>(slot)];
@@ -307,7 +326,7 @@ template <int NR, class T> void close_columns(const NX& n, BatchWork& b, int act
 {
   for (int first = 0; first < active; first += SlotGroup<T>::width) {
     const auto slots = SlotGroup<T>::of_list(b.active.data() + first, active - first);
-    const LinearModel<NR, T> model(n, b, slots, first);
+    LinearModel<NR, T> model(n, b, slots, first);
     slots.scatter(model.value(), b.total.data(), 1);
     if (gradient) model.gradient(b.direct.data());
   }
@@ -338,15 +357,27 @@ void close_linear_models(const NX& n, BatchWork& b, int active, bool gradient)
   }
 }
 
-void place(const NX& n, BatchWork& b, int slot, int at)
+// The points of expansion of the first `active` entries of b.active.
+void place_points(const NX& n, BatchWork& b, int active)
 {
-  switch (n.leaf().nr) {
-  case 1:
-    return modes::place_point<1>(n, b, slot, at);
-  case 2:
-    return modes::place_point<2>(n, b, slot, at);
-  default:
-    return modes::place_point<0>(n, b, slot, at);
+  const int nr = n.leaf().nr;
+  for (int a = 0; a < active && n.lb; ++a) {
+    const int slot = b.active[static_cast<std::size_t>(a)];
+    if (nr == 1)
+      modes::place_point<1>(n, b, slot, a);
+    else if (nr == 2)
+      modes::place_point<2>(n, b, slot, a);
+    else
+      modes::place_point<0>(n, b, slot, a);
+  }
+  for (int i = 0; i < nr && !n.lb; ++i) {
+    double* const u = b.ran.data() + i * b.pair_stride;
+    if (!n.leaf().setup_varies) {
+      std::fill_n(u, active, b.mean[static_cast<std::size_t>(i)]);
+      continue;
+    }
+    for (int a = 0; a < active; ++a)
+      u[a] = b.mean[static_cast<std::size_t>(b.active[static_cast<std::size_t>(a)] * nr + i)];
   }
 }
 
@@ -354,15 +385,15 @@ void place(const NX& n, BatchWork& b, int slot, int at)
 int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
 {
   BatchWork& b = ctx.batch;
+  if (!n.lb) std::fill_n(b.z.begin(), static_cast<long>(b.slots) * n.leaf().nr, 0.0);
   int active = 0;
   for (int slot = 0; slot < b.slots; ++slot) {
     if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
-    if (!n.lb) std::fill_n(b.z.begin() + static_cast<long>(slot) * n.leaf().nr, n.leaf().nr, 0.0);
     b.column[static_cast<std::size_t>(slot)] = active;
-    b.active[static_cast<std::size_t>(active)] = slot;
-    place(n, b, slot, active++);
+    b.active[static_cast<std::size_t>(active++)] = slot;
   }
   if (active == 0) return 0;
+  place_points(n, b, active);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = gradient ? n.programs.linear_gradient : n.programs.linear;
   const int rc =
@@ -381,6 +412,7 @@ public:
     size(ctx.batch.point_sums, places * ctx.batch.mode_stride);
     size(ctx.batch.total, slots);
     size(ctx.batch.direct, slots * n.nparm);
+    size(ctx.batch.scratch, n.nparm * SlotGroup<Four>::width);
   }
 
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override

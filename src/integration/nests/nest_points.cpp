@@ -215,9 +215,12 @@ private:
   // Puts the chunk and what is there of earlier own points on the scale of the larger peak, and adds the weights.
   void weigh()
   {
+    whole_ = c_.aside() && c_.own == leaf_.points &&
+             c_.pairs.slots[c_.pairs.count - 1] - c_.pairs.slots[0] == c_.pairs.count - 1;
     for (int i = 0; i < c_.pairs.count; ++i)
       for (int p = 0; p < c_.outer; ++p) {
         const int k = c_.sum(i, p);
+        whole_ = whole_ && peak_[k] > model::failed_point;
         double& peak = w_.peak[place_of(0, i, p)];
         const double old = peak, now = peak_[k];
         fresh_[k] = !(old > model::failed_point);
@@ -236,6 +239,12 @@ private:
 
   void keep_sums(std::vector<double>& to, int row) const
   {
+    if (whole_) {
+      for (int p = 0; p < c_.outer; ++p)
+        std::copy_n(sums_ + c_.sum(0, p), c_.pairs.count,
+                    to.begin() + static_cast<std::ptrdiff_t>(place_of(row, 0, p)));
+      return;
+    }
     for (int p = 0; p < c_.outer; ++p)
       for (int i = 0; i < c_.pairs.count; ++i) {
         const int k = c_.sum(i, p);
@@ -332,6 +341,7 @@ private:
   // Per sum: the log of the chunk's largest weight; factors of what is there and of the chunk.
   double peak_[evaluation::most_pairs], keep_[evaluation::most_pairs], take_[evaluation::most_pairs];
   bool fresh_[evaluation::most_pairs];
+  bool whole_ = false; // the chunk is all that its slots have, which lie side by side, and no sum has failed
   double sums_[evaluation::most_pairs + 8];
 };
 

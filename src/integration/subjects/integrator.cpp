@@ -19,12 +19,11 @@ bool close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, in
 {
   const auto subject = static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)]);
   int& status = n.slot_status[subject];
-  n.slot_row[subject] = n.outer().SubInfo[subject].fvalidobs;
   double v = 0.0;
   status = integrator.close_value(n, ctx, nest, v);
-  if (status != 0) return false;
-  if (!(v < model::failure_objective) || !std::isfinite(v)) {
-    status = zero_integral(n);
+  if (status == 0 && (!(v < model::failure_objective) || !std::isfinite(v))) status = zero_integral(n);
+  if (status != 0) {
+    n.slot_row[subject] = n.outer().SubInfo[subject].fvalidobs;
     return false;
   }
   n.slot_value[subject] = v;

@@ -249,7 +249,7 @@ bool FitCoordinates::bend(const double* by_x, double* out) const
   }
   // G(i, j) = sum_k l(i, k) l(j, k): elements of one column meet in one element of G.
   for (const Block& b : blocks_)
-    for (int k = 0; k < b.order; ++k)
+    for (int k = 0; k < b.order && !on_edge(b, edge_share); ++k)
       for (int i = k; i < b.order; ++i)
         for (int j = k; j < b.order; ++j) {
           const auto p = static_cast<std::size_t>(b.parameter[packed(i, k)]);
@@ -312,14 +312,18 @@ bool FitCoordinates::variance(int i) const
 
 bool FitCoordinates::near_edge(double share) const
 {
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return on_edge(b, share); });
+}
+
+bool FitCoordinates::on_edge(const Block& b, double share) const
+{
   const std::vector<double> zero(origin_.size(), 0.0);
-  for (const Block& b : blocks_)
-    for (int c = 0; c < b.order; ++c) {
-      double own = 0.0;
-      for (int k = 0; k <= c; ++k) own += factor(b, c, k, zero.data()) * factor(b, c, k, zero.data());
-      const double pivot = factor(b, c, c, zero.data());
-      if (pivot * pivot <= share * own) return true;
-    }
+  for (int c = 0; c < b.order; ++c) {
+    double own = 0.0;
+    for (int k = 0; k <= c; ++k) own += factor(b, c, k, zero.data()) * factor(b, c, k, zero.data());
+    const double pivot = factor(b, c, c, zero.data());
+    if (pivot * pivot <= share * own) return true;
+  }
   return false;
 }
 
