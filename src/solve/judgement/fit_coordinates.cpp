@@ -268,7 +268,7 @@ bool FitCoordinates::bend(const double* by_x, double* out) const
   }
   // G(i, j) = sum_k l(i, k) l(j, k): elements of one column meet in one element of G.
   for (const Block& b : blocks_)
-    for (int k = 0; k < b.order; ++k)
+    for (int k = 0; k < b.order && !on_edge(b, edge_share); ++k)
       for (int i = k; i < b.order; ++i)
         for (int j = k; j < b.order; ++j) {
           const auto p = static_cast<std::size_t>(b.parameter[packed(i, k)]);
@@ -329,7 +329,7 @@ bool FitCoordinates::variance(int i) const
   return std::find(diagonals.begin(), diagonals.end(), i) != diagonals.end();
 }
 
-bool FitCoordinates::near_edge(const Block& b, double share) const
+bool FitCoordinates::on_edge(const Block& b, double share) const
 {
   const std::vector<double> zero(origin_.size(), 0.0);
   for (int c = 0; c < b.order; ++c) {
@@ -343,13 +343,12 @@ bool FitCoordinates::near_edge(const Block& b, double share) const
 
 bool FitCoordinates::near_edge(double share) const
 {
-  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return near_edge(b, share); });
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return on_edge(b, share); });
 }
 
 bool FitCoordinates::near_joint_edge(double share) const
 {
-  return std::any_of(blocks_.begin(), blocks_.end(),
-                     [&](const Block& b) { return b.order > 1 && near_edge(b, share); });
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return b.order > 1 && on_edge(b, share); });
 }
 
 } // namespace torvale::solve

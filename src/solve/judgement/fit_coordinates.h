@@ -49,7 +49,9 @@ public:
   void gradient(const double* t, const double* by_x, double* by_t) const;
   void jacobian(const double* t, double* j) const;
   // bend: what the bending of the coordinates adds to second derivatives by t at the origin, the sum over the
-  // parameters of by_x times d2x/dt dt; dense. False when it is 0: no factor and no logarithm.
+  // parameters of by_x times d2x/dt dt; dense. Without the blocks of G that stand on their edge: the slopes there are
+  // the multipliers of that bound, whose bend belongs to the curvature along it. False when it is 0: no factor and no
+  // logarithm.
   bool bend(const double* by_x, double* out) const;
 
   // Bounds of t; largest and -largest where there are none. fixed: the bounds leave one value.
@@ -68,6 +70,7 @@ public:
   bool in_factor(int i) const { return in_block_[static_cast<std::size_t>(i)] != 0; }
   // Factors with a diagonal element below `share` of the root of its own variance: G is near the edge there.
   bool near_edge(double share) const;
+  static constexpr double edge_share = 1e-6;
   // The same of factors with more than one effect: an edge that is no bound of a parameter.
   bool near_joint_edge(double share) const;
   // Coordinates of the diagonal elements of all factors. variance: coordinate i is one of them.
@@ -81,8 +84,8 @@ private:
   };
   void add_blocks(const model::NX& n, const model::REFFECT& reff, const double* x);
   void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
-  bool near_edge(const Block& b, double share) const;
   double factor(const Block& b, int r, int c, const double* t) const;
+  bool on_edge(const Block& b, double share) const;
   void add_logarithm(const model::ModelLists& n);
 
   std::vector<double> origin_; // x, its logarithm, or the element of the factor, at t = 0

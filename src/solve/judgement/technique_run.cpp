@@ -92,7 +92,7 @@ bool FitEnd::quickly_confirmed()
   if (!hessian.present || str.hfrm == 2) return false;
   auto c = std::make_unique<FitCoordinates>(n_, str.x, false);
   const FitCoordinates factors(n_, str.x);
-  if (factors.near_edge(1e-6)) return false;
+  if (factors.near_edge(FitCoordinates::edge_share)) return false;
   Curvature curvature;
   curvature.accuracy = 1e-6;
   curvature.free = free_coordinates(*c, str.grad);
