@@ -108,8 +108,19 @@ public:
     expected_.push_back(held_[static_cast<std::size_t>(reg)]);
   }
 
-  // Runs the machine code of that shape; what differs from the kernels' results, or an empty text.
+  // Runs the machine code of that shape, for single vectors of lanes and for pairs; what differs from the kernels'
+  // results, or an empty text.
   std::string difference(NativeShape shape)
+  {
+    for (const bool paired : {false, true}) {
+      shape.paired = paired;
+      if (const std::string found = difference_of(shape); !found.empty()) return found + (paired ? ", in pairs" : "");
+    }
+    return "";
+  }
+
+private:
+  std::string difference_of(NativeShape shape)
   {
     const std::unique_ptr<NativeStage> stage = make_native(code_, shape, table_);
     if (stage == nullptr) return "no machine code";
@@ -143,7 +154,6 @@ public:
     return found_nan == has_nan ? "" : "NaNs among the outputs: told wrongly";
   }
 
-private:
   const KernelTable& table_;
   StageCode code_;
   std::vector<Column> columns_, held_, expected_;

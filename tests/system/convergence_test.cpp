@@ -87,6 +87,33 @@ TEST(Convergence, NestedVarianceOfZero)
     }
 }
 
+// A correlation of 1: intercepts and slopes that vary together. The covariance of the estimates is that of the fit with
+// one effect and the two factors of G as parameters.
+TEST(Convergence, ErrorsAlongTheEdge)
+{
+  std::string csv = "id,x,y\n";
+  const double effect[] = {2.1, -1.4, 0.3, -0.6, 1.2, -2.3, 0.9, -0.2, 1.6, -1.1};
+  const double noise[] = {0.31, -0.52, 0.18, 0.44, -0.27, -0.09, 0.63, -0.38, -0.71, 0.22, 0.05, -0.34, 0.57};
+  for (int id = 0; id < 10; ++id)
+    for (int x = -1; x < 3; ++x)
+      csv += std::to_string(id) + "," + std::to_string(x) + "," +
+             std::to_string(1 + 0.5 * x + effect[id] * (1 + 0.8 * x) + 2 * noise[(4 * id + x + 1) % 13]) + "\n";
+  const auto block = fit_data(csv, "QPOINTS=1; PARMS b0=1 b1=0.5 v=1 c=0 w=1 s2=1; BOUNDS s2 > 0;"
+                                   "MODEL y ~ NORMAL(b0 + u + (b1 + t)*x, s2);"
+                                   "RANDOM u t ~ NORMAL([0,0],[v,c,w]) SUBJECT=id; RUN;");
+  const auto factors =
+      fit_data(csv, "QPOINTS=1 GCONV=1e-14; PARMS b0=1 b1=0.5 f=1 g=1 s2=1; BOUNDS s2 > 0;"
+                    "MODEL y ~ NORMAL(b0 + b1*x + z*(f + g*x), s2); RANDOM z ~ NORMAL(0, 1) SUBJECT=id;"
+                    "ESTIMATE 'v' f*f; ESTIMATE 'c' f*g; ESTIMATE 'w' g*g; RUN;");
+  EXPECT_EQ(block.outcome.exit_code, 0) << block.log;
+  ASSERT_NEAR(minus2(block), minus2(factors), 1e-5) << "not at the edge";
+  for (const char* const name : {"b0", "b1", "s2", "v", "c", "w"}) {
+    const bool own = name[0] == 'b' || name[0] == 's';
+    const double expected = factors.number(own ? "ParameterEstimates" : "AdditionalEstimates", name, "StandardError");
+    EXPECT_NEAR(block.number("ParameterEstimates", name, "StandardError") / expected, 1.0, 1e-4) << name;
+  }
+}
+
 // Units of the response and of the covariate change no exit code.
 TEST(Convergence, UnitsDoNotMatter)
 {

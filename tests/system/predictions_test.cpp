@@ -160,6 +160,21 @@ TEST(Predictions, OfRecordsThatTheFitCouldNotUse)
   EXPECT_TRUE(run.said(503, 9571)) << run.log;
 }
 
+// A model without parameters: an effect is predicted with its posterior standard deviation.
+TEST(Predictions, WithoutParameters)
+{
+  const Folder folder;
+  const auto run = run_text("TORVALE DATA=sleepstudy; MODEL reaction ~ NORMAL(300 + u, 900);"
+                            "RANDOM u ~ NORMAL(0, 400) SUBJECT=subject OUT='" +
+                            folder.file("u.csv") + "'; PREDICT u OUT='" + folder.file("p.csv") + "'; RUN;");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  for (const char* const name : {"u.csv", "p.csv"}) {
+    const auto errors = read_csv_file(folder.file(name)).column("StdErrPred");
+    ASSERT_EQ(errors.size(), name[0] == 'u' ? 18u : 180u);
+    for (const std::string& error : errors) EXPECT_NEAR(std::stod(error), 1 / std::sqrt(1.0 / 400 + 10.0 / 900), 1e-9);
+  }
+}
+
 // A linear model with known variances: the mixed model equations of all clinics and wards at once give estimates,
 // predictions and the variances of their errors.
 TEST(Predictions, OfNestedLevelsSolveTheMixedModelEquations)

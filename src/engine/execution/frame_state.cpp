@@ -176,14 +176,28 @@ int Frame::State::look_up(FrameProgram& f)
   if (const int code = tabulate(f); code != 0) return code;
   const std::uint16_t* const value = f.values->of_row.data();
   const auto stride = static_cast<std::size_t>(padded(static_cast<std::int64_t>(f.values->row.size())));
-  for (std::size_t r = 0; r < results; ++r) {
-    const double* const table = f.value_results.data() + r * stride;
-    double* const to = f.distinct.data() + r * static_cast<std::size_t>(f.range_stride);
+  // Results two at a time: half of the reads are of the records' places.
+  std::size_t r = 0;
+  const auto look = [&](auto several) {
+    constexpr std::size_t together = decltype(several)::value;
+    const double* table[together];
+    double* to[together];
+    for (std::size_t k = 0; k < together; ++k) {
+      table[k] = f.value_results.data() + (r + k) * stride;
+      to[k] = f.distinct.data() + (r + k) * static_cast<std::size_t>(f.range_stride);
+    }
+    const auto put = [&](std::int64_t i, std::int64_t row) {
+      const std::size_t at = value[row];
+      for (std::size_t k = 0; k < together; ++k) to[k][i] = table[k][at];
+    };
     if (records != nullptr)
-      for (std::int64_t i = 0; i < count; ++i) to[i] = table[value[records[i]]];
+      for (std::int64_t i = 0; i < count; ++i) put(i, records[i]);
     else
-      for (std::int64_t i = 0; i < count; ++i) to[i] = table[value[first + i]];
-  }
+      for (std::int64_t i = 0; i < count; ++i) put(i, first + i);
+    r += together;
+  };
+  while (r + 2 <= results) look(std::integral_constant<std::size_t, 2>());
+  if (r < results) look(std::integral_constant<std::size_t, 1>());
   return 0;
 }
 

@@ -131,8 +131,13 @@ int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns
 {
   if (!by_native_ || fetches_) lanes.list();
   if (by_native_) {
-    const NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same};
-    if (const NativeStage* const stage = native(shape); stage != nullptr) {
+    NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same, in_pairs(lanes.padded)};
+    const NativeStage* stage = native(shape);
+    if (stage == nullptr && shape.paired) {
+      can_be_paired_ = shape.paired = false;
+      stage = native(shape);
+    }
+    if (stage != nullptr) {
       run_native(*stage, lanes, sources, outputs, results);
       return 0;
     }
@@ -209,6 +214,17 @@ void LaneRunner::hold_points_of(const Lanes& lanes, const Sources& sources)
 }
 
 // --- machine code ---
+
+// In a short stage an operation waits for the one before it: then two vectors of lanes go side by side, once there have
+// been lanes enough to make up for writing that code. Where there are many operations some are always ready, and two
+// vectors of so many values do not fit into the registers.
+bool LaneRunner::in_pairs(int lanes)
+{
+  constexpr int most_operations = 160;
+  if (!can_be_paired_ || code_.operations > most_operations) return false;
+  lanes_run_ += lanes;
+  return lanes_run_ >= native_pairs_after() && lanes % (2 * lane_padding) == 0;
+}
 
 const NativeStage* LaneRunner::native(NativeShape shape)
 {

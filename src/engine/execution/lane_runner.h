@@ -144,6 +144,7 @@ private:
   void hold_points_of(const Lanes& lanes, const Sources& sources);
 
   void prepare();
+  bool in_pairs(int lanes);
   const NativeStage* native(NativeShape shape);
   void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, const Outputs& outputs,
                   Results& results);
@@ -166,8 +167,10 @@ private:
   LaneArray fixed_; // per fixed register lane_padding equal numbers
 
   std::array<const NativeStage*, NativeShape::count> native_{};
-  LaneArray fetched_; // strip_ values for each input that cannot be read where it stands
-  LaneArray kept_;    // strip_ values for each result that is not an output
+  bool can_be_paired_ = true;
+  std::int64_t lanes_run_ = 0; // by machine code, until there are enough
+  LaneArray fetched_;          // strip_ values for each input that cannot be read where it stands
+  LaneArray kept_;             // strip_ values for each result that is not an output
   LaneArray scratch_;
   // How the lanes run through an input: not at all, by record, by point, or through values that must be fetched.
   enum class Along : std::uint8_t { nothing, rows, points, fetched };

@@ -18,6 +18,7 @@ namespace torvale::engine {
 namespace {
 
 std::atomic<bool> enabled{true};
+std::atomic<std::int64_t> pairs_after{32768};
 
 #if defined(__x86_64__)
 
@@ -34,8 +35,9 @@ std::vector<bool> uniform_inputs(const StageCode& code, NativeShape shape)
 // vector.
 class StageWriter {
 public:
-  StageWriter(VectorCode& code, const ValuePlan& plan, const std::vector<bool>& uniform, const KernelTable& table)
-      : code_(code), plan_(plan), uniform_(uniform), table_(table), registers_(code, plan, uniform)
+  StageWriter(VectorCode& code, const ValuePlan& plan, const std::vector<bool>& uniform, bool paired,
+              const KernelTable& table)
+      : code_(code), plan_(plan), uniform_(uniform), paired_(paired), table_(table), registers_(code, plan, uniform)
   {
   }
 
@@ -56,7 +58,7 @@ public:
       registers_.begin(static_cast<std::int32_t>(k));
       write(plan_.operations[k]);
     }
-    code_.add(frame().offset, static_cast<std::uint32_t>(code_.width()) * static_cast<std::uint32_t>(sizeof(double)));
+    code_.add(frame().offset, static_cast<std::uint32_t>(code_.vector_bytes() * (paired_ ? 2 : 1)));
     code_.cmp(frame().offset, code_.ptr[code_.rsp + end_at]);
     code_.jl(next, Xbyak::CodeGenerator::T_NEAR);
     leave();
@@ -139,7 +141,8 @@ private:
     case Kind::store: {
       const int a = registers_.number(op.in[0]);
       code_.mov(frame().address, code_.ptr[frame().results + static_cast<std::size_t>(op.index) * 8]);
-      code_.store(code_.ptr[frame().address + frame().offset], a);
+      code_.store(
+          code_.ptr[frame().address + frame().offset + code_.vector_bytes() * static_cast<std::size_t>(op.half)], a);
       registers_.result(no_value);
       return;
     }
@@ -253,6 +256,7 @@ private:
   VectorCode& code_;
   const ValuePlan& plan_;
   const std::vector<bool>& uniform_;
+  const bool paired_;
   const KernelTable& table_;
   std::vector<RareCall> rare_calls_;
   std::int32_t saved_area_ = -1; // slots for the registers that a rare call must not change
@@ -305,15 +309,15 @@ std::span<std::uint8_t> code_buffer(std::size_t size)
 std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shape, const KernelTable& table)
 {
   ValuePlan plan;
-  if (!plan_values(code, plan)) return nullptr;
+  const std::vector<bool> uniform = uniform_inputs(code, shape);
+  if (!plan_values(code, uniform, shape.paired, plan)) return nullptr;
   constexpr std::size_t bytes_of_operation = 640, bytes_of_input = 32, bytes_of_rest = 4096;
   const std::size_t capacity =
       plan.operations.size() * bytes_of_operation + code.inputs.size() * bytes_of_input + bytes_of_rest;
   try {
     const std::unique_ptr<VectorCode> to = make_vector_code(table.isa, code_buffer(capacity));
     if (to == nullptr) return nullptr;
-    const std::vector<bool> uniform = uniform_inputs(code, shape);
-    const std::int32_t slots = StageWriter(*to, plan, uniform, table).write();
+    const std::int32_t slots = StageWriter(*to, plan, uniform, shape.paired, table).write();
     to->ready();
     PlacedCode placed = place_code({to->getCode(), to->getSize()});
     if (placed.entry() == nullptr) return nullptr;
@@ -366,6 +370,16 @@ const NativeStage* NativeStages::get(const StageCode& code, NativeShape shape, c
 bool native_enabled()
 {
   return enabled.load(std::memory_order_relaxed);
+}
+
+std::int64_t native_pairs_after()
+{
+  return pairs_after.load(std::memory_order_relaxed);
+}
+
+void set_native_pairs_after(std::int64_t lanes)
+{
+  pairs_after.store(lanes, std::memory_order_relaxed);
 }
 
 void set_native(bool on)

@@ -54,7 +54,8 @@ void RegisterAllocator::load_to(int reg, ValueId v)
     code_.move(reg, code_.ptr[frame.fixed + index * vector_slot]);
   } else if (value.from == PlanValue::From::input && !uniform_[index]) {
     code_.mov(frame.address, code_.ptr[frame.inputs + index * 8]);
-    code_.load(reg, code_.ptr[frame.address + frame.offset]);
+    code_.load(reg,
+               code_.ptr[frame.address + frame.offset + code_.vector_bytes() * static_cast<std::size_t>(value.half)]);
   } else {
     const std::int32_t s = value.from == PlanValue::From::input ? uniform_slot_[index] : state(v).slot;
     if (value.mask)

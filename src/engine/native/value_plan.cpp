@@ -40,8 +40,54 @@ public:
       if (!step(s)) return false;
     if (pending_ != no_value) look_for_nan(pending_, pending_);
     if (nans_ != no_value) operation(PlanOperation::Kind::any_nan, {nans_});
-    find_uses();
     return true;
+  }
+
+  // Each operation is followed by the same for the next vector of lanes: what waits for the result of one has the other
+  // to do.
+  void pair(const std::vector<bool>& uniform)
+  {
+    const std::size_t values = plan_.values.size(), groups = plan_.mean_orders.size();
+    std::vector<ValueId> other(values, no_value);
+    for (std::size_t v = 0; v < values; ++v) {
+      const PlanValue& value = plan_.values[v];
+      if (value.from == PlanValue::From::fixed ||
+          (value.from == PlanValue::From::input && uniform[static_cast<std::size_t>(value.index)]))
+        other[v] = static_cast<ValueId>(v);
+      else if (value.from == PlanValue::From::input)
+        other[v] = second(static_cast<ValueId>(v));
+    }
+    std::vector<PlanOperation> both;
+    both.reserve(2 * plan_.operations.size());
+    for (const PlanOperation& op : plan_.operations) {
+      both.push_back(op);
+      PlanOperation copy = op;
+      bool same = op.kind != PlanOperation::Kind::store;
+      for (std::size_t j = 0; j < static_cast<std::size_t>(op.operands); ++j) {
+        copy.in[j] = other[static_cast<std::size_t>(op.in[j])];
+        same = same && copy.in[j] == op.in[j];
+      }
+      if (op.out != no_value) copy.out = other[static_cast<std::size_t>(op.out)] = same ? op.out : second(op.out);
+      if (same) continue;
+      copy.half = 1;
+      if (op.group >= 0) copy.group += static_cast<std::int32_t>(groups);
+      both.push_back(copy);
+    }
+    plan_.operations = std::move(both);
+    plan_.mean_orders.reserve(2 * groups);
+    for (std::size_t g = 0; g < groups; ++g) plan_.mean_orders.push_back(plan_.mean_orders[g]);
+  }
+
+  void find_uses()
+  {
+    for_reads([](PlanValue& v, std::int32_t) { ++v.end_of_uses; });
+    std::int32_t uses = 0;
+    for (PlanValue& v : plan_.values) {
+      v.first_use = uses;
+      uses += std::exchange(v.end_of_uses, uses);
+    }
+    plan_.uses.resize(static_cast<std::size_t>(uses));
+    for_reads([&](PlanValue& v, std::int32_t k) { plan_.uses[static_cast<std::size_t>(v.end_of_uses++)] = k; });
   }
 
 private:
@@ -55,6 +101,13 @@ private:
     v.index = index;
     plan_.values.push_back(v);
     other_form_.push_back(no_value);
+    return static_cast<ValueId>(plan_.values.size()) - 1;
+  }
+
+  ValueId second(ValueId v) // the same of the next vector
+  {
+    plan_.values.push_back(plan_.values[static_cast<std::size_t>(v)]);
+    plan_.values.back().half = 1;
     return static_cast<ValueId>(plan_.values.size()) - 1;
   }
 
@@ -229,18 +282,6 @@ private:
     }
   }
 
-  void find_uses()
-  {
-    for_reads([](PlanValue& v, std::int32_t) { ++v.end_of_uses; });
-    std::int32_t uses = 0;
-    for (PlanValue& v : plan_.values) {
-      v.first_use = uses;
-      uses += std::exchange(v.end_of_uses, uses);
-    }
-    plan_.uses.resize(static_cast<std::size_t>(uses));
-    for_reads([&](PlanValue& v, std::int32_t k) { plan_.uses[static_cast<std::size_t>(v.end_of_uses++)] = k; });
-  }
-
   const StageCode& code_;
   ValuePlan& plan_;
   std::vector<ValueId> held_;       // value in each register of the steps
@@ -251,9 +292,13 @@ private:
 
 } // namespace
 
-bool plan_values(const StageCode& code, ValuePlan& plan)
+bool plan_values(const StageCode& code, const std::vector<bool>& uniform, bool paired, ValuePlan& plan)
 {
-  return Planner(code, plan).run();
+  Planner planner(code, plan);
+  if (!planner.run()) return false;
+  if (paired) planner.pair(uniform);
+  planner.find_uses();
+  return true;
 }
 
 } // namespace torvale::engine

@@ -17,6 +17,7 @@ inline constexpr ValueId no_value = -1;
 struct PlanValue {
   enum class From : std::uint8_t { operation, input, fixed } from = From::operation;
   bool mask = false;                           // true or false in the form of the machine's comparisons
+  std::int32_t half = 0;                       // of a pair: which of the two vectors it is of
   std::int32_t index = 0;                      // of the input or the fixed register
   std::int32_t first_use = 0, end_of_uses = 0; // its part of ValuePlan::uses
 };
@@ -36,6 +37,7 @@ struct PlanOperation {
   std::array<ValueId, kernel_operands_max> in{};
   std::int32_t index = 0;  // of a result; of a mean of exponentials its order, -1 where it is called
   std::int32_t group = -1; // of a mean: its place in ValuePlan::mean_orders
+  std::int32_t half = 0;   // of a pair, of a store: which of the two vectors it stores
 };
 
 struct ValuePlan {
@@ -45,7 +47,9 @@ struct ValuePlan {
   std::vector<std::int32_t> uses;            // value by value the operations that read it, ascending
 };
 
-// False when the stage has steps that cannot be planned: loops, text tests.
-bool plan_values(const StageCode& code, ValuePlan& plan);
+// False when the stage has steps that cannot be planned: loops, text tests. uniform: per input, whether one number
+// stands for all lanes. paired: each operation is there twice, for one vector of lanes and for the next one; what is
+// the same in both is made once.
+bool plan_values(const StageCode& code, const std::vector<bool>& uniform, bool paired, ValuePlan& plan);
 
 } // namespace torvale::engine

@@ -59,7 +59,8 @@ public:
   explicit VectorCode(std::span<std::uint8_t> buffer) : CodeGenerator(buffer.size(), buffer.data()) {}
 
   // --- of the instruction set ---
-  virtual int width() const = 0;             // lanes of a vector
+  virtual int width() const = 0; // lanes of a vector
+  std::size_t vector_bytes() const { return static_cast<std::size_t>(width()) * sizeof(double); }
   virtual int vectors() const = 0;           // vector registers that may be given out: 0 .. vectors() - 1
   virtual int masks() const = 0;             // mask registers that may be given out, from 1 on; 0: masks are vectors
   virtual int number_scratch() const = 0;    // a vector register that is never given out

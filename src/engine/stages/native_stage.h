@@ -23,8 +23,9 @@ struct StageCode;
 struct NativeShape {
   bool one_row = false;
   bool one_point = false;
-  int index() const { return (one_row ? 1 : 0) + (one_point ? 2 : 0); }
-  static constexpr int count = 4;
+  bool paired = false; // two vectors of lanes at a time: lanes come in multiples of 2 lane_padding
+  int index() const { return (one_row ? 1 : 0) + (one_point ? 2 : 0) + (paired ? 4 : 0); }
+  static constexpr int count = 8;
 };
 
 // What a run reads and writes. All borrowed.
@@ -73,5 +74,10 @@ private:
 // Machine code is used unless it is switched off (tests and benchmarks compare the two). Choose before threads run.
 bool native_enabled();
 void set_native(bool enabled);
+
+// Lanes that a worker runs of a stage before it takes code for pairs of vectors, which costs twice as much to write.
+// The results are the same to the last bit.
+std::int64_t native_pairs_after();
+void set_native_pairs_after(std::int64_t lanes);
 
 } // namespace torvale::engine

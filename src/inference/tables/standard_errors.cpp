@@ -27,6 +27,7 @@ constexpr double along_by_rounding = 1e-7;
 bool moves_along_flat(const NX& n, const double* g)
 {
   const auto np = static_cast<std::size_t>(n.nparm);
+  if (np == 0) return false;
   const std::vector<double>& basis = n.verdict.null_basis;
   for (std::size_t first = 0; first + np <= basis.size(); first += np) {
     double along = 0.0, size = 0.0;

@@ -70,6 +70,19 @@ FitCoordinates::FitCoordinates(const NX& n, const double* x, bool factors)
     if (reff.distrtype == 0) add_blocks(n, reff, x);
 }
 
+FitCoordinates FitCoordinates::straight(const NX& n, const double* x)
+{
+  const FitCoordinates bent(n, x);
+  FitCoordinates c(n, x, false);
+  auto variances = bent.edge_diagonals();
+  if (bent.logarithm() >= 0) variances.push_back(bent.logarithm());
+  for (const int i : variances) {
+    auto& lower = c.lower_[static_cast<std::size_t>(i)];
+    lower = std::max(lower, 0.0);
+  }
+  return c;
+}
+
 void FitCoordinates::add_logarithm(const ModelLists& n)
 {
   for (const auto& stmt : n.proc->statements) {
@@ -186,6 +199,12 @@ void FitCoordinates::add_block(const std::vector<std::vector<int>>& parameter, c
   blocks_.push_back(std::move(block));
 }
 
+double FitCoordinates::first_scale(int i) const
+{
+  constexpr double share = 1e-6; // of its own size: far above rounding
+  return i == logarithm_ ? 1.0 : std::max(1.0, share * own_size(i));
+}
+
 double FitCoordinates::factor(const Block& b, int r, int c, const double* t) const
 {
   const auto p = static_cast<std::size_t>(b.parameter[packed(r, c)]);
@@ -249,7 +268,7 @@ bool FitCoordinates::bend(const double* by_x, double* out) const
   }
   // G(i, j) = sum_k l(i, k) l(j, k): elements of one column meet in one element of G.
   for (const Block& b : blocks_)
-    for (int k = 0; k < b.order; ++k)
+    for (int k = 0; k < b.order && !on_edge(b, edge_share); ++k)
       for (int i = k; i < b.order; ++i)
         for (int j = k; j < b.order; ++j) {
           const auto p = static_cast<std::size_t>(b.parameter[packed(i, k)]);
@@ -310,17 +329,26 @@ bool FitCoordinates::variance(int i) const
   return std::find(diagonals.begin(), diagonals.end(), i) != diagonals.end();
 }
 
-bool FitCoordinates::near_edge(double share) const
+bool FitCoordinates::on_edge(const Block& b, double share) const
 {
   const std::vector<double> zero(origin_.size(), 0.0);
-  for (const Block& b : blocks_)
-    for (int c = 0; c < b.order; ++c) {
-      double own = 0.0;
-      for (int k = 0; k <= c; ++k) own += factor(b, c, k, zero.data()) * factor(b, c, k, zero.data());
-      const double pivot = factor(b, c, c, zero.data());
-      if (pivot * pivot <= share * own) return true;
-    }
+  for (int c = 0; c < b.order; ++c) {
+    double own = 0.0;
+    for (int k = 0; k <= c; ++k) own += factor(b, c, k, zero.data()) * factor(b, c, k, zero.data());
+    const double pivot = factor(b, c, c, zero.data());
+    if (pivot * pivot <= share * own) return true;
+  }
   return false;
+}
+
+bool FitCoordinates::near_edge(double share) const
+{
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return on_edge(b, share); });
+}
+
+bool FitCoordinates::near_joint_edge(double share) const
+{
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return b.order > 1 && on_edge(b, share); });
 }
 
 } // namespace torvale::solve

@@ -27,6 +27,9 @@ public:
   // factors false: scales only, no factors and no logarithm.
   FitCoordinates(const model::NX& n, const double* x, bool factors = true);
 
+  // straight: the parameters themselves, but for scales; variances that the bent coordinates hold end at 0.
+  static FitCoordinates straight(const model::NX& n, const double* x);
+
   int size() const { return static_cast<int>(origin_.size()); }
   double origin(int i) const { return origin_[static_cast<std::size_t>(i)]; }
   // A step of this length changes the parameter as much as it is large: its own size, 1 for a logarithm; 0 at zero.
@@ -38,12 +41,17 @@ public:
   double scale(int i) const { return scale_[static_cast<std::size_t>(i)]; }
   void set_scale(int i, double s) { scale_[static_cast<std::size_t>(i)] = s; }
 
+  // first_scale: one to begin with where nothing is known.
+  double first_scale(int i) const;
+
   // parameters: x at t. gradient: derivatives by t from those by x. jacobian: dx/dt, dense by rows.
   void parameters(const double* t, double* x) const;
   void gradient(const double* t, const double* by_x, double* by_t) const;
   void jacobian(const double* t, double* j) const;
   // bend: what the bending of the coordinates adds to second derivatives by t at the origin, the sum over the
-  // parameters of by_x times d2x/dt dt; dense. False when it is 0: no factor and no logarithm.
+  // parameters of by_x times d2x/dt dt; dense. Without the blocks of G that stand on their edge: the slopes there are
+  // the multipliers of that bound, whose bend belongs to the curvature along it. False when it is 0: no factor and no
+  // logarithm.
   bool bend(const double* by_x, double* out) const;
 
   // Bounds of t; largest and -largest where there are none. fixed: the bounds leave one value.
@@ -62,6 +70,9 @@ public:
   bool in_factor(int i) const { return in_block_[static_cast<std::size_t>(i)] != 0; }
   // Factors with a diagonal element below `share` of the root of its own variance: G is near the edge there.
   bool near_edge(double share) const;
+  static constexpr double edge_share = 1e-6;
+  // The same of factors with more than one effect: an edge that is no bound of a parameter.
+  bool near_joint_edge(double share) const;
   // Coordinates of the diagonal elements of all factors. variance: coordinate i is one of them.
   std::vector<int> edge_diagonals() const;
   bool variance(int i) const;
@@ -74,6 +85,7 @@ private:
   void add_blocks(const model::NX& n, const model::REFFECT& reff, const double* x);
   void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
   double factor(const Block& b, int r, int c, const double* t) const;
+  bool on_edge(const Block& b, double share) const;
   void add_logarithm(const model::ModelLists& n);
 
   std::vector<double> origin_; // x, its logarithm, or the element of the factor, at t = 0
