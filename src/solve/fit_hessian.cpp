@@ -1,5 +1,5 @@
 #include "solve/fit_hessian.h"
-#include "solve/fit_hessian_columns.h"
+#include "solve/start/hessian_columns.h"
 
 #include "evaluation/record_frame.h"
 #include "integration/objective.h"

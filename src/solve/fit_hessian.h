@@ -5,7 +5,7 @@
 
 namespace torvale::solve {
 
-// Each column costs two evaluations with a gradient, which start from predicted modes (fit_hessian_columns.h).
+// Each column costs two evaluations with a gradient, which start from predicted modes (start/hessian_columns.h).
 // Parameters that act on a record through one number, its predictor p = x'b + ..., need not be moved one by one. With
 // g_s the gradient of subject s and r its rows,
 //     d^2 f / d theta d b' = sum over s, over r:  (d g_s / d p_r) x_r',

@@ -1,4 +1,5 @@
 #include "solve/start/start_metric.h"
+#include "solve/start/hessian_columns.h"
 
 #include "integration/objective.h"
 
@@ -7,6 +8,7 @@
 namespace torvale::solve {
 
 using model::NX;
+using optimizer::MINSTR;
 
 namespace {
 
@@ -19,19 +21,37 @@ double independent_parts(const NX& n)
   return n.nreff() > 0 ? n.outer().nrepsub : static_cast<double>(n.store->nobsu);
 }
 
+// A metric need not be exact: one side of each parameter does, and where modes are predicted one pass over the data.
+int by_differences(NX& n, MINSTR& str)
+{
+  if (!n.dograd || n.fdh != 0) return 1; // FDHESSIAN= asks for differences of the optimizer's
+  const auto np = static_cast<std::size_t>(n.nparm);
+  std::vector<double> h(np * np), column;
+  HessianColumns columns(n, str);
+  if (!columns.start()) return 1;
+  for (std::size_t j = 0; j < np; ++j) {
+    if (!columns.beside(j, column)) return 1;
+    std::copy(column.begin(), column.end(), h.begin() + static_cast<std::ptrdiff_t>(j * np));
+  }
+  double* packed = str.hess;
+  for (std::size_t i = 0; i < np; ++i)
+    for (std::size_t j = 0; j <= i; ++j) *packed++ = 0.5 * (h[i * np + j] + h[j * np + i]);
+  return 0;
+}
+
 } // namespace
 
-int start_metric(optimizer::MINSTR* str)
+int start_metric(MINSTR* str)
 {
   NX& n = *static_cast<NX*>(str->comstr);
   if (!n.metric.empty() && std::equal(n.metric_point.begin(), n.metric_point.end(), str->x)) {
     std::copy(n.metric.begin(), n.metric.end(), str->hess);
     return 0;
   }
+  if (!std::equal(n.parm.begin(), n.parm.end(), str->x)) return 1;
+  if (independent_parts(n) < gradients_per_parameter * n.nparm) return by_differences(n, *str);
   std::vector<double> products;
-  if (independent_parts(n) < gradients_per_parameter * n.nparm || !std::equal(n.parm.begin(), n.parm.end(), str->x) ||
-      integration::outer_products(n, products) != 0)
-    return 1;
+  if (integration::outer_products(n, products) != 0) return 1;
   std::copy(products.begin(), products.end(), str->hess);
   return 0;
 }

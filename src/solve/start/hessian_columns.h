@@ -34,7 +34,11 @@ public:
   // evaluated nearby.
   bool along(std::size_t j, std::vector<double>& column);
 
+  // The same to three digits or so, by one side: for a metric.
+  bool beside(std::size_t j, std::vector<double>& column);
+
 private:
+  double length(std::size_t j) const;
   bool inside(std::size_t j, double x) const;
   bool moved(std::size_t j, double by, std::vector<double>& gradient, double& made);
   bool difference(std::size_t j, double h, std::vector<double>& column);
@@ -42,7 +46,7 @@ private:
   model::NX& n_;
   optimizer::MINSTR& str_;
   const double crit_;
-  const std::vector<double> grad_;
+  const std::vector<double> grad_, grad_point_; // of str, and where that was
   const std::vector<double> point_;
   std::vector<double> gradient_; // at the point
   std::vector<double> information_;

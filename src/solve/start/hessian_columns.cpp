@@ -1,4 +1,4 @@
-#include "solve/fit_hessian_columns.h"
+#include "solve/start/hessian_columns.h"
 
 #include "integration/objective.h"
 
@@ -21,7 +21,8 @@ constexpr int most_trials = 8;
 } // namespace
 
 HessianColumns::HessianColumns(NX& n, MINSTR& str)
-    : n_(n), str_(str), crit_(str.crit), grad_(str.grad, str.grad + str.nvar), point_(str.x, str.x + n.nparm)
+    : n_(n), str_(str), crit_(str.crit), grad_(str.grad, str.grad + str.nvar), grad_point_(n.parmlast),
+      point_(str.x, str.x + n.nparm)
 {
   n_.dograd = true;
 }
@@ -29,7 +30,7 @@ HessianColumns::HessianColumns(NX& n, MINSTR& str)
 HessianColumns::~HessianColumns()
 {
   integration::stand_by_prediction(n_, false);
-  n_.parmlast.clear();
+  n_.parmlast = grad_point_;
   str_.crit = crit_;
   std::copy(grad_.begin(), grad_.end(), str_.grad);
 }
@@ -92,10 +93,25 @@ bool HessianColumns::difference(std::size_t j, double h, std::vector<double>& co
   return true;
 }
 
-bool HessianColumns::along(std::size_t j, std::vector<double>& column)
+// What the subjects' gradients say that the parameter is known by.
+double HessianColumns::length(std::size_t j) const
 {
   const double known = information_.empty() ? 0.0 : information_[j * (j + 3) / 2];
-  double h = interval * (known > 0.0 && std::isfinite(known) ? 1.0 / std::sqrt(known) : 1.0 + std::abs(point_[j]));
+  return known > 0.0 && std::isfinite(known) ? 1.0 / std::sqrt(known) : 1.0 + std::abs(point_[j]);
+}
+
+bool HessianColumns::beside(std::size_t j, std::vector<double>& column)
+{
+  const double h = interval * length(j);
+  double made = 0.0;
+  if (!moved(j, h, column, made) && !moved(j, -h, column, made)) return false;
+  for (std::size_t i = 0; i < column.size(); ++i) column[i] = (column[i] - gradient_[i]) / made;
+  return made != 0.0;
+}
+
+bool HessianColumns::along(std::size_t j, std::vector<double>& column)
+{
+  double h = interval * length(j);
   for (int trial = 0; trial < most_trials && str_.stop == 0; ++trial) {
     if (!difference(j, h, column)) {
       h *= 0.1;
