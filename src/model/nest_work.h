@@ -46,7 +46,7 @@ struct NestLevel : Priors {
   std::vector<double> spread;     // own triangle: lower Cholesky factor of that
   std::vector<double> regression; // own x above
   std::vector<double> tilt;       // own x above: how the points follow the ancestors' deviations: regression, or 0 without scaling
-  std::vector<double> logdet;     // log determinant of the block
+  std::vector<double> logdet;     // log determinant of the block, where it has more than one effect
   // Points: `points` of its own for each of `outer` joint points of its ancestors. Joint point q * outer + p has the
   // own point q and the ancestors' joint point p. Leaves keep nothing per joint point.
   long points = 1, outer = 1;

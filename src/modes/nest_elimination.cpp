@@ -45,7 +45,6 @@ bool eliminate_single(NestWork& w, int level, int node)
   const auto v = static_cast<std::size_t>(node);
   l.inverse[v] = inverse;
   l.step[v] = pull * inverse;
-  l.logdet[v] = std::log(pivot);
   if (above == 0) return true;
   double* const b = l.regression.data() + static_cast<long>(node) * above;
   NestLevel& p = w.level[static_cast<std::size_t>(level) + 1];

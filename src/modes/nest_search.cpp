@@ -210,15 +210,13 @@ private:
     ModeSearch& s = search(nest);
     if (level_ == all_levels ? joint_step(nest) != 0 : own_step(nest) != 0) return give_up(nest);
     double step_u = 0.0, step_sd = 0.0;
-    s.logdet = 0.0;
     for_nodes(nest, [&](const NestLevel& l, int level, int v) {
-      if (level_ != all_levels && level != level_) return;
-      measure(l, v, step_u, step_sd);
-      s.logdet += l.logdet[static_cast<std::size_t>(v)];
+      if (level_ == all_levels || level == level_) measure(l, v, step_u, step_sd);
     });
     if (!(step_sd < largest)) return give_up(nest);
     if (step_u < rules_.step || (step_sd < noise_floor && step_sd > noise_ratio * s.previous)) {
       s.state = ModeSearch::found;
+      add_determinants(nest);
       return;
     }
     s.previous = step_sd;
@@ -227,6 +225,15 @@ private:
       if (level_ != all_levels && level != level_) return;
       for (int k = v * l.own; k < (v + 1) * l.own; ++k)
         l.z[static_cast<std::size_t>(k)] -= l.step[static_cast<std::size_t>(k)];
+    });
+  }
+
+  void add_determinants(int nest)
+  {
+    ModeSearch& s = search(nest);
+    s.logdet = 0.0;
+    for_nodes(nest, [&](const NestLevel& l, int level, int v) {
+      if (level_ == all_levels || level == level_) s.logdet += log_determinant_of(l, v);
     });
   }
 

@@ -66,20 +66,38 @@ void CheckEigVals(NX& n)
         .count = record.det[3]});
 }
 
-// An estimate at an active bound, within its tolerance, is put on it. The tolerance grows with ipre, which the library
-// raises while it makes a start feasible; more than a factor 100 would move estimates visibly.
+// Whether the objective at x is what it is at the estimates.
+bool as_good(NX& n, const std::vector<double>& x)
+{
+  const double before = n.objfun;
+  n.parm = x;
+  n.parmlast.clear();
+  n.dograd = false;
+  const bool good = integration::tvllike(n) == 0 && !n.failed && std::isfinite(n.objfun) &&
+                    2.0 * std::abs(n.objfun - n.fval) <= 0.01 * gain_allowed;
+  n.parmlast.clear();
+  n.objfun = before;
+  return good;
+}
+
+// An estimate at an active bound, within its tolerance, is put on it, where that costs nothing. The tolerance grows
+// with ipre, which the library raises while it makes a start feasible; more than a factor 100 would move estimates
+// visibly.
 void snap_to_bounds(NX& n)
 {
   MINSTR& str = *n.str;
   if (str.bounds == 0) return;
   const double eps = str.ceps * std::pow(10.0, std::min(str.ipre, 2));
+  const std::vector<double> free(str.x, str.x + n.nparm);
+  std::vector<double> x(free);
   for (int i = 0; i < n.nparm; ++i) {
-    const double x = str.x[i];
-    if (str.lb[i] > -largest && str.iabc[i] == 1 && std::abs(x - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
-      str.x[i] = str.lb[i];
-    if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - x) < (std::abs(str.ub[i]) + 1) * eps)
-      str.x[i] = str.ub[i];
+    double& at = x[static_cast<std::size_t>(i)];
+    if (str.lb[i] > -largest && str.iabc[i] == 1 && std::abs(at - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
+      at = str.lb[i];
+    if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - at) < (std::abs(str.ub[i]) + 1) * eps)
+      at = str.ub[i];
   }
+  if (x != free && as_good(n, x)) std::copy(x.begin(), x.end(), str.x);
 }
 
 // Without analytic derivatives the gradient that is reported comes by central differences, whatever the technique went

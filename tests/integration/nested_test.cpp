@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <random>
 
 namespace torvale::tests {
 
@@ -61,6 +62,46 @@ double marginal_objective(const ModelText& text, int depth, const std::vector<do
   return value;
 }
 
+// Counts with one effect at each of `depth` levels, the deepest with a variance that its records decide where it
+// `varies`. Outer subjects have 1 to 6 children, leaves 1 to 4 observations.
+ModelText single_effects(int depth, int subjects, bool varies)
+{
+  std::mt19937 random(31);
+  std::normal_distribution<double> normal;
+  std::uniform_int_distribution<int> children(1, 6), records(1, 4);
+  std::vector<double> outer, middle, leaf, y, x, flag;
+  for (int s = 0; s < subjects; ++s)
+    for (int c = 0, last = children(random); c < last; ++c)
+      for (int l = 0, leaves = depth > 2 ? children(random) : 1; l < leaves; ++l)
+        for (int i = 0, count = records(random); i < count; ++i) {
+          outer.push_back(100 + s), middle.push_back(c), leaf.push_back(l);
+          x.push_back(normal(random));
+          flag.push_back(s % 7 == 3 ? -1.0 : 1.0);
+          y.push_back(std::poisson_distribution<int>(std::exp(0.3 + 0.4 * x.back() + 0.5 * normal(random)))(random));
+        }
+  ModelText m;
+  m.parameters = {"b0", "b1", "s1", "s2", "mu", "s3"};
+  const Term inner = varies ? Term("s2") * exp(Term("b1") * 0.1 * "flag") : Term("s2");
+  m.levels = {{"subject", {"u"}, {Term(0.0), Term("s1")}}, {"middle", {"v"}, {Term("mu"), inner}}};
+  Term eta = Term("b0") + Term("b1") * "x" + "u" + "v";
+  if (depth > 2) {
+    m.levels.push_back({"leaf", {"w"}, {Term(0.0), Term("s3")}});
+    eta = eta + Term("w") * 1.5;
+  } else {
+    m.parameters.pop_back();
+  }
+  m.columns = {{"subject", outer}, {"middle", middle}, {"leaf", leaf}, {"y", y}, {"x", x}, {"flag", flag}};
+  m.assignments = {{"eta", eta}, {"_ll", Term("y") * "eta" - exp(Term("eta"))}};
+  return m;
+}
+
+std::vector<double> single_parameters(const ModelText& m)
+{
+  std::vector<double> theta = {0.2, 0.35, 0.3, 0.2, 0.1, 0.15};
+  theta.resize(m.parameters.size());
+  return theta;
+}
+
 } // namespace
 
 TEST(Nested, LinearModelsHaveTheirExactLikelihood)
@@ -106,6 +147,60 @@ TEST(Nested, ThreadCountsGiveEqualBits)
     EXPECT_EQ(objective(*n, theta, true), expected) << threads;
     EXPECT_EQ(n->objgrad, one->objgrad) << threads;
     EXPECT_EQ(n->ebtrial, one->ebtrial) << threads;
+  }
+}
+
+TEST(Nested, GradientsOfSingleEffectsAgreeWithDifferences)
+{
+  for (const int depth : {2, 3})
+    for (const bool varies : {false, true})
+      for (const Rule rule : {Rule{true, true, 3}, Rule{true, true, 1}, Rule{true, false, 4}, Rule{false, false, 4}}) {
+        const auto text = single_effects(depth, 9, varies);
+        const auto theta = single_parameters(text);
+        const auto n = make_run(text, rule);
+        ASSERT_LT(objective(*n, theta, true), model::failure_objective);
+        const auto gradient = n->objgrad;
+        for (std::size_t j = 0; j < theta.size(); ++j) {
+          constexpr double h = 2e-5;
+          auto up = theta, down = theta;
+          up[j] += h, down[j] -= h;
+          const double difference = (objective(*n, up) - objective(*n, down)) / (2.0 * h);
+          EXPECT_NEAR(gradient[j], difference, 1e-6 * (1.0 + std::abs(difference)))
+              << depth << varies << rule.points << ' ' << j;
+        }
+      }
+}
+
+// Leaves are taken four at a time, across nests: who stands beside them, and nests that fail, do not show.
+TEST(Nested, NestsDoNotSeeThoseBesideThem)
+{
+  for (const int depth : {2, 3}) {
+    auto text = single_effects(depth, 20, true);
+    text.assignments[1].second = text.assignments[1].second + log(Term("flag"));
+    const auto theta = single_parameters(text);
+    const auto& names = text.columns[0].second;
+    const auto together = make_run(text, {true, true, 3});
+    objective(*together, theta, true);
+    int compared = 0;
+    for (int s = 0; s < 20; ++s) {
+      const auto at = static_cast<std::size_t>(s);
+      if (together->slot_value[at] == 0.0) continue; // its batch came after one with a failure
+      EXPECT_EQ(together->slot_status[at] != 0, s % 7 == 3) << s;
+      if (together->slot_status[at] != 0) continue;
+      ++compared;
+      auto alone = text;
+      for (auto& column : alone.columns) {
+        std::vector<double> kept;
+        for (std::size_t r = 0; r < column.second.size(); ++r)
+          if (names[r] == 100.0 + s) kept.push_back(column.second[r]);
+        column.second = kept;
+      }
+      const auto n = make_run(alone, {true, true, 3});
+      EXPECT_EQ(objective(*n, theta, true), together->slot_value[at]) << s;
+      for (std::size_t j = 0; j < theta.size(); ++j)
+        EXPECT_EQ(n->slot_grad[j], together->slot_grad[at * static_cast<std::size_t>(together->grad_stride) + j]) << s;
+    }
+    EXPECT_GT(compared, 8);
   }
 }
 

@@ -41,19 +41,41 @@ namespace {
 template <int OWN> class NestGradient {
 public:
   NestGradient(const NX& n, TVLThreadCtx& ctx)
-      : n_(n), b_(ctx.batch), w_(ctx.nests), np_(n.nparm), rows_(n), s_(n.qscale * root_two)
+      : n_(n), ctx_(ctx), b_(ctx.batch), w_(ctx.nests), np_(n.nparm), rows_(n), s_(n.qscale * root_two)
   {
   }
 
-  void compute(int nest)
+  // Of all good nests.
+  void compute()
   {
-    nest_ = static_cast<std::size_t>(nest);
-    gradient_ = w_.gradient.data() + static_cast<long>(nest) * np_;
-    std::fill_n(gradient_, np_, 0.0);
-    clear();
-    share_weights();
-    NestLevel& leaf = w_.level.front();
-    for (int v = first(leaf); v < last(leaf); ++v) leaf_sums(v);
+    for_good([&] {
+      std::fill_n(gradient_, np_, 0.0);
+      clear();
+      share_weights();
+    });
+    if constexpr (OWN == 1)
+      sum_single_leaves(n_, ctx_);
+    else
+      for_good([&] {
+        NestLevel& leaf = w_.level.front();
+        for (int v = first(leaf); v < last(leaf); ++v) leaf_sums(v);
+      });
+    for_good([&] { finish(); });
+  }
+
+private:
+  template <class F> void for_good(F&& f)
+  {
+    for (int nest = 0; nest < w_.nests; ++nest) {
+      nest_ = static_cast<std::size_t>(nest);
+      if (w_.failure[nest_] != 0) continue;
+      gradient_ = w_.gradient.data() + static_cast<long>(nest) * np_;
+      f();
+    }
+  }
+
+  void finish()
+  {
     for (std::size_t k = 1; k < w_.level.size(); ++k)
       for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) node_sums(k, v);
     note_null_directions();
@@ -61,7 +83,6 @@ public:
     for (std::size_t k = 0; k < w_.level.size(); ++k) through_arguments(k);
   }
 
-private:
   static int own_of(const NestLevel& l) { return OWN > 0 ? OWN : l.own; }
   static int triangle_of(const NestLevel& l) { return own_of(l) * (own_of(l) + 1) / 2; }
   int first(const NestLevel& l) const { return l.nodes->first[nest_]; }
@@ -243,7 +264,8 @@ private:
       for_ancestors(level, v, [&](NestLevel& a, int node) {
         const double* const from = a.deviation.data() + static_cast<long>(node) * own_of(a) * a.joint() + p % a.joint();
         for (int i = 0; i < own; ++i)
-          for (int j = 0; j < own_of(a); ++j) regression_bar[i * l.above + a.place + j] += given[i] * from[j * a.joint()];
+          for (int j = 0; j < own_of(a); ++j)
+            regression_bar[i * l.above + a.place + j] += given[i] * from[j * a.joint()];
       });
       pull_ancestors(level, v, p, given, b);
     }
@@ -466,15 +488,17 @@ private:
     double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
     const double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own_of(l);
     evaluation::cholesky_adjoint(own_of(l), modes::factor_of(l, v), factor_bar, n_.singchol);
-    const double* row =
-        l.arguments.data() + static_cast<long>(prior) * reff.setup.places + reff.argument_derivative(0, 0, np_);
-    for (int a = 0; a < reff.nd; ++a, row += np_) {
-      const double bar = a < own_of(l) ? mean_bar[a] : factor_bar[a - own_of(l)];
-      for (int j = 0; j < np_; ++j) gradient_[j] -= bar * row[j];
-    }
+    const double* const by = l.arguments.data() + static_cast<long>(prior) * reff.setup.places;
+    auto moved = reff.moved.begin();
+    for (int j = 0; j < np_; ++j)
+      for (; moved != reff.moved.begin() + reff.moved_first[static_cast<std::size_t>(j) + 1]; ++moved)
+        gradient_[j] -=
+            (moved->argument < own_of(l) ? mean_bar[moved->argument] : factor_bar[moved->argument - own_of(l)]) *
+            by[moved->place];
   }
 
   const NX& n_;
+  TVLThreadCtx& ctx_;
   BatchWork& b_;
   NestWork& w_;
   std::size_t nest_ = 0;
@@ -484,13 +508,6 @@ private:
   double* gradient_ = nullptr; // of the nest
   double scratch_[2 * modes::most_effects * modes::most_effects];
 };
-
-template <int OWN> void compute_all(const NX& n, TVLThreadCtx& ctx)
-{
-  NestGradient<OWN> gradient(n, ctx);
-  for (int nest = 0; nest < ctx.nests.nests; ++nest)
-    if (ctx.nests.failure[static_cast<std::size_t>(nest)] == 0) gradient.compute(nest);
-}
 
 // Cross and third derivatives at the modes of all leaves of good nests.
 int leaf_curvature(const NX& n, TVLThreadCtx& ctx)
@@ -513,9 +530,9 @@ int nest_gradients(const NX& n, TVLThreadCtx& ctx)
     if (const int rc = leaf_curvature(n, ctx); rc > 2) return rc;
   const auto& levels = ctx.nests.level;
   if (std::all_of(levels.begin(), levels.end(), [](const NestLevel& l) { return l.own == 1; }))
-    compute_all<1>(n, ctx);
+    NestGradient<1>(n, ctx).compute();
   else
-    compute_all<0>(n, ctx);
+    NestGradient<0>(n, ctx).compute();
   return 0;
 }
 

@@ -9,4 +9,9 @@ namespace torvale::integration {
 // code above 2.
 int nest_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
 
+// sum_single_leaves: the sums over the points of the leaves of good nests, where every level has one effect: into their
+// rows and those of their ancestors and into the nests' gradients, which must be clear. Overwrites columns of the
+// nests.
+void sum_single_leaves(const model::NX& n, model::TVLThreadCtx& ctx);
+
 } // namespace torvale::integration

@@ -2,6 +2,7 @@
 
 #include "evaluation/lane_loops.h"
 #include "evaluation/record_sums.h"
+#include "evaluation/slot_group.h"
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
@@ -11,6 +12,7 @@
 
 namespace torvale::integration {
 
+using evaluation::Four;
 using model::BatchWork;
 using model::NestLevel;
 using model::NestWork;
@@ -69,10 +71,29 @@ public:
       if (const int rc = add_block(w_.columns.data() + first, count, own, outer); rc != 0) return rc;
       first += count;
     }
+    static const auto build = evaluation::build_for_machine(take_logarithms<Four>, take_logarithms_avx2);
+    build(b_, w_, leaf_.outer);
     return 0;
   }
 
 private:
+  // Peaks become the logs of the integrals; rows are a whole number of vectors.
+  template <class T> static void take_logarithms(const BatchWork& b, NestWork& w, long outer)
+  {
+    using Group = evaluation::SlotGroup<T>;
+    const T failed = T{} + model::failed_point;
+    for (long p = 0; p < outer; ++p)
+      for (long at = p * b.mode_stride; at < p * b.mode_stride + b.slots; at += Group::width) {
+        const T total = Group::load(w.total.data() + at), peak = Group::load(w.peak.data() + at);
+        const T log_total = Group::logarithm(total > 0.0 ? total : T{} + 1.0);
+        Group::store(total > 0.0 ? log_total + peak : failed, w.peak.data() + at);
+      }
+  }
+  TORVALE_AVX2_BUILD static void take_logarithms_avx2(const BatchWork& b, NestWork& w, long outer)
+  {
+    take_logarithms<Four>(b, w, outer);
+  }
+
   int add_block(const int* slots, int count, int own, int outer)
   {
     for (long p = 0; p < leaf_.outer; p += outer)

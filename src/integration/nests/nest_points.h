@@ -19,8 +19,9 @@ struct LeafMoments {
   explicit LeafMoments(const model::NX& n);
 };
 
-// sum_leaf_points: peak, total and, with gradient, moments of all leaves of good nests in ctx.nests. Needs deviation
-// and effects of the levels above, z, spread and tilt of the leaves. Returns 0 or the engine's code above 2.
+// sum_leaf_points: total and, with gradient, moments of all leaves of good nests in ctx.nests, and in the place of the
+// peaks the logs of the integrals given the ancestors. Needs deviation and effects of the levels above, z, spread and
+// tilt of the leaves. Returns 0 or the engine's code above 2.
 int sum_leaf_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
 
 void size_leaf_points(const model::NX& n, model::TVLThreadCtx& ctx);

@@ -147,7 +147,7 @@ void add_leaves(const BatchWork& b, NestWork& w, int nest)
     double* const weight = parents.weight.data() + leaf.nodes->parent[static_cast<std::size_t>(v)] * parents.joint();
     for (long p = 0; p < leaf.outer; ++p) {
       const auto at = static_cast<std::size_t>(p * b.mode_stride + slot);
-      add_log(weight[p], w.total[at] > 0.0 ? std::log(w.total[at]) + w.peak[at] : model::failed_point);
+      add_log(weight[p], w.peak[at]);
     }
   }
 }

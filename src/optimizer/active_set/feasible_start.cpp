@@ -12,7 +12,9 @@ namespace {
 using matrix::packed_row;
 using matrix::zvdot11;
 
-// Puts x into the bounds; within the tolerance of a bound it is put on it. Returns true when x had been outside.
+// Puts x into the bounds; where it stands so near inside of a bound that the two differ by rounding it is put on it.
+// How near 0 is to a bound of 0 depends on units: there nothing is rounding. Returns true when x had been outside by
+// more than the tolerance.
 bool clamp_to_bounds(MINSTR* str)
 {
   bool moved = false;
@@ -20,10 +22,10 @@ bool clamp_to_bounds(MINSTR* str)
   for (long i = 0; str->bounds != 0 && i < str->nvar; ++i) {
     double& x = str->x[i];
     const double low = str->lb[i], high = str->ub[i];
-    if (low > -largest && x - low <= (std::abs(low) + 1.0) * t) {
+    if (low > -largest && x - low <= std::abs(low) * t) {
       moved = moved || low - x > (std::abs(low) + 1.0) * t;
       x = low;
-    } else if (high < largest && high - x <= (std::abs(high) + 1.0) * t) {
+    } else if (high < largest && high - x <= std::abs(high) * t) {
       moved = moved || x - high > (std::abs(high) + 1.0) * t;
       x = high;
     }

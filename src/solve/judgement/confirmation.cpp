@@ -8,6 +8,7 @@
 #include "solve/judgement/continuation.h"
 #include "solve/judgement/fit_codes.h"
 #include "solve/judgement/fresh_start.h"
+#include "solve/judgement/straight_judgement.h"
 
 #include <algorithm>
 #include <cmath>
@@ -34,9 +35,10 @@ void FitEnd::assess()
   accurate_ = true;
   const auto before = std::move(coordinates_);
   coordinates_ = std::make_unique<FitCoordinates>(n_, x_.data());
-  if (before != nullptr)
-    for (int i = 0; i < n_.nparm; ++i)
-      if (before->same_kind(*coordinates_, i)) coordinates_->set_scale(i, before->scale(i));
+  for (int i = 0; i < n_.nparm; ++i) {
+    const bool known = before != nullptr && before->same_kind(*coordinates_, i);
+    coordinates_->set_scale(i, known ? before->scale(i) : coordinates_->first_scale(i));
+  }
   FitSurface surface(n_, *coordinates_);
   std::vector<double> g(x_.size());
   const std::vector<double> origin(x_.size(), 0.0);
@@ -44,6 +46,18 @@ void FitEnd::assess()
   judgement_ = judge(surface, f_, g.data());
   judgement_.bend.resize(x_.size() * x_.size());
   if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
+  if (at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+}
+
+// A ridge that ends where the coordinates do is straight by the parameters: then these are the coordinates.
+void FitEnd::ask_by_parameters()
+{
+  StraightJudgement found = judge_straight(n_, *coordinates_, x_, f_);
+  const Judgement& j = found.judgement;
+  constexpr double well_known = 1e-3; // elements of the Hessian
+  if (j.null.empty() || j.indefinite || !j.separated.empty() || j.curvature.accuracy > well_known) return;
+  judgement_ = std::move(found.judgement);
+  coordinates_ = std::move(found.coordinates);
 }
 
 void FitEnd::move_to(const std::vector<double>& x)

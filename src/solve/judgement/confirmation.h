@@ -41,6 +41,7 @@ private:
   bool quickly_confirmed();
   // confirmation.cpp
   void assess();
+  void ask_by_parameters();
   bool go_on();
   bool sharpen();
   void settle(int code);

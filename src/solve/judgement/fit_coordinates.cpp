@@ -70,6 +70,19 @@ FitCoordinates::FitCoordinates(const NX& n, const double* x, bool factors)
     if (reff.distrtype == 0) add_blocks(n, reff, x);
 }
 
+FitCoordinates FitCoordinates::straight(const NX& n, const double* x)
+{
+  const FitCoordinates bent(n, x);
+  FitCoordinates c(n, x, false);
+  auto variances = bent.edge_diagonals();
+  if (bent.logarithm() >= 0) variances.push_back(bent.logarithm());
+  for (const int i : variances) {
+    auto& lower = c.lower_[static_cast<std::size_t>(i)];
+    lower = std::max(lower, 0.0);
+  }
+  return c;
+}
+
 void FitCoordinates::add_logarithm(const ModelLists& n)
 {
   for (const auto& stmt : n.proc->statements) {
@@ -184,6 +197,12 @@ void FitCoordinates::add_block(const std::vector<std::vector<int>>& parameter, c
       in_block_[static_cast<std::size_t>(p)] = 1;
     }
   blocks_.push_back(std::move(block));
+}
+
+double FitCoordinates::first_scale(int i) const
+{
+  constexpr double share = 1e-6; // of its own size: far above rounding
+  return i == logarithm_ ? 1.0 : std::max(1.0, share * own_size(i));
 }
 
 double FitCoordinates::factor(const Block& b, int r, int c, const double* t) const
@@ -310,11 +329,6 @@ bool FitCoordinates::variance(int i) const
   return std::find(diagonals.begin(), diagonals.end(), i) != diagonals.end();
 }
 
-bool FitCoordinates::near_edge(double share) const
-{
-  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return on_edge(b, share); });
-}
-
 bool FitCoordinates::on_edge(const Block& b, double share) const
 {
   const std::vector<double> zero(origin_.size(), 0.0);
@@ -325,6 +339,16 @@ bool FitCoordinates::on_edge(const Block& b, double share) const
     if (pivot * pivot <= share * own) return true;
   }
   return false;
+}
+
+bool FitCoordinates::near_edge(double share) const
+{
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return on_edge(b, share); });
+}
+
+bool FitCoordinates::near_joint_edge(double share) const
+{
+  return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& b) { return b.order > 1 && on_edge(b, share); });
 }
 
 } // namespace torvale::solve

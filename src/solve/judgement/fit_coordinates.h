@@ -27,6 +27,9 @@ public:
   // factors false: scales only, no factors and no logarithm.
   FitCoordinates(const model::NX& n, const double* x, bool factors = true);
 
+  // straight: the parameters themselves, but for scales; variances that the bent coordinates hold end at 0.
+  static FitCoordinates straight(const model::NX& n, const double* x);
+
   int size() const { return static_cast<int>(origin_.size()); }
   double origin(int i) const { return origin_[static_cast<std::size_t>(i)]; }
   // A step of this length changes the parameter as much as it is large: its own size, 1 for a logarithm; 0 at zero.
@@ -37,6 +40,9 @@ public:
   }
   double scale(int i) const { return scale_[static_cast<std::size_t>(i)]; }
   void set_scale(int i, double s) { scale_[static_cast<std::size_t>(i)] = s; }
+
+  // first_scale: one to begin with where nothing is known.
+  double first_scale(int i) const;
 
   // parameters: x at t. gradient: derivatives by t from those by x. jacobian: dx/dt, dense by rows.
   void parameters(const double* t, double* x) const;
@@ -65,6 +71,8 @@ public:
   // Factors with a diagonal element below `share` of the root of its own variance: G is near the edge there.
   bool near_edge(double share) const;
   static constexpr double edge_share = 1e-6;
+  // The same of factors with more than one effect: an edge that is no bound of a parameter.
+  bool near_joint_edge(double share) const;
   // Coordinates of the diagonal elements of all factors. variance: coordinate i is one of them.
   std::vector<int> edge_diagonals() const;
   bool variance(int i) const;

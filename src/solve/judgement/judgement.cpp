@@ -2,6 +2,7 @@
 
 #include "matrix/eigenvalues.h"
 #include "solve/judgement/test_steps.h"
+#include "solve/judgement/valleys.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,7 +18,7 @@ public:
   {
   }
 
-  void judge()
+  void judge(double least_asked = -1.0)
   {
     out_.allowed = std::max({gain_allowed, 10.0 * evaluation_noise(2.0 * f_), 20.0 * out_.curvature.noise});
     if (!decompose()) return;
@@ -26,6 +27,9 @@ public:
     sort_eigenvalues();
     reduction();
     if (out_.indefinite || out_.gain > out_.allowed) return; // no minimum; the rest would only cost
+    if (m() > 0 && out_.eigenvalues.back() < least_asked) return;
+    measure_valleys(surface_, out_);
+    if (!out_.better.empty()) return;
     finite_tests(surface_, f_, g_, out_);
   }
 
@@ -84,7 +88,7 @@ private:
   void sort_eigenvalues()
   {
     // A curvature so slight that it gives less than the allowed gain over the coordinate's own unit is none.
-    out_.tolerance = std::max(1e-8, 10.0 * out_.curvature.accuracy);
+    out_.tolerance = std::max(null_curvature, 10.0 * out_.curvature.accuracy);
     // Noise makes the coordinates' own differences coarse; turned directions have been tried over several lengths.
     if (out_.curvature.turned && out_.curvature.noise > 0.0) out_.tolerance = std::min(out_.tolerance, 0.05);
     for (int k = 0; k < m(); ++k) {
@@ -93,12 +97,7 @@ private:
       if (value < -std::max(out_.tolerance, 1e-4))
         out_.indefinite = true;
       else
-        out_.null.push_back(k);
-    }
-    for (const int k : out_.null) {
-      out_.eigenvalues[static_cast<std::size_t>(k)] = 0.0;
-      const double unit = 1.0 / length(k);
-      for (int i = 0; i < m(); ++i) out_.directions[static_cast<std::size_t>(i * m() + k)] *= unit;
+        out_.note_null(k);
     }
   }
 
@@ -120,7 +119,7 @@ private:
       least = std::min(least, value);
       out_.gain += along(k) * along(k) / value;
     }
-    out_.doubtful_curvature = (least < 1e-2 && slope > 0.1 * least) || bent() > 0.1 * least;
+    out_.doubtful_curvature = (least < 0.1 && slope > 0.1 * least) || bent() > 0.1 * least;
   }
 
   // The largest share of a curvature that is the slope by a parameter in its logarithm, or in its root.
@@ -142,6 +141,16 @@ private:
 
 } // namespace
 
+void Judgement::note_null(int k)
+{
+  const int m = curvature.size();
+  double square = 0.0;
+  for (int i = 0; i < m; ++i) square += std::pow(directions[static_cast<std::size_t>(i * m + k)], 2);
+  for (int i = 0; i < m; ++i) directions[static_cast<std::size_t>(i * m + k)] /= std::sqrt(square);
+  eigenvalues[static_cast<std::size_t>(k)] = 0.0;
+  null.push_back(k);
+}
+
 std::vector<int> free_coordinates(const FitCoordinates& c, const double* g)
 {
   std::vector<int> free;
@@ -152,11 +161,11 @@ std::vector<int> free_coordinates(const FitCoordinates& c, const double* g)
   return free;
 }
 
-Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g)
+Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g, double least)
 {
   Judgement out;
   out.curvature = std::move(curvature);
-  Spectrum(surface, f, g, out).judge();
+  Spectrum(surface, f, g, out).judge(least);
   return out;
 }
 

@@ -10,6 +10,8 @@ namespace torvale::solve {
 
 // What is asked of a minimum. Values of the objective count as -2 log L, twice the objective.
 inline constexpr double gain_allowed = 1e-4;
+// A curvature at unit diagonal that is none.
+inline constexpr double null_curvature = 1e-8;
 
 // Judgement: what the tests found at t = 0 of the coordinates.
 struct Judgement {
@@ -40,6 +42,9 @@ struct Judgement {
     return measured && !indefinite && !creeps && gain <= allowed && separated.empty() && better.empty();
   }
   double allowed = gain_allowed; // gain_allowed, or ten times the evaluation's noise
+
+  // Direction k is flat: its eigenvalue becomes 0, its length 1.
+  void note_null(int k);
 };
 
 // free_coordinates: those that no bound fixes, and not those at a bound that the gradient g (by t) presses on.
@@ -59,7 +64,8 @@ double least_rise(const Judgement& judged);
 // The rises become those of this surface. at_origin: its value at t = 0, where that is known.
 bool rises_stand(FitSurface& refined, std::vector<Judgement::Rise>& rises, std::optional<double> at_origin);
 
-// judge_given: the same with a Hessian that is there already.
-Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g);
+// judge_given: the same with a Hessian that is there already. Where an eigenvalue is below `least` no steps are tried:
+// the point is to be judged otherwise.
+Judgement judge_given(FitSurface& surface, Curvature curvature, double f, const double* g, double least = -1.0);
 
 } // namespace torvale::solve

@@ -104,6 +104,13 @@ bool FitEnd::quickly_confirmed()
   for (const int i : factors.edge_diagonals())
     if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
       return false;
+  // A bound that is not pressed on may be the end of a ridge, and gradients at the end of a variance rounding.
+  for (int i = 0; i < n_.nparm; ++i) {
+    const bool held = std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end();
+    if (!held || c->fixed(i)) continue;
+    const bool slight = h(i, i) > 0.0 && std::abs(str.grad[i]) < 0.05 * std::sqrt(h(i, i));
+    if (slight || i == factors.logarithm()) return false;
+  }
   std::vector<double> g(str.grad, str.grad + n_.nparm);
   for (const int i : curvature.free) {
     if (!(h(i, i) > 0)) return false;
@@ -122,8 +129,11 @@ bool FitEnd::quickly_confirmed()
     }
   curvature.unturned();
   FitSurface surface(n_, *c);
-  Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data());
-  if (!found.minimum() || !found.null.empty() || (m > 0 && found.eigenvalues.back() < 1e-2)) return false;
+  constexpr double least = 1e-2; // curvature that leaves no doubt
+  Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data(), least);
+  if (!found.minimum() || found.doubtful_curvature || !found.null.empty() ||
+      (m > 0 && found.eigenvalues.back() < least))
+    return false;
   judgement_ = std::move(found);
   coordinates_ = std::move(c);
   return true;

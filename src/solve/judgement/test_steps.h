@@ -55,15 +55,19 @@ public:
   {
     constexpr int most_halvings = 20, before_the_edge = 4;
     constexpr double share = 1e-3, nothing = 1e-8;
+    // (Halfway along a parabola that rises by little there is little left, too: it is a quarter.)
+    const double flat = std::min(gain_allowed, 0.1 * back), none = std::min(gain_allowed, nothing * back);
     for (int halving = 0; halving <= most_halvings; ++halving) {
       double part = std::ldexp(1.0, -halving);
       const double rise = change(part * a);
       if (!(rise < fails)) continue;
-      if (rise < gain_allowed || change(0.5 * part * a) < gain_allowed) return true;
+      if (rise < flat || change(0.5 * part * a) < flat) return true;
       if (halving == 0 || !(change(-0.5 * a) < share * back)) return false;
       part *= 0.25;
-      for (int more = 0; more < before_the_edge; ++more, part *= 0.5)
-        if (change(part * a) < nothing * back) return true;
+      for (int more = 0; more < before_the_edge; ++more, part *= 0.5) {
+        const double out = change(part * a);
+        if (out < none && (out <= 0.0 || out < 0.5 * change(-part * a))) return true;
+      }
       return false;
     }
     return false;

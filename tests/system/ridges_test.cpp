@@ -1,0 +1,119 @@
+// Parameters that the data know by their sum or their product alone: wherever on the ridge a technique stops, at its
+// ends too, they are named and have no standard error, and the others have theirs.
+
+#include "system/session.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <tuple>
+
+namespace torvale::tests {
+
+namespace {
+
+struct Ridge {
+  const char* name;
+  int size; // records of a subject
+  const char* model;
+  std::vector<std::string> ridge, others;
+  double power; // of the response's unit in a parameter of the ridge
+};
+
+const Ridge ridges[] = {
+    {"one record",
+     1,
+     "MODEL w ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id;",
+     {"s2u", "s2"},
+     {"b0", "b1"},
+     2},
+    {"two effects",
+     4,
+     "MODEL w ~ NORMAL(b0 + b1*x + u + v, s2); RANDOM u v ~ NORMAL([0, 0], [s2u, 0, s2v]) SUBJECT=id;",
+     {"s2u", "s2v"},
+     {"b0", "b1", "s2"},
+     2},
+    {"sum",
+     4,
+     "MODEL w ~ NORMAL(b0 + b1*x + u, s2a + s2b); RANDOM u ~ NORMAL(0, s2) SUBJECT=id;",
+     {"s2a", "s2b"},
+     {"b0", "b1", "s2"},
+     2},
+    {"sum in G",
+     4,
+     "MODEL w ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2a + s2b) SUBJECT=id;",
+     {"s2a", "s2b"},
+     {"b0", "b1", "s2"},
+     2},
+    {"product", 1, "MODEL w ~ NORMAL(b0 + b1*x, p*q);", {"p", "q"}, {"b0", "b1"}, 1}};
+
+std::string data(int size)
+{
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < 20 * (size > 1 ? 2 : 1); ++i) {
+    const int effect = size > 1 ? (i / size * 5 % 7) * 2 : 0;
+    csv += std::to_string(i / size) + "," + std::to_string(i * 7 % 11 - 5) + "," +
+           std::to_string((i * i * 3 + i) % 13 + effect) + "\n";
+  }
+  return csv;
+}
+
+std::string program(const Ridge& ridge, const std::string& bound, double first, double second, double unit)
+{
+  char parms[200];
+  const double u = std::pow(unit, ridge.power);
+  std::snprintf(parms, sizeof parms, "PARMS b0=0 b1=0 %s=%.17g %s=%.17g", ridge.ridge[0].c_str(), first * u,
+                ridge.ridge[1].c_str(), second * u);
+  std::string text = parms, bounds;
+  for (const auto& name : ridge.others)
+    if (name == "s2") text += " s2=" + std::to_string(unit * unit);
+  for (const auto& name : {ridge.ridge[0], ridge.ridge[1]})
+    if (!bound.empty()) bounds += (bounds.empty() ? "BOUNDS " : ", ") + name + bound;
+  return text + "; " + bounds + (bounds.empty() ? " " : "; ") + "w = y*" + std::to_string(unit) + "; " + ridge.model +
+         " RUN;";
+}
+
+} // namespace
+
+TEST(Ridges, HaveNoStandardErrors)
+{
+  for (const auto& ridge : ridges) {
+    const TemporaryFile file("ridge.csv", data(ridge.size));
+    for (const std::string technique : {"", "TECHNIQUE=NEWRAP", "TECHNIQUE=TRUREG"})
+      for (const std::string bound : {"", ">=0"})
+        for (const auto& [first, second, unit] : {std::tuple(40.0, 0.01, 1.0), std::tuple(1000.0, 1.0, 1e6)}) {
+          const auto run = run_text("TORVALE DATA='" + file.path() + "' " + technique + "; " +
+                                    program(ridge, bound, first, second, unit));
+          const auto where = std::string(ridge.name) + " " + technique + " " + bound + " " + std::to_string(first) +
+                             " " + std::to_string(unit);
+          EXPECT_EQ(run.outcome.exit_code, 6) << where << run.log;
+          for (const auto& name : ridge.ridge)
+            EXPECT_TRUE(std::isnan(run.number("ParameterEstimates", name, "StandardError"))) << where << name;
+          for (const auto& name : ridge.others)
+            EXPECT_GT(run.number("ParameterEstimates", name, "StandardError"), 0.0) << where << name;
+        }
+  }
+}
+
+// A start between 0 and the tolerance of a bound there is a start like any other, and an estimate so near its bound
+// stays where it was found unless the bound is as good.
+TEST(Ridges, SmallUnitsDoNotPutVariancesOnTheirBounds)
+{
+  const TemporaryFile file("ridge.csv", data(4));
+  const std::string model = "MODEL w ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  const auto fit = [&](const std::string& unit, const std::string& variance) {
+    return run_text("TORVALE DATA='" + file.path() + "'; PARMS b0=0 b1=0 s2u=" + variance + " s2=" + variance +
+                    "; BOUNDS s2u>=0, s2>=0; w = y*" + unit + "; " + model);
+  };
+  const auto large = fit("1", "1"), small = fit("1e-5", "1e-10");
+  EXPECT_EQ(large.outcome.exit_code, 0) << large.log;
+  EXPECT_EQ(small.outcome.exit_code, 0) << small.log;
+  for (const std::string name : {"s2u", "s2"}) {
+    const double estimate = large.number("ParameterEstimates", name, "Estimate");
+    EXPECT_GT(estimate, 1.0) << name;
+    EXPECT_NEAR(small.number("ParameterEstimates", name, "Estimate"), 1e-10 * estimate, 1e-13 * estimate) << name;
+  }
+}
+
+} // namespace torvale::tests
