@@ -1,14 +1,14 @@
 #pragma once
-// The last evaluation, put by while others are made.
+// What the last evaluation found, put by while others are made.
 
 #include "model/run_record.h"
 
 namespace torvale::integration {
 
-// KeptEvaluation: what tvllike found last, its slots and modes included, is there again when this goes: the next call
-// at its point costs nothing, and outer products are those of that point. Keeps nothing where the last evaluation
-// failed or had no gradient. Costs as much memory as the slots and the modes. Points and batches may not change
-// meanwhile.
+// KeptEvaluation: value and gradient at a point whose modes have been accepted are there again when this goes: for
+// nlpfunc, which finds them in place of an evaluation, and with the modes. What the slots hold is not kept, for that is
+// as much as the slots themselves: who wants it has tvllike evaluate. Keeps nothing where the last evaluation failed or
+// had no gradient.
 class KeptEvaluation {
 public:
   explicit KeptEvaluation(model::NX& n);
@@ -20,8 +20,11 @@ private:
   model::NX& n_;
   std::vector<double> point_; // empty: nothing is kept
   double objective_ = 0.0;
-  std::vector<double> gradient_, slot_value_, slot_gradient_, modes_;
-  std::vector<char> known_;
+  std::vector<double> gradient_;
 };
+
+// recall_evaluation: value and gradient at n.parm into objfun and objgrad, where they are what has been kept. False
+// where they are not.
+bool recall_evaluation(model::NX& n);
 
 } // namespace torvale::integration

@@ -2,6 +2,7 @@
 
 #include "host/messages/names/methods.h"
 #include "host/messages/names/optimization.h"
+#include "integration/kept_evaluation.h"
 #include "integration/objective.h"
 
 #include "evaluation/likelihood_programs.h"
@@ -20,10 +21,11 @@ namespace {
 // program's own STOP or ABORT makes, ends the optimization.
 int evaluate(MINSTR* str, NX& n)
 {
-  // The covariance begins where the technique has ended; what follows it is not the technique's until it is started anew.
+  // The covariance begins where the technique has ended; what follows it is not the technique's until it is started
+  // anew.
   if (n.host != nullptr && str->indf == optimizer::purpose_final) n.host->stages().enter(host::Stage::covariance);
   if (str->x != n.parm.data()) n.parm.assign(str->x, str->x + n.nparm);
-  const int rc = tvllike(n);
+  const int rc = recall_evaluation(n) ? 0 : tvllike(n);
   str->crit = n.objfun;
   if (rc > 1 || (n.host != nullptr && n.host->interrupted())) str->stop = 1;
   return rc;

@@ -220,8 +220,8 @@ struct GroupState {
   std::vector<double> ebtrial;  // written by the last evaluation
   std::vector<char> ebtrial_known;
   std::vector<double> ebtrial_point; // parameter vector that ebtrial belongs to; empty when none
-  enum class Evaluated : char { nothing, value, gradient };
-  Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point
+  enum class Evaluated : char { nothing, sums, value, gradient };
+  Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point; sums: they have been overwritten since
   double evaluated_objfun = 0.0;            // the objective there
   // Derivatives of the modes by the parameters, nr x np a subject, with one level; empty: not kept. They tell where the
   // modes of a nearby point are.
@@ -238,8 +238,8 @@ struct GroupState {
   std::vector<std::int32_t> batch_records;         // store rows by batch and level
   std::vector<std::int32_t>
       batch_levels; // by batch: places of batch_records, from the batch's first, where levels begin
-  std::vector<std::int32_t> record_rows; // store rows that the tiles visit: the used ones (all, when records carry
-                                         // state); empty with random effects where these are all rows
+  std::vector<std::int32_t> record_rows;  // store rows that the tiles visit: the used ones (all, when records carry
+                                          // state); empty with random effects where these are all rows
   std::vector<std::int32_t> record_first; // per subject: its first entry in record_rows; one more closes the last
   // Slots: one per subject (or per block of observations): value, gradient, status. Summed in the order of slot_tree.h.
   std::int32_t record_row(std::size_t record) const

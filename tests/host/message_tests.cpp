@@ -7,6 +7,7 @@
 #include "host/values/missing.h"
 #include "support.h"
 #include <set>
+#include <tuple>
 
 namespace torvale::host {
 
@@ -16,7 +17,10 @@ TEST(Catalogue, EveryEntryIsUniqueAndWellFormed)
   for (const CatalogueEntry& e : catalogue()) {
     EXPECT_TRUE(seen.emplace(e.group, e.number).second) << e.group << "/" << e.number;
     EXPECT_FALSE(e.text.empty()) << e.number;
-    EXPECT_EQ(find_message(e.group, e.number), &e);
+    const CatalogueEntry* const found = find_message(e.group, e.number);
+    ASSERT_NE(found, nullptr) << e.group << "/" << e.number;
+    EXPECT_EQ(std::tie(found->group, found->number, found->name, found->text, found->severity, found->label),
+              std::tie(e.group, e.number, e.name, e.text, e.severity, e.label));
     int depth = 0;
     for (const char c : e.text) {
       depth += c == '{' ? 1 : c == '}' ? -1 : 0;
@@ -26,6 +30,10 @@ TEST(Catalogue, EveryEntryIsUniqueAndWellFormed)
     EXPECT_TRUE(e.severity == Severity::note || e.text.ends_with('.') || e.text.ends_with(']')) << e.number;
   }
   EXPECT_GT(seen.size(), 300u);
+  for (int group : {0, 352, 503, 549, 9999})
+    for (int number = -3; number < 10000; number += 7)
+      EXPECT_EQ(find_message(group, number) != nullptr, seen.count({group == 0 ? 503 : group, number}) == 1)
+          << group << "/" << number;
 }
 
 TEST(Messages, ArgumentsFillTheTextAndOptionalStretchesFallAway)

@@ -97,7 +97,7 @@ TEST(Convergence, ErrorsAlongTheEdge)
   for (int id = 0; id < 10; ++id)
     for (int x = -1; x < 3; ++x)
       csv += std::to_string(id) + "," + std::to_string(x) + "," +
-             std::to_string(1 + 0.5 * x + effect[id] * (1 + 0.8 * x) + 2 * noise[(4 * id + x + 1) % 13]) + "\n";
+             std::to_string(1 + 0.5 * x + effect[id] * (1 + 0.4 * x) + 3 * noise[(4 * id + x + 1) % 13]) + "\n";
   const auto block = fit_data(csv, "QPOINTS=1; PARMS b0=1 b1=0.5 v=1 c=0 w=1 s2=1; BOUNDS s2 > 0;"
                                    "MODEL y ~ NORMAL(b0 + u + (b1 + t)*x, s2);"
                                    "RANDOM u t ~ NORMAL([0,0],[v,c,w]) SUBJECT=id; RUN;");
@@ -384,6 +384,49 @@ TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
   EXPECT_NEAR(minus2(small), minus2(large), 0.05) << small.log << large.log;
   EXPECT_NEAR(small.number("ParameterEstimates", "s2u", "Estimate"),
               large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);
+}
+
+// Gamma responses: three points change next to nothing of what one point misses. Neither the choice nor the question
+// may rest on them.
+TEST(Convergence, ThreePointsDoNotVouchForOne)
+{
+  std::string csv = "id,x,y\n";
+  const double share[] = {0.18, 0.46, 0.84, 1.3, 2.2};
+  for (int id = 0; id < 80; ++id)
+    for (int j = 0; j < 5; ++j) {
+      const double x = (id * 7 + j * 3) % 11 - 5, u = 1.4 * std::log((id + 0.5) / (79.5 - id));
+      csv += std::to_string(id) + "," + std::to_string(x) + "," +
+             std::to_string(std::exp(0.05 * x + u) * share[(j + id) % 5]) + "\n";
+    }
+  const auto fit = [&](const std::string& options) {
+    return fit_data(csv, options + "; PARMS b0=0 b1=0 v=1; BOUNDS v > 0; m = EXP(b0 + b1*x + u);"
+                                   "MODEL y ~ GAMMA(2, m/2); RANDOM u ~ NORMAL(0, v) SUBJECT=id; RUN;");
+  };
+  const auto one = fit("QPOINTS=1"), three = fit("QPOINTS=3"), many = fit("QPOINTS=31"), chosen = fit("");
+  const double exact = minus2(many);
+  EXPECT_LT(std::abs(minus2(three) - minus2(one)), 1e-4 * std::abs(exact)); // what would have been believed
+  EXPECT_GT(std::abs(minus2(three) - exact), 1e-3 * std::abs(exact));
+  EXPECT_LT(std::abs(minus2(chosen) - exact), 1e-4 * std::abs(exact)) << chosen.log;
+  EXPECT_TRUE(one.said(503, 9416)) << one.log;
+}
+
+// Points are questioned with nested levels too.
+TEST(Convergence, PointsOfNestedLevelsAreQuestioned)
+{
+  const std::string model = "PARMS b0=0 b1=0 vs=1 vc=1; BOUNDS vs > 0, vc > 0;"
+                            "MODEL y ~ BINARY(LOGISTIC(b0 + b1*x + u + w)); RANDOM u ~ NORMAL(0, vs) SUBJECT=school;"
+                            "RANDOM w ~ NORMAL(0, vc) SUBJECT=class(school); RUN;";
+  std::string csv = "school,class,x,y\n";
+  for (int s = 0; s < 20; ++s)
+    for (int c = 0; c < 3; ++c)
+      for (int j = 0; j < 4; ++j) {
+        const bool y = (s * 37 % 20) + 9 * (c * (s + 1) % 3) + 2 * j > 17;
+        csv += std::to_string(s) + "," + std::to_string(c) + "," + std::to_string(j * j % 3) + "," + (y ? "1" : "0") +
+               "\n";
+      }
+  const auto one = fit_data(csv, "QPOINTS=1; " + model), many = fit_data(csv, "QPOINTS=15; " + model);
+  EXPECT_TRUE(one.said(503, 9416)) << one.log;
+  EXPECT_FALSE(many.said(503, 9416)) << many.log;
 }
 
 // Few binary responses whose variance goes on growing (the integral over a fine grid falls up to s2u = 3000 and

@@ -6,37 +6,82 @@ namespace torvale::host {
 
 namespace {
 
-CatalogueTopic topic(std::string_view name, std::span<const CatalogueEntry> entries)
+// What the optimizer says stands in its own table.
+std::span<const CatalogueEntry> optimizer_messages()
 {
-  return {name, {entries.begin(), entries.end()}};
+  static const std::vector<CatalogueEntry> entries = [] {
+    std::vector<CatalogueEntry> all;
+    for (const optimizer::MessageRow& row : optimizer::message_table()) {
+      const Severity severity = row.severity == 1 ? N : row.severity == 2 ? W : E;
+      all.push_back({row.group, row.number, row.name, severity, row.words, row.causes, row.advice});
+    }
+    return all;
+  }();
+  return entries;
 }
 
-// What the optimizer says stands in its own table.
-CatalogueTopic optimizer_topic()
-{
-  CatalogueTopic out{"optimizer", {}};
-  for (const optimizer::MessageRow& row : optimizer::message_table()) {
-    const Severity severity = row.severity == 1 ? N : row.severity == 2 ? W : E;
-    out.entries.push_back({row.group, row.number, row.name, severity, row.words, row.causes, row.advice});
+struct TopicTable {
+  std::string_view name;
+  std::span<const CatalogueEntry> (*entries)();
+};
+constexpr TopicTable tables[] = {
+    {"statements", statements_messages},
+    {"starting_values", starting_values_messages},
+    {"methods", methods_messages},
+    {"optimization", optimization_messages},
+    {"compartments", compartments_messages},
+    {"fit", fit_messages},
+    {"files", files_messages},
+    {"language", language_messages},
+    {"labels", labels_of_tables},
+    {"optimizer", optimizer_messages},
+};
+
+// Where each entry stands, in a hash table with open addresses.
+class Places {
+public:
+  Places()
+  {
+    for (const TopicTable& table : tables)
+      for (const CatalogueEntry& e : table.entries()) {
+        const CatalogueEntry*& place = at(e.group, e.number);
+        if (place == nullptr) place = &e; // of several the first counts, as in the sorted catalogue
+      }
   }
-  return out;
-}
+  const CatalogueEntry* find(int group, int number) { return at(group, number); }
+
+private:
+  static constexpr std::size_t most = 4096; // several times as many as there are entries
+  // The entry's place, or the free one where it would be.
+  const CatalogueEntry*& at(int group, int number)
+  {
+    std::size_t k = static_cast<std::size_t>(group) * 31 + static_cast<std::size_t>(number);
+    while (places_[k % most] != nullptr && (places_[k % most]->group != group || places_[k % most]->number != number))
+      ++k;
+    return places_[k % most];
+  }
+  const CatalogueEntry* places_[most] = {};
+};
 
 } // namespace
 
 const std::vector<CatalogueTopic>& catalogue_topics()
 {
-  static const std::vector<CatalogueTopic> topics = {topic("statements", statements_messages()),
-                                                     topic("starting_values", starting_values_messages()),
-                                                     topic("methods", methods_messages()),
-                                                     topic("optimization", optimization_messages()),
-                                                     topic("compartments", compartments_messages()),
-                                                     topic("fit", fit_messages()),
-                                                     topic("files", files_messages()),
-                                                     topic("language", language_messages()),
-                                                     {"labels", labels_of_tables()},
-                                                     optimizer_topic()};
+  static const std::vector<CatalogueTopic> topics = [] {
+    std::vector<CatalogueTopic> all;
+    for (const TopicTable& table : tables) {
+      const std::span<const CatalogueEntry> entries = table.entries();
+      all.push_back({table.name, {entries.begin(), entries.end()}});
+    }
+    return all;
+  }();
   return topics;
+}
+
+const CatalogueEntry* catalogue_entry(int group, int number)
+{
+  static Places places;
+  return places.find(group, number);
 }
 
 const std::vector<CatalogueEntry>& catalogue()

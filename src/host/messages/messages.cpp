@@ -1,4 +1,6 @@
 #include "host/messages/messages.h"
+
+#include "host/messages/catalogue/topics.h"
 #include "host/messages/names/files.h"
 #include "host/messages/source_excerpt.h"
 #include "host/values/text.h"
@@ -113,13 +115,7 @@ NumberedMessage::NumberedMessage(MessageCode code, const std::vector<std::string
 
 const CatalogueEntry* find_message(int group, int number)
 {
-  const auto& all = catalogue();
-  const auto key =
-      std::pair(group == 0 ? 503 : group, number); // the words of tables stand with the procedure's messages
-  const auto at = std::lower_bound(all.begin(), all.end(), key, [](const CatalogueEntry& e, const auto& k) {
-    return std::pair(e.group, e.number) < k;
-  });
-  return at != all.end() && std::pair(at->group, at->number) == key ? &*at : nullptr;
+  return catalogue_entry(group == 0 ? 503 : group, number); // the words of tables stand with the procedure's messages
 }
 
 std::string explain_message(std::string_view code)

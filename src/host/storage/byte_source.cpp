@@ -189,14 +189,18 @@ std::unique_ptr<ByteSource> bytes_of(std::string_view text)
 
 bool read_all(ByteSource& source, std::string& bytes)
 {
-  std::size_t room = 1 << 14; // most files are small
-  for (;;) {
+  char start[1 << 14]; // most files are small: no memory is made ready for what does not come
+  std::ptrdiff_t n = 0;
+  do {
+    if ((n = source.read(start, sizeof start)) <= 0) return n == 0;
+    bytes.append(start, static_cast<std::size_t>(n));
+  } while (bytes.size() < sizeof start);
+  for (std::size_t room = 2 * sizeof start;; room = std::min(2 * room, chunk)) {
     const std::size_t old = bytes.size();
     bytes.resize(old + room);
-    const std::ptrdiff_t n = source.read(bytes.data() + old, room);
+    n = source.read(bytes.data() + old, room);
     bytes.resize(old + static_cast<std::size_t>(std::max<std::ptrdiff_t>(n, 0)));
     if (n <= 0) return n == 0;
-    room = std::min(2 * room, chunk);
   }
 }
 

@@ -107,7 +107,7 @@ int FitEnd::question_integrals(int code)
   const bool own_choice = n_.nqpspec && (n_.nqp == 1 || change < far * n_.outer().nrepsub);
   const bool harmless = own_choice || change <= 0.02 * least_rise(judgement_);
   if (harmless && !verdict.cut_short_by_qmax) return code;
-  const int in_use = n_.nqp, finer = finer_points(in_use);
+  const int in_use = n_.nqp, finer = finer_points(n_, in_use);
   const bool with_gradient = n_.dograd;
   const double at_estimates = n_.objfun;
   auto rises = judgement_.rises;
@@ -118,7 +118,7 @@ int FitEnd::question_integrals(int code)
     if (!affordable_points(n_, in_use, points)) break;
     take_points(n_, points);
     verdict.unsettled = !rises_stand(surface, rises, std::exchange(at_origin, std::nullopt));
-    points = finer_points(points);
+    points = finer_points(n_, points);
   }
   take_points(n_, in_use);
   n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);

@@ -11,8 +11,8 @@ namespace torvale::solve {
 
 // HessianColumns: evaluations around the optimizer's point str.x, which must be the point that the fit stands at. They
 // start from the modes there and the derivatives of these, and take them as they find them
-// (integration::stand_by_prediction): one pass each. Leaves the record with the evaluation at the point; objective and
-// gradient of str stay.
+// (integration::stand_by_prediction): one pass each. Leaves the record with value and gradient at the point; objective
+// and gradient of str stay.
 class HessianColumns {
 public:
   HessianColumns(model::NX& n, optimizer::MINSTR& str);

@@ -75,17 +75,19 @@ void take_points(NX& n, int points)
   integration::size_contexts(n);
 }
 
-int finer_points(int points)
-{
-  return 2 * points + 1;
-}
-
 bool affordable_points(const NX& n, int in_use, int points)
 {
-  constexpr double most_times_as_dear = 100.0, most_points = 20000.0; // in evaluations of the fit; of one subject
-  const double dimensions = n.leaf().nr;
+  constexpr double most_times_as_dear = 125.0, most_points = 20000.0; // in evaluations of the fit; of one subject
+  double dimensions = 0.0; // of the points of one innermost subject: the effects of all levels
+  for (const auto& level : n.reff) dimensions += level.nr;
   return std::pow(static_cast<double>(points) / in_use, dimensions) <= most_times_as_dear &&
          std::pow(points, dimensions) <= most_points;
+}
+
+int finer_points(const NX& n, int points)
+{
+  constexpr int past_three = 5;
+  return points == 1 && affordable_points(n, 1, past_three) ? past_three : 2 * points + 1;
 }
 
 bool more_points(NX& n, FinerSum& finer)
@@ -99,9 +101,9 @@ bool more_points(NX& n, FinerSum& finer)
   int count = in_use;
   double f = n.str->crit;
   bool settled = false;
-  const bool compared_later = n.method == 0 && n.nreff() == 1 && affordable_points(n, in_use, finer_points(in_use));
+  const bool compared_later = n.method == 0 && affordable_points(n, in_use, finer_points(n, in_use));
   if (compared_later && next_count(n, in_use) > 0) {
-    finer.points = finer_points(in_use);
+    finer.points = finer_points(n, in_use);
     finer.objective = evaluate_with(n, finer.points);
     settled = has_value(finer.objective) && relative_change(n, f, finer.objective) < n.qtol;
   }
@@ -112,7 +114,10 @@ bool more_points(NX& n, FinerSum& finer)
       break;
     }
     const double g = next == finer.points ? finer.objective : evaluate_with(n, next);
-    if (!has_value(g) || relative_change(n, f, g) < n.qtol) break;
+    // Two counts can agree and both be wrong: below the finer one they are held to its sum too.
+    const bool apart =
+        count < finer.points && has_value(finer.objective) && !(relative_change(n, f, finer.objective) < n.qtol);
+    if (!has_value(g) || (!apart && relative_change(n, f, g) < n.qtol)) break;
     count = next;
     f = g;
   }
@@ -131,8 +136,7 @@ void check_points(NX& n, const FinerSum& known)
     n.raise(4);
   }
   if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
-  if (n.nreff() > 1) return leave_out("nested levels");
-  const int in_use = n.nqp, finer = finer_points(in_use);
+  const int in_use = n.nqp, finer = finer_points(n, in_use);
   if (!affordable_points(n, in_use, finer)) return leave_out("an evaluation with twice the points would cost too much");
   const bool with_gradient = n.dograd;
   n.dograd = false;

@@ -24,13 +24,16 @@ struct FinerSum {
 bool more_points(model::NX& n, FinerSum& finer);
 
 // check_points: how much -2 log L at the estimates changes with finer_points(N) per dimension in place of N, into the
-// verdict; left out, with the reason, where that evaluation would cost more than 100 of the fit's. A change above 0.1
+// verdict; left out, with the reason, where that evaluation would cost more than 125 of the fit's. A change above 0.1
 // is a warning, and so is a number that QMAX= has cut short. `known`: of the estimates and the points in use.
 void check_points(model::NX& n, const FinerSum& known);
-int finer_points(int points);
 
+// finer_points: the number of points per dimension that questions `points`: twice as many and one, and five for one
+// where they are affordable. Three points leave the sixth moment of the rule short, by what cancels all that they add
+// to one point where third and fourth derivatives of an integrand go like those of exp (counts and gamma responses).
+int finer_points(const model::NX& n, int points);
 // affordable_points: whether an evaluation with so many points per dimension may be spent on questioning a fit that
-// has in_use: at most 100 evaluations of the fit, and 20,000 points a subject. One level of random effects.
+// has in_use: at most 125 evaluations of the fit, and 20,000 points a subject. One level of random effects.
 bool affordable_points(const model::NX& n, int in_use, int points);
 
 // take_points: so many points from here on; the next evaluation is made with them. A set that cannot be built ends the

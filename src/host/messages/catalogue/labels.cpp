@@ -1,5 +1,7 @@
 #include "host/messages/catalogue/topics.h"
 
+#include <array>
+
 namespace torvale::host {
 
 namespace {
@@ -142,11 +144,15 @@ constexpr LabelRow labels[] = {
 
 } // namespace
 
-std::vector<CatalogueEntry> labels_of_tables()
+std::span<const CatalogueEntry> labels_of_tables()
 {
-  std::vector<CatalogueEntry> all;
-  for (const LabelRow& row : labels) all.push_back({503, row.number, row.name, N, row.text, "", "", true});
-  return all;
+  static constexpr auto entries = [] {
+    std::array<CatalogueEntry, std::size(labels)> all{};
+    for (std::size_t k = 0; k < all.size(); ++k)
+      all[k] = {503, labels[k].number, labels[k].name, N, labels[k].text, "", "", true};
+    return all;
+  }();
+  return entries;
 }
 
 } // namespace torvale::host

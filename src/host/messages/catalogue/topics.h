@@ -20,6 +20,10 @@ std::span<const CatalogueEntry> compartments_messages();
 std::span<const CatalogueEntry> fit_messages();
 std::span<const CatalogueEntry> files_messages();
 std::span<const CatalogueEntry> language_messages();
-std::vector<CatalogueEntry> labels_of_tables();
+std::span<const CatalogueEntry> labels_of_tables();
+
+// One entry of the catalogue, or null: found where it stands in its table, so that no run makes the catalogue for a few
+// messages.
+const CatalogueEntry* catalogue_entry(int group, int number);
 
 } // namespace torvale::host
