@@ -137,8 +137,10 @@ void close_batch(NX& n, Batch& batch, int contents, int nest)
   batch.last = contents;
   batch.last_nest = nest;
   batch.number = static_cast<int>(n.batches.size());
-  std::stable_sort(n.batch_subjects.begin() + batch.first, n.batch_subjects.end(),
-                   [&](int a, int b) { return records_of(n, a) > records_of(n, b); });
+  const auto more_records = [&](int a, int b) { return records_of(n, a) > records_of(n, b); };
+  const auto from = n.batch_subjects.begin() + batch.first;
+  if (!std::is_sorted(from, n.batch_subjects.end(), more_records)) // often all have as many
+    std::stable_sort(from, n.batch_subjects.end(), more_records);
   list_levels(n, batch);
   if (n.nreff() > 1) list_nodes(n, batch);
   n.batches.push_back(batch);
