@@ -175,8 +175,11 @@ private:
     }
   }
 
-  bool small(const LineSum& line, int i) const // three terms from the i-th on
+  // Three terms from the i-th on are small, and those outwards fall: from `inner` to `outer`, the last two of the
+  // three.
+  bool closed(const LineSum& line, int i, int inner, int outer) const
   {
+    if (line.term[outer] > line.term[inner]) return false;
     double sum = 0.0;
     for (int k = i; k < i + 3; ++k)
       if (line.term[k] > model::failed_point) sum += std::exp(line.term[k] - line.peak);
@@ -202,16 +205,16 @@ private:
     switch (line.phase) {
     case LineSum::first:
       line.left = line.right = first_side;
-      line.left_closed = small(line, 0);
-      line.right_closed = small(line, points - 3);
+      line.left_closed = closed(line, 0, 1, 0);
+      line.right_closed = closed(line, points - 3, points - 2, points - 1);
       break;
     case LineSum::right_side:
       line.right += points;
-      line.right_closed = line.right >= line.least_right && small(line, points - 3);
+      line.right_closed = line.right >= line.least_right && closed(line, points - 3, points - 2, points - 1);
       break;
     case LineSum::left_side:
       line.left += points;
-      line.left_closed = line.left >= line.least_left && small(line, points - 3);
+      line.left_closed = line.left >= line.least_left && closed(line, points - 3, points - 2, points - 1);
       break;
     case LineSum::look_right:
       line.looked_right = true;
