@@ -81,10 +81,15 @@ int request_likelihood(NX& n)
   }
   const auto slopes = effect_derivatives(n);
   for (const REFFECT& reff : n.reff)
-    for (std::size_t e = 0; e < reff.names.size(); ++e)
-      if (slopes[static_cast<std::size_t>(reff.first_effect) + e] == nullptr)
-        return refuse(n, message::likelihood_without_random_effect{.name = reff.names[e]}, reff.ransym.s[e]->where,
-                      3000);
+    for (std::size_t e = 0; e < reff.names.size(); ++e) {
+      if (slopes[static_cast<std::size_t>(reff.first_effect) + e] != nullptr) continue;
+      message::likelihood_without_random_effect words{.name = reff.names[e]};
+      const auto& all = leaf.gradstr.der.s;
+      if (std::all_of(all.begin(), all.end(), [](const CMPSYM* s) { return s == nullptr; }))
+        words.reason = "it is the same, or missing, whatever the effects are; an argument of the distribution may be "
+                       "out of its range";
+      return refuse(n, words, reff.ransym.s[e]->where, 3000);
+    }
   return n.needhessu ? request_curvature(n) : 0;
 }
 

@@ -1,7 +1,11 @@
 #include "evaluation/lane_loops.h"
 
+#include "evaluation/slot_group.h"
+
 #include <bit>
+#include <cstring>
 #include <limits>
+#include <type_traits>
 
 namespace torvale::evaluation {
 
@@ -76,8 +80,20 @@ namespace {
   for (int j = 0; j < n; ++j) out[j] = from[j] + step;
 }
 
-[[gnu::always_inline]] inline void exponential_loop(double* x, int n)
+// Loops with comparisons are written out for vectors: the compiler leaves them alone, as a comparison might trap. Every
+// number goes through the same steps, in a vector or at the end alone.
+template <class T> [[gnu::always_inline]] inline void load(T& t, const double* from)
 {
+  std::memcpy(&t, from, sizeof t);
+}
+template <class T> [[gnu::always_inline]] inline void store(const T& t, double* to)
+{
+  std::memcpy(to, &t, sizeof t);
+}
+
+template <class T> [[gnu::always_inline]] inline void exponential_at(double* x)
+{
+  using Bits = std::conditional_t<sizeof(T) == sizeof(double), std::uint64_t, FourBits>;
   constexpr double smallest = -708.3964185;
   constexpr double log2e = 1.4426950408889634;
   constexpr double ln2_high = 6.93147180369123816490e-01, ln2_low = 1.90821492927058770002e-10;
@@ -85,19 +101,61 @@ namespace {
   constexpr double taylor[] = {1.0 / 6227020800, 1.0 / 479001600, 1.0 / 39916800, 1.0 / 3628800,
                                1.0 / 362880,     1.0 / 40320,     1.0 / 5040,     1.0 / 720,
                                1.0 / 120,        1.0 / 24,        1.0 / 6,        0.5};
-  for (int j = 0; j < n; ++j) {
-    const double a = x[j] >= smallest ? x[j] : smallest;
-    const double shifted = a * log2e + shift;
-    const double k = shifted - shift;
-    const double r = (a - k * ln2_high) - k * ln2_low;
-    double p = taylor[0];
-    for (int c = 1; c < 12; ++c) p = p * r + taylor[c];
-    // exp(r) = 1 + (r + r^2 p), times 2^k through the exponent field.
-    const double value = 1.0 + (r + r * r * p);
-    const auto power = std::bit_cast<std::uint64_t>(shifted) << 52;
-    const double result = std::bit_cast<double>(std::bit_cast<std::uint64_t>(value) + power);
-    x[j] = x[j] >= smallest ? result : 0.0;
-  }
+  T given;
+  load(given, x);
+  const T least = T{} + smallest, zero = {};
+  const T a = given >= smallest ? given : least;
+  const T shifted = a * log2e + shift;
+  const T k = shifted - shift;
+  const T r = (a - k * ln2_high) - k * ln2_low;
+  T p = T{} + taylor[0];
+  for (int c = 1; c < 12; ++c) p = p * r + taylor[c];
+  // exp(r) = 1 + (r + r^2 p), times 2^k through the exponent field.
+  const T value = 1.0 + (r + r * r * p);
+  const T result = std::bit_cast<T>(std::bit_cast<Bits>(value) + (std::bit_cast<Bits>(shifted) << 52));
+  store(given >= smallest ? result : zero, x);
+}
+
+[[gnu::always_inline]] inline void exponential_loop(double* x, int n)
+{
+  int j = 0;
+  for (; j + 4 <= n; j += 4) exponential_at<Four>(x + j);
+  for (; j < n; ++j) exponential_at<double>(x + j);
+}
+
+template <class T>
+[[gnu::always_inline]] inline void join_at(double* sum, const double* from, double above, double failed)
+{
+  T s, f;
+  load(s, sum);
+  load(f, from);
+  const T none = T{} + failed;
+  s = f > above ? s + f : none;
+  store(s, sum);
+}
+
+[[gnu::always_inline]] inline void join_loop(double* __restrict sum, const double* __restrict from, double above,
+                                             double failed, int n)
+{
+  int j = 0;
+  for (; j + 4 <= n; j += 4) join_at<Four>(sum + j, from + j, above, failed);
+  for (; j < n; ++j) join_at<double>(sum + j, from + j, above, failed);
+}
+
+template <class T> [[gnu::always_inline]] inline void larger_at(double* to, const double* from)
+{
+  T t, f;
+  load(t, to);
+  load(f, from);
+  t = t < f ? f : t;
+  store(t, to);
+}
+
+[[gnu::always_inline]] inline void larger_loop(double* __restrict to, const double* __restrict from, int n)
+{
+  int j = 0;
+  for (; j + 4 <= n; j += 4) larger_at<Four>(to + j, from + j);
+  for (; j < n; ++j) larger_at<double>(to + j, from + j);
 }
 
 struct Loops {
@@ -110,6 +168,8 @@ struct Loops {
   bool (*finite_above)(double, const double*, int);
   void (*shift)(std::int32_t*, const std::int32_t*, std::int32_t, int);
   void (*exponential)(double*, int);
+  void (*join)(double*, const double*, double, double, int);
+  void (*larger)(double*, const double*, int);
 };
 
 // One build of the loops; `target` is an attribute, or nothing for the instructions that every machine has.
@@ -139,8 +199,13 @@ struct Loops {
       shift_loop(out, from, step, n);                                                                                  \
     }                                                                                                                  \
     target static void exponential(double* x, int n) { exponential_loop(x, n); }                                       \
-    static constexpr Loops table{add,         rows,         multiples, products,   present_products,                   \
-                                 interleaved, finite_above, shift,     exponential};                                   \
+    target static void join(double* sum, const double* from, double above, double failed, int n)                       \
+    {                                                                                                                  \
+      join_loop(sum, from, above, failed, n);                                                                          \
+    }                                                                                                                  \
+    target static void larger(double* to, const double* from, int n) { larger_loop(to, from, n); }                     \
+    static constexpr Loops table{add,   rows,        multiples, products, present_products, interleaved, finite_above, \
+                                 shift, exponential, join,      larger};                                               \
   };
 
 TORVALE_LOOPS(Plain, )
@@ -210,6 +275,16 @@ void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, 
 void exponentials_of_nonpositive(double* x, int n)
 {
   loops.exponential(x, n);
+}
+
+void join_above(double* sum, const double* from, double above, double failed, int n)
+{
+  loops.join(sum, from, above, failed, n);
+}
+
+void keep_larger(double* to, const double* from, int n)
+{
+  loops.larger(to, from, n);
 }
 
 } // namespace torvale::evaluation

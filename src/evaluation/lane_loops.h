@@ -31,4 +31,10 @@ void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, 
 // result is denormal. Cody and Waite's reduction, Taylor polynomial of degree 13 on |r| <= log(2) / 2.
 void exponentials_of_nonpositive(double* x, int n);
 
+// sum[j] += from[j] where from[j] is above `above`; `failed` where it is not, or not a number.
+void join_above(double* sum, const double* from, double above, double failed, int n);
+
+// to[j] := from[j] where that is larger.
+void keep_larger(double* to, const double* from, int n);
+
 } // namespace torvale::evaluation

@@ -36,10 +36,14 @@ template <class T> struct SlotGroup {
   SlotGroup through(const int* table) const
   {
     SlotGroup g;
-    g.used = used;
-    for (int i = 0; i < width; ++i) g.slot[i] = table[slot[i]];
-    g.compare();
+    g.take(*this, table);
     return g;
+  }
+  void take(const SlotGroup& from, const int* table)
+  {
+    used = from.used;
+    for (int i = 0; i < width; ++i) slot[i] = table[from.slot[i]];
+    compare();
   }
 
   // Of numbers that stand side by side; from[slot of each times `stride`].

@@ -132,4 +132,16 @@ TEST(StatementChecks, TheEarlierOneHidesTheLater)
   EXPECT_GT(pairs, 250);
 }
 
+// A likelihood that a constant argument leaves without a value is no matter of the effect alone, and the words say so.
+TEST(StatementChecks, ArgumentsOutOfRange)
+{
+  Parts unused, zero;
+  unused.model = "MODEL y ~ NORMAL(b0, s2);";
+  zero.model = "MODEL y ~ NORMAL(mu, 0);";
+  const auto plain = run_text(unused.program()), range = run_text(zero.program());
+  EXPECT_TRUE(plain.said(503, 10) && range.said(503, 10)) << plain.log << range.log;
+  EXPECT_EQ(plain.log.find("out of its range"), std::string::npos) << plain.log;
+  EXPECT_NE(range.log.find("argument of the distribution"), std::string::npos) << range.log;
+}
+
 } // namespace torvale::tests

@@ -230,15 +230,15 @@ private:
   {
     constexpr int width = SlotGroup<T>::width;
     std::fill_n(direct, np_ * width, 0.0);
-    const auto& outputs = n_.programs.linear_gradient.outputs;
-    auto place = outputs.begin();
-    for (int k = 0; k < n_.programs.linear_sums(); ++k)
-      for (int j = 0; j < np_; ++j) {
-        while (place != outputs.end() && *place < n_.programs.linear_by(k, j)) ++place;
-        if (place == outputs.end() || *place != n_.programs.linear_by(k, j)) continue;
-        const T g = SlotGroup<T>::load(direct + j * width) - bar[k] * sum(*place);
-        SlotGroup<T>::store(g, direct + j * width);
-      }
+    const int first = n_.programs.linear_by(0, 0), apart = n_.programs.linear_by(1, 0) - first;
+    int k = 0, begin = first; // the sum in hand, and where its derivatives begin
+    for (const int place : n_.programs.linear_gradient.outputs) {
+      for (; place >= begin + apart; begin += apart) ++k;
+      const int j = place - begin;
+      if (j < 0 || j >= np_) continue;
+      const T g = SlotGroup<T>::load(direct + j * width) - bar[k] * sum(place);
+      SlotGroup<T>::store(g, direct + j * width);
+    }
   }
 
   // The adjoint of the point of expansion, through the sums (of -v).
@@ -296,7 +296,7 @@ private:
   const NX& n_;
   BatchWork& b_;
   const int nr_, np_;
-  const SlotGroup<T> slots_;
+  const SlotGroup<T>& slots_; // not a copy: reading it whole would wait for its slots to be written one by one
   const int column_;
   T factor_[triangle], c_[capacity], a_[triangle], d_[capacity], c0_[capacity];
   T m_[triangle], ma_[capacity * capacity];               // M, M A

@@ -33,11 +33,8 @@ public:
         s_(n.qscale * root_two), factor_(leaf_.varies ? leaves.from_row(leaf_.factor.data()) : T{} + leaf_.factor[0]),
         mode_(leaves.from_row(leaf_.z.data())), spread_(leaves.from_row(leaf_.spread.data()))
   {
-    SlotGroup<T> node = leaves;
-    for (std::size_t k = 1; k < w_.level.size(); ++k) {
-      node = node.through(w_.level[k - 1].nodes->parent.data());
-      ancestors_[k] = node;
-    }
+    for (std::size_t k = 1; k < w_.level.size(); ++k)
+      ancestors_[k].take(k == 1 ? leaves : ancestors_[k - 1], w_.level[k - 1].nodes->parent.data());
     for (int a = 0; a < leaf_.above; ++a) tilt_[a] = leaves.gather(leaf_.tilt.data() + a, leaf_.above);
   }
 
@@ -135,7 +132,8 @@ private:
   NestWork& w_;
   NestLevel& leaf_;
   const LeafMoments& rows_;
-  const SlotGroup<T> leaves_, slots_, nests_;
+  const SlotGroup<T>& leaves_;
+  const SlotGroup<T> slots_, nests_;
   std::array<SlotGroup<T>, modes::most_effects> ancestors_; // per level, from 1
   const double s_;
   const T factor_, mode_, spread_;

@@ -222,11 +222,9 @@ private:
     double* const e = b_.prior.data();
     const double* const ll = b_.point_sums.data();
     const int width = c_.width();
-    for (int j = 0; j < all; ++j) e[j] = ll[j] > model::impossible_loglik ? e[j] + ll[j] : model::failed_point;
+    evaluation::join_above(e, ll, model::impossible_loglik, model::failed_point, all);
     std::fill_n(peak_, c_.sums(), model::failed_point);
-    for_rows([&](int pair, int sum, int) {
-      for (int j = 0; j < width; ++j) peak_[sum + j] = std::max(peak_[sum + j], e[pair + j]);
-    });
+    for_rows([&](int pair, int sum, int) { evaluation::keep_larger(peak_ + sum, e + pair, width); });
     for_rows([&](int pair, int sum, int) {
       for (int j = 0; j < width; ++j) e[pair + j] -= peak_[sum + j];
     });

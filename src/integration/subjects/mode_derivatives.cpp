@@ -109,7 +109,8 @@ private:
   const BatchWork& b_;
   const REFFECT& reff_;
   const int nr_, np_;
-  const SlotGroup<T> slots_, columns_;
+  const SlotGroup<T>& slots_;
+  const SlotGroup<T> columns_;
   T slope_[capacity], v_[capacity * capacity], w_[capacity * capacity];
 };
 

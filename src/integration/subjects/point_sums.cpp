@@ -193,11 +193,10 @@ private:
     double* const e = b_.prior.data();
     const double* const ll = b_.point_sums.data();
     const int count = pairs_.count, points = pairs_.points;
-    for (int j = 0; j < all; ++j) e[j] = ll[j] > model::impossible_loglik ? e[j] + ll[j] : model::failed_point;
+    evaluation::join_above(e, ll, model::impossible_loglik, model::failed_point, all);
     std::fill_n(peak_, count, model::failed_point);
     if (pairs_.slots_aside()) {
-      for (int q = 0; q < points; ++q)
-        for (int i = 0; i < count; ++i) peak_[i] = std::max(peak_[i], e[q * count + i]);
+      for (int q = 0; q < points; ++q) evaluation::keep_larger(peak_, e + q * count, count);
       for (int q = 0; q < points; ++q)
         for (int i = 0; i < count; ++i) e[q * count + i] -= peak_[i];
     } else {

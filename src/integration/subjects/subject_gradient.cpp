@@ -278,7 +278,8 @@ private:
   const NX& n_;
   BatchWork& b_;
   const int nr_, np_;
-  const SlotGroup<T> slots_, columns_;
+  const SlotGroup<T>& slots_; // not a copy: reading it whole would wait for its slots to be written one by one
+  const SlotGroup<T> columns_;
   const bool factored_, at_mode_;
   const double s_;
   T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity],

@@ -18,8 +18,8 @@ constexpr CatalogueEntry entries[] = {
 
     {503, 500, "grid_too_large", E, "The grid of starting values has more than 2147483647 points[: {points}].", "",
      "Fewer values per parameter."},
-    {503, 501, "levels_need_gauss", E, "Several RANDOM statements need METHOD=GAUSS.", "",
-     "Leave METHOD= out; METHOD=GAUSS is the default."},
+    {503, 501, "levels_need_gauss", E, "Several RANDOM statements need METHOD=GAUSS and normal random effects.", "",
+     "Leave METHOD= out; METHOD=GAUSS is the default. DISCRETE effects have one RANDOM statement."},
     {503, 503, "replicate_with_levels", E, "REPLICATE {name} cannot be used with several RANDOM statements.", "",
      "Leave REPLICATE out and give repeated subjects rows and names of their own."},
     {503, 504, "subjects_not_nested", E,
