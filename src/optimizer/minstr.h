@@ -189,8 +189,8 @@ struct MINSTR {
   // whose objective and gradient have just been evaluated, and leaves everything else alone. Nonzero: there is none,
   // and the Hessian is formed.
   int (*usmet)(MINSTR*) = nullptr;
-  // nonzero: DUQUAN asks for it after every iteration too, and takes it in place of the matrix that has been learnt
-  // where it tells the last change of the gradient clearly better.
+  // nonzero: DUQUAN and DBLDOG ask for it after every iteration too, and take it in place of the matrix that has been
+  // learnt where it tells the last change of the gradient clearly better.
   int metric_follows = 0;
 
   // ---- Constraints. Sizes by the caller, tolerances are options. -----------------------------------------------

@@ -153,8 +153,8 @@ TEST(Metric, FollowsTheRunWhereItTellsMore)
       for (std::size_t i = 0; i < 3; ++i) g[i] += way[i] * (std::exp(along(x, way)) - 1.5);
     return g;
   };
-  const auto iterations = [&](bool follows, bool bounded) {
-    SmallProblem p(DUQUAN, {3.0, -2.0, 2.0}, value, gradient);
+  const auto iterations = [&](bool follows, bool bounded, int technique) {
+    SmallProblem p(technique, {3.0, -2.0, 2.0}, value, gradient);
     if (bounded) p.bounds({-50.0, -50.0, -50.0}, {50.0, 50.0, 50.0});
     p.str.load = 1;
     p.str.metric_follows = follows ? 1 : 0;
@@ -174,12 +174,13 @@ TEST(Metric, FollowsTheRunWhereItTellsMore)
     EXPECT_LT(*std::max_element(p.str.grad, p.str.grad + 3), 1e-3);
     return p.str.nitr;
   };
-  for (const bool bounded : {false, true}) {
-    right = true;
-    EXPECT_LT(iterations(true, bounded), 0.8 * iterations(false, bounded)) << bounded;
-    right = false;
-    EXPECT_EQ(iterations(true, bounded), iterations(false, bounded)) << bounded;
-  }
+  for (const int technique : {DUQUAN, DBLDOG})
+    for (const bool bounded : {false, true}) {
+      right = true;
+      EXPECT_LT(iterations(true, bounded, technique), 0.8 * iterations(false, bounded, technique)) << bounded;
+      right = false;
+      EXPECT_EQ(iterations(true, bounded, technique), iterations(false, bounded, technique)) << bounded;
+    }
 }
 
 // One budget: a run that continues another counts on from it, on the same record or on a second one.

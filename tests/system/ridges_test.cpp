@@ -96,6 +96,23 @@ TEST(Ridges, HaveNoStandardErrors)
   }
 }
 
+// A parameter at its bound that is pressed on by little is no end of a ridge: a step inside rises.
+TEST(Ridges, SlightlyPressedBoundIsNone)
+{
+  const TemporaryFile file("rational.csv",
+                           "x,y\n"
+                           "1.2732,0.9461\n1.4276,1.0510\n2.4218,1.2397\n3.3154,1.3307\n3.4476,1.3827\n3.5333,1.3192\n"
+                           "3.5750,1.3648\n4.5946,1.3898\n5.7492,1.4939\n6.4976,1.4625\n6.7124,1.5599\n7.1739,1.4989\n"
+                           "7.3984,1.5254\n7.7225,1.5808\n8.4507,1.5032\n8.7687,1.5547\n9.0072,1.6350\n9.3527,1.5887\n"
+                           "9.7386,1.5160\n");
+  const auto run = run_text("TORVALE DATA='" + file.path() +
+                            "'; PARMS a=0.19 b=3.4 c=4 d=0.38 s2=1.57; BOUNDS c>=0, d>=0;"
+                            "mu = a*(x*x + b*x)/(x*x + c*x + d); MODEL y ~ NORMAL(mu, s2); RUN;");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_EQ(run.number("ParameterEstimates", "d", "Estimate"), 0.0);
+  EXPECT_NEAR(run.number("ParameterEstimates", "a", "StandardError"), 0.0422, 1e-3);
+}
+
 // A start between 0 and the tolerance of a bound there is a start like any other, and an estimate so near its bound
 // stays where it was found unless the bound is as good.
 TEST(Ridges, SmallUnitsDoNotPutVariancesOnTheirBounds)

@@ -62,6 +62,7 @@ public:
       return restart_cycle;
     }
     if (str->itre >= 5) str->salf = 1.0;
+    secant.follow_metric();
     const int updated = secant.update();
     str->null = updated;
     if (updated < 0) return restart_cycle;

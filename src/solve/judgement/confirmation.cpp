@@ -26,6 +26,7 @@ constexpr int most_rounds = 12;    // of the trust region
 constexpr int most_sharpened = 6;  // times that a minimum in doubt is looked for anew
 constexpr int most_extensions = 3; // of default limits, while a round gains `much` in -2 log L
 constexpr double much = 1.0;
+constexpr double ill_known = 0.05; // elements of the Hessian at unit diagonal
 
 } // namespace
 
@@ -39,14 +40,33 @@ void FitEnd::assess()
     const bool known = before != nullptr && before->same_kind(*coordinates_, i);
     coordinates_->set_scale(i, known ? before->scale(i) : coordinates_->first_scale(i));
   }
+  judgement_ = judge_here();
+  if (judgement_.curvature.accuracy > ill_known) measure_by_size();
+  judgement_.bend.resize(x_.size() * x_.size());
+  if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
+  if (at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+}
+
+Judgement FitEnd::judge_here()
+{
   FitSurface surface(n_, *coordinates_);
   std::vector<double> g(x_.size());
   const std::vector<double> origin(x_.size(), 0.0);
   coordinates_->gradient(origin.data(), g_.data(), g.data());
-  judgement_ = judge(surface, f_, g.data());
-  judgement_.bend.resize(x_.size() * x_.size());
-  if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
-  if (at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+  return judge(surface, f_, g.data());
+}
+
+// Scales of another point may be so long that differences over them know nothing of this one: once more from what the
+// parameters are large.
+void FitEnd::measure_by_size()
+{
+  const FitCoordinates measured = *coordinates_;
+  for (int i = 0; i < n_.nparm; ++i) coordinates_->set_scale(i, coordinates_->short_scale(i));
+  Judgement again = judge_here();
+  if (again.measured && again.curvature.accuracy < judgement_.curvature.accuracy)
+    judgement_ = std::move(again);
+  else
+    *coordinates_ = measured;
 }
 
 // A ridge that ends where the coordinates do is straight by the parameters: then these are the coordinates.

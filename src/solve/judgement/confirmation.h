@@ -41,6 +41,8 @@ private:
   bool quickly_confirmed();
   // confirmation.cpp
   void assess();
+  Judgement judge_here();
+  void measure_by_size();
   void ask_by_parameters();
   bool go_on();
   bool sharpen();

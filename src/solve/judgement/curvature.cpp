@@ -142,6 +142,12 @@ bool measure_by_gradients(FitSurface& surface, const double* g, Curvature& out)
     if (!measure_coordinate(surface, out.free[k], out.step, g, column)) return false;
     for (std::size_t l = 0; l < m; ++l) out.hessian[k * m + l] = column[static_cast<std::size_t>(out.free[l])];
   }
+  // A column that was cleared clears its row.
+  for (std::size_t k = 0; k < m; ++k) {
+    const auto row = out.hessian.begin() + static_cast<std::ptrdiff_t>(k * m);
+    if (std::any_of(row, row + static_cast<std::ptrdiff_t>(m), [](double v) { return v != 0.0; })) continue;
+    for (std::size_t l = 0; l < m; ++l) out.hessian[l * m + k] = 0.0;
+  }
   out.accuracy = 1e-10;
   to_unit_diagonal(surface.coordinates(), out);
   return true;

@@ -205,6 +205,11 @@ double FitCoordinates::first_scale(int i) const
   return i == logarithm_ ? 1.0 : std::max(1.0, share * own_size(i));
 }
 
+double FitCoordinates::short_scale(int i) const
+{
+  return own_size(i) > 0.0 ? 0.01 * own_size(i) : first_scale(i);
+}
+
 double FitCoordinates::factor(const Block& b, int r, int c, const double* t) const
 {
   const auto p = static_cast<std::size_t>(b.parameter[packed(r, c)]);

@@ -43,6 +43,8 @@ public:
 
   // first_scale: one to begin with where nothing is known.
   double first_scale(int i) const;
+  // short_scale: one that is short beside the parameter.
+  double short_scale(int i) const;
 
   // parameters: x at t. gradient: derivatives by t from those by x. jacobian: dx/dt, dense by rows.
   void parameters(const double* t, double* x) const;

@@ -47,12 +47,26 @@ public:
     FitSurface surface(n_, *straight_);
     StraightJudgement out;
     out.judgement = judge_given(surface, std::move(curvature), here_, g.data());
+    if (!level(out.judgement, g)) return {};
     out.coordinates = std::move(straight_);
     return out;
   }
 
 private:
   static constexpr int passes = 2;
+
+  // Whether null directions have no slope: one that has is not flat, it ends at its bound.
+  static bool level(const Judgement& judged, const std::vector<double>& g)
+  {
+    const auto m = static_cast<std::size_t>(judged.curvature.size());
+    return std::all_of(judged.null.begin(), judged.null.end(), [&](int k) {
+      double slope = 0.0;
+      for (std::size_t i = 0; i < m; ++i)
+        slope += judged.directions[i * m + static_cast<std::size_t>(k)] *
+                 g[static_cast<std::size_t>(judged.curvature.free[i])];
+      return 2.0 * std::abs(slope) < gain_allowed;
+    });
+  }
 
   // The longest that a standard error of the bent coordinates may come to: of a root near 0 either its square or its
   // slope tells, and what is small beside its error stands at its end.
