@@ -34,6 +34,7 @@ TEST(IdleOptions, ANoteNamesThoseGiven)
   EXPECT_FALSE(run_text(example("fixed_poisson", "QMAX=50")).said(503, 9436));
   EXPECT_TRUE(run_text(example("sleepstudy", "METHOD=FIRO QPOINTS=5")).said(503, 9436));
   EXPECT_TRUE(run_text(example("cbpp", "METHOD=HARDY QPOINTS=5")).said(503, 9436));
+  EXPECT_FALSE(run_text(example("cbpp", "METHOD=HARDY QTOL=1e-6")).said(503, 9436)); // the precision of its sums
   EXPECT_TRUE(run_text(example("mixture_logit", "QTOL=0.1")).said(503, 9436));
   EXPECT_FALSE(run_text(example("cbpp", "QPOINTS=5")).said(503, 9436));
 }

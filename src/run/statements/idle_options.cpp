@@ -3,6 +3,7 @@
 #include "host/messages/names/fit.h"
 #include "run/statements/statement_processing.h"
 
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -37,11 +38,12 @@ constexpr IdleOption options[] = {
     {torvale_flag::debug, "DEBUG"},
 };
 
+// QTOL last: Hardy integration, which has no number of points, ends its halvings by it.
 constexpr IdleOption points[] = {
     {torvale_slot::qpoints, "QPOINTS"},
-    {torvale_slot::qtol, "QTOL"},
     {torvale_slot::qfac, "QFAC"},
     {torvale_slot::qmax, "QMAX"},
+    {torvale_slot::qtol, "QTOL"},
 };
 
 std::string names_given(std::span<const IdleOption> list, const syntax::STMT& procedure)
@@ -76,7 +78,8 @@ void note_idle_options(model::NX& n, const syntax::STMT& procedure)
 void note_idle_points(model::NX& n, const syntax::STMT& procedure)
 {
   const bool has_rule = (n.method == 0 || n.method == 3) && (n.reff.empty() || n.leaf().distrtype == 0);
-  if (!has_rule) note(n, procedure, names_given(points, procedure));
+  constexpr std::size_t all = std::size(points), without_qtol = all - 1;
+  if (!has_rule) note(n, procedure, names_given({points, n.method == 2 ? without_qtol : all}, procedure));
 }
 
 } // namespace torvale::run
