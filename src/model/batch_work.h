@@ -36,9 +36,11 @@ struct ModeSearch {
 
 // LineSum: the trapezoidal rule of one subject in progress: points centre + k step, -left <= k <= right.
 struct LineSum {
-  enum Phase : char { first, right_side, left_side, halving, done, weighing, failed };
+  enum Phase : char { first, right_side, left_side, look_right, look_left, halving, done, weighing, failed };
   Phase phase = first;
   bool left_closed = false, right_closed = false; // what lies beyond is small
+  bool looked_left = false, looked_right = false; // for other modes
+  int least_left = 0, least_right = 0;            // points that the other modes need
   double centre = 0.0, step = 0.0;                // in z
   int left = 0, right = 0;
   int next = 0;                   // points done of a halving, or with derivatives

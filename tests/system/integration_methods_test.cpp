@@ -355,4 +355,29 @@ TEST(ImportanceSampling, TellsItsErrorAndItsShift)
   }
 }
 
+// An integrand with two modes: the trapezoidal rule has to see the other one, whatever lies between.
+TEST(IntegrationMethods, HardySeesOtherModes)
+{
+  const double y[] = {2.1, 1.8, 4.4, 4.1, 0.3, 0.6};
+  std::string csv = "id,y\n";
+  for (int k = 0; k < 6; ++k) csv += std::to_string(k / 2) + "," + std::to_string(y[k]) + "\n";
+  const TemporaryFile file("two-modes.csv", csv);
+  for (const double shift : {0.0, 0.3}) {
+    const auto run = run_text("TORVALE DATA=d METHOD=HARDY QTOL=1e-8 TECHNIQUE=NONE; PARMS s2=0.05 v=2;"
+                              "MODEL y ~ NORMAL((u + " +
+                                  std::to_string(shift) + ")**2, s2); RANDOM u ~ NORMAL(0, v) SUBJECT=id; RUN;",
+                              "examples", 0, {{"d", file.path()}});
+    double expected = 0.0; // plain sums over a fine grid
+    for (int id = 0; id < 3; ++id) {
+      double sum = 0.0;
+      for (int k = -40000; k <= 40000; ++k) {
+        const double u = k * 4e-4, m = (u + shift) * (u + shift), a = y[2 * id] - m, b = y[2 * id + 1] - m;
+        sum += std::exp(-(a * a + b * b) / 0.1 - u * u / 4);
+      }
+      expected -= 2 * std::log(sum * 4e-4 / std::sqrt(4 * M_PI) / (2 * M_PI * 0.05));
+    }
+    EXPECT_NEAR(run.column("FitStatistics", "Value")[0], expected, 1e-6) << shift << run.log;
+  }
+}
+
 } // namespace torvale::tests

@@ -3,10 +3,11 @@
 //
 // With u = m + L z and f(z) = ll(u) - z^2/2 the integral is that of exp f over the line. f has its peak near the mode,
 // and steps begin with 1.25 times the standard deviation that the curvature there gives. The first sweep takes the
-// points nearest to the peak and goes on at either side until three terms in a row are small; then the step is halved
-// as often as it takes. Sums are kept relative to the largest term. The error falls so fast with the step that the
-// change of the last halving is far more than what is left of it (P. J. Davis and P. Rabinowitz, Methods of Numerical
-// Integration, 1984, 3.4).
+// points nearest to the peak and goes on at either side until three terms in a row are small. Eight points of what the
+// prior leaves at either side then look for other modes: where the integrand rises again outwards, that side goes on to
+// there. Then the step is halved as often as it takes. Sums are kept relative to the largest term. The error falls so
+// fast with the step that the change of the last halving is far more than what is left of it (P. J. Davis and P.
+// Rabinowitz, Methods of Numerical Integration, 1984, 3.4).
 //
 // With the points' weights e (sum 1) the gradient is
 //     -v. = sum e ll. + m. sum e ll_u + G. sum e ll_u z / (2 L),
@@ -38,6 +39,7 @@ constexpr int sweep = 8;            // points of a further sweep
 constexpr int gradient_sweep = 32;  // of the sweeps with derivatives
 constexpr int most_terms = 32767;   // at one side
 constexpr double tail_share = 1e-8; // of the sum: three outermost terms are small below a third of it, or of QTOL
+constexpr double reach = 6.0;       // in z: how far other modes are looked for
 constexpr double rounding = 1e-14;  // no smaller change of a log is looked for
 
 class TrapezoidLoop {
@@ -101,6 +103,10 @@ private:
     }
   }
 
+  // What the prior leaves beyond the points, in steps.
+  static double beyond_right(const LineSum& line) { return (reach - line.centre) / line.step - line.right; }
+  static double beyond_left(const LineSum& line) { return (reach + line.centre) / line.step - line.left; }
+
   // Place i of a slot's next sweep, in steps from the centre.
   static double place(const LineSum& line, int i)
   {
@@ -111,6 +117,10 @@ private:
       return line.right + 1 + i;
     case LineSum::left_side:
       return -line.left - 1 - i;
+    case LineSum::look_right:
+      return line.right + beyond_right(line) * (i + 1) / sweep;
+    case LineSum::look_left:
+      return -line.left - beyond_left(line) * (i + 1) / sweep;
     case LineSum::halving:
       return -line.left + line.next + i + 0.5;
     default:
@@ -156,6 +166,7 @@ private:
     for (int i = 0; i < points; ++i) {
       const double t = term(line, i, ll[i * step]);
       line.term[i] = t;
+      if (line.phase == LineSum::look_right || line.phase == LineSum::look_left) continue;
       if (t > line.peak) {
         line.total = line.peak > model::failed_point ? line.total * std::exp(line.peak - t) : 0.0;
         line.peak = t;
@@ -164,12 +175,28 @@ private:
     }
   }
 
-  bool small(const LineSum& line, int i) const // three terms from the i-th on
+  // Three terms from the i-th on are small, and those outwards fall: from `inner` to `outer`, the last two of the
+  // three.
+  bool closed(const LineSum& line, int i, int inner, int outer) const
   {
+    if (line.term[outer] > line.term[inner]) return false;
     double sum = 0.0;
     for (int k = i; k < i + 3; ++k)
       if (line.term[k] > model::failed_point) sum += std::exp(line.term[k] - line.peak);
     return sum <= std::min(tail_share, n_.qtol) / 3.0 * line.total;
+  }
+
+  // The points at which the last rise outwards ends among those that looked, 0 where there is none. (A range that would
+  // take too many steps is left.)
+  int points_of_rise(const LineSum& line, int points) const
+  {
+    const double small_term = line.peak + std::log(tail_share / 3.0 * line.total);
+    for (int k = points - 1; k >= 0; --k)
+      if (line.term[k] > (k > 0 ? line.term[k - 1] : small_term)) {
+        const double least = std::ceil(std::abs(place(line, k)));
+        return least < most_terms / 8 ? static_cast<int>(least) : 0;
+      }
+    return 0;
   }
 
   // What a slot does after a sweep.
@@ -178,16 +205,26 @@ private:
     switch (line.phase) {
     case LineSum::first:
       line.left = line.right = first_side;
-      line.left_closed = small(line, 0);
-      line.right_closed = small(line, points - 3);
+      line.left_closed = closed(line, 0, 1, 0);
+      line.right_closed = closed(line, points - 3, points - 2, points - 1);
       break;
     case LineSum::right_side:
       line.right += points;
-      line.right_closed = small(line, points - 3);
+      line.right_closed = line.right >= line.least_right && closed(line, points - 3, points - 2, points - 1);
       break;
     case LineSum::left_side:
       line.left += points;
-      line.left_closed = small(line, points - 3);
+      line.left_closed = line.left >= line.least_left && closed(line, points - 3, points - 2, points - 1);
+      break;
+    case LineSum::look_right:
+      line.looked_right = true;
+      line.least_right = points_of_rise(line, points);
+      line.right_closed = line.least_right == 0;
+      break;
+    case LineSum::look_left:
+      line.looked_left = true;
+      line.least_left = points_of_rise(line, points);
+      line.left_closed = line.least_left == 0;
       break;
     default:
       line.next += points;
@@ -204,6 +241,10 @@ private:
       line.phase = LineSum::right_side;
     else if (!line.left_closed)
       line.phase = LineSum::left_side;
+    else if (!line.looked_right && beyond_right(line) > 0.0)
+      line.phase = LineSum::look_right;
+    else if (!line.looked_left && beyond_left(line) > 0.0)
+      line.phase = LineSum::look_left;
     else
       close_sum(line);
   }
