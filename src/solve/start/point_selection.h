@@ -33,7 +33,7 @@ void check_points(model::NX& n, const FinerSum& known);
 // to one point where third and fourth derivatives of an integrand go like those of exp (counts and gamma responses).
 int finer_points(const model::NX& n, int points);
 // affordable_points: whether an evaluation with so many points per dimension may be spent on questioning a fit that
-// has in_use: at most 125 evaluations of the fit, and 20,000 points a subject. One level of random effects.
+// has in_use: at most 125 evaluations of the fit, and 20,000 points of an innermost subject.
 bool affordable_points(const model::NX& n, int in_use, int points);
 
 // take_points: so many points from here on; the next evaluation is made with them. A set that cannot be built ends the
