@@ -14,6 +14,7 @@ int outer_products(NX& n, std::vector<double>& sum)
 {
   if (n.failed || n.evaluated != model::GroupState::Evaluated::gradient || n.ebtrial_point != n.parm) return 1;
   sum.assign(static_cast<std::size_t>(matrix::packed_size(n.nparm)), 0.0);
+  if (sum.empty()) return 0; // no parameters
   if (n.nreff() == 0) return add_record_products(n, *n.ctx[0], sum.data());
   const auto add = [&](long first, long last, double* products) {
     for (long slot = first; slot < last; ++slot) {
