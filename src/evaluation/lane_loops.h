@@ -1,6 +1,6 @@
 #pragma once
-// Loops over lanes and pairs that are worth the widest vectors of the machine. Every element is computed alone and nothing
-// is contracted, so all builds give the same bits.
+// Loops over lanes and pairs that are worth the widest vectors of the machine. Every element is computed alone and
+// nothing is contracted, so all builds give the same bits.
 
 #include <cstdint>
 
@@ -9,7 +9,8 @@ namespace torvale::evaluation {
 // sum[j] += from[j].
 void add_lanes(double* sum, const double* from, int n);
 
-// sum[j] += from[j], then from[n + j], ... of `rows` rows, one after the other. Seven values behind the last are read too.
+// sum[j] += from[j], then from[n + j], ... of `rows` rows, one after the other. Seven values behind the last are read
+// too.
 void add_rows(double* sum, const double* from, int n, int rows);
 
 // sum[j] += from[j] factor, sum[j] += a[j] b[j].
@@ -27,8 +28,8 @@ bool all_finite_above(double low, const double* x, int n);
 // out[j] = from[j] + step.
 void shift_rows(std::int32_t* out, const std::int32_t* from, std::int32_t step, int n);
 
-// x[j] := exp(x[j]) for x[j] <= 0, within 2 ulp; exactly 0 where x[j] is below -708.3964185 (or not a number), so that no
-// result is denormal. Cody and Waite's reduction, Taylor polynomial of degree 13 on |r| <= log(2) / 2.
+// x[j] := exp(x[j]) for x[j] <= 0, within 2 ulp; exactly 0 where x[j] is below -708.3964185 (or not a number), so that
+// no result is denormal. Cody and Waite's reduction, Taylor polynomial of degree 13 on |r| <= log(2) / 2.
 void exponentials_of_nonpositive(double* x, int n);
 
 // sum[j] += from[j] where from[j] is above `above`; `failed` where it is not, or not a number.

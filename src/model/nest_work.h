@@ -45,8 +45,9 @@ struct NestLevel : Priors {
   std::vector<double> inverse;    // own triangle: inverse of its block of the front
   std::vector<double> spread;     // own triangle: lower Cholesky factor of that
   std::vector<double> regression; // own x above
-  std::vector<double> tilt;       // own x above: how the points follow the ancestors' deviations: regression, or 0 without scaling
-  std::vector<double> logdet;     // log determinant of the block, where it has more than one effect
+  std::vector<double>
+      tilt; // own x above: how the points follow the ancestors' deviations: regression, or 0 without scaling
+  std::vector<double> logdet; // log determinant of the block, where it has more than one effect
   // Points: `points` of its own for each of `outer` joint points of its ancestors. Joint point q * outer + p has the
   // own point q and the ancestors' joint point p. Leaves keep nothing per joint point.
   long points = 1, outer = 1;
@@ -77,15 +78,15 @@ struct RoundEffect {
 struct NestWork {
   std::vector<NestLevel> level;
   int nests = 0;
-  std::vector<int> failure;       // per nest
-  std::vector<ModeSearch> search; // per nest
-  std::vector<char> active;       // per nest: its search goes on
-  std::vector<char> turn;         // per nest: the rounds of EBITER$ go on
+  std::vector<int> failure;                   // per nest
+  std::vector<ModeSearch> search;             // per nest
+  std::vector<char> active;                   // per nest: its search goes on
+  std::vector<char> turn;                     // per nest: the rounds of EBITER$ go on
   std::vector<RoundEffect>* rounds = nullptr; // after the fit, for who asked: gets every round; borrowed
-  std::vector<int> leaf_of_slot;  // per slot: node
-  std::vector<int> nest_of_leaf;  // per leaf node
-  std::vector<int> columns;       // slots of the program run in hand
-  std::vector<double> leaf;       // per slot: the results of programs.mode at its trial point, later at the mode
+  std::vector<int> leaf_of_slot;              // per slot: node
+  std::vector<int> nest_of_leaf;              // per leaf node
+  std::vector<int> columns;                   // slots of the program run in hand
+  std::vector<double> leaf; // per slot: the results of programs.mode at its trial point, later at the mode
   // Sums over a leaf's own points given its ancestors' joint point p, row k * outer + p, column slot, b.mode_stride
   // apart; scaled by exp(-peak): of the weights, and weighted moments (nest_points.h).
   std::vector<double> peak, total, moments;

@@ -123,7 +123,8 @@ void clear_fronts(NestWork& w, int nest)
 namespace {
 
 // Chains with one effect at every level: L is a number for each, l_r ll_uu l_c.
-void single_leaf_front(const model::ModelPrograms& p, NestWork& w, int node, const double* sums, double* front, double* right)
+void single_leaf_front(const model::ModelPrograms& p, NestWork& w, int node, const double* sums, double* front,
+                       double* right)
 {
   double factor[most_effects];
   int up = node;

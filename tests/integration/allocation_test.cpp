@@ -24,18 +24,54 @@ void* counted(std::size_t bytes, std::size_t alignment = alignof(std::max_align_
 
 } // namespace
 
-[[gnu::noinline]] void* operator new(std::size_t bytes) { return counted(bytes); }
-[[gnu::noinline]] void* operator new[](std::size_t bytes) { return counted(bytes); }
-[[gnu::noinline]] void* operator new(std::size_t bytes, std::align_val_t a) { return counted(bytes, static_cast<std::size_t>(a)); }
-[[gnu::noinline]] void* operator new[](std::size_t bytes, std::align_val_t a) { return counted(bytes, static_cast<std::size_t>(a)); }
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+[[gnu::noinline]] void* operator new(std::size_t bytes)
+{
+  return counted(bytes);
+}
+[[gnu::noinline]] void* operator new[](std::size_t bytes)
+{
+  return counted(bytes);
+}
+[[gnu::noinline]] void* operator new(std::size_t bytes, std::align_val_t a)
+{
+  return counted(bytes, static_cast<std::size_t>(a));
+}
+[[gnu::noinline]] void* operator new[](std::size_t bytes, std::align_val_t a)
+{
+  return counted(bytes, static_cast<std::size_t>(a));
+}
+[[gnu::noinline]] void operator delete(void* p) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete[](void* p) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete[](void* p, std::size_t) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete(void* p, std::align_val_t) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete[](void* p, std::align_val_t) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete(void* p, std::size_t, std::align_val_t) noexcept
+{
+  std::free(p);
+}
+[[gnu::noinline]] void operator delete[](void* p, std::size_t, std::align_val_t) noexcept
+{
+  std::free(p);
+}
 
 namespace torvale::tests {
 

@@ -216,9 +216,9 @@ private:
   NodeId cancelled_quotient(NodeId a, NodeId b); // a / b without an exponential that both have
   bool lost_by_overflow_alone(NodeId a, int depth) const;
   bool assumed_inside_unit(NodeId a) const; // above 0 and below 1
-  NodeId one_plus_exp(NodeId a);          // x where a is 1 + exp(x)
-  NodeId complement(NodeId a);            // 1 - a where that has a form of its own
-  NodeId gamma_ratio(NodeId a, NodeId b); // lgamma(x + y) - lgamma(x)
+  NodeId one_plus_exp(NodeId a);            // x where a is 1 + exp(x)
+  NodeId complement(NodeId a);              // 1 - a where that has a form of its own
+  NodeId gamma_ratio(NodeId a, NodeId b);   // lgamma(x + y) - lgamma(x)
   NodeId compare_kinds(Kernel comparison, NodeId a, NodeId b);
   NodeId compare_as_one(Kernel comparison, NodeId a, NodeId b);
   bool found_truth(const Node& n) const;

@@ -245,7 +245,8 @@ void MessageLog::locate(Message& message) const
   if (message.source.ends_with('\r')) message.source.pop_back();
 }
 
-// Words, then for warnings and errors the place in the form that editors follow, its line and carets below the words meant.
+// Words, then for warnings and errors the place in the form that editors follow, its line and carets below the words
+// meant.
 void MessageLog::write(const Message& message) const
 {
   std::string text = wzstrup(severity_name(message.severity)) + ": " + message.text;

@@ -47,8 +47,8 @@ public:
   // close_gradient: its derivatives by the parameters, n.nparm doubles. Called after close_value returned 0.
   virtual void close_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int nest, double* gradient) const = 0;
 
-  // close_modes: the random effects u found for these nests, of all their subjects, into n.ebtrial; only where modes were
-  // searched. The nests are ascending, those whose values are known.
+  // close_modes: the random effects u found for these nests, of all their subjects, into n.ebtrial; only where modes
+  // were searched. The nests are ascending, those whose values are known.
   virtual void close_modes(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> nests) const = 0;
 };
 

@@ -30,8 +30,10 @@ constexpr CatalogueEntry entries[] = {
      "A misspelled name, or a variable that the program computes: subjects and BY groups are read from the data set.",
      "Mend the name, or add the column to the file: subjects and BY groups are columns of the data set itself. "
      "'torvale describe' lists them."},
-    {503, 10, "likelihood_without_random_effect", E, "The log likelihood does not depend on the random effect {name}[: {reason}].",
-     "The random effect is declared in RANDOM but not used in the statements that compute the model, or a constant among "
+    {503, 10, "likelihood_without_random_effect", E,
+     "The log likelihood does not depend on the random effect {name}[: {reason}].",
+     "The random effect is declared in RANDOM but not used in the statements that compute the model, or a constant "
+     "among "
      "the arguments of the distribution, as a variance of 0, leaves no likelihood.",
      "Use it in the model, or remove it from RANDOM; mend the argument."},
     {503, 12, "repeated_statement", E, "There is more than one {statement} statement[; the first is in line {first}].",
@@ -65,13 +67,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 24, "bydata_without_effect", N,
      "BYDATA has no effect: there is no BY statement, or {data} lacks its variables. The starting values hold for all "
      "groups.",
-     "",
-     "Add the BY statement and its variables to the data set, or take BYDATA away."},
+     "", "Add the BY statement and its variables to the data set, or take BYDATA away."},
     {503, 25, "more_starting_values_than_used", W,
      "The PARMS data set has more rows for parameter {name} in this BY group than are used[: {points}]; the others are "
      "ignored.",
-     "",
-     "Keep one row for each parameter and starting point; WHERE= on the PARMS data set leaves rows out."},
+     "", "Keep one row for each parameter and starting point; WHERE= on the PARMS data set leaves rows out."},
     {503, 27, "predict_needs_one_expression", E, "A PREDICT statement takes one expression.", "",
      "Write PREDICT expression OUT=data; with a statement of its own for each expression."},
     {503, 28, "subject_missing", E,
@@ -125,8 +125,7 @@ constexpr CatalogueEntry entries[] = {
     {503, 9572, "prediction_not_determined", N,
      "PREDICT OUT={data}: {count} predictions, the first at observation {observation}, have no standard error: they "
      "move with a combination of parameters that the data do not determine.",
-     "",
-     "Look at the table LinearDependencies for the combination, and leave one of its parameters out."},
+     "", "Look at the table LinearDependencies for the combination, and leave one of its parameters out."},
     {503, 9573, "no_rounds_to_write", N,
      "OUTRI={data} has no rows: it holds the rounds of EBITER with several RANDOM statements.", "", ""},
     {503, 9574, "id_is_character", E,
@@ -207,8 +206,7 @@ constexpr CatalogueEntry entries[] = {
      "", "Means and covariances of random effects must be constant within a subject."},
     {503, 139, "seed_negative", W, "SEED= is negative; the clock is used.", "",
      "Give SEED= a positive whole number, so that the run can be repeated."},
-    {503, 140, "seed_too_large", E, "SEED= must be below {limit}.", "",
-     "Any smaller positive whole number will do."},
+    {503, 140, "seed_too_large", E, "SEED= must be below {limit}.", "", "Any smaller positive whole number will do."},
     {503, 141, "empirical_needs_random", E, "EMPIRICAL needs a RANDOM statement.", "",
      "Leave EMPIRICAL out, or add a RANDOM statement: the robust covariance is made from the gradients of subjects."},
     {503, 142, "no_robust_covariance", W,
@@ -216,9 +214,11 @@ constexpr CatalogueEntry entries[] = {
      "used.",
      "Derivatives by differences (FD), or no convergence.",
      "Leave FD out, so that there are exact gradients; if the fit did not converge, start it from its last estimates."},
-    {503, 143, "empirical_needs_quadrature", E, "EMPIRICAL needs METHOD=GAUSS or METHOD=ISAMP, and normal random effects.", "",
+    {503, 143, "empirical_needs_quadrature", E,
+     "EMPIRICAL needs METHOD=GAUSS or METHOD=ISAMP, and normal random effects.", "",
      "Leave METHOD= out, or take EMPIRICAL away. DISCRETE effects are summed exactly, by no METHOD=."},
-    {503, 144, "subgradient_needs_quadrature", E, "SUBGRADIENT= needs METHOD=GAUSS or METHOD=ISAMP, and normal random effects.", "",
+    {503, 144, "subgradient_needs_quadrature", E,
+     "SUBGRADIENT= needs METHOD=GAUSS or METHOD=ISAMP, and normal random effects.", "",
      "Leave METHOD= out, or take SUBGRADIENT= away. DISCRETE effects are summed exactly, by no METHOD=."},
     {503, 145, "subgradient_not_stored", W,
      "The gradients by subject cannot be stored; SUBGRADIENT= writes nothing more.", "",
