@@ -46,7 +46,7 @@ template <class T> struct SlotGroup {
     compare();
   }
 
-  // Of numbers that stand side by side; from[slot of each times `stride`].
+  // Numbers that stand side by side.
   static T load(const double* from)
   {
     T t;
@@ -54,6 +54,7 @@ template <class T> struct SlotGroup {
     return t;
   }
   static void store(T t, double* to) { std::memcpy(to, &t, sizeof t); }
+  // from[slot of each times `stride`].
   template <class Number> T gather(const Number* from, long stride) const
   {
     if constexpr (width == 1)
@@ -61,9 +62,13 @@ template <class T> struct SlotGroup {
     else
       return T{from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride], from[slot[3] * stride]};
   }
+  // The same of a table with a row for each slot (`own`), or with one row for all of them.
+  T gather_or_share(bool own, const double* from, long stride) const
+  {
+    return own ? gather(from, stride) : T{} + *from;
+  }
   // From a row with a number for each slot.
   T from_row(const double* row) const { return adjacent ? load(row + slot[0]) : gather(row, 1); }
-  // Into to[slot of each times `stride`].
   static T root(T t)
   {
     double v[width];
@@ -71,6 +76,7 @@ template <class T> struct SlotGroup {
     for (double& x : v) x = std::sqrt(x);
     return load(v);
   }
+  // Into to[slot of each times `stride`].
   template <class Number> void scatter(T t, Number* to, long stride) const
   {
     double v[width];

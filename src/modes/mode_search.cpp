@@ -5,6 +5,7 @@
 #include "modes/joint_density.h"
 #include "modes/newton_steps.h"
 #include "modes/search_rules.h"
+#include "modes/unrolled.h"
 
 #include <algorithm>
 #include <cmath>
@@ -136,7 +137,8 @@ private:
   {
     T at[capacity];
     for (int i = 0; i < nr(); ++i) at[i] = slots.gather(b_.z.data() + i, nr());
-    for (int k = 0; k < nrs(); ++k) steps.factor[k] = of_prior(slots, b_.factor.data() + k, nrs());
+    for (int k = 0; k < nrs(); ++k)
+      steps.factor[k] = slots.gather_or_share(n_.leaf().setup_varies, b_.factor.data() + k, nrs());
     steps.at.read(sums, b_.mode_stride, at, steps.factor);
     steps.invert(n_, ctx_.block);
   }
@@ -200,9 +202,10 @@ private:
     T u[capacity], mean[capacity], factor[triangle], at[capacity];
     for (int i = 0; i < nr(); ++i) {
       u[i] = subjects.gather(n_.ebes.data() + i, nr());
-      mean[i] = of_prior(slots, b_.mean.data() + i, nr());
+      mean[i] = slots.gather_or_share(n_.leaf().setup_varies, b_.mean.data() + i, nr());
     }
-    for (int k = 0; k < nrs(); ++k) factor[k] = of_prior(slots, b_.factor.data() + k, nrs());
+    for (int k = 0; k < nrs(); ++k)
+      factor[k] = slots.gather_or_share(n_.leaf().setup_varies, b_.factor.data() + k, nrs());
     standardize(u, mean, factor, at);
     if (predicts_) {
       T ahead[capacity];
@@ -230,11 +233,6 @@ private:
       to[i] = l[i] > 0.0 ? d / l[i] : mean_itself;
       l += i + 1;
     }
-  }
-
-  template <class T> T of_prior(const SlotGroup<T>& slots, const double* from, long stride) const
-  {
-    return n_.leaf().setup_varies ? slots.gather(from, stride) : T{} + *from;
   }
 
   void start_from_mean(int slot)
@@ -349,16 +347,7 @@ template <int NR> int search_batch(const NX& n, TVLThreadCtx& ctx, const AtModes
 
 int tvlebes(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
 {
-  switch (n.leaf().nr) {
-  case 1:
-    return search_batch<1>(n, ctx, at_modes);
-  case 2:
-    return search_batch<2>(n, ctx, at_modes);
-  case 3:
-    return search_batch<3>(n, ctx, at_modes);
-  default:
-    return search_batch<0>(n, ctx, at_modes);
-  }
+  return unrolled(n.leaf().nr, [&](auto order) { return search_batch<order()>(n, ctx, at_modes); });
 }
 
 } // namespace torvale::modes

@@ -70,12 +70,14 @@ void CheckEigVals(NX& n)
 bool as_good(NX& n, const std::vector<double>& x)
 {
   const double before = n.objfun;
+  const bool failed = n.failed;
   n.parm = x;
   n.parmlast.clear();
   n.dograd = false;
   const bool good = integration::tvllike(n) == 0 && !n.failed && std::isfinite(n.objfun) &&
                     2.0 * std::abs(n.objfun - n.fval) <= 0.01 * gain_allowed;
   n.parmlast.clear();
+  n.failed = failed;
   n.objfun = before;
   return good;
 }

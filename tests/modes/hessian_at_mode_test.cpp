@@ -1,5 +1,6 @@
 #include "matrix/eigenvalues.h"
 #include "matrix/packed.h"
+#include "modes/block_work.h"
 #include "modes/hessian_at_mode.h"
 
 #include <gtest/gtest.h>
@@ -7,21 +8,6 @@
 #include <vector>
 
 namespace torvale::modes {
-
-namespace {
-
-model::BlockWork block_for(int nr)
-{
-  model::BlockWork b;
-  const auto bordered = static_cast<std::size_t>((nr + 1) * (nr + 2) / 2);
-  b.hessumat.resize(bordered);
-  b.hessumat0.resize(bordered);
-  b.dfr.resize(static_cast<std::size_t>(nr + 1));
-  for (auto* v : {&b.work1, &b.work2, &b.work3}) v->resize(bordered + 5 * static_cast<std::size_t>(nr));
-  return b;
-}
-
-} // namespace
 
 TEST(InvertHessian, InverseStepAndDeterminant)
 {

@@ -1,5 +1,6 @@
 // Newton steps of four subjects side by side against those of each alone, to the bit.
 
+#include "modes/block_work.h"
 #include "modes/newton_steps.h"
 
 #include <gtest/gtest.h>
@@ -19,17 +20,6 @@ using evaluation::Four;
 using evaluation::SlotGroup;
 
 constexpr int columns = 4;
-
-model::BlockWork block_for(int nr)
-{
-  model::BlockWork b;
-  const auto bordered = static_cast<std::size_t>((nr + 1) * (nr + 2) / 2);
-  b.hessumat.resize(bordered);
-  b.hessumat0.resize(bordered);
-  b.dfr.resize(static_cast<std::size_t>(nr + 1));
-  for (auto* v : {&b.work1, &b.work2, &b.work3}) v->resize(bordered + 5 * static_cast<std::size_t>(nr));
-  return b;
-}
 
 // What must be equal to the bit; what is not a number in both is.
 std::uint64_t bits(double x)

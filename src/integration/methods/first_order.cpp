@@ -26,6 +26,7 @@
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
 #include "modes/packed.h"
+#include "modes/unrolled.h"
 
 #include <algorithm>
 #include <cmath>
@@ -53,7 +54,8 @@ public:
   LinearModel(const NX& n, BatchWork& b, const SlotGroup<T>& slots, int column)
       : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slots_(slots), column_(column)
   {
-    for (int k = 0; k < nrs(); ++k) factor_[k] = of_prior(b.factor.data() + k, nrs());
+    for (int k = 0; k < nrs(); ++k)
+      factor_[k] = slots_.gather_or_share(n_.leaf().setup_varies, b.factor.data() + k, nrs());
     for (int i = 0; i < nr(); ++i) c_[i] = sum(n.programs.residual(i));
     for (int k = 0; k < nrs(); ++k) a_[k] = sum(n.programs.information(k));
     if (n.lb) {
@@ -95,7 +97,8 @@ public:
       const auto first = static_cast<std::size_t>(j);
       for (int m = reff.moved_first[first]; m < reff.moved_first[first + 1]; ++m) {
         const auto& [a, place] = reff.moved[static_cast<std::size_t>(m)];
-        g -= (a < nr() ? mean[a] : covariance[a - nr()]) * of_prior(b_.arguments.data() + place, reff.setup.places);
+        g -= (a < nr() ? mean[a] : covariance[a - nr()]) *
+             slots_.gather_or_share(n_.leaf().setup_varies, b_.arguments.data() + place, reff.setup.places);
       }
       slots_.scatter(g, to + j, np_);
     }
@@ -136,11 +139,6 @@ private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
   T sum(int place) const { return SlotGroup<T>::load(b_.point_sums.data() + place * b_.mode_stride + column_); }
-
-  T of_prior(const double* from, long stride) const
-  {
-    return n_.leaf().setup_varies ? slots_.gather(from, stride) : T{} + *from;
-  }
 
   void times_factor(const T* x, T* out) const
   {
@@ -309,16 +307,7 @@ template <class Act> void with_model(const NX& n, BatchWork& b, int slot, Act ac
 {
   const SlotGroup<double> one{{slot}};
   const int column = b.column[static_cast<std::size_t>(slot)];
-  switch (n.leaf().nr) {
-  case 1:
-    return act(LinearModel<1, double>(n, b, one, column));
-  case 2:
-    return act(LinearModel<2, double>(n, b, one, column));
-  case 3:
-    return act(LinearModel<3, double>(n, b, one, column));
-  default:
-    return act(LinearModel<0, double>(n, b, one, column));
-  }
+  return modes::unrolled(n.leaf().nr, [&](auto order) { return act(LinearModel<order(), double>(n, b, one, column)); });
 }
 
 // Values and gradients of the slots in the first `active` columns into b.total and b.direct.
@@ -345,16 +334,12 @@ template <int NR> void close_four(const NX& n, BatchWork& b, int active, bool gr
 
 void close_linear_models(const NX& n, BatchWork& b, int active, bool gradient)
 {
-  switch (n.leaf().nr) {
-  case 1:
-    return close_four<1>(n, b, active, gradient);
-  case 2:
-    return close_four<2>(n, b, active, gradient);
-  case 3:
-    return close_four<3>(n, b, active, gradient);
-  default:
-    return close_columns<0, double>(n, b, active, gradient);
-  }
+  modes::unrolled(n.leaf().nr, [&](auto order) {
+    if constexpr (order() > 0)
+      close_four<order()>(n, b, active, gradient);
+    else
+      close_columns<0, double>(n, b, active, gradient);
+  });
 }
 
 // The points of expansion of the first `active` entries of b.active.

@@ -5,6 +5,7 @@
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"
 #include "modes/packed.h"
+#include "modes/unrolled.h"
 
 namespace torvale::integration {
 
@@ -60,16 +61,11 @@ private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
 
-  T of_prior(const double* from, long stride) const
-  {
-    return reff_.setup_varies ? slots_.gather(from, stride) : T{} + *from;
-  }
-
   void form_variance()
   {
     T l[triangle], inverse[triangle], lh[capacity * capacity];
     for (int k = 0; k < nrs(); ++k) {
-      l[k] = of_prior(b_.factor.data() + k, nrs());
+      l[k] = slots_.gather_or_share(reff_.setup_varies, b_.factor.data() + k, nrs());
       inverse[k] = slots_.gather(b_.covariance.data() + k, nrs());
     }
     for (int i = 0; i < nr(); ++i)
@@ -92,7 +88,7 @@ private:
     const auto first = static_cast<std::size_t>(j);
     for (int m = reff_.moved_first[first]; m < reff_.moved_first[first + 1]; ++m) {
       const auto& [a, place] = reff_.moved[static_cast<std::size_t>(m)];
-      const T by = of_prior(b_.arguments.data() + place, reff_.setup.places);
+      const T by = slots_.gather_or_share(reff_.setup_varies, b_.arguments.data() + place, reff_.setup.places);
       if (a < nr()) {
         s[a] += by;
         continue;
@@ -139,16 +135,12 @@ void keep_mode_derivatives(NX& n, const model::TVLThreadCtx& ctx, std::span<cons
 {
   const BatchWork& b = ctx.batch;
   float* const to = n.ebtrial_by.data();
-  switch (n.leaf().nr) {
-  case 1:
-    return keep_derivatives_of_four<1>(n, b, slots, to);
-  case 2:
-    return keep_derivatives_of_four<2>(n, b, slots, to);
-  case 3:
-    return keep_derivatives_of_four<3>(n, b, slots, to);
-  default:
-    return keep_derivatives<0, double>(n, b, slots, to);
-  }
+  modes::unrolled(n.leaf().nr, [&](auto order) {
+    if constexpr (order() > 0)
+      keep_derivatives_of_four<order()>(n, b, slots, to);
+    else
+      keep_derivatives<0, double>(n, b, slots, to);
+  });
 }
 
 } // namespace torvale::integration

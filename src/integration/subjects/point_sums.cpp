@@ -6,6 +6,7 @@
 #include "evaluation/record_sums.h"
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
+#include "modes/unrolled.h"
 
 #include <algorithm>
 #include <cmath>
@@ -439,16 +440,7 @@ int sum_points(const NX& n, TVLThreadCtx& ctx, bool gradient)
     take_values_at_modes(n, ctx.batch);
     return 0;
   }
-  switch (n.leaf().nr) {
-  case 1:
-    return PointLoop<1>(n, ctx, gradient).run();
-  case 2:
-    return PointLoop<2>(n, ctx, gradient).run();
-  case 3:
-    return PointLoop<3>(n, ctx, gradient).run();
-  default:
-    return PointLoop<0>(n, ctx, gradient).run();
-  }
+  return modes::unrolled(n.leaf().nr, [&](auto order) { return PointLoop<order()>(n, ctx, gradient).run(); });
 }
 
 int find_shares(const NX& n, TVLThreadCtx& ctx, double* shares)

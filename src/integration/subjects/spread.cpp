@@ -5,6 +5,7 @@
 #include "matrix/cholesky.h"
 #include "matrix/packed.h"
 #include "modes/packed.h"
+#include "modes/unrolled.h"
 
 #include <algorithm>
 #include <cmath>
@@ -89,16 +90,12 @@ void find_spread(const NX& n, BatchWork& b)
   int good = 0;
   for (int slot = 0; slot < b.slots; ++slot)
     if (b.failure[static_cast<std::size_t>(slot)] == 0) b.active[static_cast<std::size_t>(good++)] = slot;
-  switch (n.leaf().nr) {
-  case 1:
-    return factor_four<1>(n, b, good);
-  case 2:
-    return factor_four<2>(n, b, good);
-  case 3:
-    return factor_four<3>(n, b, good);
-  default:
-    return factor_any(n, b, good);
-  }
+  modes::unrolled(n.leaf().nr, [&](auto order) {
+    if constexpr (order() > 0)
+      factor_four<order()>(n, b, good);
+    else
+      factor_any(n, b, good);
+  });
 }
 
 } // namespace torvale::integration

@@ -24,6 +24,7 @@
 #include "modes/joint_density.h"
 #include "modes/mode_search.h"
 #include "modes/packed.h"
+#include "modes/unrolled.h"
 
 #include <algorithm>
 
@@ -49,7 +50,7 @@ public:
       : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slots_(slots), columns_(slots.through(b.column.data())),
         factored_(b.factored.in_use), at_mode_(taken_at_modes(n, b, true)), s_(n.qscale * root_two)
   {
-    for (int k = 0; k < nrs(); ++k) l_[k] = of_prior(b.factor.data() + k, nrs());
+    for (int k = 0; k < nrs(); ++k) l_[k] = slots_.gather_or_share(n_.leaf().setup_varies, b.factor.data() + k, nrs());
     take(c_, b.spread, nrs());
     take(zm_, b.z, nr());
     take(slope_, b.slope, nr());
@@ -82,11 +83,6 @@ private:
   void take(T* to, const std::vector<double>& from, int count) const
   {
     for (int k = 0; k < count; ++k) to[k] = slots_.gather(from.data() + k, count);
-  }
-
-  T of_prior(const double* from, long stride) const
-  {
-    return n_.leaf().setup_varies ? slots_.gather(from, stride) : T{} + *from;
   }
 
   T at_mode(int place) const { return columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride); }
@@ -257,7 +253,8 @@ private:
     for (int m = reff.moved_first[static_cast<std::size_t>(j)]; m < reff.moved_first[static_cast<std::size_t>(j) + 1];
          ++m) {
       const auto& [a, place] = reff.moved[static_cast<std::size_t>(m)];
-      t += (a < nr() ? mean_bar_[a] : factor_bar_[a - nr()]) * of_prior(b_.arguments.data() + place, reff.setup.places);
+      t += (a < nr() ? mean_bar_[a] : factor_bar_[a - nr()]) *
+           slots_.gather_or_share(n_.leaf().setup_varies, b_.arguments.data() + place, reff.setup.places);
     }
     return t;
   }
@@ -318,16 +315,12 @@ void subject_gradients(const NX& n, BatchWork& b)
     const auto s = static_cast<std::size_t>(slot);
     if (b.failure[s] == 0 && b.total[s] > 0.0) b.active[static_cast<std::size_t>(good++)] = slot;
   }
-  switch (n.leaf().nr) {
-  case 1:
-    return gradients_of_four<1>(n, b, good);
-  case 2:
-    return gradients_of_four<2>(n, b, good);
-  case 3:
-    return gradients_of_four<3>(n, b, good);
-  default:
-    return gradients_of<0, double>(n, b, good);
-  }
+  modes::unrolled(n.leaf().nr, [&](auto order) {
+    if constexpr (order() > 0)
+      gradients_of_four<order()>(n, b, good);
+    else
+      gradients_of<0, double>(n, b, good);
+  });
 }
 
 } // namespace torvale::integration
