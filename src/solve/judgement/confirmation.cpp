@@ -121,6 +121,12 @@ bool FitEnd::go_on()
   return 2.0 * (before - f_) >= gain_allowed;
 }
 
+// Whether the digits that are printed are those of the minimum, as far as rounding lets them be.
+bool FitEnd::sharp() const
+{
+  return !(judgement_.gain > std::max(sharp_gain, 1e-12 * std::abs(f_)));
+}
+
 // The minimum to more digits. False when there are none to be had.
 bool FitEnd::sharpen()
 {
@@ -152,7 +158,8 @@ int FitEnd::run()
     move_to(x_);
     if (!std::isfinite(f_) || n_.failed) return code;
   }
-  if (evaluated && (judgement_.measured || quickly_confirmed())) return finish(code);
+  const bool confirmed = evaluated && (judgement_.measured || quickly_confirmed());
+  if (confirmed && (sharp() || given_by_user(n_, code))) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
   extend_default_limits(n_);
   settle(code);
@@ -184,7 +191,8 @@ void FitEnd::settle(int code)
     const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
       if (sharpened == 0) first = f_;
-      if (!judgement_.doubtful_curvature) return;
+      const bool coarse = sharpened == 0 && !sharp();
+      if (!judgement_.doubtful_curvature && !coarse) return;
       const bool last = spent || sharpened == most_sharpened;
       judgement_.creeps = last && 2.0 * (first - f_) >= gain_allowed;
       if (last || !sharpen()) return;

@@ -45,6 +45,7 @@ private:
   void measure_by_size();
   void ask_by_parameters();
   bool go_on();
+  bool sharp() const;
   bool sharpen();
   void settle(int code);
   bool stopped() const;
