@@ -51,6 +51,7 @@ private:
   bool stopped() const;
   bool doubtful(int code) const;
   bool start_again();
+  bool try_without_effects();
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
   void to_the_edge();
