@@ -148,6 +148,12 @@ bool FitEnd::go_on()
   return 2.0 * (before - f_) >= gain_allowed;
 }
 
+// Whether the digits that are printed are those of the minimum, as far as rounding lets them be.
+bool FitEnd::sharp() const
+{
+  return !(judgement_.gain > std::max(sharp_gain, 1e-12 * std::abs(f_)));
+}
+
 // The minimum to more digits. False when there are none to be had.
 bool FitEnd::sharpen()
 {
@@ -180,7 +186,7 @@ int FitEnd::run()
     if (!std::isfinite(f_) || n_.failed) return code;
   }
   const bool clear = evaluated && (judgement_.measured || quickly_confirmed());
-  if (clear && (given_by_user(n_, code) || !try_without_effects())) return finish(code);
+  if (clear && (given_by_user(n_, code) || (sharp() && !try_without_effects()))) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
   extend_default_limits(n_);
   if (default_limit(n_, code)) take_turns();
@@ -232,7 +238,8 @@ void FitEnd::settle(int code)
     const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
       if (sharpened == 0) first = f_;
-      if (!judgement_.doubtful_curvature) return;
+      const bool coarse = sharpened == 0 && !sharp();
+      if (!judgement_.doubtful_curvature && !coarse) return;
       const bool last = spent || sharpened == most_sharpened;
       judgement_.creeps = last && 2.0 * (first - f_) >= judgement_.allowed;
       if (last || !sharpen()) return;

@@ -46,6 +46,7 @@ private:
   void ask_by_parameters();
   bool go_on();
   bool newton_step();
+  bool sharp() const;
   bool sharpen();
   void settle(int code);
   bool stopped() const;
