@@ -66,6 +66,32 @@ TEST(Convergence, VarianceOfZero)
   }
 }
 
+// A likelihood with two maxima: an intercept of each subject takes the outlier in, or there is none at all, which is
+// better by 0.27 in -2 log L. Without the effect the answer is least squares.
+TEST(Convergence, AMinimumWithoutTheEffectIsFound)
+{
+  const std::vector<int> id{1, 2, 3, 3, 4, 4, 5, 6, 6, 7, 7, 7}, x{4, 6, 2, 5, 6, 4, 1, 3, 4, 4, 3, 2},
+      y{5, 0, 8, 6, 8, 0, 39, 0, 5, 8, 4, 9};
+  const double n = static_cast<double>(y.size());
+  double sx = 0, sy = 0, sxx = 0, sxy = 0, syy = 0;
+  std::string csv = "id,x,y\n";
+  for (std::size_t i = 0; i < y.size(); ++i) {
+    csv += std::to_string(id[i]) + "," + std::to_string(x[i]) + "," + std::to_string(y[i]) + "\n";
+    sx += x[i], sy += y[i], sxx += x[i] * x[i], sxy += x[i] * y[i], syy += y[i] * y[i];
+  }
+  const double slope = (sxy - sx * sy / n) / (sxx - sx * sx / n);
+  const double s2 = (syy - sy * sy / n - slope * (sxy - sx * sy / n)) / n;
+  const double answer = n * (std::log(2 * M_PI * s2) + 1);
+  const std::string model = "MODEL y ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NMSIMP"})
+    for (const std::string bounds : {"", "BOUNDS s2u >= 0, s2 > 0;"}) {
+      const auto run = fit_data(csv, technique + "; PARMS b0=1 b1=1 s2u=100 s2=100;" + bounds + model);
+      EXPECT_EQ(run.outcome.exit_code, 0) << technique << bounds << run.log;
+      EXPECT_NEAR(minus2(run), answer, 1e-4) << technique << bounds << run.log;
+      EXPECT_NEAR(run.number("ParameterEstimates", "b1", "Estimate"), slope, 1e-3) << technique << bounds;
+    }
+}
+
 // The same at either of two nested levels.
 TEST(Convergence, NestedVarianceOfZero)
 {

@@ -9,6 +9,7 @@
 #include "solve/judgement/fit_codes.h"
 #include "solve/judgement/fresh_start.h"
 #include "solve/judgement/straight_judgement.h"
+#include "solve/judgement/vanished_variance.h"
 
 #include <algorithm>
 #include <cmath>
@@ -24,6 +25,7 @@ namespace {
 
 constexpr int most_rounds = 12;    // of the trust region
 constexpr int most_sharpened = 6;  // times that a minimum in doubt is looked for anew
+constexpr int most_trials = 4;     // of vanished variances that lead to a better minimum
 constexpr int most_extensions = 3; // of default limits, while a round gains `much` in -2 log L
 constexpr double much = 1.0;
 constexpr double ill_known = 0.05; // elements of the Hessian at unit diagonal
@@ -121,6 +123,12 @@ bool FitEnd::go_on()
   return 2.0 * (before - f_) >= gain_allowed;
 }
 
+// Whether the digits that are printed are those of the minimum, as far as rounding lets them be.
+bool FitEnd::sharp() const
+{
+  return !(judgement_.gain > std::max(sharp_gain, 1e-12 * std::abs(f_)));
+}
+
 // The minimum to more digits. False when there are none to be had.
 bool FitEnd::sharpen()
 {
@@ -152,10 +160,12 @@ int FitEnd::run()
     move_to(x_);
     if (!std::isfinite(f_) || n_.failed) return code;
   }
-  if (evaluated && (judgement_.measured || quickly_confirmed())) return finish(code);
+  const bool clear = evaluated && (judgement_.measured || quickly_confirmed());
+  if (clear && (given_by_user(n_, code) || (sharp() && !try_without_effects()))) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
   extend_default_limits(n_);
   settle(code);
+  for (int trial = 0; trial < most_trials && !given_by_user(n_, code) && try_without_effects(); ++trial) settle(code);
   for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
     extend_default_limits(n_);
     settle(code);
@@ -184,7 +194,8 @@ void FitEnd::settle(int code)
     const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
       if (sharpened == 0) first = f_;
-      if (!judgement_.doubtful_curvature) return;
+      const bool coarse = sharpened == 0 && !sharp();
+      if (!judgement_.doubtful_curvature && !coarse) return;
       const bool last = spent || sharpened == most_sharpened;
       judgement_.creeps = last && 2.0 * (first - f_) >= gain_allowed;
       if (last || !sharpen()) return;
@@ -208,6 +219,21 @@ bool FitEnd::doubtful(int code) const
 {
   return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && n_.str->stop == 0 &&
          !n_.host->interrupted();
+}
+
+// True when a variance that the data hardly tell from 0 has a better minimum there: the fit is at it then.
+bool FitEnd::try_without_effects()
+{
+  if (!judgement_.minimum() || stopped()) return false;
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  const auto better = vanished_variance(n_, *coordinates_, judgement_, x_, f_);
+  if (!better) return false;
+  n_.host->log().xpmlog(
+      message::lower_without_effect{.name = n_.parmstr[static_cast<std::size_t>(better->variance)].parmname,
+                                    .from = 2.0 * f_,
+                                    .to = 2.0 * better->f});
+  move_to(better->x);
+  return true;
 }
 
 // True when a run from the starting values leads to a better point.

@@ -45,11 +45,13 @@ private:
   void measure_by_size();
   void ask_by_parameters();
   bool go_on();
+  bool sharp() const;
   bool sharpen();
   void settle(int code);
   bool stopped() const;
   bool doubtful(int code) const;
   bool start_again();
+  bool try_without_effects();
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
   void to_the_edge();

@@ -46,6 +46,7 @@ int FitEnd::run_technique()
   set_scales();
   int code = 0;
   const int load = str.load;
+  const double gconv = str.gtol, absgconv = str.agtl;
   for (int restart = 0;; ++restart) {
     n_.optimizer_messages.clear();
     n_.dependencies.clear();
@@ -63,11 +64,14 @@ int FitEnd::run_technique()
     integration::nlpfunc(&str);
   }
   str.load = load;
+  str.gtol = gconv;
+  str.agtl = absgconv;
   return code;
 }
 
 // A run that carries an approximation of the Hessian stops early where the true one promises more than GCONV
-// allows: it goes on with the true one as its metric, as long as that pays.
+// allows: it goes on with the true one as its metric, as long as that pays. GCONV is relative to the objective, what
+// shows in the printed digits of estimates and standard errors is not: the run goes on for that too.
 bool FitEnd::technique_goes_on(int code, double start)
 {
   MINSTR& str = *n_.str;
@@ -76,8 +80,11 @@ bool FitEnd::technique_goes_on(int code, double start)
   if (!unsure || !approximates_hessian(str.tech) || given_by_user(n_, code) || limits_reached(str)) return false;
   if (!quickly_confirmed()) return false;
   const double promised = 0.5 * judgement_.gain; // in the objective
-  const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
+  const double size = std::max(std::abs(str.crit), str.fsiz);
+  if (!given_by_user(n_, optimizer::code_gconv)) str.gtol = std::min(str.gtol, std::max(sharp_gain / size, 1e-13));
+  const double allowed = 0.5 * size * str.gtol;
   if (!(promised > allowed && start - str.crit > 0.1 * promised)) return false;
+  if (!given_by_user(n_, optimizer::code_absgconv)) str.agtl = 0.0; // of gradients that the run has passed
   n_.metric = n_.covstr->hessian.elements;
   n_.metric_point.assign(str.x, str.x + n_.nparm);
   return true;
