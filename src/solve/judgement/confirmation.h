@@ -58,6 +58,7 @@ private:
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
   void to_the_edge();
+  bool question_slight_directions();
   int finish(int code);
 
   model::NX& n_;
