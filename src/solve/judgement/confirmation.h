@@ -54,6 +54,7 @@ private:
   bool try_without_effects();
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
+  bool beyond_edge() const;
   void to_the_edge();
   int finish(int code);
 
