@@ -51,7 +51,7 @@ int FitEnd::finish(int code)
   MINSTR& str = *n_.str;
   auto& verdict = n_.verdict;
   verdict.gain = judgement_.measured ? judgement_.gain : host::missing;
-  verdict.accuracy = 2e-14 * std::max(1.0, std::abs(2.0 * f_));
+  verdict.accuracy = std::max(2e-14 * std::max(1.0, std::abs(2.0 * f_)), 2.0 * judgement_.curvature.noise);
   verdict.indefinite = judgement_.indefinite;
   verdict.separated = judgement_.separated;
   const bool minimum = judgement_.minimum();
