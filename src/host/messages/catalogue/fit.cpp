@@ -141,6 +141,12 @@ constexpr CatalogueEntry entries[] = {
      "Starting values far from the optimum, parameters of very different size, or variances near the edge of what the "
      "model allows.",
      ""},
+    {503, 9421, "lower_without_effect", N,
+     "Where {name} is 0 there is a better minimum: -2 log L is {from} with it and {to} without. The fit goes on from "
+     "there.",
+     "A likelihood may have one maximum with an effect and one without it, in small data with outliers above all. "
+     "Variances that the data hardly tell from 0 are therefore tried at 0.",
+     "Look for outliers; the variance is not supported by the data."},
     {503, 9410, "minimum_not_confirmed", W,
      "No minimum was confirmed: at the returned point -2 log L is {value}[, and a Newton step promises to lower it by "
      "{gain}].",
