@@ -269,6 +269,23 @@ TEST(Convergence, ConstantResponses)
     }
 }
 
+// A covariate that stands symmetrically around 0 in subjects that are all alike: gradients by its slope are nothing but
+// rounding at the start, which is no unit of the slope. A variance that vanishes is 0.
+TEST(Convergence, SlopesWithoutGradientAtTheStart)
+{
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < 25; ++i) csv += std::to_string(i / 5) + "," + std::to_string(i % 5 - 2) + ",3\n";
+  for (const std::string technique : {"", "TRUREG", "NEWRAP", "NRRIDG", "CONGRA"}) {
+    const auto run = fit_data(csv, (technique.empty() ? "" : "TECHNIQUE=" + technique) +
+                                       "; PARMS b0=0 b1=0 s2u=1; MODEL y ~ POISSON(EXP(b0 + b1*x + u)); RANDOM u ~ "
+                                       "NORMAL(0, s2u) SUBJECT=id; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << technique << run.log;
+    EXPECT_NEAR(run.number("ParameterEstimates", "b0", "Estimate"), std::log(3.0), 1e-4) << technique;
+    EXPECT_NEAR(run.number("ParameterEstimates", "b1", "StandardError"), 1 / std::sqrt(150.0), 1e-6) << technique;
+    EXPECT_GE(run.number("ParameterEstimates", "s2u", "Estimate"), 0.0) << technique;
+  }
+}
+
 // What the data do not identify has no standard error; the rest has that of the model without it; one warning names it.
 TEST(Convergence, NullSpaceIsNamed)
 {

@@ -57,6 +57,7 @@ private:
   void fall_on(int code);
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
+  bool beyond_edge() const;
   void to_the_edge();
   bool question_slight_directions();
   int finish(int code);

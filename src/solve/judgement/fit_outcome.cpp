@@ -16,12 +16,19 @@ namespace torvale::solve {
 using model::FitOutcome;
 using optimizer::MINSTR;
 
+// A technique without bounds may end behind the edge of G, by rounding.
+bool FitEnd::beyond_edge() const
+{
+  const auto variances = coordinates_->edge_diagonals();
+  return std::any_of(variances.begin(), variances.end(), [&](int i) { return x_[static_cast<std::size_t>(i)] < 0.0; });
+}
+
 // A direction in which G all but vanishes vanishes, where that costs nothing.
 void FitEnd::to_the_edge()
 {
   const std::vector<double> origin(x_.size(), 0.0);
   std::vector<double> t(origin);
-  bool any = false;
+  bool any = beyond_edge();
   for (const int i : coordinates_->edge_diagonals()) {
     const double at_zero = -coordinates_->origin(i) / coordinates_->scale(i);
     if (at_zero == 0.0 || std::abs(at_zero) > 0.1 || at_zero < coordinates_->lower(i)) continue;
@@ -49,9 +56,12 @@ int FitEnd::finish(int code)
   verdict.indefinite = judgement_.indefinite;
   verdict.separated = judgement_.separated;
   const bool minimum = judgement_.minimum();
+  if (minimum && (moved_ || beyond_edge())) {
+    const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+    to_the_edge();
+  }
   if (moved_) {
     const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
-    if (minimum) to_the_edge();
     // Stage 2 without a technique: the point evaluated once more, its Hessian, its active bounds.
     const int tech = std::exchange(str.tech, static_cast<int>(optimizer::NONE));
     std::copy(x_.begin(), x_.end(), str.x);
