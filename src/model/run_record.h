@@ -223,8 +223,8 @@ struct GroupState {
   enum class Evaluated : char { nothing, sums, value, gradient };
   Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point; sums: they have been overwritten since
   double evaluated_objfun = 0.0;            // the objective there
-  // Derivatives of the modes by the parameters, nr x np a subject, with one level; empty: not kept. They tell where the
-  // modes of a nearby point are.
+  // Derivatives of the modes by the parameters, nr x np a subject, in the order of the modes; empty: not kept. They tell
+  // where the modes of a nearby point are.
   std::vector<float> ebes_by, ebtrial_by; // of the accepted modes, and of the last evaluation's
   bool ebtrial_by_known = false;          // that one had a gradient
   std::vector<double> ebes_point;         // point of ebes_by; empty: there are none
