@@ -231,6 +231,22 @@ TEST(HardyMethod, AgreesWithTheReferences)
 }
 
 // A variance that starts at 0 leaves it.
+// Where nothing is fitted the number of points is chosen with the same care: for counts three points add next to
+// nothing to one, and both are wrong.
+TEST(IntegrationMethods, PointsOfAnEvaluation)
+{
+  const auto value = [](const std::string& options) {
+    const auto run = run_text("TORVALE DATA=epil TECHNIQUE=NONE " + options +
+                              ";"
+                              "PARMS b0=1.5 b1=0.8 b2=-0.3 b3=0.3 b4=-0.1 b5=0.3 v=0.3; t = (trt = 'progabide');"
+                              "MODEL y ~ POISSON(exp(b0 + b1*lbase + b2*t + b3*lage + b4*v4 + b5*lbase*t + u));"
+                              "RANDOM u ~ NORMAL(0, v) SUBJECT=subject; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+    return run.number("FitStatistics", "-2 Log Likelihood", "Value");
+  };
+  EXPECT_NEAR(value(""), value("QPOINTS=31"), 0.01); // one point: 0.16
+}
+
 TEST(IntegrationMethods, VariancesLeaveZero)
 {
   const double best = reference_of("cbpp")["fits"][0]["results"]["minus2loglik"].get<double>();

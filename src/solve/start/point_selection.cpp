@@ -57,6 +57,16 @@ double relative_change(const RunOptions& n, double from, double to)
   return std::abs(to - from) / std::abs(guarded);
 }
 
+// A fit questions its points at the estimates. Where nothing is fitted the count is held to the finer rule at once: two
+// counts can agree and both be wrong.
+bool stands_alone(NX& n, int points, double objective)
+{
+  const int finer = finer_points(n, points);
+  if (!n.noopt || n.method != 0 || !affordable_points(n, points, finer)) return true;
+  const double f = evaluate_with(n, finer);
+  return !has_value(f) || relative_change(n, objective, f) < n.qtol;
+}
+
 // With its gradient where that is wanted and there, else the value alone.
 void evaluate_start(NX& n)
 {
@@ -182,10 +192,15 @@ int settle_points(NX& n)
       n.host->log().xpmlog(words);
       return 2;
     }
-    f = evaluate_with(n, host::whole_number(next));
+    const int tried = host::whole_number(next);
+    f = evaluate_with(n, tried);
     if (!has_value(f)) continue;
     change = relative_change(n, accepted, f);
     if (!(change < n.qtol) || !has_value(accepted)) continue;
+    if (!stands_alone(n, n.nqpold, accepted)) {
+      n.nqp = tried;
+      continue;
+    }
     // The smaller of the two counts; its modes and objective are those that follow.
     n.dograd = with_gradient;
     take_points(n, n.nqpold);
