@@ -5,7 +5,9 @@
 #include "host/host_exit.h"
 #include "host/values/whole_number.h"
 #include "integration/objective.h"
+#include "integration/other_modes.h"
 #include "integration/rules/quadrature_points.h"
+#include "model/subject_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -74,6 +76,21 @@ void evaluate_start(NX& n)
   if (!n.failed || !n.dograd) return;
   n.dograd = false;
   integration::tvllike(n);
+}
+
+// More points around a mode say nothing of another one.
+void warn_of_other_modes(NX& n)
+{
+  constexpr double told = 0.1; // of -2 log L, as for the points
+  integration::OtherModes found;
+  if (integration::find_other_modes(n, found) > 2 || !(found.change < -told)) return;
+  message::integrands_have_other_modes words{
+      .count = found.subjects,
+      .looked = found.looked,
+      .subject = model::subject_name(n, n.leaf().SubInfo[static_cast<std::size_t>(found.worst)]),
+      .change = found.change};
+  n.host->log().xpmlog(words);
+  n.raise(4);
 }
 
 } // namespace
@@ -145,6 +162,7 @@ void check_points(NX& n, const FinerSum& known)
     n.host->log().xpmlog(message::more_points_than_qmax{.tolerance = n.qtol, .points = n.nqp});
     n.raise(4);
   }
+  warn_of_other_modes(n);
   if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
   const int in_use = n.nqp, finer = finer_points(n, in_use);
   if (!affordable_points(n, in_use, finer)) return leave_out("an evaluation with twice the points would cost too much");
