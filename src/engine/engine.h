@@ -165,8 +165,11 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
 // frames run.
 void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count);
 
+// Visits: how often a program's lanes take a record. At many points: what these have in common is computed once for the
+// record. Once: each lane computes it for itself, and nothing is carried about. The last digits may differ.
+enum class Visits : std::uint8_t { many, once };
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
-const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
+const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits = Visits::many);
 // cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor
 // that does not: derivatives by the coefficients of a linear predictor have one coefficient in common, and factors of
 // their own. After cmpgen; the symbols are new ones for cmpspec, equal values have one. A factor that is null is 1; an

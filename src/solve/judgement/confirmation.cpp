@@ -151,7 +151,7 @@ bool FitEnd::go_on()
 // Whether the digits that are printed are those of the minimum, as far as rounding lets them be.
 bool FitEnd::sharp() const
 {
-  return !(judgement_.gain > std::max(sharp_gain, 1e-12 * std::abs(f_)));
+  return !(judgement_.gain > std::max({sharp_gain, 1e-12 * std::abs(f_), 2.0 * judgement_.curvature.noise}));
 }
 
 // The minimum to more digits. False when there are none to be had.
@@ -223,7 +223,8 @@ void FitEnd::fall_on(int code)
 void FitEnd::take_turns()
 {
   const double before = f_;
-  if (std::vector<double> x(x_); by_turns(n_, x, f_)) move_to(x);
+  double f = f_;
+  if (std::vector<double> x(x_); by_turns(n_, x, f)) move_to(x);
   falling_ = 2.0 * (before - f_) >= much;
 }
 

@@ -59,6 +59,7 @@ private:
   // fit_outcome.cpp
   bool beyond_edge() const;
   void to_the_edge();
+  bool question_slight_directions();
   int finish(int code);
 
   model::NX& n_;
