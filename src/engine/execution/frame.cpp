@@ -178,8 +178,8 @@ int Frame::run(const Program& program, const Tile& tile)
   LaneRunner& runner = f.runner(Stage::lane);
   for (int i = 0; i < tile.lanes; i += lanes.count) {
     cut_strip(lanes, tile, i, runner.strip());
-    if (runner.run(lanes, f.sources, *state.data, {f.outputs.data() + i, output_stride}, results) != 0)
-      return run_code::endless_loop;
+    const Outputs outputs{f.outputs.data() + i, output_stride, tile.sums, tile.first_sum + i, tile.adds};
+    if (runner.run(lanes, f.sources, *state.data, outputs, results) != 0) return run_code::endless_loop;
   }
   return results.code;
 }

@@ -44,6 +44,16 @@ void make_canonical(double* values, int n)
   }
 }
 
+// From the room of the outputs to their sums.
+void pass_on(const Outputs& from, int outputs, int lanes)
+{
+  for (int k = 0; k < outputs; ++k) {
+    const double* const value = from.at + k * from.stride;
+    double* const sum = from.sums[k] + from.first_sum;
+    for (int i = 0; i < lanes; ++i) sum[i] = from.adds ? sum[i] + value[i] : value[i];
+  }
+}
+
 } // namespace
 
 int ascending_run(const std::int32_t* index, int n)
@@ -98,6 +108,7 @@ void LaneRunner::prepare()
   const auto strip = static_cast<std::size_t>(strip_), outputs = static_cast<std::size_t>(code_.outputs);
   fetched_.reserve(code_.inputs.size() * strip);
   kept_.reserve((code_.results.size() - outputs) * strip);
+  padding_.reserve(outputs * lane_padding);
   input_addresses_.resize(code_.inputs.size());
   input_base_.resize(code_.inputs.size());
   known_version_ = 0;
@@ -131,7 +142,8 @@ int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns
 {
   if (!by_native_ || fetches_) lanes.list();
   if (by_native_) {
-    NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same, in_pairs(lanes.padded)};
+    NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same, in_pairs(lanes.padded),
+                      outputs.adds};
     const NativeStage* stage = native(shape);
     if (stage == nullptr && shape.paired) {
       can_be_paired_ = shape.paired = false;
@@ -148,7 +160,9 @@ int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns
       std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
     lanes.list();
   }
-  return walk(lanes, sources, texts, outputs, results);
+  const int code = walk(lanes, sources, texts, outputs, results);
+  if (outputs.sums != nullptr) pass_on(outputs, code_.outputs, lanes.count);
+  return code;
 }
 
 // --- inputs ---
@@ -274,16 +288,44 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
   if (lanes.points == Lanes::Run::mixed) hold_points_of(lanes, sources);
 }
 
+void LaneRunner::place_outputs(const Outputs& outputs)
+{
+  const auto n = static_cast<std::size_t>(code_.outputs);
+  if (outputs.sums != nullptr) {
+    outputs_at_ = nullptr;
+    for (std::size_t k = 0; k < n; ++k) result_addresses_[k] = outputs.sums[k] + outputs.first_sum;
+  } else if (outputs_at_ != outputs.at) {
+    outputs_at_ = outputs.at;
+    for (std::size_t k = 0; k < n; ++k)
+      result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
+  }
+}
+
+// The lanes of the padding are written too.
+void LaneRunner::keep_padding(const Lanes& lanes)
+{
+  const auto behind = static_cast<std::size_t>(lanes.padded - lanes.count);
+  for (int k = 0; k < code_.outputs; ++k)
+    std::memcpy(padding_.data() + k * lane_padding, result_addresses_[static_cast<std::size_t>(k)] + lanes.count,
+                behind * sizeof(double));
+}
+
+void LaneRunner::restore_padding(const Lanes& lanes)
+{
+  const auto behind = static_cast<std::size_t>(lanes.padded - lanes.count);
+  for (int k = 0; k < code_.outputs; ++k)
+    std::memcpy(result_addresses_[static_cast<std::size_t>(k)] + lanes.count, padding_.data() + k * lane_padding,
+                behind * sizeof(double));
+}
+
 void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources,
                             const Outputs& outputs, Results& results)
 {
   find_inputs(lanes, sources);
   const auto n = static_cast<std::size_t>(code_.outputs);
-  if (outputs_at_ != outputs.at) {
-    outputs_at_ = outputs.at;
-    for (std::size_t k = 0; k < n; ++k)
-      result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
-  }
+  place_outputs(outputs);
+  const bool keeps = outputs.sums != nullptr && lanes.padded > lanes.count;
+  if (keeps) keep_padding(lanes);
   NativeArguments arguments;
   arguments.inputs = input_addresses_.data();
   arguments.fixed = fixed_.data();
@@ -292,6 +334,7 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   arguments.lanes = lanes.padded;
   if (stage.run(arguments))
     for (std::size_t k = 0; k < n; ++k) make_canonical(result_addresses_[k], lanes.count);
+  if (keeps) restore_padding(lanes);
   for (std::size_t k = n; k < code_.results.size(); ++k)
     results.keep(static_cast<std::int32_t>(k), result_addresses_[k], lanes);
 }

@@ -85,10 +85,14 @@ struct Sources {
   std::int64_t row(std::int32_t record) const { return records != nullptr ? records[record] : record; }
 };
 
-// Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding.
+// Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding. With `sums` to
+// sums[k][first_sum] and on (Tile); `at` is room then.
 struct Outputs {
   double* at = nullptr;
   std::int64_t stride = 0;
+  double* const* sums = nullptr;
+  int first_sum = 0;
+  bool adds = false;
 };
 
 // Character columns of the bound data, for text tests.
@@ -149,6 +153,9 @@ private:
   void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, const Outputs& outputs,
                   Results& results);
   void find_inputs(const Lanes& lanes, const Sources& sources);
+  void place_outputs(const Outputs& outputs);
+  void keep_padding(const Lanes& lanes);
+  void restore_padding(const Lanes& lanes);
 
   int cached_strip() const;
   void prepare_steps(int strip);
@@ -181,6 +188,7 @@ private:
   std::vector<const double*> input_addresses_;
   std::vector<double*> result_addresses_;
   const double* outputs_at_ = nullptr; // the outputs that the first of these belong to
+  LaneArray padding_;                  // what stands behind sums, lane_padding numbers for each output
 
   LaneArray registers_; // strip_ values each
   std::vector<Operation> operations_;

@@ -46,6 +46,8 @@ struct Judgement {
   }
   double allowed = gain_allowed; // gain_allowed, or ten times the evaluation's noise
 
+  // The Newton step off the null space, by all coordinates; g is the gradient by t.
+  std::vector<double> newton_step(const std::vector<double>& g) const;
   // Direction k is flat: its eigenvalue becomes 0, its length 1.
   void note_null(int k);
 };

@@ -2,6 +2,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
+#include "solve/start/start_metric.h"
 
 #include <algorithm>
 #include <cmath>
@@ -31,8 +32,7 @@ void FitEnd::set_scales()
   if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
   scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
   for (std::size_t i = 0; i < scales_.size(); ++i) {
-    const double d = products[i * (i + 3) / 2];
-    if (d > 0.0 && std::isfinite(d)) scales_[i] = 1.0 / std::sqrt(d);
+    scales_[i] = unit_of(products, i, str.x[i]);
     // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
     if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
   }
