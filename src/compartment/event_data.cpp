@@ -190,4 +190,19 @@ std::optional<Crossing> dose_across_subjects(const syntax::STMT& statement, std:
   return std::nullopt;
 }
 
+std::optional<std::size_t> falling_time(const syntax::STMT& statement, std::span<const Variable> data,
+                                        std::span<const std::size_t> subject)
+{
+  if (!has_events(statement)) return std::nullopt;
+  Events events;
+  find_variables(statement, data, events);
+  const Variable* const time = find(data, events.of(EventItem::time));
+  if (time == nullptr) return std::nullopt;
+  const Records records(data, events);
+  for (std::size_t row = 1; row < records.rows(); ++row)
+    if (time->values[row] < time->values[row - 1] && subject[row] == subject[row - 1] && !records.resets(row))
+      return row;
+  return std::nullopt;
+}
+
 } // namespace torvale::compartment

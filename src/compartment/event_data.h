@@ -21,4 +21,8 @@ struct Crossing {
 std::optional<Crossing> dose_across_subjects(const syntax::STMT& statement, std::span<const Variable> data,
                                              std::span<const std::size_t> outer, std::span<const std::size_t> inner);
 
+// The first row whose time is below that of the row before, both of the same subject, without a reset there.
+std::optional<std::size_t> falling_time(const syntax::STMT& statement, std::span<const Variable> data,
+                                        std::span<const std::size_t> subject);
+
 } // namespace torvale::compartment

@@ -137,7 +137,7 @@ int tvldata(NX& n)
   if (inspect_bad_rows(n, frame, pass) != 0) return 1;
   report_values(n, pass);
 
-  n.store->nobsu = std::count(n.store->badobs.begin(), n.store->badobs.end(), BadCause::none);
+  n.store->nobsu = n.store->nobs - pass.found.bad;
   for (auto reff = n.reff.rbegin(); reff != n.reff.rend(); ++reff)
     if (count_subjects(n, pass, *reff) != 0) return 1;
   if (n.store->nobsu == 0) {

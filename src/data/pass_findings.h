@@ -10,6 +10,7 @@ namespace torvale::data {
 
 // BlockFindings: of the rows of one block.
 struct BlockFindings {
+  long bad = 0;                               // rows marked in badobs
   long fractions = 0;                         // used rows whose response is not a whole number, where it should be one
   std::int64_t first_fraction = 0;            // row of the first one
   long impossible = 0;                        // usable rows with an impossible log likelihood
@@ -18,6 +19,7 @@ struct BlockFindings {
   void add(const BlockFindings& next)
   {
     if (fractions == 0) first_fraction = next.first_fraction;
+    bad += next.bad;
     fractions += next.fractions;
     impossible += next.impossible;
     for (const std::int64_t row : next.first_impossible)

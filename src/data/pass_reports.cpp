@@ -81,8 +81,9 @@ int report_stop(NX& n, engine::Frame& frame, const engine::Program& program, con
   return 1;
 }
 
-int inspect_bad_rows(NX& n, engine::Frame& frame, const PassFindings& arguments)
+int inspect_bad_rows(NX& n, engine::Frame& frame, const PassFindings& pass)
 {
+  if (pass.found.bad == 0) return 0;
   std::array<long, 9> counts{};
   std::array<std::int64_t, 9> firsts{};
   const bool deletes = engine::deletes_records(*n.gcmp); // a record that DELETE leaves out is missing without a fault
@@ -102,7 +103,7 @@ int inspect_bad_rows(NX& n, engine::Frame& frame, const PassFindings& arguments)
       --inspected;
       const std::int32_t* const starts = n.store->view.subject_start;
       records -= sequential ? row - (starts != nullptr ? starts[row] : 0) + 1 : 1;
-      if (report_fault(n, frame, arguments, row)) return 1;
+      if (report_fault(n, frame, pass, row)) return 1;
     }
     if (data_missing || deletes) continue;
     const auto c = static_cast<std::size_t>(cause);
@@ -133,7 +134,7 @@ void report_impossible(NX& n, const PassFindings& pass)
 void report_values(NX& n, const PassFindings& pass)
 {
   const auto& bad = n.store->badobs;
-  const auto first = std::find(bad.begin(), bad.end(), BadCause::replicate);
+  const auto first = pass.found.bad > 0 ? std::find(bad.begin(), bad.end(), BadCause::replicate) : bad.end();
   if (first != bad.end()) {
     const auto row = static_cast<std::int64_t>(first - bad.begin());
     n.host->log().xpmlog(

@@ -7,6 +7,7 @@
 #include "host/messages/names/methods.h"
 #include "host/messages/names/optimization.h"
 #include "host/messages/names/statements.h"
+#include "parallel/worker_pool.h"
 
 #include <algorithm>
 
@@ -52,22 +53,39 @@ void set_rows(Store& store, const std::vector<std::int32_t>& order)
     store.store_order[static_cast<std::size_t>(order[k])] = static_cast<std::int32_t>(k);
 }
 
+// The system hands out memory page by page, when it is first written: to all workers at once.
+void write_pages(parallel::WorkerPool* workers, void* memory, std::size_t bytes)
+{
+  constexpr std::size_t page = 4096, block = 256 * page;
+  auto* const to = static_cast<unsigned char*>(memory);
+  parallel::deal(workers, static_cast<long>((bytes + block - 1) / block), [&](int, long item) {
+    const std::size_t first = static_cast<std::size_t>(item) * block;
+    for (std::size_t at = first; at < std::min(first + block, bytes); at += page) to[at] = 0;
+  });
+}
+
 // The subjects of a level, and their place under those of the next outer one, which are set.
 void set_subjects(NX& n, std::size_t level, const SubjectRows& rows)
 {
-  model::REFFECT& reff = n.reff[level];
-  reff.SubInfo.assign(static_cast<std::size_t>(rows.count()), {});
-  for (int s = 0; s < rows.count(); ++s) {
-    auto& subject = reff.SubInfo[static_cast<std::size_t>(s)];
-    subject.ranind = static_cast<int>(level);
-    subject.index = s;
-    subject.first_row = rows.start[static_cast<std::size_t>(s)];
-    subject.SubCount = rows.start[static_cast<std::size_t>(s) + 1] - rows.start[static_cast<std::size_t>(s)];
-    subject.parent = rows.parent[static_cast<std::size_t>(s)];
-    if (subject.parent < 0) continue;
-    auto& parent = n.reff[level + 1].SubInfo[static_cast<std::size_t>(subject.parent)];
-    if (parent.last_child == 0) parent.first_child = s;
-    parent.last_child = s + 1;
+  auto& subjects = n.reff[level].SubInfo;
+  const auto count = static_cast<std::size_t>(rows.count());
+  subjects.clear();
+  subjects.reserve(count);
+  write_pages(n.workers.get(), subjects.data(), count * sizeof(model::SUBINFO));
+  const bool outermost = level + 1 == n.reff.size();
+  for (std::size_t s = 0; s < count; ++s) {
+    model::SUBINFO subject;
+    subject.ranind = static_cast<std::int16_t>(level);
+    subject.index = static_cast<int>(s);
+    subject.first_row = rows.start[s];
+    subject.SubCount = rows.start[s + 1] - rows.start[s];
+    if (!outermost) {
+      subject.parent = rows.parent[s];
+      auto& parent = n.reff[level + 1].SubInfo[static_cast<std::size_t>(subject.parent)];
+      if (parent.last_child == 0) parent.first_child = subject.index;
+      parent.last_child = subject.index + 1;
+    }
+    subjects.push_back(subject);
   }
 }
 

@@ -3,6 +3,7 @@
 #include "evaluation/program_faults.h"
 #include "host/messages/names/fit.h"
 #include "host/messages/names/statements.h"
+#include "parallel/worker_pool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -81,38 +82,71 @@ bool changes_within(NX& n, const PassFindings& pass, const model::SUBINFO& subje
   return false;
 }
 
+// The used rows of a subject.
+void find_used(const model::Store& store, model::SUBINFO& subject)
+{
+  const std::int32_t last = subject.first_row + subject.SubCount;
+  subject.used = 0;
+  if (store.nobsu == store.nobs) {
+    subject.used = subject.SubCount;
+    subject.fvalidobs = subject.first_row;
+    subject.lvalidobs = last - 1;
+  } else {
+    for (std::int32_t row = subject.first_row; row < last; ++row) {
+      if (store.badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
+      if (subject.used++ == 0) subject.fvalidobs = row;
+      subject.lvalidobs = row;
+    }
+  }
+  subject.badsub = subject.used == 0;
+  subject.weight =
+      !subject.badsub && !store.replicate.empty() ? store.replicate[static_cast<std::size_t>(subject.lvalidobs)] : 1.0;
+}
+
+struct Totals {
+  long usable = 0, most_used = 0;
+};
+
+Totals find_used_rows(const NX& n, model::REFFECT& reff)
+{
+  constexpr std::size_t block_subjects = 4096;
+  auto& subjects = reff.SubInfo;
+  std::vector<Totals> of_block((subjects.size() + block_subjects - 1) / block_subjects);
+  parallel::deal(n.workers.get(), static_cast<long>(of_block.size()), [&](int, long block) {
+    Totals totals;
+    const std::size_t first = static_cast<std::size_t>(block) * block_subjects;
+    for (std::size_t s = first; s < std::min(first + block_subjects, subjects.size()); ++s) {
+      find_used(*n.store, subjects[s]);
+      totals.usable += subjects[s].badsub ? 0 : 1;
+      totals.most_used = std::max<long>(totals.most_used, subjects[s].used);
+    }
+    of_block[static_cast<std::size_t>(block)] = totals;
+  });
+  Totals sum;
+  for (const Totals& totals : of_block) {
+    sum.usable += totals.usable;
+    sum.most_used = std::max(sum.most_used, totals.most_used);
+  }
+  return sum;
+}
+
 } // namespace
 
 int count_subjects(NX& n, const PassFindings& pass, model::REFFECT& reff)
 {
-  reff.nsub = 0;
-  reff.nrepsub = 0.0;
-  reff.ntmax = 0;
-  const bool all_used = n.store->nobsu == n.store->nobs;
-  const bool may_change = reff.setup_varies || !reff.rhs.empty() || n.repsym != nullptr;
-  for (auto& subject : reff.SubInfo) {
-    const std::int32_t last = subject.first_row + subject.SubCount;
-    subject.used = 0;
-    if (all_used) {
-      subject.used = subject.SubCount;
-      subject.fvalidobs = subject.first_row;
-      subject.lvalidobs = last - 1;
-    }
-    for (std::int32_t row = subject.first_row; row < last && !all_used; ++row) {
-      if (n.store->badobs[static_cast<std::size_t>(row)] != BadCause::none) continue;
-      if (subject.used++ == 0) subject.fvalidobs = row;
-      subject.lvalidobs = row;
-    }
-    subject.badsub = subject.used == 0;
-    if (subject.badsub) continue;
-    subject.weight = n.repsym != nullptr ? n.store->replicate[static_cast<std::size_t>(subject.lvalidobs)] : 1.0;
-    ++reff.nsub;
-    reff.nrepsub += subject.weight;
-    reff.ntmax = std::max<long>(reff.ntmax, subject.used);
-    if (may_change && changes_within(n, pass, subject)) {
-      n.raise(1012);
-      return 1;
-    }
+  const Totals totals = find_used_rows(n, reff);
+  reff.nsub = totals.usable;
+  reff.ntmax = totals.most_used;
+  reff.nrepsub = static_cast<double>(totals.usable);
+  if (n.repsym != nullptr) {
+    reff.nrepsub = 0.0;
+    for (const auto& subject : reff.SubInfo) reff.nrepsub += subject.badsub ? 0.0 : subject.weight;
+  }
+  if (!reff.setup_varies && reff.rhs.empty() && n.repsym == nullptr) return 0; // nothing may change
+  for (const auto& subject : reff.SubInfo) {
+    if (subject.badsub || !changes_within(n, pass, subject)) continue;
+    n.raise(1012);
+    return 1;
   }
   return 0;
 }

@@ -1,5 +1,6 @@
 #include "data/subject_index.h"
 
+#include "data/ordered_subjects.h"
 #include "host/messages/names/statements.h"
 #include "host/values/missing.h"
 
@@ -61,78 +62,32 @@ struct NumberKeys {
   std::uint64_t operator[](std::size_t i) const { return std::bit_cast<std::uint64_t>(values[i] + 0.0); }
 };
 
-// The subjects of a level, row by row, numbered by first appearance. `outer` are those of the next outer level, empty
-// where there is none; `parent` receives the outer subject of each.
-template <class Keys> class LevelNumbers {
-public:
-  LevelNumbers(const Keys& keys, std::size_t rows, const std::vector<std::int32_t>& outer,
-               std::vector<std::int32_t>& parent)
-      : keys_(keys), outer_(outer), parent_(parent), subject_(rows)
-  {
-  }
-
-  // Each change of the value is a new subject. False where `grow` is asked for and the values do not only grow within a
-  // parent, and the parents: then what has changed need not be new.
-  bool by_change(bool grow)
-  {
-    parent_.clear();
-    NestedKey before{};
-    for (std::size_t i = 0; i < subject_.size(); ++i) {
-      const NestedKey key = key_at(i);
-      if (i == 0 || !(key == before)) {
-        const bool less = key.parent < before.parent || (key.parent == before.parent && key.value < before.value);
-        if (grow && i > 0 && less) return false;
-        parent_.push_back(key.parent);
-        before = key;
-      }
-      subject_[i] = static_cast<std::int32_t>(parent_.size()) - 1;
-    }
-    changes_ = static_cast<long>(parent_.size());
-    return true;
-  }
-
-  void by_value()
-  {
-    std::unordered_map<NestedKey, std::int32_t, NestedKeyHash> known; // looked up, never walked
-    parent_.clear();
-    changes_ = 0;
-    NestedKey before{};
-    for (std::size_t i = 0; i < subject_.size(); ++i) {
-      const NestedKey key = key_at(i);
-      if (i > 0 && key == before) {
-        subject_[i] = subject_[i - 1];
-        continue;
-      }
-      before = key;
-      ++changes_;
-      const auto next = static_cast<std::int32_t>(parent_.size());
-      subject_[i] = known.try_emplace(key, next).first->second;
-      if (subject_[i] == next) parent_.push_back(key.parent);
-    }
-  }
-
-  std::vector<std::int32_t> take() { return std::move(subject_); }
-  long changes() const { return changes_; }
-
-private:
-  NestedKey key_at(std::size_t i) const { return {outer_.empty() ? -1 : outer_[i], keys_[i]}; }
-
-  const Keys keys_;
-  const std::vector<std::int32_t>& outer_;
-  std::vector<std::int32_t>& parent_;
-  std::vector<std::int32_t> subject_;
-  long changes_ = 0;
-};
-
-// Most files are in the order of their subjects: that is tried first.
+// Numbers the subjects of a level, row by row, by first appearance. `subject` holds those of the next outer level,
+// empty where there is none, and receives this level's; `parent` receives the outer subject of each. Returns the
+// changes of the value in file order.
 template <class Keys>
-void number_level(const Keys& keys, std::size_t rows, bool split, std::vector<std::int32_t>& subject,
-                  std::vector<std::int32_t>& parent, long& changes)
+long number_level(const Keys& keys, std::size_t rows, std::vector<std::int32_t>& subject,
+                  std::vector<std::int32_t>& parent)
 {
-  LevelNumbers<Keys> level(keys, rows, subject, parent);
-  if (!level.by_change(!split)) level.by_value();
-  changes = level.changes();
-  subject = level.take();
+  std::unordered_map<NestedKey, std::int32_t, NestedKeyHash> known; // looked up, never walked
+  const bool outermost = subject.empty();
+  subject.resize(rows);
+  parent.clear();
+  long changes = 0;
+  NestedKey before{};
+  for (std::size_t i = 0; i < rows; ++i) {
+    const NestedKey key{outermost ? -1 : subject[i], keys[i]};
+    if (i > 0 && key == before) {
+      subject[i] = subject[i - 1];
+      continue;
+    }
+    before = key;
+    ++changes;
+    const auto next = static_cast<std::int32_t>(parent.size());
+    subject[i] = known.try_emplace(key, next).first->second;
+    if (subject[i] == next) parent.push_back(key.parent);
+  }
+  return changes;
 }
 
 // Puts the subjects of a level in the order of their parents: returns the new number of each, nothing where they stand
@@ -193,6 +148,7 @@ int tvlsubj(model::NX& n, SubjectIndex& index)
     n.host->log().xpmlog(message::no_usable_observation{});
     return 2;
   }
+  if (index_ordered_rows(n, index)) return 0; // as most files are
   const auto column_of = [&](const model::REFFECT& reff) -> const host::Column& {
     return n.fid->columns()[static_cast<std::size_t>(reff.sub_dsvarno - 1)];
   };
@@ -205,11 +161,10 @@ int tvlsubj(model::NX& n, SubjectIndex& index)
   for (std::size_t k = n.reff.size(); k-- > 0;) {
     const host::Column& column = column_of(n.reff[k]);
     auto& parent = index.level[k].parent;
-    if (column.numeric())
-      number_level(NumberKeys{column.numbers().data() + n.rows.begin}, n.rows.rows(), n.nosort, subject, parent,
-                   index.changes);
-    else
-      number_level(column.codes().subspan(n.rows.begin), n.rows.rows(), n.nosort, subject, parent, index.changes);
+    index.changes =
+        column.numeric()
+            ? number_level(NumberKeys{column.numbers().data() + n.rows.begin}, n.rows.rows(), subject, parent)
+            : number_level(column.codes().subspan(n.rows.begin), n.rows.rows(), subject, parent);
     number = order_by_parent(parent, number);
   }
   if (!number.empty())
@@ -220,6 +175,7 @@ int tvlsubj(model::NX& n, SubjectIndex& index)
   else
     deal_rows(subject, index.level.front(), index.order);
   for (std::size_t k = 1; k < index.level.size(); ++k) start_from_children(index.level[k - 1], index.level[k]);
+  index.level.back().parent = {};
   return 0;
 }
 

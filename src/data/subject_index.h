@@ -14,8 +14,8 @@ struct SubjectRows {
   std::vector<std::int32_t>
       start; // per subject its first position in SubjectIndex::order; one more entry closes the last
   std::vector<std::int32_t>
-      parent; // per subject the one of the next outer level that it is nested in; -1 at the outermost
-  std::int32_t count() const { return static_cast<std::int32_t>(parent.size()); }
+      parent; // per subject the one of the next outer level that it is nested in; empty at the outermost
+  std::int32_t count() const { return static_cast<std::int32_t>(start.size()) - 1; }
 };
 
 // SubjectIndex: rows of one BY group, dealt to subjects. Rows count from 0 within the group.

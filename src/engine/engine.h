@@ -165,8 +165,11 @@ std::shared_ptr<const BoundData> cmpbind(const CMPGLOBAL& gcmp, const DataView& 
 // frames run.
 void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t count);
 
+// Visits: how often a program's lanes take a record. At many points: what these have in common is computed once for the
+// record. Once: each lane computes it for itself, and nothing is carried about. The last digits may differ.
+enum class Visits : std::uint8_t { many, once };
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
-const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
+const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits = Visits::many);
 // cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor
 // that does not: derivatives by the coefficients of a linear predictor have one coefficient in common, and factors of
 // their own. After cmpgen; the symbols are new ones for cmpspec, equal values have one. A factor that is null is 1; an
@@ -225,6 +228,11 @@ struct Tile {
   std::int32_t first = 0; // where `observation` is null; with repeat = lanes above 1 all are at row first
   std::int32_t first_point =
       -1; // where `point` is null: points first_point, first_point + 1, ...; below 0: all at point 0
+  // Where the distinct outputs go, in place of Frame::output: value i of number k to sums[k][first_sum + i], or with
+  // `adds` onto what stands there.
+  double* const* sums = nullptr;
+  int first_sum = 0;
+  bool adds = false;
 };
 
 // Fault: one program fault, found when a tile is run again by the slow path.

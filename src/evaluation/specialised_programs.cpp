@@ -154,7 +154,7 @@ void specialise_pass(NX& n, const CMPDER& gradient)
     if (needs_gradient(n))
       for (CMPSYM* s : reff.gradrstr.der.s) add(s, BadCause::random_gradient);
   }
-  n.pass_program = engine::cmpspec(*n.gcmp, outputs);
+  n.pass_program = engine::cmpspec(*n.gcmp, outputs, engine::Visits::once);
 }
 
 // True when some distribution argument, or a derivative of one, differs between records: it reads data or kept values.

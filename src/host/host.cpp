@@ -45,7 +45,7 @@ public:
   GroupResult& group() override { return group_for_tables(); }
   void begin_group(ByValues by) override;
   void end_group(int return_code) override;
-  void end_step(int return_code) override;
+  void end_step(int return_code, bool failed) override;
 
   void xpsout(std::string_view line) override { list(std::string(line) + "\n"); }
   void list_program(std::string title, std::string text) override
@@ -176,19 +176,18 @@ void EmbeddedHost::end_group(int return_code)
   group_ = nullptr;
 }
 
-void EmbeddedHost::end_step(int return_code)
+void EmbeddedHost::end_step(int return_code, bool failed)
 {
   clear_progress();
   close_tables();
   if (results_.steps.empty()) begin_step();
-  const bool data_sets_written = libraries_.close_all(log_) == 0;
-  const bool written = write_text_files() && data_sets_written;
+  const int closed = std::max(libraries_.close_all(log_, failed), write_text_files() ? 0 : 1016);
   log_.set_by_group(-1);
   log_.close_repeats();
   StepResult& step = results_.steps.back();
   if (group_) group_->return_code = return_code; // a step that ended inside a group, or before its first one
   group_ = nullptr;
-  step.return_code = written ? return_code : std::max(return_code, 1016);
+  step.return_code = std::max(return_code, closed);
   step.messages = log_.take_messages();
   step.data_sets = libraries_.take_written();
 }

@@ -47,7 +47,8 @@ public:
   virtual GroupResult& group() = 0; // the group at hand
   virtual void begin_group(ByValues by) = 0;
   virtual void end_group(int return_code) = 0;
-  virtual void end_step(int return_code) = 0; // writes out open data sets and tables first
+  // Writes out open data sets and tables first; of a step that failed, only data sets that have rows.
+  virtual void end_step(int return_code, bool failed) = 0;
 
   // xpsout: a raw line for the listing; not part of the results.
   virtual void xpsout(std::string_view line) = 0;

@@ -298,6 +298,7 @@ void accept_modes(NX& n)
   if (n.ebtrial_point.empty() || n.ebtrial_point != n.parm) return;
   if (n.ebtrial_by_known) {
     n.ebes_by.swap(n.ebtrial_by);
+    n.ebes_bend.swap(n.ebtrial_bend);
     n.ebes_point = n.parm;
     n.ebtrial_by_known = false;
   } else if (n.ebes_point != n.parm) {

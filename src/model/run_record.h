@@ -226,6 +226,9 @@ struct GroupState {
   // Derivatives of the modes by the parameters, nr x np a subject, in the order of the modes; empty: not kept. They tell
   // where the modes of a nearby point are.
   std::vector<float> ebes_by, ebtrial_by; // of the accepted modes, and of the last evaluation's
+  // Beside them, with up to three effects, the third derivatives of the log likelihood by these at the modes, a packed
+  // tetrahedron (modes/packed.h) a subject; empty: not kept. They bend the first Newton step of a search nearby.
+  std::vector<float> ebes_bend, ebtrial_bend;
   bool ebtrial_by_known = false;          // that one had a gradient
   std::vector<double> ebes_point;         // point of ebes_by; empty: there are none
   bool prediction_stands = false;         // modes that are where they were predicted are taken as they are

@@ -65,7 +65,8 @@ inline Store::Store(const host::RowMemory& memory)
 
 // SUBINFO: one subject of one RANDOM statement. (Subject information; its name: subject_names.h.)
 struct SUBINFO {
-  int ranind = 0;             // index of its REFFECT
+  std::int16_t ranind = 0;    // index of its REFFECT
+  bool badsub = false;        // no observation is used
   int index = 0;              // position in SubInfo, from 0: order of first appearance
   std::int32_t first_row = 0; // first row in the store
   int SubCount = 0;           // rows
@@ -76,7 +77,6 @@ struct SUBINFO {
   int first_child = 0;        // its children in the next deeper level: first_child to last_child - 1
   int last_child = 0;
   double weight = 1.0; // replicate count of its last used observation; 1 without REPLICATE
-  bool badsub = false; // no observation is used
 };
 
 } // namespace torvale::model

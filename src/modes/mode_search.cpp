@@ -30,7 +30,8 @@ public:
   LockstepSearch(const NX& n, TVLThreadCtx& ctx, const AtModes* at_modes)
       : n_(n), ctx_(ctx), b_(ctx.batch), nr_(NR > 0 ? NR : n.leaf().nr), nrs_(nr_ * (nr_ + 1) / 2), at_modes_(at_modes),
         predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm),
-        starts_near_(at_modes != nullptr && !n.ebes_point.empty() && (n.prediction_stands || !predicts_))
+        starts_near_(at_modes != nullptr && !n.ebes_point.empty() && (n.prediction_stands || !predicts_)),
+        bends_(!n.ebes_bend.empty() && !n.ebes_point.empty())
   {
     for (std::size_t j = 0; predicts_ && j < n.parm.size(); ++j) b_.parameter_step[j] = n.parm[j] - n.ebes_point[j];
   }
@@ -61,7 +62,9 @@ public:
     }
     if (modes == 0) return 0;
     if (const int rc = at_modes_->run(n_, ctx_, modes, closed_); rc != 0) return rc;
+    closes_ = true;
     advance_all(modes, b_.curvature_sums.data() + at_modes_->mode_place * b_.mode_stride + closed_);
+    closes_ = false;
     closed_ += modes;
     return 0;
   }
@@ -122,6 +125,7 @@ private:
     if (!any) return;
     NewtonSteps<NR, T> steps(nr());
     read(steps, slots, sums);
+    if (any_bends(slots)) bend(steps, slots);
     for (int i = 0; i < slots.used; ++i) {
       if (!searched(i)) continue;
       const int slot = slots.slot[i];
@@ -141,6 +145,32 @@ private:
       steps.factor[k] = slots.gather_or_share(n_.leaf().setup_varies, b_.factor.data() + k, nrs());
     steps.at.read(sums, b_.mode_stride, at, steps.factor);
     steps.invert(n_, ctx_.block);
+  }
+
+  // First steps of searches that begin near accepted modes.
+  bool bends(int slot)
+  {
+    const ModeSearch& s = search(slot);
+    return bends_ && s.step == 0 && !s.from_mean;
+  }
+  template <class T> bool any_bends(const SlotGroup<T>& slots)
+  {
+    bool any = false;
+    for (int i = 0; i < slots.used; ++i) any = any || bends(slots.slot[i]);
+    return any;
+  }
+  template <class T> void bend(NewtonSteps<NR, T>& steps, const SlotGroup<T>& slots)
+  {
+    if constexpr (NR > 0) {
+      constexpr int length = tetrahedron(NR);
+      const auto subjects = slots.through(b_.subject.data());
+      T third[length];
+      double bent[SlotGroup<T>::width];
+      for (int i = 0; i < SlotGroup<T>::width; ++i) bent[i] = bends(slots.slot[i]) ? 1.0 : 0.0;
+      const T which = SlotGroup<T>::load(bent);
+      for (int k = 0; k < length; ++k) third[k] = which * subjects.gather(n_.ebes_bend.data() + k, length);
+      steps.bend(third);
+    }
   }
 
   ModeSearch& search(int slot) { return b_.search[static_cast<std::size_t>(slot)]; }
@@ -255,7 +285,7 @@ private:
 
   // One decision of the search: the i-th of these steps follows from value, gradient and Hessian at z, in this column
   // of sums.
-  template <class T> void advance(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
+  template <class T> void advance(int slot, const double* sums, NewtonSteps<NR, T>& steps, int i)
   {
     ModeSearch& s = search(slot);
     const double f = steps.of(steps.at.f, i);
@@ -291,7 +321,7 @@ private:
     for (int i = 0; i < nr(); ++i) to[i] = keep * to[i] + (1.0 - keep) * from[i];
   }
 
-  template <class T> void newton(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
+  template <class T> void newton(int slot, const double* sums, NewtonSteps<NR, T>& steps, int i)
   {
     constexpr int apart = SlotGroup<T>::width;
     ModeSearch& s = search(slot);
@@ -300,13 +330,16 @@ private:
     const bool noise = square < noise_floor && square > noise_ratio * s.previous;
     const bool predicted =
         n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && square < good_prediction;
-    if (length < n_.ebtol || noise || square < negligible || predicted) {
+    const bool made_up_for = closes_ && square < remainder;
+    if (length < n_.ebtol || noise || square < negligible || predicted || made_up_for) {
       s.state = ModeSearch::found;
-      s.logdet = log_determinant(nr(), steps.column(steps.pivots, i), apart);
+      steps.determine();
+      s.logdet = steps.of(steps.logdet, i);
       keep_curvature<NR>(b_, nr(), slot, sums, steps.column(steps.at.hessian, i), apart);
       return;
     }
-    const bool near = at_modes_ != nullptr && next_step(square, s.previous) < negligible;
+    const double next = bends(slot) ? step_after_bent(steps.of(steps.bent, i), square) : next_step(square, s.previous);
+    const bool near = at_modes_ != nullptr && next < remainder;
     s.previous = square;
     if (++s.step >= n_.ebstep) return give_up(slot);
     double* const to = z(slot);
@@ -322,6 +355,8 @@ private:
   const AtModes* const at_modes_;
   const bool predicts_;       // starts follow the parameters from the accepted modes
   const bool starts_near_;    // stored modes are those of this point, or have to do
+  const bool bends_;          // what bends a first step is known
+  bool closes_ = false;       // the sums in hand are those of the evaluation at the modes
   int active_ = 0, near_ = 0; // after the last round of decisions
   int closed_ = 0;            // columns of curvature_sums in use
 };

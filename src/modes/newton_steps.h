@@ -5,9 +5,11 @@
 #include "evaluation/slot_group.h"
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
+#include "modes/packed.h"
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace torvale::modes {
 
@@ -19,6 +21,9 @@ template <int NR, class T> struct NewtonSteps {
   T pivots[static_cast<std::size_t>(capacity)];
   T length = {};          // largest component of the step in u
   T square = {};          // largest square of one in z, in posterior variances
+  T bent = {};            // the same of what bend has added to it; of the step itself where that is too much
+  T logdet = {};          // log det H, once determine has been called
+  bool determined = false;
   double inverted[width]; // not 0: the Hessian is; of a vector only where it needed no repair
 
   explicit NewtonSteps(int nr) : at(nr) {}
@@ -36,12 +41,57 @@ template <int NR, class T> struct NewtonSteps {
     measure();
   }
 
+  void determine()
+  {
+    if (determined) return;
+    determined = true;
+    for (int i = 0; i < nr(); ++i) logdet += evaluation::SlotGroup<T>::logarithm(absolute(pivots[i]));
+  }
+
+  // Adds to the steps s what third derivatives of the log likelihood by u, f''', make of them: the minimum of the
+  // expansion of f to third order is near z - s - 1/2 H^-1 f'''[s, s] (Chebyshev). Not where that is no small part.
+  void bend(const T* third)
+  {
+    constexpr double largest_share = 0.1;
+    T move[capacity], pull[capacity] = {}, more[capacity];
+    const T* l = factor;
+    for (int i = 0; i < nr(); ++i) {
+      move[i] = T{};
+      for (int k = 0; k <= i; ++k) move[i] += l[k] * at.gradient[k];
+      l += i + 1;
+    }
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j)
+        for (int k = 0; k < nr(); ++k) pull[k] += third[sorted(i, j, k)] * (move[i] * move[j]);
+    for (int i = 0; i < nr(); ++i) {
+      more[i] = T{};
+      for (int k = i; k < nr(); ++k) more[i] += factor[packed(k, i)] * pull[k];
+    }
+    T added[capacity], size = {};
+    for (int i = 0; i < nr(); ++i) {
+      added[i] = T{};
+      for (int k = 0; k < nr(); ++k) added[i] -= 0.5 * (at.hessian[packed(i, k)] * more[k]);
+      const T ratio = added[i] * added[i] / absolute(at.hessian[packed(i, i)]);
+      size = ratio <= size ? size : ratio;
+    }
+    const T none = {};
+    const auto fits = size <= largest_share * square;
+    bent = fits ? size : square;
+    for (int i = 0; i < nr(); ++i) at.gradient[i] += fits ? added[i] : none;
+  }
+
   // A number of one of the subjects.
   static double of(const T& t, int i) { return reinterpret_cast<const double*>(&t)[i]; }
   // Its numbers in an array, `width` doubles apart.
   static const double* column(const T* t, int i) { return reinterpret_cast<const double*>(t) + i; }
 
 private:
+  static constexpr int sorted(int i, int j, int k)
+  {
+    if (i < j) std::swap(i, j);
+    return k <= i ? packed(i, j, k) : packed(k, i, j);
+  }
+
   static T absolute(T t) { return t < 0.0 ? -t : t; }
 
   void measure()

@@ -26,6 +26,15 @@ inline double next_step(double step, double previous)
       previous < std::numeric_limits<double>::max() ? std::max(step / (previous * previous), least) : 1.0;
   return safety * bend * step * step;
 }
+// What may be left, as such a square, of a step that ends at an evaluation of what is wanted at the mode: the mode goes
+// to its end, and the integral is what it would be there but for a product of two such steps.
+inline constexpr double remainder = 1e-12;
+// The same of the step after one that third derivatives of a point nearby have bent, so little (as such a square): they
+// were off by a third, or the fourth count as much.
+inline double step_after_bent(double bent, double step)
+{
+  return 0.1 * bent + bent * bent / step;
+}
 // The error, as such a square, that a mode may have where predictions stand.
 inline constexpr double good_prediction = 1e-10;
 

@@ -37,6 +37,13 @@ private:
   std::unique_ptr<Threads> threads_;
 };
 
+// Runs f(context, item) for all items: on the pool's workers, or one after the other where there is no pool.
+template <class F> void deal(WorkerPool* pool, long items, F&& f)
+{
+  if (pool != nullptr && items > 1) return pool->run(items, f);
+  for (long item = 0; item < items; ++item) f(0, item);
+}
+
 // tvlthrd: how many contexts the run uses: --threads before NTHREADS=, negative all cores (message 656), at least 1.
 int tvlthrd(const model::NX& n);
 

@@ -172,7 +172,6 @@ StepOutcome hsttorvl(NX& n)
     n.host->log().xpmlog(message::out_of_memory);
     outcome = {1016, exit_internal};
   }
-  complete_sample_output(n);
   parallel::KillThreads(n);
   return outcome;
 }

@@ -77,10 +77,10 @@ public:
         outcome.exit_code = exit_interrupted;
       }
       host_.stages().enter(host::Stage::report);
-      host_.end_step(outcome.return_code);
+      host_.end_step(outcome.return_code, outcome.exit_code != exit_clean && outcome.exit_code != exit_no_covariance);
       // What could not be written when the step closed its files.
-      if (host_.results().steps.back().return_code != outcome.return_code)
-        outcome.exit_code = worse_exit(outcome.exit_code, exit_internal);
+      if (const int closed = host_.results().steps.back().return_code; closed != outcome.return_code)
+        outcome.exit_code = worse_exit(outcome.exit_code, closed == 1016 ? exit_internal : exit_program);
       result.exit_code = worse_exit(result.exit_code, outcome.exit_code);
       if (!parsed.found || host_.interrupted()) break;
     }
@@ -278,6 +278,7 @@ private:
     try {
       tvlinit(n);
       advise_on_program(n);
+      complete_sample_output(n);
       write_model_summary(n);
       return {n.tvlrc, exit_clean};
     } catch (const host::HostExit& end) {
@@ -289,7 +290,7 @@ private:
   {
     ensure_step();
     host_.log().xpmlog(message::out_of_memory);
-    host_.end_step(1016);
+    host_.end_step(1016, true);
     return exit_internal;
   }
 
@@ -297,7 +298,7 @@ private:
   {
     host_.begin_step();
     host_.log().xpmlog(message::no_step{.program = request_.name});
-    host_.end_step(3000);
+    host_.end_step(3000, true);
     return exit_program;
   }
 

@@ -34,6 +34,7 @@ Session::Session(RunSettings settings) : state_(std::make_unique<State>())
   state_->host = host::make_host(std::move(options));
   const int workers = settings.threads < 0 ? state_->host->cores() : settings.threads;
   state_->host->libraries().set_reading(settings.separator, std::max(workers, 1), settings.memory);
+  if (settings.check_only) state_->host->libraries().write_nothing();
   for (const auto& [name, path] : settings.data) state_->host->libraries().bind_data(name, path);
   for (const auto& [name, path] : settings.libraries) state_->host->libraries().bind_library(name, path);
   state_->settings = std::move(settings);

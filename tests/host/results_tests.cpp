@@ -44,7 +44,7 @@ TEST(Host, TablesMessagesAndDataSetsLandInTheirGroups)
   out->add_column("x", ColumnKind::numeric);
   out->end_row();
   host->end_group(0);
-  host->end_step(4); // writes pred
+  host->end_step(4, false); // writes pred
 
   const auto json = nlohmann::json::parse(results_json(host->results()));
   EXPECT_EQ(json["torvale"], "0.1.0");
@@ -78,9 +78,9 @@ TEST(Host, AStepThatEndsEarlyKeepsWhatItHas)
   const auto host = make_host({});
   host->begin_step();
   host->tables().wobmth(one_value("Specifications", 1));
-  host->end_step(1012); // no group was begun
+  host->end_step(1012, true); // no group was begun
   host->begin_step();
-  host->end_step(3000);
+  host->end_step(3000, true);
   const auto json = nlohmann::json::parse(results_json(host->results()));
   EXPECT_EQ(json["steps"][0]["groups"][0]["tables"].size(), 1u);
   EXPECT_EQ(json["steps"][0]["groups"][0]["return_code"], 1012);

@@ -192,4 +192,31 @@ TEST(Modes, MoveWithTheParameters)
   }
 }
 
+// With a gradient a search ends a step before its mode, and what is left of that step is made up for: beside points
+// that are moderately far, the value is that of a search to the end, and the gradient belongs to such values.
+TEST(Modes, ThatAreAStepAwayDoNotShow)
+{
+  for (const int effects : {1, 2, 3})
+    for (const int points : {1, 3})
+      for (const auto response : {Response::poisson, Response::binary}) {
+        const auto text = regression(response, effects, 15);
+        auto theta = parameters(text, 3);
+        const auto n = make_run(text, {true, true, points}), exact = make_run(text, {true, true, points});
+        objective(*n, theta, true);
+        integration::accept_modes(*n);
+        for (double& t : theta) t += 0.02 * (1.0 + std::abs(t));
+        const double f = objective(*n, theta, true);
+        const auto gradient = n->objgrad, modes = n->ebtrial;
+        EXPECT_NEAR(f, objective(*exact, theta), 3e-13 * std::abs(f)) << effects << " effects, " << points << " points";
+        for (std::size_t k = 0; k < modes.size(); ++k) EXPECT_NEAR(modes[k], exact->ebtrial[k], 1e-10);
+        for (std::size_t j = 0; j < theta.size(); ++j) {
+          auto up = theta, down = theta;
+          up[j] += 1e-5;
+          down[j] -= 1e-5;
+          const double difference = (objective(*exact, up) - objective(*exact, down)) / 2e-5;
+          EXPECT_NEAR(gradient[j], difference, 1e-6 * (1.0 + std::abs(difference))) << "parameter " << j;
+        }
+      }
+}
+
 } // namespace torvale::tests

@@ -175,7 +175,7 @@ void add_to_subjects(Run& n, const std::vector<int>& chain, const std::vector<in
     fresh = fresh || chain[depth] != before[depth];
     if (fresh) {
       model::SUBINFO s;
-      s.ranind = static_cast<int>(k);
+      s.ranind = static_cast<std::int16_t>(k);
       s.index = static_cast<int>(subjects.size());
       s.first_row = s.fvalidobs = static_cast<std::int32_t>(r);
       if (k + 1 < n.reff.size()) {

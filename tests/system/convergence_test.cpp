@@ -66,6 +66,32 @@ TEST(Convergence, VarianceOfZero)
   }
 }
 
+// A likelihood with two maxima: an intercept of each subject takes the outlier in, or there is none at all, which is
+// better by 0.27 in -2 log L. Without the effect the answer is least squares.
+TEST(Convergence, AMinimumWithoutTheEffectIsFound)
+{
+  const std::vector<int> id{1, 2, 3, 3, 4, 4, 5, 6, 6, 7, 7, 7}, x{4, 6, 2, 5, 6, 4, 1, 3, 4, 4, 3, 2},
+      y{5, 0, 8, 6, 8, 0, 39, 0, 5, 8, 4, 9};
+  const double n = static_cast<double>(y.size());
+  double sx = 0, sy = 0, sxx = 0, sxy = 0, syy = 0;
+  std::string csv = "id,x,y\n";
+  for (std::size_t i = 0; i < y.size(); ++i) {
+    csv += std::to_string(id[i]) + "," + std::to_string(x[i]) + "," + std::to_string(y[i]) + "\n";
+    sx += x[i], sy += y[i], sxx += x[i] * x[i], sxy += x[i] * y[i], syy += y[i] * y[i];
+  }
+  const double slope = (sxy - sx * sy / n) / (sxx - sx * sx / n);
+  const double s2 = (syy - sy * sy / n - slope * (sxy - sx * sy / n)) / n;
+  const double answer = n * (std::log(2 * M_PI * s2) + 1);
+  const std::string model = "MODEL y ~ NORMAL(b0 + b1*x + u, s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NMSIMP"})
+    for (const std::string bounds : {"", "BOUNDS s2u >= 0, s2 > 0;"}) {
+      const auto run = fit_data(csv, technique + "; PARMS b0=1 b1=1 s2u=100 s2=100;" + bounds + model);
+      EXPECT_EQ(run.outcome.exit_code, 0) << technique << bounds << run.log;
+      EXPECT_NEAR(minus2(run), answer, 1e-4) << technique << bounds << run.log;
+      EXPECT_NEAR(run.number("ParameterEstimates", "b1", "Estimate"), slope, 1e-3) << technique << bounds;
+    }
+}
+
 // The same at either of two nested levels.
 TEST(Convergence, NestedVarianceOfZero)
 {
@@ -243,6 +269,23 @@ TEST(Convergence, ConstantResponses)
     }
 }
 
+// A covariate that stands symmetrically around 0 in subjects that are all alike: gradients by its slope are nothing but
+// rounding at the start, which is no unit of the slope. A variance that vanishes is 0.
+TEST(Convergence, SlopesWithoutGradientAtTheStart)
+{
+  std::string csv = "id,x,y\n";
+  for (int i = 0; i < 25; ++i) csv += std::to_string(i / 5) + "," + std::to_string(i % 5 - 2) + ",3\n";
+  for (const std::string technique : {"", "TRUREG", "NEWRAP", "NRRIDG", "CONGRA"}) {
+    const auto run = fit_data(csv, (technique.empty() ? "" : "TECHNIQUE=" + technique) +
+                                       "; PARMS b0=0 b1=0 s2u=1; MODEL y ~ POISSON(EXP(b0 + b1*x + u)); RANDOM u ~ "
+                                       "NORMAL(0, s2u) SUBJECT=id; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << technique << run.log;
+    EXPECT_NEAR(run.number("ParameterEstimates", "b0", "Estimate"), std::log(3.0), 1e-4) << technique;
+    EXPECT_NEAR(run.number("ParameterEstimates", "b1", "StandardError"), 1 / std::sqrt(150.0), 1e-6) << technique;
+    EXPECT_GE(run.number("ParameterEstimates", "s2u", "Estimate"), 0.0) << technique;
+  }
+}
+
 // What the data do not identify has no standard error; the rest has that of the model without it; one warning names it.
 TEST(Convergence, NullSpaceIsNamed)
 {
@@ -338,6 +381,39 @@ TEST(Convergence, ExactFitsAreNone)
   }
 }
 
+// Residuals of 8e-14: rounding moves -2 log L by some hundredths, and the eigenvalues of the scaled Hessian go down to
+// 4e-8. Starts beside the usual two, for where rounding leads differs from machine to machine.
+TEST(Convergence, ResidualsNearRounding)
+{
+  const std::string csv = read_text(source_file("tests/data/nist/Lanczos1.csv"));
+  const std::vector<std::vector<double>> starts{{1.2, 0.3, 5.6, 5.5, 6.5, 7.6, 11.24},
+                                                {0.5, 0.7, 3.6, 4.2, 4.0, 6.3, 3.28}};
+  // By size: which of the three terms is which is open.
+  const double residual_squares = 1.4307867721e-25, n = 24, error_of_last = 9.5760763680664998614e-11;
+  int reached = 0;
+  for (const auto& start : starts)
+    for (const double factor : {1.0, 1.001, 0.999, 1.002}) {
+      std::string parms = "PARMS";
+      const char* const names[] = {"b1", "b2", "b3", "b4", "b5", "b6", "s2"};
+      for (std::size_t i = 0; i < start.size(); ++i)
+        parms += std::string(" ") + names[i] + "=" + std::to_string(start[i] * (i == 1 ? factor : 1.0));
+      const auto run =
+          fit_data(csv, "; " + parms + "; MODEL y ~ NORMAL(b1*exp(-b2*x) + b3*exp(-b4*x) + b5*exp(-b6*x), s2); RUN;");
+      if (run.outcome.exit_code != 0) continue;
+      ++reached;
+      EXPECT_NEAR(n * run.number("ParameterEstimates", "s2", "Estimate") / residual_squares, 1, 0.1) << parms;
+      double rate = 0, error = 0;
+      for (const char* const name : {"b2", "b4", "b6"})
+        if (const double b = run.number("ParameterEstimates", name, "Estimate"); b > rate) {
+          rate = b;
+          error = run.number("ParameterEstimates", name, "StandardError");
+        }
+      EXPECT_NEAR(rate, 5, 1e-8) << parms;
+      EXPECT_NEAR(error / error_of_last, 1, 0.1) << parms;
+    }
+  EXPECT_GE(reached, 5);
+}
+
 // One record per subject: variance of effects and of residuals are known by their sum alone, and where on that ridge a
 // technique stops, or in which units, is no matter.
 TEST(Convergence, RidgesAreNoMinimaAndNoRunaways)
@@ -384,6 +460,28 @@ TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
   EXPECT_NEAR(minus2(small), minus2(large), 0.05) << small.log << large.log;
   EXPECT_NEAR(small.number("ParameterEstimates", "s2u", "Estimate"),
               large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);
+}
+
+// In large data the points that QTOL= would let stand leave a variance a sixth of its standard error off. Who gives
+// QTOL= gets what it says.
+TEST(Convergence, PointsOfLargeData)
+{
+  std::string csv = "id,y\n";
+  for (int i = 0; i < 2400; ++i) {
+    const double place = i * 7919 % 10007 / 10007.0;
+    const int ones = static_cast<int>(5 * (0.5 - 0.5 * std::cos(3.14159265 * place)) + 0.5);
+    for (int j = 0; j < 5; ++j) csv += std::to_string(i) + (j < ones ? ",1\n" : ",0\n");
+  }
+  const std::string model = "; PARMS b0=0 s2u=1; BOUNDS s2u > 0; p = 1/(1+EXP(-(b0+u))); MODEL y ~ BINARY(p); RANDOM u "
+                            "~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  const auto chosen = fit_data(csv, model), given = fit_data(csv, "QTOL=1e-4" + model),
+             exact = fit_data(csv, "QPOINTS=41" + model);
+  const double answer = exact.number("ParameterEstimates", "s2u", "Estimate"),
+               error = exact.number("ParameterEstimates", "s2u", "StandardError");
+  EXPECT_FALSE(chosen.said(503, 9416)) << chosen.log;
+  EXPECT_NEAR(chosen.number("ParameterEstimates", "s2u", "Estimate"), answer, 0.01 * error);
+  EXPECT_TRUE(given.said(503, 9416)) << given.log;
+  EXPECT_GT(std::abs(given.number("ParameterEstimates", "s2u", "Estimate") - answer), 0.05 * error);
 }
 
 // Gamma responses: three points change next to nothing of what one point misses. Neither the choice nor the question

@@ -205,6 +205,25 @@ TEST(Events, NestedLevelsBeginAnew)
   EXPECT_TRUE(crossing.said(503, 9477)) << crossing.log;
 }
 
+// Without a RANDOM statement all records are one subject's, but for resets and BY groups.
+TEST(Events, WithoutSubjectsTimeMustNotFall)
+{
+  const auto fit = [](const std::string& second, const std::string& by) {
+    const TemporaryFile data("plain.csv", "id,time,amt,evid,y\n1,0,100,1,.\n1,2,0,0,60\n1,5,0,0,40\n" + second +
+                                              "\n2,2,0,0,50\n2,6,0,0,30\n");
+    return run_text("TORVALE DATA=d; " + by +
+                        " PARMS ke=0.1 s2=9; CMPTMODEL NCOMPS=1 ADMTYPE=IVB PARMTYPE=1 EVENTS PCONC=c KE=ke;"
+                        "MODEL y ~ NORMAL(c, s2); RUN;",
+                    "/tmp", 0, {{"d", data.path()}});
+  };
+  const auto falling = fit("2,0,100,1,.", "");
+  EXPECT_EQ(falling.outcome.exit_code, 3);
+  EXPECT_TRUE(falling.said(503, 9446)) << falling.log;
+  EXPECT_FALSE(fit("2,0,100,4,.", "").said(503, 9446));
+  const auto groups = fit("2,0,100,1,.", "BY id;");
+  EXPECT_EQ(groups.outcome.exit_code, 0) << groups.log;
+}
+
 // Each statement keeps amounts of its own, and each model of dose records has its own arrays.
 TEST(Events, TwoModelsDoNotMeet)
 {

@@ -125,4 +125,19 @@ TEST(FittedRecords, QuantilesOfCounts)
   EXPECT_EQ(general.column("Response"), counts.column("Response"));
 }
 
+// A BY group has the residuals that its rows have alone.
+TEST(FittedRecords, QuantilesOfAGroupAreItsOwn)
+{
+  const Folder folder;
+  const auto quantiles = [&](const std::string& data, const std::string& by) {
+    const auto run = run_text("TORVALE DATA=" + data + " SEED=5 OUTFIT='" + folder.file("fit.csv") + "'; " + by +
+                              " PARMS b=3; MODEL breaks ~ POISSON(exp(b)); RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+    return read_csv_file(folder.file("fit.csv")).column("Quantile");
+  };
+  const auto all = quantiles("warpbreaks", "BY wool;"), second = quantiles("warpbreaks(WHERE=(wool = 'B'))", "");
+  ASSERT_EQ(all.size(), 2 * second.size());
+  EXPECT_EQ(std::vector<std::string>(all.end() - static_cast<std::ptrdiff_t>(second.size()), all.end()), second);
+}
+
 } // namespace torvale::tests

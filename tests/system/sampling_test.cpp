@@ -125,6 +125,29 @@ TEST(Sampling, StartsAndBounds)
 }
 
 // Nothing to sample: the data set of the draws has its columns and no rows, and what was said is all there is to say.
+// COVDATA= is a covariance matrix, in full or by either triangle; anything else is refused, or told.
+TEST(Sampling, ProposalsComeFromACovariance)
+{
+  const auto draws = [](const std::string& rows) {
+    const TemporaryFile covariance("scale.csv", "Parameter,m,s2\n" + rows), out("draws.csv", "");
+    const auto run =
+        run_text("TORVALE DATA=stackloss SEED=4; PARMS m=17 s2=100; BOUNDS s2 > 0; MODEL loss ~ NORMAL(m, s2);"
+                 "MCMC OUT='" +
+                 out.path() + "' SAMPLES=500 CHAINS=1 COVDATA='" + covariance.path() + "'; RUN;");
+    return std::pair(run, read_text(out.path()));
+  };
+  const auto lower = draws("m,4,\ns2,3,900\n"), upper = draws("m,4,3\ns2,,900\n"), full = draws("s2,3,900\nm,4,3\n");
+  EXPECT_EQ(lower.second, upper.second);
+  EXPECT_EQ(lower.second, full.second);
+  EXPECT_FALSE(lower.first.said(503, 9445));
+  EXPECT_TRUE(draws("m,4,\ns2,70,900\n").first.said(503, 9445));
+  for (const auto& [rows, number] : {std::pair{"m,-4,\ns2,3,900\n", 9443}, {"m,4,5\ns2,3,900\n", 9444}}) {
+    const auto wrong = draws(rows);
+    EXPECT_EQ(wrong.first.outcome.exit_code, 3);
+    EXPECT_TRUE(wrong.first.said(503, number)) << wrong.first.log;
+  }
+}
+
 TEST(Sampling, NoGroupToSample)
 {
   const TemporaryFile data("none.csv", "y\n.\n.\n");

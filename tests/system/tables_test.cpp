@@ -130,6 +130,30 @@ TEST(Tables, ParameterWithoutInfluenceIsNamed)
   EXPECT_LT(largest_number(run), 1e8);
 }
 
+// A contrast whose expressions have no variance tests nothing, and does not say F = 0.
+TEST(Tables, ContrastsOfNothingHaveNoTest)
+{
+  const auto run = run_text("TORVALE DATA=stackloss; PARMS b0=-40 b1=0.4 s2=10; BOUNDS b1 <= 0.5;"
+                            "MODEL loss ~ NORMAL(b0 + b1*airflow, s2);"
+                            "CONTRAST 'bound' b1 - 1; CONTRAST 'both' b1 - 1, b0; CONTRAST 'constant' 3 - 2; RUN;");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  for (const char* label : {"bound", "constant"}) {
+    EXPECT_EQ(run.number("Contrasts", label, "NumDF"), 0);
+    EXPECT_TRUE(std::isnan(run.number("Contrasts", label, "FValue")));
+    EXPECT_TRUE(std::isnan(run.number("Contrasts", label, "ProbF")));
+  }
+  EXPECT_EQ(run.number("Contrasts", "both", "NumDF"), 1);
+  EXPECT_GT(run.number("Contrasts", "both", "FValue"), 0);
+  EXPECT_TRUE(run.said(503, 9448));
+}
+
+TEST(Tables, FailedStartSaysThatNoModeWasSought)
+{
+  const auto run = run_text(example("cbpp", "EBSTEPS=0"));
+  EXPECT_EQ(run.outcome.exit_code, 7);
+  EXPECT_TRUE(run.said(503, 9447)) << run.log;
+}
+
 TEST(Tables, DegreesOfFreedomOfZeroAreTold)
 {
   const TemporaryFile data("one.csv", "id,y\n1,2\n1,3\n1,5\n");

@@ -77,11 +77,12 @@ bool is_plain(Kernel k)
   }
 }
 
-// No model of random effects, and nothing kept from record to record: the lanes of such a program go one by one.
-bool lanes_are_records(CMPGLOBAL& gcmp, const std::vector<NodeId>& results)
+// One point, or no model of random effects, and nothing kept from record to record: the lanes of such a program go one
+// by one.
+bool lanes_are_records(CMPGLOBAL& gcmp, const std::vector<NodeId>& results, Visits visits)
 {
   const auto is_effect = [](const CMPSYM& s) { return s.random_effect >= 0; };
-  if (std::any_of(gcmp.symbols.begin(), gcmp.symbols.end(), is_effect)) return false;
+  if (visits == Visits::many && std::any_of(gcmp.symbols.begin(), gcmp.symbols.end(), is_effect)) return false;
   return std::none_of(results.begin(), results.end(),
                       [&](NodeId id) { return (gcmp.dependence.classes(id) & depends::on_history) != 0; });
 }
@@ -129,7 +130,7 @@ bool Specialiser::costs(NodeId id)
   return costs_[id] = found;
 }
 
-const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
+const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits)
 {
   gcmp.translate();
   auto owned = std::make_unique<Program>();
@@ -157,7 +158,7 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
   program.code(Stage::lane).outputs = program.outputs;
   Specialiser all(gcmp, program);
   all.choose_counted(behind);
-  if (lanes_are_records(gcmp, nodes)) all.let_records_be_lanes();
+  if (lanes_are_records(gcmp, nodes, visits)) all.let_records_be_lanes();
   for (const Stage s : {Stage::lane, Stage::point, Stage::observation, Stage::distinct}) emit_stage(all, s);
   program.computed_columns = static_cast<int>(program.code(Stage::data).results.size());
   emit_stage(all, Stage::data);

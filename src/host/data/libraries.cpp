@@ -3,6 +3,7 @@
 #include "host/messages/names/files.h"
 #include "host/values/text.h"
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <unistd.h>
 
@@ -136,6 +137,12 @@ std::string file_key(const std::string& path, const std::string& table)
   std::error_code error;
   const std::string file = fs::weakly_canonical(path, error).string();
   return is_database(path) ? file + "/" + wzstrlo(table) : file;
+}
+
+// What an output is found by: its name in the run (a quoted path as it is written) and its file.
+std::array<std::string, 2> output_keys(const std::string& name, const std::string& path, const std::string& table)
+{
+  return {name, file_key(path, table)};
 }
 
 // Says what was read: the kinds of the variables, at most `shown` names of each.
@@ -283,10 +290,28 @@ std::optional<DataSet> Libraries::find_and_read(const DataSetReference& referenc
   return std::nullopt;
 }
 
+// What an input is known by among the outputs of earlier steps.
+std::string Libraries::input_key(const DataSetReference& reference) const
+{
+  if (reference.quoted) {
+    const std::string path = joined(places_.program_folder, reference.name);
+    return file_key(path, fs::path(path).stem().string());
+  }
+  const SplitName parts = split(reference.name);
+  return parts.library + "." + wzstrlo(parts.member);
+}
+
 std::optional<DataSet> Libraries::xoopen(const DataSetReference& reference, MessageSink& log, const MessagePlace& place)
 {
   std::string name = reference.name;
-  std::optional<DataSet> data = find_and_read(reference, name, log, place);
+  const std::string key = input_key(reference);
+  if (lost_.contains(key)) {
+    log.xpmlog(message::data_set_of_failed_step{.name = reference.name}, place);
+    return std::nullopt;
+  }
+  const auto unwritten = unwritten_.find(key);
+  std::optional<DataSet> data =
+      unwritten != unwritten_.end() ? unwritten->second : find_and_read(reference, name, log, place);
   if (!data) return std::nullopt;
   if (!data->path.empty()) inputs_.insert(file_key(data->path, data->name));
   if (const auto written = written_.find(name); written != written_.end())
@@ -317,8 +342,12 @@ bool Libraries::is_input(const OutputDataSet& output, MessageSink& log, const Me
   return true;
 }
 
-OutputDataSet* Libraries::open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place)
+OutputDataSet* Libraries::open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place,
+                                      int* code)
 {
+  int unasked = 0;
+  int& refused = code != nullptr ? *code : unasked;
+  refused = 3000;
   auto output = std::make_unique<OutputDataSet>();
   output->options_ = reference.options;
   if (reference.options.first_row != 1 || reference.options.last_row != 0) {
@@ -353,6 +382,7 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
     log.xpmlog(
         message::file_not_written{.file = output->path_, .reason = "its folder is missing or may not be written"},
         place);
+    refused = 1016;
     return nullptr;
   }
   for (const auto& other : open_)
@@ -363,20 +393,36 @@ OutputDataSet* Libraries::open_output(const DataSetReference& reference, Message
   if (is_input(*output, log, place)) return nullptr;
   output->data_.label = reference.options.label;
   open_.push_back(std::move(output));
+  refused = 0;
   return open_.back().get();
+}
+
+int Libraries::check_outputs(MessageSink& log) const
+{
+  for (const auto& output : open_) {
+    std::vector<std::pair<std::size_t, std::string>> chosen;
+    if (output->data_.columns().empty()) continue; // declared later
+    if (output_columns(output->data_.column_names(), output->options_, log, chosen) != 0) return 3000;
+    std::string problem;
+    if (output->options_.where && output->options_.where->bind(output->data_, problem) != 0) {
+      log.xpmlog(message::where_does_not_suit{.data = output->data_.name, .problem = problem});
+      return 3000;
+    }
+  }
+  return 0;
 }
 
 int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
 {
   const auto at = std::find_if(open_.begin(), open_.end(), [&](auto& o) { return o.get() == output; });
-  if (at == open_.end()) return -1;
+  if (at == open_.end()) return 1016;
   const std::unique_ptr<OutputDataSet> owned = std::move(*at);
   open_.erase(at);
 
-  if (is_input(*owned, log, {})) return -1; // read after it was opened
+  if (is_input(*owned, log, {})) return 3000; // read after it was opened
   std::vector<std::pair<std::size_t, std::string>> chosen;
-  if (output_columns(owned->data_.column_names(), owned->options_, log, chosen) != 0) return -1;
-  if (keep_where(owned->data_, owned->options_, log) != 0) return -1;
+  if (output_columns(owned->data_.column_names(), owned->options_, log, chosen) != 0) return 3000;
+  if (keep_where(owned->data_, owned->options_, log) != 0) return 3000;
   DataSet data;
   Written written{.path = owned->path_, .kinds = {}};
   for (auto& [index, name] : chosen) {
@@ -387,24 +433,44 @@ int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
     data.add(std::move(column));
   }
   data.name = owned->data_.name;
+  if (write_nothing_) {
+    for (const std::string& key : output_keys(owned->data_.name, owned->path_, owned->member_)) unwritten_[key] = data;
+    return 0;
+  }
   const bool database = is_database(owned->path_);
   const int code =
       database ? write_sqlite(data, owned->path_, owned->member_, log) : write_csv(data, owned->path_, log);
-  if (code != 0) return code;
+  if (code != 0) return 1016;
 
   const std::string shown = fs::path(owned->path_).lexically_proximate(places_.output_folder).string();
   log.xpmlog(message::data_set_written{
       .data = data.name, .rows = data.rows(), .columns = data.columns().size(), .file = shown});
   finished_.push_back({data.name, shown, data.rows()});
+  for (const std::string& key : output_keys(data.name, owned->path_, owned->member_)) lost_.erase(key);
   written_[data.name] = std::move(written);
   return 0;
 }
 
-int Libraries::close_all(MessageSink& log)
+// An output that its failed step has nothing for: nobody may take the file of an earlier run for it.
+void Libraries::lose(const OutputDataSet& output, MessageSink& log)
+{
+  for (const std::string& key : output_keys(output.data_.name, output.path_, output.member_)) lost_.insert(key);
+  log.xpmlog(message::data_set_not_written{
+      .name = output.data_.name, .left = is_file(output.path_) ? output.path_ + " stays as it was" : std::string()});
+}
+
+int Libraries::close_all(MessageSink& log, bool failed)
 {
   int code = 0;
-  while (!open_.empty())
-    if (xoclose(open_.front().get(), log) != 0) code = -1;
+  while (!open_.empty()) {
+    OutputDataSet& output = *open_.front();
+    if (failed && output.rows() == 0) {
+      lose(output, log);
+      open_.erase(open_.begin());
+    } else {
+      code = std::max(code, xoclose(&output, log));
+    }
+  }
   // The next step may write again what this one read of the run's own data sets.
   for (const auto& [name, written] : written_) inputs_.erase(file_key(written.path, name.substr(name.find('.') + 1)));
   return code;

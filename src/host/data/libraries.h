@@ -92,15 +92,25 @@ public:
   // message that lists where it was looked for and names alike, when it cannot be read.
   std::optional<DataSet> xoopen(const DataSetReference& reference, MessageSink& log, const MessagePlace& place = {});
 
-  // Opens an output data set. Null, with a message, when the name is wrong, already open in this step, its place cannot
-  // be written, or the run reads that very file. Owned by the libraries until the step ends.
-  OutputDataSet* open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place = {});
+  // Opens an output data set. Null, with a message, when the name is wrong, already open in this step, or the run reads
+  // that very file (`code` 3000), or its place cannot be written (1016). Owned by the libraries until the step ends.
+  OutputDataSet* open_output(const DataSetReference& reference, MessageSink& log, const MessagePlace& place = {},
+                             int* code = nullptr);
 
-  // xoclose: write it out. 0, or -1 with a message. The pointer is dead afterwards.
+  // Do the options of the open outputs suit the columns declared so far? 0, or 3000 with a message.
+  int check_outputs(MessageSink& log) const;
+
+  // xoclose: write it out. 0, or with a message 3000 (its options do not suit it) or 1016. The pointer is dead
+  // afterwards.
   int xoclose(OutputDataSet* output, MessageSink& log);
 
-  // Writes out whatever is still open (a step that ended early keeps what it wrote). 0, or -1 with a message.
-  int close_all(MessageSink& log);
+  // Writes out whatever is still open (a step that ended early keeps what it wrote); the worst code of xoclose. Of a
+  // step that failed, what has no rows is not written: a file of an earlier run stays as it was, and the next steps of
+  // this one may not take it for the result.
+  int close_all(MessageSink& log, bool failed = false);
+
+  // From now on outputs are not written: later steps find their columns, without rows.
+  void write_nothing() { write_nothing_ = true; }
 
   // Whether the run has read this file (or a table of this database).
   bool reads(const std::string& path) const;
@@ -119,6 +129,8 @@ private:
   std::optional<DataSet> find_and_read(const DataSetReference& reference, std::string& name, MessageSink& log,
                                        const MessagePlace& place);
   bool is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const;
+  std::string input_key(const DataSetReference& reference) const;
+  void lose(const OutputDataSet& output, MessageSink& log);
 
   Places places_;
   char separator_ = 0;
@@ -128,6 +140,9 @@ private:
   std::map<std::string, DataSet> memory_;        // lower-case one-level name -> columns
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
   std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote
+  std::map<std::string, DataSet> unwritten_;     // by output_keys: what write_nothing kept from being written
+  std::set<std::string> lost_;                   // by output_keys: what a failed step did not write
+  bool write_nothing_ = false;
   std::set<std::string> inputs_;                 // files (and tables) that may not be written: see file_key
   std::map<std::string, DataSet> streams_;       // path of a pipe or device, which gives its data once -> what it gave
   std::vector<std::unique_ptr<OutputDataSet>> open_;

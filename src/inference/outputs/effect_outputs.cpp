@@ -192,26 +192,25 @@ int open_effect_outputs(NX& n)
   for (std::size_t k = n.reff.size(); k-- > 0;) {
     REFFECT& reff = n.reff[k];
     if (reff.outeb == nullptr && n.outr == nullptr) continue;
-    reff.outebfid = reff.outeb != nullptr
-                        ? open_output(n, *reff.outeb, "RANDOM")
-                        : n.host->libraries().open_output({name_of_part(n, k), false, {}}, n.host->log());
-    if (reff.outebfid == nullptr) return 1;
+    int rc = 0;
+    if (reff.outeb != nullptr)
+      rc = open_output(n, *reff.outeb, "RANDOM", reff.outebfid);
+    else
+      reff.outebfid = n.host->libraries().open_output({name_of_part(n, k), false, {}}, n.host->log(), {}, &rc);
+    if (rc != 0) return rc;
     declare_effects(n, *reff.outebfid, k);
   }
   for (REFFECT& reff : n.reff) {
     if (reff.outpp != nullptr) {
-      reff.outppfid = open_output(n, *reff.outpp, "RANDOM");
-      if (reff.outppfid == nullptr) return 1;
+      if (const int rc = open_output(n, *reff.outpp, "RANDOM", reff.outppfid); rc != 0) return rc;
       declare_probabilities(n, *reff.outppfid);
     }
     if (reff.outri == nullptr) continue;
-    reff.outrifid = open_output(n, *reff.outri, "RANDOM");
-    if (reff.outrifid == nullptr) return 1;
+    if (const int rc = open_output(n, *reff.outri, "RANDOM", reff.outrifid); rc != 0) return rc;
     declare_rounds(n, *reff.outrifid);
   }
   if (n.outr == nullptr) return 0;
-  n.eboutfid = open_output(n, *n.outr, "TORVALE");
-  if (n.eboutfid == nullptr) return 1;
+  if (const int rc = open_output(n, *n.outr, "TORVALE", n.eboutfid); rc != 0) return rc;
   declare_effects(n, *n.eboutfid, 0);
   return 0;
 }

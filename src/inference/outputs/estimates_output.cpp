@@ -17,8 +17,7 @@ using model::NX;
 int open_estimates_output(NX& n)
 {
   if (n.outest == nullptr) return 0;
-  n.outestfid = open_output(n, *n.outest, "TORVALE");
-  if (n.outestfid == nullptr) return 1;
+  if (const int rc = open_output(n, *n.outest, "TORVALE", n.outestfid); rc != 0) return rc;
   host::OutputDataSet& out = *n.outestfid;
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   out.add_column("Parameter", host::ColumnKind::character, "Parameter");

@@ -5,7 +5,7 @@
 
 namespace torvale::inference {
 
-// open_estimates_output: opens the data set and declares its columns. Returns 0, or 1 after a message.
+// open_estimates_output: opens the data set and declares its columns. Returns as open_output does.
 int open_estimates_output(model::NX& n);
 
 // write_estimates_output: a row per parameter of the BY group in hand, whether or not its fit converged: what is not

@@ -54,11 +54,11 @@ int open_fit_outputs(NX& n)
 {
   for (PredictStatement& statement : n.predictions) {
     if (statement.out == nullptr) continue;
-    statement.output = open_output(n, *statement.out, "PREDICT");
-    if (statement.output == nullptr) return 1;
+    if (const int rc = open_output(n, *statement.out, "PREDICT", statement.output); rc != 0) return rc;
     declare(n, statement);
   }
-  if (open_estimates_output(n) != 0 || open_fitted_output(n) != 0) return 1;
+  if (const int rc = open_estimates_output(n); rc != 0) return rc;
+  if (const int rc = open_fitted_output(n); rc != 0) return rc;
   return open_effect_outputs(n);
 }
 

@@ -12,8 +12,7 @@ using model::NX;
 int open_fitted_output(NX& n)
 {
   if (n.fitted.out == nullptr) return 0;
-  n.fitted.output = open_output(n, *n.fitted.out, "TORVALE");
-  if (n.fitted.output == nullptr) return 1;
+  if (const int rc = open_output(n, *n.fitted.out, "TORVALE", n.fitted.output); rc != 0) return rc;
   host::OutputDataSet& out = *n.fitted.output;
   for (const auto& by : n.bylist) out.add_column_like(*n.fid->find(by.name));
   for (std::size_t k = n.reff.size(); k-- > 0;) out.add_column_like(*n.fid->find(n.reff[k].subname));

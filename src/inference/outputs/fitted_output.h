@@ -22,7 +22,7 @@ struct FittedRecords {
 // the record's place in the file. Returns 0 or the engine's code above 2.
 int find_fitted_records(model::NX& n, const integration::Posterior& posterior, FittedRecords& out);
 
-// open_fitted_output: opens the data set of the step and declares its columns. Returns 0, or 1 after a message.
+// open_fitted_output: opens the data set of the step and declares its columns. Returns as open_output does.
 int open_fitted_output(model::NX& n);
 
 // write_fitted_output: a row per used record. Returns 0 or the engine's code above 2.

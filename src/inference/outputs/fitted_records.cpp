@@ -116,8 +116,8 @@ private:
               nr_ > 0 ? posterior_.covariance.data() + subject * (nr_ * (nr_ + 1) / 2) : nullptr);
     out_.residual[at] = y - m.mean;
     if (m.variance > 0) out_.pearson[at] = (y - m.mean) / std::sqrt(m.variance);
-    const std::int64_t place = model::file_row(n_, row);
-    out_.quantile[at] = quantile_residual(n_.disttype, y, a, uniform_at(n_.seed, place));
+    // By the place in the group: a group has the same residuals as its rows alone.
+    out_.quantile[at] = quantile_residual(n_.disttype, y, a, uniform_at(n_.seed, static_cast<std::int64_t>(at) + 1));
     if (!normal()) return;
     variance_[at] = m.variance;
     std::copy_n(g + np_, nr_, slopes_.begin() + static_cast<std::ptrdiff_t>(at * nr_));

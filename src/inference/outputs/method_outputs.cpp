@@ -55,13 +55,11 @@ int open_method_outputs(NX& n)
         message::point_set_without_rule{.method = n.nreff() == 0 ? "GAUSS without RANDOM" : names[n.method]});
     n.raise(4);
   } else if (n.outq != nullptr) {
-    n.outqfid = open_output(n, *n.outq, "TORVALE");
-    if (n.outqfid == nullptr) return 1;
+    if (const int rc = open_output(n, *n.outq, "TORVALE", n.outqfid); rc != 0) return rc;
     declare_points(n);
   }
   if (n.outsg != nullptr) {
-    n.sgradfid = open_output(n, *n.outsg, "TORVALE");
-    if (n.sgradfid == nullptr) return 1;
+    if (const int rc = open_output(n, *n.outsg, "TORVALE", n.sgradfid); rc != 0) return rc;
     declare_gradients(n);
   }
   return 0;

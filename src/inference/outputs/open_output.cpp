@@ -10,16 +10,18 @@ using host::ColumnKind;
 using host::OutputDataSet;
 using model::NX;
 
-OutputDataSet* open_output(NX& n, const syntax::StItem& item, const char* statement)
+int open_output(NX& n, const syntax::StItem& item, const char* statement, OutputDataSet*& out)
 {
   const host::MessagePlace place = n.sources->place(statement, item.where);
   host::DataSetReference reference{item.text, item.quoted, {}};
   if (!item.options.empty()) {
     auto options = host::parse_data_set_options(item.options, n.host->log(), place);
-    if (!options) return nullptr;
+    if (!options) return 3000;
     reference.options = std::move(*options);
   }
-  return n.host->libraries().open_output(reference, n.host->log(), place);
+  int code = 0;
+  out = n.host->libraries().open_output(reference, n.host->log(), place, &code);
+  return code;
 }
 
 void add_output_column(NX& n, OutputDataSet& out, const std::string& name, const std::string& label)

@@ -86,7 +86,9 @@ int tvlcont(NX& n)
     const int nu = wald_statistic(static_cast<int>(r), v, c, n.singsweep, f);
     const double denominator = statement.df >= 0 ? statement.df : n.dfe;
     const double p = probability::zprbf(f, nu, denominator);
-    table.row({statement.label, static_cast<double>(nu), denominator, f, p == -1.0 ? host::missing : p});
+    if (nu == 0) n.host->log().xpmlog(message::contrast_tests_nothing{.label = statement.label});
+    table.row({statement.label, static_cast<double>(nu), denominator, nu == 0 ? host::missing : f,
+               p == -1.0 ? host::missing : p});
     first += r;
   }
   n.host->tables().wobmth(std::move(table));

@@ -57,6 +57,19 @@ public:
     }
   }
 
+  // Third derivatives by the effects; a tetrahedron for each subject.
+  void keep_bend(float* to) const
+  {
+    const auto subjects = slots_.through(b_.subject.data());
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j)
+        for (int k = 0; k <= j; ++k) {
+          const int place = n_.programs.third_place(np_ + k, packed(i, j));
+          subjects.scatter(columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride), to++,
+                           modes::tetrahedron(nr()));
+        }
+  }
+
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
@@ -110,23 +123,26 @@ private:
   T slope_[capacity], v_[capacity * capacity], w_[capacity * capacity];
 };
 
-template <int NR, class T> void keep_derivatives(const NX& n, const BatchWork& b, std::span<const int> slots, float* to)
+template <int NR, class T> void keep_derivatives(NX& n, const BatchWork& b, std::span<const int> slots)
 {
   const int count = static_cast<int>(slots.size());
-  for (int first = 0; first < count; first += SlotGroup<T>::width)
-    ModeDerivatives<NR, T>(n, b, SlotGroup<T>::of_list(slots.data() + first, count - first)).keep(to);
+  for (int first = 0; first < count; first += SlotGroup<T>::width) {
+    const auto group = SlotGroup<T>::of_list(slots.data() + first, count - first);
+    const ModeDerivatives<NR, T> derivatives(n, b, group);
+    derivatives.keep(n.ebtrial_by.data());
+    if (!n.ebtrial_bend.empty()) derivatives.keep_bend(n.ebtrial_bend.data());
+  }
 }
 
-template <int NR>
-TORVALE_AVX2_BUILD void keep_derivatives_avx2(const NX& n, const BatchWork& b, std::span<const int> slots, float* to)
+template <int NR> TORVALE_AVX2_BUILD void keep_derivatives_avx2(NX& n, const BatchWork& b, std::span<const int> slots)
 {
-  keep_derivatives<NR, Four>(n, b, slots, to);
+  keep_derivatives<NR, Four>(n, b, slots);
 }
 
-template <int NR> void keep_derivatives_of_four(const NX& n, const BatchWork& b, std::span<const int> slots, float* to)
+template <int NR> void keep_derivatives_of_four(NX& n, const BatchWork& b, std::span<const int> slots)
 {
   static const auto build = evaluation::build_for_machine(keep_derivatives<NR, Four>, keep_derivatives_avx2<NR>);
-  build(n, b, slots, to);
+  build(n, b, slots);
 }
 
 } // namespace
@@ -134,12 +150,11 @@ template <int NR> void keep_derivatives_of_four(const NX& n, const BatchWork& b,
 void keep_mode_derivatives(NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots)
 {
   const BatchWork& b = ctx.batch;
-  float* const to = n.ebtrial_by.data();
   modes::unrolled(n.leaf().nr, [&](auto order) {
     if constexpr (order() > 0)
-      keep_derivatives_of_four<order()>(n, b, slots, to);
+      keep_derivatives_of_four<order()>(n, b, slots);
     else
-      keep_derivatives<0, double>(n, b, slots, to);
+      keep_derivatives<0, double>(n, b, slots);
   });
 }
 

@@ -15,8 +15,9 @@
 //     -v. = sum e ll. + lu'll_u. + <Zu, ll_uu.> + (r + tau + ll_uu lu)'m.
 //           + <L., E + (tau + ll_uu lu) zm' + 2 ll_uu L Z + ll_u lambda'>
 // and the last term becomes one in G. by the adjoint of the Cholesky factorization, which passes over directions
-// without variance. Without the mode's curvature as scale C = I and Z = tau = 0; without a mode zm = lambda = 0 too.
-// (Own derivation.)
+// without variance. zm may be a step s short of the mode (modes::remainder): the derivatives by theta of the log joint
+// density are then those at the mode, to first order in s, as lambda has vb in it; v is made so (finish_step). Without
+// the mode's curvature as scale C = I and Z = tau = 0; without a mode zm = lambda = 0 too. (Own derivation.)
 
 #include "evaluation/cholesky_derivative.h"
 #include "evaluation/slot_group.h"
@@ -146,12 +147,14 @@ private:
 
     T lambda[capacity], pull[capacity], inverse[triangle]; // pull = tau + ll_uu lu
     take(inverse, b_.covariance, nrs());
+    const T half = at_mode_ ? half_square(inverse, vb) : T{};
     for (int i = 0; i < nr(); ++i)
       for (int k = i; k < nr(); ++k) vb[i] += l_[packed(k, i)] * tau[k];
     for (int i = 0; i < nr(); ++i) {
       lambda[i] = T{};
       for (int k = 0; k < nr(); ++k) lambda[i] += inverse[packed(i, k)] * vb[k];
     }
+    finish_step(inverse, lambda, half);
     for (int i = 0; i < nr(); ++i) {
       lu_[i] = T{};
       for (int k = 0; k <= i; ++k) lu_[i] += l_[packed(i, k)] * lambda[k];
@@ -166,6 +169,32 @@ private:
         factor_bar_[packed(i, j)] += t;
       }
     }
+  }
+
+  T half_square(const T* inverse, const T* v) const // v' H^-1 v / 2
+  {
+    T t = {};
+    for (int i = 0; i < nr(); ++i)
+      for (int k = 0; k < nr(); ++k) t += v[i] * (inverse[packed(i, k)] * v[k]);
+    return 0.5 * t;
+  }
+
+  // To the end of the step s = H^-1 (L'll_u - zm) that the search had left, and what that adds to -v: s'(vb + L'tau).
+  // At the only point vb itself vanishes at the mode, and counts by half.
+  void finish_step(const T* inverse, const T* lambda, const T& half)
+  {
+    T pull[capacity], added = -half;
+    for (int i = 0; i < nr(); ++i) {
+      pull[i] = -zm_[i];
+      for (int k = i; k < nr(); ++k) pull[i] += l_[packed(k, i)] * slope_[k];
+      added += lambda[i] * pull[i];
+    }
+    for (int i = 0; i < nr(); ++i) {
+      T z = zm_[i];
+      for (int k = 0; k < nr(); ++k) z += inverse[packed(i, k)] * pull[k];
+      slots_.scatter(z, b_.z.data() + i, nr());
+    }
+    slots_.scatter(slots_.from_row(b_.peak.data()) + added, b_.peak.data(), 1);
   }
 
   // Z = C (P + I/2) C' into z_, and L Z into lz_.

@@ -1,10 +1,11 @@
-// Event records below several RANDOM statements.
+// Event records and the subjects that they belong to.
 
 #include "compartment/event_data.h"
 #include "host/data/by_groups.h"
 #include "host/messages/names/compartments.h"
 #include "run/statements/statement_processing.h"
 
+#include <algorithm>
 #include <map>
 
 namespace torvale::run {
@@ -12,6 +13,23 @@ namespace torvale::run {
 using model::NX;
 
 namespace {
+
+// Does a BY variable change at this row?
+bool begins_group(const NX& n, std::size_t row)
+{
+  return std::any_of(n.bylist.begin(), n.bylist.end(), [&](const host::ByVariable& by) {
+    const host::Column& column = *n.fid->find(by.name);
+    return column.shown(row) != column.shown(row - 1);
+  });
+}
+
+std::vector<compartment::Variable> numeric_variables(const NX& n)
+{
+  std::vector<compartment::Variable> data;
+  for (const auto& column : n.fid->columns())
+    if (column.numeric()) data.push_back({column.name(), false, column.numbers()});
+  return data;
+}
 
 // Numbers the subjects of the rows: rows are of the same one when they are of the same BY group and the variables of
 // the levels from `first` on have the same values there.
@@ -21,8 +39,7 @@ std::vector<std::size_t> subjects_of_rows(const NX& n, std::size_t first)
   std::vector<std::size_t> subject(n.fid->rows());
   std::size_t group = 0;
   for (std::size_t row = 0; row < subject.size(); ++row) {
-    if (n.by_groups != nullptr)
-      while (group + 1 < n.by_groups->count() && row >= n.by_groups->group(group).end) ++group;
+    if (row > 0 && begins_group(n, row)) ++group;
     std::vector<std::string> key = {std::to_string(group)};
     for (std::size_t k = first; k < n.reff.size(); ++k)
       key.push_back(n.fid->columns()[static_cast<std::size_t>(n.reff[k].sub_dsvarno - 1)].shown(row));
@@ -35,9 +52,7 @@ std::vector<std::size_t> subjects_of_rows(const NX& n, std::size_t first)
 
 void refuse_doses_across_levels(NX& n)
 {
-  std::vector<compartment::Variable> data;
-  for (const auto& column : n.fid->columns())
-    if (column.numeric()) data.push_back({column.name(), false, column.numbers()});
+  const auto data = numeric_variables(n);
   std::vector<std::size_t> outer, inner;
   for (const auto& statement : n.proc->statements) {
     if (statement.name != "CMPTMODEL") continue;
@@ -55,6 +70,21 @@ void refuse_doses_across_levels(NX& n)
                                                        .record = static_cast<long>(crossing->record + 1),
                                                        .level = n.reff.front().subname},
                          place);
+    tvlexit(n, 3000);
+  }
+}
+
+void refuse_events_without_subjects(NX& n)
+{
+  std::vector<std::size_t> group;
+  for (const auto& statement : n.proc->statements) {
+    if (statement.name != "CMPTMODEL") continue;
+    if (group.empty()) group = subjects_of_rows(n, 0);
+    const auto row = compartment::falling_time(statement, numeric_variables(n), group);
+    if (!row) continue;
+    host::MessagePlace place = place_at(n, "CMPTMODEL", statement.where);
+    place.row = n.fid->file_row(*row);
+    n.host->log().xpmlog(message::events_without_subjects{.record = static_cast<long>(*row + 1)}, place);
     tvlexit(n, 3000);
   }
 }

@@ -49,6 +49,7 @@ void random_statements(NX& n, const STMT& procedure)
     n.method = 0;
     n.adaptive = n.adscale = false;
     n.nqp = 1;
+    refuse_events_without_subjects(n);
     if (procedure.given(torvale_slot::outr)) {
       log.xpmlog(message::outr_without_random, place_at(n, "TORVALE", procedure.slot(torvale_slot::outr).where));
       n.raise(4);

@@ -36,31 +36,14 @@ std::optional<host::DataSetReference> reference_of(NX& n, const syntax::StItem& 
   tvlexit(n, 3000);
 }
 
-// COVDATA=: a column per parameter; rows in the order of the parameters, or named by a column "Parameter".
+// COVDATA=: the covariance that proposals begin with.
 void read_covariance(NX& n, const STMT& mcmc)
 {
   const syntax::StItem& item = mcmc.slot(mcmc_slot::covdata).list.at(0);
   const auto place = place_at(n, "MCMC", item.where);
   const auto reference = reference_of(n, item, place);
-  const auto data = reference ? n.host->libraries().xoopen(*reference, n.host->log(), place) : std::nullopt;
-  if (!data) tvlexit(n, 1008);
-  const host::Column* names = data->find("Parameter");
-  if (names != nullptr && names->numeric()) names = nullptr;
-  const auto np = static_cast<std::size_t>(n.nparm);
-  n.sampling.covariance.assign(np * (np + 1) / 2, host::missing);
-  for (std::size_t j = 0; j < np; ++j) {
-    const host::Column* column = data->find(n.parmstr[j].parmname);
-    if (column == nullptr || !column->numeric()) {
-      n.host->log().xpmlog(message::covdata_lacks_variable{.name = n.parmstr[j].parmname}, place);
-      tvlexit(n, 1012);
-    }
-    for (std::size_t row = 0; row < data->rows(); ++row) {
-      std::size_t i = row;
-      if (names != nullptr)
-        for (i = 0; i < np && !host::equal_names(host::stripped(names->text(row)), n.parmstr[i].parmname);) ++i;
-      if (i >= j && i < np) n.sampling.covariance[i * (i + 1) / 2 + j] = column->number(row);
-    }
-  }
+  if (!reference) tvlexit(n, 1008);
+  proposal_covariance(n, *reference, place);
 }
 
 double log_prior(const NX& n, engine::Frame& frame, const double* theta, double* gradient)
@@ -144,8 +127,9 @@ void specialise_sampling_statements(NX& n)
   if (!s.mcmc->given(mcmc_slot::out) || s.mcmc->slot(mcmc_slot::out).list.empty()) return;
   const auto place = place_at(n, "MCMC", s.mcmc->slot(mcmc_slot::out).list[0].where);
   const auto reference = reference_of(n, s.mcmc->slot(mcmc_slot::out).list[0], place);
-  if (reference) s.output = n.host->libraries().open_output(*reference, n.host->log(), place);
-  if (s.output == nullptr) tvlexit(n, 1016);
+  int code = 3000;
+  if (reference) s.output = n.host->libraries().open_output(*reference, n.host->log(), place, &code);
+  if (s.output == nullptr) tvlexit(n, code);
 }
 
 void complete_sample_output(NX& n)

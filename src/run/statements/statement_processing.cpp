@@ -186,7 +186,9 @@ void tvlinit(NX& n)
   specialise_sampling_statements(n);
   end_on_errors(n, 1012);
   listings(n);
-  if (inference::open_fit_outputs(n) != 0 || inference::open_method_outputs(n) != 0) tvlexit(n, 1016);
+  if (const int rc = inference::open_fit_outputs(n); rc != 0) tvlexit(n, rc);
+  if (const int rc = inference::open_method_outputs(n); rc != 0) tvlexit(n, rc);
+  if (n.host->libraries().check_outputs(n.host->log()) != 0) tvlexit(n, 3000);
 }
 
 } // namespace torvale::run

@@ -38,6 +38,8 @@ void random_statements(model::NX& n, const syntax::STMT& procedure);
 void readrandom(model::NX& n, const syntax::STMT& stmt, model::REFFECT& reff);
 // Event records with several RANDOM statements: a dose must not act from one innermost subject into another.
 void refuse_doses_across_levels(model::NX& n);
+// Event records without a RANDOM statement are those of one subject: its time must not fall.
+void refuse_events_without_subjects(model::NX& n);
 // nested_levels: several RANDOM statements, read: checks the nesting (nestcheck), puts the levels in order, the deepest
 // first, and what else holds for several levels only.
 void nested_levels(model::NX& n, const syntax::STMT& procedure);
@@ -63,12 +65,15 @@ void write_model_summary(model::NX& n);
 // MCMC, PRIOR: what they need of the fit (before the derivative requests), expressions (before cmpgen), programs
 // (after).
 void sampling_statement(model::NX& n);
+// COVDATA=: a column per parameter; rows in the order of the parameters, or named by a column "Parameter"; either
+// triangle.
+void proposal_covariance(model::NX& n, const host::DataSetReference& reference, const host::MessagePlace& place);
 void sampling_needs(model::NX& n);
 void read_sampling_statements(model::NX& n);
 void specialise_sampling_statements(model::NX& n);
 // Draws the sample of the BY group in hand; 0, or 1 after a message. draws: filled with it; null when nobody looks.
 int run_sampler(model::NX& n, sampling::SampleDraws* draws);
-// Gives the sample's data set its columns where no BY group came to be sampled: it has no rows then.
+// The columns of the sample's data set in a program that is only checked, for the steps that read it.
 void complete_sample_output(model::NX& n);
 
 // tvlspec: "Specifications". (tvl procedure, spec specifications.)

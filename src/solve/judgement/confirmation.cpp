@@ -5,10 +5,12 @@
 #include "integration/objective.h"
 #include "optimizer/messages/messages.h"
 #include "optimizer/optimizer.h"
+#include "solve/judgement/by_turns.h"
 #include "solve/judgement/continuation.h"
 #include "solve/judgement/fit_codes.h"
 #include "solve/judgement/fresh_start.h"
 #include "solve/judgement/straight_judgement.h"
+#include "solve/judgement/vanished_variance.h"
 
 #include <algorithm>
 #include <cmath>
@@ -24,6 +26,7 @@ namespace {
 
 constexpr int most_rounds = 12;    // of the trust region
 constexpr int most_sharpened = 6;  // times that a minimum in doubt is looked for anew
+constexpr int most_trials = 4;     // of vanished variances that lead to a better minimum
 constexpr int most_extensions = 3; // of default limits, while a round gains `much` in -2 log L
 constexpr double much = 1.0;
 constexpr double ill_known = 0.05; // elements of the Hessian at unit diagonal
@@ -102,9 +105,33 @@ void FitEnd::move_to(const std::vector<double>& x)
   integration::accept_modes(n_);
 }
 
+// Where evaluations are noisy the trust region's own differences, over short intervals, are noise: the judge's Hessian
+// is the better one, and its Newton step tells whether there is something to gain.
+bool FitEnd::newton_step()
+{
+  const bool worth = judgement_.measured && !judgement_.indefinite && judgement_.gain > judgement_.allowed;
+  if (!worth || !(judgement_.curvature.noise > 0.0)) return false;
+  FitSurface surface(n_, *coordinates_);
+  const std::vector<double> origin(x_.size(), 0.0);
+  std::vector<double> g(x_.size()), x(x_.size()), t(x_.size());
+  coordinates_->gradient(origin.data(), g_.data(), g.data());
+  const auto step = judgement_.newton_step(g);
+  constexpr double least = 0.25; // of what the step promises
+  for (double length = 1.0; length > 0.1; length *= 0.5) {
+    for (std::size_t i = 0; i < x.size(); ++i) t[i] = length * step[i];
+    double f = 0.0;
+    if (!surface.value(t.data(), f) || 2.0 * (f_ - f) < least * length * judgement_.gain) continue;
+    coordinates_->parameters(t.data(), x.data());
+    move_to(x);
+    return true;
+  }
+  return false;
+}
+
 // One more round of the trust region. False when it did not lower -2 log L by what counts.
 bool FitEnd::go_on()
 {
+  if (newton_step()) return true;
   FitSurface surface(n_, *coordinates_);
   const bool jump = !judgement_.better.empty();
   const std::vector<double> start = jump ? judgement_.better : std::vector<double>(x_.size(), 0.0);
@@ -119,6 +146,12 @@ bool FitEnd::go_on()
   move_to(x);
   falling_ = 2.0 * (before - f_) >= much;
   return 2.0 * (before - f_) >= gain_allowed;
+}
+
+// Whether the digits that are printed are those of the minimum, as far as rounding lets them be.
+bool FitEnd::sharp() const
+{
+  return !(judgement_.gain > std::max({sharp_gain, 1e-12 * std::abs(f_), 2.0 * judgement_.curvature.noise}));
 }
 
 // The minimum to more digits. False when there are none to be had.
@@ -152,17 +185,20 @@ int FitEnd::run()
     move_to(x_);
     if (!std::isfinite(f_) || n_.failed) return code;
   }
-  if (evaluated && (judgement_.measured || quickly_confirmed())) return finish(code);
+  const bool clear = evaluated && (judgement_.measured || quickly_confirmed());
+  if (clear && (given_by_user(n_, code) || (sharp() && !try_without_effects()))) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
   extend_default_limits(n_);
+  if (default_limit(n_, code)) take_turns();
   settle(code);
-  for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
-    extend_default_limits(n_);
-    settle(code);
-  }
+  for (int trial = 0; trial < most_trials && !given_by_user(n_, code) && try_without_effects(); ++trial) settle(code);
+  fall_on(code);
   if (doubtful(code)) {
     extend_default_limits(n_);
-    if (!stopped() && start_again()) settle(code);
+    if (!stopped() && start_again()) {
+      settle(code);
+      fall_on(code);
+    }
   }
   code = finish(code);
   str.maxi = maxiter_;
@@ -171,6 +207,25 @@ int FitEnd::run()
     n_.host->log().xpmlog(message::confirmation_lowered_objective{
         .iterations = static_cast<long>(str.nitr - iterations), .from = 2.0 * f_technique, .to = 2.0 * f_});
   return code;
+}
+
+// More iterations than the default limits for a fit that is still falling.
+void FitEnd::fall_on(int code)
+{
+  for (int more = 0; more < most_extensions && falling_ && out_of_iterations(n_); ++more) {
+    extend_default_limits(n_);
+    take_turns();
+    settle(code);
+  }
+}
+
+// The residual variance and the other parameters by turns, where a fit falls slowly and for long.
+void FitEnd::take_turns()
+{
+  const double before = f_;
+  double f = f_;
+  if (std::vector<double> x(x_); by_turns(n_, x, f)) move_to(x);
+  falling_ = 2.0 * (before - f_) >= much;
 }
 
 // Rounds of judging and going on, until a minimum is confirmed or nothing is gained.
@@ -184,9 +239,10 @@ void FitEnd::settle(int code)
     const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
       if (sharpened == 0) first = f_;
-      if (!judgement_.doubtful_curvature) return;
+      const bool coarse = sharpened == 0 && !sharp();
+      if (!judgement_.doubtful_curvature && !coarse) return;
       const bool last = spent || sharpened == most_sharpened;
-      judgement_.creeps = last && 2.0 * (first - f_) >= gain_allowed;
+      judgement_.creeps = last && 2.0 * (first - f_) >= judgement_.allowed;
       if (last || !sharpen()) return;
       ++sharpened;
       continue; // in new scales, which follow a bent valley better
@@ -210,6 +266,21 @@ bool FitEnd::doubtful(int code) const
          !n_.host->interrupted();
 }
 
+// True when a variance that the data hardly tell from 0 has a better minimum there: the fit is at it then.
+bool FitEnd::try_without_effects()
+{
+  if (!judgement_.minimum() || stopped()) return false;
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  const auto better = vanished_variance(n_, *coordinates_, judgement_, x_, f_);
+  if (!better) return false;
+  n_.host->log().xpmlog(
+      message::lower_without_effect{.name = n_.parmstr[static_cast<std::size_t>(better->variance)].parmname,
+                                    .from = 2.0 * f_,
+                                    .to = 2.0 * better->f});
+  move_to(better->x);
+  return true;
+}
+
 // True when a run from the starting values leads to a better point.
 bool FitEnd::start_again()
 {
@@ -217,6 +288,7 @@ bool FitEnd::start_again()
   std::vector<double> x;
   if (!fresh_start(n_, start_, scales_, x, f) || 2.0 * (f_ - f) < gain_allowed) return false;
   coordinates_.reset();
+  falling_ = 2.0 * (f_ - f) >= much;
   move_to(x);
   return true;
 }

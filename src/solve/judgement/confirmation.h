@@ -45,14 +45,21 @@ private:
   void measure_by_size();
   void ask_by_parameters();
   bool go_on();
+  bool newton_step();
+  bool sharp() const;
   bool sharpen();
   void settle(int code);
   bool stopped() const;
   bool doubtful(int code) const;
   bool start_again();
+  bool try_without_effects();
+  void take_turns();
+  void fall_on(int code);
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
+  bool beyond_edge() const;
   void to_the_edge();
+  bool question_slight_directions();
   int finish(int code);
 
   model::NX& n_;

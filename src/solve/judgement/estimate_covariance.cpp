@@ -99,22 +99,33 @@ void take_bend_out(const Judgement& j, std::vector<double>& a, std::size_t np)
 
 } // namespace
 
-void take_covariance(NX& n, const Judgement& j, const std::vector<double>& jacobian)
+std::vector<double> parameter_covariance(const Judgement& j, const std::vector<double>& jacobian, std::size_t np)
 {
-  const auto np = static_cast<std::size_t>(n.nparm);
   auto a = inverse_curvature(j, np);
   take_bend_out(j, a, np);
-  n.covmat.assign(np * (np + 1) / 2, 0.0);
-  const double sigm = n.covstr->sigm > 0.0 ? n.covstr->sigm : 1.0;
-  std::vector<double> row(np);
+  std::vector<double> covariance(np * np, 0.0), row(np);
   for (std::size_t r = 0; r < np; ++r) {
     std::fill(row.begin(), row.end(), 0.0);
     for (std::size_t i = 0; i < np; ++i)
       if (const double by = jacobian[r * np + i]; by != 0.0)
         for (std::size_t k = 0; k < np; ++k) row[k] += by * a[i * np + k];
-    for (std::size_t c = 0; c <= r; ++c)
-      for (std::size_t k = 0; k < np; ++k) n.covmat[r * (r + 1) / 2 + c] += sigm * row[k] * jacobian[c * np + k];
+    for (std::size_t c = 0; c <= r; ++c) {
+      double& element = covariance[r * np + c];
+      for (std::size_t k = 0; k < np; ++k) element += row[k] * jacobian[c * np + k];
+      covariance[c * np + r] = element;
+    }
   }
+  return covariance;
+}
+
+void take_covariance(NX& n, const Judgement& j, const std::vector<double>& jacobian)
+{
+  const auto np = static_cast<std::size_t>(n.nparm);
+  const auto covariance = parameter_covariance(j, jacobian, np);
+  n.covmat.resize(np * (np + 1) / 2);
+  const double sigm = n.covstr->sigm > 0.0 ? n.covstr->sigm : 1.0;
+  for (std::size_t r = 0; r < np; ++r)
+    for (std::size_t c = 0; c <= r; ++c) n.covmat[r * (r + 1) / 2 + c] = sigm * covariance[r * np + c];
   for (std::size_t i = 0; i < np; ++i) {
     const double variance = n.covmat[i * (i + 3) / 2];
     n.str->ster[i] = variance > 0.0 ? std::sqrt(variance) : host::missing;

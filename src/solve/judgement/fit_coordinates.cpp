@@ -150,13 +150,13 @@ void FitCoordinates::add_blocks(const NX& n, const model::REFFECT& reff, const d
         upper_[static_cast<std::size_t>(p)] = largest;
       }
     }
-    add_block(what, effects, x);
+    add_block(n, what, effects, x);
   }
 }
 
 // The factor by rows, the effect with the largest share of its variance left first.
-void FitCoordinates::add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects,
-                               const double* x)
+void FitCoordinates::add_block(const NX& n, const std::vector<std::vector<int>>& parameter,
+                               const std::vector<int>& effects, const double* x)
 {
   const auto order = static_cast<int>(effects.size());
   const auto place = [&](int a, int b) { return parameter[static_cast<std::size_t>(a)][static_cast<std::size_t>(b)]; };
@@ -189,6 +189,8 @@ void FitCoordinates::add_block(const std::vector<std::vector<int>>& parameter, c
   }
   Block block;
   block.order = order;
+  for (const int i : effects)
+    block.reaches_zero = block.reaches_zero && at_most_nonnegative(n, n.parmstr[static_cast<std::size_t>(place(i, i))]);
   for (int r = 0; r < order; ++r)
     for (int c = 0; c <= r; ++c) {
       const int p = place(rows[static_cast<std::size_t>(r)], rows[static_cast<std::size_t>(c)]);
@@ -332,6 +334,16 @@ bool FitCoordinates::variance(int i) const
 {
   const auto diagonals = edge_diagonals();
   return std::find(diagonals.begin(), diagonals.end(), i) != diagonals.end();
+}
+
+std::vector<int> FitCoordinates::effect(int i) const
+{
+  std::vector<int> found;
+  for (const Block& b : blocks_)
+    for (int r = 0; r < b.order && b.reaches_zero; ++r)
+      if (b.parameter[packed(r, r)] == i)
+        for (int c = 0; c < b.order; ++c) found.push_back(b.parameter[packed(r, c)]);
+  return found;
 }
 
 bool FitCoordinates::on_edge(const Block& b, double share) const

@@ -78,14 +78,20 @@ public:
   // Coordinates of the diagonal elements of all factors. variance: coordinate i is one of them.
   std::vector<int> edge_diagonals() const;
   bool variance(int i) const;
+  // effect: of the variance `i`, all of its row and column of G; empty where a bound keeps the variance from 0. hold:
+  // coordinate i stays where it is.
+  std::vector<int> effect(int i) const;
+  void hold(int i) { fixed_[static_cast<std::size_t>(i)] = 1; }
 
 private:
   struct Block {
     int order = 0;
+    bool reaches_zero = true;   // no bound keeps its variances from 0
     std::vector<int> parameter; // packed: the parameter of each element, rows in pivoted order
   };
   void add_blocks(const model::NX& n, const model::REFFECT& reff, const double* x);
-  void add_block(const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects, const double* x);
+  void add_block(const model::NX& n, const std::vector<std::vector<int>>& parameter, const std::vector<int>& effects,
+                 const double* x);
   double factor(const Block& b, int r, int c, const double* t) const;
   bool on_edge(const Block& b, double share) const;
   void add_logarithm(const model::ModelLists& n);

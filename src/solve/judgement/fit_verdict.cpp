@@ -170,7 +170,14 @@ void missing_errors(NX& n)
   const auto& verdict = n.verdict;
   for (std::size_t i = 0; i < verdict.identified.size(); ++i)
     if (verdict.identified[i] == 0) n.str->ster[i] = host::missing;
-  for (const int i : verdict.vanished) n.str->ster[i] = host::missing;
+  for (const int i : verdict.vanished) {
+    n.str->ster[i] = host::missing;
+    // As at a bound; what rounding has left of the row depends on the order of the data.
+    for (int k = 0; k < n.nparm && !n.covmat.empty(); ++k) {
+      const auto r = static_cast<std::size_t>(std::max(i, k)), c = static_cast<std::size_t>(std::min(i, k));
+      n.covmat[r * (r + 1) / 2 + c] = 0.0;
+    }
+  }
 }
 
 void report_verdict(NX& n)

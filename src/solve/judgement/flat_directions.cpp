@@ -52,7 +52,10 @@ private:
     if (p == 0 || !std::all_of(v.begin(), v.end(), [](double e) { return std::isfinite(e); })) return false;
     matrix::ztred2(static_cast<int>(p), v.data(), values.data(), off.data());
     if (matrix::ztql2(static_cast<int>(p), v.data(), values.data(), off.data(), 1) != 0) return false;
-    const double slight = surface_.analytic() ? 1e-3 : 1e-2;
+    // What noise makes of a slight eigenvalue is one to be measured, too.
+    constexpr double most = 0.2;
+    const double known = 10.0 * out_.accuracy;
+    const double slight = std::clamp(known, surface_.analytic() ? 1e-3 : 1e-2, most);
     slight_.clear();
     for (std::size_t c = 0; c < p; ++c)
       if (std::abs(values[c]) < slight) slight_.push_back(turning_[c]);

@@ -141,6 +141,20 @@ private:
 
 } // namespace
 
+std::vector<double> Judgement::newton_step(const std::vector<double>& g) const
+{
+  const auto m = static_cast<std::size_t>(curvature.size());
+  std::vector<double> step(g.size(), 0.0);
+  for (std::size_t k = 0; k < m; ++k) {
+    if (!(eigenvalues[k] > tolerance)) continue;
+    double slope = 0.0;
+    for (std::size_t i = 0; i < m; ++i) slope += directions[i * m + k] * g[static_cast<std::size_t>(curvature.free[i])];
+    for (std::size_t i = 0; i < m; ++i)
+      step[static_cast<std::size_t>(curvature.free[i])] -= slope / eigenvalues[k] * directions[i * m + k];
+  }
+  return step;
+}
+
 void Judgement::note_null(int k)
 {
   const int m = curvature.size();

@@ -10,6 +10,9 @@ namespace torvale::solve {
 
 // What is asked of a minimum. Values of the objective count as -2 log L, twice the objective.
 inline constexpr double gain_allowed = 1e-4;
+// What a fit that no criterion of the user's has stopped goes on for: estimates within a thousandth of their standard
+// errors, so that the digits printed do not depend on how the minimum was reached.
+inline constexpr double sharp_gain = 1e-6;
 // A curvature at unit diagonal that is none.
 inline constexpr double null_curvature = 1e-8;
 
@@ -43,6 +46,8 @@ struct Judgement {
   }
   double allowed = gain_allowed; // gain_allowed, or ten times the evaluation's noise
 
+  // The Newton step off the null space, by all coordinates; g is the gradient by t.
+  std::vector<double> newton_step(const std::vector<double>& g) const;
   // Direction k is flat: its eigenvalue becomes 0, its length 1.
   void note_null(int k);
 };

@@ -2,6 +2,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
+#include "solve/start/start_metric.h"
 
 #include <algorithm>
 #include <cmath>
@@ -31,8 +32,7 @@ void FitEnd::set_scales()
   if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
   scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
   for (std::size_t i = 0; i < scales_.size(); ++i) {
-    const double d = products[i * (i + 3) / 2];
-    if (d > 0.0 && std::isfinite(d)) scales_[i] = 1.0 / std::sqrt(d);
+    scales_[i] = unit_of(products, i, str.x[i]);
     // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
     if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
   }
@@ -46,6 +46,7 @@ int FitEnd::run_technique()
   set_scales();
   int code = 0;
   const int load = str.load;
+  const double gconv = str.gtol, absgconv = str.agtl;
   for (int restart = 0;; ++restart) {
     n_.optimizer_messages.clear();
     n_.dependencies.clear();
@@ -63,11 +64,14 @@ int FitEnd::run_technique()
     integration::nlpfunc(&str);
   }
   str.load = load;
+  str.gtol = gconv;
+  str.agtl = absgconv;
   return code;
 }
 
 // A run that carries an approximation of the Hessian stops early where the true one promises more than GCONV
-// allows: it goes on with the true one as its metric, as long as that pays.
+// allows: it goes on with the true one as its metric, as long as that pays. GCONV is relative to the objective, what
+// shows in the printed digits of estimates and standard errors is not: the run goes on for that too.
 bool FitEnd::technique_goes_on(int code, double start)
 {
   MINSTR& str = *n_.str;
@@ -76,8 +80,11 @@ bool FitEnd::technique_goes_on(int code, double start)
   if (!unsure || !approximates_hessian(str.tech) || given_by_user(n_, code) || limits_reached(str)) return false;
   if (!quickly_confirmed()) return false;
   const double promised = 0.5 * judgement_.gain; // in the objective
-  const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
+  const double size = std::max(std::abs(str.crit), str.fsiz);
+  if (!given_by_user(n_, optimizer::code_gconv)) str.gtol = std::min(str.gtol, std::max(sharp_gain / size, 1e-13));
+  const double allowed = 0.5 * size * str.gtol;
   if (!(promised > allowed && start - str.crit > 0.1 * promised)) return false;
+  if (!given_by_user(n_, optimizer::code_absgconv)) str.agtl = 0.0; // of gradients that the run has passed
   n_.metric = n_.covstr->hessian.elements;
   n_.metric_point.assign(str.x, str.x + n_.nparm);
   return true;

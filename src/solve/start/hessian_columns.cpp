@@ -1,6 +1,7 @@
 #include "solve/start/hessian_columns.h"
 
 #include "integration/objective.h"
+#include "solve/start/start_metric.h"
 
 #include <algorithm>
 #include <cmath>
@@ -93,16 +94,9 @@ bool HessianColumns::difference(std::size_t j, double h, std::vector<double>& co
   return true;
 }
 
-// What the subjects' gradients say that the parameter is known by.
-double HessianColumns::length(std::size_t j) const
-{
-  const double known = information_.empty() ? 0.0 : information_[j * (j + 3) / 2];
-  return known > 0.0 && std::isfinite(known) ? 1.0 / std::sqrt(known) : 1.0 + std::abs(point_[j]);
-}
-
 bool HessianColumns::beside(std::size_t j, std::vector<double>& column)
 {
-  const double h = interval * length(j);
+  const double h = interval * unit_of(information_, j, point_[j]);
   double made = 0.0;
   if (!moved(j, h, column, made) && !moved(j, -h, column, made)) return false;
   for (std::size_t i = 0; i < column.size(); ++i) column[i] = (column[i] - gradient_[i]) / made;
@@ -111,10 +105,10 @@ bool HessianColumns::beside(std::size_t j, std::vector<double>& column)
 
 bool HessianColumns::along(std::size_t j, std::vector<double>& column)
 {
-  double h = interval * length(j);
+  double h = interval * unit_of(information_, j, point_[j]);
   for (int trial = 0; trial < most_trials && str_.stop == 0; ++trial) {
     if (!difference(j, h, column)) {
-      h *= 0.1;
+      h = std::min(0.1 * h, interval * (1.0 + std::abs(point_[j]))); // a unit that far outgrows the parameter is none
       continue;
     }
     const double ratio = std::sqrt(std::abs(column[j])) * h / interval;

@@ -38,7 +38,6 @@ public:
   bool beside(std::size_t j, std::vector<double>& column);
 
 private:
-  double length(std::size_t j) const;
   bool inside(std::size_t j, double x) const;
   bool moved(std::size_t j, double by, std::vector<double>& gradient, double& made);
   bool difference(std::size_t j, double h, std::vector<double>& column);

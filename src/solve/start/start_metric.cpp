@@ -4,6 +4,7 @@
 #include "integration/objective.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace torvale::solve {
 
@@ -14,6 +15,19 @@ namespace {
 
 // That a sum of outer products needs to stand for a Hessian: where there is nothing else, and in place of a learnt one.
 constexpr double gradients_per_parameter = 5.0, gradients_to_follow = 10.0;
+
+std::size_t packed(std::size_t i, std::size_t j)
+{
+  return std::max(i, j) * (std::max(i, j) + 1) / 2 + std::min(i, j);
+}
+
+// Whether the products tell something of parameter j. Rounding leaves 1e-32 of what there is to know; units reach less
+// far.
+bool known(const std::vector<double>& products, std::size_t j)
+{
+  constexpr double rounding = 1e-24;
+  return !products.empty() && products[packed(j, j)] > rounding && std::isfinite(products[packed(j, j)]);
+}
 
 // Subjects, or observations without random effects.
 double independent_parts(const NX& n)
@@ -52,8 +66,18 @@ int start_metric(MINSTR* str)
   if (independent_parts(n) < gradients_per_parameter * n.nparm) return by_differences(n, *str);
   std::vector<double> products;
   if (integration::outer_products(n, products) != 0) return 1;
+  for (std::size_t j = 0; j < n.parm.size(); ++j)
+    if (!known(products, j)) {
+      const double unit = unit_of(products, j, n.parm[j]);
+      for (std::size_t k = 0; k < n.parm.size(); ++k) products[packed(j, k)] = j == k ? 1.0 / (unit * unit) : 0.0;
+    }
   std::copy(products.begin(), products.end(), str->hess);
   return 0;
+}
+
+double unit_of(const std::vector<double>& products, std::size_t j, double x)
+{
+  return known(products, j) ? 1.0 / std::sqrt(products[packed(j, j)]) : 1.0 + std::abs(x);
 }
 
 bool metric_follows(const NX& n)

@@ -113,6 +113,7 @@ int tvlparm(NX& n)
 
   if (n.savepoint.empty() || n.savepoint[0].parmnum < 0) {
     explain_failure(n);
+    if (n.ebstep <= 0 && !n.ebopt && keeps_modes(n)) log.xpmlog(message::no_mode_steps);
     message::no_starting_point words;
     if (n.npoints > 1) words.count = n.npoints;
     log.xpmlog(words);

@@ -7,12 +7,10 @@ namespace {
 // Compartment models and events.
 constexpr CatalogueEntry entries[] = {
     {503, 900, "no_ncomps", E, "CMPTMODEL needs NCOMPS=.", "", "NCOMPS=1, 2 or 3."},
-    {503, 901, "ncomps_out_of_range", E, "NCOMPS= must be 1, 2 or 3[, not {found}].", "",
-     "Write NCOMPS=1, 2 or 3."},
+    {503, 901, "ncomps_out_of_range", E, "NCOMPS= must be 1, 2 or 3[, not {found}].", "", "Write NCOMPS=1, 2 or 3."},
     {503, 902, "no_admtype", E, "CMPTMODEL needs ADMTYPE=.", "", "ADMTYPE=IVB, INF or ORAL."},
     // The grammar takes no other words, so nothing raises this one.
-    {503, 903, "admtype_out_of_range", E, "ADMTYPE= is out of range.", "",
-     "Write ADMTYPE=IVB, INF or ORAL."},
+    {503, 903, "admtype_out_of_range", E, "ADMTYPE= is out of range.", "", "Write ADMTYPE=IVB, INF or ORAL."},
     {503, 904, "no_parmtype", E, "CMPTMODEL needs PARMTYPE=.", "",
      "PARMTYPE=1 for rate constants, 2 for clearances and volumes."},
     {503, 905, "parmtype_out_of_range", E, "PARMTYPE= must be 1 or 2[, not {found}].", "",
@@ -30,13 +28,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 911, "compartment_option_ignored", W,
      "{option}= is ignored: this compartment model[, NCOMPS={compartments}, ADMTYPE={administration}, "
      "PARMTYPE={parameters},] has no use for it.",
-     "",
-     "Leave it out, or choose the model (NCOMPS=, ADMTYPE=, PARMTYPE=) that it belongs to."},
+     "", "Leave it out, or choose the model (NCOMPS=, ADMTYPE=, PARMTYPE=) that it belongs to."},
     {503, 912, "compartment_option_forbidden", E,
      "{option}= must not be given: this compartment model[, NCOMPS={compartments}, ADMTYPE={administration}, "
      "PARMTYPE={parameters},] has no such result.",
-     "",
-     "Leave it out, or choose the model (NCOMPS=, ADMTYPE=, PARMTYPE=) that it belongs to."},
+     "", "Leave it out, or choose the model (NCOMPS=, ADMTYPE=, PARMTYPE=) that it belongs to."},
     {503, 913, "compartment_option_unusual", W,
      "{option}= is used where the dose records ask for it[; ADMTYPE={administration} has otherwise no use for it].", "",
      "Look whether ADMTYPE= is the one meant; leave the option out when no record of a dose needs it."},
@@ -44,8 +40,7 @@ constexpr CatalogueEntry entries[] = {
      "{option}= cannot be given with dose records in the data set: they yield PCONC= only.", "",
      "Leave it out and use PCONC=, the result in the observed compartment."},
     {503, 915, "compartment_option_from_doses", W,
-     "{option}= is ignored: dose records in the data set have no place for it.", "",
-     "Leave it out."},
+     "{option}= is ignored: dose records in the data set have no place for it.", "", "Leave it out."},
     {503, 916, "compartment_option_from_data", W, "{option}= is ignored: the dose records in the data set have it.", "",
      "Leave it out, or take the column out of the data set (DROP=)."},
     {503, 9470, "compartment_result_not_a_name", E,
@@ -60,8 +55,7 @@ constexpr CatalogueEntry entries[] = {
      "PCONC= is an amount, since SCALE1= is not given; SCALE1={volume} gives a concentration. Clearances and volumes "
      "only "
      "make the rate constants.",
-     "",
-     "Add SCALE1= with the volume of the observed compartment, unless amounts are observed."},
+     "", "Add SCALE1= with the volume of the observed compartment, unless amounts are observed."},
     {503, 9474, "event_records", N,
      "Event records: doses go to {doses} and observations are of the central compartment {cmt}; rows with EVID other "
      "than "
@@ -79,9 +73,13 @@ constexpr CatalogueEntry entries[] = {
      "Additional doses or an infusion that go on from one subject into the next.",
      "Give each {level} its own dose records; or use one RANDOM statement, with effects of occasions that indicator "
      "variables choose."},
+    {503, 9446, "events_without_subjects", E,
+     "Time falls at observation {record}, and no RANDOM statement tells the subjects: without one all records are "
+     "those of one subject.",
+     "Event data of several subjects, fitted without random effects.",
+     "EVID 3 or 4 at the first record of each subject begins anew; or add a RANDOM statement with SUBJECT=."},
     {503, 9473, "dose_types_not_texts", E, "The variable _CMPT_TYPE_ of dose records must hold texts; it is numeric.",
-     "",
-     "Write the code of each dose as a text in _CMPT_TYPE_, as SSB for a single bolus."},
+     "", "Write the code of each dose as a text in _CMPT_TYPE_, as SSB for a single bolus."},
 };
 
 } // namespace

@@ -101,6 +101,12 @@ constexpr CatalogueEntry entries[] = {
      "Mend the name; 'torvale describe' lists the variables of a data set."},
     {503, 9026, "data_set_written_twice", E, "Two statements of this step write the data set {name}.", "",
      "Give each its own OUT= data set."},
+    {503, 9441, "data_set_not_written", N,
+     "The data set {name} was not written: the step failed and has no rows for it[; {left}].", "", ""},
+    {503, 9442, "data_set_of_failed_step", E,
+     "The data set {name} was to be written by a step of this run that failed; one of an earlier run is not taken for "
+     "it.",
+     "", "Mend the step that writes it."},
     {503, 9027, "database_table_not_read", E, "Table {table} of the database {file} cannot be read: {reason}.", "",
      "Mend the name of the table, or make the file again: SQLite itself cannot read it."},
     {503, 9028, "renamed_to_same_name", E, "Two variables would be named {name} after RENAME=.", "",
