@@ -228,6 +228,11 @@ struct Tile {
   std::int32_t first = 0; // where `observation` is null; with repeat = lanes above 1 all are at row first
   std::int32_t first_point =
       -1; // where `point` is null: points first_point, first_point + 1, ...; below 0: all at point 0
+  // Where the distinct outputs go, in place of Frame::output: value i of number k to sums[k][first_sum + i], or with
+  // `adds` onto what stands there.
+  double* const* sums = nullptr;
+  int first_sum = 0;
+  bool adds = false;
 };
 
 // Fault: one program fault, found when a tile is run again by the slow path.

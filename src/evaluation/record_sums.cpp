@@ -28,7 +28,7 @@ struct Segment {
   int lanes;
   int pair;  // first pair
   int level; // the first
-  int levels = 1;
+  int levels;
 };
 
 // Level by level: long stretches of lanes whose records and points are consecutive make a tile each, that the engine
@@ -49,6 +49,7 @@ public:
       for (int i = 0; i < pairs_.count; ++i)
         std::fill_n(slot_.data() + i * pairs_.points, pairs_.points, pairs_.slots[i]);
     if (what_.lanes.outputs > 0) place_levels();
+    find_sums();
     int live = pairs_.count; // slots that still have records
     for (int level = 0; level < b_.levels; ++level) {
       while (live > 0 && place(level, live - 1) >= b_.level[level + 1]) --live;
@@ -64,6 +65,17 @@ public:
 
 private:
   std::int32_t place(int level, int i) const { return b_.level[level] + pairs_.slots[i]; }
+
+  // Programs add to the sums themselves where these are all that is wanted of them, and each formula has one.
+  void find_sums()
+  {
+    sums_in_place_ = !sequential_ && what_.lanes.outputs == 0 && what_.places.size() <= sums_.size() &&
+                     what_.twins.size() == what_.places.size();
+    for (std::size_t k = 0; sums_in_place_ && k < what_.places.size(); ++k)
+      if (!what_.has_twin(k))
+        sums_[static_cast<std::size_t>(engine::distinct_output(*what_.program, static_cast<int>(k)))] =
+            what_.sums + what_.places[k] * what_.stride;
+  }
 
   void place_levels()
   {
@@ -82,7 +94,7 @@ private:
     for (int q = 0; q < pairs_.points; ++q) {
       const int pair = q * pairs_.count;
       if (consecutive && live >= long_run && !sequential_) {
-        if (const int rc = run_consecutive({0, live, pair, level}, place(level, 0), 1); rc != 0) return rc;
+        if (const int rc = run_consecutive({0, live, pair, level, 1}, place(level, 0), 1); rc != 0) return rc;
         continue;
       }
       if (const int rc = make_room(live); rc != 0) return rc;
@@ -98,7 +110,7 @@ private:
     for (int i = 0; i < live; i += packed_slots_) {
       const int pair = i * points, lanes = std::min(packed_slots_, live - i) * points;
       if (points >= long_run && !sequential_) {
-        if (const int rc = run_consecutive({0, points, pair, level}, place(level, i), points); rc != 0) return rc;
+        if (const int rc = run_consecutive({0, points, pair, level, 1}, place(level, i), points); rc != 0) return rc;
         continue;
       }
       if (const int rc = make_room(lanes); rc != 0) return rc;
@@ -120,8 +132,13 @@ private:
     tile.first = first_record;
     tile.first_point = lanes.pair;
     tile.repeat = repeat;
+    if (sums_in_place_) {
+      tile.sums = sums_.data();
+      tile.first_sum = lanes.pair;
+      tile.adds = lanes.level > 0;
+    }
     if (const int rc = tvlexec(ctx_, *what_.program, tile); rc > 2) return rc;
-    add_segments({&lanes, 1});
+    if (!sums_in_place_) add_segments({&lanes, 1});
     return 0;
   }
 
@@ -134,7 +151,7 @@ private:
     if (last != nullptr && last->pair == pair && last->lanes == lanes)
       ++last->levels;
     else
-      segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, lanes, pair, level};
+      segments_[static_cast<std::size_t>(segment_count_++)] = {lanes_, lanes, pair, level, 1};
     lanes_ += lanes;
   }
 
@@ -228,6 +245,8 @@ private:
   const int packed_slots_; // with all their points, at once
   int lanes_ = 0;
   int segment_count_ = 0;
+  bool sums_in_place_ = false;
+  std::array<double*, 256> sums_;             // of the program's distinct outputs
   std::array<std::int32_t, most_pairs> slot_; // per pair, when few points of one slot lie side by side
   std::array<std::int32_t, engine::max_lanes> observation_;
   std::array<std::int32_t, engine::max_lanes> point_;

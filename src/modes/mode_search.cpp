@@ -285,7 +285,7 @@ private:
 
   // One decision of the search: the i-th of these steps follows from value, gradient and Hessian at z, in this column
   // of sums.
-  template <class T> void advance(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
+  template <class T> void advance(int slot, const double* sums, NewtonSteps<NR, T>& steps, int i)
   {
     ModeSearch& s = search(slot);
     const double f = steps.of(steps.at.f, i);
@@ -321,7 +321,7 @@ private:
     for (int i = 0; i < nr(); ++i) to[i] = keep * to[i] + (1.0 - keep) * from[i];
   }
 
-  template <class T> void newton(int slot, const double* sums, const NewtonSteps<NR, T>& steps, int i)
+  template <class T> void newton(int slot, const double* sums, NewtonSteps<NR, T>& steps, int i)
   {
     constexpr int apart = SlotGroup<T>::width;
     ModeSearch& s = search(slot);
@@ -333,7 +333,8 @@ private:
     const bool made_up_for = closes_ && square < remainder;
     if (length < n_.ebtol || noise || square < negligible || predicted || made_up_for) {
       s.state = ModeSearch::found;
-      s.logdet = log_determinant(nr(), steps.column(steps.pivots, i), apart);
+      steps.determine();
+      s.logdet = steps.of(steps.logdet, i);
       keep_curvature<NR>(b_, nr(), slot, sums, steps.column(steps.at.hessian, i), apart);
       return;
     }

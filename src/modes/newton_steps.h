@@ -22,6 +22,8 @@ template <int NR, class T> struct NewtonSteps {
   T length = {};          // largest component of the step in u
   T square = {};          // largest square of one in z, in posterior variances
   T bent = {};            // the same of what bend has added to it; of the step itself where that is too much
+  T logdet = {};          // log det H, once determine has been called
+  bool determined = false;
   double inverted[width]; // not 0: the Hessian is; of a vector only where it needed no repair
 
   explicit NewtonSteps(int nr) : at(nr) {}
@@ -37,6 +39,13 @@ template <int NR, class T> struct NewtonSteps {
       evaluation::SlotGroup<T>::store(fits ? one : none, inverted);
     }
     measure();
+  }
+
+  void determine()
+  {
+    if (determined) return;
+    determined = true;
+    for (int i = 0; i < nr(); ++i) logdet += evaluation::SlotGroup<T>::logarithm(absolute(pivots[i]));
   }
 
   // Adds to the steps s what third derivatives of the log likelihood by u, f''', make of them: the minimum of the

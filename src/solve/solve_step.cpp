@@ -223,6 +223,11 @@ std::unique_ptr<FitEnd> refit_with_points(NX& n)
   n.verdict.cut_short_by_qmax = cut_short;
   n.dograd = str.fidi == 0;
   n.parmlast.clear();
+  // The Hessian with fewer points is a good metric to begin with.
+  if (const auto& hessian = n.covstr->hessian; hessian.present) {
+    n.metric = hessian.elements;
+    n.metric_point.assign(str.x, str.x + n.nparm);
+  }
   str.continues = 1;
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.znlprc == 0) n.znlprc = end->run();

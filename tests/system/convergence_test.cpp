@@ -176,6 +176,32 @@ TEST(Convergence, UnitsDoNotMatter)
   }
 }
 
+// In units of a power of two no bit of the technique's run changes, though at such a start the curve is all but a step
+// and hardly depends on its place and slope.
+TEST(Convergence, UnitsOfAPowerOfTwoChangeNoStep)
+{
+  std::vector<double> courses[2];
+  for (const bool other : {false, true}) {
+    const double unit = other ? std::ldexp(1.0, -20) : 1.0;
+    std::string csv = "id,t,y\n";
+    char line[100];
+    for (int i = 0; i < 6; ++i)
+      for (int j = 0; j < 8; ++j) {
+        const double y =
+            (90 + (i * 5 % 7 - 3) * 6) / (1 + std::exp((5 - 1.5 * j) / 1.5)) + ((i * 3 + j * 7) % 5 - 2) * 2;
+        std::snprintf(line, sizeof line, "%d,%.17g,%.17g\n", i, 1.5 * j * unit, std::round(y) / 10);
+        csv += line;
+      }
+    std::snprintf(line, sizeof line, "PARMS a=4 m=%.17g k=%.17g s2u=.3 s2=1;", 14.75 * unit, 0.09375 * unit);
+    const auto run = fit_data(csv, std::string("TECHNIQUE=QUANEW MAXITER=6; ") + line +
+                                       "MODEL y ~ NORMAL((a+u)/(1+exp(-(t-m)/k)), s2);"
+                                       "RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+    courses[other] = run.column("IterHistory", "NegLogLike");
+    ASSERT_GE(courses[other].size(), 6u) << run.log;
+  }
+  EXPECT_EQ(courses[0], courses[1]);
+}
+
 TEST(Convergence, SeparationIsNoSuccess)
 {
   std::string csv = "x,z,y\n";
@@ -381,8 +407,6 @@ TEST(Convergence, ExactFitsAreNone)
   }
 }
 
-// One record per subject: variance of effects and of residuals are known by their sum alone, and where on that ridge a
-// technique stops, or in which units, is no matter.
 // Residuals of 8e-14: rounding moves -2 log L by some hundredths, and the eigenvalues of the scaled Hessian go down to
 // 4e-8. Starts beside the usual two, for where rounding leads differs from machine to machine.
 TEST(Convergence, ResidualsNearRounding)
@@ -416,6 +440,8 @@ TEST(Convergence, ResidualsNearRounding)
   EXPECT_GE(reached, 5);
 }
 
+// One record per subject: variance of effects and of residuals are known by their sum alone, and where on that ridge a
+// technique stops, or in which units, is no matter.
 TEST(Convergence, RidgesAreNoMinimaAndNoRunaways)
 {
   std::string csv = "id,x,y\n";
@@ -460,6 +486,28 @@ TEST(Convergence, PointsAreChosenAgainAtTheEstimates)
   EXPECT_NEAR(minus2(small), minus2(large), 0.05) << small.log << large.log;
   EXPECT_NEAR(small.number("ParameterEstimates", "s2u", "Estimate"),
               large.number("ParameterEstimates", "s2u", "Estimate"), 0.02);
+}
+
+// In large data the points that QTOL= would let stand leave a variance a sixth of its standard error off. Who gives
+// QTOL= gets what it says.
+TEST(Convergence, PointsOfLargeData)
+{
+  std::string csv = "id,y\n";
+  for (int i = 0; i < 2400; ++i) {
+    const double place = i * 7919 % 10007 / 10007.0;
+    const int ones = static_cast<int>(5 * (0.5 - 0.5 * std::cos(3.14159265 * place)) + 0.5);
+    for (int j = 0; j < 5; ++j) csv += std::to_string(i) + (j < ones ? ",1\n" : ",0\n");
+  }
+  const std::string model = "; PARMS b0=0 s2u=1; BOUNDS s2u > 0; p = 1/(1+EXP(-(b0+u))); MODEL y ~ BINARY(p); RANDOM u "
+                            "~ NORMAL(0, s2u) SUBJECT=id; RUN;";
+  const auto chosen = fit_data(csv, model), given = fit_data(csv, "QTOL=1e-4" + model),
+             exact = fit_data(csv, "QPOINTS=41" + model);
+  const double answer = exact.number("ParameterEstimates", "s2u", "Estimate"),
+               error = exact.number("ParameterEstimates", "s2u", "StandardError");
+  EXPECT_FALSE(chosen.said(503, 9416)) << chosen.log;
+  EXPECT_NEAR(chosen.number("ParameterEstimates", "s2u", "Estimate"), answer, 0.01 * error);
+  EXPECT_TRUE(given.said(503, 9416)) << given.log;
+  EXPECT_GT(std::abs(given.number("ParameterEstimates", "s2u", "Estimate") - answer), 0.05 * error);
 }
 
 // Gamma responses: three points change next to nothing of what one point misses. Neither the choice nor the question

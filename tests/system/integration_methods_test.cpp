@@ -396,4 +396,45 @@ TEST(IntegrationMethods, HardySeesOtherModes)
   }
 }
 
+// Points around a mode, however many, say nothing of another one far away: the user is told what it would change. In
+// two dimensions it lies through the origin. The order of the records and the threads do not matter.
+TEST(IntegrationMethods, ModesBeyondThePointsAreTold)
+{
+  std::string csv = "id,k,y,z\n";
+  for (int id = 0; id < 12; ++id)
+    for (int k = 0; k < 4; ++k) {
+      const double u = -1.4 + 0.31 * id, noise = 0.15 * std::sin(7.0 * id + 3.0 * k);
+      csv += std::to_string(id) + "," + std::to_string(k % 2) + "," + std::to_string((u + 1) * (u + 1) + noise) + "," +
+             std::to_string(u + noise) + "\n";
+    }
+  const TemporaryFile file("modes.csv", csv);
+  const auto fit = [&](const std::string& options, const std::string& model, int threads = 0) {
+    return run_text("TORVALE DATA=d " + options + "; PARMS s2=0.02 v=2; BOUNDS s2 > 0, v > 0;" + model + "RUN;",
+                    "examples", threads, {{"d", file.path()}});
+  };
+  const std::string square = "MODEL y ~ NORMAL((u + 1)**2, s2); RANDOM u ~ NORMAL(0, v) SUBJECT=id;";
+  const auto run = fit("QPOINTS=3", square);
+  ASSERT_TRUE(run.said(503, 9449)) << run.log;
+  const double s2 = run.number("ParameterEstimates", "s2", "Estimate"),
+               v = run.number("ParameterEstimates", "v", "Estimate");
+  const auto here = [&](const std::string& method) {
+    return run_text("TORVALE DATA=d TECHNIQUE=NONE " + method + "; PARMS s2=" + std::to_string(s2) +
+                        " v=" + std::to_string(v) + ";" + square + "RUN;",
+                    "examples", 0, {{"d", file.path()}})
+        .number("FitStatistics", "-2 Log Likelihood", "Value");
+  };
+  const double lost = here("METHOD=HARDY") - here("QPOINTS=3");
+  const auto& messages = run.outcome.results.steps[0].messages;
+  const auto told = std::find_if(messages.begin(), messages.end(), [](const auto& m) { return m.number == 9449; });
+  const std::string words = told->text.substr(told->text.find("by about ") + 9);
+  EXPECT_NEAR(std::stod(words), lost, 0.2 * std::fabs(lost)) << words;
+  EXPECT_TRUE(fit("METHOD=ISAMP QPOINTS=300 SEED=1", square).said(503, 9449));
+  EXPECT_EQ(fit("QPOINTS=3", square, 3).log, run.log);
+  EXPECT_TRUE(fit("QPOINTS=5", "IF k = 1 THEN m = (u + 0.2)*(w + 0.1)*2; ELSE m = (u + 0.2)**2;"
+                               "MODEL y ~ NORMAL(m, s2); RANDOM u w ~ NORMAL([0,0],[v,0,v]) SUBJECT=id;")
+                  .said(503, 9449));
+  for (const char* method : {"QPOINTS=3", "METHOD=ISAMP QPOINTS=300 SEED=1"}) // one mode
+    EXPECT_FALSE(fit(method, "MODEL z ~ NORMAL(u, s2); RANDOM u ~ NORMAL(0, v) SUBJECT=id;").said(503, 9449));
+}
+
 } // namespace torvale::tests

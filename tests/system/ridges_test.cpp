@@ -133,4 +133,35 @@ TEST(Ridges, SmallUnitsDoNotPutVariancesOnTheirBounds)
   }
 }
 
+// Two effects of a count that enter by their sum: points that follow each effect give the ridge a curvature, which more
+// points take away.
+TEST(Ridges, BrokenByThePointsOfIntegrals)
+{
+  std::string csv = "id,y\n";
+  const int level[] = {0, 1, 2, 3, 4, 2, 6, 1, 3, 8, 2, 1};
+  for (int i = 0; i < 24; ++i)
+    for (int j = 0; j < 4; ++j)
+      csv += std::to_string(i) + "," + std::to_string(level[i / 2] + (i * 3 + j * 5) % 4) + "\n";
+  const TemporaryFile file("counts.csv", csv);
+  const auto fit = [&](const std::string& options, const std::string& model) {
+    return run_text("TORVALE DATA='" + file.path() + "' " + options + "; " + model + " SUBJECT=id; RUN;");
+  };
+  const std::string two =
+      "PARMS b0=1 s1=.3 s2=.2; MODEL y ~ POISSON(exp(b0+u+v)); RANDOM u v ~ NORMAL([0,0],[s1,0,s2])";
+  const auto one = fit("QPOINTS=15", "PARMS b0=1 s=.3; MODEL y ~ POISSON(exp(b0+u)); RANDOM u ~ NORMAL(0,s)");
+  for (const std::string options : {"", "QPOINTS=3", "QPOINTS=5", "TECHNIQUE=TRUREG"}) {
+    const auto run = fit(options, two);
+    EXPECT_EQ(run.outcome.exit_code, 6) << options << run.log;
+    for (const char* const name : {"s1", "s2"})
+      EXPECT_TRUE(std::isnan(run.number("ParameterEstimates", name, "StandardError"))) << options << name;
+    EXPECT_NEAR(run.number("ParameterEstimates", "b0", "StandardError"),
+                one.number("ParameterEstimates", "b0", "StandardError"), 1e-3)
+        << options;
+  }
+  // Effects that the data tell apart stay what they are.
+  const auto apart = fit("QPOINTS=5", "x = _n_ - 4*floor((_n_ - 1)/4) - 2.5; PARMS b0=1 s1=.3 s2=.2;"
+                                      "MODEL y ~ POISSON(exp(b0+u+v*x)); RANDOM u v ~ NORMAL([0,0],[s1,0,s2])");
+  EXPECT_GT(apart.number("ParameterEstimates", "s1", "StandardError"), 0.0) << apart.log;
+}
+
 } // namespace torvale::tests

@@ -28,6 +28,11 @@ void cut_strip(Lanes& lanes, const Tile& tile, int i, int longest)
     const int strips = (left + longest - 1) / longest; // equal ones
     lanes.count = (left + strips - 1) / strips;
   }
+  // Only whole vectors go straight to their sums: the rest is a strip of its own.
+  if (tile.sums != nullptr && lanes.count > lane_padding) {
+    lanes.count = lanes.count / lane_padding * lane_padding;
+    lanes.repeat = std::min(lanes.repeat, lanes.count);
+  }
   if (tile.point != nullptr) {
     lanes.point = tile.point + i;
     lanes.points = Lanes::Run::unknown;
@@ -178,8 +183,8 @@ int Frame::run(const Program& program, const Tile& tile)
   LaneRunner& runner = f.runner(Stage::lane);
   for (int i = 0; i < tile.lanes; i += lanes.count) {
     cut_strip(lanes, tile, i, runner.strip());
-    if (runner.run(lanes, f.sources, *state.data, {f.outputs.data() + i, output_stride}, results) != 0)
-      return run_code::endless_loop;
+    const Outputs outputs{f.outputs.data() + i, output_stride, tile.sums, tile.first_sum + i, tile.adds};
+    if (runner.run(lanes, f.sources, *state.data, outputs, results) != 0) return run_code::endless_loop;
   }
   return results.code;
 }

@@ -38,11 +38,14 @@ int run_over(Over what, std::int64_t first, std::int64_t count, LaneRunner& runn
   std::int32_t* const own = lanes.own[what == Over::records ? 0 : 1];
   for (std::int64_t i = 0; i < count; i += lanes.count) {
     lanes.count = static_cast<int>(std::min<std::int64_t>(runner.strip(), count - i));
-    std::iota(own, own + lanes.count, static_cast<std::int32_t>(first + i));
+    const auto along = lanes.count > 1 ? Lanes::Run::ascending : Lanes::Run::same;
+    own[0] = static_cast<std::int32_t>(first + i);
     lanes.row = what == Over::records ? own : zeros;
     lanes.point = what == Over::points ? own : zeros;
     lanes.slot = zeros;
-    lanes.rows = lanes.points = Lanes::Run::unknown;
+    lanes.rows = what == Over::records ? along : Lanes::Run::same;
+    lanes.points = what == Over::points ? along : Lanes::Run::same;
+    lanes.listed = false;
     lanes.finish();
     results.at = i;
     if (runner.run(lanes, sources, data, {}, results) != 0) return run_code::endless_loop;

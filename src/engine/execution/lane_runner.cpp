@@ -44,6 +44,16 @@ void make_canonical(double* values, int n)
   }
 }
 
+// From the room of the outputs to their sums.
+void pass_on(const Outputs& from, int outputs, int lanes)
+{
+  for (int k = 0; k < outputs; ++k) {
+    const double* const value = from.at + k * from.stride;
+    double* const sum = from.sums[k] + from.first_sum;
+    for (int i = 0; i < lanes; ++i) sum[i] = from.adds ? sum[i] + value[i] : value[i];
+  }
+}
+
 } // namespace
 
 int ascending_run(const std::int32_t* index, int n)
@@ -129,9 +139,20 @@ void LaneRunner::fill_fixed(const double* parameter_results)
 int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
                     Results& results)
 {
+  if (outputs.sums == nullptr || (by_native_ && lanes.padded == lanes.count))
+    return run_strip(lanes, sources, texts, outputs, results);
+  const int code = run_strip(lanes, sources, texts, {outputs.at, outputs.stride}, results);
+  pass_on(outputs, code_.outputs, lanes.count);
+  return code;
+}
+
+int LaneRunner::run_strip(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+                          Results& results)
+{
   if (!by_native_ || fetches_) lanes.list();
   if (by_native_) {
-    NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same, in_pairs(lanes.padded)};
+    NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same, in_pairs(lanes.padded),
+                      outputs.adds};
     const NativeStage* stage = native(shape);
     if (stage == nullptr && shape.paired) {
       can_be_paired_ = shape.paired = false;
@@ -147,6 +168,7 @@ int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns
     for (std::size_t k = 0; k < code_.fixed.size(); ++k)
       std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
     lanes.list();
+    return run(lanes, sources, texts, outputs, results);
   }
   return walk(lanes, sources, texts, outputs, results);
 }
@@ -274,16 +296,25 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
   if (lanes.points == Lanes::Run::mixed) hold_points_of(lanes, sources);
 }
 
+void LaneRunner::place_outputs(const Outputs& outputs)
+{
+  const auto n = static_cast<std::size_t>(code_.outputs);
+  if (outputs.sums != nullptr) {
+    outputs_at_ = nullptr;
+    for (std::size_t k = 0; k < n; ++k) result_addresses_[k] = outputs.sums[k] + outputs.first_sum;
+  } else if (outputs_at_ != outputs.at) {
+    outputs_at_ = outputs.at;
+    for (std::size_t k = 0; k < n; ++k)
+      result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
+  }
+}
+
 void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources,
                             const Outputs& outputs, Results& results)
 {
   find_inputs(lanes, sources);
   const auto n = static_cast<std::size_t>(code_.outputs);
-  if (outputs_at_ != outputs.at) {
-    outputs_at_ = outputs.at;
-    for (std::size_t k = 0; k < n; ++k)
-      result_addresses_[k] = outputs.at + static_cast<std::int64_t>(k) * outputs.stride;
-  }
+  place_outputs(outputs);
   NativeArguments arguments;
   arguments.inputs = input_addresses_.data();
   arguments.fixed = fixed_.data();

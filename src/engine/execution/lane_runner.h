@@ -85,10 +85,14 @@ struct Sources {
   std::int64_t row(std::int32_t record) const { return records != nullptr ? records[record] : record; }
 };
 
-// Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding.
+// Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding. With `sums` to
+// sums[k][first_sum] and on (Tile), but not from the padding; `at` is room then.
 struct Outputs {
   double* at = nullptr;
   std::int64_t stride = 0;
+  double* const* sums = nullptr;
+  int first_sum = 0;
+  bool adds = false;
 };
 
 // Character columns of the bound data, for text tests.
@@ -143,12 +147,15 @@ private:
   bool holds_points_of(const Lanes& lanes, const Sources& sources) const;
   void hold_points_of(const Lanes& lanes, const Sources& sources);
 
+  int run_strip(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+                Results& results);
   void prepare();
   bool in_pairs(int lanes);
   const NativeStage* native(NativeShape shape);
   void run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources, const Outputs& outputs,
                   Results& results);
   void find_inputs(const Lanes& lanes, const Sources& sources);
+  void place_outputs(const Outputs& outputs);
 
   int cached_strip() const;
   void prepare_steps(int strip);

@@ -35,9 +35,10 @@ std::vector<bool> uniform_inputs(const StageCode& code, NativeShape shape)
 // vector.
 class StageWriter {
 public:
-  StageWriter(VectorCode& code, const ValuePlan& plan, const std::vector<bool>& uniform, bool paired,
+  StageWriter(VectorCode& code, const ValuePlan& plan, const std::vector<bool>& uniform, bool paired, int added,
               const KernelTable& table)
-      : code_(code), plan_(plan), uniform_(uniform), paired_(paired), table_(table), registers_(code, plan, uniform)
+      : code_(code), plan_(plan), uniform_(uniform), paired_(paired), added_(added), table_(table),
+        registers_(code, plan, uniform)
   {
   }
 
@@ -141,8 +142,16 @@ private:
     case Kind::store: {
       const int a = registers_.number(op.in[0]);
       code_.mov(frame().address, code_.ptr[frame().results + static_cast<std::size_t>(op.index) * 8]);
-      code_.store(
-          code_.ptr[frame().address + frame().offset + code_.vector_bytes() * static_cast<std::size_t>(op.half)], a);
+      const auto to =
+          code_.ptr[frame().address + frame().offset + code_.vector_bytes() * static_cast<std::size_t>(op.half)];
+      if (op.index < added_) {
+        const int sum = code_.number_scratch();
+        code_.load(sum, to);
+        code_.arithmetic(Arithmetic::add, sum, sum, code_.vector(a));
+        code_.store(to, sum);
+      } else {
+        code_.store(to, a);
+      }
       registers_.result(no_value);
       return;
     }
@@ -257,6 +266,7 @@ private:
   const ValuePlan& plan_;
   const std::vector<bool>& uniform_;
   const bool paired_;
+  const int added_; // so many results are added to what stands where they go
   const KernelTable& table_;
   std::vector<RareCall> rare_calls_;
   std::int32_t saved_area_ = -1; // slots for the registers that a rare call must not change
@@ -317,7 +327,8 @@ std::unique_ptr<NativeStage> make_native(const StageCode& code, NativeShape shap
   try {
     const std::unique_ptr<VectorCode> to = make_vector_code(table.isa, code_buffer(capacity));
     if (to == nullptr) return nullptr;
-    const std::int32_t slots = StageWriter(*to, plan, uniform, shape.paired, table).write();
+    const std::int32_t slots =
+        StageWriter(*to, plan, uniform, shape.paired, shape.adds ? code.outputs : 0, table).write();
     to->ready();
     PlacedCode placed = place_code({to->getCode(), to->getSize()});
     if (placed.entry() == nullptr) return nullptr;

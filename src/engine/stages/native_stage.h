@@ -24,8 +24,9 @@ struct NativeShape {
   bool one_row = false;
   bool one_point = false;
   bool paired = false; // two vectors of lanes at a time: lanes come in multiples of 2 lane_padding
-  int index() const { return (one_row ? 1 : 0) + (one_point ? 2 : 0) + (paired ? 4 : 0); }
-  static constexpr int count = 8;
+  bool adds = false;   // outputs are added to what stands where they go
+  int index() const { return (one_row ? 1 : 0) + (one_point ? 2 : 0) + (paired ? 4 : 0) + (adds ? 8 : 0); }
+  static constexpr int count = 16;
 };
 
 // What a run reads and writes. All borrowed.

@@ -90,7 +90,8 @@ int AdaptiveQuadrature::close_value(const NX& n, const TVLThreadCtx& ctx, int sl
   const auto s = static_cast<std::size_t>(slot);
   if (b.failure[s] != 0) return b.failure[s];
   const double total = b.total[s];
-  value = -(std::log(total) + b.peak[s]) + b.constants;
+  const double log_total = total == 1.0 ? 0.0 : std::log(total); // 1: that of a single point
+  value = -(log_total + b.peak[s]) + b.constants;
   if (n.adscale) value += 0.5 * b.search[s].logdet;
   return total > 0.0 ? 0 : zero_integral(n);
 }

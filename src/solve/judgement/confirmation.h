@@ -41,6 +41,7 @@ private:
   bool quickly_confirmed();
   // confirmation.cpp
   void assess();
+  double first_scale(int i) const;
   Judgement judge_here();
   void measure_by_size();
   void ask_by_parameters();
@@ -59,6 +60,7 @@ private:
   // fit_outcome.cpp
   bool beyond_edge() const;
   void to_the_edge();
+  bool question_slight_directions();
   int finish(int code);
 
   model::NX& n_;

@@ -4,6 +4,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
+#include "solve/judgement/slight_directions.h"
 #include "solve/start/point_selection.h"
 
 #include <algorithm>
@@ -102,6 +103,22 @@ int FitEnd::finish(int code)
   return code;
 }
 
+// What is flat but for the points in use is not identified. True when there is such a direction.
+bool FitEnd::question_slight_directions()
+{
+  constexpr double known = 1e-3; // no element of a Hessian is known better than its integrals
+  auto& verdict = n_.verdict;
+  const int finer = finer_points(n_, n_.nqp);
+  if (std::abs(verdict.quadrature_change) <= verdict.accuracy || !affordable_points(n_, n_.nqp, finer)) return false;
+  const auto ridges = ridges_of_the_points(n_, *coordinates_, judgement_, {n_.str->x, n_.str->x + n_.nparm}, finer);
+  if (ridges.empty()) return false;
+  for (const int k : ridges) judgement_.note_null(k);
+  judgement_.curvature.accuracy = std::max(judgement_.curvature.accuracy, known);
+  accurate_ = true;
+  verdict.outcome = FitOutcome::confirmed_singular;
+  return true;
+}
+
 // A sum over points has minima of its own where integrands are steeper than the points are dense. A change of the
 // objective by more points that is more than a fiftieth of what a standard error's step raised it by can make such a
 // minimum: the steps are tried once more, with more points.
@@ -110,6 +127,13 @@ int FitEnd::question_integrals(int code)
   auto& verdict = n_.verdict;
   const bool minimum = verdict.outcome == FitOutcome::confirmed || verdict.outcome == FitOutcome::confirmed_singular;
   if (!minimum || !judgement_.measured || coordinates_ == nullptr || std::isnan(verdict.quadrature_change)) return code;
+  const bool with_gradient = n_.dograd;
+  const double at_estimates = n_.objfun;
+  const bool ridge = question_slight_directions();
+  n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);
+  n_.dograd = with_gradient;
+  n_.objfun = at_estimates;
+  if (ridge) return code; // along which no step has to rise
   // Points that the user chose stay in any case, and are asked only where the integrals of the subjects are far from
   // settled. One point is the integrand's own mode, and no grid.
   constexpr double far = 1e-3; // in -2 log L, a subject
@@ -118,8 +142,6 @@ int FitEnd::question_integrals(int code)
   const bool harmless = own_choice || change <= 0.02 * least_rise(judgement_);
   if (harmless && !verdict.cut_short_by_qmax) return code;
   const int in_use = n_.nqp, finer = finer_points(n_, in_use);
-  const bool with_gradient = n_.dograd;
-  const double at_estimates = n_.objfun;
   auto rises = judgement_.rises;
   FitSurface surface(n_, *coordinates_);
   std::optional<double> at_origin = n_.str->crit + 0.5 * verdict.quadrature_change;

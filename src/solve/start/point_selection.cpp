@@ -5,7 +5,10 @@
 #include "host/host_exit.h"
 #include "host/values/whole_number.h"
 #include "integration/objective.h"
+#include "integration/other_modes.h"
 #include "integration/rules/quadrature_points.h"
+#include "model/subject_names.h"
+#include "syntax/statement_names.h"
 
 #include <algorithm>
 #include <cmath>
@@ -67,6 +70,27 @@ bool stands_alone(NX& n, int points, double objective)
   return !has_value(f) || relative_change(n, objective, f) < n.qtol;
 }
 
+constexpr double told_change = 0.1; // in -2 log L, of more points at the estimates: a warning
+
+// How much dearer an evaluation gets.
+double times_as_dear(const NX& n, int in_use, int points)
+{
+  double dimensions = 0.0; // of the points of one innermost subject: the effects of all levels
+  for (const auto& level : n.reff) dimensions += level.nr;
+  return std::pow(static_cast<double>(points) / in_use, dimensions);
+}
+
+// Whether two sums at the estimates differ by so little that the smaller count will do. A share of the objective can be
+// much in large data: where QTOL= is the default, and the next count is not much dearer than the one in use, the
+// verdict shall have nothing to warn of either.
+bool agree(const NX& n, double f, double g, double dearer)
+{
+  constexpr double much_dearer = 4.0;
+  if (!(relative_change(n, f, g) < n.qtol)) return false;
+  const bool given = n.proc->statements.front().given(syntax::torvale_slot::qtol);
+  return given || dearer > much_dearer || 2.0 * std::abs(g - f) <= told_change;
+}
+
 // With its gradient where that is wanted and there, else the value alone.
 void evaluate_start(NX& n)
 {
@@ -74,6 +98,21 @@ void evaluate_start(NX& n)
   if (!n.failed || !n.dograd) return;
   n.dograd = false;
   integration::tvllike(n);
+}
+
+// More points around a mode say nothing of another one.
+void warn_of_other_modes(NX& n)
+{
+  constexpr double told = 0.1; // of -2 log L, as for the points
+  integration::OtherModes found;
+  if (integration::find_other_modes(n, found) > 2 || !(found.change < -told)) return;
+  message::integrands_have_other_modes words{
+      .count = found.subjects,
+      .looked = found.looked,
+      .subject = model::subject_name(n, n.leaf().SubInfo[static_cast<std::size_t>(found.worst)]),
+      .change = found.change};
+  n.host->log().xpmlog(words);
+  n.raise(4);
 }
 
 } // namespace
@@ -88,10 +127,7 @@ void take_points(NX& n, int points)
 bool affordable_points(const NX& n, int in_use, int points)
 {
   constexpr double most_times_as_dear = 125.0, most_points = 20000.0; // in evaluations of the fit; of one subject
-  double dimensions = 0.0; // of the points of one innermost subject: the effects of all levels
-  for (const auto& level : n.reff) dimensions += level.nr;
-  return std::pow(static_cast<double>(points) / in_use, dimensions) <= most_times_as_dear &&
-         std::pow(points, dimensions) <= most_points;
+  return times_as_dear(n, in_use, points) <= most_times_as_dear && times_as_dear(n, 1, points) <= most_points;
 }
 
 int finer_points(const NX& n, int points)
@@ -110,24 +146,26 @@ bool more_points(NX& n, FinerSum& finer)
   n.dograd = false;
   int count = in_use;
   double f = n.str->crit;
-  bool settled = false;
+  bool settled = false, within_tolerance = false;
   const bool compared_later = n.method == 0 && affordable_points(n, in_use, finer_points(n, in_use));
   if (compared_later && next_count(n, in_use) > 0) {
     finer.points = finer_points(n, in_use);
     finer.objective = evaluate_with(n, finer.points);
-    settled = has_value(finer.objective) && relative_change(n, f, finer.objective) < n.qtol;
+    settled =
+        has_value(finer.objective) && agree(n, f, finer.objective, times_as_dear(n, in_use, next_count(n, in_use)));
   }
   while (!settled) {
     const int next = next_count(n, count);
     if (next == 0) {
-      n.verdict.cut_short_by_qmax = true;
+      n.verdict.cut_short_by_qmax = !within_tolerance;
       break;
     }
+    const double dearer = times_as_dear(n, in_use, next);
     const double g = next == finer.points ? finer.objective : evaluate_with(n, next);
     // Two counts can agree and both be wrong: below the finer one they are held to its sum too.
-    const bool apart =
-        count < finer.points && has_value(finer.objective) && !(relative_change(n, f, finer.objective) < n.qtol);
-    if (!has_value(g) || (!apart && relative_change(n, f, g) < n.qtol)) break;
+    const bool apart = count < finer.points && has_value(finer.objective) && !agree(n, f, finer.objective, dearer);
+    if (!has_value(g) || (!apart && agree(n, f, g, dearer))) break;
+    within_tolerance = relative_change(n, f, g) < n.qtol;
     count = next;
     f = g;
   }
@@ -145,6 +183,7 @@ void check_points(NX& n, const FinerSum& known)
     n.host->log().xpmlog(message::more_points_than_qmax{.tolerance = n.qtol, .points = n.nqp});
     n.raise(4);
   }
+  warn_of_other_modes(n);
   if (n.method != 0) return leave_out("only quadrature has a finer rule to compare with");
   const int in_use = n.nqp, finer = finer_points(n, in_use);
   if (!affordable_points(n, in_use, finer)) return leave_out("an evaluation with twice the points would cost too much");
@@ -153,7 +192,7 @@ void check_points(NX& n, const FinerSum& known)
   const double at_estimates = n.objfun;
   const double f = known.points == finer ? known.objective : evaluate_with(n, finer);
   if (has_value(f)) verdict.quadrature_change = 2.0 * (f - n.str->crit);
-  if (std::abs(verdict.quadrature_change) > 0.1) {
+  if (std::abs(verdict.quadrature_change) > told_change) {
     n.host->log().xpmlog(
         message::integral_changes_with_points{.points = finer, .before = in_use, .change = verdict.quadrature_change});
     n.raise(4);

@@ -175,6 +175,13 @@ constexpr CatalogueEntry entries[] = {
     {503, 9416, "integral_changes_with_points", W,
      "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
      "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
+    {503, 9449, "integrands_have_other_modes", W,
+     "The integrands of {count} of {looked} subjects have another mode that the points do not reach (most of all subject "
+     "{subject}): with them -2 log L at the estimates would change by about {change}.",
+     "A random effect that enters by its square or absolute value, so that its sign is not known; subjects whose data "
+     "have two explanations.",
+     "METHOD=HARDY sums one random effect over all modes; NOAD takes points over the whole prior, and needs many; or "
+     "write the model so that one sign remains, as EXP(u) in place of u**2."},
     {503, 9420, "minimum_of_the_points", W,
      "The estimates may be no minimum: a standard error from them -2 log L rises by as much as {points} quadrature "
      "points "
