@@ -229,7 +229,7 @@ struct Tile {
   std::int32_t first_point =
       -1; // where `point` is null: points first_point, first_point + 1, ...; below 0: all at point 0
   // Where the distinct outputs go, in place of Frame::output: value i of number k to sums[k][first_sum + i], or with
-  // `adds` onto what stands there. Behind the last there must be room for seven more, which stay as they are.
+  // `adds` onto what stands there.
   double* const* sums = nullptr;
   int first_sum = 0;
   bool adds = false;

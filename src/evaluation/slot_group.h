@@ -9,6 +9,7 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
+#include <vector>
 
 namespace torvale::evaluation {
 
@@ -69,6 +70,32 @@ template <class T> struct SlotGroup {
   }
   // From a row with a number for each slot.
   T from_row(const double* row) const { return adjacent ? load(row + slot[0]) : gather(row, 1); }
+  T from_row_or_share(bool own, const double* row) const { return own ? from_row(row) : T{} + *row; }
+  void into_row(T t, double* row) const
+  {
+    if (adjacent)
+      store(t, row + slot[0]);
+    else
+      scatter(t, row, 1);
+  }
+  // Onto to[slot of each times `stride`], one after the other: several may have one place.
+  void add_in_order(T t, double* to, long stride) const
+  {
+    double v[width];
+    store(t, v);
+    double* at = to + slot[0] * stride;
+    double sum = *at;
+    for (int i = 0; i < used; ++i) {
+      double* const next = to + slot[i] * stride;
+      if (next != at) {
+        *at = sum;
+        at = next;
+        sum = *at;
+      }
+      sum += v[i];
+    }
+    *at = sum;
+  }
   static T root(T t)
   {
     double v[width];
@@ -119,6 +146,14 @@ private:
     for (int i = 1; i < width; ++i) adjacent = adjacent && slot[i] == slot[0] + i;
   }
 };
+
+// for_groups: f(group) for all that a list has.
+template <class T, class F> void for_groups(const std::vector<int>& list, F&& f)
+{
+  const int count = static_cast<int>(list.size());
+  for (int first = 0; first < count; first += SlotGroup<T>::width)
+    f(SlotGroup<T>::of_list(list.data() + first, count - first));
+}
 
 // build_for_machine: which of two builds of the same code runs here. The second is a function marked TORVALE_AVX2_BUILD
 // that calls what the first calls. All of that is inlined there, as vectors must not pass between code with AVX and

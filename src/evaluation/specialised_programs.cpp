@@ -208,7 +208,7 @@ int specialise_programs(NX& n)
       if (analytic) p.linear_gradient = linear_outputs(n, reff, true).specialise(*n.gcmp);
     }
     if (n.needhessu) p.mode = mode_outputs(n, reff).specialise(*n.gcmp);
-    const bool by_points = n.nreff() == 1 && (n.method == 0 || n.method == 3);
+    const bool by_points = n.method == 0 || n.method == 3;
     Outputs closing(0);
     if (n.needcrossu) {
       closing = curvature_outputs(n, reff);
@@ -218,7 +218,7 @@ int specialise_programs(NX& n)
       else
         p.curvature = closing.specialise(*n.gcmp);
     }
-    if (by_points && p.gradient && !engine::sequential(*p.gradient.code))
+    if (by_points && n.nreff() == 1 && p.gradient && !engine::sequential(*p.gradient.code))
       factor_programs(n, gradient_outputs(n, reff.gradstr), n.adaptive ? closing : Outputs(0));
     if (n.wants_effects) p.cross = cross_outputs(n, reff).specialise(*n.gcmp);
     specialise_pass(n, reff.gradstr);

@@ -297,8 +297,8 @@ void forget_modes(NX& n)
   for (std::vector<double>* v : {&n.ebes, &n.ebtrial}) size(*v, length);
   for (std::vector<char>* v : {&n.ebes_known, &n.ebtrial_known}) size(*v, subjects);
   constexpr long most_derivatives = 1L << 23; // they are to cost less memory than the data
-  const bool predicted =
-      n.nreff() == 1 && n.programs.closing && !n.programs.factored && length * n.nparm <= most_derivatives;
+  const bool predicted = n.programs.closing && !n.programs.factored && (n.nreff() == 1 || !n.ebiter) &&
+                         length * n.nparm <= most_derivatives;
   for (std::vector<float>* v : {&n.ebes_by, &n.ebtrial_by}) size(*v, predicted ? length * n.nparm : 0);
   const bool bent = predicted && n.needtriu && n.leaf().nr <= 3;
   for (std::vector<float>* v : {&n.ebes_bend, &n.ebtrial_bend})

@@ -32,10 +32,16 @@ struct NestLevel : Priors {
   int triangle() const { return own * (own + 1) / 2; }
   int prior_of(int node) const { return varies ? node : 0; }
   std::vector<int> failure; // of the prior
+  std::vector<int> listed;  // nodes of the nests in hand, ascending
   // The mode
   std::vector<double> z, zold, step; // own
   std::vector<double> u;             // own: m + L z
   std::vector<double> round_start;   // own: u when a round of EBITER$ began
+  std::vector<double> part, square;  // what a node contributes to numbers of its nest's search
+  // How the mode u moves with the parameters: first derivatives of the log likelihood by u, summed over the leaves
+  // below; how u would follow the parameters but for the likelihood's pull; how it does.
+  std::vector<double> slope, lead; // own
+  std::vector<double> move;        // own x np rows, a column for each node
   // The Hessian by z of a nest's negative log joint density is an arrow. A node's front is what is left of the rows of
   // its chain when everything below it is eliminated: a packed triangle by the chain; and the same of the gradient.
   std::vector<double> front; // chain (chain + 1) / 2
@@ -86,7 +92,10 @@ struct NestWork {
   std::vector<int> leaf_of_slot;              // per slot: node
   std::vector<int> nest_of_leaf;              // per leaf node
   std::vector<int> columns;                   // slots of the program run in hand
-  std::vector<double> leaf; // per slot: the results of programs.mode at its trial point, later at the mode
+  std::vector<char> closed;                   // per nest: columns of curvature_sums are of its mode
+  std::vector<double> length, square;         // per nest: of the Newton step, as ModeSearch has them
+  // Results of programs.mode at the modes: a row per place, a column per slot, b.mode_stride apart.
+  std::vector<double> leaf;
   // Sums over a leaf's own points given its ancestors' joint point p, row k * outer + p, column slot, b.mode_stride
   // apart; scaled by exp(-peak): of the weights, and weighted moments (nest_points.h).
   std::vector<double> peak, total, moments;

@@ -94,8 +94,8 @@ struct ModelPrograms {
   int linear_by(int sum, int w) const { return linear_sums() + sum * (np + ne) + w; }
 
   // What is wanted at the mode itself, in one pass: the places of `curvature`, then those of `mode`; where the mode is
-  // the only point also those of `gradient`, behind them. One level, with gradients; then `curvature` has places but no
-  // code.
+  // the only point, with one level, also those of `gradient`, behind them. With gradients; then `curvature` has places
+  // but no code.
   ModelProgram closing, closing_point;
   int closing_mode(int place) const { return curvature.places + place; }
   int closing_gradient(int place) const { return curvature.places + mode.places + place; }

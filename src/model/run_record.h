@@ -223,8 +223,8 @@ struct GroupState {
   enum class Evaluated : char { nothing, sums, value, gradient };
   Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point; sums: they have been overwritten since
   double evaluated_objfun = 0.0;            // the objective there
-  // Derivatives of the modes by the parameters, nr x np a subject, with one level; empty: not kept. They tell where the
-  // modes of a nearby point are.
+  // Derivatives of the modes by the parameters, nr x np a subject, in the order of the modes; empty: not kept. They tell
+  // where the modes of a nearby point are.
   std::vector<float> ebes_by, ebtrial_by; // of the accepted modes, and of the last evaluation's
   // Beside them, with up to three effects, the third derivatives of the log likelihood by these at the modes, a packed
   // tetrahedron (modes/packed.h) a subject; empty: not kept. They bend the first Newton step of a search nearby.

@@ -31,40 +31,11 @@ void add(double* to, const double* from, int count)
   for (int k = 0; k < count; ++k) to[k] += from[k];
 }
 
-// A node with one effect: what `eliminate` does in general, in numbers. False where its pivot needs care.
-bool eliminate_single(NestWork& w, int level, int node)
-{
-  NestLevel& l = w.level[static_cast<std::size_t>(level)];
-  const int above = l.above, chain = above + 1, triangle = above * (above + 1) / 2;
-  double* const front = l.front.data() + static_cast<long>(node) * (chain * (chain + 1) / 2);
-  double* const right = l.right.data() + static_cast<long>(node) * chain;
-  const double* const row = front + triangle;
-  const double pivot = row[above];
-  if (!(pivot > pivot_floor && pivot < 1.0 / pivot_floor)) return false;
-  const double inverse = 1.0 / pivot, pull = right[above];
-  const auto v = static_cast<std::size_t>(node);
-  l.inverse[v] = inverse;
-  l.step[v] = pull * inverse;
-  if (above == 0) return true;
-  double* const b = l.regression.data() + static_cast<long>(node) * above;
-  NestLevel& p = w.level[static_cast<std::size_t>(level) + 1];
-  const long parent = l.nodes->parent[v];
-  double* const up = p.front.data() + parent * triangle;
-  double* const up_right = p.right.data() + parent * above;
-  for (int a = 0; a < above; ++a) b[a] = 0.0 - inverse * row[a];
-  for (int a = 0, k = 0; a < above; ++a) {
-    for (int c = 0; c <= a; ++c, ++k) up[k] += front[k] += row[a] * b[c];
-    up_right[a] += right[a] += b[a] * pull;
-  }
-  return true;
-}
-
 } // namespace
 
 int eliminate(const model::RunOptions& options, NestWork& w, int level, int node, model::BlockWork& block)
 {
   NestLevel& l = w.level[static_cast<std::size_t>(level)];
-  if (l.own == 1 && eliminate_single(w, level, node)) return 0;
   const int own = l.own, above = l.above, chain = l.chain();
   double* const front = l.front.data() + static_cast<long>(node) * (chain * (chain + 1) / 2);
   double* const right = l.right.data() + static_cast<long>(node) * chain;
@@ -120,44 +91,13 @@ void clear_fronts(NestWork& w, int nest)
   }
 }
 
-namespace {
-
-// Chains with one effect at every level: L is a number for each, l_r ll_uu l_c.
-void single_leaf_front(const model::ModelPrograms& p, NestWork& w, int node, const double* sums, double* front,
-                       double* right)
-{
-  double factor[most_effects];
-  int up = node;
-  for (const NestLevel& l : w.level) {
-    factor[l.place] = l.factor[static_cast<std::size_t>(l.prior_of(up))];
-    up = l.nodes->parent[static_cast<std::size_t>(up)];
-  }
-  const int chain = w.level.front().chain();
-  const double* const slope = sums + p.slope(0);
-  const double* const curve = sums + p.curve(0);
-  for (int r = 0, k = 0; r < chain; ++r) {
-    right[r] = 0.0 - factor[r] * slope[r];
-    for (int c = 0; c <= r; ++c, ++k) front[k] = 0.0 - factor[r] * (curve[k] * factor[c]);
-  }
-}
-
-} // namespace
-
-void leaf_front(const ModelLists& n, NestWork& w, int node)
+void leaf_front(const ModelLists& n, NestWork& w, int node, const double* sums, long stride)
 {
   NestLevel& leaf = w.level.front();
   const int chain = leaf.chain();
   const model::ModelPrograms& p = n.programs;
-  const double* const sums =
-      w.leaf.data() + static_cast<long>(leaf.nodes->slot[static_cast<std::size_t>(node)]) * p.mode.places;
   double* const front = leaf.front.data() + static_cast<long>(node) * (chain * (chain + 1) / 2);
   double* const right = leaf.right.data() + static_cast<long>(node) * chain;
-  if (chain == static_cast<int>(w.level.size())) {
-    single_leaf_front(p, w, node, sums, front, right);
-    front[packed(chain - 1, chain - 1)] += 1.0;
-    right[chain - 1] += leaf.z[static_cast<std::size_t>(node)];
-    return;
-  }
   // Blocks of rows of one level times blocks of columns of another: L_r' ll_uu L_c.
   int row_node = node;
   for (std::size_t r = 0; r < w.level.size(); ++r) {
@@ -165,7 +105,7 @@ void leaf_front(const ModelLists& n, NestWork& w, int node)
     const double* const lr = factor_of(rows, row_node);
     for (int i = 0; i < rows.own; ++i) {
       double t = 0.0;
-      for (int k = i; k < rows.own; ++k) t += lr[packed(k, i)] * sums[p.slope(rows.place + k)];
+      for (int k = i; k < rows.own; ++k) t += lr[packed(k, i)] * sums[p.slope(rows.place + k) * stride];
       right[rows.place + i] = -t;
     }
     int column_node = row_node;
@@ -178,7 +118,7 @@ void leaf_front(const ModelLists& n, NestWork& w, int node)
           for (int k = i; k < rows.own; ++k) {
             double s = 0.0;
             for (int m = j; m < columns.own; ++m)
-              s += sums[p.curve(packed(rows.place + k, columns.place + m))] * lc[packed(m, j)];
+              s += sums[p.curve(packed(rows.place + k, columns.place + m)) * stride] * lc[packed(m, j)];
             t += lr[packed(k, i)] * s;
           }
           front[packed(rows.place + i, columns.place + j)] = -t;

@@ -28,8 +28,8 @@ inline double log_determinant_of(const model::NestLevel& l, int node)
 void clear_fronts(model::NestWork& w, int nest);
 
 // leaf_front: front and right of a leaf from its records: -L' ll_uu L and -L' ll_u along its chain, with the prior's
-// part of the leaf itself.
-void leaf_front(const model::ModelLists& n, model::NestWork& w, int node);
+// part of the leaf itself. sums: results of programs.mode by place, `stride` apart.
+void leaf_front(const model::ModelLists& n, model::NestWork& w, int node, const double* sums, long stride);
 
 // solve: x = H^-1 y for a nest, y and x as rows `own` of every node in the member `vector`; after eliminate.
 void solve(model::NestWork& w, int nest, std::vector<double> model::NestLevel::*vector);

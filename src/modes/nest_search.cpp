@@ -2,6 +2,7 @@
 
 #include "evaluation/record_sums.h"
 #include "modes/nest_elimination.h"
+#include "modes/nest_steps.h"
 #include "modes/search_rules.h"
 
 #include <algorithm>
@@ -31,14 +32,18 @@ struct Rules {
 
 class NestSearch {
 public:
-  NestSearch(const NX& n, TVLThreadCtx& ctx) : n_(n), ctx_(ctx), b_(ctx.batch), w_(ctx.nests)
+  NestSearch(const NX& n, TVLThreadCtx& ctx, bool closes)
+      : n_(n), ctx_(ctx), b_(ctx.batch), w_(ctx.nests), closes_(closes),
+        predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm),
+        starts_near_(closes && !n.ebes_point.empty() && (n.prediction_stands || !predicts_))
   {
     if (n.ebiter) rules_ = {n.ebstep, n.ebsubstep, n.ebssfrac, n.ebsstol, n.ebtol};
+    for (std::size_t j = 0; predicts_ && j < n.parm.size(); ++j) b_.parameter_step[j] = n.parm[j] - n.ebes_point[j];
   }
 
   int run()
   {
-    for (int nest = 0; nest < w_.nests; ++nest) start(nest);
+    start_all();
     return n_.ebiter ? take_turns() : search_jointly(all_levels);
   }
 
@@ -58,37 +63,30 @@ private:
 
   // --- start ---
 
+  void start_all()
+  {
+    for (int nest = 0; nest < w_.nests; ++nest) start(nest);
+    list_nodes(w_);
+    place_starts(n_, ctx_, predicts_);
+    for (int nest = 0; nest < w_.nests; ++nest) {
+      ModeSearch& s = search(nest);
+      if (s.state != ModeSearch::failed && s.from_mean) start_from_mean(nest);
+      if (starts_near_ && s.state != ModeSearch::failed && !s.from_mean) s.state = ModeSearch::near;
+    }
+    note_active();
+  }
+
+  // Active are nests that start from stored modes.
   void start(int nest)
   {
     ModeSearch& s = search(nest);
     s = ModeSearch{};
     s.bound = s.previous = largest;
-    const bool good = w_.failure[static_cast<std::size_t>(nest)] == 0;
-    w_.active[static_cast<std::size_t>(nest)] = good ? 1 : 0;
-    if (!good) {
-      s.state = ModeSearch::failed;
-      return;
-    }
+    if (w_.failure[static_cast<std::size_t>(nest)] != 0) s.state = ModeSearch::failed;
     const auto subject = static_cast<std::size_t>(b_.nest[static_cast<std::size_t>(nest)]);
-    if (n_.ebzstart || n_.ebes_known[subject] == 0) return start_from_mean(nest);
-    for_nodes(nest, [&](NestLevel& l, int level, int v) { place_start(l, level, v); });
-  }
-
-  // z = L^-1 (u - m) of the accepted mode; a direction without variance stays at its mean.
-  void place_start(NestLevel& l, int level, int v)
-  {
-    const auto& reff = n_.reff[static_cast<std::size_t>(level)];
-    const long subject = l.nodes->subject[static_cast<std::size_t>(v)];
-    const double* const u = n_.ebes.data() + reff.mode_first + subject * l.own;
-    const double* const m = l.mean.data() + static_cast<long>(l.prior_of(v)) * l.own;
-    const double* row = factor_of(l, v);
-    double* const to = l.z.data() + static_cast<long>(v) * l.own;
-    for (int i = 0; i < l.own; ++i) {
-      double d = u[i] - m[i];
-      for (int k = 0; k < i; ++k) d -= row[k] * to[k];
-      to[i] = row[i] > 0.0 ? d / row[i] : 0.0;
-      row += i + 1;
-    }
+    s.from_mean = n_.ebzstart || n_.ebes_known[subject] == 0;
+    w_.active[static_cast<std::size_t>(nest)] = s.state != ModeSearch::failed && !s.from_mean ? 1 : 0;
+    w_.closed[static_cast<std::size_t>(nest)] = 0;
   }
 
   void start_from_mean(int nest)
@@ -115,18 +113,54 @@ private:
   int search_jointly(int level)
   {
     level_ = level;
-    while (const int count = list_columns()) {
-      if (const int rc = evaluate(count); rc != 0) return rc;
-      for (int nest = 0; nest < w_.nests; ++nest) {
-        if (w_.active[static_cast<std::size_t>(nest)] == 0) continue;
-        advance(nest);
-        if (search(nest).state != ModeSearch::searching) w_.active[static_cast<std::size_t>(nest)] = 0;
+    do {
+      while (const int count = list_columns()) {
+        if (const int rc = evaluate(n_.programs.mode, count, b_.mode_sums.data(), 0); rc != 0) return rc;
+        advance_all(b_.mode_sums.data());
       }
-    }
+      if (!closes()) return 0;
+      if (const int rc = close(); rc != 0) return rc;
+    } while (unfinished());
     return 0;
   }
 
-  // Slots whose nest is searched.
+  bool closes() const { return closes_ && level_ == all_levels; }
+
+  bool unfinished()
+  {
+    return std::any_of(w_.search.begin(), w_.search.begin() + w_.nests, [](const ModeSearch& s) {
+      return s.state == ModeSearch::searching || s.state == ModeSearch::near;
+    });
+  }
+
+  // The evaluation at the modes, of nests that are near and of those that are found; again of those alone that it was
+  // not for, as long as there are columns.
+  int close()
+  {
+    int count = list_unclosed();
+    if (closed_ + count > b_.mode_stride) {
+      std::fill_n(w_.closed.begin(), w_.nests, static_cast<char>(0));
+      closed_ = 0;
+      count = list_unclosed();
+    }
+    if (count == 0) return 0;
+    if (const int rc = evaluate(n_.programs.closing, count, b_.curvature_sums.data(), closed_); rc != 0) return rc;
+    closed_ += count;
+    advance_all(b_.curvature_sums.data() + n_.programs.closing_mode(0) * b_.mode_stride);
+    for (int nest = 0; nest < w_.nests; ++nest)
+      w_.closed[static_cast<std::size_t>(nest)] = search(nest).state == ModeSearch::found ? 1 : 0;
+    return 0;
+  }
+
+  int list_unclosed()
+  {
+    for (int nest = 0; nest < w_.nests; ++nest)
+      w_.active[static_cast<std::size_t>(nest)] =
+          search(nest).state != ModeSearch::failed && w_.closed[static_cast<std::size_t>(nest)] == 0 ? 1 : 0;
+    return list_columns();
+  }
+
+  // Slots whose nest is active.
   int list_columns()
   {
     int count = 0;
@@ -138,56 +172,79 @@ private:
     return count;
   }
 
-  // The log likelihood of every leaf with its derivatives at the trial point.
-  int evaluate(int count)
+  // The log likelihood of every leaf with its derivatives at the trial point, from this column of the sums on.
+  int evaluate(const model::ModelProgram& program, int count, double* sums, int column)
+  {
+    list_nodes(w_);
+    place_effects(n_, ctx_);
+    return run_leaves(n_, ctx_, program, count, sums, column);
+  }
+
+  // One decision for every active nest, which has just been evaluated: these are its results of programs.mode.
+  void advance_all(const double* sums)
+  {
+    bool all = true;
+    find_values(n_, ctx_, sums);
+    for (int nest = 0; nest < w_.nests; ++nest) {
+      char& active = w_.active[static_cast<std::size_t>(nest)];
+      if (active == 0) continue;
+      const bool known = search(nest).state == ModeSearch::found;
+      if (known) keep_sums(nest, sums);
+      active = !known && accept(nest) ? 1 : 0;
+      all = all && active != 0;
+    }
+    if (!all) list_nodes(w_);
+    if (level_ == all_levels)
+      find_steps(n_, ctx_, sums);
+    else
+      find_own_steps(n_, ctx_, sums, level_);
+    for (int nest = 0; nest < w_.nests; ++nest) {
+      if (w_.active[static_cast<std::size_t>(nest)] == 0) continue;
+      newton(nest);
+      if (search(nest).state == ModeSearch::found) keep_sums(nest, sums);
+    }
+    note_active();
+  }
+
+  void note_active()
   {
     for (int nest = 0; nest < w_.nests; ++nest)
-      if (w_.active[static_cast<std::size_t>(nest)] != 0) place_effects(w_, nest);
-    const model::ModelProgram& program = n_.programs.mode;
-    if (const int rc = run_leaves(n_, ctx_, program, count, b_.mode_sums.data(), b_.mode_stride); rc != 0) return rc;
-    for (int a = 0; a < count; ++a) {
-      double* const to = w_.leaf.data() + static_cast<long>(w_.columns[static_cast<std::size_t>(a)]) * program.places;
-      for (const int place : program.outputs)
-        to[place] = b_.mode_sums[static_cast<std::size_t>(place * b_.mode_stride + a)];
-    }
-    return 0;
+      w_.active[static_cast<std::size_t>(nest)] = search(nest).state == ModeSearch::searching ? 1 : 0;
   }
 
-  double value(int nest)
+  void keep_sums(int nest, const double* sums)
   {
-    double f = 0.0;
-    bool good = true;
-    for_nodes(nest, [&](const NestLevel& l, int level, int v) {
-      if (level == 0) {
-        const long slot = l.nodes->slot[static_cast<std::size_t>(v)];
-        const double ll = w_.leaf[static_cast<std::size_t>(slot * n_.programs.mode.places)];
-        good = good && ll > model::impossible_loglik && std::isfinite(ll);
-        f -= ll;
-      }
-      const double* const z = l.z.data() + static_cast<long>(v) * l.own;
-      for (int i = 0; i < l.own; ++i) f += 0.5 * z[i] * z[i];
-    });
-    return good ? f : model::failure_objective;
+    const NestLevel& l = w_.level.front();
+    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
+         ++v) {
+      const int slot = l.nodes->slot[static_cast<std::size_t>(v)];
+      const double* const from = sums + b_.column[static_cast<std::size_t>(slot)];
+      double* const to = w_.leaf.data() + slot;
+      for (const int place : n_.programs.mode.outputs) to[place * b_.mode_stride] = from[place * b_.mode_stride];
+    }
   }
 
-  // One decision of the search of a nest.
-  void advance(int nest)
+  // Whether the value at the trial point will do, so that a Newton step may follow.
+  bool accept(int nest)
   {
     ModeSearch& s = search(nest);
-    const double f = value(nest);
-    if (rules_.substeps > 0) {
-      const bool trial = s.substep > 0;
-      if (trial ? !(f < s.bound) : !(f <= s.bound)) return shrink(nest);
-      if (!(f < model::failure_objective)) return give_up(nest); // the start itself cannot be evaluated
-      s.substep = 0;
-      s.bound = allowed_value(f, rules_.rise);
-      for_nodes(nest, [](NestLevel& l, int, int v) {
-        std::copy_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, l.zold.begin() + static_cast<long>(v) * l.own);
-      });
-    } else if (!(f < model::failure_objective)) {
-      return give_up(nest);
+    const double f = w_.value[static_cast<std::size_t>(nest)];
+    const bool rises = s.substep > 0 ? !(f < s.bound) : !(f <= s.bound);
+    if (rules_.substeps > 0 && rises) {
+      shrink(nest);
+      return false;
     }
-    newton(nest);
+    if (!(f < model::failure_objective)) { // the start itself cannot be evaluated
+      give_up(nest);
+      return false;
+    }
+    if (rules_.substeps <= 0) return true;
+    s.substep = 0;
+    s.bound = allowed_value(f, rules_.rise);
+    for_nodes(nest, [](NestLevel& l, int, int v) {
+      std::copy_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, l.zold.begin() + static_cast<long>(v) * l.own);
+    });
+    return true;
   }
 
   // The value rose: a shorter step, first by EBSSFRAC, then by halves.
@@ -197,6 +254,7 @@ private:
     if (s.substep >= rules_.substeps + halvings) return give_up(nest, SearchEnd::shorter_steps);
     const double keep = s.substep < rules_.substeps ? rules_.keep : 0.5;
     ++s.substep;
+    s.state = ModeSearch::searching;
     for_nodes(nest, [&](NestLevel& l, int, int v) {
       for (int k = v * l.own; k < (v + 1) * l.own; ++k) {
         const auto i = static_cast<std::size_t>(k);
@@ -208,17 +266,18 @@ private:
   void newton(int nest)
   {
     ModeSearch& s = search(nest);
-    if (level_ == all_levels ? joint_step(nest) != 0 : own_step(nest) != 0) return give_up(nest);
-    double step_u = 0.0, step_sd = 0.0;
-    for_nodes(nest, [&](const NestLevel& l, int level, int v) {
-      if (level_ == all_levels || level == level_) measure(l, v, step_u, step_sd);
-    });
+    const double step_u = w_.length[static_cast<std::size_t>(nest)],
+                 step_sd = w_.square[static_cast<std::size_t>(nest)];
     if (!(step_sd < largest)) return give_up(nest);
-    if (step_u < rules_.step || (step_sd < noise_floor && step_sd > noise_ratio * s.previous)) {
+    const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
+    const bool predicted =
+        n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
+    if (step_u < rules_.step || noise || step_sd < negligible || predicted) {
       s.state = ModeSearch::found;
       add_determinants(nest);
       return;
     }
+    s.state = closes() && next_step(step_sd, s.previous) < negligible ? ModeSearch::near : ModeSearch::searching;
     s.previous = step_sd;
     if (++s.step >= rules_.steps) return give_up(nest);
     for_nodes(nest, [&](NestLevel& l, int level, int v) {
@@ -237,80 +296,6 @@ private:
     });
   }
 
-  // Newton's step of the whole nest: leaves are eliminated first, then the steps are found from the top down.
-  int joint_step(int nest)
-  {
-    clear_fronts(w_, nest);
-    int rc = 0;
-    for_nodes(nest, [&](NestLevel&, int level, int v) {
-      if (rc != 0) return;
-      if (level == 0) leaf_front(n_, w_, v);
-      rc = eliminate(n_, w_, level, v, ctx_.block);
-    });
-    if (rc != 0) return rc;
-    for (std::size_t k = w_.level.size() - 1; k-- > 0;) {
-      NestLevel& l = w_.level[k];
-      for (int v = l.nodes->first[static_cast<std::size_t>(nest)];
-           v < l.nodes->first[static_cast<std::size_t>(nest) + 1]; ++v) {
-        double* const step = l.step.data() + static_cast<long>(v) * l.own;
-        const double* const b = l.regression.data() + static_cast<long>(v) * (l.own * l.above);
-        int node = v;
-        for (std::size_t up = k + 1; up < w_.level.size(); ++up) {
-          node = w_.level[up - 1].nodes->parent[static_cast<std::size_t>(node)];
-          const NestLevel& a = w_.level[up];
-          const double* const from = a.step.data() + static_cast<long>(node) * a.own;
-          for (int i = 0; i < l.own; ++i)
-            for (int j = 0; j < a.own; ++j) step[i] += b[i * l.above + a.place + j] * from[j];
-        }
-      }
-    }
-    return 0;
-  }
-
-  // The steps of one level's subjects with all others held: the blocks on the diagonal of the arrow.
-  int own_step(int nest)
-  {
-    clear_fronts(w_, nest);
-    int rc = 0;
-    for_nodes(nest, [&](NestLevel& l, int level, int v) {
-      if (rc != 0 || level > level_) return;
-      if (level == 0) leaf_front(n_, w_, v);
-      if (level == level_)
-        rc = eliminate(n_, w_, level, v, ctx_.block);
-      else
-        pass_up(l, level, v);
-    });
-    return rc;
-  }
-
-  void pass_up(NestLevel& l, int level, int v)
-  {
-    NestLevel& p = w_.level[static_cast<std::size_t>(level) + 1];
-    const long parent = l.nodes->parent[static_cast<std::size_t>(v)];
-    const int chain = l.chain(), above = l.above, triangle = above * (above + 1) / 2;
-    for (int k = 0; k < triangle; ++k)
-      p.front[static_cast<std::size_t>(parent * triangle + k)] +=
-          l.front[static_cast<std::size_t>(v * (chain * (chain + 1) / 2) + k)];
-    for (int k = 0; k < above; ++k)
-      p.right[static_cast<std::size_t>(parent * above + k)] += l.right[static_cast<std::size_t>(v * chain + k)];
-  }
-
-  // Largest component of a node's step in u, and its largest square in variances given the ancestors.
-  static void measure(const NestLevel& l, int v, double& step_u, double& step_sd)
-  {
-    const double* const step = l.step.data() + static_cast<long>(v) * l.own;
-    const double* const inverse = l.inverse.data() + static_cast<long>(v) * l.triangle();
-    const double* row = factor_of(l, v);
-    for (int i = 0; i < l.own; ++i) {
-      double du = 0.0;
-      for (int k = 0; k <= i; ++k) du += row[k] * step[k];
-      row += i + 1;
-      if (!(std::abs(du) <= step_u)) step_u = std::abs(du);
-      const double sd = step[i] * step[i] / std::abs(inverse[packed(i, i)]);
-      if (!(sd <= step_sd)) step_sd = sd;
-    }
-  }
-
   // --- EBITER$ ---
 
   // The levels take turns, each to the end of its search, until no effect moves by more than EBMTOL$.
@@ -324,11 +309,20 @@ private:
         for (int nest = 0; nest < w_.nests; ++nest) restart(nest);
         if (const int rc = search_jointly(level); rc != 0) return rc;
       }
+      place_turns();
       for (int nest = 0; nest < w_.nests; ++nest) end_round(nest, round);
     }
     for (int nest = 0; nest < w_.nests; ++nest)
       if (w_.turn[static_cast<std::size_t>(nest)] != 0) give_up(nest); // has not settled
     return close_turns();
+  }
+
+  // The effects of nests whose rounds go on.
+  void place_turns()
+  {
+    std::copy_n(w_.turn.begin(), w_.nests, w_.active.begin());
+    list_nodes(w_);
+    place_effects(n_, ctx_);
   }
 
   bool any_turn() const
@@ -338,14 +332,13 @@ private:
 
   void keep_round_start()
   {
+    place_turns();
     for (int nest = 0; nest < w_.nests; ++nest)
-      if (w_.turn[static_cast<std::size_t>(nest)] != 0) {
-        place_effects(w_, nest);
+      if (w_.turn[static_cast<std::size_t>(nest)] != 0)
         for_nodes(nest, [](NestLevel& l, int, int v) {
           std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own,
                       l.round_start.begin() + static_cast<long>(v) * l.own);
         });
-      }
   }
 
   void restart(int nest)
@@ -367,7 +360,6 @@ private:
       turn = 0;
       return;
     }
-    place_effects(w_, nest);
     double change = 0.0;
     for_nodes(nest, [&](const NestLevel& l, int, int v) {
       for (int k = v * l.own; k < (v + 1) * l.own; ++k)
@@ -404,55 +396,43 @@ private:
   BatchWork& b_;
   NestWork& w_;
   Rules rules_;
+  const bool closes_;      // the last evaluation is one of everything that is wanted at the modes
+  const bool predicts_;    // starts follow the parameters from the accepted modes
+  const bool starts_near_; // stored modes are those of this point, or have to do
+  int closed_ = 0;         // columns of curvature_sums in use
   int level_ = all_levels; // whose subjects move
   bool turns_ = false;
 };
 
 } // namespace
 
-int nest_search(const NX& n, TVLThreadCtx& ctx)
+int nest_search(const NX& n, TVLThreadCtx& ctx, bool closes)
 {
-  return NestSearch(n, ctx).run();
+  return NestSearch(n, ctx, closes).run();
 }
 
-void place_effects(NestWork& w, int nest)
-{
-  for (NestLevel& l : w.level) {
-    const int first = l.nodes->first[static_cast<std::size_t>(nest)],
-              last = l.nodes->first[static_cast<std::size_t>(nest) + 1];
-    for (int v = first; v < last; ++v) {
-      const double* const m = l.mean.data() + static_cast<long>(l.prior_of(v)) * l.own;
-      const double* row = factor_of(l, v);
-      const double* const z = l.z.data() + static_cast<long>(v) * l.own;
-      double* const u = l.u.data() + static_cast<long>(v) * l.own;
-      for (int i = 0; i < l.own; ++i) {
-        u[i] = m[i];
-        for (int k = 0; k <= i; ++k) u[i] += row[k] * z[k];
-        row += i + 1;
-      }
-    }
-  }
-}
-
-int run_leaves(const NX& n, TVLThreadCtx& ctx, const model::ModelProgram& program, int count, double* sums, long stride)
+int run_leaves(const NX& n, TVLThreadCtx& ctx, const model::ModelProgram& program, int count, double* sums, int column)
 {
   BatchWork& b = ctx.batch;
   const NestWork& w = ctx.nests;
   for (int first = 0; first < count; first += most_columns) {
     const int part = std::min(most_columns, count - first);
+    int node[most_columns];
     for (int a = 0; a < part; ++a) {
-      const int slot = w.columns[static_cast<std::size_t>(first + a)];
-      b.column[static_cast<std::size_t>(slot)] = first + a;
-      int node = w.leaf_of_slot[static_cast<std::size_t>(slot)];
-      for (const NestLevel& l : w.level) {
-        for (int i = 0; i < l.own; ++i)
-          b.ran[static_cast<std::size_t>((l.place + i) * b.pair_stride + a)] =
-              l.u[static_cast<std::size_t>(node * l.own + i)];
-        node = l.nodes->parent[static_cast<std::size_t>(node)];
+      const auto slot = static_cast<std::size_t>(w.columns[static_cast<std::size_t>(first + a)]);
+      b.column[slot] = column + first + a;
+      node[a] = w.leaf_of_slot[slot];
+    }
+    for (const NestLevel& l : w.level) {
+      for (int i = 0; i < l.own; ++i) {
+        double* const u = b.ran.data() + (l.place + i) * b.pair_stride;
+        for (int a = 0; a < part; ++a) u[a] = l.u[static_cast<std::size_t>(node[a] * l.own + i)];
       }
+      for (int a = 0; a < part; ++a) node[a] = l.nodes->parent[static_cast<std::size_t>(node[a])];
     }
     ctx.frame->set_points(b.ran.data(), part, static_cast<int>(b.pair_stride));
-    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1}, {program, sums + first, stride});
+    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1},
+                                       {program, sums + column + first, b.mode_stride});
     if (rc != 0) return rc;
   }
   return 0;

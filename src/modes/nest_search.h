@@ -13,15 +13,15 @@ namespace torvale::modes {
 // Fills, in the levels of ctx.nests, z, u, inverse, regression and logdet; leaf (sums over records at the mode). A nest
 // that fails gets message 358 or 356 (359, 357 with a character subject). Needs the priors; the frame's records must be
 // the batch's. Returns 0 or the engine's code above 2. Allocates nothing.
-int nest_search(const model::NX& n, model::TVLThreadCtx& ctx);
+//
+// closes: the last evaluation of a search is one of programs.closing, whose sums are then in curvature_sums, in the
+// columns b.column of the leaves' slots.
+int nest_search(const model::NX& n, model::TVLThreadCtx& ctx, bool closes = false);
 
 // run_leaves: sums a program over the records of the slots in w.columns (count of them) at their effects u, in runs
-// that the record sums can take; b.column says which column of `sums` (rows `stride` apart) a slot has. Returns 0 or
-// the engine's code.
+// that the record sums can take, into columns of `sums` from `column` on (rows b.mode_stride apart); b.column says which
+// one a slot has. Returns 0 or the engine's code.
 int run_leaves(const model::NX& n, model::TVLThreadCtx& ctx, const model::ModelProgram& program, int count,
-               double* sums, long stride);
-
-// place_effects: u = m + L z of the nodes of a nest.
-void place_effects(model::NestWork& w, int nest);
+               double* sums, int column = 0);
 
 } // namespace torvale::modes

@@ -1,5 +1,9 @@
 #include "integration/model_family.h"
 
+#include "integration/objective.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <numeric>
@@ -160,6 +164,32 @@ std::vector<double> parameters(const ModelText& text, unsigned seed)
     theta.push_back(centre + (name == "s2" || name[0] == 'g' ? 0.5 : 1.0) * move(random));
   }
   return theta;
+}
+
+void expect_moving_modes(const ModelText& text, const std::vector<double>& theta)
+{
+  const auto n = make_run(text, {true, true, 1}), fresh = make_run(text, {true, true, 1});
+  objective(*n, theta, true);
+  integration::accept_modes(*n);
+  ASSERT_EQ(n->ebes_point, theta);
+  const std::size_t np = theta.size();
+  for (std::size_t j = 0; j < np; ++j) {
+    const double h = 1e-4 * (1.0 + std::abs(theta[j]));
+    auto up = theta, down = theta;
+    up[j] += h;
+    down[j] -= h;
+    const double from_prediction = objective(*n, up, true);
+    const auto modes_up = n->ebtrial;
+    objective(*n, down, true);
+    for (std::size_t k = 0; k < modes_up.size(); ++k) {
+      const double difference = (modes_up[k] - n->ebtrial[k]) / (2.0 * h);
+      EXPECT_NEAR(static_cast<double>(n->ebes_by[k * np + j]), difference, 1e-5 * (1.0 + std::abs(difference)))
+          << text.assignments.size() << " assignments, mode " << k << ", parameter " << j;
+    }
+    integration::forget_modes(*fresh);
+    EXPECT_NEAR(from_prediction, objective(*fresh, up, true), 1e-11 * std::abs(from_prediction));
+    for (std::size_t k = 0; k < modes_up.size(); ++k) EXPECT_NEAR(modes_up[k], fresh->ebtrial[k], 1e-10);
+  }
 }
 
 } // namespace torvale::tests

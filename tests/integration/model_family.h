@@ -21,4 +21,8 @@ ModelText nested(Response response, int depth, int subjects = 5, bool shuffle = 
 // Parameters near which the model makes sense, moved at random by the seed.
 std::vector<double> parameters(const ModelText& text, unsigned seed);
 
+// An evaluation with a gradient knows how the modes move with the parameters: they are those of nearby points, and a
+// search that starts from them ends where one from the mean does.
+void expect_moving_modes(const ModelText& text, const std::vector<double>& theta);
+
 } // namespace torvale::tests

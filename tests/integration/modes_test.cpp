@@ -184,35 +184,11 @@ TEST(Modes, AKeptEvaluationComesBack)
   }
 }
 
-// An evaluation with a gradient knows how the modes move with the parameters: they are those of nearby points, and a
-// search that starts from them ends where one from the mean does.
 TEST(Modes, MoveWithTheParameters)
 {
   for (const int effects : {1, 2, 4}) {
     const auto text = regression(Response::poisson, effects, 12);
-    const auto theta = parameters(text, 3);
-    const auto n = make_run(text, {true, true, 1}), fresh = make_run(text, {true, true, 1});
-    objective(*n, theta, true);
-    integration::accept_modes(*n);
-    ASSERT_EQ(n->ebes_point, theta);
-    const std::size_t np = theta.size();
-    for (std::size_t j = 0; j < np; ++j) {
-      const double h = 1e-4 * (1.0 + std::abs(theta[j]));
-      auto up = theta, down = theta;
-      up[j] += h;
-      down[j] -= h;
-      const double from_prediction = objective(*n, up, true);
-      const auto modes_up = n->ebtrial;
-      objective(*n, down, true);
-      for (std::size_t k = 0; k < modes_up.size(); ++k) {
-        const double difference = (modes_up[k] - n->ebtrial[k]) / (2.0 * h);
-        EXPECT_NEAR(static_cast<double>(n->ebes_by[k * np + j]), difference, 1e-5 * (1.0 + std::abs(difference)))
-            << effects << " effects, parameter " << j;
-      }
-      integration::forget_modes(*fresh);
-      EXPECT_NEAR(from_prediction, objective(*fresh, up, true), 1e-11 * std::abs(from_prediction));
-      for (std::size_t k = 0; k < modes_up.size(); ++k) EXPECT_NEAR(modes_up[k], fresh->ebtrial[k], 1e-10);
-    }
+    expect_moving_modes(text, parameters(text, 3));
   }
 }
 

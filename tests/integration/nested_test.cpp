@@ -171,6 +171,50 @@ TEST(Nested, GradientsOfSingleEffectsAgreeWithDifferences)
       }
 }
 
+TEST(Nested, ModesMoveWithTheParameters)
+{
+  for (const int depth : {2, 3}) {
+    const auto several = nested(Response::poisson, depth, 9);
+    expect_moving_modes(several, parameters(several, 2));
+    for (const bool varies : {false, true}) {
+      const auto single = single_effects(depth, 9, varies);
+      expect_moving_modes(single, single_parameters(single));
+    }
+  }
+}
+
+// What predictions save: beside an accepted point one pass is enough where they stand, and its gradient is even in the
+// error of the modes.
+TEST(Nested, PassesBesideAnAcceptedPoint)
+{
+  const auto text = single_effects(3, 20, false);
+  const auto theta = single_parameters(text);
+  const auto n = make_run(text, {true, true, 3}), exact = make_run(text, {true, true, 3});
+  objective(*n, theta, true);
+  integration::accept_modes(*n);
+  const auto lanes = [&](auto&& evaluate) {
+    n->ncmprun = 0;
+    evaluate();
+    return static_cast<double>(n->ncmprun) / static_cast<double>(n->store->nobs);
+  };
+  const double points = 27.0, h = 1e-4;
+  auto up = theta, down = theta;
+  up[0] += h, down[0] -= h;
+  EXPECT_LE(lanes([&] { objective(*n, up, true); }), points + 2.5);
+  integration::stand_by_prediction(*n, true);
+  EXPECT_LE(lanes([&] { objective(*n, up, true); }), points + 1.1);
+  const auto above = n->objgrad;
+  objective(*n, down, true);
+  for (std::size_t j = 0; j < theta.size(); ++j) {
+    const double difference = above[j] - n->objgrad[j];
+    objective(*exact, up, true);
+    double expected = exact->objgrad[j];
+    objective(*exact, down, true);
+    expected -= exact->objgrad[j];
+    EXPECT_NEAR(difference, expected, 1e-7 * std::abs(expected) + 1e-10) << j;
+  }
+}
+
 // Leaves are taken four at a time, across nests: who stands beside them, and nests that fail, do not show.
 TEST(Nested, NestsDoNotSeeThoseBesideThem)
 {

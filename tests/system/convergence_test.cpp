@@ -176,6 +176,32 @@ TEST(Convergence, UnitsDoNotMatter)
   }
 }
 
+// In units of a power of two no bit of the technique's run changes, though at such a start the curve is all but a step
+// and hardly depends on its place and slope.
+TEST(Convergence, UnitsOfAPowerOfTwoChangeNoStep)
+{
+  std::vector<double> courses[2];
+  for (const bool other : {false, true}) {
+    const double unit = other ? std::ldexp(1.0, -20) : 1.0;
+    std::string csv = "id,t,y\n";
+    char line[100];
+    for (int i = 0; i < 6; ++i)
+      for (int j = 0; j < 8; ++j) {
+        const double y =
+            (90 + (i * 5 % 7 - 3) * 6) / (1 + std::exp((5 - 1.5 * j) / 1.5)) + ((i * 3 + j * 7) % 5 - 2) * 2;
+        std::snprintf(line, sizeof line, "%d,%.17g,%.17g\n", i, 1.5 * j * unit, std::round(y) / 10);
+        csv += line;
+      }
+    std::snprintf(line, sizeof line, "PARMS a=4 m=%.17g k=%.17g s2u=.3 s2=1;", 14.75 * unit, 0.09375 * unit);
+    const auto run = fit_data(csv, std::string("TECHNIQUE=QUANEW MAXITER=6; ") + line +
+                                       "MODEL y ~ NORMAL((a+u)/(1+exp(-(t-m)/k)), s2);"
+                                       "RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+    courses[other] = run.column("IterHistory", "NegLogLike");
+    ASSERT_GE(courses[other].size(), 6u) << run.log;
+  }
+  EXPECT_EQ(courses[0], courses[1]);
+}
+
 TEST(Convergence, SeparationIsNoSuccess)
 {
   std::string csv = "x,z,y\n";

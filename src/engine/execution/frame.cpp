@@ -28,6 +28,11 @@ void cut_strip(Lanes& lanes, const Tile& tile, int i, int longest)
     const int strips = (left + longest - 1) / longest; // equal ones
     lanes.count = (left + strips - 1) / strips;
   }
+  // Only whole vectors go straight to their sums: the rest is a strip of its own.
+  if (tile.sums != nullptr && lanes.count > lane_padding) {
+    lanes.count = lanes.count / lane_padding * lane_padding;
+    lanes.repeat = std::min(lanes.repeat, lanes.count);
+  }
   if (tile.point != nullptr) {
     lanes.point = tile.point + i;
     lanes.points = Lanes::Run::unknown;

@@ -108,7 +108,6 @@ void LaneRunner::prepare()
   const auto strip = static_cast<std::size_t>(strip_), outputs = static_cast<std::size_t>(code_.outputs);
   fetched_.reserve(code_.inputs.size() * strip);
   kept_.reserve((code_.results.size() - outputs) * strip);
-  padding_.reserve(outputs * lane_padding);
   input_addresses_.resize(code_.inputs.size());
   input_base_.resize(code_.inputs.size());
   known_version_ = 0;
@@ -140,6 +139,16 @@ void LaneRunner::fill_fixed(const double* parameter_results)
 int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
                     Results& results)
 {
+  if (outputs.sums == nullptr || (by_native_ && lanes.padded == lanes.count))
+    return run_strip(lanes, sources, texts, outputs, results);
+  const int code = run_strip(lanes, sources, texts, {outputs.at, outputs.stride}, results);
+  pass_on(outputs, code_.outputs, lanes.count);
+  return code;
+}
+
+int LaneRunner::run_strip(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+                          Results& results)
+{
   if (!by_native_ || fetches_) lanes.list();
   if (by_native_) {
     NativeShape shape{lanes.rows == Lanes::Run::same, lanes.points == Lanes::Run::same, in_pairs(lanes.padded),
@@ -159,10 +168,9 @@ int LaneRunner::run(Lanes& lanes, const Sources& sources, const CharacterColumns
     for (std::size_t k = 0; k < code_.fixed.size(); ++k)
       std::fill_n(reg(code_.fixed[k].reg), strip_, fixed_.data()[k * lane_padding]);
     lanes.list();
+    return run(lanes, sources, texts, outputs, results);
   }
-  const int code = walk(lanes, sources, texts, outputs, results);
-  if (outputs.sums != nullptr) pass_on(outputs, code_.outputs, lanes.count);
-  return code;
+  return walk(lanes, sources, texts, outputs, results);
 }
 
 // --- inputs ---
@@ -234,7 +242,7 @@ void LaneRunner::hold_points_of(const Lanes& lanes, const Sources& sources)
 // vectors of so many values do not fit into the registers.
 bool LaneRunner::in_pairs(int lanes)
 {
-  constexpr int most_operations = 160;
+  constexpr int most_operations = 200;
   if (!can_be_paired_ || code_.operations > most_operations) return false;
   lanes_run_ += lanes;
   return lanes_run_ >= native_pairs_after() && lanes % (2 * lane_padding) == 0;
@@ -301,31 +309,12 @@ void LaneRunner::place_outputs(const Outputs& outputs)
   }
 }
 
-// The lanes of the padding are written too.
-void LaneRunner::keep_padding(const Lanes& lanes)
-{
-  const auto behind = static_cast<std::size_t>(lanes.padded - lanes.count);
-  for (int k = 0; k < code_.outputs; ++k)
-    std::memcpy(padding_.data() + k * lane_padding, result_addresses_[static_cast<std::size_t>(k)] + lanes.count,
-                behind * sizeof(double));
-}
-
-void LaneRunner::restore_padding(const Lanes& lanes)
-{
-  const auto behind = static_cast<std::size_t>(lanes.padded - lanes.count);
-  for (int k = 0; k < code_.outputs; ++k)
-    std::memcpy(result_addresses_[static_cast<std::size_t>(k)] + lanes.count, padding_.data() + k * lane_padding,
-                behind * sizeof(double));
-}
-
 void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const Sources& sources,
                             const Outputs& outputs, Results& results)
 {
   find_inputs(lanes, sources);
   const auto n = static_cast<std::size_t>(code_.outputs);
   place_outputs(outputs);
-  const bool keeps = outputs.sums != nullptr && lanes.padded > lanes.count;
-  if (keeps) keep_padding(lanes);
   NativeArguments arguments;
   arguments.inputs = input_addresses_.data();
   arguments.fixed = fixed_.data();
@@ -334,7 +323,6 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   arguments.lanes = lanes.padded;
   if (stage.run(arguments))
     for (std::size_t k = 0; k < n; ++k) make_canonical(result_addresses_[k], lanes.count);
-  if (keeps) restore_padding(lanes);
   for (std::size_t k = n; k < code_.results.size(); ++k)
     results.keep(static_cast<std::int32_t>(k), result_addresses_[k], lanes);
 }

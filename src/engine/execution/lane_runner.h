@@ -86,7 +86,7 @@ struct Sources {
 };
 
 // Where the outputs of a strip go: output k to at[k * stride] and on, with room for the strip's padding. With `sums` to
-// sums[k][first_sum] and on (Tile); `at` is room then.
+// sums[k][first_sum] and on (Tile), but not from the padding; `at` is room then.
 struct Outputs {
   double* at = nullptr;
   std::int64_t stride = 0;
@@ -147,6 +147,8 @@ private:
   bool holds_points_of(const Lanes& lanes, const Sources& sources) const;
   void hold_points_of(const Lanes& lanes, const Sources& sources);
 
+  int run_strip(Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
+                Results& results);
   void prepare();
   bool in_pairs(int lanes);
   const NativeStage* native(NativeShape shape);
@@ -154,8 +156,6 @@ private:
                   Results& results);
   void find_inputs(const Lanes& lanes, const Sources& sources);
   void place_outputs(const Outputs& outputs);
-  void keep_padding(const Lanes& lanes);
-  void restore_padding(const Lanes& lanes);
 
   int cached_strip() const;
   void prepare_steps(int strip);
@@ -188,7 +188,6 @@ private:
   std::vector<const double*> input_addresses_;
   std::vector<double*> result_addresses_;
   const double* outputs_at_ = nullptr; // the outputs that the first of these belong to
-  LaneArray padding_;                  // what stands behind sums, lane_padding numbers for each output
 
   LaneArray registers_; // strip_ values each
   std::vector<Operation> operations_;

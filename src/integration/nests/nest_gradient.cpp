@@ -21,7 +21,7 @@
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
-#include "modes/nest_search.h"
+#include "modes/nest_steps.h"
 
 #include <algorithm>
 #include <cmath>
@@ -37,8 +37,7 @@ using modes::packed;
 
 namespace {
 
-// OWN: effects of every level when they all have as many and few, so that loops over them are written out; 0: any.
-template <int OWN> class NestGradient {
+class NestGradient {
 public:
   NestGradient(const NX& n, TVLThreadCtx& ctx)
       : n_(n), ctx_(ctx), b_(ctx.batch), w_(ctx.nests), np_(n.nparm), rows_(n), s_(n.qscale * root_two)
@@ -53,14 +52,26 @@ public:
       clear();
       share_weights();
     });
-    if constexpr (OWN == 1)
+    const bool singles = modes::single_effects(w_);
+    if (singles)
       sum_single_leaves(n_, ctx_);
     else
       for_good([&] {
         NestLevel& leaf = w_.level.front();
         for (int v = first(leaf); v < last(leaf); ++v) leaf_sums(v);
       });
-    for_good([&] { finish(); });
+    for_good([&] {
+      for (std::size_t k = 1; k < w_.level.size(); ++k)
+        for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) node_sums(k, v);
+      note_null_directions();
+    });
+    if (singles && n_.adaptive)
+      through_single_modes(n_, ctx_);
+    else if (n_.adaptive)
+      for_good([&] { through_modes(); });
+    for_good([&] {
+      for (std::size_t k = 0; k < w_.level.size(); ++k) through_arguments(k);
+    });
   }
 
 private:
@@ -74,17 +85,6 @@ private:
     }
   }
 
-  void finish()
-  {
-    for (std::size_t k = 1; k < w_.level.size(); ++k)
-      for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) node_sums(k, v);
-    note_null_directions();
-    if (n_.adaptive) through_modes();
-    for (std::size_t k = 0; k < w_.level.size(); ++k) through_arguments(k);
-  }
-
-  static int own_of(const NestLevel& l) { return OWN > 0 ? OWN : l.own; }
-  static int triangle_of(const NestLevel& l) { return own_of(l) * (own_of(l) + 1) / 2; }
   int first(const NestLevel& l) const { return l.nodes->first[nest_]; }
   int last(const NestLevel& l) const { return l.nodes->first[nest_ + 1]; }
   static int parent(const NestLevel& l, int v) { return l.nodes->parent[static_cast<std::size_t>(v)]; }
@@ -104,13 +104,13 @@ private:
       const auto rows = [&](std::vector<double>& a, long width) {
         if (!a.empty()) std::fill_n(a.begin() + first(l) * width, (last(l) - first(l)) * width, 0.0);
       };
-      rows(l.mean_bar, own_of(l));
-      rows(l.mode_bar, own_of(l));
-      rows(l.factor_bar, triangle_of(l));
-      rows(l.spread_bar, own_of(l) * own_of(l));
-      rows(l.regression_bar, own_of(l) * l.above);
-      rows(l.slopes, own_of(l) * l.joint());
-      rows(l.pulls, own_of(l) * l.joint());
+      rows(l.mean_bar, l.own);
+      rows(l.mode_bar, l.own);
+      rows(l.factor_bar, l.triangle());
+      rows(l.spread_bar, l.own * l.own);
+      rows(l.regression_bar, l.own * l.above);
+      rows(l.slopes, l.own * l.joint());
+      rows(l.pulls, l.own * l.joint());
     }
   }
 
@@ -156,14 +156,14 @@ private:
   void leaf_point(int v, long p, double weight, const double* sums)
   {
     NestLevel& l = w_.level.front();
-    const int own = own_of(l);
+    const int own = l.own;
     const double* const factor = modes::factor_of(l, v);
-    const double* const spread = l.spread.data() + static_cast<long>(v) * triangle_of(l);
+    const double* const spread = l.spread.data() + static_cast<long>(v) * l.triangle();
     const double* const b = l.tilt.data() + static_cast<long>(v) * (own * l.above);
     double deviation[modes::most_effects];
     for_ancestors(0, v, [&](NestLevel& a, int node) {
-      const long joint = a.joint(), from = static_cast<long>(node) * own_of(a) * joint + p % joint;
-      for (int i = 0; i < own_of(a); ++i) {
+      const long joint = a.joint(), from = static_cast<long>(node) * a.own * joint + p % joint;
+      for (int i = 0; i < a.own; ++i) {
         deviation[a.place + i] = a.deviation[static_cast<std::size_t>(from + i * joint)];
         a.slopes[static_cast<std::size_t>(from + i * joint)] += weight * at(sums, rows_.slope + a.place + i);
       }
@@ -178,7 +178,7 @@ private:
     }
     double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own;
     double* const mode_bar = l.mode_bar.data() + static_cast<long>(v) * own;
-    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
+    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
     double* const spread_bar = l.spread_bar.data() + static_cast<long>(v) * (own * own);
     double* const regression_bar = l.regression_bar.data() + static_cast<long>(v) * (own * l.above);
     for (int i = 0; i < own; ++i) {
@@ -213,10 +213,10 @@ private:
   {
     const NestLevel& l = w_.level[level];
     for_ancestors(level, v, [&](NestLevel& a, int node) {
-      const long joint = a.joint(), to = static_cast<long>(node) * own_of(a) * joint + p % joint;
-      for (int j = 0; j < own_of(a); ++j) {
+      const long joint = a.joint(), to = static_cast<long>(node) * a.own * joint + p % joint;
+      for (int j = 0; j < a.own; ++j) {
         double t = 0.0;
-        for (int i = 0; i < own_of(l); ++i) t += b[i * l.above + a.place + j] * pull[i];
+        for (int i = 0; i < l.own; ++i) t += b[i * l.above + a.place + j] * pull[i];
         a.pulls[static_cast<std::size_t>(to + j * joint)] += t;
       }
     });
@@ -227,7 +227,7 @@ private:
   {
     NestLevel& l = w_.level[level];
     const model::REFFECT& reff = n_.reff[level];
-    const int own = own_of(l);
+    const int own = l.own;
     const long joint = l.joint();
     const double* const factor = modes::factor_of(l, v);
     const double* const b = l.tilt.data() + static_cast<long>(v) * (own * l.above);
@@ -237,7 +237,7 @@ private:
     const double* const pulls = l.pulls.data() + static_cast<long>(v) * own * joint;
     double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own;
     double* const mode_bar = l.mode_bar.data() + static_cast<long>(v) * own;
-    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
+    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
     double* const spread_bar = l.spread_bar.data() + static_cast<long>(v) * (own * own);
     double* const regression_bar = l.regression_bar.data() + static_cast<long>(v) * (own * l.above);
     for (long p = 0; p < l.outer; ++p) {
@@ -262,10 +262,9 @@ private:
       }
       if (!n_.adscale || l.above == 0) continue;
       for_ancestors(level, v, [&](NestLevel& a, int node) {
-        const double* const from = a.deviation.data() + static_cast<long>(node) * own_of(a) * a.joint() + p % a.joint();
+        const double* const from = a.deviation.data() + static_cast<long>(node) * a.own * a.joint() + p % a.joint();
         for (int i = 0; i < own; ++i)
-          for (int j = 0; j < own_of(a); ++j)
-            regression_bar[i * l.above + a.place + j] += given[i] * from[j * a.joint()];
+          for (int j = 0; j < a.own; ++j) regression_bar[i * l.above + a.place + j] += given[i] * from[j * a.joint()];
       });
       pull_ancestors(level, v, p, given, b);
     }
@@ -277,26 +276,37 @@ private:
   // in mean_bar here; the curvature of the levels above the leaves is summed over the nest.
   void note_null_directions()
   {
+    if (!has_null_directions()) return;
     double curve[modes::most_effects] = {};
     const NestLevel& leaf = w_.level.front();
     for (int v = first(leaf); v < last(leaf) && n_.adaptive; ++v) {
-      const double* const sums =
-          w_.leaf.data() + static_cast<long>(leaf.nodes->slot[static_cast<std::size_t>(v)]) * n_.programs.mode.places;
+      const double* const sums = w_.leaf.data() + leaf.nodes->slot[static_cast<std::size_t>(v)];
       for (int i = 0; i < leaf.chain(); ++i) {
-        const double own = std::abs(sums[n_.programs.curve(packed(i, i))]);
+        const double own = std::abs(sums[n_.programs.curve(packed(i, i)) * b_.mode_stride]);
         curve[i] = i < leaf.place ? curve[i] + own : std::max(curve[i], own);
       }
     }
     for (const NestLevel& l : w_.level)
       for (int v = first(l); v < last(l); ++v) {
         const double* const factor = modes::factor_of(l, v);
-        for (int i = 0; i < own_of(l); ++i) {
+        for (int i = 0; i < l.own; ++i) {
           if (factor[packed(i, i)] != 0.0) continue;
-          const double slope = l.mean_bar[static_cast<std::size_t>(v * own_of(l) + i)];
+          const double slope = l.mean_bar[static_cast<std::size_t>(v * l.own + i)];
           double& scale = b_.null_scale[static_cast<std::size_t>(l.place + i)];
           scale = std::max(scale, slope * slope + curve[l.place + i]);
         }
       }
+  }
+
+  bool has_null_directions() const
+  {
+    for (const NestLevel& l : w_.level)
+      for (int v = first(l); v < (l.varies ? last(l) : std::min(last(l), first(l) + 1)); ++v) {
+        const double* const factor = modes::factor_of(l, v);
+        for (int i = 0; i < l.own; ++i)
+          if (factor[packed(i, i)] == 0.0) return true;
+      }
+    return false;
   }
 
   // --- modes and scale ---
@@ -317,9 +327,9 @@ private:
   void front_adjoint(std::size_t level, int v)
   {
     NestLevel& l = w_.level[level];
-    const int own = own_of(l), above = l.above, chain = l.chain();
-    const double* const inverse = l.inverse.data() + static_cast<long>(v) * triangle_of(l);
-    const double* const c = l.spread.data() + static_cast<long>(v) * triangle_of(l);
+    const int own = l.own, above = l.above, chain = l.chain();
+    const double* const inverse = l.inverse.data() + static_cast<long>(v) * l.triangle();
+    const double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
     const double* const b = l.regression.data() + static_cast<long>(v) * (own * above);
     const double* const cbar = l.spread_bar.data() + static_cast<long>(v) * (own * own);
     const double* const bbar = l.regression_bar.data() + static_cast<long>(v) * (own * above);
@@ -367,13 +377,13 @@ private:
     const model::ModelPrograms& program = n_.programs;
     const double* const bar = leaf.front_bar.data() + static_cast<long>(v) * triangle;
     const long slot = leaf.nodes->slot[static_cast<std::size_t>(v)];
-    const double* const sums = w_.leaf.data() + slot * program.mode.places;
+    const double* const sums = w_.leaf.data() + slot;
     const double* const third = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot)];
     double* const lz = scratch_;                 // chain x chain: L Z
     double* const zu = scratch_ + chain * chain; // triangle: Zu, elements off the diagonal doubled
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      for (int i = 0; i < own_of(l); ++i)
+      for (int i = 0; i < l.own; ++i)
         for (int j = 0; j < chain; ++j) {
           double t = 0.0;
           for (int k = 0; k <= i; ++k) t -= factor[packed(i, k)] * bar[packed(l.place + k, j)];
@@ -382,7 +392,7 @@ private:
     });
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      for (int j = 0; j < own_of(l); ++j)
+      for (int j = 0; j < l.own; ++j)
         for (int i = l.place + j; i < chain; ++i) {
           double t = 0.0;
           for (int k = 0; k <= j; ++k) t += lz[i * chain + l.place + k] * factor[packed(j, k)];
@@ -397,18 +407,18 @@ private:
     for (int j = 0; j < np_; ++j) gradient_[j] -= inner(j);
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * own_of(l);
-      double* const mode_bar = l.mode_bar.data() + static_cast<long>(node) * own_of(l);
-      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * triangle_of(l);
-      for (int i = 0; i < own_of(l); ++i) {
+      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * l.own;
+      double* const mode_bar = l.mode_bar.data() + static_cast<long>(node) * l.own;
+      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * l.triangle();
+      for (int i = 0; i < l.own; ++i) {
         const double tau = inner(np_ + l.place + i);
         mean_bar[i] += tau;
         for (int k = 0; k <= i; ++k) mode_bar[k] += factor[packed(i, k)] * tau;
         for (int j = 0; j <= i; ++j) {
           double t = 0.0; // (ll_uu L Z)(i, j)
           for (int k = 0; k < chain; ++k)
-            t += sums[program.curve(packed(l.place + i, k))] * lz[k * chain + l.place + j];
-          factor_bar[packed(i, j)] += tau * l.z[static_cast<std::size_t>(node * own_of(l) + j)] + 2.0 * t;
+            t += sums[program.curve(packed(l.place + i, k)) * b_.mode_stride] * lz[k * chain + l.place + j];
+          factor_bar[packed(i, j)] += tau * l.z[static_cast<std::size_t>(node * l.own + j)] + 2.0 * t;
         }
       }
     });
@@ -421,31 +431,31 @@ private:
     const int chain = leaf.chain();
     const model::ModelPrograms& program = n_.programs;
     const long slot = leaf.nodes->slot[static_cast<std::size_t>(v)];
-    const double* const sums = w_.leaf.data() + slot * program.mode.places;
+    const double* const sums = w_.leaf.data() + slot;
     const double* const cross = b_.curvature_sums.data() + b_.column[static_cast<std::size_t>(slot)];
     double lu[modes::most_effects];
     for_chain(v, [&](NestLevel& l, int node) {
       const double* const factor = modes::factor_of(l, node);
-      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * own_of(l);
-      for (int i = 0; i < own_of(l); ++i) {
+      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * l.own;
+      for (int i = 0; i < l.own; ++i) {
         lu[l.place + i] = 0.0;
         for (int k = 0; k <= i; ++k) lu[l.place + i] += factor[packed(i, k)] * lambda[k];
       }
     });
     for_chain(v, [&](NestLevel& l, int node) {
-      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * own_of(l);
-      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * own_of(l);
-      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * triangle_of(l);
-      for (int i = 0; i < own_of(l); ++i) {
+      const double* const lambda = l.mode_bar.data() + static_cast<long>(node) * l.own;
+      double* const mean_bar = l.mean_bar.data() + static_cast<long>(node) * l.own;
+      double* const factor_bar = l.factor_bar.data() + static_cast<long>(node) * l.triangle();
+      for (int i = 0; i < l.own; ++i) {
         double pull = 0.0; // ll_uu lu
-        for (int k = 0; k < chain; ++k) pull += sums[program.curve(packed(l.place + i, k))] * lu[k];
+        for (int k = 0; k < chain; ++k) pull += sums[program.curve(packed(l.place + i, k)) * b_.mode_stride] * lu[k];
         mean_bar[i] += pull;
         for (int j = 0; j <= i; ++j)
-          factor_bar[packed(i, j)] +=
-              pull * l.z[static_cast<std::size_t>(node * own_of(l) + j)] + sums[program.slope(l.place + i)] * lambda[j];
+          factor_bar[packed(i, j)] += pull * l.z[static_cast<std::size_t>(node * l.own + j)] +
+                                      sums[program.slope(l.place + i) * b_.mode_stride] * lambda[j];
       }
     });
-    for (const int place : program.curvature.outputs) {
+    for (const int place : program.closing.outputs) {
       if (place >= program.third_place(0, 0)) break;
       gradient_[place % np_] -= lu[place / np_] * cross[place * b_.mode_stride];
     }
@@ -468,8 +478,8 @@ private:
       return;
     }
     for (int v = first(l) + 1; v < last(l); ++v) {
-      add(l.mean_bar, first(l), v, own_of(l));
-      add(l.factor_bar, first(l), v, triangle_of(l));
+      add(l.mean_bar, first(l), v, l.own);
+      add(l.factor_bar, first(l), v, l.triangle());
     }
     if (first(l) < last(l)) add_arguments(level, first(l), 0);
   }
@@ -485,16 +495,15 @@ private:
   {
     NestLevel& l = w_.level[level];
     const model::REFFECT& reff = n_.reff[level];
-    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * triangle_of(l);
-    const double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * own_of(l);
-    evaluation::cholesky_adjoint(own_of(l), modes::factor_of(l, v), factor_bar, n_.singchol);
+    double* const factor_bar = l.factor_bar.data() + static_cast<long>(v) * l.triangle();
+    const double* const mean_bar = l.mean_bar.data() + static_cast<long>(v) * l.own;
+    evaluation::cholesky_adjoint(l.own, modes::factor_of(l, v), factor_bar, n_.singchol);
     const double* const by = l.arguments.data() + static_cast<long>(prior) * reff.setup.places;
     auto moved = reff.moved.begin();
     for (int j = 0; j < np_; ++j)
       for (; moved != reff.moved.begin() + reff.moved_first[static_cast<std::size_t>(j) + 1]; ++moved)
-        gradient_[j] -=
-            (moved->argument < own_of(l) ? mean_bar[moved->argument] : factor_bar[moved->argument - own_of(l)]) *
-            by[moved->place];
+        gradient_[j] -= (moved->argument < l.own ? mean_bar[moved->argument] : factor_bar[moved->argument - l.own]) *
+                        by[moved->place];
   }
 
   const NX& n_;
@@ -509,31 +518,11 @@ private:
   double scratch_[2 * modes::most_effects * modes::most_effects];
 };
 
-// Cross and third derivatives at the modes of all leaves of good nests.
-int leaf_curvature(const NX& n, TVLThreadCtx& ctx)
-{
-  NestWork& w = ctx.nests;
-  int count = 0;
-  for (int slot = 0; slot < ctx.batch.slots; ++slot) {
-    const int leaf = w.leaf_of_slot[static_cast<std::size_t>(slot)];
-    if (w.failure[static_cast<std::size_t>(w.nest_of_leaf[static_cast<std::size_t>(leaf)])] == 0)
-      w.columns[static_cast<std::size_t>(count++)] = slot;
-  }
-  return modes::run_leaves(n, ctx, n.programs.curvature, count, ctx.batch.curvature_sums.data(), ctx.batch.mode_stride);
-}
-
 } // namespace
 
-int nest_gradients(const NX& n, TVLThreadCtx& ctx)
+void nest_gradients(const NX& n, TVLThreadCtx& ctx)
 {
-  if (n.adaptive)
-    if (const int rc = leaf_curvature(n, ctx); rc > 2) return rc;
-  const auto& levels = ctx.nests.level;
-  if (std::all_of(levels.begin(), levels.end(), [](const NestLevel& l) { return l.own == 1; }))
-    NestGradient<1>(n, ctx).compute();
-  else
-    NestGradient<0>(n, ctx).compute();
-  return 0;
+  NestGradient(n, ctx).compute();
 }
 
 } // namespace torvale::integration

@@ -5,13 +5,17 @@
 namespace torvale::integration {
 
 // nest_gradients: the derivatives by the parameters of the value of every good nest of ctx.nests, into its gradient.
-// Needs the sums of nest_points.h with gradient, and the weights that close_levels leaves. Returns 0 or the engine's
-// code above 2.
-int nest_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
+// Needs the sums of nest_points.h with gradient, the weights that close_levels leaves, and what a search that closes
+// leaves at the modes.
+void nest_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
 
 // sum_single_leaves: the sums over the points of the leaves of good nests, where every level has one effect: into their
 // rows and those of their ancestors and into the nests' gradients, which must be clear. Overwrites columns of the
 // nests.
 void sum_single_leaves(const model::NX& n, model::TVLThreadCtx& ctx);
+
+// through_single_modes: what the modes of good nests and the scale of their points add, where every level has one
+// effect; after the sums over the points.
+void through_single_modes(const model::NX& n, model::TVLThreadCtx& ctx);
 
 } // namespace torvale::integration

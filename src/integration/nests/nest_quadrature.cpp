@@ -11,6 +11,7 @@
 #include "evaluation/record_sums.h"
 #include "integration/nests/nest_batch.h"
 #include "integration/nests/nest_gradient.h"
+#include "integration/nests/nest_moves.h"
 #include "integration/nests/nest_points.h"
 #include "matrix/cholesky.h"
 #include "matrix/packed.h"
@@ -216,6 +217,8 @@ void size_level(const ModelLists& n, NestLevel& l, const model::REFFECT& reff, l
   size(l.failure, nodes);
   l.prior_loaded = false;
   for (auto* v : {&l.z, &l.zold, &l.step, &l.u, &l.round_start, &l.mode_bar, &l.mean_bar}) size(*v, nodes * own);
+  for (auto* v : {&l.part, &l.square}) size(*v, nodes);
+  l.listed.reserve(static_cast<std::size_t>(nodes));
   for (auto* v : {&l.inverse, &l.spread, &l.factor_bar}) size(*v, nodes * triangle);
   for (auto* v : {&l.front, &l.front_bar}) size(*v, nodes * (chain * (chain + 1) / 2));
   size(l.right, nodes * chain);
@@ -227,6 +230,10 @@ void size_level(const ModelLists& n, NestLevel& l, const model::REFFECT& reff, l
   size(l.integral, leaf ? 0 : nodes * l.outer);
   if (n.programs.gradient)
     for (auto* v : {&l.slopes, &l.pulls}) size(*v, own * joint);
+  if (!n.programs.closing && !n.programs.cross) return;
+  size(l.slope, nodes * own);
+  size(l.lead, nodes * own);
+  size(l.move, nodes * own * n.nparm);
 }
 
 } // namespace
@@ -236,7 +243,8 @@ void NestQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
   BatchWork& b = ctx.batch;
   NestWork& w = ctx.nests;
   const long slots = static_cast<long>(b.subject.size()), nests = static_cast<long>(b.nest.size());
-  b.mode_stride = (slots + 7) / 8 * 8;
+  constexpr long spare = 16; // for modes that a batch's evaluation of everything at the modes has just missed
+  b.mode_stride = (slots + 7) / 8 * 8 + spare;
   b.pair_stride = evaluation::most_pairs + 8;
   w.level.resize(n.reff.size());
   long outer = 1;
@@ -251,13 +259,14 @@ void NestQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
   size(b.ran, n.programs.ne * b.pair_stride);
   size(b.null_scale, n.programs.ne);
   size(b.mode_sums, n.programs.mode.places * b.mode_stride);
-  size(b.curvature_sums, n.programs.curvature.places * b.mode_stride);
-  for (auto* v : {&w.failure}) size(*v, nests);
+  size(b.curvature_sums, n.programs.closing.places * b.mode_stride);
+  size(b.parameter_step, n.nparm);
+  size(w.failure, nests);
   size(w.search, nests);
-  size(w.active, nests);
-  size(w.turn, nests);
+  for (auto* v : {&w.active, &w.turn, &w.closed}) size(*v, nests);
+  for (auto* v : {&w.length, &w.square}) size(*v, nests);
   for (auto* v : {&w.leaf_of_slot, &w.nest_of_leaf, &w.columns}) size(*v, slots);
-  size(w.leaf, slots * n.programs.mode.places);
+  size(w.leaf, b.mode_stride * n.programs.mode.places);
   size(w.gradient, nests * n.nparm);
   size(w.value, nests);
   size_leaf_points(n, ctx);
@@ -269,7 +278,7 @@ int NestQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) cons
   take_nests(n, ctx);
   if (const int rc = load_nest_priors(n, ctx); rc > 2) return rc;
   if (n.adaptive)
-    if (const int rc = modes::nest_search(n, ctx); rc > 2) return rc;
+    if (const int rc = modes::nest_search(n, ctx, gradient); rc > 2) return rc;
   const auto for_good = [&](auto&& f) {
     for (int nest = 0; nest < w.nests; ++nest)
       if (w.failure[static_cast<std::size_t>(nest)] == 0) f(nest);
@@ -282,7 +291,10 @@ int NestQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) cons
     w.value[static_cast<std::size_t>(nest)] = value;
     if (!(value < model::failure_objective)) w.failure[static_cast<std::size_t>(nest)] = zero_integral(n);
   });
-  return gradient ? nest_gradients(n, ctx) : 0;
+  if (!gradient) return 0;
+  nest_gradients(n, ctx);
+  if (keeps_mode_derivatives(n)) find_nest_moves(n, ctx, ctx.batch.curvature_sums.data());
+  return 0;
 }
 
 int NestQuadrature::close_value(const NX&, const TVLThreadCtx& ctx, int nest, double& value) const
@@ -291,17 +303,23 @@ int NestQuadrature::close_value(const NX&, const TVLThreadCtx& ctx, int nest, do
   return ctx.nests.failure[static_cast<std::size_t>(nest)];
 }
 
-// The trial modes of all nodes.
+// The trial modes of all nodes, and how they move.
 void NestQuadrature::keep_modes(NX& n, const TVLThreadCtx& ctx, int nest)
 {
   const NestWork& w = ctx.nests;
+  const bool with_derivatives = keeps_mode_derivatives(n);
   for (std::size_t k = 0; k < w.level.size(); ++k) {
     const NestLevel& l = w.level[k];
     for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
-         ++v)
-      std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own,
-                  n.ebtrial.begin() + n.reff[k].mode_first +
-                      static_cast<long>(l.nodes->subject[static_cast<std::size_t>(v)]) * l.own);
+         ++v) {
+      const long subject = l.nodes->subject[static_cast<std::size_t>(v)];
+      const long to = n.reff[k].mode_first + subject * l.own;
+      std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own, n.ebtrial.begin() + to);
+      float* by = n.ebtrial_by.data() + to * n.nparm;
+      for (int i = 0; with_derivatives && i < l.own; ++i)
+        for (int j = 0; j < n.nparm; ++j)
+          *by++ = static_cast<float>(l.move[static_cast<std::size_t>(move_place(l, v, i, j, n.nparm))]);
+    }
   }
   n.ebtrial_known[static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)])] = 1;
 }

@@ -1,11 +1,11 @@
-// The posterior of nests. What posterior.h says of one block of effects holds for a nest with all its effects stacked:
-// G is then block diagonal, the likelihood lives on the chains of the leaves, and products with V = L H^-1 L' go
-// through the eliminated arrow. Along a chain H^-1 follows from the top down: a node's deviation is B times its
-// ancestors' plus an independent rest with covariance S^-1 (regression and inverse of the elimination).
+// The posterior of nests. What posterior.h says of one block of effects holds for a nest with all its effects stacked.
+// Along a chain H^-1 follows from the top down: a node's deviation is B times its ancestors' plus an independent rest
+// with covariance S^-1 (regression and inverse of the elimination).
 
 #include "integration/posterior/posterior_work.h"
 
 #include "integration/nests/nest_batch.h"
+#include "integration/nests/nest_moves.h"
 #include "integration/subjects/integrator.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
@@ -28,59 +28,35 @@ public:
   int run(Posterior& out) override;
 
 private:
-  // Rows per node of a level.
-  struct Rows {
-    std::vector<double> slope; // own: first derivatives of the log likelihood by u at the mode
-    std::vector<double> lead;  // own x np: w, how u follows the parameters but for the likelihood's pull
-    std::vector<double> pull;  // own x np: the pull
-    std::vector<double> move;  // own x np: derivative of the mode
-    std::vector<double> cover; // chain (chain + 1) / 2: inverse Hessian by z along the chain
-  };
-
-  void sum_slopes(int nest);
-  void find_leads(int nest);
-  void sum_pulls(int nest);
-  void find_moves(int nest);
   void cover_chains(int nest);
   void keep(int leaf, Posterior& out);
 
   static int first(const NestLevel& l, int nest) { return l.nodes->first[static_cast<std::size_t>(nest)]; }
   static int last(const NestLevel& l, int nest) { return l.nodes->first[static_cast<std::size_t>(nest) + 1]; }
-  const double* leaf_sums(int leaf) const;
   template <class F> void for_chain(int leaf, F&& f);
 
   const model::NX& n_;
   model::TVLThreadCtx& ctx_;
   model::NestWork& w_;
   const int np_, ne_;
-  std::vector<Rows> rows_;     // per level
-  std::vector<double> cross_;  // ne x np rows of mode_stride columns: cross derivatives, summed over a leaf's records
-  std::vector<double> chain_;  // ne: a vector along a chain
+  std::vector<std::vector<double>>
+      cover_;                 // per level, of each node chain (chain + 1) / 2: the inverse Hessian by z along its chain
+  std::vector<double> cross_; // ne x np rows of mode_stride columns: cross derivatives, summed over a leaf's records
   std::vector<double> scaled_; // ne x ne
 };
 
 NestPosterior::NestPosterior(const model::NX& n, model::TVLThreadCtx& ctx)
-    : n_(n), ctx_(ctx), w_(ctx_.nests), np_(n.nparm), ne_(n.programs.ne), rows_(n.reff.size())
+    : n_(n), ctx_(ctx), w_(ctx_.nests), np_(n.nparm), ne_(n.programs.ne), cover_(n.reff.size())
 {
   const auto size = [](std::vector<double>& v, std::size_t count) { v.assign(count, 0.0); };
-  for (std::size_t k = 0; k < rows_.size(); ++k) {
+  for (std::size_t k = 0; k < cover_.size(); ++k) {
     std::size_t nodes = 1;
     for (const auto& batch : n.batch_nodes) nodes = std::max(nodes, batch[k].subject.size());
-    const auto own = static_cast<std::size_t>(n.reff[k].nr), np = static_cast<std::size_t>(np_),
-               chain = static_cast<std::size_t>(n.reff[k].first_effect) + own;
-    size(rows_[k].slope, nodes * own);
-    for (auto* v : {&rows_[k].lead, &rows_[k].pull, &rows_[k].move}) size(*v, nodes * own * np);
-    size(rows_[k].cover, nodes * (chain * (chain + 1) / 2));
+    const auto chain = static_cast<std::size_t>(n.reff[k].first_effect + n.reff[k].nr);
+    size(cover_[k], nodes * (chain * (chain + 1) / 2));
   }
   size(cross_, static_cast<std::size_t>(ne_ * np_) * static_cast<std::size_t>(ctx_.batch.mode_stride));
-  size(chain_, static_cast<std::size_t>(ne_));
   size(scaled_, static_cast<std::size_t>(ne_ * ne_));
-}
-
-const double* NestPosterior::leaf_sums(int leaf) const
-{
-  const long slot = w_.level.front().nodes->slot[static_cast<std::size_t>(leaf)];
-  return w_.leaf.data() + slot * n_.programs.mode.places;
 }
 
 // Calls f(level, its number, node) for a leaf and its ancestors.
@@ -105,120 +81,15 @@ int NestPosterior::run(Posterior& out)
       w_.columns[static_cast<std::size_t>(count++)] = slot;
   }
   std::fill(cross_.begin(), cross_.end(), 0.0);
-  if (const int rc = modes::run_leaves(n_, ctx_, n_.programs.cross, count, cross_.data(), ctx_.batch.mode_stride);
-      rc > 2)
-    return rc;
+  if (const int rc = modes::run_leaves(n_, ctx_, n_.programs.cross, count, cross_.data()); rc > 2) return rc;
+  find_nest_moves(n_, ctx_, cross_.data());
   for (int nest = 0; nest < w_.nests; ++nest) {
     if (w_.failure[static_cast<std::size_t>(nest)] != 0) continue;
-    sum_slopes(nest);
-    find_leads(nest);
-    sum_pulls(nest);
-    find_moves(nest);
     cover_chains(nest);
     const NestLevel& leaves = w_.level.front();
     for (int v = first(leaves, nest); v < last(leaves, nest); ++v) keep(v, out);
   }
   return 0;
-}
-
-void NestPosterior::sum_slopes(int nest)
-{
-  for (std::size_t k = 0; k < rows_.size(); ++k)
-    std::fill(rows_[k].slope.begin() + first(w_.level[k], nest) * w_.level[k].own,
-              rows_[k].slope.begin() + last(w_.level[k], nest) * w_.level[k].own, 0.0);
-  const NestLevel& leaves = w_.level.front();
-  for (int v = first(leaves, nest); v < last(leaves, nest); ++v) {
-    const double* const sums = leaf_sums(v);
-    for_chain(v, [&](const NestLevel& l, std::size_t k, int node) {
-      for (int i = 0; i < l.own; ++i)
-        rows_[k].slope[static_cast<std::size_t>(node * l.own + i)] += sums[n_.programs.slope(l.place + i)];
-    });
-  }
-}
-
-// w = dm/dtheta_j + dG/dtheta_j ll_u of every node.
-void NestPosterior::find_leads(int nest)
-{
-  for (std::size_t k = 0; k < rows_.size(); ++k) {
-    const NestLevel& l = w_.level[k];
-    const model::REFFECT& reff = n_.reff[k];
-    const int own = l.own;
-    for (int v = first(l, nest); v < last(l, nest); ++v) {
-      const double* const slope = rows_[k].slope.data() + static_cast<long>(v) * own;
-      const double* const argument = l.arguments.data() + static_cast<long>(l.prior_of(v)) * reff.setup.places +
-                                     reff.argument_derivative(0, 0, np_);
-      double* const lead = rows_[k].lead.data() + static_cast<long>(v) * (own * np_);
-      std::copy_n(argument, own * np_, lead);
-      for (int i = 0; i < own; ++i)
-        for (int c = 0; c < own; ++c)
-          for (int j = 0; j < np_; ++j) lead[i * np_ + j] += argument[(own + packed(i, c)) * np_ + j] * slope[c];
-    }
-  }
-}
-
-// ll_uu w + ll_u,j, leaf by leaf along the chains.
-void NestPosterior::sum_pulls(int nest)
-{
-  for (std::size_t k = 0; k < rows_.size(); ++k) {
-    const long width = static_cast<long>(w_.level[k].own) * np_;
-    std::fill(rows_[k].pull.begin() + first(w_.level[k], nest) * width,
-              rows_[k].pull.begin() + last(w_.level[k], nest) * width, 0.0);
-  }
-  const NestLevel& leaves = w_.level.front();
-  const model::ModelPrograms& program = n_.programs;
-  for (int v = first(leaves, nest); v < last(leaves, nest); ++v) {
-    const double* const sums = leaf_sums(v);
-    const double* const cross =
-        cross_.data() + ctx_.batch.column[static_cast<std::size_t>(leaves.nodes->slot[static_cast<std::size_t>(v)])];
-    for (int j = 0; j < np_; ++j) {
-      for_chain(v, [&](const NestLevel& l, std::size_t k, int node) {
-        for (int i = 0; i < l.own; ++i)
-          chain_[static_cast<std::size_t>(l.place + i)] =
-              rows_[k].lead[static_cast<std::size_t>((node * l.own + i) * np_ + j)];
-      });
-      for_chain(v, [&](const NestLevel& l, std::size_t k, int node) {
-        for (int i = 0; i < l.own; ++i) {
-          const int effect = l.place + i;
-          double t = cross[program.cross_place(effect, j) * ctx_.batch.mode_stride];
-          for (int e = 0; e < ne_; ++e)
-            t += sums[program.curve(packed(effect, e))] * chain_[static_cast<std::size_t>(e)];
-          rows_[k].pull[static_cast<std::size_t>((node * l.own + i) * np_ + j)] += t;
-        }
-      });
-    }
-  }
-}
-
-// D_j = w + L H^-1 L' pull, one parameter after the other.
-void NestPosterior::find_moves(int nest)
-{
-  for (int j = 0; j < np_; ++j) {
-    for (std::size_t k = 0; k < rows_.size(); ++k) {
-      NestLevel& l = w_.level[k];
-      for (int v = first(l, nest); v < last(l, nest); ++v) {
-        const double* const factor = modes::factor_of(l, v);
-        const double* const pull = rows_[k].pull.data() + static_cast<long>(v) * (l.own * np_) + j;
-        for (int i = 0; i < l.own; ++i) {
-          double t = 0.0;
-          for (int c = i; c < l.own; ++c) t += factor[packed(c, i)] * pull[c * np_];
-          l.mode_bar[static_cast<std::size_t>(v * l.own + i)] = t;
-        }
-      }
-    }
-    modes::solve(w_, nest, &NestLevel::mode_bar);
-    for (std::size_t k = 0; k < rows_.size(); ++k) {
-      const NestLevel& l = w_.level[k];
-      for (int v = first(l, nest); v < last(l, nest); ++v) {
-        const double* const factor = modes::factor_of(l, v);
-        for (int i = 0; i < l.own; ++i) {
-          const auto at = static_cast<std::size_t>((v * l.own + i) * np_ + j);
-          double t = rows_[k].lead[at];
-          for (int c = 0; c <= i; ++c) t += factor[packed(i, c)] * l.mode_bar[static_cast<std::size_t>(v * l.own + c)];
-          rows_[k].move[at] = t;
-        }
-      }
-    }
-  }
 }
 
 void NestPosterior::cover_chains(int nest)
@@ -227,12 +98,12 @@ void NestPosterior::cover_chains(int nest)
     const NestLevel& l = w_.level[k];
     const int own = l.own, above = l.above, triangle = l.chain() * (l.chain() + 1) / 2, kept = above * (above + 1) / 2;
     for (int v = first(l, nest); v < last(l, nest); ++v) {
-      double* const c = rows_[k].cover.data() + static_cast<long>(v) * triangle;
+      double* const c = cover_[k].data() + static_cast<long>(v) * triangle;
       const double* const b = l.regression.data() + static_cast<long>(v) * (own * above);
       const double* const inverse = l.inverse.data() + static_cast<long>(v) * l.triangle();
       if (above > 0) {
         const long parent = l.nodes->parent[static_cast<std::size_t>(v)];
-        std::copy_n(rows_[k + 1].cover.data() + parent * kept, kept, c);
+        std::copy_n(cover_[k + 1].data() + parent * kept, kept, c);
       }
       for (int i = 0; i < own; ++i) {
         for (int a = 0; a < above; ++a) {
@@ -262,11 +133,13 @@ void NestPosterior::keep(int leaf, Posterior& out)
   double* const mean_by = out.mean_by.data() + subject * ne * np;
   double* const prior = out.prior.data() + subject * (ne * (ne + 1) / 2);
   std::fill_n(prior, ne * (ne + 1) / 2, 0.0);
-  const double* const cover = rows_.front().cover.data() + static_cast<long>(leaf) * (ne_ * (ne_ + 1) / 2);
+  const double* const cover = cover_.front().data() + static_cast<long>(leaf) * (ne_ * (ne_ + 1) / 2);
   for_chain(leaf, [&](const NestLevel& l, std::size_t k, int node) {
     const double* const factor = modes::factor_of(l, node);
     std::copy_n(l.u.data() + static_cast<long>(node) * l.own, l.own, u + l.place);
-    std::copy_n(rows_[k].move.data() + static_cast<long>(node) * (l.own * np_), l.own * np_, d + l.place * np_);
+    for (int i = 0; i < l.own; ++i)
+      for (int j = 0; j < np_; ++j)
+        d[(l.place + i) * np_ + j] = l.move[static_cast<std::size_t>(move_place(l, node, i, j, np_))];
     const model::REFFECT& reff = n_.reff[k];
     std::copy_n(l.mean.data() + static_cast<long>(l.prior_of(node)) * l.own, l.own, m + l.place);
     std::copy_n(l.arguments.data() + static_cast<long>(l.prior_of(node)) * reff.setup.places +

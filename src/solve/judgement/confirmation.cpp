@@ -41,13 +41,27 @@ void FitEnd::assess()
   coordinates_ = std::make_unique<FitCoordinates>(n_, x_.data());
   for (int i = 0; i < n_.nparm; ++i) {
     const bool known = before != nullptr && before->same_kind(*coordinates_, i);
-    coordinates_->set_scale(i, known ? before->scale(i) : coordinates_->first_scale(i));
+    coordinates_->set_scale(i, known ? before->scale(i) : first_scale(i));
   }
   judgement_ = judge_here();
   if (judgement_.curvature.accuracy > ill_known) measure_by_size();
   judgement_.bend.resize(x_.size() * x_.size());
   if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
   if (at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+}
+
+// What the Hessian of the covariance says, where there is one: no unit of a parameter then decides how its scale is
+// found. (Far from its optimum a parameter may seem to matter to nothing.)
+double FitEnd::first_scale(int i) const
+{
+  constexpr double most_lengths = 100.0;
+  const auto& hessian = n_.covstr->hessian;
+  const auto k = static_cast<std::size_t>(i);
+  const double curvature = !moved_ && hessian.present && n_.str->hfrm != 2 ? hessian.elements[k * (k + 3) / 2] : 0.0;
+  const double slope = coordinates_->slope(i), own = coordinates_->own_size(i);
+  const double unknown = coordinates_->first_scale(i);
+  if (!(curvature > 0.0 && slope > 0.0)) return unknown;
+  return std::min(1.0 / (slope * std::sqrt(curvature)), std::max(most_lengths * own, unknown));
 }
 
 Judgement FitEnd::judge_here()

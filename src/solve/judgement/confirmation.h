@@ -41,6 +41,7 @@ private:
   bool quickly_confirmed();
   // confirmation.cpp
   void assess();
+  double first_scale(int i) const;
   Judgement judge_here();
   void measure_by_size();
   void ask_by_parameters();

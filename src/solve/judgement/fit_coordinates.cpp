@@ -207,6 +207,17 @@ double FitCoordinates::first_scale(int i) const
   return i == logarithm_ ? 1.0 : std::max(1.0, share * own_size(i));
 }
 
+double FitCoordinates::slope(int i) const
+{
+  if (i == logarithm_) return std::exp(origin(i));
+  for (const Block& b : blocks_)
+    for (int r = 0; r < b.order; ++r)
+      for (int c = 0; c <= r; ++c)
+        if (b.parameter[packed(r, c)] == i)
+          return (r == c ? 2.0 : 1.0) * std::abs(origin_[static_cast<std::size_t>(b.parameter[packed(c, c)])]);
+  return 1.0;
+}
+
 double FitCoordinates::short_scale(int i) const
 {
   return own_size(i) > 0.0 ? 0.01 * own_size(i) : first_scale(i);

@@ -43,6 +43,8 @@ public:
 
   // first_scale: one to begin with where nothing is known.
   double first_scale(int i) const;
+  // slope: what a step of coordinate i changes of parameter i, before scales; 0 at a variance of 0.
+  double slope(int i) const;
   // short_scale: one that is short beside the parameter.
   double short_scale(int i) const;
 

@@ -23,10 +23,11 @@ std::size_t packed(std::size_t i, std::size_t j)
 
 // Whether the products tell something of parameter j. Rounding leaves 1e-32 of what there is to know; units reach less
 // far.
-bool known(const std::vector<double>& products, std::size_t j)
+bool known(const std::vector<double>& products, std::size_t j, double x)
 {
   constexpr double rounding = 1e-24;
-  return !products.empty() && products[packed(j, j)] > rounding && std::isfinite(products[packed(j, j)]);
+  const double size = x != 0.0 ? x * x : 1.0; // which the parameter's unit leaves out of it
+  return !products.empty() && products[packed(j, j)] * size > rounding && std::isfinite(products[packed(j, j)]);
 }
 
 // Subjects, or observations without random effects.
@@ -67,7 +68,7 @@ int start_metric(MINSTR* str)
   std::vector<double> products;
   if (integration::outer_products(n, products) != 0) return 1;
   for (std::size_t j = 0; j < n.parm.size(); ++j)
-    if (!known(products, j)) {
+    if (!known(products, j, n.parm[j])) {
       const double unit = unit_of(products, j, n.parm[j]);
       for (std::size_t k = 0; k < n.parm.size(); ++k) products[packed(j, k)] = j == k ? 1.0 / (unit * unit) : 0.0;
     }
@@ -77,7 +78,7 @@ int start_metric(MINSTR* str)
 
 double unit_of(const std::vector<double>& products, std::size_t j, double x)
 {
-  return known(products, j) ? 1.0 / std::sqrt(products[packed(j, j)]) : 1.0 + std::abs(x);
+  return known(products, j, x) ? 1.0 / std::sqrt(products[packed(j, j)]) : 1.0 + std::abs(x);
 }
 
 bool metric_follows(const NX& n)
