@@ -132,7 +132,7 @@ void warn_of_lengths(NX& n)
 // later.
 void note_later_uses(NX& n)
 {
-  const auto use = [&](const std::string& name) {
+  const auto use = [&](std::string_view name) {
     if (auto* const symbol = engine::cmpsyms(*n.gcmp, name); symbol != nullptr && symbol->assigned) symbol->used = true;
   };
   for (const auto& stmt : n.proc->statements)
