@@ -300,7 +300,7 @@ void forget_modes(NX& n)
   const bool predicted = n.programs.closing && !n.programs.factored && (n.nreff() == 1 || !n.ebiter) &&
                          length * n.nparm <= most_derivatives;
   for (std::vector<float>* v : {&n.ebes_by, &n.ebtrial_by}) size(*v, predicted ? length * n.nparm : 0);
-  const bool bent = predicted && n.needtriu && n.leaf().nr <= 3;
+  const bool bent = predicted && n.nreff() == 1 && n.needtriu && n.leaf().nr <= 3;
   for (std::vector<float>* v : {&n.ebes_bend, &n.ebtrial_bend})
     size(*v, bent ? subjects * modes::tetrahedron(n.leaf().nr) : 0);
   n.ebtrial_by_known = false;

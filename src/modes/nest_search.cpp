@@ -23,6 +23,8 @@ constexpr double largest = std::numeric_limits<double>::max();
 constexpr int all_levels = -1;
 constexpr int most_rounds = 1000; // of EBITER$
 constexpr int most_columns = 256; // of one run over the leaves
+// As `remainder` of one level; gradients of nests see the first power of what is left, and this is its square.
+constexpr double left_over = 1e-16;
 
 // What the search keeps to: fixed for the joint search, the options of one level when the levels take turns.
 struct Rules {
@@ -146,7 +148,9 @@ private:
     if (count == 0) return 0;
     if (const int rc = evaluate(n_.programs.closing, count, b_.curvature_sums.data(), closed_); rc != 0) return rc;
     closed_ += count;
+    closing_ = true;
     advance_all(b_.curvature_sums.data() + n_.programs.closing_mode(0) * b_.mode_stride);
+    closing_ = false;
     for (int nest = 0; nest < w_.nests; ++nest)
       w_.closed[static_cast<std::size_t>(nest)] = search(nest).state == ModeSearch::found ? 1 : 0;
     return 0;
@@ -272,12 +276,13 @@ private:
     const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
     const bool predicted =
         n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
-    if (step_u < rules_.step || noise || step_sd < negligible || predicted) {
+    const bool made_up_for = closing_ && step_sd < left_over;
+    if (step_u < rules_.step || noise || step_sd < negligible || predicted || made_up_for) {
       s.state = ModeSearch::found;
       add_determinants(nest);
       return;
     }
-    s.state = closes() && next_step(step_sd, s.previous) < negligible ? ModeSearch::near : ModeSearch::searching;
+    s.state = closes() && next_step(step_sd, s.previous) < left_over ? ModeSearch::near : ModeSearch::searching;
     s.previous = step_sd;
     if (++s.step >= rules_.steps) return give_up(nest);
     for_nodes(nest, [&](NestLevel& l, int level, int v) {
@@ -399,6 +404,7 @@ private:
   const bool closes_;      // the last evaluation is one of everything that is wanted at the modes
   const bool predicts_;    // starts follow the parameters from the accepted modes
   const bool starts_near_; // stored modes are those of this point, or have to do
+  bool closing_ = false;   // the sums in hand are those of the evaluation at the modes
   int closed_ = 0;         // columns of curvature_sums in use
   int level_ = all_levels; // whose subjects move
   bool turns_ = false;

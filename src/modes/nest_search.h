@@ -15,7 +15,8 @@ namespace torvale::modes {
 // the batch's. Returns 0 or the engine's code above 2. Allocates nothing.
 //
 // closes: the last evaluation of a search is one of programs.closing, whose sums are then in curvature_sums, in the
-// columns b.column of the leaves' slots.
+// columns b.column of the leaves' slots; `step` of the nodes is what then is left to the modes (1e-8
+// posterior deviations at most), which the caller makes up for.
 int nest_search(const model::NX& n, model::TVLThreadCtx& ctx, bool closes = false);
 
 // run_leaves: sums a program over the records of the slots in w.columns (count of them) at their effects u, in runs

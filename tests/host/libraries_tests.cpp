@@ -219,7 +219,11 @@ TEST(Libraries, AFileThatCannotBeWrittenLeavesTheOldOne)
   out->add_column("y", ColumnKind::numeric);
   EXPECT_EQ(s.libraries.xoclose(out, s.log), 1016);
   EXPECT_EQ(s.log.count(9012), 2);
-  EXPECT_EQ(s.first({"db.v", false, {}}), 7.0);
+  EXPECT_FALSE(s.libraries.xoopen({"db.v", false, {}}, s.log)); // the old one is no result of this run
+  EXPECT_EQ(s.log.count(9442), 1);
+  Places later;
+  later.libraries.bind_library("db", path);
+  EXPECT_EQ(later.first({"db.v", false, {}}), 7.0);
 }
 
 } // namespace torvale::host

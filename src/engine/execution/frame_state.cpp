@@ -189,14 +189,22 @@ int Frame::State::look_up(FrameProgram& f)
       table[k] = f.value_results.data() + (r + k) * stride;
       to[k] = f.distinct.data() + (r + k) * static_cast<std::size_t>(f.range_stride);
     }
-    const auto put = [&](std::int64_t i, std::int64_t row) {
-      const std::size_t at = value[row];
-      for (std::size_t k = 0; k < together; ++k) to[k][i] = table[k][at];
+    // Two records in one store.
+    const auto put = [&](const auto& row_of) {
+      std::int64_t i = 0;
+      for (; i + 1 < count; i += 2) {
+        const std::size_t here = value[row_of(i)], next = value[row_of(i + 1)];
+        for (std::size_t k = 0; k < together; ++k) {
+          const double two[] = {table[k][here], table[k][next]};
+          std::memcpy(to[k] + i, two, sizeof two);
+        }
+      }
+      for (std::size_t k = 0; k < together && i < count; ++k) to[k][i] = table[k][value[row_of(i)]];
     };
     if (records != nullptr)
-      for (std::int64_t i = 0; i < count; ++i) put(i, records[i]);
+      put([this](std::int64_t i) { return static_cast<std::int64_t>(records[i]); });
     else
-      for (std::int64_t i = 0; i < count; ++i) put(i, first + i);
+      put([this](std::int64_t i) { return first + i; });
     r += together;
   };
   while (r + 2 <= results) look(std::integral_constant<std::size_t, 2>());

@@ -242,7 +242,7 @@ void LaneRunner::hold_points_of(const Lanes& lanes, const Sources& sources)
 // vectors of so many values do not fit into the registers.
 bool LaneRunner::in_pairs(int lanes)
 {
-  constexpr int most_operations = 160;
+  constexpr int most_operations = 200;
   if (!can_be_paired_ || code_.operations > most_operations) return false;
   lanes_run_ += lanes;
   return lanes_run_ >= native_pairs_after() && lanes % (2 * lane_padding) == 0;

@@ -18,8 +18,12 @@ inline Lanes log_of_normal(Lanes x, Lanes c)
   const Lanes k = reinterpret_cast<Lanes>(((from_root + bias) >> 52) | whole) - all(offset);
   const Lanes m = reinterpret_cast<Lanes>((from_root & fraction) + root_half);
   const Lanes f = m - all(1.0), s = f / (all(2.0) + f), s2 = s * s, half_square = all(0.5) * f * f;
-  const Lanes curved = s * (half_square + s2 * polynomial(r, s2));
-  return k * all(log2_high) - ((half_square - (curved + (k * all(log2_low) + c))) - f);
+  // R in pairs, as the polynomial of the exponential: all that follows waits for it.
+  const Lanes s4 = s2 * s2;
+  const Lanes high = fused(s4, all(r[0]), fused(s2, all(r[1]), all(r[2])));
+  const Lanes low = fused(s4, fused(s2, all(r[3]), all(r[4])), fused(s2, all(r[5]), all(r[6])));
+  const Lanes curved = fused(s, fused(s2, fused(s4 * s4, high, low), half_square), fused(k, all(log2_low), c));
+  return k * all(log2_high) - ((half_square - curved) - f);
 }
 
 // log(x), x > 0 and infinite, subnormal numbers too; 0.7 ulp. -infinity at 0, NaN below.

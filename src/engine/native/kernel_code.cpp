@@ -277,9 +277,17 @@ private:
     return true;
   }
 
-  // "a >= b is false, and b is a number."
+  bool present(int j) const
+  {
+    return registers_.plan().values[static_cast<std::size_t>(op_.in[static_cast<std::size_t>(j)])].present;
+  }
+
+  // "a >= b is false, and b is a number." Where one of them is known to be a number, one comparison of the hardware
+  // answers for a missing value as well.
   bool less(int i, int j)
   {
+    if (present(i)) return compare(Predicate::less, i, j);
+    if (present(j)) return compare(Predicate::not_less_equal, j, i);
     const int a = number(i), b = number(j), r = out();
     code_.compare(m_, Predicate::not_less_equal, b, reg(a));
     code_.compare(n_, Predicate::ordered, b, reg(b));
@@ -289,6 +297,8 @@ private:
 
   bool less_equal(int i, int j)
   {
+    if (present(i)) return compare(Predicate::less_equal, i, j);
+    if (present(j)) return compare(Predicate::not_less, j, i);
     const int a = number(i), b = number(j), r = out();
     code_.compare(m_, Predicate::less_equal, a, reg(b));
     code_.compare(n_, Predicate::unordered, a, reg(a));

@@ -65,7 +65,7 @@ private:
   bool log1p_fraction();
   bool exp_mean();
   struct LogarithmRegisters {
-    int k, s, half, s2, curved;
+    int k, s, half, s2, low, curved;
     int term; // what is added to the logarithm; -1: nothing
     int result;
   };

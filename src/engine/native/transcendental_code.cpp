@@ -102,7 +102,7 @@ bool TranscendentalWriter::log1p_fraction()
 TranscendentalWriter::LogarithmRegisters TranscendentalWriter::take_registers(int term)
 {
   LogarithmRegisters at{};
-  for (int* const r : {&at.k, &at.s, &at.half, &at.s2, &at.curved}) *r = registers_.temporary();
+  for (int* const r : {&at.k, &at.s, &at.half, &at.s2, &at.low, &at.curved}) *r = registers_.temporary();
   at.term = term;
   at.result = out();
   return at;
@@ -111,7 +111,7 @@ TranscendentalWriter::LogarithmRegisters TranscendentalWriter::take_registers(in
 // log_of_normal of lane_logarithm.h.
 void TranscendentalWriter::log_of_normal(int a, const LogarithmRegisters& at)
 {
-  const auto [k, s, half, s2, curved, term, result] = at;
+  const auto [k, s, half, s2, low, curved, term, result] = at;
   code_.subtract_bits(t_, a, constant(Constant::log_root_half));
   code_.add_bits(k, t_, constant(Constant::log_bias));
   code_.shift_right(k, k, 52);
@@ -123,16 +123,27 @@ void TranscendentalWriter::log_of_normal(int a, const LogarithmRegisters& at)
   code_.arithmetic(Arithmetic::add, s, t_, constant(Constant::two));
   code_.arithmetic(Arithmetic::divide, s, t_, reg(s));
   code_.arithmetic(Arithmetic::multiply, s2, s, reg(s));
+  const auto linear = [&](int to, int j) { // r[j] s2 + r[j + 1]
+    code_.move(to, constant(Constant::log_r + j));
+    code_.multiply_plus(to, s2, constant(Constant::log_r + (j + 1)));
+  };
+  const int s4 = result, high = curved;
+  code_.arithmetic(Arithmetic::multiply, s4, s2, reg(s2));
+  linear(high, 1);
+  code_.add_product(high, s4, constant(Constant::log_r));
+  linear(low, 3);
+  linear(half, 5);
+  code_.multiply_plus(low, s4, reg(half));
+  code_.arithmetic(Arithmetic::multiply, s4, s4, reg(s4));
+  code_.multiply_plus(curved, s4, reg(low));
   code_.arithmetic(Arithmetic::multiply, half, t_, constant(Constant::half));
   code_.arithmetic(Arithmetic::multiply, half, half, reg(t_));
-  code_.move(curved, constant(Constant::log_r));
-  for (int j = 1; j < 7; ++j) code_.multiply_plus(curved, s2, constant(Constant::log_r + j));
-  code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s2));
-  code_.arithmetic(Arithmetic::add, curved, curved, reg(half));
-  code_.arithmetic(Arithmetic::multiply, curved, curved, reg(s));
-  code_.arithmetic(Arithmetic::multiply, s2, k, constant(Constant::log2_low));
-  if (term >= 0) code_.arithmetic(Arithmetic::add, s2, s2, reg(term));
-  code_.arithmetic(Arithmetic::add, curved, curved, reg(s2));
+  code_.multiply_plus(curved, s2, reg(half));
+  if (term >= 0)
+    code_.add_product(term, k, constant(Constant::log2_low));
+  else
+    code_.arithmetic(Arithmetic::multiply, s2, k, constant(Constant::log2_low));
+  code_.multiply_plus(curved, s, reg(term >= 0 ? term : s2));
   code_.arithmetic(Arithmetic::subtract, half, half, reg(curved));
   code_.arithmetic(Arithmetic::subtract, half, half, reg(t_));
   code_.arithmetic(Arithmetic::multiply, k, k, constant(Constant::log2_high));

@@ -34,8 +34,12 @@ public:
 
   bool run()
   {
-    for (std::size_t k = 0; k < code_.fixed.size(); ++k)
-      held(code_.fixed[k].reg) = value(PlanValue::From::fixed, false, static_cast<std::int32_t>(k));
+    for (std::size_t k = 0; k < code_.fixed.size(); ++k) {
+      const Fixed& fixed = code_.fixed[k];
+      const ValueId v = value(PlanValue::From::fixed, false, static_cast<std::int32_t>(k));
+      held(fixed.reg) = v;
+      plan_.values[static_cast<std::size_t>(v)].present = fixed.constant && fixed.value == fixed.value;
+    }
     for (const Step& s : code_.steps)
       if (!step(s)) return false;
     if (pending_ != no_value) look_for_nan(pending_, pending_);

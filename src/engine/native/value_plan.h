@@ -17,6 +17,7 @@ inline constexpr ValueId no_value = -1;
 struct PlanValue {
   enum class From : std::uint8_t { operation, input, fixed } from = From::operation;
   bool mask = false;                           // true or false in the form of the machine's comparisons
+  bool present = false;                        // a constant that is not missing
   std::int32_t half = 0;                       // of a pair: which of the two vectors it is of
   std::int32_t index = 0;                      // of the input or the fixed register
   std::int32_t first_use = 0, end_of_uses = 0; // its part of ValuePlan::uses

@@ -412,43 +412,52 @@ int Libraries::check_outputs(MessageSink& log) const
   return 0;
 }
 
+int Libraries::write_out(OutputDataSet& output, MessageSink& log)
+{
+  if (is_input(output, log, {})) return 3000; // read after it was opened
+  std::vector<std::pair<std::size_t, std::string>> chosen;
+  if (output_columns(output.data_.column_names(), output.options_, log, chosen) != 0) return 3000;
+  if (keep_where(output.data_, output.options_, log) != 0) return 3000;
+  DataSet data;
+  Written written{.path = output.path_, .kinds = {}};
+  for (auto& [index, name] : chosen) {
+    Column column = std::move(output.data_.columns()[index]);
+    column.rename(name);
+    written.kinds[wzstrlo(name)] = column.kind();
+    written.looks[wzstrlo(name)] = {column.label(), column.format()};
+    data.add(std::move(column));
+  }
+  data.name = output.data_.name;
+  if (write_nothing_) {
+    for (const std::string& key : output_keys(output.data_.name, output.path_, output.member_)) unwritten_[key] = data;
+    return 0;
+  }
+  const bool database = is_database(output.path_);
+  const int code =
+      database ? write_sqlite(data, output.path_, output.member_, log) : write_csv(data, output.path_, log);
+  if (code != 0) return 1016;
+
+  const std::string shown = fs::path(output.path_).lexically_proximate(places_.output_folder).string();
+  log.xpmlog(message::data_set_written{
+      .data = data.name, .rows = data.rows(), .columns = data.columns().size(), .file = shown});
+  finished_.push_back({data.name, shown, data.rows()});
+  written_[data.name] = std::move(written);
+  return 0;
+}
+
 int Libraries::xoclose(OutputDataSet* output, MessageSink& log)
 {
   const auto at = std::find_if(open_.begin(), open_.end(), [&](auto& o) { return o.get() == output; });
   if (at == open_.end()) return 1016;
   const std::unique_ptr<OutputDataSet> owned = std::move(*at);
   open_.erase(at);
-
-  if (is_input(*owned, log, {})) return 3000; // read after it was opened
-  std::vector<std::pair<std::size_t, std::string>> chosen;
-  if (output_columns(owned->data_.column_names(), owned->options_, log, chosen) != 0) return 3000;
-  if (keep_where(owned->data_, owned->options_, log) != 0) return 3000;
-  DataSet data;
-  Written written{.path = owned->path_, .kinds = {}};
-  for (auto& [index, name] : chosen) {
-    Column column = std::move(owned->data_.columns()[index]);
-    column.rename(name);
-    written.kinds[wzstrlo(name)] = column.kind();
-    written.looks[wzstrlo(name)] = {column.label(), column.format()};
-    data.add(std::move(column));
-  }
-  data.name = owned->data_.name;
-  if (write_nothing_) {
-    for (const std::string& key : output_keys(owned->data_.name, owned->path_, owned->member_)) unwritten_[key] = data;
-    return 0;
-  }
-  const bool database = is_database(owned->path_);
-  const int code =
-      database ? write_sqlite(data, owned->path_, owned->member_, log) : write_csv(data, owned->path_, log);
-  if (code != 0) return 1016;
-
-  const std::string shown = fs::path(owned->path_).lexically_proximate(places_.output_folder).string();
-  log.xpmlog(message::data_set_written{
-      .data = data.name, .rows = data.rows(), .columns = data.columns().size(), .file = shown});
-  finished_.push_back({data.name, shown, data.rows()});
-  for (const std::string& key : output_keys(data.name, owned->path_, owned->member_)) lost_.erase(key);
-  written_[data.name] = std::move(written);
-  return 0;
+  const int code = write_out(*owned, log);
+  for (const std::string& key : output_keys(owned->data_.name, owned->path_, owned->member_))
+    if (code == 0)
+      lost_.erase(key);
+    else
+      lost_.insert(key);
+  return code;
 }
 
 // An output that its failed step has nothing for: nobody may take the file of an earlier run for it.

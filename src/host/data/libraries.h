@@ -130,6 +130,7 @@ private:
                                        const MessagePlace& place);
   bool is_input(const OutputDataSet& output, MessageSink& log, const MessagePlace& place) const;
   std::string input_key(const DataSetReference& reference) const;
+  int write_out(OutputDataSet& output, MessageSink& log);
   void lose(const OutputDataSet& output, MessageSink& log);
 
   Places places_;
@@ -141,7 +142,7 @@ private:
   std::map<std::string, std::string> libraries_; // lower-case library -> folder or SQLite file
   std::map<std::string, Written> written_;       // lower-case "library.member" -> what this run wrote
   std::map<std::string, DataSet> unwritten_;     // by output_keys: what write_nothing kept from being written
-  std::set<std::string> lost_;                   // by output_keys: what a failed step did not write
+  std::set<std::string> lost_;                   // by output_keys: what was not written
   bool write_nothing_ = false;
   std::set<std::string> inputs_;                 // files (and tables) that may not be written: see file_key
   std::map<std::string, DataSet> streams_;       // path of a pipe or device, which gives its data once -> what it gave

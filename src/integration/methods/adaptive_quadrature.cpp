@@ -20,6 +20,12 @@ namespace {
 void note_null_directions(const NX& n, BatchWork& b)
 {
   const int nr = n.leaf().nr, nrs = n.leaf().nrs;
+  const auto has_null = [&](const double* l) {
+    for (int i = 0; i < nr; ++i)
+      if (l[matrix::packed_diagonal(i)] == 0.0) return true;
+    return false;
+  };
+  if (!n.leaf().setup_varies && !has_null(b.factor.data())) return; // the factor of all of them
   const bool at_mode = taken_at_modes(n, b, true);
   for (int slot = 0; slot < b.slots; ++slot) {
     const auto s = static_cast<std::size_t>(slot);

@@ -64,17 +64,27 @@ public:
       for (std::size_t k = 1; k < w_.level.size(); ++k)
         for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) node_sums(k, v);
       note_null_directions();
+      if (n_.adaptive && single_point()) add_left_steps(-0.5);
     });
-    if (singles && n_.adaptive)
-      through_single_modes(n_, ctx_);
-    else if (n_.adaptive)
-      for_good([&] { through_modes(); });
+    if (n_.adaptive) add_modes(singles);
     for_good([&] {
       for (std::size_t k = 0; k < w_.level.size(); ++k) through_arguments(k);
     });
   }
 
 private:
+  void add_modes(bool singles)
+  {
+    if (n_.adscale && singles) through_single_curvature(n_, ctx_);
+    for_good([&] {
+      if (n_.adscale && !singles) through_scale();
+      add_left_steps(1.0);
+      if (!singles) through_modes();
+    });
+    if (singles) through_single_modes(n_, ctx_);
+    for_good([&] { finish_steps(); });
+  }
+
   template <class F> void for_good(F&& f)
   {
     for (int nest = 0; nest < w_.nests; ++nest) {
@@ -311,16 +321,48 @@ private:
 
   // --- modes and scale ---
 
+  void through_scale()
+  {
+    NestLevel& leaf = w_.level.front();
+    for (std::size_t k = w_.level.size(); k-- > 0;)
+      for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) front_adjoint(k, v);
+    for (int v = first(leaf); v < last(leaf); ++v) through_curvature(v);
+  }
+
   void through_modes()
   {
     NestLevel& leaf = w_.level.front();
-    if (n_.adscale) {
-      for (std::size_t k = w_.level.size(); k-- > 0;)
-        for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) front_adjoint(k, v);
-      for (int v = first(leaf); v < last(leaf); ++v) through_curvature(v);
-    }
     modes::solve(w_, static_cast<int>(nest_), &NestLevel::mode_bar);
     for (int v = first(leaf); v < last(leaf); ++v) through_leaf_mode(v);
+  }
+
+  // What the steps that the search has left to the modes add to the value, to first order: mode_bar has what the value
+  // loses with the modes. At the only point what comes from the point itself vanishes at the mode, and counts by half.
+  void add_left_steps(double share)
+  {
+    double t = 0.0;
+    for (const NestLevel& l : w_.level)
+      for (long k = static_cast<long>(first(l)) * l.own; k < static_cast<long>(last(l)) * l.own; ++k)
+        t += l.mode_bar[static_cast<std::size_t>(k)] * l.step[static_cast<std::size_t>(k)];
+    w_.value[nest_] += share * t;
+  }
+
+  bool single_point() const
+  {
+    return std::all_of(w_.level.begin(), w_.level.end(), [](const NestLevel& l) { return l.points == 1; });
+  }
+
+  // The modes go to their ends.
+  void finish_steps()
+  {
+    for (NestLevel& l : w_.level)
+      for (int v = first(l); v < last(l); ++v) {
+        const double* const factor = modes::factor_of(l, v);
+        const double* const step = l.step.data() + static_cast<long>(v) * l.own;
+        double* const u = l.u.data() + static_cast<long>(v) * l.own;
+        for (int i = 0; i < l.own; ++i)
+          for (int k = 0; k <= i; ++k) u[i] -= factor[packed(i, k)] * step[k];
+      }
   }
 
   // The adjoint of a node's front from that of its parent's.

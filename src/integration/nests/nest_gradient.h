@@ -14,8 +14,9 @@ void nest_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
 // nests.
 void sum_single_leaves(const model::NX& n, model::TVLThreadCtx& ctx);
 
-// through_single_modes: what the modes of good nests and the scale of their points add, where every level has one
-// effect; after the sums over the points.
+// through_single_curvature, through_single_modes: what the scale of the points of good nests and then their modes add,
+// where every level has one effect; after the sums over the points.
+void through_single_curvature(const model::NX& n, model::TVLThreadCtx& ctx);
 void through_single_modes(const model::NX& n, model::TVLThreadCtx& ctx);
 
 } // namespace torvale::integration

@@ -30,16 +30,20 @@ public:
   {
   }
 
-  void run()
+  void curvature()
   {
-    for (std::size_t k = w_.level.size(); n_.adscale && k-- > 1;)
+    for (std::size_t k = w_.level.size(); k-- > 1;)
       for_nodes(k, [&](const SlotGroup<T>& nodes) {
         T bar[triangle];
         const int elements = w_.level[k].chain() * (w_.level[k].chain() + 1) / 2;
         front_adjoint(k, nodes, bar);
         for (int e = 0; e < elements; ++e) nodes.scatter(bar[e], w_.level[k].front_bar.data() + e, elements);
       });
-    if (n_.adscale) for_nodes(0, [&](const SlotGroup<T>& leaves) { through_curvature(leaves); });
+    for_nodes(0, [&](const SlotGroup<T>& leaves) { through_curvature(leaves); });
+  }
+
+  void through_modes()
+  {
     for (std::size_t k = 0; k + 1 < w_.level.size(); ++k)
       for_nodes(k, [&](const SlotGroup<T>& nodes) { pull_ancestors(k, nodes); });
     for (std::size_t k = w_.level.size(); k-- > 0;)
@@ -207,23 +211,35 @@ private:
   const int np_, levels_;
 };
 
-template <class T> void run_through(const NX& n, TVLThreadCtx& ctx)
+enum class Part { curvature, modes };
+
+template <class T> void run_part(const NX& n, TVLThreadCtx& ctx, Part part)
 {
-  SingleModes<T>(n, ctx).run();
+  SingleModes<T> single(n, ctx);
+  return part == Part::curvature ? single.curvature() : single.through_modes();
 }
-TORVALE_AVX2_BUILD void run_through_avx2(const NX& n, TVLThreadCtx& ctx)
+TORVALE_AVX2_BUILD void run_part_avx2(const NX& n, TVLThreadCtx& ctx, Part part)
 {
-  run_through<Four>(n, ctx);
+  run_part<Four>(n, ctx, part);
+}
+
+void run(const NX& n, TVLThreadCtx& ctx, Part part)
+{
+  modes::list_good_nests(ctx.nests);
+  static const auto build = evaluation::build_for_machine(run_part<Four>, run_part_avx2);
+  build(n, ctx, part);
 }
 
 } // namespace
 
+void through_single_curvature(const NX& n, TVLThreadCtx& ctx)
+{
+  run(n, ctx, Part::curvature);
+}
+
 void through_single_modes(const NX& n, TVLThreadCtx& ctx)
 {
-  NestWork& w = ctx.nests;
-  modes::list_good_nests(w);
-  static const auto build = evaluation::build_for_machine(run_through<Four>, run_through_avx2);
-  build(n, ctx);
+  run(n, ctx, Part::modes);
 }
 
 } // namespace torvale::integration

@@ -483,7 +483,9 @@ int sum_curvature(const NX& n, TVLThreadCtx& ctx)
 int sum_at_modes(const NX& n, TVLThreadCtx& ctx, int active, int column)
 {
   BatchWork& b = ctx.batch;
-  for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
+  modes::unrolled(n.leaf().nr, [&](auto order) {
+    for (int a = 0; a < active; ++a) modes::place_point<order()>(n, b, b.active[static_cast<std::size_t>(a)], a);
+  });
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const bool factored = b.factored.in_use;
   const model::ModelProgram& program = factored          ? n.programs.factored.closing

@@ -10,6 +10,7 @@
 #include "run/statements/idle_options.h"
 #include "syntax/statement_names.h"
 #include "syntax/tree.h"
+#include "syntax/walk.h"
 
 #include <algorithm>
 #include <array>
@@ -127,6 +128,24 @@ void warn_of_lengths(NX& n)
   }
 }
 
+// What PREDICT, ESTIMATE and the like, and ID, read of the program is used, though their expressions are compiled
+// later.
+void note_later_uses(NX& n)
+{
+  const auto use = [&](std::string_view name) {
+    if (auto* const symbol = engine::cmpsyms(*n.gcmp, name); symbol != nullptr && symbol->assigned) symbol->used = true;
+  };
+  for (const auto& stmt : n.proc->statements)
+    for (const auto& list : stmt.fld)
+      for (const auto& item : list.list) {
+        if (stmt.name == "TORVALE" && !item.text.empty()) use(item.text);
+        if (item.expr == nullptr) continue;
+        syntax::each_expression(item.expr, [&](const syntax::Expr& e) {
+          if (e.kind == syntax::ExprKind::variable) use(e.name);
+        });
+      }
+}
+
 void end_on_errors(NX& n, int return_code)
 {
   if (log_diagnostics(n) > 0) tvlexit(n, return_code);
@@ -160,6 +179,7 @@ void tvlinit(NX& n)
   if (const auto at = n.fid->xvfind(n.depname); !(n.depsym != nullptr && n.depsym->assigned))
     n.depsym = engine::cmpsymg(*n.gcmp, n.depname, static_cast<int>(at) + 1, 'n');
 
+  note_later_uses(n);
   int undefined = 0, unused = 0, faults = 0;
   engine::cmpchck(*n.gcmp, undefined, unused, faults);
   const int errors = log_diagnostics(n);

@@ -37,6 +37,7 @@ private:
   // technique_run.cpp
   void set_scales();
   int run_technique();
+  void ask_for_sharp_end();
   bool technique_goes_on(int code, double start);
   bool quickly_confirmed();
   // confirmation.cpp

@@ -145,6 +145,17 @@ std::string names_of(const ModelLists& n, const std::vector<int>& parameters)
   return text;
 }
 
+// A parameter without an error of its own, at the end of what it may be, has no covariances: what rounding leaves of
+// them depends on the order of the data.
+void leave_out(NX& n, int parameter)
+{
+  for (int k = 0; k < n.nparm && !n.covmat.empty(); ++k) {
+    const auto r = static_cast<std::size_t>(std::max(parameter, k)),
+               c = static_cast<std::size_t>(std::min(parameter, k));
+    n.covmat[r * (r + 1) / 2 + c] = 0.0;
+  }
+}
+
 } // namespace
 
 void take_judgement(NX& n, const FitEnd& end)
@@ -172,11 +183,14 @@ void missing_errors(NX& n)
     if (verdict.identified[i] == 0) n.str->ster[i] = host::missing;
   for (const int i : verdict.vanished) {
     n.str->ster[i] = host::missing;
-    // As at a bound; what rounding has left of the row depends on the order of the data.
-    for (int k = 0; k < n.nparm && !n.covmat.empty(); ++k) {
-      const auto r = static_cast<std::size_t>(std::max(i, k)), c = static_cast<std::size_t>(std::min(i, k));
-      n.covmat[r * (r + 1) / 2 + c] = 0.0;
-    }
+    leave_out(n, i);
+  }
+  for (const int i : verdict.at_bounds) {
+    const double error = n.str->ster[i];
+    const auto d = static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2;
+    constexpr double sound = 0.5; // an element of an inverse times that of the matrix is 1 at least
+    const bool held = std::isnan(error) || (!n.hessmat.empty() && error * error * n.hessmat[d] < sound);
+    if (held) leave_out(n, i);
   }
 }
 

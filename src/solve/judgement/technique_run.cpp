@@ -69,6 +69,15 @@ void FitEnd::set_scales()
   str.scale = scales_.data();
 }
 
+// GCONV is relative to the objective, what shows in the printed digits of estimates and standard errors is not: unless
+// the user has said where to stop, the run goes on for that too.
+void FitEnd::ask_for_sharp_end()
+{
+  MINSTR& str = *n_.str;
+  const double size = std::max(std::abs(str.crit), str.fsiz);
+  if (!given_by_user(n_, optimizer::code_gconv)) str.gtol = std::min(str.gtol, std::max(sharp_gain / size, 1e-13));
+}
+
 // The technique to its own end, and once more where the Hessian at the end promises more than it asked for.
 int FitEnd::run_technique()
 {
@@ -78,6 +87,8 @@ int FitEnd::run_technique()
   const int load = str.load;
   const double gconv = str.gtol, absgconv = str.agtl;
   const auto termination = std::exchange(str.uster, nlpterm_at_edge);
+  // At once where steps are short of a Newton step by little: another one costs less than another Hessian.
+  if (str.tech != static_cast<int>(optimizer::CONGRA) && approximates_hessian(str.tech)) ask_for_sharp_end();
   for (int restart = 0;; ++restart) {
     n_.optimizer_messages.clear();
     n_.dependencies.clear();
@@ -102,8 +113,7 @@ int FitEnd::run_technique()
 }
 
 // A run that carries an approximation of the Hessian stops early where the true one promises more than GCONV
-// allows: it goes on with the true one as its metric, as long as that pays. GCONV is relative to the objective, what
-// shows in the printed digits of estimates and standard errors is not: the run goes on for that too.
+// allows: it goes on with the true one as its metric, as long as that pays.
 bool FitEnd::technique_goes_on(int code, double start)
 {
   MINSTR& str = *n_.str;
@@ -112,9 +122,8 @@ bool FitEnd::technique_goes_on(int code, double start)
   if (!unsure || !approximates_hessian(str.tech) || given_by_user(n_, code) || limits_reached(str)) return false;
   if (!quickly_confirmed()) return false;
   const double promised = 0.5 * judgement_.gain; // in the objective
-  const double size = std::max(std::abs(str.crit), str.fsiz);
-  if (!given_by_user(n_, optimizer::code_gconv)) str.gtol = std::min(str.gtol, std::max(sharp_gain / size, 1e-13));
-  const double allowed = 0.5 * size * str.gtol;
+  ask_for_sharp_end();
+  const double allowed = 0.5 * std::max(std::abs(str.crit), str.fsiz) * str.gtol;
   if (!(promised > allowed && start - str.crit > 0.1 * promised)) return false;
   if (!given_by_user(n_, optimizer::code_absgconv)) str.agtl = 0.0; // of gradients that the run has passed
   n_.metric = n_.covstr->hessian.elements;

@@ -104,9 +104,9 @@ constexpr CatalogueEntry entries[] = {
     {503, 9441, "data_set_not_written", N,
      "The data set {name} was not written: the step failed and has no rows for it[; {left}].", "", ""},
     {503, 9442, "data_set_of_failed_step", E,
-     "The data set {name} was to be written by a step of this run that failed; one of an earlier run is not taken for "
-     "it.",
-     "", "Mend the step that writes it."},
+     "The data set {name} was to be written by an earlier step of this run, and was not; one of an earlier run is not "
+     "taken for it.",
+     "", "Mend what that step says of it."},
     {503, 9027, "database_table_not_read", E, "Table {table} of the database {file} cannot be read: {reason}.", "",
      "Mend the name of the table, or make the file again: SQLite itself cannot read it."},
     {503, 9028, "renamed_to_same_name", E, "Two variables would be named {name} after RENAME=.", "",
