@@ -11,7 +11,7 @@ namespace torvale::data {
 
 namespace {
 
-constexpr std::size_t block_rows = 8192;
+constexpr std::size_t block_rows = 4096;
 
 // The subject values of a level, as the rows of the group have them.
 struct LevelKeys {
@@ -43,25 +43,26 @@ struct BlockSubjects {
 // What is known of a block's rows while its levels are gone through, the outermost first.
 struct BlockRows {
   std::size_t first = 0, count = 0;
-  std::array<std::uint8_t, block_rows> starts{}; // 1: a subject of the last level starts at the row
+  std::array<std::uint64_t, block_rows> starts{}; // 1: a subject of the last level starts at the row
   std::array<std::int32_t, block_rows> parent, start;
 };
 
 // Marks the rows 1 to count - 1 whose value differs from that of the row before. Not 0 where one is missing, or falls
 // within an outer subject though it must grow.
-template <class Key> std::uint64_t mark_changes(const Key* keys, std::size_t count, bool grow, std::uint8_t* starts)
+template <class Key> std::uint64_t mark_changes(const Key* keys, std::size_t count, bool grow, std::uint64_t* starts)
 {
-  Key refused = 0; // as wide as the values
+  const std::uint64_t growing = grow ? 1U : 0U;
+  std::uint64_t refused = 0; // all as wide as numbers, for vectors
   for (std::size_t i = 1; i < count; ++i) {
-    const bool falls = grow & (keys[i] < keys[i - 1]) & (starts[i] == 0);
-    refused = falls | (keys[i] != keys[i]) ? Key{1} : refused;
-    starts[i] = static_cast<std::uint8_t>(starts[i] | static_cast<std::uint8_t>(keys[i] != keys[i - 1]));
+    const std::uint64_t falls = keys[i] < keys[i - 1] ? growing : 0U, missing = keys[i] != keys[i] ? 1U : 0U;
+    refused |= (falls & ~starts[i]) | missing;
+    starts[i] |= keys[i] != keys[i - 1] ? 1U : 0U;
   }
-  return refused == 0 ? 0U : 1U;
+  return refused;
 }
 
 template <class Key>
-TORVALE_AVX2_BUILD std::uint64_t mark_changes_avx2(const Key* keys, std::size_t count, bool grow, std::uint8_t* starts)
+TORVALE_AVX2_BUILD std::uint64_t mark_changes_avx2(const Key* keys, std::size_t count, bool grow, std::uint64_t* starts)
 {
   return mark_changes(keys, count, grow, starts);
 }
@@ -73,7 +74,7 @@ bool take_level(const Key* keys, Key missing, bool grow, bool outermost, BlockRo
   static const auto mark = evaluation::build_for_machine(mark_changes<Key>, mark_changes_avx2<Key>);
   if (!outermost) {
     std::int32_t outer = -1;
-    for (std::size_t i = 0; i < rows.count; ++i) rows.parent[i] = outer += rows.starts[i];
+    for (std::size_t i = 0; i < rows.count; ++i) rows.parent[i] = outer += static_cast<std::int32_t>(rows.starts[i]);
   }
   // The first row stands beside the last of the block before.
   const Key* const here = keys + rows.first;
