@@ -61,4 +61,22 @@ TEST(Advice, DecimalCommasAreThoseOfParmsAlone)
 
 } // namespace
 
+// What only PREDICT, ESTIMATE or ID read is used; a variable that nothing reads is told.
+TEST(Advice, VariablesThatLaterStatementsRead)
+{
+  const std::string model =
+      "PARMS a=1 b=0 s2=1; BOUNDS s2 > 0; p = a + b*x; q = 2*a; r = x*x; MODEL x ~ NORMAL(a + b*y, s2);";
+  const auto noted = [](const tests::Run& run, const std::string& name) {
+    return run.log.find("The variable " + name + " is given a value that no statement uses") != std::string::npos;
+  };
+  const auto none = run_on(rows, model);
+  const auto all =
+      run_text("TORVALE DATA=orange; ID r; PARMS a=1 s2=1; BOUNDS s2 > 0; p = a + day; q = 2*a; r = day*day;"
+               "MODEL circumference ~ NORMAL(a, s2); PREDICT p; ESTIMATE 'q' q; RUN;");
+  for (const char* name : {"p", "q", "r"}) {
+    EXPECT_TRUE(noted(none, name)) << name << none.log;
+    EXPECT_FALSE(noted(all, name)) << name << all.log;
+  }
+}
+
 } // namespace torvale::tests
