@@ -176,6 +176,20 @@ TEST(Convergence, UnitsDoNotMatter)
   }
 }
 
+// From variances far too small steps end at the edge of semidefiniteness of G; in its factors the fit goes on.
+TEST(Convergence, DoesNotCreepAlongTheEdgeOfG)
+{
+  for (const std::string technique : {"", "TECHNIQUE=TRUREG", "TECHNIQUE=NEWRAP"}) {
+    const auto run =
+        run_text("TORVALE DATA=sleepstudy " + technique +
+                 "; PARMS b0=0 b1=-10 s2u=1 c=0 s2v=10 s2=100; MODEL reaction ~ NORMAL(b0 + u + (b1 + v)*days, s2);"
+                 "RANDOM u v ~ NORMAL([0, 0], [s2u, c, s2v]) SUBJECT=subject; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << technique << run.log;
+    EXPECT_NEAR(minus2(run), 1751.93934, 1e-4) << technique << run.log;
+    EXPECT_LT(run.column("IterHistory", "Calls").back(), 600) << technique;
+  }
+}
+
 // In units of a power of two no bit of the technique's run changes, though at such a start the curve is all but a step
 // and hardly depends on its place and slope.
 TEST(Convergence, UnitsOfAPowerOfTwoChangeNoStep)

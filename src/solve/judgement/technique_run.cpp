@@ -1,11 +1,13 @@
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
+#include "solve/course/course.h"
 #include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
 #include "solve/start/start_metric.h"
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace torvale::solve {
 
@@ -15,6 +17,34 @@ namespace {
 
 constexpr double most_lengths = 100.0; // of a parameter in its unit
 constexpr int most_restarts = 4;       // of the technique
+constexpr double creeping = 0.05;      // gain of an iteration, in the objective
+
+// Whether the last iteration had an evaluation that failed because G is not positive semidefinite there: no factor has
+// such elements.
+bool cut_by_edge(const model::NX& n)
+{
+  if (n.failed_parm.size() != n.parm.size() || n.failed_iteration != n.str->nitr) return false;
+  const FitCoordinates c(n, n.failed_parm.data());
+  if (c.edge_diagonals().empty()) return false;
+  const std::vector<double> origin(n.parm.size(), 0.0);
+  std::vector<double> x(n.parm.size());
+  c.parameters(origin.data(), x.data());
+  constexpr double rounding = 1e-9;
+  for (std::size_t i = 0; i < x.size(); ++i)
+    if (std::abs(x[i] - n.failed_parm[i]) > rounding * std::abs(n.failed_parm[i])) return true;
+  return false;
+}
+
+// The parameters have an edge where G stops to be semidefinite, and steps that end there become shorter and shorter. In
+// factors of G there is none: from a step on that is cut there and brings little the fit goes on in these.
+int nlpterm_at_edge(MINSTR* str, int job)
+{
+  auto& n = *static_cast<model::NX*>(str->comstr);
+  const double before = n.cold;
+  const int code = nlpterm(str, job);
+  const bool ended = code == 0 && job > 0 && job % 2 == 1;
+  return ended && before - str->crit < creeping && cut_by_edge(n) ? optimizer::code_no_progress : code;
+}
 
 } // namespace
 
@@ -56,6 +86,7 @@ int FitEnd::run_technique()
   int code = 0;
   const int load = str.load;
   const double gconv = str.gtol, absgconv = str.agtl;
+  const auto termination = std::exchange(str.uster, nlpterm_at_edge);
   // At once where steps are short of a Newton step by little: another one costs less than another Hessian.
   if (str.tech != static_cast<int>(optimizer::CONGRA) && approximates_hessian(str.tech)) ask_for_sharp_end();
   for (int restart = 0;; ++restart) {
@@ -75,6 +106,7 @@ int FitEnd::run_technique()
     integration::nlpfunc(&str);
   }
   str.load = load;
+  str.uster = termination;
   str.gtol = gconv;
   str.agtl = absgconv;
   return code;
