@@ -54,8 +54,9 @@ public:
   int run(const std::vector<int>& slots, std::vector<double>& lost)
   {
     if (const int rc = find_heights(slots); rc != 0) return rc;
-    for (int d = 0; d <= 2 * nr_; ++d) // a run of the program takes one line of each slot
-      for (const int slot : slots) add_line(slot, d);
+    for (const double part : {1.0, 0.25}) // the whole line; once more, denser, what is near
+      for (int d = 0; d <= 2 * nr_; ++d)  // a run of the program takes one line of each slot
+        for (const int slot : slots) add_line(slot, d, part);
     if (const int rc = sweep([this](Line& line, const double* f) { look(line, f); }); rc != 0) return rc;
     std::erase_if(lines_, [](const Line& line) { return !line.rises; });
     for (int round = 0; round < closer_looks; ++round)
@@ -74,7 +75,7 @@ private:
   const double* mode(int slot) const { return b_.z.data() + static_cast<long>(slot) * nr_; }
 
   // Line d of a slot: up and down every axis, then through the origin.
-  void add_line(int slot, int d)
+  void add_line(int slot, int d, double part)
   {
     const double* const z = mode(slot);
     Line line;
@@ -93,6 +94,7 @@ private:
       line.length = norm + prior_end;
     }
     const long matrix = static_cast<long>(slot) * n_.leaf().nrs;
+    line.length *= part;
     line.step = line.length / line_points;
     line.width = 1.0 / distance(b_.covariance.data() + matrix, true, line.direction);
     line.reach = farthest_point() / distance(b_.spread.data() + matrix, false, line.direction);

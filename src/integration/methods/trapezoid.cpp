@@ -107,6 +107,12 @@ private:
   static double beyond_right(const LineSum& line) { return (reach - line.centre) / line.step - line.right; }
   static double beyond_left(const LineSum& line) { return (reach + line.centre) / line.step - line.left; }
 
+  // Looks go outwards by equal factors: the side of another mode that rises is as long as that mode is far.
+  static double farther(int edge, double beyond, int i)
+  {
+    return edge * std::pow(1.0 + beyond / edge, (i + 1.0) / sweep);
+  }
+
   // Place i of a slot's next sweep, in steps from the centre.
   static double place(const LineSum& line, int i)
   {
@@ -118,9 +124,9 @@ private:
     case LineSum::left_side:
       return -line.left - 1 - i;
     case LineSum::look_right:
-      return line.right + beyond_right(line) * (i + 1) / sweep;
+      return farther(line.right, beyond_right(line), i);
     case LineSum::look_left:
-      return -line.left - beyond_left(line) * (i + 1) / sweep;
+      return -farther(line.left, beyond_left(line), i);
     case LineSum::halving:
       return -line.left + line.next + i + 0.5;
     default:

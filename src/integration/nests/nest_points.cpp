@@ -6,6 +6,7 @@
 #include "integration/subjects/evaluation_parts.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
+#include "modes/nest_steps.h"
 
 #include <algorithm>
 #include <cmath>
@@ -103,7 +104,7 @@ private:
         c_.outer = static_cast<int>(std::min<long>(outer, leaf_.outer - p));
         c_.own = static_cast<int>(std::min<long>(own, leaf_.points - q));
         c_.pairs = {slots, count, c_.outer * c_.own};
-        if (c_.aside() && leaf_.own == 1)
+        if (c_.aside() && leaf_.own == 1 && w_.level.size() <= modes::most_single_levels)
           place_aside();
         else
           for (int i = 0; i < count; ++i) place(i);
@@ -117,20 +118,33 @@ private:
   {
     const int count = c_.pairs.count;
     double mean[most_slots], factor[most_slots], spread[most_slots], centre[most_slots];
+    int node[modes::most_single_levels][most_slots]; // by level
     for (int i = 0; i < count; ++i) {
-      const int node = w_.leaf_of_slot[static_cast<std::size_t>(c_.pairs.slots[i])];
-      factor[i] = modes::factor_of(leaf_, node)[0];
-      mean[i] = leaf_.mean[static_cast<std::size_t>(leaf_.prior_of(node))];
-      spread[i] = leaf_.spread[static_cast<std::size_t>(node)];
+      const int leaf = node[0][i] = w_.leaf_of_slot[static_cast<std::size_t>(c_.pairs.slots[i])];
+      factor[i] = modes::factor_of(leaf_, leaf)[0];
+      mean[i] = leaf_.mean[static_cast<std::size_t>(leaf_.prior_of(leaf))];
+      spread[i] = leaf_.spread[static_cast<std::size_t>(leaf)];
     }
+    for (std::size_t up = 1; up < w_.level.size(); ++up)
+      for (int i = 0; i < count; ++i)
+        node[up][i] = w_.level[up - 1].nodes->parent[static_cast<std::size_t>(node[up - 1][i])];
     for (int p = 0; p < c_.outer; ++p) {
-      for (int i = 0; i < count; ++i) {
-        const int node = w_.leaf_of_slot[static_cast<std::size_t>(c_.pairs.slots[i])];
-        const double* const b = leaf_.tilt.data() + static_cast<long>(node) * leaf_.above;
-        double deviation[modes::most_effects];
-        place_ancestors(i, p, node, deviation);
-        centre[i] = leaf_.z[static_cast<std::size_t>(node)];
-        for (int a = 0; a < leaf_.above; ++a) centre[i] += b[a] * deviation[a];
+      for (int i = 0; i < count; ++i) centre[i] = leaf_.z[static_cast<std::size_t>(node[0][i])];
+      for (std::size_t up = w_.level.size(); --up > 0;) {
+        const NestLevel& a = w_.level[up];
+        const long joint = a.joint(), at = (c_.first_outer + p) % joint;
+        for (int k = 0; k < a.own; ++k) {
+          double* const u = b_.ran.data() + (a.place + k) * b_.pair_stride;
+          double* const first = u + c_.pair(0, p, 0);
+          const double* const tilt = leaf_.tilt.data() + a.place + k;
+          for (int i = 0; i < count; ++i) {
+            const long from = (static_cast<long>(node[up][i]) * a.own + k) * joint + at;
+            first[i] = a.effects[static_cast<std::size_t>(from)];
+            centre[i] +=
+                tilt[static_cast<long>(node[0][i]) * leaf_.above] * a.deviation[static_cast<std::size_t>(from)];
+          }
+          for (int q = 1; q < c_.own; ++q) std::copy_n(first, count, u + c_.pair(0, p, q));
+        }
       }
       for (int q = 0; q < c_.own; ++q) {
         const double x = standard(0)[q], log_weight = reff_.logw[static_cast<std::size_t>(c_.first_own + q)];
