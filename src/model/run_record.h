@@ -223,16 +223,16 @@ struct GroupState {
   enum class Evaluated : char { nothing, sums, value, gradient };
   Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point; sums: they have been overwritten since
   double evaluated_objfun = 0.0;            // the objective there
-  // Derivatives of the modes by the parameters, nr x np a subject, in the order of the modes; empty: not kept. They tell
-  // where the modes of a nearby point are.
+  // Derivatives of the modes by the parameters, nr x np a subject, in the order of the modes; empty: not kept. They
+  // tell where the modes of a nearby point are.
   std::vector<float> ebes_by, ebtrial_by; // of the accepted modes, and of the last evaluation's
   // Beside them, with up to three effects, the third derivatives of the log likelihood by these at the modes, a packed
   // tetrahedron (modes/packed.h) a subject; empty: not kept. They bend the first Newton step of a search nearby.
   std::vector<float> ebes_bend, ebtrial_bend;
-  bool ebtrial_by_known = false;          // that one had a gradient
-  std::vector<double> ebes_point;         // point of ebes_by; empty: there are none
-  bool prediction_stands = false;         // modes that are where they were predicted are taken as they are
-  std::vector<double> ebesold;            // modes of the best grid point
+  bool ebtrial_by_known = false;  // that one had a gradient
+  std::vector<double> ebes_point; // point of ebes_by; empty: there are none
+  bool prediction_stands = false; // modes that are where they were predicted are taken as they are
+  std::vector<double> ebesold;    // modes of the best grid point
   std::vector<char> ebesold_known;
   std::vector<std::unique_ptr<TVLThreadCtx>> ctx;  // one per worker
   std::vector<Batch> batches;                      // subjects that share tiles, in order; rebuilt by size_contexts

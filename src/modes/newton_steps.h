@@ -19,10 +19,10 @@ template <int NR, class T> struct NewtonSteps {
   JointDensity<NR, T> at; // after invert: step and inverse Hessian by z in place of gradient and Hessian
   T factor[static_cast<std::size_t>(capacity * (capacity + 1) / 2)];
   T pivots[static_cast<std::size_t>(capacity)];
-  T length = {};          // largest component of the step in u
-  T square = {};          // largest square of one in z, in posterior variances
-  T bent = {};            // the same of what bend has added to it; of the step itself where that is too much
-  T logdet = {};          // log det H, once determine has been called
+  T length = {}; // largest component of the step in u
+  T square = {}; // largest square of one in z, in posterior variances
+  T bent = {};   // the same of what bend has added to it; of the step itself where that is too much
+  T logdet = {}; // log det H, once determine has been called
   bool determined = false;
   double inverted[width]; // not 0: the Hessian is; of a vector only where it needed no repair
 

@@ -144,8 +144,8 @@ private:
   std::map<std::string, DataSet> unwritten_;     // by output_keys: what write_nothing kept from being written
   std::set<std::string> lost_;                   // by output_keys: what was not written
   bool write_nothing_ = false;
-  std::set<std::string> inputs_;                 // files (and tables) that may not be written: see file_key
-  std::map<std::string, DataSet> streams_;       // path of a pipe or device, which gives its data once -> what it gave
+  std::set<std::string> inputs_;           // files (and tables) that may not be written: see file_key
+  std::map<std::string, DataSet> streams_; // path of a pipe or device, which gives its data once -> what it gave
   std::vector<std::unique_ptr<OutputDataSet>> open_;
   std::vector<DataSetResult> finished_;
 };

@@ -176,7 +176,8 @@ constexpr CatalogueEntry entries[] = {
      "With {points} quadrature points in place of {before}, -2 log L at the estimates changes by {change}.",
      "The integrals of the subjects are narrow or irregular.", "QPOINTS={points}, or a smaller QTOL=."},
     {503, 9449, "integrands_have_other_modes", W,
-     "The integrands of {count} of {looked} subjects have another mode that the points do not reach (most of all subject "
+     "The integrands of {count} of {looked} subjects have another mode that the points do not reach (most of all "
+     "subject "
      "{subject}): with them -2 log L at the estimates would change by about {change}.",
      "A random effect that enters by its square or absolute value, so that its sign is not known; subjects whose data "
      "have two explanations.",
