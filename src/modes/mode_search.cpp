@@ -331,7 +331,9 @@ private:
     const bool predicted =
         n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && square < good_prediction;
     const bool made_up_for = closes_ && square < remainder;
-    if (length < n_.ebtol || noise || square < negligible || predicted || made_up_for) {
+    // EBTOL= is in the units of the effects, where all that a posterior reaches may be less.
+    const bool short_enough = length < n_.ebtol && square < std::max(remainder, n_.ebtol * n_.ebtol);
+    if (short_enough || noise || square < negligible || predicted || made_up_for) {
       s.state = ModeSearch::found;
       steps.determine();
       s.logdet = steps.of(steps.logdet, i);

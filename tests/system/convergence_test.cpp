@@ -309,6 +309,22 @@ TEST(Convergence, ConstantResponses)
     }
 }
 
+// Effects in units in which their standard deviation is 1e-13: a search for modes may not stop because its steps are
+// short in these units.
+TEST(Convergence, EffectsInLargeUnits)
+{
+  std::string csv = "id,y\n";
+  for (int i = 0; i < 30; ++i)
+    csv += std::to_string(i / 5) + "," + std::to_string(i * i % 7 < 3 + i / 10 ? 1 : 0) + "\n";
+  const auto program = [&](const std::string& options, const std::string& unit, const std::string& variance) {
+    return fit_data(csv, options + "; PARMS b0=0.3 s2u=" + variance + "; p = 1/(1+EXP(-(b0+u*" + unit +
+                             "))); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+  };
+  const auto here = program("TECHNIQUE=NONE QPOINTS=7", "1", "1");
+  for (const auto& [unit, variance] : {std::pair{"1e9", "1e-18"}, {"1e11", "1e-22"}, {"1e13", "1e-26"}})
+    EXPECT_NEAR(minus2(program("TECHNIQUE=NONE QPOINTS=7", unit, variance)) / minus2(here), 1, 1e-11) << unit;
+}
+
 // A covariate that stands symmetrically around 0 in subjects that are all alike: gradients by its slope are nothing but
 // rounding at the start, which is no unit of the slope. A variance that vanishes is 0.
 TEST(Convergence, SlopesWithoutGradientAtTheStart)
