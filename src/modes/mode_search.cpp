@@ -245,8 +245,6 @@ private:
         for (int j = 0; j < n_.nparm; ++j)
           u[i] += subjects.gather(by++, apart) * b_.parameter_step[static_cast<std::size_t>(j)];
       standardize(u, mean, factor, ahead);
-      // A point so far away that the modes leave the prior's reach is no place to extrapolate to.
-      constexpr double farthest = 2.0;
       auto near = ahead[0] == ahead[0];
       for (int i = 0; i < nr(); ++i) near = near & (ahead[i] - at[i] < farthest) & (at[i] - ahead[i] < farthest);
       for (int i = 0; i < nr(); ++i) at[i] = near ? ahead[i] : at[i];
@@ -331,9 +329,7 @@ private:
     const bool predicted =
         n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && square < good_prediction;
     const bool made_up_for = closes_ && square < remainder;
-    // EBTOL= is in the units of the effects, where all that a posterior reaches may be less.
-    const bool short_enough = length < n_.ebtol && square < std::max(remainder, n_.ebtol * n_.ebtol);
-    if (short_enough || noise || square < negligible || predicted || made_up_for) {
+    if (short_enough(length, square, n_.ebtol, remainder) || noise || square < negligible || predicted || made_up_for) {
       s.state = ModeSearch::found;
       steps.determine();
       s.logdet = steps.of(steps.logdet, i);

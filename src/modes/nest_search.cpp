@@ -277,7 +277,8 @@ private:
     const bool predicted =
         n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
     const bool made_up_for = closing_ && step_sd < left_over;
-    if (step_u < rules_.step || noise || step_sd < negligible || predicted || made_up_for) {
+    if (short_enough(step_u, step_sd, rules_.step, left_over) || noise || step_sd < negligible || predicted ||
+        made_up_for) {
       s.state = ModeSearch::found;
       add_determinants(nest);
       return;

@@ -4,6 +4,7 @@
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
+#include "modes/search_rules.h"
 
 #include <algorithm>
 #include <cmath>
@@ -20,8 +21,6 @@ using model::NX;
 using model::TVLThreadCtx;
 
 namespace {
-
-constexpr double farthest = 2.0; // that a mode is moved ahead, in prior deviations
 
 template <class T> T factor_of_single(const NestLevel& l, const SlotGroup<T>& nodes)
 {

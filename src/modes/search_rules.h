@@ -35,6 +35,14 @@ inline double step_after_bent(double bent, double step)
 {
   return 0.1 * bent + bent * bent / step;
 }
+// Whether EBTOL= ends a search: a step shorter than that in the units of the effects, in which all that a posterior
+// reaches may be less; so it has to be no more than `left` (as such a square) there, or EBTOL= itself.
+inline bool short_enough(double length, double square, double ebtol, double left)
+{
+  return length < ebtol && square < std::max(left, ebtol * ebtol);
+}
+// How far, in prior deviations, modes may be moved ahead with the parameters: beyond it is no place to extrapolate to.
+inline constexpr double farthest = 2.0;
 // The error, as such a square, that a mode may have where predictions stand.
 inline constexpr double good_prediction = 1e-10;
 

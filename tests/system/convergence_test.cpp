@@ -313,16 +313,21 @@ TEST(Convergence, ConstantResponses)
 // short in these units.
 TEST(Convergence, EffectsInLargeUnits)
 {
-  std::string csv = "id,y\n";
-  for (int i = 0; i < 30; ++i)
-    csv += std::to_string(i / 5) + "," + std::to_string(i * i % 7 < 3 + i / 10 ? 1 : 0) + "\n";
-  const auto program = [&](const std::string& options, const std::string& unit, const std::string& variance) {
-    return fit_data(csv, options + "; PARMS b0=0.3 s2u=" + variance + "; p = 1/(1+EXP(-(b0+u*" + unit +
-                             "))); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
-  };
-  const auto here = program("TECHNIQUE=NONE QPOINTS=7", "1", "1");
-  for (const auto& [unit, variance] : {std::pair{"1e9", "1e-18"}, {"1e11", "1e-22"}, {"1e13", "1e-26"}})
-    EXPECT_NEAR(minus2(program("TECHNIQUE=NONE QPOINTS=7", unit, variance)) / minus2(here), 1, 1e-11) << unit;
+  std::string csv = "id,part,y\n";
+  for (int i = 0; i < 60; ++i)
+    csv += std::to_string(i / 10) + "," + std::to_string(i / 5 % 2) + "," +
+           std::to_string(i * i % 7 < 3 + i / 20 ? 1 : 0) + "\n";
+  const std::string one = "RANDOM u ~ NORMAL(0, s2u) SUBJECT=id;",
+                    nested = one + " RANDOM v ~ NORMAL(0, s2u) SUBJECT=part(id);";
+  for (const auto& [effects, random] : {std::pair{std::string("u"), one}, {std::string("(u+v)"), nested}}) {
+    const auto value = [&](const std::string& unit, const std::string& variance) {
+      return minus2(fit_data(csv, "TECHNIQUE=NONE QPOINTS=7; PARMS b0=0.3 s2u=" + variance + "; p = 1/(1+EXP(-(b0+" +
+                                      effects + "*" + unit + "))); MODEL y ~ BINARY(p); " + random + " RUN;"));
+    };
+    const double here = value("1", "1");
+    for (const auto& [unit, variance] : {std::pair{"1e9", "1e-18"}, {"1e11", "1e-22"}, {"1e13", "1e-26"}})
+      EXPECT_NEAR(value(unit, variance) / here, 1, 1e-11) << effects << unit;
+  }
 }
 
 // A covariate that stands symmetrically around 0 in subjects that are all alike: gradients by its slope are nothing but

@@ -56,12 +56,9 @@ int FitEnd::finish(int code)
   verdict.indefinite = judgement_.indefinite;
   verdict.separated = judgement_.separated;
   const bool minimum = judgement_.minimum();
-  if (minimum && (moved_ || beyond_edge())) {
-    const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
-    to_the_edge();
-  }
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  if (minimum && (moved_ || beyond_edge())) to_the_edge();
   if (moved_) {
-    const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
     // Stage 2 without a technique: the point evaluated once more, its Hessian, its active bounds.
     const int tech = std::exchange(str.tech, static_cast<int>(optimizer::NONE));
     std::copy(x_.begin(), x_.end(), str.x);
