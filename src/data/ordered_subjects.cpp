@@ -1,6 +1,6 @@
 #include "data/ordered_subjects.h"
 
-#include "evaluation/slot_group.h"
+#include "evaluation/machine_builds.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "data/row_marker.h"
 
-#include "evaluation/slot_group.h"
+#include "evaluation/machine_builds.h"
 
 #include <algorithm>
 #include <cmath>

@@ -3,6 +3,8 @@
 // them. Every element is computed alone, so that a slot's numbers are the same beside whomever it stands. Files that
 // use it are compiled with -Wno-psabi: such vectors cross no call between files.
 
+#include "evaluation/machine_builds.h"
+
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -55,6 +57,8 @@ template <class T> struct SlotGroup {
     return t;
   }
   static void store(T t, double* to) { std::memcpy(to, &t, sizeof t); }
+  // The number of the i-th.
+  static double of(const T& t, int i) { return reinterpret_cast<const double*>(&t)[i]; }
   // from[slot of each times `stride`].
   template <class Number> T gather(const Number* from, long stride) const
   {
@@ -155,24 +159,9 @@ template <class T, class F> void for_groups(const std::vector<int>& list, F&& f)
     f(SlotGroup<T>::of_list(list.data() + first, count - first));
 }
 
-// build_for_machine: which of two builds of the same code runs here. The second is a function marked TORVALE_AVX2_BUILD
-// that calls what the first calls. All of that is inlined there, as vectors must not pass between code with AVX and
-// code without; where the compiler does not promise it, there is one build.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define TORVALE_HAS_AVX2_BUILD
-#define TORVALE_AVX2_BUILD [[gnu::target("avx2"), gnu::flatten]]
-#else
-#define TORVALE_AVX2_BUILD
-#endif
-
-template <class Call> Call build_for_machine(Call plain, [[maybe_unused]] Call avx2)
+template <class T> T absolute(T t)
 {
-#if defined(TORVALE_HAS_AVX2_BUILD)
-  static const bool wide = __builtin_cpu_supports("avx2");
-  return wide ? avx2 : plain;
-#else
-  return plain;
-#endif
+  return t < 0.0 ? -t : t;
 }
 
 } // namespace torvale::evaluation

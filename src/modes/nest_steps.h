@@ -1,7 +1,7 @@
 #pragma once
 // What the search for the joint modes of nests decides by, for all listed nests at once: values, Newton steps and their
-// lengths. Where every level has one effect four nodes stand side by side in vectors (evaluation/slot_group.h); what
-// goes to their parents and nests is added node by node, in their order, so that no nest sees those beside it.
+// lengths, of nodes with any number of effects; single_steps.h has what is done where every level has one. What goes to
+// nests is added node by node, in their order, so that no nest sees those beside it.
 
 #include "model/run_record.h"
 

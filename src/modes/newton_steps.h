@@ -45,7 +45,7 @@ template <int NR, class T> struct NewtonSteps {
   {
     if (determined) return;
     determined = true;
-    for (int i = 0; i < nr(); ++i) logdet += evaluation::SlotGroup<T>::logarithm(absolute(pivots[i]));
+    for (int i = 0; i < nr(); ++i) logdet += evaluation::SlotGroup<T>::logarithm(evaluation::absolute(pivots[i]));
   }
 
   // Adds to the steps s what third derivatives of the log likelihood by u, f''', make of them: the minimum of the
@@ -71,7 +71,7 @@ template <int NR, class T> struct NewtonSteps {
     for (int i = 0; i < nr(); ++i) {
       added[i] = T{};
       for (int k = 0; k < nr(); ++k) added[i] -= 0.5 * (at.hessian[packed(i, k)] * more[k]);
-      const T ratio = added[i] * added[i] / absolute(at.hessian[packed(i, i)]);
+      const T ratio = added[i] * added[i] / evaluation::absolute(at.hessian[packed(i, i)]);
       size = ratio <= size ? size : ratio;
     }
     const T none = {};
@@ -81,7 +81,7 @@ template <int NR, class T> struct NewtonSteps {
   }
 
   // A number of one of the subjects.
-  static double of(const T& t, int i) { return reinterpret_cast<const double*>(&t)[i]; }
+  static double of(const T& t, int i) { return evaluation::SlotGroup<T>::of(t, i); }
   // Its numbers in an array, `width` doubles apart.
   static const double* column(const T* t, int i) { return reinterpret_cast<const double*>(t) + i; }
 
@@ -92,8 +92,6 @@ private:
     return k <= i ? packed(i, j, k) : packed(k, i, j);
   }
 
-  static T absolute(T t) { return t < 0.0 ? -t : t; }
-
   void measure()
   {
     length = square = T{};
@@ -102,13 +100,13 @@ private:
       T move = {};
       for (int k = 0; k <= i; ++k) move += l[k] * at.gradient[k];
       l += i + 1;
-      move = absolute(move);
+      move = evaluation::absolute(move);
       length = move <= length ? length : move; // so that what is not a number shows
       T ratio = at.gradient[i] * at.gradient[i];
       if constexpr (NR == 1)
-        ratio *= absolute(pivots[0]);
+        ratio *= evaluation::absolute(pivots[0]);
       else
-        ratio /= absolute(at.hessian[i * (i + 3) / 2]);
+        ratio /= evaluation::absolute(at.hessian[i * (i + 3) / 2]);
       square = ratio <= square ? square : ratio;
     }
   }

@@ -11,6 +11,7 @@
 #include "solve/judgement/fresh_start.h"
 #include "solve/judgement/straight_judgement.h"
 #include "solve/judgement/vanished_variance.h"
+#include "solve/start/parameter_unit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -51,10 +52,9 @@ void FitEnd::assess()
 }
 
 // What the Hessian of the covariance says, where there is one: no unit of a parameter then decides how its scale is
-// found. (Far from its optimum a parameter may seem to matter to nothing.)
+// found.
 double FitEnd::first_scale(int i) const
 {
-  constexpr double most_lengths = 100.0;
   const auto& hessian = n_.covstr->hessian;
   const auto k = static_cast<std::size_t>(i);
   const double curvature = !moved_ && hessian.present && n_.str->hfrm != 2 ? hessian.elements[k * (k + 3) / 2] : 0.0;

@@ -3,6 +3,7 @@
 #include "host/messages/names/fit.h"
 #include "host/messages/names/labels.h"
 #include "host/messages/names/starting_values.h"
+#include "matrix/packed.h"
 #include "model/unused_parameters.h"
 #include "solve/course/course.h"
 #include "solve/judgement/estimate_covariance.h"
@@ -149,11 +150,8 @@ std::string names_of(const ModelLists& n, const std::vector<int>& parameters)
 // them depends on the order of the data.
 void leave_out(NX& n, int parameter)
 {
-  for (int k = 0; k < n.nparm && !n.covmat.empty(); ++k) {
-    const auto r = static_cast<std::size_t>(std::max(parameter, k)),
-               c = static_cast<std::size_t>(std::min(parameter, k));
-    n.covmat[r * (r + 1) / 2 + c] = 0.0;
-  }
+  if (n.covmat.empty()) return;
+  for (int k = 0; k < n.nparm; ++k) n.covmat[static_cast<std::size_t>(matrix::packed_index(parameter, k))] = 0.0;
 }
 
 } // namespace
@@ -187,7 +185,7 @@ void missing_errors(NX& n)
   }
   for (const int i : verdict.at_bounds) {
     const double error = n.str->ster[i];
-    const auto d = static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 3) / 2;
+    const auto d = static_cast<std::size_t>(matrix::packed_diagonal(i));
     constexpr double sound = 0.5; // an element of an inverse times that of the matrix is 1 at least
     const bool held = std::isnan(error) || (!n.hessmat.empty() && error * error * n.hessmat[d] < sound);
     if (held) leave_out(n, i);

@@ -3,7 +3,7 @@
 #include "solve/course/course.h"
 #include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
-#include "solve/start/start_metric.h"
+#include "solve/start/parameter_unit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -15,7 +15,6 @@ using optimizer::MINSTR;
 
 namespace {
 
-constexpr double most_lengths = 100.0; // of a parameter in its unit
 constexpr int most_restarts = 4;       // of the technique
 constexpr double creeping = 0.05;      // gain of an iteration, in the objective
 
@@ -61,11 +60,7 @@ void FitEnd::set_scales()
   str.scale = nullptr;
   if (str.fidi != 0 || integration::outer_products(n_, products) != 0) return;
   scales_.assign(static_cast<std::size_t>(n_.nparm), 1.0);
-  for (std::size_t i = 0; i < scales_.size(); ++i) {
-    scales_[i] = unit_of(products, i, str.x[i]);
-    // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
-    if (str.x[i] != 0.0) scales_[i] = std::min(scales_[i], most_lengths * std::abs(str.x[i]));
-  }
+  for (std::size_t i = 0; i < scales_.size(); ++i) scales_[i] = short_unit_of(products, i, str.x[i]);
   str.scale = scales_.data();
 }
 

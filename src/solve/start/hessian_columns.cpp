@@ -1,7 +1,7 @@
 #include "solve/start/hessian_columns.h"
 
 #include "integration/objective.h"
-#include "solve/start/start_metric.h"
+#include "solve/start/parameter_unit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -96,11 +96,7 @@ bool HessianColumns::difference(std::size_t j, double h, std::vector<double>& co
 
 bool HessianColumns::beside(std::size_t j, std::vector<double>& column)
 {
-  // Far from its optimum a parameter may seem to matter to nothing: no unit is much longer than the parameter itself.
-  constexpr double most_lengths = 100.0;
-  double unit = unit_of(information_, j, point_[j]);
-  if (point_[j] != 0.0) unit = std::min(unit, most_lengths * std::abs(point_[j]));
-  const double h = interval * unit;
+  const double h = interval * short_unit_of(information_, j, point_[j]);
   double made = 0.0;
   if (!moved(j, h, column, made) && !moved(j, -h, column, made)) return false;
   for (std::size_t i = 0; i < column.size(); ++i) column[i] = (column[i] - gradient_[i]) / made;

@@ -1,10 +1,11 @@
 #include "solve/start/start_metric.h"
-#include "solve/start/hessian_columns.h"
 
 #include "integration/objective.h"
+#include "matrix/packed.h"
+#include "solve/start/hessian_columns.h"
+#include "solve/start/parameter_unit.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace torvale::solve {
 
@@ -15,20 +16,6 @@ namespace {
 
 // That a sum of outer products needs to stand for a Hessian: where there is nothing else, and in place of a learnt one.
 constexpr double gradients_per_parameter = 5.0, gradients_to_follow = 10.0;
-
-std::size_t packed(std::size_t i, std::size_t j)
-{
-  return std::max(i, j) * (std::max(i, j) + 1) / 2 + std::min(i, j);
-}
-
-// Whether the products tell something of parameter j. Rounding leaves 1e-32 of what there is to know; units reach less
-// far.
-bool known(const std::vector<double>& products, std::size_t j, double x)
-{
-  constexpr double rounding = 1e-24;
-  const double size = x != 0.0 ? x * x : 1.0; // which the parameter's unit leaves out of it
-  return !products.empty() && products[packed(j, j)] * size > rounding && std::isfinite(products[packed(j, j)]);
-}
 
 // Subjects, or observations without random effects.
 double independent_parts(const NX& n)
@@ -67,18 +54,15 @@ int start_metric(MINSTR* str)
   if (independent_parts(n) < gradients_per_parameter * n.nparm) return by_differences(n, *str);
   std::vector<double> products;
   if (integration::outer_products(n, products) != 0) return 1;
-  for (std::size_t j = 0; j < n.parm.size(); ++j)
-    if (!known(products, j, n.parm[j])) {
-      const double unit = unit_of(products, j, n.parm[j]);
-      for (std::size_t k = 0; k < n.parm.size(); ++k) products[packed(j, k)] = j == k ? 1.0 / (unit * unit) : 0.0;
-    }
+  for (int j = 0; j < n.nparm; ++j) {
+    const double x = n.parm[static_cast<std::size_t>(j)];
+    if (tells_of(products, static_cast<std::size_t>(j), x)) continue;
+    for (int k = 0; k < n.nparm; ++k) products[static_cast<std::size_t>(matrix::packed_index(j, k))] = 0.0;
+    const double unit = unit_of(products, static_cast<std::size_t>(j), x);
+    products[static_cast<std::size_t>(matrix::packed_diagonal(j))] = 1.0 / (unit * unit);
+  }
   std::copy(products.begin(), products.end(), str->hess);
   return 0;
-}
-
-double unit_of(const std::vector<double>& products, std::size_t j, double x)
-{
-  return known(products, j, x) ? 1.0 / std::sqrt(products[packed(j, j)]) : 1.0 + std::abs(x);
 }
 
 bool metric_follows(const NX& n)
