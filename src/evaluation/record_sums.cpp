@@ -49,17 +49,25 @@ void place_sums(const RecordSums& what, const engine::Program& program, double**
       sums[engine::distinct_output(program, static_cast<int>(k))] = what.sums + what.places[k] * what.stride;
 }
 
-// From the sums of the terms.
+// From the sums of the terms. Outputs may come to the same sum where they are not the same of a record.
 int make_totals(TVLThreadCtx& ctx, int from, int pairs, const RecordSums& what)
 {
+  const engine::Program& program = *what.by_totals->totals;
   std::array<double*, most_outputs> sums;
-  place_sums(what, *what.by_totals->totals, sums.data());
+  place_sums(what, program, sums.data());
   engine::Tile tile;
   tile.sums = sums.data();
   for (int first = 0; first < pairs; first += tile.lanes) {
     tile.lanes = std::min(engine::max_lanes, pairs - first);
     tile.first_point = tile.first_sum = from + first;
-    if (const int rc = ctx.frame->run(*what.by_totals->totals, tile); rc > 2) return rc;
+    if (const int rc = ctx.frame->run(program, tile); rc > 2) return rc;
+  }
+  for (std::size_t k = 0; k < what.places.size(); ++k) {
+    if (what.has_twin(k)) continue;
+    double* const to = what.sums + what.places[k] * what.stride + from;
+    const double* const at =
+        sums[static_cast<std::size_t>(engine::distinct_output(program, static_cast<int>(k)))] + from;
+    if (at != to) std::memcpy(to, at, static_cast<std::size_t>(pairs) * sizeof(double));
   }
   return 0;
 }

@@ -299,13 +299,11 @@ private:
 
   NodeId total_of_term(const Product& p)
   {
-    const auto [at, fresh] = place_.try_emplace(p, static_cast<int>(terms_.size()));
-    if (fresh) {
-      NodeId term = p.empty() ? graph_.one() : p.front();
-      for (std::size_t k = 1; k < p.size(); ++k)
-        term = k == 1 && p[1] == p[0] ? graph_.square(term) : graph_.multiply(term, p[k]);
-      terms_.push_back(term);
-    }
+    NodeId term = p.empty() ? graph_.one() : p.front();
+    for (std::size_t k = 1; k < p.size(); ++k)
+      term = k == 1 && p[1] == p[0] ? graph_.square(term) : graph_.multiply(term, p[k]);
+    const auto [at, fresh] = place_.try_emplace(term, static_cast<int>(terms_.size())); // two products may be one
+    if (fresh) terms_.push_back(term);
     return graph_.symbol(gcmp_.total_symbol(at->second).index);
   }
 
@@ -317,7 +315,7 @@ private:
   std::map<NodeId, std::set<Product>> open_; // values, and what their sums over records are multiplied by
   std::map<NodeId, NodeId> factor_;          // per product: the operand that comes out of the sums, or into their terms
   std::map<std::pair<NodeId, Product>, NodeId> known_;
-  std::map<Product, int> place_;
+  std::map<NodeId, int> place_; // per term
   std::vector<NodeId> terms_;
 };
 
