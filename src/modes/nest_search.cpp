@@ -4,6 +4,7 @@
 #include "modes/nest_elimination.h"
 #include "modes/nest_steps.h"
 #include "modes/search_rules.h"
+#include "modes/single_bend.h"
 
 #include <algorithm>
 #include <cmath>
@@ -23,8 +24,18 @@ constexpr double largest = std::numeric_limits<double>::max();
 constexpr int all_levels = -1;
 constexpr int most_rounds = 1000; // of EBITER$
 constexpr int most_columns = 256; // of one run over the leaves
-// As `remainder` of one level; gradients of nests see the first power of what is left, and this is its square.
-constexpr double left_over = 1e-16;
+// As `remainder`, where nothing is made up for.
+constexpr double small_remainder = 1e-16;
+
+// What a search may leave to an evaluation at the modes. An integral over several points hardly moves with where these
+// are placed, nor does its gradient; that over few sees the first power of what is left, and this is a square.
+double left_over(const NestWork& w)
+{
+  constexpr long several = 3;
+  const bool enough =
+      std::all_of(w.level.begin(), w.level.end(), [](const NestLevel& l) { return l.points >= several; });
+  return enough ? remainder : small_remainder;
+}
 
 // What the search keeps to: fixed for the joint search, the options of one level when the levels take turns.
 struct Rules {
@@ -35,9 +46,10 @@ struct Rules {
 class NestSearch {
 public:
   NestSearch(const NX& n, TVLThreadCtx& ctx, bool closes)
-      : n_(n), ctx_(ctx), b_(ctx.batch), w_(ctx.nests), closes_(closes),
+      : n_(n), ctx_(ctx), b_(ctx.batch), w_(ctx.nests), left_over_(left_over(ctx.nests)), closes_(closes),
         predicts_(!n.ebes_point.empty() && n.ebes_point != n.parm),
-        starts_near_(closes && !n.ebes_point.empty() && (n.prediction_stands || !predicts_))
+        starts_near_(closes && !n.ebes_point.empty() && (n.prediction_stands || !predicts_)),
+        bends_(!n.ebes_bend.empty() && !n.ebes_point.empty())
   {
     if (n.ebiter) rules_ = {n.ebstep, n.ebsubstep, n.ebssfrac, n.ebsstol, n.ebtol};
     for (std::size_t j = 0; predicts_ && j < n.parm.size(); ++j) b_.parameter_step[j] = n.parm[j] - n.ebes_point[j];
@@ -202,12 +214,48 @@ private:
       find_steps(n_, ctx_, sums);
     else
       find_own_steps(n_, ctx_, sums, level_);
+    bend_first_steps();
     for (int nest = 0; nest < w_.nests; ++nest) {
       if (w_.active[static_cast<std::size_t>(nest)] == 0) continue;
       newton(nest);
       if (search(nest).state == ModeSearch::found) keep_sums(nest, sums);
     }
     note_active();
+  }
+
+  // First steps of searches that begin near accepted modes.
+  bool bends(int nest)
+  {
+    const ModeSearch& s = search(nest);
+    return bends_ && s.step == 0 && !s.from_mean && w_.active[static_cast<std::size_t>(nest)] != 0;
+  }
+
+  void bend_first_steps()
+  {
+    bool any = false;
+    for (int nest = 0; nest < w_.nests; ++nest) any = any || bends(nest);
+    if (!any) return;
+    find_bends(n_, ctx_);
+    for (int nest = 0; nest < w_.nests; ++nest)
+      if (bends(nest)) bend(nest);
+  }
+
+  // Not where what is added is no small part of the step, or not a number.
+  void bend(int nest)
+  {
+    const double square = w_.square[static_cast<std::size_t>(nest)];
+    double& bent = w_.bent[static_cast<std::size_t>(nest)];
+    bool fits = true;
+    bent = 0.0;
+    for_nodes(nest, [&](const NestLevel& l, int, int v) {
+      const double part = l.part[static_cast<std::size_t>(v)];
+      fits = fits && part <= largest_bend * square;
+      bent = std::max(bent, part);
+    });
+    if (!fits) bent = square;
+    for_nodes(nest, [&](NestLevel& l, int, int v) {
+      if (fits) l.step[static_cast<std::size_t>(v)] += l.bent[static_cast<std::size_t>(v)];
+    });
   }
 
   void note_active()
@@ -276,14 +324,16 @@ private:
     const bool noise = step_sd < noise_floor && step_sd > noise_ratio * s.previous;
     const bool predicted =
         n_.prediction_stands && starts_near_ && s.step == 0 && !s.from_mean && step_sd < good_prediction;
-    const bool made_up_for = closing_ && step_sd < left_over;
-    if (short_enough(step_u, step_sd, rules_.step, left_over) || noise || step_sd < negligible || predicted ||
+    const bool made_up_for = closing_ && step_sd < left_over_;
+    if (short_enough(step_u, step_sd, rules_.step, small_remainder) || noise || step_sd < negligible || predicted ||
         made_up_for) {
       s.state = ModeSearch::found;
       add_determinants(nest);
       return;
     }
-    s.state = closes() && next_step(step_sd, s.previous) < left_over ? ModeSearch::near : ModeSearch::searching;
+    const double next = bends(nest) ? step_after_bent(w_.bent[static_cast<std::size_t>(nest)], step_sd)
+                                    : next_step(step_sd, s.previous);
+    s.state = closes() && next < left_over_ ? ModeSearch::near : ModeSearch::searching;
     s.previous = step_sd;
     if (++s.step >= rules_.steps) return give_up(nest);
     for_nodes(nest, [&](NestLevel& l, int level, int v) {
@@ -402,9 +452,11 @@ private:
   BatchWork& b_;
   NestWork& w_;
   Rules rules_;
+  const double left_over_;
   const bool closes_;      // the last evaluation is one of everything that is wanted at the modes
   const bool predicts_;    // starts follow the parameters from the accepted modes
   const bool starts_near_; // stored modes are those of this point, or have to do
+  const bool bends_;       // what bends a first step is known
   bool closing_ = false;   // the sums in hand are those of the evaluation at the modes
   int closed_ = 0;         // columns of curvature_sums in use
   int level_ = all_levels; // whose subjects move

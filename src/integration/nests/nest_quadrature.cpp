@@ -46,11 +46,15 @@ public:
   }
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> nests) const override
   {
-    for (const int nest : nests) keep_modes(n, ctx, nest);
+    for (const int nest : nests) {
+      keep_modes(n, ctx, nest);
+      if (keeps_mode_derivatives(n) && !n.ebtrial_bend.empty()) keep_bends(n, ctx, nest);
+    }
   }
 
 private:
   static void keep_modes(NX& n, const TVLThreadCtx& ctx, int nest);
+  static void keep_bends(NX& n, const TVLThreadCtx& ctx, int nest);
 };
 
 // --- points ---
@@ -216,7 +220,8 @@ void size_level(const ModelLists& n, NestLevel& l, const model::REFFECT& reff, l
   size(l.outputs, reff.setup.places);
   size(l.failure, nodes);
   l.prior_loaded = false;
-  for (auto* v : {&l.z, &l.zold, &l.step, &l.u, &l.round_start, &l.mode_bar, &l.mean_bar}) size(*v, nodes * own);
+  for (auto* v : {&l.z, &l.zold, &l.step, &l.bent, &l.u, &l.round_start, &l.mode_bar, &l.mean_bar})
+    size(*v, nodes * own);
   for (auto* v : {&l.part, &l.square}) size(*v, nodes);
   l.listed.reserve(static_cast<std::size_t>(nodes));
   for (auto* v : {&l.inverse, &l.spread, &l.factor_bar}) size(*v, nodes * triangle);
@@ -264,7 +269,7 @@ void NestQuadrature::size_batch(const NX& n, TVLThreadCtx& ctx) const
   size(w.failure, nests);
   size(w.search, nests);
   for (auto* v : {&w.active, &w.turn, &w.closed}) size(*v, nests);
-  for (auto* v : {&w.length, &w.square}) size(*v, nests);
+  for (auto* v : {&w.length, &w.square, &w.bent}) size(*v, nests);
   for (auto* v : {&w.leaf_of_slot, &w.nest_of_leaf, &w.columns}) size(*v, slots);
   size(w.leaf, b.mode_stride * n.programs.mode.places);
   size(w.gradient, nests * n.nparm);
@@ -322,6 +327,25 @@ void NestQuadrature::keep_modes(NX& n, const TVLThreadCtx& ctx, int nest)
     }
   }
   n.ebtrial_known[static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)])] = 1;
+}
+
+// Third derivatives by the effects of their chain at the leaves' modes.
+void NestQuadrature::keep_bends(NX& n, const TVLThreadCtx& ctx, int nest)
+{
+  const BatchWork& b = ctx.batch;
+  const model::NestNodes& leaves = *ctx.nests.level.front().nodes;
+  const int chain = n.programs.ne;
+  for (int v = leaves.first[static_cast<std::size_t>(nest)]; v < leaves.first[static_cast<std::size_t>(nest) + 1];
+       ++v) {
+    const long subject = leaves.subject[static_cast<std::size_t>(v)];
+    const auto slot = static_cast<std::size_t>(leaves.slot[static_cast<std::size_t>(v)]);
+    const double* const sums = b.curvature_sums.data() + b.column[slot];
+    float* to = n.ebtrial_bend.data() + subject * modes::tetrahedron(chain);
+    for (int i = 0; i < chain; ++i)
+      for (int j = 0; j <= i; ++j)
+        for (int k = 0; k <= j; ++k)
+          *to++ = static_cast<float>(sums[n.programs.third_place(n.nparm + k, packed(i, j)) * b.mode_stride]);
+  }
 }
 
 const Integrator& nest_quadrature()
