@@ -23,6 +23,18 @@ bool FitEnd::beyond_edge() const
   return std::any_of(variances.begin(), variances.end(), [&](int i) { return x_[static_cast<std::size_t>(i)] < 0.0; });
 }
 
+// From there the point that the objective has taken it for. True when it is another.
+bool FitEnd::back_to_edge()
+{
+  const FitCoordinates c(n_, x_.data());
+  const auto variances = c.edge_diagonals();
+  const auto negative = [&](int i) { return x_[static_cast<std::size_t>(i)] < 0.0; };
+  if (std::none_of(variances.begin(), variances.end(), negative)) return false;
+  const std::vector<double> origin(x_.size(), 0.0);
+  c.parameters(origin.data(), x_.data());
+  return true;
+}
+
 // A direction in which G all but vanishes vanishes, where that costs nothing.
 void FitEnd::to_the_edge()
 {
