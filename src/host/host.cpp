@@ -101,7 +101,9 @@ private:
   {
     clear_progress();
     if (!options_.log) return;
-    std::string text(line);
+    std::string text;
+    if (std::exchange(log_names_group_, false) && group_ != nullptr) text = "BY group " + by_text(group_->by) + ":\n";
+    text += line;
     text += '\n';
     options_.log(text);
   }
@@ -117,6 +119,7 @@ private:
   RunResults results_;
   GroupResult* group_ = nullptr;                       // where tables go; of the step at hand
   bool by_line_due_ = false;                           // the group's values stand in the listing before its first table
+  bool log_names_group_ = false;                       // and in the log before its first line
   std::vector<Table*> open_;                           // in the order opened
   std::map<std::string, TextFile> text_files_;         // by path as the program names it
   std::map<std::string, std::string> macro_variables_; // upper-case name -> text
@@ -164,7 +167,7 @@ void EmbeddedHost::begin_group(ByValues by)
 {
   GroupResult& group = group_for_tables();
   group.by = std::move(by);
-  by_line_due_ = !group.by.empty();
+  by_line_due_ = log_names_group_ = !group.by.empty();
   log_.set_by_group(static_cast<int>(results_.steps.back().groups.size()) - 1);
 }
 
@@ -173,6 +176,7 @@ void EmbeddedHost::end_group(int return_code)
   close_tables();
   group_for_tables().return_code = return_code;
   log_.set_by_group(-1);
+  log_names_group_ = false;
   group_ = nullptr;
 }
 
@@ -186,6 +190,7 @@ void EmbeddedHost::end_step(int return_code, bool failed)
   log_.close_repeats();
   StepResult& step = results_.steps.back();
   if (group_) group_->return_code = return_code; // a step that ended inside a group, or before its first one
+  log_names_group_ = false;
   group_ = nullptr;
   step.return_code = std::max(return_code, closed);
   step.messages = log_.take_messages();

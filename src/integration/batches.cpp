@@ -6,6 +6,7 @@
 #include "integration/subjects/evaluation_parts.h"
 #include "integration/subjects/slot_tree.h"
 #include "modes/packed.h"
+#include "modes/search_rules.h"
 #include "parallel/worker_pool.h"
 
 #include <algorithm>
@@ -306,9 +307,11 @@ void forget_modes(NX& n)
   const bool predicted = n.programs.closing && !n.programs.factored && (n.nreff() == 1 || !n.ebiter) &&
                          length * n.nparm <= most_derivatives;
   for (std::vector<float>* v : {&n.ebes_by, &n.ebtrial_by}) size(*v, predicted ? length * n.nparm : 0);
-  const bool bent = predicted && n.nreff() == 1 && n.needtriu && n.leaf().nr <= 3;
+  const bool plain =
+      n.nreff() == 1 || std::all_of(n.reff.begin(), n.reff.end(), [](const REFFECT& r) { return r.nr == 1; });
+  const bool bent = predicted && n.needtriu && plain && n.programs.ne <= modes::most_bent_effects;
   for (std::vector<float>* v : {&n.ebes_bend, &n.ebtrial_bend})
-    size(*v, bent ? subjects * modes::tetrahedron(n.leaf().nr) : 0);
+    size(*v, bent ? static_cast<long>(n.leaf().SubInfo.size()) * modes::tetrahedron(n.programs.ne) : 0);
   n.ebtrial_by_known = false;
   n.ebes_point.clear();
 }

@@ -38,6 +38,7 @@ struct NestLevel : Priors {
   std::vector<double> u;             // own: m + L z
   std::vector<double> round_start;   // own: u when a round of EBITER$ began
   std::vector<double> part, square;  // what a node contributes to numbers of its nest's search
+  std::vector<double> bent;          // own: what third derivatives add to a first step
   // How the mode u moves with the parameters: first derivatives of the log likelihood by u, summed over the leaves
   // below; how u would follow the parameters but for the likelihood's pull; how it does.
   std::vector<double> slope, lead; // own
@@ -94,6 +95,7 @@ struct NestWork {
   std::vector<int> columns;                   // slots of the program run in hand
   std::vector<char> closed;                   // per nest: columns of curvature_sums are of its mode
   std::vector<double> length, square;         // per nest: of the Newton step, as ModeSearch has them
+  std::vector<double> bent;                   // per nest: the same square of what has bent it, or its own
   // Results of programs.mode at the modes: a row per place, a column per slot, b.mode_stride apart.
   std::vector<double> leaf;
   // Sums over a leaf's own points given its ancestors' joint point p, row k * outer + p, column slot, b.mode_stride

@@ -6,6 +6,7 @@
 #include "modes/hessian_at_mode.h"
 #include "modes/joint_density.h"
 #include "modes/packed.h"
+#include "modes/search_rules.h"
 
 #include <algorithm>
 #include <cmath>
@@ -52,7 +53,6 @@ template <int NR, class T> struct NewtonSteps {
   // expansion of f to third order is near z - s - 1/2 H^-1 f'''[s, s] (Chebyshev). Not where that is no small part.
   void bend(const T* third)
   {
-    constexpr double largest_share = 0.1;
     T move[capacity], pull[capacity] = {}, more[capacity];
     const T* l = factor;
     for (int i = 0; i < nr(); ++i) {
@@ -75,7 +75,7 @@ template <int NR, class T> struct NewtonSteps {
       size = ratio <= size ? size : ratio;
     }
     const T none = {};
-    const auto fits = size <= largest_share * square;
+    const auto fits = size <= largest_bend * square;
     bent = fits ? size : square;
     for (int i = 0; i < nr(); ++i) at.gradient[i] += fits ? added[i] : none;
   }

@@ -35,6 +35,10 @@ inline double step_after_bent(double bent, double step)
 {
   return 0.1 * bent + bent * bent / step;
 }
+// What bends a first step is no more than this part of it (both as such squares), or it is not bent; and the most
+// effects of a record whose third derivatives are kept for it.
+inline constexpr double largest_bend = 0.1;
+inline constexpr int most_bent_effects = 3;
 // Whether EBTOL= ends a search: a step shorter than that in the units of the effects, in which all that a posterior
 // reaches may be less; so it has to be no more than `left` (as such a square) there, or EBTOL= itself.
 inline bool short_enough(double length, double square, double ebtol, double left)

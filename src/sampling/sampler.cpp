@@ -25,10 +25,16 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr int most_start_draws = 1000;
 
+std::string by_text_of(const NX& n)
+{
+  return n.bylist.empty() ? std::string() : host::by_text(n.by_groups->values(n.by_groups->current_number()));
+}
+
 class SamplerRun {
 public:
   SamplerRun(NX& n, const SamplerOptions& options)
-      : n_(n), o_(options), np_(n.nparm), saved_parm_(n.parm), saved_dograd_(n.dograd)
+      : n_(n), o_(options), np_(n.nparm), seed_(group_seed(options.chain.seed, by_text_of(n))), saved_parm_(n.parm),
+        saved_dograd_(n.dograd)
   {
   }
 
@@ -157,9 +163,16 @@ private:
 
   int fail()
   {
-    n_.host->log().xpmlog(message::no_posterior_at_start);
+    n_.host->log().xpmlog(message::no_posterior_at_start{.part = lacking_part()});
     n_.raise(1012);
     return 1;
+  }
+
+  // Which part of the posterior has no value where the first chain starts. Nothing where there is but one.
+  std::string lacking_part() const
+  {
+    if (!target_.prior) return "";
+    return target_.log_prior(0, theta_.data()) > impossible ? "the likelihood" : "PRIOR";
   }
 
   // Chain 0 starts at the point itself, the others from a normal around it with four times the covariance, inside the
@@ -170,7 +183,7 @@ private:
     if (o_.no_u_turn)
       for (std::size_t j = 0; j < theta_.size(); ++j) leave_bound(j, start.theta[j]);
     if (number == 0) return start;
-    RandomStream random(o_.chain.seed, number, 0, 0);
+    RandomStream random(seed_, number, 0, 0);
     std::vector<double> z(theta_.size());
     for (int draw = 0; draw < most_start_draws; ++draw) {
       for (double& v : z) v = random.normal();
@@ -238,6 +251,7 @@ private:
     }
     for (int c = 0; c < o_.chains; ++c) {
       ChainOptions chain = o_.chain;
+      chain.seed = seed_;
       chain.keep_effects = o_.out != nullptr && target_.joint != nullptr;
       chains_.push_back(o_.no_u_turn ? make_no_u_turn(target_, chain, c, start_of(c), map_)
                                      : make_random_walk(target_, chain, c, start_of(c), proposal_));
@@ -287,7 +301,7 @@ private:
       if (chain->failure == Chain::Failure::out_of_bounds)
         n_.host->log().xpmlog(message::sampler_out_of_bounds{.count = o_.chain.maxbviol});
       else
-        n_.host->log().xpmlog(message::no_posterior_at_start);
+        n_.host->log().xpmlog(message::no_posterior_at_start{.part = lacking_part()});
       n_.raise(1012);
       return 1;
     }
@@ -297,6 +311,7 @@ private:
   NX& n_;
   const SamplerOptions& o_;
   const int np_;
+  const std::int64_t seed_; // of this BY group
   const std::vector<double> saved_parm_;
   const bool saved_dograd_;
   Posterior target_;

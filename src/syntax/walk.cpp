@@ -85,6 +85,11 @@ void each_expression(const Expr* expression, const ExpressionVisitor& visit)
   Walk(visit).expression(expression);
 }
 
+void each_expression(const Statement* statement, const ExpressionVisitor& visit)
+{
+  Walk(visit).statement(statement);
+}
+
 void each_expression(const Program& program, const ExpressionVisitor& visit)
 {
   Walk walk(visit);

@@ -64,6 +64,16 @@ const StatementCase cases[] = {
     {"ElementWrittenByData",
      "array a[4] a1-a4; do i = 1 to 4; a[i] = 0; end; a[x] = 5; z = a1 + 10*a2 + 100*a3 + 1000*a4;",
      {5, 50, 500, 5000}},
+    {"LongLoopsOverArrays",
+     "array a[600] _temporary_; do i = 1 to 600; a[i] = x*i; end; z = 0; do k = 600 to 1 by -1; if k > 598 then z = z "
+     "+ "
+     "a[k]; if k = 2 then leave; end; z = z + 10000*(i = 601) + 100000*(k = 2);",
+     {111199, 112398, 113597, 114796}},
+    {"LoopsTooLongToBeUnrolled",
+     "array a[3] a1-a3; do i = 1 to 3; a[i] = 0; end; do i = 1 to 40000; a[1 + mod(i, 3)] = a[1 + mod(i, 3)] + exp(x*i "
+     "- x*i); end; z = a1 + "
+     "2*a2 + 4*a3 + (i = 40001);",
+     {93334, 93334, 93334, 93334}},
     {"RetainedCount", "retain k 10; k = k + 1; z = k;", {11, 12, 13, 14}},
     {"SumSkipsMissing", "total + y; z = total;", {0, 0, -1, 1}},
     {"LagsAndDifferences", "z = lag2(x) + 10*dif(x);", {none, none, 11, 12}},

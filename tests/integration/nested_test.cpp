@@ -201,6 +201,12 @@ TEST(Nested, PassesBesideAnAcceptedPoint)
   auto up = theta, down = theta;
   up[0] += h, down[0] -= h;
   EXPECT_LE(lanes([&] { objective(*n, up, true); }), points + 2.5);
+  auto far = theta; // third derivatives bend the first step
+  far[0] += 0.01, far[3] -= 0.01;
+  EXPECT_LE(lanes([&] { objective(*n, far, true); }), points + 2.2);
+  EXPECT_NEAR(n->objfun, objective(*exact, far, true), 1e-12 * n->objfun);
+  for (std::size_t j = 0; j < theta.size(); ++j)
+    EXPECT_NEAR(n->objgrad[j], exact->objgrad[j], 1e-8 * (1.0 + std::abs(exact->objgrad[j]))) << j;
   integration::stand_by_prediction(*n, true);
   EXPECT_LE(lanes([&] { objective(*n, up, true); }), points + 1.1);
   const auto above = n->objgrad;

@@ -175,4 +175,19 @@ TEST(Listings, CriteriaKeepTwoDecimalsAndCountsAllDigits)
 
 } // namespace
 
+// Warnings and errors of a group stand under a line with its values; what is said of the step stands before or behind.
+TEST(Listings, LogNamesTheGroupsOfItsMessages)
+{
+  const TemporaryFile data("groups.csv", "g,y\n1,2\n1,3\n2,-1\n2,-2\n3,4\n3,5\n");
+  const auto run = run_text("TORVALE DATA='" + data.path() + "'; PARMS m=1; MODEL y ~ POISSON(exp(m)); BY g; RUN;");
+  const std::size_t failed = run.log.find("BY group g=2:"), reason = run.log.find("POISSON takes counts"),
+                    after = run.log.find("BY group g=3:");
+  EXPECT_LT(failed, reason) << run.log;
+  EXPECT_LT(reason, after) << run.log;
+  EXPECT_NE(after, std::string::npos) << run.log;
+  EXPECT_EQ(
+      run_text("TORVALE DATA='" + data.path() + "'; PARMS m=1; MODEL y ~ NORMAL(m, 1); RUN;").log.find("BY group"),
+      std::string::npos);
+}
+
 } // namespace torvale::tests

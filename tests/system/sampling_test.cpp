@@ -78,6 +78,8 @@ TEST(Sampling, PriorsAddUp)
   EXPECT_NEAR(run.number("MCMCDiagnostics", "m", "Mean"), (25 * 10.9884 / 5 + 9 / 2.0 + 8 / 2.0) / (25 / 5.0 + 1.0),
               5 * run.number("MCMCDiagnostics", "m", "MCSE"));
   EXPECT_TRUE(run_text(head + "PRIOR LOGPDF('NORMAL', y, 9, 1); MCMC; RUN;", "tests/data/programs").said(503, 38));
+  EXPECT_NE(run_text(head + "PRIOR LOG(m - 100); MCMC; RUN;", "tests/data/programs").log.find("PRIOR has none"),
+            std::string::npos);
 }
 
 // The draws do not depend on the number of threads; chains do differ.
@@ -97,6 +99,41 @@ TEST(Sampling, SameDrawsForAnyNumberOfThreads)
   std::filesystem::remove(file);
   EXPECT_EQ(first.substr(0, first.find('\n')).rfind("b0,b1,u0_1,u1_1,", 0), 0u);
   EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 1 + 4 * 60);
+}
+
+// Two groups with the same rows have the same posterior and draws that have nothing to do with each other; a group has
+// the draws that it has without the other.
+TEST(Sampling, GroupsDrawNumbersOfTheirOwn)
+{
+  std::string rows = "g,y\n";
+  for (const char* const group : {"1", "2"})
+    for (const char* const y : {"0.3", "1.1", "-0.4", "2.0"}) rows += std::string(group) + "," + y + "\n";
+  const TemporaryFile data("groups.csv", rows), out("draws.csv", "");
+  const auto draws = [&](const std::string& where, const std::string& sampler) {
+    const auto run = run_text("TORVALE DATA='" + data.path() + "'" + where +
+                              " SEED=5; PARMS m=0; MODEL y ~ NORMAL(m, 1); BY g; MCMC " + sampler + " OUT='" +
+                              out.path() + "'; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+    std::map<std::string, std::vector<double>> by_group;
+    for (const std::string& line : split(read_text(out.path()), '\n'))
+      if (const auto cells = split(line, ','); cells.size() > 1 && cells[0] != "g")
+        by_group[cells[0]].push_back(std::stod(cells[1]));
+    return by_group;
+  };
+  for (const std::string sampler : {"SAMPLER=WALK SAMPLES=4000", "SAMPLER=NUTS SAMPLES=500 BURN=200"}) {
+    auto both = draws("", sampler);
+    EXPECT_EQ(draws("(WHERE=(g = 2))", sampler)["2"], both["2"]) << sampler;
+    const std::vector<double>&a = both["1"], &b = both["2"];
+    ASSERT_EQ(a.size(), b.size());
+    double aa = 0.0, bb = 0.0, ab = 0.0;
+    for (std::size_t k = 0; k < a.size(); ++k) {
+      const double x = a[k] - 0.75, y = b[k] - 0.75;
+      aa += x * x;
+      bb += y * y;
+      ab += x * y;
+    }
+    EXPECT_LT(std::abs(ab / std::sqrt(aa * bb)), 0.2) << sampler;
+  }
 }
 
 // A start at a variance of 0, a parameter held by its bounds, NOOPTIMIZE, bounds that are hit, a covariance from a data

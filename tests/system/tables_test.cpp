@@ -147,6 +147,24 @@ TEST(Tables, ContrastsOfNothingHaveNoTest)
   EXPECT_TRUE(run.said(503, 9448));
 }
 
+// Expressions that drop out of a contrast cannot be tested, but they can make it impossible: that is said.
+TEST(Tables, ContrastsThatContradictThemselves)
+{
+  const auto said = [](const std::string& expressions) {
+    const auto run = run_text("TORVALE DATA=stackloss; PARMS b0=-40 b1=0.4 s2=10; BOUNDS b1 <= 0.5;"
+                              "MODEL loss ~ NORMAL(b0 + b1*airflow, s2); CONTRAST 'c' " +
+                              expressions + "; RUN;");
+    EXPECT_EQ(run.number("Contrasts", "c", "NumDF"), expressions.find("s2") == std::string::npos ? 1 : 2) << run.log;
+    return run.said(503, 9451);
+  };
+  EXPECT_TRUE(said("b0 + 10, 2*b0 + 21"));
+  EXPECT_TRUE(said("b0, b1 - 1")); // at its bound
+  EXPECT_TRUE(said("b0, s2 - 9, 3*b0 - s2 + 8"));
+  EXPECT_FALSE(said("b0 + 10, 2*b0 + 20"));
+  EXPECT_FALSE(said("b0, b1 - 0.5"));
+  EXPECT_FALSE(said("b0, s2 - 9, 3*b0 - s2 + 9"));
+}
+
 TEST(Tables, FailedStartSaysThatNoModeWasSought)
 {
   const auto run = run_text(example("cbpp", "EBSTEPS=0"));

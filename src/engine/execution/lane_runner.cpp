@@ -382,6 +382,22 @@ void LaneRunner::answer(const Step& step, const Operation& op, const Lanes& lane
   for (int i = lanes.count; i < lanes.padded; ++i) op.out[i] = op.out[lanes.count - 1];
 }
 
+// The element whose number a lane has.
+void LaneRunner::look_up(const Step& step, const Operation& op, int lanes)
+{
+  const std::vector<std::int32_t>& operands = code_.elements[static_cast<std::size_t>(step.index)];
+  const double* const number = reg(operands[0]);
+  const auto count = static_cast<double>(operands.size() - 2);
+  for (int i = 0; i < lanes; ++i) {
+    std::size_t from = 1;
+    if (number[i] >= 0.0 && number[i] < count) {
+      const auto k = static_cast<std::size_t>(number[i]);
+      if (static_cast<double>(k) == number[i]) from = 2 + k;
+    }
+    op.out[i] = reg(operands[from])[i];
+  }
+}
+
 int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
                      Results& results)
 {
@@ -403,6 +419,9 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
       if (!(same_points && input.by_point() && input.from != Input::From::total)) fetch(input, op.out, lanes, sources);
       break;
     }
+    case Step::Kind::element:
+      look_up(s, op, n);
+      break;
     case Step::Kind::text:
       answer(s, op, lanes, sources, texts);
       break;

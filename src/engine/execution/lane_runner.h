@@ -163,6 +163,7 @@ private:
   void prepare_steps(int strip);
   int walk(const Lanes& lanes, const Sources& sources, const CharacterColumns& texts, const Outputs& outputs,
            Results& results);
+  void look_up(const Step& step, const Operation& op, int lanes);
   void answer(const Step& step, const Operation& op, const Lanes& lanes, const Sources& sources,
               const CharacterColumns& texts) const;
   double* reg(std::int32_t r) { return registers_.data() + static_cast<std::size_t>(r * strip_); }

@@ -106,6 +106,11 @@ void append_stage(std::string& out, const CMPGLOBAL& gcmp, const Program& progra
     case Step::Kind::loop_end:
       line += "end of pass";
       break;
+    case Step::Kind::element: {
+      const std::vector<std::int32_t>& all = code.elements[static_cast<std::size_t>(s.index)];
+      line += reg(s.out) + " = of " + std::to_string(all.size() - 2) + " elements number " + reg(all[0]);
+      break;
+    }
     case Step::Kind::text:
       line += reg(s.out) + " = text test " + std::to_string(s.index);
       break;

@@ -365,7 +365,8 @@ bool NativeStages::possible(const StageCode& code)
   using Kind = Step::Kind;
   static const bool granted = executable_memory();
   return granted && std::none_of(code.steps.begin(), code.steps.end(), [](const Step& s) {
-           return s.kind == Kind::text || s.kind == Kind::loop_begin || s.kind == Kind::loop_end;
+           return s.kind == Kind::text || s.kind == Kind::element || s.kind == Kind::loop_begin ||
+                  s.kind == Kind::loop_end;
          });
 #else
   (void)code;

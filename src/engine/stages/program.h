@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 namespace torvale::engine {
@@ -20,6 +21,7 @@ struct Step {
   enum class Kind : std::uint8_t {
     kernel,     // out = kernel(in...)
     load,       // out = input `index` of the stage, for the lanes of the strip
+    element,    // out = in lanes where operand 0 is the number k operand 2 + k, else operand 1
     text,       // out = answer of text test `index`, one lane at a time; in: its numbers
     keep,       // result `index` of the stage = in[0]
     output,     // the same for an output of the program: the missing value in place of any other NaN
@@ -69,12 +71,18 @@ struct StageCode {
   std::vector<Step> steps;
   std::vector<Input> inputs;
   std::vector<Fixed> fixed;
+  std::vector<std::vector<std::int32_t>> elements; // operands of element steps, by their index
   std::vector<NodeId> results; // nodes that later stages (or the caller) read, by index of `keep` and `output`
   int outputs = 0;             // results that are outputs of the program: the first ones
   int registers = 0;           // fixed ones first
   int operations = 0;          // kernels and text tests
   std::unique_ptr<NativeStages> native = std::make_unique<NativeStages>(); // its machine code
   bool empty() const { return results.empty(); }
+  std::span<std::int32_t> operands(Step& s)
+  {
+    if (s.kind == Step::Kind::element) return elements[static_cast<std::size_t>(s.index)];
+    return {s.in.data(), static_cast<std::size_t>(s.operands)};
+  }
 };
 
 // Column: a value per record of the data, raw or computed by the data stage.

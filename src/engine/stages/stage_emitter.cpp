@@ -3,6 +3,7 @@
 
 #include "engine/stages/stage_emitter.h"
 
+#include "engine/stages/element_chains.h"
 #include "engine/stages/node_table.h"
 #include "engine/stages/shared_forms.h"
 #include "engine/stages/step_registers.h"
@@ -32,6 +33,7 @@ public:
     work_off();
     share_forms();
     invert_divisors();
+    look_up_elements();
     first_next_ = code_.results.size();
     if (stage_ == Stage::data || stage_ == Stage::lane)
       for (const std::int32_t carry : kept) code_.results.push_back(graph_.carry_at(carry).next);
@@ -48,6 +50,7 @@ private:
   struct Shape { // a node as it will be computed: perhaps two operations in one. Until the graph grows
     Kernel kernel;
     std::span<const NodeId> operands;
+    std::int32_t elements = -1; // place among the stage's operands of element steps, when it becomes one
   };
 
   // --- what is needed ---
@@ -143,7 +146,41 @@ private:
         continue;
       compute_as(id, form.kernel, form.operands);
     }
-    if (found.empty()) return;
+    if (!found.empty()) need_anew();
+  }
+
+  // Stages that are walked look elements of arrays up: in loops a comparison with every subscript, pass by pass, would
+  // make work of the square of the passes. Machine code chooses as fast as it could fetch all elements.
+  void look_up_elements()
+  {
+    const auto is_text = [&](NodeId id) { return graph_.node(id).kind == NodeKind::text; };
+    const bool walked = std::any_of(carries_.begin(), carries_.end(), [](const auto& of) { return of.first != 0; }) ||
+                        std::any_of(needed_.members().begin(), needed_.members().end(), is_text);
+    for (bool found = walked; found;) {
+      found = false;
+      NodeSet inner;
+      const std::vector<NodeId> candidates = needed_.ascending();
+      for (auto id = candidates.rbegin(); id != candidates.rend(); ++id) {
+        if (!is_kernel(graph_.node(*id), Kernel::select) || inner.has(*id) || computed_as_.get(*id) >= 0 ||
+            is_leaf(*id))
+          continue;
+        ElementChain chain = element_chain(graph_, *id, [&](NodeId rest) { return is_leaf(rest); });
+        if (chain.operands.empty()) continue;
+        for (const NodeId select : chain.inner) inner.insert(select);
+        Step s;
+        s.kind = Step::Kind::element;
+        s.index = static_cast<std::int32_t>(code_.elements.size());
+        code_.elements.push_back(std::move(chain.operands));
+        computed_as_[*id] = static_cast<std::int32_t>(other_forms_.size());
+        other_forms_.push_back(s);
+        found = true;
+      }
+      if (found) need_anew();
+    }
+  }
+
+  void need_anew()
+  {
     needed_.clear();
     carries_.clear();
     for (const NodeId id : code_.results) need(id);
@@ -171,7 +208,7 @@ private:
     for (const NodeId id : needed_.members()) {
       if (is_leaf(id)) continue;
       const Node& n = graph_.node(id);
-      if (n.kind != NodeKind::kernel) continue;
+      if (n.kind != NodeKind::kernel || shape(id).elements >= 0) continue;
       const auto private_product = [&](NodeId m) {
         const Node& x = graph_.node(m);
         return x.kind == NodeKind::kernel && x.kernel == Kernel::multiply && uses_[m] == 1 && !is_leaf(m) &&
@@ -212,6 +249,7 @@ private:
   {
     if (const std::int32_t other = computed_as_.get(id); other >= 0) {
       const Step& s = other_forms_[static_cast<std::size_t>(other)];
+      if (s.kind == Step::Kind::element) return {s.kernel, code_.elements[static_cast<std::size_t>(s.index)], s.index};
       return {s.kernel, {s.in.data(), static_cast<std::size_t>(s.operands)}};
     }
     const Node& n = graph_.node(id);
@@ -310,13 +348,16 @@ private:
       alias_[id] = graph_.carry_at(n.index).entry;
     } else {
       Step s;
-      s.kind = n.kind == NodeKind::text ? Step::Kind::text : Step::Kind::kernel;
       const Shape as = shape(id);
+      s.kind = as.elements >= 0           ? Step::Kind::element
+               : n.kind == NodeKind::text ? Step::Kind::text
+                                          : Step::Kind::kernel;
       s.kernel = as.kernel;
-      s.index = n.index;
+      s.index = as.elements >= 0 ? as.elements : n.index;
       s.out = id;
       s.node = id;
-      for (const NodeId operand : as.operands) s.in[static_cast<std::size_t>(s.operands++)] = operand;
+      if (as.elements < 0)
+        for (const NodeId operand : as.operands) s.in[static_cast<std::size_t>(s.operands++)] = operand;
       code_.steps.push_back(s);
       ++code_.operations;
     }

@@ -18,8 +18,7 @@ public:
     for (const Fixed& f : code_.fixed) see(f.reg);
     for (Step& s : code_.steps) {
       if (writes(s)) see(s.out);
-      for (int j = 0; j < s.operands; ++j) {
-        std::int32_t& in = s.in[static_cast<std::size_t>(j)];
+      for (std::int32_t& in : code_.operands(s)) {
         in = real(in);
         see(in);
       }
@@ -77,8 +76,8 @@ private:
       v.last = std::max(v.last, until);
     };
     for (int k = 0; k < steps; ++k) {
-      const Step& s = code_.steps[static_cast<std::size_t>(k)];
-      for (int j = 0; j < s.operands; ++j) lives(value(s.in[static_cast<std::size_t>(j)]), k);
+      Step& s = code_.steps[static_cast<std::size_t>(k)];
+      for (const std::int32_t in : code_.operands(s)) lives(value(in), k);
       if (!writes(s)) continue;
       Value& out = value(s.out);
       if (out.first < 0) out.first = k;
@@ -94,10 +93,7 @@ private:
     std::vector<int> free;
     for (std::size_t k = 0; k < steps; ++k) {
       Step& s = code_.steps[k];
-      for (int j = 0; j < s.operands; ++j) {
-        std::int32_t& in = s.in[static_cast<std::size_t>(j)];
-        in = value(in).reg;
-      }
+      for (std::int32_t& in : code_.operands(s)) in = value(in).reg;
       for (NodeId id = ending[k]; id != no_value; id = value(id).next_ending) free.push_back(value(id).reg);
       if (!writes(s)) continue;
       Value& out = value(s.out);

@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 
 namespace torvale::engine {
 
@@ -121,6 +122,8 @@ private:
   void do_statement(const syntax::DoStatement& d);
   void ranges(const syntax::DoStatement& d);
   void counted(const syntax::DoStatement& d, const syntax::LoopRange& r);
+  bool unrolled(const syntax::DoStatement& d, double passes, const std::function<void(double)>& known_pass);
+  void take_back(std::size_t mark, std::size_t effects);
   void conditional_loop(const syntax::DoStatement& d);
   void pass(const syntax::DoStatement& d, const Expr* while_, const Expr* until, Slot ended);
   Value handed_on(Slot s, NodeId number);
@@ -205,8 +208,10 @@ private:
   std::int32_t caller_ = -1; // origin of the call whose subprogram is being inlined
   Slot active_ = 0;
   Slot deleted_ = 0;
-  int carried_depth_ = 0;         // loops with carried values around the current statement
-  std::int32_t carried_loop_ = 0; // the innermost of them
+  int carried_depth_ = 0;               // loops with carried values around the current statement
+  std::int32_t carried_loop_ = 0;       // the innermost of them
+  std::set<const Statement*> too_long_; // loops whose passes are too many, or too much, to be unrolled
+  std::int64_t long_loop_nodes_ = 0, long_loop_requests_ = 0; // of the unrolled loops of many passes
   bool learned_ = false;
   bool too_large_ = false; // the graph has reached its limit; nothing more is translated
 };

@@ -2,6 +2,7 @@
 // in a mask of its own and joins again behind it.
 
 #include "engine/translation/translate.h"
+#include "syntax/walk.h"
 
 #include <algorithm>
 #include <cmath>
@@ -15,6 +16,23 @@ namespace {
 
 // Loops of at most this many passes are unrolled; longer ones carry their values from pass to pass.
 constexpr double most_unrolled_passes = 400.0;
+
+// Longer loops that take elements of arrays are unrolled too, as far as all of them together make no more nodes than
+// this: where the subscript is a number, an element is a variable. A loop that carries its values would choose it
+// among all in every pass.
+constexpr std::int64_t most_nodes_of_long_loops = 60000;
+constexpr std::int64_t most_requests_of_long_loops = 20 * most_nodes_of_long_loops; // also nodes made already
+
+// True when a pass takes an element of an array, or hands an array on.
+bool takes_elements(const DoStatement& d, const std::function<bool(std::string_view)>& is_array)
+{
+  bool found = false;
+  for (const Statement* const s : d.body)
+    each_expression(s, [&](const Expr& e) {
+      found = found || e.kind == ExprKind::element || (e.kind == ExprKind::variable && is_array(e.name));
+    });
+  return found;
+}
 
 // The statement with a label, at any depth; null when there is none.
 const Statement* labelled(Block block, std::string_view label);
@@ -212,13 +230,12 @@ void Translator::counted(const DoStatement& d, const LoopRange& r)
   const NodeId passes = graph_.add(graph_.apply(Kernel::floor, {graph_.shift(quotient, 1e-9)}), graph_.one());
   const NodeId enter = graph_.and_(active(), graph_.compare(Kernel::less, graph_.zero(), passes));
   if (graph_.is_constant(enter, 0.0)) return store(start);
-  if (graph_.is_constant(passes) && graph_.value(passes) <= most_unrolled_passes) {
-    const double n = graph_.value(passes);
-    for (double k = 0.0; k < n && is_active() && !too_large_; k += 1.0) {
-      store(value_at(graph_.constant(k)));
-      pass(d, r.while_, r.until, ended);
-    }
-    if (is_active()) store(value_at(graph_.constant(n)));
+  const auto known_pass = [&](double k) {
+    store(value_at(graph_.constant(k)));
+    pass(d, r.while_, r.until, ended);
+  };
+  if (graph_.is_constant(passes) && unrolled(d, graph_.value(passes), known_pass)) {
+    if (is_active()) store(value_at(passes));
     return set(active_, graph_.or_(active(), env(ended).number));
   }
   const Slot again = new_slot("again", {enter, no_text}, true);
@@ -232,6 +249,40 @@ void Translator::counted(const DoStatement& d, const LoopRange& r)
   set(active_, env(done).number);
   store(value_at(env(count).number));
   set(active_, graph_.or_(active(), env(ended).number));
+}
+
+// Translates pass by pass. False, and nothing has changed, where that would make the program too long.
+bool Translator::unrolled(const DoStatement& d, double passes, const std::function<void(double)>& known_pass)
+{
+  const bool is_long = passes > most_unrolled_passes;
+  const auto is_array = [&](std::string_view name) { return array_named(name).has_value(); };
+  if (is_long && (too_long_.count(&d) > 0 || !takes_elements(d, is_array))) return false;
+  const std::size_t mark = journal_.size(), effects_before = gcmp_.effects.size(), lags_before = lags_;
+  const std::int64_t nodes_before = graph_.size(), requests_before = graph_.requests();
+  const auto within_measure = [&] {
+    return !is_long || (long_loop_nodes_ + graph_.size() - nodes_before <= most_nodes_of_long_loops &&
+                        long_loop_requests_ + graph_.requests() - requests_before <= most_requests_of_long_loops);
+  };
+  for (double k = 0.0; k < passes && is_active() && !too_large_ && within_measure(); k += 1.0) known_pass(k);
+  if (within_measure()) {
+    if (is_long) long_loop_nodes_ += graph_.size() - nodes_before;
+    if (is_long) long_loop_requests_ += graph_.requests() - requests_before;
+    return true;
+  }
+  take_back(mark, effects_before);
+  lags_ = lags_before;
+  too_long_.insert(&d);
+  return false;
+}
+
+// Takes back what statements have changed since the journal had `mark` entries.
+void Translator::take_back(std::size_t mark, std::size_t effects)
+{
+  while (journal_.size() > mark) {
+    env(journal_.back().first) = journal_.back().second;
+    journal_.pop_back();
+  }
+  gcmp_.effects.resize(effects);
 }
 
 // DO WHILE and DO UNTIL. As long as the conditions fold to constants the passes are unrolled.
@@ -313,11 +364,7 @@ void Translator::carried_loop(Position where, Slot again, std::initializer_list<
       for (const auto& [s, node] : entry) set(s, handed_on(s, graph_.result(graph_.node(node).index)));
       break;
     }
-    while (journal_.size() > mark) { // take everything back and try again with the new slots carried too
-      env(journal_.back().first) = journal_.back().second;
-      journal_.pop_back();
-    }
-    gcmp_.effects.resize(effects_before);
+    take_back(mark, effects_before); // and try again with the new slots carried too
     carried.insert(changed.begin(), changed.end());
   }
   --carried_depth_;

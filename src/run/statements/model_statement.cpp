@@ -22,7 +22,7 @@ host::MessagePlace dependent_place(const NX& n)
   return place_at(n, "MODEL", stmt->slot(model_slot::dependent).list[0].where);
 }
 
-// The first text of the column that is no number; where no text is one, how a number is made of them.
+// The first text of the column that is no number; where they are names of levels, how a number is made of them.
 message::dependent_is_character character_dependent(const std::string& name, const host::Column& column)
 {
   std::size_t first = column.rows();
@@ -35,7 +35,9 @@ message::dependent_is_character character_dependent(const std::string& name, con
   }
   if (first == column.rows()) return {.name = name};
   message::dependent_is_character out{.name = name, .row = first + 1, .value = column.text(first)};
-  if (!numbers) out.test = name + " = '" + column.text(first) + "'";
+  const std::string& text = column.text(first);
+  const bool name_like = text.find_first_of("0123456789'") == std::string::npos; // others are numbers in disguise
+  if (!numbers && name_like) out.test = name + " = '" + text + "'";
   return out;
 }
 

@@ -48,4 +48,17 @@ void replicate_statement(NX& n)
   n.repsym->used = true; // the data pass reads it, whether the program does or not
 }
 
+void refuse_modelled_replicate(NX& n)
+{
+  if (n.repsym == nullptr) return;
+  for (const auto* input : engine::cmpdeps(*n.gcmp, n.repsym)) {
+    if (input->parameter < 0 && input->random_effect < 0) continue;
+    n.host->log().xpmlog(message::replicate_not_of_data{.name = n.repname,
+                                                        .kind = input->parameter >= 0 ? "parameter" : "random effect",
+                                                        .input = input->name},
+                         place_at(n, "REPLICATE", n.repsym->where));
+    tvlexit(n, 3000);
+  }
+}
+
 } // namespace torvale::run

@@ -193,6 +193,7 @@ void tvlinit(NX& n)
   read_prediction_statements(n);
   read_sampling_statements(n);
   distribution_data(n);
+  refuse_modelled_replicate(n);
   warn_unused_parameters(n);
   warn_of_lengths(n);
   n.nlag = engine::cmppdv(*n.gcmp).nlag;

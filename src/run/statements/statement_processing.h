@@ -45,6 +45,8 @@ void refuse_events_without_subjects(model::NX& n);
 void nested_levels(model::NX& n, const syntax::STMT& procedure);
 // The variable of REPLICATE.
 void replicate_statement(model::NX& n);
+// Behind the compilation: the variable is read once, so nothing that a fit moves may be in it.
+void refuse_modelled_replicate(model::NX& n);
 // Moves the statement's options into the optimizer's block and sets it up (tvlopti, tvloptg, tvlopta, tvloptc,
 // callbacks).
 void optimizer_setup(model::NX& n, const syntax::STMT& procedure);

@@ -42,6 +42,12 @@ constexpr CatalogueEntry entries[] = {
     {503, 9448, "contrast_tests_nothing", N,
      "CONTRAST '{label}' tests nothing: its expressions have no variance at the estimates.",
      "They are constants, or functions of parameters that stand on their bounds.", ""},
+    {503, 9451, "contrast_contradicts_itself", W,
+     "CONTRAST '{label}' contradicts itself: where its other expressions are 0, expression {row} is {value}, by the "
+     "derivatives at the estimates. The F value leaves that expression out.",
+     "The expression depends on others but for a constant, is a constant, or uses only parameters that stand on their "
+     "bounds.",
+     "Mend the constant, or take the expression out."},
     {503, 514, "ebsteps_ignored_with_levels", W, "EBSTEPS= is ignored with several RANDOM statements.", "",
      "Leave EBSTEPS= out, or add EBITER: the search level by level heeds it."},
     {503, 515, "ebsubsteps_ignored_with_levels", W, "EBSUBSTEPS= is ignored with several RANDOM statements.", "",

@@ -62,6 +62,10 @@ constexpr CatalogueEntry entries[] = {
     {503, 22, "bad_replicate_variable", E,
      "The replicate variable {name} is neither numeric in the data set[ {data}] nor assigned in the program.", "",
      "Name a numeric column, or assign the variable in the program: it says how often each subject counts."},
+    {503, 9450, "replicate_not_of_data", E,
+     "The replicate variable {name} depends on the {kind} {input}; a count of subjects is a number of the data.",
+     "The likelihood of a subject is raised to this number, which must not change while the fit goes on.",
+     "Compute it from variables of the data. A parameter that scales a likelihood belongs into MODEL ... GENERAL()."},
     {503, 23, "hardy_needs_one_effect", E, "METHOD=HARDY needs exactly one random effect[; there are {count}].", "",
      "Use the default METHOD=GAUSS."},
     {503, 24, "bydata_without_effect", N,
@@ -108,7 +112,7 @@ constexpr CatalogueEntry entries[] = {
      "prediction is "
      "missing there, and at others where it fails.",
      "A logarithm of a number that is not positive, a division by zero, at the values of that observation.",
-     "Guard the expression with IFN or with IF statements in the program."},
+     "Guard it: IF condition THEN value ELSE other value is an expression too."},
     {503, 9600, "importance_shift", N,
      "The -2 log likelihood of METHOD=ISAMP is shifted by the constant {shift}: do not compare it with that of other "
      "methods. Without the "
@@ -148,7 +152,7 @@ constexpr CatalogueEntry entries[] = {
      "{count} trajectories of the no-U-turn sampler diverged: parts of the posterior may have been missed.",
      "A posterior with narrow places, as near a variance of 0.",
      "Give the variances a PRIOR that keeps them from 0, or a longer BURN=."},
-    {503, 9584, "no_posterior_at_start", E, "The posterior has no value where a chain starts.",
+    {503, 9584, "no_posterior_at_start", E, "The posterior has no value where a chain starts[: {part} has none there].",
      "The likelihood, or a PRIOR, cannot be computed at the estimates or starting values.",
      "Look at PRIOR and at the starting values."},
     {503, 9585, "sample_lacks_effects", W,
