@@ -1,6 +1,7 @@
 #include "data/row_marker.h"
 
 #include "evaluation/machine_builds.h"
+#include "model/distribution_labels.h"
 
 #include <algorithm>
 #include <cmath>
@@ -67,11 +68,7 @@ bool all_lanes(Must must, double limit, const double* values, int lanes)
 
 } // namespace
 
-RowMarker::RowMarker(model::NX& n)
-    : n_(n),
-      counts_(n.disttype == 2 || n.disttype == 3 || n.disttype == 4 || n.disttype == 6) // binary to neg. binomial
-{
-}
+RowMarker::RowMarker(model::NX& n) : n_(n), counts_(model::has_probabilities(n.disttype)) {}
 
 void RowMarker::take(const RowTile& tile, const engine::Frame& frame, BlockFindings& found) const
 {

@@ -62,9 +62,10 @@ template <class T> struct SlotGroup {
   // from[slot of each times `stride`].
   template <class Number> T gather(const Number* from, long stride) const
   {
-    if constexpr (width == 1)
-      return from[slot[0] * stride];
-    else
+    if constexpr (width == 1) return from[slot[0] * stride];
+    if constexpr (std::is_same_v<Number, double>)
+      if (stride == 1 && adjacent) return load(from + slot[0]);
+    if constexpr (width > 1)
       return T{from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride], from[slot[3] * stride]};
   }
   // The same of a table with a row for each slot (`own`), or with one row for all of them.
@@ -110,6 +111,8 @@ template <class T> struct SlotGroup {
   // Into to[slot of each times `stride`].
   template <class Number> void scatter(T t, Number* to, long stride) const
   {
+    if constexpr (std::is_same_v<Number, double>)
+      if (stride == 1 && adjacent && used == width) return store(t, to + slot[0]);
     double v[width];
     std::memcpy(v, &t, sizeof t);
     for (int i = 0; i < used; ++i) to[slot[i] * stride] = static_cast<Number>(v[i]);

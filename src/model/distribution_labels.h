@@ -18,4 +18,10 @@ inline host::MessageCode distribution_label(int code)
   return labels[code];
 }
 
+// Whether the likelihood of a MODEL distribution is a probability, which 1 bounds, and no density.
+inline bool has_probabilities(int code)
+{
+  return (code >= 2 && code <= 4) || code == 6; // binary, binomial, Poisson, negative binomial
+}
+
 } // namespace torvale::model

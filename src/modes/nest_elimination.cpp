@@ -72,6 +72,37 @@ int eliminate(const model::RunOptions& options, NestWork& w, int level, int node
   return 0;
 }
 
+double log_determinant(const NestWork& w, int nest, int level)
+{
+  constexpr double least = 1e-100, most = 1e100;
+  const auto plain = [](double x) { return x > least && x < most; };
+  double sum = 0.0, product = 1.0;
+  for (std::size_t k = 0; k < w.level.size(); ++k) {
+    const NestLevel& l = w.level[k];
+    if (level >= 0 && static_cast<int>(k) != level) continue;
+    const auto at = static_cast<std::size_t>(nest);
+    for (auto v = static_cast<std::size_t>(l.nodes->first[at]); v < static_cast<std::size_t>(l.nodes->first[at + 1]);
+         ++v) {
+      if (l.own > 1) {
+        sum += l.logdet[v];
+        continue;
+      }
+      const double inverse = std::abs(l.inverse[v]);
+      if (inverse == 0.0) continue;
+      if (!plain(inverse)) {
+        sum -= std::log(inverse);
+        continue;
+      }
+      product *= inverse;
+      if (!plain(product)) {
+        sum -= std::log(product);
+        product = 1.0;
+      }
+    }
+  }
+  return sum - std::log(product);
+}
+
 void clear_fronts(NestWork& w, int nest)
 {
   for (std::size_t level = 1; level < w.level.size(); ++level) {

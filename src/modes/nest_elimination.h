@@ -7,22 +7,15 @@
 #include "model/run_record.h"
 #include "modes/packed.h"
 
-#include <cmath>
-
 namespace torvale::modes {
 
 // eliminate: takes a node out of its front: inverse, regression, logdet, step (the part that does not wait for the
 // ancestors); what remains of front and right is added to the parent's. Returns 0; 1 when the block cannot be inverted.
 int eliminate(const model::RunOptions& options, model::NestWork& w, int level, int node, model::BlockWork& block);
 
-// log_determinant_of: of the block of an eliminated node. A single pivot stands in its inverse; one that was given up
-// counts as 1.
-inline double log_determinant_of(const model::NestLevel& l, int node)
-{
-  const auto v = static_cast<std::size_t>(node);
-  if (l.own > 1) return l.logdet[v];
-  return l.inverse[v] != 0.0 ? -std::log(std::abs(l.inverse[v])) : 0.0;
-}
+// log_determinant: of a nest's arrow: of the blocks of all its nodes, or of those of one level. A single pivot stands
+// in its inverse (one that was given up counts as 1), and logarithms are taken of products of these.
+double log_determinant(const model::NestWork& w, int nest, int level = -1);
 
 // clear_fronts: makes room for the sums of a nest's fronts above the leaves.
 void clear_fronts(model::NestWork& w, int nest);

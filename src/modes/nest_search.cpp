@@ -75,6 +75,18 @@ private:
     }
   }
 
+  // The same with all nodes of a level at once, or all that the search moves: f(level, first effect, past the last).
+  template <class F> void for_effects(int nest, F&& f, int only = all_levels)
+  {
+    for (std::size_t k = 0; k < w_.level.size(); ++k) {
+      NestLevel& l = w_.level[k];
+      const auto first = static_cast<long>(l.nodes->first[static_cast<std::size_t>(nest)]),
+                 last = static_cast<long>(l.nodes->first[static_cast<std::size_t>(nest) + 1]);
+      if (only == all_levels || only == static_cast<int>(k))
+        f(l, static_cast<std::size_t>(first * l.own), static_cast<std::size_t>(last * l.own));
+    }
+  }
+
   // --- start ---
 
   void start_all()
@@ -109,8 +121,9 @@ private:
     s = ModeSearch{};
     s.from_mean = true;
     s.bound = s.previous = largest;
-    for_nodes(nest,
-              [](NestLevel& l, int, int v) { std::fill_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, 0.0); });
+    for_effects(nest, [](NestLevel& l, std::size_t first, std::size_t last) {
+      for (std::size_t i = first; i < last; ++i) l.z[i] = 0.0;
+    });
   }
 
   void give_up(int nest, SearchEnd why = SearchEnd::steps)
@@ -191,6 +204,7 @@ private:
   // The log likelihood of every leaf with its derivatives at the trial point, from this column of the sums on.
   int evaluate(const model::ModelProgram& program, int count, double* sums, int column)
   {
+    run_ = count;
     list_nodes(w_);
     place_effects(n_, ctx_);
     return run_leaves(n_, ctx_, program, count, sums, column);
@@ -204,9 +218,7 @@ private:
     for (int nest = 0; nest < w_.nests; ++nest) {
       char& active = w_.active[static_cast<std::size_t>(nest)];
       if (active == 0) continue;
-      const bool known = search(nest).state == ModeSearch::found;
-      if (known) keep_sums(nest, sums);
-      active = !known && accept(nest) ? 1 : 0;
+      active = search(nest).state != ModeSearch::found && accept(nest) ? 1 : 0;
       all = all && active != 0;
     }
     if (!all) list_nodes(w_);
@@ -218,8 +230,8 @@ private:
     for (int nest = 0; nest < w_.nests; ++nest) {
       if (w_.active[static_cast<std::size_t>(nest)] == 0) continue;
       newton(nest);
-      if (search(nest).state == ModeSearch::found) keep_sums(nest, sums);
     }
+    keep_sums(sums);
     note_active();
   }
 
@@ -247,14 +259,15 @@ private:
     double& bent = w_.bent[static_cast<std::size_t>(nest)];
     bool fits = true;
     bent = 0.0;
-    for_nodes(nest, [&](const NestLevel& l, int, int v) {
-      const double part = l.part[static_cast<std::size_t>(v)];
-      fits = fits && part <= largest_bend * square;
-      bent = std::max(bent, part);
+    for_effects(nest, [&](const NestLevel& l, std::size_t first, std::size_t last) {
+      for (std::size_t v = first; v < last; ++v) {
+        fits = fits && l.part[v] <= largest_bend * square;
+        bent = std::max(bent, l.part[v]);
+      }
     });
     if (!fits) bent = square;
-    for_nodes(nest, [&](NestLevel& l, int, int v) {
-      if (fits) l.step[static_cast<std::size_t>(v)] += l.bent[static_cast<std::size_t>(v)];
+    for_effects(nest, [&](NestLevel& l, std::size_t first, std::size_t last) {
+      for (std::size_t v = first; v < last && fits; ++v) l.step[v] += l.bent[v];
     });
   }
 
@@ -264,15 +277,24 @@ private:
       w_.active[static_cast<std::size_t>(nest)] = search(nest).state == ModeSearch::searching ? 1 : 0;
   }
 
-  void keep_sums(int nest, const double* sums)
+  // Of the leaves of the last run whose nests are found by now.
+  void keep_sums(const double* sums)
   {
-    const NestLevel& l = w_.level.front();
-    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
-         ++v) {
-      const int slot = l.nodes->slot[static_cast<std::size_t>(v)];
-      const double* const from = sums + b_.column[static_cast<std::size_t>(slot)];
-      double* const to = w_.leaf.data() + slot;
-      for (const int place : n_.programs.mode.outputs) to[place * b_.mode_stride] = from[place * b_.mode_stride];
+    const auto found = [&](int slot) {
+      const auto leaf = static_cast<std::size_t>(w_.leaf_of_slot[static_cast<std::size_t>(slot)]);
+      return search(w_.nest_of_leaf[leaf]).state == ModeSearch::found;
+    };
+    const int* const slots = w_.columns.data();
+    bool whole = run_ > 0 && slots[run_ - 1] - slots[0] == run_ - 1; // one row of slots, all of which are kept
+    for (int i = 0; i < run_ && whole; ++i) whole = found(slots[i]);
+    for (const int place : n_.programs.mode.outputs) {
+      const double* const from = sums + place * b_.mode_stride;
+      double* const to = w_.leaf.data() + place * b_.mode_stride;
+      if (whole)
+        std::copy_n(from + b_.column[static_cast<std::size_t>(slots[0])], run_, to + slots[0]);
+      else
+        for (int i = 0; i < run_; ++i)
+          if (found(slots[i])) to[slots[i]] = from[b_.column[static_cast<std::size_t>(slots[i])]];
     }
   }
 
@@ -293,8 +315,8 @@ private:
     if (rules_.substeps <= 0) return true;
     s.substep = 0;
     s.bound = allowed_value(f, rules_.rise);
-    for_nodes(nest, [](NestLevel& l, int, int v) {
-      std::copy_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, l.zold.begin() + static_cast<long>(v) * l.own);
+    for_effects(nest, [](NestLevel& l, std::size_t first, std::size_t last) {
+      for (std::size_t i = first; i < last; ++i) l.zold[i] = l.z[i];
     });
     return true;
   }
@@ -307,11 +329,8 @@ private:
     const double keep = s.substep < rules_.substeps ? rules_.keep : 0.5;
     ++s.substep;
     s.state = ModeSearch::searching;
-    for_nodes(nest, [&](NestLevel& l, int, int v) {
-      for (int k = v * l.own; k < (v + 1) * l.own; ++k) {
-        const auto i = static_cast<std::size_t>(k);
-        l.z[i] = keep * l.z[i] + (1.0 - keep) * l.zold[i];
-      }
+    for_effects(nest, [&](NestLevel& l, std::size_t first, std::size_t last) {
+      for (std::size_t i = first; i < last; ++i) l.z[i] = keep * l.z[i] + (1.0 - keep) * l.zold[i];
     });
   }
 
@@ -328,7 +347,7 @@ private:
     if (short_enough(step_u, step_sd, rules_.step, small_remainder) || noise || step_sd < negligible || predicted ||
         made_up_for) {
       s.state = ModeSearch::found;
-      add_determinants(nest);
+      s.logdet = log_determinant(w_, nest, level_ == all_levels ? -1 : level_);
       return;
     }
     const double next = bends(nest) ? step_after_bent(w_.bent[static_cast<std::size_t>(nest)], step_sd)
@@ -336,20 +355,12 @@ private:
     s.state = closes() && next < left_over_ ? ModeSearch::near : ModeSearch::searching;
     s.previous = step_sd;
     if (++s.step >= rules_.steps) return give_up(nest);
-    for_nodes(nest, [&](NestLevel& l, int level, int v) {
-      if (level_ != all_levels && level != level_) return;
-      for (int k = v * l.own; k < (v + 1) * l.own; ++k)
-        l.z[static_cast<std::size_t>(k)] -= l.step[static_cast<std::size_t>(k)];
-    });
-  }
-
-  void add_determinants(int nest)
-  {
-    ModeSearch& s = search(nest);
-    s.logdet = 0.0;
-    for_nodes(nest, [&](const NestLevel& l, int level, int v) {
-      if (level_ == all_levels || level == level_) s.logdet += log_determinant_of(l, v);
-    });
+    for_effects(
+        nest,
+        [](NestLevel& l, std::size_t first, std::size_t last) {
+          for (std::size_t i = first; i < last; ++i) l.z[i] -= l.step[i];
+        },
+        level_);
   }
 
   // --- EBITER$ ---
@@ -459,6 +470,7 @@ private:
   const bool bends_;       // what bends a first step is known
   bool closing_ = false;   // the sums in hand are those of the evaluation at the modes
   int closed_ = 0;         // columns of curvature_sums in use
+  int run_ = 0;            // leaves of the last run: entries of w_.columns
   int level_ = all_levels; // whose subjects move
   bool turns_ = false;
 };

@@ -182,18 +182,28 @@ bool own_step(const NX& n, TVLThreadCtx& ctx, const double* sums, int nest, std:
   return true;
 }
 
-// The lengths of the nests' steps from those of their nodes; of one level, or below 0 of all.
+// The lengths of the nests' steps from those of their nodes; of one level, or below 0 of all. What is not finite gives
+// infinity.
 void sum_up_lengths(NestWork& w, int level)
 {
+  constexpr double infinite = std::numeric_limits<double>::infinity();
   for_active(w, [&](int nest) {
-    double& length = w.length[static_cast<std::size_t>(nest)];
-    double& square = w.square[static_cast<std::size_t>(nest)];
-    for_nodes(w, nest, [&](const NestLevel& l, int v) {
-      if (level >= 0 && &l != &w.level[static_cast<std::size_t>(level)]) return;
-      const double part = l.part[static_cast<std::size_t>(v)], part_square = l.square[static_cast<std::size_t>(v)];
-      if (!(part <= length) && length == length) length = part; // what is not a number stays
-      if (!(part_square <= square) && square == square) square = part_square;
-    });
+    const auto at = static_cast<std::size_t>(nest);
+    double length = 0.0, square = w.square[at];
+    bool finite = true;
+    for (std::size_t k = 0; k < w.level.size(); ++k) {
+      const NestLevel& l = w.level[k];
+      if (level >= 0 && static_cast<int>(k) != level) continue;
+      for (auto v = static_cast<std::size_t>(l.nodes->first[at]); v < static_cast<std::size_t>(l.nodes->first[at + 1]);
+           ++v) {
+        const double part = l.part[v], part_square = l.square[v];
+        finite = finite && part_square < infinite;
+        length = part > length ? part : length;
+        square = part_square > square ? part_square : square;
+      }
+    }
+    w.length[at] = length;
+    w.square[at] = finite ? square : infinite;
   });
 }
 
@@ -215,6 +225,10 @@ bool single_effects(const NestWork& w)
 
 void list_nodes(NestWork& w)
 {
+  const bool all = std::all_of(w.active.begin(), w.active.begin() + w.nests, [](char active) { return active != 0; });
+  if (all && std::all_of(w.level.begin(), w.level.end(),
+                         [](const NestLevel& l) { return l.listed.size() == l.nodes->subject.size(); }))
+    return; // they are listed already
   for (NestLevel& l : w.level) l.listed.clear();
   for_active(w, [&](int nest) { for_nodes(w, nest, [](NestLevel& l, int v) { l.listed.push_back(v); }); });
 }
@@ -272,8 +286,9 @@ void find_values(const NX& n, TVLThreadCtx& ctx, const double* sums)
       });
   for_active(w, [&](int nest) {
     double& f = w.value[static_cast<std::size_t>(nest)];
-    f = 0.0;
-    for_nodes(w, nest, [&](const NestLevel& l, int v) { f += l.part[static_cast<std::size_t>(v)]; });
+    double sum = 0.0;
+    for_nodes(w, nest, [&](const NestLevel& l, int v) { sum += l.part[static_cast<std::size_t>(v)]; });
+    f = sum;
   });
 }
 

@@ -10,6 +10,7 @@
 #include "integration/failure_report.h"
 #include "integration/objective.h"
 #include "matrix/packed_kernels.h"
+#include "model/bound_unit.h"
 #include "optimizer/optimizer.h"
 #include "solve/fit_hessian.h"
 #include "solve/judgement/fit_verdict.h"
@@ -95,9 +96,10 @@ void snap_to_bounds(NX& n)
   std::vector<double> x(free);
   for (int i = 0; i < n.nparm; ++i) {
     double& at = x[static_cast<std::size_t>(i)];
-    if (str.lb[i] > -largest && str.iabc[i] == 1 && std::abs(at - str.lb[i]) < (std::abs(str.lb[i]) + 1) * eps)
+    const double unit = model::bound_unit(n.parmstr[static_cast<std::size_t>(i)]);
+    if (str.lb[i] > -largest && str.iabc[i] == 1 && std::abs(at - str.lb[i]) < (std::abs(str.lb[i]) + unit) * eps)
       at = str.lb[i];
-    if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - at) < (std::abs(str.ub[i]) + 1) * eps)
+    if (str.ub[i] < largest && str.iabc[i] == -1 && std::abs(str.ub[i] - at) < (std::abs(str.ub[i]) + unit) * eps)
       at = str.ub[i];
   }
   if (x != free && as_good(n, x)) std::copy(x.begin(), x.end(), str.x);

@@ -425,7 +425,7 @@ TEST(Convergence, VarianceAtTheSlackOfItsBound)
            "\n"; // as many of each in all subjects
   const std::string tail = "; BOUNDS v > 0; p = LOGISTIC(b0 + b1*x + u*";
   for (const std::string unit : {"1", "1000"}) {
-    const auto run = fit_data(csv, "; PARMS b0=0 b1=0 v=1E-6" + tail + unit +
+    const auto run = fit_data(csv, "LCEPS=1E-8; PARMS b0=0 b1=0 v=1E-6" + tail + unit +
                                        "); MODEL y ~ BINARY(p); RANDOM u ~ NORMAL(0, v) SUBJECT=id; RUN;");
     EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
     EXPECT_NEAR(run.number("ParameterEstimates", "v", "Estimate"), 1e-8, 1e-12) << unit << run.log;

@@ -2,6 +2,7 @@
 #include "host/messages/names/optimizer.h"
 #include "inference/tables/standard_errors.h"
 #include "inference/tables/tables.h"
+#include "model/bound_unit.h"
 #include "optimizer/optimizer.h"
 
 #include <algorithm>
@@ -23,20 +24,21 @@ std::string bound_status(const NX& n, int i, double eps)
 {
   const auto& str = *n.str;
   const auto words = [](host::MessageCode name) { return host::xpmstr(name); };
+  const double unit = model::bound_unit(n.parmstr[static_cast<std::size_t>(i)]);
   const int held = str.iabc[i];
   std::string status = held == 2    ? words(status_message::equality)
                        : held == 1  ? words(status_message::lower_bound)
                        : held == -1 ? words(status_message::upper_bound)
                                     : std::string();
   if (str.lb[i] > -largest) {
-    const double d = str.x[i] - str.lb[i], t = (std::abs(str.lb[i]) + 1) * eps;
+    const double d = str.x[i] - str.lb[i], t = (std::abs(str.lb[i]) + unit) * eps;
     if (d < -t)
       status = words(status_message::infeasible);
     else if (held != 2 && std::abs(d) < t)
       status = words(status_message::lower_bound);
   }
   if (str.ub[i] < largest) {
-    const double d = str.ub[i] - str.x[i], t = (std::abs(str.ub[i]) + 1) * eps;
+    const double d = str.ub[i] - str.x[i], t = (std::abs(str.ub[i]) + unit) * eps;
     if (d < -t)
       status = words(status_message::infeasible);
     else if (held != 2 && std::abs(d) < t)

@@ -3,21 +3,16 @@
 // what goes to their parents is added leaf by leaf, in their order. With more than two levels several points of a leaf
 // meet at one of an ancestor, and the order would depend on who stands together: there only leaves of one nest do.
 
-#include "evaluation/slot_group.h"
 #include "integration/nests/nest_gradient.h"
 #include "integration/nests/nest_points.h"
 #include "integration/subjects/evaluation_parts.h"
-#include "modes/joint_density.h"
+#include "modes/single_tree.h"
 
-#include <algorithm>
-#include <array>
 #include <utility>
 
 namespace torvale::integration {
 
 using evaluation::Four;
-using evaluation::SlotGroup;
-using model::BatchWork;
 using model::NestLevel;
 using model::NestWork;
 using model::NX;
@@ -25,17 +20,22 @@ using model::TVLThreadCtx;
 
 namespace {
 
-template <class T> class LeafSums {
+template <class T, int Levels> class LeafSums : modes::SingleTree<T, Levels> {
+  using Tree = modes::SingleTree<T, Levels>;
+  using Tree::above, Tree::b_, Tree::level, Tree::levels, Tree::n_, Tree::w_;
+  using typename Tree::Group;
+
 public:
-  LeafSums(const NX& n, TVLThreadCtx& ctx, const LeafMoments& rows, const SlotGroup<T>& leaves)
-      : n_(n), b_(ctx.batch), w_(ctx.nests), leaf_(ctx.nests.level.front()), rows_(rows), leaves_(leaves),
-        slots_(leaves.through(leaf_.nodes->slot.data())), nests_(leaves.through(w_.nest_of_leaf.data())),
-        s_(n.qscale * root_two), factor_(leaf_.varies ? leaves.from_row(leaf_.factor.data()) : T{} + leaf_.factor[0]),
+  LeafSums(const NX& n, TVLThreadCtx& ctx, const LeafMoments& rows, const Group& leaves)
+      : Tree(n, ctx), leaf_(Tree::leaf()), rows_(rows), leaves_(leaves), slots_(Tree::slots_of(leaves)),
+        nests_(leaves.through(w_.nest_of_leaf.data())), s_(n.qscale * root_two), factor_(Tree::factor(0, leaves)),
         mode_(leaves.from_row(leaf_.z.data())), spread_(leaves.from_row(leaf_.spread.data()))
   {
-    for (std::size_t k = 1; k < w_.level.size(); ++k)
-      ancestors_[k].take(k == 1 ? leaves : ancestors_[k - 1], w_.level[k - 1].nodes->parent.data());
-    for (int a = 0; a < leaf_.above; ++a) tilt_[a] = leaves.gather(leaf_.tilt.data() + a, leaf_.above);
+    Tree::for_ancestors(0, leaves, [&](int k, const Group& nodes) { ancestors_[above(k)] = nodes; });
+    for (int a = 0; a < above(0); ++a) {
+      tilt_[a] = leaves.gather(leaf_.tilt.data() + a, above(0));
+      regression_bar_[a] = T{};
+    }
   }
 
   void add()
@@ -51,8 +51,7 @@ public:
     leaves_.scatter(factor_bar_, leaf_.factor_bar.data(), 1);
     if (!n_.adscale) return;
     leaves_.scatter(spread_bar_, leaf_.spread_bar.data(), 1);
-    for (int a = 0; a < leaf_.above; ++a)
-      leaves_.scatter(regression_bar_[a], leaf_.regression_bar.data() + a, leaf_.above);
+    for (int a = 0; a < above(0); ++a) leaves_.scatter(regression_bar_[a], leaf_.regression_bar.data() + a, above(0));
   }
 
 private:
@@ -61,9 +60,10 @@ private:
   // What a leaf's sums at joint point p of its ancestors are multiplied by; 0: they are not to be read.
   T weight_at(long p) const
   {
-    const T above = ancestors_[1].gather(w_.level[1].weight.data() + p, leaf_.outer), total = total_at(p), none = {};
-    const T weight = total > 0.0 ? above / total : none;
-    return above > 0.0 ? weight : none;
+    const T joint = ancestors_[above(1)].gather(level(1).weight.data() + p, leaf_.outer), total = total_at(p),
+            none = {};
+    const T weight = total > 0.0 ? joint / total : none;
+    return joint > 0.0 ? weight : none;
   }
 
   T total_at(long p) const { return slots_.from_row(w_.total.data() + p * b_.mode_stride); }
@@ -76,14 +76,14 @@ private:
 
   void add_point(long p, T weight)
   {
-    T centre = mode_, deviation[modes::most_effects];
-    for (std::size_t k = 1; k < w_.level.size(); ++k) {
-      NestLevel& a = w_.level[k];
-      deviation[a.place] = ancestors_[k].gather(a.deviation.data() + p % a.joint(), a.joint());
-      centre += tilt_[a.place] * deviation[a.place];
-      add_to(a.slopes, k, p, weight * sum(rows_.slope + a.place, p, weight));
+    T centre = mode_, deviation[Tree::longest];
+    for (int a = above(0); a-- > 0;) {
+      NestLevel& up = Tree::level_at(a);
+      deviation[a] = ancestors_[a].gather(up.deviation.data() + p % up.joint(), up.joint());
+      centre += tilt_[a] * deviation[a];
+      add_to(a, up.slopes, p, weight * sum(rows_.slope + a, p, weight));
     }
-    const T r = weight * sum(rows_.slope + leaf_.place, p, weight);
+    const T r = weight * sum(rows_.slope + above(0), p, weight);
     const T rx = weight * sum(rows_.slope_by_point, p, weight), x = weight * sum(rows_.point, p, weight);
     const T pull = factor_ * r - (weight * total_at(p) * centre + s_ * spread_ * x);
     mean_bar_ += r;
@@ -92,21 +92,17 @@ private:
     if (!n_.adscale) return;
     const T square = weight * sum(rows_.square, p, weight);
     spread_bar_ += s_ * (factor_ * rx - centre * x - s_ * spread_ * square); // s sum e (L'll_u - z) x'
-    for (std::size_t k = 1; k < w_.level.size(); ++k) {
-      NestLevel& a = w_.level[k];
-      regression_bar_[a.place] += pull * deviation[a.place];
-      add_to(a.pulls, k, p, tilt_[a.place] * pull);
+    for (int a = above(0); a-- > 0;) {
+      regression_bar_[a] += pull * deviation[a];
+      add_to(a, Tree::level_at(a).pulls, p, tilt_[a] * pull);
     }
   }
 
   // To a number of each ancestor at the joint point that it has part in.
-  void add_to(std::vector<double>& rows, std::size_t level, long p, T t)
+  void add_to(int place, std::vector<double>& rows, long p, const T& t) const
   {
-    double v[SlotGroup<T>::width];
-    SlotGroup<T>::store(t, v);
-    const long joint = w_.level[level].joint();
-    double* const at = rows.data() + p % joint;
-    for (int i = 0; i < leaves_.used; ++i) at[ancestors_[level].slot[i] * joint] += v[i];
+    const long joint = Tree::level_at(place).joint();
+    ancestors_[place].add_in_order(t, rows.data() + p % joint, joint);
   }
 
   void add_direct()
@@ -120,38 +116,41 @@ private:
         t += weight * sum(row, p, weight);
       }
       ++row;
-      double v[SlotGroup<T>::width];
-      SlotGroup<T>::store(t, v);
-      double* const to = w_.gradient.data() + place - n_.programs.by_parameter(0);
-      for (int i = 0; i < leaves_.used; ++i) to[static_cast<long>(nests_.slot[i]) * n_.nparm] -= v[i];
+      nests_.add_in_order(-t, w_.gradient.data() + place - n_.programs.by_parameter(0), n_.nparm);
     }
   }
 
-  const NX& n_;
-  const BatchWork& b_;
-  NestWork& w_;
   NestLevel& leaf_;
   const LeafMoments& rows_;
-  const SlotGroup<T>& leaves_;
-  const SlotGroup<T> slots_, nests_;
-  std::array<SlotGroup<T>, modes::most_effects> ancestors_; // per level, from 1
+  const Group& leaves_;
+  const Group slots_, nests_;
+  Group ancestors_[Tree::longest]; // by place
   const double s_;
   const T factor_, mode_, spread_;
-  T tilt_[modes::most_effects];
+  T tilt_[Tree::longest];
   T weight_[most_kept]; // at the first joint points
-  T mean_bar_ = {}, mode_bar_ = {}, factor_bar_ = {}, spread_bar_ = {}, regression_bar_[modes::most_effects] = {};
+  T mean_bar_ = {}, mode_bar_ = {}, factor_bar_ = {}, spread_bar_ = {}, regression_bar_[Tree::longest];
 };
 
-template <class T> void add_all(const NX& n, TVLThreadCtx& ctx, const int* leaves, int count)
+template <class T, int Levels> void add_all(const NX& n, TVLThreadCtx& ctx, const int* leaves, int count)
 {
   const LeafMoments rows(n);
-  for (int first = 0; first < count; first += SlotGroup<T>::width)
-    LeafSums<T>(n, ctx, rows, SlotGroup<T>::of_list(leaves + first, count - first)).add();
+  using Group = evaluation::SlotGroup<T>;
+  for (int first = 0; first < count; first += Group::width)
+    LeafSums<T, Levels>(n, ctx, rows, Group::of_list(leaves + first, count - first)).add();
 }
 
-TORVALE_AVX2_BUILD void add_all_avx2(const NX& n, TVLThreadCtx& ctx, const int* leaves, int count)
+template <int Levels> TORVALE_AVX2_BUILD void add_all_avx2(const NX& n, TVLThreadCtx& ctx, const int* leaves, int count)
 {
-  add_all<Four>(n, ctx, leaves, count);
+  add_all<Four, Levels>(n, ctx, leaves, count);
+}
+
+void add_leaves(const NX& n, TVLThreadCtx& ctx, int count)
+{
+  modes::by_levels(ctx.nests, [&](auto levels) {
+    static const auto build = evaluation::build_for_machine(add_all<Four, levels()>, add_all_avx2<levels()>);
+    build(n, ctx, ctx.nests.columns.data(), count);
+  });
 }
 
 } // namespace
@@ -160,15 +159,14 @@ void sum_single_leaves(const NX& n, TVLThreadCtx& ctx)
 {
   NestWork& w = ctx.nests;
   const auto& nodes = *w.level.front().nodes;
-  static const auto build = evaluation::build_for_machine(add_all<Four>, add_all_avx2);
   int count = 0;
   for (int nest = 0; nest < w.nests; ++nest) {
     const auto k = static_cast<std::size_t>(nest);
     if (w.failure[k] != 0) continue;
     for (int v = nodes.first[k]; v < nodes.first[k + 1]; ++v) w.columns[static_cast<std::size_t>(count++)] = v;
-    if (w.level.size() > 2) build(n, ctx, w.columns.data(), std::exchange(count, 0));
+    if (w.level.size() > 2) add_leaves(n, ctx, std::exchange(count, 0));
   }
-  build(n, ctx, w.columns.data(), count);
+  add_leaves(n, ctx, count);
 }
 
 } // namespace torvale::integration

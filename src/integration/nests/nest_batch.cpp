@@ -20,7 +20,10 @@ void take_nests(const GroupState& n, TVLThreadCtx& ctx)
   const auto& nodes = n.batch_nodes[static_cast<std::size_t>(b.number)];
   w.nests = b.nests;
   std::fill_n(w.failure.begin(), w.nests, 0);
-  for (std::size_t k = 0; k < w.level.size(); ++k) w.level[k].nodes = &nodes[k];
+  for (std::size_t k = 0; k < w.level.size(); ++k) {
+    w.level[k].nodes = &nodes[k];
+    w.level[k].listed.clear();
+  }
   const model::NestNodes& leaves = nodes.front();
   for (int nest = 0; nest < w.nests; ++nest)
     for (int v = leaves.first[static_cast<std::size_t>(nest)]; v < leaves.first[static_cast<std::size_t>(nest) + 1];

@@ -47,12 +47,10 @@ public:
   // Of all good nests.
   void compute()
   {
-    for_good([&] {
-      std::fill_n(gradient_, np_, 0.0);
-      clear();
-      share_weights();
-    });
     const bool singles = modes::single_effects(w_);
+    clear(singles);
+    std::fill(w_.gradient.begin(), w_.gradient.end(), 0.0);
+    for_good([&] { share_weights(); });
     if (singles)
       sum_single_leaves(n_, ctx_);
     else
@@ -60,8 +58,9 @@ public:
         NestLevel& leaf = w_.level.front();
         for (int v = first(leaf); v < last(leaf); ++v) leaf_sums(v);
       });
+    if (singles) sum_single_points(n_, ctx_);
     for_good([&] {
-      for (std::size_t k = 1; k < w_.level.size(); ++k)
+      for (std::size_t k = 1; k < w_.level.size() && !singles; ++k)
         for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) node_sums(k, v);
       note_null_directions();
       if (n_.adaptive && single_point()) add_left_steps(-0.5);
@@ -108,19 +107,14 @@ private:
     }
   }
 
-  void clear()
+  // The sums over points; those of leaves with one effect are written whole (leaf_sums.cpp).
+  void clear(bool singles)
   {
     for (NestLevel& l : w_.level) {
-      const auto rows = [&](std::vector<double>& a, long width) {
-        if (!a.empty()) std::fill_n(a.begin() + first(l) * width, (last(l) - first(l)) * width, 0.0);
-      };
-      rows(l.mean_bar, l.own);
-      rows(l.mode_bar, l.own);
-      rows(l.factor_bar, l.triangle());
-      rows(l.spread_bar, l.own * l.own);
-      rows(l.regression_bar, l.own * l.above);
-      rows(l.slopes, l.own * l.joint());
-      rows(l.pulls, l.own * l.joint());
+      if (singles && &l == &w_.level.front()) continue;
+      for (std::vector<double>* rows :
+           {&l.mean_bar, &l.mode_bar, &l.factor_bar, &l.spread_bar, &l.regression_bar, &l.slopes, &l.pulls})
+        std::fill(rows->begin(), rows->end(), 0.0);
     }
   }
 

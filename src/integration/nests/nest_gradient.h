@@ -14,6 +14,9 @@ void nest_gradients(const model::NX& n, model::TVLThreadCtx& ctx);
 // nests.
 void sum_single_leaves(const model::NX& n, model::TVLThreadCtx& ctx);
 
+// sum_single_points: the same of the points of the levels above, after those of the leaves.
+void sum_single_points(const model::NX& n, model::TVLThreadCtx& ctx);
+
 // through_single_curvature, through_single_modes: what the scale of the points of good nests and then their modes add,
 // where every level has one effect; after the sums over the points.
 void through_single_curvature(const model::NX& n, model::TVLThreadCtx& ctx);

@@ -1,11 +1,9 @@
 // What mode_derivatives.cpp says of one block of effects holds for a nest with all its effects stacked: G is then block
 // diagonal, the likelihood lives on the chains of the leaves, and products with V = L H^-1 L' go through the eliminated
-// arrow, parameter by parameter. Where every level has one effect four nodes stand side by side; what goes to ancestors
-// is added node by node, in their order.
+// arrow, parameter by parameter.
 
 #include "integration/nests/nest_moves.h"
 
-#include "evaluation/slot_group.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
 #include "modes/nest_steps.h"
@@ -14,8 +12,6 @@
 
 namespace torvale::integration {
 
-using evaluation::Four;
-using evaluation::SlotGroup;
 using model::BatchWork;
 using model::NestLevel;
 using model::NestWork;
@@ -25,18 +21,6 @@ using model::TVLThreadCtx;
 using modes::packed;
 
 namespace {
-
-// Calls f(argument, its derivative's place) for the arguments that a parameter moves.
-template <class F> void for_moved(const REFFECT& reff, int parameter, F&& f)
-{
-  const auto j = static_cast<std::size_t>(parameter);
-  for (int m = reff.moved_first[j]; m < reff.moved_first[j + 1]; ++m) {
-    const auto& [argument, place] = reff.moved[static_cast<std::size_t>(m)];
-    f(argument, place);
-  }
-}
-
-// --- any number of effects, nest by nest ---
 
 class NestMoves {
 public:
@@ -167,161 +151,12 @@ private:
   std::size_t nest_ = 0;
 };
 
-// --- one effect at every level ---
-
-template <class T> class SingleMoves {
-public:
-  SingleMoves(const NX& n, const TVLThreadCtx& ctx, NestWork& w, const double* cross)
-      : n_(n), b_(ctx.batch), w_(w), cross_(cross), levels_(static_cast<int>(w.level.size()))
-  {
-  }
-
-  void find()
-  {
-    const std::size_t top = w_.level.size() - 1;
-    for (std::size_t k = 1; k <= top; ++k) {
-      NestLevel& l = w_.level[k];
-      std::fill(l.slope.begin(), l.slope.end(), 0.0);
-      std::fill(l.move.begin(), l.move.end(), 0.0);
-    }
-    for_nodes(0, [&](const SlotGroup<T>& leaves) { add_slopes(leaves); });
-    for_nodes(0, [&](const SlotGroup<T>& leaves) { add_pulls(leaves); });
-    for (std::size_t k = 1; k < top; ++k)
-      for_nodes(k, [&](const SlotGroup<T>& nodes) {
-        for_ancestors(k, nodes, [&](NestLevel& a, const SlotGroup<T>& up) {
-          const T b = nodes.gather(w_.level[k].regression.data() + a.place, w_.level[k].above);
-          for (int j = 0; j < n_.nparm; ++j) up.add_in_order(b * nodes.from_row(moves(w_.level[k], j)), moves(a, j), 1);
-        });
-      });
-    for (std::size_t k = top + 1; k-- > 0;) for_nodes(k, [&](const SlotGroup<T>& nodes) { solve(k, nodes); });
-    for (std::size_t k = 0; k <= top; ++k) for_nodes(k, [&](const SlotGroup<T>& nodes) { add_leads(k, nodes); });
-  }
-
-private:
-  static constexpr int longest = modes::most_single_levels; // chain
-
-  template <class F> void for_nodes(std::size_t level, F&& f) { evaluation::for_groups<T>(w_.level[level].listed, f); }
-
-  template <class F> void for_ancestors(std::size_t level, const SlotGroup<T>& nodes, F&& f)
-  {
-    SlotGroup<T> up = nodes;
-    for (std::size_t k = level + 1; k < w_.level.size(); ++k) {
-      up = up.through(w_.level[k - 1].nodes->parent.data());
-      f(w_.level[k], up);
-    }
-  }
-
-  SlotGroup<T> slots_of(const SlotGroup<T>& leaves) const
-  {
-    return leaves.through(w_.level.front().nodes->slot.data());
-  }
-
-  T sum(int place, const SlotGroup<T>& slots) const { return slots.from_row(w_.leaf.data() + place * b_.mode_stride); }
-
-  double* moves(NestLevel& l, int j) const { return l.move.data() + move_place(l, 0, 0, j, n_.nparm); }
-
-  T lead(const NestLevel& l, const SlotGroup<T>& nodes, int j) const
-  {
-    const REFFECT& reff = n_.reff[static_cast<std::size_t>(&l - w_.level.data())];
-    T t = {};
-    for_moved(reff, j, [&](int a, int place) {
-      const T by = nodes.gather_or_share(l.varies, l.arguments.data() + place, reff.setup.places);
-      t += a == 0 ? by : by * nodes.from_row(l.slope.data());
-    });
-    return t;
-  }
-
-  void add_slopes(const SlotGroup<T>& leaves)
-  {
-    NestLevel& leaf = w_.level.front();
-    const auto slots = slots_of(leaves);
-    leaves.into_row(sum(n_.programs.slope(leaf.place), slots), leaf.slope.data());
-    for_ancestors(0, leaves, [&](NestLevel& l, const SlotGroup<T>& up) {
-      up.add_in_order(sum(n_.programs.slope(l.place), slots), l.slope.data(), 1);
-    });
-  }
-
-  // L' (ll_uu lead + ll_u.) of a leaf, and what it and its elimination give to those of its ancestors.
-  void add_pulls(const SlotGroup<T>& leaves)
-  {
-    NestLevel& leaf = w_.level.front();
-    const auto slots = slots_of(leaves), columns = slots.through(b_.column.data());
-    SlotGroup<T> chain[longest];
-    T factor[longest], curve[longest * longest], b[longest];
-    NestLevel* level[longest];
-    const auto take = [&](NestLevel& l, const SlotGroup<T>& nodes) {
-      level[l.place] = &l;
-      chain[l.place] = nodes;
-      factor[l.place] = nodes.from_row_or_share(l.varies, l.factor.data());
-    };
-    take(leaf, leaves);
-    for_ancestors(0, leaves, take);
-    for (int i = 0; i < levels_; ++i)
-      for (int k = 0; k < levels_; ++k) curve[i * longest + k] = sum(n_.programs.curve(packed(i, k)), slots);
-    for (int a = 0; a < leaf.above; ++a) b[a] = leaves.gather(leaf.regression.data() + a, leaf.above);
-    for (int j = 0; j < n_.nparm; ++j) {
-      T by[longest], y = {};
-      for (int k = 0; k < levels_; ++k) by[k] = lead(*level[k], chain[k], j);
-      for (int i = levels_; i-- > 0;) {
-        T pull = columns.from_row(cross_ + n_.programs.cross_place(i, j) * b_.mode_stride);
-        for (int k = 0; k < levels_; ++k) pull += curve[i * longest + k] * by[k];
-        pull *= factor[i];
-        if (i == leaf.place) {
-          y = pull;
-          leaves.into_row(y, moves(leaf, j));
-        } else {
-          chain[i].add_in_order(pull + b[i] * y, moves(*level[i], j), 1);
-        }
-      }
-    }
-  }
-
-  void solve(std::size_t level, const SlotGroup<T>& nodes)
-  {
-    NestLevel& l = w_.level[level];
-    const T inverse = nodes.from_row(l.inverse.data());
-    for (int j = 0; j < n_.nparm; ++j) nodes.into_row(inverse * nodes.from_row(moves(l, j)), moves(l, j));
-    for_ancestors(level, nodes, [&](NestLevel& a, const SlotGroup<T>& up) {
-      const T b = nodes.gather(l.regression.data() + a.place, l.above);
-      for (int j = 0; j < n_.nparm; ++j)
-        nodes.into_row(nodes.from_row(moves(l, j)) + b * up.from_row(moves(a, j)), moves(l, j));
-    });
-  }
-
-  void add_leads(std::size_t level, const SlotGroup<T>& nodes)
-  {
-    NestLevel& l = w_.level[level];
-    const T factor = nodes.from_row_or_share(l.varies, l.factor.data());
-    for (int j = 0; j < n_.nparm; ++j)
-      nodes.into_row(lead(l, nodes, j) + factor * nodes.from_row(moves(l, j)), moves(l, j));
-  }
-
-  const NX& n_;
-  const BatchWork& b_;
-  NestWork& w_;
-  const double* const cross_;
-  const int levels_;
-};
-
-template <class T> void find_single(const NX& n, TVLThreadCtx& ctx, const double* cross)
-{
-  SingleMoves<T>(n, ctx, ctx.nests, cross).find();
-}
-TORVALE_AVX2_BUILD void find_single_avx2(const NX& n, TVLThreadCtx& ctx, const double* cross)
-{
-  find_single<Four>(n, ctx, cross);
-}
-
 } // namespace
 
 void find_nest_moves(const NX& n, TVLThreadCtx& ctx, const double* cross)
 {
   NestWork& w = ctx.nests;
-  if (modes::single_effects(w)) {
-    modes::list_good_nests(w);
-    static const auto build = evaluation::build_for_machine(find_single<Four>, find_single_avx2);
-    return build(n, ctx, cross);
-  }
+  if (modes::single_effects(w)) return find_single_moves(n, ctx, cross);
   NestMoves moves(n, ctx, cross);
   for (int nest = 0; nest < w.nests; ++nest)
     if (w.failure[static_cast<std::size_t>(nest)] == 0) moves.find(nest);

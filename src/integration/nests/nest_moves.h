@@ -15,4 +15,17 @@ inline long move_place(const model::NestLevel& l, int node, int effect, int para
 // modes (ModelPrograms::cross_place), a column for each leaf's slot as b.column says. Overwrites lead and mode_bar.
 void find_nest_moves(const model::NX& n, model::TVLThreadCtx& ctx, const double* cross);
 
+// find_single_moves: the same, where every level has one effect.
+void find_single_moves(const model::NX& n, model::TVLThreadCtx& ctx, const double* cross);
+
+// for_moved: f(argument, its derivative's place) for the arguments of a level's prior that a parameter moves.
+template <class F> void for_moved(const model::REFFECT& reff, int parameter, F&& f)
+{
+  const auto j = static_cast<std::size_t>(parameter);
+  for (int m = reff.moved_first[j]; m < reff.moved_first[j + 1]; ++m) {
+    const auto& [argument, place] = reff.moved[static_cast<std::size_t>(m)];
+    f(argument, place);
+  }
+}
+
 } // namespace torvale::integration

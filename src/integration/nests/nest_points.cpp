@@ -105,13 +105,21 @@ private:
         c_.own = static_cast<int>(std::min<long>(own, leaf_.points - q));
         c_.pairs = {slots, count, c_.outer * c_.own};
         if (c_.aside() && leaf_.own == 1 && w_.level.size() <= modes::most_single_levels)
-          place_aside();
+          place_slots_aside();
         else
           for (int i = 0; i < count; ++i) place(i);
         if (const int rc = add_chunk(); rc != 0) return rc;
       }
     return 0;
   }
+
+  void place_slots_aside()
+  {
+    static const auto build = evaluation::build_for_machine(place_plain, place_avx2);
+    build(*this);
+  }
+  static void place_plain(LeafPoints& points) { points.place_aside(); }
+  TORVALE_AVX2_BUILD static void place_avx2(LeafPoints& points) { points.place_aside(); }
 
   // The same as `place` for all entries, of leaves with one effect and slots side by side: loops over slots.
   void place_aside()
@@ -249,11 +257,21 @@ private:
   void weigh()
   {
     whole_ = c_.aside() && c_.own == leaf_.points &&
-             c_.pairs.slots[c_.pairs.count - 1] - c_.pairs.slots[0] == c_.pairs.count - 1;
+             c_.pairs.slots[c_.pairs.count - 1] - c_.pairs.slots[0] == c_.pairs.count - 1 &&
+             evaluation::all_finite_above(model::failed_point, peak_, c_.sums());
+    if (whole_)
+      keep_rows(peak_, w_.peak, 0);
+    else
+      join_peaks();
+    sum(b_.prior.data());
+    keep_sums(w_.total, 0);
+  }
+
+  void join_peaks()
+  {
     for (int i = 0; i < c_.pairs.count; ++i)
       for (int p = 0; p < c_.outer; ++p) {
         const int k = c_.sum(i, p);
-        whole_ = whole_ && peak_[k] > model::failed_point;
         double& peak = w_.peak[place_of(0, i, p)];
         const double old = peak, now = peak_[k];
         fresh_[k] = !(old > model::failed_point);
@@ -261,8 +279,6 @@ private:
         take_[k] = fresh_[k] || now >= old ? 1.0 : std::exp(now - old);
         if (fresh_[k] || now > old) peak = now;
       }
-    sum(b_.prior.data());
-    keep_sums(w_.total, 0);
   }
 
   std::size_t place_of(int row, int i, int p) const
@@ -270,14 +286,17 @@ private:
     return static_cast<std::size_t>((row * leaf_.outer + c_.first_outer + p) * b_.mode_stride + c_.pairs.slots[i]);
   }
 
+  // Sums of slots that lie side by side.
+  void keep_rows(const double* sums, std::vector<double>& to, int row) const
+  {
+    for (int p = 0; p < c_.outer; ++p)
+      std::copy_n(sums + c_.sum(0, p), c_.pairs.count,
+                  to.begin() + static_cast<std::ptrdiff_t>(place_of(row, 0, p)));
+  }
+
   void keep_sums(std::vector<double>& to, int row) const
   {
-    if (whole_) {
-      for (int p = 0; p < c_.outer; ++p)
-        std::copy_n(sums_ + c_.sum(0, p), c_.pairs.count,
-                    to.begin() + static_cast<std::ptrdiff_t>(place_of(row, 0, p)));
-      return;
-    }
+    if (whole_) return keep_rows(sums_, to, row);
     for (int p = 0; p < c_.outer; ++p)
       for (int i = 0; i < c_.pairs.count; ++i) {
         const int k = c_.sum(i, p);

@@ -24,6 +24,19 @@ struct LeafMoments {
 // tilt of the leaves. Returns 0 or the engine's code above 2.
 int sum_leaf_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient);
 
+// place_single_points: scale of all nodes of good nests given their ancestors, and deviations, effects and log weights
+// of the points of those above the leaves; where every level has one effect. close_single_levels: from the log
+// integrands of these, with the integrals of the leaves in them, the log integral of each node given its ancestors'
+// joint points, and weights of its own given these.
+void place_single_points(const model::NX& n, model::TVLThreadCtx& ctx);
+void close_single_levels(const model::NX& n, model::TVLThreadCtx& ctx);
+
+// add_log: a factor of an integrand, as logs; what is 0 stays so.
+inline void add_log(double& to, double integral)
+{
+  to = integral > model::failed_point && to > model::failed_point ? to + integral : model::failed_point;
+}
+
 void size_leaf_points(const model::NX& n, model::TVLThreadCtx& ctx);
 
 } // namespace torvale::integration

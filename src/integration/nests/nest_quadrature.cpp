@@ -18,6 +18,7 @@
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
 #include "modes/nest_search.h"
+#include "modes/nest_steps.h"
 
 #include <algorithm>
 #include <cmath>
@@ -136,11 +137,6 @@ void place_nest(const NX& n, NestWork& w, int nest)
 
 // --- closing the levels ---
 
-void add_log(double& to, double integral)
-{
-  to = integral > model::failed_point && to > model::failed_point ? to + integral : model::failed_point;
-}
-
 // The integrals of the leaves into the points of their parents.
 void add_leaves(const BatchWork& b, NestWork& w, int nest)
 {
@@ -181,9 +177,8 @@ void close_node(NestWork& w, std::size_t level, int v)
   }
 }
 
-void close_levels(const BatchWork& b, NestWork& w, int nest)
+void close_nodes(NestWork& w, int nest)
 {
-  add_leaves(b, w, nest);
   for (std::size_t level = 1; level < w.level.size(); ++level) {
     const auto& first = w.level[level].nodes->first;
     for (int v = first[static_cast<std::size_t>(nest)]; v < first[static_cast<std::size_t>(nest) + 1]; ++v)
@@ -191,11 +186,10 @@ void close_levels(const BatchWork& b, NestWork& w, int nest)
   }
 }
 
-// The constants nr/2 log 2 pi - nr log s of every node, and half the log determinant of the arrow.
-double value_of(const RunOptions& n, const NestWork& w, int nest)
+// With the constants 1/2 log 2 pi - log s of every effect, and half the log determinant of the arrow.
+double value_of(const RunOptions& n, const NestWork& w, int nest, double constant)
 {
   const auto k = static_cast<std::size_t>(nest);
-  const double constant = 0.5 * log2pi - std::log(n.qscale * root_two);
   const NestLevel& root = w.level.back();
   double value = -root.integral[static_cast<std::size_t>(root.nodes->first[k])];
   if (!(value < -model::failed_point)) return model::failure_objective;
@@ -288,11 +282,20 @@ int NestQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) cons
     for (int nest = 0; nest < w.nests; ++nest)
       if (w.failure[static_cast<std::size_t>(nest)] == 0) f(nest);
   };
-  for_good([&](int nest) { place_nest(n, w, nest); });
+  const bool singles = modes::single_effects(w);
+  if (singles)
+    place_single_points(n, ctx);
+  else
+    for_good([&](int nest) { place_nest(n, w, nest); });
   if (const int rc = sum_leaf_points(n, ctx, gradient); rc > 2) return rc;
   for_good([&](int nest) {
-    close_levels(ctx.batch, w, nest);
-    const double value = value_of(n, w, nest);
+    add_leaves(ctx.batch, w, nest);
+    if (!singles) close_nodes(w, nest);
+  });
+  if (singles) close_single_levels(n, ctx);
+  const double constant = 0.5 * log2pi - std::log(n.qscale * root_two);
+  for_good([&](int nest) {
+    const double value = value_of(n, w, nest, constant);
     w.value[static_cast<std::size_t>(nest)] = value;
     if (!(value < model::failure_objective)) w.failure[static_cast<std::size_t>(nest)] = zero_integral(n);
   });
@@ -319,7 +322,8 @@ void NestQuadrature::keep_modes(NX& n, const TVLThreadCtx& ctx, int nest)
          ++v) {
       const long subject = l.nodes->subject[static_cast<std::size_t>(v)];
       const long to = n.reff[k].mode_first + subject * l.own;
-      std::copy_n(l.u.begin() + static_cast<long>(v) * l.own, l.own, n.ebtrial.begin() + to);
+      for (int i = 0; i < l.own; ++i)
+        n.ebtrial[static_cast<std::size_t>(to + i)] = l.u[static_cast<std::size_t>(v * l.own + i)];
       float* by = n.ebtrial_by.data() + to * n.nparm;
       for (int i = 0; with_derivatives && i < l.own; ++i)
         for (int j = 0; j < n.nparm; ++j)

@@ -57,8 +57,10 @@ int accept_step(DGWSTR* state, Model& model, double least_radius, double* best_p
     state->rldx = relative_step(*str);
     assess(state);
     if (state->rest == 3) return take_saved();
-    const bool larger = state->irc == 5 && state->dstn < str->ssin;
-    str->delt = state->radf * state->dstn;
+    // (A step that a constraint has cut may ask for a radius that was there already.)
+    const double next = state->radf * state->dstn;
+    const bool larger = state->irc == 5 && state->dstn < str->ssin && next > str->delt;
+    str->delt = next;
     if (state->irc >= 3 && !larger) return 0;
     if (larger) {
       std::copy_n(str->x, str->nvar, best_point);

@@ -1,11 +1,14 @@
 #include "run/statements/advice.h"
 
+#include "evaluation/machine_builds.h"
 #include "host/messages/names/fit.h"
 #include "host/values/text.h"
+#include "parallel/worker_pool.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/walk.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <set>
 
@@ -140,6 +143,35 @@ bool support_of(int distribution, Support& out)
   }
 }
 
+// True where no response is outside what the distribution takes. Nearly always: found out in vectors.
+bool all_fit(const Support& support, const double* y, std::size_t rows)
+{
+  const double low = support.low, high = support.high, not_this = support.open ? support.low : NAN;
+  std::uint64_t unfit = 0; // as wide as the responses
+  for (std::size_t i = 0; i < rows; ++i)
+    unfit |= ((y[i] >= low) & (y[i] <= high) & (y[i] != not_this)) | (y[i] != y[i]) ? 0U : 1U;
+  return unfit == 0;
+}
+
+TORVALE_AVX2_BUILD bool all_fit_avx2(const Support& support, const double* y, std::size_t rows)
+{
+  return all_fit(support, y, rows);
+}
+
+bool all_responses_fit(const NX& n, const Support& support, std::span<const double> responses)
+{
+  static const auto build = evaluation::build_for_machine(all_fit, all_fit_avx2);
+  constexpr std::size_t block_rows = 1 << 16;
+  std::atomic<bool> fit = true;
+  const auto blocks = static_cast<long>((responses.size() + block_rows - 1) / block_rows);
+  parallel::deal(n.workers.get(), blocks, [&](int, long block) {
+    const std::size_t first = static_cast<std::size_t>(block) * block_rows;
+    if (!build(support, responses.data() + first, std::min(block_rows, responses.size() - first)))
+      fit.store(false, std::memory_order_relaxed);
+  });
+  return fit;
+}
+
 bool looks_missing(double y)
 {
   return y == -9 || y == -99 || y == -999 || y == 999 || y == 9999;
@@ -172,10 +204,7 @@ void advise_on_response(NX& n)
   const auto fits = [&](double y) {
     return (y >= support.low) & (y <= support.high) & !(support.open & (y == support.low));
   };
-  const auto responses = column->numbers().subspan(n.rows.begin, n.rows.rows());
-  std::uint64_t unfit = 0; // nearly never: found out in vectors
-  for (const double y : responses) unfit |= fits(y) | (y != y) ? 0U : 1U;
-  if (unfit == 0) return;
+  if (all_responses_fit(n, support, column->numbers().subspan(n.rows.begin, n.rows.rows()))) return;
   std::set<double> values; // distinct ones that are no codes of missing values, at most three
   std::size_t outside = 0, first = 0;
   double code = host::missing; // of missing values, by its look

@@ -1,6 +1,7 @@
 #include "host/messages/names/fit.h"
 #include "host/messages/names/starting_values.h"
 #include "host/values/text.h"
+#include "model/bound_unit.h"
 #include "run/statements/statement_processing.h"
 #include "syntax/statement_names.h"
 
@@ -41,8 +42,8 @@ PARMSTR& parameter_of(NX& n, const StItem& item)
   tvlexit(n, 1012);
 }
 
-// slack: the distance that a strict bound keeps.
-void apply(NX& n, const Relation& r, double slack)
+// slack: the distance that a strict bound keeps. of_unit: that from 0, which has no size, is in the unit of its start.
+void apply(NX& n, const Relation& r, double slack, bool of_unit)
 {
   const bool low_is_number = r.low->kind == StItem::Kind::number;
   const bool high_is_number = r.high->kind == StItem::Kind::number;
@@ -52,12 +53,13 @@ void apply(NX& n, const Relation& r, double slack)
   const StItem& constant = low_is_number ? *r.low : *r.high;
   if (std::isnan(constant.number)) return; // "." is no bound
   PARMSTR& p = parameter_of(n, low_is_number ? *r.high : *r.low);
+  const double kept = !r.strict ? 0.0 : of_unit && constant.number == 0.0 ? slack * model::bound_unit(p) : slack;
   if (low_is_number) {
-    const double bound = constant.number + (r.strict ? slack : 0.0);
+    const double bound = constant.number + kept;
     p.lowbound = p.applyl ? std::max(p.lowbound, bound) : bound;
     p.applyl = true;
   } else {
-    const double bound = constant.number - (r.strict ? slack : 0.0);
+    const double bound = constant.number - kept;
     p.highbound = p.applyh ? std::min(p.highbound, bound) : bound;
     p.applyh = true;
   }
@@ -90,12 +92,13 @@ std::vector<Relation> relations_of(const syntax::STMT& stmt)
 void process_bounds(NX& n)
 {
   const double slack = n.str->ceps;
+  const bool of_unit = !n.proc->statements.front().given(syntax::torvale_slot::lceps);
   for (const auto& stmt : n.proc->statements) {
     if (stmt.name != "BOUNDS" && stmt.name != "BOUND") continue;
     const auto relations = relations_of(stmt);
     for (const bool strict : {true, false})
       for (const Relation& r : relations)
-        if (r.strict == strict) apply(n, r, slack);
+        if (r.strict == strict) apply(n, r, slack, of_unit);
   }
   for (const PARMSTR& p : n.parmstr) {
     const bool elsewhere = std::any_of(p.parmlist.begin(), p.parmlist.end(), [&](double v) { return v != p.lowbound; });

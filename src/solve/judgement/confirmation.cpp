@@ -9,6 +9,7 @@
 #include "solve/judgement/continuation.h"
 #include "solve/judgement/fit_codes.h"
 #include "solve/judgement/fresh_start.h"
+#include "solve/judgement/spread_start.h"
 #include "solve/judgement/straight_judgement.h"
 #include "solve/judgement/vanished_variance.h"
 #include "solve/start/parameter_unit.h"
@@ -48,7 +49,7 @@ void FitEnd::assess()
   if (judgement_.curvature.accuracy > ill_known) measure_by_size();
   judgement_.bend.resize(x_.size() * x_.size());
   if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
-  if (at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+  if (!judgement_.ran_to_limit() && at_an_end(*coordinates_, judgement_)) ask_by_parameters();
 }
 
 // What the Hessian of the covariance says, where there is one: no unit of a parameter then decides how its scale is
@@ -74,11 +75,15 @@ Judgement FitEnd::judge_here()
 }
 
 // Scales of another point may be so long that differences over them know nothing of this one: once more from what the
-// parameters are large.
+// parameters are large. (A root that is all but 0 has no size; the start had.)
 void FitEnd::measure_by_size()
 {
-  const FitCoordinates measured = *coordinates_;
-  for (int i = 0; i < n_.nparm; ++i) coordinates_->set_scale(i, coordinates_->short_scale(i));
+  constexpr double none = 1e-6; // of the size at the start
+  const FitCoordinates measured = *coordinates_, start(n_, start_.data());
+  for (int i = 0; i < n_.nparm; ++i) {
+    const bool sizeless = measured.in_factor(i) && measured.own_size(i) < none * start.own_size(i);
+    coordinates_->set_scale(i, (sizeless ? start : measured).short_scale(i));
+  }
   Judgement again = judge_here();
   if (again.measured && again.curvature.accuracy < judgement_.curvature.accuracy)
     judgement_ = std::move(again);
@@ -199,6 +204,7 @@ int FitEnd::run()
     move_to(x_);
     if (!std::isfinite(f_) || n_.failed) return code;
   }
+  if (back_to_edge()) move_to(x_);
   const bool clear = evaluated && (judgement_.measured || quickly_confirmed());
   if (clear && (given_by_user(n_, code) || (sharp() && !try_without_effects()))) return finish(code);
   const double f_technique = f_, iterations = str.nitr;
@@ -207,13 +213,8 @@ int FitEnd::run()
   settle(code);
   for (int trial = 0; trial < most_trials && !given_by_user(n_, code) && try_without_effects(); ++trial) settle(code);
   fall_on(code);
-  if (doubtful(code)) {
-    extend_default_limits(n_);
-    if (!stopped() && start_again()) {
-      settle(code);
-      fall_on(code);
-    }
-  }
+  for (const bool spread : {false, true})
+    if (doubtful(code)) begin_again(code, spread);
   code = finish(code);
   str.maxi = maxiter_;
   str.maxf = maxfunc_;
@@ -249,7 +250,7 @@ void FitEnd::settle(int code)
   double first = 0.0; // objective before that
   for (int round = 0;; ++round) {
     assess();
-    if (given_by_user(n_, code)) return;
+    if (given_by_user(n_, code) || judgement_.ran_to_limit()) return;
     const bool spent = stopped() || round == most_rounds;
     if (judgement_.minimum()) {
       if (sharpened == 0) first = f_;
@@ -277,7 +278,7 @@ bool FitEnd::stopped() const
 bool FitEnd::doubtful(int code) const
 {
   return (!judgement_.minimum() || !judgement_.null.empty()) && !given_by_user(n_, code) && n_.str->stop == 0 &&
-         !n_.host->interrupted();
+         !n_.host->interrupted() && !judgement_.ran_to_limit();
 }
 
 // True when a variance that the data hardly tell from 0 has a better minimum there: the fit is at it then.
@@ -295,16 +296,19 @@ bool FitEnd::try_without_effects()
   return true;
 }
 
-// True when a run from the starting values leads to a better point.
-bool FitEnd::start_again()
+// Once more from the starting values, or where the likelihood knows the parameters from which it did not.
+void FitEnd::begin_again(int code, bool spread)
 {
+  std::vector<double> start(start_), x;
+  if (spread && !(lost_parameter(n_, *coordinates_, judgement_, x_, f_) && spread_start(n_, start_, start))) return;
+  extend_default_limits(n_);
   double f = 0.0;
-  std::vector<double> x;
-  if (!fresh_start(n_, start_, scales_, x, f) || 2.0 * (f_ - f) < gain_allowed) return false;
+  if (stopped() || !fresh_start(n_, start, scales_, x, f) || 2.0 * (f_ - f) < gain_allowed) return;
   coordinates_.reset();
   falling_ = 2.0 * (f_ - f) >= much;
   move_to(x);
-  return true;
+  settle(code);
+  fall_on(code);
 }
 
 } // namespace torvale::solve

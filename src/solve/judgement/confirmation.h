@@ -53,15 +53,17 @@ private:
   void settle(int code);
   bool stopped() const;
   bool doubtful(int code) const;
-  bool start_again();
+  void begin_again(int code, bool spread);
   bool try_without_effects();
   void take_turns();
   void fall_on(int code);
   void move_to(const std::vector<double>& x);
   // fit_outcome.cpp
   bool beyond_edge() const;
+  bool back_to_edge();
   void to_the_edge();
   bool question_slight_directions();
+  bool question_end_of_ridge(const std::vector<double>& x, int finer);
   int finish(int code);
 
   model::NX& n_;

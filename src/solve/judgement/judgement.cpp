@@ -1,6 +1,7 @@
 #include "solve/judgement/judgement.h"
 
 #include "matrix/eigenvalues.h"
+#include "model/distribution_labels.h"
 #include "solve/judgement/test_steps.h"
 #include "solve/judgement/valleys.h"
 
@@ -21,6 +22,7 @@ public:
   void judge(double least_asked = -1.0)
   {
     out_.allowed = std::max({gain_allowed, 10.0 * evaluation_noise(2.0 * f_), 20.0 * out_.curvature.noise});
+    out_.at_limit = model::has_probabilities(surface_.run().disttype) && 2.0 * f_ <= gain_allowed;
     if (!decompose()) return;
     out_.measured = true;
     if (drowned()) return;

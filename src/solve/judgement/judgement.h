@@ -29,6 +29,8 @@ struct Judgement {
   // A curvature that may be no more than the slope along a bent ridge: the point is not near enough to its minimum to
   // tell.
   bool doubtful_curvature = false;
+  // The likelihood of counts is 1 but for gain_allowed, the most that probabilities come to: nothing is left to gain.
+  bool at_limit = false;
   bool creeps = false;        // looked for anew it has gained more than is allowed, bit by bit, and is in doubt still
   std::vector<int> null;      // eigenvalues that are 0
   std::vector<int> separated; // coordinates along which the objective does not rise within a standard error
@@ -44,6 +46,8 @@ struct Judgement {
   {
     return measured && !indefinite && !creeps && gain <= allowed && separated.empty() && better.empty();
   }
+  // Estimates that have run away as far as counts: where they stop on their way is chance.
+  bool ran_to_limit() const { return at_limit && !separated.empty(); }
   double allowed = gain_allowed; // gain_allowed, or ten times the evaluation's noise
 
   // The Newton step off the null space, by all coordinates; g is the gradient by t.

@@ -50,9 +50,11 @@ public:
   // Whether nothing rises on the way out, at the longest of the steps a, a/2, a/4, ... that can be evaluated; `back` is
   // what the way home, of length |a|, rises by. Near the edge of what can be evaluated a sum over points loses some of
   // them and rises for that. There an exponential's tail is told by the way home, of which the first half is flat, and
-  // by shorter steps, which do not rise; a bent ridge rises by a share of the whole.
+  // by shorter steps, which do not rise; a bent ridge rises by a share of the whole. Where the likelihood is at its
+  // limit no way falls any more.
   template <class Change> bool flat_outward(Change change, double a, double back)
   {
+    if (out_.at_limit) return true;
     constexpr int most_halvings = 20, before_the_edge = 4;
     constexpr double share = 1e-3, nothing = 1e-8;
     // (Halfway along a parabola that rises by little there is little left, too: it is a quarter.)

@@ -1,0 +1,117 @@
+// Fits that end by chance, unless rules without a unit decide: their exit code is that of any other unit.
+
+#include "system/session.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+
+namespace torvale::tests {
+
+namespace units_test {
+
+std::string digits(double v)
+{
+  char text[32];
+  std::snprintf(text, sizeof text, "%.17g", v);
+  return text;
+}
+
+Run fit_data(const std::string& csv, const std::string& program)
+{
+  const TemporaryFile file("units.csv", csv);
+  return run_text("TORVALE DATA='" + file.path() + "' " + program);
+}
+
+double minus2(const Run& run)
+{
+  return run.table("FitStatistics") != nullptr ? run.column("FitStatistics", "Value")[0] : std::nan("");
+}
+
+} // namespace units_test
+
+using namespace units_test;
+
+// The start is a curve that is 0 at all times: nothing there knows where it rises, and how fast.
+TEST(Units, StartsThatKnowNothingOfAParameter)
+{
+  for (const std::string technique : {"", "TECHNIQUE=DBLDOG", "TECHNIQUE=NRRIDG", "TECHNIQUE=NEWRAP"})
+    for (const double unit : {1e-3, 1.0, 1e3}) {
+      std::string csv = "id,t,y\n";
+      for (int i = 0; i < 6; ++i)
+        for (int j = 0; j < 8; ++j) {
+          const double y =
+              (90 + (i * 5 % 7 - 3) * 6) / (1 + std::exp((5 - 1.5 * j) / 1.5)) + ((i * 3 + j * 7) % 5 - 2) * 2;
+          csv += std::to_string(i) + "," + digits(1.5 * j) + "," + digits(std::round(y) / 10 * unit) + "\n";
+        }
+      const auto run = fit_data(
+          csv, technique + "; PARMS a=" + digits(4 * unit) + " m=40 k=.2 s2u=" + digits(.3 * unit * unit) +
+                   " s2=" + digits(unit * unit) +
+                   "; MODEL y ~ NORMAL((a+u)/(1+EXP(-(t-m)/k)), s2); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+      EXPECT_EQ(run.outcome.exit_code, 0) << technique << unit << run.log;
+      EXPECT_NEAR(minus2(run), 46.69514 + 96 * std::log(unit), 1e-4) << technique << unit;
+    }
+}
+
+// Two variances that only their sum identifies: steps along the ridge end at the bound, and a larger radius is no way
+// on.
+TEST(Units, RidgesThatEndAtABound)
+{
+  constexpr double x[] = {-.643, -.213, -.992, -1.549, -.03, -.397, -2.694, -.691},
+                   y[] = {.377, .150, -.129, .159, .764, .770, 1.178, .123};
+  for (const double unit : {1e-6, 1.0, 1e6})
+    for (const std::string bounds : {"", "BOUNDS s2u >= 0;"}) {
+      std::string csv = "id,x,y\n";
+      for (int i = 0; i < 8; ++i) csv += std::to_string(i) + "," + digits(x[i]) + "," + digits(y[i] * unit) + "\n";
+      const std::string variance = digits(unit * unit);
+      const auto run =
+          fit_data(csv, "TECHNIQUE=TRUREG; PARMS b0=0 b1=0 s2u=" + variance + " s2=" + variance + ";" + bounds +
+                            "MODEL y ~ NORMAL(b0+b1*x+u, s2);"
+                            "RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+      EXPECT_EQ(run.outcome.exit_code, 6) << unit << bounds << run.log;
+      EXPECT_NEAR(minus2(run), 7.426029 + 16 * std::log(unit), 1e-5) << unit << bounds;
+      EXPECT_LT(run.column("IterHistory", "Calls").back(), 500) << unit << bounds;
+    }
+}
+
+// The slack of a strict bound is no wall for a variance that is small in its unit.
+TEST(Units, SmallVariancesAboveAStrictBound)
+{
+  double first = 0.0;
+  for (const double unit : {1.0, 1e3, 1e5}) { // of the covariate
+    std::string csv = "id,x,y\n";
+    for (int i = 0; i < 12; ++i)
+      for (int j = 0; j < 4; ++j)
+        csv += std::to_string(i) + "," + digits(j * unit) + "," +
+               digits(5 + .3 * (i * 5 % 12 - 5.5) + (1 + .3 * (i * 7 % 12 - 5.5)) * j + (i * 3 + j * 7) % 5 - 2) +
+               "\n";
+    const auto run = fit_data(csv, "; PARMS b0=4 b1=" + digits(1 / unit) + " s2u=1 s2v=" + digits(.1 / unit / unit) +
+                                       " s2=1; BOUNDS s2u > 0, s2v > 0, s2 > 0; MODEL y ~ NORMAL(b0+u+(b1+v)*x, s2);"
+                                       "RANDOM u v ~ NORMAL([0,0], [s2u, 0, s2v]) SUBJECT=id; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
+    const double variance = run.number("ParameterEstimates", "s2v", "Estimate") * unit * unit,
+                 error = run.number("ParameterEstimates", "s2v", "StandardError") * unit * unit;
+    if (first == 0.0) first = variance;
+    EXPECT_GT(first, 1e-4);
+    EXPECT_NEAR(variance, first, 1e-3 * error) << unit;
+    EXPECT_GT(error, 0.0) << unit;
+  }
+}
+
+// No event at all: the likelihood of 1 is its limit, and where estimates stop on their way there is chance.
+TEST(Units, CountsThatAreAllZero)
+{
+  for (const std::string technique : {"", "TECHNIQUE=CONGRA", "TECHNIQUE=DBLDOG", "TECHNIQUE=TRUREG"})
+    for (const double unit : {1e-6, 1e-3, 1.0, 1e3}) {
+      std::string csv = "id,x,y\n";
+      for (int i = 0; i < 12; ++i) csv += std::to_string(i / 2) + "," + (i % 2 == 0 ? "-.5,0\n" : ".5,0\n");
+      const auto run = fit_data(csv, technique + "; PARMS b0=0 b1=0 s2u=" + digits(unit * unit) +
+                                         "; MODEL y ~ POISSON(EXP(b0+b1*x+u/" + digits(unit) +
+                                         ")); RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+      EXPECT_EQ(run.outcome.exit_code, 5) << technique << unit << run.log;
+      EXPECT_LT(run.column("IterHistory", "Calls").back(), 800) << technique << unit;
+    }
+}
+
+} // namespace torvale::tests
