@@ -38,6 +38,7 @@ struct CMPSYM {
   int dsvarno = 0;  // number of the variable in the input data set, from 1; 0 when none
   int parameter = -1;     // index among the parameters, or -1
   int random_effect = -1; // index among all random effects of the run, or -1
+  int total = -1;         // index among the sums of Frame::set_totals, or -1
   bool used = false;      // read by a statement
   bool assigned = false;  // given a value by a statement
   bool array_element = false;
@@ -167,7 +168,8 @@ void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t coun
 
 // Visits: how often a program's lanes take a record. At many points: what these have in common is computed once for the
 // record. Once: each lane computes it for itself, and nothing is carried about. The last digits may differ.
-enum class Visits : std::uint8_t { many, once };
+// Totals: lanes are points, whose sums over records it reads (cmptotal).
+enum class Visits : std::uint8_t { many, once, totals };
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
 const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits = Visits::many);
 // cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor
@@ -180,6 +182,14 @@ struct FactoredTerm {
   CMPSYM* factor = nullptr;
 };
 std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
+// cmptotal: outputs that are only wanted as sums over the records of a point. A program of the terms, added up over the
+// records, is followed by one of the totals (Visits::totals), which makes the outputs' sums of them, once for each point:
+// the same but for rounding. Outputs that stand in `whole` too are terms themselves. No terms: there is no such form.
+struct TotalForms {
+  std::vector<CMPSYM*> terms;
+  std::vector<CMPSYM*> totals; // per output
+};
+TotalForms cmptotal(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, std::span<CMPSYM* const> whole);
 // cmppredictor: of the values that records have at all points in common, the one through which alone most parameters
 // act on what the programs yield: a linear predictor without its random effects, say. Frame::shift_records moves it.
 // The value is a new symbol; it may be differentiated. No parameters: there is none, or values are kept from record to
@@ -273,6 +283,7 @@ public:
   // Adds by_row[r] to the predictor of row r wherever programs read it, until called with null. Borrowed. To be
   // repeated when the numbers have changed.
   void shift_records(const CMPSYM* predictor, const double* by_row);
+  bool shifts_records() const;
   // Values kept from record to record start anew in `slots` slots (sequential programs).
   void reset_state(const Program& program, int slots);
 
@@ -280,6 +291,8 @@ public:
   // values of an effect may be read. What depends on random effects alone is computed once for the `points` points at
   // the first run of a program after this.
   void set_points(const double* ran, int points, int stride);
+  // What programs of totals read: sum k of point p is totals[k * stride + p]. Borrowed, as the random effects are.
+  void set_totals(const double* totals, long stride);
 
   // Runs the program over the tile. Returns 0; or a code above 2 for a fatal fault (run_code below). Allocates nothing
   // after the first call for a program. Every NaN comes out as the missing value.

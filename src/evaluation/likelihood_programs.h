@@ -36,5 +36,10 @@ Abilities can_evaluate(const model::NX& n);
 
 // specialise_single_point: ModelPrograms::closing_point, for quadrature with one point at the mode; at its first call.
 void specialise_single_point(model::NX& n);
+// specialise_totals: the programs of terms and totals of what a fit evaluates, where these are less work for subjects of
+// so many records; at its first call. That number is of the model, not of the data: a subject's sums are the same
+// whichever other subjects there are.
+inline constexpr double usual_records = 5.0;
+void specialise_totals(model::NX& n, double records = usual_records);
 
 } // namespace torvale::evaluation

@@ -37,6 +37,20 @@ struct Outputs {
     return program;
   }
 
+  // The programs of terms and totals beside it; `ll` is a term itself.
+  model::ModelProgram by_totals(engine::CMPGLOBAL& gcmp, engine::CMPSYM* ll, model::ModelProgram program) const
+  {
+    std::vector<engine::CMPSYM*> wanted;
+    for (engine::CMPSYM* const s : symbols)
+      if (s != nullptr) wanted.push_back(s);
+    const engine::TotalForms forms = engine::cmptotal(gcmp, wanted, {&ll, 1});
+    if (forms.terms.empty()) return program;
+    program.term_count = static_cast<int>(forms.terms.size());
+    program.terms = engine::cmpspec(gcmp, forms.terms);
+    program.totals = engine::cmpspec(gcmp, forms.totals, engine::Visits::totals);
+    return program;
+  }
+
 private:
   static void find_twins(model::ModelProgram& program)
   {

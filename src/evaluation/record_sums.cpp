@@ -31,6 +31,47 @@ struct Segment {
   int levels;
 };
 
+void copy_twins(const RecordSums& what, int pairs)
+{
+  for (std::size_t k = 0; k < what.places.size(); ++k)
+    if (what.has_twin(k))
+      std::memcpy(what.sums + what.places[k] * what.stride, what.sums + what.twins[k] * what.stride,
+                  static_cast<std::size_t>(pairs) * sizeof(double));
+}
+
+constexpr std::size_t most_outputs = 256; // whose sums have an address each
+
+// Where the sums of the distinct outputs of a program go.
+void place_sums(const RecordSums& what, const engine::Program& program, double** sums)
+{
+  for (std::size_t k = 0; k < what.places.size(); ++k)
+    if (!what.has_twin(k))
+      sums[engine::distinct_output(program, static_cast<int>(k))] = what.sums + what.places[k] * what.stride;
+}
+
+// From the sums of the terms. Outputs may come to the same sum where they are not the same of a record.
+int make_totals(TVLThreadCtx& ctx, int from, int pairs, const RecordSums& what)
+{
+  const engine::Program& program = *what.by_totals->totals;
+  std::array<double*, most_outputs> sums;
+  place_sums(what, program, sums.data());
+  engine::Tile tile;
+  tile.sums = sums.data();
+  for (int first = 0; first < pairs; first += tile.lanes) {
+    tile.lanes = std::min(engine::max_lanes, pairs - first);
+    tile.first_point = tile.first_sum = from + first;
+    if (const int rc = ctx.frame->run(program, tile); rc > 2) return rc;
+  }
+  for (std::size_t k = 0; k < what.places.size(); ++k) {
+    if (what.has_twin(k)) continue;
+    double* const to = what.sums + what.places[k] * what.stride + from;
+    const double* const at =
+        sums[static_cast<std::size_t>(engine::distinct_output(program, static_cast<int>(k)))] + from;
+    if (at != to) std::memcpy(to, at, static_cast<std::size_t>(pairs) * sizeof(double));
+  }
+  return 0;
+}
+
 // Level by level: long stretches of lanes whose records and points are consecutive make a tile each, that the engine
 // reads in place. Others are packed into one tile until it is full.
 class LevelLoop {
@@ -59,7 +100,7 @@ public:
         if (const int rc = flush(); rc != 0) return rc;
     }
     if (const int rc = flush(); rc != 0) return rc;
-    copy_twins();
+    copy_twins(what_, pairs_.count * pairs_.points);
     return 0;
   }
 
@@ -70,11 +111,8 @@ private:
   void find_sums()
   {
     sums_in_place_ = !sequential_ && what_.lanes.outputs == 0 && what_.places.size() <= sums_.size() &&
-                     what_.twins.size() == what_.places.size();
-    for (std::size_t k = 0; sums_in_place_ && k < what_.places.size(); ++k)
-      if (!what_.has_twin(k))
-        sums_[static_cast<std::size_t>(engine::distinct_output(*what_.program, static_cast<int>(k)))] =
-            what_.sums + what_.places[k] * what_.stride;
+                     (what_.each_once || what_.twins.size() == what_.places.size());
+    if (sums_in_place_) place_sums(what_, *what_.program, sums_.data());
   }
 
   void place_levels()
@@ -130,7 +168,7 @@ private:
     engine::Tile tile;
     tile.lanes = lanes.lanes;
     tile.first = first_record;
-    tile.first_point = lanes.pair;
+    tile.first_point = pairs_.first + lanes.pair;
     tile.repeat = repeat;
     if (sums_in_place_) {
       tile.sums = sums_.data();
@@ -146,7 +184,8 @@ private:
 
   void pack(int lanes, int pair, int level)
   {
-    std::memcpy(point_.data() + lanes_, counting.data() + pair, static_cast<std::size_t>(lanes) * sizeof(std::int32_t));
+    std::memcpy(point_.data() + lanes_, counting.data() + pairs_.first + pair,
+                static_cast<std::size_t>(lanes) * sizeof(std::int32_t));
     Segment* const last = segment_count_ > 0 ? &segments_[static_cast<std::size_t>(segment_count_ - 1)] : nullptr;
     if (last != nullptr && last->pair == pair && last->lanes == lanes)
       ++last->levels;
@@ -207,15 +246,6 @@ private:
       }
   }
 
-  void copy_twins() const
-  {
-    const auto pairs = static_cast<std::size_t>(pairs_.count) * static_cast<std::size_t>(pairs_.points);
-    for (std::size_t k = 0; k < what_.places.size(); ++k)
-      if (what_.has_twin(k))
-        std::memcpy(what_.sums + what_.places[k] * what_.stride, what_.sums + what_.twins[k] * what_.stride,
-                    pairs * sizeof(double));
-  }
-
   // Every record was run; only the used ones count.
   void add_used_lanes(std::span<const Segment> segments) const
   {
@@ -246,7 +276,7 @@ private:
   int lanes_ = 0;
   int segment_count_ = 0;
   bool sums_in_place_ = false;
-  std::array<double*, 256> sums_;             // of the program's distinct outputs
+  std::array<double*, most_outputs> sums_;    // of the program's distinct outputs
   std::array<std::int32_t, most_pairs> slot_; // per pair, when few points of one slot lie side by side
   std::array<std::int32_t, engine::max_lanes> observation_;
   std::array<std::int32_t, engine::max_lanes> point_;
@@ -263,7 +293,26 @@ int tvlexec(TVLThreadCtx& ctx, const engine::Program& program, const engine::Til
 
 int tvllogl(const NX& n, TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums& what)
 {
-  return LevelLoop(n, ctx, pairs, what).add_all();
+  if (what.by_totals == nullptr || what.lanes.outputs > 0 || ctx.frame->shifts_records())
+    return LevelLoop(n, ctx, pairs, what).add_all();
+  const auto terms = static_cast<std::size_t>(what.by_totals->term_count);
+  double* const sums = ctx.batch.term_sums.data();
+  ctx.frame->set_totals(sums, term_stride);
+  // So many slots go through all of their records while the sums of their terms stay in the first cache.
+  constexpr int block = 128;
+  const int together = pairs.points == 1 ? block : pairs.count;
+  for (int first = 0; first < pairs.count; first += together) {
+    Pairs some = pairs;
+    some.slots += first;
+    some.count = std::min(together, pairs.count - first);
+    some.first = first;
+    RecordSums of_terms{what.by_totals->terms, {counting.data(), terms}, sums + first, term_stride};
+    of_terms.each_once = true;
+    if (const int rc = LevelLoop(n, ctx, some, of_terms).add_all(); rc != 0) return rc;
+    if (const int rc = make_totals(ctx, first, some.count * some.points, what); rc != 0) return rc;
+  }
+  copy_twins(what, pairs.count * pairs.points);
+  return 0;
 }
 
 } // namespace torvale::evaluation

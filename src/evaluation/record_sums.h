@@ -9,6 +9,9 @@ namespace torvale::evaluation {
 
 inline constexpr int most_pairs = 1024; // of one run of tvllogl
 inline constexpr int long_run = 32;     // lanes that are worth a tile of their own
+// Between the sums of terms: a multiple of a cache line, and no few of them a multiple of a page, in which the
+// processor takes a read for one of what it has just written.
+inline constexpr long term_stride = most_pairs + 152;
 
 // Pairs: slots of the batch in hand with `points` points each. Side by side in the lanes are the slots, point after
 // point (the pair of entry i and point q is q * count + i); or, when the points are many or the slots few, the points
@@ -17,6 +20,7 @@ struct Pairs {
   const int* slots = nullptr; // ascending
   int count = 0;
   int points = 1;
+  int first = 0; // point of the frame that the first pair is
   bool slots_aside() const { return points < long_run && count >= long_run; }
   int slot_step() const { return slots_aside() ? 1 : points; }
   int point_step() const { return slots_aside() ? count : 1; }
@@ -40,9 +44,12 @@ struct RecordSums {
   long stride = 0;
   LaneValues lanes = {};           // not of sequential programs
   std::span<const int> twins = {}; // per output: the place whose sum is its own too, -1 none; may be empty
+  bool each_once = false;          // no output has a twin
+  const model::ModelProgram* by_totals = nullptr; // its terms and totals stand for the program
 
   RecordSums(const model::ModelProgram& p, double* to, long row_stride)
-      : program(p.code), places(p.outputs), sums(to), stride(row_stride), twins(p.twins)
+      : program(p.code), places(p.outputs), sums(to), stride(row_stride), twins(p.twins),
+        by_totals(p.terms != nullptr ? &p : nullptr)
   {
   }
   RecordSums(const engine::Program* p, std::span<const int> of_outputs, double* to, long row_stride)

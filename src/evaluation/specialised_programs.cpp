@@ -237,4 +237,43 @@ void specialise_single_point(NX& n)
                         .specialise(*n.gcmp);
 }
 
+namespace {
+
+// Whether the terms of so many records and their totals are less work than the outputs, by the operations of
+// machine code: an output of a lane is read, added to and stored.
+bool totals_pay(const ModelProgram& p, double records)
+{
+  if (p.terms == nullptr) return false;
+  constexpr double of_output = 2.0, ahead = 1.1;
+  const auto of_lane = [&](const engine::Program& code, std::size_t outputs) {
+    return engine::program_size(code).lane + of_output * static_cast<double>(outputs);
+  };
+  const auto of_point = [](const engine::Program& code) { return engine::program_size(code).point; };
+  const double plain = records * of_lane(*p.code, p.outputs.size()) + of_point(*p.code);
+  const double by_totals = records * of_lane(*p.terms, static_cast<std::size_t>(p.term_count)) + of_point(*p.terms) +
+                           of_lane(*p.totals, p.outputs.size());
+  return plain > ahead * by_totals;
+}
+
+} // namespace
+
+void specialise_totals(NX& n, double records)
+{
+  ModelPrograms& p = n.programs;
+  if (n.nreff() == 0 || n.method == 1) return;
+  const REFFECT& reff = n.leaf();
+  const auto make = [&](ModelProgram& program, const Outputs& outputs) {
+    if (!program || program.looked_for_totals) return;
+    program.looked_for_totals = true;
+    if (engine::sequential(*program.code)) return;
+    const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program);
+    if (totals_pay(with, records)) program = with;
+  };
+  make(p.mode, mode_outputs(n, reff));
+  make(p.gradient, gradient_outputs(n, reff.gradstr));
+  make(p.closing, curvature_outputs(n, reff).append(mode_outputs(n, reff)));
+  make(p.closing_point,
+       curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr)));
+}
+
 } // namespace torvale::evaluation

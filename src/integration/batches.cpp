@@ -218,8 +218,13 @@ void deal_batches(NX& n)
   close_batch(n, batch, static_cast<int>(n.batch_subjects.size()), nests);
 }
 
-void size_slots_of_batches(const GroupState& n, BatchWork& b)
+void size_slots_of_batches(const NX& n, BatchWork& b)
 {
+  long terms = 0;
+  for (const model::ModelProgram* const p :
+       {&n.programs.mode, &n.programs.gradient, &n.programs.closing, &n.programs.closing_point})
+    terms = std::max<long>(terms, p->term_count);
+  size(b.term_sums, terms * evaluation::term_stride);
   int slots = 1;
   for (const Batch& batch : n.batches)
     slots = std::max({slots, batch.last - batch.first, batch.last_nest - batch.first_nest});
@@ -265,6 +270,7 @@ void size_contexts(NX& n)
   const bool gradient = n.dograd || n.nqpspec;
   if (n.nreff() == 1 && n.method == 0 && n.adaptive && n.leaf().nqpr == 1 && gradient)
     evaluation::specialise_single_point(n);
+  evaluation::specialise_totals(n);
   list_records(n);
   deal_batches(n);
   if (n.bound != nullptr)

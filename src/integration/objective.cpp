@@ -111,23 +111,47 @@ bool evaluated(NX& n)
   return true;
 }
 
+// Adds up numbers of slots in their order; `weight` is 0 for those that do not count and may hold anything.
+template <class Weight> void add_slots(const NX& n, std::size_t np, long first, long last, Weight&& weight, double* sum)
+{
+  double value = 0.0;
+  for (long slot = first; slot < last; ++slot)
+    if (const double w = weight(slot); w != 0.0) value += w * n.slot_value[static_cast<std::size_t>(slot)];
+  sum[0] = value;
+  constexpr std::size_t together = 4; // so that their sums stay in registers
+  for (std::size_t j = 0; j < np; j += together) {
+    const std::size_t count = std::min(together, np - j);
+    double t[together] = {};
+    const auto add = [&](std::size_t columns) {
+      for (long slot = first; slot < last; ++slot) {
+        const double w = weight(slot);
+        if (w == 0.0) continue;
+        const double* const gradient = n.slot_grad.data() + slot * n.grad_stride + j;
+        for (std::size_t k = 0; k < columns; ++k) t[k] += w * gradient[k];
+      }
+    };
+    if (count == together)
+      add(together);
+    else
+      add(count);
+    std::copy_n(t, count, sum + 1 + j);
+  }
+}
+
 // Value and gradient; the observation blocks already hold their weights.
 void sum_slots(NX& n)
 {
   const std::size_t np = n.dograd ? static_cast<std::size_t>(n.nparm) : 0;
-  const auto add = [&](std::size_t slot, double weight, double* sum) {
-    sum[0] += weight * n.slot_value[slot];
-    const double* const gradient = n.slot_grad.data() + static_cast<long>(slot) * n.grad_stride;
-    for (std::size_t j = 0; j < np; ++j) sum[1 + j] += weight * gradient[j];
-  };
   const auto subjects = [&](long first, long last, double* sum) {
-    for (long slot = first; slot < last; ++slot) {
+    const auto weight = [&](long slot) {
       const auto& s = n.outer().SubInfo[static_cast<std::size_t>(slot)];
-      if (!s.badsub) add(static_cast<std::size_t>(slot), s.weight, sum);
-    }
+      return s.badsub ? 0.0 : s.weight;
+    };
+    add_slots(n, np, first, last, weight, sum);
   };
   const auto blocks = [&](long first, long last, double* sum) {
-    for (long slot = first; slot < last; ++slot) add(static_cast<std::size_t>(slot), 1.0, sum);
+    add_slots(
+        n, np, first, last, [](long) { return 1.0; }, sum);
   };
   SlotTree tree(n.tree_sums, static_cast<long>(n.slot_value.size()), 1 + np);
   const double* const sum = n.nreff() > 0 ? tree.sum(n.workers.get(), subjects) : tree.sum(n.workers.get(), blocks);

@@ -94,6 +94,7 @@ struct BatchWork : Priors {
   std::vector<double> mode_sums;      // programs.mode
   std::vector<double> curvature_sums; // programs.curvature, or closing
   std::vector<double> point_sums;     // programs.gradient or programs.value
+  std::vector<double> term_sums;      // of a program of terms; rows as far apart as pairs can be many
   // Points of the run in hand.
   std::vector<double> ran;   // nr x pair_stride: random effects
   std::vector<double> prior; // per pair: log of weight and prior kernel; then the log integrand; then its weight

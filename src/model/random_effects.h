@@ -28,6 +28,12 @@ struct ModelProgram {
   std::vector<int> outputs;              // per output of the program its place, ascending
   std::vector<int> twins;                // per output: the place of one before it that holds the same numbers, -1: none
   int places = 0;                        // places in all
+  // The same sums over records from fewer operations, where that is worth it: a program of terms, and one that makes
+  // the outputs' sums of theirs, once for each point (engine::cmptotal).
+  const engine::Program* terms = nullptr;
+  const engine::Program* totals = nullptr;
+  int term_count = 0;
+  bool looked_for_totals = false;
 
   explicit operator bool() const { return code != nullptr; }
 };

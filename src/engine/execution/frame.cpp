@@ -154,6 +154,19 @@ void Frame::set_points(const double* ran, int points, int stride)
   ++state_->version;
 }
 
+void Frame::set_totals(const double* totals, long stride)
+{
+  if (state_->totals == totals && state_->totals_stride == stride) return;
+  state_->totals = totals;
+  state_->totals_stride = stride;
+  ++state_->version;
+}
+
+bool Frame::shifts_records() const
+{
+  return state_->shift != nullptr;
+}
+
 void Frame::reset_state(const Program& program, int slots)
 {
   FrameProgram& f = state_->program(program);

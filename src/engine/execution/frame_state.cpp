@@ -275,6 +275,8 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
   s.first = first;
   s.point = f.point.data();
   s.point_stride = f.point_stride;
+  s.totals = totals;
+  s.totals_stride = totals_stride;
   s.state = f.state.data();
   s.state_stride = f.state_slots;
   return s;

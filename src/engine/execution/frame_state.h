@@ -70,6 +70,8 @@ struct Frame::State {
   const double* ran = nullptr; // borrowed
   int points = 0;
   int ran_stride = 0;
+  const double* totals = nullptr; // borrowed
+  long totals_stride = 0;
   std::int64_t first = 0, count = 0;     // the range
   const std::int32_t* records = nullptr; // borrowed; rows of the records 0..count-1, null: records are rows
   bool records_in_place = false;         // they are rows that follow each other: nothing need be brought together

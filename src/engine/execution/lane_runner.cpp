@@ -186,6 +186,8 @@ LaneRunner::View LaneRunner::view(const Input& input, const Lanes& lanes, const 
     return {sources.theta + k, &zero, Lanes::Run::same, 1, 1};
   case From::random_effect:
     return {sources.ran + k * sources.stride, lanes.point, lanes.points, sources.points, 1};
+  case From::total:
+    return {sources.totals + k * sources.totals_stride, lanes.point, lanes.points, sources.points, 1};
   case From::column:
     return {sources.columns[k], lanes.row, lanes.rows, sources.rows, lanes.repeat};
   case From::distinct:
@@ -289,7 +291,7 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
       continue;
     double* const room = fetched_.data() + k * static_cast<std::size_t>(strip_);
     input_addresses_[k] = room;
-    if (along != Along::points || !same_points) fetch(code_.inputs[k], room, lanes, sources);
+    if (along != Along::points || !same_points || code_.inputs[k].from == Input::From::total) fetch(code_.inputs[k], room, lanes, sources);
   }
   if (points_in_place || same_points) return;
   held_count_ = 0;
@@ -414,7 +416,7 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
     switch (s.kind) {
     case Step::Kind::load: {
       const Input& input = code_.inputs[static_cast<std::size_t>(s.index)];
-      if (!(same_points && input.by_point())) fetch(input, op.out, lanes, sources);
+      if (!(same_points && input.by_point() && input.from != Input::From::total)) fetch(input, op.out, lanes, sources);
       break;
     }
     case Step::Kind::element:

@@ -79,6 +79,8 @@ struct Sources {
   std::int64_t first = 0;
   const double* point = nullptr; // result r of point p: point[r * point_stride + p]
   std::int64_t point_stride = 0;
+  const double* totals = nullptr; // sum k of point p: totals[k * totals_stride + p]
+  std::int64_t totals_stride = 0;
   const double* state = nullptr; // value k of slot s: state[k * state_stride + s]
   std::int64_t state_stride = 0;
 

@@ -37,6 +37,8 @@ std::string input_text(const CMPGLOBAL& gcmp, const Program& program, const Inpu
     return std::string("parameter ") + k;
   case From::random_effect:
     return std::string("random effect ") + k;
+  case From::total:
+    return std::string("sum over records ") + k;
   case From::column: {
     const Column& c = program.columns[static_cast<std::size_t>(in.index)];
     return c.result < 0 ? gcmp.at(gcmp.graph.node(c.node).index).name

@@ -77,6 +77,7 @@ public:
   std::set<std::int32_t> sums;                          // targets of sum statements: begin at 0
   std::set<std::int32_t> written;                       // given a value by an executable statement
   std::map<std::string, std::string, NameLess> formats; // by variable, of FORMAT and ATTRIB
+  std::vector<std::int32_t> totals;                     // per sum of Frame::set_totals: its symbol
   std::map<std::int32_t, std::int32_t> text_length;     // declared lengths of character variables
   // Variables that subprograms keep from call to call and that turned out to be texts: their lengths.
   std::map<std::pair<const void*, std::string>, std::int32_t> kept_text_length;
@@ -126,6 +127,7 @@ public:
   CMPSYM& named_symbol(std::string_view name, syntax::Position where);
   CMPSYM* find(std::string_view name);
   CMPSYM& new_symbol(std::string name, char kind, char type);
+  CMPSYM& total_symbol(int index); // what programs of totals read
   CMPSYM& at(std::int32_t index) { return symbols[static_cast<std::size_t>(index)]; }
   const CMPSYM& at(std::int32_t index) const { return symbols[static_cast<std::size_t>(index)]; }
 

@@ -126,7 +126,7 @@ bool Dependence::update(NodeId id)
     const CMPSYM& s = compiler_->at(n.index);
     if (s.parameter >= 0)
       classes |= depends::on_parameters;
-    else if (s.random_effect >= 0)
+    else if (s.random_effect >= 0 || s.total >= 0)
       classes |= depends::on_random_effects;
     else if (s.dsvarno > 0) {
       classes |= depends::on_data;

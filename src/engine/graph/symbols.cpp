@@ -34,6 +34,18 @@ CMPSYM& CMPGLOBAL::new_symbol(std::string name, char kind, char type)
   return s;
 }
 
+CMPSYM& CMPGLOBAL::total_symbol(int index)
+{
+  while (static_cast<int>(totals.size()) <= index) {
+    CMPSYM& s = new_symbol("_total" + std::to_string(totals.size()), 'd', 'n');
+    s.total = static_cast<int>(totals.size());
+    s.assigned = true;
+    graph.declare_variation(s.index, GraphBuilder::by_point);
+    totals.push_back(s.index);
+  }
+  return at(totals[static_cast<std::size_t>(index)]);
+}
+
 CMPSYM* CMPGLOBAL::find(std::string_view name)
 {
   const auto it = by_name.find(name);

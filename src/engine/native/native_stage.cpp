@@ -141,18 +141,26 @@ private:
       return;
     case Kind::store: {
       const int a = registers_.number(op.in[0]);
-      code_.mov(frame().address, code_.ptr[frame().results + static_cast<std::size_t>(op.index) * 8]);
+      // The second vector of a result follows the first: its address stands there already.
+      if (op.index != placed_ || placed_end_ != code_.getSize())
+        code_.mov(frame().address, code_.ptr[frame().results + static_cast<std::size_t>(op.index) * 8]);
       const auto to =
           code_.ptr[frame().address + frame().offset + code_.vector_bytes() * static_cast<std::size_t>(op.half)];
       if (op.index < added_) {
         const int sum = code_.number_scratch();
-        code_.load(sum, to);
-        code_.arithmetic(Arithmetic::add, sum, sum, code_.vector(a));
+        if (code_.vector_bytes() > aligned_operand) {
+          code_.arithmetic(Arithmetic::add, sum, a, to);
+        } else {
+          code_.load(sum, to);
+          code_.arithmetic(Arithmetic::add, sum, sum, code_.vector(a));
+        }
         code_.store(to, sum);
       } else {
         code_.store(to, a);
       }
       registers_.result(no_value);
+      placed_ = op.index;
+      placed_end_ = code_.getSize();
       return;
     }
     }
@@ -268,6 +276,10 @@ private:
   const bool paired_;
   const int added_; // so many results are added to what stands where they go
   const KernelTable& table_;
+  static constexpr std::size_t aligned_operand =
+      16;                    // vectors of so many bytes are no operands where memory is not aligned
+  std::int32_t placed_ = -1; // result that was stored last, and the end of the code that did
+  std::size_t placed_end_ = 0;
   std::vector<RareCall> rare_calls_;
   std::int32_t saved_area_ = -1; // slots for the registers that a rare call must not change
   RegisterAllocator registers_;

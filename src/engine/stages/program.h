@@ -41,6 +41,7 @@ struct Input {
   enum class From : std::uint8_t {
     parameter_value, // theta[index]
     random_effect,   // effect `index` at the lane's point
+    total,           // sum `index` over the records of the lane's point
     column,          // Program::columns[index] at the lane's record
     distinct,        // result `index` of the stage of a column's values, at the lane's record
     observation,     // result `index` of the observation stage at the lane's record
@@ -50,7 +51,7 @@ struct Input {
     missing,         // an input that has no value
   } from = From::column;
   std::int32_t index = 0;
-  bool by_point() const { return from == From::point || from == From::random_effect; }
+  bool by_point() const { return from == From::point || from == From::random_effect || from == From::total; }
   bool by_row() const
   {
     return from == From::column || from == From::distinct || from == From::observation || from == From::row_number;

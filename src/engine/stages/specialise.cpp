@@ -148,7 +148,7 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits
   program.outputs = static_cast<int>(nodes.size());
   const std::vector<NodeId> behind = nodes_behind(gcmp.graph, nodes);
   measure(gcmp.graph, behind, nodes, program);
-  for (std::size_t k = 0; k < gcmp.effects.size(); ++k) {
+  for (std::size_t k = 0; k < gcmp.effects.size() && visits != Visits::totals; ++k) {
     const Effect& e = gcmp.effects[k];
     if (!e.fatal() || gcmp.graph.is_constant(e.guard, 0.0)) continue;
     program.traps.push_back(static_cast<std::int32_t>(k));
@@ -158,7 +158,10 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits
   program.code(Stage::lane).outputs = program.outputs;
   Specialiser all(gcmp, program);
   all.choose_counted(behind);
-  if (lanes_are_records(gcmp, nodes, visits)) all.let_records_be_lanes();
+  if (visits == Visits::totals)
+    all.let_points_be_lanes();
+  else if (lanes_are_records(gcmp, nodes, visits))
+    all.let_records_be_lanes();
   for (const Stage s : {Stage::lane, Stage::point, Stage::observation, Stage::distinct}) emit_stage(all, s);
   program.computed_columns = static_cast<int>(program.code(Stage::data).results.size());
   emit_stage(all, Stage::data);

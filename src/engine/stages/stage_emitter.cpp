@@ -377,6 +377,7 @@ private:
       const CMPSYM& s = all_.gcmp_.at(n.index);
       if (s.parameter >= 0) return {From::parameter_value, s.parameter};
       if (s.random_effect >= 0) return {From::random_effect, s.random_effect};
+      if (s.total >= 0) return {From::total, s.total};
       if (s.dsvarno > 0 && s.type != 'c') return {From::column, all_.column(id)};
       return {From::missing, 0};
     }

@@ -19,6 +19,8 @@ public:
 
   // Lanes without random effects are records, each computed once: nothing goes from one stage to the other for them.
   void let_records_be_lanes() { record_is_lane_ = true; }
+  // The same of points, where no lane has a record.
+  void let_points_be_lanes() { point_is_lane_ = true; }
 
   // Where a node is computed, as a stage sees it. What follows from data columns by a few plain operations is no column
   // of its own: it is computed with the observations, or with the values, but for the data stage itself.
@@ -29,6 +31,7 @@ public:
         plain_operations(id) <= most_plain_operations)
       stage = Stage::observation;
     if (stage == Stage::observation && (seen_from == Stage::distinct || by_counted(id))) return Stage::distinct;
+    if (stage == Stage::point && point_is_lane_) return Stage::lane;
     return stage == Stage::observation && record_is_lane_ ? Stage::lane : stage;
   }
 
@@ -64,7 +67,7 @@ private:
   bool costs(NodeId id);           // there is a costly function of parameters behind a node of the counted variable
   int plain_operations(NodeId id); // that make it of columns and constants; more than the most when there are others
 
-  bool record_is_lane_ = false;
+  bool record_is_lane_ = false, point_is_lane_ = false;
   std::unordered_map<NodeId, int> plain_;
   NodeId counted_ = no_node;
   std::unordered_map<NodeId, bool> costs_;

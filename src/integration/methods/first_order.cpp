@@ -83,16 +83,14 @@ public:
     T mean[capacity], covariance[triangle]; // adjoints of m and G, that of an element off the diagonal for both places
     T va[capacity] = {};
     for (int i = 0; i < nr(); ++i) {
-      mean[i] = through_point(bar, i);
+      mean[i] = through_sums(bar, np_ + i);
       for (int j = 0; j <= i; ++j)
         covariance[packed(i, j)] = (i == j ? 0.5 : 1.0) * (pull_[i] * pull_[j] - remainder(i, j));
     }
     if (n_.lb) through_mode(mean, covariance, va);
     const REFFECT& reff = n_.leaf();
-    double* const direct = b_.scratch.data();
-    through_sums(bar, direct);
     for (int j = 0; j < np_; ++j) {
-      T g = SlotGroup<T>::load(direct + j * SlotGroup<T>::width);
+      T g = -through_sums(bar, j);
       if (n_.lb) g -= through_cross(va, j);
       const auto first = static_cast<std::size_t>(j);
       for (int m = reff.moved_first[first]; m < reff.moved_first[first + 1]; ++m) {
@@ -223,27 +221,14 @@ private:
     }
   }
 
-  // What the sums give directly, parameter by parameter; derivatives that are identically zero are no outputs.
-  void through_sums(const T* bar, double* direct) const
-  {
-    constexpr int width = SlotGroup<T>::width;
-    std::fill_n(direct, np_ * width, 0.0);
-    const int first = n_.programs.linear_by(0, 0), apart = n_.programs.linear_by(1, 0) - first;
-    int k = 0, begin = first; // the sum in hand, and where its derivatives begin
-    for (const int place : n_.programs.linear_gradient.outputs) {
-      for (; place >= begin + apart; begin += apart) ++k;
-      const int j = place - begin;
-      if (j < 0 || j >= np_) continue;
-      const T g = SlotGroup<T>::load(direct + j * width) - bar[k] * sum(place);
-      SlotGroup<T>::store(g, direct + j * width);
-    }
-  }
-
-  // The adjoint of the point of expansion, through the sums (of -v).
-  T through_point(const T* bar, int i) const
+  // What the sums give by a parameter or, behind these, by the point of expansion (of -v). Derivatives that are
+  // identically zero are no outputs: their rows are zero.
+  T through_sums(const T* bar, int w) const
   {
     T t = {};
-    for (int k = 0; k < n_.programs.linear_sums(); ++k) t += bar[k] * sum(n_.programs.linear_by(k, np_ + i));
+    const double* row = b_.point_sums.data() + n_.programs.linear_by(0, w) * b_.mode_stride + column_;
+    const long apart = (n_.programs.linear_by(1, 0) - n_.programs.linear_by(0, 0)) * b_.mode_stride;
+    for (int k = 0; k < 1 + nr() + nrs(); ++k, row += apart) t += bar[k] * SlotGroup<T>::load(row);
     return t;
   }
 
@@ -397,7 +382,6 @@ public:
     size(ctx.batch.point_sums, places * ctx.batch.mode_stride);
     size(ctx.batch.total, slots);
     size(ctx.batch.direct, slots * n.nparm);
-    size(ctx.batch.scratch, n.nparm * SlotGroup<Four>::width);
   }
 
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override
@@ -426,7 +410,8 @@ public:
 
   void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
   {
-    std::copy_n(ctx.batch.direct.begin() + static_cast<long>(slot) * n.nparm, n.nparm, gradient);
+    const double* const from = ctx.batch.direct.data() + static_cast<long>(slot) * n.nparm;
+    for (int j = 0; j < n.nparm; ++j) gradient[j] = from[j];
   }
 
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override

@@ -40,6 +40,19 @@ private:
   std::vector<double> t_;
 };
 
+// Whether direction k of the judgement is largely one of plain coordinates.
+bool moves_plain(const FitCoordinates& c, const Judgement& judged, int k)
+{
+  const auto m = static_cast<std::size_t>(judged.curvature.size());
+  double plain = 0.0, all = 0.0;
+  for (std::size_t i = 0; i < m; ++i) {
+    const double element = judged.directions[i * m + static_cast<std::size_t>(k)];
+    all += element * element;
+    if (c.plain(judged.curvature.free[i])) plain += element * element;
+  }
+  return plain > 0.1 * all;
+}
+
 // Whether neither half nor twice parameter i changes -2 log L.
 bool unknown(Multiples& at, int i, double f)
 {
@@ -57,6 +70,8 @@ bool unknown(Multiples& at, int i, double f)
 bool lost_parameter(NX& n, const FitCoordinates& c, const Judgement& judged, const std::vector<double>& x, double f)
 {
   if (std::any_of(judged.separated.begin(), judged.separated.end(), [&](int i) { return c.plain(i); })) return true;
+  for (const int k : judged.null)
+    if (moves_plain(c, judged, k)) return true;
   Multiples at(n, x);
   for (int i = 0; i < c.size(); ++i)
     if (c.plain(i) && unknown(at, i, f)) return true;
