@@ -33,12 +33,13 @@ struct Verdict {
   std::vector<FlatDirection> flat; // the null space of the Hessian
   std::vector<double>
       null_basis; // the same as an orthonormal basis: np doubles a direction, directions one after another
-  std::vector<char> identified; // per parameter: 0 has a component in the null space and so no standard error
-  std::vector<int> at_bounds;   // parameters at an active bound
-  std::vector<int> vanished;    // parameters that are the variance of a random effect and ended at 0
-  std::vector<int> separated;   // parameters along which the likelihood goes on rising without end
-  bool indefinite = false;      // the Hessian has a negative eigenvalue on the free space
-  bool left_start = true;       // the fit moved away from its starting values
+  std::vector<char> identified;  // per parameter: 0 has a component in the null space and so no standard error
+  std::vector<int> at_bounds;    // parameters at an active bound
+  std::vector<int> vanished;     // parameters that are the variance of a random effect and ended at 0
+  bool singular_effects = false; // the covariance matrix of random effects ended on its edge
+  std::vector<int> separated;    // parameters along which the likelihood goes on rising without end
+  bool indefinite = false;       // the Hessian has a negative eigenvalue on the free space
+  bool left_start = true;        // the fit moved away from its starting values
   double quadrature_change =
       host::missing;              // change of -2 log L with more points at the estimates; missing: not evaluated
   std::string quadrature_reason;  // why not

@@ -14,6 +14,7 @@
 #include "optimizer/optimizer.h"
 #include "solve/fit_hessian.h"
 #include "solve/judgement/fit_verdict.h"
+#include "solve/singular_effects.h"
 #include "solve/start/point_selection.h"
 #include "solve/start/start_metric.h"
 #include "solve/start/starting_grid.h"
@@ -207,6 +208,9 @@ void warn_vanished_variance(NX& n, const model::REFFECT& reff)
           message::variance_vanished{.name = reff.names[static_cast<std::size_t>(i)], .value = variance});
       n.raise(4);
     }
+    std::vector<double> g;
+    for (int k = 0; k < reff.nr * (reff.nr + 1) / 2; ++k) g.push_back(frame.output(reff.nr + k)[0]);
+    warn_singular_effects(n, reff, g);
     return; // the variances of the first subject speak for all unless they depend on data
   }
 }

@@ -39,6 +39,19 @@ TEST(OptimizerOptions, FormsOfTheCovarianceThatAreNotThere)
   }
 }
 
+// J and B divide the inverse Hessian by the number of observations, and say so; CFACTOR= stands in its place.
+TEST(OptimizerOptions, DividedCovarianceIsTold)
+{
+  const auto whole = run_text(example("cbpp", "QPOINTS=3")),
+             divided = run_text(example("cbpp", "QPOINTS=3 COVARIANCE=J")),
+             factor = run_text(example("cbpp", "QPOINTS=3 COVARIANCE=B CFACTOR=1"));
+  const double observations = 56.0;
+  const auto error = [](const auto& run) { return run.column("ParameterEstimates", "StandardError").at(0); };
+  EXPECT_TRUE(divided.said(503, 9453) && !whole.said(503, 9453) && !factor.said(503, 9453));
+  EXPECT_NEAR(error(divided) * std::sqrt(observations), error(whole), 1e-6 * error(whole));
+  EXPECT_NEAR(error(factor), error(whole), 1e-6 * error(whole));
+}
+
 // With a diagonal Hessian every error is that of the parameter's own curvature.
 TEST(OptimizerOptions, DiagonalHessianHasTheCurvatures)
 {

@@ -165,6 +165,32 @@ TEST(Tables, ContrastsThatContradictThemselves)
   EXPECT_FALSE(said("b0, s2 - 9, 3*b0 - s2 + 9"));
 }
 
+// Two effects that the data cannot tell apart end with a correlation of 1: the fit says so, and what it computes from
+// them has no standard error made of rounding. A matrix that the program itself makes singular is no news.
+TEST(Tables, EffectsOfOneKindAreNamed)
+{
+  std::string rows = "id,x,y\n";
+  for (int i = 0; i < 24; ++i)
+    for (int k = 0; k < 5; ++k) {
+      const double x = 0.5 * k, u = 0.7 * ((i * 7) % 11 - 5) / 3.0, e = 0.3 * ((i * 5 + k * 3) % 7 - 3) / 2.0;
+      rows += std::to_string(i) + "," + std::to_string(x) + "," + std::to_string(1 + x + u * (1 + 0.8 * x) + e) + "\n";
+    }
+  const TemporaryFile data("one_kind.csv", rows);
+  const std::string head = "TORVALE DATA='" + data.path() + "'; ";
+  const auto run = run_text(head + "PARMS b0=1 b1=1 v1=0.5 c=0.1 v2=0.5 s2=0.3; BOUNDS v1>0, v2>0, s2>0;"
+                                   "MODEL y ~ NORMAL(b0 + u + (b1 + w)*x, s2);"
+                                   "RANDOM u w ~ NORMAL([0,0],[v1,c,v2]) SUBJECT=id; ESTIMATE 'r' c/sqrt(v1*v2); RUN;");
+  EXPECT_EQ(run.outcome.exit_code, 0) << run.log;
+  EXPECT_TRUE(run.said(503, 9452)) << run.log;
+  EXPECT_NE(run.log.find("have the correlation 1."), std::string::npos) << run.log;
+  EXPECT_NEAR(run.number("AdditionalEstimates", "r", "Estimate"), 1.0, 1e-6);
+  EXPECT_TRUE(std::isnan(run.number("AdditionalEstimates", "r", "StandardError")));
+  EXPECT_GT(run.number("ParameterEstimates", "v1", "StandardError"), 0.0);
+  const auto fixed = run_text(head + "PARMS b0=1 b1=1 s2=0.3; BOUNDS s2>0; MODEL y ~ NORMAL(b0 + u + (b1 + w)*x, s2);"
+                                     "RANDOM u w ~ NORMAL([0,0],[1,0.5,0.25]) SUBJECT=id; RUN;");
+  EXPECT_FALSE(fixed.said(503, 9452)) << fixed.log;
+}
+
 TEST(Tables, FailedStartSaysThatNoModeWasSought)
 {
   const auto run = run_text(example("cbpp", "EBSTEPS=0"));

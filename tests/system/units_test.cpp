@@ -84,8 +84,7 @@ TEST(Units, SmallVariancesAboveAStrictBound)
     for (int i = 0; i < 12; ++i)
       for (int j = 0; j < 4; ++j)
         csv += std::to_string(i) + "," + digits(j * unit) + "," +
-               digits(5 + .3 * (i * 5 % 12 - 5.5) + (1 + .3 * (i * 7 % 12 - 5.5)) * j + (i * 3 + j * 7) % 5 - 2) +
-               "\n";
+               digits(5 + .3 * (i * 5 % 12 - 5.5) + (1 + .3 * (i * 7 % 12 - 5.5)) * j + (i * 3 + j * 7) % 5 - 2) + "\n";
     const auto run = fit_data(csv, "; PARMS b0=4 b1=" + digits(1 / unit) + " s2u=1 s2v=" + digits(.1 / unit / unit) +
                                        " s2=1; BOUNDS s2u > 0, s2v > 0, s2 > 0; MODEL y ~ NORMAL(b0+u+(b1+v)*x, s2);"
                                        "RANDOM u v ~ NORMAL([0,0], [s2u, 0, s2v]) SUBJECT=id; RUN;");
@@ -96,6 +95,25 @@ TEST(Units, SmallVariancesAboveAStrictBound)
     EXPECT_GT(first, 1e-4);
     EXPECT_NEAR(variance, first, 1e-3 * error) << unit;
     EXPECT_GT(error, 0.0) << unit;
+  }
+}
+
+// The objective has the logarithm of the response's unit in it, which is no reason for more points or fewer.
+TEST(Units, NumberOfPoints)
+{
+  for (const double unit : {1e-3, 1.0, 1e3}) {
+    std::string csv = "id,t,y\n";
+    for (int i = 0; i < 8; ++i)
+      for (int j = 0; j < 6; ++j) {
+        const double t = .2 + .9 * j;
+        const double y = 10 * t / (1.5 + t) * std::exp(.06 * (i * 5 % 8 - 3.5)) + .4 * ((i * 3 + j * 7) % 5 - 2);
+        csv += std::to_string(i) + "," + digits(t) + "," + digits(std::round(100 * y) / 100 * unit) + "\n";
+      }
+    const auto run = fit_data(csv, "; PARMS a=" + digits(8 * unit) + " k=1 s2u=.05 s2=" + digits(.2 * unit * unit) +
+                                       "; MODEL y ~ NORMAL(a*EXP(u)*t/(k+t), s2);"
+                                       "RANDOM u ~ NORMAL(0, s2u) SUBJECT=id; RUN;");
+    EXPECT_EQ(run.outcome.exit_code, 0) << unit << run.log;
+    EXPECT_NEAR(minus2(run), 109.2130 + 96 * std::log(unit), 1e-3) << unit << run.log;
   }
 }
 

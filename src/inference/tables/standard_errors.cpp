@@ -55,7 +55,9 @@ double standard_error(const NX& n, const double* g, double v)
   if (!(v > 0.0) || !std::isfinite(v) || moves_along_flat(n, g)) return missing;
   double most = 0.0;
   for (int j = 0; j < n.nparm; ++j) most += std::abs(g[j]) * std::sqrt(std::max(diagonal(n.covmat, j), 0.0));
-  constexpr double rounding = 64 * std::numeric_limits<double>::epsilon();
+  // On the edge of the effects' covariance matrix the covariance of the estimates has a null direction that is known
+  // to the accuracy of the Hessian only: a correlation of 1 is a number without an error, not one with a tiny one.
+  const double rounding = n.verdict.singular_effects ? 1e-9 : 64 * std::numeric_limits<double>::epsilon();
   return v <= rounding * most * most ? missing : std::sqrt(v);
 }
 

@@ -116,9 +116,10 @@ Standing standing(const VerdictFacts& f, const FitSummary& s)
   const model::Verdict& v = *f.verdict;
   if (f.optimized && !s.converged.value_or(false)) return Standing::bad;
   if (!v.separated.empty() || v.indefinite) return Standing::bad;
-  const bool remark = singular(f) || !f.covariance || !v.at_bounds.empty() || !v.vanished.empty() || !v.left_start ||
-                      !f.warnings.empty() || std::abs(v.quadrature_change) > 0.1 ||
-                      v.outcome == FitOutcome::unconfirmed || v.outcome == FitOutcome::user_criterion;
+  const bool remark = singular(f) || !f.covariance || !v.at_bounds.empty() || !v.vanished.empty() ||
+                      v.singular_effects || !v.left_start || !f.warnings.empty() ||
+                      std::abs(v.quadrature_change) > 0.1 || v.outcome == FitOutcome::unconfirmed ||
+                      v.outcome == FitOutcome::user_criterion;
   return remark ? Standing::caution : Standing::good;
 }
 
@@ -146,6 +147,7 @@ void verdict_words(const VerdictFacts& f, FitSummary& out)
   say("At bounds", listed(f.parameters, v.at_bounds));
   if (!v.vanished.empty())
     say("Vanished variance", listed(f.parameters, v.vanished) + ": no variation between subjects");
+  if (v.singular_effects) say("Random effects", "their covariance matrix is singular");
   if (!v.separated.empty())
     say("Separation", listed(f.parameters, v.separated) + ": the likelihood goes on rising without end");
   if (!std::isnan(v.quadrature_change))

@@ -4,6 +4,7 @@
 
 #include "integration/nests/nest_moves.h"
 
+#include "integration/nests/nest_walk.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
 #include "modes/nest_steps.h"
@@ -12,9 +13,7 @@
 
 namespace torvale::integration {
 
-using model::BatchWork;
 using model::NestLevel;
-using model::NestWork;
 using model::NX;
 using model::REFFECT;
 using model::TVLThreadCtx;
@@ -22,16 +21,21 @@ using modes::packed;
 
 namespace {
 
-class NestMoves {
+class NestMoves : NestWalk {
 public:
   NestMoves(const NX& n, TVLThreadCtx& ctx, const double* cross)
-      : n_(n), b_(ctx.batch), w_(ctx.nests), cross_(cross), stride_(ctx.batch.mode_stride)
+      : NestWalk(n, ctx), cross_(cross), stride_(ctx.batch.mode_stride)
   {
   }
 
-  void find(int nest)
+  void find_all()
   {
-    nest_ = static_cast<std::size_t>(nest);
+    for_good([&] { find(); });
+  }
+
+private:
+  void find()
+  {
     sum_slopes();
     for (int j = 0; j < n_.nparm; ++j) {
       for_nodes([&](NestLevel& l, const REFFECT& reff, int v) {
@@ -41,29 +45,15 @@ public:
       const NestLevel& leaves = w_.level.front();
       for (int v = first(leaves); v < last(leaves); ++v) add_pulls(v, j);
       for_nodes([](NestLevel& l, const REFFECT&, int v) { times_transpose(l, v); });
-      modes::solve(w_, nest, &NestLevel::mode_bar);
+      modes::solve(w_, static_cast<int>(nest_), &NestLevel::mode_bar);
       for_nodes([&](NestLevel& l, const REFFECT&, int v) { keep(l, v, j); });
     }
   }
-
-private:
-  int first(const NestLevel& l) const { return l.nodes->first[nest_]; }
-  int last(const NestLevel& l) const { return l.nodes->first[nest_ + 1]; }
 
   template <class F> void for_nodes(F&& f)
   {
     for (std::size_t k = 0; k < w_.level.size(); ++k)
       for (int v = first(w_.level[k]); v < last(w_.level[k]); ++v) f(w_.level[k], n_.reff[k], v);
-  }
-
-  // Calls f(level, node) for a leaf and its ancestors.
-  template <class F> void for_chain(int leaf, F&& f)
-  {
-    int node = leaf;
-    for (NestLevel& l : w_.level) {
-      f(l, node);
-      node = l.nodes->parent[static_cast<std::size_t>(node)];
-    }
   }
 
   const double* sums(int leaf) const
@@ -143,23 +133,16 @@ private:
     }
   }
 
-  const NX& n_;
-  const BatchWork& b_;
-  NestWork& w_;
   const double* const cross_;
   const long stride_;
-  std::size_t nest_ = 0;
 };
 
 } // namespace
 
 void find_nest_moves(const NX& n, TVLThreadCtx& ctx, const double* cross)
 {
-  NestWork& w = ctx.nests;
-  if (modes::single_effects(w)) return find_single_moves(n, ctx, cross);
-  NestMoves moves(n, ctx, cross);
-  for (int nest = 0; nest < w.nests; ++nest)
-    if (w.failure[static_cast<std::size_t>(nest)] == 0) moves.find(nest);
+  if (modes::single_effects(ctx.nests)) return find_single_moves(n, ctx, cross);
+  NestMoves(n, ctx, cross).find_all();
 }
 
 } // namespace torvale::integration

@@ -290,8 +290,7 @@ private:
   void keep_rows(const double* sums, std::vector<double>& to, int row) const
   {
     for (int p = 0; p < c_.outer; ++p)
-      std::copy_n(sums + c_.sum(0, p), c_.pairs.count,
-                  to.begin() + static_cast<std::ptrdiff_t>(place_of(row, 0, p)));
+      std::copy_n(sums + c_.sum(0, p), c_.pairs.count, to.begin() + static_cast<std::ptrdiff_t>(place_of(row, 0, p)));
   }
 
   void keep_sums(std::vector<double>& to, int row) const

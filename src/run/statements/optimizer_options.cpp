@@ -191,6 +191,14 @@ void start_metric(NX& n, const STMT& procedure)
   n.str->usmet = solve::start_metric;
 }
 
+// Two forms divide by the number of observations, which nobody expects of standard errors of maximum likelihood.
+void note_divided_covariance(NX& n, const STMT& procedure)
+{
+  if ((n.covstr->icov != 3 && n.covstr->icov != 4) || n.covstr->cfac > 0.0) return;
+  n.host->log().xpmlog(message::covariance_divided{.form = n.covstr->icov == 3 ? "J" : "B"},
+                       place_at(n, "TORVALE", procedure.slot(torvale_slot::covariance).where));
+}
+
 } // namespace
 
 void optimizer_setup(NX& n, const STMT& procedure)
@@ -205,6 +213,7 @@ void optimizer_setup(NX& n, const STMT& procedure)
   str.fail = model::failure_objective;
   tvloptg(procedure, str, *n.covstr);
   covariance_options(procedure, *n.covstr);
+  note_divided_covariance(n, procedure);
   difference_mode(n);
   start_metric(n, procedure);
   printing_options(n);

@@ -7,6 +7,7 @@
 #include "integration/objective.h"
 #include "integration/other_modes.h"
 #include "integration/rules/quadrature_points.h"
+#include "model/distribution_labels.h"
 #include "model/subject_names.h"
 #include "syntax/statement_names.h"
 
@@ -80,15 +81,34 @@ double times_as_dear(const NX& n, int in_use, int points)
   return std::pow(static_cast<double>(points) / in_use, dimensions);
 }
 
+bool tolerance_given(const NX& n)
+{
+  return n.proc->statements.front().given(syntax::torvale_slot::qtol);
+}
+
+// The objective by which changes at the estimates are judged. That of a density has the logarithm of the response's
+// unit in it, once for each observation: there an observation counts as 1.
+double size_at_estimates(const NX& n, double objective)
+{
+  if (tolerance_given(n) || model::has_probabilities(n.disttype)) return objective;
+  const double replicates = n.outer().nrepsub / static_cast<double>(std::max<std::size_t>(n.outer().SubInfo.size(), 1));
+  return static_cast<double>(n.store->nobsu) * replicates;
+}
+
+bool within_tolerance(const NX& n, double f, double g)
+{
+  const double size = size_at_estimates(n, f);
+  return relative_change(n, size, size + (g - f)) < n.qtol;
+}
+
 // Whether two sums at the estimates differ by so little that the smaller count will do. A share of the objective can be
 // much in large data: where QTOL= is the default, and the next count is not much dearer than the one in use, the
 // verdict shall have nothing to warn of either.
 bool agree(const NX& n, double f, double g, double dearer)
 {
   constexpr double much_dearer = 4.0;
-  if (!(relative_change(n, f, g) < n.qtol)) return false;
-  const bool given = n.proc->statements.front().given(syntax::torvale_slot::qtol);
-  return given || dearer > much_dearer || 2.0 * std::abs(g - f) <= told_change;
+  if (!within_tolerance(n, f, g)) return false;
+  return tolerance_given(n) || dearer > much_dearer || 2.0 * std::abs(g - f) <= told_change;
 }
 
 // With its gradient where that is wanted and there, else the value alone.
@@ -146,7 +166,7 @@ bool more_points(NX& n, FinerSum& finer)
   n.dograd = false;
   int count = in_use;
   double f = n.str->crit;
-  bool settled = false, within_tolerance = false;
+  bool settled = false, close = false;
   const bool compared_later = n.method == 0 && affordable_points(n, in_use, finer_points(n, in_use));
   if (compared_later && next_count(n, in_use) > 0) {
     finer.points = finer_points(n, in_use);
@@ -157,7 +177,7 @@ bool more_points(NX& n, FinerSum& finer)
   while (!settled) {
     const int next = next_count(n, count);
     if (next == 0) {
-      n.verdict.cut_short_by_qmax = !within_tolerance;
+      n.verdict.cut_short_by_qmax = !close;
       break;
     }
     const double dearer = times_as_dear(n, in_use, next);
@@ -165,7 +185,7 @@ bool more_points(NX& n, FinerSum& finer)
     // Two counts can agree and both be wrong: below the finer one they are held to its sum too.
     const bool apart = count < finer.points && has_value(finer.objective) && !agree(n, f, finer.objective, dearer);
     if (!has_value(g) || (!apart && agree(n, f, g, dearer))) break;
-    within_tolerance = relative_change(n, f, g) < n.qtol;
+    close = within_tolerance(n, f, g);
     count = next;
     f = g;
   }

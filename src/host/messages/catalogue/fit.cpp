@@ -41,7 +41,7 @@ constexpr CatalogueEntry entries[] = {
      "{distribution} takes them as they are.",
      "A response that is no count: a mean, a rate, a measurement.", "Another distribution, or the counts themselves."},
     {503, 9211, "replicate_not_positive", W,
-     "{count} observations are not used, since the replicate variable {name} is missing, zero or negative (first "
+     "{count} observations are not used, since the replicate variable {name} is missing, or not above SINGVAR= (first "
      "observation {observation}).",
      "", "The values are counts or weights: above 0."},
     {503, 9210, "large_grid", N, "The starting grid has {count} points; BEST= shortens the table.", "", ""},
@@ -51,6 +51,11 @@ constexpr CatalogueEntry entries[] = {
     {503, 9222, "variance_vanished", W,
      "The variance of the random effect {name} is {value} at the estimates: the effect has vanished.",
      "The data show no variation of this kind between subjects.", "Leave the effect out, or give its variance BOUNDS."},
+    {503, 9452, "effects_singular", W,
+     "The covariance matrix of the random effects {names} is singular at the estimates[: {pair} have the correlation "
+     "{correlation}].",
+     "The data tell fewer ways in which subjects differ than the program has effects.",
+     "Leave an effect out, or put one effect in the place of two, as b0 + u + (b1 + k*u)*x."},
     {503, 9221, "estimate_at_bound", W, "The estimate of {name} stands at its bound {bound}.",
      "The effect is absent, or its unit is large.", "Rescale; SINGVAR=; a bound without strictness (>=)."},
     {503, 9302, "seed_above_range", W, "SEED={seed} is above 2147483646; the clock is used.", "",

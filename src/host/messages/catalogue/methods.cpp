@@ -6,6 +6,10 @@ namespace {
 
 // Random effects, methods of integration, sampling.
 constexpr CatalogueEntry entries[] = {
+    {503, 9453, "covariance_divided", N,
+     "COVARIANCE={form} divides the covariance matrix by the number of observations: standard errors are smaller by "
+     "its root than those of maximum likelihood.",
+     "", "Leave COVARIANCE= out, or add CFACTOR=1."},
     {503, 303, "random_argument_depends_on_effect", E,
      "An argument of the RANDOM distribution depends on the random effect {name}.", "",
      "Means and covariances may depend on parameters and data only."},
