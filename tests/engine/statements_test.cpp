@@ -74,6 +74,10 @@ const StatementCase cases[] = {
      "- x*i); end; z = a1 + "
      "2*a2 + 4*a3 + (i = 40001);",
      {93334, 93334, 93334, 93334}},
+    {"LoopsOverArraysInLongLoops",
+     "array a[450] _temporary_; do i = 1 to 450; a[i] = i; end; z = x; do i = 1 to 401; do j = 1 to 240; z = z + a[1 + "
+     "mod(i*j, 450)]; end; end;",
+     {21302761, 21302762, 21302763, 21302764}},
     {"RetainedCount", "retain k 10; k = k + 1; z = k;", {11, 12, 13, 14}},
     {"SumSkipsMissing", "total + y; z = total;", {0, 0, -1, 1}},
     {"LagsAndDifferences", "z = lag2(x) + 10*dif(x);", {none, none, 11, 12}},

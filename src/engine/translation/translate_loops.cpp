@@ -21,6 +21,7 @@ constexpr double most_unrolled_passes = 400.0;
 // this: where the subscript is a number, an element is a variable. A loop that carries its values would choose it
 // among all in every pass.
 constexpr std::int64_t most_nodes_of_long_loops = 60000;
+constexpr std::int64_t most_nodes_of_short_loop = 200000; // that takes elements: it is not unrolled at any price either
 constexpr std::int64_t most_requests_of_long_loops = 20 * most_nodes_of_long_loops; // also nodes made already
 
 // True when a pass takes an element of an array, or hands an array on.
@@ -256,12 +257,15 @@ bool Translator::unrolled(const DoStatement& d, double passes, const std::functi
 {
   const bool is_long = passes > most_unrolled_passes;
   const auto is_array = [&](std::string_view name) { return array_named(name).has_value(); };
-  if (is_long && (too_long_.count(&d) > 0 || !takes_elements(d, is_array))) return false;
+  const bool takes = takes_elements(d, is_array);
+  if (too_long_.count(&d) > 0 || (is_long && !takes)) return false;
   const std::size_t mark = journal_.size(), effects_before = gcmp_.effects.size(), lags_before = lags_;
   const std::int64_t nodes_before = graph_.size(), requests_before = graph_.requests();
   const auto within_measure = [&] {
-    return !is_long || (long_loop_nodes_ + graph_.size() - nodes_before <= most_nodes_of_long_loops &&
-                        long_loop_requests_ + graph_.requests() - requests_before <= most_requests_of_long_loops);
+    const std::int64_t nodes = graph_.size() - nodes_before, requests = graph_.requests() - requests_before;
+    if (!is_long) return !takes || nodes <= most_nodes_of_short_loop;
+    return long_loop_nodes_ + nodes <= most_nodes_of_long_loops &&
+           long_loop_requests_ + requests <= most_requests_of_long_loops;
   };
   for (double k = 0.0; k < passes && is_active() && !too_large_ && within_measure(); k += 1.0) known_pass(k);
   if (within_measure()) {
