@@ -83,6 +83,7 @@ private:
            "RATE must be above 0, 0 for a bolus, -1 for RATE= or -2 for DURN=");
     if (!model_.given(Option::rate)) refuse("@dosing and @speed = -1", "RATE is -1, but CMPTMODEL has no RATE=");
     if (!model_.given(Option::durn)) refuse("@dosing and @speed = -2", "RATE is -2, but CMPTMODEL has no DURN=");
+    refuse("@dosing and (@more < 0 or @more ne int(@more))", "ADDL must be a whole number from 0");
     refuse("@dosing and @more > 0 and @every le 0", "ADDL asks for further doses, but II is not above 0");
     refuse("@dosing and @ss > 0 and @every le 0 and not @endless", "SS asks for a steady state, but II is not above 0");
     refuse("@dosing and @ss ne 0 and @ss ne 1 and @ss ne 2", "SS must be 0, 1 or 2");

@@ -16,6 +16,7 @@
 namespace torvale::evaluation {
 
 using Four = double __attribute__((vector_size(32)));
+using FourFloats = float __attribute__((vector_size(16)));
 using FourBits = std::uint64_t __attribute__((vector_size(32)));
 
 // SlotGroup: the slots whose numbers stand side by side in a T, which is a double or Four. Where there are not enough
@@ -65,7 +66,11 @@ template <class T> struct SlotGroup {
     if constexpr (width == 1) return from[slot[0] * stride];
     if constexpr (std::is_same_v<Number, double>)
       if (stride == 1 && adjacent) return load(from + slot[0]);
-    if constexpr (width > 1)
+    if constexpr (width > 1 && std::is_same_v<Number, float>) {
+      const FourFloats floats = {from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride],
+                                 from[slot[3] * stride]};
+      return __builtin_convertvector(floats, T);
+    } else if constexpr (width > 1)
       return T{from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride], from[slot[3] * stride]};
   }
   // The same of a table with a row for each slot (`own`), or with one row for all of them.
@@ -113,9 +118,16 @@ template <class T> struct SlotGroup {
   {
     if constexpr (std::is_same_v<Number, double>)
       if (stride == 1 && adjacent && used == width) return store(t, to + slot[0]);
-    double v[width];
-    std::memcpy(v, &t, sizeof t);
-    for (int i = 0; i < used; ++i) to[slot[i] * stride] = static_cast<Number>(v[i]);
+    Number v[width];
+    if constexpr (width > 1 && std::is_same_v<Number, float>) {
+      const auto rounded = __builtin_convertvector(t, FourFloats);
+      std::memcpy(v, &rounded, sizeof v);
+    } else if constexpr (std::is_same_v<Number, double>) {
+      std::memcpy(v, &t, sizeof t);
+    } else {
+      v[0] = static_cast<Number>(t);
+    }
+    for (int i = 0; i < used; ++i) to[slot[i] * stride] = v[i];
   }
 
   // log(x), within 1 ulp. x = 2^k (1 + f), 1 + f within sqrt(2) of 1; with s = f / (2 + f), log(1 + f) = 2 artanh s, by

@@ -1,7 +1,7 @@
 #include "modes/nest_search.h"
 
-#include "evaluation/record_sums.h"
 #include "modes/nest_elimination.h"
+#include "modes/nest_leaves.h"
 #include "modes/nest_steps.h"
 #include "modes/search_rules.h"
 #include "modes/single_bend.h"
@@ -23,7 +23,6 @@ namespace {
 constexpr double largest = std::numeric_limits<double>::max();
 constexpr int all_levels = -1;
 constexpr int most_rounds = 1000; // of EBITER$
-constexpr int most_columns = 256; // of one run over the leaves
 // As `remainder`, where nothing is made up for.
 constexpr double small_remainder = 1e-16;
 
@@ -231,7 +230,7 @@ private:
       if (w_.active[static_cast<std::size_t>(nest)] == 0) continue;
       newton(nest);
     }
-    keep_sums(sums);
+    keep_leaf_sums(n_, ctx_, run_, sums);
     note_active();
   }
 
@@ -275,27 +274,6 @@ private:
   {
     for (int nest = 0; nest < w_.nests; ++nest)
       w_.active[static_cast<std::size_t>(nest)] = search(nest).state == ModeSearch::searching ? 1 : 0;
-  }
-
-  // Of the leaves of the last run whose nests are found by now.
-  void keep_sums(const double* sums)
-  {
-    const auto found = [&](int slot) {
-      const auto leaf = static_cast<std::size_t>(w_.leaf_of_slot[static_cast<std::size_t>(slot)]);
-      return search(w_.nest_of_leaf[leaf]).state == ModeSearch::found;
-    };
-    const int* const slots = w_.columns.data();
-    bool whole = run_ > 0 && slots[run_ - 1] - slots[0] == run_ - 1; // one row of slots, all of which are kept
-    for (int i = 0; i < run_ && whole; ++i) whole = found(slots[i]);
-    for (const int place : n_.programs.mode.outputs) {
-      const double* const from = sums + place * b_.mode_stride;
-      double* const to = w_.leaf.data() + place * b_.mode_stride;
-      if (whole)
-        std::copy_n(from + b_.column[static_cast<std::size_t>(slots[0])], run_, to + slots[0]);
-      else
-        for (int i = 0; i < run_; ++i)
-          if (found(slots[i])) to[slots[i]] = from[b_.column[static_cast<std::size_t>(slots[i])]];
-    }
   }
 
   // Whether the value at the trial point will do, so that a Newton step may follow.
@@ -480,33 +458,6 @@ private:
 int nest_search(const NX& n, TVLThreadCtx& ctx, bool closes)
 {
   return NestSearch(n, ctx, closes).run();
-}
-
-int run_leaves(const NX& n, TVLThreadCtx& ctx, const model::ModelProgram& program, int count, double* sums, int column)
-{
-  BatchWork& b = ctx.batch;
-  const NestWork& w = ctx.nests;
-  for (int first = 0; first < count; first += most_columns) {
-    const int part = std::min(most_columns, count - first);
-    int node[most_columns];
-    for (int a = 0; a < part; ++a) {
-      const auto slot = static_cast<std::size_t>(w.columns[static_cast<std::size_t>(first + a)]);
-      b.column[slot] = column + first + a;
-      node[a] = w.leaf_of_slot[slot];
-    }
-    for (const NestLevel& l : w.level) {
-      for (int i = 0; i < l.own; ++i) {
-        double* const u = b.ran.data() + (l.place + i) * b.pair_stride;
-        for (int a = 0; a < part; ++a) u[a] = l.u[static_cast<std::size_t>(node[a] * l.own + i)];
-      }
-      for (int a = 0; a < part; ++a) node[a] = l.nodes->parent[static_cast<std::size_t>(node[a])];
-    }
-    ctx.frame->set_points(b.ran.data(), part, static_cast<int>(b.pair_stride));
-    const int rc = evaluation::tvllogl(n, ctx, {w.columns.data() + first, part, 1},
-                                       {program, sums + column + first, b.mode_stride});
-    if (rc != 0) return rc;
-  }
-  return 0;
 }
 
 } // namespace torvale::modes

@@ -19,10 +19,4 @@ namespace torvale::modes {
 // posterior deviations at most), which the caller makes up for.
 int nest_search(const model::NX& n, model::TVLThreadCtx& ctx, bool closes = false);
 
-// run_leaves: sums a program over the records of the slots in w.columns (count of them) at their effects u, in runs
-// that the record sums can take, into columns of `sums` from `column` on (rows b.mode_stride apart); b.column says
-// which one a slot has. Returns 0 or the engine's code.
-int run_leaves(const model::NX& n, model::TVLThreadCtx& ctx, const model::ModelProgram& program, int count,
-               double* sums, int column = 0);
-
 } // namespace torvale::modes

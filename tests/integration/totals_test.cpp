@@ -1,5 +1,6 @@
 // Sums over records from sums of terms against those of the outputs themselves.
 
+#include "engine/stages/native_stage.h"
 #include "evaluation/likelihood_programs.h"
 #include "integration/model_family.h"
 #include "integration/objective.h"
@@ -127,6 +128,28 @@ TEST(Totals, OfACurveInFewerOperations)
   for (const auto* const p : {&n->programs.mode, &n->programs.closing_point}) {
     ASSERT_NE(p->terms, nullptr);
     EXPECT_LT(2 * engine::program_size(*p->terms).lane, engine::program_size(*p->code).lane);
+  }
+}
+
+TEST(Totals, SameBitsForThreadsAndWithoutMachineCode)
+{
+  const auto text = curve(1.5, 300);
+  for (const int points : {1, 4}) {
+    const auto evaluated = [&](int threads) {
+      const auto n = make_run(text, {true, true, points, 0, 0, threads});
+      n->dograd = true;
+      integration::size_contexts(*n);
+      EXPECT_NE(n->programs.closing.terms, nullptr);
+      std::vector<double> result = {objective(*n, {0.5, -3.0, -1.0, 0.25, 0.04, 0.01, 0.05}, true)};
+      result.insert(result.end(), n->objgrad.begin(), n->objgrad.end());
+      return result;
+    };
+    const auto expected = evaluated(1);
+    ASSERT_LT(expected[0], model::failure_objective);
+    for (const int threads : {2, 3, 7}) EXPECT_EQ(evaluated(threads), expected) << threads;
+    engine::set_native(false);
+    EXPECT_EQ(evaluated(1), expected);
+    engine::set_native(true);
   }
 }
 

@@ -132,7 +132,7 @@ TEST(Events, BadRecordsAreNamed)
       {"1,3,10,1,0,0,0,2,0", "II is not above 0"},    {"1,3,10,1,0,0,0,0,1", "II is not above 0"},
       {"1,3,10,1,0,-1,0,0,0", "has no RATE="},        {"1,3,10,1,0,-3,0,0,0", "RATE must be above 0"},
       {"1,3,10,7,0,0,0,0,0", "EVID must be"},         {"1,.,10,1,0,0,0,0,0", "time of the event record is missing"},
-      {"1,3,10,1,0,0,6,0,5", "SS must be 0, 1 or 2"},
+      {"1,3,10,1,0,0,6,0,5", "SS must be 0, 1 or 2"}, {"1,3,10,1,0,0,6,1.5,0", "ADDL must be a whole number"},
   };
   for (const Case& c : cases) {
     const TemporaryFile data("bad.csv", std::string("id,time,amt,evid,cmt,rate,ii,addl,ss,y\n1,0,10,1,0,0,0,0,0,1\n"

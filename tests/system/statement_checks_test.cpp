@@ -83,6 +83,7 @@ const std::vector<Check>& checks()
       {"ResponseUnknown", 5, 3000, {{&Parts::model, "MODEL nowhere ~ NORMAL(mu, s2);"}}},
       {"EstimateOfEffect", 33, 3000, {{&Parts::estimate, "ESTIMATE 'e' b0 + u;"}}},
       {"ContrastOfData", 38, 3000, {{&Parts::contrast, "CONTRAST 'c' b0*base;"}}},
+      {"PredictionOfNothing", 9454, 3000, {{&Parts::estimate, "PREDICT bse OUT=nowhere;"}}},
       {"ReplicateOfParameters", 9450, 3000, {{&Parts::replicate, "many = base*s2; REPLICATE many;"}}},
   };
   return all;

@@ -19,7 +19,9 @@ constexpr std::int32_t zeros[strip_lanes] = {};
 struct ArrayResults final : Results {
   double* to = nullptr;
   std::int64_t stride = 0;
-  std::int64_t at = 0; // place of the strip's first lane
+  std::int64_t at = 0;   // place of the strip's first lane
+  bool in_place = false; // there is room for its padding
+  double* room_for(std::int32_t result) const override { return in_place ? to + result * stride + at : nullptr; }
   void keep(std::int32_t result, const double* values, const Lanes& lanes) override
   {
     std::memcpy(to + result * stride + at, values, static_cast<std::size_t>(lanes.count) * sizeof(double));
@@ -48,6 +50,7 @@ int run_over(Over what, std::int64_t first, std::int64_t count, LaneRunner& runn
     lanes.listed = false;
     lanes.finish();
     results.at = i;
+    results.in_place = i + lanes.padded <= stride;
     if (runner.run(lanes, sources, data, {}, results) != 0) return run_code::endless_loop;
   }
   return 0;
@@ -56,6 +59,13 @@ int run_over(Over what, std::int64_t first, std::int64_t count, LaneRunner& runn
 std::int64_t padded(std::int64_t n)
 {
   return (n + lane_padding - 1) / lane_padding * lane_padding;
+}
+
+// Between the results of a stage for so many records or points: rows a power of two apart would share the lines of the
+// caches.
+std::int64_t row_of_results(std::int64_t n)
+{
+  return padded(n) + 3 * lane_padding;
 }
 
 } // namespace
@@ -217,7 +227,7 @@ int Frame::State::prepare_range(FrameProgram& f)
   const StageCode& code = f.program.code(Stage::observation);
   if ((code.empty() && f.program.code(Stage::distinct).empty()) || f.range == range_version) return 0;
   f.range = range_version;
-  f.range_stride = padded(count);
+  f.range_stride = row_of_results(count);
   f.observation.reserve(static_cast<std::size_t>(f.range_stride) * code.results.size());
   if (const int fault = look_up(f); fault != 0) return fault;
   if (code.empty()) return 0;
@@ -247,7 +257,7 @@ int Frame::State::prepare_points(FrameProgram& f)
   const StageCode& code = f.program.code(Stage::point);
   if (code.empty() || f.points == points_version) return 0;
   f.points = points_version;
-  f.point_stride = padded(points);
+  f.point_stride = row_of_results(points);
   f.point.reserve(static_cast<std::size_t>(f.point_stride) * code.results.size());
   return run_over(Over::points, 0, points, f.runner(Stage::point), common_sources(f), *data, f.point.data(),
                   f.point_stride);

@@ -120,8 +120,6 @@ void LaneRunner::prepare()
                                                                                                : Along::nothing);
   fetches_ = std::find(along_.begin(), along_.end(), Along::fetched) != along_.end();
   result_addresses_.resize(code_.results.size());
-  for (std::size_t k = outputs; k < code_.results.size(); ++k)
-    result_addresses_[k] = kept_.data() + (k - outputs) * strip;
 }
 
 void LaneRunner::fill_fixed(const double* parameter_results)
@@ -291,7 +289,8 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
       continue;
     double* const room = fetched_.data() + k * static_cast<std::size_t>(strip_);
     input_addresses_[k] = room;
-    if (along != Along::points || !same_points || code_.inputs[k].from == Input::From::total) fetch(code_.inputs[k], room, lanes, sources);
+    if (along != Along::points || !same_points || code_.inputs[k].from == Input::From::total)
+      fetch(code_.inputs[k], room, lanes, sources);
   }
   if (points_in_place || same_points) return;
   held_count_ = 0;
@@ -317,6 +316,12 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   find_inputs(lanes, sources);
   const auto n = static_cast<std::size_t>(code_.outputs);
   place_outputs(outputs);
+  bool kept = false;
+  for (std::size_t k = n; k < code_.results.size(); ++k) {
+    double* const room = results.room_for(static_cast<std::int32_t>(k));
+    kept = kept || room == nullptr;
+    result_addresses_[k] = room != nullptr ? room : kept_.data() + (k - n) * static_cast<std::size_t>(strip_);
+  }
   NativeArguments arguments;
   arguments.inputs = input_addresses_.data();
   arguments.fixed = fixed_.data();
@@ -325,7 +330,7 @@ void LaneRunner::run_native(const NativeStage& stage, const Lanes& lanes, const 
   arguments.lanes = lanes.padded;
   if (stage.run(arguments))
     for (std::size_t k = 0; k < n; ++k) make_canonical(result_addresses_[k], lanes.count);
-  for (std::size_t k = n; k < code_.results.size(); ++k)
+  for (std::size_t k = n; kept && k < code_.results.size(); ++k)
     results.keep(static_cast<std::int32_t>(k), result_addresses_[k], lanes);
 }
 

@@ -110,6 +110,12 @@ protected:
 class Results {
 public:
   virtual void keep(std::int32_t result, const double* values, const Lanes& lanes) = 0;
+  // Where a result of the strip may be written at once, padding included, in place of keep; null: nowhere.
+  virtual double* room_for(std::int32_t result) const
+  {
+    (void)result;
+    return nullptr;
+  }
 
 protected:
   ~Results() = default;

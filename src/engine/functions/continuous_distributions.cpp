@@ -244,18 +244,24 @@ NodeId quantile(GraphBuilder& g, NodeId p, const NodeId* v) { return g.call(Kern
 
 // F with n and d degrees of freedom: u = n x / (n x + d) is beta with shapes n/2 and d/2.
 namespace fisher {
+// part / (part + rest), whose derivatives keep their digits where it is near 1: there its distance from 1 tells.
+NodeId share(GraphBuilder& g, NodeId part, NodeId rest)
+{
+  const NodeId near_one = g.divide(g.one(), g.shift(g.divide(rest, part), 1.0));
+  return g.select(above(g, g.divide(part, rest), 1.0), near_one, g.divide(part, g.add(part, rest)));
+}
 NodeId logpdf(GraphBuilder& g, NodeId x, const NodeId* v) // of u, times du/dx = n d / (n x + d)^2
 {
   const NodeId n = positive(g, v[0]), d = positive(g, v[1]), scaled = g.multiply(n, x), sum = g.add(scaled, d);
   const NodeId slope = g.subtract(g.call(Kernel::log, g.divide(n, sum)), g.call(Kernel::log, g.divide(sum, d)));
-  const NodeId of_u = beta_log_density(g, g.divide(scaled, sum), g.divide(d, sum), g.scale(0.5, n), g.scale(0.5, d));
+  const NodeId of_u = beta_log_density(g, share(g, scaled, d), g.divide(d, sum), g.scale(0.5, n), g.scale(0.5, d));
   return g.select(below(g, x, 0.0), g.constant(minus_infinity), g.add(of_u, slope));
 }
 NodeId at(GraphBuilder& g, Kernel k, NodeId x, const NodeId* v)
 {
   const NodeId n = g.multiply(positive(g, v[0]), g.call(Kernel::positive_part, x)), d = positive(g, v[1]),
       sum = g.add(n, d);
-  return g.apply(k, {g.divide(n, sum), g.scale(0.5, v[0]), g.scale(0.5, v[1]), g.divide(d, sum)});
+  return g.apply(k, {share(g, n, d), g.scale(0.5, v[0]), g.scale(0.5, v[1]), g.divide(d, sum)});
 }
 NodeId cdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel::beta_lower, x, v); }
 NodeId logcdf(GraphBuilder& g, NodeId x, const NodeId* v) { return at(g, Kernel::log_beta_lower, x, v); }

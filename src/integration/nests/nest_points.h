@@ -30,6 +30,9 @@ int sum_leaf_points(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient)
 // joint points, and weights of its own given these.
 void place_single_points(const model::NX& n, model::TVLThreadCtx& ctx);
 void close_single_levels(const model::NX& n, model::TVLThreadCtx& ctx);
+// The same for levels of any number of effects.
+void place_block_points(const model::NX& n, model::TVLThreadCtx& ctx);
+void close_block_levels(model::TVLThreadCtx& ctx);
 
 // add_log: a factor of an integrand, as logs; what is 0 stays so.
 inline void add_log(double& to, double integral)

@@ -13,12 +13,9 @@
 #include "integration/nests/nest_gradient.h"
 #include "integration/nests/nest_moves.h"
 #include "integration/nests/nest_points.h"
-#include "matrix/cholesky.h"
-#include "matrix/packed.h"
-#include "modes/joint_density.h"
-#include "modes/nest_elimination.h"
 #include "modes/nest_search.h"
 #include "modes/nest_steps.h"
+#include "modes/packed.h"
 
 #include <algorithm>
 #include <cmath>
@@ -58,85 +55,6 @@ private:
   static void keep_bends(NX& n, const TVLThreadCtx& ctx, int nest);
 };
 
-// --- points ---
-
-// Scale of a node's points given those of its ancestors.
-void set_spread(const RunOptions& n, NestLevel& l, int v)
-{
-  double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
-  double* const tilt = l.tilt.data() + static_cast<long>(v) * (l.own * l.above);
-  if (!n.adscale) {
-    std::fill_n(c, l.triangle(), 0.0);
-    for (int i = 0; i < l.own; ++i) c[matrix::packed_diagonal(i)] = 1.0;
-    std::fill_n(tilt, l.own * l.above, 0.0);
-    return;
-  }
-  std::copy_n(l.regression.begin() + static_cast<long>(v) * (l.own * l.above), l.own * l.above, tilt);
-  const double* const from = l.inverse.data() + static_cast<long>(v) * l.triangle();
-  std::copy_n(from, l.triangle(), c);
-  for (int i = 0; i < l.own; ++i) {
-    const double own = std::abs(from[matrix::packed_diagonal(i)]);
-    matrix::zchol(i, c, own == 0.0 ? n.singchol : n.singchol * own);
-  }
-}
-
-// Deviations, effects and log weights of a node above the leaves at all joint points of its chain.
-void place_points(const NX& n, NestWork& w, std::size_t level, int v)
-{
-  NestLevel& l = w.level[level];
-  const model::REFFECT& reff = n.reff[level];
-  const double scale = n.qscale * root_two;
-  const double* const c = l.spread.data() + static_cast<long>(v) * l.triangle();
-  const double* const b = l.tilt.data() + static_cast<long>(v) * (l.own * l.above);
-  const double* const factor = modes::factor_of(l, v);
-  const double* const m = l.mean.data() + static_cast<long>(l.prior_of(v)) * l.own;
-  double* const deviation = l.deviation.data() + static_cast<long>(v) * l.own * l.joint();
-  double* const effects = l.effects.data() + static_cast<long>(v) * l.own * l.joint();
-  double* const weight = l.weight.data() + static_cast<long>(v) * l.joint();
-  for (long p = 0; p < l.outer; ++p) {
-    double centre[modes::most_effects] = {};
-    int node = v;
-    for (std::size_t up = level + 1; up < w.level.size(); ++up) {
-      node = w.level[up - 1].nodes->parent[static_cast<std::size_t>(node)];
-      const NestLevel& a = w.level[up];
-      const double* const from = a.deviation.data() + static_cast<long>(node) * a.own * a.joint() + p % a.joint();
-      for (int i = 0; i < l.own; ++i)
-        for (int j = 0; j < a.own; ++j) centre[i] += b[i * l.above + a.place + j] * from[j * a.joint()];
-    }
-    for (long q = 0; q < l.points; ++q) {
-      const long at = q * l.outer + p;
-      weight[at] = reff.logw[static_cast<std::size_t>(q)];
-      double z[modes::most_effects];
-      for (int i = 0; i < l.own; ++i) {
-        double d = centre[i];
-        for (int j = 0; j <= i; ++j)
-          d += scale * c[packed(i, j)] * reff.points[static_cast<std::size_t>(j * reff.nqpr + q)];
-        z[i] = l.z[static_cast<std::size_t>(v * l.own + i)] + d;
-        double u = m[i];
-        for (int j = 0; j <= i; ++j) u += factor[packed(i, j)] * z[j];
-        deviation[i * l.joint() + at] = d;
-        effects[i * l.joint() + at] = u;
-        weight[at] -= 0.5 * z[i] * z[i];
-      }
-    }
-  }
-}
-
-void place_nest(const NX& n, NestWork& w, int nest)
-{
-  for (std::size_t level = w.level.size(); level-- > 0;) {
-    NestLevel& l = w.level[level];
-    for (int v = l.nodes->first[static_cast<std::size_t>(nest)]; v < l.nodes->first[static_cast<std::size_t>(nest) + 1];
-         ++v) {
-      if (!n.adaptive) std::fill_n(l.z.begin() + static_cast<long>(v) * l.own, l.own, 0.0);
-      set_spread(n, l, v);
-      if (level > 0) place_points(n, w, level, v);
-    }
-  }
-}
-
-// --- closing the levels ---
-
 // The integrals of the leaves into the points of their parents.
 void add_leaves(const BatchWork& b, NestWork& w, int nest)
 {
@@ -150,39 +68,6 @@ void add_leaves(const BatchWork& b, NestWork& w, int nest)
       const auto at = static_cast<std::size_t>(p * b.mode_stride + slot);
       add_log(weight[p], w.peak[at]);
     }
-  }
-}
-
-// Closes a node given each joint point of its ancestors: log integral; weights of the own points given p.
-void close_node(NestWork& w, std::size_t level, int v)
-{
-  NestLevel& l = w.level[level];
-  double* const weight = l.weight.data() + static_cast<long>(v) * l.joint();
-  double* const integral = l.integral.data() + static_cast<long>(v) * l.outer;
-  double* const above =
-      level + 1 < w.level.size()
-          ? w.level[level + 1].weight.data() + l.nodes->parent[static_cast<std::size_t>(v)] * w.level[level + 1].joint()
-          : nullptr;
-  for (long p = 0; p < l.outer; ++p) {
-    double peak = model::failed_point, total = 0.0;
-    for (long q = 0; q < l.points; ++q) peak = std::max(peak, weight[q * l.outer + p]);
-    for (long q = 0; q < l.points; ++q) {
-      double& e = weight[q * l.outer + p];
-      e = e > model::failed_point && e - peak >= -708.3964185 ? std::exp(e - peak) : 0.0;
-      total += e;
-    }
-    for (long q = 0; q < l.points && total > 0.0; ++q) weight[q * l.outer + p] /= total;
-    integral[p] = total > 0.0 ? std::log(total) + peak : model::failed_point;
-    if (above != nullptr) add_log(above[p], integral[p]);
-  }
-}
-
-void close_nodes(NestWork& w, int nest)
-{
-  for (std::size_t level = 1; level < w.level.size(); ++level) {
-    const auto& first = w.level[level].nodes->first;
-    for (int v = first[static_cast<std::size_t>(nest)]; v < first[static_cast<std::size_t>(nest) + 1]; ++v)
-      close_node(w, level, v);
   }
 }
 
@@ -286,13 +171,13 @@ int NestQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) cons
   if (singles)
     place_single_points(n, ctx);
   else
-    for_good([&](int nest) { place_nest(n, w, nest); });
+    place_block_points(n, ctx);
   if (const int rc = sum_leaf_points(n, ctx, gradient); rc > 2) return rc;
-  for_good([&](int nest) {
-    add_leaves(ctx.batch, w, nest);
-    if (!singles) close_nodes(w, nest);
-  });
-  if (singles) close_single_levels(n, ctx);
+  for_good([&](int nest) { add_leaves(ctx.batch, w, nest); });
+  if (singles)
+    close_single_levels(n, ctx);
+  else
+    close_block_levels(ctx);
   const double constant = 0.5 * log2pi - std::log(n.qscale * root_two);
   for_good([&](int nest) {
     const double value = value_of(n, w, nest, constant);

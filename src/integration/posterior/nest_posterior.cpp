@@ -9,6 +9,7 @@
 #include "integration/subjects/integrator.h"
 #include "modes/joint_density.h"
 #include "modes/nest_elimination.h"
+#include "modes/nest_leaves.h"
 #include "modes/nest_search.h"
 
 #include <algorithm>

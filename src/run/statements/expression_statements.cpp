@@ -81,10 +81,17 @@ void parameters_only(NX& n, const char* statement, const engine::CMPSYM* symbol,
     if (input->parameter < 0) refuse_name(n, statement, *input, where);
 }
 
-void refuse_unknown_names(NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where)
+void refuse_unknown_names(NX& n, const engine::CMPSYM* symbol, syntax::Position where)
 {
-  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol))
-    if (!input->resolved) refuse_name(n, statement, *input, where);
+  for (const engine::CMPSYM* input : engine::cmpdeps(*n.gcmp, symbol)) {
+    if (input->resolved) continue;
+    std::vector<std::string> names = n.fid->column_names();
+    for (const auto& p : n.parmstr) names.push_back(p.parmname);
+    n.host->log().xpmlog(
+        message::predict_of_unknown_name{.name = input->name, .near = host::nearest_name(input->name, names)},
+        place_at(n, "PREDICT", where));
+    tvlexit(n, 3000);
+  }
 }
 
 void read_expression_statements(NX& n)

@@ -49,7 +49,7 @@ PredictStatement read_statement(NX& n, const STMT& stmt)
   p.value = engine::cmpexpr(*n.gcmp, expressions[0].expr);
   // Variables that nothing else uses are bound here.
   if (engine::cmprslv(*n.gcmp, data_variables(n)) != 0 || log_diagnostics(n) > 0) tvlexit(n, 1012);
-  refuse_unknown_names(n, "PREDICT", p.value, stmt.where);
+  refuse_unknown_names(n, p.value, stmt.where);
   p.alpha = stmt.number_or(predict_slot::alpha, -1);
   p.df = stmt.number_or(predict_slot::df, -1);
   p.derivatives = stmt.flag(predict_flag::der);

@@ -92,8 +92,8 @@ std::vector<engine::DataVariable> data_variables(const model::ModelLists& n);
 // Ends the step with 3000 when an expression uses a random effect (message 33), data or an unknown name (38).
 void parameters_only(model::NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where);
 // Ends the step with 3000 when an expression uses a name that is neither a parameter nor known to the program (message
-// 38).
-void refuse_unknown_names(model::NX& n, const char* statement, const engine::CMPSYM* symbol, syntax::Position where);
+// 9454).
+void refuse_unknown_names(model::NX& n, const engine::CMPSYM* symbol, syntax::Position where);
 // True for names that the generated statements use.
 bool reserved_name(std::string_view name);
 

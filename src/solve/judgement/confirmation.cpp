@@ -300,7 +300,7 @@ bool FitEnd::try_without_effects()
 void FitEnd::begin_again(int code, bool spread)
 {
   std::vector<double> start(start_), x;
-  if (spread && !(lost_parameter(n_, *coordinates_, judgement_, x_, f_) && spread_start(n_, start_, start))) return;
+  if (spread && !spread_start(n_, lost_parameters(n_, *coordinates_, judgement_, x_, f_), start_, start)) return;
   extend_default_limits(n_);
   double f = 0.0;
   if (stopped() || !fresh_start(n_, start, scales_, x, f) || 2.0 * (f_ - f) < gain_allowed) return;

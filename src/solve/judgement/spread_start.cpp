@@ -40,17 +40,21 @@ private:
   std::vector<double> t_;
 };
 
-// Whether direction k of the judgement is largely one of plain coordinates.
-bool moves_plain(const FitCoordinates& c, const Judgement& judged, int k)
+// Whether coordinate i has a share in a null direction of the judgement.
+bool on_a_ridge(const Judgement& judged, int i)
 {
+  constexpr double least = 0.01; // of the direction's square
   const auto m = static_cast<std::size_t>(judged.curvature.size());
-  double plain = 0.0, all = 0.0;
-  for (std::size_t i = 0; i < m; ++i) {
-    const double element = judged.directions[i * m + static_cast<std::size_t>(k)];
-    all += element * element;
-    if (c.plain(judged.curvature.free[i])) plain += element * element;
-  }
-  return plain > 0.1 * all;
+  const auto row = static_cast<std::size_t>(std::find(judged.curvature.free.begin(), judged.curvature.free.end(), i) -
+                                            judged.curvature.free.begin());
+  return row < m && std::any_of(judged.null.begin(), judged.null.end(), [&](int k) {
+           const auto square = [&](std::size_t r) {
+             return std::pow(judged.directions[r * m + static_cast<std::size_t>(k)], 2);
+           };
+           double all = 0.0;
+           for (std::size_t r = 0; r < m; ++r) all += square(r);
+           return square(row) > least * all;
+         });
 }
 
 // Whether neither half nor twice parameter i changes -2 log L.
@@ -67,37 +71,39 @@ bool unknown(Multiples& at, int i, double f)
 
 } // namespace
 
-bool lost_parameter(NX& n, const FitCoordinates& c, const Judgement& judged, const std::vector<double>& x, double f)
+std::vector<int> lost_parameters(NX& n, const FitCoordinates& c, const Judgement& judged, const std::vector<double>& x,
+                                 double f)
 {
-  if (std::any_of(judged.separated.begin(), judged.separated.end(), [&](int i) { return c.plain(i); })) return true;
-  for (const int k : judged.null)
-    if (moves_plain(c, judged, k)) return true;
+  std::vector<int> lost;
   Multiples at(n, x);
-  for (int i = 0; i < c.size(); ++i)
-    if (c.plain(i) && unknown(at, i, f)) return true;
-  return false;
+  const auto& separated = judged.separated;
+  for (int i = 0; i < c.size(); ++i) {
+    if (!c.plain(i)) continue;
+    const bool ran_away = std::find(separated.begin(), separated.end(), i) != separated.end();
+    if (ran_away || on_a_ridge(judged, i) || unknown(at, i, f)) lost.push_back(i);
+  }
+  return lost;
 }
 
-bool spread_start(NX& n, const std::vector<double>& start, std::vector<double>& x)
+bool spread_start(NX& n, const std::vector<int>& lost, const std::vector<double>& start, std::vector<double>& x)
 {
   constexpr int rounds = 2, farthest = 5; // powers of two
   Multiples at(n, start);
   double lowest = 0.0;
-  if (!at.value(lowest)) return false;
+  if (lost.empty() || !at.value(lowest)) return false;
   std::vector<int> power(start.size(), 0);
   bool lower = false;
   for (int round = 0; round < rounds; ++round)
-    for (std::size_t i = 0; i < start.size(); ++i) {
-      const int k = static_cast<int>(i);
+    for (const int k : lost) {
       if (at.fixed(k)) continue;
       for (int p = -farthest; p <= farthest; ++p) {
         double f = 0.0;
         if (!at.value(k, std::ldexp(1.0, p), f) || 2.0 * (lowest - f) < gain_allowed) continue;
         lowest = f;
-        power[i] = p;
+        power[static_cast<std::size_t>(k)] = p;
         lower = true;
       }
-      at.set(k, std::ldexp(1.0, power[i]));
+      at.set(k, std::ldexp(1.0, power[static_cast<std::size_t>(k)]));
     }
   x = at.parameters();
   return lower;

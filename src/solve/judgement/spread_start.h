@@ -9,13 +9,13 @@
 
 namespace torvale::solve {
 
-// lost_parameter: whether the point x, judged in coordinates c, has a parameter that ran away, or that may be halved
-// and doubled at no cost.
-bool lost_parameter(model::NX& n, const FitCoordinates& c, const Judgement& judged, const std::vector<double>& x,
-                    double f);
+// lost_parameters: of the point x, judged in coordinates c, the ordinary parameters that ran away, that move along a
+// ridge, or that may be halved and doubled at no cost.
+std::vector<int> lost_parameters(model::NX& n, const FitCoordinates& c, const Judgement& judged,
+                                 const std::vector<double>& x, double f);
 
-// spread_start: from the starting values each parameter in turn at the power of two times its start (up to 32 either
-// way) where the objective is lowest. False when none is lower than the start.
-bool spread_start(model::NX& n, const std::vector<double>& start, std::vector<double>& x);
+// spread_start: from the starting values each of these parameters in turn at the power of two times its start (up to 32
+// either way) where the objective is lowest. False when none is lower than the start.
+bool spread_start(model::NX& n, const std::vector<int>& lost, const std::vector<double>& start, std::vector<double>& x);
 
 } // namespace torvale::solve

@@ -90,8 +90,8 @@ const Case smooth_functions[] = {
     {"CDF", "chisquare", {{3.4, 5.0}}},
     {"LOGSDF", "chisquare", {{8.4, 5.0}}},
     {"QUANTILE", "chisquare", {{0.4, 5.0}}},
-    {"LOGPDF", "f", {{1.4, 5.0, 7.0}}},
-    {"CDF", "f", {{1.4, 5.0, 7.0}}},
+    {"LOGPDF", "f", {{1.4, 5.0, 7.0}, {0.2, 5.0, 7.0}}},
+    {"CDF", "f", {{1.4, 5.0, 7.0}, {0.2, 5.0, 7.0}}},
     {"LOGSDF", "f", {{1.4, 5.0, 7.0}}},
     {"QUANTILE", "f", {{0.4, 5.0, 7.0}}},
     {"LOGPDF", "beta", {{0.3, 2.0, 3.5}}},
@@ -239,6 +239,29 @@ TEST(Derivatives, RemovablePointsGiveFiniteValues)
             1.0);
   EXPECT_EQ(derivative_at(least_of, 0, 2.0, 2.0) + derivative_at(least_of, 1, 2.0, 2.0), 1.0); // a tie: one side
   EXPECT_EQ(derivative_at(greatest_of, 0, 2.0, 2.0) + derivative_at(greatest_of, 1, 2.0, 2.0), 1.0);
+}
+
+// Far out the distribution of F goes by the distance of n x / (n x + d) from 1.
+TEST(Derivatives, OfFKeepTheirDigitsFarOut)
+{
+  for (const char* const question : {"LOGPDF", "CDF", "LOGSDF"})
+    for (std::size_t by = 0; by < 2; ++by) {
+      GraphBuilder g;
+      const NodeId arguments[] = {g.constant(1e12), g.symbol(0), g.symbol(1)};
+      std::string error;
+      const NodeId value = expand_distribution(g, find_function(question)->question, "f", arguments, &error);
+      const GraphBuilder::Derivative mode(g);
+      const NodeId slope = Differentiator(g, arguments[1 + by])(value);
+      const std::vector<double> at = {55.4, 0.65};
+      const double truth = difference(
+          [&](double h) {
+            std::vector<double> moved = at;
+            moved[by] += h;
+            return evaluate(g, value, moved);
+          },
+          0.01 * at[by]);
+      EXPECT_NEAR(evaluate(g, slope, at), truth, 1e-5 * std::fabs(truth) + 1e-12) << question << " by " << by;
+    }
 }
 
 // The operand that is not taken may have no derivative at all.

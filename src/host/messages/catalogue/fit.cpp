@@ -41,7 +41,7 @@ constexpr CatalogueEntry entries[] = {
      "{distribution} takes them as they are.",
      "A response that is no count: a mean, a rate, a measurement.", "Another distribution, or the counts themselves."},
     {503, 9211, "replicate_not_positive", W,
-     "{count} observations are not used, since the replicate variable {name} is missing, zero or negative (first "
+     "{count} observations are not used, since the replicate variable {name} is missing, or not above SINGVAR= (first "
      "observation {observation}).",
      "", "The values are counts or weights: above 0."},
     {503, 9210, "large_grid", N, "The starting grid has {count} points; BEST= shortens the table.", "", ""},

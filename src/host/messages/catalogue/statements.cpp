@@ -90,6 +90,9 @@ constexpr CatalogueEntry entries[] = {
      "{statement} uses {name}, which is not a parameter or computed from parameters[; did you mean {near}?].",
      "A misspelled parameter, or a variable of the data set.",
      "Mend the name; put a number in the place of a data variable, as ESTIMATE 'at dose 5' b0 + 5*b1;"},
+    {503, 9454, "predict_of_unknown_name", E,
+     "PREDICT uses {name}, which is neither a variable of the data nor a name of the program[; did you mean {near}?].",
+     "A misspelled name, or a variable that DROP= or KEEP= left out.", "Mend the name."},
     {503, 39, "dependent_is_character", E,
      "The dependent variable {name} is a character variable[: row {row} holds \"{value}\"][; a number is made of it by "
      "event = ({test}), and MODEL takes event].",
