@@ -179,7 +179,8 @@ struct KernelTable {
   const char* isa = ""; // "baseline", "avx2", "avx512"
   KernelFn fn[kernel_count] = {};
   VectorFn vector[kernel_count] = {};
-  // exp_mean of one order 10 i + j, its first four operands alone; null where i + j is above the most.
+  // exp_mean of one order 10 i + j where its rates are near each other, from b - a and d; null where i + j is above the
+  // most.
   static constexpr int most_mean_order = 4;
   VectorFn mean[10 * most_mean_order + 1] = {};
   KernelFn operator[](Kernel k) const { return fn[static_cast<std::size_t>(k)]; }

@@ -67,13 +67,18 @@ template <int I, int J> inline Lanes exp_mean_far(Lanes ex, Lanes ey, Lanes w)
   if constexpr (J > 0) sum = sum + all(J) * exp_mean_far<I, J - 1>(ex, ey, w);
   return sum * w;
 }
+// The same as part of the mean.
+template <int I, int J> inline Lanes exp_mean_series_of_order(Lanes d, Lanes ey)
+{
+  return ey * exp_mean_near<I, J>(d);
+}
 template <int I, int J> inline Lanes exp_mean_of_order(Lanes x, Lanes y, Lanes ex, Lanes ey)
 {
   const Lanes d = y - x;
   const Mask near = magnitude(d) <= all(1.0);
   Lanes r = {};
   if (any(~near)) r = exp_mean_far<I, J>(ex, ey, all(1.0) / if_else(near, all(1.0), d));
-  if (any(near)) r = if_else(near, ey * exp_mean_near<I, J>(d), r);
+  if (any(near)) r = if_else(near, exp_mean_series_of_order<I, J>(d, ey), r);
   return r + (ex - ex); // a missing exponential shows
 }
 inline Lanes exp_mean(Lanes x, Lanes y, Lanes ex, Lanes ey, Lanes order)

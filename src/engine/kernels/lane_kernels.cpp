@@ -84,7 +84,7 @@ template <int Order> void set_mean(KernelTable& table)
 {
   constexpr int i = Order / 10, j = Order % 10;
   if constexpr (i + j <= KernelTable::most_mean_order)
-    table.mean[Order] = reinterpret_cast<VectorFn>(&lane::exp_mean_of_order<i, j>);
+    table.mean[Order] = reinterpret_cast<VectorFn>(&lane::exp_mean_series_of_order<i, j>);
 }
 template <int... Orders> void set_means(KernelTable& table, std::integer_sequence<int, Orders...>)
 {

@@ -13,7 +13,9 @@ struct RareCall {
   Kernel kernel = Kernel::copy;
   int group = -1;                  // of means of exponentials: ValuePlan::mean_orders
   int order = -1;                  // of a mean
-  std::int32_t first_slot = -1;    // of the group: whether there was a call (bits of lanes), then the results by order
+  std::int32_t first_slot = -1;    // of the group: whether there was a call (bits of lanes), the mask of these lanes,
+                                   // then the results by order
+  int far = -1, shown = -1;        // registers: what the other lanes take, and what is added to all
   bool called = true;              // false: the first of the group does the call
   std::vector<int> arguments;      // registers
   int out = 0;                     // likewise

@@ -214,7 +214,7 @@ private:
   {
     code_.L(call.enter);
     if (!call.called)
-      code_.move(call.out, mean_at(call));
+      join_mean(call, code_.vector(call.far), code_.vector(call.shown));
     else
       write_call(call);
     code_.jmp(call.back, Xbyak::CodeGenerator::T_NEAR);
@@ -231,13 +231,18 @@ private:
     const auto argument_at = [&](int j) {
       return registers_.slot(saved_area_ + code_.vectors() + code_.masks() + 1 + j);
     };
+    const int several = static_cast<int>(call.arguments.size());
     const auto call_function = [&](VectorFn fn) {
       code_.mov(code_.rax, reinterpret_cast<std::uint64_t>(fn));
       code_.call(code_.rax);
     };
+    if (call.group >= 0) {
+      code_.store_mask(mask_of(call), code_.mask_scratch(0));
+      code_.store(argument_at(several), call.far);
+      code_.store(argument_at(several + 1), call.shown);
+    }
     for (const int r : call.vectors) code_.store(vector_at(r), r);
     for (const int r : call.masks) code_.store_mask(mask_at(r), r);
-    const int several = static_cast<int>(call.arguments.size());
     if (several > 1) // through memory: an argument's register may be where another must go
       for (int j = 0; j < several; ++j) code_.store(argument_at(j), call.arguments[static_cast<std::size_t>(j)]);
     else if (call.arguments[0] != 0)
@@ -254,20 +259,31 @@ private:
       for (std::size_t k = 0; k < orders.size(); ++k) {
         load_arguments();
         call_function(table_.mean[orders[k]]);
-        code_.store(registers_.slot(call.first_slot + 1 + static_cast<std::int32_t>(k)), 0);
+        code_.store(registers_.slot(call.first_slot + 2 + static_cast<std::int32_t>(k)), 0);
       }
-      code_.move(call.out, mean_at(call));
+      join_mean(call, argument_at(several), argument_at(several + 1));
     }
     for (const int r : call.vectors) code_.move(r, vector_at(r));
     for (const int r : call.masks) code_.load_mask(r, mask_at(r));
   }
+
+  // The series in lanes whose rates are near, what is far in the others.
+  void join_mean(const RareCall& call, const Xbyak::Operand& far, const Xbyak::Operand& shown)
+  {
+    const int t = code_.number_scratch(), near = code_.mask_scratch(0);
+    code_.load_mask(near, mask_of(call));
+    code_.move(t, far);
+    code_.choose(t, near, mean_at(call), t);
+    code_.arithmetic(Arithmetic::add, call.out, t, shown);
+  }
+  Xbyak::Address mask_of(const RareCall& call) const { return registers_.slot(call.first_slot + 1); }
 
   // Where the call of the group leaves the mean.
   Xbyak::Address mean_at(const RareCall& call) const
   {
     const std::vector<int>& orders = plan_.mean_orders[static_cast<std::size_t>(call.group)];
     const auto place = std::find(orders.begin(), orders.end(), call.order) - orders.begin();
-    return registers_.slot(call.first_slot + 1 + static_cast<std::int32_t>(place));
+    return registers_.slot(call.first_slot + 2 + static_cast<std::int32_t>(place));
   }
 
   VectorCode& code_;

@@ -150,8 +150,8 @@ void TranscendentalWriter::log_of_normal(int a, const LogarithmRegisters& at)
   code_.arithmetic(Arithmetic::subtract, result, k, reg(half));
 }
 
-// The mean by parts that the plan has made, operand 6, where the rates are more than 1 apart (operand 5); the kernel
-// does what is nearer, for all orders at once.
+// The mean by parts that the plan has made, operand 2, where the rates are more than 1 apart (operand 0); what is
+// nearer takes a series, which is called for all orders at once.
 bool TranscendentalWriter::exp_mean()
 {
   if (op_.index < 0) return false;
@@ -159,17 +159,14 @@ bool TranscendentalWriter::exp_mean()
       std::find_if(rare_calls_.begin(), rare_calls_.end(), [&](const RareCall& c) { return c.group == op_.group; });
   const bool called = first == rare_calls_.end();
   const std::int32_t slots = called ? registers_.new_slot() : first->first_slot;
-  if (called)
-    for (std::size_t k = 0; k < registers_.plan().mean_orders[static_cast<std::size_t>(op_.group)].size(); ++k)
+  if (called) // for which lanes are near as a mask, and for the results
+    for (std::size_t k = 0; k <= registers_.plan().mean_orders[static_cast<std::size_t>(op_.group)].size(); ++k)
       registers_.new_slot();
   std::vector<int> arguments;
-  if (called)
-    for (int j = 0; j < 4; ++j) arguments.push_back(number(j));
-  const int d = called ? number(5) : -1, far = number(6);
-  const Operand& shown = source(7);
-  const int result = out();
+  if (called) arguments = {number(0), number(1)};
+  const int far = number(2), shown = number(3), result = out();
   if (called) {
-    code_.bitwise(Bitwise::and_, t_, d, constant(Constant::all_but_sign));
+    code_.bitwise(Bitwise::and_, t_, arguments[0], constant(Constant::all_but_sign));
     code_.compare(m_, Predicate::less_equal, t_, constant(Constant::one));
     code_.lanes_of(code_.eax, m_);
     code_.mov(code_.dword[registers_.slot_address(slots)], code_.eax);
@@ -182,7 +179,9 @@ bool TranscendentalWriter::exp_mean()
   rare.order = op_.index;
   rare.first_slot = slots;
   rare.called = called;
-  code_.arithmetic(Arithmetic::add, result, far, shown);
+  rare.far = far;
+  rare.shown = shown;
+  code_.arithmetic(Arithmetic::add, result, far, reg(shown));
   code_.L(rare.back);
   return true;
 }

@@ -234,10 +234,8 @@ private:
     }
     op.group = known.group;
     plan_.mean_orders[static_cast<std::size_t>(op.group)].push_back(order);
-    op.in[5] = known.difference;
-    op.in[6] = far_mean(m, known, i, j);
-    op.in[7] = known.shown;
-    op.operands = 8;
+    op.in = {known.difference, m.ey, far_mean(m, known, i, j), known.shown};
+    op.operands = 4;
   }
 
   // A value that is a constant whole number; -1 for any other.

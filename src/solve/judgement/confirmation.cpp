@@ -147,10 +147,30 @@ bool FitEnd::newton_step()
   return false;
 }
 
+// At a saddle with next to no gradient a trust region would end at once: a step along the direction that falls comes
+// first.
+void FitEnd::leave_saddle()
+{
+  if (!judgement_.indefinite || !judgement_.better.empty() || judgement_.gain > sharp_gain) return;
+  FitSurface surface(n_, *coordinates_);
+  const auto m = static_cast<std::size_t>(judgement_.curvature.size());
+  std::vector<double> t(x_.size(), 0.0);
+  for (const double length : {1.0, -1.0, 0.1, -0.1, 0.01, -0.01}) {
+    for (std::size_t i = 0; i < m; ++i)
+      t[static_cast<std::size_t>(judgement_.curvature.free[i])] = length * judgement_.directions[i * m + m - 1];
+    double f = 0.0;
+    if (!surface.value(t.data(), f) || 2.0 * (f_ - f) < judgement_.allowed) continue;
+    judgement_.better = t;
+    judgement_.lower_by = 2.0 * (f_ - f);
+    return;
+  }
+}
+
 // One more round of the trust region. False when it did not lower -2 log L by what counts.
 bool FitEnd::go_on()
 {
   if (newton_step()) return true;
+  leave_saddle();
   FitSurface surface(n_, *coordinates_);
   const bool jump = !judgement_.better.empty();
   const std::vector<double> start = jump ? judgement_.better : std::vector<double>(x_.size(), 0.0);

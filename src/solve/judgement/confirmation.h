@@ -48,6 +48,7 @@ private:
   void ask_by_parameters();
   bool go_on();
   bool newton_step();
+  void leave_saddle();
   bool sharp() const;
   bool sharpen();
   void settle(int code);
