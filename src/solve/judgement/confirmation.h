@@ -64,7 +64,6 @@ private:
   bool back_to_edge();
   void to_the_edge();
   bool question_slight_directions();
-  bool question_end_of_ridge(const std::vector<double>& x, int finer);
   int finish(int code);
 
   model::NX& n_;

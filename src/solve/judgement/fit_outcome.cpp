@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <utility>
 
 namespace torvale::solve {
@@ -113,32 +112,6 @@ int FitEnd::finish(int code)
   return code;
 }
 
-// The same of a ridge that ends at x, judged half the way along it.
-bool FitEnd::question_end_of_ridge(const std::vector<double>& x, int finer)
-{
-  const auto there = along_the_ridge(n_, x, n_.str->crit, finer);
-  if (there.empty()) return false;
-  auto c = std::make_unique<FitCoordinates>(n_, there.data());
-  for (int i = 0; i < n_.nparm; ++i) {
-    const bool moved = there[static_cast<std::size_t>(i)] != x[static_cast<std::size_t>(i)];
-    c->set_scale(i, !moved && coordinates_->same_kind(*c, i) ? coordinates_->scale(i) : c->short_scale(i));
-  }
-  FitSurface surface(n_, *c);
-  const std::vector<double> origin(x.size(), 0.0);
-  std::vector<double> g(x.size());
-  double f = 0.0;
-  if (!surface.gradient(origin.data(), f, g.data())) return false;
-  Judgement j = judge(surface, f, g.data());
-  constexpr double any = std::numeric_limits<double>::max();
-  for (const int k : ridges_of_the_points(n_, *c, j, there, finer, any)) j.note_null(k);
-  const bool definite = std::all_of(j.eigenvalues.begin(), j.eigenvalues.end(), [](double v) { return v >= 0.0; });
-  if (!j.measured || j.null.empty() || !definite) return false;
-  j.indefinite = false;
-  judgement_ = std::move(j);
-  coordinates_ = std::move(c);
-  return true;
-}
-
 // What is flat but for the points in use is not identified. True when there is such a direction.
 bool FitEnd::question_slight_directions()
 {
@@ -146,10 +119,9 @@ bool FitEnd::question_slight_directions()
   auto& verdict = n_.verdict;
   const int finer = finer_points(n_, n_.nqp);
   if (std::abs(verdict.quadrature_change) <= verdict.accuracy || !affordable_points(n_, n_.nqp, finer)) return false;
-  const std::vector<double> x(n_.str->x, n_.str->x + n_.nparm);
-  auto ridges = ridges_of_the_points(n_, *coordinates_, judgement_, x, finer, std::abs(verdict.quadrature_change));
+  const auto ridges = ridges_of_the_points(n_, *coordinates_, judgement_, {n_.str->x, n_.str->x + n_.nparm}, finer);
+  if (ridges.empty()) return false;
   for (const int k : ridges) judgement_.note_null(k);
-  if (ridges.empty() && !question_end_of_ridge(x, finer)) return false;
   judgement_.curvature.accuracy = std::max(judgement_.curvature.accuracy, known);
   accurate_ = true;
   verdict.outcome = FitOutcome::confirmed_singular;

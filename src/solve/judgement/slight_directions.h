@@ -7,13 +7,9 @@ namespace torvale::solve {
 
 // ridges_of_the_points: directions of the judgement (in coordinates c, at the parameters x) that are flat as far as the
 // integrals tell: their curvature is slight, and with `finer` points per dimension in place of those in use most of it
-// is gone. change: what these change of -2 log L, where that says how slight. A ridge along which an integral does not change at all (two effects
-// that enter by their sum) is broken by points that follow each effect. Leaves the points in use in place.
+// is gone. A ridge along which an integral does not change at all (two effects that enter by their sum) is broken by
+// points that follow each effect. Leaves the points in use in place.
 std::vector<int> ridges_of_the_points(model::NX& n, const FitCoordinates& c, const Judgement& judged,
-                                      const std::vector<double>& x, int finer, double change);
-
-// along_the_ridge: where a variance of x that vanished has half of the largest one, when that costs nothing but what the
-// points make of it: a ridge that they break ends at x. Empty when there is none. f: the objective at x.
-std::vector<double> along_the_ridge(model::NX& n, const std::vector<double>& x, double f, int finer);
+                                      const std::vector<double>& x, int finer);
 
 } // namespace torvale::solve
