@@ -79,7 +79,7 @@ private:
     for (int j = 0; j < n_.nparm; ++j) {
       T by[Tree::longest], y = {};
       for (int i = 0; i < levels(); ++i) by[i] = lead(above(i), chain.node[i], j);
-      for (int i = levels(); i-- > 0;) {
+      for (int i = own; i >= 0; --i) {
         T pull = columns.from_row(cross_ + n_.programs.cross_place(i, j) * Tree::b_.mode_stride);
         for (int k = 0; k < levels(); ++k) pull += curve[modes::packed(i, k)] * by[k];
         pull *= chain.factor[i];
