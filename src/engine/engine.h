@@ -183,8 +183,9 @@ struct FactoredTerm {
 };
 std::vector<std::vector<FactoredTerm>> cmpfactor(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
 // cmptotal: outputs that are only wanted as sums over the records of a point. A program of the terms, added up over the
-// records, is followed by one of the totals (Visits::totals), which makes the outputs' sums of them, once for each point:
-// the same but for rounding. Outputs that stand in `whole` too are terms themselves. No terms: there is no such form.
+// records, is followed by one of the totals (Visits::totals), which makes the outputs' sums of them, once for each
+// point: the same but for rounding. Outputs that stand in `whole` too are terms themselves. No terms: there is no such
+// form.
 struct TotalForms {
   std::vector<CMPSYM*> terms;
   std::vector<CMPSYM*> totals; // per output

@@ -6,7 +6,8 @@
 namespace torvale::evaluation {
 
 // Whether the likelihood is differentiated by the parameters: not under FD, unless EMPIRICAL asks for the subjects'
-// gradients or what is estimated of the effects follows from derivatives (support points; importance samples; first order).
+// gradients or what is estimated of the effects follows from derivatives (support points; importance samples; first
+// order).
 inline bool needs_gradient(const model::NX& n)
 {
   return n.fd == 0 || n.empirical || (n.wants_effects && (n.method >= 3 || (n.method == 1 && !n.lb)));
@@ -21,8 +22,8 @@ inline bool needs_gradient(const model::NX& n)
 // say why) or after message 503/303 (a distribution argument depends on a random effect).
 int build_programs(model::NX& n);
 
-// specialise_programs: after cmpgen. Fills n.programs (value programs always, the others as the flags ask), pass_program with
-// pass_kind. Returns 0 or 1012.
+// specialise_programs: after cmpgen. Fills n.programs (value programs always, the others as the flags ask),
+// pass_program with pass_kind. Returns 0 or 1012.
 int specialise_programs(model::NX& n);
 
 // Abilities: what a model can evaluate with the programs that were built. Whoever wants an evaluation asks first.
@@ -36,8 +37,8 @@ Abilities can_evaluate(const model::NX& n);
 
 // specialise_single_point: ModelPrograms::closing_point, for quadrature with one point at the mode; at its first call.
 void specialise_single_point(model::NX& n);
-// specialise_totals: the programs of terms and totals of what a fit evaluates, where these are less work for subjects of
-// so many records; at its first call. That number is of the model, not of the data: a subject's sums are the same
+// specialise_totals: the programs of terms and totals of what a fit evaluates, where these are less work for subjects
+// of so many records; at its first call. That number is of the model, not of the data: a subject's sums are the same
 // whichever other subjects there are.
 inline constexpr double usual_records = 5.0;
 void specialise_totals(model::NX& n, double records = usual_records);
