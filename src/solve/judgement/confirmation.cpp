@@ -94,7 +94,7 @@ void FitEnd::measure_by_size()
 // A ridge that ends where the coordinates do is straight by the parameters: then these are the coordinates.
 void FitEnd::ask_by_parameters()
 {
-  StraightJudgement found = judge_straight(n_, *coordinates_, x_, f_);
+  StraightJudgement found = judge_straight(n_, *coordinates_, judgement_, x_, f_);
   const Judgement& j = found.judgement;
   constexpr double well_known = 1e-3; // elements of the Hessian
   if (j.null.empty() || j.indefinite || !j.separated.empty() || j.curvature.accuracy > well_known) return;
@@ -155,7 +155,8 @@ void FitEnd::leave_saddle()
   FitSurface surface(n_, *coordinates_);
   const auto m = static_cast<std::size_t>(judgement_.curvature.size());
   std::vector<double> t(x_.size(), 0.0);
-  for (const double length : {1.0, -1.0, 0.1, -0.1, 0.01, -0.01}) {
+  // (What a fourth power ends falls most at one length, and rises at twice that.)
+  for (const double length : {1.0, -1.0, 0.3, -0.3, 0.1, -0.1, 0.03, -0.03, 0.01, -0.01}) {
     for (std::size_t i = 0; i < m; ++i)
       t[static_cast<std::size_t>(judgement_.curvature.free[i])] = length * judgement_.directions[i * m + m - 1];
     double f = 0.0;

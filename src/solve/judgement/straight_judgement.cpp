@@ -26,10 +26,12 @@ bool small_variance(const FitCoordinates& c, int i)
 
 class AtTheEnds {
 public:
-  AtTheEnds(NX& n, const FitCoordinates& c, const std::vector<double>& x, double f)
-      : n_(n), x_(x), f_(f), straight_(std::make_unique<FitCoordinates>(FitCoordinates::straight(n, x.data()))),
-        held_(x.size(), 0)
+  AtTheEnds(NX& n, const FitCoordinates& c, const std::vector<Curvature::End>& ends, const std::vector<double>& x,
+            double f)
+      : n_(n), x_(x), f_(f), ends_(ends), held_(x.size(), 0)
   {
+    std::erase_if(ends_, [&](const auto& end) { return c.bent(end.coordinate); });
+    straight_ = std::make_unique<FitCoordinates>(straight_at(x));
     for (int i = 0; i < c.size(); ++i) straight_->set_scale(i, most_scale(c, i));
   }
 
@@ -54,6 +56,15 @@ public:
 
 private:
   static constexpr int passes = 2;
+
+  // Straight coordinates at x. What stands where evaluations end, stands at a bound.
+  FitCoordinates straight_at(const std::vector<double>& x) const
+  {
+    auto c = FitCoordinates::straight(n_, x.data());
+    const auto judged = FitCoordinates(n_, x_.data(), false);
+    for (const auto& end : ends_) c.end_at(judged, end.coordinate, end.side);
+    return c;
+  }
 
   // Whether null directions have no slope: one that has is not flat, it ends at its bound.
   static bool level(const Judgement& judged, const std::vector<double>& g)
@@ -107,14 +118,14 @@ private:
   {
     const FitCoordinates before = *straight_;
     std::vector<double> x(x_);
-    const FitCoordinates at_x = FitCoordinates::straight(n_, x_.data());
+    const FitCoordinates at_x = straight_at(x_);
     for (int i = 0; i < before.size(); ++i) {
       if (before.fixed(i) || held_[static_cast<std::size_t>(i)] != 0) continue;
       const double scale = before.scale(i), below = -at_x.lower(i), above = at_x.upper(i);
       if (below < inside * scale) x[static_cast<std::size_t>(i)] += std::min(inside * scale - below, 0.5 * above);
       if (above < inside * scale) x[static_cast<std::size_t>(i)] -= std::min(inside * scale - above, 0.5 * below);
     }
-    *straight_ = FitCoordinates::straight(n_, x.data());
+    *straight_ = straight_at(x);
     for (int i = 0; i < before.size(); ++i) straight_->set_scale(i, before.scale(i));
     FitSurface surface(n_, *straight_);
     const std::vector<double> origin(x.size(), 0.0);
@@ -137,13 +148,16 @@ private:
       const int k = static_cast<int>(i);
       const bool low = g[i] >= pressed && -straight_->lower(k) <= 2.0 * inside;
       const bool high = -g[i] >= pressed && straight_->upper(k) <= 2.0 * inside;
-      held_[i] = low || high;
+      const bool stated =
+          std::none_of(ends_.begin(), ends_.end(), [k](const auto& end) { return end.coordinate == k; });
+      held_[i] = stated && (low || high);
     }
   }
 
   NX& n_;
   const std::vector<double>& x_;
   double f_, here_ = 0.0;
+  std::vector<Curvature::End> ends_; // of parameters that are their own coordinates
   std::unique_ptr<FitCoordinates> straight_;
   std::vector<char> held_;
 };
@@ -156,6 +170,7 @@ bool at_an_end(const FitCoordinates& c, const Judgement& judged)
   if (!judged.measured || judged.gain > near * judged.allowed || c.near_joint_edge(edge)) return false;
   const auto diagonals = c.edge_diagonals();
   if ((judged.doubtful_curvature || !judged.null.empty()) && (!diagonals.empty() || c.logarithm() >= 0)) return true;
+  if (!judged.curvature.ends.empty()) return true;
   for (int i = 0; i < c.size(); ++i) {
     if (c.fixed(i)) continue;
     if (!contains(judged.curvature.free, i)) return true;
@@ -164,9 +179,10 @@ bool at_an_end(const FitCoordinates& c, const Judgement& judged)
   return false;
 }
 
-StraightJudgement judge_straight(NX& n, const FitCoordinates& c, const std::vector<double>& x, double f)
+StraightJudgement judge_straight(NX& n, const FitCoordinates& c, const Judgement& judged, const std::vector<double>& x,
+                                 double f)
 {
-  return AtTheEnds(n, c, x, f).judge();
+  return AtTheEnds(n, c, judged.curvature.ends, x, f).judge();
 }
 
 } // namespace torvale::solve

@@ -19,9 +19,11 @@ struct StraightJudgement {
 };
 
 // judge_straight: judges the point x, where the bent coordinates c have their origin and the objective is f, by the
-// parameters themselves. Gradients at the very end of a variance may be rounding: what stands at an end is asked a
-// little inside, where that costs nothing. Bounds hold a parameter only where they are pressed on by what counts, for
-// at the end of a ridge a variance stands on its bound and moves all the same.
-StraightJudgement judge_straight(model::NX& n, const FitCoordinates& c, const std::vector<double>& x, double f);
+// parameters themselves. judged: the judgement in the bent coordinates. Gradients at the very end of a variance may be
+// rounding: what stands at an end is asked a little inside, where that costs nothing. Bounds hold a parameter only
+// where they are pressed on by what counts, for at the end of a ridge a variance stands on its bound and moves all the
+// same.
+StraightJudgement judge_straight(model::NX& n, const FitCoordinates& c, const Judgement& judged,
+                                 const std::vector<double>& x, double f);
 
 } // namespace torvale::solve

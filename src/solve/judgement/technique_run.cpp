@@ -45,6 +45,37 @@ int nlpterm_at_edge(MINSTR* str, int job)
   return ended && before - str->crit < creeping && cut_by_edge(n) ? optimizer::code_no_progress : code;
 }
 
+// Whether the objective rises inside the bound of coordinate i as its slope g there promises: next to the end of a
+// variance that is written out, gradients are rounding, values are not.
+bool rises_inside(FitSurface& surface, int i, double f, double g)
+{
+  constexpr double promised = 100.0 * gain_allowed, kept = 0.5;
+  const FitCoordinates& c = surface.coordinates();
+  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
+  const double slope = g * c.scale(i);
+  t[static_cast<std::size_t>(i)] = std::clamp(0.5 * promised / slope, c.lower(i), c.upper(i));
+  double there = 0.0;
+  return surface.value(t.data(), there) && there - f >= kept * slope * t[static_cast<std::size_t>(i)];
+}
+
+// Whether one of the coordinates, far smaller than its error, has no other side of 0: what is known there of its
+// curvature may be rounding.
+bool stands_at_an_end(FitSurface& surface, const std::vector<int>& free)
+{
+  constexpr double close = 1e-2;
+  const FitCoordinates& c = surface.coordinates();
+  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
+  return std::any_of(free.begin(), free.end(), [&](int i) {
+    if (c.own_size(i) >= close * c.scale(i)) return false;
+    double& ti = t[static_cast<std::size_t>(i)];
+    ti = -std::copysign(2.0 * close, c.origin(i));
+    double f = 0.0;
+    const bool other_side = surface.value(t.data(), f);
+    ti = 0.0;
+    return !other_side;
+  });
+}
+
 } // namespace
 
 FitEnd::~FitEnd()
@@ -172,6 +203,11 @@ bool FitEnd::quickly_confirmed()
     }
   curvature.unturned();
   FitSurface surface(n_, *c);
+  for (int i = 0; i < n_.nparm; ++i)
+    if (!c->fixed(i) && std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() &&
+        !rises_inside(surface, i, str.crit, str.grad[i]))
+      return false;
+  if (stands_at_an_end(surface, curvature.free)) return false;
   constexpr double least = 1e-2; // curvature that leaves no doubt
   Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data(), least);
   if (!found.minimum() || found.doubtful_curvature || !found.null.empty() ||
