@@ -297,8 +297,8 @@ TEST(BadData, WorstRecordsOfAStartAreTheirOwn)
   for (int i = 1; i <= rows; ++i)
     text += std::to_string((i + 99) / 100) + "," + std::to_string(i == 700 || i == 1234 ? -i : i) + ",3\n";
   const TemporaryFile data("worst.csv", text);
-  const auto fixed = run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ POISSON(b*x);\nRUN;", "examples", 0,
-                              {{"d", data.path()}});
+  const auto fixed =
+      run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ POISSON(b*x);\nRUN;", "examples", 0, {{"d", data.path()}});
   EXPECT_EQ(fixed.outcome.exit_code, 7) << fixed.log;
   EXPECT_THAT(fixed.log, HasSubstr("at observation 700: y = 3 with Poisson(-700)"));
   EXPECT_THAT(fixed.log, HasSubstr("at observation 1234: y = 3 with Poisson(-1234)"));
