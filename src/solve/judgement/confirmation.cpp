@@ -49,7 +49,7 @@ void FitEnd::assess()
   if (judgement_.curvature.accuracy > ill_known) measure_by_size();
   judgement_.bend.resize(x_.size() * x_.size());
   if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
-  if (!judgement_.ran_to_limit() && at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+  if (!judgement_.ran_to_limit()) ask_by_parameters();
 }
 
 // What the Hessian of the covariance says, where there is one: no unit of a parameter then decides how its scale is

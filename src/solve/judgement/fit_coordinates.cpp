@@ -320,10 +320,10 @@ bool FitCoordinates::at_upper(int i) const
   return upper_[p] < largest && upper_[p] - origin_[p] <= contact * std::max(std::abs(origin_[p]), scale_[p]);
 }
 
-void FitCoordinates::end_at(const FitCoordinates& c, int i, double side)
+void FitCoordinates::end_at(const FitCoordinates& c, int i)
 {
   const auto p = static_cast<std::size_t>(i);
-  if (side < 0.0)
+  if (c.origin(i) >= 0.0)
     lower_[p] = std::max(lower_[p], c.origin(i));
   else
     upper_[p] = std::min(upper_[p], c.origin(i));

@@ -67,9 +67,9 @@ public:
   bool at_lower(int i) const;
   bool at_upper(int i) const;
 
-  // end_at: below (side -1) or above (side 1) coordinate i cannot go from the value that its parameter has at the
-  // origin of c: a bound that no program states. For straight coordinates.
-  void end_at(const FitCoordinates& c, int i, double side);
+  // end_at: coordinate i cannot go nearer to 0 than its parameter is at the origin of c: a bound that no program
+  // states. For straight coordinates.
+  void end_at(const FitCoordinates& c, int i);
 
   // plain: nothing but a scale; no bound, no factor, no logarithm. Such coordinates may be turned.
   bool plain(int i) const;

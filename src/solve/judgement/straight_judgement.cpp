@@ -26,11 +26,9 @@ bool small_variance(const FitCoordinates& c, int i)
 
 class AtTheEnds {
 public:
-  AtTheEnds(NX& n, const FitCoordinates& c, const std::vector<Curvature::End>& ends, const std::vector<double>& x,
-            double f)
+  AtTheEnds(NX& n, const FitCoordinates& c, const std::vector<int>& ends, const std::vector<double>& x, double f)
       : n_(n), x_(x), f_(f), ends_(ends), held_(x.size(), 0)
   {
-    std::erase_if(ends_, [&](const auto& end) { return c.bent(end.coordinate); });
     straight_ = std::make_unique<FitCoordinates>(straight_at(x));
     for (int i = 0; i < c.size(); ++i) straight_->set_scale(i, most_scale(c, i));
   }
@@ -62,7 +60,7 @@ private:
   {
     auto c = FitCoordinates::straight(n_, x.data());
     const auto judged = FitCoordinates(n_, x_.data(), false);
-    for (const auto& end : ends_) c.end_at(judged, end.coordinate, end.side);
+    for (const int i : ends_) c.end_at(judged, i);
     return c;
   }
 
@@ -148,29 +146,22 @@ private:
       const int k = static_cast<int>(i);
       const bool low = g[i] >= pressed && -straight_->lower(k) <= 2.0 * inside;
       const bool high = -g[i] >= pressed && straight_->upper(k) <= 2.0 * inside;
-      const bool stated =
-          std::none_of(ends_.begin(), ends_.end(), [k](const auto& end) { return end.coordinate == k; });
-      held_[i] = stated && (low || high);
+      held_[i] = !contains(ends_, k) && (low || high);
     }
   }
 
   NX& n_;
   const std::vector<double>& x_;
   double f_, here_ = 0.0;
-  std::vector<Curvature::End> ends_; // of parameters that are their own coordinates
+  std::vector<int> ends_; // that no bound may state
   std::unique_ptr<FitCoordinates> straight_;
   std::vector<char> held_;
 };
 
-} // namespace
-
 bool at_an_end(const FitCoordinates& c, const Judgement& judged)
 {
-  constexpr double near = 100.0, edge = 1e-4;
-  if (!judged.measured || judged.gain > near * judged.allowed || c.near_joint_edge(edge)) return false;
   const auto diagonals = c.edge_diagonals();
   if ((judged.doubtful_curvature || !judged.null.empty()) && (!diagonals.empty() || c.logarithm() >= 0)) return true;
-  if (!judged.curvature.ends.empty()) return true;
   for (int i = 0; i < c.size(); ++i) {
     if (c.fixed(i)) continue;
     if (!contains(judged.curvature.free, i)) return true;
@@ -179,10 +170,34 @@ bool at_an_end(const FitCoordinates& c, const Judgement& judged)
   return false;
 }
 
-StraightJudgement judge_straight(NX& n, const FitCoordinates& c, const Judgement& judged, const std::vector<double>& x,
+} // namespace
+
+std::vector<int> ends_at_zero(FitSurface& surface, const std::vector<int>& free)
+{
+  constexpr double close = 1e-2;
+  const FitCoordinates& c = surface.coordinates();
+  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
+  std::vector<int> ends;
+  for (const int i : free) {
+    if (c.bent(i) || c.own_size(i) >= close * c.scale(i)) continue;
+    double& ti = t[static_cast<std::size_t>(i)];
+    ti = -std::copysign(2.0 * close, c.origin(i));
+    double f = 0.0;
+    if (!surface.value(t.data(), f)) ends.push_back(i);
+    ti = 0.0;
+  }
+  return ends;
+}
+
+StraightJudgement judge_straight(NX& n, FitCoordinates& c, const Judgement& judged, const std::vector<double>& x,
                                  double f)
 {
-  return AtTheEnds(n, c, judged.curvature.ends, x, f).judge();
+  constexpr double near = 100.0, edge = 1e-4;
+  if (!judged.measured || judged.gain > near * judged.allowed || c.near_joint_edge(edge)) return {};
+  FitSurface surface(n, c);
+  const auto ends = ends_at_zero(surface, judged.curvature.free);
+  if (ends.empty() && !at_an_end(c, judged)) return {};
+  return AtTheEnds(n, c, ends, x, f).judge();
 }
 
 } // namespace torvale::solve

@@ -3,6 +3,7 @@
 #include "solve/course/course.h"
 #include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
+#include "solve/judgement/straight_judgement.h"
 #include "solve/start/parameter_unit.h"
 
 #include <algorithm>
@@ -45,35 +46,19 @@ int nlpterm_at_edge(MINSTR* str, int job)
   return ended && before - str->crit < creeping && cut_by_edge(n) ? optimizer::code_no_progress : code;
 }
 
-// Whether the objective rises inside the bound of coordinate i as its slope g there promises: next to the end of a
-// variance that is written out, gradients are rounding, values are not.
+// Whether the objective rises inside the bound of coordinate i as its slope g there promises. Where it rises by far
+// more the bound is hardly pressed on and may be the end of a ridge; where it rises by less the slope is rounding, as
+// next to the end of a variance that is written out.
 bool rises_inside(FitSurface& surface, int i, double f, double g)
 {
-  constexpr double promised = 100.0 * gain_allowed, kept = 0.5;
+  constexpr double rise = 100.0 * gain_allowed, most = 2.0;
   const FitCoordinates& c = surface.coordinates();
   std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
   const double slope = g * c.scale(i);
-  t[static_cast<std::size_t>(i)] = std::clamp(0.5 * promised / slope, c.lower(i), c.upper(i));
+  t[static_cast<std::size_t>(i)] = std::clamp(0.5 * rise / slope, c.lower(i), c.upper(i));
+  const double promised = slope * t[static_cast<std::size_t>(i)];
   double there = 0.0;
-  return surface.value(t.data(), there) && there - f >= kept * slope * t[static_cast<std::size_t>(i)];
-}
-
-// Whether one of the coordinates, far smaller than its error, has no other side of 0: what is known there of its
-// curvature may be rounding.
-bool stands_at_an_end(FitSurface& surface, const std::vector<int>& free)
-{
-  constexpr double close = 1e-2;
-  const FitCoordinates& c = surface.coordinates();
-  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
-  return std::any_of(free.begin(), free.end(), [&](int i) {
-    if (c.own_size(i) >= close * c.scale(i)) return false;
-    double& ti = t[static_cast<std::size_t>(i)];
-    ti = -std::copysign(2.0 * close, c.origin(i));
-    double f = 0.0;
-    const bool other_side = surface.value(t.data(), f);
-    ti = 0.0;
-    return !other_side;
-  });
+  return surface.value(t.data(), there) && there - f >= promised / most && there - f <= promised * most;
 }
 
 } // namespace
@@ -178,13 +163,6 @@ bool FitEnd::quickly_confirmed()
   for (const int i : factors.edge_diagonals())
     if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
       return false;
-  // A bound that is not pressed on may be the end of a ridge, and gradients at the end of a variance rounding.
-  for (int i = 0; i < n_.nparm; ++i) {
-    const bool held = std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end();
-    if (!held || c->fixed(i)) continue;
-    const bool slight = h(i, i) > 0.0 && std::abs(str.grad[i]) < 0.05 * std::sqrt(h(i, i));
-    if (slight || i == factors.logarithm()) return false;
-  }
   std::vector<double> g(str.grad, str.grad + n_.nparm);
   for (const int i : curvature.free) {
     if (!(h(i, i) > 0)) return false;
@@ -203,11 +181,12 @@ bool FitEnd::quickly_confirmed()
     }
   curvature.unturned();
   FitSurface surface(n_, *c);
-  for (int i = 0; i < n_.nparm; ++i)
-    if (!c->fixed(i) && std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() &&
-        !rises_inside(surface, i, str.crit, str.grad[i]))
-      return false;
-  if (stands_at_an_end(surface, curvature.free)) return false;
+  for (int i = 0; i < n_.nparm; ++i) {
+    const bool held = std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end();
+    if (!held || c->fixed(i)) continue;
+    if (i == factors.logarithm() || !rises_inside(surface, i, str.crit, str.grad[i])) return false;
+  }
+  if (!ends_at_zero(surface, curvature.free).empty()) return false;
   constexpr double least = 1e-2; // curvature that leaves no doubt
   Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data(), least);
   if (!found.minimum() || found.doubtful_curvature || !found.null.empty() ||
