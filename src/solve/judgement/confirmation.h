@@ -2,6 +2,7 @@
 // When a fit has converged: criteria of the techniques stop iterations, they do not make a result.
 
 #include "solve/judgement/judgement.h"
+#include "solve/start/point_selection.h"
 
 #include <memory>
 
@@ -10,6 +11,8 @@ namespace torvale::solve {
 // FitEnd: runs the fit's technique, judges the point at which it stops, and goes on from there (trust region, scaled
 // coordinates, factors of G) while -2 log L falls by gain_allowed, within the fit's MAXITER, MAXFUNC and MAXTIME.
 // A criterion that the user gave and that stopped the fit keeps its code.
+inline constexpr int most_refits = 2; // with more quadrature points
+
 class FitEnd {
 public:
   explicit FitEnd(model::NX& n) : n_(n) {}
@@ -27,6 +30,9 @@ public:
   // program gave QPOINTS=.
   int question_integrals(int code);
 
+  // What has been found out about the number of points.
+  PointsAsked& points_asked() { return points_asked_; }
+
   // True when the judge measured the curvature himself; the covariance of the estimates and the null space then come
   // from there.
   bool measured() const { return accurate_ && judgement_.measured; }
@@ -38,6 +44,8 @@ private:
   void set_scales();
   int run_technique();
   void ask_for_sharp_end();
+  bool takes_more_points(int code);
+  void form_covariance();
   bool technique_goes_on(int code, double start);
   bool quickly_confirmed();
   // confirmation.cpp
@@ -78,6 +86,7 @@ private:
   std::vector<double> g_;                // gradient by the parameters
   std::vector<double> start_;            // starting values
   std::vector<double> scales_;           // of the technique's run
+  PointsAsked points_asked_;
 };
 
 } // namespace torvale::solve

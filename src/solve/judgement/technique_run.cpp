@@ -1,3 +1,4 @@
+#include "integration/kept_evaluation.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "solve/course/course.h"
@@ -5,6 +6,7 @@
 #include "solve/judgement/fit_codes.h"
 #include "solve/judgement/straight_judgement.h"
 #include "solve/start/parameter_unit.h"
+#include "solve/start/point_selection.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,8 +18,8 @@ using optimizer::MINSTR;
 
 namespace {
 
-constexpr int most_restarts = 4;       // of the technique
-constexpr double creeping = 0.05;      // gain of an iteration, in the objective
+constexpr int most_restarts = 4;  // of the technique
+constexpr double creeping = 0.05; // gain of an iteration, in the objective
 
 // Whether the last iteration had an evaluation that failed because G is not positive semidefinite there: no factor has
 // such elements.
@@ -89,7 +91,27 @@ void FitEnd::ask_for_sharp_end()
   if (!given_by_user(n_, optimizer::code_gconv)) str.gtol = std::min(str.gtol, std::max(sharp_gain / size, 1e-13));
 }
 
-// The technique to its own end, and once more where the Hessian at the end promises more than it asked for.
+// The number of points is settled where the technique ends, before anything is made with them that others would have to
+// be made for again.
+bool FitEnd::takes_more_points(int code)
+{
+  if (!met_criterion(code) || n_.nparm == 0 || !chooses_points(n_)) return false;
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  integration::KeptEvaluation kept(n_);
+  const bool more = more_points(n_, points_asked_);
+  if (more) kept.forget();
+  return more;
+}
+
+void FitEnd::form_covariance()
+{
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  n_.dograd = n_.str->fidi == 0;
+  optimizer::znlpdrv(n_.str.get(), 3, 0, 0, 0);
+}
+
+// The technique to its own end, and on from there with more points, or where the Hessian at the end promises more than
+// it asked for.
 int FitEnd::run_technique()
 {
   MINSTR& str = *n_.str;
@@ -100,7 +122,8 @@ int FitEnd::run_technique()
   const auto termination = std::exchange(str.uster, nlpterm_at_edge);
   // At once where steps are short of a Newton step by little: another one costs less than another Hessian.
   if (str.tech != static_cast<int>(optimizer::CONGRA) && approximates_hessian(str.tech)) ask_for_sharp_end();
-  for (int restart = 0;; ++restart) {
+  str.covariance_waits = 1;
+  for (int restart = 0, raised = 0;;) {
     n_.optimizer_messages.clear();
     n_.dependencies.clear();
     const double start = str.crit;
@@ -109,13 +132,19 @@ int FitEnd::run_technique()
       code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
     }
     judgement_ = Judgement();
-    if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
+    if (raised < most_refits && !n_.host->interrupted() && takes_more_points(code)) {
+      ++raised;
+    } else {
+      form_covariance();
+      if (restart++ == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start))
+        break;
+    }
     str.continues = 1;
     str.load = 1;
-    // The tests have evaluated elsewhere; the run goes on from the gradient at its own point.
     n_.dograd = str.fidi == 0;
     integration::nlpfunc(&str);
   }
+  str.covariance_waits = 0;
   str.load = load;
   str.uster = termination;
   str.gtol = gconv;
@@ -147,6 +176,7 @@ bool FitEnd::quickly_confirmed()
 {
   const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
   const MINSTR& str = *n_.str;
+  const integration::KeptEvaluation kept(n_); // the tests evaluate elsewhere
   const auto& hessian = n_.covstr->hessian;
   if (!hessian.present || str.hfrm == 2) return false;
   auto c = std::make_unique<FitCoordinates>(n_, str.x, false);
