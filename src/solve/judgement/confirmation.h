@@ -71,7 +71,7 @@ private:
   bool beyond_edge() const;
   bool back_to_edge();
   void to_the_edge();
-  bool question_slight_directions();
+  bool question_ridges();
   int finish(int code);
 
   model::NX& n_;
