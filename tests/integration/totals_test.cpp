@@ -129,6 +129,10 @@ TEST(Totals, OfACurveInFewerOperations)
     ASSERT_NE(p->terms, nullptr);
     EXPECT_LT(2 * engine::program_size(*p->terms).lane, engine::program_size(*p->code).lane);
   }
+  // What records have in common at all points is computed once for all programs of an evaluation.
+  EXPECT_GT(engine::program_size(*n->programs.record_terms).observation, 0);
+  for (const auto* const p : {&n->programs.mode, &n->programs.closing_point})
+    EXPECT_EQ(engine::program_size(*p->terms).observation, 0);
 }
 
 TEST(Totals, SameBitsForThreadsAndWithoutMachineCode)
