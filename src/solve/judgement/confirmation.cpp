@@ -32,7 +32,7 @@ void FitEnd::assess()
   if (judgement_.curvature.accuracy > ill_known) measure_by_size();
   judgement_.bend.resize(x_.size() * x_.size());
   if (!coordinates_->bend(g_.data(), judgement_.bend.data())) judgement_.bend.clear();
-  if (!judgement_.ran_to_limit() && at_an_end(*coordinates_, judgement_)) ask_by_parameters();
+  if (!judgement_.ran_to_limit()) ask_by_parameters();
 }
 
 // What the Hessian of the covariance says, where there is one: no unit of a parameter then decides how its scale is
@@ -77,7 +77,7 @@ void FitEnd::measure_by_size()
 // A ridge that ends where the coordinates do is straight by the parameters: then these are the coordinates.
 void FitEnd::ask_by_parameters()
 {
-  StraightJudgement found = judge_straight(n_, *coordinates_, x_, f_);
+  StraightJudgement found = judge_straight(n_, *coordinates_, judgement_, x_, f_);
   const Judgement& j = found.judgement;
   constexpr double well_known = 1e-3; // elements of the Hessian
   if (j.null.empty() || j.indefinite || !j.separated.empty() || j.curvature.accuracy > well_known) return;

@@ -61,7 +61,8 @@ void FitEnd::leave_saddle()
   FitSurface surface(n_, *coordinates_);
   const auto m = static_cast<std::size_t>(judgement_.curvature.size());
   std::vector<double> t(x_.size(), 0.0);
-  for (const double length : {1.0, -1.0, 0.1, -0.1, 0.01, -0.01}) {
+  // (What a fourth power ends falls most at one length, and rises at twice that.)
+  for (const double length : {1.0, -1.0, 0.3, -0.3, 0.1, -0.1, 0.03, -0.03, 0.01, -0.01}) {
     for (std::size_t i = 0; i < m; ++i)
       t[static_cast<std::size_t>(judgement_.curvature.free[i])] = length * judgement_.directions[i * m + m - 1];
     double f = 0.0;

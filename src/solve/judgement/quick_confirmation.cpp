@@ -1,6 +1,7 @@
 #include "solve/judgement/fit_end.h"
 
 #include "integration/kept_evaluation.h"
+#include "solve/judgement/straight_judgement.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,6 +10,25 @@
 namespace torvale::solve {
 
 using optimizer::MINSTR;
+
+namespace {
+
+// Whether the objective rises inside the bound of coordinate i as its slope g there promises. Where it rises by far
+// more the bound is hardly pressed on and may be the end of a ridge; where it rises by less the slope is rounding, as
+// next to the end of a variance that is written out.
+bool rises_inside(FitSurface& surface, int i, double f, double g)
+{
+  constexpr double rise = 100.0 * gain_allowed, most = 2.0;
+  const FitCoordinates& c = surface.coordinates();
+  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
+  const double slope = g * c.scale(i);
+  t[static_cast<std::size_t>(i)] = std::clamp(0.5 * rise / slope, c.lower(i), c.upper(i));
+  const double promised = slope * t[static_cast<std::size_t>(i)];
+  double there = 0.0;
+  return surface.value(t.data(), there) && there - f >= promised / most && there - f <= promised * most;
+}
+
+} // namespace
 
 // The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.
 bool FitEnd::quickly_confirmed()
@@ -32,13 +52,6 @@ bool FitEnd::quickly_confirmed()
   for (const int i : factors.edge_diagonals())
     if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
       return false;
-  // A bound that is not pressed on may be the end of a ridge, and gradients at the end of a variance rounding.
-  for (int i = 0; i < n_.nparm; ++i) {
-    const bool held = std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end();
-    if (!held || c->fixed(i)) continue;
-    const bool slight = h(i, i) > 0.0 && std::abs(str.grad[i]) < 0.05 * std::sqrt(h(i, i));
-    if (slight || i == factors.logarithm()) return false;
-  }
   std::vector<double> g(str.grad, str.grad + n_.nparm);
   for (const int i : curvature.free) {
     if (!(h(i, i) > 0)) return false;
@@ -57,6 +70,12 @@ bool FitEnd::quickly_confirmed()
     }
   curvature.unturned();
   FitSurface surface(n_, *c);
+  for (int i = 0; i < n_.nparm; ++i) {
+    const bool held = std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end();
+    if (!held || c->fixed(i)) continue;
+    if (i == factors.logarithm() || !rises_inside(surface, i, str.crit, str.grad[i])) return false;
+  }
+  if (!ends_at_zero(surface, curvature.free).empty()) return false;
   constexpr double least = 1e-2; // curvature that leaves no doubt
   Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data(), least);
   if (!found.minimum() || found.doubtful_curvature || !found.null.empty() ||
