@@ -270,7 +270,8 @@ void specialise_totals(NX& n, double records)
     if (&program == &p.closing) p.record_terms = with.terms;
     if (totals_pay(with, records)) program = with;
   };
-  make(p.closing, curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
+  make(p.closing,
+       curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
   make(p.closing_point,
        curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr)));
   make(p.mode, mode_outputs(n, reff));

@@ -51,8 +51,8 @@ int nlpgrad(optimizer::MINSTR* str);
 void accept_modes(model::NX& n);
 
 // outer_products: the sum over subjects, or over observations without random effects, of (weight times) the outer
-// product of the gradient, packed, from the last evaluation. Returns 0; 1 when that failed, had no gradient or was at
-// another point.
+// product of the gradient, packed, from the last evaluation or a kept one. Returns 0; 1 when that failed, had no
+// gradient or was at another point.
 int outer_products(model::NX& n, std::vector<double>& sum);
 
 // form_meat: n.meat = sum over subjects of (weight times) the outer product of the subject's gradient, from the slots

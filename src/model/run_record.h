@@ -223,6 +223,7 @@ struct GroupState {
   enum class Evaluated : char { nothing, sums, value, gradient };
   Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point; sums: they have been overwritten since
   double evaluated_objfun = 0.0;            // the objective there
+  std::vector<double> kept_products;        // of sums: outer products of the gradients there, packed; or empty
   // Derivatives of the modes by the parameters; empty: not kept. They tell where the modes of a nearby point are. With
   // one level nr x np rows of subjects, with several nr x np a subject, in the order of the modes.
   std::vector<float> ebes_by, ebtrial_by; // of the accepted modes, and of the last evaluation's

@@ -96,6 +96,36 @@ TEST(Ridges, HaveNoStandardErrors)
   }
 }
 
+// A log likelihood that the program writes out has a variance that nobody knows for one: it may end next to 0, where
+// its derivatives are rounding and a step to one side cannot be evaluated, and has no bound there.
+TEST(Ridges, EndWhereEvaluationsDo)
+{
+  const TemporaryFile file("ridge.csv", data(1));
+  const Ridge ridge{"written out",
+                    1,
+                    "d = w - b0 - b1*x - u; ll = -.5*log(6.28318530717958648*s2) - .5*d*d/s2; MODEL w ~ GENERAL(ll);"
+                    "RANDOM u ~ NORMAL(0, s2u) SUBJECT=id;",
+                    {"s2u", "s2"},
+                    {"b0", "b1"},
+                    2};
+  const auto expect_ridge = [&](const std::string& technique, const std::string& bound, double first, double second,
+                                double unit) {
+    const auto run = run_text("TORVALE DATA='" + file.path() + "' TECHNIQUE=" + technique + "; " +
+                              program(ridge, bound, first, second, unit));
+    const auto where = technique + " " + bound + " " + std::to_string(unit);
+    EXPECT_EQ(run.outcome.exit_code, 6) << where << run.log;
+    for (const auto& name : ridge.ridge)
+      EXPECT_TRUE(std::isnan(run.number("ParameterEstimates", name, "StandardError"))) << where << name;
+    EXPECT_NEAR(run.number("ParameterEstimates", "b0", "StandardError"), 0.8623 * unit, 1e-3 * unit) << where;
+  };
+  for (const std::string technique : {"DBLDOG", "NRRIDG", "NEWRAP"})
+    for (const std::string bound : {"", ">=0"})
+      for (const double unit : {1.0, 40.0}) expect_ridge(technique, bound, 40.0, 0.01, unit);
+  // At a strict bound a gradient of rounding presses; what a step inside changes does not.
+  expect_ridge("TRUREG", ">0", 81.54, 3.02, 40.0);
+  expect_ridge("DBLDOG", ">0", 94.33, 0.94, 40.0);
+}
+
 // A parameter at its bound that is pressed on by little is no end of a ridge: a step inside rises.
 TEST(Ridges, SlightlyPressedBoundIsNone)
 {

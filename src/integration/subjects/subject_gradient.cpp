@@ -316,8 +316,8 @@ private:
   const SlotGroup<T> columns_;
   const bool factored_, at_mode_;
   const double s_;
-  T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity],
-      curve_[triangle], inverse_[triangle]; // L, C, mode, ll_u and ll_uu at the mode, H^-1
+  T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity], curve_[triangle],
+      inverse_[triangle]; // L, C, mode, ll_u and ll_uu at the mode, H^-1
   T per_total_;
   T x1_[capacity], u1_[capacity], ux_[capacity * capacity]; // means of x, ll_u, ll_u x'
   T mean_bar_[capacity];                                    // adjoint of the means
