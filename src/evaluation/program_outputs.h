@@ -37,8 +37,10 @@ struct Outputs {
     return program;
   }
 
-  // The programs of terms and totals beside it; `ll` is a term itself.
-  model::ModelProgram by_totals(engine::CMPGLOBAL& gcmp, engine::CMPSYM* ll, model::ModelProgram program) const
+  // The programs of terms and totals beside it; `ll` is a term itself. The terms share what records have at all points
+  // in common with the program `beside`.
+  model::ModelProgram by_totals(engine::CMPGLOBAL& gcmp, engine::CMPSYM* ll, model::ModelProgram program,
+                                const engine::Program* beside) const
   {
     std::vector<engine::CMPSYM*> wanted;
     for (engine::CMPSYM* const s : symbols)
@@ -46,7 +48,7 @@ struct Outputs {
     const engine::TotalForms forms = engine::cmptotal(gcmp, wanted, {&ll, 1});
     if (forms.terms.empty()) return program;
     program.term_count = static_cast<int>(forms.terms.size());
-    program.terms = engine::cmpspec(gcmp, forms.terms);
+    program.terms = engine::cmpspec(gcmp, forms.terms, engine::Visits::terms, beside);
     program.totals = engine::cmpspec(gcmp, forms.totals, engine::Visits::totals);
     return program;
   }

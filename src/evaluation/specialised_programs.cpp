@@ -266,18 +266,20 @@ void specialise_totals(NX& n, double records)
     if (!program || program.looked_for_totals) return;
     program.looked_for_totals = true;
     if (engine::sequential(*program.code)) return;
-    const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program);
+    const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program, p.record_terms);
+    if (&program == &p.closing) p.record_terms = with.terms;
     if (with.terms != nullptr && (anyway || totals_pay(with, records))) program = with;
   };
   if (n.method == 1) { // the value is the same with and without the gradient
     make(p.linear_gradient, linear_outputs(n, reff, true));
     make(p.linear, linear_outputs(n, reff, false), p.linear_gradient.terms != nullptr);
   }
-  make(p.mode, mode_outputs(n, reff));
-  make(p.gradient, gradient_outputs(n, reff.gradstr));
-  make(p.closing, curvature_outputs(n, reff).append(mode_outputs(n, reff)));
+  make(p.closing,
+       curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
   make(p.closing_point,
        curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr)));
+  make(p.mode, mode_outputs(n, reff));
+  make(p.gradient, gradient_outputs(n, reff.gradstr));
 }
 
 } // namespace torvale::evaluation

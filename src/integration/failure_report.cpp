@@ -46,13 +46,40 @@ bool report_program_fault(const NX& n, std::int64_t first, std::int64_t last)
   return false;
 }
 
+// What is wrong with the probabilities of discrete effects at a subject, at n.parm: one is below 0, or nothing is left
+// for the point that is derived from the others. Empty when nothing is.
+std::string fault_of_probabilities(const NX& n, const model::SUBINFO& subject)
+{
+  const model::REFFECT& reff = n.leaf();
+  if (reff.distrtype == 0 || engine::sequential(*reff.setup_value.code)) return {};
+  evaluation::RecordFrame records(n, n.parm.data());
+  engine::Tile one;
+  one.lanes = 1;
+  one.first = static_cast<std::int32_t>(subject.first_row);
+  records.frame.set_range(subject.first_row, 1);
+  if (records.frame.run(*reff.setup_value.code, one) > 2) return {};
+  double sum = 0.0, least = 0.0;
+  for (int k = reff.nr; k < reff.nd; k += reff.nr + 1) {
+    const double probability = records.frame.output(k)[0];
+    sum += probability;
+    least = std::min(least, probability);
+  }
+  if (least < 0.0) return "a probability of DISCRETE is " + host::readable(least);
+  if (sum >= 1.0)
+    return "the probabilities of DISCRETE add up to " + host::readable(sum) +
+           ", and nothing is left for the last point, which is derived from the others and not written";
+  return sum > 0.0 ? "" : "the probabilities of DISCRETE are 0, and the last point takes all";
+}
+
 // The message of a subject's status: the number of one of these.
 host::NumberedMessage status_message(int status, const host::OptionalMessageValue& subject,
-                                     const host::OptionalMessageValue& row, const std::string& iteration)
+                                     const host::OptionalMessageValue& row, const std::string& iteration,
+                                     const std::string& reason)
 {
   switch (status) {
   case message::likelihood_not_usable::message_number:
-    return message::likelihood_not_usable{.subject = subject, .observation = row, .iteration = iteration};
+    return message::likelihood_not_usable{
+        .subject = subject, .observation = row, .iteration = iteration, .reason = reason};
   case message::random_covariance_not_definite::message_number:
     return message::random_covariance_not_definite{.subject = subject, .iteration = iteration};
   case message::random_covariance_missing::message_number:
@@ -89,15 +116,17 @@ void report_failure(const NX& n)
   const auto slot = static_cast<std::size_t>(first - n.slot_status.begin());
   const std::int64_t row = n.slot_row[slot];
   host::OptionalMessageValue name, observation;
+  std::string reason;
   if (n.nreff() > 0) {
     const model::SUBINFO& subject = n.outer().SubInfo[slot];
     if (report_program_fault(n, subject.first_row, subject.first_row + subject.SubCount)) return;
     name = model::subject_name(n, subject);
+    reason = fault_of_probabilities(n, subject);
   } else if (row >= 0) {
     if (report_program_fault(n, row, row + 1)) return;
     observation = evaluation::observation_number(n, row);
   }
-  n.host->log().xpmlog(status_message(*first, name, observation, iteration_text(n)));
+  n.host->log().xpmlog(status_message(*first, name, observation, iteration_text(n), reason));
 }
 
 void explain_failure(NX& n, const std::vector<double>& parm)

@@ -1,5 +1,9 @@
 #include "integration/kept_evaluation.h"
 
+#include "integration/objective.h"
+
+#include <utility>
+
 namespace torvale::integration {
 
 using model::NX;
@@ -7,10 +11,22 @@ using Evaluated = model::GroupState::Evaluated;
 
 KeptEvaluation::KeptEvaluation(NX& n) : n_(n)
 {
-  if (n.failed || n.evaluated != Evaluated::gradient || n.ebtrial_point != n.parm) return;
-  point_ = n.ebtrial_point;
-  objective_ = n.evaluated_objfun;
-  gradient_ = n.goodgrad;
+  keep(true);
+}
+
+KeptEvaluation::KeptEvaluation(NX& n, std::vector<double> products) : n_(n), products_(std::move(products))
+{
+  keep(false);
+}
+
+void KeptEvaluation::keep(bool with_products)
+{
+  const bool there = n_.evaluated == Evaluated::gradient || n_.evaluated == Evaluated::sums;
+  if (n_.failed || !there || n_.ebtrial_point != n_.parm) return;
+  if (with_products && outer_products(n_, products_) != 0) products_.clear();
+  point_ = n_.ebtrial_point;
+  objective_ = n_.evaluated_objfun;
+  gradient_ = n_.goodgrad;
 }
 
 KeptEvaluation::~KeptEvaluation()
@@ -23,6 +39,7 @@ KeptEvaluation::~KeptEvaluation()
   n_.objfun = n_.evaluated_objfun = objective_;
   n_.objgrad = gradient_;
   n_.goodgrad.swap(gradient_);
+  n_.kept_products.swap(products_);
   n_.parm = point_;
   n_.ebtrial_point.swap(point_);
   n_.evaluated = Evaluated::sums;

@@ -12,7 +12,10 @@ using model::NX;
 
 int outer_products(NX& n, std::vector<double>& sum)
 {
-  if (n.failed || n.evaluated != model::GroupState::Evaluated::gradient || n.ebtrial_point != n.parm) return 1;
+  using Evaluated = model::GroupState::Evaluated;
+  if (n.failed || n.ebtrial_point != n.parm) return 1;
+  if (n.evaluated == Evaluated::sums) sum = n.kept_products;
+  if (n.evaluated != Evaluated::gradient) return n.evaluated == Evaluated::sums && !sum.empty() ? 0 : 1;
   sum.assign(static_cast<std::size_t>(matrix::packed_size(n.nparm)), 0.0);
   if (sum.empty()) return 0; // no parameters
   if (n.nreff() == 0) return add_record_products(n, *n.ctx[0], sum.data());

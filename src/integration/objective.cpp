@@ -179,18 +179,6 @@ bool evaluate_slots(NX& n, bool& ended)
   return !evaluation.failed();
 }
 
-// Parameters that elements of G depend on: a slot's row.
-std::vector<char> parameters_of_covariance(const NX& n)
-{
-  std::vector<char> found(static_cast<std::size_t>(n.grad_stride), 0);
-  for (const auto& reff : n.reff) {
-    const int first = reff.argument_derivative(reff.nr, 0, n.nparm);
-    for (const int place : reff.setup.outputs)
-      if (place >= first) found[static_cast<std::size_t>((place - first) % n.nparm)] = 1;
-  }
-  return found;
-}
-
 // Where G leaves an effect no variance, the factor of G has no derivative by it, and the gradient by the parameters of
 // G is the limit from inside: with g the gradients of the slots at a variance h in its place, 2 g(h) - g(2 h). h is
 // small beside what the subjects know of the effect, and so small that g(h) and g(2 h) differ little: an effect may act
@@ -265,6 +253,17 @@ private:
 };
 
 } // namespace
+
+std::vector<char> parameters_of_covariance(const NX& n)
+{
+  std::vector<char> found(static_cast<std::size_t>(n.grad_stride), 0);
+  for (const auto& reff : n.reff) {
+    const int first = reff.argument_derivative(reff.nr, 0, n.nparm);
+    for (const int place : reff.setup.outputs)
+      if (place >= first) found[static_cast<std::size_t>((place - first) % n.nparm)] = 1;
+  }
+  return found;
+}
 
 int tvllike(NX& n)
 {

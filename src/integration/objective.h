@@ -51,9 +51,13 @@ int nlpgrad(optimizer::MINSTR* str);
 void accept_modes(model::NX& n);
 
 // outer_products: the sum over subjects, or over observations without random effects, of (weight times) the outer
-// product of the gradient, packed, from the last evaluation. Returns 0; 1 when that failed, had no gradient or was at
-// another point.
+// product of the gradient, packed, from the last evaluation or a kept one. Returns 0; 1 when that failed, had no
+// gradient or was at another point.
 int outer_products(model::NX& n, std::vector<double>& sum);
+
+// parameters_of_covariance: 1 for each parameter that elements of G depend on, at any level, 0 for the others; in the
+// order of a slot's gradient.
+std::vector<char> parameters_of_covariance(const model::NX& n);
 
 // form_meat: n.meat = sum over subjects of (weight times) the outer product of the subject's gradient, from the slots
 // of the last evaluation. Returns 0 and sets havemeat; or 1 when that evaluation failed, had no gradient or was at

@@ -309,6 +309,9 @@ struct MINSTR {
   // nlis, ires and the time in mtim are not cleared but counted on, so that MAXITER, MAXFUNC, MAXTIME and MINITER hold
   // for the sum. For a run on another record copy them there and back.
   int continues = 0;
+  // Stage 2 ends before the covariance, for callers that may go on instead: job 3 of znlpdrv computes it. has_point:
+  // stage 2 has a point that it can be computed at.
+  int covariance_waits = 0, has_point = 0;
   double nitr = 0;  // iterations done
   int indf = 0;     // why the objective is called, see CallPurpose
   int ifdr = 1;     // order asked of the current call: 1 value, 2 gradient, 3 Hessian

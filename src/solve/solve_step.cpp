@@ -215,8 +215,6 @@ void warn_vanished_variance(NX& n, const model::REFFECT& reff)
   }
 }
 
-constexpr int most_refits = 2; // with more quadrature points
-
 // The fit goes on from its estimates, with the points that are in place now.
 std::unique_ptr<FitEnd> refit_with_points(NX& n)
 {
@@ -241,11 +239,11 @@ std::unique_ptr<FitEnd> refit_with_points(NX& n)
 }
 
 // How well the integrals are known at the estimates, and whether the minimum is one of theirs or of the rule's.
-void question_points(NX& n, FitEnd& end, const FinerSum& finer)
+void question_points(NX& n, FitEnd& end)
 {
   const host::StageScope stage(n.host->stages(), host::Stage::covariance);
   n.parm.assign(n.str->x, n.str->x + n.nparm);
-  check_points(n, finer);
+  check_points(n, end.points_asked());
   n.znlprc = end.question_integrals(n.znlprc);
 }
 
@@ -281,12 +279,11 @@ int tvlsolv(NX& n)
   n.znlprc = optimizer::znlpdrv(&str, 1, 0, 0, 0);
   if (n.loglevel > 0) n.host->log().xpmlog(message::optimization_begins);
   if (n.znlprc == 0) n.znlprc = end->run();
-  FinerSum finer;
-  for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n, finer); ++refit) {
+  // (Where the confirmation has moved the fit: the technique's end has asked this already.)
+  for (int refit = 0; refit < most_refits && n.znlprc > 0 && str.nvar > 0 && more_points(n, end->points_asked());
+       ++refit)
     end = refit_with_points(n);
-    finer = {}; // of other estimates
-  }
-  if (n.znlprc > 0 && !n.noopt) question_points(n, *end, finer);
+  if (n.znlprc > 0 && !n.noopt) question_points(n, *end);
   if (n.nqp != points) write_dimensions(n);
   if (n.znlprc > 0 && !n.noopt && str.nvar > 0 && str.nitr < static_cast<double>(str.mini))
     n.host->log().xpmlog(

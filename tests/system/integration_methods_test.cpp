@@ -128,7 +128,8 @@ TEST(SupportPointMethod, SaysWhatCannotBe)
     program.replace(program.find(from), from.size(), to);
     return run_text(program);
   };
-  EXPECT_TRUE(with("[z1, p1]", "[z1, p1 - 0.5]").said(503, 131));
+  EXPECT_NE(with("[z1, p1]", "[z1, p1 - 5]").log.find("DISCRETE is -4.6"), std::string::npos);
+  EXPECT_NE(with("[z1, p1]", "[z1, p1], [0, 1 - p1]").log.find("add up to 1, and nothing"), std::string::npos);
   EXPECT_TRUE(with("[z1, p1]", "[z1, p1, 0.5]").said(503, 334));
   EXPECT_NE(with("z1", "z1", "METHOD=ISAMP").outcome.exit_code, 0);
   EXPECT_NE(with("z1", "z1", "METHOD=HARDY").outcome.exit_code, 0);

@@ -289,6 +289,27 @@ TEST(BadData, EndsTheGroupWithACause)
   EXPECT_THAT(text.log, HasSubstr("low"));
 }
 
+// Why a fit cannot start is told at the worst records themselves, wherever they stand in the data.
+TEST(BadData, WorstRecordsOfAStartAreTheirOwn)
+{
+  constexpr int rows = 1300;
+  std::string text = "id,x,y\n";
+  for (int i = 1; i <= rows; ++i)
+    text += std::to_string((i + 99) / 100) + "," + std::to_string(i == 700 || i == 1234 ? -i : i) + ",3\n";
+  const TemporaryFile data("worst.csv", text);
+  const auto fixed =
+      run_text("TORVALE DATA=d;\nPARMS b=1;\nMODEL y ~ POISSON(b*x);\nRUN;", "examples", 0, {{"d", data.path()}});
+  EXPECT_EQ(fixed.outcome.exit_code, 7) << fixed.log;
+  EXPECT_THAT(fixed.log, HasSubstr("at observation 700: y = 3 with Poisson(-700)"));
+  EXPECT_THAT(fixed.log, HasSubstr("at observation 1234: y = 3 with Poisson(-1234)"));
+  const auto mixed = run_text("TORVALE DATA=d;\nPARMS b=1 v=1;\nMODEL y ~ POISSON(b*x+u);\n"
+                              "RANDOM u ~ NORMAL(0,v) SUBJECT=id;\nRUN;",
+                              "examples", 0, {{"d", data.path()}});
+  EXPECT_THAT(mixed.log, HasSubstr("1 of 100 records of this subject"));
+  EXPECT_THAT(mixed.log, HasSubstr("observation 700: y = 3 with Poisson(-700)"));
+  EXPECT_THAT(mixed.log, HasSubstr("observation 1234: y = 3 with Poisson(-1234)"));
+}
+
 TEST(BadData, ParameterInTheStatementAndInItsDataSet)
 {
   const TemporaryFile starts("starts.csv", "Parameter,Estimate\nb0,1\ns,900\nb0,2\n");

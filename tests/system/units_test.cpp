@@ -132,4 +132,38 @@ TEST(Units, CountsThatAreAllZero)
     }
 }
 
+// Where the slack of a strict bound is nothing beside what a variance is known by, its root begins next to 0: the way
+// down from there is short, and a step that ends a rounding above the bound has reached it.
+TEST(Units, SlackOfStrictBounds)
+{
+  using namespace units_test;
+  const double values[][2] = {
+      {-0.5503, -2.219}, {-0.2095, -0.315}, {2.4434, 2.607},   {1.2830, -0.380},  {0.2917, 2.092},   {-2.2496, -1.686},
+      {-0.9391, -1.458}, {0.0710, 2.237},   {-0.4223, -0.181}, {0.0478, 1.608},   {-0.4452, -0.140}, {-1.5192, 2.240},
+      {-0.8507, 1.151},  {-1.6775, -0.032}, {-0.3584, -0.520}, {0.8553, -1e4},    {1.8569, 1.875},   {-1.3253, 1.570},
+      {-0.1659, 1.409},  {1.5404, 0.916},   {-0.4114, 0.872},  {-1.8495, -0.044}, {1.8780, 3.130},   {0.5838, 2.179},
+      {-1.1165, 0.772},  {-0.1384, 1.088},  {0.0014, 0.207},   {-0.8597, 0.455}};
+  std::string csv = "id,x,y\n";
+  for (std::size_t i = 0; i < std::size(values); ++i)
+    csv += std::to_string(i / 4) + "," + digits(values[i][0]) + "," + digits(values[i][1]) + "\n";
+  const TemporaryFile outlier("outlier.csv", csv);
+  const double level[] = {11.40, 12.93, 10.47, 9.96, 9.90, 10.88, 7.95,  11.75,
+                          6.15,  9.66,  11.44, 8.89, 9.96, 10.68, 13.95, 8.80};
+  csv = "id,y\n";
+  for (std::size_t i = 0; i < std::size(level); ++i) csv += std::to_string(i / 2) + "," + digits(level[i]) + "\n";
+  const TemporaryFile pairs("pairs.csv", csv);
+  for (const double unit : {1.0, 1e3, 1e6}) {
+    const auto saddle =
+        run_text("TORVALE DATA='" + outlier.path() +
+                 "' TECHNIQUE=NRRIDG; PARMS b0=0 b1=0 s2u=1 s2=1; BOUNDS s2u>0, s2>0; w = y*" + digits(unit) +
+                 "; MODEL w ~ NORMAL(b0+b1*x+u, s2); RANDOM u ~ NORMAL(0,s2u) SUBJECT=id; RUN;");
+    EXPECT_EQ(saddle.outcome.exit_code, 0) << unit << saddle.log;
+    const auto sum = run_text("TORVALE DATA='" + pairs.path() + "' TECHNIQUE=TRUREG; PARMS b0=" + digits(8.0 * unit) +
+                              " va=" + digits(.008 * unit * unit) + " vb=" + digits(.003 * unit * unit) +
+                              " s2=" + digits(unit * unit) + "; BOUNDS va>0, vb>0, s2>0; w = y*" + digits(unit) +
+                              "; MODEL w ~ NORMAL(b0+u, s2); RANDOM u ~ NORMAL(0, va+vb) SUBJECT=id; RUN;");
+    EXPECT_EQ(sum.outcome.exit_code, 0) << unit << sum.log;
+  }
+}
+
 } // namespace torvale::tests

@@ -155,6 +155,11 @@ void final_classification(MINSTR* str)
   znlpfta(str);
 }
 
+void covariance_stage(MINSTR* str)
+{
+  if (str->has_point != 0 && str->covstr != nullptr) znlpcma(str, 1);
+}
+
 int optimization_stage(MINSTR* str)
 {
   str->indf = purpose_iteration;
@@ -180,7 +185,8 @@ int optimization_stage(MINSTR* str)
   }
   str->rcod = code;
   report_status(str, code);
-  if (!lost && str->covstr != nullptr) znlpcma(str, 1);
+  str->has_point = lost ? 0 : 1;
+  if (str->covariance_waits == 0) covariance_stage(str);
   return code;
 }
 
@@ -209,8 +215,11 @@ int znlpdrv(MINSTR* str, int job, int, int dtst, int)
     str->pcrit = str->imax != 0 ? -str->crit : str->crit;
     if (str->covstr != nullptr) znlpcma(str, 0);
     if (code != 0) report_status(str, code);
-  } else {
+  } else if (job == 2) {
     code = optimization_stage(str);
+  } else {
+    code = str->rcod;
+    covariance_stage(str);
   }
   str->rcod = code;
   return code;

@@ -311,13 +311,22 @@ double FitCoordinates::upper(int i) const
 bool FitCoordinates::at_lower(int i) const
 {
   const auto p = static_cast<std::size_t>(i);
-  return lower_[p] > -largest && origin_[p] - lower_[p] <= contact * std::abs(origin_[p]);
+  return lower_[p] > -largest && origin_[p] - lower_[p] <= contact * std::max(std::abs(origin_[p]), scale_[p]);
 }
 
 bool FitCoordinates::at_upper(int i) const
 {
   const auto p = static_cast<std::size_t>(i);
-  return upper_[p] < largest && upper_[p] - origin_[p] <= contact * std::abs(origin_[p]);
+  return upper_[p] < largest && upper_[p] - origin_[p] <= contact * std::max(std::abs(origin_[p]), scale_[p]);
+}
+
+void FitCoordinates::end_at(const FitCoordinates& c, int i)
+{
+  const auto p = static_cast<std::size_t>(i);
+  if (c.origin(i) >= 0.0)
+    lower_[p] = std::max(lower_[p], c.origin(i));
+  else
+    upper_[p] = std::min(upper_[p], c.origin(i));
 }
 
 bool FitCoordinates::plain(int i) const

@@ -67,10 +67,16 @@ public:
   bool at_lower(int i) const;
   bool at_upper(int i) const;
 
+  // end_at: coordinate i cannot go nearer to 0 than its parameter is at the origin of c: a bound that no program
+  // states. For straight coordinates.
+  void end_at(const FitCoordinates& c, int i);
+
   // plain: nothing but a scale; no bound, no factor, no logarithm. Such coordinates may be turned.
   bool plain(int i) const;
   // The coordinate that is a logarithm, or -1.
   int logarithm() const { return logarithm_; }
+  // bent: no parameter itself, an element of a factor or a logarithm.
+  bool bent(int i) const { return in_factor(i) || i == logarithm_; }
   bool in_factor(int i) const { return in_block_[static_cast<std::size_t>(i)] != 0; }
   // Factors with a diagonal element below `share` of the root of its own variance: G is near the edge there.
   bool near_edge(double share) const;

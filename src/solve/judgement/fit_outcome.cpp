@@ -1,11 +1,9 @@
-#include "host/messages/names/fit.h"
+#include "solve/judgement/fit_end.h"
+
 #include "host/messages/names/optimizer.h"
 #include "optimizer/messages/messages.h"
 #include "optimizer/optimizer.h"
-#include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
-#include "solve/judgement/slight_directions.h"
-#include "solve/start/point_selection.h"
 
 #include <algorithm>
 #include <cmath>
@@ -59,7 +57,7 @@ void FitEnd::to_the_edge()
   if (2.0 * (f_ - before) > 0.1 * gain_allowed) move_to(old);
 }
 
-int FitEnd::finish(int code)
+void FitEnd::finish()
 {
   MINSTR& str = *n_.str;
   auto& verdict = n_.verdict;
@@ -82,21 +80,21 @@ int FitEnd::finish(int code)
     if (optimizer::znlpdrv(&str, 1, 0, 0, 0) == 0) optimizer::znlpdrv(&str, 2, 0, 0, 0);
     str.tech = tech;
   }
-  const bool by_user = given_by_user(n_, code);
+  const bool by_user = ended_by_user();
   if (minimum)
     verdict.outcome = judgement_.null.empty() ? FitOutcome::confirmed : FitOutcome::confirmed_singular;
   else if (by_user)
     verdict.outcome = FitOutcome::user_criterion;
-  else if (!judgement_.measured && met_criterion(code))
+  else if (!judgement_.measured && met_criterion(code_))
     verdict.outcome = FitOutcome::unconfirmed;
   else
     verdict.outcome = FitOutcome::not_minimum;
   if (verdict.outcome == FitOutcome::not_minimum)
-    code = code_of_failure(n_, maxiter_, maxfunc_);
-  else if (moved_ || !met_criterion(code)) {
-    code = optimizer::code_gconv;
+    code_ = code_of_failure(n_, maxiter_, maxfunc_);
+  else if (moved_ || !met_criterion(code_)) {
+    code_ = optimizer::code_gconv;
     n_.optimizer_messages.clear();
-    add_message(n_, status_message::criterion_met, optimizer::severity_note, {static_cast<double>(code)});
+    add_message(n_, status_message::criterion_met, optimizer::severity_note, {static_cast<double>(code_)});
   }
   // The library's words on the size of a gradient and on singular matrices: the judge has better ones.
   std::erase_if(n_.optimizer_messages, [](const host::Message& m) {
@@ -108,70 +106,7 @@ int FitEnd::finish(int code)
     return std::any_of(std::begin(left_out), std::end(left_out),
                        [&](host::MessageCode c) { return m.group == c.group && m.number == c.number; });
   });
-  str.rcod = code;
-  return code;
-}
-
-// What is flat but for the points in use is not identified. True when there is such a direction.
-bool FitEnd::question_slight_directions()
-{
-  constexpr double known = 1e-3; // no element of a Hessian is known better than its integrals
-  auto& verdict = n_.verdict;
-  const int finer = finer_points(n_, n_.nqp);
-  if (std::abs(verdict.quadrature_change) <= verdict.accuracy || !affordable_points(n_, n_.nqp, finer)) return false;
-  const auto ridges = ridges_of_the_points(n_, *coordinates_, judgement_, {n_.str->x, n_.str->x + n_.nparm}, finer);
-  if (ridges.empty()) return false;
-  for (const int k : ridges) judgement_.note_null(k);
-  judgement_.curvature.accuracy = std::max(judgement_.curvature.accuracy, known);
-  accurate_ = true;
-  verdict.outcome = FitOutcome::confirmed_singular;
-  return true;
-}
-
-// A sum over points has minima of its own where integrands are steeper than the points are dense. A change of the
-// objective by more points that is more than a fiftieth of what a standard error's step raised it by can make such a
-// minimum: the steps are tried once more, with more points.
-int FitEnd::question_integrals(int code)
-{
-  auto& verdict = n_.verdict;
-  const bool minimum = verdict.outcome == FitOutcome::confirmed || verdict.outcome == FitOutcome::confirmed_singular;
-  if (!minimum || !judgement_.measured || coordinates_ == nullptr || std::isnan(verdict.quadrature_change)) return code;
-  const bool with_gradient = n_.dograd;
-  const double at_estimates = n_.objfun;
-  const bool ridge = question_slight_directions();
-  n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);
-  n_.dograd = with_gradient;
-  n_.objfun = at_estimates;
-  if (ridge) return code; // along which no step has to rise
-  // Points that the user chose stay in any case, and are asked only where the integrals of the subjects are far from
-  // settled. One point is the integrand's own mode, and no grid.
-  constexpr double far = 1e-3; // in -2 log L, a subject
-  const double change = std::abs(verdict.quadrature_change);
-  const bool own_choice = n_.nqpspec && (n_.nqp == 1 || change < far * n_.outer().nrepsub);
-  const bool harmless = own_choice || change <= 0.02 * least_rise(judgement_);
-  if (harmless && !verdict.cut_short_by_qmax) return code;
-  const int in_use = n_.nqp, finer = finer_points(n_, in_use);
-  auto rises = judgement_.rises;
-  FitSurface surface(n_, *coordinates_);
-  std::optional<double> at_origin = n_.str->crit + 0.5 * verdict.quadrature_change;
-  // Where QMAX= came before the sums had settled they are refined twice.
-  for (int points = finer, left = verdict.cut_short_by_qmax ? 2 : 1; left > 0 && !verdict.unsettled; --left) {
-    if (!affordable_points(n_, in_use, points)) break;
-    take_points(n_, points);
-    verdict.unsettled = !rises_stand(surface, rises, std::exchange(at_origin, std::nullopt));
-    points = finer_points(n_, points);
-  }
-  take_points(n_, in_use);
-  n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);
-  n_.dograd = with_gradient;
-  n_.objfun = at_estimates;
-  if (!verdict.unsettled) return code;
-  n_.host->log().xpmlog(message::minimum_of_the_points{.points = finer, .before = in_use});
-  n_.raise(4);
-  if (n_.nqpspec) return code; // the sum over these points is what was asked for
-  verdict.outcome = FitOutcome::not_minimum;
-  n_.optimizer_messages.clear();
-  return n_.str->rcod = optimizer::code_no_progress;
+  str.rcod = code_;
 }
 
 } // namespace torvale::solve

@@ -1,7 +1,7 @@
 #pragma once
 // What the judge found, as the rest of the run reads it: covariance, standard errors, the verdict and its words.
 
-#include "solve/judgement/confirmation.h"
+#include "solve/judgement/fit_end.h"
 
 namespace torvale::solve {
 

@@ -26,10 +26,10 @@ bool small_variance(const FitCoordinates& c, int i)
 
 class AtTheEnds {
 public:
-  AtTheEnds(NX& n, const FitCoordinates& c, const std::vector<double>& x, double f)
-      : n_(n), x_(x), f_(f), straight_(std::make_unique<FitCoordinates>(FitCoordinates::straight(n, x.data()))),
-        held_(x.size(), 0)
+  AtTheEnds(NX& n, const FitCoordinates& c, const std::vector<int>& ends, const std::vector<double>& x, double f)
+      : n_(n), x_(x), f_(f), ends_(ends), held_(x.size(), 0)
   {
+    straight_ = std::make_unique<FitCoordinates>(straight_at(x));
     for (int i = 0; i < c.size(); ++i) straight_->set_scale(i, most_scale(c, i));
   }
 
@@ -54,6 +54,15 @@ public:
 
 private:
   static constexpr int passes = 2;
+
+  // Straight coordinates at x. What stands where evaluations end, stands at a bound.
+  FitCoordinates straight_at(const std::vector<double>& x) const
+  {
+    auto c = FitCoordinates::straight(n_, x.data());
+    const auto judged = FitCoordinates(n_, x_.data(), false);
+    for (const int i : ends_) c.end_at(judged, i);
+    return c;
+  }
 
   // Whether null directions have no slope: one that has is not flat, it ends at its bound.
   static bool level(const Judgement& judged, const std::vector<double>& g)
@@ -107,14 +116,14 @@ private:
   {
     const FitCoordinates before = *straight_;
     std::vector<double> x(x_);
-    const FitCoordinates at_x = FitCoordinates::straight(n_, x_.data());
+    const FitCoordinates at_x = straight_at(x_);
     for (int i = 0; i < before.size(); ++i) {
       if (before.fixed(i) || held_[static_cast<std::size_t>(i)] != 0) continue;
       const double scale = before.scale(i), below = -at_x.lower(i), above = at_x.upper(i);
       if (below < inside * scale) x[static_cast<std::size_t>(i)] += std::min(inside * scale - below, 0.5 * above);
       if (above < inside * scale) x[static_cast<std::size_t>(i)] -= std::min(inside * scale - above, 0.5 * below);
     }
-    *straight_ = FitCoordinates::straight(n_, x.data());
+    *straight_ = straight_at(x);
     for (int i = 0; i < before.size(); ++i) straight_->set_scale(i, before.scale(i));
     FitSurface surface(n_, *straight_);
     const std::vector<double> origin(x.size(), 0.0);
@@ -137,23 +146,20 @@ private:
       const int k = static_cast<int>(i);
       const bool low = g[i] >= pressed && -straight_->lower(k) <= 2.0 * inside;
       const bool high = -g[i] >= pressed && straight_->upper(k) <= 2.0 * inside;
-      held_[i] = low || high;
+      held_[i] = !contains(ends_, k) && (low || high);
     }
   }
 
   NX& n_;
   const std::vector<double>& x_;
   double f_, here_ = 0.0;
+  std::vector<int> ends_; // that no bound may state
   std::unique_ptr<FitCoordinates> straight_;
   std::vector<char> held_;
 };
 
-} // namespace
-
 bool at_an_end(const FitCoordinates& c, const Judgement& judged)
 {
-  constexpr double near = 100.0, edge = 1e-4;
-  if (!judged.measured || judged.gain > near * judged.allowed || c.near_joint_edge(edge)) return false;
   const auto diagonals = c.edge_diagonals();
   if ((judged.doubtful_curvature || !judged.null.empty()) && (!diagonals.empty() || c.logarithm() >= 0)) return true;
   for (int i = 0; i < c.size(); ++i) {
@@ -164,9 +170,34 @@ bool at_an_end(const FitCoordinates& c, const Judgement& judged)
   return false;
 }
 
-StraightJudgement judge_straight(NX& n, const FitCoordinates& c, const std::vector<double>& x, double f)
+} // namespace
+
+std::vector<int> ends_at_zero(FitSurface& surface, const std::vector<int>& free)
 {
-  return AtTheEnds(n, c, x, f).judge();
+  constexpr double close = 1e-2;
+  const FitCoordinates& c = surface.coordinates();
+  std::vector<double> t(static_cast<std::size_t>(c.size()), 0.0);
+  std::vector<int> ends;
+  for (const int i : free) {
+    if (c.bent(i) || c.own_size(i) >= close * c.scale(i)) continue;
+    double& ti = t[static_cast<std::size_t>(i)];
+    ti = -std::copysign(2.0 * close, c.origin(i));
+    double f = 0.0;
+    if (!surface.value(t.data(), f)) ends.push_back(i);
+    ti = 0.0;
+  }
+  return ends;
+}
+
+StraightJudgement judge_straight(NX& n, FitCoordinates& c, const Judgement& judged, const std::vector<double>& x,
+                                 double f)
+{
+  constexpr double near = 100.0, edge = 1e-4;
+  if (!judged.measured || judged.gain > near * judged.allowed || c.near_joint_edge(edge)) return {};
+  FitSurface surface(n, c);
+  const auto ends = ends_at_zero(surface, judged.curvature.free);
+  if (ends.empty() && !at_an_end(c, judged)) return {};
+  return AtTheEnds(n, c, ends, x, f).judge();
 }
 
 } // namespace torvale::solve

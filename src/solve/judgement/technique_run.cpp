@@ -1,9 +1,12 @@
+#include "solve/judgement/fit_end.h"
+
+#include "integration/kept_evaluation.h"
 #include "integration/objective.h"
 #include "optimizer/optimizer.h"
 #include "solve/course/course.h"
-#include "solve/judgement/confirmation.h"
 #include "solve/judgement/fit_codes.h"
 #include "solve/start/parameter_unit.h"
+#include "solve/start/point_selection.h"
 
 #include <algorithm>
 #include <cmath>
@@ -15,8 +18,8 @@ using optimizer::MINSTR;
 
 namespace {
 
-constexpr int most_restarts = 4;       // of the technique
-constexpr double creeping = 0.05;      // gain of an iteration, in the objective
+constexpr int most_restarts = 4;  // of the technique
+constexpr double creeping = 0.05; // gain of an iteration, in the objective
 
 // Whether the last iteration had an evaluation that failed because G is not positive semidefinite there: no factor has
 // such elements.
@@ -73,7 +76,27 @@ void FitEnd::ask_for_sharp_end()
   if (!given_by_user(n_, optimizer::code_gconv)) str.gtol = std::min(str.gtol, std::max(sharp_gain / size, 1e-13));
 }
 
-// The technique to its own end, and once more where the Hessian at the end promises more than it asked for.
+// The number of points is settled where the technique ends, before anything is made with them that others would have to
+// be made for again.
+bool FitEnd::takes_more_points(int code)
+{
+  if (!met_criterion(code) || n_.nparm == 0 || !chooses_points(n_)) return false;
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  integration::KeptEvaluation kept(n_);
+  const bool more = more_points(n_, points_asked_);
+  if (more) kept.forget();
+  return more;
+}
+
+void FitEnd::form_covariance()
+{
+  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
+  n_.dograd = n_.str->fidi == 0;
+  optimizer::znlpdrv(n_.str.get(), 3, 0, 0, 0);
+}
+
+// The technique to its own end, and on from there with more points, or where the Hessian at the end promises more than
+// it asked for.
 int FitEnd::run_technique()
 {
   MINSTR& str = *n_.str;
@@ -84,7 +107,8 @@ int FitEnd::run_technique()
   const auto termination = std::exchange(str.uster, nlpterm_at_edge);
   // At once where steps are short of a Newton step by little: another one costs less than another Hessian.
   if (str.tech != static_cast<int>(optimizer::CONGRA) && approximates_hessian(str.tech)) ask_for_sharp_end();
-  for (int restart = 0;; ++restart) {
+  str.covariance_waits = 1;
+  for (int restart = 0, raised = 0;;) {
     n_.optimizer_messages.clear();
     n_.dependencies.clear();
     const double start = str.crit;
@@ -93,13 +117,19 @@ int FitEnd::run_technique()
       code = optimizer::znlpdrv(&str, 2, 0, 0, 0);
     }
     judgement_ = Judgement();
-    if (restart == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start)) break;
+    if (raised < most_refits && !n_.host->interrupted() && takes_more_points(code)) {
+      ++raised;
+    } else {
+      form_covariance();
+      if (restart++ == most_restarts || n_.nparm == 0 || n_.host->interrupted() || !technique_goes_on(code, start))
+        break;
+    }
     str.continues = 1;
     str.load = 1;
-    // The tests have evaluated elsewhere; the run goes on from the gradient at its own point.
     n_.dograd = str.fidi == 0;
     integration::nlpfunc(&str);
   }
+  str.covariance_waits = 0;
   str.load = load;
   str.uster = termination;
   str.gtol = gconv;
@@ -123,62 +153,6 @@ bool FitEnd::technique_goes_on(int code, double start)
   if (!given_by_user(n_, optimizer::code_absgconv)) str.agtl = 0.0; // of gradients that the run has passed
   n_.metric = n_.covstr->hessian.elements;
   n_.metric_point.assign(str.x, str.x + n_.nparm);
-  return true;
-}
-
-// The Hessian that the covariance needs anyway, where it leaves no doubt: definite by far, G away from its edge.
-bool FitEnd::quickly_confirmed()
-{
-  const host::StageScope stage(n_.host->stages(), host::Stage::covariance);
-  const MINSTR& str = *n_.str;
-  const auto& hessian = n_.covstr->hessian;
-  if (!hessian.present || str.hfrm == 2) return false;
-  auto c = std::make_unique<FitCoordinates>(n_, str.x, false);
-  const FitCoordinates factors(n_, str.x);
-  if (factors.near_edge(FitCoordinates::edge_share)) return false;
-  Curvature curvature;
-  curvature.accuracy = 1e-6;
-  curvature.free = free_coordinates(*c, str.grad);
-  const auto h = [&](int i, int j) {
-    return hessian
-        .elements[static_cast<std::size_t>(i) * static_cast<std::size_t>(i + 1) / 2 + static_cast<std::size_t>(j)];
-  };
-  // Whether a variance is held by its bound, or merely stands there, shows in the coordinates of the factor.
-  for (const int i : factors.edge_diagonals())
-    if (std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end() && !factors.fixed(i))
-      return false;
-  // A bound that is not pressed on may be the end of a ridge, and gradients at the end of a variance rounding.
-  for (int i = 0; i < n_.nparm; ++i) {
-    const bool held = std::find(curvature.free.begin(), curvature.free.end(), i) == curvature.free.end();
-    if (!held || c->fixed(i)) continue;
-    const bool slight = h(i, i) > 0.0 && std::abs(str.grad[i]) < 0.05 * std::sqrt(h(i, i));
-    if (slight || i == factors.logarithm()) return false;
-  }
-  std::vector<double> g(str.grad, str.grad + n_.nparm);
-  for (const int i : curvature.free) {
-    if (!(h(i, i) > 0)) return false;
-    c->set_scale(i, 1.0 / std::sqrt(h(i, i)));
-    g[static_cast<std::size_t>(i)] *= c->scale(i);
-    const bool variance = factors.in_factor(i) && factors.variance(i);
-    if (variance && str.x[i] < 0.2 * c->scale(i)) return false;
-  }
-  const int m = curvature.size();
-  curvature.hessian.resize(static_cast<std::size_t>(m * m));
-  for (int r = 0; r < m; ++r)
-    for (int k = 0; k < m; ++k) {
-      const int i = curvature.free[static_cast<std::size_t>(r)], j = curvature.free[static_cast<std::size_t>(k)];
-      curvature.hessian[static_cast<std::size_t>(r * m + k)] =
-          h(std::max(i, j), std::min(i, j)) * c->scale(i) * c->scale(j);
-    }
-  curvature.unturned();
-  FitSurface surface(n_, *c);
-  constexpr double least = 1e-2; // curvature that leaves no doubt
-  Judgement found = judge_given(surface, std::move(curvature), str.crit, g.data(), least);
-  if (!found.minimum() || found.doubtful_curvature || !found.null.empty() ||
-      (m > 0 && found.eigenvalues.back() < least))
-    return false;
-  judgement_ = std::move(found);
-  coordinates_ = std::move(c);
   return true;
 }
 

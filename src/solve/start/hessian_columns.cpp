@@ -48,11 +48,12 @@ bool HessianColumns::evaluate(const std::vector<double>& x)
 
 bool HessianColumns::start()
 {
-  if (!evaluate(point_)) return false;
+  n_.parm = point_;
+  if (!integration::recall_evaluation(n_) && !evaluate(point_)) return false;
   gradient_ = n_.objgrad;
   if (integration::outer_products(n_, information_) != 0) information_.clear();
   integration::accept_modes(n_);
-  kept_.emplace(n_);
+  kept_.emplace(n_, information_);
   integration::stand_by_prediction(n_, true);
   return true;
 }

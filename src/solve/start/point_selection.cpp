@@ -156,10 +156,20 @@ int finer_points(const NX& n, int points)
   return points == 1 && affordable_points(n, 1, past_three) ? past_three : 2 * points + 1;
 }
 
-bool more_points(NX& n, FinerSum& finer)
+bool PointsAsked::here(const NX& n) const
 {
-  finer = {};
-  if (n.nreff() == 0 || (n.method != 0 && n.method != 3) || n.nqpspec || n.noopt || n.host->interrupted()) return false;
+  return in_use == n.nqp && !at.empty() && std::equal(at.begin(), at.end(), n.str->x);
+}
+
+bool chooses_points(const NX& n)
+{
+  return n.nreff() > 0 && (n.method == 0 || n.method == 3) && !n.nqpspec && !n.noopt;
+}
+
+bool more_points(NX& n, PointsAsked& asked)
+{
+  if (!chooses_points(n) || n.host->interrupted() || asked.here(n)) return false;
+  asked = {.at = {n.str->x, n.str->x + n.nparm}};
   const int in_use = n.nqp;
   n.verdict.cut_short_by_qmax = false;
   n.parm.assign(n.str->x, n.str->x + n.nparm);
@@ -169,10 +179,10 @@ bool more_points(NX& n, FinerSum& finer)
   bool settled = false, close = false;
   const bool compared_later = n.method == 0 && affordable_points(n, in_use, finer_points(n, in_use));
   if (compared_later && next_count(n, in_use) > 0) {
-    finer.points = finer_points(n, in_use);
-    finer.objective = evaluate_with(n, finer.points);
+    asked.finer = finer_points(n, in_use);
+    asked.objective = evaluate_with(n, asked.finer);
     settled =
-        has_value(finer.objective) && agree(n, f, finer.objective, times_as_dear(n, in_use, next_count(n, in_use)));
+        has_value(asked.objective) && agree(n, f, asked.objective, times_as_dear(n, in_use, next_count(n, in_use)));
   }
   while (!settled) {
     const int next = next_count(n, count);
@@ -181,20 +191,22 @@ bool more_points(NX& n, FinerSum& finer)
       break;
     }
     const double dearer = times_as_dear(n, in_use, next);
-    const double g = next == finer.points ? finer.objective : evaluate_with(n, next);
-    // Two counts can agree and both be wrong: below the finer one they are held to its sum too.
-    const bool apart = count < finer.points && has_value(finer.objective) && !agree(n, f, finer.objective, dearer);
-    if (!has_value(g) || (!apart && agree(n, f, g, dearer))) break;
+    // A count that agrees with one larger by more than the next is enough; two neighbours can agree and both be wrong.
+    const bool held = count < asked.finer && has_value(asked.objective);
+    if (held && count > in_use && agree(n, f, asked.objective, dearer)) break;
+    const double g = next == asked.finer ? asked.objective : evaluate_with(n, next);
+    if (!has_value(g) || (!held && agree(n, f, g, dearer))) break;
     close = within_tolerance(n, f, g);
     count = next;
     f = g;
   }
   take_points(n, count);
+  asked.in_use = in_use;
   if (count > in_use) n.host->log().xpmlog(message::more_points_at_estimates{.points = count, .before = in_use});
   return count > in_use;
 }
 
-void check_points(NX& n, const FinerSum& known)
+void check_points(NX& n, const PointsAsked& asked)
 {
   auto& verdict = n.verdict;
   const auto leave_out = [&](const char* why) { verdict.quadrature_reason = why; };
@@ -210,7 +222,7 @@ void check_points(NX& n, const FinerSum& known)
   const bool with_gradient = n.dograd;
   n.dograd = false;
   const double at_estimates = n.objfun;
-  const double f = known.points == finer ? known.objective : evaluate_with(n, finer);
+  const double f = asked.here(n) && asked.finer == finer ? asked.objective : evaluate_with(n, finer);
   if (has_value(f)) verdict.quadrature_change = 2.0 * (f - n.str->crit);
   if (std::abs(verdict.quadrature_change) > told_change) {
     n.host->log().xpmlog(

@@ -35,6 +35,7 @@ std::vector<double> record_logliks(const NX& n, engine::Frame& frame)
   for (std::int64_t first = 0; first < n.store->nobs; first += engine::max_lanes) {
     engine::Tile tile;
     tile.lanes = static_cast<int>(std::min<std::int64_t>(engine::max_lanes, n.store->nobs - first));
+    tile.first = static_cast<std::int32_t>(first);
     frame.set_range(first, tile.lanes);
     if (frame.run(*n.programs.value.code, tile) > 2) return {};
     std::copy_n(frame.output(0), tile.lanes, result.begin() + first);
@@ -80,6 +81,7 @@ std::string response_at(NX& n, engine::Frame& frame, std::int64_t row)
   const engine::Program& program = *engine::cmpspec(*n.gcmp, arguments);
   engine::Tile one;
   one.lanes = 1;
+  one.first = static_cast<std::int32_t>(row);
   frame.set_range(row, 1);
   if (frame.run(program, one) > 2) return text;
   text += " with " + host::xpmstr(model::distribution_label(n.disttype));

@@ -40,8 +40,9 @@ constexpr CatalogueEntry entries[] = {
     {503, 513, "ebsstol_ignored_with_levels", W, "EBSSTOL= is ignored with several RANDOM statements.", "",
      "Leave EBSSTOL= out, or add EBITER: the search level by level heeds it."},
     {503, 9448, "contrast_tests_nothing", N,
-     "CONTRAST '{label}' tests nothing: its expressions have no variance at the estimates.",
-     "They are constants, or functions of parameters that stand on their bounds.", ""},
+     "CONTRAST '{label}' tests nothing: its expressions, each tested against 0, have no variance at the estimates.",
+     "They are constants, comparisons such as b0 = 250, or functions of parameters that stand on their bounds.",
+     "The hypothesis b0 = 250 is written b0 - 250."},
     {503, 9451, "contrast_contradicts_itself", W,
      "CONTRAST '{label}' contradicts itself: where its other expressions are 0, expression {row} is {value}, by the "
      "derivatives at the estimates. The F value leaves that expression out.",

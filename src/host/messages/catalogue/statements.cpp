@@ -191,9 +191,10 @@ constexpr CatalogueEntry entries[] = {
      "Look at the data of that subject; guard logarithms, roots and divisions with IF."},
     {503, 131, "likelihood_not_usable", W,
      "The log likelihood is not usable[ for subject {subject}][ at observation {observation}][ in iteration "
-     "{iteration}].",
-     "The distribution is impossible for the response at these parameters, or an argument is missing.",
-     "Other starting values, or BOUNDS."},
+     "{iteration}][: {reason}].",
+     "The distribution is impossible for the response at these parameters, or an argument is missing; probabilities "
+     "of DISCRETE are below 0, or leave nothing for the last point.",
+     "Other starting values, or BOUNDS; one point of DISCRETE is never written: it is what the others leave."},
     {503, 132, "random_covariance_not_definite", W,
      "The covariance matrix of the random effects is not positive semidefinite[ for subject {subject}][ in iteration "
      "{iteration}].",
