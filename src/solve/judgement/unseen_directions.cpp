@@ -63,6 +63,13 @@ bool Information::take(NX& n, const std::vector<double>& x, int points)
   return matrix::ztql2(static_cast<int>(m), vectors.data(), eigenvalues.data(), off.data(), 1) == 0;
 }
 
+// Whether more points leave less of an eigenvalue than of one of the data, and more than of a ridge.
+bool between(double before, double after)
+{
+  constexpr double most = 0.5;
+  return after < most * before && after > std::max(none, left * before);
+}
+
 // x with variances that vanished at a part of the largest one, so that ridges go on to both sides.
 std::vector<double> inside(const NX& n, const std::vector<double>& x)
 {
@@ -119,8 +126,14 @@ std::vector<std::vector<double>> unseen_directions(NX& n, const std::vector<doub
   std::vector<std::vector<double>> found;
   const int in_use = n.nqp;
   Information now, then;
-  if (now.take(n, x, in_use) && now.eigenvalues.back() < suspect && then.take(n, x, finer) &&
-      then.parameter == now.parameter) {
+  bool known = now.take(n, x, in_use) && now.eigenvalues.back() < suspect && then.take(n, x, finer);
+  // Integrands as hard as these may take another step.
+  const int finest = finer_points(n, finer);
+  if (known && between(now.eigenvalues.back(), then.eigenvalues.back()) && affordable_points(n, in_use, finest)) {
+    then = {};
+    known = then.take(n, x, finest);
+  }
+  if (known && then.parameter == now.parameter) {
     const auto m = then.size();
     const auto there = inside(n, x);
     for (std::size_t k = 0; k < m; ++k) {
