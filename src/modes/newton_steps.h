@@ -46,7 +46,12 @@ template <int NR, class T> struct NewtonSteps {
   {
     if (determined) return;
     determined = true;
-    for (int i = 0; i < nr(); ++i) logdet += evaluation::SlotGroup<T>::logarithm(evaluation::absolute(pivots[i]));
+    // Two pivots that needed no repair have a product that neither overflows nor is too small.
+    constexpr int together = width > 1 ? 2 : 1;
+    for (int i = 0; i < nr(); i += together) {
+      const T product = together > 1 && i + 1 < nr() ? pivots[i] * pivots[i + 1] : pivots[i];
+      logdet += evaluation::SlotGroup<T>::logarithm(evaluation::absolute(product));
+    }
   }
 
   // Adds to the steps s what third derivatives of the log likelihood by u, f''', make of them: the minimum of the
@@ -103,8 +108,8 @@ private:
       move = evaluation::absolute(move);
       length = move <= length ? length : move; // so that what is not a number shows
       T ratio = at.gradient[i] * at.gradient[i];
-      if constexpr (NR == 1)
-        ratio *= evaluation::absolute(pivots[0]);
+      if (NR == 1 || (width > 1 && i == nr() - 1)) // the last pivot is the inverse's element
+        ratio *= evaluation::absolute(pivots[i]);
       else
         ratio /= evaluation::absolute(at.hessian[i * (i + 3) / 2]);
       square = ratio <= square ? square : ratio;
