@@ -260,16 +260,20 @@ bool totals_pay(const ModelProgram& p, double records)
 void specialise_totals(NX& n, double records)
 {
   ModelPrograms& p = n.programs;
-  if (n.nreff() == 0 || n.method == 1) return;
+  if (n.nreff() == 0) return;
   const REFFECT& reff = n.leaf();
-  const auto make = [&](ModelProgram& program, const Outputs& outputs) {
+  const auto make = [&](ModelProgram& program, const Outputs& outputs, bool anyway = false) {
     if (!program || program.looked_for_totals) return;
     program.looked_for_totals = true;
     if (engine::sequential(*program.code)) return;
     const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program, p.record_terms);
     if (&program == &p.closing) p.record_terms = with.terms;
-    if (totals_pay(with, records)) program = with;
+    if (with.terms != nullptr && (anyway || totals_pay(with, records))) program = with;
   };
+  if (n.method == 1) { // the value is the same with and without the gradient
+    make(p.linear_gradient, linear_outputs(n, reff, true));
+    make(p.linear, linear_outputs(n, reff, false), p.linear_gradient.terms != nullptr);
+  }
   make(p.closing,
        curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
   make(p.closing_point,
