@@ -46,12 +46,18 @@ template <int NR, class T> struct NewtonSteps {
   {
     if (determined) return;
     determined = true;
-    // Two pivots that needed no repair have a product that neither overflows nor is too small.
-    constexpr int together = width > 1 ? 2 : 1;
-    for (int i = 0; i < nr(); i += together) {
-      const T product = together > 1 && i + 1 < nr() ? pivots[i] * pivots[i + 1] : pivots[i];
-      logdet += evaluation::SlotGroup<T>::logarithm(evaluation::absolute(product));
-    }
+    using Group = evaluation::SlotGroup<T>;
+    int i = 0;
+    if constexpr (NR > 1)
+      for (; i + 1 < nr(); i += 2) {
+        const T product = evaluation::absolute(pivots[i] * pivots[i + 1]); // out of range after a repair alone
+        if (width > 1 || std::isnormal(Group::of(product, 0)))
+          logdet += Group::logarithm(product);
+        else
+          logdet +=
+              Group::logarithm(evaluation::absolute(pivots[i])) + Group::logarithm(evaluation::absolute(pivots[i + 1]));
+      }
+    for (; i < nr(); ++i) logdet += Group::logarithm(evaluation::absolute(pivots[i]));
   }
 
   // Adds to the steps s what third derivatives of the log likelihood by u, f''', make of them: the minimum of the
@@ -108,8 +114,8 @@ private:
       move = evaluation::absolute(move);
       length = move <= length ? length : move; // so that what is not a number shows
       T ratio = at.gradient[i] * at.gradient[i];
-      if (NR == 1 || (width > 1 && i == nr() - 1)) // the last pivot is the inverse's element
-        ratio *= evaluation::absolute(pivots[i]);
+      if constexpr (NR == 1)
+        ratio *= evaluation::absolute(pivots[0]);
       else
         ratio /= evaluation::absolute(at.hessian[i * (i + 3) / 2]);
       square = ratio <= square ? square : ratio;
