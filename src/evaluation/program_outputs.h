@@ -37,18 +37,13 @@ struct Outputs {
     return program;
   }
 
-  // The programs of terms and totals beside it; `ll` is a term itself.
-  model::ModelProgram by_totals(engine::CMPGLOBAL& gcmp, engine::CMPSYM* ll, model::ModelProgram program) const
+  // Those that are not zero.
+  std::vector<engine::CMPSYM*> wanted() const
   {
-    std::vector<engine::CMPSYM*> wanted;
+    std::vector<engine::CMPSYM*> all;
     for (engine::CMPSYM* const s : symbols)
-      if (s != nullptr) wanted.push_back(s);
-    const engine::TotalForms forms = engine::cmptotal(gcmp, wanted, {&ll, 1});
-    if (forms.terms.empty()) return program;
-    program.term_count = static_cast<int>(forms.terms.size());
-    program.terms = engine::cmpspec(gcmp, forms.terms);
-    program.totals = engine::cmpspec(gcmp, forms.totals, engine::Visits::totals);
-    return program;
+      if (s != nullptr) all.push_back(s);
+    return all;
   }
 
 private:

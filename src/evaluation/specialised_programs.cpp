@@ -239,21 +239,61 @@ void specialise_single_point(NX& n)
 
 namespace {
 
-// Whether the terms of so many records and their totals are less work than the outputs, by the operations of
-// machine code: an output of a lane is read, added to and stored.
-bool totals_pay(const ModelProgram& p, double records)
-{
-  if (p.terms == nullptr) return false;
-  constexpr double of_output = 2.0, ahead = 1.1;
-  const auto of_lane = [&](const engine::Program& code, std::size_t outputs) {
-    return engine::program_size(code).lane + of_output * static_cast<double>(outputs);
-  };
-  const auto of_point = [](const engine::Program& code) { return engine::program_size(code).point; };
-  const double plain = records * of_lane(*p.code, p.outputs.size()) + of_point(*p.code);
-  const double by_totals = records * of_lane(*p.terms, static_cast<std::size_t>(p.term_count)) + of_point(*p.terms) +
-                           of_lane(*p.totals, p.outputs.size());
-  return plain > ahead * by_totals;
-}
+// Terms and totals of outputs, and what a program of so many records takes of operations of machine code with and
+// without them: an output of a lane is read, added to and stored.
+class Totals {
+public:
+  Totals(NX& n, const ModelProgram& program, const Outputs& outputs, double records)
+      : n_(n), program_(program), wanted_(outputs.wanted()), forms_(engine::cmptotal(*n.gcmp, wanted_, {&n.llsym, 1})),
+        records_(records)
+  {
+  }
+
+  // By the formulas alone, with room for what they do not tell: programs that will not be taken need not be made.
+  bool may_pay() const
+  {
+    if (forms_.terms.empty()) return false;
+    constexpr double ahead = 1.05;
+    const double of_outputs = engine::lane_nodes(*n_.gcmp, wanted_),
+                 of_terms = engine::lane_nodes(*n_.gcmp, forms_.terms);
+    const auto size = engine::program_size(*program_.code);
+    const double lane = of_outputs > of_terms ? size.lane * of_terms / of_outputs : size.lane;
+    return plain() > ahead * (records_ * with_outputs(lane, forms_.terms.size()) + size.point +
+                              with_outputs(0.0, program_.outputs.size()));
+  }
+
+  // The program with them, where they are less work.
+  ModelProgram taken() const
+  {
+    constexpr double ahead = 1.1;
+    ModelProgram with = program_;
+    with.term_count = static_cast<int>(forms_.terms.size());
+    with.terms = engine::cmpspec(*n_.gcmp, forms_.terms);
+    with.totals = engine::cmpspec(*n_.gcmp, forms_.totals, engine::Visits::totals);
+    const auto terms = engine::program_size(*with.terms), totals = engine::program_size(*with.totals);
+    const double by_totals = records_ * with_outputs(terms.lane, forms_.terms.size()) + terms.point +
+                             with_outputs(totals.lane, program_.outputs.size());
+    return plain() > ahead * by_totals ? with : program_;
+  }
+
+private:
+  static double with_outputs(double operations, std::size_t outputs)
+  {
+    constexpr double of_output = 2.0;
+    return operations + of_output * static_cast<double>(outputs);
+  }
+  double plain() const
+  {
+    const auto size = engine::program_size(*program_.code);
+    return records_ * with_outputs(size.lane, program_.outputs.size()) + size.point;
+  }
+
+  NX& n_;
+  const ModelProgram& program_;
+  std::vector<CMPSYM*> wanted_;
+  engine::TotalForms forms_;
+  double records_;
+};
 
 } // namespace
 
@@ -266,8 +306,7 @@ void specialise_totals(NX& n, double records)
     if (!program || program.looked_for_totals) return;
     program.looked_for_totals = true;
     if (engine::sequential(*program.code)) return;
-    const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program);
-    if (totals_pay(with, records)) program = with;
+    if (const Totals totals(n, program, outputs, records); totals.may_pay()) program = totals.taken();
   };
   make(p.mode, mode_outputs(n, reff));
   make(p.gradient, gradient_outputs(n, reff.gradstr));
