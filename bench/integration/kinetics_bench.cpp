@@ -2,7 +2,8 @@
 // observations, one point at the mode (Laplace), searches starting from the modes of a nearby point. The yardstick is a
 // vector loop in the same binary that takes two exponentials for each observation, once. Counters: `ratio` to that
 // loop, `passes` of a program over all observations, and `beside`: what an evaluation beside an accepted point costs,
-// where predictions stand, in such evaluations. One thread; data and programs are ready, as in the middle of a fit.
+// where predictions stand, in such evaluations. Once with the log likelihood written out, once with the guards that a
+// MODEL statement gives it. One thread; data and programs are ready, as in the middle of a fit.
 
 #include "integration/hand_loop.h"
 #include "integration/objective.h"
@@ -21,7 +22,7 @@ using tests::Term;
 
 constexpr int subjects = 2000, observations = 10;
 
-tests::ModelText kinetics()
+tests::ModelText kinetics(bool guarded)
 {
   std::mt19937 random(77);
   std::normal_distribution<double> normal;
@@ -42,15 +43,24 @@ tests::ModelText kinetics()
   m.assignments = {{"ka", exp(Term("b1") + "u1")}, {"cl", exp(Term("b2") + "u2")}, {"ke", exp(Term("b3"))}};
   m.assignments.emplace_back("m", Term(4.0) * "ke" * "ka" / (Term("cl") * (Term("ka") - "ke")) *
                                       (exp(-(Term("ke") * "time")) - exp(-(Term("ka") * "time"))));
-  m.assignments.emplace_back("_ll", Term(-0.5) * ((Term("y") - "m") * (Term("y") - "m") / "s2" + log(Term("s2"))));
+  const Term residual = Term("y") - "m", ll = Term(-0.5) * (residual * residual / "s2" + log(Term("s2")));
+  const auto missing = [](const Term& a) { return Term::call("missing", {a}); };
+  const auto above = [](const Term& a, double b) { return Term::binary(syntax::Op::greater, a, Term(b)); };
+  const auto either = [](const Term& a, const Term& b) { return Term::binary(syntax::Op::or_, a, b); };
+  const Term impossible = either(Term::binary(syntax::Op::less, Term("s2"), Term(1e-60)),
+                                 above(Term::call("abs", {residual}), 1.3407807929943e+154));
+  m.assignments.emplace_back("_ll", !guarded
+                                        ? ll
+                                        : Term::choose(either(missing(Term("m")), missing(Term("y"))),
+                                                       Term(std::nan("")), Term::choose(impossible, Term(-1e20), ll)));
   m.prior = {Term(0.0), Term(0.0), Term("g1"), Term("c12"), Term("g2")};
   m.columns = {{"subject", subject}, {"y", y}, {"time", time}};
   return m;
 }
 
-void evaluation_of_a_kinetic_model(benchmark::State& state)
+void evaluation_of_a_kinetic_model(benchmark::State& state, bool guarded)
 {
-  const auto n = tests::make_run(kinetics(), {true, true, 1});
+  const auto n = tests::make_run(kinetics(guarded), {true, true, 1});
   n->dograd = true; // the mode is the only point: what is wanted there comes from one program, as in a fit
   integration::size_contexts(*n);
   tests::objective(*n, {0.38, -3.19, -2.44, 0.26, 0.1, 0.01, 0.07}, true);
@@ -78,4 +88,5 @@ void evaluation_of_a_kinetic_model(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(evaluation_of_a_kinetic_model)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(evaluation_of_a_kinetic_model, written_out, false)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(evaluation_of_a_kinetic_model, with_guards, true)->Unit(benchmark::kMicrosecond);

@@ -168,10 +168,14 @@ void cmporder(const BoundData& data, const std::int32_t* rows, std::int64_t coun
 
 // Visits: how often a program's lanes take a record. At many points: what these have in common is computed once for the
 // record. Once: each lane computes it for itself, and nothing is carried about. The last digits may differ.
-// Totals: lanes are points, whose sums over records it reads (cmptotal).
-enum class Visits : std::uint8_t { many, once, totals };
+// Terms: as many, and its outputs are added up for a program of totals alone. Totals: lanes are points, whose sums over
+// records it reads (cmptotal).
+enum class Visits : std::uint8_t { many, once, terms, totals };
 // cmpspec: a program that yields `outputs` (in that order; an entry may be null: identically zero). Dead code is gone.
-const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits = Visits::many);
+// `beside`: a program that runs for the same records; what both compute once for a record is then computed once for
+// both, where it is all that the new one needs of that kind. A frame has both programs at hand.
+const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits = Visits::many,
+                       const Program* beside = nullptr);
 // cmpfactor: writes each output as a sum of products of a coefficient, which may vary by random effects, and a factor
 // that does not: derivatives by the coefficients of a linear predictor have one coefficient in common, and factors of
 // their own. After cmpgen; the symbols are new ones for cmpspec, equal values have one. A factor that is null is 1; an

@@ -57,6 +57,12 @@ template <class T> struct SlotGroup {
     std::memcpy(&t, from, sizeof t);
     return t;
   }
+  template <class Vector, class Number> static Vector load_as(const Number* from)
+  {
+    Vector v;
+    std::memcpy(&v, from, sizeof v);
+    return v;
+  }
   static void store(T t, double* to) { std::memcpy(to, &t, sizeof t); }
   // The number of the i-th.
   static double of(const T& t, int i) { return reinterpret_cast<const double*>(&t)[i]; }
@@ -67,6 +73,7 @@ template <class T> struct SlotGroup {
     if constexpr (std::is_same_v<Number, double>)
       if (stride == 1 && adjacent) return load(from + slot[0]);
     if constexpr (width > 1 && std::is_same_v<Number, float>) {
+      if (stride == 1 && adjacent) return __builtin_convertvector(load_as<FourFloats>(from + slot[0]), T);
       const FourFloats floats = {from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride],
                                  from[slot[3] * stride]};
       return __builtin_convertvector(floats, T);
@@ -121,6 +128,10 @@ template <class T> struct SlotGroup {
     Number v[width];
     if constexpr (width > 1 && std::is_same_v<Number, float>) {
       const auto rounded = __builtin_convertvector(t, FourFloats);
+      if (stride == 1 && adjacent && used == width) {
+        std::memcpy(to + slot[0], &rounded, sizeof rounded);
+        return;
+      }
       std::memcpy(v, &rounded, sizeof v);
     } else if constexpr (std::is_same_v<Number, double>) {
       std::memcpy(v, &t, sizeof t);

@@ -4,6 +4,7 @@
 #include "matrix/packed.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace torvale::evaluation {
 
@@ -243,7 +244,7 @@ namespace {
 // without them: an output of a lane is read, added to and stored.
 class Totals {
 public:
-  Totals(NX& n, const ModelProgram& program, const Outputs& outputs, double records)
+  Totals(NX& n, ModelProgram& program, const Outputs& outputs, double records)
       : n_(n), program_(program), wanted_(outputs.wanted()), forms_(engine::cmptotal(*n.gcmp, wanted_, {&n.llsym, 1})),
         records_(records)
   {
@@ -262,18 +263,28 @@ public:
                               with_outputs(0.0, program_.outputs.size()));
   }
 
-  // The program with them, where they are less work.
-  ModelProgram taken() const
+  ModelProgram& program() const { return program_; }
+
+  // The program with them. The terms share what records have at all points in common with the program `beside`.
+  ModelProgram make(const engine::Program* beside) const
   {
-    constexpr double ahead = 1.1;
     ModelProgram with = program_;
+    if (forms_.terms.empty()) return with;
     with.term_count = static_cast<int>(forms_.terms.size());
-    with.terms = engine::cmpspec(*n_.gcmp, forms_.terms);
+    with.terms = engine::cmpspec(*n_.gcmp, forms_.terms, engine::Visits::terms, beside);
     with.totals = engine::cmpspec(*n_.gcmp, forms_.totals, engine::Visits::totals);
+    return with;
+  }
+
+  // Whether that is less work.
+  bool pay(const ModelProgram& with) const
+  {
+    if (with.terms == nullptr) return false;
+    constexpr double ahead = 1.1;
     const auto terms = engine::program_size(*with.terms), totals = engine::program_size(*with.totals);
     const double by_totals = records_ * with_outputs(terms.lane, forms_.terms.size()) + terms.point +
                              with_outputs(totals.lane, program_.outputs.size());
-    return plain() > ahead * by_totals ? with : program_;
+    return plain() > ahead * by_totals;
   }
 
 private:
@@ -289,7 +300,7 @@ private:
   }
 
   NX& n_;
-  const ModelProgram& program_;
+  ModelProgram& program_;
   std::vector<CMPSYM*> wanted_;
   engine::TotalForms forms_;
   double records_;
@@ -302,17 +313,24 @@ void specialise_totals(NX& n, double records)
   ModelPrograms& p = n.programs;
   if (n.nreff() == 0 || n.method == 1) return;
   const REFFECT& reff = n.leaf();
-  const auto make = [&](ModelProgram& program, const Outputs& outputs) {
-    if (!program || program.looked_for_totals) return;
-    program.looked_for_totals = true;
-    if (engine::sequential(*program.code)) return;
-    if (const Totals totals(n, program, outputs, records); totals.may_pay()) program = totals.taken();
+  std::vector<Totals> all;
+  const auto look = [&](ModelProgram& program, const Outputs& outputs) {
+    if (!program || std::exchange(program.looked_for_totals, true) || engine::sequential(*program.code)) return;
+    all.emplace_back(n, program, outputs, records);
   };
-  make(p.mode, mode_outputs(n, reff));
-  make(p.gradient, gradient_outputs(n, reff.gradstr));
-  make(p.closing, curvature_outputs(n, reff).append(mode_outputs(n, reff)));
-  make(p.closing_point,
+  look(p.closing,
+       curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
+  look(p.closing_point,
        curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr)));
+  look(p.mode, mode_outputs(n, reff));
+  look(p.gradient, gradient_outputs(n, reff.gradstr));
+  if (std::none_of(all.begin(), all.end(), [](const Totals& totals) { return totals.may_pay(); })) return;
+  for (const Totals& totals : all) {
+    ModelProgram& program = totals.program();
+    const ModelProgram with = totals.make(p.record_terms);
+    if (&program == &p.closing) p.record_terms = with.terms;
+    if (totals.pay(with)) program = with;
+  }
 }
 
 } // namespace torvale::evaluation

@@ -103,6 +103,8 @@ struct ModelPrograms {
   // the only point, with one level, also those of `gradient`, behind them. With gradients; then `curvature` has places
   // but no code.
   ModelProgram closing, closing_point;
+  // The terms of `closing`, also where its totals do not pay: what they compute once for a record serves all terms.
+  const engine::Program* record_terms = nullptr;
   int closing_mode(int place) const { return curvature.places + place; }
   int closing_gradient(int place) const { return curvature.places + mode.places + place; }
 

@@ -224,11 +224,12 @@ struct GroupState {
   Evaluated evaluated = Evaluated::nothing; // what the slots hold of that point; sums: they have been overwritten since
   double evaluated_objfun = 0.0;            // the objective there
   std::vector<double> kept_products;        // of sums: outer products of the gradients there, packed; or empty
-  // Derivatives of the modes by the parameters, nr x np a subject, in the order of the modes; empty: not kept. They
-  // tell where the modes of a nearby point are.
+  // Derivatives of the modes by the parameters; empty: not kept. They tell where the modes of a nearby point are. With
+  // one level nr x np rows of subjects, with several nr x np a subject, in the order of the modes.
   std::vector<float> ebes_by, ebtrial_by; // of the accepted modes, and of the last evaluation's
-  // Beside them, with up to three effects, the third derivatives of the log likelihood by these at the modes, a packed
-  // tetrahedron (modes/packed.h) a subject; empty: not kept. They bend the first Newton step of a search nearby.
+  // Beside them, with up to three effects, the third derivatives of the log likelihood by these at the modes: packed
+  // tetrahedra (modes/packed.h), laid out in the same way; empty: not kept. They bend the first Newton step of a search
+  // nearby.
   std::vector<float> ebes_bend, ebtrial_bend;
   bool ebtrial_by_known = false;  // that one had a gradient
   std::vector<double> ebes_point; // point of ebes_by; empty: there are none

@@ -163,12 +163,13 @@ private:
   {
     if constexpr (NR > 0) {
       constexpr int length = tetrahedron(NR);
+      const auto all = static_cast<long>(n_.leaf().SubInfo.size());
       const auto subjects = slots.through(b_.subject.data());
       T third[length];
       double bent[SlotGroup<T>::width];
       for (int i = 0; i < SlotGroup<T>::width; ++i) bent[i] = bends(slots.slot[i]) ? 1.0 : 0.0;
       const T which = SlotGroup<T>::load(bent);
-      for (int k = 0; k < length; ++k) third[k] = which * subjects.gather(n_.ebes_bend.data() + k, length);
+      for (int k = 0; k < length; ++k) third[k] = which * subjects.gather(n_.ebes_bend.data() + k * all, 1);
       steps.bend(third);
     }
   }
@@ -239,11 +240,11 @@ private:
     standardize(u, mean, factor, at);
     if (predicts_) {
       T ahead[capacity];
+      const auto all = static_cast<long>(n_.leaf().SubInfo.size());
       const float* by = n_.ebes_by.data();
-      const long apart = static_cast<long>(nr()) * n_.nparm;
       for (int i = 0; i < nr(); ++i)
-        for (int j = 0; j < n_.nparm; ++j)
-          u[i] += subjects.gather(by++, apart) * b_.parameter_step[static_cast<std::size_t>(j)];
+        for (int j = 0; j < n_.nparm; ++j, by += all)
+          u[i] += subjects.gather(by, 1) * b_.parameter_step[static_cast<std::size_t>(j)];
       standardize(u, mean, factor, ahead);
       auto near = ahead[0] == ahead[0];
       for (int i = 0; i < nr(); ++i) near = near & (ahead[i] - at[i] < farthest) & (at[i] - ahead[i] < farthest);

@@ -96,6 +96,23 @@ ModelText curve(double apart, int subjects)
   return m;
 }
 
+// The same with guards that some of its records fail: by the model, so that which do depends on the random effects, and
+// by the data, where the other side of a choice is missing.
+ModelText guarded_curve(double largest_residual)
+{
+  using syntax::Op;
+  ModelText m = curve(1.5, 60);
+  const Term residual = Term("y") - "m", by_log = log(Term("y")) - log(Term("m"));
+  const Term near = Term(-0.5) * (residual * residual / "s2" + log(Term("s2")));
+  const Term near_by_log = Term(-0.5) * (by_log * by_log / "s2" + log(Term("s2"))) - log(Term("y"));
+  m.assignments.pop_back();
+  m.assignments.emplace_back(
+      "ll", Term::choose(Term::binary(Op::greater, residual * residual, Term(largest_residual)), Term(-3.0), near));
+  m.assignments.emplace_back(
+      "_ll", Term("ll") + Term::choose(Term::binary(Op::greater, Term("y"), Term(0.4)), near_by_log, Term(-1.0)));
+  return m;
+}
+
 } // namespace
 
 TEST(Totals, AreTheSumsOfTheOutputs)
@@ -129,28 +146,59 @@ TEST(Totals, OfACurveInFewerOperations)
     ASSERT_NE(p->terms, nullptr);
     EXPECT_LT(2 * engine::program_size(*p->terms).lane, engine::program_size(*p->code).lane);
   }
+  // What records have in common at all points is computed once for all programs of an evaluation.
+  EXPECT_GT(engine::program_size(*n->programs.record_terms).observation, 0);
+  for (const auto* const p : {&n->programs.mode, &n->programs.closing_point})
+    EXPECT_EQ(engine::program_size(*p->terms).observation, 0);
+}
+
+// Records that fail a guard yield the sums nothing, a missing value of the other side neither; and the gradient is that
+// of the value.
+TEST(Totals, OfGuardedRecords)
+{
+  const std::vector<double> theta = {0.5, -3.0, -1.0, 0.25, 0.04, 0.01, 0.05};
+  for (const double largest : {0.09, 0.7, 1e300})
+    for (const int points : {1, 3}) {
+      SCOPED_TRACE(largest);
+      const auto text = guarded_curve(largest);
+      int programs = 0;
+      expect_same(text, {true, true, points}, theta, programs);
+      EXPECT_GT(programs, 1);
+      if (largest < 1.0) continue; // a record may cross the guard within a difference
+      const Result at = evaluate(text, {true, true, points}, theta, true, programs);
+      for (std::size_t j = 0; j < theta.size(); ++j) {
+        const double h = 1e-5 * (0.1 + std::abs(theta[j]));
+        auto up = theta, down = theta;
+        up[j] += h;
+        down[j] -= h;
+        const double difference = (evaluate(text, {true, true, points}, up, true, programs).value -
+                                   evaluate(text, {true, true, points}, down, true, programs).value) /
+                                  (2.0 * h);
+        EXPECT_NEAR(at.gradient[j], difference, 1e-5 * (1.0 + std::abs(difference))) << j;
+      }
+    }
 }
 
 TEST(Totals, SameBitsForThreadsAndWithoutMachineCode)
 {
-  const auto text = curve(1.5, 300);
-  for (const int points : {1, 4}) {
-    const auto evaluated = [&](int threads) {
-      const auto n = make_run(text, {true, true, points, 0, 0, threads});
-      n->dograd = true;
-      integration::size_contexts(*n);
-      EXPECT_NE(n->programs.closing.terms, nullptr);
-      std::vector<double> result = {objective(*n, {0.5, -3.0, -1.0, 0.25, 0.04, 0.01, 0.05}, true)};
-      result.insert(result.end(), n->objgrad.begin(), n->objgrad.end());
-      return result;
-    };
-    const auto expected = evaluated(1);
-    ASSERT_LT(expected[0], model::failure_objective);
-    for (const int threads : {2, 3, 7}) EXPECT_EQ(evaluated(threads), expected) << threads;
-    engine::set_native(false);
-    EXPECT_EQ(evaluated(1), expected);
-    engine::set_native(true);
-  }
+  for (const auto& text : {curve(1.5, 300), guarded_curve(0.7)})
+    for (const int points : {1, 4}) {
+      const auto evaluated = [&](int threads) {
+        const auto n = make_run(text, {true, true, points, 0, 0, threads});
+        n->dograd = true;
+        integration::size_contexts(*n);
+        EXPECT_NE(n->programs.closing.terms, nullptr);
+        std::vector<double> result = {objective(*n, {0.5, -3.0, -1.0, 0.25, 0.04, 0.01, 0.05}, true)};
+        result.insert(result.end(), n->objgrad.begin(), n->objgrad.end());
+        return result;
+      };
+      const auto expected = evaluated(1);
+      ASSERT_LT(expected[0], model::failure_objective);
+      for (const int threads : {2, 3, 7}) EXPECT_EQ(evaluated(threads), expected) << threads;
+      engine::set_native(false);
+      EXPECT_EQ(evaluated(1), expected);
+      engine::set_native(true);
+    }
 }
 
 // Where the two rates are nearly the same the derivatives are small differences of large terms: no more is lost of them

@@ -225,8 +225,16 @@ int Frame::State::look_up(FrameProgram& f)
 int Frame::State::prepare_range(FrameProgram& f)
 {
   const StageCode& code = f.program.code(Stage::observation);
-  if ((code.empty() && f.program.code(Stage::distinct).empty()) || f.range == range_version) return 0;
+  if (f.range == range_version) return 0;
+  if (f.program.records_of != nullptr) {
+    FrameProgram& other = program(*f.program.records_of);
+    if (const int fault = prepare(other); fault != 0) return fault;
+    gather(other);
+    if (const int fault = prepare_range(other); fault != 0) return fault;
+    f.records_of = &other;
+  }
   f.range = range_version;
+  if (code.empty() && f.program.code(Stage::distinct).empty()) return 0;
   f.range_stride = row_of_results(count);
   f.observation.reserve(static_cast<std::size_t>(f.range_stride) * code.results.size());
   if (const int fault = look_up(f); fault != 0) return fault;
@@ -280,8 +288,9 @@ Sources Frame::State::common_sources(const FrameProgram& f) const
                                 : padded(count);
   s.records = records;
   s.distinct = f.distinct.data();
-  s.observation = f.observation.data();
-  s.observation_stride = f.range_stride;
+  const FrameProgram& of_records = f.records_of != nullptr ? *f.records_of : f;
+  s.observation = of_records.observation.data();
+  s.observation_stride = std::max(f.range_stride, of_records.range_stride); // where both have results they are the same
   s.first = first;
   s.point = f.point.data();
   s.point_stride = f.point_stride;

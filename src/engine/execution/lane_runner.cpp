@@ -436,7 +436,7 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
     case Step::Kind::output:
       std::memcpy(outputs.at + s.index * outputs.stride, op.in[0],
                   static_cast<std::size_t>(lanes.count) * sizeof(double));
-      make_canonical(outputs.at + s.index * outputs.stride, lanes.count);
+      if (code_.canonical) make_canonical(outputs.at + s.index * outputs.stride, lanes.count);
       break;
     case Step::Kind::loop_begin:
       if (!any_true(op.in[0], n)) k = static_cast<std::size_t>(s.index) - 1;

@@ -251,6 +251,7 @@ private:
   // Outputs are looked through two at a time.
   void check(ValueId v)
   {
+    if (!code_.canonical) return;
     if (pending_ == no_value) {
       pending_ = v;
       return;

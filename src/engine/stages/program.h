@@ -74,6 +74,7 @@ struct StageCode {
   std::vector<std::vector<std::int32_t>> elements; // operands of element steps, by their index
   std::vector<NodeId> results; // nodes that later stages (or the caller) read, by index of `keep` and `output`
   int outputs = 0;             // results that are outputs of the program: the first ones
+  bool canonical = true;       // NaNs among them become the missing value
   int registers = 0;           // fixed ones first
   int operations = 0;          // kernels and text tests
   std::unique_ptr<NativeStages> native = std::make_unique<NativeStages>(); // its machine code
@@ -106,6 +107,7 @@ public:
   std::vector<std::int32_t> data_kept; // the same in the data stage: next values are its last results
   std::vector<Column> columns;         // what stages read of the data
   int computed_columns = 0;            // data results before the next values
+  const Program* records_of = nullptr; // whose results of the observation stage it reads; null: its own
   std::int32_t counted = -1;           // symbol of the data variable whose values the stage `distinct` is run over
   int nodes = 0;                       // distinct nodes behind the outputs
   std::int64_t nodes_before = 0;       // the same without sharing

@@ -82,7 +82,7 @@ bool is_plain(Kernel k)
 bool lanes_are_records(CMPGLOBAL& gcmp, const std::vector<NodeId>& results, Visits visits)
 {
   const auto is_effect = [](const CMPSYM& s) { return s.random_effect >= 0; };
-  if (visits == Visits::many && std::any_of(gcmp.symbols.begin(), gcmp.symbols.end(), is_effect)) return false;
+  if (visits != Visits::once && std::any_of(gcmp.symbols.begin(), gcmp.symbols.end(), is_effect)) return false;
   return std::none_of(results.begin(), results.end(),
                       [&](NodeId id) { return (gcmp.dependence.classes(id) & depends::on_history) != 0; });
 }
@@ -130,7 +130,32 @@ bool Specialiser::costs(NodeId id)
   return costs_[id] = found;
 }
 
-const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits)
+namespace {
+
+// Takes the results of the observation stage from the other program, where that has them all.
+void share_records(Program& program, const Program* beside)
+{
+  if (beside == nullptr) return;
+  if (beside->records_of != nullptr) beside = beside->records_of;
+  std::vector<NodeId>& own = program.code(Stage::observation).results;
+  const std::vector<NodeId>& all = beside->code(Stage::observation).results;
+  std::vector<std::int32_t> place;
+  for (const NodeId id : own) {
+    const auto at = std::find(all.begin(), all.end(), id);
+    if (at == all.end()) return;
+    place.push_back(static_cast<std::int32_t>(at - all.begin()));
+  }
+  if (own.empty()) return;
+  own.clear();
+  program.records_of = beside;
+  for (const Stage s : {Stage::lane, Stage::point})
+    for (Input& input : program.code(s).inputs)
+      if (input.from == Input::From::observation) input.index = place[static_cast<std::size_t>(input.index)];
+}
+
+} // namespace
+
+const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits visits, const Program* beside)
 {
   gcmp.translate();
   auto owned = std::make_unique<Program>();
@@ -162,7 +187,10 @@ const Program* cmpspec(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, Visits
     all.let_points_be_lanes();
   else if (lanes_are_records(gcmp, nodes, visits))
     all.let_records_be_lanes();
-  for (const Stage s : {Stage::lane, Stage::point, Stage::observation, Stage::distinct}) emit_stage(all, s);
+  program.code(Stage::lane).canonical = visits != Visits::terms;
+  for (const Stage s : {Stage::lane, Stage::point}) emit_stage(all, s);
+  share_records(program, beside);
+  for (const Stage s : {Stage::observation, Stage::distinct}) emit_stage(all, s);
   program.computed_columns = static_cast<int>(program.code(Stage::data).results.size());
   emit_stage(all, Stage::data);
   emit_stage(all, Stage::parameter);

@@ -47,7 +47,8 @@ public:
   const std::set<NodeId>& whole() const { return whole_; }
 
 private:
-  using Product = std::vector<NodeId>; // of values that vary by record; ascending, with repetitions; empty: 1
+  using Product =
+      std::vector<NodeId>; // of values that vary by record, and masks; ascending, with repetitions; empty: 1
 
   bool same_for_all_records(NodeId id)
   {
@@ -73,6 +74,8 @@ private:
     case Kernel::add:
     case Kernel::subtract:
       return of_record(n.operand[0]) || of_record(n.operand[1]) || !varies_by_point_alone_within(id);
+    case Kernel::select: // a guard of parameters, or what is nothing in some records
+      return !same_for_all_records(n.operand[0]) && !graph_.is_constant(n.operand[2], 0.0);
     case Kernel::negate:
     case Kernel::multiply:
     case Kernel::square:
@@ -95,6 +98,9 @@ private:
     const NodeId a = n.operand[0], b = n.operand[1];
     bool found = false;
     switch (n.kernel) {
+    case Kernel::select:
+      found = same_for_all_records(a);
+      break;
     case Kernel::add:
     case Kernel::subtract:
     case Kernel::multiply:
@@ -141,6 +147,17 @@ private:
     std::merge(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(both));
     return both;
   }
+
+  static std::set<Product> times(const std::set<Product>& all, const Product& factor)
+  {
+    std::set<Product> products;
+    for (const Product& p : all) products.insert(joined(p, factor));
+    return products;
+  }
+
+  // A part of a product that makes it 0, even a missing one, where the mask is not set; and its mask.
+  static NodeId where(NodeId mask) { return -1 - mask; }
+  static NodeId mask_of(NodeId part) { return -1 - part; }
 
   // Whether a value is a single product, and what of it varies by record.
   bool single(NodeId id, Product& varying)
@@ -207,6 +224,11 @@ private:
       return;
     case Kernel::multiply:
       return take_product_apart(id, a, b, by);
+    case Kernel::select:
+      if (!same_for_all_records(a)) return pass_on(b, times(by, {where(a)}));
+      pass_on(b, by);
+      pass_on(n.operand[2], by);
+      return;
     case Kernel::square:
       if (Product of_a; !single(a, of_a)) whole_.insert(core(a));
       return;
@@ -231,9 +253,7 @@ private:
       }
     }
     factor_[id] = factor;
-    std::set<Product> with;
-    for (const Product& p : by) with.insert(joined(p, varying));
-    pass_on(rest, with);
+    pass_on(rest, times(by, varying));
   }
 
   // The sum over records of a value times a product.
@@ -259,6 +279,9 @@ private:
       return graph_.subtract(total(a, by), total(b, by));
     case Kernel::negate:
       return graph_.negate(total(a, by));
+    case Kernel::select:
+      if (!same_for_all_records(a)) return total(b, joined(by, {where(a)}));
+      return graph_.select(a, total(b, by), total(n.operand[2], by));
     case Kernel::multiply: {
       const NodeId factor = factor_.at(id), rest = factor == a ? b : a;
       return multiple(factor, total(rest, joined(by, varying_part(factor))));
@@ -299,9 +322,11 @@ private:
 
   NodeId total_of_term(const Product& p)
   {
-    NodeId term = p.empty() ? graph_.one() : p.front();
-    for (std::size_t k = 1; k < p.size(); ++k)
-      term = k == 1 && p[1] == p[0] ? graph_.square(term) : graph_.multiply(term, p[k]);
+    const auto first = std::find_if(p.begin(), p.end(), [](NodeId part) { return part >= 0; }); // masks come before
+    NodeId term = first == p.end() ? graph_.one() : *first;
+    for (auto k = first; k != p.end() && k + 1 != p.end(); ++k)
+      term = k == first && k[1] == k[0] ? graph_.square(term) : graph_.multiply(term, k[1]);
+    for (auto k = p.begin(); k != first; ++k) term = graph_.select(mask_of(*k), term, graph_.zero());
     const auto [at, fresh] = place_.try_emplace(term, static_cast<int>(terms_.size())); // two products may be one
     if (fresh) terms_.push_back(term);
     return graph_.symbol(gcmp_.total_symbol(at->second).index);

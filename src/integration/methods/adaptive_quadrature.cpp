@@ -80,7 +80,7 @@ int AdaptiveQuadrature::evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) 
   if (n.adaptive)
     if (const int rc = modes::tvlebes(n, ctx, gradient && n.programs.closing ? &at_modes : nullptr); rc > 2) return rc;
   if (!n.adaptive) std::fill_n(ctx.batch.z.begin(), static_cast<long>(ctx.batch.slots) * reff.nr, 0.0);
-  find_spread(n, ctx.batch);
+  if (!taken_at_modes(n, ctx.batch, gradient)) find_spread(n, ctx.batch);
   if (const int rc = sum_points(n, ctx, gradient); rc > 2) return rc;
   if (!gradient) return 0;
   note_null_directions(n, ctx.batch);

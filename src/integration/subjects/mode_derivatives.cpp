@@ -26,7 +26,8 @@ public:
 
   ModeDerivatives(const NX& n, const BatchWork& b, const SlotGroup<T>& slots)
       : n_(n), b_(b), reff_(n.leaf()), nr_(n.leaf().nr), np_(n.nparm), slots_(slots),
-        columns_(slots.through(b.column.data()))
+        columns_(slots.through(b.column.data())), subjects_(slots.through(b.subject.data())),
+        length_(static_cast<long>(reff_.SubInfo.size()))
   {
     T curve[triangle];
     for (int i = 0; i < nr(); ++i) slope_[i] = slots_.gather(b.slope.data() + i, nr());
@@ -40,10 +41,9 @@ public:
       }
   }
 
-  // Rows of effects, by the parameters; nr x np numbers for each subject.
+  // A row of subjects for each derivative of an effect by a parameter.
   void keep(float* to) const
   {
-    const auto subjects = slots_.through(b_.subject.data());
     for (int j = 0; j < np_; ++j) {
       T s[capacity] = {}, c[capacity];
       move_prior(j, s);
@@ -52,21 +52,20 @@ public:
       for (int i = 0; i < nr(); ++i) {
         T t = {};
         for (int k = 0; k < nr(); ++k) t += w_[i * nr() + k] * s[k] + v_[i * nr() + k] * c[k];
-        subjects.scatter(t, to + i * np_ + j, static_cast<long>(nr()) * np_);
+        subjects_.scatter(t, to + (i * np_ + j) * length_, 1);
       }
     }
   }
 
-  // Third derivatives by the effects; a tetrahedron for each subject.
+  // Third derivatives by the effects, likewise.
   void keep_bend(float* to) const
   {
-    const auto subjects = slots_.through(b_.subject.data());
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j <= i; ++j)
         for (int k = 0; k <= j; ++k) {
           const int place = n_.programs.third_place(np_ + k, packed(i, j));
-          subjects.scatter(columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride), to++,
-                           modes::tetrahedron(nr()));
+          subjects_.scatter(columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride), to, 1);
+          to += length_;
         }
   }
 
@@ -119,7 +118,8 @@ private:
   const REFFECT& reff_;
   const int nr_, np_;
   const SlotGroup<T>& slots_;
-  const SlotGroup<T> columns_;
+  const SlotGroup<T> columns_, subjects_;
+  const long length_; // of a row: all subjects
   T slope_[capacity], v_[capacity * capacity], w_[capacity * capacity];
 };
 

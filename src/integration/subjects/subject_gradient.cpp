@@ -52,11 +52,12 @@ public:
         factored_(b.factored.in_use), at_mode_(taken_at_modes(n, b, true)), s_(n.qscale * root_two)
   {
     for (int k = 0; k < nrs(); ++k) l_[k] = slots_.gather_or_share(n_.leaf().setup_varies, b.factor.data() + k, nrs());
-    take(c_, b.spread, nrs());
+    if (!at_mode_) take(c_, b.spread, nrs());
     take(zm_, b.z, nr());
     take(slope_, b.slope, nr());
     take(curve_, b.curve, nrs());
-    per_total_ = 1.0 / slots_.from_row(b.total.data());
+    if (n.adaptive) take(inverse_, b.covariance, nrs());
+    per_total_ = at_mode_ ? T{} + 1.0 : 1.0 / slots_.from_row(b.total.data());
     for (int i = 0; i < nr(); ++i) u1_[i] = per_total_ * slope_sum(i);
   }
 
@@ -145,16 +146,15 @@ private:
       for (int k = 0; k < nr(); ++k) tau[k] = through_third(np_ + k);
     }
 
-    T lambda[capacity], pull[capacity], inverse[triangle]; // pull = tau + ll_uu lu
-    take(inverse, b_.covariance, nrs());
-    const T half = at_mode_ ? half_square(inverse, vb) : T{};
+    T lambda[capacity], pull[capacity]; // pull = tau + ll_uu lu
+    const T half = at_mode_ ? half_square(vb) : T{};
     for (int i = 0; i < nr(); ++i)
       for (int k = i; k < nr(); ++k) vb[i] += l_[packed(k, i)] * tau[k];
     for (int i = 0; i < nr(); ++i) {
       lambda[i] = T{};
-      for (int k = 0; k < nr(); ++k) lambda[i] += inverse[packed(i, k)] * vb[k];
+      for (int k = 0; k < nr(); ++k) lambda[i] += inverse_[packed(i, k)] * vb[k];
     }
-    finish_step(inverse, lambda, half);
+    finish_step(lambda, half);
     for (int i = 0; i < nr(); ++i) {
       lu_[i] = T{};
       for (int k = 0; k <= i; ++k) lu_[i] += l_[packed(i, k)] * lambda[k];
@@ -171,17 +171,17 @@ private:
     }
   }
 
-  T half_square(const T* inverse, const T* v) const // v' H^-1 v / 2
+  T half_square(const T* v) const // v' H^-1 v / 2
   {
     T t = {};
     for (int i = 0; i < nr(); ++i)
-      for (int k = 0; k < nr(); ++k) t += v[i] * (inverse[packed(i, k)] * v[k]);
+      for (int k = 0; k < nr(); ++k) t += v[i] * (inverse_[packed(i, k)] * v[k]);
     return 0.5 * t;
   }
 
   // To the end of the step s = H^-1 (L'll_u - zm) that the search had left, and what that adds to -v: s'(vb + L'tau).
   // At the only point vb itself vanishes at the mode, and counts by half.
-  void finish_step(const T* inverse, const T* lambda, const T& half)
+  void finish_step(const T* lambda, const T& half)
   {
     T pull[capacity], added = -half;
     for (int i = 0; i < nr(); ++i) {
@@ -191,19 +191,33 @@ private:
     }
     for (int i = 0; i < nr(); ++i) {
       T z = zm_[i];
-      for (int k = 0; k < nr(); ++k) z += inverse[packed(i, k)] * pull[k];
+      for (int k = 0; k < nr(); ++k) z += inverse_[packed(i, k)] * pull[k];
       slots_.scatter(z, b_.z.data() + i, nr());
     }
     slots_.scatter(slots_.from_row(b_.peak.data()) + added, b_.peak.data(), 1);
   }
 
-  // Z = C (P + I/2) C' into z_, and L Z into lz_.
+  // Z = C (P + I/2) C' into z_, and L Z into lz_. At the only point P = 0, and Z is half the inverse Hessian.
   void scale_adjoint()
+  {
+    if (at_mode_)
+      for (int k = 0; k < nrs(); ++k) z_[k] = 0.5 * inverse_[k];
+    else
+      form_scale_adjoint();
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j < nr(); ++j) {
+        T t = {};
+        for (int k = 0; k <= i; ++k) t += l_[packed(i, k)] * z_[packed(k, j)];
+        lz_[i * nr() + j] = t;
+      }
+  }
+
+  void form_scale_adjoint()
   {
     T p[triangle]; // P + I/2
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j <= i; ++j) p[packed(i, j)] = T{} + (i == j ? 0.5 : 0.0);
-    if (!at_mode_) add_spread(p);
+    add_spread(p);
     T cp[capacity * capacity]; // C (P + I/2)
     for (int i = 0; i < nr(); ++i)
       for (int j = 0; j < nr(); ++j) {
@@ -216,12 +230,6 @@ private:
         T t = {};
         for (int k = 0; k <= j; ++k) t += cp[i * nr() + k] * c_[packed(j, k)];
         z_[packed(i, j)] = t;
-      }
-    for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j < nr(); ++j) {
-        T t = {};
-        for (int k = 0; k <= i; ++k) t += l_[packed(i, k)] * z_[packed(k, j)];
-        lz_[i * nr() + j] = t;
       }
   }
 
@@ -308,8 +316,8 @@ private:
   const SlotGroup<T> columns_;
   const bool factored_, at_mode_;
   const double s_;
-  T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity],
-      curve_[triangle]; // L, C, mode, ll_u and ll_uu at the mode
+  T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity], curve_[triangle],
+      inverse_[triangle]; // L, C, mode, ll_u and ll_uu at the mode, H^-1
   T per_total_;
   T x1_[capacity], u1_[capacity], ux_[capacity * capacity]; // means of x, ll_u, ll_u x'
   T mean_bar_[capacity];                                    // adjoint of the means
