@@ -37,13 +37,20 @@ struct Outputs {
     return program;
   }
 
-  // Those that are not zero.
-  std::vector<engine::CMPSYM*> wanted() const
+  // The programs of terms and totals beside it; `ll` is a term itself. The terms share what records have at all points
+  // in common with the program `beside`.
+  model::ModelProgram by_totals(engine::CMPGLOBAL& gcmp, engine::CMPSYM* ll, model::ModelProgram program,
+                                const engine::Program* beside) const
   {
-    std::vector<engine::CMPSYM*> all;
+    std::vector<engine::CMPSYM*> wanted;
     for (engine::CMPSYM* const s : symbols)
-      if (s != nullptr) all.push_back(s);
-    return all;
+      if (s != nullptr) wanted.push_back(s);
+    const engine::TotalForms forms = engine::cmptotal(gcmp, wanted, {&ll, 1});
+    if (forms.terms.empty()) return program;
+    program.term_count = static_cast<int>(forms.terms.size());
+    program.terms = engine::cmpspec(gcmp, forms.terms, engine::Visits::terms, beside);
+    program.totals = engine::cmpspec(gcmp, forms.totals, engine::Visits::totals);
+    return program;
   }
 
 private:

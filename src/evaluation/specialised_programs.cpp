@@ -240,97 +240,73 @@ void specialise_single_point(NX& n)
 
 namespace {
 
-// Terms and totals of outputs, and what a program of so many records takes of operations of machine code with and
-// without them: an output of a lane is read, added to and stored.
-class Totals {
-public:
-  Totals(NX& n, ModelProgram& program, const Outputs& outputs, double records)
-      : n_(n), program_(program), wanted_(outputs.wanted()), forms_(engine::cmptotal(*n.gcmp, wanted_, {&n.llsym, 1})),
-        records_(records)
-  {
-  }
+// Whether the terms of so many records and their totals are less work than the outputs, by the operations of
+// machine code: an output of a lane is read, added to and stored.
+bool totals_pay(const ModelProgram& p, double records)
+{
+  if (p.terms == nullptr) return false;
+  constexpr double of_output = 2.0, ahead = 1.1;
+  const auto of_lane = [&](const engine::Program& code, std::size_t outputs) {
+    return engine::program_size(code).lane + of_output * static_cast<double>(outputs);
+  };
+  const auto of_point = [](const engine::Program& code) { return engine::program_size(code).point; };
+  const double plain = records * of_lane(*p.code, p.outputs.size()) + of_point(*p.code);
+  const double by_totals = records * of_lane(*p.terms, static_cast<std::size_t>(p.term_count)) + of_point(*p.terms) +
+                           of_lane(*p.totals, p.outputs.size());
+  return plain > ahead * by_totals;
+}
 
-  // By the formulas alone, with room for what they do not tell: programs that will not be taken need not be made.
-  bool may_pay() const
-  {
-    if (forms_.terms.empty()) return false;
-    constexpr double ahead = 1.05;
-    const double of_outputs = engine::lane_nodes(*n_.gcmp, wanted_),
-                 of_terms = engine::lane_nodes(*n_.gcmp, forms_.terms);
-    const auto size = engine::program_size(*program_.code);
-    const double lane = of_outputs > of_terms ? size.lane * of_terms / of_outputs : size.lane;
-    return plain() > ahead * (records_ * with_outputs(lane, forms_.terms.size()) + size.point +
-                              with_outputs(0.0, program_.outputs.size()));
-  }
-
-  ModelProgram& program() const { return program_; }
-
-  // The program with them. The terms share what records have at all points in common with the program `beside`.
-  ModelProgram make(const engine::Program* beside) const
-  {
-    ModelProgram with = program_;
-    if (forms_.terms.empty()) return with;
-    with.term_count = static_cast<int>(forms_.terms.size());
-    with.terms = engine::cmpspec(*n_.gcmp, forms_.terms, engine::Visits::terms, beside);
-    with.totals = engine::cmpspec(*n_.gcmp, forms_.totals, engine::Visits::totals);
-    return with;
-  }
-
-  // Whether that is less work.
-  bool pay(const ModelProgram& with) const
-  {
-    if (with.terms == nullptr) return false;
-    constexpr double ahead = 1.1;
-    const auto terms = engine::program_size(*with.terms), totals = engine::program_size(*with.totals);
-    const double by_totals = records_ * with_outputs(terms.lane, forms_.terms.size()) + terms.point +
-                             with_outputs(totals.lane, program_.outputs.size());
-    return plain() > ahead * by_totals;
-  }
-
-private:
-  static double with_outputs(double operations, std::size_t outputs)
-  {
-    constexpr double of_output = 2.0;
-    return operations + of_output * static_cast<double>(outputs);
-  }
-  double plain() const
-  {
-    const auto size = engine::program_size(*program_.code);
-    return records_ * with_outputs(size.lane, program_.outputs.size()) + size.point;
-  }
-
-  NX& n_;
-  ModelProgram& program_;
-  std::vector<CMPSYM*> wanted_;
-  engine::TotalForms forms_;
-  double records_;
-};
+// Whether that can be, by the formulas alone and with room for what they do not tell: most programs that would not be
+// taken are not made.
+bool totals_may_pay(NX& n, const ModelProgram& p, const Outputs& outputs, double records)
+{
+  if (!p || p.looked_for_totals || engine::sequential(*p.code)) return false;
+  std::vector<CMPSYM*> wanted;
+  for (CMPSYM* const s : outputs.symbols)
+    if (s != nullptr) wanted.push_back(s);
+  const engine::TotalForms forms = engine::cmptotal(*n.gcmp, wanted, {&n.llsym, 1});
+  if (forms.terms.empty()) return false;
+  constexpr double of_output = 2.0, ahead = 1.05;
+  const double of_outputs = engine::lane_nodes(*n.gcmp, wanted), of_terms = engine::lane_nodes(*n.gcmp, forms.terms);
+  const double lane = engine::program_size(*p.code).lane, point = engine::program_size(*p.code).point;
+  const double lane_of_terms = of_outputs > of_terms ? lane * of_terms / of_outputs : lane;
+  const auto count = static_cast<double>(p.outputs.size()), terms = static_cast<double>(forms.terms.size());
+  return records * (lane + of_output * count) + point >
+         ahead * (records * (lane_of_terms + of_output * terms) + point + of_output * count);
+}
 
 } // namespace
 
 void specialise_totals(NX& n, double records)
 {
   ModelPrograms& p = n.programs;
-  if (n.nreff() == 0 || n.method == 1) return;
+  if (n.nreff() == 0) return;
   const REFFECT& reff = n.leaf();
-  std::vector<Totals> all;
-  const auto look = [&](ModelProgram& program, const Outputs& outputs) {
-    if (!program || std::exchange(program.looked_for_totals, true) || engine::sequential(*program.code)) return;
-    all.emplace_back(n, program, outputs, records);
-  };
-  look(p.closing,
-       curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
-  look(p.closing_point,
-       curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr)));
-  look(p.mode, mode_outputs(n, reff));
-  look(p.gradient, gradient_outputs(n, reff.gradstr));
-  if (std::none_of(all.begin(), all.end(), [](const Totals& totals) { return totals.may_pay(); })) return;
-  for (const Totals& totals : all) {
-    ModelProgram& program = totals.program();
-    const ModelProgram with = totals.make(p.record_terms);
+  const auto make = [&](ModelProgram& program, const Outputs& outputs, bool anyway = false) {
+    if (!program || program.looked_for_totals) return;
+    program.looked_for_totals = true;
+    if (engine::sequential(*program.code)) return;
+    const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program, p.record_terms);
     if (&program == &p.closing) p.record_terms = with.terms;
-    if (totals.pay(with)) program = with;
+    if (with.terms != nullptr && (anyway || totals_pay(with, records))) program = with;
+  };
+  if (n.method == 1) { // the value is the same with and without the gradient
+    make(p.linear_gradient, linear_outputs(n, reff, true));
+    make(p.linear, linear_outputs(n, reff, false), p.linear_gradient.terms != nullptr);
   }
+  // What closes a subject comes first: the others have part in its records.
+  const std::pair<ModelProgram*, Outputs> all[] = {
+      {&p.closing, curvature_outputs(n, reff).append(mode_outputs(n, reff))},
+      {&p.closing_point,
+       curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr))},
+      {&p.mode, mode_outputs(n, reff)},
+      {&p.gradient, gradient_outputs(n, reff.gradstr)}};
+  if (std::none_of(std::begin(all), std::end(all),
+                   [&](const auto& one) { return totals_may_pay(n, *one.first, one.second, records); })) {
+    for (const auto& [program, outputs] : all) program->looked_for_totals = program->looked_for_totals || *program;
+    return;
+  }
+  for (const auto& [program, outputs] : all) make(*program, outputs);
 }
 
 } // namespace torvale::evaluation

@@ -55,6 +55,10 @@ void accept_modes(model::NX& n);
 // gradient or was at another point.
 int outer_products(model::NX& n, std::vector<double>& sum);
 
+// parameters_of_covariance: 1 for each parameter that elements of G depend on, at any level, 0 for the others; in the
+// order of a slot's gradient.
+std::vector<char> parameters_of_covariance(const model::NX& n);
+
 // form_meat: n.meat = sum over subjects of (weight times) the outer product of the subject's gradient, from the slots
 // of the last evaluation. Returns 0 and sets havemeat; or 1 when that evaluation failed, had no gradient or was at
 // another point.

@@ -167,11 +167,12 @@ TEST(Ridges, SmallUnitsDoNotPutVariancesOnTheirBounds)
 // points take away.
 TEST(Ridges, BrokenByThePointsOfIntegrals)
 {
-  std::string csv = "id,y\n";
+  std::string csv = "id,x,y,one,few\n"; // one, few: inner levels, in each subject one, or in three of them two
   const int level[] = {0, 1, 2, 3, 4, 2, 6, 1, 3, 8, 2, 1};
   for (int i = 0; i < 24; ++i)
     for (int j = 0; j < 4; ++j)
-      csv += std::to_string(i) + "," + std::to_string(level[i / 2] + (i * 3 + j * 5) % 4) + "\n";
+      csv += std::to_string(i) + "," + std::to_string(j) + "," + std::to_string(level[i / 2] + (i * 3 + j * 5) % 4) +
+             ",0," + std::to_string(i < 3 ? j / 2 : 0) + "\n";
   const TemporaryFile file("counts.csv", csv);
   const auto fit = [&](const std::string& options, const std::string& model) {
     return run_text("TORVALE DATA='" + file.path() + "' " + options + "; " + model + " SUBJECT=id; RUN;");
@@ -179,7 +180,8 @@ TEST(Ridges, BrokenByThePointsOfIntegrals)
   const std::string two =
       "PARMS b0=1 s1=.3 s2=.2; MODEL y ~ POISSON(exp(b0+u+v)); RANDOM u v ~ NORMAL([0,0],[s1,0,s2])";
   const auto one = fit("QPOINTS=15", "PARMS b0=1 s=.3; MODEL y ~ POISSON(exp(b0+u)); RANDOM u ~ NORMAL(0,s)");
-  for (const std::string options : {"", "QPOINTS=3", "QPOINTS=5", "TECHNIQUE=TRUREG"}) {
+  // (QPOINTS=7 of TRUREG ends where one of them vanishes, QPOINTS=9 between the ends.)
+  for (const std::string options : {"", "QPOINTS=3", "QPOINTS=5", "QPOINTS=7 TECHNIQUE=TRUREG", "QPOINTS=9"}) {
     const auto run = fit(options, two);
     EXPECT_EQ(run.outcome.exit_code, 6) << options << run.log;
     for (const char* const name : {"s1", "s2"})
@@ -189,9 +191,19 @@ TEST(Ridges, BrokenByThePointsOfIntegrals)
         << options;
   }
   // Effects that the data tell apart stay what they are.
-  const auto apart = fit("QPOINTS=5", "x = _n_ - 4*floor((_n_ - 1)/4) - 2.5; PARMS b0=1 s1=.3 s2=.2;"
-                                      "MODEL y ~ POISSON(exp(b0+u+v*x)); RANDOM u v ~ NORMAL([0,0],[s1,0,s2])");
+  const auto apart =
+      fit("QPOINTS=5",
+          "PARMS b0=1 s1=.3 s2=.2; MODEL y ~ POISSON(exp(b0+u+v*(x-1.5))); RANDOM u v ~ NORMAL([0,0],[s1,0,s2])");
   EXPECT_GT(apart.number("ParameterEstimates", "s1", "StandardError"), 0.0) << apart.log;
+  // Nested levels are one where each subject has one of the inner ones, and two where a few have more.
+  for (const auto& [inner, code] : {std::pair("one", 6), std::pair("few", 0)})
+    for (const std::string options : {"QPOINTS=3", "QPOINTS=5", "QPOINTS=7 TECHNIQUE=TRUREG"}) {
+      const auto run = run_text("TORVALE DATA='" + file.path() + "' " + options +
+                                "; PARMS b0=1 s1=.3 s2=.2; BOUNDS s1>=0, s2>=0; MODEL y ~ POISSON(exp(b0+u+v));"
+                                "RANDOM u ~ NORMAL(0,s1) SUBJECT=id; RANDOM v ~ NORMAL(0,s2) SUBJECT=" +
+                                inner + "(id); RUN;");
+      EXPECT_EQ(run.outcome.exit_code, code) << options << inner << run.log;
+    }
 }
 
 } // namespace torvale::tests

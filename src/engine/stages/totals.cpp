@@ -2,7 +2,7 @@
 // for all records of a point comes out of a sum, and sums of sums are taken term by term: a lane then computes products
 // of a few values, and the rest of the work is done once for each point.
 //
-// Sums are taken apart where that costs no digits. A sum that is multiplied by several things that vary by record, one
+// Sums are taken apart where that costs no digits. A sum that is multiplied by several things that vary by record, two
 // of its own terms among them, is kept whole, as in the square of a derivative that is a difference: the rounding of
 // its terms is then the same in all of these products, and what cancels between them cancels.
 
@@ -120,12 +120,13 @@ private:
     return within_[id] = found;
   }
 
-  // Whether the sum has one of these among its terms. Of a sum of too many, or of products of sums, it is thought so.
-  bool has_a_term(NodeId sum, const std::set<Product>& of)
+  // Whether the sum has two of these among its terms, as one that is multiplied by itself. Of a sum of too many, or of
+  // products of sums, it is thought so.
+  bool has_terms(NodeId sum, const std::set<Product>& of)
   {
     std::set<Product> terms;
     if (!list_terms(sum, terms)) return true;
-    return std::any_of(of.begin(), of.end(), [&](const Product& p) { return terms.count(p) > 0; });
+    return std::count_if(of.begin(), of.end(), [&](const Product& p) { return terms.count(p) > 0; }) > 1;
   }
   bool list_terms(NodeId id, std::set<Product>& terms)
   {
@@ -215,7 +216,7 @@ private:
     switch (n.kernel) {
     case Kernel::add:
     case Kernel::subtract:
-      if (by.size() > 1 && (sparing_ || has_a_term(id, by))) {
+      if (by.size() > 1 && (sparing_ || has_terms(id, by))) {
         whole_.insert(id);
         return;
       }

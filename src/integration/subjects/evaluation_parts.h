@@ -100,6 +100,10 @@ void close_factored(const model::ModelLists& n, const model::TVLThreadCtx& ctx, 
 // nqpr numbers a slot. By a second pass; allocates. Returns as sum_points.
 int find_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
 
+// list_good_slots: those that have not failed, into b.active, and the place of each there into b.column. Returns how
+// many they are.
+int list_good_slots(model::BatchWork& b);
+
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.
 int sum_curvature(const model::NX& n, model::TVLThreadCtx& ctx);

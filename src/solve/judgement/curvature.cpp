@@ -19,7 +19,7 @@ void Curvature::unturned()
 }
 
 bool gradient_along(FitSurface& surface, const std::vector<double>& d, double h, const double* g0,
-                    std::vector<double>& column, double* fails)
+                    std::vector<double>& column)
 {
   const std::size_t np = d.size();
   std::vector<double> t(np), other(np);
@@ -30,7 +30,6 @@ bool gradient_along(FitSurface& surface, const std::vector<double>& d, double h,
     return surface.gradient(t.data(), f, g.data());
   };
   const bool up = at(h, column), down = at(-h, other);
-  if (fails != nullptr) *fails = up == down ? 0.0 : up ? -1.0 : 1.0;
   if (up && down) {
     for (std::size_t j = 0; j < np; ++j) column[j] = (column[j] - other[j]) / (2.0 * h);
     return true;
@@ -71,10 +70,8 @@ bool no_step(const FitCoordinates& c, int i, double h)
 }
 
 // Finds the scale of coordinate i: its interval is right when the curvature over it is that of `step` standard
-// errors, or when a longer one fails. column receives the derivative by the coordinate in its final scale, side the one
-// on which it cannot be evaluated, or 0.
-bool measure_coordinate(FitSurface& surface, int i, double step, const double* g0, std::vector<double>& column,
-                        double& side)
+// errors, or when a longer one fails. column receives the derivative by the coordinate in its final scale.
+bool measure_coordinate(FitSurface& surface, int i, double step, const double* g0, std::vector<double>& column)
 {
   constexpr int most_trials = 12;
   std::vector<double> d(static_cast<std::size_t>(surface.coordinates().size()), 0.0);
@@ -87,7 +84,7 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
       column.assign(d.size(), 0.0);
       return true;
     }
-    if (!gradient_along(surface, d, h, g0, column, &side)) {
+    if (!gradient_along(surface, d, h, g0, column)) {
       fails = h;
       h *= 0.1;
       continue;
@@ -101,7 +98,7 @@ bool measure_coordinate(FitSurface& surface, int i, double step, const double* g
       const double longest = 0.02 * c.own_size(i) / c.scale(i);
       if (bent && h > longest) {
         h = longest;
-        if (!gradient_along(surface, d, h, g0, column, &side)) return false;
+        if (!gradient_along(surface, d, h, g0, column)) return false;
       }
       without_quartic(surface, i, d, h, g0, column);
       return true;
@@ -141,11 +138,8 @@ bool measure_by_gradients(FitSurface& surface, const double* g, Curvature& out)
 {
   const auto m = out.free.size();
   std::vector<double> column;
-  out.ends.clear();
   for (std::size_t k = 0; k < m; ++k) {
-    double side = 0.0;
-    if (!measure_coordinate(surface, out.free[k], out.step, g, column, side)) return false;
-    if (side != 0.0) out.ends.push_back({out.free[k], side});
+    if (!measure_coordinate(surface, out.free[k], out.step, g, column)) return false;
     for (std::size_t l = 0; l < m; ++l) out.hessian[k * m + l] = column[static_cast<std::size_t>(out.free[l])];
   }
   // A column that was cleared clears its row.

@@ -20,12 +20,6 @@ struct Curvature {
   double step = 0.0;           // of differences of gradients, in standard errors
   bool turned = false;         // the directions are not the coordinates
   std::vector<char> flat;      // directions that are flat as far as evaluations can tell; by turning alone
-  // Ends that differences came upon: on this side of a coordinate (1 or -1) the objective cannot be evaluated close by.
-  struct End {
-    int coordinate = 0;
-    double side = 1.0;
-  };
-  std::vector<End> ends;
 
   int size() const { return static_cast<int>(free.size()); }
   double at(int i, int j) const { return hessian[static_cast<std::size_t>(i * size() + j)]; }
@@ -49,10 +43,9 @@ inline constexpr double value_step = 0.05;
 inline constexpr double longest_direction = 1e10;
 
 // gradient_along: the derivative of the gradient along d (all coordinates), interval h: both sides, or three points of
-// one; g0 is the gradient at 0. False when neither side can be evaluated. fails: the side that cannot, 1 or -1; 0
-// when there is none.
+// one; g0 is the gradient at 0. False when neither side can be evaluated.
 bool gradient_along(FitSurface& surface, const std::vector<double>& d, double h, const double* g0,
-                    std::vector<double>& column, double* fails = nullptr);
+                    std::vector<double>& column);
 
 // resolve_flat_directions: turns the plain coordinates to directions of which none is slight beside the others, or that
 // are flat (a row and column of zeros).

@@ -94,7 +94,7 @@ private:
   void to_the_edge();
   void finish();
   // questioned_integrals.cpp
-  bool question_slight_directions();
+  bool question_ridges();
 
   model::NX& n_;
   int code_ = 0; // of the technique, in the end of the fit

@@ -101,6 +101,7 @@ void take_null_space(NX& n, const Judgement& j, const std::vector<double>& jacob
   const double noise = std::clamp(100.0 * j.curvature.accuracy, 1e-5, 0.1);
   Rows rows;
   for (const int k : j.null) rows.push_back(by_parameters(jacobian, direction(j, k, np, noise)));
+  rows.insert(rows.end(), j.unseen.begin(), j.unseen.end());
   std::vector<double> unit(np);
   for (std::size_t i = 0; i < np; ++i) {
     double square = 0.0;
@@ -154,6 +155,26 @@ void leave_out(NX& n, int parameter)
   for (int k = 0; k < n.nparm; ++k) n.covmat[static_cast<std::size_t>(matrix::packed_index(parameter, k))] = 0.0;
 }
 
+// The covariance without what it has along v: C becomes P C P', P = I - v w' with w'v = 1. What the points of the
+// integrals make of v goes; functions of the parameters that do not change along v keep their errors.
+void take_direction_out(NX& n, const std::vector<double>& v)
+{
+  if (n.covmat.empty()) return;
+  const auto np = v.size();
+  const auto moved = static_cast<double>(std::count_if(v.begin(), v.end(), [](double e) { return e != 0.0; }));
+  const auto at = [&](std::size_t i, std::size_t k) -> double& {
+    return n.covmat[static_cast<std::size_t>(matrix::packed_index(static_cast<int>(i), static_cast<int>(k)))];
+  };
+  std::vector<double> w(np, 0.0), cw(np, 0.0);
+  for (std::size_t i = 0; i < np; ++i)
+    if (v[i] != 0.0) w[i] = 1.0 / (moved * v[i]);
+  for (std::size_t i = 0; i < np; ++i)
+    for (std::size_t k = 0; k < np; ++k) cw[i] += at(i, k) * w[k];
+  const double wcw = dot(w, cw);
+  for (std::size_t i = 0; i < np; ++i)
+    for (std::size_t k = 0; k <= i; ++k) at(i, k) += v[i] * v[k] * wcw - v[i] * cw[k] - v[k] * cw[i];
+}
+
 } // namespace
 
 void take_judgement(NX& n, const FitEnd& end)
@@ -172,6 +193,7 @@ void take_judgement(NX& n, const FitEnd& end)
   const int form = n.covstr->icov;
   const bool needs_scores = form == 1 || form == 5 || form == 6; // which a fit does not have
   if (!needs_scores) take_covariance(n, j, jacobian);
+  for (const auto& v : j.unseen) take_direction_out(n, v);
 }
 
 void missing_errors(NX& n)

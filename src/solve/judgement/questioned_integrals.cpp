@@ -2,7 +2,7 @@
 
 #include "host/messages/names/fit.h"
 #include "optimizer/optimizer.h"
-#include "solve/judgement/slight_directions.h"
+#include "solve/judgement/unseen_directions.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,17 +12,15 @@ namespace torvale::solve {
 
 using model::FitOutcome;
 
-// What is flat but for the points in use is not identified. True when there is such a direction.
-bool FitEnd::question_slight_directions()
+// What no subject sees is not identified, whatever the points in use make of it. True when there is such a direction.
+bool FitEnd::question_ridges()
 {
-  constexpr double known = 1e-3; // no element of a Hessian is known better than its integrals
   auto& verdict = n_.verdict;
   const int finer = finer_points(n_, n_.nqp);
-  if (std::abs(verdict.quadrature_change) <= verdict.accuracy || !affordable_points(n_, n_.nqp, finer)) return false;
-  const auto ridges = ridges_of_the_points(n_, *coordinates_, judgement_, {n_.str->x, n_.str->x + n_.nparm}, finer);
-  if (ridges.empty()) return false;
-  for (const int k : ridges) judgement_.note_null(k);
-  judgement_.curvature.accuracy = std::max(judgement_.curvature.accuracy, known);
+  const bool exact = std::abs(verdict.quadrature_change) <= verdict.accuracy;
+  if (exact || n_.str->fidi != 0 || !judgement_.null.empty() || !affordable_points(n_, n_.nqp, finer)) return false;
+  judgement_.unseen = unseen_directions(n_, {n_.str->x, n_.str->x + n_.nparm}, finer);
+  if (judgement_.unseen.empty()) return false;
   accurate_ = true;
   verdict.outcome = FitOutcome::confirmed_singular;
   return true;
@@ -38,7 +36,7 @@ int FitEnd::question_integrals(int code)
   if (!minimum || !judgement_.measured || coordinates_ == nullptr || std::isnan(verdict.quadrature_change)) return code;
   const bool with_gradient = n_.dograd;
   const double at_estimates = n_.objfun;
-  const bool ridge = question_slight_directions();
+  const bool ridge = question_ridges();
   n_.parm.assign(n_.str->x, n_.str->x + n_.nparm);
   n_.dograd = with_gradient;
   n_.objfun = at_estimates;
