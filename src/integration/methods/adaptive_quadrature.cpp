@@ -59,8 +59,7 @@ public:
   }
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
   {
-    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
-    if (keeps_mode_derivatives(n)) keep_mode_derivatives(n, ctx, slots);
+    keep_trial_modes(n, ctx, slots);
   }
 };
 

@@ -362,7 +362,7 @@ public:
 
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
   {
-    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
+    keep_trial_modes(n, ctx, slots);
   }
 };
 

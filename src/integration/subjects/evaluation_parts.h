@@ -29,9 +29,9 @@ inline int zero_integral(const model::NX& n)
 }
 
 // Work arrays are sized with this.
-template <class T> void size(std::vector<T>& v, long count)
+template <class Array> void size(Array& v, long count)
 {
-  v.assign(static_cast<std::size_t>(count), T{});
+  v.assign(static_cast<std::size_t>(count), typename Array::value_type{});
 }
 
 // The same where every evaluation writes what it reads: a vector that has the size already stays as it is.
@@ -47,15 +47,13 @@ void size_block(const model::ModelLists& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
-// keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
-void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
-// keep_mode_derivatives: the derivatives of the modes of some slots by the parameters into n.ebtrial_by; after an
-// evaluation with a gradient.
+// keep_trial_modes: the modes u = m + L z of some slots into n.ebtrial, and where they are kept their derivatives by
+// the parameters into n.ebtrial_by, after an evaluation with a gradient.
+void keep_trial_modes(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots);
 inline bool keeps_mode_derivatives(const model::NX& n)
 {
   return n.dograd && !n.ebtrial_by.empty() && !n.prediction_stands;
 }
-void keep_mode_derivatives(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;

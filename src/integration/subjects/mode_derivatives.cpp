@@ -18,6 +18,21 @@ using modes::packed;
 
 namespace {
 
+// The modes u = m + L z into the run's; nr numbers for each subject.
+template <int NR, class T> void keep_modes(NX& n, const BatchWork& b, const SlotGroup<T>& slots)
+{
+  const int nr = NR > 0 ? NR : n.leaf().nr, nrs = nr * (nr + 1) / 2;
+  const bool own = n.leaf().setup_varies;
+  const auto subjects = slots.through(b.subject.data());
+  for (int i = 0; i < nr; ++i) {
+    T u = slots.gather_or_share(own, b.mean.data() + i, nr);
+    for (int k = 0; k <= i; ++k)
+      u += slots.gather_or_share(own, b.factor.data() + packed(i, k), nrs) * slots.gather(b.z.data() + k, nr);
+    subjects.scatter(u, n.ebtrial.data() + i, nr);
+  }
+  for (int i = 0; i < subjects.used; ++i) n.ebtrial_known[static_cast<std::size_t>(subjects.slot[i])] = 1;
+}
+
 // Of the slots that stand side by side in T, a double or Four.
 template <int NR, class T> class ModeDerivatives {
 public:
@@ -45,13 +60,15 @@ public:
   void keep(float* to) const
   {
     for (int j = 0; j < np_; ++j) {
-      T s[capacity] = {}, c[capacity];
-      move_prior(j, s);
+      T c[capacity];
       for (int i = 0; i < nr(); ++i)
         c[i] = columns_.from_row(b_.curvature_sums.data() + n_.programs.cross_place(i, j) * b_.mode_stride);
+      T to_mode[capacity] = {};
+      if (reff_.moved_first[static_cast<std::size_t>(j)] < reff_.moved_first[static_cast<std::size_t>(j) + 1])
+        move_with_prior(j, to_mode);
       for (int i = 0; i < nr(); ++i) {
-        T t = {};
-        for (int k = 0; k < nr(); ++k) t += w_[i * nr() + k] * s[k] + v_[i * nr() + k] * c[k];
+        T t = to_mode[i];
+        for (int k = 0; k < nr(); ++k) t += v_[i * nr() + k] * c[k];
         subjects_.scatter(t, to + (i * np_ + j) * length_, 1);
       }
     }
@@ -94,6 +111,15 @@ private:
       }
   }
 
+  // W s of parameter j.
+  void move_with_prior(int j, T* to) const
+  {
+    T s[capacity] = {};
+    move_prior(j, s);
+    for (int i = 0; i < nr(); ++i)
+      for (int k = 0; k < nr(); ++k) to[i] += w_[i * nr() + k] * s[k];
+  }
+
   // s of parameter j.
   void move_prior(int j, T* s) const
   {
@@ -123,38 +149,41 @@ private:
   T slope_[capacity], v_[capacity * capacity], w_[capacity * capacity];
 };
 
-template <int NR, class T> void keep_derivatives(NX& n, const BatchWork& b, std::span<const int> slots)
+template <int NR, class T> void keep_all(NX& n, const BatchWork& b, std::span<const int> slots)
 {
+  const bool derivatives = keeps_mode_derivatives(n);
   const int count = static_cast<int>(slots.size());
   for (int first = 0; first < count; first += SlotGroup<T>::width) {
     const auto group = SlotGroup<T>::of_list(slots.data() + first, count - first);
-    const ModeDerivatives<NR, T> derivatives(n, b, group);
-    derivatives.keep(n.ebtrial_by.data());
-    if (!n.ebtrial_bend.empty()) derivatives.keep_bend(n.ebtrial_bend.data());
+    keep_modes<NR, T>(n, b, group);
+    if (!derivatives) continue;
+    const ModeDerivatives<NR, T> of_modes(n, b, group);
+    of_modes.keep(n.ebtrial_by.data());
+    if (!n.ebtrial_bend.empty()) of_modes.keep_bend(n.ebtrial_bend.data());
   }
 }
 
-template <int NR> TORVALE_AVX2_BUILD void keep_derivatives_avx2(NX& n, const BatchWork& b, std::span<const int> slots)
+template <int NR> TORVALE_AVX2_BUILD void keep_avx2(NX& n, const BatchWork& b, std::span<const int> slots)
 {
-  keep_derivatives<NR, Four>(n, b, slots);
+  keep_all<NR, Four>(n, b, slots);
 }
 
-template <int NR> void keep_derivatives_of_four(NX& n, const BatchWork& b, std::span<const int> slots)
+template <int NR> void keep_four(NX& n, const BatchWork& b, std::span<const int> slots)
 {
-  static const auto build = evaluation::build_for_machine(keep_derivatives<NR, Four>, keep_derivatives_avx2<NR>);
+  static const auto build = evaluation::build_for_machine(keep_all<NR, Four>, keep_avx2<NR>);
   build(n, b, slots);
 }
 
 } // namespace
 
-void keep_mode_derivatives(NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots)
+void keep_trial_modes(NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots)
 {
   const BatchWork& b = ctx.batch;
   modes::unrolled(n.leaf().nr, [&](auto order) {
     if constexpr (order() > 0)
-      keep_derivatives_of_four<order()>(n, b, slots);
+      keep_four<order()>(n, b, slots);
     else
-      keep_derivatives<0, double>(n, b, slots);
+      keep_all<0, double>(n, b, slots);
   });
 }
 

@@ -63,6 +63,7 @@ public:
 
   void compute()
   {
+    if (!n_.adscale) std::fill_n(zu_, nrs(), T{});
     means_over_points();
     if (n_.adaptive) through_mode();
     evaluation::cholesky_adjoint(nr(), l_, factor_bar_, n_.singchol);
@@ -323,7 +324,7 @@ private:
   T mean_bar_[capacity];                                    // adjoint of the means
   T factor_bar_[triangle];                                  // adjoint of L, then of G
   T z_[triangle], lz_[capacity * capacity];
-  T lu_[capacity] = {}, zu_[triangle] = {}; // L lambda; Zu, elements off the diagonal doubled for the inner products
+  T lu_[capacity], zu_[triangle]; // L lambda; Zu, elements off the diagonal doubled for the inner products
 };
 
 template <int NR, class T> void gradients_of(const NX& n, BatchWork& b, int good)

@@ -57,21 +57,4 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
        (p.closing ? p.closing_gradient(p.gradient.places) : p.curvature.places) * b.mode_stride + behind);
 }
 
-void keep_trial_mode(NX& n, const model::TVLThreadCtx& ctx, int slot)
-{
-  const BatchWork& b = ctx.batch;
-  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
-  const int nr = n.leaf().nr;
-  const long p = modes::prior_of(n, slot);
-  const double* l = b.factor.data() + p * n.leaf().nrs;
-  const double* const z = b.z.data() + static_cast<long>(slot) * nr;
-  double* const u = n.ebtrial.data() + subject * static_cast<std::size_t>(nr);
-  for (int i = 0; i < nr; ++i) {
-    u[i] = b.mean[static_cast<std::size_t>(p * nr + i)];
-    for (int k = 0; k <= i; ++k) u[i] += l[k] * z[k];
-    l += i + 1;
-  }
-  n.ebtrial_known[subject] = 1;
-}
-
 } // namespace torvale::integration
