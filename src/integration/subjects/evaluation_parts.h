@@ -35,7 +35,7 @@ template <class Array> void size(Array& v, long count)
 }
 
 // The same where every evaluation writes what it reads: a vector that has the size already stays as it is.
-template <class T> void room(std::vector<T>& v, long count)
+template <class Array> void room(Array& v, long count)
 {
   if (v.size() != static_cast<std::size_t>(count)) size(v, count);
 }
