@@ -34,6 +34,12 @@ template <class Array> void size(Array& v, long count)
   v.assign(static_cast<std::size_t>(count), typename Array::value_type{});
 }
 
+// The same where every evaluation writes what it reads: a vector that has the size already stays as it is.
+template <class Array> void room(Array& v, long count)
+{
+  if (v.size() != static_cast<std::size_t>(count)) size(v, count);
+}
+
 // size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
 void size_subject_work(const model::NX& n, model::TVLThreadCtx& ctx);
 // size_block: small matrices of one subject, of any level.

@@ -453,15 +453,15 @@ void size_point_sums(const NX& n, TVLThreadCtx& ctx)
 {
   BatchWork& b = ctx.batch;
   const long slots = static_cast<long>(b.subject.size()), nr = n.leaf().nr, nrs = n.leaf().nrs;
-  size(b.point_sums, std::max(n.programs.gradient.places, n.programs.value.places) * b.pair_stride);
-  size(b.prior, b.pair_stride);
-  size(b.peak, slots);
-  size(b.total, slots);
-  size(b.point_moments, slots * (nr + nrs));
-  size(b.slope_moments, slots * (nr + nr * nr));
-  size(b.direct, slots * n.nparm);
-  size(b.gradients, slots * n.nparm);
-  size(b.scratch, evaluation::most_pairs);
+  room(b.point_sums, std::max(n.programs.gradient.places, n.programs.value.places) * b.pair_stride);
+  room(b.prior, b.pair_stride);
+  room(b.peak, slots);
+  room(b.total, slots);
+  room(b.point_moments, slots * (nr + nrs));
+  room(b.slope_moments, slots * (nr + nr * nr));
+  room(b.direct, slots * n.nparm);
+  room(b.gradients, slots * n.nparm);
+  room(b.scratch, evaluation::most_pairs);
 }
 
 int list_good_slots(BatchWork& b)

@@ -40,7 +40,7 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   constexpr long spare = 16; // for modes that a batch's evaluation of everything at the modes has just missed
   b.mode_stride = (slots + 7) / 8 * 8 + spare;
   b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
-  size(b.ran, nr * b.pair_stride);
+  room(b.ran, nr * b.pair_stride);
   size(b.search, slots);
   size(b.parameter_step, n.nparm);
   size(b.mean, priors * nr);
@@ -51,9 +51,9 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
   for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
   constexpr long behind = 8; // read with the last columns by those who take several at once
-  size(b.mode_sums, n.programs.mode.places * b.mode_stride + behind);
+  room(b.mode_sums, n.programs.mode.places * b.mode_stride + behind);
   const model::ModelPrograms& p = n.programs;
-  size(b.curvature_sums,
+  room(b.curvature_sums,
        (p.closing ? p.closing_gradient(p.gradient.places) : p.curvature.places) * b.mode_stride + behind);
 }
 
