@@ -49,3 +49,12 @@ macro(torvale_find_library variable name)
     find_library(${variable} ${name} REQUIRED)
   endif()
 endmacro()
+
+# Files with vectors of four doubles (evaluation/slot_group.h), on machines without AVX too. Where there is AVX arrays of
+# vectors are set and copied by whole vectors: one that was written in halves is waited for when it is read.
+include(CheckCXXCompilerFlag)
+set(TORVALE_OPTIONS_OF_FOUR -Wno-psabi)
+check_cxx_compiler_flag("-mstore-max=256 -mmove-max=256" TORVALE_HAS_WIDE_MOVES)
+if(TORVALE_HAS_WIDE_MOVES)
+  list(APPEND TORVALE_OPTIONS_OF_FOUR -mstore-max=256 -mmove-max=256)
+endif()

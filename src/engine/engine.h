@@ -221,6 +221,8 @@ struct ProgramSize {
       registers = 0;
 };
 ProgramSize program_size(const Program& program);
+// lane_nodes: operations of a lane of a program of these outputs as the formulas stand, without making it.
+int lane_nodes(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs);
 
 inline constexpr int max_lanes = 512; // most lanes of one tile
 

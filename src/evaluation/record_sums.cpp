@@ -168,7 +168,7 @@ private:
     engine::Tile tile;
     tile.lanes = lanes.lanes;
     tile.first = first_record;
-    tile.first_point = pairs_.first + lanes.pair;
+    if (!pairs_.one_point) tile.first_point = pairs_.first + lanes.pair;
     tile.repeat = repeat;
     if (sums_in_place_) {
       tile.sums = sums_.data();
@@ -184,8 +184,9 @@ private:
 
   void pack(int lanes, int pair, int level)
   {
-    std::memcpy(point_.data() + lanes_, counting.data() + pairs_.first + pair,
-                static_cast<std::size_t>(lanes) * sizeof(std::int32_t));
+    if (!pairs_.one_point)
+      std::memcpy(point_.data() + lanes_, counting.data() + pairs_.first + pair,
+                  static_cast<std::size_t>(lanes) * sizeof(std::int32_t));
     Segment* const last = segment_count_ > 0 ? &segments_[static_cast<std::size_t>(segment_count_ - 1)] : nullptr;
     if (last != nullptr && last->pair == pair && last->lanes == lanes)
       ++last->levels;
@@ -200,7 +201,7 @@ private:
     engine::Tile tile;
     tile.lanes = lanes_;
     tile.observation = observation_.data();
-    tile.point = point_.data();
+    tile.point = pairs_.one_point ? nullptr : point_.data();
     tile.state = sequential_ ? point_.data() : nullptr;
     tile.repeat = pairs_.slots_aside() ? 1 : pairs_.points;
     if (const int rc = tvlexec(ctx_, *what_.program, tile); rc > 2) return rc;
@@ -299,7 +300,8 @@ int tvllogl(const NX& n, TVLThreadCtx& ctx, const Pairs& pairs, const RecordSums
   double* const sums = ctx.batch.term_sums.data();
   ctx.frame->set_totals(sums, term_stride);
   // So many slots go through all of their records while the sums of their terms stay in the first cache.
-  constexpr int block = 128;
+  constexpr std::size_t few_terms = 10;
+  const int block = terms <= few_terms ? 256 : 128;
   const int together = pairs.points == 1 ? block : pairs.count;
   for (int first = 0; first < pairs.count; first += together) {
     Pairs some = pairs;

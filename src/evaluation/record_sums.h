@@ -20,7 +20,8 @@ struct Pairs {
   const int* slots = nullptr; // ascending
   int count = 0;
   int points = 1;
-  int first = 0; // point of the frame that the first pair is
+  int first = 0;          // point of the frame that the first pair is
+  bool one_point = false; // the effects of all pairs are those of point 0: what depends on them is computed once
   bool slots_aside() const { return points < long_run && count >= long_run; }
   int slot_step() const { return slots_aside() ? 1 : points; }
   int point_step() const { return slots_aside() ? count : 1; }

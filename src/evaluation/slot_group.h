@@ -30,8 +30,12 @@ template <class T> struct SlotGroup {
   static SlotGroup of_list(const int* list, int left)
   {
     SlotGroup g;
-    g.used = left < width ? left : width;
-    for (int i = 0; i < width; ++i) g.slot[i] = list[i < g.used ? i : g.used - 1];
+    if (left >= width) {
+      std::memcpy(g.slot, list, sizeof g.slot);
+    } else {
+      g.used = left;
+      for (int i = 0; i < width; ++i) g.slot[i] = list[i < left ? i : left - 1];
+    }
     g.compare();
     return g;
   }
@@ -141,6 +145,15 @@ template <class T> struct SlotGroup {
     for (int i = 0; i < used; ++i) to[slot[i] * stride] = v[i];
   }
 
+  // `count` columns, 4 at most, of a table with a row of `stride` doubles for each slot.
+  static constexpr int block = 4;
+  void scatter_columns(const T* t, int count, double* to, long stride) const
+  {
+    if constexpr (width == block)
+      if (count == block) return scatter_rows(t, to, stride);
+    for (int k = 0; k < count; ++k) scatter(t[k], to + k, stride);
+  }
+
   // log(x), within 1 ulp. x = 2^k (1 + f), 1 + f within sqrt(2) of 1; with s = f / (2 + f), log(1 + f) = 2 artanh s, by
   // a polynomial in s^2 that is off by 2^-58 at most (Cody and Waite, Software manual for the elementary functions,
   // 1980). What is not positive, finite and normal goes to the library.
@@ -160,20 +173,46 @@ template <class T> struct SlotGroup {
                         w * (2.857142874366239149e-01 + w * (1.818357216161805012e-01 + w * 1.479819860511658591e-01)));
     const T square = 0.5 * f * f;
     T result = k * ln2_high - ((square - (s * (square + (even + odd)) + k * ln2_low)) - f);
-    constexpr double smallest = std::numeric_limits<double>::min(), largest = std::numeric_limits<double>::max();
-    double from[width], to[width];
-    store(x, from);
-    store(result, to);
-    for (int i = 0; i < width; ++i)
-      if (!(from[i] >= smallest && from[i] <= largest)) to[i] = std::log(from[i]);
-    return load(to);
+    constexpr std::uint64_t smallest = std::bit_cast<std::uint64_t>(std::numeric_limits<double>::min());
+    constexpr std::uint64_t normal = std::bit_cast<std::uint64_t>(std::numeric_limits<double>::max()) - smallest;
+    const auto strange = std::bit_cast<Bits>(x) - smallest > normal; // what is negative has larger bits
+    if (any(strange)) [[unlikely]] {
+      double from[width], to[width];
+      store(x, from);
+      store(result, to);
+      for (int i = 0; i < width; ++i)
+        if (std::bit_cast<std::uint64_t>(from[i]) - smallest > normal) to[i] = std::log(from[i]);
+      return load(to);
+    }
+    return result;
   }
 
 private:
+  template <class Mask> static bool any(const Mask& mask)
+  {
+    if constexpr (width == 1)
+      return mask != 0;
+    else
+      return (mask[0] | mask[1] | mask[2] | mask[3]) != 0;
+  }
+
+  void scatter_rows(const T* t, double* to, long stride) const
+  {
+    const T even01 = __builtin_shufflevector(t[0], t[1], 0, 4, 2, 6),
+            odd01 = __builtin_shufflevector(t[0], t[1], 1, 5, 3, 7);
+    const T even23 = __builtin_shufflevector(t[2], t[3], 0, 4, 2, 6),
+            odd23 = __builtin_shufflevector(t[2], t[3], 1, 5, 3, 7);
+    const T row[width] = {
+        __builtin_shufflevector(even01, even23, 0, 1, 4, 5), __builtin_shufflevector(odd01, odd23, 0, 1, 4, 5),
+        __builtin_shufflevector(even01, even23, 2, 3, 6, 7), __builtin_shufflevector(odd01, odd23, 2, 3, 6, 7)};
+    for (int i = 0; i < used; ++i) store(row[i], to + slot[i] * stride);
+  }
+
   void compare()
   {
-    adjacent = true;
-    for (int i = 1; i < width; ++i) adjacent = adjacent && slot[i] == slot[0] + i;
+    int apart = 0;
+    for (int i = 1; i < width; ++i) apart |= slot[i] ^ (slot[0] + i);
+    adjacent = apart == 0;
   }
 };
 

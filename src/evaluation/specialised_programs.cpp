@@ -4,6 +4,7 @@
 #include "matrix/packed.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace torvale::evaluation {
 
@@ -255,27 +256,57 @@ bool totals_pay(const ModelProgram& p, double records)
   return plain > ahead * by_totals;
 }
 
+// Whether that can be, by the formulas alone and with room for what they do not tell: most programs that would not be
+// taken are not made.
+bool totals_may_pay(NX& n, const ModelProgram& p, const Outputs& outputs, double records)
+{
+  if (!p || p.looked_for_totals || engine::sequential(*p.code)) return false;
+  std::vector<CMPSYM*> wanted;
+  for (CMPSYM* const s : outputs.symbols)
+    if (s != nullptr) wanted.push_back(s);
+  const engine::TotalForms forms = engine::cmptotal(*n.gcmp, wanted, {&n.llsym, 1});
+  if (forms.terms.empty()) return false;
+  constexpr double of_output = 2.0, ahead = 1.05;
+  const double of_outputs = engine::lane_nodes(*n.gcmp, wanted), of_terms = engine::lane_nodes(*n.gcmp, forms.terms);
+  const double lane = engine::program_size(*p.code).lane, point = engine::program_size(*p.code).point;
+  const double lane_of_terms = of_outputs > of_terms ? lane * of_terms / of_outputs : lane;
+  const auto count = static_cast<double>(p.outputs.size()), terms = static_cast<double>(forms.terms.size());
+  return records * (lane + of_output * count) + point >
+         ahead * (records * (lane_of_terms + of_output * terms) + point + of_output * count);
+}
+
 } // namespace
 
 void specialise_totals(NX& n, double records)
 {
   ModelPrograms& p = n.programs;
-  if (n.nreff() == 0 || n.method == 1) return;
+  if (n.nreff() == 0) return;
   const REFFECT& reff = n.leaf();
-  const auto make = [&](ModelProgram& program, const Outputs& outputs) {
+  const auto make = [&](ModelProgram& program, const Outputs& outputs, bool anyway = false) {
     if (!program || program.looked_for_totals) return;
     program.looked_for_totals = true;
     if (engine::sequential(*program.code)) return;
     const ModelProgram with = outputs.by_totals(*n.gcmp, n.llsym, program, p.record_terms);
     if (&program == &p.closing) p.record_terms = with.terms;
-    if (totals_pay(with, records)) program = with;
+    if (with.terms != nullptr && (anyway || totals_pay(with, records))) program = with;
   };
-  make(p.closing,
-       curvature_outputs(n, reff).append(mode_outputs(n, reff))); // first: of its records the others have part
-  make(p.closing_point,
-       curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr)));
-  make(p.mode, mode_outputs(n, reff));
-  make(p.gradient, gradient_outputs(n, reff.gradstr));
+  if (n.method == 1) { // the value is the same with and without the gradient
+    make(p.linear_gradient, linear_outputs(n, reff, true));
+    make(p.linear, linear_outputs(n, reff, false), p.linear_gradient.terms != nullptr);
+  }
+  // What closes a subject comes first: the others have part in its records.
+  const std::pair<ModelProgram*, Outputs> all[] = {
+      {&p.closing, curvature_outputs(n, reff).append(mode_outputs(n, reff))},
+      {&p.closing_point,
+       curvature_outputs(n, reff).append(mode_outputs(n, reff)).append(gradient_outputs(n, reff.gradstr))},
+      {&p.mode, mode_outputs(n, reff)},
+      {&p.gradient, gradient_outputs(n, reff.gradstr)}};
+  if (std::none_of(std::begin(all), std::end(all),
+                   [&](const auto& one) { return totals_may_pay(n, *one.first, one.second, records); })) {
+    for (const auto& [program, outputs] : all) program->looked_for_totals = program->looked_for_totals || *program;
+    return;
+  }
+  for (const auto& [program, outputs] : all) make(*program, outputs);
 }
 
 } // namespace torvale::evaluation

@@ -114,28 +114,24 @@ bool evaluated(NX& n)
 // Adds up numbers of slots in their order; `weight` is 0 for those that do not count and may hold anything.
 template <class Weight> void add_slots(const NX& n, std::size_t np, long first, long last, Weight&& weight, double* sum)
 {
-  double value = 0.0;
-  for (long slot = first; slot < last; ++slot)
-    if (const double w = weight(slot); w != 0.0) value += w * n.slot_value[static_cast<std::size_t>(slot)];
-  sum[0] = value;
-  constexpr std::size_t together = 4; // so that their sums stay in registers
-  for (std::size_t j = 0; j < np; j += together) {
-    const std::size_t count = std::min(together, np - j);
-    double t[together] = {};
-    const auto add = [&](std::size_t columns) {
-      for (long slot = first; slot < last; ++slot) {
-        const double w = weight(slot);
-        if (w == 0.0) continue;
-        const double* const gradient = n.slot_grad.data() + slot * n.grad_stride + j;
-        for (std::size_t k = 0; k < columns; ++k) t[k] += w * gradient[k];
-      }
-    };
-    if (count == together)
-      add(together);
-    else
-      add(count);
-    std::copy_n(t, count, sum + 1 + j);
-  }
+  constexpr std::size_t together = 4; // columns of the gradient, so that their sums stay in registers
+  const auto add = [&](bool value, std::size_t j, std::size_t columns) {
+    double total = 0.0, t[together] = {};
+    for (long slot = first; slot < last; ++slot) {
+      const double w = weight(slot);
+      if (w == 0.0) continue;
+      if (value) total += w * n.slot_value[static_cast<std::size_t>(slot)];
+      const double* const gradient = n.slot_grad.data() + slot * n.grad_stride + j;
+      for (std::size_t k = 0; k < columns; ++k) t[k] += w * gradient[k];
+    }
+    if (value) sum[0] = total;
+    std::copy_n(t, columns, sum + 1 + j);
+  };
+  if (np < together) return add(true, 0, np);
+  add(true, 0, together);
+  std::size_t j = together;
+  for (; j + together <= np; j += together) add(false, j, together);
+  if (j < np) add(false, j, np - j);
 }
 
 // Value and gradient; the observation blocks already hold their weights.

@@ -3,6 +3,7 @@
 #include "host/values/missing.h"
 #include "language/lexical.h"
 
+#include <bit>
 #include <cmath>
 #include <utility>
 
@@ -10,44 +11,52 @@ namespace torvale::language {
 
 using namespace token_class;
 
-Spellings::Spellings(const PARSECONTROL& control) : control_(&control)
+Spellings::Spellings(const PARSECONTROL& control)
+    : control_(&control), places_(std::bit_ceil(2 * static_cast<std::size_t>(control.maxterminal)))
 {
   for (int t = control.classes + 1; t < control.maxterminal; ++t) {
-    std::string s(control.spelling(t));
-    if (!name_start(s[0])) {
-      if (s.size() > 1 && s.back() == '$' && s[0] != '$') s.pop_back(); // the mark of "//"
-      if (s[0] != '%' && (s.size() == 1 || s[0] != '$')) marks_[s] = t;
-      continue;
-    }
-    if (s.back() == '=') {
-      s.pop_back();
-      word_equals_[s] = t;
-      continue;
-    }
-    if (s.back() == '$') s.pop_back();
-    words_.emplace(s, t);
+    const auto [kind, text] = typed(t);
+    if (kind == Kind::none) continue;
+    std::int16_t& place = places_[place_of(kind, text)];
+    if (place == 0 || kind != Kind::word) place = static_cast<std::int16_t>(t); // of a word the first, as it is typed
   }
 }
 
-namespace {
-int find(const std::unordered_map<std::string, int>& map, std::string_view key)
+std::pair<Spellings::Kind, std::string_view> Spellings::typed(int terminal) const
 {
-  const auto found = map.find(std::string(key));
-  return found == map.end() ? 0 : found->second;
+  std::string_view s = control_->spelling(terminal);
+  Kind kind = Kind::word;
+  if (!name_start(s[0])) {
+    const bool marked = s.size() > 1 && s.back() == '$' && s[0] != '$'; // the mark of "//"
+    if (marked) s.remove_suffix(1);
+    return {s[0] != '%' && (s.size() == 1 || s[0] != '$') ? Kind::mark : Kind::none, s};
+  }
+  if (s.back() == '=') kind = Kind::word_equals;
+  if (s.back() == '=' || s.back() == '$') s.remove_suffix(1);
+  return {kind, s};
 }
-} // namespace
+
+std::size_t Spellings::place_of(Kind kind, std::string_view text) const
+{
+  std::uint32_t hash = 2166136261U + static_cast<std::uint32_t>(kind); // Fowler, Noll and Vo's
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+  const std::size_t last = places_.size() - 1;
+  std::size_t at = hash & last;
+  while (places_[at] != 0 && typed(places_[at]) != std::pair(kind, text)) at = (at + 1) & last;
+  return at;
+}
 
 int Spellings::word(std::string_view upper) const
 {
-  return find(words_, upper);
+  return find(Kind::word, upper);
 }
 int Spellings::word_equals(std::string_view upper) const
 {
-  return find(word_equals_, upper);
+  return find(Kind::word_equals, upper);
 }
 int Spellings::mark(std::string_view text) const
 {
-  return find(marks_, text);
+  return find(Kind::mark, text);
 }
 
 bool Spellings::hidden(int terminal) const

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 namespace torvale::language {
 
@@ -23,8 +25,16 @@ public:
   bool hidden(int terminal) const;               // a $ spelling, or a word no user types
 
 private:
-  std::unordered_map<std::string, int> words_, word_equals_, marks_;
+  enum class Kind { word, word_equals, mark, none };
+  // What a user types for a terminal.
+  std::pair<Kind, std::string_view> typed(int terminal) const;
+  std::size_t place_of(Kind kind, std::string_view text) const; // where it is, or where it would be
+  int find(Kind kind, std::string_view text) const { return places_[place_of(kind, text)]; }
+
   const PARSECONTROL* control_;
+  // Terminals at open places, 0 where there is none: a power of two, twice as many as there are terminals. Made anew
+  // for every parse, so it is small.
+  std::vector<std::int16_t> places_;
 };
 
 class Scanner {

@@ -2,6 +2,8 @@
 // What a batch of subjects works in: subjects go through the kernels together so that their lanes fill the tiles. What
 // a subject yields never depends on the others in its batch.
 
+#include "model/aligned_rows.h"
+
 #include <cstdint>
 #include <vector>
 
@@ -91,13 +93,13 @@ struct BatchWork : Priors {
   std::vector<double> spread;     // nrs: its lower Cholesky factor
   // Sums over records, row per output, column per pair (stride mode_stride, pair_stride).
   long mode_stride = 0, pair_stride = 0;
-  std::vector<double> mode_sums;      // programs.mode
-  std::vector<double> curvature_sums; // programs.curvature, or closing
-  std::vector<double> point_sums;     // programs.gradient or programs.value
-  std::vector<double> term_sums;      // of a program of terms; rows as far apart as pairs can be many
+  AlignedRows mode_sums;      // programs.mode
+  AlignedRows curvature_sums; // programs.curvature, or closing
+  AlignedRows point_sums;     // programs.gradient or programs.value
+  AlignedRows term_sums;      // of a program of terms; rows as far apart as pairs can be many
   // Points of the run in hand.
-  std::vector<double> ran;   // nr x pair_stride: random effects
-  std::vector<double> prior; // per pair: log of weight and prior kernel; then the log integrand; then its weight
+  AlignedRows ran;   // nr x pair_stride: random effects
+  AlignedRows prior; // per pair: log of weight and prior kernel; then the log integrand; then its weight
   // Support points of a discrete distribution, per prior: a row of nr coordinates and a probability each, the last one
   // derived from the others; and as many such blocks of derivatives as there are parameters.
   std::vector<double> support, support_by;

@@ -52,8 +52,9 @@ template <int NR, class T> auto invert_definite(const model::RunOptions& options
     // H = U D U' with the pivots D; row by row U, then its inverse, in the same place.
     constexpr double largest = 1e150;
     const auto at = [](int i, int j) { return i * (i + 1) / 2 + j; };
-    T unit[NR * (NR + 1) / 2];
+    T unit[NR * (NR + 1) / 2], own[NR]; // own: inverse pivots
     pivots[0] = h[0];
+    own[0] = 1.0 / h[0];
     auto fits = (h[0] > pivot_floor) & (h[0] < largest);
     for (int i = 1; i < NR; ++i) {
       T pivot = h[at(i, i)];
@@ -62,11 +63,12 @@ template <int NR, class T> auto invert_definite(const model::RunOptions& options
       for (int j = 0; j < i; ++j) {
         scaled[j] = h[at(i, j)];
         for (int k = 0; k < j; ++k) scaled[j] -= scaled[k] * unit[at(j, k)];
-        unit[at(i, j)] = scaled[j] / pivots[j];
+        unit[at(i, j)] = scaled[j] * own[j];
         pivot -= unit[at(i, j)] * scaled[j];
       }
       fits = fits & (pivot > options.singsweep * h[at(i, i)]);
       pivots[i] = pivot;
+      own[i] = 1.0 / pivot;
     }
     T inverse[NR * (NR + 1) / 2]; // of U, below its diagonal of ones
     for (int i = 1; i < NR; ++i)
@@ -75,8 +77,6 @@ template <int NR, class T> auto invert_definite(const model::RunOptions& options
         for (int k = j + 1; k < i; ++k) t -= unit[at(i, k)] * inverse[at(k, j)];
         inverse[at(i, j)] = t;
       }
-    T own[NR];
-    for (int i = 0; i < NR; ++i) own[i] = 1.0 / pivots[i];
     for (int i = 0; i < NR; ++i)
       for (int j = 0; j <= i; ++j) {
         T t = i == j ? own[i] : inverse[at(i, j)] * own[i];

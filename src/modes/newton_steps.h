@@ -46,7 +46,18 @@ template <int NR, class T> struct NewtonSteps {
   {
     if (determined) return;
     determined = true;
-    for (int i = 0; i < nr(); ++i) logdet += evaluation::SlotGroup<T>::logarithm(evaluation::absolute(pivots[i]));
+    using Group = evaluation::SlotGroup<T>;
+    int i = 0;
+    if constexpr (NR > 1)
+      for (; i + 1 < nr(); i += 2) {
+        const T product = evaluation::absolute(pivots[i] * pivots[i + 1]); // out of range after a repair alone
+        if (width > 1 || std::isnormal(Group::of(product, 0)))
+          logdet += Group::logarithm(product);
+        else
+          logdet +=
+              Group::logarithm(evaluation::absolute(pivots[i])) + Group::logarithm(evaluation::absolute(pivots[i + 1]));
+      }
+    for (; i < nr(); ++i) logdet += Group::logarithm(evaluation::absolute(pivots[i]));
   }
 
   // Adds to the steps s what third derivatives of the log likelihood by u, f''', make of them: the minimum of the

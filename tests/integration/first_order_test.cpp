@@ -1,6 +1,7 @@
 // The mean taken as linear in the random effects: on random models against a dense normal density, and derivatives
 // against differences.
 
+#include "engine/stages/native_stage.h"
 #include "integration/objective.h"
 #include "integration/posterior/posterior.h"
 #include "integration/small_model.h"
@@ -16,12 +17,13 @@ namespace {
 
 constexpr double log_two_pi = 1.8378770664093456;
 
-// y ~ normal(exp(b0 + u + (b1 + v) x) + w x + q x^2, s2 exp(0.3 x)), with as many of the effects u, v, w, q as asked.
+// y ~ normal(exp(b0 + u + (b1 + v) x) + w x + q x^2, s2 exp(rise x)), with as many of the effects u, v, w, q as asked.
 // Their means are a, 0, 0.2 a, 0; their covariance has variances g and c off the diagonal, all times the subject's size
 // with `varies`.
 struct Draw {
   int effects = 1;
   bool varies = false, weighted = false;
+  double rise = 0.3; // of the log variance; 0: records have it in common
   struct Record {
     double x, y;
   };
@@ -51,6 +53,7 @@ Draw draw(unsigned seed)
   }
   d.theta = {0.3 + 0.2 * uniform(random), 0.3, 0.2 + 0.2 * uniform(random), 0.1, 0.02};
   for (int e = 0; e < d.effects; ++e) d.theta.push_back(0.1 + 0.3 * uniform(random));
+  if (pick(0, 1) == 0) d.rise = 0.0;
   return d;
 }
 
@@ -78,7 +81,7 @@ ModelText text_of(const Draw& d)
   if (d.effects > 3) mean = mean + Term("q") * "x" * "x";
   const Term e = Term("y") - "eta";
   text.assignments = {{"eta", mean},
-                      {"var", Term("s2") * exp(Term(0.3) * "x")},
+                      {"var", d.rise == 0.0 ? Term("s2") : Term("s2") * exp(Term(d.rise) * "x")},
                       {"_ll", Term(-0.5) * (Term(log_two_pi) + e * e / "var" + log("var"))}};
   text.columns = {{"subject", {}}, {"x", {}}, {"y", {}}, {"size", {}}};
   for (std::size_t s = 0; s < d.subjects.size(); ++s)
@@ -128,7 +131,7 @@ double plain_objective(const Draw& d, const std::vector<double>& theta, const st
         for (std::size_t k = 0; k < nr; ++k)
           for (std::size_t l = 0; l < nr; ++l)
             v[i][j] += z[i][k] * z[j][l] * (k == l ? theta[5 + k] : theta[4]) * (d.varies ? d.size[s] : 1.0);
-      v[i][i] += theta[2] * std::exp(0.3 * x);
+      v[i][i] += theta[2] * std::exp(d.rise * x);
     }
     sum += (d.weighted ? 1.0 + static_cast<double>(s % 3) : 1.0) * dense_objective(v, e);
   }
@@ -219,7 +222,7 @@ TEST(FirstOrder, EffectsGivenTheData)
     for (std::size_t s = 0; nr == 1 && s < d.subjects.size(); ++s) {
       double precision = 1.0 / (d.theta[5] * (d.varies ? d.size[s] : 1.0)), pull = 0.0;
       for (const auto& [x, y] : d.subjects[s]) {
-        const double z = std::exp(d.theta[0] + d.theta[3] + d.theta[1] * x), r = d.theta[2] * std::exp(0.3 * x);
+        const double z = std::exp(d.theta[0] + d.theta[3] + d.theta[1] * x), r = d.theta[2] * std::exp(d.rise * x);
         precision += z * z / r;
         pull += z * (y - z) / r;
       }
@@ -242,7 +245,8 @@ TEST(FirstOrder, EffectsGivenTheData)
   }
 }
 
-TEST(FirstOrder, ThreadCountsGiveEqualBits)
+// Sums made of sums of terms too, and values without a gradient.
+TEST(FirstOrder, ThreadsAndMachineCodeGiveEqualBits)
 {
   Draw d = draw(8);
   const std::size_t drawn = d.subjects.size();
@@ -250,17 +254,25 @@ TEST(FirstOrder, ThreadCountsGiveEqualBits)
     d.subjects.push_back(d.subjects[d.subjects.size() % drawn]);
     d.size.push_back(1.0 + static_cast<double>(d.subjects.size() % 3));
   }
-  for (const bool at_modes : {false, true}) {
-    const auto one = make_run(text_of(d), first_order(at_modes));
-    const double expected = objective(*one, d.theta, true);
-    for (const int threads : {2, 3, 7}) {
-      Rule rule = first_order(at_modes);
-      rule.threads = threads;
-      const auto n = make_run(text_of(d), rule);
-      EXPECT_EQ(objective(*n, d.theta, true), expected);
-      EXPECT_EQ(n->objgrad, one->objgrad);
+  for (const double rise : {0.0, 0.3})
+    for (const bool at_modes : {false, true}) {
+      d.rise = rise;
+      const auto one = make_run(text_of(d), first_order(at_modes));
+      const double expected = objective(*one, d.theta, true);
+      EXPECT_NE(one->programs.linear_gradient.terms, nullptr);
+      const auto evaluate = [&](int threads, bool gradient) {
+        Rule rule = first_order(at_modes);
+        rule.threads = threads;
+        const auto n = make_run(text_of(d), rule);
+        EXPECT_EQ(objective(*n, d.theta, gradient), expected);
+        EXPECT_TRUE(!gradient || n->objgrad == one->objgrad);
+      };
+      for (const int threads : {2, 3, 7}) evaluate(threads, true);
+      engine::set_native(false);
+      evaluate(1, true);
+      engine::set_native(true);
+      evaluate(1, false);
     }
-  }
 }
 
 } // namespace

@@ -289,8 +289,7 @@ void LaneRunner::find_inputs(const Lanes& lanes, const Sources& sources)
       continue;
     double* const room = fetched_.data() + k * static_cast<std::size_t>(strip_);
     input_addresses_[k] = room;
-    if (along != Along::points || !same_points || code_.inputs[k].from == Input::From::total)
-      fetch(code_.inputs[k], room, lanes, sources);
+    if (!(same_points && code_.inputs[k].held_with_points())) fetch(code_.inputs[k], room, lanes, sources);
   }
   if (points_in_place || same_points) return;
   held_count_ = 0;
@@ -421,7 +420,7 @@ int LaneRunner::walk(const Lanes& lanes, const Sources& sources, const Character
     switch (s.kind) {
     case Step::Kind::load: {
       const Input& input = code_.inputs[static_cast<std::size_t>(s.index)];
-      if (!(same_points && input.by_point() && input.from != Input::From::total)) fetch(input, op.out, lanes, sources);
+      if (!(same_points && input.held_with_points())) fetch(input, op.out, lanes, sources);
       break;
     }
     case Step::Kind::element:

@@ -52,6 +52,8 @@ struct Input {
   } from = From::column;
   std::int32_t index = 0;
   bool by_point() const { return from == From::point || from == From::random_effect || from == From::total; }
+  // Once fetched it stands for the same points: sums change beneath theirs.
+  bool held_with_points() const { return by_point() && from != From::total; }
   bool by_row() const
   {
     return from == From::column || from == From::distinct || from == From::observation || from == From::row_number;

@@ -213,6 +213,16 @@ int distinct_output(const Program& program, int output)
   return program.output_place[static_cast<std::size_t>(output)];
 }
 
+int lane_nodes(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs)
+{
+  std::vector<NodeId> nodes;
+  for (const CMPSYM* const s : outputs) nodes.push_back(gcmp.node_of(*s));
+  const auto reached = nodes_behind(gcmp.graph, nodes);
+  return static_cast<int>(std::count_if(reached.begin(), reached.end(), [&](NodeId id) {
+    return gcmp.graph.node(id).kind == NodeKind::kernel && gcmp.dependence.stage(id) == Stage::lane;
+  }));
+}
+
 ProgramSize program_size(const Program& program)
 {
   ProgramSize size;

@@ -2,11 +2,11 @@
 // for all records of a point comes out of a sum, and sums of sums are taken term by term: a lane then computes products
 // of a few values, and the rest of the work is done once for each point.
 //
-// Sums are taken apart where that costs no digits. A sum that is multiplied by several things that vary by record, one
+// Sums are taken apart where that costs no digits. A sum that is multiplied by several things that vary by record, two
 // of its own terms among them, is kept whole, as in the square of a derivative that is a difference: the rounding of
 // its terms is then the same in all of these products, and what cancels between them cancels.
 
-#include "engine/graph/compiler.h"
+#include "engine/stages/record_products.h"
 
 #include <algorithm>
 #include <map>
@@ -16,25 +16,25 @@ namespace torvale::engine {
 
 namespace {
 
-constexpr std::size_t most_terms = 64;
 constexpr std::size_t most_factors = 256; // that one value is multiplied by
-constexpr std::size_t most_parts = 8;     // of a product
 constexpr int most_rounds = 24;
 
 class Totaliser {
 public:
   // `sparing`: every sum that is multiplied by several things is kept whole.
-  Totaliser(CMPGLOBAL& gcmp, bool sparing) : gcmp_(gcmp), graph_(gcmp.graph), sparing_(sparing) {}
+  Totaliser(CMPGLOBAL& gcmp, const std::set<NodeId>& whole, bool sparing)
+      : gcmp_(gcmp), graph_(gcmp.graph), records_(gcmp, whole), sparing_(sparing)
+  {
+  }
 
   // False when there is too much of it.
-  bool run(const std::vector<NodeId>& outputs, const std::set<NodeId>& whole, std::vector<NodeId>& totals)
+  bool run(const std::vector<NodeId>& outputs, std::vector<NodeId>& totals)
   {
-    whole_ = whole;
     for (const NodeId id : outputs) open_[id].insert(Product());
     while (!open_.empty()) { // users come before what they use
       const auto last = std::prev(open_.end());
       const NodeId id = last->first;
-      const std::set<Product> by = std::move(last->second);
+      const Products by = std::move(last->second);
       open_.erase(last);
       if (by.size() > most_factors) return false;
       take_apart(id, by);
@@ -44,179 +44,25 @@ public:
   }
 
   const std::vector<NodeId>& terms() const { return terms_; }
-  const std::set<NodeId>& whole() const { return whole_; }
+  const std::set<NodeId>& whole() const { return records_.whole(); }
 
 private:
-  using Product =
-      std::vector<NodeId>; // of values that vary by record, and masks; ascending, with repetitions; empty: 1
-
-  bool same_for_all_records(NodeId id)
+  void pass_on(NodeId id, const Products& by)
   {
-    const Stage stage = gcmp_.dependence.stage(id);
-    return stage == Stage::parameter || stage == Stage::point;
-  }
-
-  // The same at all points: an observation, say. What remains of it when something is subtracted may be little, and
-  // that little is what should be added up.
-  bool of_record(NodeId id)
-  {
-    const Stage stage = gcmp_.dependence.stage(id);
-    return stage == Stage::data || stage == Stage::observation;
-  }
-
-  // What is not taken apart further.
-  bool is_whole(NodeId id)
-  {
-    if (whole_.count(id) > 0) return true;
-    const Node& n = graph_.node(id);
-    if (n.kind != NodeKind::kernel) return true;
-    switch (n.kernel) {
-    case Kernel::add:
-    case Kernel::subtract:
-      return of_record(n.operand[0]) || of_record(n.operand[1]) || !varies_by_point_alone_within(id);
-    case Kernel::select: // a guard of parameters, or what is nothing in some records
-      return !same_for_all_records(n.operand[0]) && !graph_.is_constant(n.operand[2], 0.0);
-    case Kernel::negate:
-    case Kernel::multiply:
-    case Kernel::square:
-      return false;
-    case Kernel::divide:
-    case Kernel::divide_unchecked:
-      return !same_for_all_records(n.operand[1]);
-    default:
-      return true;
-    }
-  }
-
-  // Whether something in the sums, products and quotients that make it comes out of a sum over records.
-  bool varies_by_point_alone_within(NodeId id)
-  {
-    if (same_for_all_records(id)) return !graph_.is_constant(id);
-    const Node& n = graph_.node(id);
-    if (n.kind != NodeKind::kernel) return false;
-    if (const auto known = within_.find(id); known != within_.end()) return known->second;
-    const NodeId a = n.operand[0], b = n.operand[1];
-    bool found = false;
-    switch (n.kernel) {
-    case Kernel::select:
-      found = same_for_all_records(a);
-      break;
-    case Kernel::add:
-    case Kernel::subtract:
-    case Kernel::multiply:
-      found = varies_by_point_alone_within(a) || varies_by_point_alone_within(b);
-      break;
-    case Kernel::negate:
-    case Kernel::square:
-      found = varies_by_point_alone_within(a);
-      break;
-    case Kernel::divide:
-    case Kernel::divide_unchecked:
-      found = varies_by_point_alone_within(a) || same_for_all_records(b);
-      break;
-    default:
-      break;
-    }
-    return within_[id] = found;
-  }
-
-  // Whether the sum has one of these among its terms. Of a sum of too many, or of products of sums, it is thought so.
-  bool has_a_term(NodeId sum, const std::set<Product>& of)
-  {
-    std::set<Product> terms;
-    if (!list_terms(sum, terms)) return true;
-    return std::any_of(of.begin(), of.end(), [&](const Product& p) { return terms.count(p) > 0; });
-  }
-  bool list_terms(NodeId id, std::set<Product>& terms)
-  {
-    const Node n = graph_.node(id);
-    if (!same_for_all_records(id) && !is_whole(id)) {
-      if (n.kernel == Kernel::add || n.kernel == Kernel::subtract)
-        return list_terms(n.operand[0], terms) && list_terms(n.operand[1], terms);
-      if (const NodeId inner = core(id); inner != id) return list_terms(inner, terms);
-    }
-    Product varying;
-    if (!single(id, varying)) return false;
-    terms.insert(varying);
-    return terms.size() <= most_terms;
-  }
-
-  static Product joined(const Product& a, const Product& b)
-  {
-    Product both;
-    std::merge(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(both));
-    return both;
-  }
-
-  static std::set<Product> times(const std::set<Product>& all, const Product& factor)
-  {
-    std::set<Product> products;
-    for (const Product& p : all) products.insert(joined(p, factor));
-    return products;
-  }
-
-  // A part of a product that makes it 0, even a missing one, where the mask is not set; and its mask.
-  static NodeId where(NodeId mask) { return -1 - mask; }
-  static NodeId mask_of(NodeId part) { return -1 - part; }
-
-  // Whether a value is a single product, and what of it varies by record.
-  bool single(NodeId id, Product& varying)
-  {
-    if (same_for_all_records(id)) return true;
-    if (varying.size() > most_parts) return false;
-    if (is_whole(id)) {
-      varying.insert(std::upper_bound(varying.begin(), varying.end(), id), id);
-      return true;
-    }
-    const Node n = graph_.node(id);
-    switch (n.kernel) {
-    case Kernel::multiply:
-      return single(n.operand[0], varying) && single(n.operand[1], varying);
-    case Kernel::square:
-      return single(n.operand[0], varying) && single(n.operand[0], varying);
-    case Kernel::negate:
-    case Kernel::divide:
-    case Kernel::divide_unchecked:
-      return single(n.operand[0], varying);
-    default:
-      return false;
-    }
-  }
-
-  // The sum that a multiple of it is made of, or the value itself.
-  NodeId core(NodeId id)
-  {
-    while (!is_whole(id)) {
-      const Node& n = graph_.node(id);
-      const NodeId a = n.operand[0], b = n.operand[1];
-      if (n.kernel == Kernel::negate || n.kernel == Kernel::divide || n.kernel == Kernel::divide_unchecked)
-        id = a;
-      else if (n.kernel == Kernel::multiply && same_for_all_records(a))
-        id = b;
-      else if (n.kernel == Kernel::multiply && same_for_all_records(b))
-        id = a;
-      else
-        break;
-    }
-    return id;
-  }
-
-  void pass_on(NodeId id, const std::set<Product>& by)
-  {
-    if (!same_for_all_records(id)) open_[id].insert(by.begin(), by.end());
+    if (!records_.same_for_all_records(id)) open_[id].insert(by.begin(), by.end());
   }
 
   // Decides how the products of a value and these are added up.
-  void take_apart(NodeId id, const std::set<Product>& by)
+  void take_apart(NodeId id, const Products& by)
   {
-    if (same_for_all_records(id) || is_whole(id)) return;
+    if (records_.same_for_all_records(id) || records_.is_whole(id)) return;
     const Node n = graph_.node(id);
     const NodeId a = n.operand[0], b = n.operand[1];
     switch (n.kernel) {
     case Kernel::add:
     case Kernel::subtract:
-      if (by.size() > 1 && (sparing_ || has_a_term(id, by))) {
-        whole_.insert(id);
+      if (by.size() > 1 && (sparing_ || records_.has_terms(id, by))) {
+        records_.keep_whole(id);
         return;
       }
       pass_on(a, by);
@@ -225,31 +71,31 @@ private:
     case Kernel::multiply:
       return take_product_apart(id, a, b, by);
     case Kernel::select:
-      if (!same_for_all_records(a)) return pass_on(b, times(by, {where(a)}));
+      if (!records_.same_for_all_records(a)) return pass_on(b, times(by, {where(a)}));
       pass_on(b, by);
       pass_on(n.operand[2], by);
       return;
     case Kernel::square:
-      if (Product of_a; !single(a, of_a)) whole_.insert(core(a));
+      if (Product of_a; !records_.single(a, of_a)) records_.keep_whole(records_.core(a));
       return;
     default: // negate, divide
       return pass_on(a, by);
     }
   }
 
-  void take_product_apart(NodeId id, NodeId a, NodeId b, const std::set<Product>& by)
+  void take_product_apart(NodeId id, NodeId a, NodeId b, const Products& by)
   {
     Product varying;
     NodeId factor = b, rest = a;
-    if (!single(b, varying)) {
+    if (!records_.single(b, varying)) {
       varying.clear();
       factor = a;
       rest = b;
-      if (!single(a, varying)) { // sums both: one is kept whole
-        if (core(b) < core(a)) std::swap(factor, rest);
-        whole_.insert(core(factor));
+      if (!records_.single(a, varying)) { // sums both: one is kept whole
+        if (records_.core(b) < records_.core(a)) std::swap(factor, rest);
+        records_.keep_whole(records_.core(factor));
         varying.clear();
-        single(factor, varying);
+        records_.single(factor, varying);
       }
     }
     factor_[id] = factor;
@@ -268,8 +114,8 @@ private:
 
   NodeId make_total(NodeId id, const Product& by)
   {
-    if (same_for_all_records(id)) return graph_.multiply(id, total_of_term(by));
-    if (is_whole(id)) return total_of_term(joined(by, {id}));
+    if (records_.same_for_all_records(id)) return graph_.multiply(id, total_of_term(by));
+    if (records_.is_whole(id)) return total_of_term(joined(by, {id}));
     const Node n = graph_.node(id);
     const NodeId a = n.operand[0], b = n.operand[1];
     switch (n.kernel) {
@@ -280,14 +126,14 @@ private:
     case Kernel::negate:
       return graph_.negate(total(a, by));
     case Kernel::select:
-      if (!same_for_all_records(a)) return total(b, joined(by, {where(a)}));
+      if (!records_.same_for_all_records(a)) return total(b, joined(by, {where(a)}));
       return graph_.select(a, total(b, by), total(n.operand[2], by));
     case Kernel::multiply: {
       const NodeId factor = factor_.at(id), rest = factor == a ? b : a;
-      return multiple(factor, total(rest, joined(by, varying_part(factor))));
+      return multiple(factor, total(rest, joined(by, records_.varying_part(factor))));
     }
     case Kernel::square: {
-      const Product part = varying_part(a);
+      const Product part = records_.varying_part(a);
       return multiple(a, multiple(a, total_of_term(joined(joined(by, part), part))));
     }
     default:
@@ -295,18 +141,11 @@ private:
     }
   }
 
-  Product varying_part(NodeId factor)
-  {
-    Product varying;
-    single(factor, varying);
-    return varying;
-  }
-
   // What of a single product does not vary by record, times a total.
   NodeId multiple(NodeId factor, NodeId total)
   {
-    if (same_for_all_records(factor)) return graph_.multiply(factor, total);
-    if (is_whole(factor)) return total;
+    if (records_.same_for_all_records(factor)) return graph_.multiply(factor, total);
+    if (records_.is_whole(factor)) return total;
     const Node n = graph_.node(factor);
     switch (n.kernel) {
     case Kernel::multiply:
@@ -334,11 +173,10 @@ private:
 
   CMPGLOBAL& gcmp_;
   GraphBuilder& graph_;
+  RecordProducts records_;
   const bool sparing_;
-  std::set<NodeId> whole_;
-  std::map<NodeId, bool> within_;
-  std::map<NodeId, std::set<Product>> open_; // values, and what their sums over records are multiplied by
-  std::map<NodeId, NodeId> factor_;          // per product: the operand that comes out of the sums, or into their terms
+  std::map<NodeId, Products> open_; // values, and what their sums over records are multiplied by
+  std::map<NodeId, NodeId> factor_; // per product: the operand that comes out of the sums, or into their terms
   std::map<std::pair<NodeId, Product>, NodeId> known_;
   std::map<NodeId, int> place_; // per term
   std::vector<NodeId> terms_;
@@ -375,9 +213,9 @@ TotalForms cmptotal(CMPGLOBAL& gcmp, std::span<CMPSYM* const> outputs, std::span
   // one by one, the innermost first, and the last round is the one that counts.
   const auto look = [&](bool sparing) {
     for (int round = 0; round < most_rounds; ++round) {
-      Totaliser totaliser(gcmp, sparing);
+      Totaliser totaliser(gcmp, kept, sparing);
       std::vector<NodeId> found;
-      if (!totaliser.run(nodes, kept, found)) return;
+      if (!totaliser.run(nodes, found)) return;
       const auto inner = std::find_if(totaliser.whole().begin(), totaliser.whole().end(),
                                       [&](NodeId id) { return kept.count(id) == 0; });
       if (!sparing && inner != totaliser.whole().end() && round + 1 < most_rounds) {

@@ -45,12 +45,12 @@ void note_null_directions(const NX& n, BatchWork& b)
 }
 
 // tvlgaus: a batch of subjects with one level of random effects (gaus Gauss). A nest is a slot.
-class AdaptiveQuadrature final : public Integrator {
+class AdaptiveQuadrature final : public ClosesEach<AdaptiveQuadrature> {
 public:
   void size_batch(const NX& n, TVLThreadCtx& ctx) const override;
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override;
-  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override;
-  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
+  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const;
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const
   {
     if (ctx.batch.factored.in_use)
       close_factored(n, ctx, slot, gradient);
@@ -59,8 +59,7 @@ public:
   }
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
   {
-    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
-    if (keeps_mode_derivatives(n)) keep_mode_derivatives(n, ctx, slots);
+    keep_trial_modes(n, ctx, slots);
   }
 };
 

@@ -75,8 +75,15 @@ public:
     return v;
   }
 
-  // np numbers for each slot, to[slot np], ...
-  void gradient(double* to)
+  // Not a number where it is not usable.
+  T usable_value() const
+  {
+    const T v = value();
+    return sum(0) > model::impossible_loglik ? v : T{} + std::numeric_limits<double>::quiet_NaN();
+  }
+
+  // Into rows of a table of gradients.
+  void gradient(const SlotGroup<T>& rows, double* to) const
   {
     T bar[1 + capacity + triangle]; // adjoints of the sums
     adjoint_of_sums(bar);
@@ -88,17 +95,12 @@ public:
         covariance[packed(i, j)] = (i == j ? 0.5 : 1.0) * (pull_[i] * pull_[j] - remainder(i, j));
     }
     if (n_.lb) through_mode(mean, covariance, va);
-    const REFFECT& reff = n_.leaf();
-    for (int j = 0; j < np_; ++j) {
-      T g = -through_sums(bar, j);
-      if (n_.lb) g -= through_cross(va, j);
-      const auto first = static_cast<std::size_t>(j);
-      for (int m = reff.moved_first[first]; m < reff.moved_first[first + 1]; ++m) {
-        const auto& [a, place] = reff.moved[static_cast<std::size_t>(m)];
-        g -= (a < nr() ? mean[a] : covariance[a - nr()]) *
-             slots_.gather_or_share(n_.leaf().setup_varies, b_.arguments.data() + place, reff.setup.places);
-      }
-      slots_.scatter(g, to + j, np_);
+    constexpr int block = SlotGroup<T>::block;
+    for (int first = 0; first < np_; first += block) {
+      const int count = std::min(block, np_ - first);
+      T g[block];
+      for (int j = 0; j < count; ++j) g[j] = by_parameter(first + j, bar, mean, covariance, va);
+      rows.scatter_columns(g, count, to + first, n_.grad_stride);
     }
   }
 
@@ -232,6 +234,20 @@ private:
     return t;
   }
 
+  T by_parameter(int j, const T* bar, const T* mean, const T* covariance, const T* va) const
+  {
+    const REFFECT& reff = n_.leaf();
+    T g = -through_sums(bar, j);
+    if (n_.lb) g -= through_cross(va, j);
+    const auto first = static_cast<std::size_t>(j);
+    for (int m = reff.moved_first[first]; m < reff.moved_first[first + 1]; ++m) {
+      const auto& [a, place] = reff.moved[static_cast<std::size_t>(m)];
+      g -= (a < nr() ? mean[a] : covariance[a - nr()]) *
+           slots_.gather_or_share(reff.setup_varies, b_.arguments.data() + place, reff.setup.places);
+    }
+    return g;
+  }
+
   // What the mode adds: of its own adjoint a = point - g (the first in mean, on entry), through V; va = V a.
   void through_mode(T* mean, T* covariance, T* va) const
   {
@@ -295,35 +311,43 @@ template <class Act> void with_model(const NX& n, BatchWork& b, int slot, Act ac
   return modes::unrolled(n.leaf().nr, [&](auto order) { return act(LinearModel<order(), double>(n, b, one, column)); });
 }
 
-// Values and gradients of the slots in the first `active` columns into b.total and b.direct.
-template <int NR, class T> void close_columns(const NX& n, BatchWork& b, int active, bool gradient)
+// Where the values and gradients of slots go: their rows. No gradients: null.
+struct Rows {
+  const int* of_slot;
+  double* values;
+  double* gradients;
+};
+
+template <int NR, class T> void close_columns(const NX& n, BatchWork& b, int active, const Rows& to)
 {
   for (int first = 0; first < active; first += SlotGroup<T>::width) {
     const auto slots = SlotGroup<T>::of_list(b.active.data() + first, active - first);
-    LinearModel<NR, T> model(n, b, slots, first);
-    slots.scatter(model.value(), b.total.data(), 1);
-    if (gradient) model.gradient(b.direct.data());
+    const auto rows = slots.through(to.of_slot);
+    const LinearModel<NR, T> model(n, b, slots, first);
+    rows.scatter(model.usable_value(), to.values, 1);
+    if (to.gradients != nullptr) model.gradient(rows, to.gradients);
   }
 }
 
-template <int NR> TORVALE_AVX2_BUILD void close_columns_avx2(const NX& n, BatchWork& b, int active, bool gradient)
+template <int NR> TORVALE_AVX2_BUILD void close_columns_avx2(const NX& n, BatchWork& b, int active, const Rows& to)
 {
-  close_columns<NR, Four>(n, b, active, gradient);
+  close_columns<NR, Four>(n, b, active, to);
 }
 
-template <int NR> void close_four(const NX& n, BatchWork& b, int active, bool gradient)
+template <int NR> void close_four(const NX& n, BatchWork& b, int active, const Rows& to)
 {
   static const auto build = evaluation::build_for_machine(close_columns<NR, Four>, close_columns_avx2<NR>);
-  build(n, b, active, gradient);
+  build(n, b, active, to);
 }
 
-void close_linear_models(const NX& n, BatchWork& b, int active, bool gradient)
+// Values and gradients of the slots in the first `active` columns.
+void close_linear_models(const NX& n, BatchWork& b, int active, const Rows& to)
 {
   modes::unrolled(n.leaf().nr, [&](auto order) {
     if constexpr (order() > 0)
-      close_four<order()>(n, b, active, gradient);
+      close_four<order()>(n, b, active, to);
     else
-      close_columns<0, double>(n, b, active, gradient);
+      close_columns<0, double>(n, b, active, to);
   });
 }
 
@@ -356,18 +380,14 @@ int sum_linear_models(const NX& n, TVLThreadCtx& ctx, bool gradient)
 {
   BatchWork& b = ctx.batch;
   if (!n.lb) std::fill_n(b.z.begin(), static_cast<long>(b.slots) * n.leaf().nr, 0.0);
-  int active = 0;
-  for (int slot = 0; slot < b.slots; ++slot) {
-    if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
-    b.column[static_cast<std::size_t>(slot)] = active;
-    b.active[static_cast<std::size_t>(active++)] = slot;
-  }
+  const int active = list_good_slots(b);
   if (active == 0) return 0;
   place_points(n, b, active);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));
   const model::ModelProgram& program = gradient ? n.programs.linear_gradient : n.programs.linear;
-  const int rc =
-      evaluation::tvllogl(n, ctx, {b.active.data(), active, 1}, {program, b.point_sums.data(), b.mode_stride});
+  evaluation::Pairs pairs{b.active.data(), active};
+  pairs.one_point = !n.lb && !n.leaf().setup_varies && !engine::sequential(*program.code);
+  const int rc = evaluation::tvllogl(n, ctx, pairs, {program, b.point_sums.data(), b.mode_stride});
   return rc != 0 ? -rc : active;
 }
 
@@ -378,10 +398,7 @@ public:
   {
     size_subject_work(n, ctx);
     const int places = std::max(n.programs.linear.places, n.programs.linear_gradient.places);
-    const long slots = static_cast<long>(ctx.batch.subject.size());
     size(ctx.batch.point_sums, places * ctx.batch.mode_stride);
-    size(ctx.batch.total, slots);
-    size(ctx.batch.direct, slots * n.nparm);
   }
 
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override
@@ -392,31 +409,37 @@ public:
       if (const int rc = modes::tvlebes(n, ctx); rc > 2) return rc;
     const int good = sum_linear_models(n, ctx, gradient);
     if (good <= 0) return -good;
-    if (gradient && n.lb)
-      if (const int rc = sum_curvature(n, ctx); rc > 2) return rc;
-    close_linear_models(n, ctx.batch, good, gradient);
-    return 0;
+    return gradient && n.lb ? sum_curvature(n, ctx) : 0;
   }
 
-  int close_value(const NX&, const TVLThreadCtx& ctx, int slot, double& value) const override
+  int close_nests(NX& n, TVLThreadCtx& ctx) const override
   {
-    const BatchWork& b = ctx.batch;
-    const auto s = static_cast<std::size_t>(slot);
-    if (b.failure[s] != 0) return b.failure[s];
-    if (!(b.point_sums[static_cast<std::size_t>(b.column[s])] > model::impossible_loglik)) return unusable;
-    value = b.total[s];
-    return std::isfinite(value) ? 0 : unusable;
-  }
-
-  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
-  {
-    const double* const from = ctx.batch.direct.data() + static_cast<long>(slot) * n.nparm;
-    for (int j = 0; j < n.nparm; ++j) gradient[j] = from[j];
+    BatchWork& b = ctx.batch;
+    // They are listed since their sums were made.
+    const auto good = static_cast<int>(std::count(b.failure.begin(), b.failure.begin() + b.slots, 0));
+    close_linear_models(n, b, good, {b.nest.data(), n.slot_value.data(), n.dograd ? n.slot_grad.data() : nullptr});
+    int known = 0;
+    const int* const nest = b.nest.data();
+    const int* const failure = b.failure.data();
+    const double* const value = n.slot_value.data();
+    int *const active = b.active.data(), *const status = n.slot_status.data();
+    for (int slot = 0, slots = b.slots; slot < slots; ++slot) {
+      const auto subject = static_cast<std::size_t>(nest[slot]);
+      const double v = value[subject];
+      active[known] = slot;
+      if (failure[slot] == 0 && std::abs(v) < model::failure_objective) { // nearly always
+        status[subject] = 0;
+        ++known;
+      } else {
+        known += keep_value(n, subject, failure[slot] != 0 || std::isfinite(v) ? failure[slot] : unusable, v) ? 1 : 0;
+      }
+    }
+    return known;
   }
 
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
   {
-    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
+    keep_trial_modes(n, ctx, slots);
   }
 
 private:

@@ -76,12 +76,12 @@ bool derive_support(const REFFECT& reff, int np, bool derivatives, const double*
   return true;
 }
 
-class SupportPoints final : public Integrator {
+class SupportPoints final : public ClosesEach<SupportPoints> {
 public:
   void size_batch(const NX& n, TVLThreadCtx& ctx) const override;
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override;
-  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const override;
-  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override;
+  int close_value(const NX& n, const TVLThreadCtx& ctx, int slot, double& value) const;
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const;
   void close_modes(NX&, const TVLThreadCtx&, std::span<const int>) const override {}
 };
 

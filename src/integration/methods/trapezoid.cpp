@@ -313,7 +313,7 @@ private:
 };
 
 // tvlhrdy: a nest is a slot. (hrdy Hardy.)
-class Trapezoid final : public Integrator {
+class Trapezoid final : public ClosesEach<Trapezoid> {
 public:
   void size_batch(const NX& n, TVLThreadCtx& ctx) const override
   {
@@ -335,14 +335,14 @@ public:
     return gradient ? loop.add_derivatives() : 0;
   }
 
-  int close_value(const NX&, const TVLThreadCtx& ctx, int slot, double& value) const override
+  int close_value(const NX&, const TVLThreadCtx& ctx, int slot, double& value) const
   {
     const auto s = static_cast<std::size_t>(slot);
     value = 0.5 * log2pi - ctx.batch.line[s].log_integral;
     return ctx.batch.failure[s];
   }
 
-  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const override
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int slot, double* gradient) const
   {
     const BatchWork& b = ctx.batch;
     const REFFECT& reff = n.leaf();
@@ -362,7 +362,7 @@ public:
 
   void close_modes(NX& n, const TVLThreadCtx& ctx, std::span<const int> slots) const override
   {
-    for (const int slot : slots) keep_trial_mode(n, ctx, slot);
+    keep_trial_modes(n, ctx, slots);
   }
 };
 

@@ -33,12 +33,12 @@ using modes::packed;
 
 namespace {
 
-class NestQuadrature final : public Integrator {
+class NestQuadrature final : public ClosesEach<NestQuadrature> {
 public:
   void size_batch(const NX& n, TVLThreadCtx& ctx) const override;
   int evaluate(const NX& n, TVLThreadCtx& ctx, bool gradient) const override;
-  int close_value(const NX& n, const TVLThreadCtx& ctx, int nest, double& value) const override;
-  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int nest, double* gradient) const override
+  int close_value(const NX& n, const TVLThreadCtx& ctx, int nest, double& value) const;
+  void close_gradient(const NX& n, const TVLThreadCtx& ctx, int nest, double* gradient) const
   {
     std::copy_n(ctx.nests.gradient.begin() + static_cast<long>(nest) * n.nparm, n.nparm, gradient);
   }

@@ -29,9 +29,15 @@ inline int zero_integral(const model::NX& n)
 }
 
 // Work arrays are sized with this.
-template <class T> void size(std::vector<T>& v, long count)
+template <class Array> void size(Array& v, long count)
 {
-  v.assign(static_cast<std::size_t>(count), T{});
+  v.assign(static_cast<std::size_t>(count), typename Array::value_type{});
+}
+
+// The same where every evaluation writes what it reads: a vector that has the size already stays as it is.
+template <class Array> void room(Array& v, long count)
+{
+  if (v.size() != static_cast<std::size_t>(count)) size(v, count);
 }
 
 // size_subject_work: priors, points, modes and curvature of the slots of a batch, and one subject's small matrices.
@@ -41,15 +47,13 @@ void size_block(const model::ModelLists& n, model::BlockWork& block);
 // size_point_sums: the sums over the points of a batch.
 void size_point_sums(const model::NX& n, model::TVLThreadCtx& ctx);
 
-// keep_trial_mode: the mode u = m + L z of a slot into n.ebtrial.
-void keep_trial_mode(model::NX& n, const model::TVLThreadCtx& ctx, int slot);
-// keep_mode_derivatives: the derivatives of the modes of some slots by the parameters into n.ebtrial_by; after an
-// evaluation with a gradient.
+// keep_trial_modes: the modes u = m + L z of some slots into n.ebtrial, and where they are kept their derivatives by
+// the parameters into n.ebtrial_by, after an evaluation with a gradient.
+void keep_trial_modes(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots);
 inline bool keeps_mode_derivatives(const model::NX& n)
 {
   return n.dograd && !n.ebtrial_by.empty() && !n.prediction_stands;
 }
-void keep_mode_derivatives(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots);
 
 // Without random effects the observations are summed in blocks of this many, one slot each.
 inline constexpr long block_records = 1024;
@@ -93,6 +97,10 @@ void close_factored(const model::ModelLists& n, const model::TVLThreadCtx& ctx, 
 // find_shares: after sum_points, what share every point has in a good slot's integral, times the subject's replicates:
 // nqpr numbers a slot. By a second pass; allocates. Returns as sum_points.
 int find_shares(const model::NX& n, model::TVLThreadCtx& ctx, double* shares);
+
+// list_good_slots: those that have not failed, into b.active, and the place of each there into b.column. Returns how
+// many they are.
+int list_good_slots(model::BatchWork& b);
 
 // sum_curvature: cross and third derivatives at the modes of all good slots, into curvature_sums. Returns as
 // sum_points.

@@ -3,7 +3,6 @@
 #include "integration/subjects/evaluation_parts.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace torvale::integration {
 
@@ -11,28 +10,6 @@ using model::Batch;
 using model::BatchWork;
 using model::NX;
 using model::TVLThreadCtx;
-
-namespace {
-
-// The value and gradient of a nest into its slot of the run. True when they are known.
-bool close_nest(NX& n, const TVLThreadCtx& ctx, const Integrator& integrator, int nest)
-{
-  const auto subject = static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)]);
-  int& status = n.slot_status[subject];
-  double v = 0.0;
-  status = integrator.close_value(n, ctx, nest, v);
-  if (status == 0 && (!(v < model::failure_objective) || !std::isfinite(v))) status = zero_integral(n);
-  if (status != 0) {
-    n.slot_row[subject] = n.outer().SubInfo[subject].fvalidobs;
-    return false;
-  }
-  n.slot_value[subject] = v;
-  if (n.dograd)
-    integrator.close_gradient(n, ctx, nest, n.slot_grad.data() + static_cast<long>(subject) * n.grad_stride);
-  return true;
-}
-
-} // namespace
 
 void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
 {
@@ -56,14 +33,18 @@ void take_batch(const NX& n, TVLThreadCtx& ctx, const Batch& batch)
   ctx.frame->set_records(b.rows, batch.records);
 }
 
+void keep_failure(NX& n, std::size_t subject, int status)
+{
+  n.slot_status[subject] = status != 0 ? status : zero_integral(n);
+  n.slot_row[subject] = n.outer().SubInfo[subject].fvalidobs;
+}
+
 int evaluate_batch(NX& n, TVLThreadCtx& ctx, const Batch& batch)
 {
   const Integrator& integrator = integrator_of(n);
   take_batch(n, ctx, batch);
   if (const int rc = integrator.evaluate(n, ctx, n.dograd); rc > 2) return rc;
-  int known = 0;
-  for (int nest = 0; nest < ctx.batch.nests; ++nest)
-    if (close_nest(n, ctx, integrator, nest)) ctx.batch.active[static_cast<std::size_t>(known++)] = nest;
+  const int known = integrator.close_nests(n, ctx);
   if (n.adaptive) integrator.close_modes(n, ctx, {ctx.batch.active.data(), static_cast<std::size_t>(known)});
   return 0;
 }

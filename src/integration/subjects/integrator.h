@@ -9,10 +9,10 @@
 // + L z, L L' = G) come from evaluation::load_priors, sums of a program's outputs over the records of (slot, point)
 // pairs from evaluation::tvllogl with the program and its layout in n.programs, modes from modes::tvlebes.
 //
-// What it must keep to. It writes ctx only (close_modes: the trial modes of its nest too). What a nest yields must not
-// depend on the other nests of its batch nor on the worker: all sums over a nest have one order. `evaluate` and the
-// `close` functions allocate nothing: `size_batch` makes room. A slot that fails gets its message number in
-// ctx.batch.failure and is left out; the others go on. The log likelihood of a record that is not above
+// What it must keep to. It writes ctx only (close_nests: slots of its nests, close_modes: their trial modes). What a
+// nest yields must not depend on the other nests of its batch nor on the worker: all sums over a nest have one order.
+// `evaluate` and the `close` functions allocate nothing: `size_batch` makes room. A slot that fails gets its message
+// number in ctx.batch.failure and is left out; the others go on. The log likelihood of a record that is not above
 // model::impossible_loglik has failed.
 //
 // How to add one. Derive, make the programs that it reads in evaluation/specialised_programs.cpp (and ask for their
@@ -22,6 +22,7 @@
 
 #include "model/run_record.h"
 
+#include <cmath>
 #include <span>
 
 namespace torvale::integration {
@@ -39,17 +40,52 @@ public:
   // engine's code above 2: the program ended the run.
   virtual int evaluate(const model::NX& n, model::TVLThreadCtx& ctx, bool gradient) const = 0;
 
-  // close_value: the negative log of a nest's integral, all constants included. Returns 0, or the number of the message
-  // that its failure deserves (503/...), value then unset. A value that is not finite is reported by the caller as a
-  // zero integral.
-  virtual int close_value(const model::NX& n, const model::TVLThreadCtx& ctx, int nest, double& value) const = 0;
-
-  // close_gradient: its derivatives by the parameters, n.nparm doubles. Called after close_value returned 0.
-  virtual void close_gradient(const model::NX& n, const model::TVLThreadCtx& ctx, int nest, double* gradient) const = 0;
+  // close_nests: after `evaluate`, of every nest of the batch the negative log of its integral, all constants included,
+  // and with n.dograd its n.nparm derivatives by the parameters, into the nest's own slot of the run; keep_value says
+  // which failed. Lists those whose values are known in ctx.batch.active, ascending, and returns how many they are.
+  virtual int close_nests(model::NX& n, model::TVLThreadCtx& ctx) const = 0;
 
   // close_modes: the random effects u found for these nests, of all their subjects, into n.ebtrial; only where modes
   // were searched. The nests are ascending, those whose values are known.
   virtual void close_modes(model::NX& n, const model::TVLThreadCtx& ctx, std::span<const int> nests) const = 0;
+};
+
+// keep_failure: for the slot of the run of a nest that failed; status 0: its integral is zero.
+void keep_failure(model::NX& n, std::size_t subject, int status);
+
+// keep_value: takes the value of a nest and how it ended, 0 or the number of the message that its failure deserves
+// (503/...; the value is then anything), for the slot of the run. A value that is not finite is a zero integral. True
+// when it is known.
+inline bool keep_value(model::NX& n, std::size_t subject, int status, double value)
+{
+  if (status != 0 || !(value < model::failure_objective) || !std::isfinite(value)) {
+    keep_failure(n, subject, status);
+    return false;
+  }
+  n.slot_status[subject] = 0;
+  n.slot_value[subject] = value;
+  return true;
+}
+
+// ClosesEach: an integrator that closes nest by nest. Own has
+//   int close_value(const model::NX&, const model::TVLThreadCtx&, int nest, double& value) const;  returns the status
+//   void close_gradient(const model::NX&, const model::TVLThreadCtx&, int nest, double* gradient) const;
+template <class Own> class ClosesEach : public Integrator {
+public:
+  int close_nests(model::NX& n, model::TVLThreadCtx& ctx) const final
+  {
+    const Own& own = static_cast<const Own&>(*this);
+    int known = 0;
+    for (int nest = 0; nest < ctx.batch.nests; ++nest) {
+      const auto subject = static_cast<std::size_t>(ctx.batch.nest[static_cast<std::size_t>(nest)]);
+      double value = 0.0;
+      const int status = own.close_value(n, ctx, nest, value);
+      if (!keep_value(n, subject, status, value)) continue;
+      if (n.dograd) own.close_gradient(n, ctx, nest, n.slot_grad.data() + static_cast<long>(subject) * n.grad_stride);
+      ctx.batch.active[static_cast<std::size_t>(known++)] = nest;
+    }
+    return known;
+  }
 };
 
 // integrator_of: the integrator of the run's method; the run has random effects. Constant, without state, for all

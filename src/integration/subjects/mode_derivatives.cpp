@@ -7,6 +7,8 @@
 #include "modes/packed.h"
 #include "modes/unrolled.h"
 
+#include <cstring>
+
 namespace torvale::integration {
 
 using evaluation::Four;
@@ -17,6 +19,21 @@ using model::REFFECT;
 using modes::packed;
 
 namespace {
+
+// The modes u = m + L z into the run's; nr numbers for each subject.
+template <int NR, class T> void keep_modes(NX& n, const BatchWork& b, const SlotGroup<T>& slots)
+{
+  const int nr = NR > 0 ? NR : n.leaf().nr, nrs = nr * (nr + 1) / 2;
+  const bool own = n.leaf().setup_varies;
+  const auto subjects = slots.through(b.subject.data());
+  for (int i = 0; i < nr; ++i) {
+    T u = slots.gather_or_share(own, b.mean.data() + i, nr);
+    for (int k = 0; k <= i; ++k)
+      u += slots.gather_or_share(own, b.factor.data() + packed(i, k), nrs) * slots.gather(b.z.data() + k, nr);
+    subjects.scatter(u, n.ebtrial.data() + i, nr);
+  }
+  for (int i = 0; i < subjects.used; ++i) n.ebtrial_known[static_cast<std::size_t>(subjects.slot[i])] = 1;
+}
 
 // Of the slots that stand side by side in T, a double or Four.
 template <int NR, class T> class ModeDerivatives {
@@ -41,37 +58,62 @@ public:
       }
   }
 
-  // A row of subjects for each derivative of an effect by a parameter.
-  void keep(float* to) const
+  // A row of subjects for each derivative of an effect by a parameter into `by`, and where there is room for them the
+  // third derivatives by the effects into `bend`, likewise.
+  void keep(float* by, float* bend) const
   {
-    for (int j = 0; j < np_; ++j) {
-      T s[capacity] = {}, c[capacity];
-      move_prior(j, s);
-      for (int i = 0; i < nr(); ++i)
-        c[i] = columns_.from_row(b_.curvature_sums.data() + n_.programs.cross_place(i, j) * b_.mode_stride);
-      for (int i = 0; i < nr(); ++i) {
-        T t = {};
-        for (int k = 0; k < nr(); ++k) t += w_[i * nr() + k] * s[k] + v_[i * nr() + k] * c[k];
-        subjects_.scatter(t, to + (i * np_ + j) * length_, 1);
-      }
-    }
-  }
-
-  // Third derivatives by the effects, likewise.
-  void keep_bend(float* to) const
-  {
-    for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j <= i; ++j)
-        for (int k = 0; k <= j; ++k) {
-          const int place = n_.programs.third_place(np_ + k, packed(i, j));
-          subjects_.scatter(columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride), to, 1);
-          to += length_;
-        }
+    if (columns_.adjacent && subjects_.adjacent && slots_.used == SlotGroup<T>::width)
+      keep_rows<true>(by, bend);
+    else
+      keep_rows<false>(by, bend);
   }
 
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
+
+  // Adjacent: so are the columns and the subjects of all places.
+  template <bool Adjacent> void keep_rows(float* by, float* bend) const
+  {
+    const double* const sums = b_.curvature_sums.data();
+    const auto at = [&](int place) {
+      const double* const row = sums + place * b_.mode_stride;
+      return Adjacent ? SlotGroup<T>::load(row + columns_.slot[0]) : columns_.from_row(row);
+    };
+    const auto put = [&](const T& t, float* row) {
+      if constexpr (Adjacent)
+        store_floats(t, row + subjects_.slot[0]);
+      else
+        subjects_.scatter(t, row, 1);
+    };
+    for (int j = 0; j < np_; ++j) {
+      T c[capacity], move[capacity];
+      for (int i = 0; i < nr(); ++i) {
+        c[i] = at(n_.programs.cross_place(i, j));
+        move[i] = T{};
+      }
+      if (reff_.moved_first[static_cast<std::size_t>(j)] < reff_.moved_first[static_cast<std::size_t>(j) + 1])
+        move_with_prior(j, move);
+      for (int i = 0; i < nr(); ++i) {
+        for (int k = 0; k < nr(); ++k) move[i] += v_[i * nr() + k] * c[k];
+        put(move[i], by + (i * np_ + j) * length_);
+      }
+    }
+    if (bend == nullptr) return;
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j)
+        for (int k = 0; k <= j; ++k, bend += length_) put(at(n_.programs.third_place(np_ + k, packed(i, j))), bend);
+  }
+
+  static void store_floats(const T& t, float* to)
+  {
+    if constexpr (SlotGroup<T>::width == 1) {
+      *to = static_cast<float>(t);
+    } else {
+      const auto rounded = __builtin_convertvector(t, evaluation::FourFloats);
+      std::memcpy(to, &rounded, sizeof rounded);
+    }
+  }
 
   void form_variance()
   {
@@ -92,6 +134,15 @@ private:
         for (int k = 0; k <= j; ++k) t += lh[i * nr() + k] * l[packed(j, k)];
         v_[i * nr() + j] = t;
       }
+  }
+
+  // W s of parameter j.
+  void move_with_prior(int j, T* to) const
+  {
+    T s[capacity] = {};
+    move_prior(j, s);
+    for (int i = 0; i < nr(); ++i)
+      for (int k = 0; k < nr(); ++k) to[i] += w_[i * nr() + k] * s[k];
   }
 
   // s of parameter j.
@@ -123,38 +174,40 @@ private:
   T slope_[capacity], v_[capacity * capacity], w_[capacity * capacity];
 };
 
-template <int NR, class T> void keep_derivatives(NX& n, const BatchWork& b, std::span<const int> slots)
+template <int NR, class T> void keep_all(NX& n, const BatchWork& b, std::span<const int> slots)
 {
+  const bool derivatives = keeps_mode_derivatives(n);
   const int count = static_cast<int>(slots.size());
   for (int first = 0; first < count; first += SlotGroup<T>::width) {
     const auto group = SlotGroup<T>::of_list(slots.data() + first, count - first);
-    const ModeDerivatives<NR, T> derivatives(n, b, group);
-    derivatives.keep(n.ebtrial_by.data());
-    if (!n.ebtrial_bend.empty()) derivatives.keep_bend(n.ebtrial_bend.data());
+    keep_modes<NR, T>(n, b, group);
+    if (!derivatives) continue;
+    const ModeDerivatives<NR, T> of_modes(n, b, group);
+    of_modes.keep(n.ebtrial_by.data(), n.ebtrial_bend.empty() ? nullptr : n.ebtrial_bend.data());
   }
 }
 
-template <int NR> TORVALE_AVX2_BUILD void keep_derivatives_avx2(NX& n, const BatchWork& b, std::span<const int> slots)
+template <int NR> TORVALE_AVX2_BUILD void keep_avx2(NX& n, const BatchWork& b, std::span<const int> slots)
 {
-  keep_derivatives<NR, Four>(n, b, slots);
+  keep_all<NR, Four>(n, b, slots);
 }
 
-template <int NR> void keep_derivatives_of_four(NX& n, const BatchWork& b, std::span<const int> slots)
+template <int NR> void keep_four(NX& n, const BatchWork& b, std::span<const int> slots)
 {
-  static const auto build = evaluation::build_for_machine(keep_derivatives<NR, Four>, keep_derivatives_avx2<NR>);
+  static const auto build = evaluation::build_for_machine(keep_all<NR, Four>, keep_avx2<NR>);
   build(n, b, slots);
 }
 
 } // namespace
 
-void keep_mode_derivatives(NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots)
+void keep_trial_modes(NX& n, const model::TVLThreadCtx& ctx, std::span<const int> slots)
 {
   const BatchWork& b = ctx.batch;
   modes::unrolled(n.leaf().nr, [&](auto order) {
     if constexpr (order() > 0)
-      keep_derivatives_of_four<order()>(n, b, slots);
+      keep_four<order()>(n, b, slots);
     else
-      keep_derivatives<0, double>(n, b, slots);
+      keep_all<0, double>(n, b, slots);
   });
 }
 

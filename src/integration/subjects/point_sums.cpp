@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace torvale::integration {
 
@@ -452,27 +453,40 @@ void size_point_sums(const NX& n, TVLThreadCtx& ctx)
 {
   BatchWork& b = ctx.batch;
   const long slots = static_cast<long>(b.subject.size()), nr = n.leaf().nr, nrs = n.leaf().nrs;
-  size(b.point_sums, std::max(n.programs.gradient.places, n.programs.value.places) * b.pair_stride);
-  size(b.prior, b.pair_stride);
-  size(b.peak, slots);
-  size(b.total, slots);
-  size(b.point_moments, slots * (nr + nrs));
-  size(b.slope_moments, slots * (nr + nr * nr));
-  size(b.direct, slots * n.nparm);
-  size(b.gradients, slots * n.nparm);
-  size(b.scratch, evaluation::most_pairs);
+  room(b.point_sums, std::max(n.programs.gradient.places, n.programs.value.places) * b.pair_stride);
+  room(b.prior, b.pair_stride);
+  room(b.peak, slots);
+  room(b.total, slots);
+  room(b.point_moments, slots * (nr + nrs));
+  room(b.slope_moments, slots * (nr + nr * nr));
+  room(b.direct, slots * n.nparm);
+  room(b.gradients, slots * n.nparm);
+  room(b.scratch, evaluation::most_pairs);
+}
+
+int list_good_slots(BatchWork& b)
+{
+  const auto slots = static_cast<std::size_t>(b.slots);
+  int failed = 0;
+  for (std::size_t s = 0; s < slots; ++s) failed |= b.failure[s];
+  if (failed == 0) {
+    std::iota(b.column.begin(), b.column.begin() + b.slots, 0);
+    std::iota(b.active.begin(), b.active.begin() + b.slots, 0);
+    return b.slots;
+  }
+  int good = 0;
+  for (std::size_t s = 0; s < slots; ++s) {
+    if (b.failure[s] != 0) continue;
+    b.column[s] = good;
+    b.active[static_cast<std::size_t>(good++)] = static_cast<int>(s);
+  }
+  return good;
 }
 
 int sum_curvature(const NX& n, TVLThreadCtx& ctx)
 {
   BatchWork& b = ctx.batch;
-  int active = 0;
-  for (int slot = 0; slot < b.slots; ++slot) {
-    if (b.failure[static_cast<std::size_t>(slot)] != 0) continue;
-    b.column[static_cast<std::size_t>(slot)] = active;
-    b.active[static_cast<std::size_t>(active)] = slot;
-    ++active;
-  }
+  const int active = list_good_slots(b);
   if (active == 0) return 0;
   for (int a = 0; a < active; ++a) modes::place_point<0>(n, b, b.active[static_cast<std::size_t>(a)], a);
   ctx.frame->set_points(b.ran.data(), active, static_cast<int>(b.pair_stride));

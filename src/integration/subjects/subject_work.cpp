@@ -40,7 +40,7 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   constexpr long spare = 16; // for modes that a batch's evaluation of everything at the modes has just missed
   b.mode_stride = (slots + 7) / 8 * 8 + spare;
   b.pair_stride = evaluation::most_pairs + 8; // rows a power of two apart would share the lines of the caches
-  size(b.ran, nr * b.pair_stride);
+  room(b.ran, nr * b.pair_stride);
   size(b.search, slots);
   size(b.parameter_step, n.nparm);
   size(b.mean, priors * nr);
@@ -51,27 +51,10 @@ void size_subject_work(const NX& n, model::TVLThreadCtx& ctx)
   for (std::vector<double>* v : {&b.z, &b.zold, &b.slope}) size(*v, slots * nr);
   for (std::vector<double>* v : {&b.curve, &b.covariance, &b.spread}) size(*v, slots * nrs);
   constexpr long behind = 8; // read with the last columns by those who take several at once
-  size(b.mode_sums, n.programs.mode.places * b.mode_stride + behind);
+  room(b.mode_sums, n.programs.mode.places * b.mode_stride + behind);
   const model::ModelPrograms& p = n.programs;
-  size(b.curvature_sums,
+  room(b.curvature_sums,
        (p.closing ? p.closing_gradient(p.gradient.places) : p.curvature.places) * b.mode_stride + behind);
-}
-
-void keep_trial_mode(NX& n, const model::TVLThreadCtx& ctx, int slot)
-{
-  const BatchWork& b = ctx.batch;
-  const auto subject = static_cast<std::size_t>(b.subject[static_cast<std::size_t>(slot)]);
-  const int nr = n.leaf().nr;
-  const long p = modes::prior_of(n, slot);
-  const double* l = b.factor.data() + p * n.leaf().nrs;
-  const double* const z = b.z.data() + static_cast<long>(slot) * nr;
-  double* const u = n.ebtrial.data() + subject * static_cast<std::size_t>(nr);
-  for (int i = 0; i < nr; ++i) {
-    u[i] = b.mean[static_cast<std::size_t>(p * nr + i)];
-    for (int k = 0; k <= i; ++k) u[i] += l[k] * z[k];
-    l += i + 1;
-  }
-  n.ebtrial_known[subject] = 1;
 }
 
 } // namespace torvale::integration
