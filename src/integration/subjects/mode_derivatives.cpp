@@ -7,6 +7,8 @@
 #include "modes/packed.h"
 #include "modes/unrolled.h"
 
+#include <cstring>
+
 namespace torvale::integration {
 
 using evaluation::Four;
@@ -56,39 +58,62 @@ public:
       }
   }
 
-  // A row of subjects for each derivative of an effect by a parameter.
-  void keep(float* to) const
+  // A row of subjects for each derivative of an effect by a parameter into `by`, and where there is room for them the
+  // third derivatives by the effects into `bend`, likewise.
+  void keep(float* by, float* bend) const
   {
-    for (int j = 0; j < np_; ++j) {
-      T c[capacity];
-      for (int i = 0; i < nr(); ++i)
-        c[i] = columns_.from_row(b_.curvature_sums.data() + n_.programs.cross_place(i, j) * b_.mode_stride);
-      T to_mode[capacity] = {};
-      if (reff_.moved_first[static_cast<std::size_t>(j)] < reff_.moved_first[static_cast<std::size_t>(j) + 1])
-        move_with_prior(j, to_mode);
-      for (int i = 0; i < nr(); ++i) {
-        T t = to_mode[i];
-        for (int k = 0; k < nr(); ++k) t += v_[i * nr() + k] * c[k];
-        subjects_.scatter(t, to + (i * np_ + j) * length_, 1);
-      }
-    }
-  }
-
-  // Third derivatives by the effects, likewise.
-  void keep_bend(float* to) const
-  {
-    for (int i = 0; i < nr(); ++i)
-      for (int j = 0; j <= i; ++j)
-        for (int k = 0; k <= j; ++k) {
-          const int place = n_.programs.third_place(np_ + k, packed(i, j));
-          subjects_.scatter(columns_.from_row(b_.curvature_sums.data() + place * b_.mode_stride), to, 1);
-          to += length_;
-        }
+    if (columns_.adjacent && subjects_.adjacent && slots_.used == SlotGroup<T>::width)
+      keep_rows<true>(by, bend);
+    else
+      keep_rows<false>(by, bend);
   }
 
 private:
   int nr() const { return NR > 0 ? NR : nr_; }
   int nrs() const { return nr() * (nr() + 1) / 2; }
+
+  // Adjacent: so are the columns and the subjects of all places.
+  template <bool Adjacent> void keep_rows(float* by, float* bend) const
+  {
+    const double* const sums = b_.curvature_sums.data();
+    const auto at = [&](int place) {
+      const double* const row = sums + place * b_.mode_stride;
+      return Adjacent ? SlotGroup<T>::load(row + columns_.slot[0]) : columns_.from_row(row);
+    };
+    const auto put = [&](const T& t, float* row) {
+      if constexpr (Adjacent)
+        store_floats(t, row + subjects_.slot[0]);
+      else
+        subjects_.scatter(t, row, 1);
+    };
+    for (int j = 0; j < np_; ++j) {
+      T c[capacity], move[capacity];
+      for (int i = 0; i < nr(); ++i) {
+        c[i] = at(n_.programs.cross_place(i, j));
+        move[i] = T{};
+      }
+      if (reff_.moved_first[static_cast<std::size_t>(j)] < reff_.moved_first[static_cast<std::size_t>(j) + 1])
+        move_with_prior(j, move);
+      for (int i = 0; i < nr(); ++i) {
+        for (int k = 0; k < nr(); ++k) move[i] += v_[i * nr() + k] * c[k];
+        put(move[i], by + (i * np_ + j) * length_);
+      }
+    }
+    if (bend == nullptr) return;
+    for (int i = 0; i < nr(); ++i)
+      for (int j = 0; j <= i; ++j)
+        for (int k = 0; k <= j; ++k, bend += length_) put(at(n_.programs.third_place(np_ + k, packed(i, j))), bend);
+  }
+
+  static void store_floats(const T& t, float* to)
+  {
+    if constexpr (SlotGroup<T>::width == 1) {
+      *to = static_cast<float>(t);
+    } else {
+      const auto rounded = __builtin_convertvector(t, evaluation::FourFloats);
+      std::memcpy(to, &rounded, sizeof rounded);
+    }
+  }
 
   void form_variance()
   {
@@ -158,8 +183,7 @@ template <int NR, class T> void keep_all(NX& n, const BatchWork& b, std::span<co
     keep_modes<NR, T>(n, b, group);
     if (!derivatives) continue;
     const ModeDerivatives<NR, T> of_modes(n, b, group);
-    of_modes.keep(n.ebtrial_by.data());
-    if (!n.ebtrial_bend.empty()) of_modes.keep_bend(n.ebtrial_bend.data());
+    of_modes.keep(n.ebtrial_by.data(), n.ebtrial_bend.empty() ? nullptr : n.ebtrial_bend.data());
   }
 }
 

@@ -42,14 +42,14 @@ using modes::packed;
 namespace {
 
 // The gradients of the slots that stand side by side in T, a double or Four.
-template <int NR, class T> class SubjectGradients {
+template <int NR, class T, bool AtMode> class SubjectGradients {
 public:
   static constexpr int capacity = NR > 0 ? NR : modes::most_effects;
   static constexpr int triangle = capacity * (capacity + 1) / 2;
 
   SubjectGradients(const NX& n, BatchWork& b, const SlotGroup<T>& slots)
       : n_(n), b_(b), nr_(n.leaf().nr), np_(n.nparm), slots_(slots), columns_(slots.through(b.column.data())),
-        factored_(b.factored.in_use), at_mode_(taken_at_modes(n, b, true)), s_(n.qscale * root_two)
+        factored_(b.factored.in_use), s_(n.qscale * root_two)
   {
     for (int k = 0; k < nrs(); ++k) l_[k] = slots_.gather_or_share(n_.leaf().setup_varies, b.factor.data() + k, nrs());
     if (!at_mode_) take(c_, b.spread, nrs());
@@ -315,7 +315,8 @@ private:
   const int nr_, np_;
   const SlotGroup<T>& slots_; // not a copy: reading it whole would wait for its slots to be written one by one
   const SlotGroup<T> columns_;
-  const bool factored_, at_mode_;
+  static constexpr bool at_mode_ = AtMode; // taken_at_modes
+  const bool factored_;
   const double s_;
   T l_[triangle], c_[triangle], zm_[capacity], slope_[capacity], curve_[triangle],
       inverse_[triangle]; // L, C, mode, ll_u and ll_uu at the mode, H^-1
@@ -327,10 +328,18 @@ private:
   T lu_[capacity], zu_[triangle]; // L lambda; Zu, elements off the diagonal doubled for the inner products
 };
 
-template <int NR, class T> void gradients_of(const NX& n, BatchWork& b, int good)
+template <int NR, class T, bool AtMode> void gradients_of(const NX& n, BatchWork& b, int good)
 {
   for (int first = 0; first < good; first += SlotGroup<T>::width)
-    SubjectGradients<NR, T>(n, b, SlotGroup<T>::of_list(b.active.data() + first, good - first)).compute();
+    SubjectGradients<NR, T, AtMode>(n, b, SlotGroup<T>::of_list(b.active.data() + first, good - first)).compute();
+}
+
+template <int NR, class T> void gradients_of(const NX& n, BatchWork& b, int good)
+{
+  if (taken_at_modes(n, b, true))
+    gradients_of<NR, T, true>(n, b, good);
+  else
+    gradients_of<NR, T, false>(n, b, good);
 }
 
 template <int NR> TORVALE_AVX2_BUILD void gradients_avx2(const NX& n, BatchWork& b, int good)
