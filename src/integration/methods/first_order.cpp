@@ -415,14 +415,24 @@ public:
   int close_nests(NX& n, TVLThreadCtx& ctx) const override
   {
     BatchWork& b = ctx.batch;
-    const int good = list_good_slots(b);
+    // They are listed since their sums were made.
+    const auto good = static_cast<int>(std::count(b.failure.begin(), b.failure.begin() + b.slots, 0));
     close_linear_models(n, b, good, {b.nest.data(), n.slot_value.data(), n.dograd ? n.slot_grad.data() : nullptr});
     int known = 0;
-    for (int slot = 0; slot < b.slots; ++slot) {
-      const auto s = static_cast<std::size_t>(slot), subject = static_cast<std::size_t>(b.nest[s]);
-      const double value = n.slot_value[subject];
-      const int status = b.failure[s] != 0 ? b.failure[s] : std::isfinite(value) ? 0 : unusable;
-      if (keep_value(n, subject, status, value)) b.active[static_cast<std::size_t>(known++)] = slot;
+    const int* const nest = b.nest.data();
+    const int* const failure = b.failure.data();
+    const double* const value = n.slot_value.data();
+    int *const active = b.active.data(), *const status = n.slot_status.data();
+    for (int slot = 0, slots = b.slots; slot < slots; ++slot) {
+      const auto subject = static_cast<std::size_t>(nest[slot]);
+      const double v = value[subject];
+      active[known] = slot;
+      if (failure[slot] == 0 && std::abs(v) < model::failure_objective) { // nearly always
+        status[subject] = 0;
+        ++known;
+      } else {
+        known += keep_value(n, subject, failure[slot] != 0 || std::isfinite(v) ? failure[slot] : unusable, v) ? 1 : 0;
+      }
     }
     return known;
   }
