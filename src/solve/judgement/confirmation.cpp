@@ -83,6 +83,11 @@ void FitEnd::ask_by_parameters()
   if (j.null.empty() || j.indefinite || !j.separated.empty() || j.curvature.accuracy > well_known) return;
   judgement_ = std::move(found.judgement);
   coordinates_ = std::move(found.coordinates);
+  if (!found.rounding) return;
+  const std::vector<double> origin(x_.size(), 0.0);
+  std::vector<double> there(x_.size());
+  coordinates_->parameters(origin.data(), there.data());
+  move_to(there);
 }
 
 // Whether the digits that are printed are those of the minimum, as far as rounding lets them be.

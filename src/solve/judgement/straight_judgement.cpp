@@ -30,7 +30,13 @@ public:
       : n_(n), x_(x), f_(f), ends_(ends), held_(x.size(), 0)
   {
     straight_ = std::make_unique<FitCoordinates>(straight_at(x));
-    for (int i = 0; i < c.size(); ++i) straight_->set_scale(i, most_scale(c, i));
+    // (A standard error that is rounding beside its parameter says that derivatives at the point are: they begin anew.)
+    constexpr double rounding = 1e-10;
+    for (int i = 0; i < c.size(); ++i) {
+      const bool known = c.bent(i) || c.scale(i) > rounding * c.own_size(i);
+      straight_->set_scale(i, known ? most_scale(c, i) : straight_->short_scale(i));
+      rounding_ = rounding_ || !known;
+    }
   }
 
   StraightJudgement judge()
@@ -49,6 +55,7 @@ public:
     out.judgement = judge_given(surface, std::move(curvature), here_, g.data());
     if (!level(out.judgement, g)) return {};
     out.coordinates = std::move(straight_);
+    out.rounding = rounding_;
     return out;
   }
 
@@ -156,6 +163,7 @@ private:
   std::vector<int> ends_; // that no bound may state
   std::unique_ptr<FitCoordinates> straight_;
   std::vector<char> held_;
+  bool rounding_ = false;
 };
 
 bool at_an_end(const FitCoordinates& c, const Judgement& judged)

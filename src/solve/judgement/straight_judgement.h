@@ -16,6 +16,7 @@ std::vector<int> ends_at_zero(FitSurface& surface, const std::vector<int>& free)
 struct StraightJudgement {
   std::unique_ptr<FitCoordinates> coordinates; // straight; null when there is nothing to ask, or nothing was measured
   Judgement judgement;
+  bool rounding = false; // derivatives at x are: the fit is better off where it was judged
 };
 
 // judge_straight: judges the point x, where the bent coordinates c have their origin and the objective is f, by the
