@@ -230,14 +230,19 @@ private:
   template <class T> void place_starts(const SlotGroup<T>& slots)
   {
     const auto subjects = slots.through(b_.subject.data());
-    T u[capacity], mean[capacity], factor[triangle], at[capacity];
+    T u[capacity], mean[capacity], factor[triangle], inverse[capacity], at[capacity];
     for (int i = 0; i < nr(); ++i) {
       u[i] = subjects.gather(n_.ebes.data() + i, nr());
       mean[i] = slots.gather_or_share(n_.leaf().setup_varies, b_.mean.data() + i, nr());
     }
     for (int k = 0; k < nrs(); ++k)
       factor[k] = slots.gather_or_share(n_.leaf().setup_varies, b_.factor.data() + k, nrs());
-    standardize(u, mean, factor, at);
+    const T without = {};
+    for (int i = 0; i < nr(); ++i) {
+      const T own = factor[i * (i + 3) / 2];
+      inverse[i] = own > 0.0 ? 1.0 / own : without;
+    }
+    standardize(u, mean, factor, inverse, at);
     if (predicts_) {
       T ahead[capacity];
       const auto all = static_cast<long>(n_.leaf().SubInfo.size());
@@ -245,7 +250,7 @@ private:
       for (int i = 0; i < nr(); ++i)
         for (int j = 0; j < n_.nparm; ++j, by += all)
           u[i] += subjects.gather(by, 1) * b_.parameter_step[static_cast<std::size_t>(j)];
-      standardize(u, mean, factor, ahead);
+      standardize(u, mean, factor, inverse, ahead);
       auto near = ahead[0] == ahead[0];
       for (int i = 0; i < nr(); ++i) near = near & (ahead[i] - at[i] < farthest) & (at[i] - ahead[i] < farthest);
       for (int i = 0; i < nr(); ++i) at[i] = near ? ahead[i] : at[i];
@@ -253,13 +258,12 @@ private:
     for (int i = 0; i < nr(); ++i) slots.scatter(at[i], b_.z.data() + i, nr());
   }
 
-  template <class T> void standardize(const T* u, const T* mean, const T* l, T* to) const
+  template <class T> void standardize(const T* u, const T* mean, const T* l, const T* inverse, T* to) const
   {
     for (int i = 0; i < nr(); ++i) {
       T d = u[i] - mean[i];
       for (int k = 0; k < i; ++k) d -= l[k] * to[k];
-      const T mean_itself = {};
-      to[i] = l[i] > 0.0 ? d / l[i] : mean_itself;
+      to[i] = d * inverse[i]; // the mean itself where there is no variance
       l += i + 1;
     }
   }
@@ -337,7 +341,7 @@ private:
       keep_curvature<NR>(b_, nr(), slot, sums, steps.column(steps.at.hessian, i), apart);
       return;
     }
-    const double next = bends(slot) ? step_after_bent(steps.of(steps.bent, i), square) : next_step(square, s.previous);
+    const double next = bends(slot) ? steps.of(steps.after, i) : next_step(square, s.previous);
     const bool near = at_modes_ != nullptr && next < remainder;
     s.previous = square;
     if (++s.step >= n_.ebstep) return give_up(slot);

@@ -23,6 +23,7 @@ template <int NR, class T> struct NewtonSteps {
   T length = {}; // largest component of the step in u
   T square = {}; // largest square of one in z, in posterior variances
   T bent = {};   // the same of what bend has added to it; of the step itself where that is too much
+  T after = {};  // about what the next step will be, once bend has been called
   T logdet = {}; // log det H, once determine has been called
   bool determined = false;
   double inverted[width]; // not 0: the Hessian is; of a vector only where it needed no repair
@@ -88,6 +89,7 @@ template <int NR, class T> struct NewtonSteps {
     const T none = {};
     const auto fits = size <= largest_bend * square;
     bent = fits ? size : square;
+    after = step_after_bent(bent, square);
     for (int i = 0; i < nr(); ++i) at.gradient[i] += fits ? added[i] : none;
   }
 

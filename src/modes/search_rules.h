@@ -31,7 +31,7 @@ inline double next_step(double step, double previous)
 inline constexpr double remainder = 1e-12;
 // The same of the step after one that third derivatives of a point nearby have bent, so little (as such a square): they
 // were off by a third, or the fourth count as much.
-inline double step_after_bent(double bent, double step)
+template <class T> T step_after_bent(const T& bent, const T& step)
 {
   return 0.1 * bent + bent * bent / step;
 }
