@@ -221,9 +221,8 @@ void deal_batches(NX& n)
 void size_slots_of_batches(const NX& n, BatchWork& b)
 {
   long terms = 0;
-  for (const model::ModelProgram* const p :
-       {&n.programs.linear, &n.programs.linear_gradient, &n.programs.mode, &n.programs.gradient, &n.programs.closing,
-        &n.programs.closing_point})
+  for (const model::ModelProgram* const p : {&n.programs.linear, &n.programs.linear_gradient, &n.programs.mode,
+                                             &n.programs.gradient, &n.programs.closing, &n.programs.closing_point})
     terms = std::max<long>(terms, p->term_count);
   size(b.term_sums, terms * evaluation::term_stride);
   int slots = 1;

@@ -25,9 +25,9 @@ void covariance_defaults(COVSTR* cov);
 
 // znlpdrv: the driver. job 1 is the start stage: feasible point, objective and gradient at the start, GRADCHECK.
 // job 2, to be called when stage 1 returned 0, runs the technique, evaluates the objective with its gradient once at
-// the returned point, and computes the covariance when covstr is set; with covariance_waits job 3 does that. pfun, dtst (1, 2: check derivatives as GRADCHECK
-// does) and ctst (ignored: there are no nonlinear constraints) are 0 in a normal run.
-// Returns a termination code (TerminationCode of minstr.h), kept in rcod.
+// the returned point, and computes the covariance when covstr is set; with covariance_waits job 3 does that. pfun, dtst
+// (1, 2: check derivatives as GRADCHECK does) and ctst (ignored: there are no nonlinear constraints) are 0 in a normal
+// run. Returns a termination code (TerminationCode of minstr.h), kept in rcod.
 int znlpdrv(MINSTR* str, int job, int pfun, int dtst, int ctst);
 
 // continue_run: makes the record `to` go on counting where `from` is (see MINSTR::continues): iterations, calls and

@@ -38,7 +38,7 @@ struct FrameProgram {
   LaneArray observation;       // result by result, range_stride doubles each
   std::int64_t range_stride = 0;
   const FrameProgram* records_of = nullptr; // whose `observation` it reads; null: its own
-  LaneArray point; // result by result, point_stride doubles each
+  LaneArray point;                          // result by result, point_stride doubles each
   std::int64_t point_stride = 0;
   LaneArray outputs; // output by output, output_stride doubles each
   LaneArray state;   // kept value by kept value, state_slots doubles each

@@ -31,8 +31,8 @@ struct Judgement {
   bool doubtful_curvature = false;
   // The likelihood of counts is 1 but for gain_allowed, the most that probabilities come to: nothing is left to gain.
   bool at_limit = false;
-  bool creeps = false;        // looked for anew it has gained more than is allowed, bit by bit, and is in doubt still
-  std::vector<int> null;      // eigenvalues that are 0
+  bool creeps = false;   // looked for anew it has gained more than is allowed, bit by bit, and is in doubt still
+  std::vector<int> null; // eigenvalues that are 0
   std::vector<std::vector<double>> unseen; // ridges of random effects, by the parameters, that the Hessian may not show
   std::vector<int> separated; // coordinates along which the objective does not rise within a standard error
   struct Rise {
