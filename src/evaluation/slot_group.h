@@ -30,7 +30,7 @@ template <class T> struct SlotGroup {
   static SlotGroup of_list(const int* list, int left)
   {
     SlotGroup g;
-    if (left >= width) {
+    if (width == 1 || left >= width) {
       std::memcpy(g.slot, list, sizeof g.slot);
     } else {
       g.used = left;
