@@ -30,7 +30,7 @@ template <class T> struct SlotGroup {
   static SlotGroup of_list(const int* list, int left)
   {
     SlotGroup g;
-    if (width == 1 || left >= width) {
+    if (width == 1 || left >= width) { // there is always one
       std::memcpy(g.slot, list, sizeof g.slot);
     } else {
       g.used = left;
@@ -61,9 +61,9 @@ template <class T> struct SlotGroup {
     std::memcpy(&t, from, sizeof t);
     return t;
   }
-  template <class Vector, class Number> static Vector load_as(const Number* from)
+  static FourFloats load_floats(const float* from)
   {
-    Vector v;
+    FourFloats v;
     std::memcpy(&v, from, sizeof v);
     return v;
   }
@@ -77,7 +77,7 @@ template <class T> struct SlotGroup {
     if constexpr (std::is_same_v<Number, double>)
       if (stride == 1 && adjacent) return load(from + slot[0]);
     if constexpr (width > 1 && std::is_same_v<Number, float>) {
-      if (stride == 1 && adjacent) return __builtin_convertvector(load_as<FourFloats>(from + slot[0]), T);
+      if (stride == 1 && adjacent) return __builtin_convertvector(load_floats(from + slot[0]), T);
       const FourFloats floats = {from[slot[0] * stride], from[slot[1] * stride], from[slot[2] * stride],
                                  from[slot[3] * stride]};
       return __builtin_convertvector(floats, T);

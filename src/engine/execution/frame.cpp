@@ -3,7 +3,6 @@
 #include "engine/execution/frame_state.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cstring>
 
 namespace torvale::engine {
@@ -195,7 +194,6 @@ int Frame::run(const Program& program, const Tile& tile)
   results.state_stride = f.state_slots;
   Lanes lanes;
   LaneRunner& runner = f.runner(Stage::lane);
-  assert(tile.observation != nullptr || (state.first <= tile.first && tile.first < state.first + state.count));
   for (int i = 0; i < tile.lanes; i += lanes.count) {
     cut_strip(lanes, tile, i, runner.strip());
     const Outputs outputs{f.outputs.data() + i, output_stride, tile.sums, tile.first_sum + i, tile.adds};
